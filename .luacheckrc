@@ -1,0 +1,7 @@
+std = "lua52"
+max_line_length = 120
+files["lua/vx_agent"] = { read_globals = { "dom0", "dom", "vexAppModule" } }
+files["lua/vex"] = { read_globals = { "dom0", "dom" } }
+files["lua/plugins"] = { read_globals = { "dom0", "dom" } }
+files["lua/tests"] = { read_globals = { "dom0", "dom", "vexAppModule" } }
+files["tests/lua"] = { read_globals = { "dom0", "dom", "vexAppModule" } }

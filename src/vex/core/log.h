@@ -1,0 +1,38 @@
+#pragma once
+// Disk log and trace lines.
+
+#include "vex/core/export.h"
+
+#include <wx/log.h>
+
+namespace VexCore {
+
+/// The log target that writes "app.path.work"/"app.name".log of the process's root domain. Targets are light: all of
+/// them write through one file of the process. Lines of any thread are in the file when the call returns.
+class VEX_CORE_API CLog2Disk : public wxLog
+{
+public:
+    CLog2Disk();
+    ~CLog2Disk() override;
+
+    /// Empties the framework's queue of other threads' lines too.
+    void Flush() override;
+
+protected:
+    void DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info) override;
+};
+
+/// Whether trace lines of `module` are wanted, by the lists "app.trace" and "app.trace+" of the process's root domain
+/// ("*" is every module). One relaxed atomic load when nothing at all is traced. Any thread.
+///
+/// Modules: "Appl" the launcher; "Cmd" programs that are run; "Srvc" files, packages and databases of the core library;
+/// "vex.Heartbeat" the heartbeat worker; "vex.ListenThread" threads and workers; "vex.PluginUtils" plugins of the
+/// bundled application.
+VEX_CORE_API bool LogTraceIsEnabled(const char* module);
+
+/// Writes one trace line, whatever the lists say: callers ask `LogTraceIsEnabled` before they format. `function` is shown
+/// without blanks; `sourceFile` as given. Any thread.
+VEX_CORE_API void LogTrace(const char* module, const char* sourceFile, int line, const char* function,
+                           const wxString& message);
+
+} // namespace VexCore

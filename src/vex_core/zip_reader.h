@@ -1,0 +1,92 @@
+#pragma once
+// One strict reader of ZIP archives, for `Unzip` and for the module loader. Format and limits: docs/FORMATS.md.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace VexCore {
+
+struct ZipLimits
+{
+    std::uint64_t maxBytes = std::uint64_t(4) << 30; ///< of all entries together, unpacked
+    std::uint64_t maxEntries = 100000;
+};
+
+struct ZipEntry
+{
+    std::string name; ///< UTF-8, as stored, forward slashes; a folder's ends in "/"
+    bool isFolder = false;
+    bool executable = false; ///< any execute bit is set in its Unix mode
+    std::uint16_t method = 0; ///< 0 stored, 8 deflate
+    std::uint32_t crc32 = 0;
+    std::uint64_t packedSize = 0; ///< bytes
+    std::uint64_t size = 0; ///< bytes, unpacked
+    std::uint64_t headerOffset = 0; ///< of the local header in the file
+    std::uint64_t dataOffset = 0; ///< of the packed bytes in the file
+    std::uint32_t dosTime = 0; ///< date in the high, time in the low 16 bits, as stored
+};
+
+/// Which file an open archive is: another device, inode, size or time means that the path now names another file.
+struct FileIdentity
+{
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    std::int64_t mtimeNs = 0;
+    std::int64_t ctimeNs = 0;
+    bool operator==(const FileIdentity& other) const
+    {
+        return device == other.device && inode == other.inode && size == other.size && mtimeNs == other.mtimeNs
+               && ctimeNs == other.ctimeNs;
+    }
+    bool operator!=(const FileIdentity& other) const { return !(*this == other); }
+};
+
+/// An archive that passed every check of its headers. Immutable after `Open`; any number of threads may read.
+class ZipArchive
+{
+public:
+    /// Opens, checks all headers and indexes the names. Null, with one line in `error` that names entry (escaped) and
+    /// reason but not the archive, when the file is no regular file (FIFOs and folders do not block or open), cannot be read, or breaks
+    /// any rule. `name` paths are bytes of the file system.
+    static std::shared_ptr<const ZipArchive> Open(const std::string& path, const ZipLimits& limits, std::string& error);
+    ~ZipArchive();
+
+    const std::string& Path() const { return m_path; }
+    const FileIdentity& Identity() const { return m_identity; }
+    /// Entries in the order of the directory.
+    const std::vector<ZipEntry>& Entries() const { return m_entries; }
+    /// Null when there is none.
+    const ZipEntry* Find(std::string_view name) const;
+    /// The directory's bytes from first record to end record, as a SHA-256 in lower-case hex: names what the archive
+    /// holds (the directory has every entry's checksum and size).
+    std::string DirectorySha256() const;
+
+    /// Gets chunks of an entry in order; false stops the reading.
+    using Sink = std::function<bool(const char* data, std::size_t size)>;
+    /// Reads one entry and compares length and checksum with the directory. False with one line in `error` when they
+    /// differ, the packed data is damaged or has bytes behind its end, or the file was cut short meanwhile. With a sink
+    /// memory use does not grow with the entry's size; a sink that answers false ends it with an empty `error`.
+    bool Read(const ZipEntry& entry, const Sink& sink, std::string& error) const;
+    bool Read(const ZipEntry& entry, std::string& data, std::string& error) const;
+
+private:
+    ZipArchive() = default;
+    friend class ZipOpener;
+    std::string m_path;
+    int m_descriptor = -1;
+    FileIdentity m_identity;
+    std::uint64_t m_directoryOffset = 0;
+    std::uint64_t m_directorySize = 0;
+    std::vector<ZipEntry> m_entries;
+    std::vector<std::uint32_t> m_byName; // indexes of m_entries, sorted by name
+    std::string m_directoryBytes; // dropped after the hash was taken where memory matters
+};
+
+} // namespace VexCore
