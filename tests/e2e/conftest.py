@@ -1,0 +1,232 @@
+"""What every end-to-end test shares: the staged tree, a folder of its own, and processes that never outlive a test.
+
+The whole run sits in pid and mount namespaces (tools/sandbox). Here each worker additionally gets mounts of its own, with
+an empty /run and /opt before every test, so tests that use /var/run or /opt do not meet.
+"""
+import ctypes
+import os
+import shutil
+import signal
+import subprocess
+import time
+
+import pytest
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+STAGE = os.environ.get("VEX_STAGE", os.path.join(ROOT, "build", "stage"))
+BUILD = os.environ.get("VEX_BUILD", os.path.join(ROOT, "build", "release"))
+FULL = os.environ.get("VEX_FULL") == "1"
+SANITIZED = os.environ.get("VEX_SANITIZED") == "1"
+CLONE_NEWNS = 0x00020000
+# A sanitizer build takes its time; what waits for it is patient and still ends.
+PATIENCE = 60 if SANITIZED else 30
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def _own_mounts():
+    if os.environ.get("VEX_NO_SANDBOX") == "1" or os.getuid() != 0:
+        return False
+    if os.environ.get("VEX_IN_SANDBOX") != "1" and os.readlink("/proc/self/ns/pid") == _init_namespace():
+        return False
+    if _libc.unshare(CLONE_NEWNS) != 0:
+        return False
+    return subprocess.run(["mount", "--make-rprivate", "/"], check=False).returncode == 0
+
+
+def _init_namespace():
+    try:
+        return os.readlink("/proc/1/ns/pid") if os.path.basename(os.readlink("/proc/1/exe")) != "unshare" else ""
+    except OSError:
+        return ""
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "fast: also run in the sanitizer builds of a plain ./test")
+    config.addinivalue_line("markers", "sandbox: needs namespaces of its own; skips where there are none")
+    config.have_sandbox = _own_mounts() if _is_worker(config) else os.environ.get("VEX_NO_SANDBOX") != "1"
+
+
+def _is_worker(config):
+    return hasattr(config, "workerinput") or not config.getoption("numprocesses", None)
+
+
+@pytest.fixture(autouse=True)
+def _fresh_system_folders(request):
+    needs = request.node.get_closest_marker("sandbox") is not None
+    if not request.config.have_sandbox:
+        if needs:
+            pytest.skip("NO NAMESPACES HERE: this test would touch the machine itself")
+        yield
+        return
+    if not needs:
+        yield
+        return
+    for folder in ("/run", "/opt"):
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", folder], check=True)
+    if not os.path.isdir("/var/run"):
+        os.makedirs("/var/run", exist_ok=True)
+    yield
+    for folder in ("/opt", "/run"):
+        subprocess.run(["umount", "-l", folder], check=True)
+
+
+def send_signal(pid, number):
+    """The only way a test sends a signal: a pid that is not above 1 would reach more than one process."""
+    assert pid > 1, f"refusing to signal {pid}"
+    os.kill(pid, number)
+
+
+def alive(pid):
+    """Whether a process exists and is no zombie."""
+    try:
+        with open(f"/proc/{pid}/stat", "rb") as file:
+            return file.read().rpartition(b")")[2].split()[0] not in (b"Z", b"X")
+    except OSError:
+        return False
+
+
+def children(pid):
+    """The pids of a process's children, zombies included."""
+    found = []
+    for task in os.listdir(f"/proc/{pid}/task") if os.path.isdir(f"/proc/{pid}/task") else []:
+        try:
+            with open(f"/proc/{pid}/task/{task}/children") as file:
+                found += [int(word) for word in file.read().split()]
+        except OSError:
+            pass
+    return found
+
+
+def wait_until(condition, seconds=None, what="condition"):
+    """Polls until `condition()` is true and returns its value; fails the test when the time is over."""
+    seconds = PATIENCE if seconds is None else seconds
+    end = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            pytest.fail(f"{what}: not within {seconds} s")
+        time.sleep(0.01)
+
+
+class Result:
+    """What a finished run left: `status` as a shell shows it, `out` and `err` as text, `log` of the work folder."""
+
+    def __init__(self, status, out, err, log):
+        self.status, self.out_bytes, self.err_bytes, self.log = status, out, err, log
+        self.out, self.err = out.decode("utf-8", "replace"), err.decode("utf-8", "replace")
+
+
+class Tree:
+    """A tree of the agent in a folder of its own, ready to be changed: hard links to the staged files."""
+
+    def __init__(self, folder, stage=STAGE):
+        self.path = str(folder)
+        self.work = os.path.join(self.path, "work")
+        self._started = []
+        subprocess.run(["cp", "-al", stage + "/.", self.path], check=True)
+        shutil.rmtree(self.work, ignore_errors=True)
+
+    def file(self, name, content=None):
+        """The path of a file of the tree; with `content` (text or bytes) the file is written."""
+        path = os.path.join(self.path, name)
+        if content is not None:
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            if os.path.exists(path):
+                os.unlink(path)  # it may be a hard link into the staged tree
+            with open(path, "wb") as file:
+                file.write(content if isinstance(content, bytes) else content.encode())
+        return path
+
+    def app(self, name, source):
+        """Makes an application module beside the executable, and the executable under that name."""
+        self.file(name + ".lua", source)
+        link = os.path.join(self.path, name)
+        if not os.path.exists(link):
+            os.link(os.path.join(self.path, "vx_agent"), link)
+        return link
+
+    def log(self, name="vx_agent", work=None):
+        try:
+            with open(os.path.join(work or self.work, name + ".log"), encoding="utf-8", errors="replace") as file:
+                return file.read()
+        except FileNotFoundError:
+            return ""
+
+    def start(self, *arguments, name="vx_agent", env=None, **options):
+        """Starts a process of the tree; the fixture ends it with the test."""
+        process = subprocess.Popen([os.path.join(self.path, name), *arguments], stdin=subprocess.DEVNULL,
+                                   env=dict(os.environ, **(env or {})), **options)
+        self._started.append(process)
+        return process
+
+    def run(self, *arguments, name="vx_agent", env=None, timeout=None, cwd=None, prefix=(), executable=None):
+        """Runs to the end. A run that does not end is killed and fails the test: SIGINT and SIGTERM are blocked in it."""
+        command = [*prefix, executable or os.path.join(self.path, name), *arguments]
+        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                   env=dict(os.environ, **(env or {})), cwd=cwd)
+        self._started.append(process)
+        try:
+            out, err = process.communicate(timeout=timeout or PATIENCE)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            out, err = process.communicate()
+            pytest.fail(f"no end: {command}\n{out.decode(errors='replace')}\n{err.decode(errors='replace')}\n{self.log(name)}")
+        return Result(process.returncode, out, err, self.log(name))
+
+    def pid_file(self, name="vx_agent"):
+        """The pid of the supervisor, 0 while there is no file."""
+        try:
+            with open(f"/var/run/{name}.pid") as file:
+                return int(file.readline())
+        except (FileNotFoundError, ValueError):
+            return 0
+
+    def background(self, *arguments, name="vx_agent", **options):
+        """Starts in the background and returns (supervisor, child) once both run."""
+        status = self.run("--background", *arguments, name=name, **options).status
+        assert status == 0, f"the starting process ended with {status}"
+        supervisor = wait_until(lambda: self.pid_file(name), what="pid file")
+        self._started.append(supervisor)
+        child = wait_until(lambda: next(iter(children(supervisor)), 0), what="working child")
+        self._started.append(child)
+        return supervisor, child
+
+    def stop(self, supervisor):
+        """Stops a supervisor in order and waits for its end."""
+        send_signal(supervisor, signal.SIGTERM)
+        wait_until(lambda: not alive(supervisor), what="end of the supervisor")
+
+    def end_all(self):
+        for item in self._started:
+            if isinstance(item, subprocess.Popen):
+                if item.poll() is None:
+                    item.kill()
+                    item.wait()
+            elif alive(item):
+                for child in children(item):
+                    if alive(child):
+                        send_signal(child, signal.SIGKILL)
+                if alive(item):
+                    send_signal(item, signal.SIGKILL)
+        # Whatever else runs from this tree: children of a supervisor that was killed, for instance.
+        for entry in os.listdir("/proc"):
+            if entry.isdigit() and int(entry) > 1:
+                try:
+                    executable = os.readlink(f"/proc/{entry}/exe")
+                except OSError:
+                    continue
+                if executable.startswith(self.path + "/"):
+                    send_signal(int(entry), signal.SIGKILL)
+
+
+@pytest.fixture
+def tree(tmp_path):
+    """A fresh tree. Its name has a blank and a letter beyond ASCII, on purpose."""
+    folder = tmp_path / "agent é tree"
+    folder.mkdir()
+    made = Tree(folder)
+    yield made
+    made.end_all()

@@ -1,0 +1,163 @@
+#!/usr/bin/env python3
+"""Builds what the tests need and runs all of them; ./test is the way to call it.
+
+A step is a command with a name. Its output goes to build/test/<name>.log and is shown when it fails. Steps that count
+tests leave a JUnit file; the last line adds up what those files say.
+"""
+import argparse
+import glob
+import os
+import subprocess
+import sys
+import time
+import xml.etree.ElementTree
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+OUT = os.path.join(ROOT, "build", "test")
+PYTHON = "/usr/bin/python3" if os.path.exists("/usr/bin/python3") else sys.executable
+SANITIZER_OPTIONS = {
+    "ASAN_OPTIONS": "detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:abort_on_error=0",
+    "LSAN_OPTIONS": f"suppressions={ROOT}/tests/support/lsan.supp:print_suppressions=0",
+    "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1",
+    "TSAN_OPTIONS": f"suppressions={ROOT}/tests/support/tsan.supp:halt_on_error=0:second_deadlock_stack=1",
+}
+UNIT_BINARIES = ("unit_slb3", "unit_core", "unit_launcher")
+
+
+class Step:
+    """One command; `junit` are the result files that it must leave behind."""
+
+    def __init__(self, name, command, junit=(), env=None, timeout=1500):
+        self.name, self.command, self.junit, self.timeout = name, command, tuple(junit), timeout
+        self.env = dict(os.environ, **(env or {}))
+
+
+def result_file(name):
+    return os.path.join(OUT, name + ".xml")
+
+
+def build(preset, *targets):
+    return Step(f"build {preset}", ["tools/build", preset, "--quiet", *targets])
+
+
+def unit(preset, environment):
+    for binary in UNIT_BINARIES:
+        name = f"unit {preset} {binary[5:]}"
+        file = result_file(name.replace(" ", "-"))
+        yield Step(name, [f"build/{preset}/tests/{binary}", "--gtest_brief=1", f"--gtest_output=xml:{file}"], [file],
+                   environment)
+
+
+def end_to_end(name, stage, build_dir, environment, *selection):
+    file = result_file("e2e-" + name)
+    env = dict(environment, VEX_STAGE=os.path.join(ROOT, stage), VEX_BUILD=os.path.join(ROOT, build_dir))
+    return Step(f"e2e {name}", ["tools/sandbox", PYTHON, "-m", "pytest", "-q", "-n", "2", "-p", "no:cacheprovider",
+                                f"--junitxml={file}", *selection, "tests/e2e"], [file], env, 3600)
+
+
+def fuzz(seconds):
+    """Each target from its seeds for some seconds; new inputs go to the build tree, never into the corpus."""
+    for target in sorted(glob.glob(os.path.join(ROOT, "tests/fuzz/*_fuzz.cpp"))):
+        parser = os.path.basename(target)[:-len("_fuzz.cpp")]
+        found = os.path.join(OUT, "fuzz-" + parser)
+        os.makedirs(found, exist_ok=True)
+        yield Step(f"fuzz {parser}", [f"build/asan/tests/fuzz/fuzz_{parser}", f"-max_total_time={seconds(parser)}",
+                                      "-rss_limit_mb=4096", "-print_final_stats=1", "-verbosity=0",
+                                      f"-artifact_prefix={found}/", found, f"tests/fuzz/corpus/{parser}"],
+                   env=SANITIZER_OPTIONS)
+
+
+def steps(full):
+    full_env = {"VEX_FULL": "1"} if full else {}
+    sanitized = dict(SANITIZER_OPTIONS, **full_env, VEX_SANITIZED="1")
+    yield Step("house rules", [PYTHON, "tools/tidy"])
+    yield Step("luacheck", ["luacheck", "--quiet", "lua", "tests/lua"])
+    yield build("release")
+    yield from unit("release", full_env)
+    yield end_to_end("release", "build/stage", "build/release", full_env)
+    yield build("asan")
+    yield from unit("asan", sanitized)
+    yield end_to_end("asan", "build/asan/stage", "build/asan", sanitized, *([] if full else ["-m", "fast"]))
+    yield from fuzz(lambda parser: 60 if parser in ("zip_reader", "unzip") else 10)
+    yield build("tsan")
+    yield from unit("tsan", sanitized)
+    yield end_to_end("tsan", "build/tsan/stage", "build/tsan", sanitized, "-m", "fast")
+    if full:
+        for preset in ("debug", "clang"):
+            yield build(preset)
+            yield from unit(preset, full_env)
+            yield end_to_end(preset, f"build/{preset}/stage", f"build/{preset}", full_env)
+
+
+def run(step, colour):
+    log = os.path.join(OUT, step.name.replace(" ", "-") + ".log")
+    for file in step.junit:
+        if os.path.exists(file):
+            os.unlink(file)
+    begin = time.monotonic()
+    print(f"{step.name} ...", end=" ", flush=True)
+    with open(log, "wb") as output:
+        try:
+            code = subprocess.run(step.command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+                                  env=step.env, cwd=ROOT, timeout=step.timeout, check=False).returncode
+        except subprocess.TimeoutExpired:
+            code = "no end within %d s" % step.timeout
+        except OSError as error:
+            code = str(error)
+    seconds = time.monotonic() - begin
+    good = code == 0 and all(os.path.exists(file) for file in step.junit)
+    word = "ok" if good else f"FAILED ({code})"
+    print((f"\033[{32 if good else 31}m{word}\033[0m" if colour else word) + f", {seconds:.0f} s", flush=True)
+    if not good:
+        with open(log, "rb") as output:
+            tail = output.read()[-6000:].decode("utf-8", "replace")
+        print("\n".join("    " + line for line in tail.splitlines()[-60:]), flush=True)
+    return good
+
+
+def count(file):
+    passed = failed = skipped = 0
+    for case in xml.etree.ElementTree.parse(file).getroot().iter("testcase"):
+        if case.find("failure") is not None or case.find("error") is not None:
+            failed += 1
+        elif case.find("skipped") is not None or case.get("status") == "notrun":
+            skipped += 1
+        else:
+            passed += 1
+    return passed, failed, skipped
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="./test", description="Builds and runs every test.")
+    parser.add_argument("--full", action="store_true", help="every point of every sweep, in every build")
+    parser.add_argument("--stop", action="store_true", help="stop at the first step that fails")
+    parser.add_argument("--only", metavar="TEXT", action="append", help="only the steps whose name contains TEXT")
+    arguments = parser.parse_args()
+
+    os.makedirs(OUT, exist_ok=True)
+    colour = sys.stdout.isatty()
+    begin = time.monotonic()
+    totals = {"passed": 0, "failed": 0, "skipped": 0}
+    for step in steps(arguments.full):
+        if arguments.only and not any(text in step.name for text in arguments.only):
+            continue
+        good = run(step, colour)
+        before = totals["failed"]
+        for file in step.junit:
+            if os.path.exists(file):
+                for key, number in zip(totals, count(file)):
+                    totals[key] += number
+        if not step.junit and good:
+            totals["passed"] += 1
+        if not good and totals["failed"] == before:
+            totals["failed"] += 1  # the step itself, when no test of it says so
+        if not good and arguments.stop:
+            break
+    minutes, seconds = divmod(int(time.monotonic() - begin), 60)
+    print(f"unit, end-to-end, Lua, fuzz and checks took {minutes} min {seconds} s")
+    print(f"{totals['passed']} passed, {totals['failed']} failed, {totals['skipped']} skipped")
+    return 1 if totals["failed"] or not totals["passed"] else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
