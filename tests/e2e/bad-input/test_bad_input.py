@@ -1,0 +1,233 @@
+"""Bad input of every kind: reported where it should be, silent where it should be, and never a crash, a hang or a refusal."""
+import os
+
+import pytest
+
+OK = "return { main = function() return 0 end }"
+SHOW = "return { main = function() for _, k in ipairs(dom0:Keys()) do print(k .. '=' .. tostring(dom0:Get(k))) end return 0 end }"
+
+
+def settings(result):
+    return dict(line.split("=", 1) for line in result.out.splitlines() if "=" in line)
+
+
+@pytest.mark.parametrize("arguments,words", [
+    (["--no-such"], "no-such"), (["-q"], "q"), (["--workdir"], "workdir"), (["--background=yes"], "background"),
+])
+def test_the_parser_reports_a_bad_command_line_and_the_process_ends_with_failure(tree, arguments, words):
+    result = tree.run(*arguments)
+    assert result.status == 255
+    assert words in result.err
+    assert "Usage:" in result.err + result.out
+    assert not os.path.exists(tree.work)
+
+
+def test_help_lists_every_option_in_order_and_ends_with_failure_status(tree):
+    result = tree.run("--help")
+    assert result.status == 255
+    text = result.out + result.err
+    places = [text.index("--" + name) for name in (
+        "help", "verbose", "appname", "background", "lua_cpath", "domain_var", "extdir", "install_plugins", "lua_path",
+        "plugins", "trace", "workdir", "unittest", "test", "zippath")]
+    assert places == sorted(places)
+    assert "-- script-param [script-param ...]" in text
+
+
+@pytest.mark.parametrize("spelling", [["-als"], ["-a", "ls"], ["-a=ls"], ["-a:ls"], ["--appname=ls"], ["--appname", "ls"],
+                                      ["--appname=first", "--appname=ls"]])
+def test_the_parser_takes_every_spelling_and_the_last_repetition(tree, spelling):
+    tree.file("ls.lua", SHOW)
+    result = tree.run(*spelling)
+    assert result.status == 0, result.err
+    assert settings(result)["app.name"] == "ls"
+
+
+@pytest.mark.parametrize("value", ["=x", "x", "", "="])
+def test_a_malformed_domain_variable_is_named_and_passed_over(tree, value):
+    tree.app("probe", OK)
+    result = tree.run("--domain_var", value, name="probe")
+    assert result.status == 0
+    assert result.err == f"Ignoring invalid domain variable specification '{value}': expected name=value format\n"
+
+
+def test_a_domain_variable_may_be_empty_and_may_hold_the_separator(tree):
+    tree.app("probe", SHOW)
+    assert settings(tree.run("--domain_var", "a=", name="probe"))["a"] == ""
+    assert settings(tree.run("--domain_var", "a=b=c", name="probe"))["a"] == "b=c"
+
+
+def test_a_missing_unit_test_script_is_reported_without_a_line_end(tree):
+    tree.app("probe", OK)
+    result = tree.run("--unittest", "missing.lua", name="probe")
+    assert (result.status, result.err) == (0, "missing.lua: not found")
+
+
+def test_the_test_switch_alone_sets_the_mode_and_runs_main(tree):
+    tree.app("probe", SHOW)
+    assert settings(tree.run("--test", name="probe"))["app.mode.unittest"] == "true"
+
+
+def test_verbose_is_the_frameworks_own_and_does_no_harm(tree):
+    tree.app("probe", OK)
+    assert tree.run("--verbose", name="probe").status == 0
+
+
+@pytest.mark.parametrize("name", ["", "a/b", "a]]b", "100%s", "%n%n", " ", "é", "..", "x" * 300, "a\nb", "[["])
+def test_a_strange_application_name_ends_with_a_lua_status_and_no_crash(tree, name):
+    result = tree.run("--appname=" + name, timeout=60)
+    assert result.status in (0, 1, 2), (result.status, result.err)
+    if result.status:
+        assert result.err.strip()
+
+
+@pytest.mark.parametrize("workdir", ["/proc/nowhere/at/all", "/dev/null/x", ""])
+def test_a_work_folder_that_cannot_be_made_does_not_stop_the_run(tree, workdir):
+    tree.app("probe", "return { main = function() return 3 end }")
+    result = tree.run("--workdir=" + workdir, name="probe", cwd=tree.path)
+    assert result.status == 3
+
+
+def test_environment_variables_in_the_work_folder_are_expanded(tree, tmp_path):
+    tree.app("probe", SHOW)
+    found = settings(tree.run("--workdir", "$WHERE/w", name="probe", env={"WHERE": str(tmp_path)}))
+    assert found["app.path.work"] == str(tmp_path / "w")
+    assert found["app.path.ini"] == str(tmp_path / "w" / "probe.ini")
+
+
+def with_ini(tree, content, name="probe"):
+    os.makedirs(tree.work, exist_ok=True)
+    tree.app(name, SHOW)
+    with open(os.path.join(tree.work, name + ".ini"), "wb") as file:
+        file.write(content)
+    return tree.run(name=name, timeout=60)
+
+
+@pytest.mark.parametrize("line,full", [("DumpLevel=0", "false"), ("DumpLevel=2", "true"), ("DumpLevel=abc", "false"),
+                                       ("DumpLevel=-1", "true"), ("DumpLevel=", "false"), ("", "false"),
+                                       ("DumpLevel=99999999999999999999", "false")])
+def test_the_dump_level_sets_the_flag_when_it_is_a_number_other_than_zero(tree, line, full):
+    result = with_ini(tree, line.encode() + b"\n")
+    assert result.status == 0
+    assert settings(result)["app.fulldump"] == full
+
+
+def test_database_settings_are_copied_when_they_are_integers_of_the_top_level(tree):
+    result = with_ini(tree, b"sqlite.config.cache_size=abc\nsqlite.configX=5\nsqlite.config.mmap_size=1048576\nSqlite.config.y=1\n"
+                            b"[group]\nsqlite.config.busy_timeout=9\n")
+    found = {key: value for key, value in settings(result).items() if "sqlite" in key.lower()}
+    assert found == {"sqlite.configX": "5", "sqlite.config.mmap_size": "1048576"}
+
+
+def test_the_trace_list_of_the_ini_replaces_the_default(tree):
+    assert settings(with_ini(tree, b"Trace=One,Two\n"))["app.trace+"] == "One,Two"
+
+
+@pytest.mark.parametrize("content", [
+    b"\x00" * 5000, bytes(range(256)) * 40, b"[", b"=\n=\n[]\n[[]]\n", b"a\n" * 10000, b'Trace="a" b\n', b"Trace=$HOME ${x\n",
+    b"\xff\xfeT\x00r\x00a\x00c\x00e\x00=\x00X\x00\n\x00", b"\xef\xbb\xbfTrace=X\n", b"k=" + b"v" * 100000, b"!Trace=X\n!Trace=Y\n",
+    b"[Trace\nTrace=X", b"../x=1\n/abs=2\n/a/b=3\n"],
+    ids=lambda content: repr(content[:12]))
+def test_a_broken_ini_file_stops_nothing(tree, content):
+    result = with_ini(tree, content)
+    assert result.status == 0, result.err
+
+
+def test_an_ini_file_that_is_a_folder_stops_nothing(tree):
+    tree.app("probe", OK)
+    os.makedirs(os.path.join(tree.work, "probe.ini"))
+    assert tree.run(name="probe").status == 0
+
+
+def test_an_ini_file_of_100_megabytes_stops_nothing(tree):
+    tree.app("probe", OK)
+    os.makedirs(tree.work)
+    with open(os.path.join(tree.work, "probe.ini"), "wb") as file:
+        file.truncate(100 * 1024 * 1024)
+    assert tree.run(name="probe", timeout=120).status == 0
+
+
+@pytest.mark.sandbox
+def test_a_local_entry_wins_over_the_global_one(tree):
+    # The global file of an application lies in /etc, which here is a mount of this test's own.
+    from conftest import mount_tmpfs, unmount
+    mount_tmpfs("/etc")
+    try:
+        with open("/etc/probe.conf", "w") as file:
+            file.write("Trace=Global\nDumpLevel=1\n")
+        found = settings(with_ini(tree, b"Trace=Local\n"))
+        assert found["app.path.ini.global"] == "/etc/probe.conf"
+        assert (found["app.trace+"], found["app.fulldump"]) == ("Local", "true")
+    finally:
+        unmount("/etc")
+
+
+def test_quotes_are_taken_out_of_the_trace_list(tree):
+    tree.app("probe", SHOW)
+    assert settings(tree.run("--trace", "'Appl,\"Cmd\"'", name="probe"))["app.trace"] == "Appl,Cmd"
+
+
+def test_an_extension_folder_that_is_a_file_is_silent(tree):
+    tree.app("probe", OK)
+    result = tree.run("--extdir", tree.file("afile", "x"), name="probe")
+    assert (result.status, result.err) == (0, "")
+    assert "WARNING" not in result.log
+
+
+def test_ten_thousand_archive_entries_give_a_warning_each_and_no_crash(tree):
+    tree.app("probe", OK)
+    result = tree.run("--zippath", ";".join(f"n{i}.zip" for i in range(10000)), name="probe", timeout=120)
+    assert result.status == 0
+    assert result.log.count(": no matches") == 10000
+
+
+def extension(tree, version):
+    tree.file("ext/e.vxe", b"PK\x05\x06" + b"\0" * 18)
+    if version is not None:
+        tree.file("ext/e.vxe.version", version)
+    tree.app("probe", SHOW)
+    return tree.run("--extdir", "ext", name="probe", timeout=120)
+
+
+@pytest.mark.parametrize("version,taken", [
+    (b"version: 10.0.0-4015\n", True), (b"version:10.0.0-7", True), ("version: 10.0.0-4015\r\n".encode("utf-16"), True),
+    (b"\xef\xbb\xbfversion: 10.0.0-1\n", True), (b"version: 10.0.1-4015\n", False), (b"version: 10.0.0\n", False),
+    (b" version: 10.0.0-1\n", False), (b"Version: 10.0.0-1\n", False), (b"", False), (b"\0" * 100000, False),
+    (b"version: x\nversion: 10.0.0-1\n", False), (b"version: 99999999999999999999.0.0-1\n", False), (None, False),
+])
+def test_a_version_file_decides_about_its_extension(tree, version, taken):
+    result = extension(tree, version)
+    assert result.status == 0
+    assert (tree.path + "/ext/e.vxe" in settings(result).get("app.lua.zippath", "")) == taken
+    assert result.log.count("WARNING") == (0 if taken else 1), result.log
+
+
+def test_a_version_file_of_100_megabytes_is_refused_in_time(tree):
+    path = tree.file("ext/e.vxe.version", b"")
+    with open(path, "wb") as file:
+        file.truncate(100 * 1024 * 1024)
+    tree.file("ext/e.vxe", b"PK\x05\x06" + b"\0" * 18)
+    tree.app("probe", OK)
+    result = tree.run("--extdir", "ext", name="probe", timeout=120)
+    assert result.status == 0
+    assert result.log.count("does not contain a 'version:' line") == 1
+
+
+def test_an_archive_that_is_a_fifo_does_not_block(tree):
+    os.mkfifo(os.path.join(tree.path, "pipe.zip"))
+    tree.app("probe", OK)
+    result = tree.run("--zippath", "pipe.zip;pipe*.zip", name="probe")
+    assert result.status == 0
+
+
+def test_a_hundred_thousand_arguments_reach_the_script(tree):
+    # Each is short, so that the system's limit on their total is not met.
+    tree.app("probe", "return { main = function() print(#arg, arg[99999]); return 0 end }")
+    result = tree.run("--", *(str(i) for i in range(1, 100000)), name="probe", timeout=120)
+    assert (result.status, result.out) == (0, "99999\t99999\n"), result.err[:500]
+
+
+def test_an_argument_that_is_not_utf8_does_not_crash(tree):
+    tree.app("probe", OK)
+    executable = os.path.join(tree.path, "probe")
+    result = tree.run("-c", '"$0" -- "$(printf "\\377\\376")"', executable, executable="/bin/sh", name="probe")
+    assert result.status == 0

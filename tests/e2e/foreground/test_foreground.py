@@ -1,0 +1,154 @@
+"""The foreground run from end to end: order of the module's functions, statuses, arguments, and what is in the log."""
+import os
+import re
+
+import pytest
+
+LIFE = """
+local M = {}
+print("load")
+function M.init() print("init"); return 0 end
+function M.main() print("main"); return 0 end
+function M.shutdown() print("shutdown"); return 0 end
+return M
+"""
+NAMES = pytest.mark.parametrize("name", ["probe", "vx_agent"])
+
+
+def application(tree, name, source):
+    if name == "vx_agent":
+        # A module given with lua_path goes before the packed one.
+        tree.file("override/vx_agent.lua", source)
+        return ["--lua_path", tree.path + "/override/?.lua"]
+    tree.app(name, source)
+    return []
+
+
+@pytest.mark.fast
+@NAMES
+def test_init_main_and_shutdown_run_in_order(tree, name):
+    result = tree.run(*application(tree, name, LIFE), name=name)
+    assert (result.status, result.out, result.err) == (0, "load\ninit\nmain\nshutdown\n", "")
+
+
+@pytest.mark.parametrize("step,printed", [("init", "init\n"), ("main", "init\nmain\n"), ("shutdown", "init\nmain\nshutdown\n")])
+@NAMES
+def test_the_first_status_other_than_zero_ends_the_run_and_is_the_exit_status(tree, name, step, printed):
+    source = LIFE.replace('print("load")\n', "").replace(f'print("{step}"); return 0', f'print("{step}"); return 7')
+    result = tree.run(*application(tree, name, source), name=name)
+    assert (result.status, result.out) == (7, printed)
+    assert result.err == "\n"  # the last error text, which is empty, and a line end
+
+
+def test_a_status_given_as_a_numeric_text_counts(tree):
+    tree.app("probe", "return { main = function() return '5' end }")
+    assert tree.run(name="probe").status == 5
+
+
+@pytest.mark.parametrize("value", ["nil", "true", "{}", "print"])
+def test_values_that_are_no_number_count_as_success(tree, value):
+    tree.app("probe", f"return {{ main = function() return {value} end }}")
+    result = tree.run(name="probe")
+    assert (result.status, result.err) == (0, "")
+
+
+def test_a_module_without_functions_is_a_success(tree):
+    tree.app("probe", "return { main = 'no function' }")
+    result = tree.run(name="probe")
+    assert (result.status, result.out, result.err) == (0, "", "")
+
+
+@pytest.mark.parametrize("arguments,expected", [
+    (["--plugins", "x", "--", "a", "b"], {-3: "EXE", -2: "--plugins", -1: "x", 0: "probe", 1: "a", 2: "b"}),
+    (["--plugins=x"], {-2: "EXE", -1: "--plugins=x", 0: "probe"}),
+    (["--", "-x", "--", "é"], {-1: "EXE", 0: "probe", 1: "-x", 2: "--", 3: "é"}),
+    (["--"], {-1: "EXE", 0: "probe"}),
+    ([], {-1: "EXE", 0: "probe"}),
+])
+def test_the_table_arg_has_negative_keys_before_the_separator(tree, arguments, expected):
+    tree.app("probe", "return { main = function() for k, v in pairs(arg) do print(k .. '=' .. v) end return 0 end }")
+    result = tree.run(*arguments, name="probe")
+    exe = os.path.join(tree.path, "probe")
+    got = dict(line.split("=", 1) for line in result.out.splitlines())
+    assert got == {str(key): exe if value == "EXE" else value for key, value in expected.items()}
+
+
+def test_dom0_and_dom_are_one_object_and_survive_losing_every_reference(tree):
+    tree.app("probe", """
+        assert(rawequal(dom0, dom))
+        local M = {}
+        function M.main()
+          dom0:Set("probe.key", "kept"); dom0, dom = nil, nil
+          collectgarbage(); collectgarbage()
+          return 0
+        end
+        return M""")
+    assert tree.run(name="probe").status == 0
+
+
+@pytest.mark.fast
+@NAMES
+def test_lines_logged_by_the_script_are_in_the_file_when_the_process_has_ended(tree, name):
+    source = """return { main = function()
+        dom0:Log("warning", "first"); dom0:Trace("Mine", "traced"); dom0:Log("debug", "second\\nline"); return 0 end }"""
+    result = tree.run(*application(tree, name, source), "--trace", "Appl,Mine", name=name)
+    assert result.status == 0, result.err
+    record = r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d %s \[\d+/CScriptThread\] %s"
+    assert re.search(record % ("WARNING", "first$"), result.log, re.M), result.log
+    assert re.search(record % ("TRACE", r"\w* ?.*: traced$"), result.log, re.M), result.log
+    assert re.search(record % ("DEBUG", "second\n\\s+line$"), result.log, re.M), result.log
+    assert re.search(record % ("TRACE", r"Appl RunAppMethod\(vex/apps/vex/vex:\d+\): Running app's Lua method 'main'$"),
+                     result.log, re.M), result.log
+    assert re.search(r"Appl RunChunk\(vex/apps/vex/vex:\d+\): Chunk produced a return value of 0$", result.log, re.M)
+
+
+@NAMES
+def test_only_the_agent_proper_writes_the_start_banner(tree, name):
+    result = tree.run(*application(tree, name, LIFE), name=name)
+    assert ("VEX 10.0.0.4015 starting." in result.log) == (name == "vx_agent")
+    assert "exiting. Run time was" not in result.log  # only the supervisor leaves through the exit banner
+
+
+def test_the_log_file_is_for_its_owner_alone(tree):
+    tree.run("--workdir", os.path.join(tree.path, "w"))
+    assert os.stat(os.path.join(tree.path, "w")).st_mode & 0o7777 == 0o700
+    assert os.stat(os.path.join(tree.path, "w", "vx_agent.log")).st_mode & 0o7777 == 0o600
+
+
+def test_an_existing_work_folder_keeps_its_rights(tree):
+    os.mkdir(os.path.join(tree.path, "w"), 0o750)
+    os.chmod(os.path.join(tree.path, "w"), 0o750)
+    tree.run("--workdir", os.path.join(tree.path, "w"))
+    assert os.stat(os.path.join(tree.path, "w")).st_mode & 0o7777 == 0o750
+
+
+def test_traces_of_the_archive_path_keep_their_trailing_blanks(tree):
+    tree.app("probe", LIFE)
+    log = tree.run("--trace", "Appl", name="probe").log
+    assert f"app.lua.zippath '{tree.path}/vex_core/vex.vxe' \n" in log
+    os.unlink(tree.file("vex_core/vex.vxe"))
+    assert "app.lua.zippath empty \n" in tree.run("--trace", "Appl", name="probe").log
+
+
+@pytest.mark.parametrize("locale", ["C", "POSIX", "C.UTF-8", "de_DE.UTF-8", "no_SUCH"])
+def test_text_and_numbers_are_the_same_in_every_locale(tree, locale):
+    tree.app("probe", """return { main = function() print(1.5, tostring(tonumber("1.5")), arg[1], dom0:Get("a.b")); return 0 end }""")
+    result = tree.run("--domain_var", "a.b=ü", "--", "é", name="probe", env={"LC_ALL": locale, "LANG": locale})
+    assert (result.status, result.out) == (0, "1.5\t1.5\té\tü\n"), result.err
+
+
+def test_os_exit_in_a_script_ends_the_process_with_that_status(tree):
+    tree.app("probe", "return { main = function() io.write('partial'); os.exit(9) end }")
+    result = tree.run(name="probe")
+    assert (result.status, result.out) == (9, "partial")
+
+
+@pytest.mark.parametrize("closed", ["0<&-", "1>&-", "2>&-", "0<&- 1>&- 2>&-"])
+def test_closed_standard_descriptors_do_no_harm(tree, closed):
+    tree.app("probe", """return { main = function()
+        local f = assert(io.open(dom0:Get("app.path.work") .. "/proof", "w")); f:write("ran"); f:close(); print("out"); return 4 end }""")
+    executable = os.path.join(tree.path, "probe")
+    result = tree.run("-c", f'"$0" {closed}', executable, executable="/bin/sh", name="probe")
+    assert result.status == 4
+    with open(os.path.join(tree.work, "proof")) as file:
+        assert file.read() == "ran"

@@ -1,0 +1,103 @@
+"""The staged tree is what the README promises, needs no GUI library, and works from wherever it lies."""
+import os
+import shutil
+import subprocess
+
+import pytest
+
+from conftest import STAGE
+
+APP = """
+local M = {}
+function M.main()
+  print(dom0:Get("app.path.bin")); print(dom0:Get("app.name")); print(dom0:Get("app.path.exe")); return 0
+end
+return M
+"""
+
+
+def test_the_tree_has_the_documented_files():
+    for name in ("vx_agent", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe"):
+        assert os.path.isfile(os.path.join(STAGE, name)), name
+
+
+@pytest.mark.parametrize("name", ["vx_agent", "lib/vex_core.so", "lib/libSLB3.so"])
+def test_nothing_needs_a_gui_library(name):
+    needed = subprocess.run(["ldd", os.path.join(STAGE, name)], capture_output=True, text=True, check=True).stdout
+    assert "libwx_baseu" in needed or name == "lib/libSLB3.so"
+    for gui in ("gtk", "gdk", "X11", "cairo", "pango", "_core-3"):
+        assert gui not in needed, needed
+    assert "not found" not in needed
+
+
+def test_libraries_are_found_beside_the_executable(tree):
+    needed = subprocess.run(["ldd", os.path.join(tree.path, "vx_agent")], capture_output=True, text=True, check=True).stdout
+    for line in needed.splitlines():
+        if "vex_core.so" in line or "libSLB3.so" in line:
+            assert tree.path in line, line
+
+
+@pytest.mark.fast
+def test_the_name_of_the_executable_is_the_application_name(tree):
+    tree.app("probe", APP)
+    result = tree.run(name="probe")
+    assert result.status == 0, result.err
+    assert result.out.splitlines() == [tree.path, "probe", tree.path + "/probe"]
+
+
+def test_an_executable_named_like_a_file_with_extensions_loses_the_last_one(tree):
+    # The module "my.agent" is my/agent.lua on the path.
+    tree.file("my/agent.lua", APP)
+    os.link(os.path.join(tree.path, "vx_agent"), os.path.join(tree.path, "my.agent.exe"))
+    assert tree.run(name="my.agent.exe").out.splitlines()[1] == "my.agent"
+
+
+def test_it_runs_from_any_folder_by_a_relative_path(tree, tmp_path):
+    tree.app("probe", APP)
+    elsewhere = tmp_path / "elsewhere"
+    elsewhere.mkdir()
+    relative = os.path.relpath(os.path.join(tree.path, "probe"), elsewhere)
+    result = tree.run(executable=relative, name="probe", cwd=elsewhere)
+    assert result.out.splitlines() == [tree.path, "probe", tree.path + "/probe"]
+
+
+def test_a_symbolic_link_beside_it_is_another_name(tree):
+    tree.app("probe", APP)
+    os.unlink(os.path.join(tree.path, "probe"))
+    os.symlink("vx_agent", os.path.join(tree.path, "probe"))
+    assert tree.run(name="probe").out.splitlines()[:2] == [tree.path, "probe"]
+
+
+def test_a_symbolic_link_elsewhere_makes_its_own_folder_the_binary_folder(tree, tmp_path):
+    links = tmp_path / "links"
+    links.mkdir()
+    os.symlink(os.path.join(tree.path, "vx_agent"), links / "probe")
+    (links / "probe.lua").write_text(APP)
+    result = tree.run("--workdir", str(tmp_path / "w"), executable=str(links / "probe"), name="probe")
+    assert result.out.splitlines()[:2] == [str(links), "probe"]
+
+
+def test_a_copy_of_the_tree_runs_from_another_folder(tree, tmp_path):
+    copy = tmp_path / "copy of tree"
+    shutil.copytree(tree.path, copy)
+    (copy / "probe.lua").write_text(APP)
+    os.rename(copy / "vx_agent", copy / "probe")
+    assert tree.run(executable=str(copy / "probe"), name="probe").out.splitlines()[0] == str(copy)
+
+
+def test_the_vendor_folder_is_the_parent_when_its_path_names_the_vendor(tmp_path, tree):
+    source = "return { main = function() print(dom0:Get('app.path.hv')); return 0 end }"
+    tree.app("probe", source)
+    assert tree.run(name="probe").out.strip() == tree.path
+    inside = tmp_path / "opt" / "HalvornX" / "agent"
+    shutil.copytree(tree.path, inside)
+    assert tree.run(executable=str(inside / "probe"), name="probe").out.strip() == str(inside.parent)
+
+
+@pytest.mark.fast
+def test_the_bundled_application_reports_on_this_host(tree):
+    result = tree.run()
+    assert result.status == 0, result.err
+    assert result.err == ""
+    assert os.uname().nodename in result.out
+    assert "VEX 10.0.0.4015 starting." in result.log
