@@ -1,0 +1,29 @@
+#pragma once
+// Text of the framework as the bytes that system calls take, and back.
+
+#include <string>
+
+#include <wx/string.h>
+
+namespace VexCore {
+
+/// As a file name or program argument: in the locale's character set, which is UTF-8 nearly everywhere; in UTF-8 where that
+/// set cannot express the text.
+inline std::string ToSystemBytes(const wxString& text)
+{
+    const wxWX2MBbuf bytes = text.mb_str(*wxConvFileName);
+    if (bytes.data() == nullptr || (*bytes.data() == '\0' && !text.empty()))
+        return std::string(text.utf8_str());
+    return std::string(bytes.data());
+}
+
+/// Bytes of others: as UTF-8, and as Latin-1 when they are not, so that nothing vanishes.
+inline wxString FromForeignBytes(const char* data, std::size_t size)
+{
+    wxString text = wxString::FromUTF8(data, size);
+    if (text.empty() && size > 0)
+        text = wxString(data, wxConvISO8859_1, size);
+    return text;
+}
+
+} // namespace VexCore
