@@ -1,0 +1,80 @@
+#include "slb3/error.h"
+
+#include <cstdio>
+#include <cstring>
+#include <cxxabi.h>
+#include <typeinfo>
+
+namespace SLB3::internal {
+
+namespace {
+
+/// "Class:Method" of the running closure, on the stack.
+const char* PushMethodName(lua_State* L)
+{
+    lua_getfield(L, lua_upvalueindex(UpvalueMetatable), "__class");
+    const char* className = lua_tostring(L, -1);
+    return lua_pushfstring(L, "%s:%s", className ? className : "?", lua_tostring(L, lua_upvalueindex(UpvalueMethodName)));
+}
+
+/// The type of a value; for objects the name of their class. May push.
+const char* TypeGot(lua_State* L, int index)
+{
+    if (luaL_getmetafield(L, index, "__class")) {
+        if (lua_type(L, -1) == LUA_TSTRING)
+            return lua_tostring(L, -1);
+    }
+    return luaL_typename(L, index);
+}
+
+// What Lua throws is a pointer to a type that its headers do not show.
+constexpr const char* LuaErrorTypeName = "P11lua_longjmp";
+
+} // namespace
+
+void RaiseArgumentError(lua_State* L, int index, const char* wanted, const char* got)
+{
+    luaL_checkstack(L, 8, "argument error");
+    if (!got)
+        got = TypeGot(L, index);
+    luaL_error(L, "bad argument #%d to '%s' (%s expected, got %s)", index - 1, PushMethodName(L), wanted, got);
+    std::terminate(); // luaL_error does not return, but is not declared so
+}
+
+void RaiseReceiverError(lua_State* L)
+{
+    luaL_checkstack(L, 8, "argument error");
+    const char* got = TypeGot(L, 1);
+    lua_getfield(L, lua_upvalueindex(UpvalueMetatable), "__class");
+    const char* wanted = lua_tostring(L, -1);
+    if (got && wanted && std::strcmp(got, wanted) == 0)
+        luaL_error(L, "bad argument #0 (self) to '%s' (%s expected, got one that was collected)", PushMethodName(L), wanted);
+    luaL_error(L, "bad argument #0 (self) to '%s' (%s expected, got %s; methods are called with ':')", PushMethodName(L),
+               wanted, got);
+    std::terminate();
+}
+
+void RaiseText(lua_State* L, const char* text)
+{
+    luaL_error(L, "%s", text);
+    std::terminate();
+}
+
+bool DescribeException(char (&text)[ExceptionTextBytes]) noexcept
+{
+    const std::type_info* type = abi::__cxa_current_exception_type();
+    if (!type || std::strcmp(type->name(), LuaErrorTypeName) == 0)
+        return false;
+    try {
+        throw;
+    } catch (const std::exception& e) {
+        std::snprintf(text, sizeof(text), "%s", e.what());
+    } catch (const char* message) {
+        std::snprintf(text, sizeof(text), "%s", message);
+    } catch (...) {
+        std::snprintf(text, sizeof(text), "C++ exception of type %s", type->name());
+    }
+    return true;
+}
+
+} // namespace SLB3::internal

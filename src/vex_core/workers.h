@@ -1,0 +1,11 @@
+#pragma once
+// The registry of threads that the core library's shutdown ends.
+
+namespace VexCore {
+
+/// Asks every thread that takes part in the process's stop to end and waits until all have, at most `timeoutMs`
+/// milliseconds in all. One warning in the log names each that did not; those are left running, detached from everything
+/// that goes away. New workers are refused from here on. The thread that ends the process.
+void StopAllWorkers(long timeoutMs);
+
+} // namespace VexCore
