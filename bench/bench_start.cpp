@@ -1,0 +1,53 @@
+// Measures start to exit of an empty application in the launcher, against the least program that starts wx base, Lua,
+// OpenSSL and SQLite (yardstick_start). The two take turns, so that whatever else the machine does meets both alike; the
+// medians are compared.
+//
+//   bench_start [TREE [RUNS]]     TREE is a staged tree, by default that of this build
+// Claim: at most 1.25 times the yardstick.
+
+#include "start_program.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+double Median(std::vector<double> values)
+{
+    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+    return values[values.size() / 2];
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+#ifndef __OPTIMIZE__
+    std::puts("WARNING: this build is not optimised; the figures mean nothing");
+#endif
+    namespace fs = std::filesystem;
+    const fs::path tree = argc > 1 ? argv[1] : VEX_STAGE_DIR;
+    const int runs = argc > 2 ? std::atoi(argv[2]) : 300;
+    const fs::path folder = fs::temp_directory_path() / ("vex_bench_start." + std::to_string(getpid()));
+    fs::create_directories(folder);
+    fs::copy(tree, folder, fs::copy_options::recursive);
+    fs::rename(folder / "vx_agent", folder / "empty");
+    std::ofstream(folder / "empty.lua") << "return {}\n";
+
+    const std::vector<std::string> launcher{(folder / "empty").string()};
+    const std::vector<std::string> yardstick{fs::read_symlink("/proc/self/exe").parent_path() / "yardstick_start"};
+    for (int i = 0; i < 5; ++i) { // the first runs fill the page cache
+        bench::TimeOf(launcher);
+        bench::TimeOf(yardstick);
+    }
+    std::vector<double> ours, theirs;
+    for (int i = 0; i < runs; ++i) {
+        ours.push_back(bench::TimeOf(launcher));
+        theirs.push_back(bench::TimeOf(yardstick));
+    }
+    fs::remove_all(folder);
+    std::printf("start to exit: launcher %.2f ms, yardstick %.2f ms, ratio %.2f (claim: at most 1.25)\n", Median(ours) * 1e3,
+                Median(theirs) * 1e3, Median(ours) / Median(theirs));
+    return 0;
+}
