@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace VexCore {
@@ -48,6 +49,8 @@ struct FileIdentity
     bool operator!=(const FileIdentity& other) const { return !(*this == other); }
 };
 
+FileIdentity IdentityOf(const struct stat& status);
+
 /// An archive that passed every check of its headers. Immutable after `Open`; any number of threads may read.
 class ZipArchive
 {
@@ -66,7 +69,7 @@ public:
     const ZipEntry* Find(std::string_view name) const;
     /// The directory's bytes from first record to end record, as a SHA-256 in lower-case hex: names what the archive
     /// holds (the directory has every entry's checksum and size).
-    std::string DirectorySha256() const;
+    const std::string& DirectorySha256() const { return m_directorySha256; }
 
     /// Gets chunks of an entry in order; false stops the reading.
     using Sink = std::function<bool(const char* data, std::size_t size)>;
@@ -82,11 +85,12 @@ private:
     std::string m_path;
     int m_descriptor = -1;
     FileIdentity m_identity;
-    std::uint64_t m_directoryOffset = 0;
-    std::uint64_t m_directorySize = 0;
     std::vector<ZipEntry> m_entries;
-    std::vector<std::uint32_t> m_byName; // indexes of m_entries, sorted by name
-    std::string m_directoryBytes; // dropped after the hash was taken where memory matters
+    std::vector<std::uint32_t> m_byName; // indexes of m_entries, in the order of ComparePaths
+    std::string m_directorySha256;
 };
+
+/// Text for a log line: what is no printable UTF-8 becomes \xNN, a long text is cut with "...".
+std::string EscapeForLog(std::string_view text);
 
 } // namespace VexCore

@@ -1,0 +1,31 @@
+#pragma once
+// Which entry names are accepted, and the order in which they are kept.
+
+#include <cstddef>
+#include <string_view>
+
+namespace VexCore {
+namespace Zip {
+
+constexpr std::size_t kMaxPath = 1024; ///< bytes, without a folder's last slash
+constexpr std::size_t kMaxComponent = 255; ///< bytes
+constexpr std::size_t kMaxDepth = 32; ///< components
+
+/// Null for a name that is accepted, else the reason why not. Names are refused, never mended.
+const char* WhyNameIsRefused(std::string_view name);
+
+/// The name without a folder's last slash.
+std::string_view PathOf(std::string_view name);
+
+/// Orders paths so that whatever lies below a path follows it directly: "/" comes before every other character. Below 0,
+/// 0, above 0 as memcmp.
+int ComparePaths(std::string_view left, std::string_view right);
+
+/// Whether `path` lies below `folder`.
+bool LiesBelow(std::string_view path, std::string_view folder);
+
+/// The length of the UTF-8 character at the start of `text` and its value; 0 when it is malformed.
+std::size_t DecodeUtf8(std::string_view text, char32_t& character);
+
+} // namespace Zip
+} // namespace VexCore
