@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <new>
 #include <numeric>
 #include <stdexcept>
@@ -22,6 +23,10 @@ namespace VexCore {
 using namespace Zip;
 
 namespace {
+
+/// Python's zipfile deflates the nothing that a folder holds: this is what comes out.
+constexpr std::string_view kEmptyDeflate("\3\0", 2);
+const char kFolderWithData[] = "it is a folder with data";
 
 /// A rule that the archive breaks; what() is the reason.
 class Refused : public std::runtime_error
@@ -446,8 +451,9 @@ void ZipOpener::CheckType(const ZipEntry& entry, std::uint32_t attributes)
 
 void ZipOpener::CheckSizes(const ZipEntry& entry)
 {
-    if (entry.isFolder && (entry.size != 0 || entry.packedSize != 0 || entry.crc32 != 0))
-        RefuseEntry(entry.name, "it is a folder with data");
+    const bool mayBeEmptyStream = entry.method == kMethodDeflate && entry.packedSize == kEmptyDeflate.size();
+    if (entry.isFolder && (entry.size != 0 || entry.crc32 != 0 || (entry.packedSize != 0 && !mayBeEmptyStream)))
+        RefuseEntry(entry.name, kFolderWithData);
     if (entry.method == kMethodStored && entry.size != entry.packedSize)
         RefuseEntry(entry.name, "it is stored and its two sizes differ");
     if (entry.method == kMethodDeflate && !entry.isFolder && entry.packedSize == 0)
@@ -548,6 +554,9 @@ std::uint64_t ZipOpener::CheckLocalHeader(ZipEntry& entry, std::uint16_t flags)
     entry.dataOffset = entry.headerOffset + kLocalSize + nameSize + extraSize;
     if (entry.packedSize > m_window.FileSize() - entry.dataOffset)
         RefuseEntry(entry.name, "its data does not fit into the file");
+    if (entry.isFolder && entry.packedSize != 0
+        && std::memcmp(m_window.At(entry.dataOffset, kEmptyDeflate.size()), kEmptyDeflate.data(), kEmptyDeflate.size()) != 0)
+        RefuseEntry(entry.name, kFolderWithData);
     return entry.dataOffset + entry.packedSize;
 }
 
