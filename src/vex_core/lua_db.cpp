@@ -121,7 +121,8 @@ void CheckArguments(lua_State* L)
     lua_settop(L, 3);
 }
 
-// exec(sql [, parameters]): runs one statement or, without parameters, several. Rows that they give are passed over.
+// exec(sql [, parameters]): runs one statement or, without parameters, several. Rows that they give are
+// passed over.
 int Exec(lua_State* L)
 {
     Database& self = Self(L);
@@ -197,8 +198,8 @@ int Rows(lua_State* L)
     }
 }
 
-// transaction(body): runs body between BEGIN and COMMIT. When body returns nil and a message, or false, its changes are
-// taken back and its results returned; an error takes them back and goes on.
+// transaction(body): runs body between BEGIN and COMMIT. When body returns nil and a message, or false, its
+// changes are taken back and its results returned; an error takes them back and goes on.
 int Transaction(lua_State* L)
 {
     Database& self = Self(L);
@@ -280,8 +281,9 @@ int Open(lua_State* L)
     return 1;
 }
 
-const luaL_Reg methods[] = {{"exec", Exec},   {"rows", Rows},      {"transaction", Transaction}, {"last_id", LastId},
-                            {"close", Close}, {"__gc", Collect}, {"__tostring", ToText},       {nullptr, nullptr}};
+const luaL_Reg methods[] = {{"exec", Exec},         {"rows", Rows},    {"transaction", Transaction},
+                            {"last_id", LastId},    {"close", Close},  {"__gc", Collect},
+                            {"__tostring", ToText}, {nullptr, nullptr}};
 const luaL_Reg functions[] = {{"open", Open}, {nullptr, nullptr}};
 
 } // namespace

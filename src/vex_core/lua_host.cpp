@@ -18,7 +18,8 @@
 
 #include <lua.hpp>
 
-// A Lua error unwinds C++ frames here (Lua is built as C++), so objects with destructors are safe beside calls of Lua.
+// A Lua error unwinds C++ frames here (Lua is built as C++), so objects with destructors are safe beside
+// calls of Lua.
 
 namespace VexCore {
 namespace {
@@ -48,7 +49,8 @@ void SetNumber(lua_State* L, const char* field, const std::optional<std::uint64_
         SetNumber(L, field, static_cast<double>(*value));
 }
 
-// vex.fs -------------------------------------------------------------------------------------------------------------
+// vex.fs
+// -------------------------------------------------------------------------------------------------------------
 
 // list(folder): sorted array of the names in it, without "." and "..".
 int FsList(lua_State* L)
@@ -103,7 +105,8 @@ int PushStat(lua_State* L, int (*ask)(const char*, struct stat*))
     return 1;
 }
 
-// stat(path), lstat(path): table with type, size, modified and mode; lstat tells about a symbolic link itself.
+// stat(path), lstat(path): table with type, size, modified and mode; lstat tells about a symbolic link
+// itself.
 int FsStat(lua_State* L)
 {
     return PushStat(L, [](const char* path, struct stat* about) { return ::stat(path, about); });
@@ -141,10 +144,12 @@ int FsIsatty(lua_State* L)
     return 1;
 }
 
-const luaL_Reg fsFunctions[] = {{"list", FsList}, {"stat", FsStat}, {"lstat", FsLstat}, {"mkdir", FsMkdir}, {"cwd", FsCwd},
-                                {"isatty", FsIsatty}, {nullptr, nullptr}};
+const luaL_Reg fsFunctions[] = {{"list", FsList},   {"stat", FsStat}, {"lstat", FsLstat},
+                                {"mkdir", FsMkdir}, {"cwd", FsCwd},   {"isatty", FsIsatty},
+                                {nullptr, nullptr}};
 
-// vex.host -----------------------------------------------------------------------------------------------------------
+// vex.host
+// -----------------------------------------------------------------------------------------------------------
 
 // system(): table with name, release, version, machine and host; distribution where the system has one.
 int HostSystem(lua_State* L)
@@ -210,7 +215,8 @@ int HostProcessors(lua_State* L)
     return 1;
 }
 
-// disks(): array of tables with mount, device, type; total, free and available (to an ordinary user), in bytes.
+// disks(): array of tables with mount, device, type; total, free and available (to an ordinary user), in
+// bytes.
 int HostDisks(lua_State* L)
 {
     const std::vector<host::Disk> disks = host::Disks();
@@ -264,15 +270,23 @@ int HostPid(lua_State* L)
     return 1;
 }
 
-const luaL_Reg hostFunctions[] = {
-    {"system", HostSystem}, {"uptime", HostUptime}, {"load", HostLoad}, {"memory", HostMemory},
-    {"processors", HostProcessors}, {"disks", HostDisks}, {"interfaces", HostInterfaces},
-    {"monotonic", HostMonotonic}, {"pid", HostPid}, {nullptr, nullptr}};
+const luaL_Reg hostFunctions[] = {{"system", HostSystem},
+                                  {"uptime", HostUptime},
+                                  {"load", HostLoad},
+                                  {"memory", HostMemory},
+                                  {"processors", HostProcessors},
+                                  {"disks", HostDisks},
+                                  {"interfaces", HostInterfaces},
+                                  {"monotonic", HostMonotonic},
+                                  {"pid", HostPid},
+                                  {nullptr, nullptr}};
 
-// vex.settings -------------------------------------------------------------------------------------------------------
+// vex.settings
+// -------------------------------------------------------------------------------------------------------
 
 // The value of argument 1 as the process's domain has it. Nothing is pushed while the domain is held.
-template <class Value> bool Setting(lua_State* L, Value& value)
+template <class Value>
+bool Setting(lua_State* L, Value& value)
 {
     const char* key = luaL_checkstring(L, 1);
     const RootDom root;
@@ -285,8 +299,9 @@ int Default(lua_State* L)
     return 1;
 }
 
-// text(key [, default]), bool(key [, default]), int(key [, default]): the domain's key, else the entry of the group
-// [settings] of the configuration file, else the default. What does not read as the type counts as absent.
+// text(key [, default]), bool(key [, default]), int(key [, default]): the domain's key, else the entry of the
+// group [settings] of the configuration file, else the default. What does not read as the type counts as
+// absent.
 int SettingsText(lua_State* L)
 {
     std::string value;
@@ -320,7 +335,8 @@ int SettingsInt(lua_State* L)
 const luaL_Reg settingsFunctions[] = {
     {"text", SettingsText}, {"bool", SettingsBool}, {"int", SettingsInt}, {nullptr, nullptr}};
 
-// Registration -------------------------------------------------------------------------------------------------------
+// Registration
+// -------------------------------------------------------------------------------------------------------
 
 int OpenFs(lua_State* L)
 {

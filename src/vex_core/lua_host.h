@@ -6,8 +6,8 @@
 //   vex.settings  settings with their fallback in the configuration file
 //   vex.db        SQLite databases
 //
-// A failure of the system is nil and a message; a fact that cannot be had is absent. docs/AUTHORS-GUIDE.md lists the
-// functions.
+// A failure of the system is nil and a message; a fact that cannot be had is absent. docs/AUTHORS-GUIDE.md
+// lists the functions.
 
 #include <cstdint>
 #include <optional>
@@ -18,8 +18,8 @@ struct lua_State;
 
 namespace VexCore {
 
-/// Puts the modules into package.preload of a state whose standard libraries are open; each is made when it is first
-/// required. May raise a Lua error.
+/// Puts the modules into package.preload of a state whose standard libraries are open; each is made when it
+/// is first required. May raise a Lua error.
 void RegisterHostModules(lua_State* L);
 
 namespace host {
@@ -42,7 +42,8 @@ struct Interface
     std::uint64_t sentBytes = 0, sentPackets = 0, sendErrors = 0;
 };
 
-// One file a system answers these (lua_host_linux.cpp, lua_host_solaris.cpp). Any thread. Absent: not to be had here.
+// One file a system answers these (lua_host_linux.cpp, lua_host_solaris.cpp). Any thread. Absent: not to be
+// had here.
 
 /// Name and version of the distribution, where the system's own name does not tell it.
 std::optional<std::string> Distribution();

@@ -18,7 +18,8 @@ namespace {
 std::string Unquote(const std::string& text)
 {
     std::string result;
-    const bool quoted = text.size() >= 2 && (text.front() == '"' || text.front() == '\'') && text.back() == text.front();
+    const bool quoted =
+        text.size() >= 2 && (text.front() == '"' || text.front() == '\'') && text.back() == text.front();
     const std::size_t end = text.size() - (quoted ? 1 : 0);
     for (std::size_t i = quoted ? 1 : 0; i < end; ++i) {
         if (text[i] == '\\' && i + 1 < end)
@@ -32,9 +33,9 @@ std::string Unquote(const std::string& text)
 bool HoldsData(const mntent& entry)
 {
     static const std::set<std::string> others = {
-        "autofs", "binfmt_misc", "bpf", "cgroup", "cgroup2", "configfs", "debugfs", "devpts", "devtmpfs", "efivarfs",
-        "fusectl", "hugetlbfs", "mqueue", "nsfs", "proc", "pstore", "ramfs", "rpc_pipefs", "securityfs", "squashfs",
-        "sysfs", "tmpfs", "tracefs"};
+        "autofs",   "binfmt_misc", "bpf",        "cgroup",    "cgroup2", "configfs", "debugfs", "devpts",
+        "devtmpfs", "efivarfs",    "fusectl",    "hugetlbfs", "mqueue",  "nsfs",     "proc",    "pstore",
+        "ramfs",    "rpc_pipefs",  "securityfs", "squashfs",  "sysfs",   "tmpfs",    "tracefs"};
     return others.count(entry.mnt_type) == 0;
 }
 
@@ -100,8 +101,8 @@ std::vector<Disk> Disks()
         if (device && !seen.insert(entry.mnt_fsname).second)
             continue;
         const std::uint64_t unit = sizes.f_frsize ? sizes.f_frsize : sizes.f_bsize;
-        disks.push_back({entry.mnt_dir, entry.mnt_fsname, entry.mnt_type, sizes.f_blocks * unit, sizes.f_bfree * unit,
-                         sizes.f_bavail * unit});
+        disks.push_back({entry.mnt_dir, entry.mnt_fsname, entry.mnt_type, sizes.f_blocks * unit,
+                         sizes.f_bfree * unit, sizes.f_bavail * unit});
     }
     endmntent(table);
     return disks;
@@ -120,8 +121,8 @@ std::vector<Interface> Interfaces()
             continue;
         // Received: bytes, packets, errors and five more; then sent in the same order.
         unsigned long long in[3] = {}, out[3] = {};
-        if (std::sscanf(line.c_str() + colon + 1, "%llu %llu %llu %*u %*u %*u %*u %*u %llu %llu %llu", &in[0], &in[1],
-                        &in[2], &out[0], &out[1], &out[2]) != 6)
+        if (std::sscanf(line.c_str() + colon + 1, "%llu %llu %llu %*u %*u %*u %*u %*u %llu %llu %llu", &in[0],
+                        &in[1], &in[2], &out[0], &out[1], &out[2]) != 6)
             continue;
         const std::string name = line.substr(start, colon - start);
         if (name != "lo")

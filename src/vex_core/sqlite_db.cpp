@@ -3,6 +3,7 @@
 #include "vex/core/log.h"
 #include "vex/core/sqlitedb.h"
 #include "vex_core/agentevent_store.h"
+#include "vex_core/lua_db.h"
 
 #include <algorithm>
 #include <mutex>
@@ -134,6 +135,7 @@ bool CSqliteDatabase::InitializeSQLite(CDom* dom)
 void CSqliteDatabase::ShutdownSQLite()
 {
     CloseEventStores();
+    CloseLuaDatabases();
     sqlite3_shutdown();
 }
 
