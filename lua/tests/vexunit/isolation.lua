@@ -1,7 +1,7 @@
 --- Keeps what one script does to the shared environment from the next.
 --
--- A script runs with the real globals, so that `require`, `dom0`, `arg` and the modules that it loads behave as they do
--- in the application. What it changed is put back after it: globals, the standard libraries' tables, the table of
+-- A script runs with the real globals, so that `require`, `dom0`, `arg` and the modules that it loads behave as they
+-- do in the application. What it changed is put back after it: globals, the standard libraries' tables, the table of
 -- loaded modules and the metatables of the globals and of texts.
 
 local M = {}

@@ -75,8 +75,8 @@ local function collect(before, returned)
 end
 
 --- Loads a script in the present environment.
--- @return array of { name, function or class }, or nil and what is wrong, with a traceback when it failed while it ran;
--- then the script's setupSuite and teardownSuite, if it has them
+-- @return array of { name, function or class }, or nil and what is wrong, with a traceback when it failed while it
+-- ran; then the script's setupSuite and teardownSuite, if it has them
 function M.load(path, luaunit)
   local chunk, message = loadfile(path, "t")
   if not chunk then return nil, message end
