@@ -40,6 +40,8 @@ void Close(int descriptor);
 int FStat(int descriptor, struct stat& result);
 /// Of the name itself: a symbolic link is not followed.
 int LStatAt(int folder, const char* name, struct stat& result);
+/// Of what the name leads to.
+int StatAt(int folder, const char* name, struct stat& result);
 
 /// Reads until `size` bytes are there or the file ends: a short count is the end of the file.
 ssize_t PReadFull(int descriptor, void* data, std::size_t size, off_t offset);
@@ -48,6 +50,8 @@ int WriteFull(int descriptor, const void* data, std::size_t size);
 
 int MkdirAt(int folder, const char* name, mode_t mode);
 int FChmod(int descriptor, mode_t mode);
+/// Of the name itself: fails for a symbolic link.
+int ChmodAt(int folder, const char* name, mode_t mode);
 int RenameAt(int folder, const char* name, int newFolder, const char* newName);
 /// Removes a name that is no folder.
 int UnlinkAt(int folder, const char* name);

@@ -99,6 +99,13 @@ int LStatAt(int folder, const char* name, struct stat& result)
     return Retry([&] { return ::fstatat(folder, name, &result, AT_SYMLINK_NOFOLLOW); });
 }
 
+int StatAt(int folder, const char* name, struct stat& result)
+{
+    if (!MayCall("fstatat", folder, name))
+        return -1;
+    return Retry([&] { return ::fstatat(folder, name, &result, 0); });
+}
+
 ssize_t PReadFull(int descriptor, void* data, std::size_t size, off_t offset)
 {
     if (!MayCall("pread", descriptor))
@@ -143,6 +150,23 @@ int FChmod(int descriptor, mode_t mode)
     if (!MayCall("fchmod", descriptor))
         return -1;
     return Retry([&] { return ::fchmod(descriptor, mode); });
+}
+
+int ChmodAt(int folder, const char* name, mode_t mode)
+{
+    if (!MayCall("fchmodat", folder, name))
+        return -1;
+    // The C library of Linux needs /proc to do this without following a link.
+    if (Retry([&] { return ::fchmodat(folder, name, mode, AT_SYMLINK_NOFOLLOW); }) == 0)
+        return 0;
+    if (errno != EOPNOTSUPP && errno != ENOSYS)
+        return -1;
+    const int descriptor = OpenAt(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (descriptor < 0)
+        return -1;
+    const int result = FChmod(descriptor, mode);
+    Close(descriptor);
+    return result;
 }
 
 int RenameAt(int folder, const char* name, int newFolder, const char* newName)

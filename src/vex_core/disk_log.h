@@ -1,0 +1,111 @@
+#pragma once
+// The log file, knowing nothing of the framework. Format and rotation: docs/formats/log.md.
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include <sys/types.h>
+
+namespace VexCore {
+
+enum class ELogLevel { Fatal, Error, Warning, Message, Info, Debug, Trace };
+
+const char* LogLevelWord(ELogLevel level);
+
+/// The text as it stands in a record: lines after the first are indented, so that only a record's own first line starts with
+/// a time; line breaks at the end go; other control characters, which could do things to a terminal, become \xNN.
+std::string LogText(std::string_view text);
+
+/// A whole record with its line end. `timeFormat` is strftime's.
+std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel level, pid_t process, const char* thread,
+                            std::string_view text);
+
+/// Appends records to one file that other processes append to as well, and rotates it.
+///
+/// A record is one `write` on a descriptor opened with O_APPEND, so records of several processes never mix. Before each,
+/// the name is asked for: when it no longer leads to the open file, another process has rotated and the new file is
+/// opened. A record that cannot be written (no file yet, disk full) is held, in order, and tried again with the next one; the
+/// memory for that is bounded, and what does not fit goes to standard error.
+///
+/// Any thread. Forks are survived when BeforeFork and AfterFork... are called around them.
+class DiskLog
+{
+public:
+    struct Settings
+    {
+        std::int64_t maxBytes = 10 * 1024 * 1024; ///< rotate before the file grows beyond
+        int keep = 5; ///< rotated files: .1, the newest, to .keep
+        std::string timeFormat = "%Y-%m-%d %H:%M:%S"; ///< for the log's own records
+    };
+
+    /// Holds at most `maxHeldBytes` of records that cannot be written. `errorDescriptor` stands for standard error.
+    explicit DiskLog(std::size_t maxHeldBytes, int errorDescriptor = 2);
+    ~DiskLog();
+    DiskLog(const DiskLog&) = delete;
+    DiskLog& operator=(const DiskLog&) = delete;
+
+    /// Settles the place; only the first call counts. Before it, records are held.
+    void SetFile(const std::string& path);
+    bool HasFile() const;
+    void SetSettings(const Settings& settings);
+
+    /// `shown`: standard error has the record already.
+    void Write(const std::string& record, bool shown);
+    /// Tries to write what is held.
+    void Flush();
+    /// The same, and what cannot be written goes to standard error: the process ends.
+    void FlushAtEnd();
+
+    /// The open file, or -1. The number stays the same once there is one. Async-signal-safe.
+    int Descriptor() const { return m_descriptor.load(std::memory_order_relaxed); }
+
+    /// Around a fork, on the forking thread. What is held stays with the parent.
+    void BeforeFork();
+    void AfterForkInParent();
+    void AfterForkInChild();
+
+private:
+    struct Held
+    {
+        std::string record;
+        bool shown;
+    };
+
+    bool WriteHeld();
+    bool TryWrite(const std::string& record);
+    bool WriteOnce(std::string_view bytes);
+    bool MakeReady(std::size_t size);
+    bool Open();
+    bool IsOpenFile(const struct stat& status) const;
+    bool Rotate();
+    bool ShiftFiles();
+    void RotationFailed(int error);
+    std::string RotatedName(int number) const;
+    void Hold(const std::string& record, bool shown);
+    void Fail(int error);
+    std::string OwnRecord(const std::string& text) const;
+
+    const std::size_t m_maxHeldBytes;
+    const int m_error; // standard error
+    std::atomic<int> m_descriptor{-1}; // written under m_lock
+
+    mutable std::mutex m_lock; // guards all below
+    std::string m_path;
+    Settings m_settings;
+    dev_t m_device = 0; // of the open file
+    ino_t m_inode = 0;
+    bool m_torn = false; // our last record was cut short: the next begins on a line of its own
+    bool m_troubled = false; // a failure has been reported and nothing was written since
+    std::deque<Held> m_held;
+    std::size_t m_heldBytes = 0;
+    std::size_t m_lost = 0; // records that did not fit
+    std::time_t m_rotateNotBefore = 0; // after a failure
+};
+
+} // namespace VexCore

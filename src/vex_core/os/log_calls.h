@@ -1,0 +1,20 @@
+#pragma once
+// What the disk log asks of the system beside the calls of files.
+
+#include <cstddef>
+
+namespace VexCore::os {
+
+/// Locks the whole of an open file for this process, without waiting. False: another process has it, or locks do not work
+/// there. The lock goes when the process closes the file in any way, also by its end; children do not have it.
+bool TryLockFile(int descriptor);
+
+/// Makes `descriptor` lead where `from` leads, close-on-exec, and closes `from`. False with errno; then `from` stays open.
+bool ReplaceDescriptor(int from, int descriptor);
+
+bool IsTerminal(int descriptor);
+
+/// Writes all of it as far as that works; for standard error, where nobody can be told about a failure. Keeps errno.
+void WriteBestEffort(int descriptor, const char* data, std::size_t size);
+
+} // namespace VexCore::os

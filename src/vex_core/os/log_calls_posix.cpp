@@ -1,0 +1,51 @@
+#include "vex_core/os/log_calls.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace VexCore::os {
+
+bool TryLockFile(int descriptor)
+{
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return ::fcntl(descriptor, F_SETLK, &lock) == 0;
+}
+
+bool ReplaceDescriptor(int from, int descriptor)
+{
+    while (::dup2(from, descriptor) < 0)
+        if (errno != EINTR && errno != EBUSY)
+            return false;
+    ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+    ::close(from);
+    return true;
+}
+
+bool IsTerminal(int descriptor)
+{
+    const int error = errno;
+    const bool result = ::isatty(descriptor) == 1;
+    errno = error;
+    return result;
+}
+
+void WriteBestEffort(int descriptor, const char* data, std::size_t size)
+{
+    const int error = errno;
+    while (size > 0) {
+        const ssize_t count = ::write(descriptor, data, size);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            break;
+        data += count;
+        size -= std::size_t(count);
+    }
+    errno = error;
+}
+
+} // namespace VexCore::os
