@@ -1,0 +1,19 @@
+#pragma once
+// The last calls of a process.
+
+#include <cstdio>
+
+namespace VexCore {
+
+/// Ends the process at once: no handler, no destructor, no flush.
+[[noreturn]] void EndProcessNow(int status);
+
+/// Has `handler` called with the status when `exit` runs, before every handler and destructor that is registered by now. On a
+/// system that has no such call nothing happens.
+void AtExitWithStatus(void (*handler)(int status));
+
+/// Takes a stream's lock when it is free.
+bool TryLockStream(std::FILE* stream);
+void UnlockStream(std::FILE* stream);
+
+} // namespace VexCore

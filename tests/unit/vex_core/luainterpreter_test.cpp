@@ -1,0 +1,428 @@
+#include "vex/core/luainterpreter.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <lua.hpp>
+#include <wx/mstream.h>
+#include <wx/sstream.h>
+
+using VexCore::CLuaInterpreter;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+namespace {
+
+class LuaInterpreterTest : public ::testing::Test
+{
+protected:
+    int Run(const std::string& code, int resultCount = 0, const char* name = "chunk")
+    {
+        wxMemoryInputStream in(code.data(), code.size());
+        wxMemoryOutputStream out;
+        const int status = lua.RunScript(in, 0, resultCount, name, &out);
+        output.resize(out.GetSize());
+        out.CopyTo(&output[0], output.size());
+        return status;
+    }
+    std::string Error() { return std::string(lua.GetErrorInfo().utf8_str()); }
+    std::string Global(const char* table, const char* field)
+    {
+        lua_getglobal(lua.L(), table);
+        lua_getfield(lua.L(), -1, field);
+        const std::string text = lua_tostring(lua.L(), -1);
+        lua_pop(lua.L(), 2);
+        return text;
+    }
+    int Height() { return lua_gettop(lua.L()); }
+
+    CLuaInterpreter lua{false, L"test.lua", true};
+    std::string output;
+};
+
+int CountOf(const std::string& text, const std::string& part)
+{
+    int count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
+// --- results and stack
+
+TEST_F(LuaInterpreterTest, SuccessLeavesExactlyTheResultsAskedFor)
+{
+    EXPECT_EQ(Run("return 7, 8, 9", 1), 0);
+    ASSERT_EQ(Height(), 1);
+    EXPECT_EQ(lua_tointeger(lua.L(), -1), 7);
+    EXPECT_EQ(Run("", 2), 0);
+    EXPECT_EQ(Height(), 3);
+    EXPECT_TRUE(lua_isnil(lua.L(), -1));
+    EXPECT_EQ(Error(), "");
+}
+
+TEST_F(LuaInterpreterTest, ArgumentsReachTheChunkAndAreGoneAfterwards)
+{
+    lua_pushstring(lua.L(), "below");
+    lua_pushinteger(lua.L(), 20);
+    lua_pushinteger(lua.L(), 22);
+    wxStringInputStream in("local a, b = ... return a + b");
+    EXPECT_EQ(lua.RunScript(in, 2, 1, "sum", nullptr), 0);
+    ASSERT_EQ(Height(), 2);
+    EXPECT_EQ(lua_tointeger(lua.L(), -1), 42);
+
+    lua_pushinteger(lua.L(), 1);
+    wxStringInputStream bad("error('x')");
+    EXPECT_EQ(lua.RunScript(bad, 1, 1, "bad", nullptr), 2);
+    EXPECT_EQ(Height(), 2) << "argument gone, nothing left";
+    EXPECT_STREQ(lua_tostring(lua.L(), 1), "below");
+}
+
+TEST_F(LuaInterpreterTest, LongChunkIsReadInPieces)
+{
+    std::string code = "local n = 0\n";
+    for (int i = 0; i < 20000; ++i)
+        code += "n = n + 1\n";
+    EXPECT_EQ(Run(code + "return n", 1), 0);
+    EXPECT_EQ(lua_tointeger(lua.L(), -1), 20000);
+}
+
+// --- statuses
+
+TEST_F(LuaInterpreterTest, ChunkThatDoesNotLoadIsStatusOneWithoutTraceback)
+{
+    EXPECT_EQ(Run("x = = 1", 1, "vx_agent"), 1);
+    EXPECT_EQ(Error(), "vx_agent:1: unexpected symbol near '='");
+    EXPECT_EQ(Height(), 0);
+}
+
+TEST_F(LuaInterpreterTest, PrecompiledChunkIsRefused)
+{
+    ASSERT_EQ(Run("return string.dump(function() return 1 end)", 1), 0);
+    std::size_t length = 0;
+    const char* bytes = lua_tolstring(lua.L(), -1, &length);
+    EXPECT_EQ(Run(std::string(bytes, length)), 1);
+    EXPECT_THAT(Error(), HasSubstr("attempt to load a binary chunk"));
+}
+
+TEST_F(LuaInterpreterTest, UnreadableStreamIsStatusOne)
+{
+    struct Broken : wxInputStream
+    {
+        size_t OnSysRead(void*, size_t) override
+        {
+            m_lasterror = wxSTREAM_READ_ERROR;
+            return 0;
+        }
+    } broken;
+    EXPECT_EQ(lua.RunScript(broken, 0, 0, "broken", nullptr), 1);
+    EXPECT_THAT(Error(), HasSubstr("cannot read the chunk"));
+}
+
+TEST_F(LuaInterpreterTest, RunTimeErrorIsStatusTwoWithOneTraceback)
+{
+    EXPECT_EQ(Run("local function f() error('boom') end\nf()"), 2);
+    EXPECT_THAT(Error(), StartsWith("chunk:1: boom\nstack traceback:\n\t[C]: in function 'error'\n"));
+    EXPECT_THAT(Error(), HasSubstr("chunk:2: in main chunk"));
+    EXPECT_EQ(CountOf(Error(), "stack traceback:"), 1);
+}
+
+TEST_F(LuaInterpreterTest, RethrownErrorKeepsItsFirstTraceback)
+{
+    EXPECT_EQ(Run("local function inner() error('boom') end\n"
+                  "local ok, message = xpcall(inner, debug.traceback)\nerror(message, 0)"),
+              2);
+    EXPECT_EQ(CountOf(Error(), "stack traceback:"), 1);
+    EXPECT_THAT(Error(), HasSubstr("in function 'xpcall'"));
+}
+
+TEST_F(LuaInterpreterTest, ErrorValueThatIsNoStringIsReportedByItsTextOrType)
+{
+    EXPECT_EQ(Run("error({})"), 2);
+    EXPECT_THAT(Error(), StartsWith("(error object is a table value)\nstack traceback:"));
+    EXPECT_EQ(Run("error(nil)"), 2);
+    EXPECT_THAT(Error(), StartsWith("(error object is a nil value)\nstack traceback:"));
+    EXPECT_EQ(Run("error(setmetatable({}, {__tostring = function() return 'my text' end}))"), 2);
+    EXPECT_THAT(Error(), StartsWith("my text\nstack traceback:"));
+    EXPECT_EQ(Run("error(12, 0)"), 2);
+    EXPECT_THAT(Error(), StartsWith("12\nstack traceback:"));
+}
+
+TEST_F(LuaInterpreterTest, ToStringThatFailsIsReportedToo)
+{
+    EXPECT_EQ(Run("error(setmetatable({}, {__tostring = function() error('inner') end}))"), 2);
+    EXPECT_THAT(Error(), HasSubstr("error object is a table value that gives no text: chunk:1: inner"));
+    EXPECT_EQ(Run("error(setmetatable({}, {__tostring = function() return {} end}))"), 2);
+    EXPECT_THAT(Error(), HasSubstr("its __tostring gave a table value"));
+    EXPECT_EQ(Run("local t = {} error(setmetatable(t, {__tostring = function() error(t) end}))"), 2);
+    EXPECT_THAT(Error(), HasSubstr("that gives no text: no reason"));
+}
+
+TEST_F(LuaInterpreterTest, StackOverflowIsStatusTwo)
+{
+    EXPECT_EQ(Run("local function f() return 1 + f() end f()"), 2);
+    EXPECT_THAT(Error(), HasSubstr("stack overflow"));
+    EXPECT_THAT(Error(), HasSubstr("stack traceback:"));
+    EXPECT_EQ(Run("return string.gsub('x', '.', function() local function f() return pcall(f) end return error('z') end)"), 2);
+    EXPECT_EQ(Run("local function f() return string.gsub('x', '.', f) end f()"), 2);
+    EXPECT_THAT(Error(), HasSubstr("C stack overflow"));
+}
+
+/// Allows so many bytes in all.
+struct LimitedAllocator
+{
+    std::size_t left;
+
+    static void* Allocate(void* self, void* block, std::size_t oldSize, std::size_t newSize)
+    {
+        auto& allocator = *static_cast<LimitedAllocator*>(self);
+        if (!block)
+            oldSize = 0;
+        if (newSize == 0) {
+            allocator.left += oldSize;
+            std::free(block);
+            return nullptr;
+        }
+        if (newSize > oldSize && newSize - oldSize > allocator.left)
+            return nullptr;
+        allocator.left -= newSize - oldSize;
+        return std::realloc(block, newSize);
+    }
+};
+
+TEST_F(LuaInterpreterTest, OutOfMemoryIsStatusFour)
+{
+    LimitedAllocator allocator{1 << 20};
+    lua_setallocf(lua.L(), &LimitedAllocator::Allocate, &allocator);
+    EXPECT_EQ(Run("local t = {} for i = 1, 1e9 do t[i] = {i} end"), 4);
+    EXPECT_THAT(Error(), HasSubstr("not enough memory"));
+    EXPECT_EQ(Run("local s = 'x' while true do s = s .. s end"), 4);
+    EXPECT_EQ(Run("local s = 'x' return #s:rep(1e8)"), 4);
+    EXPECT_EQ(Run("return 1"), 0) << "the state goes on";
+}
+
+TEST_F(LuaInterpreterTest, EndlessStringIsStatusOneOrFour)
+{
+    // A chunk that never ends, inside of a string.
+    struct Endless : wxInputStream
+    {
+        bool first = true;
+        size_t OnSysRead(void* buffer, size_t size) override
+        {
+            std::memset(buffer, 'x', size);
+            if (first)
+                std::memcpy(buffer, "return [[", 9);
+            first = false;
+            return size;
+        }
+    } endless;
+    LimitedAllocator allocator{1 << 20};
+    lua_setallocf(lua.L(), &LimitedAllocator::Allocate, &allocator);
+    EXPECT_EQ(lua.RunScript(endless, 0, 1, "endless", nullptr), 4);
+    EXPECT_THAT(Error(), HasSubstr("not enough memory"));
+    EXPECT_EQ(Run("return 'unfinished"), 1);
+}
+
+TEST_F(LuaInterpreterTest, ErrorInAFinaliserIsStatusFive)
+{
+    EXPECT_EQ(Run("setmetatable({}, {__gc = function() error('late') end}) collectgarbage()"), 5);
+    EXPECT_THAT(Error(), HasSubstr("late"));
+}
+
+TEST_F(LuaInterpreterTest, ForeignExceptionIsStatusTwoWithItsText)
+{
+    lua_register(lua.L(), "native", [](lua_State*) -> int { throw std::runtime_error("from a module"); });
+    lua_register(lua.L(), "odd", [](lua_State*) -> int { throw 5; });
+    EXPECT_EQ(Run("native()"), 2);
+    EXPECT_THAT(Error(), HasSubstr("from a module"));
+    EXPECT_THAT(Error(), HasSubstr("stack traceback:"));
+    EXPECT_EQ(Run("odd()"), 2);
+    EXPECT_THAT(Error(), HasSubstr("C++ exception of type i"));
+    EXPECT_EQ(Height(), 0);
+    EXPECT_EQ(Run("return 1"), 0);
+}
+
+TEST_F(LuaInterpreterTest, EveryFailingAllocationOfARunIsStatusFourOrSuccess)
+{
+    int failures = 0;
+    for (std::size_t room = 0; room < 200000; room += 512) {
+        CLuaInterpreter other(false, L"sweep", true);
+        LimitedAllocator allocator{room};
+        lua_setallocf(other.L(), &LimitedAllocator::Allocate, &allocator);
+        wxStringInputStream in("local t = {} for i = 1, 50 do t[i] = ('x'):rep(i) end print(#t) error({})");
+        wxStringOutputStream out;
+        const int status = other.RunScript(in, 0, 0, "sweep", &out);
+        EXPECT_TRUE(status == 4 || status == 2 || status == 5) << status;
+        EXPECT_EQ(lua_gettop(other.L()), 0);
+        EXPECT_FALSE(other.GetErrorInfo().empty());
+        if (status == 2)
+            break;
+        ++failures;
+    }
+    EXPECT_GT(failures, 5);
+    EXPECT_LT(failures, 390);
+}
+
+TEST_F(LuaInterpreterTest, ErrorInfoStaysUntilTheNextFailure)
+{
+    Run("error('first', 0)");
+    EXPECT_EQ(Run("return 1"), 0);
+    EXPECT_THAT(Error(), StartsWith("first\n"));
+    Run("error('second', 0)");
+    EXPECT_THAT(Error(), StartsWith("second\n"));
+}
+
+TEST_F(LuaInterpreterTest, MessageThatIsNotUtf8IsKept)
+{
+    Run("error('caf\\233', 0)");
+    EXPECT_THAT(Error(), StartsWith("café\n"));
+}
+
+TEST_F(LuaInterpreterTest, ChunkMayRunAnother)
+{
+    static CLuaInterpreter* interpreter;
+    interpreter = &lua;
+    lua_register(lua.L(), "nested", [](lua_State* L) -> int {
+        wxStringInputStream in("print('inner') error('inner failed', 0)");
+        wxStringOutputStream out;
+        lua_pushinteger(L, interpreter->RunScript(in, 0, 0, "inner", &out));
+        lua_pushstring(L, out.GetString().utf8_str());
+        return 2;
+    });
+    EXPECT_EQ(Run("print('a') local s, o = nested() print('b', s, o) error('outer', 0)"), 2);
+    EXPECT_EQ(output, "a\nb\t2\tinner\n\n");
+    EXPECT_THAT(Error(), StartsWith("outer\nstack traceback:"));
+}
+
+// --- output
+
+TEST_F(LuaInterpreterTest, PrintAndWriteKeepTheirOrder)
+{
+    EXPECT_EQ(Run("print('a', 1, nil, true) io.write('b', 2, '\\n') io.stdout:write('c'):write('d\\n') print() "
+                  "io.output():write('e\\n') io.flush() io.stdout:flush() print('x\\0y')"),
+              0);
+    EXPECT_EQ(output, std::string("a\t1\tnil\ttrue\nb2\ncd\n\ne\nx\0y\n", 26));
+}
+
+TEST_F(LuaInterpreterTest, WriteReturnsItsFile)
+{
+    EXPECT_EQ(Run("assert(io.write('') == io.stdout) assert(io.stdout:write('') == io.stdout) "
+                  "assert(io.stdout:flush() == io.stdout)"),
+              0)
+        << Error();
+}
+
+TEST_F(LuaInterpreterTest, PrintUsesTostringOfTheChunk)
+{
+    EXPECT_EQ(Run("local t = setmetatable({}, {__tostring = function() print('inside') return 'T' end}) print('v', t)"), 0);
+    EXPECT_EQ(output, "inside\nv\tT\n");
+    EXPECT_EQ(Run("tostring = function(v) return '<' .. type(v) .. '>' end print('s', 1)"), 0);
+    EXPECT_EQ(output, "<string>\t<number>\n");
+    EXPECT_EQ(Run("tostring = function(v) return {} end print('s')"), 2);
+    EXPECT_THAT(Error(), HasSubstr("'tostring' must return a string to 'print'"));
+}
+
+TEST_F(LuaInterpreterTest, OutputToAnotherFileIsNotRedirected)
+{
+    EXPECT_EQ(Run("local f = io.tmpfile() io.output(f) io.write('hidden') f:write(' too') io.flush() f:flush() "
+                  "f:seek('set') local text = f:read('*a') io.output(io.stdout) io.write(text)"),
+              0)
+        << Error();
+    EXPECT_EQ(output, "hidden too");
+}
+
+TEST_F(LuaInterpreterTest, WrongArgumentOfWriteIsAnError)
+{
+    EXPECT_EQ(Run("io.write({})"), 2);
+    EXPECT_THAT(Error(), HasSubstr("bad argument #1 to 'write' (string expected, got table)"));
+}
+
+TEST_F(LuaInterpreterTest, FailingStreamIsReportedByWrite)
+{
+    struct Full : wxOutputStream
+    {
+        size_t OnSysWrite(const void*, size_t) override
+        {
+            errno = ENOSPC;
+            m_lasterror = wxSTREAM_WRITE_ERROR;
+            return 0;
+        }
+    } full;
+    wxStringInputStream in("print('lost') local ok, why = io.write('lost') assert(ok == nil and type(why) == 'string')");
+    EXPECT_EQ(lua.RunScript(in, 0, 0, "full", &full), 0) << Error();
+}
+
+TEST_F(LuaInterpreterTest, WithoutAStreamOutputIsLuasOwn)
+{
+    ::testing::internal::CaptureStdout();
+    wxStringInputStream in("print('plain', 1) io.write('w\\n') io.stdout:write('f\\n') io.flush() io.stdout:flush()");
+    EXPECT_EQ(lua.RunScript(in, 0, 0, "plain", nullptr), 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "plain\t1\nw\nf\n");
+}
+
+// --- package paths
+
+TEST_F(LuaInterpreterTest, PackagePathsHaveTheirOrderAndNoCurrentDirectory)
+{
+    lua.SetPackagePaths("/bin/dir", "/my/?.lua;/other/?.lua", "/my/?.so");
+    const std::string path = Global("package", "path");
+    EXPECT_THAT(path, StartsWith("/my/?.lua;/other/?.lua;/bin/dir/?.lua;/bin/dir/?/init.lua;/"));
+    EXPECT_THAT(path, HasSubstr("/share/lua/5.2/?.lua"));
+    EXPECT_THAT(";" + path, Not(HasSubstr(";./")));
+    const std::string cpath = Global("package", "cpath");
+    EXPECT_THAT(cpath, StartsWith("/my/?.so;/bin/dir/lib/?.so;/"));
+    EXPECT_THAT(";" + cpath, Not(HasSubstr(";./")));
+}
+
+TEST_F(LuaInterpreterTest, EmptyPathsAreLeftOut)
+{
+    lua.SetPackagePaths("", "", "");
+    EXPECT_THAT(Global("package", "path"), StartsWith("/usr"));
+    EXPECT_THAT(Global("package", "path"), Not(HasSubstr(";;")));
+    lua.SetPackagePaths(nullptr, nullptr, nullptr);
+    EXPECT_THAT(Global("package", "cpath"), StartsWith("/usr"));
+}
+
+TEST_F(LuaInterpreterTest, SettingPathsAgainDoesNotPileThemUp)
+{
+    lua.SetPackagePaths("/b", "/p/?.lua", "/c/?.so");
+    const std::string once = Global("package", "path");
+    lua.SetPackagePaths("/b", "/p/?.lua", "/c/?.so");
+    EXPECT_EQ(Global("package", "path"), once);
+}
+
+// --- life
+
+TEST(LuaInterpreterLife, WithoutLibrariesThereAreNoGlobals)
+{
+    CLuaInterpreter bare(false, L"bare", false);
+    wxStringInputStream in("return print == nil and io == nil");
+    ASSERT_EQ(bare.RunScript(in, 0, 1, "bare", nullptr), 0);
+    EXPECT_TRUE(lua_toboolean(bare.L(), -1));
+}
+
+TEST(LuaInterpreterLife, CollectionAtTheEndRunsFinalisers)
+{
+    static int collected;
+    collected = 0;
+    {
+        CLuaInterpreter lua(true, L"collected.lua", true);
+        lua_pushcfunction(lua.L(), [](lua_State*) -> int {
+            ++collected;
+            return 0;
+        });
+        lua_setglobal(lua.L(), "count");
+        wxStringInputStream in("setmetatable({}, {__gc = function() count() error('late') end})");
+        ASSERT_EQ(lua.RunScript(in, 0, 0, "x", nullptr), 0);
+    }
+    EXPECT_EQ(collected, 1);
+}
+
+} // namespace
