@@ -5,3 +5,4 @@ files["lua/vex"] = { read_globals = { "dom0", "dom" } }
 files["lua/plugins"] = { read_globals = { "dom0", "dom" } }
 files["lua/tests"] = { read_globals = { "dom0", "dom", "vexAppModule" } }
 files["tests/lua"] = { read_globals = { "dom0", "dom", "vexAppModule" } }
+self = false

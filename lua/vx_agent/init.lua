@@ -1,7 +1,80 @@
--- The bundled application.
+--- The bundled application: a small host agent.
+--
+-- In the foreground it prints one report on the host and its plugins. In the background it starts workers that beat
+-- and collect until the agent is stopped. The launcher calls `init`, `main` and `shutdown`; each returns a status, 0
+-- is good.
+
+local facts = require("vx_agent.facts")
+local json = require("vex.json")
+local log = require("vex.log")("vx_agent")
+local options = require("vx_agent.options")
+local plugins = require("vx_agent.plugins")
+local report = require("vx_agent.report")
+local workers = require("vx_agent.workers")
+
 local M = {}
 
+local loaded = {} -- what `init` found: { id, plugin }
+local started = {} -- those whose `stop` is due
+local crew -- the workers of a background run
+
+function M.init()
+  log.info("%s %s, host agent, process %d", dom0:Get("app.name", "vx_agent"), dom0:Get("app.version", "of no version"),
+    require("vex.host").pid())
+  loaded = plugins.load_all(plugins.names(dom0:Get("app.plugins")))
+  return 0
+end
+
+-- One block of the report a plugin, in the order of "app.plugins".
+local function collect_from_plugins()
+  local blocks = json.array()
+  for _, entry in ipairs(loaded) do
+    local block = { name = entry.plugin.name, version = entry.plugin.version }
+    local ok, message = plugins.call(entry, "start", dom0)
+    if ok then
+      started[#started + 1] = entry
+      block.values, message = plugins.collect(entry, dom0)
+    end
+    if not block.values then block.error = message end
+    blocks[#blocks + 1] = block
+  end
+  return blocks
+end
+
+local function print_report(as_json)
+  local collected = facts.collect()
+  collected.plugins = collect_from_plugins()
+  local output, message = (as_json and report.json or report.text)(collected)
+  if not output then
+    io.stderr:write("vx_agent: ", message, "\n")
+    return 1
+  end
+  io.write(output)
+  return 0
+end
+
 function M.main()
+  if dom0:GetBool("app.background") then
+    crew = workers.start(dom0, loaded)
+    return 0
+  end
+  local chosen, message = options.parse(arg)
+  if not chosen then
+    io.stderr:write("vx_agent: ", message, "\n", options.usage)
+    return 2
+  end
+  if chosen.help then
+    io.write(options.usage)
+    return 0
+  end
+  return print_report(chosen.json)
+end
+
+function M.shutdown()
+  if crew then crew:stop() end
+  crew = nil
+  for index = #started, 1, -1 do plugins.call(started[index], "stop", dom0) end
+  started = {}
   return 0
 end
 

@@ -20,7 +20,7 @@ const char* PushMethodName(lua_State* L)
 /// The type of a value; for objects the name of their class. May push.
 const char* TypeGot(lua_State* L, int index)
 {
-    if (luaL_getmetafield(L, index, "__class")) {
+    if (lua_type(L, index) == LUA_TUSERDATA && luaL_getmetafield(L, index, "__class")) {
         if (lua_type(L, -1) == LUA_TSTRING)
             return lua_tostring(L, -1);
     }

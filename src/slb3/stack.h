@@ -16,18 +16,6 @@
 
 namespace SLB3 {
 
-/// The result of a function that pushed its results itself.
-struct Results
-{
-    int count;
-};
-
-/// An argument that the function looks at itself: a stack index, perhaps of nothing.
-struct Argument
-{
-    int index;
-};
-
 namespace internal {
 
 template <class T, class Enable = void>
@@ -166,18 +154,6 @@ struct Value<std::vector<T>>
         }
         return 1;
     }
-};
-
-template <>
-struct Value<Results>
-{
-    static int Push(lua_State*, Results results) { return results.count; }
-};
-
-template <>
-struct Value<Argument>
-{
-    static Argument Get(lua_State*, int index) { return Argument{index}; }
 };
 
 } // namespace internal

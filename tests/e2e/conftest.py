@@ -44,8 +44,13 @@ def unmount(folder):
 def pytest_configure(config):
     config.addinivalue_line("markers", "fast: also run in the sanitizer builds of a plain ./test")
     config.addinivalue_line("markers", "sandbox: needs namespaces of its own; skips where there are none")
+    config.addinivalue_line("markers", "slow: takes minutes of real time; started first, so that the others run beside it")
     is_worker = hasattr(config, "workerinput") or not config.getoption("numprocesses", None)
     config.have_sandbox = is_worker and _own_mounts()
+
+
+def pytest_collection_modifyitems(items):
+    items.sort(key=lambda item: item.get_closest_marker("slow") is None)
 
 
 @pytest.fixture(autouse=True)

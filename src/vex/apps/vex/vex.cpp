@@ -1,8 +1,164 @@
-// Construction and start-up. Main thread, before any other thread exists.
+// Construction and start-up: what must be right before anything else of the launcher runs. Main thread, before any other
+// thread exists. The options and what becomes of them are in cmdline.cpp and settings.cpp.
 
 #include "vex/apps/vex/vex.h"
+
+#include "vex/apps/vex/vex_p.h"
+
+#include "vex/core/crash.h"
+#include "vex/core/dom.h"
+#include "vex/core/log.h"
+#include "vex/core/openssl.h"
+
+#include <clocale>
+#include <cstring>
+#include <ctime>
+
+#include <langinfo.h>
+
+#include <wx/translation.h>
+
+const char* const CAgentApp::s_Trace = "Appl";
+
+namespace {
+
+// Finds the framework's own message catalogue. Its standard loader looks into every folder of the system's locale tree to
+// learn which languages there are, which is half of the system calls of a start; only the user's language is of use here.
+class COneLanguageLoader : public wxFileTranslationsLoader
+{
+public:
+    wxArrayString GetAvailableTranslations(const wxString&) const override
+    {
+        wxArrayString languages;
+        const wxString language = wxLocale::GetLanguageCanonicalName(wxLocale::GetSystemLanguage());
+        if (!language.empty()) {
+            languages.push_back(language);
+            languages.push_back(language.BeforeFirst('_'));
+        }
+        return languages;
+    }
+};
+
+void InitLocale(wxLocale& locale)
+{
+    wxTranslations* const translations = new wxTranslations;
+    translations->SetLoader(new COneLanguageLoader);
+    wxTranslations::Set(translations);
+    locale.Init(wxLANGUAGE_DEFAULT, wxLOCALE_LOAD_DEFAULT);
+    // The locale decides on characters and messages. It does not decide on numbers: 1.5 is 1.5 in Lua, JSON and settings.
+    std::setlocale(LC_NUMERIC, "C");
+    // An init script starts us without a locale. File names have accents all the same. "646" is Solaris' name of ASCII.
+    const char* const characters = nl_langinfo(CODESET);
+    if (std::strcmp(characters, "ANSI_X3.4-1968") == 0 || std::strcmp(characters, "646") == 0)
+        std::setlocale(LC_CTYPE, "C.UTF-8");
+}
+
+// The framework's default for a console program is to abort, and its assertions can be tripped by an operator's file (a
+// quoted value with text behind it in a configuration file does). A daemon writes a line and goes on.
+void LogAssertion(const wxString& file, int line, const wxString& function, const wxString& condition,
+                  const wxString& message)
+{
+    static thread_local bool s_inside = false; // logging may trip one too
+    if (s_inside)
+        return;
+    s_inside = true;
+    wxLogError("Assertion \"%s\" failed at %s:%d, %s(): %s", condition, file, line, function, message);
+    s_inside = false;
+}
+
+// The folder that holds the maker's products, when we are installed below it; else our own folder.
+wxString VendorFolder(const wxFileName& executable)
+{
+    const wxString own = executable.GetPath(wxPATH_GET_VOLUME);
+    if (executable.GetDirCount() <= 1)
+        return own;
+    wxFileName parent = executable;
+    parent.RemoveLastDir();
+    const wxString path = parent.GetPath(wxPATH_GET_VOLUME);
+    return path.Find("Halvorn") == wxNOT_FOUND ? own : path;
+}
+
+void WriteInstallationPaths(VexCore::CDom& dom, const wxFileName& executable)
+{
+    wxFileName library = executable;
+    library.AppendDir("lib");
+    dom.SetWx("app.path.bin", executable.GetPath(wxPATH_GET_VOLUME));
+    dom.SetWx("app.path.lib", library.GetPath(wxPATH_GET_VOLUME));
+    dom.SetWx("app.path.hv", VendorFolder(executable));
+    dom.Set("app.version", VEX_VERSION_TEXT);
+}
+
+void InstallCrashHandler(VexCore::CDom& dom, const wxString& application)
+{
+    const wxFileName dump(dom.GetPluginWorkdirWx("diag"), application, "mdmp");
+    bool fullDump = false;
+    dom.Get("app.fulldump", fullDump);
+    VexCore::InitCrashHandler(dump.GetFullPath(), application, fullDump);
+}
+
+} // namespace
 
 CAgentApp& wxGetApp()
 {
     return *static_cast<CAgentApp*>(wxApp::GetInstance());
+}
+
+wxFileName NormalizedFile(const wxString& path)
+{
+    wxFileName file;
+    file.Assign(path);
+    file.Normalize(NormalizeFlags);
+    return file;
+}
+
+CAgentApp::CAgentApp()
+{
+    tzset();
+    m_startTime = wxDateTime::UNow();
+    wxLog::SetVerbose(true);
+    wxLog::SetLogLevel(wxLOG_Info);
+    wxLog::SetTimestamp("%Y-%m-%d %H:%M:%S");
+    wxSetAssertHandler(LogAssertion);
+    InitLocale(m_locale);
+    StartupInit();
+    m_dom = VexCore::CDom::New(nullptr, nullptr, nullptr, false);
+}
+
+void CAgentApp::StartupInit()
+{
+    static bool s_done = false;
+    if (s_done)
+        return;
+    s_done = true;
+    StartOpenSsl();
+    VexCore::OpenSSLThreadSetup();
+    SeedOpenSslRandom();
+}
+
+bool CAgentApp::OnInit()
+{
+    // Paths and version first: the option handlers read them, and an option may overwrite them.
+    WriteInstallationPaths(*m_dom, NormalizedFile(argv[0]));
+    SetVendorName(wxGetTranslation("Halvorn"));
+    // Declares and parses the options, and turns them into settings.
+    if (!wxAppConsole::OnInit())
+        return false;
+    // Folder and name of a crash dump depend on the options.
+    InstallCrashHandler(*m_dom, GetAppName());
+    // Under another name we host somebody else's application, which speaks for itself: no banner, on purpose.
+    if (m_defaultName)
+        wxLogInfo("VEX " VEX_VERSION_TEXT " starting.");
+    return true;
+}
+
+wxAppTraits* CAgentApp::CreateTraits()
+{
+    return new CAgentAppTraits;
+}
+
+CAgentAppTraits::~CAgentAppTraits() = default;
+
+wxLog* CAgentAppTraits::CreateLogTarget()
+{
+    return new VexCore::CLog2Disk;
 }

@@ -5,7 +5,9 @@
 #include "vex/apps/vex/vex.h"
 
 #include <csignal>
+#include <vector>
 
+#include <wx/filename.h>
 #include <wx/string.h>
 
 // The one definition of the version; banners, packages and extensions are compared with it.
@@ -23,6 +25,33 @@ constexpr int VEX_VERSION_BUILD = 4015;
             VexCore::LogTrace(CAgentApp::s_Trace, "vex/apps/vex/vex", __LINE__, function,                              \
                               wxString::Format(__VA_ARGS__));                                                          \
     } while (false)
+
+// --- vex.cpp
+/// To normalise a path is to resolve "." and "..", a leading "~", and the folder that it is relative to.
+constexpr int NormalizeFlags = wxPATH_NORM_DOTS | wxPATH_NORM_TILDE | wxPATH_NORM_ABSOLUTE;
+/// The file that the path names, normalised against the current folder.
+wxFileName NormalizedFile(const wxString& path);
+
+// --- openssl_init.cpp
+void StartOpenSsl();
+void SeedOpenSslRandom();
+void StopOpenSsl();
+/// Polls for entropy until the status is 1, at most 100 times, and answers how often it polled. Giving up is silent.
+int SeedRandom(int (*poll)(), int (*status)());
+
+// --- settings.cpp
+/// Writes the text to standard error in UTF-8, as bytes. The framework's own output functions make the stream wide, and
+/// then narrow output, that of Lua included, prints nothing for the rest of the run. Any thread.
+void WriteStandardError(const wxString& text);
+
+// --- zippath.cpp
+/// Appends each longest run of characters of `text` that are not among the delimiters. Nothing is trimmed, empty pieces
+/// are dropped.
+void Tokenize(std::vector<wxString>& list, const wxString& text, const wxString& delimiters);
+
+// --- shutdown.cpp
+/// A run time as the exit banner shows it: "0d 01:02:03.456".
+wxString RunTimeText(const wxTimeSpan& runTime);
 
 // --- run.cpp
 extern volatile std::sig_atomic_t g_last_signal; ///< last signal that VexSignalHandler took; written only

@@ -1,0 +1,309 @@
+--- Runs scripts one after the other and reports on them as one run.
+--
+-- LuaUnit runs each test: set-up, the test, tear-down, repetition, and telling a failed assertion from an error.
+-- What is around that is ours: scripts and their environments, classes, the order, when to stop, and the reports.
+
+local luaunit = require("luaunit")
+local fs = require("vex.fs")
+local host = require("vex.host")
+local coverage = require("tests.vexunit.coverage")
+local engine = require("tests.vexunit.engine")
+local isolation = require("tests.vexunit.isolation")
+local scripts = require("tests.vexunit.scripts")
+
+local M = {}
+
+-- What a script might replace and we still need afterwards.
+local write, stderr = io.write, io.stderr
+local random, randomseed, time = math.random, math.randomseed, os.time
+local monotonic = host.monotonic
+
+--- Where a run writes to when nothing else is asked for.
+function M.standard_console()
+  return {
+    write = function(text) write(text) end,
+    complain = function(text) stderr:write(text, "\n") end,
+    terminal = fs.isatty(1),
+  }
+end
+
+local reports = {
+  text = "tests.vexunit.report_text",
+  tap = "tests.vexunit.report_tap",
+  junit = "tests.vexunit.report_junit",
+  ["nil"] = "tests.vexunit.report_nil",
+}
+
+local function shuffled(list)
+  for index = #list, 2, -1 do
+    local other = random(index)
+    list[index], list[other] = list[other], list[index]
+  end
+  return list
+end
+
+-- Whether the names on the command line choose this test, and a note of which of them did.
+local function chosen(run, class, name, full)
+  if #run.settings.names == 0 then return true end
+  local result = false
+  for _, wanted in ipairs(run.settings.names) do
+    if wanted == full or wanted == class or (not class and wanted == name) then
+      run.used_names[wanted] = true
+      result = true
+    end
+  end
+  return result
+end
+
+-- Includes and excludes apply in the order in which they were given; the last one that matches decides.
+local function filtered_in(patterns, full)
+  local result
+  local default = true
+  for _, pattern in ipairs(patterns) do
+    local exclude = pattern:sub(1, 1) == "!"
+    if exclude then
+      pattern = pattern:sub(2)
+    else
+      default = false
+    end
+    if full:find(pattern) then result = not exclude end
+  end
+  if result == nil then return default end
+  return result
+end
+
+-- One entry a test: { class, name, full name, instance, function }.
+local function expand(collected)
+  local tests = {}
+  for _, entry in ipairs(collected) do
+    local name, value = entry[1], entry[2]
+    if type(value) == "function" then
+      tests[#tests + 1] = { name = name, full = name, run = value }
+    else
+      local methods = {}
+      for method, body in pairs(value) do
+        if type(method) == "string" and type(body) == "function" and method:sub(1, 4):lower() == "test" then
+          methods[#methods + 1] = method
+        end
+      end
+      table.sort(methods)
+      for _, method in ipairs(methods) do
+        tests[#tests + 1] = {
+          class = name, name = method, full = name .. "." .. method, instance = value, run = value[method],
+        }
+      end
+    end
+  end
+  return tests
+end
+
+-- Records the end of a test, or of something that is reported like one.
+local function record(run, result)
+  result.script = run.script
+  local counts = run.counts
+  counts.run = counts.run + 1
+  counts[result.status] = counts[result.status] + 1
+  run.results[#run.results + 1] = result
+  run.report:test_ends(result)
+  local settings = run.settings
+  if result.status == "error" and (settings.stop_at_error or settings.stop_at_failure)
+    or result.status == "failed" and settings.stop_at_failure then
+    run.stopped = true
+  end
+end
+
+-- Set-up and tear-down of a class or a script: silent when it works, an entry of its own when it does not.
+local function run_fixture(run, instance, fixture, name)
+  if type(fixture) ~= "function" then return true end
+  local begin = monotonic()
+  run.engine.currentCount = 1
+  local outcome = run.engine:protectedCall(instance, fixture, name)
+  local status = engine.word(outcome.status)
+  if status == "passed" then return true end
+  if status == "skipped" then return false, outcome.msg end
+  record(run, {
+    name = name, status = status, message = outcome.msg, trace = outcome.trace, seconds = monotonic() - begin,
+  })
+  return false, name .. " failed"
+end
+
+local function run_test(run, test)
+  local unit = run.engine
+  run.report:test_starts(run.script, test.full)
+  local begin = monotonic()
+  unit.lastClassName = test.class or "[TestFunctions]" -- LuaUnit sees no change of class: classes are ours
+  unit:execOneFunction(test.class, test.name, test.instance, test.run)
+  local node = unit.result.allTests[#unit.result.allTests]
+  record(run, {
+    class = test.class, name = test.full, status = engine.word(node.status), message = node.msg,
+    trace = node.stackTrace, seconds = monotonic() - begin,
+  })
+end
+
+local function skip_test(run, test, reason)
+  run.report:test_starts(run.script, test.full)
+  record(run, { class = test.class, name = test.full, status = "skipped", message = reason, seconds = 0 })
+end
+
+-- Runs the tests of one script. A class is set up before its first test and torn down after its last one; shuffled
+-- tests may visit a class more than once.
+local function run_tests(run, tests)
+  local open -- the class that is set up
+  local broken -- why its tests cannot run
+  local function close()
+    if open and not broken then
+      run_fixture(run, open.instance, open.instance.teardownClass, open.class .. ".teardownClass")
+    end
+    open, broken = nil, nil
+  end
+  for _, test in ipairs(tests) do
+    if run.stopped then break end
+    if open and open.class ~= test.class then close() end
+    if test.class and not open then
+      open = test
+      local ok, reason = run_fixture(run, test.instance, test.instance.setupClass, test.class .. ".setupClass")
+      if not ok then broken = reason end
+    end
+    if run.stopped then break end
+    if broken then
+      skip_test(run, test, broken)
+    else
+      run_test(run, test)
+    end
+  end
+  close()
+end
+
+local function select_tests(run, collected)
+  local all, selected = expand(collected), {}
+  for _, test in ipairs(all) do
+    if chosen(run, test.class, test.name, test.full) and filtered_in(run.settings.patterns, test.full) then
+      selected[#selected + 1] = test
+    else
+      run.counts.left_out = run.counts.left_out + 1
+    end
+  end
+  if run.settings.shuffle then shuffled(selected) end
+  return selected
+end
+
+local function run_script(run, path)
+  run.script = path
+  run.report:script_starts(path)
+  -- The same seed for every script: a script on its own then runs as it does among others.
+  randomseed(run.seed)
+  local collected, message, suite = scripts.load(path, luaunit)
+  if not collected then
+    run.counts.unloadable = run.counts.unloadable + 1
+    run.report:script_fails(path, message)
+    if run.settings.stop_at_error or run.settings.stop_at_failure then run.stopped = true end
+    return
+  end
+  randomseed(run.seed)
+  local tests = select_tests(run, collected)
+  if #tests > 0 then
+    local ok, reason = run_fixture(run, nil, suite.setup, "setupSuite")
+    if ok then
+      run_tests(run, tests)
+      run_fixture(run, nil, suite.teardown, "teardownSuite")
+    else
+      for _, test in ipairs(tests) do
+        if run.stopped then break end
+        skip_test(run, test, reason)
+      end
+    end
+  end
+  run.report:script_ends(path, #tests)
+end
+
+local function unused_names(run)
+  local unused = {}
+  for _, name in ipairs(run.settings.names) do
+    if not run.used_names[name] then unused[#unused + 1] = name end
+  end
+  return unused
+end
+
+-- The status of a run, and what is wrong with the run itself.
+local function status_of(run)
+  local counts = run.counts
+  if counts.unloadable > 0 then return 2 end
+  if counts.failed > 0 or counts.error > 0 then return 1 end
+  local unused = unused_names(run)
+  if #unused > 0 then return 2, "no test is named " .. table.concat(unused, ", ") end
+  if counts.run > 0 then return 0 end
+  if counts.left_out > 0 then return 2, "the names and patterns leave no test to run" end
+  return 2, "the scripts hold no test"
+end
+
+local function run_all(run, found)
+  local restore = isolation.snapshot()
+  if run.settings.shuffle then
+    randomseed(run.seed)
+    shuffled(found)
+  end
+  for _, path in ipairs(found) do
+    if run.stopped then break end
+    run_script(run, path)
+    restore()
+  end
+end
+
+--- Runs what `spec` names.
+-- @param spec see tests.vexunit
+-- @param settings from tests.vexunit.options
+-- @param console from standard_console, or a like table
+-- @return 0, 1 or 2 as tests.vexunit says
+function M.run(spec, settings, console)
+  local domain = rawget(_G, "dom0")
+  local found, message = scripts.find(spec, domain and domain:Get("app.path.bin"))
+  if not found then
+    console.complain("vexunit: " .. message)
+    return 2
+  end
+  local report
+  report, message = require(reports[settings.output]).new(settings, console)
+  if not report then
+    console.complain("vexunit: " .. message)
+    return 2
+  end
+  local run = {
+    settings = settings, report = report, results = {}, used_names = {},
+    counts = {
+      run = 0, passed = 0, failed = 0, error = 0, skipped = 0, left_out = 0, unloadable = 0, scripts = #found,
+    },
+    seed = settings.seed or time() % 2 ^ 31,
+    started = time(),
+  }
+  local collector
+  if settings.coverage then
+    collector, message = coverage.start(settings.coverage, found)
+    if not collector then
+      console.complain("vexunit: " .. message)
+      return 2
+    end
+  end
+  run.engine = engine.new(settings.repetitions)
+  local begin = monotonic()
+  local ok, trouble = xpcall(run_all, debug.traceback, run, found)
+  run.seconds = monotonic() - begin
+  run.engine:unregisterSuite()
+  if collector then
+    local written, why = collector:finish()
+    if not written then ok, trouble = false, why end
+  end
+  if not ok then
+    console.complain("vexunit: " .. trouble)
+    return 2
+  end
+  local complaint
+  run.status, complaint = status_of(run)
+  local finished
+  finished, message = report:run_ends(run)
+  complaint = complaint or (not finished and message)
+  if not complaint then return run.status end
+  console.complain("vexunit: " .. complaint)
+  return 2
+end
+
+return M

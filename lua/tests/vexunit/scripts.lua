@@ -1,0 +1,99 @@
+--- From a specification to the scripts that it names, and from a script to its tests.
+
+local glob = require("vex.glob")
+
+local M = {}
+
+--- The scripts that a specification names.
+-- @param spec a path or a pattern
+-- @param bin the folder to look in when the current directory has no match; may be nil
+-- @return sorted array of paths, or nil and a message
+function M.find(spec, bin)
+  if type(spec) ~= "string" or spec == "" then return nil, "no script is named" end
+  local found = glob.files(spec)
+  if #found == 0 and bin and bin ~= "" and spec:sub(1, 1) ~= "/" then found = glob.files(spec, bin) end
+  if #found > 0 then return found end
+  if glob.is_pattern(spec) then return nil, ("no script matches '%s'"):format(spec) end
+  return nil, ("there is no script '%s'"):format(spec)
+end
+
+local finished = {} -- thrown by os.exit after LuaUnit's own run was asked for
+
+-- Many scripts end in `os.exit(luaunit.LuaUnit.run())`, which runs them under the plain interpreter. Here their tests
+-- are run by us, so that line only ends the loading.
+local function ignoring_own_run(luaunit, load)
+  local class, exit = luaunit.LuaUnit, os.exit
+  local kept = { run = class.run, runSuite = class.runSuite, run_module = luaunit.run, Run = luaunit.Run }
+  local asked = false
+  local function ask()
+    asked = true
+    return 0
+  end
+  class.run, class.runSuite, luaunit.run, luaunit.Run = ask, ask, ask, ask
+  os.exit = function() -- luacheck: ignore 122
+    if asked then error(finished, 0) end
+    error("the script calls os.exit while it is loaded", 2)
+  end
+  local ok, trouble = load()
+  class.run, class.runSuite, luaunit.run, luaunit.Run = kept.run, kept.runSuite, kept.run_module, kept.Run
+  os.exit = exit -- luacheck: ignore 122
+  if not ok and rawequal(trouble, finished) then return true end
+  return ok, trouble
+end
+
+local function describe(trouble)
+  if rawequal(trouble, finished) then return trouble end
+  if type(trouble) ~= "string" then
+    local ok, shown = pcall(tostring, trouble)
+    trouble = ok and shown or ("an error value of type " .. type(trouble))
+  end
+  return debug.traceback(trouble, 2)
+end
+
+local function is_test_name(name)
+  return type(name) == "string" and name:sub(1, 4):lower() == "test"
+end
+
+-- A test is a global function whose name begins with "test", or such a method of a table whose name does; a table that
+-- the script returns is looked through like the globals.
+local function collect(before, returned)
+  local holders = { _G }
+  if type(returned) == "table" and not rawequal(returned, _G) then holders[2] = returned end
+  local found, seen = {}, {}
+  for _, holder in ipairs(holders) do
+    for name, value in pairs(holder) do
+      local kind = type(value)
+      local fresh = not (rawequal(holder, _G) and rawequal(before[name], value))
+      if fresh and is_test_name(name) and (kind == "function" or kind == "table") and not seen[name] then
+        seen[name] = true
+        found[#found + 1] = { name, value }
+      end
+    end
+  end
+  table.sort(found, function(a, b) return a[1] < b[1] end)
+  return found
+end
+
+--- Loads a script in the present environment.
+-- @return array of { name, function or class }, or nil and what is wrong, with a traceback when it failed while it
+-- ran; then the script's setupSuite and teardownSuite, if it has them
+function M.load(path, luaunit)
+  local chunk, message = loadfile(path, "t")
+  if not chunk then return nil, message end
+  local before = {}
+  for name, value in pairs(_G) do before[name] = value end
+  local returned
+  local ok, trouble = ignoring_own_run(luaunit, function()
+    local done, value = xpcall(chunk, describe, path)
+    if done then returned = value end
+    return done, value
+  end)
+  if not ok then return nil, trouble end
+  local holder = type(returned) == "table" and returned or _G
+  return collect(before, returned), nil, {
+    setup = rawget(holder, "setupSuite") or rawget(_G, "setupSuite"),
+    teardown = rawget(holder, "teardownSuite") or rawget(_G, "teardownSuite"),
+  }
+end
+
+return M

@@ -1,0 +1,53 @@
+--- What the reports have in common: totals, slowest tests, texts of results.
+
+local M = {}
+
+local function plural(count, word) return ("%d %s%s"):format(count, word, count == 1 and "" or "s") end
+
+--- The line of totals.
+function M.totals(run)
+  local counts = run.counts
+  local parts = {
+    ("Ran %s of %s in %.3f seconds: %d passed"):format(plural(counts.run, "test"), plural(counts.scripts, "script"),
+      run.seconds, counts.passed),
+    ("%d failed"):format(counts.failed),
+  }
+  if counts.error > 0 then parts[#parts + 1] = plural(counts.error, "error") end
+  if counts.skipped > 0 then parts[#parts + 1] = ("%d skipped"):format(counts.skipped) end
+  if counts.left_out > 0 then parts[#parts + 1] = ("%d not selected"):format(counts.left_out) end
+  if counts.unloadable > 0 then parts[#parts + 1] = plural(counts.unloadable, "script") .. " did not load" end
+  return table.concat(parts, ", ")
+end
+
+--- Lines that name the slowest tests, slowest first.
+function M.slowest(run)
+  local sorted = {}
+  for _, result in ipairs(run.results) do
+    if result.status ~= "skipped" then sorted[#sorted + 1] = result end
+  end
+  table.sort(sorted, function(a, b)
+    if a.seconds ~= b.seconds then return a.seconds > b.seconds end
+    return a.script .. a.name < b.script .. b.name
+  end)
+  local lines = {}
+  for index = 1, math.min(run.settings.slowest, #sorted) do
+    local result = sorted[index]
+    lines[index] = ("%9.1f ms  %s %s"):format(result.seconds * 1000, result.script, result.name)
+  end
+  return lines
+end
+
+--- The line that names the seed.
+function M.seed(run)
+  return ("Seed: %d%s"):format(run.seed, run.settings.shuffle and " (the same order again: --shuffle --seed "
+    .. ("%d)"):format(run.seed) or "")
+end
+
+--- Message and traceback of a result, as one text.
+function M.explain(result)
+  local message = tostring(result.message)
+  if result.trace and result.trace ~= "" then return message .. "\n" .. result.trace end
+  return message
+end
+
+return M

@@ -1,0 +1,53 @@
+--- A worker that collects from one plugin.
+--
+-- It starts the plugin, collects at once and then every "vex.CollectInterval" seconds (or the plugin's own
+-- `interval`), and stops the plugin when the agent stops. The latest values lie in the domain as JSON, under
+-- "vex.plugin.<name>.values".
+
+local json = require("vex.json")
+local plugins = require("vx_agent.plugins")
+local settings = require("vex.settings")
+local log = require("vex.log")("vx_agent.collector")
+
+local M = {}
+
+local default_interval = 300
+
+local function interval_of(plugin)
+  local seconds = type(plugin.interval) == "number" and plugin.interval
+    or settings.int("vex.CollectInterval", default_interval)
+  return seconds >= 1 and seconds or default_interval
+end
+
+--- One collection into the domain.
+function M.collect(entry, dom)
+  local values = plugins.collect(entry, dom)
+  if not values then return false end
+  local encoded, message = json.encode(values)
+  if not encoded then
+    log.warning("Plugin '%s' collected what cannot be kept: %s", entry.id, message)
+    return false
+  end
+  dom:Set("vex.plugin." .. entry.id .. ".values", encoded)
+  dom:Set("vex.plugin." .. entry.id .. ".time", ("%d"):format(dom:TimeMillis()))
+  log.debug("plugin %s: %s", entry.id, encoded)
+  return true
+end
+
+--- The worker's body.
+-- @param argument { plugin = name }
+function M.run(argument)
+  local plugin, message = plugins.load(argument.plugin)
+  if not plugin then
+    log.warning("Plugin '%s' cannot be loaded: %s", argument.plugin, message)
+    return
+  end
+  local entry = { id = argument.plugin, plugin = plugin }
+  if not plugins.call(entry, "start", dom0) then return end
+  repeat
+    M.collect(entry, dom0)
+  until dom0:Wait("vex.CollectNow", interval_of(plugin)) == nil
+  plugins.call(entry, "stop", dom0)
+end
+
+return M

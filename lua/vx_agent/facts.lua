@@ -1,0 +1,28 @@
+--- What the agent tells about its host.
+--
+-- A fact that the system does not give is absent, so that nobody takes it for zero.
+
+local host = require("vex.host")
+local json = require("vex.json")
+
+local M = {}
+
+--- One collection.
+-- @return table with host, system, kernel, architecture, processors, uptime (seconds), load, memory and disks (bytes)
+function M.collect()
+  local system = host.system()
+  local facts = {
+    host = system.host,
+    system = system.distribution or system.name,
+    kernel = system.name and (system.name .. " " .. (system.release or "")) or nil,
+    architecture = system.machine,
+    processors = host.processors(),
+    uptime = host.uptime(),
+    load = host.load(),
+    memory = host.memory(),
+    disks = json.array(host.disks()),
+  }
+  return facts
+end
+
+return M

@@ -1,0 +1,114 @@
+--- The worker that shows that the agent lives.
+--
+-- A beat is a row in heartbeat.db and, once the row is on stable storage, a line in the log. It beats when it starts,
+-- every "vex.HeartbeatInterval" seconds, and at once when "vex.HeartbeatNow" becomes true. Between beats it sleeps.
+
+local history = require("vx_agent.history")
+local host = require("vex.host")
+local settings = require("vex.settings")
+local text = require("vex.text")
+local log = require("vex.log")("vex.Heartbeat")
+
+local M = {}
+M.__index = M
+
+local request_key = "vex.HeartbeatNow"
+local defaults = { interval = 60, days = 30, rows = 50000 }
+
+-- A setting that must be at least 1; anything else is told once and the default taken.
+function M:positive(key, default)
+  local value = settings.int(key, default)
+  if value >= 1 then return value end
+  if not self.told[key] then
+    self.told[key] = true
+    log.warning("The setting '%s' is %d and must be at least 1; %d is taken", key, value, default)
+  end
+  return default
+end
+
+-- The database, opened when it is first needed and again after a failure.
+function M:open_history()
+  if self.history then return self.history end
+  local opened, message = history.open(self.folder .. "/heartbeat.db")
+  if opened and message then log.warning("%s", message) end
+  self.history = opened
+  return opened, message
+end
+
+function M:store(beat)
+  local opened, message = self:open_history()
+  if not opened then return nil, message end
+  local id
+  id, message = opened:add(beat, {
+    days = self:positive("vex.HeartbeatKeepDays", defaults.days),
+    rows = self:positive("vex.HeartbeatKeepRows", defaults.rows),
+  })
+  if id then return id end
+  opened:close()
+  self.history = nil
+  return nil, message
+end
+
+local function describe(beat)
+  local parts = {}
+  if beat.uptime_s then parts[#parts + 1] = "up " .. text.duration(beat.uptime_s) end
+  if beat.load1 then parts[#parts + 1] = ("load %.2f"):format(beat.load1) end
+  if beat.memory_available then parts[#parts + 1] = text.bytes(beat.memory_available) .. " of memory available" end
+  return table.concat(parts, ", ")
+end
+
+--- One beat.
+-- @param reason "start", "interval" or "request"
+-- @return the row's id, or nil when the database did not take it, which is a warning in the log
+function M:beat(reason)
+  local load, memory, uptime = host.load(), host.memory(), host.uptime()
+  local beat = {
+    time_ms = self.dom:TimeMillis(), reason = reason, uptime_s = uptime and math.floor(uptime),
+    load1 = load and load[1], memory_available = memory.available,
+  }
+  local id, message = self:store(beat)
+  if id then
+    log.info("Heartbeat %d (%s): %s", id, reason, describe(beat))
+  else
+    log.warning("Heartbeat (%s) without a row in the database, %s: %s", reason, message, describe(beat))
+  end
+  return id
+end
+
+-- Takes back a request for a beat; whether there was one.
+function M:take_request()
+  if not self.dom:GetBool(request_key) then return false end
+  self.dom:Set(request_key, false)
+  return true
+end
+
+-- Sleeps until a beat is due. Its reason, or nil when the worker is to end.
+function M:wait_for_beat()
+  local deadline = host.monotonic() + self:positive("vex.HeartbeatInterval", defaults.interval)
+  while true do
+    if self:take_request() then return "request" end
+    local left = deadline - host.monotonic()
+    if left <= 0 then return "interval" end
+    if self.dom:Wait(request_key, left) == nil then return nil end
+  end
+end
+
+--- Makes the worker's object.
+-- @param dom the domain
+function M.new(dom)
+  return setmetatable({ dom = dom, folder = dom:PluginWorkdir("vx_agent"), told = {} }, M)
+end
+
+--- The worker's body: beats until the agent stops.
+function M.run()
+  local self = M.new(dom0)
+  self:take_request() -- the first beat answers it
+  local reason = "start"
+  while reason do
+    self:beat(reason)
+    reason = self:wait_for_beat()
+  end
+  if self.history then self.history:close() end
+end
+
+return M

@@ -1,0 +1,149 @@
+--- Turns a collection into text: a readable table, or JSON.
+
+local columns = require("vex.columns")
+local json = require("vex.json")
+local text = require("vex.text")
+
+local M = {}
+
+local function percent(part, whole)
+  return whole > 0 and ("%.0f %%"):format(100 * part / whole) or "-"
+end
+
+local function memory_line(available, total)
+  if not total then return nil end
+  if not available then return text.bytes(total) end
+  return ("%s of %s available"):format(text.bytes(available), text.bytes(total))
+end
+
+local function swap_line(memory)
+  if not memory.swap_total or not memory.swap_free then return nil end
+  if memory.swap_total == 0 then return "none" end
+  return ("%s of %s free"):format(text.bytes(memory.swap_free), text.bytes(memory.swap_total))
+end
+
+local function load_line(load)
+  return load and ("%.2f %.2f %.2f"):format(load[1], load[2], load[3])
+end
+
+-- Name and value of each line of the first block; a value that is nil has no line.
+local function host_rows(facts)
+  local memory = facts.memory or {}
+  local lines = {
+    { "Host", facts.host },
+    { "System", facts.system },
+    { "Kernel", facts.kernel and (facts.kernel .. (facts.architecture and " " .. facts.architecture or "")) },
+    { "Processors", facts.processors and ("%d"):format(facts.processors) },
+    { "Uptime", facts.uptime and text.duration(facts.uptime) },
+    { "Load", load_line(facts.load) },
+    { "Memory", memory_line(memory.available or memory.free, memory.total) },
+    { "Swap", swap_line(memory) },
+  }
+  local rows = {}
+  for index = 1, 8 do
+    if lines[index][2] then rows[#rows + 1] = lines[index] end
+  end
+  return rows
+end
+
+local function disk_block(disks)
+  if not disks or #disks == 0 then return "" end
+  local rows = { { "Mounted on", "Device", "Type", "Size", "Free", "Used" } }
+  for _, disk in ipairs(disks) do
+    rows[#rows + 1] = {
+      disk.mount, disk.device, disk.type, text.bytes(disk.total), text.bytes(disk.available),
+      percent(disk.total - disk.free, disk.total),
+    }
+  end
+  return "\nDisks\n" .. columns.format(rows, { indent = "  ", right = { [4] = true, [5] = true, [6] = true } })
+end
+
+local function sorted_keys(values)
+  local keys = {}
+  for key in pairs(values) do keys[#keys + 1] = key end
+  table.sort(keys, function(a, b)
+    if type(a) == type(b) then return a < b end
+    return type(a) == "number"
+  end)
+  return keys
+end
+
+local function scalar(value)
+  if type(value) == "number" and value == math.floor(value) and math.abs(value) < 2 ^ 53 then
+    return ("%d"):format(value)
+  end
+  return type(value) == "number" and ("%.2f"):format(value) or tostring(value)
+end
+
+local function is_list_of_tables(value)
+  if #value == 0 then return false end
+  for _, entry in ipairs(value) do
+    if type(entry) ~= "table" then return false end
+  end
+  return true
+end
+
+-- An array of tables: a column for each field that any of them has, "name" first.
+local function list_block(list, indent)
+  local fields = {}
+  for _, entry in ipairs(list) do
+    for field in pairs(entry) do fields[field] = true end
+  end
+  local named = fields.name
+  fields.name = nil
+  local header = sorted_keys(fields)
+  if named then table.insert(header, 1, "name") end
+  local rows, right = { {} }, {}
+  for index, field in ipairs(header) do
+    rows[1][index] = tostring(field)
+    right[index] = type(list[1][field]) == "number"
+  end
+  for _, entry in ipairs(list) do
+    local row = {}
+    for index, field in ipairs(header) do
+      local value = entry[field]
+      row[index] = value == nil and "-" or scalar(value)
+    end
+    rows[#rows + 1] = row
+  end
+  return columns.format(rows, { indent = indent, right = right })
+end
+
+local function values_block(values, indent)
+  local rows, blocks = {}, {}
+  for _, key in ipairs(sorted_keys(values)) do
+    local value = values[key]
+    if type(value) ~= "table" then
+      rows[#rows + 1] = { tostring(key), scalar(value) }
+    elseif is_list_of_tables(value) then
+      blocks[#blocks + 1] = indent .. tostring(key) .. "\n" .. list_block(value, indent .. "  ")
+    elseif next(value) ~= nil then
+      blocks[#blocks + 1] = indent .. tostring(key) .. "\n" .. values_block(value, indent .. "  ")
+    end
+  end
+  return columns.format(rows, { indent = indent }) .. table.concat(blocks)
+end
+
+local function plugin_block(plugin)
+  local head = ("\nPlugin %s %s\n"):format(plugin.name, plugin.version)
+  if plugin.error then return head .. "  failed: " .. plugin.error:match("^[^\n]*") .. "\n" end
+  local body = values_block(plugin.values, "  ")
+  return head .. (body ~= "" and body or "  nothing to tell\n")
+end
+
+--- The readable table.
+-- @param facts from vx_agent.facts, with `plugins`: array of { name, version, values or error }
+function M.text(facts)
+  local parts = { columns.format(host_rows(facts)), disk_block(facts.disks) }
+  for _, plugin in ipairs(facts.plugins or {}) do parts[#parts + 1] = plugin_block(plugin) end
+  return table.concat(parts)
+end
+
+--- The same as a JSON text with a line break at its end, or nil and a message.
+function M.json(facts)
+  local encoded, message = json.encode(facts, "  ")
+  if not encoded then return nil, message end
+  return encoded .. "\n"
+end
+
+return M

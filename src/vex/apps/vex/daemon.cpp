@@ -1,0 +1,337 @@
+// Background mode.
+//
+//   starting process --fork--> first child --fork--> supervisor --fork--> working child (one at a time)
+//     exit(0)                   setsid, chdir         pid file,             main loop and script thread (run.cpp)
+//                               exit(0)               lock, waitpid
+//
+// The starting process and the first child end at once. The supervisor is in the session and the group that the first
+// child made, without leading either, so that it can never gain a terminal. It has one thread and no database, and wakes for
+// nothing but its child and signals. Who holds the instance lock owns the pid file; a supervisor that has taken its pid file
+// away gives up the lock with it, and touches neither again.
+//
+// SIGTERM is blocked from before the first fork until pass_signal is in place, and around every later fork, so that a stop
+// meets either pass_signal or a child that keeps it pending until its run sequence takes it.
+
+#include "vex/apps/vex/daemon.h"
+
+#include "vex/apps/vex/vex_p.h"
+
+#include "vex/core/dom.h"
+#include "vex/core/execute.h"
+#include "vex/core/pidfile.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include <wx/arrstr.h>
+#include <wx/log.h>
+
+wxString g_pidFileName;
+
+namespace {
+
+const char* const DriverScript = "/opt/vx_agent/SunOS.init";
+
+// What pass_signal reads and writes: plain values, because it may run between any two instructions. All are written while
+// SIGTERM is blocked or no handler is there, but for the two that it shares with the loop.
+struct CStopState
+{
+    VexOs::CSystem* system = nullptr;
+    char pidFile[PATH_MAX] = ""; // g_pidFileName as bytes
+    volatile pid_t supervisor = 0; // the process in which the handler may act
+    volatile pid_t group = -1; // the one that the first child's setsid made
+    volatile pid_t child = 0;
+    volatile std::sig_atomic_t handled = 0; // SIGTERMs from elsewhere; never reset
+    volatile std::sig_atomic_t childRuns = 0; // shared: the loop clears it when the child has ended
+    volatile std::sig_atomic_t ownsPidFile = 0; // shared: who takes the file away first clears it
+};
+
+CStopState s_stop;
+
+// Removes the file if it exists, and lets the next instance in. Safe in a signal handler.
+void GiveUpPidFile()
+{
+    if (!s_stop.ownsPidFile)
+        return;
+    s_stop.ownsPidFile = 0;
+    s_stop.system->RemoveFile(s_stop.pidFile);
+    s_stop.system->ReleaseInstanceLock();
+}
+
+// Safe in a signal handler. Somewhere else than in our own group the signal would reach strangers.
+void SignalEverybody()
+{
+    if (s_stop.group > 1 && s_stop.system->OwnGroup() == s_stop.group)
+        s_stop.system->SignalOwnGroup(SIGTERM);
+    else if (s_stop.childRuns)
+        s_stop.system->SignalProcess(s_stop.child, SIGTERM);
+}
+
+void TakeStop(const siginfo_t* information)
+{
+    const pid_t self = s_stop.system->OwnId();
+    // A forked process has the handler too until it installs its own.
+    if (self != s_stop.supervisor)
+        return;
+    // The group's signal comes back to its sender.
+    if (information && information->si_pid == self)
+        return;
+    const bool first = s_stop.handled == 0;
+    s_stop.handled = 1;
+    if (first)
+        GiveUpPidFile();
+    SignalEverybody();
+    // Without a child there is nothing to wait for: a delay, or the driver's stop.
+    if (!first || !s_stop.childRuns)
+        s_stop.system->ExitNow(0);
+}
+
+} // namespace
+
+// SIGTERM in the supervisor. Beyond s_stop it makes these system calls, all of them safe here: getpid, getpgrp, unlink, close (of
+// the lock), kill, _exit.
+extern "C" void pass_signal(int, siginfo_t* information, void*)
+{
+    const int error = errno;
+    TakeStop(information);
+    errno = error;
+}
+
+CDaemon::CDaemon(VexOs::CSystem& system, VexCore::CDom* dom, const wxString& application)
+    : m_system(system), m_dom(dom), m_pidFile(wxString::Format("/var/run/%s.pid", application))
+{
+    s_stop = CStopState();
+    s_stop.system = &system;
+}
+
+std::optional<int> CDaemon::Run()
+{
+    RefuseSecondInstance();
+    TakeLock();
+    if (const std::optional<int> failure = Detach())
+        return failure;
+    WaitForFormerChild();
+    return Supervise();
+}
+
+// --------------------------------------------------------------------------------------------------- single instance
+
+void CDaemon::RefuseSecondInstance()
+{
+    const long pid = VexCore::ReadPidFile(m_pidFile);
+    if (pid == 0)
+        return;
+    // Any other failure, such as a process that may not be signalled, means that there is one.
+    if (m_system.Ask(static_cast<pid_t>(pid)) == -1 && errno == ESRCH) {
+        wxLogInfo("%.128s present (pid=%d), but doesn't seem to be running.", m_pidFile, static_cast<int>(pid));
+        return;
+    }
+    Refuse();
+}
+
+void CDaemon::Refuse()
+{
+    wxLogError("%.128s present, exiting", m_pidFile);
+    m_system.Exit(1);
+}
+
+// Between the check above and the pid file others may start as well: one of them gets the lock, the others end as they
+// would have a moment later.
+void CDaemon::TakeLock()
+{
+    const wxString path = m_pidFile + ".lock";
+    switch (m_system.TakeInstanceLock(path.mb_str(wxConvLibc))) {
+    case VexOs::ELock::Taken:
+        m_locked = true;
+        break;
+    case VexOs::ELock::HeldByOther:
+        Refuse();
+        break;
+    case VexOs::ELock::Unavailable:
+        wxLogWarning("%s can't be locked (%s), so a second start at the same moment would go unnoticed.", path,
+                     wxSysErrorMsg());
+        break;
+    }
+}
+
+// ------------------------------------------------------------------------------------------------------------ detach
+
+std::optional<int> CDaemon::Detach()
+{
+    AssertSingleThread();
+    m_system.ResetSignals();
+    pid_t pid = m_system.Fork();
+    if (pid < 0) {
+        wxLogSysError("Unable to fork");
+        return -1;
+    }
+    if (pid > 0)
+        m_system.Exit(0);
+
+    s_stop.group = m_system.NewSession();
+    const wxString work = m_dom->GetWxString("app.path.work");
+    const wxCharBuffer folder = work.mb_str(wxConvLibc);
+    m_system.ChangeFolder(folder.data() ? folder.data() : "");
+    pid = m_system.Fork();
+    if (pid < 0) {
+        wxLogSysError("Unable to do 2nd fork");
+        return -1;
+    }
+    if (pid > 0)
+        m_system.Exit(0);
+
+    m_system.StreamsToNull();
+    m_system.TightenFileMode();
+    VexCore::WritePidFile(m_pidFile);
+    OwnPidFile();
+    return std::nullopt;
+}
+
+// From here on every way out takes the file away.
+void CDaemon::OwnPidFile()
+{
+    const wxCharBuffer bytes = m_pidFile.mb_str(wxConvLibc);
+    const char* const text = bytes.data() ? bytes.data() : "";
+    // A longer name cannot be a file's.
+    if (std::strlen(text) < sizeof s_stop.pidFile)
+        std::strcpy(s_stop.pidFile, text);
+    s_stop.ownsPidFile = 1;
+}
+
+// A child outlives a killed supervisor by the time that its shutdown takes, and one of a supervisor that was stopped twice
+// may. The application must not run twice, so the first child of this supervisor waits for it.
+void CDaemon::WaitForFormerChild()
+{
+    const pid_t former = m_locked ? m_system.FindOtherWorker() : 0;
+    if (former == 0)
+        return;
+    wxLogInfo("The child process of an earlier start (pid=%d) is still ending, waiting for it.", static_cast<int>(former));
+    // A stop must not have to wait as well. The first child is to find the default disposition, so it comes back.
+    WatchForStop(0);
+    m_system.WaitForOtherWorker();
+    m_system.BlockTerm();
+    m_system.HandleTerm(nullptr);
+}
+
+// --------------------------------------------------------------------------------------------------------- supervisor
+
+std::optional<int> CDaemon::Supervise()
+{
+    for (;;) {
+        const std::int64_t now = m_system.NowSeconds();
+        const int recent = m_history.CountRecent(now);
+        if (recent >= RestartLimit) {
+            wxLogError("Too many restarts in too short of a time, exiting (%d restarts in less than %d seconds)", recent,
+                       RestartSpanSeconds);
+            GiveUpPidFile();
+            return -1;
+        }
+        if (recent != 0) {
+            const long delayMs = RestartDelayMs(recent);
+            wxLogInfo("Delaying %dms before restart %d", static_cast<int>(delayMs), recent);
+            m_system.SleepMs(delayMs);
+        }
+        m_history.NoteStart(now);
+
+        const std::optional<pid_t> child = StartChild();
+        if (!child)
+            return std::nullopt;
+        int waitStatus = 0;
+        if (*child < 0 || !WaitForChild(*child, waitStatus)) {
+            GiveUpPidFile();
+            return -1;
+        }
+        // In this order: a stop that finds no child ends the process, so none can come between unseen.
+        s_stop.childRuns = 0;
+        const bool stopping = s_stop.handled != 0;
+
+        const CChildEnd end = JudgeChildEnd(waitStatus, ::strsignal(SignalOfWaitStatus(waitStatus)), stopping);
+        wxLogGeneric(end.level, "%s", end.message);
+        if (end.action == EAfterChild::StopDriverAndRestart || end.action == EAfterChild::StopDriverAndReturn)
+            StopDriver();
+        if (end.action == EAfterChild::Return || end.action == EAfterChild::StopDriverAndReturn) {
+            GiveUpPidFile();
+            return end.status;
+        }
+        m_history.Advance();
+    }
+}
+
+std::optional<pid_t> CDaemon::StartChild()
+{
+    AssertSingleThread();
+    m_system.BlockTerm();
+    const pid_t child = m_system.ForkWorker();
+    if (child < 0) {
+        wxLogSysError("Unable to fork child");
+        return -1;
+    }
+    if (child == 0)
+        return std::nullopt;
+    // After the fork on purpose: the first child starts with the signals as start-up left them, later ones inherit these.
+    m_system.BlockChild();
+    WatchForStop(child);
+    return child;
+}
+
+// Everything that pass_signal needs, then pass_signal, then SIGTERM, which is blocked until here.
+void CDaemon::WatchForStop(pid_t child)
+{
+    g_pidFileName = m_pidFile;
+    s_stop.supervisor = m_system.OwnId();
+    s_stop.child = child;
+    s_stop.childRuns = child > 0;
+    m_system.HandleTerm(pass_signal);
+    m_system.UnblockTerm();
+}
+
+bool CDaemon::WaitForChild(pid_t child, int& status)
+{
+    for (;;) {
+        const pid_t ended = m_system.Wait(child, status);
+        if (ended == child)
+            return true;
+        if (ended == -1 && errno == EINTR) {
+            wxLogWarning("Waiting for child process interrupted - Try again");
+        } else if (ended == -1) {
+            wxLogSysError("Error waiting for child process");
+            return false;
+        }
+    }
+}
+
+void CDaemon::StopDriver()
+{
+    if (!m_system.IsExecutable(DriverScript))
+        return;
+    wxArrayString arguments;
+    arguments.Add("stopmod");
+    wxString output;
+    wxString error;
+    int exitCode = 0;
+    if (VexCore::Execute(DriverScript, arguments, output, exitCode, error))
+        wxLogMessage("Driver stopped using %s", DriverScript);
+    else
+        wxLogError("Error stopping driver: %s", error);
+}
+
+void CDaemon::AssertSingleThread() const
+{
+    wxASSERT_MSG(m_system.ThreadCount() <= 1, "a thread exists before a fork");
+}
+
+// ------------------------------------------------------------------------------------------------------------- OnRun
+
+int CAgentApp::OnRun()
+{
+    if (!m_background) {
+        // Every level passes: somebody is watching.
+        wxLog::SetLogLevel(wxLOG_Max);
+        RunScriptThread();
+    }
+    CDaemon daemon(VexOs::System(), m_dom, GetAppName());
+    if (const std::optional<int> status = daemon.Run())
+        return *status;
+    RunScriptThread();
+}

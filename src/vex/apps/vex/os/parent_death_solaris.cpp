@@ -1,0 +1,71 @@
+// There is no parent-death signal here. The supervisor keeps the writing end of a pipe and never writes; a thread of the child
+// reads until the end of the pipe says that the supervisor is gone.
+
+#include "vex/apps/vex/os/process.h"
+
+#include "vex/core/sendsignal.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace VexOs {
+
+namespace {
+
+int s_readEnd = -1;
+int s_writeEnd = -1;
+
+void* Watch(void*)
+{
+    char byte;
+    ssize_t got = 0;
+    do {
+        got = ::read(s_readEnd, &byte, 1);
+    } while (got > 0 || (got < 0 && errno == EINTR));
+    VexCore::SendSignal(::getpid(), SIGTERM);
+    return nullptr;
+}
+
+void StartWatch()
+{
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_t thread;
+    ::pthread_create(&thread, &attributes, Watch, nullptr);
+    pthread_attr_destroy(&attributes);
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+} // namespace
+
+void PrepareToBeFollowed()
+{
+    // One pipe serves all children, one after the other.
+    int ends[2];
+    if (s_readEnd >= 0 || ::pipe(ends) != 0)
+        return;
+    s_readEnd = ends[0];
+    s_writeEnd = ends[1];
+    ::fcntl(s_readEnd, F_SETFD, FD_CLOEXEC);
+    ::fcntl(s_writeEnd, F_SETFD, FD_CLOEXEC);
+}
+
+bool FollowParent(pid_t parent)
+{
+    if (s_readEnd >= 0) {
+        ::close(s_writeEnd);
+        s_writeEnd = -1;
+        StartWatch();
+    }
+    return ::getppid() == parent;
+}
+
+} // namespace VexOs

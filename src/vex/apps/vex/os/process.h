@@ -1,0 +1,129 @@
+#pragma once
+// The doorway to the system calls by which the launcher makes, watches and ends processes. Tests put another object behind
+// it, so that the supervisor is tested without a fork.
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include <csignal>
+#include <sys/types.h>
+
+extern "C" {
+typedef void (*VexSignalAction)(int, siginfo_t*, void*);
+}
+
+namespace VexOs {
+
+/// What came of an attempt at the lock that admits one supervisor.
+enum class ELock {
+    Taken,
+    HeldByOther,
+    Unavailable, ///< the file cannot be made or locked; errno says why
+};
+
+/// One process is behind it, so there is one object. Main thread; the calls under "from a signal handler" are safe there.
+/// Calls that fail leave the reason in errno.
+class CSystem
+{
+public:
+    virtual ~CSystem() = default;
+
+    // --- ids and time
+    virtual pid_t OwnId() = 0; // also from a signal handler
+    virtual pid_t OwnGroup() = 0; // also from a signal handler
+    /// Threads of this process, 1 when there is only the caller. 0 where the system does not tell.
+    virtual int ThreadCount() = 0;
+    /// Seconds since the epoch, by the wall clock.
+    virtual std::int64_t NowSeconds() = 0;
+    /// Sleeps for the whole time, whatever signals come.
+    virtual void SleepMs(long delayMs) = 0;
+
+    // --- making processes
+    /// 0 in the child, the child's id in the parent, -1 on failure. What standard output holds is written out first, so that
+    /// it is not written twice.
+    virtual pid_t Fork() = 0;
+    /// The same for the working child, which in addition holds the worker lock and gets a SIGTERM when this process ends.
+    /// A child whose parent is gone already ends before it does anything.
+    virtual pid_t ForkWorker() = 0;
+    /// Becomes leader of a new session and group; the group's id, -1 on failure.
+    virtual pid_t NewSession() = 0;
+    virtual void ChangeFolder(const char* path) = 0;
+    /// Standard input, output and error go to /dev/null.
+    virtual void StreamsToNull() = 0;
+    /// Takes group and others the right to write to files made from here on, when they have it. Stricter masks stay.
+    virtual void TightenFileMode() = 0;
+    /// As `waitpid` without options.
+    virtual pid_t Wait(pid_t child, int& status) = 0;
+    /// Runs exit handlers and ends the process.
+    [[noreturn]] void Exit(int status)
+    {
+        DoExit(status);
+        std::abort();
+    }
+
+    // --- signals
+    /// Whether a process may be sent signals; -1 and errno as `kill` with signal 0.
+    virtual int Ask(pid_t process) = 0;
+    /// Default disposition for SIGTERM and SIGCHLD, and a mask that holds SIGTERM alone: what the starter of this process
+    /// left in them must not reach the supervisor.
+    virtual void ResetSignals() = 0;
+    virtual void BlockTerm() = 0;
+    virtual void UnblockTerm() = 0;
+    virtual void BlockChild() = 0;
+    /// Installs `handler` for SIGTERM with SA_SIGINFO and SIGTERM in its mask; null is the default disposition.
+    virtual void HandleTerm(VexSignalAction handler) = 0;
+
+    // --- from a signal handler too
+    virtual void SignalOwnGroup(int signal) = 0;
+    virtual void SignalProcess(pid_t process, int signal) = 0;
+    /// A file that is not there is no failure, and others go unsaid.
+    virtual void RemoveFile(const char* path) = 0;
+    virtual void ReleaseInstanceLock() = 0;
+    /// Ends the process as it stands.
+    [[noreturn]] void ExitNow(int status)
+    {
+        DoExitNow(status);
+        std::abort();
+    }
+
+    // --- files
+    virtual bool IsExecutable(const char* path) = 0;
+    /// Takes the lock in the file at `path`, which is made and stays. It is kept across `Fork`, and given up by a working child,
+    /// by `ReleaseInstanceLock`, and with the last process that has it.
+    virtual ELock TakeInstanceLock(const char* path) = 0;
+    /// The working child of another supervisor under the same lock file that has not ended yet; 0 when there is none. The id
+    /// may be -1 when the process is out of sight.
+    virtual pid_t FindOtherWorker() = 0;
+    /// Waits until there is none. Signals are taken meanwhile.
+    virtual void WaitForOtherWorker() = 0;
+
+protected:
+    CSystem() = default;
+    CSystem(const CSystem&) = delete;
+    CSystem& operator=(const CSystem&) = delete;
+
+private:
+    virtual void DoExit(int status) = 0;
+    virtual void DoExitNow(int status) = 0;
+};
+
+CSystem& System();
+
+/// Puts another object behind the doorway, null for the real one. For tests.
+void ReplaceSystem(CSystem* system);
+
+/// Marks every open descriptor above 2 close-on-exec. Any thread.
+void CloseDescriptorsOnExec();
+
+// --- parent_death_*.cpp: how a working child learns that its supervisor is gone
+
+/// In the supervisor, before a fork of a working child.
+void PrepareToBeFollowed();
+/// In the child: from here on the end of `parent` sends this process a SIGTERM. False when the parent is gone already.
+bool FollowParent(pid_t parent);
+
+/// Threads of the calling process, 0 where the system does not tell.
+int CountThreads();
+
+} // namespace VexOs

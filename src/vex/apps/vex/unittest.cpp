@@ -1,0 +1,42 @@
+// Unit-test mode: the test runner module runs in place of the application's main function. Script thread.
+
+#include "vex/apps/vex/narrowtext.h"
+#include "vex/apps/vex/vex_p.h"
+
+#include "vex/core/luainterpreter.h"
+
+#include <wx/ffile.h>
+#include <wx/sstream.h>
+#include <wx/wfstream.h>
+
+#include <unistd.h>
+
+namespace {
+// The alarm's signal only interrupts a blocking call; it ends nothing.
+constexpr unsigned TimeLimitSeconds = 600;
+} // namespace
+
+int CAgentApp::RunUnitTests()
+{
+    if (m_unitTestScript.empty())
+        return 0;
+    wxFFile standardOutput;
+    standardOutput.Attach(stdout, wxString());
+    int status = 0;
+    {
+        wxFFileOutputStream out(standardOutput);
+        // Not cancelled afterwards, on purpose.
+        ::alarm(TimeLimitSeconds);
+        // The specification goes in as it is, on purpose: quotes and backslashes in it change the Lua text.
+        wxString chunk("vexunit = require('tests.vexunit'); return vexunit(\"");
+        chunk += m_unitTestScript;
+        chunk += wxString("\");", wxConvLibc);
+        wxStringInputStream in(chunk);
+        status = RunChunk(in, out, "tests.vexunit");
+        out.Sync();
+        if (status != 0)
+            WriteErrorLine(m_lua->GetErrorInfo());
+    }
+    standardOutput.Detach();
+    return status;
+}

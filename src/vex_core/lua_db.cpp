@@ -1,0 +1,310 @@
+#include "vex_core/lua_db.h"
+
+#include "vex_core/sqlite_db.h"
+
+#include <cmath>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <set>
+#include <string>
+
+#include <sqlite3.h>
+
+#include <lua.hpp>
+
+namespace VexCore {
+namespace {
+
+constexpr const char* typeName = "vex.db.Database";
+constexpr std::int64_t fullSynchronous = 2;
+
+struct Database
+{
+    SqliteDb db;
+};
+
+std::mutex openLock;
+std::set<Database*>& OpenDatabases() // guarded by openLock
+{
+    static auto* databases = new std::set<Database*>; // never destroyed: a state may be closed by a late exit
+    return *databases;
+}
+
+Database& Self(lua_State* L)
+{
+    auto* self = static_cast<Database*>(luaL_checkudata(L, 1, typeName));
+    if (!self->db.IsOpen())
+        luaL_error(L, "the database is closed");
+    return *self;
+}
+
+int Failed(lua_State* L, const std::string& message)
+{
+    lua_pushnil(L);
+    lua_pushlstring(L, message.data(), message.size());
+    return 2;
+}
+
+int Failed(lua_State* L, Database& self)
+{
+    return Failed(L, sqlite3_errmsg(self.db.Handle()));
+}
+
+struct Finalizer
+{
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
+
+void BindValue(lua_State* L, sqlite3_stmt* statement, int parameter)
+{
+    switch (lua_type(L, -1)) {
+    case LUA_TNIL:
+        sqlite3_bind_null(statement, parameter);
+        break;
+    case LUA_TBOOLEAN:
+        sqlite3_bind_int(statement, parameter, lua_toboolean(L, -1));
+        break;
+    case LUA_TNUMBER: {
+        const double number = lua_tonumber(L, -1);
+        if (number == std::floor(number) && std::fabs(number) <= 9007199254740992.0)
+            sqlite3_bind_int64(statement, parameter, static_cast<sqlite3_int64>(number));
+        else
+            sqlite3_bind_double(statement, parameter, number);
+        break;
+    }
+    case LUA_TSTRING: {
+        std::size_t length = 0;
+        const char* text = lua_tolstring(L, -1, &length);
+        sqlite3_bind_text64(statement, parameter, text, length, SQLITE_TRANSIENT, SQLITE_UTF8);
+        break;
+    }
+    default:
+        luaL_error(L, "parameter %d: a %s cannot be stored", parameter, luaL_typename(L, -1));
+    }
+}
+
+// Binds from the table at index 3: names for ":name", positions for the others; what it lacks is NULL.
+void BindAll(lua_State* L, sqlite3_stmt* statement)
+{
+    const int count = sqlite3_bind_parameter_count(statement);
+    if (count == 0 || lua_isnoneornil(L, 3))
+        return;
+    for (int parameter = 1; parameter <= count; ++parameter) {
+        if (const char* name = sqlite3_bind_parameter_name(statement, parameter))
+            lua_getfield(L, 3, name + 1); // without the sign
+        else
+            lua_rawgeti(L, 3, parameter);
+        BindValue(L, statement, parameter);
+        lua_pop(L, 1);
+    }
+}
+
+// Prepares the first statement of `sql`, which then is what follows it. False: SQLite tells why.
+bool Prepare(Database& self, const char*& sql, Statement& statement)
+{
+    sqlite3_stmt* prepared = nullptr;
+    const char* rest = nullptr;
+    if (sqlite3_prepare_v2(self.db.Handle(), sql, -1, &prepared, &rest) != SQLITE_OK)
+        return false;
+    statement.reset(prepared);
+    sql = rest;
+    return true;
+}
+
+void CheckArguments(lua_State* L)
+{
+    luaL_checkstring(L, 2);
+    if (!lua_isnoneornil(L, 3))
+        luaL_checktype(L, 3, LUA_TTABLE);
+    lua_settop(L, 3);
+}
+
+// exec(sql [, parameters]): runs one statement or, without parameters, several. Rows that they give are
+// passed over.
+int Exec(lua_State* L)
+{
+    Database& self = Self(L);
+    CheckArguments(L);
+    const char* sql = lua_tostring(L, 2);
+    const int before = sqlite3_total_changes(self.db.Handle());
+    bool first = true;
+    while (*sql != '\0') {
+        Statement statement;
+        if (!Prepare(self, sql, statement))
+            return Failed(L, self);
+        if (!statement)
+            continue; // blanks or a comment
+        if (!first && !lua_isnil(L, 3))
+            return luaL_error(L, "parameters go with one statement only");
+        first = false;
+        BindAll(L, statement.get());
+        int result = SQLITE_ROW;
+        while (result == SQLITE_ROW)
+            result = sqlite3_step(statement.get());
+        if (result != SQLITE_DONE)
+            return Failed(L, self);
+    }
+    lua_pushnumber(L, sqlite3_total_changes(self.db.Handle()) - before);
+    return 1;
+}
+
+void PushColumn(lua_State* L, sqlite3_stmt* statement, int column)
+{
+    switch (sqlite3_column_type(statement, column)) {
+    case SQLITE_INTEGER:
+        lua_pushnumber(L, static_cast<double>(sqlite3_column_int64(statement, column)));
+        break;
+    case SQLITE_FLOAT:
+        lua_pushnumber(L, sqlite3_column_double(statement, column));
+        break;
+    case SQLITE_NULL:
+        lua_pushnil(L);
+        break;
+    default: {
+        const void* data = sqlite3_column_blob(statement, column);
+        lua_pushlstring(L, data ? static_cast<const char*>(data) : "",
+                        static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+    }
+    }
+}
+
+int Rows(lua_State* L)
+{
+    Database& self = Self(L);
+    CheckArguments(L);
+    const char* sql = lua_tostring(L, 2);
+    Statement statement;
+    if (!Prepare(self, sql, statement))
+        return Failed(L, self);
+    if (!statement)
+        return Failed(L, "there is no statement");
+    BindAll(L, statement.get());
+    const int columns = sqlite3_column_count(statement.get());
+    lua_newtable(L);
+    for (int index = 1;; ++index) {
+        const int result = sqlite3_step(statement.get());
+        if (result == SQLITE_DONE)
+            return 1;
+        if (result != SQLITE_ROW)
+            return Failed(L, self);
+        lua_createtable(L, 0, columns);
+        for (int column = 0; column < columns; ++column) {
+            PushColumn(L, statement.get(), column);
+            lua_setfield(L, -2, sqlite3_column_name(statement.get(), column));
+        }
+        lua_rawseti(L, -2, index);
+    }
+}
+
+// transaction(body): runs body between BEGIN and COMMIT. When body returns nil and a message, or false, its
+// changes are taken back and its results returned; an error takes them back and goes on.
+int Transaction(lua_State* L)
+{
+    Database& self = Self(L);
+    luaL_checktype(L, 2, LUA_TFUNCTION);
+    lua_settop(L, 2);
+    if (!self.db.Exec("BEGIN IMMEDIATE"))
+        return Failed(L, self.db.Error());
+    struct RollBack
+    {
+        Database& self;
+        ~RollBack()
+        {
+            // SQLite may have rolled back by itself, and body may have closed the database.
+            if (self.db.IsOpen() && sqlite3_get_autocommit(self.db.Handle()) == 0)
+                sqlite3_exec(self.db.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+        }
+    } const rollBack{self};
+    lua_pushvalue(L, 1);
+    lua_call(L, 1, LUA_MULTRET);
+    const int results = lua_gettop(L) - 1;
+    if (results > 0 && !lua_toboolean(L, 2))
+        return results;
+    if (!self.db.IsOpen())
+        return luaL_error(L, "the database was closed inside its transaction");
+    if (!self.db.Exec("COMMIT"))
+        return Failed(L, self.db.Error());
+    if (results > 0)
+        return results;
+    lua_pushboolean(L, 1);
+    return 1;
+}
+
+int LastId(lua_State* L)
+{
+    lua_pushnumber(L, static_cast<double>(Self(L).db.LastInsertId()));
+    return 1;
+}
+
+int Close(lua_State* L)
+{
+    auto* self = static_cast<Database*>(luaL_checkudata(L, 1, typeName));
+    const std::lock_guard<std::mutex> lock(openLock);
+    OpenDatabases().erase(self);
+    self->db.Close();
+    return 0;
+}
+
+int Collect(lua_State* L)
+{
+    auto* self = static_cast<Database*>(luaL_checkudata(L, 1, typeName));
+    {
+        const std::lock_guard<std::mutex> lock(openLock);
+        OpenDatabases().erase(self);
+    }
+    self->~Database();
+    lua_pushnil(L);
+    lua_setmetatable(L, 1); // an object that a finaliser has revived is no database any more
+    return 0;
+}
+
+int ToText(lua_State* L)
+{
+    auto* self = static_cast<Database*>(luaL_checkudata(L, 1, typeName));
+    const char* path = self->db.IsOpen() ? sqlite3_db_filename(self->db.Handle(), "main") : nullptr;
+    lua_pushfstring(L, "database (%s)", self->db.IsOpen() ? (path ? path : "") : "closed");
+    return 1;
+}
+
+// open(path): a database, made when it is missing.
+int Open(lua_State* L)
+{
+    const char* path = luaL_checkstring(L, 1);
+    auto* self = new (lua_newuserdata(L, sizeof(Database))) Database;
+    luaL_setmetatable(L, typeName);
+    if (!self->db.Open(path, fullSynchronous))
+        return Failed(L, std::string(path) + ": " + self->db.Error());
+    const std::lock_guard<std::mutex> lock(openLock);
+    OpenDatabases().insert(self);
+    return 1;
+}
+
+const luaL_Reg methods[] = {{"exec", Exec},         {"rows", Rows},    {"transaction", Transaction},
+                            {"last_id", LastId},    {"close", Close},  {"__gc", Collect},
+                            {"__tostring", ToText}, {nullptr, nullptr}};
+const luaL_Reg functions[] = {{"open", Open}, {nullptr, nullptr}};
+
+} // namespace
+
+int OpenLuaDb(lua_State* L)
+{
+    luaL_newmetatable(L, typeName);
+    luaL_setfuncs(L, methods, 0);
+    lua_pushvalue(L, -1);
+    lua_setfield(L, -2, "__index");
+    lua_pop(L, 1);
+    luaL_newlib(L, functions);
+    return 1;
+}
+
+void CloseLuaDatabases()
+{
+    const std::lock_guard<std::mutex> lock(openLock);
+    for (Database* database : OpenDatabases())
+        database->db.Close();
+    OpenDatabases().clear();
+}
+
+} // namespace VexCore

@@ -1,0 +1,123 @@
+#pragma once
+// SQLite connections and statements that close themselves. Results are told by return values; nothing throws but
+// std::bad_alloc.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace VexCore {
+
+/// What `CSqliteDatabase::InitializeSQLite` found in the domain for connections to come. docs/settings/sqlite.md.
+struct SqliteSettings
+{
+    std::optional<std::int64_t> cacheSize; ///< pages, or KiB when negative
+    std::optional<std::int64_t> journalSizeLimit; ///< bytes, -1: none
+    std::int64_t busyTimeoutMs = 2000;
+    std::int64_t synchronous = 2; ///< 0 off, 1 normal, 2 full, 3 extra
+};
+
+/// Of the process. Any thread.
+SqliteSettings GetSqliteSettings();
+
+/// The journal mode for a version of SQLite. Before 3.51.3 a write-ahead log can be damaged when two connections write at
+/// once.
+const char* JournalModeFor(int libraryVersion);
+
+/// One connection. One thread at a time.
+class SqliteDb
+{
+public:
+    SqliteDb() = default;
+    SqliteDb(SqliteDb&& other) noexcept : m_handle(std::move(other.m_handle)) {}
+    SqliteDb& operator=(SqliteDb&& other) noexcept = default;
+
+    /// Opens the file, made when it is missing, and applies the process's settings, with `minSynchronous` at least. False: see
+    /// `Error`, and the connection is closed.
+    bool Open(const std::string& path, std::int64_t minSynchronous);
+    void Close();
+    /// Forgets the connection without touching the file: in a child that inherited it through fork.
+    void Abandon();
+    bool IsOpen() const { return m_handle != nullptr; }
+
+    /// Runs statements that give no rows.
+    bool Exec(const char* sql);
+    std::int64_t LastInsertId() const;
+    /// How many rows the last statement changed.
+    int Changes() const;
+
+    /// SQLite's extended result code of the last failure, and its text.
+    int ErrorCode() const { return m_errorCode; }
+    const std::string& Error() const { return m_error; }
+
+    sqlite3* Handle() const { return m_handle.get(); }
+
+private:
+    friend class SqliteStatement;
+    bool Fail(int code);
+
+    struct Closer
+    {
+        void operator()(sqlite3* handle) const;
+    };
+    std::unique_ptr<sqlite3, Closer> m_handle;
+    int m_errorCode = 0;
+    std::string m_error;
+};
+
+/// A prepared statement of a connection, which must outlive it.
+class SqliteStatement
+{
+public:
+    enum class EStep { Row, Done, Failed };
+
+    /// A failure shows in the first `Step`.
+    SqliteStatement(SqliteDb& db, const char* sql);
+
+    /// Parameters and columns count as SQLite counts them: parameters from 1, columns from 0.
+    void Bind(int parameter, std::int64_t value);
+    /// The text must live until the statement is stepped and reset.
+    void Bind(int parameter, const std::string& text);
+    void Bind(int parameter, const std::optional<std::int64_t>& value);
+    void Bind(int parameter, const std::optional<std::string>& text);
+
+    EStep Step();
+    void Reset();
+
+    std::int64_t ColumnInt(int column) const;
+    std::string ColumnText(int column) const;
+    bool ColumnIsNull(int column) const;
+
+private:
+    struct Finalizer
+    {
+        void operator()(sqlite3_stmt* statement) const;
+    };
+    SqliteDb& m_db;
+    std::unique_ptr<sqlite3_stmt, Finalizer> m_statement;
+    int m_failure = 0;
+};
+
+/// Begins a transaction that will write; rolls back what was not committed.
+class SqliteTransaction
+{
+public:
+    explicit SqliteTransaction(SqliteDb& db);
+    ~SqliteTransaction();
+    SqliteTransaction(const SqliteTransaction&) = delete;
+    SqliteTransaction& operator=(const SqliteTransaction&) = delete;
+
+    bool Begun() const { return m_open; }
+    /// True: what was written is on stable storage, as the synchronous setting says.
+    bool Commit();
+
+private:
+    SqliteDb& m_db;
+    bool m_open;
+};
+
+} // namespace VexCore

@@ -1,0 +1,309 @@
+// The journal, and those operations of the core library that are free functions.
+
+#include "support/fake_core.h"
+
+#include "vex/core/agentevent.h"
+#include "vex/core/clock.h"
+#include "vex/core/crash.h"
+#include "vex/core/execute.h"
+#include "vex/core/files.h"
+#include "vex/core/log.h"
+#include "vex/core/openssl.h"
+#include "vex/core/pidfile.h"
+#include "vex/core/profiler.h"
+#include "vex/core/sqlitedb.h"
+#include "vex/core/unzip.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include <wx/arrstr.h>
+#include <wx/filename.h>
+#include <wx/zipstrm.h>
+
+namespace FakeCore {
+
+namespace {
+
+std::mutex s_lock;
+std::vector<std::string> s_journal; // guarded by s_lock
+
+const char* LevelWord(wxLogLevel level)
+{
+    switch (level) {
+    case wxLOG_FatalError:
+        return "FatalError";
+    case wxLOG_Error:
+        return "Error";
+    case wxLOG_Warning:
+        return "Warning";
+    case wxLOG_Message:
+        return "Message";
+    case wxLOG_Status:
+        return "Status";
+    case wxLOG_Info:
+        return "Info";
+    case wxLOG_Debug:
+        return "Debug";
+    default:
+        return "Other";
+    }
+}
+
+} // namespace
+
+Answers& answers()
+{
+    static Answers s_answers;
+    return s_answers;
+}
+
+void Reset()
+{
+    answers() = Answers();
+    ClearJournal();
+}
+
+void Record(const std::string& line)
+{
+    const std::lock_guard<std::mutex> guard(s_lock);
+    s_journal.push_back(line);
+}
+
+std::vector<std::string> Journal()
+{
+    const std::lock_guard<std::mutex> guard(s_lock);
+    return s_journal;
+}
+
+std::vector<std::string> Journal(const std::vector<std::string>& prefixes)
+{
+    std::vector<std::string> found;
+    for (const std::string& line : Journal())
+        if (std::any_of(prefixes.begin(), prefixes.end(),
+                        [&line](const std::string& prefix) { return line.compare(0, prefix.size(), prefix) == 0; }))
+            found.push_back(line);
+    return found;
+}
+
+std::size_t Count(const std::string& line)
+{
+    const std::vector<std::string> lines = Journal();
+    return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
+}
+
+void ClearJournal()
+{
+    const std::lock_guard<std::mutex> guard(s_lock);
+    s_journal.clear();
+}
+
+std::string Quote(const std::string& text)
+{
+    std::string quoted = "\"";
+    for (const char c : text) {
+        if (c == '\n')
+            quoted += "\\n";
+        else
+            quoted += c;
+    }
+    return quoted + "\"";
+}
+
+std::string Quote(const wxString& text)
+{
+    return Quote(text.utf8_string());
+}
+
+std::string Quote(const char* text)
+{
+    return text ? Quote(std::string(text)) : "null";
+}
+
+const char* Word(bool value)
+{
+    return value ? "true" : "false";
+}
+
+} // namespace FakeCore
+
+namespace VexCore {
+
+using FakeCore::answers;
+using FakeCore::Quote;
+using FakeCore::Record;
+using FakeCore::Word;
+
+// --- log.h
+CLog2Disk::CLog2Disk() = default;
+CLog2Disk::~CLog2Disk() = default;
+
+void CLog2Disk::Flush()
+{
+    wxLog::Flush();
+}
+
+void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo&)
+{
+    Record("Log(" + std::string(FakeCore::LevelWord(level)) + ", " + Quote(message) + ")");
+}
+
+bool LogTraceIsEnabled(const char* module)
+{
+    if (answers().recordTraceQueries)
+        Record("TraceIsEnabled(" + Quote(module) + ")");
+    return answers().tracedModules.count(module) > 0;
+}
+
+void LogTrace(const char* module, const char* sourceFile, int, const char* function, const wxString& message)
+{
+    // The source file is the same in every line of the launcher: shown only when it is another one.
+    const std::string file = sourceFile ? sourceFile : "";
+    Record("Trace(" + Quote(module) + ", " + (file == "vex/apps/vex/vex" ? "" : Quote(file) + ", ") + Quote(function)
+           + ", " + Quote(message) + ")");
+}
+
+// --- unzip.h
+bool Unzip(const wxFileName& archive, const wxFileName& folder, UnzipCallback callback, void* context)
+{
+    Record("Unzip(" + Quote(archive.GetFullPath()) + ", " + Quote(folder.GetFullPath()) + ")");
+    const std::string name = archive.GetFullName().utf8_string();
+    const auto own = answers().unzipEntriesOf.find(name);
+    // A copy, so that a callback may change the answers.
+    const std::vector<FakeCore::Entry> entries =
+        own == answers().unzipEntriesOf.end() ? answers().unzipEntries : own->second;
+    for (const FakeCore::Entry& item : entries) {
+        wxZipEntry entry(wxString::FromUTF8(item.name), wxDateTime::Now(), static_cast<wxFileOffset>(item.size));
+        const wxString destination = folder.GetPathWithSep() + wxString::FromUTF8(item.name);
+        const bool answer = callback(context, item.isNull ? nullptr : &entry, &destination);
+        Record("Unzip.Entry(" + (item.isNull ? std::string("null") : Quote(item.name)) + ") -> " + Word(answer));
+    }
+    if (answers().onUnzip)
+        answers().onUnzip(archive);
+    const auto result = answers().unzipResultOf.find(name);
+    return result == answers().unzipResultOf.end() ? answers().unzipResult : result->second;
+}
+
+// --- files.h, crash.h, clock.h
+bool SecureFileOrDirectory(const wxString& path, bool recurse)
+{
+    Record("SecureFileOrDirectory(" + Quote(path) + ", " + Word(recurse) + ")");
+    return answers().secureResult;
+}
+
+bool InitCrashHandler(const wxString& dumpFile, const wxString& application, bool fullDump)
+{
+    Record("InitCrashHandler(" + Quote(dumpFile) + ", " + Quote(application) + ", " + Word(fullDump) + ")");
+    return answers().crashHandlerResult;
+}
+
+std::int64_t TimeNowMillis()
+{
+    Record("TimeNowMillis()");
+    const std::int64_t now = answers().timeNowMs;
+    answers().timeNowMs += answers().timeStepMs;
+    return now;
+}
+
+// --- execute.h, pidfile.h
+bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode, wxString& error)
+{
+    std::string line = "Execute(" + Quote(program) + ", {";
+    for (std::size_t i = 0; i < arguments.GetCount(); ++i)
+        line += (i ? ", " : "") + Quote(arguments[i]);
+    Record(line + "})");
+    if (answers().onExecute)
+        answers().onExecute();
+    output = wxString::FromUTF8(answers().executeOutput);
+    exitCode = answers().executeExitCode;
+    error = wxString::FromUTF8(answers().executeError);
+    return answers().executeResult;
+}
+
+bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode, wxString& error,
+             long)
+{
+    return Execute(program, arguments, output, exitCode, error);
+}
+
+long ReadPidFile(const wxString& path)
+{
+    Record("ReadPidFile(" + Quote(path) + ")");
+    std::vector<long>& left = answers().pidFileAnswers;
+    if (left.empty())
+        return 0;
+    const long pid = left.front();
+    left.erase(left.begin());
+    return pid;
+}
+
+bool WritePidFile(const wxString& path)
+{
+    Record("WritePidFile(" + Quote(path) + ")");
+    if (answers().onWritePidFile)
+        answers().onWritePidFile(path);
+    return answers().writePidFileResult;
+}
+
+// --- openssl.h, sqlitedb.h, profiler.h
+void OpenSSLThreadSetup()
+{
+    Record("OpenSSLThreadSetup()");
+}
+
+void OpenSSLThreadShutdown()
+{
+    Record("OpenSSLThreadShutdown()");
+}
+
+bool CSqliteDatabase::InitializeSQLite(CDom* dom)
+{
+    Record(std::string("InitializeSQLite(") + (dom ? "dom" : "null") + ")");
+    return answers().sqliteResult;
+}
+
+void CSqliteDatabase::ShutdownSQLite()
+{
+    Record("ShutdownSQLite()");
+}
+
+void profiler_idle()
+{
+    Record("profiler_idle()");
+}
+
+void profiler_running()
+{
+    Record("profiler_running()");
+}
+
+// --- agentevent.h
+XMLObject::~XMLObject() = default;
+
+void XMLObject::SetAttributeNull(int field, bool isNull)
+{
+    Record("Event.SetAttributeNull(" + std::to_string(field) + ", " + Word(isNull) + ")");
+    const std::uint32_t bit = std::uint32_t(1) << field;
+    m_present = isNull ? m_present & ~bit : m_present | bit;
+}
+
+bool XMLObject::IsAttributeNull(int field) const
+{
+    return (m_present & (std::uint32_t(1) << field)) == 0;
+}
+
+CAgentEvent::CAgentEvent() = default;
+CAgentEvent::~CAgentEvent() = default;
+
+std::int32_t CAgentEvent::ToSeverity(int level)
+{
+    Record("Event.ToSeverity(" + std::to_string(level) + ")");
+    return level * 100; // told apart from the level itself
+}
+
+std::string CAgentEvent::ToXml() const
+{
+    return "<event/>";
+}
+
+} // namespace VexCore

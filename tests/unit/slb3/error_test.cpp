@@ -1,0 +1,45 @@
+#include "fixture.h"
+
+namespace {
+
+using ErrorTest = BinderTest;
+
+TEST_F(ErrorTest, ExceptionBecomesAnErrorWithItsTextAndPlace)
+{
+    EXPECT_EQ(Run("account:Throw()"), "error: test:1: vault is shut");
+    EXPECT_EQ(Run("account:ThrowText()"), "error: test:1: text thrown");
+    EXPECT_EQ(Run("account:ThrowOdd()"), "error: test:1: C++ exception of type i");
+}
+
+TEST_F(ErrorTest, ErrorOfLuaItselfPassesUntouched)
+{
+    EXPECT_EQ(Run("account:RaiseFromLua()"), "error: test:1: raised by Lua");
+}
+
+TEST_F(ErrorTest, LongExceptionTextIsCut)
+{
+    struct Long : std::exception
+    {
+        std::string text = std::string(5000, 'x');
+        const char* what() const noexcept override { return text.c_str(); }
+    };
+    char text[SLB3::internal::ExceptionTextBytes];
+    try {
+        throw Long();
+    } catch (...) {
+        EXPECT_TRUE(SLB3::internal::DescribeException(text));
+    }
+    EXPECT_EQ(std::string(text), std::string(SLB3::internal::ExceptionTextBytes - 1, 'x'));
+}
+
+TEST_F(ErrorTest, StackIsBalancedAfterErrors)
+{
+    const int top = lua_gettop(L);
+    for (int i = 0; i < 1000; ++i) {
+        Run("account:Throw()");
+        Run("account.Balance('x')");
+    }
+    EXPECT_EQ(lua_gettop(L), top);
+}
+
+} // namespace

@@ -1,0 +1,78 @@
+#include "fixture.h"
+
+namespace {
+
+using namespace SLB3::internal;
+using ObjectTest = BinderTest;
+
+TEST_F(ObjectTest, RecordOfAReferenceSaysSo)
+{
+    lua_getglobal(L, "account");
+    const auto& record = *static_cast<ObjectRecord*>(lua_touserdata(L, -1));
+    EXPECT_EQ(record.flags, 2u) << "kind 2, policy 0";
+    EXPECT_EQ(record.Kind(), StoragePointer);
+    EXPECT_EQ(record.Policy(), PolicyReference);
+    EXPECT_STREQ(record.className, "Bank.Account");
+    EXPECT_EQ(record.pointer, &account);
+    EXPECT_EQ(record.unpack(record), &account);
+    EXPECT_EQ(record.parents, GetParentsConversionArray(L, "Bank.Account"));
+    EXPECT_EQ(record.parents[0].parentName, nullptr);
+}
+
+TEST_F(ObjectTest, CollectingAReferenceLeavesTheObject)
+{
+    int destroyed = 0;
+    Account other(&destroyed);
+    SLB3::PushReference(L, &other);
+    lua_close(L);
+    L = nullptr;
+    EXPECT_EQ(destroyed, 0);
+}
+
+TEST_F(ObjectTest, ValueDiesWithItsUserdataOnce)
+{
+    int destroyed = 0;
+    SLB3::PushValue<Account>(L, &destroyed).balance = 9;
+    lua_setglobal(L, "value");
+    EXPECT_EQ(Run("value:Balance()"), "9");
+    lua_pushnil(L);
+    lua_setglobal(L, "value");
+    lua_gc(L, LUA_GCCOLLECT, 0);
+    EXPECT_EQ(destroyed, 1);
+    lua_close(L);
+    L = nullptr;
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST_F(ObjectTest, OwnedPointerIsDeleted)
+{
+    int destroyed = 0;
+    SLB3::PushMetatable<Account>(L);
+    PushObjectRecord(L, new Account(&destroyed), PolicyOwned);
+    lua_insert(L, -2);
+    lua_setmetatable(L, -2);
+    lua_close(L);
+    L = nullptr;
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST_F(ObjectTest, DestroyedObjectIsAnErrorNotACrash)
+{
+    int destroyed = 0;
+    SLB3::PushValue<Account>(L, &destroyed);
+    lua_setglobal(L, "value");
+    EXPECT_EQ(Run("select('#', getmetatable(value).__gc(value))"), "0");
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_EQ(Run("value:Balance()"), "error: test:1: bad argument #0 (self) to 'Bank.Account:Balance' "
+                                      "(Bank.Account expected, got one that was collected)");
+}
+
+TEST_F(ObjectTest, CollectorFunctionIgnoresForeignValues)
+{
+    Run("getmetatable(account).__gc(io.stdout)");
+    Run("getmetatable(account).__gc({})");
+    Run("getmetatable(account).__gc()");
+    EXPECT_EQ(Run("io.type(io.stdout)"), "file");
+}
+
+} // namespace
