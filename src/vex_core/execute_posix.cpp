@@ -92,7 +92,7 @@ private:
 // A name without a slash is looked up as a shell would, but before the fork.
 std::string FindProgram(const std::string& program)
 {
-    if (program.find('/') != std::string::npos)
+    if (program.empty() || program.find('/') != std::string::npos)
         return program;
     const char* path = std::getenv("PATH");
     std::string folders = path != nullptr && *path != '\0' ? path : "/usr/bin:/bin";

@@ -107,6 +107,12 @@ SqliteSettings GetSqliteSettings()
     return processSettings;
 }
 
+void SetSqliteSettings(const SqliteSettings& settings)
+{
+    const std::lock_guard<std::mutex> lock(settingsMutex);
+    processSettings = settings;
+}
+
 bool CSqliteDatabase::InitializeSQLite(CDom* dom)
 {
     SqliteSettings settings;
@@ -122,10 +128,7 @@ bool CSqliteDatabase::InitializeSQLite(CDom* dom)
         }
         WarnOfUnknownSettings(*dom);
     }
-    {
-        const std::lock_guard<std::mutex> lock(settingsMutex);
-        processSettings = settings;
-    }
+    SetSqliteSettings(settings);
     const int result = sqlite3_initialize();
     if (result != SQLITE_OK)
         wxLogError(wxT("The database library cannot be initialised (%s)"), wxString::FromUTF8(sqlite3_errstr(result)));

@@ -23,6 +23,7 @@ struct SqliteSettings
 
 /// Of the process. Any thread.
 SqliteSettings GetSqliteSettings();
+void SetSqliteSettings(const SqliteSettings& settings);
 
 /// The journal mode for a version of SQLite. Before 3.51.3 a write-ahead log can be damaged when two connections write at
 /// once.

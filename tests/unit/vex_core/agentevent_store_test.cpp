@@ -1,0 +1,621 @@
+#include "vex_core/agentevent_store.h"
+#include "vex/core/agentevent.h"
+#include "vex/core/dom.h"
+
+#include "support/fail_nth.h"
+#include "support/log_capture.h"
+#include "support/temp_folder.h"
+
+#include <filesystem>
+#include <map>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <sqlite3.h>
+
+using namespace VexCore;
+
+namespace {
+
+CAgentEvent MakeEvent(const std::string& text)
+{
+    CAgentEvent event;
+    event.m_text = text;
+    event.m_timeMillis = 1700000000123;
+    event.m_timeSeconds = 1700000000;
+    event.m_number = 5101;
+    event.m_severity = 5;
+    for (int field = CAgentEvent::FieldText; field <= CAgentEvent::FieldSeverity; ++field)
+        event.SetAttributeNull(field, false);
+    return event;
+}
+
+// Lets SQLite's own system calls be counted and fail with those of FailNth.
+class SqliteFaults
+{
+public:
+    SqliteFaults() : m_vfs(sqlite3_vfs_find(nullptr))
+    {
+        for (const char* name : {"open", "write", "pwrite", "pwrite64", "ftruncate", "unlink"}) {
+            Real()[name] = m_vfs->xGetSystemCall(m_vfs, name);
+            m_vfs->xSetSystemCall(m_vfs, name, Replacement(name));
+        }
+    }
+    ~SqliteFaults()
+    {
+        for (const auto& item : Real())
+            m_vfs->xSetSystemCall(m_vfs, item.first.c_str(), item.second);
+    }
+
+private:
+    using Call = sqlite3_syscall_ptr;
+    static std::map<std::string, Call>& Real()
+    {
+        static std::map<std::string, Call> real;
+        return real;
+    }
+    template <class F> static F RealAs(const char* name) { return reinterpret_cast<F>(Real()[name]); }
+    static int Open(const char* path, int flags, int mode)
+    {
+        return ::Test::FailNth::Hit() ? -1 : RealAs<int (*)(const char*, int, int)>("open")(path, flags, mode);
+    }
+    static ssize_t Write(int descriptor, const void* data, size_t size)
+    {
+        return ::Test::FailNth::Hit() ? -1 : RealAs<ssize_t (*)(int, const void*, size_t)>("write")(descriptor, data, size);
+    }
+    static ssize_t Pwrite(int descriptor, const void* data, size_t size, off_t at)
+    {
+        return ::Test::FailNth::Hit() ? -1 : pwrite(descriptor, data, size, at);
+    }
+    static int Truncate(int descriptor, off_t size)
+    {
+        return ::Test::FailNth::Hit() ? -1 : ftruncate(descriptor, size);
+    }
+    static int Unlink(const char* path) { return ::Test::FailNth::Hit() ? -1 : unlink(path); }
+    static Call Replacement(const std::string& name)
+    {
+        if (name == "open")
+            return reinterpret_cast<Call>(Open);
+        if (name == "write")
+            return reinterpret_cast<Call>(Write);
+        if (name == "ftruncate")
+            return reinterpret_cast<Call>(Truncate);
+        if (name == "unlink")
+            return reinterpret_cast<Call>(Unlink);
+        return reinterpret_cast<Call>(Pwrite);
+    }
+    sqlite3_vfs* m_vfs;
+};
+
+class EventStoreTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        SqliteSettings settings;
+        settings.busyTimeoutMs = 20;
+        SetSqliteSettings(settings);
+    }
+    void TearDown() override { SetSqliteSettings(SqliteSettings()); }
+
+    std::string Database() const { return m_work + "/events.db"; }
+    std::string Pending() const { return m_work + "/events.pending.xml"; }
+    bool Exists(const std::string& path) const { return std::filesystem::exists(path); }
+
+    // All texts in the database, in order of their ids, each followed by ";".
+    std::string Stored() const { return StoredIn(Database()); }
+    static std::string StoredIn(const std::string& path)
+    {
+        SqliteDb db;
+        if (!std::filesystem::exists(path) || !db.Open(path, 0))
+            return "(" + db.Error() + ")";
+        SqliteStatement rows(db, "SELECT text FROM agent_event ORDER BY id");
+        std::string all;
+        while (rows.Step() == SqliteStatement::EStep::Row)
+            all += rows.ColumnText(0) + ";";
+        return all;
+    }
+    static int CountOf(const std::string& all, const std::string& text)
+    {
+        int count = 0;
+        for (std::size_t at = all.find(text + ";"); at != std::string::npos; at = all.find(text + ";", at + 1))
+            ++count;
+        return count;
+    }
+
+    ::Test::TempFolder m_folder;
+    std::string m_work = m_folder.Path();
+};
+
+// Runs `body` in a child with a mount namespace of its own; its result is the exit code. -1: no such namespace here.
+int InOwnMounts(const std::function<int()>& body)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            _exit(77);
+        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO); // what the store shows there is not what such a body tests
+        const int result = body();
+        std::fflush(stdout);
+        _exit(result);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 77 ? -1 : status;
+}
+
+// What a child of a test checks: its line says which did not hold.
+#define CHILD_CHECK(condition)                                                                                         \
+    do {                                                                                                               \
+        if (!(condition)) {                                                                                            \
+            std::printf("line %d: %s\n", __LINE__, #condition);                                               \
+            return 1;                                                                                                  \
+        }                                                                                                              \
+    } while (false)
+
+} // namespace
+
+TEST_F(EventStoreTest, OpensNothingBeforeTheFirstWrite)
+{
+    EventStore store(m_work);
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_TRUE(std::filesystem::is_empty(m_work));
+}
+
+TEST_F(EventStoreTest, AllFieldsAreStored)
+{
+    ::Test::LogCapture log;
+    EventStore store(m_work);
+    const CAgentEvent event = MakeEvent("net|1.2|it's \"<&>\"\n\xC3\xA4");
+    EXPECT_EQ(store.Write(event), 1);
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(Database(), 0));
+    SqliteStatement row(db, "SELECT id, time_ms, time_s, number, severity, text, xml FROM agent_event");
+    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    EXPECT_EQ(row.ColumnInt(0), 1);
+    EXPECT_EQ(row.ColumnInt(1), 1700000000123);
+    EXPECT_EQ(row.ColumnInt(2), 1700000000);
+    EXPECT_EQ(row.ColumnInt(3), 5101);
+    EXPECT_EQ(row.ColumnInt(4), 5);
+    EXPECT_EQ(row.ColumnText(5), event.m_text);
+    EXPECT_EQ(row.ColumnText(6), event.ToXml());
+    EXPECT_EQ(row.Step(), SqliteStatement::EStep::Done);
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+    EXPECT_FALSE(Exists(Pending()));
+}
+
+TEST_F(EventStoreTest, AbsentFieldsAreNull)
+{
+    EventStore store(m_work);
+    EXPECT_EQ(store.Write(CAgentEvent()), 1);
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(Database(), 0));
+    SqliteStatement row(db, "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event");
+    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    for (int column = 0; column < 5; ++column)
+        EXPECT_TRUE(row.ColumnIsNull(column)) << column;
+    EXPECT_EQ(row.ColumnText(5), "<agent_event/>");
+}
+
+TEST_F(EventStoreTest, IdsGrowByOne)
+{
+    EventStore store(m_work);
+    for (int id = 1; id <= 5; ++id)
+        EXPECT_EQ(store.Write(MakeEvent("e")), id);
+    EventStore again(m_work);
+    EXPECT_EQ(again.Write(MakeEvent("e")), 6);
+}
+
+TEST_F(EventStoreTest, LockedDatabaseMeansPendingFileThenDatabaseOnce)
+{
+    EventStore store(m_work);
+    ASSERT_EQ(store.Write(MakeEvent("first")), 1);
+    SqliteDb other;
+    ASSERT_TRUE(other.Open(Database(), 0));
+    ASSERT_TRUE(other.Exec("BEGIN EXCLUSIVE"));
+    {
+        ::Test::LogCapture log;
+        EXPECT_EQ(store.Write(MakeEvent("second")), 0);
+        EXPECT_EQ(store.Write(MakeEvent("third")), 0);
+        EXPECT_EQ(log.Count(wxLOG_Error, "events.pending.xml"), 2u) << log.All();
+        EXPECT_EQ(log.Count(wxLOG_Error, "locked"), 2u) << log.All();
+        EXPECT_EQ(log.Count(wxLOG_Error, "text=\"second\""), 1u) << log.All();
+        EXPECT_EQ(log.Lines().size(), 2u) << log.All();
+    }
+    EXPECT_NE(::Test::ReadFile(Pending()).find("text=\"second\""), std::string::npos);
+    ASSERT_TRUE(other.Exec("ROLLBACK"));
+    other.Close();
+    ::Test::LogCapture log;
+    EXPECT_EQ(store.Write(MakeEvent("fourth")), 4);
+    EXPECT_EQ(Stored(), "first;second;third;fourth;");
+    EXPECT_FALSE(Exists(Pending()));
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+}
+
+TEST_F(EventStoreTest, PendingEventsKeepAllTheirFields)
+{
+    const CAgentEvent event = MakeEvent("it's \"<&>\"\n\t\xC3\xA4");
+    std::filesystem::create_directory(Database());
+    {
+        ::Test::LogCapture log;
+        EventStore store(m_work);
+        EXPECT_EQ(store.Write(event), 0);
+        EXPECT_EQ(store.Write(CAgentEvent()), 0);
+    }
+    std::filesystem::remove(Database());
+    EventStore store(m_work);
+    EXPECT_TRUE(store.StoreKept());
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(Database(), 0));
+    SqliteStatement row(db, "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event ORDER BY id");
+    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    EXPECT_EQ(row.ColumnInt(0), event.m_timeMillis);
+    EXPECT_EQ(row.ColumnInt(1), event.m_timeSeconds);
+    EXPECT_EQ(row.ColumnInt(2), event.m_number);
+    EXPECT_EQ(row.ColumnInt(3), event.m_severity);
+    EXPECT_EQ(row.ColumnText(4), event.m_text);
+    EXPECT_EQ(row.ColumnText(5), event.ToXml());
+    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    EXPECT_TRUE(row.ColumnIsNull(0));
+    EXPECT_TRUE(row.ColumnIsNull(4));
+    EXPECT_EQ(row.ColumnText(5), "<agent_event/>");
+}
+
+TEST_F(EventStoreTest, PendingFileSeenTwiceIsStoredOnce)
+{
+    std::filesystem::create_directory(Database());
+    ::Test::LogCapture log;
+    EventStore store(m_work);
+    store.Write(MakeEvent("once"));
+    const std::string pending = ::Test::ReadFile(Pending());
+    std::filesystem::remove(Database());
+    EXPECT_TRUE(store.StoreKept());
+    ::Test::WriteFile(Pending(), pending + pending); // as if the removal had been lost
+    EXPECT_EQ(store.Write(MakeEvent("next")), 2);
+    EXPECT_EQ(Stored(), "once;next;");
+}
+
+TEST_F(EventStoreTest, LineCutShortIsAnErrorLineAndTheOthersAreStored)
+{
+    EventStore store(m_work);
+    ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"good\"/></pending>\n"
+                               "\n<pending key=\"k2\"><agent_event text=\"cut");
+    ::Test::LogCapture log;
+    EXPECT_EQ(store.Write(MakeEvent("next")), 2);
+    EXPECT_EQ(Stored(), "good;next;");
+    EXPECT_EQ(log.Count(wxLOG_Error, "is no event and is left out: <pending key=\"k2\"><agent_event text=\"cut"), 1u)
+        << log.All();
+    EXPECT_FALSE(Exists(Pending()));
+}
+
+TEST_F(EventStoreTest, NothingToWriteInMeansMemoryAndStandardErrorThenDatabaseOnce)
+{
+    m_work += "/not-there-yet";
+    EventStore store(m_work);
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(store.Write(MakeEvent("one")), 0);
+    EXPECT_EQ(store.Write(MakeEvent("two")), 0);
+    const std::string shown = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(store.InMemory(), 2u);
+    EXPECT_NE(shown.find("text=\"one\""), std::string::npos) << shown;
+    EXPECT_NE(shown.find("text=\"two\""), std::string::npos) << shown;
+    EXPECT_EQ(log.Count(wxLOG_Error, "kept in memory"), 2u) << log.All();
+    std::filesystem::create_directory(m_work);
+    EXPECT_EQ(store.Write(MakeEvent("three")), 3);
+    EXPECT_EQ(store.InMemory(), 0u);
+    EXPECT_EQ(Stored(), "one;two;three;");
+}
+
+TEST_F(EventStoreTest, MemoryGoesToThePendingFileWhenOnlyThatHasRoom)
+{
+    m_work += "/later";
+    EventStore store(m_work);
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    store.Write(MakeEvent("one"));
+    testing::internal::GetCapturedStderr();
+    std::filesystem::create_directories(Database());
+    EXPECT_EQ(store.Write(MakeEvent("two")), 0);
+    EXPECT_EQ(store.InMemory(), 0u);
+    std::filesystem::remove(Database());
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_EQ(Stored(), "one;two;");
+}
+
+TEST_F(EventStoreTest, MemoryIsBoundedAndSaysWhatItGivesUp)
+{
+    m_work += "/never";
+    EventStore store(m_work);
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    const std::size_t extra = EventStore::maxInMemory > 100 ? 0 : 2;
+    for (std::size_t i = 0; i < EventStore::maxInMemory + extra && extra > 0; ++i)
+        store.Write(MakeEvent("e" + std::to_string(i)));
+    const std::string shown = testing::internal::GetCapturedStderr();
+    if (extra == 0)
+        GTEST_SKIP() << "the limit of this build is large";
+    EXPECT_EQ(store.InMemory(), EventStore::maxInMemory);
+    EXPECT_EQ(log.Count(wxLOG_Error, "Too many agent events"), 2u);
+    EXPECT_NE(shown.find("given up: <agent_event time_ms=\"1700000000123\" time_s=\"1700000000\" number=\"5101\""
+                         " severity=\"5\" text=\"e1\"/>"),
+              std::string::npos)
+        << shown;
+}
+
+TEST_F(EventStoreTest, DamagedDatabaseIsMovedAsideAndANewOneBegins)
+{
+    ::Test::WriteFile(Database(), std::string(8192, 'x'));
+    ::Test::LogCapture log;
+    EventStore store(m_work);
+    EXPECT_EQ(store.Write(MakeEvent("event")), 1);
+    EXPECT_EQ(Stored(), "event;");
+    EXPECT_EQ(log.Count(wxLOG_Error, "is damaged"), 1u) << log.All();
+    EXPECT_EQ(log.Lines().size(), 1u) << log.All();
+    int kept = 0;
+    for (const auto& item : std::filesystem::directory_iterator(m_work))
+        if (item.path().filename().string().find("events.db.damaged-") == 0)
+            kept += ::Test::ReadFile(item.path().string()) == std::string(8192, 'x') ? 1 : 0;
+    EXPECT_EQ(kept, 1);
+}
+
+TEST_F(EventStoreTest, DatabaseThatIsDamagedWhileOpenIsMovedAside)
+{
+    EventStore store(m_work);
+    store.Write(MakeEvent("before"));
+    {
+        std::fstream file(Database(), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(24); // the change counter and all behind it
+        const std::string rubbish(8000, '\xAB');
+        file.write(rubbish.data(), static_cast<std::streamsize>(rubbish.size()));
+    }
+    ::Test::LogCapture log;
+    EXPECT_EQ(store.Write(MakeEvent("after")), 1);
+    EXPECT_EQ(Stored(), "after;");
+    EXPECT_EQ(log.Count(wxLOG_Error, "is damaged"), 1u) << log.All();
+}
+
+TEST_F(EventStoreTest, RemovedOrReplacedDatabaseIsOpenedAnew)
+{
+    EventStore store(m_work);
+    store.Write(MakeEvent("one"));
+    std::filesystem::remove(Database());
+    ::Test::LogCapture log;
+    EXPECT_EQ(store.Write(MakeEvent("two")), 1);
+    EXPECT_EQ(Stored(), "two;");
+    std::filesystem::rename(Database(), Database() + ".old");
+    EventStore(m_work).Write(MakeEvent("of another"));
+    EXPECT_EQ(store.Write(MakeEvent("three")), 2);
+    EXPECT_EQ(Stored(), "of another;three;");
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+}
+
+TEST_F(EventStoreTest, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
+{
+    {
+        SqliteDb db;
+        ASSERT_TRUE(db.Open(Database(), 0));
+        ASSERT_TRUE(db.Exec("CREATE TABLE agent_event(something)"));
+    }
+    ::Test::LogCapture log;
+    EventStore store(m_work);
+    EXPECT_EQ(store.Write(MakeEvent("event")), 0);
+    EXPECT_TRUE(Exists(Pending()));
+    EXPECT_EQ(log.Count(wxLOG_Error, "no column"), 1u) << log.All();
+}
+
+TEST_F(EventStoreTest, ReadOnlyFileSystemMeansMemoryThenDatabase)
+{
+    const int status = InOwnMounts([this] {
+        if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=4m") != 0)
+            return 77;
+        wxLogNull quiet;
+        CHILD_CHECK(EventStore(m_work).Write(MakeEvent("one")) == 1);
+        CHILD_CHECK(mount(nullptr, m_work.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0);
+        EventStore store(m_work);
+        CHILD_CHECK(store.Write(MakeEvent("two")) == 0);
+        CHILD_CHECK(store.InMemory() == 1);
+        CHILD_CHECK(mount(nullptr, m_work.c_str(), nullptr, MS_REMOUNT, nullptr) == 0);
+        CHILD_CHECK(store.Write(MakeEvent("three")) == 3);
+        CHILD_CHECK(Stored() == "one;two;three;");
+        return 0;
+    });
+    if (status < 0)
+        GTEST_SKIP() << "no mount namespace here";
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(EventStoreTest, FullDiskMeansMemoryThenDatabaseOnce)
+{
+    const int status = InOwnMounts([this] {
+        if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=256k") != 0)
+            return 77;
+        wxLogNull quiet;
+        EventStore store(m_work);
+        CHILD_CHECK(store.Write(MakeEvent("one")) == 1);
+        {
+            std::ofstream filler(m_work + "/filler", std::ios::binary);
+            const std::string page(4096, 'f');
+            while (filler.write(page.data(), 4096).flush()) {
+            }
+        }
+        const std::string large(20000, 'L'); // needs pages that are not there
+        CHILD_CHECK(store.Write(MakeEvent(large)) == 0);
+        CHILD_CHECK(store.Write(MakeEvent("three" + large)) == 0);
+        CHILD_CHECK(store.InMemory() == 2);
+        CHILD_CHECK(!store.StoreKept());
+        std::filesystem::remove(m_work + "/filler");
+        CHILD_CHECK(store.StoreKept());
+        CHILD_CHECK(Stored() == "one;" + large + ";three" + large + ";");
+        return 0;
+    });
+    if (status < 0)
+        GTEST_SKIP() << "no mount namespace here";
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(EventStoreTest, EachFailingCallLeavesEveryEventExactlyOnce)
+{
+    for (const bool lasting : {false, true}) {
+        bool hit = true;
+        for (int n = 1; hit && n < 300; ++n) {
+            ::Test::TempFolder folder;
+            m_work = folder.Path();
+            ::Test::LogCapture log;
+            testing::internal::CaptureStderr();
+            std::filesystem::create_directory(Database());
+            EventStore(m_work).Write(MakeEvent("pending")); // so that an import is in the sweep
+            std::filesystem::remove(Database());
+            EventStore store(m_work);
+            {
+                SqliteFaults faults;
+                ::Test::FailNth fault(n, lasting ? ENOSPC : EIO, ::Test::FailNth::EHow::Fail, lasting);
+                store.Write(MakeEvent("in fault"));
+                hit = fault.WasHit();
+            }
+            store.Write(MakeEvent("after"));
+            const std::string shown = testing::internal::GetCapturedStderr();
+            const std::string all = Stored();
+            for (const char* text : {"pending", "in fault", "after"})
+                EXPECT_EQ(CountOf(all, text), 1) << "call " << n << (lasting ? " and later" : "") << ": " << all << log.All();
+            EXPECT_FALSE(Exists(Pending())) << n;
+            EXPECT_EQ(store.InMemory(), 0u) << n;
+        }
+        EXPECT_FALSE(hit);
+    }
+}
+
+TEST_F(EventStoreTest, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
+{
+    bool killed = true;
+    for (int n = 1; killed && n < 300; ++n) {
+        ::Test::TempFolder folder;
+        m_work = folder.Path();
+        ::Test::LogCapture log;
+        std::filesystem::create_directory(Database());
+        {
+            EventStore store(m_work);
+            store.Write(MakeEvent("pending 1"));
+            store.Write(MakeEvent("pending 2"));
+        }
+        std::filesystem::remove(Database());
+        int done[2];
+        ASSERT_EQ(pipe(done), 0);
+        const pid_t pid = fork();
+        if (pid == 0) {
+            SqliteFaults faults;
+            ::Test::FailNth fault(n, EIO, ::Test::FailNth::EHow::Die);
+            const bool stored = EventStore(m_work).Write(MakeEvent("mine")) != 0;
+            fault.Stop();
+            static_cast<void>(write(done[1], stored ? "y" : "n", 1) == 1);
+            _exit(0);
+        }
+        close(done[1]);
+        char acknowledged = '-';
+        const bool heard = read(done[0], &acknowledged, 1) == 1;
+        close(done[0]);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        killed = WIFSIGNALED(status);
+        EventStore(m_work).Write(MakeEvent("after"));
+        const std::string all = Stored();
+        for (const char* text : {"pending 1", "pending 2", "after"})
+            EXPECT_EQ(CountOf(all, text), 1) << "call " << n << ": " << all;
+        EXPECT_LE(CountOf(all, "mine"), 1) << "call " << n << ": " << all;
+        EXPECT_EQ(!heard || CountOf(all, "mine") == 1, true) << "call " << n << ": " << all;
+        EXPECT_FALSE(Exists(Pending())) << n;
+    }
+    EXPECT_FALSE(killed);
+}
+
+TEST_F(EventStoreTest, ManyThreadsWriteIntoOneStore)
+{
+    EventStore store(m_work);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t)
+        threads.emplace_back([&store, t] {
+            for (int i = 0; i < 5; ++i)
+                EXPECT_GT(store.Write(MakeEvent(std::to_string(t) + "." + std::to_string(i))), 0);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    const std::string all = Stored();
+    EXPECT_EQ(std::count(all.begin(), all.end(), ';'), 30);
+}
+
+TEST_F(EventStoreTest, ManyProcessesWriteIntoOneFolder)
+{
+    SetSqliteSettings(SqliteSettings());
+    std::vector<pid_t> children;
+    for (int c = 0; c < 4; ++c) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            wxLogNull quiet;
+            EventStore store(m_work);
+            for (int i = 0; i < 5; ++i)
+                store.Write(MakeEvent(std::to_string(c) + "." + std::to_string(i)));
+            store.StoreKept();
+            _exit(0);
+        }
+        children.push_back(pid);
+    }
+    for (const pid_t pid : children)
+        waitpid(pid, nullptr, 0);
+    EventStore(m_work).StoreKept();
+    const std::string all = Stored();
+    for (int c = 0; c < 4; ++c)
+        for (int i = 0; i < 5; ++i)
+            EXPECT_EQ(CountOf(all, std::to_string(c) + "." + std::to_string(i)), 1) << all;
+}
+
+TEST_F(EventStoreTest, ForkedChildOpensAConnectionOfItsOwn)
+{
+    EventStore store(m_work);
+    store.Write(MakeEvent("parent"));
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(store.Write(MakeEvent("child")) == 2 ? 0 : 1);
+    int status = -1;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(store.Write(MakeEvent("parent again")), 3);
+}
+
+TEST_F(EventStoreTest, EventsBeforeTheWorkingFolderIsKnownAreStoredInIt)
+{
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(GetEventStore("")->Write(MakeEvent("early")), 0);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(GetEventStore(m_work)->Write(MakeEvent("late")), 2);
+    EXPECT_EQ(Stored(), "early;late;");
+    CloseEventStores();
+}
+
+TEST_F(EventStoreTest, ClosingTheStoresStoresWhatIsKept)
+{
+    ::Test::LogCapture log;
+    std::filesystem::create_directory(Database());
+    EXPECT_EQ(GetEventStore(m_work)->Write(MakeEvent("kept")), 0);
+    std::filesystem::remove(Database());
+    CloseEventStores();
+    EXPECT_EQ(Stored(), "kept;");
+}
+
+TEST_F(EventStoreTest, DomainWritesBelowItsWorkingFolder)
+{
+    CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
+    dom->Set("app.path.work", m_work);
+    CAgentEvent event = MakeEvent("by the domain");
+    EXPECT_EQ(dom->AgentEventWrite(event), 1);
+    EXPECT_EQ(Stored(), "by the domain;");
+    CloseEventStores();
+    dom->Release();
+}

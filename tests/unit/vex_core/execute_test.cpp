@@ -1,0 +1,335 @@
+#include "vex/core/execute.h"
+
+#include "support/log_capture.h"
+#include "support/temp_folder.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <wx/arrstr.h>
+
+using namespace VexCore;
+
+namespace {
+
+struct Result
+{
+    bool ran = false;
+    wxString output;
+    int code = -99;
+    wxString error;
+};
+
+Result RunProgram(const std::string& program, const std::vector<std::string>& arguments, long timeoutMs = 0)
+{
+    wxArrayString list;
+    for (const std::string& argument : arguments)
+        list.Add(wxString::FromUTF8(argument.data(), argument.size()));
+    Result result;
+    result.ran = Execute(wxString::FromUTF8(program.c_str()), list, result.output, result.code, result.error, timeoutMs);
+    return result;
+}
+
+Result Shell(const std::string& script, long timeoutMs = 0)
+{
+    return RunProgram("/bin/sh", {"-c", script}, timeoutMs);
+}
+
+long ElapsedMs(std::chrono::steady_clock::time_point since)
+{
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count());
+}
+
+// The line of /proc/self/status of a program that we run.
+std::string StatusLine(const std::string& name)
+{
+    return std::string(RunProgram("/bin/grep", {"^" + name + ":", "/proc/self/status"}).output.utf8_str());
+}
+
+class DispositionKept
+{
+public:
+    DispositionKept(int signal, void (*handler)(int), int flags = 0) : m_signal(signal)
+    {
+        struct sigaction action = {};
+        action.sa_handler = handler;
+        action.sa_flags = flags;
+        sigaction(signal, &action, &m_before);
+    }
+    ~DispositionKept() { sigaction(m_signal, &m_before, nullptr); }
+
+private:
+    int m_signal;
+    struct sigaction m_before = {};
+};
+
+volatile sig_atomic_t handled = 0;
+
+void CountSignal(int)
+{
+    handled = handled + 1;
+}
+
+} // namespace
+
+TEST(Execute, CapturesBothStreamsInTheirOrder)
+{
+    ::Test::LogCapture log;
+    const Result result = Shell("echo one; echo two >&2; echo three");
+    EXPECT_TRUE(result.ran);
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.output, "one\ntwo\nthree\n");
+    EXPECT_TRUE(result.error.empty());
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+}
+
+TEST(Execute, ArgumentsArriveUntouchedByAnyShell)
+{
+    const Result result = RunProgram("/usr/bin/printf", {"[%s]", "a b", "$HOME", "*", "'\"", "", "\xC3\xA4;exit 3"});
+    EXPECT_EQ(result.output, wxString::FromUTF8("[a b][$HOME][*]['\"][][\xC3\xA4;exit 3]"));
+}
+
+TEST(Execute, ExitCodeIsOneWarningAndStillTrue)
+{
+    ::Test::LogCapture log;
+    const Result result = Shell("exit 3");
+    EXPECT_TRUE(result.ran);
+    EXPECT_EQ(result.code, 3);
+    ASSERT_EQ(log.Lines().size(), 1u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Warning, "Program '/bin/sh' ended with code 3"), 1u) << log.All();
+}
+
+TEST(Execute, SignalIsOneWarningAndCode128PlusItsNumber)
+{
+    ::Test::LogCapture log;
+    const Result result = Shell("kill -9 $$");
+    EXPECT_TRUE(result.ran);
+    EXPECT_EQ(result.code, 128 + SIGKILL);
+    ASSERT_EQ(log.Lines().size(), 1u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Warning, "Program '/bin/sh' was ended by signal 9"), 1u) << log.All();
+}
+
+TEST(Execute, ProgramThatCannotStartIsFalseWithReason)
+{
+    ::Test::TempFolder folder;
+    ::Test::LogCapture log;
+    const std::string plain = folder / "plain";
+    ::Test::WriteFile(plain, "#!/bin/sh\n");
+    chmod(plain.c_str(), 0644);
+    const std::string headless = folder / "headless";
+    ::Test::WriteFile(headless, "echo no interpreter line\n");
+    chmod(headless.c_str(), 0755);
+    const std::pair<std::string, const char*> cases[] = {
+        {folder / "missing", "No such file or directory"},
+        {plain, "Permission denied"},
+        {folder.Path(), "Permission denied"},
+        {headless, "Exec format error"},
+        {"no-such-program-anywhere", "No such file or directory"},
+        {"", "No such file or directory"},
+    };
+    for (const auto& item : cases) {
+        const Result result = RunProgram(item.first, {});
+        EXPECT_FALSE(result.ran) << item.first;
+        EXPECT_EQ(result.error, wxString::FromUTF8(("Unable to run '" + item.first + "': " + item.second).c_str()));
+        EXPECT_EQ(result.error.find('\n'), wxString::npos);
+    }
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+}
+
+TEST(Execute, NameWithoutSlashIsLookedUpInPath)
+{
+    EXPECT_EQ(RunProgram("printf", {"%s", "found"}).output, "found");
+}
+
+TEST(Execute, StandardInputIsEmpty)
+{
+    EXPECT_EQ(RunProgram("/bin/cat", {}).output, "");
+}
+
+TEST(Execute, OutputIsCutAt16MiBAndTheProgramEndsAllTheSame)
+{
+    const Result result = Shell("head -c 20000000 /dev/zero | tr '\\0' x; exit 0");
+    EXPECT_TRUE(result.ran);
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.output.length(), std::size_t(16) << 20);
+}
+
+TEST(Execute, CutDoesNotSplitACharacter)
+{
+    // 3-byte characters do not divide 16 MiB: the cut falls inside one.
+    const Result result = Shell("head -c 6000000 /dev/zero | sed 's/\\x00/\\xe2\\x82\\xac/g'");
+    EXPECT_TRUE(result.ran);
+    ASSERT_EQ(result.output.length(), (std::size_t(16) << 20) / 3);
+    EXPECT_EQ(result.output[0], wxUniChar(0x20AC));
+    EXPECT_EQ(result.output.Last(), wxUniChar(0x20AC));
+}
+
+TEST(Execute, OutputThatIsNotUtf8IsTakenAsLatin1)
+{
+    EXPECT_EQ(RunProgram("/usr/bin/printf", {"\\344"}).output, wxString(wxUniChar(0xE4)));
+    EXPECT_EQ(RunProgram("/usr/bin/printf", {"a\\000b"}).output.length(), 3u);
+}
+
+TEST(Execute, ProgramInheritsNoOtherDescriptor)
+{
+    std::vector<int> extra;
+    for (int i = 0; i < 200; ++i)
+        extra.push_back(open("/dev/null", O_RDONLY)); // not close-on-exec
+    const Result result = Shell("ls /proc/self/fd | tr '\\n' ' '");
+    for (const int descriptor : extra)
+        close(descriptor);
+    EXPECT_EQ(result.output, "0 1 2 3 "); // 3 is the listing's own
+}
+
+TEST(Execute, LeavesNoDescriptorBehind)
+{
+    const auto count = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+    };
+    Shell("true");
+    const auto before = count();
+    Shell("echo x");
+    RunProgram("/nonexistent", {});
+    EXPECT_EQ(count(), before);
+}
+
+TEST(Execute, ProgramStartsWithDefaultDispositionsAndEmptyMask)
+{
+    DispositionKept ignored(SIGTERM, SIG_IGN);
+    DispositionKept ignoredPipe(SIGPIPE, SIG_IGN);
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    sigaddset(&blocked, SIGCHLD);
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    const std::string mask = StatusLine("SigBlk");
+    const std::string ignoredSet = StatusLine("SigIgn");
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, &before, &after);
+    EXPECT_EQ(mask, "SigBlk:\t0000000000000000\n");
+    EXPECT_EQ(ignoredSet, "SigIgn:\t0000000000000000\n");
+    EXPECT_EQ(sigismember(&after, SIGUSR1), 1) << "our own mask is as it was";
+    struct sigaction now;
+    sigaction(SIGTERM, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_IGN) << "our own disposition is as it was";
+}
+
+TEST(Execute, WorksWhileSigchldIsIgnored)
+{
+    ::Test::LogCapture log;
+    DispositionKept ignored(SIGCHLD, SIG_IGN);
+    const Result result = Shell("echo here; exit 5");
+    EXPECT_TRUE(result.ran);
+    EXPECT_EQ(result.code, 5);
+    struct sigaction now;
+    sigaction(SIGCHLD, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_IGN);
+}
+
+TEST(Execute, WorksWhileSigchldIsBlocked)
+{
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGCHLD);
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    const Result result = Shell("echo here");
+    // Ours stays pending: take it, so that it does not come over a later test.
+    const struct timespec none = {0, 0};
+    sigtimedwait(&blocked, nullptr, &none);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(result.output, "here\n");
+}
+
+TEST(Execute, GrandchildThatKeepsThePipeDoesNotHoldUs)
+{
+    const auto start = std::chrono::steady_clock::now();
+    const Result result = Shell("sleep 5 & echo started");
+    EXPECT_TRUE(result.ran);
+    EXPECT_EQ(result.output, "started\n");
+    EXPECT_LT(ElapsedMs(start), 3000);
+}
+
+TEST(Execute, ProgramThatClosesItsStreamsIsStillWaitedFor)
+{
+    ::Test::TempFolder folder;
+    const Result result = Shell("exec >/dev/null 2>&1; sleep 0.3; touch " + (folder / "done"));
+    EXPECT_TRUE(result.ran);
+    EXPECT_TRUE(std::filesystem::exists(folder / "done"));
+}
+
+TEST(Execute, TimeLimitKillsTheWholeGroup)
+{
+    ::Test::TempFolder folder;
+    ::Test::LogCapture log;
+    const auto start = std::chrono::steady_clock::now();
+    const Result result = Shell("echo early; (sleep 1; touch " + (folder / "late") + ") & sleep 20", 300);
+    EXPECT_LT(ElapsedMs(start), 5000);
+    EXPECT_FALSE(result.ran);
+    EXPECT_EQ(result.error, "Program '/bin/sh' was killed, because it took longer than 300 ms");
+    EXPECT_EQ(result.output, "early\n");
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1300));
+    EXPECT_FALSE(std::filesystem::exists(folder / "late"));
+}
+
+TEST(Execute, TimeLimitHoldsAgainstAFloodOfOutput)
+{
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(RunProgram("/usr/bin/yes", {}, 300).ran);
+    EXPECT_LT(ElapsedMs(start), 5000);
+}
+
+TEST(Execute, ProgramWithinItsTimeLimitIsUntouched)
+{
+    const Result result = Shell("sleep 0.1; echo done", 60000);
+    EXPECT_TRUE(result.ran);
+    EXPECT_EQ(result.output, "done\n");
+}
+
+TEST(Execute, SignalHandlersOfOursRunWhileItWaits)
+{
+    handled = 0;
+    DispositionKept handler(SIGUSR2, CountSignal); // without SA_RESTART: calls are interrupted
+    const pthread_t self = pthread_self();
+    std::thread sender([self] {
+        for (int i = 0; i < 5; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(40));
+            pthread_kill(self, SIGUSR2);
+        }
+    });
+    const Result result = Shell("sleep 0.5; echo done");
+    sender.join();
+    EXPECT_TRUE(result.ran);
+    EXPECT_EQ(result.output, "done\n");
+    EXPECT_EQ(handled, 5);
+}
+
+TEST(Execute, ManyThreadsAtOnce)
+{
+    std::vector<std::thread> threads;
+    std::atomic<int> good{0};
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&good, t] {
+            for (int i = 0; i < 5; ++i) {
+                const std::string text = std::to_string(t) + "." + std::to_string(i);
+                if (RunProgram("/bin/echo", {text}).output == wxString(text + "\n"))
+                    ++good;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(good, 40);
+}
