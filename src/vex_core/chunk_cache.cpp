@@ -197,13 +197,16 @@ public:
     {
         std::int64_t nothing = 0;
         m_waitingSinceMs.compare_exchange_strong(nothing, SteadyMs());
-        static const int registered = (s_registeredBy = os::ProcessId(), std::atexit(FlushAtExit));
+        s_waitingIn = os::ProcessId();
+        static const int registered = std::atexit(FlushAtExit);
         (void)registered;
     }
 
     /// A cache has opened its file. When many are open, the one that has been longest is closed.
     void Opened(const std::shared_ptr<ChunkCache>& cache)
     {
+        if (!cache)
+            return; // a test's own, on the stack
         std::shared_ptr<ChunkCache> old;
         {
             const std::lock_guard<std::mutex> guard(m_lock);
@@ -235,7 +238,7 @@ private:
     /// Not in a child that was forked: locks may be held there by threads that it does not have.
     static void FlushAtExit()
     {
-        if (os::ProcessId() != s_registeredBy)
+        if (os::ProcessId() != s_waitingIn)
             return;
         try {
             ChunkCache::FlushAll();
@@ -243,14 +246,14 @@ private:
         }
     }
 
-    static pid_t s_registeredBy;
+    static std::atomic<pid_t> s_waitingIn;
     std::mutex m_lock;
     std::deque<std::weak_ptr<ChunkCache>> m_open; // guarded by m_lock
     std::unordered_map<std::string, std::shared_ptr<ChunkCache>> m_caches; // guarded by m_lock
     std::vector<std::string> m_swept; // guarded by m_lock
 };
 
-pid_t Caches::s_registeredBy = 0;
+std::atomic<pid_t> Caches::s_waitingIn{0};
 
 struct FoundFile
 {
@@ -526,7 +529,7 @@ bool ChunkCache::Find(const std::string& archive, const std::string& entry, std:
             found = FindOnDisk(name, chunk);
     }
     if (opened)
-        Caches::Process().Opened(shared_from_this());
+        Caches::Process().Opened(weak_from_this().lock());
     return found;
 }
 
