@@ -18,7 +18,7 @@ namespace {
 
 std::string OneModule(const std::string& code)
 {
-    Test::ZipBuilder builder;
+    ::Test::ZipBuilder builder;
     builder.Add("a.lua", code);
     builder.Add("a.txt", "text");
     builder.AddFolder("b.lua/");
@@ -33,7 +33,7 @@ protected:
         return ArchiveIndex::Process().Slot(path)->Current(ZipLimits(), failure);
     }
     ~ArchiveIndexTest() override { ArchiveIndex::Process().ForgetUnused(); }
-    Test::TempFolder folder;
+    ::Test::TempFolder folder;
     std::string failure;
     wxLogNull silence;
 };
@@ -65,7 +65,7 @@ TEST(HashNameTest, IsTheSameInEveryBuildBecauseCacheFilesHoldIt)
 
 TEST_F(ArchiveIndexTest, OnlyFilesThatEndInLuaAreModules)
 {
-    Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const auto archive = Current(folder / "x.vxe");
     ASSERT_TRUE(archive);
     EXPECT_TRUE(archive->MayHave(HashName("a.lua")));
@@ -76,16 +76,16 @@ TEST_F(ArchiveIndexTest, OnlyFilesThatEndInLuaAreModules)
 
 TEST_F(ArchiveIndexTest, AnArchiveThatDidNotChangeIsTheSameObject)
 {
-    Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const auto first = Current(folder / "x.vxe");
     EXPECT_EQ(Current(folder / "x.vxe"), first);
 }
 
 TEST_F(ArchiveIndexTest, AnotherFileAtThePathIsAnotherArchive)
 {
-    Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const auto first = Current(folder / "x.vxe");
-    Test::WriteFile(folder / "y.vxe", OneModule("return 1"));
+    ::Test::WriteFile(folder / "y.vxe", OneModule("return 1"));
     std::filesystem::rename(folder / "y.vxe", folder / "x.vxe");
     const auto second = Current(folder / "x.vxe");
     EXPECT_NE(second, first);
@@ -95,7 +95,7 @@ TEST_F(ArchiveIndexTest, AnotherFileAtThePathIsAnotherArchive)
 
 TEST_F(ArchiveIndexTest, ManyThreadsOpenAnArchiveOnce)
 {
-    Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     std::vector<std::shared_ptr<ModuleArchive>> seen(8);
     std::vector<std::thread> threads;
     for (auto& place : seen)
@@ -111,7 +111,7 @@ TEST_F(ArchiveIndexTest, ManyThreadsOpenAnArchiveOnce)
 
 TEST_F(ArchiveIndexTest, AClosedArchiveIsOpenedAgainWhenItIsRead)
 {
-    Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const auto archive = Current(folder / "x.vxe");
     archive->Close();
     std::string error;
@@ -122,10 +122,10 @@ TEST_F(ArchiveIndexTest, AClosedArchiveIsOpenedAgainWhenItIsRead)
 
 TEST_F(ArchiveIndexTest, AClosedArchiveThatWasReplacedIsNotReadAsTheOldOne)
 {
-    Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const auto archive = Current(folder / "x.vxe");
     archive->Close();
-    Test::WriteFile(folder / "x.vxe", OneModule("return 22"));
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 22"));
     std::string error;
     EXPECT_FALSE(archive->Zip(error));
     EXPECT_EQ(error, "the file was replaced meanwhile");
@@ -137,7 +137,7 @@ TEST_F(ArchiveIndexTest, MoreArchivesThanDescriptorsAreAllUsable)
     std::vector<std::shared_ptr<ModuleArchive>> archives;
     for (int i = 0; i < 300; ++i) {
         const std::string path = folder / (std::to_string(i) + ".vxe");
-        Test::WriteFile(path, OneModule("return 1"));
+        ::Test::WriteFile(path, OneModule("return 1"));
         archives.push_back(Current(path));
         ASSERT_TRUE(archives.back()) << i << ": " << failure;
     }
@@ -148,7 +148,7 @@ TEST_F(ArchiveIndexTest, MoreArchivesThanDescriptorsAreAllUsable)
 
 TEST_F(ArchiveIndexTest, AnArchiveThatCouldNotBeOpenedForWantOfDescriptorsIsTriedAgain)
 {
-    Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     {
         const DescriptorLimit limit(0);
         EXPECT_FALSE(Current(folder / "x.vxe"));
@@ -159,7 +159,7 @@ TEST_F(ArchiveIndexTest, AnArchiveThatCouldNotBeOpenedForWantOfDescriptorsIsTrie
 
 TEST_F(ArchiveIndexTest, WhatNobodyHoldsIsForgotten)
 {
-    Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const std::weak_ptr<ModuleArchive> archive = Current(folder / "x.vxe");
     const auto kept = ArchiveIndex::Process().Slot(folder / "x.vxe");
     ArchiveIndex::Process().ForgetUnused();
@@ -169,7 +169,7 @@ TEST_F(ArchiveIndexTest, WhatNobodyHoldsIsForgotten)
 
 TEST_F(ArchiveIndexTest, WhatIsForgottenIsClosed)
 {
-    Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const std::weak_ptr<ModuleArchive> archive = Current(folder / "x.vxe");
     ArchiveIndex::Process().ForgetUnused();
     EXPECT_TRUE(archive.expired());

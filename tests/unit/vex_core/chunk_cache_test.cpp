@@ -74,7 +74,7 @@ protected:
         ChunkCache::ForgetUnused();
         return ChunkCache::Get(cacheFolder, key);
     }
-    Test::TempFolder folder;
+    ::Test::TempFolder folder;
     const std::string cacheFolder = folder / "cache";
     std::string chunk;
 };
@@ -285,18 +285,19 @@ TEST_F(ChunkCacheTest, ManyCachesKeepFewFilesOpen)
     for (int round = 0; round < 2; ++round)
         for (const auto& cache : caches)
             EXPECT_TRUE(cache->Find("/x.vxe", "a.lua", chunk));
-    if (std::filesystem::exists("/proc/self/fd"))
-        EXPECT_LE(openFiles(), 16);
+    if (!std::filesystem::exists("/proc/self/fd"))
+        GTEST_SKIP() << "no list of open files here";
+    EXPECT_LE(openFiles(), 16);
 }
 
 TEST_F(ChunkCacheTest, FilesThatNobodyUsedForLongAndLeftoversAreSweptAndOthersStay)
 {
-    Test::TempFolder place;
+    ::Test::TempFolder place;
     const std::string swept = place / "cache";
     std::filesystem::create_directory(swept);
     ASSERT_EQ(::chmod(swept.c_str(), 0700), 0);
     const auto file = [&swept](const std::string& name, long ageSeconds) {
-        Test::WriteFile(swept + "/" + name, "x");
+        ::Test::WriteFile(swept + "/" + name, "x");
         struct timespec times[2];
         ::clock_gettime(CLOCK_REALTIME, &times[0]);
         times[0].tv_sec -= ageSeconds;
@@ -365,17 +366,14 @@ TEST_F(ChunkCacheTest, EveryFailingCallCostsOnlyTime)
         ChunkCache cache(cacheFolder, key);
         g_calls = 0;
         os::SetCallObserver(FailNth);
-        if (cache.Find("/x.vxe", "a.lua", chunk))
-            EXPECT_EQ(chunk, "a");
+        EXPECT_TRUE(!cache.Find("/x.vxe", "a.lua", chunk) || chunk == "a");
         cache.Add("/x.vxe", "b.lua", "b");
         cache.Flush();
-        if (cache.Find("/x.vxe", "b.lua", chunk))
-            EXPECT_EQ(chunk, "b");
+        EXPECT_TRUE(!cache.Find("/x.vxe", "b.lua", chunk) || chunk == "b");
         const bool reached = g_calls >= g_failAt;
         os::SetCallObserver(nullptr);
         ChunkCache after(cacheFolder, key);
-        if (after.Find("/x.vxe", "b.lua", chunk))
-            EXPECT_EQ(chunk, "b");
+        EXPECT_TRUE(!after.Find("/x.vxe", "b.lua", chunk) || chunk == "b");
         if (!reached)
             break;
     }
@@ -430,9 +428,9 @@ TEST_F(ChunkCacheTest, ManyThreadsAndWritersDoNotHurtEachOther)
                 const std::string entry = std::to_string(i) + ".lua";
                 for (const auto& cache : {own, shared}) {
                     std::string found;
-                    if (cache->Find("/x.vxe", entry, found))
-                        EXPECT_EQ(found, "code " + entry);
-                    else
+                    const bool known = cache->Find("/x.vxe", entry, found);
+                    EXPECT_TRUE(!known || found == "code " + entry);
+                    if (!known)
                         cache->Add("/x.vxe", entry, "code " + entry);
                     if ((i + t) % 5 == 0)
                         cache->Flush();

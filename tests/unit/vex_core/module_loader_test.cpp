@@ -32,7 +32,7 @@ using Files = std::vector<std::pair<std::string, std::string>>;
 
 std::string Archive(const Files& files, std::uint16_t method = 8)
 {
-    Test::ZipBuilder builder;
+    ::Test::ZipBuilder builder;
     for (const auto& file : files)
         builder.Add(file.first, file.second, method);
     return builder.Build();
@@ -149,14 +149,14 @@ protected:
     }
     void Replace(const std::string& path, const std::string& bytes)
     {
-        Test::WriteFile(path + ".new", bytes);
+        ::Test::WriteFile(path + ".new", bytes);
         std::filesystem::rename(path + ".new", path);
     }
     void UseCache() { dom->Set("app.path.work", folder / "work"); }
     std::string CacheFolder() { return folder / "work/cache"; }
     std::vector<std::string> CacheFiles() { return FilesBelow(CacheFolder()); }
 
-    Test::TempFolder folder;
+    ::Test::TempFolder folder;
     CDom* dom;
 };
 
@@ -201,8 +201,8 @@ TEST_F(ModuleLoaderTest, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
     std::filesystem::create_directories(folder / "given");
     std::filesystem::create_directories(folder / "rest");
     const std::string archive = Add("x.vxe", {{"m.lua", "return 'archive'"}});
-    Test::WriteFile(folder / "given/m.lua", "return 'given'");
-    Test::WriteFile(folder / "rest/m.lua", "return 'rest'");
+    ::Test::WriteFile(folder / "given/m.lua", "return 'given'");
+    ::Test::WriteFile(folder / "rest/m.lua", "return 'rest'");
     dom->Set("app.lua.path", (folder / "given") + "/?.lua");
     Lua lua(dom);
     lua.Run("package.path = '" + (folder / "given/?.lua") + ";" + (folder / "rest/?.lua") + "' "
@@ -223,8 +223,8 @@ TEST_F(ModuleLoaderTest, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
 TEST_F(ModuleLoaderTest, ATemplateThatAScriptAddsIsSearchedAfterTheArchives)
 {
     Add("x.vxe", {{"m.lua", "return 'archive'"}});
-    Test::WriteFile(folder / "m.lua", "return 'stray'");
-    Test::WriteFile(folder / "n.lua", "return 'stray'");
+    ::Test::WriteFile(folder / "m.lua", "return 'stray'");
+    ::Test::WriteFile(folder / "n.lua", "return 'stray'");
     Lua lua(dom);
     lua.Run("package.path = '" + (folder / "?.lua") + ";' .. package.path");
     EXPECT_EQ(lua.Run("return require 'm'"), "archive");
@@ -242,7 +242,7 @@ TEST_F(ModuleLoaderTest, NativeModulesComeAfterTheRestOfThePath)
 
 TEST_F(ModuleLoaderTest, AModuleOfAPlainFileGetsItsNameAndPath)
 {
-    Test::WriteFile(folder / "m.lua", "return table.concat({...}, ' ')");
+    ::Test::WriteFile(folder / "m.lua", "return table.concat({...}, ' ')");
     Lua lua(dom);
     lua.Run("package.path = '" + (folder / "?.lua") + "'");
     EXPECT_EQ(lua.Run("return require 'm'"), "m " + (folder / "m.lua"));
@@ -250,7 +250,7 @@ TEST_F(ModuleLoaderTest, AModuleOfAPlainFileGetsItsNameAndPath)
 
 TEST_F(ModuleLoaderTest, ABrokenPlainFileIsAnErrorThatNamesIt)
 {
-    Test::WriteFile(folder / "m.lua", "return return");
+    ::Test::WriteFile(folder / "m.lua", "return return");
     Lua lua(dom);
     lua.Run("package.path = '" + (folder / "?.lua") + "'");
     EXPECT_THAT(lua.Run("return require 'm'"), HasSubstr("error loading module 'm' from file '" + (folder / "m.lua") + "'"));
@@ -306,7 +306,7 @@ TEST_F(ModuleLoaderTest, AnArchiveTwiceOnThePathIsListedOnce)
 
 TEST_F(ModuleLoaderTest, ARelativeArchiveLiesBesideTheLauncher)
 {
-    Test::WriteFile(folder / "bin/x.vxe", Archive({{"a.lua", "return ({...})[2]"}}));
+    ::Test::WriteFile(folder / "bin/x.vxe", Archive({{"a.lua", "return ({...})[2]"}}));
     dom->Set("app.lua.zippath", "x.vxe");
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), folder / "bin/x.vxe/a.lua");
 }
@@ -395,7 +395,7 @@ TEST_F(ModuleLoaderTest, AnArchiveOverwrittenInPlaceIsOpenedAnew)
     const std::string path = Add("x.vxe", {{"a.lua", "return 'old'"}});
     Lua lua(dom);
     EXPECT_EQ(lua.Run("return require 'a'"), "old");
-    Test::WriteFile(path, Archive({{"a.lua", "return 'newer'"}}));
+    ::Test::WriteFile(path, Archive({{"a.lua", "return 'newer'"}}));
     EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), "newer");
 }
 
@@ -420,7 +420,7 @@ TEST_F(ModuleLoaderTest, ASyntaxErrorNamesModuleAndFileAndDoesNotFallThrough)
 
 TEST_F(ModuleLoaderTest, ADamagedEntryNamesModuleAndFileAndDoesNotFallThrough)
 {
-    Test::ZipBuilder builder;
+    ::Test::ZipBuilder builder;
     builder.Add("a.lua", "return 'whole'", 0).packed[0] ^= 1;
     builder.Add("b.lua", "return 'b'");
     const std::string x = AddBytes("x.vxe", builder.Build());
@@ -572,7 +572,7 @@ TEST_F(ModuleLoaderTest, FiveHundredArchivesAreOpenedOnceEach)
     std::string list;
     for (int i = 0; i < 500; ++i) {
         const std::string path = folder / ("x" + std::to_string(i) + ".vxe");
-        Test::WriteFile(path, Archive({{"m" + std::to_string(i) + ".lua", "return " + std::to_string(i)}}));
+        ::Test::WriteFile(path, Archive({{"m" + std::to_string(i) + ".lua", "return " + std::to_string(i)}}));
         list += path + ";";
     }
     dom->Set("app.lua.zippath", list);
@@ -608,7 +608,7 @@ TEST_F(ModuleLoaderTest, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNext
     std::string key = std::filesystem::path(CacheFiles()[0]).stem().string();
     ASSERT_EQ(key.size(), 64u);
     const ChunkCacheFormat::Item item{path + "/a.lua", std::uint32_t(path.size()), Dumped("return 'from the cache'")};
-    Test::WriteFile(CacheFiles()[0], ChunkCacheFormat::Build(key, {item}));
+    ::Test::WriteFile(CacheFiles()[0], ChunkCacheFormat::Build(key, {item}));
     ASSERT_EQ(::chmod(CacheFiles()[0].c_str(), 0600), 0);
     ChunkCache::ForgetUnused();
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "from the cache");
@@ -655,7 +655,7 @@ TEST_F(ModuleLoaderTest, TheSettingTurnsTheCacheOff)
 TEST_F(ModuleLoaderTest, TheSettingsFileTurnsTheCacheOff)
 {
     UseCache();
-    Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=false\n");
+    ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=false\n");
     dom->Set("app.path.ini", folder / "x.ini");
     Add("x.vxe", {{"a.lua", "return 1"}});
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
@@ -682,7 +682,7 @@ TEST_F(ModuleLoaderTest, ACacheFolderThatIsALinkOrAFileIsNotUsed)
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
     EXPECT_TRUE(FilesBelow(folder / "elsewhere").empty());
     std::filesystem::remove(CacheFolder());
-    Test::WriteFile(CacheFolder(), "a file");
+    ::Test::WriteFile(CacheFolder(), "a file");
     ChunkCache::ForgetUnused();
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
 }
@@ -697,7 +697,7 @@ TEST_F(ModuleLoaderTest, ACacheFolderOfAnotherUserIsNotUsed)
     const std::string file = CacheFiles()[0];
     const std::string key = std::filesystem::path(file).stem().string();
     const ChunkCacheFormat::Item item{path + "/a.lua", std::uint32_t(path.size()), Dumped("return 'poison'")};
-    Test::WriteFile(file, ChunkCacheFormat::Build(key, {item}));
+    ::Test::WriteFile(file, ChunkCacheFormat::Build(key, {item}));
 
     ASSERT_EQ(::chown(CacheFolder().c_str(), 12345, 12345), 0);
     ChunkCache::ForgetUnused();
@@ -715,7 +715,7 @@ TEST_F(ModuleLoaderTest, AnyDamageOfTheCacheFileCostsOnlyTime)
     const std::string code = "return require 'a' .. require 'b'";
     ASSERT_EQ(Lua(dom).Run(code), "right a3");
     const std::string file = CacheFiles()[0];
-    const std::string good = Test::ReadFile(file);
+    const std::string good = ::Test::ReadFile(file);
     dom->Set("app.lua.cache", true);
     std::vector<std::string> damaged;
     for (std::size_t i = 0; i < good.size(); i += 3) {
@@ -728,12 +728,12 @@ TEST_F(ModuleLoaderTest, AnyDamageOfTheCacheFileCostsOnlyTime)
     damaged.push_back(good + "more");
     damaged.push_back(std::string(good.size(), '\0'));
     for (const std::string& bad : damaged) {
-        Test::WriteFile(file, bad);
+        ::Test::WriteFile(file, bad);
         ChunkCache::ForgetUnused();
         ASSERT_EQ(Lua(dom).Run(code), "right a3");
     }
     EXPECT_EQ(CacheFiles().size(), 1u);
-    EXPECT_EQ(Test::ReadFile(file).size(), good.size()) << "it is mended";
+    EXPECT_EQ(::Test::ReadFile(file).size(), good.size()) << "it is mended";
 }
 
 TEST_F(ModuleLoaderTest, PrecompiledChunksAreNotCached)
