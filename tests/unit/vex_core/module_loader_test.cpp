@@ -38,12 +38,12 @@ std::string Archive(const Files& files, std::uint16_t method = 8)
     return builder.Build();
 }
 
-/// What the framework's log gets on this thread.
+/// What the framework's log gets.
 class LogLines : public wxLog
 {
 public:
-    LogLines() : m_previous(wxLog::SetThreadActiveTarget(this)) {}
-    ~LogLines() override { wxLog::SetThreadActiveTarget(m_previous); }
+    LogLines() : m_previous(wxLog::SetActiveTarget(this)) {}
+    ~LogLines() override { wxLog::SetActiveTarget(m_previous); }
     std::vector<std::string> lines;
 
 protected:
