@@ -1,0 +1,261 @@
+// The supervisor's rules: restarts in a span, delays, and what the end of a child means.
+
+#include "vex/apps/vex/restart.h"
+
+#include <csignal>
+#include <deque>
+#include <random>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr std::int64_t Day = 1700000000; // an ordinary time
+
+// A wait status as the system makes it.
+int Exited(int code)
+{
+    return code << 8;
+}
+
+int Killed(int signal, bool core = false)
+{
+    return signal | (core ? 0x80 : 0);
+}
+
+} // namespace
+
+TEST(RestartHistory, NothingCountsBeforeTheFirstStart)
+{
+    EXPECT_EQ(CRestartHistory().CountRecent(Day), 0);
+}
+
+TEST(RestartHistory, EachStartWithinTheSpanCounts)
+{
+    CRestartHistory history;
+    for (int i = 0; i < RestartLimit; ++i) {
+        EXPECT_EQ(history.CountRecent(Day + i), i);
+        history.NoteStart(Day + i);
+        history.Advance();
+    }
+    EXPECT_EQ(history.CountRecent(Day + RestartLimit), RestartLimit);
+}
+
+TEST(RestartHistory, AStartCountsUntilTheSpanIsOver)
+{
+    CRestartHistory history;
+    history.NoteStart(Day);
+    history.Advance();
+    EXPECT_EQ(history.CountRecent(Day + 511), 1);
+    EXPECT_EQ(history.CountRecent(Day + 512), 0) << "an entry at the bound itself is out";
+}
+
+TEST(RestartHistory, ANoteIsReplacedUntilItIsAdvanced)
+{
+    CRestartHistory history;
+    history.NoteStart(Day);
+    history.NoteStart(Day + 1);
+    EXPECT_EQ(history.CountRecent(Day + 2), 1);
+}
+
+TEST(RestartHistory, TheNinthStartOverwritesTheFirst)
+{
+    CRestartHistory history;
+    for (int i = 0; i < RestartLimit; ++i) {
+        history.NoteStart(Day);
+        history.Advance();
+    }
+    history.NoteStart(Day + 1000);
+    history.Advance();
+    EXPECT_EQ(history.CountRecent(Day + 1000), 1);
+}
+
+TEST(RestartHistory, AClockSetBackKeepsTheStartsThatNowLieAhead)
+{
+    CRestartHistory history;
+    history.NoteStart(Day);
+    history.Advance();
+    EXPECT_EQ(history.CountRecent(Day - 100000), 1);
+}
+
+TEST(RestartHistory, TheLastSecondBeforeTheBoundLeavesThirtyTwoBitsIsStillOrdinary)
+{
+    EXPECT_EQ(CRestartHistory().CountRecent(std::int64_t(INT32_MAX) + RestartSpanSeconds), 0);
+}
+
+TEST(RestartHistory, BeyondThirtyTwoBitsEvenEmptyEntriesCount)
+{
+    // Kept on purpose: the bound wraps to a negative number.
+    EXPECT_EQ(CRestartHistory().CountRecent(std::int64_t(INT32_MAX) + RestartSpanSeconds + 1), RestartLimit);
+}
+
+TEST(RestartDelay, DoublesWithEachRecentStart)
+{
+    const long expected[] = {0, 1000, 2000, 4000, 8000, 16000, 32000, 64000};
+    for (int recent = 0; recent < RestartLimit; ++recent)
+        EXPECT_EQ(RestartDelayMs(recent), expected[recent]) << recent;
+}
+
+TEST(Restart, AChildThatDiesAtOnceIsStartedEightTimesWithinTwoMinutesAndThenNoMore)
+{
+    CRestartHistory history;
+    std::int64_t clock = Day;
+    std::vector<std::int64_t> starts;
+    while (history.CountRecent(clock) < RestartLimit) {
+        const std::int64_t now = clock;
+        clock += RestartDelayMs(history.CountRecent(now)) / 1000;
+        history.NoteStart(now);
+        starts.push_back(clock - Day);
+        history.Advance();
+    }
+    EXPECT_EQ(starts, (std::vector<std::int64_t>{0, 1, 3, 7, 15, 31, 63, 127}));
+}
+
+TEST(Restart, AMillionChildLivesNeverMakeMoreThanEightStartsInAnySpan)
+{
+    std::mt19937 random(20260131); // a fixed seed: a failure repeats
+    // Lives of every order of magnitude, and runs of the same kind, which is what a failing agent looks like.
+    const std::int64_t longest[] = {1, 5, 40, 50, 70, 200, 511, 600, 5000};
+    int refused = 0;
+    int lives = 0;
+    while (lives < 1000000) {
+        CRestartHistory history;
+        std::int64_t clock = Day + static_cast<std::int64_t>(random() % 100000);
+        std::deque<std::int64_t> starts; // when the children really began
+        std::int64_t kind = 0;
+        for (int i = 0; i < 200; ++i, ++lives) {
+            if (i % 16 == 0)
+                kind = longest[random() % std::size(longest)];
+            const std::int64_t now = clock;
+            const int recent = history.CountRecent(now);
+            if (recent >= RestartLimit) {
+                ++refused;
+                break;
+            }
+            clock += RestartDelayMs(recent) / 1000;
+            history.NoteStart(now);
+            starts.push_back(clock);
+            if (starts.size() > RestartLimit) {
+                ASSERT_GE(starts.back() - starts.front(), RestartSpanSeconds) << "nine starts in less than the span";
+                starts.pop_front();
+            }
+            clock += static_cast<std::int64_t>(random() % static_cast<unsigned>(kind + 1));
+            history.Advance();
+        }
+    }
+    EXPECT_GT(refused, 100) << "the patterns hardly reach the limit";
+}
+
+// --- the end of a child
+
+namespace {
+
+struct CRow
+{
+    const char* what;
+    int status;
+    const char* name;
+    bool stopping;
+    wxLogLevel level;
+    std::string message;
+    EAfterChild action;
+    int code;
+};
+
+std::string Number(int value)
+{
+    return std::to_string(value);
+}
+
+std::string ExitText(int code)
+{
+    return "Child process exited with status " + Number(Exited(code)) + " (exit " + Number(code) + ")";
+}
+
+std::string SignalText(const char* verb, int status, int signal, const char* name)
+{
+    return std::string("Child process ") + verb + " with status " + Number(status) + " (signal " + Number(signal) + ": "
+        + name + ")";
+}
+
+class ChildEnd : public testing::TestWithParam<CRow>
+{
+};
+
+std::vector<CRow> Rows()
+{
+    constexpr EAfterChild Return = EAfterChild::Return;
+    constexpr EAfterChild Restart = EAfterChild::Restart;
+    std::vector<CRow> rows = {
+        {"ExitZeroEndsTheSupervisor", Exited(0), "n", false, wxLOG_Info, ExitText(0), Return, 0},
+        {"ExitOneIsHandedOn", Exited(1), "n", false, wxLOG_Info, ExitText(1), Return, 1},
+        {"Exit255IsHandedOn", Exited(255), "n", false, wxLOG_Info, ExitText(255), Return, 255},
+        {"ExitThreeStopsTheDriverAndRestarts", Exited(3), "n", false, wxLOG_Info, ExitText(3),
+         EAfterChild::StopDriverAndRestart, 0},
+        {"ExitThreeWhileStoppingStopsTheDriverAndEndsWithZero", Exited(3), "n", true, wxLOG_Info, ExitText(3),
+         EAfterChild::StopDriverAndReturn, 0},
+        {"ExitCodeWhileStoppingIsHandedOn", Exited(7), "n", true, wxLOG_Info, ExitText(7), Return, 7},
+        {"TermEndsWithZero", Killed(SIGTERM), "T", false, wxLOG_Info, SignalText("exited", SIGTERM, SIGTERM, "T"), Return, 0},
+        {"TermWithCoreEndsWithZero", Killed(SIGTERM, true), "T", false, wxLOG_Info,
+         SignalText("exited", Killed(SIGTERM, true), SIGTERM, "T"), Return, 0},
+        {"KillIsAPlainExitAndRestarts", Killed(SIGKILL), "Killed", false, wxLOG_Info,
+         SignalText("exited", SIGKILL, SIGKILL, "Killed"), Restart, 0},
+        {"KillWhileStoppingEndsWithZero", Killed(SIGKILL), "Killed", true, wxLOG_Info,
+         SignalText("exited", SIGKILL, SIGKILL, "Killed"), Return, 0},
+        {"CrashWhileStoppingEndsWithZero", Killed(SIGSEGV, true), "S", true, wxLOG_Error,
+         SignalText("crashed", Killed(SIGSEGV, true), SIGSEGV, "S"), Return, 0},
+        {"ASignalWithoutAName", Killed(SIGUSR1), nullptr, false, wxLOG_Info,
+         SignalText("exited", SIGUSR1, SIGUSR1, "Unknown Signal"), Restart, 0},
+        {"BothBytesSetIsAnotherStatus", 0x137f, "n", false, wxLOG_Info, "Child process exited with status 4991", Restart, 0},
+        {"BothBytesSetWithTermsNumberIsNoTerm", (1 << 8) | SIGTERM, "n", false, wxLOG_Info,
+         "Child process exited with status " + Number((1 << 8) | SIGTERM), Restart, 0},
+        {"BothBytesSetWhileStoppingEndsWithZero", 0x137f, "n", true, wxLOG_Info, "Child process exited with status 4991",
+         Return, 0},
+    };
+    const struct
+    {
+        const char* name;
+        int signal;
+        bool crash;
+    } signals[] = {
+        {"Ill", SIGILL, true},   {"Trap", SIGTRAP, true}, {"Abrt", SIGABRT, true}, {"Segv", SIGSEGV, true},
+        {"Fpe", SIGFPE, false},  {"Bus", SIGBUS, false},  {"Hup", SIGHUP, false},  {"Int", SIGINT, false},
+        {"Quit", SIGQUIT, false}, {"Pipe", SIGPIPE, false},
+#ifdef SIGEMT
+        {"Emt", SIGEMT, false},
+#endif
+    };
+    for (const auto& item : signals)
+        for (const bool core : {false, true})
+            rows.push_back({item.name, Killed(item.signal, core), "name", false, item.crash ? wxLOG_Error : wxLOG_Info,
+                            SignalText(item.crash ? "crashed" : "exited", Killed(item.signal, core), item.signal, "name"),
+                            Restart, 0});
+    return rows;
+}
+
+} // namespace
+
+TEST_P(ChildEnd, IsReportedAndActedOn)
+{
+    const CRow& row = GetParam();
+    const CChildEnd end = JudgeChildEnd(row.status, row.name, row.stopping);
+    EXPECT_EQ(end.message.utf8_string(), row.message);
+    EXPECT_EQ(end.level, row.level);
+    EXPECT_EQ(end.action, row.action);
+    EXPECT_EQ(end.status, row.code);
+}
+
+INSTANTIATE_TEST_SUITE_P(Row, ChildEnd, testing::ValuesIn(Rows()), [](const testing::TestParamInfo<CRow>& parameter) {
+    return std::string(parameter.param.what) + "_" + std::to_string(parameter.index);
+});
+
+TEST(ChildExit, EveryExitCodeIsReportedAndHandedOnButThree)
+{
+    for (int code = 0; code < 256; ++code) {
+        const CChildEnd end = JudgeChildEnd(Exited(code), nullptr, false);
+        EXPECT_EQ(end.message.utf8_string(), ExitText(code));
+        if (code != 3)
+            EXPECT_EQ(end.status, code);
+    }
+}
