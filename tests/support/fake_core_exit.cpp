@@ -1,0 +1,13 @@
+// The end of the process from a thread: written down, and the calling thread ends instead.
+
+#include "support/fake_core.h"
+
+#include "vex/core/processexit.h"
+
+#include <stdexcept>
+
+void VexCore::ExitProcessFromThread(int status)
+{
+    FakeCore::Record("ExitProcessFromThread(" + std::to_string(status) + ")");
+    throw std::runtime_error("the process would have ended");
+}
