@@ -1,6 +1,7 @@
 #include "vex_core/disk_log.h"
 
 #include "vex_core/os/file_calls.h"
+#include "vex_core/os/folder_calls.h"
 #include "vex_core/os/log_calls.h"
 
 #include <cerrno>
@@ -164,27 +165,32 @@ bool DiskLog::TryWrite(const std::string& record)
 {
     if (m_path.empty() || !MakeReady(record.size()))
         return false;
-    const bool written = m_torn ? WriteOnce('\n' + record) : WriteOnce(record);
-    if (written) {
-        m_torn = false;
-        m_troubled = false;
-    }
-    return written;
-}
-
-bool DiskLog::WriteOnce(std::string_view bytes)
-{
+    const std::string bytes = EndsInsideLine() ? '\n' + record : record;
     ssize_t count = os::fileCalls.write(m_descriptor, bytes.data(), bytes.size());
     if (count > 0 && std::size_t(count) < bytes.size()) {
         // The disk is full, or was for a moment. The rest belongs right behind.
-        m_torn = true;
-        bytes.remove_prefix(std::size_t(count));
-        count = os::fileCalls.write(m_descriptor, bytes.data(), bytes.size());
+        const std::size_t rest = bytes.size() - std::size_t(count);
+        const ssize_t more = os::fileCalls.write(m_descriptor, bytes.data() + count, rest);
+        count = more < 0 ? more : count + more;
     }
-    if (count == ssize_t(bytes.size()))
-        return true;
-    Fail(count < 0 ? errno : ENOSPC);
-    return false;
+    if (count != ssize_t(bytes.size())) {
+        Fail(count < 0 ? errno : ENOSPC);
+        return false;
+    }
+    m_cleanEnd = m_size + off_t(bytes.size());
+    m_troubled = false;
+    return true;
+}
+
+/// Whether the file ends with a piece of a record: of ours, when the disk was full in the middle of it, or of a process that
+/// was killed while the system copied its record. The next record then begins on a line of its own. A look at the
+/// wrong moment, while another process's record is being copied, costs an empty line and nothing else.
+bool DiskLog::EndsInsideLine() const
+{
+    char last = '\n';
+    if (m_size > 0 && m_size != m_cleanEnd)
+        os::PReadFull(m_descriptor, &last, 1, m_size - 1);
+    return last != '\n';
 }
 
 void DiskLog::Hold(const std::string& record, bool shown)
@@ -235,6 +241,7 @@ bool DiskLog::MakeReady(std::size_t size)
                 return false;
             continue;
         }
+        m_size = status.st_size;
         const bool full = status.st_size > 0 && std::int64_t(status.st_size) + std::int64_t(size) > m_settings.maxBytes;
         if (!full || !Rotate())
             return true;
@@ -245,7 +252,7 @@ bool DiskLog::MakeReady(std::size_t size)
 bool DiskLog::Open()
 {
     const int opened = os::fileCalls.open(
-        m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600);
+        m_path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600);
     if (opened < 0) {
         Fail(errno);
         return false;
@@ -265,6 +272,7 @@ bool DiskLog::Open()
         m_descriptor = opened;
     m_device = status.st_dev;
     m_inode = status.st_ino;
+    m_cleanEnd = 0;
     return true;
 }
 

@@ -79,8 +79,8 @@ private:
 
     bool WriteHeld();
     bool TryWrite(const std::string& record);
-    bool WriteOnce(std::string_view bytes);
     bool MakeReady(std::size_t size);
+    bool EndsInsideLine() const;
     bool Open();
     bool IsOpenFile(const struct stat& status) const;
     bool Rotate();
@@ -100,7 +100,8 @@ private:
     Settings m_settings;
     dev_t m_device = 0; // of the open file
     ino_t m_inode = 0;
-    bool m_torn = false; // our last record was cut short: the next begins on a line of its own
+    off_t m_size = 0; // of the open file, as last seen
+    off_t m_cleanEnd = 0; // where the last record of ours ended, which nobody has to look at again
     bool m_troubled = false; // a failure has been reported and nothing was written since
     std::deque<Held> m_held;
     std::size_t m_heldBytes = 0;

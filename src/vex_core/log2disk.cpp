@@ -30,11 +30,14 @@ constexpr std::size_t maxHeldBytes = 64 * 1024;
 constexpr std::size_t maxHeldBytes = 1024 * 1024;
 #endif
 
+std::atomic<DiskLog*> g_replacement{nullptr};
+
 /// Never destroyed: lines are logged while the process ends, and after.
 DiskLog& ProcessLog()
 {
     static DiskLog& log = *new DiskLog(maxHeldBytes, standardError);
-    return log;
+    DiskLog* const replacement = g_replacement.load(std::memory_order_relaxed);
+    return replacement ? *replacement : log;
 }
 
 std::string TimeFormat()
@@ -152,14 +155,6 @@ void AfterForkInChild()
     ProcessLog().AfterForkInChild();
 }
 
-void AtProcessEnd()
-{
-    CLog2Disk log;
-    EmptyQueue(log);
-    Prepare(ProcessLog());
-    ProcessLog().FlushAtEnd();
-}
-
 /// Registered before `main`, so that it runs after all that the host registers, on whichever thread ends the process.
 const struct ProcessHooks
 {
@@ -167,7 +162,7 @@ const struct ProcessHooks
     {
         ProcessLog();
         ::pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
-        std::atexit(AtProcessEnd);
+        std::atexit(FlushLogAtProcessEnd);
     }
 } processHooks;
 
@@ -198,6 +193,19 @@ void WriteLogLine(wxLogLevel level, const wxString& text)
 int LogFileDescriptor()
 {
     return ProcessLog().Descriptor();
+}
+
+void FlushLogAtProcessEnd()
+{
+    CLog2Disk log;
+    EmptyQueue(log);
+    Prepare(ProcessLog());
+    ProcessLog().FlushAtEnd();
+}
+
+DiskLog* ReplaceProcessLog(DiskLog* log)
+{
+    return g_replacement.exchange(log);
 }
 
 } // namespace VexCore

@@ -7,6 +7,7 @@
 
 #include "vex/core/processexit.h"
 
+#include "vex_core/log_p.h"
 #include "vex_core/os/exit.h"
 #include "vex_core/processexit_p.h"
 #include "vex_core/runnable_p.h"
@@ -80,6 +81,7 @@ void FlushIfFree(std::FILE* stream)
 
 [[noreturn]] void LeaveWithoutDestructors(int status)
 {
+    FlushLogAtProcessEnd();
     FlushIfFree(stdout);
     FlushIfFree(stderr);
     EndProcessNow(status);
