@@ -317,6 +317,10 @@ bool DiskLog::ShiftFiles()
     int gap = 1;
     while (gap < keep && os::fileCalls.stat(RotatedName(gap).c_str(), &status) == 0)
         ++gap;
+    if (gap < keep && errno != ENOENT) {
+        RotationFailed(errno); // not a gap: a file may be there, and must not be renamed over
+        return false;
+    }
     for (int number = gap; number > 0; --number) {
         const std::string from = number == 1 ? m_path : RotatedName(number - 1);
         if (os::fileCalls.rename(from.c_str(), RotatedName(number).c_str()) != 0) {
