@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Packs Lua sources into an archive: pack_archive.py OUT.vxe NAME=PATH...
+"""Packs files into an archive: pack_archive.py [--names] OUT NAME=PATH...
 
-NAME is the place inside the archive, PATH a file or a folder (its *.lua files, at any depth). Entries are sorted and
-carry one fixed time, so the same sources always give the same bytes.
+NAME is the place inside the archive, PATH a file or a folder (its *.lua files, at any depth). With --names the entries are
+empty: an uninstall marker lists a plugin's files and needs nothing of what was in them. Entries are sorted and carry one
+fixed time, so the same sources always give the same bytes.
 """
 import os
 import sys
@@ -25,19 +26,23 @@ def collect(arguments):
 
 
 def main():
-    if len(sys.argv) < 3:
+    arguments = sys.argv[1:]
+    names_only = arguments[:1] == ["--names"]
+    if names_only:
+        del arguments[0]
+    if len(arguments) < 2:
         sys.exit(__doc__)
-    out = sys.argv[1]
+    out = arguments[0]
     os.makedirs(os.path.dirname(os.path.abspath(out)), exist_ok=True)
     temporary = out + ".tmp"
     with zipfile.ZipFile(temporary, "w", zipfile.ZIP_DEFLATED, compresslevel=9) as archive:
-        for name, path in sorted(collect(sys.argv[2:])):
+        for name, path in sorted(collect(arguments[1:])):
             info = zipfile.ZipInfo(name, FIXED_TIME)
             info.compress_type = zipfile.ZIP_DEFLATED
             info.create_system = 3
             info.external_attr = 0o100644 << 16
             with open(path, "rb") as source:
-                archive.writestr(info, source.read())
+                archive.writestr(info, b"" if names_only else source.read())
     os.replace(temporary, out)
 
 
