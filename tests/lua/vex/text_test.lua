@@ -1,0 +1,39 @@
+local text = require("vex.text")
+local lu = require("luaunit")
+
+local M = { TestText = {} }
+
+function M.TestText:test_trim_takes_blanks_from_both_ends_only()
+  lu.assertEquals(text.trim("  a b\t\n"), "a b")
+  lu.assertEquals(text.trim("   "), "")
+end
+
+function M.TestText:test_split_leaves_out_what_is_empty()
+  lu.assertEquals(text.split(" a, b,,c ,"), { "a", "b", "c" })
+  lu.assertEquals(text.split(""), {})
+  lu.assertEquals(text.split("a.b", "."), { "a", "b" })
+end
+
+function M.TestText:test_pad_counts_characters_not_bytes()
+  lu.assertEquals(text.pad("é", 3), "é  ")
+  lu.assertEquals(text.pad("é", 3, true), "  é")
+  lu.assertEquals(text.pad("long", 2), "long")
+end
+
+function M.TestText:test_bytes()
+  local table_of = {
+    [0] = "0 B", [1023] = "1023 B", [1024] = "1.0 KiB", [1536] = "1.5 KiB", [10 * 1024] = "10 KiB",
+    [1024 * 1024 - 1] = "1.0 MiB", [5 * 2 ^ 30] = "5.0 GiB", [2 ^ 60] = "1.0 EiB", [2 ^ 75] = "32768 EiB",
+  }
+  for count, expected in pairs(table_of) do lu.assertEquals(text.bytes(count), expected) end
+end
+
+function M.TestText:test_duration_has_two_neighbouring_units_at_most()
+  local table_of = {
+    [0] = "0 s", [0.9] = "0 s", [59] = "59 s", [60] = "1 min", [61] = "1 min 1 s", [3600] = "1 h", [3661] = "1 h 1 min",
+    [86400] = "1 d", [86400 + 59] = "1 d", [90061] = "1 d 1 h",
+  }
+  for seconds, expected in pairs(table_of) do lu.assertEquals(text.duration(seconds), expected) end
+end
+
+return M

@@ -1,0 +1,298 @@
+#include "vex_core/lua_db.h"
+#include "vex_core/lua_host.h"
+
+#include "support/temp_folder.h"
+#include "vex/core/dom.h"
+
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include <sys/statvfs.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <lua.hpp>
+
+using namespace VexCore;
+
+namespace {
+
+class LuaHostTest : public testing::Test
+{
+protected:
+    LuaHostTest() : m_state(luaL_newstate())
+    {
+        luaL_openlibs(L());
+        RegisterHostModules(L());
+        lua_pushstring(L(), m_folder.Path().c_str());
+        lua_setglobal(L(), "folder");
+    }
+
+    lua_State* L() { return m_state.get(); }
+
+    // What the code returns, as text; an error as its message.
+    std::string Run(const std::string& code)
+    {
+        const int top = lua_gettop(L());
+        luaL_dostring(L(), code.c_str());
+        const char* text = luaL_tolstring(L(), top + 1, nullptr);
+        const std::string result = lua_gettop(L()) > top + 1 ? text : "nothing";
+        lua_settop(L(), top);
+        return result;
+    }
+
+    std::string RunDb(const std::string& code)
+    {
+        return Run("local db = assert(require('vex.db').open(folder .. '/x.db')) " + code);
+    }
+
+    struct Closer
+    {
+        void operator()(lua_State* state) const { lua_close(state); }
+    };
+    Test::TempFolder m_folder;
+    std::unique_ptr<lua_State, Closer> m_state;
+};
+
+struct Releaser
+{
+    void operator()(CDom* dom) const { dom->Release(); }
+};
+
+} // namespace
+
+// Files
+// ---------------------------------------------------------------------------------------------------------------
+
+TEST_F(LuaHostTest, AFolderIsListedSortedWithoutItsDots)
+{
+    for (const char* name : {"b", "a", ".hidden", "c d"})
+        std::ofstream(m_folder.Path() + "/" + name) << "x";
+    EXPECT_EQ(Run("return table.concat(require('vex.fs').list(folder), ',')"), ".hidden,a,b,c d");
+}
+
+TEST_F(LuaHostTest, AFolderThatIsMissingIsNilAndAMessageThatNamesIt)
+{
+    EXPECT_EQ(Run("local list, message = require('vex.fs').list(folder .. '/no') return tostring(list) .. "
+                  "message:sub(#folder + 1)"),
+              "nil/no: No such file or directory");
+}
+
+TEST_F(LuaHostTest, StatTellsKindSizeAndModeAndFollowsALink)
+{
+    std::ofstream(m_folder.Path() + "/file") << "12345";
+    ASSERT_EQ(symlink("file", (m_folder.Path() + "/link").c_str()), 0);
+    EXPECT_EQ(Run("local s = require('vex.fs').stat(folder .. '/link') return s.type .. s.size"), "file5");
+    EXPECT_EQ(Run("return require('vex.fs').lstat(folder .. '/link').type"), "link");
+    EXPECT_EQ(Run("return require('vex.fs').stat(folder).type"), "folder");
+    EXPECT_EQ(Run("return require('vex.fs').stat('/dev/null').type"), "other");
+}
+
+TEST_F(LuaHostTest, AFolderIsMadeForItsOwnerAlone)
+{
+    EXPECT_EQ(Run("assert(require('vex.fs').mkdir(folder .. '/new')) return require('vex.fs').stat(folder .. "
+                  "'/new').mode"),
+              std::to_string(0700));
+    EXPECT_EQ(Run("return require('vex.fs').mkdir(folder .. '/new')"), "nil");
+}
+
+TEST_F(LuaHostTest, APipeIsNoTerminal)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(Run("return require('vex.fs').isatty(" + std::to_string(ends[0]) + ")"), "false");
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(LuaHostTest, AWrongArgumentIsALuaError)
+{
+    EXPECT_NE(Run("return require('vex.fs').list({})").find("string expected"), std::string::npos);
+}
+
+// Host facts
+// ----------------------------------------------------------------------------------------------------------
+
+TEST_F(LuaHostTest, TheSystemIsWhatUnameTells)
+{
+    utsname names = {};
+    ASSERT_GE(uname(&names), 0);
+    EXPECT_EQ(
+        Run("local s = require('vex.host').system() return s.host .. ' ' .. s.release .. ' ' .. s.machine"),
+        std::string(names.nodename) + " " + names.release + " " + names.machine);
+}
+
+TEST_F(LuaHostTest, FactsOfThisHostArePlausible)
+{
+    EXPECT_EQ(Run("local up = require('vex.host').uptime() return up == nil or up > 0"), "true");
+    EXPECT_EQ(
+        Run("local load = require('vex.host').load() return load == nil or (#load == 3 and load[1] >= 0)"),
+        "true");
+    EXPECT_EQ(Run("local m = require('vex.host').memory() return m.total > 0 and m.available > 0 and "
+                  "m.available <= m.total"),
+              "true");
+    EXPECT_EQ(Run("return require('vex.host').processors()"), std::to_string(sysconf(_SC_NPROCESSORS_ONLN)));
+    EXPECT_EQ(Run("return require('vex.host').pid()"), std::to_string(getpid()));
+}
+
+TEST_F(LuaHostTest, ADisksFiguresAreThoseOfItsFileSystem)
+{
+    for (const host::Disk& disk : host::Disks()) {
+        struct statvfs sizes = {};
+        ASSERT_EQ(statvfs(disk.mount.c_str(), &sizes), 0) << disk.mount;
+        EXPECT_EQ(disk.totalBytes, sizes.f_blocks * sizes.f_frsize) << disk.mount;
+        EXPECT_LE(disk.freeBytes, disk.totalBytes) << disk.mount;
+        EXPECT_NE(disk.type, "proc");
+    }
+}
+
+TEST_F(LuaHostTest, TheLoopbackIsNoInterface)
+{
+    for (const host::Interface& one : host::Interfaces()) {
+        EXPECT_NE(one.name, "lo");
+        EXPECT_EQ(one.name.find_first_of(": "), std::string::npos) << one.name;
+    }
+}
+
+TEST_F(LuaHostTest, TheMonotonicClockRuns)
+{
+    EXPECT_EQ(Run("local h = require('vex.host') local a = h.monotonic() local b repeat b = h.monotonic() "
+                  "until b > a "
+                  "return b - a < 10"),
+              "true");
+}
+
+// Settings
+// ------------------------------------------------------------------------------------------------------------
+
+TEST_F(LuaHostTest, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
+{
+    const std::unique_ptr<CDom, Releaser> dom(CDom::New(nullptr, nullptr, nullptr, false));
+    std::ofstream(m_folder.Path() + "/a.ini")
+        << "[settings]\nvex.One=11\nvex.Two=22\nvex.Flag=yes\nvex.Text=abc\n";
+    dom->Set("app.path.ini", m_folder.Path() + "/a.ini");
+    dom->SetWx("vex.One", std::int64_t{7});
+    EXPECT_EQ(Run("return require('vex.settings').int('vex.One', 1)"), "7");
+    EXPECT_EQ(Run("return require('vex.settings').int('vex.Two', 1)"), "22");
+    EXPECT_EQ(Run("return require('vex.settings').int('vex.Three', 1)"), "1");
+    EXPECT_EQ(Run("return require('vex.settings').int('vex.Three')"), "nil");
+    EXPECT_EQ(Run("return require('vex.settings').bool('vex.Flag', false)"), "true");
+    EXPECT_EQ(Run("return require('vex.settings').bool('vex.Text', false)"), "false");
+    EXPECT_EQ(Run("return require('vex.settings').text('vex.Text', 'z')"), "abc");
+}
+
+TEST_F(LuaHostTest, AnIntegerBeyondWhatLuaHoldsIsAnError)
+{
+    const std::unique_ptr<CDom, Releaser> dom(CDom::New(nullptr, nullptr, nullptr, false));
+    dom->SetWx("vex.Huge", (std::int64_t{1} << 53) + 1);
+    EXPECT_NE(Run("return require('vex.settings').int('vex.Huge')").find("beyond 2^53"), std::string::npos);
+}
+
+TEST_F(LuaHostTest, WithoutADomainEverySettingIsItsDefault)
+{
+    EXPECT_EQ(Run("return require('vex.settings').text('app.name', 'none')"), "none");
+}
+
+// Databases
+// -----------------------------------------------------------------------------------------------------------
+
+TEST_F(LuaHostTest, WhatIsStoredIsReadBackWithItsType)
+{
+    EXPECT_EQ(
+        RunDb("assert(db:exec('CREATE TABLE t(a, b, c, d, e)'))"
+              "assert(db:exec('INSERT INTO t VALUES(?,?,?,?,?)', {1, 2.5, 'x\\0y', true, nil}))"
+              "local row = db:rows('SELECT * FROM t')[1]"
+              "return row.a .. ' ' .. row.b .. ' ' .. #row.c .. ' ' .. row.d .. ' ' .. tostring(row.e)"),
+        "1 2.5 3 1 nil");
+}
+
+TEST_F(LuaHostTest, ParametersMayHaveNames)
+{
+    EXPECT_EQ(RunDb("return db:rows('SELECT :a - :b AS d', {a = 7, b = 2})[1].d"), "5");
+}
+
+TEST_F(LuaHostTest, AnIntegerUpTo2To53KeepsEveryDigit)
+{
+    EXPECT_EQ(RunDb("return ('%.0f'):format(db:rows('SELECT ? AS n', {9007199254740992})[1].n)"),
+              "9007199254740992");
+    EXPECT_EQ(RunDb("return db:rows('SELECT typeof(?) AS n', {9007199254740992})[1].n"), "integer");
+}
+
+TEST_F(LuaHostTest, AStatementThatFailsIsNilAndTheReason)
+{
+    EXPECT_EQ(RunDb("local r, m = db:exec('NONSENSE') return tostring(r) .. ' ' .. m"),
+              "nil near \"NONSENSE\": syntax error");
+    EXPECT_EQ(RunDb("local r, m = db:rows('SELECT * FROM nowhere') return tostring(r) .. ' ' .. m"),
+              "nil no such table: nowhere");
+}
+
+TEST_F(LuaHostTest, SeveralStatementsRunInOneCallButTakeNoParameters)
+{
+    EXPECT_EQ(
+        RunDb(
+            "return db:exec('CREATE TABLE t(a); INSERT INTO t VALUES(1); INSERT INTO t VALUES(2); -- end')"),
+        "2");
+    EXPECT_NE(RunDb("return db:exec('SELECT ?; SELECT ?', {1})").find("one statement only"),
+              std::string::npos);
+}
+
+TEST_F(LuaHostTest, ATableCannotBeStored)
+{
+    EXPECT_NE(RunDb("return db:rows('SELECT ?', {{}})").find("a table cannot be stored"), std::string::npos);
+}
+
+TEST_F(LuaHostTest, ATransactionCommitsOrLeavesNothing)
+{
+    EXPECT_EQ(RunDb("db:exec('CREATE TABLE t(a)')"
+                    "local function add(d) return d:exec('INSERT INTO t VALUES(1)') end "
+                    "assert(db:transaction(add) == 1)"
+                    "local r, m = db:transaction(function(d) add(d) return nil, 'changed my mind' end)"
+                    "local ok, e = pcall(db.transaction, db, function(d) add(d) error('boom', 0) end)"
+                    "return m .. ', ' .. e .. ', ' .. db:rows('SELECT count(*) AS n FROM t')[1].n"),
+              "changed my mind, boom, 1");
+}
+
+TEST_F(LuaHostTest, AClosedDatabaseSaysSo)
+{
+    EXPECT_NE(RunDb("db:close() db:close() return db:exec('SELECT 1')").find("the database is closed"),
+              std::string::npos);
+}
+
+TEST_F(LuaHostTest, AFolderThatIsMissingOpensNoDatabase)
+{
+    EXPECT_EQ(Run("local d, m = require('vex.db').open(folder .. '/no/x.db') return tostring(d) .. "
+                  "m:sub(#folder + 1)"),
+              "nil/no/x.db: unable to open database file");
+}
+
+TEST_F(LuaHostTest, ChangesAreFlushedBeforeTheCallReturns)
+{
+    EXPECT_EQ(RunDb("return db:rows('PRAGMA synchronous')[1].synchronous"), "2");
+}
+
+TEST_F(LuaHostTest, MethodsRefuseWhatIsNoDatabase)
+{
+    EXPECT_NE(RunDb("return db.exec(io.stdout, 'SELECT 1')").find("vex.db.Database expected"),
+              std::string::npos);
+    EXPECT_NE(RunDb("return db.exec('SELECT 1')").find("vex.db.Database expected"), std::string::npos);
+}
+
+TEST_F(LuaHostTest, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
+{
+    EXPECT_EQ(Run("kept = assert(require('vex.db').open(folder .. '/x.db')) return "
+                  "tostring(kept):find('x.db', 1, true) ~= nil"),
+              "true");
+    CloseLuaDatabases();
+    EXPECT_EQ(Run("return tostring(kept)"), "database (closed)");
+}
+
+TEST_F(LuaHostTest, ACollectedDatabaseIsClosed)
+{
+    Run("for i = 1, 50 do require('vex.db').open(folder .. '/x.db') end collectgarbage() collectgarbage()");
+    EXPECT_EQ(Run("local n = 0 for _, name in ipairs(require('vex.fs').list('/proc/self/fd')) do n = n + 1 "
+                  "end return n < 40"),
+              "true");
+}
