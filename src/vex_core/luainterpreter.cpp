@@ -2,6 +2,7 @@
 
 #include "slb3/error.h"
 #include "vex/core/processexit.h"
+#include "vex_core/lua_host.h"
 #include "vex_core/luaoutput.h"
 #include "vex_core/narrow.h"
 
@@ -243,6 +244,7 @@ struct CLuaInterpreter::Impl
             return 0;
         luaL_openlibs(L);
         ReplaceExit(L);
+        RegisterHostModules(L);
         self.output.Install(L);
         self.defaultPath = WithoutCurrentDirectory(PackageField(L, "path"));
         self.defaultCpath = WithoutCurrentDirectory(PackageField(L, "cpath"));

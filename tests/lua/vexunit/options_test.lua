@@ -27,7 +27,6 @@ function M.TestOptions:test_wrong_arguments_are_told_each_in_its_own_words()
     ["--output=xml"] = "must be text, tap, junit or nil", ["--repeat=0"] = "whole number from 1",
     ["--repeat=1.5"] = "whole number", ["--seed=-1"] = "whole number from 0", ["--pattern=["] = "is not a Lua pattern",
     ["--pattern="] = "must not be empty", ["--shuffle=yes"] = "takes no value",
-   
     ["--output=junit"] = "needs a file",
     ["--name=x"] = "means nothing else", ["--coverage="] = "must not be empty",
     ["--repeat=99999999999"] = "whole number",
@@ -41,8 +40,8 @@ function M.TestOptions:test_wrong_arguments_are_told_each_in_its_own_words()
 end
 
 function M.TestOptions:test_the_usage_names_every_option()
-  for _, option in ipairs({ "--output", "--name", "--pattern", "--exclude", "--repeat", "--shuffle", "--seed", "--error",
-    "--failure", "--verbose", "--quiet", "--slowest", "--coverage", "--help" }) do
+  for _, option in ipairs({ "--output", "--name", "--pattern", "--exclude", "--repeat", "--shuffle", "--seed",
+    "--error", "--failure", "--verbose", "--quiet", "--slowest", "--coverage", "--help" }) do
     lu.assertStrContains(options.usage, option)
   end
 end

@@ -4,7 +4,6 @@
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 
-#include <fstream>
 #include <memory>
 #include <string>
 
@@ -70,7 +69,7 @@ struct Releaser
 TEST_F(LuaHostTest, AFolderIsListedSortedWithoutItsDots)
 {
     for (const char* name : {"b", "a", ".hidden", "c d"})
-        std::ofstream(m_folder.Path() + "/" + name) << "x";
+        Test::WriteFile(m_folder / name, "x");
     EXPECT_EQ(Run("return table.concat(require('vex.fs').list(folder), ',')"), ".hidden,a,b,c d");
 }
 
@@ -83,7 +82,7 @@ TEST_F(LuaHostTest, AFolderThatIsMissingIsNilAndAMessageThatNamesIt)
 
 TEST_F(LuaHostTest, StatTellsKindSizeAndModeAndFollowsALink)
 {
-    std::ofstream(m_folder.Path() + "/file") << "12345";
+    Test::WriteFile(m_folder / "file", "12345");
     ASSERT_EQ(symlink("file", (m_folder.Path() + "/link").c_str()), 0);
     EXPECT_EQ(Run("local s = require('vex.fs').stat(folder .. '/link') return s.type .. s.size"), "file5");
     EXPECT_EQ(Run("return require('vex.fs').lstat(folder .. '/link').type"), "link");
@@ -171,8 +170,7 @@ TEST_F(LuaHostTest, TheMonotonicClockRuns)
 TEST_F(LuaHostTest, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
 {
     const std::unique_ptr<CDom, Releaser> dom(CDom::New(nullptr, nullptr, nullptr, false));
-    std::ofstream(m_folder.Path() + "/a.ini")
-        << "[settings]\nvex.One=11\nvex.Two=22\nvex.Flag=yes\nvex.Text=abc\n";
+    Test::WriteFile(m_folder / "a.ini", "[settings]\nvex.One=11\nvex.Two=22\nvex.Flag=yes\nvex.Text=abc\n");
     dom->Set("app.path.ini", m_folder.Path() + "/a.ini");
     dom->SetWx("vex.One", std::int64_t{7});
     EXPECT_EQ(Run("return require('vex.settings').int('vex.One', 1)"), "7");
