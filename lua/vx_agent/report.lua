@@ -6,8 +6,11 @@ local text = require("vex.text")
 
 local M = {}
 
-local function percent(part, whole)
-  return whole > 0 and ("%.0f %%"):format(100 * part / whole) or "-"
+-- How full a disk is to an ordinary user: what is reserved for the system counts as neither used nor free.
+local function fullness(disk)
+  local used = disk.total - disk.free
+  local reachable = used + disk.available
+  return reachable > 0 and ("%.0f %%"):format(100 * used / reachable) or "-"
 end
 
 local function memory_line(available, total)
@@ -52,7 +55,7 @@ local function disk_block(disks)
   for _, disk in ipairs(disks) do
     rows[#rows + 1] = {
       disk.mount, disk.device, disk.type, text.bytes(disk.total), text.bytes(disk.available),
-      percent(disk.total - disk.free, disk.total),
+      fullness(disk),
     }
   end
   return "\nDisks\n" .. columns.format(rows, { indent = "  ", right = { [4] = true, [5] = true, [6] = true } })

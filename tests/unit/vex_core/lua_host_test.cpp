@@ -52,7 +52,7 @@ protected:
     {
         void operator()(lua_State* state) const { lua_close(state); }
     };
-    Test::TempFolder m_folder;
+    ::Test::TempFolder m_folder;
     std::unique_ptr<lua_State, Closer> m_state;
 };
 
@@ -69,7 +69,7 @@ struct Releaser
 TEST_F(LuaHostTest, AFolderIsListedSortedWithoutItsDots)
 {
     for (const char* name : {"b", "a", ".hidden", "c d"})
-        Test::WriteFile(m_folder / name, "x");
+        ::Test::WriteFile(m_folder / name, "x");
     EXPECT_EQ(Run("return table.concat(require('vex.fs').list(folder), ',')"), ".hidden,a,b,c d");
 }
 
@@ -82,7 +82,7 @@ TEST_F(LuaHostTest, AFolderThatIsMissingIsNilAndAMessageThatNamesIt)
 
 TEST_F(LuaHostTest, StatTellsKindSizeAndModeAndFollowsALink)
 {
-    Test::WriteFile(m_folder / "file", "12345");
+    ::Test::WriteFile(m_folder / "file", "12345");
     ASSERT_EQ(symlink("file", (m_folder.Path() + "/link").c_str()), 0);
     EXPECT_EQ(Run("local s = require('vex.fs').stat(folder .. '/link') return s.type .. s.size"), "file5");
     EXPECT_EQ(Run("return require('vex.fs').lstat(folder .. '/link').type"), "link");
@@ -170,7 +170,7 @@ TEST_F(LuaHostTest, TheMonotonicClockRuns)
 TEST_F(LuaHostTest, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
 {
     const std::unique_ptr<CDom, Releaser> dom(CDom::New(nullptr, nullptr, nullptr, false));
-    Test::WriteFile(m_folder / "a.ini", "[settings]\nvex.One=11\nvex.Two=22\nvex.Flag=yes\nvex.Text=abc\n");
+    ::Test::WriteFile(m_folder / "a.ini", "[settings]\nvex.One=11\nvex.Two=22\nvex.Flag=yes\nvex.Text=abc\n");
     dom->Set("app.path.ini", m_folder.Path() + "/a.ini");
     dom->SetWx("vex.One", std::int64_t{7});
     EXPECT_EQ(Run("return require('vex.settings').int('vex.One', 1)"), "7");
