@@ -34,8 +34,10 @@ int OpenAt(int folder, const char* name, int flags, mode_t mode = 0);
 /// Opens a folder that is `name` in `folder`. Fails with ELOOP or ENOTDIR for a symbolic link, with ENOTDIR for anything
 /// else that is no folder; never blocks on one.
 int OpenFolderAt(int folder, const char* name);
-/// Never fails; keeps errno.
+/// Gives a descriptor back; keeps errno.
 void Close(int descriptor);
+/// The same for a file that was written, where some file systems report a failed write as late as here.
+int CloseWritten(int descriptor);
 
 int FStat(int descriptor, struct stat& result);
 /// Of the name itself: a symbolic link is not followed.
@@ -58,11 +60,12 @@ int UnlinkAt(int folder, const char* name);
 
 /// Puts a file's data and size, or a folder's names, on stable storage.
 int FSync(int descriptor);
-/// Starts to write a file's data to storage without waiting for it, so that a later flush has less to do. A hint: no result.
-void StartWriteback(int descriptor);
-/// Puts all of the file system that holds `descriptor` on stable storage, or fails with ENOTSUP where the system has no such
-/// call or does not report errors through it: then each file is to be flushed by itself.
-int SyncFileSystem(int descriptor);
+/// Starts to write a file's data to storage without waiting for it, so that a later flush has less to do. Succeeds without
+/// doing anything where that does not exist.
+int StartWriteback(int descriptor);
+/// Takes the write lock of a whole file for this process, or fails with EAGAIN when another process has it. The
+/// lock goes when this process closes any descriptor of the file, or ends. Children do not inherit it.
+int TryLock(int descriptor);
 
 /// The names in a folder without "." and "..": calls `visit` for each until it answers false.
 int ListFolder(int folder, bool (*visit)(void* context, const char* name), void* context);

@@ -85,6 +85,14 @@ void Close(int descriptor)
     errno = error;
 }
 
+int CloseWritten(int descriptor)
+{
+    if (MayCall("close", descriptor))
+        return ::close(descriptor) == 0 || errno == EINTR ? 0 : -1;
+    Close(descriptor);
+    return -1;
+}
+
 int FStat(int descriptor, struct stat& result)
 {
     if (!MayCall("fstat", descriptor))
@@ -188,6 +196,16 @@ int FSync(int descriptor)
     if (!MayCall("fsync", descriptor))
         return -1;
     return Retry([&] { return ::fsync(descriptor); });
+}
+
+int TryLock(int descriptor)
+{
+    if (!MayCall("fcntl", descriptor))
+        return -1;
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return Retry([&] { return ::fcntl(descriptor, F_SETLK, &lock); });
 }
 
 int ListFolder(int folder, bool (*visit)(void* context, const char* name), void* context)
