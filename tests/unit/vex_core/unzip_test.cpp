@@ -1,0 +1,806 @@
+// Unzip against real folders: what ends where, what a broken archive or destination changes (nothing), and what every failing
+// call and every kind of race leaves behind.
+#include "vex/core/unzip.h"
+
+#include "vex_core/os/folder_calls.h"
+
+#include "support/captured_log.h"
+#include "support/odd_archives.h"
+#include "support/temp_folder.h"
+#include "support/zip_builder.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <wx/filename.h>
+#include <wx/filefn.h>
+#include <wx/zipstrm.h>
+
+using namespace VexCore;
+using namespace Test;
+namespace fs = std::filesystem;
+
+namespace {
+
+/// What a folder holds: path to kind, mode and content.
+std::map<std::string, std::string> Tree(const std::string& root)
+{
+    std::map<std::string, std::string> tree;
+    for (const auto& item : fs::recursive_directory_iterator(root)) {
+        const std::string path = item.path().string().substr(root.size() + 1);
+        struct stat status;
+        ::lstat(item.path().c_str(), &status);
+        char mode[32];
+        std::snprintf(mode, sizeof mode, "%o ", unsigned(status.st_mode));
+        tree[path] = mode;
+        if (item.is_symlink())
+            tree[path] += fs::read_symlink(item.path()).string();
+        else if (item.is_regular_file())
+            tree[path] += ReadFile(item.path().string());
+    }
+    return tree;
+}
+
+bool HasTemporaries(const std::string& root)
+{
+    for (const auto& item : fs::recursive_directory_iterator(root))
+        if (item.path().filename().string().rfind(".vex-unzip-", 0) == 0)
+            return true;
+    return false;
+}
+
+struct Seen
+{
+    std::string name;
+    std::uint64_t size;
+    std::string destination;
+};
+
+class Unzipping : public ::testing::Test
+{
+protected:
+    bool Run(std::function<bool(const Seen&)> answer = [](const Seen&) { return true; })
+    {
+        struct Context
+        {
+            std::function<bool(const Seen&)>& answer;
+            std::vector<Seen>& seen;
+        } context{answer, m_seen};
+        m_seen.clear();
+        m_log.Clear();
+        const auto callback = [](void* data, const wxZipEntry* entry, const wxString* destination) {
+            Context& c = *static_cast<Context*>(data);
+            c.seen.push_back({std::string(entry->GetInternalName().utf8_str()), std::uint64_t(entry->GetSize()),
+                              std::string(destination->utf8_str())});
+            return c.answer(c.seen.back());
+        };
+        return Unzip(wxFileName(wxString::FromUTF8(m_archive)), wxFileName::DirName(wxString::FromUTF8(m_root)), callback,
+                     &context);
+    }
+    bool Run(const ZipBuilder& builder)
+    {
+        WriteFile(m_archive, builder.Build());
+        return Run();
+    }
+    /// The removal as the launcher does it.
+    bool Remove()
+    {
+        return Run([](const Seen& seen) {
+            ::unlink(seen.destination.c_str());
+            return false;
+        });
+    }
+    std::string Content(const std::string& name) { return ReadFile(m_root + "/" + name); }
+    unsigned Mode(const std::string& name)
+    {
+        struct stat status = {};
+        ::lstat((m_root + "/" + name).c_str(), &status);
+        return status.st_mode & 07777;
+    }
+
+    TempFolder m_folder;
+    std::string m_root = m_folder / "root";
+    std::string m_archive = m_folder / "x.vxp";
+    std::vector<Seen> m_seen;
+    CapturedLog m_log;
+
+    void SetUp() override { fs::create_directory(m_root); }
+};
+
+} // namespace
+
+TEST_F(Unzipping, WritesFilesAndFoldersAndShowsEachEntryWithItsDestination)
+{
+    ASSERT_TRUE(Run(PlainPackage()));
+    EXPECT_EQ(Content("lib/a.lua"), "return 1\n");
+    EXPECT_EQ(Content("lib/b.lua"), "return 2\n");
+    EXPECT_EQ(Content("bin/tool"), "#!/bin/sh\necho tool\n");
+    ASSERT_EQ(m_seen.size(), 4u);
+    EXPECT_EQ(m_seen[0].destination, m_root + "/lib/");
+    EXPECT_EQ(m_seen[1].name, "lib/a.lua");
+    EXPECT_EQ(m_seen[1].size, 9u);
+    EXPECT_EQ(m_seen[1].destination, m_root + "/lib/a.lua");
+    EXPECT_FALSE(HasTemporaries(m_root));
+    EXPECT_TRUE(m_log.Lines().empty());
+}
+
+TEST_F(Unzipping, FinishedFilesReplaceOldOnesAndKeepNothingOfThem)
+{
+    fs::create_directories(m_root + "/lib");
+    WriteFile(m_root + "/lib/a.lua", std::string(5000, 'o'));
+    fs::permissions(m_root + "/lib/a.lua", fs::perms(0400));
+    ASSERT_TRUE(Run(PlainPackage()));
+    EXPECT_EQ(Content("lib/a.lua"), "return 1\n");
+    EXPECT_EQ(Mode("lib/a.lua"), 0644u);
+}
+
+TEST_F(Unzipping, ModesAre0755WithAnyExecuteBitElse0644AndTheUmaskDoesNotMatter)
+{
+    ZipBuilder builder;
+    builder.Add("plain", "x", 8, 0100600);
+    builder.Add("open", "x", 8, 0100666);
+    builder.Add("group", "x", 8, 0100610);
+    builder.Add("owner", "x", 8, 0100700);
+    builder.Add("setuid", "x", 8, 0106755);
+    builder.Add("none", "x", 8, 0);
+    builder.Add("made/on/the/way", "x");
+    builder.AddFolder("folder/", 0040700);
+    const mode_t before = ::umask(077);
+    const bool done = Run(builder);
+    ::umask(before);
+    ASSERT_TRUE(done);
+    EXPECT_EQ(Mode("plain"), 0644u);
+    EXPECT_EQ(Mode("open"), 0644u);
+    EXPECT_EQ(Mode("group"), 0755u);
+    EXPECT_EQ(Mode("owner"), 0755u);
+    EXPECT_EQ(Mode("setuid"), 0755u);
+    EXPECT_EQ(Mode("none"), 0644u);
+    for (const char* folder : {"made", "made/on", "made/on/the", "folder"})
+        EXPECT_EQ(Mode(folder), 0755u) << folder;
+}
+
+TEST_F(Unzipping, FolderThatIsThereKeepsItsMode)
+{
+    fs::create_directory(m_root + "/lib");
+    fs::permissions(m_root + "/lib", fs::perms(0700));
+    ASSERT_TRUE(Run(PlainPackage()));
+    EXPECT_EQ(Mode("lib"), 0700u);
+}
+
+TEST_F(Unzipping, EntryThatIsDeclinedIsSkippedAndItsDataNotRead)
+{
+    ZipBuilder builder;
+    builder.Add("good", "x");
+    ++builder.Add("bad", "data with a wrong checksum").Both([](ZipRecord& r) { ++r.crc32; }).size;
+    builder.AddFolder("folder/");
+    WriteFile(m_archive, builder.Build());
+    EXPECT_TRUE(Run([](const Seen& seen) { return seen.name == "good"; }));
+    EXPECT_EQ(Tree(m_root).size(), 1u);
+    EXPECT_EQ(m_seen.size(), 3u);
+}
+
+TEST_F(Unzipping, ArchiveWithAFaultInItsHeadersChangesNothingAndAsksNothing)
+{
+    fs::create_directories(m_root + "/lib");
+    WriteFile(m_root + "/lib/a.lua", "old");
+    fs::create_symlink("/etc", m_root + "/link");
+    const auto before = Tree(m_folder.Path() + "/root");
+    for (const BrokenArchive& broken : BrokenArchives()) {
+        SCOPED_TRACE(broken.story);
+        WriteFile(m_archive, broken.bytes);
+        EXPECT_FALSE(Run());
+        EXPECT_TRUE(m_seen.empty());
+        EXPECT_EQ(Tree(m_root), before);
+        ASSERT_EQ(m_log.Lines().size(), 1u);
+        EXPECT_EQ(m_log.Lines()[0].level, unsigned(wxLOG_Error));
+        const std::string& text = m_log.Lines()[0].text;
+        EXPECT_EQ(text.find("Cannot process the archive \"" + m_archive + "\": "), 0u) << text;
+        EXPECT_NE(text.find(broken.reason), std::string::npos) << text;
+        EXPECT_FALSE(Remove());
+        EXPECT_TRUE(m_seen.empty());
+        EXPECT_EQ(Tree(m_root), before);
+    }
+    EXPECT_EQ(Tree(m_folder.Path()).size(), before.size() + 2) << "nothing beside the folder either";
+}
+
+TEST_F(Unzipping, LogLineNamesArchiveEntryAndReasonWithControlCharactersEscaped)
+{
+    ZipBuilder builder;
+    builder.Add("evil\n2026-01-31 10:20:30 ERROR forged", "x");
+    EXPECT_FALSE(Run(builder));
+    ASSERT_EQ(m_log.Lines().size(), 1u);
+    EXPECT_EQ(m_log.Lines()[0].text, "Cannot process the archive \"" + m_archive
+                                         + "\": entry \"evil\\x0a2026-01-31 10:20:30 ERROR forged\": "
+                                           "its name has a control character");
+}
+
+TEST_F(Unzipping, NamesThatAreKeptForTemporaryFilesAreRefused)
+{
+    for (const char* name : {".vex-unzip-1.list", "lib/.vex-unzip-x", ".vex-unzip-/x"}) {
+        ZipBuilder builder = PlainPackage();
+        builder.Add(name, "x");
+        EXPECT_FALSE(Run(builder)) << name;
+        EXPECT_TRUE(Tree(m_root).empty());
+    }
+}
+
+TEST_F(Unzipping, DamagedDataLeavesTheOldFileAndKeepsFinishedOnesAndTouchesNoLaterOne)
+{
+    for (const BrokenArchive& broken : ArchivesWithBrokenData()) {
+        SCOPED_TRACE(broken.story);
+        fs::remove_all(m_root);
+        fs::create_directory(m_root);
+        WriteFile(m_root + "/bad", "old");
+        WriteFile(m_archive, broken.bytes);
+        EXPECT_FALSE(Run());
+        EXPECT_EQ(m_seen.size(), 2u);
+        EXPECT_EQ(Content("good"), "good content");
+        EXPECT_EQ(Content("bad"), "old");
+        EXPECT_EQ(Tree(m_root).size(), 2u);
+        ASSERT_EQ(m_log.Lines().size(), 1u);
+        EXPECT_NE(m_log.Lines()[0].text.find("entry \"bad\": "), std::string::npos) << m_log.Lines()[0].text;
+        EXPECT_NE(m_log.Lines()[0].text.find(broken.reason), std::string::npos) << m_log.Lines()[0].text;
+    }
+}
+
+TEST_F(Unzipping, RareButValidArchivesAreWritten)
+{
+    for (const ValidArchive& valid : ValidArchives()) {
+        SCOPED_TRACE(valid.story);
+        fs::remove_all(m_root);
+        fs::create_directory(m_root);
+        WriteFile(m_archive, valid.bytes);
+        ASSERT_TRUE(Run()) << m_log.Lines()[0].text;
+        for (const auto& [name, content] : valid.files) {
+            if (name.back() == '/')
+                EXPECT_TRUE(fs::is_directory(m_root + "/" + name));
+            else
+                EXPECT_EQ(Content(name), content);
+        }
+        EXPECT_FALSE(HasTemporaries(m_root));
+    }
+}
+
+TEST_F(Unzipping, SymbolicLinkOnTheWayIsNeitherWrittenThroughNorShownForRemoval)
+{
+    fs::create_directory(m_folder / "outside");
+    WriteFile(m_folder / "outside/a.lua", "precious");
+    fs::create_directory_symlink("../outside", m_root + "/lib");
+    ZipBuilder builder;
+    builder.Add("lib/a.lua", "new");
+    builder.Add("later", "x");
+    EXPECT_FALSE(Run(builder));
+    EXPECT_TRUE(m_seen.empty());
+    ASSERT_EQ(m_log.Lines().size(), 1u);
+    EXPECT_NE(m_log.Lines()[0].text.find("entry \"lib/a.lua\": \"lib\" is on its way and is a symbolic link"),
+              std::string::npos)
+        << m_log.Lines()[0].text;
+    EXPECT_FALSE(Remove());
+    EXPECT_TRUE(m_seen.empty());
+    EXPECT_EQ(Tree(m_folder / "outside").size(), 1u);
+    EXPECT_EQ(ReadFile(m_folder / "outside/a.lua"), "precious");
+}
+
+TEST_F(Unzipping, SymbolicLinkDeepOnTheWayOrInsideTheFolderIsRefusedToo)
+{
+    fs::create_directories(m_root + "/a/real");
+    fs::create_directory_symlink("real", m_root + "/a/b");
+    for (const char* name : {"a/b/c/d", "a/b/", "a/b/x"}) {
+        ZipBuilder builder;
+        builder.Add(name, "", 0, name[std::strlen(name) - 1] == '/' ? 0040755 : 0100644);
+        EXPECT_FALSE(Run(builder)) << name;
+        EXPECT_FALSE(Remove()) << name;
+        EXPECT_TRUE(m_seen.empty());
+    }
+    EXPECT_TRUE(fs::is_empty(m_root + "/a/real"));
+}
+
+TEST_F(Unzipping, WhatIsNoRegularFileInAFilesPlaceIsLeftAlone)
+{
+    WriteFile(m_folder / "target", "precious");
+    const std::string place = m_root + "/place";
+    const std::vector<std::function<void()>> makers = {
+        [&] { fs::create_symlink("../target", place); },
+        [&] { fs::create_symlink("nowhere", place); },
+        [&] { fs::create_directory(place); },
+        [&] { ASSERT_EQ(::mkfifo(place.c_str(), 0600), 0); },
+    };
+    ZipBuilder builder;
+    builder.Add("place", "new");
+    for (const auto& make : makers) {
+        make();
+        const auto before = Tree(m_root);
+        EXPECT_FALSE(Run(builder));
+        EXPECT_FALSE(Remove());
+        EXPECT_TRUE(m_seen.empty());
+        EXPECT_EQ(Tree(m_root), before);
+        fs::remove(place);
+    }
+    EXPECT_EQ(ReadFile(m_folder / "target"), "precious");
+}
+
+TEST_F(Unzipping, FileInTheWayOfAFolderIsRefused)
+{
+    WriteFile(m_root + "/lib", "a file");
+    EXPECT_FALSE(Run(PlainPackage()));
+    EXPECT_TRUE(m_seen.empty());
+    EXPECT_EQ(Content("lib"), "a file");
+}
+
+TEST_F(Unzipping, DestinationMayBeReachedThroughASymbolicLinkOfTheOperator)
+{
+    fs::create_directory_symlink("root", m_folder / "way");
+    const std::string root = m_root;
+    m_root = m_folder / "way";
+    EXPECT_TRUE(Run(PlainPackage()));
+    EXPECT_EQ(m_seen[1].destination, m_root + "/lib/a.lua");
+    EXPECT_TRUE(fs::exists(root + "/lib/a.lua"));
+}
+
+TEST_F(Unzipping, DestinationThatIsMissingOrNoFolderIsAnError)
+{
+    m_root += "/none";
+    EXPECT_FALSE(Run(PlainPackage()));
+    ASSERT_EQ(m_log.Lines().size(), 1u);
+    EXPECT_NE(m_log.Lines()[0].text.find("cannot open the destination"), std::string::npos);
+    WriteFile(m_root, "x");
+    EXPECT_FALSE(Run(PlainPackage()));
+    EXPECT_NE(m_log.Lines()[0].text.find("is no folder"), std::string::npos);
+}
+
+TEST_F(Unzipping, DestinationMayBeNamedWithoutALastSlashOrFromTheCurrentFolder)
+{
+    WriteFile(m_archive, PlainPackage().Build());
+    const auto yes = [](void*, const wxZipEntry*, const wxString*) { return true; };
+    EXPECT_TRUE(Unzip(wxFileName(wxString::FromUTF8(m_archive)), wxFileName(wxString::FromUTF8(m_root)), yes, nullptr));
+    EXPECT_TRUE(fs::exists(m_root + "/bin/tool"));
+    const fs::path before = fs::current_path();
+    fs::current_path(m_folder.Path());
+    fs::create_directory("second");
+    EXPECT_TRUE(Unzip(wxFileName("x.vxp"), wxFileName::DirName("second"), yes, nullptr));
+    fs::current_path(before);
+    EXPECT_TRUE(fs::exists(m_folder / "second/bin/tool"));
+}
+
+TEST_F(Unzipping, RemovalIsShownEveryEntryAndTakesFilesButNoFolder)
+{
+    ASSERT_TRUE(Run(PlainPackage()));
+    WriteFile(m_root + "/lib/foreign", "x");
+    ASSERT_TRUE(Remove());
+    EXPECT_EQ(m_seen.size(), 4u);
+    EXPECT_TRUE(fs::is_directory(m_root + "/lib"));
+    EXPECT_TRUE(fs::is_directory(m_root + "/bin"));
+    EXPECT_EQ(Tree(m_root).size(), 3u);
+    EXPECT_TRUE(m_log.Lines().empty());
+}
+
+TEST_F(Unzipping, RemovalOfWhatIsGoneAlreadyIsFineAndMakesNoFolder)
+{
+    WriteFile(m_archive, PlainPackage().Build());
+    EXPECT_TRUE(Remove());
+    EXPECT_EQ(m_seen.size(), 4u);
+    EXPECT_TRUE(Tree(m_root).empty());
+}
+
+TEST_F(Unzipping, ExceptionOfTheCallbackPassesThroughAndLeavesNoTemporaryFile)
+{
+    WriteFile(m_archive, PlainPackage().Build());
+    EXPECT_THROW(Run([](const Seen& seen) -> bool {
+                     if (seen.name == "bin/tool")
+                         throw std::runtime_error("enough");
+                     return true;
+                 }),
+                 std::runtime_error);
+    EXPECT_FALSE(HasTemporaries(m_root));
+    EXPECT_EQ(Content("lib/b.lua"), "return 2\n");
+    EXPECT_FALSE(fs::exists(m_root + "/bin"));
+}
+
+TEST_F(Unzipping, ManyFoldersAndFilesGoThroughAllLimitsOfGroupsAndOpenFolders)
+{
+    ZipBuilder builder;
+    for (int i = 0; i < 300; ++i)
+        builder.Add("d" + std::to_string(i % 40) + "/e" + std::to_string(i % 7) + "/f" + std::to_string(i),
+                    std::string(std::size_t(i) * 40, char('a' + i % 26)), i % 2 ? 8 : 0);
+    ASSERT_TRUE(Run(builder));
+    for (int i = 0; i < 300; ++i)
+        EXPECT_EQ(Content("d" + std::to_string(i % 40) + "/e" + std::to_string(i % 7) + "/f" + std::to_string(i)),
+                  std::string(std::size_t(i) * 40, char('a' + i % 26)));
+    EXPECT_FALSE(HasTemporaries(m_root));
+    ASSERT_TRUE(Remove());
+    EXPECT_EQ(m_seen.size(), 300u);
+}
+
+// Every call of the system ------------------------------------------------------------------------
+
+namespace {
+
+/// What the doorway's observer does; only one test uses it at a time.
+struct Plan
+{
+    int count = 0;
+    int failFrom = 0; ///< 0: never
+    int failTo = 0;
+    int error = 0;
+    int exitAt = 0; ///< 0: never
+    std::vector<std::string> names;
+    std::function<void(const os::Call&)> look;
+};
+Plan g_plan;
+
+int Observe(const os::Call& call)
+{
+    ++g_plan.count;
+    g_plan.names.push_back(call.name);
+    if (g_plan.look)
+        g_plan.look(call);
+    if (g_plan.count == g_plan.exitAt)
+        ::_exit(99);
+    return g_plan.failFrom != 0 && g_plan.count >= g_plan.failFrom && g_plan.count <= g_plan.failTo ? g_plan.error : 0;
+}
+
+class Observed
+{
+public:
+    explicit Observed(Plan plan)
+    {
+        g_plan = std::move(plan);
+        os::SetCallObserver(Observe);
+    }
+    ~Observed() { os::SetCallObserver(nullptr); }
+};
+
+class UnzippingUnderFaults : public Unzipping
+{
+protected:
+    // In memory: the sweeps flush a thousand times.
+    UnzippingUnderFaults()
+        : m_fast(fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path().string())
+    {
+        m_root = m_fast / "root";
+        m_archive = m_fast / "x.vxp";
+    }
+
+    static ZipBuilder Package()
+    {
+        ZipBuilder builder = PlainPackage();
+        for (int i = 0; i < 6; ++i)
+            builder.Add("new/deep/f" + std::to_string(i), std::string(3000, char('a' + i)));
+        return builder;
+    }
+
+    /// A destination in which some of the package's files stand in an old version.
+    void MakeOld()
+    {
+        fs::remove_all(m_root);
+        fs::create_directories(m_root + "/lib");
+        fs::create_directories(m_root + "/bin");
+        for (const char* name : {"lib/a.lua", "lib/b.lua", "bin/tool"})
+            WriteFile(m_root + "/" + name, "old");
+    }
+
+    std::map<std::string, std::string> New()
+    {
+        std::map<std::string, std::string> files;
+        for (const ZipItem& item : Package().items)
+            if (item.local.name.back() != '/')
+                files[item.local.name] = item.local.name.rfind("new/", 0) == 0
+                                             ? std::string(3000, char('a' + item.local.name.back() - '0'))
+                                             : item.local.name == "bin/tool" ? "#!/bin/sh\necho tool\n"
+                                             : item.local.name == "lib/a.lua" ? "return 1\n"
+                                                                              : "return 2\n";
+        return files;
+    }
+
+    void ExpectEachFileOldOrNew()
+    {
+        for (const auto& [name, content] : New()) {
+            const bool was = name.rfind("new/", 0) != 0;
+            if (!fs::exists(m_root + "/" + name)) {
+                EXPECT_FALSE(was) << name;
+                continue;
+            }
+            const std::string found = Content(name);
+            EXPECT_TRUE(found == content || (was && found == "old")) << name << " holds: " << found.substr(0, 40);
+        }
+    }
+
+    void ExpectAllNew()
+    {
+        for (const auto& [name, content] : New())
+            EXPECT_EQ(Content(name), content) << name;
+    }
+
+    TempFolder m_fast;
+};
+
+} // namespace
+
+TEST_F(UnzippingUnderFaults, EachFailingCallMakesItFalseWithOneLineAndLeavesOldOrNewFilesAndNoTemporaryFile)
+{
+    WriteFile(m_archive, Package().Build());
+    for (const int error : {EIO, ENOSPC, EACCES}) {
+        int n = 1;
+        for (bool reached = true; reached; ++n) {
+            SCOPED_TRACE("call " + std::to_string(n) + " with errno " + std::to_string(error));
+            MakeOld();
+            Plan plan;
+            plan.failFrom = plan.failTo = n;
+            plan.error = error;
+            const Observed observed(plan);
+            const bool done = Run();
+            reached = g_plan.count >= n;
+            EXPECT_EQ(done, !reached) << (reached ? g_plan.names[std::size_t(n) - 1] : "");
+            EXPECT_EQ(m_log.Lines().size(), reached ? 1u : 0u);
+            ExpectEachFileOldOrNew();
+            EXPECT_FALSE(HasTemporaries(m_root));
+        }
+        ExpectAllNew();
+        EXPECT_GT(n, 80) << "the sweep saw too few calls to mean anything";
+    }
+}
+
+TEST_F(UnzippingUnderFaults, StorageThatFailsFromACallOnLeavesOldOrNewFilesAndTheNextRunCompletes)
+{
+    WriteFile(m_archive, Package().Build());
+    int n = 1;
+    for (bool reached = true; reached; ++n) {
+        SCOPED_TRACE("from call " + std::to_string(n));
+        MakeOld();
+        {
+            Plan plan;
+            plan.failFrom = n;
+            plan.failTo = 1 << 30;
+            plan.error = EIO;
+            const Observed observed(plan);
+            const bool done = Run();
+            reached = g_plan.count >= n;
+            EXPECT_EQ(done, !reached);
+        }
+        ExpectEachFileOldOrNew();
+        ASSERT_TRUE(Run());
+        ExpectAllNew();
+        EXPECT_FALSE(HasTemporaries(m_root));
+    }
+}
+
+TEST_F(UnzippingUnderFaults, EachFailingCallOfARemovalMakesItFalseAndTheNextRunCompletes)
+{
+    WriteFile(m_archive, Package().Build());
+    int n = 1;
+    for (bool reached = true; reached; ++n) {
+        SCOPED_TRACE("call " + std::to_string(n));
+        MakeOld();
+        {
+            Plan plan;
+            plan.failFrom = plan.failTo = n;
+            plan.error = EIO;
+            const Observed observed(plan);
+            const bool done = Remove();
+            reached = g_plan.count >= n;
+            EXPECT_EQ(done, !reached);
+        }
+        ASSERT_TRUE(Remove());
+        EXPECT_FALSE(fs::exists(m_root + "/bin/tool"));
+    }
+    EXPECT_GT(n, 15);
+}
+
+TEST_F(UnzippingUnderFaults, ProcessThatEndsAtAnyCallLeavesOldOrNewFilesAndTheNextRunCompletesAndSweeps)
+{
+    WriteFile(m_archive, Package().Build());
+    int sweeps = 0;
+    for (int n = 1;; ++n) {
+        SCOPED_TRACE("call " + std::to_string(n));
+        MakeOld();
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            Plan plan;
+            plan.exitAt = n;
+            const Observed observed(plan);
+            ::_exit(Run() ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status));
+        ExpectEachFileOldOrNew();
+        if (WEXITSTATUS(status) == 0) {
+            EXPECT_GT(n, 80);
+            break;
+        }
+        ASSERT_EQ(WEXITSTATUS(status), 99);
+        sweeps += HasTemporaries(m_root);
+        ASSERT_TRUE(Run());
+        ExpectAllNew();
+        EXPECT_FALSE(HasTemporaries(m_root));
+    }
+    EXPECT_GT(sweeps, 40) << "no temporary file was ever left: the sweep was not tested";
+}
+
+TEST_F(UnzippingUnderFaults, RunWithAnotherArchiveOrARemovalSweepsToo)
+{
+    WriteFile(m_archive, Package().Build());
+    for (const bool removal : {false, true}) {
+        MakeOld();
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            Plan plan;
+            plan.look = [](const os::Call& call) {
+                if (std::strcmp(call.name, "renameat") == 0)
+                    ::_exit(99);
+            };
+            const Observed observed(plan);
+            ::_exit(Run() ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_EQ(WEXITSTATUS(status), 99);
+        ASSERT_TRUE(HasTemporaries(m_root + "/lib"));
+        WriteFile(m_fast / "other.zip", ZipBuilder().Build());
+        const std::string archive = m_archive;
+        m_archive = m_fast / "other.zip";
+        EXPECT_TRUE(removal ? Remove() : Run());
+        m_archive = archive;
+        EXPECT_FALSE(HasTemporaries(m_root));
+    }
+}
+
+TEST_F(UnzippingUnderFaults, TemporaryFilesOfALiveRunAreNotSwept)
+{
+    WriteFile(m_archive, Package().Build());
+    WriteFile(m_fast / "other.zip", ZipBuilder().Build());
+    // Inside the process: a callback of one run makes another run. Across processes: the same, in a child.
+    for (const bool fork : {false, true}) {
+        MakeOld();
+        EXPECT_TRUE(Run([&](const Seen& seen) {
+            if (seen.name == "lib/b.lua") {
+                const auto yes = [](void*, const wxZipEntry*, const wxString*) { return true; };
+                const pid_t child = fork ? ::fork() : 0;
+                const bool done = child != 0
+                                  || Unzip(wxFileName(wxString::FromUTF8(m_fast / "other.zip")),
+                                           wxFileName::DirName(wxString::FromUTF8(m_root)), yes, nullptr);
+                if (fork && child == 0)
+                    ::_exit(done ? 0 : 1);
+                int status = 0;
+                if (fork)
+                    ::waitpid(child, &status, 0);
+                EXPECT_TRUE(done && status == 0);
+                EXPECT_TRUE(HasTemporaries(m_root));
+            }
+            return true;
+        }));
+        ExpectAllNew();
+        EXPECT_FALSE(HasTemporaries(m_root));
+    }
+}
+
+TEST_F(UnzippingUnderFaults, ListThatIsNotOursDoesNotLeadTheSweepAnywhere)
+{
+    WriteFile(m_archive, Package().Build());
+    MakeOld();
+    fs::create_directory(m_fast / "outside");
+    WriteFile(m_fast / "outside/.vex-unzip-1-0", "precious");
+    fs::create_directory_symlink("../outside", m_root + "/way");
+    WriteFile(m_root + "/.vex-unzip-1.list", "first\n../outside\n/\n" + (m_fast / "outside") + "\nway\n");
+    fs::create_symlink("../outside/.vex-unzip-1-0", m_root + "/.vex-unzip-2.list");
+    fs::create_directory(m_root + "/.vex-unzip-3.list");
+    ASSERT_TRUE(Run());
+    EXPECT_EQ(ReadFile(m_fast / "outside/.vex-unzip-1-0"), "precious");
+    EXPECT_FALSE(fs::exists(m_root + "/.vex-unzip-1.list"));
+    ExpectAllNew();
+}
+
+TEST_F(UnzippingUnderFaults, FileIsFlushedBeforeItIsRenamedAndItsFolderBeforeTheEnd)
+{
+    WriteFile(m_archive, Package().Build());
+    MakeOld();
+    std::set<ino_t> flushed; // files and folders, unless they changed since
+    std::set<ino_t> changedFolders;
+    int renames = 0;
+    const auto inodeOf = [](int folder, const char* name) {
+        struct stat status = {};
+        const int result = name ? ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) : ::fstat(folder, &status);
+        return result == 0 ? status.st_ino : ino_t(0);
+    };
+    Plan plan;
+    plan.look = [&](const os::Call& call) {
+        const std::string name = call.name;
+        if (name == "fsync") {
+            flushed.insert(inodeOf(call.descriptor, nullptr));
+            changedFolders.erase(inodeOf(call.descriptor, nullptr));
+        } else if (name == "write" || name == "fchmod") {
+            flushed.erase(inodeOf(call.descriptor, nullptr));
+        } else if (name == "renameat") {
+            ++renames;
+            EXPECT_TRUE(flushed.count(inodeOf(call.descriptor, call.path))) << call.newPath;
+            changedFolders.insert(inodeOf(call.descriptor, nullptr));
+        } else if (name == "mkdirat" || name == "unlinkat") {
+            changedFolders.insert(inodeOf(call.descriptor, nullptr));
+        }
+    };
+    {
+        const Observed observed(plan);
+        ASSERT_TRUE(Run());
+    }
+    EXPECT_EQ(renames, 9);
+    EXPECT_TRUE(changedFolders.empty());
+}
+
+TEST_F(UnzippingUnderFaults, FolderOfARemovedFileIsFlushedBeforeTheEnd)
+{
+    WriteFile(m_archive, Package().Build());
+    MakeOld();
+    std::set<std::string> flushed;
+    Plan plan;
+    plan.look = [&](const os::Call& call) {
+        if (std::strcmp(call.name, "fsync") == 0)
+            flushed.insert(fs::read_symlink("/proc/self/fd/" + std::to_string(call.descriptor)).filename().string());
+    };
+    const Observed observed(plan);
+    ASSERT_TRUE(Remove());
+    EXPECT_EQ(flushed, (std::set<std::string>{"lib", "bin"}));
+}
+
+TEST_F(UnzippingUnderFaults, FolderSwappedForASymbolicLinkAThousandTimesLetsNothingOutside)
+{
+    WriteFile(m_archive, Package().Build());
+    MakeOld();
+    const std::string outside = m_fast / "outside";
+    fs::create_directory(outside);
+    std::atomic<bool> over{false};
+    std::thread swapper([&] {
+        for (int i = 0; i < 1000; ++i) {
+            const std::string victim = m_root + (i % 2 ? "/new" : "/lib");
+            const std::string aside = m_root + "/aside";
+            if (::rename(victim.c_str(), aside.c_str()) != 0)
+                continue;
+            ::symlink(outside.c_str(), victim.c_str());
+            ::usleep(useconds_t(i % 7) * 50);
+            ::unlink(victim.c_str());
+            ::rename(aside.c_str(), victim.c_str());
+            ::usleep(useconds_t(i % 5) * 50);
+        }
+        over = true;
+    });
+    int runs = 0;
+    int failures = 0;
+    while (!over) {
+        ++runs;
+        failures += !Run();
+        EXPECT_TRUE(fs::is_empty(outside));
+    }
+    swapper.join();
+    EXPECT_GT(failures, 0) << "no swap was ever met in " << runs << " runs";
+    EXPECT_TRUE(fs::is_empty(outside));
+}
+
+TEST_F(UnzippingUnderFaults, FolderThatIsReplacedWhileFilesWaitIsNotWrittenInto)
+{
+    WriteFile(m_archive, Package().Build());
+    MakeOld();
+    EXPECT_FALSE(Run([&](const Seen& seen) {
+        if (seen.name == "bin/tool") {
+            fs::rename(m_root + "/lib", m_fast / "moved");
+            fs::create_directory(m_root + "/lib");
+        }
+        return true;
+    }));
+    ASSERT_EQ(m_log.Lines().size(), 1u);
+    EXPECT_NE(m_log.Lines()[0].text.find("\"lib\" was replaced"), std::string::npos) << m_log.Lines()[0].text;
+    EXPECT_EQ(ReadFile(m_fast / "moved/a.lua"), "old");
+    EXPECT_FALSE(HasTemporaries(m_fast / "moved"));
+    EXPECT_TRUE(fs::is_empty(m_root + "/lib"));
+}
