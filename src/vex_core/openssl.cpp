@@ -61,6 +61,7 @@ void RemoveLocks() {}
 void OpenSSLThreadSetup()
 {
     InstallLocks();
+    ReopenWorkers();
 }
 
 // Workers first: they may be inside OpenSSL or SQLite, which go next.

@@ -8,4 +8,7 @@ namespace VexCore {
 /// that goes away. New workers are refused from here on. The thread that ends the process.
 void StopAllWorkers(long timeoutMs);
 
+/// Workers may be started again: for a host that sets the core library up anew after its shutdown.
+void ReopenWorkers();
+
 } // namespace VexCore

@@ -1,5 +1,6 @@
 #include "vex/core/runnable.h"
 
+#include "support/log_catcher.h"
 #include "vex/core/dom.h"
 #include "vex_core/runnable_p.h"
 #include "vex_core/wait.h"
@@ -55,30 +56,6 @@ private:
     std::mutex m_lock;
     std::condition_variable m_changed;
     bool m_open = false;
-};
-
-/// Collects what is logged on any thread while it lives.
-class LogCatcher : public wxLog
-{
-public:
-    LogCatcher() : m_before(wxLog::SetActiveTarget(this)) {}
-    ~LogCatcher() override
-    {
-        wxLog::FlushActive();
-        wxLog::SetActiveTarget(m_before);
-    }
-    wxString Text()
-    {
-        wxLog::FlushActive();
-        return m_text;
-    }
-
-protected:
-    void DoLogRecord(wxLogLevel, const wxString& message, const wxLogRecordInfo&) override { m_text += message + "\n"; }
-
-private:
-    wxLog* m_before;
-    wxString m_text;
 };
 
 TEST(Runnable, BodyRunsWithItsDomainAndIsTheCurrentOne)
@@ -164,7 +141,7 @@ TEST(Runnable, DeleteAsksAndJoins)
 
 TEST(Runnable, ExceptionInABodyIsLoggedAndEndsOnlyThatThread)
 {
-    LogCatcher log;
+    ::Test::LogCatcher log;
     Body body([](Body&) { throw std::runtime_error("went wrong"); });
     ASSERT_TRUE(body.start(50, true, 0));
     EXPECT_TRUE(body.join(10000));
@@ -183,7 +160,7 @@ TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
 #else
 TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
 {
-    LogCatcher log;
+    ::Test::LogCatcher log;
     Body body([](Body&) { FAIL() << "must not run"; });
 
     // Room for all but the stack.

@@ -1,0 +1,40 @@
+#include "vex_core/wrap_worker.h"
+
+#include "vex_core/lua_arguments.h"
+
+using VexCore::WorkerHandle;
+
+namespace {
+
+void Stop(WorkerHandle& self)
+{
+    self.worker->requestExit();
+}
+
+bool Running(WorkerHandle& self)
+{
+    return self.worker->Running();
+}
+
+/// Join([seconds]): false while it runs, else true, status and error text or nil.
+int Join(WorkerHandle& self, lua_State* L)
+{
+    const std::int64_t timeoutMs = lua_isnoneornil(L, 2) ? -1 : VexCore::MillisecondsArgument(L, 2);
+    // The worker's own state cannot hold its handle, so a thread never waits for itself.
+    const bool ended = self.worker->WaitForEnd(timeoutMs);
+    lua_pushboolean(L, ended);
+    if (!ended)
+        return 1;
+    lua_pushinteger(L, self.worker->Status());
+    if (self.worker->Error().empty())
+        return 2;
+    lua_pushlstring(L, self.worker->Error().data(), self.worker->Error().size());
+    return 3;
+}
+
+} // namespace
+
+void SLB3::Wrapper<WorkerHandle>::Register(internal::Class<WorkerHandle>& definition)
+{
+    definition.Method<&Stop>("Stop").Method<&Join>("Join").Method<&Running>("Running");
+}

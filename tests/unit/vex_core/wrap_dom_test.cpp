@@ -1,0 +1,287 @@
+#include "vex/core/wrap_dom.h"
+
+#include "support/temp_folder.h"
+#include "vex/core/clock.h"
+#include "vex/core/dom.h"
+#include "vex/core/log.h"
+#include "vex/core/luainterpreter.h"
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <lua.hpp>
+#include <wx/log.h>
+
+using VexCore::CDom;
+using ::testing::ContainsRegex;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace {
+
+class WrapDomTest : public ::testing::Test
+{
+protected:
+    WrapDomTest() : dom(CDom::New(nullptr, nullptr, nullptr, false))
+    {
+        dom->Set("app.name", "wrapdom");
+        dom->Set("app.path.work", folder.Path());
+        SLB3::PushReference(lua.L(), dom);
+        lua_setglobal(lua.L(), "dom0");
+    }
+    ~WrapDomTest() override { dom->Release(); }
+
+    /// The results of `return code` as texts with blanks between, or "error: " and the message.
+    std::string Run(const std::string& code)
+    {
+        lua_State* L = lua.L();
+        const std::string chunk = "return " + code;
+        lua_settop(L, 0);
+        std::string text;
+        if (luaL_loadbuffer(L, chunk.data(), chunk.size(), "@test.lua") || lua_pcall(L, 0, LUA_MULTRET, 0))
+            text = "error:";
+        const int count = lua_gettop(L);
+        for (int i = 1; i <= count; ++i) {
+            std::size_t length = 0;
+            const char* bytes = luaL_tolstring(L, i, &length);
+            text += (text.empty() ? "" : " ") + std::string(bytes, length);
+        }
+        lua_settop(L, 0);
+        return text;
+    }
+    std::string LogFile() { return ::Test::ReadFile(folder / "wrapdom.log"); }
+
+    ::Test::TempFolder folder;
+    CDom* dom;
+    VexCore::CLuaInterpreter lua{false, L"test", true};
+};
+
+// --- values
+
+TEST_F(WrapDomTest, GetGivesTextDefaultOrNil)
+{
+    dom->Set("text", std::string("a\0b", 3));
+    dom->Set("flag", true);
+    dom->SetWx("number", std::int64_t(9007199254740993));
+    EXPECT_EQ(Run("dom0:Get('text')"), std::string("a\0b", 3));
+    EXPECT_EQ(Run("dom0:Get('flag')"), "true");
+    EXPECT_EQ(Run("dom0:Get('number')"), "9007199254740993");
+    EXPECT_EQ(Run("dom0:Get('none')"), "nil");
+    EXPECT_EQ(Run("dom0:Get('none', 'other')"), "other");
+    EXPECT_EQ(Run("dom0:Get('none', 12)"), "12");
+    EXPECT_EQ(Run("dom0:Get('text', 'other', 'more')"), std::string("a\0b", 3));
+}
+
+TEST_F(WrapDomTest, GetBoolGivesBooleanDefaultOrFalse)
+{
+    dom->Set("yes", "Yes");
+    dom->Set("odd", "maybe");
+    EXPECT_EQ(Run("dom0:GetBool('yes')"), "true");
+    EXPECT_EQ(Run("dom0:GetBool('odd')"), "false");
+    EXPECT_EQ(Run("dom0:GetBool('odd', true)"), "true");
+    EXPECT_EQ(Run("dom0:GetBool('none')"), "false");
+}
+
+TEST_F(WrapDomTest, GetIntGivesIntegerDefaultOrNil)
+{
+    dom->Set("text", "-17");
+    dom->SetWx("exact", std::int64_t(1) << 53);
+    dom->SetWx("beyond", (std::int64_t(1) << 53) + 1);
+    EXPECT_EQ(Run("dom0:GetInt('text')"), "-17");
+    EXPECT_EQ(Run("dom0:GetInt('exact') == 2^53"), "true");
+    EXPECT_EQ(Run("dom0:GetInt('none')"), "nil");
+    EXPECT_EQ(Run("dom0:GetInt('none', 5)"), "5");
+    EXPECT_EQ(Run("dom0:GetInt('beyond')"), "error: test.lua:1: the value of 'beyond' is beyond 2^53, where Lua numbers "
+                                            "are not exact: read it with Get");
+    EXPECT_EQ(Run("dom0:Get('beyond')"), "9007199254740993");
+    EXPECT_THAT(Run("dom0:GetInt('none', 'x')"), HasSubstr("#2 to 'SLB.Dom:GetInt' (integer expected, got string)"));
+}
+
+TEST_F(WrapDomTest, SetWritesByTheTypeOfTheValue)
+{
+    Run("dom0:Set('t', 'a\\0b'), dom0:Set('b', false), dom0:Set('i', -2^53), dom0:Set('n', '12')");
+    EXPECT_EQ(dom->TypeOf("t"), CDom::EType::Text);
+    EXPECT_EQ(dom->Get("t"), std::string("a\0b", 3));
+    EXPECT_EQ(dom->TypeOf("b"), CDom::EType::Bool);
+    EXPECT_EQ(dom->TypeOf("i"), CDom::EType::Int);
+    EXPECT_EQ(dom->Get("i"), "-9007199254740992");
+    EXPECT_EQ(dom->TypeOf("n"), CDom::EType::Text);
+    EXPECT_EQ(Run("dom0:Set('t', nil)"), "");
+    EXPECT_FALSE(dom->Has("t"));
+}
+
+TEST_F(WrapDomTest, SetRefusesWhatADomainCannotHold)
+{
+    EXPECT_EQ(Run("dom0:Set('k', {})"), "error: test.lua:1: bad argument #2 to 'SLB.Dom:Set' (string, boolean, integer or "
+                                        "nil expected, got table)");
+    EXPECT_EQ(Run("dom0:Set('k', 1.5)"), "error: test.lua:1: bad argument #2 to 'SLB.Dom:Set' (integer expected, got number "
+                                         "with a fraction)");
+    EXPECT_THAT(Run("dom0:Set('k', 2^63)"), HasSubstr("got number out of range"));
+    EXPECT_THAT(Run("dom0:Set('k', 0/0)"), HasSubstr("#2"));
+    EXPECT_THAT(Run("dom0:Set('k')"), HasSubstr("got no value"));
+    EXPECT_THAT(Run("dom0:Set('k', dom0)"), HasSubstr("got SLB.Dom"));
+    EXPECT_THAT(Run("dom0:Set('a\\0b', 'x')"), HasSubstr("string with a zero byte"));
+    EXPECT_FALSE(dom->Has("k"));
+}
+
+TEST_F(WrapDomTest, HasRemoveAndKeysWalkTheTree)
+{
+    dom->Set("tree.b", "1");
+    dom->Set("tree.a.x", "2");
+    dom->Set("treehouse", "3");
+    EXPECT_EQ(Run("dom0:Has('tree.b'), dom0:Has('tree')"), "true false");
+    EXPECT_EQ(Run("table.concat(dom0:Keys('tree'), ' ')"), "tree.a.x tree.b");
+    EXPECT_EQ(Run("dom0:Remove('tree.b'), dom0:Remove('tree.b')"), "true false");
+    EXPECT_THAT(Run("table.concat(dom0:Keys(), ' ')"), StartsWith("app.name app.path.work tree.a.x treehouse"));
+}
+
+// --- receivers
+
+TEST_F(WrapDomTest, WrongCallsAreClearErrors)
+{
+    EXPECT_EQ(Run("dom0.Get('x')"), "error: test.lua:1: bad argument #0 (self) to 'SLB.Dom:Get' (SLB.Dom expected, got string; "
+                                    "methods are called with ':')");
+    EXPECT_EQ(Run("dom0:Get()"),
+              "error: test.lua:1: bad argument #1 to 'SLB.Dom:Get' (string expected, got no value)");
+    EXPECT_EQ(Run("dom0.Get(io.stdout, 'x')"), "error: test.lua:1: bad argument #0 (self) to 'SLB.Dom:Get' (SLB.Dom expected, "
+                                               "got userdata; methods are called with ':')");
+    EXPECT_THAT(Run("dom0:Nothing()"), HasSubstr("attempt to call method 'Nothing'"));
+}
+
+TEST_F(WrapDomTest, EveryMethodRefusesAWrongReceiver)
+{
+    EXPECT_EQ(Run("(function() local n = 0 for name, method in pairs(getmetatable(dom0).__index) do "
+                  "local ok, message = pcall(method, {}) "
+                  "assert(not ok and message:find(\"'SLB.Dom:\" .. name .. \"'\", 1, true), name) n = n + 1 end return n end)()"),
+              "16");
+}
+
+TEST_F(WrapDomTest, CollectingEveryReferenceLeavesTheDomain)
+{
+    Run("(function() dom0 = nil collectgarbage() collectgarbage() end)()");
+    dom->Set("alive", true);
+    EXPECT_EQ(dom->Get("alive"), "true");
+}
+
+// --- waiting
+
+TEST_F(WrapDomTest, WaitTellsWrittenFromTimeOver)
+{
+    EXPECT_EQ(Run("dom0:Wait('key', 0.01)"), "false");
+    EXPECT_EQ(Run("dom0:Wait('key', 0)"), "false");
+    EXPECT_EQ(Run("dom0:Wait('key', -1)"), "false");
+    std::thread writer([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        dom->Set("key", "x");
+    });
+    EXPECT_EQ(Run("dom0:Wait('key', math.huge)"), "true");
+    writer.join();
+    EXPECT_THAT(Run("dom0:Wait('key')"), HasSubstr("#2 to 'SLB.Dom:Wait' (number expected, got no value)"));
+    EXPECT_THAT(Run("dom0:Wait('key', 0/0)"), HasSubstr("#2"));
+}
+
+// --- log and trace
+
+// The disk log has one place for the whole process, so these run in processes of their own.
+
+TEST_F(WrapDomTest, LogWritesAllLevelsToTheDiskLog)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(
+        {
+            wxLog::SetActiveTarget(new VexCore::CLog2Disk);
+            Run("dom0:Log('error', 'text 1'), dom0:Log('warning', 'text %s'), dom0:Log('message', 'text 3'), "
+                "dom0:Log('info', 'text 4'), dom0:Log('debug', 'text 5')");
+            std::fputs(LogFile().c_str(), stderr);
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "ERROR \\[[0-9]+/main\\] text 1\n.*WARNING \\[[0-9]+/main\\] text %s\n"
+                                      ".*MESSAGE \\[[0-9]+/main\\] text 3\n.*INFO \\[[0-9]+/main\\] text 4\n"
+                                      ".*DEBUG \\[[0-9]+/main\\] text 5\n");
+}
+
+TEST_F(WrapDomTest, TraceNamesTheCallingLineOfLua)
+{
+    EXPECT_EQ(Run("dom0:TraceEnabled('mine')"), "false");
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(
+        {
+            Run("dom0:Trace('mine', 'unseen')");
+            dom->Set("app.trace", "mine");
+            const bool enabled = Run("dom0:TraceEnabled('mine')") == "true";
+            Run("(function() local function speak()\n\ndom0:Trace('mine', 'seen')\nend speak() end)()");
+            std::fputs(LogFile().c_str(), stderr);
+            std::exit(enabled && LogFile().find("unseen") == std::string::npos ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "TRACE \\[[0-9]+/main\\] mine speak\\(test.lua:3\\): seen\n");
+}
+
+TEST_F(WrapDomTest, UnknownLevelIsAnError)
+{
+    EXPECT_EQ(Run("dom0:Log('loud', 'x')"),
+              "error: test.lua:1: bad argument #1 to 'SLB.Dom:Log' (\"error\", \"warning\", \"message\", \"info\" or \"debug\" "
+              "expected, got \"loud\")");
+    EXPECT_THAT(Run("dom0:Log('info')"), HasSubstr("#2 to 'SLB.Dom:Log' (string expected, got no value)"));
+}
+
+// --- events and the host
+
+TEST_F(WrapDomTest, AgentEventReturnsItsId)
+{
+    EXPECT_EQ(Run("dom0:AgentEvent{number = 7001, severity = 2, text = 'first'} > 0"), "true");
+    EXPECT_EQ(Run("dom0:AgentEvent{number = 7002} > dom0:AgentEvent{number = 7001, severity = 99, text = ''}"), "false");
+}
+
+TEST_F(WrapDomTest, AgentEventChecksItsFields)
+{
+    const std::string front = "error: test.lua:1: bad argument #1 to 'SLB.Dom:AgentEvent' (";
+    EXPECT_EQ(Run("dom0:AgentEvent()"), front + "table expected, got no value)");
+    EXPECT_EQ(Run("dom0:AgentEvent{}"), front + "table with an integer \"number\" expected, got nil)");
+    EXPECT_EQ(Run("dom0:AgentEvent{number = 'x'}"), front + "table with an integer \"number\" expected, got string)");
+    EXPECT_EQ(Run("dom0:AgentEvent{number = 1.5}"),
+              front + "table with an integer \"number\" expected, got another number)");
+    EXPECT_EQ(Run("dom0:AgentEvent{number = 1, severity = {}}"),
+              front + "table with an integer \"severity\" expected, got table)");
+    EXPECT_EQ(Run("dom0:AgentEvent{number = 1, text = true}"),
+              front + "table with a string \"text\" expected, got boolean)");
+}
+
+TEST_F(WrapDomTest, PluginWorkdirIsMade)
+{
+    EXPECT_EQ(Run("dom0:PluginWorkdir('näh')"), folder / "plugins/näh");
+    EXPECT_TRUE(std::filesystem::is_directory(folder / "plugins/näh"));
+}
+
+TEST_F(WrapDomTest, ExecuteRunsAProgramWithArguments)
+{
+    EXPECT_EQ(Run("dom0:Execute('/bin/echo', {'a b', 'c', 3})"), "true a b c 3\n 0 ");
+    EXPECT_EQ(Run("(dom0:Execute('/bin/true'))"), "true");
+    const wxLogNull quiet; // a code other than 0 is a warning
+    EXPECT_EQ(Run("dom0:Execute('/bin/sh', {'-c', 'exit 7'})"), "true  7 ");
+    EXPECT_THAT(Run("dom0:Execute('/no/such/program', {})"), StartsWith("false  "));
+    EXPECT_THAT(Run("dom0:Execute('/bin/sleep', {'60'}, {timeout = 0.05})"), StartsWith("false "));
+}
+
+TEST_F(WrapDomTest, ExecuteChecksItsArguments)
+{
+    EXPECT_THAT(Run("dom0:Execute()"), HasSubstr("#1 to 'SLB.Dom:Execute' (string expected, got no value)"));
+    EXPECT_THAT(Run("dom0:Execute('x', 'y')"), HasSubstr("#2 to 'SLB.Dom:Execute' (array of strings expected, got string)"));
+    EXPECT_THAT(Run("dom0:Execute('x', {'a', {}})"), HasSubstr("(array of strings expected, got table at [2])"));
+    EXPECT_THAT(Run("dom0:Execute('x', {}, 5)"), HasSubstr("#3 to 'SLB.Dom:Execute' (table expected, got number)"));
+    EXPECT_THAT(Run("dom0:Execute('x', {}, {timeout = -1})"), HasSubstr("positive number \"timeout\" expected, got another number"));
+    EXPECT_THAT(Run("dom0:Execute('x', {}, {timeout = '1'})"), HasSubstr("positive number \"timeout\" expected, got string"));
+}
+
+TEST_F(WrapDomTest, TimeIsInMilliseconds)
+{
+    const std::int64_t now = VexCore::TimeNowMillis();
+    const double told = std::stod(Run("('%.0f'):format(dom0:TimeMillis())"));
+    EXPECT_GE(told, static_cast<double>(now));
+    EXPECT_LT(told, static_cast<double>(now + 60000));
+}
+
+} // namespace
