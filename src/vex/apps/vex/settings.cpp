@@ -4,6 +4,7 @@
 
 #include "vex/apps/vex/vex.h"
 
+#include "vex/apps/vex/narrowtext.h"
 #include "vex/apps/vex/pluginpath.h"
 #include "vex/apps/vex/vex_p.h"
 
@@ -91,7 +92,7 @@ void SetFreeVariable(CDom& dom, const wxString& specification)
 {
     const std::size_t equals = specification.find('=');
     if (equals == wxString::npos || equals == 0) {
-        WriteStandardError(wxString::Format(
+        WriteErrorText(wxString::Format(
             "Ignoring invalid domain variable specification '%s': expected name=value format\n", specification));
         return;
     }
@@ -108,7 +109,7 @@ bool IsUsableScript(const wxString& script)
         return true;
     if (wxFileExists(script) && wxIsReadable(script))
         return true;
-    WriteStandardError(wxString::Format("%s: not found", script)); // without a line end, on purpose
+    WriteErrorText(wxString::Format("%s: not found", script)); // without a line end, on purpose
     return false;
 }
 
@@ -170,12 +171,6 @@ void SetDatabaseSettings(CDom& dom, wxConfigBase& config)
 }
 
 } // namespace
-
-void WriteStandardError(const wxString& text)
-{
-    const wxScopedCharBuffer bytes = text.utf8_str();
-    std::fwrite(bytes.data(), 1, bytes.length(), stderr);
-}
 
 bool CAgentApp::OnCmdLineParsed(wxCmdLineParser& parser)
 {

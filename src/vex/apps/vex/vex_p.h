@@ -39,11 +39,6 @@ void StopOpenSsl();
 /// Polls for entropy until the status is 1, at most 100 times, and answers how often it polled. Giving up is silent.
 int SeedRandom(int (*poll)(), int (*status)());
 
-// --- settings.cpp
-/// Writes the text to standard error in UTF-8, as bytes. The framework's own output functions make the stream wide, and
-/// then narrow output, that of Lua included, prints nothing for the rest of the run. Any thread.
-void WriteStandardError(const wxString& text);
-
 // --- zippath.cpp
 /// Appends each longest run of characters of `text` that are not among the delimiters. Nothing is trimmed, empty pieces
 /// are dropped.

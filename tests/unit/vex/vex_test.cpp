@@ -1,0 +1,335 @@
+#include "vex/apps/vex/vex.h"
+#include "vex/apps/vex/vex_p.h"
+
+#include "vex/core/log.h"
+
+#include "support/launcher_test.h"
+
+#include <clocale>
+#include <filesystem>
+#include <fstream>
+
+#include <wx/translation.h>
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+class Start : public LauncherTest
+{
+};
+using StartDeathTest = Start;
+
+TEST_F(StartDeathTest, ConstructorSetsUpOpenSslThreadsAndThenMakesTheRootDomain)
+{
+    EXPECT_IN_FRESH_PROCESS({
+        const AgentApp app;
+        EXPECT_THAT(FakeCore::Journal(), ElementsAre("OpenSSLThreadSetup()", "Dom.New(null, null, null, false)"));
+    });
+}
+
+TEST_F(StartDeathTest, LibrariesAreStartedOnceHoweverOftenItIsAsked)
+{
+    EXPECT_IN_FRESH_PROCESS({
+        CAgentApp::StartupInit();
+        CAgentApp::StartupInit();
+        const AgentApp app;
+        EXPECT_EQ(FakeCore::Count("OpenSSLThreadSetup()"), 1u);
+    });
+}
+
+TEST_F(Start, ConstructorSetsTheDefaultsOfTheLog)
+{
+    wxLog::SetVerbose(false);
+    wxLog::SetLogLevel(wxLOG_Error);
+    wxLog::SetTimestamp("x");
+    {
+        const AgentApp app;
+        EXPECT_TRUE(wxLog::GetVerbose());
+        EXPECT_EQ(wxLog::GetLogLevel(), static_cast<wxLogLevel>(wxLOG_Info));
+        EXPECT_EQ(wxLog::GetTimestamp(), "%Y-%m-%d %H:%M:%S");
+    }
+    wxLog::SetVerbose(false);
+    wxLog::SetLogLevel(wxLOG_Max);
+}
+
+TEST_F(Start, MembersHaveTheirDefaults)
+{
+    const wxDateTime before = wxDateTime::UNow();
+    AgentApp app;
+    EXPECT_FALSE(Access::InstallPlugins(*app));
+    EXPECT_FALSE(Access::DefaultName(*app));
+    EXPECT_FALSE(Access::Background(*app));
+    EXPECT_EQ(Access::ExtDir(*app), "");
+    EXPECT_EQ(Access::ZipPath(*app), "");
+    EXPECT_EQ(Access::UnitTestScript(*app), "");
+    EXPECT_EQ(Access::Lua(*app), nullptr);
+    EXPECT_NE(Access::Dom(*app), nullptr);
+    ASSERT_TRUE(Access::StartTime(*app).IsValid());
+    EXPECT_FALSE(Access::StartTime(*app).IsEarlierThan(before));
+    EXPECT_FALSE(Access::StartTime(*app).IsLaterThan(wxDateTime::UNow()));
+}
+
+TEST_F(Start, TheOneApplicationIsReachedThroughItsFunction)
+{
+    AgentApp app;
+    EXPECT_EQ(&wxGetApp(), &*app);
+}
+
+TEST_F(Start, NumbersKeepTheirPointUnderEveryLocale)
+{
+    const std::string before = std::setlocale(LC_ALL, nullptr);
+    ASSERT_EQ(setenv("LC_NUMERIC", "de_DE.UTF-8", 1), 0);
+    {
+        const AgentApp app;
+        EXPECT_STREQ(std::setlocale(LC_NUMERIC, nullptr), "C");
+    }
+    unsetenv("LC_NUMERIC");
+    std::setlocale(LC_ALL, before.c_str());
+}
+
+TEST_F(StartDeathTest, WithoutALocaleCharactersAreUtf8)
+{
+    EXPECT_IN_FRESH_PROCESS({
+        setenv("LC_ALL", "C", 1);
+        const AgentApp app;
+        EXPECT_STREQ(std::setlocale(LC_CTYPE, nullptr), "C.UTF-8");
+        EXPECT_EQ(std::string(wxString::FromUTF8("\xC3\xA9").mb_str()), "\xC3\xA9");
+    });
+}
+
+TEST_F(Start, OnlyTheLanguageOfTheUserIsAskedForTranslations)
+{
+    const AgentApp app;
+    ASSERT_NE(wxTranslations::Get(), nullptr);
+    const wxArrayString languages = wxTranslations::Get()->GetAvailableTranslations("wxstd");
+    EXPECT_LE(languages.size(), 3u); // with and without country, and that of the texts themselves
+}
+
+TEST_F(Start, TraitsGiveTheFrameworkTheDiskLog)
+{
+    AgentApp app;
+    const std::unique_ptr<wxAppTraits> traits(app->CreateTraits());
+    ASSERT_NE(dynamic_cast<CAgentAppTraits*>(traits.get()), nullptr);
+    const std::unique_ptr<wxLog> target(traits->CreateLogTarget());
+    EXPECT_NE(dynamic_cast<VexCore::CLog2Disk*>(target.get()), nullptr);
+}
+
+TEST_F(Start, TraceModuleIsNamedAppl)
+{
+    EXPECT_STREQ(CAgentApp::s_Trace, "Appl");
+}
+
+TEST(Assertion, OfTheFrameworkIsALogLineAndTheProcessGoesOn)
+{
+    FakeCore::Reset();
+    const AgentApp app;
+    wxOnAssert("file.cpp", 7, "Function", "1 == 2", "never");
+    const Lines lines = FakeCore::Journal({"Log(Error"});
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_THAT(lines[0], testing::HasSubstr("Assertion \"1 == 2\" failed at file.cpp:7, Function(): never"));
+}
+
+// --- installation paths
+
+struct Installation
+{
+    const char* program;
+    const char* bin;
+    const char* lib;
+    const char* vendor;
+};
+
+class InstallationPaths : public testing::TestWithParam<Installation>
+{
+};
+
+TEST_P(InstallationPaths, FollowFromWhereTheExecutableIs)
+{
+    FakeCore::Reset();
+    const TempFolder work;
+    AgentApp app({GetParam().program, "-w", work.Path()});
+    FakeCore::ClearJournal();
+    ASSERT_TRUE(app->OnInit());
+    Lines first = FakeCore::Journal();
+    first.resize(5);
+    EXPECT_THAT(first, ElementsAre("Dom.SetWx(\"app.path.bin\", \"" + std::string(GetParam().bin) + "\")",
+                                   "Dom.SetWx(\"app.path.lib\", \"" + std::string(GetParam().lib) + "\")",
+                                   "Dom.SetWx(\"app.path.hv\", \"" + std::string(GetParam().vendor) + "\")",
+                                   "Dom.Set(\"app.version\", \"10.0.0.4015\")",
+                                   "Dom.SetWx(\"app.path.exe\", \"" + app.Dom().Get("app.path.exe") + "\")"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Places, InstallationPaths,
+    testing::Values(
+        Installation{"/opt/Halvorn/vx_agent/vx_agent", "/opt/Halvorn/vx_agent", "/opt/Halvorn/vx_agent/lib",
+                     "/opt/Halvorn"},
+        // The parent does not tell of the maker.
+        Installation{"/opt/vx_agent/vx_agent", "/opt/vx_agent", "/opt/vx_agent/lib", "/opt/vx_agent"},
+        // The own folder does not count.
+        Installation{"/opt/Halvorn/vx_agent2", "/opt/Halvorn", "/opt/Halvorn/lib", "/opt/Halvorn"},
+        // Any part of the parent path will do, at any depth.
+        Installation{"/srv/HalvornX/vx_agent/vx_agent", "/srv/HalvornX/vx_agent", "/srv/HalvornX/vx_agent/lib",
+                     "/srv/HalvornX"},
+        Installation{"/Halvorn/a/b/vx_agent", "/Halvorn/a/b", "/Halvorn/a/b/lib", "/Halvorn/a"},
+        Installation{"/srv/halvorn/x/vx_agent", "/srv/halvorn/x", "/srv/halvorn/x/lib", "/srv/halvorn/x"},
+        // One folder or none.
+        Installation{"/Halvorn/vx_agent", "/Halvorn", "/Halvorn/lib", "/Halvorn"},
+        Installation{"/vx_agent", "/", "/lib", "/"},
+        // Dots are resolved, blanks and accents stay.
+        Installation{"/opt/x/../Halvorn/./my \xC3\xA9/vx_agent", "/opt/Halvorn/my \xC3\xA9",
+                     "/opt/Halvorn/my \xC3\xA9/lib", "/opt/Halvorn"}));
+
+TEST_F(Start, ProgramNameWithoutFolderMeansTheCurrentFolder)
+{
+    const std::string current = std::filesystem::current_path().string();
+    const TempFolder work;
+    AgentApp app({"vx_agent", "-w", work.Path()});
+    ASSERT_TRUE(app->OnInit());
+    EXPECT_EQ(app.Dom().Get("app.path.bin"), current);
+    EXPECT_EQ(app.Dom().Get("app.path.exe"), current + "/vx_agent");
+}
+
+TEST_F(Start, FolderOfASymbolicLinkToTheExecutableCountsOnPurpose)
+{
+    const TempFolder folder;
+    std::filesystem::create_directory(folder / "real");
+    std::ofstream(folder / "real/vx_agent") << "x";
+    std::filesystem::create_symlink(folder / "real/vx_agent", folder / "link");
+    AgentApp app({folder / "link", "-w", folder.Path()});
+    ASSERT_TRUE(app->OnInit());
+    EXPECT_EQ(app.Dom().Get("app.path.bin"), folder.Path());
+    EXPECT_EQ(app.Dom().Get("app.name"), "link");
+}
+
+TEST_F(Start, AnOptionMayOverwriteAnInstallationPath)
+{
+    StartedApp started({"-d", "app.path.bin=/elsewhere"});
+    ASSERT_TRUE(started.Init());
+    EXPECT_EQ(started.app.Dom().Get("app.path.bin"), "/elsewhere");
+}
+
+TEST_F(Start, VendorIsNamed)
+{
+    StartedApp started;
+    ASSERT_TRUE(started.Init());
+    EXPECT_EQ(started.app->GetVendorName(), "Halvorn");
+}
+
+// --- crash handler and banner
+
+TEST_F(Start, CrashHandlerComesAfterTheOptionsAndBeforeTheBanner)
+{
+    StartedApp started;
+    ASSERT_TRUE(started.Init());
+    Lines last = FakeCore::Journal();
+    ASSERT_GE(last.size(), 5u);
+    last.erase(last.begin(), last.end() - 5);
+    EXPECT_THAT(last,
+                ElementsAre("InitializeSQLite(dom)", "Dom.GetPluginWorkdirWx(\"diag\")",
+                            "Dom.Get(\"app.fulldump\", flag)",
+                            "InitCrashHandler(\"/fake/plugins/diag/vx_agent.mdmp\", \"vx_agent\", false)",
+                            "Log(Info, \"VEX 10.0.0.4015 starting.\")"));
+}
+
+TEST_F(Start, CrashDumpIsNamedAfterTheApplicationAndFullOnRequest)
+{
+    StartedApp started({"-a", "other"});
+    WriteFile(started.folder / "other.ini", "DumpLevel=2\n");
+    ASSERT_TRUE(started.Init());
+    EXPECT_EQ(FakeCore::Count("InitCrashHandler(\"/fake/plugins/diag/other.mdmp\", \"other\", true)"), 1u);
+}
+
+TEST_F(Start, FailingCrashHandlerDoesNotStopTheStart)
+{
+    FakeCore::answers().crashHandlerResult = false;
+    StartedApp started;
+    EXPECT_TRUE(started.Init());
+}
+
+TEST_F(Start, OtherApplicationsHaveNoStartBanner)
+{
+    StartedApp started({}, "other");
+    ASSERT_TRUE(started.Init());
+    EXPECT_THAT(FakeCore::Journal({"Log("}), IsEmpty());
+}
+
+TEST_F(Start, NameOfTheBannerIsComparedExactly)
+{
+    StartedApp started({"-a", "VX_agent"});
+    ASSERT_TRUE(started.Init());
+    EXPECT_THAT(FakeCore::Journal({"Log("}), IsEmpty());
+}
+
+class StopsEarly : public testing::TestWithParam<const char*>
+{
+};
+
+TEST_P(StopsEarly, BeforeSettingsCrashHandlerAndBanner)
+{
+    FakeCore::Reset();
+    StartedApp started({GetParam()});
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(started.Init());
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("Usage:"), std::string::npos);
+    EXPECT_THAT(FakeCore::Journal({"InitCrashHandler", "InitializeSQLite", "Dom.SetWx(\"app.name\""}), IsEmpty());
+    EXPECT_EQ(FakeCore::Count("Log(Info, \"VEX 10.0.0.4015 starting.\")"), 0u);
+    // Paths and version were written all the same.
+    EXPECT_EQ(started.app.Dom().Get("app.version"), "10.0.0.4015");
+}
+
+INSTANTIATE_TEST_SUITE_P(CommandLines, StopsEarly, testing::Values("--help", "-h", "--nonsense", "-x", "--appname"));
+
+// --- OpenSSL's random generator
+
+int s_polls;
+int s_goodAfter;
+
+int Poll()
+{
+    ++s_polls;
+    return 0;
+}
+
+int Status()
+{
+    return s_polls >= s_goodAfter ? 1 : 0;
+}
+
+TEST(Seed, EndsWithTheFirstGoodStatus)
+{
+    s_polls = 0;
+    s_goodAfter = 3;
+    EXPECT_EQ(SeedRandom(Poll, Status), 3);
+    EXPECT_EQ(s_polls, 3);
+}
+
+TEST(Seed, PollsBeforeItAsks)
+{
+    s_polls = 0;
+    s_goodAfter = 0;
+    EXPECT_EQ(SeedRandom(Poll, Status), 1);
+}
+
+TEST(Seed, GivesUpSilentlyAfterAHundredAttempts)
+{
+    FakeCore::Reset();
+    s_polls = 0;
+    s_goodAfter = 1000;
+    EXPECT_EQ(SeedRandom(Poll, Status), 100);
+    EXPECT_EQ(s_polls, 100);
+    EXPECT_THAT(FakeCore::Journal(), IsEmpty());
+}
+
+TEST(Seed, TakesTheHundredthAttempt)
+{
+    s_polls = 0;
+    s_goodAfter = 100;
+    EXPECT_EQ(SeedRandom(Poll, Status), 100);
+}
+
+} // namespace

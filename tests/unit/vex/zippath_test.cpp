@@ -1,0 +1,552 @@
+#include "vex/apps/vex/vex.h"
+#include "vex/apps/vex/vex_p.h"
+
+#include "support/launcher_test.h"
+
+#include <filesystem>
+#include <fstream>
+
+#include <sys/stat.h>
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// --- splitting
+
+Lines Split(const char* text, const char* delimiters)
+{
+    std::vector<wxString> pieces = {"kept"};
+    Tokenize(pieces, wxString::FromUTF8(text), delimiters);
+    Lines result;
+    for (const wxString& piece : pieces)
+        result.push_back(piece.utf8_string());
+    return result;
+}
+
+TEST(Tokens, AreTheRunsBetweenDelimitersAndAreAppended)
+{
+    EXPECT_THAT(Split("", ";"), ElementsAre("kept"));
+    EXPECT_THAT(Split(";;;", ";"), ElementsAre("kept"));
+    EXPECT_THAT(Split("a.zip;;b.zip;", ";"), ElementsAre("kept", "a.zip", "b.zip"));
+    EXPECT_THAT(Split(";a", ";"), ElementsAre("kept", "a"));
+    EXPECT_THAT(Split(" a ; b", ";"), ElementsAre("kept", " a ", " b"));
+    EXPECT_THAT(Split("a,b;c", ",;"), ElementsAre("kept", "a", "b", "c"));
+    EXPECT_THAT(Split("a;b", ""), ElementsAre("kept", "a;b"));
+    EXPECT_THAT(Split("\xC3\xA9;\xC3\xA8", ";"), ElementsAre("kept", "\xC3\xA9", "\xC3\xA8"));
+}
+
+// --- version files
+
+class VersionFile : public LauncherTest
+{
+protected:
+    bool Check(const std::string& bytes)
+    {
+        WriteFile(m_archive + ".version", bytes);
+        FakeCore::ClearJournal();
+        return CAgentApp::ExtensionVersionIsOK(wxString::FromUTF8(m_archive));
+    }
+    // The result of a check as one word, the warning taken for it.
+    std::string Verdict(const std::string& bytes)
+    {
+        const bool accepted = Check(bytes);
+        const Lines log = FakeCore::Journal({"Log("});
+        if (accepted)
+            return log.empty() ? "accepted" : "accepted with " + log[0];
+        if (log.size() != 1)
+            return "refused with " + std::to_string(log.size()) + " lines";
+        const std::string file = m_archive + ".version";
+        if (log[0] == "Log(Warning, \"File '" + file + "' does not contain a 'version:' line. Extension '" + m_archive
+                          + "' will not be enabled.\")")
+            return "no line";
+        if (log[0] == "Log(Warning, \"File '" + file
+                          + "' did not contain a properly formatted 'version:' line. Extension '" + m_archive
+                          + "' will not be enabled.\")")
+            return "malformed";
+        const std::string ignoring = "Log(Warning, \"Ignoring extension '" + m_archive + "' since its version (";
+        if (log[0].compare(0, ignoring.size(), ignoring) == 0)
+            return log[0].substr(ignoring.size() - 1);
+        return log[0];
+    }
+
+    TempFolder m_folder;
+    std::string m_archive = m_folder / "net.vxe";
+};
+
+TEST_F(VersionFile, OfOurVersionIsAcceptedWhateverItsBuild)
+{
+    EXPECT_EQ(Verdict("version: 10.0.0-4015"), "accepted");
+    EXPECT_EQ(Verdict("version:10.0.0-7\n"), "accepted");
+    EXPECT_EQ(Verdict("version:\t 10. 0.\t0- 1\n"), "accepted");
+    EXPECT_EQ(Verdict("version: 10.0.0-4015 release\n"), "accepted");
+    EXPECT_EQ(Verdict("version: 10.0.0-1.2.3-4"), "accepted");
+    EXPECT_EQ(Verdict("version: +10.00.0--0005"), "accepted");
+}
+
+TEST_F(VersionFile, OfAnotherVersionIsRefusedWithBoth)
+{
+    EXPECT_EQ(Verdict("version: 10.0.1-4015"), "(10.0.1) doesn't match ours (10.0.0)\")");
+    EXPECT_EQ(Verdict("version: 10.1.0-4015"), "(10.1.0) doesn't match ours (10.0.0)\")");
+    EXPECT_EQ(Verdict("version: 9.5.3-1"), "(9.5.3) doesn't match ours (10.0.0)\")");
+    EXPECT_EQ(Verdict("version: -10.0.0-1"), "(-10.0.0) doesn't match ours (10.0.0)\")");
+    EXPECT_EQ(Verdict("version: 2147483647.-2147483648.0-1"),
+              "(2147483647.-2147483648.0) doesn't match ours (10.0.0)\")");
+}
+
+TEST_F(VersionFile, WithoutFourNumbersIsMalformed)
+{
+    for (const char* line :
+         {"version:", "version: ", "version: 10", "version: 10.0.0", "version: 10.0.0-", "version: 10.0.0.4015",
+          "version: 10.0-0-1", "version: 10 .0.0-1", "version: 10.0.0 -1", "version: 10.0.0-x", "version: x10.0.0-1",
+          "version: 10..0-1", "version: - 10.0.0-1", "version: 10,0,0-1", "version:version: 10.0.0-1", "version: 0xA.0.0-1",
+          "version: 10.0.0-+", "version: ++10.0.0-1"})
+        EXPECT_EQ(Verdict(line), "malformed") << line;
+}
+
+TEST_F(VersionFile, NumberThatDoesNotFitAnIntIsMalformedAndNeverWrapsAround)
+{
+    EXPECT_EQ(Verdict("version: 4294967306.0.0-1"), "malformed"); // 10 after wrapping at 32 bits
+    EXPECT_EQ(Verdict("version: 18446744073709551626.0.0-1"), "malformed"); // and at 64
+    EXPECT_EQ(Verdict("version: 10.0.0-2147483648"), "malformed");
+    EXPECT_EQ(Verdict("version: 10.0.0--2147483649"), "malformed");
+    EXPECT_EQ(Verdict("version: 10.0.0-" + std::string(100000, '9')), "malformed");
+    EXPECT_EQ(Verdict("version: " + std::string(100000, '0') + "10.0.0-2147483647"), "accepted");
+}
+
+TEST_F(VersionFile, OnlyTheFirstVersionLineCounts)
+{
+    EXPECT_EQ(Verdict("version: 10.0.0\nversion: 10.0.0-1\n"), "malformed");
+    EXPECT_EQ(Verdict("version:\n10.0.0-1\n"), "malformed");
+    EXPECT_EQ(Verdict("version: 10.0.0-1\nversion: 9.0.0-1\n"), "accepted");
+    EXPECT_EQ(Verdict("name: net\n\nversion: 10.0.0-1\nend\n"), "accepted");
+}
+
+TEST_F(VersionFile, LineMustBeginWithTheWordInSmallLetters)
+{
+    for (const char* bytes :
+         {"", "\n", " version: 10.0.0-4015\n", "Version: 10.0.0-4015\n", "version 10.0.0-4015\n", "xversion: 10.0.0-1\n",
+          "versio\nn: 10.0.0-1\n", "# version: 10.0.0-1\n", "10.0.0-4015\n", "version"})
+        EXPECT_EQ(Verdict(bytes), "no line") << bytes;
+}
+
+TEST_F(VersionFile, LinesEndInLineFeedsCarriageReturnsOrBoth)
+{
+    EXPECT_EQ(Verdict("a\r\nversion: 10.0.0-1\r\nb"), "accepted");
+    EXPECT_EQ(Verdict("a\rversion: 10.0.0-1\rb"), "accepted");
+    EXPECT_EQ(Verdict("a\n\rversion: 10.0.0-1"), "accepted");
+    EXPECT_EQ(Verdict("version: 10.0.0\r-1"), "malformed");
+}
+
+std::string Widen(const std::string& text, unsigned width, bool bigEndian)
+{
+    std::string wide;
+    for (const char c : text) {
+        std::string unit(width, '\0');
+        unit[bigEndian ? width - 1 : 0] = c;
+        wide += unit;
+    }
+    return wide;
+}
+
+TEST_F(VersionFile, EncodingIsKnownByItsMark)
+{
+    const std::string text = "# x\r\nversion: 10.0.0-1\n";
+    EXPECT_EQ(Verdict("\xEF\xBB\xBFversion: 10.0.0-1"), "accepted");
+    EXPECT_EQ(Verdict("\xFF\xFE" + Widen(text, 2, false)), "accepted");
+    EXPECT_EQ(Verdict("\xFE\xFF" + Widen(text, 2, true)), "accepted");
+    EXPECT_EQ(Verdict(std::string("\xFF\xFE\0\0", 4) + Widen(text, 4, false)), "accepted");
+    EXPECT_EQ(Verdict(std::string("\0\0\xFE\xFF", 4) + Widen(text, 4, true)), "accepted");
+    EXPECT_EQ(Verdict("\xFF\xFE" + Widen("version: 10.0.1-1", 2, false)), "(10.0.1) doesn't match ours (10.0.0)\")");
+    // Cut in the middle of a character.
+    EXPECT_EQ(Verdict("\xFF\xFE" + Widen("version: 10.0.0-1", 2, false) + "2"), "accepted");
+    // Without a mark it is not ASCII.
+    EXPECT_EQ(Verdict(Widen("version: 10.0.0-1", 2, false)), "no line");
+    // A character whose low byte looks like ours.
+    EXPECT_EQ(Verdict("\xFF\xFE" + Widen("versio", 2, false) + "n\1" + Widen(": 10.0.0-1", 2, false)), "no line");
+    for (const char* marks : {"\xFF", "\xFE", "\xEF\xBB", "\xFF\xFE", "\xEF\xBB\xBF"})
+        EXPECT_EQ(Verdict(marks), "no line");
+}
+
+TEST_F(VersionFile, BytesThatAreNoTextDoNotMatter)
+{
+    EXPECT_EQ(Verdict(std::string(1000, '\0')), "no line");
+    EXPECT_EQ(Verdict(std::string(1000, '\0') + "\nversion: 10.0.0-1"), "accepted");
+    EXPECT_EQ(Verdict("\xC3\x28\x80\xFF\nversion: 10.0.0-1\xFF"), "accepted");
+    EXPECT_EQ(Verdict(std::string("version: 10.0.0-1\0", 18)), "accepted");
+    EXPECT_EQ(Verdict(std::string("version:\0 10.0.0-1", 18)), "malformed");
+}
+
+TEST_F(VersionFile, LineAcrossABlockIsRead)
+{
+    for (std::size_t pad = (64 << 10) - 20; pad < (64 << 10) + 4; ++pad)
+        ASSERT_EQ(Verdict(std::string(pad, 'x') + "\nversion: 10.0.0-1\n"), "accepted") << pad;
+    EXPECT_EQ(Verdict(std::string(64 << 10, 'x')), "no line");
+}
+
+TEST_F(VersionFile, AHundredMegabytesAreReadWithoutBeingHeld)
+{
+    WriteFile(m_archive + ".version", "x");
+    fs::resize_file(m_archive + ".version", 100u << 20);
+    std::ofstream(m_archive + ".version", std::ios::app) << "\nversion: 10.0.0-1\n";
+    FakeCore::ClearJournal();
+    EXPECT_TRUE(CAgentApp::ExtensionVersionIsOK(m_archive));
+}
+
+TEST_F(VersionFile, WhatLiesBehindTheLimitIsNotRead)
+{
+    WriteFile(m_archive + ".version", "version: 10.0.0-1\n");
+    fs::resize_file(m_archive + ".version", std::uintmax_t(1) << 40);
+    EXPECT_TRUE(CAgentApp::ExtensionVersionIsOK(m_archive));
+}
+
+TEST_F(VersionFile, MissingOrNoRegularFileIsNotOpened)
+{
+    const Lines expected = {"Log(Warning, \"Extension file '" + m_archive
+                            + "' does not have a corresponding '.version' file. It will not be enabled.\")"};
+    EXPECT_FALSE(CAgentApp::ExtensionVersionIsOK(m_archive));
+    EXPECT_EQ(FakeCore::Journal({"Log("}), expected);
+    // Named without the archive's own extension.
+    WriteFile(m_folder / "net.version", "version: 10.0.0-1");
+    FakeCore::ClearJournal();
+    EXPECT_FALSE(CAgentApp::ExtensionVersionIsOK(m_archive));
+    EXPECT_EQ(FakeCore::Journal({"Log("}), expected);
+    for (const int kind : {0, 1, 2}) {
+        const std::string file = m_archive + ".version";
+        fs::remove_all(file);
+        if (kind == 0)
+            ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+        else if (kind == 1)
+            fs::create_directory(file);
+        else
+            fs::create_symlink("nowhere", file);
+        FakeCore::ClearJournal();
+        EXPECT_FALSE(CAgentApp::ExtensionVersionIsOK(m_archive));
+        EXPECT_EQ(FakeCore::Journal({"Log("}), expected);
+    }
+}
+
+TEST_F(VersionFile, UnreadableFileHasNoVersionLine)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
+    ASSERT_EQ(chmod(m_folder.Path().c_str(), 0755), 0);
+    WriteFile(m_archive + ".version", "version: 10.0.0-1");
+    ASSERT_EQ(chmod((m_archive + ".version").c_str(), 0600), 0);
+    ASSERT_EQ(seteuid(65534), 0);
+    const bool accepted = CAgentApp::ExtensionVersionIsOK(m_archive);
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_FALSE(accepted);
+    const Lines log = FakeCore::Journal({"Log("});
+    ASSERT_EQ(log.size(), 2u); // the framework's own line comes first
+    EXPECT_THAT(log[0], HasSubstr("Log(Error"));
+    EXPECT_EQ(log[1], "Log(Warning, \"File '" + m_archive + ".version' does not contain a 'version:' line. Extension '"
+                          + m_archive + "' will not be enabled.\")");
+}
+
+TEST_F(VersionFile, NameWithPercentSignsIsShownAsItIs)
+{
+    m_archive = m_folder / "100%s%n.vxe";
+    EXPECT_EQ(Verdict("version: 1.2.3-4"), "(1.2.3) doesn't match ours (10.0.0)\")");
+}
+
+// --- the archive path
+
+class ArchivePath : public LauncherTest
+{
+protected:
+    ArchivePath()
+    {
+        m_app.Dom().SetWx("app.path.bin", wxString::FromUTF8(Bin()));
+        m_app->SetAppName("vx_agent");
+    }
+    void SetUp() override
+    {
+        LauncherTest::SetUp();
+        FakeCore::answers().tracedModules = {"Appl"};
+    }
+    const std::string& Bin() const { return m_folder.Path(); }
+    std::string Put(const std::string& name, const std::string& version = "")
+    {
+        const std::string path = m_folder / name;
+        fs::create_directories(fs::path(path).parent_path());
+        WriteFile(path, "PK");
+        if (!version.empty())
+            WriteFile(path + ".version", version);
+        return path;
+    }
+    // Runs with the path; the result is what was written, or "(not written)".
+    std::string Expand(const std::string& zippath, const std::string& extensions = "")
+    {
+        Access::ZipPath(*m_app) = wxString::FromUTF8(zippath);
+        Access::ExtDir(*m_app) = wxString::FromUTF8(extensions);
+        m_app.Dom().Remove("app.lua.zippath");
+        FakeCore::ClearJournal();
+        m_app->ExpandZippath();
+        EXPECT_EQ(Access::ZipPath(*m_app), "");
+        return m_app.Dom().Has("app.lua.zippath") ? m_app.Dom().Get("app.lua.zippath") : "(not written)";
+    }
+    static std::string Trace(const std::string& text)
+    {
+        return "Trace(\"Appl\", \"ExpandZippath\", \"" + text + "\")";
+    }
+    static Lines Log() { return FakeCore::Journal({"Log("}); }
+
+    static constexpr const char* s_good = "version: 10.0.0-1\n";
+    TempFolder m_folder;
+    AgentApp m_app;
+};
+
+TEST_F(ArchivePath, WithNothingFoundTheKeyIsLeftAlone)
+{
+    EXPECT_EQ(Expand(""), "(not written)");
+    EXPECT_THAT(FakeCore::Journal(), ElementsAre("Dom.GetWxString(\"app.path.bin\")", Trace("zipFilespec: "),
+                                                 Trace("app.lua.zippath empty ")));
+    m_app.Dom().SetWx("app.lua.zippath", "earlier");
+    m_app->ExpandZippath();
+    EXPECT_EQ(m_app.Dom().Get("app.lua.zippath"), "earlier");
+}
+
+TEST_F(ArchivePath, EverythingTogetherComesInTheFixedOrder)
+{
+    const std::string own = Put("vex_core/vx_agent.vxe");
+    const std::string common = Put("vex_core/vex.vxe");
+    const std::string named = Put("lib/n.zip");
+    const std::string second = Put("more/b.zip", s_good);
+    const std::string first = Put("more/a.zip", s_good);
+    const std::string extension = Put("ext/e.vxe", s_good);
+    const std::string all = own + ";" + common + ";" + named + ";" + first + ";" + second + ";" + extension;
+    EXPECT_EQ(Expand("lib/n.zip;more/*.zip", "ext"), all);
+    EXPECT_THAT(FakeCore::Journal({"Dom.GetWxString", "Dom.Set", "Trace(", "Log("}),
+                ElementsAre("Dom.GetWxString(\"app.path.bin\")",
+                            Trace("zipFilespec: lib/n.zip;more/*.zip;" + Bin() + "/ext/*.vxe"),
+                            Trace("Adding extension file '" + named + "' to the search path."),
+                            Trace("Adding extension file '" + first + "' to the search path."),
+                            Trace("Adding extension file '" + second + "' to the search path."),
+                            Trace("Adding extension file '" + extension + "' to the search path."),
+                            "Dom.SetWx(\"app.lua.zippath\", \"" + all + "\")", Trace("app.lua.zippath '" + all + "' ")));
+}
+
+TEST_F(ArchivePath, NothingIsTracedWhenTheModuleIsNot)
+{
+    FakeCore::answers().tracedModules.clear();
+    Put("a.zip");
+    Expand("a.zip");
+    EXPECT_THAT(FakeCore::Journal({"Trace("}), IsEmpty());
+}
+
+// --- core archives
+
+TEST_F(ArchivePath, ApplicationNamedLikeTheCommonArchiveHasItOnce)
+{
+    const std::string common = Put("vex_core/vex.vxe");
+    m_app->SetAppName("vex");
+    EXPECT_EQ(Expand(""), common);
+    m_app->SetAppName("Vex");
+    EXPECT_EQ(Expand(""), common);
+    m_app->SetAppName("other");
+    EXPECT_EQ(Expand(""), common);
+    const std::string own = Put("vex_core/other.vxe");
+    EXPECT_EQ(Expand(""), own + ";" + common);
+    fs::remove(common);
+    EXPECT_EQ(Expand(""), own);
+}
+
+TEST_F(ArchivePath, CoreArchivesNeedNoVersionFile)
+{
+    const std::string own = Put("vex_core/vx_agent.vxe");
+    EXPECT_EQ(Expand(""), own);
+    EXPECT_THAT(Log(), IsEmpty());
+}
+
+TEST_F(ArchivePath, NameWithADotNamesItsArchive)
+{
+    const std::string own = Put("vex_core/my.agent.vxe");
+    m_app->SetAppName("my.agent");
+    EXPECT_EQ(Expand(""), own);
+}
+
+TEST_F(ArchivePath, FolderOrFifoIsNoCoreArchive)
+{
+    fs::create_directories(m_folder / "vex_core/vx_agent.vxe");
+    ASSERT_EQ(mkfifo((m_folder / "vex_core/vex.vxe").c_str(), 0600), 0);
+    EXPECT_EQ(Expand(""), "(not written)");
+    EXPECT_THAT(Log(), IsEmpty());
+}
+
+// --- entries
+
+TEST_F(ArchivePath, EmptyEntriesAreDropped)
+{
+    const std::string a = Put("a.zip");
+    const std::string b = Put("b.zip");
+    EXPECT_EQ(Expand("a.zip;;b.zip;"), a + ";" + b);
+    EXPECT_EQ(Expand(";;;"), "(not written)");
+    EXPECT_THAT(Log(), IsEmpty());
+}
+
+TEST_F(ArchivePath, RelativeEntriesStartAtTheExecutablesFolder)
+{
+    const std::string x = Put("lib/x.zip");
+    EXPECT_EQ(Expand("lib/x.zip"), x);
+    EXPECT_EQ(Expand("./other/../lib/./x.zip"), x);
+}
+
+TEST_F(ArchivePath, SameFileMayAppearTwice)
+{
+    const std::string x = Put("x.zip", s_good);
+    EXPECT_EQ(Expand("x.zip;*.zip;x.zip"), x + ";" + x + ";" + x);
+}
+
+TEST_F(ArchivePath, VariablesAreExpandedButTheWarningQuotesTheEntry)
+{
+    setenv("VEX_TEST_BIN", Bin().c_str(), 1);
+    const std::string x = Put("x.zip");
+    EXPECT_EQ(Expand("$VEX_TEST_BIN/x.zip;${VEX_TEST_BIN}/x.zip"), x + ";" + x);
+    EXPECT_EQ(Expand("$VEX_TEST_BIN/missing.zip"), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"$VEX_TEST_BIN/missing.zip: no matches\")"));
+    unsetenv("VEX_TEST_BIN");
+}
+
+TEST_F(ArchivePath, MissingNamedArchiveIsAWarningAndAnEmptyPatternIsNot)
+{
+    EXPECT_EQ(Expand("/opt/ext/x.zip"), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"/opt/ext/x.zip: no matches\")"));
+    EXPECT_EQ(Expand("x.zip"), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"x.zip: no matches\")"));
+    EXPECT_EQ(Expand("/no/such/folder/*.zip;*.zip;?.zip"), "(not written)");
+    EXPECT_THAT(Log(), IsEmpty());
+}
+
+TEST_F(ArchivePath, MatchesOfAPatternAreSortedByName)
+{
+    const std::string b = Put("b.zip", s_good);
+    const std::string a = Put("a.zip", s_good);
+    const std::string B = Put("B.zip", s_good);
+    EXPECT_EQ(Expand("*.zip"), B + ";" + a + ";" + b);
+    EXPECT_EQ(Expand("?.zip"), B + ";" + a + ";" + b);
+}
+
+TEST_F(ArchivePath, PatternTakesOnlyArchivesWhoseVersionFits)
+{
+    const std::string good = Put("good.zip", s_good);
+    Put("old.zip", "version: 9.0.0-1\n");
+    Put("bare.zip");
+    EXPECT_EQ(Expand("*.zip"), good);
+    EXPECT_THAT(Log(), ElementsAre(HasSubstr("bare.zip' does not have a corresponding"),
+                                   HasSubstr("Ignoring extension '" + Bin() + "/old.zip'")));
+}
+
+TEST_F(ArchivePath, NamedArchiveNeedsNoVersionFile)
+{
+    const std::string old = Put("old.zip", "version: 9.0.0-1\n");
+    EXPECT_EQ(Expand(old), old);
+    EXPECT_THAT(Log(), IsEmpty());
+}
+
+TEST_F(ArchivePath, WildcardInTheFolderIsTakenLiterally)
+{
+    Put("x/a.zip", s_good);
+    const std::string entry = Bin() + "/*/a.zip";
+    EXPECT_EQ(Expand(entry), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"" + entry + ": no matches\")"));
+    // A folder of that name is found, and the entry counts as a pattern for the version.
+    Put("*/a.zip");
+    EXPECT_EQ(Expand(entry), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre(HasSubstr("does not have a corresponding '.version' file")));
+}
+
+TEST_F(ArchivePath, UnreadableArchiveIsSkippedWithAWarning)
+{
+    fs::create_symlink("nowhere", m_folder / "a.zip");
+    const std::string b = Put("b.zip", s_good);
+    EXPECT_EQ(Expand("*.zip"), b);
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"Extension file '" + Bin() + "/a.zip' isn't readable\")"));
+}
+
+TEST_F(ArchivePath, HiddenFilesAndSubfoldersAreNotListed)
+{
+    Put(".hidden.zip", s_good);
+    Put("sub/inner.zip", s_good);
+    fs::create_directory(m_folder / "folder.zip");
+    EXPECT_EQ(Expand("*.zip"), "(not written)");
+    EXPECT_THAT(Log(), IsEmpty());
+    EXPECT_EQ(Expand("folder.zip"), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"folder.zip: no matches\")"));
+}
+
+TEST_F(ArchivePath, FileInPlaceOfAFolderHasNoMatches)
+{
+    Put("a.zip");
+    EXPECT_EQ(Expand("a.zip/b.zip;a.zip/*.zip"), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"a.zip/b.zip: no matches\")"));
+}
+
+TEST_F(ArchivePath, EntryThatEndsInASlashNamesEveryFileOfTheFolder)
+{
+    const std::string a = Put("lib/a");
+    const std::string b = Put("lib/b.zip");
+    EXPECT_EQ(Expand("lib/"), a + ";" + b);
+}
+
+TEST_F(ArchivePath, FifoDoesNotBlock)
+{
+    ASSERT_EQ(mkfifo((m_folder / "a.zip").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((m_folder / "a.zip.version").c_str(), 0600), 0);
+    EXPECT_EQ(Expand("*.zip"), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre(HasSubstr("does not have a corresponding '.version' file")));
+}
+
+TEST_F(ArchivePath, TenThousandEntriesAreTakenInOrder)
+{
+    std::string entries;
+    std::string expected;
+    const std::string a = Put("a.zip");
+    const std::string b = Put("b.zip");
+    for (int i = 0; i < 5000; ++i) {
+        entries += "a.zip;b.zip;";
+        expected += (i ? ";" : "") + a + ";" + b;
+    }
+    FakeCore::answers().tracedModules.clear();
+    EXPECT_EQ(Expand(entries), expected);
+}
+
+// --- extension folder
+
+TEST_F(ArchivePath, ExtensionFolderIsTheLastEntry)
+{
+    const std::string x = Put("x.zip");
+    const std::string e = Put("ext/e.vxe", s_good);
+    Put("ext/e.zip", s_good);
+    EXPECT_EQ(Expand("x.zip", "ext"), x + ";" + e);
+    EXPECT_EQ(FakeCore::Count(Trace("zipFilespec: x.zip;" + Bin() + "/ext/*.vxe")), 1u);
+    EXPECT_EQ(Expand("", "ext"), e);
+    EXPECT_EQ(FakeCore::Count(Trace("zipFilespec: " + Bin() + "/ext/*.vxe")), 1u);
+    EXPECT_EQ(Expand("", Bin() + "/ext/"), e);
+    EXPECT_EQ(Expand("", "./ext/../ext"), e);
+}
+
+TEST_F(ArchivePath, ExtensionFolderThatIsMissingOrAFileAddsNothing)
+{
+    Put("file");
+    for (const char* folder : {"missing", "file", "/no/such"}) {
+        EXPECT_EQ(Expand("*.none", folder), "(not written)");
+        EXPECT_THAT(Log(), IsEmpty());
+        EXPECT_EQ(FakeCore::Count(Trace("zipFilespec: *.none")), 1u);
+    }
+}
+
+TEST_F(ArchivePath, NamesWithBlanksPercentSignsAndAccentsWork)
+{
+    const std::string path = Put("my \xC3\xA9 100%s/x y.vxe", s_good);
+    EXPECT_EQ(Expand("", "my \xC3\xA9 100%s"), path);
+    EXPECT_EQ(Expand("%s%n.zip"), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"%s%n.zip: no matches\")"));
+}
+
+} // namespace
