@@ -102,6 +102,7 @@ end
 --- The worker's body: beats until the agent stops.
 function M.run()
   local self = M.new(dom0)
+  dom0:Wait(request_key, 0) -- from here on no request between two waits is missed
   self:take_request() -- the first beat answers it
   local reason = "start"
   while reason do

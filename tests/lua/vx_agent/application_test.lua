@@ -1,0 +1,103 @@
+-- The application's three functions, on a fake domain.
+
+local fake_domain = require("support.fake_domain")
+local json = require("vex.json")
+local lu = require("luaunit")
+
+local M = { TestApplication = {} }
+
+local calls
+
+function M.TestApplication:setUp()
+  calls = {}
+  -- The application that runs these tests has its modules loaded already; each test gets its own.
+  for name in pairs(package.loaded) do
+    if name:find("^vx_agent") then package.loaded[name] = nil end
+  end
+  dom0 = fake_domain.new({ ["app.name"] = "vx_agent", ["app.version"] = "10.0.0.4015" })
+  arg = {} -- luacheck: ignore 121
+  self.written = {}
+  io.write = function(text) self.written[#self.written + 1] = text end -- luacheck: ignore 122
+  package.preload["probe.plugin"] = function()
+    return {
+      name = "Probe", version = "1", start = function() calls[#calls + 1] = "start" end,
+      collect = function() return { answer = 42 } end, stop = function() calls[#calls + 1] = "stop" end,
+    }
+  end
+  self.write = io.write
+  self.application = require("vx_agent")
+end
+
+local real_write, real_arg, real_dom, real_stderr = io.write, arg, dom0, io.stderr
+
+function M.TestApplication:tearDown()
+  io.write, io.stderr = real_write, real_stderr -- luacheck: ignore 122
+  arg = real_arg -- luacheck: ignore 121
+  dom0 = real_dom
+  package.loaded["probe.plugin"] = nil
+end
+
+function M.TestApplication:output() return table.concat(self.written) end
+
+function M.TestApplication:test_init_tells_what_it_is_and_loads_the_plugins()
+  dom0.values["app.plugins"] = "probe,nowhere"
+  lu.assertEquals(self.application.init(), 0)
+  lu.assertStrContains(dom0.lines[1], "info: vx_agent 10.0.0.4015, host agent, process ")
+  lu.assertEquals(dom0.lines[2], "info: plugin Probe 1 loaded")
+  lu.assertStrContains(dom0.lines[3], "warning: Plugin 'nowhere' cannot be loaded")
+end
+
+function M.TestApplication:test_the_foreground_prints_a_table_with_a_block_a_plugin()
+  dom0.values["app.plugins"] = "probe"
+  self.application.init()
+  lu.assertEquals(self.application.main(), 0)
+  lu.assertStrContains(self:output(), "Host ")
+  lu.assertStrContains(self:output(), "Plugin Probe 1\n  answer  42\n")
+  lu.assertEquals(self.application.shutdown(), 0)
+  lu.assertEquals(table.concat(calls, " "), "start stop")
+end
+
+function M.TestApplication:test_json_has_the_same_figures()
+  dom0.values["app.plugins"] = "probe"
+  arg = { "--json" } -- luacheck: ignore 121
+  self.application.init()
+  lu.assertEquals(self.application.main(), 0)
+  local report = assert(json.decode(self:output()))
+  lu.assertEquals(report.plugins[1].values.answer, 42)
+  lu.assertEquals(report.host, require("vex.host").system().host)
+end
+
+function M.TestApplication:test_an_unknown_argument_is_told_and_fails()
+  arg = { "--jsn" } -- luacheck: ignore 121
+  local complaints = {}
+  local console = { write = function(_, ...) complaints[#complaints + 1] = table.concat({ ... }) end }
+  io.stderr = console -- luacheck: ignore 122
+  self.application.init()
+  lu.assertEquals(self.application.main(), 2)
+  lu.assertStrContains(complaints[1], "unknown argument '--jsn'")
+  lu.assertEquals(self:output(), "")
+end
+
+function M.TestApplication:test_a_plugin_that_fails_shows_in_its_block_and_the_report_goes_on()
+  dom0.values["app.plugins"] = "probe"
+  self.application.init()
+  require("probe.plugin").collect = function() error("no figures") end
+  lu.assertEquals(self.application.main(), 0)
+  lu.assertStrContains(self:output(), "no figures")
+end
+
+function M.TestApplication:test_the_background_starts_workers_and_prints_nothing()
+  dom0.values["app.background"] = true
+  dom0.values["app.plugins"] = "probe"
+  self.application.init()
+  lu.assertEquals(self.application.main(), 0)
+  lu.assertEquals(#dom0.started, 2)
+  lu.assertEquals(self:output(), "")
+  lu.assertEquals(self.application.shutdown(), 0)
+  lu.assertEquals(dom0.started[1].calls, { "stop", "join" })
+  lu.assertEquals(calls, {}) -- the plugin lives in its worker there
+end
+
+function M.TestApplication:test_shutdown_without_main_is_fine() lu.assertEquals(self.application.shutdown(), 0) end
+
+return M

@@ -1,0 +1,74 @@
+local collector = require("vx_agent.collector")
+local fake_domain = require("support.fake_domain")
+local json = require("vex.json")
+local lu = require("luaunit")
+
+local M = { TestCollector = {} }
+
+local calls
+
+function M.TestCollector:setUp()
+  calls = {}
+  dom0 = fake_domain.new()
+  package.preload["probe.plugin"] = function()
+    return {
+      name = "Probe", version = "1", interval = 12,
+      start = function() calls[#calls + 1] = "start" end,
+      collect = function()
+        calls[#calls + 1] = "collect"
+        return { count = #calls }
+      end,
+      stop = function() calls[#calls + 1] = "stop" end,
+    }
+  end
+end
+
+function M.TestCollector:tearDown() package.loaded["probe.plugin"] = nil end
+
+function M.TestCollector:test_it_starts_collects_at_once_and_again_and_stops_with_the_agent()
+  dom0.waits = { false, true, "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertEquals(table.concat(calls, " "), "start collect collect collect stop")
+  lu.assertEquals(dom0.waited[1], { key = "vex.CollectNow", seconds = 12 })
+end
+
+function M.TestCollector:test_the_latest_values_lie_in_the_domain()
+  dom0.waits = { "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertEquals(json.decode(dom0:Get("vex.plugin.probe.values")), { count = 2 })
+  lu.assertEquals(dom0:Get("vex.plugin.probe.time"), "1000000")
+end
+
+function M.TestCollector:test_a_collection_that_fails_is_a_warning_and_the_next_one_comes()
+  local plugin = require("probe.plugin")
+  local good = plugin.collect
+  plugin.collect = function()
+    plugin.collect = good
+    error("once")
+  end
+  dom0.waits = { false, "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertStrContains(dom0:log(), "warning: Plugin 'probe' failed in collect: ")
+  lu.assertNotNil(dom0:Get("vex.plugin.probe.values"))
+end
+
+function M.TestCollector:test_values_that_cannot_be_kept_are_a_warning()
+  require("probe.plugin").collect = function() return { print } end
+  dom0.waits = { "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertStrContains(dom0:log(), "collected what cannot be kept")
+end
+
+function M.TestCollector:test_a_plugin_that_cannot_start_is_neither_asked_nor_stopped()
+  require("probe.plugin").start = function() error("no") end
+  collector.run({ plugin = "probe" })
+  lu.assertEquals(calls, {})
+  lu.assertStrContains(dom0:log(), "failed in start")
+end
+
+function M.TestCollector:test_a_plugin_that_is_gone_is_a_warning()
+  collector.run({ plugin = "nowhere" })
+  lu.assertStrContains(dom0:log(), "warning: Plugin 'nowhere' cannot be loaded")
+end
+
+return M

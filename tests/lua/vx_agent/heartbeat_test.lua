@@ -1,0 +1,134 @@
+local db = require("vex.db")
+local fake_domain = require("support.fake_domain")
+local heartbeat = require("vx_agent.heartbeat")
+local host = require("vex.host")
+local settings = require("vex.settings")
+local temp = require("support.temp")
+local lu = require("luaunit")
+
+local M = { TestHeartbeat = {} }
+
+local request = "vex.HeartbeatNow"
+
+function M.TestHeartbeat:setUp()
+  self.domain = fake_domain.new()
+  self.domain.folder = temp.folder()
+  dom0 = self.domain
+  self.int, self.monotonic = settings.int, host.monotonic
+  self.values, self.clock = {}, 0
+  settings.int = function(key, default) return self.values[key] or default end
+  host.monotonic = function() return self.clock end
+end
+
+function M.TestHeartbeat:tearDown()
+  settings.int, host.monotonic = self.int, self.monotonic
+  temp.remove(self.domain.folder)
+end
+
+-- A wait that lets its time pass.
+function M.TestHeartbeat:time_over()
+  return function()
+    self.clock = self.clock + self.domain.waited[#self.domain.waited].seconds
+    return false
+  end
+end
+
+function M.TestHeartbeat:reasons()
+  local database = assert(db.open(self.domain.folder .. "/heartbeat.db"))
+  local reasons = {}
+  for index, row in ipairs(assert(database:rows("SELECT reason FROM heartbeat ORDER BY id"))) do
+    reasons[index] = row.reason
+  end
+  database:close()
+  return table.concat(reasons, " ")
+end
+
+-- Runs the worker; the first wait only subscribes.
+function M.TestHeartbeat:run_with(...)
+  self.domain.waits = { false, ... }
+  table.insert(self.domain.waits, "end")
+  heartbeat.run()
+end
+
+function M.TestHeartbeat:test_it_beats_at_the_start_and_then_once_an_interval()
+  self:run_with(self:time_over(), self:time_over())
+  lu.assertEquals(self:reasons(), "start interval interval")
+  lu.assertEquals(self.domain.waited[2], { key = request, seconds = 60 })
+end
+
+function M.TestHeartbeat:test_each_beat_is_a_line_in_the_log()
+  self:run_with()
+  lu.assertStrMatches(self.domain:log(), "info: Heartbeat 1 %(start%): .+")
+end
+
+function M.TestHeartbeat:test_a_request_is_answered_at_once_and_taken_back()
+  self:run_with(function()
+    self.domain.values[request] = true
+    return true
+  end)
+  lu.assertEquals(self:reasons(), "start request")
+  lu.assertEquals(self.domain.values[request], false)
+end
+
+function M.TestHeartbeat:test_the_first_beat_answers_a_request_from_before_the_start()
+  self.domain.values[request] = true
+  self:run_with()
+  lu.assertEquals(self:reasons(), "start")
+  lu.assertEquals(self.domain.values[request], false)
+end
+
+function M.TestHeartbeat:test_a_request_that_comes_during_a_beat_is_not_missed()
+  local info = self.domain.Log
+  self.domain.Log = function(domain, ...)
+    domain.values[request] = #domain.lines == 0
+    info(domain, ...)
+  end
+  self:run_with()
+  lu.assertEquals(self:reasons(), "start request")
+end
+
+function M.TestHeartbeat:test_a_write_of_something_else_is_no_request_and_does_not_move_the_next_beat()
+  self:run_with(function()
+    self.clock = self.clock + 20
+    return true
+  end, self:time_over())
+  lu.assertEquals(self.domain.waited[3].seconds, 40)
+  lu.assertEquals(self:reasons(), "start interval")
+end
+
+function M.TestHeartbeat:test_the_interval_is_a_setting_that_is_read_for_each_beat()
+  self.values["vex.HeartbeatInterval"] = 5
+  self:run_with(function()
+    self.values["vex.HeartbeatInterval"] = 7
+    return self:time_over()()
+  end)
+  lu.assertEquals(self.domain.waited[2].seconds, 5)
+  lu.assertEquals(self.domain.waited[3].seconds, 7)
+end
+
+function M.TestHeartbeat:test_an_interval_that_means_nothing_is_told_once_and_the_default_taken()
+  self.values["vex.HeartbeatInterval"] = 0
+  self:run_with(self:time_over(), self:time_over())
+  lu.assertEquals(self.domain.waited[2].seconds, 60)
+  lu.assertEquals(select(2, self.domain:log():gsub("must be at least 1", "")), 1)
+end
+
+function M.TestHeartbeat:test_the_history_is_bounded_by_the_settings()
+  self.values["vex.HeartbeatKeepRows"] = 2
+  self:run_with(self:time_over(), self:time_over(), self:time_over())
+  lu.assertEquals(self:reasons(), "interval interval")
+end
+
+function M.TestHeartbeat:test_without_a_database_it_beats_on_into_the_log_and_tries_again()
+  local folder = self.domain.folder
+  self.domain.folder = folder .. "/later"
+  self:run_with(function()
+    temp.write(folder, "later/x", "")
+    return self:time_over()()
+  end)
+  lu.assertStrContains(self.domain.lines[1], "warning: Heartbeat (start) without a row in the database")
+  lu.assertStrContains(self.domain.lines[2], "info: Heartbeat 1 (interval)")
+  self.domain.folder = folder
+end
+
+return M
