@@ -83,6 +83,7 @@ public:
     void Bind(int parameter, std::int64_t value);
     /// The text must live until the statement is stepped and reset.
     void Bind(int parameter, const std::string& text);
+    void Bind(int parameter, std::string&& text) = delete;
     void Bind(int parameter, const std::optional<std::int64_t>& value);
     void Bind(int parameter, const std::optional<std::string>& text);
 

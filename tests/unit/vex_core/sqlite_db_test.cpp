@@ -104,8 +104,9 @@ TEST(Sqlite, StatementIsUsedAgainAfterReset)
     ASSERT_TRUE(db.Open(folder / "x.db", 0));
     ASSERT_TRUE(db.Exec("CREATE TABLE t(a TEXT, b)"));
     SqliteStatement insert(db, "INSERT INTO t VALUES(?, ?)");
+    const std::string text("text\0more", 9);
     for (int i = 0; i < 3; ++i) {
-        insert.Bind(1, std::string("text\0more", 9));
+        insert.Bind(1, text);
         insert.Bind(2, i == 1 ? std::optional<std::int64_t>() : std::optional<std::int64_t>(i));
         ASSERT_EQ(insert.Step(), SqliteStatement::EStep::Done);
         EXPECT_EQ(db.LastInsertId(), i + 1);
@@ -113,7 +114,7 @@ TEST(Sqlite, StatementIsUsedAgainAfterReset)
     }
     SqliteStatement rows(db, "SELECT a, b FROM t");
     ASSERT_EQ(rows.Step(), SqliteStatement::EStep::Row);
-    EXPECT_EQ(rows.ColumnText(0), std::string("text\0more", 9));
+    EXPECT_EQ(rows.ColumnText(0), text);
     EXPECT_FALSE(rows.ColumnIsNull(1));
     ASSERT_EQ(rows.Step(), SqliteStatement::EStep::Row);
     EXPECT_TRUE(rows.ColumnIsNull(1));

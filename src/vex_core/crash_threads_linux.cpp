@@ -1,0 +1,117 @@
+// A real-time signal parks the other threads in a handler, where the kernel has laid out their registers. It works without any
+// right that a container may withhold. A thread that blocks the signal or is deep in the kernel does not answer; it is
+// listed with what /proc tells.
+
+#include "vex_core/crash_threads.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace VexCore {
+namespace {
+
+struct Slot
+{
+    std::atomic<long> number{0};
+    std::atomic<const void*> context{nullptr};
+};
+
+Slot slots[maxCrashThreads];
+std::atomic<std::size_t> slotCount{0};
+CrashThread result[maxCrashThreads];
+
+int ParkSignal()
+{
+    return SIGRTMIN + 5; // beside the one that ends threads; free until a crash
+}
+
+void Park(int, siginfo_t*, void* context)
+{
+    const long self = syscall(SYS_gettid);
+    const std::size_t count = slotCount.load();
+    for (std::size_t i = 0; i < count; ++i)
+        if (slots[i].number.load() == self)
+            slots[i].context.store(context);
+    for (;;)
+        pause();
+}
+
+// As the kernel fills it.
+struct KernelDirent
+{
+    unsigned long long inode;
+    long long offset;
+    unsigned short recordSize;
+    unsigned char type;
+    char name[1];
+};
+
+void ListThreads(long self)
+{
+    alignas(KernelDirent) static char batch[8192];
+    const int folder = open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0)
+        return;
+    std::size_t count = 0;
+    for (;;) {
+        const long size = syscall(SYS_getdents64, folder, batch, sizeof batch);
+        if (size <= 0)
+            break;
+        for (long at = 0; at < size && count < maxCrashThreads - 1;) {
+            const auto* entry = static_cast<const KernelDirent*>(static_cast<const void*>(batch + at));
+            long number = 0;
+            for (const char* digit = entry->name; *digit >= '0' && *digit <= '9'; ++digit)
+                number = number * 10 + (*digit - '0');
+            if (number > 0 && number != self)
+                slots[count++].number.store(number);
+            at += entry->recordSize;
+        }
+    }
+    close(folder);
+    slotCount.store(count);
+}
+
+void AskAll(pid_t process)
+{
+    struct sigaction action = {};
+    action.sa_sigaction = Park;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART;
+    sigfillset(&action.sa_mask);
+    sigaction(ParkSignal(), &action, nullptr);
+    for (std::size_t i = 0; i < slotCount.load(); ++i)
+        syscall(SYS_tgkill, process, slots[i].number.load(), ParkSignal());
+}
+
+std::size_t Answers()
+{
+    std::size_t answers = 0;
+    for (std::size_t i = 0; i < slotCount.load(); ++i)
+        answers += slots[i].context.load() != nullptr ? 1 : 0;
+    return answers;
+}
+
+} // namespace
+
+const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs, std::size_t& count)
+{
+    ListThreads(self);
+    AskAll(process);
+    for (long waited = 0; waited < waitMs && Answers() < slotCount.load(); ++waited) {
+        const struct timespec step = {0, 1000000};
+        nanosleep(&step, nullptr);
+    }
+    count = 0;
+    result[count++] = {self, ownContext};
+    for (std::size_t i = 0; i < slotCount.load(); ++i)
+        result[count++] = {slots[i].number.load(), slots[i].context.load()};
+    return result;
+}
+
+} // namespace VexCore

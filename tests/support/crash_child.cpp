@@ -1,0 +1,171 @@
+// Crashes in the way that its first argument names, under the core library's crash handler.
+//
+//   crash_child WAY DUMPFILE WORKFOLDER [full]
+
+#include "vex/core/crash.h"
+#include "vex/core/dom.h"
+#include "vex/core/log.h"
+#include "vex/core/runnable.h"
+#include "vex/core/sendsignal.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <wx/init.h>
+#include <wx/log.h>
+
+using namespace VexCore;
+
+namespace {
+
+std::string dumpFile;
+volatile int sink = 0;
+
+// Each way is a function of its own, with a name to be found in the dump's stack.
+
+[[gnu::noinline]] void CrashOnNull()
+{
+    volatile int* volatile nowhere = nullptr;
+    *nowhere = 7;
+    sink = sink + 1; // no tail call
+}
+
+[[gnu::noinline]] void CrashByAbort()
+{
+    std::abort();
+}
+
+[[gnu::noinline]] int CrashByRecursion(int depth)
+{
+    volatile char room[512];
+    room[0] = static_cast<char>(depth);
+    sink = sink + 1;
+    if (depth >= 0) // always; the compiler shall not see it
+        return CrashByRecursion(depth < 1000000000 ? depth + 1 : depth) + room[0];
+    return room[0];
+}
+
+[[gnu::noinline]] void CrashByDivision()
+{
+    volatile int zero = 0;
+    sink = 100 / zero;
+}
+
+[[gnu::noinline]] void CrashByTrap()
+{
+    __builtin_trap();
+}
+
+[[gnu::noinline]] void WaitInMain()
+{
+    for (;;)
+        pause();
+}
+
+// A crash inside the handler: a thread that cannot be stopped strikes the crashing one while that writes its dump.
+void StrikeWhileItWrites(pthread_t victim)
+{
+    std::thread([victim] {
+        struct stat status;
+        while (stat((dumpFile + ".tmp").c_str(), &status) != 0)
+            usleep(1000);
+        pthread_kill(victim, SIGSEGV);
+        for (;;)
+            pause();
+    }).detach();
+}
+
+void BlockAllAnd(void (*then)(pthread_t))
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    then(pthread_self());
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+class Crasher : public CRunnable
+{
+public:
+    explicit Crasher(void (*body)()) : CRunnable(false, -1, false), m_body(body) {}
+    const char* GetThreadName() const override { return "Crasher"; }
+
+protected:
+    void OnRun() override { m_body(); }
+
+private:
+    void (*m_body)();
+};
+
+int InThread(void (*body)())
+{
+    Crasher thread(body);
+    if (!thread.start(50, true, 0))
+        return 3;
+    WaitInMain();
+    return 0;
+}
+
+void CrashInMany()
+{
+    CrashOnNull();
+}
+
+int Crash(const std::string& way)
+{
+    if (way == "null")
+        CrashOnNull();
+    else if (way == "abort")
+        CrashByAbort();
+    else if (way == "division")
+        CrashByDivision();
+    else if (way == "trap")
+        CrashByTrap();
+    else if (way == "sent")
+        SendSignal(getpid(), SIGBUS);
+    else if (way == "thread")
+        return InThread(CrashOnNull);
+    else if (way == "overflow")
+        return InThread([] { sink = CrashByRecursion(0); });
+    else if (way == "main-overflow")
+        sink = CrashByRecursion(0);
+    else if (way == "many") {
+        Crasher first(CrashInMany);
+        Crasher second(CrashInMany);
+        first.start(50, true, 0);
+        second.start(50, true, 0);
+        CrashInMany();
+    } else if (way == "nested") {
+        BlockAllAnd(StrikeWhileItWrites);
+        CrashByAbort();
+    }
+    return 4; // it should not have come here
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 4)
+        return 2;
+    wxInitializer framework(argc, argv);
+    dumpFile = argv[2];
+    CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
+    dom->Set("app.name", "crash_child");
+    dom->Set("app.path.work", argv[3]);
+    delete wxLog::SetActiveTarget(new CLog2Disk);
+    wxLogMessage("before the crash");
+    const bool full = argc > 4 && std::strcmp(argv[4], "full") == 0;
+    if (!InitCrashHandler(wxString::FromUTF8(argv[2]), "crash_child", full))
+        return 5;
+    return Crash(argv[1]);
+}
