@@ -9,6 +9,8 @@
 #include <langinfo.h>
 #include <unistd.h>
 
+#include <wx/strconv.h>
+
 namespace VexCore {
 
 namespace {
@@ -70,6 +72,9 @@ __attribute__((constructor(101))) void BeforeMain()
 {
     OpenStandardDescriptors();
     SettleLocale();
+    // The framework's own initialisers ran first and took the character set from the environment as it was; the command line
+    // is converted with this one.
+    wxConvLocal = wxCSConv(wxFONTENCODING_SYSTEM);
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 """Whatever a script does wrong is reported on standard error, once, and ends with the documented status."""
 import pytest
 
+from conftest import SANITIZED
+
 
 def run(tree, body, **options):
     tree.app("probe", "local M = {}\nfunction M.main()\n" + body + "\nend\nreturn M")
@@ -13,7 +15,7 @@ def test_an_error_shows_message_and_traceback_once(tree):
     assert result.status == 2
     assert result.err.count("boom") == 1
     assert result.err.count("stack traceback:") == 1
-    assert f"{tree.path}/probe.lua:3: boom" in result.err
+    assert "probe.lua:3: boom" in result.err  # Lua shortens a long path at its front
     assert "in upvalue 'inner'" in result.err or "in function 'inner'" in result.err or "in local 'inner'" in result.err
 
 
@@ -25,7 +27,6 @@ def test_an_error_shows_message_and_traceback_once(tree):
     ("local function f() return 1 + f() end return f()", 2, "stack overflow"),
     ("local function f() return pcall(f) end f() error('after')", 2, "after"),
     ("return nil .. 'x'", 2, "concatenate"),
-    ("return string.rep('x', 1e15)", None, ""),
 ])
 def test_every_kind_of_error_is_reported_and_ends_with_a_failure_status(tree, body, status, text):
     result = run(tree, body)
@@ -34,19 +35,13 @@ def test_every_kind_of_error_is_reported_and_ends_with_a_failure_status(tree, bo
     assert result.err.strip()
 
 
-def test_out_of_memory_is_reported(tree):
-    # The limit is on the address space of the process, which a sanitizer build reserves by the terabyte.
-    result = run(tree, "local t = {} while true do t[#t + 1] = ('x'):rep(1e6) .. #t end",
-                 prefix=("/bin/sh", "-c", 'ulimit -v 600000; exec "$0" "$@"')) if not sanitized() else None
-    if result is None:
-        pytest.skip("no address-space limit with a sanitizer; the limited allocator is tested by the unit tests")
+@pytest.mark.skipif(SANITIZED, reason="a sanitizer reserves address space by the terabyte; the unit tests limit the allocator")
+@pytest.mark.parametrize("body", ["local t = {} while true do t[#t + 1] = ('x'):rep(1e6) .. #t end",
+                                  "local s = 'x' while true do s = s .. s end"], ids=["many strings", "an endless string"])
+def test_out_of_memory_is_reported(tree, body):
+    result = run(tree, body, prefix=("/bin/sh", "-c", 'ulimit -v 600000; exec "$0" "$@"'))
     assert result.status == 4
     assert "not enough memory" in result.err
-
-
-def sanitized():
-    from conftest import SANITIZED
-    return SANITIZED
 
 
 def test_a_module_with_a_syntax_error_fails_to_load(tree):
@@ -66,7 +61,7 @@ def test_a_missing_module_lists_where_it_was_looked_for(tree):
 
 
 @pytest.mark.parametrize("call,words", [
-    ("dom0.Get('x')", ["Get", "1", "SLB.Dom", "string"]),
+    ("dom0.Get('x')", ["Get", "self", "SLB.Dom", "string"]),
     ("dom0:Get()", ["Get", "string", "no value"]),
     ("dom0:Set('k', {})", ["Set", "table"]),
     ("dom0:Set('k', 1.5)", ["Set"]),
