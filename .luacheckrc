@@ -6,3 +6,4 @@ files["lua/vex"] = { read_globals = { "dom0", "dom" } }
 files["lua/plugins"] = { read_globals = { "dom0", "dom" } }
 files["lua/tests"] = { read_globals = { "dom0", "dom", "vexAppModule" } }
 files["tests/lua"] = { globals = { "dom0", "dom" }, read_globals = { "vexAppModule" } }
+files["docs/examples"] = { read_globals = { "dom0", "dom" } }

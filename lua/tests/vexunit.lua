@@ -11,7 +11,8 @@ local runner = require("tests.vexunit.runner")
 --- Runs the scripts that `spec` names and reports on them.
 -- @param spec a script or a pattern ("*", "?", "**"), relative to the current directory or else to "app.path.bin"
 -- @param arguments array of options; nil takes the positive keys of the global `arg`
--- @param console table with `write(text)`, `complain(text)` and `terminal`; nil is standard output and standard error
+-- @param console table with `write(text)`, `complain(text)`, `terminal` (are colours wanted?) and `clock()` in
+-- seconds; nil is standard output, standard error and the system's clock
 -- @return 0 all passed; 1 a test failed; 2 the run itself was wrong: nothing matched, a bad argument, a script that
 -- does not load. Never a count, which a process status would wrap to 0.
 return function(spec, arguments, console)

@@ -9,7 +9,7 @@ local lines_of = require("tests.vexunit.chunk_lines")
 local M = {}
 M.__index = M
 
-local getinfo, sethook, create, wrap = debug.getinfo, debug.sethook, coroutine.create, coroutine.wrap
+local getinfo, sethook, gethook = debug.getinfo, debug.sethook, debug.gethook
 
 -- The runner and LuaUnit are no part of what is being measured.
 local function is_ours(source)
@@ -49,6 +49,9 @@ function M.start(path, scripts)
   local self = setmetatable({ file = file, path = path, hits = {}, chunks = {}, ignored = {} }, M)
   for _, script in ipairs(scripts) do self.ignored["@" .. script] = true end
   local hook = new_hook(self)
+  local create = coroutine.create
+  -- A run inside a run, as the runner's own tests make it, gives back what it found.
+  self.before = { hook = table.pack(gethook()), create = create, wrap = coroutine.wrap }
   -- A hook belongs to one coroutine: each new one gets it too.
   coroutine.create = function(body) -- luacheck: ignore 122
     local thread = create(body)
@@ -96,8 +99,9 @@ end
 --- Stops counting and writes the file.
 -- @return true, or nil and a message
 function M:finish()
-  sethook()
-  coroutine.create, coroutine.wrap = create, wrap -- luacheck: ignore 122
+  local before = self.before
+  if before.hook[1] then sethook(table.unpack(before.hook, 1, before.hook.n)) else sethook() end
+  coroutine.create, coroutine.wrap = before.create, before.wrap -- luacheck: ignore 122
   local sources = {}
   for source, counts in pairs(self.hits) do
     if counts then sources[#sources + 1] = source end

@@ -16,7 +16,6 @@ local M = {}
 -- What a script might replace and we still need afterwards.
 local write, stderr = io.write, io.stderr
 local random, randomseed, time = math.random, math.randomseed, os.time
-local monotonic = host.monotonic
 
 --- Where a run writes to when nothing else is asked for.
 function M.standard_console()
@@ -24,6 +23,7 @@ function M.standard_console()
     write = function(text) write(text) end,
     complain = function(text) stderr:write(text, "\n") end,
     terminal = fs.isatty(1),
+    clock = host.monotonic,
   }
 end
 
@@ -115,14 +115,14 @@ end
 -- Set-up and tear-down of a class or a script: silent when it works, an entry of its own when it does not.
 local function run_fixture(run, instance, fixture, name)
   if type(fixture) ~= "function" then return true end
-  local begin = monotonic()
+  local begin = run.clock()
   run.engine.currentCount = 1
   local outcome = run.engine:protectedCall(instance, fixture, name)
   local status = engine.word(outcome.status)
   if status == "passed" then return true end
   if status == "skipped" then return false, outcome.msg end
   record(run, {
-    name = name, status = status, message = outcome.msg, trace = outcome.trace, seconds = monotonic() - begin,
+    name = name, status = status, message = outcome.msg, trace = outcome.trace, seconds = run.clock() - begin,
   })
   return false, name .. " failed"
 end
@@ -130,13 +130,13 @@ end
 local function run_test(run, test)
   local unit = run.engine
   run.report:test_starts(run.script, test.full)
-  local begin = monotonic()
+  local begin = run.clock()
   unit.lastClassName = test.class or "[TestFunctions]" -- LuaUnit sees no change of class: classes are ours
   unit:execOneFunction(test.class, test.name, test.instance, test.run)
   local node = unit.result.allTests[#unit.result.allTests]
   record(run, {
     class = test.class, name = test.full, status = engine.word(node.status), message = node.msg,
-    trace = node.stackTrace, seconds = monotonic() - begin,
+    trace = node.stackTrace, seconds = run.clock() - begin,
   })
 end
 
@@ -274,6 +274,7 @@ function M.run(spec, settings, console)
     },
     seed = settings.seed or time() % 2 ^ 31,
     started = time(),
+    clock = console.clock,
   }
   local collector
   if settings.coverage then
@@ -284,9 +285,9 @@ function M.run(spec, settings, console)
     end
   end
   run.engine = engine.new(settings.repetitions)
-  local begin = monotonic()
+  local begin = run.clock()
   local ok, trouble = xpcall(run_all, debug.traceback, run, found)
-  run.seconds = monotonic() - begin
+  run.seconds = run.clock() - begin
   run.engine:unregisterSuite()
   if collector then
     local written, why = collector:finish()

@@ -1,0 +1,171 @@
+"""The bundled application: its report, its workers, its plugins from package to removal, its history."""
+import glob
+import json
+import os
+import shutil
+import signal
+import sqlite3
+
+import pytest
+
+from conftest import BUILD, FULL, alive, children, send_signal, wait_until
+
+
+def package(name, kind):
+    found = glob.glob(f"{BUILD}/packages/Agent-{name}-*.{kind}")
+    assert len(found) == 1, found
+    return found[0]
+
+
+def beats(tree):
+    """Rows of the history: (id, reason)."""
+    path = os.path.join(tree.work, "plugins", "vx_agent", "heartbeat.db")
+    if not os.path.exists(path):
+        return []
+    # Not read-only: after a kill the first reader takes back what was not committed.
+    database = sqlite3.connect(f"file:{path}?mode=rw", uri=True, timeout=10)
+    try:
+        if not database.execute("SELECT 1 FROM sqlite_master WHERE name = 'heartbeat'").fetchall():
+            return []
+        return database.execute("SELECT id, reason FROM heartbeat ORDER BY id").fetchall()
+    finally:
+        database.close()
+
+
+def install(tree, *names):
+    for name in names:
+        shutil.copy(package(name, "vxp"), tree.path)
+    return ["--install_plugins", "--extdir", "ext", "--plugins", ",".join(name.lower() for name in names)]
+
+
+@pytest.mark.fast
+def test_the_report_is_a_readable_table(tree):
+    result = tree.run()
+    assert (result.status, result.err) == (0, "")
+    rows = dict(line.split(None, 1) for line in result.out.splitlines() if line and not line.startswith(" ") and " " in line)
+    assert rows["Host"].strip() == os.uname().nodename
+    assert os.uname().release in rows["Kernel"]
+    assert rows["Processors"].strip() == str(os.sysconf("SC_NPROCESSORS_ONLN"))
+    assert len(rows["Load"].split()) == 3
+
+
+def test_json_prints_the_same_as_one_object(tree):
+    result = tree.run("--", "--json")
+    report = json.loads(result.out)
+    assert report["host"] == os.uname().nodename
+    assert report["memory"]["total"] > 0
+    assert report["plugins"] == []
+    for disk in report["disks"]:
+        sizes = os.statvfs(disk["mount"])
+        assert disk["total"] == sizes.f_blocks * sizes.f_frsize
+
+
+def test_an_unknown_argument_is_told(tree):
+    result = tree.run("--", "--jsn")
+    assert result.status == 2 and "unknown argument '--jsn'" in result.err and result.out == ""
+
+
+def test_packages_install_the_plugins_and_they_report_in_the_same_start(tree):
+    result = tree.run(*install(tree, "Network", "Trend"), "--", "--json")
+    assert result.status == 0, result.err
+    plugins = {plugin["name"]: plugin for plugin in json.loads(result.out)["plugins"]}
+    assert list(plugins) == ["Network", "Trend"]
+    assert plugins["Trend"]["values"]["samples"] == 1
+    assert isinstance(plugins["Network"]["values"]["interfaces"], (list, dict))
+    assert len(glob.glob(tree.path + "/*.vxp.done")) == 2
+    assert os.path.exists(f"{tree.work}/plugins/trend/samples.db")
+    again = tree.run("--extdir", "ext", "--plugins", "network,trend", "--", "--json")
+    assert json.loads(again.out)["plugins"][1]["values"]["samples"] == 2
+    table = tree.run("--extdir", "ext", "--plugins", "network,trend").out
+    assert "\nPlugin Network 1.0.0\n" in table and "\nPlugin Trend 1.0.0\n" in table
+
+
+def test_markers_remove_the_plugins_again(tree):
+    tree.run(*install(tree, "Network", "Trend"))
+    assert os.path.exists(tree.path + "/network/plugin.lua") and os.path.exists(tree.path + "/ext/trend.vxe")
+    for name in ("Network", "Trend"):
+        shutil.copy(package(name, "vxu"), tree.path)
+    result = tree.run("--install_plugins", "--extdir", "ext", "--plugins", "network,trend")
+    assert result.status == 0
+    assert not os.path.exists(tree.path + "/network/plugin.lua")
+    assert not os.path.exists(tree.path + "/ext/trend.vxe") and not os.path.exists(tree.path + "/ext/trend.vxe.version")
+    assert result.log.count("WARNING") == 2 and "Plugin 'network' cannot be loaded" in result.log
+    assert "Plugin Network" not in result.out
+
+
+def test_a_plugin_that_fails_is_one_warning_with_its_traceback_and_the_others_go_on(tree):
+    tree.file("bad/plugin.lua", "local function inner() error('boom') end\ninner()")
+    tree.file("good/plugin.lua", "return { name = 'Good', version = '1', collect = function() return { answer = 42 } end }")
+    result = tree.run("--plugins", "bad,good")
+    assert result.status == 0 and "Plugin Good 1\n  answer  42\n" in result.out
+    assert result.log.count("WARNING") == 1
+    assert "boom" in result.log and "in function 'inner'" in result.log
+
+
+@pytest.mark.sandbox
+@pytest.mark.fast
+def test_the_background_beats_at_the_start_on_request_and_by_the_clock_and_stops_cleanly(tree):
+    tree.file("asker/plugin.lua", """
+return { name = "Asker", version = "1",
+  start = function(dom) dom:Wait("never", 0.3) dom:Set("vex.HeartbeatNow", true) end,
+  stop = function(dom) dom:Log("info", "asker stops") end }""")
+    supervisor, _ = tree.background("--plugins", "asker", "--domain_var", "vex.HeartbeatInterval=2")
+    wait_until(lambda: len(beats(tree)) >= 3, what="three beats")
+    assert [reason for _, reason in beats(tree)[:3]] == ["start", "request", "interval"]
+    tree.stop(supervisor)
+    count = len(beats(tree))
+    log = tree.log()
+    assert log.count("Heartbeat ") == count
+    assert "asker stops" in log
+    assert "WARNING" not in log.replace("WARNING [", "", log.count("sigwait()")) or "has not ended" not in log
+
+
+@pytest.mark.sandbox
+def test_the_interval_may_come_from_the_configuration_file(tree):
+    tree.file("work/vx_agent.ini", "[settings]\nvex.HeartbeatInterval=1\nvex.HeartbeatKeepRows=2\n")
+    supervisor, _ = tree.background()
+    wait_until(lambda: beats(tree) and beats(tree)[-1][0] >= 4, what="the fourth beat")
+    assert len(beats(tree)) <= 2
+    tree.stop(supervisor)
+
+
+@pytest.mark.sandbox
+def test_no_acknowledged_beat_is_lost_when_the_child_is_killed(tree):
+    tree.file("hurry/plugin.lua", """
+return { name = "Hurry", version = "1", start = function(dom)
+  repeat dom:Set("vex.HeartbeatNow", true) until dom:Wait("never", 0.002) == nil
+end }""")
+    for round_number in range(10 if FULL else 3):
+        supervisor, child = tree.background("--plugins", "hurry")
+        before = tree.log().count("Heartbeat ")
+        wait_until(lambda: tree.log().count("Heartbeat ") > before + 20 + round_number, what="beats")
+        send_signal(supervisor, signal.SIGKILL)
+        if alive(child):
+            send_signal(child, signal.SIGKILL)
+        wait_until(lambda: not alive(child) and not alive(supervisor), what="end")
+        acknowledged = [int(line.split("Heartbeat ")[1].split()[0]) for line in tree.log().splitlines()
+                        if "INFO" in line and "Heartbeat " in line]
+        stored = {number for number, _ in beats(tree)}
+        assert set(acknowledged) <= stored
+
+
+@pytest.mark.sandbox
+def test_the_working_child_does_nothing_between_beats(tree):
+    supervisor, child = tree.background()
+    wait_until(lambda: beats(tree), what="the first beat")
+
+    def switches():
+        total = 0
+        for task in os.listdir(f"/proc/{child}/task"):
+            with open(f"/proc/{child}/task/{task}/status") as file:
+                total += sum(int(line.split()[1]) for line in file if "ctxt_switches" in line)
+        return total
+
+    wait_until(lambda: "Heartbeat 1" in tree.log(), what="the log line")
+    import time
+    time.sleep(0.5)
+    before = switches()
+    time.sleep(10)
+    assert switches() == before
+    assert children(supervisor) == [child]
+    tree.stop(supervisor)
