@@ -2,6 +2,7 @@
 // only, which owns the Lua state.
 
 #include "vex/apps/vex/narrowtext.h"
+#include "vex/apps/vex/standardoutput.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/dom.h"
@@ -15,10 +16,8 @@
 #include <lua.hpp>
 #include <slb3/slb3.h>
 
-#include <wx/ffile.h>
 #include <wx/log.h>
 #include <wx/sstream.h>
-#include <wx/wfstream.h>
 
 namespace {
 
@@ -114,15 +113,12 @@ int CAgentApp::RunChunk(wxInputStream& in, wxOutputStream& out, const wxString& 
 
 int CAgentApp::RunCodeSnippet(const wxString& code)
 {
-    wxFFile standardOutput;
-    standardOutput.Attach(stdout, wxString());
     int status = 0;
     {
-        wxFFileOutputStream out(standardOutput);
+        CStandardOutput out;
         wxStringInputStream in(code);
-        status = RunChunk(in, out, GetAppName());
+        status = RunChunk(in, out.Stream(), GetAppName());
     }
-    standardOutput.Detach();
     // Also for a status that the code returned on its own, on purpose: then it is the last error's text, or an empty line.
     if (status != 0)
         WriteErrorLine(m_lua->GetErrorInfo());

@@ -1,13 +1,12 @@
 // Unit-test mode: the test runner module runs in place of the application's main function. Script thread.
 
 #include "vex/apps/vex/narrowtext.h"
+#include "vex/apps/vex/standardoutput.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/luainterpreter.h"
 
-#include <wx/ffile.h>
 #include <wx/sstream.h>
-#include <wx/wfstream.h>
 
 #include <unistd.h>
 
@@ -20,23 +19,17 @@ int CAgentApp::RunUnitTests()
 {
     if (m_unitTestScript.empty())
         return 0;
-    wxFFile standardOutput;
-    standardOutput.Attach(stdout, wxString());
-    int status = 0;
-    {
-        wxFFileOutputStream out(standardOutput);
-        // Not cancelled afterwards, on purpose.
-        ::alarm(TimeLimitSeconds);
-        // The specification goes in as it is, on purpose: quotes and backslashes in it change the Lua text.
-        wxString chunk("vexunit = require('tests.vexunit'); return vexunit(\"");
-        chunk += m_unitTestScript;
-        chunk += wxString("\");", wxConvLibc);
-        wxStringInputStream in(chunk);
-        status = RunChunk(in, out, "tests.vexunit");
-        out.Sync();
-        if (status != 0)
-            WriteErrorLine(m_lua->GetErrorInfo());
-    }
-    standardOutput.Detach();
+    CStandardOutput out;
+    // Not cancelled afterwards, on purpose.
+    ::alarm(TimeLimitSeconds);
+    // The specification goes in as it is, on purpose: quotes and backslashes in it change the Lua text.
+    wxString chunk("vexunit = require('tests.vexunit'); return vexunit(\"");
+    chunk += m_unitTestScript;
+    chunk += wxString("\");", wxConvLibc);
+    wxStringInputStream in(chunk);
+    const int status = RunChunk(in, out.Stream(), "tests.vexunit");
+    out.Stream().Sync();
+    if (status != 0)
+        WriteErrorLine(m_lua->GetErrorInfo());
     return status;
 }

@@ -1,0 +1,32 @@
+#pragma once
+// Standard output as a stream of the framework, for as long as a chunk runs.
+
+#include <cstdio>
+#include <memory>
+
+#include <wx/ffile.h>
+#include <wx/wfstream.h>
+
+/// Lends standard output to a stream and leaves it open, also when an exception passes.
+class CStandardOutput
+{
+public:
+    CStandardOutput()
+    {
+        m_file.Attach(stdout, wxString());
+        m_stream.reset(new wxFFileOutputStream(m_file));
+    }
+    ~CStandardOutput()
+    {
+        m_stream.reset();
+        m_file.Detach();
+    }
+    CStandardOutput(const CStandardOutput&) = delete;
+    CStandardOutput& operator=(const CStandardOutput&) = delete;
+
+    wxFFileOutputStream& Stream() { return *m_stream; }
+
+private:
+    wxFFile m_file; // its destructor would close what it still holds
+    std::unique_ptr<wxFFileOutputStream> m_stream;
+};

@@ -1,0 +1,589 @@
+// The run sequence: order, statuses, hand-back, signal dispositions. With real threads where the hand-back is tested.
+
+#include "vex/apps/vex/vex_p.h"
+
+#include "support/agent_app.h"
+#include "support/fake_core.h"
+#include "support/fake_system.h"
+#include "support/temp_folder.h"
+
+#include <algorithm>
+#include <csignal>
+#include <memory>
+#include <stdexcept>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <lua.hpp>
+
+#include <wx/evtloop.h>
+#include <wx/timer.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+using Access = CAgentAppTestAccess;
+using FakeCore::answers;
+using FakeCore::Count;
+using FakeCore::Journal;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const char* const InitSnippet = "Lua.RunScript(\"if type(vexAppModule.init) == 'function' then return vexAppModule.init(); "
+                                "else return 0; end;\", 0, 1, \"vx_agent\", out)";
+const char* const MainSnippet = "Lua.RunScript(\"if type(vexAppModule.main) == 'function' then return vexAppModule.main(); "
+                                "else return 0; end;\", 0, 1, \"vx_agent\", out)";
+const char* const ShutdownSnippet = "Lua.RunScript(\"if type(vexAppModule.shutdown) == 'function' then return "
+                                    "vexAppModule.shutdown(); else return 0; end;\", 0, 1, \"vx_agent\", out)";
+const char* const RequireSnippet = "Lua.RunScript(\"vexAppModule = require([[vx_agent]]);\", 0, 1, \"vx_agent\", out)";
+
+// Puts the process's mask and dispositions back.
+class CSignalGuard
+{
+public:
+    CSignalGuard()
+    {
+        ::pthread_sigmask(SIG_SETMASK, nullptr, &m_mask);
+        for (int signal = 1; signal < 65; ++signal)
+            ::sigaction(signal, nullptr, &m_actions[signal]);
+    }
+    ~CSignalGuard()
+    {
+        for (int signal = 1; signal < 65; ++signal)
+            ::sigaction(signal, &m_actions[signal], nullptr);
+        ::pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
+    }
+
+private:
+    sigset_t m_mask;
+    struct sigaction m_actions[65] = {};
+};
+
+bool IsBlocked(int signal)
+{
+    sigset_t mask;
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    return sigismember(&mask, signal) == 1;
+}
+
+class Run : public testing::Test
+{
+protected:
+    Run()
+    {
+        FakeCore::Reset();
+        m_app.reset(new AgentApp);
+        (*m_app)->SetAppName("vx_agent");
+        // The application module comes from here; the snippets run in a real state.
+        answers().onRunScript = [this] { DefineModule(); };
+        FakeCore::ClearJournal();
+    }
+
+    CAgentApp& App() { return **m_app; }
+
+    // Makes `require` give a module whose functions are written down and return what `m_module` says, in Lua.
+    void DefineModule()
+    {
+        lua_State* const L = App().L();
+        lua_getglobal(L, "package");
+        lua_getfield(L, -1, "preload");
+        for (const char* name : {"vx_agent", "other"}) {
+            luaL_loadstring(L, m_module.c_str());
+            lua_setfield(L, -2, name);
+        }
+        lua_pop(L, 2);
+    }
+
+    // The status with which RunScriptThread ends the process.
+    int RunToEnd()
+    {
+        try {
+            App().RunScriptThread();
+        } catch (const CEnded& ended) {
+            return ended.status;
+        }
+    }
+
+    std::string m_module = "return {}";
+    CSignalGuard m_signals;
+    CFakeSystem m_system;
+    std::unique_ptr<AgentApp> m_app;
+};
+
+// What the journal of a foreground run holds between the interpreter and its end.
+Lines SetupLines()
+{
+    return {"Lua(false, \"vx_agent.lua\", true)",
+            "Dom.Get(\"app.lua.cpath\")",
+            "Dom.Get(\"app.lua.path\")",
+            "Dom.Get(\"app.path.bin\")",
+            "Lua.SetPackagePaths(\"\", \"\", \"\")",
+            "Wrapper.Register()",
+            "Dom.RegisterLoader()",
+            RequireSnippet,
+            InitSnippet};
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------------- the sequence
+
+TEST_F(Run, TheForegroundCallsInitMainAndShutdownInThisOrder)
+{
+    EXPECT_EQ(App().OnRunScript(), 0);
+    const Lines lines = Journal({"Lua"});
+    EXPECT_THAT(lines, ElementsAre("Lua(false, \"vx_agent.lua\", true)", "Lua.SetPackagePaths(\"\", \"\", \"\")",
+                                   RequireSnippet, InitSnippet, MainSnippet, ShutdownSnippet));
+}
+
+TEST_F(Run, PreparesTheInterpreterAfterTheArchivePathAndBeforeTheModule)
+{
+    answers().tracedModules = {"Appl"};
+    EXPECT_EQ(App().RunAppInit(), 0);
+    answers().tracedModules.clear();
+    Lines all = Journal();
+    all.erase(std::remove_if(all.begin(), all.end(),
+                             [](const std::string& line) { return line.find("\"Run") != std::string::npos; }),
+              all.end());
+    const auto path = std::find(all.begin(), all.end(), "Trace(\"Appl\", \"ExpandZippath\", \"app.lua.zippath empty \")");
+    ASSERT_NE(path, all.end());
+    const auto made = std::find(all.begin(), all.end(), SetupLines().front());
+    EXPECT_LT(path, made);
+    EXPECT_EQ(Lines(made, all.end()), SetupLines());
+}
+
+TEST_F(Run, NamesTheInterpreterAfterTheApplication)
+{
+    App().SetAppName("other");
+    EXPECT_EQ(App().RunAppInit(), 0);
+    EXPECT_EQ(Count("Lua(false, \"other.lua\", true)"), 1u);
+    EXPECT_EQ(Count("Lua.RunScript(\"vexAppModule = require([[other]]);\", 0, 1, \"other\", out)"), 1u);
+}
+
+TEST_F(Run, RemovesPluginsBeforeItInstallsThemAndBeforeTheArchivePath)
+{
+    ::Test::TempFolder folder;
+    ::Test::WriteFile(folder / "Agent-A-Any-10.0.0-1.x.vxp", "");
+    ::Test::WriteFile(folder / "b.vxu", "");
+    m_app->Dom().Set("app.path.bin", folder.Path());
+    Access::InstallPlugins(App()) = true;
+    answers().tracedModules = {"Appl"};
+    m_module = "return { init = function() return 1 end }";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(App().OnRunScript(), 1);
+    testing::internal::GetCapturedStderr();
+    EXPECT_THAT(Journal({"Unzip(", "Trace(\"Appl\", \"ExpandZippath\", \"zipFilespec", "Lua("}),
+                ElementsAre("Unzip(\"" + (folder / "b.vxu") + "\", \"" + folder.Path() + "/\")",
+                            "Unzip(\"" + (folder / "Agent-A-Any-10.0.0-1.x.vxp") + "\", \"" + folder.Path() + "/\")",
+                            "Trace(\"Appl\", \"ExpandZippath\", \"zipFilespec: \")",
+                            "Lua(false, \"vx_agent.lua\", true)"));
+}
+
+TEST_F(Run, LeavesPackagesAloneWhenItIsNotAsked)
+{
+    ::Test::TempFolder folder;
+    ::Test::WriteFile(folder / "Agent-A-Any-10.0.0-1.x.vxp", "");
+    ::Test::WriteFile(folder / "b.vxu", "");
+    m_app->Dom().Set("app.path.bin", folder.Path());
+    EXPECT_EQ(App().OnRunScript(), 0);
+    EXPECT_TRUE(Journal({"Unzip("}).empty());
+    EXPECT_TRUE(std::filesystem::exists(folder / "b.vxu"));
+}
+
+TEST_F(Run, AStatusOfInitEndsTheSequence)
+{
+    m_module = "return { init = function() return 5 end }";
+    EXPECT_EQ(App().OnRunScript(), 5);
+    EXPECT_EQ(Count(MainSnippet) + Count(ShutdownSnippet), 0u);
+}
+
+TEST_F(Run, AStatusOfMainSkipsShutdown)
+{
+    m_module = "return { main = function() return 3 end }";
+    EXPECT_EQ(App().OnRunScript(), 3);
+    EXPECT_EQ(Count(ShutdownSnippet), 0u);
+}
+
+TEST_F(Run, TheStatusOfShutdownIsTheResult)
+{
+    m_module = "return { shutdown = function() return 9 end }";
+    EXPECT_EQ(App().OnRunScript(), 9);
+}
+
+TEST_F(Run, AModuleThatDoesNotLoadEndsTheSequence)
+{
+    m_module = "error('broken')";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(App().OnRunScript(), 2);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("broken"));
+    EXPECT_EQ(Count(InitSnippet), 0u);
+}
+
+TEST_F(Run, AFailedSetUpGoesToStandardErrorAndNotToTheLog)
+{
+    answers().registerLoaderFails = true;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(App().OnRunScript(), 2);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error setting up Lua:\nno loader\n");
+    EXPECT_TRUE(Journal({"Log(", "Lua.RunScript", "Lua.GetErrorInfo"}).empty());
+}
+
+TEST_F(Run, UnitTestsTakeThePlaceOfMain)
+{
+    Access::UnitTestScript(App()) = "tests/all.lua";
+    m_module = "package.preload['tests.vexunit'] = function() return function() return 0 end end return {}";
+    EXPECT_EQ(App().OnRunScript(), 0);
+    EXPECT_EQ(Count(MainSnippet), 0u);
+    EXPECT_EQ(Count(ShutdownSnippet), 1u);
+    ::alarm(0);
+}
+
+TEST_F(Run, FailedUnitTestsSkipShutdown)
+{
+    Access::UnitTestScript(App()) = "tests/all.lua";
+    m_module = "package.preload['tests.vexunit'] = function() return function() return 3 end end return {}";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(App().OnRunScript(), 3);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(Count(ShutdownSnippet), 0u);
+    ::alarm(0);
+}
+
+// ------------------------------------------------------------------------------------------------------ background
+
+TEST_F(Run, TheBackgroundWaitsForATermAndThenCallsShutdown)
+{
+    Access::Background(App()) = true;
+    m_module = "return { shutdown = function() return 4 end }";
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
+    ::pthread_kill(::pthread_self(), SIGTERM); // pending since before `main`, as a stop during `init` would be
+    EXPECT_EQ(App().OnRunScript(), 4);
+    const Lines all = Journal();
+    const auto main = std::find(all.begin(), all.end(), MainSnippet);
+    ASSERT_NE(main, all.end());
+    EXPECT_THAT(Lines(main + 1, all.begin() + (main - all.begin()) + 5),
+                ElementsAre("profiler_idle()", "profiler_running()", "Log(Warning, \"sigwait(): caught signal 15\")",
+                            ShutdownSnippet));
+    EXPECT_FALSE(IsBlocked(SIGTERM)) << "a second stop cuts shutdown short";
+    EXPECT_FALSE(IsBlocked(SIGINT));
+}
+
+TEST_F(Run, TheBackgroundTakesAnIntToo)
+{
+    Access::Background(App()) = true;
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    ::pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+    ::pthread_kill(::pthread_self(), SIGINT);
+    EXPECT_EQ(App().OnRunScript(), 0);
+    EXPECT_EQ(Count("Log(Warning, \"sigwait(): caught signal 2\")"), 1u);
+}
+
+TEST_F(Run, TheBackgroundDoesNotWaitAfterAStatus)
+{
+    Access::Background(App()) = true;
+    for (const char* name : {"init", "main"}) {
+        FakeCore::ClearJournal();
+        m_module = std::string("return { ") + name + " = function() return 3 end }";
+        EXPECT_EQ(App().OnRunScript(), 3);
+        EXPECT_EQ(Count("profiler_idle()") + Count(ShutdownSnippet), 0u);
+        delete Access::Lua(App());
+        Access::Lua(App()) = nullptr;
+    }
+}
+
+TEST_F(Run, TheBackgroundNeverRunsUnitTests)
+{
+    Access::Background(App()) = true;
+    Access::UnitTestScript(App()) = "tests/all.lua";
+    m_module = "return { main = function() return 1 end }";
+    EXPECT_EQ(App().OnRunScript(), 1);
+    EXPECT_EQ(Count(MainSnippet), 1u);
+}
+
+// -------------------------------------------------------------------------------------------------------- signals
+
+TEST_F(Run, SetsTheDispositionsOfTheTable)
+{
+    ASSERT_EQ(App().RunAppInit(), 0);
+    const struct
+    {
+        int signal;
+        void (*handler)(int);
+        int flags;
+    } table[] = {
+        {SIGINT, VexSignalHandler, SA_RESTART},  {SIGTERM, VexSignalHandler, SA_RESTART},
+        {SIGUSR1, VexSignalHandler, SA_RESTART}, {SIGUSR2, VexSignalHandler, SA_RESTART},
+        {SIGALRM, VexSignalHandler, 0},          {VexCore::CRunnable::SigThreadDelete, VexSignalHandler, 0},
+        {SIGHUP, SIG_IGN, SA_RESTART},           {SIGPIPE, SIG_IGN, SA_RESTART},
+    };
+    for (const auto& row : table) {
+        struct sigaction action;
+        ASSERT_EQ(::sigaction(row.signal, nullptr, &action), 0);
+        EXPECT_EQ(action.sa_handler, row.handler) << row.signal;
+        EXPECT_EQ(action.sa_flags & SA_RESTART, row.flags) << row.signal;
+        for (int other = 1; other < 32; ++other)
+            EXPECT_EQ(sigismember(&action.sa_mask, other), 0) << row.signal << " masks " << other;
+    }
+    EXPECT_TRUE(IsBlocked(SIGINT));
+    EXPECT_TRUE(IsBlocked(SIGTERM));
+    EXPECT_FALSE(IsBlocked(SIGALRM));
+    EXPECT_FALSE(IsBlocked(SIGUSR1));
+}
+
+TEST_F(Run, OtherSignalsAreOnlyRemembered)
+{
+    for (const int signal : {SIGUSR1, SIGUSR2, SIGALRM, VexCore::CRunnable::SigThreadDelete}) {
+        VexSignalHandler(signal);
+        EXPECT_EQ(g_last_signal, signal);
+    }
+}
+
+TEST(SignalHandlerDeathTest, TermAndIntEndTheProcessAtOnceWithZero)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(VexSignalHandler(SIGTERM), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(VexSignalHandler(SIGINT), testing::ExitedWithCode(0), "");
+}
+
+// ------------------------------------------------------------------------------------------------------- hand-back
+
+TEST_F(Run, HandsTheStatusBackToTheMainThreadOfTheDefaultApplication)
+{
+    Access::DefaultName(App()) = true;
+    m_module = "return { init = function() return 5 end }";
+    EXPECT_EQ(RunToEnd(), 5);
+    EXPECT_THAT(Journal({"Runnable", "~Runnable", "Exit"}),
+                ElementsAre("Runnable(false, -1, false)", "Runnable.SetDom(dom)",
+                            "Runnable.start(50, true, 0) CScriptThread", "Runnable.requestExit()", "Runnable.join()",
+                            "~Runnable()", "Exit(5)"));
+}
+
+namespace {
+
+// The clean-up works once a process, so these look at a process of their own. It prints the lines and ends well.
+[[noreturn]] void PrintAndEnd(const Lines& prefixes)
+{
+    for (const std::string& line : Journal(prefixes))
+        std::fprintf(stderr, "%s;", line.c_str());
+    std::fflush(stderr);
+    ::_exit(0);
+}
+
+} // namespace
+
+TEST_F(Run, CleansUpOnTheMainThreadAfterTheScriptThreadIsJoined)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    Access::DefaultName(App()) = true;
+    const auto run = [this] {
+        RunToEnd();
+        PrintAndEnd({"Runnable.join", "OpenSSLThreadShutdown", "ShutdownSQLite", "Exit"});
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "Runnable.join..;OpenSSLThreadShutdown..;ShutdownSQLite..;Exit.0.;");
+}
+
+TEST_F(Run, HandsTheStatusBackInTheBackgroundUnderAnyName)
+{
+    Access::Background(App()) = true;
+    App().SetAppName("other");
+    m_module = "return { main = function() return 6 end }";
+    EXPECT_EQ(RunToEnd(), 6);
+    EXPECT_TRUE(Journal({"ExitProcessFromThread"}).empty());
+}
+
+TEST_F(Run, HandsNegativeAndLargeStatusesBack)
+{
+    Access::DefaultName(App()) = true;
+    m_module = "return { init = function() return -7 end }";
+    EXPECT_EQ(RunToEnd(), -7);
+    delete Access::Lua(App());
+    Access::Lua(App()) = nullptr;
+    m_module = "return { init = function() return 256 end }";
+    EXPECT_EQ(RunToEnd(), 256);
+}
+
+TEST_F(Run, NeverLosesAStatusOrHangs)
+{
+    Access::DefaultName(App()) = true;
+    answers().onRunScript = nullptr;
+    answers().runScriptStatus = 5;
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_EQ(RunToEnd(), 5) << i;
+        delete Access::Lua(App());
+        Access::Lua(App()) = nullptr;
+        FakeCore::ClearJournal();
+    }
+    testing::internal::GetCapturedStderr();
+}
+
+TEST_F(Run, BlocksIntAndTermInBothThreads)
+{
+    Access::DefaultName(App()) = true;
+    bool blockedInScript = false;
+    answers().onRunScript = [this, &blockedInScript] {
+        DefineModule();
+        blockedInScript = IsBlocked(SIGINT) && IsBlocked(SIGTERM);
+    };
+    EXPECT_EQ(RunToEnd(), 0);
+    EXPECT_TRUE(blockedInScript);
+    EXPECT_TRUE(IsBlocked(SIGINT));
+    EXPECT_TRUE(IsBlocked(SIGTERM));
+}
+
+TEST_F(Run, TheLoopsDescriptorsAreNotInheritedByWhatTheScriptStarts)
+{
+    Access::DefaultName(App()) = true;
+    Lines open;
+    answers().onRunScript = [this, &open] {
+        DefineModule();
+        for (int descriptor = 3; descriptor < 200; ++descriptor) {
+            const int flags = ::fcntl(descriptor, F_GETFD);
+            if (flags >= 0 && (flags & FD_CLOEXEC) == 0)
+                open.push_back(std::to_string(descriptor));
+        }
+    };
+    const int dirt = ::dup(0);
+    EXPECT_EQ(RunToEnd(), 0);
+    ::close(dirt);
+    EXPECT_TRUE(open.empty()) << open.front();
+}
+
+TEST_F(Run, AThreadThatCannotBeStartedEndsTheRunWithMinusOne)
+{
+    Access::DefaultName(App()) = true;
+    answers().threads = FakeCore::EThreads::CannotStart;
+    EXPECT_EQ(RunToEnd(), -1);
+    EXPECT_THAT(Journal({"Runnable.", "Exit"}),
+                ElementsAre("Runnable.SetDom(dom)", "Runnable.start(50, true, 0) CScriptThread", "Runnable.requestExit()",
+                            "Runnable.join()", "Exit(-1)"));
+}
+
+TEST_F(Run, AnExceptionOnTheScriptThreadIsReportedAndEndsTheRunWithMinusOne)
+{
+    Access::DefaultName(App()) = true;
+    answers().tracedModules = {"Appl"};
+    answers().onRunScript = [] { throw std::runtime_error("boom"); };
+    EXPECT_EQ(RunToEnd(), -1);
+    const Lines lines = Journal({"Trace(\"Appl\", \"OnUnhandledException"});
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_THAT(lines[1], HasSubstr("boom"));
+}
+
+TEST_F(Run, AnExceptionOnTheScriptThreadIsSilentWhenNothingIsTraced)
+{
+    Access::DefaultName(App()) = true;
+    answers().onRunScript = [] { throw 42; };
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(RunToEnd(), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_TRUE(Journal({"Log(", "Trace("}).empty());
+}
+
+namespace {
+
+// Ends the main loop once the script thread has ended the process, as far as the fake core lets it.
+class CLoopEnder : public wxTimer
+{
+public:
+    CLoopEnder() { Start(2); }
+    void Notify() override
+    {
+        if (!Journal({"ExitProcessFromThread"}).empty())
+            wxTheApp->ExitMainLoop();
+    }
+};
+
+} // namespace
+
+TEST_F(Run, AnotherApplicationInTheForegroundEndsTheProcessFromItsThread)
+{
+    App().SetAppName("other");
+    m_module = "return { init = function() return 5 end }";
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto run = [this] {
+        CLoopEnder ender;
+        RunToEnd();
+        PrintAndEnd({"OpenSSLThreadShutdown", "ShutdownSQLite", "ExitProcessFromThread", "Runnable.requestExit"});
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0),
+                "OpenSSLThreadShutdown..;ShutdownSQLite..;ExitProcessFromThread.5.;Runnable.requestExit..;");
+}
+
+TEST_F(Run, AnotherApplicationEndsTheProcessWithMinusOneAfterAnException)
+{
+    App().SetAppName("other");
+    answers().onRunScript = [] { throw 42; };
+    CLoopEnder ender;
+    RunToEnd();
+    EXPECT_EQ(Count("ExitProcessFromThread(-1)"), 1u);
+}
+
+// --------------------------------------------------------------------------------- an exception in the main loop
+
+namespace {
+
+class CThrower : public wxTimer
+{
+public:
+    CThrower() { StartOnce(1); }
+    void Notify() override { throw std::runtime_error("out of an event handler"); }
+};
+
+} // namespace
+
+TEST_F(Run, AnExceptionOutOfAnEventHandlerLeavesOnceTheScriptThreadHasEnded)
+{
+    Access::DefaultName(App()) = true;
+    answers().onRunScript = [this] {
+        DefineModule();
+        ::usleep(20000); // so that the handler comes first
+    };
+    CThrower thrower;
+    EXPECT_THROW(App().RunScriptThread(), std::runtime_error);
+    EXPECT_THAT(Journal({"Runnable.requestExit", "Runnable.join", "~Runnable", "Exit"}),
+                ElementsAre("Runnable.requestExit()", "Runnable.join()", "~Runnable()"));
+}
+
+// ------------------------------------------------------------------------------------------------------------ OnRun
+
+TEST_F(Run, TheForegroundRaisesTheLogLevel)
+{
+    Access::DefaultName(App()) = true;
+    wxLog::SetLogLevel(wxLOG_Info);
+    EXPECT_THROW(App().OnRun(), CEnded);
+    EXPECT_EQ(wxLog::GetLogLevel(), wxLogLevel(wxLOG_Max));
+    EXPECT_TRUE(Journal({"ReadPidFile", "Fork", "TakeInstanceLock"}).empty());
+}
+
+TEST_F(Run, TheBackgroundChildKeepsTheLogLevelAndRunsTheScript)
+{
+    Access::Background(App()) = true;
+    wxLog::SetLogLevel(wxLOG_Info);
+    m_system.forks = {0, 0, 0};
+    m_module = "return { init = function() return 8 end }";
+    EXPECT_THROW(App().OnRun(), CEnded);
+    EXPECT_EQ(wxLog::GetLogLevel(), wxLogLevel(wxLOG_Info));
+    EXPECT_EQ(Count("Exit(8)"), 1u);
+}
+
+TEST_F(Run, TheSupervisorReturnsItsStatusAndStartsNoThread)
+{
+    Access::Background(App()) = true;
+    m_system.forks = {0, 0};
+    m_system.ChildEnds(7 << 8);
+    EXPECT_EQ(App().OnRun(), 7);
+    EXPECT_TRUE(Journal({"Runnable"}).empty());
+}
