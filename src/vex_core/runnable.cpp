@@ -48,6 +48,7 @@ struct Registry
 struct CRunnable::Impl
 {
     enum class EState { New, Running, Ended };
+    enum class EJoin { NotYet, Running, Done };
 
     CDom* dom = nullptr; // set before the thread starts
     bool takesPartInStop = false; // the same
@@ -57,8 +58,7 @@ struct CRunnable::Impl
     std::mutex lock;
     std::condition_variable ended;
     EState state = EState::New; // guarded by lock
-    bool joined = false; // guarded by lock; the system's thread is gone
-    std::mutex joinLock; // held while the system's thread is joined, which only one thread may do
+    EJoin join = EJoin::NotYet; // guarded by lock; whether the system's thread is gone
 };
 
 CRunnable::CRunnable(bool detached, int processor, bool critical)
@@ -133,7 +133,7 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
     {
         const std::lock_guard<std::mutex> lock(m_impl->lock);
         m_impl->state = Impl::EState::Ended;
-        m_impl->joined = true;
+        m_impl->join = Impl::EJoin::Done;
     }
     wxLogError("Thread \"%s\" could not be started: the system has no room for one more.", GetThreadName());
     return false;
@@ -194,25 +194,26 @@ void CRunnable::requestExit()
 
 bool CRunnable::join(long timeoutMs)
 {
-    {
-        std::unique_lock<std::mutex> lock(m_impl->lock);
-        const auto hasEnded = [this] { return m_impl->state != Impl::EState::Running; };
-        if (timeoutMs < 0)
-            m_impl->ended.wait(lock, hasEnded);
-        else if (!m_impl->ended.wait_for(lock, std::chrono::milliseconds(timeoutMs), hasEnded))
-            return false;
-        if (m_impl->state == Impl::EState::New || m_impl->joined)
-            return true;
+    Impl& impl = *m_impl;
+    std::unique_lock<std::mutex> lock(impl.lock);
+    const auto hasEnded = [&] { return impl.state != Impl::EState::Running; };
+    if (timeoutMs < 0)
+        impl.ended.wait(lock, hasEnded);
+    else if (!impl.ended.wait_for(lock, std::chrono::milliseconds(timeoutMs), hasEnded))
+        return false;
+    if (impl.state == Impl::EState::New)
+        return true;
+
+    // One thread joins; the others wait for it. No lock is held meanwhile: wx takes one of its own on the main thread.
+    if (impl.join == Impl::EJoin::NotYet) {
+        impl.join = Impl::EJoin::Running;
+        lock.unlock();
+        wxThread::Wait();
+        lock.lock();
+        impl.join = Impl::EJoin::Done;
+        impl.ended.notify_all();
     }
-    const std::lock_guard<std::mutex> joining(m_impl->joinLock);
-    {
-        const std::lock_guard<std::mutex> lock(m_impl->lock);
-        if (m_impl->joined)
-            return true;
-    }
-    wxThread::Wait();
-    const std::lock_guard<std::mutex> lock(m_impl->lock);
-    m_impl->joined = true;
+    impl.ended.wait(lock, [&] { return impl.join == Impl::EJoin::Done; });
     return true;
 }
 

@@ -1,0 +1,139 @@
+#include "vex/core/processexit.h"
+
+#include "vex/core/luainterpreter.h"
+#include "vex/core/runnable.h"
+#include "vex_core/wait.h"
+#include "vex_core/workers.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+
+#include <gtest/gtest.h>
+#include <wx/app.h>
+#include <wx/evtloop.h>
+#include <wx/sstream.h>
+
+using namespace VexCore;
+
+namespace {
+
+class Thread : public CRunnable
+{
+public:
+    explicit Thread(std::function<void()> body) : CRunnable(false, -1, false), m_body(std::move(body)) {}
+
+protected:
+    void OnRun() override { m_body(); }
+
+private:
+    std::function<void()> m_body;
+};
+
+/// Starts threads that are never destroyed: the process ends while they run.
+void Launch(std::function<void()> body, bool takesPartInStop)
+{
+    auto* thread = new Thread(std::move(body));
+    thread->start(50, takesPartInStop, 0);
+}
+
+void ServeLoop()
+{
+    wxEventLoop loop;
+    wxEventLoopActivator activator(&loop);
+    loop.Run();
+}
+
+class ProcessExitTest : public ::testing::Test
+{
+protected:
+    ProcessExitTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+
+    /// Says on standard error that `exit` ran its handlers, and so its destructors.
+    static void TellAtExit()
+    {
+        std::atexit([] { std::fputs("handlers ran", stderr); });
+    }
+};
+
+TEST_F(ProcessExitTest, MainThreadExitsAsUsual)
+{
+    EXPECT_EXIT((TellAtExit(), ExitProcessFromThread(3)), ::testing::ExitedWithCode(3), "handlers ran");
+}
+
+TEST_F(ProcessExitTest, AnotherThreadParksTheMainThreadInItsLoop)
+{
+    EXPECT_EXIT(
+        {
+            TellAtExit();
+            Launch([] { ExitProcessFromThread(4); }, true);
+            ServeLoop();
+            std::fputs("main came back", stderr);
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(4), "^handlers ran$");
+}
+
+TEST_F(ProcessExitTest, ExitOfALuaScriptDoesTheSame)
+{
+    EXPECT_EXIT(
+        {
+            TellAtExit();
+            Launch(
+                [] {
+                    CLuaInterpreter lua(false, L"exit", true);
+                    wxStringInputStream in("os.exit(6)");
+                    lua.RunScript(in, 0, 0, "exit", nullptr);
+                },
+                true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(6), "^handlers ran$");
+}
+
+TEST_F(ProcessExitTest, MainThreadThatWaitsForThreadsToEndIsParkedThere)
+{
+    EXPECT_EXIT(
+        {
+            Launch(
+                [] {
+                    while (!CRunnable::Current()->TestDestroy())
+                        WaitPoint::OfThisThread().Sleep(-1);
+                    ExitProcessFromThread(5);
+                },
+                true);
+            StopAllWorkers(60000);
+            std::fputs("main came back", stderr);
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(5), "");
+}
+
+TEST_F(ProcessExitTest, NoDestructorRunsUnderAnotherThreadOfOurs)
+{
+    EXPECT_EXIT(
+        {
+            TellAtExit();
+            std::printf("flushed");
+            Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
+            Launch([] { ExitProcessFromThread(7); }, true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(7), "^$");
+}
+
+TEST_F(ProcessExitTest, FirstOfSeveralExitsCounts)
+{
+    EXPECT_EXIT(
+        {
+            for (int i = 0; i < 8; ++i)
+                Launch([] { ExitProcessFromThread(8); }, true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(8), "");
+}
+
+} // namespace
