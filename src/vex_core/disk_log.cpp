@@ -140,6 +140,7 @@ void DiskLog::AfterForkInChild()
     m_held.clear();
     m_heldBytes = 0;
     m_lost = 0;
+    m_inode = 0; // to be opened anew: the position of an open file is shared with the parent, and we ask for it
     m_lock.unlock();
 }
 
@@ -165,7 +166,16 @@ bool DiskLog::TryWrite(const std::string& record)
 {
     if (m_path.empty() || !MakeReady(record.size()))
         return false;
-    const std::string bytes = EndsInsideLine() ? '\n' + record : record;
+    const bool piece = m_size != m_cleanEnd && IsInsideLine(m_size);
+    const std::string bytes = piece ? '\n' + record : record;
+    if (!WriteBytes(bytes))
+        return false;
+    m_troubled = false;
+    return !WasGlued(bytes.size()) || WriteBytes(record);
+}
+
+bool DiskLog::WriteBytes(const std::string& bytes)
+{
     ssize_t count = os::fileCalls.write(m_descriptor, bytes.data(), bytes.size());
     if (count > 0 && std::size_t(count) < bytes.size()) {
         // The disk is full, or was for a moment. The rest belongs right behind.
@@ -173,24 +183,31 @@ bool DiskLog::TryWrite(const std::string& record)
         const ssize_t more = os::fileCalls.write(m_descriptor, bytes.data() + count, rest);
         count = more < 0 ? more : count + more;
     }
-    if (count != ssize_t(bytes.size())) {
-        Fail(count < 0 ? errno : ENOSPC);
-        return false;
-    }
-    m_cleanEnd = m_size + off_t(bytes.size());
-    m_troubled = false;
-    return true;
+    if (count == ssize_t(bytes.size()))
+        return true;
+    Fail(count < 0 ? errno : ENOSPC);
+    return false;
 }
 
-/// Whether the file ends with a piece of a record: of ours, when the disk was full in the middle of it, or of a process that
-/// was killed while the system copied its record. The next record then begins on a line of its own. A look at the
-/// wrong moment, while another process's record is being copied, costs an empty line and nothing else.
-bool DiskLog::EndsInsideLine() const
+/// Whether a record that is written at `place` would stand behind a piece of another: of ours, when the disk was full in the
+/// middle of it, or of a process that was killed while the system copied its record. A look at the wrong moment, while
+/// a record is being copied, costs an empty line and nothing else.
+bool DiskLog::IsInsideLine(off_t place) const
 {
-    char last = '\n';
-    if (m_size > 0 && m_size != m_cleanEnd)
-        os::PReadFull(m_descriptor, &last, 1, m_size - 1);
-    return last != '\n';
+    char before = '\n';
+    if (place > 0)
+        os::PReadFull(m_descriptor, &before, 1, place - 1);
+    return before != '\n';
+}
+
+/// Whether the record of `size` bytes that was just written went behind such a piece nevertheless, because its writer was
+/// killed between our look at the file and our write. Then it has to be written again, on a line of its own.
+bool DiskLog::WasGlued(std::size_t size)
+{
+    const off_t end = os::FilePosition(m_descriptor);
+    const off_t begin = end - off_t(size);
+    m_cleanEnd = end;
+    return begin > 0 && begin != m_size && IsInsideLine(begin);
 }
 
 void DiskLog::Hold(const std::string& record, bool shown)

@@ -80,7 +80,9 @@ private:
     bool WriteHeld();
     bool TryWrite(const std::string& record);
     bool MakeReady(std::size_t size);
-    bool EndsInsideLine() const;
+    bool WriteBytes(const std::string& bytes);
+    bool IsInsideLine(off_t place) const;
+    bool WasGlued(std::size_t size);
     bool Open();
     bool IsOpenFile(const struct stat& status) const;
     bool Rotate();

@@ -3,6 +3,8 @@
 
 #include <cstddef>
 
+#include <sys/types.h>
+
 namespace VexCore::os {
 
 /// Locks the whole of an open file for this process, without waiting. False: another process has it, or locks do not work
@@ -11,6 +13,9 @@ bool TryLockFile(int descriptor);
 
 /// Makes `descriptor` lead where `from` leads, close-on-exec, and closes `from`. False with errno; then `from` stays open.
 bool ReplaceDescriptor(int from, int descriptor);
+
+/// Where the last write through `descriptor` ended; -1 with errno.
+off_t FilePosition(int descriptor);
 
 bool IsTerminal(int descriptor);
 

@@ -25,6 +25,11 @@ bool ReplaceDescriptor(int from, int descriptor)
     return true;
 }
 
+off_t FilePosition(int descriptor)
+{
+    return ::lseek(descriptor, 0, SEEK_CUR);
+}
+
 bool IsTerminal(int descriptor)
 {
     const int error = errno;
