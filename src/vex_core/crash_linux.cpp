@@ -34,6 +34,7 @@ constexpr std::uint64_t maxFullBytes = std::uint64_t(8) << 30;
 std::uint64_t pageBytes = 4096;
 std::uint8_t processors = 0;
 struct utsname systemName;
+std::uint64_t environmentStart = 0; // the texts lie above the main thread's stack, in one mapping with it; 0: not there
 
 // Too large for a small stack; the crashed thread alone gets here.
 Minidump::Thread threadRecords[maxCrashThreads];
@@ -143,7 +144,10 @@ private:
             return Minidump::MemoryDescriptor();
         const std::uint64_t low = stackPointer > redZoneBytes ? stackPointer - redZoneBytes : 0;
         const std::uint64_t start = std::max(range->start, low & ~(pageBytes - 1));
-        return AddMemory(start, std::min(range->end, start + stackBytes));
+        std::uint64_t end = std::min(range->end, start + stackBytes);
+        if (start < environmentStart && environmentStart < end)
+            end = environmentStart;
+        return AddMemory(start, end);
     }
 
     Minidump::MemoryDescriptor AddMemory(std::uint64_t start, std::uint64_t end)
@@ -231,7 +235,7 @@ private:
         m_writer.AddStream(Minidump::MiscInfoStream, m_writer.Append(&record, sizeof record));
     }
 
-    // The environment is left out on purpose: it is where secrets are passed.
+    // The environment is left out on purpose, here and above the main thread's stack: it is where secrets are passed.
     void AddFiles()
     {
         constexpr std::size_t maxBytes = 4 << 20;
@@ -296,10 +300,26 @@ int OpenNew(const char* path)
     return open(path, flags, 0600);
 }
 
+// Lowest of the environment's texts that the kernel laid out; those changed since are elsewhere.
+std::uint64_t FindEnvironmentStart()
+{
+    constexpr std::uint64_t reach = 64 << 20;
+    const int local = 0;
+    const std::uint64_t here = reinterpret_cast<std::uintptr_t>(&local);
+    std::uint64_t lowest = 0;
+    for (char** text = environ; text != nullptr && *text != nullptr; ++text) {
+        const std::uint64_t at = reinterpret_cast<std::uintptr_t>(*text);
+        if (at > here && at - here < reach && (lowest == 0 || at < lowest))
+            lowest = at;
+    }
+    return lowest;
+}
+
 } // namespace
 
 void PrepareCrashDump()
 {
+    environmentStart = FindEnvironmentStart();
     pageBytes = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
     processors = static_cast<std::uint8_t>(std::clamp(sysconf(_SC_NPROCESSORS_ONLN), 0L, 255L));
     uname(&systemName);

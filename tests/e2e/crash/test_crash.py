@@ -1,0 +1,207 @@
+"""What a crash leaves behind: a minidump that a debugger opens, one line in the log and on standard error, and the signal's own
+end of the process."""
+import os
+import re
+import resource
+import shutil
+import signal
+import subprocess
+
+import pytest
+
+import conftest
+from minidump import Minidump
+
+CHILD = os.path.join(conftest.BUILD, "tests", "crash_child")
+# A sanitizer's run time takes crash signals and memory for itself, and its shadow is no memory to be dumped.
+pytestmark = pytest.mark.skipif(conftest.SANITIZED, reason="the sanitizer has crash handlers of its own")
+
+
+class Crash:
+    def __init__(self, folder, way, *more, dump=None, **options):
+        self.folder = str(folder)
+        self.dump = dump or os.path.join(self.folder, "diag", "child.mdmp")
+        self.work = os.path.join(self.folder, "work")
+        os.makedirs(self.work, exist_ok=True)
+        run = subprocess.run([CHILD, way, self.dump, self.work, *more], stdin=subprocess.DEVNULL, capture_output=True,
+                             timeout=conftest.PATIENCE, **options)
+        self.status, self.err = run.returncode, run.stderr.decode()
+        with open(os.path.join(self.work, "crash_child.log")) as file:
+            self.log = file.read().splitlines()
+
+    def minidump(self):
+        return Minidump(self.dump)
+
+
+@pytest.mark.parametrize("way, number, text", [
+    ("null", signal.SIGSEGV, r"signal 11 \(SIGSEGV at address 0x0\)"),
+    ("abort", signal.SIGABRT, r"signal 6 \(SIGABRT\)"),
+    ("division", signal.SIGFPE, r"signal 8 \(SIGFPE at address 0x[0-9a-f]+\)"),
+    ("trap", signal.SIGILL, r"signal 4 \(SIGILL at address 0x[0-9a-f]+\)"),
+    ("sent", signal.SIGBUS, r"signal 7 \(SIGBUS\)"),
+    ("thread", signal.SIGSEGV, r"signal 11 \(SIGSEGV at address 0x0\)"),
+    ("overflow", signal.SIGSEGV, r"signal 11 \(SIGSEGV at address 0x[0-9a-f]+\)"),
+    ("main-overflow", signal.SIGSEGV, r"signal 11 \(SIGSEGV at address 0x[0-9a-f]+\)"),
+    ("many", signal.SIGSEGV, r"signal 11 \(SIGSEGV at address 0x0\)"),
+])
+def test_each_crash_ends_by_its_signal_with_a_dump_and_one_line(tmp_path, way, number, text):
+    crash = Crash(tmp_path, way)
+    assert crash.status == -number
+    line = rf"crash_child crashed: {text}, thread \d+; crash dump: {re.escape(crash.dump)}"
+    assert re.fullmatch(line + "\n", crash.err), crash.err
+    assert len(crash.log) == 2, crash.log
+    assert re.fullmatch(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d FATAL \[\d+/(main|thread \d+)\] " + line, crash.log[1])
+    assert os.stat(crash.dump).st_mode & 0o777 == 0o600
+    assert os.stat(os.path.dirname(crash.dump)).st_mode & 0o777 == 0o700, "the missing folder was made for the owner alone"
+    assert os.listdir(os.path.dirname(crash.dump)) == ["child.mdmp"]
+
+
+def test_dump_has_threads_stacks_modules_and_the_system(tmp_path):
+    crash = Crash(tmp_path, "thread")
+    dump = crash.minidump()
+    thread, number, address = dump.exception()
+    assert (number, address) == (signal.SIGSEGV, 0)
+    threads = dump.threads()
+    assert len(threads) == 2 and thread in threads and dump.process() in threads and thread != dump.process()
+    for start, size, rsp, rip in threads.values():
+        assert start <= rsp < start + size and rip != 0
+    modules = dump.modules()
+    own = modules[os.path.realpath(CHILD)]
+    assert own[0] <= threads[thread][3] < own[0] + own[1], "the crash is in the program itself"
+    assert any("/libc.so.6" in name for name in modules)
+    notes = subprocess.run(["readelf", "-n", CHILD], capture_output=True, text=True, check=True).stdout
+    assert re.search(r"Build ID: (\w+)", notes).group(1) == own[2].hex()
+    assert b"crash_child\0thread\0" in dump.bytes("cmdline")
+    assert b"libc.so.6" in dump.bytes("maps") and b"processor" in dump.bytes("cpuinfo")
+    assert f"Pid:\t{dump.process()}".encode() in dump.bytes("status")
+    assert len(dump.bytes("auxv")) % 16 == 0
+    assert "memory64" not in dump.streams
+
+
+def test_environment_stays_out_of_the_dump_unless_it_is_full(tmp_path):
+    environment = {"PASSWORD": "swordfish", "PATH": os.environ["PATH"]}
+    assert b"swordfish" not in Crash(tmp_path, "null", env=environment).minidump().data
+    assert b"swordfish" in Crash(tmp_path, "null", "full", env=environment).minidump().data
+
+
+def test_full_dump_holds_all_memory(tmp_path):
+    crash = Crash(tmp_path, "null", "full")
+    dump = crash.minidump()
+    base, ranges = dump.memory64()
+    assert base + sum(size for _, size in ranges) <= len(dump.data)
+    heap = re.search(r"^(\w+)-(\w+) rw.*\[heap\]$", dump.bytes("maps").decode(), re.M)
+    assert (int(heap[1], 16), int(heap[2], 16) - int(heap[1], 16)) in ranges
+    offset = base
+    for start, size in ranges:
+        if start == int(heap[1], 16):
+            assert crash.dump.encode() in dump.data[offset:offset + size], "a text of the program's is in its heap"
+        offset += size
+
+
+def lldb(dump, *commands):
+    if shutil.which("lldb") is None:
+        pytest.skip("NO LLDB HERE: the dump was not opened by a debugger")
+    arguments = ["lldb", "--no-lldbinit", "--batch"]
+    for command in commands:
+        arguments += ["-o", command]
+    run = subprocess.run([*arguments, "-c", dump, CHILD], stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=180)
+    return run.stdout
+
+
+def test_debugger_shows_the_crashing_frame_of_a_null_pointer(tmp_path):
+    text = lldb(Crash(tmp_path, "null").dump, "thread backtrace", "image list")
+    assert re.search(r"thread #1.*stop reason = signal SIGSEGV", text), text
+    assert re.search(r"frame #0: .*CrashOnNull", text), text
+    assert re.search(r"frame #\d: .*`main", text), text
+    assert re.search(r"\[ *\d+\] .*crash_child", text) and "libc.so.6" in text, text
+
+
+def test_debugger_shows_an_abort(tmp_path):
+    text = lldb(Crash(tmp_path, "abort").dump, "thread backtrace")
+    assert "stop reason = signal SIGABRT" in text and re.search(r"frame #\d: .*CrashByAbort", text), text
+
+
+def test_debugger_shows_both_threads_of_a_crash_in_the_second(tmp_path):
+    text = lldb(Crash(tmp_path, "thread").dump, "thread list", "thread backtrace all")
+    assert re.search(r"frame #0: .*CrashOnNull", text), text
+    assert re.search(r"frame #\d+: .*WaitInMain", text), text
+    assert re.search(r"frame #\d+: .*Crasher::OnRun", text), text
+
+
+def test_debugger_shows_an_overflown_stack_of_a_thread(tmp_path):
+    text = lldb(Crash(tmp_path, "overflow").dump, "thread backtrace -c 5", "thread backtrace all")
+    assert re.search(r"thread #1.*stop reason = signal SIGSEGV", text), text
+    assert re.search(r"frame #0: .*CrashByRecursion", text) and re.search(r"frame #4: .*CrashByRecursion", text), text
+    assert re.search(r"frame #\d+: .*WaitInMain", text), text
+
+
+def test_debugger_reads_a_variable_out_of_a_full_dump(tmp_path):
+    crash = Crash(tmp_path, "null", "full")
+    assert crash.dump in lldb(crash.dump, "target variable dumpFile")
+
+
+def test_crash_inside_the_handler_still_ends_by_the_first_signal(tmp_path):
+    crash = Crash(tmp_path, "nested")
+    assert crash.status == -signal.SIGABRT
+    assert "(the crash handler crashed as well)" in crash.err and len(crash.log) == 2
+    assert os.listdir(os.path.dirname(crash.dump)) == []
+
+
+def test_folder_that_cannot_be_made_is_told(tmp_path):
+    (tmp_path / "file").write_text("in the way")
+    crash = Crash(tmp_path, "null", dump=str(tmp_path / "file" / "diag" / "child.mdmp"))
+    assert crash.status == -signal.SIGSEGV
+    assert re.search(r"no crash dump could be written to .* \(error 20: Not a directory\)\n$", crash.err), crash.err
+    assert "no crash dump could be written" in crash.log[1]
+
+
+def test_earlier_dump_is_replaced_whole_or_kept(tmp_path):
+    first = Crash(tmp_path, "null")
+    Crash(tmp_path, "abort")
+    assert first.minidump().exception()[1] == signal.SIGABRT
+
+    def small_files_only():
+        resource.setrlimit(resource.RLIMIT_FSIZE, (8192, 8192))
+
+    before = open(first.dump, "rb").read()
+    crash = Crash(tmp_path, "null", preexec_fn=small_files_only)
+    assert crash.status == -signal.SIGSEGV and "error 27: File too large" in crash.err
+    assert open(first.dump, "rb").read() == before
+    assert os.listdir(os.path.dirname(first.dump)) == ["child.mdmp"]
+
+
+@pytest.mark.sandbox
+def test_full_disk_is_told_and_leaves_nothing(tmp_path):
+    folder = tmp_path / "diag"
+    folder.mkdir()
+    conftest.mount_tmpfs(str(folder), b"size=8k")
+    try:
+        crash = Crash(tmp_path, "null")
+        assert crash.status == -signal.SIGSEGV
+        assert "error 28: No space left on device" in crash.err and "error 28" in crash.log[1]
+        assert os.listdir(folder) == []
+    finally:
+        conftest.unmount(str(folder))
+
+
+def test_handler_works_when_the_log_and_standard_error_are_gone(tmp_path):
+    crash = Crash(tmp_path, "null", preexec_fn=lambda: os.close(2))
+    assert crash.status == -signal.SIGSEGV
+    assert crash.minidump().exception()[1] == signal.SIGSEGV
+
+
+def test_handler_allocates_nothing(tmp_path):
+    """Between the crash signal and the end no system call asks for memory."""
+    if shutil.which("strace") is None:
+        pytest.skip("NO STRACE HERE")
+    trace = tmp_path / "trace"
+    work = tmp_path / "work"
+    work.mkdir()
+    subprocess.run(["strace", "-f", "-o", trace, CHILD, "thread", tmp_path / "x.mdmp", work], stdin=subprocess.DEVNULL,
+                   capture_output=True, timeout=conftest.PATIENCE)
+    lines = trace.read_text().splitlines()
+    start = next(i for i, line in enumerate(lines) if "--- SIGSEGV" in line)
+    crashed = lines[start].split()[0]
+    calls = {match.group(1) for line in lines[start:] if (match := re.match(crashed + r"\s+(\w+)\(", line))}
+    assert {"pwrite64", "rename", "tgkill"} <= calls
+    assert not calls & {"brk", "mmap", "mmap2", "mremap", "munmap", "futex", "clone", "clone3", "fork", "vfork", "execve"}, calls
