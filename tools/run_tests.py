@@ -7,6 +7,7 @@ tests leave a JUnit file; the last line adds up what those files say.
 import argparse
 import glob
 import os
+import platform
 import subprocess
 import sys
 import time
@@ -55,6 +56,23 @@ def end_to_end(name, stage, build_dir, environment, *selection):
                                 f"--junitxml={file}", *selection, "tests/e2e"], [file], env, 3600)
 
 
+def lua(preset, stage, environment):
+    """The Lua tests in the launcher's unit-test mode, once with the sources and once with the packed archives."""
+    packages = os.path.join(ROOT, "build", preset, "packages")
+    network = f"Agent-Network-{platform.system()}-10.0.0-4015.{platform.machine()}.vxp"
+    sources = ("lua/?.lua", "lua/?/init.lua", "lua/plugins/?.lua", "tests/lua/?.lua")
+    origins = {
+        "source": ["--lua_path", ";".join(os.path.join(ROOT, template) for template in sources)],
+        "archives": ["--lua_path", os.path.join(ROOT, "tests/lua/?.lua"), "--extdir", os.path.join(packages, "ext"),
+                     "--zippath", os.path.join(packages, network)],
+    }
+    for origin, arguments in origins.items():
+        file = result_file(f"lua-{preset}-{origin}")
+        yield Step(f"Lua {preset} {origin}", [os.path.join(ROOT, stage, "vx_agent"), "--workdir", os.path.join(OUT, "lua-work"),
+                                              *arguments, "--unittest", "tests/lua/**/*_test.lua", "--", "--output", "junit",
+                                              "--name", file], [file], environment)
+
+
 def fuzz(seconds):
     """Each target from its seeds for some seconds; new inputs go to the build tree, never into the corpus."""
     for target in sorted(glob.glob(os.path.join(ROOT, "tests/fuzz/*_fuzz.cpp"))):
@@ -71,16 +89,19 @@ def steps(full):
     full_env = {"VEX_FULL": "1"} if full else {}
     sanitized = dict(SANITIZER_OPTIONS, **full_env, VEX_SANITIZED="1")
     yield Step("house rules", [PYTHON, "tools/tidy"])
-    yield Step("luacheck", ["luacheck", "--quiet", "lua", "tests/lua"])
+    yield Step("luacheck", ["luacheck", "--quiet", "lua", "tests/lua", "docs/examples"])
     yield build("release")
     yield from unit("release", full_env)
+    yield from lua("release", "build/stage", full_env)
     yield end_to_end("release", "build/stage", "build/release", full_env)
     yield build("asan")
     yield from unit("asan", sanitized)
+    yield from lua("asan", "build/asan/stage", sanitized)
     yield end_to_end("asan", "build/asan/stage", "build/asan", sanitized, *([] if full else ["-m", "fast"]))
     yield from fuzz(lambda parser: 60 if parser in ("zip_reader", "unzip") else 10)
     yield build("tsan")
     yield from unit("tsan", sanitized)
+    yield from lua("tsan", "build/tsan/stage", sanitized)
     yield end_to_end("tsan", "build/tsan/stage", "build/tsan", sanitized, "-m", "fast")
     if full:
         for preset in ("debug", "clang"):

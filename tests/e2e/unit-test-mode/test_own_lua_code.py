@@ -15,7 +15,6 @@ def package(name, kind):
     return glob.glob(f"{BUILD}/packages/Agent-{name}-*.{kind}")[0]
 
 
-@pytest.mark.fast
 @pytest.mark.parametrize("origin", ["source", "archives"])
 def test_the_projects_lua_code_passes_its_tests(tree, origin):
     if origin == "source":
