@@ -26,7 +26,7 @@ namespace {
 #ifdef VEX_SMALL_LIMITS
 constexpr std::uint64_t writeAtBytes = 4096;
 #else
-constexpr std::uint64_t writeAtBytes = 256 * 1024;
+constexpr std::uint64_t writeAtBytes = 8 * 1024 * 1024;
 #endif
 constexpr std::int64_t writeAfterMs = 2000;
 /// A cache file is never larger; where it would be, it starts anew with what is wanted now.
@@ -372,8 +372,8 @@ bool ParseIndex(std::string_view index, const Header& parsed, std::vector<ChunkR
         record.chunkLength = Load32(at + 24);
         record.checksum = Load32(at + 28);
         const std::uint64_t length = std::uint64_t(record.nameLength) + record.chunkLength;
-        const bool sorted = records.empty() || records.back().nameHash <= record.nameHash;
-        if (!sorted || record.archiveLength > record.nameLength || record.offset < dataAt
+        const bool inOrder = records.empty() || records.back().nameHash <= record.nameHash;
+        if (!inOrder || record.archiveLength > record.nameLength || record.offset < dataAt
             || record.offset > parsed.fileBytes || length > parsed.fileBytes - record.offset) {
             records.clear();
             return false;
@@ -505,6 +505,44 @@ bool ChunkCache::LoadIndex()
     return true;
 }
 
+bool ChunkCache::Find(const std::string& name, std::string& buffer, std::string_view& chunk)
+{
+    bool opened = false;
+    bool found = false;
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        if (!m_loaded)
+            opened = LoadIndex();
+        found = FindWaiting(name, buffer, chunk) || FindOnDisk(name, buffer, chunk);
+    }
+    if (opened)
+        Caches::Process().Opened(weak_from_this().lock());
+    return found;
+}
+
+bool ChunkCache::FindWaiting(const std::string& name, std::string& buffer, std::string_view& chunk) const
+{
+    if (m_pending.empty())
+        return false;
+    const auto waiting = m_pending.find(name);
+    if (waiting == m_pending.end())
+        return false;
+    buffer.assign(m_pendingData, waiting->second.offset, waiting->second.length);
+    chunk = buffer;
+    return true;
+}
+
+bool ChunkCache::FindOnDisk(const std::string& name, std::string& buffer, std::string_view& chunk)
+{
+    const std::uint64_t hash = HashName(name);
+    auto record = std::lower_bound(m_records.begin(), m_records.end(), hash,
+                                   [](const ChunkRecord& item, std::uint64_t value) { return item.nameHash < value; });
+    for (; record != m_records.end() && record->nameHash == hash; ++record)
+        if (ReadRecord(*record, buffer) && ChunkCacheFormat::ParseRecord(buffer, *record, name, chunk))
+            return true;
+    return false;
+}
+
 bool ChunkCache::ReadRecord(const ChunkRecord& record, std::string& bytes)
 {
     bytes.resize(std::size_t(record.nameLength) + record.chunkLength);
@@ -512,54 +550,15 @@ bool ChunkCache::ReadRecord(const ChunkRecord& record, std::string& bytes)
            && os::PReadFull(m_descriptor, &bytes[0], bytes.size(), off_t(record.offset)) == ssize_t(bytes.size());
 }
 
-bool ChunkCache::Find(const std::string& archive, const std::string& entry, std::string& chunk)
+void ChunkCache::Add(const std::string& name, std::size_t archiveLength, std::string_view chunk)
 {
-    const std::string name = archive + "/" + entry;
-    bool opened = false;
-    bool found = false;
-    {
-        const std::lock_guard<std::mutex> guard(m_lock);
-        if (!m_loaded)
-            opened = LoadIndex();
-        const auto waiting = m_pending.find(name);
-        found = waiting != m_pending.end();
-        if (found)
-            chunk = waiting->second.chunk;
-        else
-            found = FindOnDisk(name, chunk);
-    }
-    if (opened)
-        Caches::Process().Opened(weak_from_this().lock());
-    return found;
-}
-
-bool ChunkCache::FindOnDisk(const std::string& name, std::string& chunk)
-{
-    const std::uint64_t hash = HashName(name);
-    auto record = std::lower_bound(m_records.begin(), m_records.end(), hash,
-                                   [](const ChunkRecord& item, std::uint64_t value) { return item.nameHash < value; });
-    for (; record != m_records.end() && record->nameHash == hash; ++record) {
-        std::string bytes;
-        std::string_view view;
-        if (ReadRecord(*record, bytes) && ChunkCacheFormat::ParseRecord(bytes, *record, name, view)) {
-            chunk.assign(view.data(), view.size());
-            return true;
-        }
-    }
-    return false;
-}
-
-void ChunkCache::Add(const std::string& archive, const std::string& entry, std::string chunk)
-{
-    ChunkCacheFormat::Item item{archive + "/" + entry, std::uint32_t(archive.size()), std::move(chunk)};
-    const std::uint64_t bytes = item.name.size() + item.chunk.size();
     const std::lock_guard<std::mutex> guard(m_lock);
-    if (!m_writable || bytes > maxFileBytes / 2)
+    if (!m_writable || name.size() + chunk.size() > maxFileBytes / 2)
         return;
-    m_pendingBytes += bytes;
-    m_pending[item.name] = std::move(item);
+    m_pending[name] = {archiveLength, m_pendingData.size(), chunk.size()};
+    m_pendingData.append(chunk);
     Caches::Process().StartWaiting();
-    if (m_pendingBytes >= std::max(writeAtBytes, m_fileBytes))
+    if (m_pendingData.size() >= std::max(writeAtBytes, m_fileBytes))
         WritePending();
 }
 
@@ -570,46 +569,60 @@ void ChunkCache::Flush()
         WritePending();
 }
 
-std::vector<ChunkCacheFormat::Item> ChunkCache::ItemsToWrite()
+bool ChunkCache::ReadData(std::string& data, std::uint64_t& offset)
+{
+    offset = ChunkCacheFormat::headerBytes + m_records.size() * ChunkCacheFormat::recordBytes;
+    if (m_descriptor < 0)
+        return false;
+    data.resize(m_fileBytes - offset);
+    return os::PReadFull(m_descriptor, &data[0], data.size(), off_t(offset)) == ssize_t(data.size());
+}
+
+/// What waits, and what the file holds already as far as it is whole and wanted.
+std::string ChunkCache::FileToWrite()
 {
     std::vector<ChunkCacheFormat::Item> items;
-    std::vector<std::string> paths;
+    std::vector<std::string_view> paths;
     std::uint64_t bytes = ChunkCacheFormat::headerBytes;
     const auto take = [&](const ChunkCacheFormat::Item& item) {
-        const std::string path = item.name.substr(0, item.archiveLength);
+        const std::string_view path = item.name.substr(0, item.archiveLength);
         const std::uint64_t size = ChunkCacheFormat::recordBytes + item.name.size() + item.chunk.size();
-        if (bytes + size > maxFileBytes)
+        const bool newPath = std::find(paths.begin(), paths.end(), path) == paths.end();
+        if (bytes + size > maxFileBytes || (newPath && paths.size() == maxPathsAFile))
             return;
-        if (std::find(paths.begin(), paths.end(), path) == paths.end()) {
-            if (paths.size() == maxPathsAFile)
-                return;
+        if (newPath)
             paths.push_back(path);
-        }
         bytes += size;
         items.push_back(item);
     };
-    for (const auto& waiting : m_pending)
-        take(waiting.second);
-    for (const ChunkRecord& record : m_records) {
-        std::string data;
-        std::string_view chunk;
-        if (!ReadRecord(record, data))
-            continue;
-        const std::string name = data.substr(0, record.nameLength);
-        if (m_pending.count(name) == 0 && ChunkCacheFormat::ParseRecord(data, record, name, chunk))
-            take({name, record.archiveLength, std::string(chunk)});
+    for (const auto& waiting : m_pending) {
+        const Pending& place = waiting.second;
+        take({waiting.first, std::uint32_t(place.archiveLength),
+              std::string_view(m_pendingData).substr(place.offset, place.length)});
     }
-    return items;
+    std::string data;
+    std::uint64_t dataAt = 0;
+    if (ReadData(data, dataAt)) {
+        for (const ChunkRecord& record : m_records) {
+            const std::string_view whole =
+                std::string_view(data).substr(record.offset - dataAt, std::size_t(record.nameLength) + record.chunkLength);
+            const std::string_view name = whole.substr(0, record.nameLength);
+            std::string_view chunk;
+            if (ChunkCacheFormat::ParseRecord(whole, record, name, chunk) && m_pending.count(std::string(name)) == 0)
+                take({name, record.archiveLength, chunk});
+        }
+    }
+    return ChunkCacheFormat::Build(m_key, items);
 }
 
 void ChunkCache::WritePending()
 {
     // What another process has written meanwhile stays.
     LoadIndex();
-    if (m_writable && !WriteFile(ChunkCacheFormat::Build(m_key, ItemsToWrite())))
+    if (m_writable && !WriteFile(FileToWrite()))
         m_writable = false; // the next process tries again
     m_pending.clear();
-    m_pendingBytes = 0;
+    std::string().swap(m_pendingData);
     DropFile();
 }
 

@@ -48,11 +48,12 @@ bool ParseIndex(std::string_view index, const Header& parsed, std::vector<ChunkR
 /// The chunk in a record's bytes, when they are whole and carry that name.
 bool ParseRecord(std::string_view bytes, const ChunkRecord& record, std::string_view name, std::string_view& chunk);
 
+/// Looks at bytes that the caller keeps.
 struct Item
 {
-    std::string name; ///< archive's path, "/" and entry
+    std::string_view name; ///< archive's path, "/" and entry
     std::uint32_t archiveLength = 0;
-    std::string chunk;
+    std::string_view chunk;
 };
 
 /// The bytes of a whole file.
@@ -63,8 +64,8 @@ std::string Build(std::string_view key, const std::vector<Item>& items);
 /// The compiled chunks of the archives with one and the same directory. Any thread, and any number of processes on one
 /// folder: a file is only ever replaced whole.
 ///
-/// New chunks wait in memory and are written together: once they are many, at a lookup two seconds later, when an
-/// interpreter is closed, and when the process exits. Nothing wakes up for them.
+/// New chunks wait in memory and are written together: at a lookup two seconds later, when an interpreter is closed,
+/// when the process exits, and before they fill too much memory. Nothing wakes up for them.
 class ChunkCache : public std::enable_shared_from_this<ChunkCache>
 {
 public:
@@ -80,10 +81,13 @@ public:
 
     /// Whether chunks that are handed in have a chance to be written; false spares the caller their making.
     bool WantsChunks() const { return m_writable.load(std::memory_order_relaxed); }
-    /// `entry` is the name in the archive at `archive`. False when the chunk is not there or its bytes are not whole.
-    bool Find(const std::string& archive, const std::string& entry, std::string& chunk);
-    /// Takes a chunk that was compiled from source. Writes when enough have come together.
-    void Add(const std::string& archive, const std::string& entry, std::string chunk);
+    /// `name` is the archive's path, "/" and the entry. False when the chunk is not there or its bytes are not whole. `chunk`
+    /// points into `buffer`, which the caller keeps from one call to the next: large blocks that come and go make every
+    /// later allocation of Lua dearer.
+    bool Find(const std::string& name, std::string& buffer, std::string_view& chunk);
+    /// Takes a copy of a chunk that was compiled from source; `archiveLength` is how much of the name is the archive's
+    /// path. Writes when enough have come together.
+    void Add(const std::string& name, std::size_t archiveLength, std::string_view chunk);
     /// Writes what waits. A failure costs the next start time and is traced.
     void Flush();
 
@@ -101,11 +105,13 @@ private:
     // With m_lock held.
     bool LoadIndex();
     bool ReadRecord(const ChunkRecord& record, std::string& bytes);
-    bool FindOnDisk(const std::string& name, std::string& chunk);
+    bool FindWaiting(const std::string& name, std::string& buffer, std::string_view& chunk) const;
+    bool FindOnDisk(const std::string& name, std::string& buffer, std::string_view& chunk);
     void DropFile();
     void WritePending();
     bool WriteFile(const std::string& bytes);
-    std::vector<ChunkCacheFormat::Item> ItemsToWrite();
+    std::string FileToWrite();
+    bool ReadData(std::string& data, std::uint64_t& offset);
 
     const std::string m_folder;
     const std::string m_key;
@@ -116,8 +122,14 @@ private:
     int m_descriptor = -1;
     std::uint64_t m_fileBytes = 0;
     std::vector<ChunkRecord> m_records; // sorted by nameHash
-    std::unordered_map<std::string, ChunkCacheFormat::Item> m_pending; // by name
-    std::uint64_t m_pendingBytes = 0;
+    struct Pending
+    {
+        std::size_t archiveLength;
+        std::size_t offset; // in m_pendingData
+        std::size_t length;
+    };
+    std::unordered_map<std::string, Pending> m_pending; // by name
+    std::string m_pendingData; // their chunks, in one block
 };
 
 } // namespace VexCore

@@ -26,7 +26,7 @@ const std::string key(64, 'a');
 
 std::vector<Item> Items()
 {
-    return {{"/x.vxe/a.lua", 6, "chunk a"}, {"/x.vxe/b.lua", 6, std::string("\0b", 2)}, {"/y.vxe/a.lua", 6, ""}};
+    return {{"/x.vxe/a.lua", 6, "chunk a"}, {"/x.vxe/b.lua", 6, std::string_view("\0b", 2)}, {"/y.vxe/a.lua", 6, ""}};
 }
 
 /// Reads a whole file the way the cache does.
@@ -76,7 +76,8 @@ protected:
     }
     ::Test::TempFolder folder;
     const std::string cacheFolder = folder / "cache";
-    std::string chunk;
+    std::string buffer;
+    std::string_view chunk;
 };
 
 } // namespace
@@ -178,33 +179,33 @@ TEST(ChunkCacheKeyTest, DependsOnArchiveAndLua)
 
 TEST_F(ChunkCacheTest, AChunkThatWaitsIsFoundAlready)
 {
-    Fresh()->Add("/x.vxe", "a.lua", "code");
+    Fresh()->Add("/x.vxe/a.lua", 6, "code");
     EXPECT_FALSE(std::filesystem::exists(cacheFolder));
-    EXPECT_TRUE(ChunkCache::Get(cacheFolder, key)->Find("/x.vxe", "a.lua", chunk));
+    EXPECT_TRUE(ChunkCache::Get(cacheFolder, key)->Find("/x.vxe/a.lua", buffer, chunk));
     EXPECT_EQ(chunk, "code");
 }
 
 TEST_F(ChunkCacheTest, AWrittenChunkIsFoundByTheNextProcess)
 {
     auto cache = Fresh();
-    cache->Add("/x.vxe", "a.lua", "code");
+    cache->Add("/x.vxe/a.lua", 6, "code");
     cache->Flush();
     cache.reset();
-    EXPECT_TRUE(Fresh()->Find("/x.vxe", "a.lua", chunk));
+    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
     EXPECT_EQ(chunk, "code");
-    EXPECT_FALSE(Fresh()->Find("/y.vxe", "a.lua", chunk));
-    EXPECT_FALSE(Fresh()->Find("/x.vxe", "b.lua", chunk));
+    EXPECT_FALSE(Fresh()->Find("/y.vxe/a.lua", buffer, chunk));
+    EXPECT_FALSE(Fresh()->Find("/x.vxe/b.lua", buffer, chunk));
 }
 
 TEST_F(ChunkCacheTest, ManyChunksAreWrittenWithoutAFlush)
 {
-    Fresh()->Add("/x.vxe", "a.lua", std::string(300 * 1024, 'x'));
+    Fresh()->Add("/x.vxe/a.lua", 6, std::string(9 << 20, 'x'));
     EXPECT_EQ(Names(cacheFolder).size(), 1u);
 }
 
 TEST_F(ChunkCacheTest, WhatHasWaitedTwoSecondsIsWrittenAtTheNextLookup)
 {
-    Fresh()->Add("/x.vxe", "a.lua", "code");
+    Fresh()->Add("/x.vxe/a.lua", 6, "code");
     ChunkCache::FlushOld();
     EXPECT_FALSE(std::filesystem::exists(cacheFolder));
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));
@@ -218,36 +219,36 @@ TEST_F(ChunkCacheTest, WhatWaitsIsWrittenWhenTheProcessExits)
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        ChunkCache::Get(cacheFolder, std::string(64, 'c'))->Add("/x.vxe", "a.lua", "code");
+        ChunkCache::Get(cacheFolder, std::string(64, 'c'))->Add("/x.vxe/a.lua", 6, "code");
         std::exit(0);
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(ChunkCache::Get(cacheFolder, std::string(64, 'c'))->Find("/x.vxe", "a.lua", chunk));
+    EXPECT_TRUE(ChunkCache::Get(cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", buffer, chunk));
 }
 
 TEST_F(ChunkCacheTest, WritersKeepEachOthersChunks)
 {
     ChunkCache one(cacheFolder, key);
     ChunkCache two(cacheFolder, key);
-    one.Add("/x.vxe", "a.lua", "a");
-    two.Add("/x.vxe", "b.lua", "b");
+    one.Add("/x.vxe/a.lua", 6, "a");
+    two.Add("/x.vxe/b.lua", 6, "b");
     one.Flush();
     two.Flush();
     const auto cache = Fresh();
-    EXPECT_TRUE(cache->Find("/x.vxe", "a.lua", chunk));
-    EXPECT_TRUE(cache->Find("/x.vxe", "b.lua", chunk));
+    EXPECT_TRUE(cache->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_TRUE(cache->Find("/x.vxe/b.lua", buffer, chunk));
 }
 
 TEST_F(ChunkCacheTest, ANewChunkReplacesTheOldOne)
 {
     auto cache = Fresh();
-    cache->Add("/x.vxe", "a.lua", "old");
+    cache->Add("/x.vxe/a.lua", 6, "old");
     cache->Flush();
-    cache->Add("/x.vxe", "a.lua", "new");
+    cache->Add("/x.vxe/a.lua", 6, "new");
     cache->Flush();
     cache.reset();
-    ASSERT_TRUE(Fresh()->Find("/x.vxe", "a.lua", chunk));
+    ASSERT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
     EXPECT_EQ(chunk, "new");
 }
 
@@ -255,14 +256,14 @@ TEST_F(ChunkCacheTest, AFileKeepsTheChunksOfEightPaths)
 {
     const auto cache = Fresh();
     for (int i = 0; i < 12; ++i) {
-        cache->Add("/x" + std::to_string(i) + ".vxe", "a.lua", "a");
+        cache->Add("/x" + std::to_string(i) + ".vxe/a.lua", 6 + std::to_string(i).size(), "a");
         cache->Flush();
     }
     int found = 0;
     for (int i = 0; i < 12; ++i)
-        found += cache->Find("/x" + std::to_string(i) + ".vxe", "a.lua", chunk);
+        found += cache->Find("/x" + std::to_string(i) + ".vxe/a.lua", buffer, chunk);
     EXPECT_EQ(found, 8);
-    EXPECT_TRUE(cache->Find("/x11.vxe", "a.lua", chunk)) << "the newest stays";
+    EXPECT_TRUE(cache->Find("/x11.vxe/a.lua", buffer, chunk)) << "the newest stays";
 }
 
 TEST_F(ChunkCacheTest, ManyCachesKeepFewFilesOpen)
@@ -270,7 +271,7 @@ TEST_F(ChunkCacheTest, ManyCachesKeepFewFilesOpen)
     std::vector<std::shared_ptr<ChunkCache>> caches;
     for (int i = 0; i < 40; ++i) {
         caches.push_back(ChunkCache::Get(cacheFolder, std::string(62, 'd') + std::to_string(10 + i)));
-        caches.back()->Add("/x.vxe", "a.lua", "code");
+        caches.back()->Add("/x.vxe/a.lua", 6, "code");
         caches.back()->Flush();
     }
     const auto openFiles = [this] {
@@ -284,7 +285,7 @@ TEST_F(ChunkCacheTest, ManyCachesKeepFewFilesOpen)
     };
     for (int round = 0; round < 2; ++round)
         for (const auto& cache : caches)
-            EXPECT_TRUE(cache->Find("/x.vxe", "a.lua", chunk));
+            EXPECT_TRUE(cache->Find("/x.vxe/a.lua", buffer, chunk));
     if (!std::filesystem::exists("/proc/self/fd"))
         GTEST_SKIP() << "no list of open files here";
     EXPECT_LE(openFiles(), 16);
@@ -312,7 +313,7 @@ TEST_F(ChunkCacheTest, FilesThatNobodyUsedForLongAndLeftoversAreSweptAndOthersSt
     for (int i = 0; i < 1010; ++i)
         file("old" + std::to_string(i) + ".luac", 8 * 24 * 3600);
     const auto cache = ChunkCache::Get(swept, key);
-    cache->Add("/x.vxe", "a.lua", "code");
+    cache->Add("/x.vxe/a.lua", 6, "code");
     cache->Flush();
     const auto names = Names(swept);
     EXPECT_THAT(names, testing::Not(testing::Contains("month.luac")));
@@ -326,13 +327,13 @@ TEST_F(ChunkCacheTest, FilesThatNobodyUsedForLongAndLeftoversAreSweptAndOthersSt
 TEST_F(ChunkCacheTest, AFileInUseIsMarkedSo)
 {
     auto cache = Fresh();
-    cache->Add("/x.vxe", "a.lua", "code");
+    cache->Add("/x.vxe/a.lua", 6, "code");
     cache->Flush();
     cache.reset();
     const std::string file = cacheFolder + "/" + Names(cacheFolder)[0];
     struct timespec times[2] = {{1000, 0}, {1000, 0}};
     ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
-    EXPECT_TRUE(Fresh()->Find("/x.vxe", "a.lua", chunk));
+    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
     struct stat status;
     ASSERT_EQ(::stat(file.c_str(), &status), 0);
     EXPECT_GT(status.st_mtime, 1000);
@@ -341,17 +342,17 @@ TEST_F(ChunkCacheTest, AFileInUseIsMarkedSo)
 TEST_F(ChunkCacheTest, AFileThatIsALinkOrReadableByOthersIsNotUsed)
 {
     auto cache = Fresh();
-    cache->Add("/x.vxe", "a.lua", "code");
+    cache->Add("/x.vxe/a.lua", 6, "code");
     cache->Flush();
     cache.reset();
     const std::string file = cacheFolder + "/" + Names(cacheFolder)[0];
     ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
-    EXPECT_FALSE(Fresh()->Find("/x.vxe", "a.lua", chunk));
+    EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
     ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
-    EXPECT_TRUE(Fresh()->Find("/x.vxe", "a.lua", chunk));
+    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
     std::filesystem::rename(file, folder / "moved");
     ASSERT_EQ(::symlink((folder / "moved").c_str(), file.c_str()), 0);
-    EXPECT_FALSE(Fresh()->Find("/x.vxe", "a.lua", chunk));
+    EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
 }
 
 TEST_F(ChunkCacheTest, EveryFailingCallCostsOnlyTime)
@@ -360,20 +361,20 @@ TEST_F(ChunkCacheTest, EveryFailingCallCostsOnlyTime)
         std::filesystem::remove_all(cacheFolder);
         {
             ChunkCache before(cacheFolder, key);
-            before.Add("/x.vxe", "a.lua", "a");
+            before.Add("/x.vxe/a.lua", 6, "a");
             before.Flush();
         }
         ChunkCache cache(cacheFolder, key);
         g_calls = 0;
         os::SetCallObserver(FailNth);
-        EXPECT_TRUE(!cache.Find("/x.vxe", "a.lua", chunk) || chunk == "a");
-        cache.Add("/x.vxe", "b.lua", "b");
+        EXPECT_TRUE(!cache.Find("/x.vxe/a.lua", buffer, chunk) || chunk == "a");
+        cache.Add("/x.vxe/b.lua", 6, "b");
         cache.Flush();
-        EXPECT_TRUE(!cache.Find("/x.vxe", "b.lua", chunk) || chunk == "b");
+        EXPECT_TRUE(!cache.Find("/x.vxe/b.lua", buffer, chunk) || chunk == "b");
         const bool reached = g_calls >= g_failAt;
         os::SetCallObserver(nullptr);
         ChunkCache after(cacheFolder, key);
-        EXPECT_TRUE(!after.Find("/x.vxe", "b.lua", chunk) || chunk == "b");
+        EXPECT_TRUE(!after.Find("/x.vxe/b.lua", buffer, chunk) || chunk == "b");
         if (!reached)
             break;
     }
@@ -388,7 +389,7 @@ TEST_F(ChunkCacheTest, AProcessKilledAtAnyCallLeavesAWholeFile)
         std::filesystem::remove_all(cacheFolder);
         {
             ChunkCache before(cacheFolder, key);
-            before.Add("/x.vxe", "a.lua", "a");
+            before.Add("/x.vxe/a.lua", 6, "a");
             before.Flush();
         }
         const pid_t child = ::fork();
@@ -397,7 +398,7 @@ TEST_F(ChunkCacheTest, AProcessKilledAtAnyCallLeavesAWholeFile)
             g_calls = 0;
             os::SetCallObserver(FailNth);
             ChunkCache cache(cacheFolder, key);
-            cache.Add("/x.vxe", "b.lua", "b");
+            cache.Add("/x.vxe/b.lua", 6, "b");
             cache.Flush();
             ::_exit(0);
         }
@@ -405,10 +406,10 @@ TEST_F(ChunkCacheTest, AProcessKilledAtAnyCallLeavesAWholeFile)
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         ASSERT_TRUE(WIFEXITED(status));
         ChunkCache after(cacheFolder, key);
-        EXPECT_TRUE(after.Find("/x.vxe", "a.lua", chunk)) << g_failAt;
-        after.Add("/x.vxe", "c.lua", "c");
+        EXPECT_TRUE(after.Find("/x.vxe/a.lua", buffer, chunk)) << g_failAt;
+        after.Add("/x.vxe/c.lua", 6, "c");
         after.Flush();
-        EXPECT_TRUE(after.Find("/x.vxe", "c.lua", chunk)) << g_failAt;
+        EXPECT_TRUE(after.Find("/x.vxe/c.lua", buffer, chunk)) << g_failAt;
         if (WEXITSTATUS(status) == 0)
             break;
     }
@@ -422,16 +423,17 @@ TEST_F(ChunkCacheTest, ManyThreadsAndWritersDoNotHurtEachOther)
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([this, t] {
-            const auto own = std::make_shared<ChunkCache>(cacheFolder, key);
+            const auto mine = std::make_shared<ChunkCache>(cacheFolder, key);
             const auto shared = ChunkCache::Get(cacheFolder, key);
             for (int i = 0; i < 20; ++i) {
-                const std::string entry = std::to_string(i) + ".lua";
-                for (const auto& cache : {own, shared}) {
-                    std::string found;
-                    const bool known = cache->Find("/x.vxe", entry, found);
-                    EXPECT_TRUE(!known || found == "code " + entry);
+                const std::string name = "/x.vxe/" + std::to_string(i) + ".lua";
+                for (const auto& cache : {mine, shared}) {
+                    std::string own;
+                    std::string_view found;
+                    const bool known = cache->Find(name, own, found);
+                    EXPECT_TRUE(!known || found == "code " + name);
                     if (!known)
-                        cache->Add("/x.vxe", entry, "code " + entry);
+                        cache->Add(name, 6, "code " + name);
                     if ((i + t) % 5 == 0)
                         cache->Flush();
                 }
