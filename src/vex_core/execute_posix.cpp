@@ -8,6 +8,7 @@
 #include "vex_core/os/file_calls.h"
 #include "vex_core/os/procinfo.h"
 #include "vex_core/os/spawn.h"
+#include "vex_core/os/status_calls.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -100,7 +101,7 @@ std::string FindProgram(const std::string& program)
         const std::size_t colon = std::min(folders.find(':', at), folders.size());
         const std::string folder = folders.substr(at, colon - at);
         const std::string candidate = folder + "/" + program;
-        if (!folder.empty() && ::access(candidate.c_str(), X_OK) == 0)
+        if (!folder.empty() && os::MayExecute(candidate.c_str()))
             return candidate;
         at = colon + 1;
     }

@@ -2,6 +2,7 @@
 
 #include "vex_core/dom_p.h"
 #include "vex_core/lua_db.h"
+#include "vex_core/os/status_calls.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -109,12 +110,12 @@ int PushStat(lua_State* L, int (*ask)(const char*, struct stat*))
 // itself.
 int FsStat(lua_State* L)
 {
-    return PushStat(L, [](const char* path, struct stat* about) { return ::stat(path, about); });
+    return PushStat(L, [](const char* path, struct stat* about) { return os::Stat(path, *about); });
 }
 
 int FsLstat(lua_State* L)
 {
-    return PushStat(L, [](const char* path, struct stat* about) { return ::lstat(path, about); });
+    return PushStat(L, [](const char* path, struct stat* about) { return os::LStat(path, *about); });
 }
 
 // mkdir(path): makes a folder that its owner alone may enter.

@@ -11,6 +11,10 @@ namespace os {
 
 /// Of the file that the path leads to: symbolic links are followed.
 int Stat(const char* path, struct stat& result);
+/// Of the name itself: a symbolic link is not followed.
+int LStat(const char* path, struct stat& result);
+/// Whether this process may run the file; links are followed.
+bool MayExecute(const char* path);
 /// Sets the time of last change of an open file to now.
 int TouchFile(int descriptor);
 /// How many descriptors this process may have open.

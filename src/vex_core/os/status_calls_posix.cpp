@@ -21,6 +21,16 @@ int Stat(const char* path, struct stat& result)
     return status;
 }
 
+int LStat(const char* path, struct stat& result)
+{
+    return MayCall("lstat", -1, path) ? ::lstat(path, &result) : -1;
+}
+
+bool MayExecute(const char* path)
+{
+    return MayCall("access", -1, path) && ::access(path, X_OK) == 0;
+}
+
 int TouchFile(int descriptor)
 {
     return MayCall("futimens", descriptor) ? ::futimens(descriptor, nullptr) : -1;

@@ -546,7 +546,7 @@ INSTANTIATE_TEST_SUITE_P(Values, DumpLevel,
                                          Dump{"DumpLevel=-1\n", true}, Dump{"DumpLevel=abc\n", false},
                                          Dump{"DumpLevel=\n", false}, Dump{"DumpLevel=2x\n", false},
                                          Dump{"DumpLevel= 1 \n", true}, Dump{"dumplevel=1\n", true}, // the framework does not tell cases apart
-                                         
+
                                          Dump{"DumpLevel=99999999999999999999999\n", false}));
 
 TEST_F(Settings, DatabaseSettingsAreTheNumbersWhoseNamesBeginSo)
