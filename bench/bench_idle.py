@@ -18,6 +18,11 @@ import tempfile
 import time
 
 
+def send_signal(pid, number):
+    assert pid > 1, f"refusing to signal {pid}"
+    os.kill(pid, number)
+
+
 def switches(pid):
     total = 0
     for status in glob.glob(f"/proc/{pid}/task/*/status"):
@@ -67,7 +72,7 @@ def main():
         print(f"yardstick: %d system calls in {seconds} s" % system_calls([yardstick.pid], seconds)[0])
         print("(claim: 0 for supervisor and child)")
         yardstick.kill()
-        os.kill(supervisor, signal.SIGTERM)
+        send_signal(supervisor, signal.SIGTERM)
         time.sleep(2)
 
 
