@@ -1,0 +1,159 @@
+"""tools/tidy on trees that each break one rule: it names the file and the line, and is silent about a tree that breaks none."""
+import os
+import shutil
+import subprocess
+import sys
+
+import pytest
+
+from conftest import ROOT
+
+TIDY = os.path.join(ROOT, "tools", "tidy")
+OPEN_END = "TO" + "DO"
+
+
+def tidy(root, *arguments):
+    result = subprocess.run([sys.executable, TIDY, "--root", str(root), *arguments], capture_output=True, text=True,
+                            timeout=60, check=False)
+    assert result.stderr == ""
+    return result.returncode, result.stdout
+
+
+@pytest.fixture
+def tree(tmp_path):
+    def write(**files):
+        for name, text in files.items():
+            path = tmp_path / name
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_text(text)
+        return tmp_path
+    subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
+    return lambda files: write(**files)
+
+
+@pytest.mark.fast
+def test_this_tree_keeps_the_rules():
+    assert tidy(ROOT) == (0, "")
+
+
+def test_a_tree_that_keeps_the_rules_is_passed_in_silence(tree):
+    root = tree({"src/vex/core/a.h": "#pragma once\n", "run": "#!/bin/sh\ntrue\n",
+                 "tests/unit/slb3/a_test.cpp": "TEST(A, IsA) {}\n"})
+    os.chmod(root / "run", 0o755)
+    assert tidy(root) == (0, "")
+
+
+BREACHES = [
+    ("src/slb3/a.cpp", f"int a;\n// {OPEN_END}: more\n", 2, "an open end"),
+    ("docs/a.md", f"one\n{OPEN_END}\n", 2, "an open end"),
+    ("tools/a.py", "path = '/tmp'\n# see /ho" + "me/somebody/file\n", 2, "a path of one machine"),
+    ("src/vex/apps/vex/a.cpp", "void f() { ::kill(2, 1); }\n", 1, "signals are sent through"),
+    ("tests/unit/vex/a_test.cpp", "TEST(A, B) {\n    kill(pid, 9);\n}\n", 2, "signals are sent through"),
+    ("tools/a.py", "import os\n\n\nos.kill(pid, 9)\n", 4, "a signal whose pid"),
+    ("src/vex_core/a.cpp", "int f() { return ::open(\"a\", 0); }\n", 1, "system calls of the core library"),
+    ("src/slb3/a.cpp", "#include <wx/string.h>\n", 1, "src/slb3/ does not include wx/string.h"),
+    ("src/slb3/a.cpp", '#include "vex/core/dom.h"\n', 1, "does not include vex/core/dom.h"),
+    ("src/vex/core/a.h", '#pragma once\n#include "vex_core/a.h"\n', 2, "does not include vex_core/a.h"),
+    ("src/vex_core/a.cpp", '#include "vex/apps/vex/vex.h"\n', 1, "does not include vex/apps/vex/vex.h"),
+    ("src/vex/apps/vex/a.cpp", '#include "vex_core/zip_reader.h"\n', 1, "does not include vex_core/zip_reader.h"),
+    ("src/vex/core/a.h", "int a;\n", 1, "#pragma once"),
+    ("src/slb3/a.cpp", "int a; \n", 1, "blanks at the end"),
+    ("src/slb3/a.cpp", "int a;", 1, "no line end"),
+    ("src/slb3/a.cpp", "\tint a;\n", 1, "tabulator"),
+    ("tests/unit/vex/a_test.cpp", "int a;\n", 1, "a test file without a test"),
+    ("tests/unit/vex/helpers.cpp", "int a;\n", 1, "not built"),
+    ("tests/e2e/a/test_a.py", "A = 1\n", 1, "a test file without a test"),
+    ("tests/lua/a_test.lua", "return {}\n", 1, "a test file without a test"),
+    ("tests/fuzz/a_fuzz.cpp", "LLVMFuzzerTestOneInput\n", 1, "no seeds in tests/fuzz/corpus/a/"),
+]
+
+
+@pytest.mark.parametrize("name, text, line, what", BREACHES)
+def test_a_breach_is_named_with_its_place(tree, name, text, line, what):
+    code, output = tidy(tree({name: text}))
+    assert code == 1
+    assert output.startswith(f"{name}:{line}: ")
+    assert what in output
+    assert output.count("\n") == 1
+
+
+ALLOWED = [
+    ("src/vex/core/sendsignal.h", "#pragma once\ninline int f() { return ::kill(2, 0); }\n"),
+    ("src/vex_core/os/a.cpp", "int f() { return ::open(\"a\", 0); }\n"),
+    ("src/vex_core/a.cpp", "int f() { return os::Open(\"a\", 0); } // not ::open(\n"),
+    ("src/slb3/a.cpp", "void f() { process.kill(1); overkill(2); }\n"),
+    ("tests/e2e/conftest.py", "import os\nassert pid > 1\nos.kill(pid, 9)\n"),
+    ("src/vex/apps/vexctl/a.cpp", '#include "vex/apps/vex/version.h"\n'),
+    ("tests/fuzz/corpus/a/seed", f"{OPEN_END} \0 "),
+    ("docs/a.md", "the folder is <app.path.work>/wo" + "rk/cache\n"),
+]
+
+
+@pytest.mark.parametrize("name, text", ALLOWED)
+def test_what_only_looks_like_a_breach_is_passed(tree, name, text):
+    assert tidy(tree({name: text})) == (0, "")
+
+
+def test_files_that_version_control_ignores_are_not_looked_at(tree):
+    assert tidy(tree({".gitignore": "made/\n", "made/a.h": "int a;\n", "build/b.h": "int b;\n"})) == (0, "")
+
+
+def test_a_tree_without_version_control_is_looked_at_too(tmp_path):
+    (tmp_path / "a.h").write_text("int a;\n")
+    code, output = tidy(tmp_path)
+    assert code == 1
+    assert output.startswith("a.h:1: ")
+
+
+@pytest.mark.parametrize("script", ["#!/bin/sh\nif true\n", "#!/usr/bin/env bash\nfor in\n"])
+def test_a_shell_script_that_cannot_be_read_is_a_breach(tree, script):
+    root = tree({"run": script})
+    os.chmod(root / "run", 0o755)
+    code, output = tidy(root)
+    assert code == 1
+    assert output.startswith("run:1: the shell cannot read it: ")
+
+
+def test_a_shell_script_that_cannot_be_run_is_a_breach(tree):
+    assert tidy(tree({"run": "#!/bin/sh\ntrue\n"})) == (1, "run:1: a script that cannot be run\n")
+
+
+@pytest.mark.skipif(not shutil.which("luacheck"), reason="luacheck is not installed")
+def test_a_complaint_about_lua_code_is_a_breach(tree):
+    code, output = tidy(tree({"lua/vex/a.lua": "local b = 1\nreturn nothing\n"}))
+    assert code == 1
+    assert "lua/vex/a.lua:1: " in output
+    assert "lua/vex/a.lua:2: " in output
+
+
+@pytest.fixture
+def libraries(tmp_path):
+    def build(source):
+        folder = tmp_path / "lib"
+        folder.mkdir(exist_ok=True)
+        for library in ("vex_core.so", "libSLB3.so"):
+            subprocess.run(["c++", "-x", "c++", "-shared", "-fPIC", "-o", str(folder / library), "-"], input=source, text=True,
+                           check=True)
+        return str(folder)
+    return build
+
+
+needs_compiler = pytest.mark.skipif(not shutil.which("c++"), reason="no compiler")
+
+
+@needs_compiler
+def test_libraries_that_show_what_is_listed_are_passed(tmp_path, libraries):
+    folder = libraries("#include <vector>\nnamespace VexCore { void a(); void a() { std::vector<int> v; v.push_back(1); } }\n")
+    assert tidy(tmp_path, "--exports", folder, "--update") == (0, "")
+    assert (tmp_path / "tests/exports/vex_core.txt").read_text() == "VexCore::a()\n"
+    assert tidy(tmp_path, "--exports", folder) == (0, "")
+
+
+@needs_compiler
+def test_a_symbol_too_many_and_one_too_few_are_breaches(tmp_path, libraries):
+    tidy(tmp_path, "--exports", libraries("namespace VexCore { void a() {} void b() {} }\n"), "--update")
+    code, output = tidy(tmp_path, "--exports", libraries("namespace VexCore { void a() {} }\nint leaked;\n"))
+    assert code == 1
+    assert "tests/exports/vex_core.txt:2: vex_core.so does not show VexCore::b()" in output
+    assert "vex_core.so shows leaked, which is not listed" in output
+    assert "libSLB3.so shows leaked" in output
