@@ -637,7 +637,22 @@ TEST_F(Settings, AHugeConfigurationFileIsRefusedWithOneLine)
     EXPECT_TRUE(m_started->Init());
     EXPECT_EQ(Get("app.trace+"), s_defaultTraces);
     EXPECT_EQ(FakeCore::Journal({"Log(Warning", "Log(Error"}),
-              Lines{"Log(Warning, \"Configuration file '" + file + "' is larger than 4194304 bytes and is not read\")"});
+              Lines{"Log(Warning, \"Configuration file '" + file + "' is larger than 1048576 bytes and is not read\")"});
+}
+
+TEST_F(Settings, RubbishOfAnyLengthIsTenLinesAndACount)
+{
+    std::string rubbish;
+    for (int i = 0; i < 1000; ++i)
+        rubbish += "no entry\n";
+    StartWithFile(rubbish);
+    const Lines log = FakeCore::Journal({"Log(Warning", "Log(Error"});
+    ASSERT_EQ(log.size(), 11u);
+    EXPECT_THAT(log[0], HasSubstr("line 1:"));
+    EXPECT_THAT(log[9], HasSubstr("line 10:"));
+    EXPECT_EQ(log[10], "Log(Warning, \"990 more lines about the configuration files are left out\")");
+    StartWithFile("no entry\n");
+    EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), testing::SizeIs(1));
 }
 
 TEST_F(Settings, VerboseSwitchIsTheFrameworks)

@@ -487,6 +487,35 @@ TEST_F(ArchivePath, FileInPlaceOfAFolderHasNoMatches)
     EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"a.zip/b.zip: no matches\")"));
 }
 
+TEST_F(ArchivePath, NamedEntryIsFoundExactlyWhenAListingWouldShowIt)
+{
+    Put(".hidden.zip");
+    fs::create_directory(m_folder / "folder.zip");
+    fs::create_directory_symlink("folder.zip", m_folder / "tofolder.zip");
+    fs::create_symlink("nowhere", m_folder / "dangling.zip");
+    const std::string file = Put("file.zip");
+    fs::create_symlink("file.zip", m_folder / "link.zip");
+    Lines named;
+    for (const char* name : {".hidden.zip", "dangling.zip", "file.zip", "folder.zip", "link.zip", "tofolder.zip"}) {
+        FakeCore::ClearJournal();
+        Access::ZipPath(*m_app) = name;
+        m_app->ExpandZippath();
+        for (const std::string& line : FakeCore::Journal({"Log(", "Trace(\"Appl\", \"ExpandZippath\", \"Adding"}))
+            named.push_back(line);
+    }
+    EXPECT_THAT(named, ElementsAre("Log(Warning, \".hidden.zip: no matches\")",
+                                   "Log(Warning, \"Extension file '" + m_folder / "dangling.zip" + "' isn't readable\")",
+                                   Trace("Adding extension file '" + file + "' to the search path."),
+                                   "Log(Warning, \"folder.zip: no matches\")",
+                                   Trace("Adding extension file '" + m_folder / "link.zip" + "' to the search path."),
+                                   "Log(Warning, \"tofolder.zip: no matches\")"));
+    // The same by a pattern, which lists: what it shows is what is found by name.
+    for (const char* name : {"file.zip", "link.zip"})
+        WriteFile(m_folder / name + ".version", s_good);
+    EXPECT_EQ(Expand("*.zip"), file + ";" + m_folder / "link.zip");
+    EXPECT_THAT(Log(), ElementsAre(HasSubstr("dangling.zip' isn't readable")));
+}
+
 TEST_F(ArchivePath, EntryThatEndsInASlashNamesEveryFileOfTheFolder)
 {
     const std::string a = Put("lib/a");
@@ -508,6 +537,8 @@ TEST_F(ArchivePath, TenThousandEntriesAreTakenInOrder)
     std::string expected;
     const std::string a = Put("a.zip");
     const std::string b = Put("b.zip");
+    for (int i = 0; i < 2000; ++i) // a large folder, which must not be listed for each
+        Put("f" + std::to_string(i));
     for (int i = 0; i < 5000; ++i) {
         entries += "a.zip;b.zip;";
         expected += (i ? ";" : "") + a + ";" + b;

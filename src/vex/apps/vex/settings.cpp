@@ -26,9 +26,9 @@ using VexCore::CDom;
 
 const char s_defaultTraces[] = "Appl,Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils";
 
-// The framework holds a configuration file in memory several times over and logs a line for each line that it cannot read.
-// A file of this size is no configuration file any more.
-constexpr wxULongLong_t maxConfigBytes = 4 << 20;
+// The framework holds a configuration file in memory several times over, and the time it takes grows with the square of the
+// number of entries. A file of this size is no configuration file any more.
+constexpr wxULongLong_t maxConfigBytes = 1 << 20;
 
 // --- paths
 
@@ -127,6 +127,32 @@ bool IsTooLarge(const wxString& file)
     return true;
 }
 
+// While it lives, the first lines pass to the log and the others are counted: the framework writes one for each line of a file that
+// it cannot make sense of, and a file of rubbish has thousands.
+class CFirstLines : public wxLog
+{
+public:
+    CFirstLines() : m_target(wxLog::SetActiveTarget(this)) {}
+    ~CFirstLines() override
+    {
+        wxLog::SetActiveTarget(m_target);
+        if (m_count > maxLines)
+            wxLogWarning("%lu more lines about the configuration files are left out", m_count - maxLines);
+    }
+
+protected:
+    void DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info) override
+    {
+        if (++m_count <= maxLines && m_target)
+            m_target->LogRecord(level, message, info);
+    }
+
+private:
+    static constexpr unsigned long maxLines = 10;
+    wxLog* const m_target;
+    unsigned long m_count = 0;
+};
+
 wxConfigBase* OpenConfiguration(const CDom& dom, const wxString& application, const wxString& vendor)
 {
     wxString local = dom.GetWxString("app.path.ini");
@@ -141,6 +167,7 @@ wxConfigBase* OpenConfiguration(const CDom& dom, const wxString& application, co
         global.clear();
         style &= ~wxCONFIG_USE_GLOBAL_FILE;
     }
+    const CFirstLines firstLines;
     return new wxFileConfig(application, vendor, local, global, style, wxConvAuto());
 }
 

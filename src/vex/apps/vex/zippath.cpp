@@ -45,10 +45,28 @@ void AppendCoreArchives(wxString& list, const wxString& bin, const wxString& app
         append("vex");
 }
 
-// Files of a folder that match the file part, by full path in ascending order.
-wxArrayString FindArchives(const wxString& folder, const wxString& filePart)
+// Whether a listing of the folder would show a file of exactly this name. Thousands of named archives in one large folder would take
+// a listing each.
+bool IsListed(const wxFileName& file)
 {
+    const wxString path = file.GetFullPath();
+    return !file.GetFullName().StartsWith(".") && wxFileName::Exists(path, wxFILE_EXISTS_ANY | wxFILE_EXISTS_NO_FOLLOW)
+           && !wxDirExists(path);
+}
+
+// Files of the pattern's folder that match its file part, by full path in ascending order. An empty file part matches all.
+wxArrayString FindArchives(const wxFileName& pattern)
+{
+    const wxString folder = pattern.GetPath(wxPATH_GET_VOLUME);
+    const wxString filePart = pattern.GetFullName();
     wxArrayString files;
+    if (!wxIsReadable(folder))
+        return files;
+    if (!filePart.empty() && filePart.find_first_of("*?\\") == wxString::npos) {
+        if (IsListed(pattern))
+            files.push_back(pattern.GetFullPath());
+        return files;
+    }
     {
         const wxLogNull silence; // what cannot be listed has no matches, and that is reported or not by our own rule
         wxDir::GetAllFiles(folder, &files, filePart, wxDIR_FILES);
@@ -299,10 +317,7 @@ void AppendEntry(wxString& list, const wxString& entry, const wxString& bin)
     const bool checkVersions = HasWildcard(entry);
     if (!pattern.IsAbsolute())
         pattern.Normalize(NormalizeFlags, bin);
-    const wxString folder = pattern.GetPath(wxPATH_GET_VOLUME);
-    wxArrayString files;
-    if (wxIsReadable(folder))
-        files = FindArchives(folder, pattern.GetFullName());
+    const wxArrayString files = FindArchives(pattern);
     if (files.empty()) {
         // A named archive that is missing is worth a line, an empty pattern is not.
         if (!HasWildcard(pattern.GetFullName()))
