@@ -89,8 +89,8 @@ def steps(full):
     full_env = {"VEX_FULL": "1"} if full else {}
     sanitized = dict(SANITIZER_OPTIONS, **full_env, VEX_SANITIZED="1")
     yield Step("house rules", [PYTHON, "tools/tidy"])
-    yield Step("luacheck", ["luacheck", "--quiet", "lua", "tests/lua", "docs/examples"])
     yield build("release")
+    yield Step("exported symbols", [PYTHON, "tools/tidy", "--exports", "build/stage/lib"])
     yield from unit("release", full_env)
     yield from lua("release", "build/stage", full_env)
     yield end_to_end("release", "build/stage", "build/release", full_env)
