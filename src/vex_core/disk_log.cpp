@@ -278,6 +278,9 @@ bool DiskLog::Open()
     int error = os::fileCalls.fstat(opened, &status) != 0 ? errno : 0;
     if (error == 0 && !S_ISREG(status.st_mode))
         error = EINVAL;
+    // A starter's umask may have taken our own rights from the new file, and without them it could not be opened again.
+    if (error == 0 && status.st_size == 0 && (status.st_mode & 07777) != 0600 && os::fileCalls.fchmod(opened, 0600) != 0)
+        error = errno;
     if (error == 0 && m_descriptor >= 0 && !os::ReplaceDescriptor(opened, m_descriptor))
         error = errno;
     if (error != 0) {
