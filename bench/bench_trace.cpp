@@ -1,0 +1,54 @@
+// What asking for a trace line costs where nothing is traced: `LogTraceIsEnabled` against the call of an empty function that
+// is not inlined. Fails when it takes more than twice as long.
+
+#include "vex/core/dom.h"
+#include "vex/core/log.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+
+namespace {
+
+__attribute__((noinline)) bool Nothing(const char* text)
+{
+    benchmark::DoNotOptimize(text);
+    return false;
+}
+
+template <typename Ask>
+double NanosecondsPerCall(Ask ask)
+{
+    using clock = std::chrono::steady_clock;
+    constexpr int rounds = 20000000;
+    double best = 1e9;
+    for (int run = 0; run < 5; ++run) {
+        const clock::time_point begin = clock::now();
+        for (int i = 0; i < rounds; ++i)
+            benchmark::DoNotOptimize(ask("Appl"));
+        best = std::min(best, std::chrono::duration<double, std::nano>(clock::now() - begin).count() / rounds);
+    }
+    return best;
+}
+
+} // namespace
+
+int main()
+{
+#ifndef __OPTIMIZE__
+    std::puts("warning: built without optimisation, the figures mean little");
+#endif
+    VexCore::CDom* const dom = VexCore::CDom::New(nullptr, nullptr, nullptr, false);
+    dom->Set("app.trace", "");
+    dom->Set("app.trace+", "");
+    const double nothing = NanosecondsPerCall(Nothing);
+    const double disabled = NanosecondsPerCall(VexCore::LogTraceIsEnabled);
+    dom->Set("app.trace+", "Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils");
+    const double others = NanosecondsPerCall(VexCore::LogTraceIsEnabled);
+    dom->Release();
+    std::printf("empty call %.2f ns, nothing traced %.2f ns (%.2f x, at most 2), other modules traced %.2f ns\n", nothing,
+                disabled, disabled / nothing, others);
+    return disabled <= 2 * nothing ? 0 : 1;
+}
