@@ -49,7 +49,7 @@ struct Interface
 std::optional<std::string> Distribution();
 std::optional<double> UptimeSeconds();
 Memory MemoryFacts();
-/// Mounted file systems that hold data of their own, in the order of the system's table.
+/// Mounted disks of this host, in the order of the system's table; neither kernel file systems nor the network's.
 std::vector<Disk> Disks();
 /// Network interfaces other than the loopback, sorted by name; empty when the system does not tell.
 std::vector<Interface> Interfaces();

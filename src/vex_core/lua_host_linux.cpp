@@ -29,13 +29,17 @@ std::string Unquote(const std::string& text)
     return result;
 }
 
-// File systems that only show what the kernel knows, or another file system's data again.
-bool HoldsData(const mntent& entry)
+// Whether a file system is a disk of this host. Others only show what the kernel knows, or another file
+// system's data again; and one on the network belongs to its server, whose silence would stop whoever asks
+// for its size.
+bool IsDisk(const mntent& entry)
 {
     static const std::set<std::string> others = {
-        "autofs",   "binfmt_misc", "bpf",        "cgroup",    "cgroup2", "configfs", "debugfs", "devpts",
-        "devtmpfs", "efivarfs",    "fusectl",    "hugetlbfs", "mqueue",  "nsfs",     "proc",    "pstore",
-        "ramfs",    "rpc_pipefs",  "securityfs", "squashfs",  "sysfs",   "tmpfs",    "tracefs"};
+        "9p",      "afs",        "autofs",    "binfmt_misc", "bpf",    "ceph",       "cgroup",
+        "cgroup2", "cifs",       "configfs",  "debugfs",     "devpts", "devtmpfs",   "efivarfs",
+        "fusectl", "fuse.sshfs", "glusterfs", "hugetlbfs",   "lustre", "mqueue",     "nfs",
+        "nfs4",    "nsfs",       "proc",      "pstore",      "ramfs",  "rpc_pipefs", "securityfs",
+        "smb3",    "squashfs",   "sysfs",     "tmpfs",       "tracefs"};
     return others.count(entry.mnt_type) == 0;
 }
 
@@ -95,7 +99,7 @@ std::vector<Disk> Disks()
     char buffer[8192];
     while (getmntent_r(table, &entry, buffer, sizeof buffer)) {
         struct statvfs sizes = {};
-        if (!HoldsData(entry) || statvfs(entry.mnt_dir, &sizes) != 0 || sizes.f_blocks == 0)
+        if (!IsDisk(entry) || statvfs(entry.mnt_dir, &sizes) != 0 || sizes.f_blocks == 0)
             continue;
         const bool device = entry.mnt_fsname[0] == '/';
         if (device && !seen.insert(entry.mnt_fsname).second)

@@ -65,10 +65,12 @@ private:
     kstat_ctl_t* m_chain;
 };
 
-bool HoldsData(const mnttab& entry)
+// Whether a file system is a disk of this host; see the one for Linux.
+bool IsDisk(const mnttab& entry)
 {
-    static const std::set<std::string> others = {"autofs", "ctfs",  "dev",  "devfs",   "fd",   "lofs",
-                                                 "mntfs",  "objfs", "proc", "sharefs", "tmpfs"};
+    static const std::set<std::string> others = {"autofs",  "ctfs",  "dev",  "devfs", "fd",
+                                                 "lofs",    "mntfs", "nfs",  "objfs", "proc",
+                                                 "sharefs", "smbfs", "tmpfs"};
     return others.count(entry.mnt_fstype) == 0;
 }
 
@@ -130,7 +132,7 @@ std::vector<Disk> Disks()
     mnttab entry = {};
     while (getmntent(table, &entry) == 0) {
         struct statvfs sizes = {};
-        if (!HoldsData(entry) || statvfs(entry.mnt_mountp, &sizes) != 0 || sizes.f_blocks == 0)
+        if (!IsDisk(entry) || statvfs(entry.mnt_mountp, &sizes) != 0 || sizes.f_blocks == 0)
             continue;
         const std::uint64_t unit = sizes.f_frsize ? sizes.f_frsize : sizes.f_bsize;
         disks.push_back({entry.mnt_mountp, entry.mnt_special, entry.mnt_fstype, sizes.f_blocks * unit,

@@ -3,6 +3,7 @@
 -- The system counts from the start of an interface; rates come from two collections, so they appear with the second.
 
 local host = require("vex.host")
+local json = require("vex.json")
 
 local M = {
   name = "Network",
@@ -20,7 +21,7 @@ end
 
 function M.collect()
   local taken = { at = host.monotonic(), counters = {} }
-  local list = {}
+  local list = json.array()
   for index, interface in ipairs(host.interfaces()) do
     local last = before and before.counters[interface.name]
     taken.counters[interface.name] = interface

@@ -4,7 +4,9 @@
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 
+#include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <sys/statvfs.h>
@@ -146,6 +148,17 @@ TEST_F(LuaHostTest, ADisksFiguresAreThoseOfItsFileSystem)
         EXPECT_LE(disk.freeBytes, disk.totalBytes) << disk.mount;
         EXPECT_NE(disk.type, "proc");
     }
+}
+
+TEST_F(LuaHostTest, TheDistributionIsCalledAsAShellReadsItsReleaseFile)
+{
+    FILE* shell = popen("test -r /etc/os-release && . /etc/os-release && printf %s \"$PRETTY_NAME\"", "r");
+    ASSERT_NE(shell, nullptr);
+    char name[256] = {};
+    name[std::fread(name, 1, sizeof name - 1, shell)] = '\0';
+    if (pclose(shell) != 0 || name[0] == '\0')
+        GTEST_SKIP() << "no release file here";
+    EXPECT_EQ(host::Distribution(), std::optional<std::string>(name));
 }
 
 TEST_F(LuaHostTest, TheLoopbackIsNoInterface)
