@@ -89,6 +89,7 @@ function M:wait_for_beat()
     if self:take_request() then return "request" end
     local left = deadline - host.monotonic()
     if left <= 0 then return "interval" end
+    log.trace("the next beat is due in %.0f s", left)
     if self.dom:Wait(request_key, left) == nil then return nil end
   end
 end

@@ -4,7 +4,7 @@
 -- and stop(dom). `collect` returns a table of values.
 
 local text = require("vex.text")
-local log = require("vex.log")("vx_agent.plugins")
+local log = require("vex.log")("vex.PluginUtils")
 
 local M = {}
 
@@ -25,6 +25,7 @@ function M.names(list) return text.split(list or "") end
 --- Loads one plugin.
 -- @return the plugin, or nil and a message, with a traceback where there is one
 function M.load(name)
+  log.trace("loading plugin '%s'", name)
   local ok, plugin = xpcall(require, debug.traceback, name .. ".plugin")
   if not ok then return nil, plugin end
   local fault = fault_of(plugin)

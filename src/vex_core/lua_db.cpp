@@ -22,6 +22,7 @@ constexpr std::int64_t fullSynchronous = 2;
 struct Database
 {
     SqliteDb db;
+    std::recursive_mutex inUse; // held by each call; a transaction's body calls again
 };
 
 std::mutex openLock;
@@ -31,13 +32,28 @@ std::set<Database*>& OpenDatabases() // guarded by openLock
     return *databases;
 }
 
-Database& Self(lua_State* L)
+Database& Receiver(lua_State* L)
 {
-    auto* self = static_cast<Database*>(luaL_checkudata(L, 1, typeName));
-    if (!self->db.IsOpen())
-        luaL_error(L, "the database is closed");
-    return *self;
+    return *static_cast<Database*>(luaL_checkudata(L, 1, typeName));
 }
+
+// The receiver of a call, open and kept open while the call runs.
+class Self
+{
+public:
+    explicit Self(lua_State* L) : m_database(Receiver(L)), m_inUse(m_database.inUse)
+    {
+        if (!m_database.db.IsOpen())
+            luaL_error(L, "the database is closed");
+    }
+
+    SqliteDb& Db() const { return m_database.db; }
+    sqlite3* Handle() const { return m_database.db.Handle(); }
+
+private:
+    Database& m_database;
+    const std::lock_guard<std::recursive_mutex> m_inUse;
+};
 
 int Failed(lua_State* L, const std::string& message)
 {
@@ -46,9 +62,9 @@ int Failed(lua_State* L, const std::string& message)
     return 2;
 }
 
-int Failed(lua_State* L, Database& self)
+int Failed(lua_State* L, const Self& self)
 {
-    return Failed(L, sqlite3_errmsg(self.db.Handle()));
+    return Failed(L, sqlite3_errmsg(self.Handle()));
 }
 
 struct Finalizer
@@ -102,11 +118,11 @@ void BindAll(lua_State* L, sqlite3_stmt* statement)
 }
 
 // Prepares the first statement of `sql`, which then is what follows it. False: SQLite tells why.
-bool Prepare(Database& self, const char*& sql, Statement& statement)
+bool Prepare(const Self& self, const char*& sql, Statement& statement)
 {
     sqlite3_stmt* prepared = nullptr;
     const char* rest = nullptr;
-    if (sqlite3_prepare_v2(self.db.Handle(), sql, -1, &prepared, &rest) != SQLITE_OK)
+    if (sqlite3_prepare_v2(self.Handle(), sql, -1, &prepared, &rest) != SQLITE_OK)
         return false;
     statement.reset(prepared);
     sql = rest;
@@ -125,10 +141,10 @@ void CheckArguments(lua_State* L)
 // passed over.
 int Exec(lua_State* L)
 {
-    Database& self = Self(L);
+    const Self self(L);
     CheckArguments(L);
     const char* sql = lua_tostring(L, 2);
-    const int before = sqlite3_total_changes(self.db.Handle());
+    const int before = sqlite3_total_changes(self.Handle());
     bool first = true;
     while (*sql != '\0') {
         Statement statement;
@@ -146,7 +162,7 @@ int Exec(lua_State* L)
         if (result != SQLITE_DONE)
             return Failed(L, self);
     }
-    lua_pushnumber(L, sqlite3_total_changes(self.db.Handle()) - before);
+    lua_pushnumber(L, sqlite3_total_changes(self.Handle()) - before);
     return 1;
 }
 
@@ -172,7 +188,7 @@ void PushColumn(lua_State* L, sqlite3_stmt* statement, int column)
 
 int Rows(lua_State* L)
 {
-    Database& self = Self(L);
+    const Self self(L);
     CheckArguments(L);
     const char* sql = lua_tostring(L, 2);
     Statement statement;
@@ -202,19 +218,19 @@ int Rows(lua_State* L)
 // changes are taken back and its results returned; an error takes them back and goes on.
 int Transaction(lua_State* L)
 {
-    Database& self = Self(L);
+    const Self self(L);
     luaL_checktype(L, 2, LUA_TFUNCTION);
     lua_settop(L, 2);
-    if (!self.db.Exec("BEGIN IMMEDIATE"))
-        return Failed(L, self.db.Error());
+    if (!self.Db().Exec("BEGIN IMMEDIATE"))
+        return Failed(L, self.Db().Error());
     struct RollBack
     {
-        Database& self;
+        const Self& self;
         ~RollBack()
         {
             // SQLite may have rolled back by itself, and body may have closed the database.
-            if (self.db.IsOpen() && sqlite3_get_autocommit(self.db.Handle()) == 0)
-                sqlite3_exec(self.db.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+            if (self.Db().IsOpen() && sqlite3_get_autocommit(self.Handle()) == 0)
+                sqlite3_exec(self.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
         }
     } const rollBack{self};
     lua_pushvalue(L, 1);
@@ -222,10 +238,10 @@ int Transaction(lua_State* L)
     const int results = lua_gettop(L) - 1;
     if (results > 0 && !lua_toboolean(L, 2))
         return results;
-    if (!self.db.IsOpen())
+    if (!self.Db().IsOpen())
         return luaL_error(L, "the database was closed inside its transaction");
-    if (!self.db.Exec("COMMIT"))
-        return Failed(L, self.db.Error());
+    if (!self.Db().Exec("COMMIT"))
+        return Failed(L, self.Db().Error());
     if (results > 0)
         return results;
     lua_pushboolean(L, 1);
@@ -234,27 +250,28 @@ int Transaction(lua_State* L)
 
 int LastId(lua_State* L)
 {
-    lua_pushnumber(L, static_cast<double>(Self(L).db.LastInsertId()));
+    lua_pushnumber(L, static_cast<double>(Self(L).Db().LastInsertId()));
     return 1;
 }
 
 int Close(lua_State* L)
 {
-    auto* self = static_cast<Database*>(luaL_checkudata(L, 1, typeName));
+    Database& database = Receiver(L);
+    const std::lock_guard<std::recursive_mutex> inUse(database.inUse);
     const std::lock_guard<std::mutex> lock(openLock);
-    OpenDatabases().erase(self);
-    self->db.Close();
+    OpenDatabases().erase(&database);
+    database.db.Close();
     return 0;
 }
 
 int Collect(lua_State* L)
 {
-    auto* self = static_cast<Database*>(luaL_checkudata(L, 1, typeName));
+    Database& database = Receiver(L);
     {
         const std::lock_guard<std::mutex> lock(openLock);
-        OpenDatabases().erase(self);
+        OpenDatabases().erase(&database);
     }
-    self->~Database();
+    database.~Database();
     lua_pushnil(L);
     lua_setmetatable(L, 1); // an object that a finaliser has revived is no database any more
     return 0;
@@ -262,9 +279,12 @@ int Collect(lua_State* L)
 
 int ToText(lua_State* L)
 {
-    auto* self = static_cast<Database*>(luaL_checkudata(L, 1, typeName));
-    const char* path = self->db.IsOpen() ? sqlite3_db_filename(self->db.Handle(), "main") : nullptr;
-    lua_pushfstring(L, "database (%s)", self->db.IsOpen() ? (path ? path : "") : "closed");
+    Database& database = Receiver(L);
+    const std::lock_guard<std::recursive_mutex> inUse(database.inUse);
+    if (database.db.IsOpen())
+        lua_pushfstring(L, "database (%s)", sqlite3_db_filename(database.db.Handle(), "main"));
+    else
+        lua_pushliteral(L, "database (closed)");
     return 1;
 }
 
@@ -299,12 +319,22 @@ int OpenLuaDb(lua_State* L)
     return 1;
 }
 
-void CloseLuaDatabases()
+bool CloseLuaDatabases()
 {
+    bool all = true;
     const std::lock_guard<std::mutex> lock(openLock);
-    for (Database* database : OpenDatabases())
-        database->db.Close();
-    OpenDatabases().clear();
+    std::set<Database*>& databases = OpenDatabases();
+    for (auto position = databases.begin(); position != databases.end();) {
+        const std::unique_lock<std::recursive_mutex> idle((*position)->inUse, std::try_to_lock);
+        if (idle.owns_lock()) {
+            (*position)->db.Close();
+            position = databases.erase(position);
+        } else {
+            all = false;
+            ++position;
+        }
+    }
+    return all;
 }
 
 } // namespace VexCore

@@ -16,8 +16,9 @@ namespace VexCore {
 /// Pushes the module. For package.preload.
 int OpenLuaDb(lua_State* L);
 
-/// Closes every database that Lua code of any state has left open. Before SQLite is shut down, when no Lua
-/// code runs any more; states that are collected afterwards find their databases closed.
-void CloseLuaDatabases();
+/// Closes every database that Lua code of any state has left open; states that are collected afterwards find
+/// theirs closed. False: a worker that was left running is inside one, which stays open. Before SQLite is
+/// shut down.
+bool CloseLuaDatabases();
 
 } // namespace VexCore

@@ -138,8 +138,8 @@ bool CSqliteDatabase::InitializeSQLite(CDom* dom)
 void CSqliteDatabase::ShutdownSQLite()
 {
     CloseEventStores();
-    CloseLuaDatabases();
-    sqlite3_shutdown();
+    if (CloseLuaDatabases()) // else a worker that was left running still uses SQLite, until the process ends
+        sqlite3_shutdown();
 }
 
 const char* JournalModeFor(int libraryVersion)

@@ -42,6 +42,12 @@ function M.TestLoading:test_what_is_no_plugin_is_refused_with_the_reason()
   end
 end
 
+function M.TestLoading:test_each_loading_is_traced()
+  dom0.traced = true
+  plugins.load("nowhere")
+  lu.assertEquals(dom0.lines[1], "trace vex.PluginUtils: loading plugin 'nowhere'")
+end
+
 function M.TestCalls:test_a_function_that_is_missing_is_fine()
   lu.assertTrue((plugins.call({ id = "x", plugin = {} }, "start", dom0)))
   lu.assertEquals(plugins.collect({ id = "x", plugin = {} }, dom0), {})

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include <sys/statvfs.h>
 #include <sys/utsname.h>
@@ -296,8 +297,24 @@ TEST_F(LuaHostTest, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
     EXPECT_EQ(Run("kept = assert(require('vex.db').open(folder .. '/x.db')) return "
                   "tostring(kept):find('x.db', 1, true) ~= nil"),
               "true");
-    CloseLuaDatabases();
+    EXPECT_TRUE(CloseLuaDatabases());
     EXPECT_EQ(Run("return tostring(kept)"), "database (closed)");
+}
+
+TEST_F(LuaHostTest, ADatabaseThatAWorkerIsInsideOfStaysOpen)
+{
+    // The body of a transaction stands for a worker that was left running; the process's end comes on another
+    // thread.
+    lua_register(L(), "end_of_process", [](lua_State* state) {
+        bool all = true;
+        std::thread([&all] { all = CloseLuaDatabases(); }).join();
+        lua_pushboolean(state, all);
+        return 1;
+    });
+    EXPECT_EQ(RunDb("local all = db:transaction(function() return tostring(end_of_process()) end) "
+                    "return all .. ' ' .. db:rows('SELECT 7 AS n')[1].n"),
+              "false 7");
+    EXPECT_TRUE(CloseLuaDatabases());
 }
 
 TEST_F(LuaHostTest, ACollectedDatabaseIsClosed)
