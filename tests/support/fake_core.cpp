@@ -66,6 +66,8 @@ void Reset()
 
 void Record(const std::string& line)
 {
+    if (answers().onRecord)
+        answers().onRecord(line);
     const std::lock_guard<std::mutex> guard(s_lock);
     s_journal.push_back(line);
 }

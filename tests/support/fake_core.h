@@ -81,6 +81,9 @@ struct Answers
 
     // Database
     bool sqliteResult = true;
+
+    // Everything
+    std::function<void(const std::string& line)> onRecord; ///< runs before a line is written down; may throw
 };
 
 /// The answers in force. Change them only while no other thread runs.
