@@ -5,7 +5,6 @@
 
 #include "support/launcher_test.h"
 
-#include <clocale>
 #include <filesystem>
 #include <fstream>
 
@@ -77,28 +76,6 @@ TEST_F(Start, TheOneApplicationIsReachedThroughItsFunction)
 {
     AgentApp app;
     EXPECT_EQ(&wxGetApp(), &*app);
-}
-
-TEST_F(Start, NumbersKeepTheirPointUnderEveryLocale)
-{
-    const std::string before = std::setlocale(LC_ALL, nullptr);
-    ASSERT_EQ(setenv("LC_NUMERIC", "de_DE.UTF-8", 1), 0);
-    {
-        const AgentApp app;
-        EXPECT_STREQ(std::setlocale(LC_NUMERIC, nullptr), "C");
-    }
-    unsetenv("LC_NUMERIC");
-    std::setlocale(LC_ALL, before.c_str());
-}
-
-TEST_F(StartDeathTest, WithoutALocaleCharactersAreUtf8)
-{
-    EXPECT_IN_FRESH_PROCESS({
-        setenv("LC_ALL", "C", 1);
-        const AgentApp app;
-        EXPECT_STREQ(std::setlocale(LC_CTYPE, nullptr), "C.UTF-8");
-        EXPECT_EQ(std::string(wxString::FromUTF8("\xC3\xA9").mb_str()), "\xC3\xA9");
-    });
 }
 
 TEST_F(Start, OnlyTheLanguageOfTheUserIsAskedForTranslations)

@@ -10,11 +10,7 @@
 #include "vex/core/log.h"
 #include "vex/core/openssl.h"
 
-#include <clocale>
-#include <cstring>
 #include <ctime>
-
-#include <langinfo.h>
 
 #include <wx/translation.h>
 
@@ -39,18 +35,13 @@ public:
     }
 };
 
+// What the environment says of numbers and of the character set, the core library has put right before main.
 void InitLocale(wxLocale& locale)
 {
     wxTranslations* const translations = new wxTranslations;
     translations->SetLoader(new COneLanguageLoader);
     wxTranslations::Set(translations);
     locale.Init(wxLANGUAGE_DEFAULT, wxLOCALE_LOAD_DEFAULT);
-    // The locale decides on characters and messages. It does not decide on numbers: 1.5 is 1.5 in Lua, JSON and settings.
-    std::setlocale(LC_NUMERIC, "C");
-    // An init script starts us without a locale. File names have accents all the same. "646" is Solaris' name of ASCII.
-    const char* const characters = nl_langinfo(CODESET);
-    if (std::strcmp(characters, "ANSI_X3.4-1968") == 0 || std::strcmp(characters, "646") == 0)
-        std::setlocale(LC_CTYPE, "C.UTF-8");
 }
 
 // The framework's default for a console program is to abort, and its assertions can be tripped by an operator's file (a
