@@ -135,14 +135,16 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
         m_impl->state = Impl::EState::Ended;
         m_impl->join = Impl::EJoin::Done;
     }
-    wxLogError("Thread \"%s\" could not be started: the system has no room for one more.", GetThreadName());
+    wxLogError("Thread \"%s\" could not be started: the system has no room for one more.",
+               wxString::FromUTF8(GetThreadName()));
     return false;
 }
 
 namespace {
 
-void LogEscapedException(const char* threadName)
+void LogEscapedException(const char* name)
 {
+    const wxString threadName = wxString::FromUTF8(name);
     try {
         throw;
     } catch (const std::exception& e) {

@@ -159,16 +159,26 @@ int CWorker::Work()
 
 void CWorker::OnRun()
 {
-    int status = statusFailed;
+    // However the work ends, who waits for it is told.
+    struct Announcement
+    {
+        CWorker& worker;
+        ~Announcement() { worker.AnnounceEnd(); }
+    };
+    const Announcement announcement{*this};
+    m_status = statusFailed;
     try {
-        status = Work();
+        m_status = Work();
     } catch (const std::exception& e) {
         m_error = e.what();
     }
     if (!m_error.empty())
         wxLogError("Worker \"%s\" failed: %s", wxString::FromUTF8(m_module.c_str()),
                    FromForeignBytes(m_error.data(), m_error.size()));
-    m_status = status;
+}
+
+void CWorker::AnnounceEnd()
+{
     const std::lock_guard<std::mutex> lock(m_lock);
     m_done = true;
     for (WaitPoint* waiting : m_waiting)
