@@ -1,10 +1,11 @@
 // Unzip against real folders: what ends where, what a broken archive or destination changes (nothing), and what every failing
 // call and every kind of race leaves behind.
+#include "vex/core/dom.h"
 #include "vex/core/unzip.h"
 
 #include "vex_core/os/folder_calls.h"
 
-#include "support/captured_log.h"
+#include "support/log_capture.h"
 #include "support/odd_archives.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
@@ -14,6 +15,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <map>
 #include <set>
 #include <thread>
@@ -52,6 +54,12 @@ std::map<std::string, std::string> Tree(const std::string& root)
     return tree;
 }
 
+/// In memory where there is such a place: some tests flush a thousand times.
+std::string FastPlace()
+{
+    return fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path().string();
+}
+
 bool HasTemporaries(const std::string& root)
 {
     for (const auto& item : fs::recursive_directory_iterator(root))
@@ -78,7 +86,7 @@ protected:
             std::vector<Seen>& seen;
         } context{answer, m_seen};
         m_seen.clear();
-        m_log.Clear();
+        m_log.emplace();
         const auto callback = [](void* data, const wxZipEntry* entry, const wxString* destination) {
             Context& c = *static_cast<Context*>(data);
             c.seen.push_back({std::string(entry->GetInternalName().utf8_str()), std::uint64_t(entry->GetSize()),
@@ -109,11 +117,11 @@ protected:
         return status.st_mode & 07777;
     }
 
-    TempFolder m_folder;
+    TempFolder m_folder{FastPlace()};
     std::string m_root = m_folder / "root";
     std::string m_archive = m_folder / "x.vxp";
     std::vector<Seen> m_seen;
-    CapturedLog m_log;
+    std::optional<LogCapture> m_log{std::in_place}; // of the latest run
 
     void SetUp() override { fs::create_directory(m_root); }
 };
@@ -132,7 +140,7 @@ TEST_F(Unzipping, WritesFilesAndFoldersAndShowsEachEntryWithItsDestination)
     EXPECT_EQ(m_seen[1].size, 9u);
     EXPECT_EQ(m_seen[1].destination, m_root + "/lib/a.lua");
     EXPECT_FALSE(HasTemporaries(m_root));
-    EXPECT_TRUE(m_log.Lines().empty());
+    EXPECT_TRUE(m_log->Lines().empty());
 }
 
 TEST_F(Unzipping, FinishedFilesReplaceOldOnesAndKeepNothingOfThem)
@@ -202,9 +210,9 @@ TEST_F(Unzipping, ArchiveWithAFaultInItsHeadersChangesNothingAndAsksNothing)
         EXPECT_FALSE(Run());
         EXPECT_TRUE(m_seen.empty());
         EXPECT_EQ(Tree(m_root), before);
-        ASSERT_EQ(m_log.Lines().size(), 1u);
-        EXPECT_EQ(m_log.Lines()[0].level, unsigned(wxLOG_Error));
-        const std::string& text = m_log.Lines()[0].text;
+        ASSERT_EQ(m_log->Lines().size(), 1u);
+        EXPECT_EQ(m_log->Lines()[0].level, unsigned(wxLOG_Error));
+        const std::string& text = m_log->Lines()[0].text;
         EXPECT_EQ(text.find("Cannot process the archive \"" + m_archive + "\": "), 0u) << text;
         EXPECT_NE(text.find(broken.reason), std::string::npos) << text;
         EXPECT_FALSE(Remove());
@@ -219,8 +227,8 @@ TEST_F(Unzipping, LogLineNamesArchiveEntryAndReasonWithControlCharactersEscaped)
     ZipBuilder builder;
     builder.Add("evil\n2026-01-31 10:20:30 ERROR forged", "x");
     EXPECT_FALSE(Run(builder));
-    ASSERT_EQ(m_log.Lines().size(), 1u);
-    EXPECT_EQ(m_log.Lines()[0].text, "Cannot process the archive \"" + m_archive
+    ASSERT_EQ(m_log->Lines().size(), 1u);
+    EXPECT_EQ(m_log->Lines()[0].text, "Cannot process the archive \"" + m_archive
                                          + "\": entry \"evil\\x0a2026-01-31 10:20:30 ERROR forged\": "
                                            "its name has a control character");
 }
@@ -248,9 +256,9 @@ TEST_F(Unzipping, DamagedDataLeavesTheOldFileAndKeepsFinishedOnesAndTouchesNoLat
         EXPECT_EQ(Content("good"), "good content");
         EXPECT_EQ(Content("bad"), "old");
         EXPECT_EQ(Tree(m_root).size(), 2u);
-        ASSERT_EQ(m_log.Lines().size(), 1u);
-        EXPECT_NE(m_log.Lines()[0].text.find("entry \"bad\": "), std::string::npos) << m_log.Lines()[0].text;
-        EXPECT_NE(m_log.Lines()[0].text.find(broken.reason), std::string::npos) << m_log.Lines()[0].text;
+        ASSERT_EQ(m_log->Lines().size(), 1u);
+        EXPECT_NE(m_log->Lines()[0].text.find("entry \"bad\": "), std::string::npos) << m_log->Lines()[0].text;
+        EXPECT_NE(m_log->Lines()[0].text.find(broken.reason), std::string::npos) << m_log->Lines()[0].text;
     }
 }
 
@@ -261,7 +269,7 @@ TEST_F(Unzipping, RareButValidArchivesAreWritten)
         fs::remove_all(m_root);
         fs::create_directory(m_root);
         WriteFile(m_archive, valid.bytes);
-        ASSERT_TRUE(Run()) << m_log.Lines()[0].text;
+        ASSERT_TRUE(Run()) << m_log->Lines()[0].text;
         for (const auto& [name, content] : valid.files) {
             if (name.back() == '/')
                 EXPECT_TRUE(fs::is_directory(m_root + "/" + name));
@@ -282,10 +290,10 @@ TEST_F(Unzipping, SymbolicLinkOnTheWayIsNeitherWrittenThroughNorShownForRemoval)
     builder.Add("later", "x");
     EXPECT_FALSE(Run(builder));
     EXPECT_TRUE(m_seen.empty());
-    ASSERT_EQ(m_log.Lines().size(), 1u);
-    EXPECT_NE(m_log.Lines()[0].text.find("entry \"lib/a.lua\": \"lib\" is on its way and is a symbolic link"),
+    ASSERT_EQ(m_log->Lines().size(), 1u);
+    EXPECT_NE(m_log->Lines()[0].text.find("entry \"lib/a.lua\": \"lib\" is on its way and is a symbolic link"),
               std::string::npos)
-        << m_log.Lines()[0].text;
+        << m_log->Lines()[0].text;
     EXPECT_FALSE(Remove());
     EXPECT_TRUE(m_seen.empty());
     EXPECT_EQ(Tree(m_folder / "outside").size(), 1u);
@@ -352,11 +360,11 @@ TEST_F(Unzipping, DestinationThatIsMissingOrNoFolderIsAnError)
 {
     m_root += "/none";
     EXPECT_FALSE(Run(PlainPackage()));
-    ASSERT_EQ(m_log.Lines().size(), 1u);
-    EXPECT_NE(m_log.Lines()[0].text.find("cannot open the destination"), std::string::npos);
+    ASSERT_EQ(m_log->Lines().size(), 1u);
+    EXPECT_NE(m_log->Lines()[0].text.find("cannot open the destination"), std::string::npos);
     WriteFile(m_root, "x");
     EXPECT_FALSE(Run(PlainPackage()));
-    EXPECT_NE(m_log.Lines()[0].text.find("is no folder"), std::string::npos);
+    EXPECT_NE(m_log->Lines()[0].text.find("is no folder"), std::string::npos);
 }
 
 TEST_F(Unzipping, DestinationMayBeNamedWithoutALastSlashOrFromTheCurrentFolder)
@@ -382,7 +390,7 @@ TEST_F(Unzipping, RemovalIsShownEveryEntryAndTakesFilesButNoFolder)
     EXPECT_TRUE(fs::is_directory(m_root + "/lib"));
     EXPECT_TRUE(fs::is_directory(m_root + "/bin"));
     EXPECT_EQ(Tree(m_root).size(), 3u);
-    EXPECT_TRUE(m_log.Lines().empty());
+    EXPECT_TRUE(m_log->Lines().empty());
 }
 
 TEST_F(Unzipping, RemovalOfWhatIsGoneAlreadyIsFineAndMakesNoFolder)
@@ -464,14 +472,6 @@ public:
 class UnzippingUnderFaults : public Unzipping
 {
 protected:
-    // In memory: the sweeps flush a thousand times.
-    UnzippingUnderFaults()
-        : m_fast(fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path().string())
-    {
-        m_root = m_fast / "root";
-        m_archive = m_fast / "x.vxp";
-    }
-
     static ZipBuilder Package()
     {
         ZipBuilder builder = PlainPackage();
@@ -521,8 +521,6 @@ protected:
         for (const auto& [name, content] : New())
             EXPECT_EQ(Content(name), content) << name;
     }
-
-    TempFolder m_fast;
 };
 
 } // namespace
@@ -542,7 +540,7 @@ TEST_F(UnzippingUnderFaults, EachFailingCallMakesItFalseWithOneLineAndLeavesOldO
             const bool done = Run();
             reached = g_plan.count >= n;
             EXPECT_EQ(done, !reached) << (reached ? g_plan.names[std::size_t(n) - 1] : "");
-            EXPECT_EQ(m_log.Lines().size(), reached ? 1u : 0u);
+            EXPECT_EQ(m_log->Lines().size(), reached ? 1u : 0u);
             ExpectEachFileOldOrNew();
             EXPECT_FALSE(HasTemporaries(m_root));
         }
@@ -649,9 +647,9 @@ TEST_F(UnzippingUnderFaults, RunWithAnotherArchiveOrARemovalSweepsToo)
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         ASSERT_EQ(WEXITSTATUS(status), 99);
         ASSERT_TRUE(HasTemporaries(m_root + "/lib"));
-        WriteFile(m_fast / "other.zip", ZipBuilder().Build());
+        WriteFile(m_folder / "other.zip", ZipBuilder().Build());
         const std::string archive = m_archive;
-        m_archive = m_fast / "other.zip";
+        m_archive = m_folder / "other.zip";
         EXPECT_TRUE(removal ? Remove() : Run());
         m_archive = archive;
         EXPECT_FALSE(HasTemporaries(m_root));
@@ -661,7 +659,7 @@ TEST_F(UnzippingUnderFaults, RunWithAnotherArchiveOrARemovalSweepsToo)
 TEST_F(UnzippingUnderFaults, TemporaryFilesOfALiveRunAreNotSwept)
 {
     WriteFile(m_archive, Package().Build());
-    WriteFile(m_fast / "other.zip", ZipBuilder().Build());
+    WriteFile(m_folder / "other.zip", ZipBuilder().Build());
     // Inside the process: a callback of one run makes another run. Across processes: the same, in a child.
     for (const bool fork : {false, true}) {
         MakeOld();
@@ -670,7 +668,7 @@ TEST_F(UnzippingUnderFaults, TemporaryFilesOfALiveRunAreNotSwept)
                 const auto yes = [](void*, const wxZipEntry*, const wxString*) { return true; };
                 const pid_t child = fork ? ::fork() : 0;
                 const bool done = child != 0
-                                  || Unzip(wxFileName(wxString::FromUTF8(m_fast / "other.zip")),
+                                  || Unzip(wxFileName(wxString::FromUTF8(m_folder / "other.zip")),
                                            wxFileName::DirName(wxString::FromUTF8(m_root)), yes, nullptr);
                 if (fork && child == 0)
                     ::_exit(done ? 0 : 1);
@@ -691,14 +689,14 @@ TEST_F(UnzippingUnderFaults, ListThatIsNotOursDoesNotLeadTheSweepAnywhere)
 {
     WriteFile(m_archive, Package().Build());
     MakeOld();
-    fs::create_directory(m_fast / "outside");
-    WriteFile(m_fast / "outside/.vex-unzip-1-0", "precious");
+    fs::create_directory(m_folder / "outside");
+    WriteFile(m_folder / "outside/.vex-unzip-1-0", "precious");
     fs::create_directory_symlink("../outside", m_root + "/way");
-    WriteFile(m_root + "/.vex-unzip-1.list", "first\n../outside\n/\n" + (m_fast / "outside") + "\nway\n");
+    WriteFile(m_root + "/.vex-unzip-1.list", "first\n../outside\n/\n" + (m_folder / "outside") + "\nway\n");
     fs::create_symlink("../outside/.vex-unzip-1-0", m_root + "/.vex-unzip-2.list");
     fs::create_directory(m_root + "/.vex-unzip-3.list");
     ASSERT_TRUE(Run());
-    EXPECT_EQ(ReadFile(m_fast / "outside/.vex-unzip-1-0"), "precious");
+    EXPECT_EQ(ReadFile(m_folder / "outside/.vex-unzip-1-0"), "precious");
     EXPECT_FALSE(fs::exists(m_root + "/.vex-unzip-1.list"));
     ExpectAllNew();
 }
@@ -758,7 +756,7 @@ TEST_F(UnzippingUnderFaults, FolderSwappedForASymbolicLinkAThousandTimesLetsNoth
 {
     WriteFile(m_archive, Package().Build());
     MakeOld();
-    const std::string outside = m_fast / "outside";
+    const std::string outside = m_folder / "outside";
     fs::create_directory(outside);
     std::atomic<bool> over{false};
     std::thread swapper([&] {
@@ -793,14 +791,39 @@ TEST_F(UnzippingUnderFaults, FolderThatIsReplacedWhileFilesWaitIsNotWrittenInto)
     MakeOld();
     EXPECT_FALSE(Run([&](const Seen& seen) {
         if (seen.name == "bin/tool") {
-            fs::rename(m_root + "/lib", m_fast / "moved");
+            fs::rename(m_root + "/lib", m_folder / "moved");
             fs::create_directory(m_root + "/lib");
         }
         return true;
     }));
-    ASSERT_EQ(m_log.Lines().size(), 1u);
-    EXPECT_NE(m_log.Lines()[0].text.find("\"lib\" was replaced"), std::string::npos) << m_log.Lines()[0].text;
-    EXPECT_EQ(ReadFile(m_fast / "moved/a.lua"), "old");
-    EXPECT_FALSE(HasTemporaries(m_fast / "moved"));
+    ASSERT_EQ(m_log->Lines().size(), 1u);
+    EXPECT_NE(m_log->Lines()[0].text.find("\"lib\" was replaced"), std::string::npos) << m_log->Lines()[0].text;
+    EXPECT_EQ(ReadFile(m_folder / "moved/a.lua"), "old");
+    EXPECT_FALSE(HasTemporaries(m_folder / "moved"));
     EXPECT_TRUE(fs::is_empty(m_root + "/lib"));
+}
+
+// Limits --------------------------------------------------------------------------------------------
+
+TEST_F(Unzipping, LimitsComeFromTheDomain)
+{
+    struct Release
+    {
+        void operator()(CDom* dom) const { dom->Release(); }
+    };
+    const std::unique_ptr<CDom, Release> dom(CDom::New("root", nullptr, nullptr, false));
+    ZipBuilder builder;
+    builder.Add("a", std::string(600, 'a'));
+    builder.Add("b", std::string(400, 'b'));
+    EXPECT_TRUE(Run(builder));
+    dom->SetWx("app.unzip.maxbytes", std::int64_t(999));
+    EXPECT_FALSE(Run(builder));
+    EXPECT_NE(m_log->Lines()[0].text.find("over 999 bytes"), std::string::npos) << m_log->Lines()[0].text;
+    dom->Set("app.unzip.maxbytes", "1000");
+    EXPECT_TRUE(Run(builder));
+    dom->SetWx("app.unzip.maxentries", std::int64_t(1));
+    EXPECT_FALSE(Run(builder));
+    EXPECT_NE(m_log->Lines()[0].text.find("more than 1 entries"), std::string::npos) << m_log->Lines()[0].text;
+    dom->SetWx("app.unzip.maxentries", std::int64_t(-1));
+    EXPECT_TRUE(Run(builder)) << "a limit below 0 is no limit that anyone meant";
 }
