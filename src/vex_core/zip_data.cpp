@@ -19,8 +19,8 @@ using namespace Zip;
 namespace {
 
 #ifdef VEX_SMALL_LIMITS
-constexpr std::size_t kOnePiece = 2 * 1024;
-constexpr std::size_t kChunk = 512;
+constexpr std::size_t kOnePiece = 8 * 1024;
+constexpr std::size_t kChunk = 4 * 1024;
 #else
 constexpr std::size_t kOnePiece = 1024 * 1024;
 constexpr std::size_t kChunk = 128 * 1024;
