@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <set>
 
 #include <fcntl.h>
 
@@ -17,6 +18,12 @@ UnzipFailure::UnzipFailure(const std::string& what, int error)
 }
 
 namespace {
+
+#ifdef VEX_SMALL_LIMITS
+constexpr std::size_t kManyFolders = 3;
+#else
+constexpr std::size_t kManyFolders = 16;
+#endif
 
 std::string Quoted(std::string_view path)
 {
@@ -60,6 +67,8 @@ UnzipFolders::UnzipFolders(const std::string& root)
             os::Close(folder.descriptor);
         throw UnzipFailure("cannot open the destination " + Quoted(root), error);
     }
+    folder.device = status.st_dev;
+    folder.inode = status.st_ino;
     m_open.emplace("", folder);
     if (!S_ISDIR(status.st_mode)) {
         os::Close(folder.descriptor);
@@ -156,6 +165,15 @@ void UnzipFolders::CheckAll()
 
 void UnzipFolders::Flush()
 {
+    std::vector<std::string_view> changed;
+    for (const auto& [path, folder] : m_open)
+        if (folder.changed)
+            changed.push_back(path);
+    if (changed.size() > kManyFolders && FlushFileSystemsOf(changed)) {
+        for (const std::string_view path : changed)
+            m_open.find(path)->second.changed = false;
+        return;
+    }
     // Deepest first: once a folder's name is on stable storage, so is what it holds.
     for (auto item = m_open.rbegin(); item != m_open.rend(); ++item) {
         if (!item->second.changed)
@@ -164,6 +182,20 @@ void UnzipFolders::Flush()
             throw UnzipFailure("cannot flush the folder " + Quoted(item->first), errno);
         item->second.changed = false;
     }
+}
+
+bool UnzipFolders::FlushFileSystemsOf(const std::vector<std::string_view>& paths)
+{
+    std::set<dev_t> done;
+    for (const std::string_view path : paths) {
+        const Folder& folder = m_open.find(path)->second;
+        if (!done.insert(folder.device).second || os::SyncFileSystem(folder.descriptor) == 0)
+            continue;
+        if (errno == ENOTSUP || errno == ENOSYS)
+            return false;
+        throw UnzipFailure("cannot flush the file system of " + Quoted(path), errno);
+    }
+    return true;
 }
 
 void UnzipFolders::Close()

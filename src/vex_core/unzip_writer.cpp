@@ -12,11 +12,13 @@ namespace {
 
 #ifdef VEX_SMALL_LIMITS
 constexpr std::size_t kMaxWaitingFiles = 8;
+constexpr std::size_t kManyFiles = 5;
 constexpr std::uint64_t kMaxWaitingBytes = 64 * 1024;
 constexpr std::uint64_t kWritebackStep = 8 * 1024;
 #else
 // While files wait, old and new ones take space side by side.
 constexpr std::size_t kMaxWaitingFiles = 1024;
+constexpr std::size_t kManyFiles = 16; // from here on one flush of the file system costs less than one of each file
 constexpr std::uint64_t kMaxWaitingBytes = 64 * 1024 * 1024;
 constexpr std::uint64_t kWritebackStep = 8 * 1024 * 1024;
 #endif
@@ -77,9 +79,6 @@ void UnzipWriter::Fill(int file, const ZipArchive& archive, const ZipEntry& entr
         throw UnzipFailure(error);
     if (os::FChmod(file, entry.executable ? 0755 : 0644) != 0)
         throw UnzipFailure("cannot set its mode", errno);
-    // All files of a group travel to the storage together; waiting for each is cheap then.
-    if (os::StartWriteback(file) != 0)
-        throw UnzipFailure("cannot write", errno);
 }
 
 void UnzipWriter::Commit()
@@ -100,6 +99,13 @@ void UnzipWriter::Commit()
 
 void UnzipWriter::FlushWaiting()
 {
+    if (m_waiting.size() > kManyFiles) {
+        std::vector<std::string_view> folders;
+        for (const Waiting& waiting : m_waiting)
+            folders.push_back(FolderOf(waiting.path));
+        if (m_folders.FlushFileSystemsOf(folders))
+            return;
+    }
     for (const Waiting& waiting : m_waiting) {
         const int file = os::OpenAt(waiting.folder, waiting.temporary.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
         if (file < 0)

@@ -63,6 +63,10 @@ int FSync(int descriptor);
 /// Starts to write a file's data to storage without waiting for it, so that a later flush has less to do. Succeeds without
 /// doing anything where that does not exist.
 int StartWriteback(int descriptor);
+/// Puts all of the file system that holds `descriptor` on stable storage. Fails with ENOTSUP where there is no such call or it
+/// does not report failed writes: then each file is to be flushed for itself.
+int SyncFileSystem(int descriptor);
+
 /// Takes the write lock of a whole file for this process, or fails with EAGAIN when another process has it. The
 /// lock goes when this process closes any descriptor of the file, or ends. Children do not inherit it.
 int TryLock(int descriptor);

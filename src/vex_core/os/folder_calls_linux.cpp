@@ -3,10 +3,40 @@
 #include "vex_core/os/folder_calls_p.h"
 
 #include <cerrno>
+#include <cstdlib>
 
 #include <fcntl.h>
+#include <sys/utsname.h>
+#include <unistd.h>
 
 namespace VexCore::os {
+namespace {
+
+/// Before Linux 5.8 syncfs answers success although a file could not be written.
+bool SyncfsReportsFailure()
+{
+    struct utsname names;
+    if (::uname(&names) != 0)
+        return false;
+    char* rest = nullptr;
+    const long major = std::strtol(names.release, &rest, 10);
+    const long minor = *rest == '.' ? std::strtol(rest + 1, nullptr, 10) : 0;
+    return major > 5 || (major == 5 && minor >= 8);
+}
+
+} // namespace
+
+int SyncFileSystem(int descriptor)
+{
+    if (!MayCall("syncfs", descriptor))
+        return -1;
+    static const bool reports = SyncfsReportsFailure();
+    if (!reports) {
+        errno = ENOTSUP;
+        return -1;
+    }
+    return ::syncfs(descriptor);
+}
 
 int StartWriteback(int descriptor)
 {

@@ -1,10 +1,18 @@
 #include "vex_core/os/folder_calls.h"
 
+#include <cerrno>
+
 namespace VexCore::os {
 
 int StartWriteback(int)
 {
     return 0; // there is no such call; the flush that follows does the whole work
+}
+
+int SyncFileSystem(int)
+{
+    errno = ENOTSUP; // sync reaches every file system and does not wait
+    return -1;
 }
 
 } // namespace VexCore::os

@@ -440,6 +440,7 @@ struct Plan
     int count = 0;
     int failFrom = 0; ///< 0: never
     int failTo = 0;
+    std::string failName; ///< every call of this name
     int error = 0;
     int exitAt = 0; ///< 0: never
     std::vector<std::string> names;
@@ -455,6 +456,8 @@ int Observe(const os::Call& call)
         g_plan.look(call);
     if (g_plan.count == g_plan.exitAt)
         ::_exit(99);
+    if (g_plan.failName == call.name)
+        return g_plan.error;
     return g_plan.failFrom != 0 && g_plan.count >= g_plan.failFrom && g_plan.count <= g_plan.failTo ? g_plan.error : 0;
 }
 
@@ -547,6 +550,19 @@ TEST_F(UnzippingUnderFaults, EachFailingCallMakesItFalseWithOneLineAndLeavesOldO
         ExpectAllNew();
         EXPECT_GT(n, 80) << "the sweep saw too few calls to mean anything";
     }
+}
+
+TEST_F(UnzippingUnderFaults, SystemWithoutAFlushOfFileSystemsFlushesEachFile)
+{
+    WriteFile(m_archive, Package().Build());
+    MakeOld();
+    Plan plan;
+    plan.failName = "syncfs";
+    plan.error = ENOTSUP;
+    const Observed observed(plan);
+    EXPECT_TRUE(Run());
+    EXPECT_GT(std::count(g_plan.names.begin(), g_plan.names.end(), "fsync"), 9);
+    ExpectAllNew();
 }
 
 TEST_F(UnzippingUnderFaults, StorageThatFailsFromACallOnLeavesOldOrNewFilesAndTheNextRunCompletes)
@@ -708,6 +724,7 @@ TEST_F(UnzippingUnderFaults, FileIsFlushedBeforeItIsRenamedAndItsFolderBeforeThe
     std::set<ino_t> flushed; // files and folders, unless they changed since
     std::set<ino_t> changedFolders;
     int renames = 0;
+    int syncs = 0;
     const auto inodeOf = [](int folder, const char* name) {
         struct stat status = {};
         const int result = name ? ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) : ::fstat(folder, &status);
@@ -719,6 +736,11 @@ TEST_F(UnzippingUnderFaults, FileIsFlushedBeforeItIsRenamedAndItsFolderBeforeThe
         if (name == "fsync") {
             flushed.insert(inodeOf(call.descriptor, nullptr));
             changedFolders.erase(inodeOf(call.descriptor, nullptr));
+        } else if (name == "syncfs") {
+            ++syncs;
+            for (const auto& item : fs::recursive_directory_iterator(m_root))
+                flushed.insert(inodeOf(AT_FDCWD, item.path().c_str()));
+            changedFolders.clear();
         } else if (name == "write" || name == "fchmod") {
             flushed.erase(inodeOf(call.descriptor, nullptr));
         } else if (name == "renameat") {
@@ -734,6 +756,7 @@ TEST_F(UnzippingUnderFaults, FileIsFlushedBeforeItIsRenamedAndItsFolderBeforeThe
         ASSERT_TRUE(Run());
     }
     EXPECT_EQ(renames, 9);
+    EXPECT_GT(syncs, 0) << "flushing in groups was not tested";
     EXPECT_TRUE(changedFolders.empty());
 }
 
