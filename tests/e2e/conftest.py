@@ -180,11 +180,20 @@ class Tree:
         except (FileNotFoundError, ValueError):
             return 0
 
+    def supervisor(self, name="vx_agent"):
+        """The pid in the file once it is an agent's of this tree, else 0: another may lie there until the start is through."""
+        pid = self.pid_file(name)
+        try:
+            ours = alive(pid) and os.readlink(f"/proc/{pid}/exe").startswith(self.path + "/")
+        except OSError:
+            ours = False
+        return pid if ours else 0
+
     def background(self, *arguments, name="vx_agent", **options):
         """Starts in the background and returns (supervisor, child) once both run."""
         status = self.run("--background", *arguments, name=name, **options).status
         assert status == 0, f"the starting process ended with {status}"
-        supervisor = wait_until(lambda: self.pid_file(name), what="pid file")
+        supervisor = wait_until(lambda: self.supervisor(name), what="pid file")
         self._started.append(supervisor)
         child = wait_until(lambda: next(iter(children(supervisor)), 0), what="working child")
         self._started.append(child)

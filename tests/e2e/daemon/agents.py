@@ -19,8 +19,13 @@ ENDED = ("INFO", "Child process exited with status 0 (exit 0)")
 _RECORD = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d ([A-Z]+) \[(\d+)/([^\]]*)\] (.*)$")
 
 
+# A stop interrupts the supervisor's wait for its child; when it comes between two system calls, it does not.
+INTERRUPTED = ("WARNING", "Waiting for child process interrupted - Try again")
+
+
 def records(log):
-    """The log's records as (level, text); continuation lines are joined to their record."""
+    """The log's records as (level, text), without trace lines and interrupted waits; continuation lines are joined to
+    their record."""
     found = []
     for line in log.splitlines():
         match = _RECORD.match(line)
@@ -28,7 +33,7 @@ def records(log):
             found.append((match.group(1), match.group(4)))
         elif found:
             found[-1] = (found[-1][0], found[-1][1] + "\n" + line.strip())
-    return found
+    return [record for record in found if record[0] != "TRACE" and record != INTERRUPTED]
 
 
 def life(tree):

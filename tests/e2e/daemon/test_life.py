@@ -51,7 +51,7 @@ def test_the_supervisor_is_what_the_documents_say(tree):
     fields = stat_of(supervisor)
     parent, group, session, terminal = int(fields[1]), int(fields[2]), int(fields[3]), int(fields[4])
     assert session not in (supervisor, os.getsid(0)) and group == session and terminal == 0
-    assert not os.path.exists(f"/proc/{session}")
+    wait_until(lambda: not os.path.exists(f"/proc/{session}"), what="end of the first child")
     assert os.readlink(f"/proc/{supervisor}/cwd") == tree.work
     for descriptor in (0, 1, 2):
         assert os.readlink(f"/proc/{supervisor}/fd/{descriptor}") == "/dev/null"

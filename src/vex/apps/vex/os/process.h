@@ -51,7 +51,8 @@ public:
     virtual void ChangeFolder(const char* path) = 0;
     /// Standard input, output and error go to /dev/null.
     virtual void StreamsToNull() = 0;
-    /// Takes group and others the right to write to files made from here on, when they have it. Stricter masks stay.
+    /// Files made from here on are not writable for group and others, and the owner keeps all rights. Stricter masks for
+    /// group and others stay.
     virtual void TightenFileMode() = 0;
     /// As `waitpid` without options.
     virtual pid_t Wait(pid_t child, int& status) = 0;

@@ -128,7 +128,7 @@ public:
     void TightenFileMode() override
     {
         const mode_t mode = ::umask(S_IWGRP | S_IWOTH);
-        ::umask(mode | S_IWGRP | S_IWOTH);
+        ::umask((mode | S_IWGRP | S_IWOTH) & ~static_cast<mode_t>(S_IRWXU));
     }
 
     pid_t Wait(pid_t child, int& status) override { return ::waitpid(child, &status, 0); }
