@@ -20,6 +20,28 @@ using ::testing::StartsWith;
 
 namespace {
 
+/// Allows so many bytes in all.
+struct LimitedAllocator
+{
+    std::size_t left;
+
+    static void* Allocate(void* self, void* block, std::size_t oldSize, std::size_t newSize)
+    {
+        auto& allocator = *static_cast<LimitedAllocator*>(self);
+        if (!block)
+            oldSize = 0;
+        if (newSize == 0) {
+            allocator.left += oldSize;
+            std::free(block);
+            return nullptr;
+        }
+        if (newSize > oldSize && newSize - oldSize > allocator.left)
+            return nullptr;
+        allocator.left -= newSize - oldSize;
+        return std::realloc(block, newSize);
+    }
+};
+
 class LuaInterpreterTest : public ::testing::Test
 {
 protected:
@@ -43,6 +65,7 @@ protected:
     }
     int Height() { return lua_gettop(lua.L()); }
 
+    LimitedAllocator allocator{0}; // before the state, which gives its blocks back to it
     CLuaInterpreter lua{false, L"test.lua", true};
     std::string output;
 };
@@ -175,31 +198,9 @@ TEST_F(LuaInterpreterTest, StackOverflowIsStatusTwo)
     EXPECT_THAT(Error(), HasSubstr("C stack overflow"));
 }
 
-/// Allows so many bytes in all.
-struct LimitedAllocator
-{
-    std::size_t left;
-
-    static void* Allocate(void* self, void* block, std::size_t oldSize, std::size_t newSize)
-    {
-        auto& allocator = *static_cast<LimitedAllocator*>(self);
-        if (!block)
-            oldSize = 0;
-        if (newSize == 0) {
-            allocator.left += oldSize;
-            std::free(block);
-            return nullptr;
-        }
-        if (newSize > oldSize && newSize - oldSize > allocator.left)
-            return nullptr;
-        allocator.left -= newSize - oldSize;
-        return std::realloc(block, newSize);
-    }
-};
-
 TEST_F(LuaInterpreterTest, OutOfMemoryIsStatusFour)
 {
-    LimitedAllocator allocator{1 << 20};
+    allocator.left = 1 << 20;
     lua_setallocf(lua.L(), &LimitedAllocator::Allocate, &allocator);
     EXPECT_EQ(Run("local t = {} for i = 1, 1e9 do t[i] = {i} end"), 4);
     EXPECT_THAT(Error(), HasSubstr("not enough memory"));
@@ -223,7 +224,7 @@ TEST_F(LuaInterpreterTest, EndlessStringIsStatusOneOrFour)
             return size;
         }
     } endless;
-    LimitedAllocator allocator{1 << 20};
+    allocator.left = 1 << 20;
     lua_setallocf(lua.L(), &LimitedAllocator::Allocate, &allocator);
     EXPECT_EQ(lua.RunScript(endless, 0, 1, "endless", nullptr), 4);
     EXPECT_THAT(Error(), HasSubstr("not enough memory"));
@@ -253,9 +254,9 @@ TEST_F(LuaInterpreterTest, EveryFailingAllocationOfARunIsStatusFourOrSuccess)
 {
     int failures = 0;
     for (std::size_t room = 0; room < 200000; room += 512) {
+        LimitedAllocator limited{room};
         CLuaInterpreter other(false, L"sweep", true);
-        LimitedAllocator allocator{room};
-        lua_setallocf(other.L(), &LimitedAllocator::Allocate, &allocator);
+        lua_setallocf(other.L(), &LimitedAllocator::Allocate, &limited);
         wxStringInputStream in("local t = {} for i = 1, 50 do t[i] = ('x'):rep(i) end print(#t) error({})");
         wxStringOutputStream out;
         const int status = other.RunScript(in, 0, 0, "sweep", &out);
