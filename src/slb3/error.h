@@ -12,9 +12,11 @@ namespace SLB3::internal {
 constexpr int UpvalueMetatable = 1; ///< of its class: the receiver's must be the same
 constexpr int UpvalueMethodName = 2;
 
-/// Raises "bad argument #P to 'Class:Method' (WANTED expected, got GOT)" for the value at a stack index of the running method; the
-/// receiver is index 1, so the first argument, #1, is index 2. Without `got` it is the value's type.
-[[noreturn]] SLB3_API void RaiseArgumentError(lua_State* L, int index, const char* wanted, const char* got = nullptr);
+/// Raises "bad argument #P to 'Class:Method' (WANTED expected, got GOT)" for the value at a stack index of
+/// the running method; the receiver is index 1, so the first argument, #1, is index 2. Without `got` it is
+/// the value's type.
+[[noreturn]] SLB3_API void RaiseArgumentError(lua_State* L, int index, const char* wanted,
+                                              const char* got = nullptr);
 
 /// The same for a receiver that is no object of the method's class, as after a call with "." in place of ":".
 [[noreturn]] SLB3_API void RaiseReceiverError(lua_State* L);
@@ -24,8 +26,9 @@ constexpr int UpvalueMethodName = 2;
 
 constexpr std::size_t ExceptionTextBytes = 512;
 
-/// Writes the text of the exception that is being handled, cut to the buffer. False when it is none to translate: Lua's own error, which is
-/// an exception in a Lua that was built as C++, or the unwinding of a thread that is being cancelled. Those go on.
+/// Writes the text of the exception that is being handled, cut to the buffer. False when it is none to
+/// translate: Lua's own error, which is an exception in a Lua that was built as C++, or the unwinding of a
+/// thread that is being cancelled. Those go on.
 SLB3_API bool DescribeException(char (&text)[ExceptionTextBytes]) noexcept;
 
 /// Runs `body` and turns an exception that leaves it into a Lua error with its text.

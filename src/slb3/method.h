@@ -11,7 +11,8 @@
 
 namespace SLB3::internal {
 
-/// The object of the running method. The metatable, kept as an upvalue, tells its class: a third of the cost of a look-up by name.
+/// The object of the running method. The metatable, kept as an upvalue, tells its class: a third of the cost
+/// of a look-up by name.
 template <class T>
 inline T& Receiver(lua_State* L)
 {
@@ -77,7 +78,8 @@ struct Caller<T, member, R (*)(T&, P...)>
         return CallWithArguments<T, member, R, P...>(L, self, std::index_sequence_for<P...>());
     }
 };
-/// A function that works on the stack itself. It still has its receiver checked and its exceptions translated.
+/// A function that works on the stack itself. It still has its receiver checked and its exceptions
+/// translated.
 template <class T, auto member>
 struct Caller<T, member, int (*)(T&, lua_State*)>
 {

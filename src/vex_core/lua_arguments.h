@@ -8,8 +8,8 @@
 
 namespace VexCore {
 
-/// A time in seconds, fractions included, as whole milliseconds, rounded up so that a short wait is not none. A negative time is none; one
-/// of more than about three centuries, such as math.huge, is no limit: -1.
+/// A time in seconds, fractions included, as whole milliseconds, rounded up so that a short wait is not none.
+/// A negative time is none; one of more than about three centuries, such as math.huge, is no limit: -1.
 inline std::int64_t MillisecondsArgument(lua_State* L, int index)
 {
     const double seconds = SLB3::internal::Value<double>::Get(L, index);

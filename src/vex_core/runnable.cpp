@@ -1,6 +1,6 @@
-// The base of every thread of ours. wx's own wrapper around a thread's body swallows exceptions and with them whoever waits for
-// a result, so nothing may leave `Entry`; and wx queues what such a thread logs until the main thread is idle, so the thread gets a log
-// target of its own.
+// The base of every thread of ours. wx's own wrapper around a thread's body swallows exceptions and with them
+// whoever waits for a result, so nothing may leave `Entry`; and wx queues what such a thread logs until the
+// main thread is idle, so the thread gets a log target of its own.
 
 #include "vex/core/runnable.h"
 
@@ -28,13 +28,15 @@ namespace {
 
 thread_local CRunnable* t_current = nullptr;
 
-/// Every body that runs. Never destroyed: a straggler may end while the process is already in its static destructors.
+/// Every body that runs. Never destroyed: a straggler may end while the process is already in its static
+/// destructors.
 struct Registry
 {
     std::mutex lock;
     std::condition_variable changed;
     std::set<CRunnable*> running; // guarded by lock
-    std::set<CRunnable*> stoppable; // guarded by lock; those of `running` that take part in the process's stop
+    std::set<CRunnable*>
+        stoppable; // guarded by lock; those of `running` that take part in the process's stop
 
     static Registry& Get()
     {
@@ -50,8 +52,8 @@ struct CRunnable::Impl
     enum class EState { New, Running, Ended };
     enum class EJoin { NotYet, Running, Done };
 
-    CDom* dom = nullptr; // set before the thread starts
-    bool takesPartInStop = false; // the same
+    CDom* dom = nullptr;              // set before the thread starts
+    bool takesPartInStop = false;     // the same
     std::unique_ptr<wxLog> logTarget; // the same; used by the thread alone
     WaitPoint waitPoint;
 
@@ -206,7 +208,8 @@ bool CRunnable::join(long timeoutMs)
     if (impl.state == Impl::EState::New)
         return true;
 
-    // One thread joins; the others wait for it. No lock is held meanwhile: wx takes one of its own on the main thread.
+    // One thread joins; the others wait for it. No lock is held meanwhile: wx takes one of its own on the
+    // main thread.
     if (impl.join == Impl::EJoin::NotYet) {
         impl.join = Impl::EJoin::Running;
         lock.unlock();
