@@ -2,9 +2,11 @@
 import glob
 import json
 import os
+import re
 import shutil
 import signal
 import sqlite3
+import time
 
 import pytest
 
@@ -30,6 +32,11 @@ def beats(tree):
         return database.execute("SELECT id, reason FROM heartbeat ORDER BY id").fetchall()
     finally:
         database.close()
+
+
+def acknowledged(tree):
+    """The ids of the beats that the log tells of."""
+    return [int(number) for number in re.findall(r" INFO \[\S+ \S+\] Heartbeat (\d+) ", tree.log())]
 
 
 def install(tree, *names):
@@ -115,7 +122,7 @@ return { name = "Asker", version = "1",
     tree.stop(supervisor)
     count = len(beats(tree))
     log = tree.log()
-    assert log.count("Heartbeat ") == count
+    assert acknowledged(tree) == list(range(1, count + 1))
     assert "asker stops" in log and "ERROR" not in log
     warnings = [line for line in log.splitlines() if " WARNING [" in line]
     assert all("sigwait(): caught signal" in line or "Waiting for child process" in line for line in warnings), warnings
@@ -138,16 +145,14 @@ return { name = "Hurry", version = "1", start = function(dom)
 end }""")
     for round_number in range(10 if FULL else 3):
         supervisor, child = tree.background("--plugins", "hurry")
-        before = tree.log().count("Heartbeat ")
-        wait_until(lambda: tree.log().count("Heartbeat ") > before + 20 + round_number, what="beats")
+        before = len(acknowledged(tree))
+        wait_until(lambda: len(acknowledged(tree)) > before + 20 + round_number, what="beats")
         send_signal(supervisor, signal.SIGKILL)
         if alive(child):
             send_signal(child, signal.SIGKILL)
         wait_until(lambda: not alive(child) and not alive(supervisor), what="end")
-        acknowledged = [int(line.split("Heartbeat ")[1].split()[0]) for line in tree.log().splitlines()
-                        if "INFO" in line and "Heartbeat " in line]
-        stored = {number for number, _ in beats(tree)}
-        assert set(acknowledged) <= stored
+        told, stored = set(acknowledged(tree)), {number for number, _ in beats(tree)}
+        assert len(told) > before + 20 and told <= stored
 
 
 @pytest.mark.sandbox
@@ -162,11 +167,40 @@ def test_the_working_child_does_nothing_between_beats(tree):
                 total += sum(int(line.split()[1]) for line in file if "ctxt_switches" in line)
         return total
 
-    wait_until(lambda: "Heartbeat 1" in tree.log(), what="the log line")
-    import time
+    wait_until(lambda: acknowledged(tree), what="the log line")
     time.sleep(0.5)
     before = switches()
     time.sleep(10)
     assert switches() == before
     assert children(supervisor) == [child]
     tree.stop(supervisor)
+
+
+def test_a_beat_is_on_stable_storage_before_the_log_tells_of_it(tree, tmp_path):
+    if not shutil.which("strace"):
+        pytest.skip("strace is not here")
+    tree.app("probe", """
+return { main = function()
+  local worker = dom0:StartThread("vx_agent.heartbeat")
+  for _ = 1, 100 do
+    if dom0:Wait("beaten", 0.1) == nil or io.open(dom0:PluginWorkdir("vx_agent") .. "/heartbeat.db") then break end
+  end
+  dom0:Wait("never", 0.5)
+  worker:Stop()
+  worker:Join()
+  return 0
+end }""")
+    trace = tmp_path / "trace"
+    result = tree.run("--zippath", "vex_core/vx_agent.vxe", name="probe",
+                      prefix=["strace", "-f", "-y", "-s", "500", "-o", str(trace), "-e", "trace=write,pwrite64,fsync,fdatasync,ftruncate"])
+    assert result.status == 0, result.err
+    lines = trace.read_text(errors="replace").splitlines()
+    told = next(index for index, line in enumerate(lines) if "Heartbeat 1 (start)" in line)
+    before = lines[:told]
+
+    def last(*words):
+        return max(index for index, line in enumerate(before) if all(word in line for word in words))
+
+    flushed_data = max(index for index, line in enumerate(before) if "sync(" in line and "heartbeat.db>" in line)
+    assert last("pwrite64(", "heartbeat.db>") < flushed_data < last("ftruncate(", "heartbeat.db-journal>")
+    assert last("ftruncate(", "heartbeat.db-journal>") < last("sync(", "heartbeat.db-journal>")
