@@ -35,7 +35,10 @@ std::size_t XmlCharacterLength(const std::string& text, std::size_t at)
 class StringWriter : public pugi::xml_writer
 {
 public:
-    void write(const void* data, std::size_t size) override { m_text.append(static_cast<const char*>(data), size); }
+    void write(const void* data, std::size_t size) override
+    {
+        m_text.append(static_cast<const char*>(data), size);
+    }
     std::string m_text;
 };
 

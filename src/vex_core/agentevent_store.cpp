@@ -1,7 +1,8 @@
-// The way of an event: database, pending file, memory. Each step down happens only when the one above failed, is an error in
-// the log with the whole event, and is undone by a later write, which stores the older events first. An event has a key for
-// life, which the database remembers in the transaction that stores it: so an event that may or may not have been stored (a
-// kill between commit and the removal of the pending file, a commit that failed late) is simply stored again.
+// The way of an event: database, pending file, memory. Each step down happens only when the one above failed,
+// is an error in the log with the whole event, and is undone by a later write, which stores the older events
+// first. An event has a key for life, which the database remembers in the transaction that stores it: so an
+// event that may or may not have been stored (a kill between commit and the removal of the pending file, a
+// commit that failed late) is simply stored again.
 
 #include "vex_core/agentevent_store.h"
 #include "vex/core/agentevent.h"
@@ -28,10 +29,12 @@
 namespace VexCore {
 namespace {
 
-constexpr std::int64_t fullSynchronous = 2; // an event is on the disk when Write returns, whatever the settings allow elsewhere
+constexpr std::int64_t fullSynchronous =
+    2; // an event is on the disk when Write returns, whatever the settings allow elsewhere
 
 const char tableSql[] =
-    "CREATE TABLE IF NOT EXISTS agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number INTEGER,"
+    "CREATE TABLE IF NOT EXISTS agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number "
+    "INTEGER,"
     " severity INTEGER, text TEXT, xml TEXT);"
     "CREATE TABLE IF NOT EXISTS agent_event_key(seq INTEGER PRIMARY KEY, key TEXT NOT NULL UNIQUE);";
 
@@ -44,8 +47,8 @@ wxString Shown(const std::string& text)
     return FromForeignBytes(text.data(), text.size());
 }
 
-// Unique among all processes that ever share the folder. Random numbers may be out of reach (no descriptor left); then the
-// clock and our pid do.
+// Unique among all processes that ever share the folder. Random numbers may be out of reach (no descriptor
+// left); then the clock and our pid do.
 std::string NewKey()
 {
     static std::atomic<unsigned> serial{0};
@@ -94,9 +97,9 @@ bool MeansDamage(int code)
 } // namespace
 
 EventStore::EventStore(std::string folder)
-    : m_folder(std::move(folder)), m_path(m_folder + "/events.db"), m_pending(m_folder + "/events.pending.xml")
-{
-}
+    : m_folder(std::move(folder)), m_path(m_folder + "/events.db"),
+      m_pending(m_folder + "/events.pending.xml")
+{}
 
 EventStore::~EventStore()
 {
@@ -136,7 +139,8 @@ void EventStore::Adopt(EventStore& other)
         events.swap(other.m_memory);
     }
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_memory.insert(m_memory.begin(), std::make_move_iterator(events.begin()), std::make_move_iterator(events.end()));
+    m_memory.insert(m_memory.begin(), std::make_move_iterator(events.begin()),
+                    std::make_move_iterator(events.end()));
 }
 
 // Two attempts: a file that was damaged, removed or replaced is left behind by the first.
@@ -161,7 +165,8 @@ std::int64_t EventStore::WriteLocked(const EventRecord& record)
     return 0;
 }
 
-// --- the database ----------------------------------------------------------------------------------------------------
+// --- the database
+// ----------------------------------------------------------------------------------------------------
 
 bool EventStore::OpenDatabase()
 {
@@ -193,7 +198,8 @@ void EventStore::RememberFile()
 bool EventStore::IsOurFile() const
 {
     struct stat status;
-    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && status.st_dev == m_device && status.st_ino == m_inode;
+    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && status.st_dev == m_device &&
+           status.st_ino == m_inode;
 }
 
 bool EventStore::CreateTables()
@@ -225,7 +231,8 @@ bool EventStore::InsertKey(const EventRecord& record)
 std::int64_t EventStore::Insert(const EventRecord& record)
 {
     SqliteStatement statement(
-        m_db, "INSERT INTO agent_event(time_ms, time_s, number, severity, text, xml) VALUES(?, ?, ?, ?, ?, ?)");
+        m_db,
+        "INSERT INTO agent_event(time_ms, time_s, number, severity, text, xml) VALUES(?, ?, ?, ?, ?, ?)");
     statement.Bind(1, record.timeMillis);
     statement.Bind(2, record.timeSeconds);
     statement.Bind(3, record.number);
@@ -244,7 +251,8 @@ std::int64_t EventStore::InsertOnce(const EventRecord& record)
     return id != 0 && transaction.Commit() ? id : 0;
 }
 
-// --- what was kept ---------------------------------------------------------------------------------------------------
+// --- what was kept
+// ---------------------------------------------------------------------------------------------------
 
 bool EventStore::StoreAll(const std::vector<EventRecord>& records)
 {
@@ -284,7 +292,8 @@ bool EventStore::StoreKeptLocked()
     return true;
 }
 
-// --- keeping ---------------------------------------------------------------------------------------------------------
+// --- keeping
+// ---------------------------------------------------------------------------------------------------------
 
 bool EventStore::AppendMemoryToPending()
 {
@@ -299,13 +308,13 @@ void EventStore::KeepForLater(const EventRecord& record)
     const bool pending = !m_folder.empty() && AppendMemoryToPending() && m_pending.Append(record);
     const wxString pendingError = pending ? wxString() : Shown(std::strerror(errno));
     if (pending)
-        wxLogError(wxT("Agent event kept in '%s', because '%s' did not take it (%s): %s"), Shown(m_pending.Path()),
-                   Shown(m_path), Shown(m_reason), Shown(record.xml));
+        wxLogError(wxT("Agent event kept in '%s', because '%s' did not take it (%s): %s"),
+                   Shown(m_pending.Path()), Shown(m_path), Shown(m_reason), Shown(record.xml));
     else {
         KeepInMemory(record);
-        wxLogError(wxT("Agent event kept in memory, because neither '%s' (%s) nor '%s' (%s) took it: %s"), Shown(m_path),
-                   Shown(m_reason), Shown(m_pending.Path()), m_folder.empty() ? Shown(m_reason) : pendingError,
-                   Shown(record.xml));
+        wxLogError(wxT("Agent event kept in memory, because neither '%s' (%s) nor '%s' (%s) took it: %s"),
+                   Shown(m_path), Shown(m_reason), Shown(m_pending.Path()),
+                   m_folder.empty() ? Shown(m_reason) : pendingError, Shown(record.xml));
     }
 }
 
@@ -315,19 +324,22 @@ void EventStore::KeepInMemory(const EventRecord& record)
     m_memory.push_back(record);
     if (m_memory.size() <= maxInMemory)
         return;
-    wxLogError(wxT("Too many agent events are kept in memory, this one goes: %s"), Shown(m_memory.front().xml));
+    wxLogError(wxT("Too many agent events are kept in memory, this one goes: %s"),
+               Shown(m_memory.front().xml));
     ShowOnStandardError("Agent event given up: ", m_memory.front().xml);
     m_memory.pop_front();
 }
 
-// --- the process's stores ----------------------------------------------------------------------------------------------
+// --- the process's stores
+// ----------------------------------------------------------------------------------------------
 
 namespace {
 
 struct Registry
 {
     std::mutex mutex;
-    std::map<std::string, std::shared_ptr<EventStore>> stores; // guarded by mutex; "" has what came before any folder
+    std::map<std::string, std::shared_ptr<EventStore>>
+        stores; // guarded by mutex; "" has what came before any folder
 };
 
 Registry& GetRegistry()

@@ -64,7 +64,7 @@ private:
     mutable std::mutex m_mutex;
     // Guarded by m_mutex.
     SqliteDb m_db;
-    pid_t m_owner = 0; // the process that opened m_db
+    pid_t m_owner = 0;  // the process that opened m_db
     dev_t m_device = 0; // of the file that m_db has open; 0 when there was none
     ino_t m_inode = 0;
     std::string m_reason; // why the database did not take the last event

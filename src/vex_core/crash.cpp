@@ -1,6 +1,7 @@
-// The crash handler. It runs on the crashed thread, on that thread's alternate stack; whatever it needs was laid out when it
-// was installed. The first thread that crashes writes the dump; another one that crashes meanwhile waits for the end. A crash
-// of the handler itself, or a minute without an end (a file system that hangs), ends the process by the first crash's signal.
+// The crash handler. It runs on the crashed thread, on that thread's alternate stack; whatever it needs was
+// laid out when it was installed. The first thread that crashes writes the dump; another one that crashes
+// meanwhile waits for the end. A crash of the handler itself, or a minute without an end (a file system that
+// hangs), ends the process by the first crash's signal.
 
 #include "vex/core/crash.h"
 #include "vex_core/crash_p.h"
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace VexCore {
@@ -35,11 +37,12 @@ constexpr unsigned limitSeconds = 60;
 char dumpPath[4096];
 char temporaryPath[4096 + 8];
 char applicationName[256];
+char logPath[4096]; // for a crash before anything was logged; empty when it was not known
 bool fullMemory = false;
 long localTimeOffset = 0; // seconds to add to UTC; a change of it meanwhile only moves the line's time
 
 std::atomic<long> crashingThread{0}; // 0: no crash yet
-CrashSite firstCrash; // written by the crashing thread before anything can go wrong
+CrashSite firstCrash;                // written by the crashing thread before anything can go wrong
 std::atomic<bool> reported{false};
 
 // In place of a system's error code: what became of the handler itself.
@@ -54,7 +57,8 @@ const char* NameOf(int signal)
     return "?";
 }
 
-// --- time without the C library, which locks and allocates for it ------------------------------------------------------
+// --- time without the C library, which locks and allocates for it
+// ------------------------------------------------------
 
 struct CivilTime
 {
@@ -95,12 +99,13 @@ long LocalTimeOffset()
     const std::time_t now = std::time(nullptr);
     std::tm local = {};
     localtime_r(&now, &local);
-    const long long seconds = DaysFromCivil(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday) * 86400
-                              + local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;
+    const long long seconds = DaysFromCivil(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday) * 86400 +
+                              local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;
     return static_cast<long>(seconds - static_cast<long long>(now));
 }
 
-// --- the one line ------------------------------------------------------------------------------------------------------
+// --- the one line
+// ------------------------------------------------------------------------------------------------------
 
 void WriteBytes(int descriptor, const char* data, std::size_t size)
 {
@@ -157,7 +162,8 @@ void AddMessage(CrashText& line, const CrashSite& site, int dumpError)
 {
     line << applicationName << " crashed: signal ";
     line.Decimal(site.signal) << " (" << NameOf(site.signal);
-    const bool hasAddress = site.signal == SIGSEGV || site.signal == SIGBUS || site.signal == SIGILL || site.signal == SIGFPE;
+    const bool hasAddress =
+        site.signal == SIGSEGV || site.signal == SIGBUS || site.signal == SIGILL || site.signal == SIGFPE;
     if (hasAddress && site.info->si_code > 0) // else somebody sent it
         (line << " at address ").Hex(reinterpret_cast<std::uintptr_t>(site.info->si_addr));
     line << "), thread ";
@@ -178,13 +184,16 @@ void Report(const CrashSite& site, int dumpError)
     AddLogPrefix(site);
     AddMessage(logLine, site, dumpError);
     AddMessage(errorLine, site, dumpError);
-    const int log = LogFileDescriptor();
+    int log = LogFileDescriptor();
+    if (log < 0)
+        log = open(logPath, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (log >= 0)
         WriteBytes(log, logLine.Data(), logLine.Size());
     WriteBytes(STDERR_FILENO, errorLine.Data(), errorLine.Size());
 }
 
-// --- the handler -------------------------------------------------------------------------------------------------------
+// --- the handler
+// -------------------------------------------------------------------------------------------------------
 
 [[noreturn]] void GiveUp(int reason)
 {
@@ -263,12 +272,14 @@ bool CopyText(char* to, std::size_t size, const std::string& text)
 bool InitCrashHandler(const wxString& dumpFile, const wxString& application, bool fullDump)
 {
     const std::string path = ToSystemBytes(dumpFile);
-    if (path.empty() || !CopyText(dumpPath, sizeof dumpPath, path)
-        || !CopyText(temporaryPath, sizeof temporaryPath, path + ".tmp"))
+    if (path.empty() || !CopyText(dumpPath, sizeof dumpPath, path) ||
+        !CopyText(temporaryPath, sizeof temporaryPath, path + ".tmp"))
         return false;
     std::string name(application.utf8_str());
     name.resize(std::min(name.size(), sizeof applicationName - 1));
     CopyText(applicationName, sizeof applicationName, name);
+    if (!CopyText(logPath, sizeof logPath, LogFilePath()))
+        logPath[0] = '\0';
     fullMemory = fullDump;
     localTimeOffset = LocalTimeOffset();
     PrepareCrashDump();

@@ -25,16 +25,17 @@ namespace {
 
 constexpr long threadsWaitMs = 500;
 constexpr std::uint64_t stackBytes = 256 * 1024; // of each thread, from its innermost frame on
-constexpr std::uint64_t redZoneBytes = 128; // below the stack pointer, in use by leaf functions
-constexpr std::uint64_t reachBytes = 1 << 20; // from an overflown stack's pointer to the stack
-constexpr std::uint64_t codeBytes = 512; // around the crash
+constexpr std::uint64_t redZoneBytes = 128;      // below the stack pointer, in use by leaf functions
+constexpr std::uint64_t reachBytes = 1 << 20;    // from an overflown stack's pointer to the stack
+constexpr std::uint64_t codeBytes = 512;         // around the crash
 constexpr std::uint64_t maxFullBytes = std::uint64_t(8) << 30;
 
 // Set by PrepareCrashDump.
 std::uint64_t pageBytes = 4096;
 std::uint8_t processors = 0;
 struct utsname systemName;
-std::uint64_t environmentStart = 0; // the texts lie above the main thread's stack, in one mapping with it; 0: not there
+std::uint64_t environmentStart =
+    0; // the texts lie above the main thread's stack, in one mapping with it; 0: not there
 
 // Too large for a small stack; the crashed thread alone gets here.
 Minidump::Thread threadRecords[maxCrashThreads];
@@ -110,7 +111,8 @@ private:
             m_crashPlace = place.instructionPointer;
     }
 
-    // "/proc/self/task/N/syscall" ends with the stack and instruction pointers of a thread that waits in the kernel.
+    // "/proc/self/task/N/syscall" ends with the stack and instruction pointers of a thread that waits in the
+    // kernel.
     static CrashRegisters AskSystem(long thread)
     {
         static char text[512];
@@ -139,7 +141,8 @@ private:
 
     Minidump::MemoryDescriptor AddStack(std::uint64_t stackPointer)
     {
-        const CrashRange* const range = stackPointer == 0 ? nullptr : FindCrashRange(stackPointer, reachBytes);
+        const CrashRange* const range =
+            stackPointer == 0 ? nullptr : FindCrashRange(stackPointer, reachBytes);
         if (range == nullptr)
             return Minidump::MemoryDescriptor();
         const std::uint64_t low = stackPointer > redZoneBytes ? stackPointer - redZoneBytes : 0;
@@ -185,10 +188,12 @@ private:
             record.size = static_cast<std::uint32_t>(modules[i].end - modules[i].base);
             record.nameRva = m_writer.AppendText(modules[i].name);
             if (modules[i].buildIdSize > 0) {
-                record.codeView = m_writer.Reserve(sizeof Minidump::codeViewElfBuildId + modules[i].buildIdSize);
-                m_writer.WriteAt(record.codeView.rva, &Minidump::codeViewElfBuildId, sizeof Minidump::codeViewElfBuildId);
-                m_writer.WriteAt(record.codeView.rva + sizeof Minidump::codeViewElfBuildId, modules[i].buildId,
-                                 modules[i].buildIdSize);
+                record.codeView =
+                    m_writer.Reserve(sizeof Minidump::codeViewElfBuildId + modules[i].buildIdSize);
+                m_writer.WriteAt(record.codeView.rva, &Minidump::codeViewElfBuildId,
+                                 sizeof Minidump::codeViewElfBuildId);
+                m_writer.WriteAt(record.codeView.rva + sizeof Minidump::codeViewElfBuildId,
+                                 modules[i].buildId, modules[i].buildIdSize);
             }
         }
         AddList(m_writer, Minidump::ModuleListStream, moduleRecords, static_cast<std::uint32_t>(count));
@@ -199,7 +204,8 @@ private:
         const CrashRange* const range = FindCrashRange(m_crashPlace, 0);
         if (range == nullptr)
             return; // a jump into nowhere
-        const std::uint64_t start = std::max(range->start, m_crashPlace - std::min(m_crashPlace, codeBytes / 2));
+        const std::uint64_t start =
+            std::max(range->start, m_crashPlace - std::min(m_crashPlace, codeBytes / 2));
         AddMemory(start, std::min(range->end, start + codeBytes));
     }
 
@@ -217,7 +223,8 @@ private:
     void AddSystemInfo()
     {
         CrashText version;
-        version << systemName.sysname << ' ' << systemName.release << ' ' << systemName.version << ' ' << systemName.machine;
+        version << systemName.sysname << ' ' << systemName.release << ' ' << systemName.version << ' '
+                << systemName.machine;
         Minidump::SystemInfo record = {};
         record.architecture = Minidump::architectureAmd64;
         record.processors = processors;
@@ -235,18 +242,21 @@ private:
         m_writer.AddStream(Minidump::MiscInfoStream, m_writer.Append(&record, sizeof record));
     }
 
-    // The environment is left out on purpose, here and above the main thread's stack: it is where secrets are passed.
+    // The environment is left out on purpose, here and above the main thread's stack: it is where secrets are
+    // passed.
     void AddFiles()
     {
         constexpr std::size_t maxBytes = 4 << 20;
         m_writer.AddStream(Minidump::LinuxMapsStream, m_writer.AppendFile("/proc/self/maps", maxBytes));
-        m_writer.AddStream(Minidump::LinuxProcStatusStream, m_writer.AppendFile("/proc/self/status", maxBytes));
+        m_writer.AddStream(Minidump::LinuxProcStatusStream,
+                           m_writer.AppendFile("/proc/self/status", maxBytes));
         m_writer.AddStream(Minidump::LinuxCpuInfoStream, m_writer.AppendFile("/proc/cpuinfo", maxBytes));
         m_writer.AddStream(Minidump::LinuxAuxvStream, m_writer.AppendFile("/proc/self/auxv", maxBytes));
         m_writer.AddStream(Minidump::LinuxCmdLineStream, m_writer.AppendFile("/proc/self/cmdline", maxBytes));
     }
 
-    // The memory itself comes last in the file, in one piece, because it may lie beyond what a location can say.
+    // The memory itself comes last in the file, in one piece, because it may lie beyond what a location can
+    // say.
     void AddFullMemory()
     {
         std::size_t rangeCount = 0;
@@ -360,8 +370,8 @@ void SetDefault(int signal)
 
 } // namespace
 
-// The signal waits, with all that came with it, until the handler's return has brought back the registers and the mask of the
-// crash: so a core file shows the crash and not the handler.
+// The signal waits, with all that came with it, until the handler's return has brought back the registers and
+// the mask of the crash: so a core file shows the crash and not the handler.
 void EndBySignalOnReturn(const CrashSite& site)
 {
     SetDefault(site.signal);
@@ -370,8 +380,8 @@ void EndBySignalOnReturn(const CrashSite& site)
     sigaddset(&mask, site.signal);
     pthread_sigmask(SIG_BLOCK, &mask, nullptr);
     sigdelset(&static_cast<ucontext_t*>(site.context)->uc_sigmask, site.signal);
-    if (syscall(SYS_rt_tgsigqueueinfo, site.process, site.thread, site.signal, site.info) != 0
-        && syscall(SYS_tgkill, site.process, site.thread, site.signal) != 0)
+    if (syscall(SYS_rt_tgsigqueueinfo, site.process, site.thread, site.signal, site.info) != 0 &&
+        syscall(SYS_tgkill, site.process, site.thread, site.signal) != 0)
         EndBySignalNow(site.signal);
 }
 

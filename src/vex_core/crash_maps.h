@@ -1,5 +1,6 @@
 #pragma once
-// The memory of a crashed process: its ranges, and the files of code mapped there. For the crash handler only.
+// The memory of a crashed process: its ranges, and the files of code mapped there. For the crash handler
+// only.
 
 #include <cstddef>
 #include <cstdint>
@@ -33,7 +34,8 @@ bool ReadCrashMaps();
 const CrashRange* CrashRanges(std::size_t& count);
 const CrashModule* CrashModules(std::size_t& count);
 
-/// The readable range around an address or, when it lies in none, the next above it within `reachBytes`. Null: none.
+/// The readable range around an address or, when it lies in none, the next above it within `reachBytes`.
+/// Null: none.
 const CrashRange* FindCrashRange(std::uint64_t address, std::uint64_t reachBytes);
 
 } // namespace VexCore

@@ -1,6 +1,7 @@
 #pragma once
-// Between the crash handler and the part of it that knows the system. All of it runs inside a signal handler, on a small stack,
-// in a process whose heap may be broken: no allocation, no lock, no call that is not a plain system call.
+// Between the crash handler and the part of it that knows the system. All of it runs inside a signal handler,
+// on a small stack, in a process whose heap may be broken: no allocation, no lock, no call that is not a
+// plain system call.
 
 #include <csignal>
 #include <cstddef>
@@ -23,14 +24,14 @@ struct CrashDumpTarget
 {
     const char* path = nullptr;
     const char* temporary = nullptr; ///< written first, then renamed; goes when anything fails
-    bool full = false; ///< all readable memory
+    bool full = false;               ///< all readable memory
 };
 
 /// Asks for what cannot be asked for in a crash (page size, kernel name). Main thread, once.
 void PrepareCrashDump();
 
-/// Stops the other threads and writes the dump. 0, or the system's error code; ENOSYS where there is no dump format for
-/// this system or processor. The other threads stay stopped.
+/// Stops the other threads and writes the dump. 0, or the system's error code; ENOSYS where there is no dump
+/// format for this system or processor. The other threads stay stopped.
 int WriteCrashDump(const CrashDumpTarget& target, const CrashSite& site);
 
 long CurrentThreadNumber();

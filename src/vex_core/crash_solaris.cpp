@@ -1,5 +1,5 @@
-// No dump is written here: the system's own core file, which coreadm(1M) names and places, has all that one would hold. The
-// crash is still reported in the log, and ends the process as it would have.
+// No dump is written here: the system's own core file, which coreadm(1M) names and places, has all that one
+// would hold. The crash is still reported in the log, and ends the process as it would have.
 
 #include "vex_core/crash_p.h"
 

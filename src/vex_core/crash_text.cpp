@@ -21,7 +21,8 @@ CrashText& CrashText::Decimal(long long value, int width)
 {
     char digits[24];
     int count = 0;
-    unsigned long long rest = value < 0 ? 0 - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value);
+    unsigned long long rest =
+        value < 0 ? 0 - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value);
     do {
         digits[count++] = static_cast<char>('0' + rest % 10);
         rest /= 10;

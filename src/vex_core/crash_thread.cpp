@@ -10,13 +10,13 @@
 namespace VexCore {
 namespace {
 
-// The dump is written on it: its buffers are static, so that calls and a few paths are all that it must hold. SIGSTKSZ is not
-// a constant on newer systems and too small for processors with wide registers.
+// The dump is written on it: its buffers are static, so that calls and a few paths are all that it must hold.
+// SIGSTKSZ is not a constant on newer systems and too small for processors with wide registers.
 constexpr std::size_t stackBytes = 64 * 1024;
 
 std::atomic<bool> enabled{false};
 thread_local void* ownStack = nullptr; // the mapping, its lowest page a guard
-thread_local stack_t previousStack; // a sanitizer's; none otherwise
+thread_local stack_t previousStack;    // a sanitizer's; none otherwise
 
 std::size_t PageBytes()
 {

@@ -1,5 +1,6 @@
 #pragma once
-// The other threads of a crashed process: found, stopped, and asked for their registers. For the crash handler only.
+// The other threads of a crashed process: found, stopped, and asked for their registers. For the crash
+// handler only.
 
 #include <cstddef>
 
@@ -15,8 +16,9 @@ struct CrashThread
     const void* context = nullptr; ///< ucontext_t of the stopped thread; null when it did not answer
 };
 
-/// Stops all threads but the caller and waits up to `waitMs` for their answers. They never go on. The list is the caller's,
-/// then the others', in memory that stays; `count` its length.
-const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs, std::size_t& count);
+/// Stops all threads but the caller and waits up to `waitMs` for their answers. They never go on. The list is
+/// the caller's, then the others', in memory that stays; `count` its length.
+const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs,
+                                    std::size_t& count);
 
 } // namespace VexCore

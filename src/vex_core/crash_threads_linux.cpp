@@ -1,6 +1,6 @@
-// A real-time signal parks the other threads in a handler, where the kernel has laid out their registers. It works without any
-// right that a container may withhold. A thread that blocks the signal or is deep in the kernel does not answer; it is
-// listed with what /proc tells.
+// A real-time signal parks the other threads in a handler, where the kernel has laid out their registers. It
+// works without any right that a container may withhold. A thread that blocks the signal or is deep in the
+// kernel does not answer; it is listed with what /proc tells.
 
 #include "vex_core/crash_threads.h"
 
@@ -99,7 +99,8 @@ std::size_t Answers()
 
 } // namespace
 
-const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs, std::size_t& count)
+const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs,
+                                    std::size_t& count)
 {
     ListThreads(self);
     AskAll(process);

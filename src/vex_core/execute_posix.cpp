@@ -1,5 +1,5 @@
-// Runs one program and waits for it, with its output in a pipe. The calling thread does all of it: it reads until the
-// program itself has ended, whatever became of the processes that the program started.
+// Runs one program and waits for it, with its output in a pipe. The calling thread does all of it: it reads
+// until the program itself has ended, whatever became of the processes that the program started.
 
 #include "vex/core/execute.h"
 #include "vex/core/log.h"
@@ -37,8 +37,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t maxOutputBytes = std::size_t(16) << 20;
 
-// While SIGCHLD is ignored the system takes the status of children away before we can ask for it. Some parents leave it so:
-// the default comes back for as long as a program of ours runs on any thread.
+// While SIGCHLD is ignored the system takes the status of children away before we can ask for it. Some
+// parents leave it so: the default comes back for as long as a program of ours runs on any thread.
 class ChildStatusKept
 {
 public:
@@ -105,7 +105,8 @@ std::string FindProgram(const std::string& program)
             return candidate;
         at = colon + 1;
     }
-    return std::string(); // which exec answers with "No such file or directory"; the current folder is not searched
+    return std::string(); // which exec answers with "No such file or directory"; the current folder is not
+                          // searched
 }
 
 class Output
@@ -184,8 +185,8 @@ private:
         return ended != 0;
     }
 
-    // Until there is output, the program has ended, or the deadline is near. Without a descriptor for the process its end
-    // shows no other way: then the waits are short, growing while nothing happens.
+    // Until there is output, the program has ended, or the deadline is near. Without a descriptor for the
+    // process its end shows no other way: then the waits are short, growing while nothing happens.
     void Sleep(const Clock::time_point* deadline)
     {
         struct pollfd items[2] = {{m_output ? m_output.Get() : -1, POLLIN, 0}, {m_process.Get(), POLLIN, 0}};
@@ -195,15 +196,16 @@ private:
             m_napMs = std::min(m_napMs * 2, 50L);
         }
         if (deadline != nullptr) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now()).count() + 1;
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now()).count() + 1;
             const long leftMs = static_cast<long>(std::max<long long>(0, std::min<long long>(left, 1000000)));
             waitMs = waitMs < 0 ? leftMs : std::min(waitMs, leftMs);
         }
         poll(items, 2, static_cast<int>(waitMs));
     }
 
-    // Takes what is there, at most about as much as a pipe can hold: a writer that never stops must not keep us from looking
-    // at the clock and at the program's end.
+    // Takes what is there, at most about as much as a pipe can hold: a writer that never stops must not keep
+    // us from looking at the clock and at the program's end.
     void Drain(Output& output)
     {
         char chunk[65536];
@@ -295,13 +297,14 @@ bool StartProgram(const wxString& program, const wxArrayString& arguments, os::D
 
 } // namespace
 
-bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode, wxString& error)
+bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode,
+             wxString& error)
 {
     return Execute(program, arguments, output, exitCode, error, 0);
 }
 
-bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode, wxString& error,
-             long timeoutMs)
+bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode,
+             wxString& error, long timeoutMs)
 {
     output.clear();
     error.clear();
@@ -321,10 +324,12 @@ bool Execute(const wxString& program, const wxArrayString& arguments, wxString& 
     const bool inTime = running.Wait(timeoutMs, captured);
     output = captured.Text();
     if (LogTraceIsEnabled("Cmd"))
-        Trace(__LINE__, wxString::Format(wxT("'%s' (pid %ld) ended with status %d after %llu bytes of output"), program,
-                                         static_cast<long>(pid), running.Status(), captured.Total()));
+        Trace(__LINE__,
+              wxString::Format(wxT("'%s' (pid %ld) ended with status %d after %llu bytes of output"), program,
+                               static_cast<long>(pid), running.Status(), captured.Total()));
     if (!inTime) {
-        error = wxString::Format(wxT("Program '%s' was killed, because it took longer than %ld ms"), program, timeoutMs);
+        error = wxString::Format(wxT("Program '%s' was killed, because it took longer than %ld ms"), program,
+                                 timeoutMs);
         return false;
     }
     if (!running.StatusKnown()) {

@@ -46,15 +46,16 @@ std::string TimeFormat()
     return format.empty() ? DiskLog::Settings().timeFormat : format;
 }
 
-/// Settles the place once the domain tells it. The name is part of a file name, so it is kept from naming folders.
-void FindPlace(DiskLog& log, const RootDom& root)
+/// Where the domain says that the file is, empty while it does not. The name is part of a file name, so it is kept from
+/// naming folders.
+std::string PlaceIn(const RootDom& root)
 {
     wxString name = root->GetWxString("app.name");
     const wxString work = root->GetWxString("app.path.work");
     if (name.empty() || work.empty())
-        return;
+        return std::string();
     name.Replace(wxS("/"), wxS("_"));
-    log.SetFile(ToSystemBytes(work + wxS('/') + name + wxS(".log")));
+    return ToSystemBytes(work + wxS('/') + name + wxS(".log"));
 }
 
 void ReadSettings(DiskLog& log, const RootDom& root)
@@ -81,8 +82,8 @@ void Prepare(DiskLog& log)
     const RootDom root;
     if (!root)
         return;
-    if (!placed)
-        FindPlace(log, root);
+    if (const std::string place = placed ? std::string() : PlaceIn(root); !place.empty())
+        log.SetFile(place);
     settingsRead.store(now, std::memory_order_relaxed);
     ReadSettings(log, root);
 }
@@ -188,6 +189,12 @@ void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxL
 void WriteLogLine(wxLogLevel level, const wxString& text)
 {
     WriteRecord(LevelOf(level), std::time(nullptr), wxThread::GetCurrentId(), text);
+}
+
+std::string LogFilePath()
+{
+    const RootDom root;
+    return root ? PlaceIn(root) : std::string();
 }
 
 int LogFileDescriptor()

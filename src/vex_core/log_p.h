@@ -1,6 +1,8 @@
 #pragma once
 // The core library's own way into the disk log. Not part of the interface.
 
+#include <string>
+
 #include <wx/log.h>
 
 namespace VexCore {
@@ -14,6 +16,9 @@ void WriteLogLine(wxLogLevel level, const wxString& text);
 /// The descriptor of the open log file, -1 while there is none: for the crash handler, which may only write to it. The number
 /// stays the same when the file is rotated. Async-signal-safe.
 int LogFileDescriptor();
+
+/// Where the file is by the domain's keys of now, whether or not anything was written yet; empty while they are not there.
+std::string LogFilePath();
 
 /// Writes what is still held or queued, to standard error what cannot be written to the file. Runs by itself when a process
 /// ends by `exit`; whoever ends it in order without that calls it first. Any thread.

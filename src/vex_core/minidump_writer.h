@@ -1,5 +1,6 @@
 #pragma once
-// Writes the parts of a minidump file in any order, through plain system calls. For signal handlers: no allocation, no lock.
+// Writes the parts of a minidump file in any order, through plain system calls. For signal handlers: no
+// allocation, no lock.
 
 #include "vex_core/minidump_format.h"
 

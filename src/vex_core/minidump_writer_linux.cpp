@@ -13,7 +13,8 @@ namespace {
 
 constexpr std::uint64_t pageBytes = 4096; // the smallest there is: the step over memory that cannot be read
 
-// By number: the C library's own may be replaced by checking ones, which refuse to look at other code's red zones.
+// By number: the C library's own may be replaced by checking ones, which refuse to look at other code's red
+// zones.
 long WriteOnce(int descriptor, std::uint64_t from, std::size_t size, std::uint64_t offset)
 {
     long written;
@@ -104,7 +105,8 @@ void MinidumpWriter::WriteAt(std::uint64_t offset, const void* data, std::size_t
 
 std::uint32_t MinidumpWriter::AppendText(const char* utf8)
 {
-    static std::uint16_t units[4096 + 3]; // after two for the length; the writing thread is the only one that runs
+    static std::uint16_t
+        units[4096 + 3]; // after two for the length; the writing thread is the only one that runs
     std::size_t count = 2;
     while (*utf8 != '\0' && count < 4096) {
         const std::uint32_t code = NextCharacter(utf8);

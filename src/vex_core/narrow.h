@@ -7,8 +7,8 @@
 
 namespace VexCore {
 
-/// As a file name or program argument: in the locale's character set, which is UTF-8 nearly everywhere; in UTF-8 where that
-/// set cannot express the text.
+/// As a file name or program argument: in the locale's character set, which is UTF-8 nearly everywhere; in
+/// UTF-8 where that set cannot express the text.
 inline std::string ToSystemBytes(const wxString& text)
 {
     const wxWX2MBbuf bytes = text.mb_str(*wxConvFileName);

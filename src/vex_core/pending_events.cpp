@@ -24,7 +24,8 @@ std::optional<std::int64_t> Number(const pugi::xml_node& node, const char* name)
     return attribute.as_llong();
 }
 
-// The file, locked, and still the one that the path names: a reader may have removed it while we waited for the lock.
+// The file, locked, and still the one that the path names: a reader may have removed it while we waited for
+// the lock.
 os::Descriptor OpenLocked(const std::string& path, int flags)
 {
     for (int attempt = 0; attempt < 100; ++attempt) {
@@ -39,7 +40,8 @@ os::Descriptor OpenLocked(const std::string& path, int flags)
         }
         if (!os::LockFile(file.Get(), lockTimeoutMs))
             return os::Descriptor();
-        if (os::fileCalls.stat(path.c_str(), &named) == 0 && named.st_dev == mine.st_dev && named.st_ino == mine.st_ino)
+        if (os::fileCalls.stat(path.c_str(), &named) == 0 && named.st_dev == mine.st_dev &&
+            named.st_ino == mine.st_ino)
             return file;
     }
     errno = EAGAIN;
@@ -74,8 +76,8 @@ std::vector<EventRecord> ParseLines(const std::string& text, const std::string& 
         if (ParsePendingLine(line, record))
             records.push_back(std::move(record));
         else if (!line.empty())
-            wxLogError(wxT("A line of '%s' is no event and is left out: %s"), wxString::FromUTF8(path.c_str()),
-                       wxString(line.data(), wxConvISO8859_1, line.size()));
+            wxLogError(wxT("A line of '%s' is no event and is left out: %s"),
+                       wxString::FromUTF8(path.c_str()), wxString(line.data(), wxConvISO8859_1, line.size()));
         at = end + 1;
     }
     return records;
@@ -125,14 +127,15 @@ bool PendingEvents::Append(const EventRecord& record)
         return false;
     // A line of its own, whatever a crash left at the end.
     const std::string line = "\n" + FormatPendingLine(record);
-    const bool kept = os::WriteAll(file.Get(), line.data(), line.size()) && os::fileCalls.fsync(file.Get()) == 0
-                      && (before.st_size > 0 || FlushFolderOf(m_path));
+    const bool kept = os::WriteAll(file.Get(), line.data(), line.size()) &&
+                      os::fileCalls.fsync(file.Get()) == 0 && (before.st_size > 0 || FlushFolderOf(m_path));
     if (!kept) {
         const int error = errno;
         if (before.st_size == 0)
             os::fileCalls.unlink(m_path.c_str());
         else
-            static_cast<void>(os::fileCalls.ftruncate(file.Get(), before.st_size)); // else a torn line, which a reader passes over
+            static_cast<void>(os::fileCalls.ftruncate(
+                file.Get(), before.st_size)); // else a torn line, which a reader passes over
         errno = error;
     }
     return kept;

@@ -35,12 +35,12 @@ public:
     bool Append(const EventRecord& record);
 
     enum class ETaken {
-        All, ///< `store` took them and the file is gone
-        Refused, ///< `store` did not take them; the file is as it was
+        All,        ///< `store` took them and the file is gone
+        Refused,    ///< `store` did not take them; the file is as it was
         Unreadable, ///< the file could not be locked or read; errno
     };
-    /// Hands all records to `store`, which puts them away for good or answers false; then removes the file. A process
-    /// that dies in between leaves the file, and `store` sees the same keys again.
+    /// Hands all records to `store`, which puts them away for good or answers false; then removes the file. A
+    /// process that dies in between leaves the file, and `store` sees the same keys again.
     ETaken Take(const std::function<bool(const std::vector<EventRecord>&)>& store);
 
 private:

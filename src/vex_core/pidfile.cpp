@@ -1,5 +1,5 @@
-// Pid files: who holds one, and taking it. A reader trusts nothing: the path may lead to anything, and a pid may have gone
-// to another process since.
+// Pid files: who holds one, and taking it. A reader trusts nothing: the path may lead to anything, and a pid
+// may have gone to another process since.
 
 #include "vex/core/pidfile.h"
 #include "vex_core/narrow.h"
@@ -49,7 +49,8 @@ bool ParseLine(const char*& at, const char* end, std::uint64_t& value, bool& pre
     return *at++ == '\n';
 }
 
-// The file's text. Never blocks: what is no regular file is not opened, and not waited for when it became one meanwhile.
+// The file's text. Never blocks: what is no regular file is not opened, and not waited for when it became one
+// meanwhile.
 bool ReadSmallFile(const char* path, char (&text)[maxFileBytes + 1], std::size_t& size)
 {
     struct stat status;
@@ -91,7 +92,8 @@ public:
         const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
         os::Descriptor file(os::fileCalls.open(m_path.c_str(), flags, 0600));
         if (!file && errno == EEXIST && os::fileCalls.unlink(m_path.c_str()) == 0)
-            file = os::Descriptor(os::fileCalls.open(m_path.c_str(), flags, 0600)); // an earlier process of our pid was killed
+            file = os::Descriptor(
+                os::fileCalls.open(m_path.c_str(), flags, 0600)); // an earlier process of our pid was killed
         m_exists = static_cast<bool>(file);
         return file;
     }
@@ -115,8 +117,8 @@ bool WriteThroughRename(const std::string& path, const std::string& text)
     static std::atomic<unsigned> serial{0}; // two threads may write at once
     TemporaryFile temporary(path + "." + std::to_string(getpid()) + "." + std::to_string(serial++) + ".tmp");
     os::Descriptor file = temporary.Create();
-    return file && os::WriteAll(file.Get(), text.data(), text.size()) && os::fileCalls.fchmod(file.Get(), 0644) == 0
-           && file.Close() && temporary.RenameTo(path);
+    return file && os::WriteAll(file.Get(), text.data(), text.size()) &&
+           os::fileCalls.fchmod(file.Get(), 0644) == 0 && file.Close() && temporary.RenameTo(path);
 }
 
 } // namespace
@@ -146,8 +148,8 @@ long ReadPidFile(const wxString& path)
         return 0;
     const PidFileText content = ParsePidFile(text, size);
     os::ProcessInfo info;
-    if (content.pid != 0 && os::GetProcessInfo(content.pid, info)
-        && (info.zombie || (content.hasStartTime && info.startTime != content.startTime)))
+    if (content.pid != 0 && os::GetProcessInfo(content.pid, info) &&
+        (info.zombie || (content.hasStartTime && info.startTime != content.startTime)))
         return 0;
     return content.pid;
 }

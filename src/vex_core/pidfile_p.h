@@ -15,7 +15,8 @@ struct PidFileText
     std::uint64_t startTime = 0;
 };
 
-/// Reads the content of a pid file: a decimal pid above 1, then perhaps a line with its start time, and nothing else.
+/// Reads the content of a pid file: a decimal pid above 1, then perhaps a line with its start time, and
+/// nothing else.
 PidFileText ParsePidFile(const char* text, std::size_t size);
 
 } // namespace VexCore

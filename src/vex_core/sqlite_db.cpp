@@ -12,7 +12,8 @@
 
 namespace VexCore {
 
-// --- settings of the process -----------------------------------------------------------------------------------------
+// --- settings of the process
+// -----------------------------------------------------------------------------------------
 
 namespace {
 
@@ -21,7 +22,8 @@ constexpr char settingPrefix[] = "sqlite.config";
 std::mutex settingsMutex;
 SqliteSettings processSettings; // guarded by settingsMutex
 
-// One setting: its name after "sqlite.config." and what is done with its value. False: the value means nothing.
+// One setting: its name after "sqlite.config." and what is done with its value. False: the value means
+// nothing.
 struct SettingRule
 {
     const char* name;
@@ -30,7 +32,8 @@ struct SettingRule
 
 bool ApplyMemstatus(std::int64_t value, SqliteSettings&)
 {
-    return (value == 0 || value == 1) && sqlite3_config(SQLITE_CONFIG_MEMSTATUS, static_cast<int>(value)) == SQLITE_OK;
+    return (value == 0 || value == 1) &&
+           sqlite3_config(SQLITE_CONFIG_MEMSTATUS, static_cast<int>(value)) == SQLITE_OK;
 }
 
 bool ApplyMmapSize(std::int64_t value, SqliteSettings&)
@@ -91,9 +94,10 @@ void WarnOfUnknownSettings(const CDom& dom)
     for (const std::string& key : dom.Keys("")) {
         if (key.compare(0, sizeof settingPrefix - 1, settingPrefix) != 0)
             continue;
-        const bool known = std::any_of(std::begin(settingRules), std::end(settingRules), [&key](const SettingRule& rule) {
-            return key == std::string(settingPrefix) + "." + rule.name;
-        });
+        const bool known =
+            std::any_of(std::begin(settingRules), std::end(settingRules), [&key](const SettingRule& rule) {
+                return key == std::string(settingPrefix) + "." + rule.name;
+            });
         if (!known)
             wxLogWarning(wxT("Unknown database setting '%s'"), wxString::FromUTF8(key.c_str()));
     }
@@ -131,7 +135,8 @@ bool CSqliteDatabase::InitializeSQLite(CDom* dom)
     SetSqliteSettings(settings);
     const int result = sqlite3_initialize();
     if (result != SQLITE_OK)
-        wxLogError(wxT("The database library cannot be initialised (%s)"), wxString::FromUTF8(sqlite3_errstr(result)));
+        wxLogError(wxT("The database library cannot be initialised (%s)"),
+                   wxString::FromUTF8(sqlite3_errstr(result)));
     return result == SQLITE_OK;
 }
 
@@ -147,7 +152,8 @@ const char* JournalModeFor(int libraryVersion)
     return libraryVersion >= 3051003 ? "WAL" : "TRUNCATE";
 }
 
-// --- connections -----------------------------------------------------------------------------------------------------
+// --- connections
+// -----------------------------------------------------------------------------------------------------
 
 void SqliteDb::Closer::operator()(sqlite3* handle) const
 {
@@ -166,7 +172,8 @@ bool SqliteDb::Open(const std::string& path, std::int64_t minSynchronous)
 {
     Close();
     sqlite3* handle = nullptr;
-    const int result = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    const int result =
+        sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     m_handle.reset(handle); // there is one after a failure too
     if (result != SQLITE_OK) {
         Fail(handle != nullptr ? sqlite3_extended_errcode(handle) : result);
@@ -176,8 +183,8 @@ bool SqliteDb::Open(const std::string& path, std::int64_t minSynchronous)
     sqlite3_extended_result_codes(handle, 1);
     const SqliteSettings settings = GetSqliteSettings();
     sqlite3_busy_timeout(handle, static_cast<int>(settings.busyTimeoutMs));
-    std::string sql = "PRAGMA trusted_schema=OFF; PRAGMA synchronous="
-                      + std::to_string(std::max(settings.synchronous, minSynchronous)) + ";";
+    std::string sql = "PRAGMA trusted_schema=OFF; PRAGMA synchronous=" +
+                      std::to_string(std::max(settings.synchronous, minSynchronous)) + ";";
     if (settings.cacheSize)
         sql += "PRAGMA cache_size=" + std::to_string(*settings.cacheSize) + ";";
     if (settings.journalSizeLimit)
@@ -217,7 +224,8 @@ int SqliteDb::Changes() const
     return sqlite3_changes(m_handle.get());
 }
 
-// --- statements ------------------------------------------------------------------------------------------------------
+// --- statements
+// ------------------------------------------------------------------------------------------------------
 
 void SqliteStatement::Finalizer::operator()(sqlite3_stmt* statement) const
 {
@@ -227,7 +235,8 @@ void SqliteStatement::Finalizer::operator()(sqlite3_stmt* statement) const
 SqliteStatement::SqliteStatement(SqliteDb& db, const char* sql) : m_db(db)
 {
     sqlite3_stmt* statement = nullptr;
-    m_failure = db.m_handle ? sqlite3_prepare_v2(db.m_handle.get(), sql, -1, &statement, nullptr) : SQLITE_MISUSE;
+    m_failure =
+        db.m_handle ? sqlite3_prepare_v2(db.m_handle.get(), sql, -1, &statement, nullptr) : SQLITE_MISUSE;
     m_statement.reset(statement);
     if (m_failure != SQLITE_OK)
         db.Fail(m_failure);
@@ -242,7 +251,8 @@ void SqliteStatement::Bind(int parameter, std::int64_t value)
 void SqliteStatement::Bind(int parameter, const std::string& text)
 {
     if (m_failure == SQLITE_OK)
-        m_failure = sqlite3_bind_text64(m_statement.get(), parameter, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
+        m_failure = sqlite3_bind_text64(m_statement.get(), parameter, text.data(), text.size(), SQLITE_STATIC,
+                                        SQLITE_UTF8);
 }
 
 void SqliteStatement::Bind(int parameter, const std::optional<std::int64_t>& value)
@@ -300,13 +310,15 @@ bool SqliteStatement::ColumnIsNull(int column) const
     return sqlite3_column_type(m_statement.get(), column) == SQLITE_NULL;
 }
 
-// --- transactions ----------------------------------------------------------------------------------------------------
+// --- transactions
+// ----------------------------------------------------------------------------------------------------
 
 SqliteTransaction::SqliteTransaction(SqliteDb& db) : m_db(db), m_open(db.Exec("BEGIN IMMEDIATE")) {}
 
 SqliteTransaction::~SqliteTransaction()
 {
-    // After some failures SQLite has rolled back by itself, and a second roll-back would only replace the error.
+    // After some failures SQLite has rolled back by itself, and a second roll-back would only replace the
+    // error.
     if (m_open && m_db.IsOpen() && sqlite3_get_autocommit(m_db.Handle()) == 0)
         sqlite3_exec(m_db.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
 }

@@ -1,6 +1,6 @@
 #pragma once
-// SQLite connections and statements that close themselves. Results are told by return values; nothing throws but
-// std::bad_alloc.
+// SQLite connections and statements that close themselves. Results are told by return values; nothing throws
+// but std::bad_alloc.
 
 #include <cstdint>
 #include <memory>
@@ -12,10 +12,11 @@ struct sqlite3_stmt;
 
 namespace VexCore {
 
-/// What `CSqliteDatabase::InitializeSQLite` found in the domain for connections to come. docs/settings/sqlite.md.
+/// What `CSqliteDatabase::InitializeSQLite` found in the domain for connections to come.
+/// docs/settings/sqlite.md.
 struct SqliteSettings
 {
-    std::optional<std::int64_t> cacheSize; ///< pages, or KiB when negative
+    std::optional<std::int64_t> cacheSize;        ///< pages, or KiB when negative
     std::optional<std::int64_t> journalSizeLimit; ///< bytes, -1: none
     std::int64_t busyTimeoutMs = 2000;
     std::int64_t synchronous = 2; ///< 0 off, 1 normal, 2 full, 3 extra
@@ -25,8 +26,8 @@ struct SqliteSettings
 SqliteSettings GetSqliteSettings();
 void SetSqliteSettings(const SqliteSettings& settings);
 
-/// The journal mode for a version of SQLite. Before 3.51.3 a write-ahead log can be damaged when two connections write at
-/// once.
+/// The journal mode for a version of SQLite. Before 3.51.3 a write-ahead log can be damaged when two
+/// connections write at once.
 const char* JournalModeFor(int libraryVersion);
 
 /// One connection. One thread at a time.
@@ -37,8 +38,8 @@ public:
     SqliteDb(SqliteDb&& other) noexcept : m_handle(std::move(other.m_handle)) {}
     SqliteDb& operator=(SqliteDb&& other) noexcept = default;
 
-    /// Opens the file, made when it is missing, and applies the process's settings, with `minSynchronous` at least. False: see
-    /// `Error`, and the connection is closed.
+    /// Opens the file, made when it is missing, and applies the process's settings, with `minSynchronous` at
+    /// least. False: see `Error`, and the connection is closed.
     bool Open(const std::string& path, std::int64_t minSynchronous);
     void Close();
     /// Forgets the connection without touching the file: in a child that inherited it through fork.

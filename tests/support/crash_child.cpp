@@ -70,7 +70,8 @@ volatile int sink = 0;
         pause();
 }
 
-// A crash inside the handler: a thread that cannot be stopped strikes the crashing one while that writes its dump.
+// A crash inside the handler: a thread that cannot be stopped strikes the crashing one while that writes its
+// dump.
 void StrikeWhileItWrites(pthread_t victim)
 {
     std::thread([victim] {

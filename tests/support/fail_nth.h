@@ -1,5 +1,6 @@
 #pragma once
-// Lets the n-th file call of the code under test fail, or die in it: for n = 1, 2, 3... until nothing is left to fail.
+// Lets the n-th file call of the code under test fail, or die in it: for n = 1, 2, 3... until nothing is left
+// to fail.
 
 #include "vex_core/os/file_calls.h"
 
@@ -14,7 +15,8 @@ struct FailNth
 {
     enum class EHow { Fail, Die };
 
-    /// The calls are counted from now on; number `n` (from 1) does not happen. With `lasting`, nor do those after it.
+    /// The calls are counted from now on; number `n` (from 1) does not happen. With `lasting`, nor do those
+    /// after it.
     FailNth(int n, int error, EHow how = EHow::Fail, bool lasting = false)
     {
         State() = {n, 0, error, how, lasting};
@@ -36,11 +38,21 @@ struct FailNth
             return -1;
         };
         calls.fsync = [](int descriptor) { return Hit() ? -1 : System().fsync(descriptor); };
-        calls.fchmod = [](int descriptor, mode_t mode) { return Hit() ? -1 : System().fchmod(descriptor, mode); };
-        calls.ftruncate = [](int descriptor, off_t size) { return Hit() ? -1 : System().ftruncate(descriptor, size); };
-        calls.fstat = [](int descriptor, struct stat* status) { return Hit() ? -1 : System().fstat(descriptor, status); };
-        calls.stat = [](const char* path, struct stat* status) { return Hit() ? -1 : System().stat(path, status); };
-        calls.rename = [](const char* from, const char* to) { return Hit() ? -1 : System().rename(from, to); };
+        calls.fchmod = [](int descriptor, mode_t mode) {
+            return Hit() ? -1 : System().fchmod(descriptor, mode);
+        };
+        calls.ftruncate = [](int descriptor, off_t size) {
+            return Hit() ? -1 : System().ftruncate(descriptor, size);
+        };
+        calls.fstat = [](int descriptor, struct stat* status) {
+            return Hit() ? -1 : System().fstat(descriptor, status);
+        };
+        calls.stat = [](const char* path, struct stat* status) {
+            return Hit() ? -1 : System().stat(path, status);
+        };
+        calls.rename = [](const char* from, const char* to) {
+            return Hit() ? -1 : System().rename(from, to);
+        };
         calls.unlink = [](const char* path) { return Hit() ? -1 : System().unlink(path); };
         m_active = true;
     }

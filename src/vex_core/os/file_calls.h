@@ -1,6 +1,6 @@
 #pragma once
-// The system calls with which small files are read and written, as a table that tests replace to let the n-th call fail.
-// The defaults go on when a signal interrupts them.
+// The system calls with which small files are read and written, as a table that tests replace to let the n-th
+// call fail. The defaults go on when a signal interrupts them.
 
 #include <cstddef>
 

@@ -57,7 +57,7 @@ int CallStat(const char* path, struct stat* status)
 
 } // namespace
 
-const FileCalls systemFileCalls = {CallOpen,    ::close,     CallRead, CallWrite, CallFsync, ::fchmod,
+const FileCalls systemFileCalls = {CallOpen,    ::close,   CallRead, CallWrite, CallFsync, ::fchmod,
                                    ::ftruncate, CallFstat, CallStat, ::rename,  ::unlink};
 FileCalls fileCalls = systemFileCalls;
 

@@ -6,7 +6,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-// A lock that waits has no time limit, and another process may hold it for ever: so it is asked for again and again.
+// A lock that waits has no time limit, and another process may hold it for ever: so it is asked for again and
+// again.
 bool VexCore::os::LockFile(int descriptor, long timeoutMs)
 {
     constexpr long stepMs = 5;

@@ -9,8 +9,8 @@ namespace VexCore::os {
 
 struct ProcessInfo
 {
-    /// When it began, in the system's own unit: clock ticks since the boot on Linux, nanoseconds since the epoch on
-    /// Solaris. Good for comparing, for nothing else.
+    /// When it began, in the system's own unit: clock ticks since the boot on Linux, nanoseconds since the
+    /// epoch on Solaris. Good for comparing, for nothing else.
     std::uint64_t startTime = 0;
     /// It has ended and only waits for its parent to notice.
     bool zombie = false;

@@ -1,5 +1,5 @@
-#include "vex_core/os/procinfo.h"
 #include "vex_core/os/file_calls.h"
+#include "vex_core/os/procinfo.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,8 +11,8 @@
 
 namespace VexCore::os {
 
-// /proc/PID/stat is "pid (name) state ppid ...". The name may hold blanks and parentheses, so the fields are counted from
-// the last parenthesis: the state is the 3rd field of the line and the start time the 22nd.
+// /proc/PID/stat is "pid (name) state ppid ...". The name may hold blanks and parentheses, so the fields are
+// counted from the last parenthesis: the state is the 3rd field of the line and the start time the 22nd.
 bool GetProcessInfo(pid_t pid, ProcessInfo& info)
 {
     char path[40];

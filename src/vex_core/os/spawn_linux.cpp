@@ -57,8 +57,9 @@ void CloseFrom(int first)
     if (CloseListed(first))
         return;
     struct rlimit limit;
-    const int end = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < 65536 ? static_cast<int>(limit.rlim_cur)
-                                                                                    : 65536;
+    const int end = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < 65536
+                        ? static_cast<int>(limit.rlim_cur)
+                        : 65536;
     for (int descriptor = first; descriptor < end; ++descriptor)
         close(descriptor);
 }

@@ -1,6 +1,6 @@
-// Between vfork and exec the child borrows the memory of this thread, and other threads' locks are held for ever: RunChild
-// calls only what POSIX lists as safe in a signal handler, and writes to nothing but its own stack. All signals are blocked
-// meanwhile, so that no handler of ours runs in the child.
+// Between vfork and exec the child borrows the memory of this thread, and other threads' locks are held for
+// ever: RunChild calls only what POSIX lists as safe in a signal handler, and writes to nothing but its own
+// stack. All signals are blocked meanwhile, so that no handler of ours runs in the child.
 
 #include "vex_core/os/spawn.h"
 

@@ -1,6 +1,6 @@
-#include "vex_core/agentevent_store.h"
 #include "vex/core/agentevent.h"
 #include "vex/core/dom.h"
+#include "vex_core/agentevent_store.h"
 
 #include "support/fail_nth.h"
 #include "support/log_capture.h"
@@ -61,14 +61,21 @@ private:
         static std::map<std::string, Call> real;
         return real;
     }
-    template <class F> static F RealAs(const char* name) { return reinterpret_cast<F>(Real()[name]); }
+    template <class F>
+    static F RealAs(const char* name)
+    {
+        return reinterpret_cast<F>(Real()[name]);
+    }
     static int Open(const char* path, int flags, int mode)
     {
-        return ::Test::FailNth::Hit() ? -1 : RealAs<int (*)(const char*, int, int)>("open")(path, flags, mode);
+        return ::Test::FailNth::Hit() ? -1
+                                      : RealAs<int (*)(const char*, int, int)>("open")(path, flags, mode);
     }
     static ssize_t Write(int descriptor, const void* data, size_t size)
     {
-        return ::Test::FailNth::Hit() ? -1 : RealAs<ssize_t (*)(int, const void*, size_t)>("write")(descriptor, data, size);
+        return ::Test::FailNth::Hit()
+                   ? -1
+                   : RealAs<ssize_t (*)(int, const void*, size_t)>("write")(descriptor, data, size);
     }
     static ssize_t Pwrite(int descriptor, const void* data, size_t size, off_t at)
     {
@@ -125,7 +132,8 @@ protected:
     static int CountOf(const std::string& all, const std::string& text)
     {
         int count = 0;
-        for (std::size_t at = all.find(text + ";"); at != std::string::npos; at = all.find(text + ";", at + 1))
+        for (std::size_t at = all.find(text + ";"); at != std::string::npos;
+             at = all.find(text + ";", at + 1))
             ++count;
         return count;
     }
@@ -133,21 +141,24 @@ protected:
     // In memory where the system has such a place: what is flushed is counted here, not waited for.
     static std::string Base()
     {
-        return std::filesystem::exists("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path().string();
+        return std::filesystem::exists("/dev/shm") ? "/dev/shm"
+                                                   : std::filesystem::temp_directory_path().string();
     }
 
     ::Test::TempFolder m_folder{Base()};
     std::string m_work = m_folder.Path();
 };
 
-// Runs `body` in a child with a mount namespace of its own; its result is the exit code. -1: no such namespace here.
+// Runs `body` in a child with a mount namespace of its own; its result is the exit code. -1: no such
+// namespace here.
 int InOwnMounts(const std::function<int()>& body)
 {
     const pid_t pid = fork();
     if (pid == 0) {
         if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
             _exit(77);
-        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO); // what the store shows there is not what such a body tests
+        dup2(open("/dev/null", O_WRONLY),
+             STDERR_FILENO); // what the store shows there is not what such a body tests
         const int result = body();
         std::fflush(stdout);
         _exit(result);
@@ -158,12 +169,12 @@ int InOwnMounts(const std::function<int()>& body)
 }
 
 // What a child of a test checks: its line says which did not hold.
-#define CHILD_CHECK(condition)                                                                                         \
-    do {                                                                                                               \
-        if (!(condition)) {                                                                                            \
-            std::printf("line %d: %s\n", __LINE__, #condition);                                               \
-            return 1;                                                                                                  \
-        }                                                                                                              \
+#define CHILD_CHECK(condition)                                                                               \
+    do {                                                                                                     \
+        if (!(condition)) {                                                                                  \
+            std::printf("line %d: %s\n", __LINE__, #condition);                                              \
+            return 1;                                                                                        \
+        }                                                                                                    \
     } while (false)
 
 } // namespace
@@ -260,7 +271,8 @@ TEST_F(EventStoreTest, PendingEventsKeepAllTheirFields)
     EXPECT_TRUE(store.StoreKept());
     SqliteDb db;
     ASSERT_TRUE(db.Open(Database(), 0));
-    SqliteStatement row(db, "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event ORDER BY id");
+    SqliteStatement row(db,
+                        "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event ORDER BY id");
     ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
     EXPECT_EQ(row.ColumnInt(0), event.m_timeMillis);
     EXPECT_EQ(row.ColumnInt(1), event.m_timeSeconds);
@@ -292,11 +304,13 @@ TEST_F(EventStoreTest, LineCutShortIsAnErrorLineAndTheOthersAreStored)
 {
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"good\"/></pending>\n"
-                               "\n<pending key=\"k2\"><agent_event text=\"cut");
+                                 "\n<pending key=\"k2\"><agent_event text=\"cut");
     ::Test::LogCapture log;
     EXPECT_EQ(store.Write(MakeEvent("next")), 2);
     EXPECT_EQ(Stored(), "good;next;");
-    EXPECT_EQ(log.Count(wxLOG_Error, "is no event and is left out: <pending key=\"k2\"><agent_event text=\"cut"), 1u)
+    EXPECT_EQ(
+        log.Count(wxLOG_Error, "is no event and is left out: <pending key=\"k2\"><agent_event text=\"cut"),
+        1u)
         << log.All();
     EXPECT_FALSE(Exists(Pending()));
 }
@@ -350,9 +364,10 @@ TEST_F(EventStoreTest, MemoryIsBoundedAndSaysWhatItGivesUp)
         GTEST_SKIP() << "the limit of this build is large";
     EXPECT_EQ(store.InMemory(), EventStore::maxInMemory);
     EXPECT_EQ(log.Count(wxLOG_Error, "Too many agent events"), 2u);
-    EXPECT_NE(shown.find("given up: <agent_event time_ms=\"1700000000123\" time_s=\"1700000000\" number=\"5101\""
-                         " severity=\"5\" text=\"e1\"/>"),
-              std::string::npos)
+    EXPECT_NE(
+        shown.find("given up: <agent_event time_ms=\"1700000000123\" time_s=\"1700000000\" number=\"5101\""
+                   " severity=\"5\" text=\"e1\"/>"),
+        std::string::npos)
         << shown;
 }
 
@@ -490,7 +505,8 @@ TEST_F(EventStoreTest, EachFailingCallLeavesEveryEventExactlyOnce)
             const std::string shown = testing::internal::GetCapturedStderr();
             const std::string all = Stored();
             for (const char* text : {"pending", "in fault", "after"})
-                EXPECT_EQ(CountOf(all, text), 1) << "call " << n << (lasting ? " and later" : "") << ": " << all << log.All();
+                EXPECT_EQ(CountOf(all, text), 1)
+                    << "call " << n << (lasting ? " and later" : "") << ": " << all << log.All();
             EXPECT_FALSE(Exists(Pending())) << n;
             EXPECT_EQ(store.InMemory(), 0u) << n;
         }

@@ -25,7 +25,8 @@ void SetAll(CAgentEvent& event, const std::string& text)
 std::string TextOf(const std::string& xml)
 {
     pugi::xml_document document;
-    EXPECT_TRUE(document.load_buffer(xml.data(), xml.size(), pugi::parse_default, pugi::encoding_utf8)) << xml;
+    EXPECT_TRUE(document.load_buffer(xml.data(), xml.size(), pugi::parse_default, pugi::encoding_utf8))
+        << xml;
     return document.child("agent_event").attribute("text").as_string();
 }
 
@@ -57,8 +58,9 @@ TEST(AgentEvent, AllFieldsInOneElement)
 {
     CAgentEvent event;
     SetAll(event, "net|1.2|notes");
-    EXPECT_EQ(event.ToXml(), "<agent_event time_ms=\"1700000000123\" time_s=\"1700000000\" number=\"5101\" severity=\"5\""
-                             " text=\"net|1.2|notes\"/>");
+    EXPECT_EQ(event.ToXml(),
+              "<agent_event time_ms=\"1700000000123\" time_s=\"1700000000\" number=\"5101\" severity=\"5\""
+              " text=\"net|1.2|notes\"/>");
 }
 
 TEST(AgentEvent, FieldsOutOfRangeAreIgnored)
@@ -74,7 +76,8 @@ TEST(AgentEvent, FieldsOutOfRangeAreIgnored)
 TEST(AgentEvent, AnyTextSurvivesAParser)
 {
     CAgentEvent event;
-    for (const char* text : {"", "<&>\"'", "]]>", "a\tb\nc\rd\r\ne", " blanks ", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x99\x82", "&amp;"}) {
+    for (const char* text : {"", "<&>\"'", "]]>", "a\tb\nc\rd\r\ne", " blanks ",
+                             "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x99\x82", "&amp;"}) {
         SetAll(event, text);
         EXPECT_EQ(TextOf(event.ToXml()), text) << event.ToXml();
         EXPECT_EQ(event.ToXml().find('\n'), std::string::npos) << "one line";

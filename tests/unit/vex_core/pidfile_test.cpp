@@ -88,23 +88,46 @@ TEST_F(PidFile, MissingFileIsNobody)
 
 TEST_F(PidFile, MalformedTextIsNobody)
 {
-    for (const char* text : {"", "\n", " ", "\n123\n", "abc", "12a", "a12", "-12", "+12", "0x12", "1 2", "12 34", "12\nabc", "12\n-3",
-                             "12\n3\n4", "12\n3\nx", "12.0", "12\n\n\n", "99999999999999999999", "12\n99999999999999999999999"})
+    for (const char* text : {"",
+                             "\n",
+                             " ",
+                             "\n123\n",
+                             "abc",
+                             "12a",
+                             "a12",
+                             "-12",
+                             "+12",
+                             "0x12",
+                             "1 2",
+                             "12 34",
+                             "12\nabc",
+                             "12\n-3",
+                             "12\n3\n4",
+                             "12\n3\nx",
+                             "12.0",
+                             "12\n\n\n",
+                             "99999999999999999999",
+                             "12\n99999999999999999999999"})
         EXPECT_EQ(ReadText(text), 0) << '"' << text << '"';
     EXPECT_EQ(ReadText(std::string("12\0", 3)), 0);
-    EXPECT_EQ(ReadText(std::string("\xFF\xFE" "1\0", 4)), 0);
+    EXPECT_EQ(ReadText(std::string("\xFF\xFE"
+                                   "1\0",
+                                   4)),
+              0);
 }
 
 TEST_F(PidFile, PidBelowTwoOrOutOfRangeIsNobody)
 {
-    for (const char* text : {"0", "1", "2147483648", "4294967298", "18446744073709551618", "18446744073709551615"})
+    for (const char* text :
+         {"0", "1", "2147483648", "4294967298", "18446744073709551618", "18446744073709551615"})
         EXPECT_EQ(ReadText(text), 0) << text;
 }
 
 TEST_F(PidFile, PidAloneIsAccepted)
 {
     const std::string pid = std::to_string(getpid());
-    for (const std::string& text : {pid, pid + "\n", pid + "\r\n", " " + pid + " \n", "000" + pid, pid + "\n\n"})
+    for (const std::string& text :
+         {pid, pid + "\n", pid + "\r\n", " " + pid + " \n", "000" + pid, pid + "\n\n"})
         EXPECT_EQ(ReadText(text), getpid()) << text;
 }
 
@@ -180,7 +203,8 @@ TEST_F(PidFile, TemporaryFileLeftByAKilledNamesakeIsReplaced)
 {
     // The name has a serial number, so the next few are laid.
     for (int serial = 0; serial < 200; ++serial)
-        ::Test::WriteFile(m_path + "." + std::to_string(getpid()) + "." + std::to_string(serial) + ".tmp", "rubbish");
+        ::Test::WriteFile(m_path + "." + std::to_string(getpid()) + "." + std::to_string(serial) + ".tmp",
+                          "rubbish");
     ASSERT_TRUE(Write());
     EXPECT_EQ(Read(), getpid());
 }

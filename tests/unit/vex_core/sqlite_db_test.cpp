@@ -1,6 +1,6 @@
-#include "vex_core/sqlite_db.h"
 #include "vex/core/dom.h"
 #include "vex/core/sqlitedb.h"
+#include "vex_core/sqlite_db.h"
 
 #include "support/log_capture.h"
 #include "support/temp_folder.h"
@@ -16,14 +16,20 @@ namespace {
 class SqliteInit : public testing::Test
 {
 protected:
-    void SetUp() override { CSqliteDatabase::ShutdownSQLite(); } // an earlier test may have used it: what follows is a first start
+    void SetUp() override
+    {
+        CSqliteDatabase::ShutdownSQLite();
+    } // an earlier test may have used it: what follows is a first start
     void TearDown() override
     {
         CSqliteDatabase::ShutdownSQLite();
         SetSqliteSettings(SqliteSettings());
         m_dom->Release();
     }
-    void Set(const char* name, std::int64_t value) { m_dom->SetWx((std::string("sqlite.config.") + name).c_str(), value); }
+    void Set(const char* name, std::int64_t value)
+    {
+        m_dom->SetWx((std::string("sqlite.config.") + name).c_str(), value);
+    }
 
     CDom* m_dom = CDom::New(nullptr, nullptr, nullptr, false);
     ::Test::LogCapture m_log;
