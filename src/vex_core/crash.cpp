@@ -6,6 +6,7 @@
 #include "vex/core/crash.h"
 #include "vex_core/crash_p.h"
 #include "vex_core/crash_thread.h"
+#include "vex_core/crash_threads.h"
 #include "vex_core/log_p.h"
 #include "vex_core/narrow.h"
 
@@ -232,8 +233,7 @@ void OnCrash(int signal, siginfo_t* info, void* context)
     if (!crashingThread.compare_exchange_strong(nobody, self)) {
         if (nobody == self)
             GiveUp(handlerCrashed);
-        for (;;) // another thread is at it and ends the process
-            pause();
+        AnswerAndStay(context); // the other thread ends the process
     }
     firstCrash = {signal, info, context, getpid(), self};
     LimitTime();

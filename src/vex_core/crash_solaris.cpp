@@ -2,6 +2,7 @@
 // would hold. The crash is still reported in the log, and ends the process as it would have.
 
 #include "vex_core/crash_p.h"
+#include "vex_core/crash_threads.h"
 
 #include <cerrno>
 
@@ -54,6 +55,12 @@ void EndBySignalNow(int signal)
     pthread_sigmask(SIG_UNBLOCK, &mask, nullptr);
     thr_kill(thr_self(), signal);
     _exit(128 + signal);
+}
+
+void AnswerAndStay(const void*)
+{
+    for (;;)
+        pause();
 }
 
 const char* CrashErrorText(int)

@@ -21,4 +21,8 @@ struct CrashThread
 const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs,
                                     std::size_t& count);
 
+/// For a thread that crashes while another one writes the dump: gives its context as the answer and never
+/// returns.
+[[noreturn]] void AnswerAndStay(const void* context);
+
 } // namespace VexCore

@@ -32,15 +32,27 @@ int ParkSignal()
     return SIGRTMIN + 5; // beside the one that ends threads; free until a crash
 }
 
-void Park(int, siginfo_t*, void* context)
+// The list may not have been made yet.
+void Answer(const void* context)
 {
     const long self = syscall(SYS_gettid);
     const std::size_t count = slotCount.load();
     for (std::size_t i = 0; i < count; ++i)
         if (slots[i].number.load() == self)
             slots[i].context.store(context);
+}
+
+void Park(int, siginfo_t*, void* context)
+{
+    Answer(context);
     for (;;)
         pause();
+}
+
+void Nap()
+{
+    const struct timespec millisecond = {0, 1000000};
+    nanosleep(&millisecond, nullptr);
 }
 
 // As the kernel fills it.
@@ -104,15 +116,21 @@ const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownCon
 {
     ListThreads(self);
     AskAll(process);
-    for (long waited = 0; waited < waitMs && Answers() < slotCount.load(); ++waited) {
-        const struct timespec step = {0, 1000000};
-        nanosleep(&step, nullptr);
-    }
+    for (long waited = 0; waited < waitMs && Answers() < slotCount.load(); ++waited)
+        Nap();
     count = 0;
     result[count++] = {self, ownContext};
     for (std::size_t i = 0; i < slotCount.load(); ++i)
         result[count++] = {slots[i].number.load(), slots[i].context.load()};
     return result;
+}
+
+void AnswerAndStay(const void* context)
+{
+    for (;;) {
+        Answer(context);
+        Nap();
+    }
 }
 
 } // namespace VexCore

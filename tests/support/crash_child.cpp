@@ -101,7 +101,11 @@ public:
     const char* GetThreadName() const override { return "Crasher"; }
 
 protected:
-    void OnRun() override { m_body(); }
+    void OnRun() override
+    {
+        m_body();
+        sink = sink + 1; // no tail call
+    }
 
 private:
     void (*m_body)();
@@ -116,9 +120,15 @@ int InThread(void (*body)())
     return 0;
 }
 
-void CrashInMany()
+// Three threads, as nearly at once as can be.
+[[gnu::noinline]] void CrashInMany()
 {
+    static std::atomic<int> ready{0};
+    ++ready;
+    while (ready < 3) {
+    }
     CrashOnNull();
+    sink = sink + 1; // no tail call
 }
 
 int Crash(const std::string& way)

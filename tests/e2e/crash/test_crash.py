@@ -135,6 +135,11 @@ def test_debugger_shows_an_overflown_stack_of_a_thread(tmp_path):
     assert re.search(r"frame #\d+: .*WaitInMain", text), text
 
 
+def test_debugger_shows_all_threads_that_crash_at_once(tmp_path):
+    text = lldb(Crash(tmp_path, "many").dump, "thread backtrace all")
+    assert len(re.findall(r"frame #\d: .*CrashInMany", text)) == 3, text
+
+
 def test_debugger_reads_a_variable_out_of_a_full_dump(tmp_path):
     crash = Crash(tmp_path, "null", "full")
     assert crash.dump in lldb(crash.dump, "target variable dumpFile")
