@@ -9,7 +9,7 @@ if(CMAKE_BUILD_TYPE STREQUAL "Debug")
 endif()
 
 if(VEX_SANITIZE)
-  add_compile_options(-fsanitize=${VEX_SANITIZE} -fno-sanitize-recover=all -O1)
+  add_compile_options(-fsanitize=${VEX_SANITIZE} -fno-sanitize-recover=all -O1 -g1)
   add_link_options(-fsanitize=${VEX_SANITIZE})
 endif()
 if(VEX_COVERAGE)
