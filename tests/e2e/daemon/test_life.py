@@ -1,5 +1,7 @@
 """The life of supervisor and child: what they are, how they stop, and what is left behind."""
+import ast
 import os
+import re
 import signal
 import subprocess
 import time
@@ -127,8 +129,7 @@ while True:
     except ChildProcessError:
         break
     status[pid] = os.waitstatus_to_exitcode(code)
-status.pop(child)
-print([code for code in status.values()][-1] if status else 'none')
+print(repr(status))
 """
     reaper = subprocess.Popen(["/usr/bin/python3", "-c", script, os.path.join(tree.path, name), "--background", *arguments],
                               env=dict(os.environ, **(env or {})), stdout=subprocess.PIPE, text=True)
@@ -137,7 +138,10 @@ print([code for code in status.values()][-1] if status else 'none')
         supervisor = wait_until(lambda: tree.pid_file(name), what="pid file")
         action(supervisor)
     out, _ = reaper.communicate(timeout=150)
-    return int(out.split()[-1])
+    statuses = ast.literal_eval(out.splitlines()[-1])
+    # The supervisor has the last word in the log.
+    supervisor = int(re.findall(r" \[(\d+)/main\] ", tree.log(name))[-1])
+    return statuses[supervisor]
 
 
 def test_a_stop_ends_the_supervisor_with_the_status_of_shutdown(tree):
