@@ -22,6 +22,7 @@
 
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -781,6 +782,7 @@ TEST_F(UnzippingUnderFaults, FolderSwappedForASymbolicLinkAThousandTimesLetsNoth
     MakeOld();
     const std::string outside = m_folder / "outside";
     fs::create_directory(outside);
+    const auto untouched = fs::last_write_time(outside); // a temporary file that came and went would show here
     std::atomic<bool> over{false};
     std::thread swapper([&] {
         for (int i = 0; i < 1000; ++i) {
@@ -805,6 +807,7 @@ TEST_F(UnzippingUnderFaults, FolderSwappedForASymbolicLinkAThousandTimesLetsNoth
     }
     swapper.join();
     EXPECT_GT(failures, 0) << "no swap was ever met in " << runs << " runs";
+    EXPECT_EQ(fs::last_write_time(outside), untouched);
     EXPECT_TRUE(fs::is_empty(outside));
 }
 
@@ -825,6 +828,36 @@ TEST_F(UnzippingUnderFaults, FolderThatIsReplacedWhileFilesWaitIsNotWrittenInto)
     EXPECT_FALSE(HasTemporaries(m_folder / "moved"));
     EXPECT_TRUE(fs::is_empty(m_root + "/lib"));
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
+{
+    ZipBuilder builder;
+    builder.Add("deflated", std::string(std::size_t(64) << 20, 'd'));
+    builder.Add("stored", std::string(std::size_t(24) << 20, 's'), 0);
+    WriteFile(m_archive, builder.Build());
+    builder = ZipBuilder();
+    const auto run = [this] {
+        const auto peakKiB = [] {
+            struct rusage usage = {};
+            ::getrusage(RUSAGE_SELF, &usage);
+            return usage.ru_maxrss;
+        };
+        const long before = peakKiB();
+        const bool done = Run();
+        ::_exit(!done ? 1 : peakKiB() - before > 8 * 1024 ? 2 : 0);
+    };
+    // In a process of its own: the peak of this one has seen the archive being built. A child begins with what is resident now.
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+        run();
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+#endif
 
 // Limits --------------------------------------------------------------------------------------------
 
