@@ -214,6 +214,26 @@ TEST(ProcessSystem, SignalsLeftByTheStarterAreReset)
               0);
 }
 
+TEST(ProcessSystem, AHangupIsIgnoredUntilThereIsANewSession)
+{
+    for (void (*const before)(int) : {SIG_DFL, SIG_IGN})
+        EXPECT_EQ(InChild([before] {
+                      ::signal(SIGHUP, before);
+                      const auto now = [] {
+                          struct sigaction action;
+                          ::sigaction(SIGHUP, nullptr, &action);
+                          return action.sa_handler;
+                      };
+                      System().ResetSignals();
+                      if (now() != SIG_IGN)
+                          return 1;
+                      if (System().NewSession() != ::getpid())
+                          return 2;
+                      return now() == before ? 0 : 3;
+                  }),
+                  0);
+}
+
 TEST(ProcessSystem, TheHandlerIsInstalledWithItsInformationAndItsSignalMasked)
 {
     EXPECT_EQ(InChild([] {

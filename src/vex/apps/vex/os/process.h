@@ -46,7 +46,8 @@ public:
     /// The same for the working child, which in addition holds the worker lock and gets a SIGTERM when this process ends.
     /// A child whose parent is gone already ends before it does anything.
     virtual pid_t ForkWorker() = 0;
-    /// Becomes leader of a new session and group; the group's id, -1 on failure.
+    /// Becomes leader of a new session and group; the group's id, -1 on failure. SIGHUP is again what it was before
+    /// `ResetSignals`.
     virtual pid_t NewSession() = 0;
     virtual void ChangeFolder(const char* path) = 0;
     /// Standard input, output and error go to /dev/null.
@@ -67,7 +68,8 @@ public:
     /// Whether a process may be sent signals; -1 and errno as `kill` with signal 0.
     virtual int Ask(pid_t process) = 0;
     /// Default disposition for SIGTERM and SIGCHLD, and a mask that holds SIGTERM alone: what the starter of this process
-    /// left in them must not reach the supervisor.
+    /// left in them must not reach the supervisor. SIGHUP is ignored until `NewSession`: a starting process that leads its
+    /// terminal's session brings it upon its child when it ends.
     virtual void ResetSignals() = 0;
     virtual void BlockTerm() = 0;
     virtual void UnblockTerm() = 0;

@@ -104,7 +104,12 @@ public:
         return 0;
     }
 
-    pid_t NewSession() override { return ::setsid(); }
+    pid_t NewSession() override
+    {
+        const pid_t group = ::setsid();
+        ::sigaction(SIGHUP, &m_hangup, nullptr);
+        return group;
+    }
 
     void ChangeFolder(const char* path) override
     {
@@ -139,6 +144,10 @@ public:
     {
         SetDefault(SIGTERM);
         SetDefault(SIGCHLD);
+        struct sigaction ignore = {};
+        ignore.sa_handler = SIG_IGN;
+        sigemptyset(&ignore.sa_mask);
+        ::sigaction(SIGHUP, &ignore, &m_hangup);
         ChangeMask(SIG_SETMASK, SIGTERM);
     }
 
@@ -213,6 +222,7 @@ private:
 
     volatile int m_instanceLock = -1; // a signal handler closes it
     int m_workerLock = -1;
+    struct sigaction m_hangup = {}; // the starter's, while it is ignored
 };
 
 CSystem* s_replacement = nullptr;
