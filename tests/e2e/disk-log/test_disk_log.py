@@ -1,0 +1,319 @@
+"""The log file under what happens to log files: several writers, rotation, kills, full disks, other people's hands."""
+import collections
+import os
+import re
+import signal
+import subprocess
+
+import pytest
+
+from conftest import FULL, alive, children, mount_tmpfs, send_signal, unmount, wait_until
+
+RECORD = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d (FATAL|ERROR|WARNING|MESSAGE|INFO|DEBUG|TRACE) \[\d+/[^\]]*\] ")
+
+# Writes `count` numbered lines under a tag. What the file "<tag>.told" holds was in the log before it was told.
+WRITER = """
+local M = {}
+function M.main()
+  local tag, count = arg[1], tonumber(arg[2])
+  local told = assert(io.open(dom0:Get("app.path.work") .. "/" .. tag .. ".told", "w"))
+  told:setvbuf("no")
+  for number = 1, count do
+    dom0:Log("info", ("line %s-%d-end"):format(tag, number))
+    told:write(number .. "\\n") -- one system call
+  end
+  return 0
+end
+return M
+"""
+
+
+def settings(tree, name, **values):
+    tree.file(f"work/{name}.ini", "[settings]\n" + "".join(f"{key.replace('_', '.')}={value}\n" for key, value in values.items()))
+
+
+def log_files(tree, name):
+    """The log's files, oldest first."""
+    numbers = sorted((int(entry.rpartition(".")[2]) for entry in os.listdir(tree.work)
+                      if re.fullmatch(re.escape(name) + r"\.log\.\d+", entry)), reverse=True)
+    return [f"{tree.work}/{name}.log.{number}" for number in numbers] + [f"{tree.work}/{name}.log"]
+
+
+def log_lines(tree, name):
+    lines = []
+    for path in log_files(tree, name):
+        with open(path, encoding="utf-8", newline="\n") as file:
+            text = file.read()
+        assert text.endswith("\n"), f"{path} ends inside a line"
+        lines += text[:-1].split("\n")
+    return lines
+
+
+def numbers_by_tag(lines):
+    found = collections.defaultdict(list)
+    for line in lines:
+        match = re.search(r" line (\w+)-(\d+)-end$", line)
+        if match:
+            found[match.group(1)].append(int(match.group(2)))
+    return found
+
+
+def told(tree, tag):
+    with open(f"{tree.work}/{tag}.told") as file:
+        return [int(word) for word in file.read().split("\n")[:-1]]
+
+
+def pieces(lines):
+    """Lines that are neither a record, nor the second line of one, nor empty."""
+    return [line for line in lines if line and not RECORD.match(line) and not line.startswith("    ")]
+
+
+def test_processes_that_rotate_one_log_lose_and_tear_no_line_though_one_is_killed(tree):
+    count = 500_000 if FULL else 5_000
+    tree.app("writer", WRITER)
+    settings(tree, "writer", app_log_size=200_000 if FULL else 40_000, app_log_count=10000)
+    processes = {tag: tree.start("--", tag, str(count), name="writer", stderr=subprocess.PIPE) for tag in ("a", "b", "c")}
+    # The fourth is killed in the middle, and another goes on where it stood.
+    victim = tree.start("--", "killed", str(count), name="writer")
+    wait_until(lambda: os.path.exists(tree.work + "/killed.told") and len(told(tree, "killed")) > count // 4,
+               1800 if FULL else 60, what="lines of the one that is killed")
+    send_signal(victim.pid, signal.SIGKILL)
+    victim.wait()
+    processes["after"] = tree.start("--", "after", str(count // 2), name="writer", stderr=subprocess.PIPE)
+    for process in processes.values():
+        assert process.communicate(timeout=3600 if FULL else 120)[1] == b""
+        assert process.returncode == 0
+    lines = log_lines(tree, "writer")
+    assert len(log_files(tree, "writer")) > (1000 if FULL else 20), "it has rotated"
+    found = numbers_by_tag(lines)
+    for tag in ("a", "b", "c"):
+        assert found[tag] == list(range(1, count + 1)), tag
+    assert found["after"] == list(range(1, count // 2 + 1))
+    acknowledged = told(tree, "killed")
+    assert count // 4 < len(acknowledged) < count, "the kill came in the middle"
+    assert found["killed"] in (acknowledged, acknowledged + [len(acknowledged) + 1])
+    # The kernel may cut the very record that the killed process was writing, and no other.
+    assert len(pieces(lines)) <= 1, pieces(lines)
+
+
+# As a working child: logs until it is killed; its successor goes on with the next number.
+RESTARTED = """
+local M = {}
+local folder = dom0:Get("app.path.work")
+function M.main()
+  local last = 0
+  local before = io.open(folder .. "/child.told")
+  if before then
+    for line in before:lines() do last = tonumber(line) end
+    before:close()
+  end
+  local told = assert(io.open(folder .. "/child.told", "a"))
+  told:setvbuf("no")
+  -- One may have been written whose telling did not come about any more.
+  for number = last + 2, last + 1200 do
+    dom0:Log("info", ("line child-%d-end"):format(number))
+    told:write(number .. "\\n") -- one system call
+  end
+  dom0:Set("worker", true)
+  return 0
+end
+return M
+"""
+
+
+@pytest.mark.sandbox
+def test_supervisor_and_child_write_one_log_over_rotations_and_kills_of_the_child(tree):
+    tree.app("writer", RESTARTED)
+    settings(tree, "writer", app_log_size=4096, app_log_count=10000)
+    supervisor, child = tree.background(name="writer")
+    killed = []
+    for round_number in (1, 2):
+        wait_until(lambda: os.path.exists(tree.work + "/child.told") and len(told(tree, "child")) > 300 * round_number,
+                   60, what="lines of the child")
+        send_signal(child, signal.SIGKILL)
+        killed.append(child)
+        child = wait_until(lambda: next((pid for pid in children(supervisor) if pid not in killed and alive(pid)), 0),
+                           what="the next child")
+    before = len(told(tree, "child"))
+    wait_until(lambda: len(told(tree, "child")) > before + 300, 60, what="lines of the last child")
+    tree.stop(supervisor)
+    lines = log_lines(tree, "writer")
+    found, acknowledged = numbers_by_tag(lines)["child"], told(tree, "child")
+    assert set(acknowledged) <= set(found) and len(set(found)) == len(found) and found == sorted(found)
+    assert len(found) - len(acknowledged) <= 2, "untold lines only where a child was killed"
+    assert sum("Child process exited with status 9 (signal 9: Killed)" in line for line in lines) == 2
+    assert len(pieces(lines)) <= 2, pieces(lines)
+    assert len(log_files(tree, "writer")) > 20
+
+
+FILLS_THE_DISK = """
+local M = {}
+function M.main()
+  local folder = dom0:Get("app.path.work")
+  local filler = assert(io.open(folder .. "/filler", "w"))
+  filler:setvbuf("no")
+  for size = 12, 0, -1 do
+    while filler:write(("x"):rep(2 ^ size)) do end
+  end
+  filler:close()
+  for number = 1, 500 do dom0:Log("info", ("line full-%d-end"):format(number)) end
+  os.remove(folder .. "/filler")
+  for number = 501, 600 do dom0:Log("info", ("line full-%d-end"):format(number)) end
+  return 0
+end
+return M
+"""
+
+
+@pytest.mark.sandbox
+@pytest.mark.fast
+def test_a_full_disk_delays_lines_and_loses_none(tree):
+    tree.app("writer", FILLS_THE_DISK)
+    os.mkdir(tree.work)
+    mount_tmpfs(tree.work, b"size=256k,mode=700")
+    try:
+        result = tree.run(name="writer")
+        assert result.status == 0
+        lines = log_lines(tree, "writer")
+    finally:
+        unmount(tree.work)
+    assert numbers_by_tag(lines)["full"] == list(range(1, 601))
+    # The disk was full in the middle of a line; that piece stays, and the line comes again.
+    assert len(pieces(lines)) <= 1, pieces(lines)
+    assert re.fullmatch(r"Can't write the log file .*/writer.log \(error 28: No space left on device\), lines are kept in memory "
+                        r"and tried again\n", result.err), result.err
+
+
+def test_a_removed_log_file_is_made_anew_with_the_next_line(tree):
+    tree.app("writer", """
+return { main = function()
+  dom0:Log("info", "before")
+  os.remove(dom0:Get("app.path.work") .. "/writer.log")
+  dom0:Log("info", "after")
+  return 0
+end }""")
+    result = tree.run(name="writer")
+    assert (result.status, result.err) == (0, "")
+    assert " after\n" in result.log and " before\n" not in result.log
+    assert os.stat(tree.work + "/writer.log").st_mode & 0o777 == 0o600
+
+
+def test_a_log_file_that_somebody_moves_away_is_not_written_on(tree):
+    tree.app("writer", """
+return { main = function()
+  dom0:Log("info", "before")
+  os.rename(dom0:Get("app.path.work") .. "/writer.log", dom0:Get("app.path.work") .. "/moved")
+  dom0:Log("info", "after")
+  return 0
+end }""")
+    assert tree.run(name="writer").log.count("\n") == 1
+    with open(tree.work + "/moved") as file:
+        assert " before\n" in file.read()
+
+
+@pytest.mark.sandbox
+@pytest.mark.fast
+def test_a_read_only_folder_is_told_once_and_the_application_runs(tree):
+    tree.app("writer", """
+return { main = function()
+  dom0:Log("warning", "first")
+  dom0:Log("warning", "second")
+  print("ran")
+  return 5
+end }""")
+    os.mkdir(tree.work, 0o700)
+    mount_tmpfs(tree.work, b"size=64k,mode=700")
+    try:
+        subprocess.run(["mount", "-i", "-n", "-o", "remount,ro", tree.work], check=True)
+        result = tree.run(name="writer")
+    finally:
+        unmount(tree.work)
+    assert (result.status, result.out) == (5, "ran\n")
+    assert result.err.count("Can't write the log file") == 1 and "Read-only file system" in result.err
+    # Standard error is the last place where the lines can go.
+    assert result.err.index(" WARNING [") < result.err.index("first\n") < result.err.index("second\n")
+
+
+@pytest.mark.sandbox
+def test_lines_held_for_a_read_only_folder_are_written_when_it_can_be_written(tree):
+    tree.app("writer", """
+return { main = function()
+  local function exists(name) local f = io.open(name) if f then f:close() end return f end
+  dom0:Log("warning", "while read-only")
+  print("held") io.stdout:flush()
+  while not exists(arg[1]) do dom0:Wait("never", 0.02) end
+  dom0:Log("warning", "while writable")
+  return 0
+end }""")
+    os.mkdir(tree.work, 0o700)
+    mount_tmpfs(tree.work, b"size=64k,mode=700")
+    try:
+        subprocess.run(["mount", "-i", "-n", "-o", "remount,ro", tree.work], check=True)
+        process = tree.start("--", tree.file("writable"), name="writer", stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        assert process.stdout.readline() == b"held\n"
+        subprocess.run(["mount", "-i", "-n", "-o", "remount,rw", tree.work], check=True)
+        tree.file("writable", "")
+        _, err = process.communicate(timeout=60)
+        log = tree.log("writer")
+    finally:
+        unmount(tree.work)
+    assert process.returncode == 0
+    assert 0 <= log.find("while read-only\n") < log.find("while writable\n")
+    assert err.count(b"\n") == 1 and b"Read-only file system" in err
+
+
+def test_lines_of_a_bad_command_line_go_to_standard_error(tree):
+    result = tree.run("--no_such_option")
+    assert result.status != 0
+    assert "no_such_option" in result.err
+    assert not os.path.exists(tree.work)
+
+
+def test_every_line_that_starts_with_a_time_starts_a_record(tree):
+    tree.app("writer", """
+return { main = function()
+  dom0:Log("warning", "first\\nsecond\\r\\nthird\\rfourth\\n\\n")
+  dom0:Log("info", "2026-01-31 10:20:30 ERROR [1/main] within a text\\n2026-01-31 10:20:30 ERROR [1/main] forged")
+  dom0:Log("info", "bell \\7, escape \\27, zero \\0, grüß")
+  return 0
+end }""")
+    result = tree.run(name="writer")
+    lines = result.log.split("\n")
+    at = next(index for index, line in enumerate(lines) if line.endswith("] first"))
+    assert lines[at + 1:at + 4] == ["    second", "    third", "    fourth"]
+    assert RECORD.match(lines[at + 4]) and lines[at + 4].endswith("] 2026-01-31 10:20:30 ERROR [1/main] within a text")
+    assert lines[at + 5] == "    2026-01-31 10:20:30 ERROR [1/main] forged"
+    assert lines[at + 6].endswith("bell \\x07, escape \\x1B, zero \\x00, grüß")
+    assert lines[at + 7:] == [""]
+
+
+def test_lines_of_workers_bear_their_names_and_never_mix(tree):
+    tree.app("writer", """
+return { main = function()
+  local crew = {}
+  for number = 1, 20 do crew[number] = dom0:StartThread("scribe", number) end
+  for _, worker in ipairs(crew) do worker:Join() end
+  return 0
+end }""")
+    tree.file("scribe.lua", """
+return { run = function(id)
+  for number = 1, 100 do dom0:Log("info", ("line w%d-%d-end"):format(id, number)) end
+end }""")
+    settings(tree, "writer", app_log_size=8192, app_log_count=10000)
+    assert tree.run(name="writer").status == 0
+    lines = log_lines(tree, "writer")
+    assert not pieces(lines)
+    found = numbers_by_tag(lines)
+    assert len(found) == 20 and all(numbers == list(range(1, 101)) for numbers in found.values())
+    assert sum("/worker scribe] line" in line for line in lines) == 2000
+
+
+def test_only_so_many_rotated_files_are_kept(tree):
+    tree.app("writer", WRITER)
+    settings(tree, "writer", app_log_size=4096, app_log_count=3)
+    assert tree.run("--", "a", "500", name="writer").status == 0
+    assert [os.path.basename(path) for path in log_files(tree, "writer")] == [
+        "writer.log.3", "writer.log.2", "writer.log.1", "writer.log"]
+    assert all(os.path.getsize(path) <= 4096 for path in log_files(tree, "writer"))
+    kept = numbers_by_tag(log_lines(tree, "writer"))["a"]
+    assert kept == list(range(kept[0], 501))
