@@ -1,7 +1,12 @@
-// A native module for Lua code with one function, which crashes.
+// A native module for Lua code: a function that crashes in the way that its argument names.
+#include <cstdlib>
+#include <cstring>
+
 #include <lua.hpp>
 
 namespace {
+
+volatile int sink = 0;
 
 [[gnu::noinline]] int CrashInModule(lua_State* L)
 {
@@ -10,10 +15,46 @@ namespace {
     return 0;
 }
 
+[[gnu::noinline]] int OverflowStack(int depth)
+{
+    volatile char room[512];
+    room[0] = static_cast<char>(depth);
+    sink = sink + 1;
+    if (depth >= 0) // always; the compiler shall not see it
+        return OverflowStack(depth < 1000000000 ? depth + 1 : depth) + room[0];
+    return room[0];
+}
+
+/// Returns to Lua with a table whose inside is rubbish: what crashes is the interpreter, when it next looks into it.
+[[gnu::noinline]] int DamageTable(lua_State* L)
+{
+    lua_createtable(L, 0, 4);
+    // Behind the header that the collector reads come the pointers to metatable, array and nodes.
+    constexpr std::size_t header = 16;
+    constexpr std::size_t damaged = 24;
+    std::memset(static_cast<char*>(const_cast<void*>(lua_topointer(L, -1))) + header, 0x41, damaged);
+    return 1;
+}
+
+int Crash(lua_State* L)
+{
+    static const char* const ways[] = {"null", "abort", "overflow", "table", nullptr};
+    switch (luaL_checkoption(L, 1, "null", ways)) {
+    case 0:
+        return CrashInModule(L);
+    case 1:
+        std::abort();
+    case 2:
+        return OverflowStack(0);
+    default:
+        return DamageTable(L);
+    }
+}
+
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) int luaopen_luacrash(lua_State* L)
 {
-    lua_pushcfunction(L, CrashInModule);
+    lua_pushcfunction(L, Crash);
     return 1;
 }

@@ -1,4 +1,5 @@
-"""A crash of the agent itself: inside Lua, in the foreground and under the supervisor."""
+"""A crash of the agent itself: in native code under Lua, in the interpreter, in a worker; in the foreground and under the
+supervisor."""
 import os
 import re
 import shutil
@@ -20,7 +21,12 @@ function M.main()
   local f = io.open(marker)
   if f then f:close() return 0 end
   io.open(marker, "w"):close()
-  require("luacrash")()
+  local way = arg[1] or os.getenv("VEX_TEST_CRASH")
+  if os.getenv("VEX_TEST_WORKER") then
+    dom0:StartThread("crashworker", way):Join()
+  else
+    require("luacrash")(way)
+  end
   return 0
 end
 function M.shutdown() return 0 end
@@ -28,11 +34,38 @@ return M
 """
 
 
+WORKER = """
+return { run = function(way)
+  local damaged = require("luacrash")(way)
+  return damaged.field
+end }
+"""
+
+
 @pytest.fixture
 def app(tree):
     shutil.copy(os.path.join(conftest.BUILD, "tests", "luacrash.so"), tree.file("lib/luacrash.so"))
     tree.app("crasher", CRASH)
+    tree.file("crashworker.lua", WORKER)
     return tree
+
+
+def crash_site(tree):
+    """Of the dump: the thread (True: the process's first), the signal, and the file of the module that it crashed in."""
+    dump = Minidump(os.path.join(tree.work, "plugins", "diag", "crasher.mdmp"))
+    thread, number, _ = dump.exception()
+    place = dump.threads()[thread][3]
+    names = [os.path.basename(path) for path, (base, size, _) in dump.modules().items() if base <= place < base + size]
+    return thread == dump.process(), number, names[0]
+
+
+def backtrace(tree):
+    if shutil.which("lldb") is None:
+        pytest.skip("NO LLDB HERE: the dump was not opened by a debugger")
+    path = os.path.join(tree.work, "plugins", "diag", "crasher.mdmp")
+    return subprocess.run(["lldb", "--no-lldbinit", "--batch", "-o", "thread backtrace", "-c", path,
+                           os.path.join(tree.path, "crasher")],
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=180).stdout
 
 
 def check_dump(tree):
@@ -45,11 +78,7 @@ def check_dump(tree):
     assert module[0] <= dump.threads()[thread][3] < module[0] + module[1], "the crash is in the native module"
     assert thread != dump.process(), "on the script thread"
     assert os.path.join(tree.path, "lib", "vex_core.so") in modules
-    if shutil.which("lldb") is None:
-        pytest.skip("NO LLDB HERE: the dump was not opened by a debugger")
-    text = subprocess.run(["lldb", "--no-lldbinit", "--batch", "-o", "thread backtrace", "-c", path,
-                           os.path.join(tree.path, "crasher")],
-                          stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=180).stdout
+    text = backtrace(tree)
     assert re.search(r"frame #0: .*luacrash.so`", text), text
     assert re.search(r"frame #\d+: .*vex_core.so`.*CLuaInterpreter::RunScript", text), text
     assert re.search(r"frame #\d+: .*CScriptThread::OnRun", text), text
@@ -62,6 +91,45 @@ def test_crash_inside_lua_leaves_a_dump_that_leads_back_to_the_script_thread(app
                      result.err, re.M), result.err
     assert len(re.findall(r" FATAL \[\d+/thread \d+\] crasher crashed: signal 11", result.log)) == 1, result.log
     check_dump(app)
+
+
+@pytest.mark.parametrize("way, number, name, module", [
+    ("abort", signal.SIGABRT, "SIGABRT", "libc.so.6"),
+    ("overflow", signal.SIGSEGV, "SIGSEGV", "luacrash.so"),
+    ("table", signal.SIGSEGV, "SIGSEGV", "liblua5.2-c++.so"),
+])
+def test_each_way_of_crashing_on_the_script_thread_ends_by_its_signal_with_a_dump(app, way, number, name, module):
+    if way == "table":
+        app.app("crasher", CRASH.replace('require("luacrash")(way)', 'print(require("luacrash")(way).field)'))
+    result = app.run("--", way, name="crasher")
+    assert result.status == -number, result.err
+    assert re.search(rf"^crasher crashed: signal {number:d} \({name}", result.err, re.M), result.err
+    assert result.log.count(" FATAL ") == 1, result.log
+    first_thread, signalled, place = crash_site(app)
+    assert (first_thread, signalled) == (False, number) and place.startswith(module), place
+
+
+@pytest.mark.parametrize("way, module", [("null", "luacrash.so"), ("table", "liblua5.2-c++.so")])
+def test_crash_in_a_worker_is_shown_as_the_workers(app, way, module):
+    result = app.run("--", way, name="crasher", env={"VEX_TEST_WORKER": "1"})
+    assert result.status == -signal.SIGSEGV, result.err
+    first_thread, number, place = crash_site(app)
+    assert (first_thread, number) == (False, signal.SIGSEGV) and place.startswith(module), place
+    text = backtrace(app)
+    assert re.search(r"frame #0: .*" + re.escape(module), text), text
+    assert re.search(r"frame #\d+: .*CWorker::OnRun", text), text
+    assert "CScriptThread" not in text, text
+
+
+@pytest.mark.sandbox
+def test_dump_of_the_bundled_application_lies_in_its_diagnostic_folder(app):
+    app.file("bad/plugin.lua", 'return { name = "Bad", version = "1", collect = function() require("luacrash")() end }')
+    app.background("--plugins", "bad")
+    conftest.wait_until(lambda: "Child process crashed with status" in app.log(), what="report of the crash")
+    path = os.path.join(app.work, "plugins", "diag", "vx_agent.mdmp")
+    thread, number, _ = Minidump(path).exception()
+    assert number == signal.SIGSEGV and thread != Minidump(path).process()
+    assert re.search(r" FATAL \[\d+/[^]]+\] vx_agent crashed: signal 11 .*; crash dump: .*/plugins/diag/vx_agent.mdmp", app.log())
 
 
 @pytest.mark.sandbox
