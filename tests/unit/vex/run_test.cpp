@@ -20,6 +20,7 @@
 #include <wx/evtloop.h>
 #include <wx/timer.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -31,6 +32,22 @@ using FakeCore::Journal;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
+
+namespace {
+
+int s_sigwaitError = 0; // what sigwait answers at once, when it is not 0
+
+} // namespace
+
+// Stands before the system's, which no caller of ours can make fail.
+extern "C" __attribute__((visibility("default"))) int sigwait(const sigset_t* set, int* signal)
+{
+    if (s_sigwaitError != 0)
+        return s_sigwaitError;
+    using Function = int (*)(const sigset_t*, int*);
+    static const Function real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "sigwait"));
+    return real(set, signal);
+}
 
 namespace {
 
@@ -278,6 +295,18 @@ TEST_F(Run, TheBackgroundWaitsForATermAndThenCallsShutdown)
     EXPECT_FALSE(IsBlocked(SIGINT));
 }
 
+TEST_F(Run, AFailedWaitIsAnErrorLineAndShutdownIsCalledAllTheSame)
+{
+    Access::Background(App()) = true;
+    m_module = "return { shutdown = function() return 4 end }";
+    s_sigwaitError = EINVAL;
+    EXPECT_EQ(App().OnRunScript(), 4);
+    s_sigwaitError = 0;
+    ASSERT_EQ(Journal({"Log("}).size(), 1u);
+    EXPECT_THAT(Journal({"Log("})[0], testing::StartsWith("Log(Error, \"sigwait (error " + std::to_string(EINVAL) + ": "));
+    EXPECT_FALSE(IsBlocked(SIGTERM));
+}
+
 TEST_F(Run, TheBackgroundTakesAnIntToo)
 {
     Access::Background(App()) = true;
@@ -332,7 +361,7 @@ TEST_F(Run, SetsTheDispositionsOfTheTable)
         struct sigaction action;
         ASSERT_EQ(::sigaction(row.signal, nullptr, &action), 0);
         EXPECT_EQ(action.sa_handler, row.handler) << row.signal;
-        EXPECT_EQ(action.sa_flags & SA_RESTART, row.flags) << row.signal;
+        EXPECT_EQ(action.sa_flags & (SA_RESTART | SA_SIGINFO | SA_NODEFER | SA_NOCLDSTOP), row.flags) << row.signal;
         for (int other = 1; other < 32; ++other)
             EXPECT_EQ(sigismember(&action.sa_mask, other), 0) << row.signal << " masks " << other;
     }
