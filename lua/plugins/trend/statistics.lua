@@ -3,6 +3,7 @@
 local M = {}
 
 local day_ms = 86400000
+local shortest_span_ms = 3600000 -- what happens within seconds says nothing about days
 
 --- Smallest, largest and mean value of a field; nil when no sample has it.
 function M.summary(samples, field)
@@ -36,13 +37,19 @@ function M.slope_per_day(samples, field)
   return (count * sum_xy - sum_x * sum_y) / spread
 end
 
---- In how many days the field reaches zero at its present pace; nil when it does not fall.
+--- In how many days the field reaches zero at its present pace; nil when it does not fall, or when the samples span
+-- less than an hour.
 function M.days_until_zero(samples, field)
   local slope = M.slope_per_day(samples, field)
-  local last
-  for _, sample in ipairs(samples) do last = sample[field] or last end
-  if not slope or not last or slope >= 0 then return nil end
-  return last / -slope
+  local first, last
+  for _, sample in ipairs(samples) do
+    if sample[field] then
+      first = first or sample
+      last = sample
+    end
+  end
+  if not slope or slope >= 0 or last.time_ms - first.time_ms < shortest_span_ms then return nil end
+  return last[field] / -slope
 end
 
 return M

@@ -30,6 +30,13 @@ function M.TestStatistics:test_what_falls_reaches_zero_and_what_grows_does_not()
   lu.assertNil(statistics.days_until_zero({}, "a"))
 end
 
+function M.TestStatistics:test_a_fall_within_an_hour_forecasts_nothing()
+  local hour = 3600000
+  lu.assertNil(statistics.days_until_zero({ { time_ms = 0, a = 100 }, { time_ms = hour - 1, a = 90 } }, "a"))
+  local falling = { { time_ms = 0, a = 48 }, { time_ms = hour, a = 24 } }
+  lu.assertAlmostEquals(statistics.days_until_zero(falling, "a"), 1 / 24, 1e-9)
+end
+
 function M.TestSamples:setUp()
   self.folder = temp.folder()
   self.store = assert(samples.open(self.folder .. "/samples.db"))
