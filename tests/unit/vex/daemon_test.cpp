@@ -8,6 +8,7 @@
 
 #include "vex/core/dom.h"
 
+#include <clocale>
 #include <csignal>
 #include <limits>
 
@@ -183,6 +184,17 @@ TEST_F(Daemon, TheFirstChildMakesASessionAndEnds)
     EXPECT_THAT(Journal({"Fork", "NewSession", "Dom.", "ChangeFolder", "Exit", "WritePidFile"}),
                 ElementsAre("Fork()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
                             "ChangeFolder(\"/work folder\")", "Fork()", "Exit(0)"));
+}
+
+TEST_F(Daemon, AWorkFolderThatTheLocaleCannotNameIsTheEmptyPath)
+{
+    const std::string before = std::setlocale(LC_CTYPE, nullptr);
+    m_dom->SetWx("app.path.work", wxString::FromUTF8("/caf\xC3\xA9"));
+    m_system.forks = {0, 300};
+    ASSERT_NE(std::setlocale(LC_CTYPE, "C"), nullptr);
+    RunToEnd();
+    std::setlocale(LC_CTYPE, before.c_str());
+    EXPECT_EQ(Count("ChangeFolder(\"\")"), 1u);
 }
 
 TEST_F(Daemon, FailsWhenTheSecondForkFails)

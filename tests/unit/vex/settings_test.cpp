@@ -279,7 +279,7 @@ TEST_F(Settings, WorkingFolderThatCannotBeMadeIsNotReportedHere)
 {
     const TempFolder folder;
     WriteFile(folder / "file", "x");
-    for (const std::string& path : {folder / "file/below", folder / "file/below/deeper", std::string("/proc/nothing/w")}) {
+    for (const std::string& path : {folder / "file", folder / "file/below", folder / "file/below/deeper", std::string("/proc/nothing/w")}) {
         Start({"-w", path});
         EXPECT_EQ(Get("app.path.work"), path);
         EXPECT_EQ(FakeCore::Journal({"Secure"}), Lines{"SecureFileOrDirectory(\"" + path + "\", false)"});
@@ -377,6 +377,17 @@ TEST_F(Settings, FreeVariableWithLettersBeyondAsciiIsKept)
     Start({"-d", "caf\xC3\xA9=\xE2\x82\xAC"});
     EXPECT_EQ(Get("caf\xC3\xA9"), "\xE2\x82\xAC");
     std::setlocale(LC_CTYPE, before.c_str());
+}
+
+TEST_F(Settings, FreeVariableThatTheLocaleCannotHoldIsEmpty)
+{
+    const std::string before = std::setlocale(LC_CTYPE, nullptr);
+    const TempFolder folder;
+    AgentApp app({folder / "vx_agent", "-d", "a=caf\xC3\xA9"});
+    ASSERT_NE(std::setlocale(LC_CTYPE, "C"), nullptr);
+    EXPECT_TRUE(app->OnInit());
+    std::setlocale(LC_CTYPE, before.c_str());
+    EXPECT_EQ(FakeCore::Count("Dom.Set(\"a\", \"\")"), 1u);
 }
 
 // --- unit tests

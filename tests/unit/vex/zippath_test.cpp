@@ -397,6 +397,13 @@ TEST_F(ArchivePath, RelativeEntriesStartAtTheExecutablesFolder)
     EXPECT_EQ(Expand("./other/../lib/./x.zip"), x);
 }
 
+TEST_F(ArchivePath, AbsoluteEntriesAreListedWithoutDots)
+{
+    const std::string x = Put("lib/x.zip", s_good);
+    EXPECT_EQ(Expand(Bin() + "/lib/../lib/./x.zip"), x);
+    EXPECT_EQ(Expand(Bin() + "/lib/../lib/*.zip"), x);
+}
+
 TEST_F(ArchivePath, SameFileMayAppearTwice)
 {
     const std::string x = Put("x.zip", s_good);
@@ -560,6 +567,12 @@ TEST_F(ArchivePath, ExtensionFolderIsTheLastEntry)
     EXPECT_EQ(FakeCore::Count(Trace("zipFilespec: " + Bin() + "/ext/*.vxe")), 1u);
     EXPECT_EQ(Expand("", Bin() + "/ext/"), e);
     EXPECT_EQ(Expand("", "./ext/../ext"), e);
+    const std::string home = Bin();
+    const char* const before = std::getenv("HOME");
+    const std::string saved = before ? before : "";
+    ::setenv("HOME", home.c_str(), 1);
+    EXPECT_EQ(Expand("", "~/ext"), e);
+    before ? ::setenv("HOME", saved.c_str(), 1) : ::unsetenv("HOME");
 }
 
 TEST_F(ArchivePath, ExtensionFolderThatIsMissingOrAFileAddsNothing)
