@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,30 @@ protected:
         for (const std::string& line : FakeCore::Journal({"Log(Error, \"Assertion"}))
             ADD_FAILURE() << line;
     }
+};
+
+/// While it lives, "~" is this folder.
+class CHome
+{
+public:
+    explicit CHome(const std::string& folder)
+    {
+        if (const char* const before = std::getenv("HOME"))
+            m_before = before;
+        ::setenv("HOME", folder.c_str(), 1);
+    }
+    ~CHome()
+    {
+        if (m_before)
+            ::setenv("HOME", m_before->c_str(), 1);
+        else
+            ::unsetenv("HOME");
+    }
+    CHome(const CHome&) = delete;
+    CHome& operator=(const CHome&) = delete;
+
+private:
+    std::optional<std::string> m_before;
 };
 
 /// Starts an application in a folder of its own: the program is bin/NAME there, the working folder is given with an option,

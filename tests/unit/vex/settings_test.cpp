@@ -299,6 +299,17 @@ TEST_F(Settings, WorkingFolderIsExpandedAndNormalized)
     EXPECT_EQ(ModeOf(folder / "x"), -1);
 }
 
+TEST_F(Settings, ATildeAtTheBeginningIsTheHomeFolder)
+{
+    const TempFolder folder;
+    const CHome home(folder.Path());
+    AgentApp app({"~/bin/vx_agent", "-w", "~/w"});
+    ASSERT_TRUE(app->OnInit());
+    EXPECT_EQ(app.Dom().Get("app.path.bin"), folder / "bin");
+    EXPECT_EQ(app.Dom().Get("app.path.exe"), folder / "bin/vx_agent");
+    EXPECT_EQ(app.Dom().Get("app.path.work"), folder / "w");
+}
+
 TEST_F(Settings, RelativeWorkingFolderStartsAtTheCurrentFolder)
 {
     const TempFolder folder;

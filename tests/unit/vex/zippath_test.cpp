@@ -476,6 +476,21 @@ TEST_F(ArchivePath, UnreadableArchiveIsSkippedWithAWarning)
     EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"Extension file '" + Bin() + "/a.zip' isn't readable\")"));
 }
 
+TEST_F(ArchivePath, FolderThatCannotBeReadHasNoMatchesEvenWhereItsFilesCould)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
+    Put("lib/x.zip");
+    ASSERT_EQ(chmod(Bin().c_str(), 0755), 0);
+    ASSERT_EQ(chmod((m_folder / "lib").c_str(), 0711), 0);
+    // Access rights are asked for the real user.
+    ASSERT_EQ(setreuid(65534, 0), 0);
+    const std::string written = Expand("lib/x.zip");
+    ASSERT_EQ(setreuid(0, 0), 0);
+    EXPECT_EQ(written, "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"lib/x.zip: no matches\")"));
+}
+
 TEST_F(ArchivePath, HiddenFilesAndSubfoldersAreNotListed)
 {
     Put(".hidden.zip", s_good);
@@ -567,12 +582,8 @@ TEST_F(ArchivePath, ExtensionFolderIsTheLastEntry)
     EXPECT_EQ(FakeCore::Count(Trace("zipFilespec: " + Bin() + "/ext/*.vxe")), 1u);
     EXPECT_EQ(Expand("", Bin() + "/ext/"), e);
     EXPECT_EQ(Expand("", "./ext/../ext"), e);
-    const std::string home = Bin();
-    const char* const before = std::getenv("HOME");
-    const std::string saved = before ? before : "";
-    ::setenv("HOME", home.c_str(), 1);
+    const CHome home(Bin());
     EXPECT_EQ(Expand("", "~/ext"), e);
-    before ? ::setenv("HOME", saved.c_str(), 1) : ::unsetenv("HOME");
 }
 
 TEST_F(ArchivePath, ExtensionFolderThatIsMissingOrAFileAddsNothing)
