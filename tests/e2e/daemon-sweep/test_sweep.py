@@ -1,0 +1,218 @@
+"""SIGTERM at the system calls of a whole life in the background: start, run, death of the child, delay, restart, stop.
+
+Proves that a stop that comes at any of them ends the agent in order, or, when another stop came before or no child runs, at
+once with 0; that no stop is lost, nothing hangs or stays behind, no stranger gets a signal, and the log holds only what the
+life explains. About a hundred points by default, every one with VEX_FULL=1.
+"""
+import concurrent.futures
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+import pytest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "daemon"))
+from agents import CAUGHT, LIFE, life, records
+from conftest import BUILD, FULL, PATIENCE, Tree, alive, children, send_signal
+
+pytestmark = pytest.mark.sandbox
+STOPAT = os.environ.get("VEX_STOPAT", os.path.join(BUILD, "tests", "stopat"))
+AT_ONCE = 4
+SHUTDOWN = 4  # what `shutdown` returns: tells an orderly stop's status from that of an end at once
+
+KILLED = ("INFO", "Child process exited with status 9 (signal 9: Killed)")
+DELAYED = ("INFO", "Delaying 1000ms before restart 1")
+ENDED = ("INFO", f"Child process exited with status {SHUTDOWN << 8} (exit {SHUTDOWN})")
+CUT_SHORT = ("INFO", "Child process exited with status 0 (exit 0)")
+ONE_LIFE = ["init", "main"]
+
+BYSTANDER = """
+import signal, sys
+signals = set(signal.valid_signals()) - {signal.SIGKILL, signal.SIGSTOP}
+signal.pthread_sigmask(signal.SIG_BLOCK, signals)
+print("ready", flush=True)
+while True:
+    print(signal.sigwaitinfo(signals).si_signo, flush=True)
+"""
+
+
+class Run:
+    """One life under the tracer. `first` makes it up to the first `main`, `restart` adds a killed child and a second `main`;
+    then it is stopped, unless the tracer's stop came before."""
+
+    def __init__(self, tree, name, scenario, role, stop):
+        self.tree, self.name = tree, name
+        self.what = f"{scenario}, role {role}, stop {stop}"
+        self.killed = self.stopped = False
+        shutil.rmtree(tree.work, ignore_errors=True)
+        self.report_file = tree.file("report", "")
+        self.process = subprocess.Popen(
+            [STOPAT, self.report_file, str(role), str(stop), os.path.join(tree.path, name), "--background"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            env=dict(os.environ, VEX_TEST_SHUTDOWN=str(SHUTDOWN)))
+        tree._started.append(self.process)
+        try:
+            if scenario == "restart" and self.until_idle(1):
+                self.killed = True
+                for child in children(self.role(2)):
+                    send_signal(child, signal.SIGKILL)
+            if self.until_idle(2 if scenario == "restart" else 1):
+                self.stopped = True
+                send_signal(self.role(2), signal.SIGTERM)
+            self.wait()
+        finally:
+            if self.process.poll() is None:
+                self.process.kill()  # takes along whatever is still traced
+                self.process.wait()
+        self.life, self.log = life(tree), records(tree.log(name))
+        self.left = self.agents()
+
+    def report(self):
+        with open(self.report_file) as file:
+            return [line.split() for line in file if line.endswith("\n")]
+
+    def role(self, number):
+        return next((int(line[3]) for line in self.report() if line[:2] == ["role", str(number)]), 0)
+
+    def end(self, role):
+        return next((int(line[2]) for line in self.report() if line[:2] == ["end", str(role)]), None)
+
+    def sent(self):
+        return any(line[0] == "sent" for line in self.report())
+
+    def stops(self):
+        return next(int(line[1]) for line in self.report() if line[0] == "stops")
+
+    def until_idle(self, mains):
+        """True when the agent waits for a stop, in its n-th life; False when the tracer's stop has come or all is over."""
+        end, quiet = time.monotonic() + PATIENCE, 0
+        while self.process.poll() is None and not self.sent():
+            assert time.monotonic() < end, f"{self.what}: never idle: {self.report()} {life(self.tree)}"
+            supervisor = self.role(2)
+            sleeping = supervisor and life(self.tree).count("main") >= mains and self.state(supervisor) == "S"
+            quiet = quiet + 1 if sleeping else 0
+            if quiet == 5:
+                return True
+            time.sleep(0.02)
+        return False
+
+    @staticmethod
+    def state(pid):
+        try:
+            with open(f"/proc/{pid}/stat") as file:
+                return file.read().rpartition(")")[2].split()[0]
+        except OSError:
+            return ""
+
+    def wait(self):
+        try:
+            assert self.process.wait(timeout=PATIENCE) == 0
+        except subprocess.TimeoutExpired:
+            raise AssertionError(f"{self.what}: no end: {self.report()} {life(self.tree)} {self.tree.log(self.name)}") from None
+
+    def agents(self):
+        found = []
+        for entry in os.listdir("/proc"):
+            try:
+                if entry.isdigit() and os.readlink(f"/proc/{entry}/exe").startswith(self.tree.path) and alive(int(entry)):
+                    found.append(int(entry))
+            except OSError:
+                pass
+        return found
+
+    def __str__(self):
+        return f"{self.what}: killed {self.killed}, stopped {self.stopped}, {self.life}, {self.log}, {self.report()}"
+
+
+def outcome(run):
+    """What the stop of the tracer came to; fails when that is nothing that a stop may come to."""
+    assert not run.left and not os.path.exists(f"/var/run/{run.name}.pid"), run
+    result = (run.life, run.end(2), run.log)
+    if not run.killed and not run.stopped:
+        assert result == (ONE_LIFE + ["shutdown"], SHUTDOWN, [CAUGHT, ENDED]), run
+        return "orderly"
+    if not run.stopped:
+        before = [KILLED, DELAYED]
+        if run.end(2) == 0:
+            # The child was dead by then: at most its end and the delay are told, and no other one begins.
+            assert run.life == ONE_LIFE and run.log == before[:len(run.log)], run
+            return "at once"
+        assert result == (ONE_LIFE + ONE_LIFE + ["shutdown"], SHUTDOWN, before + [CAUGHT, ENDED]), run
+        return "orderly"
+    # The second stop: the supervisor ends with 0, or with the child's status when it was past its last chance to notice. Where
+    # the second signal reaches the child too, it may cut `shutdown` short, or come before `shutdown` began.
+    lives = (ONE_LIFE + ONE_LIFE) if run.killed else ONE_LIFE
+    before = [KILLED, DELAYED] if run.killed else []
+    assert run.life in (lives, lives + ["shutdown"]) and run.end(2) in (0, SHUTDOWN), run
+    assert run.log[:len(before)] == before, run
+    assert run.log[len(before):] in ([], [CAUGHT], [CAUGHT, ENDED], [CAUGHT, CUT_SHORT], [CUT_SHORT]), run
+    if run.end(2) == SHUTDOWN:
+        assert run.life == lives + ["shutdown"] and run.log == before + [CAUGHT, ENDED], run
+    return "later"
+
+
+@pytest.fixture
+def bystander():
+    """Lives in the group of those who start the agent, and must not get a single signal."""
+    process = subprocess.Popen([sys.executable, "-c", BYSTANDER], stdout=subprocess.PIPE, text=True)
+    assert process.stdout.readline() == "ready\n"
+    yield
+    assert process.poll() is None
+    process.kill()
+    assert process.communicate()[0] == ""
+
+
+def points(total, about):
+    return list(range(1, total + 1)) if FULL else sorted({1 + index * (total - 1) // (about - 1) for index in range(about)})
+
+
+def sweep(tmp_path, scenario, role, about):
+    """Runs one life for each point, several at a time; returns the counts of outcomes."""
+    def make_slot(number):
+        folder = tmp_path / f"slot {number}"
+        folder.mkdir()
+        tree = Tree(folder)
+        tree.app(f"probe{number}", LIFE)
+        return tree, f"probe{number}"
+
+    slots = [make_slot(number) for number in range(AT_ONCE)]
+    free = list(slots)
+
+    def one(stop):
+        tree, name = free.pop()
+        try:
+            run = Run(tree, name, scenario, role, stop)
+            return run.stops() if stop == 0 else outcome(run) if run.sent() else "beyond"
+        finally:
+            free.append((tree, name))
+
+    try:
+        total = one(0)
+        chosen = points(total, about)
+        with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
+            results = list(pool.map(one, chosen))
+    finally:
+        for tree, _ in slots:
+            tree.end_all()
+    counts = {result: results.count(result) for result in set(results)}
+    print(f"{scenario}, role {role}: {total} points, {len(chosen)} taken, {counts}")
+    # The number of a life's last calls varies a little.
+    assert counts.get("beyond", 0) <= max(2, len(chosen) // 10)
+    return counts
+
+
+def test_a_stop_at_any_call_of_the_supervisor_ends_it_in_order_or_at_once(tmp_path, bystander):
+    counts = sweep(tmp_path, "restart", 2, 50)
+    assert counts.get("orderly") and counts.get("later") and (counts.get("at once") or not FULL)
+
+
+def test_a_stop_at_any_call_of_the_child_is_taken_after_main(tmp_path, bystander):
+    assert sweep(tmp_path, "first", 3, 30).get("orderly")
+
+
+def test_a_stop_at_any_call_of_a_restarted_child_is_taken_after_main(tmp_path, bystander):
+    counts = sweep(tmp_path, "restart", 4, 16)
+    assert counts.get("orderly")

@@ -1,0 +1,189 @@
+// Runs a program and sends SIGTERM to one of its processes at one chosen system call.
+//
+//   stopat REPORT ROLE N PROGRAM [ARGUMENT...]
+//
+// Roles number the processes by the order of their forks, the program's own first process being 0; the threads of a process
+// share its role. At the N-th stop (each system call has two: before and after) of a process of ROLE, that process gets SIGTERM,
+// once; from then on nobody is traced. With N 0 nothing is sent and the stops are counted. It adopts what the program leaves
+// running and ends when all of it has ended. REPORT gets a line a fact, as it happens:
+//
+//   role R pid P        a process began
+//   sent P              SIGTERM was sent to P
+//   end R STATUS        a process ended; STATUS as a shell counts it, but negative for a signal
+//   stops N             stops of ROLE in the whole run, or until the signal
+
+#include "vex/core/sendsignal.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+class CTracer
+{
+public:
+    CTracer(FILE* report, int role, long stop) : m_report(report), m_role(role), m_stop(stop) {}
+
+    bool Follow(pid_t first)
+    {
+        // Should this program be killed, nobody stays behind half traced.
+        const long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE
+            | PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
+        int status = 0;
+        if (::waitpid(first, &status, WUNTRACED) != first || !WIFSTOPPED(status)
+            || ::ptrace(PTRACE_SEIZE, first, nullptr, options) != 0)
+            return false;
+        NoteProcess(first);
+        VexCore::SendSignal(first, SIGCONT);
+        return true;
+    }
+
+    void Run()
+    {
+        for (;;) {
+            int status = 0;
+            const pid_t thread = ::waitpid(-1, &status, __WALL);
+            if (thread == -1 && errno == EINTR)
+                continue;
+            if (thread == -1)
+                break;
+            if (WIFSTOPPED(status))
+                OnStop(thread, status);
+            else
+                OnEnd(thread, status);
+        }
+        Tell("stops %ld\n", m_stops);
+    }
+
+private:
+    template <class... Values> void Tell(const char* format, Values... values)
+    {
+        std::fprintf(m_report, format, values...);
+        std::fflush(m_report);
+    }
+
+    void NoteProcess(pid_t pid)
+    {
+        if (m_roles.count(pid) != 0)
+            return;
+        const int role = static_cast<int>(m_processes++);
+        m_roles[pid] = role;
+        Tell("role %d pid %d\n", role, static_cast<int>(pid));
+    }
+
+    // The process that a thread belongs to; the thread itself when it is gone already.
+    static pid_t ProcessOf(pid_t thread)
+    {
+        const std::string name = "/proc/" + std::to_string(thread) + "/status";
+        FILE* const file = std::fopen(name.c_str(), "r");
+        if (!file)
+            return thread;
+        char line[256];
+        int process = thread;
+        while (std::fgets(line, sizeof line, file))
+            if (std::sscanf(line, "Tgid: %d", &process) == 1)
+                break;
+        std::fclose(file);
+        return process;
+    }
+
+    int RoleOf(pid_t thread)
+    {
+        const auto known = m_threads.find(thread);
+        if (known != m_threads.end())
+            return known->second;
+        const auto process = m_roles.find(ProcessOf(thread));
+        const int role = process == m_roles.end() ? -1 : process->second;
+        if (role >= 0)
+            m_threads[thread] = role;
+        return role;
+    }
+
+    void OnStop(pid_t thread, int status)
+    {
+        const int event = status >> 16;
+        const int signal = WSTOPSIG(status);
+        const bool callStop = signal == (SIGTRAP | 0x80);
+        if (event == PTRACE_EVENT_FORK || event == PTRACE_EVENT_VFORK) {
+            unsigned long made = 0;
+            if (::ptrace(PTRACE_GETEVENTMSG, thread, nullptr, &made) == 0)
+                NoteProcess(static_cast<pid_t>(made));
+        }
+        const int role = RoleOf(thread);
+        if (callStop && !m_sent && role == m_role && ++m_stops == m_stop) {
+            m_sent = true;
+            const pid_t process = ProcessOf(thread);
+            VexCore::SendSignal(process, SIGTERM);
+            Tell("sent %d\n", static_cast<int>(process));
+        }
+        // Anything but our own stops is a signal on its way, which goes on with what it carries.
+        const bool ours = callStop || event != 0;
+        const long carried = ours ? 0 : signal;
+        if (m_sent)
+            ::ptrace(PTRACE_DETACH, thread, nullptr, carried);
+        else
+            // A process that is not swept is only followed through its forks. One that is not known yet may be.
+            ::ptrace(role == m_role || role < 0 ? PTRACE_SYSCALL : PTRACE_CONT, thread, nullptr, carried);
+    }
+
+    void OnEnd(pid_t thread, int status)
+    {
+        m_threads.erase(thread);
+        const auto process = m_roles.find(thread);
+        if (process == m_roles.end())
+            return;
+        // A traced process is told of twice when its parent is this one as well: once, here, counts.
+        Tell("end %d %d\n", process->second, WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status));
+        m_roles.erase(process);
+    }
+
+    FILE* m_report;
+    int m_role;
+    long m_stop;
+    long m_stops = 0;
+    bool m_sent = false;
+    std::size_t m_processes = 0;
+    std::map<pid_t, int> m_roles; // of processes
+    std::map<pid_t, int> m_threads; // of threads
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 5) {
+        std::fprintf(stderr, "usage: stopat REPORT ROLE N PROGRAM [ARGUMENT...]\n");
+        return 2;
+    }
+    FILE* const report = std::fopen(argv[1], "we");
+    if (!report) {
+        std::perror(argv[1]);
+        return 1;
+    }
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::raise(SIGSTOP);
+        ::execv(argv[4], argv + 4);
+        ::_exit(127);
+    }
+    CTracer tracer(report, std::atoi(argv[2]), std::atol(argv[3]));
+    if (child < 0 || !tracer.Follow(child)) {
+        std::perror("stopat");
+        if (child > 1)
+            VexCore::SendSignal(child, SIGKILL);
+        return 1;
+    }
+    tracer.Run();
+    std::fclose(report);
+    return 0;
+}
