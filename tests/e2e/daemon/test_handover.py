@@ -1,0 +1,139 @@
+"""From one instance to the next: what readers of the pid file see, and how a start treats what an earlier one left."""
+import os
+import re
+import signal
+import subprocess
+import sys
+
+import pytest
+
+from agents import CAUGHT, ENDED, LIFE, life, records
+from conftest import FULL, SANITIZED, alive, send_signal, wait_until
+
+pytestmark = pytest.mark.sandbox
+CYCLES = 1000 if FULL and not SANITIZED else 20
+READERS = 2
+
+# Prints each content that the file ever had, once; a missing file is none.
+READER = """
+import sys
+seen = set()
+print("ready", flush=True)
+while True:
+    try:
+        with open(sys.argv[1], "rb") as file:
+            content = file.read()
+    except FileNotFoundError:
+        continue
+    if content not in seen:
+        seen.add(content)
+        print(content, flush=True)
+"""
+
+# Its shutdown takes until the test lets it go.
+LINGERING = """
+local M = {}
+local function note(what)
+  local f = assert(io.open(dom0:Get("app.path.work") .. "/life", "a")); f:write(what, "\\n"); f:close()
+end
+function M.init() note("init") return 0 end
+function M.main() note("main") return 0 end
+function M.shutdown()
+  note("shutdown")
+  while true do
+    local f = io.open("/run/go"); if f then f:close() break end
+    dom0:Wait("never", 0.05)
+  end
+  note("end")
+  return 0
+end
+return M
+"""
+STILL_ENDING = "The child process of an earlier start (pid=%d) is still ending, waiting for it."
+
+
+def test_readers_never_see_a_part_of_the_pid_file_over_many_starts_and_stops(tree):
+    tree.app("probe", "return { main = function() return 0 end }")
+    readers = [subprocess.Popen([sys.executable, "-c", READER, "/var/run/probe.pid"], stdout=subprocess.PIPE)
+               for _ in range(READERS)]
+    try:
+        for reader in readers:
+            assert reader.stdout.readline() == b"ready\n"
+        for _ in range(CYCLES):
+            assert tree.run("--background", name="probe").status == 0
+            supervisor = wait_until(lambda: tree.supervisor("probe"), what="pid file")
+            tree.stop(supervisor)
+            assert not os.path.exists("/var/run/probe.pid")
+    finally:
+        for reader in readers:
+            reader.kill()
+    seen = [eval(line) for reader in readers for line in reader.communicate()[0].splitlines()]  # bytes literals
+    # A reader may miss a file that is there for a moment only.
+    assert len(seen) > CYCLES // 2
+    assert not [content for content in seen if not re.fullmatch(rb"\d+\n\d+\n", content)]
+    assert records(tree.log("probe")) == [CAUGHT, ENDED] * CYCLES
+    assert os.listdir("/var/run") == ["probe.pid.lock"]
+
+
+def start_over_lingering(tree, supervisor, child):
+    """Starts again while a child of the earlier start is in its shutdown; checks that the new one waits, and stops it."""
+    wait_until(lambda: not alive(supervisor) and "shutdown" in life(tree), what="end of the supervisor alone")
+    assert alive(child)
+    assert tree.run("--background", name="probe").status == 0
+    again = wait_until(lambda: tree.supervisor("probe"), what="the new supervisor")
+    wait_until(lambda: STILL_ENDING % child in tree.log("probe"), what="the line about the old child")
+    assert life(tree) == ["init", "main", "shutdown"] and alive(child) and again != supervisor
+    open("/run/go", "w").close()
+    wait_until(lambda: life(tree).count("main") == 2, what="the new child")
+    tree.stop(again)
+    assert life(tree) == ["init", "main", "shutdown", "end"] * 2
+    assert not alive(child) and not os.path.exists("/var/run/probe.pid")
+    return records(tree.log("probe"))
+
+
+def test_a_start_waits_for_the_child_that_a_killed_supervisor_left(tree):
+    tree.app("probe", LINGERING)
+    supervisor, child = tree.background(name="probe")
+    wait_until(lambda: "main" in life(tree), what="main")
+    send_signal(supervisor, signal.SIGKILL)
+    lines = start_over_lingering(tree, supervisor, child)
+    stale = ("INFO", f"/var/run/probe.pid present (pid={supervisor}), but doesn't seem to be running.")
+    assert lines == [CAUGHT, stale, ("INFO", STILL_ENDING % child), CAUGHT, ENDED]
+
+
+def test_a_start_while_an_agent_stops_is_not_refused_and_its_child_comes_after_the_old_one(tree):
+    """A stopping supervisor has given its file and its lock up, and waits for its child; the new one waits for it too."""
+    tree.app("probe", LINGERING)
+    supervisor, child = tree.background(name="probe")
+    wait_until(lambda: "main" in life(tree), what="main")
+    send_signal(supervisor, signal.SIGTERM)
+    wait_until(lambda: "shutdown" in life(tree), what="shutdown")
+    assert tree.run("--background", name="probe").status == 0
+    again = wait_until(lambda: tree.supervisor("probe"), what="the new supervisor")
+    wait_until(lambda: STILL_ENDING % child in tree.log("probe"), what="the line about the old child")
+    assert life(tree) == ["init", "main", "shutdown"] and alive(supervisor) and again != supervisor
+    open("/run/go", "w").close()
+    wait_until(lambda: not alive(supervisor) and life(tree).count("main") == 2, what="the new child")
+    # The old supervisor's end leaves the new one's file alone.
+    assert tree.pid_file("probe") == again
+    tree.stop(again)
+    assert life(tree) == ["init", "main", "shutdown", "end"] * 2
+    lines = records(tree.log("probe"))
+    # The old supervisor tells of its child's end while the new one starts its own.
+    assert sorted(lines) == sorted([CAUGHT, ("INFO", STILL_ENDING % child), ENDED, CAUGHT, ENDED])
+
+
+def test_a_stop_while_a_start_waits_for_an_old_child_ends_it_at_once(tree):
+    tree.app("probe", LINGERING)
+    supervisor, child = tree.background(name="probe")
+    wait_until(lambda: "main" in life(tree), what="main")
+    send_signal(supervisor, signal.SIGKILL)
+    wait_until(lambda: not alive(supervisor) and "shutdown" in life(tree), what="shutdown")
+    assert tree.run("--background", name="probe").status == 0
+    again = wait_until(lambda: tree.supervisor("probe"), what="the new supervisor")
+    wait_until(lambda: STILL_ENDING % child in tree.log("probe"), what="the line about the old child")
+    tree.stop(again)
+    assert alive(child) and not os.path.exists("/var/run/probe.pid")
+    open("/run/go", "w").close()
+    wait_until(lambda: not alive(child), what="end of the old child")
+    assert life(tree) == ["init", "main", "shutdown", "end"]
