@@ -1,0 +1,156 @@
+// The launcher's supervisor on the real system, with real forks and signals, but without the delays and with a clock that
+// goes on by more than the span with each look: what keeps a supervisor from restarting ten thousand times in a minute.
+//
+//   restarts COUNT REPORT
+//
+// Goes into the background as the agent does (pid file /var/run/restarts.pid). Each child ends at once: most by SIGKILL, every
+// 50th with status 3, which runs the driver's script where there is one; child COUNT exits with 0. A line in REPORT for the time
+// after the first 100 restarts, when every pool has been filled once, and for the end: restarts, open descriptors, resident
+// KiB, private KiB.
+
+#include "vex/apps/vex/daemon.h"
+#include "vex/apps/vex/os/process.h"
+
+#include "vex/core/dom.h"
+#include "vex/core/sendsignal.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+#include <wx/init.h>
+#include <wx/log.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int WarmUp = 100;
+
+// The real system behind it does everything but pass time.
+class CHastySystem : public VexOs::CSystem
+{
+public:
+    CHastySystem(VexOs::CSystem& real, int count, const char* report) : m_real(real), m_count(count), m_report(report) {}
+
+    std::int64_t NowSeconds() override { return m_now += RestartSpanSeconds + 1; }
+    void SleepMs(long) override {}
+
+    pid_t ForkWorker() override
+    {
+        ++m_child;
+        return m_real.ForkWorker();
+    }
+
+    pid_t Wait(pid_t child, int& status) override
+    {
+        const pid_t ended = m_real.Wait(child, status);
+        if (ended == child && (m_child == WarmUp || m_child == m_count))
+            Measure();
+        return ended;
+    }
+
+    // In a child: the end that is its turn.
+    [[noreturn]] void EndAsChild() const
+    {
+        if (m_child == m_count)
+            ::_exit(0);
+        if (m_child % 50 == 0)
+            ::_exit(3);
+        VexCore::SendSignal(::getpid(), SIGKILL);
+        ::_exit(1);
+    }
+
+    pid_t OwnId() override { return m_real.OwnId(); }
+    pid_t OwnGroup() override { return m_real.OwnGroup(); }
+    int ThreadCount() override { return m_real.ThreadCount(); }
+    pid_t Fork() override { return m_real.Fork(); }
+    pid_t NewSession() override { return m_real.NewSession(); }
+    void ChangeFolder(const char* path) override { m_real.ChangeFolder(path); }
+    void StreamsToNull() override { m_real.StreamsToNull(); }
+    void TightenFileMode() override { m_real.TightenFileMode(); }
+    int Ask(pid_t process) override { return m_real.Ask(process); }
+    void ResetSignals() override { m_real.ResetSignals(); }
+    void BlockTerm() override { m_real.BlockTerm(); }
+    void UnblockTerm() override { m_real.UnblockTerm(); }
+    void BlockChild() override { m_real.BlockChild(); }
+    void HandleTerm(VexSignalAction handler) override { m_real.HandleTerm(handler); }
+    void SignalOwnGroup(int signal) override { m_real.SignalOwnGroup(signal); }
+    void SignalProcess(pid_t process, int signal) override { m_real.SignalProcess(process, signal); }
+    void RemoveFile(const char* path) override { m_real.RemoveFile(path); }
+    void ReleaseInstanceLock() override { m_real.ReleaseInstanceLock(); }
+    bool IsExecutable(const char* path) override { return m_real.IsExecutable(path); }
+    VexOs::ELock TakeInstanceLock(const char* path) override { return m_real.TakeInstanceLock(path); }
+    pid_t FindOtherWorker() override { return m_real.FindOtherWorker(); }
+    void WaitForOtherWorker() override { m_real.WaitForOtherWorker(); }
+
+private:
+    [[noreturn]] void DoExit(int status) override { m_real.Exit(status); }
+    [[noreturn]] void DoExitNow(int status) override { m_real.ExitNow(status); }
+
+    static long CountDescriptors()
+    {
+        long count = -1; // the one that the count itself needs
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            count += entry.path().empty() ? 0 : 1;
+        return count;
+    }
+
+    // The sum of the fields that begin with `name`, in KiB.
+    static long SumOfMemory(const std::string& name)
+    {
+        long sum = 0;
+        FILE* const file = std::fopen("/proc/self/smaps_rollup", "re");
+        char line[256];
+        while (file && std::fgets(line, sizeof line, file)) {
+            const std::string text = line;
+            if (text.compare(0, name.size(), name) == 0)
+                sum += std::atol(text.c_str() + text.find(':') + 1);
+        }
+        if (file)
+            std::fclose(file);
+        return sum;
+    }
+
+    void Measure() const
+    {
+        const long descriptors = CountDescriptors();
+        FILE* const report = std::fopen(m_report, "ae");
+        if (!report)
+            return;
+        std::fprintf(report, "%d %ld %ld %ld\n", m_child, descriptors, SumOfMemory("Rss"), SumOfMemory("Private_"));
+        std::fclose(report);
+    }
+
+    VexOs::CSystem& m_real;
+    const int m_count;
+    const char* const m_report;
+    int m_child = 0;
+    std::int64_t m_now = 1000000000;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 3) {
+        std::cerr << "usage: restarts COUNT REPORT\n";
+        return 2;
+    }
+    wxInitializer framework;
+    if (!framework.IsOk())
+        return 1;
+    VexCore::CDom* const dom = VexCore::CDom::New(nullptr, nullptr, nullptr, false);
+    dom->SetWx("app.path.work", wxString("/"));
+    CHastySystem system(VexOs::System(), std::atoi(argv[1]), argv[2]);
+    VexOs::ReplaceSystem(&system);
+    CDaemon daemon(system, dom, "restarts");
+    const std::optional<int> status = daemon.Run();
+    if (!status)
+        system.EndAsChild();
+    dom->Release();
+    return *status;
+}
