@@ -9,7 +9,8 @@
 //
 //   role R pid P        a process began
 //   sent P              SIGTERM was sent to P
-//   end R STATUS        a process ended; STATUS as a shell counts it, but negative for a signal
+//   end R STATUS        a process ended; STATUS is its exit status, or a signal's number, negative. R is -1 for one that began
+//                       after the signal, and was adopted
 //   stops N             stops of ROLE in the whole run, or until the signal
 
 #include "vex/core/sendsignal.h"
@@ -96,16 +97,16 @@ private:
         return process;
     }
 
+    // A new process stops before its first instruction, so it is seen here before anything that it forks: also when its
+    // parent's own stop at the fork is told later.
     int RoleOf(pid_t thread)
     {
         const auto known = m_threads.find(thread);
         if (known != m_threads.end())
             return known->second;
-        const auto process = m_roles.find(ProcessOf(thread));
-        const int role = process == m_roles.end() ? -1 : process->second;
-        if (role >= 0)
-            m_threads[thread] = role;
-        return role;
+        const pid_t process = ProcessOf(thread);
+        NoteProcess(process);
+        return m_threads[thread] = m_roles[process];
     }
 
     void OnStop(pid_t thread, int status)
@@ -113,11 +114,6 @@ private:
         const int event = status >> 16;
         const int signal = WSTOPSIG(status);
         const bool callStop = signal == (SIGTRAP | 0x80);
-        if (event == PTRACE_EVENT_FORK || event == PTRACE_EVENT_VFORK) {
-            unsigned long made = 0;
-            if (::ptrace(PTRACE_GETEVENTMSG, thread, nullptr, &made) == 0)
-                NoteProcess(static_cast<pid_t>(made));
-        }
         const int role = RoleOf(thread);
         if (callStop && !m_sent && role == m_role && ++m_stops == m_stop) {
             m_sent = true;
@@ -131,19 +127,20 @@ private:
         if (m_sent)
             ::ptrace(PTRACE_DETACH, thread, nullptr, carried);
         else
-            // A process that is not swept is only followed through its forks. One that is not known yet may be.
-            ::ptrace(role == m_role || role < 0 ? PTRACE_SYSCALL : PTRACE_CONT, thread, nullptr, carried);
+            // A process that is not swept is only followed through its forks.
+            ::ptrace(role == m_role ? PTRACE_SYSCALL : PTRACE_CONT, thread, nullptr, carried);
     }
 
     void OnEnd(pid_t thread, int status)
     {
-        m_threads.erase(thread);
         const auto process = m_roles.find(thread);
-        if (process == m_roles.end())
+        if (process == m_roles.end() && m_threads.erase(thread) != 0)
             return;
-        // A traced process is told of twice when its parent is this one as well: once, here, counts.
-        Tell("end %d %d\n", process->second, WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status));
-        m_roles.erase(process);
+        m_threads.erase(thread);
+        const int role = process == m_roles.end() ? -1 : process->second;
+        Tell("end %d %d\n", role, WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status));
+        if (role >= 0)
+            m_roles.erase(process);
     }
 
     FILE* m_report;
