@@ -121,6 +121,23 @@ def test_crash_in_a_worker_is_shown_as_the_workers(app, way, module):
     assert "CScriptThread" not in text, text
 
 
+@pytest.mark.parametrize("level, full", [("0", False), ("1", True)])
+def test_dump_level_of_the_configuration_file_makes_the_dump_full(app, level, full):
+    app.file("work/crasher.ini", f"DumpLevel={level}\n")
+    assert app.run(name="crasher").status == -signal.SIGSEGV
+    streams = Minidump(os.path.join(app.work, "plugins", "diag", "crasher.mdmp")).streams
+    assert ("memory64" in streams) == full, streams
+
+
+def test_crash_with_no_room_for_the_dump_still_ends_by_its_signal_and_tells(app):
+    app.file("work/plugins/diag", "a file where the folder should be")
+    result = app.run(name="crasher")
+    assert result.status == -signal.SIGSEGV
+    assert re.search(r"^crasher crashed: signal 11 .*", result.err, re.M), result.err
+    assert re.search(r" FATAL .*; no crash dump could be written to .*/diag/crasher.mdmp \(error 20: Not a directory\)$",
+                     result.log, re.M), result.log
+
+
 @pytest.mark.sandbox
 def test_dump_of_the_bundled_application_lies_in_its_diagnostic_folder(app):
     app.file("bad/plugin.lua", 'return { name = "Bad", version = "1", collect = function() require("luacrash")() end }')
