@@ -72,9 +72,7 @@ return { name = "Failing", version = "1",
     supervisor, child = tree.background("--plugins", "first,failing,second")
     wait_until(lambda: all(text in tree.log() for text in ("first collects", "second collects", "no figures"))
                and acknowledged(tree), what="a collection of each")
-    began = time.monotonic()
     tree.stop(supervisor)
-    assert time.monotonic() - began < 8, "nobody was waited for"
     assert not alive(child)
     log = tree.log()
     for name in ("first", "second"):
@@ -82,7 +80,7 @@ return { name = "Failing", version = "1",
         assert order == sorted(order) and log.count(f"{name} stops\n") == 1
     assert log.count("Plugin 'failing' failed in collect: ") == 1 and log.count("Plugin 'failing' failed in stop: ") == 1
     assert "Child process exited with status 0 (exit 0)" in log
-    assert "has not ended" not in log and " ERROR [" not in log
+    assert "has not ended" not in log and " ERROR [" not in log, "nobody was waited for in vain"
 
 
 @pytest.mark.sandbox
