@@ -75,6 +75,7 @@ struct Answers
     std::string errorInfo; ///< answered by `GetErrorInfo` until a chunk really fails
     std::function<void()> onRunScript; ///< runs before the chunk
     std::string setPackagePathsError; ///< when not empty, `SetPackagePaths` raises it as a Lua error
+    std::string setPackagePathsException; ///< text of an exception that is thrown instead
 
     // Threads
     EThreads threads = EThreads::Real;

@@ -8,6 +8,7 @@
 #include "vex/core/wrap_dom.h"
 
 #include <atomic>
+#include <stdexcept>
 
 #include <lua.hpp>
 
@@ -107,6 +108,8 @@ lua_State* CLuaInterpreter::L() const
 void CLuaInterpreter::SetPackagePaths(const char* bin, const char* path, const char* cpath)
 {
     Record("Lua.SetPackagePaths(" + Quote(bin) + ", " + Quote(path) + ", " + Quote(cpath) + ")");
+    if (!answers().setPackagePathsException.empty())
+        throw std::runtime_error(answers().setPackagePathsException);
     if (!answers().setPackagePathsError.empty())
         luaL_error(m_impl->state, "%s", answers().setPackagePathsError.c_str());
 }

@@ -169,6 +169,13 @@ TEST_F(LuaHost, AnErrorInsideSetUpReachesTheProtectedCall)
     EXPECT_EQ(Count("Dom.RegisterLoader()"), 0u);
 }
 
+TEST_F(LuaHost, AnExceptionInsideSetUpIsALuaErrorWithItsText)
+{
+    answers().setPackagePathsException = "no memory today";
+    EXPECT_EQ(SetUpLua(), LUA_ERRRUN);
+    EXPECT_STREQ(lua_tostring(L(), -1), "no memory today");
+}
+
 TEST_F(LuaHost, SetUpAssertsThatItRunsInTheApplicationsState)
 {
     static wxString s_condition;

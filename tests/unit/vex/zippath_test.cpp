@@ -456,6 +456,18 @@ TEST_F(ArchivePath, NamedArchiveNeedsNoVersionFile)
     EXPECT_THAT(Log(), IsEmpty());
 }
 
+TEST_F(ArchivePath, WildcardOutOfAVariableFindsArchivesThatNeedNoVersionFile)
+{
+    // What was written names an archive, and what was meant is a pattern.
+    setenv("VEX_TEST_PATTERN", "*.zip", 1);
+    EXPECT_EQ(Expand("$VEX_TEST_PATTERN"), "(not written)");
+    EXPECT_THAT(Log(), IsEmpty());
+    const std::string a = Put("a.zip");
+    EXPECT_EQ(Expand("$VEX_TEST_PATTERN"), a);
+    EXPECT_THAT(Log(), IsEmpty());
+    unsetenv("VEX_TEST_PATTERN");
+}
+
 TEST_F(ArchivePath, WildcardInTheFolderIsTakenLiterally)
 {
     Put("x/a.zip", s_good);
