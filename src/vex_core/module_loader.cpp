@@ -39,7 +39,8 @@ struct Found
     const ZipEntry* entry = nullptr; ///< lives as long as `zip`
     std::shared_ptr<ChunkCache> cache; ///< null when there is none
     bool compiled = false; ///< `code` comes from the cache
-    std::string_view code; ///< lies in the loader until it is asked again
+    std::string buffer; ///< the loader's, lent for as long as Lua reads from it: a finaliser may load another module meanwhile
+    std::string_view code; ///< lies in `buffer`
 
     std::string Archive() const { return path.substr(0, archiveLength); }
 };
@@ -77,9 +78,12 @@ class ModuleLoader
 public:
     ModuleLoader(CDom& dom, std::string luaHeader) : m_dom(dom), m_luaHeader(std::move(luaHeader)) {}
 
-    Found Find(const std::string& module);
+    /// `found` is as it was made.
+    void Find(const std::string& module, Found& found);
     /// Reads the source of what was found; false with `message` set when the entry is damaged.
-    bool ReadSource(Found& found);
+    static bool ReadSource(Found& found);
+    /// Takes back the buffer that `Find` lent.
+    void GiveBack(Found& found);
     /// Room for a chunk on its way to the cache.
     std::string& DumpBuffer();
     /// Whether compiled chunks may be loaded from the archive: those that come with the launcher.
@@ -139,29 +143,26 @@ void ModuleLoader::ReadSearchPath()
     ChunkCache::ForgetUnused();
 }
 
-Found ModuleLoader::Find(const std::string& module)
+void ModuleLoader::Find(const std::string& module, Found& found)
 {
     ChunkCache::FlushOld();
     ReadSearchPath();
-    for (std::string* buffer : {&m_buffer, &m_dumpBuffer})
-        if (buffer->capacity() > maxKeptBytes)
-            std::string().swap(*buffer);
+    if (m_dumpBuffer.capacity() > maxKeptBytes)
+        std::string().swap(m_dumpBuffer);
     std::string base = module;
     std::replace(base.begin(), base.end(), '.', '/');
     const std::string files[] = {base + ".lua", base + "/init.lua"};
     const std::uint64_t hashes[] = {HashName(files[0]), HashName(files[1])};
 
-    Found found;
     std::string failure;
     for (SearchedArchive& searched : m_archives) {
         const std::shared_ptr<ModuleArchive> archive = searched.slot->Current(m_limits, failure);
         if (archive
             && (LookInto(searched, files[0], hashes[0], archive, found)
                 || LookInto(searched, files[1], hashes[1], archive, found)))
-            return found;
+            return;
     }
     found.message = PlacesLookedIn(base);
-    return found;
 }
 
 bool ModuleLoader::LookInto(SearchedArchive& searched, const std::string& file, std::uint64_t hash,
@@ -182,7 +183,8 @@ bool ModuleLoader::LookInto(SearchedArchive& searched, const std::string& file, 
         return false;
     found.kind = Found::EKind::Module;
     found.cache = CacheOf(searched, archive);
-    found.compiled = found.cache && found.cache->Find(found.path, m_buffer, found.code);
+    found.buffer.swap(m_buffer);
+    found.compiled = found.cache && found.cache->Find(found.path, found.buffer, found.code);
     return true;
 }
 
@@ -222,10 +224,17 @@ std::string ModuleLoader::PlacesLookedIn(const std::string& base)
 bool ModuleLoader::ReadSource(Found& found)
 {
     found.compiled = false;
-    if (!found.zip->Read(*found.entry, m_buffer, found.message))
+    if (!found.zip->Read(*found.entry, found.buffer, found.message))
         return false;
-    found.code = m_buffer;
+    found.code = found.buffer;
     return true;
+}
+
+void ModuleLoader::GiveBack(Found& found)
+{
+    found.code = {};
+    if (found.buffer.capacity() <= maxKeptBytes)
+        found.buffer.swap(m_buffer);
 }
 
 std::string& ModuleLoader::DumpBuffer()
@@ -347,7 +356,7 @@ int SearchArchives(lua_State* L)
     const char* const module = luaL_checkstring(L, 1);
     ModuleLoader& loader = LoaderOf(L);
     Found found;
-    Guarded(L, [&] { found = loader.Find(module); });
+    Guarded(L, [&] { loader.Find(module, found); });
     if (found.kind == Found::EKind::Nothing) {
         lua_pushlstring(L, found.message.data(), found.message.size());
         return 1;
@@ -363,6 +372,7 @@ int SearchArchives(lua_State* L)
     }
     if (!found.compiled)
         LoadSource(L, loader, module, found);
+    loader.GiveBack(found);
     lua_pushlstring(L, found.path.data(), found.path.size());
     return 2;
 }

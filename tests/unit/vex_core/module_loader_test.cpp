@@ -788,3 +788,23 @@ TEST_F(ModuleLoaderTest, PrecompiledChunksAreNotCached)
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "compiled");
     EXPECT_TRUE(CacheFiles().empty());
 }
+
+TEST_F(ModuleLoaderTest, AFinaliserThatLoadsAModuleLeavesTheOneThatIsBeingCompiledAlone)
+{
+    const auto listOf = [](const std::string& word) {
+        std::string code = "return {";
+        for (int i = 0; i < 1000; ++i)
+            code += "'" + word + std::to_string(i) + "',";
+        return code + "}";
+    };
+    Add("x.vxe", {{"outer.lua", listOf("outer")}, {"inner.lua", listOf("INNER")}});
+    // The compiler makes strings, and that may run finalisers; with these settings it surely does.
+    EXPECT_EQ(Lua(dom).Run("collectgarbage('setpause', 0) collectgarbage('setstepmul', 100000)"
+                           "local finalised = 0 "
+                           "setmetatable({}, {__gc = function() finalised = finalised + 1; require 'inner' end}) "
+                           "local list = require 'outer' "
+                           "local wrong = 1000 - #list "
+                           "for i, text in ipairs(list) do if text ~= 'outer' .. i - 1 then wrong = wrong + 1 end end "
+                           "return finalised .. ' ' .. wrong"),
+              "1 0");
+}
