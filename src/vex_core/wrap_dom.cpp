@@ -49,6 +49,12 @@ int PushText(lua_State* L, const wxString& text)
     return 1;
 }
 
+int PushBytes(lua_State* L, std::string_view bytes)
+{
+    lua_pushlstring(L, bytes.data(), bytes.size());
+    return 1;
+}
+
 /// The second argument, as it is, or nil.
 int PushDefault(lua_State* L)
 {
@@ -61,14 +67,16 @@ int PushDefault(lua_State* L)
 int Get(CDom& dom, lua_State* L)
 {
     const char* key = Value<const char*>::Get(L, firstArgument);
-    // Kept from call to call: the heap would be a quarter of the time.
-    thread_local std::string text;
-    if (!dom.Get(key, text))
-        return PushDefault(L);
-    lua_pushlstring(L, text.data(), text.size());
-    if (text.capacity() > maxKeptBytes)
-        std::string().swap(text);
-    return 1;
+    // Kept from call to call: the heap would be a quarter of the time. While it is in use nobody else has it: making the
+    // Lua string may run a finaliser, which may come here.
+    thread_local std::string kept;
+    std::string text;
+    text.swap(kept);
+    const bool found = dom.Get(key, text);
+    const int results = found ? PushBytes(L, text) : PushDefault(L);
+    if (text.capacity() <= maxKeptBytes)
+        text.swap(kept);
+    return results;
 }
 
 bool GetBool(CDom& dom, const char* key, std::optional<bool> defaultValue)
