@@ -63,7 +63,7 @@ std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel 
     ::localtime_r(&time, &local);
     std::string record(stamp, std::strftime(stamp, sizeof stamp, timeFormat, &local));
     record.append(" ").append(LogLevelWord(level)).append(" [").append(std::to_string(process)).append("/");
-    record.append(thread).append("] ").append(LogText(text)).append("\n");
+    record.append(LogText(thread)).append("] ").append(LogText(text)).append("\n");
     return record;
 }
 

@@ -163,6 +163,13 @@ TEST(LogRecord, HasTimeLevelProcessThreadAndText)
                                        "lib/x.zip: no matches"));
 }
 
+TEST(LogRecord, AThreadsNameStartsNoLineOfItsOwn)
+{
+    // A worker is named after its module, and that is any text of a script.
+    EXPECT_THAT(VexCore::FormatLogRecord(0, "%Y", ELogLevel::Info, 2, "worker a\n2026 \x1b", "text"),
+                ::testing::HasSubstr(" INFO [2/worker a\n    2026 \\x1B] text\n"));
+}
+
 TEST(LogRecord, LevelsHaveTheirWords)
 {
     const char* const words[] = {"FATAL", "ERROR", "WARNING", "MESSAGE", "INFO", "DEBUG", "TRACE"};
