@@ -284,6 +284,9 @@ wxArrayString ProgramArguments(lua_State* L)
         if (!bytes)
             RaiseArgumentError(L, secondArgument, "array of strings",
                                lua_pushfstring(L, "%s at [%d]", luaL_typename(L, -1), i));
+        if (std::string_view(bytes, length).find('\0') != std::string_view::npos)
+            RaiseArgumentError(L, secondArgument, "array of strings",
+                               lua_pushfstring(L, "string with a zero byte at [%d]", i));
         arguments.push_back(Text({bytes, length}));
         lua_pop(L, 1);
     }
@@ -309,7 +312,7 @@ long ProgramTimeout(lua_State* L)
 
 int Execute(CDom&, lua_State* L)
 {
-    const wxString program = Text(Value<std::string_view>::Get(L, firstArgument));
+    const wxString program = Text(Value<const char*>::Get(L, firstArgument));
     const wxArrayString arguments = ProgramArguments(L);
     const long timeoutMs = ProgramTimeout(L);
     wxString output, error;

@@ -271,6 +271,10 @@ TEST_F(WrapDomTest, ExecuteChecksItsArguments)
     EXPECT_THAT(Run("dom0:Execute()"), HasSubstr("#1 to 'SLB.Dom:Execute' (string expected, got no value)"));
     EXPECT_THAT(Run("dom0:Execute('x', 'y')"), HasSubstr("#2 to 'SLB.Dom:Execute' (array of strings expected, got string)"));
     EXPECT_THAT(Run("dom0:Execute('x', {'a', {}})"), HasSubstr("(array of strings expected, got table at [2])"));
+    // The system would take the text up to there, and run something else than was asked for.
+    EXPECT_THAT(Run("dom0:Execute('/bin/echo\\0x')"), HasSubstr("(string expected, got string with a zero byte)"));
+    EXPECT_THAT(Run("dom0:Execute('/bin/echo', {'a', 'b\\0c'})"),
+                HasSubstr("(array of strings expected, got string with a zero byte at [2])"));
     EXPECT_THAT(Run("dom0:Execute('x', {}, 5)"), HasSubstr("#3 to 'SLB.Dom:Execute' (table expected, got number)"));
     EXPECT_THAT(Run("dom0:Execute('x', {}, {timeout = -1})"), HasSubstr("positive number \"timeout\" expected, got another number"));
     EXPECT_THAT(Run("dom0:Execute('x', {}, {timeout = '1'})"), HasSubstr("positive number \"timeout\" expected, got string"));
