@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string>
 
 #include <sys/prctl.h>
@@ -134,13 +135,13 @@ private:
     void OnEnd(pid_t thread, int status)
     {
         const auto process = m_roles.find(thread);
-        if (process == m_roles.end() && m_threads.erase(thread) != 0)
+        if (m_threads.erase(thread) != 0 && process == m_roles.end())
             return;
-        m_threads.erase(thread);
+        // One that ended traced is told of again when its parent ends before it has looked.
+        if (!m_ended.insert(thread).second)
+            return;
         const int role = process == m_roles.end() ? -1 : process->second;
         Tell("end %d %d\n", role, WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status));
-        if (role >= 0)
-            m_roles.erase(process);
     }
 
     FILE* m_report;
@@ -151,6 +152,7 @@ private:
     std::size_t m_processes = 0;
     std::map<pid_t, int> m_roles; // of processes
     std::map<pid_t, int> m_threads; // of threads
+    std::set<pid_t> m_ended; // processes
 };
 
 } // namespace
