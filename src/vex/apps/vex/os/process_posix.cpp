@@ -48,11 +48,11 @@ int RecordLock(int descriptor, int command, short type, struct flock& lock)
 
 int OpenLockFile(const char* path)
 {
-    // Readable to its owner alone: who can open a file can lock it. Not blocking, should there be a FIFO.
     if (!path) { // a name that the character set cannot hold
         errno = EINVAL;
         return -1;
     }
+    // Readable to its owner alone: who can open a file can lock it. Not blocking, should there be a FIFO.
     const int descriptor = ::open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (descriptor < 0)
         return -1;
