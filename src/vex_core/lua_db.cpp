@@ -23,6 +23,7 @@ struct Database
 {
     SqliteDb db;
     std::recursive_mutex inUse; // held by each call; a transaction's body calls again
+    int statements = 0; // that run; guarded by inUse
 };
 
 std::mutex openLock;
@@ -53,6 +54,20 @@ public:
 private:
     Database& m_database;
     const std::lock_guard<std::recursive_mutex> m_inUse;
+};
+
+// A statement that runs. Lua code may get a turn meanwhile, in a finaliser or in a metamethod of the parameters: it must not
+// close the database under the statement.
+class Running
+{
+public:
+    explicit Running(Database& database) : m_database(database) { ++m_database.statements; }
+    ~Running() { --m_database.statements; }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+
+private:
+    Database& m_database;
 };
 
 int Failed(lua_State* L, const std::string& message)
@@ -142,6 +157,7 @@ void CheckArguments(lua_State* L)
 int Exec(lua_State* L)
 {
     const Self self(L);
+    const Running running(Receiver(L));
     CheckArguments(L);
     const char* sql = lua_tostring(L, 2);
     const int before = sqlite3_total_changes(self.Handle());
@@ -189,6 +205,7 @@ void PushColumn(lua_State* L, sqlite3_stmt* statement, int column)
 int Rows(lua_State* L)
 {
     const Self self(L);
+    const Running running(Receiver(L));
     CheckArguments(L);
     const char* sql = lua_tostring(L, 2);
     Statement statement;
@@ -258,6 +275,8 @@ int Close(lua_State* L)
 {
     Database& database = Receiver(L);
     const std::lock_guard<std::recursive_mutex> inUse(database.inUse);
+    if (database.statements > 0)
+        return luaL_error(L, "the database is in use by a statement");
     const std::lock_guard<std::mutex> lock(openLock);
     OpenDatabases().erase(&database);
     database.db.Close();

@@ -273,6 +273,14 @@ TEST_F(LuaHostTest, AClosedDatabaseSaysSo)
               std::string::npos);
 }
 
+TEST_F(LuaHostTest, NothingClosesADatabaseUnderAStatement)
+{
+    EXPECT_EQ(RunDb("local parameters = setmetatable({}, {__index = function() db:close() end}) "
+                    "local ok, e = pcall(db.exec, db, 'SELECT :name', parameters) "
+                    "return tostring(ok) .. e:match(':%d+(: .*)') .. ', ' .. db:rows('SELECT 7 AS n')[1].n"),
+              "false: the database is in use by a statement, 7");
+}
+
 TEST_F(LuaHostTest, AFolderThatIsMissingOpensNoDatabase)
 {
     EXPECT_EQ(Run("local d, m = require('vex.db').open(folder .. '/no/x.db') return tostring(d) .. "
