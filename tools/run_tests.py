@@ -5,6 +5,7 @@ A step is a command with a name. Its output goes to build/test/<name>.log and is
 tests leave a JUnit file; the last line adds up what those files say.
 """
 import argparse
+import concurrent.futures
 import glob
 import os
 import platform
@@ -45,8 +46,8 @@ def unit(preset, environment):
     for binary in UNIT_BINARIES:
         name = f"unit {preset} {binary[5:]}"
         file = result_file(name.replace(" ", "-"))
-        yield Step(name, [f"build/{preset}/tests/{binary}", "--gtest_brief=1", f"--gtest_output=xml:{file}"], [file],
-                   environment)
+        yield Step(name, ["tools/sandbox", f"build/{preset}/tests/{binary}", "--gtest_brief=1",
+                          f"--gtest_output=xml:{file}"], [file], environment)
 
 
 def end_to_end(name, stage, build_dir, environment, *selection):
@@ -86,6 +87,7 @@ def fuzz(seconds):
 
 
 def steps(full):
+    """All steps in their order; a list holds steps that may run at the same time."""
     full_env = {"VEX_FULL": "1"} if full else {}
     sanitized = dict(SANITIZER_OPTIONS, **full_env, VEX_SANITIZED="1")
     yield Step("house rules", [PYTHON, "tools/tidy"])
@@ -98,7 +100,7 @@ def steps(full):
     yield from unit("asan", sanitized)
     yield from lua("asan", "build/asan/stage", sanitized)
     yield end_to_end("asan", "build/asan/stage", "build/asan", sanitized, *([] if full else ["-m", "fast"]))
-    yield from fuzz(lambda parser: 60 if parser in ("zip_reader", "unzip") else 10)
+    yield list(fuzz(lambda parser: 60 if parser in ("zip_reader", "unzip") else 10))
     yield build("tsan")
     yield from unit("tsan", sanitized)
     yield from lua("tsan", "build/tsan/stage", sanitized)
@@ -110,14 +112,17 @@ def steps(full):
             yield end_to_end(preset, f"build/{preset}/stage", f"build/{preset}", full_env)
 
 
-def run(step, colour):
-    log = os.path.join(OUT, step.name.replace(" ", "-") + ".log")
+def log_file(step):
+    return os.path.join(OUT, step.name.replace(" ", "-") + ".log")
+
+
+def execute(step):
+    """Runs one step; returns its exit code, or a text when it has none, and the seconds that it took."""
     for file in step.junit:
         if os.path.exists(file):
             os.unlink(file)
     begin = time.monotonic()
-    print(f"{step.name} ...", end=" ", flush=True)
-    with open(log, "wb") as output:
+    with open(log_file(step), "wb") as output:
         try:
             code = subprocess.run(step.command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
                                   env=step.env, cwd=ROOT, timeout=step.timeout, check=False).returncode
@@ -125,15 +130,30 @@ def run(step, colour):
             code = "no end within %d s" % step.timeout
         except OSError as error:
             code = str(error)
-    seconds = time.monotonic() - begin
+    return code, time.monotonic() - begin
+
+
+def report(step, code, seconds, colour):
     good = code == 0 and all(os.path.exists(file) for file in step.junit)
     word = "ok" if good else f"FAILED ({code})"
     print((f"\033[{32 if good else 31}m{word}\033[0m" if colour else word) + f", {seconds:.0f} s", flush=True)
     if not good:
-        with open(log, "rb") as output:
+        with open(log_file(step), "rb") as output:
             tail = output.read()[-6000:].decode("utf-8", "replace")
         print("\n".join("    " + line for line in tail.splitlines()[-60:]), flush=True)
     return good
+
+
+def run(together, colour):
+    """Runs the steps, two at a time when they are several; yields each with whether it was good."""
+    if len(together) == 1:
+        print(f"{together[0].name} ...", end=" ", flush=True)
+        yield together[0], report(together[0], *execute(together[0]), colour)
+        return
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        for step, result in zip(together, pool.map(execute, together)):
+            print(f"{step.name} ...", end=" ", flush=True)
+            yield step, report(step, *result, colour)
 
 
 def count(file):
@@ -159,21 +179,23 @@ def main():
     colour = sys.stdout.isatty()
     begin = time.monotonic()
     totals = {"passed": 0, "failed": 0, "skipped": 0}
-    for step in steps(arguments.full):
-        if arguments.only and not any(text in step.name for text in arguments.only):
+    stopped = False
+    for item in steps(arguments.full):
+        together = [step for step in (item if isinstance(item, list) else [item])
+                    if not arguments.only or any(text in step.name for text in arguments.only)]
+        if not together or stopped:
             continue
-        good = run(step, colour)
-        before = totals["failed"]
-        for file in step.junit:
-            if os.path.exists(file):
-                for key, number in zip(totals, count(file)):
-                    totals[key] += number
-        if not step.junit and good:
-            totals["passed"] += 1
-        if not good and totals["failed"] == before:
-            totals["failed"] += 1  # the step itself, when no test of it says so
-        if not good and arguments.stop:
-            break
+        for step, good in run(together, colour):
+            before = totals["failed"]
+            for file in step.junit:
+                if os.path.exists(file):
+                    for key, number in zip(totals, count(file)):
+                        totals[key] += number
+            if not step.junit and good:
+                totals["passed"] += 1
+            if not good and totals["failed"] == before:
+                totals["failed"] += 1  # the step itself, when no test of it says so
+            stopped = stopped or (arguments.stop and not good)
     minutes, seconds = divmod(int(time.monotonic() - begin), 60)
     print(f"unit, end-to-end, Lua, fuzz and checks took {minutes} min {seconds} s")
     print(f"{totals['passed']} passed, {totals['failed']} failed, {totals['skipped']} skipped")

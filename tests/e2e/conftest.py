@@ -21,6 +21,11 @@ CLONE_NEWNS, MS_REC, MS_PRIVATE, MNT_DETACH = 0x00020000, 0x4000, 0x40000, 2
 # A sanitizer build takes its time; what waits for it is patient and still ends.
 PATIENCE = 60 if SANITIZED else 30
 
+# Whoever started the run may have it ignore signals, as a shell does for its background jobs; agents would inherit that.
+for _number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTERM):
+    if signal.getsignal(_number) == signal.SIG_IGN:
+        signal.signal(_number, signal.SIG_DFL)
+
 _libc = ctypes.CDLL(None, use_errno=True)
 
 

@@ -757,7 +757,10 @@ TEST_F(UnzippingUnderFaults, FileIsFlushedBeforeItIsRenamedAndItsFolderBeforeThe
         ASSERT_TRUE(Run());
     }
     EXPECT_EQ(renames, 9);
+#ifdef VEX_SMALL_LIMITS
+    // Only with small limits is this package large enough to be flushed in groups.
     EXPECT_GT(syncs, 0) << "flushing in groups was not tested";
+#endif
     EXPECT_TRUE(changedFolders.empty());
 }
 
