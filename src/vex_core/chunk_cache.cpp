@@ -2,6 +2,7 @@
 
 #include "vex/core/log.h"
 #include "vex_core/archive_index.h"
+#include "vex_core/hex.h"
 #include "vex_core/narrow.h"
 #include "vex_core/os/folder_calls.h"
 #include "vex_core/os/status_calls.h"
@@ -139,17 +140,6 @@ void Store64(std::string& bytes, std::uint64_t value)
 std::uint32_t Checksum(std::uint32_t seed, std::string_view bytes)
 {
     return libdeflate_crc32(seed, bytes.data(), bytes.size());
-}
-
-std::string Hex(const unsigned char* data, std::size_t size)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (std::size_t i = 0; i < size; ++i) {
-        text += digits[data[i] >> 4];
-        text += digits[data[i] & 15];
-    }
-    return text;
 }
 
 /// All caches of the process, the open files among them, and since when something waits to be written.

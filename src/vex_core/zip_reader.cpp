@@ -3,6 +3,7 @@
 // All reading is pread: a file that is cut short under the process is then an error and not a SIGBUS.
 #include "vex_core/zip_reader.h"
 
+#include "vex_core/hex.h"
 #include "vex_core/os/folder_calls.h"
 #include "vex_core/zip_format.h"
 #include "vex_core/zip_names.h"
@@ -105,13 +106,7 @@ public:
         std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
         unsigned size = 0;
         EVP_DigestFinal_ex(m_context.get(), digest.data(), &size);
-        static const char digits[] = "0123456789abcdef";
-        std::string hex;
-        for (unsigned i = 0; i < size; ++i) {
-            hex += digits[digest[i] >> 4];
-            hex += digits[digest[i] & 15];
-        }
-        return hex;
+        return VexCore::Hex(digest.data(), size);
     }
 
 private:
