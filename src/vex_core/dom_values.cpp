@@ -1,15 +1,12 @@
 #include "vex_core/dom_values.h"
 
+#include "vex_core/ascii.h"
+
 #include <charconv>
 
 namespace VexCore {
 
 namespace {
-
-char LowerAscii(char c)
-{
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
 
 bool EqualIgnoringCase(std::string_view text, std::string_view lower)
 {

@@ -1,5 +1,6 @@
 #include "vex_core/settings_file.h"
 
+#include "vex_core/ascii.h"
 #include "vex_core/os/folder_calls.h"
 
 #include <cstdlib>
@@ -14,12 +15,11 @@ namespace {
 // More than any settings anybody writes; what lies behind is not looked at.
 constexpr std::size_t maxBytes = std::size_t(1) << 20;
 
-std::string LowerAscii(std::string_view text)
+std::string InLowerCase(std::string_view text)
 {
     std::string lower(text);
     for (char& c : lower)
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
+        c = LowerAscii(c);
     return lower;
 }
 
@@ -106,13 +106,13 @@ std::map<std::string, std::string> ParseSettings(std::string_view content)
         if (line.empty() || line.front() == ';' || line.front() == '#')
             continue;
         if (line.front() == '[') {
-            inGroup = LowerAscii(line.substr(0, line.find(']'))) == "[settings";
+            inGroup = InLowerCase(line.substr(0, line.find(']'))) == "[settings";
             continue;
         }
         const std::size_t equals = line.find('=');
         if (!inGroup || equals == std::string_view::npos)
             continue;
-        std::string name = LowerAscii(Trimmed(line.substr(0, equals)));
+        std::string name = InLowerCase(Trimmed(line.substr(0, equals)));
         if (!name.empty())
             entries.insert_or_assign(std::move(name), ValueOf(Trimmed(line.substr(equals + 1))));
     }
@@ -123,7 +123,7 @@ bool SettingsFile::Find(const std::string& path, std::string_view name, std::str
 {
     const std::lock_guard<std::mutex> lock(m_lock);
     Refresh(path);
-    const auto found = m_entries.find(LowerAscii(name));
+    const auto found = m_entries.find(InLowerCase(name));
     if (found == m_entries.end())
         return false;
     value = found->second;
