@@ -44,7 +44,7 @@ const char forgetKeysSql[] =
 
 wxString Shown(const std::string& text)
 {
-    return FromForeignBytes(text.data(), text.size());
+    return FromForeignBytes(text);
 }
 
 // Unique among all processes that ever share the folder. Random numbers may be out of reach (no descriptor

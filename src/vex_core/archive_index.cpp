@@ -70,7 +70,7 @@ bool IsLuaFile(const ZipEntry& entry)
 
 wxString ToWx(const std::string& bytes)
 {
-    return FromForeignBytes(bytes.data(), bytes.size());
+    return FromForeignBytes(bytes);
 }
 
 } // namespace

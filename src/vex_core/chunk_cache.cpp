@@ -50,8 +50,7 @@ constexpr char temporaryPrefix[] = "tmp-";
 void Trace(int line, const std::string& folder, const std::string& text)
 {
     if (LogTraceIsEnabled("Srvc"))
-        LogTrace("Srvc", "vex_core/chunk_cache", line, "ChunkCache",
-                 FromForeignBytes(folder.data(), folder.size()) + ": " + FromForeignBytes(text.data(), text.size()));
+        LogTrace("Srvc", "vex_core/chunk_cache", line, "ChunkCache", FromForeignBytes(folder) + ": " + FromForeignBytes(text));
 }
 
 std::int64_t SteadyMs()

@@ -329,7 +329,7 @@ bool CDom::Get(const char* key, std::int64_t& value) const
 
 wxString CDom::GetWxString(const char* key) const
 {
-    return TextFromBytes(Get(key));
+    return FromForeignBytes(Get(key));
 }
 
 std::shared_ptr<CDomObject> CDom::GetObject(const char* key) const
@@ -374,7 +374,7 @@ bool CDom::GetSetting(const char* key, std::string& text) const
     std::string path;
     if (!store.Read("app.path.ini", [&path](const DomValue& held) { return TextOf(held, path); }) || path.empty())
         return false;
-    return store.Settings().Find(ToSystemBytes(TextFromBytes(path)), full, text);
+    return store.Settings().Find(ToSystemBytes(FromForeignBytes(path)), full, text);
 }
 
 bool CDom::GetSetting(const char* key, bool& value) const
@@ -413,7 +413,7 @@ wxString CDom::GetPluginWorkdirWx(const wxString& plugin) const
     const std::string work = Get("app.path.work");
     const bool plainName = !plugin.empty() && plugin != wxS(".") && plugin != wxS("..")
                            && plugin.find(wxS('/')) == wxString::npos && plugin.find(wxUniChar(0)) == wxString::npos;
-    wxString path = TextFromBytes(work);
+    wxString path = FromForeignBytes(work);
     if (!path.empty() && path.Last() != wxS('/'))
         path += wxS('/');
     path += wxS("plugins");

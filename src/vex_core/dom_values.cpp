@@ -95,14 +95,6 @@ CDom::EType TypeOfValue(const DomValue& value)
     return types[value.index()];
 }
 
-wxString TextFromBytes(const std::string& bytes)
-{
-    wxString text = wxString::FromUTF8(bytes.data(), bytes.size());
-    if (text.empty() && !bytes.empty())
-        text = wxString(bytes.data(), wxConvISO8859_1, bytes.size());
-    return text;
-}
-
 std::string BytesFromText(const wxString& text)
 {
     const wxScopedCharBuffer bytes = text.utf8_str();

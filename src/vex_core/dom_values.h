@@ -23,8 +23,6 @@ bool BoolOf(const DomValue& from, bool& value);
 bool IntOf(const DomValue& from, std::int64_t& value);
 CDom::EType TypeOfValue(const DomValue& value);
 
-/// UTF-8 in, text out; bytes that are not UTF-8 are taken as Latin-1, so that nothing vanishes.
-wxString TextFromBytes(const std::string& bytes);
 /// UTF-8 of any text; what no UTF-8 exists for (a lone surrogate) becomes U+FFFD.
 std::string BytesFromText(const wxString& text);
 

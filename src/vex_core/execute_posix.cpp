@@ -122,7 +122,7 @@ public:
     {
         if (m_total > m_text.size())
             DropHalfCharacter();
-        return FromForeignBytes(m_text.data(), m_text.size());
+        return FromForeignBytes(m_text);
     }
 
 private:

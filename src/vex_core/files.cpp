@@ -98,8 +98,8 @@ bool SecureFileOrDirectory(const wxString& path, bool recurse)
     if (!securer.Failed())
         return true;
     const std::string& failed = securer.FailedPath();
-    wxLogError(wxS("Can't restrict the access rights of %s (error %d: %s)"), FromForeignBytes(failed.data(), failed.size()),
-               securer.Error(), wxString::FromUTF8(os::ErrorText(securer.Error()).c_str()));
+    wxLogError(wxS("Can't restrict the access rights of %s (error %d: %s)"), FromForeignBytes(failed), securer.Error(),
+               wxString::FromUTF8(os::ErrorText(securer.Error()).c_str()));
     return false;
 }
 

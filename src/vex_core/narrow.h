@@ -2,6 +2,7 @@
 // Text of the framework as the bytes that system calls take, and back.
 
 #include <string>
+#include <string_view>
 
 #include <wx/string.h>
 
@@ -24,6 +25,11 @@ inline wxString FromForeignBytes(const char* data, std::size_t size)
     if (text.empty() && size > 0)
         text = wxString(data, wxConvISO8859_1, size);
     return text;
+}
+
+inline wxString FromForeignBytes(std::string_view bytes)
+{
+    return FromForeignBytes(bytes.data(), bytes.size());
 }
 
 } // namespace VexCore

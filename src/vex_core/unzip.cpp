@@ -130,7 +130,7 @@ private:
 
     bool Ask(const ZipEntry& entry) const
     {
-        const wxString name = FromForeignBytes(entry.name.data(), entry.name.size());
+        const wxString name = FromForeignBytes(entry.name);
         wxZipEntry shown;
         shown.SetName(name, wxPATH_UNIX);
         shown.SetSize(wxFileOffset(entry.size));
@@ -205,8 +205,7 @@ bool Unzip(const wxFileName& archive, const wxFileName& folder, UnzipCallback ca
         reason = "there is not enough memory";
     }
     const std::string shown = EscapeForLog(path);
-    wxLogError("Cannot process the archive \"%s\": %s", FromForeignBytes(shown.data(), shown.size()),
-               FromForeignBytes(reason.data(), reason.size()));
+    wxLogError("Cannot process the archive \"%s\": %s", FromForeignBytes(shown), FromForeignBytes(reason));
     return false;
 }
 

@@ -173,8 +173,7 @@ void CWorker::OnRun()
         m_error = e.what();
     }
     if (!m_error.empty())
-        wxLogError("Worker \"%s\" failed: %s", wxString::FromUTF8(m_module.c_str()),
-                   FromForeignBytes(m_error.data(), m_error.size()));
+        wxLogError("Worker \"%s\" failed: %s", wxString::FromUTF8(m_module.c_str()), FromForeignBytes(m_error));
 }
 
 void CWorker::AnnounceEnd()

@@ -39,7 +39,7 @@ constexpr std::size_t maxKeptBytes = 4096;
 
 wxString Text(std::string_view bytes)
 {
-    return VexCore::FromForeignBytes(bytes.data(), bytes.size());
+    return VexCore::FromForeignBytes(bytes);
 }
 
 int PushText(lua_State* L, const wxString& text)
