@@ -4,6 +4,7 @@
 #include "vex_core/archive_index.h"
 #include "vex_core/hex.h"
 #include "vex_core/narrow.h"
+#include "vex_core/os/file_calls.h"
 #include "vex_core/os/folder_calls.h"
 #include "vex_core/os/status_calls.h"
 
@@ -64,29 +65,6 @@ std::int64_t NowSeconds()
     return std::int64_t(std::time(nullptr));
 }
 
-class Descriptor
-{
-public:
-    explicit Descriptor(int value) : m_value(value) {}
-    ~Descriptor()
-    {
-        if (m_value >= 0)
-            os::Close(m_value);
-    }
-    Descriptor(Descriptor&& other) noexcept : m_value(other.Release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept
-    {
-        std::swap(m_value, other.m_value);
-        return *this;
-    }
-    explicit operator bool() const { return m_value >= 0; }
-    int Get() const { return m_value; }
-    int Release() { return std::exchange(m_value, -1); }
-
-private:
-    int m_value;
-};
-
 /// Ours alone: code that is loaded from there runs with our rights.
 bool IsPrivate(const struct stat& status)
 {
@@ -94,10 +72,10 @@ bool IsPrivate(const struct stat& status)
 }
 
 /// The folder when it may be used; a symbolic link, another's folder or one that others may enter may not.
-Descriptor OpenPrivateFolder(const std::string& folder, bool& missing)
+os::Descriptor OpenPrivateFolder(const std::string& folder, bool& missing)
 {
     missing = false;
-    Descriptor descriptor(os::OpenFolderAt(AT_FDCWD, folder.c_str()));
+    os::Descriptor descriptor(os::OpenFolderAt(AT_FDCWD, folder.c_str()));
     if (!descriptor) {
         missing = errno == ENOENT;
         if (!missing)
@@ -107,7 +85,7 @@ Descriptor OpenPrivateFolder(const std::string& folder, bool& missing)
     struct stat status;
     if (os::FStat(descriptor.Get(), status) != 0 || !IsPrivate(status)) {
         Trace(__LINE__, folder, "not used: it is not ours alone");
-        return Descriptor(-1);
+        return os::Descriptor(-1);
     }
     return descriptor;
 }
@@ -465,13 +443,14 @@ bool ChunkCache::LoadIndex()
     DropFile();
     m_loaded = true;
     bool missing = false;
-    const Descriptor folder = OpenPrivateFolder(m_folder, missing);
+    const os::Descriptor folder = OpenPrivateFolder(m_folder, missing);
     if (!folder) {
         if (!missing)
             m_writable = false;
         return false;
     }
-    Descriptor file(os::OpenAt(folder.Get(), (m_key + fileSuffix).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    os::Descriptor file(
+        os::OpenAt(folder.Get(), (m_key + fileSuffix).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     struct stat status;
     if (!file || os::FStat(file.Get(), status) != 0 || !S_ISREG(status.st_mode) || !IsPrivate(status)
         || std::uint64_t(status.st_size) > maxFileBytes)
@@ -618,7 +597,7 @@ void ChunkCache::WritePending()
 bool ChunkCache::WriteFile(const std::string& bytes)
 {
     bool missing = false;
-    Descriptor folder = OpenPrivateFolder(m_folder, missing);
+    os::Descriptor folder = OpenPrivateFolder(m_folder, missing);
     if (missing && os::MkdirAt(AT_FDCWD, m_folder.c_str(), 0700) == 0)
         folder = OpenPrivateFolder(m_folder, missing);
     if (!folder)
@@ -626,7 +605,7 @@ bool ChunkCache::WriteFile(const std::string& bytes)
     Caches& caches = Caches::Process();
     const std::string temporary = temporaryPrefix + std::to_string(os::ProcessId()) + "-" + std::to_string(SteadyMs()) + "-"
                                   + std::to_string(caches.m_temporary++);
-    Descriptor file(os::OpenAt(folder.Get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
+    os::Descriptor file(os::OpenAt(folder.Get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
     if (!file) {
         Trace(__LINE__, m_folder, "not written: " + os::ErrorText(errno));
         return false;

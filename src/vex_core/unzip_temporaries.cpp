@@ -1,6 +1,7 @@
 // Names of temporary files, the list that leads to them, and the sweep after a run that was killed.
 #include "vex_core/unzip_p.h"
 
+#include "vex_core/os/file_calls.h"
 #include "vex_core/os/folder_calls.h"
 #include "vex_core/zip_names.h"
 
@@ -113,27 +114,6 @@ std::vector<std::string> NamesThatStartWith(int folder, const std::string& prefi
     return std::move(search.names);
 }
 
-/// Closes at the end of a scope.
-class Descriptor
-{
-public:
-    explicit Descriptor(int value)
-        : m_value(value)
-    {
-    }
-    ~Descriptor()
-    {
-        if (m_value >= 0)
-            os::Close(m_value);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return m_value; }
-
-private:
-    int m_value;
-};
-
 [[noreturn]] void FailToCleanUp(const std::string& name, int error)
 {
     throw UnzipFailure("cannot clean up \"" + EscapeForLog(name) + "\" of an earlier run", error);
@@ -244,7 +224,7 @@ void UnzipTemporaries::SweepRun(const std::string& listName)
         return;
     const int root = m_folders.Find("");
     struct stat status;
-    const Descriptor list(os::OpenAt(root, listName.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    const os::Descriptor list(os::OpenAt(root, listName.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (list.Get() < 0) {
         if (errno == ENOENT || errno == ELOOP || errno == EISDIR)
             return; // swept by another process, or not one of ours
