@@ -46,4 +46,11 @@ int Guard(lua_State* L, Body body)
     RaiseText(L, text);
 }
 
+/// A plain function of Lua under the guard, for a table of such functions.
+template <lua_CFunction function>
+int Guarded(lua_State* L)
+{
+    return Guard(L, [L] { return function(L); });
+}
+
 } // namespace SLB3::internal

@@ -1,5 +1,6 @@
 #include "vex_core/lua_db.h"
 
+#include "slb3/error.h"
 #include "vex_core/sqlite_db.h"
 
 #include <cmath>
@@ -15,6 +16,8 @@
 
 namespace VexCore {
 namespace {
+
+using SLB3::internal::Guarded;
 
 constexpr const char* typeName = "vex.db.Database";
 constexpr std::int64_t fullSynchronous = 2;
@@ -320,10 +323,15 @@ int Open(lua_State* L)
     return 1;
 }
 
-const luaL_Reg methods[] = {{"exec", Exec},         {"rows", Rows},    {"transaction", Transaction},
-                            {"last_id", LastId},    {"close", Close},  {"__gc", Collect},
-                            {"__tostring", ToText}, {nullptr, nullptr}};
-const luaL_Reg functions[] = {{"open", Open}, {nullptr, nullptr}};
+const luaL_Reg methods[] = {{"exec", Guarded<Exec>},
+                            {"rows", Guarded<Rows>},
+                            {"transaction", Guarded<Transaction>},
+                            {"last_id", Guarded<LastId>},
+                            {"close", Guarded<Close>},
+                            {"__gc", Guarded<Collect>},
+                            {"__tostring", Guarded<ToText>},
+                            {nullptr, nullptr}};
+const luaL_Reg functions[] = {{"open", Guarded<Open>}, {nullptr, nullptr}};
 
 } // namespace
 

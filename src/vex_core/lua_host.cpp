@@ -1,5 +1,6 @@
 #include "vex_core/lua_host.h"
 
+#include "slb3/error.h"
 #include "vex_core/dom_p.h"
 #include "vex_core/lua_db.h"
 #include "vex_core/os/status_calls.h"
@@ -24,6 +25,8 @@
 
 namespace VexCore {
 namespace {
+
+using SLB3::internal::Guarded;
 
 int Failure(lua_State* L, const char* path, int error)
 {
@@ -145,8 +148,12 @@ int FsIsatty(lua_State* L)
     return 1;
 }
 
-const luaL_Reg fsFunctions[] = {{"list", FsList},   {"stat", FsStat}, {"lstat", FsLstat},
-                                {"mkdir", FsMkdir}, {"cwd", FsCwd},   {"isatty", FsIsatty},
+const luaL_Reg fsFunctions[] = {{"list", Guarded<FsList>},
+                                {"stat", Guarded<FsStat>},
+                                {"lstat", Guarded<FsLstat>},
+                                {"mkdir", Guarded<FsMkdir>},
+                                {"cwd", Guarded<FsCwd>},
+                                {"isatty", Guarded<FsIsatty>},
                                 {nullptr, nullptr}};
 
 // vex.host
@@ -271,15 +278,15 @@ int HostPid(lua_State* L)
     return 1;
 }
 
-const luaL_Reg hostFunctions[] = {{"system", HostSystem},
-                                  {"uptime", HostUptime},
-                                  {"load", HostLoad},
-                                  {"memory", HostMemory},
-                                  {"processors", HostProcessors},
-                                  {"disks", HostDisks},
-                                  {"interfaces", HostInterfaces},
-                                  {"monotonic", HostMonotonic},
-                                  {"pid", HostPid},
+const luaL_Reg hostFunctions[] = {{"system", Guarded<HostSystem>},
+                                  {"uptime", Guarded<HostUptime>},
+                                  {"load", Guarded<HostLoad>},
+                                  {"memory", Guarded<HostMemory>},
+                                  {"processors", Guarded<HostProcessors>},
+                                  {"disks", Guarded<HostDisks>},
+                                  {"interfaces", Guarded<HostInterfaces>},
+                                  {"monotonic", Guarded<HostMonotonic>},
+                                  {"pid", Guarded<HostPid>},
                                   {nullptr, nullptr}};
 
 // vex.settings
@@ -333,8 +340,10 @@ int SettingsInt(lua_State* L)
     return 1;
 }
 
-const luaL_Reg settingsFunctions[] = {
-    {"text", SettingsText}, {"bool", SettingsBool}, {"int", SettingsInt}, {nullptr, nullptr}};
+const luaL_Reg settingsFunctions[] = {{"text", Guarded<SettingsText>},
+                                      {"bool", Guarded<SettingsBool>},
+                                      {"int", Guarded<SettingsInt>},
+                                      {nullptr, nullptr}};
 
 // Registration
 // -------------------------------------------------------------------------------------------------------

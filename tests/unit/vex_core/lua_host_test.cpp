@@ -5,11 +5,13 @@
 #include "vex/core/dom.h"
 
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 
+#include <sys/resource.h>
 #include <sys/statvfs.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -331,4 +333,28 @@ TEST_F(LuaHostTest, ACollectedDatabaseIsClosed)
     EXPECT_EQ(Run("local n = 0 for _, name in ipairs(require('vex.fs').list('/proc/self/fd')) do n = n + 1 "
                   "end return n < 40"),
               "true");
+}
+
+TEST_F(LuaHostTest, AnExceptionOfACallIsAnErrorWithItsText)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers' own memory is over any limit of the address space";
+#else
+    EXPECT_EQ(Run("open, path = require('vex.db').open, string.rep('x', 2^27) collectgarbage()"), "nothing");
+
+    // Room for all but a copy of the path.
+    std::ifstream statm("/proc/self/statm");
+    rlim_t pages = 0;
+    statm >> pages;
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
+    rlimit tight = before;
+    tight.rlim_cur = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (rlim_t(32) << 20);
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
+    const std::string result = Run("local ok, message = pcall(open, path) return tostring(ok) .. ' ' .. type(message) .. ' '"
+                                   " .. tostring(message):sub(1, 100)");
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
+
+    EXPECT_EQ(result, "false string std::bad_alloc");
+#endif
 }
