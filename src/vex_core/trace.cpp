@@ -11,6 +11,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <optional>
 
 namespace VexCore {
 
@@ -45,14 +46,14 @@ bool LogTraceIsEnabled(const char* module)
 void ReloadTraceModules()
 {
     TraceLists& lists = Lists();
+    // Let go of after the lock: this may be the last reference by then, and the end of a root comes back here.
+    std::optional<const RootDom> root;
     // Read under the lock: of two writers the one that comes second sees both writes, so the lists in force are the last.
     const std::lock_guard<std::mutex> lock(lists.lock);
+    root.emplace();
     std::string text;
-    {
-        const RootDom root;
-        if (root)
-            text = root->Get("app.trace") + ',' + root->Get("app.trace+");
-    }
+    if (*root)
+        text = (*root)->Get("app.trace") + ',' + (*root)->Get("app.trace+");
     const TraceModules& modules = lists.byText.try_emplace(text, text).first->second;
     g_modules.store(modules.Empty() ? nullptr : &modules, std::memory_order_release);
 }

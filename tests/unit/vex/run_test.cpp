@@ -362,8 +362,10 @@ TEST_F(Run, SetsTheDispositionsOfTheTable)
         ASSERT_EQ(::sigaction(row.signal, nullptr, &action), 0);
         EXPECT_EQ(action.sa_handler, row.handler) << row.signal;
         EXPECT_EQ(action.sa_flags & (SA_RESTART | SA_SIGINFO | SA_NODEFER | SA_NOCLDSTOP), row.flags) << row.signal;
+#ifndef __SANITIZE_THREAD__ // which puts a handler of its own in front, with everything masked
         for (int other = 1; other < 32; ++other)
             EXPECT_EQ(sigismember(&action.sa_mask, other), 0) << row.signal << " masks " << other;
+#endif
     }
     EXPECT_TRUE(IsBlocked(SIGINT));
     EXPECT_TRUE(IsBlocked(SIGTERM));
