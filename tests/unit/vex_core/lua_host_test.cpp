@@ -1,5 +1,6 @@
 #include "vex_core/lua_db.h"
 #include "vex_core/lua_host.h"
+#include "support/sanitized.h"
 
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
@@ -337,7 +338,7 @@ TEST_F(LuaHostTest, ACollectedDatabaseIsClosed)
 
 TEST_F(LuaHostTest, AnExceptionOfACallIsAnErrorWithItsText)
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef VEX_TEST_SANITIZED
     GTEST_SKIP() << "the sanitizers' own memory is over any limit of the address space";
 #else
     EXPECT_EQ(Run("open, path = require('vex.db').open, string.rep('x', 2^27) collectgarbage()"), "nothing");

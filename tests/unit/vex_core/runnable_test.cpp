@@ -1,4 +1,5 @@
 #include "vex/core/runnable.h"
+#include "support/sanitized.h"
 
 #include "support/log_catcher.h"
 #include "vex/core/dom.h"
@@ -152,7 +153,7 @@ TEST(Runnable, ExceptionInABodyIsLoggedAndEndsOnlyThatThread)
                           "Thread \"TestBody\" ended by an exception of unknown type.\n");
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef VEX_TEST_SANITIZED
 TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
 {
     GTEST_SKIP() << "the sanitizers' own memory is over any limit of the address space";

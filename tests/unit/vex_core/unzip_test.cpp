@@ -2,6 +2,7 @@
 // call and every kind of race leaves behind.
 #include "vex/core/dom.h"
 #include "vex/core/unzip.h"
+#include "support/sanitized.h"
 
 #include "vex_core/os/folder_calls.h"
 
@@ -832,7 +833,7 @@ TEST_F(UnzippingUnderFaults, FolderThatIsReplacedWhileFilesWaitIsNotWrittenInto)
     EXPECT_TRUE(fs::is_empty(m_root + "/lib"));
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef VEX_TEST_SANITIZED
 TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
 {
     ZipBuilder builder;
