@@ -22,7 +22,7 @@ int CAgentApp::RunUnitTests()
     CStandardOutput out;
     // Not cancelled afterwards, on purpose.
     ::alarm(TimeLimitSeconds);
-    // The specification goes in as it is, on purpose: quotes and backslashes in it change the Lua text.
+    // The name or pattern goes in as it is, on purpose: quotes and backslashes in it change the Lua text.
     wxString chunk("vexunit = require('tests.vexunit'); return vexunit(\"");
     chunk += m_unitTestScript;
     chunk += wxString("\");", wxConvLibc);
