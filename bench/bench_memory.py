@@ -68,7 +68,7 @@ def measure(stage, packages, yardstick, plugins):
                 shutil.copy(package, tree)
             arguments += ["--install_plugins", "--extdir", "ext", "--plugins", "network,trend"]
         subprocess.run([tree + "/vx_agent", *arguments], check=True)
-        wait_for(lambda: " Heartbeat 1 " in read(tree + "/work/vx_agent.log"), "the first beat")
+        wait_for(lambda: " Heartbeat 1 " in read(os.path.join(tree, "work", "vx_agent.log")), "the first beat")
         time.sleep(2)
         supervisor = int(read("/run/vx_agent.pid").split()[0])
         child = first_child(supervisor)

@@ -93,7 +93,7 @@ TEST_F(Settings, WithoutOptionsTheDefaultsAreWrittenInTheirOrder)
                                    "Dom.SetWx(\"app.name\", \"vx_agent\")",
                                    "SecureFileOrDirectory(\"" + f + "/work\", false)",
                                    "Dom.SetWx(\"app.path.work\", \"" + f + "/work\")",
-                                   "Dom.SetWx(\"app.path.ini\", \"" + f + "/work/vx_agent.ini\")",
+                                   "Dom.SetWx(\"app.path.ini\", \"" + f + "/" + "work/vx_agent.ini\")",
                                    "Dom.SetWx(\"app.path.ini.global\", \"/etc/vx_agent.conf\")",
                                    "Dom.GetWxString(\"app.path.ini\")", "Dom.GetWxString(\"app.path.ini.global\")",
                                    "Dom.SetWx(\"app.trace+\", \"" + std::string(s_defaultTraces) + "\")",
