@@ -10,8 +10,8 @@ local M = {}
 --- One collection.
 -- @return table with host, system, kernel, architecture, processors, uptime (seconds), load, memory and disks (bytes)
 function M.collect()
-  local system = host.system()
-  local facts = {
+  local system, memory, disks = host.system(), host.memory(), host.disks()
+  return {
     host = system.host,
     system = system.distribution or system.name,
     kernel = system.name and (system.name .. " " .. (system.release or "")) or nil,
@@ -19,10 +19,9 @@ function M.collect()
     processors = host.processors(),
     uptime = host.uptime(),
     load = host.load(),
-    memory = host.memory(),
-    disks = json.array(host.disks()),
+    memory = next(memory) and memory,
+    disks = disks and json.array(disks),
   }
-  return facts
 end
 
 return M

@@ -227,10 +227,12 @@ int HostProcessors(lua_State* L)
 // bytes.
 int HostDisks(lua_State* L)
 {
-    const std::vector<host::Disk> disks = host::Disks();
-    lua_createtable(L, static_cast<int>(disks.size()), 0);
+    const auto disks = host::Disks();
+    if (!disks)
+        return 0;
+    lua_createtable(L, static_cast<int>(disks->size()), 0);
     int index = 0;
-    for (const host::Disk& disk : disks) {
+    for (const host::Disk& disk : *disks) {
         lua_createtable(L, 0, 6);
         SetText(L, "mount", disk.mount);
         SetText(L, "device", disk.device);
@@ -246,18 +248,20 @@ int HostDisks(lua_State* L)
 // interfaces(): array of tables with name and counters since the interface came up.
 int HostInterfaces(lua_State* L)
 {
-    const std::vector<host::Interface> interfaces = host::Interfaces();
-    lua_createtable(L, static_cast<int>(interfaces.size()), 0);
+    const auto interfaces = host::Interfaces();
+    if (!interfaces)
+        return 0;
+    lua_createtable(L, static_cast<int>(interfaces->size()), 0);
     int index = 0;
-    for (const host::Interface& one : interfaces) {
+    for (const host::Interface& one : *interfaces) {
         lua_createtable(L, 0, 7);
         SetText(L, "name", one.name);
-        SetNumber(L, "received_bytes", static_cast<double>(one.receivedBytes));
-        SetNumber(L, "sent_bytes", static_cast<double>(one.sentBytes));
-        SetNumber(L, "received_packets", static_cast<double>(one.receivedPackets));
-        SetNumber(L, "sent_packets", static_cast<double>(one.sentPackets));
-        SetNumber(L, "receive_errors", static_cast<double>(one.receiveErrors));
-        SetNumber(L, "send_errors", static_cast<double>(one.sendErrors));
+        SetNumber(L, "received_bytes", one.receivedBytes);
+        SetNumber(L, "sent_bytes", one.sentBytes);
+        SetNumber(L, "received_packets", one.receivedPackets);
+        SetNumber(L, "sent_packets", one.sentPackets);
+        SetNumber(L, "receive_errors", one.receiveErrors);
+        SetNumber(L, "send_errors", one.sendErrors);
         lua_rawseti(L, -2, ++index);
     }
     return 1;

@@ -38,8 +38,8 @@ struct Disk
 struct Interface
 {
     std::string name;
-    std::uint64_t receivedBytes = 0, receivedPackets = 0, receiveErrors = 0;
-    std::uint64_t sentBytes = 0, sentPackets = 0, sendErrors = 0;
+    std::optional<std::uint64_t> receivedBytes, receivedPackets, receiveErrors;
+    std::optional<std::uint64_t> sentBytes, sentPackets, sendErrors;
 };
 
 // One file a system answers these (lua_host_linux.cpp, lua_host_solaris.cpp). Any thread. Absent: not to be
@@ -50,9 +50,9 @@ std::optional<std::string> Distribution();
 std::optional<double> UptimeSeconds();
 Memory MemoryFacts();
 /// Mounted disks of this host, in the order of the system's table; neither kernel file systems nor the network's.
-std::vector<Disk> Disks();
-/// Network interfaces other than the loopback, sorted by name; empty when the system does not tell.
-std::vector<Interface> Interfaces();
+std::optional<std::vector<Disk>> Disks();
+/// Network interfaces other than the loopback, sorted by name.
+std::optional<std::vector<Interface>> Interfaces();
 
 } // namespace host
 } // namespace VexCore

@@ -88,12 +88,12 @@ Memory MemoryFacts()
     return memory;
 }
 
-std::vector<Disk> Disks()
+std::optional<std::vector<Disk>> Disks()
 {
-    std::vector<Disk> disks;
     FILE* table = setmntent("/proc/self/mounts", "re");
     if (!table)
-        return disks;
+        return std::nullopt;
+    std::vector<Disk> disks;
     std::set<std::string> seen; // a device mounted several times counts once
     mntent entry = {};
     char buffer[8192];
@@ -112,11 +112,13 @@ std::vector<Disk> Disks()
     return disks;
 }
 
-std::vector<Interface> Interfaces()
+std::optional<std::vector<Interface>> Interfaces()
 {
     // The counters that getifaddrs gives are cut to 32 bits, which a busy interface passes in seconds.
-    std::vector<Interface> interfaces;
     std::ifstream file("/proc/net/dev");
+    if (!file)
+        return std::nullopt;
+    std::vector<Interface> interfaces;
     std::string line;
     while (std::getline(file, line)) {
         const std::size_t colon = line.rfind(':');

@@ -123,12 +123,12 @@ Memory MemoryFacts()
     return memory;
 }
 
-std::vector<Disk> Disks()
+std::optional<std::vector<Disk>> Disks()
 {
-    std::vector<Disk> disks;
     FILE* table = std::fopen(MNTTAB, "r");
     if (!table)
-        return disks;
+        return std::nullopt;
+    std::vector<Disk> disks;
     mnttab entry = {};
     while (getmntent(table, &entry) == 0) {
         struct statvfs sizes = {};
@@ -142,15 +142,17 @@ std::vector<Disk> Disks()
     return disks;
 }
 
-std::vector<Interface> Interfaces()
+std::optional<std::vector<Interface>> Interfaces()
 {
-    std::vector<Interface> interfaces;
     const Kstat kernel;
+    if (!kernel.First())
+        return std::nullopt;
+    std::vector<Interface> interfaces;
     for (kstat_t* statistic = kernel.First(); statistic; statistic = statistic->ks_next) {
         if (std::strcmp(statistic->ks_module, "link") != 0 || std::strcmp(statistic->ks_class, "net") != 0 ||
             !kernel.Read(statistic))
             continue;
-        const auto value = [&](const char* name) { return Kstat::Value(statistic, name).value_or(0); };
+        const auto value = [&](const char* name) { return Kstat::Value(statistic, name); };
         interfaces.push_back({statistic->ks_name, value("rbytes64"), value("ipackets64"), value("ierrors"),
                               value("obytes64"), value("opackets64"), value("oerrors")});
     }

@@ -15,21 +15,26 @@ local before -- counters by interface name, and when they were read
 
 -- Bytes a second since the last collection. A counter that went back belongs to an interface that was made anew.
 local function rate(now, last, seconds)
-  if seconds <= 0 or now < last then return nil end
+  if not now or not last or seconds <= 0 or now < last then return nil end
   return (now - last) / seconds
 end
 
+-- A counter that the system does not have is absent from the sum, too: half of the errors is no figure.
+local function sum(a, b) return a and b and a + b end
+
 function M.collect()
+  local interfaces = host.interfaces()
+  if not interfaces then return {} end
   local taken = { at = host.monotonic(), counters = {} }
   local list = json.array()
-  for index, interface in ipairs(host.interfaces()) do
+  for index, interface in ipairs(interfaces) do
     local last = before and before.counters[interface.name]
     taken.counters[interface.name] = interface
     list[index] = {
       name = interface.name,
       received = interface.received_bytes,
       sent = interface.sent_bytes,
-      errors = interface.receive_errors + interface.send_errors,
+      errors = sum(interface.receive_errors, interface.send_errors),
     }
     if last then
       local seconds = taken.at - before.at

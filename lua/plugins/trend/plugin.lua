@@ -24,7 +24,7 @@ function M.start(dom)
 end
 
 local function disk_of(path)
-  for _, disk in ipairs(host.disks()) do
+  for _, disk in ipairs(host.disks() or {}) do
     if disk.mount == path then return disk.available end
   end
 end
@@ -39,7 +39,8 @@ end
 
 function M.collect(dom)
   local now = sample(dom)
-  assert(store:add(now, now.time_ms - settings.int("trend.KeepDays", 7) * day_ms))
+  local keep_days = math.max(1, settings.int("trend.KeepDays", 7))
+  assert(store:add(now, now.time_ms - keep_days * day_ms))
   local last_day = assert(store:since(now.time_ms - day_ms))
   local values = { samples = #last_day }
   for _, figure in ipairs(figures) do values[figure] = statistics.summary(last_day, figure) end

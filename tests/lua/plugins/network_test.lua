@@ -40,4 +40,13 @@ function M.TestNetwork:test_a_host_without_interfaces_has_an_empty_list()
   lu.assertEquals(plugin.collect(), { interfaces = {} })
 end
 
+function M.TestNetwork:test_what_the_system_does_not_tell_is_absent()
+  self.list = { { name = "eth2", received_bytes = 5, receive_errors = 1 } }
+  plugin.collect()
+  self.clock, self.list = 110, { { name = "eth2", received_bytes = 15, receive_errors = 1 } }
+  lu.assertEquals(plugin.collect(), { interfaces = { { name = "eth2", received = 15, received_per_second = 1 } } })
+  self.list = nil
+  lu.assertEquals(plugin.collect(), {})
+end
+
 return M

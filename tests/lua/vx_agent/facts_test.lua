@@ -24,6 +24,11 @@ function M.TestFacts:test_a_fact_that_cannot_be_had_is_absent()
   lu.assertNil(collected.memory.available)
   lu.assertNil(collected.kernel)
   lu.assertNil(collected.host)
+  host.memory = function() return {} end
+  host.disks = function() end
+  collected = facts.collect()
+  lu.assertNil(collected.memory)
+  lu.assertNil(collected.disks)
   lu.assertNil(json.encode(collected):find('"load"', 1, true))
 end
 

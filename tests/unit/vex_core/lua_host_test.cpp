@@ -2,17 +2,17 @@
 #include "vex_core/lua_host.h"
 #include "support/sanitized.h"
 
+#include "support/address_limit.h"
+#include "support/dom_ptr.h"
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 
-#include <sys/resource.h>
 #include <sys/statvfs.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -60,11 +60,6 @@ protected:
     };
     ::Test::TempFolder m_folder;
     std::unique_ptr<lua_State, Closer> m_state;
-};
-
-struct Releaser
-{
-    void operator()(CDom* dom) const { dom->Release(); }
 };
 
 } // namespace
@@ -145,7 +140,9 @@ TEST_F(LuaHostTest, FactsOfThisHostArePlausible)
 
 TEST_F(LuaHostTest, ADisksFiguresAreThoseOfItsFileSystem)
 {
-    for (const host::Disk& disk : host::Disks()) {
+    const auto disks = host::Disks();
+    ASSERT_TRUE(disks);
+    for (const host::Disk& disk : *disks) {
         struct statvfs sizes = {};
         ASSERT_EQ(statvfs(disk.mount.c_str(), &sizes), 0) << disk.mount;
         EXPECT_EQ(disk.totalBytes, sizes.f_blocks * sizes.f_frsize) << disk.mount;
@@ -167,7 +164,9 @@ TEST_F(LuaHostTest, TheDistributionIsCalledAsAShellReadsItsReleaseFile)
 
 TEST_F(LuaHostTest, TheLoopbackIsNoInterface)
 {
-    for (const host::Interface& one : host::Interfaces()) {
+    const auto interfaces = host::Interfaces();
+    ASSERT_TRUE(interfaces);
+    for (const host::Interface& one : *interfaces) {
         EXPECT_NE(one.name, "lo");
         EXPECT_EQ(one.name.find_first_of(": "), std::string::npos) << one.name;
     }
@@ -186,7 +185,7 @@ TEST_F(LuaHostTest, TheMonotonicClockRuns)
 
 TEST_F(LuaHostTest, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
 {
-    const std::unique_ptr<CDom, Releaser> dom(CDom::New(nullptr, nullptr, nullptr, false));
+    const ::Test::DomPtr dom = ::Test::NewRoot();
     ::Test::WriteFile(m_folder / "a.ini", "[settings]\nvex.One=11\nvex.Two=22\nvex.Flag=yes\nvex.Text=abc\n");
     dom->Set("app.path.ini", m_folder.Path() + "/a.ini");
     dom->SetWx("vex.One", std::int64_t{7});
@@ -201,7 +200,7 @@ TEST_F(LuaHostTest, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
 
 TEST_F(LuaHostTest, AnIntegerBeyondWhatLuaHoldsIsAnError)
 {
-    const std::unique_ptr<CDom, Releaser> dom(CDom::New(nullptr, nullptr, nullptr, false));
+    const ::Test::DomPtr dom = ::Test::NewRoot();
     dom->SetWx("vex.Huge", (std::int64_t{1} << 53) + 1);
     EXPECT_NE(Run("return require('vex.settings').int('vex.Huge')").find("beyond 2^53"), std::string::npos);
 }
@@ -343,19 +342,9 @@ TEST_F(LuaHostTest, AnExceptionOfACallIsAnErrorWithItsText)
 #else
     EXPECT_EQ(Run("open, path = require('vex.db').open, string.rep('x', 2^27) collectgarbage()"), "nothing");
 
-    // Room for all but a copy of the path.
-    std::ifstream statm("/proc/self/statm");
-    rlim_t pages = 0;
-    statm >> pages;
-    rlimit before = {};
-    ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
-    rlimit tight = before;
-    tight.rlim_cur = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (rlim_t(32) << 20);
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
+    const ::Test::AddressLimit allButTheCopy(std::size_t(32) << 20);
     const std::string result = Run("local ok, message = pcall(open, path) return tostring(ok) .. ' ' .. type(message) .. ' '"
                                    " .. tostring(message):sub(1, 100)");
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
-
     EXPECT_EQ(result, "false string std::bad_alloc");
 #endif
 }

@@ -1,0 +1,67 @@
+"""Facts about the host where the system does not tell them, as in a jail without /proc: they are absent, and nothing is zero instead."""
+import json
+import os
+import sqlite3
+
+import pytest
+
+from test_bundled_application import install
+
+
+def run_without_proc(tree, *arguments, **options):
+    """A run with an empty folder over /proc, where the system's loader does not know any more where the executable lies."""
+    hide = ["unshare", "--mount", "sh", "-c", 'mount -t tmpfs none /proc && exec "$@"', "sh"]
+    return tree.run(*arguments, prefix=hide, env={"LD_LIBRARY_PATH": tree.path + "/lib"}, **options)
+
+
+@pytest.mark.sandbox
+def test_what_the_system_hides_is_absent(tree):
+    arguments = install(tree, "Network", "Trend")
+    shown = json.loads(tree.run(*arguments, "--", "--json").out)
+    result = run_without_proc(tree, *arguments, "--", "--json")
+    assert (result.status, result.err) == (0, "")
+    hidden = json.loads(result.out)
+    assert set(shown) - set(hidden) == {"disks"}
+    assert set(shown["memory"]) - set(hidden["memory"]) == {"available"}
+    for fact in ("host", "system", "kernel", "architecture", "processors"):
+        assert hidden[fact] == shown[fact]
+    network, trend = (plugin["values"] for plugin in hidden["plugins"])
+    assert network == {}
+    # What is not known in this sample does not count in the figures of the day.
+    assert trend["samples"] == 2
+    assert trend["memory_available"] == shown["plugins"][1]["values"]["memory_available"]
+    database = sqlite3.connect(tree.work + "/plugins/trend/samples.db")
+    assert database.execute("SELECT memory_available, disk_available FROM sample ORDER BY id DESC LIMIT 1").fetchone() \
+        == (None, None)
+    database.close()
+
+
+@pytest.mark.sandbox
+def test_the_table_has_no_line_for_what_is_hidden(tree):
+    result = run_without_proc(tree)
+    assert result.status == 0, result.err
+    rows = dict(line.split(None, 1) for line in result.out.splitlines())
+    assert "Host" in rows and "Disks" not in rows
+    assert rows["Memory"].endswith(" free")
+
+
+@pytest.mark.sandbox
+def test_a_beat_without_the_facts_is_a_row_without_them(tree):
+    tree.app("probe", """
+return { main = function()
+  local worker = dom0:StartThread("vx_agent.heartbeat")
+  for _ = 1, 100 do
+    local file = io.open(dom0:Get("app.path.work") .. "/probe.log")
+    if file and file:read("*a"):find("Heartbeat 1 ", 1, true) then break end
+    dom0:Wait("never", 0.1)
+  end
+  worker:Stop()
+  worker:Join()
+  return 0
+end }""")
+    result = run_without_proc(tree, "--zippath", "vex_core/vx_agent.vxe", name="probe")
+    assert result.status == 0, result.err
+    database = sqlite3.connect(os.path.join(tree.work, "plugins", "vx_agent", "heartbeat.db"))
+    assert database.execute("SELECT memory_available FROM heartbeat").fetchall() == [(None,)]
+    database.close()
+    assert "Heartbeat 1 (start): up " in result.log and "memory" not in result.log.partition("Heartbeat 1 (start)")[2].splitlines()[0]
