@@ -1,7 +1,9 @@
 --- JSON texts: encode and decode.
 --
 -- An array is a table with the keys 1..n and no others; an empty table is an object unless `array` marked it. `null`
--- stands for JSON's null, both ways.
+-- stands for JSON's null, both ways. A byte of a text that is not UTF-8 becomes U+FFFD: JSON has no other texts.
+
+local text_tools = require("vex.text")
 
 local M = {}
 
@@ -24,7 +26,10 @@ local function escape(character)
   return escapes[character] or ("\\u%04x"):format(character:byte())
 end
 
-local function quote(text) return '"' .. text:gsub('[%c"\\\127]', escape) .. '"' end
+-- Not %c, here and below: what that is beyond ASCII depends on the locale.
+local function quote(text)
+  return '"' .. text_tools.utf8(text, "\239\191\189"):gsub('[%z\1-\31"\\\127]', escape) .. '"'
+end
 
 local function encode_number(number)
   if number ~= number or number == math.huge or number == -math.huge then
@@ -137,15 +142,12 @@ end
 local function decode_text(text, position)
   local parts = {}
   while true do
-    local stop = text:find('[%c"\\]', position)
+    local stop = text:find('[%z\1-\31"\\]', position)
     if not stop then fail(position, "a text without its end") end
     parts[#parts + 1] = text:sub(position, stop - 1)
     local character = text:sub(stop, stop)
     if character == '"' then return table.concat(parts), stop + 1 end
-    if character == "\127" then
-      parts[#parts + 1] = character
-      position = stop + 1
-    elseif character ~= "\\" then
+    if character ~= "\\" then
       fail(stop, "a control character in a text")
     else
       local letter = text:sub(stop + 1, stop + 1)

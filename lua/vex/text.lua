@@ -28,6 +28,32 @@ function M.pad(text, width, right_aligned)
   return right_aligned and blanks .. text or text .. blanks
 end
 
+-- The forms of a character of UTF-8: no overlong ones, no halves of surrogate pairs, nothing above U+10FFFF.
+local characters = {
+  "^[%z\1-\127]+", "^[\194-\223][\128-\191]", "^\224[\160-\191][\128-\191]",
+  "^[\225-\236\238\239][\128-\191][\128-\191]", "^\237[\128-\159][\128-\191]", "^\240[\144-\191][\128-\191][\128-\191]",
+  "^[\241-\243][\128-\191][\128-\191][\128-\191]", "^\244[\128-\143][\128-\191][\128-\191]",
+}
+
+local function end_of_character(text, index)
+  for _, form in ipairs(characters) do
+    local _, stop = text:find(form, index)
+    if stop then return stop end
+  end
+end
+
+--- The text with a replacement in place of each byte that is not part of UTF-8.
+function M.utf8(text, replacement)
+  if not text:find("[\128-\255]") then return text end
+  local parts, index = {}, 1
+  while index <= #text do
+    local stop = end_of_character(text, index)
+    parts[#parts + 1] = stop and text:sub(index, stop) or replacement
+    index = (stop or index) + 1
+  end
+  return table.concat(parts)
+end
+
 local units = { "KiB", "MiB", "GiB", "TiB", "PiB", "EiB" }
 
 --- A number of bytes for people: 512 B, 1.5 KiB, 20 GiB.

@@ -2,6 +2,7 @@
 
 local report_text = require("tests.vexunit.report_text")
 local summary = require("tests.vexunit.summary")
+local text_tools = require("vex.text")
 
 local M = {}
 M.__index = M
@@ -9,36 +10,10 @@ M.__index = M
 -- Markup is escaped; what XML 1.0 cannot hold, control characters and bytes that are not UTF-8, becomes "?".
 local escapes = { ["&"] = "&amp;", ["<"] = "&lt;", [">"] = "&gt;", ['"'] = "&quot;", ["\n"] = "&#10;", ["\t"] = "&#9;" }
 
-local function valid_utf8(text)
-  local parts, index = {}, 1
-  while index <= #text do
-    local from, to = text:find("^[\1-\127]+", index)
-    if not from then from, to = text:find("^[\194-\223][\128-\191]", index) end
-    if not from then from, to = text:find("^\224[\160-\191][\128-\191]", index) end
-    if not from then from, to = text:find("^[\225-\236\238][\128-\191][\128-\191]", index) end
-    if not from then from, to = text:find("^\237[\128-\159][\128-\191]", index) end
-    if not from then
-      from, to = text:find("^\239[\128-\191][\128-\191]", index)
-      local character = from and text:sub(from, to)
-      if character == "\239\191\190" or character == "\239\191\191" then from = nil end -- U+FFFE and U+FFFF
-    end
-    if not from then from, to = text:find("^\240[\144-\191][\128-\191][\128-\191]", index) end
-    if not from then from, to = text:find("^[\241-\243][\128-\191][\128-\191][\128-\191]", index) end
-    if not from then from, to = text:find("^\244[\128-\143][\128-\191][\128-\191]", index) end
-    if from then
-      parts[#parts + 1] = text:sub(from, to)
-      index = to + 1
-    else
-      parts[#parts + 1] = "?"
-      index = index + 1
-    end
-  end
-  return table.concat(parts)
-end
-
 --- A text as the value of an attribute or as character data.
 function M.escape(text)
-  return (valid_utf8(text):gsub("[%z\1-\8\11-\31\127]", "?"):gsub('[&<>"\n\t]', escapes))
+  local valid = text_tools.utf8(text, "?"):gsub("\239\191[\190\191]", "?") -- U+FFFE and U+FFFF
+  return (valid:gsub("[%z\1-\8\11-\31\127]", "?"):gsub('[&<>"\n\t]', escapes))
 end
 
 local escape = M.escape

@@ -49,6 +49,10 @@ function M.TestEncode:test_control_characters_and_quotes_are_escaped()
   lu.assertEquals(json.encode('a"b\\c\n\1\127'), [["a\"b\\c\n\u0001\u007f"]])
 end
 
+function M.TestEncode:test_bytes_that_are_not_utf8_are_replaced()
+  lu.assertEquals(json.encode({ ["k\255"] = "/mnt/caf\233 é" }), '{"k\239\191\189":"/mnt/caf\239\191\189 é"}')
+end
+
 function M.TestEncode:test_indentation()
   lu.assertEquals(json.encode({ a = { 1, 2 }, b = {} }, "  "), '{\n  "a": [\n    1,\n    2\n  ],\n  "b": {}\n}')
 end

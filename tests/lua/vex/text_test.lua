@@ -20,6 +20,18 @@ function M.TestText:test_pad_counts_characters_not_bytes()
   lu.assertEquals(text.pad("long", 2), "long")
 end
 
+function M.TestText:test_utf8_keeps_characters_and_replaces_other_bytes()
+  local goods = { "", "a\0b", "é", "€", "\239\191\189", "\237\159\191", "\240\144\128\128", "\244\143\191\191" }
+  for _, good in ipairs(goods) do
+    lu.assertEquals(text.utf8(good .. "x" .. good, "?"), good .. "x" .. good)
+  end
+  lu.assertEquals(text.utf8("caf\233 \195", "?"), "caf? ?")
+  lu.assertEquals(text.utf8("\192\128", "?"), "??") -- overlong
+  lu.assertEquals(text.utf8("\224\159\191", "."), "...") -- overlong
+  lu.assertEquals(text.utf8("\237\160\128", "."), "...") -- half of a pair
+  lu.assertEquals(text.utf8("\244\144\128\128", "."), "....") -- above the last
+end
+
 function M.TestText:test_bytes()
   local table_of = {
     [0] = "0 B", [1023] = "1023 B", [1024] = "1.0 KiB", [1536] = "1.5 KiB", [10 * 1024] = "10 KiB",
