@@ -6,17 +6,18 @@
 
 local json = require("vex.json")
 local plugins = require("vx_agent.plugins")
-local settings = require("vex.settings")
+local positive = require("vx_agent.positive")
 local log = require("vex.log")("vx_agent.collector")
 
 local M = {}
 
 local default_interval = 300
+local setting = positive(log)
 
 local function interval_of(plugin)
-  local seconds = type(plugin.interval) == "number" and plugin.interval
-    or settings.int("vex.CollectInterval", default_interval)
-  return seconds >= 1 and seconds or default_interval
+  local seconds = plugin.interval
+  if type(seconds) == "number" and seconds >= 1 then return seconds end
+  return setting("vex.CollectInterval", default_interval)
 end
 
 --- One collection into the domain.
@@ -44,9 +45,11 @@ function M.run(argument)
   end
   local entry = { id = argument.plugin, plugin = plugin }
   if not plugins.call(entry, "start", dom0) then return end
-  repeat
+  local wait_seconds = 0 -- from the first wait on no request is missed, whatever a collection takes
+  while dom0:Wait("vex.CollectNow", wait_seconds) ~= nil do
     M.collect(entry, dom0)
-  until dom0:Wait("vex.CollectNow", interval_of(plugin)) == nil
+    wait_seconds = interval_of(plugin)
+  end
   plugins.call(entry, "stop", dom0)
 end
 

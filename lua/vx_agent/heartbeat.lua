@@ -5,7 +5,7 @@
 
 local history = require("vx_agent.history")
 local host = require("vex.host")
-local settings = require("vex.settings")
+local positive = require("vx_agent.positive")
 local text = require("vex.text")
 local log = require("vex.log")("vex.Heartbeat")
 
@@ -14,17 +14,6 @@ M.__index = M
 
 local request_key = "vex.HeartbeatNow"
 local defaults = { interval = 60, days = 30, rows = 50000 }
-
--- A setting that must be at least 1; anything else is told once and the default taken.
-function M:positive(key, default)
-  local value = settings.int(key, default)
-  if value >= 1 then return value end
-  if not self.told[key] then
-    self.told[key] = true
-    log.warning("The setting '%s' is %d and must be at least 1; %d is taken", key, value, default)
-  end
-  return default
-end
 
 -- The database, opened when it is first needed and again after a failure.
 function M:open_history()
@@ -40,8 +29,8 @@ function M:store(beat)
   if not opened then return nil, message end
   local id
   id, message = opened:add(beat, {
-    days = self:positive("vex.HeartbeatKeepDays", defaults.days),
-    rows = self:positive("vex.HeartbeatKeepRows", defaults.rows),
+    days = self.setting("vex.HeartbeatKeepDays", defaults.days),
+    rows = self.setting("vex.HeartbeatKeepRows", defaults.rows),
   })
   if id then return id end
   opened:close()
@@ -84,7 +73,7 @@ end
 
 -- Sleeps until a beat is due. Its reason, or nil when the worker is to end.
 function M:wait_for_beat()
-  local deadline = host.monotonic() + self:positive("vex.HeartbeatInterval", defaults.interval)
+  local deadline = host.monotonic() + self.setting("vex.HeartbeatInterval", defaults.interval)
   while true do
     if self:take_request() then return "request" end
     local left = deadline - host.monotonic()
@@ -97,7 +86,7 @@ end
 --- Makes the worker's object.
 -- @param dom the domain
 function M.new(dom)
-  return setmetatable({ dom = dom, folder = dom:PluginWorkdir("vx_agent"), told = {} }, M)
+  return setmetatable({ dom = dom, folder = dom:PluginWorkdir("vx_agent"), setting = positive(log) }, M)
 end
 
 --- The worker's body: beats until the agent stops.

@@ -26,14 +26,14 @@ end
 function M.TestCollector:tearDown() package.loaded["probe.plugin"] = nil end
 
 function M.TestCollector:test_it_starts_collects_at_once_and_again_and_stops_with_the_agent()
-  dom0.waits = { false, true, "end" }
+  dom0.waits = { false, false, true, "end" }
   collector.run({ plugin = "probe" })
   lu.assertEquals(table.concat(calls, " "), "start collect collect collect stop")
-  lu.assertEquals(dom0.waited[1], { key = "vex.CollectNow", seconds = 12 })
+  lu.assertEquals(dom0.waited[2], { key = "vex.CollectNow", seconds = 12 })
 end
 
 function M.TestCollector:test_the_latest_values_lie_in_the_domain()
-  dom0.waits = { "end" }
+  dom0.waits = { false, "end" }
   collector.run({ plugin = "probe" })
   lu.assertEquals(json.decode(dom0:Get("vex.plugin.probe.values")), { count = 2 })
   lu.assertEquals(dom0:Get("vex.plugin.probe.time"), "1000000")
@@ -46,7 +46,7 @@ function M.TestCollector:test_a_collection_that_fails_is_a_warning_and_the_next_
     plugin.collect = good
     error("once")
   end
-  dom0.waits = { false, "end" }
+  dom0.waits = { false, false, "end" }
   collector.run({ plugin = "probe" })
   lu.assertStrContains(dom0:log(), "warning: Plugin 'probe' failed in collect: ")
   lu.assertNotNil(dom0:Get("vex.plugin.probe.values"))
@@ -54,7 +54,7 @@ end
 
 function M.TestCollector:test_values_that_cannot_be_kept_are_a_warning()
   require("probe.plugin").collect = function() return { print } end
-  dom0.waits = { "end" }
+  dom0.waits = { false, "end" }
   collector.run({ plugin = "probe" })
   lu.assertStrContains(dom0:log(), "collected what cannot be kept")
 end
@@ -64,6 +64,14 @@ function M.TestCollector:test_a_plugin_that_cannot_start_is_neither_asked_nor_st
   collector.run({ plugin = "probe" })
   lu.assertEquals(calls, {})
   lu.assertStrContains(dom0:log(), "failed in start")
+end
+
+function M.TestCollector:test_it_asks_for_requests_before_the_first_collection_so_that_none_is_missed()
+  require("probe.plugin").collect = function() calls[#calls + 1] = #dom0.waited end
+  dom0.waits = { false, "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertEquals(calls, { "start", 1, "stop" })
+  lu.assertEquals(dom0.waited[1], { key = "vex.CollectNow", seconds = 0 })
 end
 
 function M.TestCollector:test_a_plugin_that_is_gone_is_a_warning()
