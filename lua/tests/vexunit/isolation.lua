@@ -2,10 +2,11 @@
 --
 -- A script runs with the real globals, so that `require`, `dom0`, `arg` and the modules that it loads behave as they
 -- do in the application. What it changed is put back after it: globals, the standard libraries' tables, the table of
--- loaded modules and the metatables of the globals and of texts.
+-- loaded modules, the metatables of the globals and of texts, and the files that io.read and io.write work on.
 
 local M = {}
 
+local input, output = io.input, io.output
 local debug_getmetatable, debug_setmetatable = debug.getmetatable, debug.setmetatable
 
 local function copy(source)
@@ -40,7 +41,10 @@ function M.snapshot()
   local globals, globals_meta = _G, debug_getmetatable(_G)
   local text_meta = debug_getmetatable("")
   local text_content = text_meta and copy(text_meta)
+  local input_file, output_file = input(), output()
   return function()
+    pcall(input, input_file) -- an error when somebody has closed it
+    pcall(output, output_file)
     debug_setmetatable(globals, globals_meta)
     debug_setmetatable("", text_meta)
     if text_meta then restore_table(text_meta, text_content) end

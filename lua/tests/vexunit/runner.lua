@@ -14,13 +14,13 @@ local scripts = require("tests.vexunit.scripts")
 local M = {}
 
 -- What a script might replace and we still need afterwards.
-local write, stderr = io.write, io.stderr
+local stdout, stderr = io.stdout, io.stderr
 local random, randomseed, time = math.random, math.randomseed, os.time
 
 --- Where a run writes to when nothing else is asked for.
 function M.standard_console()
   return {
-    write = function(text) write(text) end,
+    write = function(text) stdout:write(text) end,
     complain = function(text) stderr:write(text, "\n") end,
     terminal = fs.isatty(1),
     clock = host.monotonic,

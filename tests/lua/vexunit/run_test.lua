@@ -182,6 +182,21 @@ return { test_b = function() assert(print and string.format and package.path ~= 
   lu.assertIs(string.format, before_format)
 end
 
+function M.TestIsolation:test_the_files_that_a_script_reads_and_writes_by_default_are_put_back()
+  local before_input, before_output = io.input(), io.output()
+  script("a.lua", ([[
+io.output(%q)
+io.input(io.open(%q))
+return { test_a = function() io.write("into the file") end }]]):format(folder .. "/out", folder .. "/a.lua"))
+  local status, out = run("*.lua")
+  local input, output = io.input(), io.output()
+  io.input(before_input)
+  io.output(before_output)
+  lu.assertEquals(status, 0, out)
+  lu.assertIs(input, before_input)
+  lu.assertIs(output, before_output)
+end
+
 function M.TestIsolation:test_modules_that_a_script_loads_are_unloaded_after_it()
   temp.write(folder, "lib/counted.lua", "return { count = 0 }")
   local body = ([[
