@@ -173,6 +173,12 @@ def main():
     parser.add_argument("--stop", action="store_true", help="stop at the first step that fails")
     parser.add_argument("--only", metavar="TEXT", action="append", help="only the steps whose name contains TEXT")
     arguments = parser.parse_args()
+    names = [step.name for item in steps(arguments.full) for step in (item if isinstance(item, list) else [item])]
+    for text in arguments.only or ():
+        if not any(text in name for name in names):
+            parser.error(f"no step's name contains '{text}'; the steps are: " + ", ".join(names))
+    if subprocess.run(["tools/setup"], cwd=ROOT, check=False).returncode != 0:
+        return 1
 
     os.makedirs(OUT, exist_ok=True)
     colour = sys.stdout.isatty()
