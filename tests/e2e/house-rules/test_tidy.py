@@ -65,6 +65,9 @@ BREACHES = [
     ("tests/e2e/a/test_a.py", "A = 1\n", 1, "a test file without a test"),
     ("tests/lua/a_test.lua", "return {}\n", 1, "a test file without a test"),
     ("tests/fuzz/a_fuzz.cpp", "LLVMFuzzerTestOneInput\n", 1, "no seeds in tests/fuzz/corpus/a/"),
+    ("docs/a.md", "one\n[two](b.md)\n", 2, "a link to b.md, which is not there"),
+    ("docs/a.md", "# One\n\n[two](#two)\n", 3, "a link to #two, whose heading is not there"),
+    ("docs/a.md", "see `tools/none` for it\n", 1, "it names tools/none, which is not there"),
 ]
 
 
@@ -86,6 +89,8 @@ ALLOWED = [
     ("src/vex/apps/vexctl/a.cpp", '#include "vex/apps/vex/version.h"\n'),
     ("tests/fuzz/corpus/a/seed", f"{OPEN_END} \0 "),
     ("docs/a.md", "the folder is <app.path.work>/wo" + "rk/cache\n"),
+    ("docs/a.md", "# One: the `first`\n[one](#one-the-first), [itself](a.md#one-the-first), [all](../docs), [web](https://a.b/c)\n"),
+    ("docs/a.md", "this is docs/a.md, one of docs/*.md\n"),
 ]
 
 
@@ -116,6 +121,37 @@ def test_a_shell_script_that_cannot_be_read_is_a_breach(tree, script):
 
 def test_a_shell_script_that_cannot_be_run_is_a_breach(tree):
     assert tidy(tree({"run": "#!/bin/sh\ntrue\n"})) == (1, "run:1: a script that cannot be run\n")
+
+
+SETTINGS = "| key | writer | default | meaning |\n|---|---|---|---|\n"
+
+
+def test_settings_of_code_and_documents_are_the_same(tree):
+    root = tree({"docs/settings/a.md": SETTINGS + "| app.one | x | none | y |\n| app.gone | x | none | y |\n",
+                 "src/vex_core/a.cpp": 'Get("app.one");\nGet("app.two"); // "app.gone"\n',
+                 "lua/vex/a.lua": 'return require("vex.log")("vex.Trace"), require("vex.settings").int("vex.Three", 1)\n'})
+    code, output = tidy(root)
+    assert code == 1
+    assert output.splitlines() == ["docs/settings/a.md:4: nothing in the code knows the setting app.gone",
+                                   "lua/vex/a.lua:1: the setting vex.Three has no row in docs/settings",
+                                   "src/vex_core/a.cpp:2: the setting app.two has no row in docs/settings"]
+
+
+def test_a_documented_default_is_the_codes(tree):
+    files = {"docs/settings/a.md": SETTINGS + "| app.log.count | x | 6 | y |\n| app.log.size | x | 8192 | y |\n"
+                                              "| app.new | x | 3 | y |\n",
+             "src/vex_core/disk_log.h": "#pragma once\nint keep = 5;\nlong maxBytes = 8 * 1024;\n",
+             "src/vex_core/a.cpp": 'Get("app.log.count", "app.log.size", "app.new");\n'}
+    code, output = tidy(tree(files))
+    assert code == 1
+    assert output.splitlines() == ["docs/settings/a.md:3: the default of app.log.count is 5",
+                                   "docs/settings/a.md:5: where does the code have the default of app.new? "
+                                   "Add it to DEFAULTS in tools/tidy"]
+
+
+def test_a_package_without_a_reason_is_a_breach(tree):
+    root = tree({"tools/packages.txt": "# build\ng++\ncmake\n", "docs/DEPENDENCIES.md": "`g++` compiles\n"})
+    assert tidy(root) == (1, "tools/packages.txt:3: docs/DEPENDENCIES.md does not say why cmake is needed\n")
 
 
 @pytest.mark.skipif(not shutil.which("luacheck"), reason="luacheck is not installed")
