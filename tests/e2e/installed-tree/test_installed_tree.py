@@ -1,11 +1,12 @@
 """The staged tree is what the README promises, needs no GUI library, and works from wherever it lies."""
 import os
+import shlex
 import shutil
 import subprocess
 
 import pytest
 
-from conftest import STAGE
+from conftest import ROOT, STAGE
 
 APP = """
 local M = {}
@@ -101,3 +102,15 @@ def test_the_bundled_application_reports_on_this_host(tree):
     assert result.err == ""
     assert os.uname().nodename in result.out
     assert "VEX 10.0.0.4015 starting." in result.log
+
+
+def test_the_readmes_first_application_runs_as_it_stands(tmp_path):
+    with open(os.path.join(ROOT, "README.md"), encoding="utf-8") as file:
+        block = next(part for part in file.read().split("\n\n") if "cp -r build/stage" in part)
+    script = "\n".join(line[4:] for line in block.splitlines())
+    assert script.count("/tmp/hello") == 2 and script.count("build/stage") == 1
+    script = script.replace("/tmp/hello", "hello").replace("build/stage", shlex.quote(STAGE))
+    result = subprocess.run(["bash", "-e", "-c", script], cwd=tmp_path, capture_output=True, text=True, timeout=60, check=False)
+    assert (result.returncode, result.stderr) == (0, "")
+    assert result.stdout == "init of hello\nmain, called with\tworld\n"
+    assert "that was it" in (tmp_path / "hello/work/hello.log").read_text()

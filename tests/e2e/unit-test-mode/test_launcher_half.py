@@ -1,7 +1,10 @@
 """What the launcher itself does in unit-test mode: the call of the runner, its status, the time limit, and shutdown."""
+import os
 import shutil
 
 import pytest
+
+from conftest import alive, wait_until
 
 # An application and a runner that show what they are given.
 APP = """
@@ -114,8 +117,7 @@ def test_the_background_runs_main_and_no_test(tree):
     tree.app("probe", f"return {{ main = function() io.open([[{marker}]], 'w'):write('main'):close() return 7 end }}")
     tree.file("override/tests/vexunit.lua", f"return function() io.open([[{marker}]], 'w'):write('test'):close() return 0 end")
     tree.run("--background", "--lua_path", tree.path + "/override/?.lua", "--unittest", "*", name="probe")
-    from conftest import alive, wait_until
-    wait_until(lambda: shutil.os.path.exists(marker) and open(marker).read(), what="the run")
+    wait_until(lambda: os.path.exists(marker) and open(marker).read(), what="the run")
     supervisor = tree.pid_file("probe")
     if supervisor:
         wait_until(lambda: not alive(supervisor), what="end of the supervisor")

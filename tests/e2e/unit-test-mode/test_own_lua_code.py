@@ -3,6 +3,7 @@ import glob
 import os
 import re
 import shlex
+import subprocess
 
 import pytest
 
@@ -57,3 +58,25 @@ def test_the_guides_commands_run_as_they_stand(tree):
         assert words[0] == "vx_agent"
         result = tree.run(*words[1:], cwd=ROOT)
         assert result.status == 0, command + result.out + result.err
+
+
+def test_the_guides_package_installs(tree, tmp_path):
+    commands = re.findall(r"<!-- packs -->\n```sh\n(.*?)```", guide(), re.S)
+    assert len(commands) == 1
+    script = commands[0].replace("/tmp/", shlex.quote(tree.path) + "/")
+    subprocess.run(["sh", "-e", "-c", script], cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
+    result = tree.run("--install_plugins", "--plugins", "spool", "--domain_var", f"spool.Folder={tmp_path}")
+    assert (result.status, result.err) == (0, "")
+    assert "Plugin Spool 1.0.0\n  bytes  0\n  files  0\n" in result.out
+    assert glob.glob(tree.path + "/Agent-Spool-*.vxp.done")
+
+
+def test_the_worker_of_the_page_on_lua_runs_as_shown(tree):
+    with open(f"{ROOT}/docs/LUA-API.md") as file:
+        module, use = re.findall(r"```lua\n(.*?)```", file.read(), re.S)
+    assert module.startswith("-- pulse.lua\n")
+    tree.file("pulse.lua", module)
+    tree.app("probe", f"return {{ main = function()\n{use}\nreturn 0 end }}")
+    result = tree.run(name="probe")
+    assert (result.status, result.err) == (0, "")
+    assert len(re.findall(r" INFO \[\d+/worker pulse\] still here\n", result.log)) == 2
