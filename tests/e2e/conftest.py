@@ -99,6 +99,15 @@ def children(pid):
     return found
 
 
+def switches(pid):
+    """How often the threads of a process have been given a processor or have lost it: still for one that does nothing."""
+    total = 0
+    for task in os.listdir(f"/proc/{pid}/task"):
+        with open(f"/proc/{pid}/task/{task}/status") as file:
+            total += sum(int(line.split()[1]) for line in file if "ctxt_switches" in line)
+    return total
+
+
 def wait_until(condition, seconds=None, what="condition"):
     """Polls until `condition()` is true and returns its value; fails the test when the time is over."""
     seconds = PATIENCE if seconds is None else seconds

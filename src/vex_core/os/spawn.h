@@ -27,6 +27,9 @@ pid_t Spawn(const SpawnPlan& plan);
 /// one. -1 with errno.
 int RaiseDescriptor(int descriptor);
 
+/// `RaiseDescriptor` for both ends of a pipe, all or nothing. False with errno.
+bool RaisePipe(const int (&made)[2], int (&ends)[2]);
+
 /// Two close-on-exec ends of a pipe, both above 3. False with errno.
 bool OpenPipe(int (&ends)[2]);
 

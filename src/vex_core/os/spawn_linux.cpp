@@ -67,17 +67,7 @@ void CloseFrom(int first)
 bool OpenPipe(int (&ends)[2])
 {
     int made[2];
-    if (pipe2(made, O_CLOEXEC) != 0)
-        return false;
-    ends[0] = RaiseDescriptor(made[0]);
-    ends[1] = RaiseDescriptor(made[1]);
-    if (ends[0] >= 0 && ends[1] >= 0)
-        return true;
-    if (ends[0] >= 0)
-        close(ends[0]);
-    if (ends[1] >= 0)
-        close(ends[1]);
-    return false;
+    return pipe2(made, O_CLOEXEC) == 0 && RaisePipe(made, ends);
 }
 
 } // namespace VexCore::os

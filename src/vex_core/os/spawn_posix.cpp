@@ -72,6 +72,20 @@ int RaiseDescriptor(int descriptor)
     return raised;
 }
 
+bool RaisePipe(const int (&made)[2], int (&ends)[2])
+{
+    ends[0] = RaiseDescriptor(made[0]);
+    ends[1] = RaiseDescriptor(made[1]);
+    if (ends[0] >= 0 && ends[1] >= 0)
+        return true;
+    const int error = errno;
+    for (const int end : ends)
+        if (end >= 0)
+            close(end);
+    errno = error;
+    return false;
+}
+
 pid_t Spawn(const SpawnPlan& plan)
 {
     int report[2];

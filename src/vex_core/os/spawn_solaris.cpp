@@ -15,17 +15,7 @@ void CloseFrom(int first)
 bool OpenPipe(int (&ends)[2])
 {
     int made[2];
-    if (pipe(made) != 0)
-        return false;
-    ends[0] = RaiseDescriptor(made[0]); // sets close-on-exec
-    ends[1] = RaiseDescriptor(made[1]);
-    if (ends[0] >= 0 && ends[1] >= 0)
-        return true;
-    if (ends[0] >= 0)
-        close(ends[0]);
-    if (ends[1] >= 0)
-        close(ends[1]);
-    return false;
+    return pipe(made) == 0 && RaisePipe(made, ends); // which sets close-on-exec
 }
 
 } // namespace VexCore::os

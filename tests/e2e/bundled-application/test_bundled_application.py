@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import BUILD, FULL, alive, children, send_signal, wait_until
+from conftest import BUILD, FULL, alive, children, send_signal, switches, wait_until
 
 
 def package(name, kind):
@@ -175,14 +175,6 @@ end }""")
         told, stored = acknowledged(tree), {number for number, _ in beats(tree)}
         assert len(told) > before + 5 and set(told) <= stored
         assert len(set(told)) == len(told), "no number is given twice"
-
-
-def switches(pid):
-    total = 0
-    for task in os.listdir(f"/proc/{pid}/task"):
-        with open(f"/proc/{pid}/task/{task}/status") as file:
-            total += sum(int(line.split()[1]) for line in file if "ctxt_switches" in line)
-    return total
 
 
 @pytest.mark.sandbox

@@ -9,7 +9,7 @@ import time
 import pytest
 
 from agents import CAUGHT, ENDED, LIFE, life, records
-from conftest import BUILD, FULL, SANITIZED, alive, children, send_signal, wait_until
+from conftest import BUILD, FULL, SANITIZED, alive, children, send_signal, switches, wait_until
 
 pytestmark = pytest.mark.sandbox
 
@@ -72,13 +72,6 @@ def test_supervisor_and_child_do_nothing_while_nothing_happens(tree):
     supervisor, child = tree.background(name="probe")
     time.sleep(2)
     seconds = 60 if FULL else 8
-
-    def switches(pid):
-        total = 0
-        for task in os.listdir(f"/proc/{pid}/task"):
-            with open(f"/proc/{pid}/task/{task}/status") as file:
-                total += sum(int(line.split()[1]) for line in file if "ctxt_switches" in line)
-        return total
     before = switches(supervisor), switches(child)
     time.sleep(seconds)
     assert (switches(supervisor), switches(child)) == before

@@ -4,6 +4,7 @@
 
 #include "support/fail_nth.h"
 #include "support/log_capture.h"
+#include "support/sample_event.h"
 #include "support/temp_folder.h"
 
 #include <filesystem>
@@ -21,21 +22,9 @@
 #include <sqlite3.h>
 
 using namespace VexCore;
+using ::Test::SampleEvent;
 
 namespace {
-
-CAgentEvent MakeEvent(const std::string& text)
-{
-    CAgentEvent event;
-    event.m_text = text;
-    event.m_timeMillis = 1700000000123;
-    event.m_timeSeconds = 1700000000;
-    event.m_number = 5101;
-    event.m_severity = 5;
-    for (int field = CAgentEvent::FieldText; field <= CAgentEvent::FieldSeverity; ++field)
-        event.SetAttributeNull(field, false);
-    return event;
-}
 
 // Lets SQLite's own system calls be counted and fail with those of FailNth.
 class SqliteFaults
@@ -190,7 +179,7 @@ TEST_F(EventStoreTest, AllFieldsAreStored)
 {
     ::Test::LogCapture log;
     EventStore store(m_work);
-    const CAgentEvent event = MakeEvent("net|1.2|it's \"<&>\"\n\xC3\xA4");
+    const CAgentEvent event = SampleEvent("net|1.2|it's \"<&>\"\n\xC3\xA4");
     EXPECT_EQ(store.Write(event), 1);
     SqliteDb db;
     ASSERT_TRUE(db.Open(Database(), 0));
@@ -225,22 +214,22 @@ TEST_F(EventStoreTest, IdsGrowByOne)
 {
     EventStore store(m_work);
     for (int id = 1; id <= 5; ++id)
-        EXPECT_EQ(store.Write(MakeEvent("e")), id);
+        EXPECT_EQ(store.Write(SampleEvent("e")), id);
     EventStore again(m_work);
-    EXPECT_EQ(again.Write(MakeEvent("e")), 6);
+    EXPECT_EQ(again.Write(SampleEvent("e")), 6);
 }
 
 TEST_F(EventStoreTest, LockedDatabaseMeansPendingFileThenDatabaseOnce)
 {
     EventStore store(m_work);
-    ASSERT_EQ(store.Write(MakeEvent("first")), 1);
+    ASSERT_EQ(store.Write(SampleEvent("first")), 1);
     SqliteDb other;
     ASSERT_TRUE(other.Open(Database(), 0));
     ASSERT_TRUE(other.Exec("BEGIN EXCLUSIVE"));
     {
         ::Test::LogCapture log;
-        EXPECT_EQ(store.Write(MakeEvent("second")), 0);
-        EXPECT_EQ(store.Write(MakeEvent("third")), 0);
+        EXPECT_EQ(store.Write(SampleEvent("second")), 0);
+        EXPECT_EQ(store.Write(SampleEvent("third")), 0);
         EXPECT_EQ(log.Count(wxLOG_Error, "events.pending.xml"), 2u) << log.All();
         EXPECT_EQ(log.Count(wxLOG_Error, "locked"), 2u) << log.All();
         EXPECT_EQ(log.Count(wxLOG_Error, "text=\"second\""), 1u) << log.All();
@@ -250,7 +239,7 @@ TEST_F(EventStoreTest, LockedDatabaseMeansPendingFileThenDatabaseOnce)
     ASSERT_TRUE(other.Exec("ROLLBACK"));
     other.Close();
     ::Test::LogCapture log;
-    EXPECT_EQ(store.Write(MakeEvent("fourth")), 4);
+    EXPECT_EQ(store.Write(SampleEvent("fourth")), 4);
     EXPECT_EQ(Stored(), "first;second;third;fourth;");
     EXPECT_FALSE(Exists(Pending()));
     EXPECT_TRUE(log.Lines().empty()) << log.All();
@@ -258,7 +247,7 @@ TEST_F(EventStoreTest, LockedDatabaseMeansPendingFileThenDatabaseOnce)
 
 TEST_F(EventStoreTest, PendingEventsKeepAllTheirFields)
 {
-    const CAgentEvent event = MakeEvent("it's \"<&>\"\n\t\xC3\xA4");
+    const CAgentEvent event = SampleEvent("it's \"<&>\"\n\t\xC3\xA4");
     std::filesystem::create_directory(Database());
     {
         ::Test::LogCapture log;
@@ -291,12 +280,12 @@ TEST_F(EventStoreTest, PendingFileSeenTwiceIsStoredOnce)
     std::filesystem::create_directory(Database());
     ::Test::LogCapture log;
     EventStore store(m_work);
-    store.Write(MakeEvent("once"));
+    store.Write(SampleEvent("once"));
     const std::string pending = ::Test::ReadFile(Pending());
     std::filesystem::remove(Database());
     EXPECT_TRUE(store.StoreKept());
     ::Test::WriteFile(Pending(), pending + pending); // as if the removal had been lost
-    EXPECT_EQ(store.Write(MakeEvent("next")), 2);
+    EXPECT_EQ(store.Write(SampleEvent("next")), 2);
     EXPECT_EQ(Stored(), "once;next;");
 }
 
@@ -306,7 +295,7 @@ TEST_F(EventStoreTest, LineCutShortIsAnErrorLineAndTheOthersAreStored)
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"good\"/></pending>\n"
                                  "\n<pending key=\"k2\"><agent_event text=\"cut");
     ::Test::LogCapture log;
-    EXPECT_EQ(store.Write(MakeEvent("next")), 2);
+    EXPECT_EQ(store.Write(SampleEvent("next")), 2);
     EXPECT_EQ(Stored(), "good;next;");
     EXPECT_EQ(
         log.Count(wxLOG_Error, "is no event and is left out: <pending key=\"k2\"><agent_event text=\"cut"),
@@ -321,15 +310,15 @@ TEST_F(EventStoreTest, NothingToWriteInMeansMemoryAndStandardErrorThenDatabaseOn
     EventStore store(m_work);
     ::Test::LogCapture log;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(store.Write(MakeEvent("one")), 0);
-    EXPECT_EQ(store.Write(MakeEvent("two")), 0);
+    EXPECT_EQ(store.Write(SampleEvent("one")), 0);
+    EXPECT_EQ(store.Write(SampleEvent("two")), 0);
     const std::string shown = testing::internal::GetCapturedStderr();
     EXPECT_EQ(store.InMemory(), 2u);
     EXPECT_NE(shown.find("text=\"one\""), std::string::npos) << shown;
     EXPECT_NE(shown.find("text=\"two\""), std::string::npos) << shown;
     EXPECT_EQ(log.Count(wxLOG_Error, "kept in memory"), 2u) << log.All();
     std::filesystem::create_directory(m_work);
-    EXPECT_EQ(store.Write(MakeEvent("three")), 3);
+    EXPECT_EQ(store.Write(SampleEvent("three")), 3);
     EXPECT_EQ(store.InMemory(), 0u);
     EXPECT_EQ(Stored(), "one;two;three;");
 }
@@ -340,10 +329,10 @@ TEST_F(EventStoreTest, MemoryGoesToThePendingFileWhenOnlyThatHasRoom)
     EventStore store(m_work);
     ::Test::LogCapture log;
     testing::internal::CaptureStderr();
-    store.Write(MakeEvent("one"));
+    store.Write(SampleEvent("one"));
     testing::internal::GetCapturedStderr();
     std::filesystem::create_directories(Database());
-    EXPECT_EQ(store.Write(MakeEvent("two")), 0);
+    EXPECT_EQ(store.Write(SampleEvent("two")), 0);
     EXPECT_EQ(store.InMemory(), 0u);
     std::filesystem::remove(Database());
     EXPECT_TRUE(store.StoreKept());
@@ -358,7 +347,7 @@ TEST_F(EventStoreTest, MemoryIsBoundedAndSaysWhatItGivesUp)
     testing::internal::CaptureStderr();
     const std::size_t extra = EventStore::maxInMemory > 100 ? 0 : 2;
     for (std::size_t i = 0; i < EventStore::maxInMemory + extra && extra > 0; ++i)
-        store.Write(MakeEvent("e" + std::to_string(i)));
+        store.Write(SampleEvent("e" + std::to_string(i)));
     const std::string shown = testing::internal::GetCapturedStderr();
     if (extra == 0)
         GTEST_SKIP() << "the limit of this build is large";
@@ -376,7 +365,7 @@ TEST_F(EventStoreTest, DamagedDatabaseIsMovedAsideAndANewOneBegins)
     ::Test::WriteFile(Database(), std::string(8192, 'x'));
     ::Test::LogCapture log;
     EventStore store(m_work);
-    EXPECT_EQ(store.Write(MakeEvent("event")), 1);
+    EXPECT_EQ(store.Write(SampleEvent("event")), 1);
     EXPECT_EQ(Stored(), "event;");
     EXPECT_EQ(log.Count(wxLOG_Error, "is damaged"), 1u) << log.All();
     EXPECT_EQ(log.Lines().size(), 1u) << log.All();
@@ -390,7 +379,7 @@ TEST_F(EventStoreTest, DamagedDatabaseIsMovedAsideAndANewOneBegins)
 TEST_F(EventStoreTest, DatabaseThatIsDamagedWhileOpenIsMovedAside)
 {
     EventStore store(m_work);
-    store.Write(MakeEvent("before"));
+    store.Write(SampleEvent("before"));
     {
         std::fstream file(Database(), std::ios::in | std::ios::out | std::ios::binary);
         file.seekp(24); // the change counter and all behind it
@@ -398,7 +387,7 @@ TEST_F(EventStoreTest, DatabaseThatIsDamagedWhileOpenIsMovedAside)
         file.write(rubbish.data(), static_cast<std::streamsize>(rubbish.size()));
     }
     ::Test::LogCapture log;
-    EXPECT_EQ(store.Write(MakeEvent("after")), 1);
+    EXPECT_EQ(store.Write(SampleEvent("after")), 1);
     EXPECT_EQ(Stored(), "after;");
     EXPECT_EQ(log.Count(wxLOG_Error, "is damaged"), 1u) << log.All();
 }
@@ -406,14 +395,14 @@ TEST_F(EventStoreTest, DatabaseThatIsDamagedWhileOpenIsMovedAside)
 TEST_F(EventStoreTest, RemovedOrReplacedDatabaseIsOpenedAnew)
 {
     EventStore store(m_work);
-    store.Write(MakeEvent("one"));
+    store.Write(SampleEvent("one"));
     std::filesystem::remove(Database());
     ::Test::LogCapture log;
-    EXPECT_EQ(store.Write(MakeEvent("two")), 1);
+    EXPECT_EQ(store.Write(SampleEvent("two")), 1);
     EXPECT_EQ(Stored(), "two;");
     std::filesystem::rename(Database(), Database() + ".old");
-    EventStore(m_work).Write(MakeEvent("of another"));
-    EXPECT_EQ(store.Write(MakeEvent("three")), 2);
+    EventStore(m_work).Write(SampleEvent("of another"));
+    EXPECT_EQ(store.Write(SampleEvent("three")), 2);
     EXPECT_EQ(Stored(), "of another;three;");
     EXPECT_TRUE(log.Lines().empty()) << log.All();
 }
@@ -427,7 +416,7 @@ TEST_F(EventStoreTest, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
     }
     ::Test::LogCapture log;
     EventStore store(m_work);
-    EXPECT_EQ(store.Write(MakeEvent("event")), 0);
+    EXPECT_EQ(store.Write(SampleEvent("event")), 0);
     EXPECT_TRUE(Exists(Pending()));
     EXPECT_EQ(log.Count(wxLOG_Error, "no column"), 1u) << log.All();
 }
@@ -438,13 +427,13 @@ TEST_F(EventStoreTest, ReadOnlyFileSystemMeansMemoryThenDatabase)
         if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=4m") != 0)
             return 77;
         wxLogNull quiet;
-        CHILD_CHECK(EventStore(m_work).Write(MakeEvent("one")) == 1);
+        CHILD_CHECK(EventStore(m_work).Write(SampleEvent("one")) == 1);
         CHILD_CHECK(mount(nullptr, m_work.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0);
         EventStore store(m_work);
-        CHILD_CHECK(store.Write(MakeEvent("two")) == 0);
+        CHILD_CHECK(store.Write(SampleEvent("two")) == 0);
         CHILD_CHECK(store.InMemory() == 1);
         CHILD_CHECK(mount(nullptr, m_work.c_str(), nullptr, MS_REMOUNT, nullptr) == 0);
-        CHILD_CHECK(store.Write(MakeEvent("three")) == 3);
+        CHILD_CHECK(store.Write(SampleEvent("three")) == 3);
         CHILD_CHECK(Stored() == "one;two;three;");
         return 0;
     });
@@ -460,7 +449,7 @@ TEST_F(EventStoreTest, FullDiskMeansMemoryThenDatabaseOnce)
             return 77;
         wxLogNull quiet;
         EventStore store(m_work);
-        CHILD_CHECK(store.Write(MakeEvent("one")) == 1);
+        CHILD_CHECK(store.Write(SampleEvent("one")) == 1);
         {
             std::ofstream filler(m_work + "/filler", std::ios::binary);
             const std::string page(4096, 'f');
@@ -468,8 +457,8 @@ TEST_F(EventStoreTest, FullDiskMeansMemoryThenDatabaseOnce)
             }
         }
         const std::string large(20000, 'L'); // needs pages that are not there
-        CHILD_CHECK(store.Write(MakeEvent(large)) == 0);
-        CHILD_CHECK(store.Write(MakeEvent("three" + large)) == 0);
+        CHILD_CHECK(store.Write(SampleEvent(large)) == 0);
+        CHILD_CHECK(store.Write(SampleEvent("three" + large)) == 0);
         CHILD_CHECK(store.InMemory() == 2);
         CHILD_CHECK(!store.StoreKept());
         std::filesystem::remove(m_work + "/filler");
@@ -492,16 +481,16 @@ TEST_F(EventStoreTest, EachFailingCallLeavesEveryEventExactlyOnce)
             ::Test::LogCapture log;
             testing::internal::CaptureStderr();
             std::filesystem::create_directory(Database());
-            EventStore(m_work).Write(MakeEvent("pending")); // so that an import is in the sweep
+            EventStore(m_work).Write(SampleEvent("pending")); // so that an import is in the sweep
             std::filesystem::remove(Database());
             EventStore store(m_work);
             {
                 SqliteFaults faults;
                 ::Test::FailNth fault(n, lasting ? ENOSPC : EIO, ::Test::FailNth::EHow::Fail, lasting);
-                store.Write(MakeEvent("in fault"));
+                store.Write(SampleEvent("in fault"));
                 hit = fault.WasHit();
             }
-            store.Write(MakeEvent("after"));
+            store.Write(SampleEvent("after"));
             const std::string shown = testing::internal::GetCapturedStderr();
             const std::string all = Stored();
             for (const char* text : {"pending", "in fault", "after"})
@@ -524,8 +513,8 @@ TEST_F(EventStoreTest, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
         std::filesystem::create_directory(Database());
         {
             EventStore store(m_work);
-            store.Write(MakeEvent("pending 1"));
-            store.Write(MakeEvent("pending 2"));
+            store.Write(SampleEvent("pending 1"));
+            store.Write(SampleEvent("pending 2"));
         }
         std::filesystem::remove(Database());
         int done[2];
@@ -534,7 +523,7 @@ TEST_F(EventStoreTest, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
         if (pid == 0) {
             SqliteFaults faults;
             ::Test::FailNth fault(n, EIO, ::Test::FailNth::EHow::Die);
-            const bool stored = EventStore(m_work).Write(MakeEvent("mine")) != 0;
+            const bool stored = EventStore(m_work).Write(SampleEvent("mine")) != 0;
             fault.Stop();
             static_cast<void>(write(done[1], stored ? "y" : "n", 1) == 1);
             _exit(0);
@@ -546,7 +535,7 @@ TEST_F(EventStoreTest, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
         int status = 0;
         waitpid(pid, &status, 0);
         killed = WIFSIGNALED(status);
-        EventStore(m_work).Write(MakeEvent("after"));
+        EventStore(m_work).Write(SampleEvent("after"));
         const std::string all = Stored();
         for (const char* text : {"pending 1", "pending 2", "after"})
             EXPECT_EQ(CountOf(all, text), 1) << "call " << n << ": " << all;
@@ -564,7 +553,7 @@ TEST_F(EventStoreTest, ManyThreadsWriteIntoOneStore)
     for (int t = 0; t < 6; ++t)
         threads.emplace_back([&store, t] {
             for (int i = 0; i < 5; ++i)
-                EXPECT_GT(store.Write(MakeEvent(std::to_string(t) + "." + std::to_string(i))), 0);
+                EXPECT_GT(store.Write(SampleEvent(std::to_string(t) + "." + std::to_string(i))), 0);
         });
     for (std::thread& thread : threads)
         thread.join();
@@ -582,7 +571,7 @@ TEST_F(EventStoreTest, ManyProcessesWriteIntoOneFolder)
             wxLogNull quiet;
             EventStore store(m_work);
             for (int i = 0; i < 5; ++i)
-                store.Write(MakeEvent(std::to_string(c) + "." + std::to_string(i)));
+                store.Write(SampleEvent(std::to_string(c) + "." + std::to_string(i)));
             store.StoreKept();
             _exit(0);
         }
@@ -600,23 +589,23 @@ TEST_F(EventStoreTest, ManyProcessesWriteIntoOneFolder)
 TEST_F(EventStoreTest, ForkedChildOpensAConnectionOfItsOwn)
 {
     EventStore store(m_work);
-    store.Write(MakeEvent("parent"));
+    store.Write(SampleEvent("parent"));
     const pid_t pid = fork();
     if (pid == 0)
-        _exit(store.Write(MakeEvent("child")) == 2 ? 0 : 1);
+        _exit(store.Write(SampleEvent("child")) == 2 ? 0 : 1);
     int status = -1;
     waitpid(pid, &status, 0);
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(store.Write(MakeEvent("parent again")), 3);
+    EXPECT_EQ(store.Write(SampleEvent("parent again")), 3);
 }
 
 TEST_F(EventStoreTest, EventsBeforeTheWorkingFolderIsKnownAreStoredInIt)
 {
     ::Test::LogCapture log;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(GetEventStore("")->Write(MakeEvent("early")), 0);
+    EXPECT_EQ(GetEventStore("")->Write(SampleEvent("early")), 0);
     testing::internal::GetCapturedStderr();
-    EXPECT_EQ(GetEventStore(m_work)->Write(MakeEvent("late")), 2);
+    EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("late")), 2);
     EXPECT_EQ(Stored(), "early;late;");
     CloseEventStores();
 }
@@ -625,7 +614,7 @@ TEST_F(EventStoreTest, ClosingTheStoresStoresWhatIsKept)
 {
     ::Test::LogCapture log;
     std::filesystem::create_directory(Database());
-    EXPECT_EQ(GetEventStore(m_work)->Write(MakeEvent("kept")), 0);
+    EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("kept")), 0);
     std::filesystem::remove(Database());
     CloseEventStores();
     EXPECT_EQ(Stored(), "kept;");
@@ -635,7 +624,7 @@ TEST_F(EventStoreTest, DomainWritesBelowItsWorkingFolder)
 {
     CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
     dom->Set("app.path.work", m_work);
-    CAgentEvent event = MakeEvent("by the domain");
+    CAgentEvent event = SampleEvent("by the domain");
     EXPECT_EQ(dom->AgentEventWrite(event), 1);
     EXPECT_EQ(Stored(), "by the domain;");
     CloseEventStores();

@@ -1,6 +1,8 @@
 #include "vex/core/agentevent.h"
 #include "vex_core/agentevent_p.h"
 
+#include "support/sample_event.h"
+
 #include <climits>
 
 #include <gtest/gtest.h>
@@ -10,17 +12,6 @@
 using namespace VexCore;
 
 namespace {
-
-void SetAll(CAgentEvent& event, const std::string& text)
-{
-    event.m_text = text;
-    event.m_timeMillis = 1700000000123;
-    event.m_timeSeconds = 1700000000;
-    event.m_number = 5101;
-    event.m_severity = 5;
-    for (int field = CAgentEvent::FieldText; field <= CAgentEvent::FieldSeverity; ++field)
-        event.SetAttributeNull(field, false);
-}
 
 std::string TextOf(const std::string& xml)
 {
@@ -56,8 +47,7 @@ TEST(AgentEvent, FieldsAreAbsentUntilMarkedPresent)
 
 TEST(AgentEvent, AllFieldsInOneElement)
 {
-    CAgentEvent event;
-    SetAll(event, "net|1.2|notes");
+    CAgentEvent event = ::Test::SampleEvent("net|1.2|notes");
     EXPECT_EQ(event.ToXml(),
               "<agent_event time_ms=\"1700000000123\" time_s=\"1700000000\" number=\"5101\" severity=\"5\""
               " text=\"net|1.2|notes\"/>");
@@ -75,10 +65,9 @@ TEST(AgentEvent, FieldsOutOfRangeAreIgnored)
 
 TEST(AgentEvent, AnyTextSurvivesAParser)
 {
-    CAgentEvent event;
     for (const char* text : {"", "<&>\"'", "]]>", "a\tb\nc\rd\r\ne", " blanks ",
                              "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x99\x82", "&amp;"}) {
-        SetAll(event, text);
+        const CAgentEvent event = ::Test::SampleEvent(text);
         EXPECT_EQ(TextOf(event.ToXml()), text) << event.ToXml();
         EXPECT_EQ(event.ToXml().find('\n'), std::string::npos) << "one line";
     }
@@ -110,7 +99,6 @@ TEST(AgentEvent, WhatXmlCannotHoldBecomesTheReplacementCharacter)
     std::string all;
     for (int byte = 0; byte < 256; ++byte)
         all += static_cast<char>(byte);
-    CAgentEvent event;
-    SetAll(event, all);
+    CAgentEvent event = ::Test::SampleEvent(all);
     EXPECT_EQ(TextOf(event.ToXml()), ToXmlText(all));
 }

@@ -17,8 +17,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/dom_ptr.h"
 #include "support/temp_folder.h"
 
+using Test::DomPtr;
+using Test::NewRoot;
 using Test::TempFolder;
 using Test::WriteFile;
 using VexCore::CDom;
@@ -28,17 +31,6 @@ using EWait = CDom::EWait;
 using EType = CDom::EType;
 
 namespace {
-
-struct Releaser
-{
-    void operator()(CDom* dom) const { dom->Release(); }
-};
-using DomPtr = std::unique_ptr<CDom, Releaser>;
-
-DomPtr NewRoot()
-{
-    return DomPtr(CDom::New(nullptr, nullptr, nullptr, false));
-}
 
 DomPtr NewView(const char* name, const DomPtr& parent, bool* created = nullptr)
 {

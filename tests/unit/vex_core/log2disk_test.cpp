@@ -1,6 +1,7 @@
 #include "vex/core/log.h"
 
 #include "support/child.h"
+#include "support/dom_ptr.h"
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 #include "vex/core/runnable.h"
@@ -23,6 +24,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using Test::ChildResult;
+using Test::DomPtr;
 using Test::Fork;
 using Test::ReadFile;
 using Test::RunChild;
@@ -34,12 +36,6 @@ using VexCore::CLog2Disk;
 using VexCore::DiskLog;
 
 namespace {
-
-struct Releaser
-{
-    void operator()(CDom* dom) const { dom->Release(); }
-};
-using DomPtr = std::unique_ptr<CDom, Releaser>;
 
 std::vector<std::string> LinesOf(const std::string& text)
 {

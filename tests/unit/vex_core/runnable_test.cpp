@@ -1,6 +1,7 @@
 #include "vex/core/runnable.h"
 #include "support/sanitized.h"
 
+#include "support/address_limit.h"
 #include "support/log_catcher.h"
 #include "vex/core/dom.h"
 #include "vex_core/runnable_p.h"
@@ -9,13 +10,11 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <functional>
 #include <stdexcept>
 #include <thread>
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 #include <wx/log.h>
 
@@ -164,17 +163,11 @@ TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
     ::Test::LogCatcher log;
     Body body([](Body&) { FAIL() << "must not run"; });
 
-    // Room for all but the stack.
-    std::ifstream statm("/proc/self/statm");
-    rlim_t pages = 0;
-    statm >> pages;
-    rlimit before = {};
-    ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
-    rlimit tight = before;
-    tight.rlim_cur = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (rlim_t(64) << 20);
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
-    const bool started = body.start(50, true, 1u << 30);
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
+    bool started = true;
+    {
+        const ::Test::AddressLimit allButTheStack(std::size_t(64) << 20);
+        started = body.start(50, true, 1u << 30);
+    }
 
     EXPECT_FALSE(started);
     EXPECT_FALSE(body.Running());

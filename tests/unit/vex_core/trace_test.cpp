@@ -1,5 +1,6 @@
 #include "vex/core/log.h"
 
+#include "support/dom_ptr.h"
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 #include "vex_core/disk_log.h"
@@ -13,26 +14,13 @@
 #include <memory>
 #include <thread>
 
+using Test::DomPtr;
+using Test::NewRoot;
 using Test::ReadFile;
 using Test::TempFolder;
 using VexCore::CDom;
 using VexCore::LogTraceIsEnabled;
 using VexCore::TraceModules;
-
-namespace {
-
-struct Releaser
-{
-    void operator()(CDom* dom) const { dom->Release(); }
-};
-using DomPtr = std::unique_ptr<CDom, Releaser>;
-
-DomPtr NewRoot()
-{
-    return DomPtr(CDom::New(nullptr, nullptr, nullptr, false));
-}
-
-} // namespace
 
 TEST(TraceModules, ListIsSplitAtCommasAndTrimmed)
 {
