@@ -13,16 +13,20 @@ local function fullness(disk)
   return reachable > 0 and ("%.0f %%"):format(100 * used / reachable) or "-"
 end
 
-local function memory_line(available, total)
-  if not total then return nil end
-  if not available then return text.bytes(total) end
-  return ("%s of %s available"):format(text.bytes(available), text.bytes(total))
+local function share(part, total, word)
+  return ("%s of %s %s"):format(text.bytes(part), text.bytes(total), word)
+end
+
+-- What is free is less than what programs can have, so it is not called available.
+local function memory_line(memory)
+  if not memory.total then return nil end
+  if memory.available then return share(memory.available, memory.total, "available") end
+  return memory.free and share(memory.free, memory.total, "free") or text.bytes(memory.total)
 end
 
 local function swap_line(memory)
   if not memory.swap_total or not memory.swap_free then return nil end
-  if memory.swap_total == 0 then return "none" end
-  return ("%s of %s free"):format(text.bytes(memory.swap_free), text.bytes(memory.swap_total))
+  return memory.swap_total == 0 and "none" or share(memory.swap_free, memory.swap_total, "free")
 end
 
 local function load_line(load)
@@ -39,7 +43,7 @@ local function host_rows(facts)
     { "Processors", facts.processors and ("%d"):format(facts.processors) },
     { "Uptime", facts.uptime and text.duration(facts.uptime) },
     { "Load", load_line(facts.load) },
-    { "Memory", memory_line(memory.available or memory.free, memory.total) },
+    { "Memory", memory_line(memory) },
     { "Swap", swap_line(memory) },
   }
   local rows = {}

@@ -41,7 +41,7 @@ end
 
 function M.TestText:test_memory_without_a_figure_of_what_is_available_shows_what_there_is()
   lu.assertStrContains(report.text({ memory = { total = GiB } }), "Memory  1.0 GiB\n")
-  lu.assertStrContains(report.text({ memory = { total = GiB, free = GiB / 2 } }), "512 MiB of 1.0 GiB available")
+  lu.assertStrContains(report.text({ memory = { total = GiB, free = GiB / 2 } }), "512 MiB of 1.0 GiB free\n")
   lu.assertStrContains(report.text({ memory = { swap_total = 0, swap_free = 0 } }), "Swap  none")
 end
 
