@@ -5,7 +5,9 @@
 #include "vex_core/os/log_calls.h"
 
 #include <cerrno>
+#include <chrono>
 #include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -15,6 +17,10 @@ namespace VexCore {
 namespace {
 
 constexpr int retryRotationSeconds = 60;
+
+// How often, and after how long each time, the end of the file is looked at again before it counts as a piece.
+constexpr int looksAtPiece = 5;
+constexpr auto betweenLooks = std::chrono::milliseconds(1);
 
 std::string ErrorText(int error)
 {
@@ -166,7 +172,7 @@ bool DiskLog::TryWrite(const std::string& record)
 {
     if (m_path.empty() || !MakeReady(record.size()))
         return false;
-    const bool piece = m_size != m_cleanEnd && IsInsideLine(m_size);
+    const bool piece = m_size != m_cleanEnd && EndsInPiece();
     const std::string bytes = piece ? '\n' + record : record;
     if (!WriteBytes(bytes))
         return false;
@@ -189,9 +195,22 @@ bool DiskLog::WriteBytes(const std::string& bytes)
     return false;
 }
 
-/// Whether a record that is written at `place` would stand behind a piece of another: of ours, when the disk was full in the
-/// middle of it, or of a process that was killed while the system copied its record. A look at the wrong moment, while
-/// a record is being copied, costs an empty line and nothing else.
+/// Whether the file ends in a piece of a record: of ours, when the disk was full in the middle of it, or of a process that
+/// was killed while the system copied its record. A record that is being copied looks the same for a moment, because the
+/// file grows by pages: a piece is what stays.
+bool DiskLog::EndsInPiece()
+{
+    for (int look = 0; IsInsideLine(m_size); ++look) {
+        if (look == looksAtPiece)
+            return true;
+        std::this_thread::sleep_for(betweenLooks);
+        struct stat status = {};
+        if (os::fileCalls.fstat(m_descriptor, &status) == 0)
+            m_size = status.st_size;
+    }
+    return false;
+}
+
 bool DiskLog::IsInsideLine(off_t place) const
 {
     char before = '\n';
@@ -200,7 +219,7 @@ bool DiskLog::IsInsideLine(off_t place) const
     return before != '\n';
 }
 
-/// Whether the record of `size` bytes that was just written went behind such a piece nevertheless, because its writer was
+/// Whether the record of `size` bytes that was just written went behind a piece nevertheless, because its writer was
 /// killed between our look at the file and our write. Then it has to be written again, on a line of its own.
 bool DiskLog::WasGlued(std::size_t size)
 {

@@ -81,6 +81,7 @@ private:
     bool TryWrite(const std::string& record);
     bool MakeReady(std::size_t size);
     bool WriteBytes(const std::string& bytes);
+    bool EndsInPiece();
     bool IsInsideLine(off_t place) const;
     bool WasGlued(std::size_t size);
     bool Open();

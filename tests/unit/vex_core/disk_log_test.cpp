@@ -452,6 +452,25 @@ TEST(DiskLog, RecordBehindAPieceOfAnotherProcessesBeginsOnANewLine)
     EXPECT_EQ("whole\npiece\none\ntwo\n", ReadFile(folder / "x.log"));
 }
 
+TEST(DiskLog, RecordThatIsStillBeingCopiedByAnotherProcessIsNoPiece)
+{
+    const TempFolder folder;
+    static std::string path;
+    path = folder / "x.log";
+    WriteFile(path, "whole\nfirst half,");
+    DiskLog log(muchMemory);
+    log.SetFile(path);
+    log.Write("one\n", false); // opens the file; what it ends in now is known to be a piece
+    std::ofstream(path, std::ios::app) << "second half,";
+    os::fileCalls.fstat = [](int descriptor, struct stat* status) {
+        os::fileCalls = os::systemFileCalls;
+        std::ofstream(path, std::ios::app) << " the rest\n";
+        return os::fileCalls.fstat(descriptor, status);
+    };
+    log.Write("two\n", false);
+    EXPECT_EQ("whole\nfirst half,\none\nsecond half, the rest\ntwo\n", ReadFile(path));
+}
+
 TEST(DiskLog, RecordThatWentBehindAPieceInTheLastMomentIsWrittenAgain)
 {
     static std::string path;
