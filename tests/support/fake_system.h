@@ -13,6 +13,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 /// Thrown where the process would end.
 struct CEnded
@@ -44,6 +45,7 @@ public:
     std::function<void()> onSleep;
     std::function<void()> onFork; ///< before a fork of either kind
     std::function<void()> onWaitForOther;
+    std::function<void()> onRemoveFile; ///< before the first removal
     pid_t self = Self;
     pid_t group = Group;
     int threads = 1;
@@ -78,6 +80,8 @@ public:
         now += delayMs / 1000;
     }
     pid_t Fork() override { return AnswerFork("Fork()"); }
+    pid_t ForkFirstChild() override { return AnswerFork("ForkFirstChild()"); }
+    void WaitForStarter() override { FakeCore::Record("WaitForStarter()"); }
     pid_t ForkWorker() override { return AnswerFork(m_termBlocked ? "ForkWorker()" : "ForkWorker() unguarded"); }
     pid_t NewSession() override
     {
@@ -129,6 +133,12 @@ public:
         }
     }
     void BlockChild() override { FakeCore::Record("BlockChild()"); }
+    void PassTermOn(pid_t process) override
+    {
+        FakeCore::Record("PassTermOn(" + std::to_string(process) + ")");
+        if (m_pending && *m_pending != process)
+            SignalProcess(process, SIGTERM);
+    }
     void HandleTerm(VexSignalAction handler) override
     {
         FakeCore::Record(handler ? "HandleTerm(handler)" : "HandleTerm(default)");
@@ -144,7 +154,12 @@ public:
     {
         FakeCore::Record("SignalProcess(" + std::to_string(process) + (signal == SIGTERM ? ", TERM)" : ", other)"));
     }
-    void RemoveFile(const char* path) override { FakeCore::Record("RemoveFile(" + FakeCore::Quote(path) + ")"); }
+    void RemoveFile(const char* path) override
+    {
+        if (const std::function<void()> before = std::exchange(onRemoveFile, nullptr))
+            before();
+        FakeCore::Record("RemoveFile(" + FakeCore::Quote(path) + ")");
+    }
     void ReleaseInstanceLock() override { FakeCore::Record("ReleaseInstanceLock()"); }
     bool IsExecutable(const char* path) override
     {

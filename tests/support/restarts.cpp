@@ -1,9 +1,9 @@
 // The launcher's supervisor on the real system, with real forks and signals, but without the delays and with a clock that
 // goes on by more than the span with each look: what keeps a supervisor from restarting ten thousand times in a minute.
 //
-//   restarts COUNT REPORT
+//   restarts COUNT REPORT FOLDER
 //
-// Goes into the background as the agent does (pid file /var/run/restarts.pid). Each child ends at once: most by SIGKILL, every
+// Goes into the background as the agent does (pid file /var/run/restarts.pid) and logs to FOLDER/restarts.log. Each child ends at once: most by SIGKILL, every
 // 50th with status 3, which runs the driver's script where there is one; child COUNT exits with 0. A line in REPORT for the time
 // after the first 100 restarts, when every pool has been filled once, and for the end: restarts, open descriptors, resident
 // KiB, private KiB.
@@ -12,6 +12,7 @@
 #include "vex/apps/vex/os/process.h"
 
 #include "vex/core/dom.h"
+#include "vex/core/log.h"
 #include "vex/core/sendsignal.h"
 
 #include <cstdio>
@@ -68,6 +69,8 @@ public:
     pid_t OwnGroup() override { return m_real.OwnGroup(); }
     int ThreadCount() override { return m_real.ThreadCount(); }
     pid_t Fork() override { return m_real.Fork(); }
+    pid_t ForkFirstChild() override { return m_real.ForkFirstChild(); }
+    void WaitForStarter() override { m_real.WaitForStarter(); }
     pid_t NewSession() override { return m_real.NewSession(); }
     void ChangeFolder(const char* path) override { m_real.ChangeFolder(path); }
     void StreamsToNull() override { m_real.StreamsToNull(); }
@@ -77,6 +80,7 @@ public:
     void BlockTerm() override { m_real.BlockTerm(); }
     void UnblockTerm() override { m_real.UnblockTerm(); }
     void BlockChild() override { m_real.BlockChild(); }
+    void PassTermOn(pid_t process) override { m_real.PassTermOn(process); }
     void HandleTerm(VexSignalAction handler) override { m_real.HandleTerm(handler); }
     void SignalOwnGroup(int signal) override { m_real.SignalOwnGroup(signal); }
     void SignalProcess(pid_t process, int signal) override { m_real.SignalProcess(process, signal); }
@@ -136,15 +140,20 @@ private:
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        std::cerr << "usage: restarts COUNT REPORT\n";
+    if (argc != 4) {
+        std::cerr << "usage: restarts COUNT REPORT FOLDER\n";
         return 2;
     }
     wxInitializer framework;
     if (!framework.IsOk())
         return 1;
     VexCore::CDom* const dom = VexCore::CDom::New(nullptr, nullptr, nullptr, false);
-    dom->SetWx("app.path.work", wxString("/"));
+    dom->SetWx("app.name", wxString("restarts"));
+    dom->SetWx("app.path.work", wxString(argv[3]));
+    delete wxLog::SetActiveTarget(new VexCore::CLog2Disk);
+    wxLog::SetVerbose(true);
+    wxLog::SetLogLevel(wxLOG_Info);
+    wxLog::SetTimestamp("%Y-%m-%d %H:%M:%S");
     CHastySystem system(VexOs::System(), std::atoi(argv[1]), argv[2]);
     VexOs::ReplaceSystem(&system);
     CDaemon daemon(system, dom, "restarts");

@@ -100,8 +100,8 @@ TEST_F(Daemon, StartsWhenThereIsNoPidFile)
 {
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_THAT(Journal(), ElementsAre("ReadPidFile(\"/var/run/vx_agent.pid\")",
-                                       "TakeInstanceLock(\"/var/run/vx_agent.pid.lock\")", "ResetSignals()", "Fork()",
-                                       "Exit(0)"));
+                                       "TakeInstanceLock(\"/var/run/vx_agent.pid.lock\")", "ResetSignals()",
+                                       "ForkFirstChild()", "PassTermOn(5000)", "Exit(0)"));
 }
 
 TEST_F(Daemon, NamesItsPidFileAfterTheApplication)
@@ -155,7 +155,7 @@ TEST_F(Daemon, EndsAsForALiveInstanceWhenAnotherStartHasTheLock)
     m_system.lock = VexOs::ELock::HeldByOther;
     EXPECT_EQ(RunToEnd().status, 1);
     EXPECT_THAT(LogLines(), ElementsAre("Log(Error, \"/var/run/vx_agent.pid present, exiting\")"));
-    EXPECT_EQ(Count("Fork()"), 0u);
+    EXPECT_TRUE(Journal({"Fork"}).empty());
 }
 
 TEST_F(Daemon, StartsWithAWarningWhenTheLockCannotBeMade)
@@ -181,9 +181,25 @@ TEST_F(Daemon, TheFirstChildMakesASessionAndEnds)
 {
     m_system.forks = {0, 300};
     EXPECT_EQ(RunToEnd().status, 0);
-    EXPECT_THAT(Journal({"Fork", "NewSession", "Dom.", "ChangeFolder", "Exit", "WritePidFile"}),
-                ElementsAre("Fork()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
-                            "ChangeFolder(\"/work folder\")", "Fork()", "Exit(0)"));
+    EXPECT_THAT(Journal({"Fork", "NewSession", "Dom.", "ChangeFolder", "WaitForStarter", "PassTermOn", "Exit", "WritePidFile"}),
+                ElementsAre("ForkFirstChild()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
+                            "ChangeFolder(\"/work folder\")", "WaitForStarter()", "Fork()", "PassTermOn(300)", "Exit(0)"));
+}
+
+TEST_F(Daemon, AStopOfTheStartingProcessGoesOnToItsChild)
+{
+    m_system.forks = {300};
+    m_system.onFork = [this] { m_system.SendTerm(CFakeSystem::Stranger); };
+    EXPECT_EQ(RunToEnd().status, 0);
+    EXPECT_EQ(Journal({"Signal"}), Lines{"SignalProcess(300, TERM)"});
+}
+
+TEST_F(Daemon, AStopOfTheFirstChildGoesOnToTheSupervisor)
+{
+    m_system.forks = {0, 301};
+    m_system.onFork = [this] { m_system.SendTerm(CFakeSystem::Stranger); };
+    EXPECT_EQ(RunToEnd().status, 0);
+    EXPECT_EQ(Journal({"Signal"}), Lines{"SignalProcess(301, TERM)"});
 }
 
 TEST_F(Daemon, AWorkFolderThatTheLocaleCannotNameIsTheEmptyPath)
@@ -213,9 +229,10 @@ TEST_F(Daemon, TheSupervisorLetsItsStreamsGoBeforeItWritesThePidFile)
     EXPECT_EQ(Run(), 0);
     EXPECT_THAT(Journal(), ElementsAreArray(Lines{"ReadPidFile(\"/var/run/vx_agent.pid\")",
                                                   "TakeInstanceLock(\"/var/run/vx_agent.pid.lock\")", "ResetSignals()",
-                                                  "Fork()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
-                                                  "ChangeFolder(\"/work folder\")", "Fork()", "StreamsToNull()",
-                                                  "TightenFileMode()", "WritePidFile(\"/var/run/vx_agent.pid\")"}
+                                                  "ForkFirstChild()", "NewSession()",
+                                                  "Dom.GetWxString(\"app.path.work\")",
+                                                  "ChangeFolder(\"/work folder\")", "WaitForStarter()", "Fork()",
+                                                  "StreamsToNull()", "TightenFileMode()", "WritePidFile(\"/var/run/vx_agent.pid\")"}
                                             + StartLines(0)
                                             + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"}
                                             + GoneLines()));
@@ -539,7 +556,7 @@ TEST_F(Daemon, AStopBetweenPidFileAndHandlerReachesTheFirstChild)
     answers().onWritePidFile = [this](const wxString&) { m_system.SendTerm(CFakeSystem::Stranger); };
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);
-    EXPECT_THAT(Journal({"ForkWorker", "HandleTerm", "SignalOwnGroup", "RemoveFile", "Wait"}),
+    EXPECT_THAT(Journal({"ForkWorker", "HandleTerm", "SignalOwnGroup", "RemoveFile", "Wait("}),
                 ElementsAre("ForkWorker()", "HandleTerm(handler)", "RemoveFile(\"/var/run/vx_agent.pid\")",
                             "SignalOwnGroup(TERM)", "Wait(5000)"));
 }
@@ -620,6 +637,28 @@ TEST_F(Daemon, AStopWhileItEndsLeavesTheFileOfANewInstanceAlone)
     FakeCore::ClearJournal();
     EXPECT_THROW(m_system.SendTerm(CFakeSystem::Stranger), CEnded);
     EXPECT_THAT(Journal(), ElementsAre("SignalOwnGroup(TERM)", "ExitNow(0)"));
+}
+
+TEST_F(Daemon, AStopWhileItTakesItsPidFileAwayLeavesNoFile)
+{
+    DetachToSupervisor();
+    m_system.ChildEnds(5 << 8);
+    m_system.onRemoveFile = [this] { m_system.SendTerm(CFakeSystem::Stranger); };
+    const CEnded ended = RunToEnd();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_TRUE(ended.atOnce);
+    EXPECT_THAT(Journal({"RemoveFile", "ReleaseInstanceLock", "ExitNow"}),
+                ElementsAreArray(GoneLines() + Lines{"ExitNow(0)"}));
+}
+
+TEST_F(Daemon, AStopAfterAFailedWaitLeavesNoFileAndEndsAtOnce)
+{
+    DetachToSupervisor();
+    m_system.waits.push_back([] { return -ECHILD; });
+    m_system.onRemoveFile = [this] { m_system.SendTerm(CFakeSystem::Stranger); };
+    EXPECT_TRUE(RunToEnd().atOnce);
+    EXPECT_THAT(Journal({"RemoveFile", "ReleaseInstanceLock", "ExitNow"}),
+                ElementsAreArray(GoneLines() + Lines{"ExitNow(0)"}));
 }
 
 TEST_F(Daemon, KeepsTheNameOfThePidFileForTheHandler)

@@ -189,6 +189,66 @@ TEST(ProcessSystem, AWorkerWhoseSupervisorEndsGetsASigterm)
     ::waitpid(supervisor, nullptr, 0);
 }
 
+TEST(ProcessSystem, TheFirstChildWaitsForTheEndOfTheStartingProcess)
+{
+    CPipe go;
+    CPipe told;
+    const pid_t starter = ::fork();
+    if (starter == 0) {
+        if (System().ForkFirstChild() == 0) {
+            go.CloseEnd(1);
+            told.Write('r');
+            System().WaitForStarter();
+            System().WaitForStarter(); // nobody is there any more
+            told.Write('c');
+            ::_exit(0);
+        }
+        go.CloseEnd(1);
+        go.Read();
+        told.Write('s');
+        ::_exit(0);
+    }
+    EXPECT_EQ(told.Read(), 'r');
+    ::usleep(20000);
+    go.CloseEnd(1);
+    EXPECT_EQ(told.Read(), 's');
+    EXPECT_EQ(told.Read(), 'c');
+    ::waitpid(starter, nullptr, 0);
+}
+
+TEST(ProcessSystem, APendingSigtermIsPassedOnUnlessItCameFromThere)
+{
+    enum EPending { Nothing, FromElsewhere, FromTheNext };
+    for (const EPending pending : {Nothing, FromElsewhere, FromTheNext})
+        EXPECT_EQ(InChild([pending] {
+                      System().ResetSignals();
+                      CPipe go;
+                      CPipe ready;
+                      const pid_t self = ::getpid();
+                      const pid_t next = System().Fork();
+                      if (next == 0) {
+                          go.CloseEnd(1);
+                          if (pending == FromTheNext)
+                              System().SignalProcess(self, SIGTERM);
+                          ready.Write('r');
+                          go.Read();
+                          System().UnblockTerm(); // ends this process when it was sent one
+                          ::_exit(7);
+                      }
+                      ready.Read();
+                      if (pending == FromElsewhere)
+                          ::raise(SIGTERM);
+                      System().PassTermOn(next);
+                      go.CloseEnd(1);
+                      int status = 0;
+                      ::waitpid(next, &status, 0);
+                      const bool passed = WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM;
+                      return passed == (pending == FromElsewhere) ? 0 : 1;
+                  }),
+                  0)
+            << pending;
+}
+
 TEST(ProcessSystem, SignalsLeftByTheStarterAreReset)
 {
     EXPECT_EQ(InChild([] {

@@ -10,7 +10,8 @@
 // away gives up the lock with it, and touches neither again.
 //
 // SIGTERM is blocked from before the first fork until pass_signal is in place, and around every later fork, so that a stop
-// meets either pass_signal or a child that keeps it pending until its run sequence takes it.
+// meets either pass_signal or a child that keeps it pending until its run sequence takes it. The two starting processes pass one
+// that is pending with them on to the next: who starts the agent knows the first one's pid only, and may think better of it.
 
 #include "vex/apps/vex/daemon.h"
 
@@ -54,8 +55,10 @@ void GiveUpPidFile()
 {
     if (!s_stop.ownsPidFile)
         return;
-    s_stop.ownsPidFile = 0;
+    // First the file: a stop that comes between ends the process, and must not find it given up and still there. It then
+    // removes it once more, which does no harm while the lock keeps everybody else out.
     s_stop.system->RemoveFile(s_stop.pidFile);
+    s_stop.ownsPidFile = 0;
     s_stop.system->ReleaseInstanceLock();
 }
 
@@ -161,25 +164,31 @@ std::optional<int> CDaemon::Detach()
 {
     AssertSingleThread();
     m_system.ResetSignals();
-    pid_t pid = m_system.Fork();
+    pid_t pid = m_system.ForkFirstChild();
     if (pid < 0) {
         wxLogSysError("Unable to fork");
         return -1;
     }
-    if (pid > 0)
+    if (pid > 0) {
+        m_system.PassTermOn(pid);
         m_system.Exit(0);
+    }
 
     s_stop.group = m_system.NewSession();
     const wxString work = m_dom->GetWxString("app.path.work");
     const wxCharBuffer folder = work.mb_str(wxConvLibc);
     m_system.ChangeFolder(folder.data() ? folder.data() : "");
+    // What it passes on must find this process here.
+    m_system.WaitForStarter();
     pid = m_system.Fork();
     if (pid < 0) {
         wxLogSysError("Unable to do 2nd fork");
         return -1;
     }
-    if (pid > 0)
+    if (pid > 0) {
+        m_system.PassTermOn(pid);
         m_system.Exit(0);
+    }
 
     m_system.StreamsToNull();
     m_system.TightenFileMode();
@@ -238,12 +247,13 @@ std::optional<int> CDaemon::Supervise()
         if (!child)
             return std::nullopt;
         int waitStatus = 0;
-        if (*child < 0 || !WaitForChild(*child, waitStatus)) {
+        const bool ended = *child > 0 && WaitForChild(*child, waitStatus);
+        // In this order: a stop that finds no child ends the process, so none can come between unseen.
+        s_stop.childRuns = 0;
+        if (!ended) {
             GiveUpPidFile();
             return -1;
         }
-        // In this order: a stop that finds no child ends the process, so none can come between unseen.
-        s_stop.childRuns = 0;
         const bool stopping = s_stop.handled != 0;
 
         const CChildEnd end = JudgeChildEnd(waitStatus, ::strsignal(SignalOfWaitStatus(waitStatus)), stopping);

@@ -43,7 +43,11 @@ public:
     /// 0 in the child, the child's id in the parent, -1 on failure. What standard output holds is written out first, so that
     /// it is not written twice.
     virtual pid_t Fork() = 0;
-    /// The same for the working child, which in addition holds the worker lock and gets a SIGTERM when this process ends.
+    /// The same for the first child of a start, which can tell that this process has ended.
+    virtual pid_t ForkFirstChild() = 0;
+    /// In that child: waits for the end of the process that forked it, for a few seconds at most.
+    virtual void WaitForStarter() = 0;
+    /// A fork of the working child, which in addition holds the worker lock and gets a SIGTERM when this process ends.
     /// A child whose parent is gone already ends before it does anything.
     virtual pid_t ForkWorker() = 0;
     /// Becomes leader of a new session and group; the group's id, -1 on failure. SIGHUP is again what it was before
@@ -74,6 +78,9 @@ public:
     virtual void BlockTerm() = 0;
     virtual void UnblockTerm() = 0;
     virtual void BlockChild() = 0;
+    /// Sends SIGTERM to `process` when one is pending here that did not come from it: the supervisor's own group-wide one finds
+    /// the first child alive at times.
+    virtual void PassTermOn(pid_t process) = 0;
     /// Installs `handler` for SIGTERM with SA_SIGINFO and SIGTERM in its mask; null is the default disposition.
     virtual void HandleTerm(VexSignalAction handler) = 0;
 

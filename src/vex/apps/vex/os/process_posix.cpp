@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -90,6 +91,35 @@ public:
         return ::fork();
     }
 
+    pid_t ForkFirstChild() override
+    {
+        int ends[2];
+        const bool followed = ::pipe(ends) == 0;
+        const pid_t child = Fork();
+        if (!followed)
+            return child;
+        if (child != 0) {
+            // Nothing is ever written: the other end closes with this process.
+            ::close(ends[0]);
+            return child;
+        }
+        ::close(ends[1]);
+        m_starterEnd = ends[0];
+        return 0;
+    }
+
+    void WaitForStarter() override
+    {
+        if (m_starterEnd < 0)
+            return;
+        // One that its terminal has stopped, say, must not keep the agent from starting for ever.
+        constexpr int limitMs = 5000;
+        struct pollfd wait = {m_starterEnd, POLLIN, 0};
+        ::poll(&wait, 1, limitMs);
+        ::close(m_starterEnd);
+        m_starterEnd = -1;
+    }
+
     pid_t ForkWorker() override
     {
         PrepareToBeFollowed();
@@ -159,6 +189,17 @@ public:
     void UnblockTerm() override { ChangeMask(SIG_UNBLOCK, SIGTERM); }
     void BlockChild() override { ChangeMask(SIG_BLOCK, SIGCHLD); }
 
+    void PassTermOn(pid_t process) override
+    {
+        sigset_t term;
+        sigemptyset(&term);
+        sigaddset(&term, SIGTERM);
+        siginfo_t information;
+        const timespec noWait = {0, 0};
+        if (::sigtimedwait(&term, &information, &noWait) == SIGTERM && information.si_pid != process)
+            VexCore::SendSignal(process, SIGTERM);
+    }
+
     void HandleTerm(VexSignalAction handler) override
     {
         if (!handler) {
@@ -226,6 +267,7 @@ private:
 
     volatile int m_instanceLock = -1; // a signal handler closes it
     int m_workerLock = -1;
+    int m_starterEnd = -1; // of a pipe whose other end is the starting process's
     struct sigaction m_hangup = {}; // the starter's, while it is ignored
 };
 
