@@ -8,6 +8,7 @@ import os
 import shutil
 import signal
 import subprocess
+import tempfile
 import time
 
 import pytest
@@ -20,6 +21,8 @@ SANITIZED = os.environ.get("VEX_SANITIZED") == "1"
 CLONE_NEWNS, MS_REC, MS_PRIVATE, MNT_DETACH = 0x00020000, 0x4000, 0x40000, 2
 # A sanitizer build takes its time; what waits for it is patient and still ends.
 PATIENCE = 60 if SANITIZED else 30
+# Somebody without rights, for tests that are not to run as root alone.
+ORDINARY_USER = 1000
 
 # Whoever started the run may have it ignore signals, as a shell does for its background jobs; agents would inherit that.
 for _number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTERM):
@@ -49,6 +52,8 @@ def unmount(folder):
 def pytest_configure(config):
     config.addinivalue_line("markers", "fast: also run in the sanitizer builds of a plain ./test")
     config.addinivalue_line("markers", "sandbox: needs namespaces of its own; skips where there are none")
+    config.addinivalue_line("markers", "any_user(always=False): once as root and once with a tree whose agent an ordinary user starts; "
+                            "the latter with VEX_FULL=1 only, or always")
     config.addinivalue_line("markers", "slow: takes minutes of real time; started first, so that the others run beside it")
     is_worker = hasattr(config, "workerinput") or not config.getoption("numprocesses", None)
     config.have_sandbox = is_worker and _own_mounts()
@@ -56,6 +61,21 @@ def pytest_configure(config):
 
 def pytest_collection_modifyitems(items):
     items.sort(key=lambda item: item.get_closest_marker("slow") is None)
+
+
+def pytest_generate_tests(metafunc):
+    mark = metafunc.definition.get_closest_marker("any_user")
+    if mark and "tree" in metafunc.fixturenames:
+        users = [pytest.param(None, id="root")]
+        if FULL or mark.kwargs.get("always"):
+            users.append(pytest.param(ORDINARY_USER, id="ordinary user"))
+        metafunc.parametrize("tree", users, indirect=True)
+
+
+def require_ordinary_user():
+    with open("/proc/self/uid_map") as file:
+        if not any(int(first) <= ORDINARY_USER < int(first) + int(count) for first, _, count in map(str.split, file)):
+            pytest.skip("NO SECOND USER in this user namespace")
 
 
 @pytest.fixture(autouse=True)
@@ -70,6 +90,25 @@ def _fresh_system_folders(request):
     yield
     for folder in ("/opt", "/run"):
         unmount(folder)
+
+
+@pytest.fixture(autouse=True)
+def _no_sanitizer_report(request, monkeypatch):
+    """What goes into the background has no standard error: sanitizers get a file, which must not be there in the end."""
+    if not SANITIZED or request.node.get_closest_marker("sandbox") is None:
+        yield
+        return
+    with tempfile.TemporaryDirectory(prefix="vex-sanitizer-") as folder:
+        os.chmod(folder, 0o1777)
+        for variable in ("ASAN_OPTIONS", "UBSAN_OPTIONS"):
+            monkeypatch.setenv(variable, ":".join(filter(None, (os.environ.get(variable), f"log_path={folder}/report"))))
+        yield
+        reports = []
+        for name in sorted(os.listdir(folder)):
+            with open(os.path.join(folder, name), errors="replace") as file:
+                reports.append(file.read())
+    if reports:
+        pytest.fail("\n".join(reports))
 
 
 def send_signal(pid, number):
@@ -130,14 +169,20 @@ class Result:
 
 
 class Tree:
-    """A tree of the agent in a folder of its own, ready to be changed: hard links to the staged files."""
+    """A tree of the agent in a folder of its own, ready to be changed: hard links to the staged files. With `user` its
+    processes are that user's, who may write in its folders and in /run; who else owns the files stays as it is."""
 
-    def __init__(self, folder, stage=STAGE):
+    def __init__(self, folder, stage=STAGE, user=None):
         self.path = str(folder)
         self.work = os.path.join(self.path, "work")
+        self.identity = {} if user is None else {"user": user, "group": user, "extra_groups": []}
         self._started = []
         subprocess.run(["cp", "-al", stage + "/.", self.path], check=True)
         shutil.rmtree(self.work, ignore_errors=True)
+        if user is not None:
+            for inner, _, _ in os.walk(self.path):
+                os.chown(inner, user, user)
+            os.chown("/run", user, user)
 
     def file(self, name, content=None):
         """The path of a file of the tree; with `content` (text or bytes) the file is written."""
@@ -168,15 +213,16 @@ class Tree:
     def start(self, *arguments, name="vx_agent", env=None, **options):
         """Starts a process of the tree; the fixture ends it with the test."""
         process = subprocess.Popen([os.path.join(self.path, name), *arguments], stdin=subprocess.DEVNULL,
-                                   env=dict(os.environ, **(env or {})), **options)
+                                   env=dict(os.environ, **(env or {})), **{**self.identity, **options})
         self._started.append(process)
         return process
 
-    def run(self, *arguments, name="vx_agent", env=None, timeout=None, cwd=None, prefix=(), executable=None):
-        """Runs to the end. A run that does not end is killed and fails the test: SIGINT and SIGTERM are blocked in it."""
+    def run(self, *arguments, name="vx_agent", env=None, timeout=None, cwd=None, prefix=(), executable=None, **options):
+        """Runs to the end. A run that does not end is killed and fails the test: SIGINT and SIGTERM are blocked in it.
+        `options` are those of Popen."""
         command = [*prefix, executable or os.path.join(self.path, name), *arguments]
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                   env=dict(os.environ, **(env or {})), cwd=cwd)
+                                   env=dict(os.environ, **(env or {})), cwd=cwd, **{**self.identity, **options})
         self._started.append(process)
         try:
             out, err = process.communicate(timeout=timeout or PATIENCE)
@@ -204,9 +250,9 @@ class Tree:
         return pid if ours else 0
 
     def background(self, *arguments, name="vx_agent", **options):
-        """Starts in the background and returns (supervisor, child) once both run."""
-        status = self.run("--background", *arguments, name=name, **options).status
-        assert status == 0, f"the starting process ended with {status}"
+        """Starts in the background, which must go without a word, and returns (supervisor, child) once both run."""
+        result = self.run("--background", *arguments, name=name, **options)
+        assert (result.status, result.out, result.err) == (0, "", "")
         supervisor = wait_until(lambda: self.supervisor(name), what="pid file")
         self._started.append(supervisor)
         child = wait_until(lambda: next(iter(children(supervisor)), 0), what="working child")
@@ -242,10 +288,22 @@ class Tree:
 
 
 @pytest.fixture
-def tree(tmp_path):
+def tree(request, tmp_path):
     """A fresh tree. Its name has a blank and a letter beyond ASCII, on purpose."""
-    folder = tmp_path / "agent é tree"
-    folder.mkdir()
-    made = Tree(folder)
+    user = getattr(request, "param", None)
+    if user is None:
+        yield from _made_in(str(tmp_path), None)
+        return
+    require_ordinary_user()
+    # Elsewhere, because pytest's folders are closed to other users.
+    with tempfile.TemporaryDirectory(prefix="vex-tree-", ignore_cleanup_errors=True) as folder:
+        os.chmod(folder, 0o755)
+        yield from _made_in(folder, user)
+
+
+def _made_in(outer, user):
+    folder = os.path.join(outer, "agent é tree")
+    os.mkdir(folder)
+    made = Tree(folder, user=user)
     yield made
     made.end_all()

@@ -1,8 +1,11 @@
 // A native module for Lua code: a function that crashes in the way that its argument names.
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
 #include <lua.hpp>
+
+#include <pthread.h>
 
 namespace {
 
@@ -36,9 +39,21 @@ volatile int sink = 0;
     return 1;
 }
 
+/// Dies of SIGTERM, as a process does that has no handler for it.
+[[noreturn]] void EndByTerm()
+{
+    std::signal(SIGTERM, SIG_DFL);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    std::raise(SIGTERM);
+    std::abort();
+}
+
 int Crash(lua_State* L)
 {
-    static const char* const ways[] = {"null", "abort", "overflow", "table", nullptr};
+    static const char* const ways[] = {"null", "abort", "overflow", "term", "table", nullptr};
     switch (luaL_checkoption(L, 1, "null", ways)) {
     case 0:
         return CrashInModule(L);
@@ -46,6 +61,8 @@ int Crash(lua_State* L)
         std::abort();
     case 2:
         return OverflowStack(0);
+    case 3:
+        EndByTerm();
     default:
         return DamageTable(L);
     }

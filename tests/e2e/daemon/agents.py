@@ -1,5 +1,6 @@
-"""Applications and log reading for the daemon scenarios."""
+"""Applications for the daemon scenarios, and the whole of what a run may leave in the log."""
 import re
+import signal
 
 # Tells on disk what it did, so that a test sees the order of a process that has no terminal.
 LIFE = """
@@ -13,27 +14,72 @@ function M.shutdown() note("shutdown"); return tonumber(os.getenv("VEX_TEST_SHUT
 return M
 """
 
+PID_FILE = "/var/run/probe.pid"
+
 CAUGHT = ("WARNING", "sigwait(): caught signal 15")
-ENDED = ("INFO", "Child process exited with status 0 (exit 0)")
-
-_RECORD = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d ([A-Z]+) \[(\d+)/([^\]]*)\] (.*)$")
-
-
 # A stop interrupts the supervisor's wait for its child; when it comes between two system calls, it does not.
 INTERRUPTED = ("WARNING", "Waiting for child process interrupted - Try again")
+REFUSED = ("ERROR", f"{PID_FILE} present, exiting")
+
+
+def exited(code):
+    return ("INFO", f"Child process exited with status {code << 8} (exit {code})")
+
+
+def killed(number):
+    return ("INFO", f"Child process exited with status {int(number)} (signal {int(number)}: {signal.strsignal(number)})")
+
+
+def delayed(restart):
+    return ("INFO", f"Delaying {1000 << (restart - 1)}ms before restart {restart}")
+
+
+def stale(pid):
+    return ("INFO", f"{PID_FILE} present (pid={pid}), but doesn't seem to be running.")
+
+
+def still_ending(pid):
+    return ("INFO", f"The child process of an earlier start (pid={pid}) is still ending, waiting for it.")
+
+
+ENDED = exited(0)
+
+_RECORD = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d ([A-Z]+) \[\d+/[^\]]+\] (.*)")
 
 
 def records(log):
-    """The log's records as (level, text), without trace lines and interrupted waits; continuation lines are joined to
-    their record."""
+    """All records of a log as (level, text); what follows a record's line break stands in its text, without the indent. A
+    line that is neither fails the test."""
     found = []
     for line in log.splitlines():
-        match = _RECORD.match(line)
+        match = _RECORD.fullmatch(line)
         if match:
-            found.append((match.group(1), match.group(4)))
-        elif found:
+            found.append((match.group(1), match.group(2)))
+        else:
+            assert found and line.startswith(" "), f"a line that belongs to no record: {line!r}"
             found[-1] = (found[-1][0], found[-1][1] + "\n" + line.strip())
-    return [record for record in found if record[0] != "TRACE" and record != INTERRUPTED]
+    return found
+
+
+def uninterrupted(lines, stops):
+    """The records without the interrupted waits, of which each of so many stops explains one."""
+    assert lines.count(INTERRUPTED) <= stops, lines
+    return [line for line in lines if line != INTERRUPTED]
+
+
+def check_log(tree, *expected, name="probe", stops=1):
+    """The log holds these records, (level, text or pattern), and no other line. `stops` is the number of SIGTERMs that a
+    supervisor got while its child ran."""
+    lines = uninterrupted(records(tree.log(name)), stops)
+    same = len(lines) == len(expected) and all(
+        level == wanted_level and (text == wanted if isinstance(wanted, str) else wanted.fullmatch(text) is not None)
+        for (level, text), (wanted_level, wanted) in zip(lines, expected))
+    assert same, "the log holds\n  " + "\n  ".join(map(str, lines)) + "\ninstead of\n  " + "\n  ".join(map(str, expected))
+
+
+def check_silent(result, status=0):
+    """A run that ended with this status and wrote nothing."""
+    assert (result.status, result.out, result.err) == (status, "", ""), result.err
 
 
 def life(tree):

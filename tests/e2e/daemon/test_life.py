@@ -2,13 +2,14 @@
 import ast
 import os
 import re
+import shutil
 import signal
 import subprocess
 import time
 
 import pytest
 
-from agents import CAUGHT, ENDED, LIFE, life, records
+from agents import CAUGHT, ENDED, LIFE, PID_FILE, check_log, delayed, exited, killed, life, stale
 from conftest import BUILD, FULL, SANITIZED, alive, children, send_signal, switches, wait_until
 
 pytestmark = pytest.mark.sandbox
@@ -25,6 +26,7 @@ def stat_of(pid):
 
 
 @pytest.mark.fast
+@pytest.mark.any_user(always=True)
 @pytest.mark.parametrize("name", ["probe", "vx_agent"])
 def test_it_starts_in_the_background_and_stops_in_order(tree, name):
     arguments = []
@@ -39,14 +41,30 @@ def test_it_starts_in_the_background_and_stops_in_order(tree, name):
     assert life(tree) == ["init", "main", "shutdown"]
     assert not alive(child)
     assert not os.path.exists(f"/var/run/{name}.pid")
-    lines = records(tree.log(name))
-    if name == "vx_agent":
-        assert lines.pop(0) == ("INFO", "VEX 10.0.0.4015 starting.")
-        level, banner = lines.pop()
-        assert level == "INFO" and banner.startswith("VEX 10.0.0.4015 exiting. Run time was 0d 00:00:0")
-    assert lines == [CAUGHT, ENDED]
+    if name == "probe":
+        check_log(tree, CAUGHT, ENDED)
+        return
+    check_log(tree, ("INFO", "VEX 10.0.0.4015 starting."),
+              traced("ExpandZippath", "zipFilespec: "),
+              traced("ExpandZippath", f"app.lua.zippath '{tree.path}/vex_core/vx_agent.vxe;{tree.path}/vex_core/vex.vxe' "),
+              *run_of_a_chunk(), *run_of_a_method("init"), *run_of_a_method("main"), CAUGHT, *run_of_a_method("shutdown"), ENDED,
+              ("INFO", re.compile(r"VEX 10\.0\.0\.4015 exiting\. Run time was 0d 00:00:\d\d\.\d{3}")), name=name)
 
 
+# The launcher's own trace, which is on under the agent's own name.
+def traced(function, text):
+    return ("TRACE", re.compile(rf"Appl {function}\(vex/apps/vex/vex:\d+\): {re.escape(text)}"))
+
+
+def run_of_a_chunk():
+    return [traced("RunChunk", "Running chunk 'vx_agent'"), traced("RunChunk", "Chunk produced a return value of 0")]
+
+
+def run_of_a_method(method):
+    return [traced("RunAppMethod", f"Running app's Lua method '{method}'"), *run_of_a_chunk()]
+
+
+@pytest.mark.any_user
 def test_the_supervisor_is_what_the_documents_say(tree):
     tree.app("probe", LIFE)
     supervisor, child = tree.background(name="probe")
@@ -63,7 +81,10 @@ def test_the_supervisor_is_what_the_documents_say(tree):
     opened = [os.readlink(f"/proc/{supervisor}/fd/{fd}") for fd in os.listdir(f"/proc/{supervisor}/fd")]
     assert not [name for name in opened if name.endswith(".db") or "-journal" in name or "-wal" in name]
     assert int(stat_of(child)[3]) == session
+    owner = tree.identity.get("user", 0)
+    assert {os.stat(path).st_uid for path in (f"/proc/{supervisor}", f"/proc/{child}", PID_FILE)} == {owner}
     tree.stop(supervisor)
+    check_log(tree, CAUGHT, ENDED)
 
 
 @pytest.mark.skipif(SANITIZED, reason="a sanitizer has memory and threads of its own")
@@ -76,6 +97,7 @@ def test_supervisor_and_child_do_nothing_while_nothing_happens(tree):
     time.sleep(seconds)
     assert (switches(supervisor), switches(child)) == before
     tree.stop(supervisor)
+    check_log(tree, CAUGHT, ENDED)
 
 
 @pytest.mark.skipif(SANITIZED, reason="a sanitizer has memory and threads of its own")
@@ -93,24 +115,27 @@ def test_the_supervisor_needs_at_most_two_mebibytes_more_than_an_empty_wx_progra
     empty.kill()
     empty.wait()
     tree.stop(supervisor)
+    check_log(tree, CAUGHT, ENDED)
     print(f"private: supervisor {ours} KiB, empty wx program {theirs} KiB")
     assert ours - theirs <= 2048
 
 
+@pytest.mark.any_user
 @pytest.mark.parametrize("step,expected", [("INIT", ["init"]), ("MAIN", ["init", "main"])])
 @pytest.mark.parametrize("status", [1, 5, 255])
 def test_a_status_of_the_child_ends_the_supervisor_with_it(tree, step, expected, status):
     tree.app("probe", LIFE)
     # The supervisor's own status is seen by the process that adopts it: here a subreaper.
-    code = run_adopted(tree, [], {f"VEX_TEST_{step}": str(status)})
+    code = run_adopted(tree, {f"VEX_TEST_{step}": str(status)})
     assert code == status
     assert life(tree) == expected
-    assert not os.path.exists("/var/run/probe.pid")
-    assert records(tree.log("probe")) == [("INFO", f"Child process exited with status {status << 8} (exit {status})")]
+    assert not os.path.exists(PID_FILE)
+    check_log(tree, exited(status), stops=0)
 
 
-def run_adopted(tree, arguments, env=None, action=None, name="probe"):
-    """Starts in the background below a subreaper that waits for the orphaned supervisor; returns its wait status."""
+def run_adopted(tree, env=None, action=None):
+    """Starts in the background below a subreaper that waits for the orphaned supervisor; returns its exit code. `action` gets
+    the supervisor's pid. Nobody writes a word."""
     script = """
 import ctypes, os, sys
 ctypes.CDLL(None).prctl(36, 1, 0, 0, 0)
@@ -124,31 +149,38 @@ while True:
     status[pid] = os.waitstatus_to_exitcode(code)
 print(repr(status))
 """
-    reaper = subprocess.Popen(["/usr/bin/python3", "-c", script, os.path.join(tree.path, name), "--background", *arguments],
-                              env=dict(os.environ, **(env or {})), stdout=subprocess.PIPE, text=True)
+    reaper = subprocess.Popen(["/usr/bin/python3", "-c", script, os.path.join(tree.path, "probe"), "--background"],
+                              env=dict(os.environ, **(env or {})), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                              **tree.identity)
     tree._started.append(reaper)
+    supervisor = 0
     if action:
-        supervisor = wait_until(lambda: tree.pid_file(name), what="pid file")
+        supervisor = wait_until(lambda: tree.supervisor("probe"), what="pid file")
         action(supervisor)
-    out, _ = reaper.communicate(timeout=150)
-    statuses = ast.literal_eval(out.splitlines()[-1])
-    # The supervisor has the last word in the log.
-    supervisor = int(re.findall(r" \[(\d+)/main\] ", tree.log(name))[-1])
-    return statuses[supervisor]
+    out, err = reaper.communicate(timeout=150)
+    assert (out.count("\n"), err) == (1, "")
+    # Without a stop it is the supervisor that has the last word in the log.
+    return ast.literal_eval(out)[supervisor or int(re.findall(r" \[(\d+)/main\] ", tree.log("probe"))[-1])]
 
 
+@pytest.mark.any_user
 def test_a_stop_ends_the_supervisor_with_the_status_of_shutdown(tree):
     tree.app("probe", LIFE)
 
     def stop(supervisor):
         wait_until(lambda: "main" in life(tree), what="main")
         send_signal(supervisor, signal.SIGTERM)
-    assert run_adopted(tree, [], {"VEX_TEST_SHUTDOWN": "4"}, stop) == 4
-    assert life(tree)[-1] == "shutdown"
+    assert run_adopted(tree, {"VEX_TEST_SHUTDOWN": "4"}, stop) == 4
+    assert life(tree) == ["init", "main", "shutdown"]
+    check_log(tree, CAUGHT, exited(4))
 
 
-@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGSEGV, signal.SIGABRT, signal.SIGILL, signal.SIGTRAP, signal.SIGFPE,
-                                    signal.SIGBUS])
+CRASHES = (signal.SIGILL, signal.SIGTRAP, signal.SIGABRT, signal.SIGSEGV)
+WITH_A_DUMP = CRASHES + (signal.SIGFPE, signal.SIGBUS)
+
+
+@pytest.mark.any_user
+@pytest.mark.parametrize("number", [signal.SIGKILL, *WITH_A_DUMP, signal.SIGQUIT])
 def test_a_child_killed_by_a_signal_is_reported_and_restarted_after_a_second(tree, number):
     tree.app("probe", LIFE)
     supervisor, child = tree.background(name="probe")
@@ -157,27 +189,37 @@ def test_a_child_killed_by_a_signal_is_reported_and_restarted_after_a_second(tre
     again = wait_until(lambda: [pid for pid in children(supervisor) if pid != child], what="the restarted child")[0]
     wait_until(lambda: life(tree).count("main") == 2, what="second main")
     assert again != child
-    crashed = number in (signal.SIGILL, signal.SIGTRAP, signal.SIGABRT, signal.SIGSEGV)
-    lines = records(tree.log("probe"))
-    word = "crashed" if crashed else "exited"
-    mine = [line for line in lines if line[1].startswith(f"Child process {word} with status ")]
-    assert len(mine) == 1 and mine[0][0] == ("ERROR" if crashed else "INFO"), lines
-    assert mine[0][1].endswith(f"(signal {int(number)}: {signal.strsignal(number)})")
-    assert ("INFO", "Delaying 1000ms before restart 1") in lines
     tree.stop(supervisor)
-    assert life(tree)[-1] == "shutdown"
+    assert life(tree) == ["init", "main"] * 2 + ["shutdown"]
+    dump = re.escape(os.path.join(tree.work, "plugins", "diag", "probe.mdmp"))
+    told = [("FATAL", re.compile(rf"probe crashed: signal {int(number)} \({number.name}\), thread \d+; crash dump: {dump}"))]
+    # Where the system leaves a core, the raw status says so.
+    end = re.compile(rf"Child process {'crashed' if number in CRASHES else 'exited'} with status ({int(number)}|{int(number) | 128}) "
+                     rf"\(signal {int(number)}: {re.escape(signal.strsignal(number))}\)")
+    check_log(tree, *told * (number in WITH_A_DUMP), ("ERROR" if number in CRASHES else "INFO", end), delayed(1), CAUGHT, ENDED)
 
 
 def test_a_child_killed_by_sigterm_ends_the_supervisor_with_zero(tree):
-    # A thread that does not block SIGTERM takes it at once; the default action, by contrast, needs an unhandled one.
-    tree.app("probe", "return { init = function() return 0 end }")
-    supervisor, child = tree.background(name="probe")
-    time.sleep(0.5)
-    send_signal(child, signal.SIGTERM)
-    wait_until(lambda: not alive(supervisor), what="end of the supervisor")
-    assert records(tree.log("probe"))[-1][1].startswith("Child process exited with status 0 (exit 0)")
+    shutil.copy(os.path.join(BUILD, "tests", "luacrash.so"), tree.file("lib/luacrash.so"))
+    tree.app("probe", "return { main = function() require('luacrash')('term') end }")
+    assert run_adopted(tree) == 0
+    assert not os.path.exists(PID_FILE)
+    check_log(tree, killed(signal.SIGTERM), stops=0)
 
 
+@pytest.mark.any_user
+def test_a_stop_signal_at_the_child_alone_is_an_orderly_stop_too(tree):
+    tree.app("probe", LIFE)
+
+    def stop(supervisor):
+        wait_until(lambda: "main" in life(tree), what="main")
+        send_signal(children(supervisor)[0], signal.SIGTERM)
+    assert run_adopted(tree, {"VEX_TEST_SHUTDOWN": "6"}, stop) == 6
+    assert life(tree) == ["init", "main", "shutdown"] and not os.path.exists(PID_FILE)
+    check_log(tree, CAUGHT, exited(6), stops=0)
+
+
+@pytest.mark.any_user
 @pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGUSR1, signal.SIGINT, signal.SIGKILL])
 def test_a_supervisor_that_dies_of_a_signal_takes_its_child_along_in_order(tree, number):
     tree.app("probe", LIFE)
@@ -186,15 +228,12 @@ def test_a_supervisor_that_dies_of_a_signal_takes_its_child_along_in_order(tree,
     send_signal(supervisor, number)
     wait_until(lambda: not alive(supervisor) and not alive(child), what="end of both")
     assert life(tree) == ["init", "main", "shutdown"]
-    assert os.path.exists("/var/run/probe.pid")
-    before = len(records(tree.log("probe")))
+    assert os.path.exists(PID_FILE)
     again, _ = tree.background(name="probe")
     wait_until(lambda: life(tree).count("main") == 2, what="second main")
     assert again != supervisor
-    stale = records(tree.log("probe"))[before:]
-    assert [line for line in stale if "doesn't seem to be running" in line[1]] == [
-        ("INFO", f"/var/run/probe.pid present (pid={supervisor}), but doesn't seem to be running.")]
     tree.stop(again)
+    check_log(tree, CAUGHT, stale(supervisor), CAUGHT, ENDED)
 
 
 SLOW = """
@@ -210,6 +249,7 @@ return M
 """
 
 
+@pytest.mark.any_user
 @pytest.mark.parametrize("step", ["init", "main"])
 def test_a_stop_during_init_or_main_is_taken_after_main(tree, step):
     tree.app("probe", SLOW)
@@ -219,6 +259,7 @@ def test_a_stop_during_init_or_main_is_taken_after_main(tree, step):
     expected = {"init": ["init", "init-end", "main", "shutdown"], "main": ["init", "main", "main-end", "shutdown"]}
     assert life(tree) == expected[step]
     assert not alive(child)
+    check_log(tree, CAUGHT, ENDED)
 
 
 def test_a_second_stop_signal_at_the_child_cuts_shutdown_short(tree):
@@ -230,10 +271,11 @@ def test_a_second_stop_signal_at_the_child_cuts_shutdown_short(tree):
     wait_until(lambda: "shutdown" in life(tree), what="shutdown")
     send_signal(child, signal.SIGTERM)
     wait_until(lambda: not alive(supervisor), what="end of the supervisor")
-    assert "shutdown-end" not in life(tree)
-    assert records(tree.log("probe"))[-1] == ENDED
+    assert life(tree) == ["init", "main", "shutdown"]
+    check_log(tree, CAUGHT, ENDED, stops=0)
 
 
+@pytest.mark.any_user
 def test_a_later_stop_ends_the_supervisor_at_once_with_zero(tree):
     tree.app("probe", SLOW)
 
@@ -245,10 +287,13 @@ def test_a_later_stop_ends_the_supervisor_at_once_with_zero(tree):
         if alive(supervisor):
             send_signal(supervisor, signal.SIGTERM)
     begin = time.monotonic()
-    assert run_adopted(tree, [], {"VEX_TEST_SLOW": "shutdown"}, stop) == 0
+    assert run_adopted(tree, {"VEX_TEST_SLOW": "shutdown"}, stop) == 0
     assert time.monotonic() - begin < 20
+    assert life(tree) == ["init", "main", "shutdown"] and not os.path.exists(PID_FILE)
+    check_log(tree, CAUGHT)
 
 
+@pytest.mark.any_user
 def test_a_stop_during_a_delay_ends_the_supervisor_at_once_with_zero_and_no_child(tree):
     tree.app("probe", LIFE)
 
@@ -258,22 +303,29 @@ def test_a_stop_during_a_delay_ends_the_supervisor_at_once_with_zero_and_no_chil
         send_signal(child, signal.SIGKILL)
         wait_until(lambda: "Delaying 1000ms" in tree.log("probe"), what="delay")
         send_signal(supervisor, signal.SIGTERM)
-    assert run_adopted(tree, [], action=stop) == 0
+    assert run_adopted(tree, action=stop) == 0
     assert life(tree) == ["init", "main"]
-    assert not os.path.exists("/var/run/probe.pid")
+    assert not os.path.exists(PID_FILE)
+    check_log(tree, killed(9), delayed(1), stops=0)
 
 
+@pytest.mark.any_user
 def test_a_thousand_stops_in_a_second_leave_nothing_behind(tree):
     tree.app("probe", LIFE)
-    supervisor, child = tree.background(name="probe")
-    wait_until(lambda: "main" in life(tree), what="main")
-    for _ in range(1000):
-        if not alive(supervisor):
-            break
-        send_signal(supervisor, signal.SIGTERM)
-        time.sleep(0.0005)
-    wait_until(lambda: not alive(supervisor) and not alive(child), what="end of both")
-    assert not os.path.exists("/var/run/probe.pid")
+
+    def stop(supervisor):
+        wait_until(lambda: "main" in life(tree), what="main")
+        for _ in range(1000):
+            if not alive(supervisor):
+                break
+            send_signal(supervisor, signal.SIGTERM)
+            time.sleep(0.0005)
+    # The second one ends the supervisor at once with 0, unless the child was quicker to end with 0.
+    assert run_adopted(tree, action=stop) == 0
+    assert not os.path.exists(PID_FILE)
+    ended = ENDED[1] in tree.log("probe")
+    assert life(tree) in (["init", "main", "shutdown"], ["init", "main"])
+    check_log(tree, *[CAUGHT, ENDED] if ended else [CAUGHT], stops=2)
 
 
 @pytest.mark.slow
@@ -281,12 +333,9 @@ def test_eight_starts_in_the_span_are_the_limit(tree):
     """A child that dies at once is started at 0, 1, 3, 7, 15, 31, 63 and 127 seconds; the ninth start is refused."""
     tree.app("probe", "dom0:Wait('never', 0.1) os.execute('kill -KILL $PPID')")
     begin = time.monotonic()
-    assert run_adopted(tree, []) == 255
+    assert run_adopted(tree) == 255
     seconds = time.monotonic() - begin
     assert 125 < seconds < 150, seconds
-    lines = records(tree.log("probe"))
-    assert [line for line in lines if line[1].startswith("Delaying")] == [
-        ("INFO", f"Delaying {1000 << n}ms before restart {n + 1}") for n in range(7)]
-    assert lines[-1] == ("ERROR", "Too many restarts in too short of a time, exiting (8 restarts in less than 512 seconds)")
-    assert len([line for line in lines if line[1].startswith("Child process exited with status 9 (signal 9: Killed)")]) == 8
-    assert not os.path.exists("/var/run/probe.pid")
+    lives = [line for restart in range(1, 8) for line in (killed(9), delayed(restart))] + [killed(9)]
+    check_log(tree, *lives, ("ERROR", "Too many restarts in too short of a time, exiting (8 restarts in less than 512 seconds)"), stops=0)
+    assert not os.path.exists(PID_FILE)

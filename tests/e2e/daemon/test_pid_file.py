@@ -1,94 +1,101 @@
 """What may lie where the pid file should: each is tolerated or refused as documented, and none hangs or hurts a stranger."""
 import os
+import signal
 import subprocess
-import sys
 import time
 
 import pytest
 
-from agents import LIFE, life, records
-from conftest import alive, children, send_signal, wait_until
+from agents import (CAUGHT, ENDED, LIFE, PID_FILE, REFUSED, check_log, check_silent, life, records, stale, still_ending,
+                    uninterrupted)
+from conftest import ORDINARY_USER, alive, children, mount_tmpfs, send_signal, unmount, wait_until
 
 pytestmark = pytest.mark.sandbox
-FILE = "/var/run/probe.pid"
 
 
-def start_over(tree):
-    supervisor, child = tree.background(name="probe")
+def start_over(tree, *said):
+    """A whole life, which logs `said` before anything else."""
+    supervisor, _ = tree.background(name="probe")
     wait_until(lambda: "main" in life(tree), what="main")
     tree.stop(supervisor)
-    return records(tree.log("probe"))
+    assert life(tree) == ["init", "main", "shutdown"] and not os.path.exists(PID_FILE)
+    check_log(tree, *said, CAUGHT, ENDED)
+
+
+def check_refused(tree, **options):
+    check_silent(tree.run("--background", name="probe", **options), 1)
+    check_log(tree, REFUSED, stops=0)
+    assert life(tree) == []
+
+
+def write_pid_file(content):
+    with open(PID_FILE, "wb") as file:
+        file.write(content if isinstance(content, bytes) else content.encode())
 
 
 CONTENTS = {"missing": None, "empty": b"", "rubbish": b"rubbish\n", "negative": b"-1\n", "huge": b"99999999999999999999\n", "zero": b"0\n",
-            "a megabyte": b"1" * 1048576, "pid 1": b"1\n", "own text": b"\0\0\0", "out of range": b"4294967298\n"}
+            "a megabyte": b"1" * 1048576, "pid 1": b"1\n", "zero bytes": b"\0\0\0", "out of range": b"4294967298\n"}
 
 
+@pytest.mark.any_user
 @pytest.mark.parametrize("what", CONTENTS)
 def test_a_file_without_a_usable_pid_means_nobody(tree, what):
     tree.app("probe", LIFE)
     if CONTENTS[what] is not None:
-        with open(FILE, "wb") as file:
-            file.write(CONTENTS[what])
-    lines = start_over(tree)
-    assert not [line for line in lines if "present" in line[1]]
+        write_pid_file(CONTENTS[what])
+    start_over(tree)
 
 
+@pytest.mark.any_user(always=True)
 def test_a_dead_pid_is_told_and_tolerated(tree):
     tree.app("probe", LIFE)
     ended = subprocess.Popen(["true"])
     ended.wait()
-    with open(FILE, "w") as file:
-        file.write(f"{ended.pid}\n")
-    assert ("INFO", f"{FILE} present (pid={ended.pid}), but doesn't seem to be running.") in start_over(tree)
+    write_pid_file(f"{ended.pid}\n")
+    start_over(tree, stale(ended.pid))
 
 
-def test_a_live_process_refuses_the_start_and_is_left_alone(tree):
+@pytest.fixture
+def stranger():
+    """A live process of the root user; whoever the agent is must leave it alone."""
+    process = subprocess.Popen(["sleep", "60"])
+    yield process.pid
+    untouched = process.poll() is None
+    process.kill()
+    process.wait()
+    assert untouched
+
+
+# The ordinary user may not signal it, which says as well that it lives.
+@pytest.mark.any_user(always=True)
+def test_a_live_process_refuses_the_start_and_is_left_alone(tree, stranger):
     tree.app("probe", LIFE)
-    other = subprocess.Popen(["sleep", "60"])
-    try:
-        with open(FILE, "w") as file:
-            file.write(f"{other.pid}\n")
-        result = tree.run("--background", name="probe")
-        assert result.status == 1
-        assert records(result.log) == [("ERROR", f"{FILE} present, exiting")]
-        assert other.poll() is None and life(tree) == []
-    finally:
-        other.kill()
-        other.wait()
+    write_pid_file(f"{stranger}\n")
+    check_refused(tree)
+    assert tree.pid_file("probe") == stranger
 
 
-def test_a_pid_that_was_reused_means_nobody(tree):
+@pytest.mark.any_user
+def test_a_pid_that_was_reused_means_nobody(tree, stranger):
     tree.app("probe", LIFE)
-    other = subprocess.Popen(["sleep", "60"])
-    try:
-        with open(FILE, "w") as file:
-            file.write(f"{other.pid}\n1\n")  # a start time that is not this process's
-        assert not [line for line in start_over(tree) if "present" in line[1]]
-        assert other.poll() is None
-    finally:
-        other.kill()
-        other.wait()
+    write_pid_file(f"{stranger}\n1\n")  # a start time that is not this process's
+    start_over(tree)
 
 
-@pytest.mark.parametrize("kind", ["folder", "fifo", "link to nothing", "link to a pid file"])
-def test_what_is_no_plain_file_never_hangs_the_start(tree, kind):
+def test_its_own_pid_without_a_start_time_refuses_the_start(tree):
     tree.app("probe", LIFE)
-    if kind == "folder":
-        os.mkdir(FILE)
-    elif kind == "fifo":
-        os.mkfifo(FILE)
-    else:
-        os.symlink("/run/elsewhere", FILE)
-        if kind == "link to a pid file":
-            with open("/run/elsewhere", "w") as file:
-                file.write(f"{os.getpid()}\n")
-    process = tree.start("--background", name="probe")
-    status = process.wait(timeout=30)
-    assert status in (0, 1)
-    if status == 0:
-        wait_until(lambda: "main" in life(tree), what="main")
-        end_agents(tree)
+    check_refused(tree, prefix=["/bin/sh", "-c", f'echo $$ > {PID_FILE}; exec "$0" "$@"'])
+
+
+def test_its_own_pid_of_another_time_means_nobody(tree):
+    tree.app("probe", LIFE)
+    executable = os.path.join(tree.path, "probe")
+    check_silent(tree.run("-c", f'printf "%d\\n1\\n" $$ > {PID_FILE}; exec "$0" --background', executable, executable="/bin/sh",
+                          name="probe"))
+    supervisor = wait_until(lambda: tree.supervisor("probe"), what="pid file")
+    wait_until(lambda: "main" in life(tree), what="main")
+    tree.stop(supervisor)
+    check_log(tree, CAUGHT, ENDED)
 
 
 def agents(tree):
@@ -109,59 +116,131 @@ def parents(tree):
 
 
 def end_agents(tree):
-    import signal
     for pid in parents(tree):
         send_signal(pid, signal.SIGTERM)
     wait_until(lambda: not agents(tree), what="end of all")
 
 
+def live_without_a_file(tree, *said):
+    """A life that only the list of processes tells of."""
+    check_silent(tree.run("--background", name="probe"))
+    wait_until(lambda: "main" in life(tree), what="main")
+    end_agents(tree)
+    assert life(tree) == ["init", "main", "shutdown"]
+    check_log(tree, *said, CAUGHT, ENDED)
+
+
+def unwritable(reason):
+    return ("ERROR", f"Unable to write the pid file '{PID_FILE}' ({reason})")
+
+
+def unlockable(reason):
+    return ("WARNING", f"{PID_FILE}.lock can't be locked ({reason}), so a second start at the same moment would go unnoticed.")
+
+
+@pytest.mark.any_user
+def test_a_folder_in_its_place_is_an_error_line_and_the_agent_runs(tree):
+    tree.app("probe", LIFE)
+    os.mkdir(PID_FILE)
+    live_without_a_file(tree, unwritable("error 21: Is a directory"))
+    assert sorted(os.listdir("/run")) == ["probe.pid", "probe.pid.lock"] and os.listdir(PID_FILE) == []
+
+
+@pytest.mark.any_user
+@pytest.mark.parametrize("kind", ["fifo", "link to nothing", "link to a dead pid's file"])
+def test_what_is_no_plain_file_is_replaced_and_never_hangs_the_start(tree, kind):
+    tree.app("probe", LIFE)
+    said = []
+    if kind == "fifo":
+        os.mkfifo(PID_FILE)
+    else:
+        os.symlink("/run/elsewhere", PID_FILE)
+    if kind == "link to a dead pid's file":
+        ended = subprocess.Popen(["true"])
+        ended.wait()
+        said = [stale(ended.pid)]
+        with open("/run/elsewhere", "w") as file:
+            file.write(f"{ended.pid}\n")
+    start_over(tree, *said)
+    # The link went, and what it led to was not touched.
+    assert sorted(os.listdir("/run")) == (["elsewhere"] if said else []) + ["probe.pid.lock"]
+
+
+def test_a_link_to_the_file_of_a_live_process_refuses_the_start(tree, stranger):
+    tree.app("probe", LIFE)
+    os.symlink("/run/elsewhere", PID_FILE)
+    with open("/run/elsewhere", "w") as file:
+        file.write(f"{stranger}\n")
+    check_refused(tree)
+    assert os.readlink(PID_FILE) == "/run/elsewhere"
+
+
+@pytest.mark.any_user
 def test_a_second_start_is_refused_while_the_first_runs(tree):
     tree.app("probe", LIFE)
     supervisor, _ = tree.background(name="probe")
     wait_until(lambda: "main" in life(tree), what="main")
-    result = tree.run("--background", name="probe")
-    assert result.status == 1
-    assert ("ERROR", f"{FILE} present, exiting") in records(result.log)
+    check_silent(tree.run("--background", name="probe"), 1)
     assert tree.pid_file("probe") == supervisor
     tree.stop(supervisor)
+    check_log(tree, REFUSED, CAUGHT, ENDED)
 
 
+def start_many(tree, count):
+    """The statuses of so many starts at the same time, none of which says a word."""
+    started = [tree.start("--background", name="probe", stdout=subprocess.PIPE, stderr=subprocess.STDOUT) for _ in range(count)]
+    assert [process.communicate(timeout=120)[0] for process in started] == [b""] * count
+    return [process.returncode for process in started]
+
+
+@pytest.mark.any_user
 def test_fifty_starts_at_once_leave_exactly_one_agent(tree):
     tree.app("probe", LIFE)
-    processes = [tree.start("--background", name="probe") for _ in range(50)]
-    statuses = [process.wait(timeout=120) for process in processes]
-    assert set(statuses) <= {0, 1} and statuses.count(0) == 1, statuses
+    statuses = start_many(tree, 50)
+    assert sorted(statuses) == [0] + [1] * 49
     wait_until(lambda: life(tree) == ["init", "main"], what="one main")
     time.sleep(0.5)
     assert len(parents(tree)) == 1 and len(agents(tree)) == 2
     assert tree.pid_file("probe") == parents(tree)[0]
-    refused = [line for line in records(tree.log("probe")) if line[1] == f"{FILE} present, exiting"]
-    assert len(refused) == 49
     end_agents(tree)
     assert life(tree) == ["init", "main", "shutdown"]
+    check_log(tree, *[REFUSED] * 49, CAUGHT, ENDED)
 
 
 def test_starts_while_another_stops_leave_at_most_one_agent(tree):
     tree.app("probe", LIFE)
+    ran, refused = 0, 0
     for _ in range(5):
         supervisor, _ = tree.background(name="probe")
-        import signal
         send_signal(supervisor, signal.SIGTERM)
-        starts = [tree.start("--background", name="probe") for _ in range(4)]
-        assert {start.wait(timeout=60) for start in starts} <= {0, 1}
-        time.sleep(0.5)
-        assert len(parents(tree)) <= 1
+        statuses = start_many(tree, 4)
+        assert set(statuses) <= {0, 1} and statuses.count(0) <= 1
+        ran += 1 + statuses.count(0)
+        refused += statuses.count(1)
+        wait_until(lambda: life(tree).count("main") == ran, what="main of whoever runs")
+        # Another stop would cut short what the first one began.
+        wait_until(lambda: len(parents(tree)) == statuses.count(0), what="end of the stopped one")
         end_agents(tree)
+        assert life(tree).count("shutdown") == ran
+    lines = uninterrupted(records(tree.log("probe")), stops=10)
+    assert (lines.count(CAUGHT), lines.count(ENDED), lines.count(REFUSED)) == (ran, ran, refused)
+    # A new supervisor may meet the file of the old one, and the old one's child.
+    others = [line for line in lines if line not in (CAUGHT, ENDED, REFUSED)]
+    words = [(stale(0)[1].split("pid=")[0], stale(0)[1].split("pid=0")[1]),
+             (still_ending(0)[1].split("pid=")[0], still_ending(0)[1].split("pid=0")[1])]
+    assert all(level == "INFO" and any(text.startswith(begin) and text.endswith(end) for begin, end in words)
+               for level, text in others), others
 
 
-def test_an_unwritable_folder_is_an_error_line_and_the_agent_runs(tree):
-    from conftest import mount_tmpfs, unmount
+def test_a_folder_on_a_read_only_disk_is_told_and_the_agent_runs(tree):
     tree.app("probe", LIFE)
     unmount("/run")
     mount_tmpfs("/run", b"ro")
-    process = tree.start("--background", name="probe")
-    assert process.wait(timeout=30) == 0
-    wait_until(lambda: "main" in life(tree), what="main")
-    assert [line for line in records(tree.log("probe")) if line[0] == "ERROR"]
-    end_agents(tree)
-    assert life(tree)[-1] == "shutdown"
+    live_without_a_file(tree, unlockable("Read-only file system"), unwritable("error 30: Read-only file system"))
+
+
+@pytest.mark.parametrize("tree", [pytest.param(ORDINARY_USER, id="ordinary user")], indirect=True)
+def test_a_folder_without_the_right_to_write_is_told_and_the_agent_runs(tree):
+    tree.app("probe", LIFE)
+    os.chown("/run", 0, 0)
+    live_without_a_file(tree, unlockable("Permission denied"), unwritable("error 13: Permission denied"))
