@@ -1,35 +1,21 @@
 #include "vex/core/agentevent.h"
 #include "vex_core/agentevent_p.h"
+#include "vex_core/utf8.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include <pugixml.hpp>
 
 namespace VexCore {
 namespace {
 
-// Length in bytes of the UTF-8 character that begins at `at` and that XML can hold; 0 when there is none.
-std::size_t XmlCharacterLength(const std::string& text, std::size_t at)
+// Whether XML 1.0 can hold the character, be it escaped.
+bool IsXmlCharacter(char32_t character)
 {
-    const auto byte = [&text](std::size_t index) {
-        return index < text.size() ? static_cast<unsigned char>(text[index]) : static_cast<unsigned char>(0);
-    };
-    const unsigned char lead = byte(at);
-    if (lead < 0x80)
-        return lead >= 0x20 || lead == '\t' || lead == '\n' || lead == '\r' ? 1 : 0;
-    const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-    if (lead < 0xC2 || lead > 0xF4)
-        return 0; // a continuation, an overlong form, or above U+10FFFF
-    std::uint32_t code = lead & (0xFFu >> (length + 1));
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(at + i) & 0xC0) != 0x80)
-            return 0;
-        code = code << 6 | (byte(at + i) & 0x3Fu);
-    }
-    static const std::uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-    const bool noCharacter = code == 0xFFFE || code == 0xFFFF;
-    return code < smallest[length] || code > 0x10FFFF || surrogate || noCharacter ? 0 : length;
+    if (character < 0x20)
+        return character == '\t' || character == '\n' || character == '\r';
+    return character != 0xFFFE && character != 0xFFFF;
 }
 
 class StringWriter : public pugi::xml_writer
@@ -48,13 +34,16 @@ std::string ToXmlText(const std::string& text)
 {
     std::string result;
     result.reserve(text.size());
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t length = XmlCharacterLength(text, at);
-        if (length == 0)
+    for (std::string_view rest = text; !rest.empty();) {
+        char32_t character = 0;
+        std::size_t length = DecodeUtf8(rest, character);
+        if (length != 0 && IsXmlCharacter(character))
+            result.append(rest, 0, length);
+        else {
             result += "\xEF\xBF\xBD";
-        else
-            result.append(text, at, length);
-        at += std::max<std::size_t>(length, 1);
+            length = 1; // what follows of it is no character either
+        }
+        rest.remove_prefix(length);
     }
     return result;
 }

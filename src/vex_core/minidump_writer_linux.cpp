@@ -1,8 +1,11 @@
 #include "vex_core/minidump_writer.h"
 
+#include "vex_core/utf8.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 #include <fcntl.h>
 #include <sys/syscall.h>
@@ -27,32 +30,14 @@ long WriteOnce(int descriptor, std::uint64_t from, std::size_t size, std::uint64
 // One character of UTF-8 text that ends in NUL; what is none counts as Latin-1.
 std::uint32_t NextCharacter(const char*& at)
 {
-    const auto byte = [at](int index) { return static_cast<unsigned char>(at[index]); };
-    const auto more = [&byte](int count) {
-        for (int i = 1; i <= count; ++i)
-            if ((byte(i) & 0xC0) != 0x80)
-                return false;
-        return true;
-    };
-    const std::uint32_t lead = byte(0);
-    if (lead >= 0xC2 && lead < 0xE0 && more(1)) {
-        const std::uint32_t code = (lead & 0x1F) << 6 | (byte(1) & 0x3Fu);
-        at += 2;
-        return code;
-    }
-    if (lead >= 0xE0 && lead < 0xF0 && more(2)) {
-        const std::uint32_t code = (lead & 0x0F) << 12 | (byte(1) & 0x3Fu) << 6 | (byte(2) & 0x3Fu);
-        at += 3;
-        return code;
-    }
-    if (lead >= 0xF0 && lead < 0xF5 && more(3)) {
-        const std::uint32_t code =
-            (lead & 0x07) << 18 | (byte(1) & 0x3Fu) << 12 | (byte(2) & 0x3Fu) << 6 | (byte(3) & 0x3Fu);
-        at += 4;
-        return code;
-    }
-    ++at;
-    return lead;
+    constexpr std::size_t longest = 4;
+    std::size_t left = 1;
+    while (left < longest && at[left] != '\0')
+        ++left;
+    char32_t character = static_cast<unsigned char>(*at);
+    const std::size_t length = DecodeUtf8(std::string_view(at, left), character);
+    at += length == 0 ? 1 : length;
+    return character;
 }
 
 } // namespace

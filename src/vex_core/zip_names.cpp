@@ -1,5 +1,6 @@
 #include "vex_core/zip_names.h"
 
+#include "vex_core/utf8.h"
 #include "vex_core/zip_reader.h"
 
 #include <algorithm>
@@ -90,30 +91,6 @@ bool LiesBelow(std::string_view path, std::string_view folder)
     return path.size() > folder.size() && path[folder.size()] == '/' && path.substr(0, folder.size()) == folder;
 }
 
-std::size_t DecodeUtf8(std::string_view text, char32_t& character)
-{
-    const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
-    const unsigned char first = byte(0);
-    if (first < 0x80) {
-        character = first;
-        return 1;
-    }
-    const std::size_t length = first < 0xc2 ? 0 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 0;
-    if (length == 0 || text.size() < length)
-        return 0;
-    char32_t value = first & (0x7fu >> length);
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xc0) != 0x80)
-            return 0;
-        value = value << 6 | (byte(i) & 0x3fu);
-    }
-    const bool overlong = (length == 3 && value < 0x800) || (length == 4 && value < 0x10000);
-    if (overlong || value > 0x10ffff || (value >= 0xd800 && value < 0xe000))
-        return 0;
-    character = value;
-    return length;
-}
-
 } // namespace Zip
 
 std::string EscapeForLog(std::string_view text)
@@ -124,7 +101,7 @@ std::string EscapeForLog(std::string_view text)
         if (shown.size() >= maxShown)
             return shown + "...";
         char32_t character = 0;
-        std::size_t length = Zip::DecodeUtf8(text, character);
+        std::size_t length = DecodeUtf8(text, character);
         const bool plain = length != 0 && !Zip::IsControl(character) && character != 0x2028 && character != 0x2029;
         if (length == 0)
             length = 1;

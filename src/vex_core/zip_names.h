@@ -24,8 +24,5 @@ int ComparePaths(std::string_view left, std::string_view right);
 /// Whether `path` lies below `folder`.
 bool LiesBelow(std::string_view path, std::string_view folder);
 
-/// The length of the UTF-8 character at the start of `text` and its value; 0 when it is malformed.
-std::size_t DecodeUtf8(std::string_view text, char32_t& character);
-
 } // namespace Zip
 } // namespace VexCore
