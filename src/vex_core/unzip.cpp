@@ -150,6 +150,7 @@ private:
     void Finish()
     {
         m_writer.Commit();
+        m_folders.Flush(); // the list goes when nothing can bring a temporary name back, not even a power failure
         m_temporaries.RemoveList();
         m_folders.Flush();
     }
@@ -164,6 +165,7 @@ private:
             }
         };
         attempt([this] { m_writer.Commit(); });
+        attempt([this] { m_folders.Flush(); });
         attempt([this] { m_temporaries.RemoveList(); });
         attempt([this] { m_folders.Flush(); });
     }
