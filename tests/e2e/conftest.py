@@ -8,6 +8,7 @@ import os
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -18,6 +19,7 @@ STAGE = os.environ.get("VEX_STAGE", os.path.join(ROOT, "build", "stage"))
 BUILD = os.environ.get("VEX_BUILD", os.path.join(ROOT, "build", "release"))
 FULL = os.environ.get("VEX_FULL") == "1"
 SANITIZED = os.environ.get("VEX_SANITIZED") == "1"
+sys.path.insert(0, os.path.join(ROOT, "tests", "support"))  # for what several scenarios share
 CLONE_NEWNS, MS_REC, MS_PRIVATE, MNT_DETACH = 0x00020000, 0x4000, 0x40000, 2
 # A sanitizer build takes its time; what waits for it is patient and still ends.
 PATIENCE = 60 if SANITIZED else 30

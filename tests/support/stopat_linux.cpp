@@ -13,6 +13,7 @@
 //                       after the signal, and was adopted
 //   stops N             stops of ROLE in the whole run, or until the signal
 
+#include "support/traced_child_linux.h"
 #include "vex/core/sendsignal.h"
 
 #include <cerrno>
@@ -35,18 +36,13 @@ class CTracer
 public:
     CTracer(FILE* report, int role, long stop) : m_report(report), m_role(role), m_stop(stop) {}
 
-    bool Follow(pid_t first)
+    static constexpr long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE
+        | PTRACE_O_TRACEEXEC;
+
+    void Follow(pid_t first)
     {
-        // Should this program be killed, nobody stays behind half traced.
-        const long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE
-            | PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
-        int status = 0;
-        if (::waitpid(first, &status, WUNTRACED) != first || !WIFSTOPPED(status)
-            || ::ptrace(PTRACE_SEIZE, first, nullptr, options) != 0)
-            return false;
         NoteProcess(first);
         VexCore::SendSignal(first, SIGCONT);
-        return true;
     }
 
     void Run()
@@ -169,19 +165,13 @@ int main(int argc, char** argv)
         return 1;
     }
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        std::raise(SIGSTOP);
-        ::execv(argv[4], argv + 4);
-        ::_exit(127);
-    }
-    CTracer tracer(report, std::atoi(argv[2]), std::atol(argv[3]));
-    if (child < 0 || !tracer.Follow(child)) {
+    const pid_t child = Test::StartTraced(argv + 4, CTracer::options);
+    if (child < 0) {
         std::perror("stopat");
-        if (child > 1)
-            VexCore::SendSignal(child, SIGKILL);
         return 1;
     }
+    CTracer tracer(report, std::atoi(argv[2]), std::atol(argv[3]));
+    tracer.Follow(child);
     tracer.Run();
     std::fclose(report);
     return 0;

@@ -2,32 +2,16 @@
 file is old or new, the next run completes, nothing temporary stays, and the event of what was completed is there."""
 import os
 import re
-import sqlite3
 import subprocess
-import zipfile
 
 import pytest
 
-from conftest import FULL, Tree
+from conftest import FULL
+from plugin_sweep import check_complete, check_files, events, prepare
 
 CHANGING = ("write,pwrite64,pwritev,rename,renameat,renameat2,unlink,unlinkat,mkdir,mkdirat,fsync,fdatasync,syncfs,sync,fchmod,"
             "fchmodat,chmod,ftruncate,fallocate,link,linkat,symlinkat")
 STEP = 1 if FULL else 9
-OLD = {f"feature/{i}.lua": f"old {i}" for i in range(5)}
-NEW = {f"feature/{i}.lua": f"new {i} " + "x" * 3000 * i for i in range(10)}
-APP = "return {}"
-
-
-def prepare(folder, kind):
-    folder.mkdir()
-    tree = Tree(folder)
-    tree.app("probe", APP)
-    for name, content in OLD.items():
-        tree.file(name, content)
-    with zipfile.ZipFile(tree.file("Feature." + kind), "w", zipfile.ZIP_DEFLATED) as archive:
-        for name, content in NEW.items():
-            archive.writestr(name, content)
-    return tree
 
 
 def traced(tree, kill_before=None):
@@ -46,48 +30,6 @@ def traced(tree, kill_before=None):
             os.unlink(os.path.join(tree.path, name))
     script = max(threads, key=lambda calls: sum("Feature" in call or "feature" in call for call in calls))
     return process.returncode, script
-
-
-def events(tree):
-    path = os.path.join(tree.work, "events.db")
-    if not os.path.exists(path):
-        return []
-    with sqlite3.connect(path) as db:
-        if not db.execute("SELECT 1 FROM sqlite_master WHERE name = 'agent_event'").fetchall():
-            return []
-        return [number for number, in db.execute("SELECT number FROM agent_event ORDER BY id")]
-
-
-def check_files(tree, kind):
-    for name, new in NEW.items():
-        path = os.path.join(tree.path, name)
-        allowed = [OLD.get(name), new if kind == "vxp" else None]
-        found = None
-        if os.path.exists(path):
-            with open(path) as file:
-                found = file.read()
-        assert found in allowed, f"{name} is a mixture: {found[:40]!r}"
-
-
-def check_complete(tree, kind):
-    package = os.path.join(tree.path, "Feature." + kind)
-    assert not os.path.exists(package)
-    assert os.path.exists(package + ".done") == (kind == "vxp")
-    for name, new in NEW.items():
-        path = os.path.join(tree.path, name)
-        if kind == "vxp":
-            with open(path) as file:
-                assert file.read() == new
-        else:
-            assert not os.path.exists(path)
-    strays = [name for folder, _, files in os.walk(tree.path) for name in files
-              if name not in os.listdir(STAGE_NAMES) and re.search(r"tmp|\.vex", name, re.I)]
-    assert strays == [], strays
-    left = set(os.listdir(os.path.join(tree.path, "feature")))
-    assert left == ({name.split("/")[1] for name in NEW} if kind == "vxp" else set()), left
-
-
-STAGE_NAMES = os.environ.get("VEX_STAGE", os.path.join(os.path.dirname(__file__), "../../../build/stage"))
 
 
 @pytest.mark.sandbox
@@ -127,28 +69,3 @@ def test_a_kill_before_any_changing_call_leaves_old_or_new_and_the_next_run_comp
     # A call that the main thread makes as often as the script thread may kill the process a little earlier, but it kills.
     assert killed == len(points), "the kills did not arrive"
     print(f"{killed} kills at {len(calls)} calls, {gap} between the package's end and its event's commit")
-
-
-ERRORS = ("EIO", "ENOSPC", "EACCES")
-
-
-@pytest.mark.sandbox
-@pytest.mark.parametrize("error", ERRORS)
-def test_a_failing_rename_of_the_package_is_an_error_line_and_the_event_says_installed(tmp_path, error):
-    tree = prepare(tmp_path / "tree", "vxp")
-    status, calls = traced(tree)
-    renames = [call for call in calls if call.startswith("rename")]
-    which = next(i for i, call in enumerate(renames, 1) if "Feature.vxp" in call)
-    name = renames[which - 1].split("(")[0]
-    tree = prepare(tmp_path / "second", "vxp")
-    same = [call for call in renames if call.split("(")[0] == name]
-    when = next(i for i, call in enumerate(same, 1) if "Feature.vxp" in call)
-    subprocess.run(["strace", "-f", "-qq", "-o", "/dev/null", "-e", f"inject={name}:error={error}:when={when}",
-                    os.path.join(tree.path, "probe"), "--install_plugins"], stdin=subprocess.DEVNULL, check=True, timeout=60)
-    log = tree.log("probe")
-    lines = [line for line in log.splitlines() if " ERROR " in line]
-    assert len(lines) == 1, log
-    assert re.search(r"Unable to delete .*Feature\.vxp \(error \d+: .*\)$", lines[0])
-    assert events(tree) == [5101]
-    assert tree.run("--install_plugins", name="probe").status == 0
-    assert events(tree) == [5101, 5101]

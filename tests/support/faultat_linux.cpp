@@ -1,0 +1,287 @@
+// Runs a program and lets one chosen system call of it fail.
+//
+//   faultat REPORT PATH N ERRNO PROGRAM [ARGUMENT...]
+//
+// Counted are the calls of the thread that opens PATH, from that call to the one that renames or removes PATH, but for those
+// that cannot fail, ask for memory or wait for other threads. The N-th is not made and fails with ERRNO; with N 0 none fails. REPORT gets a
+// line for each counted call: its name (or number) and the file that it is about, "-" for none. The exit status is the
+// program's, or 128 and the number of the signal that ended it.
+//
+// A tracer that counts the calls of each thread for itself would not do: the main thread's N-th would fail as well.
+
+#include "support/traced_child_linux.h"
+#include "vex/core/sendsignal.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <elf.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/user.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+// --- the part that differs between processors
+
+#if defined(__x86_64__)
+
+void SetNumber(pid_t thread, long number)
+{
+    ::ptrace(PTRACE_POKEUSER, thread, offsetof(struct user, regs.orig_rax), number);
+}
+
+void SetResult(pid_t thread, long result)
+{
+    ::ptrace(PTRACE_POKEUSER, thread, offsetof(struct user, regs.rax), result);
+}
+
+#elif defined(__aarch64__)
+
+void SetNumber(pid_t thread, long number)
+{
+    int value = static_cast<int>(number);
+    struct iovec place = {&value, sizeof value};
+    ::ptrace(PTRACE_SETREGSET, thread, NT_ARM_SYSTEM_CALL, &place);
+}
+
+void SetResult(pid_t thread, long result)
+{
+    struct user_regs_struct registers = {};
+    struct iovec place = {&registers, sizeof registers};
+    if (::ptrace(PTRACE_GETREGSET, thread, NT_PRSTATUS, &place) != 0)
+        return;
+    registers.regs[0] = static_cast<unsigned long long>(result);
+    ::ptrace(PTRACE_SETREGSET, thread, NT_PRSTATUS, &place);
+}
+
+#else
+#error "say here how a system call of this processor is given another number and another result"
+#endif
+
+// --- what is known of system calls
+
+enum class EKind { Plain, Descriptor, Path, PathAt, Ignored };
+
+struct CallName
+{
+    long number;
+    const char* name;
+    EKind kind; // what its first arguments are
+    bool ends = false; // it takes a name away
+};
+
+const CallName s_calls[] = {
+#ifdef SYS_open
+    {SYS_open, "open", EKind::Path},
+    {SYS_stat, "stat", EKind::Path},
+    {SYS_lstat, "lstat", EKind::Path},
+    {SYS_access, "access", EKind::Path},
+    {SYS_mkdir, "mkdir", EKind::Path},
+    {SYS_rename, "rename", EKind::Path, true},
+    {SYS_unlink, "unlink", EKind::Path, true},
+#endif
+#ifdef SYS_renameat
+    {SYS_renameat, "renameat", EKind::PathAt, true},
+#endif
+    {SYS_openat, "openat", EKind::PathAt},
+    {SYS_newfstatat, "newfstatat", EKind::PathAt},
+    {SYS_faccessat, "faccessat", EKind::PathAt},
+    {SYS_mkdirat, "mkdirat", EKind::PathAt},
+    {SYS_renameat2, "renameat2", EKind::PathAt, true},
+    {SYS_unlinkat, "unlinkat", EKind::PathAt, true},
+    {SYS_linkat, "linkat", EKind::PathAt},
+    {SYS_fstat, "fstat", EKind::Descriptor},
+    {SYS_read, "read", EKind::Descriptor},
+    {SYS_pread64, "pread64", EKind::Descriptor},
+    {SYS_write, "write", EKind::Descriptor},
+    {SYS_pwrite64, "pwrite64", EKind::Descriptor},
+    {SYS_lseek, "lseek", EKind::Descriptor},
+    {SYS_fsync, "fsync", EKind::Descriptor},
+    {SYS_fdatasync, "fdatasync", EKind::Descriptor},
+    {SYS_syncfs, "syncfs", EKind::Descriptor},
+    {SYS_sync_file_range, "sync_file_range", EKind::Descriptor},
+    {SYS_fchmod, "fchmod", EKind::Descriptor},
+    {SYS_ftruncate, "ftruncate", EKind::Descriptor},
+    {SYS_fallocate, "fallocate", EKind::Descriptor},
+    {SYS_fcntl, "fcntl", EKind::Descriptor},
+    {SYS_getdents64, "getdents64", EKind::Descriptor},
+    {SYS_close, "close", EKind::Descriptor},
+    {SYS_uname, "uname", EKind::Plain},
+    {SYS_brk, "brk", EKind::Ignored},
+    {SYS_mmap, "mmap", EKind::Ignored},
+    {SYS_munmap, "munmap", EKind::Ignored},
+    {SYS_mremap, "mremap", EKind::Ignored},
+    {SYS_mprotect, "mprotect", EKind::Ignored},
+    {SYS_madvise, "madvise", EKind::Ignored},
+    {SYS_getpid, "getpid", EKind::Ignored},
+    {SYS_gettid, "gettid", EKind::Ignored},
+    {SYS_futex, "futex", EKind::Ignored},
+    {SYS_sched_yield, "sched_yield", EKind::Ignored},
+    {SYS_rt_sigprocmask, "rt_sigprocmask", EKind::Ignored},
+    {SYS_restart_syscall, "restart_syscall", EKind::Ignored},
+};
+
+CallName NameOf(long number)
+{
+    for (const CallName& call : s_calls)
+        if (call.number == number)
+            return call;
+    return {number, nullptr, EKind::Plain};
+}
+
+std::string TextAt(pid_t thread, std::uint64_t address)
+{
+    std::string text;
+    for (;; address += sizeof(long)) {
+        errno = 0;
+        const long word = ::ptrace(PTRACE_PEEKDATA, thread, address, nullptr);
+        if (errno != 0)
+            return text;
+        char bytes[sizeof word];
+        std::memcpy(bytes, &word, sizeof word);
+        for (const char byte : bytes) {
+            if (byte == '\0')
+                return text;
+            text += byte;
+        }
+    }
+}
+
+std::string PathOf(pid_t thread, std::uint64_t descriptor)
+{
+    const std::string link = "/proc/" + std::to_string(thread) + "/fd/" + std::to_string(static_cast<int>(descriptor));
+    char path[4096];
+    const ssize_t size = ::readlink(link.c_str(), path, sizeof path);
+    return size < 0 ? "-" : std::string(path, static_cast<std::size_t>(size));
+}
+
+// ---
+
+class CTracer
+{
+public:
+    CTracer(FILE* report, std::string path, long faulty, int error)
+        : m_report(report), m_path(std::move(path)), m_faulty(faulty), m_error(error)
+    {
+    }
+
+    int Run(pid_t first)
+    {
+        VexCore::SendSignal(first, SIGCONT);
+        int result = 1;
+        for (;;) {
+            int status = 0;
+            const pid_t thread = ::waitpid(-1, &status, __WALL);
+            if (thread == -1 && errno == EINTR)
+                continue;
+            if (thread == -1)
+                return result;
+            if (WIFSTOPPED(status))
+                OnStop(thread, status);
+            else if (thread == first)
+                result = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+        }
+    }
+
+private:
+    void OnStop(pid_t thread, int status)
+    {
+        const int signal = WSTOPSIG(status);
+        const bool callStop = signal == (SIGTRAP | 0x80);
+        if (callStop)
+            OnCall(thread);
+        // Anything but our own stops is a signal on its way, which goes on with what it carries.
+        const bool ours = callStop || status >> 16 != 0;
+        ::ptrace(m_isOver ? PTRACE_CONT : PTRACE_SYSCALL, thread, nullptr, ours ? 0 : signal);
+    }
+
+    void OnCall(pid_t thread)
+    {
+        if (m_isOver)
+            return;
+        struct __ptrace_syscall_info info = {};
+        if (::ptrace(PTRACE_GET_SYSCALL_INFO, thread, sizeof info, &info) <= 0)
+            return;
+        if (info.op == PTRACE_SYSCALL_INFO_ENTRY)
+            OnEntry(thread, info);
+        else if (info.op == PTRACE_SYSCALL_INFO_EXIT && thread == m_thread)
+            OnExit(thread);
+    }
+
+    void OnEntry(pid_t thread, const struct __ptrace_syscall_info& info)
+    {
+        const CallName call = NameOf(static_cast<long>(info.entry.nr));
+        if (call.kind == EKind::Ignored || (m_thread != 0 && thread != m_thread))
+            return;
+        std::string about = "-";
+        if (call.kind == EKind::Path || call.kind == EKind::PathAt)
+            about = TextAt(thread, info.entry.args[call.kind == EKind::PathAt]);
+        else if (call.kind == EKind::Descriptor && m_thread != 0)
+            about = PathOf(thread, info.entry.args[0]);
+        if (m_thread == 0 && about != m_path)
+            return;
+        if (m_thread == 0 && std::strncmp(call.name, "open", 4) != 0)
+            return; // who only looks at it
+        m_thread = thread;
+        if (call.name)
+            std::fprintf(m_report, "%s %s\n", call.name, about.c_str());
+        else
+            std::fprintf(m_report, "%ld -\n", call.number);
+        std::fflush(m_report);
+        if (++m_count == m_faulty) {
+            SetNumber(thread, -1);
+            m_isFailing = true;
+        }
+        m_isLast = call.ends && about == m_path;
+    }
+
+    void OnExit(pid_t thread)
+    {
+        if (m_isFailing)
+            SetResult(thread, -m_error);
+        m_isFailing = false;
+        m_isOver = m_isLast;
+    }
+
+    FILE* m_report;
+    std::string m_path;
+    long m_faulty;
+    int m_error;
+    pid_t m_thread = 0; // the one whose calls count, once it is known
+    long m_count = 0;
+    bool m_isFailing = false; // the call that this thread is in
+    bool m_isLast = false;
+    bool m_isOver = false;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 6) {
+        std::fprintf(stderr, "usage: faultat REPORT PATH N ERRNO PROGRAM [ARGUMENT...]\n");
+        return 2;
+    }
+    FILE* const report = std::fopen(argv[1], "we");
+    if (!report) {
+        std::perror(argv[1]);
+        return 1;
+    }
+    const pid_t child = Test::StartTraced(argv + 5, PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACECLONE);
+    if (child < 0) {
+        std::perror("faultat");
+        return 1;
+    }
+    const int result = CTracer(report, argv[2], std::atol(argv[3]), std::atoi(argv[4])).Run(child);
+    std::fclose(report);
+    return result;
+}
