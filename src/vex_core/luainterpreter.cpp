@@ -7,11 +7,11 @@
 #include "vex_core/narrow.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <initializer_list>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include <lua.hpp>
 #include <wx/log.h>
@@ -99,9 +99,15 @@ void PushErrorText(lua_State* L, int index)
 int AddTraceback(lua_State* L)
 {
     PushErrorText(L, 1);
-    const char* text = lua_tostring(L, -1);
-    if (CurrentRun(L).loadStatus == LUA_OK && !std::strstr(text, "\nstack traceback:\n"))
-        luaL_traceback(L, L, text, 1);
+    std::size_t length = 0;
+    const char* const text = lua_tolstring(L, -1, &length);
+    const bool hasOne = std::string_view(text, length).find("\nstack traceback:\n") != std::string_view::npos;
+    if (CurrentRun(L).loadStatus == LUA_OK && !hasOne) {
+        // Not given to the function itself, which would end the text at a NUL.
+        lua_pushliteral(L, "\n");
+        luaL_traceback(L, L, nullptr, 1);
+        lua_concat(L, 3);
+    }
     return 1;
 }
 

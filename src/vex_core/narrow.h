@@ -32,4 +32,13 @@ inline wxString FromForeignBytes(std::string_view bytes)
     return FromForeignBytes(bytes.data(), bytes.size());
 }
 
+/// For a log line: the framework's formatting ends a text at its first NUL, so NULs are written as the log writes control
+/// characters.
+inline wxString TextWithoutNul(std::string_view bytes)
+{
+    wxString text = FromForeignBytes(bytes);
+    text.Replace(wxUniChar(0), "\\x00");
+    return text;
+}
+
 } // namespace VexCore

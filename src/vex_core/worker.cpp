@@ -4,6 +4,7 @@
 #include "vex/core/dom.h"
 #include "vex/core/luainterpreter.h"
 #include "vex/core/wrap_dom.h"
+#include "vex_core/dom_values.h"
 #include "vex_core/narrow.h"
 #include "vex_core/processexit_p.h"
 #include "vex_core/runnable_p.h"
@@ -87,7 +88,7 @@ std::shared_ptr<CWorker> CWorker::Start(CDom& dom, std::string module, LuaValue 
     const std::lock_guard<std::mutex> lock(list.lock);
     ended = list.TakeEnded();
     if (list.closed) {
-        wxLogError("Worker \"%s\" is not started: the process is ending.", wxString::FromUTF8(worker->m_module.c_str()));
+        wxLogError("Worker \"%s\" is not started: the process is ending.", TextWithoutNul(worker->m_module));
         return nullptr;
     }
     // In the list first, so that a failure to grow it cannot leave a thread that nobody joins.
@@ -107,8 +108,9 @@ bool CWorker::Protected(CLuaInterpreter& lua, int (*function)(lua_State*), int r
     lua_pushlightuserdata(L, this);
     if (lua_pcall(L, 1, resultCount, 0) == LUA_OK)
         return true;
-    const char* message = lua_tostring(L, -1);
-    m_error = message ? message : "(no message)";
+    std::size_t length = 0;
+    const char* const message = lua_tolstring(L, -1, &length);
+    m_error = message ? std::string(message, length) : "(no message)";
     lua_settop(L, 0);
     return false;
 }
@@ -151,7 +153,7 @@ int CWorker::Work()
     wxMemoryInputStream chunk(workerChunk, sizeof(workerChunk) - 1);
     const int status = lua.RunScript(chunk, 2, 1, "worker", nullptr);
     if (status != 0) {
-        m_error = std::string(lua.GetErrorInfo().utf8_str());
+        m_error = BytesFromText(lua.GetErrorInfo());
         return status;
     }
     return static_cast<int>(lua_tointeger(lua.L(), -1));
@@ -173,7 +175,7 @@ void CWorker::OnRun()
         m_error = e.what();
     }
     if (!m_error.empty())
-        wxLogError("Worker \"%s\" failed: %s", wxString::FromUTF8(m_module.c_str()), FromForeignBytes(m_error));
+        wxLogError("Worker \"%s\" failed: %s", TextWithoutNul(m_module), TextWithoutNul(m_error));
 }
 
 void CWorker::AnnounceEnd()

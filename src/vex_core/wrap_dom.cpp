@@ -151,14 +151,6 @@ int Wait(CDom& dom, lua_State* L)
 
 // --- log
 
-/// The framework's formatting ends a text at its first NUL, so NULs are written as the log writes control characters.
-wxString TextWithoutNul(std::string_view bytes)
-{
-    wxString text = Text(bytes);
-    text.Replace(wxUniChar(0), "\\x00");
-    return text;
-}
-
 int Log(CDom&, lua_State* L)
 {
     struct Level
@@ -180,7 +172,7 @@ int Log(CDom&, lua_State* L)
         if (level.level == wxLOG_Debug)
             VexCore::WriteLogLine(wxLOG_Debug, Text(text));
         else
-            wxLogGeneric(level.level, "%s", TextWithoutNul(text));
+            wxLogGeneric(level.level, "%s", VexCore::TextWithoutNul(text));
         return 0;
     }
     RaiseArgumentError(L, firstArgument, "\"error\", \"warning\", \"message\", \"info\" or \"debug\"",

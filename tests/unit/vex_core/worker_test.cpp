@@ -76,6 +76,15 @@ TEST_F(WorkerTest, RunsTheModuleWithItsArgumentInAPreparedState)
     EXPECT_EQ(Run("return w:Running(), w:Join(0)"), "false true 0");
 }
 
+TEST_F(WorkerTest, ErrorWithANulIsWholeForWhoJoinsAndInTheLog)
+{
+    Module("fails", "local M = {}\nfunction M.run() error('front\\0back', 0) end\nreturn M");
+    EXPECT_EQ(Run("local ended, status, text = dom0:StartThread('fails'):Join()\n"
+                  "return ended, status, (text:match('^front%zback') ~= nil)"),
+              "true 2 true");
+    EXPECT_THAT(Log(), HasSubstr("Worker \"fails\" failed: front\\x00back"));
+}
+
 TEST_F(WorkerTest, ArgumentMayBeLeftOut)
 {
     Module("job", "return {run = function(arg) dom0:Set('type', type(arg)) return 3 end}");
