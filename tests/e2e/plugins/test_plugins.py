@@ -255,6 +255,42 @@ def test_a_full_disk_keeps_the_old_file_and_the_event_arrives_when_there_is_room
         unmount(str(small))
 
 
+@pytest.mark.parametrize("fault", ["locked by another process", "not a file", "damaged"])
+def test_an_event_that_the_database_cannot_take_is_kept_and_stored_once(tree, fault):
+    database, pending = os.path.join(tree.work, "events.db"), os.path.join(tree.work, "events.pending.xml")
+    tree.file("a.vxp", "no archive")
+    install(tree)
+    other = sqlite3.connect(database, isolation_level=None)
+    if fault == "locked by another process":
+        other.execute("BEGIN EXCLUSIVE")
+    else:
+        other.close()
+        os.rename(database, database + ".away")
+        if fault == "damaged":
+            tree.file("work/events.db", b"x" * 8192)
+        else:
+            os.mkdir(database)
+    result = install(tree)
+    assert result.status == 0
+    if fault == "damaged":
+        assert [event[0] for event in events(tree)] == [5102] and not os.path.exists(pending)
+        assert len([line for line in result.log.splitlines() if "events.db' is damaged" in line]) == 1
+        return
+    with open(pending) as file:
+        kept = re.findall("<agent_event .*/>", file.read())
+    assert len(kept) == 1 and 'number="5102"' in kept[0] and f"a|a|{tree.path}/a.vxp" in kept[0]
+    assert len([line for line in result.log.splitlines() if " ERROR " in line and kept[0] in line]) == 1, result.log
+    other.close()
+    if fault == "not a file":
+        os.rmdir(database)
+        os.rename(database + ".away", database)
+    os.unlink(tree.path + "/a.vxp")
+    with_zipfile(tree.file("b.vxp"), FILES)
+    install(tree)
+    assert [event[0] for event in events(tree)] == [5102, 5102, 5101]
+    assert events(tree)[1][5] == kept[0] and not os.path.exists(pending)
+
+
 def test_the_executable_bit_is_kept_and_nothing_more(tree, tmp_path):
     scratch = tmp_path / "scratch"
     (scratch / "bin").mkdir(parents=True)
