@@ -14,11 +14,14 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <map>
 #include <random>
+#include <string_view>
+#include <vector>
 
 #include <unistd.h>
 
@@ -38,9 +41,13 @@ const char tableSql[] =
     " severity INTEGER, text TEXT, xml TEXT);"
     "CREATE TABLE IF NOT EXISTS agent_event_key(seq INTEGER PRIMARY KEY, key TEXT NOT NULL UNIQUE);";
 
-// Keys matter for events that some process still keeps; an old key is no longer one of those.
+// Keys matter for events that some process still keeps; an old key is no longer one of those, unless the pending file
+// has events of any age.
 const char forgetKeysSql[] =
     "DELETE FROM agent_event_key WHERE seq < (SELECT max(seq) FROM agent_event_key) - 1000";
+
+// Whether a store of this process may keep events. Read without a lock, so that the usual answer costs nothing.
+std::atomic<bool> g_somethingIsKept{false};
 
 wxString Shown(const std::string& text)
 {
@@ -88,6 +95,16 @@ void ShowOnStandardError(const char* prefix, const std::string& xml)
     os::WriteAll(STDERR_FILENO, line.data(), line.size());
 }
 
+// What lies there already may be all that is left of another database.
+std::string FreeName(const std::string& wanted)
+{
+    std::string name = wanted;
+    struct stat status;
+    for (int number = 2; os::fileCalls.stat(name.c_str(), &status) == 0; ++number)
+        name = wanted + "-" + std::to_string(number);
+    return name;
+}
+
 bool MeansDamage(int code)
 {
     const int primary = code & 0xFF;
@@ -120,9 +137,11 @@ std::int64_t EventStore::Write(const CAgentEvent& event)
 bool EventStore::StoreKept()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_memory.empty() && (m_folder.empty() || !m_pending.Exists()))
+    if (m_memory.empty() && (m_folder.empty() || !m_pending.HasEvents()))
         return true;
-    return OpenDatabase() && StoreKeptLocked() && m_memory.empty() && !m_pending.Exists();
+    if (!WithDatabase([this] { return StoreKeptLocked(); }) && !m_folder.empty())
+        AppendMemoryToPending(); // better kept there than with this process
+    return m_memory.empty() && !m_pending.HasEvents();
 }
 
 std::size_t EventStore::InMemory() const
@@ -143,26 +162,29 @@ void EventStore::Adopt(EventStore& other)
                     std::make_move_iterator(events.end()));
 }
 
-// Two attempts: a file that was damaged, removed or replaced is left behind by the first.
 std::int64_t EventStore::WriteLocked(const EventRecord& record)
 {
+    std::int64_t id = 0;
+    WithDatabase([&] { return StoreKeptLocked() && (id = InsertOnce(record)) != 0; });
+    return id;
+}
+
+// Two attempts: a file that was damaged, removed or replaced is left behind by the first.
+bool EventStore::WithDatabase(const std::function<bool()>& body)
+{
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (OpenDatabase() && StoreKeptLocked()) {
-            const std::int64_t id = InsertOnce(record);
-            if (id != 0)
-                return id;
-        }
+        if (OpenDatabase() && body())
+            return true;
         if (m_folder.empty())
-            return 0;
+            return false;
         m_reason = m_db.Error();
         const int code = m_db.ErrorCode();
         m_db.Close();
-        if (MeansDamage(code))
-            MoveDamagedAside();
-        else if (code != SQLITE_READONLY_DBMOVED)
-            return 0;
+        const bool again = MeansDamage(code) ? MoveDamagedAside() : code == SQLITE_READONLY_DBMOVED;
+        if (!again)
+            return false;
     }
-    return 0;
+    return false;
 }
 
 // --- the database
@@ -208,17 +230,24 @@ bool EventStore::CreateTables()
     return transaction.Begun() && m_db.Exec(tableSql) && transaction.Commit();
 }
 
-// With its journal, without which it could not be repaired. Another process may have done it meanwhile.
-void EventStore::MoveDamagedAside()
+// With its journal, without which it could not be repaired. Another process may have done it meanwhile. False: it could
+// not be moved.
+bool EventStore::MoveDamagedAside()
 {
     if (!IsOurFile())
-        return;
-    const std::string aside = m_path + ".damaged-" + std::to_string(TimeNowMillis() / 1000);
-    wxLogError(wxT("The event database '%s' is damaged (%s): kept as '%s', a new one begins"), Shown(m_path),
-               Shown(m_reason), Shown(aside));
-    os::fileCalls.rename(m_path.c_str(), aside.c_str());
+        return true;
+    const std::string aside = FreeName(m_path + ".damaged-" + std::to_string(TimeNowMillis() / 1000));
+    if (os::fileCalls.rename(m_path.c_str(), aside.c_str()) != 0) {
+        const long error = errno;
+        wxLogSysError(error, wxT("The event database '%s' is damaged (%s) and cannot be moved out of the way"),
+                      Shown(m_path), Shown(m_reason));
+        return false;
+    }
     for (const char* suffix : {"-journal", "-wal", "-shm"})
         os::fileCalls.rename((m_path + suffix).c_str(), (aside + suffix).c_str());
+    wxLogError(wxT("The event database '%s' is damaged (%s): kept as '%s', a new one begins"), Shown(m_path),
+               Shown(m_reason), Shown(aside));
+    return true;
 }
 
 bool EventStore::InsertKey(const EventRecord& record)
@@ -245,7 +274,7 @@ std::int64_t EventStore::Insert(const EventRecord& record)
 std::int64_t EventStore::InsertOnce(const EventRecord& record)
 {
     SqliteTransaction transaction(m_db);
-    if (!transaction.Begun() || !m_db.Exec(forgetKeysSql) || !InsertKey(record))
+    if (!transaction.Begun() || (!m_pending.HasEvents() && !m_db.Exec(forgetKeysSql)) || !InsertKey(record))
         return 0;
     const std::int64_t id = Insert(record);
     return id != 0 && transaction.Commit() ? id : 0;
@@ -305,6 +334,7 @@ bool EventStore::AppendMemoryToPending()
 
 void EventStore::KeepForLater(const EventRecord& record)
 {
+    g_somethingIsKept = true;
     const bool pending = !m_folder.empty() && AppendMemoryToPending() && m_pending.Append(record);
     const wxString pendingError = pending ? wxString() : Shown(std::strerror(errno));
     if (pending)
@@ -340,7 +370,11 @@ struct Registry
     std::mutex mutex;
     std::map<std::string, std::shared_ptr<EventStore>>
         stores; // guarded by mutex; "" has what came before any folder
+    std::chrono::steady_clock::time_point nextRetry; // guarded by mutex
 };
+
+// Each attempt may wait for a lock that another process holds.
+constexpr std::chrono::seconds retryPause{10};
 
 Registry& GetRegistry()
 {
@@ -365,6 +399,27 @@ std::shared_ptr<EventStore> GetEventStore(const std::string& folder)
     return registry.stores[folder];
 }
 
+void RetryKeptEvents()
+{
+    if (!g_somethingIsKept.load(std::memory_order_relaxed))
+        return;
+    Registry& registry = GetRegistry();
+    std::vector<std::shared_ptr<EventStore>> stores;
+    {
+        const std::lock_guard<std::mutex> lock(registry.mutex);
+        const auto now = std::chrono::steady_clock::now();
+        if (now < registry.nextRetry)
+            return;
+        registry.nextRetry = now + retryPause;
+        for (const auto& item : registry.stores)
+            stores.push_back(item.second);
+    }
+    g_somethingIsKept = false;
+    for (const std::shared_ptr<EventStore>& store : stores)
+        if (!store->StoreKept())
+            g_somethingIsKept = true;
+}
+
 void CloseEventStores()
 {
     std::map<std::string, std::shared_ptr<EventStore>> stores;
@@ -372,9 +427,17 @@ void CloseEventStores()
         Registry& registry = GetRegistry();
         const std::lock_guard<std::mutex> lock(registry.mutex);
         stores.swap(registry.stores);
+        registry.nextRetry = std::chrono::steady_clock::time_point();
     }
-    for (const auto& item : stores)
+    g_somethingIsKept = false;
+    for (const auto& item : stores) {
         item.second->StoreKept();
+        const std::size_t lost = item.second->InMemory();
+        if (lost > 0)
+            wxLogError(wxT("Agent events that are lost with the process, because nothing took them: %lu (above is a line for "
+                           "each)"),
+                       static_cast<unsigned long>(lost));
+    }
 }
 
 std::int64_t CDom::AgentEventWrite(CAgentEvent& event)
@@ -382,9 +445,9 @@ std::int64_t CDom::AgentEventWrite(CAgentEvent& event)
     try {
         return GetEventStore(Get("app.path.work"))->Write(event);
     } catch (const std::exception& failure) { // memory or the source of random numbers
-        const char* const parts[] = {"Agent event lost: ", failure.what(), ": ", event.m_text.c_str(), "\n"};
-        for (const char* part : parts)
-            os::WriteAll(STDERR_FILENO, part, std::strlen(part));
+        const std::string_view parts[] = {"Agent event lost: ", failure.what(), ": ", event.m_text, "\n"};
+        for (const std::string_view part : parts)
+            os::WriteAll(STDERR_FILENO, part.data(), part.size());
         return 0;
     }
 }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -33,7 +34,8 @@ public:
     /// The id of the stored event, or 0 when it was kept for later. What was kept earlier is stored first.
     std::int64_t Write(const CAgentEvent& event);
 
-    /// Tries again to store what is kept. True when nothing is kept any more.
+    /// Tries again to store what is kept; what the database does not take goes from memory to the pending file, if that has
+    /// room. True when nothing is kept any more.
     bool StoreKept();
 
     /// Events in memory.
@@ -47,7 +49,8 @@ private:
     void RememberFile();
     bool IsOurFile() const;
     bool CreateTables();
-    void MoveDamagedAside();
+    bool WithDatabase(const std::function<bool()>& body);
+    bool MoveDamagedAside();
     bool StoreKeptLocked();
     bool StorePending();
     bool StoreAll(const std::vector<EventRecord>& records);
@@ -74,6 +77,10 @@ private:
 
 /// The process's store for a working folder.
 std::shared_ptr<EventStore> GetEventStore(const std::string& folder);
+
+/// For moments that show that the disk has room: tries again to store what this process keeps, at most every ten seconds. Costs
+/// one atomic load when it keeps nothing. Any thread that has no transaction open; may wait for a lock on the database.
+void RetryKeptEvents();
 
 /// Tries once more to store what is kept and closes all stores.
 void CloseEventStores();

@@ -1,6 +1,7 @@
 #include "vex_core/lua_db.h"
 
 #include "slb3/error.h"
+#include "vex_core/agentevent_store.h"
 #include "vex_core/sqlite_db.h"
 
 #include <cmath>
@@ -147,6 +148,14 @@ bool Prepare(const Self& self, const char*& sql, Statement& statement)
     return true;
 }
 
+// What was just committed found room, and so may events that wait for it. Not inside a transaction: that may be one of the
+// database of events.
+void NoteCommit(const Self& self)
+{
+    if (sqlite3_get_autocommit(self.Handle()) != 0)
+        RetryKeptEvents();
+}
+
 void CheckArguments(lua_State* L)
 {
     luaL_checkstring(L, 2);
@@ -181,7 +190,10 @@ int Exec(lua_State* L)
         if (result != SQLITE_DONE)
             return Failed(L, self);
     }
-    lua_pushnumber(L, sqlite3_total_changes(self.Handle()) - before);
+    const int changes = sqlite3_total_changes(self.Handle()) - before;
+    if (changes > 0)
+        NoteCommit(self);
+    lua_pushnumber(L, changes);
     return 1;
 }
 
@@ -262,6 +274,7 @@ int Transaction(lua_State* L)
         return luaL_error(L, "the database was closed inside its transaction");
     if (!self.Db().Exec("COMMIT"))
         return Failed(L, self.Db().Error());
+    NoteCommit(self);
     if (results > 0)
         return results;
     lua_pushboolean(L, 1);

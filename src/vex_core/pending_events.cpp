@@ -1,4 +1,5 @@
 #include "vex_core/pending_events.h"
+#include "vex_core/narrow.h"
 #include "vex_core/os/file_calls.h"
 #include "vex_core/os/file_lock.h"
 
@@ -77,7 +78,7 @@ std::vector<EventRecord> ParseLines(const std::string& text, const std::string& 
             records.push_back(std::move(record));
         else if (!line.empty())
             wxLogError(wxT("A line of '%s' is no event and is left out: %s"),
-                       wxString::FromUTF8(path.c_str()), wxString(line.data(), wxConvISO8859_1, line.size()));
+                       FromForeignBytes(path), FromForeignBytes(line));
         at = end + 1;
     }
     return records;
@@ -119,6 +120,12 @@ bool PendingEvents::Exists() const
     return os::fileCalls.stat(m_path.c_str(), &status) == 0;
 }
 
+bool PendingEvents::HasEvents() const
+{
+    struct stat status;
+    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && status.st_size > 0;
+}
+
 bool PendingEvents::Append(const EventRecord& record)
 {
     const os::Descriptor file = OpenLocked(m_path, O_RDWR | O_CREAT | O_APPEND);
@@ -151,10 +158,13 @@ PendingEvents::ETaken PendingEvents::Take(const std::function<bool(const std::ve
         return ETaken::Unreadable;
     if (!store(ParseLines(text, m_path)))
         return ETaken::Refused;
-    if (os::fileCalls.unlink(m_path.c_str()) != 0)
-        return ETaken::Unreadable; // all are stored; their keys keep them from being stored again
-    FlushFolderOf(m_path);
-    return ETaken::All;
+    if (os::fileCalls.unlink(m_path.c_str()) == 0) {
+        FlushFolderOf(m_path);
+        return ETaken::All;
+    }
+    // All are stored, and their keys keep them from being stored again for as long as they are here.
+    const bool empty = text.empty() || (os::fileCalls.ftruncate(file.Get(), 0) == 0 && os::fileCalls.fsync(file.Get()) == 0);
+    return empty ? ETaken::All : ETaken::Unreadable;
 }
 
 } // namespace VexCore

@@ -30,14 +30,16 @@ public:
     const std::string& Path() const { return m_path; }
     /// Whether there is a file at all.
     bool Exists() const;
+    /// Whether it holds anything: one that could not be removed is emptied.
+    bool HasEvents() const;
 
     /// Adds the record and flushes it to the disk. False with errno: the file is as it was.
     bool Append(const EventRecord& record);
 
     enum class ETaken {
-        All,        ///< `store` took them and the file is gone
+        All,        ///< `store` took them and the file is gone, or empty where it cannot be removed
         Refused,    ///< `store` did not take them; the file is as it was
-        Unreadable, ///< the file could not be locked or read; errno
+        Unreadable, ///< the file could not be locked or read, or still holds what `store` took; errno
     };
     /// Hands all records to `store`, which puts them away for good or answers false; then removes the file. A
     /// process that dies in between leaves the file, and `store` sees the same keys again.

@@ -7,6 +7,7 @@
 
 #include "vex/core/processexit.h"
 
+#include "vex_core/agentevent_store.h"
 #include "vex_core/log_p.h"
 #include "vex_core/os/exit.h"
 #include "vex_core/processexit_p.h"
@@ -16,6 +17,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <mutex>
 
 #include <wx/app.h>
@@ -79,6 +81,16 @@ void FlushIfFree(std::FILE* stream)
     }
 }
 
+/// For an end without a clean-up, as by `os.exit`; after one nothing is left to store.
+void StoreKeptEvents()
+{
+    try {
+        CloseEventStores();
+    } catch (const std::exception& failure) {
+        wxLogError("Agent events could not be stored at the end of the process: %s", failure.what());
+    }
+}
+
 [[noreturn]] void LeaveWithoutDestructors(int status)
 {
     FlushLogAtProcessEnd();
@@ -117,6 +129,7 @@ void ExitProcessFromThread(int status)
             HaltForever(lock);
         state.isEnding = true;
     }
+    StoreKeptEvents();
     wxLog::FlushActive();
     if (!OtherRunnablesRun() && (wxThread::IsMain() || ParkMainThread()))
         std::exit(status);

@@ -7,6 +7,7 @@
 #include "support/sample_event.h"
 #include "support/temp_folder.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <thread>
@@ -289,6 +290,39 @@ TEST_F(EventStoreTest, PendingFileSeenTwiceIsStoredOnce)
     EXPECT_EQ(Stored(), "once;next;");
 }
 
+TEST_F(EventStoreTest, PendingFileThatCannotBeRemovedIsEmptied)
+{
+    EventStore store(m_work);
+    ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
+    ::Test::LogCapture log;
+    os::fileCalls.unlink = [](const char*) { return errno = EPERM, -1; };
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_EQ(store.Write(SampleEvent("next")), 2);
+    EXPECT_EQ(::Test::ReadFile(Pending()), "");
+    os::fileCalls = os::systemFileCalls;
+    EXPECT_EQ(store.Write(SampleEvent("last")), 3);
+    EXPECT_FALSE(Exists(Pending()));
+    EXPECT_EQ(Stored(), "kept;next;last;");
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+}
+
+TEST_F(EventStoreTest, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEventsFollow)
+{
+    EventStore store(m_work);
+    ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
+    ::Test::LogCapture log;
+    os::fileCalls.unlink = [](const char*) { return errno = EPERM, -1; };
+    os::fileCalls.ftruncate = [](int, off_t) { return errno = EPERM, -1; };
+    constexpr int more = 1100; // than keys are remembered otherwise
+    for (int i = 0; i < more; ++i)
+        store.Write(SampleEvent("e"));
+    os::fileCalls = os::systemFileCalls;
+    EXPECT_EQ(log.Count(wxLOG_Error, "Unable to take the events out of"), std::size_t(more));
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_FALSE(Exists(Pending()));
+    EXPECT_EQ(CountOf(Stored(), "kept"), 1);
+}
+
 TEST_F(EventStoreTest, LineCutShortIsAnErrorLineAndTheOthersAreStored)
 {
     EventStore store(m_work);
@@ -374,6 +408,41 @@ TEST_F(EventStoreTest, DamagedDatabaseIsMovedAsideAndANewOneBegins)
         if (item.path().filename().string().find("events.db.damaged-") == 0)
             kept += ::Test::ReadFile(item.path().string()) == std::string(8192, 'x') ? 1 : 0;
     EXPECT_EQ(kept, 1);
+}
+
+TEST_F(EventStoreTest, DatabasesDamagedWithinOneSecondAreAllKept)
+{
+    ::Test::LogCapture log;
+    EventStore store(m_work);
+    for (const char letter : {'x', 'y', 'z'}) {
+        ::Test::WriteFile(Database(), std::string(8192, letter));
+        EXPECT_EQ(store.Write(SampleEvent("event")), 1);
+    }
+    std::string kept;
+    for (const auto& item : std::filesystem::directory_iterator(m_work))
+        if (item.path().filename().string().find("events.db.damaged-") == 0)
+            kept += ::Test::ReadFile(item.path().string()).substr(0, 1);
+    std::sort(kept.begin(), kept.end());
+    EXPECT_EQ(kept, "xyz");
+}
+
+TEST_F(EventStoreTest, DamagedDatabaseThatCannotBeMovedStaysAndTheEventsWait)
+{
+    ::Test::WriteFile(Database(), std::string(8192, 'x'));
+    EventStore store(m_work);
+    {
+        ::Test::LogCapture log;
+        os::fileCalls.rename = [](const char*, const char*) { return errno = EACCES, -1; };
+        EXPECT_EQ(store.Write(SampleEvent("event")), 0);
+        os::fileCalls = os::systemFileCalls;
+        EXPECT_EQ(log.Count(wxLOG_Error, "cannot be moved out of the way"), 1u) << log.All();
+        EXPECT_EQ(log.Count(wxLOG_Error, "kept in '" + Pending()), 1u) << log.All();
+        EXPECT_EQ(log.Lines().size(), 2u) << log.All();
+    }
+    EXPECT_EQ(::Test::ReadFile(Database()), std::string(8192, 'x'));
+    ::Test::LogCapture log;
+    EXPECT_TRUE(store.StoreKept()) << "what is kept is stored without another event, too";
+    EXPECT_EQ(Stored(), "event;");
 }
 
 TEST_F(EventStoreTest, DatabaseThatIsDamagedWhileOpenIsMovedAside)
@@ -618,6 +687,72 @@ TEST_F(EventStoreTest, ClosingTheStoresStoresWhatIsKept)
     std::filesystem::remove(Database());
     CloseEventStores();
     EXPECT_EQ(Stored(), "kept;");
+}
+
+TEST_F(EventStoreTest, ClosingTheStoresMovesWhatIsInMemoryToThePendingFile)
+{
+    m_work += "/later";
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("one")), 0);
+    testing::internal::GetCapturedStderr();
+    std::filesystem::create_directories(Database()); // no database, but room beside it
+    CloseEventStores();
+    EXPECT_NE(::Test::ReadFile(Pending()).find("text=\"one\""), std::string::npos);
+    EXPECT_EQ(log.Count(wxLOG_Error, "are lost"), 0u) << log.All();
+    std::filesystem::remove(Database());
+    EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("two")), 2);
+    CloseEventStores();
+    EXPECT_EQ(Stored(), "one;two;");
+}
+
+TEST_F(EventStoreTest, EventsThatNothingTookAreCountedWhenTheStoresClose)
+{
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    GetEventStore(m_work + "/never")->Write(SampleEvent("one"));
+    GetEventStore(m_work + "/never")->Write(SampleEvent("two"));
+    CloseEventStores();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log.Count(wxLOG_Error, "lost with the process, because nothing took them: 2"), 1u) << log.All();
+}
+
+TEST_F(EventStoreTest, WhatIsKeptIsStoredWithoutAnotherEventWhenThereIsRoom)
+{
+    m_work += "/later";
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    GetEventStore(m_work)->Write(SampleEvent("one"));
+    testing::internal::GetCapturedStderr();
+    std::filesystem::create_directory(m_work);
+    RetryKeptEvents();
+    EXPECT_EQ(Stored(), "one;");
+    EXPECT_EQ(GetEventStore(m_work)->InMemory(), 0u);
+    CloseEventStores();
+}
+
+TEST_F(EventStoreTest, AttemptsWithoutAnEventKeepADistance)
+{
+    std::filesystem::create_directory(Database());
+    ::Test::LogCapture log;
+    GetEventStore(m_work)->Write(SampleEvent("one"));
+    RetryKeptEvents(); // in vain
+    std::filesystem::remove(Database());
+    RetryKeptEvents(); // too early
+    EXPECT_FALSE(Exists(Database()));
+    EXPECT_TRUE(Exists(Pending()));
+    CloseEventStores();
+    EXPECT_EQ(Stored(), "one;");
+}
+
+TEST_F(EventStoreTest, NothingIsOpenedWhenNothingIsKept)
+{
+    const auto store = GetEventStore(m_work);
+    ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"of another process\"/></pending>\n");
+    RetryKeptEvents();
+    EXPECT_FALSE(Exists(Database()));
+    std::filesystem::remove(Pending());
+    CloseEventStores();
 }
 
 TEST_F(EventStoreTest, DomainWritesBelowItsWorkingFolder)

@@ -5,9 +5,12 @@
 #include "support/address_limit.h"
 #include "support/dom_ptr.h"
 #include "support/temp_folder.h"
+#include "vex/core/agentevent.h"
 #include "vex/core/dom.h"
+#include "vex_core/agentevent_store.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include <lua.hpp>
+#include <wx/log.h>
 
 using namespace VexCore;
 
@@ -309,6 +313,32 @@ TEST_F(LuaHostTest, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
               "true");
     EXPECT_TRUE(CloseLuaDatabases());
     EXPECT_EQ(Run("return tostring(kept)"), "database (closed)");
+}
+
+TEST_F(LuaHostTest, ACommitStoresTheEventsThatWaitedForRoom)
+{
+    const std::string work = m_folder / "later";
+    const wxLogNull quiet;
+    const auto keep = [&] {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(GetEventStore(work)->Write(CAgentEvent()), 0);
+        testing::internal::GetCapturedStderr();
+        EXPECT_EQ(GetEventStore(work)->InMemory(), 1u);
+    };
+    Run("db = assert(require('vex.db').open(folder .. '/x.db')) db:exec('CREATE TABLE t(a)')");
+    for (const char* commit : {"db:exec('INSERT INTO t VALUES(1)')",
+                               "db:transaction(function() db:exec('INSERT INTO t VALUES(1)') end)"}) {
+        keep();
+        std::filesystem::create_directory(work);
+        Run("db:exec('DELETE FROM t WHERE a = 7')");
+        EXPECT_EQ(GetEventStore(work)->InMemory(), 1u) << "nothing was written";
+        Run("db:transaction(function() db:exec('INSERT INTO t VALUES(1)') inside = true return nil, 'no' end)");
+        EXPECT_EQ(GetEventStore(work)->InMemory(), 1u) << "what was written was taken back";
+        Run(commit);
+        EXPECT_EQ(GetEventStore(work)->InMemory(), 0u) << commit;
+        CloseEventStores();
+        std::filesystem::remove_all(work);
+    }
 }
 
 TEST_F(LuaHostTest, ADatabaseThatAWorkerIsInsideOfStaysOpen)

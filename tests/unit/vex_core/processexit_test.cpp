@@ -1,13 +1,18 @@
 #include "vex/core/processexit.h"
 
+#include "support/temp_folder.h"
+#include "vex/core/agentevent.h"
 #include "vex/core/luainterpreter.h"
 #include "vex/core/runnable.h"
+#include "vex_core/agentevent_store.h"
 #include "vex_core/wait.h"
 #include "vex_core/workers.h"
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
+#include <string>
 
 #include <gtest/gtest.h>
 #include <wx/app.h>
@@ -125,6 +130,20 @@ TEST_F(ProcessExitTest, NoDestructorRunsUnderAnotherThreadOfOurs)
             std::_Exit(1);
         },
         ::testing::ExitedWithCode(7), "^$");
+}
+
+TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
+{
+    static const ::Test::TempFolder folder;
+    static const std::string work = folder / "later";
+    EXPECT_EXIT(
+        {
+            std::atexit([] { std::fputs(std::filesystem::exists(work + "/events.db") ? "stored in time" : "lost", stderr); });
+            GetEventStore(work)->Write(CAgentEvent());
+            std::filesystem::create_directory(work);
+            ExitProcessFromThread(3);
+        },
+        ::testing::ExitedWithCode(3), "stored in time");
 }
 
 TEST_F(ProcessExitTest, FirstOfSeveralExitsCounts)
