@@ -1,6 +1,11 @@
 """Applications for the daemon scenarios, and the whole of what a run may leave in the log."""
+import ast
+import os
 import re
 import signal
+import subprocess
+
+from conftest import wait_until
 
 # Tells on disk what it did, so that a test sees the order of a process that has no terminal.
 LIFE = """
@@ -88,3 +93,48 @@ def life(tree):
             return file.read().split()
     except FileNotFoundError:
         return []
+
+
+REAPER = """
+import ctypes, os, sys
+ctypes.CDLL(None).prctl(36, 1, 0, 0, 0)
+os.environ.update(argument.split("=", 1) for argument in sys.argv[2:])
+os.spawnv(os.P_NOWAIT, sys.argv[1], [sys.argv[1], "--background"])
+statuses = []
+while True:
+    try:
+        pid, code = os.wait()
+    except ChildProcessError:
+        break
+    statuses.append((pid, os.waitstatus_to_exitcode(code)))
+print(statuses)
+"""
+
+
+def adopted_statuses(tree, env=None, action=None):
+    """Starts in the background below a process that adopts whatever is orphaned, and waits for the end of all; returns
+    (pid, status) as they end: starting process, first child, supervisor, and a child if it is left behind. `env` is for
+    these. `action` gets the supervisor's pid. Nobody writes a word."""
+    settings = [f"{name}={value}" for name, value in (env or {}).items()]
+    reaper = subprocess.Popen(["/usr/bin/python3", "-c", REAPER, os.path.join(tree.path, "probe"), *settings],
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **tree.identity)
+    tree._started.append(reaper)
+    if action:
+        action(wait_until(lambda: tree.supervisor("probe"), what="pid file"))
+    out, err = reaper.communicate(timeout=150)
+    assert (out.count("\n"), err) == (1, "")
+    return ast.literal_eval(out)
+
+
+def run_adopted(tree, env=None, action=None):
+    """The same for the supervisor's status alone; all others end with 0, a child that it left behind included."""
+    known = []
+
+    def note(supervisor):
+        known.append(supervisor)
+        action(supervisor)
+    ended = adopted_statuses(tree, env, note if action else None)
+    # Without a stop it is the supervisor that has the last word in the log.
+    supervisor = known[0] if known else int(re.findall(r" \[(\d+)/main\] ", tree.log("probe"))[-1])
+    assert len(ended) in (3, 4) and all(status == 0 for pid, status in ended if pid != supervisor), ended
+    return dict(ended)[supervisor]

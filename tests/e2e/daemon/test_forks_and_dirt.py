@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from agents import CAUGHT, ENDED, LIFE, PID_FILE, check_log, check_silent, delayed, killed, life
+from agents import CAUGHT, ENDED, LIFE, PID_FILE, adopted_statuses, check_log, check_silent, delayed, killed, life, run_adopted
 from conftest import BUILD, SANITIZED, alive, children, send_signal, wait_until
 
 pytestmark = pytest.mark.sandbox
@@ -38,28 +38,29 @@ def test_the_agents_own_name_says_goodbye_when_the_first_fork_fails(tree):
               ("INFO", re.compile(r"VEX 10\.0\.0\.4015 exiting\. Run time was 0d 00:00:0\d\.\d{3}")), name="vx_agent")
 
 
-# strace counts for each process apart, so the second and third places need a shim that counts across processes.
+def failing_fork(number):
+    """strace counts for each process apart, so that the later places need a shim that counts across processes."""
+    return {"LD_PRELOAD": os.path.join(BUILD, "tests", "libforkfail.so"), "VEX_FAIL_FORK": number}
+
+
 @pytest.mark.skipif(SANITIZED, reason="a preloaded shim does not go with a sanitizer")
-@pytest.mark.parametrize("number,text", [(2, "Unable to do 2nd fork"), (3, "Unable to fork child")])
-def test_later_forks_that_fail_are_errors_and_leave_no_pid_file(tree, number, text):
+@pytest.mark.parametrize("number,text,statuses", [(2, "Unable to do 2nd fork", [0, 255]), (3, "Unable to fork child", [0, 0, 255])])
+def test_later_forks_that_fail_are_errors_with_status_255_and_leave_no_pid_file(tree, number, text, statuses):
     tree.app("probe", LIFE)
-    shim = os.path.join(BUILD, "tests", "libforkfail.so")
-    # The starting process itself succeeds.
-    check_silent(tree.run("--background", name="probe", env={"LD_PRELOAD": shim, "VEX_FAIL_FORK": str(number)}))
-    wait_until(lambda: text in tree.log("probe"), what=text)
-    time.sleep(0.5)
-    check_log(tree, ("ERROR", f"{text} {NO_PROCESS}"))
+    ended = adopted_statuses(tree, failing_fork(number))
+    assert sorted(status for _, status in ended) == statuses
+    check_log(tree, ("ERROR", f"{text} {NO_PROCESS}"), stops=0)
     assert life(tree) == [] and not os.path.exists(PID_FILE)
 
 
 @pytest.mark.skipif(SANITIZED, reason="a preloaded shim does not go with a sanitizer")
 def test_the_fork_of_a_restart_that_fails_is_an_error_and_takes_the_pid_file_away(tree):
     tree.app("probe", LIFE)
-    shim = os.path.join(BUILD, "tests", "libforkfail.so")
-    supervisor, child = tree.background(name="probe", env={"LD_PRELOAD": shim, "VEX_FAIL_FORK": "4"})
-    wait_until(lambda: "main" in life(tree), what="main")
-    send_signal(child, signal.SIGKILL)
-    wait_until(lambda: not alive(supervisor), what="end of the supervisor")
+
+    def kill_child(supervisor):
+        wait_until(lambda: "main" in life(tree), what="main")
+        send_signal(children(supervisor)[0], signal.SIGKILL)
+    assert run_adopted(tree, failing_fork(4), kill_child) == 255
     check_log(tree, killed(9), delayed(1), ("ERROR", "Unable to fork child " + NO_PROCESS), stops=0)
     assert life(tree) == ["init", "main"] and not os.path.exists(PID_FILE)
 

@@ -1,5 +1,4 @@
 """The life of supervisor and child: what they are, how they stop, and what is left behind."""
-import ast
 import os
 import re
 import shutil
@@ -9,7 +8,7 @@ import time
 
 import pytest
 
-from agents import CAUGHT, ENDED, LIFE, PID_FILE, check_log, delayed, exited, killed, life, stale
+from agents import CAUGHT, ENDED, LIFE, PID_FILE, check_log, delayed, exited, killed, life, run_adopted, stale
 from conftest import BUILD, FULL, SANITIZED, alive, children, send_signal, switches, wait_until
 
 pytestmark = pytest.mark.sandbox
@@ -131,36 +130,6 @@ def test_a_status_of_the_child_ends_the_supervisor_with_it(tree, step, expected,
     assert life(tree) == expected
     assert not os.path.exists(PID_FILE)
     check_log(tree, exited(status), stops=0)
-
-
-def run_adopted(tree, env=None, action=None):
-    """Starts in the background below a subreaper that waits for the orphaned supervisor; returns its exit code. `action` gets
-    the supervisor's pid. Nobody writes a word."""
-    script = """
-import ctypes, os, sys
-ctypes.CDLL(None).prctl(36, 1, 0, 0, 0)
-child = os.spawnv(os.P_NOWAIT, sys.argv[1], sys.argv[1:])
-status = {}
-while True:
-    try:
-        pid, code = os.wait()
-    except ChildProcessError:
-        break
-    status[pid] = os.waitstatus_to_exitcode(code)
-print(repr(status))
-"""
-    reaper = subprocess.Popen(["/usr/bin/python3", "-c", script, os.path.join(tree.path, "probe"), "--background"],
-                              env=dict(os.environ, **(env or {})), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                              **tree.identity)
-    tree._started.append(reaper)
-    supervisor = 0
-    if action:
-        supervisor = wait_until(lambda: tree.supervisor("probe"), what="pid file")
-        action(supervisor)
-    out, err = reaper.communicate(timeout=150)
-    assert (out.count("\n"), err) == (1, "")
-    # Without a stop it is the supervisor that has the last word in the log.
-    return ast.literal_eval(out)[supervisor or int(re.findall(r" \[(\d+)/main\] ", tree.log("probe"))[-1])]
 
 
 @pytest.mark.any_user
