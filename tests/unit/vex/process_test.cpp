@@ -111,6 +111,29 @@ TEST(ProcessSystem, TheInstanceLockSurvivesTheForksOfTheDetach)
     EXPECT_EQ(free, 0);
 }
 
+TEST(ProcessSystem, TheInstanceLockIsGivenUpForTheProcessesOfTheDetachToo)
+{
+    ::Test::TempFolder folder;
+    const std::string path = folder / "a.pid.lock";
+    EXPECT_EQ(InChild([&] {
+                  if (System().TakeInstanceLock(path.c_str()) != ELock::Taken)
+                      return 1;
+                  CPipe go;
+                  const pid_t lingering = System().Fork();
+                  if (lingering == 0) {
+                      go.CloseEnd(1);
+                      go.Read();
+                      ::_exit(0);
+                  }
+                  System().ReleaseInstanceLock();
+                  const ELock again = System().TakeInstanceLock(path.c_str());
+                  go.CloseEnd(1);
+                  ::waitpid(lingering, nullptr, 0);
+                  return again == ELock::Taken ? 0 : 2;
+              }),
+              0);
+}
+
 TEST(ProcessSystem, TheLockFileIsTheOwnersAloneAndStays)
 {
     ::Test::TempFolder folder;
@@ -153,6 +176,8 @@ TEST(ProcessSystem, AWorkerHoldsItsLockFromItsFirstMomentToItsEndAndLeavesTheIns
                   ready.Read();
                   if (System().FindOtherWorker() != worker)
                       return 2;
+                  if (System().TakeInstanceLock(path.c_str()) != ELock::HeldByOther)
+                      return 6; // the worker took it along
                   // The supervisor gives its lock up: the worker must not keep it.
                   System().ReleaseInstanceLock();
                   if (System().TakeInstanceLock(path.c_str()) != ELock::Taken)

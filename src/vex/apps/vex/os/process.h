@@ -89,6 +89,7 @@ public:
     virtual void SignalProcess(pid_t process, int signal) = 0;
     /// A file that is not there is no failure, and others go unsaid.
     virtual void RemoveFile(const char* path) = 0;
+    /// For all processes that have it.
     virtual void ReleaseInstanceLock() = 0;
     /// Ends the process as it stands.
     [[noreturn]] void ExitNow(int status)

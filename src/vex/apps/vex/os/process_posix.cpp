@@ -127,7 +127,7 @@ public:
         const pid_t child = Fork();
         if (child != 0)
             return child;
-        ReleaseInstanceLock();
+        CloseInstanceLock();
         if (m_workerLock >= 0) {
             // May have to wait for a child that finds itself without a parent below.
             struct flock lock;
@@ -220,10 +220,10 @@ public:
 
     void ReleaseInstanceLock() override
     {
-        if (m_instanceLock < 0)
-            return;
-        ::close(m_instanceLock);
-        m_instanceLock = -1;
+        // To close it would not do while the first child is still about to end: the file is open there too.
+        if (m_instanceLock >= 0)
+            ::flock(m_instanceLock, LOCK_UN);
+        CloseInstanceLock();
     }
 
     bool IsExecutable(const char* path) override { return ::access(path, X_OK) == 0; }
@@ -262,6 +262,15 @@ public:
     }
 
 private:
+    // Leaves the lock with the other processes that have the file open.
+    void CloseInstanceLock()
+    {
+        if (m_instanceLock < 0)
+            return;
+        ::close(m_instanceLock);
+        m_instanceLock = -1;
+    }
+
     void DoExit(int status) override { std::exit(status); }
     void DoExitNow(int status) override { ::_exit(status); }
 
