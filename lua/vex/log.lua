@@ -21,7 +21,7 @@ return function(module, domain)
   end
   function log.trace(...)
     local target = domain or dom0
-    if target:TraceEnabled(module) then target:Trace(module, formatted(...)) end
+    if target:TraceEnabled(module) then target:Trace(module, formatted(...), 2) end -- 2: our caller
   end
   return log
 end

@@ -13,6 +13,7 @@
 #include "vex_core/narrow.h"
 #include "vex_core/wrap_worker.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <optional>
@@ -183,11 +184,12 @@ int Trace(CDom&, lua_State* L)
 {
     const char* module = Value<const char*>::Get(L, firstArgument);
     const std::string_view text = Value<std::string_view>::Get(L, secondArgument);
+    const int level = Value<std::optional<int>>::Get(L, thirdArgument).value_or(1);
     if (!VexCore::LogTraceIsEnabled(module))
         return 0;
-    // The line tells the place of the Lua code that calls.
+    // The line tells the place of the Lua code that calls, or of its caller's caller and so on.
     lua_Debug caller = {};
-    const bool known = lua_getstack(L, 1, &caller) && lua_getinfo(L, "nSl", &caller);
+    const bool known = lua_getstack(L, std::max(level, 1), &caller) && lua_getinfo(L, "nSl", &caller);
     const char* source = !known ? "?" : *caller.source == '@' ? caller.source + 1 : caller.short_src;
     const char* function = known && caller.name ? caller.name : "main";
     VexCore::LogTrace(module, source, known ? caller.currentline : 0, function, Text(text));

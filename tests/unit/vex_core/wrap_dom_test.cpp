@@ -214,10 +214,16 @@ TEST_F(WrapDomTest, TraceNamesTheCallingLineOfLua)
             dom->Set("app.trace", "mine");
             const bool enabled = Run("dom0:TraceEnabled('mine')") == "true";
             Run("(function() local function speak()\n\ndom0:Trace('mine', 'seen')\nend speak() end)()");
+            Run("(function() local function pass(text) dom0:Trace('mine', text, 2) end\n"
+                "local function author()\npass('for another')\nend author() end)()");
+            Run("dom0:Trace('mine', 'from nowhere', 99)");
             std::fputs(LogFile().c_str(), stderr);
             std::exit(enabled && LogFile().find("unseen") == std::string::npos ? 0 : 1);
         },
-        ::testing::ExitedWithCode(0), "TRACE \\[[0-9]+/main\\] mine speak\\(test.lua:3\\): seen\n");
+        ::testing::ExitedWithCode(0), "TRACE \\[[0-9]+/main\\] mine speak\\(test.lua:3\\): seen\n"
+                                        ".* mine author\\(test.lua:3\\): for another\n"
+                                        ".* mine main\\(\\?:0\\): from nowhere\n");
+    EXPECT_THAT(Run("dom0:Trace('mine', 'x', 'y')"), HasSubstr("#3 to 'SLB.Dom:Trace' (integer expected, got string)"));
 }
 
 TEST_F(WrapDomTest, UnknownLevelIsAnError)
