@@ -3,6 +3,7 @@
 // kernel does not answer; it is listed with what /proc tells.
 
 #include "vex_core/crash_threads.h"
+#include "vex_core/os/kernel_dirent.h"
 
 #include <algorithm>
 #include <atomic>
@@ -55,19 +56,9 @@ void Nap()
     nanosleep(&millisecond, nullptr);
 }
 
-// As the kernel fills it.
-struct KernelDirent
-{
-    unsigned long long inode;
-    long long offset;
-    unsigned short recordSize;
-    unsigned char type;
-    char name[1];
-};
-
 void ListThreads(long self)
 {
-    alignas(KernelDirent) static char batch[8192];
+    alignas(os::KernelDirent) static char batch[8192];
     const int folder = open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0)
         return;
@@ -77,7 +68,7 @@ void ListThreads(long self)
         if (size <= 0)
             break;
         for (long at = 0; at < size && count < maxCrashThreads - 1;) {
-            const auto* entry = static_cast<const KernelDirent*>(static_cast<const void*>(batch + at));
+            const auto* entry = static_cast<const os::KernelDirent*>(static_cast<const void*>(batch + at));
             long number = 0;
             for (const char* digit = entry->name; *digit >= '0' && *digit <= '9'; ++digit)
                 number = number * 10 + (*digit - '0');

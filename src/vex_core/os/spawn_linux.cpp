@@ -1,5 +1,7 @@
 #include "vex_core/os/spawn.h"
 
+#include "vex_core/os/kernel_dirent.h"
+
 #include <climits>
 #include <cstdlib>
 
@@ -10,16 +12,6 @@
 
 namespace VexCore::os {
 namespace {
-
-// As the kernel fills it; the C library has no declaration.
-struct KernelDirent
-{
-    unsigned long long inode;
-    long long offset;
-    unsigned short recordSize;
-    unsigned char type;
-    char name[1];
-};
 
 // Kernels before 5.9: closes what /proc/self/fd lists, batch by batch. readdir would allocate.
 bool CloseListed(int first)

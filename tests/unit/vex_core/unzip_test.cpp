@@ -6,6 +6,7 @@
 
 #include "vex_core/os/folder_calls.h"
 
+#include "support/dom_ptr.h"
 #include "support/log_capture.h"
 #include "support/odd_archives.h"
 #include "support/temp_folder.h"
@@ -867,11 +868,7 @@ TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
 
 TEST_F(Unzipping, LimitsComeFromTheDomain)
 {
-    struct Release
-    {
-        void operator()(CDom* dom) const { dom->Release(); }
-    };
-    const std::unique_ptr<CDom, Release> dom(CDom::New("root", nullptr, nullptr, false));
+    const DomPtr dom = NewRoot();
     ZipBuilder builder;
     builder.Add("a", std::string(600, 'a'));
     builder.Add("b", std::string(400, 'b'));
