@@ -3,9 +3,9 @@
 local M = {}
 
 M.usage = [[
-usage: vx_agent --unittest SPEC -- [option...] [name...]
+usage: vx_agent --unittest SCRIPTS -- [option...] [name...]
 
-SPEC is a script or a pattern: "*" and "?" stand for any letters of a name, "**" for folders at any depth.
+SCRIPTS is a script or a pattern: "*" and "?" stand for any letters of a name, "**" for folders at any depth.
 A name is a test function, a class, or Class.method; without names all tests run.
 
   -o, --output FORMAT    text (default), tap, junit or nil

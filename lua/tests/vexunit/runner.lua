@@ -249,14 +249,14 @@ local function run_all(run, found)
   end
 end
 
---- Runs what `spec` names.
--- @param spec see tests.vexunit
+--- Runs what `wanted` names.
+-- @param wanted see tests.vexunit
 -- @param settings from tests.vexunit.options
 -- @param console from standard_console, or a like table
 -- @return 0, 1 or 2 as tests.vexunit says
-function M.run(spec, settings, console)
+function M.run(wanted, settings, console)
   local domain = rawget(_G, "dom0")
-  local found, message = scripts.find(spec, domain and domain:Get("app.path.bin"))
+  local found, message = scripts.find(wanted, domain and domain:Get("app.path.bin"))
   if not found then
     console.complain("vexunit: " .. message)
     return 2

@@ -1,20 +1,20 @@
---- From a specification to the scripts that it names, and from a script to its tests.
+--- From a name or pattern to the scripts that it names, and from a script to its tests.
 
 local glob = require("vex.glob")
 
 local M = {}
 
---- The scripts that a specification names.
--- @param spec a path or a pattern
+--- The scripts that a name or pattern stands for.
+-- @param wanted a path or a pattern
 -- @param bin the folder to look in when the current directory has no match; may be nil
 -- @return sorted array of paths, or nil and a message
-function M.find(spec, bin)
-  if type(spec) ~= "string" or spec == "" then return nil, "no script is named" end
-  local found = glob.files(spec)
-  if #found == 0 and bin and bin ~= "" and spec:sub(1, 1) ~= "/" then found = glob.files(spec, bin) end
+function M.find(wanted, bin)
+  if type(wanted) ~= "string" or wanted == "" then return nil, "no script is named" end
+  local found = glob.files(wanted)
+  if #found == 0 and bin and bin ~= "" and wanted:sub(1, 1) ~= "/" then found = glob.files(wanted, bin) end
   if #found > 0 then return found end
-  if glob.is_pattern(spec) then return nil, ("no script matches '%s'"):format(spec) end
-  return nil, ("there is no script '%s'"):format(spec)
+  if glob.is_pattern(wanted) then return nil, ("no script matches '%s'"):format(wanted) end
+  return nil, ("there is no script '%s'"):format(wanted)
 end
 
 local finished = {} -- thrown by os.exit after LuaUnit's own run was asked for

@@ -14,8 +14,8 @@ function M.main() print("main"); return 0 end
 function M.shutdown() print("shutdown"); return tonumber(os.getenv("SHUTDOWN") or "0") end
 return M
 """
-RUNNER = """return function(spec)
-  print("spec", spec)
+RUNNER = """return function(scripts)
+  print("scripts", scripts)
   print("module", type(vexAppModule), type(vexunit), type(dom0), type(arg))
   return %s
 end"""
@@ -33,7 +33,7 @@ def probe(tree):
 def test_the_runner_takes_the_place_of_main_and_shutdown_follows(probe):
     result = probe("--unittest", "some/*.lua")
     assert (result.status, result.err) == (0, "")
-    assert result.out == "init\nspec\tsome/*.lua\nmodule\ttable\tfunction\tuserdata\ttable\nshutdown\n"
+    assert result.out == "init\nscripts\tsome/*.lua\nmodule\ttable\tfunction\tuserdata\ttable\nshutdown\n"
 
 
 def test_after_success_the_status_of_shutdown_is_the_result(probe):
@@ -70,9 +70,9 @@ def test_a_runner_that_does_not_load_is_told(tree, probe):
     assert result.status == 2 and "tests/vexunit.lua:1:" in result.err
 
 
-def test_a_quote_in_the_specification_changes_the_lua_text(probe):
+def test_a_quote_in_the_scripts_name_changes_the_lua_text(probe):
     result = probe("--unittest", '*" .. "x')
-    assert "spec\t*x\n" in result.out
+    assert "scripts\t*x\n" in result.out
 
 
 def test_a_failing_init_runs_no_test(tree, probe):

@@ -25,8 +25,8 @@ def scripts(tree, tmp_path):
             file.parent.mkdir(parents=True, exist_ok=True)
             file.write_text(content)
 
-        def run(self, spec, *arguments, **options):
-            return tree.run("--unittest", spec, "--", *arguments, cwd=str(folder), **options)
+        def run(self, wanted, *arguments, **options):
+            return tree.run("--unittest", wanted, "--", *arguments, cwd=str(folder), **options)
 
     return Scripts()
 

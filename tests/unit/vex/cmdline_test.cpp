@@ -4,7 +4,7 @@
 
 namespace {
 
-struct Spec
+struct Option
 {
     bool isSwitch;
     const char* shortName;
@@ -12,7 +12,7 @@ struct Spec
     const char* help;
 };
 
-const Spec s_specs[] = {
+const Option s_options[] = {
     {false, "a", "appname", "the name of this application (default is based on the name of the executable file)."},
     {true, "b", "background", "run as a Windows service or Unix daemon process."},
     {false, "c", "lua_cpath", "add the supplied value at the front of the search path for Lua C libraries."},
@@ -64,9 +64,9 @@ TEST_F(CommandLine, UsageListsTheTableInItsOrderWithTestUndescribed)
 {
     const std::string usage = m_parser.GetUsageString().utf8_string();
     std::size_t at = 0;
-    for (const Spec& spec : s_specs) {
-        std::string name = std::string("-") + spec.shortName + ", --" + spec.longName;
-        if (!spec.isSwitch)
+    for (const Option& option : s_options) {
+        std::string name = std::string("-") + option.shortName + ", --" + option.longName;
+        if (!option.isSwitch)
             name += "=<str>";
         const std::size_t found = usage.find(name, at);
         ASSERT_NE(found, std::string::npos) << name << " after " << usage.substr(at);
@@ -74,8 +74,8 @@ TEST_F(CommandLine, UsageListsTheTableInItsOrderWithTestUndescribed)
         std::string help = usage.substr(found + name.size(), lineEnd - found - name.size());
         help.erase(0, help.find_first_not_of(" \t") == std::string::npos ? help.size() : help.find_first_not_of(" \t"));
         // The framework breaks long lines: the beginning will do.
-        EXPECT_EQ(help.empty(), spec.help[0] == '\0') << name;
-        EXPECT_EQ(help.substr(0, 20), std::string(spec.help).substr(0, help.substr(0, 20).size())) << name;
+        EXPECT_EQ(help.empty(), option.help[0] == '\0') << name;
+        EXPECT_EQ(help.substr(0, 20), std::string(option.help).substr(0, help.substr(0, 20).size())) << name;
         at = lineEnd;
     }
     EXPECT_NE(usage.find("[-- script-param [script-param ...]...]"), std::string::npos) << usage;
@@ -93,8 +93,8 @@ TEST_F(CommandLine, HelpTextsAreWhole)
         else if (!flat.empty() && flat.back() != ' ')
             flat += ' ';
     }
-    for (const Spec& spec : s_specs)
-        EXPECT_NE(flat.find(spec.help), std::string::npos) << spec.help << "\n" << flat;
+    for (const Option& option : s_options)
+        EXPECT_NE(flat.find(option.help), std::string::npos) << option.help << "\n" << flat;
 }
 
 TEST_F(CommandLine, StandardSwitchesOfTheFrameworkComeFirst)
@@ -112,37 +112,37 @@ TEST_F(CommandLine, StandardSwitchesOfTheFrameworkComeFirst)
 TEST_F(CommandLine, NothingAtAllParses)
 {
     EXPECT_EQ(Parse({}), 0);
-    for (const Spec& spec : s_specs)
-        EXPECT_FALSE(m_parser.Found(spec.longName)) << spec.longName;
+    for (const Option& option : s_options)
+        EXPECT_FALSE(m_parser.Found(option.longName)) << option.longName;
 }
 
 TEST_F(CommandLine, EachOptionTakesAValueByShortAndLongName)
 {
-    for (const Spec& spec : s_specs) {
-        if (spec.isSwitch)
+    for (const Option& option : s_options) {
+        if (option.isSwitch)
             continue;
-        const std::string brief = std::string("-") + spec.shortName;
-        const std::string full = std::string("--") + spec.longName;
+        const std::string brief = std::string("-") + option.shortName;
+        const std::string full = std::string("--") + option.longName;
         for (const std::vector<std::string>& form :
              {std::vector<std::string>{brief, "v w"}, {brief + "v w"}, {brief + "=v w"}, {brief + ":v w"},
               {full, "v w"}, {full + "=v w"}}) {
             EXPECT_EQ(Parse(form), 0) << form[0];
-            EXPECT_EQ(Value(spec.longName), "v w") << form[0];
+            EXPECT_EQ(Value(option.longName), "v w") << form[0];
         }
     }
 }
 
 TEST_F(CommandLine, EachSwitchIsFoundByShortAndLongName)
 {
-    for (const Spec& spec : s_specs) {
-        if (!spec.isSwitch)
+    for (const Option& option : s_options) {
+        if (!option.isSwitch)
             continue;
-        EXPECT_EQ(Parse({std::string("-") + spec.shortName}), 0);
-        EXPECT_TRUE(m_parser.Found(spec.longName));
-        EXPECT_EQ(Parse({std::string("--") + spec.longName}), 0);
-        EXPECT_TRUE(m_parser.Found(spec.longName));
+        EXPECT_EQ(Parse({std::string("-") + option.shortName}), 0);
+        EXPECT_TRUE(m_parser.Found(option.longName));
+        EXPECT_EQ(Parse({std::string("--") + option.longName}), 0);
+        EXPECT_TRUE(m_parser.Found(option.longName));
         // Not negatable.
-        EXPECT_GT(Parse({std::string("-") + spec.shortName + "-"}), 0);
+        EXPECT_GT(Parse({std::string("-") + option.shortName + "-"}), 0);
     }
 }
 

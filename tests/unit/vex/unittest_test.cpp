@@ -44,9 +44,9 @@ protected:
         ASSERT_EQ(luaL_dostring(App().L(), ("package.loaded['tests.vexunit'] = " + function).c_str()), 0);
     }
 
-    int Run(const char* specification)
+    int Run(const char* scripts)
     {
-        Access::UnitTestScript(App()) = wxString::FromUTF8(specification);
+        Access::UnitTestScript(App()) = wxString::FromUTF8(scripts);
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
         const int status = App().RunUnitTests();
@@ -60,22 +60,22 @@ protected:
     std::unique_ptr<AgentApp> m_app;
 };
 
-std::string ChunkLine(const std::string& specification)
+std::string ChunkLine(const std::string& scripts)
 {
-    return "Lua.RunScript(\"vexunit = require('tests.vexunit'); return vexunit(\"" + specification
+    return "Lua.RunScript(\"vexunit = require('tests.vexunit'); return vexunit(\"" + scripts
         + "\");\", 0, 1, \"tests.vexunit\", out)";
 }
 
 } // namespace
 
-TEST_F(UnitTestMode, DoesNothingWithoutASpecification)
+TEST_F(UnitTestMode, DoesNothingWithoutAScript)
 {
     EXPECT_EQ(Run(""), 0);
     EXPECT_TRUE(Journal().empty());
     EXPECT_EQ(::alarm(0), 0u) << "an alarm was set";
 }
 
-TEST_F(UnitTestMode, HandsTheSpecificationToTheRunnerUnchanged)
+TEST_F(UnitTestMode, HandsTheNameToTheRunnerUnchanged)
 {
     DefineRunner("function(...) got = table.concat({...}, '|') return 0 end");
     EXPECT_EQ(Run("tests/*.lua"), 0);

@@ -88,16 +88,16 @@ std::string LocalBytes(const wxString& text)
     return bytes.data() ? std::string(bytes.data(), bytes.length()) : std::string();
 }
 
-void SetFreeVariable(CDom& dom, const wxString& specification)
+void SetFreeVariable(CDom& dom, const wxString& assignment)
 {
-    const std::size_t equals = specification.find('=');
+    const std::size_t equals = assignment.find('=');
     if (equals == wxString::npos || equals == 0) {
         WriteErrorText(wxString::Format(
-            "Ignoring invalid domain variable specification '%s': expected name=value format\n", specification));
+            "Ignoring invalid domain variable specification '%s': expected name=value format\n", assignment));
         return;
     }
-    const std::string name = LocalBytes(specification.substr(0, equals));
-    dom.Set(name.c_str(), LocalBytes(specification.substr(equals + 1)));
+    const std::string name = LocalBytes(assignment.substr(0, equals));
+    dom.Set(name.c_str(), LocalBytes(assignment.substr(equals + 1)));
 }
 
 // --- unit tests
