@@ -202,7 +202,7 @@ def main():
                 totals["failed"] += 1  # the step itself, when no test of it says so
             stopped = stopped or (arguments.stop and not good)
     minutes, seconds = divmod(int(time.monotonic() - begin), 60)
-    print(f"unit, end-to-end, Lua, fuzz and checks took {minutes} min {seconds} s")
+    print(f"took {minutes} min {seconds} s")
     print(f"{totals['passed']} passed, {totals['failed']} failed, {totals['skipped']} skipped")
     return 1 if totals["failed"] or not totals["passed"] else 0
 
