@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import BUILD, FULL, alive, children, send_signal, switches, wait_until
+from conftest import BUILD, FULL, TRACED, alive, children, send_signal, switches, wait_until
 
 
 def package(name, kind):
@@ -208,7 +208,7 @@ return { main = function()
   return 0
 end }""")
     trace = tmp_path / "trace"
-    result = tree.run("--zippath", "vex_core/vx_agent.vxe", name="probe",
+    result = tree.run("--zippath", "vex_core/vx_agent.vxe", name="probe", env=TRACED,
                       prefix=["strace", "-f", "-y", "-s", "500", "-o", str(trace), "-e", "trace=write,pwrite64,fsync,fdatasync,ftruncate"])
     assert result.status == 0, result.err
     lines = trace.read_text(errors="replace").splitlines()

@@ -5,7 +5,10 @@ import sqlite3
 
 import pytest
 
+from conftest import SANITIZED
 from test_bundled_application import install
+
+pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="a sanitizer reads its own process in /proc")]
 
 
 def run_without_proc(tree, *arguments, **options):
@@ -14,7 +17,6 @@ def run_without_proc(tree, *arguments, **options):
     return tree.run(*arguments, prefix=hide, env={"LD_LIBRARY_PATH": tree.path + "/lib"}, **options)
 
 
-@pytest.mark.sandbox
 def test_what_the_system_hides_is_absent(tree):
     arguments = install(tree, "Network", "Trend")
     shown = json.loads(tree.run(*arguments, "--", "--json").out)
@@ -36,7 +38,6 @@ def test_what_the_system_hides_is_absent(tree):
     database.close()
 
 
-@pytest.mark.sandbox
 def test_the_table_has_no_line_for_what_is_hidden(tree):
     result = run_without_proc(tree)
     assert result.status == 0, result.err
@@ -45,7 +46,6 @@ def test_the_table_has_no_line_for_what_is_hidden(tree):
     assert rows["Memory"].endswith(" free")
 
 
-@pytest.mark.sandbox
 def test_a_beat_without_the_facts_is_a_row_without_them(tree):
     tree.app("probe", """
 return { main = function()

@@ -17,7 +17,8 @@ import pytest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "daemon"))
 from agents import CAUGHT, LIFE, delayed, exited, killed, life, records, uninterrupted
-from conftest import BUILD, FULL, ORDINARY_USER, PATIENCE, Tree, alive, children, require_ordinary_user, send_signal
+from conftest import (BUILD, FULL, ORDINARY_USER, PATIENCE, TRACED, Tree, alive, children, require_ordinary_user,
+                      send_signal)
 
 pytestmark = pytest.mark.sandbox
 STOPAT = os.environ.get("VEX_STOPAT", os.path.join(BUILD, "tests", "stopat"))
@@ -57,9 +58,7 @@ class Run:
             self.process = subprocess.Popen(
                 [tree.file("stopat"), self.report_file, str(role), str(stop), os.path.join(tree.path, name), "--background"],
                 stdin=subprocess.DEVNULL, stdout=said, stderr=said, **tree.identity,
-                # The search for leaks traces the process itself, and fails where somebody else does.
-                env=dict(os.environ, VEX_TEST_SHUTDOWN=str(SHUTDOWN),
-                         ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"))
+                env=dict(os.environ, VEX_TEST_SHUTDOWN=str(SHUTDOWN), **TRACED))
         tree._started.append(self.process)
         try:
             if scenario == "restart" and self.until_idle(1):

@@ -9,7 +9,7 @@ import time
 import pytest
 
 from agents import CAUGHT, ENDED, LIFE, PID_FILE, adopted_statuses, check_log, check_silent, delayed, killed, life, run_adopted
-from conftest import BUILD, SANITIZED, alive, children, send_signal, wait_until
+from conftest import BUILD, SANITIZED, TRACED, alive, children, send_signal, wait_until
 
 pytestmark = pytest.mark.sandbox
 NO_PROCESS = "(error 11: Resource temporarily unavailable)"
@@ -19,9 +19,7 @@ def strace_fork_failure(tree, name):
     """Runs a start in which the first process creation fails with EAGAIN."""
     command = ["strace", "-f", "-qq", "-o", os.path.join(tree.path, "trace"), "-e", "trace=clone,clone3,fork,vfork",
                "-e", "inject=clone,clone3,fork,vfork:error=EAGAIN:when=1"]
-    # The search for leaks is a traced process of its own.
-    return tree.run("--background", name=name, prefix=command,
-                    env={"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"})
+    return tree.run("--background", name=name, prefix=command, env=TRACED)
 
 
 @pytest.mark.any_user

@@ -11,13 +11,11 @@ import subprocess
 
 import pytest
 
-from conftest import BUILD, FULL, PATIENCE
+from conftest import BUILD, FULL, PATIENCE, TRACED
 from plugin_sweep import NEW, OLD, check_complete, check_files, content, events, prepare
 
 FAULTAT = os.path.join(BUILD, "tests", "faultat")
 ERRORS = ("EIO", "ENOSPC", "EACCES")
-# The search for leaks traces the process itself, and fails where somebody else does.
-SANITIZER = os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"
 DONE = {"vxp": 5101, "vxu": 5105}
 FAILED = {"vxp": 5102, "vxu": 5106}
 
@@ -37,7 +35,7 @@ class Run:
         result = subprocess.run([FAULTAT, report, self.package, str(number), str(getattr(errno, error)),
                                  os.path.join(tree.path, "probe"), "--install_plugins"],
                                 stdin=subprocess.DEVNULL, capture_output=True, timeout=2 * PATIENCE, check=False,
-                                env=dict(os.environ, ASAN_OPTIONS=SANITIZER))
+                                env=dict(os.environ, **TRACED))
         self.status, self.output = result.returncode, result.stdout + result.stderr
         with open(report) as file:
             self.calls = [tuple(line.rstrip("\n").split(" ", 1)) for line in file]

@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from conftest import FULL
+from conftest import FULL, PATIENCE, TRACED
 from plugin_sweep import check_complete, check_files, events, prepare
 
 CHANGING = ("write,pwrite64,pwritev,rename,renameat,renameat2,unlink,unlinkat,mkdir,mkdirat,fsync,fdatasync,syncfs,sync,fchmod,"
@@ -21,7 +21,7 @@ def traced(tree, kill_before=None):
     inject = ["-e", "inject=%s:signal=SIGKILL:when=%d" % kill_before] if kill_before else []
     process = subprocess.run(["strace", "-ff", "-qq", "-o", output, "-e", "trace=" + CHANGING, *inject,
                               os.path.join(tree.path, "probe"), "--install_plugins"], stdin=subprocess.DEVNULL,
-                             capture_output=True, timeout=60, check=False)
+                             capture_output=True, timeout=2 * PATIENCE, check=False, env=dict(os.environ, **TRACED))
     threads = []
     for name in sorted(os.listdir(tree.path)):
         if name.startswith("calls."):

@@ -4,7 +4,7 @@ import shutil
 
 import pytest
 
-from conftest import alive, wait_until
+from conftest import TRACED, alive, wait_until
 
 # An application and a runner that show what they are given.
 APP = """
@@ -99,7 +99,7 @@ def test_the_time_limit_is_600_seconds_and_stays(tree, probe, tmp_path):
     if not shutil.which("strace"):
         pytest.skip("strace is not here")
     trace = tmp_path / "trace"
-    probe("--unittest", "*", prefix=["strace", "-f", "-o", str(trace), "-e", "trace=alarm"])
+    probe("--unittest", "*", env=TRACED, prefix=["strace", "-f", "-o", str(trace), "-e", "trace=alarm"])
     calls = [line.split(" ", 1)[1].strip() for line in trace.read_text().splitlines() if "alarm(" in line]
     assert len(calls) == 1 and calls[0].startswith("alarm(600)") and calls[0].endswith("= 0")
 
