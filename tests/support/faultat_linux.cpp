@@ -3,9 +3,10 @@
 //   faultat REPORT PATH N ERRNO PROGRAM [ARGUMENT...]
 //
 // Counted are the calls of the thread that opens PATH, from that call to the one that renames or removes PATH, but for those
-// that cannot fail, ask for memory or wait for other threads. The N-th is not made and fails with ERRNO; with N 0 none fails. REPORT gets a
-// line for each counted call: its name (or number) and the file that it is about, "-" for none. The exit status is the
-// program's, or 128 and the number of the signal that ended it.
+// that cannot fail, ask for memory, wait for other threads or use a pipe (with which a sanitizer asks what memory there is).
+// The N-th is not made and fails with ERRNO; with N 0 none fails. REPORT gets a line for each counted call: its name (or number)
+// and the file that it is about, "-" for none; FOLDER/./PATH is a path that was given relative to an open folder. The exit
+// status is the program's, or 128 and the number of the signal that ended it.
 //
 // A tracer that counts the calls of each thread for itself would not do: the main thread's N-th would fail as well.
 
@@ -88,6 +89,7 @@ const CallName s_calls[] = {
     {SYS_mkdir, "mkdir", EKind::Path},
     {SYS_rename, "rename", EKind::Path, true},
     {SYS_unlink, "unlink", EKind::Path, true},
+    {SYS_pipe, "pipe", EKind::Ignored},
 #endif
 #ifdef SYS_renameat
     {SYS_renameat, "renameat", EKind::PathAt, true},
@@ -124,6 +126,7 @@ const CallName s_calls[] = {
     {SYS_madvise, "madvise", EKind::Ignored},
     {SYS_getpid, "getpid", EKind::Ignored},
     {SYS_gettid, "gettid", EKind::Ignored},
+    {SYS_pipe2, "pipe2", EKind::Ignored},
     {SYS_futex, "futex", EKind::Ignored},
     {SYS_sched_yield, "sched_yield", EKind::Ignored},
     {SYS_rt_sigprocmask, "rt_sigprocmask", EKind::Ignored},
@@ -162,6 +165,20 @@ std::string PathOf(pid_t thread, std::uint64_t descriptor)
     char path[4096];
     const ssize_t size = ::readlink(link.c_str(), path, sizeof path);
     return size < 0 ? "-" : std::string(path, static_cast<std::size_t>(size));
+}
+
+std::string About(pid_t thread, EKind kind, const std::uint64_t (&arguments)[6])
+{
+    if (kind == EKind::Descriptor)
+        return PathOf(thread, arguments[0]);
+    if (kind == EKind::Path)
+        return TextAt(thread, arguments[0]);
+    if (kind != EKind::PathAt)
+        return "-";
+    const std::string path = TextAt(thread, arguments[1]);
+    if (path.empty())
+        return PathOf(thread, arguments[0]); // the descriptor itself
+    return path[0] == '/' ? path : PathOf(thread, arguments[0]) + "/./" + path;
 }
 
 // ---
@@ -222,11 +239,9 @@ private:
         const CallName call = NameOf(static_cast<long>(info.entry.nr));
         if (call.kind == EKind::Ignored || (m_thread != 0 && thread != m_thread))
             return;
-        std::string about = "-";
-        if (call.kind == EKind::Path || call.kind == EKind::PathAt)
-            about = TextAt(thread, info.entry.args[call.kind == EKind::PathAt]);
-        else if (call.kind == EKind::Descriptor && m_thread != 0)
-            about = PathOf(thread, info.entry.args[0]);
+        const std::string about = About(thread, call.kind, info.entry.args);
+        if (about.compare(0, 5, "pipe:") == 0)
+            return;
         if (m_thread == 0 && about != m_path)
             return;
         if (m_thread == 0 && std::strncmp(call.name, "open", 4) != 0)
