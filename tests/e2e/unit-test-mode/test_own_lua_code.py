@@ -55,7 +55,7 @@ def test_the_guides_commands_run_as_they_stand(tree):
     assert len(commands) >= 2
     for command in commands:
         words = shlex.split(command.replace("\\\n", " "))
-        assert words[0] == "vx_agent"
+        assert words[0] == "build/stage/vx_agent"
         result = tree.run(*words[1:], cwd=ROOT)
         assert result.status == 0, command + result.out + result.err
 
