@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <ctime>
 
 #include <pthread.h>
@@ -156,15 +155,16 @@ void AfterForkInChild()
     ProcessLog().AfterForkInChild();
 }
 
-/// Registered before `main`, so that it runs after all that the host registers, on whichever thread ends the process.
+/// Made before `main`, so that its end comes after all that the host registers, on whichever thread ends the process. A destructor
+/// and no atexit handler: the thread sanitizer runs the handlers of libraries when wx's destructors are through.
 const struct ProcessHooks
 {
     ProcessHooks()
     {
         ProcessLog();
         ::pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
-        std::atexit(FlushLogAtProcessEnd);
     }
+    ~ProcessHooks() { FlushLogAtProcessEnd(); }
 } processHooks;
 
 } // namespace

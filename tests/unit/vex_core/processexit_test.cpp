@@ -117,9 +117,6 @@ TEST_F(ProcessExitTest, MainThreadThatWaitsForThreadsToEndIsParkedThere)
 
 TEST_F(ProcessExitTest, NoDestructorRunsUnderAnotherThreadOfOurs)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "wx guards its own tables in ways that this sanitizer does not see; exit destroys them";
-#endif
     EXPECT_EXIT(
         {
             TellAtExit();
@@ -148,9 +145,6 @@ TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
 
 TEST_F(ProcessExitTest, FirstOfSeveralExitsCounts)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "wx guards its own tables in ways that this sanitizer does not see; exit destroys them";
-#endif
     EXPECT_EXIT(
         {
             for (int i = 0; i < 8; ++i)
