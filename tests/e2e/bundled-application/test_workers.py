@@ -117,6 +117,7 @@ def test_a_plugin_that_fails_to_start_or_load_leaves_the_background_to_the_other
     assert log.count("Plugin 'lame' failed in start: ") == 1 and "good stops" in log
 
 
+@pytest.mark.fast
 def test_two_hundred_workers_start_are_busy_on_the_domain_and_stop(tree):
     tree.app("crowd", """
 return { main = function()
@@ -150,6 +151,58 @@ end }""")
     result = tree.run(name="crowd", timeout=conftest.PATIENCE * 4)
     assert (result.status, result.out, result.err) == (0, "200\t200\t200\n", "")
     assert "ERROR" not in result.log and "WARNING" not in result.log
+
+
+CROWD = """
+return { main = function()
+  for number = 1, 200 do dom0:StartThread("busy", { key = "crowd." .. number, next = "crowd." .. (number % 200 + 1) }) end
+  for number = 1, 200 do
+    while dom0:GetInt("crowd." .. number, 0) < 20 do dom0:Wait("crowd." .. number, 1) end
+  end
+  dom0:Log("warning", "the crowd is busy")
+  return 0
+end }"""
+# Writes, reads and waits until it is asked to end.
+BUSY = """
+return { run = function(argument)
+  local count = 0
+  repeat
+    count = count + 1
+    dom0:Set(argument.key, count)
+    dom0:Get(argument.next)
+  until dom0:Wait(argument.next, count < 20 and 0 or 0.2) == nil
+  dom0:Log("warning", "ends " .. argument.key)
+  return 0
+end }"""
+
+
+def assert_all_of_the_crowd_ended(log):
+    ends = re.findall(r" ends crowd\.(\d+)$", log, re.M)
+    assert sorted(map(int, ends)) == list(range(1, 201))
+    assert log.index("the crowd is busy") < log.index(" ends crowd."), "none ended before the process did"
+    assert "left behind" not in log and " ERROR [" not in log
+
+
+@pytest.mark.fast
+def test_two_hundred_busy_workers_end_with_a_foreground_run(tree):
+    tree.app("crowd", CROWD)
+    tree.file("busy.lua", BUSY)
+    result = tree.run(name="crowd", timeout=conftest.PATIENCE * 4)
+    assert (result.status, result.out, result.err) == (0, "", "")
+    assert_all_of_the_crowd_ended(result.log)
+
+
+@pytest.mark.fast
+@pytest.mark.sandbox
+def test_two_hundred_busy_workers_end_with_a_stop_of_the_agent(tree):
+    tree.app("crowd", CROWD)
+    tree.file("busy.lua", BUSY)
+    supervisor, child = tree.background(name="crowd")
+    wait_until(lambda: "the crowd is busy" in tree.log("crowd"), conftest.PATIENCE * 4, what="a busy crowd")
+    tree.stop(supervisor)
+    assert not alive(child)
+    assert_all_of_the_crowd_ended(tree.log("crowd"))
+    assert "Child process exited with status 0 (exit 0)" in tree.log("crowd")
 
 
 def test_an_error_in_a_worker_is_logged_with_its_traceback_and_ends_the_worker_alone(tree):
