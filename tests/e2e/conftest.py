@@ -18,7 +18,8 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 STAGE = os.environ.get("VEX_STAGE", os.path.join(ROOT, "build", "stage"))
 BUILD = os.environ.get("VEX_BUILD", os.path.join(ROOT, "build", "release"))
 FULL = os.environ.get("VEX_FULL") == "1"
-SANITIZED = os.environ.get("VEX_SANITIZED") == "1"
+SANITIZER = os.environ.get("VEX_SANITIZED", "")  # "address" or "thread" when the tree is such a build
+SANITIZED = bool(SANITIZER)
 sys.path.insert(0, os.path.join(ROOT, "tests", "support"))  # for what several scenarios share
 CLONE_NEWNS, MS_REC, MS_PRIVATE, MNT_DETACH = 0x00020000, 0x4000, 0x40000, 2
 # A sanitizer build takes its time; what waits for it is patient and still ends.
@@ -98,13 +99,15 @@ def _fresh_system_folders(request):
 
 @pytest.fixture(autouse=True)
 def _no_sanitizer_report(request, monkeypatch):
-    """What goes into the background has no standard error: sanitizers get a file, which must not be there in the end."""
-    if not SANITIZED or request.node.get_closest_marker("sandbox") is None:
+    """What goes into the background has no standard error: sanitizers get a file, which must not be there in the end. The thread
+    sanitizer gets one always: its reports end no process."""
+    in_background = SANITIZED and request.node.get_closest_marker("sandbox") is not None
+    if not in_background and SANITIZER != "thread":
         yield
         return
     with tempfile.TemporaryDirectory(prefix="vex-sanitizer-") as folder:
         os.chmod(folder, 0o1777)
-        for variable in ("ASAN_OPTIONS", "UBSAN_OPTIONS"):
+        for variable in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"):
             monkeypatch.setenv(variable, ":".join(filter(None, (os.environ.get(variable), f"log_path={folder}/report"))))
         yield
         reports = []

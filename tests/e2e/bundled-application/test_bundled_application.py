@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import BUILD, FULL, TRACED, alive, children, send_signal, switches, wait_until
+from conftest import BUILD, FULL, SANITIZER, TRACED, alive, children, send_signal, switches, wait_until
 
 
 def package(name, kind):
@@ -180,6 +180,7 @@ end }""")
 
 
 @pytest.mark.sandbox
+@pytest.mark.skipif(SANITIZER == "thread", reason="this sanitizer has a thread of its own, which wakes up")
 def test_supervisor_and_child_do_nothing_between_beats_and_collections(tree):
     supervisor, child = tree.background(*install(tree, "Network", "Trend"))
     wait_until(lambda: acknowledged(tree), what="the first beat")

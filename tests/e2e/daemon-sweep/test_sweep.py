@@ -17,7 +17,7 @@ import pytest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "daemon"))
 from agents import CAUGHT, LIFE, delayed, exited, killed, life, records, uninterrupted
-from conftest import (BUILD, FULL, ORDINARY_USER, PATIENCE, TRACED, Tree, alive, children, require_ordinary_user,
+from conftest import (BUILD, FULL, ORDINARY_USER, PATIENCE, SANITIZER, TRACED, Tree, alive, children, require_ordinary_user,
                       send_signal)
 
 pytestmark = pytest.mark.sandbox
@@ -253,6 +253,8 @@ def sweep_in(outer, user, scenario, role, about, judge, last):
 
 
 @pytest.mark.fast
+@pytest.mark.skipif(SANITIZER == "thread", reason="the sanitizer puts a handler off to the end of the process's next call, and "
+                    "that may be the supervisor's wait for its child; it has one thread, so there is no race to find")
 def test_a_stop_at_any_call_of_the_supervisor_ends_it_in_order_or_at_once(user, bystander):
     results = sweep(user, "restart", 2, 50)
     assert {"orderly", "later"} <= set(results) and ("at once" in results or not FULL)
