@@ -177,14 +177,15 @@ class Result:
 
 class Tree:
     """A tree of the agent in a folder of its own, ready to be changed: hard links to the staged files. With `user` its
-    processes are that user's, who may write in its folders and in /run; who else owns the files stays as it is."""
+    processes are that user's, who may write in its folders and in /run; who else owns the files stays as it is. With `copy`
+    there are no links, for a folder of another file system."""
 
-    def __init__(self, folder, stage=STAGE, user=None):
+    def __init__(self, folder, stage=STAGE, user=None, copy=False):
         self.path = str(folder)
         self.work = os.path.join(self.path, "work")
         self.identity = {} if user is None else {"user": user, "group": user, "extra_groups": []}
         self._started = []
-        subprocess.run(["cp", "-al", stage + "/.", self.path], check=True)
+        subprocess.run(["cp", "-a" if copy else "-al", stage + "/.", self.path], check=True)
         shutil.rmtree(self.work, ignore_errors=True)
         if user is not None:
             for inner, _, _ in os.walk(self.path):

@@ -8,6 +8,7 @@ import time
 
 import pytest
 
+from conftest import Tree, mount_tmpfs, unmount
 from packages import VERSIONED, WRITERS, with_zipfile
 
 APP = "return { main = function() print(dom0:Get('vex.HeartbeatNow')); return 0 end }"
@@ -223,16 +224,13 @@ def test_a_folder_of_the_destination_that_is_a_link_is_not_followed(tree, tmp_pa
 
 
 @pytest.mark.sandbox
-def test_a_full_disk_keeps_the_old_file_and_the_event_arrives_when_there_is_room(tmp_path, tree):
-    from conftest import Tree, mount_tmpfs, unmount
-    import shutil
+def test_a_full_disk_keeps_the_old_file_and_the_event_arrives_when_there_is_room(tmp_path):
     small = tmp_path / "small"
     small.mkdir()
     mount_tmpfs(str(small), b"size=96m")
     try:
-        shutil.copytree(tree.path, small / "agent")
-        full = Tree.__new__(Tree)
-        full.path, full.work, full._started = str(small / "agent"), str(small / "agent" / "work"), []
+        (small / "agent").mkdir()
+        full = Tree(small / "agent", copy=True)
         full.file("feature/data", "old")
         full.file("probe.lua", APP)
         os.rename(full.path + "/vx_agent", full.path + "/probe")
