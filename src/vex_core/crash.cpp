@@ -123,6 +123,19 @@ void WriteBytes(int descriptor, const char* data, std::size_t size)
 CrashText logLine;
 CrashText errorLine;
 
+// As every line of the log has it. The name of a worker is a script's choice.
+void AddThreadName(const CrashSite& site)
+{
+    constexpr std::size_t maxBytes = 128;
+    const char* name = CrashThreadName();
+    if (CurrentThreadNumber() != site.thread || name == nullptr)
+        name = site.thread == site.process ? "main" : "thread";
+    for (std::size_t i = 0; i < maxBytes && name[i] != '\0'; ++i) {
+        const unsigned char c = static_cast<unsigned char>(name[i]);
+        logLine << (c < 0x20 || c == 0x7f ? '?' : name[i]);
+    }
+}
+
 void AddLogPrefix(const CrashSite& site)
 {
     struct timespec now = {};
@@ -135,10 +148,7 @@ void AddLogPrefix(const CrashSite& site)
     logLine.Decimal(time.minute, 2) << ':';
     logLine.Decimal(time.second, 2) << " FATAL [";
     logLine.Decimal(site.process) << '/';
-    if (site.thread == site.process)
-        logLine << "main";
-    else
-        (logLine << "thread ").Decimal(site.thread);
+    AddThreadName(site);
     logLine << "] ";
 }
 
@@ -284,7 +294,7 @@ bool InitCrashHandler(const wxString& dumpFile, const wxString& application, boo
     localTimeOffset = LocalTimeOffset();
     PrepareCrashDump();
     EnableCrashThreads();
-    CrashThreadStart();
+    CrashThreadStart("main");
     return Install();
 }
 

@@ -15,6 +15,8 @@ namespace {
 constexpr std::size_t stackBytes = 64 * 1024;
 
 std::atomic<bool> enabled{false};
+// Signal handlers read it: with this model that is a look at a fixed place, where others may allocate first.
+[[gnu::tls_model("initial-exec")]] thread_local const char* ownName = nullptr;
 thread_local void* ownStack = nullptr; // the mapping, its lowest page a guard
 thread_local stack_t previousStack;    // a sanitizer's; none otherwise
 
@@ -30,8 +32,9 @@ void EnableCrashThreads()
     enabled.store(true, std::memory_order_relaxed);
 }
 
-void CrashThreadStart()
+void CrashThreadStart(const char* name)
 {
+    ownName = name;
     if (!enabled.load(std::memory_order_relaxed) || ownStack != nullptr)
         return;
     const std::size_t size = PageBytes() + stackBytes;
@@ -51,11 +54,17 @@ void CrashThreadStart()
 
 void CrashThreadEnd()
 {
+    ownName = nullptr;
     if (ownStack == nullptr)
         return;
     if (sigaltstack(&previousStack, nullptr) == 0)
         munmap(ownStack, PageBytes() + stackBytes);
     ownStack = nullptr;
+}
+
+const char* CrashThreadName()
+{
+    return ownName;
 }
 
 } // namespace VexCore

@@ -12,7 +12,7 @@ class MinidumpWriter
 {
 public:
     /// `descriptor` is an empty file; it stays the caller's.
-    explicit MinidumpWriter(int descriptor) : m_descriptor(descriptor), m_end(sizeof(Minidump::Header)) {}
+    explicit MinidumpWriter(int descriptor) : m_descriptor(descriptor), m_end(directoryRva + sizeof m_streams) {}
 
     /// The first failure's error code, 0 so far. After a failure nothing more is written.
     int Error() const { return m_error; }
@@ -41,6 +41,8 @@ private:
     bool FitsLocation(std::uint64_t size);
 
     static constexpr std::size_t maxStreams = 24;
+    // In front of everything, because all memory of a large process ends beyond what an offset of 32 bits can say.
+    static constexpr std::uint32_t directoryRva = sizeof(Minidump::Header);
 
     int m_descriptor;
     int m_error = 0;

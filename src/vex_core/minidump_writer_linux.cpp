@@ -165,7 +165,7 @@ void MinidumpWriter::AddStream(Minidump::StreamType type, const Minidump::Locati
 
 void MinidumpWriter::Finish(std::uint32_t timeSeconds, bool full)
 {
-    const Minidump::Location directory = Append(m_streams, m_streamCount * sizeof m_streams[0]);
+    WriteAt(directoryRva, m_streams, m_streamCount * sizeof m_streams[0]);
     // Memory at the end that could not be read has left the file too short.
     if (m_error == 0 && ftruncate(m_descriptor, static_cast<off_t>(m_end)) != 0)
         m_error = errno;
@@ -173,7 +173,7 @@ void MinidumpWriter::Finish(std::uint32_t timeSeconds, bool full)
     header.signature = 0x504D444D;
     header.version = 0xA793;
     header.streamCount = m_streamCount;
-    header.directoryRva = directory.rva;
+    header.directoryRva = directoryRva;
     header.time = timeSeconds;
     header.flags = full ? 2 : 0; // with full memory
     WriteAt(0, &header, sizeof header);

@@ -160,7 +160,7 @@ void LogEscapedException(const char* name)
 
 void* CRunnable::Entry()
 {
-    const CrashThreadScope crashStack;
+    const CrashThreadScope crash(GetThreadName());
     const WaitPoint::Binding wait(m_impl->waitPoint);
     t_current = this;
     if (m_impl->logTarget)

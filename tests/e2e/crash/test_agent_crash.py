@@ -89,7 +89,7 @@ def test_crash_inside_lua_leaves_a_dump_that_leads_back_to_the_script_thread(app
     assert result.status == -signal.SIGSEGV
     assert re.search(r"^crasher crashed: signal 11 \(SIGSEGV at address 0x0\), thread \d+; crash dump: .*/crasher.mdmp$",
                      result.err, re.M), result.err
-    assert len(re.findall(r" FATAL \[\d+/thread \d+\] crasher crashed: signal 11", result.log)) == 1, result.log
+    assert len(re.findall(r" FATAL \[\d+/CScriptThread\] crasher crashed: signal 11", result.log)) == 1, result.log
     check_dump(app)
 
 
@@ -115,6 +115,7 @@ def test_crash_in_a_worker_is_shown_as_the_workers(app, way, module):
     assert result.status == -signal.SIGSEGV, result.err
     first_thread, number, place = crash_site(app)
     assert (first_thread, number) == (False, signal.SIGSEGV) and place.startswith(module), place
+    assert re.search(r" FATAL \[\d+/worker [^]]+\] crasher crashed", result.log), result.log
     text = backtrace(app)
     assert re.search(r"frame #0: .*" + re.escape(module), text), text
     assert re.search(r"frame #\d+: .*CWorker::OnRun", text), text

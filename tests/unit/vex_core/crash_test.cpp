@@ -16,6 +16,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace VexCore;
@@ -93,6 +94,26 @@ TEST_F(MinidumpFile, HeaderNamesTheDirectoryAndTheDirectoryTheStreams)
     EXPECT_EQ(second.type, Minidump::LinuxAuxvStream);
     EXPECT_EQ(bytes.substr(second.location.rva, second.location.size), "678");
     EXPECT_EQ(second.location.rva % 8, 0u);
+}
+
+TEST_F(MinidumpFile, AllMemoryOfALargeProcessMayEndBeyondWhatALocationCanSay)
+{
+    const std::string memory(8192, 'm');
+    m_writer.AddStream(Minidump::MiscInfoStream, m_writer.Append("12345", 5));
+    m_writer.Reserve(0xFFFFF000u - m_writer.End()); // a hole in the file, as large as it goes
+    const std::uint64_t place = m_writer.End();
+    m_writer.AppendLargeMemory(reinterpret_cast<std::uintptr_t>(memory.data()), memory.size());
+    m_writer.Finish(0, true);
+    ASSERT_EQ(m_writer.Error(), 0);
+    struct stat status = {};
+    ASSERT_EQ(fstat(m_descriptor, &status), 0);
+    EXPECT_EQ(static_cast<std::uint64_t>(status.st_size), place + memory.size());
+    Minidump::Header header = {};
+    ASSERT_EQ(pread(m_descriptor, &header, sizeof header, 0), static_cast<ssize_t>(sizeof header));
+    EXPECT_EQ(header.streamCount, 1u);
+    Minidump::DirectoryEntry entry = {};
+    ASSERT_EQ(pread(m_descriptor, &entry, sizeof entry, header.directoryRva), static_cast<ssize_t>(sizeof entry));
+    EXPECT_EQ(entry.type, Minidump::MiscInfoStream);
 }
 
 TEST_F(MinidumpFile, TextIsUtf16BehindItsLength)
@@ -222,11 +243,13 @@ TEST(CrashThread, ThreadHasAnAlternateStackBetweenStartAndEnd)
         stack_t during;
         stack_t after;
         sigaltstack(nullptr, &before);
-        CrashThreadStart();
-        CrashThreadStart(); // nothing more
+        CrashThreadStart("first");
+        CrashThreadStart("second"); // no other stack
+        EXPECT_STREQ(CrashThreadName(), "second");
         sigaltstack(nullptr, &during);
         CrashThreadEnd();
         CrashThreadEnd();
+        EXPECT_EQ(CrashThreadName(), nullptr);
         sigaltstack(nullptr, &after);
         EXPECT_NE(during.ss_sp, before.ss_sp);
         EXPECT_EQ(during.ss_flags & SS_DISABLE, 0);
