@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cxxabi.h>
+#include <new>
 #include <typeinfo>
 
 namespace SLB3::internal {
@@ -67,6 +68,8 @@ bool DescribeException(char (&text)[ExceptionTextBytes]) noexcept
         return false;
     try {
         throw;
+    } catch (const std::bad_alloc&) {
+        std::snprintf(text, sizeof(text), "not enough memory"); // as Lua itself says it
     } catch (const std::exception& e) {
         std::snprintf(text, sizeof(text), "%s", e.what());
     } catch (const char* message) {

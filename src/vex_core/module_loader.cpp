@@ -1,13 +1,14 @@
 // How `require` finds code: the searchers of a Lua state. They run on the state's own thread.
 
+#include "slb3/error.h"
 #include "vex/core/dom.h"
 #include "vex_core/archive_index.h"
 #include "vex_core/chunk_cache.h"
 #include "vex_core/os/status_calls.h"
 
 #include <algorithm>
+#include <ctime>
 #include <exception>
-#include <new>
 
 #include <lua.hpp>
 
@@ -17,6 +18,9 @@ namespace {
 const char loaderType[] = "VexCore.ModuleLoader";
 /// A buffer that one large module has made larger is given back.
 constexpr std::size_t maxKeptBytes = 64 * 1024;
+/// A module is loaded as a whole, and a few MiB of an archive can unpack to as many GiB: this is far above what anybody
+/// writes, and far below what hurts.
+constexpr std::uint64_t maxModuleBytes = std::uint64_t(64) << 20;
 
 /// An archive on the search path of this interpreter, and the cache of what it holds now.
 struct SearchedArchive
@@ -92,6 +96,7 @@ public:
     const std::string& PathPart(const std::string& packagePath, bool before);
 
 private:
+    void ReadSettings();
     void ReadSearchPath();
     bool LookInto(SearchedArchive& searched, const std::string& file, std::uint64_t hash,
                   const std::shared_ptr<ModuleArchive>& archive, Found& found);
@@ -104,6 +109,7 @@ private:
     std::vector<SearchedArchive> m_archives;
     ZipLimits m_limits;
     bool m_cacheWanted = true; // by the settings file
+    std::time_t m_settingsRead = 0;
     PathParts m_parts;
     // Kept from one module to the next: large blocks that come and go make the C library tidy its free lists at each,
     // which was a tenth of the time of a require.
@@ -111,11 +117,13 @@ private:
     std::string m_dumpBuffer;
 };
 
-void ModuleLoader::ReadSearchPath()
+/// At most once a second, because a file may have to be looked at, and a start requires thousands of modules in one.
+void ModuleLoader::ReadSettings()
 {
-    std::string text = m_dom.Get("app.lua.zippath");
-    if (text == m_searchPath)
+    const std::time_t now = std::time(nullptr);
+    if (now == m_settingsRead)
         return;
+    m_settingsRead = now;
     std::int64_t limit = 0;
     m_limits = ZipLimits();
     if (m_dom.GetSetting("app.unzip.maxbytes", limit) && limit > 0)
@@ -124,7 +132,14 @@ void ModuleLoader::ReadSearchPath()
         m_limits.maxEntries = std::uint64_t(limit);
     m_cacheWanted = true;
     m_dom.GetSetting("app.lua.cache", m_cacheWanted);
+}
 
+void ModuleLoader::ReadSearchPath()
+{
+    std::string text = m_dom.Get("app.lua.zippath");
+    if (text == m_searchPath)
+        return;
+    m_settingsRead = 0; // what is opened next is opened by the settings of now
     std::vector<SearchedArchive> archives;
     std::vector<std::string> paths;
     for (std::string& path : Split(text)) {
@@ -147,6 +162,7 @@ void ModuleLoader::Find(const std::string& module, Found& found)
 {
     ChunkCache::FlushOld();
     ReadSearchPath();
+    ReadSettings();
     if (m_dumpBuffer.capacity() > maxKeptBytes)
         std::string().swap(m_dumpBuffer);
     std::string base = module;
@@ -224,6 +240,11 @@ std::string ModuleLoader::PlacesLookedIn(const std::string& base)
 bool ModuleLoader::ReadSource(Found& found)
 {
     found.compiled = false;
+    if (found.entry->size > maxModuleBytes) {
+        found.message = "it has " + std::to_string(found.entry->size) + " bytes, and a module may have "
+                        + std::to_string(maxModuleBytes);
+        return false;
+    }
     if (!found.zip->Read(*found.entry, found.buffer, found.message))
         return false;
     found.code = found.buffer;
@@ -272,22 +293,7 @@ const std::string& ModuleLoader::PathPart(const std::string& packagePath, bool b
 
 // Between C++ and Lua -----------------------------------------------------------------------------------------------
 
-/// Runs C++ work; an exception becomes the text of a Lua error. Nothing in `work` calls Lua.
-template <typename Work>
-void Guarded(lua_State* L, Work work)
-{
-    std::string error;
-    try {
-        work();
-        return;
-    } catch (const std::bad_alloc&) {
-        error = "not enough memory";
-    } catch (const std::exception& exception) {
-        error = exception.what();
-    }
-    lua_pushlstring(L, error.data(), error.size());
-    lua_error(L);
-}
+using SLB3::internal::Guarded;
 
 /// The userdata holds a pointer, which is null once it was collected: finalisers that run later while the state is
 /// closed may still call `require`.
@@ -332,9 +338,7 @@ std::string_view WithoutFirstLineComment(std::string_view code)
 /// Leaves the compiled module on the stack or raises an error that names it.
 void LoadSource(lua_State* L, ModuleLoader& loader, const char* module, Found& found)
 {
-    bool whole = false;
-    Guarded(L, [&] { whole = loader.ReadSource(found); });
-    if (!whole)
+    if (!loader.ReadSource(found))
         RaiseLoadError(L, module, found.path, found.message.c_str());
     const std::string_view code = WithoutFirstLineComment(found.code);
     const bool compiled = !code.empty() && code.front() == LUA_SIGNATURE[0];
@@ -348,7 +352,7 @@ void LoadSource(lua_State* L, ModuleLoader& loader, const char* module, Found& f
         return;
     std::string& chunk = loader.DumpBuffer();
     if (lua_dump(L, AppendTo, &chunk) == 0)
-        Guarded(L, [&] { found.cache->Add(found.path, found.archiveLength, chunk); });
+        found.cache->Add(found.path, found.archiveLength, chunk);
 }
 
 int SearchArchives(lua_State* L)
@@ -356,7 +360,7 @@ int SearchArchives(lua_State* L)
     const char* const module = luaL_checkstring(L, 1);
     ModuleLoader& loader = LoaderOf(L);
     Found found;
-    Guarded(L, [&] { loader.Find(module, found); });
+    loader.Find(module, found);
     if (found.kind == Found::EKind::Nothing) {
         lua_pushlstring(L, found.message.data(), found.message.size());
         return 1;
@@ -387,8 +391,8 @@ int SearchFiles(lua_State* L)
     const char* const path = lua_tolstring(L, -1, &length);
     if (!path)
         return luaL_error(L, "'package.path' must be a string");
-    std::string part;
-    Guarded(L, [&] { part = loader.PathPart(std::string(path, length), lua_toboolean(L, lua_upvalueindex(4)) != 0); });
+    // A copy: what is called below may look a module up itself.
+    const std::string part = loader.PathPart(std::string(path, length), lua_toboolean(L, lua_upvalueindex(4)) != 0);
     if (part.empty())
         return 0;
     lua_pushvalue(L, lua_upvalueindex(3));
@@ -439,8 +443,7 @@ void NewLoader(lua_State* L, CDom& dom)
     lua_pushboolean(L, 0);
     lua_setfield(L, -2, "__metatable");
     lua_setmetatable(L, -2);
-    std::string header = LuaHeader(L);
-    Guarded(L, [&] { *box = new ModuleLoader(dom, std::move(header)); });
+    *box = new ModuleLoader(dom, LuaHeader(L));
 }
 
 void PushFileSearcher(lua_State* L, int loader, int package, bool before)
@@ -449,12 +452,10 @@ void PushFileSearcher(lua_State* L, int loader, int package, bool before)
     lua_pushvalue(L, package);
     lua_getfield(L, package, "searchpath");
     lua_pushboolean(L, before);
-    lua_pushcclosure(L, SearchFiles, 4);
+    lua_pushcclosure(L, Guarded<SearchFiles>, 4);
 }
 
-} // namespace
-
-void CDom::RegisterLoader(lua_State* L)
+void RegisterOnce(lua_State* L, CDom& dom)
 {
     const int top = lua_gettop(L);
     luaL_checkstack(L, 10, "no room for the module loader");
@@ -471,7 +472,7 @@ void CDom::RegisterLoader(lua_State* L)
     const int searchers = lua_gettop(L);
     if (!lua_istable(L, searchers) || lua_rawlen(L, searchers) < 2)
         luaL_error(L, "'package.searchers' must be the table that Lua made");
-    NewLoader(L, *this);
+    NewLoader(L, dom);
     const int loader = lua_gettop(L);
 
     // Lua's own list is preload, package.path, and the two for native modules. Ours takes the place of the second.
@@ -482,11 +483,21 @@ void CDom::RegisterLoader(lua_State* L)
     PushFileSearcher(L, loader, package, true);
     lua_rawseti(L, searchers, 2);
     lua_pushvalue(L, loader);
-    lua_pushcclosure(L, SearchArchives, 1);
+    lua_pushcclosure(L, Guarded<SearchArchives>, 1);
     lua_rawseti(L, searchers, 3);
     PushFileSearcher(L, loader, package, false);
     lua_rawseti(L, searchers, 4);
     lua_settop(L, top);
+}
+
+} // namespace
+
+void CDom::RegisterLoader(lua_State* L)
+{
+    SLB3::internal::Guard(L, [this, L] {
+        RegisterOnce(L, *this);
+        return 0;
+    });
 }
 
 } // namespace VexCore

@@ -8,6 +8,7 @@ TEST_F(ErrorTest, ExceptionBecomesAnErrorWithItsTextAndPlace)
 {
     EXPECT_EQ(Run("account:Throw()"), "error: test:1: vault is shut");
     EXPECT_EQ(Run("account:ThrowText()"), "error: test:1: text thrown");
+    EXPECT_EQ(Run("account:ThrowNoMemory()"), "error: test:1: not enough memory");
     EXPECT_EQ(Run("account:ThrowOdd()"), "error: test:1: C++ exception of type i");
 }
 

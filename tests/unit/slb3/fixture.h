@@ -4,6 +4,7 @@
 #include "slb3/slb3.h"
 
 #include <cstdlib>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -63,6 +64,7 @@ struct Account
     void Throw() { throw std::runtime_error("vault is shut"); }
     void ThrowOdd() { throw 42; }
     void ThrowText() { throw "text thrown"; }
+    void ThrowNoMemory() { throw std::bad_alloc(); }
 
     std::int64_t balance = 0;
     int* destroyed;
@@ -100,6 +102,7 @@ struct Wrapper<Account>
             .Method<&Account::Throw>("Throw")
             .Method<&Account::ThrowOdd>("ThrowOdd")
             .Method<&Account::ThrowText>("ThrowText")
+            .Method<&Account::ThrowNoMemory>("ThrowNoMemory")
             .Method<&TwiceBalance>("TwiceBalance")
             .Method<&RaiseFromLua>("RaiseFromLua");
     }

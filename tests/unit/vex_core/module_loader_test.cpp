@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <thread>
 
@@ -702,6 +703,33 @@ TEST_F(ModuleLoaderTest, TheSettingsFileTurnsTheCacheOff)
     Add("x.vxe", {{"a.lua", "return 1"}});
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
     EXPECT_FALSE(std::filesystem::exists(CacheFolder()));
+}
+
+TEST_F(ModuleLoaderTest, AChangedSettingsFileCountsFromTheNextSecondOn)
+{
+    UseCache();
+    ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=false\n");
+    dom->Set("app.path.ini", folder / "x.ini");
+    Add("x.vxe", {{"a.lua", "return 1"}, {"b.lua", "return 2"}});
+    {
+        Lua lua(dom);
+        EXPECT_EQ(lua.Run("return require 'a'"), "1");
+        ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=true\n");
+        std::this_thread::sleep_for(std::chrono::milliseconds(1050));
+        EXPECT_EQ(lua.Run("return require 'b'"), "2");
+    }
+    EXPECT_EQ(CacheFiles().size(), 1u);
+}
+
+TEST_F(ModuleLoaderTest, AModuleOfAbsurdSizeIsAnErrorAndNoMemoryIsSpentOnIt)
+{
+    // Well formed, and a thousandth of what it unpacks to.
+    const std::string path = AddBytes("x.vxe", Archive({{"big.lua", "--" + std::string((64 << 20) - 1, 'x')}, {"a.lua", "return 1"}}));
+    ASSERT_LT(std::filesystem::file_size(path), 200000u);
+    Lua lua(dom);
+    EXPECT_EQ(lua.Run("require 'big'"), "error: error loading module 'big' from file '" + path
+                                            + "/big.lua':\n\tit has 67108865 bytes, and a module may have 67108864");
+    EXPECT_EQ(lua.Run("return require 'a'"), "1");
 }
 
 TEST_F(ModuleLoaderTest, ACacheFolderThatOthersMayEnterIsNotUsed)
