@@ -1,6 +1,7 @@
 #include "vex_core/disk_log.h"
 
 #include "vex_core/os/file_calls.h"
+#include "vex_core/os/file_lock.h"
 #include "vex_core/os/folder_calls.h"
 #include "vex_core/os/log_calls.h"
 
@@ -337,7 +338,7 @@ bool DiskLog::Rotate()
         return false;
     }
     bool rotated = false;
-    if (os::TryLockFile(lock)) {
+    if (os::TryLock(lock) == 0) {
         // Another may have rotated between our look at the file and the lock.
         struct stat status = {};
         const bool moved = os::fileCalls.stat(m_path.c_str(), &status) != 0 || !IsOpenFile(status);

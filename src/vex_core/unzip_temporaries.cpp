@@ -2,6 +2,7 @@
 #include "vex_core/unzip_p.h"
 
 #include "vex_core/os/file_calls.h"
+#include "vex_core/os/file_lock.h"
 #include "vex_core/os/folder_calls.h"
 #include "vex_core/zip_names.h"
 

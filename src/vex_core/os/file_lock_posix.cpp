@@ -1,25 +1,44 @@
 #include "vex_core/os/file_lock.h"
 
+#include "vex_core/os/folder_calls_p.h"
+
 #include <cerrno>
 #include <ctime>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+namespace VexCore::os {
+
+int TryLock(int descriptor)
+{
+    if (!MayCall("fcntl", descriptor))
+        return -1;
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    int result;
+    do
+        result = ::fcntl(descriptor, F_SETLK, &lock);
+    while (result != 0 && errno == EINTR);
+    if (result != 0 && errno == EACCES)
+        errno = EAGAIN; // systems differ
+    return result;
+}
+
 // A lock that waits has no time limit, and another process may hold it for ever: so it is asked for again and
 // again.
-bool VexCore::os::LockFile(int descriptor, long timeoutMs)
+bool LockFile(int descriptor, long timeoutMs)
 {
     constexpr long stepMs = 5;
     for (long waitedMs = 0;; waitedMs += stepMs) {
-        struct flock lock = {};
-        lock.l_type = F_WRLCK;
-        lock.l_whence = SEEK_SET;
-        if (fcntl(descriptor, F_SETLK, &lock) == 0)
+        if (TryLock(descriptor) == 0)
             return true;
-        if ((errno != EAGAIN && errno != EACCES && errno != EINTR) || waitedMs >= timeoutMs)
+        if (errno != EAGAIN || waitedMs >= timeoutMs)
             return false;
         const struct timespec step = {0, stepMs * 1000000L};
         nanosleep(&step, nullptr);
     }
 }
+
+} // namespace VexCore::os

@@ -67,10 +67,6 @@ int StartWriteback(int descriptor);
 /// does not report failed writes: then each file is to be flushed for itself.
 int SyncFileSystem(int descriptor);
 
-/// Takes the write lock of a whole file for this process, or fails with EAGAIN when another process has it. The
-/// lock goes when this process closes any descriptor of the file, or ends. Children do not inherit it.
-int TryLock(int descriptor);
-
 /// The names in a folder without "." and "..": calls `visit` for each until it answers false.
 int ListFolder(int folder, bool (*visit)(void* context, const char* name), void* context);
 

@@ -198,16 +198,6 @@ int FSync(int descriptor)
     return Retry([&] { return ::fsync(descriptor); });
 }
 
-int TryLock(int descriptor)
-{
-    if (!MayCall("fcntl", descriptor))
-        return -1;
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    return Retry([&] { return ::fcntl(descriptor, F_SETLK, &lock); });
-}
-
 int ListFolder(int folder, bool (*visit)(void* context, const char* name), void* context)
 {
     // A descriptor of its own: reading moves the position that a duplicate would share.

@@ -7,10 +7,6 @@
 
 namespace VexCore::os {
 
-/// Locks the whole of an open file for this process, without waiting. False: another process has it, or locks do not work
-/// there. The lock goes when the process closes the file in any way, also by its end; children do not have it.
-bool TryLockFile(int descriptor);
-
 /// Makes `descriptor` lead where `from` leads, close-on-exec, and closes `from`. False with errno; then `from` stays open.
 bool ReplaceDescriptor(int from, int descriptor);
 

@@ -7,14 +7,6 @@
 
 namespace VexCore::os {
 
-bool TryLockFile(int descriptor)
-{
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    return ::fcntl(descriptor, F_SETLK, &lock) == 0;
-}
-
 bool ReplaceDescriptor(int from, int descriptor)
 {
     while (::dup2(from, descriptor) < 0)

@@ -3,6 +3,7 @@
 #include "support/child.h"
 #include "support/temp_folder.h"
 #include "vex_core/os/file_calls.h"
+#include "vex_core/os/file_lock.h"
 #include "vex_core/os/log_calls.h"
 
 #include <gmock/gmock.h>
@@ -649,7 +650,7 @@ TEST(DiskLog, NobodyWaitsForAProcessThatHoldsTheRotationLock)
     const pid_t holder = Fork(
         [&] {
             const int lock = ::open((folder / "x.log.lock").c_str(), O_RDWR | O_CREAT, 0600);
-            const char answer = os::TryLockFile(lock) ? 'y' : 'n';
+            const char answer = os::TryLock(lock) == 0 ? 'y' : 'n';
             if (::write(ready[1], &answer, 1) != 1)
                 return 1;
             ::pause();
@@ -786,7 +787,7 @@ void CollectRotated(const std::string& path, const std::string& folder, int& col
     const int lock = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (lock < 0)
         return;
-    if (os::TryLockFile(lock)) {
+    if (os::TryLock(lock) == 0) {
         for (int number = 1; std::rename((path + '.' + std::to_string(number)).c_str(),
                                          (folder + '/' + std::to_string(collected)).c_str())
                              == 0;
