@@ -4,7 +4,9 @@
 #include "slb3/stack.h"
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace VexCore {
 
@@ -19,6 +21,16 @@ inline std::int64_t MillisecondsArgument(lua_State* L, int index)
     if (seconds > maxSeconds)
         return -1;
     return seconds <= 0 ? 0 : static_cast<std::int64_t>(std::ceil(seconds * 1000));
+}
+
+/// A string without zero bytes, for what takes text up to the first: the rest would be cut off silently. A number
+/// is taken in its text form. Raises an argument error.
+inline const char* PlainTextArgument(lua_State* L, int index)
+{
+    std::size_t length = 0;
+    const char* text = luaL_checklstring(L, index, &length);
+    luaL_argcheck(L, std::strlen(text) == length, index, "string with a zero byte");
+    return text;
 }
 
 } // namespace VexCore

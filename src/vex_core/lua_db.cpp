@@ -2,6 +2,7 @@
 
 #include "slb3/error.h"
 #include "vex_core/agentevent_store.h"
+#include "vex_core/lua_arguments.h"
 #include "vex_core/sqlite_db.h"
 
 #include <cmath>
@@ -92,48 +93,47 @@ struct Finalizer
 };
 using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
 
-void BindValue(lua_State* L, sqlite3_stmt* statement, int parameter)
+// Binds the value on top. What SQLite answers is its error code.
+int BindValue(lua_State* L, sqlite3_stmt* statement, int parameter)
 {
     switch (lua_type(L, -1)) {
     case LUA_TNIL:
-        sqlite3_bind_null(statement, parameter);
-        break;
+        return sqlite3_bind_null(statement, parameter);
     case LUA_TBOOLEAN:
-        sqlite3_bind_int(statement, parameter, lua_toboolean(L, -1));
-        break;
+        return sqlite3_bind_int(statement, parameter, lua_toboolean(L, -1));
     case LUA_TNUMBER: {
         const double number = lua_tonumber(L, -1);
         if (number == std::floor(number) && std::fabs(number) <= 9007199254740992.0)
-            sqlite3_bind_int64(statement, parameter, static_cast<sqlite3_int64>(number));
-        else
-            sqlite3_bind_double(statement, parameter, number);
-        break;
+            return sqlite3_bind_int64(statement, parameter, static_cast<sqlite3_int64>(number));
+        return sqlite3_bind_double(statement, parameter, number);
     }
     case LUA_TSTRING: {
         std::size_t length = 0;
         const char* text = lua_tolstring(L, -1, &length);
-        sqlite3_bind_text64(statement, parameter, text, length, SQLITE_TRANSIENT, SQLITE_UTF8);
-        break;
+        return sqlite3_bind_text64(statement, parameter, text, length, SQLITE_TRANSIENT, SQLITE_UTF8);
     }
     default:
-        luaL_error(L, "parameter %d: a %s cannot be stored", parameter, luaL_typename(L, -1));
+        return luaL_error(L, "parameter %d: a %s cannot be stored", parameter, luaL_typename(L, -1));
     }
 }
 
-// Binds from the table at index 3: names for ":name", positions for the others; what it lacks is NULL.
-void BindAll(lua_State* L, sqlite3_stmt* statement)
+// Binds from the table at index 3: names for ":name", positions for "?" and "?5"; what it lacks is NULL.
+bool BindAll(lua_State* L, sqlite3_stmt* statement)
 {
     const int count = sqlite3_bind_parameter_count(statement);
     if (count == 0 || lua_isnoneornil(L, 3))
-        return;
+        return true;
     for (int parameter = 1; parameter <= count; ++parameter) {
-        if (const char* name = sqlite3_bind_parameter_name(statement, parameter))
+        const char* name = sqlite3_bind_parameter_name(statement, parameter);
+        if (name && *name != '?')
             lua_getfield(L, 3, name + 1); // without the sign
         else
             lua_rawgeti(L, 3, parameter);
-        BindValue(L, statement, parameter);
+        if (BindValue(L, statement, parameter) != SQLITE_OK)
+            return false; // too long, or no memory: not to be stored as NULL
         lua_pop(L, 1);
     }
+    return true;
 }
 
 // Prepares the first statement of `sql`, which then is what follows it. False: SQLite tells why.
@@ -158,7 +158,7 @@ void NoteCommit(const Self& self)
 
 void CheckArguments(lua_State* L)
 {
-    luaL_checkstring(L, 2);
+    PlainTextArgument(L, 2);
     if (!lua_isnoneornil(L, 3))
         luaL_checktype(L, 3, LUA_TTABLE);
     lua_settop(L, 3);
@@ -183,7 +183,8 @@ int Exec(lua_State* L)
         if (!first && !lua_isnil(L, 3))
             return luaL_error(L, "parameters go with one statement only");
         first = false;
-        BindAll(L, statement.get());
+        if (!BindAll(L, statement.get()))
+            return Failed(L, self);
         int result = SQLITE_ROW;
         while (result == SQLITE_ROW)
             result = sqlite3_step(statement.get());
@@ -228,7 +229,14 @@ int Rows(lua_State* L)
         return Failed(L, self);
     if (!statement)
         return Failed(L, "there is no statement");
-    BindAll(L, statement.get());
+    Statement second;
+    while (!second && *sql != '\0')
+        if (!Prepare(self, sql, second))
+            return Failed(L, self);
+    if (second)
+        return luaL_error(L, "rows takes one statement only");
+    if (!BindAll(L, statement.get()))
+        return Failed(L, self);
     const int columns = sqlite3_column_count(statement.get());
     lua_newtable(L);
     for (int index = 1;; ++index) {
@@ -326,7 +334,7 @@ int ToText(lua_State* L)
 // open(path): a database, made when it is missing.
 int Open(lua_State* L)
 {
-    const char* path = luaL_checkstring(L, 1);
+    const char* path = PlainTextArgument(L, 1);
     auto* self = new (lua_newuserdata(L, sizeof(Database))) Database;
     luaL_setmetatable(L, typeName);
     if (!self->db.Open(path, fullSynchronous))
@@ -341,9 +349,9 @@ const luaL_Reg methods[] = {{"exec", Guarded<Exec>},
                             {"transaction", Guarded<Transaction>},
                             {"last_id", Guarded<LastId>},
                             {"close", Guarded<Close>},
-                            {"__gc", Guarded<Collect>},
-                            {"__tostring", Guarded<ToText>},
                             {nullptr, nullptr}};
+const luaL_Reg metamethods[] = {
+    {"__gc", Guarded<Collect>}, {"__tostring", Guarded<ToText>}, {nullptr, nullptr}};
 const luaL_Reg functions[] = {{"open", Guarded<Open>}, {nullptr, nullptr}};
 
 } // namespace
@@ -351,9 +359,12 @@ const luaL_Reg functions[] = {{"open", Guarded<Open>}, {nullptr, nullptr}};
 int OpenLuaDb(lua_State* L)
 {
     luaL_newmetatable(L, typeName);
-    luaL_setfuncs(L, methods, 0);
-    lua_pushvalue(L, -1);
+    luaL_setfuncs(L, metamethods, 0);
+    luaL_newlib(L, methods);
     lua_setfield(L, -2, "__index");
+    // The finaliser is the collector's alone: called by a script, it would take a database away under a running statement.
+    lua_pushboolean(L, 0);
+    lua_setfield(L, -2, "__metatable");
     lua_pop(L, 1);
     luaL_newlib(L, functions);
     return 1;

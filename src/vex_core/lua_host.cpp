@@ -2,6 +2,7 @@
 
 #include "slb3/error.h"
 #include "vex_core/dom_p.h"
+#include "vex_core/lua_arguments.h"
 #include "vex_core/lua_db.h"
 #include "vex_core/os/status_calls.h"
 
@@ -59,7 +60,7 @@ void SetNumber(lua_State* L, const char* field, const std::optional<std::uint64_
 // list(folder): sorted array of the names in it, without "." and "..".
 int FsList(lua_State* L)
 {
-    const char* path = luaL_checkstring(L, 1);
+    const char* path = PlainTextArgument(L, 1);
     struct Closer
     {
         void operator()(DIR* folder) const { closedir(folder); }
@@ -90,7 +91,7 @@ int FsList(lua_State* L)
 
 int PushStat(lua_State* L, int (*ask)(const char*, struct stat*))
 {
-    const char* path = luaL_checkstring(L, 1);
+    const char* path = PlainTextArgument(L, 1);
     struct stat about = {};
     if (ask(path, &about) != 0)
         return Failure(L, path, errno);
@@ -124,7 +125,7 @@ int FsLstat(lua_State* L)
 // mkdir(path): makes a folder that its owner alone may enter.
 int FsMkdir(lua_State* L)
 {
-    const char* path = luaL_checkstring(L, 1);
+    const char* path = PlainTextArgument(L, 1);
     if (mkdir(path, 0700) != 0)
         return Failure(L, path, errno);
     lua_pushboolean(L, 1);
@@ -300,7 +301,7 @@ const luaL_Reg hostFunctions[] = {{"system", Guarded<HostSystem>},
 template <class Value>
 bool Setting(lua_State* L, Value& value)
 {
-    const char* key = luaL_checkstring(L, 1);
+    const char* key = PlainTextArgument(L, 1);
     const RootDom root;
     return root && root->GetSetting(key, value);
 }
