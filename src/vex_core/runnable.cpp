@@ -6,11 +6,13 @@
 
 #include "vex/core/log.h"
 #include "vex_core/crash_thread.h"
+#include "vex_core/narrow.h"
 #include "vex_core/os/thread_signal.h"
 #include "vex_core/processexit_p.h"
 #include "vex_core/runnable_p.h"
 #include "vex_core/wait.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -45,6 +47,12 @@ struct Registry
     }
 };
 
+std::int64_t SteadyMs()
+{
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
 } // namespace
 
 struct CRunnable::Impl
@@ -56,6 +64,7 @@ struct CRunnable::Impl
     bool takesPartInStop = false;     // the same
     std::unique_ptr<wxLog> logTarget; // the same; used by the thread alone
     WaitPoint waitPoint;
+    std::atomic<std::int64_t> askedAtMs{0}; // when the thread was first asked to end, on the steady clock; 0: not yet
 
     std::mutex lock;
     std::condition_variable ended;
@@ -138,7 +147,7 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
         m_impl->join = Impl::EJoin::Done;
     }
     wxLogError("Thread \"%s\" could not be started: the system has no room for one more.",
-               wxString::FromUTF8(GetThreadName()));
+               FromForeignBytes(GetThreadName()));
     return false;
 }
 
@@ -146,11 +155,11 @@ namespace {
 
 void LogEscapedException(const char* name)
 {
-    const wxString threadName = wxString::FromUTF8(name);
+    const wxString threadName = FromForeignBytes(name);
     try {
         throw;
     } catch (const std::exception& e) {
-        wxLogError("Thread \"%s\" ended by an exception: %s", threadName, wxString::FromUTF8(e.what()));
+        wxLogError("Thread \"%s\" ended by an exception: %s", threadName, FromForeignBytes(e.what()));
     } catch (...) {
         wxLogError("Thread \"%s\" ended by an exception of unknown type.", threadName);
     }
@@ -193,6 +202,8 @@ void CRunnable::OnExit()
 
 void CRunnable::requestExit()
 {
+    std::int64_t notYet = 0;
+    m_impl->askedAtMs.compare_exchange_strong(notYet, SteadyMs());
     m_impl->waitPoint.RequestExit();
 }
 
@@ -255,24 +266,44 @@ bool CRunnable::Running() const
     return m_impl->state == Impl::EState::Running;
 }
 
+/// The core library's own way to what a thread keeps.
+struct CRunnableAccess
+{
+    /// Milliseconds since the thread was first asked to end.
+    static std::int64_t AskedForMs(const CRunnable& runnable)
+    {
+        const std::int64_t askedAtMs = runnable.m_impl->askedAtMs;
+        return askedAtMs != 0 ? SteadyMs() - askedAtMs : 0;
+    }
+};
+
 std::vector<std::string> EndRegisteredThreads(long timeoutMs)
 {
     Registry& registry = Registry::Get();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     CRunnable* const self = CRunnable::Current();
-    const auto others = [&] { return registry.stoppable.size() - registry.stoppable.count(self); };
+    const std::int64_t deadlineMs = SteadyMs() + timeoutMs;
+    // How long somebody still has: who was asked by a script before, and waited for, does not get all of it a second time.
+    const auto leftMs = [&] {
+        std::int64_t left = 0;
+        for (const CRunnable* runnable : registry.stoppable)
+            if (runnable != self)
+                left = std::max(left, timeoutMs - CRunnableAccess::AskedForMs(*runnable));
+        return std::min(left, deadlineMs - SteadyMs());
+    };
 
     std::unique_lock<std::mutex> lock(registry.lock);
     // A thread that is asked may start others before it ends: all are asked again whenever one is gone.
-    do {
+    for (;;) {
         for (CRunnable* runnable : registry.stoppable) {
             if (runnable != self)
                 runnable->requestExit();
         }
         ParkPoint(lock);
-        if (others() == 0)
+        const std::int64_t left = leftMs();
+        if (left <= 0)
             break;
-    } while (registry.changed.wait_until(lock, deadline) == std::cv_status::no_timeout);
+        registry.changed.wait_for(lock, std::chrono::milliseconds(left));
+    }
 
     std::vector<std::string> stragglers;
     for (const CRunnable* runnable : registry.stoppable) {

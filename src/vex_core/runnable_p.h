@@ -8,8 +8,8 @@ namespace VexCore {
 
 class CRunnable;
 
-/// Asks every registered thread but the calling one to end, and waits until their bodies have returned, at most `timeoutMs`
-/// milliseconds. Answers the names of those that still run. Any thread.
+/// Asks every registered thread but the calling one to end, and waits until their bodies have returned, for each at most
+/// `timeoutMs` milliseconds from when it was first asked, here or before. Answers the names of those that still run. Any thread.
 std::vector<std::string> EndRegisteredThreads(long timeoutMs);
 
 /// Whether a body of any CRunnable runs, the calling thread's own excepted. Any thread.

@@ -4,7 +4,7 @@
 namespace VexCore {
 
 /// Asks every thread that takes part in the process's stop to end and waits until all have, at most `timeoutMs`
-/// milliseconds in all. One warning in the log names each that did not; those are left running, detached from everything
+/// milliseconds; a thread that was asked before has had a part of its time. One warning in the log names each that did not; those are left running, detached from everything
 /// that goes away. New workers are refused from here on. The thread that ends the process.
 void StopAllWorkers(long timeoutMs);
 

@@ -220,6 +220,20 @@ TEST(Runnable, StopAsksThreadsThatTakePartAndNamesThoseThatStay)
     EXPECT_FALSE(OtherRunnablesRun());
 }
 
+TEST(Runnable, ThreadThatWasAskedBeforeDoesNotGetItsTimeTwice)
+{
+    Gate gate;
+    Body stubborn([&](Body&) { gate.Pass(); });
+    ASSERT_TRUE(stubborn.start(50, true, 0));
+    stubborn.requestExit();
+    EXPECT_FALSE(stubborn.join(300));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(EndRegisteredThreads(300), std::vector<std::string>{"TestBody"});
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(250));
+    gate.Open();
+    stubborn.join();
+}
+
 TEST(Runnable, ThreadThatStopsTheOthersIsNotAskedItself)
 {
     Body body([](Body& self) {
