@@ -78,14 +78,15 @@ int LuaOutput::PrintLine(lua_State* L)
     const int count = lua_gettop(L);
     lua_getglobal(L, "tostring");
     const bool isPlain = lua_tocfunction(L, -1) == m_tostring;
-    // All texts first: a __tostring may print itself.
+    // All texts first: a __tostring may print itself, and so may a finaliser, which runs when a text is made.
     for (int i = 1; i <= count; ++i) {
         if (isPlain && lua_type(L, i) == LUA_TSTRING)
             continue;
         lua_pushvalue(L, count + 1);
         lua_pushvalue(L, i);
         lua_call(L, 1, 1);
-        if (!lua_isstring(L, -1))
+        // Asks, and makes the text of a number at the same time.
+        if (!lua_tolstring(L, -1, nullptr))
             return luaL_error(L, "'tostring' must return a string to 'print'");
         lua_replace(L, i);
     }

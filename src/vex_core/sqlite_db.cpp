@@ -4,6 +4,8 @@
 #include "vex/core/sqlitedb.h"
 #include "vex_core/agentevent_store.h"
 #include "vex_core/lua_db.h"
+#include "vex_core/narrow.h"
+#include "vex_core/runnable_p.h"
 
 #include <algorithm>
 #include <mutex>
@@ -99,7 +101,7 @@ void WarnOfUnknownSettings(const CDom& dom)
                 return key == std::string(settingPrefix) + "." + rule.name;
             });
         if (!known)
-            wxLogWarning(wxT("Unknown database setting '%s'"), wxString::FromUTF8(key.c_str()));
+            wxLogWarning(wxT("Unknown database setting '%s'"), TextWithoutNul(key));
     }
 }
 
@@ -143,7 +145,8 @@ bool CSqliteDatabase::InitializeSQLite(CDom* dom)
 void CSqliteDatabase::ShutdownSQLite()
 {
     CloseEventStores();
-    if (CloseLuaDatabases()) // else a worker that was left running still uses SQLite, until the process ends
+    // A thread that was left running may be inside SQLite, or go there, until the process ends.
+    if (CloseLuaDatabases() && !OtherRunnablesRun())
         sqlite3_shutdown();
 }
 

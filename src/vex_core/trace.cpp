@@ -5,6 +5,7 @@
 
 #include "vex_core/dom_p.h"
 #include "vex_core/log_p.h"
+#include "vex_core/narrow.h"
 #include "vex_core/trace_modules.h"
 #include "vex_core/trace_p.h"
 
@@ -60,10 +61,10 @@ void ReloadTraceModules()
 
 void LogTrace(const char* module, const char* sourceFile, int line, const char* function, const wxString& message)
 {
-    wxString name = wxString::FromUTF8(function ? function : "");
+    wxString name = FromForeignBytes(function ? function : "");
     name.Replace(wxS(" "), wxString());
-    wxString text = wxString::FromUTF8(module ? module : "");
-    text << wxS(' ') << name << wxS('(') << wxString::FromUTF8(sourceFile ? sourceFile : "") << wxS(':') << line
+    wxString text = FromForeignBytes(module ? module : "");
+    text << wxS(' ') << name << wxS('(') << FromForeignBytes(sourceFile ? sourceFile : "") << wxS(':') << line
          << wxS("): ") << message;
     WriteLogLine(wxLOG_Trace, text);
 }

@@ -228,7 +228,7 @@ void StopAllWorkers(long timeoutMs)
         worker->join(-1);
     for (const std::string& name : stragglers)
         wxLogWarning("Thread \"%s\" has not ended within %ld seconds and is left behind.",
-                     wxString::FromUTF8(name.c_str()), timeoutMs / 1000);
+                     FromForeignBytes(name), timeoutMs / 1000);
     if (!stragglers.empty())
         SkipDestructorsAtExit();
 }

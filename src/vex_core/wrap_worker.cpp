@@ -20,15 +20,17 @@ bool Running(WorkerHandle& self)
 int Join(WorkerHandle& self, lua_State* L)
 {
     const std::int64_t timeoutMs = lua_isnoneornil(L, 2) ? -1 : VexCore::MillisecondsArgument(L, 2);
+    // Held: making the error's text may run a finaliser, and that may destroy the handle.
+    const std::shared_ptr<VexCore::CWorker> worker = self.worker;
     // The worker's own state cannot hold its handle, so a thread never waits for itself.
-    const bool ended = self.worker->WaitForEnd(timeoutMs);
+    const bool ended = worker->WaitForEnd(timeoutMs);
     lua_pushboolean(L, ended);
     if (!ended)
         return 1;
-    lua_pushinteger(L, self.worker->Status());
-    if (self.worker->Error().empty())
+    lua_pushinteger(L, worker->Status());
+    if (worker->Error().empty())
         return 2;
-    lua_pushlstring(L, self.worker->Error().data(), self.worker->Error().size());
+    lua_pushlstring(L, worker->Error().data(), worker->Error().size());
     return 3;
 }
 

@@ -286,6 +286,14 @@ TEST_F(LuaInterpreterTest, MessageThatIsNotUtf8IsKept)
     EXPECT_THAT(Error(), StartsWith("café\n"));
 }
 
+TEST_F(LuaInterpreterTest, MessageIsNotCutAtAZeroByte)
+{
+    Run("error('a\\0b', 0)");
+    const wxString message = lua.GetErrorInfo();
+    const wxScopedCharBuffer bytes = message.utf8_str();
+    EXPECT_THAT(std::string(bytes.data(), bytes.length()), StartsWith(std::string("a\0b\nstack traceback:\n\t[C]: in", 29)));
+}
+
 TEST_F(LuaInterpreterTest, ChunkMayRunAnother)
 {
     static CLuaInterpreter* interpreter;
@@ -318,6 +326,18 @@ TEST_F(LuaInterpreterTest, WriteReturnsItsFile)
                   "assert(io.stdout:flush() == io.stdout)"),
               0)
         << Error();
+}
+
+TEST_F(LuaInterpreterTest, FinaliserThatPrintsLeavesTheRunningPrintAlone)
+{
+    // The text of the number is made by print itself, and with these settings that surely runs the finaliser.
+    EXPECT_EQ(Run("collectgarbage('setpause', 0) collectgarbage('setstepmul', 1000000) collectgarbage() "
+                  "tostring = function(value) if value ~= 1 then return value end "
+                  "  setmetatable({}, {__gc = function() print('finalised') end}) return 5.25 end "
+                  "print('begin', 1, 'end')"),
+              0);
+    EXPECT_EQ(CountOf(output, "finalised\n"), 1) << output;
+    EXPECT_EQ(CountOf(output, "begin\t5.25\tend\n"), 1) << output;
 }
 
 TEST_F(LuaInterpreterTest, PrintUsesTostringOfTheChunk)

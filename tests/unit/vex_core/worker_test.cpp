@@ -99,6 +99,13 @@ TEST_F(WorkerTest, ErrorIsLoggedWithItsTracebackAndToldByJoin)
     EXPECT_THAT(Log(), MatchesRegex("Worker \"job\" failed: .*job.lua:1: broken\nstack traceback:\n.*"));
 }
 
+TEST_F(WorkerTest, NameThatIsNotUtf8IsStillToldInTheLog)
+{
+    Module("caf\xE9", "return {run = function() error('broken', 0) end}");
+    Run("dom0:StartThread('caf\\233'):Join()");
+    EXPECT_THAT(Log(), StartsWith("Worker \"caf\xC3\xA9\" failed: broken\n"));
+}
+
 TEST_F(WorkerTest, ModuleThatIsMissingOrHasNoRunIsAnError)
 {
     EXPECT_THAT(Run("return dom0:StartThread('no.such'):Join()"), HasSubstr("module 'no.such' not found"));
