@@ -61,7 +61,6 @@ struct CRunnable::Impl
     enum class EJoin { NotYet, Running, Done };
 
     CDom* dom = nullptr;              // set before the thread starts
-    bool takesPartInStop = false;     // the same
     std::unique_ptr<wxLog> logTarget; // the same; used by the thread alone
     WaitPoint waitPoint;
     std::atomic<std::int64_t> askedAtMs{0}; // when the thread was first asked to end, on the steady clock; 0: not yet
@@ -109,14 +108,15 @@ CRunnable* CRunnable::Current()
 
 bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackBytes)
 {
-    m_impl->takesPartInStop = takesPartInStop;
+    std::unique_ptr<wxLog> logTarget;
     if (dynamic_cast<CLog2Disk*>(wxLog::GetActiveTarget()))
-        m_impl->logTarget = std::make_unique<CLog2Disk>();
+        logTarget = std::make_unique<CLog2Disk>();
     {
         const std::lock_guard<std::mutex> lock(m_impl->lock);
         if (m_impl->state != Impl::EState::New)
             return false;
         m_impl->state = Impl::EState::Running;
+        m_impl->logTarget = std::move(logTarget);
     }
     Registry& registry = Registry::Get();
     {

@@ -4,6 +4,7 @@
 #include "support/address_limit.h"
 #include "support/log_catcher.h"
 #include "vex/core/dom.h"
+#include "vex/core/log.h"
 #include "vex_core/runnable_p.h"
 #include "vex_core/wait.h"
 
@@ -85,6 +86,24 @@ TEST(Runnable, JoinWithATimeLimitTellsWhetherTheBodyEnded)
     gate.Open();
     EXPECT_TRUE(body.join(10000));
     EXPECT_TRUE(body.join(0)) << "joining again is harmless";
+}
+
+TEST(Runnable, SecondStartIsRefusedAndLeavesTheThreadItsLog)
+{
+    ::Test::LogCatcher log;
+    wxLog* const before = wxLog::SetActiveTarget(new VexCore::CLog2Disk);
+    Gate gate;
+    Body body([&](Body&) {
+        gate.Pass();
+        wxLog* const own = wxLog::GetActiveTarget();
+        EXPECT_NE(dynamic_cast<VexCore::CLog2Disk*>(own), nullptr);
+    });
+    ASSERT_TRUE(body.start(50, true, 0));
+    EXPECT_FALSE(body.start(50, true, 0));
+    gate.Open();
+    body.join();
+    EXPECT_FALSE(body.start(50, true, 0)) << "nor does it start again";
+    delete wxLog::SetActiveTarget(before);
 }
 
 TEST(Runnable, SeveralThreadsMayJoin)
