@@ -44,7 +44,7 @@ public:
     /// Asks to end and joins.
     virtual wxThreadError Delete();
 
-    /// Wakes the thread from a wait of ours (`CDom::Wait`, `Sleep`); the wait reports it as time over.
+    /// Wakes the thread from a wait of ours (`CDom::Wait`, `Join` of a worker); the wait reports it as time over.
     virtual void Awaken();
 
     /// Interrupts a blocking system call of the thread by sending it `SigThreadDelete`.

@@ -93,8 +93,10 @@ return { name = "Endless", version = "1", collect = function(dom)
 end }""")
     supervisor, child = tree.background("--plugins", "endless,good")
     wait_until(lambda: "endless begins" in tree.log() and "good collects" in tree.log() and acknowledged(tree), what="collections")
+    begin = time.monotonic()
     send_signal(supervisor, 15)
     wait_until(lambda: not alive(supervisor) and not alive(child), 90, what="the end")
+    assert 9 < time.monotonic() - begin < 17, "ten seconds in all, for the application's wait and the core library's"
     log = tree.log()
     assert "Worker 'plugin endless' has not ended within its time" in log
     assert 'Thread "worker vx_agent.collector" has not ended within 10 seconds and is left behind.' in log

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <thread>
 
@@ -341,6 +342,21 @@ TEST(Dom, LastReferenceDestroys)
     EXPECT_EQ(2, object.use_count());
     dom->Release();
     EXPECT_EQ(1, object.use_count());
+}
+
+TEST(Dom, ReleaseIsTheSlotBehindTheDestructor)
+{
+    // Hosts are compiled against another core library, too, and release through that slot. A destructor takes two.
+    CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
+    dom->Set("is", "alive");
+    dom->AddRef();
+    void (**slots)(CDom*) = nullptr;
+    std::memcpy(&slots, static_cast<const void*>(dom), sizeof slots);
+    slots[2](dom);
+    EXPECT_EQ(dom->Get("is"), "alive");
+    slots[2](dom);
+    const RootDom root;
+    EXPECT_FALSE(root) << "that was the last reference";
 }
 
 TEST(Dom, FirstLiveRootIsTheProcesss)

@@ -324,6 +324,10 @@ TEST_F(LuaHostTest, NothingClosesADatabaseUnderAStatement)
                     "local ok, e = pcall(db.exec, db, 'SELECT :name', parameters) "
                     "return tostring(ok) .. e:match(':%d+(: .*)') .. ', ' .. db:rows('SELECT 7 AS n')[1].n"),
               "false: the database is in use by a statement, 7");
+    EXPECT_EQ(RunDb("local parameters = setmetatable({}, {__index = function() db:close() end}) "
+                    "local ok, e = pcall(db.rows, db, 'SELECT :name', parameters) "
+                    "return tostring(ok) .. e:match(':%d+(: .*)') .. ', ' .. db:rows('SELECT 7 AS n')[1].n"),
+              "false: the database is in use by a statement, 7");
 }
 
 TEST_F(LuaHostTest, AFolderThatIsMissingOpensNoDatabase)
