@@ -151,8 +151,8 @@ def outcome_of_start(run):
         assert not run.role(1) and run.life == [] and run.log == [] and not run.stopped, str(run)
         return "killed"
     assert run.end(0) == 0, str(run)
-    # The first child's and the supervisor's, who may have no role when they began after the signal.
-    statuses = [int(line[2]) for line in run.report() if line[0] == "end" and line[1] in ("-1", "1", "2")]
+    # The first child's and the supervisor's, who may have no role when they began after the signal, in either order.
+    statuses = sorted(int(line[2]) for line in run.report() if line[0] == "end" and line[1] in ("-1", "1", "2"))
     assert (run.life, statuses, run.log) == (ONE_LIFE + ["shutdown"], [0, SHUTDOWN], [CAUGHT, ENDED]), str(run)
     return "started" if run.stopped else "orderly"
 
