@@ -12,8 +12,8 @@ namespace VexCore {
 
 namespace {
 
-// More than any settings anybody writes; what lies behind is not looked at.
-constexpr std::size_t maxBytes = std::size_t(1) << 20;
+// As much as the host takes of its configuration file, which is the same one; what lies behind is not looked at.
+constexpr std::size_t maxBytes = std::size_t(4) << 20;
 
 std::string InLowerCase(std::string_view text)
 {

@@ -66,7 +66,7 @@ protected:
     // Writes to the domain and what is done beside them, without the installation paths that come before.
     Lines Writes()
     {
-        Lines lines = FakeCore::Journal({"Dom.Set", "Secure", "InitializeSQLite", "Log(Warning", "Log(Error"});
+        Lines lines = FakeCore::Journal({"Dom.Set", "Dom.GetWxString", "Secure", "InitializeSQLite", "Log(Warning", "Log(Error"});
         lines.erase(lines.begin(), lines.begin() + 4);
         return lines;
     }
@@ -127,6 +127,7 @@ TEST_F(Settings, WithEveryOptionTheyAreWrittenInTheFixedOrder)
                                       "Dom.SetWx(\"app.path.ini.global\", \"/etc/other.conf\")",
                                       "Dom.SetWx(\"app.trace\", \"Appl,Cmd\")", "Dom.Set(\"my.key\", \"a=b\")",
                                       "Dom.Set(\"app.mode.unittest\", true)", "Dom.Set(\"app.mode.unittest\", true)",
+                                      "Dom.GetWxString(\"app.path.ini\")", "Dom.GetWxString(\"app.path.ini.global\")",
                                       "Dom.SetWx(\"app.trace+\", \"One,Two\")", "Dom.Set(\"app.fulldump\", true)",
                                       "Dom.SetWx(\"sqlite.config.cache\", 5)", "InitializeSQLite(dom)"));
     EXPECT_TRUE(Access::Background(App()));
@@ -659,7 +660,36 @@ TEST_F(Settings, AHugeConfigurationFileIsRefusedWithOneLine)
     EXPECT_TRUE(m_started->Init());
     EXPECT_EQ(Get("app.trace+"), s_defaultTraces);
     EXPECT_EQ(FakeCore::Journal({"Log(Warning", "Log(Error"}),
-              Lines{"Log(Warning, \"Configuration file '" + file + "' is larger than 1048576 bytes and is not read\")"});
+              Lines{"Log(Warning, \"Configuration file '" + file + "' is larger than 4194304 bytes and is not read\")"});
+}
+
+TEST_F(Settings, AConfigurationFileOfFourMebibytesIsReadAndOneByteMoreIsTooMuch)
+{
+    std::string bytes = "Trace=X\n;";
+    bytes.resize(4 << 20, 'x');
+    StartWithFile(bytes);
+    EXPECT_EQ(Get("app.trace+"), "X");
+    EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), IsEmpty());
+    StartWithFile(bytes + "x");
+    EXPECT_EQ(Get("app.trace+"), s_defaultTraces);
+    EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), ElementsAre(HasSubstr("is larger than 4194304 bytes")));
+}
+
+TEST_F(Settings, AConfigurationFileOfAHundredThousandLinesIsReadAndOneMoreIsTooMuch)
+{
+    for (const std::string lineEnd : {"\n", "\r\n", "\r"}) {
+        std::string bytes = "Trace=X" + lineEnd;
+        for (int line = 1; line < 100000; ++line)
+            bytes += lineEnd;
+        StartWithFile(bytes);
+        EXPECT_EQ(Get("app.trace+"), "X");
+        EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), IsEmpty());
+        StartWithFile(bytes + lineEnd);
+        EXPECT_EQ(Get("app.trace+"), s_defaultTraces);
+        EXPECT_EQ(FakeCore::Journal({"Log(Warning", "Log(Error"}),
+                  Lines{"Log(Warning, \"Configuration file '" + Folder()
+                        + "/vx_agent.ini' has more than 100000 lines and is not read\")"});
+    }
 }
 
 TEST_F(Settings, RubbishOfAnyLengthIsTenLinesAndACount)

@@ -154,13 +154,17 @@ TEST(SettingsFile, WhatIsNoRegularFileHasNoSettingsAndDoesNotHang)
     EXPECT_EQ("none", FindIn(file, "", "a"));
 }
 
-TEST(SettingsFile, HugeFileIsReadToItsFirstMegabyte)
+TEST(SettingsFile, HugeFileIsReadToItsFirstFourMebibytes)
 {
     const TempFolder folder;
-    WriteFile(folder / "x.ini", "[settings]\na=1\n");
+    std::string bytes = "[settings]\na=1\n;";
+    bytes.resize((4 << 20) - 4, 'x');
+    WriteFile(folder / "x.ini", bytes + "\nb=2\nc=3\n");
     std::filesystem::resize_file(folder / "x.ini", std::uintmax_t(5) << 30);
     SettingsFile file;
     EXPECT_EQ("1", FindIn(file, folder / "x.ini", "a"));
+    EXPECT_EQ("2", FindIn(file, folder / "x.ini", "b"));
+    EXPECT_EQ("none", FindIn(file, folder / "x.ini", "c"));
 }
 
 TEST(SettingsFile, ThreadsMayAskWhileItChanges)

@@ -13,9 +13,11 @@
 #include "vex/core/sqlitedb.h"
 
 #include <cstdint>
+#include <vector>
 
 #include <wx/config.h>
 #include <wx/convauto.h>
+#include <wx/ffile.h>
 #include <wx/fileconf.h>
 #include <wx/filefn.h>
 #include <wx/log.h>
@@ -26,9 +28,10 @@ using VexCore::CDom;
 
 const char s_defaultTraces[] = "Appl,Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils";
 
-// The framework holds a configuration file in memory several times over, and the time it takes grows with the square of the
-// number of entries. A file of this size is no configuration file any more.
-constexpr wxULongLong_t maxConfigBytes = 1 << 20;
+// The framework holds a configuration file in memory twenty times over, and the time it takes grows with the square of the
+// number of lines. Within these bounds that is a second or so; beyond them a start would seem to hang.
+constexpr wxULongLong_t maxConfigBytes = 4 << 20;
+constexpr std::size_t maxConfigLines = 100000;
 
 // --- paths
 
@@ -115,16 +118,42 @@ bool IsUsableScript(const wxString& script)
 
 // --- configuration files
 
+// Line ends of any kind. None when the file cannot be read, which the framework reports.
+std::size_t CountLines(const wxString& file)
+{
+    const wxLogNull silence;
+    wxFFile stream(file, "rb");
+    std::size_t lines = 0;
+    char previous = 0;
+    std::vector<char> block(64 << 10);
+    while (stream.IsOpened()) {
+        const std::size_t count = stream.Read(block.data(), block.size());
+        for (std::size_t i = 0; i < count; ++i) {
+            lines += block[i] == '\r' || (block[i] == '\n' && previous != '\r');
+            previous = block[i];
+        }
+        if (count < block.size())
+            break;
+    }
+    return lines;
+}
+
 bool IsTooLarge(const wxString& file)
 {
     if (!wxFileExists(file))
         return false;
     const wxULongLong bytes = wxFileName::GetSize(file);
-    if (bytes == wxInvalidSize || bytes <= maxConfigBytes)
-        return false;
-    wxLogWarning("Configuration file '%s' is larger than %llu bytes and is not read", file,
-                 static_cast<unsigned long long>(maxConfigBytes));
-    return true;
+    if (bytes != wxInvalidSize && bytes > maxConfigBytes) {
+        wxLogWarning("Configuration file '%s' is larger than %llu bytes and is not read", file,
+                     static_cast<unsigned long long>(maxConfigBytes));
+        return true;
+    }
+    if (CountLines(file) > maxConfigLines) {
+        wxLogWarning("Configuration file '%s' has more than %lu lines and is not read", file,
+                     static_cast<unsigned long>(maxConfigLines));
+        return true;
+    }
+    return false;
 }
 
 // While it lives, the first lines pass to the log and the others are counted: the framework writes one for each line of a file that
