@@ -8,7 +8,7 @@
 
 namespace VexCore {
 
-/// A record that can be written as XML. A field is absent until it is marked present.
+/// A record that can be written as XML. A field is absent until it is marked present. One thread at a time.
 class VEX_CORE_API XMLObject
 {
 public:

@@ -9,8 +9,8 @@ class wxZipEntry;
 
 namespace VexCore {
 
-/// Asked for each entry: `entry` is only for looking at, `destination` is the full path at which it would be written. True
-/// writes it, false skips it.
+/// Asked for each entry, on the thread that called `Unzip`: `entry` is only for looking at and may be null, `destination` is
+/// the full path at which it would be written; both are gone after the call. True writes the entry, false skips it.
 using UnzipCallback = bool (*)(void* context, const wxZipEntry* entry, const wxString* destination);
 
 /// Walks `archive` and writes the entries that `callback` answers true for below `folder`, which must exist. True: the whole
