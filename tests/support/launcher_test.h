@@ -36,28 +36,36 @@ protected:
     }
 };
 
-/// While it lives, "~" is this folder.
-class CHome
+/// While it lives, a variable of the environment has this value.
+class CVariable
 {
 public:
-    explicit CHome(const std::string& folder)
+    CVariable(const char* name, const std::string& value) : m_name(name)
     {
-        if (const char* const before = std::getenv("HOME"))
+        if (const char* const before = std::getenv(name))
             m_before = before;
-        ::setenv("HOME", folder.c_str(), 1);
+        ::setenv(name, value.c_str(), 1);
     }
-    ~CHome()
+    ~CVariable()
     {
         if (m_before)
-            ::setenv("HOME", m_before->c_str(), 1);
+            ::setenv(m_name, m_before->c_str(), 1);
         else
-            ::unsetenv("HOME");
+            ::unsetenv(m_name);
     }
-    CHome(const CHome&) = delete;
-    CHome& operator=(const CHome&) = delete;
+    CVariable(const CVariable&) = delete;
+    CVariable& operator=(const CVariable&) = delete;
 
 private:
+    const char* const m_name;
     std::optional<std::string> m_before;
+};
+
+/// While it lives, "~" is this folder.
+class CHome : public CVariable
+{
+public:
+    explicit CHome(const std::string& folder) : CVariable("HOME", folder) {}
 };
 
 /// Starts an application in a folder of its own: the program is bin/NAME there, the working folder is given with an option,

@@ -256,9 +256,10 @@ TEST_F(LuaHost, ManyArgumentsArrive)
 
 TEST_F(LuaHost, MoreArgumentsThanTheStackCanHoldAreAnErrorWithItsText)
 {
-    // The room is asked for all arguments, not only for those behind the separator.
+    // The room is asked for all arguments, not only for those behind the separator, of which there are none.
     (*m_app)->argc = LUAI_MAXSTACK + 1;
-    std::vector<const wchar_t*> pointers(LUAI_MAXSTACK + 1, L"--");
+    std::vector<const wchar_t*> pointers(LUAI_MAXSTACK, L"x");
+    pointers.push_back(L"--");
     (*m_app)->argv.Init((*m_app)->argc, pointers.data());
     EXPECT_EQ(SetUpLua(), LUA_ERRRUN);
     EXPECT_STREQ(lua_tostring(L(), -1), "stack overflow (too many arguments to script)");

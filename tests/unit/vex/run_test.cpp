@@ -8,6 +8,7 @@
 #include "support/temp_folder.h"
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <memory>
 #include <stdexcept>
@@ -36,16 +37,59 @@ using testing::HasSubstr;
 namespace {
 
 int s_sigwaitError = 0; // what sigwait answers at once, when it is not 0
+std::atomic<bool> s_recordsSignals{false}; // the three calls below go to the journal
+
+// While it lives, calls that change what becomes of a signal are written down between those to the core library.
+class CSignalRecording
+{
+public:
+    CSignalRecording() { s_recordsSignals = true; }
+    ~CSignalRecording() { s_recordsSignals = false; }
+};
+
+std::string Members(const sigset_t& set)
+{
+    std::string members;
+    for (int signal = 1; signal < 65; ++signal)
+        if (sigismember(&set, signal) == 1)
+            members += ' ' + std::to_string(signal);
+    return members;
+}
+
+template <class Function>
+Function Real(const char* name)
+{
+    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+}
 
 } // namespace
 
-// Stands before the system's, which no caller of ours can make fail.
+// These stand before the system's for the launcher's objects.
+extern "C" int sigaction(int signal, const struct sigaction* action, struct sigaction* previous) noexcept
+{
+    static const auto real = Real<int (*)(int, const struct sigaction*, struct sigaction*)>("sigaction");
+    if (s_recordsSignals && action)
+        FakeCore::Record("sigaction " + std::to_string(signal) + (action->sa_handler == SIG_IGN ? " ignore" : " handle")
+                         + (action->sa_flags & SA_RESTART ? " restart" : ""));
+    return real(signal, action, previous);
+}
+
+extern "C" int pthread_sigmask(int how, const sigset_t* set, sigset_t* previous) noexcept
+{
+    static const auto real = Real<int (*)(int, const sigset_t*, sigset_t*)>("pthread_sigmask");
+    if (s_recordsSignals && set)
+        FakeCore::Record((how == SIG_BLOCK ? "block" : how == SIG_UNBLOCK ? "unblock" : "mask") + Members(*set));
+    return real(how, set, previous);
+}
+
+// No caller of ours can make the system's fail.
 extern "C" __attribute__((visibility("default"))) int sigwait(const sigset_t* set, int* signal)
 {
+    if (s_recordsSignals)
+        FakeCore::Record("sigwait" + Members(*set));
     if (s_sigwaitError != 0)
         return s_sigwaitError;
-    using Function = int (*)(const sigset_t*, int*);
-    static const Function real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "sigwait"));
+    static const auto real = Real<int (*)(const sigset_t*, int*)>("sigwait");
     return real(set, signal);
 }
 
@@ -133,6 +177,8 @@ protected:
     CFakeSystem m_system;
     std::unique_ptr<AgentApp> m_app;
 };
+
+const std::string s_stopSignals = ' ' + std::to_string(SIGINT) + ' ' + std::to_string(SIGTERM);
 
 // What the journal of a foreground run holds between the interpreter and its end.
 Lines SetupLines()
@@ -284,13 +330,16 @@ TEST_F(Run, TheBackgroundWaitsForATermAndThenCallsShutdown)
     sigaddset(&term, SIGTERM);
     ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
     ::pthread_kill(::pthread_self(), SIGTERM); // pending since before `main`, as a stop during `init` would be
-    EXPECT_EQ(App().OnRunScript(), 4);
+    {
+        const CSignalRecording recording;
+        EXPECT_EQ(App().OnRunScript(), 4);
+    }
     const Lines all = Journal();
     const auto main = std::find(all.begin(), all.end(), MainSnippet);
     ASSERT_NE(main, all.end());
-    EXPECT_THAT(Lines(main + 1, all.begin() + (main - all.begin()) + 5),
-                ElementsAre("profiler_idle()", "profiler_running()", "Log(Warning, \"sigwait(): caught signal 15\")",
-                            ShutdownSnippet));
+    EXPECT_THAT(Lines(main + 1, std::find(main, all.end(), ShutdownSnippet)),
+                ElementsAre("profiler_idle()", "sigwait" + s_stopSignals, "profiler_running()",
+                            "Log(Warning, \"sigwait(): caught signal 15\")", "unblock" + s_stopSignals));
     EXPECT_FALSE(IsBlocked(SIGTERM)) << "a second stop cuts shutdown short";
     EXPECT_FALSE(IsBlocked(SIGINT));
 }
@@ -371,6 +420,21 @@ TEST_F(Run, SetsTheDispositionsOfTheTable)
     EXPECT_TRUE(IsBlocked(SIGTERM));
     EXPECT_FALSE(IsBlocked(SIGALRM));
     EXPECT_FALSE(IsBlocked(SIGUSR1));
+}
+
+TEST_F(Run, SetsTheDispositionsInTheirOrderBetweenTheArchivePathAndTheInterpreter)
+{
+    {
+        const CSignalRecording recording;
+        ASSERT_EQ(App().RunAppInit(), 0);
+    }
+    const auto line = [](int signal, const char* what) { return "sigaction " + std::to_string(signal) + what; };
+    EXPECT_THAT(Journal({"Dom.GetWxString", "sigaction", "block", "unblock", "mask", "Lua("}),
+                ElementsAre("Dom.GetWxString(\"app.path.bin\")", line(SIGINT, " handle restart"),
+                            line(SIGTERM, " handle restart"), line(SIGUSR1, " handle restart"),
+                            line(SIGUSR2, " handle restart"), line(VexCore::CRunnable::SigThreadDelete, " handle"),
+                            line(SIGHUP, " ignore restart"), "block" + s_stopSignals, line(SIGALRM, " handle"),
+                            line(SIGPIPE, " ignore restart"), "Lua(false, \"vx_agent.lua\", true)"));
 }
 
 TEST_F(Run, OtherSignalsAreOnlyRemembered)
@@ -472,6 +536,19 @@ TEST_F(Run, BlocksIntAndTermInBothThreads)
     EXPECT_TRUE(blockedInScript);
     EXPECT_TRUE(IsBlocked(SIGINT));
     EXPECT_TRUE(IsBlocked(SIGTERM));
+}
+
+TEST_F(Run, BlocksIntAndTermBeforeThereIsAScriptThread)
+{
+    Access::DefaultName(App()) = true;
+    {
+        const CSignalRecording recording;
+        EXPECT_EQ(RunToEnd(), 0);
+    }
+    const Lines lines = Journal({"block", "Runnable("});
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "block" + s_stopSignals);
+    EXPECT_EQ(lines[1], "Runnable(false, -1, false)");
 }
 
 TEST_F(Run, TheLoopsDescriptorsAreNotInheritedByWhatTheScriptStarts)

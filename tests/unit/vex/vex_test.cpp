@@ -5,9 +5,14 @@
 
 #include "support/launcher_test.h"
 
+#include <algorithm>
+#include <clocale>
 #include <filesystem>
 #include <fstream>
 
+#include <dlfcn.h>
+
+#include <wx/intl.h>
 #include <wx/translation.h>
 
 using testing::Contains;
@@ -17,16 +22,20 @@ using testing::Not;
 
 namespace {
 
+bool s_recordsTimeZone = false;
+
 class Start : public LauncherTest
 {
 };
 using StartDeathTest = Start;
 
-TEST_F(StartDeathTest, ConstructorSetsUpOpenSslThreadsAndThenMakesTheRootDomain)
+TEST_F(StartDeathTest, ConstructorReadsTheTimeZoneSetsUpOpenSslThreadsAndThenMakesTheRootDomain)
 {
     EXPECT_IN_FRESH_PROCESS({
+        s_recordsTimeZone = true;
         const AgentApp app;
-        EXPECT_THAT(FakeCore::Journal(), ElementsAre("OpenSSLThreadSetup()", "Dom.New(null, null, null, false)"));
+        EXPECT_THAT(FakeCore::Journal(),
+                    ElementsAre("tzset()", "OpenSSLThreadSetup()", "Dom.New(null, null, null, false)"));
     });
 }
 
@@ -53,6 +62,45 @@ TEST_F(Start, ConstructorSetsTheDefaultsOfTheLog)
     }
     wxLog::SetVerbose(false);
     wxLog::SetLogLevel(wxLOG_Max);
+}
+
+// Whatever the locale has to say finds the log as it is to be: the defaults come first.
+TEST_F(Start, LocaleThatIsNotInstalledIsALogLineAndTheProcessGoesOn)
+{
+    const CVariable language("LC_ALL", "sw_KE.UTF-8");
+    const std::string before = std::setlocale(LC_ALL, nullptr);
+    if (std::setlocale(LC_ALL, "sw_KE.UTF-8")) {
+        std::setlocale(LC_ALL, before.c_str());
+        GTEST_SKIP() << "that locale is installed here";
+    }
+    wxLog::SetLogLevel(wxLOG_FatalError);
+    {
+        const AgentApp app;
+        EXPECT_THAT(FakeCore::Journal({"Log("}), ElementsAre(testing::HasSubstr("Cannot set locale to language")));
+        EXPECT_NE(wxGetLocale(), nullptr);
+    }
+    wxLog::SetLogLevel(wxLOG_Max);
+    std::setlocale(LC_ALL, before.c_str());
+}
+
+TEST_F(Start, LocaleIsInForceWhileTheApplicationLives)
+{
+    const wxLocale* const before = wxGetLocale();
+    {
+        const AgentApp app;
+        EXPECT_NE(wxGetLocale(), before);
+    }
+    EXPECT_EQ(wxGetLocale(), before);
+}
+
+TEST_F(Start, MembersStandInTheirOrder)
+{
+    AgentApp app;
+    const std::vector<const void*> places = {
+        &Access::InstallPlugins(*app), &Access::DefaultName(*app), &Access::Background(*app),
+        &Access::ExtDir(*app),         &Access::Dom(*app),         &Access::Lua(*app),
+        &Access::StartTime(*app),      &Access::UnitTestScript(*app), &Access::ZipPath(*app)};
+    EXPECT_TRUE(std::is_sorted(places.begin(), places.end()));
 }
 
 TEST_F(Start, MembersHaveTheirDefaults)
@@ -154,6 +202,7 @@ INSTANTIATE_TEST_SUITE_P(
                      "/srv/HalvornX"},
         Installation{"/Halvorn/a/b/vx_agent", "/Halvorn/a/b", "/Halvorn/a/b/lib", "/Halvorn/a"},
         Installation{"/srv/halvorn/x/vx_agent", "/srv/halvorn/x", "/srv/halvorn/x/lib", "/srv/halvorn/x"},
+        Installation{"/Halvorn/a/vx_agent", "/Halvorn/a", "/Halvorn/a/lib", "/Halvorn"}, // two folders are enough
         // One folder or none.
         Installation{"/Halvorn/vx_agent", "/Halvorn", "/Halvorn/lib", "/Halvorn"},
         Installation{"/vx_agent", "/", "/lib", "/"},
@@ -169,6 +218,18 @@ TEST_F(Start, ProgramNameWithoutFolderMeansTheCurrentFolder)
     ASSERT_TRUE(app->OnInit());
     EXPECT_EQ(app.Dom().Get("app.path.bin"), current);
     EXPECT_EQ(app.Dom().Get("app.path.exe"), current + "/vx_agent");
+}
+
+TEST_F(StartDeathTest, WithoutAnyArgumentTheFrameworksAssertionTrips)
+{
+    EXPECT_IN_FRESH_PROCESS({
+        AgentApp app(Lines{});
+        wxSetAssertHandler([](const wxString&, int, const wxString&, const wxString&, const wxString& message) {
+            _exit(message == "wxArrayString: index out of bounds" ? 0 : 1);
+        });
+        app->OnInit();
+        ADD_FAILURE() << "went on";
+    });
 }
 
 TEST_F(Start, FolderOfASymbolicLinkToTheExecutableCountsOnPurpose)
@@ -310,3 +371,11 @@ TEST(Seed, TakesTheHundredthAttempt)
 }
 
 } // namespace
+
+// Stands before the system's for the launcher's objects.
+extern "C" void tzset() noexcept
+{
+    if (s_recordsTimeZone)
+        FakeCore::Record("tzset()");
+    reinterpret_cast<void (*)()>(::dlsym(RTLD_NEXT, "tzset"))();
+}
