@@ -112,7 +112,8 @@ const char* ThreadName(wxThreadIdType thread)
 {
     if (const CRunnable* const runnable = CRunnable::Current())
         return runnable->GetThreadName();
-    return thread == wxThread::GetMainId() ? "main" : "thread";
+    const wxThreadIdType main = wxThread::GetMainId(); // 0 until the framework is initialised, when there is no other thread
+    return main == 0 || thread == main ? "main" : "thread";
 }
 
 void WriteRecord(ELogLevel level, std::time_t time, wxThreadIdType thread, const wxString& message)

@@ -1,8 +1,12 @@
 """The foreground run from end to end: order of the module's functions, statuses, arguments, and what is in the log."""
+import locale
 import os
 import re
+import shutil
 
 import pytest
+
+from conftest import SANITIZED
 
 LIFE = """
 local M = {}
@@ -130,11 +134,49 @@ def test_traces_of_the_archive_path_keep_their_trailing_blanks(tree):
     assert "app.lua.zippath empty \n" in tree.run("--trace", "Appl", name="probe").log
 
 
-@pytest.mark.parametrize("locale", ["C", "POSIX", "C.UTF-8", "de_DE.UTF-8", "no_SUCH"])
-def test_text_and_numbers_are_the_same_in_every_locale(tree, locale):
+@pytest.mark.parametrize("name", ["C", "POSIX", "C.UTF-8", "de_DE.UTF-8", "no_SUCH"])
+def test_text_and_numbers_are_the_same_in_every_locale(tree, name):
     tree.app("probe", """return { main = function() print(1.5, tostring(tonumber("1.5")), arg[1], dom0:Get("a.b")); return 0 end }""")
-    result = tree.run("--domain_var", "a.b=ü", "--", "é", name="probe", env={"LC_ALL": locale, "LANG": locale})
-    assert (result.status, result.out) == (0, "1.5\t1.5\té\tü\n"), result.err
+    result = tree.run("--domain_var", "a.b=ü", "--", "é", name="probe", env={"LC_ALL": name, "LANG": name})
+    assert (result.status, result.out, result.err) == (0, "1.5\t1.5\té\tü\n", "")
+
+
+@pytest.fixture
+def missing_locale():
+    name = "sw_KE.UTF-8"  # the framework knows it, and hardly any machine has it
+    before = locale.setlocale(locale.LC_MESSAGES)
+    try:
+        locale.setlocale(locale.LC_MESSAGES, name)
+    except locale.Error:
+        return name
+    locale.setlocale(locale.LC_MESSAGES, before)
+    return pytest.skip(name + " is installed here")
+
+
+@pytest.mark.fast
+@NAMES
+def test_a_locale_that_is_not_installed_is_a_line_of_the_log_and_nothing_on_standard_error(tree, name, missing_locale):
+    result = tree.run(*application(tree, name, LIFE), name=name, env={"LC_ALL": missing_locale})
+    assert (result.status, result.err) == (0, "")
+    assert re.search(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d WARNING \[\d+/main\] Cannot set locale to language", result.log, re.M), result.log
+    assert result.log.count("Cannot set locale") == 1
+
+
+def test_when_the_command_line_is_bad_that_line_goes_to_standard_error(tree, missing_locale):
+    result = tree.run("--help", env={"LC_ALL": missing_locale})
+    assert result.status == 255
+    assert result.err.count("Cannot set locale to language") == 1
+    assert not os.path.exists(tree.work)
+
+
+@pytest.mark.skipif(SANITIZED or not shutil.which("strace"), reason="needs strace, which the leak checker cannot run under")
+@NAMES
+def test_a_thread_that_cannot_be_started_is_an_error_line_and_a_failure(tree, name):
+    result = tree.run(*application(tree, name, LIFE), name=name, prefix=(
+        "strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=clone,clone3", "-e", "inject=clone,clone3:error=EAGAIN:when=1"))
+    assert (result.status, result.out, result.err) == (255, "", "")
+    assert result.log.count(" ERROR ") >= 1, result.log
+    assert "CScriptThread" in result.log
 
 
 def test_os_exit_in_a_script_ends_the_process_with_that_status(tree):

@@ -3,6 +3,10 @@
 
 #include "vex/apps/vex/vex.h"
 
+#include "vex/apps/vex/vex_p.h"
+
+#include "vex/core/log.h"
+
 #include <wx/init.h>
 
 wxAppConsole* wxCreateApp()
@@ -13,6 +17,14 @@ wxAppConsole* wxCreateApp()
 
 // Registers the factory with the framework's entry before main begins.
 static wxAppInitializer s_appInitializer(wxCreateApp);
+
+// What the framework has to say before there is an application (an argument that it cannot convert, a locale that is not
+// installed) belongs into the log as well. It deletes this target and asks the application's traits for the next one.
+static const bool s_logsFromTheBeginning = [] {
+    wxLog::SetTimestamp(LogTimestamp);
+    delete wxLog::SetActiveTarget(new VexCore::CLog2Disk);
+    return true;
+}();
 
 int main(int argc, char** argv)
 {

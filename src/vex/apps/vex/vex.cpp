@@ -108,7 +108,7 @@ CAgentApp::CAgentApp()
     m_startTime = wxDateTime::UNow();
     wxLog::SetVerbose(true);
     wxLog::SetLogLevel(wxLOG_Info);
-    wxLog::SetTimestamp("%Y-%m-%d %H:%M:%S");
+    wxLog::SetTimestamp(LogTimestamp);
     wxSetAssertHandler(LogAssertion);
     InitLocale(m_locale);
     StartupInit();

@@ -17,6 +17,9 @@ constexpr int VEX_VERSION_PATCH = 0;
 constexpr int VEX_VERSION_BUILD = 4015;
 #define VEX_VERSION_TEXT "10.0.0.4015"
 
+// The time at the head of a log line.
+constexpr char LogTimestamp[] = "%Y-%m-%d %H:%M:%S";
+
 // A trace line of the launcher. Its arguments are formatted only when the module is traced. The source file is one fixed
 // text, so that lines of different builds compare equal.
 #define VEX_TRACE(function, ...)                                                                                       \
