@@ -79,6 +79,7 @@ struct Answers
 
     // Threads
     EThreads threads = EThreads::Real;
+    bool joinTimesOut = false; ///< a `join` with a time limit answers that the thread runs on
 
     // Database
     bool sqliteResult = true;

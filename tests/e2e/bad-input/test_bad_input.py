@@ -134,6 +134,16 @@ def test_a_broken_ini_file_stops_nothing(tree, content):
     assert result.status == 0, result.err
 
 
+@pytest.mark.parametrize("name", ["probe", "vx_agent"])
+def test_lines_of_an_ini_file_that_make_no_sense_are_reported_ten_times_and_counted(tree, name):
+    result = with_ini(tree, b"no entry\n" * 100, name)
+    lines = re.findall(r"^[-\d]+ [:\d]+ (?:ERROR|WARNING) \S+ (.*)$", result.log, re.M)
+    assert len(lines) == 11, result.log
+    for number, line in enumerate(lines[:10], 1):
+        assert f"{name}.ini', line {number}: " in line
+    assert lines[10] == "90 more lines about the configuration files are left out"
+
+
 def test_an_ini_file_that_is_a_folder_stops_nothing(tree):
     tree.app("probe", OK)
     os.makedirs(os.path.join(tree.work, "probe.ini"))

@@ -665,6 +665,26 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerLeavesOnceTheScriptThreadHasEnded)
                 ElementsAre("Runnable.requestExit()", "Runnable.join()", "~Runnable()"));
 }
 
+TEST_F(Run, AnExceptionOutOfAnEventHandlerEndsTheProcessAtOnceWhenTheScriptThreadGoesOn)
+{
+    Access::DefaultName(App()) = true;
+    answers().tracedModules = {"Appl"};
+    answers().joinTimesOut = true;
+    answers().onRunScript = [this] {
+        DefineModule();
+        ::usleep(20000);
+    };
+    CThrower thrower;
+    EXPECT_EQ(RunToEnd(), -1);
+    const Lines lines = Journal({"Runnable.requestExit", "Runnable.join", "Log(", "Trace(\"Appl\", \"OnUnhandled", "Exit"});
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_EQ(lines[0], "Runnable.requestExit()");
+    EXPECT_EQ(lines[1], "Runnable.join()");
+    EXPECT_THAT(lines[2], HasSubstr("exiting. Run time was"));
+    EXPECT_THAT(lines[4], HasSubstr("out of an event handler"));
+    EXPECT_EQ(lines[5], "ExitNow(-1)");
+}
+
 // ------------------------------------------------------------------------------------------------------------ OnRun
 
 TEST_F(Run, TheForegroundRaisesTheLogLevel)

@@ -707,6 +707,15 @@ TEST_F(Settings, RubbishOfAnyLengthIsTenLinesAndACount)
     EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), testing::SizeIs(1));
 }
 
+TEST_F(Settings, RubbishIsReportedAlsoWhenNothingWasLoggedBefore)
+{
+    // As in a process of its own: the framework makes its target with the first line.
+    wxLog* const before = wxLog::SetActiveTarget(nullptr);
+    StartWithFile("no entry\n");
+    delete wxLog::SetActiveTarget(before);
+    EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), ElementsAre(HasSubstr("line 1:")));
+}
+
 TEST_F(Settings, VerboseSwitchIsTheFrameworks)
 {
     Start({"--verbose"});

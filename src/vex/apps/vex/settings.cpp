@@ -161,7 +161,8 @@ bool IsTooLarge(const wxString& file)
 class CFirstLines : public wxLog
 {
 public:
-    CFirstLines() : m_target(wxLog::SetActiveTarget(this)) {}
+    // The target is asked for, which makes it where nothing was logged before.
+    CFirstLines() : m_target(wxLog::GetActiveTarget()) { wxLog::SetActiveTarget(this); }
     ~CFirstLines() override
     {
         wxLog::SetActiveTarget(m_target);
