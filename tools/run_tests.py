@@ -28,7 +28,7 @@ SANITIZER_OPTIONS = {
 UNIT_BINARIES = ("unit_slb3", "unit_core", "unit_launcher")
 # What the steps of a build need that does not also serve benchmarks, fuzzing and the check of the headers.
 RUN_TARGETS = ("stage", "packages", *(f"tests/{name}" for name in UNIT_BINARIES), "tests/fake_agent", "tests/restarts",
-               "tests/stopat", "plantedrace")
+               "tests/stopat", "tests/faultat", "luacrash", "plantedrace")
 
 
 class Step:

@@ -22,6 +22,9 @@ SANITIZER = os.environ.get("VEX_SANITIZED", "")  # "address" or "thread" when th
 SANITIZED = bool(SANITIZER)
 sys.path.insert(0, os.path.join(ROOT, "tests", "support"))  # for what several scenarios share
 CLONE_NEWNS, MS_REC, MS_PRIVATE, MNT_DETACH = 0x00020000, 0x4000, 0x40000, 2
+# The system tells a child of its parent's death when the parent's thread ends that made it, and again for each thread after it.
+PARENT_DIES_ONCE = pytest.mark.skipif(SANITIZER == "thread", reason="the sanitizer has a thread of its own in the supervisor, "
+                                      "so that its child is told twice of its death, which cuts shutdown short")
 # A sanitizer build takes its time; what waits for it is patient and still ends.
 PATIENCE = 60 if SANITIZED else 30
 # For an agent that somebody else traces: the search for leaks is a tracer itself, and there is room for one.

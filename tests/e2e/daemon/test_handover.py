@@ -8,7 +8,7 @@ import sys
 import pytest
 
 from agents import CAUGHT, ENDED, check_log, check_silent, life, records, stale, still_ending, uninterrupted
-from conftest import FULL, SANITIZED, SANITIZER, alive, send_signal, wait_until
+from conftest import FULL, PARENT_DIES_ONCE, SANITIZED, SANITIZER, alive, send_signal, wait_until
 
 pytestmark = pytest.mark.sandbox
 CYCLES = 1000 if FULL and not SANITIZED else 20
@@ -89,6 +89,7 @@ def start_over_lingering(tree, supervisor, child):
     assert not alive(child) and not os.path.exists("/var/run/probe.pid")
 
 
+@PARENT_DIES_ONCE
 @pytest.mark.any_user(always=True)
 def test_a_start_waits_for_the_child_that_a_killed_supervisor_left(tree):
     tree.app("probe", LINGERING)

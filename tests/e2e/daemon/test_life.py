@@ -9,7 +9,8 @@ import time
 import pytest
 
 from agents import CAUGHT, ENDED, LIFE, PID_FILE, check_log, delayed, exited, killed, life, run_adopted, stale
-from conftest import BUILD, FULL, SANITIZED, SANITIZER, alive, children, send_signal, switches, wait_until
+from conftest import (BUILD, FULL, PARENT_DIES_ONCE, SANITIZED, SANITIZER, alive, children, send_signal, switches,
+                      wait_until)
 
 pytestmark = pytest.mark.sandbox
 
@@ -188,6 +189,7 @@ def test_a_stop_signal_at_the_child_alone_is_an_orderly_stop_too(tree):
     check_log(tree, CAUGHT, exited(6), stops=0)
 
 
+@PARENT_DIES_ONCE
 @pytest.mark.any_user
 @pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGUSR1, signal.SIGINT, signal.SIGKILL])
 def test_a_supervisor_that_dies_of_a_signal_takes_its_child_along_in_order(tree, number):
