@@ -82,6 +82,16 @@ protected:
 
 } // namespace
 
+TEST(ChunkCacheFormatTest, FileThatIsNotAsLongAsItSaysIsNone)
+{
+    const std::string file = Build(key, Items());
+    const std::string_view head = std::string_view(file).substr(0, headerBytes);
+    Header header;
+    EXPECT_TRUE(ParseHeader(head, key, file.size(), header));
+    EXPECT_FALSE(ParseHeader(head, key, file.size() - 1, header));
+    EXPECT_FALSE(ParseHeader(head, key, file.size() + 1, header));
+}
+
 TEST(ChunkCacheFormatTest, WhatIsBuiltIsRead)
 {
     const std::string file = Build(key, Items());

@@ -8,6 +8,7 @@
 
 #include "support/temp_folder.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <thread>
@@ -235,6 +236,21 @@ TEST(CrashMaps, NextRangeAboveIsFoundWithinReach)
     munmap(memory, 3 * page);
 }
 
+TEST(CrashMaps, MemoryThatIsNotOursToReadIsNoStack)
+{
+    ASSERT_TRUE(ReadCrashMaps());
+    std::size_t count = 0;
+    const CrashRange* const ranges = CrashRanges(count);
+    int devices = 0;
+    for (std::size_t i = 0; i < count; ++i)
+        if (ranges[i].device) {
+            ++devices;
+            EXPECT_EQ(FindCrashRange(ranges[i].start, 0), nullptr) << std::hex << ranges[i].start;
+        }
+    if (devices == 0)
+        GTEST_SKIP() << "this kernel shows no range of its own";
+}
+
 TEST(CrashThread, ThreadHasAnAlternateStackBetweenStartAndEnd)
 {
     EnableCrashThreads();
@@ -247,6 +263,14 @@ TEST(CrashThread, ThreadHasAnAlternateStackBetweenStartAndEnd)
         CrashThreadStart("second"); // no other stack
         EXPECT_STREQ(CrashThreadName(), "second");
         sigaltstack(nullptr, &during);
+        // Below it lies a page that nobody may touch: an overflow there is a crash, not damage to something else.
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        EXPECT_EQ(write(ends[1], static_cast<char*>(during.ss_sp), 1), 1);
+        EXPECT_EQ(write(ends[1], static_cast<char*>(during.ss_sp) - 1, 1), -1);
+        EXPECT_EQ(errno, EFAULT);
+        close(ends[0]);
+        close(ends[1]);
         CrashThreadEnd();
         CrashThreadEnd();
         EXPECT_EQ(CrashThreadName(), nullptr);

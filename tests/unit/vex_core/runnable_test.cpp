@@ -245,12 +245,31 @@ TEST(Runnable, ThreadThatWasAskedBeforeDoesNotGetItsTimeTwice)
     Body stubborn([&](Body&) { gate.Pass(); });
     ASSERT_TRUE(stubborn.start(50, true, 0));
     stubborn.requestExit();
-    EXPECT_FALSE(stubborn.join(300));
+    EXPECT_FALSE(stubborn.join(1000));
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(EndRegisteredThreads(300), std::vector<std::string>{"TestBody"});
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(250));
+    EXPECT_EQ(EndRegisteredThreads(1000), std::vector<std::string>{"TestBody"});
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(800));
     gate.Open();
     stubborn.join();
+}
+
+TEST(Runnable, ThreadsThatStartOthersDoNotMakeTheStopLonger)
+{
+    Gate gate;
+    Body late([&](Body&) { gate.Pass(); });
+    Body first([&](Body& self) {
+        while (!self.TestDestroy())
+            WaitPoint::OfThisThread().Sleep(-1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        late.start(50, true, 0);
+    });
+    ASSERT_TRUE(first.start(50, true, 0));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(EndRegisteredThreads(2000).size(), 1u);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(3000));
+    gate.Open();
+    first.join();
+    late.join();
 }
 
 TEST(Runnable, ThreadThatStopsTheOthersIsNotAskedItself)

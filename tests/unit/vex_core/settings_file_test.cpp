@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <thread>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <utime.h>
 
@@ -108,6 +109,23 @@ TEST(SettingsFile, IsReadAgainWhenItChanged)
     EXPECT_EQ("4", FindIn(file, path, "a")) << "another file under that name";
     std::filesystem::remove(path);
     EXPECT_EQ("none", FindIn(file, path, "a"));
+}
+
+TEST(SettingsFile, ChangeWithinOneTickOfTheFilesTimeIsSeen)
+{
+    const TempFolder folder;
+    const std::string path = folder / "x.ini";
+    SettingsFile file;
+    std::string value;
+    WriteFile(path, "[settings]\na=1\n");
+    struct stat before = {};
+    ASSERT_EQ(stat(path.c_str(), &before), 0);
+    ASSERT_TRUE(file.Find(path, "a", value));
+    WriteFile(path, "[settings]\na=2\n");
+    const struct timespec times[] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    ASSERT_TRUE(file.Find(path, "a", value));
+    EXPECT_EQ(value, "2");
 }
 
 TEST(SettingsFile, IsNotReadAgainWhileItStaysAsItIs)

@@ -38,6 +38,12 @@ TEST(TraceModules, StarIsEveryModule)
     EXPECT_FALSE(TraceModules("App*").Contain("Appl"));
 }
 
+TEST(TraceModules, BlanksOfAnyKindAroundANameDoNotCount)
+{
+    EXPECT_TRUE(TraceModules("Appl,\t Cmd\r\n").Contain("Cmd"));
+    EXPECT_TRUE(TraceModules("\tAppl\t,Cmd").Contain("Appl"));
+}
+
 TEST(TraceModules, ListWithoutNamesIsEmpty)
 {
     for (const char* list : {"", ",", " , ", ",,,"})
