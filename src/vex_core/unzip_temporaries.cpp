@@ -188,8 +188,11 @@ bool UnzipTemporaries::TryMakeList(const std::string& text)
     if (locked && os::FStat(m_list, status) != 0)
         fail(errno);
     if (!locked || status.st_nlink == 0) {
-        if (m_list >= 0)
+        if (m_list >= 0) {
+            // The sweep removes it too; the name is ours alone, so no other file can have it by now.
+            os::UnlinkAt(root, name.c_str());
             os::Close(m_list);
+        }
         m_list = -1;
         Live().Remove(id);
         m_id.clear();

@@ -555,6 +555,24 @@ TEST_F(UnzippingUnderFaults, EachFailingCallMakesItFalseWithOneLineAndLeavesOldO
     }
 }
 
+TEST_F(UnzippingUnderFaults, ListWhoseLockASweepTookFirstIsGivenUpForAnother)
+{
+    WriteFile(m_archive, Package().Build());
+    int locks = 0;
+    Plan plan;
+    plan.error = EAGAIN;
+    plan.look = [&](const os::Call& call) {
+        const bool first = std::string(call.name) == "fcntl" && ++locks == 1;
+        g_plan.failName = first ? "fcntl" : "";
+    };
+    const Observed observed(plan);
+    EXPECT_TRUE(Run());
+    EXPECT_EQ(2, locks);
+    ExpectAllNew();
+    EXPECT_FALSE(HasTemporaries(m_root));
+    EXPECT_TRUE(m_log->Lines().empty());
+}
+
 TEST_F(UnzippingUnderFaults, SystemWithoutAFlushOfFileSystemsFlushesEachFile)
 {
     WriteFile(m_archive, Package().Build());
