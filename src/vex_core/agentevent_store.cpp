@@ -411,13 +411,21 @@ void RetryKeptEvents()
         if (now < registry.nextRetry)
             return;
         registry.nextRetry = now + retryPause;
+        // Before the list is copied: a store that comes later says so itself.
+        g_somethingIsKept = false;
         for (const auto& item : registry.stores)
             stores.push_back(item.second);
     }
-    g_somethingIsKept = false;
-    for (const std::shared_ptr<EventStore>& store : stores)
-        if (!store->StoreKept())
-            g_somethingIsKept = true;
+    for (const std::shared_ptr<EventStore>& store : stores) {
+        try {
+            if (store->StoreKept())
+                continue;
+        } catch (const std::exception& failure) {
+            // Whoever committed something must not be told that it failed.
+            wxLogError("Agent events could not be stored now: %s", failure.what());
+        }
+        g_somethingIsKept = true;
+    }
 }
 
 void CloseEventStores()

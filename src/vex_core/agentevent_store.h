@@ -79,7 +79,8 @@ private:
 std::shared_ptr<EventStore> GetEventStore(const std::string& folder);
 
 /// For moments that show that the disk has room: tries again to store what this process keeps, at most every ten seconds. Costs
-/// one atomic load when it keeps nothing. Any thread that has no transaction open; may wait for a lock on the database.
+/// one atomic load when it keeps nothing. Any thread that has no transaction open on a database of events; may wait for a
+/// lock on one.
 void RetryKeptEvents();
 
 /// Tries once more to store what is kept and closes all stores.

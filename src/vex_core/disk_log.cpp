@@ -202,8 +202,11 @@ bool DiskLog::WriteBytes(const std::string& bytes)
 bool DiskLog::EndsInPiece()
 {
     for (int look = 0; IsInsideLine(m_size); ++look) {
-        if (look == looksAtPiece)
+        // One that is known is not waited for again: on a full disk each record would be.
+        if (look == looksAtPiece || m_size == m_pieceEnd) {
+            m_pieceEnd = m_size;
             return true;
+        }
         std::this_thread::sleep_for(betweenLooks);
         struct stat status = {};
         if (os::fileCalls.fstat(m_descriptor, &status) == 0)
@@ -313,6 +316,7 @@ bool DiskLog::Open()
     m_device = status.st_dev;
     m_inode = status.st_ino;
     m_cleanEnd = 0;
+    m_pieceEnd = 0;
     return true;
 }
 

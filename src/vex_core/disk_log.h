@@ -104,6 +104,7 @@ private:
     dev_t m_device = 0; // of the open file
     ino_t m_inode = 0;
     off_t m_size = 0; // of the open file, as last seen
+    off_t m_pieceEnd = 0; // where the file ended in a piece the last time; 0: it has not
     off_t m_cleanEnd = 0; // where the last record of ours ended, which nobody has to look at again
     bool m_troubled = false; // a failure has been reported and nothing was written since
     std::deque<Held> m_held;

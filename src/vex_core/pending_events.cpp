@@ -123,7 +123,7 @@ bool PendingEvents::Exists() const
 bool PendingEvents::HasEvents() const
 {
     struct stat status;
-    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && status.st_size > 0;
+    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
 }
 
 bool PendingEvents::Append(const EventRecord& record)

@@ -323,6 +323,15 @@ TEST_F(EventStoreTest, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEven
     EXPECT_EQ(CountOf(Stored(), "kept"), 1);
 }
 
+TEST_F(EventStoreTest, FolderInThePlaceOfThePendingFileHoldsNoEvents)
+{
+    EventStore store(m_work);
+    std::filesystem::create_directory(Pending());
+    ::Test::LogCapture log;
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_EQ(log.All(), "");
+}
+
 TEST_F(EventStoreTest, LineCutShortIsAnErrorLineAndTheOthersAreStored)
 {
     EventStore store(m_work);

@@ -453,6 +453,31 @@ TEST(DiskLog, RecordBehindAPieceOfAnotherProcessesBeginsOnANewLine)
     EXPECT_EQ("whole\npiece\none\ntwo\n", ReadFile(folder / "x.log"));
 }
 
+TEST(DiskLog, PieceThatIsKnownIsNotWaitedForAtEachRecordOfAFullDisk)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    Faults faults;
+    DiskLog log(muchMemory, error.Descriptor());
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    faults.WriteShortOnce(2);
+    faults.FailOnly(3, ENOSPC); // stat, the short write, its rest
+    log.Write("12345\n", false);
+    EXPECT_EQ("one\n12", ReadFile(folder / "x.log"));
+    faults.FailAll("write", ENOSPC);
+    static int looks;
+    looks = 0;
+    os::fileCalls.fstat = [](int descriptor, struct stat* status) {
+        ++looks;
+        return os::systemFileCalls.fstat(descriptor, status);
+    };
+    log.Write("two\n", false);
+    EXPECT_EQ(5, looks);
+    log.Write("three\n", false);
+    EXPECT_EQ(5, looks);
+}
+
 TEST(DiskLog, RecordThatIsStillBeingCopiedByAnotherProcessIsNoPiece)
 {
     const TempFolder folder;

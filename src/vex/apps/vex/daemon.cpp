@@ -92,8 +92,8 @@ void TakeStop(const siginfo_t* information)
 
 } // namespace
 
-// SIGTERM in the supervisor. Beyond s_stop it makes these system calls, all of them safe here: getpid, getpgrp, unlink, close (of
-// the lock), kill, _exit.
+// SIGTERM in the supervisor. Beyond s_stop it makes these system calls, all of them safe here: getpid, getpgrp, unlink, flock and
+// close (of the lock), kill, _exit.
 extern "C" void pass_signal(int, siginfo_t* information, void*)
 {
     const int error = errno;
