@@ -6,7 +6,8 @@
 // Goes into the background as the agent does (pid file /var/run/restarts.pid) and logs to FOLDER/restarts.log. Each child ends at once: most by SIGKILL, every
 // 50th with status 3, which runs the driver's script where there is one; child COUNT exits with 0. A line in REPORT for the time
 // after the first 100 restarts, when every pool has been filled once, and for the end: restarts, open descriptors, resident
-// KiB, private KiB.
+// KiB, and of these the KiB of memory that belongs to no file. What is private of that would depend on whether a child is there
+// to share it.
 
 #include "vex/apps/vex/daemon.h"
 #include "vex/apps/vex/os/process.h"
@@ -125,7 +126,7 @@ private:
         FILE* const report = std::fopen(m_report, "ae");
         if (!report)
             return;
-        std::fprintf(report, "%d %ld %ld %ld\n", m_child, descriptors, SumOfMemory("Rss"), SumOfMemory("Private_"));
+        std::fprintf(report, "%d %ld %ld %ld\n", m_child, descriptors, SumOfMemory("Rss"), SumOfMemory("Anonymous"));
         std::fclose(report);
     }
 

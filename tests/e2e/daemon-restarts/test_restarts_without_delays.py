@@ -50,7 +50,7 @@ def test_descriptors_and_memory_of_the_supervisor_are_the_same_after_all_restart
         if pid("restarts"):
             send_signal(pid("restarts"), signal.SIGTERM)
     warm, end = ([int(word) for word in line.split()] for line in report.read_text().splitlines())
-    print(f"restarts, descriptors, resident KiB, private KiB: {warm} {end}")
+    print(f"restarts, descriptors, resident KiB, anonymous KiB: {warm} {end}")
     assert end[0] == COUNT
     assert end[1] == warm[1]
     # One page a hundred restarts would already be far above that.
