@@ -57,6 +57,22 @@ struct WorkerList
         workers.erase(middle, workers.end());
         return ended;
     }
+
+    /// For when all have announced their end: one that has still some steps to go counts as running, and would meet the
+    /// destructors of the process if nobody joined it.
+    std::vector<std::shared_ptr<CWorker>> TakeAllButThisThread()
+    {
+        std::vector<std::shared_ptr<CWorker>> taken;
+        taken.swap(workers);
+        for (auto worker = taken.begin(); worker != taken.end(); ++worker) {
+            if (worker->get() == CRunnable::Current()) {
+                workers.push_back(std::move(*worker));
+                taken.erase(worker);
+                break;
+            }
+        }
+        return taken;
+    }
 };
 
 } // namespace
@@ -222,7 +238,7 @@ void StopAllWorkers(long timeoutMs)
     std::vector<std::shared_ptr<CWorker>> ended;
     {
         const std::lock_guard<std::mutex> lock(list.lock);
-        ended = list.TakeEnded();
+        ended = stragglers.empty() ? list.TakeAllButThisThread() : list.TakeEnded();
     }
     for (const std::shared_ptr<CWorker>& worker : ended)
         worker->join(-1);

@@ -9,8 +9,10 @@
 #include "vex_core/workers.h"
 
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -213,6 +215,20 @@ TEST_F(WorkerTest, TwoHundredBusyWorkersStartAndStop)
                   "return sum"),
               "20100");
     EXPECT_FALSE(VexCore::OtherRunnablesRun());
+}
+
+TEST_F(WorkerTest, StopOfTheProcessJoinsEveryWorkerThatEnds)
+{
+    Module("job", "return {run = function() dom0:Wait('never', 60) end}");
+    for (int round = 0; round < 200; ++round) {
+        std::vector<std::weak_ptr<VexCore::CWorker>> workers;
+        for (int i = 0; i < 8; ++i)
+            workers.push_back(VexCore::CWorker::Start(*dom, "job", VexCore::LuaValue()));
+        VexCore::StopAllWorkers(10000);
+        VexCore::ReopenWorkers();
+        for (const std::weak_ptr<VexCore::CWorker>& worker : workers)
+            ASSERT_TRUE(worker.expired()) << "left in round " << round;
+    }
 }
 
 TEST_F(WorkerTest, StragglerIsNamedAndTheProcessStillEnds)
