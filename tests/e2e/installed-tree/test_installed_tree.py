@@ -113,4 +113,4 @@ def test_the_readmes_first_application_runs_as_it_stands(tmp_path):
     result = subprocess.run(["bash", "-e", "-c", script], cwd=tmp_path, capture_output=True, text=True, timeout=60, check=False)
     assert (result.returncode, result.stderr) == (0, "")
     assert result.stdout == "init of hello\nmain, called with\tworld\n"
-    assert "that was it" in (tmp_path / "hello/work/hello.log").read_text()
+    assert "that was it" in (tmp_path / "hello" / "work" / "hello.log").read_text()
