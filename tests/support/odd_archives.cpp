@@ -56,6 +56,8 @@ void AddEndFaults(Broken& broken)
         b.after = kEndRecord;
     });
     broken.Add("OtherDisk", "several disks", [](ZipBuilder& b) { b.endDisk = 1; });
+    broken.Add("DirectoryOnAnotherDisk", "several disks", [](ZipBuilder& b) { b.endDirectoryDisk = 1; });
+    broken.Add("UnknownDisk", "several disks", [](ZipBuilder& b) { b.endDisk = 0xffff; });
     broken.Add("CountsOfTwoDisks", "several disks", [](ZipBuilder& b) { b.endCountHere = 3; });
     broken.Add("EntryOnAnotherDisk", "several disks", [](ZipBuilder& b) { b.items[1].central.disk = 1; });
     broken.Add("CountTooSmall", "count of its entries", [](ZipBuilder& b) { b.endCount = 3; });
@@ -77,6 +79,30 @@ void AddEndFaults(Broken& broken)
         b.zip64End = true;
         b.locatorDisks = 2;
     });
+    broken.Add("Zip64LocatorOnAnotherDisk", "several disks", [](ZipBuilder& b) {
+        b.zip64End = true;
+        b.locatorDisk = 1;
+    });
+    broken.Add("Zip64OnAnotherDisk", "several disks", [](ZipBuilder& b) {
+        b.zip64End = true;
+        b.end64Disk = 1;
+    });
+    broken.Add("Zip64DirectoryOnAnotherDisk", "several disks", [](ZipBuilder& b) {
+        b.zip64End = true;
+        b.end64DirectoryDisk = 1;
+    });
+    broken.Add("Zip64CountsOfTwoDisks", "several disks", [](ZipBuilder& b) {
+        b.zip64End = true;
+        b.end64CountHere = 3;
+    });
+    broken.Add("Zip64EndSignatureWrong", "ZIP64 end record is malformed", [](ZipBuilder& b) {
+        b.zip64End = true;
+        b.end64Signature = 0x06064b51;
+    });
+    broken.Add("Zip64DirectorySizeWrong", "directory is wrong", [](ZipBuilder& b) {
+        b.zip64End = true;
+        b.end64Size = 40;
+    });
     broken.Add("Zip64CountWrong", "count of its entries", [](ZipBuilder& b) {
         b.zip64End = true;
         b.end64Count = 3;
@@ -89,9 +115,17 @@ void AddEndFaults(Broken& broken)
         b.zip64End = true;
         b.end64Offset = ~std::uint64_t(0) - 10;
     });
-    broken.Add("EndRecordsDiffer", "two end records differ", [](ZipBuilder& b) {
+    broken.Add("EndRecordsDifferInTheirCounts", "two end records differ", [](ZipBuilder& b) {
         b.zip64End = true;
         b.endCount = 3;
+    });
+    broken.Add("EndRecordsDifferInTheirSizes", "two end records differ", [](ZipBuilder& b) {
+        b.zip64End = true;
+        b.endSize = 40;
+    });
+    broken.Add("EndRecordsDifferInTheirPlaces", "two end records differ", [](ZipBuilder& b) {
+        b.zip64End = true;
+        b.endOffset = 1;
     });
 }
 
@@ -110,6 +144,14 @@ void AddHeaderFaults(Broken& broken)
         i.WithDescriptor();
         i.local.size = 1;
     });
+    broken.AddItem("LocalPackedSizeWrongWithDescriptor", "sizes in the local header", [](ZipItem& i) {
+        i.WithDescriptor();
+        i.local.packedSize = 1;
+    });
+    broken.AddItem("LocalChecksumWrongWithDescriptor", "checksum in the local header", [](ZipItem& i) {
+        i.WithDescriptor();
+        i.local.crc32 = i.central.crc32 + 1;
+    });
     broken.AddItem("DescriptorChecksumDiffers", "descriptor differs", [](ZipItem& i) {
         i.WithDescriptor();
         ++i.descriptor[4];
@@ -117,6 +159,14 @@ void AddHeaderFaults(Broken& broken)
     broken.AddItem("DescriptorSizeDiffers", "descriptor differs", [](ZipItem& i) {
         i.WithDescriptor();
         ++i.descriptor[12];
+    });
+    broken.AddItem("DescriptorPackedSizeDiffers", "descriptor differs", [](ZipItem& i) {
+        i.WithDescriptor();
+        ++i.descriptor[8];
+    });
+    broken.AddItem("WideDescriptorPackedSizeDiffers", "descriptor differs", [](ZipItem& i) {
+        i.WithDescriptor(false, true);
+        i.descriptor[11] = 1;
     });
     broken.AddItem("WideDescriptorSizeDiffers", "descriptor differs", [](ZipItem& i) {
         i.WithDescriptor(false, true);
@@ -158,7 +208,7 @@ void AddHeaderFaults(Broken& broken)
         b.beforeDirectory = "hidden";
     });
     broken.Add("RecordThatTheDirectoryLacks", "gap", [](ZipBuilder& b) { b.items[2].inDirectory = false; });
-    broken.Add("TwoEntriesShareOneRecord", "", [](ZipBuilder& b) {
+    broken.Add("TwoEntriesShareOneRecord", "overlaps", [](ZipBuilder& b) {
         b.items.push_back(b.items[1]);
         b.items.back().inFile = false;
         b.items.back().central.offset = 34;
@@ -187,6 +237,21 @@ void AddHeaderFaults(Broken& broken)
     });
     broken.AddItem("Zip64FieldThatContradictsItsHeader", "ZIP64 field and its header differ", [](ZipItem& i) {
         i.central.extra = ExtraField(1, Bytes64(8) + Bytes64(i.central.packedSize));
+    });
+    broken.AddItem("LocalZip64PackedSizeDiffers", "sizes in the local header", [](ZipItem& i) {
+        i.WithLocalZip64();
+        ++i.local.extra[12];
+    });
+    broken.AddItem("LocalZip64FieldThatContradictsItsHeader", "ZIP64 field and its header differ", [](ZipItem& i) {
+        i.local.extra = ExtraField(1, Bytes64(i.local.size) + Bytes64(i.local.packedSize + 1));
+    });
+    broken.AddItem("Zip64PlaceOfAnotherEntry", "", [](ZipItem& i) {
+        i.central.extra = ExtraField(1, Bytes64(0));
+        i.central.offset = 0xffffffff;
+    });
+    broken.AddItem("Zip64DiskOfAnotherEntry", "several disks", [](ZipItem& i) {
+        i.central.extra = ExtraField(1, Bytes32(1));
+        i.central.disk = 0xffff;
     });
     broken.AddItem("LocalZip64SizeDiffers", "sizes in the local header", [](ZipItem& i) {
         i.WithLocalZip64();
@@ -228,12 +293,17 @@ void AddNameFaults(Broken& broken)
     for (int i = 0; i < 5; ++i)
         longPath += "/" + std::string(200, 'x');
     broken.AddName("NameTooLong", longPath, "1024");
+    broken.AddName("NameTooLongByOneByte", longPath.substr(0, 1025), "1024");
+    broken.Add("FolderNameTooLong", "1024", [&](ZipBuilder& b) { b.AddFolder(longPath.substr(0, 1025) + "/"); });
+    broken.Add("FolderNameWithLongComponent", "255", [](ZipBuilder& b) { b.AddFolder(std::string(256, 'x') + "/"); });
     std::string deep = "d";
     for (int i = 0; i < 32; ++i)
         deep += "/d";
     broken.AddName("NameTooDeep", deep, "32 levels");
+    broken.Add("FolderNameTooDeep", "32 levels", [&](ZipBuilder& b) { b.AddFolder(deep + "/"); });
     broken.AddName("NameTwice", "lib/a.lua", "twice");
-    broken.AddName("FolderTwice", "lib/", "");
+    broken.Add("FolderTwice", "twice", [](ZipBuilder& b) { b.AddFolder("lib/"); });
+    broken.Add("FolderNamedAsAFile", "twice", [](ZipBuilder& b) { b.AddFolder("lib/a.lua/"); });
     broken.AddName("FileNamedAsAFolder", "lib", "twice");
     broken.AddName("FileIsTheFolderOfAnother", "lib/a.lua/x", "folder of another entry");
     broken.Add("FileIsTheFarFolderOfAnother", "folder of another entry", [](ZipBuilder& b) {
@@ -263,18 +333,19 @@ void AddKindFaults(Broken& broken)
     broken.AddItem("SymbolicLinkInAnOldUnixField", "neither a regular file nor a folder", [](ZipItem& i) {
         i.local.extra = ExtraField(0x756e, Bytes32(0) + Bytes16(0120777) + Bytes32(0) + Bytes32(0) + "/etc");
     });
+    broken.AddItem("DeviceInAnOldUnixFieldOfTheDirectory", "neither a regular file nor a folder", [](ZipItem& i) {
+        i.central.extra = ExtraField(0x756e, Bytes32(0) + Bytes16(0060666) + Bytes32(0) + Bytes32(0));
+    });
+    broken.AddItem("OldUnixFieldTooShort", "extra field is malformed",
+                   [](ZipItem& i) { i.central.extra = ExtraField(0x756e, "12345"); });
     broken.AddItem("Encrypted", "encrypted", [](ZipItem& i) {
         i.Both([](ZipRecord& r) { r.flags |= 1; });
     });
-    broken.AddItem("StronglyEncrypted", "unknown flags", [](ZipItem& i) {
-        i.Both([](ZipRecord& r) { r.flags |= 1 << 6; });
-    });
-    broken.AddItem("PatchedData", "unknown flags", [](ZipItem& i) {
-        i.Both([](ZipRecord& r) { r.flags |= 1 << 5; });
-    });
-    broken.AddItem("HiddenDirectory", "unknown flags", [](ZipItem& i) {
-        i.Both([](ZipRecord& r) { r.flags |= 1 << 13; });
-    });
+    // 5 is patched data, 6 strong encryption, 13 a hidden directory; the others have no meaning that we know.
+    for (const unsigned bit : {4u, 5u, 6u, 7u, 8u, 9u, 10u, 12u, 13u, 14u, 15u})
+        broken.Add("FlagBit" + std::to_string(bit), "unknown flags", [&](ZipBuilder& b) {
+            b.items[1].local.flags = b.items[1].central.flags = std::uint16_t(1u << bit);
+        });
     for (const unsigned method : {1u, 6u, 9u, 12u, 14u, 93u, 95u, 99u})
         broken.Add("Method" + std::to_string(method), "neither stored nor deflate", [&](ZipBuilder& b) {
             b.items[1].local.method = b.items[1].central.method = std::uint16_t(method);
@@ -283,6 +354,9 @@ void AddKindFaults(Broken& broken)
     broken.Add("FolderWithHiddenPackedBytes", "folder with data", [](ZipBuilder& b) {
         ZipItem& item = b.Add("odd/", "", 8, 0040755);
         item.packed[0] = 'x';
+    });
+    broken.Add("FolderWithAChecksum", "folder with data", [](ZipBuilder& b) {
+        b.AddFolder("odd/").Both([](ZipRecord& r) { r.crc32 = 1; });
     });
     broken.Add("StoredWithTwoSizes", "two sizes differ", [](ZipBuilder& b) {
         b.items[2].Both([](ZipRecord& r) { ++r.size; });
@@ -342,6 +416,9 @@ std::vector<BrokenArchive> ArchivesWithBrokenData()
         item.packed.pop_back();
         bothPackedSizes(item);
     };
+    const auto mostThatDeflateCanExpand = [](ZipItem& item) { // more is refused before it is read
+        item.Both([](ZipRecord& r) { r.size = r.packedSize * 1032; });
+    };
     const auto rubbish = [](ZipItem& item) {
         for (char& c : item.packed)
             c = char(0xff);
@@ -354,6 +431,7 @@ std::vector<BrokenArchive> ArchivesWithBrokenData()
         add(size + "StoredWithWrongChecksum", "checksum differs", data, 0, wrongCrc);
         add(size + "DeflatedLongerThanSaid", "length differs", data, 8, tooLong);
         add(size + "DeflatedShorterThanSaid", "length differs", data, 8, tooShort);
+        add(size + "DeflatedFarShorterThanSaid", "length differs", data, 8, mostThatDeflateCanExpand);
         add(size + "BytesBehindTheStream", "bytes behind the end", data, 8, behind);
         add(size + "StreamCut", "damaged", data, 8, cut);
         add(size + "NoStream", "damaged", data, 8, rubbish);

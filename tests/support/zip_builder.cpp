@@ -138,14 +138,16 @@ std::string ZipBuilder::Build() const
     file += directory + betweenEnds;
     if (zip64End) {
         const std::uint64_t end64 = file.size();
-        file += Bytes32(0x06064b50) + Bytes64(end64RecordSize.value_or(44)) + Bytes16(3 << 8 | 45) + Bytes16(45)
-                + Bytes32(0) + Bytes32(0) + Bytes64(end64Count.value_or(count)) + Bytes64(end64Count.value_or(count))
-                + Bytes64(end64Size.value_or(directory.size())) + Bytes64(end64Offset.value_or(place));
-        file += Bytes32(0x07064b50) + Bytes32(0) + Bytes64(locatorPlace.value_or(end64))
+        file += Bytes32(end64Signature.value_or(0x06064b50)) + Bytes64(end64RecordSize.value_or(44))
+                + Bytes16(3 << 8 | 45) + Bytes16(45) + Bytes32(end64Disk.value_or(0))
+                + Bytes32(end64DirectoryDisk.value_or(0)) + Bytes64(end64CountHere.value_or(end64Count.value_or(count)))
+                + Bytes64(end64Count.value_or(count)) + Bytes64(end64Size.value_or(directory.size()))
+                + Bytes64(end64Offset.value_or(place));
+        file += Bytes32(0x07064b50) + Bytes32(locatorDisk.value_or(0)) + Bytes64(locatorPlace.value_or(end64))
                 + Bytes32(locatorDisks.value_or(1));
     }
     const std::uint16_t count16 = zip64End ? 0xffff : std::uint16_t(count);
-    file += Bytes32(0x06054b50) + Bytes16(endDisk.value_or(0)) + Bytes16(endDisk.value_or(0))
+    file += Bytes32(0x06054b50) + Bytes16(endDisk.value_or(0)) + Bytes16(endDirectoryDisk.value_or(0))
             + Bytes16(endCountHere.value_or(endCount.value_or(count16))) + Bytes16(endCount.value_or(count16))
             + Bytes32(endSize.value_or(zip64End ? 0xffffffff : std::uint32_t(directory.size())))
             + Bytes32(endOffset.value_or(zip64End ? 0xffffffff : std::uint32_t(place)))

@@ -66,11 +66,11 @@ public:
     bool zip64End = false;
     std::string betweenEnds; ///< between the directory and the end record
     // Of the end record; unset: right.
-    std::optional<std::uint16_t> endDisk, endCountHere, endCount, endCommentSize;
+    std::optional<std::uint16_t> endDisk, endDirectoryDisk, endCountHere, endCount, endCommentSize;
     std::optional<std::uint32_t> endSize, endOffset;
     // Of the ZIP64 end record and its locator.
-    std::optional<std::uint64_t> end64Size, end64Count, end64Offset, end64RecordSize, locatorPlace;
-    std::optional<std::uint32_t> locatorDisks;
+    std::optional<std::uint64_t> end64Size, end64CountHere, end64Count, end64Offset, end64RecordSize, locatorPlace;
+    std::optional<std::uint32_t> end64Signature, end64Disk, end64DirectoryDisk, locatorDisk, locatorDisks;
 
     /// `mode` is the whole Unix mode with its type.
     ZipItem& Add(std::string_view name, std::string_view data, std::uint16_t method = 8, unsigned mode = 0100644);

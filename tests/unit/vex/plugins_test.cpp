@@ -203,6 +203,18 @@ TEST_F(Plugins, OnlyFilesOfTheFolderItselfWithTheExactExtensionAreFound)
     EXPECT_THAT(Install(), ElementsAre(s_reading));
 }
 
+TEST_F(Plugins, OnlyMarkersOfTheFolderItselfWithTheExactExtensionAreFound)
+{
+    Put("x.VXU");
+    Put(".hidden.vxu");
+    Put("x.vxu.done");
+    Put("vxu");
+    fs::create_directory(Path("sub"));
+    Put("sub/inner.vxu");
+    fs::create_directory(Path("folder.vxu"));
+    EXPECT_THAT(Uninstall(), ElementsAre(s_reading));
+}
+
 TEST_F(Plugins, EmptyFolderWritesNoEventAndAsksForNoHeartbeat)
 {
     EXPECT_THAT(Install(), ElementsAre(s_reading));

@@ -520,6 +520,59 @@ TEST_F(EventStoreTest, ReadOnlyFileSystemMeansMemoryThenDatabase)
     EXPECT_EQ(status, 0);
 }
 
+TEST_F(EventStoreTest, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
+{
+    const int status = InOwnMounts([this] {
+        ::Test::LogCapture log;
+        CHILD_CHECK(EventStore(m_work).Write(SampleEvent("one")) == 1);
+        // Root may write whatever its mode says.
+        if (mount(Database().c_str(), Database().c_str(), nullptr, MS_BIND, nullptr) != 0
+            || mount(nullptr, Database().c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0)
+            return 77;
+        EventStore store(m_work);
+        CHILD_CHECK(store.Write(SampleEvent("two")) == 0);
+        CHILD_CHECK(store.InMemory() == 0);
+        CHILD_CHECK(::Test::ReadFile(Pending()).find("text=\"two\"") != std::string::npos);
+        CHILD_CHECK(log.Count(wxLOG_Error, "text=\"two\"") == 1);
+        CHILD_CHECK(log.Lines().size() == 1);
+        CHILD_CHECK(umount2(Database().c_str(), MNT_DETACH) == 0);
+        CHILD_CHECK(store.Write(SampleEvent("three")) == 3);
+        CHILD_CHECK(Stored() == "one;two;three;");
+        CHILD_CHECK(!Exists(Pending()));
+        return 0;
+    });
+    if (status < 0)
+        GTEST_SKIP() << "no mount namespace here";
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(EventStoreTest, EventIsFlushedWhateverTheSettingsAllowElsewhere)
+{
+    // The folder of a journal is opened to be flushed with it, and only then.
+    static int flushes;
+    static sqlite3_syscall_ptr real;
+    sqlite3_vfs* const vfs = sqlite3_vfs_find(nullptr);
+    real = vfs->xGetSystemCall(vfs, "openDirectory");
+    const auto count = [](const char* path, int* descriptor) {
+        ++flushes;
+        return reinterpret_cast<int (*)(const char*, int*)>(real)(path, descriptor);
+    };
+    vfs->xSetSystemCall(vfs, "openDirectory", reinterpret_cast<sqlite3_syscall_ptr>(+count));
+    SqliteSettings settings;
+    settings.synchronous = 0;
+    SetSqliteSettings(settings);
+    flushes = 0;
+    SqliteDb other;
+    const bool written = other.Open(m_folder / "other.db", 0) && other.Exec("CREATE TABLE t(a)");
+    const int flushesElsewhere = flushes;
+    const std::int64_t id = EventStore(m_work).Write(SampleEvent("event"));
+    vfs->xSetSystemCall(vfs, "openDirectory", real);
+    EXPECT_TRUE(written);
+    EXPECT_EQ(flushesElsewhere, 0);
+    EXPECT_EQ(id, 1);
+    EXPECT_GT(flushes, 0);
+}
+
 TEST_F(EventStoreTest, FullDiskMeansMemoryThenDatabaseOnce)
 {
     const int status = InOwnMounts([this] {

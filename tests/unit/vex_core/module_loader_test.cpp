@@ -2,6 +2,7 @@
 #include "vex_core/archive_index.h"
 #include "vex_core/chunk_cache.h"
 
+#include "support/odd_archives.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
 
@@ -325,6 +326,23 @@ TEST_F(ModuleLoaderTest, ADamagedArchiveIsOneWarningAndPassedOver)
     ASSERT_EQ(log.lines.size(), 1u);
     EXPECT_THAT(log.lines[0], StartsWith(std::to_string(wxLOG_Warning) + " Lua archive '" + bad + "' is passed over"));
     EXPECT_THAT(lua.Run("return require 'c'"), HasSubstr("\n\tno archive '" + bad + "' ("));
+}
+
+TEST_F(ModuleLoaderTest, NothingIsLoadedFromAnArchiveWhoseHeadersBreakAnyRule)
+{
+    // Most of the broken archives hold a sound lib/a.lua beside their fault.
+    const std::string path = AddBytes("odd.vxe", "");
+    Add("x.vxe", {{"lib/a.lua", "return 'from the sound archive'"}});
+    for (const ::Test::BrokenArchive& broken : ::Test::BrokenArchives()) {
+        SCOPED_TRACE(broken.story);
+        Replace(path, broken.bytes);
+        LogLines log;
+        EXPECT_EQ(Lua(dom).Run("return require 'lib.a'"), "from the sound archive");
+        ASSERT_EQ(log.lines.size(), 1u);
+        EXPECT_THAT(log.lines[0], HasSubstr(broken.reason));
+    }
+    Replace(path, ::Test::PlainPackage().Build());
+    EXPECT_EQ(Lua(dom).Run("return require 'lib.a'"), "1");
 }
 
 TEST_F(ModuleLoaderTest, ADamagedArchiveIsUsedOnceItIsWhole)

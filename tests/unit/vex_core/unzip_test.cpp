@@ -784,6 +784,71 @@ TEST_F(UnzippingUnderFaults, FileIsFlushedBeforeItIsRenamedAndItsFolderBeforeThe
     EXPECT_TRUE(changedFolders.empty());
 }
 
+namespace {
+
+bool IsTemporaryFile(const char* name)
+{
+    const std::string text = name ? name : "";
+    return text.rfind(".vex-unzip-", 0) == 0 && text.find(".list") == std::string::npos;
+}
+
+} // namespace
+
+TEST_F(UnzippingUnderFaults, TemporaryFilesLieBesideTheirFilesAndAreTheOwnersAloneUntilTheyAreWhole)
+{
+    WriteFile(m_archive, Package().Build());
+    MakeOld();
+    int written = 0;
+    int renames = 0;
+    Plan plan;
+    plan.look = [&](const os::Call& call) {
+        struct stat status = {};
+        const std::string name = call.name;
+        if (name == "write" && ::fstat(call.descriptor, &status) == 0) {
+            ++written;
+            EXPECT_EQ(status.st_mode & 07777u, 0600u);
+        } else if (name == "renameat") {
+            ++renames;
+            EXPECT_TRUE(IsTemporaryFile(call.path)) << call.path;
+            EXPECT_EQ(std::string(call.newPath).find('/'), std::string::npos) << call.newPath;
+            ASSERT_EQ(::fstatat(call.descriptor, call.path, &status, AT_SYMLINK_NOFOLLOW), 0);
+            EXPECT_EQ(status.st_mode & 07777u, std::string(call.newPath) == "tool" ? 0755u : 0644u) << "the mode comes first";
+        }
+    };
+    const mode_t before = ::umask(0);
+    const Observed observed(plan);
+    EXPECT_TRUE(Run());
+    ::umask(before);
+    EXPECT_EQ(written, 10) << "nine files and the list of where they may be";
+    EXPECT_EQ(renames, 9);
+}
+
+TEST_F(UnzippingUnderFaults, TemporaryFileIsNeverWhatAnotherPutUnderItsName)
+{
+    WriteFile(m_archive, Package().Build());
+    const std::string outside = m_folder / "outside";
+    const std::vector<std::function<void(int, const char*)>> makers = {
+        [&](int folder, const char* name) { ASSERT_EQ(::symlinkat(outside.c_str(), folder, name), 0); },
+        [&](int folder, const char* name) { ASSERT_EQ(::linkat(AT_FDCWD, outside.c_str(), folder, name, 0), 0); },
+    };
+    for (const auto& make : makers) {
+        MakeOld();
+        WriteFile(outside, "precious");
+        Plan plan;
+        plan.look = [&](const os::Call& call) {
+            if (std::string(call.name) == "openat" && IsTemporaryFile(call.path))
+                make(call.descriptor, call.path);
+        };
+        const Observed observed(plan);
+        EXPECT_FALSE(Run());
+        ASSERT_EQ(m_log->Lines().size(), 1u);
+        EXPECT_NE(m_log->Lines()[0].text.find("cannot make a temporary file: File exists"), std::string::npos)
+            << m_log->Lines()[0].text;
+        EXPECT_EQ(ReadFile(outside), "precious");
+        EXPECT_EQ(Content("lib/a.lua"), "old");
+    }
+}
+
 TEST_F(UnzippingUnderFaults, FolderOfARemovedFileIsFlushedBeforeTheEnd)
 {
     WriteFile(m_archive, Package().Build());

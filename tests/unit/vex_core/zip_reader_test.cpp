@@ -169,6 +169,9 @@ TEST_F(ZipReader, OneHundredThousandEntriesAreRead)
     limits.maxEntries = 99999;
     EXPECT_FALSE(Open(bytes, limits));
     EXPECT_NE(m_error.find("more than 99999 entries"), std::string::npos) << m_error;
+    builder.Add("one more", "x", 0);
+    EXPECT_FALSE(Open(builder.Build()));
+    EXPECT_NE(m_error.find("more than 100000 entries"), std::string::npos) << m_error;
 }
 
 TEST_F(ZipReader, LimitOfBytesCountsAllEntriesTogether)
