@@ -17,6 +17,28 @@ TEST_F(ErrorTest, ErrorOfLuaItselfPassesUntouched)
     EXPECT_EQ(Run("account:RaiseFromLua()"), "error: test:1: raised by Lua");
 }
 
+TEST_F(ErrorTest, ErrorOfLuaUnwindsTheFramesOnItsWay)
+{
+    // A Lua that was built as C jumps over them: destructors would not run, and locks and memory would stay taken.
+    static int alive;
+    alive = 0;
+    struct Counted
+    {
+        Counted() { ++alive; }
+        ~Counted() { --alive; }
+    };
+    lua_register(L, "deep", [](lua_State* state) -> int {
+        const Counted here;
+        const auto inner = [state] {
+            const Counted there;
+            return luaL_error(state, "raised with %d alive", alive);
+        };
+        return inner();
+    });
+    EXPECT_EQ(Run("deep()"), "error: test:1: raised with 2 alive");
+    EXPECT_EQ(alive, 0);
+}
+
 TEST_F(ErrorTest, LongExceptionTextIsCut)
 {
     struct Long : std::exception

@@ -6,9 +6,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <thread>
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <wx/log.h>
 
@@ -91,6 +94,29 @@ TEST_F(ArchiveIndexTest, AnotherFileAtThePathIsAnotherArchive)
     EXPECT_NE(second, first);
     EXPECT_EQ(second->DirectorySha256(), first->DirectorySha256()) << "the content is the same";
     EXPECT_EQ(first->DirectorySha256().size(), 64u);
+}
+
+TEST_F(ArchiveIndexTest, AFileOfTheSamePlaceAndLengthIsAnotherArchiveByItsTime)
+{
+    const std::string path = folder / "x.vxe";
+    ::Test::WriteFile(path, OneModule("return 1"));
+    const auto first = Current(path);
+    struct stat before = {};
+    ASSERT_EQ(::stat(path.c_str(), &before), 0);
+    ::Test::WriteFile(path, OneModule("return 2"));
+    struct timespec times[] = {before.st_atim, before.st_mtim};
+    ++times[1].tv_sec;
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    const auto second = Current(path);
+    EXPECT_NE(second, first);
+    EXPECT_NE(second->DirectorySha256(), first->DirectorySha256());
+
+    // A copy that keeps the time of the file's content leaves a trace in the other one, which nobody can set. The clock of
+    // the file system ticks some hundred times a second.
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    ::Test::WriteFile(path, OneModule("return 3"));
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    EXPECT_NE(Current(path), second);
 }
 
 TEST_F(ArchiveIndexTest, ManyThreadsOpenAnArchiveOnce)

@@ -17,10 +17,15 @@
 namespace {
 
 thread_local long t_allocations = 0;
+thread_local void (*t_atNextAllocation)() = nullptr; // called once
 
 void* Allocate(std::size_t size)
 {
     ++t_allocations;
+    if (void (*const call)() = t_atNextAllocation) {
+        t_atNextAllocation = nullptr;
+        call();
+    }
     if (void* const block = std::malloc(size ? size : 1))
         return block;
     throw std::bad_alloc();
@@ -99,6 +104,41 @@ TEST(DomAllocation, ReadTakesNothingBeyondTheTextThatItReturns)
     }
     view->Release();
     root->Release();
+}
+
+namespace {
+
+CDom* g_root = nullptr;
+std::future<int> g_others;
+bool g_othersWereThrough = false;
+
+int ReadInEveryWay()
+{
+    bool flag = false;
+    std::int64_t number = 0;
+    int found = g_root->Get("app.flag", flag) + g_root->Get("app.number", number) + g_root->Has("app.long");
+    found += int(g_root->GetWxString("app.long").length() + g_root->Keys("app").size());
+    return found + (g_root->GetObject("app.flag") == nullptr);
+}
+
+} // namespace
+
+TEST(DomAllocation, ReadsGoOnWhileAnotherReadIsHalfThrough)
+{
+    g_root = CDom::New(nullptr, nullptr, nullptr, false);
+    g_root->Set("app.long", std::string(1000, 'x'));
+    g_root->Set("app.flag", true);
+    g_root->SetWx("app.number", std::int64_t(1));
+    // A read holds the tree while it takes memory for the text that it returns.
+    t_atNextAllocation = [] {
+        g_others = std::async(std::launch::async, ReadInEveryWay);
+        g_othersWereThrough = g_others.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    };
+    EXPECT_EQ(g_root->Get("app.long").size(), 1000u);
+    EXPECT_EQ(t_atNextAllocation, nullptr);
+    EXPECT_EQ(g_others.get(), 1007);
+    EXPECT_TRUE(g_othersWereThrough);
+    g_root->Release();
 }
 
 #endif

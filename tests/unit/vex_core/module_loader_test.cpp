@@ -1,6 +1,7 @@
 #include "vex/core/dom.h"
 #include "vex_core/archive_index.h"
 #include "vex_core/chunk_cache.h"
+#include "vex_core/os/folder_calls.h"
 
 #include "support/odd_archives.h"
 #include "support/temp_folder.h"
@@ -9,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -324,7 +326,11 @@ TEST_F(ModuleLoaderTest, ADamagedArchiveIsOneWarningAndPassedOver)
     EXPECT_EQ(lua.Run("return require 'b'"), "b");
     EXPECT_EQ(other.Run("return require 'b'"), "b");
     ASSERT_EQ(log.lines.size(), 1u);
-    EXPECT_THAT(log.lines[0], StartsWith(std::to_string(wxLOG_Warning) + " Lua archive '" + bad + "' is passed over"));
+    std::string why;
+    ASSERT_FALSE(ZipArchive::Open(bad, ZipLimits(), why));
+    ASSERT_FALSE(why.empty());
+    EXPECT_EQ(log.lines[0],
+              std::to_string(wxLOG_Warning) + " Lua archive '" + bad + "' is passed over until it changes: " + why);
     EXPECT_THAT(lua.Run("return require 'c'"), HasSubstr("\n\tno archive '" + bad + "' ("));
 }
 
@@ -675,6 +681,20 @@ TEST_F(ModuleLoaderTest, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNext
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "from the cache");
 }
 
+TEST_F(ModuleLoaderTest, TheCacheFileIsNamedByTheArchivesDirectoryAndThisLuasFormat)
+{
+    UseCache();
+    const std::string path = Add("x.vxe", {{"a.lua", "return 1"}});
+    Lua(dom).Run("return require 'a'");
+    const std::string format = Dumped("return 1").substr(0, 18);
+    ASSERT_EQ(format.substr(0, 5), "\x1BLua\x52");
+    ASSERT_EQ(format.substr(7, 4), (std::string{sizeof(int), sizeof(std::size_t), 4, sizeof(lua_Number)}));
+    std::string error;
+    const std::string key =
+        ChunkCache::Key(ZipArchive::Open(path, ZipLimits(), error)->DirectorySha256(), LUA_RELEASE " " + format);
+    EXPECT_EQ(CacheFiles(), std::vector<std::string>{CacheFolder() + "/" + key + ".luac"});
+}
+
 TEST_F(ModuleLoaderTest, TheCacheFolderAndItsFilesAreOurs)
 {
     UseCache();
@@ -737,6 +757,46 @@ TEST_F(ModuleLoaderTest, AChangedSettingsFileCountsFromTheNextSecondOn)
         EXPECT_EQ(lua.Run("return require 'b'"), "2");
     }
     EXPECT_EQ(CacheFiles().size(), 1u);
+}
+
+namespace {
+
+std::vector<std::string> g_calls;
+
+int NoteCall(const os::Call& call)
+{
+    g_calls.push_back(call.name);
+    return 0;
+}
+
+/// All files below a folder with their sizes.
+std::vector<std::string> WholeTree(const std::string& folder)
+{
+    std::vector<std::string> files;
+    for (const auto& item : std::filesystem::recursive_directory_iterator(folder))
+        files.push_back(item.path().string() + (item.is_regular_file() ? " " + std::to_string(item.file_size()) : ""));
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+} // namespace
+
+TEST_F(ModuleLoaderTest, NoModuleIsUnpackedToDisk)
+{
+    UseCache();
+    dom->Set("app.lua.cache", false);
+    Add("x.vxe", {{"a.lua", "return 'a'"}, {"b/init.lua", "return 'b'"}, {"big.lua", "return #'" + std::string(200000, 'x') + "'"}});
+    Add("bin/vex_core/y.vxe", {{"c.lua", Dumped("return 'c'")}});
+    const std::vector<std::string> before = WholeTree(folder.Path());
+    ::setenv("TMPDIR", (folder / "work").c_str(), 1);
+    g_calls.clear();
+    os::SetCallObserver(NoteCall);
+    EXPECT_EQ(Lua(dom).Run("return require 'a' .. require 'b' .. require 'big' .. require 'c'"), "ab200000c");
+    os::SetCallObserver(nullptr);
+    ::unsetenv("TMPDIR");
+    EXPECT_THAT(g_calls, testing::Contains("pread"));
+    EXPECT_THAT(g_calls, testing::Each(testing::AnyOf("stat", "open", "fstat", "pread", "close")));
+    EXPECT_EQ(WholeTree(folder.Path()), before);
 }
 
 TEST_F(ModuleLoaderTest, AModuleOfAbsurdSizeIsAnErrorAndNoMemoryIsSpentOnIt)

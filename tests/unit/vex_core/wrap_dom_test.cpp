@@ -13,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <lua.hpp>
+#include <sqlite3.h>
 #include <wx/log.h>
 
 using VexCore::CDom;
@@ -98,6 +99,11 @@ TEST_F(WrapDomTest, GetIntGivesIntegerDefaultOrNil)
     EXPECT_EQ(Run("dom0:GetInt('beyond')"), "error: test.lua:1: the value of 'beyond' is beyond 2^53, where Lua numbers "
                                             "are not exact: read it with Get");
     EXPECT_EQ(Run("dom0:Get('beyond')"), "9007199254740993");
+    dom->SetWx("below", -(std::int64_t(1) << 53) - 1);
+    EXPECT_THAT(Run("dom0:GetInt('below')"), HasSubstr("the value of 'below' is beyond 2^53"));
+    EXPECT_EQ(Run("dom0:Get('below')"), "-9007199254740993");
+    dom->SetWx("lowest", -(std::int64_t(1) << 53));
+    EXPECT_EQ(Run("dom0:GetInt('lowest') == -2^53"), "true");
     EXPECT_THAT(Run("dom0:GetInt('none', 'x')"), HasSubstr("#2 to 'SLB.Dom:GetInt' (integer expected, got string)"));
 }
 
@@ -158,6 +164,25 @@ TEST_F(WrapDomTest, EveryMethodRefusesAWrongReceiver)
                   "local ok, message = pcall(method, {}) "
                   "assert(not ok and message:find(\"'SLB.Dom:\" .. name .. \"'\", 1, true), name) n = n + 1 end return n end)()"),
               "16");
+}
+
+TEST_F(WrapDomTest, EveryMethodWithArgumentsRefusesAWrongFirstOne)
+{
+    EXPECT_EQ(Run("(function() local n = 0 for name, method in pairs(getmetatable(dom0).__index) do "
+                  "if name ~= 'TimeMillis' then local ok, message = pcall(method, dom0, print) "
+                  "local start = \"bad argument #1 to 'SLB.Dom:\" .. name .. \"' (\" "
+                  "assert(not ok and message:find(start, 1, true) and message:find(' expected, got function)', 1, true), "
+                  "name .. ': ' .. tostring(message)) n = n + 1 end end return n end)()"),
+              "15");
+}
+
+TEST_F(WrapDomTest, WrongFurtherArgumentsAreRefused)
+{
+    EXPECT_THAT(Run("dom0:GetBool('k', 'x')"), HasSubstr("#2 to 'SLB.Dom:GetBool' (boolean expected, got string)"));
+    EXPECT_THAT(Run("dom0:Trace('mine', {})"), HasSubstr("#2 to 'SLB.Dom:Trace' (string expected, got table)"));
+    EXPECT_THAT(Run("dom0:Log('info', {})"), HasSubstr("#2 to 'SLB.Dom:Log' (string expected, got table)"));
+    EXPECT_THAT(Run("dom0:StartThread('m', print)"), HasSubstr("#2 to 'SLB.Dom:StartThread' (nil, boolean, number, string or a "
+                                                              "table of them expected, got function)"));
 }
 
 TEST_F(WrapDomTest, CollectingEveryReferenceLeavesTheDomain)
@@ -240,6 +265,37 @@ TEST_F(WrapDomTest, AgentEventReturnsItsId)
 {
     EXPECT_EQ(Run("dom0:AgentEvent{number = 7001, severity = 2, text = 'first'} > 0"), "true");
     EXPECT_EQ(Run("dom0:AgentEvent{number = 7002} > dom0:AgentEvent{number = 7001, severity = 99, text = ''}"), "false");
+}
+
+TEST_F(WrapDomTest, AgentEventStoresItsFields)
+{
+    const std::int64_t begin = VexCore::TimeNowMillis();
+    const std::string id = Run("dom0:AgentEvent{number = 7003, severity = 99, text = 'n\\195\\164h'}");
+    const std::string plain = Run("dom0:AgentEvent{number = 7004}");
+    const auto row = [this](const std::string& wanted) {
+        sqlite3* database = nullptr;
+        std::string text;
+        EXPECT_EQ(sqlite3_open((folder / "events.db").c_str(), &database), SQLITE_OK);
+        const std::string query = "SELECT number || ' ' || severity || ' ' || text || '|' || time_ms || ' ' || time_s "
+                                  "FROM agent_event WHERE id = " + wanted;
+        EXPECT_EQ(sqlite3_exec(
+                      database, query.c_str(),
+                      [](void* out, int, char** values, char**) {
+                          *static_cast<std::string*>(out) = values[0] ? values[0] : "NULL";
+                          return 0;
+                      },
+                      &text, nullptr),
+                  SQLITE_OK);
+        sqlite3_close(database);
+        return text;
+    };
+    const std::string stored = row(id);
+    EXPECT_THAT(stored, StartsWith("7003 7 n\xC3\xA4h|")) << "beyond the severities is the last of them";
+    const std::int64_t millis = std::stoll(stored.substr(stored.find('|') + 1));
+    EXPECT_GE(millis, begin);
+    EXPECT_LE(millis, VexCore::TimeNowMillis());
+    EXPECT_THAT(stored, EndsWith(" " + std::to_string(millis / 1000)));
+    EXPECT_THAT(row(plain), StartsWith("7004 5 |"));
 }
 
 TEST_F(WrapDomTest, AgentEventChecksItsFields)
