@@ -17,9 +17,12 @@ import xml.etree.ElementTree
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 OUT = os.path.join(ROOT, "build", "test")
 PYTHON = "/usr/bin/python3" if os.path.exists("/usr/bin/python3") else sys.executable
+LEAKS_OF_OTHERS = os.path.join(ROOT, "tests", "support", "lsan.supp")
+# Options end at a blank or colon, a quoted value at its quote, which nothing protects.
+QUOTE = '"' if "'" in LEAKS_OF_OTHERS else "'"
 SANITIZER_OPTIONS = {
     "ASAN_OPTIONS": "detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:abort_on_error=0",
-    "LSAN_OPTIONS": f"suppressions={ROOT}/tests/support/lsan.supp:print_suppressions=0",
+    "LSAN_OPTIONS": f"suppressions={QUOTE}{LEAKS_OF_OTHERS}{QUOTE}:print_suppressions=0",
     "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1",
     # wx, Lua and SQLite are not instrumented: what they do with memory is not judged, what they do with locks counts. wx makes
     # its own locks behind a flag, for instance, that the sanitizer does not see.

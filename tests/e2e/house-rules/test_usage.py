@@ -1,6 +1,9 @@
-"""What the commands of the tree say to somebody who calls them wrongly: in one look, and before anything is built."""
+"""What the commands of the tree say to somebody who calls them wrongly: in one look, and before anything is built. And how they
+do where the tree lies in a folder with a name like any other's, and what they leave behind."""
+import importlib.util
 import os
 import pty
+import shutil
 import subprocess
 
 import pytest
@@ -46,3 +49,39 @@ def test_the_tests_colour_their_words_on_a_terminal_only():
     os.close(slave)
     assert b"\x1b[32mok\x1b[0m" in os.read(master, 10000)
     os.close(master)
+
+
+@pytest.mark.skipif(not shutil.which("clang"), reason="clang is not installed")
+@pytest.mark.parametrize("name", ["a blank, and a: colon", "somebody's", 'called "so"'])
+def test_the_sanitizers_understand_their_options_wherever_the_tree_lies(tmp_path, name):
+    tools, support = tmp_path / name / "tools", tmp_path / name / "tests" / "support"
+    tools.mkdir(parents=True)
+    support.mkdir(parents=True)
+    shutil.copy(os.path.join(ROOT, "tools", "run_tests.py"), tools)
+    (support / "lsan.supp").write_text("leak:forget\n")
+    described = importlib.util.spec_from_file_location("run_tests_elsewhere", tools / "run_tests.py")
+    run_tests = importlib.util.module_from_spec(described)
+    described.loader.exec_module(run_tests)
+    program = tmp_path / "forgetful.c"
+    program.write_text("void *malloc(unsigned long); void *kept; __attribute__((noinline)) void forget(void) { kept = malloc(9); }\n"
+                       "int main(void) { forget(); kept = 0; return 0; }\n")
+    subprocess.run(["clang", "-g", "-fsanitize=address", str(program), "-o", str(tmp_path / "forgetful")], check=True)
+    result = subprocess.run([str(tmp_path / "forgetful")], env=dict(os.environ, **run_tests.SANITIZER_OPTIONS),
+                            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60, check=False)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+
+
+def test_a_build_leaves_no_temporary_file_behind(tmp_path):
+    tree, commands, temporary = tmp_path / "tree", tmp_path / "commands", tmp_path / "temporary"
+    for folder in (tree / "tools", commands, temporary):
+        folder.mkdir(parents=True)
+    shutil.copy(os.path.join(ROOT, "tools", "build"), tree / "tools")
+    (commands / "cmake").write_text("#!/bin/sh\necho '  \"release\" - what is shipped'\n")
+    (commands / "ninja").write_text("#!/bin/sh\necho built\n")
+    for command in commands.iterdir():
+        command.chmod(0o755)
+    result = call(tree / "tools" / "build", "release", capture_output=True, text=True,
+                  env=dict(os.environ, PATH=f"{commands}:{os.environ['PATH']}", TMPDIR=str(temporary)))
+    assert (result.returncode, result.stderr) == (0, "")
+    assert result.stdout == "build: configuring release\nbuild: release\nbuilt\n"
+    assert os.listdir(temporary) == []
