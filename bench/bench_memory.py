@@ -4,7 +4,8 @@
 Starts the bundled application, once as it is and once with both example plugins, waits for the first beat and until it is
 still, and prints the proportional set size (what is shared is divided among those who share it) and the private memory of
 supervisor and working child, from /proc. The yardstick in the same run is an empty program that has initialised the same
-framework. Claim: the supervisor's private memory is at most 2 MiB above the yardstick's.
+framework. Claim: the supervisor's memory that belongs to no file is at most 2 MiB above the yardstick's. (Of what it took before
+it forked nothing is private while its child lives.)
 """
 import ctypes
 import glob
@@ -26,10 +27,10 @@ def send_signal(pid, number):
 
 
 def memory(pid):
-    """(proportional set size, private memory) in KiB."""
+    """(proportional set size, private memory, memory that belongs to no file) in KiB."""
     with open(f"/proc/{pid}/smaps_rollup") as file:
         sizes = {name: int(size) for name, size in re.findall(r"^(\w+):\s+(\d+) kB$", file.read(), re.M)}
-    return sizes["Pss"], sizes["Private_Clean"] + sizes["Private_Dirty"]
+    return sizes["Pss"], sizes["Private_Clean"] + sizes["Private_Dirty"], sizes["Anonymous"]
 
 
 def wait_for(condition, what):
@@ -58,7 +59,7 @@ def threads(pid):
 
 
 def measure(stage, packages, yardstick, plugins):
-    """Prints and returns the supervisor's private memory."""
+    """Prints the memory of all; returns the supervisor's that belongs to no file."""
     with tempfile.TemporaryDirectory() as folder:
         tree = os.path.join(folder, "tree")
         shutil.copytree(stage, tree, ignore=shutil.ignore_patterns("work"))
@@ -76,12 +77,13 @@ def measure(stage, packages, yardstick, plugins):
         found = {}
         for name, pid in (("supervisor", supervisor), ("child", child), ("yardstick", yardstick)):
             found[name] = memory(pid)
-            print(f"  {name}: {found[name][0]} KiB proportional, {found[name][1]} KiB private, {threads(pid)} threads")
+            print(f"  {name}: {found[name][0]} KiB proportional, {found[name][1]} KiB private, {found[name][2]} KiB of no file, "
+                  f"{threads(pid)} threads")
         send_signal(supervisor, signal.SIGTERM)
         wait_for(lambda: not os.path.exists(f"/proc/{supervisor}"), "the end")
         both = found["supervisor"][0] + found["child"][0]
         print(f"  both processes: {both} KiB proportional, {both / found['yardstick'][0]:.2f} x the yardstick")
-        return found["supervisor"][1]
+        return found["supervisor"][2]
 
 
 def main():
@@ -95,9 +97,9 @@ def main():
     yardstick = subprocess.Popen([build + "/tests/emptywx"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
     yardstick.stdout.readline()
     try:
-        privates = [measure(stage, packages, yardstick.pid, plugins) for plugins in (False, True)]
-        above = max(privates) - memory(yardstick.pid)[1]
-        print(f"private memory of the supervisor above the yardstick: {above} KiB (claim: at most {CLAIM_KIB})")
+        sizes = [measure(stage, packages, yardstick.pid, plugins) for plugins in (False, True)]
+        above = max(sizes) - memory(yardstick.pid)[2]
+        print(f"memory of no file of the supervisor above the yardstick: {above} KiB (claim: at most {CLAIM_KIB})")
     finally:
         yardstick.kill()
         yardstick.wait()
