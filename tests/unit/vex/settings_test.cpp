@@ -692,6 +692,26 @@ TEST_F(Settings, AConfigurationFileOfAHundredThousandLinesIsReadAndOneMoreIsTooM
     }
 }
 
+TEST_F(Settings, ALineEndOfTwoCharactersIsOneInEveryCharacterSet)
+{
+    const std::string text = "Trace=X\r\n" + [] {
+        std::string lines;
+        for (int line = 1; line < 60000; ++line)
+            lines += "\r\n";
+        return lines;
+    }();
+    std::string little = "\xFF\xFE", big = "\xFE\xFF";
+    for (const char c : text) {
+        little += {c, '\0'};
+        big += {'\0', c};
+    }
+    for (const std::string& bytes : {text, little, big}) {
+        StartWithFile(bytes);
+        EXPECT_EQ(Get("app.trace+"), "X");
+        EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), IsEmpty());
+    }
+}
+
 TEST_F(Settings, RubbishOfAnyLengthIsTenLinesAndACount)
 {
     std::string rubbish;

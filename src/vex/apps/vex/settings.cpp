@@ -130,7 +130,8 @@ std::size_t CountLines(const wxString& file)
         const std::size_t count = stream.Read(block.data(), block.size());
         for (std::size_t i = 0; i < count; ++i) {
             lines += block[i] == '\r' || (block[i] == '\n' && previous != '\r');
-            previous = block[i];
+            if (block[i] != '\0') // characters of two or four bytes have them between the two
+                previous = block[i];
         }
         if (count < block.size())
             break;
