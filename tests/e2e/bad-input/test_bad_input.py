@@ -1,6 +1,7 @@
 """Bad input of every kind: reported where it should be, silent where it should be, and never a crash, a hang or a refusal."""
 import os
 import re
+import shutil
 
 import pytest
 
@@ -118,6 +119,20 @@ def test_database_settings_are_copied_when_they_are_integers_of_the_top_level(tr
                             b"[group]\nsqlite.config.busy_timeout=9\n")
     found = {key: value for key, value in settings(result).items() if "sqlite" in key.lower()}
     assert found == {"sqlite.configX": "5", "sqlite.config.mmap_size": "1048576"}
+
+
+def test_the_group_of_settings_counts_and_none_of_it_is_copied_to_the_domain(tree):
+    tree.app("probe", SHOW.replace("main = function()", "main = function() require('vex.json')"))
+    cache = os.path.join(tree.work, "cache")
+    assert tree.run(name="probe").status == 0
+    assert os.listdir(cache)
+    shutil.rmtree(cache)
+    with open(os.path.join(tree.work, "probe.ini"), "w") as file:
+        file.write("[settings]\napp.lua.cache=false\napp.log.count=2\nvex.HeartbeatInterval=9\nsqlite.config.cache_size=9\n")
+    result = tree.run(name="probe")
+    assert result.status == 0
+    assert not os.path.exists(cache)
+    assert not set(settings(result)) & {"app.lua.cache", "app.log.count", "vex.HeartbeatInterval", "sqlite.config.cache_size"}
 
 
 def test_the_trace_list_of_the_ini_replaces_the_default(tree):

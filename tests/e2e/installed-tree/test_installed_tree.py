@@ -3,10 +3,13 @@ import os
 import shlex
 import shutil
 import subprocess
+import zipfile
 
 import pytest
 
-from conftest import ROOT, STAGE
+from conftest import BUILD, ROOT, STAGE
+
+FILES = {"vx_agent", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe"}
 
 APP = """
 local M = {}
@@ -17,9 +20,40 @@ return M
 """
 
 
-def test_the_tree_has_the_documented_files():
-    for name in ("vx_agent", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe"):
-        assert os.path.isfile(os.path.join(STAGE, name)), name
+def files_below(folder):
+    return {os.path.relpath(os.path.join(inner, name), folder) for inner, _, names in os.walk(folder) for name in names}
+
+
+def test_the_tree_has_the_documented_files(tree):
+    assert files_below(tree.path) == FILES
+
+
+def test_an_installation_without_further_words_makes_that_tree_in_opt_and_it_runs(tree, tmp_path):
+    subprocess.run(["cmake", "--install", BUILD], env=dict(os.environ, DESTDIR=str(tmp_path / "root")), check=True,
+                   capture_output=True)
+    assert files_below(tmp_path / "root") == {"opt/Halvorn/vx_agent/" + name for name in FILES}
+    installed = tmp_path / "root/opt/Halvorn/vx_agent"
+    result = tree.run(executable=str(installed / "vx_agent"))
+    assert (result.status, result.err) == (0, "")
+    assert (installed / "work/vx_agent.log").is_file()
+
+
+def test_each_archive_holds_the_modules_that_it_is_for():
+    def names(archive):
+        with zipfile.ZipFile(os.path.join(STAGE, "vex_core", archive)) as file:
+            return {name for name in file.namelist() if not name.endswith("/")}
+    common, application = names("vex.vxe"), names("vx_agent.vxe")
+    assert {"luaunit.lua", "tests/vexunit.lua", "vex/json.lua"} <= common
+    assert {name.split("/")[0] for name in common} == {"luaunit.lua", "tests", "vex"}
+    assert "vx_agent/init.lua" in application
+    assert {name.split("/")[0] for name in application} == {"vx_agent"}
+
+
+def test_the_test_library_of_the_distribution_is_packed_and_not_kept_here():
+    listed = subprocess.run(["git", "-C", ROOT, "ls-files"], capture_output=True, text=True, check=False)
+    if listed.returncode != 0:
+        pytest.skip("not under version control here")
+    assert not [name for name in listed.stdout.splitlines() if os.path.basename(name) == "luaunit.lua"]
 
 
 @pytest.mark.parametrize("name", ["vx_agent", "lib/vex_core.so", "lib/libSLB3.so"])
