@@ -1,12 +1,16 @@
-// Runs a program and lets one chosen system call of it fail.
+// Runs a program and lets one chosen system call of it fail, or ends the program before it.
 //
 //   faultat REPORT PATH N ERRNO PROGRAM [ARGUMENT...]
+//   faultat REPORT PATH N kill PROGRAM [ARGUMENT...]
 //
 // Counted are the calls of the thread that opens PATH, from that call to the one that renames or removes PATH, but for those
 // that cannot fail, ask for memory, wait for other threads or use a pipe (with which a sanitizer asks what memory there is).
 // The N-th is not made and fails with ERRNO; with N 0 none fails. REPORT gets a line for each counted call: its name (or number)
 // and the file that it is about, "-" for none; FOLDER/./PATH is a path that was given relative to an open folder. The exit
 // status is the program's, or 128 and the number of the signal that ended it.
+//
+// With "kill" counted are, from the same call to the last of that thread, those that change something on disk; the N-th is not
+// made, because the program is killed.
 //
 // A tracer that counts the calls of each thread for itself would not do: the main thread's N-th would fail as well.
 
@@ -22,6 +26,7 @@
 #include <string>
 
 #include <elf.h>
+#include <fcntl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -87,6 +92,7 @@ const CallName s_calls[] = {
     {SYS_lstat, "lstat", EKind::Path},
     {SYS_access, "access", EKind::Path},
     {SYS_mkdir, "mkdir", EKind::Path},
+    {SYS_chmod, "chmod", EKind::Path},
     {SYS_rename, "rename", EKind::Path, true},
     {SYS_unlink, "unlink", EKind::Path, true},
     {SYS_pipe, "pipe", EKind::Ignored},
@@ -112,6 +118,11 @@ const CallName s_calls[] = {
     {SYS_syncfs, "syncfs", EKind::Descriptor},
     {SYS_sync_file_range, "sync_file_range", EKind::Descriptor},
     {SYS_fchmod, "fchmod", EKind::Descriptor},
+    {SYS_fchmodat, "fchmodat", EKind::PathAt},
+    {SYS_pwritev, "pwritev", EKind::Descriptor},
+    {SYS_writev, "writev", EKind::Descriptor},
+    {SYS_symlinkat, "symlinkat", EKind::Plain},
+    {SYS_sync, "sync", EKind::Plain},
     {SYS_ftruncate, "ftruncate", EKind::Descriptor},
     {SYS_fallocate, "fallocate", EKind::Descriptor},
     {SYS_fcntl, "fcntl", EKind::Descriptor},
@@ -132,6 +143,19 @@ const CallName s_calls[] = {
     {SYS_rt_sigprocmask, "rt_sigprocmask", EKind::Ignored},
     {SYS_restart_syscall, "restart_syscall", EKind::Ignored},
 };
+
+// Whether the call makes, fills, flushes, renames or removes anything.
+bool ChangesSomething(const CallName& call, const std::uint64_t (&arguments)[6])
+{
+    const std::string name = call.name ? call.name : "";
+    if (name == "open" || name == "openat")
+        return (arguments[name == "open" ? 1 : 2] & O_CREAT) != 0;
+    for (const char* const start : {"write", "pwrite", "rename", "unlink", "mkdir", "link", "symlink", "fsync", "fdatasync",
+                                    "syncfs", "sync", "chmod", "fchmod", "ftruncate", "fallocate"})
+        if (name.rfind(start, 0) == 0)
+            return true;
+    return false;
+}
 
 CallName NameOf(long number)
 {
@@ -186,13 +210,14 @@ std::string About(pid_t thread, EKind kind, const std::uint64_t (&arguments)[6])
 class CTracer
 {
 public:
-    CTracer(FILE* report, std::string path, long faulty, int error)
-        : m_report(report), m_path(std::move(path)), m_faulty(faulty), m_error(error)
+    CTracer(FILE* report, std::string path, long faulty, int error, bool kills)
+        : m_report(report), m_path(std::move(path)), m_faulty(faulty), m_error(error), m_kills(kills)
     {
     }
 
     int Run(pid_t first)
     {
+        m_process = first;
         VexCore::SendSignal(first, SIGCONT);
         int result = 1;
         for (;;) {
@@ -247,6 +272,8 @@ private:
         if (m_thread == 0 && std::strncmp(call.name, "open", 4) != 0)
             return; // who only looks at it
         m_thread = thread;
+        if (m_kills && !ChangesSomething(call, info.entry.args))
+            return;
         if (call.name)
             std::fprintf(m_report, "%s %s\n", call.name, about.c_str());
         else
@@ -255,8 +282,10 @@ private:
         if (++m_count == m_faulty) {
             SetNumber(thread, -1);
             m_isFailing = true;
+            if (m_kills)
+                VexCore::SendSignal(m_process, SIGKILL);
         }
-        m_isLast = call.ends && about == m_path;
+        m_isLast = !m_kills && call.ends && about == m_path;
     }
 
     void OnExit(pid_t thread)
@@ -271,6 +300,8 @@ private:
     std::string m_path;
     long m_faulty;
     int m_error;
+    bool m_kills;
+    pid_t m_process = 0;
     pid_t m_thread = 0; // the one whose calls count, once it is known
     long m_count = 0;
     bool m_isFailing = false; // the call that this thread is in
@@ -283,7 +314,7 @@ private:
 int main(int argc, char** argv)
 {
     if (argc < 6) {
-        std::fprintf(stderr, "usage: faultat REPORT PATH N ERRNO PROGRAM [ARGUMENT...]\n");
+        std::fprintf(stderr, "usage: faultat REPORT PATH N ERRNO|kill PROGRAM [ARGUMENT...]\n");
         return 2;
     }
     FILE* const report = std::fopen(argv[1], "we");
@@ -296,7 +327,8 @@ int main(int argc, char** argv)
         std::perror("faultat");
         return 1;
     }
-    const int result = CTracer(report, argv[2], std::atol(argv[3]), std::atoi(argv[4])).Run(child);
+    const bool kills = std::strcmp(argv[4], "kill") == 0;
+    const int result = CTracer(report, argv[2], std::atol(argv[3]), kills ? 0 : std::atoi(argv[4]), kills).Run(child);
     std::fclose(report);
     return result;
 }

@@ -823,6 +823,27 @@ TEST_F(UnzippingUnderFaults, TemporaryFilesLieBesideTheirFilesAndAreTheOwnersAlo
     EXPECT_EQ(renames, 9);
 }
 
+TEST_F(UnzippingUnderFaults, ListOfTemporaryFilesIsOnStableStorageBeforeTheFirstOfThem)
+{
+    WriteFile(m_archive, Package().Build());
+    MakeOld();
+    std::vector<std::string> calls; // up to the first temporary file
+    bool over = false;
+    Plan plan;
+    plan.look = [&](const os::Call& call) {
+        const std::string name = call.name;
+        over = over || (name == "openat" && IsTemporaryFile(call.path));
+        if (!over && (name == "write" || name == "fsync")) {
+            const std::string file = fs::read_symlink("/proc/self/fd/" + std::to_string(call.descriptor)).filename().string();
+            calls.push_back(name + " " + (file.rfind(".vex-unzip-", 0) == 0 ? "list" : file));
+        }
+    };
+    const Observed observed(plan);
+    EXPECT_TRUE(Run());
+    EXPECT_TRUE(over);
+    EXPECT_EQ(calls, (std::vector<std::string>{"write list", "fsync list", "fsync root"}));
+}
+
 TEST_F(UnzippingUnderFaults, TemporaryFileIsNeverWhatAnotherPutUnderItsName)
 {
     WriteFile(m_archive, Package().Build());
