@@ -32,6 +32,13 @@ inline wxString FromForeignBytes(std::string_view bytes)
     return FromForeignBytes(bytes.data(), bytes.size());
 }
 
+/// A file name's bytes as text that leads back to them when the framework takes it for a file name.
+inline wxString FromSystemBytes(const std::string& bytes)
+{
+    const wxString text(bytes.data(), *wxConvFileName, bytes.size());
+    return ToSystemBytes(text) == bytes ? text : FromForeignBytes(bytes);
+}
+
 /// For a log line: the framework's formatting ends a text at its first NUL, so NULs are written as the log writes control
 /// characters.
 inline wxString TextWithoutNul(std::string_view bytes)

@@ -135,8 +135,9 @@ private:
         shown.SetName(name, wxPATH_UNIX);
         shown.SetSize(wxFileOffset(entry.size));
         shown.SetMethod(entry.method);
-        // The last slash of a folder stays, so that nothing but a folder can be meant.
-        const wxString destination = m_shownFolder + "/" + name;
+        // The last slash of a folder stays, so that nothing but a folder can be meant. The name on disk is the archive's bytes,
+        // in every locale.
+        const wxString destination = m_shownFolder + "/" + FromSystemBytes(entry.name);
         return m_callback(m_context, &shown, &destination);
     }
 

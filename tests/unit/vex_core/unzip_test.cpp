@@ -396,6 +396,29 @@ TEST_F(Unzipping, RemovalIsShownEveryEntryAndTakesFilesButNoFolder)
     EXPECT_TRUE(m_log->Lines().empty());
 }
 
+TEST_F(Unzipping, DestinationLeadsToTheFileInEveryCharacterSetOfTheSystem)
+{
+    ZipBuilder builder;
+    for (const char* name : {"plain", "Gr\xc3\xbc\xc3\x9f\x65", "lib/\xe6\x97\xa5\xe6\x9c\xac.txt"})
+        builder.Add(name, "x");
+    wxMBConv* const before = wxConvFileName;
+    for (wxMBConv* const set : {static_cast<wxMBConv*>(&wxConvUTF8), static_cast<wxMBConv*>(&wxConvISO8859_1)}) {
+        wxConvFileName = set;
+        EXPECT_TRUE(Run(builder));
+        EXPECT_EQ(m_seen[1].name, "Gr\xc3\xbc\xc3\x9f\x65") << "what is shown is the text";
+        EXPECT_TRUE(fs::exists(m_root + "/Gr\xc3\xbc\xc3\x9f\x65"));
+        EXPECT_TRUE(fs::exists(m_root + "/lib/\xe6\x97\xa5\xe6\x9c\xac.txt"));
+        const auto remove = [](void*, const wxZipEntry*, const wxString* destination) {
+            EXPECT_TRUE(wxRemoveFile(*destination)) << destination->utf8_str();
+            return false;
+        };
+        EXPECT_TRUE(Unzip(wxFileName(wxString::FromUTF8(m_archive)), wxFileName::DirName(wxString::FromUTF8(m_root)), remove,
+                          nullptr));
+        EXPECT_EQ(Tree(m_root).size(), 1u) << "the folder stays";
+        wxConvFileName = before;
+    }
+}
+
 TEST_F(Unzipping, RemovalOfWhatIsGoneAlreadyIsFineAndMakesNoFolder)
 {
     WriteFile(m_archive, PlainPackage().Build());
