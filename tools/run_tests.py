@@ -39,7 +39,9 @@ class Step:
 
     def __init__(self, name, command, junit=(), env=None, timeout=1500):
         self.name, self.command, self.junit, self.timeout = name, command, tuple(junit), timeout
-        self.env = dict(os.environ, **(env or {}))
+        # Texts of the system are compared, so they are in one language whoever starts the run.
+        kept = {key: value for key, value in os.environ.items() if not key.startswith("LC_") and key != "LANGUAGE"}
+        self.env = {**kept, "LANG": "C.UTF-8", **(env or {})}
 
 
 def result_file(name):

@@ -32,6 +32,11 @@ TRACED = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"
 # Somebody without rights, for tests that are not to run as root alone.
 ORDINARY_USER = 1000
 
+# Texts of the system are in the language of whoever started the run, and tests compare them.
+for _name in [name for name in os.environ if name.startswith("LC_") or name == "LANGUAGE"]:
+    del os.environ[_name]
+os.environ["LANG"] = "C.UTF-8"
+
 # Whoever started the run may have it ignore signals, as a shell does for its background jobs; agents would inherit that.
 for _number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTERM):
     if signal.getsignal(_number) == signal.SIG_IGN:

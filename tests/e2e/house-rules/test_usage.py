@@ -5,10 +5,18 @@ import os
 import pty
 import shutil
 import subprocess
+import sys
 
 import pytest
 
 from conftest import ROOT
+
+
+def load_run_tests(path):
+    described = importlib.util.spec_from_file_location("run_tests_elsewhere", path)
+    module = importlib.util.module_from_spec(described)
+    described.loader.exec_module(module)
+    return module
 
 
 def call(*command, **options):
@@ -41,13 +49,24 @@ def test_help_is_given_before_anything_is_built(command):
     assert "build" in result.stdout.lower()
 
 
+def all_that_is_shown(master):
+    """What is written to a terminal arrives in pieces."""
+    shown = b""
+    try:
+        while piece := os.read(master, 10000):
+            shown += piece
+    except OSError:  # nobody has the terminal any more
+        pass
+    return shown
+
+
 def test_the_tests_colour_their_words_on_a_terminal_only():
     command = ["./test", "--only", "house rules"]
     assert b"\x1b[" not in call(*command, stdout=subprocess.PIPE).stdout
     master, slave = pty.openpty()
     call(*command, stdout=slave)
     os.close(slave)
-    assert b"\x1b[32mok\x1b[0m" in os.read(master, 10000)
+    assert b"\x1b[32mok\x1b[0m" in all_that_is_shown(master)
     os.close(master)
 
 
@@ -59,9 +78,7 @@ def test_the_sanitizers_understand_their_options_wherever_the_tree_lies(tmp_path
     support.mkdir(parents=True)
     shutil.copy(os.path.join(ROOT, "tools", "run_tests.py"), tools)
     (support / "lsan.supp").write_text("leak:forget\n")
-    described = importlib.util.spec_from_file_location("run_tests_elsewhere", tools / "run_tests.py")
-    run_tests = importlib.util.module_from_spec(described)
-    described.loader.exec_module(run_tests)
+    run_tests = load_run_tests(tools / "run_tests.py")
     program = tmp_path / "forgetful.c"
     program.write_text("void *malloc(unsigned long); void *kept; __attribute__((noinline)) void forget(void) { kept = malloc(9); }\n"
                        "int main(void) { forget(); kept = 0; return 0; }\n")
@@ -85,3 +102,15 @@ def test_a_build_leaves_no_temporary_file_behind(tmp_path):
     assert (result.returncode, result.stderr) == (0, "")
     assert result.stdout == "build: configuring release\nbuild: release\nbuilt\n"
     assert os.listdir(temporary) == []
+
+
+def test_the_language_of_who_runs_the_tests_does_not_matter(monkeypatch):
+    for name in ("LANG", "LANGUAGE", "LC_ALL", "LC_MESSAGES"):
+        monkeypatch.setenv(name, "de_DE.UTF-8")
+    show = "import os, conftest; print(*(f'{name}={value}' for name, value in os.environ.items() if name.startswith(('LANG', 'LC_'))))"
+    result = subprocess.run([sys.executable, "-c", show], cwd=os.path.join(ROOT, "tests", "e2e"), capture_output=True, text=True,
+                            timeout=60, check=False)
+    assert (result.stdout, result.stderr) == ("LANG=C.UTF-8\n", "")
+    step = load_run_tests(os.path.join(ROOT, "tools", "run_tests.py")).Step("any", ["true"], env={"VEX_FULL": "1"})
+    assert step.env["VEX_FULL"] == "1" and step.env["PATH"] == os.environ["PATH"]
+    assert {name: value for name, value in step.env.items() if name.startswith(("LANG", "LC_"))} == {"LANG": "C.UTF-8"}
