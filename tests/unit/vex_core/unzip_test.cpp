@@ -908,6 +908,45 @@ TEST_F(UnzippingUnderFaults, FolderOfARemovedFileIsFlushedBeforeTheEnd)
     EXPECT_EQ(flushed, (std::set<std::string>{"lib", "bin"}));
 }
 
+TEST_F(UnzippingUnderFaults, FolderThatGainsAFolderIsFlushedBeforeTheEnd)
+{
+    MakeOld();
+    ZipBuilder builder;
+    builder.Add("lib/made/file", "x");
+    std::set<std::string> flushed;
+    Plan plan;
+    plan.look = [&](const os::Call& call) {
+        EXPECT_STRNE(call.name, "syncfs") << "flushes everything, so that this test shows nothing";
+        if (std::strcmp(call.name, "fsync") == 0)
+            flushed.insert(fs::read_symlink("/proc/self/fd/" + std::to_string(call.descriptor)).filename().string());
+    };
+    const Observed observed(plan);
+    ASSERT_TRUE(Run(builder));
+    for (const char* folder : {"lib", "made"})
+        EXPECT_EQ(flushed.count(folder), 1u) << folder;
+}
+
+TEST_F(UnzippingUnderFaults, FolderThatBecomesALinkDuringARemovalIsNotShownAnyMore)
+{
+    WriteFile(m_archive, Package().Build());
+    MakeOld();
+    fs::create_directory(m_folder / "outside");
+    WriteFile(m_folder / "outside/b.lua", "precious");
+    EXPECT_FALSE(Run([&](const Seen& seen) {
+        ::unlink(seen.destination.c_str());
+        if (seen.name == "lib/a.lua") {
+            fs::rename(m_root + "/lib", m_root + "/aside");
+            fs::create_directory_symlink("../outside", m_root + "/lib");
+        }
+        return false;
+    }));
+    EXPECT_EQ(m_seen.size(), 2u) << "lib/ and lib/a.lua";
+    ASSERT_EQ(m_log->Lines().size(), 1u);
+    EXPECT_NE(m_log->Lines()[0].text.find("\"lib\" was replaced"), std::string::npos) << m_log->Lines()[0].text;
+    EXPECT_EQ(ReadFile(m_folder / "outside/b.lua"), "precious");
+    EXPECT_EQ(Content("aside/b.lua"), "old");
+}
+
 TEST_F(UnzippingUnderFaults, FolderSwappedForASymbolicLinkAThousandTimesLetsNothingOutside)
 {
     WriteFile(m_archive, Package().Build());
