@@ -44,6 +44,14 @@ def test_the_first_status_other_than_zero_ends_the_run_and_is_the_exit_status(tr
     assert result.err == "\n"  # the last error text, which is empty, and a line end
 
 
+def test_a_stray_file_does_not_replace_a_packed_module_and_one_that_is_given_does(tree):
+    tree.app("probe", "return { main = function() print(require('vex.json') == 'mine', require('beside')); return 0 end }")
+    tree.file("vex/json.lua", "return 'mine'")
+    tree.file("beside/init.lua", "return 'beside'")
+    assert tree.run(name="probe").out == "false\tbeside\n"
+    assert tree.run("--lua_path", tree.path + "/?.lua", name="probe").out == "true\tbeside\n"
+
+
 def test_a_status_given_as_a_numeric_text_counts(tree):
     tree.app("probe", "return { main = function() return '5' end }")
     assert tree.run(name="probe").status == 5

@@ -380,6 +380,30 @@ TEST_F(LuaInterpreterTest, FailingStreamIsReportedByWrite)
     EXPECT_EQ(lua.RunScript(in, 0, 0, "full", &full), 0) << Error();
 }
 
+TEST_F(LuaInterpreterTest, FlushReachesTheStream)
+{
+    struct Counting : wxMemoryOutputStream
+    {
+        int flushed = 0;
+        void Sync() override { ++flushed; }
+    } out;
+    wxStringInputStream in("io.write('x') io.flush() io.stdout:flush()");
+    EXPECT_EQ(lua.RunScript(in, 0, 0, "flush", &out), 0) << Error();
+    EXPECT_EQ(out.flushed, 2);
+}
+
+TEST_F(LuaInterpreterTest, OutputOfACoroutineAndOfANestedCallGoesToTheStreamToo)
+{
+    EXPECT_EQ(Run("coroutine.wrap(function() print('in a coroutine') io.write('w', 1, '\\n') end)() "
+                  "pcall(function() print('inside pcall') error('x') end) load(\"print('loaded')\")()"),
+              0);
+    EXPECT_EQ(output, "in a coroutine\nw1\ninside pcall\nloaded\n");
+    ::testing::internal::CaptureStdout();
+    wxStringInputStream later("print('after')");
+    EXPECT_EQ(lua.RunScript(later, 0, 0, "later", nullptr), 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "after\n") << "the stream is only for the chunk that it was given for";
+}
+
 TEST_F(LuaInterpreterTest, WithoutAStreamOutputIsLuasOwn)
 {
     ::testing::internal::CaptureStdout();

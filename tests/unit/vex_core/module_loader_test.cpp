@@ -122,6 +122,17 @@ std::vector<std::string> FilesBelow(const std::string& folder)
     return files;
 }
 
+std::vector<std::string> g_calls;
+std::vector<std::string> g_opened;
+
+int NoteCall(const os::Call& call)
+{
+    g_calls.push_back(call.name);
+    if (g_calls.back() == "open")
+        g_opened.push_back(call.path);
+    return 0;
+}
+
 class ModuleLoaderTest : public testing::Test
 {
 protected:
@@ -633,6 +644,41 @@ TEST_F(ModuleLoaderTest, ManyThreadsLoadFromTheSameArchivesWhileTheyAreReplaced)
     EXPECT_EQ(wrong, 0);
 }
 
+TEST_F(ModuleLoaderTest, AnArchiveIsOpenedOnceForAllInterpreters)
+{
+    const std::vector<std::string> both = {Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}}),
+                                           Add("y.vxe", {{"c.lua", "return 'c'"}})};
+    g_opened.clear();
+    os::SetCallObserver(NoteCall);
+    {
+        Lua one(dom);
+        Lua two(dom);
+        EXPECT_EQ(one.Run("return require 'a' .. require 'c'"), "ac");
+        EXPECT_EQ(two.Run("return require 'c' .. require 'b'"), "cb");
+    }
+    EXPECT_EQ(Lua(dom).Run("return require 'b' .. require 'a'"), "ba");
+    os::SetCallObserver(nullptr);
+    EXPECT_EQ(g_opened, both);
+}
+
+TEST_F(ModuleLoaderTest, ALimitOfArchivesCountsHereToo)
+{
+    dom->SetWx("app.unzip.maxentries", std::int64_t(1));
+    Add("x.vxe", {{"a.lua", "return 'x'"}, {"b.lua", "return 'x'"}});
+    Add("y.vxe", {{"a.lua", "return 'y'"}});
+    LogLines log;
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "y");
+    EXPECT_EQ(log.lines.size(), 1u);
+
+    dom->SetWx("app.unzip.maxentries", std::int64_t(2));
+    dom->SetWx("app.unzip.maxbytes", std::int64_t(10));
+    dom->Set("app.lua.zippath", "");
+    Add("z.vxe", {{"a.lua", "return 'more than ten bytes'"}});
+    Add("short.vxe", {{"a.lua", "return 1"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+    EXPECT_EQ(log.lines.size(), 2u);
+}
+
 TEST_F(ModuleLoaderTest, FiveHundredArchivesAreOpenedOnceEach)
 {
     std::string list;
@@ -760,14 +806,6 @@ TEST_F(ModuleLoaderTest, AChangedSettingsFileCountsFromTheNextSecondOn)
 }
 
 namespace {
-
-std::vector<std::string> g_calls;
-
-int NoteCall(const os::Call& call)
-{
-    g_calls.push_back(call.name);
-    return 0;
-}
 
 /// All files below a folder with their sizes.
 std::vector<std::string> WholeTree(const std::string& folder)
