@@ -63,8 +63,10 @@ def unit(preset, environment):
 def end_to_end(name, stage, build_dir, environment, *selection):
     file = result_file("e2e-" + name)
     env = dict(environment, VEX_STAGE=os.path.join(ROOT, stage), VEX_BUILD=os.path.join(ROOT, build_dir))
-    return Step(f"e2e {name}", ["tools/sandbox", PYTHON, "-m", "pytest", "-q", "-n", "2", "-p", "no:cacheprovider",
-                                f"--junitxml={file}", *selection, "tests/e2e"], [file], env, 3600)
+    # One more than there are processors: much of a test of a daemon is waiting.
+    workers = (os.cpu_count() or 1) + 1
+    return Step(f"e2e {name}", ["tools/sandbox", PYTHON, "-m", "pytest", "-q", "-n", str(workers), "-p", "no:cacheprovider",
+                                f"--junitxml={file}", *selection, "tests/e2e"], [file], env, 7200)
 
 
 def lua(preset, stage, environment):
