@@ -148,6 +148,15 @@ bool Prepare(const Self& self, const char*& sql, Statement& statement)
     return true;
 }
 
+// The same for the next statement of several, passing over blanks and comments; none is left when `statement` stays empty.
+bool PrepareNext(const Self& self, const char*& sql, Statement& statement)
+{
+    while (!statement && *sql != '\0')
+        if (!Prepare(self, sql, statement))
+            return false;
+    return true;
+}
+
 // What was just committed found room, and so may events that wait for it. Not inside a transaction: that may be one of the
 // database of events.
 void NoteCommit(const Self& self)
@@ -173,16 +182,17 @@ int Exec(lua_State* L)
     CheckArguments(L);
     const char* sql = lua_tostring(L, 2);
     const int before = sqlite3_total_changes(self.Handle());
-    bool first = true;
-    while (*sql != '\0') {
+    for (;;) {
         Statement statement;
-        if (!Prepare(self, sql, statement))
+        if (!PrepareNext(self, sql, statement))
             return Failed(L, self);
         if (!statement)
-            continue; // blanks or a comment
-        if (!first && !lua_isnil(L, 3))
+            break;
+        Statement second; // asked for before the first has changed anything
+        if (!lua_isnil(L, 3) && !PrepareNext(self, sql, second))
+            return Failed(L, self);
+        if (second)
             return luaL_error(L, "parameters go with one statement only");
-        first = false;
         if (!BindAll(L, statement.get()))
             return Failed(L, self);
         int result = SQLITE_ROW;
@@ -230,9 +240,8 @@ int Rows(lua_State* L)
     if (!statement)
         return Failed(L, "there is no statement");
     Statement second;
-    while (!second && *sql != '\0')
-        if (!Prepare(self, sql, second))
-            return Failed(L, self);
+    if (!PrepareNext(self, sql, second))
+        return Failed(L, self);
     if (second)
         return luaL_error(L, "rows takes one statement only");
     if (!BindAll(L, statement.get()))

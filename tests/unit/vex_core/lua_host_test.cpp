@@ -294,6 +294,10 @@ TEST_F(LuaHostTest, SeveralStatementsRunInOneCallButTakeNoParameters)
         "2");
     EXPECT_NE(RunDb("return db:exec('SELECT ?; SELECT ?', {1})").find("one statement only"),
               std::string::npos);
+    EXPECT_EQ(RunDb("pcall(db.exec, db, 'INSERT INTO t VALUES(?); SELECT 8', {1}) return db:rows('SELECT count(*) AS n FROM t')[1].n"),
+              "2")
+        << "what is refused is not done in part";
+    EXPECT_EQ(RunDb("return db:exec('INSERT INTO t VALUES(?); -- that is all', {1})"), "1");
 }
 
 TEST_F(LuaHostTest, ATableCannotBeStored)
