@@ -23,6 +23,8 @@ using SLB3::internal::Guarded;
 
 constexpr const char* typeName = "vex.db.Database";
 constexpr std::int64_t fullSynchronous = 2;
+// Beyond it a Lua number cannot tell an integer from its neighbour.
+constexpr std::int64_t maxExactInteger = std::int64_t(1) << 53;
 
 struct Database
 {
@@ -103,7 +105,7 @@ int BindValue(lua_State* L, sqlite3_stmt* statement, int parameter)
         return sqlite3_bind_int(statement, parameter, lua_toboolean(L, -1));
     case LUA_TNUMBER: {
         const double number = lua_tonumber(L, -1);
-        if (number == std::floor(number) && std::fabs(number) <= 9007199254740992.0)
+        if (number == std::floor(number) && std::fabs(number) <= static_cast<double>(maxExactInteger))
             return sqlite3_bind_int64(statement, parameter, static_cast<sqlite3_int64>(number));
         return sqlite3_bind_double(statement, parameter, number);
     }
@@ -208,11 +210,22 @@ int Exec(lua_State* L)
     return 1;
 }
 
+// As a number, or as its digits where a number would lose some: stored again in a column of integers, they are the same integer.
+void PushInteger(lua_State* L, std::int64_t value)
+{
+    if (value <= maxExactInteger && value >= -maxExactInteger) {
+        lua_pushnumber(L, static_cast<double>(value));
+        return;
+    }
+    const std::string digits = std::to_string(value);
+    lua_pushlstring(L, digits.data(), digits.size());
+}
+
 void PushColumn(lua_State* L, sqlite3_stmt* statement, int column)
 {
     switch (sqlite3_column_type(statement, column)) {
     case SQLITE_INTEGER:
-        lua_pushnumber(L, static_cast<double>(sqlite3_column_int64(statement, column)));
+        PushInteger(L, sqlite3_column_int64(statement, column));
         break;
     case SQLITE_FLOAT:
         lua_pushnumber(L, sqlite3_column_double(statement, column));
@@ -300,7 +313,7 @@ int Transaction(lua_State* L)
 
 int LastId(lua_State* L)
 {
-    lua_pushnumber(L, static_cast<double>(Self(L).Db().LastInsertId()));
+    PushInteger(L, Self(L).Db().LastInsertId());
     return 1;
 }
 

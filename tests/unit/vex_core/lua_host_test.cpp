@@ -278,6 +278,20 @@ TEST_F(LuaHostTest, AnIntegerUpTo2To53KeepsEveryDigit)
     EXPECT_EQ(RunDb("return db:rows('SELECT typeof(?) AS n', {9007199254740992})[1].n"), "integer");
 }
 
+TEST_F(LuaHostTest, AnIntegerBeyond2To53IsItsDigitsAndGoesBackWhole)
+{
+    EXPECT_EQ(RunDb("assert(db:exec('CREATE TABLE t(n INTEGER)'))\n"
+                    "assert(db:exec('INSERT INTO t VALUES(9007199254740993), (-9223372036854775808)'))\n"
+                    "for _, row in ipairs(db:rows('SELECT n FROM t')) do assert(db:exec('INSERT INTO t VALUES(?)', {row.n})) end\n"
+                    "local told = {}\n"
+                    "for i, row in ipairs(db:rows('SELECT n, typeof(n) AS kind FROM t')) do told[i] = row.n .. row.kind end\n"
+                    "return table.concat(told, ' ')"),
+              "9007199254740993integer -9223372036854775808integer 9007199254740993integer -9223372036854775808integer");
+    EXPECT_EQ(RunDb("assert(db:exec('CREATE TABLE u(id INTEGER PRIMARY KEY)'))\n"
+                    "assert(db:exec('INSERT INTO u VALUES(9007199254740993)')) return db:last_id()"),
+              "9007199254740993");
+}
+
 TEST_F(LuaHostTest, AStatementThatFailsIsNilAndTheReason)
 {
     EXPECT_EQ(RunDb("local r, m = db:exec('NONSENSE') return tostring(r) .. ' ' .. m"),
