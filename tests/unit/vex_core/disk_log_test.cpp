@@ -146,6 +146,17 @@ private:
 };
 Faults* Faults::s_self = nullptr;
 
+/// Logs "one" and then "12345", of which the disk, full from there on, takes "12" only.
+void CutASecondRecord(DiskLog& log, Faults& faults, const std::string& path)
+{
+    log.SetFile(path);
+    log.Write("one\n", false);
+    faults.WriteShortOnce(2);
+    faults.FailOnly(3, ENOSPC); // stat, the short write, its rest
+    log.Write("12345\n", false);
+    ASSERT_EQ("one\n12", ReadFile(path));
+}
+
 DiskLog::Settings Small(std::int64_t maxBytes, int keep)
 {
     DiskLog::Settings settings;
@@ -432,12 +443,7 @@ TEST(DiskLog, RecordThatWasCutComesAgainWholeOnALineOfItsOwn)
     const ErrorFile error;
     Faults faults;
     DiskLog log(muchMemory, error.Descriptor());
-    log.SetFile(folder / "x.log");
-    log.Write("one\n", false);
-    faults.WriteShortOnce(2);
-    faults.FailOnly(3, ENOSPC); // stat, the short write, its rest
-    log.Write("12345\n", false);
-    EXPECT_EQ("one\n12", ReadFile(folder / "x.log"));
+    CutASecondRecord(log, faults, folder / "x.log");
     log.Flush();
     EXPECT_EQ("one\n12\n12345\n", ReadFile(folder / "x.log"));
 }
@@ -459,12 +465,7 @@ TEST(DiskLog, PieceThatIsKnownIsNotWaitedForAtEachRecordOfAFullDisk)
     const ErrorFile error;
     Faults faults;
     DiskLog log(muchMemory, error.Descriptor());
-    log.SetFile(folder / "x.log");
-    log.Write("one\n", false);
-    faults.WriteShortOnce(2);
-    faults.FailOnly(3, ENOSPC); // stat, the short write, its rest
-    log.Write("12345\n", false);
-    EXPECT_EQ("one\n12", ReadFile(folder / "x.log"));
+    CutASecondRecord(log, faults, folder / "x.log");
     faults.FailAll("write", ENOSPC);
     static int looks;
     looks = 0;
@@ -554,7 +555,14 @@ TEST(DiskLog, FullFileIsRenamedAndOnlySoManyAreKept)
     DiskLog log(muchMemory);
     log.SetFile(folder / "x.log");
     log.SetSettings(Small(10, 3));
-    for (char c = 'a'; c <= 'f'; ++c)
+    log.Write("aaaaaaaa\n", false);
+    struct stat before = {};
+    ASSERT_EQ(0, ::stat((folder / "x.log").c_str(), &before));
+    log.Write("bbbbbbbb\n", false);
+    struct stat after = {};
+    ASSERT_EQ(0, ::stat((folder / "x.log.1").c_str(), &after));
+    EXPECT_EQ(before.st_ino, after.st_ino) << "renamed, not copied";
+    for (char c = 'c'; c <= 'f'; ++c)
         log.Write(std::string(8, c) + '\n', false);
     EXPECT_EQ("ffffffff\n", ReadFile(folder / "x.log"));
     EXPECT_EQ("eeeeeeee\n", ReadFile(folder / "x.log.1"));

@@ -245,6 +245,22 @@ TEST_F(LogToDisk, SizeAndNumberOfFilesAreSettings)
     EXPECT_NE(0, ::access((m_folder / "agent.log.3").c_str(), F_OK));
 }
 
+TEST_F(LogToDisk, WithoutSettingsAFileOf10MiBIsRotatedAndFiveAreKept)
+{
+    constexpr std::size_t tenMiB = 10 * 1024 * 1024;
+    MakeRoot();
+    for (int i = 1; i <= 5; ++i)
+        WriteFile(m_folder / ("agent.log." + std::to_string(i)), std::to_string(i));
+    WriteFile(m_folder / "agent.log", std::string(tenMiB - 300, 'x') + '\n');
+    wxLogWarning("it has room");
+    EXPECT_EQ("1", Text("agent.log.1"));
+    wxLogWarning("%s", std::string(300, 'y').c_str());
+    EXPECT_EQ(1u, Lines().size());
+    EXPECT_THAT(Text("agent.log.1"), EndsWith("] it has room\n"));
+    EXPECT_EQ("4", Text("agent.log.5"));
+    EXPECT_NE(0, ::access((m_folder / "agent.log.6").c_str(), F_OK));
+}
+
 TEST_F(LogToDisk, SettingsMayStandInTheConfigurationFile)
 {
     WriteFile(m_folder / "agent.ini", "[settings]\napp.log.size = 5000\napp.log.count = 1\n");

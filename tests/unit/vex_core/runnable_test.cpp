@@ -16,6 +16,7 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 #include <wx/log.h>
 
@@ -217,6 +218,27 @@ TEST(Runnable, InterruptEndsABlockingCall)
     body.interrupt(); // ended: nothing happens
     sigaction(CRunnable::SigThreadDelete, &before, nullptr);
 }
+
+#ifdef __GLIBC__
+TEST(Runnable, ThreadHasTheStackAndThePriorityThatItWasStartedWith)
+{
+    const auto stackBytesOf = [](unsigned asked) {
+        std::size_t size = 0;
+        Body body([&](Body&) {
+            pthread_attr_t attributes;
+            ASSERT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
+            pthread_attr_getstacksize(&attributes, &size);
+            pthread_attr_destroy(&attributes);
+        });
+        EXPECT_TRUE(body.start(70, true, asked));
+        EXPECT_TRUE(body.join());
+        EXPECT_EQ(body.GetPriority(), 70u);
+        return size;
+    };
+    EXPECT_EQ(stackBytesOf(3 << 20), std::size_t(3) << 20);
+    EXPECT_EQ(stackBytesOf(12 << 20), std::size_t(12) << 20);
+}
+#endif
 
 TEST(Runnable, StopAsksThreadsThatTakePartAndNamesThoseThatStay)
 {

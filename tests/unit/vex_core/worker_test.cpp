@@ -130,8 +130,11 @@ TEST_F(WorkerTest, StopWakesAWaitAtOnceWithNil)
 
 TEST_F(WorkerTest, WriteWakesAWaitAtOnce)
 {
-    Module("job", "return {run = function() while not dom0:Has('go') do assert(dom0:Wait('go', 60)) end return 4 end}");
-    EXPECT_EQ(Run("local w = dom0:StartThread('job') dom0:Set('go', 1) return w:Join(10)"), "true 4");
+    // The worker's first wait makes sure that no write after it is missed; ours lets it fall asleep in its second.
+    Module("job", "return {run = function() dom0:Wait('go', 0) dom0:Set('up', true) return dom0:Wait('go', 60) and 4 or 5 end}");
+    EXPECT_EQ(Run("local w = dom0:StartThread('job') while not dom0:GetBool('up') do dom0:Wait('up', 1) end\n"
+                  "dom0:Wait('never', 0.05) assert(w:Running()) dom0:Set('go', 1) return w:Join(10)"),
+              "true 4");
 }
 
 TEST_F(WorkerTest, ArgumentThatCannotBeCopiedIsAClearError)
