@@ -42,6 +42,13 @@ void SetText(lua_State* L, const char* field, const std::string& text)
     lua_setfield(L, -2, field);
 }
 
+// An empty text is what the system gives where it does not know.
+void SetKnownText(lua_State* L, const char* field, const std::string& text)
+{
+    if (!text.empty())
+        SetText(L, field, text);
+}
+
 void SetNumber(lua_State* L, const char* field, double value)
 {
     lua_pushnumber(L, value);
@@ -166,14 +173,13 @@ int HostSystem(lua_State* L)
     lua_createtable(L, 0, 6);
     utsname names = {};
     if (uname(&names) >= 0) {
-        SetText(L, "name", names.sysname);
-        SetText(L, "release", names.release);
-        SetText(L, "version", names.version);
-        SetText(L, "machine", names.machine);
-        SetText(L, "host", names.nodename);
+        SetKnownText(L, "name", names.sysname);
+        SetKnownText(L, "release", names.release);
+        SetKnownText(L, "version", names.version);
+        SetKnownText(L, "machine", names.machine);
+        SetKnownText(L, "host", names.nodename);
     }
-    if (const auto distribution = host::Distribution())
-        SetText(L, "distribution", *distribution);
+    SetKnownText(L, "distribution", host::Distribution().value_or(std::string()));
     return 1;
 }
 

@@ -2,6 +2,7 @@
 import json
 import os
 import sqlite3
+import sys
 
 import pytest
 
@@ -65,3 +66,21 @@ end }""")
     assert database.execute("SELECT memory_available FROM heartbeat").fetchall() == [(None,)]
     database.close()
     assert "Heartbeat 1 (start): up " in result.log and "memory" not in result.log.partition("Heartbeat 1 (start)")[2].splitlines()[0]
+
+
+NAMELESS = """
+import ctypes, os, subprocess, sys
+assert ctypes.CDLL(None).sethostname(b"", 0) == 0
+subprocess.run(["mount", "--bind", sys.argv[1], "/etc/os-release"], check=True)
+os.execv(sys.argv[2], sys.argv[2:])
+"""
+
+
+def test_names_that_the_system_leaves_empty_are_absent(tree):
+    release = tree.file("os-release", 'NAME=x\nPRETTY_NAME=""\n')
+    shown = json.loads(tree.run("--", "--json").out)
+    result = tree.run("--", "--json", prefix=["unshare", "--mount", "--uts", sys.executable, "-c", NAMELESS, release])
+    assert result.status == 0, result.err
+    hidden = json.loads(result.out)
+    assert set(shown) - set(hidden) == {"host"}
+    assert hidden["system"] == os.uname().sysname
