@@ -24,6 +24,8 @@ struct Slot
     std::atomic<const void*> context{nullptr};
 };
 
+constexpr int maxLooks = 16; // each is taken when those who were found before have stopped, or will not
+
 Slot slots[maxCrashThreads];
 std::atomic<std::size_t> slotCount{0};
 CrashThread result[maxCrashThreads];
@@ -56,13 +58,22 @@ void Nap()
     nanosleep(&millisecond, nullptr);
 }
 
+bool IsListed(long number, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        if (slots[i].number.load() == number)
+            return true;
+    return false;
+}
+
+/// Lists the threads that are not listed yet, behind those that are.
 void ListThreads(long self)
 {
     alignas(os::KernelDirent) static char batch[8192];
     const int folder = open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0)
         return;
-    std::size_t count = 0;
+    std::size_t count = slotCount.load();
     for (;;) {
         const long size = syscall(SYS_getdents64, folder, batch, sizeof batch);
         if (size <= 0)
@@ -72,7 +83,7 @@ void ListThreads(long self)
             long number = 0;
             for (const char* digit = entry->name; *digit >= '0' && *digit <= '9'; ++digit)
                 number = number * 10 + (*digit - '0');
-            if (number > 0 && number != self)
+            if (number > 0 && number != self && !IsListed(number, count))
                 slots[count++].number.store(number);
             at += entry->recordSize;
         }
@@ -81,14 +92,18 @@ void ListThreads(long self)
     slotCount.store(count);
 }
 
-void AskAll(pid_t process)
+void PrepareToPark()
 {
     struct sigaction action = {};
     action.sa_sigaction = Park;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART;
     sigfillset(&action.sa_mask);
     sigaction(ParkSignal(), &action, nullptr);
-    for (std::size_t i = 0; i < slotCount.load(); ++i)
+}
+
+void AskFrom(std::size_t first, pid_t process)
+{
+    for (std::size_t i = first; i < slotCount.load(); ++i)
         syscall(SYS_tgkill, process, slots[i].number.load(), ParkSignal());
 }
 
@@ -105,10 +120,20 @@ std::size_t Answers()
 const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs,
                                     std::size_t& count)
 {
-    ListThreads(self);
-    AskAll(process);
-    for (long waited = 0; waited < waitMs && Answers() < slotCount.load(); ++waited)
-        Nap();
+    PrepareToPark();
+    std::size_t asked = 0;
+    long waited = 0;
+    // A thread may start others until it stops, and those are not in the list that it was found in: it is made anew until
+    // nobody is new.
+    for (int look = 0; look < maxLooks; ++look) {
+        ListThreads(self);
+        if (slotCount.load() == asked)
+            break;
+        AskFrom(asked, process);
+        asked = slotCount.load();
+        for (; waited < waitMs && Answers() < asked; ++waited)
+            Nap();
+    }
     count = 0;
     result[count++] = {self, ownContext};
     for (std::size_t i = 0; i < slotCount.load(); ++i)

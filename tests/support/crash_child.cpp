@@ -131,6 +131,21 @@ int InThread(void (*body)())
     sink = sink + 1; // no tail call
 }
 
+// Crashes while another thread starts one thread after the other.
+void CrashAmongNewThreads()
+{
+    static std::atomic<int> started{0};
+    std::thread([] {
+        constexpr int atMost = 900;
+        for (; started < atMost; ++started)
+            std::thread([] { pause(); }).detach();
+        pause();
+    }).detach();
+    while (started < 50) {
+    }
+    CrashOnNull();
+}
+
 int Crash(const std::string& way)
 {
     if (way == "null")
@@ -143,8 +158,15 @@ int Crash(const std::string& way)
         CrashByTrap();
     else if (way == "sent")
         SendSignal(getpid(), SIGBUS);
+    else if (way == "breakpoint")
+        SendSignal(getpid(), SIGTRAP);
     else if (way == "thread")
         return InThread(CrashOnNull);
+    else if (way == "foreign") {
+        std::thread([] { CrashOnNull(); }).detach();
+        WaitInMain();
+    } else if (way == "spawning")
+        CrashAmongNewThreads();
     else if (way == "overflow")
         return InThread([] { sink = CrashByRecursion(0); });
     else if (way == "main-overflow")

@@ -59,13 +59,17 @@ def crash_site(tree):
     return thread == dump.process(), number, names[0]
 
 
-def backtrace(tree):
+def debugger(tree, *commands):
     if shutil.which("lldb") is None:
         pytest.skip("NO LLDB HERE: the dump was not opened by a debugger")
     path = os.path.join(tree.work, "plugins", "diag", "crasher.mdmp")
-    return subprocess.run(["lldb", "--no-lldbinit", "--batch", "-o", "thread backtrace", "-c", path,
-                           os.path.join(tree.path, "crasher")],
+    return subprocess.run(["lldb", "--no-lldbinit", "--batch", *(word for command in commands for word in ("-o", command)),
+                           "-c", path, os.path.join(tree.path, "crasher")],
                           stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=180).stdout
+
+
+def backtrace(tree):
+    return debugger(tree, "thread backtrace")
 
 
 def check_dump(tree):
@@ -93,12 +97,13 @@ def test_crash_inside_lua_leaves_a_dump_that_leads_back_to_the_script_thread(app
     check_dump(app)
 
 
-@pytest.mark.parametrize("way, number, name, module", [
-    ("abort", signal.SIGABRT, "SIGABRT", "libc.so.6"),
-    ("overflow", signal.SIGSEGV, "SIGSEGV", "luacrash.so"),
-    ("table", signal.SIGSEGV, "SIGSEGV", "liblua5.2-c++.so"),
+@pytest.mark.parametrize("way, number, name, module, frame", [
+    ("null", signal.SIGSEGV, "SIGSEGV", "luacrash.so", r"frame #0: .*luacrash\.so`.*CrashInModule"),
+    ("abort", signal.SIGABRT, "SIGABRT", "libc.so.6", r"frame #\d+: .*luacrash\.so`.*Crash"),
+    ("overflow", signal.SIGSEGV, "SIGSEGV", "luacrash.so", r"frame #0: .*luacrash\.so`.*OverflowStack"),
+    ("table", signal.SIGSEGV, "SIGSEGV", "liblua5.2-c++.so", r"frame #0: .*liblua5\.2-c\+\+\.so"),
 ])
-def test_each_way_of_crashing_on_the_script_thread_ends_by_its_signal_with_a_dump(app, way, number, name, module):
+def test_each_way_of_crashing_on_the_script_thread_ends_by_its_signal_with_a_dump(app, way, number, name, module, frame):
     if way == "table":
         app.app("crasher", CRASH.replace('require("luacrash")(way)', 'print(require("luacrash")(way).field)'))
     result = app.run("--", way, name="crasher")
@@ -107,6 +112,11 @@ def test_each_way_of_crashing_on_the_script_thread_ends_by_its_signal_with_a_dum
     assert result.log.count(" FATAL ") == 1, result.log
     first_thread, signalled, place = crash_site(app)
     assert (first_thread, signalled) == (False, number) and place.startswith(module), place
+    text = debugger(app, "thread list", "image list", "thread backtrace -c 20")
+    assert re.search(rf"^\* thread #1.*stop reason = signal {name}", text, re.M) and re.search(r"^  thread #2", text, re.M), text
+    for image in ("crasher", "lib/vex_core.so", "lib/luacrash.so"):
+        assert re.search(rf"^\[ *\d+\] .*{image}", text, re.M), text
+    assert re.search(frame, text), text
 
 
 @pytest.mark.parametrize("way, module", [("null", "luacrash.so"), ("table", "liblua5.2-c++.so")])

@@ -39,6 +39,8 @@ class Crash:
     ("division", signal.SIGFPE, "main", r"signal 8 \(SIGFPE at address 0x[0-9a-f]+\)"),
     ("trap", signal.SIGILL, "main", r"signal 4 \(SIGILL at address 0x[0-9a-f]+\)"),
     ("sent", signal.SIGBUS, "main", r"signal 7 \(SIGBUS\)"),
+    ("breakpoint", signal.SIGTRAP, "main", r"signal 5 \(SIGTRAP\)"),
+    ("foreign", signal.SIGSEGV, "thread", r"signal 11 \(SIGSEGV at address 0x0\)"),
     ("thread", signal.SIGSEGV, "Crasher", r"signal 11 \(SIGSEGV at address 0x0\)"),
     ("overflow", signal.SIGSEGV, "Crasher", r"signal 11 \(SIGSEGV at address 0x[0-9a-f]+\)"),
     ("main-overflow", signal.SIGSEGV, "main", r"signal 11 \(SIGSEGV at address 0x[0-9a-f]+\)"),
@@ -76,6 +78,15 @@ def test_dump_has_threads_stacks_modules_and_the_system(tmp_path):
     assert f"Pid:\t{dump.process()}".encode() in dump.bytes("status")
     assert len(dump.bytes("auxv")) % 16 == 0
     assert "memory64" not in dump.streams
+
+
+def test_threads_that_start_meanwhile_are_in_the_dump(tmp_path):
+    for round_number in range(10):
+        folder = tmp_path / str(round_number)
+        folder.mkdir()
+        dump = Crash(folder, "spawning").minidump()
+        alive = int(re.search(rb"^Threads:\t(\d+)$", dump.bytes("status"), re.M)[1])
+        assert len(dump.threads()) == alive > 50
 
 
 def test_environment_stays_out_of_the_dump_unless_it_is_full(tmp_path):
@@ -196,8 +207,14 @@ def test_handler_works_when_the_log_and_standard_error_are_gone(tmp_path):
     assert crash.minidump().exception()[1] == signal.SIGSEGV
 
 
-def test_handler_allocates_nothing(tmp_path):
-    """Between the crash signal and the end no system call asks for memory."""
+@pytest.mark.parametrize("way", ["null", "thread", "overflow", "main-overflow"])
+def test_handler_does_not_touch_the_heap(tmp_path, way):
+    crash = Crash(tmp_path, way, "full", env=dict(os.environ, LD_PRELOAD=os.path.join(conftest.BUILD, "tests", "libnoheap.so")))
+    assert crash.status == -signal.SIGSEGV, crash.err
+    assert crash.minidump().exception()[1] == signal.SIGSEGV
+
+
+def test_handler_asks_the_system_for_no_memory_and_waits_for_no_lock(tmp_path):
     if shutil.which("strace") is None:
         pytest.skip("NO STRACE HERE")
     trace = tmp_path / "trace"
