@@ -220,32 +220,20 @@ public:
         m_process = first;
         VexCore::SendSignal(first, SIGCONT);
         int result = 1;
-        for (;;) {
-            int status = 0;
-            const pid_t thread = ::waitpid(-1, &status, __WALL);
-            if (thread == -1 && errno == EINTR)
-                continue;
-            if (thread == -1)
-                return result;
-            if (WIFSTOPPED(status))
-                OnStop(thread, status);
-            else if (thread == first)
-                result = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-        }
+        Test::FollowTraced(
+            [this](pid_t thread, bool isCall, long carried) {
+                if (isCall)
+                    OnCall(thread);
+                ::ptrace(m_isOver ? PTRACE_CONT : PTRACE_SYSCALL, thread, nullptr, carried);
+            },
+            [&result, first](pid_t thread, int status) {
+                if (thread == first)
+                    result = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+            });
+        return result;
     }
 
 private:
-    void OnStop(pid_t thread, int status)
-    {
-        const int signal = WSTOPSIG(status);
-        const bool callStop = signal == (SIGTRAP | 0x80);
-        if (callStop)
-            OnCall(thread);
-        // Anything but our own stops is a signal on its way, which goes on with what it carries.
-        const bool ours = callStop || status >> 16 != 0;
-        ::ptrace(m_isOver ? PTRACE_CONT : PTRACE_SYSCALL, thread, nullptr, ours ? 0 : signal);
-    }
-
     void OnCall(pid_t thread)
     {
         if (m_isOver)

@@ -16,7 +16,6 @@
 #include "support/traced_child_linux.h"
 #include "vex/core/sendsignal.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -47,18 +46,8 @@ public:
 
     void Run()
     {
-        for (;;) {
-            int status = 0;
-            const pid_t thread = ::waitpid(-1, &status, __WALL);
-            if (thread == -1 && errno == EINTR)
-                continue;
-            if (thread == -1)
-                break;
-            if (WIFSTOPPED(status))
-                OnStop(thread, status);
-            else
-                OnEnd(thread, status);
-        }
+        Test::FollowTraced([this](pid_t thread, bool isCall, long carried) { OnStop(thread, isCall, carried); },
+                           [this](pid_t thread, int status) { OnEnd(thread, status); });
         Tell("stops %ld\n", m_stops);
     }
 
@@ -106,21 +95,15 @@ private:
         return m_threads[thread] = m_roles[process];
     }
 
-    void OnStop(pid_t thread, int status)
+    void OnStop(pid_t thread, bool isCall, long carried)
     {
-        const int event = status >> 16;
-        const int signal = WSTOPSIG(status);
-        const bool callStop = signal == (SIGTRAP | 0x80);
         const int role = RoleOf(thread);
-        if (callStop && !m_sent && role == m_role && ++m_stops == m_stop) {
+        if (isCall && !m_sent && role == m_role && ++m_stops == m_stop) {
             m_sent = true;
             const pid_t process = ProcessOf(thread);
             VexCore::SendSignal(process, SIGTERM);
             Tell("sent %d\n", static_cast<int>(process));
         }
-        // Anything but our own stops is a signal on its way, which goes on with what it carries.
-        const bool ours = callStop || event != 0;
-        const long carried = ours ? 0 : signal;
         if (m_sent)
             ::ptrace(PTRACE_DETACH, thread, nullptr, carried);
         else

@@ -235,8 +235,10 @@ TEST(Runnable, ThreadHasTheStackAndThePriorityThatItWasStartedWith)
         EXPECT_EQ(body.GetPriority(), 70u);
         return size;
     };
-    EXPECT_EQ(stackBytesOf(3 << 20), std::size_t(3) << 20);
-    EXPECT_EQ(stackBytesOf(12 << 20), std::size_t(12) << 20);
+    constexpr double guards = 65536; // which some versions of the library count and others do not
+    // Sizes above the default, because a sanitizer enlarges smaller ones.
+    EXPECT_NEAR(double(stackBytesOf(12 << 20)), 12 << 20, guards);
+    EXPECT_NEAR(double(stackBytesOf(20 << 20)), 20 << 20, guards);
 }
 #endif
 
