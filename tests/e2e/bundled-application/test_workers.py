@@ -2,6 +2,7 @@
 import os
 import re
 import sqlite3
+import subprocess
 import time
 
 import pytest
@@ -205,6 +206,29 @@ def test_two_hundred_busy_workers_end_with_a_stop_of_the_agent(tree):
     assert not alive(child)
     assert_all_of_the_crowd_ended(tree.log("crowd"))
     assert "Child process exited with status 0 (exit 0)" in tree.log("crowd")
+
+
+@pytest.mark.skipif(conftest.SANITIZER == "thread", reason="this sanitizer has a thread of its own, which wakes up")
+def test_a_worker_that_waits_and_who_joins_it_do_nothing_meanwhile(tree):
+    tree.app("probe", """
+return { main = function()
+  local worker = dom0:StartThread("sleeper")
+  dom0:Wait("asleep", 0)
+  while not dom0:Has("asleep") do dom0:Wait("asleep", 1) end
+  dom0:Log("info", "joins")
+  print(worker:Join(4))
+  worker:Stop()
+  print(worker:Join())
+  return 0
+end }""")
+    tree.file("sleeper.lua", 'return { run = function() dom0:Set("asleep", true) return dom0:Wait("never", 60) == nil and 6 or 7 end }')
+    process = tree.start(name="probe", stdout=subprocess.PIPE)
+    wait_until(lambda: "joins" in tree.log("probe"), what="the join")
+    time.sleep(0.5)
+    before = conftest.switches(process.pid)
+    time.sleep(2)
+    assert conftest.switches(process.pid) == before
+    assert process.communicate(timeout=conftest.PATIENCE)[0] == b"false\ntrue\t6\n"
 
 
 def test_an_error_in_a_worker_is_logged_with_its_traceback_and_ends_the_worker_alone(tree):
