@@ -119,6 +119,7 @@ int LoadAndRun(lua_State* L)
     if (run.loadStatus != LUA_OK)
         return lua_error(L);
     lua_insert(L, 1);
+    luaL_checkstack(L, run.resultCount, "results of the chunk"); // which Lua fills up with nil without asking for room
     // An exception of a native module that is not bound through the binder ends here, not as a failure without a text.
     return SLB3::internal::Guard(L, [&] {
         lua_call(L, lua_gettop(L) - 1, run.resultCount);
@@ -323,7 +324,7 @@ int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultC
     lua_State* const state = L();
     const int base = lua_gettop(state) - argumentCount;
     try {
-        if (!lua_checkstack(state, 8)) {
+        if (!lua_checkstack(state, resultCount + 8)) {
             lua_settop(state, base);
             m_impl->errorInfo = "stack overflow";
             return statusFailed;

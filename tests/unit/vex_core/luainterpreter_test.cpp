@@ -91,6 +91,25 @@ TEST_F(LuaInterpreterTest, SuccessLeavesExactlyTheResultsAskedFor)
     EXPECT_EQ(Error(), "");
 }
 
+TEST_F(LuaInterpreterTest, ManyResultsAndArgumentsHaveTheirRoom)
+{
+    EXPECT_EQ(Run("return 1, 2", 5000), 0);
+    ASSERT_EQ(Height(), 5000);
+    EXPECT_EQ(lua_tointeger(lua.L(), 2), 2);
+    EXPECT_TRUE(lua_isnil(lua.L(), 5000));
+
+    wxStringInputStream in("return select('#', ...), ...");
+    ASSERT_EQ(lua.RunScript(in, 5000, 6000, "many", nullptr), 0);
+    ASSERT_EQ(Height(), 6000);
+    EXPECT_EQ(lua_tointeger(lua.L(), 1), 5000);
+    EXPECT_EQ(lua_tointeger(lua.L(), 3), 2);
+    lua_settop(lua.L(), 0);
+
+    EXPECT_EQ(Run("return 1", 2000000), 2) << "more than a stack may hold";
+    EXPECT_THAT(Error(), HasSubstr("stack overflow"));
+    EXPECT_EQ(Height(), 0);
+}
+
 TEST_F(LuaInterpreterTest, ArgumentsReachTheChunkAndAreGoneAfterwards)
 {
     lua_pushstring(lua.L(), "below");
