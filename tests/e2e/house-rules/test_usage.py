@@ -70,6 +70,19 @@ def test_the_tests_colour_their_words_on_a_terminal_only():
     os.close(master)
 
 
+def test_the_last_line_counts_all_tests_of_every_kind(tmp_path):
+    assert call("./test", "--only", "house rules", stdout=subprocess.PIPE).stdout.splitlines()[-1] == b"1 passed, 0 failed, 0 skipped"
+    steps = call("./test", "--only", "nonsense", capture_output=True, text=True).stderr
+    for kind in ("unit release slb3", "unit release core", "unit release launcher", "Lua release source", "Lua release archives",
+                 "e2e release"):
+        assert kind in steps
+    counted = tmp_path / "a.xml"
+    counted.write_text("""<testsuites><testsuite>
+        <testcase name="a" status="run"/><testcase name="b" status="notrun"/><testcase name="c"><skipped/></testcase>
+        <testcase name="d"><failure/></testcase><testcase name="e"><error/></testcase><testcase name="f"/></testsuite></testsuites>""")
+    assert load_run_tests(os.path.join(ROOT, "tools", "run_tests.py")).count(str(counted)) == (2, 2, 2)
+
+
 @pytest.mark.skipif(not shutil.which("clang"), reason="clang is not installed")
 @pytest.mark.parametrize("name", ["a blank, and a: colon", "somebody's", 'called "so"'])
 def test_the_sanitizers_understand_their_options_wherever_the_tree_lies(tmp_path, name):
