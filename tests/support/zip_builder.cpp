@@ -48,20 +48,34 @@ std::string ExtraField(unsigned id, const std::string& body)
     return Bytes16(id) + Bytes16(unsigned(body.size())) + body;
 }
 
-std::string Deflate(std::string_view data)
+namespace {
+
+std::string Deflate(std::string_view data, int flush)
 {
     z_stream stream{};
     if (deflateInit2(&stream, 6, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY) != Z_OK)
         throw std::runtime_error("deflateInit2");
-    std::string packed(deflateBound(&stream, uLong(data.size())), '\0');
+    std::string packed(deflateBound(&stream, uLong(data.size())) + 16, '\0'); // a flush adds a few bytes
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
     stream.avail_in = uInt(data.size());
     stream.next_out = reinterpret_cast<Bytef*>(&packed[0]);
     stream.avail_out = uInt(packed.size());
-    deflate(&stream, Z_FINISH);
+    deflate(&stream, flush);
     packed.resize(stream.total_out);
     deflateEnd(&stream);
     return packed;
+}
+
+} // namespace
+
+std::string Deflate(std::string_view data)
+{
+    return Deflate(data, Z_FINISH);
+}
+
+std::string DeflatePiece(std::string_view data)
+{
+    return Deflate(data, Z_FULL_FLUSH);
 }
 
 ZipItem& ZipItem::WithDescriptor(bool signature, bool wide, bool emptyLocal)

@@ -86,6 +86,8 @@ std::string Bytes64(std::uint64_t value);
 std::string ExtraField(unsigned id, const std::string& body);
 /// A raw deflate stream of the data.
 std::string Deflate(std::string_view data);
+/// The same without an end: streams begin with any number of pieces.
+std::string DeflatePiece(std::string_view data);
 
 /// An archive with one entry per line of what a plain package holds.
 ZipBuilder PlainPackage();

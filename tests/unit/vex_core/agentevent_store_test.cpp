@@ -198,6 +198,17 @@ TEST_F(EventStoreTest, AllFieldsAreStored)
     EXPECT_FALSE(Exists(Pending()));
 }
 
+TEST_F(EventStoreTest, TableHasTheFormThatToolsRelyOn)
+{
+    EventStore(m_work).Write(SampleEvent("e"));
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(Database(), 0));
+    SqliteStatement row(db, "SELECT sql FROM sqlite_master WHERE name = 'agent_event'");
+    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    EXPECT_EQ(row.ColumnText(0), "CREATE TABLE agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, "
+                                 "number INTEGER, severity INTEGER, text TEXT, xml TEXT)");
+}
+
 TEST_F(EventStoreTest, AbsentFieldsAreNull)
 {
     EventStore store(m_work);

@@ -31,6 +31,7 @@
 #include <wx/filename.h>
 #include <wx/filefn.h>
 #include <wx/zipstrm.h>
+#include <zlib.h>
 
 using namespace VexCore;
 using namespace Test;
@@ -1003,8 +1004,24 @@ TEST_F(UnzippingUnderFaults, FolderThatIsReplacedWhileFilesWaitIsNotWrittenInto)
 #ifndef VEX_TEST_SANITIZED
 TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
 {
+    // A gibibyte where there is room for it.
+    const std::size_t pieces = fs::space(m_root).available > (std::uintmax_t(3) << 29) ? 1024 : 64;
     ZipBuilder builder;
-    builder.Add("deflated", std::string(std::size_t(64) << 20, 'd'));
+    ZipItem& huge = builder.Add("deflated", "");
+    const std::string piece(std::size_t(1) << 20, 'd');
+    const std::string last = huge.packed; // an empty block, which ends the stream
+    huge.packed.clear();
+    const std::string packed = DeflatePiece(piece);
+    for (std::size_t i = 0; i < pieces; ++i) {
+        huge.packed += packed;
+        huge.crc32 = std::uint32_t(::crc32(huge.crc32, reinterpret_cast<const Bytef*>(piece.data()), uInt(piece.size())));
+    }
+    huge.packed += last;
+    for (ZipRecord* const record : {&huge.local, &huge.central}) {
+        record->size = std::uint32_t(piece.size() * pieces);
+        record->packedSize = std::uint32_t(huge.packed.size());
+        record->crc32 = huge.crc32;
+    }
     builder.Add("stored", std::string(std::size_t(24) << 20, 's'), 0);
     WriteFile(m_archive, builder.Build());
     builder = ZipBuilder();
@@ -1027,6 +1044,7 @@ TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(fs::file_size(m_root + "/deflated"), piece.size() * pieces);
 }
 #endif
 
