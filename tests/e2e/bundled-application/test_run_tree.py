@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from conftest import BUILD, ROOT, STAGE, Tree
+from conftest import BUILD, ROOT, STAGE, Tree, wait_until
 
 ARGUMENTS = ["--install_plugins", "--extdir", "ext", "--plugins", "network,trend"]
 
@@ -59,3 +59,32 @@ def test_changed_files_are_taken_over_and_the_working_folder_is_not(make, tmp_pa
     assert "vex_core" in listed and "work" not in listed
     with open(make.tree.path + "/vex_core/extra.vxe") as file:
         assert file.read() == "new"
+
+
+BUSY = """
+local function path(name) return dom0:Get("app.path.bin") .. "/" .. name end
+return { main = function()
+  io.open(path("up"), "w"):close()
+  repeat
+    dom0:Wait("never", 0.05)
+    local go = io.open(path("go"))
+  until go
+  return require("vex.json").encode({ 1, 2 }) == "[1,2]" and 0 or 1
+end }"""
+
+
+def test_an_agent_that_runs_keeps_its_files_when_they_are_refreshed(make, tmp_path):
+    stage = tmp_path / "stage"
+    stage.mkdir()
+    changed = Tree(stage)
+    make(stage=changed.path)
+    make.tree.app("probe", BUSY)
+    process = make.tree.start(name="probe")
+    wait_until(lambda: os.path.exists(make.tree.path + "/up"), what="the agent")
+    for name in ("vx_agent", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe"):
+        os.unlink(changed.path + "/" + name)
+        shutil.copyfile(os.path.join(STAGE, name), changed.path + "/" + name)
+        os.chmod(changed.path + "/" + name, 0o755)
+    make(stage=changed.path)
+    make.tree.file("go", "")
+    assert process.wait(timeout=60) == 0
