@@ -4,7 +4,6 @@
 -- `interval`), and stops the plugin when the agent stops. The latest values lie in the domain as JSON, under
 -- "vex.plugin.<name>.values".
 
-local json = require("vex.json")
 local plugins = require("vx_agent.plugins")
 local positive = require("vx_agent.positive")
 local log = require("vex.log")("vx_agent.collector")
@@ -22,13 +21,8 @@ end
 
 --- One collection into the domain.
 function M.collect(entry, dom)
-  local values = plugins.collect(entry, dom)
+  local values, encoded = plugins.collect(entry, dom)
   if not values then return false end
-  local encoded, message = json.encode(values)
-  if not encoded then
-    log.warning("Plugin '%s' collected what cannot be kept: %s", entry.id, message)
-    return false
-  end
   dom:Set("vex.plugin." .. entry.id .. ".values", encoded)
   dom:Set("vex.plugin." .. entry.id .. ".time", ("%d"):format(dom:TimeMillis()))
   log.debug("plugin %s: %s", entry.id, encoded)

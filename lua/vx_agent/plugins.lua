@@ -3,6 +3,7 @@
 -- A plugin x is the module "x.plugin": a table with `name` and `version`, and what it has of start(dom), collect(dom)
 -- and stop(dom). `collect` returns a table of values.
 
+local json = require("vex.json")
 local text = require("vex.text")
 local log = require("vex.log")("vex.PluginUtils")
 
@@ -61,8 +62,9 @@ function M.call(entry, method, dom)
   return false, tostring(result)
 end
 
---- Collects from a plugin that has been started.
--- @return table of values, or nil and a message
+--- Collects from a plugin that has been started. Values that JSON cannot hold are a failure of this plugin, so that a
+-- report on all of them does not break at one.
+-- @return table of values and its JSON text, or nil and a message
 function M.collect(entry, dom)
   local ok, values = M.call(entry, "collect", dom)
   if not ok then return nil, values end
@@ -71,7 +73,13 @@ function M.collect(entry, dom)
     log.warning("Plugin '%s': %s", entry.id, message)
     return nil, message
   end
-  return values or {}
+  values = values or {}
+  local encoded, message = json.encode(values)
+  if not encoded then
+    log.warning("Plugin '%s' collected what cannot be kept: %s", entry.id, message)
+    return nil, message
+  end
+  return values, encoded
 end
 
 return M

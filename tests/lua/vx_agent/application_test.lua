@@ -86,6 +86,23 @@ function M.TestApplication:test_a_plugin_that_fails_shows_in_its_block_and_the_r
   lu.assertStrContains(self:output(), "no figures")
 end
 
+function M.TestApplication:test_values_that_contain_themselves_fail_in_their_block_in_both_forms()
+  dom0.values["app.plugins"] = "probe"
+  self.application.init()
+  require("probe.plugin").collect = function()
+    local values = {}
+    values.again = values
+    return values
+  end
+  lu.assertEquals(self.application.main(), 0)
+  lu.assertStrContains(self:output(), "Host ")
+  lu.assertStrContains(self:output(), "Plugin Probe 1\n  failed: cannot encode a table that contains itself\n")
+  lu.assertStrContains(dom0:log(), "warning: Plugin 'probe' collected what cannot be kept: ")
+  self.written, arg = {}, { "--json" } -- luacheck: ignore 121
+  lu.assertEquals(self.application.main(), 0)
+  lu.assertEquals(json.decode(self:output()).plugins[1].error, "cannot encode a table that contains itself")
+end
+
 function M.TestApplication:test_the_background_starts_workers_and_prints_nothing()
   dom0.values["app.background"] = true
   dom0.values["app.plugins"] = "probe"
