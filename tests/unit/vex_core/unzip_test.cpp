@@ -1068,3 +1068,20 @@ TEST_F(Unzipping, LimitsComeFromTheDomain)
     dom->SetWx("app.unzip.maxentries", std::int64_t(-1));
     EXPECT_TRUE(Run(builder)) << "a limit below 0 is no limit that anyone meant";
 }
+
+TEST_F(Unzipping, LimitsComeFromTheSettingsFileWhereTheDomainHasNone)
+{
+    const DomPtr dom = NewRoot();
+    const std::string file = m_folder / "agent.ini";
+    WriteFile(file, "[settings]\napp.unzip.maxbytes=5\napp.unzip.maxentries=1\n");
+    dom->Set("app.path.ini", file);
+    ZipBuilder builder;
+    builder.Add("a", "123456");
+    EXPECT_FALSE(Run(builder));
+    EXPECT_NE(m_log->Lines()[0].text.find("over 5 bytes"), std::string::npos) << m_log->Lines()[0].text;
+    dom->SetWx("app.unzip.maxbytes", std::int64_t(1000));
+    EXPECT_TRUE(Run(builder));
+    builder.Add("b", "x");
+    EXPECT_FALSE(Run(builder));
+    EXPECT_NE(m_log->Lines()[0].text.find("more than 1 entries"), std::string::npos) << m_log->Lines()[0].text;
+}
