@@ -143,6 +143,8 @@ return { name = "Asker", version = "1",
     log = tree.log()
     assert acknowledged(tree) == list(range(1, count + 1))
     assert "asker stops" in log and "ERROR" not in log
+    # The framework's level would drop it; lines of scripts do not pass through that level.
+    assert re.search(r" DEBUG \[\d+/worker vx_agent\.collector\] plugin asker: \{\}\n", log)
     # A trace line names the code that traces, not the module that it goes through.
     assert re.search(r" TRACE .* vex\.Heartbeat wait_for_beat\(.*/vx_agent/heartbeat\.lua:\d+\): the next beat is due in \d+ s\n", log)
     warnings = [line for line in log.splitlines() if " WARNING [" in line]
