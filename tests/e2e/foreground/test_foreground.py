@@ -193,6 +193,15 @@ def test_os_exit_in_a_script_ends_the_process_with_that_status(tree):
     assert (result.status, result.out) == (9, "partial")
 
 
+@pytest.mark.parametrize("arguments,status,printed", [("", 0, ""), ("true", 0, ""), ("false", 1, ""), ("'7'", 7, ""),
+                                                      ("5, true", 5, "collected\n")])
+def test_os_exit_takes_what_it_takes_in_lua_itself(tree, arguments, status, printed):
+    tree.app("probe", f"""return {{ main = function()
+        kept = setmetatable({{}}, {{__gc = function() io.stdout:write("collected\\n") end}}); os.exit({arguments}) end }}""")
+    result = tree.run(name="probe")
+    assert (result.status, result.out, result.err) == (status, printed, "")
+
+
 @pytest.mark.parametrize("closed", ["0<&-", "1>&-", "2>&-", "0<&- 1>&- 2>&-"])
 def test_closed_standard_descriptors_do_no_harm(tree, closed):
     tree.app("probe", """return { main = function()

@@ -246,6 +246,18 @@ TEST_F(ModuleLoaderTest, ATemplateThatAScriptAddsIsSearchedAfterTheArchives)
     EXPECT_EQ(lua.Run("return require 'n'"), "stray");
 }
 
+TEST_F(ModuleLoaderTest, WhatIsGivenIsAskedAtEachLookup)
+{
+    Add("x.vxe", {{"m.lua", "return 'archive'"}});
+    ::Test::WriteFile(folder / "m.lua", "return 'file'");
+    Lua lua(dom);
+    lua.Run("package.path = '" + (folder / "?.lua") + "'");
+    const std::string again = "package.loaded.m = nil return require 'm'";
+    EXPECT_EQ(lua.Run(again), "archive");
+    dom->Set("app.lua.path", folder / "?.lua");
+    EXPECT_EQ(lua.Run(again), "file");
+}
+
 TEST_F(ModuleLoaderTest, NativeModulesComeAfterTheRestOfThePath)
 {
     Lua lua(dom);
@@ -667,15 +679,17 @@ TEST_F(ModuleLoaderTest, ALimitOfArchivesCountsHereToo)
     Add("x.vxe", {{"a.lua", "return 'x'"}, {"b.lua", "return 'x'"}});
     Add("y.vxe", {{"a.lua", "return 'y'"}});
     LogLines log;
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "y");
+    Lua lua(dom);
+    EXPECT_EQ(lua.Run("return require 'a'"), "y");
     EXPECT_EQ(log.lines.size(), 1u);
 
+    // What is on the path next is opened by the limits of now, not by those of a second ago.
     dom->SetWx("app.unzip.maxentries", std::int64_t(2));
     dom->SetWx("app.unzip.maxbytes", std::int64_t(10));
     dom->Set("app.lua.zippath", "");
     Add("z.vxe", {{"a.lua", "return 'more than ten bytes'"}});
     Add("short.vxe", {{"a.lua", "return 1"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+    EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), "1");
     EXPECT_EQ(log.lines.size(), 2u);
 }
 
@@ -739,6 +753,22 @@ TEST_F(ModuleLoaderTest, TheCacheFileIsNamedByTheArchivesDirectoryAndThisLuasFor
     const std::string key =
         ChunkCache::Key(ZipArchive::Open(path, ZipLimits(), error)->DirectorySha256(), LUA_RELEASE " " + format);
     EXPECT_EQ(CacheFiles(), std::vector<std::string>{CacheFolder() + "/" + key + ".luac"});
+}
+
+TEST_F(ModuleLoaderTest, TheCacheLiesInTheWorkFolderOfNow)
+{
+    Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}, {"c.lua", "return 'c'"}});
+    std::filesystem::create_directory(folder / "other");
+    {
+        Lua lua(dom);
+        EXPECT_EQ(lua.Run("return require 'a'"), "a") << "there is no work folder yet";
+        UseCache();
+        EXPECT_EQ(lua.Run("return require 'b'"), "b");
+        dom->Set("app.path.work", folder / "other");
+        EXPECT_EQ(lua.Run("return require 'c'"), "c");
+    }
+    EXPECT_EQ(CacheFiles().size(), 1u);
+    EXPECT_EQ(FilesBelow(folder / "other/cache").size(), 1u);
 }
 
 TEST_F(ModuleLoaderTest, TheCacheFolderAndItsFilesAreOurs)
