@@ -12,6 +12,7 @@
 #include <csignal>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,6 +20,7 @@
 #include <lua.hpp>
 
 #include <wx/evtloop.h>
+#include <wx/log.h>
 #include <wx/timer.h>
 
 #include <dlfcn.h>
@@ -643,12 +645,33 @@ TEST_F(Run, AnotherApplicationEndsTheProcessWithMinusOneAfterAnException)
 
 namespace {
 
+std::atomic<bool> s_scriptRuns{false};
+
+// Throws from the main loop once the script runs.
 class CThrower : public wxTimer
 {
 public:
-    CThrower() { StartOnce(1); }
-    void Notify() override { throw std::runtime_error("out of an event handler"); }
+    CThrower()
+    {
+        s_scriptRuns = false;
+        Start(1);
+    }
+    void Notify() override
+    {
+        if (!s_scriptRuns)
+            return;
+        Stop();
+        throw std::runtime_error("out of an event handler");
+    }
 };
+
+// On the script thread: comes back when the main thread has left its loop.
+void RunUntilTheLoopIsGone()
+{
+    s_scriptRuns = true;
+    while (Journal({"Runnable.requestExit"}).empty())
+        ::usleep(1000);
+}
 
 } // namespace
 
@@ -657,7 +680,20 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerLeavesOnceTheScriptThreadHasEnded)
     Access::DefaultName(App()) = true;
     answers().onRunScript = [this] {
         DefineModule();
-        ::usleep(20000); // so that the handler comes first
+        RunUntilTheLoopIsGone();
+    };
+    CThrower thrower;
+    EXPECT_THROW(App().RunScriptThread(), std::runtime_error);
+    EXPECT_THAT(Journal({"Runnable.requestExit", "Runnable.join", "~Runnable", "Exit"}),
+                ElementsAre("Runnable.requestExit()", "Runnable.join()", "~Runnable()"));
+}
+
+TEST_F(Run, AnExceptionOutOfAnEventHandlerIsNotOvertakenByAScriptThreadThatEndsProcessesItself)
+{
+    App().SetAppName("other");
+    answers().onRunScript = [this] {
+        DefineModule();
+        RunUntilTheLoopIsGone();
     };
     CThrower thrower;
     EXPECT_THROW(App().RunScriptThread(), std::runtime_error);
@@ -671,18 +707,22 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerEndsTheProcessAtOnceWhenTheScriptThrea
     answers().tracedModules = {"Appl"};
     answers().joinTimesOut = true;
     answers().onRunScript = [this] {
+        if (s_scriptRuns) // the first chunk has told it
+            return;
         DefineModule();
-        ::usleep(20000);
+        RunUntilTheLoopIsGone();
+        std::thread([] { wxLogWarning("queued by a stranger"); }).join();
     };
     CThrower thrower;
     EXPECT_EQ(RunToEnd(), -1);
     const Lines lines = Journal({"Runnable.requestExit", "Runnable.join", "Log(", "Trace(\"Appl\", \"OnUnhandled", "Exit"});
-    ASSERT_EQ(lines.size(), 6u);
+    ASSERT_EQ(lines.size(), 7u);
     EXPECT_EQ(lines[0], "Runnable.requestExit()");
     EXPECT_EQ(lines[1], "Runnable.join()");
     EXPECT_THAT(lines[2], HasSubstr("exiting. Run time was"));
     EXPECT_THAT(lines[4], HasSubstr("out of an event handler"));
-    EXPECT_EQ(lines[5], "ExitNow(-1)");
+    EXPECT_THAT(lines[5], HasSubstr("queued by a stranger"));
+    EXPECT_EQ(lines[6], "ExitNow(-1)");
 }
 
 // ------------------------------------------------------------------------------------------------------------ OnRun

@@ -72,6 +72,13 @@ public:
     }
 
     // --- script thread
+    // False: it does not any more; an exception has ended it, and the main thread is on its way out.
+    bool LoopTurns()
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        return m_loop == ELoop::Turns;
+    }
+
     // False: the loop will never turn.
     bool WaitForLoop()
     {
@@ -271,7 +278,8 @@ void CScriptThread::OnRun()
         // The thread's wrapper would end the thread alone, and the main thread would wait for a status for ever.
         app.OnUnhandledException();
     }
-    if (!app.m_defaultName && !app.m_background) {
+    // A main thread that an exception has taken out of its loop ends the process itself, by the framework's rules.
+    if (!app.m_defaultName && !app.m_background && HandBack().LoopTurns()) {
         CAgentApp::TerminationCleanup();
         VexCore::ExitProcessFromThread(status);
     }
