@@ -3,6 +3,7 @@ import locale
 import os
 import re
 import shutil
+import subprocess
 
 import pytest
 
@@ -149,6 +150,32 @@ def test_text_and_numbers_are_the_same_in_every_locale(tree, name):
     assert (result.status, result.out, result.err) == (0, "1.5\t1.5\té\tü\n", "")
 
 
+# Compiled for the test: hardly any machine has a locale with a decimal comma.
+@pytest.fixture(scope="module")
+def german(tmp_path_factory):
+    if not shutil.which("localedef"):
+        pytest.skip("NO LOCALEDEF HERE")
+    folder = tmp_path_factory.mktemp("locales")
+    made = subprocess.run(["localedef", "-c", "-i", "de_DE", "-f", "UTF-8", str(folder / "de_DE.UTF-8")], capture_output=True,
+                          text=True, check=False)
+    if not os.path.isdir(folder / "de_DE.UTF-8"):
+        pytest.skip("NO SOURCES OF LOCALES HERE: " + made.stderr.strip())
+    return {"LOCPATH": str(folder), "LANGUAGE": ""}
+
+
+@pytest.mark.parametrize("variables", [["LANG"], ["LC_ALL"], ["LC_ALL", "LC_NUMERIC", "LANG"]], ids="+".join)
+def test_numbers_keep_their_point_where_the_locale_has_a_comma(tree, german, variables):
+    tree.app("probe", """return { main = function()
+        print(1.5, tostring(tonumber("1.5")), ("%.1f"):format(2.5), require("vex.json").encode({1.25}), arg[1], os.date("%B", 5000000))
+        return 0 end }""")
+    environment = dict.fromkeys(("LANG", "LC_ALL", "LC_NUMERIC", "LC_CTYPE"), "")
+    environment.update(german, **dict.fromkeys(variables, "de_DE.UTF-8"))
+    result = tree.run("--", "é", name="probe", env=environment)
+    # The month shows that the locale is in force.
+    assert (result.status, result.out, result.err) == (0, "1.5\t1.5\t2.5\t[1.25]\té\tFebruar\n", "")
+    assert "Cannot set locale" not in result.log
+
+
 @pytest.fixture
 def missing_locale():
     name = "sw_KE.UTF-8"  # the framework knows it, and hardly any machine has it
@@ -200,6 +227,23 @@ def test_os_exit_takes_what_it_takes_in_lua_itself(tree, arguments, status, prin
         kept = setmetatable({{}}, {{__gc = function() io.stdout:write("collected\\n") end}}); os.exit({arguments}) end }}""")
     result = tree.run(name="probe")
     assert (result.status, result.out, result.err) == (status, printed, "")
+
+
+@pytest.mark.parametrize("closed", ["0<&-", "1>&-", "2>&-", "0<&- 1>&- 2>&-"])
+def test_closed_standard_descriptors_are_open_on_the_null_device_before_anything_else_is(tree, closed):
+    tree.app("probe", """return { main = function()
+        local stat = io.open("/proc/self/stat"); local pid = stat:read("*n"); stat:close()
+        local seen = assert(io.open(dom0:Get("app.path.work") .. "/seen", "w"))
+        for descriptor = 0, 2 do
+          local link = io.popen(("readlink /proc/%d/fd/%d"):format(pid, descriptor)); seen:write(link:read("*a")); link:close()
+        end
+        seen:close() return 0 end }""")
+    executable = os.path.join(tree.path, "probe")
+    assert tree.run("-c", f'"$0" {closed}', executable, executable="/bin/sh", name="probe").status == 0
+    with open(os.path.join(tree.work, "seen")) as file:
+        seen = file.read().splitlines()
+    for redirection in closed.split():
+        assert seen[int(redirection[0])] == "/dev/null", seen
 
 
 @pytest.mark.parametrize("closed", ["0<&-", "1>&-", "2>&-", "0<&- 1>&- 2>&-"])
