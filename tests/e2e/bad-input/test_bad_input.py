@@ -266,6 +266,21 @@ def test_an_argument_that_is_not_utf8_is_dropped_with_a_line_in_the_log(tree):
     assert re.search(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d WARNING \[\d+/main\] Command line argument 2 ", result.log, re.M), result.log
 
 
+def test_an_option_whose_value_is_not_valid_in_the_locale_is_dropped_with_its_value(tree):
+    tree.app("probe", SHOW)
+    result = tree.run(b"--domain_var=a=\xff\xfe", "--plugins=kept", name="probe")
+    assert (result.status, result.err) == (0, "")
+    assert "a" not in settings(result) and settings(result)["app.plugins"] == "kept"
+    assert re.search(r" WARNING \[\d+/main\] Command line argument 1 ", result.log), result.log
+
+
+def test_an_option_is_reported_when_only_its_value_was_dropped(tree):
+    result = tree.run("--appname", b"\xff\xfe")
+    assert result.status == 255
+    assert "Command line argument 2 " in result.err and "appname" in result.err and "Usage:" in result.err + result.out
+    assert not os.path.exists(tree.work)
+
+
 def test_a_dropped_argument_is_told_on_standard_error_when_the_command_line_is_bad(tree):
     executable = os.path.join(tree.path, "vx_agent")
     result = tree.run("-c", '"$0" --help "$(printf "\\377\\376")"', executable, executable="/bin/sh")
