@@ -71,6 +71,9 @@ BREACHES = [
     ("tests/e2e/a/test_a.py", "A = 1\n", 1, "a test file without a test"),
     ("tests/lua/a_test.lua", "return {}\n", 1, "a test file without a test"),
     ("tests/fuzz/a_fuzz.cpp", "LLVMFuzzerTestOneInput\n", 1, "no seeds in tests/fuzz/corpus/a/"),
+    ("src/vex/apps/vex/a.cpp", "wxFprintf(stderr, text);\n", 1, "wide output"),
+    ("src/vex_core/a.cpp", "int a;\nvoid f() { std::fputws(L\"a\", stdout); }\n", 2, "wide output"),
+    ("src/vex_core/a.cpp", "void f() { std::wcerr << L\"a\"; }\n", 1, "wide output"),
     ("docs/a.md", "one\n[two](b.md)\n", 2, "a link to b.md, which is not there"),
     ("docs/a.md", "# One\n\n[two](#two)\n", 3, "a link to #two, whose heading is not there"),
     ("docs/a.md", "see `tools/none` for it\n", 1, "it names tools/none, which is not there"),
@@ -91,6 +94,7 @@ ALLOWED = [
     ("src/vex_core/os/a.cpp", "int f() { return ::open(\"a\", 0); }\n"),
     ("src/vex_core/a.cpp", "int f() { return os::Open(\"a\", 0); } // not ::open(\n"),
     ("src/slb3/a.cpp", "void f() { process.kill(1); overkill(2); }\n"),
+    ("src/vex/apps/vex/a.cpp", "std::printf(\"a\"); std::fputs(\"a\", stderr); // not wxFputs\n"),
     ("tests/e2e/conftest.py", "import os\nassert pid > 1\nos.kill(pid, 9)\n"),
     ("src/vex/apps/vexctl/a.cpp", '#include "vex/apps/vex/version.h"\n'),
     ("src/vex/core/a.h", "#pragma once\n#include <lua.hpp>\nstruct lua_State;\nclass wxZipEntry; // no ZipArchive\n"),
@@ -130,6 +134,13 @@ def test_a_shell_script_that_cannot_be_read_is_a_breach(tree, script):
 
 def test_a_shell_script_that_cannot_be_run_is_a_breach(tree):
     assert tidy(tree({"run": "#!/bin/sh\ntrue\n"})) == (1, "run:1: a script that cannot be run\n")
+
+
+def test_a_page_to_which_no_list_leads_is_a_breach(tree):
+    root = tree({"docs/FORMATS.md": "[one](formats/one.md)\n", "docs/formats/one.md": "1\n", "docs/formats/two.md": "2\n",
+                 "docs/SETTINGS.md": "none\n", "docs/settings/one.md": "1\n"})
+    assert tidy(root) == (1, "docs/formats/two.md:1: docs/FORMATS.md does not lead here\n"
+                             "docs/settings/one.md:1: docs/SETTINGS.md does not lead here\n")
 
 
 SETTINGS = "| key | writer | default | meaning |\n|---|---|---|---|\n"
