@@ -669,6 +669,14 @@ TEST_F(Daemon, KeepsTheNameOfThePidFileForTheHandler)
     EXPECT_EQ(g_pidFileName, PidFile);
 }
 
+TEST_F(Daemon, ANameThatIsTooLongForAFileLeavesTheHandlerNothingToRemove)
+{
+    DetachToSupervisor();
+    m_system.ChildEnds(0);
+    EXPECT_EQ(Run(wxString(wxUniChar('n'), 100000)), 0);
+    EXPECT_EQ(Journal({"RemoveFile"}), Lines{"RemoveFile(\"\")"});
+}
+
 // --------------------------------------------------------------------------------------------- an earlier start's child
 
 TEST_F(Daemon, WaitsForTheChildOfAnEarlierStartBeforeItsFirst)

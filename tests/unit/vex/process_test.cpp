@@ -6,6 +6,7 @@
 #include "support/temp_folder.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <functional>
 #include <thread>
@@ -14,6 +15,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -214,6 +216,16 @@ TEST(ProcessSystem, AWorkerWhoseSupervisorEndsGetsASigterm)
     ::waitpid(supervisor, nullptr, 0);
 }
 
+TEST(ProcessSystem, AWorkerWhoseSupervisorIsGoneAlreadyIsToldSo)
+{
+    EXPECT_EQ(InChild([] {
+                  if (!VexOs::FollowParent(::getppid()))
+                      return 1;
+                  return VexOs::FollowParent(::getpid()) ? 2 : 0; // which is not its parent
+              }),
+              0);
+}
+
 TEST(ProcessSystem, TheFirstChildWaitsForTheEndOfTheStartingProcess)
 {
     CPipe go;
@@ -406,9 +418,29 @@ TEST(ProcessSystem, ASignalIsNeverSentToMoreThanOneProcess)
     }
 }
 
-TEST(ProcessSystem, SleepsForTheWholeTime)
+TEST(ProcessSystem, SleepsForTheWholeTimeWhateverSignalsCome)
 {
-    const auto begin = std::chrono::steady_clock::now();
-    System().SleepMs(20);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(20));
+    EXPECT_EQ(InChild([] {
+                  static volatile std::sig_atomic_t s_alarms = 0;
+                  struct sigaction action = {};
+                  action.sa_handler = [](int) {
+                      s_alarms = s_alarms + 1;
+                      const itimerval none = {};
+                      if (s_alarms == 1000)
+                          ::setitimer(ITIMER_REAL, &none, nullptr);
+                  };
+                  ::sigaction(SIGALRM, &action, nullptr);
+                  const itimerval soonAndOften = {{0, 10000}, {0, 10000}};
+                  ::setitimer(ITIMER_REAL, &soonAndOften, nullptr);
+                  using namespace std::chrono;
+                  const auto begin = steady_clock::now();
+                  System().SleepMs(100);
+                  const auto slept = steady_clock::now() - begin;
+                  if (s_alarms == 0)
+                      return 1;
+                  if (slept < milliseconds(100))
+                      return 2;
+                  return slept < milliseconds(5000) ? 0 : 3; // what is left is slept, not all of it again
+              }),
+              0);
 }

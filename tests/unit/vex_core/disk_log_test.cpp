@@ -659,6 +659,51 @@ TEST(DiskLog, OtherWriterFollowsToTheNewFile)
     EXPECT_EQ("b2\n", ReadFile(folder / "x.log"));
 }
 
+// A file system that is mounted over the folder starts to number its files anew.
+TEST(DiskLog, FileOfTheSameNumberOnAnotherDeviceIsAnotherFile)
+{
+    static int s_opened;
+    static bool s_otherDevice;
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    s_opened = 0;
+    s_otherDevice = true;
+    const Faults restored;
+    os::fileCalls.stat = [](const char* path, struct stat* status) {
+        const int result = os::systemFileCalls.stat(path, status);
+        status->st_dev += std::exchange(s_otherDevice, false);
+        return result;
+    };
+    os::fileCalls.open = [](const char* path, int flags, mode_t mode) {
+        ++s_opened;
+        return os::systemFileCalls.open(path, flags, mode);
+    };
+    log.Write("two\n", false);
+    log.Write("three\n", false);
+    EXPECT_EQ(1, s_opened);
+    EXPECT_EQ("one\ntwo\nthree\n", ReadFile(folder / "x.log"));
+}
+
+TEST(DiskLog, OpenFileIsWrittenOnWhileItsNameCannotBeAskedFor)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    DiskLog log(muchMemory, error.Descriptor());
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    Faults faults; // as in a folder that may not be searched any more
+    faults.FailAll("stat", EACCES);
+    os::fileCalls.open = [](const char*, int, mode_t) {
+        errno = EACCES;
+        return -1;
+    };
+    log.Write("two\n", false);
+    EXPECT_EQ("one\ntwo\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ("", error.Text());
+}
+
 TEST(DiskLog, FailedRotationIsSaidInTheLogAndTheFileGrowsOn)
 {
     const TempFolder folder;

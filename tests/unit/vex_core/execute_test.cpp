@@ -1,5 +1,6 @@
 #include "vex/core/execute.h"
 
+#include "support/child.h"
 #include "support/log_capture.h"
 #include "support/temp_folder.h"
 
@@ -288,6 +289,33 @@ TEST(Execute, TimeLimitKillsTheWholeGroup)
     EXPECT_TRUE(log.Lines().empty()) << log.All();
     std::this_thread::sleep_for(std::chrono::milliseconds(1300));
     EXPECT_FALSE(std::filesystem::exists(folder / "late"));
+}
+
+TEST(Execute, TimeLimitKillsAProgramThatHasLeftItsGroup)
+{
+    const auto body = [] {
+        ::setpgid(0, 0); // a group that a program of ours can see and join
+        const auto start = std::chrono::steady_clock::now();
+        const Result result = RunProgram("perl", {"-e", "setpgrp(0, getpgrp(getppid())) or exit 3; sleep 10"}, 500);
+        return !result.ran && result.error.Contains("was killed") && ElapsedMs(start) < 8000 ? 0 : 1;
+    };
+    EXPECT_TRUE(::Test::RunChild(body, true).Exited(0));
+}
+
+TEST(Execute, ProgramWhoseStatusSomebodyElseTookIsFalseWithReason)
+{
+    ::Test::TempFolder folder;
+    const DispositionKept restored(SIGCHLD, SIG_DFL);
+    std::thread somebody([&] {
+        while (!std::filesystem::exists(folder / "runs"))
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ::signal(SIGCHLD, SIG_IGN);
+        ::Test::WriteFile(folder / "go", "");
+    });
+    const Result result = Shell("touch " + (folder / "runs") + "; while [ ! -e " + (folder / "go") + " ]; do sleep 0.01; done");
+    somebody.join();
+    EXPECT_FALSE(result.ran);
+    EXPECT_EQ(result.error, "Program '/bin/sh' ended, but somebody else took its status");
 }
 
 TEST(Execute, TimeLimitHoldsAgainstAFloodOfOutput)

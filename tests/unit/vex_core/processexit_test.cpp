@@ -2,21 +2,26 @@
 
 #include "support/temp_folder.h"
 #include "vex/core/agentevent.h"
+#include "vex/core/log.h"
 #include "vex/core/luainterpreter.h"
 #include "vex/core/runnable.h"
 #include "vex_core/agentevent_store.h"
 #include "vex_core/wait.h"
 #include "vex_core/workers.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <wx/app.h>
 #include <wx/evtloop.h>
+#include <wx/log.h>
 #include <wx/sstream.h>
 
 using namespace VexCore;
@@ -120,13 +125,28 @@ TEST_F(ProcessExitTest, NoDestructorRunsUnderAnotherThreadOfOurs)
     EXPECT_EXIT(
         {
             TellAtExit();
-            std::printf("flushed");
             Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
             Launch([] { ExitProcessFromThread(7); }, true);
             ServeLoop();
             std::_Exit(1);
         },
         ::testing::ExitedWithCode(7), "^$");
+}
+
+TEST_F(ProcessExitTest, LogAndStandardOutputAreEmptiedAlsoWithoutDestructors)
+{
+    EXPECT_EXIT(
+        {
+            ::dup2(2, 1);
+            std::printf("printed");
+            wxLog::SetActiveTarget(new CLog2Disk);
+            std::thread([] { wxLogWarning("queued, and held for want of a place"); }).join();
+            Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
+            Launch([] { ExitProcessFromThread(7); }, true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(7), "/thread\\] queued, and held for want of a place\nprinted$");
 }
 
 TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
@@ -141,6 +161,21 @@ TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
             ExitProcessFromThread(3);
         },
         ::testing::ExitedWithCode(3), "stored in time");
+}
+
+TEST_F(ProcessExitTest, LaterExitWaitsForTheEndThatTheFirstBegan)
+{
+    EXPECT_EXIT(
+        {
+            std::atexit([] {
+                std::thread([] { ExitProcessFromThread(9); }).detach();
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            });
+            Launch([] { ExitProcessFromThread(8); }, true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(8), "");
 }
 
 TEST_F(ProcessExitTest, FirstOfSeveralExitsCounts)

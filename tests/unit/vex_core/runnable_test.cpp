@@ -77,6 +77,13 @@ TEST(Runnable, BodyRunsWithItsDomainAndIsTheCurrentOne)
     EXPECT_FALSE(body.Running());
 }
 
+TEST(Runnable, PriorityIsTheOneGivenAtTheStart)
+{
+    Body body([](Body& self) { EXPECT_EQ(self.GetPriority(), 40u); });
+    ASSERT_TRUE(body.start(40, true, 0));
+    EXPECT_TRUE(body.join());
+}
+
 TEST(Runnable, JoinWithATimeLimitTellsWhetherTheBodyEnded)
 {
     Gate gate;
