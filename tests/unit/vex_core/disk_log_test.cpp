@@ -760,8 +760,9 @@ TEST(DiskLog, HeldRecordsStayWithTheParentOfAFork)
 {
     const TempFolder folder;
     const ErrorFile error;
-    DiskLog log(muchMemory, error.Descriptor());
+    DiskLog log(8, error.Descriptor());
     log.Write("early\n", false);
+    log.Write("too much for the memory\n", false); // the count of such lines stays as well
     log.BeforeFork();
     const pid_t child = Fork(
         [&] {
@@ -776,7 +777,7 @@ TEST(DiskLog, HeldRecordsStayWithTheParentOfAFork)
     EXPECT_EQ(0, WaitFor(child));
     log.FlushAtEnd();
     EXPECT_EQ("child\n", ReadFile(folder / "x.log"));
-    EXPECT_EQ("early\n", error.Text());
+    EXPECT_EQ("too much for the memory\nearly\n", error.Text());
 }
 
 TEST(DiskLog, ChildForkedWhileAnotherThreadWritesCanWrite)
