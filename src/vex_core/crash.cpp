@@ -235,6 +235,17 @@ void LimitTime()
     alarm(limitSeconds);
 }
 
+// From here on a crash of the handler comes through, to be told. One before that, or one of the handling of that, meets a blocked
+// signal, for which the system ends the process at once: it would start the handler again and again otherwise.
+void OpenCrashSignals()
+{
+    sigset_t mask;
+    sigemptyset(&mask);
+    for (const CrashSignal& item : crashSignals)
+        sigaddset(&mask, item.number);
+    pthread_sigmask(SIG_UNBLOCK, &mask, nullptr);
+}
+
 void OnCrash(int signal, siginfo_t* info, void* context)
 {
     const int error = errno;
@@ -246,6 +257,7 @@ void OnCrash(int signal, siginfo_t* info, void* context)
         AnswerAndStay(context); // the other thread ends the process
     }
     firstCrash = {signal, info, context, getpid(), self};
+    OpenCrashSignals();
     LimitTime();
     Report(firstCrash, WriteCrashDump({dumpPath, temporaryPath, fullMemory}, firstCrash));
     alarm(0);
@@ -257,12 +269,9 @@ bool Install()
 {
     struct sigaction action = {};
     action.sa_sigaction = OnCrash;
-    // A crash inside the handler must come through, so the crash signals stay open.
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     sigfillset(&action.sa_mask);
     sigdelset(&action.sa_mask, SIGALRM);
-    for (const CrashSignal& item : crashSignals)
-        sigdelset(&action.sa_mask, item.number);
     for (const CrashSignal& item : crashSignals)
         if (sigaction(item.number, &action, nullptr) != 0)
             return false;

@@ -8,14 +8,18 @@
 #include "vex/core/runnable.h"
 #include "vex/core/sendsignal.h"
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
 
+#include <link.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -146,6 +150,46 @@ void CrashAmongNewThreads()
     CrashOnNull();
 }
 
+// Of the library whose code `handler` is.
+struct Library
+{
+    std::uintptr_t handler;
+    std::uintptr_t begin; // of its data
+    std::uintptr_t end;
+};
+
+int FindData(dl_phdr_info* info, std::size_t, void* found)
+{
+    Library& library = *static_cast<Library*>(found);
+    Library data = {library.handler, UINTPTR_MAX, 0};
+    bool isIt = false;
+    for (const ElfW(Phdr)* part = info->dlpi_phdr; part != info->dlpi_phdr + info->dlpi_phnum; ++part) {
+        const std::uintptr_t begin = info->dlpi_addr + part->p_vaddr;
+        if (part->p_type != PT_LOAD)
+            continue;
+        isIt = isIt || (library.handler >= begin && library.handler < begin + part->p_memsz);
+        if (part->p_flags & PF_W) {
+            data.begin = std::min<std::uintptr_t>(data.begin, begin);
+            data.end = std::max<std::uintptr_t>(data.end, begin + part->p_memsz);
+        }
+    }
+    if (isIt)
+        library = data;
+    return isIt;
+}
+
+// As when somebody writes over the library's file in place: what the handler would call first is not there any more.
+[[gnu::noinline]] void CrashWithoutTheLibrarysData()
+{
+    Library library = {reinterpret_cast<std::uintptr_t>(&InitCrashHandler), 0, 0};
+    const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    dl_iterate_phdr(FindData, &library);
+    library.begin -= library.begin % page;
+    volatile int* volatile nowhere = nullptr;
+    if (mprotect(reinterpret_cast<void*>(library.begin), library.end - library.begin, PROT_NONE) == 0)
+        *nowhere = 7;
+}
+
 int Crash(const std::string& way)
 {
     if (way == "null")
@@ -180,7 +224,8 @@ int Crash(const std::string& way)
     } else if (way == "nested") {
         BlockAllAnd(StrikeWhileItWrites);
         CrashByAbort();
-    }
+    } else if (way == "no-library")
+        CrashWithoutTheLibrarysData();
     return 4; // it should not have come here
 }
 

@@ -164,6 +164,13 @@ def test_crash_inside_the_handler_still_ends_by_the_first_signal(tmp_path):
     assert os.listdir(os.path.dirname(crash.dump)) == []
 
 
+def test_handler_whose_library_is_gone_ends_by_the_signal_and_does_not_start_again_and_again(tmp_path):
+    crash = Crash(tmp_path, "no-library")
+    assert crash.status == -signal.SIGSEGV
+    assert crash.err == "" and len(crash.log) == 1
+    assert not os.path.exists(os.path.dirname(crash.dump))
+
+
 def test_folder_that_cannot_be_made_is_told(tmp_path):
     (tmp_path / "file").write_text("in the way")
     crash = Crash(tmp_path, "null", dump=str(tmp_path / "file" / "diag" / "child.mdmp"))
