@@ -63,9 +63,11 @@ def unit(preset, environment):
 def end_to_end(name, stage, build_dir, environment, *selection):
     file = result_file("e2e-" + name)
     env = dict(environment, VEX_STAGE=os.path.join(ROOT, stage), VEX_BUILD=os.path.join(ROOT, build_dir))
-    # One more than there are processors: much of a test of a daemon is waiting.
+    # One more than there are processors: much of a test of a daemon is waiting. By groups of one, tests are handed out singly,
+    # so that no worker is left with several sweeps of minutes each.
     workers = (os.cpu_count() or 1) + 1
-    return Step(f"e2e {name}", ["tools/sandbox", PYTHON, "-m", "pytest", "-q", "-n", str(workers), "-p", "no:cacheprovider",
+    return Step(f"e2e {name}", ["tools/sandbox", PYTHON, "-m", "pytest", "-q", "-n", str(workers), "--dist", "loadgroup",
+                                "-p", "no:cacheprovider",
                                 f"--junitxml={file}", *selection, "tests/e2e"], [file], env, 7200)
 
 

@@ -67,7 +67,7 @@ def pytest_configure(config):
     config.addinivalue_line("markers", "sandbox: needs namespaces of its own; skips where there are none")
     config.addinivalue_line("markers", "any_user(always=False): once as root and once with a tree whose agent an ordinary user starts; "
                             "the latter with VEX_FULL=1 only, or always")
-    config.addinivalue_line("markers", "slow: takes minutes of real time; started first, so that the others run beside it")
+    config.addinivalue_line("markers", "slow: takes minutes, sweeps with VEX_FULL=1; started first, so that the others run beside it")
     is_worker = hasattr(config, "workerinput") or not config.getoption("numprocesses", None)
     config.have_sandbox = is_worker and _own_mounts()
 

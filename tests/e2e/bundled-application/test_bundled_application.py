@@ -160,6 +160,7 @@ def test_the_interval_may_come_from_the_configuration_file(tree):
     tree.stop(supervisor)
 
 
+@pytest.mark.slow
 @pytest.mark.sandbox
 @pytest.mark.skipif(SANITIZER == "thread", reason="this sanitizer has a thread of its own, which holds the lock of a killed "
                     "supervisor a moment longer than the process seems to live")

@@ -20,7 +20,7 @@ from agents import CAUGHT, LIFE, delayed, exited, killed, life, records, uninter
 from conftest import (BUILD, FULL, ORDINARY_USER, PATIENCE, SANITIZER, TRACED, Tree, alive, children, require_ordinary_user,
                       send_signal)
 
-pytestmark = pytest.mark.sandbox
+pytestmark = [pytest.mark.sandbox, pytest.mark.slow]
 STOPAT = os.environ.get("VEX_STOPAT", os.path.join(BUILD, "tests", "stopat"))
 AT_ONCE = 4
 SHUTDOWN = 4  # what `shutdown` returns: tells an orderly stop's status from that of an end at once

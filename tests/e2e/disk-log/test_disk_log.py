@@ -68,6 +68,7 @@ def pieces(lines):
     return [line for line in lines if line and not RECORD.match(line) and not line.startswith("    ")]
 
 
+@pytest.mark.slow
 def test_processes_that_rotate_one_log_lose_and_tear_no_line_though_one_is_killed(tree):
     count = 500_000 if FULL else 5_000
     tree.app("writer", WRITER)

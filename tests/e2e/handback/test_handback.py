@@ -44,6 +44,7 @@ def make_application(tree, name, source):
     return ["--lua_path", tree.path + "/front/?.lua"]
 
 
+@pytest.mark.slow
 @pytest.mark.fast
 @pytest.mark.parametrize("name", ["vx_agent", "probe"])
 def test_a_script_that_ends_at_once_neither_hangs_nor_loses_its_status(tree, name):

@@ -130,6 +130,7 @@ def one_point(tree, kind, number, error, old, new):
     return outcome
 
 
+@pytest.mark.slow
 @pytest.mark.sandbox
 @pytest.mark.parametrize("size", SETS)
 @pytest.mark.parametrize("kind", ["vxp", "vxu"])

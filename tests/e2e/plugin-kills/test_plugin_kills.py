@@ -31,6 +31,7 @@ def start(tree, kind, number=0):
     return process.returncode, calls
 
 
+@pytest.mark.slow
 @pytest.mark.sandbox
 @pytest.mark.parametrize("what,kind,old,done_number", [("update", "vxp", OLD, 5101), ("first installation", "vxp", {}, 5101),
                                                        ("removal", "vxu", OLD, 5105)])

@@ -146,7 +146,7 @@ TEST_F(ProcessExitTest, LogAndStandardOutputAreEmptiedAlsoWithoutDestructors)
             ServeLoop();
             std::_Exit(1);
         },
-        ::testing::ExitedWithCode(7), "/thread\\] queued, and held for want of a place\nprinted$");
+        ::testing::ExitedWithCode(7), "\\] queued, and held for want of a place\nprinted$");
 }
 
 TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
