@@ -108,9 +108,11 @@ ELogLevel LevelOf(wxLogLevel level)
     }
 }
 
+// A thread of ours that ends the process writes down what others left in the framework's queue.
 const char* ThreadName(wxThreadIdType thread)
 {
-    if (const CRunnable* const runnable = CRunnable::Current())
+    const CRunnable* const runnable = CRunnable::Current();
+    if (runnable && thread == wxThread::GetCurrentId())
         return runnable->GetThreadName();
     const wxThreadIdType main = wxThread::GetMainId(); // 0 until the framework is initialised, when there is no other thread
     return main == 0 || thread == main ? "main" : "thread";

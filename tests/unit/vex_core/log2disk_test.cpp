@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <memory>
 #include <sstream>
+#include <future>
 #include <thread>
 
 #include <fcntl.h>
@@ -92,6 +93,12 @@ public:
 
 protected:
     void OnRun() override { wxLogWarning("from a thread"); }
+};
+
+class ExitingThread : public LoggingThread
+{
+protected:
+    void OnRun() override { std::exit(5); }
 };
 
 } // namespace
@@ -337,6 +344,27 @@ TEST_F(LogToDisk, QueueIsEmptiedWhenAnotherThreadExits)
             wxLogWarning("queued");
             std::exit(5);
         }).join();
+        return 0;
+    });
+    EXPECT_TRUE(result.Exited(5));
+    EXPECT_THAT(Text(), EndsWith("/thread] queued\n"));
+}
+
+TEST_F(LogToDisk, QueuedLinesAreNotThoseOfTheThreadThatEndsTheProcess)
+{
+    MakeRoot();
+    const ChildResult result = RunChild([] {
+        std::promise<void> logged;
+        // It lives on, so that its number is nobody else's.
+        std::thread([&logged] {
+            wxLogWarning("queued");
+            logged.set_value();
+            ::pause();
+        }).detach();
+        logged.get_future().wait();
+        ExitingThread thread;
+        thread.start(50, false, 0);
+        thread.join(-1);
         return 0;
     });
     EXPECT_TRUE(result.Exited(5));
