@@ -269,6 +269,11 @@ def test_a_stop_at_any_call_of_a_restarted_child_is_taken_after_main(user, bysta
     assert "orderly" in sweep(user, "restart", 4, 16)
 
 
+# The thread sanitizer's own thread makes calls by the clock, so that the n-th call is another one in each life.
+WITHOUT_THREADS = pytest.mark.skipif(SANITIZER == "thread", reason="the sanitizer adds a thread, whose calls and end this sweep cannot "
+                                     "tell from the process's; that has one thread, so there is no race to find")
+
+
 def check_start(results, before):
     """First what `before` says, then the stops that go on to the agent, then the few that come too late for that."""
     known = [result for result in results if result != "beyond"]
@@ -276,9 +281,11 @@ def check_start(results, before):
     assert set(before) | {"orderly"} <= set(known), known
 
 
+@WITHOUT_THREADS
 def test_a_stop_of_the_starting_process_leaves_nothing_or_stops_the_agent(user, bystander):
     check_start(sweep(user, "first", 0, 10, outcome_of_start, last=30), ["killed"])
 
 
+@WITHOUT_THREADS
 def test_a_stop_of_the_first_child_stops_the_agent(user, bystander):
     check_start(sweep(user, "first", 1, 8, outcome_of_start, last=10), [])

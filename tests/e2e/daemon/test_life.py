@@ -213,7 +213,7 @@ local M = {}
 local function note(what)
   local f = assert(io.open(dom0:Get("app.path.work") .. "/life", "a")); f:write(what, "\\n"); f:close()
 end
-local function pause(name) note(name); if os.getenv("VEX_TEST_SLOW") == name then dom0:Wait("never", 2); note(name .. "-end") end return 0 end
+local function pause(name) note(name); if os.getenv("VEX_TEST_SLOW") == name then dom0:Wait("never", name == "shutdown" and 30 or 2); note(name .. "-end") end return 0 end
 function M.init() return pause("init") end
 function M.main() return pause("main") end
 function M.shutdown() return pause("shutdown") end
