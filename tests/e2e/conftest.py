@@ -91,6 +91,19 @@ def require_ordinary_user():
             pytest.skip("NO SECOND USER in this user namespace")
 
 
+@pytest.fixture(scope="session")
+def preload(tmp_path_factory):
+    """Gives libraries of the build a name for LD_PRELOAD, which takes blanks and colons for separators."""
+    folder = tmp_path_factory.mktemp("preload")
+
+    def name_of(library):
+        link = folder / library
+        if not link.is_symlink():
+            link.symlink_to(os.path.join(BUILD, "tests", library))
+        return str(link)
+    return name_of
+
+
 @pytest.fixture(autouse=True)
 def _fresh_system_folders(request):
     if request.node.get_closest_marker("sandbox") is None:

@@ -85,13 +85,13 @@ def descriptors(process):
 
 
 @pytest.mark.slow
-def test_the_supervisor_of_a_whole_agent_stays_as_it_is_and_its_pid_file_whole(tree):
+def test_the_supervisor_of_a_whole_agent_stays_as_it_is_and_its_pid_file_whole(tree, preload):
     def count():
         path = os.path.join(tree.work, "count")
         return os.path.getsize(path) if os.path.exists(path) else 0
 
     tree.app("probe", DIES)
-    result = tree.run("--background", name="probe", env={"LD_PRELOAD": os.path.join(BUILD, "tests", "libfasttime.so")})
+    result = tree.run("--background", name="probe", env={"LD_PRELOAD": preload("libfasttime.so")})
     assert (result.status, result.out, result.err) == (0, "", "")
     supervisor = wait_until(lambda: tree.supervisor("probe"), what="pid file")
     tree._started.append(supervisor)

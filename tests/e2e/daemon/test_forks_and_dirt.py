@@ -9,7 +9,7 @@ import time
 import pytest
 
 from agents import CAUGHT, ENDED, LIFE, PID_FILE, adopted_statuses, check_log, check_silent, delayed, killed, life, run_adopted
-from conftest import BUILD, SANITIZED, TRACED, alive, children, send_signal, wait_until
+from conftest import SANITIZED, TRACED, alive, children, send_signal, wait_until
 
 pytestmark = pytest.mark.sandbox
 NO_PROCESS = "(error 11: Resource temporarily unavailable)"
@@ -36,14 +36,15 @@ def test_the_agents_own_name_says_goodbye_when_the_first_fork_fails(tree):
               ("INFO", re.compile(r"VEX 10\.0\.0\.4015 exiting\. Run time was 0d 00:00:0\d\.\d{3}")), name="vx_agent")
 
 
-def failing_fork(number):
+@pytest.fixture
+def failing_fork(preload):
     """strace counts for each process apart, so that the later places need a shim that counts across processes."""
-    return {"LD_PRELOAD": os.path.join(BUILD, "tests", "libforkfail.so"), "VEX_FAIL_FORK": number}
+    return lambda number: {"LD_PRELOAD": preload("libforkfail.so"), "VEX_FAIL_FORK": number}
 
 
 @pytest.mark.skipif(SANITIZED, reason="a preloaded shim does not go with a sanitizer")
 @pytest.mark.parametrize("number,text,statuses", [(2, "Unable to do 2nd fork", [0, 255]), (3, "Unable to fork child", [0, 0, 255])])
-def test_later_forks_that_fail_are_errors_with_status_255_and_leave_no_pid_file(tree, number, text, statuses):
+def test_later_forks_that_fail_are_errors_with_status_255_and_leave_no_pid_file(tree, failing_fork, number, text, statuses):
     tree.app("probe", LIFE)
     ended = adopted_statuses(tree, failing_fork(number))
     assert sorted(status for _, status in ended) == statuses
@@ -52,7 +53,7 @@ def test_later_forks_that_fail_are_errors_with_status_255_and_leave_no_pid_file(
 
 
 @pytest.mark.skipif(SANITIZED, reason="a preloaded shim does not go with a sanitizer")
-def test_the_fork_of_a_restart_that_fails_is_an_error_and_takes_the_pid_file_away(tree):
+def test_the_fork_of_a_restart_that_fails_is_an_error_and_takes_the_pid_file_away(tree, failing_fork):
     tree.app("probe", LIFE)
 
     def kill_child(supervisor):
