@@ -131,7 +131,9 @@ void ExitProcessFromThread(int status)
     }
     StoreKeptEvents();
     wxLog::FlushActive();
-    if (!OtherRunnablesRun() && (wxThread::IsMain() || ParkMainThread()))
+    // Parked in any case: it may be writing down what it took from the framework's queue.
+    const bool mainIsOutOfTheWay = wxThread::IsMain() || ParkMainThread();
+    if (mainIsOutOfTheWay && !OtherRunnablesRun())
         std::exit(status);
     LeaveWithoutDestructors(status);
 }

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -140,13 +141,20 @@ TEST_F(ProcessExitTest, LogAndStandardOutputAreEmptiedAlsoWithoutDestructors)
             ::dup2(2, 1);
             std::printf("printed");
             wxLog::SetActiveTarget(new CLog2Disk);
-            std::thread([] { wxLogWarning("queued, and held for want of a place"); }).join();
+            std::promise<void> logged;
+            // It lives on, so that its number is nobody else's.
+            std::thread([&logged] {
+                wxLogWarning("queued, and held for want of a place");
+                logged.set_value();
+                ::pause();
+            }).detach();
+            logged.get_future().wait();
             Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
             Launch([] { ExitProcessFromThread(7); }, true);
             ServeLoop();
             std::_Exit(1);
         },
-        ::testing::ExitedWithCode(7), "\\] queued, and held for want of a place\nprinted$");
+        ::testing::ExitedWithCode(7), "/thread\\] queued, and held for want of a place\nprinted$");
 }
 
 TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
