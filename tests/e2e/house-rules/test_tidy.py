@@ -136,6 +136,12 @@ def test_a_shell_script_that_cannot_be_run_is_a_breach(tree):
     assert tidy(tree({"run": "#!/bin/sh\ntrue\n"})) == (1, "run:1: a script that cannot be run\n")
 
 
+def test_a_file_that_can_be_run_and_is_no_script_is_a_breach(tree):
+    root = tree({"list.txt": "one\n"})
+    os.chmod(os.path.join(root, "list.txt"), 0o755)
+    assert tidy(root) == (1, "list.txt:1: it can be run and is no script\n")
+
+
 def test_a_page_to_which_no_list_leads_is_a_breach(tree):
     root = tree({"docs/FORMATS.md": "[one](formats/one.md)\n", "docs/formats/one.md": "1\n", "docs/formats/two.md": "2\n",
                  "docs/SETTINGS.md": "none\n", "docs/settings/one.md": "1\n"})

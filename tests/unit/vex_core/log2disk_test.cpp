@@ -12,9 +12,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <future>
 #include <memory>
 #include <sstream>
-#include <future>
 #include <thread>
 
 #include <fcntl.h>
