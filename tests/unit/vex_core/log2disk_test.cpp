@@ -2,6 +2,7 @@
 
 #include "support/child.h"
 #include "support/dom_ptr.h"
+#include "support/stranger.h"
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 #include "vex/core/runnable.h"
@@ -12,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <future>
 #include <memory>
 #include <sstream>
 #include <thread>
@@ -27,6 +27,7 @@ using testing::MatchesRegex;
 using Test::ChildResult;
 using Test::DomPtr;
 using Test::Fork;
+using Test::LogFromAStranger;
 using Test::ReadFile;
 using Test::RunChild;
 using Test::TempFolder;
@@ -354,14 +355,7 @@ TEST_F(LogToDisk, QueuedLinesAreNotThoseOfTheThreadThatEndsTheProcess)
 {
     MakeRoot();
     const ChildResult result = RunChild([] {
-        std::promise<void> logged;
-        // It lives on, so that its number is nobody else's.
-        std::thread([&logged] {
-            wxLogWarning("queued");
-            logged.set_value();
-            ::pause();
-        }).detach();
-        logged.get_future().wait();
+        LogFromAStranger("queued");
         ExitingThread thread;
         thread.start(50, false, 0);
         thread.join(-1);

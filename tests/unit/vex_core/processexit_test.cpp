@@ -1,5 +1,6 @@
 #include "vex/core/processexit.h"
 
+#include "support/stranger.h"
 #include "support/temp_folder.h"
 #include "vex/core/agentevent.h"
 #include "vex/core/log.h"
@@ -141,20 +142,53 @@ TEST_F(ProcessExitTest, LogAndStandardOutputAreEmptiedAlsoWithoutDestructors)
             ::dup2(2, 1);
             std::printf("printed");
             wxLog::SetActiveTarget(new CLog2Disk);
-            std::promise<void> logged;
-            // It lives on, so that its number is nobody else's.
-            std::thread([&logged] {
-                wxLogWarning("queued, and held for want of a place");
-                logged.set_value();
-                ::pause();
-            }).detach();
-            logged.get_future().wait();
+            ::Test::LogFromAStranger("queued, and held for want of a place");
             Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
             Launch([] { ExitProcessFromThread(7); }, true);
             ServeLoop();
             std::_Exit(1);
         },
         ::testing::ExitedWithCode(7), "/thread\\] queued, and held for want of a place\nprinted$");
+}
+
+/// Takes its time over what the main thread writes, and says when it has begun.
+class SlowInMain : public CLog2Disk
+{
+public:
+    explicit SlowInMain(std::promise<void>& begun) : m_begun(begun) {}
+
+protected:
+    void DoLogRecord(wxLogLevel level, const wxString& text, const wxLogRecordInfo& info) override
+    {
+        if (wxThread::IsMain()) {
+            m_begun.set_value();
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        }
+        CLog2Disk::DoLogRecord(level, text, info);
+    }
+
+private:
+    std::promise<void>& m_begun;
+};
+
+TEST_F(ProcessExitTest, LineThatTheMainThreadIsWritingIsWaitedForAlsoWithoutDestructors)
+{
+    EXPECT_EXIT(
+        {
+            static std::promise<void> begun;
+            wxLog::SetActiveTarget(new SlowInMain(begun));
+            ::Test::LogFromAStranger("taken out of the queue");
+            Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
+            Launch(
+                [] {
+                    begun.get_future().wait();
+                    ExitProcessFromThread(7);
+                },
+                true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(7), "/thread\\] taken out of the queue\n$");
 }
 
 TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
