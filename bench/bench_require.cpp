@@ -9,8 +9,8 @@
 // cache being written, and the cost of one lookup behind 500 archives against stock Lua behind 500 templates.
 
 #include "vex/core/dom.h"
-#include "vex_core/archive_index.h"
-#include "vex_core/chunk_cache.h"
+#include "vex_core/modules/archive_index.h"
+#include "vex_core/modules/chunk_cache.h"
 
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"

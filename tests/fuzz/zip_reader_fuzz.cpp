@@ -1,6 +1,6 @@
 // Any bytes as an archive: refused, or read whole with the two ways of reading agreeing.
-#include "vex_core/zip_names.h"
-#include "vex_core/zip_reader.h"
+#include "vex_core/zip/zip_names.h"
+#include "vex_core/zip/zip_reader.h"
 
 #include "fuzz/zip_recipe.h"
 

@@ -55,7 +55,7 @@ BREACHES = [
     ("src/slb3/a.cpp", '#include "vex/core/dom.h"\n', 1, "does not include vex/core/dom.h"),
     ("src/vex/core/a.h", '#pragma once\n#include "vex_core/a.h"\n', 2, "does not include vex_core/a.h"),
     ("src/vex_core/a.cpp", '#include "vex/apps/vex/vex.h"\n', 1, "does not include vex/apps/vex/vex.h"),
-    ("src/vex/apps/vex/a.cpp", '#include "vex_core/zip_reader.h"\n', 1, "does not include vex_core/zip_reader.h"),
+    ("src/vex/apps/vex/a.cpp", '#include "vex_core/zip/zip_reader.h"\n', 1, "does not include vex_core/zip/zip_reader.h"),
     ("src/vex/core/a.h", "#pragma once\n#include <sqlite3.h>\n", 2, "src/vex/core/ does not include sqlite3.h"),
     ("src/vex/apps/vex/a.cpp", "#include <pugixml.hpp>\n", 1, "does not include pugixml.hpp"),
     ("src/slb3/a.cpp", "#include <openssl/ssl.h>\n", 1, "does not include openssl/ssl.h"),
@@ -166,7 +166,7 @@ def test_settings_of_code_and_documents_are_the_same(tree):
 def test_a_documented_default_is_the_codes(tree):
     files = {"docs/settings/a.md": SETTINGS + "| app.log.count | x | 6 | y |\n| app.log.size | x | 8192 | y |\n"
                                               "| app.new | x | 3 | y |\n",
-             "src/vex_core/disk_log.h": "#pragma once\nint keep = 5;\nlong maxBytes = 8 * 1024;\n",
+             "src/vex_core/log/disk_log.h": "#pragma once\nint keep = 5;\nlong maxBytes = 8 * 1024;\n",
              "src/vex_core/a.cpp": 'Get("app.log.count", "app.log.size", "app.new");\n'}
     code, output = tidy(tree(files))
     assert code == 1

@@ -1,0 +1,81 @@
+#include "vex_core/base/wait.h"
+
+#include <chrono>
+
+namespace VexCore {
+
+namespace {
+
+thread_local WaitPoint* t_bound = nullptr;
+
+// A century: what lies beyond is "no limit", and adding it to the clock does not overflow.
+constexpr std::int64_t maxTimeoutMs = std::int64_t(100) * 365 * 24 * 3600 * 1000;
+
+} // namespace
+
+WaitPoint& WaitPoint::OfThisThread()
+{
+    if (t_bound)
+        return *t_bound;
+    thread_local WaitPoint own;
+    return own;
+}
+
+WaitPoint::EOutcome WaitPoint::Sleep(std::int64_t timeoutMs)
+{
+    std::unique_lock<std::mutex> lock(m_lock);
+    const auto woken = [this] { return m_notified || m_awakened || m_ending.load(std::memory_order_relaxed); };
+    if (timeoutMs < 0 || timeoutMs > maxTimeoutMs)
+        m_wake.wait(lock, woken);
+    else
+        m_wake.wait_until(lock, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs), woken);
+
+    if (m_ending.load(std::memory_order_relaxed))
+        return EOutcome::Ending;
+    if (m_notified) {
+        m_notified = false;
+        return EOutcome::Notified;
+    }
+    m_awakened = false;
+    return EOutcome::TimedOut;
+}
+
+void WaitPoint::Clear()
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_notified = false;
+}
+
+// The wakers notify under the lock: once the sleeper runs on, it may destroy the wait point.
+void WaitPoint::Notify()
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_notified = true;
+    m_wake.notify_one();
+}
+
+void WaitPoint::Awaken()
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_awakened = true;
+    m_wake.notify_one();
+}
+
+void WaitPoint::RequestExit()
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_ending.store(true, std::memory_order_release);
+    m_wake.notify_one();
+}
+
+WaitPoint::Binding::Binding(WaitPoint& point) : m_before(t_bound)
+{
+    t_bound = &point;
+}
+
+WaitPoint::Binding::~Binding()
+{
+    t_bound = m_before;
+}
+
+} // namespace VexCore

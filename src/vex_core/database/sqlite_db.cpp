@@ -1,0 +1,337 @@
+#include "vex_core/database/sqlite_db.h"
+#include "vex/core/dom.h"
+#include "vex/core/log.h"
+#include "vex/core/sqlitedb.h"
+#include "vex_core/events/agentevent_store.h"
+#include "vex_core/lua/lua_db.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/threads/runnable_p.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include <sqlite3.h>
+
+namespace VexCore {
+
+// --- settings of the process
+// -----------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr char settingPrefix[] = "sqlite.config";
+
+std::mutex settingsMutex;
+SqliteSettings processSettings; // guarded by settingsMutex
+
+// One setting: its name after "sqlite.config." and what is done with its value. False: the value means
+// nothing.
+struct SettingRule
+{
+    const char* name;
+    bool (*apply)(std::int64_t value, SqliteSettings& settings);
+};
+
+bool ApplyMemstatus(std::int64_t value, SqliteSettings&)
+{
+    return (value == 0 || value == 1) &&
+           sqlite3_config(SQLITE_CONFIG_MEMSTATUS, static_cast<int>(value)) == SQLITE_OK;
+}
+
+bool ApplyMmapSize(std::int64_t value, SqliteSettings&)
+{
+    const sqlite3_int64 size = value;
+    const sqlite3_int64 noCap = -1; // the library's own limit stays
+    return value >= 0 && sqlite3_config(SQLITE_CONFIG_MMAP_SIZE, size, noCap) == SQLITE_OK;
+}
+
+bool ApplyCacheSize(std::int64_t value, SqliteSettings& settings)
+{
+    settings.cacheSize = value;
+    return true;
+}
+
+bool ApplyBusyTimeout(std::int64_t value, SqliteSettings& settings)
+{
+    if (value < 0 || value > 3600000)
+        return false;
+    settings.busyTimeoutMs = value;
+    return true;
+}
+
+bool ApplyJournalSizeLimit(std::int64_t value, SqliteSettings& settings)
+{
+    if (value < -1)
+        return false;
+    settings.journalSizeLimit = value;
+    return true;
+}
+
+bool ApplySynchronous(std::int64_t value, SqliteSettings& settings)
+{
+    if (value < 0 || value > 3)
+        return false;
+    settings.synchronous = value;
+    return true;
+}
+
+// Initialises the library, so it comes last.
+bool ApplySoftHeapLimit(std::int64_t value, SqliteSettings&)
+{
+    return value >= 0 && sqlite3_soft_heap_limit64(value) >= 0;
+}
+
+const SettingRule settingRules[] = {
+    {"memstatus", ApplyMemstatus},
+    {"mmap_size", ApplyMmapSize},
+    {"cache_size", ApplyCacheSize},
+    {"busy_timeout", ApplyBusyTimeout},
+    {"journal_size_limit", ApplyJournalSizeLimit},
+    {"synchronous", ApplySynchronous},
+    {"soft_heap_limit", ApplySoftHeapLimit},
+};
+
+void WarnOfUnknownSettings(const CDom& dom)
+{
+    for (const std::string& key : dom.Keys("")) {
+        if (key.compare(0, sizeof settingPrefix - 1, settingPrefix) != 0)
+            continue;
+        const bool known =
+            std::any_of(std::begin(settingRules), std::end(settingRules), [&key](const SettingRule& rule) {
+                return key == std::string(settingPrefix) + "." + rule.name;
+            });
+        if (!known)
+            wxLogWarning(wxT("Unknown database setting '%s'"), TextWithoutNul(key));
+    }
+}
+
+} // namespace
+
+SqliteSettings GetSqliteSettings()
+{
+    const std::lock_guard<std::mutex> lock(settingsMutex);
+    return processSettings;
+}
+
+void SetSqliteSettings(const SqliteSettings& settings)
+{
+    const std::lock_guard<std::mutex> lock(settingsMutex);
+    processSettings = settings;
+}
+
+bool CSqliteDatabase::InitializeSQLite(CDom* dom)
+{
+    SqliteSettings settings;
+    if (dom != nullptr) {
+        for (const SettingRule& rule : settingRules) {
+            const std::string key = std::string(settingPrefix) + "." + rule.name;
+            std::int64_t value = 0;
+            if (!dom->Has(key.c_str()))
+                continue;
+            if (!dom->Get(key.c_str(), value) || !rule.apply(value, settings))
+                wxLogWarning(wxT("Database setting '%s' cannot be '%s'"), wxString::FromUTF8(key.c_str()),
+                             dom->GetWxString(key.c_str()));
+        }
+        WarnOfUnknownSettings(*dom);
+    }
+    SetSqliteSettings(settings);
+    const int result = sqlite3_initialize();
+    if (result != SQLITE_OK)
+        wxLogError(wxT("The database library cannot be initialised (%s)"),
+                   wxString::FromUTF8(sqlite3_errstr(result)));
+    return result == SQLITE_OK;
+}
+
+void CSqliteDatabase::ShutdownSQLite()
+{
+    CloseEventStores();
+    // A thread that was left running may be inside SQLite, or go there, until the process ends.
+    if (CloseLuaDatabases() && !OtherRunnablesRun())
+        sqlite3_shutdown();
+}
+
+const char* JournalModeFor(int libraryVersion)
+{
+    return libraryVersion >= 3051003 ? "WAL" : "TRUNCATE";
+}
+
+// --- connections
+// -----------------------------------------------------------------------------------------------------
+
+void SqliteDb::Closer::operator()(sqlite3* handle) const
+{
+    sqlite3_close_v2(handle);
+}
+
+bool SqliteDb::Fail(int code)
+{
+    m_errorCode = code;
+    m_error = m_handle && sqlite3_extended_errcode(m_handle.get()) == code ? sqlite3_errmsg(m_handle.get())
+                                                                           : sqlite3_errstr(code);
+    return false;
+}
+
+bool SqliteDb::Open(const std::string& path, std::int64_t minSynchronous)
+{
+    Close();
+    sqlite3* handle = nullptr;
+    const int result =
+        sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    m_handle.reset(handle); // there is one after a failure too
+    if (result != SQLITE_OK) {
+        Fail(handle != nullptr ? sqlite3_extended_errcode(handle) : result);
+        Close();
+        return false;
+    }
+    sqlite3_extended_result_codes(handle, 1);
+    const SqliteSettings settings = GetSqliteSettings();
+    sqlite3_busy_timeout(handle, static_cast<int>(settings.busyTimeoutMs));
+    std::string sql = "PRAGMA trusted_schema=OFF; PRAGMA synchronous=" +
+                      std::to_string(std::max(settings.synchronous, minSynchronous)) + ";";
+    if (settings.cacheSize)
+        sql += "PRAGMA cache_size=" + std::to_string(*settings.cacheSize) + ";";
+    if (settings.journalSizeLimit)
+        sql += "PRAGMA journal_size_limit=" + std::to_string(*settings.journalSizeLimit) + ";";
+    sql += std::string("PRAGMA journal_mode=") + JournalModeFor(sqlite3_libversion_number()) + ";";
+    if (Exec(sql.c_str()))
+        return true;
+    Close();
+    return false;
+}
+
+void SqliteDb::Close()
+{
+    m_handle.reset();
+}
+
+void SqliteDb::Abandon()
+{
+    static_cast<void>(m_handle.release());
+}
+
+bool SqliteDb::Exec(const char* sql)
+{
+    if (!m_handle)
+        return Fail(SQLITE_MISUSE);
+    const int result = sqlite3_exec(m_handle.get(), sql, nullptr, nullptr, nullptr);
+    return result == SQLITE_OK || Fail(result);
+}
+
+std::int64_t SqliteDb::LastInsertId() const
+{
+    return sqlite3_last_insert_rowid(m_handle.get());
+}
+
+int SqliteDb::Changes() const
+{
+    return sqlite3_changes(m_handle.get());
+}
+
+// --- statements
+// ------------------------------------------------------------------------------------------------------
+
+void SqliteStatement::Finalizer::operator()(sqlite3_stmt* statement) const
+{
+    sqlite3_finalize(statement);
+}
+
+SqliteStatement::SqliteStatement(SqliteDb& db, const char* sql) : m_db(db)
+{
+    sqlite3_stmt* statement = nullptr;
+    m_failure =
+        db.m_handle ? sqlite3_prepare_v2(db.m_handle.get(), sql, -1, &statement, nullptr) : SQLITE_MISUSE;
+    m_statement.reset(statement);
+    if (m_failure != SQLITE_OK)
+        db.Fail(m_failure);
+}
+
+void SqliteStatement::Bind(int parameter, std::int64_t value)
+{
+    if (m_failure == SQLITE_OK)
+        m_failure = sqlite3_bind_int64(m_statement.get(), parameter, value);
+}
+
+void SqliteStatement::Bind(int parameter, const std::string& text)
+{
+    if (m_failure == SQLITE_OK)
+        m_failure = sqlite3_bind_text64(m_statement.get(), parameter, text.data(), text.size(), SQLITE_STATIC,
+                                        SQLITE_UTF8);
+}
+
+void SqliteStatement::Bind(int parameter, const std::optional<std::int64_t>& value)
+{
+    if (value)
+        Bind(parameter, *value);
+    else if (m_failure == SQLITE_OK)
+        m_failure = sqlite3_bind_null(m_statement.get(), parameter);
+}
+
+void SqliteStatement::Bind(int parameter, const std::optional<std::string>& text)
+{
+    if (text)
+        Bind(parameter, *text);
+    else if (m_failure == SQLITE_OK)
+        m_failure = sqlite3_bind_null(m_statement.get(), parameter);
+}
+
+SqliteStatement::EStep SqliteStatement::Step()
+{
+    if (m_failure == SQLITE_OK) {
+        const int result = sqlite3_step(m_statement.get());
+        if (result == SQLITE_ROW)
+            return EStep::Row;
+        if (result == SQLITE_DONE)
+            return EStep::Done;
+        m_failure = result;
+    }
+    m_db.Fail(m_failure);
+    return EStep::Failed;
+}
+
+void SqliteStatement::Reset()
+{
+    sqlite3_reset(m_statement.get());
+    m_failure = m_statement ? SQLITE_OK : m_failure;
+}
+
+std::int64_t SqliteStatement::ColumnInt(int column) const
+{
+    return sqlite3_column_int64(m_statement.get(), column);
+}
+
+std::string SqliteStatement::ColumnText(int column) const
+{
+    const unsigned char* text = sqlite3_column_text(m_statement.get(), column);
+    if (text == nullptr)
+        return std::string();
+    return std::string(reinterpret_cast<const char*>(text),
+                       static_cast<std::size_t>(sqlite3_column_bytes(m_statement.get(), column)));
+}
+
+bool SqliteStatement::ColumnIsNull(int column) const
+{
+    return sqlite3_column_type(m_statement.get(), column) == SQLITE_NULL;
+}
+
+// --- transactions
+// ----------------------------------------------------------------------------------------------------
+
+SqliteTransaction::SqliteTransaction(SqliteDb& db) : m_db(db), m_open(db.Exec("BEGIN IMMEDIATE")) {}
+
+SqliteTransaction::~SqliteTransaction()
+{
+    // After some failures SQLite has rolled back by itself, and a second roll-back would only replace the
+    // error.
+    if (m_open && m_db.IsOpen() && sqlite3_get_autocommit(m_db.Handle()) == 0)
+        sqlite3_exec(m_db.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+bool SqliteTransaction::Commit()
+{
+    if (!m_open || !m_db.Exec("COMMIT"))
+        return false;
+    m_open = false;
+    return true;
+}
+
+} // namespace VexCore

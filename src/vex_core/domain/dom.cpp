@@ -1,0 +1,428 @@
+// The domain: one table of keys under a lock for many readers, shared by a root and the views of it.
+
+#include "vex_core/domain/dom_p.h"
+
+#include "vex_core/domain/dom_values.h"
+#include "vex_core/process/files_p.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/domain/settings_file.h"
+#include "vex_core/base/shared_lock.h"
+#include "vex_core/log/trace_p.h"
+#include "vex_core/domain/wait_list.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <shared_mutex>
+#include <string_view>
+#include <unordered_map>
+
+namespace VexCore {
+
+namespace {
+
+/// A full key. A root's key is used as it came; a view's is put together, on the stack where it fits, so that a read
+/// allocates nothing.
+class FullKey
+{
+public:
+    FullKey(const std::string& prefix, const char* key)
+    {
+        const std::string_view own = key ? std::string_view(key) : std::string_view();
+        if (prefix.empty()) {
+            m_text = own;
+            return;
+        }
+        const std::size_t size = prefix.size() + 1 + own.size();
+        char* target = m_short;
+        if (size > sizeof m_short) {
+            m_long.resize(size);
+            target = m_long.data();
+        }
+        std::memcpy(target, prefix.data(), prefix.size());
+        target[prefix.size()] = '.';
+        if (!own.empty())
+            std::memcpy(target + prefix.size() + 1, own.data(), own.size());
+        m_text = std::string_view(target, size);
+    }
+    FullKey(const FullKey&) = delete;
+    FullKey& operator=(const FullKey&) = delete;
+
+    operator std::string_view() const { return m_text; }
+
+private:
+    std::string_view m_text;
+    std::string m_long;
+    char m_short[256];
+};
+
+/// The keys and values of one tree. The map's keys look into the nodes, so that a look-up needs no text of its own.
+class DomStore
+{
+public:
+    DomStore() : m_waits(std::make_shared<WaitList>()) {}
+
+    /// Calls `use` with the value under the readers' lock. False when the key has none.
+    template <typename Use>
+    bool Read(std::string_view key, Use&& use) const
+    {
+        const std::shared_lock<FairSharedLock> lock(m_lock);
+        const auto found = m_nodes.find(key);
+        return found != m_nodes.end() && use(found->second->value);
+    }
+
+    void Write(std::string_view key, DomValue value)
+    {
+        auto node = std::make_unique<Node>(key);
+        {
+            const std::lock_guard<FairSharedLock> lock(m_lock);
+            auto& place = m_nodes[std::string_view(node->key)];
+            if (!place)
+                place = std::move(node);
+            std::swap(place->value, value);
+        }
+        // What was there before is destroyed here, outside of the lock: an object's end may use the domain.
+        Changed(key);
+    }
+
+    bool Remove(std::string_view key)
+    {
+        std::unique_ptr<Node> removed;
+        {
+            const std::lock_guard<FairSharedLock> lock(m_lock);
+            const auto found = m_nodes.find(key);
+            if (found == m_nodes.end())
+                return false;
+            removed = std::move(found->second);
+            m_nodes.erase(found);
+        }
+        Changed(key);
+        return true;
+    }
+
+    /// Full keys that begin with `start`, without their first `skip` characters.
+    std::vector<std::string> KeysThatBegin(std::string_view start, std::size_t skip) const
+    {
+        std::vector<std::string> keys;
+        {
+            const std::shared_lock<FairSharedLock> lock(m_lock);
+            for (const auto& [key, node] : m_nodes)
+                if (key.substr(0, start.size()) == start)
+                    keys.emplace_back(key.substr(skip));
+        }
+        std::sort(keys.begin(), keys.end());
+        return keys;
+    }
+
+    bool HasAnyIn(std::string_view scope) const
+    {
+        const std::shared_lock<FairSharedLock> lock(m_lock);
+        return std::any_of(m_nodes.begin(), m_nodes.end(),
+                           [scope](const auto& entry) { return ScopeCovers(scope, entry.first); });
+    }
+
+    WaitList& Waits() { return *m_waits; }
+    SettingsFile& Settings() { return m_settings; }
+
+private:
+    struct Node
+    {
+        explicit Node(std::string_view name) : key(name) {}
+        const std::string key;
+        DomValue value;
+    };
+
+    void Changed(std::string_view key)
+    {
+        if (key == "app.trace" || key == "app.trace+")
+            ReloadTraceModules();
+        m_waits->Written(key);
+    }
+
+    mutable FairSharedLock m_lock;
+    std::unordered_map<std::string_view, std::unique_ptr<Node>> m_nodes; // guarded by m_lock
+    const std::shared_ptr<WaitList> m_waits;
+    SettingsFile m_settings;
+};
+
+} // namespace
+
+struct CDom::Impl
+{
+    std::shared_ptr<DomStore> store;
+    std::string prefix; // of a view; empty in a root
+    bool root = false;
+    std::atomic<int> references{1};
+
+    FullKey Key(const char* key) const { return FullKey(prefix, key); }
+};
+
+/// What the rest of the core library does to a domain beyond the interface, and the list of live roots.
+struct CDomAccess
+{
+    /// One more reference, unless the last one is already gone.
+    static bool TryAddRef(CDom& dom)
+    {
+        int count = dom.m_impl->references.load();
+        while (count > 0)
+            if (dom.m_impl->references.compare_exchange_weak(count, count + 1))
+                return true;
+        return false;
+    }
+
+    struct Roots
+    {
+        std::mutex lock;
+        std::vector<CDom*> live; // in the order of their making
+    };
+    /// Never destroyed: lines are logged while the process ends.
+    static Roots& LiveRoots()
+    {
+        static Roots& roots = *new Roots;
+        return roots;
+    }
+
+    static CDom* ProcessRoot()
+    {
+        Roots& roots = LiveRoots();
+        const std::lock_guard<std::mutex> lock(roots.lock);
+        for (CDom* const dom : roots.live)
+            if (TryAddRef(*dom))
+                return dom;
+        return nullptr;
+    }
+
+    static void AddRoot(CDom* dom)
+    {
+        Roots& roots = LiveRoots();
+        const std::lock_guard<std::mutex> lock(roots.lock);
+        roots.live.push_back(dom);
+    }
+
+    static void RemoveRoot(CDom* dom)
+    {
+        Roots& roots = LiveRoots();
+        const std::lock_guard<std::mutex> lock(roots.lock);
+        roots.live.erase(std::find(roots.live.begin(), roots.live.end(), dom));
+    }
+};
+
+RootDom::RootDom() : m_dom(CDomAccess::ProcessRoot()) {}
+
+RootDom::~RootDom()
+{
+    if (m_dom)
+        m_dom->Release();
+}
+
+CDomObject::~CDomObject() = default;
+
+// --- life
+
+CDom::CDom() : m_impl(new Impl) {}
+
+CDom::~CDom() = default;
+
+CDom* CDom::New(const char* name, CDom* parent, bool* created, bool)
+{
+    CDom* const dom = new CDom;
+    Impl& own = *dom->m_impl;
+    if (!parent) {
+        own.store = std::make_shared<DomStore>();
+        own.root = true;
+        CDomAccess::AddRoot(dom);
+        ReloadTraceModules();
+        if (created)
+            *created = true;
+        return dom;
+    }
+    own.store = parent->m_impl->store;
+    own.prefix = name && *name ? std::string(std::string_view(parent->m_impl->Key(name))) : parent->m_impl->prefix;
+    if (created)
+        *created = !own.store->HasAnyIn(own.prefix);
+    return dom;
+}
+
+void CDom::AddRef()
+{
+    ++m_impl->references;
+}
+
+void CDom::Release()
+{
+    if (--m_impl->references > 0)
+        return;
+    const bool wasRoot = m_impl->root;
+    if (wasRoot)
+        CDomAccess::RemoveRoot(this);
+    delete this;
+    if (wasRoot)
+        ReloadTraceModules();
+}
+
+// --- writing
+
+void CDom::Set(const char* key, const char* text)
+{
+    Set(key, text, text ? std::strlen(text) : 0);
+}
+
+void CDom::Set(const char* key, const char* text, std::size_t length)
+{
+    m_impl->store->Write(m_impl->Key(key), text ? std::string(text, length) : std::string());
+}
+
+void CDom::Set(const char* key, const std::string& text)
+{
+    m_impl->store->Write(m_impl->Key(key), text);
+}
+
+void CDom::Set(const char* key, bool value)
+{
+    m_impl->store->Write(m_impl->Key(key), value);
+}
+
+void CDom::SetWx(const char* key, const wxString& text)
+{
+    m_impl->store->Write(m_impl->Key(key), BytesFromText(text));
+}
+
+void CDom::SetWx(const char* key, std::int64_t value)
+{
+    m_impl->store->Write(m_impl->Key(key), value);
+}
+
+void CDom::SetObject(const char* key, std::shared_ptr<CDomObject> object)
+{
+    m_impl->store->Write(m_impl->Key(key), std::move(object));
+}
+
+bool CDom::Remove(const char* key)
+{
+    return m_impl->store->Remove(m_impl->Key(key));
+}
+
+// --- reading
+
+std::string CDom::Get(const char* key) const
+{
+    std::string text;
+    Get(key, text);
+    return text;
+}
+
+bool CDom::Get(const char* key, std::string& text) const
+{
+    return m_impl->store->Read(m_impl->Key(key), [&](const DomValue& value) { return TextOf(value, text); });
+}
+
+bool CDom::Get(const char* key, bool& value) const
+{
+    return m_impl->store->Read(m_impl->Key(key), [&](const DomValue& held) { return BoolOf(held, value); });
+}
+
+bool CDom::Get(const char* key, std::int64_t& value) const
+{
+    return m_impl->store->Read(m_impl->Key(key), [&](const DomValue& held) { return IntOf(held, value); });
+}
+
+wxString CDom::GetWxString(const char* key) const
+{
+    return FromForeignBytes(Get(key));
+}
+
+std::shared_ptr<CDomObject> CDom::GetObject(const char* key) const
+{
+    std::shared_ptr<CDomObject> object;
+    m_impl->store->Read(m_impl->Key(key), [&](const DomValue& held) {
+        if (const auto* const own = std::get_if<std::shared_ptr<CDomObject>>(&held))
+            object = *own;
+        return true;
+    });
+    return object;
+}
+
+CDom::EType CDom::TypeOf(const char* key) const
+{
+    EType type = EType::Absent;
+    m_impl->store->Read(m_impl->Key(key), [&](const DomValue& held) {
+        type = TypeOfValue(held);
+        return true;
+    });
+    return type;
+}
+
+std::vector<std::string> CDom::Keys(const char* prefix) const
+{
+    const std::string& view = m_impl->prefix;
+    const std::size_t skip = view.empty() ? 0 : view.size() + 1;
+    if (!prefix || !*prefix)
+        return m_impl->store->KeysThatBegin(view.empty() ? view : view + '.', skip);
+    return m_impl->store->KeysThatBegin(std::string(std::string_view(m_impl->Key(prefix))) + '.', skip);
+}
+
+// --- settings
+
+bool CDom::GetSetting(const char* key, std::string& text) const
+{
+    DomStore& store = *m_impl->store;
+    const FullKey full = m_impl->Key(key);
+    const auto read = [&text](const DomValue& held) { return TextOf(held, text); };
+    if (store.Read(full, read))
+        return true;
+    std::string path;
+    if (!store.Read("app.path.ini", [&path](const DomValue& held) { return TextOf(held, path); }) || path.empty())
+        return false;
+    return store.Settings().Find(ToSystemBytes(FromForeignBytes(path)), full, text);
+}
+
+bool CDom::GetSetting(const char* key, bool& value) const
+{
+    std::string text;
+    return GetSetting(key, text) && BoolFromText(text, value);
+}
+
+bool CDom::GetSetting(const char* key, std::int64_t& value) const
+{
+    std::string text;
+    return GetSetting(key, text) && IntFromText(text, value);
+}
+
+// --- waiting
+
+CDom::EWait CDom::Wait(const char* key, std::int64_t timeoutMs) const
+{
+    WaitList& waits = m_impl->store->Waits();
+    const bool everything = !key || !*key;
+    switch (waits.Wait(everything ? std::string_view(m_impl->prefix) : std::string_view(m_impl->Key(key)), timeoutMs)) {
+    case WaitList::EResult::Written:
+        return EWait::Written;
+    case WaitList::EResult::Ending:
+        return EWait::Ending;
+    case WaitList::EResult::TimedOut:
+        break;
+    }
+    return EWait::TimedOut;
+}
+
+// --- folders
+
+wxString CDom::GetPluginWorkdirWx(const wxString& plugin) const
+{
+    const std::string work = Get("app.path.work");
+    const bool plainName = !plugin.empty() && plugin != wxS(".") && plugin != wxS("..")
+                           && plugin.find(wxS('/')) == wxString::npos && plugin.find(wxUniChar(0)) == wxString::npos;
+    wxString path = FromForeignBytes(work);
+    if (!path.empty() && path.Last() != wxS('/'))
+        path += wxS('/');
+    path += wxS("plugins");
+    if (plainName)
+        path += wxS('/') + plugin;
+    // Without a work folder there is no place of ours to make anything in.
+    if (!work.empty())
+        MakePrivateFolders(ToSystemBytes(path));
+    return path;
+}
+
+} // namespace VexCore

@@ -1,0 +1,139 @@
+#include "vex_core/domain/wait_list.h"
+
+#include "vex_core/base/wait.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace VexCore {
+
+bool ScopeCovers(std::string_view scope, std::string_view key)
+{
+    if (scope.empty())
+        return true;
+    return key.substr(0, scope.size()) == scope && (key.size() == scope.size() || key[scope.size()] == '.');
+}
+
+/// What one thread is subscribed to, in any tree. Lives as long as the thread.
+class WaitList::ThreadSubscriptions
+{
+public:
+    static ThreadSubscriptions& OfThisThread()
+    {
+        thread_local ThreadSubscriptions own;
+        return own;
+    }
+
+    ~ThreadSubscriptions()
+    {
+        for (const Entry& entry : m_entries)
+            entry.Cancel();
+    }
+
+    std::shared_ptr<Subscription> Find(WaitList& list, std::string_view scope)
+    {
+        for (const Entry& entry : m_entries)
+            if (entry.subscription->scope == scope && entry.list.lock().get() == &list)
+                return entry.subscription;
+        return Add(list, scope);
+    }
+
+private:
+    struct Entry
+    {
+        std::weak_ptr<WaitList> list; // the tree may go first
+        std::shared_ptr<Subscription> subscription;
+
+        void Cancel() const
+        {
+            if (const std::shared_ptr<WaitList> alive = list.lock())
+                alive->Remove(subscription.get());
+        }
+    };
+    static constexpr std::size_t maxEntries = 16;
+
+    std::shared_ptr<Subscription> Add(WaitList& list, std::string_view scope)
+    {
+        m_entries.erase(std::remove_if(m_entries.begin(), m_entries.end(),
+                                       [](const Entry& entry) { return entry.list.expired(); }),
+                        m_entries.end());
+        if (m_entries.size() >= maxEntries) {
+            m_entries.front().Cancel();
+            m_entries.erase(m_entries.begin());
+        }
+        auto subscription = std::make_shared<Subscription>();
+        subscription->scope.assign(scope);
+        subscription->thread = this;
+        m_entries.push_back({list.weak_from_this(), subscription});
+        const std::lock_guard<std::mutex> lock(list.m_lock);
+        list.m_subscriptions.push_back(subscription);
+        list.m_count.store(list.m_subscriptions.size());
+        return subscription;
+    }
+
+    std::vector<Entry> m_entries;
+};
+
+WaitList::EResult WaitList::Wait(std::string_view scope, std::int64_t timeoutMs)
+{
+    using std::chrono::duration_cast;
+    using std::chrono::milliseconds;
+    using std::chrono::steady_clock;
+
+    WaitPoint& point = WaitPoint::OfThisThread();
+    const std::shared_ptr<Subscription> subscription = ThreadSubscriptions::OfThisThread().Find(*this, scope);
+    const steady_clock::time_point begin = steady_clock::now();
+    point.Clear();
+    {
+        const std::lock_guard<std::mutex> lock(m_lock);
+        subscription->sleeper = &point;
+        if (subscription->written)
+            point.Notify();
+    }
+
+    std::int64_t leftMs = timeoutMs;
+    for (;;) {
+        const WaitPoint::EOutcome outcome = point.Sleep(leftMs);
+        const std::lock_guard<std::mutex> lock(m_lock);
+        const bool written = subscription->written;
+        if (outcome == WaitPoint::EOutcome::Notified && !written) {
+            // A notification of an earlier wait that was sent too late for it.
+            if (timeoutMs >= 0)
+                leftMs = std::max<std::int64_t>(
+                    0, timeoutMs - duration_cast<milliseconds>(steady_clock::now() - begin).count());
+            continue;
+        }
+        subscription->sleeper = nullptr;
+        if (outcome == WaitPoint::EOutcome::Ending)
+            return EResult::Ending;
+        subscription->written = false;
+        return written ? EResult::Written : EResult::TimedOut;
+    }
+}
+
+void WaitList::Written(std::string_view key)
+{
+    if (m_count.load() == 0)
+        return;
+    const void* const writer = &ThreadSubscriptions::OfThisThread();
+    const std::lock_guard<std::mutex> lock(m_lock);
+    for (const std::shared_ptr<Subscription>& subscription : m_subscriptions) {
+        if (subscription->thread == writer || !ScopeCovers(subscription->scope, key))
+            continue;
+        subscription->written = true;
+        if (subscription->sleeper)
+            subscription->sleeper->Notify();
+    }
+}
+
+void WaitList::Remove(const Subscription* subscription)
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_subscriptions.erase(
+        std::remove_if(m_subscriptions.begin(), m_subscriptions.end(),
+                       [subscription](const std::shared_ptr<Subscription>& each) { return each.get() == subscription; }),
+        m_subscriptions.end());
+    m_count.store(m_subscriptions.size());
+}
+
+} // namespace VexCore

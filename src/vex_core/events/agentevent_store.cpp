@@ -1,0 +1,463 @@
+// The way of an event: database, pending file, memory. Each step down happens only when the one above failed,
+// is an error in the log with the whole event, and is undone by a later write, which stores the older events
+// first. An event has a key for life, which the database remembers in the transaction that stores it: so an
+// event that may or may not have been stored (a kill between commit and the removal of the pending file, a
+// commit that failed late) is simply stored again.
+
+#include "vex_core/events/agentevent_store.h"
+#include "vex/core/agentevent.h"
+#include "vex/core/clock.h"
+#include "vex/core/dom.h"
+#include "vex_core/events/agentevent_p.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/os/file_calls.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <random>
+#include <string_view>
+#include <vector>
+
+#include <unistd.h>
+
+#include <sqlite3.h>
+
+#include <wx/log.h>
+
+namespace VexCore {
+namespace {
+
+constexpr std::int64_t fullSynchronous =
+    2; // an event is on the disk when Write returns, whatever the settings allow elsewhere
+
+const char tableSql[] =
+    "CREATE TABLE IF NOT EXISTS agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number "
+    "INTEGER,"
+    " severity INTEGER, text TEXT, xml TEXT);"
+    "CREATE TABLE IF NOT EXISTS agent_event_key(seq INTEGER PRIMARY KEY, key TEXT NOT NULL UNIQUE);";
+
+// Keys matter for events that some process still keeps; an old key is no longer one of those, unless the pending file
+// has events of any age.
+const char forgetKeysSql[] =
+    "DELETE FROM agent_event_key WHERE seq < (SELECT max(seq) FROM agent_event_key) - 1000";
+
+// Whether a store of this process may keep events. Read without a lock, so that the usual answer costs nothing.
+std::atomic<bool> g_somethingIsKept{false};
+
+wxString Shown(const std::string& text)
+{
+    return FromForeignBytes(text);
+}
+
+// Unique among all processes that ever share the folder. Random numbers may be out of reach (no descriptor
+// left); then the clock and our pid do.
+std::string NewKey()
+{
+    static std::atomic<unsigned> serial{0};
+    char text[80];
+    std::snprintf(text, sizeof text, "%llx-%lx-%x", static_cast<unsigned long long>(TimeNowMillis()),
+                  static_cast<unsigned long>(getpid()), serial++);
+    try {
+        std::random_device random;
+        std::snprintf(text, sizeof text, "%08x%08x%08x%08x", random(), random(), random(), random());
+    } catch (const std::exception&) {
+    }
+    return text;
+}
+
+EventRecord MakeRecord(const CAgentEvent& event)
+{
+    EventRecord record;
+    record.key = NewKey();
+    if (!event.IsAttributeNull(CAgentEvent::FieldTimeMillis))
+        record.timeMillis = event.m_timeMillis;
+    if (!event.IsAttributeNull(CAgentEvent::FieldTimeSeconds))
+        record.timeSeconds = event.m_timeSeconds;
+    if (!event.IsAttributeNull(CAgentEvent::FieldNumber))
+        record.number = event.m_number;
+    if (!event.IsAttributeNull(CAgentEvent::FieldSeverity))
+        record.severity = event.m_severity;
+    if (!event.IsAttributeNull(CAgentEvent::FieldText))
+        record.text = ToXmlText(event.m_text);
+    record.xml = event.ToXml();
+    return record;
+}
+
+// As bytes: the process may have no log any more, and wide output would silence all later output.
+void ShowOnStandardError(const char* prefix, const std::string& xml)
+{
+    const std::string line = prefix + xml + "\n";
+    os::WriteAll(STDERR_FILENO, line.data(), line.size());
+}
+
+// What lies there already may be all that is left of another database.
+std::string FreeName(const std::string& wanted)
+{
+    std::string name = wanted;
+    struct stat status;
+    for (int number = 2; os::fileCalls.stat(name.c_str(), &status) == 0; ++number)
+        name = wanted + "-" + std::to_string(number);
+    return name;
+}
+
+bool MeansDamage(int code)
+{
+    const int primary = code & 0xFF;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+} // namespace
+
+EventStore::EventStore(std::string folder)
+    : m_folder(std::move(folder)), m_path(m_folder + "/events.db"),
+      m_pending(m_folder + "/events.pending.xml")
+{}
+
+EventStore::~EventStore()
+{
+    if (m_owner != getpid())
+        m_db.Abandon(); // closing another process's connection would drop its locks
+}
+
+std::int64_t EventStore::Write(const CAgentEvent& event)
+{
+    const EventRecord record = MakeRecord(event);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::int64_t id = WriteLocked(record);
+    if (id == 0)
+        KeepForLater(record);
+    return id;
+}
+
+bool EventStore::StoreKept()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_memory.empty() && (m_folder.empty() || !m_pending.HasEvents()))
+        return true;
+    if (!WithDatabase([this] { return StoreKeptLocked(); }) && !m_folder.empty())
+        AppendMemoryToPending(); // better kept there than with this process
+    return m_memory.empty() && !m_pending.HasEvents();
+}
+
+std::size_t EventStore::InMemory() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_memory.size();
+}
+
+void EventStore::Adopt(EventStore& other)
+{
+    std::deque<EventRecord> events;
+    {
+        const std::lock_guard<std::mutex> lock(other.m_mutex);
+        events.swap(other.m_memory);
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_memory.insert(m_memory.begin(), std::make_move_iterator(events.begin()),
+                    std::make_move_iterator(events.end()));
+}
+
+std::int64_t EventStore::WriteLocked(const EventRecord& record)
+{
+    std::int64_t id = 0;
+    WithDatabase([&] { return StoreKeptLocked() && (id = InsertOnce(record)) != 0; });
+    return id;
+}
+
+// Two attempts: a file that was damaged, removed or replaced is left behind by the first.
+bool EventStore::WithDatabase(const std::function<bool()>& body)
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (OpenDatabase() && body())
+            return true;
+        if (m_folder.empty())
+            return false;
+        m_reason = m_db.Error();
+        const int code = m_db.ErrorCode();
+        m_db.Close();
+        const bool again = MeansDamage(code) ? MoveDamagedAside() : code == SQLITE_READONLY_DBMOVED;
+        if (!again)
+            return false;
+    }
+    return false;
+}
+
+// --- the database
+// ----------------------------------------------------------------------------------------------------
+
+bool EventStore::OpenDatabase()
+{
+    if (m_folder.empty()) {
+        m_reason = "there is no working folder yet";
+        return false;
+    }
+    if (m_db.IsOpen() && m_owner != getpid())
+        m_db.Abandon();
+    if (m_db.IsOpen() && IsOurFile())
+        return true;
+    RememberFile();
+    if (!m_db.Open(m_path, fullSynchronous) || !CreateTables())
+        return false;
+    m_owner = getpid();
+    RememberFile();
+    return true;
+}
+
+void EventStore::RememberFile()
+{
+    struct stat status = {};
+    const bool there = os::fileCalls.stat(m_path.c_str(), &status) == 0;
+    m_device = there ? status.st_dev : 0;
+    m_inode = there ? status.st_ino : 0;
+}
+
+// SQLite would go on writing into a file that was removed or replaced.
+bool EventStore::IsOurFile() const
+{
+    struct stat status;
+    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && status.st_dev == m_device &&
+           status.st_ino == m_inode;
+}
+
+bool EventStore::CreateTables()
+{
+    SqliteTransaction transaction(m_db);
+    return transaction.Begun() && m_db.Exec(tableSql) && transaction.Commit();
+}
+
+// With its journal, without which it could not be repaired. Another process may have done it meanwhile. False: it could
+// not be moved.
+bool EventStore::MoveDamagedAside()
+{
+    if (!IsOurFile())
+        return true;
+    const std::string aside = FreeName(m_path + ".damaged-" + std::to_string(TimeNowMillis() / 1000));
+    if (os::fileCalls.rename(m_path.c_str(), aside.c_str()) != 0) {
+        const long error = errno;
+        wxLogSysError(error, wxT("The event database '%s' is damaged (%s) and cannot be moved out of the way"),
+                      Shown(m_path), Shown(m_reason));
+        return false;
+    }
+    for (const char* suffix : {"-journal", "-wal", "-shm"})
+        os::fileCalls.rename((m_path + suffix).c_str(), (aside + suffix).c_str());
+    wxLogError(wxT("The event database '%s' is damaged (%s): kept as '%s', a new one begins"), Shown(m_path),
+               Shown(m_reason), Shown(aside));
+    return true;
+}
+
+bool EventStore::InsertKey(const EventRecord& record)
+{
+    SqliteStatement statement(m_db, "INSERT OR IGNORE INTO agent_event_key(key) VALUES(?)");
+    statement.Bind(1, record.key);
+    return statement.Step() == SqliteStatement::EStep::Done;
+}
+
+std::int64_t EventStore::Insert(const EventRecord& record)
+{
+    SqliteStatement statement(
+        m_db,
+        "INSERT INTO agent_event(time_ms, time_s, number, severity, text, xml) VALUES(?, ?, ?, ?, ?, ?)");
+    statement.Bind(1, record.timeMillis);
+    statement.Bind(2, record.timeSeconds);
+    statement.Bind(3, record.number);
+    statement.Bind(4, record.severity);
+    statement.Bind(5, record.text);
+    statement.Bind(6, record.xml);
+    return statement.Step() == SqliteStatement::EStep::Done ? m_db.LastInsertId() : 0;
+}
+
+std::int64_t EventStore::InsertOnce(const EventRecord& record)
+{
+    SqliteTransaction transaction(m_db);
+    if (!transaction.Begun() || (!m_pending.HasEvents() && !m_db.Exec(forgetKeysSql)) || !InsertKey(record))
+        return 0;
+    const std::int64_t id = Insert(record);
+    return id != 0 && transaction.Commit() ? id : 0;
+}
+
+// --- what was kept
+// ---------------------------------------------------------------------------------------------------
+
+bool EventStore::StoreAll(const std::vector<EventRecord>& records)
+{
+    if (records.empty())
+        return true;
+    SqliteTransaction transaction(m_db);
+    if (!transaction.Begun())
+        return false;
+    for (const EventRecord& record : records) {
+        if (!InsertKey(record))
+            return false;
+        if (m_db.Changes() > 0 && Insert(record) == 0)
+            return false;
+    }
+    return transaction.Commit();
+}
+
+// A pending file that cannot be read does not keep newer events out of the database.
+bool EventStore::StorePending()
+{
+    if (!m_pending.Exists())
+        return true;
+    const PendingEvents::ETaken taken =
+        m_pending.Take([this](const std::vector<EventRecord>& records) { return StoreAll(records); });
+    if (taken == PendingEvents::ETaken::Unreadable)
+        wxLogSysError(wxT("Unable to take the events out of '%s'"), Shown(m_pending.Path()));
+    return taken != PendingEvents::ETaken::Refused;
+}
+
+bool EventStore::StoreKeptLocked()
+{
+    if (!StorePending())
+        return false;
+    if (!StoreAll(std::vector<EventRecord>(m_memory.begin(), m_memory.end())))
+        return false;
+    m_memory.clear();
+    return true;
+}
+
+// --- keeping
+// ---------------------------------------------------------------------------------------------------------
+
+bool EventStore::AppendMemoryToPending()
+{
+    for (; !m_memory.empty(); m_memory.pop_front())
+        if (!m_pending.Append(m_memory.front()))
+            return false;
+    return true;
+}
+
+void EventStore::KeepForLater(const EventRecord& record)
+{
+    g_somethingIsKept = true;
+    const bool pending = !m_folder.empty() && AppendMemoryToPending() && m_pending.Append(record);
+    const wxString pendingError = pending ? wxString() : Shown(std::strerror(errno));
+    if (pending)
+        wxLogError(wxT("Agent event kept in '%s', because '%s' did not take it (%s): %s"),
+                   Shown(m_pending.Path()), Shown(m_path), Shown(m_reason), Shown(record.xml));
+    else {
+        KeepInMemory(record);
+        wxLogError(wxT("Agent event kept in memory, because neither '%s' (%s) nor '%s' (%s) took it: %s"),
+                   Shown(m_path), Shown(m_reason), Shown(m_pending.Path()),
+                   m_folder.empty() ? Shown(m_reason) : pendingError, Shown(record.xml));
+    }
+}
+
+void EventStore::KeepInMemory(const EventRecord& record)
+{
+    ShowOnStandardError("Agent event not stored yet: ", record.xml);
+    m_memory.push_back(record);
+    if (m_memory.size() <= maxInMemory)
+        return;
+    wxLogError(wxT("Too many agent events are kept in memory, this one goes: %s"),
+               Shown(m_memory.front().xml));
+    ShowOnStandardError("Agent event given up: ", m_memory.front().xml);
+    m_memory.pop_front();
+}
+
+// --- the process's stores
+// ----------------------------------------------------------------------------------------------
+
+namespace {
+
+struct Registry
+{
+    std::mutex mutex;
+    std::map<std::string, std::shared_ptr<EventStore>>
+        stores; // guarded by mutex; "" has what came before any folder
+    std::chrono::steady_clock::time_point nextRetry; // guarded by mutex
+};
+
+// Each attempt may wait for a lock that another process holds.
+constexpr std::chrono::seconds retryPause{10};
+
+Registry& GetRegistry()
+{
+    static Registry registry;
+    return registry;
+}
+
+} // namespace
+
+std::shared_ptr<EventStore> GetEventStore(const std::string& folder)
+{
+    Registry& registry = GetRegistry();
+    const std::lock_guard<std::mutex> lock(registry.mutex);
+    std::shared_ptr<EventStore>& store = registry.stores[folder];
+    if (!store)
+        store = std::make_shared<EventStore>(folder);
+    const auto homeless = registry.stores.find(std::string());
+    if (!folder.empty() && homeless != registry.stores.end()) {
+        store->Adopt(*homeless->second);
+        registry.stores.erase(homeless);
+    }
+    return registry.stores[folder];
+}
+
+void RetryKeptEvents()
+{
+    if (!g_somethingIsKept.load(std::memory_order_relaxed))
+        return;
+    Registry& registry = GetRegistry();
+    std::vector<std::shared_ptr<EventStore>> stores;
+    {
+        const std::lock_guard<std::mutex> lock(registry.mutex);
+        const auto now = std::chrono::steady_clock::now();
+        if (now < registry.nextRetry)
+            return;
+        registry.nextRetry = now + retryPause;
+        // Before the list is copied: a store that comes later says so itself.
+        g_somethingIsKept = false;
+        for (const auto& item : registry.stores)
+            stores.push_back(item.second);
+    }
+    for (const std::shared_ptr<EventStore>& store : stores) {
+        try {
+            if (store->StoreKept())
+                continue;
+        } catch (const std::exception& failure) {
+            // Whoever committed something must not be told that it failed.
+            wxLogError("Agent events could not be stored now: %s", failure.what());
+        }
+        g_somethingIsKept = true;
+    }
+}
+
+void CloseEventStores()
+{
+    std::map<std::string, std::shared_ptr<EventStore>> stores;
+    {
+        Registry& registry = GetRegistry();
+        const std::lock_guard<std::mutex> lock(registry.mutex);
+        stores.swap(registry.stores);
+        registry.nextRetry = std::chrono::steady_clock::time_point();
+    }
+    g_somethingIsKept = false;
+    for (const auto& item : stores) {
+        item.second->StoreKept();
+        const std::size_t lost = item.second->InMemory();
+        if (lost > 0)
+            wxLogError(wxT("Agent events that are lost with the process, because nothing took them: %lu (above is a line for "
+                           "each)"),
+                       static_cast<unsigned long>(lost));
+    }
+}
+
+std::int64_t CDom::AgentEventWrite(CAgentEvent& event)
+{
+    try {
+        return GetEventStore(Get("app.path.work"))->Write(event);
+    } catch (const std::exception& failure) { // memory or the source of random numbers
+        const std::string_view parts[] = {"Agent event lost: ", failure.what(), ": ", event.m_text, "\n"};
+        for (const std::string_view part : parts)
+            os::WriteAll(STDERR_FILENO, part.data(), part.size());
+        return 0;
+    }
+}
+
+} // namespace VexCore

@@ -1,0 +1,89 @@
+#pragma once
+// Where agent events go: the database of the working folder, else the pending file beside it, else memory.
+
+#include "vex_core/events/pending_events.h"
+#include "vex_core/database/sqlite_db.h"
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <sys/types.h>
+
+namespace VexCore {
+
+class CAgentEvent;
+
+/// The store of one working folder. Any thread. Opens nothing before the first write.
+class EventStore
+{
+public:
+#ifdef VEX_SMALL_LIMITS
+    static constexpr std::size_t maxInMemory = 8;
+#else
+    static constexpr std::size_t maxInMemory = 10000;
+#endif
+
+    /// `folder`: bytes of the file system; empty when the process has no working folder yet.
+    explicit EventStore(std::string folder);
+    ~EventStore();
+
+    /// The id of the stored event, or 0 when it was kept for later. What was kept earlier is stored first.
+    std::int64_t Write(const CAgentEvent& event);
+
+    /// Tries again to store what is kept; what the database does not take goes from memory to the pending file, if that has
+    /// room. True when nothing is kept any more.
+    bool StoreKept();
+
+    /// Events in memory.
+    std::size_t InMemory() const;
+    /// Takes the events of another store's memory.
+    void Adopt(EventStore& other);
+
+private:
+    std::int64_t WriteLocked(const EventRecord& record);
+    bool OpenDatabase();
+    void RememberFile();
+    bool IsOurFile() const;
+    bool CreateTables();
+    bool WithDatabase(const std::function<bool()>& body);
+    bool MoveDamagedAside();
+    bool StoreKeptLocked();
+    bool StorePending();
+    bool StoreAll(const std::vector<EventRecord>& records);
+    std::int64_t InsertOnce(const EventRecord& record);
+    std::int64_t Insert(const EventRecord& record);
+    bool InsertKey(const EventRecord& record);
+    void KeepForLater(const EventRecord& record);
+    void KeepInMemory(const EventRecord& record);
+    bool AppendMemoryToPending();
+
+    const std::string m_folder;
+    const std::string m_path;
+
+    mutable std::mutex m_mutex;
+    // Guarded by m_mutex.
+    SqliteDb m_db;
+    pid_t m_owner = 0;  // the process that opened m_db
+    dev_t m_device = 0; // of the file that m_db has open; 0 when there was none
+    ino_t m_inode = 0;
+    std::string m_reason; // why the database did not take the last event
+    PendingEvents m_pending;
+    std::deque<EventRecord> m_memory;
+};
+
+/// The process's store for a working folder.
+std::shared_ptr<EventStore> GetEventStore(const std::string& folder);
+
+/// For moments that show that the disk has room: tries again to store what this process keeps, at most every ten seconds. Costs
+/// one atomic load when it keeps nothing. Any thread that has no transaction open on a database of events; may wait for a
+/// lock on one.
+void RetryKeptEvents();
+
+/// Tries once more to store what is kept and closes all stores.
+void CloseEventStores();
+
+} // namespace VexCore

@@ -1,0 +1,170 @@
+#include "vex_core/events/pending_events.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/os/file_calls.h"
+#include "vex_core/os/file_lock.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+
+#include <pugixml.hpp>
+
+#include <wx/log.h>
+
+namespace VexCore {
+namespace {
+
+constexpr long lockTimeoutMs = 2000;
+
+std::optional<std::int64_t> Number(const pugi::xml_node& node, const char* name)
+{
+    const pugi::xml_attribute attribute = node.attribute(name);
+    if (!attribute)
+        return std::nullopt;
+    return attribute.as_llong();
+}
+
+// The file, locked, and still the one that the path names: a reader may have removed it while we waited for
+// the lock.
+os::Descriptor OpenLocked(const std::string& path, int flags)
+{
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        os::Descriptor file(os::fileCalls.open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK, 0600));
+        struct stat mine;
+        struct stat named;
+        if (!file || os::fileCalls.fstat(file.Get(), &mine) != 0)
+            return os::Descriptor();
+        if (!S_ISREG(mine.st_mode)) {
+            errno = EINVAL;
+            return os::Descriptor();
+        }
+        if (!os::LockFile(file.Get(), lockTimeoutMs))
+            return os::Descriptor();
+        if (os::fileCalls.stat(path.c_str(), &named) == 0 && named.st_dev == mine.st_dev &&
+            named.st_ino == mine.st_ino)
+            return file;
+    }
+    errno = EAGAIN;
+    return os::Descriptor();
+}
+
+bool FlushFolderOf(const std::string& path)
+{
+    const std::string folder = path.substr(0, path.rfind('/') + 1);
+    const os::Descriptor descriptor(os::fileCalls.open(folder.empty() ? "." : folder.c_str(), O_RDONLY, 0));
+    return descriptor && os::fileCalls.fsync(descriptor.Get()) == 0;
+}
+
+bool ReadAll(int descriptor, std::string& text)
+{
+    char chunk[65536];
+    for (;;) {
+        const ssize_t got = os::fileCalls.read(descriptor, chunk, sizeof chunk);
+        if (got <= 0)
+            return got == 0;
+        text.append(chunk, static_cast<std::size_t>(got));
+    }
+}
+
+std::vector<EventRecord> ParseLines(const std::string& text, const std::string& path)
+{
+    std::vector<EventRecord> records;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find('\n', at), text.size());
+        const std::string line = text.substr(at, end - at);
+        EventRecord record;
+        if (ParsePendingLine(line, record))
+            records.push_back(std::move(record));
+        else if (!line.empty())
+            wxLogError(wxT("A line of '%s' is no event and is left out: %s"),
+                       FromForeignBytes(path), FromForeignBytes(line));
+        at = end + 1;
+    }
+    return records;
+}
+
+} // namespace
+
+std::string FormatPendingLine(const EventRecord& record)
+{
+    return "<pending key=\"" + record.key + "\">" + record.xml + "</pending>\n";
+}
+
+bool ParsePendingLine(const std::string& line, EventRecord& record)
+{
+    pugi::xml_document document;
+    if (!document.load_buffer(line.data(), line.size(), pugi::parse_default, pugi::encoding_utf8))
+        return false;
+    const pugi::xml_node pending = document.child("pending");
+    const pugi::xml_node event = pending.child("agent_event");
+    record.key = pending.attribute("key").as_string();
+    if (!event || record.key.empty())
+        return false;
+    record.timeMillis = Number(event, "time_ms");
+    record.timeSeconds = Number(event, "time_s");
+    record.number = Number(event, "number");
+    record.severity = Number(event, "severity");
+    if (const pugi::xml_attribute text = event.attribute("text"))
+        record.text = text.as_string();
+    const std::size_t begin = line.find("<agent_event");
+    record.xml = line.substr(begin, line.rfind("</pending>") - begin);
+    return true;
+}
+
+PendingEvents::PendingEvents(std::string path) : m_path(std::move(path)) {}
+
+bool PendingEvents::Exists() const
+{
+    struct stat status;
+    return os::fileCalls.stat(m_path.c_str(), &status) == 0;
+}
+
+bool PendingEvents::HasEvents() const
+{
+    struct stat status;
+    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
+}
+
+bool PendingEvents::Append(const EventRecord& record)
+{
+    const os::Descriptor file = OpenLocked(m_path, O_RDWR | O_CREAT | O_APPEND);
+    struct stat before;
+    if (!file || os::fileCalls.fstat(file.Get(), &before) != 0)
+        return false;
+    // A line of its own, whatever a crash left at the end.
+    const std::string line = "\n" + FormatPendingLine(record);
+    const bool kept = os::WriteAll(file.Get(), line.data(), line.size()) &&
+                      os::fileCalls.fsync(file.Get()) == 0 && (before.st_size > 0 || FlushFolderOf(m_path));
+    if (!kept) {
+        const int error = errno;
+        if (before.st_size == 0)
+            os::fileCalls.unlink(m_path.c_str());
+        else
+            static_cast<void>(os::fileCalls.ftruncate(
+                file.Get(), before.st_size)); // else a torn line, which a reader passes over
+        errno = error;
+    }
+    return kept;
+}
+
+PendingEvents::ETaken PendingEvents::Take(const std::function<bool(const std::vector<EventRecord>&)>& store)
+{
+    const os::Descriptor file = OpenLocked(m_path, O_RDWR);
+    std::string text;
+    if (!file)
+        return errno == ENOENT ? ETaken::All : ETaken::Unreadable;
+    if (!ReadAll(file.Get(), text))
+        return ETaken::Unreadable;
+    if (!store(ParseLines(text, m_path)))
+        return ETaken::Refused;
+    if (os::fileCalls.unlink(m_path.c_str()) == 0) {
+        FlushFolderOf(m_path);
+        return ETaken::All;
+    }
+    // All are stored, and their keys keep them from being stored again for as long as they are here.
+    const bool empty = text.empty() || (os::fileCalls.ftruncate(file.Get(), 0) == 0 && os::fileCalls.fsync(file.Get()) == 0);
+    return empty ? ETaken::All : ETaken::Unreadable;
+}
+
+} // namespace VexCore

@@ -1,0 +1,388 @@
+#include "vex_core/log/disk_log.h"
+
+#include "vex_core/os/file_calls.h"
+#include "vex_core/os/file_lock.h"
+#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/log_calls.h"
+
+#include <cerrno>
+#include <chrono>
+#include <system_error>
+#include <thread>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace VexCore {
+
+namespace {
+
+constexpr int retryRotationSeconds = 60;
+
+// How often, and after how long each time, the end of the file is looked at again before it counts as a piece.
+constexpr int looksAtPiece = 5;
+constexpr auto betweenLooks = std::chrono::milliseconds(1);
+
+std::string ErrorText(int error)
+{
+    return "error " + std::to_string(error) + ": " + std::generic_category().message(error);
+}
+
+} // namespace
+
+// --- records
+
+const char* LogLevelWord(ELogLevel level)
+{
+    static constexpr const char* words[] = {"FATAL", "ERROR", "WARNING", "MESSAGE", "INFO", "DEBUG", "TRACE"};
+    return words[static_cast<int>(level)];
+}
+
+std::string LogText(std::string_view text)
+{
+    static constexpr char digits[] = "0123456789ABCDEF";
+    const std::size_t last = text.find_last_not_of("\r\n");
+    text = text.substr(0, last == std::string_view::npos ? 0 : last + 1);
+    std::string result;
+    result.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c == '\n' || c == '\r') {
+            if (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n')
+                ++i;
+            result += "\n    ";
+        } else if ((c < 0x20 && c != '\t') || c == 0x7f) {
+            result += "\\x";
+            result += digits[c >> 4];
+            result += digits[c & 15];
+        } else {
+            result += static_cast<char>(c);
+        }
+    }
+    return result;
+}
+
+std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel level, pid_t process, const char* thread,
+                            std::string_view text)
+{
+    char stamp[128];
+    struct tm local = {};
+    ::localtime_r(&time, &local);
+    std::string record(stamp, std::strftime(stamp, sizeof stamp, timeFormat, &local));
+    record.append(" ").append(LogLevelWord(level)).append(" [").append(std::to_string(process)).append("/");
+    record.append(LogText(thread)).append("] ").append(LogText(text)).append("\n");
+    return record;
+}
+
+// --- the log's surface
+
+DiskLog::DiskLog(std::size_t maxHeldBytes, int errorDescriptor) : m_maxHeldBytes(maxHeldBytes), m_error(errorDescriptor)
+{
+}
+
+DiskLog::~DiskLog()
+{
+    if (m_descriptor >= 0)
+        os::fileCalls.close(m_descriptor);
+}
+
+void DiskLog::SetFile(const std::string& path)
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    if (m_path.empty())
+        m_path = path;
+}
+
+bool DiskLog::HasFile() const
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    return !m_path.empty();
+}
+
+void DiskLog::SetSettings(const Settings& settings)
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_settings = settings;
+}
+
+void DiskLog::Write(const std::string& record, bool shown)
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    if (!WriteHeld() || !TryWrite(record))
+        Hold(record, shown);
+}
+
+void DiskLog::Flush()
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    WriteHeld();
+}
+
+void DiskLog::FlushAtEnd()
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    if (WriteHeld())
+        return;
+    for (const Held& held : m_held)
+        if (!held.shown)
+            os::WriteBestEffort(m_error, held.record.data(), held.record.size());
+    m_held.clear();
+    m_heldBytes = 0;
+}
+
+// The lock is held across the fork, so that the child finds it, and all it guards, whole.
+void DiskLog::BeforeFork()
+{
+    m_lock.lock();
+    WriteHeld();
+}
+
+void DiskLog::AfterForkInParent()
+{
+    m_lock.unlock();
+}
+
+void DiskLog::AfterForkInChild()
+{
+    m_held.clear();
+    m_heldBytes = 0;
+    m_lost = 0;
+    m_inode = 0; // to be opened anew: the position of an open file is shared with the parent, and we ask for it
+    m_lock.unlock();
+}
+
+// --- writing
+
+bool DiskLog::WriteHeld()
+{
+    while (!m_held.empty()) {
+        if (!TryWrite(m_held.front().record))
+            return false;
+        m_heldBytes -= m_held.front().record.size();
+        m_held.pop_front();
+    }
+    if (m_lost > 0) {
+        if (!TryWrite(OwnRecord(std::to_string(m_lost) + " lines could not be written here and went to standard error")))
+            return false;
+        m_lost = 0;
+    }
+    return true;
+}
+
+bool DiskLog::TryWrite(const std::string& record)
+{
+    if (m_path.empty() || !MakeReady(record.size()))
+        return false;
+    const bool piece = m_size != m_cleanEnd && EndsInPiece();
+    const std::string bytes = piece ? '\n' + record : record;
+    if (!WriteBytes(bytes))
+        return false;
+    m_troubled = false;
+    return !WasGlued(bytes.size()) || WriteBytes(record);
+}
+
+bool DiskLog::WriteBytes(const std::string& bytes)
+{
+    ssize_t count = os::fileCalls.write(m_descriptor, bytes.data(), bytes.size());
+    if (count > 0 && std::size_t(count) < bytes.size()) {
+        // The disk is full, or was for a moment. The rest belongs right behind.
+        const std::size_t rest = bytes.size() - std::size_t(count);
+        const ssize_t more = os::fileCalls.write(m_descriptor, bytes.data() + count, rest);
+        count = more < 0 ? more : count + more;
+    }
+    if (count == ssize_t(bytes.size()))
+        return true;
+    Fail(count < 0 ? errno : ENOSPC);
+    return false;
+}
+
+/// Whether the file ends in a piece of a record: of ours, when the disk was full in the middle of it, or of a process that
+/// was killed while the system copied its record. A record that is being copied looks the same for a moment, because the
+/// file grows by pages: a piece is what stays.
+bool DiskLog::EndsInPiece()
+{
+    for (int look = 0; IsInsideLine(m_size); ++look) {
+        // One that is known is not waited for again: on a full disk each record would be.
+        if (look == looksAtPiece || m_size == m_pieceEnd) {
+            m_pieceEnd = m_size;
+            return true;
+        }
+        std::this_thread::sleep_for(betweenLooks);
+        struct stat status = {};
+        if (os::fileCalls.fstat(m_descriptor, &status) == 0)
+            m_size = status.st_size;
+    }
+    return false;
+}
+
+bool DiskLog::IsInsideLine(off_t place) const
+{
+    char before = '\n';
+    if (place > 0)
+        os::PReadFull(m_descriptor, &before, 1, place - 1);
+    return before != '\n';
+}
+
+/// Whether the record of `size` bytes that was just written went behind a piece nevertheless, because its writer was
+/// killed between our look at the file and our write. Then it has to be written again, on a line of its own.
+bool DiskLog::WasGlued(std::size_t size)
+{
+    const off_t end = os::FilePosition(m_descriptor);
+    const off_t begin = end - off_t(size);
+    m_cleanEnd = end;
+    return begin > 0 && begin != m_size && IsInsideLine(begin);
+}
+
+void DiskLog::Hold(const std::string& record, bool shown)
+{
+    if (m_heldBytes + record.size() > m_maxHeldBytes) {
+        ++m_lost;
+        if (!shown)
+            os::WriteBestEffort(m_error, record.data(), record.size());
+        return;
+    }
+    m_held.push_back({record, shown});
+    m_heldBytes += record.size();
+}
+
+void DiskLog::Fail(int error)
+{
+    if (m_troubled)
+        return;
+    m_troubled = true;
+    const std::string line
+        = "Can't write the log file " + m_path + " (" + ErrorText(error) + "), lines are kept in memory and tried again\n";
+    os::WriteBestEffort(m_error, line.data(), line.size());
+}
+
+std::string DiskLog::OwnRecord(const std::string& text) const
+{
+    return FormatLogRecord(std::time(nullptr), m_settings.timeFormat.c_str(), ELogLevel::Warning, ::getpid(), "log", text);
+}
+
+// --- the file
+
+bool DiskLog::IsOpenFile(const struct stat& status) const
+{
+    return m_descriptor >= 0 && status.st_dev == m_device && status.st_ino == m_inode;
+}
+
+/// Sees to it that the open file is the one of that name and has room for `size` more bytes.
+bool DiskLog::MakeReady(std::size_t size)
+{
+    // Two rounds are the rule at worst (open, rotate, open); others who rotate meanwhile may cost more.
+    for (int round = 0; round < 8; ++round) {
+        struct stat status = {};
+        const bool there = os::fileCalls.stat(m_path.c_str(), &status) == 0;
+        if (!there && errno != ENOENT && m_descriptor >= 0)
+            return true; // the name cannot be asked for just now; the open file is still the best place
+        if (!there || !IsOpenFile(status)) {
+            if (!Open())
+                return false;
+            continue;
+        }
+        m_size = status.st_size;
+        const bool full = status.st_size > 0 && std::int64_t(status.st_size) + std::int64_t(size) > m_settings.maxBytes;
+        if (!full || !Rotate())
+            return true;
+    }
+    return true;
+}
+
+bool DiskLog::Open()
+{
+    const int opened = os::fileCalls.open(
+        m_path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600);
+    if (opened < 0) {
+        Fail(errno);
+        return false;
+    }
+    struct stat status = {};
+    int error = os::fileCalls.fstat(opened, &status) != 0 ? errno : 0;
+    if (error == 0 && !S_ISREG(status.st_mode))
+        error = EINVAL;
+    // A starter's umask may have taken our own rights from the new file, and without them it could not be opened again.
+    if (error == 0 && status.st_size == 0 && (status.st_mode & 07777) != 0600 && os::fileCalls.fchmod(opened, 0600) != 0)
+        error = errno;
+    if (error == 0 && m_descriptor >= 0 && !os::ReplaceDescriptor(opened, m_descriptor))
+        error = errno;
+    if (error != 0) {
+        os::fileCalls.close(opened);
+        Fail(error);
+        return false;
+    }
+    if (m_descriptor < 0)
+        m_descriptor = opened;
+    m_device = status.st_dev;
+    m_inode = status.st_ino;
+    m_cleanEnd = 0;
+    m_pieceEnd = 0;
+    return true;
+}
+
+// --- rotation
+
+std::string DiskLog::RotatedName(int number) const
+{
+    return m_path + '.' + std::to_string(number);
+}
+
+/// Moves the full file away. False: it is to be written on (another process is at it, or it cannot be moved).
+///
+/// One process at a time, by a lock that goes with its holder's life. Nobody waits for it: a holder that is stopped would stop
+/// every writer, so the others write on into the full file meanwhile, where no line is lost either.
+bool DiskLog::Rotate()
+{
+    if (std::time(nullptr) < m_rotateNotBefore)
+        return false;
+    const std::string lockName = m_path + ".lock";
+    const int lock = os::fileCalls.open(lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    if (lock < 0) {
+        RotationFailed(errno);
+        return false;
+    }
+    bool rotated = false;
+    if (os::TryLock(lock) == 0) {
+        // Another may have rotated between our look at the file and the lock.
+        struct stat status = {};
+        const bool moved = os::fileCalls.stat(m_path.c_str(), &status) != 0 || !IsOpenFile(status);
+        rotated = moved || ShiftFiles();
+    }
+    os::fileCalls.close(lock);
+    return rotated;
+}
+
+/// Renames from the oldest on, so that a process killed in between leaves a gap and never two files under one name. The
+/// next rotation fills the gap and moves only the files before it.
+bool DiskLog::ShiftFiles()
+{
+    const int keep = m_settings.keep;
+    struct stat status = {};
+    int gap = 1;
+    while (gap < keep && os::fileCalls.stat(RotatedName(gap).c_str(), &status) == 0)
+        ++gap;
+    if (gap < keep && errno != ENOENT) {
+        RotationFailed(errno); // not a gap: a file may be there, and must not be renamed over
+        return false;
+    }
+    for (int number = gap; number > 0; --number) {
+        const std::string from = number == 1 ? m_path : RotatedName(number - 1);
+        if (os::fileCalls.rename(from.c_str(), RotatedName(number).c_str()) != 0) {
+            RotationFailed(errno);
+            return false;
+        }
+    }
+    // What a larger number of files to keep has left behind.
+    for (int number = keep + 1; os::fileCalls.unlink(RotatedName(number).c_str()) == 0;)
+        ++number;
+    return true;
+}
+
+void DiskLog::RotationFailed(int error)
+{
+    m_rotateNotBefore = std::time(nullptr) + retryRotationSeconds;
+    const std::string record = OwnRecord("The log file can't be rotated (" + ErrorText(error) + "), it grows on");
+    os::fileCalls.write(m_descriptor, record.data(), record.size());
+}
+
+} // namespace VexCore

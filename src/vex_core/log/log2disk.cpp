@@ -1,0 +1,221 @@
+// The framework's log target: turns its records into lines of the process's one disk log, and finds out where that lies.
+
+#include "vex/core/log.h"
+
+#include "vex/core/runnable.h"
+#include "vex_core/log/disk_log.h"
+#include "vex_core/domain/dom_p.h"
+#include "vex_core/domain/dom_values.h"
+#include "vex_core/log/log_p.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/os/log_calls.h"
+
+#include <algorithm>
+#include <atomic>
+#include <ctime>
+
+#include <pthread.h>
+#include <unistd.h>
+#include <wx/thread.h>
+
+namespace VexCore {
+
+namespace {
+
+constexpr int standardError = 2;
+#ifdef VEX_SMALL_LIMITS
+constexpr std::size_t maxHeldBytes = 64 * 1024;
+#else
+constexpr std::size_t maxHeldBytes = 1024 * 1024;
+#endif
+
+std::atomic<DiskLog*> g_replacement{nullptr};
+
+/// Never destroyed: lines are logged while the process ends, and after.
+DiskLog& ProcessLog()
+{
+    static DiskLog& log = *new DiskLog(maxHeldBytes, standardError);
+    DiskLog* const replacement = g_replacement.load(std::memory_order_relaxed);
+    return replacement ? *replacement : log;
+}
+
+std::string TimeFormat()
+{
+    const std::string format = BytesFromText(wxLog::GetTimestamp());
+    return format.empty() ? DiskLog::Settings().timeFormat : format;
+}
+
+/// Where the domain says that the file is, empty while it does not. The name is part of a file name, so it is kept from
+/// naming folders.
+std::string PlaceIn(const RootDom& root)
+{
+    wxString name = root->GetWxString("app.name");
+    const wxString work = root->GetWxString("app.path.work");
+    if (name.empty() || work.empty())
+        return std::string();
+    name.Replace(wxS("/"), wxS("_"));
+    return ToSystemBytes(work + wxS('/') + name + wxS(".log"));
+}
+
+void ReadSettings(DiskLog& log, const RootDom& root)
+{
+    DiskLog::Settings settings;
+    settings.timeFormat = TimeFormat();
+    std::int64_t keep = settings.keep;
+    root->GetSetting("app.log.size", settings.maxBytes);
+    root->GetSetting("app.log.count", keep);
+    settings.maxBytes = std::max<std::int64_t>(settings.maxBytes, 4096);
+    settings.keep = static_cast<int>(std::clamp<std::int64_t>(keep, 1, 10000));
+    log.SetSettings(settings);
+}
+
+/// Brings place and settings up to date: the place until there is one, the settings at most once a second, because they
+/// may have to be read from a file.
+void Prepare(DiskLog& log)
+{
+    static std::atomic<std::time_t> settingsRead{0};
+    const std::time_t now = std::time(nullptr);
+    const bool placed = log.HasFile();
+    if (placed && settingsRead.load(std::memory_order_relaxed) == now)
+        return;
+    const RootDom root;
+    if (!root)
+        return;
+    if (const std::string place = placed ? std::string() : PlaceIn(root); !place.empty())
+        log.SetFile(place);
+    settingsRead.store(now, std::memory_order_relaxed);
+    ReadSettings(log, root);
+}
+
+ELogLevel LevelOf(wxLogLevel level)
+{
+    switch (level) {
+    case wxLOG_FatalError:
+        return ELogLevel::Fatal;
+    case wxLOG_Error:
+        return ELogLevel::Error;
+    case wxLOG_Warning:
+        return ELogLevel::Warning;
+    case wxLOG_Message:
+        return ELogLevel::Message;
+    case wxLOG_Debug:
+    case wxLOG_Progress:
+        return ELogLevel::Debug;
+    case wxLOG_Trace:
+        return ELogLevel::Trace;
+    default:
+        return ELogLevel::Info;
+    }
+}
+
+// A thread of ours that ends the process writes down what others left in the framework's queue.
+const char* ThreadName(wxThreadIdType thread)
+{
+    const CRunnable* const runnable = CRunnable::Current();
+    if (runnable && thread == wxThread::GetCurrentId())
+        return runnable->GetThreadName();
+    const wxThreadIdType main = wxThread::GetMainId(); // 0 until the framework is initialised, when there is no other thread
+    return main == 0 || thread == main ? "main" : "thread";
+}
+
+void WriteRecord(ELogLevel level, std::time_t time, wxThreadIdType thread, const wxString& message)
+{
+    DiskLog& log = ProcessLog();
+    Prepare(log);
+    const std::string text = BytesFromText(message);
+    // In the background standard error is /dev/null, which is no terminal.
+    const bool shown = level <= ELogLevel::Warning && os::IsTerminal(standardError);
+    if (shown) {
+        const std::string line = std::string(LogLevelWord(level)) + ' ' + LogText(text) + '\n';
+        os::WriteBestEffort(standardError, line.data(), line.size());
+    }
+    log.Write(FormatLogRecord(time, TimeFormat().c_str(), level, ::getpid(), ThreadName(thread), text), shown);
+}
+
+// The framework empties its queue of other threads' lines on the main thread only, through a private member. A process
+// may also be ended by another thread, so the member is named here in the one way that the language allows.
+template <void (wxLog::*member)()>
+struct QueueDoor
+{
+    friend void EmptyQueue(wxLog& log) { (log.*member)(); }
+};
+template struct QueueDoor<&wxLog::FlushThreadMessages>;
+void EmptyQueue(wxLog& log);
+
+void BeforeFork()
+{
+    Prepare(ProcessLog());
+    ProcessLog().BeforeFork();
+}
+
+void AfterForkInParent()
+{
+    ProcessLog().AfterForkInParent();
+}
+
+void AfterForkInChild()
+{
+    ProcessLog().AfterForkInChild();
+}
+
+/// Made before `main`, so that its end comes after all that the host registers, on whichever thread ends the process. A destructor
+/// and no atexit handler: the thread sanitizer runs the handlers of libraries when wx's destructors are through.
+const struct ProcessHooks
+{
+    ProcessHooks()
+    {
+        ProcessLog();
+        ::pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+    }
+    ~ProcessHooks() { FlushLogAtProcessEnd(); }
+} processHooks;
+
+} // namespace
+
+CLog2Disk::CLog2Disk() = default;
+
+CLog2Disk::~CLog2Disk() = default;
+
+void CLog2Disk::Flush()
+{
+    wxLog::Flush();
+    EmptyQueue(*this);
+    Prepare(ProcessLog());
+    ProcessLog().Flush();
+}
+
+void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info)
+{
+    WriteRecord(LevelOf(level), info.timestamp, info.threadId, message);
+}
+
+void WriteLogLine(wxLogLevel level, const wxString& text)
+{
+    WriteRecord(LevelOf(level), std::time(nullptr), wxThread::GetCurrentId(), text);
+}
+
+std::string LogFilePath()
+{
+    const RootDom root;
+    return root ? PlaceIn(root) : std::string();
+}
+
+int LogFileDescriptor()
+{
+    return ProcessLog().Descriptor();
+}
+
+void FlushLogAtProcessEnd()
+{
+    CLog2Disk log;
+    EmptyQueue(log);
+    Prepare(ProcessLog());
+    ProcessLog().FlushAtEnd();
+}
+
+DiskLog* ReplaceProcessLog(DiskLog* log)
+{
+    return g_replacement.exchange(log);
+}
+
+} // namespace VexCore

@@ -1,0 +1,72 @@
+// Which modules are traced. The set of modules is immutable and stands behind an atomic pointer: asking takes no lock, and with
+// nothing traced it is one relaxed load.
+
+#include "vex/core/log.h"
+
+#include "vex_core/domain/dom_p.h"
+#include "vex_core/log/log_p.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/log/trace_modules.h"
+#include "vex_core/log/trace_p.h"
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <optional>
+
+namespace VexCore {
+
+namespace {
+
+std::atomic<const TraceModules*> g_modules{nullptr};
+
+/// Every list that was ever in force, by its text. Readers may still be looking into an old one, and lists change at most
+/// a few times in a process's life, so none is destroyed.
+struct TraceLists
+{
+    std::mutex lock;
+    std::map<std::string, TraceModules> byText; // guarded by lock
+};
+
+TraceLists& Lists()
+{
+    static TraceLists& lists = *new TraceLists;
+    return lists;
+}
+
+} // namespace
+
+bool LogTraceIsEnabled(const char* module)
+{
+    if (!g_modules.load(std::memory_order_relaxed))
+        return false;
+    const TraceModules* const modules = g_modules.load(std::memory_order_acquire);
+    return modules && module && modules->Contain(module);
+}
+
+void ReloadTraceModules()
+{
+    TraceLists& lists = Lists();
+    // Let go of after the lock: this may be the last reference by then, and the end of a root comes back here.
+    std::optional<const RootDom> root;
+    // Read under the lock: of two writers the one that comes second sees both writes, so the lists in force are the last.
+    const std::lock_guard<std::mutex> lock(lists.lock);
+    root.emplace();
+    std::string text;
+    if (*root)
+        text = (*root)->Get("app.trace") + ',' + (*root)->Get("app.trace+");
+    const TraceModules& modules = lists.byText.try_emplace(text, text).first->second;
+    g_modules.store(modules.Empty() ? nullptr : &modules, std::memory_order_release);
+}
+
+void LogTrace(const char* module, const char* sourceFile, int line, const char* function, const wxString& message)
+{
+    wxString name = FromForeignBytes(function ? function : "");
+    name.Replace(wxS(" "), wxString());
+    wxString text = FromForeignBytes(module ? module : "");
+    text << wxS(' ') << name << wxS('(') << FromForeignBytes(sourceFile ? sourceFile : "") << wxS(':') << line
+         << wxS("): ") << message;
+    WriteLogLine(wxLOG_Trace, text);
+}
+
+} // namespace VexCore

@@ -1,0 +1,396 @@
+#include "vex_core/lua/lua_host.h"
+
+#include "slb3/error.h"
+#include "vex_core/domain/dom_p.h"
+#include "vex_core/lua/lua_arguments.h"
+#include "vex_core/lua/lua_db.h"
+#include "vex_core/os/status_calls.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <lua.hpp>
+
+// A Lua error unwinds C++ frames here (Lua is built as C++), so objects with destructors are safe beside
+// calls of Lua.
+
+namespace VexCore {
+namespace {
+
+using SLB3::internal::Guarded;
+
+int Failure(lua_State* L, const char* path, int error)
+{
+    lua_pushnil(L);
+    lua_pushfstring(L, "%s: %s", path, std::strerror(error));
+    return 2;
+}
+
+void SetText(lua_State* L, const char* field, const std::string& text)
+{
+    lua_pushlstring(L, text.data(), text.size());
+    lua_setfield(L, -2, field);
+}
+
+// An empty text is what the system gives where it does not know.
+void SetKnownText(lua_State* L, const char* field, const std::string& text)
+{
+    if (!text.empty())
+        SetText(L, field, text);
+}
+
+void SetNumber(lua_State* L, const char* field, double value)
+{
+    lua_pushnumber(L, value);
+    lua_setfield(L, -2, field);
+}
+
+void SetNumber(lua_State* L, const char* field, const std::optional<std::uint64_t>& value)
+{
+    if (value)
+        SetNumber(L, field, static_cast<double>(*value));
+}
+
+// vex.fs
+// -------------------------------------------------------------------------------------------------------------
+
+// list(folder): sorted array of the names in it, without "." and "..".
+int FsList(lua_State* L)
+{
+    const char* path = PlainTextArgument(L, 1);
+    struct Closer
+    {
+        void operator()(DIR* folder) const { closedir(folder); }
+    };
+    std::unique_ptr<DIR, Closer> folder(opendir(path));
+    if (!folder)
+        return Failure(L, path, errno);
+    std::vector<std::string> names;
+    for (;;) {
+        errno = 0;
+        const dirent* entry = readdir(folder.get());
+        if (!entry) {
+            if (errno != 0)
+                return Failure(L, path, errno);
+            break;
+        }
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+            names.emplace_back(entry->d_name);
+    }
+    std::sort(names.begin(), names.end());
+    lua_createtable(L, static_cast<int>(names.size()), 0);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        lua_pushlstring(L, names[i].data(), names[i].size());
+        lua_rawseti(L, -2, static_cast<int>(i + 1));
+    }
+    return 1;
+}
+
+int PushStat(lua_State* L, int (*ask)(const char*, struct stat*))
+{
+    const char* path = PlainTextArgument(L, 1);
+    struct stat about = {};
+    if (ask(path, &about) != 0)
+        return Failure(L, path, errno);
+    const char* type = "other";
+    if (S_ISREG(about.st_mode))
+        type = "file";
+    else if (S_ISDIR(about.st_mode))
+        type = "folder";
+    else if (S_ISLNK(about.st_mode))
+        type = "link";
+    lua_createtable(L, 0, 4);
+    SetText(L, "type", type);
+    SetNumber(L, "size", static_cast<double>(about.st_size));
+    SetNumber(L, "modified", static_cast<double>(about.st_mtime));
+    SetNumber(L, "mode", static_cast<double>(about.st_mode & 07777));
+    return 1;
+}
+
+// stat(path), lstat(path): table with type, size, modified and mode; lstat tells about a symbolic link
+// itself.
+int FsStat(lua_State* L)
+{
+    return PushStat(L, [](const char* path, struct stat* about) { return os::Stat(path, *about); });
+}
+
+int FsLstat(lua_State* L)
+{
+    return PushStat(L, [](const char* path, struct stat* about) { return os::LStat(path, *about); });
+}
+
+// mkdir(path): makes a folder that its owner alone may enter.
+int FsMkdir(lua_State* L)
+{
+    const char* path = PlainTextArgument(L, 1);
+    if (mkdir(path, 0700) != 0)
+        return Failure(L, path, errno);
+    lua_pushboolean(L, 1);
+    return 1;
+}
+
+// cwd(): the current directory.
+int FsCwd(lua_State* L)
+{
+    char buffer[4096];
+    if (!getcwd(buffer, sizeof buffer))
+        return Failure(L, ".", errno);
+    lua_pushstring(L, buffer);
+    return 1;
+}
+
+// isatty(descriptor): whether it is a terminal.
+int FsIsatty(lua_State* L)
+{
+    lua_pushboolean(L, isatty(luaL_checkint(L, 1)));
+    return 1;
+}
+
+const luaL_Reg fsFunctions[] = {{"list", Guarded<FsList>},
+                                {"stat", Guarded<FsStat>},
+                                {"lstat", Guarded<FsLstat>},
+                                {"mkdir", Guarded<FsMkdir>},
+                                {"cwd", Guarded<FsCwd>},
+                                {"isatty", Guarded<FsIsatty>},
+                                {nullptr, nullptr}};
+
+// vex.host
+// -----------------------------------------------------------------------------------------------------------
+
+// system(): table with name, release, version, machine and host; distribution where the system has one.
+int HostSystem(lua_State* L)
+{
+    lua_createtable(L, 0, 6);
+    utsname names = {};
+    if (uname(&names) >= 0) {
+        SetKnownText(L, "name", names.sysname);
+        SetKnownText(L, "release", names.release);
+        SetKnownText(L, "version", names.version);
+        SetKnownText(L, "machine", names.machine);
+        SetKnownText(L, "host", names.nodename);
+    }
+    SetKnownText(L, "distribution", host::Distribution().value_or(std::string()));
+    return 1;
+}
+
+int HostUptime(lua_State* L)
+{
+    const auto seconds = host::UptimeSeconds();
+    if (!seconds)
+        return 0;
+    lua_pushnumber(L, *seconds);
+    return 1;
+}
+
+// load(): array of the averages over 1, 5 and 15 minutes.
+int HostLoad(lua_State* L)
+{
+    double averages[3] = {};
+    const int count = getloadavg(averages, 3);
+    if (count != 3)
+        return 0;
+    lua_createtable(L, 3, 0);
+    for (int i = 0; i < 3; ++i) {
+        lua_pushnumber(L, averages[i]);
+        lua_rawseti(L, -2, i + 1);
+    }
+    return 1;
+}
+
+// memory(): table with total, available, free, swap_total and swap_free, in bytes.
+int HostMemory(lua_State* L)
+{
+    const host::Memory memory = host::MemoryFacts();
+    lua_createtable(L, 0, 5);
+    SetNumber(L, "total", memory.totalBytes);
+    SetNumber(L, "available", memory.availableBytes);
+    SetNumber(L, "free", memory.freeBytes);
+    SetNumber(L, "swap_total", memory.swapTotalBytes);
+    SetNumber(L, "swap_free", memory.swapFreeBytes);
+    return 1;
+}
+
+// processors(): how many are online.
+int HostProcessors(lua_State* L)
+{
+    const long count = sysconf(_SC_NPROCESSORS_ONLN);
+    if (count <= 0)
+        return 0;
+    lua_pushnumber(L, static_cast<double>(count));
+    return 1;
+}
+
+// disks(): array of tables with mount, device, type; total, free and available (to an ordinary user), in
+// bytes.
+int HostDisks(lua_State* L)
+{
+    const auto disks = host::Disks();
+    if (!disks)
+        return 0;
+    lua_createtable(L, static_cast<int>(disks->size()), 0);
+    int index = 0;
+    for (const host::Disk& disk : *disks) {
+        lua_createtable(L, 0, 6);
+        SetText(L, "mount", disk.mount);
+        SetText(L, "device", disk.device);
+        SetText(L, "type", disk.type);
+        SetNumber(L, "total", static_cast<double>(disk.totalBytes));
+        SetNumber(L, "free", static_cast<double>(disk.freeBytes));
+        SetNumber(L, "available", static_cast<double>(disk.availableBytes));
+        lua_rawseti(L, -2, ++index);
+    }
+    return 1;
+}
+
+// interfaces(): array of tables with name and counters since the interface came up.
+int HostInterfaces(lua_State* L)
+{
+    const auto interfaces = host::Interfaces();
+    if (!interfaces)
+        return 0;
+    lua_createtable(L, static_cast<int>(interfaces->size()), 0);
+    int index = 0;
+    for (const host::Interface& one : *interfaces) {
+        lua_createtable(L, 0, 7);
+        SetText(L, "name", one.name);
+        SetNumber(L, "received_bytes", one.receivedBytes);
+        SetNumber(L, "sent_bytes", one.sentBytes);
+        SetNumber(L, "received_packets", one.receivedPackets);
+        SetNumber(L, "sent_packets", one.sentPackets);
+        SetNumber(L, "receive_errors", one.receiveErrors);
+        SetNumber(L, "send_errors", one.sendErrors);
+        lua_rawseti(L, -2, ++index);
+    }
+    return 1;
+}
+
+// monotonic(): seconds on a clock that nobody sets, for measuring.
+int HostMonotonic(lua_State* L)
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    lua_pushnumber(L, static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9);
+    return 1;
+}
+
+int HostPid(lua_State* L)
+{
+    lua_pushnumber(L, static_cast<double>(getpid()));
+    return 1;
+}
+
+const luaL_Reg hostFunctions[] = {{"system", Guarded<HostSystem>},
+                                  {"uptime", Guarded<HostUptime>},
+                                  {"load", Guarded<HostLoad>},
+                                  {"memory", Guarded<HostMemory>},
+                                  {"processors", Guarded<HostProcessors>},
+                                  {"disks", Guarded<HostDisks>},
+                                  {"interfaces", Guarded<HostInterfaces>},
+                                  {"monotonic", Guarded<HostMonotonic>},
+                                  {"pid", Guarded<HostPid>},
+                                  {nullptr, nullptr}};
+
+// vex.settings
+// -------------------------------------------------------------------------------------------------------
+
+// The value of argument 1 as the process's domain has it. Nothing is pushed while the domain is held.
+template <class Value>
+bool Setting(lua_State* L, Value& value)
+{
+    const char* key = PlainTextArgument(L, 1);
+    const RootDom root;
+    return root && root->GetSetting(key, value);
+}
+
+int Default(lua_State* L)
+{
+    lua_settop(L, 2);
+    return 1;
+}
+
+// text(key [, default]), bool(key [, default]), int(key [, default]): the domain's key, else the entry of the
+// group [settings] of the configuration file, else the default. What does not read as the type counts as
+// absent.
+int SettingsText(lua_State* L)
+{
+    std::string value;
+    if (!Setting(L, value))
+        return Default(L);
+    lua_pushlstring(L, value.data(), value.size());
+    return 1;
+}
+
+int SettingsBool(lua_State* L)
+{
+    bool value = false;
+    if (!Setting(L, value))
+        return Default(L);
+    lua_pushboolean(L, value);
+    return 1;
+}
+
+int SettingsInt(lua_State* L)
+{
+    std::int64_t value = 0;
+    if (!Setting(L, value))
+        return Default(L);
+    constexpr std::int64_t exact = std::int64_t{1} << 53;
+    if (value > exact || value < -exact)
+        return luaL_error(L, "vex.settings: the integer of '%s' is beyond 2^53", lua_tostring(L, 1));
+    lua_pushnumber(L, static_cast<double>(value));
+    return 1;
+}
+
+const luaL_Reg settingsFunctions[] = {{"text", Guarded<SettingsText>},
+                                      {"bool", Guarded<SettingsBool>},
+                                      {"int", Guarded<SettingsInt>},
+                                      {nullptr, nullptr}};
+
+// Registration
+// -------------------------------------------------------------------------------------------------------
+
+int OpenFs(lua_State* L)
+{
+    luaL_newlib(L, fsFunctions);
+    return 1;
+}
+
+int OpenHost(lua_State* L)
+{
+    luaL_newlib(L, hostFunctions);
+    return 1;
+}
+
+int OpenSettings(lua_State* L)
+{
+    luaL_newlib(L, settingsFunctions);
+    return 1;
+}
+
+} // namespace
+
+void RegisterHostModules(lua_State* L)
+{
+    luaL_getsubtable(L, LUA_REGISTRYINDEX, "_PRELOAD");
+    lua_pushcfunction(L, OpenFs);
+    lua_setfield(L, -2, "vex.fs");
+    lua_pushcfunction(L, OpenHost);
+    lua_setfield(L, -2, "vex.host");
+    lua_pushcfunction(L, OpenLuaDb);
+    lua_setfield(L, -2, "vex.db");
+    lua_pushcfunction(L, OpenSettings);
+    lua_setfield(L, -2, "vex.settings");
+    lua_pop(L, 1);
+}
+
+} // namespace VexCore

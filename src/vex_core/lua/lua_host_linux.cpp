@@ -1,0 +1,142 @@
+// Facts about a Linux host.
+
+#include "vex_core/lua/lua_host.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <set>
+
+#include <mntent.h>
+#include <sys/statvfs.h>
+#include <sys/sysinfo.h>
+
+namespace VexCore::host {
+namespace {
+
+// Value of NAME=value or NAME="value" with the shell's escapes taken out.
+std::string Unquote(const std::string& text)
+{
+    std::string result;
+    const bool quoted =
+        text.size() >= 2 && (text.front() == '"' || text.front() == '\'') && text.back() == text.front();
+    const std::size_t end = text.size() - (quoted ? 1 : 0);
+    for (std::size_t i = quoted ? 1 : 0; i < end; ++i) {
+        if (text[i] == '\\' && i + 1 < end)
+            ++i;
+        result += text[i];
+    }
+    return result;
+}
+
+// Whether a file system is a disk of this host. Others only show what the kernel knows, or another file
+// system's data again; and one on the network belongs to its server, whose silence would stop whoever asks
+// for its size.
+bool IsDisk(const mntent& entry)
+{
+    static const std::set<std::string> others = {
+        "9p",      "afs",        "autofs",    "binfmt_misc", "bpf",    "ceph",       "cgroup",
+        "cgroup2", "cifs",       "configfs",  "debugfs",     "devpts", "devtmpfs",   "efivarfs",
+        "fusectl", "fuse.sshfs", "glusterfs", "hugetlbfs",   "lustre", "mqueue",     "nfs",
+        "nfs4",    "nsfs",       "proc",      "pstore",      "ramfs",  "rpc_pipefs", "securityfs",
+        "smb3",    "squashfs",   "sysfs",     "tmpfs",       "tracefs"};
+    return others.count(entry.mnt_type) == 0;
+}
+
+} // namespace
+
+std::optional<std::string> Distribution()
+{
+    for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {
+        std::ifstream file(path);
+        std::string line;
+        while (std::getline(file, line)) {
+            static const std::string key = "PRETTY_NAME=";
+            if (line.compare(0, key.size(), key) == 0 && line.size() > key.size())
+                return Unquote(line.substr(key.size()));
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<double> UptimeSeconds()
+{
+    struct sysinfo facts = {};
+    if (sysinfo(&facts) != 0)
+        return std::nullopt;
+    return static_cast<double>(facts.uptime);
+}
+
+Memory MemoryFacts()
+{
+    Memory memory;
+    struct sysinfo facts = {};
+    if (sysinfo(&facts) == 0) {
+        memory.totalBytes = static_cast<std::uint64_t>(facts.totalram) * facts.mem_unit;
+        memory.freeBytes = static_cast<std::uint64_t>(facts.freeram) * facts.mem_unit;
+        memory.swapTotalBytes = static_cast<std::uint64_t>(facts.totalswap) * facts.mem_unit;
+        memory.swapFreeBytes = static_cast<std::uint64_t>(facts.freeswap) * facts.mem_unit;
+    }
+    // What can be had without swapping is told nowhere else.
+    std::ifstream file("/proc/meminfo");
+    std::string line;
+    while (std::getline(file, line)) {
+        unsigned long long kilobytes = 0;
+        if (std::sscanf(line.c_str(), "MemAvailable: %llu kB", &kilobytes) == 1)
+            memory.availableBytes = static_cast<std::uint64_t>(kilobytes) * 1024;
+    }
+    return memory;
+}
+
+std::optional<std::vector<Disk>> Disks()
+{
+    FILE* table = setmntent("/proc/self/mounts", "re");
+    if (!table)
+        return std::nullopt;
+    std::vector<Disk> disks;
+    std::set<std::string> seen; // a device mounted several times counts once
+    mntent entry = {};
+    char buffer[8192];
+    while (getmntent_r(table, &entry, buffer, sizeof buffer)) {
+        struct statvfs sizes = {};
+        if (!IsDisk(entry) || statvfs(entry.mnt_dir, &sizes) != 0 || sizes.f_blocks == 0)
+            continue;
+        const bool device = entry.mnt_fsname[0] == '/';
+        if (device && !seen.insert(entry.mnt_fsname).second)
+            continue;
+        const std::uint64_t unit = sizes.f_frsize ? sizes.f_frsize : sizes.f_bsize;
+        disks.push_back({entry.mnt_dir, entry.mnt_fsname, entry.mnt_type, sizes.f_blocks * unit,
+                         sizes.f_bfree * unit, sizes.f_bavail * unit});
+    }
+    endmntent(table);
+    return disks;
+}
+
+std::optional<std::vector<Interface>> Interfaces()
+{
+    // The counters that getifaddrs gives are cut to 32 bits, which a busy interface passes in seconds.
+    std::ifstream file("/proc/net/dev");
+    if (!file)
+        return std::nullopt;
+    std::vector<Interface> interfaces;
+    std::string line;
+    while (std::getline(file, line)) {
+        const std::size_t colon = line.rfind(':');
+        const std::size_t start = line.find_first_not_of(' ');
+        if (colon == std::string::npos || start >= colon)
+            continue;
+        // Received: bytes, packets, errors and five more; then sent in the same order.
+        unsigned long long in[3] = {}, out[3] = {};
+        if (std::sscanf(line.c_str() + colon + 1, "%llu %llu %llu %*u %*u %*u %*u %*u %llu %llu %llu", &in[0],
+                        &in[1], &in[2], &out[0], &out[1], &out[2]) != 6)
+            continue;
+        const std::string name = line.substr(start, colon - start);
+        if (name != "lo")
+            interfaces.push_back({name, in[0], in[1], in[2], out[0], out[1], out[2]});
+    }
+    std::sort(interfaces.begin(), interfaces.end(),
+              [](const Interface& a, const Interface& b) { return a.name < b.name; });
+    return interfaces;
+}
+
+} // namespace VexCore::host

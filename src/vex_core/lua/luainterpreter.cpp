@@ -1,0 +1,363 @@
+#include "vex/core/luainterpreter.h"
+
+#include "slb3/error.h"
+#include "vex/core/processexit.h"
+#include "vex_core/lua/lua_host.h"
+#include "vex_core/lua/luaoutput.h"
+#include "vex_core/base/narrow.h"
+
+#include <cstdlib>
+#include <initializer_list>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include <lua.hpp>
+#include <wx/log.h>
+#include <wx/stream.h>
+
+namespace VexCore {
+
+namespace {
+
+constexpr int statusNotLoaded = 1;
+constexpr int statusFailed = 2;
+constexpr int statusNoMemory = 4;
+constexpr int statusHandlerFailed = 5;
+
+constexpr std::size_t readBytes = 16 * 1024;
+
+/// One run of a chunk, on the way through Lua.
+struct Run
+{
+    wxInputStream& in;
+    std::string chunkName;
+    int resultCount;
+    int loadStatus; ///< of lua_load
+    Run* outer; ///< the run that this one is nested in
+    char buffer[readBytes];
+};
+
+// Registry key of the address of the innermost Run, which handlers find without an allocation.
+const char runKey = 0;
+
+Run& CurrentRun(lua_State* L)
+{
+    lua_rawgetp(L, LUA_REGISTRYINDEX, &runKey);
+    Run* run = *static_cast<Run**>(lua_touserdata(L, -1));
+    lua_pop(L, 1);
+    return *run;
+}
+
+const char* ReadChunk(lua_State* L, void* context, std::size_t* size)
+{
+    Run& run = *static_cast<Run*>(context);
+    *size = 0;
+    SLB3::internal::Guard(L, [&] {
+        run.in.Read(run.buffer, sizeof(run.buffer));
+        *size = run.in.LastRead();
+        if (*size == 0 && run.in.GetLastError() == wxSTREAM_READ_ERROR)
+            throw std::runtime_error("cannot read the chunk");
+        return 0;
+    });
+    return run.buffer;
+}
+
+/// The text that the error value gives itself.
+int ErrorValueText(lua_State* L)
+{
+    luaL_tolstring(L, 1, nullptr);
+    if (lua_type(L, -1) != LUA_TSTRING)
+        return luaL_error(L, "its __tostring gave a %s value", luaL_typename(L, -1));
+    return 1;
+}
+
+/// Pushes the text of the error value at `index`.
+void PushErrorText(lua_State* L, int index)
+{
+    const int type = lua_type(L, index);
+    luaL_checkstack(L, 8, "error message");
+    if (type == LUA_TSTRING || type == LUA_TNUMBER) {
+        lua_pushvalue(L, index);
+    } else if (luaL_getmetafield(L, index, "__tostring")) {
+        lua_pop(L, 1);
+        lua_pushcfunction(L, ErrorValueText);
+        lua_pushvalue(L, index);
+        if (lua_pcall(L, 1, 1, 0) != LUA_OK) {
+            const char* why = lua_tostring(L, -1);
+            lua_pushfstring(L, "(error object is a %s value that gives no text: %s)", luaL_typename(L, index),
+                            why ? why : "no reason");
+            lua_remove(L, -2);
+        }
+    } else {
+        lua_pushfstring(L, "(error object is a %s value)", luaL_typename(L, index));
+    }
+}
+
+/// Message handler: the value's text with a traceback, unless it carries one from where it was first caught.
+int AddTraceback(lua_State* L)
+{
+    PushErrorText(L, 1);
+    std::size_t length = 0;
+    const char* const text = lua_tolstring(L, -1, &length);
+    const bool hasOne = std::string_view(text, length).find("\nstack traceback:\n") != std::string_view::npos;
+    if (CurrentRun(L).loadStatus == LUA_OK && !hasOne) {
+        // Not given to the function itself, which would end the text at a NUL.
+        lua_pushliteral(L, "\n");
+        luaL_traceback(L, L, nullptr, 1);
+        lua_concat(L, 3);
+    }
+    return 1;
+}
+
+/// Loads and runs the chunk of the current run with the arguments on the stack.
+int LoadAndRun(lua_State* L)
+{
+    Run& run = CurrentRun(L);
+    run.loadStatus = lua_load(L, ReadChunk, &run, run.chunkName.c_str(), "t");
+    if (run.loadStatus != LUA_OK)
+        return lua_error(L);
+    lua_insert(L, 1);
+    luaL_checkstack(L, run.resultCount, "results of the chunk"); // which Lua fills up with nil without asking for room
+    // An exception of a native module that is not bound through the binder ends here, not as a failure without a text.
+    return SLB3::internal::Guard(L, [&] {
+        lua_call(L, lua_gettop(L) - 1, run.resultCount);
+        return lua_gettop(L);
+    });
+}
+
+/// Makes a run the innermost one for the scope's life.
+class NestedRun
+{
+public:
+    NestedRun(Run*& innermost, Run* run) : m_innermost(innermost) { innermost = run; }
+    ~NestedRun() { m_innermost = m_innermost->outer; }
+    NestedRun(const NestedRun&) = delete;
+    NestedRun& operator=(const NestedRun&) = delete;
+
+private:
+    Run*& m_innermost;
+};
+
+int StatusOf(int callStatus, int loadStatus)
+{
+    switch (loadStatus == LUA_OK ? callStatus : loadStatus) {
+    case LUA_OK:
+        return 0;
+    case LUA_ERRSYNTAX:
+        return statusNotLoaded;
+    case LUA_ERRMEM:
+        return statusNoMemory;
+    case LUA_ERRGCMM:
+    case LUA_ERRERR:
+        return statusHandlerFailed;
+    default:
+        return loadStatus == LUA_OK ? statusFailed : statusNotLoaded;
+    }
+}
+
+/// The templates of a list that do not look into the current directory.
+std::string WithoutCurrentDirectory(const std::string& templates)
+{
+    std::string kept;
+    for (std::size_t begin = 0; begin <= templates.size();) {
+        std::size_t end = templates.find(';', begin);
+        if (end == std::string::npos)
+            end = templates.size();
+        if (end > begin && templates.compare(begin, 2, "./") != 0) {
+            kept += kept.empty() ? "" : ";";
+            kept.append(templates, begin, end - begin);
+        }
+        begin = end + 1;
+    }
+    return kept;
+}
+
+std::string JoinTemplates(std::initializer_list<std::string> parts)
+{
+    std::string all;
+    for (const std::string& part : parts) {
+        if (!part.empty())
+            all += (all.empty() ? "" : ";") + part;
+    }
+    return all;
+}
+
+std::string PackageField(lua_State* L, const char* field)
+{
+    lua_getglobal(L, "package");
+    lua_getfield(L, -1, field);
+    const char* value = lua_tostring(L, -1);
+    std::string text = value ? value : "";
+    lua_pop(L, 2);
+    return text;
+}
+
+void SetPackageField(lua_State* L, const char* field, const std::string& value)
+{
+    lua_getglobal(L, "package");
+    lua_pushlstring(L, value.data(), value.size());
+    lua_setfield(L, -2, field);
+    lua_pop(L, 1);
+}
+
+/// os.exit([code [, close]]), as in Lua itself, but safe on any thread.
+int OsExit(lua_State* L)
+{
+    int status = EXIT_SUCCESS;
+    if (lua_isboolean(L, 1))
+        status = lua_toboolean(L, 1) ? EXIT_SUCCESS : EXIT_FAILURE;
+    else
+        status = luaL_optint(L, 1, EXIT_SUCCESS);
+    if (lua_toboolean(L, 2))
+        lua_close(L);
+    ExitProcessFromThread(status);
+}
+
+void ReplaceExit(lua_State* L)
+{
+    lua_getglobal(L, "os");
+    lua_pushcfunction(L, OsExit);
+    lua_setfield(L, -2, "exit");
+    lua_pop(L, 1);
+}
+
+std::string OrEmpty(const char* text)
+{
+    return text ? text : "";
+}
+
+} // namespace
+
+struct CLuaInterpreter::Impl
+{
+    lua_State* L = nullptr;
+    bool collectAtEnd = false;
+    bool openLibraries = false;
+    wxString name;
+    wxString errorInfo;
+    LuaOutput output;
+    Run* run = nullptr; // innermost; points into RunScript's frame
+    std::string defaultPath; // package.path and package.cpath as Lua made them
+    std::string defaultCpath;
+
+    static int Prepare(lua_State* L)
+    {
+        auto& self = *static_cast<Impl*>(lua_touserdata(L, 1));
+        lua_pushlightuserdata(L, &self.run);
+        lua_rawsetp(L, LUA_REGISTRYINDEX, &runKey);
+        if (!self.openLibraries)
+            return 0;
+        luaL_openlibs(L);
+        ReplaceExit(L);
+        RegisterHostModules(L);
+        self.output.Install(L);
+        self.defaultPath = WithoutCurrentDirectory(PackageField(L, "path"));
+        self.defaultCpath = WithoutCurrentDirectory(PackageField(L, "cpath"));
+        return 0;
+    }
+
+    static int Collect(lua_State* L)
+    {
+        lua_gc(L, LUA_GCCOLLECT, 0);
+        return 0;
+    }
+
+    void KeepError()
+    {
+        std::size_t length = 0;
+        const char* text = lua_tolstring(L, -1, &length);
+        errorInfo = text ? FromForeignBytes(text, length) : wxString("(no message)");
+    }
+};
+
+CLuaInterpreter::CLuaInterpreter(bool collectAtEnd, const wchar_t* name, bool openLibraries)
+    : m_impl(std::make_unique<Impl>())
+{
+    m_impl->collectAtEnd = collectAtEnd;
+    m_impl->openLibraries = openLibraries;
+    m_impl->name = name ? name : L"";
+    m_impl->L = luaL_newstate();
+    if (!m_impl->L)
+        throw std::bad_alloc();
+    lua_pushcfunction(m_impl->L, &Impl::Prepare);
+    lua_pushlightuserdata(m_impl->L, m_impl.get());
+    if (lua_pcall(m_impl->L, 1, 0, 0) != LUA_OK) {
+        lua_close(m_impl->L);
+        throw std::bad_alloc();
+    }
+}
+
+CLuaInterpreter::~CLuaInterpreter()
+{
+    if (m_impl->collectAtEnd) {
+        lua_pushcfunction(m_impl->L, &Impl::Collect);
+        if (lua_pcall(m_impl->L, 0, 0, 0) != LUA_OK) {
+            m_impl->KeepError();
+            wxLogWarning("%s: %s", m_impl->name, m_impl->errorInfo);
+        }
+    }
+    lua_close(m_impl->L);
+}
+
+lua_State* CLuaInterpreter::L() const
+{
+    return m_impl->L;
+}
+
+void CLuaInterpreter::SetPackagePaths(const char* bin, const char* path, const char* cpath)
+{
+    const std::string folder = OrEmpty(bin);
+    std::string modules, natives;
+    if (!folder.empty()) {
+        modules = folder + "/?.lua;" + folder + "/?/init.lua";
+        natives = folder + "/lib/?.so";
+    }
+    SetPackageField(L(), "path", JoinTemplates({OrEmpty(path), modules, m_impl->defaultPath}));
+    SetPackageField(L(), "cpath", JoinTemplates({OrEmpty(cpath), natives, m_impl->defaultCpath}));
+}
+
+int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultCount, const wxString& name,
+                               wxOutputStream* out)
+{
+    lua_State* const state = L();
+    const int base = lua_gettop(state) - argumentCount;
+    try {
+        if (!lua_checkstack(state, resultCount + 8)) {
+            lua_settop(state, base);
+            m_impl->errorInfo = "stack overflow";
+            return statusFailed;
+        }
+        // On the heap: nested chunks would carry their buffers on the thread's stack.
+        const std::unique_ptr<Run> run(
+            new Run{in, "=" + std::string(name.utf8_str()), resultCount, LUA_OK, m_impl->run, {}});
+        const NestedRun nested(m_impl->run, run.get());
+        const LuaOutput::Redirection redirection(m_impl->output, out);
+
+        // Functions without upvalues: nothing here allocates in Lua, where an error could not be caught yet.
+        lua_pushcfunction(state, LoadAndRun);
+        lua_insert(state, base + 1);
+        lua_pushcfunction(state, AddTraceback);
+        lua_insert(state, base + 1);
+        const int callStatus = lua_pcall(state, argumentCount, resultCount, base + 1);
+        if (callStatus == LUA_OK) {
+            lua_remove(state, base + 1);
+            return 0;
+        }
+        m_impl->KeepError();
+        lua_settop(state, base);
+        return StatusOf(callStatus, run->loadStatus);
+    } catch (const std::bad_alloc&) {
+        lua_settop(state, base);
+        m_impl->errorInfo = "not enough memory";
+        return statusNoMemory;
+    }
+}
+
+wxString CLuaInterpreter::GetErrorInfo() const
+{
+    return m_impl->errorInfo;
+}
+
+} // namespace VexCore

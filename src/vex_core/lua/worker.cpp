@@ -1,0 +1,259 @@
+#include "vex_core/lua/worker.h"
+
+#include "slb3/class.h"
+#include "vex/core/dom.h"
+#include "vex/core/luainterpreter.h"
+#include "vex/core/wrap_dom.h"
+#include "vex_core/domain/dom_values.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/threads/processexit_p.h"
+#include "vex_core/threads/runnable_p.h"
+#include "vex_core/base/wait.h"
+#include "vex_core/lua/workers.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include <lua.hpp>
+#include <wx/log.h>
+#include <wx/mstream.h>
+
+namespace VexCore {
+
+namespace {
+
+constexpr int statusFailed = 2;
+
+// What runs in the new state. Its first arguments are the module's name and the argument of `run`.
+constexpr const char workerChunk[] =
+    "local name, argument = ...\n"
+    "local module = require(name)\n"
+    "if type(module) ~= 'table' or type(module.run) ~= 'function' then\n"
+    "  error((\"module '%s' has no function 'run'\"):format(name), 0)\n"
+    "end\n"
+    "local status = module.run(argument)\n" // no tail call: the traceback would lack its caller
+    "return status\n";
+
+/// All workers that have not been joined yet. Never destroyed: a straggler may outlive everything else.
+struct WorkerList
+{
+    std::mutex lock;
+    bool closed = false; // guarded by lock; the process is ending
+    std::vector<std::shared_ptr<CWorker>> workers; // guarded by lock
+
+    static WorkerList& Get()
+    {
+        static WorkerList* list = new WorkerList;
+        return *list;
+    }
+
+    /// Takes those out that have ended, for the caller to let go of without the lock.
+    std::vector<std::shared_ptr<CWorker>> TakeEnded()
+    {
+        std::vector<std::shared_ptr<CWorker>> ended;
+        const auto runs = [](const std::shared_ptr<CWorker>& worker) { return worker->Running(); };
+        const auto middle = std::stable_partition(workers.begin(), workers.end(), runs);
+        ended.assign(std::make_move_iterator(middle), std::make_move_iterator(workers.end()));
+        workers.erase(middle, workers.end());
+        return ended;
+    }
+
+    /// For when all have announced their end: one that has still some steps to go counts as running, and would meet the
+    /// destructors of the process if nobody joined it.
+    std::vector<std::shared_ptr<CWorker>> TakeAllButThisThread()
+    {
+        std::vector<std::shared_ptr<CWorker>> taken;
+        taken.swap(workers);
+        for (auto worker = taken.begin(); worker != taken.end(); ++worker) {
+            if (worker->get() == CRunnable::Current()) {
+                workers.push_back(std::move(*worker));
+                taken.erase(worker);
+                break;
+            }
+        }
+        return taken;
+    }
+};
+
+} // namespace
+
+CWorker::CWorker(CDom& dom, std::string module, LuaValue argument)
+    : CRunnable(false, -1, false), m_module(std::move(module)), m_threadName("worker " + m_module),
+      m_argument(std::move(argument))
+{
+    dom.AddRef();
+    SetDom(&dom);
+}
+
+CWorker::~CWorker()
+{
+    join(-1);
+    GetDom()->Release();
+}
+
+const char* CWorker::GetThreadName() const
+{
+    return m_threadName.c_str();
+}
+
+std::shared_ptr<CWorker> CWorker::Start(CDom& dom, std::string module, LuaValue argument)
+{
+    auto worker = std::make_shared<CWorker>(dom, std::move(module), std::move(argument));
+    WorkerList& list = WorkerList::Get();
+    std::vector<std::shared_ptr<CWorker>> ended; // let go of after the lock: the last holder joins the thread
+    const std::lock_guard<std::mutex> lock(list.lock);
+    ended = list.TakeEnded();
+    if (list.closed) {
+        wxLogError("Worker \"%s\" is not started: the process is ending.", TextWithoutNul(worker->m_module));
+        return nullptr;
+    }
+    // In the list first, so that a failure to grow it cannot leave a thread that nobody joins.
+    list.workers.push_back(worker);
+    if (!worker->start(wxPRIORITY_DEFAULT, true, 0)) {
+        list.workers.pop_back();
+        return nullptr;
+    }
+    return worker;
+}
+
+/// Calls a function of the state without arguments; its error becomes the worker's.
+bool CWorker::Protected(CLuaInterpreter& lua, int (*function)(lua_State*), int resultCount)
+{
+    lua_State* const L = lua.L();
+    lua_pushcfunction(L, function);
+    lua_pushlightuserdata(L, this);
+    if (lua_pcall(L, 1, resultCount, 0) == LUA_OK)
+        return true;
+    std::size_t length = 0;
+    const char* const message = lua_tolstring(L, -1, &length);
+    m_error = message ? std::string(message, length) : "(no message)";
+    lua_settop(L, 0);
+    return false;
+}
+
+/// The state as the application's: paths, the domain under both names, the loader of archives.
+int CWorker::PrepareState(lua_State* L)
+{
+    return SLB3::internal::Guard(L, [L] {
+        const CWorker& self = *static_cast<CWorker*>(lua_touserdata(L, 1));
+        CDom& dom = *self.GetDom();
+        luaL_checkversion(L);
+        self.m_lua->SetPackagePaths(dom.Get("app.path.bin").c_str(), dom.Get("app.lua.path").c_str(),
+                                    dom.Get("app.lua.cpath").c_str());
+        SLB3::PushReference(L, &dom);
+        lua_pushvalue(L, -1);
+        lua_setglobal(L, "dom0");
+        lua_setglobal(L, "dom");
+        dom.RegisterLoader(L);
+        return 0;
+    });
+}
+
+int CWorker::PushArguments(lua_State* L)
+{
+    return SLB3::internal::Guard(L, [L] {
+        const CWorker& self = *static_cast<CWorker*>(lua_touserdata(L, 1));
+        lua_pushlstring(L, self.m_module.data(), self.m_module.size());
+        self.m_argument.Push(L);
+        return 2;
+    });
+}
+
+int CWorker::Work()
+{
+    CLuaInterpreter lua(false, L"worker.lua", true);
+    m_lua = &lua;
+    if (!Protected(lua, &PrepareState, 0) || !Protected(lua, &PushArguments, 2))
+        return statusFailed;
+    m_argument.value = std::monostate();
+    wxMemoryInputStream chunk(workerChunk, sizeof(workerChunk) - 1);
+    const int status = lua.RunScript(chunk, 2, 1, "worker", nullptr);
+    if (status != 0) {
+        m_error = BytesFromText(lua.GetErrorInfo());
+        return status;
+    }
+    return static_cast<int>(lua_tointeger(lua.L(), -1));
+}
+
+void CWorker::OnRun()
+{
+    // However the work ends, who waits for it is told.
+    struct Announcement
+    {
+        CWorker& worker;
+        ~Announcement() { worker.AnnounceEnd(); }
+    };
+    const Announcement announcement{*this};
+    m_status = statusFailed;
+    try {
+        m_status = Work();
+    } catch (const std::exception& e) {
+        m_error = e.what();
+    }
+    if (!m_error.empty())
+        wxLogError("Worker \"%s\" failed: %s", TextWithoutNul(m_module), TextWithoutNul(m_error));
+}
+
+void CWorker::AnnounceEnd()
+{
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_done = true;
+    for (WaitPoint* waiting : m_waiting)
+        waiting->Notify();
+}
+
+bool CWorker::WaitForEnd(std::int64_t timeoutMs)
+{
+    using namespace std::chrono;
+    WaitPoint& point = WaitPoint::OfThisThread();
+    const steady_clock::time_point begin = steady_clock::now();
+    std::unique_lock<std::mutex> lock(m_lock);
+    if (!m_done)
+        m_waiting.push_back(&point);
+    bool isOver = m_done;
+    while (!m_done && !isOver) {
+        std::int64_t leftMs = timeoutMs;
+        if (timeoutMs >= 0)
+            leftMs = std::max<std::int64_t>(0, timeoutMs - duration_cast<milliseconds>(steady_clock::now() - begin).count());
+        lock.unlock();
+        // A notification may also be a late one of a key that this thread has waited for.
+        isOver = point.Sleep(leftMs) != WaitPoint::EOutcome::Notified;
+        lock.lock();
+    }
+    m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), &point), m_waiting.end());
+    if (!m_done)
+        return false;
+    lock.unlock();
+    return join(-1); // the body is over: what is left is short
+}
+
+void StopAllWorkers(long timeoutMs)
+{
+    WorkerList& list = WorkerList::Get();
+    {
+        const std::lock_guard<std::mutex> lock(list.lock);
+        list.closed = true;
+    }
+    const std::vector<std::string> stragglers = EndRegisteredThreads(timeoutMs);
+    std::vector<std::shared_ptr<CWorker>> ended;
+    {
+        const std::lock_guard<std::mutex> lock(list.lock);
+        ended = stragglers.empty() ? list.TakeAllButThisThread() : list.TakeEnded();
+    }
+    for (const std::shared_ptr<CWorker>& worker : ended)
+        worker->join(-1);
+    for (const std::string& name : stragglers)
+        wxLogWarning("Thread \"%s\" has not ended within %ld seconds and is left behind.",
+                     FromForeignBytes(name), timeoutMs / 1000);
+    if (!stragglers.empty())
+        SkipDestructorsAtExit();
+}
+
+void ReopenWorkers()
+{
+    WorkerList& list = WorkerList::Get();
+    const std::lock_guard<std::mutex> lock(list.lock);
+    list.closed = false;
+}
+
+} // namespace VexCore

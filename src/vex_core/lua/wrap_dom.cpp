@@ -1,0 +1,360 @@
+// The domain's methods for Lua. Functions here only turn arguments and results; what happens is the domain's.
+
+#include "vex/core/wrap_dom.h"
+
+#include "vex/core/agentevent.h"
+#include "vex/core/clock.h"
+#include "vex/core/dom.h"
+#include "vex/core/execute.h"
+#include "vex/core/log.h"
+#include "vex_core/log/log_p.h"
+#include "vex_core/lua/lua_arguments.h"
+#include "vex_core/lua/lua_value.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/lua/wrap_worker.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <wx/arrstr.h>
+#include <wx/log.h>
+
+using VexCore::CDom;
+using namespace SLB3::internal;
+
+namespace {
+
+// Stack indexes of a method's arguments; the domain is 1.
+constexpr int firstArgument = 2;
+constexpr int secondArgument = 3;
+constexpr int thirdArgument = 4;
+
+// Beyond it a Lua number cannot tell an integer from its neighbour.
+constexpr std::int64_t maxExactInteger = std::int64_t(1) << 53;
+
+constexpr std::size_t maxKeptBytes = 4096;
+
+wxString Text(std::string_view bytes)
+{
+    return VexCore::FromForeignBytes(bytes);
+}
+
+int PushText(lua_State* L, const wxString& text)
+{
+    const wxScopedCharBuffer bytes = text.utf8_str();
+    lua_pushlstring(L, bytes.data(), bytes.length());
+    return 1;
+}
+
+int PushBytes(lua_State* L, std::string_view bytes)
+{
+    lua_pushlstring(L, bytes.data(), bytes.size());
+    return 1;
+}
+
+/// The second argument, as it is, or nil.
+int PushDefault(lua_State* L)
+{
+    lua_settop(L, secondArgument);
+    return 1;
+}
+
+// --- values
+
+int Get(CDom& dom, lua_State* L)
+{
+    const char* key = Value<const char*>::Get(L, firstArgument);
+    // Kept from call to call: the heap would be a quarter of the time. While it is in use nobody else has it: making the
+    // Lua string may run a finaliser, which may come here.
+    thread_local std::string kept;
+    std::string text;
+    text.swap(kept);
+    const bool found = dom.Get(key, text);
+    const int results = found ? PushBytes(L, text) : PushDefault(L);
+    if (text.capacity() <= maxKeptBytes)
+        text.swap(kept);
+    return results;
+}
+
+bool GetBool(CDom& dom, const char* key, std::optional<bool> defaultValue)
+{
+    bool value = defaultValue.value_or(false);
+    dom.Get(key, value);
+    return value;
+}
+
+int GetInt(CDom& dom, lua_State* L)
+{
+    const char* key = Value<const char*>::Get(L, firstArgument);
+    if (!lua_isnoneornil(L, secondArgument))
+        Value<std::int64_t>::Get(L, secondArgument);
+    std::int64_t value = 0;
+    if (!dom.Get(key, value))
+        return PushDefault(L);
+    if (value > maxExactInteger || value < -maxExactInteger)
+        return luaL_error(L, "the value of '%s' is beyond 2^53, where Lua numbers are not exact: read it with Get", key);
+    return Value<std::int64_t>::Push(L, value);
+}
+
+void Set(CDom& dom, lua_State* L, const char* key)
+{
+    switch (lua_type(L, secondArgument)) {
+    case LUA_TNIL:
+        dom.Remove(key);
+        break;
+    case LUA_TBOOLEAN:
+        dom.Set(key, lua_toboolean(L, secondArgument) != 0);
+        break;
+    case LUA_TNUMBER:
+        dom.SetWx(key, Value<std::int64_t>::Get(L, secondArgument));
+        break;
+    case LUA_TSTRING: {
+        const std::string_view text = Value<std::string_view>::Get(L, secondArgument);
+        dom.Set(key, text.data(), text.size());
+        break;
+    }
+    default:
+        RaiseArgumentError(L, secondArgument, "string, boolean, integer or nil");
+    }
+}
+
+int SetValue(CDom& dom, lua_State* L)
+{
+    Set(dom, L, Value<const char*>::Get(L, firstArgument));
+    return 0;
+}
+
+std::vector<std::string> Keys(CDom& dom, std::optional<const char*> prefix)
+{
+    return dom.Keys(prefix.value_or(""));
+}
+
+int Wait(CDom& dom, lua_State* L)
+{
+    const char* key = Value<const char*>::Get(L, firstArgument);
+    switch (dom.Wait(key, VexCore::MillisecondsArgument(L, secondArgument))) {
+    case CDom::EWait::Written:
+        lua_pushboolean(L, true);
+        break;
+    case CDom::EWait::TimedOut:
+        lua_pushboolean(L, false);
+        break;
+    case CDom::EWait::Ending:
+        lua_pushnil(L);
+        break;
+    }
+    return 1;
+}
+
+// --- log
+
+int Log(CDom&, lua_State* L)
+{
+    struct Level
+    {
+        std::string_view name;
+        wxLogLevel level;
+    };
+    static constexpr Level levels[] = {{"error", wxLOG_Error},
+                                       {"warning", wxLOG_Warning},
+                                       {"message", wxLOG_Message},
+                                       {"info", wxLOG_Info},
+                                       {"debug", wxLOG_Debug}};
+    const std::string_view name = Value<std::string_view>::Get(L, firstArgument);
+    const std::string_view text = Value<std::string_view>::Get(L, secondArgument);
+    for (const Level& level : levels) {
+        if (level.name != name)
+            continue;
+        // The framework would drop debug lines by its level, and in a release build altogether.
+        if (level.level == wxLOG_Debug)
+            VexCore::WriteLogLine(wxLOG_Debug, Text(text));
+        else
+            wxLogGeneric(level.level, "%s", VexCore::TextWithoutNul(text));
+        return 0;
+    }
+    RaiseArgumentError(L, firstArgument, "\"error\", \"warning\", \"message\", \"info\" or \"debug\"",
+                       lua_pushfstring(L, "\"%s\"", lua_tostring(L, firstArgument)));
+}
+
+int Trace(CDom&, lua_State* L)
+{
+    const char* module = Value<const char*>::Get(L, firstArgument);
+    const std::string_view text = Value<std::string_view>::Get(L, secondArgument);
+    const int level = Value<std::optional<int>>::Get(L, thirdArgument).value_or(1);
+    if (!VexCore::LogTraceIsEnabled(module))
+        return 0;
+    // The line tells the place of the Lua code that calls, or of its caller's caller and so on.
+    lua_Debug caller = {};
+    const bool known = lua_getstack(L, std::max(level, 1), &caller) && lua_getinfo(L, "nSl", &caller);
+    const char* source = !known ? "?" : *caller.source == '@' ? caller.source + 1 : caller.short_src;
+    const char* function = known && caller.name ? caller.name : "main";
+    VexCore::LogTrace(module, source, known ? caller.currentline : 0, function, Text(text));
+    return 0;
+}
+
+bool TraceEnabled(CDom&, const char* module)
+{
+    return VexCore::LogTraceIsEnabled(module);
+}
+
+// --- events
+
+/// Refuses the table at `firstArgument` for its field, whose value is on top.
+[[noreturn]] void RaiseFieldError(lua_State* L, const char* wanted, const char* name)
+{
+    const char* got = lua_type(L, -1) == LUA_TNUMBER ? "another number" : luaL_typename(L, -1);
+    RaiseArgumentError(L, firstArgument, lua_pushfstring(L, "table with %s \"%s\"", wanted, name), got);
+}
+
+/// Reads a field of the table at `firstArgument` that is a 32-bit integer.
+std::int32_t IntegerField(lua_State* L, const char* name, std::optional<std::int32_t> defaultValue)
+{
+    lua_getfield(L, firstArgument, name);
+    const double number = lua_tonumber(L, -1);
+    const bool isNumber = lua_type(L, -1) == LUA_TNUMBER;
+    if (lua_isnil(L, -1) && defaultValue) {
+        lua_pop(L, 1);
+        return *defaultValue;
+    }
+    if (!isNumber || number != std::floor(number) || number < INT32_MIN || number > INT32_MAX)
+        RaiseFieldError(L, "an integer", name);
+    lua_pop(L, 1);
+    return static_cast<std::int32_t>(number);
+}
+
+std::string TextField(lua_State* L, const char* name)
+{
+    lua_getfield(L, firstArgument, name);
+    std::size_t length = 0;
+    const char* bytes = lua_tolstring(L, -1, &length);
+    if (!bytes && !lua_isnil(L, -1))
+        RaiseFieldError(L, "a string", name);
+    std::string text(bytes ? bytes : "", length);
+    lua_pop(L, 1);
+    return text;
+}
+
+int AgentEvent(CDom& dom, lua_State* L)
+{
+    constexpr int noticeLevel = 5;
+    if (!lua_istable(L, firstArgument))
+        RaiseArgumentError(L, firstArgument, "table");
+    VexCore::CAgentEvent event;
+    event.m_number = IntegerField(L, "number", std::nullopt);
+    event.m_severity = VexCore::CAgentEvent::ToSeverity(IntegerField(L, "severity", noticeLevel));
+    event.m_text = TextField(L, "text");
+    event.m_timeMillis = VexCore::TimeNowMillis();
+    event.m_timeSeconds = static_cast<std::int32_t>(event.m_timeMillis / 1000);
+    for (const int field : {VexCore::CAgentEvent::FieldText, VexCore::CAgentEvent::FieldTimeMillis,
+                            VexCore::CAgentEvent::FieldTimeSeconds, VexCore::CAgentEvent::FieldNumber,
+                            VexCore::CAgentEvent::FieldSeverity})
+        event.SetAttributeNull(field, false);
+    return Value<std::int64_t>::Push(L, dom.AgentEventWrite(event));
+}
+
+// --- host
+
+int PluginWorkdir(CDom& dom, lua_State* L)
+{
+    return PushText(L, dom.GetPluginWorkdirWx(Text(Value<std::string_view>::Get(L, firstArgument))));
+}
+
+wxArrayString ProgramArguments(lua_State* L)
+{
+    wxArrayString arguments;
+    if (lua_isnoneornil(L, secondArgument))
+        return arguments;
+    if (!lua_istable(L, secondArgument))
+        RaiseArgumentError(L, secondArgument, "array of strings");
+    const int count = static_cast<int>(lua_rawlen(L, secondArgument));
+    for (int i = 1; i <= count; ++i) {
+        lua_rawgeti(L, secondArgument, i);
+        std::size_t length = 0;
+        const char* bytes = lua_tolstring(L, -1, &length);
+        if (!bytes)
+            RaiseArgumentError(L, secondArgument, "array of strings",
+                               lua_pushfstring(L, "%s at [%d]", luaL_typename(L, -1), i));
+        if (std::string_view(bytes, length).find('\0') != std::string_view::npos)
+            RaiseArgumentError(L, secondArgument, "array of strings",
+                               lua_pushfstring(L, "string with a zero byte at [%d]", i));
+        arguments.push_back(Text({bytes, length}));
+        lua_pop(L, 1);
+    }
+    return arguments;
+}
+
+long ProgramTimeout(lua_State* L)
+{
+    if (lua_isnoneornil(L, thirdArgument))
+        return 0;
+    if (!lua_istable(L, thirdArgument))
+        RaiseArgumentError(L, thirdArgument, "table");
+    lua_getfield(L, thirdArgument, "timeout");
+    if (lua_isnil(L, -1))
+        return 0;
+    const double seconds = lua_tonumber(L, -1);
+    if (lua_type(L, -1) != LUA_TNUMBER || !(seconds > 0) || seconds > 1e9)
+        RaiseArgumentError(L, thirdArgument, "table with a positive number \"timeout\"",
+                           lua_type(L, -1) == LUA_TNUMBER ? "another number" : luaL_typename(L, -1));
+    lua_pop(L, 1);
+    return static_cast<long>(std::ceil(seconds * 1000));
+}
+
+int Execute(CDom&, lua_State* L)
+{
+    const wxString program = Text(Value<const char*>::Get(L, firstArgument));
+    const wxArrayString arguments = ProgramArguments(L);
+    const long timeoutMs = ProgramTimeout(L);
+    wxString output, error;
+    int exitCode = 0;
+    lua_pushboolean(L, VexCore::Execute(program, arguments, output, exitCode, error, timeoutMs));
+    PushText(L, output);
+    lua_pushinteger(L, exitCode);
+    PushText(L, error);
+    return 4;
+}
+
+std::int64_t TimeMillis(CDom&)
+{
+    return VexCore::TimeNowMillis();
+}
+
+int StartThread(CDom& dom, lua_State* L)
+{
+    const char* module = Value<const char*>::Get(L, firstArgument);
+    VexCore::LuaValue argument;
+    std::string got;
+    if (!VexCore::LuaValue::Copy(L, secondArgument, argument, got))
+        RaiseArgumentError(L, secondArgument, "nil, boolean, number, string or a table of them", got.c_str());
+    std::shared_ptr<VexCore::CWorker> worker = VexCore::CWorker::Start(dom, module, std::move(argument));
+    if (!worker)
+        return luaL_error(L, "worker '%s' could not be started; the log tells why", module);
+    SLB3::PushValue<VexCore::WorkerHandle>(L, std::move(worker));
+    return 1;
+}
+
+} // namespace
+
+void SLB3::Wrapper<CDom>::Register(internal::Class<CDom>& definition)
+{
+    definition.Method<&Get>("Get")
+        .Method<&GetBool>("GetBool")
+        .Method<&GetInt>("GetInt")
+        .Method<&SetValue>("Set")
+        .Method<&CDom::Has>("Has")
+        .Method<&CDom::Remove>("Remove")
+        .Method<&Keys>("Keys")
+        .Method<&Wait>("Wait")
+        .Method<&Log>("Log")
+        .Method<&Trace>("Trace")
+        .Method<&TraceEnabled>("TraceEnabled")
+        .Method<&AgentEvent>("AgentEvent")
+        .Method<&PluginWorkdir>("PluginWorkdir")
+        .Method<&Execute>("Execute")
+        .Method<&TimeMillis>("TimeMillis")
+        .Method<&StartThread>("StartThread");
+}

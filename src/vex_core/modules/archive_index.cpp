@@ -1,0 +1,227 @@
+#include "vex_core/modules/archive_index.h"
+
+#include "vex_core/base/narrow.h"
+#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/status_calls.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <deque>
+
+#include <fcntl.h>
+
+#include <wx/log.h>
+#include <wx/string.h>
+
+namespace VexCore {
+namespace {
+
+/// The archives that hold a descriptor now, the longest open first. Beyond the limit that one is closed; five eighths of
+/// the process's descriptors leave room for everything else, and for 600 archives under the usual limit of 1024.
+class OpenArchives
+{
+public:
+    static OpenArchives& Process()
+    {
+        static OpenArchives* const instance = new OpenArchives;
+        return *instance;
+    }
+
+    void Add(const std::shared_ptr<ModuleArchive>& archive)
+    {
+        const std::size_t limit = std::max<std::size_t>(os::OpenFileLimit() * 5 / 8, 16);
+        std::vector<std::weak_ptr<ModuleArchive>> closing;
+        {
+            const std::lock_guard<std::mutex> guard(m_lock);
+            m_open.push_back(archive);
+            if (m_open.size() > limit) {
+                m_open.erase(std::remove_if(m_open.begin(), m_open.end(), [](const auto& item) { return item.expired(); }),
+                             m_open.end());
+                for (; m_open.size() > limit; m_open.pop_front())
+                    closing.push_back(m_open.front());
+            }
+        }
+        for (const auto& item : closing)
+            if (const auto old = item.lock())
+                old->Close();
+    }
+
+private:
+    std::mutex m_lock;
+    std::deque<std::weak_ptr<ModuleArchive>> m_open; // guarded by m_lock
+};
+
+/// Whether a file that could not be opened failed for want of descriptors or memory, which says nothing about the file.
+bool OutOfResources(const std::string& path)
+{
+    const int descriptor = os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    if (descriptor >= 0) {
+        os::Close(descriptor);
+        return false;
+    }
+    return errno == EMFILE || errno == ENFILE || errno == ENOMEM;
+}
+
+bool IsLuaFile(const ZipEntry& entry)
+{
+    const std::size_t length = entry.name.size();
+    return !entry.isFolder && length >= 4 && entry.name.compare(length - 4, 4, ".lua") == 0;
+}
+
+wxString ToWx(const std::string& bytes)
+{
+    return FromForeignBytes(bytes);
+}
+
+} // namespace
+
+std::uint64_t HashName(std::string_view name)
+{
+    std::uint64_t hash = 14695981039346656037u;
+    for (const char character : name) {
+        hash ^= static_cast<unsigned char>(character);
+        hash *= 1099511628211u;
+    }
+    return hash;
+}
+
+std::shared_ptr<ModuleArchive> ModuleArchive::Open(const std::string& path, const ZipLimits& limits, std::string& error)
+{
+    auto zip = ZipArchive::Open(path, limits, error);
+    if (!zip)
+        return nullptr;
+    std::shared_ptr<ModuleArchive> archive(new ModuleArchive);
+    archive->m_path = path;
+    archive->m_limits = limits;
+    archive->m_identity = zip->Identity();
+    for (const ZipEntry& entry : zip->Entries())
+        if (IsLuaFile(entry))
+            archive->m_hashes.push_back(HashName(entry.name));
+    archive->m_hashes.shrink_to_fit();
+    std::sort(archive->m_hashes.begin(), archive->m_hashes.end());
+    archive->m_zip = std::move(zip);
+    OpenArchives::Process().Add(archive);
+    return archive;
+}
+
+bool ModuleArchive::MayHave(std::uint64_t nameHash) const
+{
+    return std::binary_search(m_hashes.begin(), m_hashes.end(), nameHash);
+}
+
+std::shared_ptr<const ZipArchive> ModuleArchive::Zip(std::string& error)
+{
+    std::shared_ptr<const ZipArchive> zip;
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        if (m_zip)
+            return m_zip;
+        zip = ZipArchive::Open(m_path, m_limits, error);
+        if (!zip)
+            return nullptr;
+        if (zip->Identity() != m_identity) {
+            error = "the file was replaced meanwhile";
+            return nullptr;
+        }
+        m_zip = zip;
+    }
+    OpenArchives::Process().Add(shared_from_this());
+    return zip;
+}
+
+std::string ModuleArchive::DirectorySha256()
+{
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        if (!m_directorySha256.empty())
+            return m_directorySha256;
+    }
+    std::string error;
+    const auto zip = Zip(error);
+    if (!zip)
+        return std::string();
+    std::string sha256 = zip->DirectorySha256();
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_directorySha256 = sha256;
+    return sha256;
+}
+
+void ModuleArchive::Close()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_zip.reset();
+}
+
+ArchiveSlot::ArchiveSlot(std::string path) : m_path(std::move(path)) {}
+
+std::shared_ptr<ModuleArchive> ArchiveSlot::Current(const ZipLimits& limits, std::string& failure)
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    struct stat status;
+    const bool there = os::Stat(m_path.c_str(), status) == 0;
+    const FileIdentity identity = there ? IdentityOf(status) : FileIdentity();
+    if (!m_known || there != m_there || identity != m_identity) {
+        m_there = there;
+        m_identity = identity;
+        OpenAnew(limits);
+    }
+    if (!m_archive)
+        failure = m_failure;
+    return m_archive;
+}
+
+void ArchiveSlot::OpenAnew(const ZipLimits& limits)
+{
+    m_known = false; // should opening throw
+    m_failure.clear();
+    m_archive = ModuleArchive::Open(m_path, limits, m_failure);
+    if (m_archive) {
+        m_known = m_there = true;
+        m_identity = m_archive->Identity();
+        m_warned = false;
+        return;
+    }
+    if (m_failure.empty())
+        m_failure = "cannot be opened";
+    m_known = !OutOfResources(m_path);
+    if (m_warned && m_warnedIdentity == m_identity && m_warnedFailure == m_failure)
+        return;
+    m_warned = true;
+    m_warnedIdentity = m_identity;
+    m_warnedFailure = m_failure;
+    wxLogWarning("Lua archive '%s' is passed over until it changes: %s", ToWx(m_path), ToWx(m_failure));
+}
+
+std::string ArchiveSlot::LastFailure()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_archive ? std::string() : m_failure;
+}
+
+ArchiveIndex& ArchiveIndex::Process()
+{
+    static ArchiveIndex* const instance = new ArchiveIndex;
+    return *instance;
+}
+
+std::shared_ptr<ArchiveSlot> ArchiveIndex::Slot(const std::string& path)
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    std::shared_ptr<ArchiveSlot>& slot = m_slots[path];
+    if (!slot)
+        slot = std::make_shared<ArchiveSlot>(path);
+    return slot;
+}
+
+void ArchiveIndex::ForgetUnused()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    for (auto item = m_slots.begin(); item != m_slots.end();) {
+        if (item->second.use_count() == 1)
+            item = m_slots.erase(item);
+        else
+            ++item;
+    }
+}
+
+} // namespace VexCore

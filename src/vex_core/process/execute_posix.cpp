@@ -1,0 +1,343 @@
+// Runs one program and waits for it, with its output in a pipe. The calling thread does all of it: it reads
+// until the program itself has ended, whatever became of the processes that the program started.
+
+#include "vex/core/execute.h"
+#include "vex/core/log.h"
+#include "vex/core/sendsignal.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/os/file_calls.h"
+#include "vex_core/os/procinfo.h"
+#include "vex_core/os/spawn.h"
+#include "vex_core/os/status_calls.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <wx/arrstr.h>
+
+extern char** environ; // POSIX leaves the declaration to us
+
+namespace VexCore {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t maxOutputBytes = std::size_t(16) << 20;
+
+// While SIGCHLD is ignored the system takes the status of children away before we can ask for it. Some
+// parents leave it so: the default comes back for as long as a program of ours runs on any thread.
+class ChildStatusKept
+{
+public:
+    ChildStatusKept()
+    {
+        const std::lock_guard<std::mutex> lock(Mutex());
+        if (Users()++ > 0)
+            return;
+        sigaction(SIGCHLD, nullptr, &Previous());
+        if (Previous().sa_handler != SIG_IGN && (Previous().sa_flags & SA_NOCLDWAIT) == 0)
+            return;
+        struct sigaction standard = {};
+        standard.sa_handler = SIG_DFL;
+        sigemptyset(&standard.sa_mask);
+        sigaction(SIGCHLD, &standard, nullptr);
+        Changed() = true;
+    }
+    ~ChildStatusKept()
+    {
+        const std::lock_guard<std::mutex> lock(Mutex());
+        if (--Users() > 0 || !Changed())
+            return;
+        sigaction(SIGCHLD, &Previous(), nullptr);
+        Changed() = false;
+    }
+    ChildStatusKept(const ChildStatusKept&) = delete;
+    ChildStatusKept& operator=(const ChildStatusKept&) = delete;
+
+private:
+    static std::mutex& Mutex()
+    {
+        static std::mutex mutex;
+        return mutex;
+    }
+    static int& Users()
+    {
+        static int users = 0;
+        return users;
+    }
+    static bool& Changed()
+    {
+        static bool changed = false;
+        return changed;
+    }
+    static struct sigaction& Previous()
+    {
+        static struct sigaction previous = {};
+        return previous;
+    }
+};
+
+// A name without a slash is looked up as a shell would, but before the fork.
+std::string FindProgram(const std::string& program)
+{
+    if (program.empty() || program.find('/') != std::string::npos)
+        return program;
+    const char* path = std::getenv("PATH");
+    std::string folders = path != nullptr && *path != '\0' ? path : "/usr/bin:/bin";
+    for (std::size_t at = 0; at <= folders.size();) {
+        const std::size_t colon = std::min(folders.find(':', at), folders.size());
+        const std::string folder = folders.substr(at, colon - at);
+        const std::string candidate = folder + "/" + program;
+        if (!folder.empty() && os::MayExecute(candidate.c_str()))
+            return candidate;
+        at = colon + 1;
+    }
+    return std::string(); // which exec answers with "No such file or directory"; the current folder is not
+                          // searched
+}
+
+class Output
+{
+public:
+    void Add(const char* data, std::size_t size)
+    {
+        m_total += size;
+        m_text.append(data, std::min(size, maxOutputBytes - m_text.size()));
+    }
+    unsigned long long Total() const { return m_total; }
+    wxString Text()
+    {
+        if (m_total > m_text.size())
+            DropHalfCharacter();
+        return FromForeignBytes(m_text);
+    }
+
+private:
+    // The cut may have gone through a character of several bytes.
+    void DropHalfCharacter()
+    {
+        std::size_t tail = 0;
+        while (tail < 3 && tail < m_text.size() && (m_text[m_text.size() - 1 - tail] & 0xC0) == 0x80)
+            ++tail;
+        if (tail >= m_text.size())
+            return;
+        const unsigned char lead = static_cast<unsigned char>(m_text[m_text.size() - 1 - tail]);
+        const std::size_t wanted = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : lead >= 0xC0 ? 1 : 0;
+        if (wanted > tail)
+            m_text.resize(m_text.size() - 1 - tail);
+    }
+
+    std::string m_text;
+    unsigned long long m_total = 0;
+};
+
+class RunningProgram
+{
+public:
+    RunningProgram(pid_t pid, os::Descriptor output)
+        : m_pid(pid), m_output(std::move(output)), m_process(os::OpenProcess(pid))
+    {
+        fcntl(m_output.Get(), F_SETFL, fcntl(m_output.Get(), F_GETFL) | O_NONBLOCK);
+    }
+
+    // Reads and waits until the program has ended. False: the limit was over first, and it was killed.
+    bool Wait(long timeoutMs, Output& output)
+    {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+        bool inTime = true;
+        while (!HasEnded()) {
+            if (inTime && timeoutMs > 0 && Clock::now() >= deadline) {
+                inTime = false;
+                SendSignalToGroup(m_pid, SIGKILL);
+                SendSignal(m_pid, SIGKILL); // it may have left its group
+            }
+            Sleep(inTime && timeoutMs > 0 ? &deadline : nullptr);
+            Drain(output);
+        }
+        Drain(output);
+        return inTime;
+    }
+
+    int Status() const { return m_status; }
+    bool StatusKnown() const { return m_statusKnown; }
+
+private:
+    bool HasEnded()
+    {
+        pid_t ended;
+        do {
+            ended = waitpid(m_pid, &m_status, WNOHANG);
+        } while (ended < 0 && errno == EINTR);
+        m_statusKnown = ended == m_pid;
+        return ended != 0;
+    }
+
+    // Until there is output, the program has ended, or the deadline is near. Without a descriptor for the
+    // process its end shows no other way: then the waits are short, growing while nothing happens.
+    void Sleep(const Clock::time_point* deadline)
+    {
+        struct pollfd items[2] = {{m_output ? m_output.Get() : -1, POLLIN, 0}, {m_process.Get(), POLLIN, 0}};
+        long waitMs = -1;
+        if (!m_process) {
+            waitMs = m_napMs;
+            m_napMs = std::min(m_napMs * 2, 50L);
+        }
+        if (deadline != nullptr) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now()).count() + 1;
+            const long leftMs = static_cast<long>(std::max<long long>(0, std::min<long long>(left, 1000000)));
+            waitMs = waitMs < 0 ? leftMs : std::min(waitMs, leftMs);
+        }
+        poll(items, 2, static_cast<int>(waitMs));
+    }
+
+    // Takes what is there, at most about as much as a pipe can hold: a writer that never stops must not keep
+    // us from looking at the clock and at the program's end.
+    void Drain(Output& output)
+    {
+        char chunk[65536];
+        for (int round = 0; m_output && round < 16; ++round) {
+            const ssize_t got = os::fileCalls.read(m_output.Get(), chunk, sizeof chunk);
+            if (got > 0) {
+                output.Add(chunk, static_cast<std::size_t>(got));
+                m_napMs = 1;
+                continue;
+            }
+            if (got == 0)
+                m_output.Close(); // everybody closed it
+            return;
+        }
+    }
+
+    pid_t m_pid;
+    os::Descriptor m_output;
+    os::Descriptor m_process;
+    int m_status = 0;
+    bool m_statusKnown = false;
+    long m_napMs = 1;
+};
+
+// Bytes of all arguments and the vector of pointers to them that exec wants.
+class Arguments
+{
+public:
+    Arguments(const std::string& program, const wxArrayString& arguments)
+    {
+        m_texts.push_back(program);
+        for (std::size_t i = 0; i < arguments.GetCount(); ++i)
+            m_texts.push_back(ToSystemBytes(arguments[i]));
+        for (std::string& text : m_texts)
+            m_pointers.push_back(&text[0]);
+        m_pointers.push_back(nullptr);
+    }
+    char* const* Get() const { return m_pointers.data(); }
+
+private:
+    std::vector<std::string> m_texts;
+    std::vector<char*> m_pointers;
+};
+
+wxString SystemError(int error)
+{
+    return FromForeignBytes(std::strerror(error), std::strlen(std::strerror(error)));
+}
+
+void Trace(int line, const wxString& message)
+{
+    LogTrace("Cmd", "vex_core/execute_posix", line, "Execute", message);
+}
+
+// The warning for an end that is not plain success, once, however often the caller runs it.
+void ReportEnd(const wxString& program, int status, int& exitCode)
+{
+    if (WIFSIGNALED(status)) {
+        exitCode = 128 + WTERMSIG(status);
+        wxLogWarning(wxT("Program '%s' was ended by signal %d (%s)"), program, WTERMSIG(status),
+                     wxString::FromUTF8(strsignal(WTERMSIG(status))));
+        return;
+    }
+    exitCode = WEXITSTATUS(status);
+    if (exitCode != 0)
+        wxLogWarning(wxT("Program '%s' ended with code %d"), program, exitCode);
+}
+
+bool StartProgram(const wxString& program, const wxArrayString& arguments, os::Descriptor& output, pid_t& pid)
+{
+    const std::string name = ToSystemBytes(program);
+    const std::string path = FindProgram(name);
+    const Arguments values(name, arguments);
+    const os::Descriptor null(os::RaiseDescriptor(os::fileCalls.open("/dev/null", O_RDONLY, 0)));
+    int ends[2];
+    if (!null || !os::OpenPipe(ends))
+        return false;
+    output = os::Descriptor(ends[0]);
+    const os::Descriptor childEnd(ends[1]);
+    os::SpawnPlan plan;
+    plan.program = path.c_str();
+    plan.arguments = values.Get();
+    plan.environment = environ;
+    plan.input = null.Get();
+    plan.output = childEnd.Get();
+    pid = os::Spawn(plan);
+    return pid > 0;
+}
+
+} // namespace
+
+bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode,
+             wxString& error)
+{
+    return Execute(program, arguments, output, exitCode, error, 0);
+}
+
+bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode,
+             wxString& error, long timeoutMs)
+{
+    output.clear();
+    error.clear();
+    exitCode = -1;
+    if (LogTraceIsEnabled("Cmd"))
+        Trace(__LINE__, wxString::Format(wxT("run '%s' with %u arguments"), program,
+                                         static_cast<unsigned>(arguments.GetCount())));
+    const ChildStatusKept kept;
+    os::Descriptor pipe;
+    pid_t pid = -1;
+    if (!StartProgram(program, arguments, pipe, pid)) {
+        error = wxString::Format(wxT("Unable to run '%s': %s"), program, SystemError(errno));
+        return false;
+    }
+    RunningProgram running(pid, std::move(pipe));
+    Output captured;
+    const bool inTime = running.Wait(timeoutMs, captured);
+    output = captured.Text();
+    if (LogTraceIsEnabled("Cmd"))
+        Trace(__LINE__,
+              wxString::Format(wxT("'%s' (pid %ld) ended with status %d after %llu bytes of output"), program,
+                               static_cast<long>(pid), running.Status(), captured.Total()));
+    if (!inTime) {
+        error = wxString::Format(wxT("Program '%s' was killed, because it took longer than %ld ms"), program,
+                                 timeoutMs);
+        return false;
+    }
+    if (!running.StatusKnown()) {
+        error = wxString::Format(wxT("Program '%s' ended, but somebody else took its status"), program);
+        return false;
+    }
+    ReportEnd(program, running.Status(), exitCode);
+    return true;
+}
+
+} // namespace VexCore

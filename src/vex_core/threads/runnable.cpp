@@ -1,0 +1,330 @@
+// The base of every thread of ours. wx's own wrapper around a thread's body swallows exceptions and with them
+// whoever waits for a result, so nothing may leave `Entry`; and wx queues what such a thread logs until the
+// main thread is idle, so the thread gets a log target of its own.
+
+#include "vex/core/runnable.h"
+
+#include "vex/core/log.h"
+#include "vex_core/crash/crash_thread.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/os/thread_signal.h"
+#include "vex_core/threads/processexit_p.h"
+#include "vex_core/threads/runnable_p.h"
+#include "vex_core/base/wait.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <set>
+
+namespace VexCore {
+
+const int CRunnable::SigThreadDelete = SIGRTMIN + 4;
+
+namespace {
+
+thread_local CRunnable* t_current = nullptr;
+
+/// Every body that runs. Never destroyed: a straggler may end while the process is already in its static
+/// destructors.
+struct Registry
+{
+    std::mutex lock;
+    std::condition_variable changed;
+    std::set<CRunnable*> running; // guarded by lock
+    std::set<CRunnable*>
+        stoppable; // guarded by lock; those of `running` that take part in the process's stop
+
+    static Registry& Get()
+    {
+        static Registry* registry = new Registry;
+        return *registry;
+    }
+};
+
+std::int64_t SteadyMs()
+{
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+} // namespace
+
+struct CRunnable::Impl
+{
+    enum class EState { New, Running, Ended };
+    enum class EJoin { NotYet, Running, Done };
+
+    CDom* dom = nullptr;              // set before the thread starts
+    std::unique_ptr<wxLog> logTarget; // the same; used by the thread alone
+    WaitPoint waitPoint;
+    std::atomic<std::int64_t> askedAtMs{0}; // when the thread was first asked to end, on the steady clock; 0: not yet
+
+    std::mutex lock;
+    std::condition_variable ended;
+    EState state = EState::New; // guarded by lock
+    EJoin join = EJoin::NotYet; // guarded by lock; whether the system's thread is gone
+};
+
+CRunnable::CRunnable(bool detached, int processor, bool critical)
+    : wxThread(wxTHREAD_JOINABLE), m_impl(std::make_unique<Impl>())
+{
+    wxASSERT_MSG(!detached && processor == -1 && !critical, "reserved arguments");
+    (void)detached;
+    (void)processor;
+    (void)critical;
+}
+
+CRunnable::~CRunnable()
+{
+    // A body that has returned still has a thread to give back.
+    CRunnable::join(-1);
+}
+
+const char* CRunnable::GetThreadName() const
+{
+    return "CRunnable";
+}
+
+void CRunnable::SetDom(CDom* dom)
+{
+    m_impl->dom = dom;
+}
+
+CDom* CRunnable::GetDom() const
+{
+    return m_impl->dom;
+}
+
+CRunnable* CRunnable::Current()
+{
+    return t_current;
+}
+
+bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackBytes)
+{
+    std::unique_ptr<wxLog> logTarget;
+    if (dynamic_cast<CLog2Disk*>(wxLog::GetActiveTarget()))
+        logTarget = std::make_unique<CLog2Disk>();
+    {
+        const std::lock_guard<std::mutex> lock(m_impl->lock);
+        if (m_impl->state != Impl::EState::New)
+            return false;
+        m_impl->state = Impl::EState::Running;
+        m_impl->logTarget = std::move(logTarget);
+    }
+    Registry& registry = Registry::Get();
+    {
+        const std::lock_guard<std::mutex> lock(registry.lock);
+        registry.running.insert(this);
+        if (takesPartInStop)
+            registry.stoppable.insert(this);
+    }
+
+    bool started = false;
+    {
+        const wxLogNull quiet; // one error line, and it is ours
+        if (priority != wxPRIORITY_DEFAULT)
+            SetPriority(priority);
+        started = Create(stackBytes) == wxTHREAD_NO_ERROR && Run() == wxTHREAD_NO_ERROR;
+    }
+    if (started)
+        return true;
+
+    {
+        const std::lock_guard<std::mutex> lock(registry.lock);
+        registry.running.erase(this);
+        registry.stoppable.erase(this);
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_impl->lock);
+        m_impl->state = Impl::EState::Ended;
+        m_impl->join = Impl::EJoin::Done;
+    }
+    wxLogError("Thread \"%s\" could not be started: the system has no room for one more.",
+               FromForeignBytes(GetThreadName()));
+    return false;
+}
+
+namespace {
+
+void LogEscapedException(const char* name)
+{
+    const wxString threadName = FromForeignBytes(name);
+    try {
+        throw;
+    } catch (const std::exception& e) {
+        wxLogError("Thread \"%s\" ended by an exception: %s", threadName, FromForeignBytes(e.what()));
+    } catch (...) {
+        wxLogError("Thread \"%s\" ended by an exception of unknown type.", threadName);
+    }
+}
+
+} // namespace
+
+void* CRunnable::Entry()
+{
+    const CrashThreadScope crash(GetThreadName());
+    const WaitPoint::Binding wait(m_impl->waitPoint);
+    t_current = this;
+    if (m_impl->logTarget)
+        wxLog::SetThreadActiveTarget(m_impl->logTarget.get());
+    try {
+        OnRun();
+    } catch (...) {
+        LogEscapedException(GetThreadName());
+    }
+    if (m_impl->logTarget)
+        wxLog::SetThreadActiveTarget(nullptr);
+    t_current = nullptr;
+    return nullptr;
+}
+
+void CRunnable::OnExit()
+{
+    Registry& registry = Registry::Get();
+    {
+        const std::lock_guard<std::mutex> lock(registry.lock);
+        registry.running.erase(this);
+        registry.stoppable.erase(this);
+        registry.changed.notify_all();
+    }
+    // Last, and under the lock: who waits may destroy the object once it has joined the thread.
+    const std::lock_guard<std::mutex> lock(m_impl->lock);
+    m_impl->state = Impl::EState::Ended;
+    m_impl->ended.notify_all();
+}
+
+void CRunnable::requestExit()
+{
+    std::int64_t notYet = 0;
+    m_impl->askedAtMs.compare_exchange_strong(notYet, SteadyMs());
+    m_impl->waitPoint.RequestExit();
+}
+
+bool CRunnable::join(long timeoutMs)
+{
+    Impl& impl = *m_impl;
+    std::unique_lock<std::mutex> lock(impl.lock);
+    const auto hasEnded = [&] { return impl.state != Impl::EState::Running; };
+    if (timeoutMs < 0)
+        impl.ended.wait(lock, hasEnded);
+    else if (!impl.ended.wait_for(lock, std::chrono::milliseconds(timeoutMs), hasEnded))
+        return false;
+    if (impl.state == Impl::EState::New)
+        return true;
+
+    // One thread joins; the others wait for it. No lock is held meanwhile: wx takes one of its own on the
+    // main thread.
+    if (impl.join == Impl::EJoin::NotYet) {
+        impl.join = Impl::EJoin::Running;
+        lock.unlock();
+        wxThread::Wait();
+        lock.lock();
+        impl.join = Impl::EJoin::Done;
+        impl.ended.notify_all();
+    }
+    impl.ended.wait(lock, [&] { return impl.join == Impl::EJoin::Done; });
+    return true;
+}
+
+wxThreadError CRunnable::Delete()
+{
+    if (!Running())
+        return wxTHREAD_NOT_RUNNING;
+    requestExit();
+    join(-1);
+    return wxTHREAD_NO_ERROR;
+}
+
+void CRunnable::Awaken()
+{
+    m_impl->waitPoint.Awaken();
+}
+
+void CRunnable::interrupt()
+{
+    const std::lock_guard<std::mutex> lock(m_impl->lock);
+    // Under the lock the thread cannot be joined, so that its id stays its own.
+    if (m_impl->state == Impl::EState::Running)
+        SignalThread(GetId(), SigThreadDelete);
+}
+
+bool CRunnable::TestDestroy()
+{
+    return m_impl->waitPoint.ExitRequested();
+}
+
+bool CRunnable::Running() const
+{
+    const std::lock_guard<std::mutex> lock(m_impl->lock);
+    return m_impl->state == Impl::EState::Running;
+}
+
+/// The core library's own way to what a thread keeps.
+struct CRunnableAccess
+{
+    /// Milliseconds since the thread was first asked to end.
+    static std::int64_t AskedForMs(const CRunnable& runnable)
+    {
+        const std::int64_t askedAtMs = runnable.m_impl->askedAtMs;
+        return askedAtMs != 0 ? SteadyMs() - askedAtMs : 0;
+    }
+};
+
+std::vector<std::string> EndRegisteredThreads(long timeoutMs)
+{
+    Registry& registry = Registry::Get();
+    CRunnable* const self = CRunnable::Current();
+    const std::int64_t deadlineMs = SteadyMs() + timeoutMs;
+    // How long somebody still has: who was asked by a script before, and waited for, does not get all of it a second time.
+    const auto leftMs = [&] {
+        std::int64_t left = 0;
+        for (const CRunnable* runnable : registry.stoppable)
+            if (runnable != self)
+                left = std::max(left, timeoutMs - CRunnableAccess::AskedForMs(*runnable));
+        return std::min(left, deadlineMs - SteadyMs());
+    };
+
+    std::unique_lock<std::mutex> lock(registry.lock);
+    // A thread that is asked may start others before it ends: all are asked again whenever one is gone.
+    for (;;) {
+        for (CRunnable* runnable : registry.stoppable) {
+            if (runnable != self)
+                runnable->requestExit();
+        }
+        ParkPoint(lock);
+        const std::int64_t left = leftMs();
+        if (left <= 0)
+            break;
+        registry.changed.wait_for(lock, std::chrono::milliseconds(left));
+    }
+
+    std::vector<std::string> stragglers;
+    for (const CRunnable* runnable : registry.stoppable) {
+        if (runnable != self)
+            stragglers.emplace_back(runnable->GetThreadName());
+    }
+    return stragglers;
+}
+
+bool OtherRunnablesRun()
+{
+    Registry& registry = Registry::Get();
+    const std::lock_guard<std::mutex> lock(registry.lock);
+    return registry.running.size() > registry.running.count(CRunnable::Current());
+}
+
+void WakeEndRegisteredThreads()
+{
+    Registry& registry = Registry::Get();
+    const std::lock_guard<std::mutex> lock(registry.lock);
+    registry.changed.notify_all();
+}
+
+} // namespace VexCore

@@ -1,0 +1,209 @@
+// Opens and makes the folders below the destination of an `Unzip`.
+#include "vex_core/zip/unzip_p.h"
+
+#include "vex_core/os/folder_calls.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+#include <set>
+
+#include <fcntl.h>
+
+namespace VexCore {
+
+UnzipFailure::UnzipFailure(const std::string& what, int error)
+    : std::runtime_error(what + ": " + os::ErrorText(error))
+{
+}
+
+namespace {
+
+#ifdef VEX_SMALL_LIMITS
+constexpr std::size_t kManyFolders = 3;
+#else
+constexpr std::size_t kManyFolders = 16;
+#endif
+
+std::string Quoted(std::string_view path)
+{
+    return "\"" + EscapeForLog(path) + "\"";
+}
+
+[[noreturn]] void FailAtComponent(std::string_view path, int error)
+{
+    if (error == ELOOP || error == ENOTDIR)
+        throw UnzipBlocked(Quoted(path) + " is on its way and is a symbolic link or no folder");
+    throw UnzipFailure("cannot open the folder " + Quoted(path), error);
+}
+
+[[noreturn]] void FailReplaced(std::string_view path)
+{
+    throw UnzipFailure("the folder " + Quoted(path) + " was replaced meanwhile");
+}
+
+} // namespace
+
+std::string_view FolderOf(std::string_view path)
+{
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
+}
+
+std::string LastOf(std::string_view path)
+{
+    const std::size_t slash = path.rfind('/');
+    return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
+UnzipFolders::UnzipFolders(const std::string& root)
+{
+    Folder folder;
+    folder.descriptor = os::Open(root.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    struct stat status;
+    if (folder.descriptor < 0 || os::FStat(folder.descriptor, status) != 0) {
+        const int error = errno;
+        if (folder.descriptor >= 0)
+            os::Close(folder.descriptor);
+        throw UnzipFailure("cannot open the destination " + Quoted(root), error);
+    }
+    folder.device = status.st_dev;
+    folder.inode = status.st_ino;
+    m_open.emplace("", folder);
+    if (!S_ISDIR(status.st_mode)) {
+        os::Close(folder.descriptor);
+        throw UnzipFailure("the destination " + Quoted(root) + " is no folder");
+    }
+}
+
+UnzipFolders::~UnzipFolders()
+{
+    Close();
+    os::Close(m_open.begin()->second.descriptor);
+}
+
+int UnzipFolders::Find(std::string_view path)
+{
+    const Folder* const folder = Walk(path, false);
+    return folder ? folder->descriptor : -1;
+}
+
+int UnzipFolders::Make(std::string_view path)
+{
+    return Walk(path, true)->descriptor;
+}
+
+const UnzipFolders::Folder* UnzipFolders::Walk(std::string_view path, bool make)
+{
+    Folder* folder = &m_open.begin()->second;
+    for (std::size_t end = 0; end < path.size();) {
+        const std::size_t start = end == 0 ? 0 : end + 1;
+        end = std::min(path.find('/', start), path.size());
+        const std::string_view step = path.substr(0, end);
+        const auto known = m_open.find(step);
+        if (known != m_open.end()) {
+            CheckSame(*folder, step, known->second);
+            folder = &known->second;
+            continue;
+        }
+        const std::string name(path.substr(start, end - start));
+        if (!OpenBelow(*folder, step, name, make))
+            return nullptr;
+        folder = &m_open.find(step)->second;
+    }
+    return folder;
+}
+
+const UnzipFolders::Folder* UnzipFolders::OpenBelow(Folder& parent, std::string_view path, const std::string& name,
+                                                    bool make)
+{
+    int descriptor = os::OpenFolderAt(parent.descriptor, name.c_str());
+    if (descriptor < 0 && errno == ENOENT && !make)
+        return nullptr;
+    const bool missing = descriptor < 0 && errno == ENOENT;
+    if (missing) {
+        if (os::MkdirAt(parent.descriptor, name.c_str(), 0755) != 0 && errno != EEXIST)
+            throw UnzipFailure("cannot make the folder " + Quoted(path), errno);
+        parent.changed = true;
+        descriptor = os::OpenFolderAt(parent.descriptor, name.c_str());
+    }
+    if (descriptor < 0)
+        FailAtComponent(path, errno);
+    struct stat status;
+    // The mode once more: the umask took its part of it.
+    if (os::FStat(descriptor, status) != 0 || (missing && os::FChmod(descriptor, 0755) != 0)) {
+        const int error = errno;
+        os::Close(descriptor);
+        FailAtComponent(path, error);
+    }
+    return &m_open.emplace(path, Folder{descriptor, status.st_dev, status.st_ino, missing}).first->second;
+}
+
+void UnzipFolders::CheckSame(const Folder& parent, std::string_view path, const Folder& folder)
+{
+    struct stat status;
+    if (os::LStatAt(parent.descriptor, LastOf(path).c_str(), status) != 0) {
+        if (errno != ENOENT)
+            throw UnzipFailure("cannot look at the folder " + Quoted(path), errno);
+        FailReplaced(path);
+    }
+    if (!S_ISDIR(status.st_mode) || status.st_dev != folder.device || status.st_ino != folder.inode)
+        FailReplaced(path);
+}
+
+void UnzipFolders::NoteChange(std::string_view path)
+{
+    m_open.find(path)->second.changed = true;
+}
+
+void UnzipFolders::CheckAll()
+{
+    for (const auto& [path, folder] : m_open)
+        if (!path.empty())
+            CheckSame(m_open.find(FolderOf(path))->second, path, folder);
+}
+
+void UnzipFolders::Flush()
+{
+    std::vector<std::string_view> changed;
+    for (const auto& [path, folder] : m_open)
+        if (folder.changed)
+            changed.push_back(path);
+    if (changed.size() > kManyFolders && FlushFileSystemsOf(changed)) {
+        for (const std::string_view path : changed)
+            m_open.find(path)->second.changed = false;
+        return;
+    }
+    // Deepest first: once a folder's name is on stable storage, so is what it holds.
+    for (auto item = m_open.rbegin(); item != m_open.rend(); ++item) {
+        if (!item->second.changed)
+            continue;
+        if (os::FSync(item->second.descriptor) != 0)
+            throw UnzipFailure("cannot flush the folder " + Quoted(item->first), errno);
+        item->second.changed = false;
+    }
+}
+
+bool UnzipFolders::FlushFileSystemsOf(const std::vector<std::string_view>& paths)
+{
+    std::set<dev_t> done;
+    for (const std::string_view path : paths) {
+        const Folder& folder = m_open.find(path)->second;
+        if (!done.insert(folder.device).second || os::SyncFileSystem(folder.descriptor) == 0)
+            continue;
+        if (errno == ENOTSUP || errno == ENOSYS)
+            return false;
+        throw UnzipFailure("cannot flush the file system of " + Quoted(path), errno);
+    }
+    return true;
+}
+
+void UnzipFolders::Close()
+{
+    for (auto item = std::next(m_open.begin()); item != m_open.end();) {
+        os::Close(item->second.descriptor);
+        item = m_open.erase(item);
+    }
+}
+
+} // namespace VexCore

@@ -1,0 +1,142 @@
+// Writes the files of an `Unzip`: first under temporary names, then, flushed, under their own.
+#include "vex_core/zip/unzip_p.h"
+
+#include "vex_core/os/folder_calls.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+
+namespace VexCore {
+namespace {
+
+#ifdef VEX_SMALL_LIMITS
+constexpr std::size_t kMaxWaitingFiles = 8;
+constexpr std::size_t kManyFiles = 5;
+constexpr std::uint64_t kMaxWaitingBytes = 64 * 1024;
+constexpr std::uint64_t kWritebackStep = 8 * 1024;
+#else
+// While files wait, old and new ones take space side by side.
+constexpr std::size_t kMaxWaitingFiles = 1024;
+constexpr std::size_t kManyFiles = 16; // from here on one flush of the file system costs less than one of each file
+constexpr std::uint64_t kMaxWaitingBytes = 64 * 1024 * 1024;
+constexpr std::uint64_t kWritebackStep = 8 * 1024 * 1024;
+#endif
+
+std::string InEntry(const std::string& path)
+{
+    return "entry \"" + EscapeForLog(path) + "\": ";
+}
+
+} // namespace
+
+bool UnzipWriter::IsFull() const
+{
+    return m_waiting.size() >= kMaxWaitingFiles || m_waitingBytes >= kMaxWaitingBytes;
+}
+
+void UnzipWriter::Write(const ZipArchive& archive, const ZipEntry& entry)
+{
+    const int folder = m_folders.Make(FolderOf(entry.name));
+    Waiting waiting{entry.name, folder, m_temporaries.NewName()};
+    m_waiting.reserve(m_waiting.size() + 1);
+    const int file = os::OpenAt(folder, waiting.temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+    if (file < 0)
+        throw UnzipFailure("cannot make a temporary file", errno);
+    m_waiting.push_back(std::move(waiting));
+    bool open = true;
+    try {
+        Fill(file, archive, entry);
+        open = false;
+        if (os::CloseWritten(file) != 0)
+            throw UnzipFailure("cannot write", errno);
+    } catch (...) {
+        if (open)
+            os::Close(file);
+        Drop(m_waiting.back());
+        m_waiting.pop_back();
+        throw;
+    }
+    m_waitingBytes += entry.size;
+}
+
+void UnzipWriter::Fill(int file, const ZipArchive& archive, const ZipEntry& entry)
+{
+    std::uint64_t sinceWriteback = 0;
+    const auto write = [&](const char* data, std::size_t size) {
+        if (os::WriteFull(file, data, size) != 0)
+            throw UnzipFailure("cannot write", errno);
+        sinceWriteback += size;
+        if (sinceWriteback >= kWritebackStep) {
+            sinceWriteback = 0;
+            if (os::StartWriteback(file) != 0)
+                throw UnzipFailure("cannot write", errno);
+        }
+        return true;
+    };
+    std::string error;
+    if (!archive.Read(entry, write, error))
+        throw UnzipFailure(error);
+    if (os::FChmod(file, entry.executable ? 0755 : 0644) != 0)
+        throw UnzipFailure("cannot set its mode", errno);
+}
+
+void UnzipWriter::Commit()
+{
+    try {
+        FlushWaiting();
+        m_folders.CheckAll();
+        RenameWaiting();
+    } catch (...) {
+        for (const Waiting& waiting : m_waiting)
+            Drop(waiting);
+        m_waiting.clear();
+        throw;
+    }
+    m_waiting.clear();
+    m_waitingBytes = 0;
+}
+
+void UnzipWriter::FlushWaiting()
+{
+    if (m_waiting.size() > kManyFiles) {
+        std::vector<std::string_view> folders;
+        for (const Waiting& waiting : m_waiting)
+            folders.push_back(FolderOf(waiting.path));
+        if (m_folders.FlushFileSystemsOf(folders))
+            return;
+    }
+    for (const Waiting& waiting : m_waiting) {
+        const int file = os::OpenAt(waiting.folder, waiting.temporary.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+        if (file < 0)
+            throw UnzipFailure(InEntry(waiting.path) + "cannot open its temporary file", errno);
+        const int result = os::FSync(file);
+        os::Close(file);
+        if (result != 0)
+            throw UnzipFailure(InEntry(waiting.path) + "cannot flush it", errno);
+    }
+}
+
+void UnzipWriter::RenameWaiting()
+{
+    std::size_t done = 0;
+    try {
+        for (; done < m_waiting.size(); ++done) {
+            const Waiting& waiting = m_waiting[done];
+            if (os::RenameAt(waiting.folder, waiting.temporary.c_str(), waiting.folder, LastOf(waiting.path).c_str()) != 0)
+                throw UnzipFailure(InEntry(waiting.path) + "cannot give it its name", errno);
+            m_folders.NoteChange(FolderOf(waiting.path));
+        }
+    } catch (...) {
+        m_waiting.erase(m_waiting.begin(), m_waiting.begin() + std::ptrdiff_t(done));
+        throw;
+    }
+}
+
+void UnzipWriter::Drop(const Waiting& waiting) noexcept
+{
+    if (os::UnlinkAt(waiting.folder, waiting.temporary.c_str()) != 0 && errno != ENOENT)
+        m_temporaries.KeepList();
+}
+
+} // namespace VexCore

@@ -1,0 +1,218 @@
+#include "vex/core/dom.h"
+#include "vex/core/sqlitedb.h"
+#include "vex_core/database/sqlite_db.h"
+
+#include "support/log_capture.h"
+#include "support/temp_folder.h"
+
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+
+using namespace VexCore;
+
+namespace {
+
+class SqliteInit : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        CSqliteDatabase::ShutdownSQLite();
+    } // an earlier test may have used it: what follows is a first start
+    void TearDown() override
+    {
+        CSqliteDatabase::ShutdownSQLite();
+        SetSqliteSettings(SqliteSettings());
+        m_dom->Release();
+    }
+    void Set(const char* name, std::int64_t value)
+    {
+        m_dom->SetWx((std::string("sqlite.config.") + name).c_str(), value);
+    }
+
+    CDom* m_dom = CDom::New(nullptr, nullptr, nullptr, false);
+    ::Test::LogCapture m_log;
+};
+
+std::int64_t Pragma(SqliteDb& db, const std::string& name)
+{
+    SqliteStatement row(db, ("PRAGMA " + name).c_str());
+    return row.Step() == SqliteStatement::EStep::Row ? row.ColumnInt(0) : -99;
+}
+
+} // namespace
+
+TEST(Sqlite, JournalModeFollowsTheVersionThatCanBeTrustedWithIt)
+{
+    EXPECT_STREQ(JournalModeFor(3040001), "TRUNCATE");
+    EXPECT_STREQ(JournalModeFor(3051002), "TRUNCATE");
+    EXPECT_STREQ(JournalModeFor(3051003), "WAL");
+    EXPECT_STREQ(JournalModeFor(3052000), "WAL");
+}
+
+TEST(Sqlite, OpenedDatabaseIsDurableByDefault)
+{
+    ::Test::TempFolder folder;
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(folder / "x.db", 0)) << db.Error();
+    EXPECT_EQ(Pragma(db, "synchronous"), 2);
+    EXPECT_EQ(Pragma(db, "busy_timeout"), 2000);
+    SqliteStatement mode(db, "PRAGMA journal_mode");
+    ASSERT_EQ(mode.Step(), SqliteStatement::EStep::Row);
+    EXPECT_EQ(mode.ColumnText(0), sqlite3_libversion_number() >= 3051003 ? "wal" : "truncate");
+}
+
+TEST(Sqlite, FailureHasCodeAndText)
+{
+    ::Test::TempFolder folder;
+    SqliteDb db;
+    EXPECT_FALSE(db.Open(folder / "missing/x.db", 0));
+    EXPECT_EQ(db.ErrorCode() & 0xFF, SQLITE_CANTOPEN);
+    EXPECT_NE(db.Error().find("unable to open"), std::string::npos) << db.Error();
+    EXPECT_FALSE(db.IsOpen());
+    EXPECT_FALSE(db.Exec("SELECT 1"));
+    ASSERT_TRUE(db.Open(folder / "x.db", 0));
+    EXPECT_FALSE(db.Exec("nonsense"));
+    EXPECT_NE(db.Error().find("nonsense"), std::string::npos) << db.Error();
+    SqliteStatement bad(db, "SELECT * FROM nowhere");
+    bad.Bind(1, std::int64_t(1));
+    EXPECT_EQ(bad.Step(), SqliteStatement::EStep::Failed);
+    EXPECT_NE(db.Error().find("nowhere"), std::string::npos) << db.Error();
+}
+
+TEST(Sqlite, TransactionThatIsNotCommittedLeavesNothing)
+{
+    ::Test::TempFolder folder;
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(folder / "x.db", 0));
+    ASSERT_TRUE(db.Exec("CREATE TABLE t(a)"));
+    {
+        SqliteTransaction transaction(db);
+        ASSERT_TRUE(transaction.Begun());
+        ASSERT_TRUE(db.Exec("INSERT INTO t VALUES(1)"));
+    }
+    {
+        SqliteTransaction transaction(db);
+        ASSERT_TRUE(db.Exec("INSERT INTO t VALUES(2)"));
+        ASSERT_TRUE(transaction.Commit());
+    }
+    SqliteStatement rows(db, "SELECT a FROM t");
+    ASSERT_EQ(rows.Step(), SqliteStatement::EStep::Row);
+    EXPECT_EQ(rows.ColumnInt(0), 2);
+    EXPECT_EQ(rows.Step(), SqliteStatement::EStep::Done);
+}
+
+TEST(Sqlite, StatementIsUsedAgainAfterReset)
+{
+    ::Test::TempFolder folder;
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(folder / "x.db", 0));
+    ASSERT_TRUE(db.Exec("CREATE TABLE t(a TEXT, b)"));
+    SqliteStatement insert(db, "INSERT INTO t VALUES(?, ?)");
+    const std::string text("text\0more", 9);
+    for (int i = 0; i < 3; ++i) {
+        insert.Bind(1, text);
+        insert.Bind(2, i == 1 ? std::optional<std::int64_t>() : std::optional<std::int64_t>(i));
+        ASSERT_EQ(insert.Step(), SqliteStatement::EStep::Done);
+        EXPECT_EQ(db.LastInsertId(), i + 1);
+        insert.Reset();
+    }
+    SqliteStatement rows(db, "SELECT a, b FROM t");
+    ASSERT_EQ(rows.Step(), SqliteStatement::EStep::Row);
+    EXPECT_EQ(rows.ColumnText(0), text);
+    EXPECT_FALSE(rows.ColumnIsNull(1));
+    ASSERT_EQ(rows.Step(), SqliteStatement::EStep::Row);
+    EXPECT_TRUE(rows.ColumnIsNull(1));
+}
+
+TEST_F(SqliteInit, WithoutSettingsItIsSilent)
+{
+    EXPECT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
+    EXPECT_TRUE(CSqliteDatabase::InitializeSQLite(nullptr));
+    EXPECT_TRUE(m_log.Lines().empty()) << m_log.All();
+}
+
+TEST_F(SqliteInit, EachSettingReachesTheConnection)
+{
+    Set("memstatus", 1);
+    Set("mmap_size", 65536);
+    Set("cache_size", -512);
+    Set("busy_timeout", 77);
+    Set("journal_size_limit", 4096);
+    Set("synchronous", 3);
+    Set("soft_heap_limit", 50000000);
+    ASSERT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
+    EXPECT_TRUE(m_log.Lines().empty()) << m_log.All();
+    ::Test::TempFolder folder;
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(folder / "x.db", 0)) << db.Error();
+    ASSERT_TRUE(db.Exec("CREATE TABLE t(a)"));
+    EXPECT_EQ(Pragma(db, "mmap_size"), 65536);
+    EXPECT_EQ(Pragma(db, "cache_size"), -512);
+    EXPECT_EQ(Pragma(db, "busy_timeout"), 77);
+    EXPECT_EQ(Pragma(db, "journal_size_limit"), 4096);
+    EXPECT_EQ(Pragma(db, "synchronous"), 3);
+    EXPECT_EQ(sqlite3_soft_heap_limit64(-1), 50000000);
+    EXPECT_GT(sqlite3_memory_used(), 0) << "memory statistics are on";
+    sqlite3_soft_heap_limit64(0);
+}
+
+TEST_F(SqliteInit, MemoryStatisticsCanBeTurnedOff)
+{
+    Set("memstatus", 0);
+    ASSERT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
+    ::Test::TempFolder folder;
+    {
+        SqliteDb db;
+        ASSERT_TRUE(db.Open(folder / "x.db", 0));
+        EXPECT_EQ(sqlite3_memory_used(), 0);
+    }
+    CSqliteDatabase::ShutdownSQLite();
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 1);
+}
+
+TEST_F(SqliteInit, LowerSynchronousDoesNotHoldWhereMoreIsAskedFor)
+{
+    Set("synchronous", 0);
+    ASSERT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
+    ::Test::TempFolder folder;
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(folder / "x.db", 0));
+    EXPECT_EQ(Pragma(db, "synchronous"), 0);
+    ASSERT_TRUE(db.Open(folder / "x.db", 2));
+    EXPECT_EQ(Pragma(db, "synchronous"), 2);
+}
+
+TEST_F(SqliteInit, UnknownNameIsOneWarningEach)
+{
+    Set("nonsense", 5);
+    Set("cache_size.more", 5);
+    m_dom->SetWx("sqlite.configX", std::int64_t(5));
+    m_dom->SetWx("sqlite.other", std::int64_t(5));
+    EXPECT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
+    EXPECT_EQ(m_log.Count(wxLOG_Warning, "Unknown database setting 'sqlite.config.nonsense'"), 1u);
+    EXPECT_EQ(m_log.Count(wxLOG_Warning, "Unknown database setting 'sqlite.config.cache_size.more'"), 1u);
+    EXPECT_EQ(m_log.Count(wxLOG_Warning, "Unknown database setting 'sqlite.configX'"), 1u);
+    EXPECT_EQ(m_log.Lines().size(), 3u) << m_log.All();
+}
+
+TEST_F(SqliteInit, ValueThatMeansNothingIsOneWarningAndTheDefaultStays)
+{
+    m_dom->Set("sqlite.config.cache_size", "many");
+    Set("synchronous", 9);
+    Set("busy_timeout", -1);
+    Set("memstatus", 2);
+    Set("mmap_size", -5);
+    Set("journal_size_limit", -2);
+    Set("soft_heap_limit", -1);
+    EXPECT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
+    EXPECT_EQ(m_log.Count(wxLOG_Warning, "cannot be"), 7u) << m_log.All();
+    EXPECT_EQ(m_log.Count(wxLOG_Warning, "Database setting 'sqlite.config.cache_size' cannot be 'many'"), 1u);
+    EXPECT_EQ(m_log.Lines().size(), 7u) << m_log.All();
+    const SqliteSettings settings = GetSqliteSettings();
+    EXPECT_FALSE(settings.cacheSize);
+    EXPECT_FALSE(settings.journalSizeLimit);
+    EXPECT_EQ(settings.synchronous, 2);
+    EXPECT_EQ(settings.busyTimeoutMs, 2000);
+}

@@ -1,0 +1,771 @@
+#include "vex/core/dom.h"
+
+#include "vex/core/runnable.h"
+#include "vex_core/domain/dom_p.h"
+#include "vex_core/domain/dom_values.h"
+#include "vex_core/base/wait.h"
+#include "vex_core/domain/wait_list.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <thread>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/dom_ptr.h"
+#include "support/temp_folder.h"
+
+using Test::DomPtr;
+using Test::NewRoot;
+using Test::TempFolder;
+using Test::WriteFile;
+using VexCore::CDom;
+using VexCore::CDomObject;
+using VexCore::RootDom;
+using EWait = CDom::EWait;
+using EType = CDom::EType;
+
+namespace {
+
+DomPtr NewView(const char* name, const DomPtr& parent, bool* created = nullptr)
+{
+    return DomPtr(CDom::New(name, parent.get(), created, false));
+}
+
+std::int64_t MillisSince(std::chrono::steady_clock::time_point begin)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin).count();
+}
+
+using Texts = std::vector<std::string>;
+
+} // namespace
+
+// --- values
+
+TEST(Dom, AbsentKeyReadsAsNothing)
+{
+    const DomPtr dom = NewRoot();
+    EXPECT_EQ("", dom->Get("a"));
+    std::string text = "untouched";
+    EXPECT_FALSE(dom->Get("a", text));
+    EXPECT_EQ("untouched", text);
+    bool flag = true;
+    EXPECT_FALSE(dom->Get("a", flag));
+    EXPECT_TRUE(flag);
+    std::int64_t number = 7;
+    EXPECT_FALSE(dom->Get("a", number));
+    EXPECT_EQ(7, number);
+    EXPECT_EQ(wxString(), dom->GetWxString("a"));
+    EXPECT_EQ(nullptr, dom->GetObject("a"));
+    EXPECT_EQ(EType::Absent, dom->TypeOf("a"));
+    EXPECT_FALSE(dom->Has("a"));
+}
+
+TEST(Dom, TextIsAnyBytes)
+{
+    const DomPtr dom = NewRoot();
+    dom->Set("zero", "a\0b", 3);
+    EXPECT_EQ(std::string("a\0b", 3), dom->Get("zero"));
+    dom->Set("null", static_cast<const char*>(nullptr));
+    EXPECT_EQ(EType::Text, dom->TypeOf("null"));
+    EXPECT_EQ("", dom->Get("null"));
+    dom->Set("string", std::string("text"));
+    EXPECT_EQ("text", dom->Get("string"));
+}
+
+TEST(Dom, EveryKindReadsAsTextButObjects)
+{
+    const DomPtr dom = NewRoot();
+    dom->Set("yes", true);
+    dom->Set("no", false);
+    dom->SetWx("max", INT64_MAX);
+    dom->SetWx("min", INT64_MIN);
+    dom->SetObject("object", std::make_shared<CDomObject>());
+    EXPECT_EQ("true", dom->Get("yes"));
+    EXPECT_EQ("false", dom->Get("no"));
+    EXPECT_EQ("9223372036854775807", dom->Get("max"));
+    EXPECT_EQ("-9223372036854775808", dom->Get("min"));
+    std::string text = "untouched";
+    EXPECT_FALSE(dom->Get("object", text));
+    EXPECT_EQ("untouched", text);
+}
+
+TEST(Dom, BooleansAreReadFromTheirTexts)
+{
+    const struct
+    {
+        const char* text;
+        bool readable;
+        bool value;
+    } rows[] = {{"true", true, true},   {"TRUE", true, true},   {"1", true, true},     {"Yes", true, true},
+                {"false", true, false}, {"False", true, false}, {"0", true, false},    {"nO", true, false},
+                {"", false, false},     {"on", false, false},   {" true", false, false}, {"true ", false, false},
+                {"2", false, false},    {"01", false, false},   {"y", false, false}};
+    const DomPtr dom = NewRoot();
+    for (const auto& row : rows) {
+        dom->Set("key", row.text);
+        bool value = !row.value;
+        EXPECT_EQ(row.readable, dom->Get("key", value)) << row.text;
+        EXPECT_EQ(row.readable ? row.value : !row.value, value) << row.text;
+    }
+}
+
+TEST(Dom, BooleanIsReadFromTheIntegersOneAndNought)
+{
+    const DomPtr dom = NewRoot();
+    bool value = false;
+    dom->SetWx("key", std::int64_t(1));
+    EXPECT_TRUE(dom->Get("key", value) && value);
+    dom->SetWx("key", std::int64_t(0));
+    EXPECT_TRUE(dom->Get("key", value) && !value);
+    dom->SetWx("key", std::int64_t(2));
+    EXPECT_FALSE(dom->Get("key", value));
+}
+
+TEST(Dom, IntegersAreReadFromWholeDecimalTexts)
+{
+    const struct
+    {
+        const char* text;
+        bool readable;
+        std::int64_t value;
+    } rows[] = {{"0", true, 0},        {"-0", true, 0},         {"42", true, 42},     {"-42", true, -42},
+                {"0042", true, 42},    {"", false, 0},          {"-", false, 0},      {"+1", false, 0},
+                {" 1", false, 0},      {"1 ", false, 0},        {"1.0", false, 0},    {"0x10", false, 0},
+                {"1e3", false, 0},     {"true", false, 0},      {"9223372036854775807", true, INT64_MAX},
+                {"-9223372036854775808", true, INT64_MIN},      {"9223372036854775808", false, 0}};
+    const DomPtr dom = NewRoot();
+    for (const auto& row : rows) {
+        dom->Set("key", row.text);
+        std::int64_t value = 77;
+        EXPECT_EQ(row.readable, dom->Get("key", value)) << row.text;
+        EXPECT_EQ(row.readable ? row.value : 77, value) << row.text;
+    }
+    dom->Set("key", true);
+    std::int64_t value = 77;
+    EXPECT_FALSE(dom->Get("key", value)) << "a boolean is no integer";
+}
+
+TEST(Dom, FrameworkTextIsKeptAsUtf8)
+{
+    const DomPtr dom = NewRoot();
+    dom->SetWx("key", wxString::FromUTF8("\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"));
+    EXPECT_EQ("\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", dom->Get("key"));
+    EXPECT_EQ(wxString::FromUTF8("\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"), dom->GetWxString("key"));
+    dom->SetWx("key", wxString(wxS("a\0b"), 3));
+    EXPECT_EQ(std::string("a\0b", 3), dom->Get("key"));
+    EXPECT_EQ(3u, dom->GetWxString("key").length());
+    dom->SetWx("key", wxString());
+    EXPECT_EQ(EType::Text, dom->TypeOf("key"));
+}
+
+TEST(Dom, BytesThatAreNotUtf8AreTakenAsLatin1)
+{
+    const DomPtr dom = NewRoot();
+    dom->Set("key", "caf\xE9");
+    EXPECT_EQ(wxString::FromUTF8("caf\xC3\xA9"), dom->GetWxString("key"));
+}
+
+TEST(Dom, ObjectLivesAsLongAsTheKeyOrAHolder)
+{
+    struct Counted : CDomObject
+    {
+        explicit Counted(int& n) : count(n) { ++count; }
+        ~Counted() override { --count; }
+        int& count;
+    };
+    int alive = 0;
+    DomPtr dom = NewRoot();
+    dom->SetObject("key", std::make_shared<Counted>(alive));
+    EXPECT_EQ(EType::Object, dom->TypeOf("key"));
+    std::shared_ptr<CDomObject> held = dom->GetObject("key");
+    dom->Set("key", "text");
+    EXPECT_EQ(nullptr, dom->GetObject("key"));
+    EXPECT_EQ(1, alive);
+    held.reset();
+    EXPECT_EQ(0, alive);
+    dom->SetObject("key", std::make_shared<Counted>(alive));
+    dom.reset();
+    EXPECT_EQ(0, alive);
+}
+
+TEST(Dom, EndOfAnObjectMayUseTheDomain)
+{
+    struct Writer : CDomObject
+    {
+        explicit Writer(CDom& d) : dom(d) {}
+        ~Writer() override { dom.Set("last.words", true); }
+        CDom& dom;
+    };
+    const DomPtr dom = NewRoot();
+    dom->SetObject("key", std::make_shared<Writer>(*dom));
+    EXPECT_TRUE(dom->Remove("key"));
+    EXPECT_TRUE(dom->Has("last.words"));
+    dom->SetObject("key", std::make_shared<Writer>(*dom));
+    dom->Remove("last.words");
+    dom->Set("key", "overwritten");
+    EXPECT_TRUE(dom->Has("last.words"));
+}
+
+TEST(Dom, NullAndEmptyKeyAreOneKey)
+{
+    const DomPtr dom = NewRoot();
+    dom->Set(nullptr, "root");
+    EXPECT_EQ("root", dom->Get(""));
+    EXPECT_TRUE(dom->Remove(""));
+    EXPECT_FALSE(dom->Has(nullptr));
+}
+
+// --- the tree
+
+TEST(Dom, KeyHoldsAValueAndHasChildren)
+{
+    const DomPtr dom = NewRoot();
+    dom->Set("a", "1");
+    dom->Set("a.b", "2");
+    dom->Set("a.b.c", "3");
+    dom->Set("ab", "4");
+    EXPECT_EQ((Texts{"a.b", "a.b.c"}), dom->Keys("a"));
+    EXPECT_EQ((Texts{"a", "a.b", "a.b.c", "ab"}), dom->Keys(""));
+    EXPECT_EQ((Texts{"a", "a.b", "a.b.c", "ab"}), dom->Keys(nullptr));
+    EXPECT_EQ(Texts(), dom->Keys("zz"));
+}
+
+TEST(Dom, RemoveLeavesTheChildren)
+{
+    const DomPtr dom = NewRoot();
+    dom->Set("a", "1");
+    dom->Set("a.b", "2");
+    EXPECT_TRUE(dom->Remove("a"));
+    EXPECT_FALSE(dom->Remove("a"));
+    EXPECT_EQ("2", dom->Get("a.b"));
+    EXPECT_EQ((Texts{"a.b"}), dom->Keys("a"));
+}
+
+TEST(Dom, KeysAreSorted)
+{
+    const DomPtr dom = NewRoot();
+    for (const char* key : {"x.c", "x.a", "x.b", "x.a.z", "x.B"})
+        dom->Set(key, true);
+    EXPECT_EQ((Texts{"x.B", "x.a", "x.a.z", "x.b", "x.c"}), dom->Keys("x"));
+}
+
+TEST(Dom, ManyKeysKeepTheirValues)
+{
+    const DomPtr dom = NewRoot();
+    for (int i = 0; i < 10000; ++i)
+        dom->SetWx(("k." + std::to_string(i)).c_str(), std::int64_t(i));
+    for (int i = 0; i < 10000; i += 2)
+        EXPECT_TRUE(dom->Remove(("k." + std::to_string(i)).c_str()));
+    for (int i = 0; i < 10000; ++i)
+        EXPECT_EQ(i % 2 ? std::to_string(i) : "", dom->Get(("k." + std::to_string(i)).c_str()));
+    EXPECT_EQ(5000u, dom->Keys("k").size());
+}
+
+// --- views and lives
+
+TEST(Dom, ViewShowsTheKeysBelowItsName)
+{
+    const DomPtr root = NewRoot();
+    root->Set("a.b.c", "deep");
+    root->Set("a", "own");
+    bool created = true;
+    const DomPtr view = NewView("a", root, &created);
+    EXPECT_FALSE(created);
+    EXPECT_EQ("deep", view->Get("b.c"));
+    EXPECT_EQ((Texts{"b.c"}), view->Keys(""));
+    EXPECT_EQ((Texts{"b.c"}), view->Keys("b"));
+    view->Set("x", "1");
+    EXPECT_EQ("1", root->Get("a.x"));
+    const DomPtr inner = NewView("b", view, &created);
+    EXPECT_FALSE(created);
+    EXPECT_EQ("deep", inner->Get("c"));
+    EXPECT_TRUE(inner->Remove("c"));
+    EXPECT_FALSE(root->Has("a.b.c"));
+}
+
+TEST(Dom, ViewTellsWhetherItsNameWasNew)
+{
+    const DomPtr root = NewRoot();
+    bool created = false;
+    NewView("fresh", root, &created);
+    EXPECT_TRUE(created);
+    root->Set("fresh", 1 == 1);
+    NewView("fresh", root, &created);
+    EXPECT_FALSE(created);
+    root->Set("freshly", true);
+    NewView("fres", root, &created);
+    EXPECT_TRUE(created) << "a longer name is another name";
+}
+
+TEST(Dom, ViewWithoutNameShowsAllOfItsParent)
+{
+    const DomPtr root = NewRoot();
+    root->Set("a", "1");
+    EXPECT_EQ("1", NewView(nullptr, root)->Get("a"));
+    EXPECT_EQ("1", NewView("", root)->Get("a"));
+}
+
+TEST(Dom, ViewOutlivesItsRoot)
+{
+    DomPtr root = NewRoot();
+    root->Set("a.b", "1");
+    const DomPtr view = NewView("a", root);
+    root.reset();
+    EXPECT_EQ("1", view->Get("b"));
+}
+
+TEST(Dom, ViewTakesKeysOfAnyLength)
+{
+    const DomPtr root = NewRoot();
+    const DomPtr view = NewView("prefix", root);
+    const std::string longKey(5000, 'k');
+    view->Set(longKey.c_str(), "1");
+    EXPECT_EQ("1", view->Get(longKey.c_str()));
+    EXPECT_EQ("1", root->Get(("prefix." + longKey).c_str()));
+}
+
+TEST(Dom, LastReferenceDestroys)
+{
+    CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
+    const auto object = std::make_shared<CDomObject>();
+    dom->SetObject("key", object);
+    dom->AddRef();
+    dom->Release();
+    EXPECT_EQ(2, object.use_count());
+    dom->Release();
+    EXPECT_EQ(1, object.use_count());
+}
+
+TEST(Dom, ReleaseIsTheSlotBehindTheDestructor)
+{
+    // Hosts are compiled against another core library, too, and release through that slot. A destructor takes two.
+    CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
+    dom->Set("is", "alive");
+    dom->AddRef();
+    void (**slots)(CDom*) = nullptr;
+    std::memcpy(&slots, static_cast<const void*>(dom), sizeof slots);
+    slots[2](dom);
+    EXPECT_EQ(dom->Get("is"), "alive");
+    slots[2](dom);
+    const RootDom root;
+    EXPECT_FALSE(root) << "that was the last reference";
+}
+
+TEST(Dom, FirstLiveRootIsTheProcesss)
+{
+    DomPtr first = NewRoot();
+    const DomPtr second = NewRoot();
+    first->Set("who", "first");
+    second->Set("who", "second");
+    const DomPtr view = NewView("x", second);
+    EXPECT_EQ("first", RootDom()->Get("who"));
+    first.reset();
+    EXPECT_EQ("second", RootDom()->Get("who"));
+}
+
+TEST(Dom, ThereIsNoRootBeforeAndAfter)
+{
+    EXPECT_FALSE(RootDom());
+    NewRoot();
+    EXPECT_FALSE(RootDom());
+}
+
+TEST(Dom, RootDomKeepsTheDomainAlive)
+{
+    DomPtr root = NewRoot();
+    root->Set("a", "1");
+    const RootDom held;
+    root.reset();
+    EXPECT_EQ("1", held->Get("a"));
+}
+
+// --- settings
+
+TEST(Dom, SettingComesFromTheKeyAndElseFromTheFile)
+{
+    const TempFolder folder;
+    WriteFile(folder / "x.ini", "[settings]\nvex.text=file\nvex.flag=yes\nvex.number=42\nvex.bad=4x\n");
+    const DomPtr dom = NewRoot();
+    std::string text = "none";
+    EXPECT_FALSE(dom->GetSetting("vex.text", text)) << "no file is known";
+    dom->Set("app.path.ini", (folder / "x.ini"));
+    EXPECT_TRUE(dom->GetSetting("vex.text", text));
+    EXPECT_EQ("file", text);
+    bool flag = false;
+    EXPECT_TRUE(dom->GetSetting("vex.flag", flag) && flag);
+    std::int64_t number = 0;
+    EXPECT_TRUE(dom->GetSetting("vex.number", number));
+    EXPECT_EQ(42, number);
+    EXPECT_FALSE(dom->GetSetting("vex.bad", number));
+    EXPECT_EQ(42, number);
+    EXPECT_FALSE(dom->GetSetting("vex.absent", text));
+    EXPECT_EQ("file", text);
+
+    dom->Set("vex.text", "key");
+    EXPECT_TRUE(dom->GetSetting("vex.text", text));
+    EXPECT_EQ("key", text);
+    dom->SetWx("vex.number", std::int64_t(7));
+    EXPECT_TRUE(dom->GetSetting("vex.number", number));
+    EXPECT_EQ(7, number);
+    EXPECT_EQ("", dom->Get("vex.flag")) << "Get does not look into the file";
+}
+
+TEST(Dom, SettingOfAViewHasItsFullName)
+{
+    const TempFolder folder;
+    WriteFile(folder / "x.ini", "[settings]\nvex.number=42\n");
+    const DomPtr root = NewRoot();
+    root->Set("app.path.ini", (folder / "x.ini"));
+    std::int64_t number = 0;
+    EXPECT_TRUE(NewView("vex", root)->GetSetting("number", number));
+    EXPECT_EQ(42, number);
+}
+
+// --- plugin folders
+
+TEST(Dom, PluginFolderIsMadePrivate)
+{
+    const TempFolder folder;
+    const DomPtr dom = NewRoot();
+    dom->Set("app.path.work", (folder / "work"));
+    const mode_t before = ::umask(0);
+    const wxString path = dom->GetPluginWorkdirWx(wxS("diag"));
+    ::umask(before);
+    EXPECT_EQ(wxString::FromUTF8((folder / "work/plugins/diag").c_str()), path);
+    for (const char* each : {"work", "work/plugins", "work/plugins/diag"}) {
+        struct stat status = {};
+        ASSERT_EQ(0, ::stat((folder / each).c_str(), &status)) << each;
+        EXPECT_EQ(mode_t(S_IFDIR | 0700), status.st_mode) << each;
+    }
+    EXPECT_EQ(path, dom->GetPluginWorkdirWx(wxS("diag"))) << "there already is fine";
+}
+
+TEST(Dom, PluginNameThatIsNoFileNameGivesThePluginsFolder)
+{
+    const TempFolder folder;
+    const DomPtr dom = NewRoot();
+    dom->Set("app.path.work", (folder / "work"));
+    for (const wxString& name : {wxString(), wxString(wxS(".")), wxString(wxS("..")), wxString(wxS("a/b")),
+                                 wxString(wxS("../x")), wxString(wxS("/")), wxString(wxS("a\0b"), 3)})
+        EXPECT_EQ(wxString::FromUTF8((folder / "work/plugins").c_str()), dom->GetPluginWorkdirWx(name)) << name;
+    EXPECT_NE(0, ::access((folder / "x").c_str(), F_OK));
+}
+
+TEST(Dom, PluginFolderThatCannotBeMadeIsStillNamed)
+{
+    const TempFolder folder;
+    WriteFile(folder / "work", "a file");
+    const DomPtr dom = NewRoot();
+    dom->Set("app.path.work", (folder / "work"));
+    EXPECT_EQ(wxString::FromUTF8((folder / "work/plugins/x").c_str()), dom->GetPluginWorkdirWx(wxS("x")));
+    dom->Remove("app.path.work");
+    EXPECT_EQ(wxString(wxS("plugins/x")), dom->GetPluginWorkdirWx(wxS("x")));
+    EXPECT_NE(0, ::access("plugins", F_OK)) << "nothing is made in the current folder";
+}
+
+// --- waiting
+
+TEST(DomWait, TimeIsOver)
+{
+    const DomPtr dom = NewRoot();
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 30));
+    EXPECT_GE(MillisSince(begin), 29);
+    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0));
+}
+
+namespace {
+
+/// Waits for `key` on this thread while another does `write`, again and again until the wait has ended.
+EWait WaitWhile(const DomPtr& dom, const char* key, const std::function<void(CDom&)>& write, std::int64_t timeoutMs)
+{
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        while (!done) {
+            write(*dom);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    const EWait result = dom->Wait(key, timeoutMs);
+    done = true;
+    writer.join();
+    return result;
+}
+
+} // namespace
+
+TEST(DomWait, WriteOfTheKeyWakes)
+{
+    EXPECT_EQ(EWait::Written, WaitWhile(NewRoot(), "a.b", [](CDom& dom) { dom.Set("a.b", true); }, -1));
+}
+
+TEST(DomWait, WriteBelowTheKeyWakes)
+{
+    EXPECT_EQ(EWait::Written, WaitWhile(NewRoot(), "a", [](CDom& dom) { dom.Set("a.b.c", "x"); }, -1));
+}
+
+TEST(DomWait, EveryKindOfWriteWakes)
+{
+    const std::function<void(CDom&)> writes[] = {
+        [](CDom& dom) { dom.Set("k", "text"); },
+        [](CDom& dom) { dom.Set("k", "text", 2); },
+        [](CDom& dom) { dom.Set("k", std::string("text")); },
+        [](CDom& dom) { dom.Set("k", true); },
+        [](CDom& dom) { dom.SetWx("k", wxString(wxS("x"))); },
+        [](CDom& dom) { dom.SetWx("k", std::int64_t(1)); },
+        [](CDom& dom) { dom.SetObject("k", nullptr); },
+    };
+    for (const auto& write : writes)
+        EXPECT_EQ(EWait::Written, WaitWhile(NewRoot(), "k", write, -1));
+}
+
+TEST(DomWait, RemovalWakes)
+{
+    const DomPtr dom = NewRoot();
+    dom->Set("a", "x");
+    std::thread remover([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        dom->Remove("a");
+    });
+    EXPECT_EQ(EWait::Written, dom->Wait("a", 60000));
+    remover.join();
+}
+
+TEST(DomWait, RemovalOfNothingDoesNotWake)
+{
+    EXPECT_EQ(EWait::TimedOut, WaitWhile(NewRoot(), "a", [](CDom& dom) { dom.Remove("a"); }, 30));
+}
+
+TEST(DomWait, OtherKeysDoNotWake)
+{
+    EXPECT_EQ(EWait::TimedOut, WaitWhile(NewRoot(), "a.b",
+                                         [](CDom& dom) {
+                                             dom.Set("a", true);
+                                             dom.Set("a.bc", true);
+                                             dom.Set("b", true);
+                                             dom.Set("", true);
+                                         },
+                                         30));
+}
+
+TEST(DomWait, EmptyKeyWaitsForAnything)
+{
+    EXPECT_EQ(EWait::Written, WaitWhile(NewRoot(), "", [](CDom& dom) { dom.Set("x.y", true); }, -1));
+    EXPECT_EQ(EWait::Written, WaitWhile(NewRoot(), nullptr, [](CDom& dom) { dom.Set("x.y", true); }, -1));
+}
+
+TEST(DomWait, WriteThroughAViewWakesARootsWaiterAndBack)
+{
+    const DomPtr root = NewRoot();
+    const DomPtr view = NewView("a", root);
+    EXPECT_EQ(EWait::Written, WaitWhile(root, "a.b", [&](CDom&) { view->Set("b", true); }, -1));
+    EXPECT_EQ(EWait::Written, WaitWhile(view, "c", [&](CDom&) { root->Set("a.c", true); }, -1));
+    EXPECT_EQ(EWait::TimedOut, WaitWhile(view, "", [&](CDom&) { root->Set("z", true); }, 30));
+}
+
+TEST(DomWait, OtherTreesDoNotWake)
+{
+    const DomPtr other = NewRoot();
+    EXPECT_EQ(EWait::TimedOut, WaitWhile(NewRoot(), "a", [&](CDom&) { other->Set("a", true); }, 30));
+}
+
+TEST(DomWait, WriteBeforeTheFirstWaitDoesNotCount)
+{
+    const DomPtr dom = NewRoot();
+    std::thread([&] { dom->Set("a", true); }).join();
+    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0));
+}
+
+TEST(DomWait, WriteBetweenTwoWaitsForTheKeyIsNotMissed)
+{
+    const DomPtr dom = NewRoot();
+    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0));
+    std::thread([&] { dom->Set("a.below", true); }).join();
+    EXPECT_EQ(EWait::Written, dom->Wait("a", -1));
+    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0)) << "it counts once";
+}
+
+TEST(DomWait, OwnWriteBetweenTwoWaitsDoesNotCount)
+{
+    const DomPtr dom = NewRoot();
+    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0));
+    dom->Set("a", false);
+    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0));
+}
+
+TEST(DomWait, ThreadMayWaitForManyKeysOfManyTrees)
+{
+    for (int tree = 0; tree < 3; ++tree) {
+        const DomPtr dom = NewRoot();
+        for (int i = 0; i < 100; ++i)
+            EXPECT_EQ(EWait::TimedOut, dom->Wait(("k." + std::to_string(i)).c_str(), 0));
+        std::thread([&] { dom->Set("k.99", true); }).join();
+        EXPECT_EQ(EWait::Written, dom->Wait("k.99", -1));
+    }
+}
+
+TEST(DomWait, RequestToEndWakesAndIsReportedFromThenOn)
+{
+    const DomPtr dom = NewRoot();
+    VexCore::WaitPoint point;
+    EWait first = EWait::TimedOut;
+    EWait second = EWait::TimedOut;
+    std::thread sleeper([&] {
+        const VexCore::WaitPoint::Binding binding(point);
+        first = dom->Wait("a", -1);
+        second = dom->Wait("a", -1);
+    });
+    point.RequestExit();
+    sleeper.join();
+    EXPECT_EQ(EWait::Ending, first);
+    EXPECT_EQ(EWait::Ending, second);
+}
+
+TEST(DomWait, AwakenEndsTheWaitAsTimeOver)
+{
+    const DomPtr dom = NewRoot();
+    VexCore::WaitPoint point;
+    EWait result = EWait::Written;
+    std::thread sleeper([&] {
+        const VexCore::WaitPoint::Binding binding(point);
+        result = dom->Wait("a", -1);
+    });
+    point.Awaken();
+    sleeper.join();
+    EXPECT_EQ(EWait::TimedOut, result);
+}
+
+TEST(DomWait, StaleNotificationDoesNotShortenTheNextWait)
+{
+    const DomPtr dom = NewRoot();
+    VexCore::WaitPoint::OfThisThread().Notify();
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 40));
+    EXPECT_GE(MillisSince(begin), 39);
+}
+
+TEST(DomWait, EveryWaiterIsWoken)
+{
+    const DomPtr dom = NewRoot();
+    std::atomic<int> waiting{0};
+    std::atomic<int> woken{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 50; ++i)
+        waiters.emplace_back([&] {
+            ++waiting;
+            if (dom->Wait("go", 60000) == EWait::Written)
+                ++woken;
+        });
+    while (waiting < 50)
+        std::this_thread::yield();
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        while (!done) {
+            dom->Set("go", true);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    for (std::thread& waiter : waiters)
+        waiter.join();
+    done = true;
+    writer.join();
+    EXPECT_EQ(50, woken);
+}
+
+// --- many threads
+
+TEST(DomThreads, ReadersWritersAndWaitersGetWhatWasWritten)
+{
+    const DomPtr dom = NewRoot();
+    constexpr int rounds = 2000;
+    std::atomic<bool> done{false};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> others;
+    for (int i = 0; i < 4; ++i)
+        others.emplace_back([&, i] {
+            const DomPtr view = NewView("shared", dom);
+            while (!done) {
+                const std::string text = i % 2 ? dom->Get("shared.text") : view->Get("text");
+                if (!text.empty() && text != std::string(text.size(), text.front()))
+                    ++wrong;
+                if (dom->Keys("shared").size() > 3)
+                    ++wrong;
+                std::int64_t number = 0;
+                dom->Get("shared.number", number);
+                dom->GetObject("shared.object");
+            }
+        });
+    for (int i = 0; i < 3; ++i)
+        others.emplace_back([&] {
+            VexCore::WaitPoint point;
+            const VexCore::WaitPoint::Binding binding(point);
+            while (!done)
+                dom->Wait("shared", 1);
+        });
+    std::vector<std::thread> writers;
+    for (int i = 0; i < 2; ++i)
+        writers.emplace_back([&, i] {
+            for (int n = 0; n < rounds; ++n) {
+                dom->Set("shared.text", std::string(std::size_t(n % 64), char('a' + (n + i) % 26)));
+                dom->SetWx("shared.number", std::int64_t(n));
+                dom->SetObject("shared.object", std::make_shared<CDomObject>());
+                if (n % 3 == 0)
+                    dom->Remove("shared.object");
+            }
+        });
+    for (std::thread& writer : writers)
+        writer.join();
+    done = true;
+    for (std::thread& other : others)
+        other.join();
+    EXPECT_EQ(0, wrong);
+    std::int64_t number = 0;
+    EXPECT_TRUE(dom->Get("shared.number", number));
+    EXPECT_EQ(rounds - 1, number);
+}
+
+TEST(DomThreads, BusyReadersDoNotKeepAWriterOut)
+{
+    const DomPtr dom = NewRoot();
+    dom->Set("key", "value");
+    std::atomic<bool> done{false};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 8; ++i)
+        readers.emplace_back([&] {
+            std::string text;
+            while (!done)
+                dom->Get("key", text);
+        });
+    for (int i = 0; i < 100; ++i)
+        dom->SetWx("key", std::int64_t(i));
+    done = true;
+    for (std::thread& reader : readers)
+        reader.join();
+    EXPECT_EQ("99", dom->Get("key"));
+}
+
+TEST(DomThreads, RootsComeAndGoWhileOthersLookForOne)
+{
+    std::atomic<bool> done{false};
+    std::thread seeker([&] {
+        while (!done) {
+            const RootDom root;
+            if (root)
+                root->Get("app.name");
+        }
+    });
+    for (int i = 0; i < 500; ++i) {
+        const DomPtr root = NewRoot();
+        root->Set("app.name", "x");
+    }
+    done = true;
+    seeker.join();
+}

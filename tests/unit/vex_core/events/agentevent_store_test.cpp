@@ -1,0 +1,840 @@
+#include "vex/core/agentevent.h"
+#include "vex/core/dom.h"
+#include "vex_core/events/agentevent_store.h"
+
+#include "support/fail_nth.h"
+#include "support/log_capture.h"
+#include "support/sample_event.h"
+#include "support/temp_folder.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <sqlite3.h>
+
+using namespace VexCore;
+using ::Test::SampleEvent;
+
+namespace {
+
+// Lets SQLite's own system calls be counted and fail with those of FailNth.
+class SqliteFaults
+{
+public:
+    SqliteFaults() : m_vfs(sqlite3_vfs_find(nullptr))
+    {
+        for (const char* name : {"open", "write", "pwrite", "pwrite64", "ftruncate", "unlink"}) {
+            Real()[name] = m_vfs->xGetSystemCall(m_vfs, name);
+            m_vfs->xSetSystemCall(m_vfs, name, Replacement(name));
+        }
+    }
+    ~SqliteFaults()
+    {
+        for (const auto& item : Real())
+            m_vfs->xSetSystemCall(m_vfs, item.first.c_str(), item.second);
+    }
+
+private:
+    using Call = sqlite3_syscall_ptr;
+    static std::map<std::string, Call>& Real()
+    {
+        static std::map<std::string, Call> real;
+        return real;
+    }
+    template <class F>
+    static F RealAs(const char* name)
+    {
+        return reinterpret_cast<F>(Real()[name]);
+    }
+    static int Open(const char* path, int flags, int mode)
+    {
+        return ::Test::FailNth::Hit() ? -1
+                                      : RealAs<int (*)(const char*, int, int)>("open")(path, flags, mode);
+    }
+    static ssize_t Write(int descriptor, const void* data, size_t size)
+    {
+        return ::Test::FailNth::Hit()
+                   ? -1
+                   : RealAs<ssize_t (*)(int, const void*, size_t)>("write")(descriptor, data, size);
+    }
+    static ssize_t Pwrite(int descriptor, const void* data, size_t size, off_t at)
+    {
+        return ::Test::FailNth::Hit() ? -1 : pwrite(descriptor, data, size, at);
+    }
+    static int Truncate(int descriptor, off_t size)
+    {
+        return ::Test::FailNth::Hit() ? -1 : ftruncate(descriptor, size);
+    }
+    static int Unlink(const char* path) { return ::Test::FailNth::Hit() ? -1 : unlink(path); }
+    static Call Replacement(const std::string& name)
+    {
+        if (name == "open")
+            return reinterpret_cast<Call>(Open);
+        if (name == "write")
+            return reinterpret_cast<Call>(Write);
+        if (name == "ftruncate")
+            return reinterpret_cast<Call>(Truncate);
+        if (name == "unlink")
+            return reinterpret_cast<Call>(Unlink);
+        return reinterpret_cast<Call>(Pwrite);
+    }
+    sqlite3_vfs* m_vfs;
+};
+
+class EventStoreTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        SqliteSettings settings;
+        settings.busyTimeoutMs = 20;
+        SetSqliteSettings(settings);
+    }
+    void TearDown() override { SetSqliteSettings(SqliteSettings()); }
+
+    std::string Database() const { return m_work + "/events.db"; }
+    std::string Pending() const { return m_work + "/events.pending.xml"; }
+    bool Exists(const std::string& path) const { return std::filesystem::exists(path); }
+
+    // All texts in the database, in order of their ids, each followed by ";".
+    std::string Stored() const { return StoredIn(Database()); }
+    static std::string StoredIn(const std::string& path)
+    {
+        SqliteDb db;
+        if (!std::filesystem::exists(path) || !db.Open(path, 0))
+            return "(" + db.Error() + ")";
+        SqliteStatement rows(db, "SELECT text FROM agent_event ORDER BY id");
+        std::string all;
+        while (rows.Step() == SqliteStatement::EStep::Row)
+            all += rows.ColumnText(0) + ";";
+        return all;
+    }
+    static int CountOf(const std::string& all, const std::string& text)
+    {
+        int count = 0;
+        for (std::size_t at = all.find(text + ";"); at != std::string::npos;
+             at = all.find(text + ";", at + 1))
+            ++count;
+        return count;
+    }
+
+    // In memory where the system has such a place: what is flushed is counted here, not waited for.
+    static std::string Base()
+    {
+        return std::filesystem::exists("/dev/shm") ? "/dev/shm"
+                                                   : std::filesystem::temp_directory_path().string();
+    }
+
+    ::Test::TempFolder m_folder{Base()};
+    std::string m_work = m_folder.Path();
+};
+
+// Runs `body` in a child with a mount namespace of its own; its result is the exit code. -1: no such
+// namespace here.
+int InOwnMounts(const std::function<int()>& body)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            _exit(77);
+        dup2(open("/dev/null", O_WRONLY),
+             STDERR_FILENO); // what the store shows there is not what such a body tests
+        const int result = body();
+        std::fflush(stdout);
+        _exit(result);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 77 ? -1 : status;
+}
+
+// What a child of a test checks: its line says which did not hold.
+#define CHILD_CHECK(condition)                                                                               \
+    do {                                                                                                     \
+        if (!(condition)) {                                                                                  \
+            std::printf("line %d: %s\n", __LINE__, #condition);                                              \
+            return 1;                                                                                        \
+        }                                                                                                    \
+    } while (false)
+
+} // namespace
+
+TEST_F(EventStoreTest, OpensNothingBeforeTheFirstWrite)
+{
+    EventStore store(m_work);
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_TRUE(std::filesystem::is_empty(m_work));
+}
+
+TEST_F(EventStoreTest, AllFieldsAreStored)
+{
+    ::Test::LogCapture log;
+    EventStore store(m_work);
+    const CAgentEvent event = SampleEvent("net|1.2|it's \"<&>\"\n\xC3\xA4");
+    EXPECT_EQ(store.Write(event), 1);
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(Database(), 0));
+    SqliteStatement row(db, "SELECT id, time_ms, time_s, number, severity, text, xml FROM agent_event");
+    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    EXPECT_EQ(row.ColumnInt(0), 1);
+    EXPECT_EQ(row.ColumnInt(1), 1700000000123);
+    EXPECT_EQ(row.ColumnInt(2), 1700000000);
+    EXPECT_EQ(row.ColumnInt(3), 5101);
+    EXPECT_EQ(row.ColumnInt(4), 5);
+    EXPECT_EQ(row.ColumnText(5), event.m_text);
+    EXPECT_EQ(row.ColumnText(6), event.ToXml());
+    EXPECT_EQ(row.Step(), SqliteStatement::EStep::Done);
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+    EXPECT_FALSE(Exists(Pending()));
+}
+
+TEST_F(EventStoreTest, TableHasTheFormThatToolsRelyOn)
+{
+    EventStore(m_work).Write(SampleEvent("e"));
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(Database(), 0));
+    SqliteStatement row(db, "SELECT sql FROM sqlite_master WHERE name = 'agent_event'");
+    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    EXPECT_EQ(row.ColumnText(0), "CREATE TABLE agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, "
+                                 "number INTEGER, severity INTEGER, text TEXT, xml TEXT)");
+}
+
+TEST_F(EventStoreTest, AbsentFieldsAreNull)
+{
+    EventStore store(m_work);
+    EXPECT_EQ(store.Write(CAgentEvent()), 1);
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(Database(), 0));
+    SqliteStatement row(db, "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event");
+    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    for (int column = 0; column < 5; ++column)
+        EXPECT_TRUE(row.ColumnIsNull(column)) << column;
+    EXPECT_EQ(row.ColumnText(5), "<agent_event/>");
+}
+
+TEST_F(EventStoreTest, IdsGrowByOne)
+{
+    EventStore store(m_work);
+    for (int id = 1; id <= 5; ++id)
+        EXPECT_EQ(store.Write(SampleEvent("e")), id);
+    EventStore again(m_work);
+    EXPECT_EQ(again.Write(SampleEvent("e")), 6);
+}
+
+TEST_F(EventStoreTest, LockedDatabaseMeansPendingFileThenDatabaseOnce)
+{
+    EventStore store(m_work);
+    ASSERT_EQ(store.Write(SampleEvent("first")), 1);
+    SqliteDb other;
+    ASSERT_TRUE(other.Open(Database(), 0));
+    ASSERT_TRUE(other.Exec("BEGIN EXCLUSIVE"));
+    {
+        ::Test::LogCapture log;
+        EXPECT_EQ(store.Write(SampleEvent("second")), 0);
+        EXPECT_EQ(store.Write(SampleEvent("third")), 0);
+        EXPECT_EQ(log.Count(wxLOG_Error, "events.pending.xml"), 2u) << log.All();
+        EXPECT_EQ(log.Count(wxLOG_Error, "locked"), 2u) << log.All();
+        EXPECT_EQ(log.Count(wxLOG_Error, "text=\"second\""), 1u) << log.All();
+        EXPECT_EQ(log.Lines().size(), 2u) << log.All();
+    }
+    EXPECT_NE(::Test::ReadFile(Pending()).find("text=\"second\""), std::string::npos);
+    ASSERT_TRUE(other.Exec("ROLLBACK"));
+    other.Close();
+    ::Test::LogCapture log;
+    EXPECT_EQ(store.Write(SampleEvent("fourth")), 4);
+    EXPECT_EQ(Stored(), "first;second;third;fourth;");
+    EXPECT_FALSE(Exists(Pending()));
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+}
+
+TEST_F(EventStoreTest, PendingEventsKeepAllTheirFields)
+{
+    const CAgentEvent event = SampleEvent("it's \"<&>\"\n\t\xC3\xA4");
+    std::filesystem::create_directory(Database());
+    {
+        ::Test::LogCapture log;
+        EventStore store(m_work);
+        EXPECT_EQ(store.Write(event), 0);
+        EXPECT_EQ(store.Write(CAgentEvent()), 0);
+    }
+    std::filesystem::remove(Database());
+    EventStore store(m_work);
+    EXPECT_TRUE(store.StoreKept());
+    SqliteDb db;
+    ASSERT_TRUE(db.Open(Database(), 0));
+    SqliteStatement row(db,
+                        "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event ORDER BY id");
+    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    EXPECT_EQ(row.ColumnInt(0), event.m_timeMillis);
+    EXPECT_EQ(row.ColumnInt(1), event.m_timeSeconds);
+    EXPECT_EQ(row.ColumnInt(2), event.m_number);
+    EXPECT_EQ(row.ColumnInt(3), event.m_severity);
+    EXPECT_EQ(row.ColumnText(4), event.m_text);
+    EXPECT_EQ(row.ColumnText(5), event.ToXml());
+    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    EXPECT_TRUE(row.ColumnIsNull(0));
+    EXPECT_TRUE(row.ColumnIsNull(4));
+    EXPECT_EQ(row.ColumnText(5), "<agent_event/>");
+}
+
+TEST_F(EventStoreTest, PendingFileSeenTwiceIsStoredOnce)
+{
+    std::filesystem::create_directory(Database());
+    ::Test::LogCapture log;
+    EventStore store(m_work);
+    store.Write(SampleEvent("once"));
+    const std::string pending = ::Test::ReadFile(Pending());
+    std::filesystem::remove(Database());
+    EXPECT_TRUE(store.StoreKept());
+    ::Test::WriteFile(Pending(), pending + pending); // as if the removal had been lost
+    EXPECT_EQ(store.Write(SampleEvent("next")), 2);
+    EXPECT_EQ(Stored(), "once;next;");
+}
+
+TEST_F(EventStoreTest, PendingFileThatCannotBeRemovedIsEmptied)
+{
+    EventStore store(m_work);
+    ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
+    ::Test::LogCapture log;
+    os::fileCalls.unlink = [](const char*) { return errno = EPERM, -1; };
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_EQ(store.Write(SampleEvent("next")), 2);
+    EXPECT_EQ(::Test::ReadFile(Pending()), "");
+    os::fileCalls = os::systemFileCalls;
+    EXPECT_EQ(store.Write(SampleEvent("last")), 3);
+    EXPECT_FALSE(Exists(Pending()));
+    EXPECT_EQ(Stored(), "kept;next;last;");
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+}
+
+TEST_F(EventStoreTest, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEventsFollow)
+{
+    EventStore store(m_work);
+    ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
+    ::Test::LogCapture log;
+    os::fileCalls.unlink = [](const char*) { return errno = EPERM, -1; };
+    os::fileCalls.ftruncate = [](int, off_t) { return errno = EPERM, -1; };
+    constexpr int more = 1100; // than keys are remembered otherwise
+    for (int i = 0; i < more; ++i)
+        store.Write(SampleEvent("e"));
+    os::fileCalls = os::systemFileCalls;
+    EXPECT_EQ(log.Count(wxLOG_Error, "Unable to take the events out of"), std::size_t(more));
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_FALSE(Exists(Pending()));
+    EXPECT_EQ(CountOf(Stored(), "kept"), 1);
+}
+
+TEST_F(EventStoreTest, FolderInThePlaceOfThePendingFileHoldsNoEvents)
+{
+    EventStore store(m_work);
+    std::filesystem::create_directory(Pending());
+    ::Test::LogCapture log;
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_EQ(log.All(), "");
+}
+
+TEST_F(EventStoreTest, LineCutShortIsAnErrorLineAndTheOthersAreStored)
+{
+    EventStore store(m_work);
+    ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"good\"/></pending>\n"
+                                 "\n<pending key=\"k2\"><agent_event text=\"cut");
+    ::Test::LogCapture log;
+    EXPECT_EQ(store.Write(SampleEvent("next")), 2);
+    EXPECT_EQ(Stored(), "good;next;");
+    EXPECT_EQ(
+        log.Count(wxLOG_Error, "is no event and is left out: <pending key=\"k2\"><agent_event text=\"cut"),
+        1u)
+        << log.All();
+    EXPECT_FALSE(Exists(Pending()));
+}
+
+TEST_F(EventStoreTest, NothingToWriteInMeansMemoryAndStandardErrorThenDatabaseOnce)
+{
+    m_work += "/not-there-yet";
+    EventStore store(m_work);
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(store.Write(SampleEvent("one")), 0);
+    EXPECT_EQ(store.Write(SampleEvent("two")), 0);
+    const std::string shown = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(store.InMemory(), 2u);
+    EXPECT_NE(shown.find("text=\"one\""), std::string::npos) << shown;
+    EXPECT_NE(shown.find("text=\"two\""), std::string::npos) << shown;
+    EXPECT_EQ(log.Count(wxLOG_Error, "kept in memory"), 2u) << log.All();
+    std::filesystem::create_directory(m_work);
+    EXPECT_EQ(store.Write(SampleEvent("three")), 3);
+    EXPECT_EQ(store.InMemory(), 0u);
+    EXPECT_EQ(Stored(), "one;two;three;");
+}
+
+TEST_F(EventStoreTest, MemoryGoesToThePendingFileWhenOnlyThatHasRoom)
+{
+    m_work += "/later";
+    EventStore store(m_work);
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    store.Write(SampleEvent("one"));
+    testing::internal::GetCapturedStderr();
+    std::filesystem::create_directories(Database());
+    EXPECT_EQ(store.Write(SampleEvent("two")), 0);
+    EXPECT_EQ(store.InMemory(), 0u);
+    std::filesystem::remove(Database());
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_EQ(Stored(), "one;two;");
+}
+
+TEST_F(EventStoreTest, MemoryIsBoundedAndSaysWhatItGivesUp)
+{
+    m_work += "/never";
+    EventStore store(m_work);
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    const std::size_t extra = EventStore::maxInMemory > 100 ? 0 : 2;
+    for (std::size_t i = 0; i < EventStore::maxInMemory + extra && extra > 0; ++i)
+        store.Write(SampleEvent("e" + std::to_string(i)));
+    const std::string shown = testing::internal::GetCapturedStderr();
+    if (extra == 0)
+        GTEST_SKIP() << "the limit of this build is large";
+    EXPECT_EQ(store.InMemory(), EventStore::maxInMemory);
+    EXPECT_EQ(log.Count(wxLOG_Error, "Too many agent events"), 2u);
+    EXPECT_NE(
+        shown.find("given up: <agent_event time_ms=\"1700000000123\" time_s=\"1700000000\" number=\"5101\""
+                   " severity=\"5\" text=\"e1\"/>"),
+        std::string::npos)
+        << shown;
+}
+
+TEST_F(EventStoreTest, DamagedDatabaseIsMovedAsideAndANewOneBegins)
+{
+    ::Test::WriteFile(Database(), std::string(8192, 'x'));
+    ::Test::LogCapture log;
+    EventStore store(m_work);
+    EXPECT_EQ(store.Write(SampleEvent("event")), 1);
+    EXPECT_EQ(Stored(), "event;");
+    EXPECT_EQ(log.Count(wxLOG_Error, "is damaged"), 1u) << log.All();
+    EXPECT_EQ(log.Lines().size(), 1u) << log.All();
+    int kept = 0;
+    for (const auto& item : std::filesystem::directory_iterator(m_work))
+        if (item.path().filename().string().find("events.db.damaged-") == 0)
+            kept += ::Test::ReadFile(item.path().string()) == std::string(8192, 'x') ? 1 : 0;
+    EXPECT_EQ(kept, 1);
+}
+
+TEST_F(EventStoreTest, DatabasesDamagedWithinOneSecondAreAllKept)
+{
+    ::Test::LogCapture log;
+    EventStore store(m_work);
+    for (const char letter : {'x', 'y', 'z'}) {
+        ::Test::WriteFile(Database(), std::string(8192, letter));
+        EXPECT_EQ(store.Write(SampleEvent("event")), 1);
+    }
+    std::string kept;
+    for (const auto& item : std::filesystem::directory_iterator(m_work))
+        if (item.path().filename().string().find("events.db.damaged-") == 0)
+            kept += ::Test::ReadFile(item.path().string()).substr(0, 1);
+    std::sort(kept.begin(), kept.end());
+    EXPECT_EQ(kept, "xyz");
+}
+
+TEST_F(EventStoreTest, DamagedDatabaseThatCannotBeMovedStaysAndTheEventsWait)
+{
+    ::Test::WriteFile(Database(), std::string(8192, 'x'));
+    EventStore store(m_work);
+    {
+        ::Test::LogCapture log;
+        os::fileCalls.rename = [](const char*, const char*) { return errno = EACCES, -1; };
+        EXPECT_EQ(store.Write(SampleEvent("event")), 0);
+        os::fileCalls = os::systemFileCalls;
+        EXPECT_EQ(log.Count(wxLOG_Error, "cannot be moved out of the way"), 1u) << log.All();
+        EXPECT_EQ(log.Count(wxLOG_Error, "kept in '" + Pending()), 1u) << log.All();
+        EXPECT_EQ(log.Lines().size(), 2u) << log.All();
+    }
+    EXPECT_EQ(::Test::ReadFile(Database()), std::string(8192, 'x'));
+    ::Test::LogCapture log;
+    EXPECT_TRUE(store.StoreKept()) << "what is kept is stored without another event, too";
+    EXPECT_EQ(Stored(), "event;");
+}
+
+TEST_F(EventStoreTest, DatabaseThatIsDamagedWhileOpenIsMovedAside)
+{
+    EventStore store(m_work);
+    store.Write(SampleEvent("before"));
+    {
+        std::fstream file(Database(), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(24); // the change counter and all behind it
+        const std::string rubbish(8000, '\xAB');
+        file.write(rubbish.data(), static_cast<std::streamsize>(rubbish.size()));
+    }
+    ::Test::LogCapture log;
+    EXPECT_EQ(store.Write(SampleEvent("after")), 1);
+    EXPECT_EQ(Stored(), "after;");
+    EXPECT_EQ(log.Count(wxLOG_Error, "is damaged"), 1u) << log.All();
+}
+
+TEST_F(EventStoreTest, RemovedOrReplacedDatabaseIsOpenedAnew)
+{
+    EventStore store(m_work);
+    store.Write(SampleEvent("one"));
+    std::filesystem::remove(Database());
+    ::Test::LogCapture log;
+    EXPECT_EQ(store.Write(SampleEvent("two")), 1);
+    EXPECT_EQ(Stored(), "two;");
+    std::filesystem::rename(Database(), Database() + ".old");
+    EventStore(m_work).Write(SampleEvent("of another"));
+    EXPECT_EQ(store.Write(SampleEvent("three")), 2);
+    EXPECT_EQ(Stored(), "of another;three;");
+    EXPECT_TRUE(log.Lines().empty()) << log.All();
+}
+
+TEST_F(EventStoreTest, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
+{
+    {
+        SqliteDb db;
+        ASSERT_TRUE(db.Open(Database(), 0));
+        ASSERT_TRUE(db.Exec("CREATE TABLE agent_event(something)"));
+    }
+    ::Test::LogCapture log;
+    EventStore store(m_work);
+    EXPECT_EQ(store.Write(SampleEvent("event")), 0);
+    EXPECT_TRUE(Exists(Pending()));
+    EXPECT_EQ(log.Count(wxLOG_Error, "no column"), 1u) << log.All();
+}
+
+TEST_F(EventStoreTest, ReadOnlyFileSystemMeansMemoryThenDatabase)
+{
+    const int status = InOwnMounts([this] {
+        if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=4m") != 0)
+            return 77;
+        wxLogNull quiet;
+        CHILD_CHECK(EventStore(m_work).Write(SampleEvent("one")) == 1);
+        CHILD_CHECK(mount(nullptr, m_work.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0);
+        EventStore store(m_work);
+        CHILD_CHECK(store.Write(SampleEvent("two")) == 0);
+        CHILD_CHECK(store.InMemory() == 1);
+        CHILD_CHECK(mount(nullptr, m_work.c_str(), nullptr, MS_REMOUNT, nullptr) == 0);
+        CHILD_CHECK(store.Write(SampleEvent("three")) == 3);
+        CHILD_CHECK(Stored() == "one;two;three;");
+        return 0;
+    });
+    if (status < 0)
+        GTEST_SKIP() << "no mount namespace here";
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(EventStoreTest, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
+{
+    const int status = InOwnMounts([this] {
+        ::Test::LogCapture log;
+        CHILD_CHECK(EventStore(m_work).Write(SampleEvent("one")) == 1);
+        // Root may write whatever its mode says.
+        if (mount(Database().c_str(), Database().c_str(), nullptr, MS_BIND, nullptr) != 0
+            || mount(nullptr, Database().c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0)
+            return 77;
+        EventStore store(m_work);
+        CHILD_CHECK(store.Write(SampleEvent("two")) == 0);
+        CHILD_CHECK(store.InMemory() == 0);
+        CHILD_CHECK(::Test::ReadFile(Pending()).find("text=\"two\"") != std::string::npos);
+        CHILD_CHECK(log.Count(wxLOG_Error, "text=\"two\"") == 1);
+        CHILD_CHECK(log.Lines().size() == 1);
+        CHILD_CHECK(umount2(Database().c_str(), MNT_DETACH) == 0);
+        CHILD_CHECK(store.Write(SampleEvent("three")) == 3);
+        CHILD_CHECK(Stored() == "one;two;three;");
+        CHILD_CHECK(!Exists(Pending()));
+        return 0;
+    });
+    if (status < 0)
+        GTEST_SKIP() << "no mount namespace here";
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(EventStoreTest, EventIsFlushedWhateverTheSettingsAllowElsewhere)
+{
+    // The folder of a journal is opened to be flushed with it, and only then.
+    static int flushes;
+    static sqlite3_syscall_ptr real;
+    sqlite3_vfs* const vfs = sqlite3_vfs_find(nullptr);
+    real = vfs->xGetSystemCall(vfs, "openDirectory");
+    const auto count = [](const char* path, int* descriptor) {
+        ++flushes;
+        return reinterpret_cast<int (*)(const char*, int*)>(real)(path, descriptor);
+    };
+    vfs->xSetSystemCall(vfs, "openDirectory", reinterpret_cast<sqlite3_syscall_ptr>(+count));
+    SqliteSettings settings;
+    settings.synchronous = 0;
+    SetSqliteSettings(settings);
+    flushes = 0;
+    SqliteDb other;
+    const bool written = other.Open(m_folder / "other.db", 0) && other.Exec("CREATE TABLE t(a)");
+    const int flushesElsewhere = flushes;
+    const std::int64_t id = EventStore(m_work).Write(SampleEvent("event"));
+    vfs->xSetSystemCall(vfs, "openDirectory", real);
+    EXPECT_TRUE(written);
+    EXPECT_EQ(flushesElsewhere, 0);
+    EXPECT_EQ(id, 1);
+    EXPECT_GT(flushes, 0);
+}
+
+TEST_F(EventStoreTest, FullDiskMeansMemoryThenDatabaseOnce)
+{
+    const int status = InOwnMounts([this] {
+        if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=256k") != 0)
+            return 77;
+        wxLogNull quiet;
+        EventStore store(m_work);
+        CHILD_CHECK(store.Write(SampleEvent("one")) == 1);
+        {
+            std::ofstream filler(m_work + "/filler", std::ios::binary);
+            const std::string page(4096, 'f');
+            while (filler.write(page.data(), 4096).flush()) {
+            }
+        }
+        const std::string large(20000, 'L'); // needs pages that are not there
+        CHILD_CHECK(store.Write(SampleEvent(large)) == 0);
+        CHILD_CHECK(store.Write(SampleEvent("three" + large)) == 0);
+        CHILD_CHECK(store.InMemory() == 2);
+        CHILD_CHECK(!store.StoreKept());
+        std::filesystem::remove(m_work + "/filler");
+        CHILD_CHECK(store.StoreKept());
+        CHILD_CHECK(Stored() == "one;" + large + ";three" + large + ";");
+        return 0;
+    });
+    if (status < 0)
+        GTEST_SKIP() << "no mount namespace here";
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(EventStoreTest, EachFailingCallLeavesEveryEventExactlyOnce)
+{
+    for (const bool lasting : {false, true}) {
+        bool hit = true;
+        for (int n = 1; hit && n < 300; ++n) {
+            ::Test::TempFolder folder(Base());
+            m_work = folder.Path();
+            ::Test::LogCapture log;
+            testing::internal::CaptureStderr();
+            std::filesystem::create_directory(Database());
+            EventStore(m_work).Write(SampleEvent("pending")); // so that an import is in the sweep
+            std::filesystem::remove(Database());
+            EventStore store(m_work);
+            {
+                SqliteFaults faults;
+                ::Test::FailNth fault(n, lasting ? ENOSPC : EIO, ::Test::FailNth::EHow::Fail, lasting);
+                store.Write(SampleEvent("in fault"));
+                hit = fault.WasHit();
+            }
+            store.Write(SampleEvent("after"));
+            const std::string shown = testing::internal::GetCapturedStderr();
+            const std::string all = Stored();
+            for (const char* text : {"pending", "in fault", "after"})
+                EXPECT_EQ(CountOf(all, text), 1)
+                    << "call " << n << (lasting ? " and later" : "") << ": " << all << log.All();
+            EXPECT_FALSE(Exists(Pending())) << n;
+            EXPECT_EQ(store.InMemory(), 0u) << n;
+        }
+        EXPECT_FALSE(hit);
+    }
+}
+
+TEST_F(EventStoreTest, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
+{
+    bool killed = true;
+    for (int n = 1; killed && n < 300; ++n) {
+        ::Test::TempFolder folder(Base());
+        m_work = folder.Path();
+        ::Test::LogCapture log;
+        std::filesystem::create_directory(Database());
+        {
+            EventStore store(m_work);
+            store.Write(SampleEvent("pending 1"));
+            store.Write(SampleEvent("pending 2"));
+        }
+        std::filesystem::remove(Database());
+        int done[2];
+        ASSERT_EQ(pipe(done), 0);
+        const pid_t pid = fork();
+        if (pid == 0) {
+            SqliteFaults faults;
+            ::Test::FailNth fault(n, EIO, ::Test::FailNth::EHow::Die);
+            const bool stored = EventStore(m_work).Write(SampleEvent("mine")) != 0;
+            fault.Stop();
+            static_cast<void>(write(done[1], stored ? "y" : "n", 1) == 1);
+            _exit(0);
+        }
+        close(done[1]);
+        char acknowledged = '-';
+        const bool heard = read(done[0], &acknowledged, 1) == 1;
+        close(done[0]);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        killed = WIFSIGNALED(status);
+        EventStore(m_work).Write(SampleEvent("after"));
+        const std::string all = Stored();
+        for (const char* text : {"pending 1", "pending 2", "after"})
+            EXPECT_EQ(CountOf(all, text), 1) << "call " << n << ": " << all;
+        EXPECT_LE(CountOf(all, "mine"), 1) << "call " << n << ": " << all;
+        EXPECT_EQ(!heard || CountOf(all, "mine") == 1, true) << "call " << n << ": " << all;
+        EXPECT_FALSE(Exists(Pending())) << n;
+    }
+    EXPECT_FALSE(killed);
+}
+
+TEST_F(EventStoreTest, ManyThreadsWriteIntoOneStore)
+{
+    EventStore store(m_work);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t)
+        threads.emplace_back([&store, t] {
+            for (int i = 0; i < 5; ++i)
+                EXPECT_GT(store.Write(SampleEvent(std::to_string(t) + "." + std::to_string(i))), 0);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    const std::string all = Stored();
+    EXPECT_EQ(std::count(all.begin(), all.end(), ';'), 30);
+}
+
+TEST_F(EventStoreTest, ManyProcessesWriteIntoOneFolder)
+{
+    SetSqliteSettings(SqliteSettings());
+    std::vector<pid_t> children;
+    for (int c = 0; c < 4; ++c) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            wxLogNull quiet;
+            EventStore store(m_work);
+            for (int i = 0; i < 5; ++i)
+                store.Write(SampleEvent(std::to_string(c) + "." + std::to_string(i)));
+            store.StoreKept();
+            _exit(0);
+        }
+        children.push_back(pid);
+    }
+    for (const pid_t pid : children)
+        waitpid(pid, nullptr, 0);
+    EventStore(m_work).StoreKept();
+    const std::string all = Stored();
+    for (int c = 0; c < 4; ++c)
+        for (int i = 0; i < 5; ++i)
+            EXPECT_EQ(CountOf(all, std::to_string(c) + "." + std::to_string(i)), 1) << all;
+}
+
+TEST_F(EventStoreTest, ForkedChildOpensAConnectionOfItsOwn)
+{
+    EventStore store(m_work);
+    store.Write(SampleEvent("parent"));
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(store.Write(SampleEvent("child")) == 2 ? 0 : 1);
+    int status = -1;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(store.Write(SampleEvent("parent again")), 3);
+}
+
+TEST_F(EventStoreTest, EventsBeforeTheWorkingFolderIsKnownAreStoredInIt)
+{
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(GetEventStore("")->Write(SampleEvent("early")), 0);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("late")), 2);
+    EXPECT_EQ(Stored(), "early;late;");
+    CloseEventStores();
+}
+
+TEST_F(EventStoreTest, ClosingTheStoresStoresWhatIsKept)
+{
+    ::Test::LogCapture log;
+    std::filesystem::create_directory(Database());
+    EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("kept")), 0);
+    std::filesystem::remove(Database());
+    CloseEventStores();
+    EXPECT_EQ(Stored(), "kept;");
+}
+
+TEST_F(EventStoreTest, ClosingTheStoresMovesWhatIsInMemoryToThePendingFile)
+{
+    m_work += "/later";
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("one")), 0);
+    testing::internal::GetCapturedStderr();
+    std::filesystem::create_directories(Database()); // no database, but room beside it
+    CloseEventStores();
+    EXPECT_NE(::Test::ReadFile(Pending()).find("text=\"one\""), std::string::npos);
+    EXPECT_EQ(log.Count(wxLOG_Error, "are lost"), 0u) << log.All();
+    std::filesystem::remove(Database());
+    EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("two")), 2);
+    CloseEventStores();
+    EXPECT_EQ(Stored(), "one;two;");
+}
+
+TEST_F(EventStoreTest, EventsThatNothingTookAreCountedWhenTheStoresClose)
+{
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    GetEventStore(m_work + "/never")->Write(SampleEvent("one"));
+    GetEventStore(m_work + "/never")->Write(SampleEvent("two"));
+    CloseEventStores();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log.Count(wxLOG_Error, "lost with the process, because nothing took them: 2"), 1u) << log.All();
+}
+
+TEST_F(EventStoreTest, WhatIsKeptIsStoredWithoutAnotherEventWhenThereIsRoom)
+{
+    m_work += "/later";
+    ::Test::LogCapture log;
+    testing::internal::CaptureStderr();
+    GetEventStore(m_work)->Write(SampleEvent("one"));
+    testing::internal::GetCapturedStderr();
+    std::filesystem::create_directory(m_work);
+    RetryKeptEvents();
+    EXPECT_EQ(Stored(), "one;");
+    EXPECT_EQ(GetEventStore(m_work)->InMemory(), 0u);
+    CloseEventStores();
+}
+
+TEST_F(EventStoreTest, AttemptsWithoutAnEventKeepADistance)
+{
+    std::filesystem::create_directory(Database());
+    ::Test::LogCapture log;
+    GetEventStore(m_work)->Write(SampleEvent("one"));
+    RetryKeptEvents(); // in vain
+    std::filesystem::remove(Database());
+    RetryKeptEvents(); // too early
+    EXPECT_FALSE(Exists(Database()));
+    EXPECT_TRUE(Exists(Pending()));
+    CloseEventStores();
+    EXPECT_EQ(Stored(), "one;");
+}
+
+TEST_F(EventStoreTest, NothingIsOpenedWhenNothingIsKept)
+{
+    const auto store = GetEventStore(m_work);
+    ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"of another process\"/></pending>\n");
+    RetryKeptEvents();
+    EXPECT_FALSE(Exists(Database()));
+    std::filesystem::remove(Pending());
+    CloseEventStores();
+}
+
+TEST_F(EventStoreTest, DomainWritesBelowItsWorkingFolder)
+{
+    CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
+    dom->Set("app.path.work", m_work);
+    CAgentEvent event = SampleEvent("by the domain");
+    EXPECT_EQ(dom->AgentEventWrite(event), 1);
+    EXPECT_EQ(Stored(), "by the domain;");
+    CloseEventStores();
+    dom->Release();
+}

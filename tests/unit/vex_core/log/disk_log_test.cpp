@@ -1,0 +1,944 @@
+#include "vex_core/log/disk_log.h"
+
+#include "support/child.h"
+#include "support/temp_folder.h"
+#include "vex_core/os/file_calls.h"
+#include "vex_core/os/file_lock.h"
+#include "vex_core/os/log_calls.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using testing::HasSubstr;
+using testing::StartsWith;
+using Test::Fork;
+using Test::ReadFile;
+using Test::TempFolder;
+using Test::WaitFor;
+using Test::WriteFile;
+using VexCore::DiskLog;
+using VexCore::ELogLevel;
+namespace os = VexCore::os;
+
+namespace {
+
+constexpr std::size_t muchMemory = 1 << 20;
+
+using Lines = std::vector<std::string>;
+
+Lines LinesOf(const std::string& text)
+{
+    Lines lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+bool Exists(const std::string& path)
+{
+    struct stat status = {};
+    return ::lstat(path.c_str(), &status) == 0;
+}
+
+/// Stands for standard error.
+class ErrorFile
+{
+public:
+    ErrorFile() : m_path(m_folder / "stderr"), m_descriptor(::open(m_path.c_str(), O_RDWR | O_CREAT | O_APPEND, 0600)) {}
+    ~ErrorFile() { ::close(m_descriptor); }
+    int Descriptor() const { return m_descriptor; }
+    std::string Text() const { return ReadFile(m_path); }
+
+private:
+    TempFolder m_folder;
+    std::string m_path;
+    int m_descriptor;
+};
+
+/// Lets calls fail while it lives. The rules see each call of a kind and answer an errno or 0.
+class Faults
+{
+public:
+    Faults()
+    {
+        s_self = this;
+        os::fileCalls.open = [](const char* path, int flags, mode_t mode) {
+            return s_self->Refused("open") ? -1 : os::systemFileCalls.open(path, flags, mode);
+        };
+        os::fileCalls.write = [](int descriptor, const void* data, std::size_t size) -> ssize_t {
+            if (s_self->Refused("write"))
+                return -1;
+            const std::size_t limit = std::exchange(s_self->m_shortWrite, std::size_t(-1));
+            return os::systemFileCalls.write(descriptor, data, std::min(size, limit));
+        };
+        os::fileCalls.fstat = [](int descriptor, struct stat* status) {
+            return s_self->Refused("fstat") ? -1 : os::systemFileCalls.fstat(descriptor, status);
+        };
+        os::fileCalls.stat = [](const char* path, struct stat* status) {
+            return s_self->Refused("stat") ? -1 : os::systemFileCalls.stat(path, status);
+        };
+        os::fileCalls.rename = [](const char* from, const char* to) {
+            return s_self->Refused("rename") ? -1 : os::systemFileCalls.rename(from, to);
+        };
+        os::fileCalls.unlink = [](const char* path) {
+            return s_self->Refused("unlink") ? -1 : os::systemFileCalls.unlink(path);
+        };
+    }
+    ~Faults()
+    {
+        os::fileCalls = os::systemFileCalls;
+        s_self = nullptr;
+    }
+
+    /// 0: nothing fails.
+    void FailAll(const char* call, int error)
+    {
+        m_call = call;
+        m_error = error;
+    }
+    /// The n-th call of any kind from here on fails, n from 1.
+    void FailOnly(int n, int error)
+    {
+        m_countdown = n;
+        m_countdownError = error;
+    }
+    bool CountdownIsOver() const { return m_countdown <= 0; }
+    void WriteShortOnce(std::size_t bytes) { m_shortWrite = bytes; }
+    int Writes() const { return m_writes; }
+
+private:
+    bool Refused(const std::string& call)
+    {
+        if (call == "write")
+            ++m_writes;
+        if (m_countdown > 0 && --m_countdown == 0) {
+            errno = m_countdownError;
+            return true;
+        }
+        if (m_error == 0 || call != m_call)
+            return false;
+        errno = m_error;
+        return true;
+    }
+
+    static Faults* s_self;
+    std::string m_call;
+    int m_error = 0;
+    int m_countdown = -1;
+    int m_countdownError = 0;
+    std::size_t m_shortWrite = std::size_t(-1);
+    int m_writes = 0;
+};
+Faults* Faults::s_self = nullptr;
+
+/// Logs "one" and then "12345", of which the disk, full from there on, takes "12" only.
+void CutASecondRecord(DiskLog& log, Faults& faults, const std::string& path)
+{
+    log.SetFile(path);
+    log.Write("one\n", false);
+    faults.WriteShortOnce(2);
+    faults.FailOnly(3, ENOSPC); // stat, the short write, its rest
+    log.Write("12345\n", false);
+    ASSERT_EQ("one\n12", ReadFile(path));
+}
+
+DiskLog::Settings Small(std::int64_t maxBytes, int keep)
+{
+    DiskLog::Settings settings;
+    settings.maxBytes = maxBytes;
+    settings.keep = keep;
+    return settings;
+}
+
+} // namespace
+
+// --- records
+
+TEST(LogRecord, HasTimeLevelProcessThreadAndText)
+{
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    EXPECT_EQ("2026-01-31 10:20:30 WARNING [4242/CScriptThread] lib/x.zip: no matches\n",
+              VexCore::FormatLogRecord(1769854830, "%Y-%m-%d %H:%M:%S", ELogLevel::Warning, 4242, "CScriptThread",
+                                       "lib/x.zip: no matches"));
+}
+
+TEST(LogRecord, AThreadsNameStartsNoLineOfItsOwn)
+{
+    // A worker is named after its module, and that is any text of a script.
+    EXPECT_THAT(VexCore::FormatLogRecord(0, "%Y", ELogLevel::Info, 2, "worker a\n2026 \x1b", "text"),
+                ::testing::HasSubstr(" INFO [2/worker a\n    2026 \\x1B] text\n"));
+}
+
+TEST(LogRecord, LevelsHaveTheirWords)
+{
+    const char* const words[] = {"FATAL", "ERROR", "WARNING", "MESSAGE", "INFO", "DEBUG", "TRACE"};
+    for (int level = 0; level < 7; ++level)
+        EXPECT_STREQ(words[level], VexCore::LogLevelWord(ELogLevel(level)));
+}
+
+TEST(LogText, LineBreaksAreIndentedAndControlCharactersShown)
+{
+    const struct
+    {
+        std::string in;
+        std::string out;
+    } rows[] = {
+        {"", ""},
+        {"plain", "plain"},
+        {"a\nb", "a\n    b"},
+        {"a\r\nb\rc", "a\n    b\n    c"},
+        {"a\n\nb", "a\n    \n    b"},
+        {"end\n", "end"},
+        {"end\r\n\n", "end"},
+        {"\n", ""},
+        {"\nlead", "\n    lead"},
+        {"tab\tstays", "tab\tstays"},
+        {std::string("a\0b", 3), "a\\x00b"},
+        {"\x1b[31mred\x7f", "\\x1B[31mred\\x7F"},
+        {"\xC3\xA4", "\xC3\xA4"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(row.out, VexCore::LogText(row.in)) << row.in;
+}
+
+// --- writing
+
+TEST(DiskLog, RecordIsInTheFileWhenTheCallReturnsAndTookOneWrite)
+{
+    const TempFolder folder;
+    Faults calls;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    EXPECT_EQ("one\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(1, calls.Writes());
+    log.Write("two\n", false);
+    EXPECT_EQ("one\ntwo\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(2, calls.Writes());
+}
+
+TEST(DiskLog, FileIsTheOwnersAlone)
+{
+    const TempFolder folder;
+    const mode_t before = ::umask(0);
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    ::umask(before);
+    struct stat status = {};
+    ASSERT_EQ(0, ::stat((folder / "x.log").c_str(), &status));
+    EXPECT_EQ(mode_t(S_IFREG | 0600), status.st_mode);
+}
+
+TEST(DiskLog, DescriptorIsKeptFromProgramsAndKeepsItsNumber)
+{
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    EXPECT_EQ(-1, log.Descriptor());
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(10, 2));
+    log.Write("one one one\n", false);
+    const int descriptor = log.Descriptor();
+    ASSERT_GE(descriptor, 0);
+    log.Write("two two two\n", false);
+    EXPECT_EQ("two two two\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(descriptor, log.Descriptor());
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(descriptor, F_GETFD));
+}
+
+TEST(DiskLog, SeveralLogsAppendToOneFile)
+{
+    const TempFolder folder;
+    DiskLog a(muchMemory);
+    DiskLog b(muchMemory);
+    a.SetFile(folder / "x.log");
+    b.SetFile(folder / "x.log");
+    a.Write("a1\n", false);
+    b.Write("b1\n", false);
+    a.Write("a2\n", false);
+    EXPECT_EQ("a1\nb1\na2\n", ReadFile(folder / "x.log"));
+}
+
+TEST(DiskLog, RecordsAreHeldUntilThePlaceIsKnown)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    DiskLog log(muchMemory, error.Descriptor());
+    log.Write("early 1\n", false);
+    log.Write("early 2\n", false);
+    log.Flush();
+    EXPECT_FALSE(log.HasFile());
+    log.SetFile(folder / "x.log");
+    log.SetFile(folder / "other.log");
+    log.Write("late\n", false);
+    EXPECT_EQ("early 1\nearly 2\nlate\n", ReadFile(folder / "x.log"));
+    EXPECT_FALSE(Exists(folder / "other.log")) << "the place is settled once";
+    EXPECT_EQ("", error.Text());
+}
+
+TEST(DiskLog, FlushWritesWhatIsHeld)
+{
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.Write("early\n", false);
+    log.SetFile(folder / "x.log");
+    log.Flush();
+    EXPECT_EQ("early\n", ReadFile(folder / "x.log"));
+}
+
+TEST(DiskLog, RecordsWithoutAPlaceGoToStandardErrorAtTheEnd)
+{
+    const ErrorFile error;
+    DiskLog log(muchMemory, error.Descriptor());
+    log.Write("early\n", false);
+    log.Write("shown on the terminal\n", true);
+    log.FlushAtEnd();
+    log.FlushAtEnd();
+    EXPECT_EQ("early\n", error.Text());
+}
+
+// --- trouble
+
+TEST(DiskLog, FileThatCannotBeOpenedIsSaidOnceAndTriedAgain)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    DiskLog log(muchMemory, error.Descriptor());
+    log.SetFile(folder / "missing/x.log");
+    log.Write("one\n", false);
+    log.Write("two\n", false);
+    EXPECT_EQ("Can't write the log file " + (folder / "missing/x.log")
+                  + " (error 2: No such file or directory), lines are kept in memory and tried again\n",
+              error.Text());
+    ASSERT_EQ(0, ::mkdir((folder / "missing").c_str(), 0700));
+    log.Write("three\n", false);
+    EXPECT_EQ("one\ntwo\nthree\n", ReadFile(folder / "missing/x.log"));
+    EXPECT_EQ(1u, LinesOf(error.Text()).size());
+}
+
+TEST(DiskLog, LaterTroubleIsSaidAgain)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    Faults faults;
+    DiskLog log(muchMemory, error.Descriptor());
+    log.SetFile(folder / "x.log");
+    for (int round = 0; round < 2; ++round) {
+        faults.FailAll("write", ENOSPC);
+        log.Write("kept\n", false);
+        log.Write("kept\n", false);
+        faults.FailAll("write", 0);
+        log.Write("then\n", false);
+    }
+    EXPECT_EQ(2u, LinesOf(error.Text()).size());
+    EXPECT_EQ("kept\nkept\nthen\nkept\nkept\nthen\n", ReadFile(folder / "x.log"));
+}
+
+TEST(DiskLog, PlaceThatIsNoRegularFileIsRefusedWithoutHanging)
+{
+    for (const char* kind : {"folder", "fifo", "link"}) {
+        const TempFolder folder;
+        const ErrorFile error;
+        const std::string path = folder / "x.log";
+        if (kind == std::string("folder"))
+            ::mkdir(path.c_str(), 0700);
+        else if (kind == std::string("fifo"))
+            ::mkfifo(path.c_str(), 0600);
+        else
+            ASSERT_EQ(0, ::symlink((folder / "target").c_str(), path.c_str()));
+        DiskLog log(muchMemory, error.Descriptor());
+        log.SetFile(path);
+        log.Write("one\n", false);
+        EXPECT_THAT(error.Text(), StartsWith("Can't write the log file ")) << kind;
+        EXPECT_FALSE(Exists(folder / "target")) << kind;
+        log.FlushAtEnd();
+        EXPECT_EQ("one", LinesOf(error.Text()).back()) << kind;
+    }
+}
+
+TEST(DiskLog, RemovedFileIsMadeAnew)
+{
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    ::unlink((folder / "x.log").c_str());
+    log.Write("two\n", false);
+    EXPECT_EQ("two\n", ReadFile(folder / "x.log"));
+}
+
+TEST(DiskLog, FullDiskHoldsRecordsInOrder)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    Faults faults;
+    DiskLog log(muchMemory, error.Descriptor());
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    faults.FailAll("write", ENOSPC);
+    log.Write("two\n", false);
+    log.Write("three\n", false);
+    EXPECT_EQ("one\n", ReadFile(folder / "x.log"));
+    faults.FailAll("write", 0);
+    log.Write("four\n", false);
+    EXPECT_EQ("one\ntwo\nthree\nfour\n", ReadFile(folder / "x.log"));
+    EXPECT_THAT(error.Text(), HasSubstr("error 28"));
+}
+
+TEST(DiskLog, WhatDoesNotFitInMemoryGoesToStandardErrorAndIsCounted)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    Faults faults;
+    DiskLog log(10, error.Descriptor());
+    log.SetFile(folder / "x.log");
+    faults.FailAll("write", ENOSPC);
+    log.Write("12345678\n", false);
+    log.Write("lost 1\n", false);
+    log.Write("lost 2\n", true);
+    const Lines shown = LinesOf(error.Text());
+    ASSERT_EQ(2u, shown.size());
+    EXPECT_EQ("lost 1", shown[1]);
+    faults.FailAll("write", 0);
+    log.Write("later\n", false);
+    const Lines lines = LinesOf(ReadFile(folder / "x.log"));
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_EQ("12345678", lines[0]);
+    EXPECT_THAT(lines[1], HasSubstr("/log] 2 lines could not be written here and went to standard error"));
+    EXPECT_EQ("later", lines[2]);
+    log.Write("last\n", false);
+    EXPECT_EQ(4u, LinesOf(ReadFile(folder / "x.log")).size()) << "it is said once";
+}
+
+TEST(DiskLog, RecordThatIsCutIsCompletedAtOnceWhereThatWorks)
+{
+    const TempFolder folder;
+    Faults faults;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    faults.WriteShortOnce(2);
+    log.Write("12345\n", false);
+    EXPECT_EQ("12345\n", ReadFile(folder / "x.log"));
+}
+
+TEST(DiskLog, RecordThatWasCutComesAgainWholeOnALineOfItsOwn)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    Faults faults;
+    DiskLog log(muchMemory, error.Descriptor());
+    CutASecondRecord(log, faults, folder / "x.log");
+    log.Flush();
+    EXPECT_EQ("one\n12\n12345\n", ReadFile(folder / "x.log"));
+}
+
+TEST(DiskLog, RecordBehindAPieceOfAnotherProcessesBeginsOnANewLine)
+{
+    const TempFolder folder;
+    WriteFile(folder / "x.log", "whole\npiece");
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    log.Write("two\n", false);
+    EXPECT_EQ("whole\npiece\none\ntwo\n", ReadFile(folder / "x.log"));
+}
+
+TEST(DiskLog, PieceThatIsKnownIsNotWaitedForAtEachRecordOfAFullDisk)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    Faults faults;
+    DiskLog log(muchMemory, error.Descriptor());
+    CutASecondRecord(log, faults, folder / "x.log");
+    faults.FailAll("write", ENOSPC);
+    static int looks;
+    looks = 0;
+    os::fileCalls.fstat = [](int descriptor, struct stat* status) {
+        ++looks;
+        return os::systemFileCalls.fstat(descriptor, status);
+    };
+    log.Write("two\n", false);
+    EXPECT_EQ(5, looks);
+    log.Write("three\n", false);
+    EXPECT_EQ(5, looks);
+}
+
+TEST(DiskLog, RecordThatIsStillBeingCopiedByAnotherProcessIsNoPiece)
+{
+    const TempFolder folder;
+    static std::string path;
+    path = folder / "x.log";
+    WriteFile(path, "whole\nfirst half,");
+    DiskLog log(muchMemory);
+    log.SetFile(path);
+    log.Write("one\n", false); // opens the file; what it ends in now is known to be a piece
+    std::ofstream(path, std::ios::app) << "second half,";
+    os::fileCalls.fstat = [](int descriptor, struct stat* status) {
+        os::fileCalls = os::systemFileCalls;
+        std::ofstream(path, std::ios::app) << " the rest\n";
+        return os::fileCalls.fstat(descriptor, status);
+    };
+    log.Write("two\n", false);
+    EXPECT_EQ("whole\nfirst half,\none\nsecond half, the rest\ntwo\n", ReadFile(path));
+}
+
+TEST(DiskLog, RecordThatWentBehindAPieceInTheLastMomentIsWrittenAgain)
+{
+    static std::string path;
+    const TempFolder folder;
+    path = folder / "x.log";
+    DiskLog log(muchMemory);
+    log.SetFile(path);
+    log.Write("one\n", false);
+    os::fileCalls.write = [](int descriptor, const void* data, std::size_t size) {
+        os::fileCalls = os::systemFileCalls;
+        std::ofstream(path, std::ios::app) << "piece"; // after the look at the file, before the write
+        return os::fileCalls.write(descriptor, data, size);
+    };
+    log.Write("two\n", false);
+    log.Write("three\n", false);
+    EXPECT_EQ("one\npiecetwo\ntwo\nthree\n", ReadFile(path));
+}
+
+TEST(DiskLog, NoRecordIsLostWhicheverCallFails)
+{
+    for (const int error : {EIO, ENOSPC, EACCES}) {
+        bool over = false;
+        for (int n = 1; !over; ++n) {
+            ASSERT_LT(n, 500);
+            const TempFolder folder;
+            const ErrorFile standardError;
+            Faults faults;
+            DiskLog log(muchMemory, standardError.Descriptor());
+            log.SetFile(folder / "x.log");
+            log.SetSettings(Small(60, 50));
+            faults.FailOnly(n, error);
+            std::multiset<std::string> expected;
+            for (int i = 0; i < 12; ++i) {
+                const std::string record = "record number " + std::to_string(i);
+                expected.insert(record);
+                log.Write(record + '\n', false);
+            }
+            over = !faults.CountdownIsOver();
+            log.FlushAtEnd();
+            std::multiset<std::string> found;
+            for (const auto& entry : std::filesystem::directory_iterator(folder.Path()))
+                for (const std::string& line : LinesOf(ReadFile(entry.path().string())))
+                    if (line.rfind("record", 0) == 0)
+                        found.insert(line);
+            EXPECT_EQ(expected, found) << "call " << n << " failed with " << error;
+        }
+    }
+}
+
+// --- rotation
+
+TEST(DiskLog, FullFileIsRenamedAndOnlySoManyAreKept)
+{
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(10, 3));
+    log.Write("aaaaaaaa\n", false);
+    struct stat before = {};
+    ASSERT_EQ(0, ::stat((folder / "x.log").c_str(), &before));
+    log.Write("bbbbbbbb\n", false);
+    struct stat after = {};
+    ASSERT_EQ(0, ::stat((folder / "x.log.1").c_str(), &after));
+    EXPECT_EQ(before.st_ino, after.st_ino) << "renamed, not copied";
+    for (char c = 'c'; c <= 'f'; ++c)
+        log.Write(std::string(8, c) + '\n', false);
+    EXPECT_EQ("ffffffff\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ("eeeeeeee\n", ReadFile(folder / "x.log.1"));
+    EXPECT_EQ("dddddddd\n", ReadFile(folder / "x.log.2"));
+    EXPECT_EQ("cccccccc\n", ReadFile(folder / "x.log.3"));
+    EXPECT_FALSE(Exists(folder / "x.log.4"));
+}
+
+TEST(DiskLog, FileGrowsToItsLimitExactly)
+{
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(10, 3));
+    log.Write("1234\n", false);
+    log.Write("5678\n", false);
+    EXPECT_FALSE(Exists(folder / "x.log.1"));
+    log.Write("9\n", false);
+    EXPECT_EQ("1234\n5678\n", ReadFile(folder / "x.log.1"));
+}
+
+TEST(DiskLog, RecordBeyondTheLimitGetsAFileOfItsOwn)
+{
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(10, 3));
+    const std::string big(100, 'x');
+    log.Write(big + '\n', false);
+    EXPECT_FALSE(Exists(folder / "x.log.1"));
+    log.Write("1\n", false);
+    EXPECT_EQ(big + '\n', ReadFile(folder / "x.log.1"));
+}
+
+TEST(DiskLog, FileThatIsFullAtTheStartIsRotatedFirst)
+{
+    const TempFolder folder;
+    WriteFile(folder / "x.log", "of the last run\n");
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(10, 3));
+    log.Write("new\n", false);
+    EXPECT_EQ("of the last run\n", ReadFile(folder / "x.log.1"));
+    EXPECT_EQ("new\n", ReadFile(folder / "x.log"));
+}
+
+TEST(DiskLog, GapThatAKilledProcessLeftIsFilledFirst)
+{
+    const TempFolder folder;
+    WriteFile(folder / "x.log", "full of text\n");
+    WriteFile(folder / "x.log.1", "1");
+    WriteFile(folder / "x.log.3", "3");
+    WriteFile(folder / "x.log.4", "4");
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(10, 4));
+    log.Write("new\n", false);
+    EXPECT_EQ("full of text\n", ReadFile(folder / "x.log.1"));
+    EXPECT_EQ("1", ReadFile(folder / "x.log.2"));
+    EXPECT_EQ("3", ReadFile(folder / "x.log.3"));
+    EXPECT_EQ("4", ReadFile(folder / "x.log.4"));
+}
+
+TEST(DiskLog, FilesBeyondALoweredNumberGo)
+{
+    const TempFolder folder;
+    WriteFile(folder / "x.log", "full of text\n");
+    for (int i = 1; i <= 6; ++i)
+        WriteFile(folder / ("x.log." + std::to_string(i)), std::to_string(i));
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(10, 2));
+    log.Write("new\n", false);
+    EXPECT_EQ("1", ReadFile(folder / "x.log.2"));
+    for (int i = 3; i <= 6; ++i)
+        EXPECT_FALSE(Exists(folder / ("x.log." + std::to_string(i)))) << i;
+}
+
+TEST(DiskLog, OtherWriterFollowsToTheNewFile)
+{
+    const TempFolder folder;
+    DiskLog a(muchMemory);
+    DiskLog b(muchMemory);
+    for (DiskLog* log : {&a, &b}) {
+        log->SetFile(folder / "x.log");
+        log->SetSettings(Small(10, 3));
+    }
+    b.Write("b1\n", false);
+    a.Write("a1\n", false);
+    a.Write("a2 and more\n", false);
+    b.Write("b2\n", false);
+    EXPECT_EQ("b1\na1\n", ReadFile(folder / "x.log.2"));
+    EXPECT_EQ("a2 and more\n", ReadFile(folder / "x.log.1"));
+    EXPECT_EQ("b2\n", ReadFile(folder / "x.log"));
+}
+
+// A file system that is mounted over the folder starts to number its files anew.
+TEST(DiskLog, FileOfTheSameNumberOnAnotherDeviceIsAnotherFile)
+{
+    static int s_opened;
+    static bool s_otherDevice;
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    s_opened = 0;
+    s_otherDevice = true;
+    const Faults restored;
+    os::fileCalls.stat = [](const char* path, struct stat* status) {
+        const int result = os::systemFileCalls.stat(path, status);
+        status->st_dev += std::exchange(s_otherDevice, false);
+        return result;
+    };
+    os::fileCalls.open = [](const char* path, int flags, mode_t mode) {
+        ++s_opened;
+        return os::systemFileCalls.open(path, flags, mode);
+    };
+    log.Write("two\n", false);
+    log.Write("three\n", false);
+    EXPECT_EQ(1, s_opened);
+    EXPECT_EQ("one\ntwo\nthree\n", ReadFile(folder / "x.log"));
+}
+
+TEST(DiskLog, OpenFileIsWrittenOnWhileItsNameCannotBeAskedFor)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    DiskLog log(muchMemory, error.Descriptor());
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    Faults faults; // as in a folder that may not be searched any more
+    faults.FailAll("stat", EACCES);
+    os::fileCalls.open = [](const char*, int, mode_t) {
+        errno = EACCES;
+        return -1;
+    };
+    log.Write("two\n", false);
+    EXPECT_EQ("one\ntwo\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ("", error.Text());
+}
+
+TEST(DiskLog, FailedRotationIsSaidInTheLogAndTheFileGrowsOn)
+{
+    const TempFolder folder;
+    Faults faults;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(10, 3));
+    faults.FailAll("rename", EROFS);
+    for (int i = 0; i < 5; ++i)
+        log.Write("12345678\n", false);
+    const Lines lines = LinesOf(ReadFile(folder / "x.log"));
+    EXPECT_EQ(5, std::count(lines.begin(), lines.end(), "12345678"));
+    EXPECT_EQ(6u, lines.size()) << "one line says so, not one a record";
+    EXPECT_THAT(ReadFile(folder / "x.log"), HasSubstr("The log file can't be rotated (error 30: "));
+}
+
+TEST(DiskLog, NobodyWaitsForAProcessThatHoldsTheRotationLock)
+{
+    const TempFolder folder;
+    int ready[2];
+    ASSERT_EQ(0, ::pipe(ready));
+    const pid_t holder = Fork(
+        [&] {
+            const int lock = ::open((folder / "x.log.lock").c_str(), O_RDWR | O_CREAT, 0600);
+            const char answer = os::TryLock(lock) == 0 ? 'y' : 'n';
+            if (::write(ready[1], &answer, 1) != 1)
+                return 1;
+            ::pause();
+            return 0;
+        },
+        true);
+    char answer = 'n';
+    ASSERT_EQ(1, ::read(ready[0], &answer, 1));
+    ::close(ready[0]);
+    ::close(ready[1]);
+    ASSERT_EQ('y', answer);
+
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(10, 3));
+    log.Write("12345678\n", false);
+    log.Write("abcdefgh\n", false);
+    EXPECT_EQ("12345678\nabcdefgh\n", ReadFile(folder / "x.log"));
+    ASSERT_EQ(0, VexCore::SendSignal(holder, SIGKILL));
+    WaitFor(holder);
+    log.Write("ABCDEFGH\n", false);
+    EXPECT_EQ("12345678\nabcdefgh\n", ReadFile(folder / "x.log.1"));
+    EXPECT_EQ("ABCDEFGH\n", ReadFile(folder / "x.log"));
+}
+
+// --- forks
+
+TEST(DiskLog, HeldRecordsStayWithTheParentOfAFork)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    DiskLog log(8, error.Descriptor());
+    log.Write("early\n", false);
+    log.Write("too much for the memory\n", false); // the count of such lines stays as well
+    log.BeforeFork();
+    const pid_t child = Fork(
+        [&] {
+            log.AfterForkInChild();
+            log.SetFile(folder / "x.log");
+            log.Write("child\n", false);
+            log.FlushAtEnd();
+            return 0;
+        },
+        true);
+    log.AfterForkInParent();
+    EXPECT_EQ(0, WaitFor(child));
+    log.FlushAtEnd();
+    EXPECT_EQ("child\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ("too much for the memory\nearly\n", error.Text());
+}
+
+TEST(DiskLog, ChildForkedWhileAnotherThreadWritesCanWrite)
+{
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        while (!done)
+            log.Write("parent\n", false);
+    });
+    for (int i = 0; i < 30; ++i) {
+        log.BeforeFork();
+        const pid_t child = Fork(
+            [&] {
+                log.AfterForkInChild();
+                log.Write("child\n", false);
+                return 0;
+            },
+            true);
+        log.AfterForkInParent();
+        EXPECT_EQ(0, WaitFor(child));
+    }
+    done = true;
+    writer.join();
+    const Lines lines = LinesOf(ReadFile(folder / "x.log"));
+    EXPECT_EQ(30, std::count(lines.begin(), lines.end(), "child"));
+}
+
+// --- several writers
+
+TEST(DiskLog, ThreadsNeverMixTheirRecords)
+{
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(20000, 1000));
+    std::vector<std::thread> writers;
+    for (int i = 0; i < 4; ++i)
+        writers.emplace_back([&, i] {
+            for (int n = 0; n < 1000; ++n)
+                log.Write(std::string(std::size_t(10 + n % 90), char('a' + i)) + '\n', false);
+        });
+    for (std::thread& writer : writers)
+        writer.join();
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.Path()))
+        for (const std::string& line : LinesOf(ReadFile(entry.path().string()))) {
+            ++count;
+            EXPECT_EQ(std::string(line.size(), line.front()), line);
+        }
+    EXPECT_EQ(4000u, count);
+}
+
+namespace {
+
+/// What each writer has done, as it says so after each record; in memory that the processes share.
+struct Progress
+{
+    std::atomic<int> written[3];
+};
+
+std::string NumberedRecord(int writer, int number)
+{
+    return "writer " + std::to_string(writer) + " line " + std::to_string(number) + " "
+           + std::string(std::size_t(20 + number % 60), '.') + "!\n";
+}
+
+int WriteNumbered(const std::string& path, const DiskLog::Settings& settings, Progress& progress, int writer, int lines)
+{
+    DiskLog log(muchMemory);
+    log.SetFile(path);
+    log.SetSettings(settings);
+    for (int number = 0; number < lines; ++number) {
+        log.Write(NumberedRecord(writer, number), false);
+        progress.written[writer].store(number + 1, std::memory_order_release);
+    }
+    return 0;
+}
+
+/// Moves the files that were rotated out of the way into a folder, as rotation may: under its lock. A rotation renames each
+/// file that is there, and with a thousand of them the writers would outrun it.
+void CollectRotated(const std::string& path, const std::string& folder, int& collected)
+{
+    const int lock = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lock < 0)
+        return;
+    if (os::TryLock(lock) == 0) {
+        for (int number = 1; std::rename((path + '.' + std::to_string(number)).c_str(),
+                                         (folder + '/' + std::to_string(collected)).c_str())
+                             == 0;
+             ++number)
+            ++collected;
+    }
+    ::close(lock);
+}
+
+} // namespace
+
+TEST(DiskLog, ProcessesThatRotateLoseAndTearNoLineEvenWhenOneIsKilled)
+{
+    const bool full = std::getenv("VEX_FULL") != nullptr;
+    const int lines = full ? 1000000 : 100000;
+    const TempFolder folder;
+    const std::string path = folder / "x.log";
+    const DiskLog::Settings settings = Small(full ? 100000 : 300000, 100000);
+    void* const memory
+        = ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, memory);
+    Progress& progress = *new (memory) Progress;
+
+    pid_t writers[3];
+    for (int i = 0; i < 3; ++i)
+        writers[i] = Fork([&] { return WriteNumbered(path, settings, progress, i, lines); }, true);
+    const std::string rotated = folder / "rotated";
+    ASSERT_EQ(0, ::mkdir(rotated.c_str(), 0700));
+    int files = 0;
+    const auto collectUntil = [&](int writer, int written) {
+        siginfo_t ended = {};
+        while (progress.written[writer].load(std::memory_order_acquire) < written && ended.si_pid == 0) {
+            CollectRotated(path, rotated, files);
+            ASSERT_EQ(0, ::waitid(P_PID, id_t(writers[writer]), &ended, WEXITED | WNOHANG | WNOWAIT));
+            ::usleep(1000);
+        }
+    };
+    // The third is killed somewhere in its middle; what it has said to be written must be there.
+    collectUntil(2, lines / 4);
+    ASSERT_EQ(0, VexCore::SendSignal(writers[2], SIGKILL));
+    const int killed = WaitFor(writers[2]);
+    EXPECT_TRUE(WIFSIGNALED(killed));
+    for (int i = 0; i < 2; ++i) {
+        collectUntil(i, lines);
+        EXPECT_EQ(0, WaitFor(writers[i]));
+    }
+    CollectRotated(path, rotated, files);
+
+    std::vector<char> found[3];
+    for (std::vector<char>& each : found)
+        each.resize(std::size_t(lines), 0);
+    int strange = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.Path())) {
+        if (!entry.is_regular_file())
+            continue;
+        std::ifstream in(entry.path());
+        for (std::string line; std::getline(in, line);) {
+            int writer = -1;
+            int number = -1;
+            if (std::sscanf(line.c_str(), "writer %d line %d", &writer, &number) == 2 && writer >= 0 && writer < 3
+                && number >= 0 && number < lines && line + '\n' == NumberedRecord(writer, number))
+                ++found[writer][std::size_t(number)];
+            else if (!line.empty())
+                ++strange;
+        }
+    }
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(lines, std::count(found[i].begin(), found[i].end(), 1)) << "writer " << i;
+    const int said = progress.written[2];
+    EXPECT_EQ(said, std::count(found[2].begin(), found[2].begin() + said, 1));
+    EXPECT_LE(std::count(found[2].begin() + said, found[2].end(), 1), 1) << "the one in flight";
+    EXPECT_LE(strange, 1) << "a piece of the one in flight, and perhaps a record behind it that was written again";
+    EXPECT_GT(files, full ? 1000 : 20);
+    ::munmap(memory, sizeof(Progress));
+}

@@ -1,0 +1,482 @@
+#include "vex/core/log.h"
+
+#include "support/child.h"
+#include "support/dom_ptr.h"
+#include "support/stranger.h"
+#include "support/temp_folder.h"
+#include "vex/core/dom.h"
+#include "vex/core/runnable.h"
+#include "vex_core/log/disk_log.h"
+#include "vex_core/log/log_p.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <sstream>
+#include <thread>
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <wx/log.h>
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using Test::ChildResult;
+using Test::DomPtr;
+using Test::Fork;
+using Test::LogFromAStranger;
+using Test::ReadFile;
+using Test::RunChild;
+using Test::TempFolder;
+using Test::WaitFor;
+using Test::WriteFile;
+using VexCore::CDom;
+using VexCore::CLog2Disk;
+using VexCore::DiskLog;
+
+namespace {
+
+std::vector<std::string> LinesOf(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+/// The disk log as the framework's target, with a file of its own: what the launcher has, for one test.
+class LogToDisk : public testing::Test
+{
+protected:
+    LogToDisk()
+    {
+        wxLog::SetTimestamp(wxS("%Y-%m-%d %H:%M:%S"));
+        m_targetBefore = wxLog::SetActiveTarget(&m_target);
+        VexCore::ReplaceProcessLog(&m_log);
+    }
+    ~LogToDisk() override
+    {
+        wxLog::SetActiveTarget(m_targetBefore);
+        wxLog::SetTimestamp(m_timestampBefore);
+        wxLog::SetLogLevel(m_levelBefore);
+        VexCore::ReplaceProcessLog(nullptr);
+    }
+
+    void MakeRoot(const char* name = "agent")
+    {
+        m_root.reset(CDom::New(nullptr, nullptr, nullptr, false));
+        m_root->Set("app.name", name);
+        m_root->Set("app.path.work", m_folder.Path());
+    }
+    std::string Text(const char* name = "agent.log") const { return ReadFile(m_folder / name); }
+    std::vector<std::string> Lines() const { return LinesOf(Text()); }
+
+    TempFolder m_folder;
+    DiskLog m_log{1 << 16};
+    CLog2Disk m_target;
+    DomPtr m_root;
+
+private:
+    wxLog* m_targetBefore;
+    const wxString m_timestampBefore = wxLog::GetTimestamp();
+    const wxLogLevel m_levelBefore = wxLog::GetLogLevel();
+};
+
+class LoggingThread : public VexCore::CRunnable
+{
+public:
+    LoggingThread() : CRunnable(false, -1, false) {}
+    const char* GetThreadName() const override { return "CTestThread"; }
+
+protected:
+    void OnRun() override { wxLogWarning("from a thread"); }
+};
+
+class ExitingThread : public LoggingThread
+{
+protected:
+    void OnRun() override { std::exit(5); }
+};
+
+} // namespace
+
+TEST_F(LogToDisk, LineHasTimeLevelProcessThreadAndText)
+{
+    MakeRoot();
+    wxLogWarning("lib/x.zip: no matches");
+    EXPECT_THAT(Text(), MatchesRegex("....-..-.. ..:..:.. WARNING \\[" + std::to_string(::getpid())
+                                     + "/main\\] lib/x\\.zip: no matches\n"));
+}
+
+TEST_F(LogToDisk, LevelsHaveTheirWords)
+{
+    MakeRoot();
+    wxLog::SetLogLevel(wxLOG_Max);
+    const struct
+    {
+        wxLogLevel level;
+        const char* word;
+    } rows[] = {{wxLOG_Error, " ERROR "},    {wxLOG_Warning, " WARNING "}, {wxLOG_Message, " MESSAGE "},
+                {wxLOG_Status, " INFO "},    {wxLOG_Info, " INFO "},       {wxLOG_Debug, " DEBUG "},
+                {wxLOG_Trace, " TRACE "},    {wxLOG_Progress, " DEBUG "},  {wxLOG_User, " INFO "}};
+    for (const auto& row : rows) {
+        wxLogGeneric(row.level, "text");
+        EXPECT_THAT(Lines().back(), HasSubstr(row.word)) << row.level;
+    }
+    VexCore::WriteLogLine(wxLOG_FatalError, wxS("text"));
+    EXPECT_THAT(Lines().back(), HasSubstr(" FATAL "));
+}
+
+TEST_F(LogToDisk, SystemErrorIsAppended)
+{
+    MakeRoot();
+    errno = ENOENT;
+    wxLogSysError("Unable to fork");
+    EXPECT_THAT(Text(), EndsWith("] Unable to fork (error 2: No such file or directory)\n"));
+}
+
+TEST_F(LogToDisk, TextOfManyLinesIsIndented)
+{
+    MakeRoot();
+    wxLogWarning("first\nsecond\n");
+    EXPECT_THAT(Text(), EndsWith("] first\n    second\n"));
+}
+
+TEST_F(LogToDisk, TextIsUtf8)
+{
+    MakeRoot();
+    wxLogWarning(wxString::FromUTF8("gr\xC3\xBC\xC3\x9F \xE2\x82\xAC %s"), "x");
+    EXPECT_THAT(Text(), EndsWith("] gr\xC3\xBC\xC3\x9F \xE2\x82\xAC x\n"));
+}
+
+TEST_F(LogToDisk, FrameworksLevelHoldsForMessagesButNotForLinesOfOurs)
+{
+    MakeRoot();
+    wxLog::SetLogLevel(wxLOG_Info);
+    wxLogDebug("dropped");
+    VexCore::WriteLogLine(wxLOG_Debug, wxS("kept"));
+    VexCore::LogTrace("Appl", "file", 1, "F", wxS("traced"));
+    ASSERT_EQ(2u, Lines().size());
+    EXPECT_THAT(Lines()[0], HasSubstr(" DEBUG "));
+    EXPECT_THAT(Lines()[1], HasSubstr("] Appl F(file:1): traced"));
+}
+
+TEST_F(LogToDisk, LinesBeforeThePlaceIsKnownComeFirst)
+{
+    wxLogWarning("no root yet");
+    m_root.reset(CDom::New(nullptr, nullptr, nullptr, false));
+    wxLogWarning("no name yet");
+    m_root->Set("app.name", "agent");
+    wxLogWarning("no folder yet");
+    m_root->Set("app.path.work", m_folder.Path());
+    wxLogWarning("now");
+    const auto lines = Lines();
+    ASSERT_EQ(4u, lines.size());
+    EXPECT_THAT(lines[0], EndsWith("] no root yet"));
+    EXPECT_THAT(lines[2], EndsWith("] no folder yet"));
+    EXPECT_THAT(lines[3], EndsWith("] now"));
+}
+
+TEST_F(LogToDisk, PlaceIsSettledByTheFirstLine)
+{
+    MakeRoot();
+    wxLogWarning("one");
+    m_root->Set("app.name", "other");
+    wxLogWarning("two");
+    EXPECT_EQ(2u, Lines().size());
+}
+
+TEST_F(LogToDisk, FlushWritesEarlyLines)
+{
+    wxLogWarning("early");
+    MakeRoot();
+    wxLog::FlushActive();
+    EXPECT_THAT(Text(), EndsWith("] early\n"));
+}
+
+TEST_F(LogToDisk, LogWorksAfterTheDomainIsReleased)
+{
+    MakeRoot();
+    wxLogWarning("one");
+    m_root.reset();
+    wxLogWarning("two");
+    EXPECT_EQ(2u, Lines().size());
+}
+
+TEST_F(LogToDisk, NameStaysInsideTheFolder)
+{
+    MakeRoot("../%s a/b");
+    wxLogWarning("one");
+    EXPECT_THAT(Text(".._%s a_b.log"), EndsWith("] one\n"));
+}
+
+TEST_F(LogToDisk, ThreadOfOursLogsAtOnceUnderItsName)
+{
+    MakeRoot();
+    LoggingThread thread;
+    ASSERT_TRUE(thread.start(50, true, 0));
+    ASSERT_TRUE(thread.join());
+    EXPECT_THAT(Text(), EndsWith("/CTestThread] from a thread\n"));
+}
+
+TEST_F(LogToDisk, OtherThreadsLinesComeOutOfTheFrameworksQueue)
+{
+    MakeRoot();
+    std::thread([] { wxLogWarning("from elsewhere"); }).join();
+    m_target.Flush();
+    EXPECT_THAT(Text(), EndsWith("/thread] from elsewhere\n"));
+}
+
+TEST_F(LogToDisk, FlushOnAnotherThreadEmptiesTheQueueToo)
+{
+    MakeRoot();
+    std::thread([&] {
+        wxLogWarning("from elsewhere");
+        m_target.Flush();
+    }).join();
+    EXPECT_THAT(Text(), EndsWith("/thread] from elsewhere\n"));
+}
+
+TEST_F(LogToDisk, SizeAndNumberOfFilesAreSettings)
+{
+    MakeRoot();
+    m_root->SetWx("app.log.size", std::int64_t(1)); // too small a size becomes 4096
+    m_root->SetWx("app.log.count", std::int64_t(2));
+    for (int i = 0; i < 10; ++i)
+        wxLogWarning("%s", std::string(2000, 'x').c_str());
+    EXPECT_EQ(2u, LinesOf(Text("agent.log.1")).size());
+    EXPECT_EQ(2u, LinesOf(Text("agent.log.2")).size());
+    EXPECT_NE(0, ::access((m_folder / "agent.log.3").c_str(), F_OK));
+}
+
+TEST_F(LogToDisk, WithoutSettingsAFileOf10MiBIsRotatedAndFiveAreKept)
+{
+    constexpr std::size_t tenMiB = 10 * 1024 * 1024;
+    MakeRoot();
+    for (int i = 1; i <= 5; ++i)
+        WriteFile(m_folder / ("agent.log." + std::to_string(i)), std::to_string(i));
+    WriteFile(m_folder / "agent.log", std::string(tenMiB - 300, 'x') + '\n');
+    wxLogWarning("it has room");
+    EXPECT_EQ("1", Text("agent.log.1"));
+    wxLogWarning("%s", std::string(300, 'y').c_str());
+    EXPECT_EQ(1u, Lines().size());
+    EXPECT_THAT(Text("agent.log.1"), EndsWith("] it has room\n"));
+    EXPECT_EQ("4", Text("agent.log.5"));
+    EXPECT_NE(0, ::access((m_folder / "agent.log.6").c_str(), F_OK));
+}
+
+TEST_F(LogToDisk, SettingsMayStandInTheConfigurationFile)
+{
+    WriteFile(m_folder / "agent.ini", "[settings]\napp.log.size = 5000\napp.log.count = 1\n");
+    MakeRoot();
+    m_root->Set("app.path.ini", m_folder / "agent.ini");
+    for (int i = 0; i < 10; ++i)
+        wxLogWarning("%s", std::string(2000, 'x').c_str());
+    EXPECT_EQ(2u, LinesOf(Text("agent.log.1")).size());
+    EXPECT_NE(0, ::access((m_folder / "agent.log.2").c_str(), F_OK));
+}
+
+TEST_F(LogToDisk, CrashHandlerGetsTheFilesDescriptor)
+{
+    EXPECT_EQ(-1, VexCore::LogFileDescriptor());
+    MakeRoot();
+    wxLogWarning("one");
+    ASSERT_EQ(4, ::write(VexCore::LogFileDescriptor(), "two\n", 4));
+    EXPECT_EQ("two", Lines().back());
+}
+
+// --- the ends of a process
+
+TEST_F(LogToDisk, LineLoggedRightBeforeEndingAtOnceIsThere)
+{
+    MakeRoot();
+    const ChildResult result = RunChild(
+        [] {
+            wxLogWarning("last words");
+            return 0;
+        },
+        true);
+    EXPECT_TRUE(result.Exited(0));
+    EXPECT_THAT(Text(), EndsWith("] last words\n"));
+}
+
+TEST_F(LogToDisk, EarlyLinesGoToStandardErrorWhenTheProcessEndsWithoutAPlace)
+{
+    const ChildResult result = RunChild([] {
+        wxLogWarning("bad command line");
+        return 3;
+    });
+    EXPECT_TRUE(result.Exited(3));
+    EXPECT_THAT(result.standardError, MatchesRegex("....-..-.. ..:..:.. WARNING \\[[0-9]+/main\\] bad command line\n"));
+}
+
+TEST_F(LogToDisk, EarlyLinesReachTheFileWhenThePlaceIsKnownAtTheEnd)
+{
+    const ChildResult result = RunChild([this] {
+        wxLogWarning("early");
+        MakeRoot();
+        m_root.release(); // as a process that calls exit
+        return 0;
+    });
+    EXPECT_EQ("", result.standardError);
+    EXPECT_THAT(Text(), EndsWith("] early\n"));
+}
+
+TEST_F(LogToDisk, QueueIsEmptiedWhenTheProcessExits)
+{
+    MakeRoot();
+    const ChildResult result = RunChild([] {
+        std::thread([] { wxLogWarning("queued"); }).join();
+        return 0;
+    });
+    EXPECT_TRUE(result.Exited(0));
+    EXPECT_THAT(Text(), EndsWith("/thread] queued\n"));
+}
+
+TEST_F(LogToDisk, QueueIsEmptiedWhenAnotherThreadExits)
+{
+    MakeRoot();
+    const ChildResult result = RunChild([] {
+        std::thread([] {
+            wxLogWarning("queued");
+            std::exit(5);
+        }).join();
+        return 0;
+    });
+    EXPECT_TRUE(result.Exited(5));
+    EXPECT_THAT(Text(), EndsWith("/thread] queued\n"));
+}
+
+TEST_F(LogToDisk, QueuedLinesAreNotThoseOfTheThreadThatEndsTheProcess)
+{
+    MakeRoot();
+    const ChildResult result = RunChild([] {
+        LogFromAStranger("queued");
+        ExitingThread thread;
+        thread.start(50, false, 0);
+        thread.join(-1);
+        return 0;
+    });
+    EXPECT_TRUE(result.Exited(5));
+    EXPECT_THAT(Text(), EndsWith("/thread] queued\n"));
+}
+
+TEST_F(LogToDisk, EarlyLineIsWrittenOnceThoughTheProcessForks)
+{
+    wxLogWarning("early");
+    MakeRoot();
+    const ChildResult result = RunChild(
+        [] {
+            wxLogWarning("child");
+            return 0;
+        },
+        true);
+    EXPECT_TRUE(result.Exited(0));
+    wxLogWarning("parent");
+    const auto lines = Lines();
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_THAT(lines[0], EndsWith("] early"));
+    EXPECT_THAT(lines[1], EndsWith("] child"));
+    EXPECT_THAT(lines[2], EndsWith("] parent"));
+}
+
+TEST_F(LogToDisk, EarlyLineOfAParentIsNotShownByItsChild)
+{
+    wxLogWarning("early");
+    const ChildResult result = RunChild([] { return 0; });
+    EXPECT_EQ("", result.standardError);
+}
+
+// --- standard error
+
+namespace {
+
+/// Runs `body` in a child whose standard error is a terminal and answers what appears on it.
+std::string OnTerminal(const std::function<void()>& body)
+{
+    const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
+    if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0)
+        return "no terminal to be had";
+    const int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
+    const pid_t child = Fork(
+        [&] {
+            ::dup2(slave, 2);
+            ::close(master);
+            ::close(slave);
+            body();
+            return 0;
+        },
+        true);
+    ::close(slave);
+    std::string text;
+    char buffer[1024];
+    for (ssize_t count; (count = ::read(master, buffer, sizeof buffer)) > 0;)
+        text.append(buffer, std::size_t(count));
+    ::close(master);
+    WaitFor(child);
+    return text;
+}
+
+} // namespace
+
+TEST_F(LogToDisk, WarningsAndErrorsAreShownOnATerminal)
+{
+    MakeRoot();
+    const std::string shown = OnTerminal([] {
+        wxLogMessage("message");
+        wxLogWarning("warning\nof two lines");
+        wxLogError("error");
+        VexCore::WriteLogLine(wxLOG_Debug, wxS("debug"));
+    });
+    EXPECT_EQ("WARNING warning\r\n    of two lines\r\nERROR error\r\n", shown);
+    EXPECT_EQ(5u, Lines().size());
+}
+
+TEST_F(LogToDisk, NothingIsShownWhereStandardErrorIsNoTerminal)
+{
+    MakeRoot();
+    const ChildResult result = RunChild([] {
+        wxLogError("error");
+        return 0;
+    });
+    EXPECT_EQ("", result.standardError);
+    EXPECT_THAT(Text(), EndsWith("] error\n"));
+}
+
+TEST_F(LogToDisk, NarrowOutputStillWorksAfterLinesWereShown)
+{
+    const ChildResult result = RunChild([] {
+        wxLogError("held, and shown at the end");
+        std::fputs("narrow\n", stderr);
+        return 0;
+    });
+    EXPECT_THAT(result.standardError, MatchesRegex("narrow\n.*held, and shown at the end\n"));
+}
+
+TEST_F(LogToDisk, ManyThreadsLogWithoutLosingALine)
+{
+    MakeRoot();
+    m_root->SetWx("app.log.size", std::int64_t(20000));
+    m_root->SetWx("app.log.count", std::int64_t(1000));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([] {
+            CLog2Disk own;
+            wxLog* const before = wxLog::SetThreadActiveTarget(&own);
+            for (int n = 0; n < 500; ++n) {
+                wxLogWarning("line");
+                VexCore::WriteLogLine(wxLOG_Trace, wxS("line"));
+            }
+            wxLog::SetThreadActiveTarget(before);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(m_folder.Path()))
+        count += LinesOf(ReadFile(entry.path().string())).size();
+    EXPECT_EQ(4000u, count);
+}

@@ -1,0 +1,142 @@
+#include "vex/core/log.h"
+
+#include "support/dom_ptr.h"
+#include "support/temp_folder.h"
+#include "vex/core/dom.h"
+#include "vex_core/log/disk_log.h"
+#include "vex_core/log/log_p.h"
+#include "vex_core/log/trace_modules.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+using Test::DomPtr;
+using Test::NewRoot;
+using Test::ReadFile;
+using Test::TempFolder;
+using VexCore::CDom;
+using VexCore::LogTraceIsEnabled;
+using VexCore::TraceModules;
+
+TEST(TraceModules, ListIsSplitAtCommasAndTrimmed)
+{
+    const TraceModules modules(" Appl, Cmd ,,vex.Heartbeat,\t");
+    for (const char* name : {"Appl", "Cmd", "vex.Heartbeat"})
+        EXPECT_TRUE(modules.Contain(name)) << name;
+    for (const char* name : {"", "appl", "App", "Appl,", " Cmd", "vex", "vex.Heartbeat.x"})
+        EXPECT_FALSE(modules.Contain(name)) << name;
+    EXPECT_FALSE(modules.Empty());
+}
+
+TEST(TraceModules, StarIsEveryModule)
+{
+    EXPECT_TRUE(TraceModules("Appl,*").Contain("anything"));
+    EXPECT_FALSE(TraceModules("App*").Contain("Appl"));
+}
+
+TEST(TraceModules, BlanksOfAnyKindAroundANameDoNotCount)
+{
+    EXPECT_TRUE(TraceModules("Appl,\t Cmd\r\n").Contain("Cmd"));
+    EXPECT_TRUE(TraceModules("\tAppl\t,Cmd").Contain("Appl"));
+}
+
+TEST(TraceModules, ListWithoutNamesIsEmpty)
+{
+    for (const char* list : {"", ",", " , ", ",,,"})
+        EXPECT_TRUE(TraceModules(list).Empty()) << list;
+}
+
+TEST(Trace, NothingIsTracedWithoutARoot)
+{
+    EXPECT_FALSE(LogTraceIsEnabled("Appl"));
+}
+
+TEST(Trace, WriteToEitherListCountsAtOnce)
+{
+    const DomPtr dom = NewRoot();
+    EXPECT_FALSE(LogTraceIsEnabled("Appl"));
+    dom->Set("app.trace", "Appl");
+    EXPECT_TRUE(LogTraceIsEnabled("Appl"));
+    EXPECT_FALSE(LogTraceIsEnabled("Cmd"));
+    dom->Set("app.trace+", "Cmd");
+    EXPECT_TRUE(LogTraceIsEnabled("Appl"));
+    EXPECT_TRUE(LogTraceIsEnabled("Cmd"));
+    EXPECT_FALSE(LogTraceIsEnabled(nullptr));
+    dom->SetWx("app.trace", wxString(wxS("Srvc")));
+    EXPECT_FALSE(LogTraceIsEnabled("Appl"));
+    EXPECT_TRUE(LogTraceIsEnabled("Srvc"));
+    dom->Remove("app.trace");
+    EXPECT_FALSE(LogTraceIsEnabled("Srvc"));
+    EXPECT_TRUE(LogTraceIsEnabled("Cmd"));
+    dom->Set("app.trace+", "");
+    EXPECT_FALSE(LogTraceIsEnabled("Cmd"));
+}
+
+TEST(Trace, WriteThroughAViewCountsToo)
+{
+    const DomPtr dom = NewRoot();
+    const DomPtr view(CDom::New("app", dom.get(), nullptr, false));
+    view->Set("trace", "*");
+    EXPECT_TRUE(LogTraceIsEnabled("anything"));
+}
+
+TEST(Trace, ListsAreTheOnesOfTheProcesssRoot)
+{
+    DomPtr first = NewRoot();
+    const DomPtr second = NewRoot();
+    second->Set("app.trace", "Second");
+    EXPECT_FALSE(LogTraceIsEnabled("Second"));
+    first->Set("app.trace", "First");
+    EXPECT_TRUE(LogTraceIsEnabled("First"));
+    first.reset();
+    EXPECT_FALSE(LogTraceIsEnabled("First"));
+    EXPECT_TRUE(LogTraceIsEnabled("Second"));
+}
+
+TEST(Trace, TracingEndsWithTheRoot)
+{
+    NewRoot()->Set("app.trace", "*");
+    EXPECT_FALSE(LogTraceIsEnabled("Appl"));
+}
+
+TEST(Trace, ListsMayChangeWhileOthersAsk)
+{
+    const DomPtr dom = NewRoot();
+    dom->Set("app.trace+", "Always");
+    std::atomic<bool> done{false};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> askers;
+    for (int i = 0; i < 3; ++i)
+        askers.emplace_back([&] {
+            while (!done)
+                if (!LogTraceIsEnabled("Always") || LogTraceIsEnabled("Never"))
+                    ++wrong;
+        });
+    for (int i = 0; i < 2000; ++i)
+        dom->Set("app.trace", i % 2 ? "Appl,Cmd" : "Srvc");
+    done = true;
+    for (std::thread& asker : askers)
+        asker.join();
+    EXPECT_EQ(0, wrong);
+}
+
+TEST(Trace, LineHasModuleFunctionPlaceAndMessage)
+{
+    const TempFolder folder;
+    VexCore::DiskLog log(1 << 16);
+    log.SetFile(folder / "x.log");
+    const wxString timeFormat = wxLog::GetTimestamp();
+    wxLog::SetTimestamp(wxS("%Y-%m-%d %H:%M:%S"));
+    VexCore::ReplaceProcessLog(&log);
+    VexCore::LogTrace("Appl", "vex/apps/vex/vex", 42, "On Exit ", wxString::FromUTF8("message \xC3\xA4 100%"));
+    VexCore::LogTrace(nullptr, nullptr, 0, nullptr, wxString());
+    VexCore::ReplaceProcessLog(nullptr);
+    wxLog::SetTimestamp(timeFormat);
+    EXPECT_THAT(ReadFile(folder / "x.log"),
+                testing::MatchesRegex("....-..-.. ..:..:.. TRACE \\[[0-9]+/main\\] Appl OnExit\\(vex/apps/vex/vex:42\\): "
+                                      "message \xC3\xA4 100%\n[^\n]* TRACE [^\n]*\\(:0\\): \n"));
+}

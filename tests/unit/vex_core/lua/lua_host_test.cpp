@@ -1,0 +1,441 @@
+#include "vex_core/lua/lua_db.h"
+#include "vex_core/lua/lua_host.h"
+#include "support/sanitized.h"
+
+#include "support/address_limit.h"
+#include "support/dom_ptr.h"
+#include "support/temp_folder.h"
+#include "vex/core/agentevent.h"
+#include "vex/core/dom.h"
+#include "vex_core/events/agentevent_store.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include <sys/statvfs.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+
+#include <lua.hpp>
+#include <wx/log.h>
+
+using namespace VexCore;
+
+namespace {
+
+class LuaHostTest : public testing::Test
+{
+protected:
+    LuaHostTest() : m_state(luaL_newstate())
+    {
+        luaL_openlibs(L());
+        RegisterHostModules(L());
+        lua_pushstring(L(), m_folder.Path().c_str());
+        lua_setglobal(L(), "folder");
+    }
+
+    lua_State* L() { return m_state.get(); }
+
+    // What the code returns, as text; an error as its message.
+    std::string Run(const std::string& code)
+    {
+        const int top = lua_gettop(L());
+        luaL_dostring(L(), code.c_str());
+        const char* text = luaL_tolstring(L(), top + 1, nullptr);
+        const std::string result = lua_gettop(L()) > top + 1 ? text : "nothing";
+        lua_settop(L(), top);
+        return result;
+    }
+
+    std::string RunDb(const std::string& code)
+    {
+        return Run("local db = assert(require('vex.db').open(folder .. '/x.db')) " + code);
+    }
+
+    struct Closer
+    {
+        void operator()(lua_State* state) const { lua_close(state); }
+    };
+    ::Test::TempFolder m_folder;
+    std::unique_ptr<lua_State, Closer> m_state;
+};
+
+} // namespace
+
+// Files
+// ---------------------------------------------------------------------------------------------------------------
+
+TEST_F(LuaHostTest, AFolderIsListedSortedWithoutItsDots)
+{
+    for (const char* name : {"b", "a", ".hidden", "c d"})
+        ::Test::WriteFile(m_folder / name, "x");
+    EXPECT_EQ(Run("return table.concat(require('vex.fs').list(folder), ',')"), ".hidden,a,b,c d");
+}
+
+TEST_F(LuaHostTest, AFolderThatIsMissingIsNilAndAMessageThatNamesIt)
+{
+    EXPECT_EQ(Run("local list, message = require('vex.fs').list(folder .. '/no') return tostring(list) .. "
+                  "message:sub(#folder + 1)"),
+              "nil/no: No such file or directory");
+}
+
+TEST_F(LuaHostTest, StatTellsKindSizeAndModeAndFollowsALink)
+{
+    ::Test::WriteFile(m_folder / "file", "12345");
+    ASSERT_EQ(symlink("file", (m_folder.Path() + "/link").c_str()), 0);
+    EXPECT_EQ(Run("local s = require('vex.fs').stat(folder .. '/link') return s.type .. s.size"), "file5");
+    EXPECT_EQ(Run("return require('vex.fs').lstat(folder .. '/link').type"), "link");
+    EXPECT_EQ(Run("return require('vex.fs').stat(folder).type"), "folder");
+    EXPECT_EQ(Run("return require('vex.fs').stat('/dev/null').type"), "other");
+}
+
+TEST_F(LuaHostTest, AFolderIsMadeForItsOwnerAlone)
+{
+    EXPECT_EQ(Run("assert(require('vex.fs').mkdir(folder .. '/new')) return require('vex.fs').stat(folder .. "
+                  "'/new').mode"),
+              std::to_string(0700));
+    EXPECT_EQ(Run("return require('vex.fs').mkdir(folder .. '/new')"), "nil");
+}
+
+TEST_F(LuaHostTest, APipeIsNoTerminal)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(Run("return require('vex.fs').isatty(" + std::to_string(ends[0]) + ")"), "false");
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(LuaHostTest, AWrongArgumentIsALuaError)
+{
+    EXPECT_NE(Run("return require('vex.fs').list({})").find("string expected"), std::string::npos);
+}
+
+// Host facts
+// ----------------------------------------------------------------------------------------------------------
+
+TEST_F(LuaHostTest, TheSystemIsWhatUnameTells)
+{
+    utsname names = {};
+    ASSERT_GE(uname(&names), 0);
+    EXPECT_EQ(
+        Run("local s = require('vex.host').system() return s.host .. ' ' .. s.release .. ' ' .. s.machine"),
+        std::string(names.nodename) + " " + names.release + " " + names.machine);
+}
+
+TEST_F(LuaHostTest, FactsOfThisHostArePlausible)
+{
+    EXPECT_EQ(Run("local up = require('vex.host').uptime() return up == nil or up > 0"), "true");
+    EXPECT_EQ(
+        Run("local load = require('vex.host').load() return load == nil or (#load == 3 and load[1] >= 0)"),
+        "true");
+    EXPECT_EQ(Run("local m = require('vex.host').memory() return m.total > 0 and m.available > 0 and "
+                  "m.available <= m.total"),
+              "true");
+    EXPECT_EQ(Run("return require('vex.host').processors()"), std::to_string(sysconf(_SC_NPROCESSORS_ONLN)));
+    EXPECT_EQ(Run("return require('vex.host').pid()"), std::to_string(getpid()));
+}
+
+TEST_F(LuaHostTest, ADisksFiguresAreThoseOfItsFileSystem)
+{
+    const auto disks = host::Disks();
+    ASSERT_TRUE(disks);
+    for (const host::Disk& disk : *disks) {
+        struct statvfs sizes = {};
+        ASSERT_EQ(statvfs(disk.mount.c_str(), &sizes), 0) << disk.mount;
+        EXPECT_EQ(disk.totalBytes, sizes.f_blocks * sizes.f_frsize) << disk.mount;
+        EXPECT_LE(disk.freeBytes, disk.totalBytes) << disk.mount;
+        EXPECT_NE(disk.type, "proc");
+    }
+}
+
+TEST_F(LuaHostTest, TheDistributionIsCalledAsAShellReadsItsReleaseFile)
+{
+    FILE* shell = popen("test -r /etc/os-release && . /etc/os-release && printf %s \"$PRETTY_NAME\"", "r");
+    ASSERT_NE(shell, nullptr);
+    char name[256] = {};
+    name[std::fread(name, 1, sizeof name - 1, shell)] = '\0';
+    if (pclose(shell) != 0 || name[0] == '\0')
+        GTEST_SKIP() << "no release file here";
+    EXPECT_EQ(host::Distribution(), std::optional<std::string>(name));
+}
+
+TEST_F(LuaHostTest, TheLoopbackIsNoInterface)
+{
+    const auto interfaces = host::Interfaces();
+    ASSERT_TRUE(interfaces);
+    for (const host::Interface& one : *interfaces) {
+        EXPECT_NE(one.name, "lo");
+        EXPECT_EQ(one.name.find_first_of(": "), std::string::npos) << one.name;
+    }
+}
+
+TEST_F(LuaHostTest, TheMonotonicClockRuns)
+{
+    EXPECT_EQ(Run("local h = require('vex.host') local a = h.monotonic() local b repeat b = h.monotonic() "
+                  "until b > a "
+                  "return b - a < 10"),
+              "true");
+}
+
+// Settings
+// ------------------------------------------------------------------------------------------------------------
+
+TEST_F(LuaHostTest, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    ::Test::WriteFile(m_folder / "a.ini", "[settings]\nvex.One=11\nvex.Two=22\nvex.Flag=yes\nvex.Text=abc\n");
+    dom->Set("app.path.ini", m_folder.Path() + "/a.ini");
+    dom->SetWx("vex.One", std::int64_t{7});
+    EXPECT_EQ(Run("return require('vex.settings').int('vex.One', 1)"), "7");
+    EXPECT_EQ(Run("return require('vex.settings').int('vex.Two', 1)"), "22");
+    EXPECT_EQ(Run("return require('vex.settings').int('vex.Three', 1)"), "1");
+    EXPECT_EQ(Run("return require('vex.settings').int('vex.Three')"), "nil");
+    EXPECT_EQ(Run("return require('vex.settings').bool('vex.Flag', false)"), "true");
+    EXPECT_EQ(Run("return require('vex.settings').bool('vex.Text', false)"), "false");
+    EXPECT_EQ(Run("return require('vex.settings').text('vex.Text', 'z')"), "abc");
+}
+
+TEST_F(LuaHostTest, AnIntegerBeyondWhatLuaHoldsIsAnError)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    dom->SetWx("vex.Huge", (std::int64_t{1} << 53) + 1);
+    EXPECT_NE(Run("return require('vex.settings').int('vex.Huge')").find("beyond 2^53"), std::string::npos);
+}
+
+TEST_F(LuaHostTest, WithoutADomainEverySettingIsItsDefault)
+{
+    EXPECT_EQ(Run("return require('vex.settings').text('app.name', 'none')"), "none");
+}
+
+// Databases
+// -----------------------------------------------------------------------------------------------------------
+
+TEST_F(LuaHostTest, WhatIsStoredIsReadBackWithItsType)
+{
+    EXPECT_EQ(
+        RunDb("assert(db:exec('CREATE TABLE t(a, b, c, d, e)'))"
+              "assert(db:exec('INSERT INTO t VALUES(?,?,?,?,?)', {1, 2.5, 'x\\0y', true, nil}))"
+              "local row = db:rows('SELECT * FROM t')[1]"
+              "return row.a .. ' ' .. row.b .. ' ' .. #row.c .. ' ' .. row.d .. ' ' .. tostring(row.e)"),
+        "1 2.5 3 1 nil");
+}
+
+TEST_F(LuaHostTest, ParametersMayHaveNames)
+{
+    EXPECT_EQ(RunDb("return db:rows('SELECT :a - :b AS d', {a = 7, b = 2})[1].d"), "5");
+}
+
+TEST_F(LuaHostTest, NumberedParametersArePositions)
+{
+    EXPECT_EQ(RunDb("return db:rows('SELECT ?2 - ?1 AS d', {2, 7})[1].d"), "5");
+}
+
+TEST_F(LuaHostTest, ATextThatSqliteRefusesIsAnErrorAndNotNull)
+{
+    EXPECT_EQ(RunDb("kept, long = db, string.rep('x', 2^22) assert(db:exec('CREATE TABLE t(a)'))"), "nothing");
+    sqlite3_hard_heap_limit64(sqlite3_memory_used() + (1 << 20));
+    const std::string failed = Run("local ok, m = kept:exec('INSERT INTO t VALUES(?)', {long}) return tostring(ok) .. ' ' .. m");
+    sqlite3_hard_heap_limit64(0);
+    EXPECT_EQ(failed, "nil out of memory");
+    EXPECT_EQ(Run("return kept:rows('SELECT count(*) AS n FROM t')[1].n"), "0");
+}
+
+TEST_F(LuaHostTest, NothingIsCutAtAZeroByte)
+{
+    for (const char* call : {"db:exec('SELECT 1; \\0 DROP TABLE t')", "db:rows('SELECT 1 \\0')",
+                             "require('vex.db').open(folder .. '/a\\0b')", "require('vex.fs').list('/\\0x')",
+                             "require('vex.fs').stat('/\\0x')", "require('vex.fs').lstat('/\\0x')",
+                             "require('vex.fs').mkdir(folder .. '/a\\0b')", "require('vex.settings').text('a\\0b')"})
+        EXPECT_NE(RunDb(std::string("return ") + call).find("string with a zero byte"), std::string::npos) << call;
+    EXPECT_EQ(Run("return require('vex.fs').stat(folder .. '/a')"), "nil");
+}
+
+TEST_F(LuaHostTest, RowsTakesOneStatement)
+{
+    EXPECT_EQ(RunDb("return db:rows('SELECT 7 AS n; -- that is all')[1].n"), "7");
+    EXPECT_EQ(RunDb("local r, m = db:rows('SELECT 7; DELETE FROM t') return m"), "no such table: t");
+    EXPECT_NE(RunDb("return db:rows('SELECT 7; SELECT 8')").find("one statement only"), std::string::npos);
+}
+
+TEST_F(LuaHostTest, TheFinaliserIsOutOfAScriptsReach)
+{
+    EXPECT_EQ(RunDb("return tostring(db.__gc) .. tostring(getmetatable(db)) .. tostring(db.__index)"), "nilfalsenil");
+}
+
+TEST_F(LuaHostTest, AnIntegerUpTo2To53KeepsEveryDigit)
+{
+    EXPECT_EQ(RunDb("return ('%.0f'):format(db:rows('SELECT ? AS n', {9007199254740992})[1].n)"),
+              "9007199254740992");
+    EXPECT_EQ(RunDb("return db:rows('SELECT typeof(?) AS n', {9007199254740992})[1].n"), "integer");
+}
+
+TEST_F(LuaHostTest, AnIntegerBeyond2To53IsItsDigitsAndGoesBackWhole)
+{
+    EXPECT_EQ(RunDb("assert(db:exec('CREATE TABLE t(n INTEGER)'))\n"
+                    "assert(db:exec('INSERT INTO t VALUES(9007199254740993), (-9223372036854775808)'))\n"
+                    "for _, row in ipairs(db:rows('SELECT n FROM t')) do assert(db:exec('INSERT INTO t VALUES(?)', {row.n})) end\n"
+                    "local told = {}\n"
+                    "for i, row in ipairs(db:rows('SELECT n, typeof(n) AS kind FROM t')) do told[i] = row.n .. row.kind end\n"
+                    "return table.concat(told, ' ')"),
+              "9007199254740993integer -9223372036854775808integer 9007199254740993integer -9223372036854775808integer");
+    EXPECT_EQ(RunDb("assert(db:exec('CREATE TABLE u(id INTEGER PRIMARY KEY)'))\n"
+                    "assert(db:exec('INSERT INTO u VALUES(9007199254740993)')) return db:last_id()"),
+              "9007199254740993");
+}
+
+TEST_F(LuaHostTest, AStatementThatFailsIsNilAndTheReason)
+{
+    EXPECT_EQ(RunDb("local r, m = db:exec('NONSENSE') return tostring(r) .. ' ' .. m"),
+              "nil near \"NONSENSE\": syntax error");
+    EXPECT_EQ(RunDb("local r, m = db:rows('SELECT * FROM nowhere') return tostring(r) .. ' ' .. m"),
+              "nil no such table: nowhere");
+}
+
+TEST_F(LuaHostTest, SeveralStatementsRunInOneCallButTakeNoParameters)
+{
+    EXPECT_EQ(
+        RunDb(
+            "return db:exec('CREATE TABLE t(a); INSERT INTO t VALUES(1); INSERT INTO t VALUES(2); -- end')"),
+        "2");
+    EXPECT_NE(RunDb("return db:exec('SELECT ?; SELECT ?', {1})").find("one statement only"),
+              std::string::npos);
+    EXPECT_EQ(RunDb("pcall(db.exec, db, 'INSERT INTO t VALUES(?); SELECT 8', {1}) return db:rows('SELECT count(*) AS n FROM t')[1].n"),
+              "2")
+        << "what is refused is not done in part";
+    EXPECT_EQ(RunDb("return db:exec('INSERT INTO t VALUES(?); -- that is all', {1})"), "1");
+}
+
+TEST_F(LuaHostTest, ATableCannotBeStored)
+{
+    EXPECT_NE(RunDb("return db:rows('SELECT ?', {{}})").find("a table cannot be stored"), std::string::npos);
+}
+
+TEST_F(LuaHostTest, ATransactionCommitsOrLeavesNothing)
+{
+    EXPECT_EQ(RunDb("db:exec('CREATE TABLE t(a)')"
+                    "local function add(d) return d:exec('INSERT INTO t VALUES(1)') end "
+                    "assert(db:transaction(add) == 1)"
+                    "local r, m = db:transaction(function(d) add(d) return nil, 'changed my mind' end)"
+                    "local ok, e = pcall(db.transaction, db, function(d) add(d) error('boom', 0) end)"
+                    "return m .. ', ' .. e .. ', ' .. db:rows('SELECT count(*) AS n FROM t')[1].n"),
+              "changed my mind, boom, 1");
+}
+
+TEST_F(LuaHostTest, AClosedDatabaseSaysSo)
+{
+    EXPECT_NE(RunDb("db:close() db:close() return db:exec('SELECT 1')").find("the database is closed"),
+              std::string::npos);
+}
+
+TEST_F(LuaHostTest, NothingClosesADatabaseUnderAStatement)
+{
+    EXPECT_EQ(RunDb("local parameters = setmetatable({}, {__index = function() db:close() end}) "
+                    "local ok, e = pcall(db.exec, db, 'SELECT :name', parameters) "
+                    "return tostring(ok) .. e:match(':%d+(: .*)') .. ', ' .. db:rows('SELECT 7 AS n')[1].n"),
+              "false: the database is in use by a statement, 7");
+    EXPECT_EQ(RunDb("local parameters = setmetatable({}, {__index = function() db:close() end}) "
+                    "local ok, e = pcall(db.rows, db, 'SELECT :name', parameters) "
+                    "return tostring(ok) .. e:match(':%d+(: .*)') .. ', ' .. db:rows('SELECT 7 AS n')[1].n"),
+              "false: the database is in use by a statement, 7");
+}
+
+TEST_F(LuaHostTest, AFolderThatIsMissingOpensNoDatabase)
+{
+    EXPECT_EQ(Run("local d, m = require('vex.db').open(folder .. '/no/x.db') return tostring(d) .. "
+                  "m:sub(#folder + 1)"),
+              "nil/no/x.db: unable to open database file");
+}
+
+TEST_F(LuaHostTest, ChangesAreFlushedBeforeTheCallReturns)
+{
+    EXPECT_EQ(RunDb("return db:rows('PRAGMA synchronous')[1].synchronous"), "2");
+}
+
+TEST_F(LuaHostTest, MethodsRefuseWhatIsNoDatabase)
+{
+    EXPECT_NE(RunDb("return db.exec(io.stdout, 'SELECT 1')").find("vex.db.Database expected"),
+              std::string::npos);
+    EXPECT_NE(RunDb("return db.exec('SELECT 1')").find("vex.db.Database expected"), std::string::npos);
+}
+
+TEST_F(LuaHostTest, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
+{
+    EXPECT_EQ(Run("kept = assert(require('vex.db').open(folder .. '/x.db')) return "
+                  "tostring(kept):find('x.db', 1, true) ~= nil"),
+              "true");
+    EXPECT_TRUE(CloseLuaDatabases());
+    EXPECT_EQ(Run("return tostring(kept)"), "database (closed)");
+}
+
+TEST_F(LuaHostTest, ACommitStoresTheEventsThatWaitedForRoom)
+{
+    const std::string work = m_folder / "later";
+    const wxLogNull quiet;
+    const auto keep = [&] {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(GetEventStore(work)->Write(CAgentEvent()), 0);
+        testing::internal::GetCapturedStderr();
+        EXPECT_EQ(GetEventStore(work)->InMemory(), 1u);
+    };
+    Run("db = assert(require('vex.db').open(folder .. '/x.db')) db:exec('CREATE TABLE t(a)')");
+    for (const char* commit : {"db:exec('INSERT INTO t VALUES(1)')",
+                               "db:transaction(function() db:exec('INSERT INTO t VALUES(1)') end)"}) {
+        keep();
+        std::filesystem::create_directory(work);
+        Run("db:exec('DELETE FROM t WHERE a = 7')");
+        EXPECT_EQ(GetEventStore(work)->InMemory(), 1u) << "nothing was written";
+        Run("db:transaction(function() db:exec('INSERT INTO t VALUES(1)') inside = true return nil, 'no' end)");
+        EXPECT_EQ(GetEventStore(work)->InMemory(), 1u) << "what was written was taken back";
+        Run(commit);
+        EXPECT_EQ(GetEventStore(work)->InMemory(), 0u) << commit;
+        CloseEventStores();
+        std::filesystem::remove_all(work);
+    }
+}
+
+TEST_F(LuaHostTest, ADatabaseThatAWorkerIsInsideOfStaysOpen)
+{
+    // The body of a transaction stands for a worker that was left running; the process's end comes on another
+    // thread.
+    lua_register(L(), "end_of_process", [](lua_State* state) {
+        bool all = true;
+        std::thread([&all] { all = CloseLuaDatabases(); }).join();
+        lua_pushboolean(state, all);
+        return 1;
+    });
+    EXPECT_EQ(RunDb("local all = db:transaction(function() return tostring(end_of_process()) end) "
+                    "return all .. ' ' .. db:rows('SELECT 7 AS n')[1].n"),
+              "false 7");
+    EXPECT_TRUE(CloseLuaDatabases());
+}
+
+TEST_F(LuaHostTest, ACollectedDatabaseIsClosed)
+{
+    Run("for i = 1, 50 do require('vex.db').open(folder .. '/x.db') end collectgarbage() collectgarbage()");
+    EXPECT_EQ(Run("local n = 0 for _, name in ipairs(require('vex.fs').list('/proc/self/fd')) do n = n + 1 "
+                  "end return n < 40"),
+              "true");
+}
+
+TEST_F(LuaHostTest, AnExceptionOfACallIsAnErrorWithItsText)
+{
+#ifdef VEX_TEST_SANITIZED
+    GTEST_SKIP() << "the sanitizers' own memory is over any limit of the address space";
+#else
+    EXPECT_EQ(Run("open, path = require('vex.db').open, string.rep('x', 2^27) collectgarbage()"), "nothing");
+
+    const ::Test::AddressLimit allButTheCopy(std::size_t(32) << 20);
+    const std::string result = Run("local ok, message = pcall(open, path) return tostring(ok) .. ' ' .. type(message) .. ' '"
+                                   " .. tostring(message):sub(1, 100)");
+    EXPECT_EQ(result, "false string not enough memory");
+#endif
+}

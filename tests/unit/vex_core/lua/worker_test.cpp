@@ -1,0 +1,252 @@
+#include "vex_core/lua/worker.h"
+
+#include "support/log_catcher.h"
+#include "support/temp_folder.h"
+#include "vex/core/dom.h"
+#include "vex/core/luainterpreter.h"
+#include "vex/core/openssl.h"
+#include "vex/core/wrap_dom.h"
+#include "vex_core/threads/runnable_p.h"
+#include "vex_core/lua/workers.h"
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <lua.hpp>
+#include <wx/log.h>
+
+using VexCore::CDom;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+namespace {
+
+class WorkerTest : public ::testing::Test
+{
+protected:
+    WorkerTest() : dom(CDom::New(nullptr, nullptr, nullptr, false))
+    {
+        dom->Set("app.name", "worker");
+        dom->Set("app.path.work", folder.Path());
+        dom->Set("app.path.bin", folder.Path());
+        SLB3::PushReference(lua.L(), dom);
+        lua_setglobal(lua.L(), "dom0");
+    }
+    ~WorkerTest() override
+    {
+        VexCore::StopAllWorkers(10000);
+        VexCore::ReopenWorkers();
+        dom->Release();
+    }
+
+    void Module(const std::string& name, const std::string& code) { ::Test::WriteFile(folder / name + ".lua", code); }
+    std::string Run(const std::string& code)
+    {
+        lua_State* L = lua.L();
+        lua_settop(L, 0);
+        std::string text;
+        if (luaL_loadbuffer(L, code.data(), code.size(), "@test.lua") || lua_pcall(L, 0, LUA_MULTRET, 0))
+            text = "error:";
+        for (int i = 1, count = lua_gettop(L); i <= count; ++i)
+            text += (text.empty() ? "" : " ") + std::string(luaL_tolstring(L, i, nullptr));
+        return text;
+    }
+    std::string Log() { return std::string(log.Text().utf8_str()); }
+
+    ::Test::TempFolder folder;
+    CDom* dom;
+    ::Test::LogCatcher log;
+    VexCore::CLuaInterpreter lua{false, L"test", true};
+};
+
+TEST_F(WorkerTest, RunsTheModuleWithItsArgumentInAPreparedState)
+{
+    Module("job", "local M = {}\n"
+                  "function M.run(arg) dom0:Set('got', arg.list[2] .. tostring(arg.flag) .. arg[1] .. arg.text)\n"
+                  "assert(dom == dom0) dom:Set('path', package.path) end\nreturn M");
+    EXPECT_EQ(Run("w = dom0:StartThread('job', {'one', list = {1, 2.5}, flag = true, text = 'a'})\n"
+                  "return w:Join()"),
+              "true 0");
+    EXPECT_EQ(dom->Get("got"), "2.5trueonea");
+    EXPECT_THAT(dom->Get("path"), StartsWith(folder / "?.lua;"));
+    EXPECT_EQ(Run("return w:Running(), w:Join(0)"), "false true 0");
+}
+
+TEST_F(WorkerTest, ErrorWithANulIsWholeForWhoJoinsAndInTheLog)
+{
+    Module("fails", "local M = {}\nfunction M.run() error('front\\0back', 0) end\nreturn M");
+    EXPECT_EQ(Run("local ended, status, text = dom0:StartThread('fails'):Join()\n"
+                  "return ended, status, (text:match('^front%zback') ~= nil)"),
+              "true 2 true");
+    EXPECT_THAT(Log(), HasSubstr("Worker \"fails\" failed: front\\x00back"));
+}
+
+TEST_F(WorkerTest, ArgumentMayBeLeftOut)
+{
+    Module("job", "return {run = function(arg) dom0:Set('type', type(arg)) return 3 end}");
+    EXPECT_EQ(Run("return dom0:StartThread('job'):Join()"), "true 3");
+    EXPECT_EQ(dom->Get("type"), "nil");
+}
+
+TEST_F(WorkerTest, ErrorIsLoggedWithItsTracebackAndToldByJoin)
+{
+    Module("job", "return {run = function() error('broken') end}");
+    EXPECT_THAT(Run("return dom0:StartThread('job'):Join()"), MatchesRegex("true 2 .*job.lua:1: broken\nstack traceback:\n.*"));
+    EXPECT_THAT(Log(), MatchesRegex("Worker \"job\" failed: .*job.lua:1: broken\nstack traceback:\n.*"));
+}
+
+TEST_F(WorkerTest, NameThatIsNotUtf8IsStillToldInTheLog)
+{
+    Module("caf\xE9", "return {run = function() error('broken', 0) end}");
+    Run("dom0:StartThread('caf\\233'):Join()");
+    EXPECT_THAT(Log(), StartsWith("Worker \"caf\xC3\xA9\" failed: broken\n"));
+}
+
+TEST_F(WorkerTest, ModuleThatIsMissingOrHasNoRunIsAnError)
+{
+    EXPECT_THAT(Run("return dom0:StartThread('no.such'):Join()"), HasSubstr("module 'no.such' not found"));
+    Module("plain", "return 5");
+    EXPECT_THAT(Run("return dom0:StartThread('plain'):Join()"), HasSubstr("true 2 module 'plain' has no function 'run'"));
+    Module("bad", "return = 1");
+    EXPECT_THAT(Run("return dom0:StartThread('bad'):Join()"), HasSubstr("unexpected symbol near '='"));
+}
+
+TEST_F(WorkerTest, StopWakesAWaitAtOnceWithNil)
+{
+    Module("job", "return {run = function() dom0:Set('up', true) dom0:Set('saw', tostring(dom0:Wait('never', math.huge))) end}");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(Run("local w = dom0:StartThread('job') while not dom0:GetBool('up') do dom0:Wait('up', 1) end\n"
+                  "assert(w:Running() and not w:Join(0.01)) w:Stop() return w:Join(10)"),
+              "true 0");
+    EXPECT_EQ(dom->Get("saw"), "nil");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+TEST_F(WorkerTest, WriteWakesAWaitAtOnce)
+{
+    // The worker's first wait makes sure that no write after it is missed; ours lets it fall asleep in its second.
+    Module("job", "return {run = function() dom0:Wait('go', 0) dom0:Set('up', true) return dom0:Wait('go', 60) and 4 or 5 end}");
+    EXPECT_EQ(Run("local w = dom0:StartThread('job') while not dom0:GetBool('up') do dom0:Wait('up', 1) end\n"
+                  "dom0:Wait('never', 0.05) assert(w:Running()) dom0:Set('go', 1) return w:Join(10)"),
+              "true 4");
+}
+
+TEST_F(WorkerTest, ArgumentThatCannotBeCopiedIsAClearError)
+{
+    const std::string front = "error: test.lua:1: bad argument #2 to 'SLB.Dom:StartThread' (nil, boolean, number, string or a "
+                              "table of them expected, got ";
+    EXPECT_EQ(Run("dom0:StartThread('job', print)"), front + "function)");
+    EXPECT_EQ(Run("dom0:StartThread('job', {a = {b = {1, dom0}}})"), front + "userdata at .a.b[2])");
+    EXPECT_EQ(Run("local t = {} t.x = {t} dom0:StartThread('job', t)"), front + "table that contains itself at .x[1])");
+    EXPECT_EQ(Run("dom0:StartThread('job', {[{}] = 1})"), front + "table as a key at [?])");
+    EXPECT_THAT(Run("local t = {} local d = t for i = 1, 200 do d[1] = {} d = d[1] end dom0:StartThread('job', t)"),
+                StartsWith(front + "tables nested too deep at [1][1]"));
+    EXPECT_THAT(Run("local t = {} for i = 1, 40 do t = {t, t} end dom0:StartThread('job', t)"),
+                StartsWith(front + "more than a million values at "));
+    EXPECT_THAT(Run("dom0:StartThread()"), HasSubstr("#1 to 'SLB.Dom:StartThread' (string expected, got no value)"));
+}
+
+TEST_F(WorkerTest, NumberKeysAreCopiedWithoutBeingChanged)
+{
+    Module("job", "return {run = function(t) dom0:Set('sum', t[1] + t[2.5] + (t[true] and 1 or 0)) end}");
+    EXPECT_EQ(Run("return dom0:StartThread('job', {10, [2.5] = 20, [true] = 'x'}):Join()"), "true 0");
+    EXPECT_EQ(dom->Get("sum"), "31");
+}
+
+TEST_F(WorkerTest, WorkerMayStartAndJoinAnother)
+{
+    Module("outer", "return {run = function() local ok, status = dom0:StartThread('inner', 5):Join() return status + 1 end}");
+    Module("inner", "return {run = function(n) return n end}");
+    EXPECT_EQ(Run("return dom0:StartThread('outer'):Join()"), "true 6");
+}
+
+TEST_F(WorkerTest, StopWakesAWorkerThatJoinsAnother)
+{
+    Module("outer", "return {run = function() inner = dom0:StartThread('inner') dom0:Set('up', true)\n"
+                    "dom0:Set('ended', tostring((inner:Join()))) inner:Stop() inner:Join() end}");
+    Module("inner", "return {run = function() while dom0:Wait('x', 60) ~= nil do end dom0:Wait('y', 0.05) end}");
+    EXPECT_EQ(Run("local w = dom0:StartThread('outer') while not dom0:GetBool('up') do dom0:Wait('up', 1) end\n"
+                  "w:Stop() return w:Join(10)"),
+              "true 0");
+    EXPECT_EQ(dom->Get("ended"), "false");
+}
+
+TEST_F(WorkerTest, CollectedHandleLeavesTheWorkerRunning)
+{
+    Module("job", "return {run = function() dom0:Wait('go', 60) dom0:Set('done', true) end}");
+    EXPECT_EQ(Run("dom0:StartThread('job') collectgarbage() collectgarbage() dom0:Set('go', 1)\n"
+                  "for i = 1, 100 do if dom0:GetBool('done') then return 'done' end dom0:Set('go', i) dom0:Wait('done', 0.1) end"),
+              "done");
+}
+
+TEST_F(WorkerTest, MethodsCheckTheirReceiver)
+{
+    Module("job", "return {run = function() end}");
+    EXPECT_THAT(Run("local w = dom0:StartThread('job') w.Join(dom0)"),
+                HasSubstr("bad argument #0 (self) to 'SLB.Worker:Join' (SLB.Worker expected, got SLB.Dom;"));
+}
+
+TEST_F(WorkerTest, StopOfTheProcessEndsWorkersAndRefusesNewOnes)
+{
+    Module("job", "return {run = function() while dom0:Wait('never', 60) ~= nil do end return 9 end}");
+    ASSERT_EQ(Run("a, b = dom0:StartThread('job'), dom0:StartThread('job')"), "");
+    VexCore::OpenSSLThreadShutdown(); // with which the host's clean-up begins
+    EXPECT_EQ(Run("return select(2, a:Join(0)), select(2, b:Join(0))"), "9 9");
+    EXPECT_THAT(Run("dom0:StartThread('job')"), HasSubstr("worker 'job' could not be started; the log tells why"));
+    EXPECT_THAT(Log(), HasSubstr("Worker \"job\" is not started: the process is ending."));
+    EXPECT_THAT(Log(), Not(HasSubstr("left behind")));
+}
+
+TEST_F(WorkerTest, TwoHundredBusyWorkersStartAndStop)
+{
+    Module("busy", "return {run = function(n)\n"
+                   "  while dom0:Wait('never.' .. n, 0) ~= nil do\n"
+                   "    for i = 1, 20 do dom0:Set('busy.' .. n, i) dom0:Get('busy.' .. (n % 200 + 1)) end\n"
+                   "    dom0:Keys('busy.' .. n)\n"
+                   "  end\n"
+                   "  return n\nend}");
+    EXPECT_EQ(Run("local all = {} for n = 1, 200 do all[n] = dom0:StartThread('busy', n) end\n"
+                  "dom0:Wait('never', 0.3)\n"
+                  "for _, w in ipairs(all) do w:Stop() end\n"
+                  "local sum = 0 for _, w in ipairs(all) do local ended, status = w:Join(60) assert(ended) sum = sum + status end\n"
+                  "return sum"),
+              "20100");
+    EXPECT_FALSE(VexCore::OtherRunnablesRun());
+}
+
+TEST_F(WorkerTest, StopOfTheProcessJoinsEveryWorkerThatEnds)
+{
+    Module("job", "return {run = function() dom0:Wait('never', 60) end}");
+    for (int round = 0; round < 200; ++round) {
+        std::vector<std::weak_ptr<VexCore::CWorker>> workers;
+        for (int i = 0; i < 8; ++i)
+            workers.push_back(VexCore::CWorker::Start(*dom, "job", VexCore::LuaValue()));
+        VexCore::StopAllWorkers(10000);
+        VexCore::ReopenWorkers();
+        for (const std::weak_ptr<VexCore::CWorker>& worker : workers)
+            ASSERT_TRUE(worker.expired()) << "left in round " << round;
+    }
+}
+
+TEST_F(WorkerTest, StragglerIsNamedAndTheProcessStillEnds)
+{
+    Module("stuck", "return {run = function() dom0:Set('up', true) while true do end end}");
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(
+        {
+            Run("dom0:StartThread('stuck') while not dom0:GetBool('up') do dom0:Wait('up', 1) end");
+            VexCore::StopAllWorkers(50);
+            std::fputs(Log().c_str(), stderr);
+            std::exit(5);
+        },
+        ::testing::ExitedWithCode(5), "Thread \"worker stuck\" has not ended within 0 seconds and is left behind");
+}
+
+} // namespace

@@ -1,0 +1,202 @@
+#include "vex_core/modules/archive_index.h"
+
+#include "support/temp_folder.h"
+#include "support/zip_builder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <wx/log.h>
+
+using namespace VexCore;
+
+namespace {
+
+std::string OneModule(const std::string& code)
+{
+    ::Test::ZipBuilder builder;
+    builder.Add("a.lua", code);
+    builder.Add("a.txt", "text");
+    builder.AddFolder("b.lua/");
+    return builder.Build();
+}
+
+class ArchiveIndexTest : public testing::Test
+{
+protected:
+    std::shared_ptr<ModuleArchive> Current(const std::string& path)
+    {
+        return ArchiveIndex::Process().Slot(path)->Current(ZipLimits(), failure);
+    }
+    ~ArchiveIndexTest() override { ArchiveIndex::Process().ForgetUnused(); }
+    ::Test::TempFolder folder;
+    std::string failure;
+    wxLogNull silence;
+};
+
+/// Lets the process have fewer descriptors for one test.
+class DescriptorLimit
+{
+public:
+    explicit DescriptorLimit(rlim_t count)
+    {
+        ::getrlimit(RLIMIT_NOFILE, &m_before);
+        const struct rlimit limit = {count, m_before.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
+
+private:
+    struct rlimit m_before = {};
+};
+
+} // namespace
+
+TEST(HashNameTest, IsTheSameInEveryBuildBecauseCacheFilesHoldIt)
+{
+    EXPECT_EQ(HashName(""), 0xcbf29ce484222325u);
+    EXPECT_EQ(HashName("a"), 0xaf63dc4c8601ec8cu);
+    EXPECT_EQ(HashName("foobar"), 0x85944171f73967e8u);
+}
+
+TEST_F(ArchiveIndexTest, OnlyFilesThatEndInLuaAreModules)
+{
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    const auto archive = Current(folder / "x.vxe");
+    ASSERT_TRUE(archive);
+    EXPECT_TRUE(archive->MayHave(HashName("a.lua")));
+    EXPECT_FALSE(archive->MayHave(HashName("a.txt")));
+    EXPECT_FALSE(archive->MayHave(HashName("b.lua/")));
+    EXPECT_FALSE(archive->MayHave(HashName("b.lua")));
+}
+
+TEST_F(ArchiveIndexTest, AnArchiveThatDidNotChangeIsTheSameObject)
+{
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    const auto first = Current(folder / "x.vxe");
+    EXPECT_EQ(Current(folder / "x.vxe"), first);
+}
+
+TEST_F(ArchiveIndexTest, AnotherFileAtThePathIsAnotherArchive)
+{
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    const auto first = Current(folder / "x.vxe");
+    ::Test::WriteFile(folder / "y.vxe", OneModule("return 1"));
+    std::filesystem::rename(folder / "y.vxe", folder / "x.vxe");
+    const auto second = Current(folder / "x.vxe");
+    EXPECT_NE(second, first);
+    EXPECT_EQ(second->DirectorySha256(), first->DirectorySha256()) << "the content is the same";
+    EXPECT_EQ(first->DirectorySha256().size(), 64u);
+}
+
+TEST_F(ArchiveIndexTest, AFileOfTheSamePlaceAndLengthIsAnotherArchiveByItsTime)
+{
+    const std::string path = folder / "x.vxe";
+    ::Test::WriteFile(path, OneModule("return 1"));
+    const auto first = Current(path);
+    struct stat before = {};
+    ASSERT_EQ(::stat(path.c_str(), &before), 0);
+    ::Test::WriteFile(path, OneModule("return 2"));
+    struct timespec times[] = {before.st_atim, before.st_mtim};
+    ++times[1].tv_sec;
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    const auto second = Current(path);
+    EXPECT_NE(second, first);
+    EXPECT_NE(second->DirectorySha256(), first->DirectorySha256());
+
+    // A copy that keeps the time of the file's content leaves a trace in the other one, which nobody can set. The clock of
+    // the file system ticks some hundred times a second.
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    ::Test::WriteFile(path, OneModule("return 3"));
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    EXPECT_NE(Current(path), second);
+}
+
+TEST_F(ArchiveIndexTest, ManyThreadsOpenAnArchiveOnce)
+{
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    std::vector<std::shared_ptr<ModuleArchive>> seen(8);
+    std::vector<std::thread> threads;
+    for (auto& place : seen)
+        threads.emplace_back([&place, this] {
+            std::string reason;
+            place = ArchiveIndex::Process().Slot(folder / "x.vxe")->Current(ZipLimits(), reason);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (const auto& place : seen)
+        EXPECT_EQ(place, seen[0]);
+}
+
+TEST_F(ArchiveIndexTest, AClosedArchiveIsOpenedAgainWhenItIsRead)
+{
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    const auto archive = Current(folder / "x.vxe");
+    archive->Close();
+    std::string error;
+    const auto zip = archive->Zip(error);
+    ASSERT_TRUE(zip);
+    EXPECT_TRUE(zip->Find("a.lua"));
+}
+
+TEST_F(ArchiveIndexTest, AClosedArchiveThatWasReplacedIsNotReadAsTheOldOne)
+{
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    const auto archive = Current(folder / "x.vxe");
+    archive->Close();
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 22"));
+    std::string error;
+    EXPECT_FALSE(archive->Zip(error));
+    EXPECT_EQ(error, "the file was replaced meanwhile");
+}
+
+TEST_F(ArchiveIndexTest, MoreArchivesThanDescriptorsAreAllUsable)
+{
+    const DescriptorLimit limit(128);
+    std::vector<std::shared_ptr<ModuleArchive>> archives;
+    for (int i = 0; i < 300; ++i) {
+        const std::string path = folder / (std::to_string(i) + ".vxe");
+        ::Test::WriteFile(path, OneModule("return 1"));
+        archives.push_back(Current(path));
+        ASSERT_TRUE(archives.back()) << i << ": " << failure;
+    }
+    std::string error;
+    for (const auto& archive : archives)
+        EXPECT_TRUE(archive->Zip(error)) << error;
+}
+
+TEST_F(ArchiveIndexTest, AnArchiveThatCouldNotBeOpenedForWantOfDescriptorsIsTriedAgain)
+{
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    {
+        const DescriptorLimit limit(0);
+        EXPECT_FALSE(Current(folder / "x.vxe"));
+        EXPECT_FALSE(failure.empty());
+    }
+    EXPECT_TRUE(Current(folder / "x.vxe"));
+}
+
+TEST_F(ArchiveIndexTest, WhatNobodyHoldsIsForgotten)
+{
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    const std::weak_ptr<ModuleArchive> archive = Current(folder / "x.vxe");
+    const auto kept = ArchiveIndex::Process().Slot(folder / "x.vxe");
+    ArchiveIndex::Process().ForgetUnused();
+    EXPECT_FALSE(archive.expired());
+    EXPECT_EQ(ArchiveIndex::Process().Slot(folder / "x.vxe"), kept);
+}
+
+TEST_F(ArchiveIndexTest, WhatIsForgottenIsClosed)
+{
+    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    const std::weak_ptr<ModuleArchive> archive = Current(folder / "x.vxe");
+    ArchiveIndex::Process().ForgetUnused();
+    EXPECT_TRUE(archive.expired());
+}

@@ -1,0 +1,456 @@
+#include "vex_core/modules/chunk_cache.h"
+
+#include "support/temp_folder.h"
+#include "vex_core/modules/archive_index.h"
+#include "vex_core/os/folder_calls.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace VexCore;
+using namespace VexCore::ChunkCacheFormat;
+
+namespace {
+
+const std::string key(64, 'a');
+
+std::vector<Item> Items()
+{
+    return {{"/x.vxe/a.lua", 6, "chunk a"}, {"/x.vxe/b.lua", 6, std::string_view("\0b", 2)}, {"/y.vxe/a.lua", 6, ""}};
+}
+
+/// Reads a whole file the way the cache does.
+bool ReadAll(const std::string& file, std::string_view wantedKey, std::vector<ChunkRecord>& records)
+{
+    Header header;
+    if (file.size() < headerBytes
+        || !ParseHeader(std::string_view(file).substr(0, headerBytes), wantedKey, file.size(), header))
+        return false;
+    return ParseIndex(std::string_view(file).substr(headerBytes, header.count * recordBytes), header, records);
+}
+
+std::vector<std::string> Names(const std::string& folder)
+{
+    std::vector<std::string> names;
+    for (const auto& item : std::filesystem::directory_iterator(folder))
+        names.push_back(item.path().filename().string());
+    return names;
+}
+
+int g_failAt = 0;
+int g_calls = 0;
+bool g_fatal = false;
+
+/// Lets the n-th call fail, or ends the process right before it.
+int FailNth(const os::Call&)
+{
+    if (++g_calls != g_failAt)
+        return 0;
+    if (g_fatal)
+        ::_exit(77);
+    return EIO;
+}
+
+class ChunkCacheTest : public testing::Test
+{
+protected:
+    ~ChunkCacheTest() override
+    {
+        os::SetCallObserver(nullptr);
+        ChunkCache::ForgetUnused();
+    }
+    std::shared_ptr<ChunkCache> Fresh()
+    {
+        ChunkCache::ForgetUnused();
+        return ChunkCache::Get(cacheFolder, key);
+    }
+    ::Test::TempFolder folder;
+    const std::string cacheFolder = folder / "cache";
+    std::string buffer;
+    std::string_view chunk;
+};
+
+} // namespace
+
+TEST(ChunkCacheFormatTest, FileThatIsNotAsLongAsItSaysIsNone)
+{
+    const std::string file = Build(key, Items());
+    const std::string_view head = std::string_view(file).substr(0, headerBytes);
+    Header header;
+    EXPECT_TRUE(ParseHeader(head, key, file.size(), header));
+    EXPECT_FALSE(ParseHeader(head, key, file.size() - 1, header));
+    EXPECT_FALSE(ParseHeader(head, key, file.size() + 1, header));
+}
+
+TEST(ChunkCacheFormatTest, WhatIsBuiltIsRead)
+{
+    const std::string file = Build(key, Items());
+    std::vector<ChunkRecord> records;
+    ASSERT_TRUE(ReadAll(file, key, records));
+    ASSERT_EQ(records.size(), 3u);
+    for (const Item& item : Items()) {
+        bool found = false;
+        for (const ChunkRecord& record : records) {
+            std::string_view view;
+            const auto bytes = std::string_view(file).substr(record.offset, record.nameLength + record.chunkLength);
+            if (record.nameHash == HashName(item.name) && ParseRecord(bytes, record, item.name, view)) {
+                found = true;
+                EXPECT_EQ(view, item.chunk);
+                EXPECT_EQ(record.archiveLength, 6u);
+            }
+        }
+        EXPECT_TRUE(found) << item.name;
+    }
+}
+
+TEST(ChunkCacheFormatTest, AFileOfAnotherKeyIsRefused)
+{
+    std::vector<ChunkRecord> records;
+    EXPECT_FALSE(ReadAll(Build(key, Items()), std::string(64, 'b'), records));
+}
+
+TEST(ChunkCacheFormatTest, EveryFlippedBitIsNoticed)
+{
+    const std::string good = Build(key, Items());
+    for (std::size_t i = 0; i < good.size() * 8; ++i) {
+        std::string bad = good;
+        bad[i / 8] = char(bad[i / 8] ^ (1 << (i % 8)));
+        std::vector<ChunkRecord> records;
+        if (!ReadAll(bad, key, records))
+            continue;
+        int whole = 0;
+        for (const ChunkRecord& record : records) {
+            const auto bytes = std::string_view(bad).substr(record.offset, record.nameLength + record.chunkLength);
+            for (const Item& item : Items()) {
+                std::string_view view;
+                if (ParseRecord(bytes, record, item.name, view)) {
+                    ++whole;
+                    EXPECT_EQ(view, item.chunk);
+                }
+            }
+        }
+        EXPECT_EQ(whole, 2) << "bit " << i;
+    }
+}
+
+TEST(ChunkCacheFormatTest, ARecordThatPointsOutOfTheFileIsRefused)
+{
+    Header header;
+    header.count = 1;
+    header.fileBytes = headerBytes + recordBytes + 10;
+    const auto parses = [&header](std::uint64_t offset, std::uint32_t nameLength, std::uint32_t chunkLength) {
+        std::string index(recordBytes, '\0');
+        std::memcpy(&index[8], &offset, 8);
+        std::memcpy(&index[16], &nameLength, 4);
+        std::memcpy(&index[24], &chunkLength, 4);
+        // The checksum of the index as the header promises it: taken from a file that was built with it.
+        const std::string built = Build(key, {{"", 0, ""}});
+        std::vector<ChunkRecord> records;
+        header.indexChecksum = 0;
+        for (std::uint32_t table[256] = {}, i = 0; i < 1; ++i) {
+            for (std::uint32_t n = 0; n < 256; ++n) {
+                table[n] = n;
+                for (int bit = 0; bit < 8; ++bit)
+                    table[n] = table[n] & 1 ? 0xedb88320u ^ (table[n] >> 1) : table[n] >> 1;
+            }
+            std::uint32_t crc = 0xffffffffu;
+            for (const char character : index)
+                crc = table[(crc ^ static_cast<unsigned char>(character)) & 0xff] ^ (crc >> 8);
+            header.indexChecksum = crc ^ 0xffffffffu;
+        }
+        return ParseIndex(index, header, records);
+    };
+    const std::uint64_t data = headerBytes + recordBytes;
+    EXPECT_TRUE(parses(data, 4, 6));
+    EXPECT_FALSE(parses(data, 4, 7));
+    EXPECT_FALSE(parses(data - 1, 4, 6));
+    EXPECT_FALSE(parses(data + 11, 0, 0));
+    EXPECT_FALSE(parses(~std::uint64_t(0), 4, 6));
+    EXPECT_FALSE(parses(data, 0xffffffffu, 0xffffffffu));
+}
+
+TEST(ChunkCacheKeyTest, DependsOnArchiveAndLua)
+{
+    EXPECT_EQ(ChunkCache::Key("a", "b").size(), 64u);
+    EXPECT_EQ(ChunkCache::Key("a", "b"), ChunkCache::Key("a", "b"));
+    EXPECT_NE(ChunkCache::Key("a", "b"), ChunkCache::Key("a", "c"));
+    EXPECT_NE(ChunkCache::Key("a", "b"), ChunkCache::Key("c", "b"));
+}
+
+TEST_F(ChunkCacheTest, AChunkThatWaitsIsFoundAlready)
+{
+    Fresh()->Add("/x.vxe/a.lua", 6, "code");
+    EXPECT_FALSE(std::filesystem::exists(cacheFolder));
+    EXPECT_TRUE(ChunkCache::Get(cacheFolder, key)->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_EQ(chunk, "code");
+}
+
+TEST_F(ChunkCacheTest, AWrittenChunkIsFoundByTheNextProcess)
+{
+    auto cache = Fresh();
+    cache->Add("/x.vxe/a.lua", 6, "code");
+    cache->Flush();
+    cache.reset();
+    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_EQ(chunk, "code");
+    EXPECT_FALSE(Fresh()->Find("/y.vxe/a.lua", buffer, chunk));
+    EXPECT_FALSE(Fresh()->Find("/x.vxe/b.lua", buffer, chunk));
+}
+
+TEST_F(ChunkCacheTest, ManyChunksAreWrittenWithoutAFlush)
+{
+    Fresh()->Add("/x.vxe/a.lua", 6, std::string(9 << 20, 'x'));
+    EXPECT_EQ(Names(cacheFolder).size(), 1u);
+}
+
+TEST_F(ChunkCacheTest, WhatHasWaitedTwoSecondsIsWrittenAtTheNextLookup)
+{
+    Fresh()->Add("/x.vxe/a.lua", 6, "code");
+    ChunkCache::FlushOld();
+    EXPECT_FALSE(std::filesystem::exists(cacheFolder));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    ChunkCache::FlushOld();
+    EXPECT_EQ(Names(cacheFolder).size(), 1u);
+}
+
+TEST_F(ChunkCacheTest, WhatWaitsIsWrittenWhenTheProcessExits)
+{
+    // A chunk is added in a child that ends by exit, as a host does that never closes its interpreter.
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ChunkCache::Get(cacheFolder, std::string(64, 'c'))->Add("/x.vxe/a.lua", 6, "code");
+        std::exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(ChunkCache::Get(cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", buffer, chunk));
+}
+
+TEST_F(ChunkCacheTest, WritersKeepEachOthersChunks)
+{
+    ChunkCache one(cacheFolder, key);
+    ChunkCache two(cacheFolder, key);
+    one.Add("/x.vxe/a.lua", 6, "a");
+    two.Add("/x.vxe/b.lua", 6, "b");
+    one.Flush();
+    two.Flush();
+    const auto cache = Fresh();
+    EXPECT_TRUE(cache->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_TRUE(cache->Find("/x.vxe/b.lua", buffer, chunk));
+}
+
+TEST_F(ChunkCacheTest, ANewChunkReplacesTheOldOne)
+{
+    auto cache = Fresh();
+    cache->Add("/x.vxe/a.lua", 6, "old");
+    cache->Flush();
+    cache->Add("/x.vxe/a.lua", 6, "new");
+    cache->Flush();
+    cache.reset();
+    ASSERT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_EQ(chunk, "new");
+}
+
+TEST_F(ChunkCacheTest, AFileKeepsTheChunksOfEightPaths)
+{
+    const auto cache = Fresh();
+    for (int i = 0; i < 12; ++i) {
+        cache->Add("/x" + std::to_string(i) + ".vxe/a.lua", 6 + std::to_string(i).size(), "a");
+        cache->Flush();
+    }
+    int found = 0;
+    for (int i = 0; i < 12; ++i)
+        found += cache->Find("/x" + std::to_string(i) + ".vxe/a.lua", buffer, chunk);
+    EXPECT_EQ(found, 8);
+    EXPECT_TRUE(cache->Find("/x11.vxe/a.lua", buffer, chunk)) << "the newest stays";
+}
+
+TEST_F(ChunkCacheTest, ManyCachesKeepFewFilesOpen)
+{
+    std::vector<std::shared_ptr<ChunkCache>> caches;
+    for (int i = 0; i < 40; ++i) {
+        caches.push_back(ChunkCache::Get(cacheFolder, std::string(62, 'd') + std::to_string(10 + i)));
+        caches.back()->Add("/x.vxe/a.lua", 6, "code");
+        caches.back()->Flush();
+    }
+    const auto openFiles = [this] {
+        int count = 0;
+        for (const auto& item : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code error;
+            const std::string target = std::filesystem::read_symlink(item.path(), error).string();
+            count += target.compare(0, cacheFolder.size(), cacheFolder) == 0;
+        }
+        return count;
+    };
+    for (int round = 0; round < 2; ++round)
+        for (const auto& cache : caches)
+            EXPECT_TRUE(cache->Find("/x.vxe/a.lua", buffer, chunk));
+    if (!std::filesystem::exists("/proc/self/fd"))
+        GTEST_SKIP() << "no list of open files here";
+    EXPECT_LE(openFiles(), 16);
+}
+
+TEST_F(ChunkCacheTest, FilesThatNobodyUsedForLongAndLeftoversAreSweptAndOthersStay)
+{
+    ::Test::TempFolder place;
+    const std::string swept = place / "cache";
+    std::filesystem::create_directory(swept);
+    ASSERT_EQ(::chmod(swept.c_str(), 0700), 0);
+    const auto file = [&swept](const std::string& name, long ageSeconds) {
+        ::Test::WriteFile(swept + "/" + name, "x");
+        struct timespec times[2];
+        ::clock_gettime(CLOCK_REALTIME, &times[0]);
+        times[0].tv_sec -= ageSeconds;
+        times[1] = times[0];
+        ASSERT_EQ(::utimensat(AT_FDCWD, (swept + "/" + name).c_str(), times, 0), 0);
+    };
+    file("month.luac", 31 * 24 * 3600);
+    file("week.luac", 7 * 24 * 3600);
+    file("tmp-1-1-1", 2 * 3600);
+    file("tmp-2-2-2", 60);
+    file("notours.txt", 100 * 24 * 3600);
+    for (int i = 0; i < 1010; ++i)
+        file("old" + std::to_string(i) + ".luac", 8 * 24 * 3600);
+    const auto cache = ChunkCache::Get(swept, key);
+    cache->Add("/x.vxe/a.lua", 6, "code");
+    cache->Flush();
+    const auto names = Names(swept);
+    EXPECT_THAT(names, testing::Not(testing::Contains("month.luac")));
+    EXPECT_THAT(names, testing::Contains("week.luac"));
+    EXPECT_THAT(names, testing::Not(testing::Contains("tmp-1-1-1")));
+    EXPECT_THAT(names, testing::Contains("tmp-2-2-2"));
+    EXPECT_THAT(names, testing::Contains("notours.txt"));
+    EXPECT_LE(names.size(), 1002u);
+}
+
+TEST_F(ChunkCacheTest, AFileInUseIsMarkedSo)
+{
+    auto cache = Fresh();
+    cache->Add("/x.vxe/a.lua", 6, "code");
+    cache->Flush();
+    cache.reset();
+    const std::string file = cacheFolder + "/" + Names(cacheFolder)[0];
+    struct timespec times[2] = {{1000, 0}, {1000, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
+    struct stat status;
+    ASSERT_EQ(::stat(file.c_str(), &status), 0);
+    EXPECT_GT(status.st_mtime, 1000);
+}
+
+TEST_F(ChunkCacheTest, AFileThatIsALinkOrReadableByOthersIsNotUsed)
+{
+    auto cache = Fresh();
+    cache->Add("/x.vxe/a.lua", 6, "code");
+    cache->Flush();
+    cache.reset();
+    const std::string file = cacheFolder + "/" + Names(cacheFolder)[0];
+    ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+    EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
+    ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
+    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
+    std::filesystem::rename(file, folder / "moved");
+    ASSERT_EQ(::symlink((folder / "moved").c_str(), file.c_str()), 0);
+    EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
+}
+
+TEST_F(ChunkCacheTest, EveryFailingCallCostsOnlyTime)
+{
+    for (g_failAt = 1; g_failAt < 200; ++g_failAt) {
+        std::filesystem::remove_all(cacheFolder);
+        {
+            ChunkCache before(cacheFolder, key);
+            before.Add("/x.vxe/a.lua", 6, "a");
+            before.Flush();
+        }
+        ChunkCache cache(cacheFolder, key);
+        g_calls = 0;
+        os::SetCallObserver(FailNth);
+        EXPECT_TRUE(!cache.Find("/x.vxe/a.lua", buffer, chunk) || chunk == "a");
+        cache.Add("/x.vxe/b.lua", 6, "b");
+        cache.Flush();
+        EXPECT_TRUE(!cache.Find("/x.vxe/b.lua", buffer, chunk) || chunk == "b");
+        const bool reached = g_calls >= g_failAt;
+        os::SetCallObserver(nullptr);
+        ChunkCache after(cacheFolder, key);
+        EXPECT_TRUE(!after.Find("/x.vxe/b.lua", buffer, chunk) || chunk == "b");
+        if (!reached)
+            break;
+    }
+    EXPECT_GT(g_failAt, 10);
+    EXPECT_LT(g_failAt, 200);
+}
+
+TEST_F(ChunkCacheTest, AProcessKilledAtAnyCallLeavesAWholeFile)
+{
+    g_fatal = true;
+    for (g_failAt = 1; g_failAt < 200; ++g_failAt) {
+        std::filesystem::remove_all(cacheFolder);
+        {
+            ChunkCache before(cacheFolder, key);
+            before.Add("/x.vxe/a.lua", 6, "a");
+            before.Flush();
+        }
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            g_calls = 0;
+            os::SetCallObserver(FailNth);
+            ChunkCache cache(cacheFolder, key);
+            cache.Add("/x.vxe/b.lua", 6, "b");
+            cache.Flush();
+            ::_exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status));
+        ChunkCache after(cacheFolder, key);
+        EXPECT_TRUE(after.Find("/x.vxe/a.lua", buffer, chunk)) << g_failAt;
+        after.Add("/x.vxe/c.lua", 6, "c");
+        after.Flush();
+        EXPECT_TRUE(after.Find("/x.vxe/c.lua", buffer, chunk)) << g_failAt;
+        if (WEXITSTATUS(status) == 0)
+            break;
+    }
+    g_fatal = false;
+    EXPECT_GT(g_failAt, 10);
+    EXPECT_LT(g_failAt, 200);
+}
+
+TEST_F(ChunkCacheTest, ManyThreadsAndWritersDoNotHurtEachOther)
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([this, t] {
+            const auto mine = std::make_shared<ChunkCache>(cacheFolder, key);
+            const auto shared = ChunkCache::Get(cacheFolder, key);
+            for (int i = 0; i < 20; ++i) {
+                const std::string name = "/x.vxe/" + std::to_string(i) + ".lua";
+                for (const auto& cache : {mine, shared}) {
+                    std::string own;
+                    std::string_view found;
+                    const bool known = cache->Find(name, own, found);
+                    EXPECT_TRUE(!known || found == "code " + name);
+                    if (!known)
+                        cache->Add(name, 6, "code " + name);
+                    if ((i + t) % 5 == 0)
+                        cache->Flush();
+                }
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (const std::string& name : Names(cacheFolder))
+        EXPECT_NE(name.compare(0, 4, "tmp-"), 0) << name;
+}

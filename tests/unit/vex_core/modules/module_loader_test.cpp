@@ -1,0 +1,984 @@
+#include "vex/core/dom.h"
+#include "vex_core/modules/archive_index.h"
+#include "vex_core/modules/chunk_cache.h"
+#include "vex_core/os/folder_calls.h"
+
+#include "support/odd_archives.h"
+#include "support/temp_folder.h"
+#include "support/zip_builder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <wx/log.h>
+
+#include <lua.hpp>
+
+using namespace VexCore;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+using Files = std::vector<std::pair<std::string, std::string>>;
+
+std::string Archive(const Files& files, std::uint16_t method = 8)
+{
+    ::Test::ZipBuilder builder;
+    for (const auto& file : files)
+        builder.Add(file.first, file.second, method);
+    return builder.Build();
+}
+
+/// What the framework's log gets.
+class LogLines : public wxLog
+{
+public:
+    LogLines() : m_previous(wxLog::SetActiveTarget(this)) {}
+    ~LogLines() override { wxLog::SetActiveTarget(m_previous); }
+    std::vector<std::string> lines;
+
+protected:
+    void DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo&) override
+    {
+        lines.push_back(std::to_string(level) + " " + std::string(message.utf8_str()));
+    }
+
+private:
+    wxLog* m_previous;
+};
+
+/// A Lua state as a host prepares it.
+class Lua
+{
+public:
+    explicit Lua(CDom* dom) : m_state(luaL_newstate())
+    {
+        luaL_openlibs(m_state);
+        Run("package.path = '' package.cpath = ''");
+        lua_pushcfunction(m_state, [](lua_State* state) {
+            static_cast<CDom*>(lua_touserdata(state, 1))->RegisterLoader(state);
+            return 0;
+        });
+        lua_pushlightuserdata(m_state, dom);
+        EXPECT_EQ(lua_pcall(m_state, 1, 0, 0), LUA_OK) << lua_tostring(m_state, -1);
+    }
+    ~Lua() { lua_close(m_state); }
+    Lua(const Lua&) = delete;
+    Lua& operator=(const Lua&) = delete;
+
+    /// The chunk's first result as text, or its error.
+    std::string Run(const std::string& code)
+    {
+        std::string result;
+        if (luaL_loadstring(m_state, code.c_str()) != LUA_OK || lua_pcall(m_state, 0, 1, 0) != LUA_OK)
+            result = "error: ";
+        std::size_t length = 0;
+        const char* const text = luaL_tolstring(m_state, -1, &length);
+        result.append(text, length);
+        lua_pop(m_state, 2);
+        return result;
+    }
+    lua_State* State() { return m_state; }
+
+private:
+    lua_State* m_state;
+};
+
+std::string Dumped(const std::string& code)
+{
+    lua_State* const state = luaL_newstate();
+    EXPECT_EQ(luaL_loadbuffer(state, code.data(), code.size(), "=made elsewhere"), LUA_OK);
+    std::string chunk;
+    lua_dump(
+        state,
+        [](lua_State*, const void* data, std::size_t size, void* out) {
+            static_cast<std::string*>(out)->append(static_cast<const char*>(data), size);
+            return 0;
+        },
+        &chunk);
+    lua_close(state);
+    return chunk;
+}
+
+std::vector<std::string> FilesBelow(const std::string& folder)
+{
+    std::vector<std::string> files;
+    if (std::filesystem::exists(folder))
+        for (const auto& item : std::filesystem::directory_iterator(folder))
+            files.push_back(item.path().string());
+    return files;
+}
+
+std::vector<std::string> g_calls;
+std::vector<std::string> g_opened;
+
+int NoteCall(const os::Call& call)
+{
+    g_calls.push_back(call.name);
+    if (g_calls.back() == "open")
+        g_opened.push_back(call.path);
+    return 0;
+}
+
+class ModuleLoaderTest : public testing::Test
+{
+protected:
+    ModuleLoaderTest() : dom(CDom::New(nullptr, nullptr, nullptr, false))
+    {
+        std::filesystem::create_directories(folder / "bin/vex_core");
+        std::filesystem::create_directories(folder / "work");
+        dom->Set("app.path.bin", folder / "bin");
+    }
+    ~ModuleLoaderTest() override
+    {
+        dom->Release();
+        ArchiveIndex::Process().ForgetUnused();
+        ChunkCache::ForgetUnused();
+    }
+
+    /// Writes the archive the way an installation does, by renaming, and puts it last on the search path.
+    std::string Add(const std::string& name, const Files& files)
+    {
+        return AddBytes(name, Archive(files));
+    }
+    std::string AddBytes(const std::string& name, const std::string& bytes)
+    {
+        const std::string path = folder / name;
+        Replace(path, bytes);
+        std::string list = dom->Get("app.lua.zippath");
+        dom->Set("app.lua.zippath", list.empty() ? path : list + ";" + path);
+        return path;
+    }
+    void Replace(const std::string& path, const std::string& bytes)
+    {
+        ::Test::WriteFile(path + ".new", bytes);
+        std::filesystem::rename(path + ".new", path);
+    }
+    void UseCache() { dom->Set("app.path.work", folder / "work"); }
+    std::string CacheFolder() { return folder / "work/cache"; }
+    std::vector<std::string> CacheFiles() { return FilesBelow(CacheFolder()); }
+
+    ::Test::TempFolder folder;
+    CDom* dom;
+};
+
+} // namespace
+
+TEST_F(ModuleLoaderTest, AModuleIsAFileNamedAfterItInAnArchive)
+{
+    Add("x.vxe", {{"a/b.lua", "return 'found'"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "found");
+}
+
+TEST_F(ModuleLoaderTest, AModuleMayBeTheInitFileOfItsFolder)
+{
+    Add("x.vxe", {{"a/b/init.lua", "return 'init'"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "init");
+}
+
+TEST_F(ModuleLoaderTest, TheFileComesBeforeTheInitFile)
+{
+    Add("x.vxe", {{"a/init.lua", "return 'init'"}, {"a.lua", "return 'file'"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "file");
+}
+
+TEST_F(ModuleLoaderTest, TheInitFileOfAnEarlierArchiveComesBeforeTheFileOfALaterOne)
+{
+    Add("x.vxe", {{"a/init.lua", "return 'init of x'"}});
+    Add("y.vxe", {{"a.lua", "return 'file of y'"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "init of x");
+}
+
+TEST_F(ModuleLoaderTest, TheFirstArchiveOnThePathWins)
+{
+    Add("x.vxe", {{"a.lua", "return 'x'"}});
+    Add("y.vxe", {{"a.lua", "return 'y'"}, {"b.lua", "return 'y'"}});
+    Lua lua(dom);
+    EXPECT_EQ(lua.Run("return require 'a'"), "x");
+    EXPECT_EQ(lua.Run("return require 'b'"), "y");
+}
+
+TEST_F(ModuleLoaderTest, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
+{
+    std::filesystem::create_directories(folder / "given");
+    std::filesystem::create_directories(folder / "rest");
+    const std::string archive = Add("x.vxe", {{"m.lua", "return 'archive'"}});
+    ::Test::WriteFile(folder / "given/m.lua", "return 'given'");
+    ::Test::WriteFile(folder / "rest/m.lua", "return 'rest'");
+    dom->Set("app.lua.path", (folder / "given") + "/?.lua");
+    Lua lua(dom);
+    lua.Run("package.path = '" + (folder / "given/?.lua") + ";" + (folder / "rest/?.lua") + "' "
+            "package.preload.m = function() return 'preload' end");
+    const std::string again = "package.loaded.m = nil return require 'm'";
+    EXPECT_EQ(lua.Run(again), "preload");
+    lua.Run("package.preload.m = nil");
+    EXPECT_EQ(lua.Run(again), "given");
+    std::filesystem::remove(folder / "given/m.lua");
+    EXPECT_EQ(lua.Run(again), "archive");
+    std::filesystem::remove(archive);
+    {
+        LogLines log;
+        EXPECT_EQ(lua.Run(again), "rest");
+    }
+}
+
+TEST_F(ModuleLoaderTest, ATemplateThatAScriptAddsIsSearchedAfterTheArchives)
+{
+    Add("x.vxe", {{"m.lua", "return 'archive'"}});
+    ::Test::WriteFile(folder / "m.lua", "return 'stray'");
+    ::Test::WriteFile(folder / "n.lua", "return 'stray'");
+    Lua lua(dom);
+    lua.Run("package.path = '" + (folder / "?.lua") + ";' .. package.path");
+    EXPECT_EQ(lua.Run("return require 'm'"), "archive");
+    EXPECT_EQ(lua.Run("return require 'n'"), "stray");
+}
+
+TEST_F(ModuleLoaderTest, WhatIsGivenIsAskedAtEachLookup)
+{
+    Add("x.vxe", {{"m.lua", "return 'archive'"}});
+    ::Test::WriteFile(folder / "m.lua", "return 'file'");
+    Lua lua(dom);
+    lua.Run("package.path = '" + (folder / "?.lua") + "'");
+    const std::string again = "package.loaded.m = nil return require 'm'";
+    EXPECT_EQ(lua.Run(again), "archive");
+    dom->Set("app.lua.path", folder / "?.lua");
+    EXPECT_EQ(lua.Run(again), "file");
+}
+
+TEST_F(ModuleLoaderTest, NativeModulesComeAfterTheRestOfThePath)
+{
+    Lua lua(dom);
+    lua.Run("package.path = '/p/?.lua' package.cpath = '/c/?.so'");
+    const std::string error = lua.Run("return require 'm'");
+    EXPECT_LT(error.find("/p/m.lua"), error.find("/c/m.so"));
+    EXPECT_NE(error.find("/c/m.so"), std::string::npos);
+}
+
+TEST_F(ModuleLoaderTest, AModuleOfAPlainFileGetsItsNameAndPath)
+{
+    ::Test::WriteFile(folder / "m.lua", "return table.concat({...}, ' ')");
+    Lua lua(dom);
+    lua.Run("package.path = '" + (folder / "?.lua") + "'");
+    EXPECT_EQ(lua.Run("return require 'm'"), "m " + (folder / "m.lua"));
+}
+
+TEST_F(ModuleLoaderTest, ABrokenPlainFileIsAnErrorThatNamesIt)
+{
+    ::Test::WriteFile(folder / "m.lua", "return return");
+    Lua lua(dom);
+    lua.Run("package.path = '" + (folder / "?.lua") + "'");
+    EXPECT_THAT(lua.Run("return require 'm'"), HasSubstr("error loading module 'm' from file '" + (folder / "m.lua") + "'"));
+}
+
+TEST_F(ModuleLoaderTest, APathThatIsNoTextIsLuasOwnError)
+{
+    Lua lua(dom);
+    EXPECT_THAT(lua.Run("package.path = nil return require 'm'"), HasSubstr("'package.path' must be a string"));
+}
+
+TEST_F(ModuleLoaderTest, AnArchiveAddedLaterIsFound)
+{
+    Add("x.vxe", {{"a.lua", "return 1"}});
+    Lua lua(dom);
+    EXPECT_THAT(lua.Run("return require 'b'"), HasSubstr("module 'b' not found"));
+    Add("y.vxe", {{"b.lua", "return 2"}});
+    EXPECT_EQ(lua.Run("return require 'b'"), "2");
+}
+
+TEST_F(ModuleLoaderTest, TheChunkIsNamedAfterArchiveAndFile)
+{
+    const std::string path = Add("x.vxe", {{"a/b.lua", "return debug.getinfo(1, 'S').source"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "@" + path + "/a/b.lua");
+}
+
+TEST_F(ModuleLoaderTest, TheChunkGetsItsModuleNameAndItsPath)
+{
+    const std::string path = Add("x.vxe", {{"a/b.lua", "return table.concat({...}, ' ')"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "a.b " + path + "/a/b.lua");
+}
+
+TEST_F(ModuleLoaderTest, AModuleThatIsNotFoundListsEveryPlaceInItsOrder)
+{
+    const std::string x = Add("x.vxe", {{"a.lua", "return 1"}});
+    const std::string y = Add("y.vxe", {{"a.lua", "return 1"}});
+    dom->Set("app.lua.path", "/given/?.lua");
+    Lua lua(dom);
+    lua.Run("package.path = '/given/?.lua;/rest/?.lua' package.cpath = '/c/?.so'");
+    EXPECT_THAT(lua.Run("return require 'p.q'"),
+                EndsWith("module 'p.q' not found:\n\tno field package.preload['p.q']\n\tno file '/given/p/q.lua'\n\tno file '" + x
+                         + "/p/q.lua'\n\tno file '" + x + "/p/q/init.lua'\n\tno file '" + y + "/p/q.lua'\n\tno file '" + y
+                         + "/p/q/init.lua'\n\tno file '/rest/p/q.lua'\n\tno file '/c/p/q.so'\n\tno file '/c/p.so'"));
+}
+
+TEST_F(ModuleLoaderTest, AnArchiveTwiceOnThePathIsListedOnce)
+{
+    const std::string x = Add("x.vxe", {{"a.lua", "return 1"}});
+    dom->Set("app.lua.zippath", x + ";" + x + ";;");
+    const std::string error = Lua(dom).Run("return require 'b'");
+    EXPECT_EQ(error.find(x + "/b.lua"), error.rfind(x + "/b.lua"));
+}
+
+TEST_F(ModuleLoaderTest, ARelativeArchiveLiesBesideTheLauncher)
+{
+    ::Test::WriteFile(folder / "bin/x.vxe", Archive({{"a.lua", "return ({...})[2]"}}));
+    dom->Set("app.lua.zippath", "x.vxe");
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), folder / "bin/x.vxe/a.lua");
+}
+
+TEST_F(ModuleLoaderTest, ADamagedArchiveIsOneWarningAndPassedOver)
+{
+    const std::string bad = AddBytes("bad.vxe", "this is no archive");
+    Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}});
+    LogLines log;
+    Lua lua(dom);
+    Lua other(dom);
+    EXPECT_EQ(lua.Run("return require 'a'"), "a");
+    EXPECT_EQ(lua.Run("return require 'b'"), "b");
+    EXPECT_EQ(other.Run("return require 'b'"), "b");
+    ASSERT_EQ(log.lines.size(), 1u);
+    std::string why;
+    ASSERT_FALSE(ZipArchive::Open(bad, ZipLimits(), why));
+    ASSERT_FALSE(why.empty());
+    EXPECT_EQ(log.lines[0],
+              std::to_string(wxLOG_Warning) + " Lua archive '" + bad + "' is passed over until it changes: " + why);
+    EXPECT_THAT(lua.Run("return require 'c'"), HasSubstr("\n\tno archive '" + bad + "' ("));
+}
+
+TEST_F(ModuleLoaderTest, NothingIsLoadedFromAnArchiveWhoseHeadersBreakAnyRule)
+{
+    // Most of the broken archives hold a sound lib/a.lua beside their fault.
+    const std::string path = AddBytes("odd.vxe", "");
+    Add("x.vxe", {{"lib/a.lua", "return 'from the sound archive'"}});
+    for (const ::Test::BrokenArchive& broken : ::Test::BrokenArchives()) {
+        SCOPED_TRACE(broken.story);
+        Replace(path, broken.bytes);
+        LogLines log;
+        EXPECT_EQ(Lua(dom).Run("return require 'lib.a'"), "from the sound archive");
+        ASSERT_EQ(log.lines.size(), 1u);
+        EXPECT_THAT(log.lines[0], HasSubstr(broken.reason));
+    }
+    Replace(path, ::Test::PlainPackage().Build());
+    EXPECT_EQ(Lua(dom).Run("return require 'lib.a'"), "1");
+}
+
+TEST_F(ModuleLoaderTest, ADamagedArchiveIsUsedOnceItIsWhole)
+{
+    const std::string path = AddBytes("x.vxe", "this is no archive");
+    LogLines log;
+    Lua lua(dom);
+    EXPECT_THAT(lua.Run("return require 'a'"), StartsWith("error"));
+    Replace(path, Archive({{"a.lua", "return 'a'"}}));
+    EXPECT_EQ(lua.Run("return require 'a'"), "a");
+    EXPECT_EQ(log.lines.size(), 1u);
+}
+
+TEST_F(ModuleLoaderTest, AnArchiveDamagedAnewIsWarnedOfAnew)
+{
+    const std::string path = AddBytes("x.vxe", "this is no archive");
+    LogLines log;
+    Lua lua(dom);
+    lua.Run("return require 'a'");
+    Replace(path, "nor is this");
+    lua.Run("return require 'a'");
+    lua.Run("return require 'a'");
+    EXPECT_EQ(log.lines.size(), 2u);
+}
+
+TEST_F(ModuleLoaderTest, AMissingArchiveIsPassedOverUntilItAppears)
+{
+    const std::string path = folder / "x.vxe";
+    dom->Set("app.lua.zippath", path);
+    LogLines log;
+    Lua lua(dom);
+    EXPECT_THAT(lua.Run("return require 'a'"), StartsWith("error"));
+    EXPECT_EQ(log.lines.size(), 1u);
+    Replace(path, Archive({{"a.lua", "return 'a'"}}));
+    EXPECT_EQ(lua.Run("return require 'a'"), "a");
+}
+
+TEST_F(ModuleLoaderTest, AnArchiveThatIsAFifoOrAFolderIsPassedOver)
+{
+    ASSERT_EQ(::mkfifo((folder / "fifo.vxe").c_str(), 0600), 0);
+    std::filesystem::create_directory(folder / "folder.vxe");
+    dom->Set("app.lua.zippath", (folder / "fifo.vxe") + ";" + (folder / "folder.vxe"));
+    Add("x.vxe", {{"a.lua", "return 'a'"}});
+    LogLines log;
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "a");
+    EXPECT_EQ(log.lines.size(), 2u);
+}
+
+TEST_F(ModuleLoaderTest, AnArchiveReplacedOnDiskIsOpenedAnew)
+{
+    for (const bool cached : {false, true}) {
+        if (cached)
+            UseCache();
+        const std::string path = folder / "x.vxe";
+        dom->Set("app.lua.zippath", path);
+        Replace(path, Archive({{"a.lua", "return 'old'"}, {"gone.lua", "return 1"}}));
+        Lua lua(dom);
+        EXPECT_EQ(lua.Run("return require 'a'"), "old");
+        Replace(path, Archive({{"a.lua", "return 'new'"}, {"b.lua", "return 'b'"}}));
+        EXPECT_EQ(lua.Run("return require 'a'"), "old") << "a loaded module stays";
+        EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), "new");
+        EXPECT_EQ(lua.Run("return require 'b'"), "b");
+        EXPECT_THAT(lua.Run("return require 'gone'"), StartsWith("error"));
+    }
+}
+
+TEST_F(ModuleLoaderTest, AnArchiveOverwrittenInPlaceIsOpenedAnew)
+{
+    const std::string path = Add("x.vxe", {{"a.lua", "return 'old'"}});
+    Lua lua(dom);
+    EXPECT_EQ(lua.Run("return require 'a'"), "old");
+    ::Test::WriteFile(path, Archive({{"a.lua", "return 'newer'"}}));
+    EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), "newer");
+}
+
+TEST_F(ModuleLoaderTest, AnEarlierArchiveThatGainsTheModuleWinsAtOnce)
+{
+    const std::string x = Add("x.vxe", {{"a.lua", "return 'x'"}});
+    Add("y.vxe", {{"b.lua", "return 'y'"}});
+    Lua lua(dom);
+    EXPECT_EQ(lua.Run("return require 'b'"), "y");
+    Replace(x, Archive({{"b.lua", "return 'x'"}}));
+    EXPECT_EQ(lua.Run("package.loaded.b = nil return require 'b'"), "x");
+}
+
+TEST_F(ModuleLoaderTest, ASyntaxErrorNamesModuleAndFileAndDoesNotFallThrough)
+{
+    const std::string x = Add("x.vxe", {{"a.lua", "local = 1"}});
+    Add("y.vxe", {{"a.lua", "return 'y'"}});
+    const std::string error = Lua(dom).Run("return require 'a'");
+    EXPECT_THAT(error, HasSubstr("error loading module 'a' from file '" + x + "/a.lua':\n\t"));
+    EXPECT_THAT(error, HasSubstr("a.lua:1:"));
+}
+
+TEST_F(ModuleLoaderTest, ADamagedEntryNamesModuleAndFileAndDoesNotFallThrough)
+{
+    ::Test::ZipBuilder builder;
+    builder.Add("a.lua", "return 'whole'", 0).packed[0] ^= 1;
+    builder.Add("b.lua", "return 'b'");
+    const std::string x = AddBytes("x.vxe", builder.Build());
+    Add("y.vxe", {{"a.lua", "return 'y'"}});
+    Lua lua(dom);
+    EXPECT_THAT(lua.Run("return require 'a'"), HasSubstr("error loading module 'a' from file '" + x + "/a.lua':\n\t"));
+    EXPECT_EQ(lua.Run("return require 'b'"), "b");
+}
+
+TEST_F(ModuleLoaderTest, ARunTimeErrorNamesArchiveAndLine)
+{
+    Add("x.vxe", {{"a.lua", "\n\nerror('oh')"}});
+    EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("x.vxe/a.lua:3: oh"));
+}
+
+TEST_F(ModuleLoaderTest, APrecompiledChunkIsRefusedOutsideTheCoreArchives)
+{
+    const std::string path = Add("x.vxe", {{"a.lua", Dumped("return 'compiled'")}});
+    const std::string error = Lua(dom).Run("return require 'a'");
+    EXPECT_THAT(error, HasSubstr("error loading module 'a' from file '" + path + "/a.lua':\n\ta precompiled chunk"));
+}
+
+TEST_F(ModuleLoaderTest, APrecompiledChunkBehindAFirstLineCommentIsRefusedToo)
+{
+    Add("x.vxe", {{"a.lua", "#!/usr/bin/lua\n" + Dumped("return 'compiled'")}});
+    EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("a precompiled chunk"));
+}
+
+TEST_F(ModuleLoaderTest, APrecompiledChunkIsLoadedFromTheCoreArchives)
+{
+    Add("bin/vex_core/x.vxe", {{"a.lua", Dumped("return 'compiled'")}, {"b.lua", "#x\n" + Dumped("return 'b'")}});
+    Lua lua(dom);
+    EXPECT_EQ(lua.Run("return require 'a'"), "compiled");
+    EXPECT_EQ(lua.Run("return require 'b'"), "b");
+}
+
+TEST_F(ModuleLoaderTest, APathThatOnlyLooksLikeTheCoreFolderIsNotCore)
+{
+    Add("bin/vex_core/../x.vxe", {{"a.lua", Dumped("return 'compiled'")}});
+    EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("a precompiled chunk"));
+    std::filesystem::create_directories(folder / "vex_core");
+    Add("vex_core/y.vxe", {{"b.lua", Dumped("return 'compiled'")}});
+    EXPECT_THAT(Lua(dom).Run("return require 'b'"), HasSubstr("a precompiled chunk"));
+}
+
+TEST_F(ModuleLoaderTest, AByteOrderMarkAndAFirstLineCommentAreSkippedAsInPlainFiles)
+{
+    Add("x.vxe", {{"a.lua", "\xEF\xBB\xBF#!/usr/bin/lua\nreturn debug.getinfo(1, 'l').currentline"},
+                  {"b.lua", "\xEF\xBB\xBFreturn 'b'"},
+                  {"c.lua", "#"},
+                  {"d.lua", ""}});
+    Lua lua(dom);
+    EXPECT_EQ(lua.Run("return require 'a'"), "2");
+    EXPECT_EQ(lua.Run("return require 'b'"), "b");
+    EXPECT_EQ(lua.Run("return require 'c'"), "true");
+    EXPECT_EQ(lua.Run("return require 'd'"), "true");
+}
+
+TEST_F(ModuleLoaderTest, OddModuleNamesAreNotFoundAndDoNoHarm)
+{
+    Add("x.vxe", {{"a.lua", "return 1"}, {"a/b.lua", "return 'b'"}});
+    Lua lua(dom);
+    for (const char* name : {"", ".", "..", "..a", "a.", "/a", "%s", "a%d"})
+        EXPECT_THAT(lua.Run(std::string("return require '") + name + "'"), StartsWith("error: ")) << name;
+    EXPECT_EQ(lua.Run("return require 'a/b'"), "b");
+    EXPECT_THAT(lua.Run("return require(string.rep('x', 100000))"), HasSubstr("not found"));
+    EXPECT_THAT(lua.Run("return require {}"), HasSubstr("string expected"));
+}
+
+TEST_F(ModuleLoaderTest, NamesWithAccentsAreFound)
+{
+    const std::string path = Add("pl\xC3\xA4ne.vxe", {{"gr\xC3\xB6\xC3\x9F" "e.lua", "return ({...})[2]"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'gr\xC3\xB6\xC3\x9F" "e'"), path + "/gr\xC3\xB6\xC3\x9F" "e.lua");
+}
+
+TEST_F(ModuleLoaderTest, AnEmptySearchPathIsNoError)
+{
+    EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("module 'a' not found:"));
+}
+
+TEST_F(ModuleLoaderTest, RegisteringTwiceChangesNothing)
+{
+    Lua lua(dom);
+    const std::string count = lua.Run("return #package.searchers");
+    dom->RegisterLoader(lua.State());
+    EXPECT_EQ(lua.Run("return #package.searchers"), count);
+    EXPECT_EQ(count, "6");
+}
+
+TEST_F(ModuleLoaderTest, RegisteringLeavesTheStackAsItWas)
+{
+    Lua lua(dom);
+    EXPECT_EQ(lua_gettop(lua.State()), 0);
+}
+
+TEST_F(ModuleLoaderTest, WithoutThePackageLibraryRegisteringIsALuaError)
+{
+    lua_State* const state = luaL_newstate();
+    lua_pushcfunction(state, [](lua_State* inner) {
+        static_cast<CDom*>(lua_touserdata(inner, 1))->RegisterLoader(inner);
+        return 0;
+    });
+    lua_pushlightuserdata(state, dom);
+    EXPECT_EQ(lua_pcall(state, 1, 0, 0), LUA_ERRRUN);
+    EXPECT_THAT(lua_tostring(state, -1), HasSubstr("'package'"));
+    lua_close(state);
+}
+
+TEST_F(ModuleLoaderTest, AFinaliserThatRequiresWhileTheStateClosesIsHarmless)
+{
+    Add("x.vxe", {{"a.lua", "return 1"}});
+    lua_State* const state = luaL_newstate();
+    luaL_openlibs(state);
+    ASSERT_EQ(luaL_dostring(state, "early = setmetatable({}, {__gc = function() pcall(require, 'a') end})"), LUA_OK);
+    dom->RegisterLoader(state);
+    lua_close(state);
+}
+
+TEST_F(ModuleLoaderTest, EveryFailingAllocationOfLuaIsALuaError)
+{
+    UseCache();
+    Add("x.vxe", {{"a/init.lua", "local t = {...} return {1, 'text', function() return t end}"}});
+    static std::atomic<long> budget;
+    const auto allocate = [](void*, void* block, std::size_t oldSize, std::size_t size) -> void* {
+        if (size == 0) {
+            std::free(block);
+            return nullptr;
+        }
+        const bool shrinks = block && size <= oldSize; // which Lua takes for granted
+        return shrinks || budget-- > 0 ? std::realloc(block, size) : nullptr;
+    };
+    int failures = 0;
+    for (long n = 0; n < 1000; ++n) {
+        ChunkCache::ForgetUnused();
+        std::filesystem::remove_all(CacheFolder());
+        budget = 1000000;
+        lua_State* const state = lua_newstate(allocate, nullptr);
+        luaL_openlibs(state);
+        lua_pushcfunction(state, [](lua_State* inner) {
+            static_cast<CDom*>(lua_touserdata(inner, 1))->RegisterLoader(inner);
+            lua_getglobal(inner, "require");
+            lua_pushliteral(inner, "a");
+            lua_call(inner, 1, 0);
+            return 0;
+        });
+        lua_pushlightuserdata(state, dom);
+        budget = n;
+        const int status = lua_pcall(state, 1, 0, 0);
+        budget = 1000000;
+        lua_close(state);
+        if (status == LUA_OK)
+            break;
+        ASSERT_EQ(status, LUA_ERRMEM) << n;
+        ++failures;
+    }
+    EXPECT_GT(failures, 20);
+    EXPECT_LT(failures, 999);
+}
+
+TEST_F(ModuleLoaderTest, ManyThreadsLoadFromTheSameArchivesWhileTheyAreReplaced)
+{
+    UseCache();
+    Files files;
+    for (int i = 0; i < 40; ++i)
+        files.emplace_back("m" + std::to_string(i) + ".lua", "return " + std::to_string(i));
+    const std::string x = Add("x.vxe", {{"other.lua", "return 1"}});
+    const std::string y = Add("y.vxe", files);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 3; ++round) {
+                Lua lua(dom);
+                for (int i = 0; i < 40; ++i)
+                    if (lua.Run("return require 'm" + std::to_string(i) + "'") != std::to_string(i))
+                        ++wrong;
+            }
+        });
+    for (int i = 0; i < 10; ++i) {
+        Replace(x, Archive({{"other" + std::to_string(i) + ".lua", "return 1"}}));
+        Replace(y, Archive(files));
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(ModuleLoaderTest, AnArchiveIsOpenedOnceForAllInterpreters)
+{
+    const std::vector<std::string> both = {Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}}),
+                                           Add("y.vxe", {{"c.lua", "return 'c'"}})};
+    g_opened.clear();
+    os::SetCallObserver(NoteCall);
+    {
+        Lua one(dom);
+        Lua two(dom);
+        EXPECT_EQ(one.Run("return require 'a' .. require 'c'"), "ac");
+        EXPECT_EQ(two.Run("return require 'c' .. require 'b'"), "cb");
+    }
+    EXPECT_EQ(Lua(dom).Run("return require 'b' .. require 'a'"), "ba");
+    os::SetCallObserver(nullptr);
+    EXPECT_EQ(g_opened, both);
+}
+
+TEST_F(ModuleLoaderTest, ALimitOfArchivesCountsHereToo)
+{
+    dom->SetWx("app.unzip.maxentries", std::int64_t(1));
+    Add("x.vxe", {{"a.lua", "return 'x'"}, {"b.lua", "return 'x'"}});
+    Add("y.vxe", {{"a.lua", "return 'y'"}});
+    LogLines log;
+    Lua lua(dom);
+    EXPECT_EQ(lua.Run("return require 'a'"), "y");
+    EXPECT_EQ(log.lines.size(), 1u);
+
+    // What is on the path next is opened by the limits of now, not by those of a second ago.
+    dom->SetWx("app.unzip.maxentries", std::int64_t(2));
+    dom->SetWx("app.unzip.maxbytes", std::int64_t(10));
+    dom->Set("app.lua.zippath", "");
+    Add("z.vxe", {{"a.lua", "return 'more than ten bytes'"}});
+    Add("short.vxe", {{"a.lua", "return 1"}});
+    EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), "1");
+    EXPECT_EQ(log.lines.size(), 2u);
+}
+
+TEST_F(ModuleLoaderTest, FiveHundredArchivesAreOpenedOnceEach)
+{
+    std::string list;
+    for (int i = 0; i < 500; ++i) {
+        const std::string path = folder / ("x" + std::to_string(i) + ".vxe");
+        ::Test::WriteFile(path, Archive({{"m" + std::to_string(i) + ".lua", "return " + std::to_string(i)}}));
+        list += path + ";";
+    }
+    dom->Set("app.lua.zippath", list);
+    Lua lua(dom);
+    EXPECT_EQ(lua.Run("return require 'm499'"), "499");
+    std::string error;
+    std::vector<std::shared_ptr<const ZipArchive>> open;
+    std::string failure;
+    for (int i = 0; i < 500; ++i) {
+        const auto slot = ArchiveIndex::Process().Slot(folder / ("x" + std::to_string(i) + ".vxe"));
+        open.push_back(slot->Current(ZipLimits(), failure)->Zip(error));
+    }
+    EXPECT_EQ(lua.Run("local n = 0 for i = 0, 499 do n = n + require('m' .. i) end return n"), std::to_string(499 * 250));
+    for (int i = 0; i < 500; ++i) {
+        const auto slot = ArchiveIndex::Process().Slot(folder / ("x" + std::to_string(i) + ".vxe"));
+        EXPECT_EQ(slot->Current(ZipLimits(), failure)->Zip(error), open[std::size_t(i)]);
+    }
+}
+
+// The cache -----------------------------------------------------------------------------------------------------------
+
+TEST_F(ModuleLoaderTest, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNextTime)
+{
+    UseCache();
+    const std::string path = Add("x.vxe", {{"a.lua", "return debug.getinfo(1, 'S').source .. ' ' .. ..."}});
+    const std::string expected = "@" + path + "/a.lua a";
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), expected);
+    ASSERT_EQ(CacheFiles().size(), 1u);
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), expected);
+
+    // Proof that the second one did not come from the source: a cached chunk that was changed, with right checksums.
+    const std::string key = std::filesystem::path(CacheFiles()[0]).stem().string();
+    ASSERT_EQ(key.size(), 64u);
+    const std::string name = path + "/a.lua";
+    const std::string chunk = Dumped("return 'from the cache'");
+    const ChunkCacheFormat::Item item{name, std::uint32_t(path.size()), chunk};
+    ::Test::WriteFile(CacheFiles()[0], ChunkCacheFormat::Build(key, {item}));
+    ASSERT_EQ(::chmod(CacheFiles()[0].c_str(), 0600), 0);
+    ChunkCache::ForgetUnused();
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "from the cache");
+}
+
+TEST_F(ModuleLoaderTest, TheCacheFileIsNamedByTheArchivesDirectoryAndThisLuasFormat)
+{
+    UseCache();
+    const std::string path = Add("x.vxe", {{"a.lua", "return 1"}});
+    Lua(dom).Run("return require 'a'");
+    const std::string format = Dumped("return 1").substr(0, 18);
+    ASSERT_EQ(format.substr(0, 5), "\x1BLua\x52");
+    ASSERT_EQ(format.substr(7, 4), (std::string{sizeof(int), sizeof(std::size_t), 4, sizeof(lua_Number)}));
+    std::string error;
+    const std::string key =
+        ChunkCache::Key(ZipArchive::Open(path, ZipLimits(), error)->DirectorySha256(), LUA_RELEASE " " + format);
+    EXPECT_EQ(CacheFiles(), std::vector<std::string>{CacheFolder() + "/" + key + ".luac"});
+}
+
+TEST_F(ModuleLoaderTest, TheCacheLiesInTheWorkFolderOfNow)
+{
+    Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}, {"c.lua", "return 'c'"}});
+    std::filesystem::create_directory(folder / "other");
+    {
+        Lua lua(dom);
+        EXPECT_EQ(lua.Run("return require 'a'"), "a") << "there is no work folder yet";
+        UseCache();
+        EXPECT_EQ(lua.Run("return require 'b'"), "b");
+        dom->Set("app.path.work", folder / "other");
+        EXPECT_EQ(lua.Run("return require 'c'"), "c");
+    }
+    EXPECT_EQ(CacheFiles().size(), 1u);
+    EXPECT_EQ(FilesBelow(folder / "other/cache").size(), 1u);
+}
+
+TEST_F(ModuleLoaderTest, TheCacheFolderAndItsFilesAreOurs)
+{
+    UseCache();
+    Add("x.vxe", {{"a.lua", "return 1"}});
+    Lua(dom).Run("return require 'a'");
+    struct stat status;
+    ASSERT_EQ(::stat(CacheFolder().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700u);
+    ASSERT_EQ(CacheFiles().size(), 1u);
+    ASSERT_EQ(::stat(CacheFiles()[0].c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(ModuleLoaderTest, TheSameArchiveAtTwoPathsHasOneCacheFileAndTwoChunkNames)
+{
+    UseCache();
+    const Files files{{"a.lua", "return debug.getinfo(1, 'S').source"}};
+    const std::string x = Add("x.vxe", files);
+    const std::string y = Add("y.vxe", files);
+    for (int round = 0; round < 2; ++round) {
+        for (const std::string& path : {x, y}) {
+            dom->Set("app.lua.zippath", path);
+            EXPECT_EQ(Lua(dom).Run("return require 'a'"), "@" + path + "/a.lua") << round;
+        }
+        ChunkCache::ForgetUnused();
+    }
+    EXPECT_EQ(CacheFiles().size(), 1u);
+}
+
+TEST_F(ModuleLoaderTest, TheSettingTurnsTheCacheOff)
+{
+    UseCache();
+    dom->Set("app.lua.cache", false);
+    Add("x.vxe", {{"a.lua", "return 1"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+    EXPECT_FALSE(std::filesystem::exists(CacheFolder()));
+}
+
+TEST_F(ModuleLoaderTest, TheSettingsFileTurnsTheCacheOff)
+{
+    UseCache();
+    ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=false\n");
+    dom->Set("app.path.ini", folder / "x.ini");
+    Add("x.vxe", {{"a.lua", "return 1"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+    EXPECT_FALSE(std::filesystem::exists(CacheFolder()));
+}
+
+TEST_F(ModuleLoaderTest, AChangedSettingsFileCountsFromTheNextSecondOn)
+{
+    UseCache();
+    ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=false\n");
+    dom->Set("app.path.ini", folder / "x.ini");
+    Add("x.vxe", {{"a.lua", "return 1"}, {"b.lua", "return 2"}});
+    {
+        Lua lua(dom);
+        EXPECT_EQ(lua.Run("return require 'a'"), "1");
+        ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=true\n");
+        std::this_thread::sleep_for(std::chrono::milliseconds(1050));
+        EXPECT_EQ(lua.Run("return require 'b'"), "2");
+    }
+    EXPECT_EQ(CacheFiles().size(), 1u);
+}
+
+namespace {
+
+/// All files below a folder with their sizes.
+std::vector<std::string> WholeTree(const std::string& folder)
+{
+    std::vector<std::string> files;
+    for (const auto& item : std::filesystem::recursive_directory_iterator(folder))
+        files.push_back(item.path().string() + (item.is_regular_file() ? " " + std::to_string(item.file_size()) : ""));
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+} // namespace
+
+TEST_F(ModuleLoaderTest, NoModuleIsUnpackedToDisk)
+{
+    UseCache();
+    dom->Set("app.lua.cache", false);
+    Add("x.vxe", {{"a.lua", "return 'a'"}, {"b/init.lua", "return 'b'"}, {"big.lua", "return #'" + std::string(200000, 'x') + "'"}});
+    Add("bin/vex_core/y.vxe", {{"c.lua", Dumped("return 'c'")}});
+    const std::vector<std::string> before = WholeTree(folder.Path());
+    ::setenv("TMPDIR", (folder / "work").c_str(), 1);
+    g_calls.clear();
+    os::SetCallObserver(NoteCall);
+    EXPECT_EQ(Lua(dom).Run("return require 'a' .. require 'b' .. require 'big' .. require 'c'"), "ab200000c");
+    os::SetCallObserver(nullptr);
+    ::unsetenv("TMPDIR");
+    EXPECT_THAT(g_calls, testing::Contains("pread"));
+    EXPECT_THAT(g_calls, testing::Each(testing::AnyOf("stat", "open", "fstat", "pread", "close")));
+    EXPECT_EQ(WholeTree(folder.Path()), before);
+}
+
+TEST_F(ModuleLoaderTest, AModuleOfAbsurdSizeIsAnErrorAndNoMemoryIsSpentOnIt)
+{
+    // Well formed, and a thousandth of what it unpacks to.
+    const std::string path = AddBytes("x.vxe", Archive({{"big.lua", "--" + std::string((64 << 20) - 1, 'x')}, {"a.lua", "return 1"}}));
+    ASSERT_LT(std::filesystem::file_size(path), 200000u);
+    Lua lua(dom);
+    EXPECT_EQ(lua.Run("require 'big'"), "error: error loading module 'big' from file '" + path
+                                            + "/big.lua':\n\tit has 67108865 bytes, and a module may have 67108864");
+    EXPECT_EQ(lua.Run("return require 'a'"), "1");
+}
+
+TEST_F(ModuleLoaderTest, ACacheFolderThatOthersMayEnterIsNotUsed)
+{
+    UseCache();
+    std::filesystem::create_directory(CacheFolder());
+    ASSERT_EQ(::chmod(CacheFolder().c_str(), 0755), 0);
+    Add("x.vxe", {{"a.lua", "return 1"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+    EXPECT_TRUE(CacheFiles().empty());
+}
+
+TEST_F(ModuleLoaderTest, ACacheFolderThatIsALinkOrAFileIsNotUsed)
+{
+    UseCache();
+    std::filesystem::create_directory(folder / "elsewhere");
+    ASSERT_EQ(::chmod((folder / "elsewhere").c_str(), 0700), 0);
+    ASSERT_EQ(::symlink((folder / "elsewhere").c_str(), CacheFolder().c_str()), 0);
+    Add("x.vxe", {{"a.lua", "return 1"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+    EXPECT_TRUE(FilesBelow(folder / "elsewhere").empty());
+    std::filesystem::remove(CacheFolder());
+    ::Test::WriteFile(CacheFolder(), "a file");
+    ChunkCache::ForgetUnused();
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+}
+
+TEST_F(ModuleLoaderTest, ACacheFolderOfAnotherUserIsNotUsed)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can give files away";
+    UseCache();
+    const std::string path = Add("x.vxe", {{"a.lua", "return 'source'"}});
+    Lua(dom).Run("return require 'a'");
+    const std::string file = CacheFiles()[0];
+    const std::string key = std::filesystem::path(file).stem().string();
+    const std::string name = path + "/a.lua";
+    const std::string chunk = Dumped("return 'poison'");
+    const ChunkCacheFormat::Item item{name, std::uint32_t(path.size()), chunk};
+    ::Test::WriteFile(file, ChunkCacheFormat::Build(key, {item}));
+
+    ASSERT_EQ(::chown(CacheFolder().c_str(), 12345, 12345), 0);
+    ChunkCache::ForgetUnused();
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "source");
+    ASSERT_EQ(::chown(CacheFolder().c_str(), 0, 0), 0);
+    ASSERT_EQ(::chown(file.c_str(), 12345, 12345), 0);
+    ChunkCache::ForgetUnused();
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "source");
+}
+
+TEST_F(ModuleLoaderTest, AnyDamageOfTheCacheFileCostsOnlyTime)
+{
+    UseCache();
+    Add("x.vxe", {{"a.lua", "return 'right ' .. ..."}, {"b/init.lua", "local t = {1, 2.5, 'x'} return #t"}});
+    const std::string code = "return require 'a' .. require 'b'";
+    ASSERT_EQ(Lua(dom).Run(code), "right a3");
+    const std::string file = CacheFiles()[0];
+    const std::string good = ::Test::ReadFile(file);
+    dom->Set("app.lua.cache", true);
+    std::vector<std::string> damaged;
+    const std::size_t step = std::getenv("VEX_FULL") ? 1 : 7;
+    for (std::size_t i = 0; i < good.size(); i += step) {
+        std::string bad = good;
+        bad[i] = char(bad[i] ^ (1 << (i % 8)));
+        damaged.push_back(bad);
+    }
+    for (std::size_t length = 0; length < good.size(); length += 3 * step)
+        damaged.push_back(good.substr(0, length));
+    damaged.push_back(good + "more");
+    damaged.push_back(std::string(good.size(), '\0'));
+    for (const std::string& bad : damaged) {
+        ::Test::WriteFile(file, bad);
+        ChunkCache::ForgetUnused();
+        ASSERT_EQ(Lua(dom).Run(code), "right a3");
+    }
+    EXPECT_EQ(CacheFiles().size(), 1u);
+    EXPECT_EQ(::Test::ReadFile(file).size(), good.size()) << "it is mended";
+}
+
+TEST_F(ModuleLoaderTest, PrecompiledChunksAreNotCached)
+{
+    UseCache();
+    Add("bin/vex_core/x.vxe", {{"a.lua", Dumped("return 'compiled'")}});
+    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "compiled");
+    EXPECT_TRUE(CacheFiles().empty());
+}
+
+TEST_F(ModuleLoaderTest, AFinaliserThatLoadsAModuleLeavesTheOneThatIsBeingCompiledAlone)
+{
+    const auto listOf = [](const std::string& word) {
+        std::string code = "return {";
+        for (int i = 0; i < 1000; ++i)
+            code += "'" + word + std::to_string(i) + "',";
+        return code + "}";
+    };
+    Add("x.vxe", {{"outer.lua", listOf("outer")}, {"inner.lua", listOf("INNER")}});
+    // The compiler makes strings, and that may run finalisers; with these settings it surely does.
+    EXPECT_EQ(Lua(dom).Run("collectgarbage('setpause', 0) collectgarbage('setstepmul', 100000)"
+                           "local finalised = 0 "
+                           "setmetatable({}, {__gc = function() finalised = finalised + 1; require 'inner' end}) "
+                           "local list = require 'outer' "
+                           "local wrong = 1000 - #list "
+                           "for i, text in ipairs(list) do if text ~= 'outer' .. i - 1 then wrong = wrong + 1 end end "
+                           "return finalised .. ' ' .. wrong"),
+              "1 0");
+}

@@ -1,0 +1,235 @@
+#include "vex/core/processexit.h"
+
+#include "support/stranger.h"
+#include "support/temp_folder.h"
+#include "vex/core/agentevent.h"
+#include "vex/core/log.h"
+#include "vex/core/luainterpreter.h"
+#include "vex/core/runnable.h"
+#include "vex_core/events/agentevent_store.h"
+#include "vex_core/base/wait.h"
+#include "vex_core/lua/workers.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <wx/app.h>
+#include <wx/evtloop.h>
+#include <wx/log.h>
+#include <wx/sstream.h>
+
+using namespace VexCore;
+
+namespace {
+
+class Thread : public CRunnable
+{
+public:
+    explicit Thread(std::function<void()> body) : CRunnable(false, -1, false), m_body(std::move(body)) {}
+
+protected:
+    void OnRun() override { m_body(); }
+
+private:
+    std::function<void()> m_body;
+};
+
+/// Starts threads that are never destroyed: the process ends while they run.
+void Launch(std::function<void()> body, bool takesPartInStop)
+{
+    auto* thread = new Thread(std::move(body));
+    thread->start(50, takesPartInStop, 0);
+}
+
+void ServeLoop()
+{
+    wxEventLoop loop;
+    wxEventLoopActivator activator(&loop);
+    loop.Run();
+}
+
+class ProcessExitTest : public ::testing::Test
+{
+protected:
+    ProcessExitTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+
+    /// Says on standard error that `exit` ran its handlers, and so its destructors.
+    static void TellAtExit()
+    {
+        std::atexit([] { std::fputs("handlers ran", stderr); });
+    }
+};
+
+TEST_F(ProcessExitTest, MainThreadExitsAsUsual)
+{
+    EXPECT_EXIT((TellAtExit(), ExitProcessFromThread(3)), ::testing::ExitedWithCode(3), "handlers ran");
+}
+
+TEST_F(ProcessExitTest, AnotherThreadParksTheMainThreadInItsLoop)
+{
+    EXPECT_EXIT(
+        {
+            TellAtExit();
+            Launch([] { ExitProcessFromThread(4); }, true);
+            ServeLoop();
+            std::fputs("main came back", stderr);
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(4), "^handlers ran$");
+}
+
+TEST_F(ProcessExitTest, ExitOfALuaScriptDoesTheSame)
+{
+    EXPECT_EXIT(
+        {
+            TellAtExit();
+            Launch(
+                [] {
+                    CLuaInterpreter lua(false, L"exit", true);
+                    wxStringInputStream in("os.exit(6)");
+                    lua.RunScript(in, 0, 0, "exit", nullptr);
+                },
+                true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(6), "^handlers ran$");
+}
+
+TEST_F(ProcessExitTest, MainThreadThatWaitsForThreadsToEndIsParkedThere)
+{
+    EXPECT_EXIT(
+        {
+            Launch(
+                [] {
+                    while (!CRunnable::Current()->TestDestroy())
+                        WaitPoint::OfThisThread().Sleep(-1);
+                    ExitProcessFromThread(5);
+                },
+                true);
+            StopAllWorkers(60000);
+            std::fputs("main came back", stderr);
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(5), "");
+}
+
+TEST_F(ProcessExitTest, NoDestructorRunsUnderAnotherThreadOfOurs)
+{
+    EXPECT_EXIT(
+        {
+            TellAtExit();
+            Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
+            Launch([] { ExitProcessFromThread(7); }, true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(7), "^$");
+}
+
+TEST_F(ProcessExitTest, LogAndStandardOutputAreEmptiedAlsoWithoutDestructors)
+{
+    EXPECT_EXIT(
+        {
+            ::dup2(2, 1);
+            std::printf("printed");
+            wxLog::SetActiveTarget(new CLog2Disk);
+            ::Test::LogFromAStranger("queued, and held for want of a place");
+            Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
+            Launch([] { ExitProcessFromThread(7); }, true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(7), "/thread\\] queued, and held for want of a place\nprinted$");
+}
+
+/// Takes its time over what the main thread writes, and says when it has begun.
+class SlowInMain : public CLog2Disk
+{
+public:
+    explicit SlowInMain(std::promise<void>& begun) : m_begun(begun) {}
+
+protected:
+    void DoLogRecord(wxLogLevel level, const wxString& text, const wxLogRecordInfo& info) override
+    {
+        if (wxThread::IsMain()) {
+            m_begun.set_value();
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        }
+        CLog2Disk::DoLogRecord(level, text, info);
+    }
+
+private:
+    std::promise<void>& m_begun;
+};
+
+TEST_F(ProcessExitTest, LineThatTheMainThreadIsWritingIsWaitedForAlsoWithoutDestructors)
+{
+    EXPECT_EXIT(
+        {
+            static std::promise<void> begun;
+            wxLog::SetActiveTarget(new SlowInMain(begun));
+            ::Test::LogFromAStranger("taken out of the queue");
+            Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
+            Launch(
+                [] {
+                    begun.get_future().wait();
+                    ExitProcessFromThread(7);
+                },
+                true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(7), "/thread\\] taken out of the queue\n$");
+}
+
+TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
+{
+    static const ::Test::TempFolder folder;
+    static const std::string work = folder / "later";
+    EXPECT_EXIT(
+        {
+            std::atexit([] { std::fputs(std::filesystem::exists(work + "/events.db") ? "stored in time" : "lost", stderr); });
+            GetEventStore(work)->Write(CAgentEvent());
+            std::filesystem::create_directory(work);
+            ExitProcessFromThread(3);
+        },
+        ::testing::ExitedWithCode(3), "stored in time");
+}
+
+TEST_F(ProcessExitTest, LaterExitWaitsForTheEndThatTheFirstBegan)
+{
+    EXPECT_EXIT(
+        {
+            std::atexit([] {
+                std::thread([] { ExitProcessFromThread(9); }).detach();
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            });
+            Launch([] { ExitProcessFromThread(8); }, true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(8), "");
+}
+
+TEST_F(ProcessExitTest, FirstOfSeveralExitsCounts)
+{
+    EXPECT_EXIT(
+        {
+            for (int i = 0; i < 8; ++i)
+                Launch([] { ExitProcessFromThread(8); }, true);
+            ServeLoop();
+            std::_Exit(1);
+        },
+        ::testing::ExitedWithCode(8), "");
+}
+
+} // namespace

@@ -1,0 +1,317 @@
+#include "vex/core/runnable.h"
+#include "support/sanitized.h"
+
+#include "support/address_limit.h"
+#include "support/log_catcher.h"
+#include "vex/core/dom.h"
+#include "vex/core/log.h"
+#include "vex_core/threads/runnable_p.h"
+#include "vex_core/base/wait.h"
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+#include <wx/log.h>
+
+using namespace VexCore;
+
+namespace {
+
+class Body : public CRunnable
+{
+public:
+    explicit Body(std::function<void(Body&)> body) : CRunnable(false, -1, false), m_body(std::move(body)) {}
+    ~Body() override { join(); }
+    const char* GetThreadName() const override { return "TestBody"; }
+
+protected:
+    void OnRun() override { m_body(*this); }
+
+private:
+    std::function<void(Body&)> m_body;
+};
+
+/// Holds until it is opened.
+class Gate
+{
+public:
+    void Open()
+    {
+        const std::lock_guard<std::mutex> lock(m_lock);
+        m_open = true;
+        m_changed.notify_all();
+    }
+    void Pass()
+    {
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_changed.wait(lock, [this] { return m_open; });
+    }
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    bool m_open = false;
+};
+
+TEST(Runnable, BodyRunsWithItsDomainAndIsTheCurrentOne)
+{
+    int place = 0;
+    CDom* const dom = reinterpret_cast<CDom*>(&place); // only handed through
+    CRunnable* seen = nullptr;
+    Body body([&](Body& self) {
+        seen = CRunnable::Current();
+        EXPECT_EQ(self.GetDom(), dom);
+    });
+    body.SetDom(dom);
+    ASSERT_TRUE(body.start(50, true, 0));
+    EXPECT_TRUE(body.join());
+    EXPECT_EQ(seen, &body);
+    EXPECT_EQ(CRunnable::Current(), nullptr);
+    EXPECT_FALSE(body.Running());
+}
+
+TEST(Runnable, PriorityIsTheOneGivenAtTheStart)
+{
+    Body body([](Body& self) { EXPECT_EQ(self.GetPriority(), 40u); });
+    ASSERT_TRUE(body.start(40, true, 0));
+    EXPECT_TRUE(body.join());
+}
+
+TEST(Runnable, JoinWithATimeLimitTellsWhetherTheBodyEnded)
+{
+    Gate gate;
+    Body body([&](Body&) { gate.Pass(); });
+    ASSERT_TRUE(body.start(50, true, 0));
+    EXPECT_TRUE(body.Running());
+    EXPECT_FALSE(body.join(20));
+    gate.Open();
+    EXPECT_TRUE(body.join(10000));
+    EXPECT_TRUE(body.join(0)) << "joining again is harmless";
+}
+
+TEST(Runnable, SecondStartIsRefusedAndLeavesTheThreadItsLog)
+{
+    ::Test::LogCatcher log;
+    wxLog* const before = wxLog::SetActiveTarget(new VexCore::CLog2Disk);
+    Gate gate;
+    Body body([&](Body&) {
+        gate.Pass();
+        wxLog* const own = wxLog::GetActiveTarget();
+        EXPECT_NE(dynamic_cast<VexCore::CLog2Disk*>(own), nullptr);
+    });
+    ASSERT_TRUE(body.start(50, true, 0));
+    EXPECT_FALSE(body.start(50, true, 0));
+    gate.Open();
+    body.join();
+    EXPECT_FALSE(body.start(50, true, 0)) << "nor does it start again";
+    delete wxLog::SetActiveTarget(before);
+}
+
+TEST(Runnable, SeveralThreadsMayJoin)
+{
+    Gate gate;
+    Body body([&](Body&) { gate.Pass(); });
+    ASSERT_TRUE(body.start(50, true, 0));
+    std::vector<std::thread> joiners;
+    for (int i = 0; i < 4; ++i)
+        joiners.emplace_back([&] { EXPECT_TRUE(body.join()); });
+    gate.Open();
+    for (std::thread& joiner : joiners)
+        joiner.join();
+}
+
+TEST(Runnable, RequestToEndIsSeenAndWakesAWait)
+{
+    std::atomic<int> outcome{-1};
+    Gate started;
+    Body body([&](Body& self) {
+        EXPECT_FALSE(self.TestDestroy());
+        started.Open();
+        outcome = static_cast<int>(WaitPoint::OfThisThread().Sleep(-1));
+        EXPECT_TRUE(self.TestDestroy());
+    });
+    ASSERT_TRUE(body.start(50, true, 0));
+    started.Pass();
+    body.requestExit();
+    EXPECT_TRUE(body.join(10000));
+    EXPECT_EQ(outcome, static_cast<int>(WaitPoint::EOutcome::Ending));
+}
+
+TEST(Runnable, AwakenEndsAWaitAsIfItsTimeWereOver)
+{
+    std::atomic<int> outcome{-1};
+    Body body([&](Body&) { outcome = static_cast<int>(WaitPoint::OfThisThread().Sleep(-1)); });
+    ASSERT_TRUE(body.start(50, true, 0));
+    body.Awaken();
+    EXPECT_TRUE(body.join(10000));
+    EXPECT_EQ(outcome, static_cast<int>(WaitPoint::EOutcome::TimedOut));
+}
+
+TEST(Runnable, DeleteAsksAndJoins)
+{
+    Body body([](Body& self) {
+        while (!self.TestDestroy())
+            WaitPoint::OfThisThread().Sleep(-1);
+    });
+    EXPECT_EQ(body.Delete(), wxTHREAD_NOT_RUNNING);
+    ASSERT_TRUE(body.start(50, true, 0));
+    EXPECT_EQ(body.Delete(), wxTHREAD_NO_ERROR);
+    EXPECT_FALSE(body.Running());
+}
+
+TEST(Runnable, ExceptionInABodyIsLoggedAndEndsOnlyThatThread)
+{
+    ::Test::LogCatcher log;
+    Body body([](Body&) { throw std::runtime_error("went wrong"); });
+    ASSERT_TRUE(body.start(50, true, 0));
+    EXPECT_TRUE(body.join(10000));
+    Body odd([](Body&) { throw 42; });
+    ASSERT_TRUE(odd.start(50, true, 0));
+    EXPECT_TRUE(odd.join(10000));
+    EXPECT_EQ(log.Text(), "Thread \"TestBody\" ended by an exception: went wrong\n"
+                          "Thread \"TestBody\" ended by an exception of unknown type.\n");
+}
+
+#ifdef VEX_TEST_SANITIZED
+TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
+{
+    GTEST_SKIP() << "the sanitizers' own memory is over any limit of the address space";
+}
+#else
+TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
+{
+    ::Test::LogCatcher log;
+    Body body([](Body&) { FAIL() << "must not run"; });
+
+    bool started = true;
+    {
+        const ::Test::AddressLimit allButTheStack(std::size_t(64) << 20);
+        started = body.start(50, true, 1u << 30);
+    }
+
+    EXPECT_FALSE(started);
+    EXPECT_FALSE(body.Running());
+    EXPECT_TRUE(body.join());
+    EXPECT_EQ(log.Text(), "Thread \"TestBody\" could not be started: the system has no room for one more.\n");
+    EXPECT_TRUE(EndRegisteredThreads(0).empty());
+}
+#endif
+
+TEST(Runnable, InterruptEndsABlockingCall)
+{
+    struct sigaction before = {}, nothing = {};
+    nothing.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(CRunnable::SigThreadDelete, &nothing, &before), 0);
+    EXPECT_EQ(CRunnable::SigThreadDelete, SIGRTMIN + 4);
+
+    Body body([&](Body& self) {
+        while (!self.TestDestroy()) {
+            const timespec hour{3600, 0};
+            nanosleep(&hour, nullptr);
+        }
+    });
+    body.interrupt(); // not started: nothing happens
+    ASSERT_TRUE(body.start(50, true, 0));
+    body.requestExit();
+    while (!body.join(20)) // the signal may come just before the call
+        body.interrupt();
+    body.interrupt(); // ended: nothing happens
+    sigaction(CRunnable::SigThreadDelete, &before, nullptr);
+}
+
+#ifdef __GLIBC__
+TEST(Runnable, ThreadHasTheStackAndThePriorityThatItWasStartedWith)
+{
+    const auto stackBytesOf = [](unsigned asked) {
+        std::size_t size = 0;
+        Body body([&](Body&) {
+            pthread_attr_t attributes;
+            ASSERT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
+            pthread_attr_getstacksize(&attributes, &size);
+            pthread_attr_destroy(&attributes);
+        });
+        EXPECT_TRUE(body.start(70, true, asked));
+        EXPECT_TRUE(body.join());
+        EXPECT_EQ(body.GetPriority(), 70u);
+        return size;
+    };
+    constexpr double guards = 65536; // which some versions of the library count and others do not
+    // Sizes above the default, because a sanitizer enlarges smaller ones.
+    EXPECT_NEAR(double(stackBytesOf(12 << 20)), 12 << 20, guards);
+    EXPECT_NEAR(double(stackBytesOf(20 << 20)), 20 << 20, guards);
+}
+#endif
+
+TEST(Runnable, StopAsksThreadsThatTakePartAndNamesThoseThatStay)
+{
+    Gate stubborn;
+    const auto obedient = [](Body& self) {
+        while (!self.TestDestroy())
+            WaitPoint::OfThisThread().Sleep(-1);
+    };
+    Body first(obedient), second(obedient), third([&](Body&) { stubborn.Pass(); }), outside([&](Body&) { stubborn.Pass(); });
+    ASSERT_TRUE(first.start(50, true, 0) && second.start(50, true, 0) && third.start(50, true, 0)
+                && outside.start(50, false, 0));
+    EXPECT_EQ(EndRegisteredThreads(50), std::vector<std::string>{"TestBody"});
+    EXPECT_TRUE(first.join(0) && second.join(0));
+    EXPECT_FALSE(outside.TestDestroy()) << "does not take part";
+    EXPECT_TRUE(OtherRunnablesRun());
+    stubborn.Open();
+    EXPECT_TRUE(EndRegisteredThreads(10000).empty());
+    third.join();
+    outside.join();
+    EXPECT_FALSE(OtherRunnablesRun());
+}
+
+TEST(Runnable, ThreadThatWasAskedBeforeDoesNotGetItsTimeTwice)
+{
+    Gate gate;
+    Body stubborn([&](Body&) { gate.Pass(); });
+    ASSERT_TRUE(stubborn.start(50, true, 0));
+    stubborn.requestExit();
+    EXPECT_FALSE(stubborn.join(1000));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(EndRegisteredThreads(1000), std::vector<std::string>{"TestBody"});
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(800));
+    gate.Open();
+    stubborn.join();
+}
+
+TEST(Runnable, ThreadsThatStartOthersDoNotMakeTheStopLonger)
+{
+    Gate gate;
+    Body late([&](Body&) { gate.Pass(); });
+    Body first([&](Body& self) {
+        while (!self.TestDestroy())
+            WaitPoint::OfThisThread().Sleep(-1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        late.start(50, true, 0);
+    });
+    ASSERT_TRUE(first.start(50, true, 0));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_GE(EndRegisteredThreads(2000).size(), 1u); // on a busy machine the first is still about to leave
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(3000));
+    gate.Open();
+    first.join();
+    late.join();
+}
+
+TEST(Runnable, ThreadThatStopsTheOthersIsNotAskedItself)
+{
+    Body body([](Body& self) {
+        EXPECT_TRUE(EndRegisteredThreads(10000).empty());
+        EXPECT_FALSE(self.TestDestroy());
+        EXPECT_FALSE(OtherRunnablesRun());
+    });
+    ASSERT_TRUE(body.start(50, true, 0));
+    EXPECT_TRUE(body.join(10000));
+}
+
+} // namespace

@@ -1,0 +1,337 @@
+// The reader against archives built for each rule: what is refused says which entry and why, what is valid is read whole.
+#include "vex_core/zip/zip_reader.h"
+
+#include "support/odd_archives.h"
+#include "support/temp_folder.h"
+#include "support/zip_builder.h"
+
+#include <cstdlib>
+#include <map>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace VexCore;
+using namespace Test;
+
+namespace {
+
+class ZipReader : public ::testing::Test
+{
+protected:
+    std::shared_ptr<const ZipArchive> Open(const std::string& bytes, const ZipLimits& limits = ZipLimits())
+    {
+        WriteFile(m_file, bytes);
+        return ZipArchive::Open(m_file, limits, m_error);
+    }
+    std::shared_ptr<const ZipArchive> Open(const ZipBuilder& builder) { return Open(builder.Build()); }
+
+    /// Reads every entry; empty when all went well.
+    static std::string ReadAll(const ZipArchive& archive, std::vector<std::string>* texts = nullptr)
+    {
+        for (const ZipEntry& entry : archive.Entries()) {
+            std::string data, streamed, error;
+            if (!archive.Read(entry, data, error))
+                return entry.name + ": " + error;
+            const auto sink = [&](const char* bytes, std::size_t size) {
+                streamed.append(bytes, size);
+                return true;
+            };
+            if (!archive.Read(entry, sink, error))
+                return entry.name + ": " + error;
+            if (streamed != data || data.size() != entry.size)
+                return entry.name + ": the two ways of reading differ";
+            if (texts)
+                texts->push_back(data);
+        }
+        return "";
+    }
+
+    void ExpectRefused(const ZipBuilder& builder, const std::string& reason) { ExpectRefused(builder.Build(), reason); }
+    void ExpectRefused(const std::string& bytes, const std::string& reason)
+    {
+        EXPECT_EQ(Open(bytes), nullptr) << reason;
+        EXPECT_NE(m_error.find(reason), std::string::npos) << "said: " << m_error << "\nexpected: " << reason;
+        EXPECT_EQ(m_error.find('\n'), std::string::npos);
+    }
+
+    TempFolder m_folder;
+    std::string m_file = m_folder.Path() + "/x.zip";
+    std::string m_error;
+};
+
+} // namespace
+
+TEST_F(ZipReader, PlainPackageIsListedInItsOrderAndReadWhole)
+{
+    const auto archive = Open(PlainPackage());
+    ASSERT_TRUE(archive) << m_error;
+    ASSERT_EQ(archive->Entries().size(), 4u);
+    EXPECT_EQ(archive->Entries()[0].name, "lib/");
+    EXPECT_TRUE(archive->Entries()[0].isFolder);
+    EXPECT_FALSE(archive->Entries()[1].executable);
+    EXPECT_TRUE(archive->Entries()[3].executable);
+    std::vector<std::string> texts;
+    EXPECT_EQ(ReadAll(*archive, &texts), "");
+    EXPECT_EQ(texts, (std::vector<std::string>{"", "return 1\n", "return 2\n", "#!/bin/sh\necho tool\n"}));
+    EXPECT_EQ(archive->Path(), m_file);
+}
+
+TEST_F(ZipReader, EveryBrokenArchiveIsRefusedWithItsReason)
+{
+    std::set<std::string> stories;
+    for (const BrokenArchive& broken : BrokenArchives()) {
+        SCOPED_TRACE(broken.story);
+        EXPECT_TRUE(stories.insert(broken.story).second);
+        ExpectRefused(broken.bytes, broken.reason);
+    }
+}
+
+TEST_F(ZipReader, DamagedDataIsFoundWhenTheEntryIsReadAndTheOthersAreFine)
+{
+    for (const BrokenArchive& broken : ArchivesWithBrokenData()) {
+        SCOPED_TRACE(broken.story);
+        const auto archive = Open(broken.bytes);
+        ASSERT_TRUE(archive) << m_error;
+        std::string data, error;
+        EXPECT_TRUE(archive->Read(*archive->Find("good"), data, error));
+        EXPECT_EQ(data, "good content");
+        EXPECT_FALSE(archive->Read(*archive->Find("bad"), data, error));
+        EXPECT_NE(error.find(broken.reason), std::string::npos) << error;
+        const auto sink = [](const char*, std::size_t) { return true; };
+        EXPECT_FALSE(archive->Read(*archive->Find("bad"), sink, error));
+        EXPECT_NE(error.find(broken.reason), std::string::npos) << error;
+        EXPECT_TRUE(archive->Read(*archive->Find("later"), data, error));
+        EXPECT_EQ(data, "later content");
+    }
+}
+
+TEST_F(ZipReader, RareButValidArchivesAreReadWhole)
+{
+    for (const ValidArchive& valid : ValidArchives()) {
+        SCOPED_TRACE(valid.story);
+        const auto archive = Open(valid.bytes);
+        ASSERT_TRUE(archive) << m_error;
+        ASSERT_EQ(archive->Entries().size(), valid.files.size());
+        std::vector<std::string> texts;
+        EXPECT_EQ(ReadAll(*archive, &texts), "");
+        for (std::size_t i = 0; i < valid.files.size(); ++i) {
+            EXPECT_EQ(archive->Entries()[i].name, valid.files[i].first);
+            EXPECT_EQ(texts[i], valid.files[i].second);
+        }
+    }
+}
+
+TEST_F(ZipReader, NoArchiveCutShortIsAccepted)
+{
+    const std::string whole = PlainPackage().Build();
+    for (std::size_t size = 0; size < whole.size(); ++size)
+        EXPECT_EQ(Open(whole.substr(0, size)), nullptr) << size;
+}
+
+TEST_F(ZipReader, NoChangedByteGoesUnnoticedUnlessItMeansNothing)
+{
+    const std::string whole = PlainPackage().Build();
+    std::vector<std::string> texts;
+    ReadAll(*Open(whole), &texts);
+    std::size_t accepted = 0;
+    for (std::size_t at = 0; at < whole.size(); ++at) {
+        std::string changed = whole;
+        changed[at] = char(changed[at] ^ 0x41);
+        const auto archive = Open(changed);
+        if (!archive)
+            continue;
+        std::vector<std::string> found;
+        if (ReadAll(*archive, &found) != "")
+            continue;
+        ++accepted; // a version, a time, an attribute
+        EXPECT_EQ(found, texts) << at;
+    }
+    EXPECT_LT(accepted, whole.size() / 4);
+}
+
+TEST_F(ZipReader, OneHundredThousandEntriesAreRead)
+{
+    ZipBuilder builder;
+    builder.zip64End = true;
+    for (int i = 0; i < 100000; ++i)
+        builder.Add("d" + std::to_string(i % 100) + "/f" + std::to_string(i), "x", 0);
+    const std::string bytes = builder.Build();
+    const auto archive = Open(bytes);
+    ASSERT_TRUE(archive) << m_error;
+    EXPECT_EQ(archive->Entries().size(), 100000u);
+    EXPECT_TRUE(archive->Find("d99/f99999"));
+    EXPECT_FALSE(archive->Find("d98/f99999"));
+    ZipLimits limits;
+    limits.maxEntries = 99999;
+    EXPECT_FALSE(Open(bytes, limits));
+    EXPECT_NE(m_error.find("more than 99999 entries"), std::string::npos) << m_error;
+    builder.Add("one more", "x", 0);
+    EXPECT_FALSE(Open(builder.Build()));
+    EXPECT_NE(m_error.find("more than 100000 entries"), std::string::npos) << m_error;
+}
+
+TEST_F(ZipReader, LimitOfBytesCountsAllEntriesTogether)
+{
+    ZipBuilder builder;
+    builder.Add("a", std::string(600, 'a'));
+    builder.Add("b", std::string(400, 'b'));
+    ZipLimits limits;
+    limits.maxBytes = 1000;
+    EXPECT_TRUE(Open(builder.Build(), limits)) << m_error;
+    limits.maxBytes = 999;
+    EXPECT_FALSE(Open(builder.Build(), limits));
+    EXPECT_NE(m_error.find("entry \"b\": with it the entries are over 999 bytes"), std::string::npos) << m_error;
+}
+
+TEST_F(ZipReader, EntriesAreFoundByTheirWholeName)
+{
+    const auto archive = Open(PlainPackage());
+    ASSERT_TRUE(archive);
+    EXPECT_EQ(archive->Find("lib/b.lua"), &archive->Entries()[2]);
+    EXPECT_EQ(archive->Find("lib/"), &archive->Entries()[0]);
+    EXPECT_EQ(archive->Find("lib"), nullptr);
+    EXPECT_EQ(archive->Find("lib/b.lua/"), nullptr);
+    EXPECT_EQ(archive->Find(""), nullptr);
+    EXPECT_EQ(archive->Find("zzz"), nullptr);
+}
+
+TEST_F(ZipReader, FifoFolderAndMissingFileAreRefusedAtOnce)
+{
+    ASSERT_EQ(::mkfifo(m_file.c_str(), 0600), 0);
+    EXPECT_EQ(ZipArchive::Open(m_file, ZipLimits(), m_error), nullptr);
+    EXPECT_EQ(m_error, "is no regular file");
+    EXPECT_EQ(ZipArchive::Open(m_folder.Path(), ZipLimits(), m_error), nullptr);
+    EXPECT_EQ(m_error, "is no regular file");
+    EXPECT_EQ(ZipArchive::Open(m_folder / "none", ZipLimits(), m_error), nullptr);
+    EXPECT_EQ(m_error, "cannot be opened: No such file or directory");
+}
+
+TEST_F(ZipReader, FileCutShortUnderTheReaderIsAnErrorAndNoSignal)
+{
+    ZipBuilder builder;
+    builder.Add("small", std::string(100, 'a'), 0);
+    builder.Add("big", std::string(1 << 20, 'b'), 0);
+    const auto archive = Open(builder);
+    ASSERT_TRUE(archive);
+    ASSERT_EQ(::truncate(m_file.c_str(), 50), 0);
+    std::string data, error;
+    for (const char* name : {"small", "big"}) {
+        EXPECT_FALSE(archive->Read(*archive->Find(name), data, error));
+        EXPECT_EQ(error, "the file was cut short while it was read");
+    }
+}
+
+TEST_F(ZipReader, SinkThatHasEnoughEndsTheReadingWithoutAnError)
+{
+    ZipBuilder builder;
+    builder.Add("small", "x");
+    builder.Add("big", std::string(3 << 20, 'b'));
+    builder.Add("stored", std::string(3 << 20, 'b'), 0);
+    const auto archive = Open(builder);
+    ASSERT_TRUE(archive);
+    for (const ZipEntry& entry : archive->Entries()) {
+        int calls = 0;
+        std::string error = "before";
+        const auto sink = [&calls](const char*, std::size_t) {
+            ++calls;
+            return false;
+        };
+        EXPECT_FALSE(archive->Read(entry, sink, error));
+        EXPECT_EQ(error, "");
+        EXPECT_EQ(calls, 1);
+    }
+}
+
+TEST_F(ZipReader, DirectoryHashNamesTheContentAndNotTheFile)
+{
+    ZipBuilder builder = PlainPackage();
+    const std::string first = Open(builder)->DirectorySha256();
+    EXPECT_EQ(first.size(), 64u);
+    builder.comment = "another comment";
+    EXPECT_EQ(Open(builder)->DirectorySha256(), first);
+    builder.Add("more", "x");
+    EXPECT_NE(Open(builder)->DirectorySha256(), first);
+    EXPECT_EQ(Open(ZipBuilder())->DirectorySha256(),
+              "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+}
+
+TEST_F(ZipReader, IdentityTellsAReplacedFile)
+{
+    const auto archive = Open(PlainPackage());
+    struct stat status;
+    ::stat(m_file.c_str(), &status);
+    EXPECT_TRUE(archive->Identity() == IdentityOf(status));
+    WriteFile(m_folder / "other", PlainPackage().Build());
+    ASSERT_EQ(::rename((m_folder / "other").c_str(), m_file.c_str()), 0);
+    ::stat(m_file.c_str(), &status);
+    EXPECT_TRUE(archive->Identity() != IdentityOf(status));
+    std::string data, error;
+    EXPECT_TRUE(archive->Read(*archive->Find("lib/a.lua"), data, error)) << "the old file is still open";
+}
+
+TEST_F(ZipReader, ThreadsReadOneArchiveAtTheSameTime)
+{
+    ZipBuilder builder = PlainPackage();
+    builder.Add("big", std::string(1 << 20, 'b'));
+    const auto archive = Open(builder);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 20; ++round)
+                EXPECT_EQ(ReadAll(*archive), "");
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+TEST_F(ZipReader, ArchivesOfOtherProgramsAreAccepted)
+{
+    const std::string make = "cd '" + m_folder.Path() + "' && mkdir -p tree/sub/empty && printf hello > tree/sub/a.txt"
+                             + " && cp /bin/sh tree/tool && printf x > 'tree/\xc3\xa9'";
+    ASSERT_EQ(std::system(make.c_str()), 0);
+    const std::map<std::string, std::string> programs = {
+        {"zip", "zip -qr $OUT tree"},
+        {"zip to a pipe", "zip -qr - tree | cat > $OUT"},
+        {"zip, stored", "zip -q0r $OUT tree"},
+        {"zip, ZIP64", "zip -q -fz -r $OUT tree"},
+        {"zip, comment", "zip -qr $OUT tree && echo a comment | zip -qz $OUT"},
+        {"bsdtar", "bsdtar -a -cf $OUT tree"},
+        {"bsdtar to a pipe", "bsdtar --format zip -cf - tree | cat > $OUT"},
+        {"bsdtar, stored", "bsdtar --format zip --options zip:compression=store -cf $OUT tree"},
+        {"Python", "python3 -m zipfile -c $OUT tree"},
+    };
+    for (const auto& [program, command] : programs) {
+        SCOPED_TRACE(program);
+        ::unlink(m_file.c_str());
+        const std::string name = program.substr(0, program.find_first_of(" ,"));
+        const std::string binary = name == "Python" ? "python3" : name;
+        if (std::system(("command -v " + binary + " > /dev/null").c_str()) != 0) {
+            std::printf("SKIPPED: there is no %s here\n", binary.c_str());
+            continue;
+        }
+        const std::string run = "cd '" + m_folder.Path() + "' && OUT=x.zip && " + command;
+        ASSERT_EQ(std::system(run.c_str()), 0);
+        const auto archive = ZipArchive::Open(m_file, ZipLimits(), m_error);
+        ASSERT_TRUE(archive) << m_error;
+        EXPECT_EQ(ReadAll(*archive), "");
+        std::string data, error;
+        ASSERT_TRUE(archive->Find("tree/sub/a.txt"));
+        EXPECT_TRUE(archive->Read(*archive->Find("tree/sub/a.txt"), data, error));
+        EXPECT_EQ(data, "hello");
+        ASSERT_TRUE(archive->Find("tree/tool"));
+        EXPECT_TRUE(archive->Find("tree/tool")->executable);
+        EXPECT_TRUE(archive->Find("tree/\xc3\xa9"));
+    }
+}
+
+TEST_F(ZipReader, NamesAreEscapedForTheLog)
+{
+    EXPECT_EQ(EscapeForLog("plain/name"), "plain/name");
+    EXPECT_EQ(EscapeForLog("gr\xc3\xbc\xc3\x9f"), "gr\xc3\xbc\xc3\x9f");
+    EXPECT_EQ(EscapeForLog("a\n\x1b[0m\xff\xc2\x9b"), "a\\x0a\\x1b[0m\\xff\\xc2\\x9b");
+    EXPECT_LT(EscapeForLog(std::string(5000, 'x')).size(), 310u);
+}
