@@ -19,7 +19,6 @@
 #include <vector>
 
 namespace {
-
 constexpr const char* key = "app.path.bin";
 constexpr int rounds = 2000000;
 

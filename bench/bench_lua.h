@@ -22,8 +22,8 @@ inline void WarnWhenUnoptimised()
 inline bool Report(const char* what, double measured, double yardstick, double limit)
 {
     const double ratio = measured / yardstick;
-    std::printf("%-24s %8.1f ns, yardstick %8.1f ns, ratio %5.2f (limit %.2f)%s\n", what, measured, yardstick, ratio, limit,
-                ratio <= limit ? "" : "  EXCEEDED");
+    std::printf("%-24s %8.1f ns, yardstick %8.1f ns, ratio %5.2f (limit %.2f)%s\n", what, measured, yardstick, ratio,
+                limit, ratio <= limit ? "" : "  EXCEEDED");
     return ratio <= limit;
 }
 

@@ -29,7 +29,6 @@
 using namespace VexCore;
 
 namespace {
-
 constexpr int moduleCount = 2000;
 constexpr int archiveCount = 500;
 
@@ -49,11 +48,15 @@ std::string ModuleSource(int number)
     std::string code = "-- Module " + n + ": counts, joins and looks up.\nlocal M = {}\nlocal limit = " + n + " + 10\n";
     for (int i = 0; code.size() < 1700; ++i) {
         const std::string f = std::to_string(i);
-        code += "\n-- Adds what is below the limit.\nfunction M.total_" + f + "(values, start)\n    local sum = start or " + f
+        code += "\n-- Adds what is below the limit.\nfunction M.total_" + f
+                + "(values, start)\n    local sum = start or " + f
                 + "\n    for index, value in ipairs(values) do\n        if value < limit and value ~= " + f
                 + " then\n            sum = sum + value * index\n        end\n    end\n    return sum\nend\n"
-                  "\nfunction M.name_" + f + "(self, key)\n    local text = \"module " + n + " \" .. tostring(key)\n"
-                  "    self.names[#self.names + 1] = { name = text, key = key, number = " + f + " }\n    return text\nend\n";
+                  "\nfunction M.name_"
+                + f + "(self, key)\n    local text = \"module " + n
+                + " \" .. tostring(key)\n"
+                  "    self.names[#self.names + 1] = { name = text, key = key, number = "
+                + f + " }\n    return text\nend\n";
     }
     code += "\nfunction M.new()\n    return setmetatable({ names = {}, limit = limit }, { __index = M })\nend\n";
     code += "--" + std::string(2048 - code.size() - 14, '.') + "\nreturn M   \n";
@@ -162,7 +165,8 @@ void BenchModules(const Test::TempFolder& folder, CDom* dom, int runs)
     std::printf("%d modules of 2 KiB: stock Lua from plain files %.1f ms\n", moduleCount, base * 1e3);
     std::printf("  archive, no cache   %6.1f ms, ratio %.3f (claim: at most 1.05)\n", Median(uncached) * 1e3,
                 Median(uncached) / base);
-    std::printf("  archive, warm cache %6.1f ms, ratio %.3f (claim: at most 0.35)\n", Median(warm) * 1e3, Median(warm) / base);
+    std::printf("  archive, warm cache %6.1f ms, ratio %.3f (claim: at most 0.35)\n", Median(warm) * 1e3,
+                Median(warm) / base);
     std::printf("  archive, cold cache %6.1f ms, ratio %.3f\n", Median(cold) * 1e3, Median(cold) / base);
 }
 
@@ -184,8 +188,8 @@ void BenchManyArchives(const Test::TempFolder& folder, CDom* dom)
     dom->Set("app.lua.zippath", archives);
     const double ours = LastOfMany("", dom);
     const double stock = LastOfMany(templates, nullptr);
-    std::printf("lookup in the last of %d archives: %.0f us, stock Lua with as many templates %.0f us, ratio %.2f\n", archiveCount,
-                ours * 1e6, stock * 1e6, ours / stock);
+    std::printf("lookup in the last of %d archives: %.0f us, stock Lua with as many templates %.0f us, ratio %.2f\n",
+                archiveCount, ours * 1e6, stock * 1e6, ours / stock);
 }
 
 } // namespace

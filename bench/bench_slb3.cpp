@@ -6,7 +6,6 @@
 #include "slb3/slb3.h"
 
 namespace {
-
 struct Counter
 {
     std::int64_t Add(std::int64_t amount) { return total += amount; }

@@ -14,7 +14,6 @@
 #include <fstream>
 
 namespace {
-
 double Median(std::vector<double> values)
 {
     std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
@@ -53,8 +52,8 @@ int main(int argc, char** argv)
         least.push_back(bench::TimeOf(bare));
     }
     fs::remove_all(folder);
-    std::printf("start to exit: launcher %.2f ms, yardstick %.2f ms, ratio %.2f (claim: at most 1.25)\n", Median(ours) * 1e3,
-                Median(theirs) * 1e3, Median(ours) / Median(theirs));
+    std::printf("start to exit: launcher %.2f ms, yardstick %.2f ms, ratio %.2f (claim: at most 1.25)\n",
+                Median(ours) * 1e3, Median(theirs) * 1e3, Median(ours) / Median(theirs));
     std::printf("for comparison: yardstick without a locale %.2f ms, ratio %.2f (no claim)\n", Median(least) * 1e3,
                 Median(ours) / Median(least));
     return 0;

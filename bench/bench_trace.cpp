@@ -11,7 +11,6 @@
 #include <cstdio>
 
 namespace {
-
 __attribute__((noinline)) bool Nothing(const char* text)
 {
     benchmark::DoNotOptimize(text);
@@ -48,7 +47,7 @@ int main()
     dom->Set("app.trace+", "Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils");
     const double others = NanosecondsPerCall(VexCore::LogTraceIsEnabled);
     dom->Release();
-    std::printf("empty call %.2f ns, nothing traced %.2f ns (%.2f x, at most 2), other modules traced %.2f ns\n", nothing,
-                disabled, disabled / nothing, others);
+    std::printf("empty call %.2f ns, nothing traced %.2f ns (%.2f x, at most 2), other modules traced %.2f ns\n",
+                nothing, disabled, disabled / nothing, others);
     return disabled <= 2 * nothing ? 0 : 1;
 }

@@ -22,7 +22,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
 bool Yes(void*, const wxZipEntry*, const wxString*)
 {
     return true;
@@ -123,15 +122,17 @@ int main(int argc, char** argv)
     const std::string in = "cd '" + folder.string() + "' && ";
 
     // First, because the peak of all later children counts too. Python deflates a hole without writing it anywhere.
-    Shell(in + "python3 -c \"import zipfile\nz=zipfile.ZipFile('gib.zip','w',zipfile.ZIP_DEFLATED,compresslevel=1)\n"
-               "f=z.open('gib','w',force_zip64=True)\n"
-               "for i in range(1024): f.write(bytes(1<<20))\nf.close();z.close()\"");
+    Shell(in
+          + "python3 -c \"import zipfile\nz=zipfile.ZipFile('gib.zip','w',zipfile.ZIP_DEFLATED,compresslevel=1)\n"
+            "f=z.open('gib','w',force_zip64=True)\n"
+            "for i in range(1024): f.write(bytes(1<<20))\nf.close();z.close()\"");
     const double before = PeakMiB();
     unpackers.Empty();
-    bench::TimeOf({fs::read_symlink("/proc/self/exe").string(), "--unzip", (folder / "gib.zip").string(),
-                   unpackers.Target()});
-    std::printf("an entry of 1 GiB: peak of resident memory %.1f MiB (claim: at most 32; the programs before it %.1f)\n",
-                PeakMiB(), before);
+    bench::TimeOf(
+        {fs::read_symlink("/proc/self/exe").string(), "--unzip", (folder / "gib.zip").string(), unpackers.Target()});
+    std::printf(
+        "an entry of 1 GiB: peak of resident memory %.1f MiB (claim: at most 32; the programs before it %.1f)\n",
+        PeakMiB(), before);
 
     for (int i = 0; i < 1000; ++i)
         WriteHalfPackable(folder / "many" / ("module" + std::to_string(i) + ".lua"), 4096, std::uint64_t(i));

@@ -14,8 +14,7 @@
 #include <cstring>
 
 namespace {
-
-class CNoTranslations : public wxFileTranslationsLoader
+class NoTranslations : public wxFileTranslationsLoader
 {
 public:
     wxArrayString GetAvailableTranslations(const wxString&) const override { return wxArrayString(); }
@@ -31,7 +30,7 @@ int main(int argc, char** argv)
     wxLocale locale;
     if (argc < 2 || std::strcmp(argv[1], "bare") != 0) {
         wxTranslations::Set(new wxTranslations);
-        wxTranslations::Get()->SetLoader(new CNoTranslations);
+        wxTranslations::Get()->SetLoader(new NoTranslations);
         locale.Init(wxLANGUAGE_DEFAULT, wxLOCALE_LOAD_DEFAULT);
     }
     OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS, nullptr);

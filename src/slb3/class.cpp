@@ -3,7 +3,6 @@
 namespace SLB3::internal {
 
 namespace {
-
 // Registry table: metatable -> userdata with a ClassEntry.
 constexpr const char* ClassesName = "SLB3.classes";
 

@@ -9,13 +9,13 @@
 namespace SLB3::internal {
 
 namespace {
-
 /// "Class:Method" of the running closure, on the stack.
 const char* PushMethodName(lua_State* L)
 {
     lua_getfield(L, lua_upvalueindex(UpvalueMetatable), "__class");
     const char* className = lua_tostring(L, -1);
-    return lua_pushfstring(L, "%s:%s", className ? className : "?", lua_tostring(L, lua_upvalueindex(UpvalueMethodName)));
+    return lua_pushfstring(L, "%s:%s", className ? className : "?",
+                           lua_tostring(L, lua_upvalueindex(UpvalueMethodName)));
 }
 
 /// The type of a value; for objects the name of their class. May push.
@@ -49,9 +49,10 @@ void RaiseReceiverError(lua_State* L)
     lua_getfield(L, lua_upvalueindex(UpvalueMetatable), "__class");
     const char* wanted = lua_tostring(L, -1);
     if (got && wanted && std::strcmp(got, wanted) == 0)
-        luaL_error(L, "bad argument #0 (self) to '%s' (%s expected, got one that was collected)", PushMethodName(L), wanted);
-    luaL_error(L, "bad argument #0 (self) to '%s' (%s expected, got %s; methods are called with ':')", PushMethodName(L),
-               wanted, got);
+        luaL_error(L, "bad argument #0 (self) to '%s' (%s expected, got one that was collected)", PushMethodName(L),
+                   wanted);
+    luaL_error(L, "bad argument #0 (self) to '%s' (%s expected, got %s; methods are called with ':')",
+               PushMethodName(L), wanted, got);
     std::terminate();
 }
 

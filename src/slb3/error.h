@@ -15,8 +15,7 @@ constexpr int UpvalueMethodName = 2;
 /// Raises "bad argument #P to 'Class:Method' (WANTED expected, got GOT)" for the value at a stack index of
 /// the running method; the receiver is index 1, so the first argument, #1, is index 2. Without `got` it is
 /// the value's type.
-[[noreturn]] SLB3_API void RaiseArgumentError(lua_State* L, int index, const char* wanted,
-                                              const char* got = nullptr);
+[[noreturn]] SLB3_API void RaiseArgumentError(lua_State* L, int index, const char* wanted, const char* got = nullptr);
 
 /// The same for a receiver that is no object of the method's class, as after a call with "." in place of ":".
 [[noreturn]] SLB3_API void RaiseReceiverError(lua_State* L);

@@ -18,15 +18,15 @@ namespace internal {
 
 /// Where the object is. The low two bits of `ObjectRecord::flags`.
 enum StorageKind : std::uint32_t {
-    StorageNone = 0,    ///< nowhere: not made yet, or destroyed by the collector
-    StorageValue = 1,   ///< inside the userdata, behind the record; dies with it
+    StorageNone = 0, ///< nowhere: not made yet, or destroyed by the collector
+    StorageValue = 1, ///< inside the userdata, behind the record; dies with it
     StoragePointer = 2, ///< elsewhere, held by pointer
 };
 
 /// Who destroys an object that is held by pointer. The bits of `ObjectRecord::flags` above the kind.
 enum OwnershipPolicy : std::uint32_t {
     PolicyReference = 0, ///< never Lua: the object outlives the state
-    PolicyOwned = 1,     ///< Lua, with `delete`, when the userdata is collected
+    PolicyOwned = 1, ///< Lua, with `delete`, when the userdata is collected
 };
 
 constexpr std::uint32_t StorageMask = 3;
@@ -45,7 +45,7 @@ using UnpackFunction = void* (*)(const ObjectRecord& record);
 
 struct ObjectRecord
 {
-    std::uint32_t flags;   ///< StorageKind, and OwnershipPolicy << PolicyShift
+    std::uint32_t flags; ///< StorageKind, and OwnershipPolicy << PolicyShift
     const char* className; ///< constant text
     UnpackFunction unpack;
     const ParentConversion* parents; ///< what `GetParentsConversionArray` gave
@@ -60,9 +60,8 @@ struct ObjectRecord
 SLB3_API const ParentConversion* GetParentsConversionArray(lua_State* L, const char* className);
 
 /// Pushes a userdata with a filled record and, behind it, `extraBytes` for a value. It has no metatable yet.
-SLB3_API ObjectRecord* PushRecord(lua_State* L, StorageKind kind, OwnershipPolicy policy,
-                                  const char* className, UnpackFunction unpack, void* object,
-                                  std::size_t extraBytes);
+SLB3_API ObjectRecord* PushRecord(lua_State* L, StorageKind kind, OwnershipPolicy policy, const char* className,
+                                  UnpackFunction unpack, void* object, std::size_t extraBytes);
 
 /// What a value in a userdata may ask for: Lua aligns its blocks for a pointer or a double, not for more.
 constexpr std::size_t ValueAlignment = alignof(double) > alignof(void*) ? alignof(double) : alignof(void*);

@@ -13,7 +13,6 @@
 #include <wx/init.h>
 
 namespace {
-
 void Start(const Test::TempFolder& folder)
 {
     FakeCore::Reset();

@@ -9,7 +9,6 @@
 #include <string>
 
 namespace {
-
 // True unless the base name reads "anything-VERSION-build.machine" with a version that is not ours.
 bool ReadFromTheLeft(std::wstring name)
 {

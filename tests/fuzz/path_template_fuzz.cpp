@@ -8,7 +8,6 @@
 #include <vector>
 
 namespace {
-
 std::vector<std::string> Pieces(const std::string& text, char separator)
 {
     std::vector<std::string> pieces(1);
@@ -46,7 +45,8 @@ wxString Wide(const std::string& bytes)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    const std::string text(reinterpret_cast<const char*>(data), size < 2048 ? size : 2048); // the result grows as a product
+    const std::string text(reinterpret_cast<const char*>(data),
+                           size < 2048 ? size : 2048); // the result grows as a product
     const std::size_t split = text.find('\n');
     const std::string path = text.substr(0, split);
     const std::string plugins = split == std::string::npos ? "" : text.substr(split + 1);

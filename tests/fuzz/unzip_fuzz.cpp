@@ -17,7 +17,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
 void Require(bool claim)
 {
     if (!claim)
@@ -26,11 +25,7 @@ void Require(bool claim)
 
 struct World
 {
-    World()
-        : folder(::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp")
-    {
-        wxLog::EnableLogging(false);
-    }
+    World() : folder(::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") { wxLog::EnableLogging(false); }
     wxInitializer framework;
     Test::TempFolder folder;
 };

@@ -15,7 +15,6 @@
 #include <wx/init.h>
 
 namespace {
-
 bool ReadNumber(const char*& at, int& number)
 {
     while (*at == ' ' || *at == '\t' || *at == '\v' || *at == '\f')

@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 namespace {
-
 void Require(bool claim)
 {
     if (!claim)

@@ -39,18 +39,42 @@ private:
 inline void Bend(ZipRecord& record, unsigned field, unsigned value)
 {
     switch (field % 12) {
-    case 0: record.flags ^= std::uint16_t(value); break;
-    case 1: record.method ^= std::uint16_t(value); break;
-    case 2: record.crc32 ^= value; break;
-    case 3: record.packedSize += value; break;
-    case 4: record.size += value; break;
-    case 5: record.name += char(value); break;
-    case 6: record.extra += ExtraField(value & 1 ? 1 : 0x5455, std::string(value % 29, char(value))); break;
-    case 7: record.disk = std::uint16_t(value); break;
-    case 8: record.attributes ^= value << 16; break;
-    case 9: record.attributes ^= value & 0xff; break;
-    case 10: record.offset = value; break;
-    default: record.extra += char(value); break;
+    case 0:
+        record.flags ^= std::uint16_t(value);
+        break;
+    case 1:
+        record.method ^= std::uint16_t(value);
+        break;
+    case 2:
+        record.crc32 ^= value;
+        break;
+    case 3:
+        record.packedSize += value;
+        break;
+    case 4:
+        record.size += value;
+        break;
+    case 5:
+        record.name += char(value);
+        break;
+    case 6:
+        record.extra += ExtraField(value & 1 ? 1 : 0x5455, std::string(value % 29, char(value)));
+        break;
+    case 7:
+        record.disk = std::uint16_t(value);
+        break;
+    case 8:
+        record.attributes ^= value << 16;
+        break;
+    case 9:
+        record.attributes ^= value & 0xff;
+        break;
+    case 10:
+        record.offset = value;
+        break;
+    default:
+        record.extra += char(value);
+        break;
     }
 }
 

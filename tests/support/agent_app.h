@@ -16,7 +16,7 @@
 #include <wx/log.h>
 
 /// The launcher's tests see its members through this and nothing else.
-struct CAgentAppTestAccess
+struct AgentAppTestAccess
 {
     static bool& InstallPlugins(CAgentApp& app) { return app.m_installPlugins; }
     static bool& DefaultName(CAgentApp& app) { return app.m_defaultName; }
@@ -69,7 +69,7 @@ public:
     /// Destroys the application object now.
     void Destroy() { m_app.reset(); }
 
-    VexCore::CDom& Dom() { return *CAgentAppTestAccess::Dom(*m_app); }
+    VexCore::CDom& Dom() { return *AgentAppTestAccess::Dom(*m_app); }
 
 private:
     wxAppConsole* m_previous;

@@ -11,7 +11,6 @@
 #include <wx/string.h>
 
 namespace {
-
 void FailOnAssertion(const wxString& file, int line, const wxString& function, const wxString& condition,
                      const wxString& message)
 {

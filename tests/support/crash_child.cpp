@@ -29,7 +29,6 @@
 using namespace VexCore;
 
 namespace {
-
 std::string dumpFile;
 volatile int sink = 0;
 

@@ -38,21 +38,13 @@ struct FailNth
             return -1;
         };
         calls.fsync = [](int descriptor) { return Hit() ? -1 : System().fsync(descriptor); };
-        calls.fchmod = [](int descriptor, mode_t mode) {
-            return Hit() ? -1 : System().fchmod(descriptor, mode);
-        };
-        calls.ftruncate = [](int descriptor, off_t size) {
-            return Hit() ? -1 : System().ftruncate(descriptor, size);
-        };
+        calls.fchmod = [](int descriptor, mode_t mode) { return Hit() ? -1 : System().fchmod(descriptor, mode); };
+        calls.ftruncate = [](int descriptor, off_t size) { return Hit() ? -1 : System().ftruncate(descriptor, size); };
         calls.fstat = [](int descriptor, struct stat* status) {
             return Hit() ? -1 : System().fstat(descriptor, status);
         };
-        calls.stat = [](const char* path, struct stat* status) {
-            return Hit() ? -1 : System().stat(path, status);
-        };
-        calls.rename = [](const char* from, const char* to) {
-            return Hit() ? -1 : System().rename(from, to);
-        };
+        calls.stat = [](const char* path, struct stat* status) { return Hit() ? -1 : System().stat(path, status); };
+        calls.rename = [](const char* from, const char* to) { return Hit() ? -1 : System().rename(from, to); };
         calls.unlink = [](const char* path) { return Hit() ? -1 : System().unlink(path); };
         m_active = true;
     }

@@ -16,9 +16,8 @@
 #include <wx/evtloop.h>
 
 namespace {
-
 // Throws from the main loop, once it runs.
-class CThrowingFilter : public wxEventFilter
+class ThrowingFilter : public wxEventFilter
 {
 public:
     int FilterEvent(wxEvent& event) override
@@ -46,7 +45,7 @@ const bool s_prepared = [] {
                 return;
             s_thrown = true;
             if (call == "Runnable.start") {
-                wxEvtHandler::AddFilter(new CThrowingFilter); // the process ends with it
+                wxEvtHandler::AddFilter(new ThrowingFilter); // the process ends with it
                 return;
             }
             throw std::runtime_error("boom");

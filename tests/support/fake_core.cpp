@@ -24,7 +24,6 @@
 namespace FakeCore {
 
 namespace {
-
 std::mutex s_lock;
 std::vector<std::string> s_journal; // guarded by s_lock
 
@@ -68,13 +67,13 @@ void Record(const std::string& line)
 {
     if (answers().onRecord)
         answers().onRecord(line);
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const std::lock_guard lock(s_lock);
     s_journal.push_back(line);
 }
 
 std::vector<std::string> Journal()
 {
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const std::lock_guard lock(s_lock);
     return s_journal;
 }
 
@@ -96,7 +95,7 @@ std::size_t Count(const std::string& line)
 
 void ClearJournal()
 {
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const std::lock_guard lock(s_lock);
     s_journal.clear();
 }
 

@@ -43,12 +43,12 @@ struct CDom::Impl
 
     void Set(const char* key, Value value)
     {
-        const std::lock_guard<std::mutex> guard(lock);
+        const std::lock_guard lock(lock);
         values[Key(key)] = std::move(value);
     }
     std::optional<Value> Find(const char* key) const
     {
-        const std::lock_guard<std::mutex> guard(lock);
+        const std::lock_guard lock(lock);
         const auto found = values.find(Key(key));
         return found == values.end() ? std::nullopt : std::optional<Value>(found->second);
     }
@@ -199,14 +199,14 @@ CDom::EType CDom::TypeOf(const char* key) const
 
 bool CDom::Remove(const char* key)
 {
-    const std::lock_guard<std::mutex> guard(m_impl->lock);
+    const std::lock_guard lock(m_impl->lock);
     return m_impl->values.erase(Key(key)) > 0;
 }
 
 std::vector<std::string> CDom::Keys(const char* prefix) const
 {
     const std::string below = Key(prefix).empty() ? "" : Key(prefix) + ".";
-    const std::lock_guard<std::mutex> guard(m_impl->lock);
+    const std::lock_guard lock(m_impl->lock);
     std::vector<std::string> keys;
     for (const auto& item : m_impl->values)
         if (item.first.compare(0, below.size(), below) == 0)

@@ -20,7 +20,6 @@ using FakeCore::Record;
 using FakeCore::Word;
 
 namespace {
-
 std::atomic<int> s_interpreters{0};
 
 const char s_outputKey = 0; // its address is the registry key of the current output stream

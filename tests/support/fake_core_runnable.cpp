@@ -21,7 +21,7 @@ using FakeCore::Word;
 namespace VexCore {
 
 namespace {
-thread_local CRunnable* s_current = nullptr;
+thread_local CRunnable* t_current = nullptr;
 } // namespace
 
 #ifdef SIGRTMIN
@@ -73,7 +73,7 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
     if (answers().threads == EThreads::CannotStart)
         return false;
     {
-        const std::lock_guard<std::mutex> guard(m_impl->lock);
+        const std::lock_guard lock(m_impl->lock);
         m_impl->running = true;
     }
     if (answers().threads == EThreads::Synchronous)
@@ -93,7 +93,7 @@ bool CRunnable::join(long timeoutMs)
 {
     Record("Runnable.join()");
     {
-        std::unique_lock<std::mutex> guard(m_impl->lock);
+        std::unique_lock guard(m_impl->lock);
         const auto ended = [this] { return !m_impl->running; };
         if (timeoutMs < 0 || answers().joinTimesOut) // whose test has no such thread: it goes on and destroys this one
             m_impl->changed.wait(guard, ended);
@@ -129,19 +129,19 @@ bool CRunnable::TestDestroy()
 
 bool CRunnable::Running() const
 {
-    const std::lock_guard<std::mutex> guard(m_impl->lock);
+    const std::lock_guard lock(m_impl->lock);
     return m_impl->running;
 }
 
 CRunnable* CRunnable::Current()
 {
-    return s_current;
+    return t_current;
 }
 
 void* CRunnable::Entry()
 {
-    CRunnable* const previous = s_current;
-    s_current = this;
+    CRunnable* const previous = t_current;
+    t_current = this;
     CLog2Disk target;
     wxLog* const previousTarget = wxThread::IsMain() ? nullptr : wxLog::SetThreadActiveTarget(&target);
     try {
@@ -153,15 +153,13 @@ void* CRunnable::Entry()
     }
     if (!wxThread::IsMain())
         wxLog::SetThreadActiveTarget(previousTarget);
-    s_current = previous;
-    const std::lock_guard<std::mutex> guard(m_impl->lock);
+    t_current = previous;
+    const std::lock_guard lock(m_impl->lock);
     m_impl->running = false;
     m_impl->changed.notify_all();
     return nullptr;
 }
 
-void CRunnable::OnExit()
-{
-}
+void CRunnable::OnExit() {}
 
 } // namespace VexCore

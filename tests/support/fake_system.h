@@ -16,13 +16,13 @@
 #include <utility>
 
 /// Thrown where the process would end.
-struct CEnded
+struct Ended
 {
     int status;
     bool atOnce; ///< by _exit
 };
 
-class CFakeSystem : public VexOs::CSystem
+class FakeSystem : public VexOs::SystemCalls
 {
 public:
     static constexpr pid_t Self = 4242;
@@ -30,11 +30,12 @@ public:
     static constexpr pid_t Child = 5000; ///< the first child's id; each further one is one more
     static constexpr pid_t Stranger = 77;
 
-    CFakeSystem() { VexOs::ReplaceSystem(this); }
-    ~CFakeSystem() override { VexOs::ReplaceSystem(nullptr); }
+    FakeSystem() { VexOs::ReplaceSystem(this); }
+    ~FakeSystem() override { VexOs::ReplaceSystem(nullptr); }
 
     // --- what the test sets
-    std::deque<pid_t> forks; ///< answers of the first forks of either kind: 0, an id, or -errno; afterwards `Child` and on
+    std::deque<pid_t>
+        forks; ///< answers of the first forks of either kind: 0, an id, or -errno; afterwards `Child` and on
     /// What a wait for a child does, used up one by one: the raw status, or -errno of a failure. A call may do something first.
     std::deque<std::function<int()>> waits;
     int ask = 0; ///< answer of `Ask`: 0 or -errno
@@ -67,7 +68,7 @@ public:
     bool TermIsPending() const { return m_pending.has_value(); }
     VexSignalAction TermHandler() const { return m_handler; }
 
-    // --- CSystem
+    // --- System
     pid_t OwnId() override { return self; }
     pid_t OwnGroup() override { return group; }
     int ThreadCount() override { return threads; }
@@ -184,12 +185,12 @@ private:
     void DoExit(int status) override
     {
         FakeCore::Record("Exit(" + std::to_string(status) + ")");
-        throw CEnded{status, false};
+        throw Ended{status, false};
     }
     void DoExitNow(int status) override
     {
         FakeCore::Record("ExitNow(" + std::to_string(status) + ")");
-        throw CEnded{status, true};
+        throw Ended{status, true};
     }
 
     pid_t AnswerFork(const char* name)
@@ -219,7 +220,7 @@ private:
         information.si_pid = sender;
         if (!m_handler) {
             FakeCore::Record("killed by TERM");
-            throw CEnded{-SIGTERM, true};
+            throw Ended{-SIGTERM, true};
         }
         m_termBlocked = true;
         m_handler(SIGTERM, &information, nullptr);

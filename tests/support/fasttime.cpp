@@ -10,7 +10,7 @@ std::time_t g_now = 1700000000;
 extern "C" __attribute__((visibility("default"))) std::time_t time(std::time_t* out) noexcept
 {
     g_now += 90;
-    if (out != nullptr)
+    if (out)
         *out = g_now;
     return g_now;
 }

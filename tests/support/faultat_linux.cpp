@@ -35,7 +35,6 @@
 #include <unistd.h>
 
 namespace {
-
 // --- the part that differs between processors
 
 #if defined(__x86_64__)
@@ -150,8 +149,8 @@ bool ChangesSomething(const CallName& call, const std::uint64_t (&arguments)[6])
     const std::string name = call.name ? call.name : "";
     if (name == "open" || name == "openat")
         return (arguments[name == "open" ? 1 : 2] & O_CREAT) != 0;
-    for (const char* const start : {"write", "pwrite", "rename", "unlink", "mkdir", "link", "symlink", "fsync", "fdatasync",
-                                    "syncfs", "sync", "chmod", "fchmod", "ftruncate", "fallocate"})
+    for (const char* const start : {"write", "pwrite", "rename", "unlink", "mkdir", "link", "symlink", "fsync",
+                                    "fdatasync", "syncfs", "sync", "chmod", "fchmod", "ftruncate", "fallocate"})
         if (name.rfind(start, 0) == 0)
             return true;
     return false;
@@ -207,13 +206,12 @@ std::string About(pid_t thread, EKind kind, const std::uint64_t (&arguments)[6])
 
 // ---
 
-class CTracer
+class Tracer
 {
 public:
-    CTracer(FILE* report, std::string path, long faulty, int error, bool kills)
+    Tracer(FILE* report, std::string path, long faulty, int error, bool kills)
         : m_report(report), m_path(std::move(path)), m_faulty(faulty), m_error(error), m_kills(kills)
-    {
-    }
+    {}
 
     int Run(pid_t first)
     {
@@ -316,7 +314,7 @@ int main(int argc, char** argv)
         return 1;
     }
     const bool kills = std::strcmp(argv[4], "kill") == 0;
-    const int result = CTracer(report, argv[2], std::atol(argv[3]), kills ? 0 : std::atoi(argv[4]), kills).Run(child);
+    const int result = Tracer(report, argv[2], std::atol(argv[3]), kills ? 0 : std::atoi(argv[4]), kills).Run(child);
     std::fclose(report);
     return result;
 }

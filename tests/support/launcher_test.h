@@ -16,7 +16,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-using Access = CAgentAppTestAccess;
+using Access = AgentAppTestAccess;
 using Lines = std::vector<std::string>;
 
 // Inside a test the name of their namespace is the test class.
@@ -37,24 +37,24 @@ protected:
 };
 
 /// While it lives, a variable of the environment has this value.
-class CVariable
+class Variable
 {
 public:
-    CVariable(const char* name, const std::string& value) : m_name(name)
+    Variable(const char* name, const std::string& value) : m_name(name)
     {
         if (const char* const before = std::getenv(name))
             m_before = before;
         ::setenv(name, value.c_str(), 1);
     }
-    ~CVariable()
+    ~Variable()
     {
         if (m_before)
             ::setenv(m_name, m_before->c_str(), 1);
         else
             ::unsetenv(m_name);
     }
-    CVariable(const CVariable&) = delete;
-    CVariable& operator=(const CVariable&) = delete;
+    Variable(const Variable&) = delete;
+    Variable& operator=(const Variable&) = delete;
 
 private:
     const char* const m_name;
@@ -62,10 +62,10 @@ private:
 };
 
 /// While it lives, "~" is this folder.
-class CHome : public CVariable
+class Home : public Variable
 {
 public:
-    explicit CHome(const std::string& folder) : CVariable("HOME", folder) {}
+    explicit Home(const std::string& folder) : Variable("HOME", folder) {}
 };
 
 /// Starts an application in a folder of its own: the program is bin/NAME there, the working folder is given with an option,
@@ -74,8 +74,7 @@ struct StartedApp
 {
     explicit StartedApp(std::vector<std::string> options = {}, const std::string& name = "vx_agent")
         : arguments(Arguments(folder.Path(), std::move(options), name)), app(arguments)
-    {
-    }
+    {}
     static std::vector<std::string> Arguments(const std::string& folder, std::vector<std::string> options,
                                               const std::string& name)
     {

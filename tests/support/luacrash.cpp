@@ -8,7 +8,6 @@
 #include <pthread.h>
 
 namespace {
-
 volatile int sink = 0;
 
 [[gnu::noinline]] int CrashInModule(lua_State* L)

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 namespace {
-
 void RefuseInHandlers()
 {
     stack_t stack = {};
@@ -18,7 +17,8 @@ void RefuseInHandlers()
     _exit(written > 0 ? 77 : 78);
 }
 
-template <class Function> Function Next(const char* name)
+template <class Function>
+Function Next(const char* name)
 {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }

@@ -6,8 +6,7 @@
 
 namespace Test {
 namespace {
-
-const std::string kEndRecord = Bytes32(0x06054b50) + std::string(18, '\0');
+const std::string endRecord = Bytes32(0x06054b50) + std::string(18, '\0');
 
 class Broken
 {
@@ -48,12 +47,12 @@ void AddEndFaults(Broken& broken)
         b.comment = "abc";
         b.endCommentSize = 2;
     });
-    broken.Add("SecondEndRecordInTheComment", "two end records", [](ZipBuilder& b) { b.comment = kEndRecord; });
+    broken.Add("SecondEndRecordInTheComment", "two end records", [](ZipBuilder& b) { b.comment = endRecord; });
     broken.Add("SecondArchiveInTheComment", "two end records",
                [](ZipBuilder& b) { b.comment = PlainPackage().Build(); });
     broken.Add("SecondEndRecordBehindTheFirst", "two end records", [](ZipBuilder& b) {
         b.endCommentSize = 22;
-        b.after = kEndRecord;
+        b.after = endRecord;
     });
     broken.Add("OtherDisk", "several disks", [](ZipBuilder& b) { b.endDisk = 1; });
     broken.Add("DirectoryOnAnotherDisk", "several disks", [](ZipBuilder& b) { b.endDirectoryDisk = 1; });
@@ -188,18 +187,12 @@ void AddHeaderFaults(Broken& broken)
     broken.AddItem("DirectorySignatureWrong", "directory is malformed", [](ZipItem& i) { i.central.signature = 7; });
     broken.AddItem("OffsetPointsIntoData", "gap", [](ZipItem& i) { i.central.offset = 40; });
     broken.AddItem("OffsetBeyondTheFile", "gap", [](ZipItem& i) { i.central.offset = 0x7fffffff; });
-    broken.AddItem("DataBeyondTheFile", "", [](ZipItem& i) {
-        i.Both([](ZipRecord& r) { r.packedSize = 0x7fffffff; });
-    });
-    broken.AddItem("SizesWithoutTheirZip64Field", "", [](ZipItem& i) {
-        i.Both([](ZipRecord& r) { r.packedSize = 0xffffffff; });
-    });
-    broken.AddItem("PackedSizeTooSmall", "gap", [](ZipItem& i) {
-        i.Both([](ZipRecord& r) { --r.packedSize; });
-    });
-    broken.AddItem("PackedSizeTooBig", "overlaps", [](ZipItem& i) {
-        i.Both([](ZipRecord& r) { ++r.packedSize; });
-    });
+    broken.AddItem("DataBeyondTheFile", "",
+                   [](ZipItem& i) { i.Both([](ZipRecord& r) { r.packedSize = 0x7fffffff; }); });
+    broken.AddItem("SizesWithoutTheirZip64Field", "",
+                   [](ZipItem& i) { i.Both([](ZipRecord& r) { r.packedSize = 0xffffffff; }); });
+    broken.AddItem("PackedSizeTooSmall", "gap", [](ZipItem& i) { i.Both([](ZipRecord& r) { --r.packedSize; }); });
+    broken.AddItem("PackedSizeTooBig", "overlaps", [](ZipItem& i) { i.Both([](ZipRecord& r) { ++r.packedSize; }); });
     broken.Add("BytesBeforeTheFirstRecord", "gap", [](ZipBuilder& b) { b.before = "#!/bin/sh\n"; });
     broken.Add("BytesBetweenRecords", "gap", [](ZipBuilder& b) { b.items[2].gapBefore = "x"; });
     broken.Add("BytesBeforeTheDirectory", "gap", [](ZipBuilder& b) { b.beforeDirectory = "x"; });
@@ -215,12 +208,14 @@ void AddHeaderFaults(Broken& broken)
         b.items.back().central.name = "lib/z.lua";
     });
     broken.Add("DirectoryListsWhatIsNotThere", "", [](ZipBuilder& b) { b.items[3].inFile = false; });
-    broken.AddItem("ExtraFieldRunsOver", "extra field is malformed", [](ZipItem& i) { i.central.extra = "\x55\x54\x09"; });
+    broken.AddItem("ExtraFieldRunsOver", "extra field is malformed",
+                   [](ZipItem& i) { i.central.extra = "\x55\x54\x09"; });
     broken.AddItem("ExtraFieldLongerThanItsSpace", "extra field is malformed",
                    [](ZipItem& i) { i.central.extra = Bytes16(0x5455) + Bytes16(9) + "abc"; });
     broken.AddItem("LocalExtraFieldRunsOver", "extra field is malformed", [](ZipItem& i) { i.local.extra = "abc"; });
-    broken.AddItem("UnicodePathField", "Unicode path",
-                   [](ZipItem& i) { i.central.extra = ExtraField(0x7075, std::string("\1", 1) + Bytes32(0) + "../x"); });
+    broken.AddItem("UnicodePathField", "Unicode path", [](ZipItem& i) {
+        i.central.extra = ExtraField(0x7075, std::string("\1", 1) + Bytes32(0) + "../x");
+    });
     broken.AddItem("LocalUnicodePathField", "Unicode path",
                    [](ZipItem& i) { i.local.extra = ExtraField(0x7075, std::string("\1", 1) + Bytes32(0) + "../x"); });
     broken.AddItem("TwoZip64Fields", "two ZIP64 fields", [](ZipItem& i) {
@@ -235,9 +230,8 @@ void AddHeaderFaults(Broken& broken)
         i.WithCentralZip64();
         i.central.extra = ExtraField(1, Bytes64(9));
     });
-    broken.AddItem("Zip64FieldThatContradictsItsHeader", "ZIP64 field and its header differ", [](ZipItem& i) {
-        i.central.extra = ExtraField(1, Bytes64(8) + Bytes64(i.central.packedSize));
-    });
+    broken.AddItem("Zip64FieldThatContradictsItsHeader", "ZIP64 field and its header differ",
+                   [](ZipItem& i) { i.central.extra = ExtraField(1, Bytes64(8) + Bytes64(i.central.packedSize)); });
     broken.AddItem("LocalZip64PackedSizeDiffers", "sizes in the local header", [](ZipItem& i) {
         i.WithLocalZip64();
         ++i.local.extra[12];
@@ -328,7 +322,8 @@ void AddKindFaults(Broken& broken)
     broken.Add("SymbolicLinkNamedAsAFolder", "neither a regular file nor a folder",
                [](ZipBuilder& b) { b.AddFolder("odd/", 0120777); });
     broken.Add("FileModeOnAFolderName", "marked as a file", [](ZipBuilder& b) { b.AddFolder("odd/", 0100644); });
-    broken.AddItem("FolderAttributeOnAFileName", "marked as a folder", [](ZipItem& i) { i.central.attributes |= 0x10; });
+    broken.AddItem("FolderAttributeOnAFileName", "marked as a folder",
+                   [](ZipItem& i) { i.central.attributes |= 0x10; });
     broken.AddItem("VolumeLabel", "neither a regular file nor a folder", [](ZipItem& i) { i.central.attributes |= 8; });
     broken.AddItem("SymbolicLinkInAnOldUnixField", "neither a regular file nor a folder", [](ZipItem& i) {
         i.local.extra = ExtraField(0x756e, Bytes32(0) + Bytes16(0120777) + Bytes32(0) + Bytes32(0) + "/etc");
@@ -338,37 +333,31 @@ void AddKindFaults(Broken& broken)
     });
     broken.AddItem("OldUnixFieldTooShort", "extra field is malformed",
                    [](ZipItem& i) { i.central.extra = ExtraField(0x756e, "12345"); });
-    broken.AddItem("Encrypted", "encrypted", [](ZipItem& i) {
-        i.Both([](ZipRecord& r) { r.flags |= 1; });
-    });
+    broken.AddItem("Encrypted", "encrypted", [](ZipItem& i) { i.Both([](ZipRecord& r) { r.flags |= 1; }); });
     // 5 is patched data, 6 strong encryption, 13 a hidden directory; the others have no meaning that we know.
     for (const unsigned bit : {4u, 5u, 6u, 7u, 8u, 9u, 10u, 12u, 13u, 14u, 15u})
         broken.Add("FlagBit" + std::to_string(bit), "unknown flags", [&](ZipBuilder& b) {
             b.items[1].local.flags = b.items[1].central.flags = std::uint16_t(1u << bit);
         });
     for (const unsigned method : {1u, 6u, 9u, 12u, 14u, 93u, 95u, 99u})
-        broken.Add("Method" + std::to_string(method), "neither stored nor deflate", [&](ZipBuilder& b) {
-            b.items[1].local.method = b.items[1].central.method = std::uint16_t(method);
-        });
+        broken.Add("Method" + std::to_string(method), "neither stored nor deflate",
+                   [&](ZipBuilder& b) { b.items[1].local.method = b.items[1].central.method = std::uint16_t(method); });
     broken.Add("FolderWithData", "folder with data", [](ZipBuilder& b) { b.Add("odd/", "x", 0, 0040755); });
     broken.Add("FolderWithHiddenPackedBytes", "folder with data", [](ZipBuilder& b) {
         ZipItem& item = b.Add("odd/", "", 8, 0040755);
         item.packed[0] = 'x';
     });
-    broken.Add("FolderWithAChecksum", "folder with data", [](ZipBuilder& b) {
-        b.AddFolder("odd/").Both([](ZipRecord& r) { r.crc32 = 1; });
-    });
-    broken.Add("StoredWithTwoSizes", "two sizes differ", [](ZipBuilder& b) {
-        b.items[2].Both([](ZipRecord& r) { ++r.size; });
-    });
+    broken.Add("FolderWithAChecksum", "folder with data",
+               [](ZipBuilder& b) { b.AddFolder("odd/").Both([](ZipRecord& r) { r.crc32 = 1; }); });
+    broken.Add("StoredWithTwoSizes", "two sizes differ",
+               [](ZipBuilder& b) { b.items[2].Both([](ZipRecord& r) { ++r.size; }); });
     broken.Add("DeflatedWithoutData", "has no data", [](ZipBuilder& b) {
         ZipItem& item = b.Add("odd", "");
         item.packed.clear();
         item.Both([](ZipRecord& r) { r.packedSize = 0; });
     });
-    broken.AddItem("MoreThanDeflateCanExpand", "1032 times", [](ZipItem& i) {
-        i.Both([](ZipRecord& r) { r.size = r.packedSize * 1032 + 1; });
-    });
+    broken.AddItem("MoreThanDeflateCanExpand", "1032 times",
+                   [](ZipItem& i) { i.Both([](ZipRecord& r) { r.size = r.packedSize * 1032 + 1; }); });
     broken.Add("MoreThanFourGibibytes", "over 4294967296 bytes", [](ZipBuilder& b) {
         for (int i = 0; i < 3; ++i) {
             ZipItem& item = b.Add("odd" + std::to_string(i), "");
@@ -451,11 +440,15 @@ std::vector<ValidArchive> ValidArchives()
         list.push_back(std::move(valid));
         return std::prev(list.end());
     };
-    const auto one = [&](const std::string& story, std::uint16_t method, const std::function<void(ZipBuilder&)>& change) {
-        add(story, [&](ZipBuilder& b) {
-            b.Add("a/file", "the content", method);
-            change(b);
-        })->files[0].second = "the content";
+    const auto one = [&](const std::string& story, std::uint16_t method,
+                         const std::function<void(ZipBuilder&)>& change) {
+        add(story,
+            [&](ZipBuilder& b) {
+                b.Add("a/file", "the content", method);
+                change(b);
+            })
+            ->files[0]
+            .second = "the content";
     };
     const auto nothing = [](ZipBuilder&) {};
     add("Empty", nothing);
@@ -486,9 +479,7 @@ std::vector<ValidArchive> ValidArchives()
         b.items[0].WithDescriptor(true, true).WithLocalZip64().WithCentralZip64();
         b.zip64End = true;
     });
-    one("Zip64WithDescriptorStored", 0, [](ZipBuilder& b) {
-        b.items[0].WithDescriptor(true, true).WithLocalZip64();
-    });
+    one("Zip64WithDescriptorStored", 0, [](ZipBuilder& b) { b.items[0].WithDescriptor(true, true).WithLocalZip64(); });
     one("Zip64FieldThatRepeatsItsHeader", 8, [](ZipBuilder& b) {
         ZipRecord& record = b.items[0].central;
         record.extra = ExtraField(1, Bytes64(record.size) + Bytes64(record.packedSize));
@@ -509,12 +500,8 @@ std::vector<ValidArchive> ValidArchives()
         b.items[0].local.extra = ExtraField(0x5455, "\1abcdefgh");
         b.items[0].central.comment = "a comment with PK\1\2 inside";
     });
-    one("DeflateLevelFlags", 8, [](ZipBuilder& b) {
-        b.items[0].Both([](ZipRecord& r) { r.flags |= 6; });
-    });
-    one("Utf8Flag", 8, [](ZipBuilder& b) {
-        b.items[0].Both([](ZipRecord& r) { r.flags |= 0x800; });
-    });
+    one("DeflateLevelFlags", 8, [](ZipBuilder& b) { b.items[0].Both([](ZipRecord& r) { r.flags |= 6; }); });
+    one("Utf8Flag", 8, [](ZipBuilder& b) { b.items[0].Both([](ZipRecord& r) { r.flags |= 0x800; }); });
     one("DosAttributesOnly", 8, [](ZipBuilder& b) {
         b.items[0].central.attributes = 0x20;
         b.items[0].central.madeBy = 20;
@@ -535,7 +522,8 @@ std::vector<ValidArchive> ValidArchives()
     });
     add("FolderDeflated", [](ZipBuilder& b) { b.Add("folder/", "", 8, 0040755); });
     add("OddButFineNames", [](ZipBuilder& b) {
-        for (const char* name : {"..a", "a..b", "...", "a/b..", ".hidden", "with blank", "Grüße/日本.txt", "-rf", "a'b\"c", "~x", "%s"})
+        for (const char* name :
+             {"..a", "a..b", "...", "a/b..", ".hidden", "with blank", "Grüße/日本.txt", "-rf", "a'b\"c", "~x", "%s"})
             b.Add(name, "");
         b.Add(std::string(255, 'x'), "");
         std::string longest = std::string(204, 'y');

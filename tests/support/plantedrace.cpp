@@ -6,7 +6,6 @@
 #include <sched.h>
 
 namespace {
-
 int unguarded = 0;
 
 int Race(lua_State*)

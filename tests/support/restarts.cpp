@@ -29,14 +29,15 @@
 #include <unistd.h>
 
 namespace {
-
 constexpr int WarmUp = 100;
 
 // The real system behind it does everything but pass time.
-class CHastySystem : public VexOs::CSystem
+class HastySystem : public VexOs::SystemCalls
 {
 public:
-    CHastySystem(VexOs::CSystem& real, int count, const char* report) : m_real(real), m_count(count), m_report(report) {}
+    HastySystem(VexOs::SystemCalls& real, int count, const char* report)
+        : m_real(real), m_count(count), m_report(report)
+    {}
 
     std::int64_t NowSeconds() override { return m_now += RestartSpanSeconds + 1; }
     void SleepMs(long) override {}
@@ -130,7 +131,7 @@ private:
         std::fclose(report);
     }
 
-    VexOs::CSystem& m_real;
+    VexOs::SystemCalls& m_real;
     const int m_count;
     const char* const m_report;
     int m_child = 0;
@@ -155,9 +156,9 @@ int main(int argc, char** argv)
     wxLog::SetVerbose(true);
     wxLog::SetLogLevel(wxLOG_Info);
     wxLog::SetTimestamp("%Y-%m-%d %H:%M:%S");
-    CHastySystem system(VexOs::System(), std::atoi(argv[1]), argv[2]);
+    HastySystem system(VexOs::System(), std::atoi(argv[1]), argv[2]);
     VexOs::ReplaceSystem(&system);
-    CDaemon daemon(system, dom, "restarts");
+    Daemon daemon(system, dom, "restarts");
     const std::optional<int> status = daemon.Run();
     if (!status)
         system.EndAsChild();

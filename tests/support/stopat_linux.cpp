@@ -29,14 +29,13 @@
 #include <unistd.h>
 
 namespace {
-
-class CTracer
+class Tracer
 {
 public:
-    CTracer(FILE* report, int role, long stop) : m_report(report), m_role(role), m_stop(stop) {}
+    Tracer(FILE* report, int role, long stop) : m_report(report), m_role(role), m_stop(stop) {}
 
-    static constexpr long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE
-        | PTRACE_O_TRACEEXEC;
+    static constexpr long options =
+        PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC;
 
     void Follow(pid_t first)
     {
@@ -52,7 +51,8 @@ public:
     }
 
 private:
-    template <class... Values> void Tell(const char* format, Values... values)
+    template <class... Values>
+    void Tell(const char* format, Values... values)
     {
         std::fprintf(m_report, format, values...);
         std::fflush(m_report);
@@ -148,12 +148,12 @@ int main(int argc, char** argv)
         return 1;
     }
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
-    const pid_t child = Test::StartTraced(argv + 4, CTracer::options);
+    const pid_t child = Test::StartTraced(argv + 4, Tracer::options);
     if (child < 0) {
         std::perror("stopat");
         return 1;
     }
-    CTracer tracer(report, std::atoi(argv[2]), std::atol(argv[3]));
+    Tracer tracer(report, std::atoi(argv[2]), std::atol(argv[3]));
     tracer.Follow(child);
     tracer.Run();
     std::fclose(report);

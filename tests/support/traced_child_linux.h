@@ -36,7 +36,8 @@ inline pid_t StartTraced(char** argv, long options)
 /// Waits for all that is traced, and for adopted children, until nobody is left. `onStop(thread, isCall, carried)` lets the thread
 /// go on: `isCall` before and after a system call, `carried` the signal that it is to get, 0 for none. `onEnd(thread, status)`
 /// hears of each end.
-template <class OnStop, class OnEnd> void FollowTraced(OnStop onStop, OnEnd onEnd)
+template <class OnStop, class OnEnd>
+void FollowTraced(OnStop onStop, OnEnd onEnd)
 {
     for (;;) {
         int status = 0;

@@ -6,7 +6,6 @@
 
 namespace Test {
 namespace {
-
 std::string Shared(const ZipRecord& record)
 {
     return Bytes16(record.needed) + Bytes16(record.flags) + Bytes16(record.method) + Bytes32(record.time)
@@ -21,8 +20,8 @@ std::string LocalHeader(const ZipRecord& record)
 
 std::string CentralHeader(const ZipRecord& record, std::uint64_t offset)
 {
-    return Bytes32(record.signature) + Bytes16(record.madeBy) + Shared(record) + Bytes16(unsigned(record.comment.size()))
-           + Bytes16(record.disk) + Bytes16(0) + Bytes32(record.attributes)
+    return Bytes32(record.signature) + Bytes16(record.madeBy) + Shared(record)
+           + Bytes16(unsigned(record.comment.size())) + Bytes16(record.disk) + Bytes16(0) + Bytes32(record.attributes)
            + Bytes32(record.offset.value_or(std::uint32_t(offset))) + record.name + record.extra + record.comment;
 }
 
@@ -49,7 +48,6 @@ std::string ExtraField(unsigned id, const std::string& body)
 }
 
 namespace {
-
 std::string Deflate(std::string_view data, int flush)
 {
     z_stream stream{};

@@ -123,7 +123,7 @@ public:
 private:
     CDom();
     struct Impl;
-    friend struct CDomAccess; // the core library's own way in; not part of the interface
+    friend struct DomAccess; // the core library's own way in; not part of the interface
     std::unique_ptr<Impl> m_impl;
 };
 

@@ -71,7 +71,7 @@ protected:
 
 private:
     struct Impl;
-    friend struct CRunnableAccess; // the core library's own way in
+    friend struct RunnableAccess; // the core library's own way in
     std::unique_ptr<Impl> m_impl;
 };
 

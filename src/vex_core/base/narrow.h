@@ -13,7 +13,7 @@ namespace VexCore {
 inline std::string ToSystemBytes(const wxString& text)
 {
     const wxWX2MBbuf bytes = text.mb_str(*wxConvFileName);
-    if (bytes.data() == nullptr || (*bytes.data() == '\0' && !text.empty()))
+    if (!bytes.data() || (*bytes.data() == '\0' && !text.empty()))
         return std::string(text.utf8_str());
     return std::string(bytes.data());
 }

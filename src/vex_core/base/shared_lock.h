@@ -27,7 +27,7 @@ public:
     {
         // The flag is only a hint that keeps readers off the gate's mutex while nobody writes.
         if (m_gateClosed.load(std::memory_order_relaxed))
-            const std::lock_guard<std::mutex> queue(m_gate);
+            const std::lock_guard queue(m_gate);
         m_lock.lock_shared();
     }
     void unlock_shared() { m_lock.unlock_shared(); }

@@ -5,11 +5,10 @@
 namespace VexCore {
 
 namespace {
-
 thread_local WaitPoint* t_bound = nullptr;
 
 // A century: what lies beyond is "no limit", and adding it to the clock does not overflow.
-constexpr std::int64_t maxTimeoutMs = std::int64_t(100) * 365 * 24 * 3600 * 1000;
+constexpr std::int64_t maxTimeoutMs = static_cast<std::int64_t>(100) * 365 * 24 * 3600 * 1000;
 
 } // namespace
 
@@ -17,13 +16,13 @@ WaitPoint& WaitPoint::OfThisThread()
 {
     if (t_bound)
         return *t_bound;
-    thread_local WaitPoint own;
-    return own;
+    thread_local WaitPoint t_own;
+    return t_own;
 }
 
 WaitPoint::EOutcome WaitPoint::Sleep(std::int64_t timeoutMs)
 {
-    std::unique_lock<std::mutex> lock(m_lock);
+    std::unique_lock lock(m_lock);
     const auto woken = [this] { return m_notified || m_awakened || m_ending.load(std::memory_order_relaxed); };
     if (timeoutMs < 0 || timeoutMs > maxTimeoutMs)
         m_wake.wait(lock, woken);
@@ -42,28 +41,28 @@ WaitPoint::EOutcome WaitPoint::Sleep(std::int64_t timeoutMs)
 
 void WaitPoint::Clear()
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     m_notified = false;
 }
 
 // The wakers notify under the lock: once the sleeper runs on, it may destroy the wait point.
 void WaitPoint::Notify()
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     m_notified = true;
     m_wake.notify_one();
 }
 
 void WaitPoint::Awaken()
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     m_awakened = true;
     m_wake.notify_one();
 }
 
 void WaitPoint::RequestExit()
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     m_ending.store(true, std::memory_order_release);
     m_wake.notify_one();
 }

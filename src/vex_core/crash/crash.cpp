@@ -4,11 +4,11 @@
 // hangs), ends the process by the first crash's signal.
 
 #include "vex/core/crash.h"
+#include "vex_core/base/narrow.h"
 #include "vex_core/crash/crash_p.h"
 #include "vex_core/crash/crash_thread.h"
 #include "vex_core/crash/crash_threads.h"
 #include "vex_core/log/log_p.h"
-#include "vex_core/base/narrow.h"
 
 #include <algorithm>
 #include <atomic>
@@ -22,7 +22,6 @@
 
 namespace VexCore {
 namespace {
-
 struct CrashSignal
 {
     int number;
@@ -39,12 +38,12 @@ char dumpPath[4096];
 char temporaryPath[4096 + 8];
 char applicationName[256];
 char logPath[4096]; // for a crash before anything was logged; empty when it was not known
-bool fullMemory = false;
-long localTimeOffset = 0; // seconds to add to UTC; a change of it meanwhile only moves the line's time
+bool g_fullMemory = false;
+long g_localTimeOffset = 0; // seconds to add to UTC; a change of it meanwhile only moves the line's time
 
-std::atomic<long> crashingThread{0}; // 0: no crash yet
-CrashSite firstCrash;                // written by the crashing thread before anything can go wrong
-std::atomic<bool> reported{false};
+std::atomic<long> g_crashingThread{0}; // 0: no crash yet
+CrashSite g_firstCrash; // written by the crashing thread before anything can go wrong
+std::atomic<bool> g_reported{false};
 
 // In place of a system's error code: what became of the handler itself.
 constexpr int handlerCrashed = -1;
@@ -59,7 +58,6 @@ const char* NameOf(int signal)
 }
 
 // --- time without the C library, which locks and allocates for it
-// ------------------------------------------------------
 
 struct CivilTime
 {
@@ -100,13 +98,12 @@ long LocalTimeOffset()
     const std::time_t now = std::time(nullptr);
     std::tm local = {};
     localtime_r(&now, &local);
-    const long long seconds = DaysFromCivil(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday) * 86400 +
-                              local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;
+    const long long seconds = DaysFromCivil(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday) * 86400
+                              + local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;
     return static_cast<long>(seconds - static_cast<long long>(now));
 }
 
 // --- the one line
-// ------------------------------------------------------------------------------------------------------
 
 void WriteBytes(int descriptor, const char* data, std::size_t size)
 {
@@ -120,19 +117,19 @@ void WriteBytes(int descriptor, const char* data, std::size_t size)
 }
 
 // Static: they are larger than a small stack should have to hold, and one thread at most gets here.
-CrashText logLine;
-CrashText errorLine;
+CrashText g_logLine;
+CrashText g_errorLine;
 
 // As every line of the log has it. The name of a worker is a script's choice.
 void AddThreadName(const CrashSite& site)
 {
     constexpr std::size_t maxBytes = 128;
     const char* name = CrashThreadName();
-    if (CurrentThreadNumber() != site.thread || name == nullptr)
+    if (CurrentThreadNumber() != site.thread || !name)
         name = site.thread == site.process ? "main" : "thread";
     for (std::size_t i = 0; i < maxBytes && name[i] != '\0'; ++i) {
         const unsigned char c = static_cast<unsigned char>(name[i]);
-        logLine << (c < 0x20 || c == 0x7f ? '?' : name[i]);
+        g_logLine << (c < 0x20 || c == 0x7f ? '?' : name[i]);
     }
 }
 
@@ -140,16 +137,16 @@ void AddLogPrefix(const CrashSite& site)
 {
     struct timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    const CivilTime time = CivilFromSeconds(static_cast<long long>(now.tv_sec) + localTimeOffset);
-    logLine.Decimal(time.year, 4) << '-';
-    logLine.Decimal(time.month, 2) << '-';
-    logLine.Decimal(time.day, 2) << ' ';
-    logLine.Decimal(time.hour, 2) << ':';
-    logLine.Decimal(time.minute, 2) << ':';
-    logLine.Decimal(time.second, 2) << " FATAL [";
-    logLine.Decimal(site.process) << '/';
+    const CivilTime time = CivilFromSeconds(static_cast<long long>(now.tv_sec) + g_localTimeOffset);
+    g_logLine.Decimal(time.year, 4) << '-';
+    g_logLine.Decimal(time.month, 2) << '-';
+    g_logLine.Decimal(time.day, 2) << ' ';
+    g_logLine.Decimal(time.hour, 2) << ':';
+    g_logLine.Decimal(time.minute, 2) << ':';
+    g_logLine.Decimal(time.second, 2) << " FATAL [";
+    g_logLine.Decimal(site.process) << '/';
     AddThreadName(site);
-    logLine << "] ";
+    g_logLine << "] ";
 }
 
 void AddReason(CrashText& line, int dumpError)
@@ -190,30 +187,29 @@ void AddMessage(CrashText& line, const CrashSite& site, int dumpError)
 
 void Report(const CrashSite& site, int dumpError)
 {
-    if (reported.exchange(true))
+    if (g_reported.exchange(true))
         return;
     AddLogPrefix(site);
-    AddMessage(logLine, site, dumpError);
-    AddMessage(errorLine, site, dumpError);
+    AddMessage(g_logLine, site, dumpError);
+    AddMessage(g_errorLine, site, dumpError);
     int log = LogFileDescriptor();
     if (log < 0)
         log = open(logPath, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (log >= 0)
-        WriteBytes(log, logLine.Data(), logLine.Size());
-    WriteBytes(STDERR_FILENO, errorLine.Data(), errorLine.Size());
+        WriteBytes(log, g_logLine.Data(), g_logLine.Size());
+    WriteBytes(STDERR_FILENO, g_errorLine.Data(), g_errorLine.Size());
 }
 
 // --- the handler
-// -------------------------------------------------------------------------------------------------------
 
 [[noreturn]] void GiveUp(int reason)
 {
     static std::atomic<bool> tried{false};
     if (!tried.exchange(true)) {
         unlink(temporaryPath);
-        Report(firstCrash, reason);
+        Report(g_firstCrash, reason);
     }
-    EndBySignalNow(firstCrash.signal);
+    EndBySignalNow(g_firstCrash.signal);
 }
 
 void OnTimeOver(int, siginfo_t*, void*)
@@ -251,18 +247,18 @@ void OnCrash(int signal, siginfo_t* info, void* context)
     const int error = errno;
     const long self = CurrentThreadNumber();
     long nobody = 0;
-    if (!crashingThread.compare_exchange_strong(nobody, self)) {
+    if (!g_crashingThread.compare_exchange_strong(nobody, self)) {
         if (nobody == self)
             GiveUp(handlerCrashed);
         AnswerAndStay(context); // the other thread ends the process
     }
-    firstCrash = {signal, info, context, getpid(), self};
+    g_firstCrash = {signal, info, context, getpid(), self};
     OpenCrashSignals();
     LimitTime();
-    Report(firstCrash, WriteCrashDump({dumpPath, temporaryPath, fullMemory}, firstCrash));
+    Report(g_firstCrash, WriteCrashDump({dumpPath, temporaryPath, g_fullMemory}, g_firstCrash));
     alarm(0);
     errno = error;
-    EndBySignalOnReturn(firstCrash);
+    EndBySignalOnReturn(g_firstCrash);
 }
 
 bool Install()
@@ -291,16 +287,16 @@ bool CopyText(char* to, std::size_t size, const std::string& text)
 bool InitCrashHandler(const wxString& dumpFile, const wxString& application, bool fullDump)
 {
     const std::string path = ToSystemBytes(dumpFile);
-    if (path.empty() || !CopyText(dumpPath, sizeof dumpPath, path) ||
-        !CopyText(temporaryPath, sizeof temporaryPath, path + ".tmp"))
+    if (path.empty() || !CopyText(dumpPath, sizeof dumpPath, path)
+        || !CopyText(temporaryPath, sizeof temporaryPath, path + ".tmp"))
         return false;
     std::string name(application.utf8_str());
     name.resize(std::min(name.size(), sizeof applicationName - 1));
     CopyText(applicationName, sizeof applicationName, name);
     if (!CopyText(logPath, sizeof logPath, LogFilePath()))
         logPath[0] = '\0';
-    fullMemory = fullDump;
-    localTimeOffset = LocalTimeOffset();
+    g_fullMemory = fullDump;
+    g_localTimeOffset = LocalTimeOffset();
     PrepareCrashDump();
     EnableCrashThreads();
     CrashThreadStart("main");

@@ -37,7 +37,7 @@ CrashRegisters ReadCrashContext(const void* signalContext, Minidump::ContextAmd6
     context.r14 = get(REG_R14);
     context.r15 = get(REG_R15);
     context.rip = get(REG_RIP);
-    if (machine.fpregs != nullptr) {
+    if (machine.fpregs) {
         static_assert(sizeof(*machine.fpregs) == sizeof context.floats);
         std::memcpy(context.floats, machine.fpregs, sizeof context.floats);
         context.mxcsr = machine.fpregs->mxcsr;

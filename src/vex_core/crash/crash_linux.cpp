@@ -23,20 +23,18 @@
 
 namespace VexCore {
 namespace {
-
 constexpr long threadsWaitMs = 500;
 constexpr std::uint64_t stackBytes = 256 * 1024; // of each thread, from its innermost frame on
-constexpr std::uint64_t redZoneBytes = 128;      // below the stack pointer, in use by leaf functions
-constexpr std::uint64_t reachBytes = 1 << 20;    // from an overflown stack's pointer to the stack
-constexpr std::uint64_t codeBytes = 512;         // around the crash
-constexpr std::uint64_t maxFullBytes = std::uint64_t(8) << 30;
+constexpr std::uint64_t redZoneBytes = 128; // below the stack pointer, in use by leaf functions
+constexpr std::uint64_t reachBytes = 1 << 20; // from an overflown stack's pointer to the stack
+constexpr std::uint64_t codeBytes = 512; // around the crash
+constexpr std::uint64_t maxFullBytes = static_cast<std::uint64_t>(8) << 30;
 
 // Set by PrepareCrashDump.
 std::uint64_t pageBytes = 4096;
 std::uint8_t processors = 0;
-struct utsname systemName;
-std::uint64_t environmentStart =
-    0; // the texts lie above the main thread's stack, in one mapping with it; 0: not there
+struct utsname g_systemName;
+std::uint64_t environmentStart = 0; // the texts lie above the main thread's stack, in one mapping with it; 0: not there
 
 // Too large for a small stack; the crashed thread alone gets here.
 Minidump::Thread threadRecords[maxCrashThreads];
@@ -98,7 +96,7 @@ private:
     void AddThread(const CrashThread& thread, Minidump::Thread& record)
     {
         CrashRegisters place;
-        if (thread.context != nullptr) {
+        if (thread.context) {
             place = ReadCrashContext(thread.context, registers);
         } else {
             place = AskSystem(thread.number);
@@ -142,9 +140,8 @@ private:
 
     Minidump::MemoryDescriptor AddStack(std::uint64_t stackPointer)
     {
-        const CrashRange* const range =
-            stackPointer == 0 ? nullptr : FindCrashRange(stackPointer, reachBytes);
-        if (range == nullptr)
+        const CrashRange* const range = stackPointer == 0 ? nullptr : FindCrashRange(stackPointer, reachBytes);
+        if (!range)
             return Minidump::MemoryDescriptor();
         const std::uint64_t low = stackPointer > redZoneBytes ? stackPointer - redZoneBytes : 0;
         const std::uint64_t start = std::max(range->start, low & ~(pageBytes - 1));
@@ -189,12 +186,11 @@ private:
             record.size = static_cast<std::uint32_t>(modules[i].end - modules[i].base);
             record.nameRva = m_writer.AppendText(modules[i].name);
             if (modules[i].buildIdSize > 0) {
-                record.codeView =
-                    m_writer.Reserve(sizeof Minidump::codeViewElfBuildId + modules[i].buildIdSize);
+                record.codeView = m_writer.Reserve(sizeof Minidump::codeViewElfBuildId + modules[i].buildIdSize);
                 m_writer.WriteAt(record.codeView.rva, &Minidump::codeViewElfBuildId,
                                  sizeof Minidump::codeViewElfBuildId);
-                m_writer.WriteAt(record.codeView.rva + sizeof Minidump::codeViewElfBuildId,
-                                 modules[i].buildId, modules[i].buildIdSize);
+                m_writer.WriteAt(record.codeView.rva + sizeof Minidump::codeViewElfBuildId, modules[i].buildId,
+                                 modules[i].buildIdSize);
             }
         }
         AddList(m_writer, Minidump::ModuleListStream, moduleRecords, static_cast<std::uint32_t>(count));
@@ -203,10 +199,9 @@ private:
     void AddCodeAroundCrash()
     {
         const CrashRange* const range = FindCrashRange(m_crashPlace, 0);
-        if (range == nullptr)
+        if (!range)
             return; // a jump into nowhere
-        const std::uint64_t start =
-            std::max(range->start, m_crashPlace - std::min(m_crashPlace, codeBytes / 2));
+        const std::uint64_t start = std::max(range->start, m_crashPlace - std::min(m_crashPlace, codeBytes / 2));
         AddMemory(start, std::min(range->end, start + codeBytes));
     }
 
@@ -224,8 +219,8 @@ private:
     void AddSystemInfo()
     {
         CrashText version;
-        version << systemName.sysname << ' ' << systemName.release << ' ' << systemName.version << ' '
-                << systemName.machine;
+        version << g_systemName.sysname << ' ' << g_systemName.release << ' ' << g_systemName.version << ' '
+                << g_systemName.machine;
         Minidump::SystemInfo record = {};
         record.architecture = Minidump::architectureAmd64;
         record.processors = processors;
@@ -249,8 +244,7 @@ private:
     {
         constexpr std::size_t maxBytes = 4 << 20;
         m_writer.AddStream(Minidump::LinuxMapsStream, m_writer.AppendFile("/proc/self/maps", maxBytes));
-        m_writer.AddStream(Minidump::LinuxProcStatusStream,
-                           m_writer.AppendFile("/proc/self/status", maxBytes));
+        m_writer.AddStream(Minidump::LinuxProcStatusStream, m_writer.AppendFile("/proc/self/status", maxBytes));
         m_writer.AddStream(Minidump::LinuxCpuInfoStream, m_writer.AppendFile("/proc/cpuinfo", maxBytes));
         m_writer.AddStream(Minidump::LinuxAuxvStream, m_writer.AppendFile("/proc/self/auxv", maxBytes));
         m_writer.AddStream(Minidump::LinuxCmdLineStream, m_writer.AppendFile("/proc/self/cmdline", maxBytes));
@@ -318,7 +312,7 @@ std::uint64_t FindEnvironmentStart()
     const int local = 0;
     const std::uint64_t here = reinterpret_cast<std::uintptr_t>(&local);
     std::uint64_t lowest = 0;
-    for (char** text = environ; text != nullptr && *text != nullptr; ++text) {
+    for (char** text = environ; text && *text; ++text) {
         const std::uint64_t at = reinterpret_cast<std::uintptr_t>(*text);
         if (at > here && at - here < reach && (lowest == 0 || at < lowest))
             lowest = at;
@@ -333,7 +327,7 @@ void PrepareCrashDump()
     environmentStart = FindEnvironmentStart();
     pageBytes = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
     processors = static_cast<std::uint8_t>(std::clamp(sysconf(_SC_NPROCESSORS_ONLN), 0L, 255L));
-    uname(&systemName);
+    uname(&g_systemName);
 }
 
 int WriteCrashDump(const CrashDumpTarget& target, const CrashSite& site)
@@ -360,7 +354,6 @@ long CurrentThreadNumber()
 }
 
 namespace {
-
 void SetDefault(int signal)
 {
     struct sigaction action = {};
@@ -381,8 +374,8 @@ void EndBySignalOnReturn(const CrashSite& site)
     sigaddset(&mask, site.signal);
     pthread_sigmask(SIG_BLOCK, &mask, nullptr);
     sigdelset(&static_cast<ucontext_t*>(site.context)->uc_sigmask, site.signal);
-    if (syscall(SYS_rt_tgsigqueueinfo, site.process, site.thread, site.signal, site.info) != 0 &&
-        syscall(SYS_tgkill, site.process, site.thread, site.signal) != 0)
+    if (syscall(SYS_rt_tgsigqueueinfo, site.process, site.thread, site.signal, site.info) != 0
+        && syscall(SYS_tgkill, site.process, site.thread, site.signal) != 0)
         EndBySignalNow(site.signal);
 }
 

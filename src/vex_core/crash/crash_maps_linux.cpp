@@ -10,7 +10,6 @@
 
 namespace VexCore {
 namespace {
-
 CrashRange ranges[maxCrashRanges];
 std::size_t rangeCount = 0;
 CrashModule modules[maxCrashModules];
@@ -33,8 +32,7 @@ public:
 
     bool Read(std::uint64_t address, void* to, std::size_t size) const
     {
-        return m_file >= 0 &&
-               pread(m_file, to, size, static_cast<off_t>(address)) == static_cast<ssize_t>(size);
+        return m_file >= 0 && pread(m_file, to, size, static_cast<off_t>(address)) == static_cast<ssize_t>(size);
     }
 
 private:
@@ -42,7 +40,6 @@ private:
 };
 
 // --- one line of the maps: "start-end rwxp offset device inode    path"
-// ----------------------------------------------------
 
 struct MapLine
 {
@@ -100,7 +97,6 @@ bool StartsWith(const char* text, const char* start)
 }
 
 // --- modules
-// ---------------------------------------------------------------------------------------------------------------
 
 // The build id's note is in a segment of notes; `bias` is what the loader added to the file's addresses.
 void FindBuildId(const OwnMemory& memory, CrashModule& module, const ElfW(Phdr) & segment, std::uint64_t bias)
@@ -117,8 +113,8 @@ void FindBuildId(const OwnMemory& memory, CrashModule& module, const ElfW(Phdr) 
         const std::size_t next = content + ((note.n_descsz + 3u) & ~3u);
         if (next > size || next <= at)
             return;
-        if (note.n_type == NT_GNU_BUILD_ID && note.n_namesz == 4 &&
-            std::memcmp(notes + name, "GNU", 4) == 0 && note.n_descsz <= sizeof module.buildId) {
+        if (note.n_type == NT_GNU_BUILD_ID && note.n_namesz == 4 && std::memcmp(notes + name, "GNU", 4) == 0
+            && note.n_descsz <= sizeof module.buildId) {
             std::memcpy(module.buildId, notes + content, note.n_descsz);
             module.buildIdSize = note.n_descsz;
             return;
@@ -130,18 +126,17 @@ void FindBuildId(const OwnMemory& memory, CrashModule& module, const ElfW(Phdr) 
 bool ReadElf(const OwnMemory& memory, CrashModule& module)
 {
     ElfW(Ehdr) header;
-    if (!memory.Read(module.base, &header, sizeof header) ||
-        std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0)
+    if (!memory.Read(module.base, &header, sizeof header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0)
         return false;
     bool hasBias = false;
     std::uint64_t bias = 0;
     for (int i = 0; i < std::min<int>(header.e_phnum, 64); ++i) {
         ElfW(Phdr) segment;
-        if (!memory.Read(module.base + header.e_phoff + static_cast<std::uint64_t>(i) * sizeof segment,
-                         &segment, sizeof segment))
+        if (!memory.Read(module.base + header.e_phoff + static_cast<std::uint64_t>(i) * sizeof segment, &segment,
+                         sizeof segment))
             break;
         if (segment.p_type == PT_LOAD && !hasBias) {
-            bias = module.base - (segment.p_vaddr & ~std::uint64_t(4095));
+            bias = module.base - (segment.p_vaddr & ~static_cast<std::uint64_t>(4095));
             hasBias = true;
         }
         if (segment.p_type == PT_NOTE && hasBias && module.buildIdSize == 0)
@@ -183,7 +178,7 @@ void AddToModules(const OwnMemory& memory, const MapLine& line)
     module.end = line.end;
     const std::size_t namesBefore = namesUsed;
     module.name = KeepName(vdso ? "linux-gate.so" : line.path);
-    if (module.name == nullptr || !ReadElf(memory, module)) {
+    if (!module.name || !ReadElf(memory, module)) {
         namesUsed = namesBefore;
         return;
     }
@@ -197,8 +192,8 @@ void AddLine(const OwnMemory& memory, const char* text)
     if (!ParseMapLine(text, line))
         return;
     if (rangeCount < maxCrashRanges) {
-        const bool special = StartsWith(line.path, "/dev/") && !StartsWith(line.path, "/dev/shm/") &&
-                             !StartsWith(line.path, "/dev/zero");
+        const bool special = StartsWith(line.path, "/dev/") && !StartsWith(line.path, "/dev/shm/")
+                             && !StartsWith(line.path, "/dev/zero");
         const bool kernel = StartsWith(line.path, "[vvar") || StartsWith(line.path, "[vsyscall");
         ranges[rangeCount++] = {line.start, line.end, line.readable, special || kernel};
     }

@@ -24,7 +24,7 @@ struct CrashDumpTarget
 {
     const char* path = nullptr;
     const char* temporary = nullptr; ///< written first, then renamed; goes when anything fails
-    bool full = false;               ///< all readable memory
+    bool full = false; ///< all readable memory
 };
 
 /// Asks for what cannot be asked for in a crash (page size, kernel name). Main thread, once.

@@ -12,7 +12,6 @@
 
 namespace VexCore {
 namespace {
-
 void SetDefault(int signal)
 {
     struct sigaction action = {};

@@ -9,16 +9,15 @@
 
 namespace VexCore {
 namespace {
-
 // The dump is written on it: its buffers are static, so that calls and a few paths are all that it must hold.
 // SIGSTKSZ is not a constant on newer systems and too small for processors with wide registers.
 constexpr std::size_t stackBytes = 64 * 1024;
 
-std::atomic<bool> enabled{false};
+std::atomic<bool> g_enabled{false};
 // Signal handlers read it: with this model that is a look at a fixed place, where others may allocate first.
-[[gnu::tls_model("initial-exec")]] thread_local const char* ownName = nullptr;
-thread_local void* ownStack = nullptr; // the mapping, its lowest page a guard
-thread_local stack_t previousStack;    // a sanitizer's; none otherwise
+[[gnu::tls_model("initial-exec")]] thread_local const char* t_ownName = nullptr;
+thread_local void* t_ownStack = nullptr; // the mapping, its lowest page a guard
+thread_local stack_t t_previousStack; // a sanitizer's; none otherwise
 
 std::size_t PageBytes()
 {
@@ -29,13 +28,13 @@ std::size_t PageBytes()
 
 void EnableCrashThreads()
 {
-    enabled.store(true, std::memory_order_relaxed);
+    g_enabled.store(true, std::memory_order_relaxed);
 }
 
 void CrashThreadStart(const char* name)
 {
-    ownName = name;
-    if (!enabled.load(std::memory_order_relaxed) || ownStack != nullptr)
+    t_ownName = name;
+    if (!g_enabled.load(std::memory_order_relaxed) || t_ownStack)
         return;
     const std::size_t size = PageBytes() + stackBytes;
     void* const mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -45,26 +44,26 @@ void CrashThreadStart(const char* name)
     stack_t stack = {};
     stack.ss_sp = static_cast<char*>(mapping) + PageBytes();
     stack.ss_size = stackBytes;
-    if (sigaltstack(&stack, &previousStack) != 0) {
+    if (sigaltstack(&stack, &t_previousStack) != 0) {
         munmap(mapping, size);
         return;
     }
-    ownStack = mapping;
+    t_ownStack = mapping;
 }
 
 void CrashThreadEnd()
 {
-    ownName = nullptr;
-    if (ownStack == nullptr)
+    t_ownName = nullptr;
+    if (!t_ownStack)
         return;
-    if (sigaltstack(&previousStack, nullptr) == 0)
-        munmap(ownStack, PageBytes() + stackBytes);
-    ownStack = nullptr;
+    if (sigaltstack(&t_previousStack, nullptr) == 0)
+        munmap(t_ownStack, PageBytes() + stackBytes);
+    t_ownStack = nullptr;
 }
 
 const char* CrashThreadName()
 {
-    return ownName;
+    return t_ownName;
 }
 
 } // namespace VexCore

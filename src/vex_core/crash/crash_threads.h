@@ -18,8 +18,7 @@ struct CrashThread
 
 /// Stops all threads but the caller and waits up to `waitMs` for their answers. They never go on. The list is
 /// the caller's, then the others', in memory that stays; `count` its length.
-const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs,
-                                    std::size_t& count);
+const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs, std::size_t& count);
 
 /// For a thread that crashes while another one writes the dump: gives its context as the answer and never
 /// returns.

@@ -17,7 +17,6 @@
 
 namespace VexCore {
 namespace {
-
 struct Slot
 {
     std::atomic<long> number{0};
@@ -117,8 +116,7 @@ std::size_t Answers()
 
 } // namespace
 
-const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs,
-                                    std::size_t& count)
+const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs, std::size_t& count)
 {
     PrepareToPark();
     std::size_t asked = 0;

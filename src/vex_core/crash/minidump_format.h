@@ -98,7 +98,7 @@ struct Exception
 {
     std::uint32_t threadId;
     std::uint32_t alignment1;
-    std::uint32_t code;  // the signal
+    std::uint32_t code; // the signal
     std::uint32_t flags; // si_code
     std::uint64_t record;
     std::uint64_t address;

@@ -13,7 +13,6 @@
 
 namespace VexCore {
 namespace {
-
 constexpr std::uint64_t pageBytes = 4096; // the smallest there is: the step over memory that cannot be read
 
 // By number: the C library's own may be replaced by checking ones, which refuse to look at other code's red
@@ -44,7 +43,7 @@ std::uint32_t NextCharacter(const char*& at)
 
 void MinidumpWriter::Align()
 {
-    m_end = (m_end + 7) & ~std::uint64_t(7);
+    m_end = (m_end + 7) & ~static_cast<std::uint64_t>(7);
 }
 
 bool MinidumpWriter::FitsLocation(std::uint64_t size)
@@ -90,8 +89,7 @@ void MinidumpWriter::WriteAt(std::uint64_t offset, const void* data, std::size_t
 
 std::uint32_t MinidumpWriter::AppendText(const char* utf8)
 {
-    static std::uint16_t
-        units[4096 + 3]; // after two for the length; the writing thread is the only one that runs
+    static std::uint16_t units[4096 + 3]; // after two for the length; the writing thread is the only one that runs
     std::size_t count = 2;
     while (*utf8 != '\0' && count < 4096) {
         const std::uint32_t code = NextCharacter(utf8);

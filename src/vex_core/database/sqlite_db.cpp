@@ -2,9 +2,9 @@
 #include "vex/core/dom.h"
 #include "vex/core/log.h"
 #include "vex/core/sqlitedb.h"
+#include "vex_core/base/narrow.h"
 #include "vex_core/events/agentevent_store.h"
 #include "vex_core/lua/lua_db.h"
-#include "vex_core/base/narrow.h"
 #include "vex_core/threads/runnable_p.h"
 
 #include <algorithm>
@@ -15,14 +15,12 @@
 namespace VexCore {
 
 // --- settings of the process
-// -----------------------------------------------------------------------------------------
 
 namespace {
-
 constexpr char settingPrefix[] = "sqlite.config";
 
-std::mutex settingsMutex;
-SqliteSettings processSettings; // guarded by settingsMutex
+std::mutex g_settingsLock;
+SqliteSettings g_processSettings; // guarded by g_settingsLock
 
 // One setting: its name after "sqlite.config." and what is done with its value. False: the value means
 // nothing.
@@ -34,8 +32,7 @@ struct SettingRule
 
 bool ApplyMemstatus(std::int64_t value, SqliteSettings&)
 {
-    return (value == 0 || value == 1) &&
-           sqlite3_config(SQLITE_CONFIG_MEMSTATUS, static_cast<int>(value)) == SQLITE_OK;
+    return (value == 0 || value == 1) && sqlite3_config(SQLITE_CONFIG_MEMSTATUS, static_cast<int>(value)) == SQLITE_OK;
 }
 
 bool ApplyMmapSize(std::int64_t value, SqliteSettings&)
@@ -109,20 +106,20 @@ void WarnOfUnknownSettings(const CDom& dom)
 
 SqliteSettings GetSqliteSettings()
 {
-    const std::lock_guard<std::mutex> lock(settingsMutex);
-    return processSettings;
+    const std::lock_guard lock(g_settingsLock);
+    return g_processSettings;
 }
 
 void SetSqliteSettings(const SqliteSettings& settings)
 {
-    const std::lock_guard<std::mutex> lock(settingsMutex);
-    processSettings = settings;
+    const std::lock_guard lock(g_settingsLock);
+    g_processSettings = settings;
 }
 
 bool CSqliteDatabase::InitializeSQLite(CDom* dom)
 {
     SqliteSettings settings;
-    if (dom != nullptr) {
+    if (dom) {
         for (const SettingRule& rule : settingRules) {
             const std::string key = std::string(settingPrefix) + "." + rule.name;
             std::int64_t value = 0;
@@ -137,8 +134,7 @@ bool CSqliteDatabase::InitializeSQLite(CDom* dom)
     SetSqliteSettings(settings);
     const int result = sqlite3_initialize();
     if (result != SQLITE_OK)
-        wxLogError(wxT("The database library cannot be initialised (%s)"),
-                   wxString::FromUTF8(sqlite3_errstr(result)));
+        wxLogError(wxT("The database library cannot be initialised (%s)"), wxString::FromUTF8(sqlite3_errstr(result)));
     return result == SQLITE_OK;
 }
 
@@ -156,7 +152,6 @@ const char* JournalModeFor(int libraryVersion)
 }
 
 // --- connections
-// -----------------------------------------------------------------------------------------------------
 
 void SqliteDb::Closer::operator()(sqlite3* handle) const
 {
@@ -175,8 +170,7 @@ bool SqliteDb::Open(const std::string& path, std::int64_t minSynchronous)
 {
     Close();
     sqlite3* handle = nullptr;
-    const int result =
-        sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    const int result = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     m_handle.reset(handle); // there is one after a failure too
     if (result != SQLITE_OK) {
         Fail(handle != nullptr ? sqlite3_extended_errcode(handle) : result);
@@ -186,8 +180,8 @@ bool SqliteDb::Open(const std::string& path, std::int64_t minSynchronous)
     sqlite3_extended_result_codes(handle, 1);
     const SqliteSettings settings = GetSqliteSettings();
     sqlite3_busy_timeout(handle, static_cast<int>(settings.busyTimeoutMs));
-    std::string sql = "PRAGMA trusted_schema=OFF; PRAGMA synchronous=" +
-                      std::to_string(std::max(settings.synchronous, minSynchronous)) + ";";
+    std::string sql = "PRAGMA trusted_schema=OFF; PRAGMA synchronous="
+                      + std::to_string(std::max(settings.synchronous, minSynchronous)) + ";";
     if (settings.cacheSize)
         sql += "PRAGMA cache_size=" + std::to_string(*settings.cacheSize) + ";";
     if (settings.journalSizeLimit)
@@ -228,7 +222,6 @@ int SqliteDb::Changes() const
 }
 
 // --- statements
-// ------------------------------------------------------------------------------------------------------
 
 void SqliteStatement::Finalizer::operator()(sqlite3_stmt* statement) const
 {
@@ -238,8 +231,7 @@ void SqliteStatement::Finalizer::operator()(sqlite3_stmt* statement) const
 SqliteStatement::SqliteStatement(SqliteDb& db, const char* sql) : m_db(db)
 {
     sqlite3_stmt* statement = nullptr;
-    m_failure =
-        db.m_handle ? sqlite3_prepare_v2(db.m_handle.get(), sql, -1, &statement, nullptr) : SQLITE_MISUSE;
+    m_failure = db.m_handle ? sqlite3_prepare_v2(db.m_handle.get(), sql, -1, &statement, nullptr) : SQLITE_MISUSE;
     m_statement.reset(statement);
     if (m_failure != SQLITE_OK)
         db.Fail(m_failure);
@@ -254,8 +246,8 @@ void SqliteStatement::Bind(int parameter, std::int64_t value)
 void SqliteStatement::Bind(int parameter, const std::string& text)
 {
     if (m_failure == SQLITE_OK)
-        m_failure = sqlite3_bind_text64(m_statement.get(), parameter, text.data(), text.size(), SQLITE_STATIC,
-                                        SQLITE_UTF8);
+        m_failure =
+            sqlite3_bind_text64(m_statement.get(), parameter, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
 }
 
 void SqliteStatement::Bind(int parameter, const std::optional<std::int64_t>& value)
@@ -302,7 +294,7 @@ std::int64_t SqliteStatement::ColumnInt(int column) const
 std::string SqliteStatement::ColumnText(int column) const
 {
     const unsigned char* text = sqlite3_column_text(m_statement.get(), column);
-    if (text == nullptr)
+    if (!text)
         return std::string();
     return std::string(reinterpret_cast<const char*>(text),
                        static_cast<std::size_t>(sqlite3_column_bytes(m_statement.get(), column)));
@@ -314,7 +306,6 @@ bool SqliteStatement::ColumnIsNull(int column) const
 }
 
 // --- transactions
-// ----------------------------------------------------------------------------------------------------
 
 SqliteTransaction::SqliteTransaction(SqliteDb& db) : m_db(db), m_open(db.Exec("BEGIN IMMEDIATE")) {}
 

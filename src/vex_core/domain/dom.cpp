@@ -2,13 +2,13 @@
 
 #include "vex_core/domain/dom_p.h"
 
-#include "vex_core/domain/dom_values.h"
-#include "vex_core/process/files_p.h"
 #include "vex_core/base/narrow.h"
-#include "vex_core/domain/settings_file.h"
 #include "vex_core/base/shared_lock.h"
-#include "vex_core/log/trace_p.h"
+#include "vex_core/domain/dom_values.h"
+#include "vex_core/domain/settings_file.h"
 #include "vex_core/domain/wait_list.h"
+#include "vex_core/log/trace_p.h"
+#include "vex_core/process/files_p.h"
 
 #include <algorithm>
 #include <atomic>
@@ -21,7 +21,6 @@
 namespace VexCore {
 
 namespace {
-
 /// A full key. A root's key is used as it came; a view's is put together, on the stack where it fits, so that a read
 /// allocates nothing.
 class FullKey
@@ -76,7 +75,7 @@ public:
     {
         auto node = std::make_unique<Node>(key);
         {
-            const std::lock_guard<FairSharedLock> lock(m_lock);
+            const std::lock_guard lock(m_lock);
             auto& place = m_nodes[std::string_view(node->key)];
             if (!place)
                 place = std::move(node);
@@ -90,7 +89,7 @@ public:
     {
         std::unique_ptr<Node> removed;
         {
-            const std::lock_guard<FairSharedLock> lock(m_lock);
+            const std::lock_guard lock(m_lock);
             const auto found = m_nodes.find(key);
             if (found == m_nodes.end())
                 return false;
@@ -159,7 +158,7 @@ struct CDom::Impl
 };
 
 /// What the rest of the core library does to a domain beyond the interface, and the list of live roots.
-struct CDomAccess
+struct DomAccess
 {
     /// One more reference, unless the last one is already gone.
     static bool TryAddRef(CDom& dom)
@@ -186,7 +185,7 @@ struct CDomAccess
     static CDom* ProcessRoot()
     {
         Roots& roots = LiveRoots();
-        const std::lock_guard<std::mutex> lock(roots.lock);
+        const std::lock_guard lock(roots.lock);
         for (CDom* const dom : roots.live)
             if (TryAddRef(*dom))
                 return dom;
@@ -196,19 +195,19 @@ struct CDomAccess
     static void AddRoot(CDom* dom)
     {
         Roots& roots = LiveRoots();
-        const std::lock_guard<std::mutex> lock(roots.lock);
+        const std::lock_guard lock(roots.lock);
         roots.live.push_back(dom);
     }
 
     static void RemoveRoot(CDom* dom)
     {
         Roots& roots = LiveRoots();
-        const std::lock_guard<std::mutex> lock(roots.lock);
+        const std::lock_guard lock(roots.lock);
         roots.live.erase(std::find(roots.live.begin(), roots.live.end(), dom));
     }
 };
 
-RootDom::RootDom() : m_dom(CDomAccess::ProcessRoot()) {}
+RootDom::RootDom() : m_dom(DomAccess::ProcessRoot()) {}
 
 RootDom::~RootDom()
 {
@@ -231,7 +230,7 @@ CDom* CDom::New(const char* name, CDom* parent, bool* created, bool)
     if (!parent) {
         own.store = std::make_shared<DomStore>();
         own.root = true;
-        CDomAccess::AddRoot(dom);
+        DomAccess::AddRoot(dom);
         ReloadTraceModules();
         if (created)
             *created = true;
@@ -255,7 +254,7 @@ void CDom::Release()
         return;
     const bool wasRoot = m_impl->root;
     if (wasRoot)
-        CDomAccess::RemoveRoot(this);
+        DomAccess::RemoveRoot(this);
     delete this;
     if (wasRoot)
         ReloadTraceModules();

@@ -7,7 +7,6 @@
 namespace VexCore {
 
 namespace {
-
 bool EqualIgnoringCase(std::string_view text, std::string_view lower)
 {
     if (text.size() != lower.size())

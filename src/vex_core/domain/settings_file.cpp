@@ -11,9 +11,8 @@
 namespace VexCore {
 
 namespace {
-
 // As much as the host takes of its configuration file, which is the same one; what lies behind is not looked at.
-constexpr std::size_t maxBytes = std::size_t(4) << 20;
+constexpr std::size_t maxBytes = static_cast<std::size_t>(4) << 20;
 
 std::string InLowerCase(std::string_view text)
 {
@@ -121,7 +120,7 @@ std::map<std::string, std::string> ParseSettings(std::string_view content)
 
 bool SettingsFile::Find(const std::string& path, std::string_view name, std::string& value)
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     Refresh(path);
     const auto found = m_entries.find(InLowerCase(name));
     if (found == m_entries.end())
@@ -142,15 +141,15 @@ void SettingsFile::Refresh(const std::string& path)
         return;
     }
     const Version version{status.st_dev, status.st_ino, status.st_size,
-                          std::int64_t(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec};
+                          static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec};
     if (!m_readable || !m_settled || path != m_path || !(version == m_version)) {
         // A change within the file system's clock tick of the last one leaves the time as it was, so a file that is read
         // right after it was written is read again next time.
         m_settled = std::time(nullptr) - status.st_mtim.tv_sec > 2;
-        std::string content(std::min<std::size_t>(maxBytes, std::size_t(status.st_size)), '\0');
+        std::string content(std::min<std::size_t>(maxBytes, static_cast<std::size_t>(status.st_size)), '\0');
         const ssize_t count = os::PReadFull(descriptor, content.data(), content.size(), 0);
         m_readable = count >= 0;
-        content.resize(count > 0 ? std::size_t(count) : 0);
+        content.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
         m_entries = ParseSettings(content);
         m_path = path;
         m_version = version;

@@ -20,8 +20,8 @@ class WaitList::ThreadSubscriptions
 public:
     static ThreadSubscriptions& OfThisThread()
     {
-        thread_local ThreadSubscriptions own;
-        return own;
+        thread_local ThreadSubscriptions t_own;
+        return t_own;
     }
 
     ~ThreadSubscriptions()
@@ -54,9 +54,9 @@ private:
 
     std::shared_ptr<Subscription> Add(WaitList& list, std::string_view scope)
     {
-        m_entries.erase(std::remove_if(m_entries.begin(), m_entries.end(),
-                                       [](const Entry& entry) { return entry.list.expired(); }),
-                        m_entries.end());
+        m_entries.erase(
+            std::remove_if(m_entries.begin(), m_entries.end(), [](const Entry& entry) { return entry.list.expired(); }),
+            m_entries.end());
         if (m_entries.size() >= maxEntries) {
             m_entries.front().Cancel();
             m_entries.erase(m_entries.begin());
@@ -65,7 +65,7 @@ private:
         subscription->scope.assign(scope);
         subscription->thread = this;
         m_entries.push_back({list.weak_from_this(), subscription});
-        const std::lock_guard<std::mutex> lock(list.m_lock);
+        const std::lock_guard lock(list.m_lock);
         list.m_subscriptions.push_back(subscription);
         list.m_count.store(list.m_subscriptions.size());
         return subscription;
@@ -85,7 +85,7 @@ WaitList::EResult WaitList::Wait(std::string_view scope, std::int64_t timeoutMs)
     const steady_clock::time_point begin = steady_clock::now();
     point.Clear();
     {
-        const std::lock_guard<std::mutex> lock(m_lock);
+        const std::lock_guard lock(m_lock);
         subscription->sleeper = &point;
         if (subscription->written)
             point.Notify();
@@ -94,7 +94,7 @@ WaitList::EResult WaitList::Wait(std::string_view scope, std::int64_t timeoutMs)
     std::int64_t leftMs = timeoutMs;
     for (;;) {
         const WaitPoint::EOutcome outcome = point.Sleep(leftMs);
-        const std::lock_guard<std::mutex> lock(m_lock);
+        const std::lock_guard lock(m_lock);
         const bool written = subscription->written;
         if (outcome == WaitPoint::EOutcome::Notified && !written) {
             // A notification of an earlier wait that was sent too late for it.
@@ -116,7 +116,7 @@ void WaitList::Written(std::string_view key)
     if (m_count.load() == 0)
         return;
     const void* const writer = &ThreadSubscriptions::OfThisThread();
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     for (const std::shared_ptr<Subscription>& subscription : m_subscriptions) {
         if (subscription->thread == writer || !ScopeCovers(subscription->scope, key))
             continue;
@@ -128,11 +128,12 @@ void WaitList::Written(std::string_view key)
 
 void WaitList::Remove(const Subscription* subscription)
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
-    m_subscriptions.erase(
-        std::remove_if(m_subscriptions.begin(), m_subscriptions.end(),
-                       [subscription](const std::shared_ptr<Subscription>& each) { return each.get() == subscription; }),
-        m_subscriptions.end());
+    const std::lock_guard lock(m_lock);
+    m_subscriptions.erase(std::remove_if(m_subscriptions.begin(), m_subscriptions.end(),
+                                         [subscription](const std::shared_ptr<Subscription>& each) {
+                                             return each.get() == subscription;
+                                         }),
+                          m_subscriptions.end());
     m_count.store(m_subscriptions.size());
 }
 

@@ -1,6 +1,6 @@
 #include "vex/core/agentevent.h"
-#include "vex_core/events/agentevent_p.h"
 #include "vex_core/base/utf8.h"
+#include "vex_core/events/agentevent_p.h"
 
 #include <algorithm>
 #include <string_view>
@@ -9,7 +9,6 @@
 
 namespace VexCore {
 namespace {
-
 // Whether XML 1.0 can hold the character, be it escaped.
 bool IsXmlCharacter(char32_t character)
 {
@@ -21,10 +20,7 @@ bool IsXmlCharacter(char32_t character)
 class StringWriter : public pugi::xml_writer
 {
 public:
-    void write(const void* data, std::size_t size) override
-    {
-        m_text.append(static_cast<const char*>(data), size);
-    }
+    void write(const void* data, std::size_t size) override { m_text.append(static_cast<const char*>(data), size); }
     std::string m_text;
 };
 
@@ -54,7 +50,7 @@ void XMLObject::SetAttributeNull(int field, bool isNull)
 {
     if (field < 0 || field >= 32)
         return;
-    const std::uint32_t bit = std::uint32_t(1) << field;
+    const std::uint32_t bit = static_cast<std::uint32_t>(1) << field;
     m_present = isNull ? m_present & ~bit : m_present | bit;
 }
 

@@ -8,8 +8,8 @@
 #include "vex/core/agentevent.h"
 #include "vex/core/clock.h"
 #include "vex/core/dom.h"
-#include "vex_core/events/agentevent_p.h"
 #include "vex_core/base/narrow.h"
+#include "vex_core/events/agentevent_p.h"
 #include "vex_core/os/file_calls.h"
 
 #include <atomic>
@@ -31,7 +31,6 @@
 
 namespace VexCore {
 namespace {
-
 constexpr std::int64_t fullSynchronous =
     2; // an event is on the disk when Write returns, whatever the settings allow elsewhere
 
@@ -43,8 +42,7 @@ const char tableSql[] =
 
 // Keys matter for events that some process still keeps; an old key is no longer one of those, unless the pending file
 // has events of any age.
-const char forgetKeysSql[] =
-    "DELETE FROM agent_event_key WHERE seq < (SELECT max(seq) FROM agent_event_key) - 1000";
+const char forgetKeysSql[] = "DELETE FROM agent_event_key WHERE seq < (SELECT max(seq) FROM agent_event_key) - 1000";
 
 // Whether a store of this process may keep events. Read without a lock, so that the usual answer costs nothing.
 std::atomic<bool> g_somethingIsKept{false};
@@ -114,8 +112,7 @@ bool MeansDamage(int code)
 } // namespace
 
 EventStore::EventStore(std::string folder)
-    : m_folder(std::move(folder)), m_path(m_folder + "/events.db"),
-      m_pending(m_folder + "/events.pending.xml")
+    : m_folder(std::move(folder)), m_path(m_folder + "/events.db"), m_pending(m_folder + "/events.pending.xml")
 {}
 
 EventStore::~EventStore()
@@ -127,7 +124,7 @@ EventStore::~EventStore()
 std::int64_t EventStore::Write(const CAgentEvent& event)
 {
     const EventRecord record = MakeRecord(event);
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::lock_guard lock(m_lock);
     const std::int64_t id = WriteLocked(record);
     if (id == 0)
         KeepForLater(record);
@@ -136,7 +133,7 @@ std::int64_t EventStore::Write(const CAgentEvent& event)
 
 bool EventStore::StoreKept()
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::lock_guard lock(m_lock);
     if (m_memory.empty() && (m_folder.empty() || !m_pending.HasEvents()))
         return true;
     if (!WithDatabase([this] { return StoreKeptLocked(); }) && !m_folder.empty())
@@ -146,7 +143,7 @@ bool EventStore::StoreKept()
 
 std::size_t EventStore::InMemory() const
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::lock_guard lock(m_lock);
     return m_memory.size();
 }
 
@@ -154,12 +151,11 @@ void EventStore::Adopt(EventStore& other)
 {
     std::deque<EventRecord> events;
     {
-        const std::lock_guard<std::mutex> lock(other.m_mutex);
+        const std::lock_guard lock(other.m_lock);
         events.swap(other.m_memory);
     }
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_memory.insert(m_memory.begin(), std::make_move_iterator(events.begin()),
-                    std::make_move_iterator(events.end()));
+    const std::lock_guard lock(m_lock);
+    m_memory.insert(m_memory.begin(), std::make_move_iterator(events.begin()), std::make_move_iterator(events.end()));
 }
 
 std::int64_t EventStore::WriteLocked(const EventRecord& record)
@@ -188,7 +184,6 @@ bool EventStore::WithDatabase(const std::function<bool()>& body)
 }
 
 // --- the database
-// ----------------------------------------------------------------------------------------------------
 
 bool EventStore::OpenDatabase()
 {
@@ -220,8 +215,7 @@ void EventStore::RememberFile()
 bool EventStore::IsOurFile() const
 {
     struct stat status;
-    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && status.st_dev == m_device &&
-           status.st_ino == m_inode;
+    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && status.st_dev == m_device && status.st_ino == m_inode;
 }
 
 bool EventStore::CreateTables()
@@ -260,8 +254,7 @@ bool EventStore::InsertKey(const EventRecord& record)
 std::int64_t EventStore::Insert(const EventRecord& record)
 {
     SqliteStatement statement(
-        m_db,
-        "INSERT INTO agent_event(time_ms, time_s, number, severity, text, xml) VALUES(?, ?, ?, ?, ?, ?)");
+        m_db, "INSERT INTO agent_event(time_ms, time_s, number, severity, text, xml) VALUES(?, ?, ?, ?, ?, ?)");
     statement.Bind(1, record.timeMillis);
     statement.Bind(2, record.timeSeconds);
     statement.Bind(3, record.number);
@@ -281,7 +274,6 @@ std::int64_t EventStore::InsertOnce(const EventRecord& record)
 }
 
 // --- what was kept
-// ---------------------------------------------------------------------------------------------------
 
 bool EventStore::StoreAll(const std::vector<EventRecord>& records)
 {
@@ -322,7 +314,6 @@ bool EventStore::StoreKeptLocked()
 }
 
 // --- keeping
-// ---------------------------------------------------------------------------------------------------------
 
 bool EventStore::AppendMemoryToPending()
 {
@@ -338,8 +329,8 @@ void EventStore::KeepForLater(const EventRecord& record)
     const bool pending = !m_folder.empty() && AppendMemoryToPending() && m_pending.Append(record);
     const wxString pendingError = pending ? wxString() : Shown(std::strerror(errno));
     if (pending)
-        wxLogError(wxT("Agent event kept in '%s', because '%s' did not take it (%s): %s"),
-                   Shown(m_pending.Path()), Shown(m_path), Shown(m_reason), Shown(record.xml));
+        wxLogError(wxT("Agent event kept in '%s', because '%s' did not take it (%s): %s"), Shown(m_pending.Path()),
+                   Shown(m_path), Shown(m_reason), Shown(record.xml));
     else {
         KeepInMemory(record);
         wxLogError(wxT("Agent event kept in memory, because neither '%s' (%s) nor '%s' (%s) took it: %s"),
@@ -354,22 +345,18 @@ void EventStore::KeepInMemory(const EventRecord& record)
     m_memory.push_back(record);
     if (m_memory.size() <= maxInMemory)
         return;
-    wxLogError(wxT("Too many agent events are kept in memory, this one goes: %s"),
-               Shown(m_memory.front().xml));
+    wxLogError(wxT("Too many agent events are kept in memory, this one goes: %s"), Shown(m_memory.front().xml));
     ShowOnStandardError("Agent event given up: ", m_memory.front().xml);
     m_memory.pop_front();
 }
 
 // --- the process's stores
-// ----------------------------------------------------------------------------------------------
 
 namespace {
-
 struct Registry
 {
-    std::mutex mutex;
-    std::map<std::string, std::shared_ptr<EventStore>>
-        stores; // guarded by mutex; "" has what came before any folder
+    std::mutex lock;
+    std::map<std::string, std::shared_ptr<EventStore>> stores; // guarded by lock; "" has what came before any folder
     std::chrono::steady_clock::time_point nextRetry; // guarded by mutex
 };
 
@@ -387,7 +374,7 @@ Registry& GetRegistry()
 std::shared_ptr<EventStore> GetEventStore(const std::string& folder)
 {
     Registry& registry = GetRegistry();
-    const std::lock_guard<std::mutex> lock(registry.mutex);
+    const std::lock_guard lock(registry.lock);
     std::shared_ptr<EventStore>& store = registry.stores[folder];
     if (!store)
         store = std::make_shared<EventStore>(folder);
@@ -406,7 +393,7 @@ void RetryKeptEvents()
     Registry& registry = GetRegistry();
     std::vector<std::shared_ptr<EventStore>> stores;
     {
-        const std::lock_guard<std::mutex> lock(registry.mutex);
+        const std::lock_guard lock(registry.lock);
         const auto now = std::chrono::steady_clock::now();
         if (now < registry.nextRetry)
             return;
@@ -433,7 +420,7 @@ void CloseEventStores()
     std::map<std::string, std::shared_ptr<EventStore>> stores;
     {
         Registry& registry = GetRegistry();
-        const std::lock_guard<std::mutex> lock(registry.mutex);
+        const std::lock_guard lock(registry.lock);
         stores.swap(registry.stores);
         registry.nextRetry = std::chrono::steady_clock::time_point();
     }
@@ -442,9 +429,10 @@ void CloseEventStores()
         item.second->StoreKept();
         const std::size_t lost = item.second->InMemory();
         if (lost > 0)
-            wxLogError(wxT("Agent events that are lost with the process, because nothing took them: %lu (above is a line for "
-                           "each)"),
-                       static_cast<unsigned long>(lost));
+            wxLogError(
+                wxT("Agent events that are lost with the process, because nothing took them: %lu (above is a line for "
+                    "each)"),
+                static_cast<unsigned long>(lost));
     }
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 // Where agent events go: the database of the working folder, else the pending file beside it, else memory.
 
-#include "vex_core/events/pending_events.h"
 #include "vex_core/database/sqlite_db.h"
+#include "vex_core/events/pending_events.h"
 
 #include <cstddef>
 #include <deque>
@@ -64,10 +64,10 @@ private:
     const std::string m_folder;
     const std::string m_path;
 
-    mutable std::mutex m_mutex;
-    // Guarded by m_mutex.
+    mutable std::mutex m_lock;
+    // Guarded by m_lock.
     SqliteDb m_db;
-    pid_t m_owner = 0;  // the process that opened m_db
+    pid_t m_owner = 0; // the process that opened m_db
     dev_t m_device = 0; // of the file that m_db has open; 0 when there was none
     ino_t m_inode = 0;
     std::string m_reason; // why the database did not take the last event

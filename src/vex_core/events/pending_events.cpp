@@ -14,7 +14,6 @@
 
 namespace VexCore {
 namespace {
-
 constexpr long lockTimeoutMs = 2000;
 
 std::optional<std::int64_t> Number(const pugi::xml_node& node, const char* name)
@@ -41,8 +40,7 @@ os::Descriptor OpenLocked(const std::string& path, int flags)
         }
         if (!os::LockFile(file.Get(), lockTimeoutMs))
             return os::Descriptor();
-        if (os::fileCalls.stat(path.c_str(), &named) == 0 && named.st_dev == mine.st_dev &&
-            named.st_ino == mine.st_ino)
+        if (os::fileCalls.stat(path.c_str(), &named) == 0 && named.st_dev == mine.st_dev && named.st_ino == mine.st_ino)
             return file;
     }
     errno = EAGAIN;
@@ -77,8 +75,8 @@ std::vector<EventRecord> ParseLines(const std::string& text, const std::string& 
         if (ParsePendingLine(line, record))
             records.push_back(std::move(record));
         else if (!line.empty())
-            wxLogError(wxT("A line of '%s' is no event and is left out: %s"),
-                       FromForeignBytes(path), FromForeignBytes(line));
+            wxLogError(wxT("A line of '%s' is no event and is left out: %s"), FromForeignBytes(path),
+                       FromForeignBytes(line));
         at = end + 1;
     }
     return records;
@@ -134,15 +132,15 @@ bool PendingEvents::Append(const EventRecord& record)
         return false;
     // A line of its own, whatever a crash left at the end.
     const std::string line = "\n" + FormatPendingLine(record);
-    const bool kept = os::WriteAll(file.Get(), line.data(), line.size()) &&
-                      os::fileCalls.fsync(file.Get()) == 0 && (before.st_size > 0 || FlushFolderOf(m_path));
+    const bool kept = os::WriteAll(file.Get(), line.data(), line.size()) && os::fileCalls.fsync(file.Get()) == 0
+                      && (before.st_size > 0 || FlushFolderOf(m_path));
     if (!kept) {
         const int error = errno;
         if (before.st_size == 0)
             os::fileCalls.unlink(m_path.c_str());
         else
-            static_cast<void>(os::fileCalls.ftruncate(
-                file.Get(), before.st_size)); // else a torn line, which a reader passes over
+            static_cast<void>(
+                os::fileCalls.ftruncate(file.Get(), before.st_size)); // else a torn line, which a reader passes over
         errno = error;
     }
     return kept;
@@ -163,7 +161,8 @@ PendingEvents::ETaken PendingEvents::Take(const std::function<bool(const std::ve
         return ETaken::All;
     }
     // All are stored, and their keys keep them from being stored again for as long as they are here.
-    const bool empty = text.empty() || (os::fileCalls.ftruncate(file.Get(), 0) == 0 && os::fileCalls.fsync(file.Get()) == 0);
+    const bool empty =
+        text.empty() || (os::fileCalls.ftruncate(file.Get(), 0) == 0 && os::fileCalls.fsync(file.Get()) == 0);
     return empty ? ETaken::All : ETaken::Unreadable;
 }
 

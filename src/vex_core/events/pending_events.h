@@ -37,8 +37,8 @@ public:
     bool Append(const EventRecord& record);
 
     enum class ETaken {
-        All,        ///< `store` took them and the file is gone, or empty where it cannot be removed
-        Refused,    ///< `store` did not take them; the file is as it was
+        All, ///< `store` took them and the file is gone, or empty where it cannot be removed
+        Refused, ///< `store` did not take them; the file is as it was
         Unreadable, ///< the file could not be locked or read, or still holds what `store` took; errno
     };
     /// Hands all records to `store`, which puts them away for good or answers false; then removes the file. A

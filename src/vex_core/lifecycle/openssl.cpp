@@ -15,7 +15,6 @@
 
 namespace VexCore {
 namespace {
-
 constexpr long workersEndMs = 10000;
 
 #if OPENSSL_VERSION_NUMBER < 0x10100000L

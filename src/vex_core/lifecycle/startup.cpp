@@ -14,7 +14,6 @@
 namespace VexCore {
 
 namespace {
-
 /// Whether the character set in force is ASCII; each system has a name of its own for it.
 bool CharacterSetIsAscii()
 {
@@ -66,7 +65,6 @@ void SettleLocale()
 }
 
 namespace {
-
 // Ahead of the library's other initialisers, which may open files or convert text.
 __attribute__((constructor(101))) void BeforeMain()
 {

@@ -16,7 +16,6 @@
 namespace VexCore {
 
 namespace {
-
 constexpr int retryRotationSeconds = 60;
 
 // How often, and after how long each time, the end of the file is looked at again before it counts as a piece.
@@ -62,8 +61,8 @@ std::string LogText(std::string_view text)
     return result;
 }
 
-std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel level, pid_t process, const char* thread,
-                            std::string_view text)
+std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel level, pid_t process,
+                            const char* thread, std::string_view text)
 {
     char stamp[128];
     struct tm local = {};
@@ -77,8 +76,7 @@ std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel 
 // --- the log's surface
 
 DiskLog::DiskLog(std::size_t maxHeldBytes, int errorDescriptor) : m_maxHeldBytes(maxHeldBytes), m_error(errorDescriptor)
-{
-}
+{}
 
 DiskLog::~DiskLog()
 {
@@ -88,39 +86,39 @@ DiskLog::~DiskLog()
 
 void DiskLog::SetFile(const std::string& path)
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     if (m_path.empty())
         m_path = path;
 }
 
 bool DiskLog::HasFile() const
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     return !m_path.empty();
 }
 
 void DiskLog::SetSettings(const Settings& settings)
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     m_settings = settings;
 }
 
 void DiskLog::Write(const std::string& record, bool shown)
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     if (!WriteHeld() || !TryWrite(record))
         Hold(record, shown);
 }
 
 void DiskLog::Flush()
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     WriteHeld();
 }
 
 void DiskLog::FlushAtEnd()
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     if (WriteHeld())
         return;
     for (const Held& held : m_held)
@@ -162,7 +160,8 @@ bool DiskLog::WriteHeld()
         m_held.pop_front();
     }
     if (m_lost > 0) {
-        if (!TryWrite(OwnRecord(std::to_string(m_lost) + " lines could not be written here and went to standard error")))
+        if (!TryWrite(
+                OwnRecord(std::to_string(m_lost) + " lines could not be written here and went to standard error")))
             return false;
         m_lost = 0;
     }
@@ -184,13 +183,13 @@ bool DiskLog::TryWrite(const std::string& record)
 bool DiskLog::WriteBytes(const std::string& bytes)
 {
     ssize_t count = os::fileCalls.write(m_descriptor, bytes.data(), bytes.size());
-    if (count > 0 && std::size_t(count) < bytes.size()) {
+    if (count > 0 && static_cast<std::size_t>(count) < bytes.size()) {
         // The disk is full, or was for a moment. The rest belongs right behind.
-        const std::size_t rest = bytes.size() - std::size_t(count);
+        const std::size_t rest = bytes.size() - static_cast<std::size_t>(count);
         const ssize_t more = os::fileCalls.write(m_descriptor, bytes.data() + count, rest);
         count = more < 0 ? more : count + more;
     }
-    if (count == ssize_t(bytes.size()))
+    if (count == static_cast<ssize_t>(bytes.size()))
         return true;
     Fail(count < 0 ? errno : ENOSPC);
     return false;
@@ -228,7 +227,7 @@ bool DiskLog::IsInsideLine(off_t place) const
 bool DiskLog::WasGlued(std::size_t size)
 {
     const off_t end = os::FilePosition(m_descriptor);
-    const off_t begin = end - off_t(size);
+    const off_t begin = end - static_cast<off_t>(size);
     m_cleanEnd = end;
     return begin > 0 && begin != m_size && IsInsideLine(begin);
 }
@@ -250,14 +249,15 @@ void DiskLog::Fail(int error)
     if (m_troubled)
         return;
     m_troubled = true;
-    const std::string line
-        = "Can't write the log file " + m_path + " (" + ErrorText(error) + "), lines are kept in memory and tried again\n";
+    const std::string line = "Can't write the log file " + m_path + " (" + ErrorText(error)
+                             + "), lines are kept in memory and tried again\n";
     os::WriteBestEffort(m_error, line.data(), line.size());
 }
 
 std::string DiskLog::OwnRecord(const std::string& text) const
 {
-    return FormatLogRecord(std::time(nullptr), m_settings.timeFormat.c_str(), ELogLevel::Warning, ::getpid(), "log", text);
+    return FormatLogRecord(std::time(nullptr), m_settings.timeFormat.c_str(), ELogLevel::Warning, ::getpid(), "log",
+                           text);
 }
 
 // --- the file
@@ -282,7 +282,9 @@ bool DiskLog::MakeReady(std::size_t size)
             continue;
         }
         m_size = status.st_size;
-        const bool full = status.st_size > 0 && std::int64_t(status.st_size) + std::int64_t(size) > m_settings.maxBytes;
+        const bool full =
+            status.st_size > 0
+            && static_cast<std::int64_t>(status.st_size) + static_cast<std::int64_t>(size) > m_settings.maxBytes;
         if (!full || !Rotate())
             return true;
     }
@@ -302,7 +304,8 @@ bool DiskLog::Open()
     if (error == 0 && !S_ISREG(status.st_mode))
         error = EINVAL;
     // A starter's umask may have taken our own rights from the new file, and without them it could not be opened again.
-    if (error == 0 && status.st_size == 0 && (status.st_mode & 07777) != 0600 && os::fileCalls.fchmod(opened, 0600) != 0)
+    if (error == 0 && status.st_size == 0 && (status.st_mode & 07777) != 0600
+        && os::fileCalls.fchmod(opened, 0600) != 0)
         error = errno;
     if (error == 0 && m_descriptor >= 0 && !os::ReplaceDescriptor(opened, m_descriptor))
         error = errno;

@@ -24,8 +24,8 @@ const char* LogLevelWord(ELogLevel level);
 std::string LogText(std::string_view text);
 
 /// A whole record with its line end. `timeFormat` is strftime's.
-std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel level, pid_t process, const char* thread,
-                            std::string_view text);
+std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel level, pid_t process,
+                            const char* thread, std::string_view text);
 
 /// Appends records to one file that other processes append to as well, and rotates it.
 ///

@@ -3,11 +3,11 @@
 #include "vex/core/log.h"
 
 #include "vex/core/runnable.h"
-#include "vex_core/log/disk_log.h"
+#include "vex_core/base/narrow.h"
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/domain/dom_values.h"
+#include "vex_core/log/disk_log.h"
 #include "vex_core/log/log_p.h"
-#include "vex_core/base/narrow.h"
 #include "vex_core/os/log_calls.h"
 
 #include <algorithm>
@@ -21,7 +21,6 @@
 namespace VexCore {
 
 namespace {
-
 constexpr int standardError = 2;
 #ifdef VEX_SMALL_LIMITS
 constexpr std::size_t maxHeldBytes = 64 * 1024;
@@ -114,7 +113,8 @@ const char* ThreadName(wxThreadIdType thread)
     const CRunnable* const runnable = CRunnable::Current();
     if (runnable && thread == wxThread::GetCurrentId())
         return runnable->GetThreadName();
-    const wxThreadIdType main = wxThread::GetMainId(); // 0 until the framework is initialised, when there is no other thread
+    const wxThreadIdType main =
+        wxThread::GetMainId(); // 0 until the framework is initialised, when there is no other thread
     return main == 0 || thread == main ? "main" : "thread";
 }
 

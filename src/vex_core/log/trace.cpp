@@ -3,9 +3,9 @@
 
 #include "vex/core/log.h"
 
+#include "vex_core/base/narrow.h"
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/log/log_p.h"
-#include "vex_core/base/narrow.h"
 #include "vex_core/log/trace_modules.h"
 #include "vex_core/log/trace_p.h"
 
@@ -17,7 +17,6 @@
 namespace VexCore {
 
 namespace {
-
 std::atomic<const TraceModules*> g_modules{nullptr};
 
 /// Every list that was ever in force, by its text. Readers may still be looking into an old one, and lists change at most
@@ -50,7 +49,7 @@ void ReloadTraceModules()
     // Let go of after the lock: this may be the last reference by then, and the end of a root comes back here.
     std::optional<const RootDom> root;
     // Read under the lock: of two writers the one that comes second sees both writes, so the lists in force are the last.
-    const std::lock_guard<std::mutex> lock(lists.lock);
+    const std::lock_guard lock(lists.lock);
     root.emplace();
     std::string text;
     if (*root)

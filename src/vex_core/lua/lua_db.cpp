@@ -1,9 +1,9 @@
 #include "vex_core/lua/lua_db.h"
 
 #include "slb3/error.h"
+#include "vex_core/database/sqlite_db.h"
 #include "vex_core/events/agentevent_store.h"
 #include "vex_core/lua/lua_arguments.h"
-#include "vex_core/database/sqlite_db.h"
 
 #include <cmath>
 #include <memory>
@@ -18,13 +18,12 @@
 
 namespace VexCore {
 namespace {
-
 using SLB3::internal::Guarded;
 
 constexpr const char* typeName = "vex.db.Database";
 constexpr std::int64_t fullSynchronous = 2;
 // Beyond it a Lua number cannot tell an integer from its neighbour.
-constexpr std::int64_t maxExactInteger = std::int64_t(1) << 53;
+constexpr std::int64_t maxExactInteger = static_cast<std::int64_t>(1) << 53;
 
 struct Database
 {
@@ -33,8 +32,8 @@ struct Database
     int statements = 0; // that run; guarded by inUse
 };
 
-std::mutex openLock;
-std::set<Database*>& OpenDatabases() // guarded by openLock
+std::mutex g_openLock;
+std::set<Database*>& OpenDatabases() // guarded by g_openLock
 {
     static auto* databases = new std::set<Database*>; // never destroyed: a state may be closed by a late exit
     return *databases;
@@ -320,10 +319,10 @@ int LastId(lua_State* L)
 int Close(lua_State* L)
 {
     Database& database = Receiver(L);
-    const std::lock_guard<std::recursive_mutex> inUse(database.inUse);
+    const std::lock_guard inUse(database.inUse);
     if (database.statements > 0)
         return luaL_error(L, "the database is in use by a statement");
-    const std::lock_guard<std::mutex> lock(openLock);
+    const std::lock_guard lock(g_openLock);
     OpenDatabases().erase(&database);
     database.db.Close();
     return 0;
@@ -333,7 +332,7 @@ int Collect(lua_State* L)
 {
     Database& database = Receiver(L);
     {
-        const std::lock_guard<std::mutex> lock(openLock);
+        const std::lock_guard lock(g_openLock);
         OpenDatabases().erase(&database);
     }
     database.~Database();
@@ -345,7 +344,7 @@ int Collect(lua_State* L)
 int ToText(lua_State* L)
 {
     Database& database = Receiver(L);
-    const std::lock_guard<std::recursive_mutex> inUse(database.inUse);
+    const std::lock_guard inUse(database.inUse);
     if (database.db.IsOpen())
         lua_pushfstring(L, "database (%s)", sqlite3_db_filename(database.db.Handle(), "main"));
     else
@@ -361,19 +360,15 @@ int Open(lua_State* L)
     luaL_setmetatable(L, typeName);
     if (!self->db.Open(path, fullSynchronous))
         return Failed(L, std::string(path) + ": " + self->db.Error());
-    const std::lock_guard<std::mutex> lock(openLock);
+    const std::lock_guard lock(g_openLock);
     OpenDatabases().insert(self);
     return 1;
 }
 
-const luaL_Reg methods[] = {{"exec", Guarded<Exec>},
-                            {"rows", Guarded<Rows>},
-                            {"transaction", Guarded<Transaction>},
-                            {"last_id", Guarded<LastId>},
-                            {"close", Guarded<Close>},
-                            {nullptr, nullptr}};
-const luaL_Reg metamethods[] = {
-    {"__gc", Guarded<Collect>}, {"__tostring", Guarded<ToText>}, {nullptr, nullptr}};
+const luaL_Reg methods[] = {
+    {"exec", Guarded<Exec>},      {"rows", Guarded<Rows>},   {"transaction", Guarded<Transaction>},
+    {"last_id", Guarded<LastId>}, {"close", Guarded<Close>}, {nullptr, nullptr}};
+const luaL_Reg metamethods[] = {{"__gc", Guarded<Collect>}, {"__tostring", Guarded<ToText>}, {nullptr, nullptr}};
 const luaL_Reg functions[] = {{"open", Guarded<Open>}, {nullptr, nullptr}};
 
 } // namespace
@@ -395,10 +390,10 @@ int OpenLuaDb(lua_State* L)
 bool CloseLuaDatabases()
 {
     bool all = true;
-    const std::lock_guard<std::mutex> lock(openLock);
+    const std::lock_guard lock(g_openLock);
     std::set<Database*>& databases = OpenDatabases();
     for (auto position = databases.begin(); position != databases.end();) {
-        const std::unique_lock<std::recursive_mutex> idle((*position)->inUse, std::try_to_lock);
+        const std::unique_lock idle((*position)->inUse, std::try_to_lock);
         if (idle.owns_lock()) {
             (*position)->db.Close();
             position = databases.erase(position);

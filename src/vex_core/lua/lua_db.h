@@ -4,8 +4,9 @@
 //   local database, message = require("vex.db").open(path)
 //   database:exec(sql [, parameters])    changed rows, or nil and a message
 //   database:rows(sql [, parameters])    array of tables keyed by column, or nil and a message
-//   database:transaction(body)           what body returns, committed; rolled back when it returns nil or
-//   fails database:last_id()                   id of the last row inserted database:close()
+//   database:transaction(body)           what body returns, committed; rolled back when it returns nil or fails
+//   database:last_id()                   id of the last row inserted
+//   database:close()
 //
 // Parameters are an array for "?" or a table of names for ":name". A committed change is on stable storage.
 

@@ -26,7 +26,6 @@
 
 namespace VexCore {
 namespace {
-
 using SLB3::internal::Guarded;
 
 int Failure(lua_State* L, const char* path, int error)
@@ -61,8 +60,7 @@ void SetNumber(lua_State* L, const char* field, const std::optional<std::uint64_
         SetNumber(L, field, static_cast<double>(*value));
 }
 
-// vex.fs
-// -------------------------------------------------------------------------------------------------------------
+// --- vex.fs
 
 // list(folder): sorted array of the names in it, without "." and "..".
 int FsList(lua_State* L)
@@ -156,16 +154,11 @@ int FsIsatty(lua_State* L)
     return 1;
 }
 
-const luaL_Reg fsFunctions[] = {{"list", Guarded<FsList>},
-                                {"stat", Guarded<FsStat>},
-                                {"lstat", Guarded<FsLstat>},
-                                {"mkdir", Guarded<FsMkdir>},
-                                {"cwd", Guarded<FsCwd>},
-                                {"isatty", Guarded<FsIsatty>},
+const luaL_Reg fsFunctions[] = {{"list", Guarded<FsList>},   {"stat", Guarded<FsStat>}, {"lstat", Guarded<FsLstat>},
+                                {"mkdir", Guarded<FsMkdir>}, {"cwd", Guarded<FsCwd>},   {"isatty", Guarded<FsIsatty>},
                                 {nullptr, nullptr}};
 
-// vex.host
-// -----------------------------------------------------------------------------------------------------------
+// --- vex.host
 
 // system(): table with name, release, version, machine and host; distribution where the system has one.
 int HostSystem(lua_State* L)
@@ -300,8 +293,7 @@ const luaL_Reg hostFunctions[] = {{"system", Guarded<HostSystem>},
                                   {"pid", Guarded<HostPid>},
                                   {nullptr, nullptr}};
 
-// vex.settings
-// -------------------------------------------------------------------------------------------------------
+// --- vex.settings
 
 // The value of argument 1 as the process's domain has it. Nothing is pushed while the domain is held.
 template <class Value>
@@ -356,8 +348,7 @@ const luaL_Reg settingsFunctions[] = {{"text", Guarded<SettingsText>},
                                       {"int", Guarded<SettingsInt>},
                                       {nullptr, nullptr}};
 
-// Registration
-// -------------------------------------------------------------------------------------------------------
+// --- Registration
 
 int OpenFs(lua_State* L)
 {

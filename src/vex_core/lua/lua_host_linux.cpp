@@ -13,7 +13,6 @@
 
 namespace VexCore::host {
 namespace {
-
 // Value of NAME=value or NAME="value" with the shell's escapes taken out.
 std::string Unquote(const std::string& text)
 {
@@ -105,8 +104,8 @@ std::optional<std::vector<Disk>> Disks()
         if (device && !seen.insert(entry.mnt_fsname).second)
             continue;
         const std::uint64_t unit = sizes.f_frsize ? sizes.f_frsize : sizes.f_bsize;
-        disks.push_back({entry.mnt_dir, entry.mnt_fsname, entry.mnt_type, sizes.f_blocks * unit,
-                         sizes.f_bfree * unit, sizes.f_bavail * unit});
+        disks.push_back({entry.mnt_dir, entry.mnt_fsname, entry.mnt_type, sizes.f_blocks * unit, sizes.f_bfree * unit,
+                         sizes.f_bavail * unit});
     }
     endmntent(table);
     return disks;
@@ -127,8 +126,9 @@ std::optional<std::vector<Interface>> Interfaces()
             continue;
         // Received: bytes, packets, errors and five more; then sent in the same order.
         unsigned long long in[3] = {}, out[3] = {};
-        if (std::sscanf(line.c_str() + colon + 1, "%llu %llu %llu %*u %*u %*u %*u %*u %llu %llu %llu", &in[0],
-                        &in[1], &in[2], &out[0], &out[1], &out[2]) != 6)
+        if (std::sscanf(line.c_str() + colon + 1, "%llu %llu %llu %*u %*u %*u %*u %*u %llu %llu %llu", &in[0], &in[1],
+                        &in[2], &out[0], &out[1], &out[2])
+            != 6)
             continue;
         const std::string name = line.substr(start, colon - start);
         if (name != "lo")

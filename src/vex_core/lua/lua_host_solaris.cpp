@@ -18,7 +18,6 @@
 
 namespace VexCore::host {
 namespace {
-
 // The kernel's statistics, closed at the end of a scope.
 class Kstat
 {
@@ -35,16 +34,14 @@ public:
     kstat_t* First() const { return m_chain ? m_chain->kc_chain : nullptr; }
     kstat_t* Find(const char* module, int instance, const char* name) const
     {
-        return m_chain ? kstat_lookup(m_chain, const_cast<char*>(module), instance, const_cast<char*>(name))
-                       : nullptr;
+        return m_chain ? kstat_lookup(m_chain, const_cast<char*>(module), instance, const_cast<char*>(name)) : nullptr;
     }
 
     bool Read(kstat_t* statistic) const { return statistic && kstat_read(m_chain, statistic, nullptr) != -1; }
 
     static std::optional<std::uint64_t> Value(kstat_t* statistic, const char* name)
     {
-        const auto* entry =
-            static_cast<kstat_named_t*>(kstat_data_lookup(statistic, const_cast<char*>(name)));
+        const auto* entry = static_cast<kstat_named_t*>(kstat_data_lookup(statistic, const_cast<char*>(name)));
         if (!entry)
             return std::nullopt;
         switch (entry->data_type) {
@@ -68,9 +65,8 @@ private:
 // Whether a file system is a disk of this host; see the one for Linux.
 bool IsDisk(const mnttab& entry)
 {
-    static const std::set<std::string> others = {"autofs",  "ctfs",  "dev",  "devfs", "fd",
-                                                 "lofs",    "mntfs", "nfs",  "objfs", "proc",
-                                                 "sharefs", "smbfs", "tmpfs"};
+    static const std::set<std::string> others = {"autofs", "ctfs",  "dev",  "devfs",   "fd",    "lofs", "mntfs",
+                                                 "nfs",    "objfs", "proc", "sharefs", "smbfs", "tmpfs"};
     return others.count(entry.mnt_fstype) == 0;
 }
 
@@ -149,8 +145,8 @@ std::optional<std::vector<Interface>> Interfaces()
         return std::nullopt;
     std::vector<Interface> interfaces;
     for (kstat_t* statistic = kernel.First(); statistic; statistic = statistic->ks_next) {
-        if (std::strcmp(statistic->ks_module, "link") != 0 || std::strcmp(statistic->ks_class, "net") != 0 ||
-            !kernel.Read(statistic))
+        if (std::strcmp(statistic->ks_module, "link") != 0 || std::strcmp(statistic->ks_class, "net") != 0
+            || !kernel.Read(statistic))
             continue;
         const auto value = [&](const char* name) { return Kstat::Value(statistic, name); };
         interfaces.push_back({statistic->ks_name, value("rbytes64"), value("ipackets64"), value("ierrors"),

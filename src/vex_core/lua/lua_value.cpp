@@ -8,9 +8,9 @@
 namespace VexCore {
 
 namespace {
-
 constexpr std::size_t maxDepth = 100;
-constexpr std::size_t maxValues = 1000000; // a table that is shared is copied each time: a small graph can be a huge tree
+constexpr std::size_t maxValues =
+    1000000; // a table that is shared is copied each time: a small graph can be a huge tree
 
 class Copier
 {

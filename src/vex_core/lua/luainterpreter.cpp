@@ -2,9 +2,9 @@
 
 #include "slb3/error.h"
 #include "vex/core/processexit.h"
+#include "vex_core/base/narrow.h"
 #include "vex_core/lua/lua_host.h"
 #include "vex_core/lua/luaoutput.h"
-#include "vex_core/base/narrow.h"
 
 #include <cstdlib>
 #include <initializer_list>
@@ -20,7 +20,6 @@
 namespace VexCore {
 
 namespace {
-
 constexpr int statusNotLoaded = 1;
 constexpr int statusFailed = 2;
 constexpr int statusNoMemory = 4;

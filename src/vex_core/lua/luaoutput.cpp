@@ -8,7 +8,6 @@
 namespace VexCore {
 
 namespace {
-
 constexpr std::size_t keptLineBytes = 64 * 1024;
 
 } // namespace

@@ -4,12 +4,12 @@
 #include "vex/core/dom.h"
 #include "vex/core/luainterpreter.h"
 #include "vex/core/wrap_dom.h"
-#include "vex_core/domain/dom_values.h"
 #include "vex_core/base/narrow.h"
+#include "vex_core/base/wait.h"
+#include "vex_core/domain/dom_values.h"
+#include "vex_core/lua/workers.h"
 #include "vex_core/threads/processexit_p.h"
 #include "vex_core/threads/runnable_p.h"
-#include "vex_core/base/wait.h"
-#include "vex_core/lua/workers.h"
 
 #include <algorithm>
 #include <chrono>
@@ -21,7 +21,6 @@
 namespace VexCore {
 
 namespace {
-
 constexpr int statusFailed = 2;
 
 // What runs in the new state. Its first arguments are the module's name and the argument of `run`.
@@ -39,7 +38,7 @@ struct WorkerList
 {
     std::mutex lock;
     bool closed = false; // guarded by lock; the process is ending
-    std::vector<std::shared_ptr<CWorker>> workers; // guarded by lock
+    std::vector<std::shared_ptr<Worker>> workers; // guarded by lock
 
     static WorkerList& Get()
     {
@@ -48,10 +47,10 @@ struct WorkerList
     }
 
     /// Takes those out that have ended, for the caller to let go of without the lock.
-    std::vector<std::shared_ptr<CWorker>> TakeEnded()
+    std::vector<std::shared_ptr<Worker>> TakeEnded()
     {
-        std::vector<std::shared_ptr<CWorker>> ended;
-        const auto runs = [](const std::shared_ptr<CWorker>& worker) { return worker->Running(); };
+        std::vector<std::shared_ptr<Worker>> ended;
+        const auto runs = [](const std::shared_ptr<Worker>& worker) { return worker->Running(); };
         const auto middle = std::stable_partition(workers.begin(), workers.end(), runs);
         ended.assign(std::make_move_iterator(middle), std::make_move_iterator(workers.end()));
         workers.erase(middle, workers.end());
@@ -60,9 +59,9 @@ struct WorkerList
 
     /// For when all have announced their end: one that has still some steps to go counts as running, and would meet the
     /// destructors of the process if nobody joined it.
-    std::vector<std::shared_ptr<CWorker>> TakeAllButThisThread()
+    std::vector<std::shared_ptr<Worker>> TakeAllButThisThread()
     {
-        std::vector<std::shared_ptr<CWorker>> taken;
+        std::vector<std::shared_ptr<Worker>> taken;
         taken.swap(workers);
         for (auto worker = taken.begin(); worker != taken.end(); ++worker) {
             if (worker->get() == CRunnable::Current()) {
@@ -77,7 +76,7 @@ struct WorkerList
 
 } // namespace
 
-CWorker::CWorker(CDom& dom, std::string module, LuaValue argument)
+Worker::Worker(CDom& dom, std::string module, LuaValue argument)
     : CRunnable(false, -1, false), m_module(std::move(module)), m_threadName("worker " + m_module),
       m_argument(std::move(argument))
 {
@@ -85,23 +84,23 @@ CWorker::CWorker(CDom& dom, std::string module, LuaValue argument)
     SetDom(&dom);
 }
 
-CWorker::~CWorker()
+Worker::~Worker()
 {
     join(-1);
     GetDom()->Release();
 }
 
-const char* CWorker::GetThreadName() const
+const char* Worker::GetThreadName() const
 {
     return m_threadName.c_str();
 }
 
-std::shared_ptr<CWorker> CWorker::Start(CDom& dom, std::string module, LuaValue argument)
+std::shared_ptr<Worker> Worker::Start(CDom& dom, std::string module, LuaValue argument)
 {
-    auto worker = std::make_shared<CWorker>(dom, std::move(module), std::move(argument));
+    auto worker = std::make_shared<Worker>(dom, std::move(module), std::move(argument));
     WorkerList& list = WorkerList::Get();
-    std::vector<std::shared_ptr<CWorker>> ended; // let go of after the lock: the last holder joins the thread
-    const std::lock_guard<std::mutex> lock(list.lock);
+    std::vector<std::shared_ptr<Worker>> ended; // let go of after the lock: the last holder joins the thread
+    const std::lock_guard lock(list.lock);
     ended = list.TakeEnded();
     if (list.closed) {
         wxLogError("Worker \"%s\" is not started: the process is ending.", TextWithoutNul(worker->m_module));
@@ -117,7 +116,7 @@ std::shared_ptr<CWorker> CWorker::Start(CDom& dom, std::string module, LuaValue 
 }
 
 /// Calls a function of the state without arguments; its error becomes the worker's.
-bool CWorker::Protected(CLuaInterpreter& lua, int (*function)(lua_State*), int resultCount)
+bool Worker::Protected(CLuaInterpreter& lua, int (*function)(lua_State*), int resultCount)
 {
     lua_State* const L = lua.L();
     lua_pushcfunction(L, function);
@@ -132,10 +131,10 @@ bool CWorker::Protected(CLuaInterpreter& lua, int (*function)(lua_State*), int r
 }
 
 /// The state as the application's: paths, the domain under both names, the loader of archives.
-int CWorker::PrepareState(lua_State* L)
+int Worker::PrepareState(lua_State* L)
 {
     return SLB3::internal::Guard(L, [L] {
-        const CWorker& self = *static_cast<CWorker*>(lua_touserdata(L, 1));
+        const Worker& self = *static_cast<Worker*>(lua_touserdata(L, 1));
         CDom& dom = *self.GetDom();
         luaL_checkversion(L);
         self.m_lua->SetPackagePaths(dom.Get("app.path.bin").c_str(), dom.Get("app.lua.path").c_str(),
@@ -149,17 +148,17 @@ int CWorker::PrepareState(lua_State* L)
     });
 }
 
-int CWorker::PushArguments(lua_State* L)
+int Worker::PushArguments(lua_State* L)
 {
     return SLB3::internal::Guard(L, [L] {
-        const CWorker& self = *static_cast<CWorker*>(lua_touserdata(L, 1));
+        const Worker& self = *static_cast<Worker*>(lua_touserdata(L, 1));
         lua_pushlstring(L, self.m_module.data(), self.m_module.size());
         self.m_argument.Push(L);
         return 2;
     });
 }
 
-int CWorker::Work()
+int Worker::Work()
 {
     CLuaInterpreter lua(false, L"worker.lua", true);
     m_lua = &lua;
@@ -175,12 +174,12 @@ int CWorker::Work()
     return static_cast<int>(lua_tointeger(lua.L(), -1));
 }
 
-void CWorker::OnRun()
+void Worker::OnRun()
 {
     // However the work ends, who waits for it is told.
     struct Announcement
     {
-        CWorker& worker;
+        Worker& worker;
         ~Announcement() { worker.AnnounceEnd(); }
     };
     const Announcement announcement{*this};
@@ -194,27 +193,28 @@ void CWorker::OnRun()
         wxLogError("Worker \"%s\" failed: %s", TextWithoutNul(m_module), TextWithoutNul(m_error));
 }
 
-void CWorker::AnnounceEnd()
+void Worker::AnnounceEnd()
 {
-    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::lock_guard lock(m_lock);
     m_done = true;
     for (WaitPoint* waiting : m_waiting)
         waiting->Notify();
 }
 
-bool CWorker::WaitForEnd(std::int64_t timeoutMs)
+bool Worker::WaitForEnd(std::int64_t timeoutMs)
 {
     using namespace std::chrono;
     WaitPoint& point = WaitPoint::OfThisThread();
     const steady_clock::time_point begin = steady_clock::now();
-    std::unique_lock<std::mutex> lock(m_lock);
+    std::unique_lock lock(m_lock);
     if (!m_done)
         m_waiting.push_back(&point);
     bool isOver = m_done;
     while (!m_done && !isOver) {
         std::int64_t leftMs = timeoutMs;
         if (timeoutMs >= 0)
-            leftMs = std::max<std::int64_t>(0, timeoutMs - duration_cast<milliseconds>(steady_clock::now() - begin).count());
+            leftMs =
+                std::max<std::int64_t>(0, timeoutMs - duration_cast<milliseconds>(steady_clock::now() - begin).count());
         lock.unlock();
         // A notification may also be a late one of a key that this thread has waited for.
         isOver = point.Sleep(leftMs) != WaitPoint::EOutcome::Notified;
@@ -231,20 +231,20 @@ void StopAllWorkers(long timeoutMs)
 {
     WorkerList& list = WorkerList::Get();
     {
-        const std::lock_guard<std::mutex> lock(list.lock);
+        const std::lock_guard lock(list.lock);
         list.closed = true;
     }
     const std::vector<std::string> stragglers = EndRegisteredThreads(timeoutMs);
-    std::vector<std::shared_ptr<CWorker>> ended;
+    std::vector<std::shared_ptr<Worker>> ended;
     {
-        const std::lock_guard<std::mutex> lock(list.lock);
+        const std::lock_guard lock(list.lock);
         ended = stragglers.empty() ? list.TakeAllButThisThread() : list.TakeEnded();
     }
-    for (const std::shared_ptr<CWorker>& worker : ended)
+    for (const std::shared_ptr<Worker>& worker : ended)
         worker->join(-1);
     for (const std::string& name : stragglers)
-        wxLogWarning("Thread \"%s\" has not ended within %ld seconds and is left behind.",
-                     FromForeignBytes(name), timeoutMs / 1000);
+        wxLogWarning("Thread \"%s\" has not ended within %ld seconds and is left behind.", FromForeignBytes(name),
+                     timeoutMs / 1000);
     if (!stragglers.empty())
         SkipDestructorsAtExit();
 }
@@ -252,7 +252,7 @@ void StopAllWorkers(long timeoutMs)
 void ReopenWorkers()
 {
     WorkerList& list = WorkerList::Get();
-    const std::lock_guard<std::mutex> lock(list.lock);
+    const std::lock_guard lock(list.lock);
     list.closed = false;
 }
 

@@ -19,15 +19,15 @@ class WaitPoint;
 
 /// Requires a module and calls its function `run` with an argument. Shared by the Lua objects that stand for
 /// it and by the process's list of workers.
-class CWorker : public CRunnable
+class Worker : public CRunnable
 {
 public:
     /// Starts a worker. Null, after an error line in the log, when there is no thread to be had or the
     /// process is ending. The worker holds a reference to the domain.
-    static std::shared_ptr<CWorker> Start(CDom& dom, std::string module, LuaValue argument);
+    static std::shared_ptr<Worker> Start(CDom& dom, std::string module, LuaValue argument);
 
-    CWorker(CDom& dom, std::string module, LuaValue argument);
-    ~CWorker() override;
+    Worker(CDom& dom, std::string module, LuaValue argument);
+    ~Worker() override;
 
     const char* GetThreadName() const override;
 
@@ -52,11 +52,11 @@ private:
 
     const std::string m_module;
     const std::string m_threadName;
-    LuaValue m_argument;              // set before the thread starts; the thread's own from then on
+    LuaValue m_argument; // set before the thread starts; the thread's own from then on
     CLuaInterpreter* m_lua = nullptr; // the thread's own
 
     std::mutex m_lock;
-    bool m_done = false;               // guarded by m_lock
+    bool m_done = false; // guarded by m_lock
     std::vector<WaitPoint*> m_waiting; // guarded by m_lock; threads in WaitForEnd
     // Written before m_done, read after it.
     int m_status = 0;

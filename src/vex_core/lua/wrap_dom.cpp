@@ -7,10 +7,10 @@
 #include "vex/core/dom.h"
 #include "vex/core/execute.h"
 #include "vex/core/log.h"
+#include "vex_core/base/narrow.h"
 #include "vex_core/log/log_p.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_value.h"
-#include "vex_core/base/narrow.h"
 #include "vex_core/lua/wrap_worker.h"
 
 #include <algorithm>
@@ -27,14 +27,13 @@ using VexCore::CDom;
 using namespace SLB3::internal;
 
 namespace {
-
 // Stack indexes of a method's arguments; the domain is 1.
 constexpr int firstArgument = 2;
 constexpr int secondArgument = 3;
 constexpr int thirdArgument = 4;
 
 // Beyond it a Lua number cannot tell an integer from its neighbour.
-constexpr std::int64_t maxExactInteger = std::int64_t(1) << 53;
+constexpr std::int64_t maxExactInteger = static_cast<std::int64_t>(1) << 53;
 
 constexpr std::size_t maxKeptBytes = 4096;
 
@@ -70,13 +69,13 @@ int Get(CDom& dom, lua_State* L)
     const char* key = Value<const char*>::Get(L, firstArgument);
     // Kept from call to call: the heap would be a quarter of the time. While it is in use nobody else has it: making the
     // Lua string may run a finaliser, which may come here.
-    thread_local std::string kept;
+    thread_local std::string t_kept;
     std::string text;
-    text.swap(kept);
+    text.swap(t_kept);
     const bool found = dom.Get(key, text);
     const int results = found ? PushBytes(L, text) : PushDefault(L);
     if (text.capacity() <= maxKeptBytes)
-        text.swap(kept);
+        text.swap(t_kept);
     return results;
 }
 
@@ -96,7 +95,8 @@ int GetInt(CDom& dom, lua_State* L)
     if (!dom.Get(key, value))
         return PushDefault(L);
     if (value > maxExactInteger || value < -maxExactInteger)
-        return luaL_error(L, "the value of '%s' is beyond 2^53, where Lua numbers are not exact: read it with Get", key);
+        return luaL_error(L, "the value of '%s' is beyond 2^53, where Lua numbers are not exact: read it with Get",
+                          key);
     return Value<std::int64_t>::Push(L, value);
 }
 
@@ -330,7 +330,7 @@ int StartThread(CDom& dom, lua_State* L)
     std::string got;
     if (!VexCore::LuaValue::Copy(L, secondArgument, argument, got))
         RaiseArgumentError(L, secondArgument, "nil, boolean, number, string or a table of them", got.c_str());
-    std::shared_ptr<VexCore::CWorker> worker = VexCore::CWorker::Start(dom, module, std::move(argument));
+    std::shared_ptr<VexCore::Worker> worker = VexCore::Worker::Start(dom, module, std::move(argument));
     if (!worker)
         return luaL_error(L, "worker '%s' could not be started; the log tells why", module);
     SLB3::PushValue<VexCore::WorkerHandle>(L, std::move(worker));

@@ -5,7 +5,6 @@
 using VexCore::WorkerHandle;
 
 namespace {
-
 void Stop(WorkerHandle& self)
 {
     self.worker->requestExit();
@@ -21,7 +20,7 @@ int Join(WorkerHandle& self, lua_State* L)
 {
     const std::int64_t timeoutMs = lua_isnoneornil(L, 2) ? -1 : VexCore::MillisecondsArgument(L, 2);
     // Held: making the error's text may run a finaliser, and that may destroy the handle.
-    const std::shared_ptr<VexCore::CWorker> worker = self.worker;
+    const std::shared_ptr<VexCore::Worker> worker = self.worker;
     // The worker's own state cannot hold its handle, so a thread never waits for itself.
     const bool ended = worker->WaitForEnd(timeoutMs);
     lua_pushboolean(L, ended);

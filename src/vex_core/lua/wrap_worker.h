@@ -11,8 +11,8 @@ namespace VexCore {
 /// What the Lua object holds. Collecting it does not end the worker.
 struct WorkerHandle
 {
-    explicit WorkerHandle(std::shared_ptr<CWorker> started) : worker(std::move(started)) {}
-    std::shared_ptr<CWorker> worker;
+    explicit WorkerHandle(std::shared_ptr<Worker> started) : worker(std::move(started)) {}
+    std::shared_ptr<Worker> worker;
 };
 
 } // namespace VexCore

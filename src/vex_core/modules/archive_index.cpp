@@ -15,7 +15,6 @@
 
 namespace VexCore {
 namespace {
-
 /// The archives that hold a descriptor now, the longest open first. Beyond the limit that one is closed; five eighths of
 /// the process's descriptors leave room for everything else, and for 600 archives under the usual limit of 1024.
 class OpenArchives
@@ -32,11 +31,12 @@ public:
         const std::size_t limit = std::max<std::size_t>(os::OpenFileLimit() * 5 / 8, 16);
         std::vector<std::weak_ptr<ModuleArchive>> closing;
         {
-            const std::lock_guard<std::mutex> guard(m_lock);
+            const std::lock_guard lock(m_lock);
             m_open.push_back(archive);
             if (m_open.size() > limit) {
-                m_open.erase(std::remove_if(m_open.begin(), m_open.end(), [](const auto& item) { return item.expired(); }),
-                             m_open.end());
+                m_open.erase(
+                    std::remove_if(m_open.begin(), m_open.end(), [](const auto& item) { return item.expired(); }),
+                    m_open.end());
                 for (; m_open.size() > limit; m_open.pop_front())
                     closing.push_back(m_open.front());
             }
@@ -113,7 +113,7 @@ std::shared_ptr<const ZipArchive> ModuleArchive::Zip(std::string& error)
 {
     std::shared_ptr<const ZipArchive> zip;
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         if (m_zip)
             return m_zip;
         zip = ZipArchive::Open(m_path, m_limits, error);
@@ -132,7 +132,7 @@ std::shared_ptr<const ZipArchive> ModuleArchive::Zip(std::string& error)
 std::string ModuleArchive::DirectorySha256()
 {
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         if (!m_directorySha256.empty())
             return m_directorySha256;
     }
@@ -141,14 +141,14 @@ std::string ModuleArchive::DirectorySha256()
     if (!zip)
         return std::string();
     std::string sha256 = zip->DirectorySha256();
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::lock_guard lock(m_lock);
     m_directorySha256 = sha256;
     return sha256;
 }
 
 void ModuleArchive::Close()
 {
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::lock_guard lock(m_lock);
     m_zip.reset();
 }
 
@@ -156,7 +156,7 @@ ArchiveSlot::ArchiveSlot(std::string path) : m_path(std::move(path)) {}
 
 std::shared_ptr<ModuleArchive> ArchiveSlot::Current(const ZipLimits& limits, std::string& failure)
 {
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::lock_guard lock(m_lock);
     struct stat status;
     const bool there = os::Stat(m_path.c_str(), status) == 0;
     const FileIdentity identity = there ? IdentityOf(status) : FileIdentity();
@@ -194,7 +194,7 @@ void ArchiveSlot::OpenAnew(const ZipLimits& limits)
 
 std::string ArchiveSlot::LastFailure()
 {
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::lock_guard lock(m_lock);
     return m_archive ? std::string() : m_failure;
 }
 
@@ -206,7 +206,7 @@ ArchiveIndex& ArchiveIndex::Process()
 
 std::shared_ptr<ArchiveSlot> ArchiveIndex::Slot(const std::string& path)
 {
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::lock_guard lock(m_lock);
     std::shared_ptr<ArchiveSlot>& slot = m_slots[path];
     if (!slot)
         slot = std::make_shared<ArchiveSlot>(path);
@@ -215,7 +215,7 @@ std::shared_ptr<ArchiveSlot> ArchiveIndex::Slot(const std::string& path)
 
 void ArchiveIndex::ForgetUnused()
 {
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::lock_guard lock(m_lock);
     for (auto item = m_slots.begin(); item != m_slots.end();) {
         if (item->second.use_count() == 1)
             item = m_slots.erase(item);

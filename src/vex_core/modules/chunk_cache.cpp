@@ -1,9 +1,9 @@
 #include "vex_core/modules/chunk_cache.h"
 
 #include "vex/core/log.h"
-#include "vex_core/modules/archive_index.h"
 #include "vex_core/base/hex.h"
 #include "vex_core/base/narrow.h"
+#include "vex_core/modules/archive_index.h"
 #include "vex_core/os/file_calls.h"
 #include "vex_core/os/folder_calls.h"
 #include "vex_core/os/status_calls.h"
@@ -24,7 +24,6 @@
 
 namespace VexCore {
 namespace {
-
 #ifdef VEX_SMALL_LIMITS
 constexpr std::uint64_t writeAtBytes = 4096;
 #else
@@ -32,13 +31,13 @@ constexpr std::uint64_t writeAtBytes = 8 * 1024 * 1024;
 #endif
 constexpr std::int64_t writeAfterMs = 2000;
 /// A cache file is never larger; where it would be, it starts anew with what is wanted now.
-constexpr std::uint64_t maxFileBytes = std::uint64_t(64) << 20;
+constexpr std::uint64_t maxFileBytes = static_cast<std::uint64_t>(64) << 20;
 /// The same archive may lie at many paths (builds, tests); chunks carry their path, so each path has its own.
 constexpr std::size_t maxPathsAFile = 8;
 constexpr std::size_t maxOpenFiles = 16;
 /// What the folder may hold: files that were of no use to anyone for a month go, and the oldest beyond these bounds.
 constexpr std::size_t maxFiles = 1000;
-constexpr std::uint64_t maxFolderBytes = std::uint64_t(256) << 20;
+constexpr std::uint64_t maxFolderBytes = static_cast<std::uint64_t>(256) << 20;
 constexpr std::int64_t maxIdleSeconds = 30 * 24 * 3600;
 /// A writer takes milliseconds; what is older was left by one that was killed.
 constexpr std::int64_t maxTemporarySeconds = 3600;
@@ -51,7 +50,8 @@ constexpr char temporaryPrefix[] = "tmp-";
 void Trace(int line, const std::string& folder, const std::string& text)
 {
     if (LogTraceIsEnabled("Srvc"))
-        LogTrace("Srvc", "vex_core/chunk_cache", line, "ChunkCache", FromForeignBytes(folder) + ": " + FromForeignBytes(text));
+        LogTrace("Srvc", "vex_core/chunk_cache", line, "ChunkCache",
+                 FromForeignBytes(folder) + ": " + FromForeignBytes(text));
 }
 
 std::int64_t SteadyMs()
@@ -62,7 +62,7 @@ std::int64_t SteadyMs()
 
 std::int64_t NowSeconds()
 {
-    return std::int64_t(std::time(nullptr));
+    return static_cast<std::int64_t>(std::time(nullptr));
 }
 
 /// Ours alone: code that is loaded from there runs with our rights.
@@ -131,7 +131,7 @@ public:
 
     std::shared_ptr<ChunkCache> Get(const std::string& folder, const std::string& key)
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         std::shared_ptr<ChunkCache>& cache = m_caches[folder + "/" + key];
         if (!cache)
             cache = std::make_shared<ChunkCache>(folder, key);
@@ -140,7 +140,7 @@ public:
 
     std::vector<std::shared_ptr<ChunkCache>> All()
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         std::vector<std::shared_ptr<ChunkCache>> all;
         for (const auto& item : m_caches)
             all.push_back(item.second);
@@ -149,7 +149,7 @@ public:
 
     void ForgetUnused()
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         for (auto item = m_caches.begin(); item != m_caches.end();) {
             if (item->second.use_count() == 1)
                 item = m_caches.erase(item);
@@ -176,7 +176,7 @@ public:
             return; // a test's own, on the stack
         std::shared_ptr<ChunkCache> old;
         {
-            const std::lock_guard<std::mutex> guard(m_lock);
+            const std::lock_guard lock(m_lock);
             m_open.push_back(cache);
             if (m_open.size() > maxOpenFiles) {
                 old = m_open.front().lock();
@@ -192,7 +192,7 @@ public:
     /// Whether the folder may be swept: once a process.
     bool FirstSweep(const std::string& folder)
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         if (std::find(m_swept.begin(), m_swept.end(), folder) != m_swept.end())
             return false;
         m_swept.push_back(folder);
@@ -259,7 +259,8 @@ std::vector<FoundFile> FilesIn(int folder)
         if ((!temporary && !EndsWith(name, fileSuffix)) || os::LStatAt(folder, name.c_str(), status) != 0
             || !S_ISREG(status.st_mode))
             continue;
-        files.push_back({name, std::int64_t(status.st_mtime), std::uint64_t(status.st_size), temporary});
+        files.push_back(
+            {name, static_cast<std::int64_t>(status.st_mtime), static_cast<std::uint64_t>(status.st_size), temporary});
     }
     return files;
 }
@@ -286,11 +287,10 @@ void Sweep(int folder)
 
 } // namespace
 
-// The format --------------------------------------------------------------------------------------------------------
+// --- The format
 
 namespace ChunkCacheFormat {
 namespace {
-
 constexpr char magic[] = "VEXCHNK1";
 constexpr std::size_t keyBytes = 32;
 // Header: magic 8, key 32, count 4, checksum of index 4, bytes of the file 8, reserved 4, checksum of the header 4.
@@ -302,7 +302,7 @@ std::string KeyBytes(std::string_view key)
     std::string bytes;
     for (std::size_t i = 0; i + 1 < key.size(); i += 2) {
         const auto value = [](char digit) { return digit <= '9' ? digit - '0' : digit - 'a' + 10; };
-        bytes += char(value(key[i]) * 16 + value(key[i + 1]));
+        bytes += static_cast<char>(value(key[i]) * 16 + value(key[i + 1]));
     }
     return bytes;
 }
@@ -324,7 +324,7 @@ bool ParseHeader(std::string_view header, std::string_view key, std::uint64_t fi
 bool ParseIndex(std::string_view index, const Header& parsed, std::vector<ChunkRecord>& records)
 {
     records.clear();
-    if (index.size() != std::size_t(parsed.count) * recordBytes
+    if (index.size() != static_cast<std::size_t>(parsed.count) * recordBytes
         || Checksum(0, index) != parsed.indexChecksum)
         return false;
     records.reserve(parsed.count);
@@ -338,7 +338,7 @@ bool ParseIndex(std::string_view index, const Header& parsed, std::vector<ChunkR
         record.archiveLength = Load32(at + 20);
         record.chunkLength = Load32(at + 24);
         record.checksum = Load32(at + 28);
-        const std::uint64_t length = std::uint64_t(record.nameLength) + record.chunkLength;
+        const std::uint64_t length = static_cast<std::uint64_t>(record.nameLength) + record.chunkLength;
         const bool inOrder = records.empty() || records.back().nameHash <= record.nameHash;
         if (!inOrder || record.archiveLength > record.nameLength || record.offset < dataAt
             || record.offset > parsed.fileBytes || length > parsed.fileBytes - record.offset) {
@@ -352,8 +352,8 @@ bool ParseIndex(std::string_view index, const Header& parsed, std::vector<ChunkR
 
 bool ParseRecord(std::string_view bytes, const ChunkRecord& record, std::string_view name, std::string_view& chunk)
 {
-    if (bytes.size() != std::size_t(record.nameLength) + record.chunkLength || Checksum(0, bytes) != record.checksum
-        || bytes.substr(0, record.nameLength) != name)
+    if (bytes.size() != static_cast<std::size_t>(record.nameLength) + record.chunkLength
+        || Checksum(0, bytes) != record.checksum || bytes.substr(0, record.nameLength) != name)
         return false;
     chunk = bytes.substr(record.nameLength);
     return true;
@@ -376,9 +376,9 @@ std::string Build(std::string_view key, const std::vector<Item>& items)
         const Item& item = *entry.second;
         Store64(index, entry.first);
         Store64(index, offset);
-        Store32(index, std::uint32_t(item.name.size()));
+        Store32(index, static_cast<std::uint32_t>(item.name.size()));
         Store32(index, item.archiveLength);
-        Store32(index, std::uint32_t(item.chunk.size()));
+        Store32(index, static_cast<std::uint32_t>(item.chunk.size()));
         Store32(index, Checksum(Checksum(0, item.name), item.chunk));
         offset += item.name.size() + item.chunk.size();
     }
@@ -387,7 +387,7 @@ std::string Build(std::string_view key, const std::vector<Item>& items)
     file.reserve(bytes);
     file.append(magic, 8);
     file += KeyBytes(key);
-    Store32(file, std::uint32_t(items.size()));
+    Store32(file, static_cast<std::uint32_t>(items.size()));
     Store32(file, Checksum(0, index));
     Store64(file, bytes);
     Store32(file, 0);
@@ -400,7 +400,7 @@ std::string Build(std::string_view key, const std::vector<Item>& items)
 
 } // namespace ChunkCacheFormat
 
-// The cache of one archive --------------------------------------------------------------------------------------------
+// --- The cache of one archive
 
 std::string ChunkCache::Key(const std::string& directorySha256, const std::string& luaHeader)
 {
@@ -434,7 +434,7 @@ void ChunkCache::DropFile()
 
 void ChunkCache::Rest()
 {
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::lock_guard lock(m_lock);
     DropFile();
 }
 
@@ -453,20 +453,21 @@ bool ChunkCache::LoadIndex()
         os::OpenAt(folder.Get(), (m_key + fileSuffix).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     struct stat status;
     if (!file || os::FStat(file.Get(), status) != 0 || !S_ISREG(status.st_mode) || !IsPrivate(status)
-        || std::uint64_t(status.st_size) > maxFileBytes)
+        || static_cast<std::uint64_t>(status.st_size) > maxFileBytes)
         return false;
-    const std::uint64_t fileBytes = std::uint64_t(status.st_size);
+    const std::uint64_t fileBytes = static_cast<std::uint64_t>(status.st_size);
     char headerData[ChunkCacheFormat::headerBytes];
     ChunkCacheFormat::Header header;
     const std::string_view headerView(headerData, sizeof headerData);
-    if (os::PReadFull(file.Get(), headerData, sizeof headerData, 0) != ssize_t(sizeof headerData)
+    if (os::PReadFull(file.Get(), headerData, sizeof headerData, 0) != static_cast<ssize_t>(sizeof headerData)
         || !ChunkCacheFormat::ParseHeader(headerView, m_key, fileBytes, header))
         return false;
-    std::string index(std::size_t(header.count) * ChunkCacheFormat::recordBytes, '\0');
-    if (os::PReadFull(file.Get(), &index[0], index.size(), ChunkCacheFormat::headerBytes) != ssize_t(index.size())
+    std::string index(static_cast<std::size_t>(header.count) * ChunkCacheFormat::recordBytes, '\0');
+    if (os::PReadFull(file.Get(), &index[0], index.size(), ChunkCacheFormat::headerBytes)
+            != static_cast<ssize_t>(index.size())
         || !ChunkCacheFormat::ParseIndex(index, header, m_records))
         return false;
-    if (NowSeconds() - std::int64_t(status.st_mtime) > touchAfterSeconds)
+    if (NowSeconds() - static_cast<std::int64_t>(status.st_mtime) > touchAfterSeconds)
         (void)os::TouchFile(file.Get());
     m_fileBytes = fileBytes;
     m_descriptor = file.Release();
@@ -478,7 +479,7 @@ bool ChunkCache::Find(const std::string& name, std::string& buffer, std::string_
     bool opened = false;
     bool found = false;
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         if (!m_loaded)
             opened = LoadIndex();
         found = FindWaiting(name, buffer, chunk) || FindOnDisk(name, buffer, chunk);
@@ -513,14 +514,15 @@ bool ChunkCache::FindOnDisk(const std::string& name, std::string& buffer, std::s
 
 bool ChunkCache::ReadRecord(const ChunkRecord& record, std::string& bytes)
 {
-    bytes.resize(std::size_t(record.nameLength) + record.chunkLength);
+    bytes.resize(static_cast<std::size_t>(record.nameLength) + record.chunkLength);
     return m_descriptor >= 0
-           && os::PReadFull(m_descriptor, &bytes[0], bytes.size(), off_t(record.offset)) == ssize_t(bytes.size());
+           && os::PReadFull(m_descriptor, &bytes[0], bytes.size(), static_cast<off_t>(record.offset))
+                  == static_cast<ssize_t>(bytes.size());
 }
 
 void ChunkCache::Add(const std::string& name, std::size_t archiveLength, std::string_view chunk)
 {
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::lock_guard lock(m_lock);
     if (!m_writable || name.size() + chunk.size() > maxFileBytes / 2)
         return;
     m_pending[name] = {archiveLength, m_pendingData.size(), chunk.size()};
@@ -532,7 +534,7 @@ void ChunkCache::Add(const std::string& name, std::size_t archiveLength, std::st
 
 void ChunkCache::Flush()
 {
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::lock_guard lock(m_lock);
     if (!m_pending.empty())
         WritePending();
 }
@@ -543,7 +545,8 @@ bool ChunkCache::ReadData(std::string& data, std::uint64_t& offset)
     if (m_descriptor < 0)
         return false;
     data.resize(m_fileBytes - offset);
-    return os::PReadFull(m_descriptor, &data[0], data.size(), off_t(offset)) == ssize_t(data.size());
+    return os::PReadFull(m_descriptor, &data[0], data.size(), static_cast<off_t>(offset))
+           == static_cast<ssize_t>(data.size());
 }
 
 /// What waits, and what the file holds already as far as it is whole and wanted.
@@ -565,15 +568,15 @@ std::string ChunkCache::FileToWrite()
     };
     for (const auto& waiting : m_pending) {
         const Pending& place = waiting.second;
-        take({waiting.first, std::uint32_t(place.archiveLength),
+        take({waiting.first, static_cast<std::uint32_t>(place.archiveLength),
               std::string_view(m_pendingData).substr(place.offset, place.length)});
     }
     std::string data;
     std::uint64_t dataAt = 0;
     if (ReadData(data, dataAt)) {
         for (const ChunkRecord& record : m_records) {
-            const std::string_view whole =
-                std::string_view(data).substr(record.offset - dataAt, std::size_t(record.nameLength) + record.chunkLength);
+            const std::string_view whole = std::string_view(data).substr(
+                record.offset - dataAt, static_cast<std::size_t>(record.nameLength) + record.chunkLength);
             const std::string_view name = whole.substr(0, record.nameLength);
             std::string_view chunk;
             if (ChunkCacheFormat::ParseRecord(whole, record, name, chunk) && m_pending.count(std::string(name)) == 0)
@@ -603,8 +606,8 @@ bool ChunkCache::WriteFile(const std::string& bytes)
     if (!folder)
         return false;
     Caches& caches = Caches::Process();
-    const std::string temporary = temporaryPrefix + std::to_string(os::ProcessId()) + "-" + std::to_string(SteadyMs()) + "-"
-                                  + std::to_string(caches.m_temporary++);
+    const std::string temporary = temporaryPrefix + std::to_string(os::ProcessId()) + "-" + std::to_string(SteadyMs())
+                                  + "-" + std::to_string(caches.m_temporary++);
     os::Descriptor file(os::OpenAt(folder.Get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
     if (!file) {
         Trace(__LINE__, m_folder, "not written: " + os::ErrorText(errno));

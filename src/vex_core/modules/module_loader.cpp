@@ -14,13 +14,12 @@
 
 namespace VexCore {
 namespace {
-
 const char loaderType[] = "VexCore.ModuleLoader";
 /// A buffer that one large module has made larger is given back.
 constexpr std::size_t maxKeptBytes = 64 * 1024;
 /// A module is loaded as a whole, and a few MiB of an archive can unpack to as many GiB: this is far above what anybody
 /// writes, and far below what hurts.
-constexpr std::uint64_t maxModuleBytes = std::uint64_t(64) << 20;
+constexpr std::uint64_t maxModuleBytes = static_cast<std::uint64_t>(64) << 20;
 
 /// An archive on the search path of this interpreter, and the cache of what it holds now.
 struct SearchedArchive
@@ -43,7 +42,8 @@ struct Found
     const ZipEntry* entry = nullptr; ///< lives as long as `zip`
     std::shared_ptr<ChunkCache> cache; ///< null when there is none
     bool compiled = false; ///< `code` comes from the cache
-    std::string buffer; ///< the loader's, lent for as long as Lua reads from it: a finaliser may load another module meanwhile
+    std::string
+        buffer; ///< the loader's, lent for as long as Lua reads from it: a finaliser may load another module meanwhile
     std::string_view code; ///< lies in `buffer`
 
     std::string Archive() const { return path.substr(0, archiveLength); }
@@ -127,9 +127,9 @@ void ModuleLoader::ReadSettings()
     std::int64_t limit = 0;
     m_limits = ZipLimits();
     if (m_dom.GetSetting("app.unzip.maxbytes", limit) && limit > 0)
-        m_limits.maxBytes = std::uint64_t(limit);
+        m_limits.maxBytes = static_cast<std::uint64_t>(limit);
     if (m_dom.GetSetting("app.unzip.maxentries", limit) && limit > 0)
-        m_limits.maxEntries = std::uint64_t(limit);
+        m_limits.maxEntries = static_cast<std::uint64_t>(limit);
     m_cacheWanted = true;
     m_dom.GetSetting("app.lua.cache", m_cacheWanted);
 }
@@ -204,7 +204,8 @@ bool ModuleLoader::LookInto(SearchedArchive& searched, const std::string& file, 
     return true;
 }
 
-std::shared_ptr<ChunkCache> ModuleLoader::CacheOf(SearchedArchive& searched, const std::shared_ptr<ModuleArchive>& archive)
+std::shared_ptr<ChunkCache> ModuleLoader::CacheOf(SearchedArchive& searched,
+                                                  const std::shared_ptr<ModuleArchive>& archive)
 {
     bool wanted = m_cacheWanted;
     m_dom.Get("app.lua.cache", wanted);
@@ -229,8 +230,15 @@ std::string ModuleLoader::PlacesLookedIn(const std::string& base)
         const std::string& path = searched.slot->Path();
         const std::string failure = searched.slot->LastFailure();
         if (failure.empty())
-            places.append("\n\tno file '").append(path).append("/").append(base).append(".lua'\n\tno file '").append(path)
-                .append("/").append(base).append("/init.lua'");
+            places.append("\n\tno file '")
+                .append(path)
+                .append("/")
+                .append(base)
+                .append(".lua'\n\tno file '")
+                .append(path)
+                .append("/")
+                .append(base)
+                .append("/init.lua'");
         else
             places.append("\n\tno archive '").append(path).append("' (").append(failure).append(")");
     }
@@ -291,7 +299,7 @@ const std::string& ModuleLoader::PathPart(const std::string& packagePath, bool b
     return before ? m_parts.before : m_parts.after;
 }
 
-// Between C++ and Lua -----------------------------------------------------------------------------------------------
+// --- Between C++ and Lua
 
 using SLB3::internal::Guarded;
 
@@ -476,7 +484,7 @@ void RegisterOnce(lua_State* L, CDom& dom)
     const int loader = lua_gettop(L);
 
     // Lua's own list is preload, package.path, and the two for native modules. Ours takes the place of the second.
-    for (int i = int(lua_rawlen(L, searchers)); i > 2; --i) {
+    for (int i = static_cast<int>(lua_rawlen(L, searchers)); i > 2; --i) {
         lua_rawgeti(L, searchers, i);
         lua_rawseti(L, searchers, i + 2);
     }

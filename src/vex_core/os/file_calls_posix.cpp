@@ -8,7 +8,6 @@
 
 namespace VexCore::os {
 namespace {
-
 int CallOpen(const char* path, int flags, mode_t mode)
 {
     int descriptor;

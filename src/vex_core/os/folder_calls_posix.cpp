@@ -12,7 +12,6 @@
 
 namespace VexCore::os {
 namespace {
-
 std::atomic<CallObserver> g_observer{nullptr};
 
 template <typename Function>
@@ -60,9 +59,10 @@ int OpenAt(int folder, const char* name, int flags, mode_t mode)
 int OpenFolderAt(int folder, const char* name)
 {
     // O_DIRECTORY is missing on some systems, so what was opened is asked; O_NONBLOCK so that a FIFO does not hold us.
-    const int descriptor = OpenAt(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY
+    const int descriptor = OpenAt(folder, name,
+                                  O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY
 #ifdef O_DIRECTORY
-                                                    | O_DIRECTORY
+                                      | O_DIRECTORY
 #endif
     );
     if (descriptor < 0)
@@ -121,14 +121,15 @@ ssize_t PReadFull(int descriptor, void* data, std::size_t size, off_t offset)
     std::size_t done = 0;
     while (done < size) {
         char* const place = static_cast<char*>(data) + done;
-        const ssize_t count = Retry([&] { return ::pread(descriptor, place, size - done, offset + off_t(done)); });
+        const ssize_t count =
+            Retry([&] { return ::pread(descriptor, place, size - done, offset + static_cast<off_t>(done)); });
         if (count < 0)
             return -1;
         if (count == 0)
             break;
-        done += std::size_t(count);
+        done += static_cast<std::size_t>(count);
     }
-    return ssize_t(done);
+    return static_cast<ssize_t>(done);
 }
 
 int WriteFull(int descriptor, const void* data, std::size_t size)
@@ -141,7 +142,7 @@ int WriteFull(int descriptor, const void* data, std::size_t size)
         const ssize_t count = Retry([&] { return ::write(descriptor, place, size - done); });
         if (count < 0)
             return -1;
-        done += std::size_t(count);
+        done += static_cast<std::size_t>(count);
     }
     return 0;
 }

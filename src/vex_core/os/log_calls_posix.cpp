@@ -40,7 +40,7 @@ void WriteBestEffort(int descriptor, const char* data, std::size_t size)
         if (count <= 0)
             break;
         data += count;
-        size -= std::size_t(count);
+        size -= static_cast<std::size_t>(count);
     }
     errno = error;
 }

@@ -26,13 +26,13 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info)
         return false;
     text[size] = '\0';
     const char* at = std::strrchr(text, ')');
-    if (at == nullptr || at[1] != ' ')
+    if (!at || at[1] != ' ')
         return false;
     const char state = at[2];
     at += 2;
     for (int field = 3; field < 22; ++field) {
         at = std::strchr(at, ' ');
-        if (at == nullptr)
+        if (!at)
             return false;
         ++at;
     }

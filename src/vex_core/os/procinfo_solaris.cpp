@@ -19,8 +19,8 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info)
     psinfo_t data;
     if (fileCalls.read(file.Get(), &data, sizeof data) != static_cast<ssize_t>(sizeof data))
         return false;
-    info.startTime = static_cast<std::uint64_t>(data.pr_start.tv_sec) * 1000000000u +
-                     static_cast<std::uint64_t>(data.pr_start.tv_nsec);
+    info.startTime = static_cast<std::uint64_t>(data.pr_start.tv_sec) * 1000000000u
+                     + static_cast<std::uint64_t>(data.pr_start.tv_nsec);
     info.zombie = data.pr_nlwp == 0;
     return true;
 }

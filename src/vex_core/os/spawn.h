@@ -11,11 +11,11 @@ namespace VexCore::os {
 /// What a new program gets.
 struct SpawnPlan
 {
-    const char* program = nullptr;      ///< path, not looked up
-    char* const* arguments = nullptr;   ///< ends with null; the first is the program's name
+    const char* program = nullptr; ///< path, not looked up
+    char* const* arguments = nullptr; ///< ends with null; the first is the program's name
     char* const* environment = nullptr; ///< ends with null
-    int input = -1;                     ///< becomes descriptor 0
-    int output = -1;                    ///< becomes descriptors 1 and 2
+    int input = -1; ///< becomes descriptor 0
+    int output = -1; ///< becomes descriptors 1 and 2
 };
 
 /// Starts the program in a process group of its own, with default signal dispositions, an empty mask and no

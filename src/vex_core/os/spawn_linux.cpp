@@ -12,7 +12,6 @@
 
 namespace VexCore::os {
 namespace {
-
 // Kernels before 5.9: closes what /proc/self/fd lists, batch by batch. readdir would allocate.
 bool CloseListed(int first)
 {
@@ -49,9 +48,8 @@ void CloseFrom(int first)
     if (CloseListed(first))
         return;
     struct rlimit limit;
-    const int end = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < 65536
-                        ? static_cast<int>(limit.rlim_cur)
-                        : 65536;
+    const int end =
+        getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < 65536 ? static_cast<int>(limit.rlim_cur) : 65536;
     for (int descriptor = first; descriptor < end; ++descriptor)
         close(descriptor);
 }

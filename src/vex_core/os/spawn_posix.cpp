@@ -14,7 +14,6 @@
 
 namespace VexCore::os {
 namespace {
-
 constexpr int reportDescriptor = 3;
 constexpr int firstFreeDescriptor = 4;
 

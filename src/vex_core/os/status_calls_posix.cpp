@@ -41,7 +41,8 @@ std::size_t OpenFileLimit()
     struct rlimit limit;
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
         return 256; // the least that POSIX systems start a process with
-    return limit.rlim_cur == RLIM_INFINITY ? std::size_t(1) << 20 : std::size_t(limit.rlim_cur);
+    return limit.rlim_cur == RLIM_INFINITY ? static_cast<std::size_t>(1) << 20
+                                           : static_cast<std::size_t>(limit.rlim_cur);
 }
 
 uid_t EffectiveUser()

@@ -32,10 +32,9 @@ extern char** environ; // POSIX leaves the declaration to us
 
 namespace VexCore {
 namespace {
-
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t maxOutputBytes = std::size_t(16) << 20;
+constexpr std::size_t maxOutputBytes = static_cast<std::size_t>(16) << 20;
 
 // While SIGCHLD is ignored the system takes the status of children away before we can ask for it. Some
 // parents leave it so: the default comes back for as long as a program of ours runs on any thread.
@@ -44,7 +43,7 @@ class ChildStatusKept
 public:
     ChildStatusKept()
     {
-        const std::lock_guard<std::mutex> lock(Mutex());
+        const std::lock_guard lock(Mutex());
         if (Users()++ > 0)
             return;
         sigaction(SIGCHLD, nullptr, &Previous());
@@ -58,7 +57,7 @@ public:
     }
     ~ChildStatusKept()
     {
-        const std::lock_guard<std::mutex> lock(Mutex());
+        const std::lock_guard lock(Mutex());
         if (--Users() > 0 || !Changed())
             return;
         sigaction(SIGCHLD, &Previous(), nullptr);
@@ -106,7 +105,7 @@ std::string FindProgram(const std::string& program)
         at = colon + 1;
     }
     return std::string(); // which exec answers with "No such file or directory"; the current folder is not
-                          // searched
+        // searched
 }
 
 class Output
@@ -195,7 +194,7 @@ private:
             waitMs = m_napMs;
             m_napMs = std::min(m_napMs * 2, 50L);
         }
-        if (deadline != nullptr) {
+        if (deadline) {
             const auto left =
                 std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now()).count() + 1;
             const long leftMs = static_cast<long>(std::max<long long>(0, std::min<long long>(left, 1000000)));
@@ -297,14 +296,13 @@ bool StartProgram(const wxString& program, const wxArrayString& arguments, os::D
 
 } // namespace
 
-bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode,
-             wxString& error)
+bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode, wxString& error)
 {
     return Execute(program, arguments, output, exitCode, error, 0);
 }
 
-bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode,
-             wxString& error, long timeoutMs)
+bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode, wxString& error,
+             long timeoutMs)
 {
     output.clear();
     error.clear();
@@ -324,12 +322,11 @@ bool Execute(const wxString& program, const wxArrayString& arguments, wxString& 
     const bool inTime = running.Wait(timeoutMs, captured);
     output = captured.Text();
     if (LogTraceIsEnabled("Cmd"))
-        Trace(__LINE__,
-              wxString::Format(wxT("'%s' (pid %ld) ended with status %d after %llu bytes of output"), program,
-                               static_cast<long>(pid), running.Status(), captured.Total()));
+        Trace(__LINE__, wxString::Format(wxT("'%s' (pid %ld) ended with status %d after %llu bytes of output"), program,
+                                         static_cast<long>(pid), running.Status(), captured.Total()));
     if (!inTime) {
-        error = wxString::Format(wxT("Program '%s' was killed, because it took longer than %ld ms"), program,
-                                 timeoutMs);
+        error =
+            wxString::Format(wxT("Program '%s' was killed, because it took longer than %ld ms"), program, timeoutMs);
         return false;
     }
     if (!running.StatusKnown()) {

@@ -1,8 +1,8 @@
 #include "vex/core/files.h"
 
-#include "vex_core/process/files_p.h"
 #include "vex_core/base/narrow.h"
 #include "vex_core/os/folder_calls.h"
+#include "vex_core/process/files_p.h"
 
 #include <cerrno>
 
@@ -13,7 +13,6 @@
 namespace VexCore {
 
 namespace {
-
 // A tree deeper than this is not one of ours; each level holds a descriptor.
 constexpr int maxDepth = 128;
 

@@ -19,7 +19,6 @@
 
 namespace VexCore {
 namespace {
-
 // The longest text that we write is far below; a file above is none of ours.
 constexpr std::size_t maxFileBytes = 128;
 
@@ -117,8 +116,8 @@ bool WriteThroughRename(const std::string& path, const std::string& text)
     static std::atomic<unsigned> serial{0}; // two threads may write at once
     TemporaryFile temporary(path + "." + std::to_string(getpid()) + "." + std::to_string(serial++) + ".tmp");
     os::Descriptor file = temporary.Create();
-    return file && os::WriteAll(file.Get(), text.data(), text.size()) &&
-           os::fileCalls.fchmod(file.Get(), 0644) == 0 && file.Close() && temporary.RenameTo(path);
+    return file && os::WriteAll(file.Get(), text.data(), text.size()) && os::fileCalls.fchmod(file.Get(), 0644) == 0
+           && file.Close() && temporary.RenameTo(path);
 }
 
 } // namespace
@@ -148,8 +147,8 @@ long ReadPidFile(const wxString& path)
         return 0;
     const PidFileText content = ParsePidFile(text, size);
     os::ProcessInfo info;
-    if (content.pid != 0 && os::GetProcessInfo(content.pid, info) &&
-        (info.zombie || (content.hasStartTime && info.startTime != content.startTime)))
+    if (content.pid != 0 && os::GetProcessInfo(content.pid, info)
+        && (info.zombie || (content.hasStartTime && info.startTime != content.startTime)))
         return 0;
     return content.pid;
 }

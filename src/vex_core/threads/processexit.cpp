@@ -27,7 +27,6 @@
 namespace VexCore {
 
 namespace {
-
 constexpr std::chrono::seconds parkLimit{5};
 
 /// Never destroyed: the parked thread waits on it to the very end.
@@ -55,7 +54,7 @@ struct ExitState
 {
     wxLog::FlushActive(); // lines that other threads left for the main thread's idle moments
     ExitState& state = ExitState::Get();
-    std::unique_lock<std::mutex> lock(state.lock);
+    std::unique_lock lock(state.lock);
     state.mainIsParked = true;
     state.changed.notify_all();
     HaltForever(lock);
@@ -68,7 +67,7 @@ bool ParkMainThread()
     wxTheApp->CallAfter(&ParkHere);
     WakeEndRegisteredThreads();
     ExitState& state = ExitState::Get();
-    std::unique_lock<std::mutex> lock(state.lock);
+    std::unique_lock lock(state.lock);
     return state.changed.wait_for(lock, parkLimit, [&] { return state.mainIsParked; });
 }
 
@@ -107,7 +106,7 @@ void ParkPoint(std::unique_lock<std::mutex>& held)
         return;
     {
         ExitState& state = ExitState::Get();
-        const std::lock_guard<std::mutex> lock(state.lock);
+        const std::lock_guard lock(state.lock);
         if (!state.isEnding)
             return;
     }
@@ -124,7 +123,7 @@ void ExitProcessFromThread(int status)
 {
     ExitState& state = ExitState::Get();
     {
-        std::unique_lock<std::mutex> lock(state.lock);
+        std::unique_lock lock(state.lock);
         if (state.isEnding)
             HaltForever(lock);
         state.isEnding = true;

@@ -5,12 +5,12 @@
 #include "vex/core/runnable.h"
 
 #include "vex/core/log.h"
-#include "vex_core/crash/crash_thread.h"
 #include "vex_core/base/narrow.h"
+#include "vex_core/base/wait.h"
+#include "vex_core/crash/crash_thread.h"
 #include "vex_core/os/thread_signal.h"
 #include "vex_core/threads/processexit_p.h"
 #include "vex_core/threads/runnable_p.h"
-#include "vex_core/base/wait.h"
 
 #include <algorithm>
 #include <atomic>
@@ -27,7 +27,6 @@ namespace VexCore {
 const int CRunnable::SigThreadDelete = SIGRTMIN + 4;
 
 namespace {
-
 thread_local CRunnable* t_current = nullptr;
 
 /// Every body that runs. Never destroyed: a straggler may end while the process is already in its static
@@ -37,8 +36,7 @@ struct Registry
     std::mutex lock;
     std::condition_variable changed;
     std::set<CRunnable*> running; // guarded by lock
-    std::set<CRunnable*>
-        stoppable; // guarded by lock; those of `running` that take part in the process's stop
+    std::set<CRunnable*> stoppable; // guarded by lock; those of `running` that take part in the process's stop
 
     static Registry& Get()
     {
@@ -60,7 +58,7 @@ struct CRunnable::Impl
     enum class EState { New, Running, Ended };
     enum class EJoin { NotYet, Running, Done };
 
-    CDom* dom = nullptr;              // set before the thread starts
+    CDom* dom = nullptr; // set before the thread starts
     std::unique_ptr<wxLog> logTarget; // the same; used by the thread alone
     WaitPoint waitPoint;
     std::atomic<std::int64_t> askedAtMs{0}; // when the thread was first asked to end, on the steady clock; 0: not yet
@@ -112,7 +110,7 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
     if (dynamic_cast<CLog2Disk*>(wxLog::GetActiveTarget()))
         logTarget = std::make_unique<CLog2Disk>();
     {
-        const std::lock_guard<std::mutex> lock(m_impl->lock);
+        const std::lock_guard lock(m_impl->lock);
         if (m_impl->state != Impl::EState::New)
             return false;
         m_impl->state = Impl::EState::Running;
@@ -120,7 +118,7 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
     }
     Registry& registry = Registry::Get();
     {
-        const std::lock_guard<std::mutex> lock(registry.lock);
+        const std::lock_guard lock(registry.lock);
         registry.running.insert(this);
         if (takesPartInStop)
             registry.stoppable.insert(this);
@@ -137,12 +135,12 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
         return true;
 
     {
-        const std::lock_guard<std::mutex> lock(registry.lock);
+        const std::lock_guard lock(registry.lock);
         registry.running.erase(this);
         registry.stoppable.erase(this);
     }
     {
-        const std::lock_guard<std::mutex> lock(m_impl->lock);
+        const std::lock_guard lock(m_impl->lock);
         m_impl->state = Impl::EState::Ended;
         m_impl->join = Impl::EJoin::Done;
     }
@@ -152,7 +150,6 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
 }
 
 namespace {
-
 void LogEscapedException(const char* name)
 {
     const wxString threadName = FromForeignBytes(name);
@@ -189,13 +186,13 @@ void CRunnable::OnExit()
 {
     Registry& registry = Registry::Get();
     {
-        const std::lock_guard<std::mutex> lock(registry.lock);
+        const std::lock_guard lock(registry.lock);
         registry.running.erase(this);
         registry.stoppable.erase(this);
         registry.changed.notify_all();
     }
     // Last, and under the lock: who waits may destroy the object once it has joined the thread.
-    const std::lock_guard<std::mutex> lock(m_impl->lock);
+    const std::lock_guard lock(m_impl->lock);
     m_impl->state = Impl::EState::Ended;
     m_impl->ended.notify_all();
 }
@@ -210,7 +207,7 @@ void CRunnable::requestExit()
 bool CRunnable::join(long timeoutMs)
 {
     Impl& impl = *m_impl;
-    std::unique_lock<std::mutex> lock(impl.lock);
+    std::unique_lock lock(impl.lock);
     const auto hasEnded = [&] { return impl.state != Impl::EState::Running; };
     if (timeoutMs < 0)
         impl.ended.wait(lock, hasEnded);
@@ -249,7 +246,7 @@ void CRunnable::Awaken()
 
 void CRunnable::interrupt()
 {
-    const std::lock_guard<std::mutex> lock(m_impl->lock);
+    const std::lock_guard lock(m_impl->lock);
     // Under the lock the thread cannot be joined, so that its id stays its own.
     if (m_impl->state == Impl::EState::Running)
         SignalThread(GetId(), SigThreadDelete);
@@ -262,12 +259,12 @@ bool CRunnable::TestDestroy()
 
 bool CRunnable::Running() const
 {
-    const std::lock_guard<std::mutex> lock(m_impl->lock);
+    const std::lock_guard lock(m_impl->lock);
     return m_impl->state == Impl::EState::Running;
 }
 
 /// The core library's own way to what a thread keeps.
-struct CRunnableAccess
+struct RunnableAccess
 {
     /// Milliseconds since the thread was first asked to end.
     static std::int64_t AskedForMs(const CRunnable& runnable)
@@ -287,11 +284,11 @@ std::vector<std::string> EndRegisteredThreads(long timeoutMs)
         std::int64_t left = 0;
         for (const CRunnable* runnable : registry.stoppable)
             if (runnable != self)
-                left = std::max(left, timeoutMs - CRunnableAccess::AskedForMs(*runnable));
+                left = std::max(left, timeoutMs - RunnableAccess::AskedForMs(*runnable));
         return std::min(left, deadlineMs - SteadyMs());
     };
 
-    std::unique_lock<std::mutex> lock(registry.lock);
+    std::unique_lock lock(registry.lock);
     // A thread that is asked may start others before it ends: all are asked again whenever one is gone.
     for (;;) {
         for (CRunnable* runnable : registry.stoppable) {
@@ -316,14 +313,14 @@ std::vector<std::string> EndRegisteredThreads(long timeoutMs)
 bool OtherRunnablesRun()
 {
     Registry& registry = Registry::Get();
-    const std::lock_guard<std::mutex> lock(registry.lock);
+    const std::lock_guard lock(registry.lock);
     return registry.running.size() > registry.running.count(CRunnable::Current());
 }
 
 void WakeEndRegisteredThreads()
 {
     Registry& registry = Registry::Get();
-    const std::lock_guard<std::mutex> lock(registry.lock);
+    const std::lock_guard lock(registry.lock);
     registry.changed.notify_all();
 }
 

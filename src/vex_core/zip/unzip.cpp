@@ -2,8 +2,8 @@
 // by the reader before the first question; folders, temporary files and writing are in unzip_*.cpp.
 #include "vex/core/unzip.h"
 
-#include "vex_core/domain/dom_p.h"
 #include "vex_core/base/narrow.h"
+#include "vex_core/domain/dom_p.h"
 #include "vex_core/os/folder_calls.h"
 #include "vex_core/zip/unzip_p.h"
 #include "vex_core/zip/zip_names.h"
@@ -18,11 +18,10 @@
 
 namespace VexCore {
 namespace {
-
 #ifdef VEX_SMALL_LIMITS
-constexpr std::size_t kMaxOpenFolders = 4;
+constexpr std::size_t maxOpenFolders = 4;
 #else
-constexpr std::size_t kMaxOpenFolders = 64;
+constexpr std::size_t maxOpenFolders = 64;
 #endif
 
 ZipLimits LimitsFromSettings()
@@ -34,7 +33,7 @@ ZipLimits LimitsFromSettings()
     const auto read = [&root](const char* key, std::uint64_t& limit) {
         std::int64_t value = 0;
         if (root->GetSetting(key, value) && value >= 0)
-            limit = std::uint64_t(value);
+            limit = static_cast<std::uint64_t>(value);
     };
     read("app.unzip.maxbytes", limits.maxBytes);
     read("app.unzip.maxentries", limits.maxEntries);
@@ -58,15 +57,9 @@ class UnzipRun
 {
 public:
     UnzipRun(const ZipArchive& archive, const wxString& folder, UnzipCallback callback, void* context)
-        : m_archive(archive)
-        , m_shownFolder(folder)
-        , m_callback(callback)
-        , m_context(context)
-        , m_folders(ToSystemBytes(folder))
-        , m_temporaries(m_folders, archive)
-        , m_writer(m_folders, m_temporaries)
-    {
-    }
+        : m_archive(archive), m_shownFolder(folder), m_callback(callback), m_context(context),
+          m_folders(ToSystemBytes(folder)), m_temporaries(m_folders, archive), m_writer(m_folders, m_temporaries)
+    {}
 
     /// Throws UnzipFailure, or what the callback threw.
     void Run()
@@ -101,7 +94,7 @@ private:
         }
         if (m_writer.IsFull())
             m_writer.Commit();
-        if (m_folders.OpenCount() > kMaxOpenFolders) {
+        if (m_folders.OpenCount() > maxOpenFolders) {
             m_writer.Commit();
             m_folders.Flush();
             m_folders.Close();

@@ -12,17 +12,14 @@
 
 namespace VexCore {
 
-UnzipFailure::UnzipFailure(const std::string& what, int error)
-    : std::runtime_error(what + ": " + os::ErrorText(error))
-{
-}
+UnzipFailure::UnzipFailure(const std::string& what, int error) : std::runtime_error(what + ": " + os::ErrorText(error))
+{}
 
 namespace {
-
 #ifdef VEX_SMALL_LIMITS
-constexpr std::size_t kManyFolders = 3;
+constexpr std::size_t manyFolders = 3;
 #else
-constexpr std::size_t kManyFolders = 16;
+constexpr std::size_t manyFolders = 16;
 #endif
 
 std::string Quoted(std::string_view path)
@@ -169,7 +166,7 @@ void UnzipFolders::Flush()
     for (const auto& [path, folder] : m_open)
         if (folder.changed)
             changed.push_back(path);
-    if (changed.size() > kManyFolders && FlushFileSystemsOf(changed)) {
+    if (changed.size() > manyFolders && FlushFileSystemsOf(changed)) {
         for (const std::string_view path : changed)
             m_open.find(path)->second.changed = false;
         return;

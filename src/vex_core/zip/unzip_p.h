@@ -17,10 +17,7 @@ namespace VexCore {
 class UnzipFailure : public std::runtime_error
 {
 public:
-    explicit UnzipFailure(const std::string& reason)
-        : std::runtime_error(reason)
-    {
-    }
+    explicit UnzipFailure(const std::string& reason) : std::runtime_error(reason) {}
     /// "`what`: text of the errno value".
     UnzipFailure(const std::string& what, int error);
 };
@@ -87,11 +84,7 @@ bool IsReservedForUnzip(std::string_view name);
 class UnzipTemporaries
 {
 public:
-    UnzipTemporaries(UnzipFolders& folders, const ZipArchive& archive)
-        : m_folders(folders)
-        , m_archive(archive)
-    {
-    }
+    UnzipTemporaries(UnzipFolders& folders, const ZipArchive& archive) : m_folders(folders), m_archive(archive) {}
     ~UnzipTemporaries();
     UnzipTemporaries(const UnzipTemporaries&) = delete;
     UnzipTemporaries& operator=(const UnzipTemporaries&) = delete;
@@ -124,11 +117,8 @@ private:
 class UnzipWriter
 {
 public:
-    UnzipWriter(UnzipFolders& folders, UnzipTemporaries& temporaries)
-        : m_folders(folders)
-        , m_temporaries(temporaries)
-    {
-    }
+    UnzipWriter(UnzipFolders& folders, UnzipTemporaries& temporaries) : m_folders(folders), m_temporaries(temporaries)
+    {}
 
     /// Writes one file under a temporary name, making the folders before it. On failure its temporary file is gone, and
     /// earlier ones go on waiting for `Commit`.

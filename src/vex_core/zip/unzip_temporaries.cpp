@@ -19,10 +19,9 @@
 
 namespace VexCore {
 namespace {
-
-constexpr std::string_view kPrefix = ".vex-unzip-";
-constexpr std::string_view kListSuffix = ".list";
-constexpr std::string_view kFirstLine = "temporary files may be in";
+constexpr std::string_view temporaryPrefix = ".vex-unzip-";
+constexpr std::string_view listSuffix = ".list";
+constexpr std::string_view listFirstLine = "temporary files may be in";
 
 /// The runs of this process. The lock of a list tells other processes that the run lives, but says nothing inside its own
 /// process, where even a look at the file would give the lock up.
@@ -31,17 +30,17 @@ class LiveRuns
 public:
     void Add(const std::string& id)
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         m_ids.insert(id);
     }
     void Remove(const std::string& id)
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         m_ids.erase(id);
     }
     bool Has(const std::string& id)
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         return m_ids.count(id) != 0;
     }
 
@@ -69,7 +68,7 @@ std::string NewId()
 
 std::string ListName(const std::string& id)
 {
-    return std::string(kPrefix) + id + std::string(kListSuffix);
+    return std::string(temporaryPrefix) + id + std::string(listSuffix);
 }
 
 bool StartsWith(std::string_view text, std::string_view start)
@@ -79,8 +78,8 @@ bool StartsWith(std::string_view text, std::string_view start)
 
 bool IsListName(std::string_view name)
 {
-    return StartsWith(name, kPrefix) && name.size() > kPrefix.size() + kListSuffix.size()
-           && name.substr(name.size() - kListSuffix.size()) == kListSuffix;
+    return StartsWith(name, temporaryPrefix) && name.size() > temporaryPrefix.size() + listSuffix.size()
+           && name.substr(name.size() - listSuffix.size()) == listSuffix;
 }
 
 /// The folders that files of the archive go to, one a line; names have no line ends.
@@ -90,7 +89,7 @@ std::string ListText(const ZipArchive& archive)
     for (const ZipEntry& entry : archive.Entries())
         if (!entry.isFolder)
             folders.insert(FolderOf(entry.name));
-    std::string text(kFirstLine);
+    std::string text(listFirstLine);
     text += '\n';
     for (const std::string_view folder : folders)
         text.append(folder).append("\n");
@@ -125,11 +124,11 @@ std::string ReadWhole(int file, const std::string& name)
     std::string text;
     for (;;) {
         char chunk[16 * 1024];
-        const ssize_t size = os::PReadFull(file, chunk, sizeof chunk, off_t(text.size()));
+        const ssize_t size = os::PReadFull(file, chunk, sizeof chunk, static_cast<off_t>(text.size()));
         if (size < 0)
             FailToCleanUp(name, errno);
-        text.append(chunk, std::size_t(size));
-        if (std::size_t(size) < sizeof chunk)
+        text.append(chunk, static_cast<std::size_t>(size));
+        if (static_cast<std::size_t>(size) < sizeof chunk)
             return text;
     }
 }
@@ -138,7 +137,7 @@ std::string ReadWhole(int file, const std::string& name)
 
 bool IsReservedForUnzip(std::string_view name)
 {
-    return StartsWith(name, kPrefix) || name.find("/" + std::string(kPrefix)) != std::string_view::npos;
+    return StartsWith(name, temporaryPrefix) || name.find("/" + std::string(temporaryPrefix)) != std::string_view::npos;
 }
 
 UnzipTemporaries::~UnzipTemporaries()
@@ -153,7 +152,7 @@ std::string UnzipTemporaries::NewName()
 {
     if (m_list < 0)
         MakeList();
-    return std::string(kPrefix) + m_id + "-" + std::to_string(m_count++);
+    return std::string(temporaryPrefix) + m_id + "-" + std::to_string(m_count++);
 }
 
 void UnzipTemporaries::MakeList()
@@ -215,7 +214,7 @@ void UnzipTemporaries::RemoveList()
 
 void UnzipTemporaries::SweepOldRuns()
 {
-    for (const std::string& name : NamesThatStartWith(m_folders.Find(""), std::string(kPrefix)))
+    for (const std::string& name : NamesThatStartWith(m_folders.Find(""), std::string(temporaryPrefix)))
         if (IsListName(name))
             SweepRun(name);
     m_folders.Close();
@@ -223,7 +222,8 @@ void UnzipTemporaries::SweepOldRuns()
 
 void UnzipTemporaries::SweepRun(const std::string& listName)
 {
-    const std::string id = listName.substr(kPrefix.size(), listName.size() - kPrefix.size() - kListSuffix.size());
+    const std::string id =
+        listName.substr(temporaryPrefix.size(), listName.size() - temporaryPrefix.size() - listSuffix.size());
     if (Live().Has(id))
         return;
     const int root = m_folders.Find("");
@@ -245,7 +245,7 @@ void UnzipTemporaries::SweepRun(const std::string& listName)
     }
     // A list that was cut short is from a run that made no temporary file yet.
     const std::string text = ReadWhole(list.Get(), listName);
-    const std::string prefix = std::string(kPrefix) + id + "-";
+    const std::string prefix = std::string(temporaryPrefix) + id + "-";
     std::size_t start = std::min(text.find('\n'), text.size() - 1) + 1;
     for (std::size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
         SweepFolder(text.substr(start, end - start), prefix);

@@ -9,18 +9,17 @@
 
 namespace VexCore {
 namespace {
-
 #ifdef VEX_SMALL_LIMITS
-constexpr std::size_t kMaxWaitingFiles = 8;
-constexpr std::size_t kManyFiles = 5;
-constexpr std::uint64_t kMaxWaitingBytes = 64 * 1024;
-constexpr std::uint64_t kWritebackStep = 8 * 1024;
+constexpr std::size_t maxWaitingFiles = 8;
+constexpr std::size_t manyFiles = 5;
+constexpr std::uint64_t maxWaitingBytes = 64 * 1024;
+constexpr std::uint64_t writebackStep = 8 * 1024;
 #else
 // While files wait, old and new ones take space side by side.
-constexpr std::size_t kMaxWaitingFiles = 1024;
-constexpr std::size_t kManyFiles = 16; // from here on one flush of the file system costs less than one of each file
-constexpr std::uint64_t kMaxWaitingBytes = 64 * 1024 * 1024;
-constexpr std::uint64_t kWritebackStep = 8 * 1024 * 1024;
+constexpr std::size_t maxWaitingFiles = 1024;
+constexpr std::size_t manyFiles = 16; // from here on one flush of the file system costs less than one of each file
+constexpr std::uint64_t maxWaitingBytes = 64 * 1024 * 1024;
+constexpr std::uint64_t writebackStep = 8 * 1024 * 1024;
 #endif
 
 std::string InEntry(const std::string& path)
@@ -32,7 +31,7 @@ std::string InEntry(const std::string& path)
 
 bool UnzipWriter::IsFull() const
 {
-    return m_waiting.size() >= kMaxWaitingFiles || m_waitingBytes >= kMaxWaitingBytes;
+    return m_waiting.size() >= maxWaitingFiles || m_waitingBytes >= maxWaitingBytes;
 }
 
 void UnzipWriter::Write(const ZipArchive& archive, const ZipEntry& entry)
@@ -67,7 +66,7 @@ void UnzipWriter::Fill(int file, const ZipArchive& archive, const ZipEntry& entr
         if (os::WriteFull(file, data, size) != 0)
             throw UnzipFailure("cannot write", errno);
         sinceWriteback += size;
-        if (sinceWriteback >= kWritebackStep) {
+        if (sinceWriteback >= writebackStep) {
             sinceWriteback = 0;
             if (os::StartWriteback(file) != 0)
                 throw UnzipFailure("cannot write", errno);
@@ -99,7 +98,7 @@ void UnzipWriter::Commit()
 
 void UnzipWriter::FlushWaiting()
 {
-    if (m_waiting.size() > kManyFiles) {
+    if (m_waiting.size() > manyFiles) {
         std::vector<std::string_view> folders;
         for (const Waiting& waiting : m_waiting)
             folders.push_back(FolderOf(waiting.path));
@@ -123,12 +122,13 @@ void UnzipWriter::RenameWaiting()
     try {
         for (; done < m_waiting.size(); ++done) {
             const Waiting& waiting = m_waiting[done];
-            if (os::RenameAt(waiting.folder, waiting.temporary.c_str(), waiting.folder, LastOf(waiting.path).c_str()) != 0)
+            if (os::RenameAt(waiting.folder, waiting.temporary.c_str(), waiting.folder, LastOf(waiting.path).c_str())
+                != 0)
                 throw UnzipFailure(InEntry(waiting.path) + "cannot give it its name", errno);
             m_folders.NoteChange(FolderOf(waiting.path));
         }
     } catch (...) {
-        m_waiting.erase(m_waiting.begin(), m_waiting.begin() + std::ptrdiff_t(done));
+        m_waiting.erase(m_waiting.begin(), m_waiting.begin() + static_cast<std::ptrdiff_t>(done));
         throw;
     }
 }

@@ -17,44 +17,40 @@ namespace VexCore {
 using namespace Zip;
 
 namespace {
-
 #ifdef VEX_SMALL_LIMITS
-constexpr std::size_t kOnePiece = 8 * 1024;
-constexpr std::size_t kChunk = 4 * 1024;
+constexpr std::size_t onePiece = 8 * 1024;
+constexpr std::size_t pieceBytes = 4 * 1024;
 #else
-constexpr std::size_t kOnePiece = 1024 * 1024;
-constexpr std::size_t kChunk = 128 * 1024;
+constexpr std::size_t onePiece = 1024 * 1024;
+constexpr std::size_t pieceBytes = 128 * 1024;
 #endif
 
-const char kDamaged[] = "its packed data is damaged";
-const char kBytesBehind[] = "there are bytes behind the end of its packed data";
-const char kWrongLength[] = "its length differs from the directory";
-const char kWrongChecksum[] = "its checksum differs from the directory";
+const char damaged[] = "its packed data is damaged";
+const char bytesBehind[] = "there are bytes behind the end of its packed data";
+const char wrongLength[] = "its length differs from the directory";
+const char wrongChecksum[] = "its checksum differs from the directory";
 
 /// The packed bytes of one entry, in order.
 class PackedBytes
 {
 public:
     PackedBytes(int descriptor, const ZipEntry& entry)
-        : m_descriptor(descriptor)
-        , m_offset(entry.dataOffset)
-        , m_left(entry.packedSize)
-    {
-    }
+        : m_descriptor(descriptor), m_offset(entry.dataOffset), m_left(entry.packedSize)
+    {}
 
     std::uint64_t Left() const { return m_left; }
 
     /// Reads the next `size` bytes, of which there must be so many.
     bool Next(char* data, std::size_t size, std::string& error)
     {
-        const ssize_t count = os::PReadFull(m_descriptor, data, size, off_t(m_offset));
+        const ssize_t count = os::PReadFull(m_descriptor, data, size, static_cast<off_t>(m_offset));
         if (count < 0)
             error = "cannot be read: " + os::ErrorText(errno);
-        else if (std::size_t(count) != size)
+        else if (static_cast<std::size_t>(count) != size)
             error = "the file was cut short while it was read";
         m_offset += size;
         m_left -= size;
-        return count >= 0 && std::size_t(count) == size;
+        return count >= 0 && static_cast<std::size_t>(count) == size;
     }
 
 private:
@@ -65,23 +61,19 @@ private:
 
 std::size_t AtMostAChunk(std::uint64_t size)
 {
-    return std::size_t(std::min<std::uint64_t>(size, kChunk));
+    return static_cast<std::size_t>(std::min<std::uint64_t>(size, pieceBytes));
 }
 
 /// Counts and sums what goes to the sink.
 class CheckedSink
 {
 public:
-    CheckedSink(const ZipEntry& entry, const ZipArchive::Sink& sink)
-        : m_entry(entry)
-        , m_sink(sink)
-    {
-    }
+    CheckedSink(const ZipEntry& entry, const ZipArchive::Sink& sink) : m_entry(entry), m_sink(sink) {}
 
     bool Put(const char* data, std::size_t size, std::string& error)
     {
         if (size > m_entry.size - m_size) {
-            error = kWrongLength;
+            error = wrongLength;
             return false;
         }
         m_size += size;
@@ -92,9 +84,9 @@ public:
     bool IsWhole(std::string& error) const
     {
         if (m_size != m_entry.size)
-            error = kWrongLength;
+            error = wrongLength;
         else if (m_crc != m_entry.crc32)
-            error = kWrongChecksum;
+            error = wrongChecksum;
         return error.empty();
     }
 
@@ -124,14 +116,14 @@ bool InflateInOnePiece(const std::string& packed, std::string& data, std::string
         throw std::bad_alloc();
     std::size_t used = 0;
     std::size_t made = 0;
-    const libdeflate_result result = libdeflate_deflate_decompress_ex(
-        decompressor.get(), packed.data(), packed.size(), &data[0], data.size(), &used, &made);
+    const libdeflate_result result = libdeflate_deflate_decompress_ex(decompressor.get(), packed.data(), packed.size(),
+                                                                      &data[0], data.size(), &used, &made);
     if (result == LIBDEFLATE_INSUFFICIENT_SPACE || (result == LIBDEFLATE_SUCCESS && made != data.size()))
-        error = kWrongLength;
+        error = wrongLength;
     else if (result != LIBDEFLATE_SUCCESS)
-        error = kDamaged;
+        error = damaged;
     else if (used != packed.size())
-        error = kBytesBehind;
+        error = bytesBehind;
     return error.empty();
 }
 
@@ -149,8 +141,8 @@ public:
 
     bool Run(PackedBytes& packed, CheckedSink& sink, std::string& error)
     {
-        std::vector<char> in(kChunk);
-        std::vector<char> out(kChunk);
+        std::vector<char> in(pieceBytes);
+        std::vector<char> out(pieceBytes);
         for (;;) {
             if (m_stream.avail_in == 0 && packed.Left() != 0) {
                 const std::size_t size = AtMostAChunk(packed.Left());
@@ -170,12 +162,12 @@ public:
             if (result == Z_MEM_ERROR)
                 throw std::bad_alloc();
             if (result != Z_OK) { // Z_BUF_ERROR: the packed bytes are used up before the stream ends
-                error = kDamaged;
+                error = damaged;
                 return false;
             }
         }
         if (m_stream.avail_in != 0 || packed.Left() != 0)
-            error = kBytesBehind;
+            error = bytesBehind;
         return error.empty();
     }
 
@@ -185,23 +177,23 @@ private:
 
 bool FitsOnePiece(const ZipEntry& entry)
 {
-    return entry.size <= kOnePiece && entry.packedSize <= kOnePiece;
+    return entry.size <= onePiece && entry.packedSize <= onePiece;
 }
 
 bool ReadInOnePiece(int descriptor, const ZipEntry& entry, std::string& data, std::string& error)
 {
     PackedBytes bytes(descriptor, entry);
-    data.resize(std::size_t(entry.size));
-    if (entry.method == kMethodStored) {
+    data.resize(static_cast<std::size_t>(entry.size));
+    if (entry.method == methodStored) {
         if (!bytes.Next(&data[0], data.size(), error))
             return false;
     } else {
-        std::string packed(std::size_t(entry.packedSize), '\0');
+        std::string packed(static_cast<std::size_t>(entry.packedSize), '\0');
         if (!bytes.Next(&packed[0], packed.size(), error) || !InflateInOnePiece(packed, data, error))
             return false;
     }
     if (libdeflate_crc32(0, data.data(), data.size()) != entry.crc32)
-        error = kWrongChecksum;
+        error = wrongChecksum;
     return error.empty();
 }
 
@@ -209,12 +201,12 @@ bool ReadInPieces(int descriptor, const ZipEntry& entry, const ZipArchive::Sink&
 {
     PackedBytes packed(descriptor, entry);
     CheckedSink checked(entry, sink);
-    const bool whole = entry.method == kMethodStored ? CopyStored(packed, checked, error)
-                                                     : InflateStream().Run(packed, checked, error);
+    const bool whole =
+        entry.method == methodStored ? CopyStored(packed, checked, error) : InflateStream().Run(packed, checked, error);
     return whole && checked.IsWhole(error);
 }
 
-const char kNoMemory[] = "there is not enough memory to read it";
+const char noMemory[] = "there is not enough memory to read it";
 
 } // namespace
 
@@ -229,7 +221,7 @@ bool ZipArchive::Read(const ZipEntry& entry, const Sink& sink, std::string& erro
         std::string data;
         return ReadInOnePiece(m_descriptor, entry, data, error) && (data.empty() || sink(data.data(), data.size()));
     } catch (const std::bad_alloc&) {
-        error = kNoMemory;
+        error = noMemory;
         return false;
     }
 }
@@ -249,7 +241,7 @@ bool ZipArchive::Read(const ZipEntry& entry, std::string& data, std::string& err
         };
         return ReadInPieces(m_descriptor, entry, append, error);
     } catch (const std::bad_alloc&) {
-        error = kNoMemory;
+        error = noMemory;
         return false;
     }
 }

@@ -9,7 +9,6 @@
 namespace VexCore {
 namespace Zip {
 namespace {
-
 bool IsControl(char32_t character)
 {
     return character < 0x20 || (character >= 0x7f && character < 0xa0);
@@ -39,7 +38,7 @@ const char* WhyComponentIsRefused(std::string_view component)
         return "its name has an empty component";
     if (component == "." || component == "..")
         return "its name has a component \".\" or \"..\"";
-    if (component.size() > kMaxComponent)
+    if (component.size() > maxComponent)
         return "its name has a component of more than 255 bytes";
     return nullptr;
 }
@@ -55,13 +54,13 @@ const char* WhyNameIsRefused(std::string_view name)
     if (const char* const why = WhyCharactersAreRefused(name))
         return why;
     std::string_view rest = PathOf(name);
-    if (rest.size() > kMaxPath)
+    if (rest.size() > maxPath)
         return "its name has more than 1024 bytes";
     for (std::size_t depth = 1;; ++depth) {
         const std::size_t slash = rest.find('/');
         if (const char* const why = WhyComponentIsRefused(rest.substr(0, slash)))
             return why;
-        if (depth > kMaxDepth)
+        if (depth > maxDepth)
             return "its name is more than 32 levels deep";
         if (slash == std::string_view::npos)
             return nullptr;
@@ -79,10 +78,11 @@ std::string_view PathOf(std::string_view name)
 int ComparePaths(std::string_view left, std::string_view right)
 {
     const std::size_t common = std::min(left.size(), right.size());
-    const auto difference = std::mismatch(left.begin(), left.begin() + std::ptrdiff_t(common), right.begin());
-    if (difference.first == left.begin() + std::ptrdiff_t(common))
-        return left.size() < right.size() ? -1 : int(left.size() > right.size());
-    const auto weight = [](char c) { return c == '/' ? 0 : int(static_cast<unsigned char>(c)); };
+    const auto difference =
+        std::mismatch(left.begin(), left.begin() + static_cast<std::ptrdiff_t>(common), right.begin());
+    if (difference.first == left.begin() + static_cast<std::ptrdiff_t>(common))
+        return left.size() < right.size() ? -1 : static_cast<int>(left.size() > right.size());
+    const auto weight = [](char c) { return c == '/' ? 0 : static_cast<int>(static_cast<unsigned char>(c)); };
     return weight(*difference.first) - weight(*difference.second);
 }
 
@@ -107,7 +107,7 @@ std::string EscapeForLog(std::string_view text)
             length = 1;
         for (const char c : text.substr(0, length)) {
             char hex[8];
-            std::snprintf(hex, sizeof hex, "\\x%02x", unsigned(static_cast<unsigned char>(c)));
+            std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
             shown += plain ? std::string(1, c) : std::string(hex);
         }
         text.remove_prefix(length);

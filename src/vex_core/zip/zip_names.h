@@ -7,9 +7,9 @@
 namespace VexCore {
 namespace Zip {
 
-constexpr std::size_t kMaxPath = 1024; ///< bytes, without a folder's last slash
-constexpr std::size_t kMaxComponent = 255; ///< bytes
-constexpr std::size_t kMaxDepth = 32; ///< components
+constexpr std::size_t maxPath = 1024; ///< bytes, without a folder's last slash
+constexpr std::size_t maxComponent = 255; ///< bytes
+constexpr std::size_t maxDepth = 32; ///< components
 
 /// Null for a name that is accepted, else the reason why not. Names are refused, never mended.
 const char* WhyNameIsRefused(std::string_view name);

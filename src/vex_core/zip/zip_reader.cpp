@@ -24,19 +24,15 @@ namespace VexCore {
 using namespace Zip;
 
 namespace {
-
 /// Python's zipfile deflates the nothing that a folder holds: this is what comes out.
-constexpr std::string_view kEmptyDeflate("\3\0", 2);
-const char kFolderWithData[] = "it is a folder with data";
+constexpr std::string_view emptyDeflate("\3\0", 2);
+const char folderWithData[] = "it is a folder with data";
 
 /// A rule that the archive breaks; what() is the reason.
 class Refused : public std::runtime_error
 {
 public:
-    explicit Refused(const std::string& reason)
-        : std::runtime_error(reason)
-    {
-    }
+    explicit Refused(const std::string& reason) : std::runtime_error(reason) {}
 };
 
 [[noreturn]] void RefuseEntry(std::string_view name, const std::string& reason)
@@ -48,11 +44,7 @@ public:
 class Window
 {
 public:
-    Window(int descriptor, std::uint64_t fileSize)
-        : m_descriptor(descriptor)
-        , m_fileSize(fileSize)
-    {
-    }
+    Window(int descriptor, std::uint64_t fileSize) : m_descriptor(descriptor), m_fileSize(fileSize) {}
 
     std::uint64_t FileSize() const { return m_fileSize; }
 
@@ -70,19 +62,19 @@ private:
     void Fill(std::uint64_t offset, std::size_t size)
     {
         // Records that lie close together are worth reading along; the data of a big entry is not.
-        const bool near = offset >= m_start && offset - m_start < 2 * kNear;
-        const std::uint64_t wanted = std::max<std::uint64_t>(size, near ? kNear : kFar);
-        m_bytes.resize(std::size_t(std::min(wanted, m_fileSize - offset)));
+        const bool near = offset >= m_start && offset - m_start < 2 * nearBytes;
+        const std::uint64_t wanted = std::max<std::uint64_t>(size, near ? nearBytes : farBytes);
+        m_bytes.resize(static_cast<std::size_t>(std::min(wanted, m_fileSize - offset)));
         m_start = offset;
-        const ssize_t count = os::PReadFull(m_descriptor, m_bytes.data(), m_bytes.size(), off_t(offset));
+        const ssize_t count = os::PReadFull(m_descriptor, m_bytes.data(), m_bytes.size(), static_cast<off_t>(offset));
         if (count < 0)
             throw Refused("cannot be read: " + os::ErrorText(errno));
-        if (std::size_t(count) != m_bytes.size())
+        if (static_cast<std::size_t>(count) != m_bytes.size())
             throw Refused("the file was cut short while it was read");
     }
 
-    static constexpr std::size_t kNear = 128 * 1024;
-    static constexpr std::size_t kFar = 4 * 1024;
+    static constexpr std::size_t nearBytes = 128 * 1024;
+    static constexpr std::size_t farBytes = 4 * 1024;
     int m_descriptor;
     std::uint64_t m_fileSize;
     std::uint64_t m_start = 0;
@@ -92,8 +84,7 @@ private:
 class Sha256
 {
 public:
-    Sha256()
-        : m_context(EVP_MD_CTX_new(), EVP_MD_CTX_free)
+    Sha256() : m_context(EVP_MD_CTX_new(), EVP_MD_CTX_free)
     {
         if (!m_context || EVP_DigestInit_ex(m_context.get(), EVP_sha256(), nullptr) != 1)
             throw Refused("SHA-256 is not available");
@@ -152,16 +143,16 @@ Extra ParseExtra(std::string_view name, const unsigned char* data, std::size_t s
 {
     Extra extra;
     while (size != 0) {
-        if (size < 4 || std::size_t(Get16(data + 2)) > size - 4)
+        if (size < 4 || static_cast<std::size_t>(Get16(data + 2)) > size - 4)
             RefuseEntry(name, "an extra field is malformed");
         const std::uint16_t id = Get16(data);
         const std::size_t length = Get16(data + 2);
         const unsigned char* const body = data + 4;
-        if (id == kExtraUnicodePath)
+        if (id == extraUnicodePath)
             RefuseEntry(name, "it has a Unicode path field");
-        if (id == kExtraAsiUnix)
+        if (id == extraAsiUnix)
             CheckAsiUnix(name, body, length);
-        if (id == kExtraZip64) {
+        if (id == extraZip64) {
             if (extra.zip64)
                 RefuseEntry(name, "it has two ZIP64 fields");
             extra.zip64 = body;
@@ -182,10 +173,10 @@ void ApplyZip64(std::string_view name, const Extra& extra, bool local, bool late
         std::uint64_t* value;
         bool missing;
     };
-    const std::array<Value, 3> values{{{&sizes.size, sizes.size == kFull32},
-                                       {&sizes.packedSize, sizes.packedSize == kFull32},
-                                       {&sizes.offset, !local && sizes.offset == kFull32}}};
-    const bool diskMissing = !local && sizes.disk == kFull16;
+    const std::array<Value, 3> values{{{&sizes.size, sizes.size == full32},
+                                       {&sizes.packedSize, sizes.packedSize == full32},
+                                       {&sizes.offset, !local && sizes.offset == full32}}};
+    const bool diskMissing = !local && sizes.disk == full16;
     std::size_t needed = diskMissing ? 4 : 0;
     for (const Value& value : values)
         needed += value.missing ? 8 : 0;
@@ -224,11 +215,9 @@ class ZipOpener
 {
 public:
     ZipOpener(ZipArchive& archive, const ZipLimits& limits)
-        : m_archive(archive)
-        , m_limits(limits)
-        , m_window(archive.m_descriptor, std::uint64_t(archive.m_identity.size))
-    {
-    }
+        : m_archive(archive), m_limits(limits),
+          m_window(archive.m_descriptor, static_cast<std::uint64_t>(archive.m_identity.size))
+    {}
 
     void Run()
     {
@@ -272,7 +261,7 @@ std::uint64_t ZipOpener::EndOfContent()
     const std::uint64_t size = m_window.FileSize();
     for (std::uint64_t end = size; end != 0 && size - end < maxPadding;) {
         const std::uint64_t start = end > chunk ? end - chunk : 0;
-        const unsigned char* const bytes = m_window.At(start, std::size_t(end - start));
+        const unsigned char* const bytes = m_window.At(start, static_cast<std::size_t>(end - start));
         for (std::uint64_t at = end; at != start; --at)
             if (bytes[at - 1 - start] != 0)
                 return at;
@@ -285,22 +274,22 @@ std::uint64_t ZipOpener::EndOfContent()
 std::uint64_t ZipOpener::FindEndRecord()
 {
     const std::uint64_t fileSize = m_window.FileSize();
-    if (fileSize < kEndSize)
+    if (fileSize < endSize)
         throw Refused("it has no end record");
     const std::uint64_t contentEnd = EndOfContent();
-    const std::uint64_t reach = kEndSize + kMaxComment;
+    const std::uint64_t reach = endSize + maxComment;
     const std::uint64_t first = contentEnd > reach ? contentEnd - reach : 0;
-    const std::uint64_t last = std::min(contentEnd, fileSize - kEndSize);
+    const std::uint64_t last = std::min(contentEnd, fileSize - endSize);
     if (last < first)
         throw Refused("it has no end record");
-    const unsigned char* const bytes = m_window.At(first, std::size_t(last - first + kEndSize));
+    const unsigned char* const bytes = m_window.At(first, static_cast<std::size_t>(last - first + endSize));
     bool found = false;
     std::uint64_t place = 0;
     for (std::uint64_t at = first; at <= last; ++at) {
         const unsigned char* const record = bytes + (at - first);
-        if (record[0] != 'P' || Get32(record) != kEndSignature)
+        if (record[0] != 'P' || Get32(record) != endSignature)
             continue;
-        const std::uint64_t end = at + kEndSize + Get16(record + 20);
+        const std::uint64_t end = at + endSize + Get16(record + 20);
         if (end < contentEnd || end > fileSize)
             continue;
         if (found)
@@ -316,18 +305,18 @@ std::uint64_t ZipOpener::FindEndRecord()
 /// Reads the pair of ZIP64 records before the end record, where there is one.
 bool ZipOpener::ReadEnd64(std::uint64_t end, Directory& directory)
 {
-    if (end < kLocator64Size)
+    if (end < locator64Size)
         return false;
-    const unsigned char* const locator = m_window.At(end - kLocator64Size, kLocator64Size);
-    if (Get32(locator) != kLocator64Signature)
+    const unsigned char* const locator = m_window.At(end - locator64Size, locator64Size);
+    if (Get32(locator) != locator64Signature)
         return false;
     const std::uint64_t place = Get64(locator + 8);
     if (Get32(locator + 4) != 0 || Get32(locator + 16) != 1)
         throw Refused("it is spread over several disks");
-    if (end < kLocator64Size + kEnd64Size || place != end - kLocator64Size - kEnd64Size)
+    if (end < locator64Size + end64Size || place != end - locator64Size - end64Size)
         throw Refused("the place of its ZIP64 end record is wrong");
-    const unsigned char* const record = m_window.At(place, kEnd64Size);
-    if (Get32(record) != kEnd64Signature || Get64(record + 4) != kEnd64Size - 12)
+    const unsigned char* const record = m_window.At(place, end64Size);
+    if (Get32(record) != end64Signature || Get64(record + 4) != end64Size - 12)
         throw Refused("its ZIP64 end record is malformed");
     if (Get32(record + 16) != 0 || Get32(record + 20) != 0 || Get64(record + 24) != Get64(record + 32))
         throw Refused("it is spread over several disks");
@@ -341,8 +330,8 @@ bool ZipOpener::ReadEnd64(std::uint64_t end, Directory& directory)
 Directory ZipOpener::FindDirectory()
 {
     const std::uint64_t end = FindEndRecord();
-    std::array<unsigned char, kEndSize> record;
-    std::copy_n(m_window.At(end, kEndSize), kEndSize, record.begin());
+    std::array<unsigned char, endSize> record;
+    std::copy_n(m_window.At(end, endSize), endSize, record.begin());
     const std::uint16_t disk = Get16(&record[4]);
     const std::uint16_t directoryDisk = Get16(&record[6]);
     const std::uint16_t countHere = Get16(&record[8]);
@@ -354,11 +343,12 @@ Directory ZipOpener::FindDirectory()
     const bool wide = ReadEnd64(end, directory);
     if (!wide)
         directory = Directory{offset, size, count, end};
-    const auto disksAgree = [wide](std::uint16_t value) { return value == 0 || (wide && value == kFull16); };
+    const auto disksAgree = [wide](std::uint16_t value) { return value == 0 || (wide && value == full16); };
     if (!disksAgree(disk) || !disksAgree(directoryDisk) || countHere != count)
         throw Refused("it is spread over several disks");
-    if (wide && ((count != kFull16 && count != directory.count) || (size != kFull32 && size != directory.size)
-                 || (offset != kFull32 && offset != directory.offset)))
+    if (wide
+        && ((count != full16 && count != directory.count) || (size != full32 && size != directory.size)
+            || (offset != full32 && offset != directory.offset)))
         throw Refused("its two end records differ");
     if (directory.offset > directory.end || directory.size != directory.end - directory.offset)
         throw Refused("the place or the size of its directory is wrong");
@@ -367,10 +357,10 @@ Directory ZipOpener::FindDirectory()
 
 void ZipOpener::IndexDirectory(const Directory& directory)
 {
-    if (directory.count > directory.size / kDirectorySize)
+    if (directory.count > directory.size / directorySize)
         throw Refused("the count of its entries is wrong");
-    m_archive.m_entries.reserve(std::size_t(directory.count));
-    m_flags.reserve(std::size_t(directory.count));
+    m_archive.m_entries.reserve(static_cast<std::size_t>(directory.count));
+    m_flags.reserve(static_cast<std::size_t>(directory.count));
     std::uint64_t at = directory.offset;
     for (std::uint64_t i = 0; i < directory.count; ++i)
         at += IndexEntry(at, directory.end - at);
@@ -382,36 +372,36 @@ void ZipOpener::IndexDirectory(const Directory& directory)
 /// Indexes the directory's record at `at` and returns its length.
 std::size_t ZipOpener::IndexEntry(std::uint64_t at, std::uint64_t left)
 {
-    if (left < kDirectorySize)
+    if (left < directorySize)
         throw Refused("its directory is cut short");
-    const unsigned char* record = m_window.At(at, kDirectorySize);
-    if (Get32(record) != kDirectorySignature)
+    const unsigned char* record = m_window.At(at, directorySize);
+    if (Get32(record) != directorySignature)
         throw Refused("a record of its directory is malformed");
     const std::size_t nameSize = Get16(record + 28);
     const std::size_t extraSize = Get16(record + 30);
-    const std::size_t length = kDirectorySize + nameSize + extraSize + Get16(record + 32);
+    const std::size_t length = directorySize + nameSize + extraSize + Get16(record + 32);
     if (left < length)
         throw Refused("its directory is cut short");
     record = m_window.At(at, length);
     m_hash.Add(record, length);
 
     ZipEntry entry;
-    entry.name.assign(reinterpret_cast<const char*>(record) + kDirectorySize, nameSize);
+    entry.name.assign(reinterpret_cast<const char*>(record) + directorySize, nameSize);
     if (const char* const why = WhyNameIsRefused(entry.name))
         RefuseEntry(entry.name, why);
     const std::uint16_t flags = Get16(record + 8);
-    if (flags & kFlagEncrypted)
+    if (flags & flagEncrypted)
         RefuseEntry(entry.name, "it is encrypted");
-    if (flags & ~kFlagsAccepted)
+    if (flags & ~flagsAccepted)
         RefuseEntry(entry.name, "it has unknown flags");
     entry.method = Get16(record + 10);
-    if (entry.method != kMethodStored && entry.method != kMethodDeflate)
+    if (entry.method != methodStored && entry.method != methodDeflate)
         RefuseEntry(entry.name, "its method is neither stored nor deflate");
     entry.dosTime = Get32(record + 12);
     entry.crc32 = Get32(record + 16);
 
     Sizes sizes{Get32(record + 24), Get32(record + 20), Get32(record + 42), Get16(record + 34)};
-    ApplyZip64(entry.name, ParseExtra(entry.name, record + kDirectorySize + nameSize, extraSize), false, false, sizes);
+    ApplyZip64(entry.name, ParseExtra(entry.name, record + directorySize + nameSize, extraSize), false, false, sizes);
     if (sizes.disk != 0)
         throw Refused("it is spread over several disks");
     entry.size = sizes.size;
@@ -446,15 +436,15 @@ void ZipOpener::CheckType(const ZipEntry& entry, std::uint32_t attributes)
 
 void ZipOpener::CheckSizes(const ZipEntry& entry)
 {
-    const bool mayBeEmptyStream = entry.method == kMethodDeflate && entry.packedSize == kEmptyDeflate.size();
+    const bool mayBeEmptyStream = entry.method == methodDeflate && entry.packedSize == emptyDeflate.size();
     if (entry.isFolder && (entry.size != 0 || entry.crc32 != 0 || (entry.packedSize != 0 && !mayBeEmptyStream)))
-        RefuseEntry(entry.name, kFolderWithData);
-    if (entry.method == kMethodStored && entry.size != entry.packedSize)
+        RefuseEntry(entry.name, folderWithData);
+    if (entry.method == methodStored && entry.size != entry.packedSize)
         RefuseEntry(entry.name, "it is stored and its two sizes differ");
-    if (entry.method == kMethodDeflate && !entry.isFolder && entry.packedSize == 0)
+    if (entry.method == methodDeflate && !entry.isFolder && entry.packedSize == 0)
         RefuseEntry(entry.name, "it is deflated and has no data");
-    if (entry.size / kMaxExpansion > entry.packedSize
-        || (entry.size / kMaxExpansion == entry.packedSize && entry.size % kMaxExpansion != 0))
+    if (entry.size / maxExpansion > entry.packedSize
+        || (entry.size / maxExpansion == entry.packedSize && entry.size % maxExpansion != 0))
         RefuseEntry(entry.name, "it claims more than 1032 times its packed size");
     if (entry.size > m_limits.maxBytes - m_totalSize)
         RefuseEntry(entry.name, "with it the entries are over " + std::to_string(m_limits.maxBytes) + " bytes");
@@ -507,7 +497,7 @@ void ZipOpener::CheckTiling(const Directory& directory)
         const std::uint64_t dataEnd = CheckLocalHeader(entry, flags);
         if (dataEnd > next)
             RefuseEntry(entry.name, "it overlaps what follows it");
-        if (flags & kFlagDescriptor)
+        if (flags & flagDescriptor)
             CheckDescriptor(entry, dataEnd, next - dataEnd);
         else if (dataEnd != next)
             RefuseEntry(entry.name, "there is a gap behind it");
@@ -520,13 +510,13 @@ void ZipOpener::CheckTiling(const Directory& directory)
 /// Compares the local header with the directory, notes where the data begins and returns where it ends.
 std::uint64_t ZipOpener::CheckLocalHeader(ZipEntry& entry, std::uint16_t flags)
 {
-    const unsigned char* header = m_window.At(entry.headerOffset, kLocalSize);
-    if (Get32(header) != kLocalSignature)
+    const unsigned char* header = m_window.At(entry.headerOffset, localSize);
+    if (Get32(header) != localSignature)
         RefuseEntry(entry.name, "its local header is not where the directory says");
     const std::size_t nameSize = Get16(header + 26);
     const std::size_t extraSize = Get16(header + 28);
-    header = m_window.At(entry.headerOffset, kLocalSize + nameSize + extraSize);
-    const char* const name = reinterpret_cast<const char*>(header) + kLocalSize;
+    header = m_window.At(entry.headerOffset, localSize + nameSize + extraSize);
+    const char* const name = reinterpret_cast<const char*>(header) + localSize;
     if (entry.name != std::string_view(name, nameSize))
         RefuseEntry(entry.name, "its name in the local header differs");
     if (Get16(header + 6) != flags)
@@ -534,9 +524,9 @@ std::uint64_t ZipOpener::CheckLocalHeader(ZipEntry& entry, std::uint16_t flags)
     if (Get16(header + 8) != entry.method)
         RefuseEntry(entry.name, "its method in the local header differs");
 
-    const bool later = flags & kFlagDescriptor; // then the writer may have left the fields empty
+    const bool later = flags & flagDescriptor; // then the writer may have left the fields empty
     Sizes sizes{Get32(header + 22), Get32(header + 18)};
-    ApplyZip64(entry.name, ParseExtra(entry.name, header + kLocalSize + nameSize, extraSize), true, later, sizes);
+    ApplyZip64(entry.name, ParseExtra(entry.name, header + localSize + nameSize, extraSize), true, later, sizes);
     const std::uint32_t crc = Get32(header + 14);
     const auto agrees = [later](std::uint64_t local, std::uint64_t value) {
         return local == value || (later && local == 0);
@@ -546,12 +536,13 @@ std::uint64_t ZipOpener::CheckLocalHeader(ZipEntry& entry, std::uint16_t flags)
     if (!agrees(sizes.size, entry.size) || !agrees(sizes.packedSize, entry.packedSize))
         RefuseEntry(entry.name, "its sizes in the local header differ");
 
-    entry.dataOffset = entry.headerOffset + kLocalSize + nameSize + extraSize;
+    entry.dataOffset = entry.headerOffset + localSize + nameSize + extraSize;
     if (entry.packedSize > m_window.FileSize() - entry.dataOffset)
         RefuseEntry(entry.name, "its data does not fit into the file");
     if (entry.isFolder && entry.packedSize != 0
-        && std::memcmp(m_window.At(entry.dataOffset, kEmptyDeflate.size()), kEmptyDeflate.data(), kEmptyDeflate.size()) != 0)
-        RefuseEntry(entry.name, kFolderWithData);
+        && std::memcmp(m_window.At(entry.dataOffset, emptyDeflate.size()), emptyDeflate.data(), emptyDeflate.size())
+               != 0)
+        RefuseEntry(entry.name, folderWithData);
     return entry.dataOffset + entry.packedSize;
 }
 
@@ -561,9 +552,9 @@ void ZipOpener::CheckDescriptor(const ZipEntry& entry, std::uint64_t at, std::ui
 {
     if (size != 12 && size != 16 && size != 20 && size != 24)
         RefuseEntry(entry.name, "its descriptor has a wrong length");
-    const unsigned char* descriptor = m_window.At(at, std::size_t(size));
+    const unsigned char* descriptor = m_window.At(at, static_cast<std::size_t>(size));
     if (size == 16 || size == 24) {
-        if (Get32(descriptor) != kDescriptorSignature)
+        if (Get32(descriptor) != descriptorSignature)
             RefuseEntry(entry.name, "its descriptor is malformed");
         descriptor += 4;
     }
@@ -610,7 +601,7 @@ ZipArchive::~ZipArchive()
 FileIdentity IdentityOf(const struct stat& status)
 {
     const auto nanoseconds = [](const struct timespec& time) {
-        return std::int64_t(time.tv_sec) * 1000000000 + time.tv_nsec;
+        return static_cast<std::int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
     };
     return FileIdentity{status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
                         nanoseconds(status.st_ctim)};

@@ -15,7 +15,7 @@ namespace VexCore {
 
 struct ZipLimits
 {
-    std::uint64_t maxBytes = std::uint64_t(4) << 30; ///< of all entries together, unpacked
+    std::uint64_t maxBytes = static_cast<std::uint64_t>(4) << 30; ///< of all entries together, unpacked
     std::uint64_t maxEntries = 100000;
 };
 

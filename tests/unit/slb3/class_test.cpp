@@ -1,7 +1,6 @@
 #include "fixture.h"
 
 namespace {
-
 class ClassTest : public BinderTest
 {
 protected:

@@ -1,7 +1,6 @@
 #include "fixture.h"
 
 namespace {
-
 using ErrorTest = BinderTest;
 
 TEST_F(ErrorTest, ExceptionBecomesAnErrorWithItsTextAndPlace)

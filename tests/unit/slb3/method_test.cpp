@@ -1,7 +1,6 @@
 #include "fixture.h"
 
 namespace {
-
 using MethodTest = BinderTest;
 
 TEST_F(MethodTest, MethodReachesItsObject)
@@ -37,7 +36,8 @@ TEST_F(MethodTest, FirstWrongArgumentIsReported)
 
 TEST_F(MethodTest, ReceiverOfAnotherKindIsRefused)
 {
-    const std::string front = "error: test:1: bad argument #0 (self) to 'Bank.Account:Balance' (Bank.Account expected, got ";
+    const std::string front =
+        "error: test:1: bad argument #0 (self) to 'Bank.Account:Balance' (Bank.Account expected, got ";
     const std::string end = "; methods are called with ':')";
     EXPECT_EQ(Run("account.Balance()"), front + "no value" + end);
     EXPECT_EQ(Run("account.Balance('x')"), front + "string" + end);

@@ -1,7 +1,6 @@
 #include "fixture.h"
 
 namespace {
-
 using NamespaceTest = BinderTest;
 
 TEST_F(NamespaceTest, SameNameIsTheSameTable)

@@ -1,7 +1,6 @@
 #include "fixture.h"
 
 namespace {
-
 using namespace SLB3::internal;
 using ObjectTest = BinderTest;
 

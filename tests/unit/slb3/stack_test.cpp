@@ -1,7 +1,6 @@
 #include "fixture.h"
 
 namespace {
-
 using StackTest = BinderTest;
 
 TEST_F(StackTest, ValuesTravelBothWays)

@@ -3,7 +3,6 @@
 #include "support/launcher_test.h"
 
 namespace {
-
 struct Option
 {
     bool isSwitch;
@@ -123,9 +122,12 @@ TEST_F(CommandLine, EachOptionTakesAValueByShortAndLongName)
             continue;
         const std::string brief = std::string("-") + option.shortName;
         const std::string full = std::string("--") + option.longName;
-        for (const std::vector<std::string>& form :
-             {std::vector<std::string>{brief, "v w"}, {brief + "v w"}, {brief + "=v w"}, {brief + ":v w"},
-              {full, "v w"}, {full + "=v w"}}) {
+        for (const std::vector<std::string>& form : {std::vector<std::string>{brief, "v w"},
+                                                     {brief + "v w"},
+                                                     {brief + "=v w"},
+                                                     {brief + ":v w"},
+                                                     {full, "v w"},
+                                                     {full + "=v w"}}) {
             EXPECT_EQ(Parse(form), 0) << form[0];
             EXPECT_EQ(Value(option.longName), "v w") << form[0];
         }

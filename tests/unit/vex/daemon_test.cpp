@@ -22,7 +22,6 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 
 namespace {
-
 using Lines = std::vector<std::string>;
 
 const char* const PidFile = "/var/run/vx_agent.pid";
@@ -44,16 +43,16 @@ protected:
 
     std::optional<int> Run(const wxString& application = "vx_agent")
     {
-        CDaemon daemon(m_system, m_dom, application);
+        Daemon daemon(m_system, m_dom, application);
         return daemon.Run();
     }
 
     // The status with which `Run` ends the process it stands in.
-    CEnded RunToEnd(const wxString& application = "vx_agent")
+    Ended RunToEnd(const wxString& application = "vx_agent")
     {
         try {
             Run(application);
-        } catch (const CEnded& ended) {
+        } catch (const Ended& ended) {
             return ended;
         }
         ADD_FAILURE() << "the process goes on";
@@ -71,14 +70,14 @@ protected:
     static Lines LogLines() { return Journal({"Log("}); }
 
     VexCore::CDom* const m_dom = VexCore::CDom::New(nullptr, nullptr, nullptr, false);
-    CFakeSystem m_system;
+    FakeSystem m_system;
 };
 
 // The journal of a start of the child with the given number, and of its end.
 Lines StartLines(int child)
 {
-    return {"BlockTerm()",   "ForkWorker()", "BlockChild()", "HandleTerm(handler)",
-            "UnblockTerm()", "Wait(" + std::to_string(CFakeSystem::Child + child) + ")"};
+    return {"BlockTerm()",         "ForkWorker()",  "BlockChild()",
+            "HandleTerm(handler)", "UnblockTerm()", "Wait(" + std::to_string(FakeSystem::Child + child) + ")"};
 }
 
 Lines GoneLines()
@@ -94,7 +93,7 @@ Lines operator+(Lines left, const Lines& right)
 
 } // namespace
 
-// --------------------------------------------------------------------------------------------------- single instance
+// --- single instance
 
 TEST_F(Daemon, StartsWhenThereIsNoPidFile)
 {
@@ -123,7 +122,7 @@ TEST_F(Daemon, ToleratesAPidFileOfADeadProcess)
 TEST_F(Daemon, RefusesToStartBesideALiveInstance)
 {
     answers().pidFileAnswers = {12345};
-    const CEnded ended = RunToEnd();
+    const Ended ended = RunToEnd();
     EXPECT_EQ(ended.status, 1);
     EXPECT_FALSE(ended.atOnce);
     EXPECT_THAT(Journal(), ElementsAre("ReadPidFile(\"/var/run/vx_agent.pid\")", "Ask(12345)",
@@ -162,11 +161,12 @@ TEST_F(Daemon, StartsWithAWarningWhenTheLockCannotBeMade)
 {
     m_system.lock = VexOs::ELock::Unavailable;
     EXPECT_EQ(RunToEnd().status, 0);
-    EXPECT_THAT(LogLines(), ElementsAre("Log(Warning, \"/var/run/vx_agent.pid.lock can't be locked (Permission denied), so a "
-                                        "second start at the same moment would go unnoticed.\")"));
+    EXPECT_THAT(LogLines(),
+                ElementsAre("Log(Warning, \"/var/run/vx_agent.pid.lock can't be locked (Permission denied), so a "
+                            "second start at the same moment would go unnoticed.\")"));
 }
 
-// ------------------------------------------------------------------------------------------------------------ detach
+// --- detach
 
 TEST_F(Daemon, FailsWhenTheFirstForkFails)
 {
@@ -181,15 +181,16 @@ TEST_F(Daemon, TheFirstChildMakesASessionAndEnds)
 {
     m_system.forks = {0, 300};
     EXPECT_EQ(RunToEnd().status, 0);
-    EXPECT_THAT(Journal({"Fork", "NewSession", "Dom.", "ChangeFolder", "WaitForStarter", "PassTermOn", "Exit", "WritePidFile"}),
-                ElementsAre("ForkFirstChild()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
-                            "ChangeFolder(\"/work folder\")", "WaitForStarter()", "Fork()", "PassTermOn(300)", "Exit(0)"));
+    EXPECT_THAT(
+        Journal({"Fork", "NewSession", "Dom.", "ChangeFolder", "WaitForStarter", "PassTermOn", "Exit", "WritePidFile"}),
+        ElementsAre("ForkFirstChild()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
+                    "ChangeFolder(\"/work folder\")", "WaitForStarter()", "Fork()", "PassTermOn(300)", "Exit(0)"));
 }
 
 TEST_F(Daemon, AStopOfTheStartingProcessGoesOnToItsChild)
 {
     m_system.forks = {300};
-    m_system.onFork = [this] { m_system.SendTerm(CFakeSystem::Stranger); };
+    m_system.onFork = [this] { m_system.SendTerm(FakeSystem::Stranger); };
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_EQ(Journal({"Signal"}), Lines{"SignalProcess(300, TERM)"});
 }
@@ -197,7 +198,7 @@ TEST_F(Daemon, AStopOfTheStartingProcessGoesOnToItsChild)
 TEST_F(Daemon, AStopOfTheFirstChildGoesOnToTheSupervisor)
 {
     m_system.forks = {0, 301};
-    m_system.onFork = [this] { m_system.SendTerm(CFakeSystem::Stranger); };
+    m_system.onFork = [this] { m_system.SendTerm(FakeSystem::Stranger); };
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_EQ(Journal({"Signal"}), Lines{"SignalProcess(301, TERM)"});
 }
@@ -227,15 +228,14 @@ TEST_F(Daemon, TheSupervisorLetsItsStreamsGoBeforeItWritesThePidFile)
     DetachToSupervisor();
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);
-    EXPECT_THAT(Journal(), ElementsAreArray(Lines{"ReadPidFile(\"/var/run/vx_agent.pid\")",
-                                                  "TakeInstanceLock(\"/var/run/vx_agent.pid.lock\")", "ResetSignals()",
-                                                  "ForkFirstChild()", "NewSession()",
-                                                  "Dom.GetWxString(\"app.path.work\")",
-                                                  "ChangeFolder(\"/work folder\")", "WaitForStarter()", "Fork()",
-                                                  "StreamsToNull()", "TightenFileMode()", "WritePidFile(\"/var/run/vx_agent.pid\")"}
-                                            + StartLines(0)
-                                            + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"}
-                                            + GoneLines()));
+    EXPECT_THAT(Journal(),
+                ElementsAreArray(
+                    Lines{"ReadPidFile(\"/var/run/vx_agent.pid\")", "TakeInstanceLock(\"/var/run/vx_agent.pid.lock\")",
+                          "ResetSignals()", "ForkFirstChild()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
+                          "ChangeFolder(\"/work folder\")", "WaitForStarter()", "Fork()", "StreamsToNull()",
+                          "TightenFileMode()", "WritePidFile(\"/var/run/vx_agent.pid\")"}
+                    + StartLines(0) + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"}
+                    + GoneLines()));
 }
 
 TEST_F(Daemon, SigtermIsBlockedWhenThePidFileIsWritten)
@@ -268,7 +268,7 @@ TEST_F(Daemon, AssertsThatNoThreadExistsBeforeItForks)
     EXPECT_EQ(s_asserted, 1);
 }
 
-// ------------------------------------------------------------------------------------------- the supervisor's children
+// --- the supervisor's children
 
 TEST_F(Daemon, TheWorkingChildComesBackToRunTheApplication)
 {
@@ -318,8 +318,8 @@ TEST_F(Daemon, RestartsAKilledChildAfterADelay)
     EXPECT_THAT(FromFirstWorker(),
                 ElementsAreArray(StartLines(0)
                                  + Lines{killed, "Log(Info, \"Delaying 1000ms before restart 1\")", "Sleep(1000)"}
-                                 + StartLines(1)
-                                 + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"} + GoneLines()));
+                                 + StartLines(1) + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"}
+                                 + GoneLines()));
 }
 
 TEST_F(Daemon, ACrashAfterMoreThanTheSpanRestartsWithoutDelay)
@@ -405,7 +405,7 @@ TEST_F(Daemon, FailsWhenItCannotWaitForTheChild)
     EXPECT_EQ(Journal({"RemoveFile"}).size(), 1u);
 }
 
-// ------------------------------------------------------------------------------------------------------------- driver
+// --- driver
 
 TEST_F(Daemon, StopsTheDriverBeforeEachRestartAfterExitThree)
 {
@@ -416,15 +416,16 @@ TEST_F(Daemon, StopsTheDriverBeforeEachRestartAfterExitThree)
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);
     const Lines stop = {"Log(Info, \"Child process exited with status 768 (exit 3)\")",
-                        "IsExecutable(\"/opt/vx_agent/SunOS.init\")", "Execute(\"/opt/vx_agent/SunOS.init\", {\"stopmod\"})",
+                        "IsExecutable(\"/opt/vx_agent/SunOS.init\")",
+                        "Execute(\"/opt/vx_agent/SunOS.init\", {\"stopmod\"})",
                         "Log(Message, \"Driver stopped using /opt/vx_agent/SunOS.init\")"};
     EXPECT_THAT(FromFirstWorker(),
-                ElementsAreArray(StartLines(0) + stop
-                                 + Lines{"Log(Info, \"Delaying 1000ms before restart 1\")", "Sleep(1000)"} + StartLines(1)
-                                 + stop + Lines{"Log(Info, \"Delaying 2000ms before restart 2\")", "Sleep(2000)"}
-                                 + StartLines(2) + stop
-                                 + Lines{"Log(Info, \"Delaying 4000ms before restart 3\")", "Sleep(4000)"} + StartLines(3)
-                                 + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"} + GoneLines()));
+                ElementsAreArray(
+                    StartLines(0) + stop + Lines{"Log(Info, \"Delaying 1000ms before restart 1\")", "Sleep(1000)"}
+                    + StartLines(1) + stop + Lines{"Log(Info, \"Delaying 2000ms before restart 2\")", "Sleep(2000)"}
+                    + StartLines(2) + stop + Lines{"Log(Info, \"Delaying 4000ms before restart 3\")", "Sleep(4000)"}
+                    + StartLines(3) + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"}
+                    + GoneLines()));
 }
 
 TEST_F(Daemon, SaysWhyTheDriverCouldNotBeStoppedAndRestarts)
@@ -460,23 +461,23 @@ TEST_F(Daemon, StopsNoDriverAfterAnyOtherEnd)
     EXPECT_TRUE(Journal({"IsExecutable", "Execute"}).empty());
 }
 
-// ------------------------------------------------------------------------------------------------------------ SIGTERM
+// --- SIGTERM
 
 TEST_F(Daemon, TheFirstSigtermTakesThePidFileAwayAndStopsTheGroup)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
         FakeCore::ClearJournal();
-        m_system.SendTerm(CFakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::Stranger);
         return -EINTR;
     });
     m_system.ChildEnds(6 << 8);
     EXPECT_EQ(Run(), 6) << "it keeps waiting and ends with the child's code";
-    EXPECT_THAT(Journal(),
-                ElementsAreArray(GoneLines()
-                                 + Lines{"SignalOwnGroup(TERM)",
-                                         "Log(Warning, \"Waiting for child process interrupted - Try again\")", "Wait(5000)",
-                                         "Log(Info, \"Child process exited with status 1536 (exit 6)\")"}))
+    EXPECT_THAT(Journal(), ElementsAreArray(
+                               GoneLines()
+                               + Lines{"SignalOwnGroup(TERM)",
+                                       "Log(Warning, \"Waiting for child process interrupted - Try again\")",
+                                       "Wait(5000)", "Log(Info, \"Child process exited with status 1536 (exit 6)\")"}))
         << "the file that may stand there by then is another instance's";
 }
 
@@ -484,12 +485,12 @@ TEST_F(Daemon, ALaterSigtermEndsTheSupervisorAtOnceWithZero)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
-        m_system.SendTerm(CFakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::Stranger);
         FakeCore::ClearJournal();
-        m_system.SendTerm(CFakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::Stranger);
         return -EINTR;
     });
-    const CEnded ended = RunToEnd();
+    const Ended ended = RunToEnd();
     EXPECT_EQ(ended.status, 0);
     EXPECT_TRUE(ended.atOnce);
     EXPECT_THAT(Journal(), ElementsAre("SignalOwnGroup(TERM)", "ExitNow(0)"));
@@ -500,8 +501,8 @@ TEST_F(Daemon, ASigtermOfItsOwnIsIgnored)
     DetachToSupervisor();
     m_system.waits.push_back([this] {
         FakeCore::ClearJournal();
-        m_system.SendTerm(CFakeSystem::Self);
-        m_system.SendTerm(CFakeSystem::Self);
+        m_system.SendTerm(FakeSystem::Self);
+        m_system.SendTerm(FakeSystem::Self);
         return -EINTR;
     });
     m_system.ChildEnds(SIGKILL);
@@ -517,9 +518,9 @@ TEST_F(Daemon, PassSignalDoesNothingInAProcessThatIsNotTheSupervisor)
     m_system.waits.push_back([this] {
         FakeCore::ClearJournal();
         m_system.self = 9999; // a forked copy that still has the handler
-        m_system.SendTerm(CFakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::Stranger);
         EXPECT_TRUE(Journal().empty());
-        m_system.self = CFakeSystem::Self;
+        m_system.self = FakeSystem::Self;
         return 0;
     });
     EXPECT_EQ(Run(), 0);
@@ -530,7 +531,7 @@ TEST_F(Daemon, PassSignalKeepsErrno)
     DetachToSupervisor();
     m_system.waits.push_back([this] {
         errno = E2BIG;
-        m_system.SendTerm(CFakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::Stranger);
         EXPECT_EQ(errno, E2BIG);
         return 0;
     });
@@ -543,7 +544,7 @@ TEST_F(Daemon, OutsideOfItsOwnGroupItStopsTheChildAlone)
     m_system.waits.push_back([this] {
         m_system.group = 31; // moved by somebody: strangers are in there
         FakeCore::ClearJournal();
-        m_system.SendTerm(CFakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::Stranger);
         return 0;
     });
     EXPECT_EQ(Run(), 0);
@@ -553,7 +554,7 @@ TEST_F(Daemon, OutsideOfItsOwnGroupItStopsTheChildAlone)
 TEST_F(Daemon, AStopBetweenPidFileAndHandlerReachesTheFirstChild)
 {
     DetachToSupervisor();
-    answers().onWritePidFile = [this](const wxString&) { m_system.SendTerm(CFakeSystem::Stranger); };
+    answers().onWritePidFile = [this](const wxString&) { m_system.SendTerm(FakeSystem::Stranger); };
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);
     EXPECT_THAT(Journal({"ForkWorker", "HandleTerm", "SignalOwnGroup", "RemoveFile", "Wait("}),
@@ -565,7 +566,7 @@ TEST_F(Daemon, AStopDuringARestartsForkReachesTheNewChild)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
-        m_system.onFork = [this] { m_system.SendTerm(CFakeSystem::Stranger); };
+        m_system.onFork = [this] { m_system.SendTerm(FakeSystem::Stranger); };
         return SIGKILL;
     });
     m_system.ChildEnds(0);
@@ -580,9 +581,9 @@ TEST_F(Daemon, AStopInADelayEndsAtOnceWithZero)
     m_system.ChildEnds(SIGKILL);
     m_system.onSleep = [this] {
         FakeCore::ClearJournal();
-        m_system.SendTerm(CFakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::Stranger);
     };
-    const CEnded ended = RunToEnd();
+    const Ended ended = RunToEnd();
     EXPECT_EQ(ended.status, 0);
     EXPECT_TRUE(ended.atOnce);
     EXPECT_THAT(Journal(), ElementsAreArray(GoneLines() + Lines{"SignalOwnGroup(TERM)", "ExitNow(0)"}));
@@ -595,7 +596,7 @@ TEST_F(Daemon, AStopDuringTheDriversStopEndsAtOnceWithZero)
     m_system.ChildEnds(ExitThree);
     answers().onExecute = [this] {
         FakeCore::ClearJournal();
-        m_system.SendTerm(CFakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::Stranger);
     };
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_EQ(Journal({"ExitNow"}), Lines{"ExitNow(0)"});
@@ -608,7 +609,7 @@ TEST_F(Daemon, AfterAHandledSigtermNoFurtherChildIsStarted)
         FakeCore::ClearJournal();
         DetachToSupervisor();
         m_system.waits.push_back([this, status] {
-            m_system.SendTerm(CFakeSystem::Stranger);
+            m_system.SendTerm(FakeSystem::Stranger);
             return status;
         });
         EXPECT_EQ(Run(), 0);
@@ -621,7 +622,7 @@ TEST_F(Daemon, AfterAHandledSigtermExitThreeStillStopsTheDriver)
     DetachToSupervisor();
     m_system.executable = true;
     m_system.waits.push_back([this] {
-        m_system.SendTerm(CFakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::Stranger);
         return ExitThree;
     });
     EXPECT_EQ(Run(), 0);
@@ -635,7 +636,7 @@ TEST_F(Daemon, AStopWhileItEndsLeavesTheFileOfANewInstanceAlone)
     m_system.ChildEnds(0);
     ASSERT_EQ(Run(), 0);
     FakeCore::ClearJournal();
-    EXPECT_THROW(m_system.SendTerm(CFakeSystem::Stranger), CEnded);
+    EXPECT_THROW(m_system.SendTerm(FakeSystem::Stranger), Ended);
     EXPECT_THAT(Journal(), ElementsAre("SignalOwnGroup(TERM)", "ExitNow(0)"));
 }
 
@@ -643,8 +644,8 @@ TEST_F(Daemon, AStopWhileItTakesItsPidFileAwayLeavesNoFile)
 {
     DetachToSupervisor();
     m_system.ChildEnds(5 << 8);
-    m_system.onRemoveFile = [this] { m_system.SendTerm(CFakeSystem::Stranger); };
-    const CEnded ended = RunToEnd();
+    m_system.onRemoveFile = [this] { m_system.SendTerm(FakeSystem::Stranger); };
+    const Ended ended = RunToEnd();
     EXPECT_EQ(ended.status, 0);
     EXPECT_TRUE(ended.atOnce);
     EXPECT_THAT(Journal({"RemoveFile", "ReleaseInstanceLock", "ExitNow"}),
@@ -655,7 +656,7 @@ TEST_F(Daemon, AStopAfterAFailedWaitLeavesNoFileAndEndsAtOnce)
 {
     DetachToSupervisor();
     m_system.waits.push_back([] { return -ECHILD; });
-    m_system.onRemoveFile = [this] { m_system.SendTerm(CFakeSystem::Stranger); };
+    m_system.onRemoveFile = [this] { m_system.SendTerm(FakeSystem::Stranger); };
     EXPECT_TRUE(RunToEnd().atOnce);
     EXPECT_THAT(Journal({"RemoveFile", "ReleaseInstanceLock", "ExitNow"}),
                 ElementsAreArray(GoneLines() + Lines{"ExitNow(0)"}));
@@ -677,7 +678,7 @@ TEST_F(Daemon, ANameThatIsTooLongForAFileLeavesTheHandlerNothingToRemove)
     EXPECT_EQ(Journal({"RemoveFile"}), Lines{"RemoveFile(\"\")"});
 }
 
-// --------------------------------------------------------------------------------------------- an earlier start's child
+// --- an earlier start's child
 
 TEST_F(Daemon, WaitsForTheChildOfAnEarlierStartBeforeItsFirst)
 {
@@ -687,20 +688,20 @@ TEST_F(Daemon, WaitsForTheChildOfAnEarlierStartBeforeItsFirst)
     EXPECT_EQ(Run(), 0);
     const Lines all = Journal();
     const auto written = std::find(all.begin(), all.end(), "WritePidFile(\"/var/run/vx_agent.pid\")");
-    EXPECT_THAT(Lines(written + 1, all.end()),
-                ElementsAreArray(Lines{"Log(Info, \"The child process of an earlier start (pid=811) is still ending, waiting "
-                                       "for it.\")",
-                                       "HandleTerm(handler)", "UnblockTerm()", "WaitForOtherWorker()", "BlockTerm()",
-                                       "HandleTerm(default)"}
-                                 + StartLines(0)
-                                 + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"} + GoneLines()));
+    EXPECT_THAT(
+        Lines(written + 1, all.end()),
+        ElementsAreArray(
+            Lines{"Log(Info, \"The child process of an earlier start (pid=811) is still ending, waiting "
+                  "for it.\")",
+                  "HandleTerm(handler)", "UnblockTerm()", "WaitForOtherWorker()", "BlockTerm()", "HandleTerm(default)"}
+            + StartLines(0) + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"} + GoneLines()));
 }
 
 TEST_F(Daemon, AStopWhileItWaitsForAnEarlierStartsChildEndsAtOnceWithZero)
 {
     DetachToSupervisor();
     m_system.otherWorker = 811;
-    m_system.onWaitForOther = [this] { m_system.SendTerm(CFakeSystem::Stranger); };
+    m_system.onWaitForOther = [this] { m_system.SendTerm(FakeSystem::Stranger); };
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_EQ(Count("ForkWorker()"), 0u);
     EXPECT_EQ(Journal({"RemoveFile"}).size(), 1u);
@@ -716,7 +717,7 @@ TEST_F(Daemon, WithoutALockItDoesNotLookForAnEarlierStartsChild)
     EXPECT_EQ(Count("WaitForOtherWorker()"), 0u);
 }
 
-// --------------------------------------------------------------------------------------------------------- endurance
+// --- endurance
 
 TEST_F(Daemon, TenThousandRestartsKeepTheRules)
 {

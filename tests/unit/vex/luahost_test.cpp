@@ -15,7 +15,7 @@
 #include <wx/mstream.h>
 #include <wx/sstream.h>
 
-using Access = CAgentAppTestAccess;
+using Access = AgentAppTestAccess;
 using FakeCore::answers;
 using FakeCore::Count;
 using FakeCore::Journal;
@@ -24,7 +24,6 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace {
-
 class LuaHost : public testing::Test
 {
 protected:
@@ -67,7 +66,10 @@ protected:
     }
 
     // Number of entries of "arg".
-    std::string ArgumentCount() { return Value("(function() local n = 0 for _ in pairs(arg) do n = n + 1 end return n end)()"); }
+    std::string ArgumentCount()
+    {
+        return Value("(function() local n = 0 for _ in pairs(arg) do n = n + 1 end return n end)()");
+    }
 
     void DefineModule(const std::string& source)
     {
@@ -79,7 +81,7 @@ protected:
 
 } // namespace
 
-// ------------------------------------------------------------------------------------------------------------ set-up
+// --- set-up
 
 TEST_F(LuaHost, SetUpReadsThePathsAndPassesThemInTheInterpretersOrder)
 {
@@ -88,9 +90,10 @@ TEST_F(LuaHost, SetUpReadsThePathsAndPassesThemInTheInterpretersOrder)
     m_app->Dom().Set("app.lua.cpath", "/c/?.so");
     FakeCore::ClearJournal();
     ASSERT_EQ(SetUpLua(), LUA_OK);
-    EXPECT_THAT(Journal(), ElementsAre("Dom.Get(\"app.lua.cpath\")", "Dom.Get(\"app.lua.path\")", "Dom.Get(\"app.path.bin\")",
-                                       "Lua.SetPackagePaths(\"/bin folder\", \"/p/?.lua\", \"/c/?.so\")",
-                                       "Wrapper.Register()", "Dom.RegisterLoader()"));
+    EXPECT_THAT(Journal(),
+                ElementsAre("Dom.Get(\"app.lua.cpath\")", "Dom.Get(\"app.lua.path\")", "Dom.Get(\"app.path.bin\")",
+                            "Lua.SetPackagePaths(\"/bin folder\", \"/p/?.lua\", \"/c/?.so\")", "Wrapper.Register()",
+                            "Dom.RegisterLoader()"));
 }
 
 TEST_F(LuaHost, AbsentPathsArePassedAsEmptyTexts)
@@ -192,7 +195,7 @@ TEST_F(LuaHost, SetUpAssertsThatItRunsInTheApplicationsState)
     EXPECT_EQ(s_condition, "pThis && (L == pThis->L())");
 }
 
-// --------------------------------------------------------------------------------------------------------- arguments
+// --- arguments
 
 TEST_F(LuaHost, TheSeparatorBecomesTheApplicationsName)
 {
@@ -265,19 +268,17 @@ TEST_F(LuaHost, MoreArgumentsThanTheStackCanHoldAreAnErrorWithItsText)
     EXPECT_STREQ(lua_tostring(L(), -1), "stack overflow (too many arguments to script)");
 }
 
-// ------------------------------------------------------------------------------------------------------------ chunks
+// --- chunks
 
 namespace {
-
-struct CResult
+struct Result
 {
     const char* code;
     int status;
 };
 
-class ChunkResult : public LuaHost, public testing::WithParamInterface<CResult>
-{
-};
+class ChunkResult : public LuaHost, public testing::WithParamInterface<Result>
+{};
 
 } // namespace
 
@@ -291,12 +292,13 @@ TEST_P(ChunkResult, BecomesTheStatus)
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, ChunkResult,
-                         testing::Values(CResult{"x = 1", 0}, CResult{"return 7", 7}, CResult{"return -7", -7},
-                                         CResult{"return 2.7", 2}, CResult{"return '5'", 5}, CResult{"return ' 0x10 '", 16},
-                                         CResult{"return nil", 0}, CResult{"return true", 0}, CResult{"return false", 0},
-                                         CResult{"return {}", 0}, CResult{"return print", 0}, CResult{"return 'five'", 0},
-                                         CResult{"return 3, 4", 3}, CResult{"return 4294967296", 0},
-                                         CResult{"return 4294967297", 1}, CResult{"return 2147483648", INT_MIN}));
+                         testing::Values(Result{"x = 1", 0}, Result{"return 7", 7}, Result{"return -7", -7},
+                                         Result{"return 2.7", 2}, Result{"return '5'", 5},
+                                         Result{"return ' 0x10 '", 16}, Result{"return nil", 0},
+                                         Result{"return true", 0}, Result{"return false", 0}, Result{"return {}", 0},
+                                         Result{"return print", 0}, Result{"return 'five'", 0},
+                                         Result{"return 3, 4", 3}, Result{"return 4294967296", 0},
+                                         Result{"return 4294967297", 1}, Result{"return 2147483648", INT_MIN}));
 
 TEST_F(LuaHost, AChunkThatFailsGivesTheInterpretersStatusAndLeavesTheStackAlone)
 {
@@ -339,7 +341,7 @@ TEST_F(LuaHost, NothingIsTracedOrLoggedWhenTheModuleIsNotTraced)
     EXPECT_TRUE(Journal({"Trace", "Log"}).empty());
 }
 
-// ---------------------------------------------------------------------------------------------------------- snippets
+// --- snippets
 
 TEST_F(LuaHost, ASnippetPrintsToStandardOutputWhichStaysOpen)
 {
@@ -407,7 +409,7 @@ TEST_F(LuaHost, SuccessPrintsNothing)
     EXPECT_EQ(Count("Lua.GetErrorInfo()"), 0u);
 }
 
-// ----------------------------------------------------------------------------------------------------------- methods
+// --- methods
 
 TEST_F(LuaHost, AMethodIsCalledWithoutArguments)
 {
@@ -453,7 +455,9 @@ TEST_F(LuaHost, MainAndShutdownAreTheMethodsOfTheirNames)
     EXPECT_EQ(App().RunAppMain(), 3);
     EXPECT_EQ(App().RunAppShutdown(), 4);
     testing::internal::GetCapturedStderr();
-    EXPECT_EQ(Count("Lua.RunScript(\"if type(vexAppModule.main) == 'function' then return vexAppModule.main(); else return 0; "
-                    "end;\", 0, 1, \"vx_agent\", out)"),
-              1u);
+    EXPECT_EQ(
+        Count(
+            "Lua.RunScript(\"if type(vexAppModule.main) == 'function' then return vexAppModule.main(); else return 0; "
+            "end;\", 0, 1, \"vx_agent\", out)"),
+        1u);
 }

@@ -15,7 +15,6 @@
 using testing::ElementsAre;
 
 namespace {
-
 bool s_records = false;
 
 void RecordCall(const std::string& line)
@@ -60,10 +59,8 @@ extern "C" void CONF_modules_unload(int all)
 }
 
 namespace {
-
 class OpenSslDeathTest : public LauncherTest
-{
-};
+{};
 
 TEST_F(OpenSslDeathTest, IsStartedWithoutItsConfigurationThenGetsItsLocksAndThenItsSeed)
 {
@@ -80,7 +77,8 @@ TEST_F(OpenSslDeathTest, IsCleanedUpBetweenItsLocksAndTheDatabase)
     EXPECT_IN_FRESH_PROCESS({
         s_records = true;
         CAgentApp::TerminationCleanup();
-        EXPECT_THAT(FakeCore::Journal(), ElementsAre("OpenSSLThreadShutdown()", "CONF_modules_unload 1", "ShutdownSQLite()"));
+        EXPECT_THAT(FakeCore::Journal(),
+                    ElementsAre("OpenSSLThreadShutdown()", "CONF_modules_unload 1", "ShutdownSQLite()"));
     });
 }
 

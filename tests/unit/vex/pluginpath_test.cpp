@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 namespace {
-
 struct Case
 {
     const char* path;
@@ -17,8 +16,7 @@ std::ostream& operator<<(std::ostream& out, const Case& c)
 }
 
 class PathTemplate : public testing::TestWithParam<Case>
-{
-};
+{};
 
 TEST_P(PathTemplate, Expands)
 {

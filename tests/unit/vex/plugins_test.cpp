@@ -16,7 +16,6 @@ using testing::IsEmpty;
 using testing::StartsWith;
 
 namespace {
-
 namespace fs = std::filesystem;
 
 const char s_feature[] = "Agent-Feature-Solaris_11-10.0.0-4015.x86_64";
@@ -76,7 +75,8 @@ TEST_F(Plugins, PackageIsUnpackedRenamedAndReportedInTheFixedOrder)
                             "Unzip.Entry(\"y.so\") -> true",
                             "Trace(\"Appl\", \"InstallNewPlugins\", \"Successfully extracted files for plugin '"
                                 + std::string(s_feature) + "'. Deleting '" + path + "'\")",
-                            "Event.SetAttributeNull(3, false)", "Event.ToSeverity(5)", "Event.SetAttributeNull(4, false)",
+                            "Event.SetAttributeNull(3, false)", "Event.ToSeverity(5)",
+                            "Event.SetAttributeNull(4, false)",
                             Event(5101, 5, "Feature|" + std::string(s_feature) + "|" + path), s_heartbeat));
     EXPECT_FALSE(Has(name));
     EXPECT_TRUE(Has(name + ".done"));
@@ -112,14 +112,13 @@ TEST_F(Plugins, PackageOfAnotherVersionIsRefusedAndFoundAgain)
     const std::string base = "Agent-Feature-Solaris_11-10.0.1-4015.x86_64";
     Put(base + ".vxp");
     for (int run = 0; run < 2; ++run) {
-        EXPECT_THAT(Install(),
-                    ElementsAre(s_reading, "Event.SetAttributeNull(0, false)", "TimeNowMillis()",
-                                "Event.SetAttributeNull(1, false)", "Event.SetAttributeNull(2, false)",
-                                "Log(Warning, \"Plugin file '" + Path(base + ".vxp")
-                                    + "' does not match VEX core version, not installing\")",
-                                "Event.SetAttributeNull(3, false)", "Event.ToSeverity(2)",
-                                "Event.SetAttributeNull(4, false)",
-                                Event(5102, 2, "Feature|" + base + "|" + Path(base + ".vxp")), s_heartbeat));
+        EXPECT_THAT(Install(), ElementsAre(s_reading, "Event.SetAttributeNull(0, false)", "TimeNowMillis()",
+                                           "Event.SetAttributeNull(1, false)", "Event.SetAttributeNull(2, false)",
+                                           "Log(Warning, \"Plugin file '" + Path(base + ".vxp")
+                                               + "' does not match VEX core version, not installing\")",
+                                           "Event.SetAttributeNull(3, false)", "Event.ToSeverity(2)",
+                                           "Event.SetAttributeNull(4, false)",
+                                           Event(5102, 2, "Feature|" + base + "|" + Path(base + ".vxp")), s_heartbeat));
         EXPECT_TRUE(Has(base + ".vxp"));
         EXPECT_FALSE(Has(base + ".vxp.done"));
     }
@@ -136,9 +135,8 @@ TEST_F(Plugins, VersionIsCheckedBeforeReadability)
 {
     fs::create_symlink("nowhere", Path("a-b-c-1.0.0-1.m.vxp"));
     Install();
-    EXPECT_EQ(FakeCore::Journal({"Log("}),
-              Lines{"Log(Warning, \"Plugin file '" + Path("a-b-c-1.0.0-1.m.vxp")
-                    + "' does not match VEX core version, not installing\")"});
+    EXPECT_EQ(FakeCore::Journal({"Log("}), Lines{"Log(Warning, \"Plugin file '" + Path("a-b-c-1.0.0-1.m.vxp")
+                                                 + "' does not match VEX core version, not installing\")"});
 }
 
 TEST_F(Plugins, UnreadablePackageIsReportedAndTheNextIsInstalled)
@@ -301,7 +299,8 @@ TEST_F(Plugins, MarkerRemovesItsFilesThenItselfAndIsReportedInTheFixedOrder)
                             "Unzip.Entry(\"b/y.so\") -> false",
                             "Trace(\"Appl\", \"UninstallOldPlugins\", \"Successfully removed files for plugin '"
                                 + std::string(s_feature) + "'. Deleting '" + path + "'\")",
-                            "Event.SetAttributeNull(3, false)", "Event.ToSeverity(5)", "Event.SetAttributeNull(4, false)",
+                            "Event.SetAttributeNull(3, false)", "Event.ToSeverity(5)",
+                            "Event.SetAttributeNull(4, false)",
                             Event(5105, 5, "Feature|" + std::string(s_feature) + "|" + path), s_heartbeat));
     EXPECT_FALSE(Has("a/x.lua"));
     EXPECT_FALSE(Has("b/y.so"));
@@ -382,8 +381,8 @@ TEST_F(Plugins, MarkerThatCannotBeDeletedIsOneLineAndASuccessAllTheSame)
     EXPECT_THAT(Uninstall(), Contains(Event(5105, 5, "x|x|" + Path("x.vxu"))));
     const Lines log = FakeCore::Journal({"Log("});
     ASSERT_EQ(log.size(), 1u);
-    EXPECT_THAT(log[0],
-                StartsWith("Log(Error, \"Unable to delete " + Path("x.vxu") + " (error " + std::to_string(ENOENT) + ":"));
+    EXPECT_THAT(log[0], StartsWith("Log(Error, \"Unable to delete " + Path("x.vxu") + " (error "
+                                   + std::to_string(ENOENT) + ":"));
 }
 
 TEST_F(Plugins, RemovalCallbackAnswersNoButYesToANullEntryAndNoToNobody)

@@ -23,7 +23,6 @@ using VexOs::ELock;
 using VexOs::System;
 
 namespace {
-
 // Runs `body` in a process of its own and returns its result (0 to 255).
 int InChild(const std::function<int()>& body)
 {
@@ -36,15 +35,15 @@ int InChild(const std::function<int()>& body)
     return WEXITSTATUS(status);
 }
 
-class CPipe
+class Pipe
 {
 public:
-    CPipe()
+    Pipe()
     {
         if (::pipe(m_ends) != 0)
             throw std::runtime_error("pipe");
     }
-    ~CPipe()
+    ~Pipe()
     {
         CloseEnd(0);
         CloseEnd(1);
@@ -89,7 +88,7 @@ TEST(ProcessSystem, TheInstanceLockSurvivesTheForksOfTheDetach)
 {
     ::Test::TempFolder folder;
     const std::string path = folder / "a.pid.lock";
-    CPipe go;
+    Pipe go;
     const pid_t holder = ::fork();
     if (holder == 0) {
         go.CloseEnd(1);
@@ -120,7 +119,7 @@ TEST(ProcessSystem, TheInstanceLockIsGivenUpForTheProcessesOfTheDetachToo)
     EXPECT_EQ(InChild([&] {
                   if (System().TakeInstanceLock(path.c_str()) != ELock::Taken)
                       return 1;
-                  CPipe go;
+                  Pipe go;
                   const pid_t lingering = System().Fork();
                   if (lingering == 0) {
                       go.CloseEnd(1);
@@ -166,8 +165,8 @@ TEST(ProcessSystem, AWorkerHoldsItsLockFromItsFirstMomentToItsEndAndLeavesTheIns
     EXPECT_EQ(InChild([&] {
                   if (System().TakeInstanceLock(path.c_str()) != ELock::Taken || System().FindOtherWorker() != 0)
                       return 1;
-                  CPipe ready;
-                  CPipe go;
+                  Pipe ready;
+                  Pipe go;
                   const pid_t worker = System().ForkWorker();
                   if (worker == 0) {
                       go.CloseEnd(1);
@@ -195,11 +194,11 @@ TEST(ProcessSystem, AWorkerHoldsItsLockFromItsFirstMomentToItsEndAndLeavesTheIns
 
 TEST(ProcessSystem, AWorkerWhoseSupervisorEndsGetsASigterm)
 {
-    CPipe told;
+    Pipe told;
     const pid_t supervisor = ::fork();
     if (supervisor == 0) {
         System().ResetSignals(); // SIGTERM stays blocked and pending, as in a working child
-        CPipe ready;
+        Pipe ready;
         if (System().ForkWorker() == 0) {
             ready.Write('r');
             sigset_t term;
@@ -228,8 +227,8 @@ TEST(ProcessSystem, AWorkerWhoseSupervisorIsGoneAlreadyIsToldSo)
 
 TEST(ProcessSystem, TheFirstChildWaitsForTheEndOfTheStartingProcess)
 {
-    CPipe go;
-    CPipe told;
+    Pipe go;
+    Pipe told;
     const pid_t starter = ::fork();
     if (starter == 0) {
         if (System().ForkFirstChild() == 0) {
@@ -259,8 +258,8 @@ TEST(ProcessSystem, APendingSigtermIsPassedOnUnlessItCameFromThere)
     for (const EPending pending : {Nothing, FromElsewhere, FromTheNext})
         EXPECT_EQ(InChild([pending] {
                       System().ResetSignals();
-                      CPipe go;
-                      CPipe ready;
+                      Pipe go;
+                      Pipe ready;
                       const pid_t self = ::getpid();
                       const pid_t next = System().Fork();
                       if (next == 0) {
@@ -402,7 +401,7 @@ TEST(ProcessSystem, ThreadsAreCounted)
 {
     const int before = System().ThreadCount();
     EXPECT_GE(before, 1);
-    CPipe go;
+    Pipe go;
     std::thread other([&go] { go.Read(); });
     EXPECT_EQ(System().ThreadCount(), before + 1);
     go.CloseEnd(1);

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 namespace {
-
 constexpr std::int64_t Day = 1700000000; // an ordinary time
 
 // A wait status as the system makes it.
@@ -28,12 +27,12 @@ int Killed(int signal, bool core = false)
 
 TEST(RestartHistory, NothingCountsBeforeTheFirstStart)
 {
-    EXPECT_EQ(CRestartHistory().CountRecent(Day), 0);
+    EXPECT_EQ(RestartHistory().CountRecent(Day), 0);
 }
 
 TEST(RestartHistory, EachStartWithinTheSpanCounts)
 {
-    CRestartHistory history;
+    RestartHistory history;
     for (int i = 0; i < RestartLimit; ++i) {
         EXPECT_EQ(history.CountRecent(Day + i), i);
         history.NoteStart(Day + i);
@@ -44,7 +43,7 @@ TEST(RestartHistory, EachStartWithinTheSpanCounts)
 
 TEST(RestartHistory, AStartCountsUntilTheSpanIsOver)
 {
-    CRestartHistory history;
+    RestartHistory history;
     history.NoteStart(Day);
     history.Advance();
     EXPECT_EQ(history.CountRecent(Day + 511), 1);
@@ -53,7 +52,7 @@ TEST(RestartHistory, AStartCountsUntilTheSpanIsOver)
 
 TEST(RestartHistory, ANoteIsReplacedUntilItIsAdvanced)
 {
-    CRestartHistory history;
+    RestartHistory history;
     history.NoteStart(Day);
     history.NoteStart(Day + 1);
     EXPECT_EQ(history.CountRecent(Day + 2), 1);
@@ -61,7 +60,7 @@ TEST(RestartHistory, ANoteIsReplacedUntilItIsAdvanced)
 
 TEST(RestartHistory, TheNinthStartOverwritesTheFirst)
 {
-    CRestartHistory history;
+    RestartHistory history;
     for (int i = 0; i < RestartLimit; ++i) {
         history.NoteStart(Day);
         history.Advance();
@@ -73,7 +72,7 @@ TEST(RestartHistory, TheNinthStartOverwritesTheFirst)
 
 TEST(RestartHistory, AClockSetBackKeepsTheStartsThatNowLieAhead)
 {
-    CRestartHistory history;
+    RestartHistory history;
     history.NoteStart(Day);
     history.Advance();
     EXPECT_EQ(history.CountRecent(Day - 100000), 1);
@@ -81,13 +80,13 @@ TEST(RestartHistory, AClockSetBackKeepsTheStartsThatNowLieAhead)
 
 TEST(RestartHistory, TheLastSecondBeforeTheBoundLeavesThirtyTwoBitsIsStillOrdinary)
 {
-    EXPECT_EQ(CRestartHistory().CountRecent(std::int64_t(INT32_MAX) + RestartSpanSeconds), 0);
+    EXPECT_EQ(RestartHistory().CountRecent(std::int64_t(INT32_MAX) + RestartSpanSeconds), 0);
 }
 
 TEST(RestartHistory, BeyondThirtyTwoBitsEvenEmptyEntriesCount)
 {
     // Kept on purpose: the bound wraps to a negative number.
-    EXPECT_EQ(CRestartHistory().CountRecent(std::int64_t(INT32_MAX) + RestartSpanSeconds + 1), RestartLimit);
+    EXPECT_EQ(RestartHistory().CountRecent(std::int64_t(INT32_MAX) + RestartSpanSeconds + 1), RestartLimit);
 }
 
 TEST(RestartDelay, DoublesWithEachRecentStart)
@@ -99,7 +98,7 @@ TEST(RestartDelay, DoublesWithEachRecentStart)
 
 TEST(Restart, AChildThatDiesAtOnceIsStartedEightTimesWithinTwoMinutesAndThenNoMore)
 {
-    CRestartHistory history;
+    RestartHistory history;
     std::int64_t clock = Day;
     std::vector<std::int64_t> starts;
     while (history.CountRecent(clock) < RestartLimit) {
@@ -120,7 +119,7 @@ TEST(Restart, AMillionChildLivesNeverMakeMoreThanEightStartsInAnySpan)
     int refused = 0;
     int lives = 0;
     while (lives < 1000000) {
-        CRestartHistory history;
+        RestartHistory history;
         std::int64_t clock = Day + static_cast<std::int64_t>(random() % 100000);
         std::deque<std::int64_t> starts; // when the children really began
         std::int64_t kind = 0;
@@ -150,8 +149,7 @@ TEST(Restart, AMillionChildLivesNeverMakeMoreThanEightStartsInAnySpan)
 // --- the end of a child
 
 namespace {
-
-struct CRow
+struct Row
 {
     const char* what;
     int status;
@@ -176,18 +174,17 @@ std::string ExitText(int code)
 std::string SignalText(const char* verb, int status, int signal, const char* name)
 {
     return std::string("Child process ") + verb + " with status " + Number(status) + " (signal " + Number(signal) + ": "
-        + name + ")";
+           + name + ")";
 }
 
-class ChildEnd : public testing::TestWithParam<CRow>
-{
-};
+class ChildEnd : public testing::TestWithParam<Row>
+{};
 
-std::vector<CRow> Rows()
+std::vector<Row> Rows()
 {
     constexpr EAfterChild Return = EAfterChild::Return;
     constexpr EAfterChild Restart = EAfterChild::Restart;
-    std::vector<CRow> rows = {
+    std::vector<Row> rows = {
         {"ExitZeroEndsTheSupervisor", Exited(0), "n", false, wxLOG_Info, ExitText(0), Return, 0},
         {"ExitOneIsHandedOn", Exited(1), "n", false, wxLOG_Info, ExitText(1), Return, 1},
         {"Exit255IsHandedOn", Exited(255), "n", false, wxLOG_Info, ExitText(255), Return, 255},
@@ -196,7 +193,8 @@ std::vector<CRow> Rows()
         {"ExitThreeWhileStoppingStopsTheDriverAndEndsWithZero", Exited(3), "n", true, wxLOG_Info, ExitText(3),
          EAfterChild::StopDriverAndReturn, 0},
         {"ExitCodeWhileStoppingIsHandedOn", Exited(7), "n", true, wxLOG_Info, ExitText(7), Return, 7},
-        {"TermEndsWithZero", Killed(SIGTERM), "T", false, wxLOG_Info, SignalText("exited", SIGTERM, SIGTERM, "T"), Return, 0},
+        {"TermEndsWithZero", Killed(SIGTERM), "T", false, wxLOG_Info, SignalText("exited", SIGTERM, SIGTERM, "T"),
+         Return, 0},
         {"TermWithCoreEndsWithZero", Killed(SIGTERM, true), "T", false, wxLOG_Info,
          SignalText("exited", Killed(SIGTERM, true), SIGTERM, "T"), Return, 0},
         {"KillIsAPlainExitAndRestarts", Killed(SIGKILL), "Killed", false, wxLOG_Info,
@@ -207,11 +205,12 @@ std::vector<CRow> Rows()
          SignalText("crashed", Killed(SIGSEGV, true), SIGSEGV, "S"), Return, 0},
         {"ASignalWithoutAName", Killed(SIGUSR1), nullptr, false, wxLOG_Info,
          SignalText("exited", SIGUSR1, SIGUSR1, "Unknown Signal"), Restart, 0},
-        {"BothBytesSetIsAnotherStatus", 0x137f, "n", false, wxLOG_Info, "Child process exited with status 4991", Restart, 0},
+        {"BothBytesSetIsAnotherStatus", 0x137f, "n", false, wxLOG_Info, "Child process exited with status 4991",
+         Restart, 0},
         {"BothBytesSetWithTermsNumberIsNoTerm", (1 << 8) | SIGTERM, "n", false, wxLOG_Info,
          "Child process exited with status " + Number((1 << 8) | SIGTERM), Restart, 0},
-        {"BothBytesSetWhileStoppingEndsWithZero", 0x137f, "n", true, wxLOG_Info, "Child process exited with status 4991",
-         Return, 0},
+        {"BothBytesSetWhileStoppingEndsWithZero", 0x137f, "n", true, wxLOG_Info,
+         "Child process exited with status 4991", Return, 0},
     };
     const struct
     {
@@ -219,8 +218,8 @@ std::vector<CRow> Rows()
         int signal;
         bool crash;
     } signals[] = {
-        {"Ill", SIGILL, true},   {"Trap", SIGTRAP, true}, {"Abrt", SIGABRT, true}, {"Segv", SIGSEGV, true},
-        {"Fpe", SIGFPE, false},  {"Bus", SIGBUS, false},  {"Hup", SIGHUP, false},  {"Int", SIGINT, false},
+        {"Ill", SIGILL, true},    {"Trap", SIGTRAP, true},  {"Abrt", SIGABRT, true}, {"Segv", SIGSEGV, true},
+        {"Fpe", SIGFPE, false},   {"Bus", SIGBUS, false},   {"Hup", SIGHUP, false},  {"Int", SIGINT, false},
         {"Quit", SIGQUIT, false}, {"Pipe", SIGPIPE, false},
 #ifdef SIGEMT
         {"Emt", SIGEMT, false},
@@ -228,9 +227,10 @@ std::vector<CRow> Rows()
     };
     for (const auto& item : signals)
         for (const bool core : {false, true})
-            rows.push_back({item.name, Killed(item.signal, core), "name", false, item.crash ? wxLOG_Error : wxLOG_Info,
-                            SignalText(item.crash ? "crashed" : "exited", Killed(item.signal, core), item.signal, "name"),
-                            Restart, 0});
+            rows.push_back(
+                {item.name, Killed(item.signal, core), "name", false, item.crash ? wxLOG_Error : wxLOG_Info,
+                 SignalText(item.crash ? "crashed" : "exited", Killed(item.signal, core), item.signal, "name"), Restart,
+                 0});
     return rows;
 }
 
@@ -238,22 +238,22 @@ std::vector<CRow> Rows()
 
 TEST_P(ChildEnd, IsReportedAndActedOn)
 {
-    const CRow& row = GetParam();
-    const CChildEnd end = JudgeChildEnd(row.status, row.name, row.stopping);
+    const Row& row = GetParam();
+    const ChildEnd end = JudgeChildEnd(row.status, row.name, row.stopping);
     EXPECT_EQ(end.message.utf8_string(), row.message);
     EXPECT_EQ(end.level, row.level);
     EXPECT_EQ(end.action, row.action);
     EXPECT_EQ(end.status, row.code);
 }
 
-INSTANTIATE_TEST_SUITE_P(Row, ChildEnd, testing::ValuesIn(Rows()), [](const testing::TestParamInfo<CRow>& parameter) {
+INSTANTIATE_TEST_SUITE_P(Row, ChildEnd, testing::ValuesIn(Rows()), [](const testing::TestParamInfo<Row>& parameter) {
     return std::string(parameter.param.what) + "_" + std::to_string(parameter.index);
 });
 
 TEST(ChildExit, EveryExitCodeIsReportedAndHandedOnButThree)
 {
     for (int code = 0; code < 256; ++code) {
-        const CChildEnd end = JudgeChildEnd(Exited(code), nullptr, false);
+        const ChildEnd end = JudgeChildEnd(Exited(code), nullptr, false);
         EXPECT_EQ(end.message.utf8_string(), ExitText(code));
         EXPECT_EQ(end.status, code == 3 ? 0 : code);
     }

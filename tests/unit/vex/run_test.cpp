@@ -28,7 +28,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
-using Access = CAgentAppTestAccess;
+using Access = AgentAppTestAccess;
 using FakeCore::answers;
 using FakeCore::Count;
 using FakeCore::Journal;
@@ -37,16 +37,15 @@ using testing::ElementsAreArray;
 using testing::HasSubstr;
 
 namespace {
-
 int s_sigwaitError = 0; // what sigwait answers at once, when it is not 0
 std::atomic<bool> s_recordsSignals{false}; // the three calls below go to the journal
 
 // While it lives, calls that change what becomes of a signal are written down between those to the core library.
-class CSignalRecording
+class SignalRecording
 {
 public:
-    CSignalRecording() { s_recordsSignals = true; }
-    ~CSignalRecording() { s_recordsSignals = false; }
+    SignalRecording() { s_recordsSignals = true; }
+    ~SignalRecording() { s_recordsSignals = false; }
 };
 
 std::string Members(const sigset_t& set)
@@ -96,28 +95,29 @@ extern "C" __attribute__((visibility("default"))) int sigwait(const sigset_t* se
 }
 
 namespace {
-
 using Lines = std::vector<std::string>;
 
-const char* const InitSnippet = "Lua.RunScript(\"if type(vexAppModule.init) == 'function' then return vexAppModule.init(); "
-                                "else return 0; end;\", 0, 1, \"vx_agent\", out)";
-const char* const MainSnippet = "Lua.RunScript(\"if type(vexAppModule.main) == 'function' then return vexAppModule.main(); "
-                                "else return 0; end;\", 0, 1, \"vx_agent\", out)";
+const char* const InitSnippet =
+    "Lua.RunScript(\"if type(vexAppModule.init) == 'function' then return vexAppModule.init(); "
+    "else return 0; end;\", 0, 1, \"vx_agent\", out)";
+const char* const MainSnippet =
+    "Lua.RunScript(\"if type(vexAppModule.main) == 'function' then return vexAppModule.main(); "
+    "else return 0; end;\", 0, 1, \"vx_agent\", out)";
 const char* const ShutdownSnippet = "Lua.RunScript(\"if type(vexAppModule.shutdown) == 'function' then return "
                                     "vexAppModule.shutdown(); else return 0; end;\", 0, 1, \"vx_agent\", out)";
 const char* const RequireSnippet = "Lua.RunScript(\"vexAppModule = require([[vx_agent]]);\", 0, 1, \"vx_agent\", out)";
 
 // Puts the process's mask and dispositions back.
-class CSignalGuard
+class SignalGuard
 {
 public:
-    CSignalGuard()
+    SignalGuard()
     {
         ::pthread_sigmask(SIG_SETMASK, nullptr, &m_mask);
         for (int signal = 1; signal < 65; ++signal)
             ::sigaction(signal, nullptr, &m_actions[signal]);
     }
-    ~CSignalGuard()
+    ~SignalGuard()
     {
         for (int signal = 1; signal < 65; ++signal)
             ::sigaction(signal, &m_actions[signal], nullptr);
@@ -169,14 +169,14 @@ protected:
     {
         try {
             App().RunScriptThread();
-        } catch (const CEnded& ended) {
+        } catch (const Ended& ended) {
             return ended.status;
         }
     }
 
     std::string m_module = "return {}";
-    CSignalGuard m_signals;
-    CFakeSystem m_system;
+    SignalGuard m_signals;
+    FakeSystem m_system;
     std::unique_ptr<AgentApp> m_app;
 };
 
@@ -198,7 +198,7 @@ Lines SetupLines()
 
 } // namespace
 
-// ---------------------------------------------------------------------------------------------------- the sequence
+// --- the sequence
 
 TEST_F(Run, TheForegroundCallsInitMainAndShutdownInThisOrder)
 {
@@ -217,7 +217,8 @@ TEST_F(Run, PreparesTheInterpreterAfterTheArchivePathAndBeforeTheModule)
     all.erase(std::remove_if(all.begin(), all.end(),
                              [](const std::string& line) { return line.find("\"Run") != std::string::npos; }),
               all.end());
-    const auto path = std::find(all.begin(), all.end(), "Trace(\"Appl\", \"ExpandZippath\", \"app.lua.zippath empty \")");
+    const auto path =
+        std::find(all.begin(), all.end(), "Trace(\"Appl\", \"ExpandZippath\", \"app.lua.zippath empty \")");
     ASSERT_NE(path, all.end());
     const auto made = std::find(all.begin(), all.end(), SetupLines().front());
     EXPECT_LT(path, made);
@@ -321,7 +322,7 @@ TEST_F(Run, FailedUnitTestsSkipShutdown)
     ::alarm(0);
 }
 
-// ------------------------------------------------------------------------------------------------------ background
+// --- background
 
 TEST_F(Run, TheBackgroundWaitsForATermAndThenCallsShutdown)
 {
@@ -333,7 +334,7 @@ TEST_F(Run, TheBackgroundWaitsForATermAndThenCallsShutdown)
     ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
     ::pthread_kill(::pthread_self(), SIGTERM); // pending since before `main`, as a stop during `init` would be
     {
-        const CSignalRecording recording;
+        const SignalRecording recording;
         EXPECT_EQ(App().OnRunScript(), 4);
     }
     const Lines all = Journal();
@@ -354,7 +355,8 @@ TEST_F(Run, AFailedWaitIsAnErrorLineAndShutdownIsCalledAllTheSame)
     EXPECT_EQ(App().OnRunScript(), 4);
     s_sigwaitError = 0;
     ASSERT_EQ(Journal({"Log("}).size(), 1u);
-    EXPECT_THAT(Journal({"Log("})[0], testing::StartsWith("Log(Error, \"sigwait (error " + std::to_string(EINVAL) + ": "));
+    EXPECT_THAT(Journal({"Log("})[0],
+                testing::StartsWith("Log(Error, \"sigwait (error " + std::to_string(EINVAL) + ": "));
     EXPECT_FALSE(IsBlocked(SIGTERM));
 }
 
@@ -392,7 +394,7 @@ TEST_F(Run, TheBackgroundNeverRunsUnitTests)
     EXPECT_EQ(Count(MainSnippet), 1u);
 }
 
-// -------------------------------------------------------------------------------------------------------- signals
+// --- signals
 
 TEST_F(Run, SetsTheDispositionsOfTheTable)
 {
@@ -427,7 +429,7 @@ TEST_F(Run, SetsTheDispositionsOfTheTable)
 TEST_F(Run, SetsTheDispositionsInTheirOrderBetweenTheArchivePathAndTheInterpreter)
 {
     {
-        const CSignalRecording recording;
+        const SignalRecording recording;
         ASSERT_EQ(App().RunAppInit(), 0);
     }
     const auto line = [](int signal, const char* what) { return "sigaction " + std::to_string(signal) + what; };
@@ -454,7 +456,7 @@ TEST(SignalHandlerDeathTest, TermAndIntEndTheProcessAtOnceWithZero)
     EXPECT_EXIT(VexSignalHandler(SIGINT), testing::ExitedWithCode(0), "");
 }
 
-// ------------------------------------------------------------------------------------------------------- hand-back
+// --- hand-back
 
 TEST_F(Run, HandsTheStatusBackToTheMainThreadOfTheDefaultApplication)
 {
@@ -468,7 +470,6 @@ TEST_F(Run, HandsTheStatusBackToTheMainThreadOfTheDefaultApplication)
 }
 
 namespace {
-
 // The clean-up works once a process, so these look at a process of their own. It prints the lines and ends well.
 [[noreturn]] void PrintAndEnd(const Lines& prefixes)
 {
@@ -544,7 +545,7 @@ TEST_F(Run, BlocksIntAndTermBeforeThereIsAScriptThread)
 {
     Access::DefaultName(App()) = true;
     {
-        const CSignalRecording recording;
+        const SignalRecording recording;
         EXPECT_EQ(RunToEnd(), 0);
     }
     const Lines lines = Journal({"block", "Runnable("});
@@ -577,8 +578,8 @@ TEST_F(Run, AThreadThatCannotBeStartedEndsTheRunWithMinusOne)
     answers().threads = FakeCore::EThreads::CannotStart;
     EXPECT_EQ(RunToEnd(), -1);
     EXPECT_THAT(Journal({"Runnable.", "Exit"}),
-                ElementsAre("Runnable.SetDom(dom)", "Runnable.start(50, true, 0) CScriptThread", "Runnable.requestExit()",
-                            "Runnable.join()", "Exit(-1)"));
+                ElementsAre("Runnable.SetDom(dom)", "Runnable.start(50, true, 0) CScriptThread",
+                            "Runnable.requestExit()", "Runnable.join()", "Exit(-1)"));
 }
 
 TEST_F(Run, AnExceptionOnTheScriptThreadIsReportedAndEndsTheRunWithMinusOne)
@@ -603,12 +604,11 @@ TEST_F(Run, AnExceptionOnTheScriptThreadIsSilentWhenNothingIsTraced)
 }
 
 namespace {
-
 // Ends the main loop once the script thread has ended the process, as far as the fake core lets it.
-class CLoopEnder : public wxTimer
+class LoopEnder : public wxTimer
 {
 public:
-    CLoopEnder() { Start(2); }
+    LoopEnder() { Start(2); }
     void Notify() override
     {
         if (!Journal({"ExitProcessFromThread"}).empty())
@@ -624,7 +624,7 @@ TEST_F(Run, AnotherApplicationInTheForegroundEndsTheProcessFromItsThread)
     m_module = "return { init = function() return 5 end }";
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     const auto run = [this] {
-        CLoopEnder ender;
+        LoopEnder ender;
         RunToEnd();
         PrintAndEnd({"OpenSSLThreadShutdown", "ShutdownSQLite", "ExitProcessFromThread", "Runnable.requestExit"});
     };
@@ -636,22 +636,21 @@ TEST_F(Run, AnotherApplicationEndsTheProcessWithMinusOneAfterAnException)
 {
     App().SetAppName("other");
     answers().onRunScript = [] { throw 42; };
-    CLoopEnder ender;
+    LoopEnder ender;
     RunToEnd();
     EXPECT_EQ(Count("ExitProcessFromThread(-1)"), 1u);
 }
 
-// --------------------------------------------------------------------------------- an exception in the main loop
+// --- an exception in the main loop
 
 namespace {
-
 std::atomic<bool> s_scriptRuns{false};
 
 // Throws from the main loop once the script runs.
-class CThrower : public wxTimer
+class Thrower : public wxTimer
 {
 public:
-    CThrower()
+    Thrower()
     {
         s_scriptRuns = false;
         Start(1);
@@ -682,7 +681,7 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerLeavesOnceTheScriptThreadHasEnded)
         DefineModule();
         RunUntilTheLoopIsGone();
     };
-    CThrower thrower;
+    Thrower thrower;
     EXPECT_THROW(App().RunScriptThread(), std::runtime_error);
     EXPECT_THAT(Journal({"Runnable.requestExit", "Runnable.join", "~Runnable", "Exit"}),
                 ElementsAre("Runnable.requestExit()", "Runnable.join()", "~Runnable()"));
@@ -695,7 +694,7 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerIsNotOvertakenByAScriptThreadThatEndsP
         DefineModule();
         RunUntilTheLoopIsGone();
     };
-    CThrower thrower;
+    Thrower thrower;
     EXPECT_THROW(App().RunScriptThread(), std::runtime_error);
     EXPECT_THAT(Journal({"Runnable.requestExit", "Runnable.join", "~Runnable", "Exit"}),
                 ElementsAre("Runnable.requestExit()", "Runnable.join()", "~Runnable()"));
@@ -713,9 +712,10 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerEndsTheProcessAtOnceWhenTheScriptThrea
         RunUntilTheLoopIsGone();
         std::thread([] { wxLogWarning("queued by a stranger"); }).join();
     };
-    CThrower thrower;
+    Thrower thrower;
     EXPECT_EQ(RunToEnd(), -1);
-    const Lines lines = Journal({"Runnable.requestExit", "Runnable.join", "Log(", "Trace(\"Appl\", \"OnUnhandled", "Exit"});
+    const Lines lines =
+        Journal({"Runnable.requestExit", "Runnable.join", "Log(", "Trace(\"Appl\", \"OnUnhandled", "Exit"});
     ASSERT_EQ(lines.size(), 7u);
     EXPECT_EQ(lines[0], "Runnable.requestExit()");
     EXPECT_EQ(lines[1], "Runnable.join()");
@@ -725,13 +725,13 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerEndsTheProcessAtOnceWhenTheScriptThrea
     EXPECT_EQ(lines[6], "ExitNow(-1)");
 }
 
-// ------------------------------------------------------------------------------------------------------------ OnRun
+// --- OnRun
 
 TEST_F(Run, TheForegroundRaisesTheLogLevel)
 {
     Access::DefaultName(App()) = true;
     wxLog::SetLogLevel(wxLOG_Info);
-    EXPECT_THROW(App().OnRun(), CEnded);
+    EXPECT_THROW(App().OnRun(), Ended);
     EXPECT_EQ(wxLog::GetLogLevel(), wxLogLevel(wxLOG_Max));
     EXPECT_TRUE(Journal({"ReadPidFile", "Fork", "TakeInstanceLock"}).empty());
 }
@@ -742,7 +742,7 @@ TEST_F(Run, TheBackgroundChildKeepsTheLogLevelAndRunsTheScript)
     wxLog::SetLogLevel(wxLOG_Info);
     m_system.forks = {0, 0, 0};
     m_module = "return { init = function() return 8 end }";
-    EXPECT_THROW(App().OnRun(), CEnded);
+    EXPECT_THROW(App().OnRun(), Ended);
     EXPECT_EQ(wxLog::GetLogLevel(), wxLogLevel(wxLOG_Info));
     EXPECT_EQ(Count("Exit(8)"), 1u);
 }

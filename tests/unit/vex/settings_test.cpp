@@ -16,7 +16,6 @@ using testing::IsEmpty;
 using testing::Not;
 
 namespace {
-
 const char s_defaultTraces[] = "Appl,Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils";
 
 bool IsPrivileged()
@@ -66,7 +65,8 @@ protected:
     // Writes to the domain and what is done beside them, without the installation paths that come before.
     Lines Writes()
     {
-        Lines lines = FakeCore::Journal({"Dom.Set", "Dom.GetWxString", "Secure", "InitializeSQLite", "Log(Warning", "Log(Error"});
+        Lines lines =
+            FakeCore::Journal({"Dom.Set", "Dom.GetWxString", "Secure", "InitializeSQLite", "Log(Warning", "Log(Error"});
         lines.erase(lines.begin(), lines.begin() + 4);
         return lines;
     }
@@ -85,19 +85,18 @@ TEST_F(Settings, WithoutOptionsTheDefaultsAreWrittenInTheirOrder)
     ASSERT_TRUE(app->OnInit());
     Lines lines = FakeCore::Journal({"Dom.Set", "Secure", "InitializeSQLite", "Dom.GetWxString"});
     const std::string f = folder.Path();
-    EXPECT_THAT(lines, ElementsAre("Dom.SetWx(\"app.path.bin\", \"" + f + "\")",
-                                   "Dom.SetWx(\"app.path.lib\", \"" + f + "/lib\")",
-                                   "Dom.SetWx(\"app.path.hv\", \"" + f + "\")",
-                                   "Dom.Set(\"app.version\", \"10.0.0.4015\")",
-                                   "Dom.SetWx(\"app.path.exe\", \"" + f + "/vx_agent\")",
-                                   "Dom.SetWx(\"app.name\", \"vx_agent\")",
-                                   "SecureFileOrDirectory(\"" + f + "/work\", false)",
-                                   "Dom.SetWx(\"app.path.work\", \"" + f + "/work\")",
-                                   "Dom.SetWx(\"app.path.ini\", \"" + f + "/" + "work/vx_agent.ini\")",
-                                   "Dom.SetWx(\"app.path.ini.global\", \"/etc/vx_agent.conf\")",
-                                   "Dom.GetWxString(\"app.path.ini\")", "Dom.GetWxString(\"app.path.ini.global\")",
-                                   "Dom.SetWx(\"app.trace+\", \"" + std::string(s_defaultTraces) + "\")",
-                                   "Dom.Set(\"app.fulldump\", false)", "InitializeSQLite(dom)"));
+    EXPECT_THAT(lines,
+                ElementsAre("Dom.SetWx(\"app.path.bin\", \"" + f + "\")",
+                            "Dom.SetWx(\"app.path.lib\", \"" + f + "/lib\")",
+                            "Dom.SetWx(\"app.path.hv\", \"" + f + "\")", "Dom.Set(\"app.version\", \"10.0.0.4015\")",
+                            "Dom.SetWx(\"app.path.exe\", \"" + f + "/vx_agent\")",
+                            "Dom.SetWx(\"app.name\", \"vx_agent\")", "SecureFileOrDirectory(\"" + f + "/work\", false)",
+                            "Dom.SetWx(\"app.path.work\", \"" + f + "/work\")",
+                            "Dom.SetWx(\"app.path.ini\", \"" + f + "/" + "work/vx_agent.ini\")",
+                            "Dom.SetWx(\"app.path.ini.global\", \"/etc/vx_agent.conf\")",
+                            "Dom.GetWxString(\"app.path.ini\")", "Dom.GetWxString(\"app.path.ini.global\")",
+                            "Dom.SetWx(\"app.trace+\", \"" + std::string(s_defaultTraces) + "\")",
+                            "Dom.Set(\"app.fulldump\", false)", "InitializeSQLite(dom)"));
     for (const char* key : {"app.background", "app.plugins", "app.lua.cpath", "app.lua.path", "app.trace",
                             "app.mode.unittest", "app.lua.zippath"})
         EXPECT_FALSE(app.Dom().Has(key)) << key;
@@ -113,23 +112,23 @@ TEST_F(Settings, WithEveryOptionTheyAreWrittenInTheFixedOrder)
 {
     StartWithFile("Trace=One,Two\nDumpLevel=2\nsqlite.config.cache=5\n",
                   // in an order of their own
-                  {"-z", "@.zip;b.zip", "-U", "-u", "*.lua", "-t", "'Appl,Cmd'", "-d", "my.key=a=b", "-l", "l/@/?.lua", "-c",
-                   "c/@.so", "-p", "x,y", "-e", "ext", "-i", "-b", "-a", "other"},
+                  {"-z",  "@.zip;b.zip", "-U",  "-u",        "*.lua", "-t",     "'Appl,Cmd'",
+                   "-d",  "my.key=a=b",  "-l",  "l/@/?.lua", "-c",    "c/@.so", "-p",
+                   "x,y", "-e",          "ext", "-i",        "-b",    "-a",     "other"},
                   "other");
     const std::string& f = Folder();
-    EXPECT_THAT(Writes(), ElementsAre("Dom.SetWx(\"app.path.exe\", \"" + f + "/bin/other\")",
-                                      "Dom.SetWx(\"app.name\", \"other\")", "Dom.Set(\"app.background\", true)",
-                                      "Dom.SetWx(\"app.plugins\", \"x,y\")",
-                                      "Dom.SetWx(\"app.lua.cpath\", \"c/x.so;c/y.so\")",
-                                      "Dom.SetWx(\"app.lua.path\", \"l/x/?.lua;l/y/?.lua\")",
-                                      "Dom.SetWx(\"app.path.work\", \"" + f + "\")",
-                                      "Dom.SetWx(\"app.path.ini\", \"" + f + "/other.ini\")",
-                                      "Dom.SetWx(\"app.path.ini.global\", \"/etc/other.conf\")",
-                                      "Dom.SetWx(\"app.trace\", \"Appl,Cmd\")", "Dom.Set(\"my.key\", \"a=b\")",
-                                      "Dom.Set(\"app.mode.unittest\", true)", "Dom.Set(\"app.mode.unittest\", true)",
-                                      "Dom.GetWxString(\"app.path.ini\")", "Dom.GetWxString(\"app.path.ini.global\")",
-                                      "Dom.SetWx(\"app.trace+\", \"One,Two\")", "Dom.Set(\"app.fulldump\", true)",
-                                      "Dom.SetWx(\"sqlite.config.cache\", 5)", "InitializeSQLite(dom)"));
+    EXPECT_THAT(
+        Writes(),
+        ElementsAre(
+            "Dom.SetWx(\"app.path.exe\", \"" + f + "/bin/other\")", "Dom.SetWx(\"app.name\", \"other\")",
+            "Dom.Set(\"app.background\", true)", "Dom.SetWx(\"app.plugins\", \"x,y\")",
+            "Dom.SetWx(\"app.lua.cpath\", \"c/x.so;c/y.so\")", "Dom.SetWx(\"app.lua.path\", \"l/x/?.lua;l/y/?.lua\")",
+            "Dom.SetWx(\"app.path.work\", \"" + f + "\")", "Dom.SetWx(\"app.path.ini\", \"" + f + "/other.ini\")",
+            "Dom.SetWx(\"app.path.ini.global\", \"/etc/other.conf\")", "Dom.SetWx(\"app.trace\", \"Appl,Cmd\")",
+            "Dom.Set(\"my.key\", \"a=b\")", "Dom.Set(\"app.mode.unittest\", true)",
+            "Dom.Set(\"app.mode.unittest\", true)", "Dom.GetWxString(\"app.path.ini\")",
+            "Dom.GetWxString(\"app.path.ini.global\")", "Dom.SetWx(\"app.trace+\", \"One,Two\")",
+            "Dom.Set(\"app.fulldump\", true)", "Dom.SetWx(\"sqlite.config.cache\", 5)", "InitializeSQLite(dom)"));
     EXPECT_TRUE(Access::Background(App()));
     EXPECT_TRUE(Access::InstallPlugins(App()));
     EXPECT_FALSE(Access::DefaultName(App()));
@@ -280,7 +279,8 @@ TEST_F(Settings, WorkingFolderThatCannotBeMadeIsNotReportedHere)
 {
     const TempFolder folder;
     WriteFile(folder / "file", "x");
-    for (const std::string& path : {folder / "file", folder / "file/below", folder / "file/below/deeper", std::string("/proc/nothing/w")}) {
+    for (const std::string& path :
+         {folder / "file", folder / "file/below", folder / "file/below/deeper", std::string("/proc/nothing/w")}) {
         Start({"-w", path});
         EXPECT_EQ(Get("app.path.work"), path);
         EXPECT_EQ(FakeCore::Journal({"Secure"}), Lines{"SecureFileOrDirectory(\"" + path + "\", false)"});
@@ -303,7 +303,7 @@ TEST_F(Settings, WorkingFolderIsExpandedAndNormalized)
 TEST_F(Settings, ATildeAtTheBeginningIsTheHomeFolder)
 {
     const TempFolder folder;
-    const CHome home(folder.Path());
+    const Home home(folder.Path());
     AgentApp app({"~/bin/vx_agent", "-w", "~/w"});
     ASSERT_TRUE(app->OnInit());
     EXPECT_EQ(app.Dom().Get("app.path.bin"), folder / "bin");
@@ -554,8 +554,7 @@ struct Dump
 };
 
 class DumpLevel : public Settings, public testing::WithParamInterface<Dump>
-{
-};
+{};
 
 TEST_P(DumpLevel, IsFullWhenItIsANumberOtherThanZero)
 {
@@ -568,7 +567,8 @@ INSTANTIATE_TEST_SUITE_P(Values, DumpLevel,
                          testing::Values(Dump{"", false}, Dump{"DumpLevel=0\n", false}, Dump{"DumpLevel=2\n", true},
                                          Dump{"DumpLevel=-1\n", true}, Dump{"DumpLevel=abc\n", false},
                                          Dump{"DumpLevel=\n", false}, Dump{"DumpLevel=2x\n", false},
-                                         Dump{"DumpLevel= 1 \n", true}, Dump{"dumplevel=1\n", true}, // the framework does not tell cases apart
+                                         Dump{"DumpLevel= 1 \n", true},
+                                         Dump{"dumplevel=1\n", true}, // the framework does not tell cases apart
 
                                          Dump{"DumpLevel=99999999999999999999999\n", false}));
 
@@ -659,8 +659,9 @@ TEST_F(Settings, AHugeConfigurationFileIsRefusedWithOneLine)
     std::filesystem::resize_file(file, 100u << 20); // a hole
     EXPECT_TRUE(m_started->Init());
     EXPECT_EQ(Get("app.trace+"), s_defaultTraces);
-    EXPECT_EQ(FakeCore::Journal({"Log(Warning", "Log(Error"}),
-              Lines{"Log(Warning, \"Configuration file '" + file + "' is larger than 4194304 bytes and is not read\")"});
+    EXPECT_EQ(
+        FakeCore::Journal({"Log(Warning", "Log(Error"}),
+        Lines{"Log(Warning, \"Configuration file '" + file + "' is larger than 4194304 bytes and is not read\")"});
 }
 
 TEST_F(Settings, AConfigurationFileOfFourMebibytesIsReadAndOneByteMoreIsTooMuch)
@@ -672,7 +673,8 @@ TEST_F(Settings, AConfigurationFileOfFourMebibytesIsReadAndOneByteMoreIsTooMuch)
     EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), IsEmpty());
     StartWithFile(bytes + "x");
     EXPECT_EQ(Get("app.trace+"), s_defaultTraces);
-    EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), ElementsAre(HasSubstr("is larger than 4194304 bytes")));
+    EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}),
+                ElementsAre(HasSubstr("is larger than 4194304 bytes")));
 }
 
 TEST_F(Settings, AConfigurationFileOfAHundredThousandLinesIsReadAndOneMoreIsTooMuch)

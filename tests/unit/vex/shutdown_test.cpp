@@ -9,10 +9,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
-
 class Shutdown : public LauncherTest
-{
-};
+{};
 using ShutdownDeathTest = Shutdown;
 
 // --- exit banner
@@ -33,8 +31,10 @@ TEST_F(Shutdown, AgentSaysHowLongItRan)
     EXPECT_EQ(app->OnExit(), 0);
     const Lines lines = FakeCore::Journal();
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_THAT(lines[0], testing::MatchesRegex(
-                              "Log\\(Info, \"VEX 10\\.0\\.0\\.4015 exiting\\. Run time was 0d 01:02:0[3-9]\\.[0-9][0-9][0-9]\"\\)"));
+    EXPECT_THAT(
+        lines[0],
+        testing::MatchesRegex(
+            "Log\\(Info, \"VEX 10\\.0\\.0\\.4015 exiting\\. Run time was 0d 01:02:0[3-9]\\.[0-9][0-9][0-9]\"\\)"));
 }
 
 TEST_F(Shutdown, OtherApplicationsHaveNoExitBanner)
@@ -96,8 +96,7 @@ TEST_F(Shutdown, DestructorWithoutADomainReleasesNone)
 // --- unhandled exceptions
 
 class Unrelated
-{
-};
+{};
 
 class Derived : public std::runtime_error
 {
@@ -130,8 +129,9 @@ Lines Expected(const std::string& description)
 
 TEST(UnhandledException, OfTheStandardLibraryIsShownWithTypeAndText)
 {
-    EXPECT_EQ(Report(std::runtime_error("boom")), Expected("std::exception of type \"" + std::string(typeid(std::runtime_error).name())
-                                                           + "\", what() = \"boom\""));
+    EXPECT_EQ(Report(std::runtime_error("boom")),
+              Expected("std::exception of type \"" + std::string(typeid(std::runtime_error).name())
+                       + "\", what() = \"boom\""));
     EXPECT_EQ(Report(Derived()),
               Expected("std::exception of type \"" + std::string(typeid(Derived).name()) + "\", what() = \"derived\""));
 }

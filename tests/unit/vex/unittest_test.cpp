@@ -14,14 +14,13 @@
 
 #include <unistd.h>
 
-using Access = CAgentAppTestAccess;
+using Access = AgentAppTestAccess;
 using FakeCore::answers;
 using FakeCore::Count;
 using FakeCore::Journal;
 using testing::HasSubstr;
 
 namespace {
-
 class UnitTestMode : public testing::Test
 {
 protected:
@@ -63,7 +62,7 @@ protected:
 std::string ChunkLine(const std::string& scripts)
 {
     return "Lua.RunScript(\"vexunit = require('tests.vexunit'); return vexunit(\"" + scripts
-        + "\");\", 0, 1, \"tests.vexunit\", out)";
+           + "\");\", 0, 1, \"tests.vexunit\", out)";
 }
 
 } // namespace

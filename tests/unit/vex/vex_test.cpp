@@ -21,12 +21,10 @@ using testing::IsEmpty;
 using testing::Not;
 
 namespace {
-
 bool s_recordsTimeZone = false;
 
 class Start : public LauncherTest
-{
-};
+{};
 using StartDeathTest = Start;
 
 TEST_F(StartDeathTest, ConstructorReadsTheTimeZoneSetsUpOpenSslThreadsAndThenMakesTheRootDomain)
@@ -67,7 +65,7 @@ TEST_F(Start, ConstructorSetsTheDefaultsOfTheLog)
 // Whatever the locale has to say finds the log as it is to be: the defaults come first.
 TEST_F(Start, LocaleThatIsNotInstalledIsALogLineAndTheProcessGoesOn)
 {
-    const CVariable language("LC_ALL", "sw_KE.UTF-8");
+    const Variable language("LC_ALL", "sw_KE.UTF-8");
     const std::string before = std::setlocale(LC_ALL, nullptr);
     if (std::setlocale(LC_ALL, "sw_KE.UTF-8")) {
         std::setlocale(LC_ALL, before.c_str());
@@ -96,10 +94,15 @@ TEST_F(Start, LocaleIsInForceWhileTheApplicationLives)
 TEST_F(Start, MembersStandInTheirOrder)
 {
     AgentApp app;
-    const std::vector<const void*> places = {
-        &Access::InstallPlugins(*app), &Access::DefaultName(*app), &Access::Background(*app),
-        &Access::ExtDir(*app),         &Access::Dom(*app),         &Access::Lua(*app),
-        &Access::StartTime(*app),      &Access::UnitTestScript(*app), &Access::ZipPath(*app)};
+    const std::vector<const void*> places = {&Access::InstallPlugins(*app),
+                                             &Access::DefaultName(*app),
+                                             &Access::Background(*app),
+                                             &Access::ExtDir(*app),
+                                             &Access::Dom(*app),
+                                             &Access::Lua(*app),
+                                             &Access::StartTime(*app),
+                                             &Access::UnitTestScript(*app),
+                                             &Access::ZipPath(*app)};
     EXPECT_TRUE(std::is_sorted(places.begin(), places.end()));
 }
 
@@ -169,8 +172,7 @@ struct Installation
 };
 
 class InstallationPaths : public testing::TestWithParam<Installation>
-{
-};
+{};
 
 TEST_P(InstallationPaths, FollowFromWhereTheExecutableIs)
 {
@@ -190,25 +192,25 @@ TEST_P(InstallationPaths, FollowFromWhereTheExecutableIs)
 
 INSTANTIATE_TEST_SUITE_P(
     Places, InstallationPaths,
-    testing::Values(
-        Installation{"/opt/Halvorn/vx_agent/vx_agent", "/opt/Halvorn/vx_agent", "/opt/Halvorn/vx_agent/lib",
-                     "/opt/Halvorn"},
-        // The parent does not tell of the maker.
-        Installation{"/opt/vx_agent/vx_agent", "/opt/vx_agent", "/opt/vx_agent/lib", "/opt/vx_agent"},
-        // The own folder does not count.
-        Installation{"/opt/Halvorn/vx_agent2", "/opt/Halvorn", "/opt/Halvorn/lib", "/opt/Halvorn"},
-        // Any part of the parent path will do, at any depth.
-        Installation{"/srv/HalvornX/vx_agent/vx_agent", "/srv/HalvornX/vx_agent", "/srv/HalvornX/vx_agent/lib",
-                     "/srv/HalvornX"},
-        Installation{"/Halvorn/a/b/vx_agent", "/Halvorn/a/b", "/Halvorn/a/b/lib", "/Halvorn/a"},
-        Installation{"/srv/halvorn/x/vx_agent", "/srv/halvorn/x", "/srv/halvorn/x/lib", "/srv/halvorn/x"},
-        Installation{"/Halvorn/a/vx_agent", "/Halvorn/a", "/Halvorn/a/lib", "/Halvorn"}, // two folders are enough
-        // One folder or none.
-        Installation{"/Halvorn/vx_agent", "/Halvorn", "/Halvorn/lib", "/Halvorn"},
-        Installation{"/vx_agent", "/", "/lib", "/"},
-        // Dots are resolved, blanks and accents stay.
-        Installation{"/opt/x/../Halvorn/./my \xC3\xA9/vx_agent", "/opt/Halvorn/my \xC3\xA9",
-                     "/opt/Halvorn/my \xC3\xA9/lib", "/opt/Halvorn"}));
+    testing::Values(Installation{"/opt/Halvorn/vx_agent/vx_agent", "/opt/Halvorn/vx_agent", "/opt/Halvorn/vx_agent/lib",
+                                 "/opt/Halvorn"},
+                    // The parent does not tell of the maker.
+                    Installation{"/opt/vx_agent/vx_agent", "/opt/vx_agent", "/opt/vx_agent/lib", "/opt/vx_agent"},
+                    // The own folder does not count.
+                    Installation{"/opt/Halvorn/vx_agent2", "/opt/Halvorn", "/opt/Halvorn/lib", "/opt/Halvorn"},
+                    // Any part of the parent path will do, at any depth.
+                    Installation{"/srv/HalvornX/vx_agent/vx_agent", "/srv/HalvornX/vx_agent",
+                                 "/srv/HalvornX/vx_agent/lib", "/srv/HalvornX"},
+                    Installation{"/Halvorn/a/b/vx_agent", "/Halvorn/a/b", "/Halvorn/a/b/lib", "/Halvorn/a"},
+                    Installation{"/srv/halvorn/x/vx_agent", "/srv/halvorn/x", "/srv/halvorn/x/lib", "/srv/halvorn/x"},
+                    Installation{"/Halvorn/a/vx_agent", "/Halvorn/a", "/Halvorn/a/lib",
+                                 "/Halvorn"}, // two folders are enough
+                    // One folder or none.
+                    Installation{"/Halvorn/vx_agent", "/Halvorn", "/Halvorn/lib", "/Halvorn"},
+                    Installation{"/vx_agent", "/", "/lib", "/"},
+                    // Dots are resolved, blanks and accents stay.
+                    Installation{"/opt/x/../Halvorn/./my \xC3\xA9/vx_agent", "/opt/Halvorn/my \xC3\xA9",
+                                 "/opt/Halvorn/my \xC3\xA9/lib", "/opt/Halvorn"}));
 
 TEST_F(Start, ProgramNameWithoutFolderMeansTheCurrentFolder)
 {
@@ -267,11 +269,10 @@ TEST_F(Start, CrashHandlerComesAfterTheOptionsAndBeforeTheBanner)
     Lines last = FakeCore::Journal();
     ASSERT_GE(last.size(), 5u);
     last.erase(last.begin(), last.end() - 5);
-    EXPECT_THAT(last,
-                ElementsAre("InitializeSQLite(dom)", "Dom.GetPluginWorkdirWx(\"diag\")",
-                            "Dom.Get(\"app.fulldump\", flag)",
-                            "InitCrashHandler(\"/fake/plugins/diag/vx_agent.mdmp\", \"vx_agent\", false)",
-                            "Log(Info, \"VEX 10.0.0.4015 starting.\")"));
+    EXPECT_THAT(last, ElementsAre("InitializeSQLite(dom)", "Dom.GetPluginWorkdirWx(\"diag\")",
+                                  "Dom.Get(\"app.fulldump\", flag)",
+                                  "InitCrashHandler(\"/fake/plugins/diag/vx_agent.mdmp\", \"vx_agent\", false)",
+                                  "Log(Info, \"VEX 10.0.0.4015 starting.\")"));
 }
 
 TEST_F(Start, CrashDumpIsNamedAfterTheApplicationAndFullOnRequest)
@@ -304,8 +305,7 @@ TEST_F(Start, NameOfTheBannerIsComparedExactly)
 }
 
 class StopsEarly : public testing::TestWithParam<const char*>
-{
-};
+{};
 
 TEST_P(StopsEarly, BeforeSettingsCrashHandlerAndBanner)
 {

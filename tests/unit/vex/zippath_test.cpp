@@ -14,7 +14,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
-
 namespace fs = std::filesystem;
 
 // --- splitting
@@ -62,12 +61,13 @@ protected:
         if (log.size() != 1)
             return "refused with " + std::to_string(log.size()) + " lines";
         const std::string file = m_archive + ".version";
-        if (log[0] == "Log(Warning, \"File '" + file + "' does not contain a 'version:' line. Extension '" + m_archive
-                          + "' will not be enabled.\")")
+        if (log[0]
+            == "Log(Warning, \"File '" + file + "' does not contain a 'version:' line. Extension '" + m_archive
+                   + "' will not be enabled.\")")
             return "no line";
-        if (log[0] == "Log(Warning, \"File '" + file
-                          + "' did not contain a properly formatted 'version:' line. Extension '" + m_archive
-                          + "' will not be enabled.\")")
+        if (log[0]
+            == "Log(Warning, \"File '" + file + "' did not contain a properly formatted 'version:' line. Extension '"
+                   + m_archive + "' will not be enabled.\")")
             return "malformed";
         const std::string ignoring = "Log(Warning, \"Ignoring extension '" + m_archive + "' since its version (";
         if (log[0].compare(0, ignoring.size(), ignoring) == 0)
@@ -104,8 +104,8 @@ TEST_F(VersionFile, WithoutFourNumbersIsMalformed)
     for (const char* line :
          {"version:", "version: ", "version: 10", "version: 10.0.0", "version: 10.0.0-", "version: 10.0.0.4015",
           "version: 10.0-0-1", "version: 10 .0.0-1", "version: 10.0.0 -1", "version: 10.0.0-x", "version: x10.0.0-1",
-          "version: 10..0-1", "version: - 10.0.0-1", "version: 10,0,0-1", "version:version: 10.0.0-1", "version: 0xA.0.0-1",
-          "version: 10.0.0-+", "version: ++10.0.0-1"})
+          "version: 10..0-1", "version: - 10.0.0-1", "version: 10,0,0-1", "version:version: 10.0.0-1",
+          "version: 0xA.0.0-1", "version: 10.0.0-+", "version: ++10.0.0-1"})
         EXPECT_EQ(Verdict(line), "malformed") << line;
 }
 
@@ -130,8 +130,8 @@ TEST_F(VersionFile, OnlyTheFirstVersionLineCounts)
 TEST_F(VersionFile, LineMustBeginWithTheWordInSmallLetters)
 {
     for (const char* bytes :
-         {"", "\n", " version: 10.0.0-4015\n", "Version: 10.0.0-4015\n", "version 10.0.0-4015\n", "xversion: 10.0.0-1\n",
-          "versio\nn: 10.0.0-1\n", "# version: 10.0.0-1\n", "10.0.0-4015\n", "version"})
+         {"", "\n", " version: 10.0.0-4015\n", "Version: 10.0.0-4015\n", "version 10.0.0-4015\n",
+          "xversion: 10.0.0-1\n", "versio\nn: 10.0.0-1\n", "# version: 10.0.0-1\n", "10.0.0-4015\n", "version"})
         EXPECT_EQ(Verdict(bytes), "no line") << bytes;
 }
 
@@ -291,10 +291,7 @@ protected:
         EXPECT_EQ(Access::ZipPath(*m_app), "");
         return m_app.Dom().Has("app.lua.zippath") ? m_app.Dom().Get("app.lua.zippath") : "(not written)";
     }
-    static std::string Trace(const std::string& text)
-    {
-        return "Trace(\"Appl\", \"ExpandZippath\", \"" + text + "\")";
-    }
+    static std::string Trace(const std::string& text) { return "Trace(\"Appl\", \"ExpandZippath\", \"" + text + "\")"; }
     static Lines Log() { return FakeCore::Journal({"Log("}); }
 
     static constexpr const char* s_good = "version: 10.0.0-1\n";
@@ -329,7 +326,8 @@ TEST_F(ArchivePath, EverythingTogetherComesInTheFixedOrder)
                             Trace("Adding extension file '" + first + "' to the search path."),
                             Trace("Adding extension file '" + second + "' to the search path."),
                             Trace("Adding extension file '" + extension + "' to the search path."),
-                            "Dom.SetWx(\"app.lua.zippath\", \"" + all + "\")", Trace("app.lua.zippath '" + all + "' ")));
+                            "Dom.SetWx(\"app.lua.zippath\", \"" + all + "\")",
+                            Trace("app.lua.zippath '" + all + "' ")));
 }
 
 TEST_F(ArchivePath, NothingIsTracedWhenTheModuleIsNot)
@@ -537,12 +535,13 @@ TEST_F(ArchivePath, NamedEntryIsFoundExactlyWhenAListingWouldShowIt)
         for (const std::string& line : FakeCore::Journal({"Log(", "Trace(\"Appl\", \"ExpandZippath\", \"Adding"}))
             named.push_back(line);
     }
-    EXPECT_THAT(named, ElementsAre("Log(Warning, \".hidden.zip: no matches\")",
-                                   "Log(Warning, \"Extension file '" + m_folder / "dangling.zip" + "' isn't readable\")",
-                                   Trace("Adding extension file '" + file + "' to the search path."),
-                                   "Log(Warning, \"folder.zip: no matches\")",
-                                   Trace("Adding extension file '" + m_folder / "link.zip" + "' to the search path."),
-                                   "Log(Warning, \"tofolder.zip: no matches\")"));
+    EXPECT_THAT(named,
+                ElementsAre("Log(Warning, \".hidden.zip: no matches\")",
+                            "Log(Warning, \"Extension file '" + m_folder / "dangling.zip" + "' isn't readable\")",
+                            Trace("Adding extension file '" + file + "' to the search path."),
+                            "Log(Warning, \"folder.zip: no matches\")",
+                            Trace("Adding extension file '" + m_folder / "link.zip" + "' to the search path."),
+                            "Log(Warning, \"tofolder.zip: no matches\")"));
     // The same by a pattern, which lists: what it shows is what is found by name.
     for (const char* name : {"file.zip", "link.zip"})
         WriteFile(m_folder / name + ".version", s_good);
@@ -594,7 +593,7 @@ TEST_F(ArchivePath, ExtensionFolderIsTheLastEntry)
     EXPECT_EQ(FakeCore::Count(Trace("zipFilespec: " + Bin() + "/ext/*.vxe")), 1u);
     EXPECT_EQ(Expand("", Bin() + "/ext/"), e);
     EXPECT_EQ(Expand("", "./ext/../ext"), e);
-    const CHome home(Bin());
+    const Home home(Bin());
     EXPECT_EQ(Expand("", "~/ext"), e);
 }
 

@@ -26,7 +26,6 @@
 using namespace VexCore;
 
 namespace {
-
 /// Whether the function or member of that name, picked from its overloads, is there with exactly this type.
 template <class Wanted>
 constexpr bool Has(Wanted)
@@ -49,8 +48,7 @@ static_assert(std::is_same_v<decltype(&CDom::GetWxString), wxString (CDom::*)(co
 static_assert(std::is_same_v<decltype(&CDom::GetPluginWorkdirWx), wxString (CDom::*)(const wxString&) const>);
 static_assert(std::is_same_v<decltype(&CDom::RegisterLoader), void (CDom::*)(lua_State*)>);
 static_assert(std::is_same_v<decltype(&CDom::AgentEventWrite), std::int64_t (CDom::*)(CAgentEvent&)>);
-static_assert(
-    std::is_same_v<decltype(&SLB3::Wrapper<CDom>::Register), void (*)(SLB3::internal::Class<CDom>&)>);
+static_assert(std::is_same_v<decltype(&SLB3::Wrapper<CDom>::Register), void (*)(SLB3::internal::Class<CDom>&)>);
 
 // The interpreter.
 static_assert(std::is_constructible_v<CLuaInterpreter, bool, const wchar_t*, bool>);
@@ -83,8 +81,7 @@ static_assert(std::is_same_v<decltype(CAgentEvent::m_timeSeconds), std::int32_t>
 static_assert(std::is_same_v<decltype(CAgentEvent::m_number), std::int32_t>);
 static_assert(std::is_same_v<decltype(CAgentEvent::m_severity), std::int32_t>);
 static_assert(std::is_same_v<UnzipCallback, bool (*)(void*, const wxZipEntry*, const wxString*)>);
-static_assert(
-    std::is_same_v<decltype(&Unzip), bool (*)(const wxFileName&, const wxFileName&, UnzipCallback, void*)>);
+static_assert(std::is_same_v<decltype(&Unzip), bool (*)(const wxFileName&, const wxFileName&, UnzipCallback, void*)>);
 static_assert(Has<bool (*)(const wxString&, const wxArrayString&, wxString&, int&, wxString&)>(&Execute));
 static_assert(std::is_same_v<decltype(&ReadPidFile), long (*)(const wxString&)>);
 static_assert(std::is_same_v<decltype(&WritePidFile), bool (*)(const wxString&)>);

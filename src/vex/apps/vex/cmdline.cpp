@@ -4,7 +4,6 @@
 #include "vex/apps/vex/vex.h"
 
 namespace {
-
 enum class EKind { Option, Switch };
 
 struct Entry
@@ -16,17 +15,15 @@ struct Entry
 };
 
 // The order is the order of the usage text. "test" is listed without a description on purpose.
-const Entry s_entries[] = {
+const Entry entries[] = {
     {EKind::Option, "a", "appname",
      "the name of this application (default is based on the name of the executable file)."},
     {EKind::Switch, "b", "background", "run as a Windows service or Unix daemon process."},
-    {EKind::Option, "c", "lua_cpath",
-     "add the supplied value at the front of the search path for Lua C libraries."},
+    {EKind::Option, "c", "lua_cpath", "add the supplied value at the front of the search path for Lua C libraries."},
     {EKind::Option, "d", "domain_var", "sets domain variable; name=value format."},
     {EKind::Option, "e", "extdir",
      "extension folder. All *.vxe files from this folder are added to the Lua search path."},
-    {EKind::Switch, "i", "install_plugins",
-     "install all *.vxp files found in the same folder as the executable."},
+    {EKind::Switch, "i", "install_plugins", "install all *.vxp files found in the same folder as the executable."},
     {EKind::Option, "l", "lua_path", "add the supplied value at the front of the search path for Lua libraries."},
     {EKind::Option, "p", "plugins", "comma delimited list of plugins to enable."},
     {EKind::Option, "t", "trace", "enable tracing for the specified set of module names, separated by commas."},
@@ -42,7 +39,7 @@ const Entry s_entries[] = {
 void CAgentApp::OnInitCmdLine(wxCmdLineParser& parser)
 {
     wxAppConsole::OnInitCmdLine(parser);
-    for (const Entry& entry : s_entries) {
+    for (const Entry& entry : entries) {
         if (entry.kind == EKind::Switch)
             parser.AddSwitch(entry.shortName, entry.longName, entry.help, 0);
         else

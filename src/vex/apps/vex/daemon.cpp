@@ -31,14 +31,13 @@
 wxString g_pidFileName;
 
 namespace {
-
 const char* const DriverScript = "/opt/vx_agent/SunOS.init";
 
 // What pass_signal reads and writes: plain values, because it may run between any two instructions. All are written while
 // SIGTERM is blocked or no handler is there, but for the two that it shares with the loop.
-struct CStopState
+struct StopState
 {
-    VexOs::CSystem* system = nullptr;
+    VexOs::SystemCalls* system = nullptr;
     char pidFile[PATH_MAX] = ""; // g_pidFileName as bytes
     volatile pid_t supervisor = 0; // the process in which the handler may act
     volatile pid_t group = -1; // the one that the first child's setsid made
@@ -48,51 +47,51 @@ struct CStopState
     volatile std::sig_atomic_t ownsPidFile = 0; // shared: who takes the file away first clears it
 };
 
-CStopState s_stop;
+StopState g_stop;
 
 // Removes the file if it exists, and lets the next instance in. Safe in a signal handler.
 void GiveUpPidFile()
 {
-    if (!s_stop.ownsPidFile)
+    if (!g_stop.ownsPidFile)
         return;
     // First the file: a stop that comes between ends the process, and must not find it given up and still there. It then
     // removes it once more, which does no harm while the lock keeps everybody else out.
-    s_stop.system->RemoveFile(s_stop.pidFile);
-    s_stop.ownsPidFile = 0;
-    s_stop.system->ReleaseInstanceLock();
+    g_stop.system->RemoveFile(g_stop.pidFile);
+    g_stop.ownsPidFile = 0;
+    g_stop.system->ReleaseInstanceLock();
 }
 
 // Safe in a signal handler. Somewhere else than in our own group the signal would reach strangers.
 void SignalEverybody()
 {
-    if (s_stop.group > 1 && s_stop.system->OwnGroup() == s_stop.group)
-        s_stop.system->SignalOwnGroup(SIGTERM);
-    else if (s_stop.childRuns)
-        s_stop.system->SignalProcess(s_stop.child, SIGTERM);
+    if (g_stop.group > 1 && g_stop.system->OwnGroup() == g_stop.group)
+        g_stop.system->SignalOwnGroup(SIGTERM);
+    else if (g_stop.childRuns)
+        g_stop.system->SignalProcess(g_stop.child, SIGTERM);
 }
 
 void TakeStop(const siginfo_t* information)
 {
-    const pid_t self = s_stop.system->OwnId();
+    const pid_t self = g_stop.system->OwnId();
     // A forked process has the handler too until it installs its own.
-    if (self != s_stop.supervisor)
+    if (self != g_stop.supervisor)
         return;
     // The group's signal comes back to its sender.
     if (information && information->si_pid == self)
         return;
-    const bool first = s_stop.handled == 0;
-    s_stop.handled = 1;
+    const bool first = g_stop.handled == 0;
+    g_stop.handled = 1;
     if (first)
         GiveUpPidFile();
     SignalEverybody();
     // Without a child there is nothing to wait for: a delay, or the driver's stop.
-    if (!first || !s_stop.childRuns)
-        s_stop.system->ExitNow(0);
+    if (!first || !g_stop.childRuns)
+        g_stop.system->ExitNow(0);
 }
 
 } // namespace
 
-// SIGTERM in the supervisor. Beyond s_stop it makes these system calls, all of them safe here: getpid, getpgrp, unlink, flock and
+// SIGTERM in the supervisor. Beyond g_stop it makes these system calls, all of them safe here: getpid, getpgrp, unlink, flock and
 // close (of the lock), kill, _exit.
 extern "C" void pass_signal(int, siginfo_t* information, void*)
 {
@@ -101,14 +100,14 @@ extern "C" void pass_signal(int, siginfo_t* information, void*)
     errno = error;
 }
 
-CDaemon::CDaemon(VexOs::CSystem& system, VexCore::CDom* dom, const wxString& application)
+Daemon::Daemon(VexOs::SystemCalls& system, VexCore::CDom* dom, const wxString& application)
     : m_system(system), m_dom(dom), m_pidFile(wxString::Format("/var/run/%s.pid", application))
 {
-    s_stop = CStopState();
-    s_stop.system = &system;
+    g_stop = StopState();
+    g_stop.system = &system;
 }
 
-std::optional<int> CDaemon::Run()
+std::optional<int> Daemon::Run()
 {
     RefuseSecondInstance();
     TakeLock();
@@ -118,9 +117,9 @@ std::optional<int> CDaemon::Run()
     return Supervise();
 }
 
-// --------------------------------------------------------------------------------------------------- single instance
+// --- single instance
 
-void CDaemon::RefuseSecondInstance()
+void Daemon::RefuseSecondInstance()
 {
     const long pid = VexCore::ReadPidFile(m_pidFile);
     if (pid == 0)
@@ -133,7 +132,7 @@ void CDaemon::RefuseSecondInstance()
     Refuse();
 }
 
-void CDaemon::Refuse()
+void Daemon::Refuse()
 {
     wxLogError("%.128s present, exiting", m_pidFile);
     m_system.Exit(1);
@@ -141,7 +140,7 @@ void CDaemon::Refuse()
 
 // Between the check above and the pid file others may start as well: one of them gets the lock, the others end as they
 // would have a moment later.
-void CDaemon::TakeLock()
+void Daemon::TakeLock()
 {
     const wxString path = m_pidFile + ".lock";
     switch (m_system.TakeInstanceLock(path.mb_str(wxConvLibc))) {
@@ -158,9 +157,9 @@ void CDaemon::TakeLock()
     }
 }
 
-// ------------------------------------------------------------------------------------------------------------ detach
+// --- detach
 
-std::optional<int> CDaemon::Detach()
+std::optional<int> Daemon::Detach()
 {
     AssertSingleThread();
     m_system.ResetSignals();
@@ -174,7 +173,7 @@ std::optional<int> CDaemon::Detach()
         m_system.Exit(0);
     }
 
-    s_stop.group = m_system.NewSession();
+    g_stop.group = m_system.NewSession();
     const wxString work = m_dom->GetWxString("app.path.work");
     const wxCharBuffer folder = work.mb_str(wxConvLibc);
     m_system.ChangeFolder(folder.data() ? folder.data() : "");
@@ -198,24 +197,25 @@ std::optional<int> CDaemon::Detach()
 }
 
 // From here on every way out takes the file away.
-void CDaemon::OwnPidFile()
+void Daemon::OwnPidFile()
 {
     const wxCharBuffer bytes = m_pidFile.mb_str(wxConvLibc);
     const char* const text = bytes.data() ? bytes.data() : "";
     // A longer name cannot be a file's.
-    if (std::strlen(text) < sizeof s_stop.pidFile)
-        std::strcpy(s_stop.pidFile, text);
-    s_stop.ownsPidFile = 1;
+    if (std::strlen(text) < sizeof g_stop.pidFile)
+        std::strcpy(g_stop.pidFile, text);
+    g_stop.ownsPidFile = 1;
 }
 
 // A child outlives a killed supervisor by the time that its shutdown takes, and one of a supervisor that was stopped twice
 // may. The application must not run twice, so the first child of this supervisor waits for it.
-void CDaemon::WaitForFormerChild()
+void Daemon::WaitForFormerChild()
 {
     const pid_t former = m_locked ? m_system.FindOtherWorker() : 0;
     if (former == 0)
         return;
-    wxLogInfo("The child process of an earlier start (pid=%d) is still ending, waiting for it.", static_cast<int>(former));
+    wxLogInfo("The child process of an earlier start (pid=%d) is still ending, waiting for it.",
+              static_cast<int>(former));
     // A stop must not have to wait as well. The first child is to find the default disposition, so it comes back.
     WatchForStop(0);
     m_system.WaitForOtherWorker();
@@ -223,16 +223,16 @@ void CDaemon::WaitForFormerChild()
     m_system.HandleTerm(nullptr);
 }
 
-// --------------------------------------------------------------------------------------------------------- supervisor
+// --- supervisor
 
-std::optional<int> CDaemon::Supervise()
+std::optional<int> Daemon::Supervise()
 {
     for (;;) {
         const std::int64_t now = m_system.NowSeconds();
         const int recent = m_history.CountRecent(now);
         if (recent >= RestartLimit) {
-            wxLogError("Too many restarts in too short of a time, exiting (%d restarts in less than %d seconds)", recent,
-                       RestartSpanSeconds);
+            wxLogError("Too many restarts in too short of a time, exiting (%d restarts in less than %d seconds)",
+                       recent, RestartSpanSeconds);
             GiveUpPidFile();
             return -1;
         }
@@ -249,14 +249,14 @@ std::optional<int> CDaemon::Supervise()
         int waitStatus = 0;
         const bool ended = *child > 0 && WaitForChild(*child, waitStatus);
         // In this order: a stop that finds no child ends the process, so none can come between unseen.
-        s_stop.childRuns = 0;
+        g_stop.childRuns = 0;
         if (!ended) {
             GiveUpPidFile();
             return -1;
         }
-        const bool stopping = s_stop.handled != 0;
+        const bool stopping = g_stop.handled != 0;
 
-        const CChildEnd end = JudgeChildEnd(waitStatus, ::strsignal(SignalOfWaitStatus(waitStatus)), stopping);
+        const ChildEnd end = JudgeChildEnd(waitStatus, ::strsignal(SignalOfWaitStatus(waitStatus)), stopping);
         wxLogGeneric(end.level, "%s", end.message);
         if (end.action == EAfterChild::StopDriverAndRestart || end.action == EAfterChild::StopDriverAndReturn)
             StopDriver();
@@ -268,7 +268,7 @@ std::optional<int> CDaemon::Supervise()
     }
 }
 
-std::optional<pid_t> CDaemon::StartChild()
+std::optional<pid_t> Daemon::StartChild()
 {
     AssertSingleThread();
     m_system.BlockTerm();
@@ -286,17 +286,17 @@ std::optional<pid_t> CDaemon::StartChild()
 }
 
 // Everything that pass_signal needs, then pass_signal, then SIGTERM, which is blocked until here.
-void CDaemon::WatchForStop(pid_t child)
+void Daemon::WatchForStop(pid_t child)
 {
     g_pidFileName = m_pidFile;
-    s_stop.supervisor = m_system.OwnId();
-    s_stop.child = child;
-    s_stop.childRuns = child > 0;
+    g_stop.supervisor = m_system.OwnId();
+    g_stop.child = child;
+    g_stop.childRuns = child > 0;
     m_system.HandleTerm(pass_signal);
     m_system.UnblockTerm();
 }
 
-bool CDaemon::WaitForChild(pid_t child, int& status)
+bool Daemon::WaitForChild(pid_t child, int& status)
 {
     for (;;) {
         const pid_t ended = m_system.Wait(child, status);
@@ -311,7 +311,7 @@ bool CDaemon::WaitForChild(pid_t child, int& status)
     }
 }
 
-void CDaemon::StopDriver()
+void Daemon::StopDriver()
 {
     if (!m_system.IsExecutable(DriverScript))
         return;
@@ -326,12 +326,12 @@ void CDaemon::StopDriver()
         wxLogError("Error stopping driver: %s", error);
 }
 
-void CDaemon::AssertSingleThread() const
+void Daemon::AssertSingleThread() const
 {
     wxASSERT_MSG(m_system.ThreadCount() <= 1, "a thread exists before a fork");
 }
 
-// ------------------------------------------------------------------------------------------------------------- OnRun
+// --- OnRun
 
 int CAgentApp::OnRun()
 {
@@ -340,7 +340,7 @@ int CAgentApp::OnRun()
         wxLog::SetLogLevel(wxLOG_Max);
         RunScriptThread();
     }
-    CDaemon daemon(VexOs::System(), m_dom, GetAppName());
+    Daemon daemon(VexOs::System(), m_dom, GetAppName());
     if (const std::optional<int> status = daemon.Run())
         return *status;
     RunScriptThread();

@@ -13,11 +13,11 @@ class CDom;
 }
 
 /// The background life of one process. Main thread, while it is the only one.
-class CDaemon
+class Daemon
 {
 public:
     /// Neither the doorway nor the domain is owned.
-    CDaemon(VexOs::CSystem& system, VexCore::CDom* dom, const wxString& application);
+    Daemon(VexOs::SystemCalls& system, VexCore::CDom* dom, const wxString& application);
 
     /// Checks for a live instance, detaches and supervises. Comes back in the supervisor with the status to end with (also in
     /// the starting process or the first child, when one of the first two forks fails), and with nothing in a working
@@ -39,9 +39,9 @@ private:
     void StopDriver();
     void AssertSingleThread() const;
 
-    VexOs::CSystem& m_system;
+    VexOs::SystemCalls& m_system;
     VexCore::CDom* m_dom;
     wxString m_pidFile;
     bool m_locked = false;
-    CRestartHistory m_history;
+    RestartHistory m_history;
 };

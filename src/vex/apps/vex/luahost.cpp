@@ -20,7 +20,6 @@
 #include <wx/sstream.h>
 
 namespace {
-
 // Leaves the domain as a Lua object on the stack, or nil.
 void PushDomain(lua_State* L, VexCore::CDom* dom)
 {
@@ -119,7 +118,7 @@ int CAgentApp::RunCodeSnippet(const wxString& code)
 {
     int status = 0;
     {
-        CStandardOutput out;
+        StandardOutput out;
         wxStringInputStream in(code);
         status = RunChunk(in, out.Stream(), GetAppName());
     }

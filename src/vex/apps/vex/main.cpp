@@ -16,11 +16,11 @@ wxAppConsole* wxCreateApp()
 }
 
 // Registers the factory with the framework's entry before main begins.
-static wxAppInitializer s_appInitializer(wxCreateApp);
+static wxAppInitializer g_appInitializer(wxCreateApp);
 
 // What the framework has to say before there is an application (an argument that it cannot convert, a locale that is not
 // installed) belongs into the log as well. It deletes this target and asks the application's traits for the next one.
-static const bool s_logsFromTheBeginning = [] {
+static const bool logsFromTheBeginning = [] {
     wxLog::SetTimestamp(LogTimestamp);
     delete wxLog::SetActiveTarget(new VexCore::CLog2Disk);
     return true;

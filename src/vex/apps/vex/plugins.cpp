@@ -20,7 +20,6 @@
 #include <wx/zipstrm.h>
 
 namespace {
-
 using VexCore::CAgentEvent;
 
 enum EEventNumber { EventInstalled = 5101, EventNotInstalled = 5102, EventRemoved = 5105, EventNotRemoved = 5106 };

@@ -7,7 +7,6 @@
 #include <iterator>
 
 namespace {
-
 constexpr long DelayBaseMs = 1000;
 // The exit code by which a child asks for the kernel driver to be stopped before it is started again.
 constexpr int StopDriverCode = 3;
@@ -45,19 +44,19 @@ wxString Message(EEnd end, int waitStatus, int exitCode, int signal, const char*
 
 } // namespace
 
-int CRestartHistory::CountRecent(std::int64_t now) const
+int RestartHistory::CountRecent(std::int64_t now) const
 {
     const auto bound = static_cast<std::int32_t>(now - RestartSpanSeconds);
-    return static_cast<int>(std::count_if(std::begin(m_starts), std::end(m_starts),
-                                          [bound](std::int64_t start) { return start > bound; }));
+    return static_cast<int>(
+        std::count_if(std::begin(m_starts), std::end(m_starts), [bound](std::int64_t start) { return start > bound; }));
 }
 
-void CRestartHistory::NoteStart(std::int64_t now)
+void RestartHistory::NoteStart(std::int64_t now)
 {
     m_starts[m_index] = now;
 }
 
-void CRestartHistory::Advance()
+void RestartHistory::Advance()
 {
     m_index = (m_index + 1) % RestartLimit;
 }
@@ -72,14 +71,14 @@ int SignalOfWaitStatus(int waitStatus)
     return waitStatus & 0x7f;
 }
 
-CChildEnd JudgeChildEnd(int waitStatus, const char* signalName, bool stopping)
+ChildEnd JudgeChildEnd(int waitStatus, const char* signalName, bool stopping)
 {
     const int low = waitStatus & 0xff;
     const int high = (waitStatus >> 8) & 0xff;
     const int signal = SignalOfWaitStatus(waitStatus);
     const EEnd end = Classify(low, high, signal);
 
-    CChildEnd judged = {wxLOG_Info, Message(end, waitStatus, high, signal, signalName), EAfterChild::Restart, 0};
+    ChildEnd judged = {wxLOG_Info, Message(end, waitStatus, high, signal, signalName), EAfterChild::Restart, 0};
     if (end == EEnd::Crashed)
         judged.level = wxLOG_Error;
     if (end == EEnd::Exited && high == StopDriverCode) {

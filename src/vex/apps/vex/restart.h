@@ -12,7 +12,7 @@ constexpr int RestartLimit = 8;
 constexpr int RestartSpanSeconds = 512;
 
 /// The times of the last starts, oldest overwritten first. Times are seconds since the epoch.
-class CRestartHistory
+class RestartHistory
 {
 public:
     /// Starts within the span that ends at `now`. The span's begin is held in 32 bits, on purpose: beyond 2038 it wraps, and then
@@ -39,7 +39,7 @@ enum class EAfterChild {
     StopDriverAndReturn,
 };
 
-struct CChildEnd
+struct ChildEnd
 {
     wxLogLevel level; ///< of the message
     wxString message;
@@ -49,7 +49,7 @@ struct CChildEnd
 
 /// Reads a raw wait status. `signalName` is the system's name of the signal in its low seven bits, null when it has none.
 /// `stopping`: a SIGTERM has been handled, so that no further child may be started; what would be a restart ends with 0.
-CChildEnd JudgeChildEnd(int waitStatus, const char* signalName, bool stopping);
+ChildEnd JudgeChildEnd(int waitStatus, const char* signalName, bool stopping);
 
 /// The signal of a raw wait status, 0 for an orderly exit.
 int SignalOfWaitStatus(int waitStatus);

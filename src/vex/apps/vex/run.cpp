@@ -2,8 +2,8 @@
 // status is handed back, and ends the process. Everything else here runs on the script thread. What happens inside the
 // interpreter is luahost.cpp's, what happens around the process daemon.cpp's.
 
-#include "vex/apps/vex/os/process.h"
 #include "vex/apps/vex/narrowtext.h"
+#include "vex/apps/vex/os/process.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/luainterpreter.h"
@@ -36,7 +36,6 @@ extern "C" void VexSignalHandler(int signal)
 }
 
 namespace {
-
 // How long an exception that ends the main loop lets the script thread finish before the process ends around it.
 constexpr long LastJoinMs = 10000;
 
@@ -44,7 +43,7 @@ constexpr long LastJoinMs = 10000;
 // complete by then, and the script's status travels back as an idle event of the application: exiting a loop from another
 // thread is lost when the loop does not run yet, and touches a destroyed object when it has just ended. So only the main
 // thread tells the loop to exit, and the mutex keeps it from doing so before the script thread's wake-up call is through.
-class CHandBack
+class StatusHandBack
 {
 public:
     // --- main thread
@@ -52,7 +51,7 @@ public:
     void OnIdle(wxIdleEvent& event)
     {
         event.Skip();
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         if (m_loop == ELoop::Coming) {
             // Programs that Lua code starts by itself must not inherit the loop's descriptors, nor what else is open.
             VexOs::CloseDescriptorsOnExec();
@@ -66,7 +65,7 @@ public:
 
     void LoopIsGone()
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         m_loop = ELoop::Gone;
         m_changed.notify_all();
     }
@@ -75,21 +74,21 @@ public:
     // False: it does not any more; an exception has ended it, and the main thread is on its way out.
     bool LoopTurns()
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         return m_loop == ELoop::Turns;
     }
 
     // False: the loop will never turn.
     bool WaitForLoop()
     {
-        std::unique_lock<std::mutex> guard(m_lock);
+        std::unique_lock guard(m_lock);
         m_changed.wait(guard, [this] { return m_loop != ELoop::Coming; });
         return m_loop == ELoop::Turns;
     }
 
     void HandBack(int status)
     {
-        const std::lock_guard<std::mutex> guard(m_lock);
+        const std::lock_guard lock(m_lock);
         if (m_loop == ELoop::Gone)
             return;
         m_status = status;
@@ -117,9 +116,9 @@ private:
 };
 
 // Never destroyed: the process may end by `exit` while a thread stands in it.
-CHandBack& HandBack()
+StatusHandBack& HandBack()
 {
-    static CHandBack& s_handBack = *new CHandBack;
+    static StatusHandBack& s_handBack = *new StatusHandBack;
     return s_handBack;
 }
 
@@ -147,31 +146,31 @@ void UnblockStopSignals()
 // Serves the main loop; its result is the script's status. Binds the hand-back for as long as the loop is there.
 int ServeMainLoop(CAgentApp& app)
 {
-    struct CBinding
+    struct Binding
     {
-        explicit CBinding(CAgentApp& owner) : m_app(owner)
+        explicit Binding(CAgentApp& owner) : m_app(owner)
         {
-            m_app.Bind(wxEVT_IDLE, &CHandBack::OnIdle, &HandBack());
+            m_app.Bind(wxEVT_IDLE, &StatusHandBack::OnIdle, &HandBack());
         }
-        ~CBinding()
+        ~Binding()
         {
-            m_app.Unbind(wxEVT_IDLE, &CHandBack::OnIdle, &HandBack());
+            m_app.Unbind(wxEVT_IDLE, &StatusHandBack::OnIdle, &HandBack());
             HandBack().LoopIsGone();
         }
         CAgentApp& m_app;
     };
-    const CBinding binding(app);
+    const Binding binding(app);
     return app.wxAppConsole::OnRun();
 }
 
-struct CDisposition
+struct Disposition
 {
     int signal;
     void (*handler)(int);
     int flags;
 };
 
-void Install(const CDisposition& disposition)
+void Install(const Disposition& disposition)
 {
     struct sigaction action = {};
     action.sa_handler = disposition.handler;
@@ -183,7 +182,7 @@ void Install(const CDisposition& disposition)
 // SIGINT and SIGTERM are blocked in the middle, before the last two: a stop that comes meanwhile meets a handler or waits.
 void InstallSignalDispositions()
 {
-    const CDisposition first[] = {
+    const Disposition first[] = {
         {SIGINT, VexSignalHandler, SA_RESTART},
         {SIGTERM, VexSignalHandler, SA_RESTART},
         {SIGUSR1, VexSignalHandler, SA_RESTART},
@@ -191,14 +190,14 @@ void InstallSignalDispositions()
         {VexCore::CRunnable::SigThreadDelete, VexSignalHandler, 0}, // must interrupt a blocking call
         {SIGHUP, SIG_IGN, SA_RESTART},
     };
-    const CDisposition last[] = {
+    const Disposition last[] = {
         {SIGALRM, VexSignalHandler, 0},
         {SIGPIPE, SIG_IGN, SA_RESTART},
     };
-    for (const CDisposition& disposition : first)
+    for (const Disposition& disposition : first)
         Install(disposition);
     BlockStopSignals();
-    for (const CDisposition& disposition : last)
+    for (const Disposition& disposition : last)
         Install(disposition);
 }
 
@@ -220,7 +219,7 @@ void WaitForStop()
 
 } // namespace
 
-// ---------------------------------------------------------------------------------------------------- main thread
+// --- main thread
 
 void CAgentApp::RunScriptThread()
 {
@@ -253,11 +252,9 @@ void CAgentApp::RunScriptThread()
     VexOs::System().Exit(code);
 }
 
-// -------------------------------------------------------------------------------------------------- script thread
+// --- script thread
 
-CScriptThread::CScriptThread() : CRunnable(false, -1, false)
-{
-}
+CScriptThread::CScriptThread() : CRunnable(false, -1, false) {}
 
 CScriptThread::~CScriptThread() = default;
 

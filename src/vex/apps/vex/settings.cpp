@@ -23,10 +23,9 @@
 #include <wx/log.h>
 
 namespace {
-
 using VexCore::CDom;
 
-const char s_defaultTraces[] = "Appl,Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils";
+const char defaultTraces[] = "Appl,Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils";
 
 // The framework holds a configuration file in memory twenty times over, and the time it takes grows with the square of the
 // number of lines. Within these bounds that is a second or so; beyond them a start would seem to hang.
@@ -43,8 +42,7 @@ bool MakeFolder(const wxString& folder, bool isParent)
     if (!wxMkdir(folder, ownerReadsAndWrites))
         return false;
     // Without the search bit only a privileged process can go on below.
-    return !isParent || wxIsExecutable(folder)
-           || wxFileName::DirName(folder).SetPermissions(ownerDoesAll);
+    return !isParent || wxIsExecutable(folder) || wxFileName::DirName(folder).SetPermissions(ownerDoesAll);
 }
 
 // Makes the folder and its missing parents, without the search bit: nobody looks into the new folder before its rights are
@@ -159,12 +157,12 @@ bool IsTooLarge(const wxString& file)
 
 // While it lives, the first lines pass to the log and the others are counted: the framework writes one for each line of a file that
 // it cannot make sense of, and a file of rubbish has thousands.
-class CFirstLines : public wxLog
+class FirstLines : public wxLog
 {
 public:
     // The target is asked for, which makes it where nothing was logged before.
-    CFirstLines() : m_target(wxLog::GetActiveTarget()) { wxLog::SetActiveTarget(this); }
-    ~CFirstLines() override
+    FirstLines() : m_target(wxLog::GetActiveTarget()) { wxLog::SetActiveTarget(this); }
+    ~FirstLines() override
     {
         wxLog::SetActiveTarget(m_target);
         if (m_count > maxLines)
@@ -198,7 +196,7 @@ wxConfigBase* OpenConfiguration(const CDom& dom, const wxString& application, co
         global.clear();
         style &= ~wxCONFIG_USE_GLOBAL_FILE;
     }
-    const CFirstLines firstLines;
+    const FirstLines firstLines;
     return new wxFileConfig(application, vendor, local, global, style, wxConvAuto());
 }
 
@@ -206,7 +204,7 @@ void SetTracesOfConfiguration(CDom& dom, const wxConfigBase& config, bool defaul
 {
     wxString traces;
     if (!config.Read("Trace", &traces) && defaultName)
-        traces = s_defaultTraces;
+        traces = defaultTraces;
     dom.SetWx("app.trace+", traces);
 }
 

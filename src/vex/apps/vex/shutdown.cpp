@@ -25,7 +25,6 @@
 #include <wx/log.h>
 
 namespace {
-
 // What is known of the exception that is being handled. Ends it: nothing leaves.
 wxString DescribeCurrentException()
 {

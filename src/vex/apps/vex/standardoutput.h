@@ -8,21 +8,21 @@
 #include <wx/wfstream.h>
 
 /// Lends standard output to a stream and leaves it open, also when an exception passes.
-class CStandardOutput
+class StandardOutput
 {
 public:
-    CStandardOutput()
+    StandardOutput()
     {
         m_file.Attach(stdout, wxString());
         m_stream.reset(new wxFFileOutputStream(m_file));
     }
-    ~CStandardOutput()
+    ~StandardOutput()
     {
         m_stream.reset();
         m_file.Detach();
     }
-    CStandardOutput(const CStandardOutput&) = delete;
-    CStandardOutput& operator=(const CStandardOutput&) = delete;
+    StandardOutput(const StandardOutput&) = delete;
+    StandardOutput& operator=(const StandardOutput&) = delete;
 
     wxFFileOutputStream& Stream() { return *m_stream; }
 

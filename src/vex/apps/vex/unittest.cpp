@@ -19,7 +19,7 @@ int CAgentApp::RunUnitTests()
 {
     if (m_unitTestScript.empty())
         return 0;
-    CStandardOutput out;
+    StandardOutput out;
     // Not cancelled afterwards, on purpose.
     ::alarm(TimeLimitSeconds);
     // The name or pattern goes in as it is, on purpose: quotes and backslashes in it change the Lua text.

@@ -17,10 +17,9 @@
 const char* const CAgentApp::s_Trace = "Appl";
 
 namespace {
-
 // Finds the framework's own message catalogue. Its standard loader looks into every folder of the system's locale tree to
 // learn which languages there are, which is half of the system calls of a start; only the user's language is of use here.
-class COneLanguageLoader : public wxFileTranslationsLoader
+class OneLanguageLoader : public wxFileTranslationsLoader
 {
 public:
     wxArrayString GetAvailableTranslations(const wxString&) const override
@@ -39,7 +38,7 @@ public:
 void InitLocale(wxLocale& locale)
 {
     wxTranslations* const translations = new wxTranslations;
-    translations->SetLoader(new COneLanguageLoader);
+    translations->SetLoader(new OneLanguageLoader);
     wxTranslations::Set(translations);
     locale.Init(wxLANGUAGE_DEFAULT, wxLOCALE_LOAD_DEFAULT);
 }
@@ -49,12 +48,12 @@ void InitLocale(wxLocale& locale)
 void LogAssertion(const wxString& file, int line, const wxString& function, const wxString& condition,
                   const wxString& message)
 {
-    static thread_local bool s_inside = false; // logging may trip one too
-    if (s_inside)
+    static thread_local bool t_inside = false; // logging may trip one too
+    if (t_inside)
         return;
-    s_inside = true;
+    t_inside = true;
     wxLogError("Assertion \"%s\" failed at %s:%d, %s(): %s", condition, file, line, function, message);
-    s_inside = false;
+    t_inside = false;
 }
 
 // The folder that holds the maker's products, when we are installed below it; else our own folder.

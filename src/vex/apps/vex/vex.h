@@ -102,7 +102,7 @@ public:
     static const char* const s_Trace;
 
 private:
-    friend struct CAgentAppTestAccess; // the unit tests' way to the members
+    friend struct AgentAppTestAccess; // the unit tests' way to the members
     friend class CScriptThread;
 
     // Set before the script thread starts, by the main thread; read by both.

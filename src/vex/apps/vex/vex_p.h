@@ -1,8 +1,8 @@
 #pragma once
 // For the files of the launcher only: its version, its trace macro, and the values that signal handlers read.
 
-#include "vex/core/log.h"
 #include "vex/apps/vex/vex.h"
+#include "vex/core/log.h"
 
 #include <csignal>
 #include <vector>

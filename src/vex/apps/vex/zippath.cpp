@@ -16,7 +16,6 @@
 #include <wx/wfstream.h>
 
 namespace {
-
 void AppendPath(wxString& list, const wxString& path)
 {
     if (!list.empty())
@@ -79,7 +78,7 @@ wxArrayString FindArchives(const wxFileName& pattern)
 
 // Takes a version file apart as it comes in, so that neither the length of the file nor that of a line matters. Finds the first
 // line that begins with "version:" and reads four numbers behind it as the scan format "%d.%d.%d-%d" would.
-class CVersionLine
+class VersionLine
 {
 public:
     enum class EResult { NoLine, Malformed, WellFormed };
@@ -106,7 +105,7 @@ private:
     EResult m_result = EResult::NoLine;
 };
 
-bool CVersionLine::Feed(char32_t c)
+bool VersionLine::Feed(char32_t c)
 {
     static const char prefix[] = "version:";
     const bool lineEnd = c == '\n' || c == '\r';
@@ -145,9 +144,9 @@ bool CVersionLine::Feed(char32_t c)
     return false;
 }
 
-bool CVersionLine::FeedNumber(char32_t c)
+bool VersionLine::FeedNumber(char32_t c)
 {
-    constexpr std::int64_t enough = std::int64_t(1) << 40;
+    constexpr std::int64_t enough = static_cast<std::int64_t>(1) << 40;
     if (c >= '0' && c <= '9') {
         m_hasDigits = true;
         if (m_value < enough)
@@ -158,7 +157,7 @@ bool CVersionLine::FeedNumber(char32_t c)
 }
 
 // The number ends before `c`, which must be what stands between the numbers.
-bool CVersionLine::EndNumber(char32_t c)
+bool VersionLine::EndNumber(char32_t c)
 {
     static const char separators[] = "..-";
     const std::int64_t value = m_negative ? -m_value : m_value;
@@ -180,7 +179,7 @@ bool CVersionLine::EndNumber(char32_t c)
     return true;
 }
 
-CVersionLine::EResult CVersionLine::Finish()
+VersionLine::EResult VersionLine::Finish()
 {
     if (m_state == EState::Digits)
         EndNumber('\n');
@@ -189,7 +188,7 @@ CVersionLine::EResult CVersionLine::Finish()
 
 // Turns bytes into characters as far as a version line needs it: the width of a character and the order of its bytes come from
 // the mark at the start. Without a mark every byte stands for itself, which is right for all that is ASCII.
-class CCharacters
+class Characters
 {
 public:
     /// The first bytes of a file, as many as there are up to four. Answers how many of them are the mark.
@@ -204,7 +203,7 @@ private:
     char32_t m_character = 0;
 };
 
-std::size_t CCharacters::SetMark(const unsigned char* bytes, std::size_t count)
+std::size_t Characters::SetMark(const unsigned char* bytes, std::size_t count)
 {
     struct Mark
     {
@@ -215,7 +214,7 @@ std::size_t CCharacters::SetMark(const unsigned char* bytes, std::size_t count)
     };
     // The mark of 16 bits little-endian begins that of 32 bits: the longer ones stand first.
     static const Mark marks[] = {
-        {4, {0xFF, 0xFE, 0, 0}, 4, false},  {4, {0, 0, 0xFE, 0xFF}, 4, true}, {3, {0xEF, 0xBB, 0xBF, 0}, 1, false},
+        {4, {0xFF, 0xFE, 0, 0}, 4, false}, {4, {0, 0, 0xFE, 0xFF}, 4, true}, {3, {0xEF, 0xBB, 0xBF, 0}, 1, false},
         {2, {0xFF, 0xFE, 0, 0}, 2, false}, {2, {0xFE, 0xFF, 0, 0}, 2, true},
     };
     for (const Mark& mark : marks) {
@@ -228,7 +227,7 @@ std::size_t CCharacters::SetMark(const unsigned char* bytes, std::size_t count)
     return 0;
 }
 
-bool CCharacters::Feed(unsigned char byte, char32_t& character)
+bool Characters::Feed(unsigned char byte, char32_t& character)
 {
     m_character = m_bigEndian ? m_character << 8 | byte : m_character | static_cast<char32_t>(byte) << (8 * m_count);
     if (++m_count < m_width)
@@ -241,12 +240,12 @@ bool CCharacters::Feed(unsigned char byte, char32_t& character)
 
 // Feeds the whole stream, in blocks. What lies behind the limit is not looked at: no version file is that long, and a file
 // with holes can pretend any length.
-CVersionLine::EResult ReadVersionLine(wxInputStream& stream, CVersionLine& line)
+VersionLine::EResult ReadVersionLine(wxInputStream& stream, VersionLine& line)
 {
-    constexpr std::size_t maxBytes = std::size_t(256) << 20;
+    constexpr std::size_t maxBytes = static_cast<std::size_t>(256) << 20;
     constexpr std::size_t blockBytes = 64 << 10;
     std::vector<unsigned char> block(blockBytes);
-    CCharacters characters;
+    Characters characters;
     for (std::size_t total = 0; total < maxBytes; total += blockBytes) {
         const std::size_t count = stream.Read(block.data(), block.size()).LastRead();
         std::size_t i = total == 0 ? characters.SetMark(block.data(), count) : 0;
@@ -281,34 +280,35 @@ bool CAgentApp::ExtensionVersionIsOK(const wxString& archive)
 {
     const wxString file = archive + ".version";
     if (!wxFileExists(file)) {
-        wxLogWarning("Extension file '%s' does not have a corresponding '.version' file. It will not be enabled.", archive);
+        wxLogWarning("Extension file '%s' does not have a corresponding '.version' file. It will not be enabled.",
+                     archive);
         return false;
     }
     wxFFileInputStream stream(file, "rb");
-    CVersionLine line;
-    const CVersionLine::EResult result =
-        stream.IsOk() ? ReadVersionLine(stream, line) : CVersionLine::EResult::NoLine;
-    if (result == CVersionLine::EResult::NoLine) {
-        wxLogWarning("File '%s' does not contain a 'version:' line. Extension '%s' will not be enabled.", file, archive);
+    VersionLine line;
+    const VersionLine::EResult result = stream.IsOk() ? ReadVersionLine(stream, line) : VersionLine::EResult::NoLine;
+    if (result == VersionLine::EResult::NoLine) {
+        wxLogWarning("File '%s' does not contain a 'version:' line. Extension '%s' will not be enabled.", file,
+                     archive);
         return false;
     }
     // The wording differs from the one above on purpose.
-    if (result == CVersionLine::EResult::Malformed) {
-        wxLogWarning("File '%s' did not contain a properly formatted 'version:' line. Extension '%s' will not be enabled.",
-                     file, archive);
+    if (result == VersionLine::EResult::Malformed) {
+        wxLogWarning(
+            "File '%s' did not contain a properly formatted 'version:' line. Extension '%s' will not be enabled.", file,
+            archive);
         return false;
     }
     // The build, the fourth number, must be there and is not compared, on purpose.
     const int* const version = line.Fields();
     if (version[0] == VEX_VERSION_MAJOR && version[1] == VEX_VERSION_MINOR && version[2] == VEX_VERSION_PATCH)
         return true;
-    wxLogWarning("Ignoring extension '%s' since its version (%d.%d.%d) doesn't match ours (%d.%d.%d)", archive, version[0],
-                 version[1], version[2], VEX_VERSION_MAJOR, VEX_VERSION_MINOR, VEX_VERSION_PATCH);
+    wxLogWarning("Ignoring extension '%s' since its version (%d.%d.%d) doesn't match ours (%d.%d.%d)", archive,
+                 version[0], version[1], version[2], VEX_VERSION_MAJOR, VEX_VERSION_MINOR, VEX_VERSION_PATCH);
     return false;
 }
 
 namespace {
-
 // The archives of one entry of the list. A wildcard anywhere in the entry asks for the version files.
 void AppendEntry(wxString& list, const wxString& entry, const wxString& bin)
 {

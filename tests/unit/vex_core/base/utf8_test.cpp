@@ -7,7 +7,6 @@
 using VexCore::DecodeUtf8;
 
 namespace {
-
 /// The plainest way to write a character, without a look at whether it is one.
 std::string Encode(char32_t value)
 {
@@ -47,14 +46,16 @@ TEST(Utf8, WhatIsCutIsNoneAndNothingBehindItsEndIsRead)
 TEST(Utf8, LongerFormsThanNeededAreNone)
 {
     char32_t read = 0;
-    for (const char* bytes : {"\xC0\x80", "\xC0\xAF", "\xC1\xBF", "\xE0\x80\xAF", "\xE0\x9F\xBF", "\xF0\x80\x80\xAF", "\xF0\x8F\xBF\xBF"})
+    for (const char* bytes :
+         {"\xC0\x80", "\xC0\xAF", "\xC1\xBF", "\xE0\x80\xAF", "\xE0\x9F\xBF", "\xF0\x80\x80\xAF", "\xF0\x8F\xBF\xBF"})
         EXPECT_EQ(DecodeUtf8(bytes, read), 0u) << bytes;
 }
 
 TEST(Utf8, ContinuationsAloneAndLeadsWithoutThemAreNone)
 {
     char32_t read = 0;
-    for (const char* bytes : {"\x80", "\xBF", "\xC3(", "\xE2\x28\xA1", "\xE2\x82\x28", "\xF0\x28\x8C\xBC", "\xF0\x90\x28\xBC",
-                              "\xF0\x90\x8C\x28", "\xF5\x80\x80\x80", "\xF8\x88\x80\x80\x80", "\xFE", "\xFF"})
+    for (const char* bytes :
+         {"\x80", "\xBF", "\xC3(", "\xE2\x28\xA1", "\xE2\x82\x28", "\xF0\x28\x8C\xBC", "\xF0\x90\x28\xBC",
+          "\xF0\x90\x8C\x28", "\xF5\x80\x80\x80", "\xF8\x88\x80\x80\x80", "\xFE", "\xFF"})
         EXPECT_EQ(DecodeUtf8(bytes, read), 0u) << bytes;
 }

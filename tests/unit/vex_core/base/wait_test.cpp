@@ -10,7 +10,6 @@ using VexCore::WaitPoint;
 using EOutcome = WaitPoint::EOutcome;
 
 namespace {
-
 std::int64_t MillisOf(const std::function<void()>& body)
 {
     const auto begin = std::chrono::steady_clock::now();

@@ -23,7 +23,6 @@
 using namespace VexCore;
 
 namespace {
-
 template <class T>
 T At(const std::string& bytes, std::uint64_t offset)
 {
@@ -130,13 +129,12 @@ TEST_F(MinidumpFile, TextIsUtf16BehindItsLength)
 TEST_F(MinidumpFile, MemoryThatIsNotThereIsZeros)
 {
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    char* const memory = static_cast<char*>(
-        mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    char* const memory =
+        static_cast<char*>(mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(memory, MAP_FAILED);
     std::memset(memory, 'm', 3 * page);
     ASSERT_EQ(mprotect(memory + page, page, PROT_NONE), 0);
-    const Minidump::Location all =
-        m_writer.AppendMemory(reinterpret_cast<std::uintptr_t>(memory) + 10, 3 * page - 10);
+    const Minidump::Location all = m_writer.AppendMemory(reinterpret_cast<std::uintptr_t>(memory) + 10, 3 * page - 10);
     ASSERT_EQ(munmap(memory + 2 * page, page), 0);
     const Minidump::Location end = m_writer.AppendMemory(reinterpret_cast<std::uintptr_t>(memory), 3 * page);
     m_writer.Finish(0, false);
@@ -203,8 +201,7 @@ TEST(CrashMaps, FileThatWasDeletedKeepsItsName)
     ::Test::TempFolder folder;
     const std::string copy = folder / "gone.so";
     std::string head(1 << 16, '\0');
-    std::ifstream("/proc/self/exe", std::ios::binary)
-        .read(&head[0], static_cast<std::streamsize>(head.size()));
+    std::ifstream("/proc/self/exe", std::ios::binary).read(&head[0], static_cast<std::streamsize>(head.size()));
     ::Test::WriteFile(copy, head);
     const int file = open(copy.c_str(), O_RDONLY);
     void* const mapping = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0);
@@ -223,8 +220,8 @@ TEST(CrashMaps, FileThatWasDeletedKeepsItsName)
 TEST(CrashMaps, NextRangeAboveIsFoundWithinReach)
 {
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    char* const memory = static_cast<char*>(
-        mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    char* const memory =
+        static_cast<char*>(mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(memory, MAP_FAILED);
     ASSERT_EQ(mprotect(memory, 2 * page, PROT_NONE), 0);
     ASSERT_TRUE(ReadCrashMaps());

@@ -12,7 +12,6 @@
 using namespace VexCore;
 
 namespace {
-
 class SqliteInit : public testing::Test
 {
 protected:

@@ -15,7 +15,6 @@
 #ifndef VEX_TEST_SANITIZED
 
 namespace {
-
 thread_local long t_allocations = 0;
 thread_local void (*t_atNextAllocation)() = nullptr; // called once
 
@@ -66,7 +65,6 @@ void operator delete[](void* block, std::size_t) noexcept
 using VexCore::CDom;
 
 namespace {
-
 template <class Work>
 long AllocationsOf(Work work)
 {
@@ -107,7 +105,6 @@ TEST(DomAllocation, ReadTakesNothingBeyondTheTextThatItReturns)
 }
 
 namespace {
-
 CDom* g_root = nullptr;
 std::future<int> g_others;
 bool g_othersWereThrough = false;
@@ -147,7 +144,8 @@ TEST(FairSharedLock, ReadersDoNotBlockEachOther)
 {
     VexCore::FairSharedLock lock;
     std::shared_lock<VexCore::FairSharedLock> first(lock);
-    auto second = std::async(std::launch::async, [&lock] { const std::shared_lock<VexCore::FairSharedLock> mine(lock); });
+    auto second =
+        std::async(std::launch::async, [&lock] { const std::shared_lock<VexCore::FairSharedLock> mine(lock); });
     EXPECT_EQ(second.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     first.unlock();
 }

@@ -1,9 +1,9 @@
 #include "vex/core/dom.h"
 
 #include "vex/core/runnable.h"
+#include "vex_core/base/wait.h"
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/domain/dom_values.h"
-#include "vex_core/base/wait.h"
 #include "vex_core/domain/wait_list.h"
 
 #include <gtest/gtest.h>
@@ -32,7 +32,6 @@ using EWait = CDom::EWait;
 using EType = CDom::EType;
 
 namespace {
-
 DomPtr NewView(const char* name, const DomPtr& parent, bool* created = nullptr)
 {
     return DomPtr(CDom::New(name, parent.get(), created, false));
@@ -104,8 +103,8 @@ TEST(Dom, BooleansAreReadFromTheirTexts)
         const char* text;
         bool readable;
         bool value;
-    } rows[] = {{"true", true, true},   {"TRUE", true, true},   {"1", true, true},     {"Yes", true, true},
-                {"false", true, false}, {"False", true, false}, {"0", true, false},    {"nO", true, false},
+    } rows[] = {{"true", true, true},   {"TRUE", true, true},   {"1", true, true},       {"Yes", true, true},
+                {"false", true, false}, {"False", true, false}, {"0", true, false},      {"nO", true, false},
                 {"", false, false},     {"on", false, false},   {" true", false, false}, {"true ", false, false},
                 {"2", false, false},    {"01", false, false},   {"y", false, false}};
     const DomPtr dom = NewRoot();
@@ -136,11 +135,23 @@ TEST(Dom, IntegersAreReadFromWholeDecimalTexts)
         const char* text;
         bool readable;
         std::int64_t value;
-    } rows[] = {{"0", true, 0},        {"-0", true, 0},         {"42", true, 42},     {"-42", true, -42},
-                {"0042", true, 42},    {"", false, 0},          {"-", false, 0},      {"+1", false, 0},
-                {" 1", false, 0},      {"1 ", false, 0},        {"1.0", false, 0},    {"0x10", false, 0},
-                {"1e3", false, 0},     {"true", false, 0},      {"9223372036854775807", true, INT64_MAX},
-                {"-9223372036854775808", true, INT64_MIN},      {"9223372036854775808", false, 0}};
+    } rows[] = {{"0", true, 0},
+                {"-0", true, 0},
+                {"42", true, 42},
+                {"-42", true, -42},
+                {"0042", true, 42},
+                {"", false, 0},
+                {"-", false, 0},
+                {"+1", false, 0},
+                {" 1", false, 0},
+                {"1 ", false, 0},
+                {"1.0", false, 0},
+                {"0x10", false, 0},
+                {"1e3", false, 0},
+                {"true", false, 0},
+                {"9223372036854775807", true, INT64_MAX},
+                {"-9223372036854775808", true, INT64_MIN},
+                {"9223372036854775808", false, 0}};
     const DomPtr dom = NewRoot();
     for (const auto& row : rows) {
         dom->Set("key", row.text);
@@ -483,7 +494,6 @@ TEST(DomWait, TimeIsOver)
 }
 
 namespace {
-
 /// Waits for `key` on this thread while another does `write`, again and again until the wait has ended.
 EWait WaitWhile(const DomPtr& dom, const char* key, const std::function<void(CDom&)>& write, std::int64_t timeoutMs)
 {
@@ -504,12 +514,14 @@ EWait WaitWhile(const DomPtr& dom, const char* key, const std::function<void(CDo
 
 TEST(DomWait, WriteOfTheKeyWakes)
 {
-    EXPECT_EQ(EWait::Written, WaitWhile(NewRoot(), "a.b", [](CDom& dom) { dom.Set("a.b", true); }, -1));
+    EXPECT_EQ(EWait::Written, WaitWhile(
+                                  NewRoot(), "a.b", [](CDom& dom) { dom.Set("a.b", true); }, -1));
 }
 
 TEST(DomWait, WriteBelowTheKeyWakes)
 {
-    EXPECT_EQ(EWait::Written, WaitWhile(NewRoot(), "a", [](CDom& dom) { dom.Set("a.b.c", "x"); }, -1));
+    EXPECT_EQ(EWait::Written, WaitWhile(
+                                  NewRoot(), "a", [](CDom& dom) { dom.Set("a.b.c", "x"); }, -1));
 }
 
 TEST(DomWait, EveryKindOfWriteWakes)
@@ -541,40 +553,48 @@ TEST(DomWait, RemovalWakes)
 
 TEST(DomWait, RemovalOfNothingDoesNotWake)
 {
-    EXPECT_EQ(EWait::TimedOut, WaitWhile(NewRoot(), "a", [](CDom& dom) { dom.Remove("a"); }, 30));
+    EXPECT_EQ(EWait::TimedOut, WaitWhile(
+                                   NewRoot(), "a", [](CDom& dom) { dom.Remove("a"); }, 30));
 }
 
 TEST(DomWait, OtherKeysDoNotWake)
 {
-    EXPECT_EQ(EWait::TimedOut, WaitWhile(NewRoot(), "a.b",
-                                         [](CDom& dom) {
-                                             dom.Set("a", true);
-                                             dom.Set("a.bc", true);
-                                             dom.Set("b", true);
-                                             dom.Set("", true);
-                                         },
-                                         30));
+    EXPECT_EQ(EWait::TimedOut, WaitWhile(
+                                   NewRoot(), "a.b",
+                                   [](CDom& dom) {
+                                       dom.Set("a", true);
+                                       dom.Set("a.bc", true);
+                                       dom.Set("b", true);
+                                       dom.Set("", true);
+                                   },
+                                   30));
 }
 
 TEST(DomWait, EmptyKeyWaitsForAnything)
 {
-    EXPECT_EQ(EWait::Written, WaitWhile(NewRoot(), "", [](CDom& dom) { dom.Set("x.y", true); }, -1));
-    EXPECT_EQ(EWait::Written, WaitWhile(NewRoot(), nullptr, [](CDom& dom) { dom.Set("x.y", true); }, -1));
+    EXPECT_EQ(EWait::Written, WaitWhile(
+                                  NewRoot(), "", [](CDom& dom) { dom.Set("x.y", true); }, -1));
+    EXPECT_EQ(EWait::Written, WaitWhile(
+                                  NewRoot(), nullptr, [](CDom& dom) { dom.Set("x.y", true); }, -1));
 }
 
 TEST(DomWait, WriteThroughAViewWakesARootsWaiterAndBack)
 {
     const DomPtr root = NewRoot();
     const DomPtr view = NewView("a", root);
-    EXPECT_EQ(EWait::Written, WaitWhile(root, "a.b", [&](CDom&) { view->Set("b", true); }, -1));
-    EXPECT_EQ(EWait::Written, WaitWhile(view, "c", [&](CDom&) { root->Set("a.c", true); }, -1));
-    EXPECT_EQ(EWait::TimedOut, WaitWhile(view, "", [&](CDom&) { root->Set("z", true); }, 30));
+    EXPECT_EQ(EWait::Written, WaitWhile(
+                                  root, "a.b", [&](CDom&) { view->Set("b", true); }, -1));
+    EXPECT_EQ(EWait::Written, WaitWhile(
+                                  view, "c", [&](CDom&) { root->Set("a.c", true); }, -1));
+    EXPECT_EQ(EWait::TimedOut, WaitWhile(
+                                   view, "", [&](CDom&) { root->Set("z", true); }, 30));
 }
 
 TEST(DomWait, OtherTreesDoNotWake)
 {
     const DomPtr other = NewRoot();
-    EXPECT_EQ(EWait::TimedOut, WaitWhile(NewRoot(), "a", [&](CDom&) { other->Set("a", true); }, 30));
+    EXPECT_EQ(EWait::TimedOut, WaitWhile(
+                                   NewRoot(), "a", [&](CDom&) { other->Set("a", true); }, 30));
 }
 
 TEST(DomWait, WriteBeforeTheFirstWaitDoesNotCount)

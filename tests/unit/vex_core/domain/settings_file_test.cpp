@@ -61,9 +61,15 @@ TEST(ParseSettings, VariablesAreReplacedAsInTheRestOfTheFile)
         const char* in;
         const char* out;
     } rows[] = {
-        {"$VEX_TEST_X", "value"},       {"${VEX_TEST_X}s", "values"}, {"$(VEX_TEST_X)/a", "value/a"},
-        {"\\$VEX_TEST_X", "$VEX_TEST_X"}, {"$VEX_TEST_NONE", "$VEX_TEST_NONE"}, {"100$", "100$"},
-        {"${VEX_TEST_X", "${VEX_TEST_X"}, {"$", "$"},                   {"$$VEX_TEST_X", "$value"},
+        {"$VEX_TEST_X", "value"},
+        {"${VEX_TEST_X}s", "values"},
+        {"$(VEX_TEST_X)/a", "value/a"},
+        {"\\$VEX_TEST_X", "$VEX_TEST_X"},
+        {"$VEX_TEST_NONE", "$VEX_TEST_NONE"},
+        {"100$", "100$"},
+        {"${VEX_TEST_X", "${VEX_TEST_X"},
+        {"$", "$"},
+        {"$$VEX_TEST_X", "$value"},
         {"a\\b", "a\\b"},
     };
     for (const auto& row : rows)
@@ -71,7 +77,6 @@ TEST(ParseSettings, VariablesAreReplacedAsInTheRestOfTheFile)
 }
 
 namespace {
-
 std::string FindIn(SettingsFile& file, const std::string& path, const char* name)
 {
     std::string value = "none";

@@ -26,7 +26,6 @@ using namespace VexCore;
 using ::Test::SampleEvent;
 
 namespace {
-
 // Lets SQLite's own system calls be counted and fail with those of FailNth.
 class SqliteFaults
 {
@@ -58,14 +57,12 @@ private:
     }
     static int Open(const char* path, int flags, int mode)
     {
-        return ::Test::FailNth::Hit() ? -1
-                                      : RealAs<int (*)(const char*, int, int)>("open")(path, flags, mode);
+        return ::Test::FailNth::Hit() ? -1 : RealAs<int (*)(const char*, int, int)>("open")(path, flags, mode);
     }
     static ssize_t Write(int descriptor, const void* data, size_t size)
     {
-        return ::Test::FailNth::Hit()
-                   ? -1
-                   : RealAs<ssize_t (*)(int, const void*, size_t)>("write")(descriptor, data, size);
+        return ::Test::FailNth::Hit() ? -1
+                                      : RealAs<ssize_t (*)(int, const void*, size_t)>("write")(descriptor, data, size);
     }
     static ssize_t Pwrite(int descriptor, const void* data, size_t size, off_t at)
     {
@@ -122,8 +119,7 @@ protected:
     static int CountOf(const std::string& all, const std::string& text)
     {
         int count = 0;
-        for (std::size_t at = all.find(text + ";"); at != std::string::npos;
-             at = all.find(text + ";", at + 1))
+        for (std::size_t at = all.find(text + ";"); at != std::string::npos; at = all.find(text + ";", at + 1))
             ++count;
         return count;
     }
@@ -131,8 +127,7 @@ protected:
     // In memory where the system has such a place: what is flushed is counted here, not waited for.
     static std::string Base()
     {
-        return std::filesystem::exists("/dev/shm") ? "/dev/shm"
-                                                   : std::filesystem::temp_directory_path().string();
+        return std::filesystem::exists("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path().string();
     }
 
     ::Test::TempFolder m_folder{Base()};
@@ -159,12 +154,12 @@ int InOwnMounts(const std::function<int()>& body)
 }
 
 // What a child of a test checks: its line says which did not hold.
-#define CHILD_CHECK(condition)                                                                               \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            std::printf("line %d: %s\n", __LINE__, #condition);                                              \
-            return 1;                                                                                        \
-        }                                                                                                    \
+#define CHILD_CHECK(condition)                                                                                         \
+    do {                                                                                                               \
+        if (!(condition)) {                                                                                            \
+            std::printf("line %d: %s\n", __LINE__, #condition);                                                        \
+            return 1;                                                                                                  \
+        }                                                                                                              \
     } while (false)
 
 } // namespace
@@ -272,8 +267,7 @@ TEST_F(EventStoreTest, PendingEventsKeepAllTheirFields)
     EXPECT_TRUE(store.StoreKept());
     SqliteDb db;
     ASSERT_TRUE(db.Open(Database(), 0));
-    SqliteStatement row(db,
-                        "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event ORDER BY id");
+    SqliteStatement row(db, "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event ORDER BY id");
     ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
     EXPECT_EQ(row.ColumnInt(0), event.m_timeMillis);
     EXPECT_EQ(row.ColumnInt(1), event.m_timeSeconds);
@@ -351,9 +345,7 @@ TEST_F(EventStoreTest, LineCutShortIsAnErrorLineAndTheOthersAreStored)
     ::Test::LogCapture log;
     EXPECT_EQ(store.Write(SampleEvent("next")), 2);
     EXPECT_EQ(Stored(), "good;next;");
-    EXPECT_EQ(
-        log.Count(wxLOG_Error, "is no event and is left out: <pending key=\"k2\"><agent_event text=\"cut"),
-        1u)
+    EXPECT_EQ(log.Count(wxLOG_Error, "is no event and is left out: <pending key=\"k2\"><agent_event text=\"cut"), 1u)
         << log.All();
     EXPECT_FALSE(Exists(Pending()));
 }
@@ -407,10 +399,9 @@ TEST_F(EventStoreTest, MemoryIsBoundedAndSaysWhatItGivesUp)
         GTEST_SKIP() << "the limit of this build is large";
     EXPECT_EQ(store.InMemory(), EventStore::maxInMemory);
     EXPECT_EQ(log.Count(wxLOG_Error, "Too many agent events"), 2u);
-    EXPECT_NE(
-        shown.find("given up: <agent_event time_ms=\"1700000000123\" time_s=\"1700000000\" number=\"5101\""
-                   " severity=\"5\" text=\"e1\"/>"),
-        std::string::npos)
+    EXPECT_NE(shown.find("given up: <agent_event time_ms=\"1700000000123\" time_s=\"1700000000\" number=\"5101\""
+                         " severity=\"5\" text=\"e1\"/>"),
+              std::string::npos)
         << shown;
 }
 

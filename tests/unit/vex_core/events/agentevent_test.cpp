@@ -12,12 +12,10 @@
 using namespace VexCore;
 
 namespace {
-
 std::string TextOf(const std::string& xml)
 {
     pugi::xml_document document;
-    EXPECT_TRUE(document.load_buffer(xml.data(), xml.size(), pugi::parse_default, pugi::encoding_utf8))
-        << xml;
+    EXPECT_TRUE(document.load_buffer(xml.data(), xml.size(), pugi::parse_default, pugi::encoding_utf8)) << xml;
     return document.child("agent_event").attribute("text").as_string();
 }
 
@@ -65,8 +63,8 @@ TEST(AgentEvent, FieldsOutOfRangeAreIgnored)
 
 TEST(AgentEvent, AnyTextSurvivesAParser)
 {
-    for (const char* text : {"", "<&>\"'", "]]>", "a\tb\nc\rd\r\ne", " blanks ",
-                             "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x99\x82", "&amp;"}) {
+    for (const char* text :
+         {"", "<&>\"'", "]]>", "a\tb\nc\rd\r\ne", " blanks ", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x99\x82", "&amp;"}) {
         const CAgentEvent event = ::Test::SampleEvent(text);
         EXPECT_EQ(TextOf(event.ToXml()), text) << event.ToXml();
         EXPECT_EQ(event.ToXml().find('\n'), std::string::npos) << "one line";

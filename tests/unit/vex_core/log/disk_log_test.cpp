@@ -23,19 +23,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-using testing::HasSubstr;
-using testing::StartsWith;
 using Test::Fork;
 using Test::ReadFile;
 using Test::TempFolder;
 using Test::WaitFor;
 using Test::WriteFile;
+using testing::HasSubstr;
+using testing::StartsWith;
 using VexCore::DiskLog;
 using VexCore::ELogLevel;
 namespace os = VexCore::os;
 
 namespace {
-
 constexpr std::size_t muchMemory = 1 << 20;
 
 using Lines = std::vector<std::string>;
@@ -59,7 +58,8 @@ bool Exists(const std::string& path)
 class ErrorFile
 {
 public:
-    ErrorFile() : m_path(m_folder / "stderr"), m_descriptor(::open(m_path.c_str(), O_RDWR | O_CREAT | O_APPEND, 0600)) {}
+    ErrorFile() : m_path(m_folder / "stderr"), m_descriptor(::open(m_path.c_str(), O_RDWR | O_CREAT | O_APPEND, 0600))
+    {}
     ~ErrorFile() { ::close(m_descriptor); }
     int Descriptor() const { return m_descriptor; }
     std::string Text() const { return ReadFile(m_path); }
@@ -834,7 +834,6 @@ TEST(DiskLog, ThreadsNeverMixTheirRecords)
 }
 
 namespace {
-
 /// What each writer has done, as it says so after each record; in memory that the processes share.
 struct Progress
 {
@@ -885,8 +884,7 @@ TEST(DiskLog, ProcessesThatRotateLoseAndTearNoLineEvenWhenOneIsKilled)
     const TempFolder folder;
     const std::string path = folder / "x.log";
     const DiskLog::Settings settings = Small(full ? 100000 : 300000, 100000);
-    void* const memory
-        = ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void* const memory = ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(MAP_FAILED, memory);
     Progress& progress = *new (memory) Progress;
 

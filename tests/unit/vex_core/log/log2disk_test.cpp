@@ -21,9 +21,6 @@
 #include <unistd.h>
 #include <wx/log.h>
 
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::MatchesRegex;
 using Test::ChildResult;
 using Test::DomPtr;
 using Test::Fork;
@@ -33,12 +30,14 @@ using Test::RunChild;
 using Test::TempFolder;
 using Test::WaitFor;
 using Test::WriteFile;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
 using VexCore::CDom;
 using VexCore::CLog2Disk;
 using VexCore::DiskLog;
 
 namespace {
-
 std::vector<std::string> LinesOf(const std::string& text)
 {
     std::vector<std::string> lines;
@@ -120,9 +119,9 @@ TEST_F(LogToDisk, LevelsHaveTheirWords)
     {
         wxLogLevel level;
         const char* word;
-    } rows[] = {{wxLOG_Error, " ERROR "},    {wxLOG_Warning, " WARNING "}, {wxLOG_Message, " MESSAGE "},
-                {wxLOG_Status, " INFO "},    {wxLOG_Info, " INFO "},       {wxLOG_Debug, " DEBUG "},
-                {wxLOG_Trace, " TRACE "},    {wxLOG_Progress, " DEBUG "},  {wxLOG_User, " INFO "}};
+    } rows[] = {{wxLOG_Error, " ERROR "}, {wxLOG_Warning, " WARNING "}, {wxLOG_Message, " MESSAGE "},
+                {wxLOG_Status, " INFO "}, {wxLOG_Info, " INFO "},       {wxLOG_Debug, " DEBUG "},
+                {wxLOG_Trace, " TRACE "}, {wxLOG_Progress, " DEBUG "},  {wxLOG_User, " INFO "}};
     for (const auto& row : rows) {
         wxLogGeneric(row.level, "text");
         EXPECT_THAT(Lines().back(), HasSubstr(row.word)) << row.level;
@@ -394,7 +393,6 @@ TEST_F(LogToDisk, EarlyLineOfAParentIsNotShownByItsChild)
 // --- standard error
 
 namespace {
-
 /// Runs `body` in a child whose standard error is a terminal and answers what appears on it.
 std::string OnTerminal(const std::function<void()>& body)
 {

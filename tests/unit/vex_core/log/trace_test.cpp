@@ -136,7 +136,8 @@ TEST(Trace, LineHasModuleFunctionPlaceAndMessage)
     VexCore::LogTrace(nullptr, nullptr, 0, nullptr, wxString());
     VexCore::ReplaceProcessLog(nullptr);
     wxLog::SetTimestamp(timeFormat);
-    EXPECT_THAT(ReadFile(folder / "x.log"),
-                testing::MatchesRegex("....-..-.. ..:..:.. TRACE \\[[0-9]+/main\\] Appl OnExit\\(vex/apps/vex/vex:42\\): "
-                                      "message \xC3\xA4 100%\n[^\n]* TRACE [^\n]*\\(:0\\): \n"));
+    EXPECT_THAT(
+        ReadFile(folder / "x.log"),
+        testing::MatchesRegex("....-..-.. ..:..:.. TRACE \\[[0-9]+/main\\] Appl OnExit\\(vex/apps/vex/vex:42\\): "
+                              "message \xC3\xA4 100%\n[^\n]* TRACE [^\n]*\\(:0\\): \n"));
 }

@@ -1,6 +1,6 @@
+#include "support/sanitized.h"
 #include "vex_core/lua/lua_db.h"
 #include "vex_core/lua/lua_host.h"
-#include "support/sanitized.h"
 
 #include "support/address_limit.h"
 #include "support/dom_ptr.h"
@@ -30,7 +30,6 @@
 using namespace VexCore;
 
 namespace {
-
 class LuaHostTest : public testing::Test
 {
 protected:
@@ -70,8 +69,7 @@ protected:
 
 } // namespace
 
-// Files
-// ---------------------------------------------------------------------------------------------------------------
+// --- Files
 
 TEST_F(LuaHostTest, AFolderIsListedSortedWithoutItsDots)
 {
@@ -119,24 +117,21 @@ TEST_F(LuaHostTest, AWrongArgumentIsALuaError)
     EXPECT_NE(Run("return require('vex.fs').list({})").find("string expected"), std::string::npos);
 }
 
-// Host facts
-// ----------------------------------------------------------------------------------------------------------
+// --- Host facts
 
 TEST_F(LuaHostTest, TheSystemIsWhatUnameTells)
 {
     utsname names = {};
     ASSERT_GE(uname(&names), 0);
-    EXPECT_EQ(
-        Run("local s = require('vex.host').system() return s.host .. ' ' .. s.release .. ' ' .. s.machine"),
-        std::string(names.nodename) + " " + names.release + " " + names.machine);
+    EXPECT_EQ(Run("local s = require('vex.host').system() return s.host .. ' ' .. s.release .. ' ' .. s.machine"),
+              std::string(names.nodename) + " " + names.release + " " + names.machine);
 }
 
 TEST_F(LuaHostTest, FactsOfThisHostArePlausible)
 {
     EXPECT_EQ(Run("local up = require('vex.host').uptime() return up == nil or up > 0"), "true");
-    EXPECT_EQ(
-        Run("local load = require('vex.host').load() return load == nil or (#load == 3 and load[1] >= 0)"),
-        "true");
+    EXPECT_EQ(Run("local load = require('vex.host').load() return load == nil or (#load == 3 and load[1] >= 0)"),
+              "true");
     EXPECT_EQ(Run("local m = require('vex.host').memory() return m.total > 0 and m.available > 0 and "
                   "m.available <= m.total"),
               "true");
@@ -186,8 +181,7 @@ TEST_F(LuaHostTest, TheMonotonicClockRuns)
               "true");
 }
 
-// Settings
-// ------------------------------------------------------------------------------------------------------------
+// --- Settings
 
 TEST_F(LuaHostTest, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
 {
@@ -216,17 +210,15 @@ TEST_F(LuaHostTest, WithoutADomainEverySettingIsItsDefault)
     EXPECT_EQ(Run("return require('vex.settings').text('app.name', 'none')"), "none");
 }
 
-// Databases
-// -----------------------------------------------------------------------------------------------------------
+// --- Databases
 
 TEST_F(LuaHostTest, WhatIsStoredIsReadBackWithItsType)
 {
-    EXPECT_EQ(
-        RunDb("assert(db:exec('CREATE TABLE t(a, b, c, d, e)'))"
-              "assert(db:exec('INSERT INTO t VALUES(?,?,?,?,?)', {1, 2.5, 'x\\0y', true, nil}))"
-              "local row = db:rows('SELECT * FROM t')[1]"
-              "return row.a .. ' ' .. row.b .. ' ' .. #row.c .. ' ' .. row.d .. ' ' .. tostring(row.e)"),
-        "1 2.5 3 1 nil");
+    EXPECT_EQ(RunDb("assert(db:exec('CREATE TABLE t(a, b, c, d, e)'))"
+                    "assert(db:exec('INSERT INTO t VALUES(?,?,?,?,?)', {1, 2.5, 'x\\0y', true, nil}))"
+                    "local row = db:rows('SELECT * FROM t')[1]"
+                    "return row.a .. ' ' .. row.b .. ' ' .. #row.c .. ' ' .. row.d .. ' ' .. tostring(row.e)"),
+              "1 2.5 3 1 nil");
 }
 
 TEST_F(LuaHostTest, ParametersMayHaveNames)
@@ -243,7 +235,8 @@ TEST_F(LuaHostTest, ATextThatSqliteRefusesIsAnErrorAndNotNull)
 {
     EXPECT_EQ(RunDb("kept, long = db, string.rep('x', 2^22) assert(db:exec('CREATE TABLE t(a)'))"), "nothing");
     sqlite3_hard_heap_limit64(sqlite3_memory_used() + (1 << 20));
-    const std::string failed = Run("local ok, m = kept:exec('INSERT INTO t VALUES(?)', {long}) return tostring(ok) .. ' ' .. m");
+    const std::string failed =
+        Run("local ok, m = kept:exec('INSERT INTO t VALUES(?)', {long}) return tostring(ok) .. ' ' .. m");
     sqlite3_hard_heap_limit64(0);
     EXPECT_EQ(failed, "nil out of memory");
     EXPECT_EQ(Run("return kept:rows('SELECT count(*) AS n FROM t')[1].n"), "0");
@@ -273,20 +266,21 @@ TEST_F(LuaHostTest, TheFinaliserIsOutOfAScriptsReach)
 
 TEST_F(LuaHostTest, AnIntegerUpTo2To53KeepsEveryDigit)
 {
-    EXPECT_EQ(RunDb("return ('%.0f'):format(db:rows('SELECT ? AS n', {9007199254740992})[1].n)"),
-              "9007199254740992");
+    EXPECT_EQ(RunDb("return ('%.0f'):format(db:rows('SELECT ? AS n', {9007199254740992})[1].n)"), "9007199254740992");
     EXPECT_EQ(RunDb("return db:rows('SELECT typeof(?) AS n', {9007199254740992})[1].n"), "integer");
 }
 
 TEST_F(LuaHostTest, AnIntegerBeyond2To53IsItsDigitsAndGoesBackWhole)
 {
-    EXPECT_EQ(RunDb("assert(db:exec('CREATE TABLE t(n INTEGER)'))\n"
-                    "assert(db:exec('INSERT INTO t VALUES(9007199254740993), (-9223372036854775808)'))\n"
-                    "for _, row in ipairs(db:rows('SELECT n FROM t')) do assert(db:exec('INSERT INTO t VALUES(?)', {row.n})) end\n"
-                    "local told = {}\n"
-                    "for i, row in ipairs(db:rows('SELECT n, typeof(n) AS kind FROM t')) do told[i] = row.n .. row.kind end\n"
-                    "return table.concat(told, ' ')"),
-              "9007199254740993integer -9223372036854775808integer 9007199254740993integer -9223372036854775808integer");
+    EXPECT_EQ(
+        RunDb("assert(db:exec('CREATE TABLE t(n INTEGER)'))\n"
+              "assert(db:exec('INSERT INTO t VALUES(9007199254740993), (-9223372036854775808)'))\n"
+              "for _, row in ipairs(db:rows('SELECT n FROM t')) do assert(db:exec('INSERT INTO t VALUES(?)', {row.n})) "
+              "end\n"
+              "local told = {}\n"
+              "for i, row in ipairs(db:rows('SELECT n, typeof(n) AS kind FROM t')) do told[i] = row.n .. row.kind end\n"
+              "return table.concat(told, ' ')"),
+        "9007199254740993integer -9223372036854775808integer 9007199254740993integer -9223372036854775808integer");
     EXPECT_EQ(RunDb("assert(db:exec('CREATE TABLE u(id INTEGER PRIMARY KEY)'))\n"
                     "assert(db:exec('INSERT INTO u VALUES(9007199254740993)')) return db:last_id()"),
               "9007199254740993");
@@ -302,13 +296,11 @@ TEST_F(LuaHostTest, AStatementThatFailsIsNilAndTheReason)
 
 TEST_F(LuaHostTest, SeveralStatementsRunInOneCallButTakeNoParameters)
 {
-    EXPECT_EQ(
-        RunDb(
-            "return db:exec('CREATE TABLE t(a); INSERT INTO t VALUES(1); INSERT INTO t VALUES(2); -- end')"),
-        "2");
-    EXPECT_NE(RunDb("return db:exec('SELECT ?; SELECT ?', {1})").find("one statement only"),
-              std::string::npos);
-    EXPECT_EQ(RunDb("pcall(db.exec, db, 'INSERT INTO t VALUES(?); SELECT 8', {1}) return db:rows('SELECT count(*) AS n FROM t')[1].n"),
+    EXPECT_EQ(RunDb("return db:exec('CREATE TABLE t(a); INSERT INTO t VALUES(1); INSERT INTO t VALUES(2); -- end')"),
+              "2");
+    EXPECT_NE(RunDb("return db:exec('SELECT ?; SELECT ?', {1})").find("one statement only"), std::string::npos);
+    EXPECT_EQ(RunDb("pcall(db.exec, db, 'INSERT INTO t VALUES(?); SELECT 8', {1}) return db:rows('SELECT count(*) AS n "
+                    "FROM t')[1].n"),
               "2")
         << "what is refused is not done in part";
     EXPECT_EQ(RunDb("return db:exec('INSERT INTO t VALUES(?); -- that is all', {1})"), "1");
@@ -362,8 +354,7 @@ TEST_F(LuaHostTest, ChangesAreFlushedBeforeTheCallReturns)
 
 TEST_F(LuaHostTest, MethodsRefuseWhatIsNoDatabase)
 {
-    EXPECT_NE(RunDb("return db.exec(io.stdout, 'SELECT 1')").find("vex.db.Database expected"),
-              std::string::npos);
+    EXPECT_NE(RunDb("return db.exec(io.stdout, 'SELECT 1')").find("vex.db.Database expected"), std::string::npos);
     EXPECT_NE(RunDb("return db.exec('SELECT 1')").find("vex.db.Database expected"), std::string::npos);
 }
 
@@ -387,8 +378,8 @@ TEST_F(LuaHostTest, ACommitStoresTheEventsThatWaitedForRoom)
         EXPECT_EQ(GetEventStore(work)->InMemory(), 1u);
     };
     Run("db = assert(require('vex.db').open(folder .. '/x.db')) db:exec('CREATE TABLE t(a)')");
-    for (const char* commit : {"db:exec('INSERT INTO t VALUES(1)')",
-                               "db:transaction(function() db:exec('INSERT INTO t VALUES(1)') end)"}) {
+    for (const char* commit :
+         {"db:exec('INSERT INTO t VALUES(1)')", "db:transaction(function() db:exec('INSERT INTO t VALUES(1)') end)"}) {
         keep();
         std::filesystem::create_directory(work);
         Run("db:exec('DELETE FROM t WHERE a = 7')");
@@ -434,8 +425,9 @@ TEST_F(LuaHostTest, AnExceptionOfACallIsAnErrorWithItsText)
     EXPECT_EQ(Run("open, path = require('vex.db').open, string.rep('x', 2^27) collectgarbage()"), "nothing");
 
     const ::Test::AddressLimit allButTheCopy(std::size_t(32) << 20);
-    const std::string result = Run("local ok, message = pcall(open, path) return tostring(ok) .. ' ' .. type(message) .. ' '"
-                                   " .. tostring(message):sub(1, 100)");
+    const std::string result =
+        Run("local ok, message = pcall(open, path) return tostring(ok) .. ' ' .. type(message) .. ' '"
+            " .. tostring(message):sub(1, 100)");
     EXPECT_EQ(result, "false string not enough memory");
 #endif
 }

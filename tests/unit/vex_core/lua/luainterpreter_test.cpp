@@ -12,14 +12,13 @@
 #include <wx/mstream.h>
 #include <wx/sstream.h>
 
-using VexCore::CLuaInterpreter;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
+using VexCore::CLuaInterpreter;
 
 namespace {
-
 /// Allows so many bytes in all.
 struct LimitedAllocator
 {
@@ -212,7 +211,9 @@ TEST_F(LuaInterpreterTest, StackOverflowIsStatusTwo)
     EXPECT_EQ(Run("local function f() return 1 + f() end f()"), 2);
     EXPECT_THAT(Error(), HasSubstr("stack overflow"));
     EXPECT_THAT(Error(), HasSubstr("stack traceback:"));
-    EXPECT_EQ(Run("return string.gsub('x', '.', function() local function f() return pcall(f) end return error('z') end)"), 2);
+    EXPECT_EQ(
+        Run("return string.gsub('x', '.', function() local function f() return pcall(f) end return error('z') end)"),
+        2);
     EXPECT_EQ(Run("local function f() return string.gsub('x', '.', f) end f()"), 2);
     EXPECT_THAT(Error(), HasSubstr("C stack overflow"));
 }
@@ -310,7 +311,8 @@ TEST_F(LuaInterpreterTest, MessageIsNotCutAtAZeroByte)
     Run("error('a\\0b', 0)");
     const wxString message = lua.GetErrorInfo();
     const wxScopedCharBuffer bytes = message.utf8_str();
-    EXPECT_THAT(std::string(bytes.data(), bytes.length()), StartsWith(std::string("a\0b\nstack traceback:\n\t[C]: in", 29)));
+    EXPECT_THAT(std::string(bytes.data(), bytes.length()),
+                StartsWith(std::string("a\0b\nstack traceback:\n\t[C]: in", 29)));
 }
 
 TEST_F(LuaInterpreterTest, ChunkMayRunAnother)
@@ -361,7 +363,8 @@ TEST_F(LuaInterpreterTest, FinaliserThatPrintsLeavesTheRunningPrintAlone)
 
 TEST_F(LuaInterpreterTest, PrintUsesTostringOfTheChunk)
 {
-    EXPECT_EQ(Run("local t = setmetatable({}, {__tostring = function() print('inside') return 'T' end}) print('v', t)"), 0);
+    EXPECT_EQ(Run("local t = setmetatable({}, {__tostring = function() print('inside') return 'T' end}) print('v', t)"),
+              0);
     EXPECT_EQ(output, "inside\nv\tT\n");
     EXPECT_EQ(Run("tostring = function(v) return '<' .. type(v) .. '>' end print('s', 1)"), 0);
     EXPECT_EQ(output, "<string>\t<number>\n");
@@ -395,7 +398,8 @@ TEST_F(LuaInterpreterTest, FailingStreamIsReportedByWrite)
             return 0;
         }
     } full;
-    wxStringInputStream in("print('lost') local ok, why = io.write('lost') assert(ok == nil and type(why) == 'string')");
+    wxStringInputStream in(
+        "print('lost') local ok, why = io.write('lost') assert(ok == nil and type(why) == 'string')");
     EXPECT_EQ(lua.RunScript(in, 0, 0, "full", &full), 0) << Error();
 }
 
@@ -420,7 +424,8 @@ TEST_F(LuaInterpreterTest, OutputOfACoroutineAndOfANestedCallGoesToTheStreamToo)
     ::testing::internal::CaptureStdout();
     wxStringInputStream later("print('after')");
     EXPECT_EQ(lua.RunScript(later, 0, 0, "later", nullptr), 0);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "after\n") << "the stream is only for the chunk that it was given for";
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "after\n")
+        << "the stream is only for the chunk that it was given for";
 }
 
 TEST_F(LuaInterpreterTest, WithoutAStreamOutputIsLuasOwn)

@@ -6,8 +6,8 @@
 #include "vex/core/luainterpreter.h"
 #include "vex/core/openssl.h"
 #include "vex/core/wrap_dom.h"
-#include "vex_core/threads/runnable_p.h"
 #include "vex_core/lua/workers.h"
+#include "vex_core/threads/runnable_p.h"
 
 #include <chrono>
 #include <memory>
@@ -20,14 +20,13 @@
 #include <lua.hpp>
 #include <wx/log.h>
 
-using VexCore::CDom;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
 using ::testing::StartsWith;
+using VexCore::CDom;
 
 namespace {
-
 class WorkerTest : public ::testing::Test
 {
 protected:
@@ -98,7 +97,8 @@ TEST_F(WorkerTest, ArgumentMayBeLeftOut)
 TEST_F(WorkerTest, ErrorIsLoggedWithItsTracebackAndToldByJoin)
 {
     Module("job", "return {run = function() error('broken') end}");
-    EXPECT_THAT(Run("return dom0:StartThread('job'):Join()"), MatchesRegex("true 2 .*job.lua:1: broken\nstack traceback:\n.*"));
+    EXPECT_THAT(Run("return dom0:StartThread('job'):Join()"),
+                MatchesRegex("true 2 .*job.lua:1: broken\nstack traceback:\n.*"));
     EXPECT_THAT(Log(), MatchesRegex("Worker \"job\" failed: .*job.lua:1: broken\nstack traceback:\n.*"));
 }
 
@@ -113,14 +113,17 @@ TEST_F(WorkerTest, ModuleThatIsMissingOrHasNoRunIsAnError)
 {
     EXPECT_THAT(Run("return dom0:StartThread('no.such'):Join()"), HasSubstr("module 'no.such' not found"));
     Module("plain", "return 5");
-    EXPECT_THAT(Run("return dom0:StartThread('plain'):Join()"), HasSubstr("true 2 module 'plain' has no function 'run'"));
+    EXPECT_THAT(Run("return dom0:StartThread('plain'):Join()"),
+                HasSubstr("true 2 module 'plain' has no function 'run'"));
     Module("bad", "return = 1");
     EXPECT_THAT(Run("return dom0:StartThread('bad'):Join()"), HasSubstr("unexpected symbol near '='"));
 }
 
 TEST_F(WorkerTest, StopWakesAWaitAtOnceWithNil)
 {
-    Module("job", "return {run = function() dom0:Set('up', true) dom0:Set('saw', tostring(dom0:Wait('never', math.huge))) end}");
+    Module(
+        "job",
+        "return {run = function() dom0:Set('up', true) dom0:Set('saw', tostring(dom0:Wait('never', math.huge))) end}");
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(Run("local w = dom0:StartThread('job') while not dom0:GetBool('up') do dom0:Wait('up', 1) end\n"
                   "assert(w:Running() and not w:Join(0.01)) w:Stop() return w:Join(10)"),
@@ -132,7 +135,9 @@ TEST_F(WorkerTest, StopWakesAWaitAtOnceWithNil)
 TEST_F(WorkerTest, WriteWakesAWaitAtOnce)
 {
     // The worker's first wait makes sure that no write after it is missed; ours lets it fall asleep in its second.
-    Module("job", "return {run = function() dom0:Wait('go', 0) dom0:Set('up', true) return dom0:Wait('go', 60) and 4 or 5 end}");
+    Module(
+        "job",
+        "return {run = function() dom0:Wait('go', 0) dom0:Set('up', true) return dom0:Wait('go', 60) and 4 or 5 end}");
     EXPECT_EQ(Run("local w = dom0:StartThread('job') while not dom0:GetBool('up') do dom0:Wait('up', 1) end\n"
                   "dom0:Wait('never', 0.05) assert(w:Running()) dom0:Set('go', 1) return w:Join(10)"),
               "true 4");
@@ -140,8 +145,9 @@ TEST_F(WorkerTest, WriteWakesAWaitAtOnce)
 
 TEST_F(WorkerTest, ArgumentThatCannotBeCopiedIsAClearError)
 {
-    const std::string front = "error: test.lua:1: bad argument #2 to 'SLB.Dom:StartThread' (nil, boolean, number, string or a "
-                              "table of them expected, got ";
+    const std::string front =
+        "error: test.lua:1: bad argument #2 to 'SLB.Dom:StartThread' (nil, boolean, number, string or a "
+        "table of them expected, got ";
     EXPECT_EQ(Run("dom0:StartThread('job', print)"), front + "function)");
     EXPECT_EQ(Run("dom0:StartThread('job', {a = {b = {1, dom0}}})"), front + "userdata at .a.b[2])");
     EXPECT_EQ(Run("local t = {} t.x = {t} dom0:StartThread('job', t)"), front + "table that contains itself at .x[1])");
@@ -162,7 +168,8 @@ TEST_F(WorkerTest, NumberKeysAreCopiedWithoutBeingChanged)
 
 TEST_F(WorkerTest, WorkerMayStartAndJoinAnother)
 {
-    Module("outer", "return {run = function() local ok, status = dom0:StartThread('inner', 5):Join() return status + 1 end}");
+    Module("outer",
+           "return {run = function() local ok, status = dom0:StartThread('inner', 5):Join() return status + 1 end}");
     Module("inner", "return {run = function(n) return n end}");
     EXPECT_EQ(Run("return dom0:StartThread('outer'):Join()"), "true 6");
 }
@@ -182,7 +189,8 @@ TEST_F(WorkerTest, CollectedHandleLeavesTheWorkerRunning)
 {
     Module("job", "return {run = function() dom0:Wait('go', 60) dom0:Set('done', true) end}");
     EXPECT_EQ(Run("dom0:StartThread('job') collectgarbage() collectgarbage() dom0:Set('go', 1)\n"
-                  "for i = 1, 100 do if dom0:GetBool('done') then return 'done' end dom0:Set('go', i) dom0:Wait('done', 0.1) end"),
+                  "for i = 1, 100 do if dom0:GetBool('done') then return 'done' end dom0:Set('go', i) "
+                  "dom0:Wait('done', 0.1) end"),
               "done");
 }
 
@@ -215,7 +223,8 @@ TEST_F(WorkerTest, TwoHundredBusyWorkersStartAndStop)
     EXPECT_EQ(Run("local all = {} for n = 1, 200 do all[n] = dom0:StartThread('busy', n) end\n"
                   "dom0:Wait('never', 0.3)\n"
                   "for _, w in ipairs(all) do w:Stop() end\n"
-                  "local sum = 0 for _, w in ipairs(all) do local ended, status = w:Join(60) assert(ended) sum = sum + status end\n"
+                  "local sum = 0 for _, w in ipairs(all) do local ended, status = w:Join(60) assert(ended) sum = sum + "
+                  "status end\n"
                   "return sum"),
               "20100");
     EXPECT_FALSE(VexCore::OtherRunnablesRun());
@@ -225,12 +234,12 @@ TEST_F(WorkerTest, StopOfTheProcessJoinsEveryWorkerThatEnds)
 {
     Module("job", "return {run = function() dom0:Wait('never', 60) end}");
     for (int round = 0; round < 200; ++round) {
-        std::vector<std::weak_ptr<VexCore::CWorker>> workers;
+        std::vector<std::weak_ptr<VexCore::Worker>> workers;
         for (int i = 0; i < 8; ++i)
-            workers.push_back(VexCore::CWorker::Start(*dom, "job", VexCore::LuaValue()));
+            workers.push_back(VexCore::Worker::Start(*dom, "job", VexCore::LuaValue()));
         VexCore::StopAllWorkers(10000);
         VexCore::ReopenWorkers();
-        for (const std::weak_ptr<VexCore::CWorker>& worker : workers)
+        for (const std::weak_ptr<VexCore::Worker>& worker : workers)
             ASSERT_TRUE(worker.expired()) << "left in round " << round;
     }
 }

@@ -16,15 +16,14 @@
 #include <sqlite3.h>
 #include <wx/log.h>
 
-using VexCore::CDom;
 using ::testing::ContainsRegex;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
+using VexCore::CDom;
 
 namespace {
-
 class WrapDomTest : public ::testing::Test
 {
 protected:
@@ -97,8 +96,9 @@ TEST_F(WrapDomTest, GetIntGivesIntegerDefaultOrNil)
     EXPECT_EQ(Run("dom0:GetInt('exact') == 2^53"), "true");
     EXPECT_EQ(Run("dom0:GetInt('none')"), "nil");
     EXPECT_EQ(Run("dom0:GetInt('none', 5)"), "5");
-    EXPECT_EQ(Run("dom0:GetInt('beyond')"), "error: test.lua:1: the value of 'beyond' is beyond 2^53, where Lua numbers "
-                                            "are not exact: read it with Get");
+    EXPECT_EQ(Run("dom0:GetInt('beyond')"),
+              "error: test.lua:1: the value of 'beyond' is beyond 2^53, where Lua numbers "
+              "are not exact: read it with Get");
     EXPECT_EQ(Run("dom0:Get('beyond')"), "9007199254740993");
     dom->SetWx("below", -(std::int64_t(1) << 53) - 1);
     EXPECT_THAT(Run("dom0:GetInt('below')"), HasSubstr("the value of 'below' is beyond 2^53"));
@@ -123,10 +123,12 @@ TEST_F(WrapDomTest, SetWritesByTheTypeOfTheValue)
 
 TEST_F(WrapDomTest, SetRefusesWhatADomainCannotHold)
 {
-    EXPECT_EQ(Run("dom0:Set('k', {})"), "error: test.lua:1: bad argument #2 to 'SLB.Dom:Set' (string, boolean, integer or "
-                                        "nil expected, got table)");
-    EXPECT_EQ(Run("dom0:Set('k', 1.5)"), "error: test.lua:1: bad argument #2 to 'SLB.Dom:Set' (integer expected, got number "
-                                         "with a fraction)");
+    EXPECT_EQ(Run("dom0:Set('k', {})"),
+              "error: test.lua:1: bad argument #2 to 'SLB.Dom:Set' (string, boolean, integer or "
+              "nil expected, got table)");
+    EXPECT_EQ(Run("dom0:Set('k', 1.5)"),
+              "error: test.lua:1: bad argument #2 to 'SLB.Dom:Set' (integer expected, got number "
+              "with a fraction)");
     EXPECT_THAT(Run("dom0:Set('k', 2^63)"), HasSubstr("got number out of range"));
     EXPECT_THAT(Run("dom0:Set('k', 0/0)"), HasSubstr("#2"));
     EXPECT_THAT(Run("dom0:Set('k')"), HasSubstr("got no value"));
@@ -150,12 +152,13 @@ TEST_F(WrapDomTest, HasRemoveAndKeysWalkTheTree)
 
 TEST_F(WrapDomTest, WrongCallsAreClearErrors)
 {
-    EXPECT_EQ(Run("dom0.Get('x')"), "error: test.lua:1: bad argument #0 (self) to 'SLB.Dom:Get' (SLB.Dom expected, got string; "
-                                    "methods are called with ':')");
-    EXPECT_EQ(Run("dom0:Get()"),
-              "error: test.lua:1: bad argument #1 to 'SLB.Dom:Get' (string expected, got no value)");
-    EXPECT_EQ(Run("dom0.Get(io.stdout, 'x')"), "error: test.lua:1: bad argument #0 (self) to 'SLB.Dom:Get' (SLB.Dom expected, "
-                                               "got userdata; methods are called with ':')");
+    EXPECT_EQ(Run("dom0.Get('x')"),
+              "error: test.lua:1: bad argument #0 (self) to 'SLB.Dom:Get' (SLB.Dom expected, got string; "
+              "methods are called with ':')");
+    EXPECT_EQ(Run("dom0:Get()"), "error: test.lua:1: bad argument #1 to 'SLB.Dom:Get' (string expected, got no value)");
+    EXPECT_EQ(Run("dom0.Get(io.stdout, 'x')"),
+              "error: test.lua:1: bad argument #0 (self) to 'SLB.Dom:Get' (SLB.Dom expected, "
+              "got userdata; methods are called with ':')");
     EXPECT_THAT(Run("dom0:Nothing()"), HasSubstr("attempt to call method 'Nothing'"));
 }
 
@@ -163,18 +166,20 @@ TEST_F(WrapDomTest, EveryMethodRefusesAWrongReceiver)
 {
     EXPECT_EQ(Run("(function() local n = 0 for name, method in pairs(getmetatable(dom0).__index) do "
                   "local ok, message = pcall(method, {}) "
-                  "assert(not ok and message:find(\"'SLB.Dom:\" .. name .. \"'\", 1, true), name) n = n + 1 end return n end)()"),
+                  "assert(not ok and message:find(\"'SLB.Dom:\" .. name .. \"'\", 1, true), name) n = n + 1 end return "
+                  "n end)()"),
               "16");
 }
 
 TEST_F(WrapDomTest, EveryMethodWithArgumentsRefusesAWrongFirstOne)
 {
-    EXPECT_EQ(Run("(function() local n = 0 for name, method in pairs(getmetatable(dom0).__index) do "
-                  "if name ~= 'TimeMillis' then local ok, message = pcall(method, dom0, print) "
-                  "local start = \"bad argument #1 to 'SLB.Dom:\" .. name .. \"' (\" "
-                  "assert(not ok and message:find(start, 1, true) and message:find(' expected, got function)', 1, true), "
-                  "name .. ': ' .. tostring(message)) n = n + 1 end end return n end)()"),
-              "15");
+    EXPECT_EQ(
+        Run("(function() local n = 0 for name, method in pairs(getmetatable(dom0).__index) do "
+            "if name ~= 'TimeMillis' then local ok, message = pcall(method, dom0, print) "
+            "local start = \"bad argument #1 to 'SLB.Dom:\" .. name .. \"' (\" "
+            "assert(not ok and message:find(start, 1, true) and message:find(' expected, got function)', 1, true), "
+            "name .. ': ' .. tostring(message)) n = n + 1 end end return n end)()"),
+        "15");
 }
 
 TEST_F(WrapDomTest, WrongFurtherArgumentsAreRefused)
@@ -182,8 +187,9 @@ TEST_F(WrapDomTest, WrongFurtherArgumentsAreRefused)
     EXPECT_THAT(Run("dom0:GetBool('k', 'x')"), HasSubstr("#2 to 'SLB.Dom:GetBool' (boolean expected, got string)"));
     EXPECT_THAT(Run("dom0:Trace('mine', {})"), HasSubstr("#2 to 'SLB.Dom:Trace' (string expected, got table)"));
     EXPECT_THAT(Run("dom0:Log('info', {})"), HasSubstr("#2 to 'SLB.Dom:Log' (string expected, got table)"));
-    EXPECT_THAT(Run("dom0:StartThread('m', print)"), HasSubstr("#2 to 'SLB.Dom:StartThread' (nil, boolean, number, string or a "
-                                                              "table of them expected, got function)"));
+    EXPECT_THAT(Run("dom0:StartThread('m', print)"),
+                HasSubstr("#2 to 'SLB.Dom:StartThread' (nil, boolean, number, string or a "
+                          "table of them expected, got function)"));
 }
 
 TEST_F(WrapDomTest, CollectingEveryReferenceLeavesTheDomain)
@@ -226,10 +232,11 @@ TEST_F(WrapDomTest, LogWritesAllLevelsToTheDiskLog)
             std::fputs(LogFile().c_str(), stderr);
             std::exit(0);
         },
-        ::testing::ExitedWithCode(0), "ERROR \\[[0-9]+/main\\] text 1\n.*WARNING \\[[0-9]+/main\\] text %s\n"
-                                      ".*MESSAGE \\[[0-9]+/main\\] text 3\n.*INFO \\[[0-9]+/main\\] text 4\n"
-                                      ".*DEBUG \\[[0-9]+/main\\] text 5\n"
-                                      ".*WARNING \\[[0-9]+/main\\] a.+b\n");
+        ::testing::ExitedWithCode(0),
+        "ERROR \\[[0-9]+/main\\] text 1\n.*WARNING \\[[0-9]+/main\\] text %s\n"
+        ".*MESSAGE \\[[0-9]+/main\\] text 3\n.*INFO \\[[0-9]+/main\\] text 4\n"
+        ".*DEBUG \\[[0-9]+/main\\] text 5\n"
+        ".*WARNING \\[[0-9]+/main\\] a.+b\n");
 }
 
 TEST_F(WrapDomTest, TraceNamesTheCallingLineOfLua)
@@ -248,17 +255,18 @@ TEST_F(WrapDomTest, TraceNamesTheCallingLineOfLua)
             std::fputs(LogFile().c_str(), stderr);
             std::exit(enabled && LogFile().find("unseen") == std::string::npos ? 0 : 1);
         },
-        ::testing::ExitedWithCode(0), "TRACE \\[[0-9]+/main\\] mine speak\\(test.lua:3\\): seen\n"
-                                        ".* mine author\\(test.lua:3\\): for another\n"
-                                        ".* mine main\\(\\?:0\\): from nowhere\n");
+        ::testing::ExitedWithCode(0),
+        "TRACE \\[[0-9]+/main\\] mine speak\\(test.lua:3\\): seen\n"
+        ".* mine author\\(test.lua:3\\): for another\n"
+        ".* mine main\\(\\?:0\\): from nowhere\n");
     EXPECT_THAT(Run("dom0:Trace('mine', 'x', 'y')"), HasSubstr("#3 to 'SLB.Dom:Trace' (integer expected, got string)"));
 }
 
 TEST_F(WrapDomTest, UnknownLevelIsAnError)
 {
-    EXPECT_EQ(Run("dom0:Log('loud', 'x')"),
-              "error: test.lua:1: bad argument #1 to 'SLB.Dom:Log' (\"error\", \"warning\", \"message\", \"info\" or \"debug\" "
-              "expected, got \"loud\")");
+    EXPECT_EQ(Run("dom0:Log('loud', 'x')"), "error: test.lua:1: bad argument #1 to 'SLB.Dom:Log' (\"error\", "
+                                            "\"warning\", \"message\", \"info\" or \"debug\" "
+                                            "expected, got \"loud\")");
     EXPECT_THAT(Run("dom0:Log('info')"), HasSubstr("#2 to 'SLB.Dom:Log' (string expected, got no value)"));
 }
 
@@ -267,7 +275,8 @@ TEST_F(WrapDomTest, UnknownLevelIsAnError)
 TEST_F(WrapDomTest, AgentEventReturnsItsId)
 {
     EXPECT_EQ(Run("dom0:AgentEvent{number = 7001, severity = 2, text = 'first'} > 0"), "true");
-    EXPECT_EQ(Run("dom0:AgentEvent{number = 7002} > dom0:AgentEvent{number = 7001, severity = 99, text = ''}"), "false");
+    EXPECT_EQ(Run("dom0:AgentEvent{number = 7002} > dom0:AgentEvent{number = 7001, severity = 99, text = ''}"),
+              "false");
 }
 
 TEST_F(WrapDomTest, AgentEventStoresItsFields)
@@ -280,7 +289,8 @@ TEST_F(WrapDomTest, AgentEventStoresItsFields)
         std::string text;
         EXPECT_EQ(sqlite3_open((folder / "events.db").c_str(), &database), SQLITE_OK);
         const std::string query = "SELECT number || ' ' || severity || ' ' || text || '|' || time_ms || ' ' || time_s "
-                                  "FROM agent_event WHERE id = " + wanted;
+                                  "FROM agent_event WHERE id = "
+                                  + wanted;
         EXPECT_EQ(sqlite3_exec(
                       database, query.c_str(),
                       [](void* out, int, char** values, char**) {
@@ -328,21 +338,25 @@ TEST_F(WrapDomTest, ExecuteRunsAProgramWithArguments)
     const wxLogNull quiet; // a code other than 0 is a warning
     EXPECT_EQ(Run("dom0:Execute('/bin/sh', {'-c', 'exit 7'})"), "true  7 ");
     EXPECT_THAT(Run("dom0:Execute('/no/such/program', {})"), MatchesRegex("false  -?[0-9]+ .*/no/such/program.*"));
-    EXPECT_THAT(Run("dom0:Execute('/bin/sleep', {'60'}, {timeout = 0.05})"), MatchesRegex("false  -?[0-9]+ .*/bin/sleep.*"));
+    EXPECT_THAT(Run("dom0:Execute('/bin/sleep', {'60'}, {timeout = 0.05})"),
+                MatchesRegex("false  -?[0-9]+ .*/bin/sleep.*"));
 }
 
 TEST_F(WrapDomTest, ExecuteChecksItsArguments)
 {
     EXPECT_THAT(Run("dom0:Execute()"), HasSubstr("#1 to 'SLB.Dom:Execute' (string expected, got no value)"));
-    EXPECT_THAT(Run("dom0:Execute('x', 'y')"), HasSubstr("#2 to 'SLB.Dom:Execute' (array of strings expected, got string)"));
+    EXPECT_THAT(Run("dom0:Execute('x', 'y')"),
+                HasSubstr("#2 to 'SLB.Dom:Execute' (array of strings expected, got string)"));
     EXPECT_THAT(Run("dom0:Execute('x', {'a', {}})"), HasSubstr("(array of strings expected, got table at [2])"));
     // The system would take the text up to there, and run something else than was asked for.
     EXPECT_THAT(Run("dom0:Execute('/bin/echo\\0x')"), HasSubstr("(string expected, got string with a zero byte)"));
     EXPECT_THAT(Run("dom0:Execute('/bin/echo', {'a', 'b\\0c'})"),
                 HasSubstr("(array of strings expected, got string with a zero byte at [2])"));
     EXPECT_THAT(Run("dom0:Execute('x', {}, 5)"), HasSubstr("#3 to 'SLB.Dom:Execute' (table expected, got number)"));
-    EXPECT_THAT(Run("dom0:Execute('x', {}, {timeout = -1})"), HasSubstr("positive number \"timeout\" expected, got another number"));
-    EXPECT_THAT(Run("dom0:Execute('x', {}, {timeout = '1'})"), HasSubstr("positive number \"timeout\" expected, got string"));
+    EXPECT_THAT(Run("dom0:Execute('x', {}, {timeout = -1})"),
+                HasSubstr("positive number \"timeout\" expected, got another number"));
+    EXPECT_THAT(Run("dom0:Execute('x', {}, {timeout = '1'})"),
+                HasSubstr("positive number \"timeout\" expected, got string"));
 }
 
 TEST_F(WrapDomTest, TimeIsInMilliseconds)

@@ -18,7 +18,6 @@
 using namespace VexCore;
 
 namespace {
-
 std::string OneModule(const std::string& code)
 {
     ::Test::ZipBuilder builder;

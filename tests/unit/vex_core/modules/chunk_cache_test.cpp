@@ -21,7 +21,6 @@ using namespace VexCore;
 using namespace VexCore::ChunkCacheFormat;
 
 namespace {
-
 const std::string key(64, 'a');
 
 std::vector<Item> Items()

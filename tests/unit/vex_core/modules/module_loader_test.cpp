@@ -31,7 +31,6 @@ using testing::Not;
 using testing::StartsWith;
 
 namespace {
-
 using Files = std::vector<std::pair<std::string, std::string>>;
 
 std::string Archive(const Files& files, std::uint16_t method = 8)
@@ -150,10 +149,7 @@ protected:
     }
 
     /// Writes the archive the way an installation does, by renaming, and puts it last on the search path.
-    std::string Add(const std::string& name, const Files& files)
-    {
-        return AddBytes(name, Archive(files));
-    }
+    std::string Add(const std::string& name, const Files& files) { return AddBytes(name, Archive(files)); }
     std::string AddBytes(const std::string& name, const std::string& bytes)
     {
         const std::string path = folder / name;
@@ -220,8 +216,9 @@ TEST_F(ModuleLoaderTest, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
     ::Test::WriteFile(folder / "rest/m.lua", "return 'rest'");
     dom->Set("app.lua.path", (folder / "given") + "/?.lua");
     Lua lua(dom);
-    lua.Run("package.path = '" + (folder / "given/?.lua") + ";" + (folder / "rest/?.lua") + "' "
-            "package.preload.m = function() return 'preload' end");
+    lua.Run("package.path = '" + (folder / "given/?.lua") + ";" + (folder / "rest/?.lua")
+            + "' "
+              "package.preload.m = function() return 'preload' end");
     const std::string again = "package.loaded.m = nil return require 'm'";
     EXPECT_EQ(lua.Run(again), "preload");
     lua.Run("package.preload.m = nil");
@@ -280,7 +277,8 @@ TEST_F(ModuleLoaderTest, ABrokenPlainFileIsAnErrorThatNamesIt)
     ::Test::WriteFile(folder / "m.lua", "return return");
     Lua lua(dom);
     lua.Run("package.path = '" + (folder / "?.lua") + "'");
-    EXPECT_THAT(lua.Run("return require 'm'"), HasSubstr("error loading module 'm' from file '" + (folder / "m.lua") + "'"));
+    EXPECT_THAT(lua.Run("return require 'm'"),
+                HasSubstr("error loading module 'm' from file '" + (folder / "m.lua") + "'"));
 }
 
 TEST_F(ModuleLoaderTest, APathThatIsNoTextIsLuasOwnError)
@@ -317,10 +315,11 @@ TEST_F(ModuleLoaderTest, AModuleThatIsNotFoundListsEveryPlaceInItsOrder)
     dom->Set("app.lua.path", "/given/?.lua");
     Lua lua(dom);
     lua.Run("package.path = '/given/?.lua;/rest/?.lua' package.cpath = '/c/?.so'");
-    EXPECT_THAT(lua.Run("return require 'p.q'"),
-                EndsWith("module 'p.q' not found:\n\tno field package.preload['p.q']\n\tno file '/given/p/q.lua'\n\tno file '" + x
-                         + "/p/q.lua'\n\tno file '" + x + "/p/q/init.lua'\n\tno file '" + y + "/p/q.lua'\n\tno file '" + y
-                         + "/p/q/init.lua'\n\tno file '/rest/p/q.lua'\n\tno file '/c/p/q.so'\n\tno file '/c/p.so'"));
+    EXPECT_THAT(
+        lua.Run("return require 'p.q'"),
+        EndsWith("module 'p.q' not found:\n\tno field package.preload['p.q']\n\tno file '/given/p/q.lua'\n\tno file '"
+                 + x + "/p/q.lua'\n\tno file '" + x + "/p/q/init.lua'\n\tno file '" + y + "/p/q.lua'\n\tno file '" + y
+                 + "/p/q/init.lua'\n\tno file '/rest/p/q.lua'\n\tno file '/c/p/q.so'\n\tno file '/c/p.so'"));
 }
 
 TEST_F(ModuleLoaderTest, AnArchiveTwiceOnThePathIsListedOnce)
@@ -540,8 +539,14 @@ TEST_F(ModuleLoaderTest, OddModuleNamesAreNotFoundAndDoNoHarm)
 
 TEST_F(ModuleLoaderTest, NamesWithAccentsAreFound)
 {
-    const std::string path = Add("pl\xC3\xA4ne.vxe", {{"gr\xC3\xB6\xC3\x9F" "e.lua", "return ({...})[2]"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'gr\xC3\xB6\xC3\x9F" "e'"), path + "/gr\xC3\xB6\xC3\x9F" "e.lua");
+    const std::string path = Add("pl\xC3\xA4ne.vxe", {{"gr\xC3\xB6\xC3\x9F"
+                                                       "e.lua",
+                                                       "return ({...})[2]"}});
+    EXPECT_EQ(Lua(dom).Run("return require 'gr\xC3\xB6\xC3\x9F"
+                           "e'"),
+              path
+                  + "/gr\xC3\xB6\xC3\x9F"
+                    "e.lua");
 }
 
 TEST_F(ModuleLoaderTest, AnEmptySearchPathIsNoError)
@@ -711,14 +716,15 @@ TEST_F(ModuleLoaderTest, FiveHundredArchivesAreOpenedOnceEach)
         const auto slot = ArchiveIndex::Process().Slot(folder / ("x" + std::to_string(i) + ".vxe"));
         open.push_back(slot->Current(ZipLimits(), failure)->Zip(error));
     }
-    EXPECT_EQ(lua.Run("local n = 0 for i = 0, 499 do n = n + require('m' .. i) end return n"), std::to_string(499 * 250));
+    EXPECT_EQ(lua.Run("local n = 0 for i = 0, 499 do n = n + require('m' .. i) end return n"),
+              std::to_string(499 * 250));
     for (int i = 0; i < 500; ++i) {
         const auto slot = ArchiveIndex::Process().Slot(folder / ("x" + std::to_string(i) + ".vxe"));
         EXPECT_EQ(slot->Current(ZipLimits(), failure)->Zip(error), open[std::size_t(i)]);
     }
 }
 
-// The cache -----------------------------------------------------------------------------------------------------------
+// --- The cache
 
 TEST_F(ModuleLoaderTest, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNextTime)
 {
@@ -836,7 +842,6 @@ TEST_F(ModuleLoaderTest, AChangedSettingsFileCountsFromTheNextSecondOn)
 }
 
 namespace {
-
 /// All files below a folder with their sizes.
 std::vector<std::string> WholeTree(const std::string& folder)
 {
@@ -853,7 +858,9 @@ TEST_F(ModuleLoaderTest, NoModuleIsUnpackedToDisk)
 {
     UseCache();
     dom->Set("app.lua.cache", false);
-    Add("x.vxe", {{"a.lua", "return 'a'"}, {"b/init.lua", "return 'b'"}, {"big.lua", "return #'" + std::string(200000, 'x') + "'"}});
+    Add("x.vxe", {{"a.lua", "return 'a'"},
+                  {"b/init.lua", "return 'b'"},
+                  {"big.lua", "return #'" + std::string(200000, 'x') + "'"}});
     Add("bin/vex_core/y.vxe", {{"c.lua", Dumped("return 'c'")}});
     const std::vector<std::string> before = WholeTree(folder.Path());
     ::setenv("TMPDIR", (folder / "work").c_str(), 1);
@@ -870,7 +877,8 @@ TEST_F(ModuleLoaderTest, NoModuleIsUnpackedToDisk)
 TEST_F(ModuleLoaderTest, AModuleOfAbsurdSizeIsAnErrorAndNoMemoryIsSpentOnIt)
 {
     // Well formed, and a thousandth of what it unpacks to.
-    const std::string path = AddBytes("x.vxe", Archive({{"big.lua", "--" + std::string((64 << 20) - 1, 'x')}, {"a.lua", "return 1"}}));
+    const std::string path =
+        AddBytes("x.vxe", Archive({{"big.lua", "--" + std::string((64 << 20) - 1, 'x')}, {"a.lua", "return 1"}}));
     ASSERT_LT(std::filesystem::file_size(path), 200000u);
     Lua lua(dom);
     EXPECT_EQ(lua.Run("require 'big'"), "error: error loading module 'big' from file '" + path

@@ -22,7 +22,6 @@
 using namespace VexCore;
 
 namespace {
-
 struct Result
 {
     bool ran = false;
@@ -37,8 +36,8 @@ Result RunProgram(const std::string& program, const std::vector<std::string>& ar
     for (const std::string& argument : arguments)
         list.Add(wxString::FromUTF8(argument.data(), argument.size()));
     Result result;
-    result.ran = Execute(wxString::FromUTF8(program.c_str()), list, result.output, result.code, result.error,
-                         timeoutMs);
+    result.ran =
+        Execute(wxString::FromUTF8(program.c_str()), list, result.output, result.code, result.error, timeoutMs);
     return result;
 }
 
@@ -50,8 +49,7 @@ Result Shell(const std::string& script, long timeoutMs = 0)
 long ElapsedMs(std::chrono::steady_clock::time_point since)
 {
     return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since)
-            .count());
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count());
 }
 
 // The line of /proc/self/status of a program that we run.
@@ -99,8 +97,7 @@ TEST(Execute, CapturesBothStreamsInTheirOrder)
 
 TEST(Execute, ArgumentsArriveUntouchedByAnyShell)
 {
-    const Result result =
-        RunProgram("/usr/bin/printf", {"[%s]", "a b", "$HOME", "*", "'\"", "", "\xC3\xA4;exit 3"});
+    const Result result = RunProgram("/usr/bin/printf", {"[%s]", "a b", "$HOME", "*", "'\"", "", "\xC3\xA4;exit 3"});
     EXPECT_EQ(result.output, wxString::FromUTF8("[a b][$HOME][*]['\"][][\xC3\xA4;exit 3]"));
 }
 
@@ -145,8 +142,7 @@ TEST(Execute, ProgramThatCannotStartIsFalseWithReason)
     for (const auto& item : cases) {
         const Result result = RunProgram(item.first, {});
         EXPECT_FALSE(result.ran) << item.first;
-        EXPECT_EQ(result.error,
-                  wxString::FromUTF8(("Unable to run '" + item.first + "': " + item.second).c_str()));
+        EXPECT_EQ(result.error, wxString::FromUTF8(("Unable to run '" + item.first + "': " + item.second).c_str()));
         EXPECT_EQ(result.error.find('\n'), wxString::npos);
     }
     EXPECT_TRUE(log.Lines().empty()) << log.All();
@@ -312,7 +308,8 @@ TEST(Execute, ProgramWhoseStatusSomebodyElseTookIsFalseWithReason)
         ::signal(SIGCHLD, SIG_IGN);
         ::Test::WriteFile(folder / "go", "");
     });
-    const Result result = Shell("touch " + (folder / "runs") + "; while [ ! -e " + (folder / "go") + " ]; do sleep 0.01; done");
+    const Result result =
+        Shell("touch " + (folder / "runs") + "; while [ ! -e " + (folder / "go") + " ]; do sleep 0.01; done");
     somebody.join();
     EXPECT_FALSE(result.ran);
     EXPECT_EQ(result.error, "Program '/bin/sh' ended, but somebody else took its status");

@@ -1,8 +1,8 @@
 #include "vex/core/files.h"
 
 #include "support/temp_folder.h"
-#include "vex_core/process/files_p.h"
 #include "vex_core/os/folder_calls.h"
+#include "vex_core/process/files_p.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,7 +20,6 @@ using Test::WriteFile;
 using VexCore::SecureFileOrDirectory;
 
 namespace {
-
 /// Keeps what is logged while it lives.
 class LogCatcher : public wxLog
 {

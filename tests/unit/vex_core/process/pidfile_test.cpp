@@ -20,7 +20,6 @@
 using namespace VexCore;
 
 namespace {
-
 class PidFile : public testing::Test
 {
 protected:
@@ -118,16 +117,14 @@ TEST_F(PidFile, MalformedTextIsNobody)
 
 TEST_F(PidFile, PidBelowTwoOrOutOfRangeIsNobody)
 {
-    for (const char* text :
-         {"0", "1", "2147483648", "4294967298", "18446744073709551618", "18446744073709551615"})
+    for (const char* text : {"0", "1", "2147483648", "4294967298", "18446744073709551618", "18446744073709551615"})
         EXPECT_EQ(ReadText(text), 0) << text;
 }
 
 TEST_F(PidFile, PidAloneIsAccepted)
 {
     const std::string pid = std::to_string(getpid());
-    for (const std::string& text :
-         {pid, pid + "\n", pid + "\r\n", " " + pid + " \n", "000" + pid, pid + "\n\n"})
+    for (const std::string& text : {pid, pid + "\n", pid + "\r\n", " " + pid + " \n", "000" + pid, pid + "\n\n"})
         EXPECT_EQ(ReadText(text), getpid()) << text;
 }
 
@@ -203,8 +200,7 @@ TEST_F(PidFile, TemporaryFileLeftByAKilledNamesakeIsReplaced)
 {
     // The name has a serial number, so the next few are laid.
     for (int serial = 0; serial < 200; ++serial)
-        ::Test::WriteFile(m_path + "." + std::to_string(getpid()) + "." + std::to_string(serial) + ".tmp",
-                          "rubbish");
+        ::Test::WriteFile(m_path + "." + std::to_string(getpid()) + "." + std::to_string(serial) + ".tmp", "rubbish");
     ASSERT_TRUE(Write());
     EXPECT_EQ(Read(), getpid());
 }

@@ -6,8 +6,8 @@
 #include "vex/core/log.h"
 #include "vex/core/luainterpreter.h"
 #include "vex/core/runnable.h"
-#include "vex_core/events/agentevent_store.h"
 #include "vex_core/base/wait.h"
+#include "vex_core/events/agentevent_store.h"
 #include "vex_core/lua/workers.h"
 
 #include <chrono>
@@ -29,7 +29,6 @@
 using namespace VexCore;
 
 namespace {
-
 class Thread : public CRunnable
 {
 public:
@@ -197,7 +196,8 @@ TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
     static const std::string work = folder / "later";
     EXPECT_EXIT(
         {
-            std::atexit([] { std::fputs(std::filesystem::exists(work + "/events.db") ? "stored in time" : "lost", stderr); });
+            std::atexit(
+                [] { std::fputs(std::filesystem::exists(work + "/events.db") ? "stored in time" : "lost", stderr); });
             GetEventStore(work)->Write(CAgentEvent());
             std::filesystem::create_directory(work);
             ExitProcessFromThread(3);

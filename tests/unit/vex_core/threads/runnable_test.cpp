@@ -1,12 +1,12 @@
-#include "vex/core/runnable.h"
 #include "support/sanitized.h"
+#include "vex/core/runnable.h"
 
 #include "support/address_limit.h"
 #include "support/log_catcher.h"
 #include "vex/core/dom.h"
 #include "vex/core/log.h"
-#include "vex_core/threads/runnable_p.h"
 #include "vex_core/base/wait.h"
+#include "vex_core/threads/runnable_p.h"
 
 #include <atomic>
 #include <chrono>
@@ -23,7 +23,6 @@
 using namespace VexCore;
 
 namespace {
-
 class Body : public CRunnable
 {
 public:
@@ -44,13 +43,13 @@ class Gate
 public:
     void Open()
     {
-        const std::lock_guard<std::mutex> lock(m_lock);
+        const std::lock_guard lock(m_lock);
         m_open = true;
         m_changed.notify_all();
     }
     void Pass()
     {
-        std::unique_lock<std::mutex> lock(m_lock);
+        std::unique_lock lock(m_lock);
         m_changed.wait(lock, [this] { return m_open; });
     }
 
@@ -256,7 +255,8 @@ TEST(Runnable, StopAsksThreadsThatTakePartAndNamesThoseThatStay)
         while (!self.TestDestroy())
             WaitPoint::OfThisThread().Sleep(-1);
     };
-    Body first(obedient), second(obedient), third([&](Body&) { stubborn.Pass(); }), outside([&](Body&) { stubborn.Pass(); });
+    Body first(obedient), second(obedient), third([&](Body&) { stubborn.Pass(); }),
+        outside([&](Body&) { stubborn.Pass(); });
     ASSERT_TRUE(first.start(50, true, 0) && second.start(50, true, 0) && third.start(50, true, 0)
                 && outside.start(50, false, 0));
     EXPECT_EQ(EndRegisteredThreads(50), std::vector<std::string>{"TestBody"});

@@ -1,8 +1,8 @@
 // Unzip against real folders: what ends where, what a broken archive or destination changes (nothing), and what every failing
 // call and every kind of race leaves behind.
+#include "support/sanitized.h"
 #include "vex/core/dom.h"
 #include "vex/core/unzip.h"
-#include "support/sanitized.h"
 
 #include "vex_core/os/folder_calls.h"
 
@@ -17,19 +17,19 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
-#include <optional>
 #include <map>
+#include <optional>
 #include <set>
 #include <thread>
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <wx/filename.h>
 #include <wx/filefn.h>
+#include <wx/filename.h>
 #include <wx/zipstrm.h>
 #include <zlib.h>
 
@@ -38,7 +38,6 @@ using namespace Test;
 namespace fs = std::filesystem;
 
 namespace {
-
 /// What a folder holds: path to kind, mode and content.
 std::map<std::string, std::string> Tree(const std::string& root)
 {
@@ -97,8 +96,8 @@ protected:
                               std::string(destination->utf8_str())});
             return c.answer(c.seen.back());
         };
-        return Unzip(wxFileName(wxString::FromUTF8(m_archive)), wxFileName::DirName(wxString::FromUTF8(m_root)), callback,
-                     &context);
+        return Unzip(wxFileName(wxString::FromUTF8(m_archive)), wxFileName::DirName(wxString::FromUTF8(m_root)),
+                     callback, &context);
     }
     bool Run(const ZipBuilder& builder)
     {
@@ -233,8 +232,8 @@ TEST_F(Unzipping, LogLineNamesArchiveEntryAndReasonWithControlCharactersEscaped)
     EXPECT_FALSE(Run(builder));
     ASSERT_EQ(m_log->Lines().size(), 1u);
     EXPECT_EQ(m_log->Lines()[0].text, "Cannot process the archive \"" + m_archive
-                                         + "\": entry \"evil\\x0a2026-01-31 10:20:30 ERROR forged\": "
-                                           "its name has a control character");
+                                          + "\": entry \"evil\\x0a2026-01-31 10:20:30 ERROR forged\": "
+                                            "its name has a control character");
 }
 
 TEST_F(Unzipping, NamesThatAreKeptForTemporaryFilesAreRefused)
@@ -413,8 +412,8 @@ TEST_F(Unzipping, DestinationLeadsToTheFileInEveryCharacterSetOfTheSystem)
             EXPECT_TRUE(wxRemoveFile(*destination)) << destination->utf8_str();
             return false;
         };
-        EXPECT_TRUE(Unzip(wxFileName(wxString::FromUTF8(m_archive)), wxFileName::DirName(wxString::FromUTF8(m_root)), remove,
-                          nullptr));
+        EXPECT_TRUE(Unzip(wxFileName(wxString::FromUTF8(m_archive)), wxFileName::DirName(wxString::FromUTF8(m_root)),
+                          remove, nullptr));
         EXPECT_EQ(Tree(m_root).size(), 1u) << "the folder stays";
         wxConvFileName = before;
     }
@@ -457,10 +456,9 @@ TEST_F(Unzipping, ManyFoldersAndFilesGoThroughAllLimitsOfGroupsAndOpenFolders)
     EXPECT_EQ(m_seen.size(), 300u);
 }
 
-// Every call of the system ------------------------------------------------------------------------
+// --- Every call of the system
 
 namespace {
-
 /// What the doorway's observer does; only one test uses it at a time.
 struct Plan
 {
@@ -527,9 +525,9 @@ protected:
             if (item.local.name.back() != '/')
                 files[item.local.name] = item.local.name.rfind("new/", 0) == 0
                                              ? std::string(3000, char('a' + item.local.name.back() - '0'))
-                                             : item.local.name == "bin/tool" ? "#!/bin/sh\necho tool\n"
-                                             : item.local.name == "lib/a.lua" ? "return 1\n"
-                                                                              : "return 2\n";
+                                         : item.local.name == "bin/tool"  ? "#!/bin/sh\necho tool\n"
+                                         : item.local.name == "lib/a.lua" ? "return 1\n"
+                                                                          : "return 2\n";
         return files;
     }
 
@@ -809,7 +807,6 @@ TEST_F(UnzippingUnderFaults, FileIsFlushedBeforeItIsRenamedAndItsFolderBeforeThe
 }
 
 namespace {
-
 bool IsTemporaryFile(const char* name)
 {
     const std::string text = name ? name : "";
@@ -836,7 +833,8 @@ TEST_F(UnzippingUnderFaults, TemporaryFilesLieBesideTheirFilesAndAreTheOwnersAlo
             EXPECT_TRUE(IsTemporaryFile(call.path)) << call.path;
             EXPECT_EQ(std::string(call.newPath).find('/'), std::string::npos) << call.newPath;
             ASSERT_EQ(::fstatat(call.descriptor, call.path, &status, AT_SYMLINK_NOFOLLOW), 0);
-            EXPECT_EQ(status.st_mode & 07777u, std::string(call.newPath) == "tool" ? 0755u : 0644u) << "the mode comes first";
+            EXPECT_EQ(status.st_mode & 07777u, std::string(call.newPath) == "tool" ? 0755u : 0644u)
+                << "the mode comes first";
         }
     };
     const mode_t before = ::umask(0);
@@ -858,7 +856,8 @@ TEST_F(UnzippingUnderFaults, ListOfTemporaryFilesIsOnStableStorageBeforeTheFirst
         const std::string name = call.name;
         over = over || (name == "openat" && IsTemporaryFile(call.path));
         if (!over && (name == "write" || name == "fsync")) {
-            const std::string file = fs::read_symlink("/proc/self/fd/" + std::to_string(call.descriptor)).filename().string();
+            const std::string file =
+                fs::read_symlink("/proc/self/fd/" + std::to_string(call.descriptor)).filename().string();
             calls.push_back(name + " " + (file.rfind(".vex-unzip-", 0) == 0 ? "list" : file));
         }
     };
@@ -1014,7 +1013,8 @@ TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
     const std::string packed = DeflatePiece(piece);
     for (std::size_t i = 0; i < pieces; ++i) {
         huge.packed += packed;
-        huge.crc32 = std::uint32_t(::crc32(huge.crc32, reinterpret_cast<const Bytef*>(piece.data()), uInt(piece.size())));
+        huge.crc32 =
+            std::uint32_t(::crc32(huge.crc32, reinterpret_cast<const Bytef*>(piece.data()), uInt(piece.size())));
     }
     huge.packed += last;
     for (ZipRecord* const record : {&huge.local, &huge.central}) {
@@ -1048,7 +1048,7 @@ TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
 }
 #endif
 
-// Limits --------------------------------------------------------------------------------------------
+// --- Limits
 
 TEST_F(Unzipping, LimitsComeFromTheDomain)
 {

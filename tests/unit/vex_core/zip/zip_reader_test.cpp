@@ -18,7 +18,6 @@ using namespace VexCore;
 using namespace Test;
 
 namespace {
-
 class ZipReader : public ::testing::Test
 {
 protected:

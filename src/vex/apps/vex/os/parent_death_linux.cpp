@@ -7,9 +7,7 @@
 
 namespace VexOs {
 
-void PrepareToBeFollowed()
-{
-}
+void PrepareToBeFollowed() {}
 
 bool FollowParent(pid_t parent)
 {

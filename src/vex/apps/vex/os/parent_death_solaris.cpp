@@ -14,16 +14,15 @@
 namespace VexOs {
 
 namespace {
-
-int s_readEnd = -1;
-int s_writeEnd = -1;
+int g_readEnd = -1;
+int g_writeEnd = -1;
 
 void* Watch(void*)
 {
     char byte;
     ssize_t got = 0;
     do {
-        got = ::read(s_readEnd, &byte, 1);
+        got = ::read(g_readEnd, &byte, 1);
     } while (got > 0 || (got < 0 && errno == EINTR));
     VexCore::SendSignal(::getpid(), SIGTERM);
     return nullptr;
@@ -50,19 +49,19 @@ void PrepareToBeFollowed()
 {
     // One pipe serves all children, one after the other.
     int ends[2];
-    if (s_readEnd >= 0 || ::pipe(ends) != 0)
+    if (g_readEnd >= 0 || ::pipe(ends) != 0)
         return;
-    s_readEnd = ends[0];
-    s_writeEnd = ends[1];
-    ::fcntl(s_readEnd, F_SETFD, FD_CLOEXEC);
-    ::fcntl(s_writeEnd, F_SETFD, FD_CLOEXEC);
+    g_readEnd = ends[0];
+    g_writeEnd = ends[1];
+    ::fcntl(g_readEnd, F_SETFD, FD_CLOEXEC);
+    ::fcntl(g_writeEnd, F_SETFD, FD_CLOEXEC);
 }
 
 bool FollowParent(pid_t parent)
 {
-    if (s_readEnd >= 0) {
-        ::close(s_writeEnd);
-        s_writeEnd = -1;
+    if (g_readEnd >= 0) {
+        ::close(g_writeEnd);
+        g_writeEnd = -1;
         StartWatch();
     }
     return ::getppid() == parent;

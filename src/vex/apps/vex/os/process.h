@@ -24,10 +24,10 @@ enum class ELock {
 
 /// One process is behind it, so there is one object. Main thread; the calls under "from a signal handler" are safe there.
 /// Calls that fail leave the reason in errno.
-class CSystem
+class SystemCalls
 {
 public:
-    virtual ~CSystem() = default;
+    virtual ~SystemCalls() = default;
 
     // --- ids and time
     virtual pid_t OwnId() = 0; // also from a signal handler
@@ -110,19 +110,19 @@ public:
     virtual void WaitForOtherWorker() = 0;
 
 protected:
-    CSystem() = default;
-    CSystem(const CSystem&) = delete;
-    CSystem& operator=(const CSystem&) = delete;
+    SystemCalls() = default;
+    SystemCalls(const SystemCalls&) = delete;
+    SystemCalls& operator=(const SystemCalls&) = delete;
 
 private:
     virtual void DoExit(int status) = 0;
     virtual void DoExitNow(int status) = 0;
 };
 
-CSystem& System();
+SystemCalls& System();
 
 /// Puts another object behind the doorway, null for the real one. For tests.
-void ReplaceSystem(CSystem* system);
+void ReplaceSystem(SystemCalls* system);
 
 /// Marks every open descriptor above 2 close-on-exec. Any thread.
 void CloseDescriptorsOnExec();

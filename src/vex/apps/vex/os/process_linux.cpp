@@ -10,7 +10,6 @@
 namespace VexOs {
 
 namespace {
-
 // For kernels before 5.11.
 void MarkOneByOne()
 {

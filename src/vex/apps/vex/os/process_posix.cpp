@@ -17,7 +17,6 @@
 namespace VexOs {
 
 namespace {
-
 void ChangeMask(int how, int signal)
 {
     sigset_t set;
@@ -69,7 +68,7 @@ int OpenLockFile(const char* path)
 // Two locks in one file. The instance lock belongs to the open file (flock), so that it survives the forks of the detach; each
 // working child closes it. The worker lock belongs to the process (fcntl), so that a child holds it from its first moment to
 // its end, whatever it forks; that kind is lost when a process closes any descriptor of the file, hence the order below.
-class CPosixSystem : public CSystem
+class PosixSystemCalls : public SystemCalls
 {
 public:
     pid_t OwnId() override { return ::getpid(); }
@@ -280,20 +279,20 @@ private:
     struct sigaction m_hangup = {}; // the starter's, while it is ignored
 };
 
-CSystem* s_replacement = nullptr;
+SystemCalls* g_replacement = nullptr;
 
 } // namespace
 
-CSystem& System()
+SystemCalls& System()
 {
     // Never destroyed: a signal handler may still use it while the process ends.
-    static CSystem& s_system = *new CPosixSystem;
-    return s_replacement ? *s_replacement : s_system;
+    static SystemCalls& s_system = *new PosixSystemCalls;
+    return g_replacement ? *g_replacement : s_system;
 }
 
-void ReplaceSystem(CSystem* system)
+void ReplaceSystem(SystemCalls* system)
 {
-    s_replacement = system;
+    g_replacement = system;
 }
 
 } // namespace VexOs

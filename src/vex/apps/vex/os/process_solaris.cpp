@@ -9,7 +9,6 @@
 namespace VexOs {
 
 namespace {
-
 int Mark(void*, int descriptor)
 {
     if (descriptor > 2)
