@@ -37,18 +37,18 @@ struct CDom::Impl
 {
     using Value = std::variant<std::string, bool, std::int64_t, std::shared_ptr<CDomObject>>;
 
-    mutable std::mutex lock;
-    std::map<std::string, Value> values; // guarded by lock
+    mutable std::mutex m_lock;
+    std::map<std::string, Value> values; // guarded by m_lock
     std::atomic<int> references{1};
 
     void Set(const char* key, Value value)
     {
-        const std::lock_guard lock(lock);
+        const std::lock_guard lock(m_lock);
         values[Key(key)] = std::move(value);
     }
     std::optional<Value> Find(const char* key) const
     {
-        const std::lock_guard lock(lock);
+        const std::lock_guard lock(m_lock);
         const auto found = values.find(Key(key));
         return found == values.end() ? std::nullopt : std::optional<Value>(found->second);
     }
@@ -199,14 +199,14 @@ CDom::EType CDom::TypeOf(const char* key) const
 
 bool CDom::Remove(const char* key)
 {
-    const std::lock_guard lock(m_impl->lock);
+    const std::lock_guard lock(m_impl->m_lock);
     return m_impl->values.erase(Key(key)) > 0;
 }
 
 std::vector<std::string> CDom::Keys(const char* prefix) const
 {
     const std::string below = Key(prefix).empty() ? "" : Key(prefix) + ".";
-    const std::lock_guard lock(m_impl->lock);
+    const std::lock_guard lock(m_impl->m_lock);
     std::vector<std::string> keys;
     for (const auto& item : m_impl->values)
         if (item.first.compare(0, below.size(), below) == 0)

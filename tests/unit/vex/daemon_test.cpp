@@ -27,16 +27,16 @@ using Lines = std::vector<std::string>;
 const char* const PidFile = "/var/run/vx_agent.pid";
 constexpr int ExitThree = 3 << 8;
 
-class Daemon : public testing::Test
+class BackgroundMode : public testing::Test
 {
 protected:
-    Daemon()
+    BackgroundMode()
     {
         FakeCore::Reset();
         m_dom->SetWx("app.path.work", wxString("/work folder"));
         FakeCore::ClearJournal();
     }
-    ~Daemon() override { m_dom->Release(); }
+    ~BackgroundMode() override { m_dom->Release(); }
 
     // The processes up to the supervisor, which `Run` then stands in.
     void DetachToSupervisor() { m_system.forks = {0, 0}; }
@@ -95,7 +95,7 @@ Lines operator+(Lines left, const Lines& right)
 
 // --- single instance
 
-TEST_F(Daemon, StartsWhenThereIsNoPidFile)
+TEST_F(BackgroundMode, StartsWhenThereIsNoPidFile)
 {
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_THAT(Journal(), ElementsAre("ReadPidFile(\"/var/run/vx_agent.pid\")",
@@ -103,13 +103,13 @@ TEST_F(Daemon, StartsWhenThereIsNoPidFile)
                                        "ForkFirstChild()", "PassTermOn(5000)", "Exit(0)"));
 }
 
-TEST_F(Daemon, NamesItsPidFileAfterTheApplication)
+TEST_F(BackgroundMode, NamesItsPidFileAfterTheApplication)
 {
     RunToEnd(wxString::FromUTF8("m\xC3\xBCller agent"));
     EXPECT_EQ(Journal().front(), "ReadPidFile(\"/var/run/m\xC3\xBCller agent.pid\")");
 }
 
-TEST_F(Daemon, ToleratesAPidFileOfADeadProcess)
+TEST_F(BackgroundMode, ToleratesAPidFileOfADeadProcess)
 {
     answers().pidFileAnswers = {12345};
     m_system.ask = -ESRCH;
@@ -119,7 +119,7 @@ TEST_F(Daemon, ToleratesAPidFileOfADeadProcess)
                                         "running.\")"));
 }
 
-TEST_F(Daemon, RefusesToStartBesideALiveInstance)
+TEST_F(BackgroundMode, RefusesToStartBesideALiveInstance)
 {
     answers().pidFileAnswers = {12345};
     const Ended ended = RunToEnd();
@@ -129,7 +129,7 @@ TEST_F(Daemon, RefusesToStartBesideALiveInstance)
                                        "Log(Error, \"/var/run/vx_agent.pid present, exiting\")", "Exit(1)"));
 }
 
-TEST_F(Daemon, TakesAProcessThatMayNotBeSignalledForALiveInstance)
+TEST_F(BackgroundMode, TakesAProcessThatMayNotBeSignalledForALiveInstance)
 {
     answers().pidFileAnswers = {12345};
     m_system.ask = -EPERM;
@@ -137,7 +137,7 @@ TEST_F(Daemon, TakesAProcessThatMayNotBeSignalledForALiveInstance)
     EXPECT_EQ(Count("Log(Error, \"/var/run/vx_agent.pid present, exiting\")"), 1u);
 }
 
-TEST_F(Daemon, CutsALongPidFileNameToTheCharactersThatTheMessagesAllow)
+TEST_F(BackgroundMode, CutsALongPidFileNameToTheCharactersThatTheMessagesAllow)
 {
     const wxString name(wxUniChar('n'), 150);
     answers().pidFileAnswers = {12345, 12345};
@@ -149,7 +149,7 @@ TEST_F(Daemon, CutsALongPidFileNameToTheCharactersThatTheMessagesAllow)
     EXPECT_EQ(Count("Log(Info, \"" + shown + " present (pid=12345), but doesn't seem to be running.\")"), 1u);
 }
 
-TEST_F(Daemon, EndsAsForALiveInstanceWhenAnotherStartHasTheLock)
+TEST_F(BackgroundMode, EndsAsForALiveInstanceWhenAnotherStartHasTheLock)
 {
     m_system.lock = VexOs::ELock::HeldByOther;
     EXPECT_EQ(RunToEnd().status, 1);
@@ -157,7 +157,7 @@ TEST_F(Daemon, EndsAsForALiveInstanceWhenAnotherStartHasTheLock)
     EXPECT_TRUE(Journal({"Fork"}).empty());
 }
 
-TEST_F(Daemon, StartsWithAWarningWhenTheLockCannotBeMade)
+TEST_F(BackgroundMode, StartsWithAWarningWhenTheLockCannotBeMade)
 {
     m_system.lock = VexOs::ELock::Unavailable;
     EXPECT_EQ(RunToEnd().status, 0);
@@ -168,7 +168,7 @@ TEST_F(Daemon, StartsWithAWarningWhenTheLockCannotBeMade)
 
 // --- detach
 
-TEST_F(Daemon, FailsWhenTheFirstForkFails)
+TEST_F(BackgroundMode, FailsWhenTheFirstForkFails)
 {
     m_system.forks = {-EAGAIN};
     EXPECT_EQ(Run(), -1);
@@ -177,7 +177,7 @@ TEST_F(Daemon, FailsWhenTheFirstForkFails)
     EXPECT_TRUE(Journal({"RemoveFile", "WritePidFile", "NewSession"}).empty());
 }
 
-TEST_F(Daemon, TheFirstChildMakesASessionAndEnds)
+TEST_F(BackgroundMode, TheFirstChildMakesASessionAndEnds)
 {
     m_system.forks = {0, 300};
     EXPECT_EQ(RunToEnd().status, 0);
@@ -187,7 +187,7 @@ TEST_F(Daemon, TheFirstChildMakesASessionAndEnds)
                     "ChangeFolder(\"/work folder\")", "WaitForStarter()", "Fork()", "PassTermOn(300)", "Exit(0)"));
 }
 
-TEST_F(Daemon, AStopOfTheStartingProcessGoesOnToItsChild)
+TEST_F(BackgroundMode, AStopOfTheStartingProcessGoesOnToItsChild)
 {
     m_system.forks = {300};
     m_system.onFork = [this] { m_system.SendTerm(FakeSystem::Stranger); };
@@ -195,7 +195,7 @@ TEST_F(Daemon, AStopOfTheStartingProcessGoesOnToItsChild)
     EXPECT_EQ(Journal({"Signal"}), Lines{"SignalProcess(300, TERM)"});
 }
 
-TEST_F(Daemon, AStopOfTheFirstChildGoesOnToTheSupervisor)
+TEST_F(BackgroundMode, AStopOfTheFirstChildGoesOnToTheSupervisor)
 {
     m_system.forks = {0, 301};
     m_system.onFork = [this] { m_system.SendTerm(FakeSystem::Stranger); };
@@ -203,7 +203,7 @@ TEST_F(Daemon, AStopOfTheFirstChildGoesOnToTheSupervisor)
     EXPECT_EQ(Journal({"Signal"}), Lines{"SignalProcess(301, TERM)"});
 }
 
-TEST_F(Daemon, AWorkFolderThatTheLocaleCannotNameIsTheEmptyPath)
+TEST_F(BackgroundMode, AWorkFolderThatTheLocaleCannotNameIsTheEmptyPath)
 {
     const std::string before = std::setlocale(LC_CTYPE, nullptr);
     m_dom->SetWx("app.path.work", wxString::FromUTF8("/caf\xC3\xA9"));
@@ -214,7 +214,7 @@ TEST_F(Daemon, AWorkFolderThatTheLocaleCannotNameIsTheEmptyPath)
     EXPECT_EQ(Count("ChangeFolder(\"\")"), 1u);
 }
 
-TEST_F(Daemon, FailsWhenTheSecondForkFails)
+TEST_F(BackgroundMode, FailsWhenTheSecondForkFails)
 {
     m_system.forks = {0, -EAGAIN};
     EXPECT_EQ(Run(), -1);
@@ -223,7 +223,7 @@ TEST_F(Daemon, FailsWhenTheSecondForkFails)
     EXPECT_TRUE(Journal({"RemoveFile", "WritePidFile"}).empty());
 }
 
-TEST_F(Daemon, TheSupervisorLetsItsStreamsGoBeforeItWritesThePidFile)
+TEST_F(BackgroundMode, TheSupervisorLetsItsStreamsGoBeforeItWritesThePidFile)
 {
     DetachToSupervisor();
     m_system.ChildEnds(0);
@@ -238,7 +238,7 @@ TEST_F(Daemon, TheSupervisorLetsItsStreamsGoBeforeItWritesThePidFile)
                     + GoneLines()));
 }
 
-TEST_F(Daemon, SigtermIsBlockedWhenThePidFileIsWritten)
+TEST_F(BackgroundMode, SigtermIsBlockedWhenThePidFileIsWritten)
 {
     DetachToSupervisor();
     bool blocked = false;
@@ -248,7 +248,7 @@ TEST_F(Daemon, SigtermIsBlockedWhenThePidFileIsWritten)
     EXPECT_TRUE(blocked);
 }
 
-TEST_F(Daemon, GoesOnWithoutAPidFileWhenItCannotBeWritten)
+TEST_F(BackgroundMode, GoesOnWithoutAPidFileWhenItCannotBeWritten)
 {
     DetachToSupervisor();
     answers().writePidFileResult = false;
@@ -256,7 +256,7 @@ TEST_F(Daemon, GoesOnWithoutAPidFileWhenItCannotBeWritten)
     EXPECT_EQ(Run(), 5);
 }
 
-TEST_F(Daemon, AssertsThatNoThreadExistsBeforeItForks)
+TEST_F(BackgroundMode, AssertsThatNoThreadExistsBeforeItForks)
 {
     static int s_asserted = 0;
     s_asserted = 0;
@@ -270,7 +270,7 @@ TEST_F(Daemon, AssertsThatNoThreadExistsBeforeItForks)
 
 // --- the supervisor's children
 
-TEST_F(Daemon, TheWorkingChildComesBackToRunTheApplication)
+TEST_F(BackgroundMode, TheWorkingChildComesBackToRunTheApplication)
 {
     m_system.forks = {0, 0, 0};
     EXPECT_EQ(Run(), std::nullopt);
@@ -279,7 +279,7 @@ TEST_F(Daemon, TheWorkingChildComesBackToRunTheApplication)
     EXPECT_EQ(Count("BlockChild()"), 0u);
 }
 
-TEST_F(Daemon, ARestartedChildInheritsTheSupervisorsSignals)
+TEST_F(BackgroundMode, ARestartedChildInheritsTheSupervisorsSignals)
 {
     m_system.forks = {0, 0, 700, 0};
     m_system.ChildEnds(SIGKILL);
@@ -289,7 +289,7 @@ TEST_F(Daemon, ARestartedChildInheritsTheSupervisorsSignals)
     EXPECT_EQ(Count("BlockChild()"), 1u);
 }
 
-TEST_F(Daemon, HandsTheChildsExitCodeOn)
+TEST_F(BackgroundMode, HandsTheChildsExitCodeOn)
 {
     for (const int code : {0, 1, 2, 4, 255}) {
         FakeCore::ClearJournal();
@@ -300,7 +300,7 @@ TEST_F(Daemon, HandsTheChildsExitCodeOn)
     }
 }
 
-TEST_F(Daemon, EndsWithZeroWhenTheChildWasKilledBySigterm)
+TEST_F(BackgroundMode, EndsWithZeroWhenTheChildWasKilledBySigterm)
 {
     DetachToSupervisor();
     m_system.ChildEnds(SIGTERM);
@@ -308,7 +308,7 @@ TEST_F(Daemon, EndsWithZeroWhenTheChildWasKilledBySigterm)
     EXPECT_EQ(Journal({"RemoveFile"}), Lines{"RemoveFile(\"/var/run/vx_agent.pid\")"});
 }
 
-TEST_F(Daemon, RestartsAKilledChildAfterADelay)
+TEST_F(BackgroundMode, RestartsAKilledChildAfterADelay)
 {
     DetachToSupervisor();
     m_system.ChildEnds(SIGKILL);
@@ -322,7 +322,7 @@ TEST_F(Daemon, RestartsAKilledChildAfterADelay)
                                  + GoneLines()));
 }
 
-TEST_F(Daemon, ACrashAfterMoreThanTheSpanRestartsWithoutDelay)
+TEST_F(BackgroundMode, ACrashAfterMoreThanTheSpanRestartsWithoutDelay)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
@@ -335,7 +335,7 @@ TEST_F(Daemon, ACrashAfterMoreThanTheSpanRestartsWithoutDelay)
     EXPECT_EQ(Journal({"Log(Error"}).size(), 1u);
 }
 
-TEST_F(Daemon, RefusesTheNinthStartInTheSpan)
+TEST_F(BackgroundMode, RefusesTheNinthStartInTheSpan)
 {
     DetachToSupervisor();
     for (int i = 0; i < 8; ++i)
@@ -351,7 +351,7 @@ TEST_F(Daemon, RefusesTheNinthStartInTheSpan)
                + GoneLines()));
 }
 
-TEST_F(Daemon, CountsStartsFromBeforeTheirDelay)
+TEST_F(BackgroundMode, CountsStartsFromBeforeTheirDelay)
 {
     // The second start is noted at second 0 of its delay of 1 s, so that it leaves the span a second earlier.
     DetachToSupervisor();
@@ -365,7 +365,7 @@ TEST_F(Daemon, CountsStartsFromBeforeTheirDelay)
     EXPECT_THAT(Journal({"Sleep"}), ElementsAre("Sleep(1000)")) << "512 s after both notes nothing counts";
 }
 
-TEST_F(Daemon, RefusesTheFirstStartWhenTheSpansBeginLeavesThirtyTwoBits)
+TEST_F(BackgroundMode, RefusesTheFirstStartWhenTheSpansBeginLeavesThirtyTwoBits)
 {
     DetachToSupervisor();
     m_system.now = std::int64_t(std::numeric_limits<std::int32_t>::max()) + 513;
@@ -374,7 +374,7 @@ TEST_F(Daemon, RefusesTheFirstStartWhenTheSpansBeginLeavesThirtyTwoBits)
     EXPECT_EQ(Journal({"RemoveFile"}).size(), 1u);
 }
 
-TEST_F(Daemon, FailsWhenTheChildCannotBeForked)
+TEST_F(BackgroundMode, FailsWhenTheChildCannotBeForked)
 {
     m_system.forks = {0, 0, -EAGAIN};
     EXPECT_EQ(Run(), -1);
@@ -384,7 +384,7 @@ TEST_F(Daemon, FailsWhenTheChildCannotBeForked)
     EXPECT_EQ(Lines(lines.begin() + 3, lines.end()), GoneLines());
 }
 
-TEST_F(Daemon, WaitsAgainWhenTheWaitIsInterrupted)
+TEST_F(BackgroundMode, WaitsAgainWhenTheWaitIsInterrupted)
 {
     DetachToSupervisor();
     m_system.waits.push_back([] { return -EINTR; });
@@ -395,7 +395,7 @@ TEST_F(Daemon, WaitsAgainWhenTheWaitIsInterrupted)
     EXPECT_EQ(Count("Wait(5000)"), 3u);
 }
 
-TEST_F(Daemon, FailsWhenItCannotWaitForTheChild)
+TEST_F(BackgroundMode, FailsWhenItCannotWaitForTheChild)
 {
     DetachToSupervisor();
     m_system.waits.push_back([] { return -ECHILD; });
@@ -407,7 +407,7 @@ TEST_F(Daemon, FailsWhenItCannotWaitForTheChild)
 
 // --- driver
 
-TEST_F(Daemon, StopsTheDriverBeforeEachRestartAfterExitThree)
+TEST_F(BackgroundMode, StopsTheDriverBeforeEachRestartAfterExitThree)
 {
     DetachToSupervisor();
     m_system.executable = true;
@@ -428,7 +428,7 @@ TEST_F(Daemon, StopsTheDriverBeforeEachRestartAfterExitThree)
                     + GoneLines()));
 }
 
-TEST_F(Daemon, SaysWhyTheDriverCouldNotBeStoppedAndRestarts)
+TEST_F(BackgroundMode, SaysWhyTheDriverCouldNotBeStoppedAndRestarts)
 {
     DetachToSupervisor();
     m_system.executable = true;
@@ -441,7 +441,7 @@ TEST_F(Daemon, SaysWhyTheDriverCouldNotBeStoppedAndRestarts)
     EXPECT_EQ(Count("ForkWorker()"), 2u);
 }
 
-TEST_F(Daemon, RunsNoDriverScriptThatIsNotExecutable)
+TEST_F(BackgroundMode, RunsNoDriverScriptThatIsNotExecutable)
 {
     DetachToSupervisor();
     m_system.ChildEnds(ExitThree);
@@ -451,7 +451,7 @@ TEST_F(Daemon, RunsNoDriverScriptThatIsNotExecutable)
     EXPECT_EQ(Count("ForkWorker()"), 2u);
 }
 
-TEST_F(Daemon, StopsNoDriverAfterAnyOtherEnd)
+TEST_F(BackgroundMode, StopsNoDriverAfterAnyOtherEnd)
 {
     DetachToSupervisor();
     m_system.executable = true;
@@ -463,7 +463,7 @@ TEST_F(Daemon, StopsNoDriverAfterAnyOtherEnd)
 
 // --- SIGTERM
 
-TEST_F(Daemon, TheFirstSigtermTakesThePidFileAwayAndStopsTheGroup)
+TEST_F(BackgroundMode, TheFirstSigtermTakesThePidFileAwayAndStopsTheGroup)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
@@ -481,7 +481,7 @@ TEST_F(Daemon, TheFirstSigtermTakesThePidFileAwayAndStopsTheGroup)
         << "the file that may stand there by then is another instance's";
 }
 
-TEST_F(Daemon, ALaterSigtermEndsTheSupervisorAtOnceWithZero)
+TEST_F(BackgroundMode, ALaterSigtermEndsTheSupervisorAtOnceWithZero)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
@@ -496,7 +496,7 @@ TEST_F(Daemon, ALaterSigtermEndsTheSupervisorAtOnceWithZero)
     EXPECT_THAT(Journal(), ElementsAre("SignalOwnGroup(TERM)", "ExitNow(0)"));
 }
 
-TEST_F(Daemon, ASigtermOfItsOwnIsIgnored)
+TEST_F(BackgroundMode, ASigtermOfItsOwnIsIgnored)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
@@ -512,7 +512,7 @@ TEST_F(Daemon, ASigtermOfItsOwnIsIgnored)
     EXPECT_EQ(Count("ForkWorker()"), 1u) << "it is no stop: a killed child is restarted";
 }
 
-TEST_F(Daemon, PassSignalDoesNothingInAProcessThatIsNotTheSupervisor)
+TEST_F(BackgroundMode, PassSignalDoesNothingInAProcessThatIsNotTheSupervisor)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
@@ -526,7 +526,7 @@ TEST_F(Daemon, PassSignalDoesNothingInAProcessThatIsNotTheSupervisor)
     EXPECT_EQ(Run(), 0);
 }
 
-TEST_F(Daemon, PassSignalKeepsErrno)
+TEST_F(BackgroundMode, PassSignalKeepsErrno)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
@@ -538,7 +538,7 @@ TEST_F(Daemon, PassSignalKeepsErrno)
     EXPECT_EQ(Run(), 0);
 }
 
-TEST_F(Daemon, OutsideOfItsOwnGroupItStopsTheChildAlone)
+TEST_F(BackgroundMode, OutsideOfItsOwnGroupItStopsTheChildAlone)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
@@ -551,7 +551,7 @@ TEST_F(Daemon, OutsideOfItsOwnGroupItStopsTheChildAlone)
     EXPECT_EQ(Journal({"Signal"}), Lines{"SignalProcess(5000, TERM)"});
 }
 
-TEST_F(Daemon, AStopBetweenPidFileAndHandlerReachesTheFirstChild)
+TEST_F(BackgroundMode, AStopBetweenPidFileAndHandlerReachesTheFirstChild)
 {
     DetachToSupervisor();
     answers().onWritePidFile = [this](const wxString&) { m_system.SendTerm(FakeSystem::Stranger); };
@@ -562,7 +562,7 @@ TEST_F(Daemon, AStopBetweenPidFileAndHandlerReachesTheFirstChild)
                             "SignalOwnGroup(TERM)", "Wait(5000)"));
 }
 
-TEST_F(Daemon, AStopDuringARestartsForkReachesTheNewChild)
+TEST_F(BackgroundMode, AStopDuringARestartsForkReachesTheNewChild)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
@@ -575,7 +575,7 @@ TEST_F(Daemon, AStopDuringARestartsForkReachesTheNewChild)
     EXPECT_EQ(Count("SignalOwnGroup(TERM)"), 1u);
 }
 
-TEST_F(Daemon, AStopInADelayEndsAtOnceWithZero)
+TEST_F(BackgroundMode, AStopInADelayEndsAtOnceWithZero)
 {
     DetachToSupervisor();
     m_system.ChildEnds(SIGKILL);
@@ -589,7 +589,7 @@ TEST_F(Daemon, AStopInADelayEndsAtOnceWithZero)
     EXPECT_THAT(Journal(), ElementsAreArray(GoneLines() + Lines{"SignalOwnGroup(TERM)", "ExitNow(0)"}));
 }
 
-TEST_F(Daemon, AStopDuringTheDriversStopEndsAtOnceWithZero)
+TEST_F(BackgroundMode, AStopDuringTheDriversStopEndsAtOnceWithZero)
 {
     DetachToSupervisor();
     m_system.executable = true;
@@ -603,7 +603,7 @@ TEST_F(Daemon, AStopDuringTheDriversStopEndsAtOnceWithZero)
     EXPECT_EQ(Journal({"RemoveFile"}).size(), 1u);
 }
 
-TEST_F(Daemon, AfterAHandledSigtermNoFurtherChildIsStarted)
+TEST_F(BackgroundMode, AfterAHandledSigtermNoFurtherChildIsStarted)
 {
     for (const int status : {int(SIGKILL), int(SIGSEGV), 0x137f}) {
         FakeCore::ClearJournal();
@@ -617,7 +617,7 @@ TEST_F(Daemon, AfterAHandledSigtermNoFurtherChildIsStarted)
     }
 }
 
-TEST_F(Daemon, AfterAHandledSigtermExitThreeStillStopsTheDriver)
+TEST_F(BackgroundMode, AfterAHandledSigtermExitThreeStillStopsTheDriver)
 {
     DetachToSupervisor();
     m_system.executable = true;
@@ -630,7 +630,7 @@ TEST_F(Daemon, AfterAHandledSigtermExitThreeStillStopsTheDriver)
     EXPECT_EQ(Count("ForkWorker()"), 1u);
 }
 
-TEST_F(Daemon, AStopWhileItEndsLeavesTheFileOfANewInstanceAlone)
+TEST_F(BackgroundMode, AStopWhileItEndsLeavesTheFileOfANewInstanceAlone)
 {
     DetachToSupervisor();
     m_system.ChildEnds(0);
@@ -640,7 +640,7 @@ TEST_F(Daemon, AStopWhileItEndsLeavesTheFileOfANewInstanceAlone)
     EXPECT_THAT(Journal(), ElementsAre("SignalOwnGroup(TERM)", "ExitNow(0)"));
 }
 
-TEST_F(Daemon, AStopWhileItTakesItsPidFileAwayLeavesNoFile)
+TEST_F(BackgroundMode, AStopWhileItTakesItsPidFileAwayLeavesNoFile)
 {
     DetachToSupervisor();
     m_system.ChildEnds(5 << 8);
@@ -652,7 +652,7 @@ TEST_F(Daemon, AStopWhileItTakesItsPidFileAwayLeavesNoFile)
                 ElementsAreArray(GoneLines() + Lines{"ExitNow(0)"}));
 }
 
-TEST_F(Daemon, AStopAfterAFailedWaitLeavesNoFileAndEndsAtOnce)
+TEST_F(BackgroundMode, AStopAfterAFailedWaitLeavesNoFileAndEndsAtOnce)
 {
     DetachToSupervisor();
     m_system.waits.push_back([] { return -ECHILD; });
@@ -662,7 +662,7 @@ TEST_F(Daemon, AStopAfterAFailedWaitLeavesNoFileAndEndsAtOnce)
                 ElementsAreArray(GoneLines() + Lines{"ExitNow(0)"}));
 }
 
-TEST_F(Daemon, KeepsTheNameOfThePidFileForTheHandler)
+TEST_F(BackgroundMode, KeepsTheNameOfThePidFileForTheHandler)
 {
     DetachToSupervisor();
     m_system.ChildEnds(0);
@@ -670,7 +670,7 @@ TEST_F(Daemon, KeepsTheNameOfThePidFileForTheHandler)
     EXPECT_EQ(g_pidFileName, PidFile);
 }
 
-TEST_F(Daemon, ANameThatIsTooLongForAFileLeavesTheHandlerNothingToRemove)
+TEST_F(BackgroundMode, ANameThatIsTooLongForAFileLeavesTheHandlerNothingToRemove)
 {
     DetachToSupervisor();
     m_system.ChildEnds(0);
@@ -680,7 +680,7 @@ TEST_F(Daemon, ANameThatIsTooLongForAFileLeavesTheHandlerNothingToRemove)
 
 // --- an earlier start's child
 
-TEST_F(Daemon, WaitsForTheChildOfAnEarlierStartBeforeItsFirst)
+TEST_F(BackgroundMode, WaitsForTheChildOfAnEarlierStartBeforeItsFirst)
 {
     DetachToSupervisor();
     m_system.otherWorker = 811;
@@ -697,7 +697,7 @@ TEST_F(Daemon, WaitsForTheChildOfAnEarlierStartBeforeItsFirst)
             + StartLines(0) + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"} + GoneLines()));
 }
 
-TEST_F(Daemon, AStopWhileItWaitsForAnEarlierStartsChildEndsAtOnceWithZero)
+TEST_F(BackgroundMode, AStopWhileItWaitsForAnEarlierStartsChildEndsAtOnceWithZero)
 {
     DetachToSupervisor();
     m_system.otherWorker = 811;
@@ -707,7 +707,7 @@ TEST_F(Daemon, AStopWhileItWaitsForAnEarlierStartsChildEndsAtOnceWithZero)
     EXPECT_EQ(Journal({"RemoveFile"}).size(), 1u);
 }
 
-TEST_F(Daemon, WithoutALockItDoesNotLookForAnEarlierStartsChild)
+TEST_F(BackgroundMode, WithoutALockItDoesNotLookForAnEarlierStartsChild)
 {
     DetachToSupervisor();
     m_system.lock = VexOs::ELock::Unavailable;
@@ -719,7 +719,7 @@ TEST_F(Daemon, WithoutALockItDoesNotLookForAnEarlierStartsChild)
 
 // --- endurance
 
-TEST_F(Daemon, TenThousandRestartsKeepTheRules)
+TEST_F(BackgroundMode, TenThousandRestartsKeepTheRules)
 {
     DetachToSupervisor();
     for (int i = 0; i < 10000; ++i)

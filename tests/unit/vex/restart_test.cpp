@@ -177,7 +177,7 @@ std::string SignalText(const char* verb, int status, int signal, const char* nam
            + name + ")";
 }
 
-class ChildEnd : public testing::TestWithParam<Row>
+class EndOfAChild : public testing::TestWithParam<Row>
 {};
 
 std::vector<Row> Rows()
@@ -236,7 +236,7 @@ std::vector<Row> Rows()
 
 } // namespace
 
-TEST_P(ChildEnd, IsReportedAndActedOn)
+TEST_P(EndOfAChild, IsReportedAndActedOn)
 {
     const Row& row = GetParam();
     const ChildEnd end = JudgeChildEnd(row.status, row.name, row.stopping);
@@ -246,7 +246,7 @@ TEST_P(ChildEnd, IsReportedAndActedOn)
     EXPECT_EQ(end.status, row.code);
 }
 
-INSTANTIATE_TEST_SUITE_P(Row, ChildEnd, testing::ValuesIn(Rows()), [](const testing::TestParamInfo<Row>& parameter) {
+INSTANTIATE_TEST_SUITE_P(Row, EndOfAChild, testing::ValuesIn(Rows()), [](const testing::TestParamInfo<Row>& parameter) {
     return std::string(parameter.param.what) + "_" + std::to_string(parameter.index);
 });
 
