@@ -1,7 +1,7 @@
 #include "fixture.h"
 
 namespace {
-class ClassTest : public BinderTest
+class BoundClass : public Binder
 {
 protected:
     int Metatable()
@@ -11,7 +11,7 @@ protected:
     }
 };
 
-TEST_F(ClassTest, MetatableHasItsThreeFields)
+TEST_F(BoundClass, MetatableHasItsThreeFields)
 {
     const int metatable = Metatable();
     lua_getfield(L, metatable, "__class");
@@ -26,7 +26,7 @@ TEST_F(ClassTest, MetatableHasItsThreeFields)
     EXPECT_FALSE(lua_next(L, -2)) << "the class table's own metatable is empty";
 }
 
-TEST_F(ClassTest, ClassInformationIsNoted)
+TEST_F(BoundClass, ClassInformationIsNoted)
 {
     const SLB3::internal::ClassInfo* info = SLB3::internal::FindClassInfo(L, Metatable());
     ASSERT_TRUE(info);
@@ -36,7 +36,7 @@ TEST_F(ClassTest, ClassInformationIsNoted)
     EXPECT_TRUE(SLB3::internal::ClassIsDefined(L, -1));
 }
 
-TEST_F(ClassTest, DefinitionIsUnfinishedUntilItsEnd)
+TEST_F(BoundClass, DefinitionIsUnfinishedUntilItsEnd)
 {
     luaL_newmetatable(L, "Bank.Other");
     const int top = lua_gettop(L);
@@ -48,7 +48,7 @@ TEST_F(ClassTest, DefinitionIsUnfinishedUntilItsEnd)
     EXPECT_EQ(lua_gettop(L), top);
 }
 
-TEST_F(ClassTest, SecondUseDoesNotDefineAgain)
+TEST_F(BoundClass, SecondUseDoesNotDefineAgain)
 {
     SLB3::PushMetatable<Account>(L);
     lua_getfield(L, -1, "__index");
@@ -60,7 +60,7 @@ TEST_F(ClassTest, SecondUseDoesNotDefineAgain)
     EXPECT_EQ(lua_tointeger(L, -1), 7);
 }
 
-TEST_F(ClassTest, UnknownMetatableHasNoInformation)
+TEST_F(BoundClass, UnknownMetatableHasNoInformation)
 {
     lua_newtable(L);
     EXPECT_EQ(SLB3::internal::FindClassInfo(L, -1), nullptr);
@@ -68,7 +68,7 @@ TEST_F(ClassTest, UnknownMetatableHasNoInformation)
 }
 
 #ifndef NDEBUG
-TEST_F(ClassTest, MetatableThatIsNoTableIsAProgrammingError)
+TEST_F(BoundClass, MetatableThatIsNoTableIsAProgrammingError)
 {
     lua_pushinteger(L, 1);
     EXPECT_DEATH(SLB3::internal::Class<Other>(L, lua_gettop(L)), "Invalid metatable");

@@ -1,9 +1,9 @@
 #include "fixture.h"
 
 namespace {
-using ErrorTest = BinderTest;
+using ErrorInLua = Binder;
 
-TEST_F(ErrorTest, ExceptionBecomesAnErrorWithItsTextAndPlace)
+TEST_F(ErrorInLua, ExceptionBecomesAnErrorWithItsTextAndPlace)
 {
     EXPECT_EQ(Run("account:Throw()"), "error: test:1: vault is shut");
     EXPECT_EQ(Run("account:ThrowText()"), "error: test:1: text thrown");
@@ -11,12 +11,12 @@ TEST_F(ErrorTest, ExceptionBecomesAnErrorWithItsTextAndPlace)
     EXPECT_EQ(Run("account:ThrowOdd()"), "error: test:1: C++ exception of type i");
 }
 
-TEST_F(ErrorTest, ErrorOfLuaItselfPassesUntouched)
+TEST_F(ErrorInLua, ErrorOfLuaItselfPassesUntouched)
 {
     EXPECT_EQ(Run("account:RaiseFromLua()"), "error: test:1: raised by Lua");
 }
 
-TEST_F(ErrorTest, ErrorOfLuaUnwindsTheFramesOnItsWay)
+TEST_F(ErrorInLua, ErrorOfLuaUnwindsTheFramesOnItsWay)
 {
     // A Lua that was built as C jumps over them: destructors would not run, and locks and memory would stay taken.
     static int alive;
@@ -38,7 +38,7 @@ TEST_F(ErrorTest, ErrorOfLuaUnwindsTheFramesOnItsWay)
     EXPECT_EQ(alive, 0);
 }
 
-TEST_F(ErrorTest, LongExceptionTextIsCut)
+TEST_F(ErrorInLua, LongExceptionTextIsCut)
 {
     struct Long : std::exception
     {
@@ -54,7 +54,7 @@ TEST_F(ErrorTest, LongExceptionTextIsCut)
     EXPECT_EQ(std::string(text), std::string(SLB3::internal::ExceptionTextBytes - 1, 'x'));
 }
 
-TEST_F(ErrorTest, StackIsBalancedAfterErrors)
+TEST_F(ErrorInLua, StackIsBalancedAfterErrors)
 {
     const int top = lua_gettop(L);
     for (int i = 0; i < 1000; ++i) {

@@ -115,16 +115,16 @@ struct Wrapper<Other>
 };
 } // namespace SLB3
 
-class BinderTest : public ::testing::Test
+class Binder : public ::testing::Test
 {
 protected:
-    BinderTest() : L(luaL_newstate())
+    Binder() : L(luaL_newstate())
     {
         luaL_openlibs(L);
         SLB3::PushReference(L, &account);
         lua_setglobal(L, "account");
     }
-    ~BinderTest() override
+    ~Binder() override
     {
         if (L)
             lua_close(L);

@@ -1,23 +1,23 @@
 #include "fixture.h"
 
 namespace {
-using MethodTest = BinderTest;
+using BoundMethod = Binder;
 
-TEST_F(MethodTest, MethodReachesItsObject)
+TEST_F(BoundMethod, MethodReachesItsObject)
 {
     EXPECT_EQ(Run("select('#', account:Deposit(5))"), "0");
     EXPECT_EQ(account.balance, 5);
     EXPECT_EQ(Run("account:Balance()"), "5");
 }
 
-TEST_F(MethodTest, FunctionWithTheObjectInFrontIsAMethodToo)
+TEST_F(BoundMethod, FunctionWithTheObjectInFrontIsAMethodToo)
 {
     account.balance = 4;
     EXPECT_EQ(Run("account:TwiceBalance()"), "8");
     EXPECT_EQ(Run("account:TwiceBalance(1)"), "9");
 }
 
-TEST_F(MethodTest, MissingArgumentNamesMethodPositionAndTypes)
+TEST_F(BoundMethod, MissingArgumentNamesMethodPositionAndTypes)
 {
     EXPECT_EQ(Run("account:Deposit()"),
               "error: test:1: bad argument #1 to 'Bank.Account:Deposit' (integer expected, got no value)");
@@ -29,12 +29,12 @@ TEST_F(MethodTest, MissingArgumentNamesMethodPositionAndTypes)
               "error: test:1: bad argument #1 to 'Bank.Account:Flip' (boolean expected, got Bank.Account)");
 }
 
-TEST_F(MethodTest, FirstWrongArgumentIsReported)
+TEST_F(BoundMethod, FirstWrongArgumentIsReported)
 {
     EXPECT_NE(Run("account:Greet({}, {})").find("#1"), std::string::npos);
 }
 
-TEST_F(MethodTest, ReceiverOfAnotherKindIsRefused)
+TEST_F(BoundMethod, ReceiverOfAnotherKindIsRefused)
 {
     const std::string front =
         "error: test:1: bad argument #0 (self) to 'Bank.Account:Balance' (Bank.Account expected, got ";
@@ -46,7 +46,7 @@ TEST_F(MethodTest, ReceiverOfAnotherKindIsRefused)
     EXPECT_EQ(Run("account.Balance(setmetatable({}, getmetatable(account)))"), front + "table" + end);
 }
 
-TEST_F(MethodTest, ObjectOfAnotherClassIsNamed)
+TEST_F(BoundMethod, ObjectOfAnotherClassIsNamed)
 {
     SLB3::PushValue<Other>(L);
     lua_setglobal(L, "other");

@@ -1,9 +1,9 @@
 #include "fixture.h"
 
 namespace {
-using NamespaceTest = BinderTest;
+using BoundNamespace = Binder;
 
-TEST_F(NamespaceTest, SameNameIsTheSameTable)
+TEST_F(BoundNamespace, SameNameIsTheSameTable)
 {
     const int top = lua_gettop(L);
     const SLB3::Namespace first(L, "Tools");

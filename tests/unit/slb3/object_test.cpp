@@ -2,9 +2,9 @@
 
 namespace {
 using namespace SLB3::internal;
-using ObjectTest = BinderTest;
+using BoundObject = Binder;
 
-TEST_F(ObjectTest, RecordOfAReferenceSaysSo)
+TEST_F(BoundObject, RecordOfAReferenceSaysSo)
 {
     lua_getglobal(L, "account");
     const auto& record = *static_cast<ObjectRecord*>(lua_touserdata(L, -1));
@@ -18,7 +18,7 @@ TEST_F(ObjectTest, RecordOfAReferenceSaysSo)
     EXPECT_EQ(record.parents[0].parentName, nullptr);
 }
 
-TEST_F(ObjectTest, CollectingAReferenceLeavesTheObject)
+TEST_F(BoundObject, CollectingAReferenceLeavesTheObject)
 {
     int destroyed = 0;
     Account other(&destroyed);
@@ -28,7 +28,7 @@ TEST_F(ObjectTest, CollectingAReferenceLeavesTheObject)
     EXPECT_EQ(destroyed, 0);
 }
 
-TEST_F(ObjectTest, ValueDiesWithItsUserdataOnce)
+TEST_F(BoundObject, ValueDiesWithItsUserdataOnce)
 {
     int destroyed = 0;
     SLB3::PushValue<Account>(L, &destroyed).balance = 9;
@@ -43,7 +43,7 @@ TEST_F(ObjectTest, ValueDiesWithItsUserdataOnce)
     EXPECT_EQ(destroyed, 1);
 }
 
-TEST_F(ObjectTest, OwnedPointerIsDeleted)
+TEST_F(BoundObject, OwnedPointerIsDeleted)
 {
     int destroyed = 0;
     SLB3::PushMetatable<Account>(L);
@@ -55,7 +55,7 @@ TEST_F(ObjectTest, OwnedPointerIsDeleted)
     EXPECT_EQ(destroyed, 1);
 }
 
-TEST_F(ObjectTest, DestroyedObjectIsAnErrorNotACrash)
+TEST_F(BoundObject, DestroyedObjectIsAnErrorNotACrash)
 {
     int destroyed = 0;
     SLB3::PushValue<Account>(L, &destroyed);
@@ -66,7 +66,7 @@ TEST_F(ObjectTest, DestroyedObjectIsAnErrorNotACrash)
                                       "(Bank.Account expected, got one that was collected)");
 }
 
-TEST_F(ObjectTest, CollectorFunctionIgnoresForeignValues)
+TEST_F(BoundObject, CollectorFunctionIgnoresForeignValues)
 {
     Run("getmetatable(account).__gc(io.stdout)");
     Run("getmetatable(account).__gc({})");

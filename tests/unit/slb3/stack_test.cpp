@@ -1,9 +1,9 @@
 #include "fixture.h"
 
 namespace {
-using StackTest = BinderTest;
+using StackValue = Binder;
 
-TEST_F(StackTest, ValuesTravelBothWays)
+TEST_F(StackValue, ValuesTravelBothWays)
 {
     EXPECT_EQ(Run("account:Flip(true)"), "false");
     EXPECT_EQ(Run("account:Half(3)"), "1.5");
@@ -17,25 +17,25 @@ TEST_F(StackTest, ValuesTravelBothWays)
     EXPECT_EQ(Run("account:Label('')"), "nil");
 }
 
-TEST_F(StackTest, StringsMayHoldZeroBytes)
+TEST_F(StackValue, StringsMayHoldZeroBytes)
 {
     EXPECT_EQ(Run("#account:Greet('a\\0b')"), "8");
 }
 
-TEST_F(StackTest, ZeroByteIsRefusedWhereTextWouldBeCut)
+TEST_F(StackValue, ZeroByteIsRefusedWhereTextWouldBeCut)
 {
     EXPECT_EQ(Run("account:Label('a\\0b')"),
               "error: test:1: bad argument #1 to 'Bank.Account:Label' (string expected, got string with a zero byte)");
 }
 
-TEST_F(StackTest, NumberIsTakenForTextButTextNotForNumber)
+TEST_F(StackValue, NumberIsTakenForTextButTextNotForNumber)
 {
     EXPECT_EQ(Run("account:Greet(12)"), "Dear 12");
     EXPECT_EQ(Run("account:Deposit('12')"),
               "error: test:1: bad argument #1 to 'Bank.Account:Deposit' (integer expected, got string)");
 }
 
-TEST_F(StackTest, IntegersHaveNoFractionAndFit)
+TEST_F(StackValue, IntegersHaveNoFractionAndFit)
 {
     EXPECT_EQ(Run("account:Small(1.5)"),
               "error: test:1: bad argument #1 to 'Bank.Account:Small' (integer expected, got number with a fraction)");

@@ -23,7 +23,7 @@ TEST_P(PathTemplate, Expands)
     wxString path = GetParam().path;
     wxString plugins = GetParam().plugins;
     EXPECT_EQ(ExpandPathPlugins(path, plugins), GetParam().expanded);
-    EXPECT_EQ(path, GetParam().path) << "the path was changed";
+    EXPECT_EQ(GetParam().path, path) << "the path was changed";
     EXPECT_EQ(plugins, GetParam().plugins) << "the plugins were changed";
 }
 

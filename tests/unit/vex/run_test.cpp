@@ -219,7 +219,7 @@ TEST_F(Run, PreparesTheInterpreterAfterTheArchivePathAndBeforeTheModule)
               all.end());
     const auto path =
         std::find(all.begin(), all.end(), "Trace(\"Appl\", \"ExpandZippath\", \"app.lua.zippath empty \")");
-    ASSERT_NE(path, all.end());
+    ASSERT_NE(all.end(), path);
     const auto made = std::find(all.begin(), all.end(), SetupLines().front());
     EXPECT_LT(path, made);
     EXPECT_EQ(Lines(made, all.end()), SetupLines());
@@ -550,7 +550,7 @@ TEST_F(Run, BlocksIntAndTermBeforeThereIsAScriptThread)
     }
     const Lines lines = Journal({"block", "Runnable("});
     ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines[0], "block" + s_stopSignals);
+    EXPECT_EQ("block" + s_stopSignals, lines[0]);
     EXPECT_EQ(lines[1], "Runnable(false, -1, false)");
 }
 

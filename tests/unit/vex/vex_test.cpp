@@ -304,10 +304,10 @@ TEST_F(Start, NameOfTheBannerIsComparedExactly)
     EXPECT_THAT(FakeCore::Journal({"Log("}), IsEmpty());
 }
 
-class StopsEarly : public testing::TestWithParam<const char*>
+class EarlyStop : public testing::TestWithParam<const char*>
 {};
 
-TEST_P(StopsEarly, BeforeSettingsCrashHandlerAndBanner)
+TEST_P(EarlyStop, BeforeSettingsCrashHandlerAndBanner)
 {
     FakeCore::Reset();
     StartedApp started({GetParam()});
@@ -320,7 +320,7 @@ TEST_P(StopsEarly, BeforeSettingsCrashHandlerAndBanner)
     EXPECT_EQ(started.app.Dom().Get("app.version"), "10.0.0.4015");
 }
 
-INSTANTIATE_TEST_SUITE_P(CommandLines, StopsEarly, testing::Values("--help", "-h", "--nonsense", "-x", "--appname"));
+INSTANTIATE_TEST_SUITE_P(CommandLines, EarlyStop, testing::Values("--help", "-h", "--nonsense", "-x", "--appname"));
 
 // --- OpenSSL's random generator
 

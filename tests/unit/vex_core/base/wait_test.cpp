@@ -22,29 +22,29 @@ std::int64_t MillisOf(const std::function<void()>& body)
 TEST(WaitPoint, SleepEndsWhenTheTimeIsOver)
 {
     WaitPoint point;
-    const auto took = MillisOf([&] { EXPECT_EQ(EOutcome::TimedOut, point.Sleep(30)); });
+    const auto took = MillisOf([&] { EXPECT_EQ(point.Sleep(30), EOutcome::TimedOut); });
     EXPECT_GE(took, 29);
 }
 
 TEST(WaitPoint, SleepOfNoTimeReturnsAtOnce)
 {
     WaitPoint point;
-    EXPECT_EQ(EOutcome::TimedOut, point.Sleep(0));
+    EXPECT_EQ(point.Sleep(0), EOutcome::TimedOut);
 }
 
 TEST(WaitPoint, NotificationBeforeTheSleepIsNotLost)
 {
     WaitPoint point;
     point.Notify();
-    EXPECT_EQ(EOutcome::Notified, point.Sleep(-1));
-    EXPECT_EQ(EOutcome::TimedOut, point.Sleep(0)) << "it counts once";
+    EXPECT_EQ(point.Sleep(-1), EOutcome::Notified);
+    EXPECT_EQ(point.Sleep(0), EOutcome::TimedOut) << "it counts once";
 }
 
 TEST(WaitPoint, NotificationFromAnotherThreadWakes)
 {
     WaitPoint point;
     std::thread waker([&] { point.Notify(); });
-    EXPECT_EQ(EOutcome::Notified, point.Sleep(-1));
+    EXPECT_EQ(point.Sleep(-1), EOutcome::Notified);
     waker.join();
 }
 
@@ -53,14 +53,14 @@ TEST(WaitPoint, ClearForgetsANotification)
     WaitPoint point;
     point.Notify();
     point.Clear();
-    EXPECT_EQ(EOutcome::TimedOut, point.Sleep(0));
+    EXPECT_EQ(point.Sleep(0), EOutcome::TimedOut);
 }
 
 TEST(WaitPoint, AwakenIsReportedAsTimeOver)
 {
     WaitPoint point;
     std::thread waker([&] { point.Awaken(); });
-    EXPECT_EQ(EOutcome::TimedOut, point.Sleep(-1));
+    EXPECT_EQ(point.Sleep(-1), EOutcome::TimedOut);
     waker.join();
 }
 
@@ -71,15 +71,15 @@ TEST(WaitPoint, RequestToEndWinsAndStays)
     point.Notify();
     point.RequestExit();
     EXPECT_TRUE(point.ExitRequested());
-    EXPECT_EQ(EOutcome::Ending, point.Sleep(-1));
-    EXPECT_EQ(EOutcome::Ending, point.Sleep(-1));
+    EXPECT_EQ(point.Sleep(-1), EOutcome::Ending);
+    EXPECT_EQ(point.Sleep(-1), EOutcome::Ending);
 }
 
 TEST(WaitPoint, HugeTimeIsNoLimitAndNotAnOverflow)
 {
     WaitPoint point;
     std::thread waker([&] { point.Notify(); });
-    EXPECT_EQ(EOutcome::Notified, point.Sleep(INT64_MAX));
+    EXPECT_EQ(point.Sleep(INT64_MAX), EOutcome::Notified);
     waker.join();
 }
 
@@ -88,18 +88,18 @@ TEST(WaitPoint, EachThreadHasItsOwnUnlessOneIsBound)
     WaitPoint& own = WaitPoint::OfThisThread();
     WaitPoint* other = nullptr;
     std::thread([&] { other = &WaitPoint::OfThisThread(); }).join();
-    EXPECT_NE(&own, other);
+    EXPECT_NE(other, &own);
 
     WaitPoint point;
     {
         const WaitPoint::Binding binding(point);
-        EXPECT_EQ(&point, &WaitPoint::OfThisThread());
+        EXPECT_EQ(&WaitPoint::OfThisThread(), &point);
         WaitPoint inner;
         {
             const WaitPoint::Binding nested(inner);
-            EXPECT_EQ(&inner, &WaitPoint::OfThisThread());
+            EXPECT_EQ(&WaitPoint::OfThisThread(), &inner);
         }
-        EXPECT_EQ(&point, &WaitPoint::OfThisThread());
+        EXPECT_EQ(&WaitPoint::OfThisThread(), &point);
     }
-    EXPECT_EQ(&own, &WaitPoint::OfThisThread());
+    EXPECT_EQ(&WaitPoint::OfThisThread(), &own);
 }

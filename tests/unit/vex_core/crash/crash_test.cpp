@@ -280,7 +280,7 @@ TEST(CrashThread, ThreadHasAnAlternateStackBetweenStartAndEnd)
     }).join();
 }
 
-TEST(InitCrashHandler, RefusesAPathThatItCannotKeep)
+TEST(CrashHandlerStart, RefusesAPathThatItCannotKeep)
 {
     EXPECT_FALSE(InitCrashHandler(wxString(), "x", false));
     EXPECT_FALSE(InitCrashHandler(wxString('p', 5000), "x", false));

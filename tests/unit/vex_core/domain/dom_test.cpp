@@ -51,19 +51,19 @@ using Texts = std::vector<std::string>;
 TEST(Dom, AbsentKeyReadsAsNothing)
 {
     const DomPtr dom = NewRoot();
-    EXPECT_EQ("", dom->Get("a"));
+    EXPECT_EQ(dom->Get("a"), "");
     std::string text = "untouched";
     EXPECT_FALSE(dom->Get("a", text));
-    EXPECT_EQ("untouched", text);
+    EXPECT_EQ(text, "untouched");
     bool flag = true;
     EXPECT_FALSE(dom->Get("a", flag));
     EXPECT_TRUE(flag);
     std::int64_t number = 7;
     EXPECT_FALSE(dom->Get("a", number));
-    EXPECT_EQ(7, number);
-    EXPECT_EQ(wxString(), dom->GetWxString("a"));
-    EXPECT_EQ(nullptr, dom->GetObject("a"));
-    EXPECT_EQ(EType::Absent, dom->TypeOf("a"));
+    EXPECT_EQ(number, 7);
+    EXPECT_EQ(dom->GetWxString("a"), wxString());
+    EXPECT_EQ(dom->GetObject("a"), nullptr);
+    EXPECT_EQ(dom->TypeOf("a"), EType::Absent);
     EXPECT_FALSE(dom->Has("a"));
 }
 
@@ -71,12 +71,12 @@ TEST(Dom, TextIsAnyBytes)
 {
     const DomPtr dom = NewRoot();
     dom->Set("zero", "a\0b", 3);
-    EXPECT_EQ(std::string("a\0b", 3), dom->Get("zero"));
+    EXPECT_EQ(dom->Get("zero"), std::string("a\0b", 3));
     dom->Set("null", static_cast<const char*>(nullptr));
-    EXPECT_EQ(EType::Text, dom->TypeOf("null"));
-    EXPECT_EQ("", dom->Get("null"));
+    EXPECT_EQ(dom->TypeOf("null"), EType::Text);
+    EXPECT_EQ(dom->Get("null"), "");
     dom->Set("string", std::string("text"));
-    EXPECT_EQ("text", dom->Get("string"));
+    EXPECT_EQ(dom->Get("string"), "text");
 }
 
 TEST(Dom, EveryKindReadsAsTextButObjects)
@@ -87,13 +87,13 @@ TEST(Dom, EveryKindReadsAsTextButObjects)
     dom->SetWx("max", INT64_MAX);
     dom->SetWx("min", INT64_MIN);
     dom->SetObject("object", std::make_shared<CDomObject>());
-    EXPECT_EQ("true", dom->Get("yes"));
-    EXPECT_EQ("false", dom->Get("no"));
-    EXPECT_EQ("9223372036854775807", dom->Get("max"));
-    EXPECT_EQ("-9223372036854775808", dom->Get("min"));
+    EXPECT_EQ(dom->Get("yes"), "true");
+    EXPECT_EQ(dom->Get("no"), "false");
+    EXPECT_EQ(dom->Get("max"), "9223372036854775807");
+    EXPECT_EQ(dom->Get("min"), "-9223372036854775808");
     std::string text = "untouched";
     EXPECT_FALSE(dom->Get("object", text));
-    EXPECT_EQ("untouched", text);
+    EXPECT_EQ(text, "untouched");
 }
 
 TEST(Dom, BooleansAreReadFromTheirTexts)
@@ -111,8 +111,8 @@ TEST(Dom, BooleansAreReadFromTheirTexts)
     for (const auto& row : rows) {
         dom->Set("key", row.text);
         bool value = !row.value;
-        EXPECT_EQ(row.readable, dom->Get("key", value)) << row.text;
-        EXPECT_EQ(row.readable ? row.value : !row.value, value) << row.text;
+        EXPECT_EQ(dom->Get("key", value), row.readable) << row.text;
+        EXPECT_EQ(value, row.readable ? row.value : !row.value) << row.text;
     }
 }
 
@@ -156,8 +156,8 @@ TEST(Dom, IntegersAreReadFromWholeDecimalTexts)
     for (const auto& row : rows) {
         dom->Set("key", row.text);
         std::int64_t value = 77;
-        EXPECT_EQ(row.readable, dom->Get("key", value)) << row.text;
-        EXPECT_EQ(row.readable ? row.value : 77, value) << row.text;
+        EXPECT_EQ(dom->Get("key", value), row.readable) << row.text;
+        EXPECT_EQ(value, row.readable ? row.value : 77) << row.text;
     }
     dom->Set("key", true);
     std::int64_t value = 77;
@@ -168,20 +168,20 @@ TEST(Dom, FrameworkTextIsKeptAsUtf8)
 {
     const DomPtr dom = NewRoot();
     dom->SetWx("key", wxString::FromUTF8("\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"));
-    EXPECT_EQ("\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", dom->Get("key"));
-    EXPECT_EQ(wxString::FromUTF8("\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"), dom->GetWxString("key"));
+    EXPECT_EQ(dom->Get("key"), "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80");
+    EXPECT_EQ(dom->GetWxString("key"), wxString::FromUTF8("\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"));
     dom->SetWx("key", wxString(wxS("a\0b"), 3));
-    EXPECT_EQ(std::string("a\0b", 3), dom->Get("key"));
-    EXPECT_EQ(3u, dom->GetWxString("key").length());
+    EXPECT_EQ(dom->Get("key"), std::string("a\0b", 3));
+    EXPECT_EQ(dom->GetWxString("key").length(), 3u);
     dom->SetWx("key", wxString());
-    EXPECT_EQ(EType::Text, dom->TypeOf("key"));
+    EXPECT_EQ(dom->TypeOf("key"), EType::Text);
 }
 
 TEST(Dom, BytesThatAreNotUtf8AreTakenAsLatin1)
 {
     const DomPtr dom = NewRoot();
     dom->Set("key", "caf\xE9");
-    EXPECT_EQ(wxString::FromUTF8("caf\xC3\xA9"), dom->GetWxString("key"));
+    EXPECT_EQ(dom->GetWxString("key"), wxString::FromUTF8("caf\xC3\xA9"));
 }
 
 TEST(Dom, ObjectLivesAsLongAsTheKeyOrAHolder)
@@ -195,16 +195,16 @@ TEST(Dom, ObjectLivesAsLongAsTheKeyOrAHolder)
     int alive = 0;
     DomPtr dom = NewRoot();
     dom->SetObject("key", std::make_shared<Counted>(alive));
-    EXPECT_EQ(EType::Object, dom->TypeOf("key"));
+    EXPECT_EQ(dom->TypeOf("key"), EType::Object);
     std::shared_ptr<CDomObject> held = dom->GetObject("key");
     dom->Set("key", "text");
-    EXPECT_EQ(nullptr, dom->GetObject("key"));
-    EXPECT_EQ(1, alive);
+    EXPECT_EQ(dom->GetObject("key"), nullptr);
+    EXPECT_EQ(alive, 1);
     held.reset();
-    EXPECT_EQ(0, alive);
+    EXPECT_EQ(alive, 0);
     dom->SetObject("key", std::make_shared<Counted>(alive));
     dom.reset();
-    EXPECT_EQ(0, alive);
+    EXPECT_EQ(alive, 0);
 }
 
 TEST(Dom, EndOfAnObjectMayUseTheDomain)
@@ -229,7 +229,7 @@ TEST(Dom, NullAndEmptyKeyAreOneKey)
 {
     const DomPtr dom = NewRoot();
     dom->Set(nullptr, "root");
-    EXPECT_EQ("root", dom->Get(""));
+    EXPECT_EQ(dom->Get(""), "root");
     EXPECT_TRUE(dom->Remove(""));
     EXPECT_FALSE(dom->Has(nullptr));
 }
@@ -243,10 +243,10 @@ TEST(Dom, KeyHoldsAValueAndHasChildren)
     dom->Set("a.b", "2");
     dom->Set("a.b.c", "3");
     dom->Set("ab", "4");
-    EXPECT_EQ((Texts{"a.b", "a.b.c"}), dom->Keys("a"));
-    EXPECT_EQ((Texts{"a", "a.b", "a.b.c", "ab"}), dom->Keys(""));
-    EXPECT_EQ((Texts{"a", "a.b", "a.b.c", "ab"}), dom->Keys(nullptr));
-    EXPECT_EQ(Texts(), dom->Keys("zz"));
+    EXPECT_EQ(dom->Keys("a"), (Texts{"a.b", "a.b.c"}));
+    EXPECT_EQ(dom->Keys(""), (Texts{"a", "a.b", "a.b.c", "ab"}));
+    EXPECT_EQ(dom->Keys(nullptr), (Texts{"a", "a.b", "a.b.c", "ab"}));
+    EXPECT_EQ(dom->Keys("zz"), Texts());
 }
 
 TEST(Dom, RemoveLeavesTheChildren)
@@ -256,8 +256,8 @@ TEST(Dom, RemoveLeavesTheChildren)
     dom->Set("a.b", "2");
     EXPECT_TRUE(dom->Remove("a"));
     EXPECT_FALSE(dom->Remove("a"));
-    EXPECT_EQ("2", dom->Get("a.b"));
-    EXPECT_EQ((Texts{"a.b"}), dom->Keys("a"));
+    EXPECT_EQ(dom->Get("a.b"), "2");
+    EXPECT_EQ(dom->Keys("a"), (Texts{"a.b"}));
 }
 
 TEST(Dom, KeysAreSorted)
@@ -265,7 +265,7 @@ TEST(Dom, KeysAreSorted)
     const DomPtr dom = NewRoot();
     for (const char* key : {"x.c", "x.a", "x.b", "x.a.z", "x.B"})
         dom->Set(key, true);
-    EXPECT_EQ((Texts{"x.B", "x.a", "x.a.z", "x.b", "x.c"}), dom->Keys("x"));
+    EXPECT_EQ(dom->Keys("x"), (Texts{"x.B", "x.a", "x.a.z", "x.b", "x.c"}));
 }
 
 TEST(Dom, ManyKeysKeepTheirValues)
@@ -277,7 +277,7 @@ TEST(Dom, ManyKeysKeepTheirValues)
         EXPECT_TRUE(dom->Remove(("k." + std::to_string(i)).c_str()));
     for (int i = 0; i < 10000; ++i)
         EXPECT_EQ(i % 2 ? std::to_string(i) : "", dom->Get(("k." + std::to_string(i)).c_str()));
-    EXPECT_EQ(5000u, dom->Keys("k").size());
+    EXPECT_EQ(dom->Keys("k").size(), 5000u);
 }
 
 // --- views and lives
@@ -290,14 +290,14 @@ TEST(Dom, ViewShowsTheKeysBelowItsName)
     bool created = true;
     const DomPtr view = NewView("a", root, &created);
     EXPECT_FALSE(created);
-    EXPECT_EQ("deep", view->Get("b.c"));
-    EXPECT_EQ((Texts{"b.c"}), view->Keys(""));
-    EXPECT_EQ((Texts{"b.c"}), view->Keys("b"));
+    EXPECT_EQ(view->Get("b.c"), "deep");
+    EXPECT_EQ(view->Keys(""), (Texts{"b.c"}));
+    EXPECT_EQ(view->Keys("b"), (Texts{"b.c"}));
     view->Set("x", "1");
-    EXPECT_EQ("1", root->Get("a.x"));
+    EXPECT_EQ(root->Get("a.x"), "1");
     const DomPtr inner = NewView("b", view, &created);
     EXPECT_FALSE(created);
-    EXPECT_EQ("deep", inner->Get("c"));
+    EXPECT_EQ(inner->Get("c"), "deep");
     EXPECT_TRUE(inner->Remove("c"));
     EXPECT_FALSE(root->Has("a.b.c"));
 }
@@ -320,8 +320,8 @@ TEST(Dom, ViewWithoutNameShowsAllOfItsParent)
 {
     const DomPtr root = NewRoot();
     root->Set("a", "1");
-    EXPECT_EQ("1", NewView(nullptr, root)->Get("a"));
-    EXPECT_EQ("1", NewView("", root)->Get("a"));
+    EXPECT_EQ(NewView(nullptr, root)->Get("a"), "1");
+    EXPECT_EQ(NewView("", root)->Get("a"), "1");
 }
 
 TEST(Dom, ViewOutlivesItsRoot)
@@ -330,7 +330,7 @@ TEST(Dom, ViewOutlivesItsRoot)
     root->Set("a.b", "1");
     const DomPtr view = NewView("a", root);
     root.reset();
-    EXPECT_EQ("1", view->Get("b"));
+    EXPECT_EQ(view->Get("b"), "1");
 }
 
 TEST(Dom, ViewTakesKeysOfAnyLength)
@@ -339,8 +339,8 @@ TEST(Dom, ViewTakesKeysOfAnyLength)
     const DomPtr view = NewView("prefix", root);
     const std::string longKey(5000, 'k');
     view->Set(longKey.c_str(), "1");
-    EXPECT_EQ("1", view->Get(longKey.c_str()));
-    EXPECT_EQ("1", root->Get(("prefix." + longKey).c_str()));
+    EXPECT_EQ(view->Get(longKey.c_str()), "1");
+    EXPECT_EQ(root->Get(("prefix." + longKey).c_str()), "1");
 }
 
 TEST(Dom, LastReferenceDestroys)
@@ -350,9 +350,9 @@ TEST(Dom, LastReferenceDestroys)
     dom->SetObject("key", object);
     dom->AddRef();
     dom->Release();
-    EXPECT_EQ(2, object.use_count());
+    EXPECT_EQ(object.use_count(), 2);
     dom->Release();
-    EXPECT_EQ(1, object.use_count());
+    EXPECT_EQ(object.use_count(), 1);
 }
 
 TEST(Dom, ReleaseIsTheSlotBehindTheDestructor)
@@ -377,9 +377,9 @@ TEST(Dom, FirstLiveRootIsTheProcesss)
     first->Set("who", "first");
     second->Set("who", "second");
     const DomPtr view = NewView("x", second);
-    EXPECT_EQ("first", RootDom()->Get("who"));
+    EXPECT_EQ(RootDom()->Get("who"), "first");
     first.reset();
-    EXPECT_EQ("second", RootDom()->Get("who"));
+    EXPECT_EQ(RootDom()->Get("who"), "second");
 }
 
 TEST(Dom, ThereIsNoRootBeforeAndAfter)
@@ -395,7 +395,7 @@ TEST(Dom, RootDomKeepsTheDomainAlive)
     root->Set("a", "1");
     const RootDom held;
     root.reset();
-    EXPECT_EQ("1", held->Get("a"));
+    EXPECT_EQ(held->Get("a"), "1");
 }
 
 // --- settings
@@ -409,24 +409,24 @@ TEST(Dom, SettingComesFromTheKeyAndElseFromTheFile)
     EXPECT_FALSE(dom->GetSetting("vex.text", text)) << "no file is known";
     dom->Set("app.path.ini", (folder / "x.ini"));
     EXPECT_TRUE(dom->GetSetting("vex.text", text));
-    EXPECT_EQ("file", text);
+    EXPECT_EQ(text, "file");
     bool flag = false;
     EXPECT_TRUE(dom->GetSetting("vex.flag", flag) && flag);
     std::int64_t number = 0;
     EXPECT_TRUE(dom->GetSetting("vex.number", number));
-    EXPECT_EQ(42, number);
+    EXPECT_EQ(number, 42);
     EXPECT_FALSE(dom->GetSetting("vex.bad", number));
-    EXPECT_EQ(42, number);
+    EXPECT_EQ(number, 42);
     EXPECT_FALSE(dom->GetSetting("vex.absent", text));
-    EXPECT_EQ("file", text);
+    EXPECT_EQ(text, "file");
 
     dom->Set("vex.text", "key");
     EXPECT_TRUE(dom->GetSetting("vex.text", text));
-    EXPECT_EQ("key", text);
+    EXPECT_EQ(text, "key");
     dom->SetWx("vex.number", std::int64_t(7));
     EXPECT_TRUE(dom->GetSetting("vex.number", number));
-    EXPECT_EQ(7, number);
-    EXPECT_EQ("", dom->Get("vex.flag")) << "Get does not look into the file";
+    EXPECT_EQ(number, 7);
+    EXPECT_EQ(dom->Get("vex.flag"), "") << "Get does not look into the file";
 }
 
 TEST(Dom, SettingOfAViewHasItsFullName)
@@ -437,7 +437,7 @@ TEST(Dom, SettingOfAViewHasItsFullName)
     root->Set("app.path.ini", (folder / "x.ini"));
     std::int64_t number = 0;
     EXPECT_TRUE(NewView("vex", root)->GetSetting("number", number));
-    EXPECT_EQ(42, number);
+    EXPECT_EQ(number, 42);
 }
 
 // --- plugin folders
@@ -453,10 +453,10 @@ TEST(Dom, PluginFolderIsMadePrivate)
     EXPECT_EQ(wxString::FromUTF8((folder / "work/plugins/diag").c_str()), path);
     for (const char* each : {"work", "work/plugins", "work/plugins/diag"}) {
         struct stat status = {};
-        ASSERT_EQ(0, ::stat((folder / each).c_str(), &status)) << each;
-        EXPECT_EQ(mode_t(S_IFDIR | 0700), status.st_mode) << each;
+        ASSERT_EQ(::stat((folder / each).c_str(), &status), 0) << each;
+        EXPECT_EQ(status.st_mode, mode_t(S_IFDIR | 0700)) << each;
     }
-    EXPECT_EQ(path, dom->GetPluginWorkdirWx(wxS("diag"))) << "there already is fine";
+    EXPECT_EQ(dom->GetPluginWorkdirWx(wxS("diag")), path) << "there already is fine";
 }
 
 TEST(Dom, PluginNameThatIsNoFileNameGivesThePluginsFolder)
@@ -467,7 +467,7 @@ TEST(Dom, PluginNameThatIsNoFileNameGivesThePluginsFolder)
     for (const wxString& name : {wxString(), wxString(wxS(".")), wxString(wxS("..")), wxString(wxS("a/b")),
                                  wxString(wxS("../x")), wxString(wxS("/")), wxString(wxS("a\0b"), 3)})
         EXPECT_EQ(wxString::FromUTF8((folder / "work/plugins").c_str()), dom->GetPluginWorkdirWx(name)) << name;
-    EXPECT_NE(0, ::access((folder / "x").c_str(), F_OK));
+    EXPECT_NE(::access((folder / "x").c_str(), F_OK), 0);
 }
 
 TEST(Dom, PluginFolderThatCannotBeMadeIsStillNamed)
@@ -478,8 +478,8 @@ TEST(Dom, PluginFolderThatCannotBeMadeIsStillNamed)
     dom->Set("app.path.work", (folder / "work"));
     EXPECT_EQ(wxString::FromUTF8((folder / "work/plugins/x").c_str()), dom->GetPluginWorkdirWx(wxS("x")));
     dom->Remove("app.path.work");
-    EXPECT_EQ(wxString(wxS("plugins/x")), dom->GetPluginWorkdirWx(wxS("x")));
-    EXPECT_NE(0, ::access("plugins", F_OK)) << "nothing is made in the current folder";
+    EXPECT_EQ(dom->GetPluginWorkdirWx(wxS("x")), wxString(wxS("plugins/x")));
+    EXPECT_NE(::access("plugins", F_OK), 0) << "nothing is made in the current folder";
 }
 
 // --- waiting
@@ -488,9 +488,9 @@ TEST(DomWait, TimeIsOver)
 {
     const DomPtr dom = NewRoot();
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 30));
+    EXPECT_EQ(dom->Wait("a", 30), EWait::TimedOut);
     EXPECT_GE(MillisSince(begin), 29);
-    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0));
+    EXPECT_EQ(dom->Wait("a", 0), EWait::TimedOut);
 }
 
 namespace {
@@ -514,14 +514,16 @@ EWait WaitWhile(const DomPtr& dom, const char* key, const std::function<void(CDo
 
 TEST(DomWait, WriteOfTheKeyWakes)
 {
-    EXPECT_EQ(EWait::Written, WaitWhile(
-                                  NewRoot(), "a.b", [](CDom& dom) { dom.Set("a.b", true); }, -1));
+    EXPECT_EQ(WaitWhile(
+                  NewRoot(), "a.b", [](CDom& dom) { dom.Set("a.b", true); }, -1),
+              EWait::Written);
 }
 
 TEST(DomWait, WriteBelowTheKeyWakes)
 {
-    EXPECT_EQ(EWait::Written, WaitWhile(
-                                  NewRoot(), "a", [](CDom& dom) { dom.Set("a.b.c", "x"); }, -1));
+    EXPECT_EQ(WaitWhile(
+                  NewRoot(), "a", [](CDom& dom) { dom.Set("a.b.c", "x"); }, -1),
+              EWait::Written);
 }
 
 TEST(DomWait, EveryKindOfWriteWakes)
@@ -536,7 +538,7 @@ TEST(DomWait, EveryKindOfWriteWakes)
         [](CDom& dom) { dom.SetObject("k", nullptr); },
     };
     for (const auto& write : writes)
-        EXPECT_EQ(EWait::Written, WaitWhile(NewRoot(), "k", write, -1));
+        EXPECT_EQ(WaitWhile(NewRoot(), "k", write, -1), EWait::Written);
 }
 
 TEST(DomWait, RemovalWakes)
@@ -547,78 +549,86 @@ TEST(DomWait, RemovalWakes)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         dom->Remove("a");
     });
-    EXPECT_EQ(EWait::Written, dom->Wait("a", 60000));
+    EXPECT_EQ(dom->Wait("a", 60000), EWait::Written);
     remover.join();
 }
 
 TEST(DomWait, RemovalOfNothingDoesNotWake)
 {
-    EXPECT_EQ(EWait::TimedOut, WaitWhile(
-                                   NewRoot(), "a", [](CDom& dom) { dom.Remove("a"); }, 30));
+    EXPECT_EQ(WaitWhile(
+                  NewRoot(), "a", [](CDom& dom) { dom.Remove("a"); }, 30),
+              EWait::TimedOut);
 }
 
 TEST(DomWait, OtherKeysDoNotWake)
 {
-    EXPECT_EQ(EWait::TimedOut, WaitWhile(
-                                   NewRoot(), "a.b",
-                                   [](CDom& dom) {
-                                       dom.Set("a", true);
-                                       dom.Set("a.bc", true);
-                                       dom.Set("b", true);
-                                       dom.Set("", true);
-                                   },
-                                   30));
+    EXPECT_EQ(WaitWhile(
+                  NewRoot(), "a.b",
+                  [](CDom& dom) {
+                      dom.Set("a", true);
+                      dom.Set("a.bc", true);
+                      dom.Set("b", true);
+                      dom.Set("", true);
+                  },
+                  30),
+              EWait::TimedOut);
 }
 
 TEST(DomWait, EmptyKeyWaitsForAnything)
 {
-    EXPECT_EQ(EWait::Written, WaitWhile(
-                                  NewRoot(), "", [](CDom& dom) { dom.Set("x.y", true); }, -1));
-    EXPECT_EQ(EWait::Written, WaitWhile(
-                                  NewRoot(), nullptr, [](CDom& dom) { dom.Set("x.y", true); }, -1));
+    EXPECT_EQ(WaitWhile(
+                  NewRoot(), "", [](CDom& dom) { dom.Set("x.y", true); }, -1),
+              EWait::Written);
+    EXPECT_EQ(WaitWhile(
+                  NewRoot(), nullptr, [](CDom& dom) { dom.Set("x.y", true); }, -1),
+              EWait::Written);
 }
 
 TEST(DomWait, WriteThroughAViewWakesARootsWaiterAndBack)
 {
     const DomPtr root = NewRoot();
     const DomPtr view = NewView("a", root);
-    EXPECT_EQ(EWait::Written, WaitWhile(
-                                  root, "a.b", [&](CDom&) { view->Set("b", true); }, -1));
-    EXPECT_EQ(EWait::Written, WaitWhile(
-                                  view, "c", [&](CDom&) { root->Set("a.c", true); }, -1));
-    EXPECT_EQ(EWait::TimedOut, WaitWhile(
-                                   view, "", [&](CDom&) { root->Set("z", true); }, 30));
+    EXPECT_EQ(WaitWhile(
+                  root, "a.b", [&](CDom&) { view->Set("b", true); }, -1),
+              EWait::Written);
+    EXPECT_EQ(WaitWhile(
+                  view, "c", [&](CDom&) { root->Set("a.c", true); }, -1),
+              EWait::Written);
+    EXPECT_EQ(WaitWhile(
+                  view, "", [&](CDom&) { root->Set("z", true); }, 30),
+              EWait::TimedOut);
 }
 
 TEST(DomWait, OtherTreesDoNotWake)
 {
     const DomPtr other = NewRoot();
-    EXPECT_EQ(EWait::TimedOut, WaitWhile(
-                                   NewRoot(), "a", [&](CDom&) { other->Set("a", true); }, 30));
+    EXPECT_EQ(WaitWhile(
+                  NewRoot(), "a", [&](CDom&) { other->Set("a", true); }, 30),
+              EWait::TimedOut);
 }
 
 TEST(DomWait, WriteBeforeTheFirstWaitDoesNotCount)
 {
     const DomPtr dom = NewRoot();
     std::thread([&] { dom->Set("a", true); }).join();
-    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0));
+    EXPECT_EQ(dom->Wait("a", 0), EWait::TimedOut);
 }
 
 TEST(DomWait, WriteBetweenTwoWaitsForTheKeyIsNotMissed)
 {
     const DomPtr dom = NewRoot();
-    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0));
+    EXPECT_EQ(dom->Wait("a", 0), EWait::TimedOut);
     std::thread([&] { dom->Set("a.below", true); }).join();
-    EXPECT_EQ(EWait::Written, dom->Wait("a", -1));
-    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0)) << "it counts once";
+    EXPECT_EQ(dom->Wait("a", -1), EWait::Written);
+    EXPECT_EQ(dom->Wait("a", 0), EWait::TimedOut) << "it counts once";
 }
 
 TEST(DomWait, OwnWriteBetweenTwoWaitsDoesNotCount)
 {
     const DomPtr dom = NewRoot();
-    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0));
+    EXPECT_EQ(dom->Wait("a", 0), EWait::TimedOut);
     dom->Set("a", false);
-    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 0));
+    EXPECT_EQ(dom->Wait("a", 0), EWait::TimedOut);
 }
 
 TEST(DomWait, ThreadMayWaitForManyKeysOfManyTrees)
@@ -626,9 +636,9 @@ TEST(DomWait, ThreadMayWaitForManyKeysOfManyTrees)
     for (int tree = 0; tree < 3; ++tree) {
         const DomPtr dom = NewRoot();
         for (int i = 0; i < 100; ++i)
-            EXPECT_EQ(EWait::TimedOut, dom->Wait(("k." + std::to_string(i)).c_str(), 0));
+            EXPECT_EQ(dom->Wait(("k." + std::to_string(i)).c_str(), 0), EWait::TimedOut);
         std::thread([&] { dom->Set("k.99", true); }).join();
-        EXPECT_EQ(EWait::Written, dom->Wait("k.99", -1));
+        EXPECT_EQ(dom->Wait("k.99", -1), EWait::Written);
     }
 }
 
@@ -645,8 +655,8 @@ TEST(DomWait, RequestToEndWakesAndIsReportedFromThenOn)
     });
     point.RequestExit();
     sleeper.join();
-    EXPECT_EQ(EWait::Ending, first);
-    EXPECT_EQ(EWait::Ending, second);
+    EXPECT_EQ(first, EWait::Ending);
+    EXPECT_EQ(second, EWait::Ending);
 }
 
 TEST(DomWait, AwakenEndsTheWaitAsTimeOver)
@@ -660,7 +670,7 @@ TEST(DomWait, AwakenEndsTheWaitAsTimeOver)
     });
     point.Awaken();
     sleeper.join();
-    EXPECT_EQ(EWait::TimedOut, result);
+    EXPECT_EQ(result, EWait::TimedOut);
 }
 
 TEST(DomWait, StaleNotificationDoesNotShortenTheNextWait)
@@ -668,7 +678,7 @@ TEST(DomWait, StaleNotificationDoesNotShortenTheNextWait)
     const DomPtr dom = NewRoot();
     VexCore::WaitPoint::OfThisThread().Notify();
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(EWait::TimedOut, dom->Wait("a", 40));
+    EXPECT_EQ(dom->Wait("a", 40), EWait::TimedOut);
     EXPECT_GE(MillisSince(begin), 39);
 }
 
@@ -697,7 +707,7 @@ TEST(DomWait, EveryWaiterIsWoken)
         waiter.join();
     done = true;
     writer.join();
-    EXPECT_EQ(50, woken);
+    EXPECT_EQ(woken, 50);
 }
 
 // --- many threads
@@ -746,7 +756,7 @@ TEST(DomThreads, ReadersWritersAndWaitersGetWhatWasWritten)
     done = true;
     for (std::thread& other : others)
         other.join();
-    EXPECT_EQ(0, wrong);
+    EXPECT_EQ(wrong, 0);
     std::int64_t number = 0;
     EXPECT_TRUE(dom->Get("shared.number", number));
     EXPECT_EQ(rounds - 1, number);
@@ -769,7 +779,7 @@ TEST(DomThreads, BusyReadersDoNotKeepAWriterOut)
     done = true;
     for (std::thread& reader : readers)
         reader.join();
-    EXPECT_EQ("99", dom->Get("key"));
+    EXPECT_EQ(dom->Get("key"), "99");
 }
 
 TEST(DomThreads, RootsComeAndGoWhileOthersLookForOne)

@@ -20,39 +20,39 @@ using VexCore::SettingsFile;
 
 using Entries = std::map<std::string, std::string>;
 
-TEST(ParseSettings, OnlyTheGroupCounts)
+TEST(SettingsText, OnlyTheGroupCounts)
 {
-    EXPECT_EQ((Entries{{"a", "2"}, {"b", "4"}}),
-              ParseSettings("a=1\n[settings]\na=2\n[other]\na=3\n[Settings]\nb=4\n[settings.x]\nb=5\n"));
+    EXPECT_EQ(ParseSettings("a=1\n[settings]\na=2\n[other]\na=3\n[Settings]\nb=4\n[settings.x]\nb=5\n"),
+              (Entries{{"a", "2"}, {"b", "4"}}));
 }
 
-TEST(ParseSettings, LinesAreTrimmedAndCommentsPassedOver)
+TEST(SettingsText, LinesAreTrimmedAndCommentsPassedOver)
 {
-    EXPECT_EQ((Entries{{"a", "1 2"}, {"b", ""}, {"c", "x=y"}, {"d", "a ; b"}}),
-              ParseSettings("\xEF\xBB\xBF [settings] \r\n ; a = 9\n# a = 8\n\ta  =  1 2 \r\nb=\nc = x=y\nd = a ; b\n"));
+    EXPECT_EQ(ParseSettings("\xEF\xBB\xBF [settings] \r\n ; a = 9\n# a = 8\n\ta  =  1 2 \r\nb=\nc = x=y\nd = a ; b\n"),
+              (Entries{{"a", "1 2"}, {"b", ""}, {"c", "x=y"}, {"d", "a ; b"}}));
 }
 
-TEST(ParseSettings, NamesAreTheSameInAnyCaseAndTheLastWins)
+TEST(SettingsText, NamesAreTheSameInAnyCaseAndTheLastWins)
 {
-    EXPECT_EQ((Entries{{"app.log.size", "2"}}), ParseSettings("[SETTINGS]\nApp.Log.Size=1\napp.log.size=2\n"));
+    EXPECT_EQ(ParseSettings("[SETTINGS]\nApp.Log.Size=1\napp.log.size=2\n"), (Entries{{"app.log.size", "2"}}));
 }
 
-TEST(ParseSettings, RubbishIsPassedOver)
+TEST(SettingsText, RubbishIsPassedOver)
 {
-    EXPECT_EQ(Entries(), ParseSettings(""));
-    EXPECT_EQ(Entries(), ParseSettings("[settings"));
-    EXPECT_EQ((Entries{{"a", "1"}}), ParseSettings("[settings]\n=x\nno equals sign\n[\n[settings]\na=1"));
-    EXPECT_EQ(Entries(), ParseSettings(std::string(1000, '\0')));
-    EXPECT_EQ(Entries(), ParseSettings(std::string(1000, '\n')));
+    EXPECT_EQ(ParseSettings(""), Entries());
+    EXPECT_EQ(ParseSettings("[settings"), Entries());
+    EXPECT_EQ(ParseSettings("[settings]\n=x\nno equals sign\n[\n[settings]\na=1"), (Entries{{"a", "1"}}));
+    EXPECT_EQ(ParseSettings(std::string(1000, '\0')), Entries());
+    EXPECT_EQ(ParseSettings(std::string(1000, '\n')), Entries());
 }
 
-TEST(ParseSettings, QuotesAroundAValueGo)
+TEST(SettingsText, QuotesAroundAValueGo)
 {
-    EXPECT_EQ((Entries{{"a", " x "}, {"b", "\"x\" y"}, {"c", "\""}, {"d", ""}}),
-              ParseSettings("[settings]\na=\" x \"\nb=\"x\" y\nc=\"\nd=\"\"\n"));
+    EXPECT_EQ(ParseSettings("[settings]\na=\" x \"\nb=\"x\" y\nc=\"\nd=\"\"\n"),
+              (Entries{{"a", " x "}, {"b", "\"x\" y"}, {"c", "\""}, {"d", ""}}));
 }
 
-TEST(ParseSettings, VariablesAreReplacedAsInTheRestOfTheFile)
+TEST(SettingsText, VariablesAreReplacedAsInTheRestOfTheFile)
 {
     ::setenv("VEX_TEST_X", "value", 1);
     ::unsetenv("VEX_TEST_NONE");
@@ -73,7 +73,7 @@ TEST(ParseSettings, VariablesAreReplacedAsInTheRestOfTheFile)
         {"a\\b", "a\\b"},
     };
     for (const auto& row : rows)
-        EXPECT_EQ((Entries{{"a", row.out}}), ParseSettings(std::string("[settings]\na=") + row.in)) << row.in;
+        EXPECT_EQ(ParseSettings(std::string("[settings]\na=") + row.in), (Entries{{"a", row.out}})) << row.in;
 }
 
 namespace {
@@ -88,7 +88,7 @@ void MakeOld(const std::string& path, int seconds)
 {
     const std::time_t time = std::time(nullptr) - seconds;
     const struct utimbuf times = {time, time};
-    ASSERT_EQ(0, ::utime(path.c_str(), &times));
+    ASSERT_EQ(::utime(path.c_str(), &times), 0);
 }
 
 } // namespace
@@ -98,22 +98,22 @@ TEST(SettingsFile, IsReadAgainWhenItChanged)
     const TempFolder folder;
     const std::string path = folder / "x.ini";
     SettingsFile file;
-    EXPECT_EQ("none", FindIn(file, path, "a"));
+    EXPECT_EQ(FindIn(file, path, "a"), "none");
     WriteFile(path, "[settings]\na=1\n");
-    EXPECT_EQ("1", FindIn(file, path, "A"));
+    EXPECT_EQ(FindIn(file, path, "A"), "1");
     WriteFile(path, "[settings]\na=2\n");
-    EXPECT_EQ("2", FindIn(file, path, "a")) << "same size, perhaps the same time";
+    EXPECT_EQ(FindIn(file, path, "a"), "2") << "same size, perhaps the same time";
     MakeOld(path, 100);
-    EXPECT_EQ("2", FindIn(file, path, "a"));
+    EXPECT_EQ(FindIn(file, path, "a"), "2");
     WriteFile(path, "[settings]\na=3\n");
     MakeOld(path, 50);
-    EXPECT_EQ("3", FindIn(file, path, "a"));
+    EXPECT_EQ(FindIn(file, path, "a"), "3");
     WriteFile(folder / "y.ini", "[settings]\na=4\n");
     MakeOld(folder / "y.ini", 50);
     std::filesystem::rename(folder / "y.ini", path);
-    EXPECT_EQ("4", FindIn(file, path, "a")) << "another file under that name";
+    EXPECT_EQ(FindIn(file, path, "a"), "4") << "another file under that name";
     std::filesystem::remove(path);
-    EXPECT_EQ("none", FindIn(file, path, "a"));
+    EXPECT_EQ(FindIn(file, path, "a"), "none");
 }
 
 TEST(SettingsFile, ChangeWithinOneTickOfTheFilesTimeIsSeen)
@@ -139,15 +139,15 @@ TEST(SettingsFile, IsNotReadAgainWhileItStaysAsItIs)
     const std::string path = folder / "x.ini";
     const struct timespec longAgo[] = {{1000000000, 0}, {1000000000, 0}};
     WriteFile(path, "[settings]\na=1\n");
-    ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), longAgo, 0));
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), longAgo, 0), 0);
     SettingsFile file;
-    EXPECT_EQ("1", FindIn(file, path, "a"));
+    EXPECT_EQ(FindIn(file, path, "a"), "1");
     {
         std::fstream inPlace(path, std::ios::in | std::ios::out);
         inPlace << "[settings]\na=2\n";
     }
-    ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), longAgo, 0));
-    EXPECT_EQ("1", FindIn(file, path, "a")) << "all that is looked at is as before";
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), longAgo, 0), 0);
+    EXPECT_EQ(FindIn(file, path, "a"), "1") << "all that is looked at is as before";
 }
 
 TEST(SettingsFile, EachPathIsAFileOfItsOwn)
@@ -158,20 +158,20 @@ TEST(SettingsFile, EachPathIsAFileOfItsOwn)
         MakeOld(folder / name, 100);
     }
     SettingsFile file;
-    EXPECT_EQ("1", FindIn(file, folder / "1", "a"));
-    EXPECT_EQ("2", FindIn(file, folder / "2", "a"));
-    EXPECT_EQ("1", FindIn(file, folder / "1", "a"));
+    EXPECT_EQ(FindIn(file, folder / "1", "a"), "1");
+    EXPECT_EQ(FindIn(file, folder / "2", "a"), "2");
+    EXPECT_EQ(FindIn(file, folder / "1", "a"), "1");
 }
 
 TEST(SettingsFile, WhatIsNoRegularFileHasNoSettingsAndDoesNotHang)
 {
     const TempFolder folder;
-    ASSERT_EQ(0, ::mkfifo((folder / "fifo").c_str(), 0600));
+    ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
     SettingsFile file;
-    EXPECT_EQ("none", FindIn(file, folder / "fifo", "a"));
-    EXPECT_EQ("none", FindIn(file, folder.Path(), "a"));
-    EXPECT_EQ("none", FindIn(file, "/dev/zero", "a"));
-    EXPECT_EQ("none", FindIn(file, "", "a"));
+    EXPECT_EQ(FindIn(file, folder / "fifo", "a"), "none");
+    EXPECT_EQ(FindIn(file, folder.Path(), "a"), "none");
+    EXPECT_EQ(FindIn(file, "/dev/zero", "a"), "none");
+    EXPECT_EQ(FindIn(file, "", "a"), "none");
 }
 
 TEST(SettingsFile, HugeFileIsReadToItsFirstFourMebibytes)
@@ -182,9 +182,9 @@ TEST(SettingsFile, HugeFileIsReadToItsFirstFourMebibytes)
     WriteFile(folder / "x.ini", bytes + "\nb=2\nc=3\n");
     std::filesystem::resize_file(folder / "x.ini", std::uintmax_t(5) << 30);
     SettingsFile file;
-    EXPECT_EQ("1", FindIn(file, folder / "x.ini", "a"));
-    EXPECT_EQ("2", FindIn(file, folder / "x.ini", "b"));
-    EXPECT_EQ("none", FindIn(file, folder / "x.ini", "c"));
+    EXPECT_EQ(FindIn(file, folder / "x.ini", "a"), "1");
+    EXPECT_EQ(FindIn(file, folder / "x.ini", "b"), "2");
+    EXPECT_EQ(FindIn(file, folder / "x.ini", "c"), "none");
 }
 
 TEST(SettingsFile, ThreadsMayAskWhileItChanges)
@@ -211,5 +211,5 @@ TEST(SettingsFile, ThreadsMayAskWhileItChanges)
     done = true;
     for (std::thread& reader : readers)
         reader.join();
-    EXPECT_EQ(0, wrong);
+    EXPECT_EQ(wrong, 0);
 }

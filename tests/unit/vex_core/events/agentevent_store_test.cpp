@@ -88,7 +88,7 @@ private:
     sqlite3_vfs* m_vfs;
 };
 
-class EventStoreTest : public testing::Test
+class EventDatabase : public testing::Test
 {
 protected:
     void SetUp() override
@@ -164,14 +164,14 @@ int InOwnMounts(const std::function<int()>& body)
 
 } // namespace
 
-TEST_F(EventStoreTest, OpensNothingBeforeTheFirstWrite)
+TEST_F(EventDatabase, OpensNothingBeforeTheFirstWrite)
 {
     EventStore store(m_work);
     EXPECT_TRUE(store.StoreKept());
     EXPECT_TRUE(std::filesystem::is_empty(m_work));
 }
 
-TEST_F(EventStoreTest, AllFieldsAreStored)
+TEST_F(EventDatabase, AllFieldsAreStored)
 {
     ::Test::LogCapture log;
     EventStore store(m_work);
@@ -193,7 +193,7 @@ TEST_F(EventStoreTest, AllFieldsAreStored)
     EXPECT_FALSE(Exists(Pending()));
 }
 
-TEST_F(EventStoreTest, TableHasTheFormThatToolsRelyOn)
+TEST_F(EventDatabase, TableHasTheFormThatToolsRelyOn)
 {
     EventStore(m_work).Write(SampleEvent("e"));
     SqliteDb db;
@@ -204,7 +204,7 @@ TEST_F(EventStoreTest, TableHasTheFormThatToolsRelyOn)
                                  "number INTEGER, severity INTEGER, text TEXT, xml TEXT)");
 }
 
-TEST_F(EventStoreTest, AbsentFieldsAreNull)
+TEST_F(EventDatabase, AbsentFieldsAreNull)
 {
     EventStore store(m_work);
     EXPECT_EQ(store.Write(CAgentEvent()), 1);
@@ -217,7 +217,7 @@ TEST_F(EventStoreTest, AbsentFieldsAreNull)
     EXPECT_EQ(row.ColumnText(5), "<agent_event/>");
 }
 
-TEST_F(EventStoreTest, IdsGrowByOne)
+TEST_F(EventDatabase, IdsGrowByOne)
 {
     EventStore store(m_work);
     for (int id = 1; id <= 5; ++id)
@@ -226,7 +226,7 @@ TEST_F(EventStoreTest, IdsGrowByOne)
     EXPECT_EQ(again.Write(SampleEvent("e")), 6);
 }
 
-TEST_F(EventStoreTest, LockedDatabaseMeansPendingFileThenDatabaseOnce)
+TEST_F(EventDatabase, LockedDatabaseMeansPendingFileThenDatabaseOnce)
 {
     EventStore store(m_work);
     ASSERT_EQ(store.Write(SampleEvent("first")), 1);
@@ -252,7 +252,7 @@ TEST_F(EventStoreTest, LockedDatabaseMeansPendingFileThenDatabaseOnce)
     EXPECT_TRUE(log.Lines().empty()) << log.All();
 }
 
-TEST_F(EventStoreTest, PendingEventsKeepAllTheirFields)
+TEST_F(EventDatabase, PendingEventsKeepAllTheirFields)
 {
     const CAgentEvent event = SampleEvent("it's \"<&>\"\n\t\xC3\xA4");
     std::filesystem::create_directory(Database());
@@ -281,7 +281,7 @@ TEST_F(EventStoreTest, PendingEventsKeepAllTheirFields)
     EXPECT_EQ(row.ColumnText(5), "<agent_event/>");
 }
 
-TEST_F(EventStoreTest, PendingFileSeenTwiceIsStoredOnce)
+TEST_F(EventDatabase, PendingFileSeenTwiceIsStoredOnce)
 {
     std::filesystem::create_directory(Database());
     ::Test::LogCapture log;
@@ -295,7 +295,7 @@ TEST_F(EventStoreTest, PendingFileSeenTwiceIsStoredOnce)
     EXPECT_EQ(Stored(), "once;next;");
 }
 
-TEST_F(EventStoreTest, PendingFileThatCannotBeRemovedIsEmptied)
+TEST_F(EventDatabase, PendingFileThatCannotBeRemovedIsEmptied)
 {
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
@@ -311,7 +311,7 @@ TEST_F(EventStoreTest, PendingFileThatCannotBeRemovedIsEmptied)
     EXPECT_TRUE(log.Lines().empty()) << log.All();
 }
 
-TEST_F(EventStoreTest, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEventsFollow)
+TEST_F(EventDatabase, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEventsFollow)
 {
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
@@ -328,7 +328,7 @@ TEST_F(EventStoreTest, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEven
     EXPECT_EQ(CountOf(Stored(), "kept"), 1);
 }
 
-TEST_F(EventStoreTest, FolderInThePlaceOfThePendingFileHoldsNoEvents)
+TEST_F(EventDatabase, FolderInThePlaceOfThePendingFileHoldsNoEvents)
 {
     EventStore store(m_work);
     std::filesystem::create_directory(Pending());
@@ -337,7 +337,7 @@ TEST_F(EventStoreTest, FolderInThePlaceOfThePendingFileHoldsNoEvents)
     EXPECT_EQ(log.All(), "");
 }
 
-TEST_F(EventStoreTest, LineCutShortIsAnErrorLineAndTheOthersAreStored)
+TEST_F(EventDatabase, LineCutShortIsAnErrorLineAndTheOthersAreStored)
 {
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"good\"/></pending>\n"
@@ -350,7 +350,7 @@ TEST_F(EventStoreTest, LineCutShortIsAnErrorLineAndTheOthersAreStored)
     EXPECT_FALSE(Exists(Pending()));
 }
 
-TEST_F(EventStoreTest, NothingToWriteInMeansMemoryAndStandardErrorThenDatabaseOnce)
+TEST_F(EventDatabase, NothingToWriteInMeansMemoryAndStandardErrorThenDatabaseOnce)
 {
     m_work += "/not-there-yet";
     EventStore store(m_work);
@@ -369,7 +369,7 @@ TEST_F(EventStoreTest, NothingToWriteInMeansMemoryAndStandardErrorThenDatabaseOn
     EXPECT_EQ(Stored(), "one;two;three;");
 }
 
-TEST_F(EventStoreTest, MemoryGoesToThePendingFileWhenOnlyThatHasRoom)
+TEST_F(EventDatabase, MemoryGoesToThePendingFileWhenOnlyThatHasRoom)
 {
     m_work += "/later";
     EventStore store(m_work);
@@ -385,7 +385,7 @@ TEST_F(EventStoreTest, MemoryGoesToThePendingFileWhenOnlyThatHasRoom)
     EXPECT_EQ(Stored(), "one;two;");
 }
 
-TEST_F(EventStoreTest, MemoryIsBoundedAndSaysWhatItGivesUp)
+TEST_F(EventDatabase, MemoryIsBoundedAndSaysWhatItGivesUp)
 {
     m_work += "/never";
     EventStore store(m_work);
@@ -405,7 +405,7 @@ TEST_F(EventStoreTest, MemoryIsBoundedAndSaysWhatItGivesUp)
         << shown;
 }
 
-TEST_F(EventStoreTest, DamagedDatabaseIsMovedAsideAndANewOneBegins)
+TEST_F(EventDatabase, DamagedDatabaseIsMovedAsideAndANewOneBegins)
 {
     ::Test::WriteFile(Database(), std::string(8192, 'x'));
     ::Test::LogCapture log;
@@ -421,7 +421,7 @@ TEST_F(EventStoreTest, DamagedDatabaseIsMovedAsideAndANewOneBegins)
     EXPECT_EQ(kept, 1);
 }
 
-TEST_F(EventStoreTest, DatabasesDamagedWithinOneSecondAreAllKept)
+TEST_F(EventDatabase, DatabasesDamagedWithinOneSecondAreAllKept)
 {
     ::Test::LogCapture log;
     EventStore store(m_work);
@@ -437,7 +437,7 @@ TEST_F(EventStoreTest, DatabasesDamagedWithinOneSecondAreAllKept)
     EXPECT_EQ(kept, "xyz");
 }
 
-TEST_F(EventStoreTest, DamagedDatabaseThatCannotBeMovedStaysAndTheEventsWait)
+TEST_F(EventDatabase, DamagedDatabaseThatCannotBeMovedStaysAndTheEventsWait)
 {
     ::Test::WriteFile(Database(), std::string(8192, 'x'));
     EventStore store(m_work);
@@ -456,7 +456,7 @@ TEST_F(EventStoreTest, DamagedDatabaseThatCannotBeMovedStaysAndTheEventsWait)
     EXPECT_EQ(Stored(), "event;");
 }
 
-TEST_F(EventStoreTest, DatabaseThatIsDamagedWhileOpenIsMovedAside)
+TEST_F(EventDatabase, DatabaseThatIsDamagedWhileOpenIsMovedAside)
 {
     EventStore store(m_work);
     store.Write(SampleEvent("before"));
@@ -472,7 +472,7 @@ TEST_F(EventStoreTest, DatabaseThatIsDamagedWhileOpenIsMovedAside)
     EXPECT_EQ(log.Count(wxLOG_Error, "is damaged"), 1u) << log.All();
 }
 
-TEST_F(EventStoreTest, RemovedOrReplacedDatabaseIsOpenedAnew)
+TEST_F(EventDatabase, RemovedOrReplacedDatabaseIsOpenedAnew)
 {
     EventStore store(m_work);
     store.Write(SampleEvent("one"));
@@ -487,7 +487,7 @@ TEST_F(EventStoreTest, RemovedOrReplacedDatabaseIsOpenedAnew)
     EXPECT_TRUE(log.Lines().empty()) << log.All();
 }
 
-TEST_F(EventStoreTest, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
+TEST_F(EventDatabase, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
 {
     {
         SqliteDb db;
@@ -501,7 +501,7 @@ TEST_F(EventStoreTest, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
     EXPECT_EQ(log.Count(wxLOG_Error, "no column"), 1u) << log.All();
 }
 
-TEST_F(EventStoreTest, ReadOnlyFileSystemMeansMemoryThenDatabase)
+TEST_F(EventDatabase, ReadOnlyFileSystemMeansMemoryThenDatabase)
 {
     const int status = InOwnMounts([this] {
         if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=4m") != 0)
@@ -522,7 +522,7 @@ TEST_F(EventStoreTest, ReadOnlyFileSystemMeansMemoryThenDatabase)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(EventStoreTest, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
+TEST_F(EventDatabase, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
 {
     const int status = InOwnMounts([this] {
         ::Test::LogCapture log;
@@ -548,7 +548,7 @@ TEST_F(EventStoreTest, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(EventStoreTest, EventIsFlushedWhateverTheSettingsAllowElsewhere)
+TEST_F(EventDatabase, EventIsFlushedWhateverTheSettingsAllowElsewhere)
 {
     // The folder of a journal is opened to be flushed with it, and only then.
     static int flushes;
@@ -575,7 +575,7 @@ TEST_F(EventStoreTest, EventIsFlushedWhateverTheSettingsAllowElsewhere)
     EXPECT_GT(flushes, 0);
 }
 
-TEST_F(EventStoreTest, FullDiskMeansMemoryThenDatabaseOnce)
+TEST_F(EventDatabase, FullDiskMeansMemoryThenDatabaseOnce)
 {
     const int status = InOwnMounts([this] {
         if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=256k") != 0)
@@ -604,7 +604,7 @@ TEST_F(EventStoreTest, FullDiskMeansMemoryThenDatabaseOnce)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(EventStoreTest, EachFailingCallLeavesEveryEventExactlyOnce)
+TEST_F(EventDatabase, EachFailingCallLeavesEveryEventExactlyOnce)
 {
     for (const bool lasting : {false, true}) {
         bool hit = true;
@@ -636,7 +636,7 @@ TEST_F(EventStoreTest, EachFailingCallLeavesEveryEventExactlyOnce)
     }
 }
 
-TEST_F(EventStoreTest, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
+TEST_F(EventDatabase, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
 {
     bool killed = true;
     for (int n = 1; killed && n < 300; ++n) {
@@ -679,7 +679,7 @@ TEST_F(EventStoreTest, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
     EXPECT_FALSE(killed);
 }
 
-TEST_F(EventStoreTest, ManyThreadsWriteIntoOneStore)
+TEST_F(EventDatabase, ManyThreadsWriteIntoOneStore)
 {
     EventStore store(m_work);
     std::vector<std::thread> threads;
@@ -694,7 +694,7 @@ TEST_F(EventStoreTest, ManyThreadsWriteIntoOneStore)
     EXPECT_EQ(std::count(all.begin(), all.end(), ';'), 30);
 }
 
-TEST_F(EventStoreTest, ManyProcessesWriteIntoOneFolder)
+TEST_F(EventDatabase, ManyProcessesWriteIntoOneFolder)
 {
     SetSqliteSettings(SqliteSettings());
     std::vector<pid_t> children;
@@ -719,7 +719,7 @@ TEST_F(EventStoreTest, ManyProcessesWriteIntoOneFolder)
             EXPECT_EQ(CountOf(all, std::to_string(c) + "." + std::to_string(i)), 1) << all;
 }
 
-TEST_F(EventStoreTest, ForkedChildOpensAConnectionOfItsOwn)
+TEST_F(EventDatabase, ForkedChildOpensAConnectionOfItsOwn)
 {
     EventStore store(m_work);
     store.Write(SampleEvent("parent"));
@@ -732,7 +732,7 @@ TEST_F(EventStoreTest, ForkedChildOpensAConnectionOfItsOwn)
     EXPECT_EQ(store.Write(SampleEvent("parent again")), 3);
 }
 
-TEST_F(EventStoreTest, EventsBeforeTheWorkingFolderIsKnownAreStoredInIt)
+TEST_F(EventDatabase, EventsBeforeTheWorkingFolderIsKnownAreStoredInIt)
 {
     ::Test::LogCapture log;
     testing::internal::CaptureStderr();
@@ -743,7 +743,7 @@ TEST_F(EventStoreTest, EventsBeforeTheWorkingFolderIsKnownAreStoredInIt)
     CloseEventStores();
 }
 
-TEST_F(EventStoreTest, ClosingTheStoresStoresWhatIsKept)
+TEST_F(EventDatabase, ClosingTheStoresStoresWhatIsKept)
 {
     ::Test::LogCapture log;
     std::filesystem::create_directory(Database());
@@ -753,7 +753,7 @@ TEST_F(EventStoreTest, ClosingTheStoresStoresWhatIsKept)
     EXPECT_EQ(Stored(), "kept;");
 }
 
-TEST_F(EventStoreTest, ClosingTheStoresMovesWhatIsInMemoryToThePendingFile)
+TEST_F(EventDatabase, ClosingTheStoresMovesWhatIsInMemoryToThePendingFile)
 {
     m_work += "/later";
     ::Test::LogCapture log;
@@ -770,7 +770,7 @@ TEST_F(EventStoreTest, ClosingTheStoresMovesWhatIsInMemoryToThePendingFile)
     EXPECT_EQ(Stored(), "one;two;");
 }
 
-TEST_F(EventStoreTest, EventsThatNothingTookAreCountedWhenTheStoresClose)
+TEST_F(EventDatabase, EventsThatNothingTookAreCountedWhenTheStoresClose)
 {
     ::Test::LogCapture log;
     testing::internal::CaptureStderr();
@@ -781,7 +781,7 @@ TEST_F(EventStoreTest, EventsThatNothingTookAreCountedWhenTheStoresClose)
     EXPECT_EQ(log.Count(wxLOG_Error, "lost with the process, because nothing took them: 2"), 1u) << log.All();
 }
 
-TEST_F(EventStoreTest, WhatIsKeptIsStoredWithoutAnotherEventWhenThereIsRoom)
+TEST_F(EventDatabase, WhatIsKeptIsStoredWithoutAnotherEventWhenThereIsRoom)
 {
     m_work += "/later";
     ::Test::LogCapture log;
@@ -795,7 +795,7 @@ TEST_F(EventStoreTest, WhatIsKeptIsStoredWithoutAnotherEventWhenThereIsRoom)
     CloseEventStores();
 }
 
-TEST_F(EventStoreTest, AttemptsWithoutAnEventKeepADistance)
+TEST_F(EventDatabase, AttemptsWithoutAnEventKeepADistance)
 {
     std::filesystem::create_directory(Database());
     ::Test::LogCapture log;
@@ -809,7 +809,7 @@ TEST_F(EventStoreTest, AttemptsWithoutAnEventKeepADistance)
     EXPECT_EQ(Stored(), "one;");
 }
 
-TEST_F(EventStoreTest, NothingIsOpenedWhenNothingIsKept)
+TEST_F(EventDatabase, NothingIsOpenedWhenNothingIsKept)
 {
     const auto store = GetEventStore(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"of another process\"/></pending>\n");
@@ -819,7 +819,7 @@ TEST_F(EventStoreTest, NothingIsOpenedWhenNothingIsKept)
     CloseEventStores();
 }
 
-TEST_F(EventStoreTest, DomainWritesBelowItsWorkingFolder)
+TEST_F(EventDatabase, DomainWritesBelowItsWorkingFolder)
 {
     CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
     dom->Set("app.path.work", m_work);

@@ -90,7 +90,7 @@ int NullDeviceOn(int descriptor, int access)
 
 } // namespace
 
-TEST(SettleLocale, TextIsUtf8WhateverTheEnvironmentLeavesOut)
+TEST(SettledLocale, TextIsUtf8WhateverTheEnvironmentLeavesOut)
 {
     const Environment environments[] = {
         {},
@@ -109,20 +109,20 @@ TEST(SettleLocale, TextIsUtf8WhateverTheEnvironmentLeavesOut)
         std::string shown;
         for (const auto& [name, value] : environment)
             shown += name + "=" + value + " ";
-        EXPECT_EQ(0, InChildWith(environment, TextAndNumbersAreRight)) << shown;
-        EXPECT_EQ(0, InChildWith(environment, StaysRightUnderTheFrameworksLocale)) << shown;
+        EXPECT_EQ(InChildWith(environment, TextAndNumbersAreRight), 0) << shown;
+        EXPECT_EQ(InChildWith(environment, StaysRightUnderTheFrameworksLocale), 0) << shown;
     }
 }
 
-TEST(SettleLocale, AllIsTakenApartSoThatNumbersCanDiffer)
+TEST(SettledLocale, AllIsTakenApartSoThatNumbersCanDiffer)
 {
-    EXPECT_EQ(0, InChildWith({{"LC_ALL", "C.utf8"}}, LcAllIsTakenApart));
+    EXPECT_EQ(InChildWith({{"LC_ALL", "C.utf8"}}, LcAllIsTakenApart), 0);
 }
 
-TEST(SettleLocale, HasRunBeforeMain)
+TEST(SettledLocale, HasRunBeforeMain)
 {
-    EXPECT_STREQ("C", std::getenv("LC_NUMERIC"));
-    EXPECT_STREQ("C", std::setlocale(LC_NUMERIC, nullptr));
+    EXPECT_STREQ(std::getenv("LC_NUMERIC"), "C");
+    EXPECT_STREQ(std::setlocale(LC_NUMERIC, nullptr), "C");
     EXPECT_TRUE(SetIsUtf8());
 }
 
@@ -152,5 +152,5 @@ TEST(StandardDescriptors, OpenOnesStayAsTheyAre)
     };
     const ChildResult result = RunChild(body, true);
     EXPECT_TRUE(result.Exited(0));
-    EXPECT_EQ("still here", result.standardError);
+    EXPECT_EQ(result.standardError, "still here");
 }

@@ -154,7 +154,7 @@ void CutASecondRecord(DiskLog& log, Faults& faults, const std::string& path)
     faults.WriteShortOnce(2);
     faults.FailOnly(3, ENOSPC); // stat, the short write, its rest
     log.Write("12345\n", false);
-    ASSERT_EQ("one\n12", ReadFile(path));
+    ASSERT_EQ(ReadFile(path), "one\n12");
 }
 
 DiskLog::Settings Small(std::int64_t maxBytes, int keep)
@@ -173,9 +173,9 @@ TEST(LogRecord, HasTimeLevelProcessThreadAndText)
 {
     ::setenv("TZ", "UTC", 1);
     ::tzset();
-    EXPECT_EQ("2026-01-31 10:20:30 WARNING [4242/CScriptThread] lib/x.zip: no matches\n",
-              VexCore::FormatLogRecord(1769854830, "%Y-%m-%d %H:%M:%S", ELogLevel::Warning, 4242, "CScriptThread",
-                                       "lib/x.zip: no matches"));
+    EXPECT_EQ(VexCore::FormatLogRecord(1769854830, "%Y-%m-%d %H:%M:%S", ELogLevel::Warning, 4242, "CScriptThread",
+                                       "lib/x.zip: no matches"),
+              "2026-01-31 10:20:30 WARNING [4242/CScriptThread] lib/x.zip: no matches\n");
 }
 
 TEST(LogRecord, AThreadsNameStartsNoLineOfItsOwn)
@@ -189,7 +189,7 @@ TEST(LogRecord, LevelsHaveTheirWords)
 {
     const char* const words[] = {"FATAL", "ERROR", "WARNING", "MESSAGE", "INFO", "DEBUG", "TRACE"};
     for (int level = 0; level < 7; ++level)
-        EXPECT_STREQ(words[level], VexCore::LogLevelWord(ELogLevel(level)));
+        EXPECT_STREQ(VexCore::LogLevelWord(ELogLevel(level)), words[level]);
 }
 
 TEST(LogText, LineBreaksAreIndentedAndControlCharactersShown)
@@ -214,7 +214,7 @@ TEST(LogText, LineBreaksAreIndentedAndControlCharactersShown)
         {"\xC3\xA4", "\xC3\xA4"},
     };
     for (const auto& row : rows)
-        EXPECT_EQ(row.out, VexCore::LogText(row.in)) << row.in;
+        EXPECT_EQ(VexCore::LogText(row.in), row.out) << row.in;
 }
 
 // --- writing
@@ -226,11 +226,11 @@ TEST(DiskLog, RecordIsInTheFileWhenTheCallReturnsAndTookOneWrite)
     DiskLog log(muchMemory);
     log.SetFile(folder / "x.log");
     log.Write("one\n", false);
-    EXPECT_EQ("one\n", ReadFile(folder / "x.log"));
-    EXPECT_EQ(1, calls.Writes());
+    EXPECT_EQ(ReadFile(folder / "x.log"), "one\n");
+    EXPECT_EQ(calls.Writes(), 1);
     log.Write("two\n", false);
-    EXPECT_EQ("one\ntwo\n", ReadFile(folder / "x.log"));
-    EXPECT_EQ(2, calls.Writes());
+    EXPECT_EQ(ReadFile(folder / "x.log"), "one\ntwo\n");
+    EXPECT_EQ(calls.Writes(), 2);
 }
 
 TEST(DiskLog, FileIsTheOwnersAlone)
@@ -242,24 +242,24 @@ TEST(DiskLog, FileIsTheOwnersAlone)
     log.Write("one\n", false);
     ::umask(before);
     struct stat status = {};
-    ASSERT_EQ(0, ::stat((folder / "x.log").c_str(), &status));
-    EXPECT_EQ(mode_t(S_IFREG | 0600), status.st_mode);
+    ASSERT_EQ(::stat((folder / "x.log").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, mode_t(S_IFREG | 0600));
 }
 
 TEST(DiskLog, DescriptorIsKeptFromProgramsAndKeepsItsNumber)
 {
     const TempFolder folder;
     DiskLog log(muchMemory);
-    EXPECT_EQ(-1, log.Descriptor());
+    EXPECT_EQ(log.Descriptor(), -1);
     log.SetFile(folder / "x.log");
     log.SetSettings(Small(10, 2));
     log.Write("one one one\n", false);
     const int descriptor = log.Descriptor();
     ASSERT_GE(descriptor, 0);
     log.Write("two two two\n", false);
-    EXPECT_EQ("two two two\n", ReadFile(folder / "x.log"));
-    EXPECT_EQ(descriptor, log.Descriptor());
-    EXPECT_EQ(FD_CLOEXEC, ::fcntl(descriptor, F_GETFD));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "two two two\n");
+    EXPECT_EQ(log.Descriptor(), descriptor);
+    EXPECT_EQ(::fcntl(descriptor, F_GETFD), FD_CLOEXEC);
 }
 
 TEST(DiskLog, SeveralLogsAppendToOneFile)
@@ -272,7 +272,7 @@ TEST(DiskLog, SeveralLogsAppendToOneFile)
     a.Write("a1\n", false);
     b.Write("b1\n", false);
     a.Write("a2\n", false);
-    EXPECT_EQ("a1\nb1\na2\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "a1\nb1\na2\n");
 }
 
 TEST(DiskLog, RecordsAreHeldUntilThePlaceIsKnown)
@@ -287,9 +287,9 @@ TEST(DiskLog, RecordsAreHeldUntilThePlaceIsKnown)
     log.SetFile(folder / "x.log");
     log.SetFile(folder / "other.log");
     log.Write("late\n", false);
-    EXPECT_EQ("early 1\nearly 2\nlate\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "early 1\nearly 2\nlate\n");
     EXPECT_FALSE(Exists(folder / "other.log")) << "the place is settled once";
-    EXPECT_EQ("", error.Text());
+    EXPECT_EQ(error.Text(), "");
 }
 
 TEST(DiskLog, FlushWritesWhatIsHeld)
@@ -299,7 +299,7 @@ TEST(DiskLog, FlushWritesWhatIsHeld)
     log.Write("early\n", false);
     log.SetFile(folder / "x.log");
     log.Flush();
-    EXPECT_EQ("early\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "early\n");
 }
 
 TEST(DiskLog, RecordsWithoutAPlaceGoToStandardErrorAtTheEnd)
@@ -310,7 +310,7 @@ TEST(DiskLog, RecordsWithoutAPlaceGoToStandardErrorAtTheEnd)
     log.Write("shown on the terminal\n", true);
     log.FlushAtEnd();
     log.FlushAtEnd();
-    EXPECT_EQ("early\n", error.Text());
+    EXPECT_EQ(error.Text(), "early\n");
 }
 
 // --- trouble
@@ -326,10 +326,10 @@ TEST(DiskLog, FileThatCannotBeOpenedIsSaidOnceAndTriedAgain)
     EXPECT_EQ("Can't write the log file " + (folder / "missing/x.log")
                   + " (error 2: No such file or directory), lines are kept in memory and tried again\n",
               error.Text());
-    ASSERT_EQ(0, ::mkdir((folder / "missing").c_str(), 0700));
+    ASSERT_EQ(::mkdir((folder / "missing").c_str(), 0700), 0);
     log.Write("three\n", false);
-    EXPECT_EQ("one\ntwo\nthree\n", ReadFile(folder / "missing/x.log"));
-    EXPECT_EQ(1u, LinesOf(error.Text()).size());
+    EXPECT_EQ(ReadFile(folder / "missing/x.log"), "one\ntwo\nthree\n");
+    EXPECT_EQ(LinesOf(error.Text()).size(), 1u);
 }
 
 TEST(DiskLog, LaterTroubleIsSaidAgain)
@@ -346,8 +346,8 @@ TEST(DiskLog, LaterTroubleIsSaidAgain)
         faults.FailAll("write", 0);
         log.Write("then\n", false);
     }
-    EXPECT_EQ(2u, LinesOf(error.Text()).size());
-    EXPECT_EQ("kept\nkept\nthen\nkept\nkept\nthen\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(LinesOf(error.Text()).size(), 2u);
+    EXPECT_EQ(ReadFile(folder / "x.log"), "kept\nkept\nthen\nkept\nkept\nthen\n");
 }
 
 TEST(DiskLog, PlaceThatIsNoRegularFileIsRefusedWithoutHanging)
@@ -361,14 +361,14 @@ TEST(DiskLog, PlaceThatIsNoRegularFileIsRefusedWithoutHanging)
         else if (kind == std::string("fifo"))
             ::mkfifo(path.c_str(), 0600);
         else
-            ASSERT_EQ(0, ::symlink((folder / "target").c_str(), path.c_str()));
+            ASSERT_EQ(::symlink((folder / "target").c_str(), path.c_str()), 0);
         DiskLog log(muchMemory, error.Descriptor());
         log.SetFile(path);
         log.Write("one\n", false);
         EXPECT_THAT(error.Text(), StartsWith("Can't write the log file ")) << kind;
         EXPECT_FALSE(Exists(folder / "target")) << kind;
         log.FlushAtEnd();
-        EXPECT_EQ("one", LinesOf(error.Text()).back()) << kind;
+        EXPECT_EQ(LinesOf(error.Text()).back(), "one") << kind;
     }
 }
 
@@ -380,7 +380,7 @@ TEST(DiskLog, RemovedFileIsMadeAnew)
     log.Write("one\n", false);
     ::unlink((folder / "x.log").c_str());
     log.Write("two\n", false);
-    EXPECT_EQ("two\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "two\n");
 }
 
 TEST(DiskLog, FullDiskHoldsRecordsInOrder)
@@ -394,10 +394,10 @@ TEST(DiskLog, FullDiskHoldsRecordsInOrder)
     faults.FailAll("write", ENOSPC);
     log.Write("two\n", false);
     log.Write("three\n", false);
-    EXPECT_EQ("one\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "one\n");
     faults.FailAll("write", 0);
     log.Write("four\n", false);
-    EXPECT_EQ("one\ntwo\nthree\nfour\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "one\ntwo\nthree\nfour\n");
     EXPECT_THAT(error.Text(), HasSubstr("error 28"));
 }
 
@@ -413,17 +413,17 @@ TEST(DiskLog, WhatDoesNotFitInMemoryGoesToStandardErrorAndIsCounted)
     log.Write("lost 1\n", false);
     log.Write("lost 2\n", true);
     const Lines shown = LinesOf(error.Text());
-    ASSERT_EQ(2u, shown.size());
-    EXPECT_EQ("lost 1", shown[1]);
+    ASSERT_EQ(shown.size(), 2u);
+    EXPECT_EQ(shown[1], "lost 1");
     faults.FailAll("write", 0);
     log.Write("later\n", false);
     const Lines lines = LinesOf(ReadFile(folder / "x.log"));
-    ASSERT_EQ(3u, lines.size());
-    EXPECT_EQ("12345678", lines[0]);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "12345678");
     EXPECT_THAT(lines[1], HasSubstr("/log] 2 lines could not be written here and went to standard error"));
-    EXPECT_EQ("later", lines[2]);
+    EXPECT_EQ(lines[2], "later");
     log.Write("last\n", false);
-    EXPECT_EQ(4u, LinesOf(ReadFile(folder / "x.log")).size()) << "it is said once";
+    EXPECT_EQ(LinesOf(ReadFile(folder / "x.log")).size(), 4u) << "it is said once";
 }
 
 TEST(DiskLog, RecordThatIsCutIsCompletedAtOnceWhereThatWorks)
@@ -434,7 +434,7 @@ TEST(DiskLog, RecordThatIsCutIsCompletedAtOnceWhereThatWorks)
     log.SetFile(folder / "x.log");
     faults.WriteShortOnce(2);
     log.Write("12345\n", false);
-    EXPECT_EQ("12345\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "12345\n");
 }
 
 TEST(DiskLog, RecordThatWasCutComesAgainWholeOnALineOfItsOwn)
@@ -445,7 +445,7 @@ TEST(DiskLog, RecordThatWasCutComesAgainWholeOnALineOfItsOwn)
     DiskLog log(muchMemory, error.Descriptor());
     CutASecondRecord(log, faults, folder / "x.log");
     log.Flush();
-    EXPECT_EQ("one\n12\n12345\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "one\n12\n12345\n");
 }
 
 TEST(DiskLog, RecordBehindAPieceOfAnotherProcessesBeginsOnANewLine)
@@ -456,7 +456,7 @@ TEST(DiskLog, RecordBehindAPieceOfAnotherProcessesBeginsOnANewLine)
     log.SetFile(folder / "x.log");
     log.Write("one\n", false);
     log.Write("two\n", false);
-    EXPECT_EQ("whole\npiece\none\ntwo\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "whole\npiece\none\ntwo\n");
 }
 
 TEST(DiskLog, PieceThatIsKnownIsNotWaitedForAtEachRecordOfAFullDisk)
@@ -474,9 +474,9 @@ TEST(DiskLog, PieceThatIsKnownIsNotWaitedForAtEachRecordOfAFullDisk)
         return os::systemFileCalls.fstat(descriptor, status);
     };
     log.Write("two\n", false);
-    EXPECT_EQ(5, looks);
+    EXPECT_EQ(looks, 5);
     log.Write("three\n", false);
-    EXPECT_EQ(5, looks);
+    EXPECT_EQ(looks, 5);
 }
 
 TEST(DiskLog, RecordThatIsStillBeingCopiedByAnotherProcessIsNoPiece)
@@ -495,7 +495,7 @@ TEST(DiskLog, RecordThatIsStillBeingCopiedByAnotherProcessIsNoPiece)
         return os::fileCalls.fstat(descriptor, status);
     };
     log.Write("two\n", false);
-    EXPECT_EQ("whole\nfirst half,\none\nsecond half, the rest\ntwo\n", ReadFile(path));
+    EXPECT_EQ(ReadFile(path), "whole\nfirst half,\none\nsecond half, the rest\ntwo\n");
 }
 
 TEST(DiskLog, RecordThatWentBehindAPieceInTheLastMomentIsWrittenAgain)
@@ -513,7 +513,7 @@ TEST(DiskLog, RecordThatWentBehindAPieceInTheLastMomentIsWrittenAgain)
     };
     log.Write("two\n", false);
     log.Write("three\n", false);
-    EXPECT_EQ("one\npiecetwo\ntwo\nthree\n", ReadFile(path));
+    EXPECT_EQ(ReadFile(path), "one\npiecetwo\ntwo\nthree\n");
 }
 
 TEST(DiskLog, NoRecordIsLostWhicheverCallFails)
@@ -542,7 +542,7 @@ TEST(DiskLog, NoRecordIsLostWhicheverCallFails)
                 for (const std::string& line : LinesOf(ReadFile(entry.path().string())))
                     if (line.rfind("record", 0) == 0)
                         found.insert(line);
-            EXPECT_EQ(expected, found) << "call " << n << " failed with " << error;
+            EXPECT_EQ(found, expected) << "call " << n << " failed with " << error;
         }
     }
 }
@@ -557,17 +557,17 @@ TEST(DiskLog, FullFileIsRenamedAndOnlySoManyAreKept)
     log.SetSettings(Small(10, 3));
     log.Write("aaaaaaaa\n", false);
     struct stat before = {};
-    ASSERT_EQ(0, ::stat((folder / "x.log").c_str(), &before));
+    ASSERT_EQ(::stat((folder / "x.log").c_str(), &before), 0);
     log.Write("bbbbbbbb\n", false);
     struct stat after = {};
-    ASSERT_EQ(0, ::stat((folder / "x.log.1").c_str(), &after));
+    ASSERT_EQ(::stat((folder / "x.log.1").c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino) << "renamed, not copied";
     for (char c = 'c'; c <= 'f'; ++c)
         log.Write(std::string(8, c) + '\n', false);
-    EXPECT_EQ("ffffffff\n", ReadFile(folder / "x.log"));
-    EXPECT_EQ("eeeeeeee\n", ReadFile(folder / "x.log.1"));
-    EXPECT_EQ("dddddddd\n", ReadFile(folder / "x.log.2"));
-    EXPECT_EQ("cccccccc\n", ReadFile(folder / "x.log.3"));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "ffffffff\n");
+    EXPECT_EQ(ReadFile(folder / "x.log.1"), "eeeeeeee\n");
+    EXPECT_EQ(ReadFile(folder / "x.log.2"), "dddddddd\n");
+    EXPECT_EQ(ReadFile(folder / "x.log.3"), "cccccccc\n");
     EXPECT_FALSE(Exists(folder / "x.log.4"));
 }
 
@@ -581,7 +581,7 @@ TEST(DiskLog, FileGrowsToItsLimitExactly)
     log.Write("5678\n", false);
     EXPECT_FALSE(Exists(folder / "x.log.1"));
     log.Write("9\n", false);
-    EXPECT_EQ("1234\n5678\n", ReadFile(folder / "x.log.1"));
+    EXPECT_EQ(ReadFile(folder / "x.log.1"), "1234\n5678\n");
 }
 
 TEST(DiskLog, RecordBeyondTheLimitGetsAFileOfItsOwn)
@@ -594,7 +594,7 @@ TEST(DiskLog, RecordBeyondTheLimitGetsAFileOfItsOwn)
     log.Write(big + '\n', false);
     EXPECT_FALSE(Exists(folder / "x.log.1"));
     log.Write("1\n", false);
-    EXPECT_EQ(big + '\n', ReadFile(folder / "x.log.1"));
+    EXPECT_EQ(ReadFile(folder / "x.log.1"), big + '\n');
 }
 
 TEST(DiskLog, FileThatIsFullAtTheStartIsRotatedFirst)
@@ -605,8 +605,8 @@ TEST(DiskLog, FileThatIsFullAtTheStartIsRotatedFirst)
     log.SetFile(folder / "x.log");
     log.SetSettings(Small(10, 3));
     log.Write("new\n", false);
-    EXPECT_EQ("of the last run\n", ReadFile(folder / "x.log.1"));
-    EXPECT_EQ("new\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log.1"), "of the last run\n");
+    EXPECT_EQ(ReadFile(folder / "x.log"), "new\n");
 }
 
 TEST(DiskLog, GapThatAKilledProcessLeftIsFilledFirst)
@@ -620,10 +620,10 @@ TEST(DiskLog, GapThatAKilledProcessLeftIsFilledFirst)
     log.SetFile(folder / "x.log");
     log.SetSettings(Small(10, 4));
     log.Write("new\n", false);
-    EXPECT_EQ("full of text\n", ReadFile(folder / "x.log.1"));
-    EXPECT_EQ("1", ReadFile(folder / "x.log.2"));
-    EXPECT_EQ("3", ReadFile(folder / "x.log.3"));
-    EXPECT_EQ("4", ReadFile(folder / "x.log.4"));
+    EXPECT_EQ(ReadFile(folder / "x.log.1"), "full of text\n");
+    EXPECT_EQ(ReadFile(folder / "x.log.2"), "1");
+    EXPECT_EQ(ReadFile(folder / "x.log.3"), "3");
+    EXPECT_EQ(ReadFile(folder / "x.log.4"), "4");
 }
 
 TEST(DiskLog, FilesBeyondALoweredNumberGo)
@@ -636,7 +636,7 @@ TEST(DiskLog, FilesBeyondALoweredNumberGo)
     log.SetFile(folder / "x.log");
     log.SetSettings(Small(10, 2));
     log.Write("new\n", false);
-    EXPECT_EQ("1", ReadFile(folder / "x.log.2"));
+    EXPECT_EQ(ReadFile(folder / "x.log.2"), "1");
     for (int i = 3; i <= 6; ++i)
         EXPECT_FALSE(Exists(folder / ("x.log." + std::to_string(i)))) << i;
 }
@@ -654,9 +654,9 @@ TEST(DiskLog, OtherWriterFollowsToTheNewFile)
     a.Write("a1\n", false);
     a.Write("a2 and more\n", false);
     b.Write("b2\n", false);
-    EXPECT_EQ("b1\na1\n", ReadFile(folder / "x.log.2"));
-    EXPECT_EQ("a2 and more\n", ReadFile(folder / "x.log.1"));
-    EXPECT_EQ("b2\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log.2"), "b1\na1\n");
+    EXPECT_EQ(ReadFile(folder / "x.log.1"), "a2 and more\n");
+    EXPECT_EQ(ReadFile(folder / "x.log"), "b2\n");
 }
 
 // A file system that is mounted over the folder starts to number its files anew.
@@ -682,8 +682,8 @@ TEST(DiskLog, FileOfTheSameNumberOnAnotherDeviceIsAnotherFile)
     };
     log.Write("two\n", false);
     log.Write("three\n", false);
-    EXPECT_EQ(1, s_opened);
-    EXPECT_EQ("one\ntwo\nthree\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(s_opened, 1);
+    EXPECT_EQ(ReadFile(folder / "x.log"), "one\ntwo\nthree\n");
 }
 
 TEST(DiskLog, OpenFileIsWrittenOnWhileItsNameCannotBeAskedFor)
@@ -700,8 +700,8 @@ TEST(DiskLog, OpenFileIsWrittenOnWhileItsNameCannotBeAskedFor)
         return -1;
     };
     log.Write("two\n", false);
-    EXPECT_EQ("one\ntwo\n", ReadFile(folder / "x.log"));
-    EXPECT_EQ("", error.Text());
+    EXPECT_EQ(ReadFile(folder / "x.log"), "one\ntwo\n");
+    EXPECT_EQ(error.Text(), "");
 }
 
 TEST(DiskLog, FailedRotationIsSaidInTheLogAndTheFileGrowsOn)
@@ -715,8 +715,8 @@ TEST(DiskLog, FailedRotationIsSaidInTheLogAndTheFileGrowsOn)
     for (int i = 0; i < 5; ++i)
         log.Write("12345678\n", false);
     const Lines lines = LinesOf(ReadFile(folder / "x.log"));
-    EXPECT_EQ(5, std::count(lines.begin(), lines.end(), "12345678"));
-    EXPECT_EQ(6u, lines.size()) << "one line says so, not one a record";
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "12345678"), 5);
+    EXPECT_EQ(lines.size(), 6u) << "one line says so, not one a record";
     EXPECT_THAT(ReadFile(folder / "x.log"), HasSubstr("The log file can't be rotated (error 30: "));
 }
 
@@ -724,7 +724,7 @@ TEST(DiskLog, NobodyWaitsForAProcessThatHoldsTheRotationLock)
 {
     const TempFolder folder;
     int ready[2];
-    ASSERT_EQ(0, ::pipe(ready));
+    ASSERT_EQ(::pipe(ready), 0);
     const pid_t holder = Fork(
         [&] {
             const int lock = ::open((folder / "x.log.lock").c_str(), O_RDWR | O_CREAT, 0600);
@@ -736,22 +736,22 @@ TEST(DiskLog, NobodyWaitsForAProcessThatHoldsTheRotationLock)
         },
         true);
     char answer = 'n';
-    ASSERT_EQ(1, ::read(ready[0], &answer, 1));
+    ASSERT_EQ(::read(ready[0], &answer, 1), 1);
     ::close(ready[0]);
     ::close(ready[1]);
-    ASSERT_EQ('y', answer);
+    ASSERT_EQ(answer, 'y');
 
     DiskLog log(muchMemory);
     log.SetFile(folder / "x.log");
     log.SetSettings(Small(10, 3));
     log.Write("12345678\n", false);
     log.Write("abcdefgh\n", false);
-    EXPECT_EQ("12345678\nabcdefgh\n", ReadFile(folder / "x.log"));
-    ASSERT_EQ(0, VexCore::SendSignal(holder, SIGKILL));
+    EXPECT_EQ(ReadFile(folder / "x.log"), "12345678\nabcdefgh\n");
+    ASSERT_EQ(VexCore::SendSignal(holder, SIGKILL), 0);
     WaitFor(holder);
     log.Write("ABCDEFGH\n", false);
-    EXPECT_EQ("12345678\nabcdefgh\n", ReadFile(folder / "x.log.1"));
-    EXPECT_EQ("ABCDEFGH\n", ReadFile(folder / "x.log"));
+    EXPECT_EQ(ReadFile(folder / "x.log.1"), "12345678\nabcdefgh\n");
+    EXPECT_EQ(ReadFile(folder / "x.log"), "ABCDEFGH\n");
 }
 
 // --- forks
@@ -774,10 +774,10 @@ TEST(DiskLog, HeldRecordsStayWithTheParentOfAFork)
         },
         true);
     log.AfterForkInParent();
-    EXPECT_EQ(0, WaitFor(child));
+    EXPECT_EQ(WaitFor(child), 0);
     log.FlushAtEnd();
-    EXPECT_EQ("child\n", ReadFile(folder / "x.log"));
-    EXPECT_EQ("too much for the memory\nearly\n", error.Text());
+    EXPECT_EQ(ReadFile(folder / "x.log"), "child\n");
+    EXPECT_EQ(error.Text(), "too much for the memory\nearly\n");
 }
 
 TEST(DiskLog, ChildForkedWhileAnotherThreadWritesCanWrite)
@@ -800,12 +800,12 @@ TEST(DiskLog, ChildForkedWhileAnotherThreadWritesCanWrite)
             },
             true);
         log.AfterForkInParent();
-        EXPECT_EQ(0, WaitFor(child));
+        EXPECT_EQ(WaitFor(child), 0);
     }
     done = true;
     writer.join();
     const Lines lines = LinesOf(ReadFile(folder / "x.log"));
-    EXPECT_EQ(30, std::count(lines.begin(), lines.end(), "child"));
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "child"), 30);
 }
 
 // --- several writers
@@ -830,7 +830,7 @@ TEST(DiskLog, ThreadsNeverMixTheirRecords)
             ++count;
             EXPECT_EQ(std::string(line.size(), line.front()), line);
         }
-    EXPECT_EQ(4000u, count);
+    EXPECT_EQ(count, 4000u);
 }
 
 namespace {
@@ -885,31 +885,31 @@ TEST(DiskLog, ProcessesThatRotateLoseAndTearNoLineEvenWhenOneIsKilled)
     const std::string path = folder / "x.log";
     const DiskLog::Settings settings = Small(full ? 100000 : 300000, 100000);
     void* const memory = ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(MAP_FAILED, memory);
+    ASSERT_NE(memory, MAP_FAILED);
     Progress& progress = *new (memory) Progress;
 
     pid_t writers[3];
     for (int i = 0; i < 3; ++i)
         writers[i] = Fork([&] { return WriteNumbered(path, settings, progress, i, lines); }, true);
     const std::string rotated = folder / "rotated";
-    ASSERT_EQ(0, ::mkdir(rotated.c_str(), 0700));
+    ASSERT_EQ(::mkdir(rotated.c_str(), 0700), 0);
     int files = 0;
     const auto collectUntil = [&](int writer, int written) {
         siginfo_t ended = {};
         while (progress.written[writer].load(std::memory_order_acquire) < written && ended.si_pid == 0) {
             CollectRotated(path, rotated, files);
-            ASSERT_EQ(0, ::waitid(P_PID, id_t(writers[writer]), &ended, WEXITED | WNOHANG | WNOWAIT));
+            ASSERT_EQ(::waitid(P_PID, id_t(writers[writer]), &ended, WEXITED | WNOHANG | WNOWAIT), 0);
             ::usleep(1000);
         }
     };
     // The third is killed somewhere in its middle; what it has said to be written must be there.
     collectUntil(2, lines / 4);
-    ASSERT_EQ(0, VexCore::SendSignal(writers[2], SIGKILL));
+    ASSERT_EQ(VexCore::SendSignal(writers[2], SIGKILL), 0);
     const int killed = WaitFor(writers[2]);
     EXPECT_TRUE(WIFSIGNALED(killed));
     for (int i = 0; i < 2; ++i) {
         collectUntil(i, lines);
-        EXPECT_EQ(0, WaitFor(writers[i]));
+        EXPECT_EQ(WaitFor(writers[i]), 0);
     }
     CollectRotated(path, rotated, files);
 
@@ -932,9 +932,9 @@ TEST(DiskLog, ProcessesThatRotateLoseAndTearNoLineEvenWhenOneIsKilled)
         }
     }
     for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(lines, std::count(found[i].begin(), found[i].end(), 1)) << "writer " << i;
+        EXPECT_EQ(std::count(found[i].begin(), found[i].end(), 1), lines) << "writer " << i;
     const int said = progress.written[2];
-    EXPECT_EQ(said, std::count(found[2].begin(), found[2].begin() + said, 1));
+    EXPECT_EQ(std::count(found[2].begin(), found[2].begin() + said, 1), said);
     EXPECT_LE(std::count(found[2].begin() + said, found[2].end(), 1), 1) << "the one in flight";
     EXPECT_LE(strange, 1) << "a piece of the one in flight, and perhaps a record behind it that was written again";
     EXPECT_GT(files, full ? 1000 : 20);

@@ -159,7 +159,7 @@ TEST_F(LogToDisk, FrameworksLevelHoldsForMessagesButNotForLinesOfOurs)
     wxLogDebug("dropped");
     VexCore::WriteLogLine(wxLOG_Debug, wxS("kept"));
     VexCore::LogTrace("Appl", "file", 1, "F", wxS("traced"));
-    ASSERT_EQ(2u, Lines().size());
+    ASSERT_EQ(Lines().size(), 2u);
     EXPECT_THAT(Lines()[0], HasSubstr(" DEBUG "));
     EXPECT_THAT(Lines()[1], HasSubstr("] Appl F(file:1): traced"));
 }
@@ -174,7 +174,7 @@ TEST_F(LogToDisk, LinesBeforeThePlaceIsKnownComeFirst)
     m_root->Set("app.path.work", m_folder.Path());
     wxLogWarning("now");
     const auto lines = Lines();
-    ASSERT_EQ(4u, lines.size());
+    ASSERT_EQ(lines.size(), 4u);
     EXPECT_THAT(lines[0], EndsWith("] no root yet"));
     EXPECT_THAT(lines[2], EndsWith("] no folder yet"));
     EXPECT_THAT(lines[3], EndsWith("] now"));
@@ -186,7 +186,7 @@ TEST_F(LogToDisk, PlaceIsSettledByTheFirstLine)
     wxLogWarning("one");
     m_root->Set("app.name", "other");
     wxLogWarning("two");
-    EXPECT_EQ(2u, Lines().size());
+    EXPECT_EQ(Lines().size(), 2u);
 }
 
 TEST_F(LogToDisk, FlushWritesEarlyLines)
@@ -203,7 +203,7 @@ TEST_F(LogToDisk, LogWorksAfterTheDomainIsReleased)
     wxLogWarning("one");
     m_root.reset();
     wxLogWarning("two");
-    EXPECT_EQ(2u, Lines().size());
+    EXPECT_EQ(Lines().size(), 2u);
 }
 
 TEST_F(LogToDisk, NameStaysInsideTheFolder)
@@ -247,9 +247,9 @@ TEST_F(LogToDisk, SizeAndNumberOfFilesAreSettings)
     m_root->SetWx("app.log.count", std::int64_t(2));
     for (int i = 0; i < 10; ++i)
         wxLogWarning("%s", std::string(2000, 'x').c_str());
-    EXPECT_EQ(2u, LinesOf(Text("agent.log.1")).size());
-    EXPECT_EQ(2u, LinesOf(Text("agent.log.2")).size());
-    EXPECT_NE(0, ::access((m_folder / "agent.log.3").c_str(), F_OK));
+    EXPECT_EQ(LinesOf(Text("agent.log.1")).size(), 2u);
+    EXPECT_EQ(LinesOf(Text("agent.log.2")).size(), 2u);
+    EXPECT_NE(::access((m_folder / "agent.log.3").c_str(), F_OK), 0);
 }
 
 TEST_F(LogToDisk, WithoutSettingsAFileOf10MiBIsRotatedAndFiveAreKept)
@@ -260,12 +260,12 @@ TEST_F(LogToDisk, WithoutSettingsAFileOf10MiBIsRotatedAndFiveAreKept)
         WriteFile(m_folder / ("agent.log." + std::to_string(i)), std::to_string(i));
     WriteFile(m_folder / "agent.log", std::string(tenMiB - 300, 'x') + '\n');
     wxLogWarning("it has room");
-    EXPECT_EQ("1", Text("agent.log.1"));
+    EXPECT_EQ(Text("agent.log.1"), "1");
     wxLogWarning("%s", std::string(300, 'y').c_str());
-    EXPECT_EQ(1u, Lines().size());
+    EXPECT_EQ(Lines().size(), 1u);
     EXPECT_THAT(Text("agent.log.1"), EndsWith("] it has room\n"));
-    EXPECT_EQ("4", Text("agent.log.5"));
-    EXPECT_NE(0, ::access((m_folder / "agent.log.6").c_str(), F_OK));
+    EXPECT_EQ(Text("agent.log.5"), "4");
+    EXPECT_NE(::access((m_folder / "agent.log.6").c_str(), F_OK), 0);
 }
 
 TEST_F(LogToDisk, SettingsMayStandInTheConfigurationFile)
@@ -275,17 +275,17 @@ TEST_F(LogToDisk, SettingsMayStandInTheConfigurationFile)
     m_root->Set("app.path.ini", m_folder / "agent.ini");
     for (int i = 0; i < 10; ++i)
         wxLogWarning("%s", std::string(2000, 'x').c_str());
-    EXPECT_EQ(2u, LinesOf(Text("agent.log.1")).size());
-    EXPECT_NE(0, ::access((m_folder / "agent.log.2").c_str(), F_OK));
+    EXPECT_EQ(LinesOf(Text("agent.log.1")).size(), 2u);
+    EXPECT_NE(::access((m_folder / "agent.log.2").c_str(), F_OK), 0);
 }
 
 TEST_F(LogToDisk, CrashHandlerGetsTheFilesDescriptor)
 {
-    EXPECT_EQ(-1, VexCore::LogFileDescriptor());
+    EXPECT_EQ(VexCore::LogFileDescriptor(), -1);
     MakeRoot();
     wxLogWarning("one");
-    ASSERT_EQ(4, ::write(VexCore::LogFileDescriptor(), "two\n", 4));
-    EXPECT_EQ("two", Lines().back());
+    ASSERT_EQ(::write(VexCore::LogFileDescriptor(), "two\n", 4), 4);
+    EXPECT_EQ(Lines().back(), "two");
 }
 
 // --- the ends of a process
@@ -321,7 +321,7 @@ TEST_F(LogToDisk, EarlyLinesReachTheFileWhenThePlaceIsKnownAtTheEnd)
         m_root.release(); // as a process that calls exit
         return 0;
     });
-    EXPECT_EQ("", result.standardError);
+    EXPECT_EQ(result.standardError, "");
     EXPECT_THAT(Text(), EndsWith("] early\n"));
 }
 
@@ -377,7 +377,7 @@ TEST_F(LogToDisk, EarlyLineIsWrittenOnceThoughTheProcessForks)
     EXPECT_TRUE(result.Exited(0));
     wxLogWarning("parent");
     const auto lines = Lines();
-    ASSERT_EQ(3u, lines.size());
+    ASSERT_EQ(lines.size(), 3u);
     EXPECT_THAT(lines[0], EndsWith("] early"));
     EXPECT_THAT(lines[1], EndsWith("] child"));
     EXPECT_THAT(lines[2], EndsWith("] parent"));
@@ -387,7 +387,7 @@ TEST_F(LogToDisk, EarlyLineOfAParentIsNotShownByItsChild)
 {
     wxLogWarning("early");
     const ChildResult result = RunChild([] { return 0; });
-    EXPECT_EQ("", result.standardError);
+    EXPECT_EQ(result.standardError, "");
 }
 
 // --- standard error
@@ -430,8 +430,8 @@ TEST_F(LogToDisk, WarningsAndErrorsAreShownOnATerminal)
         wxLogError("error");
         VexCore::WriteLogLine(wxLOG_Debug, wxS("debug"));
     });
-    EXPECT_EQ("WARNING warning\r\n    of two lines\r\nERROR error\r\n", shown);
-    EXPECT_EQ(5u, Lines().size());
+    EXPECT_EQ(shown, "WARNING warning\r\n    of two lines\r\nERROR error\r\n");
+    EXPECT_EQ(Lines().size(), 5u);
 }
 
 TEST_F(LogToDisk, NothingIsShownWhereStandardErrorIsNoTerminal)
@@ -441,7 +441,7 @@ TEST_F(LogToDisk, NothingIsShownWhereStandardErrorIsNoTerminal)
         wxLogError("error");
         return 0;
     });
-    EXPECT_EQ("", result.standardError);
+    EXPECT_EQ(result.standardError, "");
     EXPECT_THAT(Text(), EndsWith("] error\n"));
 }
 
@@ -476,5 +476,5 @@ TEST_F(LogToDisk, ManyThreadsLogWithoutLosingALine)
     std::size_t count = 0;
     for (const auto& entry : std::filesystem::directory_iterator(m_folder.Path()))
         count += LinesOf(ReadFile(entry.path().string())).size();
-    EXPECT_EQ(4000u, count);
+    EXPECT_EQ(count, 4000u);
 }

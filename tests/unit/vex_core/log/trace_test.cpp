@@ -121,7 +121,7 @@ TEST(Trace, ListsMayChangeWhileOthersAsk)
     done = true;
     for (std::thread& asker : askers)
         asker.join();
-    EXPECT_EQ(0, wrong);
+    EXPECT_EQ(wrong, 0);
 }
 
 TEST(Trace, LineHasModuleFunctionPlaceAndMessage)

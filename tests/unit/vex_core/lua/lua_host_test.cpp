@@ -30,10 +30,10 @@
 using namespace VexCore;
 
 namespace {
-class LuaHostTest : public testing::Test
+class HostModules : public testing::Test
 {
 protected:
-    LuaHostTest() : m_state(luaL_newstate())
+    HostModules() : m_state(luaL_newstate())
     {
         luaL_openlibs(L());
         RegisterHostModules(L());
@@ -71,21 +71,21 @@ protected:
 
 // --- Files
 
-TEST_F(LuaHostTest, AFolderIsListedSortedWithoutItsDots)
+TEST_F(HostModules, AFolderIsListedSortedWithoutItsDots)
 {
     for (const char* name : {"b", "a", ".hidden", "c d"})
         ::Test::WriteFile(m_folder / name, "x");
     EXPECT_EQ(Run("return table.concat(require('vex.fs').list(folder), ',')"), ".hidden,a,b,c d");
 }
 
-TEST_F(LuaHostTest, AFolderThatIsMissingIsNilAndAMessageThatNamesIt)
+TEST_F(HostModules, AFolderThatIsMissingIsNilAndAMessageThatNamesIt)
 {
     EXPECT_EQ(Run("local list, message = require('vex.fs').list(folder .. '/no') return tostring(list) .. "
                   "message:sub(#folder + 1)"),
               "nil/no: No such file or directory");
 }
 
-TEST_F(LuaHostTest, StatTellsKindSizeAndModeAndFollowsALink)
+TEST_F(HostModules, StatTellsKindSizeAndModeAndFollowsALink)
 {
     ::Test::WriteFile(m_folder / "file", "12345");
     ASSERT_EQ(symlink("file", (m_folder.Path() + "/link").c_str()), 0);
@@ -95,7 +95,7 @@ TEST_F(LuaHostTest, StatTellsKindSizeAndModeAndFollowsALink)
     EXPECT_EQ(Run("return require('vex.fs').stat('/dev/null').type"), "other");
 }
 
-TEST_F(LuaHostTest, AFolderIsMadeForItsOwnerAlone)
+TEST_F(HostModules, AFolderIsMadeForItsOwnerAlone)
 {
     EXPECT_EQ(Run("assert(require('vex.fs').mkdir(folder .. '/new')) return require('vex.fs').stat(folder .. "
                   "'/new').mode"),
@@ -103,7 +103,7 @@ TEST_F(LuaHostTest, AFolderIsMadeForItsOwnerAlone)
     EXPECT_EQ(Run("return require('vex.fs').mkdir(folder .. '/new')"), "nil");
 }
 
-TEST_F(LuaHostTest, APipeIsNoTerminal)
+TEST_F(HostModules, APipeIsNoTerminal)
 {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -112,14 +112,14 @@ TEST_F(LuaHostTest, APipeIsNoTerminal)
     close(ends[1]);
 }
 
-TEST_F(LuaHostTest, AWrongArgumentIsALuaError)
+TEST_F(HostModules, AWrongArgumentIsALuaError)
 {
     EXPECT_NE(Run("return require('vex.fs').list({})").find("string expected"), std::string::npos);
 }
 
 // --- Host facts
 
-TEST_F(LuaHostTest, TheSystemIsWhatUnameTells)
+TEST_F(HostModules, TheSystemIsWhatUnameTells)
 {
     utsname names = {};
     ASSERT_GE(uname(&names), 0);
@@ -127,7 +127,7 @@ TEST_F(LuaHostTest, TheSystemIsWhatUnameTells)
               std::string(names.nodename) + " " + names.release + " " + names.machine);
 }
 
-TEST_F(LuaHostTest, FactsOfThisHostArePlausible)
+TEST_F(HostModules, FactsOfThisHostArePlausible)
 {
     EXPECT_EQ(Run("local up = require('vex.host').uptime() return up == nil or up > 0"), "true");
     EXPECT_EQ(Run("local load = require('vex.host').load() return load == nil or (#load == 3 and load[1] >= 0)"),
@@ -139,7 +139,7 @@ TEST_F(LuaHostTest, FactsOfThisHostArePlausible)
     EXPECT_EQ(Run("return require('vex.host').pid()"), std::to_string(getpid()));
 }
 
-TEST_F(LuaHostTest, ADisksFiguresAreThoseOfItsFileSystem)
+TEST_F(HostModules, ADisksFiguresAreThoseOfItsFileSystem)
 {
     const auto disks = host::Disks();
     ASSERT_TRUE(disks);
@@ -152,7 +152,7 @@ TEST_F(LuaHostTest, ADisksFiguresAreThoseOfItsFileSystem)
     }
 }
 
-TEST_F(LuaHostTest, TheDistributionIsCalledAsAShellReadsItsReleaseFile)
+TEST_F(HostModules, TheDistributionIsCalledAsAShellReadsItsReleaseFile)
 {
     FILE* shell = popen("test -r /etc/os-release && . /etc/os-release && printf %s \"$PRETTY_NAME\"", "r");
     ASSERT_NE(shell, nullptr);
@@ -163,7 +163,7 @@ TEST_F(LuaHostTest, TheDistributionIsCalledAsAShellReadsItsReleaseFile)
     EXPECT_EQ(host::Distribution(), std::optional<std::string>(name));
 }
 
-TEST_F(LuaHostTest, TheLoopbackIsNoInterface)
+TEST_F(HostModules, TheLoopbackIsNoInterface)
 {
     const auto interfaces = host::Interfaces();
     ASSERT_TRUE(interfaces);
@@ -173,7 +173,7 @@ TEST_F(LuaHostTest, TheLoopbackIsNoInterface)
     }
 }
 
-TEST_F(LuaHostTest, TheMonotonicClockRuns)
+TEST_F(HostModules, TheMonotonicClockRuns)
 {
     EXPECT_EQ(Run("local h = require('vex.host') local a = h.monotonic() local b repeat b = h.monotonic() "
                   "until b > a "
@@ -183,7 +183,7 @@ TEST_F(LuaHostTest, TheMonotonicClockRuns)
 
 // --- Settings
 
-TEST_F(LuaHostTest, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
+TEST_F(HostModules, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
 {
     const ::Test::DomPtr dom = ::Test::NewRoot();
     ::Test::WriteFile(m_folder / "a.ini", "[settings]\nvex.One=11\nvex.Two=22\nvex.Flag=yes\nvex.Text=abc\n");
@@ -198,21 +198,21 @@ TEST_F(LuaHostTest, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
     EXPECT_EQ(Run("return require('vex.settings').text('vex.Text', 'z')"), "abc");
 }
 
-TEST_F(LuaHostTest, AnIntegerBeyondWhatLuaHoldsIsAnError)
+TEST_F(HostModules, AnIntegerBeyondWhatLuaHoldsIsAnError)
 {
     const ::Test::DomPtr dom = ::Test::NewRoot();
     dom->SetWx("vex.Huge", (std::int64_t{1} << 53) + 1);
     EXPECT_NE(Run("return require('vex.settings').int('vex.Huge')").find("beyond 2^53"), std::string::npos);
 }
 
-TEST_F(LuaHostTest, WithoutADomainEverySettingIsItsDefault)
+TEST_F(HostModules, WithoutADomainEverySettingIsItsDefault)
 {
     EXPECT_EQ(Run("return require('vex.settings').text('app.name', 'none')"), "none");
 }
 
 // --- Databases
 
-TEST_F(LuaHostTest, WhatIsStoredIsReadBackWithItsType)
+TEST_F(HostModules, WhatIsStoredIsReadBackWithItsType)
 {
     EXPECT_EQ(RunDb("assert(db:exec('CREATE TABLE t(a, b, c, d, e)'))"
                     "assert(db:exec('INSERT INTO t VALUES(?,?,?,?,?)', {1, 2.5, 'x\\0y', true, nil}))"
@@ -221,17 +221,17 @@ TEST_F(LuaHostTest, WhatIsStoredIsReadBackWithItsType)
               "1 2.5 3 1 nil");
 }
 
-TEST_F(LuaHostTest, ParametersMayHaveNames)
+TEST_F(HostModules, ParametersMayHaveNames)
 {
     EXPECT_EQ(RunDb("return db:rows('SELECT :a - :b AS d', {a = 7, b = 2})[1].d"), "5");
 }
 
-TEST_F(LuaHostTest, NumberedParametersArePositions)
+TEST_F(HostModules, NumberedParametersArePositions)
 {
     EXPECT_EQ(RunDb("return db:rows('SELECT ?2 - ?1 AS d', {2, 7})[1].d"), "5");
 }
 
-TEST_F(LuaHostTest, ATextThatSqliteRefusesIsAnErrorAndNotNull)
+TEST_F(HostModules, ATextThatSqliteRefusesIsAnErrorAndNotNull)
 {
     EXPECT_EQ(RunDb("kept, long = db, string.rep('x', 2^22) assert(db:exec('CREATE TABLE t(a)'))"), "nothing");
     sqlite3_hard_heap_limit64(sqlite3_memory_used() + (1 << 20));
@@ -242,7 +242,7 @@ TEST_F(LuaHostTest, ATextThatSqliteRefusesIsAnErrorAndNotNull)
     EXPECT_EQ(Run("return kept:rows('SELECT count(*) AS n FROM t')[1].n"), "0");
 }
 
-TEST_F(LuaHostTest, NothingIsCutAtAZeroByte)
+TEST_F(HostModules, NothingIsCutAtAZeroByte)
 {
     for (const char* call : {"db:exec('SELECT 1; \\0 DROP TABLE t')", "db:rows('SELECT 1 \\0')",
                              "require('vex.db').open(folder .. '/a\\0b')", "require('vex.fs').list('/\\0x')",
@@ -252,25 +252,25 @@ TEST_F(LuaHostTest, NothingIsCutAtAZeroByte)
     EXPECT_EQ(Run("return require('vex.fs').stat(folder .. '/a')"), "nil");
 }
 
-TEST_F(LuaHostTest, RowsTakesOneStatement)
+TEST_F(HostModules, RowsTakesOneStatement)
 {
     EXPECT_EQ(RunDb("return db:rows('SELECT 7 AS n; -- that is all')[1].n"), "7");
     EXPECT_EQ(RunDb("local r, m = db:rows('SELECT 7; DELETE FROM t') return m"), "no such table: t");
     EXPECT_NE(RunDb("return db:rows('SELECT 7; SELECT 8')").find("one statement only"), std::string::npos);
 }
 
-TEST_F(LuaHostTest, TheFinaliserIsOutOfAScriptsReach)
+TEST_F(HostModules, TheFinaliserIsOutOfAScriptsReach)
 {
     EXPECT_EQ(RunDb("return tostring(db.__gc) .. tostring(getmetatable(db)) .. tostring(db.__index)"), "nilfalsenil");
 }
 
-TEST_F(LuaHostTest, AnIntegerUpTo2To53KeepsEveryDigit)
+TEST_F(HostModules, AnIntegerUpTo2To53KeepsEveryDigit)
 {
     EXPECT_EQ(RunDb("return ('%.0f'):format(db:rows('SELECT ? AS n', {9007199254740992})[1].n)"), "9007199254740992");
     EXPECT_EQ(RunDb("return db:rows('SELECT typeof(?) AS n', {9007199254740992})[1].n"), "integer");
 }
 
-TEST_F(LuaHostTest, AnIntegerBeyond2To53IsItsDigitsAndGoesBackWhole)
+TEST_F(HostModules, AnIntegerBeyond2To53IsItsDigitsAndGoesBackWhole)
 {
     EXPECT_EQ(
         RunDb("assert(db:exec('CREATE TABLE t(n INTEGER)'))\n"
@@ -286,7 +286,7 @@ TEST_F(LuaHostTest, AnIntegerBeyond2To53IsItsDigitsAndGoesBackWhole)
               "9007199254740993");
 }
 
-TEST_F(LuaHostTest, AStatementThatFailsIsNilAndTheReason)
+TEST_F(HostModules, AStatementThatFailsIsNilAndTheReason)
 {
     EXPECT_EQ(RunDb("local r, m = db:exec('NONSENSE') return tostring(r) .. ' ' .. m"),
               "nil near \"NONSENSE\": syntax error");
@@ -294,7 +294,7 @@ TEST_F(LuaHostTest, AStatementThatFailsIsNilAndTheReason)
               "nil no such table: nowhere");
 }
 
-TEST_F(LuaHostTest, SeveralStatementsRunInOneCallButTakeNoParameters)
+TEST_F(HostModules, SeveralStatementsRunInOneCallButTakeNoParameters)
 {
     EXPECT_EQ(RunDb("return db:exec('CREATE TABLE t(a); INSERT INTO t VALUES(1); INSERT INTO t VALUES(2); -- end')"),
               "2");
@@ -306,12 +306,12 @@ TEST_F(LuaHostTest, SeveralStatementsRunInOneCallButTakeNoParameters)
     EXPECT_EQ(RunDb("return db:exec('INSERT INTO t VALUES(?); -- that is all', {1})"), "1");
 }
 
-TEST_F(LuaHostTest, ATableCannotBeStored)
+TEST_F(HostModules, ATableCannotBeStored)
 {
     EXPECT_NE(RunDb("return db:rows('SELECT ?', {{}})").find("a table cannot be stored"), std::string::npos);
 }
 
-TEST_F(LuaHostTest, ATransactionCommitsOrLeavesNothing)
+TEST_F(HostModules, ATransactionCommitsOrLeavesNothing)
 {
     EXPECT_EQ(RunDb("db:exec('CREATE TABLE t(a)')"
                     "local function add(d) return d:exec('INSERT INTO t VALUES(1)') end "
@@ -322,13 +322,13 @@ TEST_F(LuaHostTest, ATransactionCommitsOrLeavesNothing)
               "changed my mind, boom, 1");
 }
 
-TEST_F(LuaHostTest, AClosedDatabaseSaysSo)
+TEST_F(HostModules, AClosedDatabaseSaysSo)
 {
     EXPECT_NE(RunDb("db:close() db:close() return db:exec('SELECT 1')").find("the database is closed"),
               std::string::npos);
 }
 
-TEST_F(LuaHostTest, NothingClosesADatabaseUnderAStatement)
+TEST_F(HostModules, NothingClosesADatabaseUnderAStatement)
 {
     EXPECT_EQ(RunDb("local parameters = setmetatable({}, {__index = function() db:close() end}) "
                     "local ok, e = pcall(db.exec, db, 'SELECT :name', parameters) "
@@ -340,25 +340,25 @@ TEST_F(LuaHostTest, NothingClosesADatabaseUnderAStatement)
               "false: the database is in use by a statement, 7");
 }
 
-TEST_F(LuaHostTest, AFolderThatIsMissingOpensNoDatabase)
+TEST_F(HostModules, AFolderThatIsMissingOpensNoDatabase)
 {
     EXPECT_EQ(Run("local d, m = require('vex.db').open(folder .. '/no/x.db') return tostring(d) .. "
                   "m:sub(#folder + 1)"),
               "nil/no/x.db: unable to open database file");
 }
 
-TEST_F(LuaHostTest, ChangesAreFlushedBeforeTheCallReturns)
+TEST_F(HostModules, ChangesAreFlushedBeforeTheCallReturns)
 {
     EXPECT_EQ(RunDb("return db:rows('PRAGMA synchronous')[1].synchronous"), "2");
 }
 
-TEST_F(LuaHostTest, MethodsRefuseWhatIsNoDatabase)
+TEST_F(HostModules, MethodsRefuseWhatIsNoDatabase)
 {
     EXPECT_NE(RunDb("return db.exec(io.stdout, 'SELECT 1')").find("vex.db.Database expected"), std::string::npos);
     EXPECT_NE(RunDb("return db.exec('SELECT 1')").find("vex.db.Database expected"), std::string::npos);
 }
 
-TEST_F(LuaHostTest, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
+TEST_F(HostModules, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
 {
     EXPECT_EQ(Run("kept = assert(require('vex.db').open(folder .. '/x.db')) return "
                   "tostring(kept):find('x.db', 1, true) ~= nil"),
@@ -367,7 +367,7 @@ TEST_F(LuaHostTest, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
     EXPECT_EQ(Run("return tostring(kept)"), "database (closed)");
 }
 
-TEST_F(LuaHostTest, ACommitStoresTheEventsThatWaitedForRoom)
+TEST_F(HostModules, ACommitStoresTheEventsThatWaitedForRoom)
 {
     const std::string work = m_folder / "later";
     const wxLogNull quiet;
@@ -393,7 +393,7 @@ TEST_F(LuaHostTest, ACommitStoresTheEventsThatWaitedForRoom)
     }
 }
 
-TEST_F(LuaHostTest, ADatabaseThatAWorkerIsInsideOfStaysOpen)
+TEST_F(HostModules, ADatabaseThatAWorkerIsInsideOfStaysOpen)
 {
     // The body of a transaction stands for a worker that was left running; the process's end comes on another
     // thread.
@@ -409,7 +409,7 @@ TEST_F(LuaHostTest, ADatabaseThatAWorkerIsInsideOfStaysOpen)
     EXPECT_TRUE(CloseLuaDatabases());
 }
 
-TEST_F(LuaHostTest, ACollectedDatabaseIsClosed)
+TEST_F(HostModules, ACollectedDatabaseIsClosed)
 {
     Run("for i = 1, 50 do require('vex.db').open(folder .. '/x.db') end collectgarbage() collectgarbage()");
     EXPECT_EQ(Run("local n = 0 for _, name in ipairs(require('vex.fs').list('/proc/self/fd')) do n = n + 1 "
@@ -417,7 +417,7 @@ TEST_F(LuaHostTest, ACollectedDatabaseIsClosed)
               "true");
 }
 
-TEST_F(LuaHostTest, AnExceptionOfACallIsAnErrorWithItsText)
+TEST_F(HostModules, AnExceptionOfACallIsAnErrorWithItsText)
 {
 #ifdef VEX_TEST_SANITIZED
     GTEST_SKIP() << "the sanitizers' own memory is over any limit of the address space";

@@ -41,7 +41,7 @@ struct LimitedAllocator
     }
 };
 
-class LuaInterpreterTest : public ::testing::Test
+class Interpreter : public ::testing::Test
 {
 protected:
     int Run(const std::string& code, int resultCount = 0, const char* name = "chunk")
@@ -79,7 +79,7 @@ int CountOf(const std::string& text, const std::string& part)
 
 // --- results and stack
 
-TEST_F(LuaInterpreterTest, SuccessLeavesExactlyTheResultsAskedFor)
+TEST_F(Interpreter, SuccessLeavesExactlyTheResultsAskedFor)
 {
     EXPECT_EQ(Run("return 7, 8, 9", 1), 0);
     ASSERT_EQ(Height(), 1);
@@ -90,7 +90,7 @@ TEST_F(LuaInterpreterTest, SuccessLeavesExactlyTheResultsAskedFor)
     EXPECT_EQ(Error(), "");
 }
 
-TEST_F(LuaInterpreterTest, ManyResultsAndArgumentsHaveTheirRoom)
+TEST_F(Interpreter, ManyResultsAndArgumentsHaveTheirRoom)
 {
     EXPECT_EQ(Run("return 1, 2", 5000), 0);
     ASSERT_EQ(Height(), 5000);
@@ -109,7 +109,7 @@ TEST_F(LuaInterpreterTest, ManyResultsAndArgumentsHaveTheirRoom)
     EXPECT_EQ(Height(), 0);
 }
 
-TEST_F(LuaInterpreterTest, ArgumentsReachTheChunkAndAreGoneAfterwards)
+TEST_F(Interpreter, ArgumentsReachTheChunkAndAreGoneAfterwards)
 {
     lua_pushstring(lua.L(), "below");
     lua_pushinteger(lua.L(), 20);
@@ -126,7 +126,7 @@ TEST_F(LuaInterpreterTest, ArgumentsReachTheChunkAndAreGoneAfterwards)
     EXPECT_STREQ(lua_tostring(lua.L(), 1), "below");
 }
 
-TEST_F(LuaInterpreterTest, LongChunkIsReadInPieces)
+TEST_F(Interpreter, LongChunkIsReadInPieces)
 {
     std::string code = "local n = 0\n";
     for (int i = 0; i < 20000; ++i)
@@ -137,14 +137,14 @@ TEST_F(LuaInterpreterTest, LongChunkIsReadInPieces)
 
 // --- statuses
 
-TEST_F(LuaInterpreterTest, ChunkThatDoesNotLoadIsStatusOneWithoutTraceback)
+TEST_F(Interpreter, ChunkThatDoesNotLoadIsStatusOneWithoutTraceback)
 {
     EXPECT_EQ(Run("x = = 1", 1, "vx_agent"), 1);
     EXPECT_EQ(Error(), "vx_agent:1: unexpected symbol near '='");
     EXPECT_EQ(Height(), 0);
 }
 
-TEST_F(LuaInterpreterTest, PrecompiledChunkIsRefused)
+TEST_F(Interpreter, PrecompiledChunkIsRefused)
 {
     ASSERT_EQ(Run("return string.dump(function() return 1 end)", 1), 0);
     std::size_t length = 0;
@@ -153,7 +153,7 @@ TEST_F(LuaInterpreterTest, PrecompiledChunkIsRefused)
     EXPECT_THAT(Error(), HasSubstr("attempt to load a binary chunk"));
 }
 
-TEST_F(LuaInterpreterTest, UnreadableStreamIsStatusOne)
+TEST_F(Interpreter, UnreadableStreamIsStatusOne)
 {
     struct Broken : wxInputStream
     {
@@ -167,7 +167,7 @@ TEST_F(LuaInterpreterTest, UnreadableStreamIsStatusOne)
     EXPECT_THAT(Error(), HasSubstr("cannot read the chunk"));
 }
 
-TEST_F(LuaInterpreterTest, RunTimeErrorIsStatusTwoWithOneTraceback)
+TEST_F(Interpreter, RunTimeErrorIsStatusTwoWithOneTraceback)
 {
     EXPECT_EQ(Run("local function f() error('boom') end\nf()"), 2);
     EXPECT_THAT(Error(), StartsWith("chunk:1: boom\nstack traceback:\n\t[C]: in function 'error'\n"));
@@ -175,7 +175,7 @@ TEST_F(LuaInterpreterTest, RunTimeErrorIsStatusTwoWithOneTraceback)
     EXPECT_EQ(CountOf(Error(), "stack traceback:"), 1);
 }
 
-TEST_F(LuaInterpreterTest, RethrownErrorKeepsItsFirstTraceback)
+TEST_F(Interpreter, RethrownErrorKeepsItsFirstTraceback)
 {
     EXPECT_EQ(Run("local function inner() error('boom') end\n"
                   "local ok, message = xpcall(inner, debug.traceback)\nerror(message, 0)"),
@@ -184,7 +184,7 @@ TEST_F(LuaInterpreterTest, RethrownErrorKeepsItsFirstTraceback)
     EXPECT_THAT(Error(), HasSubstr("in function 'xpcall'"));
 }
 
-TEST_F(LuaInterpreterTest, ErrorValueThatIsNoStringIsReportedByItsTextOrType)
+TEST_F(Interpreter, ErrorValueThatIsNoStringIsReportedByItsTextOrType)
 {
     EXPECT_EQ(Run("error({})"), 2);
     EXPECT_THAT(Error(), StartsWith("(error object is a table value)\nstack traceback:"));
@@ -196,7 +196,7 @@ TEST_F(LuaInterpreterTest, ErrorValueThatIsNoStringIsReportedByItsTextOrType)
     EXPECT_THAT(Error(), StartsWith("12\nstack traceback:"));
 }
 
-TEST_F(LuaInterpreterTest, ToStringThatFailsIsReportedToo)
+TEST_F(Interpreter, ToStringThatFailsIsReportedToo)
 {
     EXPECT_EQ(Run("error(setmetatable({}, {__tostring = function() error('inner') end}))"), 2);
     EXPECT_THAT(Error(), HasSubstr("error object is a table value that gives no text: chunk:1: inner"));
@@ -206,7 +206,7 @@ TEST_F(LuaInterpreterTest, ToStringThatFailsIsReportedToo)
     EXPECT_THAT(Error(), HasSubstr("that gives no text: no reason"));
 }
 
-TEST_F(LuaInterpreterTest, StackOverflowIsStatusTwo)
+TEST_F(Interpreter, StackOverflowIsStatusTwo)
 {
     EXPECT_EQ(Run("local function f() return 1 + f() end f()"), 2);
     EXPECT_THAT(Error(), HasSubstr("stack overflow"));
@@ -218,7 +218,7 @@ TEST_F(LuaInterpreterTest, StackOverflowIsStatusTwo)
     EXPECT_THAT(Error(), HasSubstr("C stack overflow"));
 }
 
-TEST_F(LuaInterpreterTest, OutOfMemoryIsStatusFour)
+TEST_F(Interpreter, OutOfMemoryIsStatusFour)
 {
     allocator.left = 1 << 20;
     lua_setallocf(lua.L(), &LimitedAllocator::Allocate, &allocator);
@@ -229,7 +229,7 @@ TEST_F(LuaInterpreterTest, OutOfMemoryIsStatusFour)
     EXPECT_EQ(Run("return 1"), 0) << "the state goes on";
 }
 
-TEST_F(LuaInterpreterTest, EndlessStringIsStatusOneOrFour)
+TEST_F(Interpreter, EndlessStringIsStatusOneOrFour)
 {
     // A chunk that never ends, inside of a string.
     struct Endless : wxInputStream
@@ -251,13 +251,13 @@ TEST_F(LuaInterpreterTest, EndlessStringIsStatusOneOrFour)
     EXPECT_EQ(Run("return 'unfinished"), 1);
 }
 
-TEST_F(LuaInterpreterTest, ErrorInAFinaliserIsStatusFive)
+TEST_F(Interpreter, ErrorInAFinaliserIsStatusFive)
 {
     EXPECT_EQ(Run("setmetatable({}, {__gc = function() error('late') end}) collectgarbage()"), 5);
     EXPECT_THAT(Error(), HasSubstr("late"));
 }
 
-TEST_F(LuaInterpreterTest, ForeignExceptionIsStatusTwoWithItsText)
+TEST_F(Interpreter, ForeignExceptionIsStatusTwoWithItsText)
 {
     lua_register(lua.L(), "native", [](lua_State*) -> int { throw std::runtime_error("from a module"); });
     lua_register(lua.L(), "odd", [](lua_State*) -> int { throw 5; });
@@ -270,7 +270,7 @@ TEST_F(LuaInterpreterTest, ForeignExceptionIsStatusTwoWithItsText)
     EXPECT_EQ(Run("return 1"), 0);
 }
 
-TEST_F(LuaInterpreterTest, EveryFailingAllocationOfARunIsStatusFourOrSuccess)
+TEST_F(Interpreter, EveryFailingAllocationOfARunIsStatusFourOrSuccess)
 {
     int failures = 0;
     for (std::size_t room = 0; room < 200000; room += 512) {
@@ -291,7 +291,7 @@ TEST_F(LuaInterpreterTest, EveryFailingAllocationOfARunIsStatusFourOrSuccess)
     EXPECT_LT(failures, 390);
 }
 
-TEST_F(LuaInterpreterTest, ErrorInfoStaysUntilTheNextFailure)
+TEST_F(Interpreter, ErrorInfoStaysUntilTheNextFailure)
 {
     Run("error('first', 0)");
     EXPECT_EQ(Run("return 1"), 0);
@@ -300,13 +300,13 @@ TEST_F(LuaInterpreterTest, ErrorInfoStaysUntilTheNextFailure)
     EXPECT_THAT(Error(), StartsWith("second\n"));
 }
 
-TEST_F(LuaInterpreterTest, MessageThatIsNotUtf8IsKept)
+TEST_F(Interpreter, MessageThatIsNotUtf8IsKept)
 {
     Run("error('caf\\233', 0)");
     EXPECT_THAT(Error(), StartsWith("café\n"));
 }
 
-TEST_F(LuaInterpreterTest, MessageIsNotCutAtAZeroByte)
+TEST_F(Interpreter, MessageIsNotCutAtAZeroByte)
 {
     Run("error('a\\0b', 0)");
     const wxString message = lua.GetErrorInfo();
@@ -315,7 +315,7 @@ TEST_F(LuaInterpreterTest, MessageIsNotCutAtAZeroByte)
                 StartsWith(std::string("a\0b\nstack traceback:\n\t[C]: in", 29)));
 }
 
-TEST_F(LuaInterpreterTest, ChunkMayRunAnother)
+TEST_F(Interpreter, ChunkMayRunAnother)
 {
     static CLuaInterpreter* interpreter;
     interpreter = &lua;
@@ -333,7 +333,7 @@ TEST_F(LuaInterpreterTest, ChunkMayRunAnother)
 
 // --- output
 
-TEST_F(LuaInterpreterTest, PrintAndWriteKeepTheirOrder)
+TEST_F(Interpreter, PrintAndWriteKeepTheirOrder)
 {
     EXPECT_EQ(Run("print('a', 1, nil, true) io.write('b', 2, '\\n') io.stdout:write('c'):write('d\\n') print() "
                   "io.output():write('e\\n') io.flush() io.stdout:flush() print('x\\0y')"),
@@ -341,7 +341,7 @@ TEST_F(LuaInterpreterTest, PrintAndWriteKeepTheirOrder)
     EXPECT_EQ(output, std::string("a\t1\tnil\ttrue\nb2\ncd\n\ne\nx\0y\n", 26));
 }
 
-TEST_F(LuaInterpreterTest, WriteReturnsItsFile)
+TEST_F(Interpreter, WriteReturnsItsFile)
 {
     EXPECT_EQ(Run("assert(io.write('') == io.stdout) assert(io.stdout:write('') == io.stdout) "
                   "assert(io.stdout:flush() == io.stdout)"),
@@ -349,7 +349,7 @@ TEST_F(LuaInterpreterTest, WriteReturnsItsFile)
         << Error();
 }
 
-TEST_F(LuaInterpreterTest, FinaliserThatPrintsLeavesTheRunningPrintAlone)
+TEST_F(Interpreter, FinaliserThatPrintsLeavesTheRunningPrintAlone)
 {
     // The text of the number is made by print itself, and with these settings that surely runs the finaliser.
     EXPECT_EQ(Run("collectgarbage('setpause', 0) collectgarbage('setstepmul', 1000000) collectgarbage() "
@@ -361,7 +361,7 @@ TEST_F(LuaInterpreterTest, FinaliserThatPrintsLeavesTheRunningPrintAlone)
     EXPECT_EQ(CountOf(output, "begin\t5.25\tend\n"), 1) << output;
 }
 
-TEST_F(LuaInterpreterTest, PrintUsesTostringOfTheChunk)
+TEST_F(Interpreter, PrintUsesTostringOfTheChunk)
 {
     EXPECT_EQ(Run("local t = setmetatable({}, {__tostring = function() print('inside') return 'T' end}) print('v', t)"),
               0);
@@ -372,7 +372,7 @@ TEST_F(LuaInterpreterTest, PrintUsesTostringOfTheChunk)
     EXPECT_THAT(Error(), HasSubstr("'tostring' must return a string to 'print'"));
 }
 
-TEST_F(LuaInterpreterTest, OutputToAnotherFileIsNotRedirected)
+TEST_F(Interpreter, OutputToAnotherFileIsNotRedirected)
 {
     EXPECT_EQ(Run("local f = io.tmpfile() io.output(f) io.write('hidden') f:write(' too') io.flush() f:flush() "
                   "f:seek('set') local text = f:read('*a') io.output(io.stdout) io.write(text)"),
@@ -381,13 +381,13 @@ TEST_F(LuaInterpreterTest, OutputToAnotherFileIsNotRedirected)
     EXPECT_EQ(output, "hidden too");
 }
 
-TEST_F(LuaInterpreterTest, WrongArgumentOfWriteIsAnError)
+TEST_F(Interpreter, WrongArgumentOfWriteIsAnError)
 {
     EXPECT_EQ(Run("io.write({})"), 2);
     EXPECT_THAT(Error(), HasSubstr("bad argument #1 to 'write' (string expected, got table)"));
 }
 
-TEST_F(LuaInterpreterTest, FailingStreamIsReportedByWrite)
+TEST_F(Interpreter, FailingStreamIsReportedByWrite)
 {
     struct Full : wxOutputStream
     {
@@ -403,7 +403,7 @@ TEST_F(LuaInterpreterTest, FailingStreamIsReportedByWrite)
     EXPECT_EQ(lua.RunScript(in, 0, 0, "full", &full), 0) << Error();
 }
 
-TEST_F(LuaInterpreterTest, FlushReachesTheStream)
+TEST_F(Interpreter, FlushReachesTheStream)
 {
     struct Counting : wxMemoryOutputStream
     {
@@ -415,7 +415,7 @@ TEST_F(LuaInterpreterTest, FlushReachesTheStream)
     EXPECT_EQ(out.flushed, 2);
 }
 
-TEST_F(LuaInterpreterTest, OutputOfACoroutineAndOfANestedCallGoesToTheStreamToo)
+TEST_F(Interpreter, OutputOfACoroutineAndOfANestedCallGoesToTheStreamToo)
 {
     EXPECT_EQ(Run("coroutine.wrap(function() print('in a coroutine') io.write('w', 1, '\\n') end)() "
                   "pcall(function() print('inside pcall') error('x') end) load(\"print('loaded')\")()"),
@@ -428,7 +428,7 @@ TEST_F(LuaInterpreterTest, OutputOfACoroutineAndOfANestedCallGoesToTheStreamToo)
         << "the stream is only for the chunk that it was given for";
 }
 
-TEST_F(LuaInterpreterTest, WithoutAStreamOutputIsLuasOwn)
+TEST_F(Interpreter, WithoutAStreamOutputIsLuasOwn)
 {
     ::testing::internal::CaptureStdout();
     wxStringInputStream in("print('plain', 1) io.write('w\\n') io.stdout:write('f\\n') io.flush() io.stdout:flush()");
@@ -438,7 +438,7 @@ TEST_F(LuaInterpreterTest, WithoutAStreamOutputIsLuasOwn)
 
 // --- package paths
 
-TEST_F(LuaInterpreterTest, PackagePathsHaveTheirOrderAndNoCurrentDirectory)
+TEST_F(Interpreter, PackagePathsHaveTheirOrderAndNoCurrentDirectory)
 {
     lua.SetPackagePaths("/bin/dir", "/my/?.lua;/other/?.lua", "/my/?.so");
     const std::string path = Global("package", "path");
@@ -450,7 +450,7 @@ TEST_F(LuaInterpreterTest, PackagePathsHaveTheirOrderAndNoCurrentDirectory)
     EXPECT_THAT(";" + cpath, Not(HasSubstr(";./")));
 }
 
-TEST_F(LuaInterpreterTest, EmptyPathsAreLeftOut)
+TEST_F(Interpreter, EmptyPathsAreLeftOut)
 {
     lua.SetPackagePaths("", "", "");
     EXPECT_THAT(Global("package", "path"), StartsWith("/usr"));
@@ -459,7 +459,7 @@ TEST_F(LuaInterpreterTest, EmptyPathsAreLeftOut)
     EXPECT_THAT(Global("package", "cpath"), StartsWith("/usr"));
 }
 
-TEST_F(LuaInterpreterTest, SettingPathsAgainDoesNotPileThemUp)
+TEST_F(Interpreter, SettingPathsAgainDoesNotPileThemUp)
 {
     lua.SetPackagePaths("/b", "/p/?.lua", "/c/?.so");
     const std::string once = Global("package", "path");
@@ -469,7 +469,7 @@ TEST_F(LuaInterpreterTest, SettingPathsAgainDoesNotPileThemUp)
 
 // --- life
 
-TEST(LuaInterpreterLife, WithoutLibrariesThereAreNoGlobals)
+TEST(InterpreterLife, WithoutLibrariesThereAreNoGlobals)
 {
     CLuaInterpreter bare(false, L"bare", false);
     wxStringInputStream in("return print == nil and io == nil");
@@ -477,7 +477,7 @@ TEST(LuaInterpreterLife, WithoutLibrariesThereAreNoGlobals)
     EXPECT_TRUE(lua_toboolean(bare.L(), -1));
 }
 
-TEST(LuaInterpreterLife, CollectionAtTheEndRunsFinalisers)
+TEST(InterpreterLife, CollectionAtTheEndRunsFinalisers)
 {
     static int collected;
     collected = 0;

@@ -27,10 +27,10 @@ using ::testing::StartsWith;
 using VexCore::CDom;
 
 namespace {
-class WorkerTest : public ::testing::Test
+class LuaWorker : public ::testing::Test
 {
 protected:
-    WorkerTest() : dom(CDom::New(nullptr, nullptr, nullptr, false))
+    LuaWorker() : dom(CDom::New(nullptr, nullptr, nullptr, false))
     {
         dom->Set("app.name", "worker");
         dom->Set("app.path.work", folder.Path());
@@ -38,7 +38,7 @@ protected:
         SLB3::PushReference(lua.L(), dom);
         lua_setglobal(lua.L(), "dom0");
     }
-    ~WorkerTest() override
+    ~LuaWorker() override
     {
         VexCore::StopAllWorkers(10000);
         VexCore::ReopenWorkers();
@@ -65,7 +65,7 @@ protected:
     VexCore::CLuaInterpreter lua{false, L"test", true};
 };
 
-TEST_F(WorkerTest, RunsTheModuleWithItsArgumentInAPreparedState)
+TEST_F(LuaWorker, RunsTheModuleWithItsArgumentInAPreparedState)
 {
     Module("job", "local M = {}\n"
                   "function M.run(arg) dom0:Set('got', arg.list[2] .. tostring(arg.flag) .. arg[1] .. arg.text)\n"
@@ -78,7 +78,7 @@ TEST_F(WorkerTest, RunsTheModuleWithItsArgumentInAPreparedState)
     EXPECT_EQ(Run("return w:Running(), w:Join(0)"), "false true 0");
 }
 
-TEST_F(WorkerTest, ErrorWithANulIsWholeForWhoJoinsAndInTheLog)
+TEST_F(LuaWorker, ErrorWithANulIsWholeForWhoJoinsAndInTheLog)
 {
     Module("fails", "local M = {}\nfunction M.run() error('front\\0back', 0) end\nreturn M");
     EXPECT_EQ(Run("local ended, status, text = dom0:StartThread('fails'):Join()\n"
@@ -87,14 +87,14 @@ TEST_F(WorkerTest, ErrorWithANulIsWholeForWhoJoinsAndInTheLog)
     EXPECT_THAT(Log(), HasSubstr("Worker \"fails\" failed: front\\x00back"));
 }
 
-TEST_F(WorkerTest, ArgumentMayBeLeftOut)
+TEST_F(LuaWorker, ArgumentMayBeLeftOut)
 {
     Module("job", "return {run = function(arg) dom0:Set('type', type(arg)) return 3 end}");
     EXPECT_EQ(Run("return dom0:StartThread('job'):Join()"), "true 3");
     EXPECT_EQ(dom->Get("type"), "nil");
 }
 
-TEST_F(WorkerTest, ErrorIsLoggedWithItsTracebackAndToldByJoin)
+TEST_F(LuaWorker, ErrorIsLoggedWithItsTracebackAndToldByJoin)
 {
     Module("job", "return {run = function() error('broken') end}");
     EXPECT_THAT(Run("return dom0:StartThread('job'):Join()"),
@@ -102,14 +102,14 @@ TEST_F(WorkerTest, ErrorIsLoggedWithItsTracebackAndToldByJoin)
     EXPECT_THAT(Log(), MatchesRegex("Worker \"job\" failed: .*job.lua:1: broken\nstack traceback:\n.*"));
 }
 
-TEST_F(WorkerTest, NameThatIsNotUtf8IsStillToldInTheLog)
+TEST_F(LuaWorker, NameThatIsNotUtf8IsStillToldInTheLog)
 {
     Module("caf\xE9", "return {run = function() error('broken', 0) end}");
     Run("dom0:StartThread('caf\\233'):Join()");
     EXPECT_THAT(Log(), StartsWith("Worker \"caf\xC3\xA9\" failed: broken\n"));
 }
 
-TEST_F(WorkerTest, ModuleThatIsMissingOrHasNoRunIsAnError)
+TEST_F(LuaWorker, ModuleThatIsMissingOrHasNoRunIsAnError)
 {
     EXPECT_THAT(Run("return dom0:StartThread('no.such'):Join()"), HasSubstr("module 'no.such' not found"));
     Module("plain", "return 5");
@@ -119,7 +119,7 @@ TEST_F(WorkerTest, ModuleThatIsMissingOrHasNoRunIsAnError)
     EXPECT_THAT(Run("return dom0:StartThread('bad'):Join()"), HasSubstr("unexpected symbol near '='"));
 }
 
-TEST_F(WorkerTest, StopWakesAWaitAtOnceWithNil)
+TEST_F(LuaWorker, StopWakesAWaitAtOnceWithNil)
 {
     Module(
         "job",
@@ -132,7 +132,7 @@ TEST_F(WorkerTest, StopWakesAWaitAtOnceWithNil)
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
-TEST_F(WorkerTest, WriteWakesAWaitAtOnce)
+TEST_F(LuaWorker, WriteWakesAWaitAtOnce)
 {
     // The worker's first wait makes sure that no write after it is missed; ours lets it fall asleep in its second.
     Module(
@@ -143,7 +143,7 @@ TEST_F(WorkerTest, WriteWakesAWaitAtOnce)
               "true 4");
 }
 
-TEST_F(WorkerTest, ArgumentThatCannotBeCopiedIsAClearError)
+TEST_F(LuaWorker, ArgumentThatCannotBeCopiedIsAClearError)
 {
     const std::string front =
         "error: test.lua:1: bad argument #2 to 'SLB.Dom:StartThread' (nil, boolean, number, string or a "
@@ -159,14 +159,14 @@ TEST_F(WorkerTest, ArgumentThatCannotBeCopiedIsAClearError)
     EXPECT_THAT(Run("dom0:StartThread()"), HasSubstr("#1 to 'SLB.Dom:StartThread' (string expected, got no value)"));
 }
 
-TEST_F(WorkerTest, NumberKeysAreCopiedWithoutBeingChanged)
+TEST_F(LuaWorker, NumberKeysAreCopiedWithoutBeingChanged)
 {
     Module("job", "return {run = function(t) dom0:Set('sum', t[1] + t[2.5] + (t[true] and 1 or 0)) end}");
     EXPECT_EQ(Run("return dom0:StartThread('job', {10, [2.5] = 20, [true] = 'x'}):Join()"), "true 0");
     EXPECT_EQ(dom->Get("sum"), "31");
 }
 
-TEST_F(WorkerTest, WorkerMayStartAndJoinAnother)
+TEST_F(LuaWorker, WorkerMayStartAndJoinAnother)
 {
     Module("outer",
            "return {run = function() local ok, status = dom0:StartThread('inner', 5):Join() return status + 1 end}");
@@ -174,7 +174,7 @@ TEST_F(WorkerTest, WorkerMayStartAndJoinAnother)
     EXPECT_EQ(Run("return dom0:StartThread('outer'):Join()"), "true 6");
 }
 
-TEST_F(WorkerTest, StopWakesAWorkerThatJoinsAnother)
+TEST_F(LuaWorker, StopWakesAWorkerThatJoinsAnother)
 {
     Module("outer", "return {run = function() inner = dom0:StartThread('inner') dom0:Set('up', true)\n"
                     "dom0:Set('ended', tostring((inner:Join()))) inner:Stop() inner:Join() end}");
@@ -185,7 +185,7 @@ TEST_F(WorkerTest, StopWakesAWorkerThatJoinsAnother)
     EXPECT_EQ(dom->Get("ended"), "false");
 }
 
-TEST_F(WorkerTest, CollectedHandleLeavesTheWorkerRunning)
+TEST_F(LuaWorker, CollectedHandleLeavesTheWorkerRunning)
 {
     Module("job", "return {run = function() dom0:Wait('go', 60) dom0:Set('done', true) end}");
     EXPECT_EQ(Run("dom0:StartThread('job') collectgarbage() collectgarbage() dom0:Set('go', 1)\n"
@@ -194,14 +194,14 @@ TEST_F(WorkerTest, CollectedHandleLeavesTheWorkerRunning)
               "done");
 }
 
-TEST_F(WorkerTest, MethodsCheckTheirReceiver)
+TEST_F(LuaWorker, MethodsCheckTheirReceiver)
 {
     Module("job", "return {run = function() end}");
     EXPECT_THAT(Run("local w = dom0:StartThread('job') w.Join(dom0)"),
                 HasSubstr("bad argument #0 (self) to 'SLB.Worker:Join' (SLB.Worker expected, got SLB.Dom;"));
 }
 
-TEST_F(WorkerTest, StopOfTheProcessEndsWorkersAndRefusesNewOnes)
+TEST_F(LuaWorker, StopOfTheProcessEndsWorkersAndRefusesNewOnes)
 {
     Module("job", "return {run = function() while dom0:Wait('never', 60) ~= nil do end return 9 end}");
     ASSERT_EQ(Run("a, b = dom0:StartThread('job'), dom0:StartThread('job')"), "");
@@ -212,7 +212,7 @@ TEST_F(WorkerTest, StopOfTheProcessEndsWorkersAndRefusesNewOnes)
     EXPECT_THAT(Log(), Not(HasSubstr("left behind")));
 }
 
-TEST_F(WorkerTest, TwoHundredBusyWorkersStartAndStop)
+TEST_F(LuaWorker, TwoHundredBusyWorkersStartAndStop)
 {
     Module("busy", "return {run = function(n)\n"
                    "  while dom0:Wait('never.' .. n, 0) ~= nil do\n"
@@ -230,7 +230,7 @@ TEST_F(WorkerTest, TwoHundredBusyWorkersStartAndStop)
     EXPECT_FALSE(VexCore::OtherRunnablesRun());
 }
 
-TEST_F(WorkerTest, StopOfTheProcessJoinsEveryWorkerThatEnds)
+TEST_F(LuaWorker, StopOfTheProcessJoinsEveryWorkerThatEnds)
 {
     Module("job", "return {run = function() dom0:Wait('never', 60) end}");
     for (int round = 0; round < 200; ++round) {
@@ -244,7 +244,7 @@ TEST_F(WorkerTest, StopOfTheProcessJoinsEveryWorkerThatEnds)
     }
 }
 
-TEST_F(WorkerTest, StragglerIsNamedAndTheProcessStillEnds)
+TEST_F(LuaWorker, StragglerIsNamedAndTheProcessStillEnds)
 {
     Module("stuck", "return {run = function() dom0:Set('up', true) while true do end end}");
     testing::FLAGS_gtest_death_test_style = "threadsafe";

@@ -24,17 +24,17 @@ using ::testing::StartsWith;
 using VexCore::CDom;
 
 namespace {
-class WrapDomTest : public ::testing::Test
+class DomainInLua : public ::testing::Test
 {
 protected:
-    WrapDomTest() : dom(CDom::New(nullptr, nullptr, nullptr, false))
+    DomainInLua() : dom(CDom::New(nullptr, nullptr, nullptr, false))
     {
         dom->Set("app.name", "wrapdom");
         dom->Set("app.path.work", folder.Path());
         SLB3::PushReference(lua.L(), dom);
         lua_setglobal(lua.L(), "dom0");
     }
-    ~WrapDomTest() override { dom->Release(); }
+    ~DomainInLua() override { dom->Release(); }
 
     /// The results of `return code` as texts with blanks between, or "error: " and the message.
     std::string Run(const std::string& code)
@@ -63,7 +63,7 @@ protected:
 
 // --- values
 
-TEST_F(WrapDomTest, GetGivesTextDefaultOrNil)
+TEST_F(DomainInLua, GetGivesTextDefaultOrNil)
 {
     dom->Set("text", std::string("a\0b", 3));
     dom->Set("flag", true);
@@ -77,7 +77,7 @@ TEST_F(WrapDomTest, GetGivesTextDefaultOrNil)
     EXPECT_EQ(Run("dom0:Get('text', 'other', 'more')"), std::string("a\0b", 3));
 }
 
-TEST_F(WrapDomTest, GetBoolGivesBooleanDefaultOrFalse)
+TEST_F(DomainInLua, GetBoolGivesBooleanDefaultOrFalse)
 {
     dom->Set("yes", "Yes");
     dom->Set("odd", "maybe");
@@ -87,7 +87,7 @@ TEST_F(WrapDomTest, GetBoolGivesBooleanDefaultOrFalse)
     EXPECT_EQ(Run("dom0:GetBool('none')"), "false");
 }
 
-TEST_F(WrapDomTest, GetIntGivesIntegerDefaultOrNil)
+TEST_F(DomainInLua, GetIntGivesIntegerDefaultOrNil)
 {
     dom->Set("text", "-17");
     dom->SetWx("exact", std::int64_t(1) << 53);
@@ -108,7 +108,7 @@ TEST_F(WrapDomTest, GetIntGivesIntegerDefaultOrNil)
     EXPECT_THAT(Run("dom0:GetInt('none', 'x')"), HasSubstr("#2 to 'SLB.Dom:GetInt' (integer expected, got string)"));
 }
 
-TEST_F(WrapDomTest, SetWritesByTheTypeOfTheValue)
+TEST_F(DomainInLua, SetWritesByTheTypeOfTheValue)
 {
     Run("dom0:Set('t', 'a\\0b'), dom0:Set('b', false), dom0:Set('i', -2^53), dom0:Set('n', '12')");
     EXPECT_EQ(dom->TypeOf("t"), CDom::EType::Text);
@@ -121,7 +121,7 @@ TEST_F(WrapDomTest, SetWritesByTheTypeOfTheValue)
     EXPECT_FALSE(dom->Has("t"));
 }
 
-TEST_F(WrapDomTest, SetRefusesWhatADomainCannotHold)
+TEST_F(DomainInLua, SetRefusesWhatADomainCannotHold)
 {
     EXPECT_EQ(Run("dom0:Set('k', {})"),
               "error: test.lua:1: bad argument #2 to 'SLB.Dom:Set' (string, boolean, integer or "
@@ -137,7 +137,7 @@ TEST_F(WrapDomTest, SetRefusesWhatADomainCannotHold)
     EXPECT_FALSE(dom->Has("k"));
 }
 
-TEST_F(WrapDomTest, HasRemoveAndKeysWalkTheTree)
+TEST_F(DomainInLua, HasRemoveAndKeysWalkTheTree)
 {
     dom->Set("tree.b", "1");
     dom->Set("tree.a.x", "2");
@@ -150,7 +150,7 @@ TEST_F(WrapDomTest, HasRemoveAndKeysWalkTheTree)
 
 // --- receivers
 
-TEST_F(WrapDomTest, WrongCallsAreClearErrors)
+TEST_F(DomainInLua, WrongCallsAreClearErrors)
 {
     EXPECT_EQ(Run("dom0.Get('x')"),
               "error: test.lua:1: bad argument #0 (self) to 'SLB.Dom:Get' (SLB.Dom expected, got string; "
@@ -162,7 +162,7 @@ TEST_F(WrapDomTest, WrongCallsAreClearErrors)
     EXPECT_THAT(Run("dom0:Nothing()"), HasSubstr("attempt to call method 'Nothing'"));
 }
 
-TEST_F(WrapDomTest, EveryMethodRefusesAWrongReceiver)
+TEST_F(DomainInLua, EveryMethodRefusesAWrongReceiver)
 {
     EXPECT_EQ(Run("(function() local n = 0 for name, method in pairs(getmetatable(dom0).__index) do "
                   "local ok, message = pcall(method, {}) "
@@ -171,7 +171,7 @@ TEST_F(WrapDomTest, EveryMethodRefusesAWrongReceiver)
               "16");
 }
 
-TEST_F(WrapDomTest, EveryMethodWithArgumentsRefusesAWrongFirstOne)
+TEST_F(DomainInLua, EveryMethodWithArgumentsRefusesAWrongFirstOne)
 {
     EXPECT_EQ(
         Run("(function() local n = 0 for name, method in pairs(getmetatable(dom0).__index) do "
@@ -182,7 +182,7 @@ TEST_F(WrapDomTest, EveryMethodWithArgumentsRefusesAWrongFirstOne)
         "15");
 }
 
-TEST_F(WrapDomTest, WrongFurtherArgumentsAreRefused)
+TEST_F(DomainInLua, WrongFurtherArgumentsAreRefused)
 {
     EXPECT_THAT(Run("dom0:GetBool('k', 'x')"), HasSubstr("#2 to 'SLB.Dom:GetBool' (boolean expected, got string)"));
     EXPECT_THAT(Run("dom0:Trace('mine', {})"), HasSubstr("#2 to 'SLB.Dom:Trace' (string expected, got table)"));
@@ -192,7 +192,7 @@ TEST_F(WrapDomTest, WrongFurtherArgumentsAreRefused)
                           "table of them expected, got function)"));
 }
 
-TEST_F(WrapDomTest, CollectingEveryReferenceLeavesTheDomain)
+TEST_F(DomainInLua, CollectingEveryReferenceLeavesTheDomain)
 {
     Run("(function() dom0 = nil collectgarbage() collectgarbage() end)()");
     dom->Set("alive", true);
@@ -201,7 +201,7 @@ TEST_F(WrapDomTest, CollectingEveryReferenceLeavesTheDomain)
 
 // --- waiting
 
-TEST_F(WrapDomTest, WaitTellsWrittenFromTimeOver)
+TEST_F(DomainInLua, WaitTellsWrittenFromTimeOver)
 {
     EXPECT_EQ(Run("dom0:Wait('key', 0.01)"), "false");
     EXPECT_EQ(Run("dom0:Wait('key', 0)"), "false");
@@ -220,7 +220,7 @@ TEST_F(WrapDomTest, WaitTellsWrittenFromTimeOver)
 
 // The disk log has one place for the whole process, so these run in processes of their own.
 
-TEST_F(WrapDomTest, LogWritesAllLevelsToTheDiskLog)
+TEST_F(DomainInLua, LogWritesAllLevelsToTheDiskLog)
 {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_EXIT(
@@ -239,7 +239,7 @@ TEST_F(WrapDomTest, LogWritesAllLevelsToTheDiskLog)
         ".*WARNING \\[[0-9]+/main\\] a.+b\n");
 }
 
-TEST_F(WrapDomTest, TraceNamesTheCallingLineOfLua)
+TEST_F(DomainInLua, TraceNamesTheCallingLineOfLua)
 {
     EXPECT_EQ(Run("dom0:TraceEnabled('mine')"), "false");
     testing::FLAGS_gtest_death_test_style = "threadsafe";
@@ -262,7 +262,7 @@ TEST_F(WrapDomTest, TraceNamesTheCallingLineOfLua)
     EXPECT_THAT(Run("dom0:Trace('mine', 'x', 'y')"), HasSubstr("#3 to 'SLB.Dom:Trace' (integer expected, got string)"));
 }
 
-TEST_F(WrapDomTest, UnknownLevelIsAnError)
+TEST_F(DomainInLua, UnknownLevelIsAnError)
 {
     EXPECT_EQ(Run("dom0:Log('loud', 'x')"), "error: test.lua:1: bad argument #1 to 'SLB.Dom:Log' (\"error\", "
                                             "\"warning\", \"message\", \"info\" or \"debug\" "
@@ -272,14 +272,14 @@ TEST_F(WrapDomTest, UnknownLevelIsAnError)
 
 // --- events and the host
 
-TEST_F(WrapDomTest, AgentEventReturnsItsId)
+TEST_F(DomainInLua, AgentEventReturnsItsId)
 {
     EXPECT_EQ(Run("dom0:AgentEvent{number = 7001, severity = 2, text = 'first'} > 0"), "true");
     EXPECT_EQ(Run("dom0:AgentEvent{number = 7002} > dom0:AgentEvent{number = 7001, severity = 99, text = ''}"),
               "false");
 }
 
-TEST_F(WrapDomTest, AgentEventStoresItsFields)
+TEST_F(DomainInLua, AgentEventStoresItsFields)
 {
     const std::int64_t begin = VexCore::TimeNowMillis();
     const std::string id = Run("dom0:AgentEvent{number = 7003, severity = 99, text = 'n\\195\\164h'}");
@@ -311,7 +311,7 @@ TEST_F(WrapDomTest, AgentEventStoresItsFields)
     EXPECT_THAT(row(plain), StartsWith("7004 5 |"));
 }
 
-TEST_F(WrapDomTest, AgentEventChecksItsFields)
+TEST_F(DomainInLua, AgentEventChecksItsFields)
 {
     const std::string front = "error: test.lua:1: bad argument #1 to 'SLB.Dom:AgentEvent' (";
     EXPECT_EQ(Run("dom0:AgentEvent()"), front + "table expected, got no value)");
@@ -325,13 +325,13 @@ TEST_F(WrapDomTest, AgentEventChecksItsFields)
               front + "table with a string \"text\" expected, got boolean)");
 }
 
-TEST_F(WrapDomTest, PluginWorkdirIsMade)
+TEST_F(DomainInLua, PluginWorkdirIsMade)
 {
     EXPECT_EQ(Run("dom0:PluginWorkdir('näh')"), folder / "plugins/näh");
     EXPECT_TRUE(std::filesystem::is_directory(folder / "plugins/näh"));
 }
 
-TEST_F(WrapDomTest, ExecuteRunsAProgramWithArguments)
+TEST_F(DomainInLua, ExecuteRunsAProgramWithArguments)
 {
     EXPECT_EQ(Run("dom0:Execute('/bin/echo', {'a b', 'c', 3})"), "true a b c 3\n 0 ");
     EXPECT_EQ(Run("(dom0:Execute('/bin/true'))"), "true");
@@ -342,7 +342,7 @@ TEST_F(WrapDomTest, ExecuteRunsAProgramWithArguments)
                 MatchesRegex("false  -?[0-9]+ .*/bin/sleep.*"));
 }
 
-TEST_F(WrapDomTest, ExecuteChecksItsArguments)
+TEST_F(DomainInLua, ExecuteChecksItsArguments)
 {
     EXPECT_THAT(Run("dom0:Execute()"), HasSubstr("#1 to 'SLB.Dom:Execute' (string expected, got no value)"));
     EXPECT_THAT(Run("dom0:Execute('x', 'y')"),
@@ -359,7 +359,7 @@ TEST_F(WrapDomTest, ExecuteChecksItsArguments)
                 HasSubstr("positive number \"timeout\" expected, got string"));
 }
 
-TEST_F(WrapDomTest, TimeIsInMilliseconds)
+TEST_F(DomainInLua, TimeIsInMilliseconds)
 {
     const std::int64_t now = VexCore::TimeNowMillis();
     const double told = std::stod(Run("('%.0f'):format(dom0:TimeMillis())"));

@@ -27,14 +27,14 @@ std::string OneModule(const std::string& code)
     return builder.Build();
 }
 
-class ArchiveIndexTest : public testing::Test
+class IndexedArchive : public testing::Test
 {
 protected:
     std::shared_ptr<ModuleArchive> Current(const std::string& path)
     {
         return ArchiveIndex::Process().Slot(path)->Current(ZipLimits(), failure);
     }
-    ~ArchiveIndexTest() override { ArchiveIndex::Process().ForgetUnused(); }
+    ~IndexedArchive() override { ArchiveIndex::Process().ForgetUnused(); }
     ::Test::TempFolder folder;
     std::string failure;
     wxLogNull silence;
@@ -58,14 +58,14 @@ private:
 
 } // namespace
 
-TEST(HashNameTest, IsTheSameInEveryBuildBecauseCacheFilesHoldIt)
+TEST(HashedName, IsTheSameInEveryBuildBecauseCacheFilesHoldIt)
 {
     EXPECT_EQ(HashName(""), 0xcbf29ce484222325u);
     EXPECT_EQ(HashName("a"), 0xaf63dc4c8601ec8cu);
     EXPECT_EQ(HashName("foobar"), 0x85944171f73967e8u);
 }
 
-TEST_F(ArchiveIndexTest, OnlyFilesThatEndInLuaAreModules)
+TEST_F(IndexedArchive, OnlyFilesThatEndInLuaAreModules)
 {
     ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const auto archive = Current(folder / "x.vxe");
@@ -76,14 +76,14 @@ TEST_F(ArchiveIndexTest, OnlyFilesThatEndInLuaAreModules)
     EXPECT_FALSE(archive->MayHave(HashName("b.lua")));
 }
 
-TEST_F(ArchiveIndexTest, AnArchiveThatDidNotChangeIsTheSameObject)
+TEST_F(IndexedArchive, AnArchiveThatDidNotChangeIsTheSameObject)
 {
     ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const auto first = Current(folder / "x.vxe");
     EXPECT_EQ(Current(folder / "x.vxe"), first);
 }
 
-TEST_F(ArchiveIndexTest, AnotherFileAtThePathIsAnotherArchive)
+TEST_F(IndexedArchive, AnotherFileAtThePathIsAnotherArchive)
 {
     ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const auto first = Current(folder / "x.vxe");
@@ -95,7 +95,7 @@ TEST_F(ArchiveIndexTest, AnotherFileAtThePathIsAnotherArchive)
     EXPECT_EQ(first->DirectorySha256().size(), 64u);
 }
 
-TEST_F(ArchiveIndexTest, AFileOfTheSamePlaceAndLengthIsAnotherArchiveByItsTime)
+TEST_F(IndexedArchive, AFileOfTheSamePlaceAndLengthIsAnotherArchiveByItsTime)
 {
     const std::string path = folder / "x.vxe";
     ::Test::WriteFile(path, OneModule("return 1"));
@@ -118,7 +118,7 @@ TEST_F(ArchiveIndexTest, AFileOfTheSamePlaceAndLengthIsAnotherArchiveByItsTime)
     EXPECT_NE(Current(path), second);
 }
 
-TEST_F(ArchiveIndexTest, ManyThreadsOpenAnArchiveOnce)
+TEST_F(IndexedArchive, ManyThreadsOpenAnArchiveOnce)
 {
     ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     std::vector<std::shared_ptr<ModuleArchive>> seen(8);
@@ -134,7 +134,7 @@ TEST_F(ArchiveIndexTest, ManyThreadsOpenAnArchiveOnce)
         EXPECT_EQ(place, seen[0]);
 }
 
-TEST_F(ArchiveIndexTest, AClosedArchiveIsOpenedAgainWhenItIsRead)
+TEST_F(IndexedArchive, AClosedArchiveIsOpenedAgainWhenItIsRead)
 {
     ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const auto archive = Current(folder / "x.vxe");
@@ -145,7 +145,7 @@ TEST_F(ArchiveIndexTest, AClosedArchiveIsOpenedAgainWhenItIsRead)
     EXPECT_TRUE(zip->Find("a.lua"));
 }
 
-TEST_F(ArchiveIndexTest, AClosedArchiveThatWasReplacedIsNotReadAsTheOldOne)
+TEST_F(IndexedArchive, AClosedArchiveThatWasReplacedIsNotReadAsTheOldOne)
 {
     ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const auto archive = Current(folder / "x.vxe");
@@ -156,7 +156,7 @@ TEST_F(ArchiveIndexTest, AClosedArchiveThatWasReplacedIsNotReadAsTheOldOne)
     EXPECT_EQ(error, "the file was replaced meanwhile");
 }
 
-TEST_F(ArchiveIndexTest, MoreArchivesThanDescriptorsAreAllUsable)
+TEST_F(IndexedArchive, MoreArchivesThanDescriptorsAreAllUsable)
 {
     const DescriptorLimit limit(128);
     std::vector<std::shared_ptr<ModuleArchive>> archives;
@@ -171,7 +171,7 @@ TEST_F(ArchiveIndexTest, MoreArchivesThanDescriptorsAreAllUsable)
         EXPECT_TRUE(archive->Zip(error)) << error;
 }
 
-TEST_F(ArchiveIndexTest, AnArchiveThatCouldNotBeOpenedForWantOfDescriptorsIsTriedAgain)
+TEST_F(IndexedArchive, AnArchiveThatCouldNotBeOpenedForWantOfDescriptorsIsTriedAgain)
 {
     ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     {
@@ -182,7 +182,7 @@ TEST_F(ArchiveIndexTest, AnArchiveThatCouldNotBeOpenedForWantOfDescriptorsIsTrie
     EXPECT_TRUE(Current(folder / "x.vxe"));
 }
 
-TEST_F(ArchiveIndexTest, WhatNobodyHoldsIsForgotten)
+TEST_F(IndexedArchive, WhatNobodyHoldsIsForgotten)
 {
     ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const std::weak_ptr<ModuleArchive> archive = Current(folder / "x.vxe");
@@ -192,7 +192,7 @@ TEST_F(ArchiveIndexTest, WhatNobodyHoldsIsForgotten)
     EXPECT_EQ(ArchiveIndex::Process().Slot(folder / "x.vxe"), kept);
 }
 
-TEST_F(ArchiveIndexTest, WhatIsForgottenIsClosed)
+TEST_F(IndexedArchive, WhatIsForgottenIsClosed)
 {
     ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     const std::weak_ptr<ModuleArchive> archive = Current(folder / "x.vxe");

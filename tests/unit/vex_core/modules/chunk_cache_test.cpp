@@ -60,10 +60,10 @@ int FailNth(const os::Call&)
     return EIO;
 }
 
-class ChunkCacheTest : public testing::Test
+class CachedChunk : public testing::Test
 {
 protected:
-    ~ChunkCacheTest() override
+    ~CachedChunk() override
     {
         os::SetCallObserver(nullptr);
         ChunkCache::ForgetUnused();
@@ -81,7 +81,7 @@ protected:
 
 } // namespace
 
-TEST(ChunkCacheFormatTest, FileThatIsNotAsLongAsItSaysIsNone)
+TEST(ChunkFile, FileThatIsNotAsLongAsItSaysIsNone)
 {
     const std::string file = Build(key, Items());
     const std::string_view head = std::string_view(file).substr(0, headerBytes);
@@ -91,7 +91,7 @@ TEST(ChunkCacheFormatTest, FileThatIsNotAsLongAsItSaysIsNone)
     EXPECT_FALSE(ParseHeader(head, key, file.size() + 1, header));
 }
 
-TEST(ChunkCacheFormatTest, WhatIsBuiltIsRead)
+TEST(ChunkFile, WhatIsBuiltIsRead)
 {
     const std::string file = Build(key, Items());
     std::vector<ChunkRecord> records;
@@ -112,13 +112,13 @@ TEST(ChunkCacheFormatTest, WhatIsBuiltIsRead)
     }
 }
 
-TEST(ChunkCacheFormatTest, AFileOfAnotherKeyIsRefused)
+TEST(ChunkFile, AFileOfAnotherKeyIsRefused)
 {
     std::vector<ChunkRecord> records;
     EXPECT_FALSE(ReadAll(Build(key, Items()), std::string(64, 'b'), records));
 }
 
-TEST(ChunkCacheFormatTest, EveryFlippedBitIsNoticed)
+TEST(ChunkFile, EveryFlippedBitIsNoticed)
 {
     const std::string good = Build(key, Items());
     for (std::size_t i = 0; i < good.size() * 8; ++i) {
@@ -142,7 +142,7 @@ TEST(ChunkCacheFormatTest, EveryFlippedBitIsNoticed)
     }
 }
 
-TEST(ChunkCacheFormatTest, ARecordThatPointsOutOfTheFileIsRefused)
+TEST(ChunkFile, ARecordThatPointsOutOfTheFileIsRefused)
 {
     Header header;
     header.count = 1;
@@ -178,7 +178,7 @@ TEST(ChunkCacheFormatTest, ARecordThatPointsOutOfTheFileIsRefused)
     EXPECT_FALSE(parses(data, 0xffffffffu, 0xffffffffu));
 }
 
-TEST(ChunkCacheKeyTest, DependsOnArchiveAndLua)
+TEST(ChunkFileKey, DependsOnArchiveAndLua)
 {
     EXPECT_EQ(ChunkCache::Key("a", "b").size(), 64u);
     EXPECT_EQ(ChunkCache::Key("a", "b"), ChunkCache::Key("a", "b"));
@@ -186,7 +186,7 @@ TEST(ChunkCacheKeyTest, DependsOnArchiveAndLua)
     EXPECT_NE(ChunkCache::Key("a", "b"), ChunkCache::Key("c", "b"));
 }
 
-TEST_F(ChunkCacheTest, AChunkThatWaitsIsFoundAlready)
+TEST_F(CachedChunk, AChunkThatWaitsIsFoundAlready)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, "code");
     EXPECT_FALSE(std::filesystem::exists(cacheFolder));
@@ -194,7 +194,7 @@ TEST_F(ChunkCacheTest, AChunkThatWaitsIsFoundAlready)
     EXPECT_EQ(chunk, "code");
 }
 
-TEST_F(ChunkCacheTest, AWrittenChunkIsFoundByTheNextProcess)
+TEST_F(CachedChunk, AWrittenChunkIsFoundByTheNextProcess)
 {
     auto cache = Fresh();
     cache->Add("/x.vxe/a.lua", 6, "code");
@@ -206,13 +206,13 @@ TEST_F(ChunkCacheTest, AWrittenChunkIsFoundByTheNextProcess)
     EXPECT_FALSE(Fresh()->Find("/x.vxe/b.lua", buffer, chunk));
 }
 
-TEST_F(ChunkCacheTest, ManyChunksAreWrittenWithoutAFlush)
+TEST_F(CachedChunk, ManyChunksAreWrittenWithoutAFlush)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, std::string(9 << 20, 'x'));
     EXPECT_EQ(Names(cacheFolder).size(), 1u);
 }
 
-TEST_F(ChunkCacheTest, WhatHasWaitedTwoSecondsIsWrittenAtTheNextLookup)
+TEST_F(CachedChunk, WhatHasWaitedTwoSecondsIsWrittenAtTheNextLookup)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, "code");
     ChunkCache::FlushOld();
@@ -222,7 +222,7 @@ TEST_F(ChunkCacheTest, WhatHasWaitedTwoSecondsIsWrittenAtTheNextLookup)
     EXPECT_EQ(Names(cacheFolder).size(), 1u);
 }
 
-TEST_F(ChunkCacheTest, WhatWaitsIsWrittenWhenTheProcessExits)
+TEST_F(CachedChunk, WhatWaitsIsWrittenWhenTheProcessExits)
 {
     // A chunk is added in a child that ends by exit, as a host does that never closes its interpreter.
     const pid_t child = ::fork();
@@ -236,7 +236,7 @@ TEST_F(ChunkCacheTest, WhatWaitsIsWrittenWhenTheProcessExits)
     EXPECT_TRUE(ChunkCache::Get(cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", buffer, chunk));
 }
 
-TEST_F(ChunkCacheTest, WritersKeepEachOthersChunks)
+TEST_F(CachedChunk, WritersKeepEachOthersChunks)
 {
     ChunkCache one(cacheFolder, key);
     ChunkCache two(cacheFolder, key);
@@ -249,7 +249,7 @@ TEST_F(ChunkCacheTest, WritersKeepEachOthersChunks)
     EXPECT_TRUE(cache->Find("/x.vxe/b.lua", buffer, chunk));
 }
 
-TEST_F(ChunkCacheTest, ANewChunkReplacesTheOldOne)
+TEST_F(CachedChunk, ANewChunkReplacesTheOldOne)
 {
     auto cache = Fresh();
     cache->Add("/x.vxe/a.lua", 6, "old");
@@ -261,7 +261,7 @@ TEST_F(ChunkCacheTest, ANewChunkReplacesTheOldOne)
     EXPECT_EQ(chunk, "new");
 }
 
-TEST_F(ChunkCacheTest, AFileKeepsTheChunksOfEightPaths)
+TEST_F(CachedChunk, AFileKeepsTheChunksOfEightPaths)
 {
     const auto cache = Fresh();
     for (int i = 0; i < 12; ++i) {
@@ -275,7 +275,7 @@ TEST_F(ChunkCacheTest, AFileKeepsTheChunksOfEightPaths)
     EXPECT_TRUE(cache->Find("/x11.vxe/a.lua", buffer, chunk)) << "the newest stays";
 }
 
-TEST_F(ChunkCacheTest, ManyCachesKeepFewFilesOpen)
+TEST_F(CachedChunk, ManyCachesKeepFewFilesOpen)
 {
     std::vector<std::shared_ptr<ChunkCache>> caches;
     for (int i = 0; i < 40; ++i) {
@@ -300,7 +300,7 @@ TEST_F(ChunkCacheTest, ManyCachesKeepFewFilesOpen)
     EXPECT_LE(openFiles(), 16);
 }
 
-TEST_F(ChunkCacheTest, FilesThatNobodyUsedForLongAndLeftoversAreSweptAndOthersStay)
+TEST_F(CachedChunk, FilesThatNobodyUsedForLongAndLeftoversAreSweptAndOthersStay)
 {
     ::Test::TempFolder place;
     const std::string swept = place / "cache";
@@ -333,7 +333,7 @@ TEST_F(ChunkCacheTest, FilesThatNobodyUsedForLongAndLeftoversAreSweptAndOthersSt
     EXPECT_LE(names.size(), 1002u);
 }
 
-TEST_F(ChunkCacheTest, AFileInUseIsMarkedSo)
+TEST_F(CachedChunk, AFileInUseIsMarkedSo)
 {
     auto cache = Fresh();
     cache->Add("/x.vxe/a.lua", 6, "code");
@@ -348,7 +348,7 @@ TEST_F(ChunkCacheTest, AFileInUseIsMarkedSo)
     EXPECT_GT(status.st_mtime, 1000);
 }
 
-TEST_F(ChunkCacheTest, AFileThatIsALinkOrReadableByOthersIsNotUsed)
+TEST_F(CachedChunk, AFileThatIsALinkOrReadableByOthersIsNotUsed)
 {
     auto cache = Fresh();
     cache->Add("/x.vxe/a.lua", 6, "code");
@@ -364,7 +364,7 @@ TEST_F(ChunkCacheTest, AFileThatIsALinkOrReadableByOthersIsNotUsed)
     EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
 }
 
-TEST_F(ChunkCacheTest, EveryFailingCallCostsOnlyTime)
+TEST_F(CachedChunk, EveryFailingCallCostsOnlyTime)
 {
     for (g_failAt = 1; g_failAt < 200; ++g_failAt) {
         std::filesystem::remove_all(cacheFolder);
@@ -391,7 +391,7 @@ TEST_F(ChunkCacheTest, EveryFailingCallCostsOnlyTime)
     EXPECT_LT(g_failAt, 200);
 }
 
-TEST_F(ChunkCacheTest, AProcessKilledAtAnyCallLeavesAWholeFile)
+TEST_F(CachedChunk, AProcessKilledAtAnyCallLeavesAWholeFile)
 {
     g_fatal = true;
     for (g_failAt = 1; g_failAt < 200; ++g_failAt) {
@@ -427,7 +427,7 @@ TEST_F(ChunkCacheTest, AProcessKilledAtAnyCallLeavesAWholeFile)
     EXPECT_LT(g_failAt, 200);
 }
 
-TEST_F(ChunkCacheTest, ManyThreadsAndWritersDoNotHurtEachOther)
+TEST_F(CachedChunk, ManyThreadsAndWritersDoNotHurtEachOther)
 {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)

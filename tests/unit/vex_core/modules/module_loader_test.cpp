@@ -132,16 +132,16 @@ int NoteCall(const os::Call& call)
     return 0;
 }
 
-class ModuleLoaderTest : public testing::Test
+class ModuleSearch : public testing::Test
 {
 protected:
-    ModuleLoaderTest() : dom(CDom::New(nullptr, nullptr, nullptr, false))
+    ModuleSearch() : dom(CDom::New(nullptr, nullptr, nullptr, false))
     {
         std::filesystem::create_directories(folder / "bin/vex_core");
         std::filesystem::create_directories(folder / "work");
         dom->Set("app.path.bin", folder / "bin");
     }
-    ~ModuleLoaderTest() override
+    ~ModuleSearch() override
     {
         dom->Release();
         ArchiveIndex::Process().ForgetUnused();
@@ -173,32 +173,32 @@ protected:
 
 } // namespace
 
-TEST_F(ModuleLoaderTest, AModuleIsAFileNamedAfterItInAnArchive)
+TEST_F(ModuleSearch, AModuleIsAFileNamedAfterItInAnArchive)
 {
     Add("x.vxe", {{"a/b.lua", "return 'found'"}});
     EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "found");
 }
 
-TEST_F(ModuleLoaderTest, AModuleMayBeTheInitFileOfItsFolder)
+TEST_F(ModuleSearch, AModuleMayBeTheInitFileOfItsFolder)
 {
     Add("x.vxe", {{"a/b/init.lua", "return 'init'"}});
     EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "init");
 }
 
-TEST_F(ModuleLoaderTest, TheFileComesBeforeTheInitFile)
+TEST_F(ModuleSearch, TheFileComesBeforeTheInitFile)
 {
     Add("x.vxe", {{"a/init.lua", "return 'init'"}, {"a.lua", "return 'file'"}});
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "file");
 }
 
-TEST_F(ModuleLoaderTest, TheInitFileOfAnEarlierArchiveComesBeforeTheFileOfALaterOne)
+TEST_F(ModuleSearch, TheInitFileOfAnEarlierArchiveComesBeforeTheFileOfALaterOne)
 {
     Add("x.vxe", {{"a/init.lua", "return 'init of x'"}});
     Add("y.vxe", {{"a.lua", "return 'file of y'"}});
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "init of x");
 }
 
-TEST_F(ModuleLoaderTest, TheFirstArchiveOnThePathWins)
+TEST_F(ModuleSearch, TheFirstArchiveOnThePathWins)
 {
     Add("x.vxe", {{"a.lua", "return 'x'"}});
     Add("y.vxe", {{"a.lua", "return 'y'"}, {"b.lua", "return 'y'"}});
@@ -207,7 +207,7 @@ TEST_F(ModuleLoaderTest, TheFirstArchiveOnThePathWins)
     EXPECT_EQ(lua.Run("return require 'b'"), "y");
 }
 
-TEST_F(ModuleLoaderTest, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
+TEST_F(ModuleSearch, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
 {
     std::filesystem::create_directories(folder / "given");
     std::filesystem::create_directories(folder / "rest");
@@ -232,7 +232,7 @@ TEST_F(ModuleLoaderTest, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
     }
 }
 
-TEST_F(ModuleLoaderTest, ATemplateThatAScriptAddsIsSearchedAfterTheArchives)
+TEST_F(ModuleSearch, ATemplateThatAScriptAddsIsSearchedAfterTheArchives)
 {
     Add("x.vxe", {{"m.lua", "return 'archive'"}});
     ::Test::WriteFile(folder / "m.lua", "return 'stray'");
@@ -243,7 +243,7 @@ TEST_F(ModuleLoaderTest, ATemplateThatAScriptAddsIsSearchedAfterTheArchives)
     EXPECT_EQ(lua.Run("return require 'n'"), "stray");
 }
 
-TEST_F(ModuleLoaderTest, WhatIsGivenIsAskedAtEachLookup)
+TEST_F(ModuleSearch, WhatIsGivenIsAskedAtEachLookup)
 {
     Add("x.vxe", {{"m.lua", "return 'archive'"}});
     ::Test::WriteFile(folder / "m.lua", "return 'file'");
@@ -255,7 +255,7 @@ TEST_F(ModuleLoaderTest, WhatIsGivenIsAskedAtEachLookup)
     EXPECT_EQ(lua.Run(again), "file");
 }
 
-TEST_F(ModuleLoaderTest, NativeModulesComeAfterTheRestOfThePath)
+TEST_F(ModuleSearch, NativeModulesComeAfterTheRestOfThePath)
 {
     Lua lua(dom);
     lua.Run("package.path = '/p/?.lua' package.cpath = '/c/?.so'");
@@ -264,7 +264,7 @@ TEST_F(ModuleLoaderTest, NativeModulesComeAfterTheRestOfThePath)
     EXPECT_NE(error.find("/c/m.so"), std::string::npos);
 }
 
-TEST_F(ModuleLoaderTest, AModuleOfAPlainFileGetsItsNameAndPath)
+TEST_F(ModuleSearch, AModuleOfAPlainFileGetsItsNameAndPath)
 {
     ::Test::WriteFile(folder / "m.lua", "return table.concat({...}, ' ')");
     Lua lua(dom);
@@ -272,7 +272,7 @@ TEST_F(ModuleLoaderTest, AModuleOfAPlainFileGetsItsNameAndPath)
     EXPECT_EQ(lua.Run("return require 'm'"), "m " + (folder / "m.lua"));
 }
 
-TEST_F(ModuleLoaderTest, ABrokenPlainFileIsAnErrorThatNamesIt)
+TEST_F(ModuleSearch, ABrokenPlainFileIsAnErrorThatNamesIt)
 {
     ::Test::WriteFile(folder / "m.lua", "return return");
     Lua lua(dom);
@@ -281,13 +281,13 @@ TEST_F(ModuleLoaderTest, ABrokenPlainFileIsAnErrorThatNamesIt)
                 HasSubstr("error loading module 'm' from file '" + (folder / "m.lua") + "'"));
 }
 
-TEST_F(ModuleLoaderTest, APathThatIsNoTextIsLuasOwnError)
+TEST_F(ModuleSearch, APathThatIsNoTextIsLuasOwnError)
 {
     Lua lua(dom);
     EXPECT_THAT(lua.Run("package.path = nil return require 'm'"), HasSubstr("'package.path' must be a string"));
 }
 
-TEST_F(ModuleLoaderTest, AnArchiveAddedLaterIsFound)
+TEST_F(ModuleSearch, AnArchiveAddedLaterIsFound)
 {
     Add("x.vxe", {{"a.lua", "return 1"}});
     Lua lua(dom);
@@ -296,19 +296,19 @@ TEST_F(ModuleLoaderTest, AnArchiveAddedLaterIsFound)
     EXPECT_EQ(lua.Run("return require 'b'"), "2");
 }
 
-TEST_F(ModuleLoaderTest, TheChunkIsNamedAfterArchiveAndFile)
+TEST_F(ModuleSearch, TheChunkIsNamedAfterArchiveAndFile)
 {
     const std::string path = Add("x.vxe", {{"a/b.lua", "return debug.getinfo(1, 'S').source"}});
     EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "@" + path + "/a/b.lua");
 }
 
-TEST_F(ModuleLoaderTest, TheChunkGetsItsModuleNameAndItsPath)
+TEST_F(ModuleSearch, TheChunkGetsItsModuleNameAndItsPath)
 {
     const std::string path = Add("x.vxe", {{"a/b.lua", "return table.concat({...}, ' ')"}});
     EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "a.b " + path + "/a/b.lua");
 }
 
-TEST_F(ModuleLoaderTest, AModuleThatIsNotFoundListsEveryPlaceInItsOrder)
+TEST_F(ModuleSearch, AModuleThatIsNotFoundListsEveryPlaceInItsOrder)
 {
     const std::string x = Add("x.vxe", {{"a.lua", "return 1"}});
     const std::string y = Add("y.vxe", {{"a.lua", "return 1"}});
@@ -322,7 +322,7 @@ TEST_F(ModuleLoaderTest, AModuleThatIsNotFoundListsEveryPlaceInItsOrder)
                  + "/p/q/init.lua'\n\tno file '/rest/p/q.lua'\n\tno file '/c/p/q.so'\n\tno file '/c/p.so'"));
 }
 
-TEST_F(ModuleLoaderTest, AnArchiveTwiceOnThePathIsListedOnce)
+TEST_F(ModuleSearch, AnArchiveTwiceOnThePathIsListedOnce)
 {
     const std::string x = Add("x.vxe", {{"a.lua", "return 1"}});
     dom->Set("app.lua.zippath", x + ";" + x + ";;");
@@ -330,14 +330,14 @@ TEST_F(ModuleLoaderTest, AnArchiveTwiceOnThePathIsListedOnce)
     EXPECT_EQ(error.find(x + "/b.lua"), error.rfind(x + "/b.lua"));
 }
 
-TEST_F(ModuleLoaderTest, ARelativeArchiveLiesBesideTheLauncher)
+TEST_F(ModuleSearch, ARelativeArchiveLiesBesideTheLauncher)
 {
     ::Test::WriteFile(folder / "bin/x.vxe", Archive({{"a.lua", "return ({...})[2]"}}));
     dom->Set("app.lua.zippath", "x.vxe");
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), folder / "bin/x.vxe/a.lua");
 }
 
-TEST_F(ModuleLoaderTest, ADamagedArchiveIsOneWarningAndPassedOver)
+TEST_F(ModuleSearch, ADamagedArchiveIsOneWarningAndPassedOver)
 {
     const std::string bad = AddBytes("bad.vxe", "this is no archive");
     Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}});
@@ -356,7 +356,7 @@ TEST_F(ModuleLoaderTest, ADamagedArchiveIsOneWarningAndPassedOver)
     EXPECT_THAT(lua.Run("return require 'c'"), HasSubstr("\n\tno archive '" + bad + "' ("));
 }
 
-TEST_F(ModuleLoaderTest, NothingIsLoadedFromAnArchiveWhoseHeadersBreakAnyRule)
+TEST_F(ModuleSearch, NothingIsLoadedFromAnArchiveWhoseHeadersBreakAnyRule)
 {
     // Most of the broken archives hold a sound lib/a.lua beside their fault.
     const std::string path = AddBytes("odd.vxe", "");
@@ -373,7 +373,7 @@ TEST_F(ModuleLoaderTest, NothingIsLoadedFromAnArchiveWhoseHeadersBreakAnyRule)
     EXPECT_EQ(Lua(dom).Run("return require 'lib.a'"), "1");
 }
 
-TEST_F(ModuleLoaderTest, ADamagedArchiveIsUsedOnceItIsWhole)
+TEST_F(ModuleSearch, ADamagedArchiveIsUsedOnceItIsWhole)
 {
     const std::string path = AddBytes("x.vxe", "this is no archive");
     LogLines log;
@@ -384,7 +384,7 @@ TEST_F(ModuleLoaderTest, ADamagedArchiveIsUsedOnceItIsWhole)
     EXPECT_EQ(log.lines.size(), 1u);
 }
 
-TEST_F(ModuleLoaderTest, AnArchiveDamagedAnewIsWarnedOfAnew)
+TEST_F(ModuleSearch, AnArchiveDamagedAnewIsWarnedOfAnew)
 {
     const std::string path = AddBytes("x.vxe", "this is no archive");
     LogLines log;
@@ -396,7 +396,7 @@ TEST_F(ModuleLoaderTest, AnArchiveDamagedAnewIsWarnedOfAnew)
     EXPECT_EQ(log.lines.size(), 2u);
 }
 
-TEST_F(ModuleLoaderTest, AMissingArchiveIsPassedOverUntilItAppears)
+TEST_F(ModuleSearch, AMissingArchiveIsPassedOverUntilItAppears)
 {
     const std::string path = folder / "x.vxe";
     dom->Set("app.lua.zippath", path);
@@ -408,7 +408,7 @@ TEST_F(ModuleLoaderTest, AMissingArchiveIsPassedOverUntilItAppears)
     EXPECT_EQ(lua.Run("return require 'a'"), "a");
 }
 
-TEST_F(ModuleLoaderTest, AnArchiveThatIsAFifoOrAFolderIsPassedOver)
+TEST_F(ModuleSearch, AnArchiveThatIsAFifoOrAFolderIsPassedOver)
 {
     ASSERT_EQ(::mkfifo((folder / "fifo.vxe").c_str(), 0600), 0);
     std::filesystem::create_directory(folder / "folder.vxe");
@@ -419,7 +419,7 @@ TEST_F(ModuleLoaderTest, AnArchiveThatIsAFifoOrAFolderIsPassedOver)
     EXPECT_EQ(log.lines.size(), 2u);
 }
 
-TEST_F(ModuleLoaderTest, AnArchiveReplacedOnDiskIsOpenedAnew)
+TEST_F(ModuleSearch, AnArchiveReplacedOnDiskIsOpenedAnew)
 {
     for (const bool cached : {false, true}) {
         if (cached)
@@ -437,7 +437,7 @@ TEST_F(ModuleLoaderTest, AnArchiveReplacedOnDiskIsOpenedAnew)
     }
 }
 
-TEST_F(ModuleLoaderTest, AnArchiveOverwrittenInPlaceIsOpenedAnew)
+TEST_F(ModuleSearch, AnArchiveOverwrittenInPlaceIsOpenedAnew)
 {
     const std::string path = Add("x.vxe", {{"a.lua", "return 'old'"}});
     Lua lua(dom);
@@ -446,7 +446,7 @@ TEST_F(ModuleLoaderTest, AnArchiveOverwrittenInPlaceIsOpenedAnew)
     EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), "newer");
 }
 
-TEST_F(ModuleLoaderTest, AnEarlierArchiveThatGainsTheModuleWinsAtOnce)
+TEST_F(ModuleSearch, AnEarlierArchiveThatGainsTheModuleWinsAtOnce)
 {
     const std::string x = Add("x.vxe", {{"a.lua", "return 'x'"}});
     Add("y.vxe", {{"b.lua", "return 'y'"}});
@@ -456,7 +456,7 @@ TEST_F(ModuleLoaderTest, AnEarlierArchiveThatGainsTheModuleWinsAtOnce)
     EXPECT_EQ(lua.Run("package.loaded.b = nil return require 'b'"), "x");
 }
 
-TEST_F(ModuleLoaderTest, ASyntaxErrorNamesModuleAndFileAndDoesNotFallThrough)
+TEST_F(ModuleSearch, ASyntaxErrorNamesModuleAndFileAndDoesNotFallThrough)
 {
     const std::string x = Add("x.vxe", {{"a.lua", "local = 1"}});
     Add("y.vxe", {{"a.lua", "return 'y'"}});
@@ -465,7 +465,7 @@ TEST_F(ModuleLoaderTest, ASyntaxErrorNamesModuleAndFileAndDoesNotFallThrough)
     EXPECT_THAT(error, HasSubstr("a.lua:1:"));
 }
 
-TEST_F(ModuleLoaderTest, ADamagedEntryNamesModuleAndFileAndDoesNotFallThrough)
+TEST_F(ModuleSearch, ADamagedEntryNamesModuleAndFileAndDoesNotFallThrough)
 {
     ::Test::ZipBuilder builder;
     builder.Add("a.lua", "return 'whole'", 0).packed[0] ^= 1;
@@ -477,26 +477,26 @@ TEST_F(ModuleLoaderTest, ADamagedEntryNamesModuleAndFileAndDoesNotFallThrough)
     EXPECT_EQ(lua.Run("return require 'b'"), "b");
 }
 
-TEST_F(ModuleLoaderTest, ARunTimeErrorNamesArchiveAndLine)
+TEST_F(ModuleSearch, ARunTimeErrorNamesArchiveAndLine)
 {
     Add("x.vxe", {{"a.lua", "\n\nerror('oh')"}});
     EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("x.vxe/a.lua:3: oh"));
 }
 
-TEST_F(ModuleLoaderTest, APrecompiledChunkIsRefusedOutsideTheCoreArchives)
+TEST_F(ModuleSearch, APrecompiledChunkIsRefusedOutsideTheCoreArchives)
 {
     const std::string path = Add("x.vxe", {{"a.lua", Dumped("return 'compiled'")}});
     const std::string error = Lua(dom).Run("return require 'a'");
     EXPECT_THAT(error, HasSubstr("error loading module 'a' from file '" + path + "/a.lua':\n\ta precompiled chunk"));
 }
 
-TEST_F(ModuleLoaderTest, APrecompiledChunkBehindAFirstLineCommentIsRefusedToo)
+TEST_F(ModuleSearch, APrecompiledChunkBehindAFirstLineCommentIsRefusedToo)
 {
     Add("x.vxe", {{"a.lua", "#!/usr/bin/lua\n" + Dumped("return 'compiled'")}});
     EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("a precompiled chunk"));
 }
 
-TEST_F(ModuleLoaderTest, APrecompiledChunkIsLoadedFromTheCoreArchives)
+TEST_F(ModuleSearch, APrecompiledChunkIsLoadedFromTheCoreArchives)
 {
     Add("bin/vex_core/x.vxe", {{"a.lua", Dumped("return 'compiled'")}, {"b.lua", "#x\n" + Dumped("return 'b'")}});
     Lua lua(dom);
@@ -504,7 +504,7 @@ TEST_F(ModuleLoaderTest, APrecompiledChunkIsLoadedFromTheCoreArchives)
     EXPECT_EQ(lua.Run("return require 'b'"), "b");
 }
 
-TEST_F(ModuleLoaderTest, APathThatOnlyLooksLikeTheCoreFolderIsNotCore)
+TEST_F(ModuleSearch, APathThatOnlyLooksLikeTheCoreFolderIsNotCore)
 {
     Add("bin/vex_core/../x.vxe", {{"a.lua", Dumped("return 'compiled'")}});
     EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("a precompiled chunk"));
@@ -513,7 +513,7 @@ TEST_F(ModuleLoaderTest, APathThatOnlyLooksLikeTheCoreFolderIsNotCore)
     EXPECT_THAT(Lua(dom).Run("return require 'b'"), HasSubstr("a precompiled chunk"));
 }
 
-TEST_F(ModuleLoaderTest, AByteOrderMarkAndAFirstLineCommentAreSkippedAsInPlainFiles)
+TEST_F(ModuleSearch, AByteOrderMarkAndAFirstLineCommentAreSkippedAsInPlainFiles)
 {
     Add("x.vxe", {{"a.lua", "\xEF\xBB\xBF#!/usr/bin/lua\nreturn debug.getinfo(1, 'l').currentline"},
                   {"b.lua", "\xEF\xBB\xBFreturn 'b'"},
@@ -526,7 +526,7 @@ TEST_F(ModuleLoaderTest, AByteOrderMarkAndAFirstLineCommentAreSkippedAsInPlainFi
     EXPECT_EQ(lua.Run("return require 'd'"), "true");
 }
 
-TEST_F(ModuleLoaderTest, OddModuleNamesAreNotFoundAndDoNoHarm)
+TEST_F(ModuleSearch, OddModuleNamesAreNotFoundAndDoNoHarm)
 {
     Add("x.vxe", {{"a.lua", "return 1"}, {"a/b.lua", "return 'b'"}});
     Lua lua(dom);
@@ -537,7 +537,7 @@ TEST_F(ModuleLoaderTest, OddModuleNamesAreNotFoundAndDoNoHarm)
     EXPECT_THAT(lua.Run("return require {}"), HasSubstr("string expected"));
 }
 
-TEST_F(ModuleLoaderTest, NamesWithAccentsAreFound)
+TEST_F(ModuleSearch, NamesWithAccentsAreFound)
 {
     const std::string path = Add("pl\xC3\xA4ne.vxe", {{"gr\xC3\xB6\xC3\x9F"
                                                        "e.lua",
@@ -549,12 +549,12 @@ TEST_F(ModuleLoaderTest, NamesWithAccentsAreFound)
                     "e.lua");
 }
 
-TEST_F(ModuleLoaderTest, AnEmptySearchPathIsNoError)
+TEST_F(ModuleSearch, AnEmptySearchPathIsNoError)
 {
     EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("module 'a' not found:"));
 }
 
-TEST_F(ModuleLoaderTest, RegisteringTwiceChangesNothing)
+TEST_F(ModuleSearch, RegisteringTwiceChangesNothing)
 {
     Lua lua(dom);
     const std::string count = lua.Run("return #package.searchers");
@@ -563,13 +563,13 @@ TEST_F(ModuleLoaderTest, RegisteringTwiceChangesNothing)
     EXPECT_EQ(count, "6");
 }
 
-TEST_F(ModuleLoaderTest, RegisteringLeavesTheStackAsItWas)
+TEST_F(ModuleSearch, RegisteringLeavesTheStackAsItWas)
 {
     Lua lua(dom);
     EXPECT_EQ(lua_gettop(lua.State()), 0);
 }
 
-TEST_F(ModuleLoaderTest, WithoutThePackageLibraryRegisteringIsALuaError)
+TEST_F(ModuleSearch, WithoutThePackageLibraryRegisteringIsALuaError)
 {
     lua_State* const state = luaL_newstate();
     lua_pushcfunction(state, [](lua_State* inner) {
@@ -582,7 +582,7 @@ TEST_F(ModuleLoaderTest, WithoutThePackageLibraryRegisteringIsALuaError)
     lua_close(state);
 }
 
-TEST_F(ModuleLoaderTest, AFinaliserThatRequiresWhileTheStateClosesIsHarmless)
+TEST_F(ModuleSearch, AFinaliserThatRequiresWhileTheStateClosesIsHarmless)
 {
     Add("x.vxe", {{"a.lua", "return 1"}});
     lua_State* const state = luaL_newstate();
@@ -592,7 +592,7 @@ TEST_F(ModuleLoaderTest, AFinaliserThatRequiresWhileTheStateClosesIsHarmless)
     lua_close(state);
 }
 
-TEST_F(ModuleLoaderTest, EveryFailingAllocationOfLuaIsALuaError)
+TEST_F(ModuleSearch, EveryFailingAllocationOfLuaIsALuaError)
 {
     UseCache();
     Add("x.vxe", {{"a/init.lua", "local t = {...} return {1, 'text', function() return t end}"}});
@@ -633,7 +633,7 @@ TEST_F(ModuleLoaderTest, EveryFailingAllocationOfLuaIsALuaError)
     EXPECT_LT(failures, 999);
 }
 
-TEST_F(ModuleLoaderTest, ManyThreadsLoadFromTheSameArchivesWhileTheyAreReplaced)
+TEST_F(ModuleSearch, ManyThreadsLoadFromTheSameArchivesWhileTheyAreReplaced)
 {
     UseCache();
     Files files;
@@ -661,7 +661,7 @@ TEST_F(ModuleLoaderTest, ManyThreadsLoadFromTheSameArchivesWhileTheyAreReplaced)
     EXPECT_EQ(wrong, 0);
 }
 
-TEST_F(ModuleLoaderTest, AnArchiveIsOpenedOnceForAllInterpreters)
+TEST_F(ModuleSearch, AnArchiveIsOpenedOnceForAllInterpreters)
 {
     const std::vector<std::string> both = {Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}}),
                                            Add("y.vxe", {{"c.lua", "return 'c'"}})};
@@ -678,7 +678,7 @@ TEST_F(ModuleLoaderTest, AnArchiveIsOpenedOnceForAllInterpreters)
     EXPECT_EQ(g_opened, both);
 }
 
-TEST_F(ModuleLoaderTest, ALimitOfArchivesCountsHereToo)
+TEST_F(ModuleSearch, ALimitOfArchivesCountsHereToo)
 {
     dom->SetWx("app.unzip.maxentries", std::int64_t(1));
     Add("x.vxe", {{"a.lua", "return 'x'"}, {"b.lua", "return 'x'"}});
@@ -698,7 +698,7 @@ TEST_F(ModuleLoaderTest, ALimitOfArchivesCountsHereToo)
     EXPECT_EQ(log.lines.size(), 2u);
 }
 
-TEST_F(ModuleLoaderTest, FiveHundredArchivesAreOpenedOnceEach)
+TEST_F(ModuleSearch, FiveHundredArchivesAreOpenedOnceEach)
 {
     std::string list;
     for (int i = 0; i < 500; ++i) {
@@ -726,7 +726,7 @@ TEST_F(ModuleLoaderTest, FiveHundredArchivesAreOpenedOnceEach)
 
 // --- The cache
 
-TEST_F(ModuleLoaderTest, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNextTime)
+TEST_F(ModuleSearch, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNextTime)
 {
     UseCache();
     const std::string path = Add("x.vxe", {{"a.lua", "return debug.getinfo(1, 'S').source .. ' ' .. ..."}});
@@ -747,7 +747,7 @@ TEST_F(ModuleLoaderTest, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNext
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "from the cache");
 }
 
-TEST_F(ModuleLoaderTest, TheCacheFileIsNamedByTheArchivesDirectoryAndThisLuasFormat)
+TEST_F(ModuleSearch, TheCacheFileIsNamedByTheArchivesDirectoryAndThisLuasFormat)
 {
     UseCache();
     const std::string path = Add("x.vxe", {{"a.lua", "return 1"}});
@@ -761,7 +761,7 @@ TEST_F(ModuleLoaderTest, TheCacheFileIsNamedByTheArchivesDirectoryAndThisLuasFor
     EXPECT_EQ(CacheFiles(), std::vector<std::string>{CacheFolder() + "/" + key + ".luac"});
 }
 
-TEST_F(ModuleLoaderTest, TheCacheLiesInTheWorkFolderOfNow)
+TEST_F(ModuleSearch, TheCacheLiesInTheWorkFolderOfNow)
 {
     Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}, {"c.lua", "return 'c'"}});
     std::filesystem::create_directory(folder / "other");
@@ -777,7 +777,7 @@ TEST_F(ModuleLoaderTest, TheCacheLiesInTheWorkFolderOfNow)
     EXPECT_EQ(FilesBelow(folder / "other/cache").size(), 1u);
 }
 
-TEST_F(ModuleLoaderTest, TheCacheFolderAndItsFilesAreOurs)
+TEST_F(ModuleSearch, TheCacheFolderAndItsFilesAreOurs)
 {
     UseCache();
     Add("x.vxe", {{"a.lua", "return 1"}});
@@ -790,7 +790,7 @@ TEST_F(ModuleLoaderTest, TheCacheFolderAndItsFilesAreOurs)
     EXPECT_EQ(status.st_mode & 07777, 0600u);
 }
 
-TEST_F(ModuleLoaderTest, TheSameArchiveAtTwoPathsHasOneCacheFileAndTwoChunkNames)
+TEST_F(ModuleSearch, TheSameArchiveAtTwoPathsHasOneCacheFileAndTwoChunkNames)
 {
     UseCache();
     const Files files{{"a.lua", "return debug.getinfo(1, 'S').source"}};
@@ -806,7 +806,7 @@ TEST_F(ModuleLoaderTest, TheSameArchiveAtTwoPathsHasOneCacheFileAndTwoChunkNames
     EXPECT_EQ(CacheFiles().size(), 1u);
 }
 
-TEST_F(ModuleLoaderTest, TheSettingTurnsTheCacheOff)
+TEST_F(ModuleSearch, TheSettingTurnsTheCacheOff)
 {
     UseCache();
     dom->Set("app.lua.cache", false);
@@ -815,7 +815,7 @@ TEST_F(ModuleLoaderTest, TheSettingTurnsTheCacheOff)
     EXPECT_FALSE(std::filesystem::exists(CacheFolder()));
 }
 
-TEST_F(ModuleLoaderTest, TheSettingsFileTurnsTheCacheOff)
+TEST_F(ModuleSearch, TheSettingsFileTurnsTheCacheOff)
 {
     UseCache();
     ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=false\n");
@@ -825,7 +825,7 @@ TEST_F(ModuleLoaderTest, TheSettingsFileTurnsTheCacheOff)
     EXPECT_FALSE(std::filesystem::exists(CacheFolder()));
 }
 
-TEST_F(ModuleLoaderTest, AChangedSettingsFileCountsFromTheNextSecondOn)
+TEST_F(ModuleSearch, AChangedSettingsFileCountsFromTheNextSecondOn)
 {
     UseCache();
     ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=false\n");
@@ -854,7 +854,7 @@ std::vector<std::string> WholeTree(const std::string& folder)
 
 } // namespace
 
-TEST_F(ModuleLoaderTest, NoModuleIsUnpackedToDisk)
+TEST_F(ModuleSearch, NoModuleIsUnpackedToDisk)
 {
     UseCache();
     dom->Set("app.lua.cache", false);
@@ -874,7 +874,7 @@ TEST_F(ModuleLoaderTest, NoModuleIsUnpackedToDisk)
     EXPECT_EQ(WholeTree(folder.Path()), before);
 }
 
-TEST_F(ModuleLoaderTest, AModuleOfAbsurdSizeIsAnErrorAndNoMemoryIsSpentOnIt)
+TEST_F(ModuleSearch, AModuleOfAbsurdSizeIsAnErrorAndNoMemoryIsSpentOnIt)
 {
     // Well formed, and a thousandth of what it unpacks to.
     const std::string path =
@@ -886,7 +886,7 @@ TEST_F(ModuleLoaderTest, AModuleOfAbsurdSizeIsAnErrorAndNoMemoryIsSpentOnIt)
     EXPECT_EQ(lua.Run("return require 'a'"), "1");
 }
 
-TEST_F(ModuleLoaderTest, ACacheFolderThatOthersMayEnterIsNotUsed)
+TEST_F(ModuleSearch, ACacheFolderThatOthersMayEnterIsNotUsed)
 {
     UseCache();
     std::filesystem::create_directory(CacheFolder());
@@ -896,7 +896,7 @@ TEST_F(ModuleLoaderTest, ACacheFolderThatOthersMayEnterIsNotUsed)
     EXPECT_TRUE(CacheFiles().empty());
 }
 
-TEST_F(ModuleLoaderTest, ACacheFolderThatIsALinkOrAFileIsNotUsed)
+TEST_F(ModuleSearch, ACacheFolderThatIsALinkOrAFileIsNotUsed)
 {
     UseCache();
     std::filesystem::create_directory(folder / "elsewhere");
@@ -911,7 +911,7 @@ TEST_F(ModuleLoaderTest, ACacheFolderThatIsALinkOrAFileIsNotUsed)
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
 }
 
-TEST_F(ModuleLoaderTest, ACacheFolderOfAnotherUserIsNotUsed)
+TEST_F(ModuleSearch, ACacheFolderOfAnotherUserIsNotUsed)
 {
     if (::geteuid() != 0)
         GTEST_SKIP() << "only root can give files away";
@@ -934,7 +934,7 @@ TEST_F(ModuleLoaderTest, ACacheFolderOfAnotherUserIsNotUsed)
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "source");
 }
 
-TEST_F(ModuleLoaderTest, AnyDamageOfTheCacheFileCostsOnlyTime)
+TEST_F(ModuleSearch, AnyDamageOfTheCacheFileCostsOnlyTime)
 {
     UseCache();
     Add("x.vxe", {{"a.lua", "return 'right ' .. ..."}, {"b/init.lua", "local t = {1, 2.5, 'x'} return #t"}});
@@ -963,7 +963,7 @@ TEST_F(ModuleLoaderTest, AnyDamageOfTheCacheFileCostsOnlyTime)
     EXPECT_EQ(::Test::ReadFile(file).size(), good.size()) << "it is mended";
 }
 
-TEST_F(ModuleLoaderTest, PrecompiledChunksAreNotCached)
+TEST_F(ModuleSearch, PrecompiledChunksAreNotCached)
 {
     UseCache();
     Add("bin/vex_core/x.vxe", {{"a.lua", Dumped("return 'compiled'")}});
@@ -971,7 +971,7 @@ TEST_F(ModuleLoaderTest, PrecompiledChunksAreNotCached)
     EXPECT_TRUE(CacheFiles().empty());
 }
 
-TEST_F(ModuleLoaderTest, AFinaliserThatLoadsAModuleLeavesTheOneThatIsBeingCompiledAlone)
+TEST_F(ModuleSearch, AFinaliserThatLoadsAModuleLeavesTheOneThatIsBeingCompiledAlone)
 {
     const auto listOf = [](const std::string& word) {
         std::string code = "return {";

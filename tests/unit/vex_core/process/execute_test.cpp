@@ -84,7 +84,7 @@ void CountSignal(int)
 
 } // namespace
 
-TEST(Execute, CapturesBothStreamsInTheirOrder)
+TEST(HelperProgram, CapturesBothStreamsInTheirOrder)
 {
     ::Test::LogCapture log;
     const Result result = Shell("echo one; echo two >&2; echo three");
@@ -95,13 +95,13 @@ TEST(Execute, CapturesBothStreamsInTheirOrder)
     EXPECT_TRUE(log.Lines().empty()) << log.All();
 }
 
-TEST(Execute, ArgumentsArriveUntouchedByAnyShell)
+TEST(HelperProgram, ArgumentsArriveUntouchedByAnyShell)
 {
     const Result result = RunProgram("/usr/bin/printf", {"[%s]", "a b", "$HOME", "*", "'\"", "", "\xC3\xA4;exit 3"});
     EXPECT_EQ(result.output, wxString::FromUTF8("[a b][$HOME][*]['\"][][\xC3\xA4;exit 3]"));
 }
 
-TEST(Execute, ExitCodeIsOneWarningAndStillTrue)
+TEST(HelperProgram, ExitCodeIsOneWarningAndStillTrue)
 {
     ::Test::LogCapture log;
     const Result result = Shell("exit 3");
@@ -111,7 +111,7 @@ TEST(Execute, ExitCodeIsOneWarningAndStillTrue)
     EXPECT_EQ(log.Count(wxLOG_Warning, "Program '/bin/sh' ended with code 3"), 1u) << log.All();
 }
 
-TEST(Execute, SignalIsOneWarningAndCode128PlusItsNumber)
+TEST(HelperProgram, SignalIsOneWarningAndCode128PlusItsNumber)
 {
     ::Test::LogCapture log;
     const Result result = Shell("kill -9 $$");
@@ -121,7 +121,7 @@ TEST(Execute, SignalIsOneWarningAndCode128PlusItsNumber)
     EXPECT_EQ(log.Count(wxLOG_Warning, "Program '/bin/sh' was ended by signal 9"), 1u) << log.All();
 }
 
-TEST(Execute, ProgramThatCannotStartIsFalseWithReason)
+TEST(HelperProgram, ProgramThatCannotStartIsFalseWithReason)
 {
     ::Test::TempFolder folder;
     ::Test::LogCapture log;
@@ -148,17 +148,17 @@ TEST(Execute, ProgramThatCannotStartIsFalseWithReason)
     EXPECT_TRUE(log.Lines().empty()) << log.All();
 }
 
-TEST(Execute, NameWithoutSlashIsLookedUpInPath)
+TEST(HelperProgram, NameWithoutSlashIsLookedUpInPath)
 {
     EXPECT_EQ(RunProgram("printf", {"%s", "found"}).output, "found");
 }
 
-TEST(Execute, StandardInputIsEmpty)
+TEST(HelperProgram, StandardInputIsEmpty)
 {
     EXPECT_EQ(RunProgram("/bin/cat", {}).output, "");
 }
 
-TEST(Execute, OutputIsCutAt16MiBAndTheProgramEndsAllTheSame)
+TEST(HelperProgram, OutputIsCutAt16MiBAndTheProgramEndsAllTheSame)
 {
     const Result result = Shell("head -c 20000000 /dev/zero | tr '\\0' x; exit 0");
     EXPECT_TRUE(result.ran);
@@ -166,7 +166,7 @@ TEST(Execute, OutputIsCutAt16MiBAndTheProgramEndsAllTheSame)
     EXPECT_EQ(result.output.length(), std::size_t(16) << 20);
 }
 
-TEST(Execute, CutDoesNotSplitACharacter)
+TEST(HelperProgram, CutDoesNotSplitACharacter)
 {
     // 3-byte characters do not divide 16 MiB: the cut falls inside one.
     const Result result = Shell("head -c 6000000 /dev/zero | sed 's/\\x00/\\xe2\\x82\\xac/g'");
@@ -176,13 +176,13 @@ TEST(Execute, CutDoesNotSplitACharacter)
     EXPECT_EQ(result.output.Last(), wxUniChar(0x20AC));
 }
 
-TEST(Execute, OutputThatIsNotUtf8IsTakenAsLatin1)
+TEST(HelperProgram, OutputThatIsNotUtf8IsTakenAsLatin1)
 {
     EXPECT_EQ(RunProgram("/usr/bin/printf", {"\\344"}).output, wxString(wxUniChar(0xE4)));
     EXPECT_EQ(RunProgram("/usr/bin/printf", {"a\\000b"}).output.length(), 3u);
 }
 
-TEST(Execute, ProgramInheritsNoOtherDescriptor)
+TEST(HelperProgram, ProgramInheritsNoOtherDescriptor)
 {
     std::vector<int> extra;
     for (int i = 0; i < 200; ++i)
@@ -193,7 +193,7 @@ TEST(Execute, ProgramInheritsNoOtherDescriptor)
     EXPECT_EQ(result.output, "0 1 2 3 "); // 3 is the listing's own
 }
 
-TEST(Execute, LeavesNoDescriptorBehind)
+TEST(HelperProgram, LeavesNoDescriptorBehind)
 {
     const auto count = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
@@ -206,7 +206,7 @@ TEST(Execute, LeavesNoDescriptorBehind)
     EXPECT_EQ(count(), before);
 }
 
-TEST(Execute, ProgramStartsWithDefaultDispositionsAndEmptyMask)
+TEST(HelperProgram, ProgramStartsWithDefaultDispositionsAndEmptyMask)
 {
     DispositionKept ignored(SIGTERM, SIG_IGN);
     DispositionKept ignoredPipe(SIGPIPE, SIG_IGN);
@@ -228,7 +228,7 @@ TEST(Execute, ProgramStartsWithDefaultDispositionsAndEmptyMask)
     EXPECT_EQ(now.sa_handler, SIG_IGN) << "our own disposition is as it was";
 }
 
-TEST(Execute, WorksWhileSigchldIsIgnored)
+TEST(HelperProgram, WorksWhileSigchldIsIgnored)
 {
     ::Test::LogCapture log;
     DispositionKept ignored(SIGCHLD, SIG_IGN);
@@ -240,7 +240,7 @@ TEST(Execute, WorksWhileSigchldIsIgnored)
     EXPECT_EQ(now.sa_handler, SIG_IGN);
 }
 
-TEST(Execute, WorksWhileSigchldIsBlocked)
+TEST(HelperProgram, WorksWhileSigchldIsBlocked)
 {
     sigset_t blocked;
     sigset_t before;
@@ -255,7 +255,7 @@ TEST(Execute, WorksWhileSigchldIsBlocked)
     EXPECT_EQ(result.output, "here\n");
 }
 
-TEST(Execute, GrandchildThatKeepsThePipeDoesNotHoldUs)
+TEST(HelperProgram, GrandchildThatKeepsThePipeDoesNotHoldUs)
 {
     const auto start = std::chrono::steady_clock::now();
     const Result result = Shell("sleep 5 & echo started");
@@ -264,7 +264,7 @@ TEST(Execute, GrandchildThatKeepsThePipeDoesNotHoldUs)
     EXPECT_LT(ElapsedMs(start), 3000);
 }
 
-TEST(Execute, ProgramThatClosesItsStreamsIsStillWaitedFor)
+TEST(HelperProgram, ProgramThatClosesItsStreamsIsStillWaitedFor)
 {
     ::Test::TempFolder folder;
     const Result result = Shell("exec >/dev/null 2>&1; sleep 0.3; touch " + (folder / "done"));
@@ -272,7 +272,7 @@ TEST(Execute, ProgramThatClosesItsStreamsIsStillWaitedFor)
     EXPECT_TRUE(std::filesystem::exists(folder / "done"));
 }
 
-TEST(Execute, TimeLimitKillsTheWholeGroup)
+TEST(HelperProgram, TimeLimitKillsTheWholeGroup)
 {
     ::Test::TempFolder folder;
     ::Test::LogCapture log;
@@ -287,7 +287,7 @@ TEST(Execute, TimeLimitKillsTheWholeGroup)
     EXPECT_FALSE(std::filesystem::exists(folder / "late"));
 }
 
-TEST(Execute, TimeLimitKillsAProgramThatHasLeftItsGroup)
+TEST(HelperProgram, TimeLimitKillsAProgramThatHasLeftItsGroup)
 {
     const auto body = [] {
         ::setpgid(0, 0); // a group that a program of ours can see and join
@@ -298,7 +298,7 @@ TEST(Execute, TimeLimitKillsAProgramThatHasLeftItsGroup)
     EXPECT_TRUE(::Test::RunChild(body, true).Exited(0));
 }
 
-TEST(Execute, ProgramWhoseStatusSomebodyElseTookIsFalseWithReason)
+TEST(HelperProgram, ProgramWhoseStatusSomebodyElseTookIsFalseWithReason)
 {
     ::Test::TempFolder folder;
     const DispositionKept restored(SIGCHLD, SIG_DFL);
@@ -315,21 +315,21 @@ TEST(Execute, ProgramWhoseStatusSomebodyElseTookIsFalseWithReason)
     EXPECT_EQ(result.error, "Program '/bin/sh' ended, but somebody else took its status");
 }
 
-TEST(Execute, TimeLimitHoldsAgainstAFloodOfOutput)
+TEST(HelperProgram, TimeLimitHoldsAgainstAFloodOfOutput)
 {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(RunProgram("/usr/bin/yes", {}, 300).ran);
     EXPECT_LT(ElapsedMs(start), 5000);
 }
 
-TEST(Execute, ProgramWithinItsTimeLimitIsUntouched)
+TEST(HelperProgram, ProgramWithinItsTimeLimitIsUntouched)
 {
     const Result result = Shell("sleep 0.1; echo done", 60000);
     EXPECT_TRUE(result.ran);
     EXPECT_EQ(result.output, "done\n");
 }
 
-TEST(Execute, SignalHandlersOfOursRunWhileItWaits)
+TEST(HelperProgram, SignalHandlersOfOursRunWhileItWaits)
 {
     handled = 0;
     DispositionKept handler(SIGUSR2, CountSignal); // without SA_RESTART: calls are interrupted
@@ -347,7 +347,7 @@ TEST(Execute, SignalHandlersOfOursRunWhileItWaits)
     EXPECT_EQ(handled, 5);
 }
 
-TEST(Execute, ManyThreadsAtOnce)
+TEST(HelperProgram, ManyThreadsAtOnce)
 {
     std::vector<std::thread> threads;
     std::atomic<int> good{0};

@@ -53,13 +53,13 @@ bool Secure(const std::string& path, bool recurse)
 void MakeFile(const std::string& path, mode_t mode)
 {
     WriteFile(path, "x");
-    ASSERT_EQ(0, ::chmod(path.c_str(), mode));
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
 }
 
 void MakeFolder(const std::string& path, mode_t mode)
 {
-    ASSERT_EQ(0, ::mkdir(path.c_str(), 0700));
-    ASSERT_EQ(0, ::chmod(path.c_str(), mode));
+    ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
 }
 
 int FailChmod(const VexCore::os::Call& call)
@@ -69,84 +69,84 @@ int FailChmod(const VexCore::os::Call& call)
 
 } // namespace
 
-TEST(SecureFile, FileKeepsTheOwnersRightsAlone)
+TEST(SecuredFile, FileKeepsTheOwnersRightsAlone)
 {
     const TempFolder folder;
     MakeFile(folder / "x", 0777);
     EXPECT_TRUE(Secure(folder / "x", false));
-    EXPECT_EQ(mode_t(0600), ModeOf(folder / "x"));
+    EXPECT_EQ(ModeOf(folder / "x"), mode_t(0600));
     MakeFile(folder / "y", 0);
     EXPECT_TRUE(Secure(folder / "y", true));
-    EXPECT_EQ(mode_t(0600), ModeOf(folder / "y"));
+    EXPECT_EQ(ModeOf(folder / "y"), mode_t(0600));
 }
 
-TEST(SecureFile, FolderAloneWithoutRecursion)
+TEST(SecuredFile, FolderAloneWithoutRecursion)
 {
     const TempFolder folder;
     MakeFolder(folder / "d", 0755);
     MakeFile(folder / "d/x", 0644);
     EXPECT_TRUE(Secure(folder / "d", false));
-    EXPECT_EQ(mode_t(0700), ModeOf(folder / "d"));
-    EXPECT_EQ(mode_t(0644), ModeOf(folder / "d/x"));
+    EXPECT_EQ(ModeOf(folder / "d"), mode_t(0700));
+    EXPECT_EQ(ModeOf(folder / "d/x"), mode_t(0644));
 }
 
-TEST(SecureFile, FolderThatCannotBeEnteredIsOpenedToItsOwner)
+TEST(SecuredFile, FolderThatCannotBeEnteredIsOpenedToItsOwner)
 {
     const TempFolder folder;
     MakeFolder(folder / "d", 0600);
     EXPECT_TRUE(Secure(folder / "d/", false)) << "a slash at the end does not count";
-    EXPECT_EQ(mode_t(0700), ModeOf(folder / "d"));
+    EXPECT_EQ(ModeOf(folder / "d"), mode_t(0700));
 }
 
-TEST(SecureFile, RecursionReachesEverythingBelow)
+TEST(SecuredFile, RecursionReachesEverythingBelow)
 {
     const TempFolder folder;
     MakeFolder(folder / "d", 0755);
     MakeFolder(folder / "d/e", 0777);
     MakeFile(folder / "d/e/x", 0666);
     MakeFile(folder / "d/.hidden", 04755);
-    ASSERT_EQ(0, ::mkfifo((folder / "d/fifo").c_str(), 0666));
+    ASSERT_EQ(::mkfifo((folder / "d/fifo").c_str(), 0666), 0);
     EXPECT_TRUE(Secure(folder / "d", true));
-    EXPECT_EQ(mode_t(0700), ModeOf(folder / "d/e"));
+    EXPECT_EQ(ModeOf(folder / "d/e"), mode_t(0700));
     for (const char* file : {"d/e/x", "d/.hidden", "d/fifo"})
-        EXPECT_EQ(mode_t(0600), ModeOf(folder / file)) << file;
+        EXPECT_EQ(ModeOf(folder / file), mode_t(0600)) << file;
 }
 
-TEST(SecureFile, SymbolicLinkIsRefusedAndItsTargetLeftAlone)
+TEST(SecuredFile, SymbolicLinkIsRefusedAndItsTargetLeftAlone)
 {
     const TempFolder folder;
     MakeFolder(folder / "target", 0755);
     MakeFile(folder / "target/x", 0644);
-    ASSERT_EQ(0, ::symlink("target", (folder / "link").c_str()));
+    ASSERT_EQ(::symlink("target", (folder / "link").c_str()), 0);
     const LogCatcher log;
     EXPECT_FALSE(Secure(folder / "link", true));
     EXPECT_FALSE(Secure(folder / "link/", true));
-    EXPECT_EQ(mode_t(0755), ModeOf(folder / "target"));
-    EXPECT_EQ(mode_t(0644), ModeOf(folder / "target/x"));
-    ASSERT_EQ(2u, log.Lines().size());
+    EXPECT_EQ(ModeOf(folder / "target"), mode_t(0755));
+    EXPECT_EQ(ModeOf(folder / "target/x"), mode_t(0644));
+    ASSERT_EQ(log.Lines().size(), 2u);
     EXPECT_EQ("Can't restrict the access rights of " + (folder / "link")
                   + " (error 40: Too many levels of symbolic links)",
               log.Lines()[0]);
 }
 
-TEST(SecureFile, LinkBelowIsRefusedAndTheRestSecured)
+TEST(SecuredFile, LinkBelowIsRefusedAndTheRestSecured)
 {
     const TempFolder folder;
     MakeFile(folder / "outside", 0644);
     MakeFolder(folder / "d", 0755);
-    ASSERT_EQ(0, ::symlink("../outside", (folder / "d/link").c_str()));
-    ASSERT_EQ(0, ::symlink("..", (folder / "d/up").c_str()));
+    ASSERT_EQ(::symlink("../outside", (folder / "d/link").c_str()), 0);
+    ASSERT_EQ(::symlink("..", (folder / "d/up").c_str()), 0);
     MakeFile(folder / "d/a", 0644);
     MakeFile(folder / "d/z", 0644);
     const LogCatcher log;
     EXPECT_FALSE(Secure(folder / "d", true));
-    EXPECT_EQ(mode_t(0644), ModeOf(folder / "outside"));
-    EXPECT_EQ(mode_t(0600), ModeOf(folder / "d/a"));
-    EXPECT_EQ(mode_t(0600), ModeOf(folder / "d/z"));
-    EXPECT_EQ(1u, log.Lines().size()) << "one line, though there are two links";
+    EXPECT_EQ(ModeOf(folder / "outside"), mode_t(0644));
+    EXPECT_EQ(ModeOf(folder / "d/a"), mode_t(0600));
+    EXPECT_EQ(ModeOf(folder / "d/z"), mode_t(0600));
+    EXPECT_EQ(log.Lines().size(), 1u) << "one line, though there are two links";
 }
 
-TEST(SecureFile, FailureIsOneLineThatNamesTheFile)
+TEST(SecuredFile, FailureIsOneLineThatNamesTheFile)
 {
     const TempFolder folder;
     MakeFolder(folder / "d", 0755);
@@ -156,16 +156,16 @@ TEST(SecureFile, FailureIsOneLineThatNamesTheFile)
     VexCore::os::SetCallObserver(FailChmod);
     EXPECT_FALSE(Secure(folder / "d", true));
     VexCore::os::SetCallObserver(nullptr);
-    EXPECT_EQ(mode_t(0600), ModeOf(folder / "d/good"));
-    ASSERT_EQ(1u, log.Lines().size());
+    EXPECT_EQ(ModeOf(folder / "d/good"), mode_t(0600));
+    ASSERT_EQ(log.Lines().size(), 1u);
     EXPECT_EQ("Can't restrict the access rights of " + (folder / "d/bad") + " (error 1: Operation not permitted)",
               log.Lines()[0]);
     EXPECT_FALSE(Secure(folder / "missing", false));
     EXPECT_FALSE(Secure("", false));
-    EXPECT_EQ(3u, log.Lines().size());
+    EXPECT_EQ(log.Lines().size(), 3u);
 }
 
-TEST(SecureFile, EndlessDepthEndsWithAFailure)
+TEST(SecuredFile, EndlessDepthEndsWithAFailure)
 {
     const TempFolder folder;
     std::string path = folder / "d";
@@ -175,24 +175,24 @@ TEST(SecureFile, EndlessDepthEndsWithAFailure)
     }
     const LogCatcher log;
     EXPECT_FALSE(Secure(folder / "d", true));
-    EXPECT_EQ(1u, log.Lines().size());
+    EXPECT_EQ(log.Lines().size(), 1u);
 }
 
-TEST(MakePrivateFolders, MakesWhatIsMissing)
+TEST(PrivateFolders, MakesWhatIsMissing)
 {
     const TempFolder folder;
     EXPECT_TRUE(VexCore::MakePrivateFolders(folder / "a/b/c"));
-    EXPECT_EQ(mode_t(0700), ModeOf(folder / "a"));
-    EXPECT_EQ(mode_t(0700), ModeOf(folder / "a/b/c"));
+    EXPECT_EQ(ModeOf(folder / "a"), mode_t(0700));
+    EXPECT_EQ(ModeOf(folder / "a/b/c"), mode_t(0700));
     EXPECT_TRUE(VexCore::MakePrivateFolders(folder / "a/b/c"));
 }
 
-TEST(MakePrivateFolders, FileInTheWayIsAFailure)
+TEST(PrivateFolders, FileInTheWayIsAFailure)
 {
     const TempFolder folder;
     WriteFile(folder / "file", "x");
     EXPECT_FALSE(VexCore::MakePrivateFolders(folder / "file"));
-    EXPECT_EQ(ENOTDIR, errno);
+    EXPECT_EQ(errno, ENOTDIR);
     EXPECT_FALSE(VexCore::MakePrivateFolders(folder / "file/x"));
     EXPECT_FALSE(VexCore::MakePrivateFolders(""));
 }

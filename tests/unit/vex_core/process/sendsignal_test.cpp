@@ -10,23 +10,23 @@ using VexCore::SendSignal;
 using VexCore::SendSignalToGroup;
 using VexCore::SendSignalToOwnGroup;
 
-TEST(SendSignal, IdThatIsNotAboveOneIsRefused)
+TEST(SentSignal, IdThatIsNotAboveOneIsRefused)
 {
     for (const pid_t id : {1, 0, -1, -2}) {
         errno = 0;
-        EXPECT_EQ(-1, SendSignal(id, 0)) << id;
-        EXPECT_EQ(EINVAL, errno) << id;
+        EXPECT_EQ(SendSignal(id, 0), -1) << id;
+        EXPECT_EQ(errno, EINVAL) << id;
         errno = 0;
-        EXPECT_EQ(-1, SendSignalToGroup(id, 0)) << id;
-        EXPECT_EQ(EINVAL, errno) << id;
+        EXPECT_EQ(SendSignalToGroup(id, 0), -1) << id;
+        EXPECT_EQ(errno, EINVAL) << id;
     }
 }
 
-TEST(SendSignal, OneProcessAndOneGroupAreReached)
+TEST(SentSignal, OneProcessAndOneGroupAreReached)
 {
-    EXPECT_EQ(0, SendSignal(::getpid(), 0));
-    EXPECT_EQ(0, SendSignalToOwnGroup(0));
+    EXPECT_EQ(SendSignal(::getpid(), 0), 0);
+    EXPECT_EQ(SendSignalToOwnGroup(0), 0);
     if (::getpgrp() > 1) { // it is 0 where the group belongs to an outer namespace
-        EXPECT_EQ(0, SendSignalToGroup(::getpgrp(), 0));
+        EXPECT_EQ(SendSignalToGroup(::getpgrp(), 0), 0);
     }
 }

@@ -55,10 +55,10 @@ void ServeLoop()
     loop.Run();
 }
 
-class ProcessExitTest : public ::testing::Test
+class ProcessEnd : public ::testing::Test
 {
 protected:
-    ProcessExitTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+    ProcessEnd() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
 
     /// Says on standard error that `exit` ran its handlers, and so its destructors.
     static void TellAtExit()
@@ -67,12 +67,12 @@ protected:
     }
 };
 
-TEST_F(ProcessExitTest, MainThreadExitsAsUsual)
+TEST_F(ProcessEnd, MainThreadExitsAsUsual)
 {
     EXPECT_EXIT((TellAtExit(), ExitProcessFromThread(3)), ::testing::ExitedWithCode(3), "handlers ran");
 }
 
-TEST_F(ProcessExitTest, AnotherThreadParksTheMainThreadInItsLoop)
+TEST_F(ProcessEnd, AnotherThreadParksTheMainThreadInItsLoop)
 {
     EXPECT_EXIT(
         {
@@ -85,7 +85,7 @@ TEST_F(ProcessExitTest, AnotherThreadParksTheMainThreadInItsLoop)
         ::testing::ExitedWithCode(4), "^handlers ran$");
 }
 
-TEST_F(ProcessExitTest, ExitOfALuaScriptDoesTheSame)
+TEST_F(ProcessEnd, ExitOfALuaScriptDoesTheSame)
 {
     EXPECT_EXIT(
         {
@@ -103,7 +103,7 @@ TEST_F(ProcessExitTest, ExitOfALuaScriptDoesTheSame)
         ::testing::ExitedWithCode(6), "^handlers ran$");
 }
 
-TEST_F(ProcessExitTest, MainThreadThatWaitsForThreadsToEndIsParkedThere)
+TEST_F(ProcessEnd, MainThreadThatWaitsForThreadsToEndIsParkedThere)
 {
     EXPECT_EXIT(
         {
@@ -121,7 +121,7 @@ TEST_F(ProcessExitTest, MainThreadThatWaitsForThreadsToEndIsParkedThere)
         ::testing::ExitedWithCode(5), "");
 }
 
-TEST_F(ProcessExitTest, NoDestructorRunsUnderAnotherThreadOfOurs)
+TEST_F(ProcessEnd, NoDestructorRunsUnderAnotherThreadOfOurs)
 {
     EXPECT_EXIT(
         {
@@ -134,7 +134,7 @@ TEST_F(ProcessExitTest, NoDestructorRunsUnderAnotherThreadOfOurs)
         ::testing::ExitedWithCode(7), "^$");
 }
 
-TEST_F(ProcessExitTest, LogAndStandardOutputAreEmptiedAlsoWithoutDestructors)
+TEST_F(ProcessEnd, LogAndStandardOutputAreEmptiedAlsoWithoutDestructors)
 {
     EXPECT_EXIT(
         {
@@ -170,7 +170,7 @@ private:
     std::promise<void>& m_begun;
 };
 
-TEST_F(ProcessExitTest, LineThatTheMainThreadIsWritingIsWaitedForAlsoWithoutDestructors)
+TEST_F(ProcessEnd, LineThatTheMainThreadIsWritingIsWaitedForAlsoWithoutDestructors)
 {
     EXPECT_EXIT(
         {
@@ -190,7 +190,7 @@ TEST_F(ProcessExitTest, LineThatTheMainThreadIsWritingIsWaitedForAlsoWithoutDest
         ::testing::ExitedWithCode(7), "/thread\\] taken out of the queue\n$");
 }
 
-TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
+TEST_F(ProcessEnd, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
 {
     static const ::Test::TempFolder folder;
     static const std::string work = folder / "later";
@@ -205,7 +205,7 @@ TEST_F(ProcessExitTest, EventsThatWaitedForRoomAreStoredAlsoWithoutACleanUp)
         ::testing::ExitedWithCode(3), "stored in time");
 }
 
-TEST_F(ProcessExitTest, LaterExitWaitsForTheEndThatTheFirstBegan)
+TEST_F(ProcessEnd, LaterExitWaitsForTheEndThatTheFirstBegan)
 {
     EXPECT_EXIT(
         {
@@ -220,7 +220,7 @@ TEST_F(ProcessExitTest, LaterExitWaitsForTheEndThatTheFirstBegan)
         ::testing::ExitedWithCode(8), "");
 }
 
-TEST_F(ProcessExitTest, FirstOfSeveralExitsCounts)
+TEST_F(ProcessEnd, FirstOfSeveralExitsCounts)
 {
     EXPECT_EXIT(
         {

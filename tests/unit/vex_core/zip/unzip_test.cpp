@@ -589,7 +589,7 @@ TEST_F(UnzippingUnderFaults, ListWhoseLockASweepTookFirstIsGivenUpForAnother)
     };
     const Observed observed(plan);
     EXPECT_TRUE(Run());
-    EXPECT_EQ(2, locks);
+    EXPECT_EQ(locks, 2);
     ExpectAllNew();
     EXPECT_FALSE(HasTemporaries(m_root));
     EXPECT_TRUE(m_log->Lines().empty());
