@@ -172,7 +172,7 @@ def test_a_documented_default_is_the_codes(tree):
     assert code == 1
     assert output.splitlines() == ["docs/settings/a.md:3: the default of app.log.count is 5",
                                    "docs/settings/a.md:5: where does the code have the default of app.new? "
-                                   "Add it to DEFAULTS in tools/tidy"]
+                                   "Add it to DEFAULTS in tools/tidy_rules/settings.py"]
 
 
 def test_a_package_without_a_reason_is_a_breach(tree):

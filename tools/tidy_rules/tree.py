@@ -1,0 +1,62 @@
+"""The files that the rules are about."""
+import fnmatch
+import os
+import subprocess
+
+TEXT = (".cpp", ".h", ".py", ".lua", ".md", ".cmake", ".txt", ".json", ".in", ".ini", ".service", ".supp", ".1", "")
+CPP = (".cpp", ".h")
+
+
+class Tree:
+    """The files to look at, by their path from the root, and their lines."""
+
+    def __init__(self, root):
+        self.root = root
+        self.files = sorted(self._list())
+        self._lines = {}
+        self._places = {}
+
+    def _list(self):
+        known = subprocess.run(["git", "-C", self.root, "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
+                               capture_output=True, check=False)
+        if known.returncode == 0:
+            names = os.fsdecode(known.stdout).split("\0")
+        else:  # an unpacked release
+            names = [os.path.relpath(os.path.join(folder, name), self.root)
+                     for folder, _, files in os.walk(self.root) for name in files]
+        return [name for name in names if name and not name.startswith(("build/", ".git/"))
+                and os.path.isfile(os.path.join(self.root, name)) and not os.path.islink(os.path.join(self.root, name))]
+
+    def named(self, *suffixes, below=""):
+        for name in self.files:
+            if name.startswith(below) and os.path.splitext(name)[1] in suffixes:
+                yield name
+
+    def lines(self, name):
+        if name not in self._lines:
+            with open(os.path.join(self.root, name), "rb") as file:
+                data = file.read()
+            is_text = b"\0" not in data and "/corpus/" not in name
+            self._lines[name] = data.decode("utf-8", "replace").split("\n") if is_text else []
+        return self._lines[name]
+
+    def has(self, path):
+        """Whether there is such a file or folder; "*" stands for any letters of a name."""
+        if path not in self._places:
+            self._places[path] = path == "." or any(fnmatch.fnmatchcase(place, path) for place in self._folders_and_files())
+        return self._places[path]
+
+    def _folders_and_files(self):
+        for name in self.files:
+            while name:
+                yield name
+                name = os.path.dirname(name)
+
+    def text(self, name):
+        return "\n".join(self.lines(name))
+
+    def matches(self, name, pattern, code=False):
+        """Numbers of the lines that match; with `code`, what is behind // does not count."""
+        for number, line in enumerate(self.lines(name), 1):
+            if pattern.search(line.split("//")[0] if code else line):
+                yield number
