@@ -1,15 +1,30 @@
 """Who may ask the system for what: signals through one wrapper, calls through one doorway, output that stays narrow."""
 import re
 
-from tidy_rules.tree import CPP
+from tidy_rules.tree import CPP, without_excepted
+
+HOME = "tools/tidy_rules/system.py"
 
 KILL = re.compile(r"(?<![\w.>])(?:::)?(?:kill|killpg|tgkill|sigqueue)\s*\(")
 KILL_PYTHON = re.compile(r"\bos\.(?:kill|killpg)\s*\(")
-SYSTEM_CALL = re.compile(
-    r"(?<![\w>])::(?:open|openat|creat|read|write|pread|pwrite|readv|writev|close|stat|lstat|fstat|fstatat|link|symlink|"
-    r"unlink|unlinkat|rename|renameat|mkdir|mkdirat|rmdir|chdir|fork|vfork|exec\w+|posix_spawn\w*|waitpid|mmap|munmap|poll|"
-    r"select|socket|pipe2?|dup[23]?|fcntl|flock|lockf|fsync|fdatasync|ftruncate|chmod|fchmod|chown|opendir|readdir|"
-    r"sigaction|sigprocmask|ioctl|prctl|setrlimit|getrlimit|umask|access)\s*\(")
+# What asks the system for something. Not among it: what the C library answers by itself (strsignal, getenv, setenv, pthread_self,
+# dlsym), its streams (fopen), the time of day of the standard library (std::time, std::chrono), and the framework.
+SYSTEM_CALLS = """
+    access alarm bind chdir chmod chown clock_gettime close closedir closefrom closelog connect creat dup dup2 dup3 execl execle
+    execlp execv execve execvp execvpe faccessat fchdir fchmod fchmodat fchown fchownat fcntl fdatasync fdopendir flock fork fstat
+    fstatat fstatvfs fsync ftruncate futimens getcwd getegid geteuid getgid gethostname getifaddrs getloadavg getpgid getpgrp
+    getpid getppid getpriority getrandom getrlimit getrusage getsid gettid gettimeofday getuid ioctl isatty lchown link linkat
+    lockf lseek lstat madvise mkdir mkdirat mkdtemp mkfifo mkstemp mmap mprotect msync munmap nanosleep open openat opendir openlog
+    pause pipe pipe2 poll posix_spawn posix_spawnp ppoll prctl pread preadv process_vm_readv pthread_kill pthread_sigmask ptrace
+    pwrite pwritev quick_exit raise read readdir readlink readlinkat readv realpath remove rename renameat rmdir sched_yield select
+    setgid setitimer setpgid setpriority setrlimit setsid setuid sigaction sigaltstack signal sigpending sigprocmask sigsuspend
+    sigtimedwait sigwait sigwaitinfo sleep socket stat statvfs symlink symlinkat sync sync_file_range syncfs syscall sysconf
+    sysinfo syslog system truncate umask uname unlink unlinkat usleep utimensat vfork wait waitid waitpid write writev _exit _Exit
+    """.split()
+SYSTEM_CALL = re.compile(r"(?P<scope>\w*::)?\b(?P<name>" + "|".join(SYSTEM_CALLS) + r")\b(?P<open>\s*\()?")
+# Before a name: what makes it a declaration, a type in whatever form. "return open(" is none.
+TYPE = re.compile(r"(?<!\w)(?!(?:return|else|case|throw|do|co_return)\b)\w[\w>]*[*&]*\s+$")
+ERRNO = re.compile(r"\berrno\b")
 # Calls that make a standard stream one of wide characters, the framework's included.
 WIDE_OUTPUT = re.compile(r"\b(?:wx(?:F|Vf|V)?[pP]rintf|wxF?[pP]ut(?:s|c|char)|v?f?wprintf|fputw[cs]|putwc|putwchar|fwide|"
                          r"w(?:cout|cerr|clog))\b")
@@ -17,8 +32,52 @@ WIDE_OUTPUT = re.compile(r"\b(?:wx(?:F|Vf|V)?[pP]rintf|wxF?[pP]ut(?:s|c|char)|v?
 KILL_ALLOWED = {
     "src/vex/core/sendsignal.h": "the wrapper",
 }
+DOORWAYS = ("src/vex_core/os/", "src/vex/apps/vex/os/")
 SYSTEM_CALL_ALLOWED = {
+    "src/vex/apps/vex/openssl_init.cpp": "calls the system itself so far",
+    "src/vex/apps/vex/run.cpp": "calls the system itself so far",
+    "src/vex/apps/vex/unittest.cpp": "calls the system itself so far",
+    "src/vex_core/crash/crash.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/crash/crash_linux.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/crash/crash_maps_linux.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/crash/crash_solaris.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/crash/crash_thread.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/crash/crash_threads_linux.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/crash/minidump_writer_linux.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/events/agentevent_store.cpp": "calls the system itself so far",
     "src/vex_core/lifecycle/startup.cpp": "runs before anything else, also before the doorway's own initialisers",
+    "src/vex_core/log/disk_log.cpp": "calls the system itself so far",
+    "src/vex_core/log/log2disk.cpp": "calls the system itself so far",
+    "src/vex_core/lua/lua_host.cpp": "calls the system itself so far",
+    "src/vex_core/lua/lua_host_linux.cpp": "calls the system itself so far",
+    "src/vex_core/lua/lua_host_solaris.cpp": "calls the system itself so far",
+    "src/vex_core/process/execute_posix.cpp": "calls the system itself so far",
+    "src/vex_core/process/pidfile.cpp": "calls the system itself so far",
+    "src/vex_core/zip/unzip.cpp": "calls the system itself so far",
+    "src/vex_core/zip/unzip_temporaries.cpp": "calls the system itself so far",
+}
+ERRNO_ALLOWED = {
+    "src/vex/apps/vex/daemon.cpp": "reads the error where the call was made",
+    "src/vex/apps/vex/run.cpp": "reads the error where the call was made",
+    "src/vex/core/sendsignal.h": "the wrapper of kill, which answers as it does",
+    "src/vex_core/crash/crash.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/crash/crash_linux.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/crash/minidump_writer_linux.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/events/agentevent_store.cpp": "reads the error where the call was made",
+    "src/vex_core/events/pending_events.cpp": "reads the error where the call was made",
+    "src/vex_core/log/disk_log.cpp": "reads the error where the call was made",
+    "src/vex_core/lua/lua_host.cpp": "reads the error where the call was made",
+    "src/vex_core/modules/archive_index.cpp": "reads the error where the call was made",
+    "src/vex_core/modules/chunk_cache.cpp": "reads the error where the call was made",
+    "src/vex_core/process/execute_posix.cpp": "reads the error where the call was made",
+    "src/vex_core/process/files.cpp": "reads the error where the call was made",
+    "src/vex_core/process/pidfile.cpp": "reads the error where the call was made",
+    "src/vex_core/zip/unzip.cpp": "reads the error where the call was made",
+    "src/vex_core/zip/unzip_folders.cpp": "reads the error where the call was made",
+    "src/vex_core/zip/unzip_temporaries.cpp": "reads the error where the call was made",
+    "src/vex_core/zip/unzip_writer.cpp": "reads the error where the call was made",
+    "src/vex_core/zip/zip_data.cpp": "reads the error where the call was made",
+    "src/vex_core/zip/zip_reader.cpp": "reads the error where the call was made",
 }
 
 
@@ -33,11 +92,34 @@ def check_signals(tree):
                 yield name, number, "a signal whose pid was not seen to be above 1"
 
 
+def is_system_call(line, found):
+    before, scope = line[:found.start()], found["scope"]
+    if before.endswith((".", "->", ">::")) or scope == "::" and before.endswith(">"):
+        return False
+    if scope == "std::":
+        algorithm = found["name"] == "remove" and "," in line[found.end():]  # of elements, not of a file
+        return found["open"] is not None and not algorithm
+    return scope == "::" or scope is None and found["open"] is not None and not TYPE.search(before)
+
+
+def outside_doorways(tree):
+    for name in tree.named(*CPP, below="src/"):
+        if not name.startswith(DOORWAYS):
+            yield name, tree.code(name)
+
+
 def check_system_calls(tree):
-    for name in tree.named(*CPP, below="src/vex_core/"):
-        if not name.startswith("src/vex_core/os/") and name not in SYSTEM_CALL_ALLOWED:
-            for number in tree.matches(name, SYSTEM_CALL, code=True):
-                yield name, number, "system calls of the core library go through src/vex_core/os/"
+    found = ((name, (name, number, f"{match['name']}: system calls go through a folder os/"))
+             for name, lines in outside_doorways(tree)
+             for number, line in enumerate(lines, 1)
+             for match in SYSTEM_CALL.finditer(line) if is_system_call(line, match))
+    yield from without_excepted(tree, HOME, SYSTEM_CALL_ALLOWED, found)
+
+
+def check_errno(tree):
+    found = ((name, (name, number, "errno stays in the folders os/"))
+             for name, _ in outside_doorways(tree) for number in tree.matches(name, ERRNO, code=True))
+    yield from without_excepted(tree, HOME, ERRNO_ALLOWED, found)
 
 
 def check_wide_output(tree):
@@ -46,4 +128,4 @@ def check_wide_output(tree):
             yield name, number, "wide output: later narrow output on the same stream prints nothing"
 
 
-CHECKS = (check_signals, check_system_calls, check_wide_output)
+CHECKS = (check_signals, check_system_calls, check_errno, check_wide_output)

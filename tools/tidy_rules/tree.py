@@ -3,6 +3,8 @@ import fnmatch
 import os
 import subprocess
 
+from tidy_rules.cpp import code_lines
+
 TEXT = (".cpp", ".h", ".py", ".lua", ".md", ".cmake", ".txt", ".json", ".in", ".ini", ".service", ".supp", ".1", "")
 CPP = (".cpp", ".h")
 
@@ -14,6 +16,7 @@ class Tree:
         self.root = root
         self.files = sorted(self._list())
         self._lines = {}
+        self._code = {}
         self._places = {}
 
     def _list(self):
@@ -55,8 +58,30 @@ class Tree:
     def text(self, name):
         return "\n".join(self.lines(name))
 
+    def code(self, name):
+        """The lines of a C++ file without its comments and texts."""
+        if name not in self._code:
+            self._code[name] = code_lines(self.text(name))
+        return self._code[name]
+
     def matches(self, name, pattern, code=False):
-        """Numbers of the lines that match; with `code`, what is behind // does not count."""
-        for number, line in enumerate(self.lines(name), 1):
-            if pattern.search(line.split("//")[0] if code else line):
+        """Numbers of the lines that match; with `code`, comments and texts of C++ do not count."""
+        for number, line in enumerate(self.code(name) if code else self.lines(name), 1):
+            if pattern.search(line):
                 yield number
+
+
+def without_excepted(tree, home, table, found):
+    """Of what was found, pairs of a key and a breach, the breaches that no key of the table excuses; and the keys that excuse
+    nothing any more, in the file `home` that has the table."""
+    used = set()
+    for key, breach in found:
+        if key in table:
+            used.add(key)
+        else:
+            yield breach
+    if home in tree.files:
+        for key in table.keys() - used:
+            words = key if isinstance(key, str) else " ".join(key)
+            number = next((number for number, line in enumerate(tree.lines(home), 1) if words.split()[0] in line), 1)
+            yield home, number, f"nothing needs this exception: {words}"
