@@ -1,5 +1,6 @@
 """tools/tidy on trees that each break one rule: it names the file and the line, and is silent about a tree that breaks none."""
 import os
+import pathlib
 import shutil
 import subprocess
 import sys
@@ -50,20 +51,28 @@ BREACHES = [
     ("src/vex/apps/vex/a.cpp", "void f() { ::kill(2, 1); }\n", 1, "signals are sent through"),
     ("tests/unit/vex/a_test.cpp", "TEST(A, B) {\n    kill(pid, 9);\n}\n", 2, "signals are sent through"),
     ("tools/a.py", "import os\n\n\nos.kill(pid, 9)\n", 4, "a signal whose pid"),
-    ("src/vex_core/a.cpp", "int f() { return ::open(\"a\", 0); }\n", 1, "open: system calls go through"),
+    ("src/vex_core/log/a.cpp", "int f() { return ::open(\"a\", 0); }\n", 1, "open: system calls go through"),
     ("src/vex_core/log/a.cpp", "void f()\n{\n    if (fcntl(1, F_GETFD) < 0)\n        return;\n}\n", 3, "fcntl: system calls"),
-    ("src/vex_core/a.cpp", "int f() { return pthread_sigmask(SIG_BLOCK, &set, nullptr); }\n", 1, "pthread_sigmask: system calls"),
-    ("src/vex_core/a.cpp", "int f() { return std::rename(a, b); }\n", 1, "rename: system calls"),
-    ("src/vex_core/a.cpp", "int f() { return std::remove(a); }\n", 1, "remove: system calls"),
-    ("src/vex_core/a.cpp", "static const Calls calls = {::unlink};\n", 1, "unlink: system calls"),
+    ("src/vex_core/log/a.cpp", "int f() { return pthread_sigmask(SIG_BLOCK, &set, nullptr); }\n", 1, "pthread_sigmask: system calls"),
+    ("src/vex_core/log/a.cpp", "int f() { return std::rename(a, b); }\n", 1, "rename: system calls"),
+    ("src/vex_core/log/a.cpp", "int f() { return std::remove(a); }\n", 1, "remove: system calls"),
+    ("src/vex_core/log/a.cpp", "static const Calls calls = {::unlink};\n", 1, "unlink: system calls"),
     ("src/vex/apps/vex/a.cpp", "void f() { VexOs::Wait(waitpid(1, nullptr, 0)); }\n", 1, "waitpid: system calls"),
-    ("src/vex_core/a.cpp", "/* no\n calls */ const int a = getpid();\n", 2, "getpid: system calls"),
-    ("src/vex_core/a.cpp", "int f() { return errno; }\n", 1, "errno stays"),
+    ("src/vex_core/log/a.cpp", "/* no\n calls */ const int a = getpid();\n", 2, "getpid: system calls"),
+    ("src/vex_core/log/a.cpp", "int f() { return errno; }\n", 1, "errno stays"),
     ("src/slb3/a.cpp", "#include <wx/string.h>\n", 1, "src/slb3/ does not include wx/string.h"),
     ("src/slb3/a.cpp", '#include "vex/core/dom.h"\n', 1, "does not include vex/core/dom.h"),
     ("src/vex/core/a.h", '#pragma once\n#include "vex_core/a.h"\n', 2, "does not include vex_core/a.h"),
-    ("src/vex_core/a.cpp", '#include "vex/apps/vex/vex.h"\n', 1, "does not include vex/apps/vex/vex.h"),
+    ("src/vex_core/log/a.cpp", '#include "vex/apps/vex/vex.h"\n', 1, "does not include vex/apps/vex/vex.h"),
     ("src/vex/apps/vex/a.cpp", '#include "vex_core/zip/zip_reader.h"\n', 1, "does not include vex_core/zip/zip_reader.h"),
+    ("src/vex_core/a.cpp", "int a;\n", 1, "outside the rooms"),
+    ("src/vex_core/attic/a.cpp", "int a;\n", 1, "outside the rooms"),
+    ("src/vex_core/log/inner/a.cpp", "int a;\n", 1, "outside the rooms"),
+    ("src/vex_core/base/a.cpp", '#include "vex_core/log/log_p.h"\n', 1, "base/ does not include log/"),
+    ("src/vex_core/log/a.cpp", 'int a;\n#include "vex/core/runnable.h"\n', 2, "log/ does not include threads/"),
+    ("src/vex_core/zip/a.h", '#pragma once\n#include "vex_core/modules/chunk_cache.h"\n', 2, "zip/ does not include modules/"),
+    ("src/vex_core/modules/a.cpp", '#include "vex_core/zip/zip_format.h"\n', 1, "vex_core/zip/zip_format.h is private to its room"),
+    ("src/vex_core/lifecycle/a.cpp", '#include "vex_core/lua/worker.h"\n', 1, "vex_core/lua/worker.h is private to its room"),
     ("src/vex/core/a.h", "#pragma once\n#include <sqlite3.h>\n", 2, "src/vex/core/ does not include sqlite3.h"),
     ("src/vex/apps/vex/a.cpp", "#include <pugixml.hpp>\n", 1, "does not include pugixml.hpp"),
     ("src/slb3/a.cpp", "#include <openssl/ssl.h>\n", 1, "does not include openssl/ssl.h"),
@@ -80,8 +89,8 @@ BREACHES = [
     ("tests/lua/a_test.lua", "return {}\n", 1, "a test file without a test"),
     ("tests/fuzz/a_fuzz.cpp", "LLVMFuzzerTestOneInput\n", 1, "no seeds in tests/fuzz/corpus/a/"),
     ("src/vex/apps/vex/a.cpp", "wxFprintf(stderr, text);\n", 1, "wide output"),
-    ("src/vex_core/a.cpp", "int a;\nvoid f() { std::fputws(L\"a\", stdout); }\n", 2, "wide output"),
-    ("src/vex_core/a.cpp", "void f() { std::wcerr << L\"a\"; }\n", 1, "wide output"),
+    ("src/vex_core/log/a.cpp", "int a;\nvoid f() { std::fputws(L\"a\", stdout); }\n", 2, "wide output"),
+    ("src/vex_core/log/a.cpp", "void f() { std::wcerr << L\"a\"; }\n", 1, "wide output"),
     ("docs/a.md", "one\n[two](b.md)\n", 2, "a link to b.md, which is not there"),
     ("docs/a.md", "# One\n\n[two](#two)\n", 3, "a link to #two, whose heading is not there"),
     ("docs/a.md", "see `tools/none` for it\n", 1, "it names tools/none, which is not there"),
@@ -100,21 +109,26 @@ def test_a_breach_is_named_with_its_place(tree, name, text, line, what):
 ALLOWED = [
     ("src/vex/core/sendsignal.h", "#pragma once\ninline int f() { return ::kill(2, 0); }\n"),
     ("src/vex_core/os/a.cpp", "int f() { return ::open(\"a\", 0); }\n"),
-    ("src/vex_core/a.cpp", "int f() { return os::Open(\"a\", 0); } // not ::open(\n"),
+    ("src/vex_core/log/a.cpp", "int f() { return os::Open(\"a\", 0); } // not ::open(\n"),
     ("src/vex/apps/vex/os/a.cpp", "int f() { return ::fork() < 0 ? errno : 0; }\n"),
-    ("src/vex_core/a.cpp", "void f() { file.read(1); file->open(2); m_calls.close(3); Own::write(4); Stream<int>::close(5); }\n"),
-    ("src/vex_core/a.h", "#pragma once\nstruct Calls\n{\n    int (*close)(int);\n    void write(const void* data) override;\n"
+    ("src/vex_core/log/a.cpp", "void f() { file.read(1); file->open(2); m_calls.close(3); Own::write(4); Stream<int>::close(5); }\n"),
+    ("src/vex_core/log/a.h", "#pragma once\nstruct Calls\n{\n    int (*close)(int);\n    void write(const void* data) override;\n"
                          "    DIR* opendir(int);\n};\n"),
-    ("src/vex_core/a.cpp", "const char* a = \"fork(); errno\"; /* fork(); */ // fork()\n"),
-    ("src/vex_core/a.cpp", "const char* a = R\"(\n// fork() errno\n)\";\n"),
-    ("src/vex_core/a.cpp", "#include <sys/wait.h>\nstd::remove(all.begin(), all.end(), 1);\nstruct stat status;\n"),
-    ("src/vex_core/a.cpp", "const int a = 1'000'000, b = 'c'; // it's not fork()\n"),
+    ("src/vex_core/log/a.cpp", "const char* a = \"fork(); errno\"; /* fork(); */ // fork()\n"),
+    ("src/vex_core/log/a.cpp", "const char* a = R\"(\n// fork() errno\n)\";\n"),
+    ("src/vex_core/log/a.cpp", "#include <sys/wait.h>\nstd::remove(all.begin(), all.end(), 1);\nstruct stat status;\n"),
+    ("src/vex_core/log/a.cpp", "const int a = 1'000'000, b = 'c'; // it's not fork()\n"),
     ("src/slb3/a.cpp", "void f() { process.kill(1); overkill(2); }\n"),
     ("src/vex/apps/vex/a.cpp", "std::printf(\"a\"); std::fputs(\"a\", stderr); // not wxFputs\n"),
     ("tests/e2e/conftest.py", "import os\nassert pid > 1\nos.kill(pid, 9)\n"),
     ("src/vex/apps/vexctl/a.cpp", '#include "vex/apps/vex/version.h"\n'),
     ("src/vex/core/a.h", "#pragma once\n#include <lua.hpp>\nstruct lua_State;\nclass wxZipEntry; // no ZipArchive\n"),
-    ("src/vex_core/a.cpp", "#include <sqlite3.h>\n#include <sys/stat.h>\n#include <zlib.h>\n"),
+    ("src/vex_core/log/a.cpp", '#include "vex_core/log/disk_log.h"\n#include "vex_core/os/a.h"\n#include "vex/core/dom.h"\n'),
+    ("src/vex_core/log/a.cpp", '// #include "vex_core/lua/workers.h"\n'),
+    ("src/vex_core/modules/a.cpp", '#include "vex_core/zip/zip_reader.h"\n#include "vex_core/base/hex.h"\n'),
+    ("src/vex_core/lifecycle/a.cpp", '#include "vex_core/lua/workers.h"\n#include "vex_core/base/hex.h"\n'),
+    ("tests/unit/vex_core/log/a_test.cpp", '#include "vex_core/lua/worker.h"\nTEST(A, B) {}\n'),
+    ("src/vex_core/log/a.cpp", "#include <sqlite3.h>\n#include <sys/stat.h>\n#include <zlib.h>\n"),
     ("src/vex/apps/vex/a.cpp", "#include <openssl/ssl.h>\n#include <wx/app.h>\n"),
     ("tests/fuzz/corpus/a/seed", f"{OPEN_END} \0 "),
     ("docs/a.md", "the folder is <app.path.work>/wo" + "rk/cache\n"),
@@ -133,6 +147,18 @@ def test_an_exception_that_nothing_needs_any_more_is_a_breach(tree):
                               "src/vex/core/sendsignal.h": "#pragma once\n"}))
     assert code == 1
     assert "tools/tidy_rules/system.py:2: nothing needs this exception: src/vex/core/sendsignal.h\n" in output
+
+
+def test_an_arrow_up_in_the_table_of_rooms_is_a_breach(tree):
+    table = pathlib.Path(ROOT, "tools/tidy_rules/rooms.py").read_text(encoding="utf-8")
+    changed = table.replace('"log": "os base domain",', '"log": "os base domain lua",')
+    assert changed != table
+    root = tree({"tools/tidy_rules/rooms.py": changed})
+    shutil.copytree(os.path.join(ROOT, "tools/tidy_rules"), root / "tools/tidy_rules", dirs_exist_ok=True,
+                    ignore=shutil.ignore_patterns("rooms.py"))
+    result = subprocess.run([sys.executable, shutil.copy(TIDY, root / "tools/tidy")], capture_output=True, text=True, check=False)
+    assert result.returncode == 1
+    assert "tools/tidy_rules/rooms.py:1: an arrow up, from log/ to lua/\n" in result.stdout
 
 
 def test_files_that_version_control_ignores_are_not_looked_at(tree):
@@ -177,20 +203,20 @@ SETTINGS = "| key | writer | default | meaning |\n|---|---|---|---|\n"
 
 def test_settings_of_code_and_documents_are_the_same(tree):
     root = tree({"docs/settings/a.md": SETTINGS + "| app.one | x | none | y |\n| app.gone | x | none | y |\n",
-                 "src/vex_core/a.cpp": 'Get("app.one");\nGet("app.two"); // "app.gone"\n',
+                 "src/vex_core/log/a.cpp": 'Get("app.one");\nGet("app.two"); // "app.gone"\n',
                  "lua/vex/a.lua": 'return require("vex.log")("vex.Trace"), require("vex.settings").int("vex.Three", 1)\n'})
     code, output = tidy(root)
     assert code == 1
     assert output.splitlines() == ["docs/settings/a.md:4: nothing in the code knows the setting app.gone",
                                    "lua/vex/a.lua:1: the setting vex.Three has no row in docs/settings",
-                                   "src/vex_core/a.cpp:2: the setting app.two has no row in docs/settings"]
+                                   "src/vex_core/log/a.cpp:2: the setting app.two has no row in docs/settings"]
 
 
 def test_a_documented_default_is_the_codes(tree):
     files = {"docs/settings/a.md": SETTINGS + "| app.log.count | x | 6 | y |\n| app.log.size | x | 8192 | y |\n"
                                               "| app.new | x | 3 | y |\n",
              "src/vex_core/log/disk_log.h": "#pragma once\nint keep = 5;\nlong maxBytes = 8 * 1024;\n",
-             "src/vex_core/a.cpp": 'Get("app.log.count", "app.log.size", "app.new");\n'}
+             "src/vex_core/log/a.cpp": 'Get("app.log.count", "app.log.size", "app.new");\n'}
     code, output = tidy(tree(files))
     assert code == 1
     assert output.splitlines() == ["docs/settings/a.md:3: the default of app.log.count is 5",

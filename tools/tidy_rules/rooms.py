@@ -1,0 +1,128 @@
+"""The rooms of the core library: a folder with one subject each, arrows that run one way, and doors between them."""
+import re
+
+from tidy_rules.includes import INCLUDE
+from tidy_rules.tree import CPP, without_excepted
+
+HOME = "tools/tidy_rules/rooms.py"
+FOLDER = "src/vex_core/"
+ANY = "*"
+
+# Each room with the rooms that it may include. docs/ARCHITECTURE.md shows the same to readers.
+ARROWS = {
+    "os": "",
+    "base": "",
+    "domain": "os base",
+    "log": "os base domain",
+    "crash": "os base log",
+    "process": "os base log",
+    "threads": "os base log crash",
+    "zip": "os base domain",
+    "database": "base log",
+    "events": "os base domain database",
+    "modules": "os base domain log zip",
+    "lua": "os base domain log process threads database events",
+    "lifecycle": ANY,
+}
+# The headers of a room that other rooms may include; every other header is the room's own.
+OPEN = {
+    "os": ANY,
+    "base": ANY,
+    "domain": "dom_p.h dom_values.h",
+    "log": "log_p.h",
+    "crash": "crash_thread.h",
+    "process": "",
+    "threads": "processexit_p.h runnable_p.h",
+    "zip": "zip_reader.h",
+    "database": "sqlite_db.h",
+    "events": "agentevent_store.h",
+    "modules": "",
+    "lua": "workers.h",
+    "lifecycle": "",
+}
+# The room that implements a declaration in src/vex/core/: to include it is to depend on that room.
+IMPLEMENTED = {
+    "base": "clock.h export.h sendsignal.h",
+    "domain": "dom.h",
+    "log": "log.h",
+    "crash": "crash.h",
+    "process": "execute.h files.h pidfile.h",
+    "threads": "processexit.h runnable.h",
+    "zip": "unzip.h",
+    "database": "sqlitedb.h",
+    "events": "agentevent.h",
+    "lua": "luainterpreter.h wrap_dom.h",
+    "lifecycle": "openssl.h profiler.h",
+}
+# Includes against an arrow or through a closed door, and why.
+EXCEPTIONS = {
+    ("src/vex_core/database/sqlite_db.cpp", "vex/core/dom.h"): "CSqliteDatabase starts and ends more than the database",
+    ("src/vex_core/database/sqlite_db.cpp", "vex_core/events/agentevent_store.h"): "the same",
+    ("src/vex_core/database/sqlite_db.cpp", "vex_core/lua/lua_db.h"): "the same",
+    ("src/vex_core/database/sqlite_db.cpp", "vex_core/threads/runnable_p.h"): "the same",
+    ("src/vex_core/domain/dom.cpp", "vex_core/log/trace_p.h"): "the domain tells the trace of its key",
+    ("src/vex_core/domain/dom.cpp", "vex_core/process/files_p.h"): "it makes the working folders of plugins",
+    ("src/vex_core/log/log2disk.cpp", "vex/core/runnable.h"): "a thread's name is its CRunnable's",
+    ("src/vex_core/threads/processexit.cpp", "vex_core/events/agentevent_store.h"): "an exit closes the store",
+}
+
+PUBLIC = {f"vex/core/{header}": room for room, headers in IMPLEMENTED.items() for header in headers.split()}
+ROOM = re.compile(r"(?:src/)?vex_core/(\w+)/(.+)")
+
+
+def wrong_with(room, target):
+    """What is wrong when a file of the room includes the target; None when nothing is."""
+    inside = ROOM.match(target)
+    other = inside[1] if inside else PUBLIC.get(target)
+    if other is None or other == room:
+        return None
+    if ARROWS[room] != ANY and other not in ARROWS[room].split():
+        return f"{room}/ does not include {other}/, where {target} is"
+    if inside and OPEN.get(other) != ANY and inside[2] not in OPEN.get(other, "").split():
+        return f"{target} is private to its room"
+    return None
+
+
+def wrong_includes(tree):
+    for name in tree.named(*CPP, below=FOLDER):
+        place = ROOM.match(name)
+        if place and place[1] in ARROWS:
+            for number, line in enumerate(tree.lines(name), 1):
+                include = INCLUDE.match(line)
+                what = wrong_with(place[1], include[1]) if include else None
+                if what:
+                    yield (name, include[1]), (name, number, what)
+
+
+def check_arrows(tree):
+    yield from without_excepted(tree, HOME, EXCEPTIONS, wrong_includes(tree))
+
+
+def check_rooms(tree):
+    """Every source is in a room, and the tables say nothing of what is gone."""
+    for name in tree.named(*CPP, below=FOLDER):
+        place = ROOM.match(name)
+        if not place or place[1] not in ARROWS or "/" in place[2]:
+            yield name, 1, "a source of the core library outside the rooms that tools/tidy_rules/rooms.py names"
+    for name in tree.named(".h", below="src/vex/core/"):
+        if name[len("src/"):] not in PUBLIC and HOME in tree.files:
+            yield name, 1, f"which room implements it? Add it to IMPLEMENTED in {HOME}"
+    if HOME not in tree.files:
+        return
+    above = list(ARROWS)
+    for room, others in ARROWS.items():
+        for other in others.replace(ANY, "").split():
+            if other not in above[:above.index(room)]:
+                yield HOME, 1, f"an arrow up, from {room}/ to {other}/"
+    includes = {(ROOM.match(name)[1], include[1]) for name in tree.named(*CPP, below=FOLDER) if ROOM.match(name)
+                for include in map(INCLUDE.match, tree.lines(name)) if include}
+    for room, headers in OPEN.items():
+        for header in headers.replace(ANY, "").split():
+            if not any(target == f"vex_core/{room}/{header}" and user != room for user, target in includes):
+                yield HOME, 1, f"no other room includes {room}/{header}: it need not be open"
+    for header in PUBLIC:
+        if "src/" + header not in tree.files:
+            yield HOME, 1, f"there is no src/{header}"
+
+
+CHECKS = (check_arrows, check_rooms)
