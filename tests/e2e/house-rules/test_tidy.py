@@ -229,6 +229,32 @@ def test_a_package_without_a_reason_is_a_breach(tree):
     assert tidy(root) == (1, "tools/packages.txt:3: docs/DEPENDENCIES.md does not say why cmake is needed\n")
 
 
+@pytest.mark.skipif(not shutil.which("clang-format"), reason="clang-format is not installed")
+def test_code_in_another_layout_is_a_breach(tree):
+    root = tree({".clang-format": "IndentWidth: 4\n", "src/slb3/a.cpp": "int a;\nint  b;\nint  c;\n", "src/slb3/b.h": "#pragma once\n",
+                 "tests/support/c.h": "#pragma once\nint  d;\n", "bench/d.cpp": "int   e;\n"})
+    assert tidy(root) == (1, "bench/d.cpp:1: clang-format -i would change this\n"
+                             "src/slb3/a.cpp:2: clang-format -i would change this\n"
+                             "tests/support/c.h:2: clang-format -i would change this\n")
+
+
+def test_a_layout_that_the_formatter_cannot_read_is_a_breach(tree):
+    code, output = tidy(tree({".clang-format": "NoSuchOption: 4\n", "src/slb3/a.cpp": "int a;\n"}))
+    assert code == 1
+    assert "NoSuchOption" in output
+
+
+@pytest.mark.parametrize("tool, files", [("luacheck", {"lua/vex/a.lua": "return {}\n"}),
+                                         ("clang-format", {".clang-format": "IndentWidth: 4\n", "src/slb3/a.cpp": "int a;\n"})])
+def test_a_check_that_needs_what_is_not_installed_says_so(tree, tmp_path_factory, tool, files):
+    only_git = tmp_path_factory.mktemp("bin")
+    (only_git / "git").symlink_to(shutil.which("git"))
+    result = subprocess.run([sys.executable, TIDY, "--root", str(tree(files))], env={"PATH": str(only_git)}, capture_output=True,
+                            text=True, check=False)
+    assert (result.returncode, result.stdout) == (0, "")
+    assert f"tidy: {tool} is not installed, " in result.stderr
+
+
 @pytest.mark.skipif(not shutil.which("luacheck"), reason="luacheck is not installed")
 def test_a_complaint_about_lua_code_is_a_breach(tree):
     code, output = tidy(tree({"lua/vex/a.lua": "local b = 1\nreturn nothing\n"}))
