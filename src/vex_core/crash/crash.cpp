@@ -5,6 +5,7 @@
 
 #include "vex/core/crash.h"
 #include "vex_core/base/narrow.h"
+#include "vex_core/base/thread_name.h"
 #include "vex_core/crash/crash_p.h"
 #include "vex_core/crash/crash_thread.h"
 #include "vex_core/crash/crash_threads.h"
@@ -124,7 +125,7 @@ CrashText g_errorLine;
 void AddThreadName(const CrashSite& site)
 {
     constexpr std::size_t maxBytes = 128;
-    const char* name = CrashThreadName();
+    const char* name = ThreadName();
     if (CurrentThreadNumber() != site.thread || !name)
         name = site.thread == site.process ? "main" : "thread";
     for (std::size_t i = 0; i < maxBytes && name[i] != '\0'; ++i) {
@@ -299,7 +300,7 @@ bool InitCrashHandler(const wxString& dumpFile, const wxString& application, boo
     g_localTimeOffset = LocalTimeOffset();
     PrepareCrashDump();
     EnableCrashThreads();
-    CrashThreadStart("main");
+    CrashThreadStart();
     return Install();
 }
 

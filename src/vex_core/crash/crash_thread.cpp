@@ -14,8 +14,6 @@ namespace {
 constexpr std::size_t stackBytes = 64 * 1024;
 
 std::atomic<bool> g_enabled{false};
-// Signal handlers read it: with this model that is a look at a fixed place, where others may allocate first.
-[[gnu::tls_model("initial-exec")]] thread_local const char* t_ownName = nullptr;
 thread_local void* t_ownStack = nullptr; // the mapping, its lowest page a guard
 thread_local stack_t t_previousStack; // a sanitizer's; none otherwise
 
@@ -31,9 +29,8 @@ void EnableCrashThreads()
     g_enabled.store(true, std::memory_order_relaxed);
 }
 
-void CrashThreadStart(const char* name)
+void CrashThreadStart()
 {
-    t_ownName = name;
     if (!g_enabled.load(std::memory_order_relaxed) || t_ownStack)
         return;
     const std::size_t size = PageBytes() + stackBytes;
@@ -53,17 +50,11 @@ void CrashThreadStart(const char* name)
 
 void CrashThreadEnd()
 {
-    t_ownName = nullptr;
     if (!t_ownStack)
         return;
     if (sigaltstack(&t_previousStack, nullptr) == 0)
         munmap(t_ownStack, PageBytes() + stackBytes);
     t_ownStack = nullptr;
-}
-
-const char* CrashThreadName()
-{
-    return t_ownName;
 }
 
 } // namespace VexCore

@@ -3,22 +3,18 @@
 
 namespace VexCore {
 
-/// Notes the calling thread's name, which must live until `CrashThreadEnd`, and gives it a stack of its own for
-/// signal handlers, once `InitCrashHandler` has succeeded in this process; before that, and a second time, it
-/// gives none. First call of a thread.
-void CrashThreadStart(const char* name);
+/// Gives the calling thread a stack of its own for signal handlers, once `InitCrashHandler` has succeeded in this process;
+/// before that, and a second time, it gives none. First call of a thread.
+void CrashThreadStart();
 
 /// Gives it back. Last call of the same thread.
 void CrashThreadEnd();
-
-/// The name of the calling thread as `CrashThreadStart` got it; null outside. Async-signal-safe.
-const char* CrashThreadName();
 
 /// The same for a scope.
 class CrashThreadScope
 {
 public:
-    explicit CrashThreadScope(const char* name) { CrashThreadStart(name); }
+    CrashThreadScope() { CrashThreadStart(); }
     ~CrashThreadScope() { CrashThreadEnd(); }
     CrashThreadScope(const CrashThreadScope&) = delete;
     CrashThreadScope& operator=(const CrashThreadScope&) = delete;

@@ -2,8 +2,8 @@
 
 #include "vex/core/log.h"
 
-#include "vex/core/runnable.h"
 #include "vex_core/base/narrow.h"
+#include "vex_core/base/thread_name.h"
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/log/disk_log.h"
@@ -108,11 +108,10 @@ ELogLevel LevelOf(wxLogLevel level)
 }
 
 // A thread of ours that ends the process writes down what others left in the framework's queue.
-const char* ThreadName(wxThreadIdType thread)
+const char* NameOf(wxThreadIdType thread)
 {
-    const CRunnable* const runnable = CRunnable::Current();
-    if (runnable && thread == wxThread::GetCurrentId())
-        return runnable->GetThreadName();
+    if (const char* const own = ThreadName(); own && thread == wxThread::GetCurrentId())
+        return own;
     const wxThreadIdType main =
         wxThread::GetMainId(); // 0 until the framework is initialised, when there is no other thread
     return main == 0 || thread == main ? "main" : "thread";
@@ -129,7 +128,7 @@ void WriteRecord(ELogLevel level, std::time_t time, wxThreadIdType thread, const
         const std::string line = std::string(LogLevelWord(level)) + ' ' + LogText(text) + '\n';
         os::WriteBestEffort(standardError, line.data(), line.size());
     }
-    log.Write(FormatLogRecord(time, TimeFormat().c_str(), level, ::getpid(), ThreadName(thread), text), shown);
+    log.Write(FormatLogRecord(time, TimeFormat().c_str(), level, ::getpid(), NameOf(thread), text), shown);
 }
 
 // The framework empties its queue of other threads' lines on the main thread only, through a private member. A process

@@ -6,6 +6,7 @@
 
 #include "vex/core/log.h"
 #include "vex_core/base/narrow.h"
+#include "vex_core/base/thread_name.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/crash/crash_thread.h"
 #include "vex_core/os/thread_signal.h"
@@ -166,7 +167,8 @@ void LogEscapedException(const char* name)
 
 void* CRunnable::Entry()
 {
-    const CrashThreadScope crash(GetThreadName());
+    const ThreadNameScope name(GetThreadName());
+    const CrashThreadScope crash;
     const WaitPoint::Binding wait(m_impl->waitPoint);
     t_current = this;
     if (m_impl->logTarget)

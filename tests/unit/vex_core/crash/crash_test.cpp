@@ -256,9 +256,8 @@ TEST(CrashThread, ThreadHasAnAlternateStackBetweenStartAndEnd)
         stack_t during;
         stack_t after;
         sigaltstack(nullptr, &before);
-        CrashThreadStart("first");
-        CrashThreadStart("second"); // no other stack
-        EXPECT_STREQ(CrashThreadName(), "second");
+        CrashThreadStart();
+        CrashThreadStart(); // no other stack
         sigaltstack(nullptr, &during);
         // Below it lies a page that nobody may touch: an overflow there is a crash, not damage to something else.
         int ends[2];
@@ -270,7 +269,6 @@ TEST(CrashThread, ThreadHasAnAlternateStackBetweenStartAndEnd)
         close(ends[1]);
         CrashThreadEnd();
         CrashThreadEnd();
-        EXPECT_EQ(CrashThreadName(), nullptr);
         sigaltstack(nullptr, &after);
         EXPECT_NE(during.ss_sp, before.ss_sp);
         EXPECT_EQ(during.ss_flags & SS_DISABLE, 0);

@@ -4,6 +4,7 @@
 #include "support/dom_ptr.h"
 #include "support/stranger.h"
 #include "support/temp_folder.h"
+#include "vex/core/crash.h"
 #include "vex/core/dom.h"
 #include "vex/core/runnable.h"
 #include "vex_core/log/disk_log.h"
@@ -101,6 +102,16 @@ protected:
     void OnRun() override { std::exit(5); }
 };
 
+class CrashingThread : public LoggingThread
+{
+protected:
+    void OnRun() override
+    {
+        wxLogWarning("before the crash");
+        std::abort();
+    }
+};
+
 } // namespace
 
 TEST_F(LogToDisk, LineHasTimeLevelProcessThreadAndText)
@@ -109,6 +120,23 @@ TEST_F(LogToDisk, LineHasTimeLevelProcessThreadAndText)
     wxLogWarning("lib/x.zip: no matches");
     EXPECT_THAT(Text(), MatchesRegex("....-..-.. ..:..:.. WARNING \\[" + std::to_string(::getpid())
                                      + "/main\\] lib/x\\.zip: no matches\n"));
+}
+
+TEST_F(LogToDisk, LinesOfAThreadAndOfItsCrashCarryOneName)
+{
+    MakeRoot();
+    RunChild([this] {
+        const std::string dump = m_folder / "dump";
+        EXPECT_TRUE(VexCore::InitCrashHandler(wxString(dump), wxS("agent"), false));
+        CrashingThread thread;
+        thread.start(50, false, 0);
+        thread.join(-1);
+        return 0;
+    });
+    const std::vector<std::string> lines = Lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_THAT(lines[0], HasSubstr("/CTestThread] before the crash"));
+    EXPECT_THAT(lines[1], HasSubstr("/CTestThread] agent crashed: signal 6 (SIGABRT)"));
 }
 
 TEST_F(LogToDisk, LevelsHaveTheirWords)

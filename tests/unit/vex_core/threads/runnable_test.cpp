@@ -5,6 +5,7 @@
 #include "support/log_catcher.h"
 #include "vex/core/dom.h"
 #include "vex/core/log.h"
+#include "vex_core/base/thread_name.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/threads/runnable_p.h"
 
@@ -67,6 +68,7 @@ TEST(Runnable, BodyRunsWithItsDomainAndIsTheCurrentOne)
     Body body([&](Body& self) {
         seen = CRunnable::Current();
         EXPECT_EQ(self.GetDom(), dom);
+        EXPECT_STREQ(ThreadName(), "TestBody");
     });
     body.SetDom(dom);
     ASSERT_TRUE(body.start(50, true, 0));
