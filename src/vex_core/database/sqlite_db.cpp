@@ -3,9 +3,9 @@
 #include "vex/core/log.h"
 #include "vex/core/sqlitedb.h"
 #include "vex_core/base/narrow.h"
-#include "vex_core/events/agentevent_store.h"
+#include "vex_core/lifecycle/ending.h"
 #include "vex_core/lua/lua_db.h"
-#include "vex_core/threads/runnable_p.h"
+#include "vex_core/threads/thread_registry.h"
 
 #include <algorithm>
 #include <mutex>
@@ -138,12 +138,18 @@ bool CSqliteDatabase::InitializeSQLite(CDom* dom)
     return result == SQLITE_OK;
 }
 
-void CSqliteDatabase::ShutdownSQLite()
-{
-    CloseEventStores();
+namespace {
+const EndStepOwner closeDatabases(EndStep::CloseDatabases, [] {
     // A thread that was left running may be inside SQLite, or go there, until the process ends.
     if (CloseLuaDatabases() && !OtherRunnablesRun())
         sqlite3_shutdown();
+});
+
+} // namespace
+
+void CSqliteDatabase::ShutdownSQLite()
+{
+    TakeEndSteps(EndStretch::EndOfDatabases);
 }
 
 const char* JournalModeFor(int libraryVersion)

@@ -8,6 +8,7 @@
 #include "vex/core/agentevent.h"
 #include "vex/core/clock.h"
 #include "vex/core/dom.h"
+#include "vex_core/base/end_steps.h"
 #include "vex_core/base/narrow.h"
 #include "vex_core/events/agentevent_p.h"
 #include "vex_core/os/file_calls.h"
@@ -435,6 +436,19 @@ void CloseEventStores()
                 static_cast<unsigned long>(lost));
     }
 }
+
+namespace {
+void StoreEventsAtTheEnd()
+{
+    try {
+        CloseEventStores();
+    } catch (const std::exception& failure) {
+        wxLogError("Agent events could not be stored at the end of the process: %s", failure.what());
+    }
+}
+const EndStepOwner storeEvents(EndStep::StoreEvents, &StoreEventsAtTheEnd);
+
+} // namespace
 
 std::int64_t CDom::AgentEventWrite(CAgentEvent& event)
 {

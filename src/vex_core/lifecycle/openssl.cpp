@@ -1,7 +1,8 @@
 // OpenSSL before 1.1 asks its host for locks; later versions have their own, and free themselves at exit.
 
 #include "vex/core/openssl.h"
-#include "vex_core/lua/workers.h"
+#include "vex_core/lifecycle/ending.h"
+#include "vex_core/lua/worker_list.h"
 
 #include <openssl/crypto.h>
 #include <openssl/opensslv.h>
@@ -15,8 +16,6 @@
 
 namespace VexCore {
 namespace {
-constexpr long workersEndMs = 10000;
-
 #if OPENSSL_VERSION_NUMBER < 0x10100000L
 
 std::unique_ptr<std::mutex[]> locks;
@@ -55,6 +54,9 @@ void RemoveLocks() {}
 
 #endif
 
+// Behind the end of the threads, which may be inside OpenSSL.
+const EndStepOwner releaseLocks(EndStep::ReleaseOpenSslLocks, &RemoveLocks);
+
 } // namespace
 
 void OpenSSLThreadSetup()
@@ -63,11 +65,9 @@ void OpenSSLThreadSetup()
     ReopenWorkers();
 }
 
-// Workers first: they may be inside OpenSSL or SQLite, which go next.
 void OpenSSLThreadShutdown()
 {
-    StopAllWorkers(workersEndMs);
-    RemoveLocks();
+    TakeEndSteps(EndStretch::EndOfThreads);
 }
 
 } // namespace VexCore

@@ -2,6 +2,7 @@
 
 #include "vex/core/log.h"
 
+#include "vex_core/base/end_steps.h"
 #include "vex_core/base/narrow.h"
 #include "vex_core/base/thread_name.h"
 #include "vex_core/domain/dom_p.h"
@@ -157,17 +158,17 @@ void AfterForkInChild()
     ProcessLog().AfterForkInChild();
 }
 
-/// Made before `main`, so that its end comes after all that the host registers, on whichever thread ends the process. A destructor
-/// and no atexit handler: the thread sanitizer runs the handlers of libraries when wx's destructors are through.
-const struct ProcessHooks
+const struct ForkHooks
 {
-    ProcessHooks()
+    ForkHooks()
     {
         ProcessLog();
         ::pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
     }
-    ~ProcessHooks() { FlushLogAtProcessEnd(); }
-} processHooks;
+} forkHooks;
+
+const EndStepOwner emptyLogQueue(EndStep::EmptyLogQueue, &wxLog::FlushActive);
+const EndStepOwner flushLog(EndStep::FlushLog, &FlushLogAtProcessEnd);
 
 } // namespace
 

@@ -7,9 +7,7 @@
 #include "vex_core/base/narrow.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/domain/dom_values.h"
-#include "vex_core/lua/workers.h"
-#include "vex_core/threads/processexit_p.h"
-#include "vex_core/threads/runnable_p.h"
+#include "vex_core/lua/worker_list.h"
 
 #include <algorithm>
 #include <chrono>
@@ -32,47 +30,6 @@ constexpr const char workerChunk[] =
     "end\n"
     "local status = module.run(argument)\n" // no tail call: the traceback would lack its caller
     "return status\n";
-
-/// All workers that have not been joined yet. Never destroyed: a straggler may outlive everything else.
-struct WorkerList
-{
-    std::mutex lock;
-    bool closed = false; // guarded by lock; the process is ending
-    std::vector<std::shared_ptr<Worker>> workers; // guarded by lock
-
-    static WorkerList& Get()
-    {
-        static WorkerList* list = new WorkerList;
-        return *list;
-    }
-
-    /// Takes those out that have ended, for the caller to let go of without the lock.
-    std::vector<std::shared_ptr<Worker>> TakeEnded()
-    {
-        std::vector<std::shared_ptr<Worker>> ended;
-        const auto runs = [](const std::shared_ptr<Worker>& worker) { return worker->Running(); };
-        const auto middle = std::stable_partition(workers.begin(), workers.end(), runs);
-        ended.assign(std::make_move_iterator(middle), std::make_move_iterator(workers.end()));
-        workers.erase(middle, workers.end());
-        return ended;
-    }
-
-    /// For when all have announced their end: one that has still some steps to go counts as running, and would meet the
-    /// destructors of the process if nobody joined it.
-    std::vector<std::shared_ptr<Worker>> TakeAllButThisThread()
-    {
-        std::vector<std::shared_ptr<Worker>> taken;
-        taken.swap(workers);
-        for (auto worker = taken.begin(); worker != taken.end(); ++worker) {
-            if (worker->get() == CRunnable::Current()) {
-                workers.push_back(std::move(*worker));
-                taken.erase(worker);
-                break;
-            }
-        }
-        return taken;
-    }
-};
 
 } // namespace
 
@@ -98,21 +55,7 @@ const char* Worker::GetThreadName() const
 std::shared_ptr<Worker> Worker::Start(CDom& dom, std::string module, LuaValue argument)
 {
     auto worker = std::make_shared<Worker>(dom, std::move(module), std::move(argument));
-    WorkerList& list = WorkerList::Get();
-    std::vector<std::shared_ptr<Worker>> ended; // let go of after the lock: the last holder joins the thread
-    const std::lock_guard lock(list.lock);
-    ended = list.TakeEnded();
-    if (list.closed) {
-        wxLogError("Worker \"%s\" is not started: the process is ending.", TextWithoutNul(worker->m_module));
-        return nullptr;
-    }
-    // In the list first, so that a failure to grow it cannot leave a thread that nobody joins.
-    list.workers.push_back(worker);
-    if (!worker->start(wxPRIORITY_DEFAULT, true, 0)) {
-        list.workers.pop_back();
-        return nullptr;
-    }
-    return worker;
+    return WorkerList::OfProcess().Start(worker) ? worker : nullptr;
 }
 
 /// Calls a function of the state without arguments; its error becomes the worker's.
@@ -225,35 +168,6 @@ bool Worker::WaitForEnd(std::int64_t timeoutMs)
         return false;
     lock.unlock();
     return join(-1); // the body is over: what is left is short
-}
-
-void StopAllWorkers(long timeoutMs)
-{
-    WorkerList& list = WorkerList::Get();
-    {
-        const std::lock_guard lock(list.lock);
-        list.closed = true;
-    }
-    const std::vector<std::string> stragglers = EndRegisteredThreads(timeoutMs);
-    std::vector<std::shared_ptr<Worker>> ended;
-    {
-        const std::lock_guard lock(list.lock);
-        ended = stragglers.empty() ? list.TakeAllButThisThread() : list.TakeEnded();
-    }
-    for (const std::shared_ptr<Worker>& worker : ended)
-        worker->join(-1);
-    for (const std::string& name : stragglers)
-        wxLogWarning("Thread \"%s\" has not ended within %ld seconds and is left behind.", FromForeignBytes(name),
-                     timeoutMs / 1000);
-    if (!stragglers.empty())
-        SkipDestructorsAtExit();
-}
-
-void ReopenWorkers()
-{
-    WorkerList& list = WorkerList::Get();
-    const std::lock_guard lock(list.lock);
-    list.closed = false;
 }
 
 } // namespace VexCore

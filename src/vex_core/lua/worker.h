@@ -30,6 +30,7 @@ public:
     ~Worker() override;
 
     const char* GetThreadName() const override;
+    const std::string& Module() const { return m_module; }
 
     /// Waits until the worker has ended. False when `timeoutMs` (negative: no limit) is over first, or the
     /// calling thread is asked to end itself. Not for the worker's own thread.

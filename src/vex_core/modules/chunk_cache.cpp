@@ -1,6 +1,7 @@
 #include "vex_core/modules/chunk_cache.h"
 
 #include "vex/core/log.h"
+#include "vex_core/base/end_steps.h"
 #include "vex_core/base/hex.h"
 #include "vex_core/base/narrow.h"
 #include "vex_core/modules/archive_index.h"
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <deque>
@@ -158,15 +158,24 @@ public:
         }
     }
 
-    /// Something waits from now on. The first time, arranges for it to be written when the process exits: hosts end by
-    /// `exit` without closing their interpreter.
+    /// Something waits from now on, at the latest until this process exits.
     void StartWaiting()
     {
         std::int64_t nothing = 0;
         m_waitingSinceMs.compare_exchange_strong(nothing, SteadyMs());
         s_waitingIn = os::ProcessId();
-        static const int registered = std::atexit(FlushAtExit);
-        (void)registered;
+    }
+
+    /// Hosts end by `exit` without closing their interpreter. Not in a child that was forked: locks may be held there by threads
+    /// that it does not have.
+    static void FlushAtExit()
+    {
+        if (os::ProcessId() != s_waitingIn)
+            return;
+        try {
+            ChunkCache::FlushAll();
+        } catch (const std::exception&) { // out of memory while ending: only time is lost
+        }
     }
 
     /// A cache has opened its file. When many are open, the one that has been longest is closed.
@@ -202,17 +211,6 @@ public:
     std::atomic<unsigned> m_temporary{0}; // makes names of temporary files differ
 
 private:
-    /// Not in a child that was forked: locks may be held there by threads that it does not have.
-    static void FlushAtExit()
-    {
-        if (os::ProcessId() != s_waitingIn)
-            return;
-        try {
-            ChunkCache::FlushAll();
-        } catch (const std::exception&) { // out of memory while ending: only time is lost
-        }
-    }
-
     static std::atomic<pid_t> s_waitingIn;
     std::mutex m_lock;
     std::deque<std::weak_ptr<ChunkCache>> m_open; // guarded by m_lock
@@ -221,6 +219,8 @@ private:
 };
 
 std::atomic<pid_t> Caches::s_waitingIn{0};
+
+const EndStepOwner writeChunkCaches(EndStep::WriteChunkCaches, &Caches::FlushAtExit);
 
 struct FoundFile
 {

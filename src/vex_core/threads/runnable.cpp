@@ -6,14 +6,13 @@
 
 #include "vex/core/log.h"
 #include "vex_core/base/narrow.h"
+#include "vex_core/base/steady_ms.h"
 #include "vex_core/base/thread_name.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/crash/crash_thread.h"
 #include "vex_core/os/thread_signal.h"
-#include "vex_core/threads/processexit_p.h"
-#include "vex_core/threads/runnable_p.h"
+#include "vex_core/threads/thread_registry.h"
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -21,7 +20,6 @@
 #include <exception>
 #include <memory>
 #include <mutex>
-#include <set>
 
 namespace VexCore {
 
@@ -29,28 +27,6 @@ const int CRunnable::SigThreadDelete = SIGRTMIN + 4;
 
 namespace {
 thread_local CRunnable* t_current = nullptr;
-
-/// Every body that runs. Never destroyed: a straggler may end while the process is already in its static
-/// destructors.
-struct Registry
-{
-    std::mutex lock;
-    std::condition_variable changed;
-    std::set<CRunnable*> running; // guarded by lock
-    std::set<CRunnable*> stoppable; // guarded by lock; those of `running` that take part in the process's stop
-
-    static Registry& Get()
-    {
-        static Registry* registry = new Registry;
-        return *registry;
-    }
-};
-
-std::int64_t SteadyMs()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
 
 } // namespace
 
@@ -117,14 +93,7 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
         m_impl->state = Impl::EState::Running;
         m_impl->logTarget = std::move(logTarget);
     }
-    Registry& registry = Registry::Get();
-    {
-        const std::lock_guard lock(registry.lock);
-        registry.running.insert(this);
-        if (takesPartInStop)
-            registry.stoppable.insert(this);
-    }
-
+    RegisterThread(*this, takesPartInStop);
     bool started = false;
     {
         const wxLogNull quiet; // one error line, and it is ours
@@ -135,11 +104,7 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
     if (started)
         return true;
 
-    {
-        const std::lock_guard lock(registry.lock);
-        registry.running.erase(this);
-        registry.stoppable.erase(this);
-    }
+    UnregisterThread(*this);
     {
         const std::lock_guard lock(m_impl->lock);
         m_impl->state = Impl::EState::Ended;
@@ -186,13 +151,7 @@ void* CRunnable::Entry()
 
 void CRunnable::OnExit()
 {
-    Registry& registry = Registry::Get();
-    {
-        const std::lock_guard lock(registry.lock);
-        registry.running.erase(this);
-        registry.stoppable.erase(this);
-        registry.changed.notify_all();
-    }
+    UnregisterThread(*this);
     // Last, and under the lock: who waits may destroy the object once it has joined the thread.
     const std::lock_guard lock(m_impl->lock);
     m_impl->state = Impl::EState::Ended;
@@ -265,65 +224,10 @@ bool CRunnable::Running() const
     return m_impl->state == Impl::EState::Running;
 }
 
-/// The core library's own way to what a thread keeps.
-struct RunnableAccess
+std::int64_t RunnableAccess::AskedForMs(const CRunnable& runnable)
 {
-    /// Milliseconds since the thread was first asked to end.
-    static std::int64_t AskedForMs(const CRunnable& runnable)
-    {
-        const std::int64_t askedAtMs = runnable.m_impl->askedAtMs;
-        return askedAtMs != 0 ? SteadyMs() - askedAtMs : 0;
-    }
-};
-
-std::vector<std::string> EndRegisteredThreads(long timeoutMs)
-{
-    Registry& registry = Registry::Get();
-    CRunnable* const self = CRunnable::Current();
-    const std::int64_t deadlineMs = SteadyMs() + timeoutMs;
-    // How long somebody still has: who was asked by a script before, and waited for, does not get all of it a second time.
-    const auto leftMs = [&] {
-        std::int64_t left = 0;
-        for (const CRunnable* runnable : registry.stoppable)
-            if (runnable != self)
-                left = std::max(left, timeoutMs - RunnableAccess::AskedForMs(*runnable));
-        return std::min(left, deadlineMs - SteadyMs());
-    };
-
-    std::unique_lock lock(registry.lock);
-    // A thread that is asked may start others before it ends: all are asked again whenever one is gone.
-    for (;;) {
-        for (CRunnable* runnable : registry.stoppable) {
-            if (runnable != self)
-                runnable->requestExit();
-        }
-        ParkPoint(lock);
-        const std::int64_t left = leftMs();
-        if (left <= 0)
-            break;
-        registry.changed.wait_for(lock, std::chrono::milliseconds(left));
-    }
-
-    std::vector<std::string> stragglers;
-    for (const CRunnable* runnable : registry.stoppable) {
-        if (runnable != self)
-            stragglers.emplace_back(runnable->GetThreadName());
-    }
-    return stragglers;
-}
-
-bool OtherRunnablesRun()
-{
-    Registry& registry = Registry::Get();
-    const std::lock_guard lock(registry.lock);
-    return registry.running.size() > registry.running.count(CRunnable::Current());
-}
-
-void WakeEndRegisteredThreads()
-{
-    Registry& registry = Registry::Get();
-    const std::lock_guard lock(registry.lock);
-    registry.changed.notify_all();
+    const std::int64_t askedAtMs = runnable.m_impl->askedAtMs;
+    return askedAtMs != 0 ? SteadyMs() - askedAtMs : 0;
 }
 
 } // namespace VexCore

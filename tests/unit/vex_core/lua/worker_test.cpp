@@ -6,8 +6,9 @@
 #include "vex/core/luainterpreter.h"
 #include "vex/core/openssl.h"
 #include "vex/core/wrap_dom.h"
-#include "vex_core/lua/workers.h"
-#include "vex_core/threads/runnable_p.h"
+#include "vex_core/lifecycle/ending.h"
+#include "vex_core/lua/worker_list.h"
+#include "vex_core/threads/thread_registry.h"
 
 #include <chrono>
 #include <memory>
@@ -251,7 +252,7 @@ TEST_F(LuaWorker, StragglerIsNamedAndTheProcessStillEnds)
     EXPECT_EXIT(
         {
             Run("dom0:StartThread('stuck') while not dom0:GetBool('up') do dom0:Wait('up', 1) end");
-            VexCore::StopAllWorkers(50);
+            VexCore::EndThreads(50);
             std::fputs(Log().c_str(), stderr);
             std::exit(5);
         },

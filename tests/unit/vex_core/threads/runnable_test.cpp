@@ -7,7 +7,7 @@
 #include "vex/core/log.h"
 #include "vex_core/base/thread_name.h"
 #include "vex_core/base/wait.h"
-#include "vex_core/threads/runnable_p.h"
+#include "vex_core/threads/thread_registry.h"
 
 #include <atomic>
 #include <chrono>

@@ -8,7 +8,7 @@
 #include "vex/core/runnable.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/events/agentevent_store.h"
-#include "vex_core/lua/workers.h"
+#include "vex_core/lua/worker_list.h"
 
 #include <chrono>
 #include <cstdio>

@@ -1,0 +1,107 @@
+#include "vex_core/lifecycle/ending.h"
+
+#include "vex_core/lua/worker_list.h"
+#include "vex_core/os/exit.h"
+
+#include <cstdio>
+#include <initializer_list>
+
+namespace VexCore {
+
+namespace {
+constexpr long threadsEndMs = 10000;
+
+// --- the table
+
+struct Row
+{
+    EndStretch stretch;
+    std::initializer_list<EndStep> steps;
+};
+
+constexpr Row rows[] = {
+    {EndStretch::EndOfThreads, {EndStep::EndThreads, EndStep::ReleaseOpenSslLocks}},
+    {EndStretch::EndOfDatabases, {EndStep::StoreEvents, EndStep::CloseDatabases}},
+    {EndStretch::BeforeExit, {EndStep::StoreEvents, EndStep::EmptyLogQueue}},
+    {EndStretch::Exit, {EndStep::WriteChunkCaches, EndStep::FlushLog}},
+    {EndStretch::ExitOverThreads, {EndStep::FlushLog, EndStep::FlushStreams}},
+    {EndStretch::AtOnce, {}},
+};
+
+constexpr bool IsInOrder()
+{
+    std::size_t place = 0;
+    for (const Row& row : rows) {
+        if (static_cast<std::size_t>(row.stretch) != place++)
+            return false;
+        const EndStep* before = nullptr;
+        for (const EndStep& step : row.steps) {
+            if (before && *before >= step)
+                return false;
+            before = &step;
+        }
+    }
+    return place == static_cast<std::size_t>(lastEndStretch) + 1;
+}
+static_assert(IsInOrder(), "a row a stretch; in each, steps in the order of EndStep");
+
+const Row& RowOf(EndStretch stretch)
+{
+    return rows[static_cast<std::size_t>(stretch)];
+}
+
+// --- steps of this room
+
+const EndStepOwner endThreads(EndStep::EndThreads, [] { EndThreads(threadsEndMs); });
+
+/// Whoever holds a stream's lock may be blocked for good: its text is left behind then.
+void FlushIfFree(std::FILE* stream)
+{
+    if (TryLockStream(stream)) {
+        std::fflush(stream);
+        UnlockStream(stream);
+    }
+}
+
+const EndStepOwner flushStreams(EndStep::FlushStreams, [] {
+    FlushIfFree(stdout);
+    FlushIfFree(stderr);
+});
+
+/// Made before `main`, so that its end comes after all that the host registers, on whichever thread ends the process. A destructor
+/// and no atexit handler: the thread sanitizer runs the handlers of libraries when wx's destructors are through.
+const struct ExitHook
+{
+    ~ExitHook() { TakeEndSteps(EndStretch::Exit); }
+} exitHook;
+
+} // namespace
+
+bool HasEndStep(EndStretch stretch, EndStep step)
+{
+    for (const EndStep own : RowOf(stretch).steps)
+        if (own == step)
+            return true;
+    return false;
+}
+
+void TakeEndSteps(EndStretch stretch, const EndSteps& steps)
+{
+    for (const EndStep step : RowOf(stretch).steps)
+        if (const EndSteps::Function function = steps.Find(step))
+            function();
+}
+
+void EndThreads(long timeoutMs)
+{
+    if (!StopAllWorkers(timeoutMs))
+        AtExitWithStatus(&LeaveWithoutDestructors);
+}
+
+void LeaveWithoutDestructors(int status)
+{
+    TakeEndSteps(EndStretch::ExitOverThreads);
+    EndProcessNow(status);
+}
+
+} // namespace VexCore
