@@ -4,10 +4,10 @@
 
 #include "vex_core/base/narrow.h"
 #include "vex_core/base/shared_lock.h"
+#include "vex_core/domain/dom_observer.h"
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/domain/settings_file.h"
 #include "vex_core/domain/wait_list.h"
-#include "vex_core/log/trace_p.h"
 #include "vex_core/process/files_p.h"
 
 #include <algorithm>
@@ -134,8 +134,7 @@ private:
 
     void Changed(std::string_view key)
     {
-        if (key == "app.trace" || key == "app.trace+")
-            ReloadTraceModules();
+        TellObservers(this, key);
         m_waits->Written(key);
     }
 
@@ -168,6 +167,15 @@ struct DomAccess
             if (dom.m_impl->references.compare_exchange_weak(count, count + 1))
                 return true;
         return false;
+    }
+
+    /// What observers know the tree of `dom` by.
+    static const void* Tree(const CDom& dom) { return dom.m_impl->store.get(); }
+    static std::vector<std::string> FullKeys(const CDom& dom, std::vector<std::string> keys)
+    {
+        for (std::string& key : keys)
+            key = std::string(std::string_view(dom.m_impl->Key(key.c_str())));
+        return keys;
     }
 
     struct Roots
@@ -207,6 +215,10 @@ struct DomAccess
     }
 };
 
+DomObserver::DomObserver(const CDom& dom, const std::vector<std::string>& keys, std::function<void()> changed)
+    : DomObserver(DomAccess::Tree(dom), DomAccess::FullKeys(dom, keys), std::move(changed))
+{}
+
 RootDom::RootDom() : m_dom(DomAccess::ProcessRoot()) {}
 
 RootDom::~RootDom()
@@ -231,7 +243,7 @@ CDom* CDom::New(const char* name, CDom* parent, bool* created, bool)
         own.store = std::make_shared<DomStore>();
         own.root = true;
         DomAccess::AddRoot(dom);
-        ReloadTraceModules();
+        TellObserversOfRoots();
         if (created)
             *created = true;
         return dom;
@@ -257,7 +269,7 @@ void CDom::Release()
         DomAccess::RemoveRoot(this);
     delete this;
     if (wasRoot)
-        ReloadTraceModules();
+        TellObserversOfRoots();
 }
 
 // --- writing

@@ -4,10 +4,10 @@
 #include "vex/core/log.h"
 
 #include "vex_core/base/narrow.h"
+#include "vex_core/domain/dom_observer.h"
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/log/log_p.h"
 #include "vex_core/log/trace_modules.h"
-#include "vex_core/log/trace_p.h"
 
 #include <atomic>
 #include <map>
@@ -33,16 +33,7 @@ TraceLists& Lists()
     return lists;
 }
 
-} // namespace
-
-bool LogTraceIsEnabled(const char* module)
-{
-    if (!g_modules.load(std::memory_order_relaxed))
-        return false;
-    const TraceModules* const modules = g_modules.load(std::memory_order_acquire);
-    return modules && module && modules->Contain(module);
-}
-
+/// Takes over what the lists of the process's root domain are now.
 void ReloadTraceModules()
 {
     TraceLists& lists = Lists();
@@ -56,6 +47,19 @@ void ReloadTraceModules()
         text = (*root)->Get("app.trace") + ',' + (*root)->Get("app.trace+");
     const TraceModules& modules = lists.byText.try_emplace(text, text).first->second;
     g_modules.store(modules.Empty() ? nullptr : &modules, std::memory_order_release);
+}
+
+/// From before `main` on, and never destroyed: domains are written while the process ends.
+[[maybe_unused]] DomObserver& g_observer = *new DomObserver({"app.trace", "app.trace+"}, ReloadTraceModules);
+
+} // namespace
+
+bool LogTraceIsEnabled(const char* module)
+{
+    if (!g_modules.load(std::memory_order_relaxed))
+        return false;
+    const TraceModules* const modules = g_modules.load(std::memory_order_acquire);
+    return modules && module && modules->Contain(module);
 }
 
 void LogTrace(const char* module, const char* sourceFile, int line, const char* function, const wxString& message)
