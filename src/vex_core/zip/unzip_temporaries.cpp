@@ -1,9 +1,10 @@
 // Names of temporary files, the list that leads to them, and the sweep after a run that was killed.
-#include "vex_core/zip/unzip_p.h"
+#include "vex_core/zip/unzip_temporaries.h"
 
 #include "vex_core/os/file_calls.h"
 #include "vex_core/os/file_lock.h"
 #include "vex_core/os/folder_calls.h"
+#include "vex_core/os/status_calls.h"
 #include "vex_core/zip/zip_names.h"
 
 #include <algorithm>
@@ -15,7 +16,6 @@
 #include <set>
 
 #include <fcntl.h>
-#include <unistd.h>
 
 namespace VexCore {
 namespace {
@@ -28,6 +28,13 @@ constexpr std::string_view listFirstLine = "temporary files may be in";
 class LiveRuns
 {
 public:
+    /// Never destroyed: a thread may still unpack while the process exits.
+    static LiveRuns& Process()
+    {
+        static LiveRuns* const instance = new LiveRuns;
+        return *instance;
+    }
+
     void Add(const std::string& id)
     {
         const std::lock_guard lock(m_lock);
@@ -49,12 +56,6 @@ private:
     std::set<std::string> m_ids; // guarded by m_lock
 };
 
-LiveRuns& Live()
-{
-    static LiveRuns runs;
-    return runs;
-}
-
 std::string NewId()
 {
     static std::atomic<unsigned> counter{0};
@@ -62,7 +63,7 @@ std::string NewId()
     char text[64];
     std::snprintf(text, sizeof text, "%llx-%lx-%x",
                   static_cast<unsigned long long>(std::chrono::duration_cast<std::chrono::microseconds>(now).count()),
-                  static_cast<unsigned long>(::getpid()), counter.fetch_add(1));
+                  static_cast<unsigned long>(os::ProcessId()), counter.fetch_add(1));
     return text;
 }
 
@@ -145,7 +146,7 @@ UnzipTemporaries::~UnzipTemporaries()
     if (m_list >= 0)
         os::Close(m_list);
     if (!m_id.empty())
-        Live().Remove(m_id);
+        LiveRuns::Process().Remove(m_id);
 }
 
 std::string UnzipTemporaries::NewName()
@@ -171,7 +172,7 @@ bool UnzipTemporaries::TryMakeList(const std::string& text)
     const int root = m_folders.Find("");
     const std::string id = NewId();
     const std::string name = ListName(id);
-    Live().Add(id); // before the file is there: no other thread may look at it
+    LiveRuns::Process().Add(id); // before the file is there: no other thread may look at it
     m_id = id;
     const auto fail = [&](int error) {
         os::UnlinkAt(root, name.c_str());
@@ -193,7 +194,7 @@ bool UnzipTemporaries::TryMakeList(const std::string& text)
             os::Close(m_list);
         }
         m_list = -1;
-        Live().Remove(id);
+        LiveRuns::Process().Remove(id);
         m_id.clear();
         return false;
     }
@@ -224,7 +225,7 @@ void UnzipTemporaries::SweepRun(const std::string& listName)
 {
     const std::string id =
         listName.substr(temporaryPrefix.size(), listName.size() - temporaryPrefix.size() - listSuffix.size());
-    if (Live().Has(id))
+    if (LiveRuns::Process().Has(id))
         return;
     const int root = m_folders.Find("");
     struct stat status;

@@ -1,7 +1,8 @@
 // Writes the files of an `Unzip`: first under temporary names, then, flushed, under their own.
-#include "vex_core/zip/unzip_p.h"
+#include "vex_core/zip/unzip_writer.h"
 
 #include "vex_core/os/folder_calls.h"
+#include "vex_core/zip/zip_names.h"
 
 #include <cerrno>
 

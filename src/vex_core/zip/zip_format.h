@@ -3,9 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
-namespace VexCore {
-namespace Zip {
+namespace VexCore::Zip {
 
 constexpr std::uint32_t localSignature = 0x04034b50;
 constexpr std::uint32_t descriptorSignature = 0x08074b50;
@@ -30,6 +30,8 @@ constexpr std::uint16_t methodStored = 0;
 constexpr std::uint16_t methodDeflate = 8;
 /// Deflate never expands more than this.
 constexpr std::uint64_t maxExpansion = 1032;
+/// Nothing, deflated: some writers give it to a folder, Python's zipfile among them.
+constexpr std::string_view emptyDeflate("\3\0", 2);
 
 constexpr std::uint16_t extraZip64 = 0x0001;
 constexpr std::uint16_t extraUnicodePath = 0x7075;
@@ -52,5 +54,4 @@ inline std::uint64_t Get64(const unsigned char* p)
     return static_cast<std::uint64_t>(Get32(p)) | static_cast<std::uint64_t>(Get32(p + 4)) << 32;
 }
 
-} // namespace Zip
-} // namespace VexCore
+} // namespace VexCore::Zip

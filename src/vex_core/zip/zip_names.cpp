@@ -1,7 +1,6 @@
 #include "vex_core/zip/zip_names.h"
 
 #include "vex_core/base/utf8.h"
-#include "vex_core/zip/zip_reader.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,7 +1,8 @@
 #pragma once
-// Which entry names are accepted, and the order in which they are kept.
+// Which entry names are accepted, the order in which they are kept, and how a name is shown.
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace VexCore {
@@ -25,4 +26,8 @@ int ComparePaths(std::string_view left, std::string_view right);
 bool LiesBelow(std::string_view path, std::string_view folder);
 
 } // namespace Zip
+
+/// Text for a log line: what is no printable UTF-8 becomes \xNN, and a text of more than 300 bytes is cut with "...".
+std::string EscapeForLog(std::string_view text);
+
 } // namespace VexCore

@@ -1,5 +1,6 @@
 #pragma once
-// One strict reader of ZIP archives, for `Unzip` and for the module loader. Format and limits: docs/FORMATS.md.
+// One strict reader of ZIP archives, for `Unzip` and for the module loader. Format and limits: docs/FORMATS.md. This and
+// zip_names.h are what other rooms include.
 
 #include <cstdint>
 #include <functional>
@@ -31,6 +32,7 @@ struct ZipEntry
     std::uint64_t headerOffset = 0; ///< of the local header in the file
     std::uint64_t dataOffset = 0; ///< of the packed bytes in the file
     std::uint32_t dosTime = 0; ///< date in the high, time in the low 16 bits, as stored
+    std::uint16_t flags = 0; ///< of its headers, as stored
 };
 
 /// Which file an open archive is: another device, inode, size or time means that the path now names another file.
@@ -55,9 +57,9 @@ FileIdentity IdentityOf(const struct stat& status);
 class ZipArchive
 {
 public:
-    /// Opens, checks all headers and indexes the names. Null, with one line in `error` that names entry (escaped) and
-    /// reason but not the archive, when the file is no regular file (FIFOs and folders do not block or open), cannot be read, or breaks
-    /// any rule. `name` paths are bytes of the file system.
+    /// Opens the file of that name (bytes of the file system), checks all headers and indexes the names. Null when it is no
+    /// regular file (a FIFO does not block), cannot be read, or breaks any rule; `error` then has one line that tells the
+    /// reason and, escaped, the entry, but not the archive.
     static std::shared_ptr<const ZipArchive> Open(const std::string& path, const ZipLimits& limits, std::string& error);
     ~ZipArchive();
 
@@ -81,7 +83,6 @@ public:
 
 private:
     ZipArchive() = default;
-    friend class ZipOpener;
     std::string m_path;
     int m_descriptor = -1;
     FileIdentity m_identity;
@@ -89,8 +90,5 @@ private:
     std::vector<std::uint32_t> m_byName; // indexes of m_entries, in the order of ComparePaths
     std::string m_directorySha256;
 };
-
-/// Text for a log line: what is no printable UTF-8 becomes \xNN, a long text is cut with "...".
-std::string EscapeForLog(std::string_view text);
 
 } // namespace VexCore

@@ -1,0 +1,82 @@
+#pragma once
+// The folders below the destination of an `Unzip`, and how its parts fail. None of the parts is used by more than one thread at
+// a time.
+
+#include <cstddef>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace VexCore {
+
+/// Ends an `Unzip`; what() is the reason that the log line gives.
+class UnzipFailure : public std::runtime_error
+{
+public:
+    explicit UnzipFailure(const std::string& reason) : std::runtime_error(reason) {}
+    /// "`what`: text of the errno value".
+    UnzipFailure(const std::string& what, int error);
+};
+
+/// A component of a path is a symbolic link or no folder.
+class UnzipBlocked : public UnzipFailure
+{
+public:
+    using UnzipFailure::UnzipFailure;
+};
+
+/// The folders below one destination. Each component is opened for itself and never through a symbolic link; an open folder
+/// is kept until `Close`, so that what is done in it stays in it whatever becomes of its name.
+class UnzipFolders
+{
+public:
+    /// Opens the destination. Symbolic links on the way to it are followed: they are the operator's.
+    explicit UnzipFolders(const std::string& root);
+    ~UnzipFolders();
+    UnzipFolders(const UnzipFolders&) = delete;
+    UnzipFolders& operator=(const UnzipFolders&) = delete;
+
+    /// The descriptor of `path` ("" is the destination; no last slash). -1: it, or a folder before it, is missing. Throws
+    /// when a component is a symbolic link or no folder, or no longer the folder that was opened under that name.
+    int Find(std::string_view path);
+    /// The same, making what is missing, with mode 0755.
+    int Make(std::string_view path);
+
+    /// Notes that names in this open folder changed, so that `Flush` puts them on stable storage.
+    void NoteChange(std::string_view path);
+    /// Throws unless every open folder is still the one that its name leads to.
+    void CheckAll();
+    void Flush();
+    /// Flushes the whole file systems that hold these open folders, which beats many single flushes by far. False: the system
+    /// cannot do that, or not reliably.
+    bool FlushFileSystemsOf(const std::vector<std::string_view>& paths);
+    /// Closes all but the destination; what was noted and not flushed is forgotten.
+    void Close();
+    std::size_t OpenCount() const { return m_open.size(); }
+
+private:
+    struct Folder
+    {
+        int descriptor = -1;
+        dev_t device = 0;
+        ino_t inode = 0;
+        bool changed = false;
+    };
+    using Folders = std::map<std::string, Folder, std::less<>>;
+
+    const Folder* Walk(std::string_view path, bool make);
+    const Folder* OpenBelow(Folder& parent, std::string_view path, const std::string& name, bool make);
+    void CheckSame(const Folder& parent, std::string_view path, const Folder& folder);
+
+    Folders m_open; // by path; the destination is ""
+};
+
+/// The folder of a path, "" for none; and its last component.
+std::string_view FolderOf(std::string_view path);
+std::string LastOf(std::string_view path);
+
+} // namespace VexCore

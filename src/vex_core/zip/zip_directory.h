@@ -1,0 +1,25 @@
+#pragma once
+// The directory of an archive: one record an entry, each held against every rule that can be seen from it alone.
+
+#include "vex_core/zip/zip_end_record.h"
+#include "vex_core/zip/zip_reader.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace VexCore::Zip {
+
+struct Directory
+{
+    std::vector<ZipEntry> entries; ///< in the order of the records; `dataOffset` is not known from here
+    std::string sha256; ///< of all records' bytes, in lower-case hex
+};
+
+/// Throws Refused.
+Directory ReadDirectory(Window& window, const DirectoryPlace& place, const ZipLimits& limits);
+
+/// The indexes of the entries in the order of ComparePaths. Throws Refused where two of them cannot both be unpacked.
+std::vector<std::uint32_t> OrderByName(const std::vector<ZipEntry>& entries);
+
+} // namespace VexCore::Zip
