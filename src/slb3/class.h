@@ -7,6 +7,7 @@
 #include "slb3/wrapper.h"
 
 #include <cassert>
+#include <initializer_list>
 
 namespace SLB3 {
 namespace internal {
@@ -102,6 +103,21 @@ void PushReference(lua_State* L, T* object)
     internal::PushObjectRecord<T>(L, object);
     lua_insert(L, -2);
     lua_setmetatable(L, -2);
+}
+
+/// Makes an object that Lua refers to and never destroys the value of globals; null makes them nil.
+template <class T>
+void SetGlobalReference(lua_State* L, std::initializer_list<const char*> names, T* object)
+{
+    if (object)
+        PushReference(L, object);
+    else
+        lua_pushnil(L);
+    for (const char* const name : names) {
+        lua_pushvalue(L, -1);
+        lua_setglobal(L, name);
+    }
+    lua_pop(L, 1);
 }
 
 /// Pushes an object made from `arguments` inside the userdata. It is Lua's and dies with the userdata.

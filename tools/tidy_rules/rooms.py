@@ -51,7 +51,7 @@ IMPLEMENTED = {
     "zip": "unzip.h",
     "database": "sqlitedb.h",
     "events": "agentevent.h",
-    "lua": "luainterpreter.h wrap_dom.h",
+    "lua": "luainterpreter.h luastate.h wrap_dom.h",
     "lifecycle": "openssl.h processexit.h profiler.h",
 }
 # Includes against an arrow or through a closed door, and why.

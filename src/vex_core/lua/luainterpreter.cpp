@@ -3,11 +3,12 @@
 #include "slb3/error.h"
 #include "vex/core/processexit.h"
 #include "vex_core/base/narrow.h"
+#include "vex_core/lua/error_text.h"
 #include "vex_core/lua/lua_host.h"
-#include "vex_core/lua/luaoutput.h"
+#include "vex_core/lua/lua_output.h"
+#include "vex_core/lua/package_paths.h"
 
 #include <cstdlib>
-#include <initializer_list>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -61,37 +62,6 @@ const char* ReadChunk(lua_State* L, void* context, std::size_t* size)
         return 0;
     });
     return run.buffer;
-}
-
-/// The text that the error value gives itself.
-int ErrorValueText(lua_State* L)
-{
-    luaL_tolstring(L, 1, nullptr);
-    if (lua_type(L, -1) != LUA_TSTRING)
-        return luaL_error(L, "its __tostring gave a %s value", luaL_typename(L, -1));
-    return 1;
-}
-
-/// Pushes the text of the error value at `index`.
-void PushErrorText(lua_State* L, int index)
-{
-    const int type = lua_type(L, index);
-    luaL_checkstack(L, 8, "error message");
-    if (type == LUA_TSTRING || type == LUA_TNUMBER) {
-        lua_pushvalue(L, index);
-    } else if (luaL_getmetafield(L, index, "__tostring")) {
-        lua_pop(L, 1);
-        lua_pushcfunction(L, ErrorValueText);
-        lua_pushvalue(L, index);
-        if (lua_pcall(L, 1, 1, 0) != LUA_OK) {
-            const char* why = lua_tostring(L, -1);
-            lua_pushfstring(L, "(error object is a %s value that gives no text: %s)", luaL_typename(L, index),
-                            why ? why : "no reason");
-            lua_remove(L, -2);
-        }
-    } else {
-        lua_pushfstring(L, "(error object is a %s value)", luaL_typename(L, index));
-    }
 }
 
 /// Message handler: the value's text with a traceback, unless it carries one from where it was first caught.
@@ -156,51 +126,6 @@ int StatusOf(int callStatus, int loadStatus)
     }
 }
 
-/// The templates of a list that do not look into the current directory.
-std::string WithoutCurrentDirectory(const std::string& templates)
-{
-    std::string kept;
-    for (std::size_t begin = 0; begin <= templates.size();) {
-        std::size_t end = templates.find(';', begin);
-        if (end == std::string::npos)
-            end = templates.size();
-        if (end > begin && templates.compare(begin, 2, "./") != 0) {
-            kept += kept.empty() ? "" : ";";
-            kept.append(templates, begin, end - begin);
-        }
-        begin = end + 1;
-    }
-    return kept;
-}
-
-std::string JoinTemplates(std::initializer_list<std::string> parts)
-{
-    std::string all;
-    for (const std::string& part : parts) {
-        if (!part.empty())
-            all += (all.empty() ? "" : ";") + part;
-    }
-    return all;
-}
-
-std::string PackageField(lua_State* L, const char* field)
-{
-    lua_getglobal(L, "package");
-    lua_getfield(L, -1, field);
-    const char* value = lua_tostring(L, -1);
-    std::string text = value ? value : "";
-    lua_pop(L, 2);
-    return text;
-}
-
-void SetPackageField(lua_State* L, const char* field, const std::string& value)
-{
-    lua_getglobal(L, "package");
-    lua_pushlstring(L, value.data(), value.size());
-    lua_setfield(L, -2, field);
-    lua_pop(L, 1);
-}
-
 /// os.exit([code [, close]]), as in Lua itself, but safe on any thread.
 int OsExit(lua_State* L)
 {
@@ -238,8 +163,7 @@ struct CLuaInterpreter::Impl
     wxString errorInfo;
     LuaOutput output;
     Run* run = nullptr; // innermost; points into RunScript's frame
-    std::string defaultPath; // package.path and package.cpath as Lua made them
-    std::string defaultCpath;
+    PackagePaths packagePaths;
 
     static int Prepare(lua_State* L)
     {
@@ -252,8 +176,7 @@ struct CLuaInterpreter::Impl
         ReplaceExit(L);
         RegisterHostModules(L);
         self.output.Install(L);
-        self.defaultPath = WithoutCurrentDirectory(PackageField(L, "path"));
-        self.defaultCpath = WithoutCurrentDirectory(PackageField(L, "cpath"));
+        self.packagePaths.ReadDefaults(L);
         return 0;
     }
 
@@ -307,14 +230,7 @@ lua_State* CLuaInterpreter::L() const
 
 void CLuaInterpreter::SetPackagePaths(const char* bin, const char* path, const char* cpath)
 {
-    const std::string folder = OrEmpty(bin);
-    std::string modules, natives;
-    if (!folder.empty()) {
-        modules = folder + "/?.lua;" + folder + "/?/init.lua";
-        natives = folder + "/lib/?.so";
-    }
-    SetPackageField(L(), "path", JoinTemplates({OrEmpty(path), modules, m_impl->defaultPath}));
-    SetPackageField(L(), "cpath", JoinTemplates({OrEmpty(cpath), natives, m_impl->defaultCpath}));
+    m_impl->packagePaths.Set(L(), OrEmpty(bin), OrEmpty(path), OrEmpty(cpath));
 }
 
 int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultCount, const wxString& name,

@@ -1,9 +1,9 @@
 #include "vex_core/lua/worker.h"
 
-#include "slb3/class.h"
+#include "slb3/error.h"
 #include "vex/core/dom.h"
 #include "vex/core/luainterpreter.h"
-#include "vex/core/wrap_dom.h"
+#include "vex/core/luastate.h"
 #include "vex_core/base/narrow.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/domain/dom_values.h"
@@ -73,20 +73,12 @@ bool Worker::Protected(CLuaInterpreter& lua, int (*function)(lua_State*), int re
     return false;
 }
 
-/// The state as the application's: paths, the domain under both names, the loader of archives.
 int Worker::PrepareState(lua_State* L)
 {
     return SLB3::internal::Guard(L, [L] {
         const Worker& self = *static_cast<Worker*>(lua_touserdata(L, 1));
-        CDom& dom = *self.GetDom();
         luaL_checkversion(L);
-        self.m_lua->SetPackagePaths(dom.Get("app.path.bin").c_str(), dom.Get("app.lua.path").c_str(),
-                                    dom.Get("app.lua.cpath").c_str());
-        SLB3::PushReference(L, &dom);
-        lua_pushvalue(L, -1);
-        lua_setglobal(L, "dom0");
-        lua_setglobal(L, "dom");
-        dom.RegisterLoader(L);
+        PrepareLuaState(*self.m_lua, self.GetDom());
         return 0;
     });
 }

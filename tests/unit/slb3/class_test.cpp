@@ -100,6 +100,24 @@ int SweepAllocations(lua_CFunction body)
     return -1;
 }
 
+TEST(GlobalReference, OneObjectHasAllTheNamesAndNullMakesThemNil)
+{
+    lua_State* const L = luaL_newstate();
+    luaL_openlibs(L);
+    Account account;
+    const char* const ask = "return type(one) .. ' ' .. tostring(rawequal(one, two))";
+    SLB3::SetGlobalReference(L, {"one", "two"}, &account);
+    EXPECT_EQ(lua_gettop(L), 0);
+    EXPECT_EQ(luaL_dostring(L, ask), 0);
+    EXPECT_STREQ(lua_tostring(L, -1), "userdata true");
+    lua_settop(L, 0);
+    SLB3::SetGlobalReference<Account>(L, {"one", "two"}, nullptr);
+    EXPECT_EQ(lua_gettop(L), 0);
+    EXPECT_EQ(luaL_dostring(L, ask), 0);
+    EXPECT_STREQ(lua_tostring(L, -1), "nil true");
+    lua_close(L);
+}
+
 TEST(ClassMemory, EveryFailingAllocationOfADefinitionIsAMemoryErrorAndNothingElse)
 {
     const int failures = SweepAllocations([](lua_State* L) {

@@ -5,38 +5,19 @@
 #include "vex/apps/vex/standardoutput.h"
 #include "vex/apps/vex/vex_p.h"
 
-#include "vex/core/dom.h"
 #include "vex/core/luainterpreter.h"
-#include "vex/core/wrap_dom.h"
+#include "vex/core/luastate.h"
 
 #include <cstdint>
 #include <exception>
 #include <string>
 
 #include <lua.hpp>
-#include <slb3/slb3.h>
 
 #include <wx/log.h>
 #include <wx/sstream.h>
 
 namespace {
-// Leaves the domain as a Lua object on the stack, or nil.
-void PushDomain(lua_State* L, VexCore::CDom* dom)
-{
-    if (!dom) {
-        lua_pushnil(L);
-        return;
-    }
-    // Lua refers to the domain and never owns it: it outlives the state.
-    SLB3::PushReference(L, dom);
-}
-
-// Not guarded on purpose: start-up has always made the domain by now. A sanitizer's check of the object would be a guard.
-__attribute__((no_sanitize("undefined"))) void RegisterLoader(VexCore::CDom* dom, lua_State* L)
-{
-    dom->RegisterLoader(L);
-}
-
 // The script's arguments: what follows the first "--" at 1, 2 and on, the application's name at 0, and the launcher's own
 // arguments below. Without a "--" the name comes after all of them.
 void SetArguments(lua_State* L, const wxCmdLineArgsArray& argv, int argc, const wxString& application)
@@ -87,17 +68,7 @@ int CAgentApp::SetupLua()
 {
     lua_State* const state = L();
     luaL_checkversion_(state, 502);
-
-    const std::string cpath = m_dom ? m_dom->Get("app.lua.cpath") : std::string();
-    const std::string path = m_dom ? m_dom->Get("app.lua.path") : std::string();
-    const std::string bin = m_dom ? m_dom->Get("app.path.bin") : std::string();
-    m_lua->SetPackagePaths(bin.c_str(), path.c_str(), cpath.c_str());
-
-    PushDomain(state, m_dom);
-    lua_pushvalue(state, -1);
-    lua_setglobal(state, "dom0");
-    lua_setglobal(state, "dom");
-    RegisterLoader(m_dom, state);
+    VexCore::PrepareLuaState(*m_lua, m_dom);
     SetArguments(state, argv, argc, GetAppName());
     return 0;
 }

@@ -1,4 +1,4 @@
-#include "vex_core/lua/luaoutput.h"
+#include "vex_core/lua/lua_output.h"
 
 #include "slb3/error.h"
 
