@@ -31,8 +31,8 @@ public:
     /// Never destroyed: a thread may still unpack while the process exits.
     static LiveRuns& Process()
     {
-        static LiveRuns* const instance = new LiveRuns;
-        return *instance;
+        static LiveRuns* const s_instance = new LiveRuns;
+        return *s_instance;
     }
 
     void Add(const std::string& id)

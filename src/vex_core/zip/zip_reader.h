@@ -1,6 +1,6 @@
 #pragma once
-// One strict reader of ZIP archives, for `Unzip` and for the module loader. Format and limits: docs/FORMATS.md. This and
-// zip_names.h are what other rooms include.
+// One strict reader of ZIP archives, for `Unzip` and for the module loader; the one header of this room that others include.
+// Format and limits: docs/FORMATS.md.
 
 #include <cstdint>
 #include <functional>
