@@ -10,7 +10,7 @@
 
 #include "vex/core/dom.h"
 #include "vex_core/modules/archive_index.h"
-#include "vex_core/modules/chunk_cache.h"
+#include "vex_core/modules/chunk_caches.h"
 
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
@@ -107,7 +107,7 @@ double RequireAll(const std::string& path, CDom* dom)
     lua_close(state);
     const double spent = Now() - begin;
     ArchiveIndex::Process().ForgetUnused(); // the next one opens and indexes again
-    ChunkCache::ForgetUnused();
+    ChunkCaches::Process().ForgetUnused();
     return spent;
 }
 

@@ -1,5 +1,5 @@
 // The reader of compiled-chunk files: whatever a file holds, records lie inside it and only whole ones are given out.
-#include "vex_core/modules/chunk_cache.h"
+#include "vex_core/modules/chunk_cache_format.h"
 
 #include <cstdlib>
 

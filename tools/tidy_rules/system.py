@@ -67,7 +67,7 @@ ERRNO_ALLOWED = {
     "src/vex_core/log/disk_log.cpp": "reads the error where the call was made",
     "src/vex_core/lua/lua_host.cpp": "reads the error where the call was made",
     "src/vex_core/modules/archive_index.cpp": "reads the error where the call was made",
-    "src/vex_core/modules/chunk_cache.cpp": "reads the error where the call was made",
+    "src/vex_core/modules/chunk_cache_folder.cpp": "reads the error where the call was made",
     "src/vex_core/process/execute_posix.cpp": "reads the error where the call was made",
     "src/vex_core/process/files.cpp": "reads the error where the call was made",
     "src/vex_core/process/pidfile.cpp": "reads the error where the call was made",

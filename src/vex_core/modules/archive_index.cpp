@@ -1,6 +1,7 @@
 #include "vex_core/modules/archive_index.h"
 
 #include "vex_core/base/narrow.h"
+#include "vex_core/modules/name_hash.h"
 #include "vex_core/os/folder_calls.h"
 #include "vex_core/os/status_calls.h"
 
@@ -20,10 +21,11 @@ namespace {
 class OpenArchives
 {
 public:
+    /// Never destroyed, as the archives in it: interpreters may be closed by static destructors.
     static OpenArchives& Process()
     {
-        static OpenArchives* const instance = new OpenArchives;
-        return *instance;
+        static OpenArchives* const s_instance = new OpenArchives;
+        return *s_instance;
     }
 
     void Add(const std::shared_ptr<ModuleArchive>& archive)
@@ -68,22 +70,7 @@ bool IsLuaFile(const ZipEntry& entry)
     return !entry.isFolder && length >= 4 && entry.name.compare(length - 4, 4, ".lua") == 0;
 }
 
-wxString ToWx(const std::string& bytes)
-{
-    return FromForeignBytes(bytes);
-}
-
 } // namespace
-
-std::uint64_t HashName(std::string_view name)
-{
-    std::uint64_t hash = 14695981039346656037u;
-    for (const char character : name) {
-        hash ^= static_cast<unsigned char>(character);
-        hash *= 1099511628211u;
-    }
-    return hash;
-}
 
 std::shared_ptr<ModuleArchive> ModuleArchive::Open(const std::string& path, const ZipLimits& limits, std::string& error)
 {
@@ -189,7 +176,8 @@ void ArchiveSlot::OpenAnew(const ZipLimits& limits)
     m_warned = true;
     m_warnedIdentity = m_identity;
     m_warnedFailure = m_failure;
-    wxLogWarning("Lua archive '%s' is passed over until it changes: %s", ToWx(m_path), ToWx(m_failure));
+    wxLogWarning("Lua archive '%s' is passed over until it changes: %s", FromForeignBytes(m_path),
+                 FromForeignBytes(m_failure));
 }
 
 std::string ArchiveSlot::LastFailure()
@@ -200,8 +188,8 @@ std::string ArchiveSlot::LastFailure()
 
 ArchiveIndex& ArchiveIndex::Process()
 {
-    static ArchiveIndex* const instance = new ArchiveIndex;
-    return *instance;
+    static ArchiveIndex* const s_instance = new ArchiveIndex;
+    return *s_instance;
 }
 
 std::shared_ptr<ArchiveSlot> ArchiveIndex::Slot(const std::string& path)

@@ -8,14 +8,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <vector>
 
 namespace VexCore {
-
-/// Spreads names over 64 bits. The same in every process and build, because cache files hold it (FNV-1a).
-std::uint64_t HashName(std::string_view name);
 
 /// One archive as it was when it was opened. Any thread.
 ///

@@ -3,7 +3,8 @@
 #include "slb3/error.h"
 #include "vex/core/dom.h"
 #include "vex_core/modules/archive_index.h"
-#include "vex_core/modules/chunk_cache.h"
+#include "vex_core/modules/chunk_caches.h"
+#include "vex_core/modules/name_hash.h"
 #include "vex_core/os/status_calls.h"
 
 #include <algorithm>
@@ -155,12 +156,12 @@ void ModuleLoader::ReadSearchPath()
     m_searchPath = std::move(text);
     archives.clear();
     ArchiveIndex::Process().ForgetUnused();
-    ChunkCache::ForgetUnused();
+    ChunkCaches::Process().ForgetUnused();
 }
 
 void ModuleLoader::Find(const std::string& module, Found& found)
 {
-    ChunkCache::FlushOld();
+    ChunkCaches::Process().FlushOld();
     ReadSearchPath();
     ReadSettings();
     if (m_dumpBuffer.capacity() > maxKeptBytes)
@@ -216,7 +217,7 @@ std::shared_ptr<ChunkCache> ModuleLoader::CacheOf(SearchedArchive& searched,
         const std::string sha256 = archive->DirectorySha256();
         if (sha256.empty())
             return nullptr;
-        searched.cache = ChunkCache::Get(work + "/cache", ChunkCache::Key(sha256, m_luaHeader));
+        searched.cache = ChunkCaches::Process().Get(work + "/cache", ChunkCache::Key(sha256, m_luaHeader));
         searched.cachedArchive = archive;
         searched.cacheFolder = work;
     }
@@ -423,7 +424,7 @@ int CloseLoader(lua_State* L)
     delete *box;
     *box = nullptr;
     try {
-        ChunkCache::FlushAll();
+        ChunkCaches::Process().Flush();
     } catch (const std::exception&) { // out of memory: the chunks are compiled again
     }
     return 0;

@@ -1,4 +1,5 @@
 #include "vex_core/modules/archive_index.h"
+#include "vex_core/modules/name_hash.h"
 
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"

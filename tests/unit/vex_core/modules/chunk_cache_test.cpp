@@ -1,7 +1,6 @@
-#include "vex_core/modules/chunk_cache.h"
+#include "vex_core/modules/chunk_caches.h"
 
 #include "support/temp_folder.h"
-#include "vex_core/modules/archive_index.h"
 #include "vex_core/os/folder_calls.h"
 
 #include <gmock/gmock.h>
@@ -9,7 +8,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <thread>
 
 #include <fcntl.h>
@@ -18,25 +16,9 @@
 #include <unistd.h>
 
 using namespace VexCore;
-using namespace VexCore::ChunkCacheFormat;
 
 namespace {
 const std::string key(64, 'a');
-
-std::vector<Item> Items()
-{
-    return {{"/x.vxe/a.lua", 6, "chunk a"}, {"/x.vxe/b.lua", 6, std::string_view("\0b", 2)}, {"/y.vxe/a.lua", 6, ""}};
-}
-
-/// Reads a whole file the way the cache does.
-bool ReadAll(const std::string& file, std::string_view wantedKey, std::vector<ChunkRecord>& records)
-{
-    Header header;
-    if (file.size() < headerBytes
-        || !ParseHeader(std::string_view(file).substr(0, headerBytes), wantedKey, file.size(), header))
-        return false;
-    return ParseIndex(std::string_view(file).substr(headerBytes, header.count * recordBytes), header, records);
-}
 
 std::vector<std::string> Names(const std::string& folder)
 {
@@ -66,12 +48,12 @@ protected:
     ~CachedChunk() override
     {
         os::SetCallObserver(nullptr);
-        ChunkCache::ForgetUnused();
+        ChunkCaches::Process().ForgetUnused();
     }
     std::shared_ptr<ChunkCache> Fresh()
     {
-        ChunkCache::ForgetUnused();
-        return ChunkCache::Get(cacheFolder, key);
+        ChunkCaches::Process().ForgetUnused();
+        return ChunkCaches::Process().Get(cacheFolder, key);
     }
     ::Test::TempFolder folder;
     const std::string cacheFolder = folder / "cache";
@@ -80,103 +62,6 @@ protected:
 };
 
 } // namespace
-
-TEST(ChunkFile, FileThatIsNotAsLongAsItSaysIsNone)
-{
-    const std::string file = Build(key, Items());
-    const std::string_view head = std::string_view(file).substr(0, headerBytes);
-    Header header;
-    EXPECT_TRUE(ParseHeader(head, key, file.size(), header));
-    EXPECT_FALSE(ParseHeader(head, key, file.size() - 1, header));
-    EXPECT_FALSE(ParseHeader(head, key, file.size() + 1, header));
-}
-
-TEST(ChunkFile, WhatIsBuiltIsRead)
-{
-    const std::string file = Build(key, Items());
-    std::vector<ChunkRecord> records;
-    ASSERT_TRUE(ReadAll(file, key, records));
-    ASSERT_EQ(records.size(), 3u);
-    for (const Item& item : Items()) {
-        bool found = false;
-        for (const ChunkRecord& record : records) {
-            std::string_view view;
-            const auto bytes = std::string_view(file).substr(record.offset, record.nameLength + record.chunkLength);
-            if (record.nameHash == HashName(item.name) && ParseRecord(bytes, record, item.name, view)) {
-                found = true;
-                EXPECT_EQ(view, item.chunk);
-                EXPECT_EQ(record.archiveLength, 6u);
-            }
-        }
-        EXPECT_TRUE(found) << item.name;
-    }
-}
-
-TEST(ChunkFile, AFileOfAnotherKeyIsRefused)
-{
-    std::vector<ChunkRecord> records;
-    EXPECT_FALSE(ReadAll(Build(key, Items()), std::string(64, 'b'), records));
-}
-
-TEST(ChunkFile, EveryFlippedBitIsNoticed)
-{
-    const std::string good = Build(key, Items());
-    for (std::size_t i = 0; i < good.size() * 8; ++i) {
-        std::string bad = good;
-        bad[i / 8] = char(bad[i / 8] ^ (1 << (i % 8)));
-        std::vector<ChunkRecord> records;
-        if (!ReadAll(bad, key, records))
-            continue;
-        int whole = 0;
-        for (const ChunkRecord& record : records) {
-            const auto bytes = std::string_view(bad).substr(record.offset, record.nameLength + record.chunkLength);
-            for (const Item& item : Items()) {
-                std::string_view view;
-                if (ParseRecord(bytes, record, item.name, view)) {
-                    ++whole;
-                    EXPECT_EQ(view, item.chunk);
-                }
-            }
-        }
-        EXPECT_EQ(whole, 2) << "bit " << i;
-    }
-}
-
-TEST(ChunkFile, ARecordThatPointsOutOfTheFileIsRefused)
-{
-    Header header;
-    header.count = 1;
-    header.fileBytes = headerBytes + recordBytes + 10;
-    const auto parses = [&header](std::uint64_t offset, std::uint32_t nameLength, std::uint32_t chunkLength) {
-        std::string index(recordBytes, '\0');
-        std::memcpy(&index[8], &offset, 8);
-        std::memcpy(&index[16], &nameLength, 4);
-        std::memcpy(&index[24], &chunkLength, 4);
-        // The checksum of the index as the header promises it: taken from a file that was built with it.
-        const std::string built = Build(key, {{"", 0, ""}});
-        std::vector<ChunkRecord> records;
-        header.indexChecksum = 0;
-        for (std::uint32_t table[256] = {}, i = 0; i < 1; ++i) {
-            for (std::uint32_t n = 0; n < 256; ++n) {
-                table[n] = n;
-                for (int bit = 0; bit < 8; ++bit)
-                    table[n] = table[n] & 1 ? 0xedb88320u ^ (table[n] >> 1) : table[n] >> 1;
-            }
-            std::uint32_t crc = 0xffffffffu;
-            for (const char character : index)
-                crc = table[(crc ^ static_cast<unsigned char>(character)) & 0xff] ^ (crc >> 8);
-            header.indexChecksum = crc ^ 0xffffffffu;
-        }
-        return ParseIndex(index, header, records);
-    };
-    const std::uint64_t data = headerBytes + recordBytes;
-    EXPECT_TRUE(parses(data, 4, 6));
-    EXPECT_FALSE(parses(data, 4, 7));
-    EXPECT_FALSE(parses(data - 1, 4, 6));
-    EXPECT_FALSE(parses(data + 11, 0, 0));
-    EXPECT_FALSE(parses(~std::uint64_t(0), 4, 6));
-    EXPECT_FALSE(parses(data, 0xffffffffu, 0xffffffffu));
-}
 
 TEST(ChunkFileKey, DependsOnArchiveAndLua)
 {
@@ -190,7 +75,7 @@ TEST_F(CachedChunk, AChunkThatWaitsIsFoundAlready)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, "code");
     EXPECT_FALSE(std::filesystem::exists(cacheFolder));
-    EXPECT_TRUE(ChunkCache::Get(cacheFolder, key)->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_TRUE(ChunkCaches::Process().Get(cacheFolder, key)->Find("/x.vxe/a.lua", buffer, chunk));
     EXPECT_EQ(chunk, "code");
 }
 
@@ -215,10 +100,10 @@ TEST_F(CachedChunk, ManyChunksAreWrittenWithoutAFlush)
 TEST_F(CachedChunk, WhatHasWaitedTwoSecondsIsWrittenAtTheNextLookup)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, "code");
-    ChunkCache::FlushOld();
+    ChunkCaches::Process().FlushOld();
     EXPECT_FALSE(std::filesystem::exists(cacheFolder));
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));
-    ChunkCache::FlushOld();
+    ChunkCaches::Process().FlushOld();
     EXPECT_EQ(Names(cacheFolder).size(), 1u);
 }
 
@@ -228,12 +113,12 @@ TEST_F(CachedChunk, WhatWaitsIsWrittenWhenTheProcessExits)
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        ChunkCache::Get(cacheFolder, std::string(64, 'c'))->Add("/x.vxe/a.lua", 6, "code");
+        ChunkCaches::Process().Get(cacheFolder, std::string(64, 'c'))->Add("/x.vxe/a.lua", 6, "code");
         std::exit(0);
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(ChunkCache::Get(cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_TRUE(ChunkCaches::Process().Get(cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", buffer, chunk));
 }
 
 TEST_F(CachedChunk, WritersKeepEachOthersChunks)
@@ -279,7 +164,7 @@ TEST_F(CachedChunk, ManyCachesKeepFewFilesOpen)
 {
     std::vector<std::shared_ptr<ChunkCache>> caches;
     for (int i = 0; i < 40; ++i) {
-        caches.push_back(ChunkCache::Get(cacheFolder, std::string(62, 'd') + std::to_string(10 + i)));
+        caches.push_back(ChunkCaches::Process().Get(cacheFolder, std::string(62, 'd') + std::to_string(10 + i)));
         caches.back()->Add("/x.vxe/a.lua", 6, "code");
         caches.back()->Flush();
     }
@@ -321,7 +206,7 @@ TEST_F(CachedChunk, FilesThatNobodyUsedForLongAndLeftoversAreSweptAndOthersStay)
     file("notours.txt", 100 * 24 * 3600);
     for (int i = 0; i < 1010; ++i)
         file("old" + std::to_string(i) + ".luac", 8 * 24 * 3600);
-    const auto cache = ChunkCache::Get(swept, key);
+    const auto cache = ChunkCaches::Process().Get(swept, key);
     cache->Add("/x.vxe/a.lua", 6, "code");
     cache->Flush();
     const auto names = Names(swept);
@@ -433,7 +318,7 @@ TEST_F(CachedChunk, ManyThreadsAndWritersDoNotHurtEachOther)
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([this, t] {
             const auto mine = std::make_shared<ChunkCache>(cacheFolder, key);
-            const auto shared = ChunkCache::Get(cacheFolder, key);
+            const auto shared = ChunkCaches::Process().Get(cacheFolder, key);
             for (int i = 0; i < 20; ++i) {
                 const std::string name = "/x.vxe/" + std::to_string(i) + ".lua";
                 for (const auto& cache : {mine, shared}) {

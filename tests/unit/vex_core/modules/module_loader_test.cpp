@@ -1,6 +1,6 @@
 #include "vex/core/dom.h"
 #include "vex_core/modules/archive_index.h"
-#include "vex_core/modules/chunk_cache.h"
+#include "vex_core/modules/chunk_caches.h"
 #include "vex_core/os/folder_calls.h"
 
 #include "support/odd_archives.h"
@@ -145,7 +145,7 @@ protected:
     {
         dom->Release();
         ArchiveIndex::Process().ForgetUnused();
-        ChunkCache::ForgetUnused();
+        ChunkCaches::Process().ForgetUnused();
     }
 
     /// Writes the archive the way an installation does, by renaming, and puts it last on the search path.
@@ -607,7 +607,7 @@ TEST_F(ModuleSearch, EveryFailingAllocationOfLuaIsALuaError)
     };
     int failures = 0;
     for (long n = 0; n < 1000; ++n) {
-        ChunkCache::ForgetUnused();
+        ChunkCaches::Process().ForgetUnused();
         std::filesystem::remove_all(CacheFolder());
         budget = 1000000;
         lua_State* const state = lua_newstate(allocate, nullptr);
@@ -743,7 +743,7 @@ TEST_F(ModuleSearch, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNextTime
     const ChunkCacheFormat::Item item{name, std::uint32_t(path.size()), chunk};
     ::Test::WriteFile(CacheFiles()[0], ChunkCacheFormat::Build(key, {item}));
     ASSERT_EQ(::chmod(CacheFiles()[0].c_str(), 0600), 0);
-    ChunkCache::ForgetUnused();
+    ChunkCaches::Process().ForgetUnused();
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "from the cache");
 }
 
@@ -801,7 +801,7 @@ TEST_F(ModuleSearch, TheSameArchiveAtTwoPathsHasOneCacheFileAndTwoChunkNames)
             dom->Set("app.lua.zippath", path);
             EXPECT_EQ(Lua(dom).Run("return require 'a'"), "@" + path + "/a.lua") << round;
         }
-        ChunkCache::ForgetUnused();
+        ChunkCaches::Process().ForgetUnused();
     }
     EXPECT_EQ(CacheFiles().size(), 1u);
 }
@@ -907,7 +907,7 @@ TEST_F(ModuleSearch, ACacheFolderThatIsALinkOrAFileIsNotUsed)
     EXPECT_TRUE(FilesBelow(folder / "elsewhere").empty());
     std::filesystem::remove(CacheFolder());
     ::Test::WriteFile(CacheFolder(), "a file");
-    ChunkCache::ForgetUnused();
+    ChunkCaches::Process().ForgetUnused();
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
 }
 
@@ -926,11 +926,11 @@ TEST_F(ModuleSearch, ACacheFolderOfAnotherUserIsNotUsed)
     ::Test::WriteFile(file, ChunkCacheFormat::Build(key, {item}));
 
     ASSERT_EQ(::chown(CacheFolder().c_str(), 12345, 12345), 0);
-    ChunkCache::ForgetUnused();
+    ChunkCaches::Process().ForgetUnused();
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "source");
     ASSERT_EQ(::chown(CacheFolder().c_str(), 0, 0), 0);
     ASSERT_EQ(::chown(file.c_str(), 12345, 12345), 0);
-    ChunkCache::ForgetUnused();
+    ChunkCaches::Process().ForgetUnused();
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "source");
 }
 
@@ -956,7 +956,7 @@ TEST_F(ModuleSearch, AnyDamageOfTheCacheFileCostsOnlyTime)
     damaged.push_back(std::string(good.size(), '\0'));
     for (const std::string& bad : damaged) {
         ::Test::WriteFile(file, bad);
-        ChunkCache::ForgetUnused();
+        ChunkCaches::Process().ForgetUnused();
         ASSERT_EQ(Lua(dom).Run(code), "right a3");
     }
     EXPECT_EQ(CacheFiles().size(), 1u);

@@ -1,0 +1,219 @@
+#include "vex_core/modules/chunk_cache_folder.h"
+
+#include "vex/core/log.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/status_calls.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <set>
+#include <vector>
+
+#include <fcntl.h>
+
+namespace VexCore {
+namespace {
+constexpr std::size_t maxFiles = 1000;
+constexpr std::uint64_t maxFolderBytes = static_cast<std::uint64_t>(256) << 20;
+constexpr std::int64_t maxIdleSeconds = 30 * 24 * 3600;
+/// A writer takes milliseconds; what is older was left by one that was killed.
+constexpr std::int64_t maxTemporarySeconds = 3600;
+constexpr std::int64_t touchAfterSeconds = 24 * 3600;
+
+constexpr char fileSuffix[] = ".luac";
+constexpr char temporaryPrefix[] = "tmp-";
+
+void Trace(int line, const std::string& folder, const std::string& text)
+{
+    if (LogTraceIsEnabled("Srvc"))
+        LogTrace("Srvc", "vex_core/chunk_cache", line, "ChunkCache",
+                 FromForeignBytes(folder) + ": " + FromForeignBytes(text));
+}
+
+std::int64_t NowSeconds()
+{
+    return static_cast<std::int64_t>(std::time(nullptr));
+}
+
+bool IsOursAlone(const struct stat& status)
+{
+    return status.st_uid == os::EffectiveUser() && (status.st_mode & 077) == 0;
+}
+
+enum class FolderState { Usable, Missing, Refused };
+
+/// `descriptor` gets the folder when it is usable.
+FolderState OpenFolder(const std::string& path, os::Descriptor& descriptor)
+{
+    os::Descriptor folder(os::OpenFolderAt(AT_FDCWD, path.c_str()));
+    if (!folder) {
+        if (errno == ENOENT)
+            return FolderState::Missing;
+        Trace(__LINE__, path, "not used: " + os::ErrorText(errno));
+        return FolderState::Refused;
+    }
+    struct stat status;
+    if (os::FStat(folder.Get(), status) != 0 || !IsOursAlone(status)) {
+        Trace(__LINE__, path, "not used: it is not ours alone");
+        return FolderState::Refused;
+    }
+    descriptor = std::move(folder);
+    return FolderState::Usable;
+}
+
+/// A name that no other writer on the folder has.
+std::string TemporaryName()
+{
+    using namespace std::chrono;
+    static std::atomic<unsigned> s_count{0};
+    const auto now = duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+    return temporaryPrefix + std::to_string(os::ProcessId()) + "-" + std::to_string(now) + "-"
+           + std::to_string(s_count++);
+}
+
+// --- The sweep
+
+struct FoundFile
+{
+    std::string name;
+    std::int64_t seconds = 0; // of its last use
+    std::uint64_t bytes = 0;
+    bool temporary = false;
+};
+
+bool StartsWith(const std::string& text, const char* start)
+{
+    return text.compare(0, std::strlen(start), start) == 0;
+}
+
+bool EndsWith(const std::string& text, const std::string& end)
+{
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+/// Our files in the folder; others are left alone.
+std::vector<FoundFile> FilesIn(int folder)
+{
+    std::vector<std::string> names;
+    os::ListFolder(
+        folder,
+        [](void* context, const char* name) {
+            auto& list = *static_cast<std::vector<std::string>*>(context);
+            list.emplace_back(name);
+            return list.size() < 10 * maxFiles;
+        },
+        &names);
+    std::vector<FoundFile> files;
+    for (const std::string& name : names) {
+        const bool temporary = StartsWith(name, temporaryPrefix);
+        struct stat status;
+        if ((!temporary && !EndsWith(name, fileSuffix)) || os::LStatAt(folder, name.c_str(), status) != 0
+            || !S_ISREG(status.st_mode))
+            continue;
+        files.push_back(
+            {name, static_cast<std::int64_t>(status.st_mtime), static_cast<std::uint64_t>(status.st_size), temporary});
+    }
+    return files;
+}
+
+void Sweep(int folder)
+{
+    std::vector<FoundFile> files = FilesIn(folder);
+    std::sort(files.begin(), files.end(), [](const FoundFile& a, const FoundFile& b) { return a.seconds > b.seconds; });
+    const std::int64_t now = NowSeconds();
+    std::size_t count = 0;
+    std::uint64_t bytes = 0;
+    for (const FoundFile& file : files) {
+        const std::int64_t age = now - file.seconds;
+        const bool stale = age > (file.temporary ? maxTemporarySeconds : maxIdleSeconds);
+        if (stale || (!file.temporary && (count >= maxFiles || bytes + file.bytes > maxFolderBytes))) {
+            (void)os::UnlinkAt(folder, file.name.c_str());
+            continue;
+        }
+        ++count;
+        bytes += file.bytes;
+    }
+}
+
+/// The folders that this process has swept.
+class SweptFolders
+{
+public:
+    /// Never destroyed: files are written by the exit handler too.
+    static SweptFolders& Process()
+    {
+        static SweptFolders* const s_instance = new SweptFolders;
+        return *s_instance;
+    }
+
+    /// False: it was there already.
+    bool Add(const std::string& path)
+    {
+        const std::lock_guard lock(m_lock);
+        return m_paths.insert(path).second;
+    }
+
+private:
+    std::mutex m_lock;
+    std::set<std::string> m_paths; // guarded by m_lock
+};
+
+} // namespace
+
+std::optional<ChunkFile> ChunkCacheFolder::Open(const std::string& key, bool& usable) const
+{
+    os::Descriptor folder;
+    const FolderState state = OpenFolder(m_path, folder);
+    usable = state != FolderState::Refused;
+    if (state != FolderState::Usable)
+        return std::nullopt;
+    ChunkFile file;
+    file.descriptor = os::Descriptor(
+        os::OpenAt(folder.Get(), (key + fileSuffix).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    struct stat status;
+    if (!file.descriptor || os::FStat(file.descriptor.Get(), status) != 0 || !S_ISREG(status.st_mode)
+        || !IsOursAlone(status) || static_cast<std::uint64_t>(status.st_size) > maxChunkFileBytes)
+        return std::nullopt;
+    file.bytes = static_cast<std::uint64_t>(status.st_size);
+    file.lastUsed = static_cast<std::int64_t>(status.st_mtime);
+    return file;
+}
+
+void ChunkCacheFolder::NoteUse(const ChunkFile& file)
+{
+    if (NowSeconds() - file.lastUsed > touchAfterSeconds)
+        (void)os::TouchFile(file.descriptor.Get());
+}
+
+bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes) const
+{
+    os::Descriptor folder;
+    if (OpenFolder(m_path, folder) == FolderState::Missing && os::MkdirAt(AT_FDCWD, m_path.c_str(), 0700) == 0)
+        OpenFolder(m_path, folder);
+    if (!folder)
+        return false;
+    const std::string temporary = TemporaryName();
+    os::Descriptor file(os::OpenAt(folder.Get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
+    if (!file) {
+        Trace(__LINE__, m_path, "not written: " + os::ErrorText(errno));
+        return false;
+    }
+    // Not flushed to storage: after a power loss the checksums tell what is whole.
+    if (os::WriteFull(file.Get(), bytes.data(), bytes.size()) != 0
+        || os::RenameAt(folder.Get(), temporary.c_str(), folder.Get(), (key + fileSuffix).c_str()) != 0) {
+        Trace(__LINE__, m_path, "not written: " + os::ErrorText(errno));
+        (void)os::UnlinkAt(folder.Get(), temporary.c_str());
+        return false;
+    }
+    if (SweptFolders::Process().Add(m_path))
+        Sweep(folder.Get());
+    return true;
+}
+
+} // namespace VexCore

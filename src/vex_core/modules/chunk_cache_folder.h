@@ -1,0 +1,44 @@
+#pragma once
+// The folder that the files of compiled chunks lie in: which of them are trusted, how one is replaced, and what becomes of those
+// that nobody uses any more. What the files hold: chunk_cache_format.h.
+
+#include "vex_core/os/file_calls.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace VexCore {
+
+/// No file is larger.
+constexpr std::uint64_t maxChunkFileBytes = static_cast<std::uint64_t>(64) << 20;
+
+/// A file of compiled chunks, open for reading.
+struct ChunkFile
+{
+    os::Descriptor descriptor;
+    std::uint64_t bytes = 0;
+    std::int64_t lastUsed = 0; ///< seconds since the epoch
+};
+
+/// One folder. Only used when it is no symbolic link, ours, and nobody else may enter it, and likewise for the files: code that
+/// is loaded from there runs with our rights. What is not used, and what fails, is traced and no error. Any thread.
+class ChunkCacheFolder
+{
+public:
+    explicit ChunkCacheFolder(std::string path) : m_path(std::move(path)) {}
+
+    /// The file of a cache. Nothing when it is missing, is too large or may not be used. `usable` false: the folder itself may
+    /// not be used, so that a new file would be made in vain; a folder that is missing will be made.
+    std::optional<ChunkFile> Open(const std::string& key, bool& usable) const;
+    /// Renews the file's time, which tells when it was last of use, to the day.
+    static void NoteUse(const ChunkFile& file);
+    /// Makes or replaces the file of a cache as a whole, and the folder where it is missing. The first time in a process, sweeps
+    /// the folder: removes what was of no use to anyone for a month, what killed writers left, and the oldest beyond the bounds.
+    bool Replace(const std::string& key, const std::string& bytes) const;
+
+private:
+    const std::string m_path;
+};
+
+} // namespace VexCore

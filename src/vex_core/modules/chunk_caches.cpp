@@ -1,0 +1,109 @@
+#include "vex_core/modules/chunk_caches.h"
+
+#include "vex_core/base/end_steps.h"
+#include "vex_core/os/status_calls.h"
+
+#include <chrono>
+#include <exception>
+
+namespace VexCore {
+namespace {
+constexpr std::int64_t writeAfterMs = 2000;
+constexpr std::size_t maxOpenFiles = 16;
+
+std::int64_t SteadyMs()
+{
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+const EndStepOwner writeChunkCaches(EndStep::WriteChunkCaches, &ChunkCaches::FlushAtExit);
+
+} // namespace
+
+ChunkCaches& ChunkCaches::Process()
+{
+    static ChunkCaches* const s_instance = new ChunkCaches;
+    return *s_instance;
+}
+
+std::shared_ptr<ChunkCache> ChunkCaches::Get(const std::string& folder, const std::string& key)
+{
+    const std::lock_guard lock(m_lock);
+    std::shared_ptr<ChunkCache>& cache = m_caches[folder + "/" + key];
+    if (!cache)
+        cache = std::make_shared<ChunkCache>(folder, key);
+    return cache;
+}
+
+std::vector<std::shared_ptr<ChunkCache>> ChunkCaches::All()
+{
+    const std::lock_guard lock(m_lock);
+    std::vector<std::shared_ptr<ChunkCache>> all;
+    for (const auto& item : m_caches)
+        all.push_back(item.second);
+    return all;
+}
+
+void ChunkCaches::Flush()
+{
+    if (m_waitingSinceMs.exchange(0) == 0)
+        return;
+    for (const auto& cache : All())
+        cache->Flush();
+}
+
+void ChunkCaches::FlushOld()
+{
+    const std::int64_t since = m_waitingSinceMs.load(std::memory_order_relaxed);
+    if (since != 0 && SteadyMs() - since > writeAfterMs)
+        Flush();
+}
+
+void ChunkCaches::ForgetUnused()
+{
+    const std::lock_guard lock(m_lock);
+    for (auto item = m_caches.begin(); item != m_caches.end();) {
+        if (item->second.use_count() == 1)
+            item = m_caches.erase(item);
+        else
+            ++item;
+    }
+}
+
+void ChunkCaches::NoteWaiting()
+{
+    std::int64_t nothing = 0;
+    m_waitingSinceMs.compare_exchange_strong(nothing, SteadyMs());
+    m_waitingIn = os::ProcessId();
+}
+
+void ChunkCaches::FlushAtExit()
+{
+    ChunkCaches& caches = Process();
+    if (os::ProcessId() != caches.m_waitingIn)
+        return;
+    try {
+        caches.Flush();
+    } catch (const std::exception&) { // out of memory while ending: only time is lost
+    }
+}
+
+void ChunkCaches::NoteOpened(const std::shared_ptr<ChunkCache>& cache)
+{
+    if (!cache)
+        return;
+    std::shared_ptr<ChunkCache> old;
+    {
+        const std::lock_guard lock(m_lock);
+        m_open.push_back(cache);
+        if (m_open.size() > maxOpenFiles) {
+            old = m_open.front().lock();
+            m_open.pop_front();
+        }
+    }
+    if (old && old != cache)
+        old->CloseFile();
+}
+
+} // namespace VexCore
