@@ -52,7 +52,7 @@ def check_settings(tree):
 DEFAULTS = {
     "app.log.size": ("src/vex_core/log/disk_log.h", r"maxBytes = ([^;]+);"),
     "app.log.count": ("src/vex_core/log/disk_log.h", r"int keep = (\d+);"),
-    "app.lua.cache": ("src/vex_core/modules/module_loader.cpp", r"m_cacheWanted = (\w+);"),
+    "app.lua.cache": ("src/vex_core/modules/loader_settings.h", r"m_cacheWanted = (\w+);"),
     "app.unzip.maxbytes": ("src/vex_core/zip/zip_reader.h", r"maxBytes = ([^;]+);"),
     "app.unzip.maxentries": ("src/vex_core/zip/zip_reader.h", r"maxEntries = ([^;]+);"),
     "sqlite.config.busy_timeout": ("src/vex_core/database/sqlite_db.h", r"busyTimeoutMs = (\d+);"),

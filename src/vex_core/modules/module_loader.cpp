@@ -1,308 +1,71 @@
-// How `require` finds code: the searchers of a Lua state. They run on the state's own thread.
-
+// How `require` finds code: the searchers of a Lua state, which stand between the lookup in archives and Lua. They run on the
+// state's own thread.
 #include "slb3/error.h"
 #include "vex/core/dom.h"
-#include "vex_core/modules/archive_index.h"
 #include "vex_core/modules/chunk_caches.h"
-#include "vex_core/modules/name_hash.h"
+#include "vex_core/modules/module_lookup.h"
+#include "vex_core/modules/path_list.h"
 #include "vex_core/os/status_calls.h"
 
 #include <algorithm>
-#include <ctime>
 #include <exception>
 
 #include <lua.hpp>
 
 namespace VexCore {
 namespace {
+using SLB3::internal::Guarded;
+
 const char loaderType[] = "VexCore.ModuleLoader";
-/// A buffer that one large module has made larger is given back.
-constexpr std::size_t maxKeptBytes = 64 * 1024;
 /// A module is loaded as a whole, and a few MiB of an archive can unpack to as many GiB: this is far above what anybody
 /// writes, and far below what hurts.
 constexpr std::uint64_t maxModuleBytes = static_cast<std::uint64_t>(64) << 20;
 
-/// An archive on the search path of this interpreter, and the cache of what it holds now.
-struct SearchedArchive
+/// A block of memory that is kept from one module to the next: large blocks that come and go make the C library tidy its free
+/// lists at each, which was a tenth of the time of a require.
+class KeptBuffer
 {
-    std::shared_ptr<ArchiveSlot> slot;
-    std::weak_ptr<ModuleArchive> cachedArchive; // that `cache` belongs to
-    std::string cacheFolder; // that `cache` lies in
-    std::shared_ptr<ChunkCache> cache;
-};
+public:
+    /// The block, lent for as long as Lua reads from it: a finaliser may load another module meanwhile, which then gets one of its
+    /// own.
+    class Loan
+    {
+    public:
+        explicit Loan(KeptBuffer& buffer) : m_buffer(buffer), m_bytes(std::move(buffer.m_bytes)) {}
+        ~Loan()
+        {
+            if (m_bytes.capacity() <= maxKeptBytes)
+                m_buffer.m_bytes = std::move(m_bytes);
+        }
+        Loan(const Loan&) = delete;
+        Loan& operator=(const Loan&) = delete;
 
-/// What a lookup in the archives came to.
-struct Found
-{
-    enum class EKind { Nothing, Failed, Module };
-    EKind kind = EKind::Nothing;
-    std::string path; ///< of the module: archive, "/", entry
-    std::string message; ///< Nothing: the places looked in, as `require` wants them; Failed: why
-    std::size_t archiveLength = 0; ///< how much of the path is the archive's
-    std::shared_ptr<const ZipArchive> zip;
-    const ZipEntry* entry = nullptr; ///< lives as long as `zip`
-    std::shared_ptr<ChunkCache> cache; ///< null when there is none
-    bool compiled = false; ///< `code` comes from the cache
-    std::string
-        buffer; ///< the loader's, lent for as long as Lua reads from it: a finaliser may load another module meanwhile
-    std::string_view code; ///< lies in `buffer`
+        /// With what was in it last.
+        std::string& Bytes() { return m_bytes; }
 
-    std::string Archive() const { return path.substr(0, archiveLength); }
-};
+    private:
+        /// A buffer that one large module has made larger is given back.
+        static constexpr std::size_t maxKeptBytes = 64 * 1024;
 
-std::vector<std::string> Split(const std::string& list)
-{
-    std::vector<std::string> items;
-    for (std::size_t begin = 0; begin <= list.size();) {
-        const std::size_t end = std::min(list.find(';', begin), list.size());
-        if (end > begin)
-            items.push_back(list.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    return items;
-}
+        KeptBuffer& m_buffer;
+        std::string m_bytes;
+    };
 
-std::string ParentFolder(const std::string& path)
-{
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
-}
-
-/// The part of package.path that is searched before the archives, and the rest.
-struct PathParts
-{
-    std::string path;
-    std::string given;
-    std::string before;
-    std::string after;
+private:
+    std::string m_bytes;
 };
 
 /// State of one interpreter's loader; lives in a userdata of that interpreter.
-class ModuleLoader
+struct ModuleLoader
 {
-public:
-    ModuleLoader(CDom& dom, std::string luaHeader) : m_dom(dom), m_luaHeader(std::move(luaHeader)) {}
+    ModuleLoader(CDom& dom, std::string luaHeader) : settings(dom), lookup(settings, std::move(luaHeader)) {}
 
-    /// `found` is as it was made.
-    void Find(const std::string& module, Found& found);
-    /// Reads the source of what was found; false with `message` set when the entry is damaged.
-    static bool ReadSource(Found& found);
-    /// Takes back the buffer that `Find` lent.
-    void GiveBack(Found& found);
-    /// Room for a chunk on its way to the cache.
-    std::string& DumpBuffer();
-    /// Whether compiled chunks may be loaded from the archive: those that come with the launcher.
-    bool IsCoreArchive(const std::string& archive) const;
-    /// Templates of package.path that are searched before the archives (those given on the command line) or after them.
-    const std::string& PathPart(const std::string& packagePath, bool before);
-
-private:
-    void ReadSettings();
-    void ReadSearchPath();
-    bool LookInto(SearchedArchive& searched, const std::string& file, std::uint64_t hash,
-                  const std::shared_ptr<ModuleArchive>& archive, Found& found);
-    std::shared_ptr<ChunkCache> CacheOf(SearchedArchive& searched, const std::shared_ptr<ModuleArchive>& archive);
-    std::string PlacesLookedIn(const std::string& base);
-
-    CDom& m_dom;
-    const std::string m_luaHeader;
-    std::string m_searchPath; // text of the key that m_archives was made from
-    std::vector<SearchedArchive> m_archives;
-    ZipLimits m_limits;
-    bool m_cacheWanted = true; // by the settings file
-    std::time_t m_settingsRead = 0;
-    PathParts m_parts;
-    // Kept from one module to the next: large blocks that come and go make the C library tidy its free lists at each,
-    // which was a tenth of the time of a require.
-    std::string m_buffer;
-    std::string m_dumpBuffer;
+    LoaderSettings settings;
+    ModuleLookup lookup;
+    PackagePathParts packagePath;
+    KeptBuffer code;
+    KeptBuffer dump;
 };
-
-/// At most once a second, because a file may have to be looked at, and a start requires thousands of modules in one.
-void ModuleLoader::ReadSettings()
-{
-    const std::time_t now = std::time(nullptr);
-    if (now == m_settingsRead)
-        return;
-    m_settingsRead = now;
-    std::int64_t limit = 0;
-    m_limits = ZipLimits();
-    if (m_dom.GetSetting("app.unzip.maxbytes", limit) && limit > 0)
-        m_limits.maxBytes = static_cast<std::uint64_t>(limit);
-    if (m_dom.GetSetting("app.unzip.maxentries", limit) && limit > 0)
-        m_limits.maxEntries = static_cast<std::uint64_t>(limit);
-    m_cacheWanted = true;
-    m_dom.GetSetting("app.lua.cache", m_cacheWanted);
-}
-
-void ModuleLoader::ReadSearchPath()
-{
-    std::string text = m_dom.Get("app.lua.zippath");
-    if (text == m_searchPath)
-        return;
-    m_settingsRead = 0; // what is opened next is opened by the settings of now
-    std::vector<SearchedArchive> archives;
-    std::vector<std::string> paths;
-    for (std::string& path : Split(text)) {
-        if (path.front() != '/')
-            path = m_dom.Get("app.path.bin") + "/" + path;
-        paths.push_back(std::move(path));
-    }
-    std::unordered_map<std::string, bool> seen;
-    for (const std::string& path : paths)
-        if (seen.emplace(path, true).second)
-            archives.push_back({ArchiveIndex::Process().Slot(path), {}, {}, nullptr});
-    m_archives.swap(archives);
-    m_searchPath = std::move(text);
-    archives.clear();
-    ArchiveIndex::Process().ForgetUnused();
-    ChunkCaches::Process().ForgetUnused();
-}
-
-void ModuleLoader::Find(const std::string& module, Found& found)
-{
-    ChunkCaches::Process().FlushOld();
-    ReadSearchPath();
-    ReadSettings();
-    if (m_dumpBuffer.capacity() > maxKeptBytes)
-        std::string().swap(m_dumpBuffer);
-    std::string base = module;
-    std::replace(base.begin(), base.end(), '.', '/');
-    const std::string files[] = {base + ".lua", base + "/init.lua"};
-    const std::uint64_t hashes[] = {HashName(files[0]), HashName(files[1])};
-
-    std::string failure;
-    for (SearchedArchive& searched : m_archives) {
-        const std::shared_ptr<ModuleArchive> archive = searched.slot->Current(m_limits, failure);
-        if (archive
-            && (LookInto(searched, files[0], hashes[0], archive, found)
-                || LookInto(searched, files[1], hashes[1], archive, found)))
-            return;
-    }
-    found.message = PlacesLookedIn(base);
-}
-
-bool ModuleLoader::LookInto(SearchedArchive& searched, const std::string& file, std::uint64_t hash,
-                            const std::shared_ptr<ModuleArchive>& archive, Found& found)
-{
-    if (!archive->MayHave(hash))
-        return false;
-    found.path = archive->Path();
-    found.archiveLength = found.path.size();
-    found.path.append("/").append(file);
-    found.zip = archive->Zip(found.message);
-    if (!found.zip) {
-        found.kind = Found::EKind::Failed;
-        return true;
-    }
-    found.entry = found.zip->Find(file);
-    if (!found.entry)
-        return false;
-    found.kind = Found::EKind::Module;
-    found.cache = CacheOf(searched, archive);
-    found.buffer.swap(m_buffer);
-    found.compiled = found.cache && found.cache->Find(found.path, found.buffer, found.code);
-    return true;
-}
-
-std::shared_ptr<ChunkCache> ModuleLoader::CacheOf(SearchedArchive& searched,
-                                                  const std::shared_ptr<ModuleArchive>& archive)
-{
-    bool wanted = m_cacheWanted;
-    m_dom.Get("app.lua.cache", wanted);
-    const std::string work = m_dom.Get("app.path.work");
-    if (!wanted || work.empty())
-        return nullptr;
-    if (!searched.cache || searched.cachedArchive.lock() != archive || searched.cacheFolder != work) {
-        const std::string sha256 = archive->DirectorySha256();
-        if (sha256.empty())
-            return nullptr;
-        searched.cache = ChunkCaches::Process().Get(work + "/cache", ChunkCache::Key(sha256, m_luaHeader));
-        searched.cachedArchive = archive;
-        searched.cacheFolder = work;
-    }
-    return searched.cache;
-}
-
-std::string ModuleLoader::PlacesLookedIn(const std::string& base)
-{
-    std::string places;
-    for (const SearchedArchive& searched : m_archives) {
-        const std::string& path = searched.slot->Path();
-        const std::string failure = searched.slot->LastFailure();
-        if (failure.empty())
-            places.append("\n\tno file '")
-                .append(path)
-                .append("/")
-                .append(base)
-                .append(".lua'\n\tno file '")
-                .append(path)
-                .append("/")
-                .append(base)
-                .append("/init.lua'");
-        else
-            places.append("\n\tno archive '").append(path).append("' (").append(failure).append(")");
-    }
-    return places;
-}
-
-bool ModuleLoader::ReadSource(Found& found)
-{
-    found.compiled = false;
-    if (found.entry->size > maxModuleBytes) {
-        found.message = "it has " + std::to_string(found.entry->size) + " bytes, and a module may have "
-                        + std::to_string(maxModuleBytes);
-        return false;
-    }
-    if (!found.zip->Read(*found.entry, found.buffer, found.message))
-        return false;
-    found.code = found.buffer;
-    return true;
-}
-
-void ModuleLoader::GiveBack(Found& found)
-{
-    found.code = {};
-    if (found.buffer.capacity() <= maxKeptBytes)
-        found.buffer.swap(m_buffer);
-}
-
-std::string& ModuleLoader::DumpBuffer()
-{
-    m_dumpBuffer.clear();
-    return m_dumpBuffer;
-}
-
-bool ModuleLoader::IsCoreArchive(const std::string& archive) const
-{
-    // By identity, so that "x/vex_core/../y" and links cannot pass for the folder.
-    const std::string core = m_dom.Get("app.path.bin") + "/vex_core";
-    struct stat coreStatus;
-    struct stat status;
-    return os::Stat(core.c_str(), coreStatus) == 0 && os::Stat(ParentFolder(archive).c_str(), status) == 0
-           && coreStatus.st_dev == status.st_dev && coreStatus.st_ino == status.st_ino;
-}
-
-const std::string& ModuleLoader::PathPart(const std::string& packagePath, bool before)
-{
-    std::string given = m_dom.Get("app.lua.path");
-    if (packagePath != m_parts.path || given != m_parts.given) {
-        PathParts parts;
-        const std::vector<std::string> first = Split(given);
-        for (const std::string& item : Split(packagePath)) {
-            std::string& part = std::find(first.begin(), first.end(), item) != first.end() ? parts.before : parts.after;
-            part.append(part.empty() ? "" : ";").append(item);
-        }
-        parts.path = packagePath;
-        parts.given = std::move(given);
-        m_parts = std::move(parts);
-    }
-    return before ? m_parts.before : m_parts.after;
-}
-
-// --- Between C++ and Lua
-
-using SLB3::internal::Guarded;
 
 /// The userdata holds a pointer, which is null once it was collected: finalisers that run later while the state is
 /// closed may still call `require`.
@@ -344,49 +107,96 @@ std::string_view WithoutFirstLineComment(std::string_view code)
     return code;
 }
 
-/// Leaves the compiled module on the stack or raises an error that names it.
-void LoadSource(lua_State* L, ModuleLoader& loader, const char* module, Found& found)
+bool IsSameFolder(const std::string& left, const std::string& right)
 {
-    if (!loader.ReadSource(found))
-        RaiseLoadError(L, module, found.path, found.message.c_str());
-    const std::string_view code = WithoutFirstLineComment(found.code);
+    struct stat leftStatus;
+    struct stat rightStatus;
+    return os::Stat(left.c_str(), leftStatus) == 0 && os::Stat(right.c_str(), rightStatus) == 0
+           && leftStatus.st_dev == rightStatus.st_dev && leftStatus.st_ino == rightStatus.st_ino;
+}
+
+/// Whether compiled chunks may be loaded from the archive: those that come with the launcher. By identity of the folder, so that
+/// "x/vex_core/../y" and links cannot pass for it.
+bool IsCoreArchive(const LoaderSettings& settings, const std::string& archive)
+{
+    const std::size_t slash = archive.rfind('/');
+    return IsSameFolder(settings.CoreFolder(), slash == std::string::npos ? "." : archive.substr(0, slash + 1));
+}
+
+bool ReadSource(const FoundModule& module, std::string& source, std::string& error)
+{
+    if (module.entry->size > maxModuleBytes) {
+        error = "it has " + std::to_string(module.entry->size) + " bytes, and a module may have "
+                + std::to_string(maxModuleBytes);
+        return false;
+    }
+    return module.zip->Read(*module.entry, source, error);
+}
+
+/// `mode` as Lua has it: "b" compiled, "t" source. Leaves the module's function or an error text on the stack.
+bool LoadBuffer(lua_State* L, std::string_view code, const FoundModule& module, const char* mode)
+{
+    const std::string chunkName = "@" + module.path;
+    return luaL_loadbufferx(L, code.data(), code.size(), chunkName.c_str(), mode) == LUA_OK;
+}
+
+/// Leaves the module's function on the stack when its compiled chunk is in the cache.
+bool LoadFromCache(lua_State* L, ModuleLoader& loader, const FoundModule& module)
+{
+    KeptBuffer::Loan buffer(loader.code);
+    std::string_view chunk;
+    if (!module.cache || !module.cache->Find(module.path, buffer.Bytes(), chunk))
+        return false;
+    if (LoadBuffer(L, chunk, module, "b"))
+        return true;
+    lua_pop(L, 1); // whole, but not what this Lua reads
+    return false;
+}
+
+/// Leaves the module's function on the stack or raises an error that names it.
+void LoadFromArchive(lua_State* L, ModuleLoader& loader, const char* name, const FoundModule& module)
+{
+    KeptBuffer::Loan buffer(loader.code);
+    std::string error;
+    if (!ReadSource(module, buffer.Bytes(), error))
+        RaiseLoadError(L, name, module.path, error.c_str());
+    const std::string_view code = WithoutFirstLineComment(buffer.Bytes());
     const bool compiled = !code.empty() && code.front() == LUA_SIGNATURE[0];
-    if (compiled && !loader.IsCoreArchive(found.Archive()))
-        RaiseLoadError(L, module, found.path,
+    if (compiled && !IsCoreArchive(loader.settings, module.Archive()))
+        RaiseLoadError(L, name, module.path,
                        "a precompiled chunk is only loaded from the archives that come with the launcher (vex_core)");
-    const std::string chunkName = "@" + found.path;
-    if (luaL_loadbufferx(L, code.data(), code.size(), chunkName.c_str(), compiled ? "b" : "t") != LUA_OK)
-        RaiseLoadError(L, module, found.path, lua_tostring(L, -1));
-    if (compiled || !found.cache || !found.cache->WantsChunks())
+    if (!LoadBuffer(L, code, module, compiled ? "b" : "t"))
+        RaiseLoadError(L, name, module.path, lua_tostring(L, -1));
+    if (compiled || !module.cache || !module.cache->WantsChunks())
         return;
-    std::string& chunk = loader.DumpBuffer();
-    if (lua_dump(L, AppendTo, &chunk) == 0)
-        found.cache->Add(found.path, found.archiveLength, chunk);
+    KeptBuffer::Loan chunk(loader.dump);
+    chunk.Bytes().clear();
+    if (lua_dump(L, AppendTo, &chunk.Bytes()) == 0)
+        module.cache->Add(module.path, module.archiveLength, chunk.Bytes());
+}
+
+LookupResult Find(ModuleLoader& loader, const char* name)
+{
+    ChunkCaches::Process().FlushOld();
+    loader.settings.Read();
+    return loader.lookup.Find(name);
 }
 
 int SearchArchives(lua_State* L)
 {
-    const char* const module = luaL_checkstring(L, 1);
+    const char* const name = luaL_checkstring(L, 1);
     ModuleLoader& loader = LoaderOf(L);
-    Found found;
-    loader.Find(module, found);
-    if (found.kind == Found::EKind::Nothing) {
-        lua_pushlstring(L, found.message.data(), found.message.size());
+    const LookupResult result = Find(loader, name);
+    if (const auto* const missing = std::get_if<MissingModule>(&result)) {
+        lua_pushlstring(L, missing->placesLookedIn.data(), missing->placesLookedIn.size());
         return 1;
     }
-    if (found.kind == Found::EKind::Failed)
-        return RaiseLoadError(L, module, found.path, found.message.c_str());
-    if (found.compiled) {
-        const std::string chunkName = "@" + found.path;
-        if (luaL_loadbufferx(L, found.code.data(), found.code.size(), chunkName.c_str(), "b") != LUA_OK) {
-            lua_pop(L, 1); // whole, but not what this Lua reads: compiled again
-            found.compiled = false;
-        }
-    }
-    if (!found.compiled)
-        LoadSource(L, loader, module, found);
-    loader.GiveBack(found);
-    lua_pushlstring(L, found.path.data(), found.path.size());
+    if (const auto* const unreadable = std::get_if<UnreadableModule>(&result))
+        return RaiseLoadError(L, name, unreadable->path, unreadable->why.c_str());
+    const FoundModule& module = std::get<FoundModule>(result);
+    if (!LoadFromCache(L, loader, module))
+        LoadFromArchive(L, loader, name, module);
+    lua_pushlstring(L, module.path.data(), module.path.size());
     return 2;
 }
 
@@ -400,8 +210,10 @@ int SearchFiles(lua_State* L)
     const char* const path = lua_tolstring(L, -1, &length);
     if (!path)
         return luaL_error(L, "'package.path' must be a string");
+    loader.packagePath.Cut(std::string(path, length), loader.settings.GivenPath());
+    const bool before = lua_toboolean(L, lua_upvalueindex(4)) != 0;
     // A copy: what is called below may look a module up itself.
-    const std::string part = loader.PathPart(std::string(path, length), lua_toboolean(L, lua_upvalueindex(4)) != 0);
+    const std::string part = before ? loader.packagePath.Before() : loader.packagePath.After();
     if (part.empty())
         return 0;
     lua_pushvalue(L, lua_upvalueindex(3));
