@@ -2,6 +2,7 @@
 // An application object for one test, made and destroyed as the framework would, and the way to its members.
 
 #include "support/fake_core.h"
+#include "support/process_guards.h"
 
 #include "vex/apps/vex/vex.h"
 #include "vex/core/dom.h"
@@ -13,7 +14,6 @@
 
 #include <wx/app.h>
 #include <wx/confbase.h>
-#include <wx/log.h>
 
 /// The launcher's tests see its members through this and nothing else.
 struct AgentAppTestAccess
@@ -36,7 +36,7 @@ class AgentApp
 public:
     /// The first argument is the program, as it was typed.
     explicit AgentApp(const std::vector<std::string>& arguments = {"/fake/bin/vx_agent"})
-        : m_previous(wxApp::GetInstance()), m_logLevel(wxLog::GetLogLevel()), m_verbose(wxLog::GetVerbose())
+        : m_previous(wxApp::GetInstance())
     {
         m_app.reset(new CAgentApp);
         SetArguments(arguments);
@@ -46,8 +46,6 @@ public:
         m_app.reset();
         delete wxConfigBase::Set(nullptr);
         wxApp::SetInstance(m_previous);
-        wxLog::SetLogLevel(m_logLevel);
-        wxLog::SetVerbose(m_verbose);
     }
     AgentApp(const AgentApp&) = delete;
     AgentApp& operator=(const AgentApp&) = delete;
@@ -73,7 +71,6 @@ public:
 
 private:
     wxAppConsole* m_previous;
-    wxLogLevel m_logLevel;
-    bool m_verbose;
+    const Test::LogGuard m_log;
     std::unique_ptr<CAgentApp> m_app;
 };

@@ -1,6 +1,8 @@
 // Main of the core library's unit tests: the framework is up while they run, as it is in every host, and one of its
 // assertions fails the test that tripped it.
 
+#include "support/process_watch.h"
+
 #include <gtest/gtest.h>
 
 #include <clocale>
@@ -29,5 +31,6 @@ int main(int argc, char** argv)
         return 1;
     }
     wxSetAssertHandler(FailOnAssertion);
+    Test::WatchProcess();
     return RUN_ALL_TESTS();
 }

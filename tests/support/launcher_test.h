@@ -3,11 +3,10 @@
 
 #include "support/agent_app.h"
 #include "support/fake_core.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +21,7 @@ using Lines = std::vector<std::string>;
 // Inside a test the name of their namespace is the test class.
 using Test::ReadFile;
 using Test::TempFolder;
+using Test::Variable;
 using Test::WriteFile;
 
 /// Starts each test with an empty journal and the fake's own answers.
@@ -34,31 +34,6 @@ protected:
         for (const std::string& line : FakeCore::Journal({"Log(Error, \"Assertion"}))
             ADD_FAILURE() << line;
     }
-};
-
-/// While it lives, a variable of the environment has this value.
-class Variable
-{
-public:
-    Variable(const char* name, const std::string& value) : m_name(name)
-    {
-        if (const char* const before = std::getenv(name))
-            m_before = before;
-        ::setenv(name, value.c_str(), 1);
-    }
-    ~Variable()
-    {
-        if (m_before)
-            ::setenv(m_name, m_before->c_str(), 1);
-        else
-            ::unsetenv(m_name);
-    }
-    Variable(const Variable&) = delete;
-    Variable& operator=(const Variable&) = delete;
-
-private:
-    const char* const m_name;
-    std::optional<std::string> m_before;
 };
 
 /// While it lives, "~" is this folder.

@@ -1,6 +1,7 @@
 #include "vex/apps/vex/vex.h"
 
 #include "support/launcher_test.h"
+#include "support/process_guards.h"
 
 namespace {
 struct Option
@@ -42,9 +43,9 @@ protected:
         for (wxString& text : texts)
             pointers.push_back(const_cast<wchar_t*>(static_cast<const wchar_t*>(text.wc_str())));
         m_parser.SetCmdLine(static_cast<int>(pointers.size()), pointers.data());
-        testing::internal::CaptureStderr();
+        ::Test::StandardError standardError;
         const int result = m_parser.Parse(false);
-        m_errors = testing::internal::GetCapturedStderr();
+        m_errors = standardError.Text();
         return result;
     }
     std::string Value(const char* name)

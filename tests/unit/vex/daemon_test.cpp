@@ -5,6 +5,7 @@
 
 #include "support/fake_core.h"
 #include "support/fake_system.h"
+#include "support/process_guards.h"
 
 #include "vex/core/dom.h"
 
@@ -205,12 +206,11 @@ TEST_F(BackgroundMode, AStopOfTheFirstChildGoesOnToTheSupervisor)
 
 TEST_F(BackgroundMode, AWorkFolderThatTheLocaleCannotNameIsTheEmptyPath)
 {
-    const std::string before = std::setlocale(LC_CTYPE, nullptr);
+    const ::Test::LocaleGuard locale(LC_CTYPE);
     m_dom->SetWx("app.path.work", wxString::FromUTF8("/caf\xC3\xA9"));
     m_system.forks = {0, 300};
     ASSERT_NE(std::setlocale(LC_CTYPE, "C"), nullptr);
     RunToEnd();
-    std::setlocale(LC_CTYPE, before.c_str());
     EXPECT_EQ(Count("ChangeFolder(\"\")"), 1u);
 }
 

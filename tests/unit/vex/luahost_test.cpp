@@ -4,6 +4,7 @@
 
 #include "support/agent_app.h"
 #include "support/fake_core.h"
+#include "support/process_guards.h"
 
 #include <climits>
 
@@ -335,9 +336,9 @@ TEST_F(LuaHost, AFailureIsTracedWithTheSameWords)
 
 TEST_F(LuaHost, NothingIsTracedOrLoggedWhenTheModuleIsNotTraced)
 {
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     App().RunCodeSnippet("error('bad')");
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
     EXPECT_TRUE(Journal({"Trace", "Log"}).empty());
 }
 
@@ -345,20 +346,20 @@ TEST_F(LuaHost, NothingIsTracedOrLoggedWhenTheModuleIsNotTraced)
 
 TEST_F(LuaHost, ASnippetPrintsToStandardOutputWhichStaysOpen)
 {
-    testing::internal::CaptureStdout();
+    ::Test::StandardOutput standardOutput;
     EXPECT_EQ(App().RunCodeSnippet("print('one')"), 0);
     EXPECT_EQ(App().RunCodeSnippet("print('two')"), 0);
     std::printf("three\n");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "one\ntwo\nthree\n");
+    EXPECT_EQ(standardOutput.Text(), "one\ntwo\nthree\n");
 }
 
 TEST_F(LuaHost, AnExceptionOutOfASnippetLeavesStandardOutputOpen)
 {
     answers().onRunScript = [] { throw 42; };
     EXPECT_THROW(App().RunCodeSnippet("return 0"), int);
-    testing::internal::CaptureStdout();
+    ::Test::StandardOutput standardOutput;
     std::printf("still there\n");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "still there\n");
+    EXPECT_EQ(standardOutput.Text(), "still there\n");
 }
 
 TEST_F(LuaHost, ASnippetsNameIsTheApplications)
@@ -370,9 +371,9 @@ TEST_F(LuaHost, ASnippetsNameIsTheApplications)
 
 TEST_F(LuaHost, AFailedSnippetPutsTheErrorOnStandardErrorOnce)
 {
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().RunCodeSnippet("error('gr\xC3\xBC\xC3\x9F', 0)"), 2);
-    const std::string text = testing::internal::GetCapturedStderr();
+    const std::string text = standardError.Text();
     EXPECT_THAT(text, StartsWith("gr\xC3\xBC\xC3\x9F\nstack traceback:"));
     EXPECT_EQ(text.back(), '\n');
     EXPECT_EQ(Count("Lua.GetErrorInfo()"), 1u);
@@ -381,31 +382,31 @@ TEST_F(LuaHost, AFailedSnippetPutsTheErrorOnStandardErrorOnce)
 TEST_F(LuaHost, AStatusThatWasReturnedPrintsTheLastErrorTextToo)
 {
     answers().errorInfo = "an older failure";
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().RunCodeSnippet("return 7"), 7);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "an older failure\n");
+    EXPECT_EQ(standardError.Text(), "an older failure\n");
 }
 
 TEST_F(LuaHost, AStatusWithoutAnyFailurePrintsAnEmptyLine)
 {
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().RunCodeSnippet("return 7"), 7);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n");
+    EXPECT_EQ(standardError.Text(), "\n");
 }
 
 TEST_F(LuaHost, AnErrorTextDoesNotSilenceNarrowOutput)
 {
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     App().RunCodeSnippet("error('x', 0)");
     std::fprintf(stderr, "narrow\n");
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("narrow\n"));
+    EXPECT_THAT(standardError.Text(), HasSubstr("narrow\n"));
 }
 
 TEST_F(LuaHost, SuccessPrintsNothing)
 {
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().RunCodeSnippet("return 0"), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(standardError.Text(), "");
     EXPECT_EQ(Count("Lua.GetErrorInfo()"), 0u);
 }
 
@@ -414,17 +415,17 @@ TEST_F(LuaHost, SuccessPrintsNothing)
 TEST_F(LuaHost, AMethodIsCalledWithoutArguments)
 {
     DefineModule("{ main = function(...) return select('#', ...) + 40 end }");
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().RunAppMain(), 40);
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
 }
 
 TEST_F(LuaHost, AMissingMethodSucceedsSilently)
 {
     DefineModule("{}");
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().RunAppMain(), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(standardError.Text(), "");
 }
 
 TEST_F(LuaHost, AFieldThatIsNoFunctionSucceeds)
@@ -435,9 +436,9 @@ TEST_F(LuaHost, AFieldThatIsNoFunctionSucceeds)
 
 TEST_F(LuaHost, AMissingModuleIsAFailure)
 {
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().RunAppMain(), 2);
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("vexAppModule"));
+    EXPECT_THAT(standardError.Text(), HasSubstr("vexAppModule"));
 }
 
 TEST_F(LuaHost, AMethodIsTracedByName)
@@ -451,10 +452,10 @@ TEST_F(LuaHost, AMethodIsTracedByName)
 TEST_F(LuaHost, MainAndShutdownAreTheMethodsOfTheirNames)
 {
     DefineModule("{ main = function() return 3 end, shutdown = function() return 4 end }");
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().RunAppMain(), 3);
     EXPECT_EQ(App().RunAppShutdown(), 4);
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
     EXPECT_EQ(
         Count(
             "Lua.RunScript(\"if type(vexAppModule.main) == 'function' then return vexAppModule.main(); else return 0; "

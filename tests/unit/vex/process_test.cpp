@@ -3,6 +3,7 @@
 
 #include "vex/apps/vex/os/process.h"
 
+#include "support/joining_thread.h"
 #include "support/temp_folder.h"
 
 #include <cerrno>
@@ -402,7 +403,7 @@ TEST(ProcessSystem, ThreadsAreCounted)
     const int before = System().ThreadCount();
     EXPECT_GE(before, 1);
     Pipe go;
-    std::thread other([&go] { go.Read(); });
+    ::Test::JoiningThread other([&go] { go.Read(); });
     EXPECT_EQ(System().ThreadCount(), before + 1);
     go.CloseEnd(1);
     other.join();

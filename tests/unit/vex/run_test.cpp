@@ -5,6 +5,7 @@
 #include "support/agent_app.h"
 #include "support/fake_core.h"
 #include "support/fake_system.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 
 #include <algorithm>
@@ -107,28 +108,6 @@ const char* const ShutdownSnippet = "Lua.RunScript(\"if type(vexAppModule.shutdo
                                     "vexAppModule.shutdown(); else return 0; end;\", 0, 1, \"vx_agent\", out)";
 const char* const RequireSnippet = "Lua.RunScript(\"vexAppModule = require([[vx_agent]]);\", 0, 1, \"vx_agent\", out)";
 
-// Puts the process's mask and dispositions back.
-class SignalGuard
-{
-public:
-    SignalGuard()
-    {
-        ::pthread_sigmask(SIG_SETMASK, nullptr, &m_mask);
-        for (int signal = 1; signal < 65; ++signal)
-            ::sigaction(signal, nullptr, &m_actions[signal]);
-    }
-    ~SignalGuard()
-    {
-        for (int signal = 1; signal < 65; ++signal)
-            ::sigaction(signal, &m_actions[signal], nullptr);
-        ::pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
-    }
-
-private:
-    sigset_t m_mask;
-    struct sigaction m_actions[65] = {};
-};
-
 bool IsBlocked(int signal)
 {
     sigset_t mask;
@@ -175,7 +154,7 @@ protected:
     }
 
     std::string m_module = "return {}";
-    SignalGuard m_signals;
+    ::Test::SignalGuard m_signals;
     FakeSystem m_system;
     std::unique_ptr<AgentApp> m_app;
 };
@@ -242,9 +221,9 @@ TEST_F(Run, RemovesPluginsBeforeItInstallsThemAndBeforeTheArchivePath)
     Access::InstallPlugins(App()) = true;
     answers().tracedModules = {"Appl"};
     m_module = "return { init = function() return 1 end }";
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().OnRunScript(), 1);
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
     EXPECT_THAT(Journal({"Unzip(", "Trace(\"Appl\", \"ExpandZippath\", \"zipFilespec", "Lua("}),
                 ElementsAre("Unzip(\"" + (folder / "b.vxu") + "\", \"" + folder.Path() + "/\")",
                             "Unzip(\"" + (folder / "Agent-A-Any-10.0.0-1.x.vxp") + "\", \"" + folder.Path() + "/\")",
@@ -286,18 +265,18 @@ TEST_F(Run, TheStatusOfShutdownIsTheResult)
 TEST_F(Run, AModuleThatDoesNotLoadEndsTheSequence)
 {
     m_module = "error('broken')";
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().OnRunScript(), 2);
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("broken"));
+    EXPECT_THAT(standardError.Text(), HasSubstr("broken"));
     EXPECT_EQ(Count(InitSnippet), 0u);
 }
 
 TEST_F(Run, AFailedSetUpGoesToStandardErrorAndNotToTheLog)
 {
     answers().registerLoaderFails = true;
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().OnRunScript(), 2);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error setting up Lua:\nno loader\n");
+    EXPECT_EQ(standardError.Text(), "Error setting up Lua:\nno loader\n");
     EXPECT_TRUE(Journal({"Log(", "Lua.RunScript", "Lua.GetErrorInfo"}).empty());
 }
 
@@ -315,9 +294,9 @@ TEST_F(Run, FailedUnitTestsSkipShutdown)
 {
     Access::UnitTestScript(App()) = "tests/all.lua";
     m_module = "package.preload['tests.vexunit'] = function() return function() return 3 end end return {}";
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(App().OnRunScript(), 3);
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
     EXPECT_EQ(Count(ShutdownSnippet), 0u);
     ::alarm(0);
 }
@@ -517,14 +496,14 @@ TEST_F(Run, NeverLosesAStatusOrHangs)
     Access::DefaultName(App()) = true;
     answers().onRunScript = nullptr;
     answers().runScriptStatus = 5;
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     for (int i = 0; i < 300; ++i) {
         ASSERT_EQ(RunToEnd(), 5) << i;
         delete Access::Lua(App());
         Access::Lua(App()) = nullptr;
         FakeCore::ClearJournal();
     }
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
 }
 
 TEST_F(Run, BlocksIntAndTermInBothThreads)
@@ -597,9 +576,9 @@ TEST_F(Run, AnExceptionOnTheScriptThreadIsSilentWhenNothingIsTraced)
 {
     Access::DefaultName(App()) = true;
     answers().onRunScript = [] { throw 42; };
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_EQ(RunToEnd(), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(standardError.Text(), "");
     EXPECT_TRUE(Journal({"Log(", "Trace("}).empty());
 }
 

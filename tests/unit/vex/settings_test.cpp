@@ -1,6 +1,7 @@
 #include "vex/apps/vex/vex.h"
 
 #include "support/launcher_test.h"
+#include "support/process_guards.h"
 
 #include <filesystem>
 
@@ -38,9 +39,9 @@ protected:
         m_started.reset(); // there is one application at a time
         m_started.reset(new StartedApp(std::move(options), name));
         WriteConfiguration();
-        testing::internal::CaptureStderr();
+        ::Test::StandardError standardError;
         const bool result = m_started->Init();
-        m_errors = testing::internal::GetCapturedStderr();
+        m_errors = standardError.Text();
         EXPECT_TRUE(result) << m_errors;
     }
     // The same with a local configuration file.
@@ -264,15 +265,10 @@ TEST_F(Settings, AnOrdinaryUserCanHaveAWorkingFolderSeveralLevelsDeep)
         GTEST_SKIP() << "runs as root only; otherwise the test before shows it";
     const TempFolder folder;
     ASSERT_EQ(chmod(folder.Path().c_str(), 0777), 0);
-    ASSERT_EQ(setreuid(65534, 0), 0);
-    ASSERT_EQ(seteuid(65534), 0);
+    const ::Test::OtherUser user(::Test::OtherUser::EIds::Both);
     Start({"-w", folder / "a/b/c"});
-    const int parentMode = ModeOf(folder / "a/b");
-    const int mode = ModeOf(folder / "a/b/c");
-    ASSERT_EQ(seteuid(0), 0);
-    ASSERT_EQ(setreuid(0, 0), 0);
-    EXPECT_EQ(parentMode, 0700);
-    EXPECT_EQ(mode, 0600);
+    EXPECT_EQ(ModeOf(folder / "a/b"), 0700);
+    EXPECT_EQ(ModeOf(folder / "a/b/c"), 0600);
 }
 
 TEST_F(Settings, WorkingFolderThatCannotBeMadeIsNotReportedHere)
@@ -292,9 +288,8 @@ TEST_F(Settings, WorkingFolderThatCannotBeMadeIsNotReportedHere)
 TEST_F(Settings, WorkingFolderIsExpandedAndNormalized)
 {
     const TempFolder folder;
-    setenv("VEX_TEST_FOLDER", folder.Path().c_str(), 1);
+    const ::Test::Variable variable("VEX_TEST_FOLDER", folder.Path());
     Start({"-w", "$VEX_TEST_FOLDER/x/../y/./"});
-    unsetenv("VEX_TEST_FOLDER");
     EXPECT_EQ(Get("app.path.work"), folder / "y");
     EXPECT_EQ(ModeOf(folder / "y"), 0600);
     EXPECT_EQ(ModeOf(folder / "x"), -1);
@@ -314,10 +309,8 @@ TEST_F(Settings, ATildeAtTheBeginningIsTheHomeFolder)
 TEST_F(Settings, RelativeWorkingFolderStartsAtTheCurrentFolder)
 {
     const TempFolder folder;
-    const std::filesystem::path before = std::filesystem::current_path();
-    std::filesystem::current_path(folder.Path());
+    const ::Test::CurrentFolder current(folder.Path());
     Start({"-w", "rel"});
-    std::filesystem::current_path(before);
     EXPECT_EQ(Get("app.path.work"), folder / "rel");
 }
 
@@ -385,20 +378,18 @@ TEST_F(Settings, FreeVariableCanNameTheConfigurationFile)
 
 TEST_F(Settings, FreeVariableWithLettersBeyondAsciiIsKept)
 {
-    const std::string before = std::setlocale(LC_CTYPE, nullptr);
+    const ::Test::LocaleGuard locale(LC_CTYPE);
     Start({"-d", "caf\xC3\xA9=\xE2\x82\xAC"});
     EXPECT_EQ(Get("caf\xC3\xA9"), "\xE2\x82\xAC");
-    std::setlocale(LC_CTYPE, before.c_str());
 }
 
 TEST_F(Settings, FreeVariableThatTheLocaleCannotHoldIsEmpty)
 {
-    const std::string before = std::setlocale(LC_CTYPE, nullptr);
+    const ::Test::LocaleGuard locale(LC_CTYPE);
     const TempFolder folder;
     AgentApp app({folder / "vx_agent", "-d", "a=caf\xC3\xA9"});
     ASSERT_NE(std::setlocale(LC_CTYPE, "C"), nullptr);
     EXPECT_TRUE(app->OnInit());
-    std::setlocale(LC_CTYPE, before.c_str());
     EXPECT_EQ(FakeCore::Count("Dom.Set(\"a\", \"\")"), 1u);
 }
 
@@ -434,13 +425,11 @@ TEST_F(Settings, UnreadableScriptIsNotFound)
     ASSERT_EQ(chmod((folder / "secret.lua").c_str(), 0600), 0);
     std::unique_ptr<StartedApp> started(new StartedApp({"-u", folder / "secret.lua"}));
     ASSERT_EQ(chmod(started->folder.Path().c_str(), 0777), 0);
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     // Access rights are asked for the real user.
-    ASSERT_EQ(setreuid(65534, 0), 0);
-    const bool result = started->Init();
-    ASSERT_EQ(setreuid(0, 0), 0);
-    EXPECT_TRUE(result);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), folder / "secret.lua" + ": not found");
+    const ::Test::OtherUser user(::Test::OtherUser::EIds::Real);
+    EXPECT_TRUE(started->Init());
+    EXPECT_EQ(standardError.Text(), folder / "secret.lua" + ": not found");
 }
 
 TEST_F(Settings, ExistingScriptTurnsUnitTestModeOn)
@@ -732,9 +721,8 @@ TEST_F(Settings, RubbishOfAnyLengthIsTenLinesAndACount)
 TEST_F(Settings, RubbishIsReportedAlsoWhenNothingWasLoggedBefore)
 {
     // As in a process of its own: the framework makes its target with the first line.
-    wxLog* const before = wxLog::SetActiveTarget(nullptr);
+    const ::Test::LogTarget none(nullptr);
     StartWithFile("no entry\n");
-    delete wxLog::SetActiveTarget(before);
     EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), ElementsAre(HasSubstr("line 1:")));
 }
 

@@ -4,6 +4,7 @@
 
 #include "support/agent_app.h"
 #include "support/fake_core.h"
+#include "support/process_guards.h"
 
 #include <csignal>
 
@@ -46,11 +47,11 @@ protected:
     int Run(const char* scripts)
     {
         Access::UnitTestScript(App()) = wxString::FromUTF8(scripts);
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
+        ::Test::StandardOutput standardOutput;
+        ::Test::StandardError standardError;
         const int status = App().RunUnitTests();
-        m_error = testing::internal::GetCapturedStderr();
-        m_output = testing::internal::GetCapturedStdout();
+        m_error = standardError.Text();
+        m_output = standardOutput.Text();
         return status;
     }
 
@@ -176,9 +177,9 @@ TEST_F(UnitTestMode, StandardOutputStaysOpen)
     DefineRunner("function() print('tests') return 0 end");
     EXPECT_EQ(Run("x"), 0);
     EXPECT_EQ(m_output, "tests\n");
-    testing::internal::CaptureStdout();
+    ::Test::StandardOutput standardOutput;
     std::printf("later\n");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "later\n");
+    EXPECT_EQ(standardOutput.Text(), "later\n");
 }
 
 TEST_F(UnitTestMode, LeavesTheStackAsItWas)

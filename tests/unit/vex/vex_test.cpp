@@ -4,6 +4,7 @@
 #include "vex/core/log.h"
 
 #include "support/launcher_test.h"
+#include "support/process_guards.h"
 
 #include <algorithm>
 #include <clocale>
@@ -49,6 +50,7 @@ TEST_F(StartDeathTest, LibrariesAreStartedOnceHoweverOftenItIsAsked)
 
 TEST_F(Start, ConstructorSetsTheDefaultsOfTheLog)
 {
+    const ::Test::LogGuard guard;
     wxLog::SetVerbose(false);
     wxLog::SetLogLevel(wxLOG_Error);
     wxLog::SetTimestamp("x");
@@ -58,27 +60,22 @@ TEST_F(Start, ConstructorSetsTheDefaultsOfTheLog)
         EXPECT_EQ(wxLog::GetLogLevel(), static_cast<wxLogLevel>(wxLOG_Info));
         EXPECT_EQ(wxLog::GetTimestamp(), "%Y-%m-%d %H:%M:%S");
     }
-    wxLog::SetVerbose(false);
-    wxLog::SetLogLevel(wxLOG_Max);
 }
 
 // Whatever the locale has to say finds the log as it is to be: the defaults come first.
 TEST_F(Start, LocaleThatIsNotInstalledIsALogLineAndTheProcessGoesOn)
 {
     const Variable language("LC_ALL", "sw_KE.UTF-8");
-    const std::string before = std::setlocale(LC_ALL, nullptr);
-    if (std::setlocale(LC_ALL, "sw_KE.UTF-8")) {
-        std::setlocale(LC_ALL, before.c_str());
+    const ::Test::LocaleGuard locale(LC_ALL);
+    if (std::setlocale(LC_ALL, "sw_KE.UTF-8"))
         GTEST_SKIP() << "that locale is installed here";
-    }
+    const ::Test::LogGuard guard;
     wxLog::SetLogLevel(wxLOG_FatalError);
     {
         const AgentApp app;
         EXPECT_THAT(FakeCore::Journal({"Log("}), ElementsAre(testing::HasSubstr("Cannot set locale to language")));
         EXPECT_NE(wxGetLocale(), nullptr);
     }
-    wxLog::SetLogLevel(wxLOG_Max);
-    std::setlocale(LC_ALL, before.c_str());
 }
 
 TEST_F(Start, LocaleIsInForceWhileTheApplicationLives)
@@ -311,9 +308,9 @@ TEST_P(EarlyStop, BeforeSettingsCrashHandlerAndBanner)
 {
     FakeCore::Reset();
     StartedApp started({GetParam()});
-    testing::internal::CaptureStderr();
+    ::Test::StandardError standardError;
     EXPECT_FALSE(started.Init());
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("Usage:"), std::string::npos);
+    EXPECT_NE(standardError.Text().find("Usage:"), std::string::npos);
     EXPECT_THAT(FakeCore::Journal({"InitCrashHandler", "InitializeSQLite", "Dom.SetWx(\"app.name\""}), IsEmpty());
     EXPECT_EQ(FakeCore::Count("Log(Info, \"VEX 10.0.0.4015 starting.\")"), 0u);
     // Paths and version were written all the same.

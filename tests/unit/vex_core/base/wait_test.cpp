@@ -1,5 +1,7 @@
 #include "vex_core/base/wait.h"
 
+#include "support/joining_thread.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -43,7 +45,7 @@ TEST(WaitPoint, NotificationBeforeTheSleepIsNotLost)
 TEST(WaitPoint, NotificationFromAnotherThreadWakes)
 {
     WaitPoint point;
-    std::thread waker([&] { point.Notify(); });
+    ::Test::JoiningThread waker([&] { point.Notify(); });
     EXPECT_EQ(point.Sleep(-1), EOutcome::Notified);
     waker.join();
 }
@@ -59,7 +61,7 @@ TEST(WaitPoint, ClearForgetsANotification)
 TEST(WaitPoint, AwakenIsReportedAsTimeOver)
 {
     WaitPoint point;
-    std::thread waker([&] { point.Awaken(); });
+    ::Test::JoiningThread waker([&] { point.Awaken(); });
     EXPECT_EQ(point.Sleep(-1), EOutcome::TimedOut);
     waker.join();
 }
@@ -78,7 +80,7 @@ TEST(WaitPoint, RequestToEndWinsAndStays)
 TEST(WaitPoint, HugeTimeIsNoLimitAndNotAnOverflow)
 {
     WaitPoint point;
-    std::thread waker([&] { point.Notify(); });
+    ::Test::JoiningThread waker([&] { point.Notify(); });
     EXPECT_EQ(point.Sleep(INT64_MAX), EOutcome::Notified);
     waker.join();
 }

@@ -2,7 +2,7 @@
 #include "vex/core/sqlitedb.h"
 #include "vex_core/database/sqlite_db.h"
 
-#include "support/log_capture.h"
+#include "support/log_catcher.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ protected:
     }
 
     CDom* m_dom = CDom::New(nullptr, nullptr, nullptr, false);
-    ::Test::LogCapture m_log;
+    ::Test::LogCatcher m_log;
 };
 
 std::int64_t Pragma(SqliteDb& db, const std::string& name)

@@ -19,6 +19,8 @@
 #include <unistd.h>
 
 #include "support/dom_ptr.h"
+#include "support/joining_thread.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 
 using Test::DomPtr;
@@ -447,9 +449,8 @@ TEST(Dom, PluginFolderIsMadePrivate)
     const TempFolder folder;
     const DomPtr dom = NewRoot();
     dom->Set("app.path.work", (folder / "work"));
-    const mode_t before = ::umask(0);
+    const ::Test::FileModeMask open(0);
     const wxString path = dom->GetPluginWorkdirWx(wxS("diag"));
-    ::umask(before);
     EXPECT_EQ(wxString::FromUTF8((folder / "work/plugins/diag").c_str()), path);
     for (const char* each : {"work", "work/plugins", "work/plugins/diag"}) {
         struct stat status = {};
@@ -466,7 +467,7 @@ TEST(Dom, PluginNameThatIsNoFileNameGivesThePluginsFolder)
     dom->Set("app.path.work", (folder / "work"));
     for (const wxString& name : {wxString(), wxString(wxS(".")), wxString(wxS("..")), wxString(wxS("a/b")),
                                  wxString(wxS("../x")), wxString(wxS("/")), wxString(wxS("a\0b"), 3)})
-        EXPECT_EQ(wxString::FromUTF8((folder / "work/plugins").c_str()), dom->GetPluginWorkdirWx(name)) << name;
+        EXPECT_EQ(dom->GetPluginWorkdirWx(name), wxString::FromUTF8((folder / "work/plugins").c_str())) << name;
     EXPECT_NE(::access((folder / "x").c_str(), F_OK), 0);
 }
 
@@ -476,7 +477,7 @@ TEST(Dom, PluginFolderThatCannotBeMadeIsStillNamed)
     WriteFile(folder / "work", "a file");
     const DomPtr dom = NewRoot();
     dom->Set("app.path.work", (folder / "work"));
-    EXPECT_EQ(wxString::FromUTF8((folder / "work/plugins/x").c_str()), dom->GetPluginWorkdirWx(wxS("x")));
+    EXPECT_EQ(dom->GetPluginWorkdirWx(wxS("x")), wxString::FromUTF8((folder / "work/plugins/x").c_str()));
     dom->Remove("app.path.work");
     EXPECT_EQ(dom->GetPluginWorkdirWx(wxS("x")), wxString(wxS("plugins/x")));
     EXPECT_NE(::access("plugins", F_OK), 0) << "nothing is made in the current folder";
@@ -497,16 +498,14 @@ namespace {
 /// Waits for `key` on this thread while another does `write`, again and again until the wait has ended.
 EWait WaitWhile(const DomPtr& dom, const char* key, const std::function<void(CDom&)>& write, std::int64_t timeoutMs)
 {
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        while (!done) {
+    ::Test::JoiningThread writer([&](const std::atomic<bool>& stop) {
+        while (!stop) {
             write(*dom);
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     });
     const EWait result = dom->Wait(key, timeoutMs);
-    done = true;
-    writer.join();
+    writer.Stop();
     return result;
 }
 
@@ -545,7 +544,7 @@ TEST(DomWait, RemovalWakes)
 {
     const DomPtr dom = NewRoot();
     dom->Set("a", "x");
-    std::thread remover([&] {
+    ::Test::JoiningThread remover([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         dom->Remove("a");
     });
@@ -648,7 +647,7 @@ TEST(DomWait, RequestToEndWakesAndIsReportedFromThenOn)
     VexCore::WaitPoint point;
     EWait first = EWait::TimedOut;
     EWait second = EWait::TimedOut;
-    std::thread sleeper([&] {
+    ::Test::JoiningThread sleeper([&] {
         const VexCore::WaitPoint::Binding binding(point);
         first = dom->Wait("a", -1);
         second = dom->Wait("a", -1);
@@ -664,7 +663,7 @@ TEST(DomWait, AwakenEndsTheWaitAsTimeOver)
     const DomPtr dom = NewRoot();
     VexCore::WaitPoint point;
     EWait result = EWait::Written;
-    std::thread sleeper([&] {
+    ::Test::JoiningThread sleeper([&] {
         const VexCore::WaitPoint::Binding binding(point);
         result = dom->Wait("a", -1);
     });
@@ -687,7 +686,7 @@ TEST(DomWait, EveryWaiterIsWoken)
     const DomPtr dom = NewRoot();
     std::atomic<int> waiting{0};
     std::atomic<int> woken{0};
-    std::vector<std::thread> waiters;
+    std::vector<::Test::JoiningThread> waiters;
     for (int i = 0; i < 50; ++i)
         waiters.emplace_back([&] {
             ++waiting;
@@ -696,17 +695,15 @@ TEST(DomWait, EveryWaiterIsWoken)
         });
     while (waiting < 50)
         std::this_thread::yield();
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        while (!done) {
+    ::Test::JoiningThread writer([&](const std::atomic<bool>& stop) {
+        while (!stop) {
             dom->Set("go", true);
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     });
-    for (std::thread& waiter : waiters)
+    for (::Test::JoiningThread& waiter : waiters)
         waiter.join();
-    done = true;
-    writer.join();
+    writer.Stop();
     EXPECT_EQ(woken, 50);
 }
 
@@ -716,13 +713,12 @@ TEST(DomThreads, ReadersWritersAndWaitersGetWhatWasWritten)
 {
     const DomPtr dom = NewRoot();
     constexpr int rounds = 2000;
-    std::atomic<bool> done{false};
     std::atomic<int> wrong{0};
-    std::vector<std::thread> others;
+    std::vector<::Test::JoiningThread> others;
     for (int i = 0; i < 4; ++i)
-        others.emplace_back([&, i] {
+        others.emplace_back([&, i](const std::atomic<bool>& stop) {
             const DomPtr view = NewView("shared", dom);
-            while (!done) {
+            while (!stop) {
                 const std::string text = i % 2 ? dom->Get("shared.text") : view->Get("text");
                 if (!text.empty() && text != std::string(text.size(), text.front()))
                     ++wrong;
@@ -734,13 +730,13 @@ TEST(DomThreads, ReadersWritersAndWaitersGetWhatWasWritten)
             }
         });
     for (int i = 0; i < 3; ++i)
-        others.emplace_back([&] {
+        others.emplace_back([&](const std::atomic<bool>& stop) {
             VexCore::WaitPoint point;
             const VexCore::WaitPoint::Binding binding(point);
-            while (!done)
+            while (!stop)
                 dom->Wait("shared", 1);
         });
-    std::vector<std::thread> writers;
+    std::vector<::Test::JoiningThread> writers;
     for (int i = 0; i < 2; ++i)
         writers.emplace_back([&, i] {
             for (int n = 0; n < rounds; ++n) {
@@ -751,42 +747,38 @@ TEST(DomThreads, ReadersWritersAndWaitersGetWhatWasWritten)
                     dom->Remove("shared.object");
             }
         });
-    for (std::thread& writer : writers)
+    for (::Test::JoiningThread& writer : writers)
         writer.join();
-    done = true;
-    for (std::thread& other : others)
-        other.join();
+    for (::Test::JoiningThread& other : others)
+        other.Stop();
     EXPECT_EQ(wrong, 0);
     std::int64_t number = 0;
     EXPECT_TRUE(dom->Get("shared.number", number));
-    EXPECT_EQ(rounds - 1, number);
+    EXPECT_EQ(number, rounds - 1);
 }
 
 TEST(DomThreads, BusyReadersDoNotKeepAWriterOut)
 {
     const DomPtr dom = NewRoot();
     dom->Set("key", "value");
-    std::atomic<bool> done{false};
-    std::vector<std::thread> readers;
+    std::vector<::Test::JoiningThread> readers;
     for (int i = 0; i < 8; ++i)
-        readers.emplace_back([&] {
+        readers.emplace_back([&](const std::atomic<bool>& stop) {
             std::string text;
-            while (!done)
+            while (!stop)
                 dom->Get("key", text);
         });
     for (int i = 0; i < 100; ++i)
         dom->SetWx("key", std::int64_t(i));
-    done = true;
-    for (std::thread& reader : readers)
-        reader.join();
+    for (::Test::JoiningThread& reader : readers)
+        reader.Stop();
     EXPECT_EQ(dom->Get("key"), "99");
 }
 
 TEST(DomThreads, RootsComeAndGoWhileOthersLookForOne)
 {
-    std::atomic<bool> done{false};
-    std::thread seeker([&] {
-        while (!done) {
+    ::Test::JoiningThread seeker([&](const std::atomic<bool>& stop) {
+        while (!stop) {
             const RootDom root;
             if (root)
                 root->Get("app.name");
@@ -796,6 +788,5 @@ TEST(DomThreads, RootsComeAndGoWhileOthersLookForOne)
         const DomPtr root = NewRoot();
         root->Set("app.name", "x");
     }
-    done = true;
-    seeker.join();
+    seeker.Stop();
 }

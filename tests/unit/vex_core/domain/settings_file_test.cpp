@@ -1,5 +1,7 @@
 #include "vex_core/domain/settings_file.h"
 
+#include "support/joining_thread.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -54,8 +56,8 @@ TEST(SettingsText, QuotesAroundAValueGo)
 
 TEST(SettingsText, VariablesAreReplacedAsInTheRestOfTheFile)
 {
-    ::setenv("VEX_TEST_X", "value", 1);
-    ::unsetenv("VEX_TEST_NONE");
+    const ::Test::Variable variable("VEX_TEST_X", "value");
+    const ::Test::Variable none("VEX_TEST_NONE", std::nullopt);
     const struct
     {
         const char* in;
@@ -193,12 +195,11 @@ TEST(SettingsFile, ThreadsMayAskWhileItChanges)
     const std::string path = folder / "x.ini";
     WriteFile(path, "[settings]\na=1\n");
     SettingsFile file;
-    std::atomic<bool> done{false};
-    std::vector<std::thread> readers;
+    std::vector<::Test::JoiningThread> readers;
     std::atomic<int> wrong{0};
     for (int i = 0; i < 3; ++i)
-        readers.emplace_back([&] {
-            while (!done) {
+        readers.emplace_back([&](const std::atomic<bool>& stop) {
+            while (!stop) {
                 const std::string value = FindIn(file, path, "a");
                 if (value != "1" && value != "2")
                     ++wrong;
@@ -208,8 +209,7 @@ TEST(SettingsFile, ThreadsMayAskWhileItChanges)
         WriteFile(folder / "new", i % 2 ? "[settings]\na=1\n" : "[settings]\na=2\n");
         std::filesystem::rename(folder / "new", path);
     }
-    done = true;
-    for (std::thread& reader : readers)
-        reader.join();
+    for (::Test::JoiningThread& reader : readers)
+        reader.Stop();
     EXPECT_EQ(wrong, 0);
 }

@@ -3,7 +3,9 @@
 #include "vex_core/events/agentevent_store.h"
 
 #include "support/fail_nth.h"
-#include "support/log_capture.h"
+#include "support/joining_thread.h"
+#include "support/log_catcher.h"
+#include "support/process_guards.h"
 #include "support/sample_event.h"
 #include "support/temp_folder.h"
 
@@ -173,7 +175,7 @@ TEST_F(EventDatabase, OpensNothingBeforeTheFirstWrite)
 
 TEST_F(EventDatabase, AllFieldsAreStored)
 {
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EventStore store(m_work);
     const CAgentEvent event = SampleEvent("net|1.2|it's \"<&>\"\n\xC3\xA4");
     EXPECT_EQ(store.Write(event), 1);
@@ -234,7 +236,7 @@ TEST_F(EventDatabase, LockedDatabaseMeansPendingFileThenDatabaseOnce)
     ASSERT_TRUE(other.Open(Database(), 0));
     ASSERT_TRUE(other.Exec("BEGIN EXCLUSIVE"));
     {
-        ::Test::LogCapture log;
+        ::Test::LogCatcher log;
         EXPECT_EQ(store.Write(SampleEvent("second")), 0);
         EXPECT_EQ(store.Write(SampleEvent("third")), 0);
         EXPECT_EQ(log.Count(wxLOG_Error, "events.pending.xml"), 2u) << log.All();
@@ -245,7 +247,7 @@ TEST_F(EventDatabase, LockedDatabaseMeansPendingFileThenDatabaseOnce)
     EXPECT_NE(::Test::ReadFile(Pending()).find("text=\"second\""), std::string::npos);
     ASSERT_TRUE(other.Exec("ROLLBACK"));
     other.Close();
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("fourth")), 4);
     EXPECT_EQ(Stored(), "first;second;third;fourth;");
     EXPECT_FALSE(Exists(Pending()));
@@ -257,7 +259,7 @@ TEST_F(EventDatabase, PendingEventsKeepAllTheirFields)
     const CAgentEvent event = SampleEvent("it's \"<&>\"\n\t\xC3\xA4");
     std::filesystem::create_directory(Database());
     {
-        ::Test::LogCapture log;
+        ::Test::LogCatcher log;
         EventStore store(m_work);
         EXPECT_EQ(store.Write(event), 0);
         EXPECT_EQ(store.Write(CAgentEvent()), 0);
@@ -284,7 +286,7 @@ TEST_F(EventDatabase, PendingEventsKeepAllTheirFields)
 TEST_F(EventDatabase, PendingFileSeenTwiceIsStoredOnce)
 {
     std::filesystem::create_directory(Database());
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EventStore store(m_work);
     store.Write(SampleEvent("once"));
     const std::string pending = ::Test::ReadFile(Pending());
@@ -299,7 +301,8 @@ TEST_F(EventDatabase, PendingFileThatCannotBeRemovedIsEmptied)
 {
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
+    const ::Test::Restored calls(os::fileCalls);
     os::fileCalls.unlink = [](const char*) { return errno = EPERM, -1; };
     EXPECT_TRUE(store.StoreKept());
     EXPECT_EQ(store.Write(SampleEvent("next")), 2);
@@ -315,7 +318,8 @@ TEST_F(EventDatabase, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEvent
 {
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
+    const ::Test::Restored calls(os::fileCalls);
     os::fileCalls.unlink = [](const char*) { return errno = EPERM, -1; };
     os::fileCalls.ftruncate = [](int, off_t) { return errno = EPERM, -1; };
     constexpr int more = 1100; // than keys are remembered otherwise
@@ -332,7 +336,7 @@ TEST_F(EventDatabase, FolderInThePlaceOfThePendingFileHoldsNoEvents)
 {
     EventStore store(m_work);
     std::filesystem::create_directory(Pending());
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EXPECT_TRUE(store.StoreKept());
     EXPECT_EQ(log.All(), "");
 }
@@ -342,7 +346,7 @@ TEST_F(EventDatabase, LineCutShortIsAnErrorLineAndTheOthersAreStored)
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"good\"/></pending>\n"
                                  "\n<pending key=\"k2\"><agent_event text=\"cut");
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("next")), 2);
     EXPECT_EQ(Stored(), "good;next;");
     EXPECT_EQ(log.Count(wxLOG_Error, "is no event and is left out: <pending key=\"k2\"><agent_event text=\"cut"), 1u)
@@ -354,11 +358,11 @@ TEST_F(EventDatabase, NothingToWriteInMeansMemoryAndStandardErrorThenDatabaseOnc
 {
     m_work += "/not-there-yet";
     EventStore store(m_work);
-    ::Test::LogCapture log;
-    testing::internal::CaptureStderr();
+    ::Test::LogCatcher log;
+    ::Test::StandardError standardError;
     EXPECT_EQ(store.Write(SampleEvent("one")), 0);
     EXPECT_EQ(store.Write(SampleEvent("two")), 0);
-    const std::string shown = testing::internal::GetCapturedStderr();
+    const std::string shown = standardError.Text();
     EXPECT_EQ(store.InMemory(), 2u);
     EXPECT_NE(shown.find("text=\"one\""), std::string::npos) << shown;
     EXPECT_NE(shown.find("text=\"two\""), std::string::npos) << shown;
@@ -373,10 +377,10 @@ TEST_F(EventDatabase, MemoryGoesToThePendingFileWhenOnlyThatHasRoom)
 {
     m_work += "/later";
     EventStore store(m_work);
-    ::Test::LogCapture log;
-    testing::internal::CaptureStderr();
+    ::Test::LogCatcher log;
+    ::Test::StandardError standardError;
     store.Write(SampleEvent("one"));
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
     std::filesystem::create_directories(Database());
     EXPECT_EQ(store.Write(SampleEvent("two")), 0);
     EXPECT_EQ(store.InMemory(), 0u);
@@ -389,12 +393,12 @@ TEST_F(EventDatabase, MemoryIsBoundedAndSaysWhatItGivesUp)
 {
     m_work += "/never";
     EventStore store(m_work);
-    ::Test::LogCapture log;
-    testing::internal::CaptureStderr();
+    ::Test::LogCatcher log;
+    ::Test::StandardError standardError;
     const std::size_t extra = EventStore::maxInMemory > 100 ? 0 : 2;
     for (std::size_t i = 0; i < EventStore::maxInMemory + extra && extra > 0; ++i)
         store.Write(SampleEvent("e" + std::to_string(i)));
-    const std::string shown = testing::internal::GetCapturedStderr();
+    const std::string shown = standardError.Text();
     if (extra == 0)
         GTEST_SKIP() << "the limit of this build is large";
     EXPECT_EQ(store.InMemory(), EventStore::maxInMemory);
@@ -408,7 +412,7 @@ TEST_F(EventDatabase, MemoryIsBoundedAndSaysWhatItGivesUp)
 TEST_F(EventDatabase, DamagedDatabaseIsMovedAsideAndANewOneBegins)
 {
     ::Test::WriteFile(Database(), std::string(8192, 'x'));
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EventStore store(m_work);
     EXPECT_EQ(store.Write(SampleEvent("event")), 1);
     EXPECT_EQ(Stored(), "event;");
@@ -423,7 +427,7 @@ TEST_F(EventDatabase, DamagedDatabaseIsMovedAsideAndANewOneBegins)
 
 TEST_F(EventDatabase, DatabasesDamagedWithinOneSecondAreAllKept)
 {
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EventStore store(m_work);
     for (const char letter : {'x', 'y', 'z'}) {
         ::Test::WriteFile(Database(), std::string(8192, letter));
@@ -442,16 +446,16 @@ TEST_F(EventDatabase, DamagedDatabaseThatCannotBeMovedStaysAndTheEventsWait)
     ::Test::WriteFile(Database(), std::string(8192, 'x'));
     EventStore store(m_work);
     {
-        ::Test::LogCapture log;
+        ::Test::LogCatcher log;
+        const ::Test::Restored calls(os::fileCalls);
         os::fileCalls.rename = [](const char*, const char*) { return errno = EACCES, -1; };
         EXPECT_EQ(store.Write(SampleEvent("event")), 0);
-        os::fileCalls = os::systemFileCalls;
         EXPECT_EQ(log.Count(wxLOG_Error, "cannot be moved out of the way"), 1u) << log.All();
         EXPECT_EQ(log.Count(wxLOG_Error, "kept in '" + Pending()), 1u) << log.All();
         EXPECT_EQ(log.Lines().size(), 2u) << log.All();
     }
     EXPECT_EQ(::Test::ReadFile(Database()), std::string(8192, 'x'));
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EXPECT_TRUE(store.StoreKept()) << "what is kept is stored without another event, too";
     EXPECT_EQ(Stored(), "event;");
 }
@@ -466,7 +470,7 @@ TEST_F(EventDatabase, DatabaseThatIsDamagedWhileOpenIsMovedAside)
         const std::string rubbish(8000, '\xAB');
         file.write(rubbish.data(), static_cast<std::streamsize>(rubbish.size()));
     }
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("after")), 1);
     EXPECT_EQ(Stored(), "after;");
     EXPECT_EQ(log.Count(wxLOG_Error, "is damaged"), 1u) << log.All();
@@ -477,7 +481,7 @@ TEST_F(EventDatabase, RemovedOrReplacedDatabaseIsOpenedAnew)
     EventStore store(m_work);
     store.Write(SampleEvent("one"));
     std::filesystem::remove(Database());
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("two")), 1);
     EXPECT_EQ(Stored(), "two;");
     std::filesystem::rename(Database(), Database() + ".old");
@@ -494,7 +498,7 @@ TEST_F(EventDatabase, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
         ASSERT_TRUE(db.Open(Database(), 0));
         ASSERT_TRUE(db.Exec("CREATE TABLE agent_event(something)"));
     }
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EventStore store(m_work);
     EXPECT_EQ(store.Write(SampleEvent("event")), 0);
     EXPECT_TRUE(Exists(Pending()));
@@ -525,7 +529,7 @@ TEST_F(EventDatabase, ReadOnlyFileSystemMeansMemoryThenDatabase)
 TEST_F(EventDatabase, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
 {
     const int status = InOwnMounts([this] {
-        ::Test::LogCapture log;
+        ::Test::LogCatcher log;
         CHILD_CHECK(EventStore(m_work).Write(SampleEvent("one")) == 1);
         // Root may write whatever its mode says.
         if (mount(Database().c_str(), Database().c_str(), nullptr, MS_BIND, nullptr) != 0
@@ -611,8 +615,8 @@ TEST_F(EventDatabase, EachFailingCallLeavesEveryEventExactlyOnce)
         for (int n = 1; hit && n < 300; ++n) {
             ::Test::TempFolder folder(Base());
             m_work = folder.Path();
-            ::Test::LogCapture log;
-            testing::internal::CaptureStderr();
+            ::Test::LogCatcher log;
+            ::Test::StandardError standardError;
             std::filesystem::create_directory(Database());
             EventStore(m_work).Write(SampleEvent("pending")); // so that an import is in the sweep
             std::filesystem::remove(Database());
@@ -624,7 +628,7 @@ TEST_F(EventDatabase, EachFailingCallLeavesEveryEventExactlyOnce)
                 hit = fault.WasHit();
             }
             store.Write(SampleEvent("after"));
-            const std::string shown = testing::internal::GetCapturedStderr();
+            const std::string shown = standardError.Text();
             const std::string all = Stored();
             for (const char* text : {"pending", "in fault", "after"})
                 EXPECT_EQ(CountOf(all, text), 1)
@@ -642,7 +646,7 @@ TEST_F(EventDatabase, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
     for (int n = 1; killed && n < 300; ++n) {
         ::Test::TempFolder folder(Base());
         m_work = folder.Path();
-        ::Test::LogCapture log;
+        ::Test::LogCatcher log;
         std::filesystem::create_directory(Database());
         {
             EventStore store(m_work);
@@ -682,13 +686,13 @@ TEST_F(EventDatabase, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
 TEST_F(EventDatabase, ManyThreadsWriteIntoOneStore)
 {
     EventStore store(m_work);
-    std::vector<std::thread> threads;
+    std::vector<::Test::JoiningThread> threads;
     for (int t = 0; t < 6; ++t)
         threads.emplace_back([&store, t] {
             for (int i = 0; i < 5; ++i)
                 EXPECT_GT(store.Write(SampleEvent(std::to_string(t) + "." + std::to_string(i))), 0);
         });
-    for (std::thread& thread : threads)
+    for (::Test::JoiningThread& thread : threads)
         thread.join();
     const std::string all = Stored();
     EXPECT_EQ(std::count(all.begin(), all.end(), ';'), 30);
@@ -734,10 +738,10 @@ TEST_F(EventDatabase, ForkedChildOpensAConnectionOfItsOwn)
 
 TEST_F(EventDatabase, EventsBeforeTheWorkingFolderIsKnownAreStoredInIt)
 {
-    ::Test::LogCapture log;
-    testing::internal::CaptureStderr();
+    ::Test::LogCatcher log;
+    ::Test::StandardError standardError;
     EXPECT_EQ(GetEventStore("")->Write(SampleEvent("early")), 0);
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
     EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("late")), 2);
     EXPECT_EQ(Stored(), "early;late;");
     CloseEventStores();
@@ -745,7 +749,7 @@ TEST_F(EventDatabase, EventsBeforeTheWorkingFolderIsKnownAreStoredInIt)
 
 TEST_F(EventDatabase, ClosingTheStoresStoresWhatIsKept)
 {
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     std::filesystem::create_directory(Database());
     EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("kept")), 0);
     std::filesystem::remove(Database());
@@ -756,10 +760,10 @@ TEST_F(EventDatabase, ClosingTheStoresStoresWhatIsKept)
 TEST_F(EventDatabase, ClosingTheStoresMovesWhatIsInMemoryToThePendingFile)
 {
     m_work += "/later";
-    ::Test::LogCapture log;
-    testing::internal::CaptureStderr();
+    ::Test::LogCatcher log;
+    ::Test::StandardError standardError;
     EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("one")), 0);
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
     std::filesystem::create_directories(Database()); // no database, but room beside it
     CloseEventStores();
     EXPECT_NE(::Test::ReadFile(Pending()).find("text=\"one\""), std::string::npos);
@@ -772,22 +776,22 @@ TEST_F(EventDatabase, ClosingTheStoresMovesWhatIsInMemoryToThePendingFile)
 
 TEST_F(EventDatabase, EventsThatNothingTookAreCountedWhenTheStoresClose)
 {
-    ::Test::LogCapture log;
-    testing::internal::CaptureStderr();
+    ::Test::LogCatcher log;
+    ::Test::StandardError standardError;
     GetEventStore(m_work + "/never")->Write(SampleEvent("one"));
     GetEventStore(m_work + "/never")->Write(SampleEvent("two"));
     CloseEventStores();
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
     EXPECT_EQ(log.Count(wxLOG_Error, "lost with the process, because nothing took them: 2"), 1u) << log.All();
 }
 
 TEST_F(EventDatabase, WhatIsKeptIsStoredWithoutAnotherEventWhenThereIsRoom)
 {
     m_work += "/later";
-    ::Test::LogCapture log;
-    testing::internal::CaptureStderr();
+    ::Test::LogCatcher log;
+    ::Test::StandardError standardError;
     GetEventStore(m_work)->Write(SampleEvent("one"));
-    testing::internal::GetCapturedStderr();
+    standardError.Text();
     std::filesystem::create_directory(m_work);
     RetryKeptEvents();
     EXPECT_EQ(Stored(), "one;");
@@ -798,7 +802,7 @@ TEST_F(EventDatabase, WhatIsKeptIsStoredWithoutAnotherEventWhenThereIsRoom)
 TEST_F(EventDatabase, AttemptsWithoutAnEventKeepADistance)
 {
     std::filesystem::create_directory(Database());
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     GetEventStore(m_work)->Write(SampleEvent("one"));
     RetryKeptEvents(); // in vain
     std::filesystem::remove(Database());

@@ -1,6 +1,8 @@
 #include "vex_core/log/disk_log.h"
 
 #include "support/child.h"
+#include "support/joining_thread.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 #include "vex_core/os/file_calls.h"
 #include "vex_core/os/file_lock.h"
@@ -171,7 +173,7 @@ DiskLog::Settings Small(std::int64_t maxBytes, int keep)
 
 TEST(LogRecord, HasTimeLevelProcessThreadAndText)
 {
-    ::setenv("TZ", "UTC", 1);
+    const ::Test::Variable zone("TZ", "UTC");
     ::tzset();
     EXPECT_EQ(VexCore::FormatLogRecord(1769854830, "%Y-%m-%d %H:%M:%S", ELogLevel::Warning, 4242, "CScriptThread",
                                        "lib/x.zip: no matches"),
@@ -236,11 +238,10 @@ TEST(DiskLog, RecordIsInTheFileWhenTheCallReturnsAndTookOneWrite)
 TEST(DiskLog, FileIsTheOwnersAlone)
 {
     const TempFolder folder;
-    const mode_t before = ::umask(0);
+    const ::Test::FileModeMask open(0);
     DiskLog log(muchMemory);
     log.SetFile(folder / "x.log");
     log.Write("one\n", false);
-    ::umask(before);
     struct stat status = {};
     ASSERT_EQ(::stat((folder / "x.log").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode, mode_t(S_IFREG | 0600));
@@ -489,6 +490,7 @@ TEST(DiskLog, RecordThatIsStillBeingCopiedByAnotherProcessIsNoPiece)
     log.SetFile(path);
     log.Write("one\n", false); // opens the file; what it ends in now is known to be a piece
     std::ofstream(path, std::ios::app) << "second half,";
+    const ::Test::Restored calls(os::fileCalls);
     os::fileCalls.fstat = [](int descriptor, struct stat* status) {
         os::fileCalls = os::systemFileCalls;
         std::ofstream(path, std::ios::app) << " the rest\n";
@@ -506,6 +508,7 @@ TEST(DiskLog, RecordThatWentBehindAPieceInTheLastMomentIsWrittenAgain)
     DiskLog log(muchMemory);
     log.SetFile(path);
     log.Write("one\n", false);
+    const ::Test::Restored calls(os::fileCalls);
     os::fileCalls.write = [](int descriptor, const void* data, std::size_t size) {
         os::fileCalls = os::systemFileCalls;
         std::ofstream(path, std::ios::app) << "piece"; // after the look at the file, before the write
@@ -785,9 +788,8 @@ TEST(DiskLog, ChildForkedWhileAnotherThreadWritesCanWrite)
     const TempFolder folder;
     DiskLog log(muchMemory);
     log.SetFile(folder / "x.log");
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        while (!done)
+    ::Test::JoiningThread writer([&](const std::atomic<bool>& stop) {
+        while (!stop)
             log.Write("parent\n", false);
     });
     for (int i = 0; i < 30; ++i) {
@@ -802,8 +804,7 @@ TEST(DiskLog, ChildForkedWhileAnotherThreadWritesCanWrite)
         log.AfterForkInParent();
         EXPECT_EQ(WaitFor(child), 0);
     }
-    done = true;
-    writer.join();
+    writer.Stop();
     const Lines lines = LinesOf(ReadFile(folder / "x.log"));
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "child"), 30);
 }
@@ -816,13 +817,13 @@ TEST(DiskLog, ThreadsNeverMixTheirRecords)
     DiskLog log(muchMemory);
     log.SetFile(folder / "x.log");
     log.SetSettings(Small(20000, 1000));
-    std::vector<std::thread> writers;
+    std::vector<::Test::JoiningThread> writers;
     for (int i = 0; i < 4; ++i)
         writers.emplace_back([&, i] {
             for (int n = 0; n < 1000; ++n)
                 log.Write(std::string(std::size_t(10 + n % 90), char('a' + i)) + '\n', false);
         });
-    for (std::thread& writer : writers)
+    for (::Test::JoiningThread& writer : writers)
         writer.join();
     std::size_t count = 0;
     for (const auto& entry : std::filesystem::directory_iterator(folder.Path()))

@@ -2,6 +2,7 @@
 
 #include "support/child.h"
 #include "support/dom_ptr.h"
+#include "support/joining_thread.h"
 #include "support/stranger.h"
 #include "support/temp_folder.h"
 #include "vex/core/crash.h"
@@ -488,7 +489,7 @@ TEST_F(LogToDisk, ManyThreadsLogWithoutLosingALine)
     MakeRoot();
     m_root->SetWx("app.log.size", std::int64_t(20000));
     m_root->SetWx("app.log.count", std::int64_t(1000));
-    std::vector<std::thread> threads;
+    std::vector<::Test::JoiningThread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([] {
             CLog2Disk own;
@@ -499,7 +500,7 @@ TEST_F(LogToDisk, ManyThreadsLogWithoutLosingALine)
             }
             wxLog::SetThreadActiveTarget(before);
         });
-    for (std::thread& thread : threads)
+    for (::Test::JoiningThread& thread : threads)
         thread.join();
     std::size_t count = 0;
     for (const auto& entry : std::filesystem::directory_iterator(m_folder.Path()))

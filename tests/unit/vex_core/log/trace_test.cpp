@@ -1,6 +1,8 @@
 #include "vex/core/log.h"
 
 #include "support/dom_ptr.h"
+#include "support/joining_thread.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 #include "vex_core/log/disk_log.h"
@@ -107,35 +109,42 @@ TEST(Trace, ListsMayChangeWhileOthersAsk)
 {
     const DomPtr dom = NewRoot();
     dom->Set("app.trace+", "Always");
-    std::atomic<bool> done{false};
     std::atomic<int> wrong{0};
-    std::vector<std::thread> askers;
+    std::vector<::Test::JoiningThread> askers;
     for (int i = 0; i < 3; ++i)
-        askers.emplace_back([&] {
-            while (!done)
+        askers.emplace_back([&](const std::atomic<bool>& stop) {
+            while (!stop)
                 if (!LogTraceIsEnabled("Always") || LogTraceIsEnabled("Never"))
                     ++wrong;
         });
     for (int i = 0; i < 2000; ++i)
         dom->Set("app.trace", i % 2 ? "Appl,Cmd" : "Srvc");
-    done = true;
-    for (std::thread& asker : askers)
-        asker.join();
+    for (::Test::JoiningThread& asker : askers)
+        asker.Stop();
     EXPECT_EQ(wrong, 0);
 }
+
+namespace {
+/// While it lives, the log of the process is this one.
+class ProcessLog
+{
+public:
+    explicit ProcessLog(VexCore::DiskLog& log) { VexCore::ReplaceProcessLog(&log); }
+    ~ProcessLog() { VexCore::ReplaceProcessLog(nullptr); }
+};
+
+} // namespace
 
 TEST(Trace, LineHasModuleFunctionPlaceAndMessage)
 {
     const TempFolder folder;
     VexCore::DiskLog log(1 << 16);
     log.SetFile(folder / "x.log");
-    const wxString timeFormat = wxLog::GetTimestamp();
+    const ::Test::LogGuard guard;
     wxLog::SetTimestamp(wxS("%Y-%m-%d %H:%M:%S"));
-    VexCore::ReplaceProcessLog(&log);
+    const ProcessLog processLog(log);
     VexCore::LogTrace("Appl", "vex/apps/vex/vex", 42, "On Exit ", wxString::FromUTF8("message \xC3\xA4 100%"));
     VexCore::LogTrace(nullptr, nullptr, 0, nullptr, wxString());
-    VexCore::ReplaceProcessLog(nullptr);
-    wxLog::SetTimestamp(timeFormat);
     EXPECT_THAT(
         ReadFile(folder / "x.log"),
         testing::MatchesRegex("....-..-.. ..:..:.. TRACE \\[[0-9]+/main\\] Appl OnExit\\(vex/apps/vex/vex:42\\): "

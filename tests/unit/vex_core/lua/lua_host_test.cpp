@@ -1,3 +1,4 @@
+#include "support/process_guards.h"
 #include "support/sanitized.h"
 #include "vex_core/lua/lua_db.h"
 #include "vex_core/lua/lua_host.h"
@@ -372,9 +373,9 @@ TEST_F(HostModules, ACommitStoresTheEventsThatWaitedForRoom)
     const std::string work = m_folder / "later";
     const wxLogNull quiet;
     const auto keep = [&] {
-        testing::internal::CaptureStderr();
+        ::Test::StandardError standardError;
         EXPECT_EQ(GetEventStore(work)->Write(CAgentEvent()), 0);
-        testing::internal::GetCapturedStderr();
+        standardError.Text();
         EXPECT_EQ(GetEventStore(work)->InMemory(), 1u);
     };
     Run("db = assert(require('vex.db').open(folder .. '/x.db')) db:exec('CREATE TABLE t(a)')");

@@ -1,5 +1,7 @@
 #include "vex/core/luainterpreter.h"
 
+#include "support/process_guards.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -421,19 +423,18 @@ TEST_F(Interpreter, OutputOfACoroutineAndOfANestedCallGoesToTheStreamToo)
                   "pcall(function() print('inside pcall') error('x') end) load(\"print('loaded')\")()"),
               0);
     EXPECT_EQ(output, "in a coroutine\nw1\ninside pcall\nloaded\n");
-    ::testing::internal::CaptureStdout();
+    ::Test::StandardOutput standardOutput;
     wxStringInputStream later("print('after')");
     EXPECT_EQ(lua.RunScript(later, 0, 0, "later", nullptr), 0);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "after\n")
-        << "the stream is only for the chunk that it was given for";
+    EXPECT_EQ(standardOutput.Text(), "after\n") << "the stream is only for the chunk that it was given for";
 }
 
 TEST_F(Interpreter, WithoutAStreamOutputIsLuasOwn)
 {
-    ::testing::internal::CaptureStdout();
+    ::Test::StandardOutput standardOutput;
     wxStringInputStream in("print('plain', 1) io.write('w\\n') io.stdout:write('f\\n') io.flush() io.stdout:flush()");
     EXPECT_EQ(lua.RunScript(in, 0, 0, "plain", nullptr), 0);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "plain\t1\nw\nf\n");
+    EXPECT_EQ(standardOutput.Text(), "plain\t1\nw\nf\n");
 }
 
 // --- package paths

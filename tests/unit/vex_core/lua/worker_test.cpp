@@ -58,7 +58,7 @@ protected:
             text += (text.empty() ? "" : " ") + std::string(luaL_tolstring(L, i, nullptr));
         return text;
     }
-    std::string Log() { return std::string(log.Text().utf8_str()); }
+    std::string Log() { return log.Text(); }
 
     ::Test::TempFolder folder;
     CDom* dom;

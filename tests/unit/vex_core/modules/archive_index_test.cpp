@@ -1,6 +1,7 @@
 #include "vex_core/modules/archive_index.h"
 #include "vex_core/modules/name_hash.h"
 
+#include "support/joining_thread.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
 
@@ -123,13 +124,13 @@ TEST_F(IndexedArchive, ManyThreadsOpenAnArchiveOnce)
 {
     ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
     std::vector<std::shared_ptr<ModuleArchive>> seen(8);
-    std::vector<std::thread> threads;
+    std::vector<::Test::JoiningThread> threads;
     for (auto& place : seen)
         threads.emplace_back([&place, this] {
             std::string reason;
             place = ArchiveIndex::Process().Slot(folder / "x.vxe")->Current(ZipLimits(), reason);
         });
-    for (std::thread& thread : threads)
+    for (::Test::JoiningThread& thread : threads)
         thread.join();
     for (const auto& place : seen)
         EXPECT_EQ(place, seen[0]);

@@ -1,5 +1,6 @@
 #include "vex_core/modules/chunk_caches.h"
 
+#include "support/joining_thread.h"
 #include "support/temp_folder.h"
 #include "vex_core/os/folder_calls.h"
 
@@ -314,7 +315,7 @@ TEST_F(CachedChunk, AProcessKilledAtAnyCallLeavesAWholeFile)
 
 TEST_F(CachedChunk, ManyThreadsAndWritersDoNotHurtEachOther)
 {
-    std::vector<std::thread> threads;
+    std::vector<::Test::JoiningThread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([this, t] {
             const auto mine = std::make_shared<ChunkCache>(cacheFolder, key);
@@ -333,7 +334,7 @@ TEST_F(CachedChunk, ManyThreadsAndWritersDoNotHurtEachOther)
                 }
             }
         });
-    for (std::thread& thread : threads)
+    for (::Test::JoiningThread& thread : threads)
         thread.join();
     for (const std::string& name : Names(cacheFolder))
         EXPECT_NE(name.compare(0, 4, "tmp-"), 0) << name;

@@ -3,7 +3,11 @@
 #include "vex_core/modules/chunk_caches.h"
 #include "vex_core/os/folder_calls.h"
 
+#include "support/joining_thread.h"
+#include "support/log_catcher.h"
+#include "support/observed_calls.h"
 #include "support/odd_archives.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
 
@@ -40,24 +44,6 @@ std::string Archive(const Files& files, std::uint16_t method = 8)
         builder.Add(file.first, file.second, method);
     return builder.Build();
 }
-
-/// What the framework's log gets.
-class LogLines : public wxLog
-{
-public:
-    LogLines() : m_previous(wxLog::SetActiveTarget(this)) {}
-    ~LogLines() override { wxLog::SetActiveTarget(m_previous); }
-    std::vector<std::string> lines;
-
-protected:
-    void DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo&) override
-    {
-        lines.push_back(std::to_string(level) + " " + std::string(message.utf8_str()));
-    }
-
-private:
-    wxLog* m_previous;
-};
 
 /// A Lua state as a host prepares it.
 class Lua
@@ -227,7 +213,7 @@ TEST_F(ModuleSearch, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
     EXPECT_EQ(lua.Run(again), "archive");
     std::filesystem::remove(archive);
     {
-        LogLines log;
+        ::Test::LogCatcher log;
         EXPECT_EQ(lua.Run(again), "rest");
     }
 }
@@ -341,18 +327,18 @@ TEST_F(ModuleSearch, ADamagedArchiveIsOneWarningAndPassedOver)
 {
     const std::string bad = AddBytes("bad.vxe", "this is no archive");
     Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}});
-    LogLines log;
+    ::Test::LogCatcher log;
     Lua lua(dom);
     Lua other(dom);
     EXPECT_EQ(lua.Run("return require 'a'"), "a");
     EXPECT_EQ(lua.Run("return require 'b'"), "b");
     EXPECT_EQ(other.Run("return require 'b'"), "b");
-    ASSERT_EQ(log.lines.size(), 1u);
+    ASSERT_EQ(log.Lines().size(), 1u);
     std::string why;
     ASSERT_FALSE(ZipArchive::Open(bad, ZipLimits(), why));
     ASSERT_FALSE(why.empty());
-    EXPECT_EQ(log.lines[0],
-              std::to_string(wxLOG_Warning) + " Lua archive '" + bad + "' is passed over until it changes: " + why);
+    EXPECT_EQ(log.All(), std::to_string(wxLOG_Warning) + " Lua archive '" + bad
+                             + "' is passed over until it changes: " + why + "\n");
     EXPECT_THAT(lua.Run("return require 'c'"), HasSubstr("\n\tno archive '" + bad + "' ("));
 }
 
@@ -364,10 +350,10 @@ TEST_F(ModuleSearch, NothingIsLoadedFromAnArchiveWhoseHeadersBreakAnyRule)
     for (const ::Test::BrokenArchive& broken : ::Test::BrokenArchives()) {
         SCOPED_TRACE(broken.story);
         Replace(path, broken.bytes);
-        LogLines log;
+        ::Test::LogCatcher log;
         EXPECT_EQ(Lua(dom).Run("return require 'lib.a'"), "from the sound archive");
-        ASSERT_EQ(log.lines.size(), 1u);
-        EXPECT_THAT(log.lines[0], HasSubstr(broken.reason));
+        ASSERT_EQ(log.Lines().size(), 1u);
+        EXPECT_THAT(log.Lines()[0].text, HasSubstr(broken.reason));
     }
     Replace(path, ::Test::PlainPackage().Build());
     EXPECT_EQ(Lua(dom).Run("return require 'lib.a'"), "1");
@@ -376,34 +362,34 @@ TEST_F(ModuleSearch, NothingIsLoadedFromAnArchiveWhoseHeadersBreakAnyRule)
 TEST_F(ModuleSearch, ADamagedArchiveIsUsedOnceItIsWhole)
 {
     const std::string path = AddBytes("x.vxe", "this is no archive");
-    LogLines log;
+    ::Test::LogCatcher log;
     Lua lua(dom);
     EXPECT_THAT(lua.Run("return require 'a'"), StartsWith("error"));
     Replace(path, Archive({{"a.lua", "return 'a'"}}));
     EXPECT_EQ(lua.Run("return require 'a'"), "a");
-    EXPECT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.Lines().size(), 1u);
 }
 
 TEST_F(ModuleSearch, AnArchiveDamagedAnewIsWarnedOfAnew)
 {
     const std::string path = AddBytes("x.vxe", "this is no archive");
-    LogLines log;
+    ::Test::LogCatcher log;
     Lua lua(dom);
     lua.Run("return require 'a'");
     Replace(path, "nor is this");
     lua.Run("return require 'a'");
     lua.Run("return require 'a'");
-    EXPECT_EQ(log.lines.size(), 2u);
+    EXPECT_EQ(log.Lines().size(), 2u);
 }
 
 TEST_F(ModuleSearch, AMissingArchiveIsPassedOverUntilItAppears)
 {
     const std::string path = folder / "x.vxe";
     dom->Set("app.lua.zippath", path);
-    LogLines log;
+    ::Test::LogCatcher log;
     Lua lua(dom);
     EXPECT_THAT(lua.Run("return require 'a'"), StartsWith("error"));
-    EXPECT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.Lines().size(), 1u);
     Replace(path, Archive({{"a.lua", "return 'a'"}}));
     EXPECT_EQ(lua.Run("return require 'a'"), "a");
 }
@@ -414,9 +400,9 @@ TEST_F(ModuleSearch, AnArchiveThatIsAFifoOrAFolderIsPassedOver)
     std::filesystem::create_directory(folder / "folder.vxe");
     dom->Set("app.lua.zippath", (folder / "fifo.vxe") + ";" + (folder / "folder.vxe"));
     Add("x.vxe", {{"a.lua", "return 'a'"}});
-    LogLines log;
+    ::Test::LogCatcher log;
     EXPECT_EQ(Lua(dom).Run("return require 'a'"), "a");
-    EXPECT_EQ(log.lines.size(), 2u);
+    EXPECT_EQ(log.Lines().size(), 2u);
 }
 
 TEST_F(ModuleSearch, AnArchiveReplacedOnDiskIsOpenedAnew)
@@ -642,7 +628,7 @@ TEST_F(ModuleSearch, ManyThreadsLoadFromTheSameArchivesWhileTheyAreReplaced)
     const std::string x = Add("x.vxe", {{"other.lua", "return 1"}});
     const std::string y = Add("y.vxe", files);
     std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
+    std::vector<::Test::JoiningThread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&] {
             for (int round = 0; round < 3; ++round) {
@@ -656,7 +642,7 @@ TEST_F(ModuleSearch, ManyThreadsLoadFromTheSameArchivesWhileTheyAreReplaced)
         Replace(x, Archive({{"other" + std::to_string(i) + ".lua", "return 1"}}));
         Replace(y, Archive(files));
     }
-    for (std::thread& thread : threads)
+    for (::Test::JoiningThread& thread : threads)
         thread.join();
     EXPECT_EQ(wrong, 0);
 }
@@ -666,7 +652,7 @@ TEST_F(ModuleSearch, AnArchiveIsOpenedOnceForAllInterpreters)
     const std::vector<std::string> both = {Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}}),
                                            Add("y.vxe", {{"c.lua", "return 'c'"}})};
     g_opened.clear();
-    os::SetCallObserver(NoteCall);
+    const ::Test::ObservedCalls observed(NoteCall);
     {
         Lua one(dom);
         Lua two(dom);
@@ -674,7 +660,6 @@ TEST_F(ModuleSearch, AnArchiveIsOpenedOnceForAllInterpreters)
         EXPECT_EQ(two.Run("return require 'c' .. require 'b'"), "cb");
     }
     EXPECT_EQ(Lua(dom).Run("return require 'b' .. require 'a'"), "ba");
-    os::SetCallObserver(nullptr);
     EXPECT_EQ(g_opened, both);
 }
 
@@ -683,10 +668,10 @@ TEST_F(ModuleSearch, ALimitOfArchivesCountsHereToo)
     dom->SetWx("app.unzip.maxentries", std::int64_t(1));
     Add("x.vxe", {{"a.lua", "return 'x'"}, {"b.lua", "return 'x'"}});
     Add("y.vxe", {{"a.lua", "return 'y'"}});
-    LogLines log;
+    ::Test::LogCatcher log;
     Lua lua(dom);
     EXPECT_EQ(lua.Run("return require 'a'"), "y");
-    EXPECT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.Lines().size(), 1u);
 
     // What is on the path next is opened by the limits of now, not by those of a second ago.
     dom->SetWx("app.unzip.maxentries", std::int64_t(2));
@@ -695,7 +680,7 @@ TEST_F(ModuleSearch, ALimitOfArchivesCountsHereToo)
     Add("z.vxe", {{"a.lua", "return 'more than ten bytes'"}});
     Add("short.vxe", {{"a.lua", "return 1"}});
     EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), "1");
-    EXPECT_EQ(log.lines.size(), 2u);
+    EXPECT_EQ(log.Lines().size(), 2u);
 }
 
 TEST_F(ModuleSearch, FiveHundredArchivesAreOpenedOnceEach)
@@ -863,12 +848,12 @@ TEST_F(ModuleSearch, NoModuleIsUnpackedToDisk)
                   {"big.lua", "return #'" + std::string(200000, 'x') + "'"}});
     Add("bin/vex_core/y.vxe", {{"c.lua", Dumped("return 'c'")}});
     const std::vector<std::string> before = WholeTree(folder.Path());
-    ::setenv("TMPDIR", (folder / "work").c_str(), 1);
+    const ::Test::Variable temporaries("TMPDIR", folder / "work");
     g_calls.clear();
-    os::SetCallObserver(NoteCall);
-    EXPECT_EQ(Lua(dom).Run("return require 'a' .. require 'b' .. require 'big' .. require 'c'"), "ab200000c");
-    os::SetCallObserver(nullptr);
-    ::unsetenv("TMPDIR");
+    {
+        const ::Test::ObservedCalls observed(NoteCall);
+        EXPECT_EQ(Lua(dom).Run("return require 'a' .. require 'b' .. require 'big' .. require 'c'"), "ab200000c");
+    }
     EXPECT_THAT(g_calls, testing::Contains("pread"));
     EXPECT_THAT(g_calls, testing::Each(testing::AnyOf("stat", "open", "fstat", "pread", "close")));
     EXPECT_EQ(WholeTree(folder.Path()), before);

@@ -1,7 +1,9 @@
 #include "vex/core/execute.h"
 
 #include "support/child.h"
-#include "support/log_capture.h"
+#include "support/joining_thread.h"
+#include "support/log_catcher.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 
 #include <chrono>
@@ -86,7 +88,7 @@ void CountSignal(int)
 
 TEST(HelperProgram, CapturesBothStreamsInTheirOrder)
 {
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     const Result result = Shell("echo one; echo two >&2; echo three");
     EXPECT_TRUE(result.ran);
     EXPECT_EQ(result.code, 0);
@@ -103,7 +105,7 @@ TEST(HelperProgram, ArgumentsArriveUntouchedByAnyShell)
 
 TEST(HelperProgram, ExitCodeIsOneWarningAndStillTrue)
 {
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     const Result result = Shell("exit 3");
     EXPECT_TRUE(result.ran);
     EXPECT_EQ(result.code, 3);
@@ -113,7 +115,7 @@ TEST(HelperProgram, ExitCodeIsOneWarningAndStillTrue)
 
 TEST(HelperProgram, SignalIsOneWarningAndCode128PlusItsNumber)
 {
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     const Result result = Shell("kill -9 $$");
     EXPECT_TRUE(result.ran);
     EXPECT_EQ(result.code, 128 + SIGKILL);
@@ -124,7 +126,7 @@ TEST(HelperProgram, SignalIsOneWarningAndCode128PlusItsNumber)
 TEST(HelperProgram, ProgramThatCannotStartIsFalseWithReason)
 {
     ::Test::TempFolder folder;
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     const std::string plain = folder / "plain";
     ::Test::WriteFile(plain, "#!/bin/sh\n");
     chmod(plain.c_str(), 0644);
@@ -210,16 +212,16 @@ TEST(HelperProgram, ProgramStartsWithDefaultDispositionsAndEmptyMask)
 {
     DispositionKept ignored(SIGTERM, SIG_IGN);
     DispositionKept ignoredPipe(SIGPIPE, SIG_IGN);
+    const ::Test::SignalGuard signals;
     sigset_t blocked;
-    sigset_t before;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGUSR1);
     sigaddset(&blocked, SIGCHLD);
-    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     const std::string mask = StatusLine("SigBlk");
     const std::string ignoredSet = StatusLine("SigIgn");
     sigset_t after;
-    pthread_sigmask(SIG_SETMASK, &before, &after);
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
     EXPECT_EQ(mask, "SigBlk:\t0000000000000000\n");
     EXPECT_EQ(ignoredSet, "SigIgn:\t0000000000000000\n");
     EXPECT_EQ(sigismember(&after, SIGUSR1), 1) << "our own mask is as it was";
@@ -230,7 +232,7 @@ TEST(HelperProgram, ProgramStartsWithDefaultDispositionsAndEmptyMask)
 
 TEST(HelperProgram, WorksWhileSigchldIsIgnored)
 {
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     DispositionKept ignored(SIGCHLD, SIG_IGN);
     const Result result = Shell("echo here; exit 5");
     EXPECT_TRUE(result.ran);
@@ -242,16 +244,15 @@ TEST(HelperProgram, WorksWhileSigchldIsIgnored)
 
 TEST(HelperProgram, WorksWhileSigchldIsBlocked)
 {
+    const ::Test::SignalGuard signals;
     sigset_t blocked;
-    sigset_t before;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGCHLD);
-    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     const Result result = Shell("echo here");
     // Ours stays pending: take it, so that it does not come over a later test.
     const struct timespec none = {0, 0};
     sigtimedwait(&blocked, nullptr, &none);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
     EXPECT_EQ(result.output, "here\n");
 }
 
@@ -275,7 +276,7 @@ TEST(HelperProgram, ProgramThatClosesItsStreamsIsStillWaitedFor)
 TEST(HelperProgram, TimeLimitKillsTheWholeGroup)
 {
     ::Test::TempFolder folder;
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     const auto start = std::chrono::steady_clock::now();
     const Result result = Shell("echo early; (sleep 1; touch " + (folder / "late") + ") & sleep 20", 300);
     EXPECT_LT(ElapsedMs(start), 5000);
@@ -302,8 +303,8 @@ TEST(HelperProgram, ProgramWhoseStatusSomebodyElseTookIsFalseWithReason)
 {
     ::Test::TempFolder folder;
     const DispositionKept restored(SIGCHLD, SIG_DFL);
-    std::thread somebody([&] {
-        while (!std::filesystem::exists(folder / "runs"))
+    ::Test::JoiningThread somebody([&](const std::atomic<bool>& stop) {
+        while (!stop && !std::filesystem::exists(folder / "runs"))
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         ::signal(SIGCHLD, SIG_IGN);
         ::Test::WriteFile(folder / "go", "");
@@ -334,7 +335,7 @@ TEST(HelperProgram, SignalHandlersOfOursRunWhileItWaits)
     handled = 0;
     DispositionKept handler(SIGUSR2, CountSignal); // without SA_RESTART: calls are interrupted
     const pthread_t self = pthread_self();
-    std::thread sender([self] {
+    ::Test::JoiningThread sender([self] {
         for (int i = 0; i < 5; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(40));
             pthread_kill(self, SIGUSR2);
@@ -349,7 +350,7 @@ TEST(HelperProgram, SignalHandlersOfOursRunWhileItWaits)
 
 TEST(HelperProgram, ManyThreadsAtOnce)
 {
-    std::vector<std::thread> threads;
+    std::vector<::Test::JoiningThread> threads;
     std::atomic<int> good{0};
     for (int t = 0; t < 8; ++t)
         threads.emplace_back([&good, t] {
@@ -359,7 +360,7 @@ TEST(HelperProgram, ManyThreadsAtOnce)
                     ++good;
             }
         });
-    for (std::thread& thread : threads)
+    for (::Test::JoiningThread& thread : threads)
         thread.join();
     EXPECT_EQ(good, 40);
 }

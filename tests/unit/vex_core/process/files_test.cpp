@@ -1,5 +1,7 @@
 #include "vex/core/files.h"
 
+#include "support/log_catcher.h"
+#include "support/observed_calls.h"
 #include "support/temp_folder.h"
 #include "vex_core/os/folder_calls.h"
 #include "vex_core/process/files_p.h"
@@ -15,30 +17,12 @@
 #include <wx/log.h>
 #include <wx/string.h>
 
+using Test::LogCatcher;
 using Test::TempFolder;
 using Test::WriteFile;
 using VexCore::SecureFileOrDirectory;
 
 namespace {
-/// Keeps what is logged while it lives.
-class LogCatcher : public wxLog
-{
-public:
-    LogCatcher() : m_before(wxLog::SetActiveTarget(this)) {}
-    ~LogCatcher() override { wxLog::SetActiveTarget(m_before); }
-    const std::vector<std::string>& Lines() const { return m_lines; }
-
-protected:
-    void DoLogRecord(wxLogLevel, const wxString& message, const wxLogRecordInfo&) override
-    {
-        m_lines.emplace_back(message.utf8_str());
-    }
-
-private:
-    wxLog* m_before;
-    std::vector<std::string> m_lines;
-};
-
 mode_t ModeOf(const std::string& path)
 {
     struct stat status = {};
@@ -124,9 +108,8 @@ TEST(SecuredFile, SymbolicLinkIsRefusedAndItsTargetLeftAlone)
     EXPECT_EQ(ModeOf(folder / "target"), mode_t(0755));
     EXPECT_EQ(ModeOf(folder / "target/x"), mode_t(0644));
     ASSERT_EQ(log.Lines().size(), 2u);
-    EXPECT_EQ("Can't restrict the access rights of " + (folder / "link")
-                  + " (error 40: Too many levels of symbolic links)",
-              log.Lines()[0]);
+    EXPECT_EQ(log.Lines()[0].text, "Can't restrict the access rights of " + (folder / "link")
+                                       + " (error 40: Too many levels of symbolic links)");
 }
 
 TEST(SecuredFile, LinkBelowIsRefusedAndTheRestSecured)
@@ -153,13 +136,14 @@ TEST(SecuredFile, FailureIsOneLineThatNamesTheFile)
     MakeFile(folder / "d/bad", 0644);
     MakeFile(folder / "d/good", 0644);
     const LogCatcher log;
-    VexCore::os::SetCallObserver(FailChmod);
-    EXPECT_FALSE(Secure(folder / "d", true));
-    VexCore::os::SetCallObserver(nullptr);
+    {
+        const ::Test::ObservedCalls observed(FailChmod);
+        EXPECT_FALSE(Secure(folder / "d", true));
+    }
     EXPECT_EQ(ModeOf(folder / "d/good"), mode_t(0600));
     ASSERT_EQ(log.Lines().size(), 1u);
-    EXPECT_EQ("Can't restrict the access rights of " + (folder / "d/bad") + " (error 1: Operation not permitted)",
-              log.Lines()[0]);
+    EXPECT_EQ(log.Lines()[0].text,
+              "Can't restrict the access rights of " + (folder / "d/bad") + " (error 1: Operation not permitted)");
     EXPECT_FALSE(Secure(folder / "missing", false));
     EXPECT_FALSE(Secure("", false));
     EXPECT_EQ(log.Lines().size(), 3u);

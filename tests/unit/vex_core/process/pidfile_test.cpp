@@ -3,7 +3,9 @@
 #include "vex_core/process/pidfile_p.h"
 
 #include "support/fail_nth.h"
-#include "support/log_capture.h"
+#include "support/joining_thread.h"
+#include "support/log_catcher.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 
 #include <atomic>
@@ -70,11 +72,9 @@ TEST_F(PidFile, WrittenFileNamesThisProcess)
 TEST_F(PidFile, ModeIs0644WhateverTheUmask)
 {
     for (const mode_t mask : {0u, 022u, 077u, 0777u}) {
-        const mode_t before = umask(mask);
-        const bool written = Write();
-        umask(before);
+        const ::Test::FileModeMask restricted(mask);
         struct stat status;
-        ASSERT_TRUE(written);
+        ASSERT_TRUE(Write());
         ASSERT_EQ(stat(m_path.c_str(), &status), 0);
         EXPECT_EQ(status.st_mode & 07777u, 0644u) << mask;
     }
@@ -168,7 +168,7 @@ TEST_F(PidFile, FolderIsNobodyAndIsNotReplaced)
 {
     ASSERT_EQ(mkdir(m_path.c_str(), 0755), 0);
     EXPECT_EQ(Read(), 0);
-    ::Test::LogCapture log;
+    ::Test::LogCatcher log;
     EXPECT_FALSE(Write());
     EXPECT_EQ(log.Count(wxLOG_Error, "Unable to write the pid file '" + m_path + "'"), 1u) << log.All();
     EXPECT_EQ(log.Lines().size(), 1u) << log.All();
@@ -210,7 +210,7 @@ TEST_F(PidFile, EachFailingCallLeavesTheOldFileAndNoTemporary)
     ::Test::WriteFile(m_path, "4242\n");
     int failures = 0;
     for (int n = 1; n < 100; ++n) {
-        ::Test::LogCapture log;
+        ::Test::LogCatcher log;
         ::Test::FailNth fault(n, ENOSPC);
         const bool written = Write();
         fault.Stop();
@@ -234,9 +234,8 @@ TEST_F(PidFile, EachFailingCallLeavesTheOldFileAndNoTemporary)
 
 TEST_F(PidFile, ReaderNeverSeesAPartialFile)
 {
-    std::atomic<bool> stop{false};
     ASSERT_TRUE(Write());
-    std::thread writer([this, &stop] {
+    ::Test::JoiningThread writer([this](const std::atomic<bool>& stop) {
         while (!stop)
             Write();
     });
@@ -245,8 +244,7 @@ TEST_F(PidFile, ReaderNeverSeesAPartialFile)
             ADD_FAILURE() << "read " << i;
             break;
         }
-    stop = true;
-    writer.join();
+    writer.Stop();
 }
 
 TEST(PidFileText, StartTimeIsOptional)

@@ -1,3 +1,5 @@
+#include "support/joining_thread.h"
+#include "support/process_guards.h"
 #include "support/sanitized.h"
 #include "vex/core/runnable.h"
 
@@ -100,7 +102,7 @@ TEST(Runnable, JoinWithATimeLimitTellsWhetherTheBodyEnded)
 TEST(Runnable, SecondStartIsRefusedAndLeavesTheThreadItsLog)
 {
     ::Test::LogCatcher log;
-    wxLog* const before = wxLog::SetActiveTarget(new VexCore::CLog2Disk);
+    const ::Test::LogTarget disk(new VexCore::CLog2Disk);
     Gate gate;
     Body body([&](Body&) {
         gate.Pass();
@@ -112,7 +114,6 @@ TEST(Runnable, SecondStartIsRefusedAndLeavesTheThreadItsLog)
     gate.Open();
     body.join();
     EXPECT_FALSE(body.start(50, true, 0)) << "nor does it start again";
-    delete wxLog::SetActiveTarget(before);
 }
 
 TEST(Runnable, SeveralThreadsMayJoin)
@@ -120,11 +121,11 @@ TEST(Runnable, SeveralThreadsMayJoin)
     Gate gate;
     Body body([&](Body&) { gate.Pass(); });
     ASSERT_TRUE(body.start(50, true, 0));
-    std::vector<std::thread> joiners;
+    std::vector<::Test::JoiningThread> joiners;
     for (int i = 0; i < 4; ++i)
         joiners.emplace_back([&] { EXPECT_TRUE(body.join()); });
     gate.Open();
-    for (std::thread& joiner : joiners)
+    for (::Test::JoiningThread& joiner : joiners)
         joiner.join();
 }
 
@@ -207,9 +208,10 @@ TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
 
 TEST(Runnable, InterruptEndsABlockingCall)
 {
-    struct sigaction before = {}, nothing = {};
+    const ::Test::SignalGuard signals;
+    struct sigaction nothing = {};
     nothing.sa_handler = [](int) {};
-    ASSERT_EQ(sigaction(CRunnable::SigThreadDelete, &nothing, &before), 0);
+    ASSERT_EQ(sigaction(CRunnable::SigThreadDelete, &nothing, nullptr), 0);
     EXPECT_EQ(CRunnable::SigThreadDelete, SIGRTMIN + 4);
 
     Body body([&](Body& self) {
@@ -224,7 +226,6 @@ TEST(Runnable, InterruptEndsABlockingCall)
     while (!body.join(20)) // the signal may come just before the call
         body.interrupt();
     body.interrupt(); // ended: nothing happens
-    sigaction(CRunnable::SigThreadDelete, &before, nullptr);
 }
 
 #ifdef __GLIBC__

@@ -1,5 +1,7 @@
 // Unzip against real folders: what ends where, what a broken archive or destination changes (nothing), and what every failing
 // call and every kind of race leaves behind.
+#include "support/joining_thread.h"
+#include "support/process_guards.h"
 #include "support/sanitized.h"
 #include "vex/core/dom.h"
 #include "vex/core/unzip.h"
@@ -7,7 +9,7 @@
 #include "vex_core/os/folder_calls.h"
 
 #include "support/dom_ptr.h"
-#include "support/log_capture.h"
+#include "support/log_catcher.h"
 #include "support/odd_archives.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
@@ -124,7 +126,7 @@ protected:
     std::string m_root = m_folder / "root";
     std::string m_archive = m_folder / "x.vxp";
     std::vector<Seen> m_seen;
-    std::optional<LogCapture> m_log{std::in_place}; // of the latest run
+    std::optional<LogCatcher> m_log{std::in_place}; // of the latest run
 
     void SetUp() override { fs::create_directory(m_root); }
 };
@@ -167,10 +169,8 @@ TEST_F(Unzipping, ModesAre0755WithAnyExecuteBitElse0644AndTheUmaskDoesNotMatter)
     builder.Add("none", "x", 8, 0);
     builder.Add("made/on/the/way", "x");
     builder.AddFolder("folder/", 0040700);
-    const mode_t before = ::umask(077);
-    const bool done = Run(builder);
-    ::umask(before);
-    ASSERT_TRUE(done);
+    const FileModeMask restricted(077);
+    ASSERT_TRUE(Run(builder));
     EXPECT_EQ(Mode("plain"), 0644u);
     EXPECT_EQ(Mode("open"), 0644u);
     EXPECT_EQ(Mode("group"), 0755u);
@@ -376,11 +376,9 @@ TEST_F(Unzipping, DestinationMayBeNamedWithoutALastSlashOrFromTheCurrentFolder)
     const auto yes = [](void*, const wxZipEntry*, const wxString*) { return true; };
     EXPECT_TRUE(Unzip(wxFileName(wxString::FromUTF8(m_archive)), wxFileName(wxString::FromUTF8(m_root)), yes, nullptr));
     EXPECT_TRUE(fs::exists(m_root + "/bin/tool"));
-    const fs::path before = fs::current_path();
-    fs::current_path(m_folder.Path());
+    const CurrentFolder current(m_folder.Path());
     fs::create_directory("second");
     EXPECT_TRUE(Unzip(wxFileName("x.vxp"), wxFileName::DirName("second"), yes, nullptr));
-    fs::current_path(before);
     EXPECT_TRUE(fs::exists(m_folder / "second/bin/tool"));
 }
 
@@ -837,10 +835,9 @@ TEST_F(UnzippingUnderFaults, TemporaryFilesLieBesideTheirFilesAndAreTheOwnersAlo
                 << "the mode comes first";
         }
     };
-    const mode_t before = ::umask(0);
+    const FileModeMask open(0);
     const Observed observed(plan);
     EXPECT_TRUE(Run());
-    ::umask(before);
     EXPECT_EQ(written, 10) << "nine files and the list of where they may be";
     EXPECT_EQ(renames, 9);
 }
@@ -955,7 +952,7 @@ TEST_F(UnzippingUnderFaults, FolderSwappedForASymbolicLinkAThousandTimesLetsNoth
     fs::create_directory(outside);
     const auto untouched = fs::last_write_time(outside); // a temporary file that came and went would show here
     std::atomic<bool> over{false};
-    std::thread swapper([&] {
+    ::Test::JoiningThread swapper([&] {
         for (int i = 0; i < 1000; ++i) {
             const std::string victim = m_root + (i % 2 ? "/new" : "/lib");
             const std::string aside = m_root + "/aside";

@@ -2,6 +2,7 @@
 #include "vex_core/zip/zip_reader.h"
 #include "vex_core/zip/zip_names.h"
 
+#include "support/joining_thread.h"
 #include "support/odd_archives.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
@@ -278,13 +279,13 @@ TEST_F(ZipReader, ThreadsReadOneArchiveAtTheSameTime)
     ZipBuilder builder = PlainPackage();
     builder.Add("big", std::string(1 << 20, 'b'));
     const auto archive = Open(builder);
-    std::vector<std::thread> threads;
+    std::vector<::Test::JoiningThread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([&] {
             for (int round = 0; round < 20; ++round)
                 EXPECT_EQ(ReadAll(*archive), "");
         });
-    for (std::thread& thread : threads)
+    for (::Test::JoiningThread& thread : threads)
         thread.join();
 }
 
