@@ -2,7 +2,7 @@
 
 #include "vex/apps/vex/vex.h"
 
-#include "vex/apps/vex/version.h"
+#include "vex/apps/vex/package_name.h"
 
 #include <cstdint>
 #include <cstdlib>

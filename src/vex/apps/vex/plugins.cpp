@@ -4,7 +4,7 @@
 
 #include "vex/apps/vex/vex.h"
 
-#include "vex/apps/vex/version.h"
+#include "vex/apps/vex/package_name.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/agentevent.h"

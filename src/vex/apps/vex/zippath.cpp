@@ -1,13 +1,13 @@
 // The list of Lua archives: core archives, those that the command line names, and the extensions whose version file fits. Script
-// thread, once, before the interpreter exists. How the archives are searched is the core library's.
+// thread, once, before the interpreter exists. What a version file says is read in version_file.cpp; how the archives are
+// searched is the core library's.
 
 #include "vex/apps/vex/vex.h"
 
+#include "vex/apps/vex/version_file.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/dom.h"
-
-#include <limits>
 
 #include <wx/arrstr.h>
 #include <wx/dir.h>
@@ -74,191 +74,6 @@ wxArrayString FindArchives(const wxFileName& pattern)
     return files;
 }
 
-// --- version files
-
-// Takes a version file apart as it comes in, so that neither the length of the file nor that of a line matters. Finds the first
-// line that begins with "version:" and reads four numbers behind it as the scan format "%d.%d.%d-%d" would.
-class VersionLine
-{
-public:
-    enum class EResult { NoLine, Malformed, WellFormed };
-
-    /// Takes one character. False when the answer is known.
-    bool Feed(char32_t c);
-    /// The answer; at the end of the file at the latest.
-    EResult Finish();
-    const int* Fields() const { return m_fields; }
-
-private:
-    bool FeedNumber(char32_t c);
-    bool EndNumber(char32_t c);
-
-    enum class EState { Prefix, OtherLine, Blanks, Digits, Done };
-    EState m_state = EState::Prefix;
-    std::size_t m_matched = 0; // characters of the prefix
-    int m_field = 0;
-    bool m_signed = false; // a sign was read
-    bool m_negative = false;
-    bool m_hasDigits = false;
-    std::int64_t m_value = 0; // without its sign; stays put once it is too large for a field
-    int m_fields[4] = {};
-    EResult m_result = EResult::NoLine;
-};
-
-bool VersionLine::Feed(char32_t c)
-{
-    static const char prefix[] = "version:";
-    const bool lineEnd = c == '\n' || c == '\r';
-    switch (m_state) {
-    case EState::Prefix:
-        if (lineEnd) {
-            m_matched = 0;
-        } else if (c != static_cast<unsigned char>(prefix[m_matched])) {
-            m_state = EState::OtherLine;
-        } else if (prefix[++m_matched] == '\0') {
-            m_state = EState::Blanks;
-            m_result = EResult::Malformed; // until the fourth number has been read
-        }
-        return true;
-    case EState::OtherLine:
-        if (lineEnd) {
-            m_state = EState::Prefix;
-            m_matched = 0;
-        }
-        return true;
-    case EState::Blanks:
-        if (!m_signed && (c == ' ' || c == '\t' || c == '\v' || c == '\f'))
-            return true;
-        if (!m_signed && (c == '-' || c == '+')) {
-            m_signed = true;
-            m_negative = c == '-';
-            return true;
-        }
-        m_state = EState::Digits;
-        return FeedNumber(c);
-    case EState::Digits:
-        return FeedNumber(c);
-    case EState::Done:
-        break;
-    }
-    return false;
-}
-
-bool VersionLine::FeedNumber(char32_t c)
-{
-    constexpr std::int64_t enough = static_cast<std::int64_t>(1) << 40;
-    if (c >= '0' && c <= '9') {
-        m_hasDigits = true;
-        if (m_value < enough)
-            m_value = m_value * 10 + static_cast<std::int64_t>(c - '0');
-        return true;
-    }
-    return EndNumber(c);
-}
-
-// The number ends before `c`, which must be what stands between the numbers.
-bool VersionLine::EndNumber(char32_t c)
-{
-    static const char separators[] = "..-";
-    const std::int64_t value = m_negative ? -m_value : m_value;
-    m_state = EState::Done;
-    // A number that an int cannot hold is no version; the framework's scan would wrap it around.
-    if (!m_hasDigits || value < std::numeric_limits<int>::min() || value > std::numeric_limits<int>::max())
-        return false;
-    m_fields[m_field] = static_cast<int>(value);
-    if (m_field == 3) {
-        m_result = EResult::WellFormed; // whatever follows
-        return false;
-    }
-    if (c != static_cast<unsigned char>(separators[m_field]))
-        return false;
-    ++m_field;
-    m_signed = m_negative = m_hasDigits = false;
-    m_value = 0;
-    m_state = EState::Blanks;
-    return true;
-}
-
-VersionLine::EResult VersionLine::Finish()
-{
-    if (m_state == EState::Digits)
-        EndNumber('\n');
-    return m_result;
-}
-
-// Turns bytes into characters as far as a version line needs it: the width of a character and the order of its bytes come from
-// the mark at the start. Without a mark every byte stands for itself, which is right for all that is ASCII.
-class Characters
-{
-public:
-    /// The first bytes of a file, as many as there are up to four. Answers how many of them are the mark.
-    std::size_t SetMark(const unsigned char* bytes, std::size_t count);
-    /// Takes one byte; true when it completes a character.
-    bool Feed(unsigned char byte, char32_t& character);
-
-private:
-    unsigned m_width = 1; // bytes of a character
-    bool m_bigEndian = false;
-    unsigned m_count = 0; // bytes of the character that were read
-    char32_t m_character = 0;
-};
-
-std::size_t Characters::SetMark(const unsigned char* bytes, std::size_t count)
-{
-    struct Mark
-    {
-        std::size_t size;
-        unsigned char bytes[4];
-        unsigned width;
-        bool bigEndian;
-    };
-    // The mark of 16 bits little-endian begins that of 32 bits: the longer ones stand first.
-    static const Mark marks[] = {
-        {4, {0xFF, 0xFE, 0, 0}, 4, false}, {4, {0, 0, 0xFE, 0xFF}, 4, true}, {3, {0xEF, 0xBB, 0xBF, 0}, 1, false},
-        {2, {0xFF, 0xFE, 0, 0}, 2, false}, {2, {0xFE, 0xFF, 0, 0}, 2, true},
-    };
-    for (const Mark& mark : marks) {
-        if (count >= mark.size && std::equal(mark.bytes, mark.bytes + mark.size, bytes)) {
-            m_width = mark.width;
-            m_bigEndian = mark.bigEndian;
-            return mark.size;
-        }
-    }
-    return 0;
-}
-
-bool Characters::Feed(unsigned char byte, char32_t& character)
-{
-    m_character = m_bigEndian ? m_character << 8 | byte : m_character | static_cast<char32_t>(byte) << (8 * m_count);
-    if (++m_count < m_width)
-        return false;
-    character = m_character;
-    m_character = 0;
-    m_count = 0;
-    return true;
-}
-
-// Feeds the whole stream, in blocks. What lies behind the limit is not looked at: no version file is that long, and a file
-// with holes can pretend any length.
-VersionLine::EResult ReadVersionLine(wxInputStream& stream, VersionLine& line)
-{
-    constexpr std::size_t maxBytes = static_cast<std::size_t>(256) << 20;
-    constexpr std::size_t blockBytes = 64 << 10;
-    std::vector<unsigned char> block(blockBytes);
-    Characters characters;
-    for (std::size_t total = 0; total < maxBytes; total += blockBytes) {
-        const std::size_t count = stream.Read(block.data(), block.size()).LastRead();
-        std::size_t i = total == 0 ? characters.SetMark(block.data(), count) : 0;
-        char32_t character = 0;
-        for (; i < count; ++i)
-            if (characters.Feed(block[i], character) && !line.Feed(character))
-                return line.Finish();
-        if (count < block.size())
-            break;
-    }
-    return line.Finish();
-}
-
 } // namespace
 
 void Tokenize(std::vector<wxString>& list, const wxString& text, const wxString& delimiters)
@@ -285,26 +100,25 @@ bool CAgentApp::ExtensionVersionIsOK(const wxString& archive)
         return false;
     }
     wxFFileInputStream stream(file, "rb");
-    VersionLine line;
-    const VersionLine::EResult result = stream.IsOk() ? ReadVersionLine(stream, line) : VersionLine::EResult::NoLine;
-    if (result == VersionLine::EResult::NoLine) {
+    const FileVersion version = stream.IsOk() ? ReadVersionFile(stream) : FileVersion();
+    if (version.line == FileVersion::ELine::Missing) {
         wxLogWarning("File '%s' does not contain a 'version:' line. Extension '%s' will not be enabled.", file,
                      archive);
         return false;
     }
     // The wording differs from the one above on purpose.
-    if (result == VersionLine::EResult::Malformed) {
+    if (version.line == FileVersion::ELine::Malformed) {
         wxLogWarning(
             "File '%s' did not contain a properly formatted 'version:' line. Extension '%s' will not be enabled.", file,
             archive);
         return false;
     }
     // The build, the fourth number, must be there and is not compared, on purpose.
-    const int* const version = line.Fields();
-    if (version[0] == VEX_VERSION_MAJOR && version[1] == VEX_VERSION_MINOR && version[2] == VEX_VERSION_PATCH)
+    const int* const numbers = version.numbers;
+    if (numbers[0] == VEX_VERSION_MAJOR && numbers[1] == VEX_VERSION_MINOR && numbers[2] == VEX_VERSION_PATCH)
         return true;
     wxLogWarning("Ignoring extension '%s' since its version (%d.%d.%d) doesn't match ours (%d.%d.%d)", archive,
-                 version[0], version[1], version[2], VEX_VERSION_MAJOR, VEX_VERSION_MINOR, VEX_VERSION_PATCH);
+                 numbers[0], numbers[1], numbers[2], VEX_VERSION_MAJOR, VEX_VERSION_MINOR, VEX_VERSION_PATCH);
     return false;
 }
 

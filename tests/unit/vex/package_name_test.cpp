@@ -1,4 +1,4 @@
-#include "vex/apps/vex/version.h"
+#include "vex/apps/vex/package_name.h"
 
 #include "vex/apps/vex/vex.h"
 
