@@ -1,4 +1,4 @@
-"""The documents name what is there: links, pages of a list, packages."""
+"""The documents name what is there: links, places, packages."""
 import os
 import re
 
@@ -22,20 +22,6 @@ def check_links(tree):
                 if not tree.has(target):
                     yield name, number, f"it names {target}, which is not there"
 
-# Folders of which every page stands in a list.
-PAGES = {"docs/formats/": "docs/FORMATS.md", "docs/settings/": "docs/SETTINGS.md"}
-
-
-def check_pages(tree):
-    for folder, index in PAGES.items():
-        if index not in tree.files:
-            continue
-        linked = {os.path.normpath(os.path.join(os.path.dirname(index), target.partition("#")[0]))
-                  for target in re.findall(r"\]\(([^)\s]+)\)", tree.text(index))}
-        for name in tree.named(".md", below=folder):
-            if name not in linked:
-                yield name, 1, f"{index} does not lead here"
-
 
 def headings(tree, name):
     """The names by which links reach the headings of a document."""
@@ -55,4 +41,4 @@ def check_packages(tree):
             yield listed, number, f"{reasons} does not say why {package} is needed"
 
 
-CHECKS = (check_links, check_pages, check_packages)
+CHECKS = (check_links, check_packages)

@@ -1,4 +1,4 @@
-"""The settings that the code knows are those of docs/settings, with the same defaults."""
+"""The settings that the code knows are those of docs/SETTINGS.md, with the same defaults."""
 import re
 
 from tidy_rules.tree import CPP
@@ -12,22 +12,24 @@ COMPOSED_KEYS = (
 )
 
 
+PAGE = "docs/SETTINGS.md"
+
+
 def documented_settings(tree):
-    """The rows of the tables in docs/settings: key, file, line, default as written."""
-    for name in tree.named(".md", below="docs/settings/"):
-        columns = []
-        for number, line in enumerate(tree.lines(name), 1):
-            cells = [cell.strip() for cell in line.strip().strip("|").split("|")] if line.startswith("|") else []
-            if not cells:
-                columns = []
-            elif cells[0] == "key":
-                columns = cells
-            elif columns and "." in cells[0] and not cells[0].endswith("*"):
-                yield cells[0], name, number, dict(zip(columns, cells)).get("default", "")
+    """The rows of the page's tables: key, file, line, default as written."""
+    columns = []
+    for number, line in enumerate(tree.lines(PAGE) if PAGE in tree.files else [], 1):
+        cells = [cell.strip() for cell in line.strip().strip("|").split("|")] if line.startswith("|") else []
+        if not cells:
+            columns = []
+        elif cells[0] == "key":
+            columns = cells
+        elif columns and "." in cells[0]:
+            yield cells[0], PAGE, number, dict(zip(columns, cells)).get("default", "")
 
 
 def check_settings(tree):
-    """Each setting in the code has its row in docs/settings, and each row has its setting."""
+    """Each setting in the code has its row on the page, and each row has its setting."""
     rows = list(documented_settings(tree))
     if not rows:
         return
@@ -42,7 +44,7 @@ def check_settings(tree):
                 key = found["key"]
                 used.add(key)
                 if key not in documented and key not in modules:
-                    yield name, number, f"the setting {key} has no row in docs/settings"
+                    yield name, number, f"the setting {key} has no row in {PAGE}"
     for key, name, number, _ in rows:
         composed = [made.format(match[1]) for pattern, made in COMPOSED_KEYS if (match := pattern.fullmatch(key))]
         if key not in used and not any(text in code for text in composed):

@@ -191,36 +191,29 @@ def test_a_file_that_can_be_run_and_is_no_script_is_a_breach(tree):
     assert tidy(root) == (1, "list.txt:1: it can be run and is no script\n")
 
 
-def test_a_page_to_which_no_list_leads_is_a_breach(tree):
-    root = tree({"docs/FORMATS.md": "[one](formats/one.md)\n", "docs/formats/one.md": "1\n", "docs/formats/two.md": "2\n",
-                 "docs/SETTINGS.md": "none\n", "docs/settings/one.md": "1\n"})
-    assert tidy(root) == (1, "docs/formats/two.md:1: docs/FORMATS.md does not lead here\n"
-                             "docs/settings/one.md:1: docs/SETTINGS.md does not lead here\n")
-
-
 SETTINGS = "| key | writer | default | meaning |\n|---|---|---|---|\n"
 
 
 def test_settings_of_code_and_documents_are_the_same(tree):
-    root = tree({"docs/settings/a.md": SETTINGS + "| app.one | x | none | y |\n| app.gone | x | none | y |\n",
+    root = tree({"docs/SETTINGS.md": SETTINGS + "| app.one | x | none | y |\n| app.gone | x | none | y |\n",
                  "src/vex_core/log/a.cpp": 'Get("app.one");\nGet("app.two"); // "app.gone"\n',
                  "lua/vex/a.lua": 'return require("vex.log")("vex.Trace"), require("vex.settings").int("vex.Three", 1)\n'})
     code, output = tidy(root)
     assert code == 1
-    assert output.splitlines() == ["docs/settings/a.md:4: nothing in the code knows the setting app.gone",
-                                   "lua/vex/a.lua:1: the setting vex.Three has no row in docs/settings",
-                                   "src/vex_core/log/a.cpp:2: the setting app.two has no row in docs/settings"]
+    assert output.splitlines() == ["docs/SETTINGS.md:4: nothing in the code knows the setting app.gone",
+                                   "lua/vex/a.lua:1: the setting vex.Three has no row in docs/SETTINGS.md",
+                                   "src/vex_core/log/a.cpp:2: the setting app.two has no row in docs/SETTINGS.md"]
 
 
 def test_a_documented_default_is_the_codes(tree):
-    files = {"docs/settings/a.md": SETTINGS + "| app.log.count | x | 6 | y |\n| app.log.size | x | 8192 | y |\n"
-                                              "| app.new | x | 3 | y |\n",
+    files = {"docs/SETTINGS.md": SETTINGS + "| app.log.count | x | 6 | y |\n| app.log.size | x | 8192 | y |\n"
+                                          "| app.new | x | 3 | y |\n",
              "src/vex_core/log/disk_log.h": "#pragma once\nint keep = 5;\nlong maxBytes = 8 * 1024;\n",
              "src/vex_core/log/a.cpp": 'Get("app.log.count", "app.log.size", "app.new");\n'}
     code, output = tidy(tree(files))
     assert code == 1
-    assert output.splitlines() == ["docs/settings/a.md:3: the default of app.log.count is 5",
-                                   "docs/settings/a.md:5: where does the code have the default of app.new? "
+    assert output.splitlines() == ["docs/SETTINGS.md:3: the default of app.log.count is 5",
+                                   "docs/SETTINGS.md:5: where does the code have the default of app.new? "
                                    "Add it to DEFAULTS in tools/tidy_rules/settings.py"]
 
 
