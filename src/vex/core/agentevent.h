@@ -42,7 +42,7 @@ public:
     std::string m_text; ///< UTF-8
     std::int64_t m_timeMillis = 0; ///< since the epoch
     std::int32_t m_timeSeconds = 0; ///< since the epoch
-    std::int32_t m_number = 0; ///< which kind of event; docs/FORMATS.md lists them
+    std::int32_t m_number = 0; ///< which kind of event; docs/FORMATS.md, "Agent events", lists them
     std::int32_t m_severity = 0; ///< as `ToSeverity` gives it
 
     /// The severity to store for a level: the syslog severity of that number, 0 (emergency) to 7 (debug); what lies

@@ -25,9 +25,9 @@ protected:
 /// Whether trace lines of `module` are wanted, by the lists "app.trace" and "app.trace+" of the process's root domain
 /// ("*" is every module). One relaxed atomic load when nothing at all is traced. Any thread.
 ///
-/// Modules: "Appl" the launcher; "Cmd" programs that are run; "Srvc" files, packages and databases of the core library;
-/// "vex.Heartbeat" the heartbeat worker; "vex.ListenThread" threads and workers; "vex.PluginUtils" plugins of the
-/// bundled application.
+/// Modules: "Appl" the launcher; "Cmd" programs that are run; "Srvc" the cache of compiled chunks; "vex.Heartbeat" the
+/// heartbeat worker; "vex.PluginUtils" the loading of plugins by the bundled application; "vex.ListenThread" nothing of
+/// ours, it is kept for applications.
 VEX_CORE_API bool LogTraceIsEnabled(const char* module);
 
 /// Writes one trace line, whatever the lists say: callers ask `LogTraceIsEnabled` before they format. `function` is shown

@@ -1,5 +1,5 @@
 #pragma once
-// Pid files. Format: docs/FORMATS.md, "Pid file".
+// Pid files. Format: docs/FORMATS.md, "Pid file and its lock".
 
 #include "vex/core/export.h"
 

@@ -12,8 +12,7 @@ struct sqlite3_stmt;
 
 namespace VexCore {
 
-/// What `CSqliteDatabase::InitializeSQLite` found in the domain for connections to come.
-/// docs/settings/sqlite.md.
+/// What `CSqliteDatabase::InitializeSQLite` found in the domain for connections to come. docs/SETTINGS.md, "Databases".
 struct SqliteSettings
 {
     std::optional<std::int64_t> cacheSize; ///< pages, or KiB when negative

@@ -1,5 +1,5 @@
 #pragma once
-// The file of events that wait for the database. Format: docs/formats/events.md.
+// The file of events that wait for the database. Format: docs/FORMATS.md, "Agent events".
 
 #include <cstdint>
 #include <functional>

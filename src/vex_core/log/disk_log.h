@@ -1,5 +1,5 @@
 #pragma once
-// The log file, knowing nothing of the framework. Format and rotation: docs/formats/log.md.
+// The log file, knowing nothing of the framework. Format and rotation: docs/FORMATS.md, "Log".
 
 #include <atomic>
 #include <cstddef>

@@ -1,6 +1,6 @@
 #pragma once
 // Compiled Lua chunks kept between runs, because nearly all of a `require` is the parser's time. A cache file only saves
-// time: whatever is wrong with it, the chunk is compiled again.
+// time: whatever is wrong with it, the chunk is compiled again. Format: docs/FORMATS.md, "Compiled chunks".
 
 #include "vex_core/modules/chunk_cache_folder.h"
 #include "vex_core/modules/chunk_cache_format.h"

@@ -1,6 +1,6 @@
 #pragma once
 // One strict reader of ZIP archives, for `Unzip` and for the module loader; the one header of this room that others include.
-// Format and limits: docs/FORMATS.md.
+// Format and limits: docs/FORMATS.md, "ZIP archives".
 
 #include <cstdint>
 #include <functional>
