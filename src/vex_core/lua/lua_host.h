@@ -6,8 +6,8 @@
 //   vex.settings  settings with their fallback in the configuration file
 //   vex.db        SQLite databases
 //
-// A failure of the system is nil and a message; a fact that cannot be had is absent. docs/AUTHORS-GUIDE.md
-// lists the functions.
+// A failure of the system is nil and a message; a fact that cannot be had is absent. docs/LUA-API.md, "Modules", lists
+// the functions.
 
 #include <cstdint>
 #include <optional>
