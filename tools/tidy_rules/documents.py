@@ -1,12 +1,17 @@
-"""The documents name what is there: links, places, packages."""
+"""The documents, and comments in the code, name what is there: links, places, packages."""
+import io
 import os
 import re
+import tokenize
+
+from tidy_rules.tree import CPP
+
+PLACE = re.compile(r"(?<![\w./>-])(?:src|docs|lua|tests|bench|tools|packaging|changes|cmake)/[\w.*/-]*\w")
 
 
 def check_links(tree):
     """Links of the documents, and the places in the tree that their text names."""
     link = re.compile(r"\]\(([^)\s]+)\)")
-    place = re.compile(r"(?<![\w./>-])(?:src|docs|lua|tests|bench|tools|packaging|changes|cmake)/[\w.*/-]*\w")
     for name in tree.named(".md"):
         for number, line in enumerate(tree.lines(name), 1):
             for target in link.findall(line):
@@ -18,15 +23,51 @@ def check_links(tree):
                     yield name, number, f"a link to {target}, which is not there"
                 elif heading and heading not in headings(tree, path):
                     yield name, number, f"a link to {target}, whose heading is not there"
-            for target in place.findall(line):
-                if not tree.has(target):
+            yield from missing_places(tree, name, number, line)
+
+
+def missing_places(tree, name, number, text):
+    for target in PLACE.findall(text):
+        if not tree.has(target):
+            yield name, number, f"it names {target}, which is not there"
+
+
+def comments(tree, name):
+    """The comments of a file, by the number of their line."""
+    if name.endswith(".py"):
+        try:
+            tokens = list(tokenize.generate_tokens(io.StringIO(tree.text(name)).readline))
+        except (SyntaxError, tokenize.TokenError):
+            return
+        yield from ((token.start[0], token.string) for token in tokens if token.type == tokenize.COMMENT)
+    else:
+        mark = "--" if name.endswith(".lua") else "//"
+        yield from ((number, line.partition(mark)[2]) for number, line in enumerate(tree.lines(name), 1))
+
+
+def check_comments(tree):
+    """Places, sections of documents and files of C++ code that comments name."""
+    section = re.compile(r'(docs/[\w-]+\.md), "([^"]+)"')
+    source = re.compile(r"(?<![\w./*<-])\w+\.(?:cpp|h)\b")
+    sources = {os.path.basename(name) for name in tree.named(*CPP)}
+    for name in tree.named(*CPP, ".lua", ".py"):
+        for number, comment in comments(tree, name):
+            yield from missing_places(tree, name, number, comment)
+            for page, title in section.findall(comment):
+                if tree.has(page) and heading_id(title) not in headings(tree, page):
+                    yield name, number, f"{page} has no section {title}"
+            for target in source.findall(comment) if name.endswith(CPP) else ():
+                if target not in sources:
                     yield name, number, f"it names {target}, which is not there"
 
 
 def headings(tree, name):
     """The names by which links reach the headings of a document."""
-    titles = [line.lstrip("#").strip() for line in tree.lines(name) if line.startswith("#")]
-    return {re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-") for title in titles}
+    return {heading_id(line.lstrip("#").strip()) for line in tree.lines(name) if line.startswith("#")}
+
+
+def heading_id(title):
+    return re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-")
 
 
 def check_packages(tree):
@@ -41,4 +82,4 @@ def check_packages(tree):
             yield listed, number, f"{reasons} does not say why {package} is needed"
 
 
-CHECKS = (check_links, check_packages)
+CHECKS = (check_links, check_comments, check_packages)

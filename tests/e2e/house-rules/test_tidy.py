@@ -94,6 +94,10 @@ BREACHES = [
     ("docs/a.md", "one\n[two](b.md)\n", 2, "a link to b.md, which is not there"),
     ("docs/a.md", "# One\n\n[two](#two)\n", 3, "a link to #two, whose heading is not there"),
     ("docs/a.md", "see `tools/none` for it\n", 1, "it names tools/none, which is not there"),
+    ("src/slb3/a.h", "#pragma once\n// Format: docs/formats/a.md.\n", 2, "it names docs/formats/a.md, which is not there"),
+    ("src/slb3/a.cpp", "int a; ///< see error.h\n", 1, "it names error.h, which is not there"),
+    ("lua/vex/a.lua", "-- as in tests/lua/none.lua\nreturn 1\n", 1, "it names tests/lua/none.lua, which is not there"),
+    ("tools/a.py", "a = 1  # see tools/none\n", 1, "it names tools/none, which is not there"),
 ]
 
 
@@ -134,6 +138,7 @@ ALLOWED = [
     ("docs/a.md", "the folder is <app.path.work>/wo" + "rk/cache\n"),
     ("docs/a.md", "# One: the `first`\n[one](#one-the-first), [itself](a.md#one-the-first), [all](../docs), [web](https://a.b/c)\n"),
     ("docs/a.md", "this is docs/a.md, one of docs/*.md\n"),
+    ("src/slb3/a.cpp", "// One of a.cpp and b_*.cpp, of src/slb3/ and slb3/none.h. <sys/none.h> is the system's.\nint a; \"docs/none.md\";\n"),
 ]
 
 
@@ -189,6 +194,12 @@ def test_a_file_that_can_be_run_and_is_no_script_is_a_breach(tree):
     root = tree({"list.txt": "one\n"})
     os.chmod(os.path.join(root, "list.txt"), 0o755)
     assert tidy(root) == (1, "list.txt:1: it can be run and is no script\n")
+
+
+def test_a_section_that_a_comment_names_is_there(tree):
+    page = "# Formats\n\n## The log\n"
+    root = tree({"docs/FORMATS.md": page, "src/slb3/a.cpp": '// docs/FORMATS.md, "The log"\n// docs/FORMATS.md, "Log"\n'})
+    assert tidy(root) == (1, "src/slb3/a.cpp:2: docs/FORMATS.md has no section Log\n")
 
 
 SETTINGS = "| key | writer | default | meaning |\n|---|---|---|---|\n"
