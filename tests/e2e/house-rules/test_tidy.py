@@ -202,6 +202,29 @@ def test_a_section_that_a_comment_names_is_there(tree):
     assert tidy(root) == (1, "src/slb3/a.cpp:2: docs/FORMATS.md has no section Log\n")
 
 
+MAP = "## `src/vex_core/base/`\n\n- `a`: this\n"
+
+
+def test_the_map_names_each_source_once_and_nothing_else(tree):
+    files = {name: "#pragma once\n" for name in ("src/vex_core/base/a.h", "src/vex_core/base/a_p.h", "src/vex_core/base/b_posix.cpp")}
+    root = tree({**files, "docs/ARCHITECTURE.md": MAP + "- `a`: that\n- `c`: such\n"})
+    assert tidy(root) == (1, "docs/ARCHITECTURE.md:4: src/vex_core/base/a stands here twice\n"
+                             "docs/ARCHITECTURE.md:5: there is no src/vex_core/base/c\n"
+                             "src/vex_core/base/b_posix.cpp:1: docs/ARCHITECTURE.md does not say what it is for\n")
+    tree({"docs/ARCHITECTURE.md": MAP + "- `b`: that\n\n## The rest\n\n- `c`: no file\n"})
+    assert tidy(root) == (0, "")
+
+
+def test_the_arrows_that_are_shown_are_those_that_hold(tree):
+    with open(os.path.join(ROOT, "docs/ARCHITECTURE.md"), encoding="utf-8") as file:
+        rows = [line for line in file if line.startswith("| `") and "src/" not in line and not line.endswith("| |\n")]
+    assert tidy(tree({"docs/ARCHITECTURE.md": "".join(rows)})) == (0, "")
+    wrong = "".join(rows).replace("| os base log crash |", "| os base log |").replace("- |", "os |", 1)
+    assert tidy(tree({"docs/ARCHITECTURE.md": wrong})) == (1, "docs/ARCHITECTURE.md:1: os/ may include -, and not os\n"
+                                                              "docs/ARCHITECTURE.md:7: threads/ may include os base log crash, "
+                                                              "and not os base log\n")
+
+
 SETTINGS = "| key | writer | default | meaning |\n|---|---|---|---|\n"
 
 
