@@ -1,6 +1,6 @@
 // The reader against archives built for each rule: what is refused says which entry and why, what is valid is read whole.
-#include "vex_core/zip/zip_reader.h"
 #include "vex_core/zip/zip_names.h"
+#include "vex_core/zip/zip_reader.h"
 
 #include "support/joining_thread.h"
 #include "support/odd_archives.h"
