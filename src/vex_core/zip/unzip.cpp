@@ -76,13 +76,13 @@ public:
     }
 
 private:
-    enum class ETarget { Missing, There };
+    enum class Target { Missing, There };
 
     void Process(const ZipEntry& entry)
     {
         const std::string inEntry = "entry \"" + EscapeForLog(entry.name) + "\": ";
         try {
-            const ETarget target = LookAtTarget(entry);
+            const Target target = LookAtTarget(entry);
             if (!Ask(entry))
                 NoteRemoval(entry, target);
             else if (entry.isFolder)
@@ -103,22 +103,22 @@ private:
 
     /// What stands where the entry goes. Throws when that, or a folder before it, is not of the right kind: the entry is
     /// then neither shown nor written.
-    ETarget LookAtTarget(const ZipEntry& entry)
+    Target LookAtTarget(const ZipEntry& entry)
     {
         if (entry.isFolder)
-            return m_folders.Find(Zip::PathOf(entry.name)) < 0 ? ETarget::Missing : ETarget::There;
+            return m_folders.Find(Zip::PathOf(entry.name)) < 0 ? Target::Missing : Target::There;
         const int folder = m_folders.Find(FolderOf(entry.name));
         struct stat status;
         if (folder < 0)
-            return ETarget::Missing;
+            return Target::Missing;
         if (os::LStatAt(folder, LastOf(entry.name).c_str(), status) != 0) {
             if (errno != ENOENT)
                 throw UnzipFailure("cannot look at its destination", errno);
-            return ETarget::Missing;
+            return Target::Missing;
         }
         if (!S_ISREG(status.st_mode))
             throw UnzipFailure("something other than a regular file stands in its place");
-        return ETarget::There;
+        return Target::There;
     }
 
     bool Ask(const ZipEntry& entry) const
@@ -135,9 +135,9 @@ private:
     }
 
     /// A callback may remove the file that it is shown; that too is to be on stable storage in the end.
-    void NoteRemoval(const ZipEntry& entry, ETarget before)
+    void NoteRemoval(const ZipEntry& entry, Target before)
     {
-        if (before == ETarget::There && !entry.isFolder && LookAtTarget(entry) == ETarget::Missing)
+        if (before == Target::There && !entry.isFolder && LookAtTarget(entry) == Target::Missing)
             m_folders.NoteChange(FolderOf(entry.name));
     }
 
