@@ -153,7 +153,7 @@ bool LogTraceIsEnabled(const char* module)
 {
     if (answers().recordTraceQueries)
         Record("TraceIsEnabled(" + Quote(module) + ")");
-    return answers().tracedModules.count(module) > 0;
+    return module && answers().tracedModules.count(module) > 0;
 }
 
 void LogTrace(const char* module, const char* sourceFile, int, const char* function, const wxString& message)
@@ -284,13 +284,15 @@ XMLObject::~XMLObject() = default;
 void XMLObject::SetAttributeNull(int field, bool isNull)
 {
     Record("Event.SetAttributeNull(" + std::to_string(field) + ", " + Word(isNull) + ")");
+    if (field < 0 || field > 31)
+        return;
     const std::uint32_t bit = std::uint32_t(1) << field;
     m_present = isNull ? m_present & ~bit : m_present | bit;
 }
 
 bool XMLObject::IsAttributeNull(int field) const
 {
-    return (m_present & (std::uint32_t(1) << field)) == 0;
+    return field < 0 || field > 31 || (m_present & (std::uint32_t(1) << field)) == 0;
 }
 
 CAgentEvent::CAgentEvent() = default;
@@ -299,7 +301,7 @@ CAgentEvent::~CAgentEvent() = default;
 std::int32_t CAgentEvent::ToSeverity(int level)
 {
     Record("Event.ToSeverity(" + std::to_string(level) + ")");
-    return level * 100; // told apart from the level itself
+    return std::clamp(level, 0, 7);
 }
 
 std::string CAgentEvent::ToXml() const

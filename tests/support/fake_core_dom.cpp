@@ -5,7 +5,10 @@
 #include "vex/core/agentevent.h"
 #include "vex/core/dom.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
+#include <charconv>
 #include <mutex>
 #include <variant>
 
@@ -154,30 +157,34 @@ bool CDom::Get(const char* key, std::string& text) const
 bool CDom::Get(const char* key, bool& value) const
 {
     Record("Dom.Get(" + Quote(key) + ", flag)");
-    const std::optional<std::string> found = m_impl->Text(key);
-    if (found == "true" || found == "1")
-        value = true;
-    else if (found == "false" || found == "0")
-        value = false;
-    else
+    std::string text = m_impl->Text(key).value_or("");
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+    const bool isTrue = text == "true" || text == "1" || text == "yes";
+    if (!isTrue && text != "false" && text != "0" && text != "no")
         return false;
+    value = isTrue;
     return true;
 }
 
 bool CDom::Get(const char* key, std::int64_t& value) const
 {
     Record("Dom.Get(" + Quote(key) + ", number)");
-    const std::optional<Impl::Value> found = m_impl->Find(key);
-    if (!found || !std::holds_alternative<std::int64_t>(*found))
+    const std::string text = m_impl->Text(key).value_or("");
+    const char* const end = text.data() + text.size();
+    std::int64_t number = 0;
+    const auto read = std::from_chars(text.data(), end, number);
+    if (text.empty() || read.ec != std::errc() || read.ptr != end)
         return false;
-    value = std::get<std::int64_t>(*found);
+    value = number;
     return true;
 }
 
 wxString CDom::GetWxString(const char* key) const
 {
     Record("Dom.GetWxString(" + Quote(key) + ")");
-    return wxString::FromUTF8(m_impl->Text(key).value_or(""));
+    const std::string text = m_impl->Text(key).value_or("");
+    const wxString wide = wxString::FromUTF8(text);
+    return wide.empty() ? wxString(text.data(), wxConvISO8859_1, text.size()) : wide;
 }
 
 std::shared_ptr<CDomObject> CDom::GetObject(const char* key) const

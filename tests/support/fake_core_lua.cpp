@@ -111,6 +111,20 @@ void CLuaInterpreter::SetPackagePaths(const char* bin, const char* path, const c
         throw std::runtime_error(answers().setPackagePathsException);
     if (!answers().setPackagePathsError.empty())
         luaL_error(m_impl->state, "%s", answers().setPackagePathsError.c_str());
+    const std::string folder = bin;
+    const auto set = [this](const char* field, std::string templates, const std::string& own) {
+        if (!templates.empty() && !own.empty())
+            templates += ';';
+        templates += own;
+        lua_getglobal(m_impl->state, "package");
+        if (lua_istable(m_impl->state, -1)) {
+            lua_pushstring(m_impl->state, templates.c_str());
+            lua_setfield(m_impl->state, -2, field);
+        }
+        lua_pop(m_impl->state, 1);
+    };
+    set("path", path, folder.empty() ? "" : folder + "/?.lua;" + folder + "/?/init.lua");
+    set("cpath", cpath, folder.empty() ? "" : folder + "/lib/?.so");
 }
 
 int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultCount, const wxString& name,
@@ -134,12 +148,13 @@ int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultC
     const int base = lua_gettop(L) - argumentCount + 1;
     lua_pushcfunction(L, Traceback);
     lua_insert(L, base);
-    int status = luaL_loadbuffer(L, source.data(), source.size(), ("=" + name.utf8_string()).c_str());
+    int status = luaL_loadbufferx(L, source.data(), source.size(), ("=" + name.utf8_string()).c_str(), "t");
     if (status != LUA_OK) {
         status = status == LUA_ERRSYNTAX ? 1 : status;
     } else {
         lua_insert(L, base + 1);
         status = lua_pcall(L, argumentCount, resultCount, base);
+        status = status == LUA_ERRERR ? 5 : status;
     }
     if (status != LUA_OK) {
         const char* text = lua_tostring(L, -1);

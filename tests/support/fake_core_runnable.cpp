@@ -34,7 +34,8 @@ struct CRunnable::Impl
     std::thread thread;
     std::mutex lock;
     std::condition_variable changed;
-    bool running = false; // guarded by lock
+    bool started = false; // guarded by lock, as is the next
+    bool running = false;
     std::atomic<bool> exitRequested{false};
 };
 
@@ -74,7 +75,9 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
         return false;
     {
         const std::lock_guard lock(m_impl->lock);
-        m_impl->running = true;
+        if (m_impl->started)
+            return false;
+        m_impl->started = m_impl->running = true;
     }
     if (answers().threads == EThreads::Synchronous)
         Entry();

@@ -44,7 +44,7 @@ protected:
     // The line of an event as the fake writes it.
     std::string Event(int number, int severity, const std::string& record) const
     {
-        return "Dom.AgentEventWrite(" + std::to_string(number) + ", severity " + std::to_string(severity * 100)
+        return "Dom.AgentEventWrite(" + std::to_string(number) + ", severity " + std::to_string(severity)
                + ", 1700000000123 ms, 1700000000 s, \"" + record + "\", +++++)";
     }
 
