@@ -81,6 +81,10 @@ struct Answers
     EThreads threads = EThreads::Real;
     bool joinTimesOut = false; ///< a `join` with a time limit answers that the thread runs on
 
+    // The end of the process
+    std::function<void(int status)>
+        onExitProcess; ///< ends the process; without it the calling thread ends by an exception
+
     // Database
     bool sqliteResult = true;
 

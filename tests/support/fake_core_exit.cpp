@@ -1,4 +1,4 @@
-// The end of the process from a thread: written down, and the calling thread ends instead.
+// The end of the process from a thread: written down. A test may really end it; otherwise the calling thread ends instead.
 
 #include "support/fake_core.h"
 
@@ -9,5 +9,7 @@
 void VexCore::ExitProcessFromThread(int status)
 {
     FakeCore::Record("ExitProcessFromThread(" + std::to_string(status) + ")");
+    if (FakeCore::answers().onExitProcess)
+        FakeCore::answers().onExitProcess(status);
     throw std::runtime_error("the process would have ended");
 }

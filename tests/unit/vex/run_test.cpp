@@ -583,17 +583,17 @@ TEST_F(Run, AnExceptionOnTheScriptThreadIsSilentWhenNothingIsTraced)
 }
 
 namespace {
-// Ends the main loop once the script thread has ended the process, as far as the fake core lets it.
-class LoopEnder : public wxTimer
+// Lets the end of the process from a thread be one, as it is with the real library: nothing comes behind it.
+void EndAtTheCall()
 {
-public:
-    LoopEnder() { Start(2); }
-    void Notify() override
-    {
-        if (!Journal({"ExitProcessFromThread"}).empty())
-            wxTheApp->ExitMainLoop();
-    }
-};
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    answers().onExitProcess = [](int status) {
+        for (const std::string& line : Journal({"OpenSSLThreadShutdown", "ShutdownSQLite", "Runnable.requestExit"}))
+            std::fprintf(stderr, "%s;", line.c_str());
+        std::fflush(stderr);
+        ::_exit(status);
+    };
+}
 
 } // namespace
 
@@ -601,23 +601,16 @@ TEST_F(Run, AnotherApplicationInTheForegroundEndsTheProcessFromItsThread)
 {
     App().SetAppName("other");
     m_module = "return { init = function() return 5 end }";
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
-    const auto run = [this] {
-        LoopEnder ender;
-        RunToEnd();
-        PrintAndEnd({"OpenSSLThreadShutdown", "ShutdownSQLite", "ExitProcessFromThread", "Runnable.requestExit"});
-    };
-    EXPECT_EXIT(run(), testing::ExitedWithCode(0),
-                "OpenSSLThreadShutdown..;ShutdownSQLite..;ExitProcessFromThread.5.;Runnable.requestExit..;");
+    EndAtTheCall();
+    EXPECT_EXIT(RunToEnd(), testing::ExitedWithCode(5), "OpenSSLThreadShutdown..;ShutdownSQLite..;$");
 }
 
 TEST_F(Run, AnotherApplicationEndsTheProcessWithMinusOneAfterAnException)
 {
     App().SetAppName("other");
     answers().onRunScript = [] { throw 42; };
-    LoopEnder ender;
-    RunToEnd();
-    EXPECT_EQ(Count("ExitProcessFromThread(-1)"), 1u);
+    EndAtTheCall();
+    EXPECT_EXIT(RunToEnd(), testing::ExitedWithCode(255), "OpenSSLThreadShutdown..;ShutdownSQLite..;$");
 }
 
 // --- an exception in the main loop
