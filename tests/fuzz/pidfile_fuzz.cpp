@@ -1,5 +1,5 @@
 // Any bytes as the content of a pid file: a pid that is usable, or none.
-#include "vex_core/process/pidfile_p.h"
+#include "vex_core/process/pidfile_text.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -8,7 +8,7 @@
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/domain/settings_file.h"
 #include "vex_core/domain/wait_list.h"
-#include "vex_core/process/files_p.h"
+#include "vex_core/os/folders.h"
 
 #include <algorithm>
 #include <atomic>
@@ -432,7 +432,7 @@ wxString CDom::GetPluginWorkdirWx(const wxString& plugin) const
         path += wxS('/') + plugin;
     // Without a work folder there is no place of ours to make anything in.
     if (!work.empty())
-        MakePrivateFolders(ToSystemBytes(path));
+        os::MakePrivateFolders(ToSystemBytes(path));
     return path;
 }
 

@@ -1,7 +1,8 @@
 #include "vex_core/domain/settings_file.h"
 
 #include "vex_core/base/ascii.h"
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/file_identity.h"
+#include "vex_core/os/files.h"
 
 #include <cstdlib>
 #include <ctime>
@@ -132,29 +133,25 @@ bool SettingsFile::Find(const std::string& path, std::string_view name, std::str
 void SettingsFile::Refresh(const std::string& path)
 {
     struct stat status = {};
-    const int descriptor = os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
-    if (descriptor < 0 || os::FStat(descriptor, status) != 0 || !S_ISREG(status.st_mode)) {
-        if (descriptor >= 0)
-            os::Close(descriptor);
+    const os::Descriptor file(os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
+    if (!file || os::FStat(file.Get(), status) != 0 || !S_ISREG(status.st_mode)) {
         m_entries.clear();
         m_readable = false;
         return;
     }
-    const Version version{status.st_dev, status.st_ino, status.st_size,
-                          static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec};
-    if (!m_readable || !m_settled || path != m_path || !(version == m_version)) {
+    const os::FileIdentity version = os::IdentityOf(status);
+    if (!m_readable || !m_settled || path != m_path || version != m_version) {
         // A change within the file system's clock tick of the last one leaves the time as it was, so a file that is read
         // right after it was written is read again next time.
         m_settled = std::time(nullptr) - status.st_mtim.tv_sec > 2;
         std::string content(std::min<std::size_t>(maxBytes, static_cast<std::size_t>(status.st_size)), '\0');
-        const ssize_t count = os::PReadFull(descriptor, content.data(), content.size(), 0);
+        const ssize_t count = os::PReadFull(file.Get(), content.data(), content.size(), 0);
         m_readable = count >= 0;
         content.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
         m_entries = ParseSettings(content);
         m_path = path;
         m_version = version;
     }
-    os::Close(descriptor);
 }
 
 } // namespace VexCore

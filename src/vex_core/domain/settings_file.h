@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vex_core/os/file_identity.h"
+
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -24,23 +26,11 @@ public:
     bool Find(const std::string& path, std::string_view name, std::string& value);
 
 private:
-    struct Version
-    {
-        dev_t device = 0;
-        ino_t inode = 0;
-        off_t size = 0;
-        std::int64_t modifiedNs = 0;
-        bool operator==(const Version& other) const
-        {
-            return device == other.device && inode == other.inode && size == other.size
-                   && modifiedNs == other.modifiedNs;
-        }
-    };
     void Refresh(const std::string& path);
 
     std::mutex m_lock;
     std::string m_path; // what was read last; guarded by m_lock, like all below
-    Version m_version;
+    os::FileIdentity m_version;
     bool m_readable = false;
     bool m_settled = false; // the file was old enough when it was read that a later change shows in its time
     std::map<std::string, std::string> m_entries; // names in lower case

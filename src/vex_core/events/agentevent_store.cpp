@@ -11,7 +11,10 @@
 #include "vex_core/base/end_steps.h"
 #include "vex_core/base/narrow.h"
 #include "vex_core/events/agentevent_p.h"
-#include "vex_core/os/file_calls.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/file_identity.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/process_info.h"
 
 #include <atomic>
 #include <cerrno>
@@ -60,7 +63,7 @@ std::string NewKey()
     static std::atomic<unsigned> serial{0};
     char text[80];
     std::snprintf(text, sizeof text, "%llx-%lx-%x", static_cast<unsigned long long>(TimeNowMillis()),
-                  static_cast<unsigned long>(getpid()), serial++);
+                  static_cast<unsigned long>(os::ProcessId()), serial++);
     try {
         std::random_device random;
         std::snprintf(text, sizeof text, "%08x%08x%08x%08x", random(), random(), random(), random());
@@ -99,7 +102,7 @@ std::string FreeName(const std::string& wanted)
 {
     std::string name = wanted;
     struct stat status;
-    for (int number = 2; os::fileCalls.stat(name.c_str(), &status) == 0; ++number)
+    for (int number = 2; os::Stat(name.c_str(), status) == 0; ++number)
         name = wanted + "-" + std::to_string(number);
     return name;
 }
@@ -118,7 +121,7 @@ EventStore::EventStore(std::string folder)
 
 EventStore::~EventStore()
 {
-    if (m_owner != getpid())
+    if (m_owner != os::ProcessId())
         m_db.Abandon(); // closing another process's connection would drop its locks
 }
 
@@ -192,14 +195,14 @@ bool EventStore::OpenDatabase()
         m_reason = "there is no working folder yet";
         return false;
     }
-    if (m_db.IsOpen() && m_owner != getpid())
+    if (m_db.IsOpen() && m_owner != os::ProcessId())
         m_db.Abandon();
     if (m_db.IsOpen() && IsOurFile())
         return true;
     RememberFile();
     if (!m_db.Open(m_path, fullSynchronous) || !CreateTables())
         return false;
-    m_owner = getpid();
+    m_owner = os::ProcessId();
     RememberFile();
     return true;
 }
@@ -207,16 +210,15 @@ bool EventStore::OpenDatabase()
 void EventStore::RememberFile()
 {
     struct stat status = {};
-    const bool there = os::fileCalls.stat(m_path.c_str(), &status) == 0;
-    m_device = there ? status.st_dev : 0;
-    m_inode = there ? status.st_ino : 0;
+    const bool there = os::Stat(m_path.c_str(), status) == 0;
+    m_identity = there ? os::IdentityOf(status) : os::FileIdentity();
 }
 
 // SQLite would go on writing into a file that was removed or replaced.
 bool EventStore::IsOurFile() const
 {
     struct stat status;
-    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && status.st_dev == m_device && status.st_ino == m_inode;
+    return os::Stat(m_path.c_str(), status) == 0 && m_identity.IsFileOf(status);
 }
 
 bool EventStore::CreateTables()
@@ -232,14 +234,14 @@ bool EventStore::MoveDamagedAside()
     if (!IsOurFile())
         return true;
     const std::string aside = FreeName(m_path + ".damaged-" + std::to_string(TimeNowMillis() / 1000));
-    if (os::fileCalls.rename(m_path.c_str(), aside.c_str()) != 0) {
-        const long error = errno;
+    if (os::Rename(m_path.c_str(), aside.c_str()) != 0) {
+        const long error = os::LastError();
         wxLogSysError(error, wxT("The event database '%s' is damaged (%s) and cannot be moved out of the way"),
                       Shown(m_path), Shown(m_reason));
         return false;
     }
     for (const char* suffix : {"-journal", "-wal", "-shm"})
-        os::fileCalls.rename((m_path + suffix).c_str(), (aside + suffix).c_str());
+        os::Rename((m_path + suffix).c_str(), (aside + suffix).c_str());
     wxLogError(wxT("The event database '%s' is damaged (%s): kept as '%s', a new one begins"), Shown(m_path),
                Shown(m_reason), Shown(aside));
     return true;
@@ -328,7 +330,7 @@ void EventStore::KeepForLater(const EventRecord& record)
 {
     g_somethingIsKept = true;
     const bool pending = !m_folder.empty() && AppendMemoryToPending() && m_pending.Append(record);
-    const wxString pendingError = pending ? wxString() : Shown(std::strerror(errno));
+    const wxString pendingError = pending ? wxString() : Shown(std::strerror(os::LastError()));
     if (pending)
         wxLogError(wxT("Agent event kept in '%s', because '%s' did not take it (%s): %s"), Shown(m_pending.Path()),
                    Shown(m_path), Shown(m_reason), Shown(record.xml));

@@ -3,6 +3,7 @@
 
 #include "vex_core/database/sqlite_db.h"
 #include "vex_core/events/pending_events.h"
+#include "vex_core/os/file_identity.h"
 
 #include <cstddef>
 #include <deque>
@@ -68,8 +69,7 @@ private:
     // Guarded by m_lock.
     SqliteDb m_db;
     pid_t m_owner = 0; // the process that opened m_db
-    dev_t m_device = 0; // of the file that m_db has open; 0 when there was none
-    ino_t m_inode = 0;
+    os::FileIdentity m_identity; // of the file that m_db has open
     std::string m_reason; // why the database did not take the last event
     PendingEvents m_pending;
     std::deque<EventRecord> m_memory;

@@ -1,7 +1,9 @@
 #include "vex_core/events/pending_events.h"
 #include "vex_core/base/narrow.h"
-#include "vex_core/os/file_calls.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/file_identity.h"
 #include "vex_core/os/file_lock.h"
+#include "vex_core/os/files.h"
 
 #include <cerrno>
 #include <cstring>
@@ -29,40 +31,29 @@ std::optional<std::int64_t> Number(const pugi::xml_node& node, const char* name)
 os::Descriptor OpenLocked(const std::string& path, int flags)
 {
     for (int attempt = 0; attempt < 100; ++attempt) {
-        os::Descriptor file(os::fileCalls.open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK, 0600));
+        os::Descriptor file(os::Open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK, 0600));
         struct stat mine;
         struct stat named;
-        if (!file || os::fileCalls.fstat(file.Get(), &mine) != 0)
+        if (!file || os::FStat(file.Get(), mine) != 0)
             return os::Descriptor();
         if (!S_ISREG(mine.st_mode)) {
-            errno = EINVAL;
+            os::SetLastError(EINVAL);
             return os::Descriptor();
         }
         if (!os::LockFile(file.Get(), lockTimeoutMs))
             return os::Descriptor();
-        if (os::fileCalls.stat(path.c_str(), &named) == 0 && named.st_dev == mine.st_dev && named.st_ino == mine.st_ino)
+        if (os::Stat(path.c_str(), named) == 0 && os::IdentityOf(mine).IsFileOf(named))
             return file;
     }
-    errno = EAGAIN;
+    os::SetLastError(EAGAIN);
     return os::Descriptor();
 }
 
 bool FlushFolderOf(const std::string& path)
 {
     const std::string folder = path.substr(0, path.rfind('/') + 1);
-    const os::Descriptor descriptor(os::fileCalls.open(folder.empty() ? "." : folder.c_str(), O_RDONLY, 0));
-    return descriptor && os::fileCalls.fsync(descriptor.Get()) == 0;
-}
-
-bool ReadAll(int descriptor, std::string& text)
-{
-    char chunk[65536];
-    for (;;) {
-        const ssize_t got = os::fileCalls.read(descriptor, chunk, sizeof chunk);
-        if (got <= 0)
-            return got == 0;
-        text.append(chunk, static_cast<std::size_t>(got));
-    }
+    const os::Descriptor descriptor(os::Open(folder.empty() ? "." : folder.c_str(), O_RDONLY));
+    return descriptor && os::FSync(descriptor.Get()) == 0;
 }
 
 std::vector<EventRecord> ParseLines(const std::string& text, const std::string& path)
@@ -115,33 +106,31 @@ PendingEvents::PendingEvents(std::string path) : m_path(std::move(path)) {}
 bool PendingEvents::Exists() const
 {
     struct stat status;
-    return os::fileCalls.stat(m_path.c_str(), &status) == 0;
+    return os::Stat(m_path.c_str(), status) == 0;
 }
 
 bool PendingEvents::HasEvents() const
 {
     struct stat status;
-    return os::fileCalls.stat(m_path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
+    return os::Stat(m_path.c_str(), status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
 }
 
 bool PendingEvents::Append(const EventRecord& record)
 {
     const os::Descriptor file = OpenLocked(m_path, O_RDWR | O_CREAT | O_APPEND);
     struct stat before;
-    if (!file || os::fileCalls.fstat(file.Get(), &before) != 0)
+    if (!file || os::FStat(file.Get(), before) != 0)
         return false;
     // A line of its own, whatever a crash left at the end.
     const std::string line = "\n" + FormatPendingLine(record);
-    const bool kept = os::WriteAll(file.Get(), line.data(), line.size()) && os::fileCalls.fsync(file.Get()) == 0
+    const bool kept = os::WriteAll(file.Get(), line.data(), line.size()) && os::FSync(file.Get()) == 0
                       && (before.st_size > 0 || FlushFolderOf(m_path));
     if (!kept) {
-        const int error = errno;
+        const os::KeepError keep;
         if (before.st_size == 0)
-            os::fileCalls.unlink(m_path.c_str());
+            os::Unlink(m_path.c_str());
         else
-            static_cast<void>(
-                os::fileCalls.ftruncate(file.Get(), before.st_size)); // else a torn line, which a reader passes over
-        errno = error;
+            os::FTruncate(file.Get(), before.st_size); // else a torn line, which a reader passes over
     }
     return kept;
 }
@@ -151,18 +140,17 @@ PendingEvents::ETaken PendingEvents::Take(const std::function<bool(const std::ve
     const os::Descriptor file = OpenLocked(m_path, O_RDWR);
     std::string text;
     if (!file)
-        return errno == ENOENT ? ETaken::All : ETaken::Unreadable;
-    if (!ReadAll(file.Get(), text))
+        return os::LastError() == ENOENT ? ETaken::All : ETaken::Unreadable;
+    if (!os::ReadToEnd(file.Get(), text))
         return ETaken::Unreadable;
     if (!store(ParseLines(text, m_path)))
         return ETaken::Refused;
-    if (os::fileCalls.unlink(m_path.c_str()) == 0) {
+    if (os::Unlink(m_path.c_str()) == 0) {
         FlushFolderOf(m_path);
         return ETaken::All;
     }
     // All are stored, and their keys keep them from being stored again for as long as they are here.
-    const bool empty =
-        text.empty() || (os::fileCalls.ftruncate(file.Get(), 0) == 0 && os::fileCalls.fsync(file.Get()) == 0);
+    const bool empty = text.empty() || (os::FTruncate(file.Get(), 0) == 0 && os::FSync(file.Get()) == 0);
     return empty ? ETaken::All : ETaken::Unreadable;
 }
 

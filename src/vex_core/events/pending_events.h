@@ -33,13 +33,13 @@ public:
     /// Whether it holds anything: one that could not be removed is emptied.
     bool HasEvents() const;
 
-    /// Adds the record and flushes it to the disk. False with errno: the file is as it was.
+    /// Adds the record and flushes it to the disk. False with the last error: the file is as it was.
     bool Append(const EventRecord& record);
 
     enum class ETaken {
         All, ///< `store` took them and the file is gone, or empty where it cannot be removed
         Refused, ///< `store` did not take them; the file is as it was
-        Unreadable, ///< the file could not be locked or read, or still holds what `store` took; errno
+        Unreadable, ///< the file could not be locked or read, or still holds what `store` took; the last error says why
     };
     /// Hands all records to `store`, which puts them away for good or answers false; then removes the file. A
     /// process that dies in between leaves the file, and `store` sees the same keys again.

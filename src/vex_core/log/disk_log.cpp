@@ -1,17 +1,16 @@
 #include "vex_core/log/disk_log.h"
 
-#include "vex_core/os/file_calls.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/file_identity.h"
 #include "vex_core/os/file_lock.h"
-#include "vex_core/os/folder_calls.h"
-#include "vex_core/os/log_calls.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/process_info.h"
 
 #include <cerrno>
 #include <chrono>
-#include <system_error>
 #include <thread>
 
 #include <fcntl.h>
-#include <unistd.h>
 
 namespace VexCore {
 
@@ -22,9 +21,9 @@ constexpr int retryRotationSeconds = 60;
 constexpr int looksAtPiece = 5;
 constexpr auto betweenLooks = std::chrono::milliseconds(1);
 
-std::string ErrorText(int error)
+std::string NumberAndText(int error)
 {
-    return "error " + std::to_string(error) + ": " + std::generic_category().message(error);
+    return "error " + std::to_string(error) + ": " + os::ErrorText(error);
 }
 
 } // namespace
@@ -77,12 +76,6 @@ std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel 
 
 DiskLog::DiskLog(std::size_t maxHeldBytes, int errorDescriptor) : m_maxHeldBytes(maxHeldBytes), m_error(errorDescriptor)
 {}
-
-DiskLog::~DiskLog()
-{
-    if (m_descriptor >= 0)
-        os::fileCalls.close(m_descriptor);
-}
 
 void DiskLog::SetFile(const std::string& path)
 {
@@ -145,7 +138,7 @@ void DiskLog::AfterForkInChild()
     m_held.clear();
     m_heldBytes = 0;
     m_lost = 0;
-    m_inode = 0; // to be opened anew: the position of an open file is shared with the parent, and we ask for it
+    m_identity = {}; // to be opened anew: the position of an open file is shared with the parent, and we ask for it
     m_lock.unlock();
 }
 
@@ -182,16 +175,16 @@ bool DiskLog::TryWrite(const std::string& record)
 
 bool DiskLog::WriteBytes(const std::string& bytes)
 {
-    ssize_t count = os::fileCalls.write(m_descriptor, bytes.data(), bytes.size());
+    ssize_t count = os::Write(m_file.Get(), bytes.data(), bytes.size());
     if (count > 0 && static_cast<std::size_t>(count) < bytes.size()) {
         // The disk is full, or was for a moment. The rest belongs right behind.
         const std::size_t rest = bytes.size() - static_cast<std::size_t>(count);
-        const ssize_t more = os::fileCalls.write(m_descriptor, bytes.data() + count, rest);
+        const ssize_t more = os::Write(m_file.Get(), bytes.data() + count, rest);
         count = more < 0 ? more : count + more;
     }
     if (count == static_cast<ssize_t>(bytes.size()))
         return true;
-    Fail(count < 0 ? errno : ENOSPC);
+    Fail(count < 0 ? os::LastError() : ENOSPC);
     return false;
 }
 
@@ -208,7 +201,7 @@ bool DiskLog::EndsInPiece()
         }
         std::this_thread::sleep_for(betweenLooks);
         struct stat status = {};
-        if (os::fileCalls.fstat(m_descriptor, &status) == 0)
+        if (os::FStat(m_file.Get(), status) == 0)
             m_size = status.st_size;
     }
     return false;
@@ -218,7 +211,7 @@ bool DiskLog::IsInsideLine(off_t place) const
 {
     char before = '\n';
     if (place > 0)
-        os::PReadFull(m_descriptor, &before, 1, place - 1);
+        os::PReadFull(m_file.Get(), &before, 1, place - 1);
     return before != '\n';
 }
 
@@ -226,7 +219,7 @@ bool DiskLog::IsInsideLine(off_t place) const
 /// killed between our look at the file and our write. Then it has to be written again, on a line of its own.
 bool DiskLog::WasGlued(std::size_t size)
 {
-    const off_t end = os::FilePosition(m_descriptor);
+    const off_t end = os::FilePosition(m_file.Get());
     const off_t begin = end - static_cast<off_t>(size);
     m_cleanEnd = end;
     return begin > 0 && begin != m_size && IsInsideLine(begin);
@@ -249,23 +242,18 @@ void DiskLog::Fail(int error)
     if (m_troubled)
         return;
     m_troubled = true;
-    const std::string line = "Can't write the log file " + m_path + " (" + ErrorText(error)
+    const std::string line = "Can't write the log file " + m_path + " (" + NumberAndText(error)
                              + "), lines are kept in memory and tried again\n";
     os::WriteBestEffort(m_error, line.data(), line.size());
 }
 
 std::string DiskLog::OwnRecord(const std::string& text) const
 {
-    return FormatLogRecord(std::time(nullptr), m_settings.timeFormat.c_str(), ELogLevel::Warning, ::getpid(), "log",
-                           text);
+    return FormatLogRecord(std::time(nullptr), m_settings.timeFormat.c_str(), ELogLevel::Warning, os::ProcessId(),
+                           "log", text);
 }
 
 // --- the file
-
-bool DiskLog::IsOpenFile(const struct stat& status) const
-{
-    return m_descriptor >= 0 && status.st_dev == m_device && status.st_ino == m_inode;
-}
 
 /// Sees to it that the open file is the one of that name and has room for `size` more bytes.
 bool DiskLog::MakeReady(std::size_t size)
@@ -273,10 +261,10 @@ bool DiskLog::MakeReady(std::size_t size)
     // Two rounds are the rule at worst (open, rotate, open); others who rotate meanwhile may cost more.
     for (int round = 0; round < 8; ++round) {
         struct stat status = {};
-        const bool there = os::fileCalls.stat(m_path.c_str(), &status) == 0;
-        if (!there && errno != ENOENT && m_descriptor >= 0)
+        const bool there = os::Stat(m_path.c_str(), status) == 0;
+        if (!there && os::LastError() != ENOENT && m_file)
             return true; // the name cannot be asked for just now; the open file is still the best place
-        if (!there || !IsOpenFile(status)) {
+        if (!there || !m_identity.IsFileOf(status)) {
             if (!Open())
                 return false;
             continue;
@@ -293,31 +281,23 @@ bool DiskLog::MakeReady(std::size_t size)
 
 bool DiskLog::Open()
 {
-    const int opened = os::fileCalls.open(
-        m_path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600);
-    if (opened < 0) {
-        Fail(errno);
-        return false;
-    }
+    os::Descriptor opened(
+        os::Open(m_path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
     struct stat status = {};
-    int error = os::fileCalls.fstat(opened, &status) != 0 ? errno : 0;
+    int error = !opened || os::FStat(opened.Get(), status) != 0 ? os::LastError() : 0;
     if (error == 0 && !S_ISREG(status.st_mode))
         error = EINVAL;
     // A starter's umask may have taken our own rights from the new file, and without them it could not be opened again.
-    if (error == 0 && status.st_size == 0 && (status.st_mode & 07777) != 0600
-        && os::fileCalls.fchmod(opened, 0600) != 0)
-        error = errno;
-    if (error == 0 && m_descriptor >= 0 && !os::ReplaceDescriptor(opened, m_descriptor))
-        error = errno;
+    if (error == 0 && status.st_size == 0 && (status.st_mode & 07777) != 0600 && os::FChmod(opened.Get(), 0600) != 0)
+        error = os::LastError();
+    if (error == 0 && !os::ReplaceDescriptor(m_file, std::move(opened)))
+        error = os::LastError();
     if (error != 0) {
-        os::fileCalls.close(opened);
         Fail(error);
         return false;
     }
-    if (m_descriptor < 0)
-        m_descriptor = opened;
-    m_device = status.st_dev;
-    m_inode = status.st_ino;
+    m_number = m_file.Get();
+    m_identity = os::IdentityOf(status);
     m_cleanEnd = 0;
     m_pieceEnd = 0;
     return true;
@@ -339,20 +319,17 @@ bool DiskLog::Rotate()
     if (std::time(nullptr) < m_rotateNotBefore)
         return false;
     const std::string lockName = m_path + ".lock";
-    const int lock = os::fileCalls.open(lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-    if (lock < 0) {
-        RotationFailed(errno);
+    const os::Descriptor lock(os::Open(lockName.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0600));
+    if (!lock) {
+        RotationFailed(os::LastError());
         return false;
     }
-    bool rotated = false;
-    if (os::TryLock(lock) == 0) {
-        // Another may have rotated between our look at the file and the lock.
-        struct stat status = {};
-        const bool moved = os::fileCalls.stat(m_path.c_str(), &status) != 0 || !IsOpenFile(status);
-        rotated = moved || ShiftFiles();
-    }
-    os::fileCalls.close(lock);
-    return rotated;
+    if (os::TryLock(lock.Get()) != 0)
+        return false;
+    // Another may have rotated between our look at the file and the lock.
+    struct stat status = {};
+    const bool moved = os::Stat(m_path.c_str(), status) != 0 || !m_identity.IsFileOf(status);
+    return moved || ShiftFiles();
 }
 
 /// Renames from the oldest on, so that a process killed in between leaves a gap and never two files under one name. The
@@ -362,21 +339,21 @@ bool DiskLog::ShiftFiles()
     const int keep = m_settings.keep;
     struct stat status = {};
     int gap = 1;
-    while (gap < keep && os::fileCalls.stat(RotatedName(gap).c_str(), &status) == 0)
+    while (gap < keep && os::Stat(RotatedName(gap).c_str(), status) == 0)
         ++gap;
-    if (gap < keep && errno != ENOENT) {
-        RotationFailed(errno); // not a gap: a file may be there, and must not be renamed over
+    if (gap < keep && os::LastError() != ENOENT) {
+        RotationFailed(os::LastError()); // not a gap: a file may be there, and must not be renamed over
         return false;
     }
     for (int number = gap; number > 0; --number) {
         const std::string from = number == 1 ? m_path : RotatedName(number - 1);
-        if (os::fileCalls.rename(from.c_str(), RotatedName(number).c_str()) != 0) {
-            RotationFailed(errno);
+        if (os::Rename(from.c_str(), RotatedName(number).c_str()) != 0) {
+            RotationFailed(os::LastError());
             return false;
         }
     }
     // What a larger number of files to keep has left behind.
-    for (int number = keep + 1; os::fileCalls.unlink(RotatedName(number).c_str()) == 0;)
+    for (int number = keep + 1; os::Unlink(RotatedName(number).c_str()) == 0;)
         ++number;
     return true;
 }
@@ -384,8 +361,8 @@ bool DiskLog::ShiftFiles()
 void DiskLog::RotationFailed(int error)
 {
     m_rotateNotBefore = std::time(nullptr) + retryRotationSeconds;
-    const std::string record = OwnRecord("The log file can't be rotated (" + ErrorText(error) + "), it grows on");
-    os::fileCalls.write(m_descriptor, record.data(), record.size());
+    const std::string record = OwnRecord("The log file can't be rotated (" + NumberAndText(error) + "), it grows on");
+    os::Write(m_file.Get(), record.data(), record.size());
 }
 
 } // namespace VexCore

@@ -1,6 +1,9 @@
 #pragma once
 // The log file, knowing nothing of the framework. Format and rotation: docs/FORMATS.md, "Log".
 
+#include "vex_core/os/descriptor.h"
+#include "vex_core/os/file_identity.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -10,7 +13,6 @@
 #include <string>
 #include <string_view>
 
-#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace VexCore {
@@ -47,7 +49,6 @@ public:
 
     /// Holds at most `maxHeldBytes` of records that cannot be written. `errorDescriptor` stands for standard error.
     explicit DiskLog(std::size_t maxHeldBytes, int errorDescriptor = 2);
-    ~DiskLog();
     DiskLog(const DiskLog&) = delete;
     DiskLog& operator=(const DiskLog&) = delete;
 
@@ -64,7 +65,7 @@ public:
     void FlushAtEnd();
 
     /// The open file, or -1. The number stays the same once there is one. Async-signal-safe.
-    int Descriptor() const { return m_descriptor.load(std::memory_order_relaxed); }
+    int Descriptor() const { return m_number.load(std::memory_order_relaxed); }
 
     /// Around a fork, on the forking thread. What is held stays with the parent.
     void BeforeFork();
@@ -86,7 +87,6 @@ private:
     bool IsInsideLine(off_t place) const;
     bool WasGlued(std::size_t size);
     bool Open();
-    bool IsOpenFile(const struct stat& status) const;
     bool Rotate();
     bool ShiftFiles();
     void RotationFailed(int error);
@@ -97,13 +97,13 @@ private:
 
     const std::size_t m_maxHeldBytes;
     const int m_error; // standard error
-    std::atomic<int> m_descriptor{-1}; // written under m_lock
+    std::atomic<int> m_number{-1}; // of m_file; written under m_lock
 
     mutable std::mutex m_lock; // guards all below
     std::string m_path;
     Settings m_settings;
-    dev_t m_device = 0; // of the open file
-    ino_t m_inode = 0;
+    os::Descriptor m_file;
+    os::FileIdentity m_identity; // of the open file
     off_t m_size = 0; // of the open file, as last seen
     off_t m_pieceEnd = 0; // where the file ended in a piece the last time; 0: it has not
     off_t m_cleanEnd = 0; // where the last record of ours ended, which nobody has to look at again

@@ -9,7 +9,8 @@
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/log/disk_log.h"
 #include "vex_core/log/log_p.h"
-#include "vex_core/os/log_calls.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/process_info.h"
 
 #include <algorithm>
 #include <atomic>
@@ -129,7 +130,7 @@ void WriteRecord(ELogLevel level, std::time_t time, wxThreadIdType thread, const
         const std::string line = std::string(LogLevelWord(level)) + ' ' + LogText(text) + '\n';
         os::WriteBestEffort(standardError, line.data(), line.size());
     }
-    log.Write(FormatLogRecord(time, TimeFormat().c_str(), level, ::getpid(), NameOf(thread), text), shown);
+    log.Write(FormatLogRecord(time, TimeFormat().c_str(), level, os::ProcessId(), NameOf(thread), text), shown);
 }
 
 // The framework empties its queue of other threads' lines on the main thread only, through a private member. A process

@@ -4,7 +4,7 @@
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_db.h"
-#include "vex_core/os/status_calls.h"
+#include "vex_core/os/files.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,8 +2,8 @@
 
 #include "vex_core/base/narrow.h"
 #include "vex_core/modules/name_hash.h"
-#include "vex_core/os/folder_calls.h"
-#include "vex_core/os/status_calls.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/process_info.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -146,7 +146,7 @@ std::shared_ptr<ModuleArchive> ArchiveSlot::Current(const ZipLimits& limits, std
     const std::lock_guard lock(m_lock);
     struct stat status;
     const bool there = os::Stat(m_path.c_str(), status) == 0;
-    const FileIdentity identity = there ? IdentityOf(status) : FileIdentity();
+    const os::FileIdentity identity = there ? os::IdentityOf(status) : os::FileIdentity();
     if (!m_known || there != m_there || identity != m_identity) {
         m_there = there;
         m_identity = identity;

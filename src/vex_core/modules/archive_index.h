@@ -2,6 +2,7 @@
 // The archives that Lua modules are loaded from: opened once and indexed once in a process, whatever the number of
 // interpreters, and opened anew when the file behind the path is another one.
 
+#include "vex_core/os/file_identity.h"
 #include "vex_core/zip/zip_reader.h"
 
 #include <cstdint>
@@ -24,7 +25,7 @@ public:
     static std::shared_ptr<ModuleArchive> Open(const std::string& path, const ZipLimits& limits, std::string& error);
 
     const std::string& Path() const { return m_path; }
-    const FileIdentity& Identity() const { return m_identity; }
+    const os::FileIdentity& Identity() const { return m_identity; }
     /// False: there is certainly no such Lua file. True: there very likely is; `Zip` and `ZipArchive::Find` tell.
     bool MayHave(std::uint64_t nameHash) const;
     /// The open archive. Null with a reason when it had to be opened again and is gone, damaged or another file by now.
@@ -38,7 +39,7 @@ private:
     ModuleArchive() = default;
     std::string m_path;
     ZipLimits m_limits;
-    FileIdentity m_identity;
+    os::FileIdentity m_identity;
     std::vector<std::uint64_t> m_hashes; // of the names that end in .lua, sorted
 
     std::mutex m_lock; // guards what follows
@@ -67,11 +68,11 @@ private:
     std::mutex m_lock; // guards what follows; held while the archive is opened, so that it is opened once
     bool m_known = false; // the four below hold what was found last
     bool m_there = false; // the path led to something
-    FileIdentity m_identity; // of what it led to
+    os::FileIdentity m_identity; // of what it led to
     std::shared_ptr<ModuleArchive> m_archive;
     std::string m_failure;
     bool m_warned = false; // m_warnedFailure has been logged for m_warnedIdentity
-    FileIdentity m_warnedIdentity;
+    os::FileIdentity m_warnedIdentity;
     std::string m_warnedFailure;
 };
 

@@ -4,7 +4,7 @@
 #include "vex_core/base/hex.h"
 #include "vex_core/modules/chunk_caches.h"
 #include "vex_core/modules/name_hash.h"
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/files.h"
 
 #include <algorithm>
 

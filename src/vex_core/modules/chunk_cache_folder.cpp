@@ -2,8 +2,10 @@
 
 #include "vex/core/log.h"
 #include "vex_core/base/narrow.h"
-#include "vex_core/os/folder_calls.h"
-#include "vex_core/os/status_calls.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/folders.h"
+#include "vex_core/os/process_info.h"
 
 #include <algorithm>
 #include <atomic>
@@ -205,7 +207,7 @@ bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes)
         return false;
     }
     // Not flushed to storage: after a power loss the checksums tell what is whole.
-    if (os::WriteFull(file.Get(), bytes.data(), bytes.size()) != 0
+    if (!os::WriteAll(file.Get(), bytes.data(), bytes.size())
         || os::RenameAt(folder.Get(), temporary.c_str(), folder.Get(), (key + fileSuffix).c_str()) != 0) {
         Trace(__LINE__, m_path, "not written: " + os::ErrorText(errno));
         (void)os::UnlinkAt(folder.Get(), temporary.c_str());

@@ -2,7 +2,7 @@
 // The folder that the files of compiled chunks lie in: which of them are trusted, how one is replaced, and what becomes of those
 // that nobody uses any more. What the files hold: chunk_cache_format.h.
 
-#include "vex_core/os/file_calls.h"
+#include "vex_core/os/descriptor.h"
 
 #include <cstdint>
 #include <optional>

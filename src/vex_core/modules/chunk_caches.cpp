@@ -1,7 +1,7 @@
 #include "vex_core/modules/chunk_caches.h"
 
 #include "vex_core/base/end_steps.h"
-#include "vex_core/os/status_calls.h"
+#include "vex_core/os/process_info.h"
 
 #include <chrono>
 #include <exception>

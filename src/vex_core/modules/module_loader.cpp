@@ -5,7 +5,8 @@
 #include "vex_core/modules/chunk_caches.h"
 #include "vex_core/modules/module_lookup.h"
 #include "vex_core/modules/path_list.h"
-#include "vex_core/os/status_calls.h"
+#include "vex_core/os/file_identity.h"
+#include "vex_core/os/files.h"
 
 #include <algorithm>
 #include <exception>
@@ -112,7 +113,7 @@ bool IsSameFolder(const std::string& left, const std::string& right)
     struct stat leftStatus;
     struct stat rightStatus;
     return os::Stat(left.c_str(), leftStatus) == 0 && os::Stat(right.c_str(), rightStatus) == 0
-           && leftStatus.st_dev == rightStatus.st_dev && leftStatus.st_ino == rightStatus.st_ino;
+           && os::IdentityOf(leftStatus).IsFileOf(rightStatus);
 }
 
 /// Whether compiled chunks may be loaded from the archive: those that come with the launcher. By identity of the folder, so that

@@ -4,10 +4,10 @@
 
 namespace VexCore::os {
 
-/// Takes the write lock. -1 with errno, which is EAGAIN when another process has it.
+/// Takes the write lock. -1 with the last error, which is EAGAIN when another process has it.
 int TryLock(int descriptor);
 
-/// The same, waiting up to `timeoutMs` for another process to give it back. False with errno.
+/// The same, waiting up to `timeoutMs` for another process to give it back. False with the last error.
 bool LockFile(int descriptor, long timeoutMs);
 
 } // namespace VexCore::os

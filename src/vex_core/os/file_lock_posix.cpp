@@ -1,8 +1,7 @@
 #include "vex_core/os/file_lock.h"
 
-#include "vex_core/os/folder_calls_p.h"
+#include "vex_core/os/observed.h"
 
-#include <cerrno>
 #include <ctime>
 
 #include <fcntl.h>
@@ -12,18 +11,15 @@ namespace VexCore::os {
 
 int TryLock(int descriptor)
 {
-    if (!MayCall("fcntl", descriptor))
-        return -1;
     struct flock lock = {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
-    int result;
-    do
-        result = ::fcntl(descriptor, F_SETLK, &lock);
-    while (result != 0 && errno == EINTR);
-    if (result != 0 && errno == EACCES)
-        errno = EAGAIN; // systems differ
-    return result;
+    return Observed(OfDescriptor("fcntl", descriptor), [&] {
+        const int result = ::fcntl(descriptor, F_SETLK, &lock);
+        if (result != 0 && errno == EACCES)
+            errno = EAGAIN; // systems differ
+        return result;
+    });
 }
 
 // A lock that waits has no time limit, and another process may hold it for ever: so it is asked for again and
@@ -37,7 +33,7 @@ bool LockFile(int descriptor, long timeoutMs)
         if (errno != EAGAIN || waitedMs >= timeoutMs)
             return false;
         const struct timespec step = {0, stepMs * 1000000L};
-        nanosleep(&step, nullptr);
+        ::nanosleep(&step, nullptr);
     }
 }
 

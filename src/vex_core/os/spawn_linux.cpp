@@ -1,6 +1,7 @@
 #include "vex_core/os/spawn.h"
 
 #include "vex_core/os/kernel_dirent.h"
+#include "vex_core/os/raise_pipe.h"
 
 #include <climits>
 #include <cstdlib>
@@ -54,10 +55,22 @@ void CloseFrom(int first)
         close(descriptor);
 }
 
-bool OpenPipe(int (&ends)[2])
+Pipe OpenPipe()
 {
     int made[2];
-    return pipe2(made, O_CLOEXEC) == 0 && RaisePipe(made, ends);
+    if (::pipe2(made, O_CLOEXEC) != 0)
+        return {};
+    return RaisePipe(made);
+}
+
+Descriptor OpenProcess(pid_t pid)
+{
+#ifdef SYS_pidfd_open
+    return Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))); // close-on-exec by itself
+#else
+    (void)pid;
+    return {};
+#endif
 }
 
 } // namespace VexCore::os

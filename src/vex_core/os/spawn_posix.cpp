@@ -4,10 +4,13 @@
 
 #include "vex_core/os/spawn.h"
 
-#include <cerrno>
+#include "vex_core/os/observed.h"
+#include "vex_core/os/raise_pipe.h"
+
 #include <csignal>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -60,57 +63,58 @@ void ResetDispositions()
 
 } // namespace
 
-int RaiseDescriptor(int descriptor)
+Descriptor RaiseDescriptor(Descriptor descriptor)
 {
-    if (descriptor < 0)
-        return -1;
-    const int raised = fcntl(descriptor, F_DUPFD_CLOEXEC, firstFreeDescriptor);
-    const int error = errno;
-    close(descriptor);
-    errno = error;
-    return raised;
+    return Descriptor(descriptor ? ::fcntl(descriptor.Get(), F_DUPFD_CLOEXEC, firstFreeDescriptor) : -1);
 }
 
-bool RaisePipe(const int (&made)[2], int (&ends)[2])
+Pipe RaisePipe(const int (&made)[2])
 {
-    ends[0] = RaiseDescriptor(made[0]);
-    ends[1] = RaiseDescriptor(made[1]);
-    if (ends[0] >= 0 && ends[1] >= 0)
-        return true;
-    const int error = errno;
-    for (const int end : ends)
-        if (end >= 0)
-            close(end);
-    errno = error;
-    return false;
+    Descriptor reading(made[0]);
+    Descriptor writing(made[1]);
+    reading = RaiseDescriptor(std::move(reading));
+    if (reading)
+        writing = RaiseDescriptor(std::move(writing));
+    return reading && writing ? Pipe{std::move(reading), std::move(writing)} : Pipe();
+}
+
+void SetNonBlocking(int descriptor)
+{
+    ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+}
+
+void WaitReadable(int first, int second, int timeoutMs)
+{
+    struct pollfd items[2] = {{first, POLLIN, 0}, {second, POLLIN, 0}};
+    ::poll(items, 2, timeoutMs);
+}
+
+pid_t TakeStatus(pid_t child, int& status)
+{
+    return Retried([&] { return ::waitpid(child, &status, WNOHANG); });
 }
 
 pid_t Spawn(const SpawnPlan& plan)
 {
-    int report[2];
-    if (!OpenPipe(report))
+    Pipe report = OpenPipe();
+    if (!report)
         return -1;
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    pid_t pid = ForkChild(plan, report[1]);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    pid_t pid = ForkChild(plan, report.writing.Get());
     int error = errno;
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    close(report[1]);
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    report.writing.Reset();
     if (pid > 0) {
         // The pipe ends when exec closes it; before that comes at most one number.
-        ssize_t got;
-        do {
-            got = read(report[0], &error, sizeof error);
-        } while (got < 0 && errno == EINTR);
+        const ssize_t got = Retried([&] { return ::read(report.reading.Get(), &error, sizeof error); });
         if (got == static_cast<ssize_t>(sizeof error)) {
-            while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-            }
+            Retried([pid] { return ::waitpid(pid, nullptr, 0); });
             pid = -1;
         }
     }
-    close(report[0]);
     errno = error;
     return pid;
 }

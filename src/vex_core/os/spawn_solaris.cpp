@@ -1,5 +1,7 @@
 #include "vex_core/os/spawn.h"
 
+#include "vex_core/os/raise_pipe.h"
+
 #include <cstdlib>
 
 #include <fcntl.h>
@@ -9,13 +11,20 @@ namespace VexCore::os {
 
 void CloseFrom(int first)
 {
-    closefrom(first);
+    ::closefrom(first);
 }
 
-bool OpenPipe(int (&ends)[2])
+Pipe OpenPipe()
 {
     int made[2];
-    return pipe(made) == 0 && RaisePipe(made, ends); // which sets close-on-exec
+    if (::pipe(made) != 0)
+        return {};
+    return RaisePipe(made); // which sets close-on-exec
+}
+
+Descriptor OpenProcess(pid_t)
+{
+    return {};
 }
 
 } // namespace VexCore::os

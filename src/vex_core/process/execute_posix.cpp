@@ -5,13 +5,12 @@
 #include "vex/core/log.h"
 #include "vex/core/sendsignal.h"
 #include "vex_core/base/narrow.h"
-#include "vex_core/os/file_calls.h"
-#include "vex_core/os/procinfo.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/signals.h"
 #include "vex_core/os/spawn.h"
-#include "vex_core/os/status_calls.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -22,9 +21,7 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <wx/arrstr.h>
 
@@ -46,13 +43,10 @@ public:
         const std::lock_guard lock(Mutex());
         if (Users()++ > 0)
             return;
-        sigaction(SIGCHLD, nullptr, &Previous());
+        os::Disposition(SIGCHLD, Previous());
         if (Previous().sa_handler != SIG_IGN && (Previous().sa_flags & SA_NOCLDWAIT) == 0)
             return;
-        struct sigaction standard = {};
-        standard.sa_handler = SIG_DFL;
-        sigemptyset(&standard.sa_mask);
-        sigaction(SIGCHLD, &standard, nullptr);
+        os::SetDefaultDisposition(SIGCHLD);
         Changed() = true;
     }
     ~ChildStatusKept()
@@ -60,7 +54,7 @@ public:
         const std::lock_guard lock(Mutex());
         if (--Users() > 0 || !Changed())
             return;
-        sigaction(SIGCHLD, &Previous(), nullptr);
+        os::SetDisposition(SIGCHLD, Previous());
         Changed() = false;
     }
     ChildStatusKept(const ChildStatusKept&) = delete;
@@ -149,7 +143,7 @@ public:
     RunningProgram(pid_t pid, os::Descriptor output)
         : m_pid(pid), m_output(std::move(output)), m_process(os::OpenProcess(pid))
     {
-        fcntl(m_output.Get(), F_SETFL, fcntl(m_output.Get(), F_GETFL) | O_NONBLOCK);
+        os::SetNonBlocking(m_output.Get());
     }
 
     // Reads and waits until the program has ended. False: the limit was over first, and it was killed.
@@ -176,10 +170,7 @@ public:
 private:
     bool HasEnded()
     {
-        pid_t ended;
-        do {
-            ended = waitpid(m_pid, &m_status, WNOHANG);
-        } while (ended < 0 && errno == EINTR);
+        const pid_t ended = os::TakeStatus(m_pid, m_status);
         m_statusKnown = ended == m_pid;
         return ended != 0;
     }
@@ -188,7 +179,6 @@ private:
     // process its end shows no other way: then the waits are short, growing while nothing happens.
     void Sleep(const Clock::time_point* deadline)
     {
-        struct pollfd items[2] = {{m_output ? m_output.Get() : -1, POLLIN, 0}, {m_process.Get(), POLLIN, 0}};
         long waitMs = -1;
         if (!m_process) {
             waitMs = m_napMs;
@@ -200,7 +190,7 @@ private:
             const long leftMs = static_cast<long>(std::max<long long>(0, std::min<long long>(left, 1000000)));
             waitMs = waitMs < 0 ? leftMs : std::min(waitMs, leftMs);
         }
-        poll(items, 2, static_cast<int>(waitMs));
+        os::WaitReadable(m_output.Get(), m_process.Get(), static_cast<int>(waitMs));
     }
 
     // Takes what is there, at most about as much as a pipe can hold: a writer that never stops must not keep
@@ -209,14 +199,14 @@ private:
     {
         char chunk[65536];
         for (int round = 0; m_output && round < 16; ++round) {
-            const ssize_t got = os::fileCalls.read(m_output.Get(), chunk, sizeof chunk);
+            const ssize_t got = os::Read(m_output.Get(), chunk, sizeof chunk);
             if (got > 0) {
                 output.Add(chunk, static_cast<std::size_t>(got));
                 m_napMs = 1;
                 continue;
             }
             if (got == 0)
-                m_output.Close(); // everybody closed it
+                m_output.Reset(); // everybody closed it
             return;
         }
     }
@@ -278,19 +268,20 @@ bool StartProgram(const wxString& program, const wxArrayString& arguments, os::D
     const std::string name = ToSystemBytes(program);
     const std::string path = FindProgram(name);
     const Arguments values(name, arguments);
-    const os::Descriptor null(os::RaiseDescriptor(os::fileCalls.open("/dev/null", O_RDONLY, 0)));
-    int ends[2];
-    if (!null || !os::OpenPipe(ends))
+    const os::Descriptor null = os::RaiseDescriptor(os::Descriptor(os::Open("/dev/null", O_RDONLY)));
+    if (!null)
         return false;
-    output = os::Descriptor(ends[0]);
-    const os::Descriptor childEnd(ends[1]);
+    os::Pipe pipe = os::OpenPipe();
+    if (!pipe)
+        return false;
     os::SpawnPlan plan;
     plan.program = path.c_str();
     plan.arguments = values.Get();
     plan.environment = environ;
     plan.input = null.Get();
-    plan.output = childEnd.Get();
+    plan.output = pipe.writing.Get();
     pid = os::Spawn(plan);
+    output = std::move(pipe.reading);
     return pid > 0;
 }
 
@@ -314,7 +305,7 @@ bool Execute(const wxString& program, const wxArrayString& arguments, wxString& 
     os::Descriptor pipe;
     pid_t pid = -1;
     if (!StartProgram(program, arguments, pipe, pid)) {
-        error = wxString::Format(wxT("Unable to run '%s': %s"), program, SystemError(errno));
+        error = wxString::Format(wxT("Unable to run '%s': %s"), program, SystemError(os::LastError()));
         return false;
     }
     RunningProgram running(pid, std::move(pipe));

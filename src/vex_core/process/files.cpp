@@ -1,8 +1,9 @@
 #include "vex/core/files.h"
 
 #include "vex_core/base/narrow.h"
-#include "vex_core/os/folder_calls.h"
-#include "vex_core/process/files_p.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/folders.h"
 
 #include <cerrno>
 
@@ -26,13 +27,13 @@ public:
     {
         struct stat status = {};
         if (os::LStatAt(folder, name.c_str(), status) != 0)
-            return Fail(shown, errno);
+            return Fail(shown, os::LastError());
         if (S_ISLNK(status.st_mode))
             return Fail(shown, ELOOP);
         if (S_ISDIR(status.st_mode))
             SecureFolder(folder, name, shown, depth);
         else if (os::ChmodAt(folder, name.c_str(), 0600) != 0)
-            Fail(shown, errno);
+            Fail(shown, os::LastError());
     }
 
     bool Failed() const { return m_error != 0; }
@@ -52,23 +53,22 @@ private:
     {
         // The mode first: without the owner's rights the folder could not be opened.
         if (os::ChmodAt(folder, name.c_str(), 0700) != 0)
-            return Fail(shown, errno);
+            return Fail(shown, os::LastError());
         if (!m_recurse)
             return;
         if (depth >= maxDepth)
             return Fail(shown, ENAMETOOLONG);
-        const int descriptor = os::OpenFolderAt(folder, name.c_str());
-        if (descriptor < 0)
-            return Fail(shown, errno);
-        Listing listing{*this, descriptor, shown, depth + 1};
+        const os::Descriptor opened(os::OpenFolderAt(folder, name.c_str()));
+        if (!opened)
+            return Fail(shown, os::LastError());
+        Listing listing{*this, opened.Get(), shown, depth + 1};
         const auto visit = [](void* context, const char* entry) {
             const Listing& here = *static_cast<Listing*>(context);
             here.self.Secure(here.folder, entry, here.shown + '/' + entry, here.depth);
             return true;
         };
-        if (os::ListFolder(descriptor, visit, &listing) != 0)
-            Fail(shown, errno);
-        os::Close(descriptor);
+        if (os::ListFolder(opened.Get(), visit, &listing) != 0)
+            Fail(shown, os::LastError());
     }
 
     void Fail(const std::string& path, int error)
@@ -100,28 +100,6 @@ bool SecureFileOrDirectory(const wxString& path, bool recurse)
     wxLogError(wxS("Can't restrict the access rights of %s (error %d: %s)"), FromForeignBytes(failed), securer.Error(),
                wxString::FromUTF8(os::ErrorText(securer.Error()).c_str()));
     return false;
-}
-
-bool MakePrivateFolders(const std::string& path)
-{
-    if (os::MkdirAt(AT_FDCWD, path.c_str(), 0700) == 0)
-        return true;
-    if (errno == ENOENT) {
-        const std::size_t slash = path.find_last_of('/');
-        if (slash == std::string::npos || slash == 0)
-            return false;
-        if (!MakePrivateFolders(path.substr(0, slash)))
-            return false;
-        if (os::MkdirAt(AT_FDCWD, path.c_str(), 0700) == 0)
-            return true;
-    }
-    if (errno != EEXIST)
-        return false;
-    struct stat status = {};
-    if (os::StatAt(AT_FDCWD, path.c_str(), status) != 0)
-        return false;
-    errno = ENOTDIR;
-    return S_ISDIR(status.st_mode);
 }
 
 } // namespace VexCore

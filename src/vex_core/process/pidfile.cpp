@@ -3,9 +3,10 @@
 
 #include "vex/core/pidfile.h"
 #include "vex_core/base/narrow.h"
-#include "vex_core/os/file_calls.h"
-#include "vex_core/os/procinfo.h"
-#include "vex_core/process/pidfile_p.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/process_info.h"
+#include "vex_core/process/pidfile_text.h"
 
 #include <atomic>
 #include <cerrno>
@@ -13,7 +14,6 @@
 #include <limits>
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <wx/log.h>
 
@@ -53,14 +53,14 @@ bool ParseLine(const char*& at, const char* end, std::uint64_t& value, bool& pre
 bool ReadSmallFile(const char* path, char (&text)[maxFileBytes + 1], std::size_t& size)
 {
     struct stat status;
-    if (os::fileCalls.stat(path, &status) != 0 || !S_ISREG(status.st_mode))
+    if (os::Stat(path, status) != 0 || !S_ISREG(status.st_mode))
         return false;
-    const os::Descriptor file(os::fileCalls.open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY, 0));
-    if (!file || os::fileCalls.fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))
+    const os::Descriptor file(os::Open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+    if (!file || os::FStat(file.Get(), status) != 0 || !S_ISREG(status.st_mode))
         return false;
     size = 0;
     while (size < sizeof text) {
-        const ssize_t got = os::fileCalls.read(file.Get(), text + size, sizeof text - size);
+        const ssize_t got = os::Read(file.Get(), text + size, sizeof text - size);
         if (got < 0)
             return false;
         if (got == 0)
@@ -78,9 +78,8 @@ public:
     ~TemporaryFile()
     {
         if (m_exists) {
-            const int error = errno; // the caller reports the failure that led here
-            os::fileCalls.unlink(m_path.c_str());
-            errno = error;
+            const os::KeepError keep; // the caller reports the failure that led here
+            os::Unlink(m_path.c_str());
         }
     }
     TemporaryFile(const TemporaryFile&) = delete;
@@ -89,17 +88,16 @@ public:
     os::Descriptor Create()
     {
         const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
-        os::Descriptor file(os::fileCalls.open(m_path.c_str(), flags, 0600));
-        if (!file && errno == EEXIST && os::fileCalls.unlink(m_path.c_str()) == 0)
-            file = os::Descriptor(
-                os::fileCalls.open(m_path.c_str(), flags, 0600)); // an earlier process of our pid was killed
+        os::Descriptor file(os::Open(m_path.c_str(), flags, 0600));
+        if (!file && os::LastError() == EEXIST && os::Unlink(m_path.c_str()) == 0)
+            file = os::Descriptor(os::Open(m_path.c_str(), flags, 0600)); // an earlier process of our pid was killed
         m_exists = static_cast<bool>(file);
         return file;
     }
 
     bool RenameTo(const std::string& path)
     {
-        if (os::fileCalls.rename(m_path.c_str(), path.c_str()) != 0)
+        if (os::Rename(m_path.c_str(), path.c_str()) != 0)
             return false;
         m_exists = false;
         return true;
@@ -114,9 +112,9 @@ private:
 bool WriteThroughRename(const std::string& path, const std::string& text)
 {
     static std::atomic<unsigned> serial{0}; // two threads may write at once
-    TemporaryFile temporary(path + "." + std::to_string(getpid()) + "." + std::to_string(serial++) + ".tmp");
+    TemporaryFile temporary(path + "." + std::to_string(os::ProcessId()) + "." + std::to_string(serial++) + ".tmp");
     os::Descriptor file = temporary.Create();
-    return file && os::WriteAll(file.Get(), text.data(), text.size()) && os::fileCalls.fchmod(file.Get(), 0644) == 0
+    return file && os::WriteAll(file.Get(), text.data(), text.size()) && os::FChmod(file.Get(), 0644) == 0
            && file.Close() && temporary.RenameTo(path);
 }
 
@@ -155,9 +153,9 @@ long ReadPidFile(const wxString& path)
 
 bool WritePidFile(const wxString& path)
 {
-    std::string text = std::to_string(getpid()) + "\n";
+    std::string text = std::to_string(os::ProcessId()) + "\n";
     os::ProcessInfo info;
-    if (os::GetProcessInfo(getpid(), info))
+    if (os::GetProcessInfo(os::ProcessId(), info))
         text += std::to_string(info.startTime) + "\n";
     if (WriteThroughRename(ToSystemBytes(path), text))
         return true;

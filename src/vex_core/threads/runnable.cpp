@@ -10,7 +10,7 @@
 #include "vex_core/base/thread_name.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/crash/crash_thread.h"
-#include "vex_core/os/thread_signal.h"
+#include "vex_core/os/signals.h"
 #include "vex_core/threads/thread_registry.h"
 
 #include <atomic>
@@ -210,7 +210,7 @@ void CRunnable::interrupt()
     const std::lock_guard lock(m_impl->lock);
     // Under the lock the thread cannot be joined, so that its id stays its own.
     if (m_impl->state == Impl::EState::Running)
-        SignalThread(GetId(), SigThreadDelete);
+        os::SignalThread(GetId(), SigThreadDelete);
 }
 
 bool CRunnable::TestDestroy()

@@ -4,7 +4,7 @@
 
 #include "vex_core/base/narrow.h"
 #include "vex_core/domain/dom_p.h"
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/files.h"
 #include "vex_core/zip/unzip_writer.h"
 #include "vex_core/zip/zip_names.h"
 

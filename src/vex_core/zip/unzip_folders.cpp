@@ -1,7 +1,9 @@
 // Opens and makes the folders below the destination of an `Unzip`.
 #include "vex_core/zip/unzip_folders.h"
 
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/folders.h"
 #include "vex_core/zip/zip_names.h"
 
 #include <algorithm>

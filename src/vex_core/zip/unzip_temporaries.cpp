@@ -1,10 +1,10 @@
 // Names of temporary files, the list that leads to them, and the sweep after a run that was killed.
 #include "vex_core/zip/unzip_temporaries.h"
 
-#include "vex_core/os/file_calls.h"
 #include "vex_core/os/file_lock.h"
-#include "vex_core/os/folder_calls.h"
-#include "vex_core/os/status_calls.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/folders.h"
+#include "vex_core/os/process_info.h"
 #include "vex_core/zip/zip_names.h"
 
 #include <algorithm>
@@ -199,7 +199,7 @@ bool UnzipTemporaries::TryMakeList(const std::string& text)
         return false;
     }
     m_folders.NoteChange("");
-    if (os::WriteFull(m_list, text.data(), text.size()) != 0 || os::FSync(m_list) != 0 || os::FSync(root) != 0)
+    if (!os::WriteAll(m_list, text.data(), text.size()) || os::FSync(m_list) != 0 || os::FSync(root) != 0)
         fail(errno);
     return true;
 }

@@ -1,7 +1,7 @@
 // Writes the files of an `Unzip`: first under temporary names, then, flushed, under their own.
 #include "vex_core/zip/unzip_writer.h"
 
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/files.h"
 #include "vex_core/zip/zip_names.h"
 
 #include <cerrno>
@@ -64,7 +64,7 @@ void UnzipWriter::Fill(int file, const ZipArchive& archive, const ZipEntry& entr
 {
     std::uint64_t sinceWriteback = 0;
     const auto write = [&](const char* data, std::size_t size) {
-        if (os::WriteFull(file, data, size) != 0)
+        if (!os::WriteAll(file, data, size))
             throw UnzipFailure("cannot write", errno);
         sinceWriteback += size;
         if (sinceWriteback >= writebackStep) {

@@ -1,7 +1,8 @@
 // Reads entries of an archive whose headers were checked: unpacks, and compares length and checksum with the directory.
 // Small entries are inflated in one piece by libdeflate, which is twice as fast; big ones stream through zlib, so that
 // memory does not grow with them.
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/files.h"
 #include "vex_core/zip/zip_format.h"
 #include "vex_core/zip/zip_reader.h"
 
@@ -217,9 +218,9 @@ bool ZipArchive::Read(const ZipEntry& entry, const Sink& sink, std::string& erro
         return true;
     try {
         if (!FitsOnePiece(entry))
-            return ReadInPieces(m_descriptor, entry, sink, error);
+            return ReadInPieces(m_file.Get(), entry, sink, error);
         std::string data;
-        return ReadInOnePiece(m_descriptor, entry, data, error) && (data.empty() || sink(data.data(), data.size()));
+        return ReadInOnePiece(m_file.Get(), entry, data, error) && (data.empty() || sink(data.data(), data.size()));
     } catch (const std::bad_alloc&) {
         error = noMemory;
         return false;
@@ -234,12 +235,12 @@ bool ZipArchive::Read(const ZipEntry& entry, std::string& data, std::string& err
         if (entry.isFolder)
             return true;
         if (FitsOnePiece(entry))
-            return ReadInOnePiece(m_descriptor, entry, data, error);
+            return ReadInOnePiece(m_file.Get(), entry, data, error);
         const Sink append = [&data](const char* bytes, std::size_t size) {
             data.append(bytes, size);
             return true;
         };
-        return ReadInPieces(m_descriptor, entry, append, error);
+        return ReadInPieces(m_file.Get(), entry, append, error);
     } catch (const std::bad_alloc&) {
         error = noMemory;
         return false;

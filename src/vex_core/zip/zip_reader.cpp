@@ -2,7 +2,8 @@
 // zip_tiling.cpp, in this order. Reading of entries: zip_data.cpp.
 #include "vex_core/zip/zip_reader.h"
 
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/files.h"
 #include "vex_core/zip/zip_directory.h"
 #include "vex_core/zip/zip_tiling.h"
 
@@ -19,9 +20,9 @@ try {
     std::shared_ptr<ZipArchive> archive(new ZipArchive);
     archive->m_path = path;
     // O_NONBLOCK: a FIFO in the place of an archive must not hold us.
-    archive->m_descriptor = os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    archive->m_file = os::Descriptor(os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
     struct stat status;
-    if (archive->m_descriptor < 0 || os::FStat(archive->m_descriptor, status) != 0) {
+    if (!archive->m_file || os::FStat(archive->m_file.Get(), status) != 0) {
         error = "cannot be opened: " + os::ErrorText(errno);
         return nullptr;
     }
@@ -29,8 +30,8 @@ try {
         error = "is no regular file";
         return nullptr;
     }
-    archive->m_identity = IdentityOf(status);
-    Zip::Window window(archive->m_descriptor, static_cast<std::uint64_t>(status.st_size));
+    archive->m_identity = os::IdentityOf(status);
+    Zip::Window window(archive->m_file.Get(), static_cast<std::uint64_t>(status.st_size));
     const Zip::DirectoryPlace place = Zip::FindDirectory(window);
     Zip::Directory directory = Zip::ReadDirectory(window, place, limits);
     archive->m_byName = Zip::OrderByName(directory.entries);
@@ -45,21 +46,6 @@ try {
 } catch (const std::bad_alloc&) {
     error = "there is not enough memory to open it";
     return nullptr;
-}
-
-ZipArchive::~ZipArchive()
-{
-    if (m_descriptor >= 0)
-        os::Close(m_descriptor);
-}
-
-FileIdentity IdentityOf(const struct stat& status)
-{
-    const auto nanoseconds = [](const struct timespec& time) {
-        return static_cast<std::int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
-    };
-    return FileIdentity{status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
-                        nanoseconds(status.st_ctim)};
 }
 
 const ZipEntry* ZipArchive::Find(std::string_view name) const

@@ -2,6 +2,8 @@
 // One strict reader of ZIP archives, for `Unzip` and for the module loader; the one header of this room that others include.
 // Format and limits: docs/FORMATS.md, "ZIP archives".
 
+#include "vex_core/os/descriptor.h"
+#include "vex_core/os/file_identity.h"
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -35,24 +37,6 @@ struct ZipEntry
     std::uint16_t flags = 0; ///< of its headers, as stored
 };
 
-/// Which file an open archive is: another device, inode, size or time means that the path now names another file.
-struct FileIdentity
-{
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    std::int64_t mtimeNs = 0;
-    std::int64_t ctimeNs = 0;
-    bool operator==(const FileIdentity& other) const
-    {
-        return device == other.device && inode == other.inode && size == other.size && mtimeNs == other.mtimeNs
-               && ctimeNs == other.ctimeNs;
-    }
-    bool operator!=(const FileIdentity& other) const { return !(*this == other); }
-};
-
-FileIdentity IdentityOf(const struct stat& status);
-
 /// An archive that passed every check of its headers. Immutable after `Open`; any number of threads may read.
 class ZipArchive
 {
@@ -61,10 +45,9 @@ public:
     /// regular file (a FIFO does not block), cannot be read, or breaks any rule; `error` then has one line that tells the
     /// reason and, escaped, the entry, but not the archive.
     static std::shared_ptr<const ZipArchive> Open(const std::string& path, const ZipLimits& limits, std::string& error);
-    ~ZipArchive();
 
     const std::string& Path() const { return m_path; }
-    const FileIdentity& Identity() const { return m_identity; }
+    const os::FileIdentity& Identity() const { return m_identity; }
     /// Entries in the order of the directory.
     const std::vector<ZipEntry>& Entries() const { return m_entries; }
     /// Null when there is none.
@@ -84,8 +67,8 @@ public:
 private:
     ZipArchive() = default;
     std::string m_path;
-    int m_descriptor = -1;
-    FileIdentity m_identity;
+    os::Descriptor m_file;
+    os::FileIdentity m_identity;
     std::vector<ZipEntry> m_entries;
     std::vector<std::uint32_t> m_byName; // indexes of m_entries, in the order of ComparePaths
     std::string m_directorySha256;

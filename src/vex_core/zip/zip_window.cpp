@@ -1,6 +1,7 @@
 #include "vex_core/zip/zip_window.h"
 
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/files.h"
 
 #include <algorithm>
 #include <cerrno>

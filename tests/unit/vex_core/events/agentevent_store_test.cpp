@@ -25,6 +25,7 @@
 #include <sqlite3.h>
 
 using namespace VexCore;
+using namespace std::string_view_literals;
 using ::Test::SampleEvent;
 
 namespace {
@@ -302,12 +303,12 @@ TEST_F(EventDatabase, PendingFileThatCannotBeRemovedIsEmptied)
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
     ::Test::LogCatcher log;
-    const ::Test::Restored calls(os::fileCalls);
-    os::fileCalls.unlink = [](const char*) { return errno = EPERM, -1; };
-    EXPECT_TRUE(store.StoreKept());
-    EXPECT_EQ(store.Write(SampleEvent("next")), 2);
-    EXPECT_EQ(::Test::ReadFile(Pending()), "");
-    os::fileCalls = os::systemFileCalls;
+    {
+        const ::Test::CallWatch locked([](const os::Call& call) { return call.name == "unlink"sv ? EPERM : 0; });
+        EXPECT_TRUE(store.StoreKept());
+        EXPECT_EQ(store.Write(SampleEvent("next")), 2);
+        EXPECT_EQ(::Test::ReadFile(Pending()), "");
+    }
     EXPECT_EQ(store.Write(SampleEvent("last")), 3);
     EXPECT_FALSE(Exists(Pending()));
     EXPECT_EQ(Stored(), "kept;next;last;");
@@ -319,13 +320,13 @@ TEST_F(EventDatabase, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEvent
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
     ::Test::LogCatcher log;
-    const ::Test::Restored calls(os::fileCalls);
-    os::fileCalls.unlink = [](const char*) { return errno = EPERM, -1; };
-    os::fileCalls.ftruncate = [](int, off_t) { return errno = EPERM, -1; };
     constexpr int more = 1100; // than keys are remembered otherwise
-    for (int i = 0; i < more; ++i)
-        store.Write(SampleEvent("e"));
-    os::fileCalls = os::systemFileCalls;
+    {
+        const ::Test::CallWatch locked(
+            [](const os::Call& call) { return call.name == "unlink"sv || call.name == "ftruncate"sv ? EPERM : 0; });
+        for (int i = 0; i < more; ++i)
+            store.Write(SampleEvent("e"));
+    }
     EXPECT_EQ(log.Count(wxLOG_Error, "Unable to take the events out of"), std::size_t(more));
     EXPECT_TRUE(store.StoreKept());
     EXPECT_FALSE(Exists(Pending()));
@@ -447,9 +448,10 @@ TEST_F(EventDatabase, DamagedDatabaseThatCannotBeMovedStaysAndTheEventsWait)
     EventStore store(m_work);
     {
         ::Test::LogCatcher log;
-        const ::Test::Restored calls(os::fileCalls);
-        os::fileCalls.rename = [](const char*, const char*) { return errno = EACCES, -1; };
-        EXPECT_EQ(store.Write(SampleEvent("event")), 0);
+        {
+            const ::Test::CallWatch fixed([](const os::Call& call) { return call.name == "rename"sv ? EACCES : 0; });
+            EXPECT_EQ(store.Write(SampleEvent("event")), 0);
+        }
         EXPECT_EQ(log.Count(wxLOG_Error, "cannot be moved out of the way"), 1u) << log.All();
         EXPECT_EQ(log.Count(wxLOG_Error, "kept in '" + Pending()), 1u) << log.All();
         EXPECT_EQ(log.Lines().size(), 2u) << log.All();

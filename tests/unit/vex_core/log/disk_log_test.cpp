@@ -1,12 +1,11 @@
 #include "vex_core/log/disk_log.h"
 
+#include "support/call_watch.h"
 #include "support/child.h"
 #include "support/joining_thread.h"
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
-#include "vex_core/os/file_calls.h"
 #include "vex_core/os/file_lock.h"
-#include "vex_core/os/log_calls.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,9 +14,12 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <set>
 #include <sstream>
+#include <string_view>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -25,6 +27,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+using Test::CallWatch;
 using Test::Fork;
 using Test::ReadFile;
 using Test::TempFolder;
@@ -35,6 +38,7 @@ using testing::StartsWith;
 using VexCore::DiskLog;
 using VexCore::ELogLevel;
 namespace os = VexCore::os;
+using namespace std::string_view_literals;
 
 namespace {
 constexpr std::size_t muchMemory = 1 << 20;
@@ -76,36 +80,8 @@ private:
 class Faults
 {
 public:
-    Faults()
-    {
-        s_self = this;
-        os::fileCalls.open = [](const char* path, int flags, mode_t mode) {
-            return s_self->Refused("open") ? -1 : os::systemFileCalls.open(path, flags, mode);
-        };
-        os::fileCalls.write = [](int descriptor, const void* data, std::size_t size) -> ssize_t {
-            if (s_self->Refused("write"))
-                return -1;
-            const std::size_t limit = std::exchange(s_self->m_shortWrite, std::size_t(-1));
-            return os::systemFileCalls.write(descriptor, data, std::min(size, limit));
-        };
-        os::fileCalls.fstat = [](int descriptor, struct stat* status) {
-            return s_self->Refused("fstat") ? -1 : os::systemFileCalls.fstat(descriptor, status);
-        };
-        os::fileCalls.stat = [](const char* path, struct stat* status) {
-            return s_self->Refused("stat") ? -1 : os::systemFileCalls.stat(path, status);
-        };
-        os::fileCalls.rename = [](const char* from, const char* to) {
-            return s_self->Refused("rename") ? -1 : os::systemFileCalls.rename(from, to);
-        };
-        os::fileCalls.unlink = [](const char* path) {
-            return s_self->Refused("unlink") ? -1 : os::systemFileCalls.unlink(path);
-        };
-    }
-    ~Faults()
-    {
-        os::fileCalls = os::systemFileCalls;
-        s_self = nullptr;
-    }
+    /// Done before each call, whatever becomes of it.
+    std::function<void(const os::Call&)> look;
 
     /// 0: nothing fails.
     void FailAll(const char* call, int error)
@@ -124,29 +100,30 @@ public:
     int Writes() const { return m_writes; }
 
 private:
-    bool Refused(const std::string& call)
+    int Answer(const os::Call& call)
     {
-        if (call == "write")
+        const std::string name = call.name;
+        if (look)
+            look(call);
+        if (name == "write")
             ++m_writes;
-        if (m_countdown > 0 && --m_countdown == 0) {
-            errno = m_countdownError;
-            return true;
-        }
-        if (m_error == 0 || call != m_call)
-            return false;
-        errno = m_error;
-        return true;
+        if (m_countdown > 0 && --m_countdown == 0)
+            return m_countdownError;
+        if (name == m_call)
+            return m_error;
+        if (name == "write")
+            *call.size = std::min(*call.size, std::exchange(m_shortWrite, std::size_t(-1)));
+        return 0;
     }
 
-    static Faults* s_self;
     std::string m_call;
     int m_error = 0;
     int m_countdown = -1;
     int m_countdownError = 0;
     std::size_t m_shortWrite = std::size_t(-1);
     int m_writes = 0;
+    Test::CallWatch m_watch{[this](const os::Call& call) { return Answer(call); }};
 };
-Faults* Faults::s_self = nullptr;
 
 /// Logs "one" and then "12345", of which the disk, full from there on, takes "12" only.
 void CutASecondRecord(DiskLog& log, Faults& faults, const std::string& path)
@@ -468,12 +445,8 @@ TEST(DiskLog, PieceThatIsKnownIsNotWaitedForAtEachRecordOfAFullDisk)
     DiskLog log(muchMemory, error.Descriptor());
     CutASecondRecord(log, faults, folder / "x.log");
     faults.FailAll("write", ENOSPC);
-    static int looks;
-    looks = 0;
-    os::fileCalls.fstat = [](int descriptor, struct stat* status) {
-        ++looks;
-        return os::systemFileCalls.fstat(descriptor, status);
-    };
+    int looks = 0;
+    faults.look = [&](const os::Call& call) { looks += call.name == "fstat"sv; };
     log.Write("two\n", false);
     EXPECT_EQ(looks, 5);
     log.Write("three\n", false);
@@ -483,37 +456,35 @@ TEST(DiskLog, PieceThatIsKnownIsNotWaitedForAtEachRecordOfAFullDisk)
 TEST(DiskLog, RecordThatIsStillBeingCopiedByAnotherProcessIsNoPiece)
 {
     const TempFolder folder;
-    static std::string path;
-    path = folder / "x.log";
+    const std::string path = folder / "x.log";
     WriteFile(path, "whole\nfirst half,");
     DiskLog log(muchMemory);
     log.SetFile(path);
     log.Write("one\n", false); // opens the file; what it ends in now is known to be a piece
     std::ofstream(path, std::ios::app) << "second half,";
-    const ::Test::Restored calls(os::fileCalls);
-    os::fileCalls.fstat = [](int descriptor, struct stat* status) {
-        os::fileCalls = os::systemFileCalls;
-        std::ofstream(path, std::ios::app) << " the rest\n";
-        return os::fileCalls.fstat(descriptor, status);
-    };
+    bool copied = false;
+    const CallWatch watch([&](const os::Call& call) {
+        if (call.name == "fstat"sv && !std::exchange(copied, true))
+            std::ofstream(path, std::ios::app) << " the rest\n";
+        return 0;
+    });
     log.Write("two\n", false);
     EXPECT_EQ(ReadFile(path), "whole\nfirst half,\none\nsecond half, the rest\ntwo\n");
 }
 
 TEST(DiskLog, RecordThatWentBehindAPieceInTheLastMomentIsWrittenAgain)
 {
-    static std::string path;
     const TempFolder folder;
-    path = folder / "x.log";
+    const std::string path = folder / "x.log";
     DiskLog log(muchMemory);
     log.SetFile(path);
     log.Write("one\n", false);
-    const ::Test::Restored calls(os::fileCalls);
-    os::fileCalls.write = [](int descriptor, const void* data, std::size_t size) {
-        os::fileCalls = os::systemFileCalls;
-        std::ofstream(path, std::ios::app) << "piece"; // after the look at the file, before the write
-        return os::fileCalls.write(descriptor, data, size);
-    };
+    bool died = false;
+    const CallWatch watch([&](const os::Call& call) {
+        if (call.name == "write"sv && !std::exchange(died, true))
+            std::ofstream(path, std::ios::app) << "piece"; // after the look at the file, before the write
+        return 0;
+    });
     log.Write("two\n", false);
     log.Write("three\n", false);
     EXPECT_EQ(ReadFile(path), "one\npiecetwo\ntwo\nthree\n");
@@ -665,27 +636,23 @@ TEST(DiskLog, OtherWriterFollowsToTheNewFile)
 // A file system that is mounted over the folder starts to number its files anew.
 TEST(DiskLog, FileOfTheSameNumberOnAnotherDeviceIsAnotherFile)
 {
-    static int s_opened;
-    static bool s_otherDevice;
     const TempFolder folder;
     DiskLog log(muchMemory);
     log.SetFile(folder / "x.log");
     log.Write("one\n", false);
-    s_opened = 0;
-    s_otherDevice = true;
-    const Faults restored;
-    os::fileCalls.stat = [](const char* path, struct stat* status) {
-        const int result = os::systemFileCalls.stat(path, status);
-        status->st_dev += std::exchange(s_otherDevice, false);
-        return result;
-    };
-    os::fileCalls.open = [](const char* path, int flags, mode_t mode) {
-        ++s_opened;
-        return os::systemFileCalls.open(path, flags, mode);
-    };
+    int opened = 0;
+    bool otherDevice = true;
+    const CallWatch watch([&](const os::Call& call) {
+        opened += call.name == "open"sv;
+        if (call.name != "stat"sv || !std::exchange(otherDevice, false))
+            return 0;
+        EXPECT_EQ(::stat(call.path, call.status), 0);
+        ++call.status->st_dev;
+        return os::callAnswered;
+    });
     log.Write("two\n", false);
     log.Write("three\n", false);
-    EXPECT_EQ(s_opened, 1);
+    EXPECT_EQ(opened, 1);
     EXPECT_EQ(ReadFile(folder / "x.log"), "one\ntwo\nthree\n");
 }
 
@@ -696,12 +663,9 @@ TEST(DiskLog, OpenFileIsWrittenOnWhileItsNameCannotBeAskedFor)
     DiskLog log(muchMemory, error.Descriptor());
     log.SetFile(folder / "x.log");
     log.Write("one\n", false);
-    Faults faults; // as in a folder that may not be searched any more
-    faults.FailAll("stat", EACCES);
-    os::fileCalls.open = [](const char*, int, mode_t) {
-        errno = EACCES;
-        return -1;
-    };
+    // As in a folder that may not be searched any more.
+    const CallWatch watch(
+        [](const os::Call& call) { return call.name == "stat"sv || call.name == "open"sv ? EACCES : 0; });
     log.Write("two\n", false);
     EXPECT_EQ(ReadFile(folder / "x.log"), "one\ntwo\n");
     EXPECT_EQ(error.Text(), "");

@@ -2,7 +2,7 @@
 
 #include "support/joining_thread.h"
 #include "support/temp_folder.h"
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/call_observer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

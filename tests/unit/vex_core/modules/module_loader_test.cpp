@@ -1,11 +1,11 @@
 #include "vex/core/dom.h"
 #include "vex_core/modules/archive_index.h"
 #include "vex_core/modules/chunk_caches.h"
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/call_observer.h"
 
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
-#include "support/observed_calls.h"
+#include "support/call_watch.h"
 #include "support/odd_archives.h"
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
@@ -652,7 +652,7 @@ TEST_F(ModuleSearch, AnArchiveIsOpenedOnceForAllInterpreters)
     const std::vector<std::string> both = {Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}}),
                                            Add("y.vxe", {{"c.lua", "return 'c'"}})};
     g_opened.clear();
-    const ::Test::ObservedCalls observed(NoteCall);
+    const ::Test::CallWatch observed(NoteCall);
     {
         Lua one(dom);
         Lua two(dom);
@@ -851,7 +851,7 @@ TEST_F(ModuleSearch, NoModuleIsUnpackedToDisk)
     const ::Test::Variable temporaries("TMPDIR", folder / "work");
     g_calls.clear();
     {
-        const ::Test::ObservedCalls observed(NoteCall);
+        const ::Test::CallWatch observed(NoteCall);
         EXPECT_EQ(Lua(dom).Run("return require 'a' .. require 'b' .. require 'big' .. require 'c'"), "ab200000c");
     }
     EXPECT_THAT(g_calls, testing::Contains("pread"));

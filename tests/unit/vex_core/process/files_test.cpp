@@ -1,10 +1,9 @@
 #include "vex/core/files.h"
 
 #include "support/log_catcher.h"
-#include "support/observed_calls.h"
+#include "support/call_watch.h"
 #include "support/temp_folder.h"
-#include "vex_core/os/folder_calls.h"
-#include "vex_core/process/files_p.h"
+#include "vex_core/os/call_observer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -137,7 +136,7 @@ TEST(SecuredFile, FailureIsOneLineThatNamesTheFile)
     MakeFile(folder / "d/good", 0644);
     const LogCatcher log;
     {
-        const ::Test::ObservedCalls observed(FailChmod);
+        const ::Test::CallWatch observed(FailChmod);
         EXPECT_FALSE(Secure(folder / "d", true));
     }
     EXPECT_EQ(ModeOf(folder / "d/good"), mode_t(0600));
@@ -160,23 +159,4 @@ TEST(SecuredFile, EndlessDepthEndsWithAFailure)
     const LogCatcher log;
     EXPECT_FALSE(Secure(folder / "d", true));
     EXPECT_EQ(log.Lines().size(), 1u);
-}
-
-TEST(PrivateFolders, MakesWhatIsMissing)
-{
-    const TempFolder folder;
-    EXPECT_TRUE(VexCore::MakePrivateFolders(folder / "a/b/c"));
-    EXPECT_EQ(ModeOf(folder / "a"), mode_t(0700));
-    EXPECT_EQ(ModeOf(folder / "a/b/c"), mode_t(0700));
-    EXPECT_TRUE(VexCore::MakePrivateFolders(folder / "a/b/c"));
-}
-
-TEST(PrivateFolders, FileInTheWayIsAFailure)
-{
-    const TempFolder folder;
-    WriteFile(folder / "file", "x");
-    EXPECT_FALSE(VexCore::MakePrivateFolders(folder / "file"));
-    EXPECT_EQ(errno, ENOTDIR);
-    EXPECT_FALSE(VexCore::MakePrivateFolders(folder / "file/x"));
-    EXPECT_FALSE(VexCore::MakePrivateFolders(""));
 }

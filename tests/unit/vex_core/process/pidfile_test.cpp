@@ -1,6 +1,6 @@
 #include "vex/core/pidfile.h"
-#include "vex_core/os/procinfo.h"
-#include "vex_core/process/pidfile_p.h"
+#include "vex_core/os/process_info.h"
+#include "vex_core/process/pidfile_text.h"
 
 #include "support/fail_nth.h"
 #include "support/joining_thread.h"

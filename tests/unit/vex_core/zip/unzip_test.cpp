@@ -6,7 +6,7 @@
 #include "vex/core/dom.h"
 #include "vex/core/unzip.h"
 
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/call_observer.h"
 
 #include "support/dom_ptr.h"
 #include "support/log_catcher.h"

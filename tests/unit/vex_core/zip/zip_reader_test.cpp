@@ -265,11 +265,11 @@ TEST_F(ZipReader, IdentityTellsAReplacedFile)
     const auto archive = Open(PlainPackage());
     struct stat status;
     ::stat(m_file.c_str(), &status);
-    EXPECT_TRUE(archive->Identity() == IdentityOf(status));
+    EXPECT_TRUE(archive->Identity() == os::IdentityOf(status));
     WriteFile(m_folder / "other", PlainPackage().Build());
     ASSERT_EQ(::rename((m_folder / "other").c_str(), m_file.c_str()), 0);
     ::stat(m_file.c_str(), &status);
-    EXPECT_TRUE(archive->Identity() != IdentityOf(status));
+    EXPECT_TRUE(archive->Identity() != os::IdentityOf(status));
     std::string data, error;
     EXPECT_TRUE(archive->Read(*archive->Find("lib/a.lua"), data, error)) << "the old file is still open";
 }

@@ -1,4 +1,4 @@
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/files.h"
 
 #include <cerrno>
 

@@ -1,5 +1,5 @@
-#include "vex_core/os/file_calls.h"
-#include "vex_core/os/procinfo.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/process_info.h"
 
 #include <cstdio>
 
@@ -13,21 +13,16 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info)
 {
     char path[40];
     std::snprintf(path, sizeof path, "/proc/%ld/psinfo", static_cast<long>(pid));
-    const Descriptor file(fileCalls.open(path, O_RDONLY, 0));
+    const Descriptor file(Open(path, O_RDONLY));
     if (!file)
         return false;
     psinfo_t data;
-    if (fileCalls.read(file.Get(), &data, sizeof data) != static_cast<ssize_t>(sizeof data))
+    if (Read(file.Get(), &data, sizeof data) != static_cast<ssize_t>(sizeof data))
         return false;
     info.startTime = static_cast<std::uint64_t>(data.pr_start.tv_sec) * 1000000000u
                      + static_cast<std::uint64_t>(data.pr_start.tv_nsec);
     info.zombie = data.pr_nlwp == 0;
     return true;
-}
-
-int OpenProcess(pid_t)
-{
-    return -1;
 }
 
 } // namespace VexCore::os

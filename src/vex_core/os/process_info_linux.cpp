@@ -1,13 +1,11 @@
-#include "vex_core/os/file_calls.h"
-#include "vex_core/os/procinfo.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/process_info.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace VexCore::os {
 
@@ -17,11 +15,11 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info)
 {
     char path[40];
     std::snprintf(path, sizeof path, "/proc/%ld/stat", static_cast<long>(pid));
-    const Descriptor file(fileCalls.open(path, O_RDONLY, 0));
+    const Descriptor file(Open(path, O_RDONLY));
     if (!file)
         return false;
     char text[1024];
-    const ssize_t size = fileCalls.read(file.Get(), text, sizeof text - 1);
+    const ssize_t size = Read(file.Get(), text, sizeof text - 1);
     if (size <= 0)
         return false;
     text[size] = '\0';
@@ -39,16 +37,6 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info)
     info.startTime = std::strtoull(at, nullptr, 10);
     info.zombie = state == 'Z' || state == 'X';
     return true;
-}
-
-int OpenProcess(pid_t pid)
-{
-#ifdef SYS_pidfd_open
-    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)); // close-on-exec by itself
-#else
-    (void)pid;
-    return -1;
-#endif
 }
 
 } // namespace VexCore::os

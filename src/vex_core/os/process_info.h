@@ -1,11 +1,17 @@
 #pragma once
-// What the system tells about other processes.
+// What the system tells about processes: this one's id, user and limits, and the life of others.
 
+#include <cstddef>
 #include <cstdint>
 
 #include <sys/types.h>
 
 namespace VexCore::os {
+
+pid_t ProcessId();
+uid_t EffectiveUser();
+/// How many descriptors this process may have open.
+std::size_t OpenFileLimit();
 
 struct ProcessInfo
 {
@@ -18,8 +24,5 @@ struct ProcessInfo
 
 /// False when there is no such process or the system does not show it. Any thread. Does not allocate.
 bool GetProcessInfo(pid_t pid, ProcessInfo& info);
-
-/// A descriptor that polls readable when the child `pid` has ended, -1 where the system has no such thing.
-int OpenProcess(pid_t pid);
 
 } // namespace VexCore::os

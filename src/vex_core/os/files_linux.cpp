@@ -1,6 +1,6 @@
-#include "vex_core/os/folder_calls.h"
+#include "vex_core/os/files.h"
 
-#include "vex_core/os/folder_calls_p.h"
+#include "vex_core/os/observed.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -27,7 +27,7 @@ bool SyncfsReportsFailure()
 
 int SyncFileSystem(int descriptor)
 {
-    if (!MayCall("syncfs", descriptor))
+    if (!MayCall(OfDescriptor("syncfs", descriptor)))
         return -1;
     static const bool reports = SyncfsReportsFailure();
     if (!reports) {
@@ -39,7 +39,7 @@ int SyncFileSystem(int descriptor)
 
 int StartWriteback(int descriptor)
 {
-    if (!MayCall("sync_file_range", descriptor))
+    if (!MayCall(OfDescriptor("sync_file_range", descriptor)))
         return -1;
     if (::sync_file_range(descriptor, 0, 0, SYNC_FILE_RANGE_WRITE) == 0)
         return 0;

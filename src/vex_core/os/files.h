@@ -1,0 +1,77 @@
+#pragma once
+// Files and their names. Each function does what the call of that name does, tries again when a signal interrupts it, and keeps
+// descriptors from children; the test hook (call_observer.h) sees each. On failure -1, or false, and the reason in error.h.
+
+#include "vex_core/os/descriptor.h"
+
+#include <cstddef>
+#include <string>
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace VexCore::os {
+
+// --- opening
+
+/// `flags` as for open; O_CLOEXEC is added.
+int Open(const char* path, int flags, mode_t mode = 0);
+int OpenAt(int folder, const char* name, int flags, mode_t mode = 0);
+
+// --- what is there
+
+int FStat(int descriptor, struct stat& result);
+/// Of what the path leads to.
+int Stat(const char* path, struct stat& result);
+int StatAt(int folder, const char* name, struct stat& result);
+/// Of the name itself: a symbolic link is not followed.
+int LStat(const char* path, struct stat& result);
+int LStatAt(int folder, const char* name, struct stat& result);
+/// Whether this process may run the file; links are followed.
+bool MayExecute(const char* path);
+/// Keeps the last error.
+bool IsTerminal(int descriptor);
+
+// --- reading and writing
+
+/// One read and one write, which may fall short.
+ssize_t Read(int descriptor, void* data, std::size_t size);
+ssize_t Write(int descriptor, const void* data, std::size_t size);
+/// Reads until `size` bytes are there or the file ends: a short count is the end of the file.
+ssize_t PReadFull(int descriptor, void* data, std::size_t size, off_t offset);
+/// Adds all from the place where the descriptor is to the end of the file.
+bool ReadToEnd(int descriptor, std::string& text);
+/// Writes all of it or fails.
+bool WriteAll(int descriptor, const void* data, std::size_t size);
+/// Writes all of it as far as that works; for standard error, where nobody can be told about a failure. Keeps the last error.
+/// The one call here that tests do not see: it tells what came of the others, and nothing comes of its own failure.
+void WriteBestEffort(int descriptor, const char* data, std::size_t size);
+/// Where the last read or write through `descriptor` ended.
+off_t FilePosition(int descriptor);
+int FTruncate(int descriptor, off_t size);
+
+// --- names, modes, times
+
+int FChmod(int descriptor, mode_t mode);
+/// Of the name itself: fails for a symbolic link.
+int ChmodAt(int folder, const char* name, mode_t mode);
+int Rename(const char* from, const char* to);
+int RenameAt(int folder, const char* name, int newFolder, const char* newName);
+/// Removes a name that is no folder.
+int Unlink(const char* path);
+int UnlinkAt(int folder, const char* name);
+/// Sets the time of last change of an open file to now.
+int TouchFile(int descriptor);
+
+// --- stable storage
+
+/// Puts a file's data and size, or a folder's names, on stable storage.
+int FSync(int descriptor);
+/// Starts to write a file's data to storage without waiting for it, so that a later flush has less to do. Succeeds without
+/// doing anything where that does not exist.
+int StartWriteback(int descriptor);
+/// Puts all of the file system that holds `descriptor` on stable storage. Fails with ENOTSUP where there is no such call or it
+/// does not report failed writes: then each file is to be flushed for itself.
+int SyncFileSystem(int descriptor);
+
+} // namespace VexCore::os

@@ -1,0 +1,26 @@
+#pragma once
+// Folders: opening, making and listing them without following a symbolic link. Failures as in files.h.
+
+#include <string>
+
+#include <sys/types.h>
+
+namespace VexCore::os {
+
+/// Opens a folder that is `name` in `folder`. Fails with ELOOP or ENOTDIR for a symbolic link, with ENOTDIR for anything
+/// else that is no folder; never blocks on one.
+int OpenFolderAt(int folder, const char* name);
+
+int MkdirAt(int folder, const char* name, mode_t mode);
+/// Makes a folder and its missing parents, each with mode 0700. A folder that is there already is fine.
+bool MakePrivateFolders(const std::string& path);
+
+/// The names in a folder without "." and "..": calls `visit` for each until it answers false.
+int ListFolder(int folder, bool (*visit)(void* context, const char* name), void* context);
+/// The same for the folder that the path leads to, also through a symbolic link.
+int ListFolder(const char* path, bool (*visit)(void* context, const char* name), void* context);
+
+/// The process's current folder. False with the error.
+bool CurrentFolder(std::string& path);
+
+} // namespace VexCore::os
