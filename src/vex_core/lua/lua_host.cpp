@@ -4,20 +4,22 @@
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_db.h"
+#include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/folders.h"
+#include "vex_core/os/host_facts.h"
+#include "vex_core/os/process_info.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <memory>
+#include <string>
+#include <vector>
 
-#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
-#include <unistd.h>
 
 #include <lua.hpp>
 
@@ -28,8 +30,10 @@ namespace VexCore {
 namespace {
 using SLB3::internal::Guarded;
 
-int Failure(lua_State* L, const char* path, int error)
+// What to return after a call of the system that failed just now.
+int Failure(lua_State* L, const char* path)
 {
+    const int error = os::LastError();
     lua_pushnil(L);
     lua_pushfstring(L, "%s: %s", path, std::strerror(error));
     return 2;
@@ -66,25 +70,13 @@ void SetNumber(lua_State* L, const char* field, const std::optional<std::uint64_
 int FsList(lua_State* L)
 {
     const char* path = PlainTextArgument(L, 1);
-    struct Closer
-    {
-        void operator()(DIR* folder) const { closedir(folder); }
-    };
-    std::unique_ptr<DIR, Closer> folder(opendir(path));
-    if (!folder)
-        return Failure(L, path, errno);
     std::vector<std::string> names;
-    for (;;) {
-        errno = 0;
-        const dirent* entry = readdir(folder.get());
-        if (!entry) {
-            if (errno != 0)
-                return Failure(L, path, errno);
-            break;
-        }
-        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
-            names.emplace_back(entry->d_name);
-    }
+    const auto add = [](void* context, const char* name) {
+        static_cast<std::vector<std::string>*>(context)->emplace_back(name);
+        return true;
+    };
+    if (os::ListFolder(path, add, &names) != 0)
+        return Failure(L, path);
     std::sort(names.begin(), names.end());
     lua_createtable(L, static_cast<int>(names.size()), 0);
     for (std::size_t i = 0; i < names.size(); ++i) {
@@ -94,12 +86,12 @@ int FsList(lua_State* L)
     return 1;
 }
 
-int PushStat(lua_State* L, int (*ask)(const char*, struct stat*))
+int PushStat(lua_State* L, int (*ask)(const char*, struct stat&))
 {
     const char* path = PlainTextArgument(L, 1);
     struct stat about = {};
-    if (ask(path, &about) != 0)
-        return Failure(L, path, errno);
+    if (ask(path, about) != 0)
+        return Failure(L, path);
     const char* type = "other";
     if (S_ISREG(about.st_mode))
         type = "file";
@@ -119,20 +111,20 @@ int PushStat(lua_State* L, int (*ask)(const char*, struct stat*))
 // itself.
 int FsStat(lua_State* L)
 {
-    return PushStat(L, [](const char* path, struct stat* about) { return os::Stat(path, *about); });
+    return PushStat(L, os::Stat);
 }
 
 int FsLstat(lua_State* L)
 {
-    return PushStat(L, [](const char* path, struct stat* about) { return os::LStat(path, *about); });
+    return PushStat(L, os::LStat);
 }
 
 // mkdir(path): makes a folder that its owner alone may enter.
 int FsMkdir(lua_State* L)
 {
     const char* path = PlainTextArgument(L, 1);
-    if (mkdir(path, 0700) != 0)
-        return Failure(L, path, errno);
+    if (os::MkdirAt(AT_FDCWD, path, 0700) != 0)
+        return Failure(L, path);
     lua_pushboolean(L, 1);
     return 1;
 }
@@ -140,17 +132,17 @@ int FsMkdir(lua_State* L)
 // cwd(): the current directory.
 int FsCwd(lua_State* L)
 {
-    char buffer[4096];
-    if (!getcwd(buffer, sizeof buffer))
-        return Failure(L, ".", errno);
-    lua_pushstring(L, buffer);
+    std::string path;
+    if (!os::CurrentFolder(path))
+        return Failure(L, ".");
+    lua_pushlstring(L, path.data(), path.size());
     return 1;
 }
 
 // isatty(descriptor): whether it is a terminal.
 int FsIsatty(lua_State* L)
 {
-    lua_pushboolean(L, isatty(luaL_checkint(L, 1)));
+    lua_pushboolean(L, os::IsTerminal(luaL_checkint(L, 1)));
     return 1;
 }
 
@@ -164,21 +156,19 @@ const luaL_Reg fsFunctions[] = {{"list", Guarded<FsList>},   {"stat", Guarded<Fs
 int HostSystem(lua_State* L)
 {
     lua_createtable(L, 0, 6);
-    utsname names = {};
-    if (uname(&names) >= 0) {
-        SetKnownText(L, "name", names.sysname);
-        SetKnownText(L, "release", names.release);
-        SetKnownText(L, "version", names.version);
-        SetKnownText(L, "machine", names.machine);
-        SetKnownText(L, "host", names.nodename);
-    }
-    SetKnownText(L, "distribution", host::Distribution().value_or(std::string()));
+    const os::SystemName system = os::GetSystemName();
+    SetKnownText(L, "name", system.name);
+    SetKnownText(L, "release", system.release);
+    SetKnownText(L, "version", system.version);
+    SetKnownText(L, "machine", system.machine);
+    SetKnownText(L, "host", system.host);
+    SetKnownText(L, "distribution", os::Distribution().value_or(std::string()));
     return 1;
 }
 
 int HostUptime(lua_State* L)
 {
-    const auto seconds = host::UptimeSeconds();
+    const auto seconds = os::UptimeSeconds();
     if (!seconds)
         return 0;
     lua_pushnumber(L, *seconds);
@@ -188,13 +178,12 @@ int HostUptime(lua_State* L)
 // load(): array of the averages over 1, 5 and 15 minutes.
 int HostLoad(lua_State* L)
 {
-    double averages[3] = {};
-    const int count = getloadavg(averages, 3);
-    if (count != 3)
+    const auto averages = os::LoadAverages();
+    if (!averages)
         return 0;
     lua_createtable(L, 3, 0);
     for (int i = 0; i < 3; ++i) {
-        lua_pushnumber(L, averages[i]);
+        lua_pushnumber(L, (*averages)[static_cast<std::size_t>(i)]);
         lua_rawseti(L, -2, i + 1);
     }
     return 1;
@@ -203,7 +192,7 @@ int HostLoad(lua_State* L)
 // memory(): table with total, available, free, swap_total and swap_free, in bytes.
 int HostMemory(lua_State* L)
 {
-    const host::Memory memory = host::MemoryFacts();
+    const os::MemoryFacts memory = os::GetMemoryFacts();
     lua_createtable(L, 0, 5);
     SetNumber(L, "total", memory.totalBytes);
     SetNumber(L, "available", memory.availableBytes);
@@ -216,10 +205,10 @@ int HostMemory(lua_State* L)
 // processors(): how many are online.
 int HostProcessors(lua_State* L)
 {
-    const long count = sysconf(_SC_NPROCESSORS_ONLN);
-    if (count <= 0)
+    const auto count = os::Processors();
+    if (!count)
         return 0;
-    lua_pushnumber(L, static_cast<double>(count));
+    lua_pushnumber(L, static_cast<double>(*count));
     return 1;
 }
 
@@ -227,12 +216,12 @@ int HostProcessors(lua_State* L)
 // bytes.
 int HostDisks(lua_State* L)
 {
-    const auto disks = host::Disks();
+    const auto disks = os::Disks();
     if (!disks)
         return 0;
     lua_createtable(L, static_cast<int>(disks->size()), 0);
     int index = 0;
-    for (const host::Disk& disk : *disks) {
+    for (const os::Disk& disk : *disks) {
         lua_createtable(L, 0, 6);
         SetText(L, "mount", disk.mount);
         SetText(L, "device", disk.device);
@@ -248,12 +237,12 @@ int HostDisks(lua_State* L)
 // interfaces(): array of tables with name and counters since the interface came up.
 int HostInterfaces(lua_State* L)
 {
-    const auto interfaces = host::Interfaces();
+    const auto interfaces = os::NetworkInterfaces();
     if (!interfaces)
         return 0;
     lua_createtable(L, static_cast<int>(interfaces->size()), 0);
     int index = 0;
-    for (const host::Interface& one : *interfaces) {
+    for (const os::NetworkInterface& one : *interfaces) {
         lua_createtable(L, 0, 7);
         SetText(L, "name", one.name);
         SetNumber(L, "received_bytes", one.receivedBytes);
@@ -270,15 +259,14 @@ int HostInterfaces(lua_State* L)
 // monotonic(): seconds on a clock that nobody sets, for measuring.
 int HostMonotonic(lua_State* L)
 {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    lua_pushnumber(L, static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9);
+    const std::chrono::duration<double> now = std::chrono::steady_clock::now().time_since_epoch();
+    lua_pushnumber(L, now.count());
     return 1;
 }
 
 int HostPid(lua_State* L)
 {
-    lua_pushnumber(L, static_cast<double>(getpid()));
+    lua_pushnumber(L, static_cast<double>(os::ProcessId()));
     return 1;
 }
 

@@ -2,6 +2,7 @@
 #include "support/sanitized.h"
 #include "vex_core/lua/lua_db.h"
 #include "vex_core/lua/lua_host.h"
+#include "vex_core/os/host_facts.h"
 
 #include "support/address_limit.h"
 #include "support/dom_ptr.h"
@@ -142,9 +143,9 @@ TEST_F(HostModules, FactsOfThisHostArePlausible)
 
 TEST_F(HostModules, ADisksFiguresAreThoseOfItsFileSystem)
 {
-    const auto disks = host::Disks();
+    const auto disks = os::Disks();
     ASSERT_TRUE(disks);
-    for (const host::Disk& disk : *disks) {
+    for (const os::Disk& disk : *disks) {
         struct statvfs sizes = {};
         ASSERT_EQ(statvfs(disk.mount.c_str(), &sizes), 0) << disk.mount;
         EXPECT_EQ(disk.totalBytes, sizes.f_blocks * sizes.f_frsize) << disk.mount;
@@ -161,14 +162,14 @@ TEST_F(HostModules, TheDistributionIsCalledAsAShellReadsItsReleaseFile)
     name[std::fread(name, 1, sizeof name - 1, shell)] = '\0';
     if (pclose(shell) != 0 || name[0] == '\0')
         GTEST_SKIP() << "no release file here";
-    EXPECT_EQ(host::Distribution(), std::optional<std::string>(name));
+    EXPECT_EQ(os::Distribution(), std::optional<std::string>(name));
 }
 
 TEST_F(HostModules, TheLoopbackIsNoInterface)
 {
-    const auto interfaces = host::Interfaces();
+    const auto interfaces = os::NetworkInterfaces();
     ASSERT_TRUE(interfaces);
-    for (const host::Interface& one : *interfaces) {
+    for (const os::NetworkInterface& one : *interfaces) {
         EXPECT_NE(one.name, "lo");
         EXPECT_EQ(one.name.find_first_of(": "), std::string::npos) << one.name;
     }

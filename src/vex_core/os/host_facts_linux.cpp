@@ -1,6 +1,6 @@
 // Facts about a Linux host.
 
-#include "vex_core/lua/lua_host.h"
+#include "vex_core/os/host_facts.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -11,7 +11,7 @@
 #include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 
-namespace VexCore::host {
+namespace VexCore::os {
 namespace {
 // Value of NAME=value or NAME="value" with the shell's escapes taken out.
 std::string Unquote(const std::string& text)
@@ -66,9 +66,9 @@ std::optional<double> UptimeSeconds()
     return static_cast<double>(facts.uptime);
 }
 
-Memory MemoryFacts()
+MemoryFacts GetMemoryFacts()
 {
-    Memory memory;
+    MemoryFacts memory;
     struct sysinfo facts = {};
     if (sysinfo(&facts) == 0) {
         memory.totalBytes = static_cast<std::uint64_t>(facts.totalram) * facts.mem_unit;
@@ -98,7 +98,7 @@ std::optional<std::vector<Disk>> Disks()
     char buffer[8192];
     while (getmntent_r(table, &entry, buffer, sizeof buffer)) {
         struct statvfs sizes = {};
-        if (!IsDisk(entry) || statvfs(entry.mnt_dir, &sizes) != 0 || sizes.f_blocks == 0)
+        if (!IsDisk(entry) || ::statvfs(entry.mnt_dir, &sizes) != 0 || sizes.f_blocks == 0)
             continue;
         const bool device = entry.mnt_fsname[0] == '/';
         if (device && !seen.insert(entry.mnt_fsname).second)
@@ -111,13 +111,13 @@ std::optional<std::vector<Disk>> Disks()
     return disks;
 }
 
-std::optional<std::vector<Interface>> Interfaces()
+std::optional<std::vector<NetworkInterface>> NetworkInterfaces()
 {
     // The counters that getifaddrs gives are cut to 32 bits, which a busy interface passes in seconds.
     std::ifstream file("/proc/net/dev");
     if (!file)
         return std::nullopt;
-    std::vector<Interface> interfaces;
+    std::vector<NetworkInterface> interfaces;
     std::string line;
     while (std::getline(file, line)) {
         const std::size_t colon = line.rfind(':');
@@ -135,8 +135,8 @@ std::optional<std::vector<Interface>> Interfaces()
             interfaces.push_back({name, in[0], in[1], in[2], out[0], out[1], out[2]});
     }
     std::sort(interfaces.begin(), interfaces.end(),
-              [](const Interface& a, const Interface& b) { return a.name < b.name; });
+              [](const NetworkInterface& a, const NetworkInterface& b) { return a.name < b.name; });
     return interfaces;
 }
 
-} // namespace VexCore::host
+} // namespace VexCore::os

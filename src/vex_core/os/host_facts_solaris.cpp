@@ -1,6 +1,6 @@
 // Facts about a Solaris host: sysconf, swapctl, kstat and the mount table.
 
-#include "vex_core/lua/lua_host.h"
+#include "vex_core/os/host_facts.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -16,7 +16,7 @@
 #include <unistd.h>
 #include <utmpx.h>
 
-namespace VexCore::host {
+namespace VexCore::os {
 namespace {
 // The kernel's statistics, closed at the end of a scope.
 class Kstat
@@ -98,16 +98,16 @@ std::optional<double> UptimeSeconds()
     return static_cast<double>(static_cast<std::uint64_t>(now) - *boot);
 }
 
-Memory MemoryFacts()
+MemoryFacts GetMemoryFacts()
 {
-    Memory memory;
-    const long page = sysconf(_SC_PAGESIZE);
+    MemoryFacts memory;
+    const long page = ::sysconf(_SC_PAGESIZE);
     if (page <= 0)
         return memory;
     const auto unit = static_cast<std::uint64_t>(page);
-    if (const long pages = sysconf(_SC_PHYS_PAGES); pages > 0)
+    if (const long pages = ::sysconf(_SC_PHYS_PAGES); pages > 0)
         memory.totalBytes = static_cast<std::uint64_t>(pages) * unit;
-    if (const long pages = sysconf(_SC_AVPHYS_PAGES); pages >= 0) {
+    if (const long pages = ::sysconf(_SC_AVPHYS_PAGES); pages >= 0) {
         memory.freeBytes = static_cast<std::uint64_t>(pages) * unit;
         memory.availableBytes = memory.freeBytes;
     }
@@ -128,7 +128,7 @@ std::optional<std::vector<Disk>> Disks()
     mnttab entry = {};
     while (getmntent(table, &entry) == 0) {
         struct statvfs sizes = {};
-        if (!IsDisk(entry) || statvfs(entry.mnt_mountp, &sizes) != 0 || sizes.f_blocks == 0)
+        if (!IsDisk(entry) || ::statvfs(entry.mnt_mountp, &sizes) != 0 || sizes.f_blocks == 0)
             continue;
         const std::uint64_t unit = sizes.f_frsize ? sizes.f_frsize : sizes.f_bsize;
         disks.push_back({entry.mnt_mountp, entry.mnt_special, entry.mnt_fstype, sizes.f_blocks * unit,
@@ -138,12 +138,12 @@ std::optional<std::vector<Disk>> Disks()
     return disks;
 }
 
-std::optional<std::vector<Interface>> Interfaces()
+std::optional<std::vector<NetworkInterface>> NetworkInterfaces()
 {
     const Kstat kernel;
     if (!kernel.First())
         return std::nullopt;
-    std::vector<Interface> interfaces;
+    std::vector<NetworkInterface> interfaces;
     for (kstat_t* statistic = kernel.First(); statistic; statistic = statistic->ks_next) {
         if (std::strcmp(statistic->ks_module, "link") != 0 || std::strcmp(statistic->ks_class, "net") != 0
             || !kernel.Read(statistic))
@@ -153,8 +153,8 @@ std::optional<std::vector<Interface>> Interfaces()
                               value("obytes64"), value("opackets64"), value("oerrors")});
     }
     std::sort(interfaces.begin(), interfaces.end(),
-              [](const Interface& a, const Interface& b) { return a.name < b.name; });
+              [](const NetworkInterface& a, const NetworkInterface& b) { return a.name < b.name; });
     return interfaces;
 }
 
-} // namespace VexCore::host
+} // namespace VexCore::os
