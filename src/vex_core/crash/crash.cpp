@@ -4,7 +4,7 @@
 // hangs), ends the process by the first crash's signal.
 
 #include "vex/core/crash.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/base/thread_name.h"
 #include "vex_core/crash/crash_p.h"
 #include "vex_core/crash/crash_thread.h"

@@ -2,7 +2,7 @@
 #include "vex/core/dom.h"
 #include "vex/core/log.h"
 #include "vex/core/sqlitedb.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/lifecycle/ending.h"
 #include "vex_core/lua/lua_db.h"
 #include "vex_core/threads/thread_registry.h"

@@ -2,8 +2,8 @@
 
 #include "vex_core/domain/dom_p.h"
 
-#include "vex_core/base/narrow.h"
 #include "vex_core/base/shared_lock.h"
+#include "vex_core/base/text.h"
 #include "vex_core/domain/dom_observer.h"
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/domain/settings_file.h"

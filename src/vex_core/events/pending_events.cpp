@@ -1,5 +1,5 @@
 #include "vex_core/events/pending_events.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/file_lock.h"

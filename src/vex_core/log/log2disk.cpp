@@ -3,7 +3,7 @@
 #include "vex/core/log.h"
 
 #include "vex_core/base/end_steps.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/base/thread_name.h"
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/domain/dom_values.h"

@@ -3,7 +3,7 @@
 
 #include "vex/core/log.h"
 
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/domain/dom_observer.h"
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/log/log_p.h"

@@ -2,7 +2,7 @@
 
 #include "slb3/error.h"
 #include "vex/core/processexit.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/lua/error_text.h"
 #include "vex_core/lua/lua_host.h"
 #include "vex_core/lua/lua_output.h"

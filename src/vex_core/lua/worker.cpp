@@ -4,7 +4,7 @@
 #include "vex/core/dom.h"
 #include "vex/core/luainterpreter.h"
 #include "vex/core/luastate.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/lua/worker_list.h"

@@ -1,6 +1,6 @@
 #include "vex_core/lua/worker_list.h"
 
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/lua/worker.h"
 #include "vex_core/threads/thread_registry.h"
 

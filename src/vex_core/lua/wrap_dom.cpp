@@ -7,7 +7,7 @@
 #include "vex/core/dom.h"
 #include "vex/core/execute.h"
 #include "vex/core/log.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/log/log_p.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_value.h"

@@ -1,6 +1,6 @@
 #include "vex_core/modules/archive_index.h"
 
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/modules/name_hash.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/process_info.h"

@@ -1,7 +1,7 @@
 #include "vex_core/modules/chunk_cache_folder.h"
 
 #include "vex/core/log.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"

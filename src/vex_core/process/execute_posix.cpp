@@ -4,7 +4,7 @@
 #include "vex/core/execute.h"
 #include "vex/core/log.h"
 #include "vex/core/sendsignal.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/signals.h"

@@ -1,6 +1,6 @@
 #include "vex/core/files.h"
 
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"

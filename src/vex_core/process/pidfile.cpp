@@ -2,7 +2,7 @@
 // may have gone to another process since.
 
 #include "vex/core/pidfile.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/process_info.h"

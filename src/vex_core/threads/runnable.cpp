@@ -5,8 +5,8 @@
 #include "vex/core/runnable.h"
 
 #include "vex/core/log.h"
-#include "vex_core/base/narrow.h"
 #include "vex_core/base/steady_ms.h"
+#include "vex_core/base/text.h"
 #include "vex_core/base/thread_name.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/crash/crash_thread.h"

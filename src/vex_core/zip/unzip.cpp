@@ -2,7 +2,7 @@
 // by the reader before the first question; folders, temporary files and writing are in unzip_*.cpp.
 #include "vex/core/unzip.h"
 
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/os/files.h"
 #include "vex_core/zip/unzip_writer.h"
