@@ -15,6 +15,7 @@
 
 #include "vex/apps/vex/daemon.h"
 
+#include "vex/apps/vex/os/signals.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/dom.h"
@@ -95,9 +96,8 @@ void TakeStop(const siginfo_t* information)
 // close (of the lock), kill, _exit.
 extern "C" void pass_signal(int, siginfo_t* information, void*)
 {
-    const int error = errno;
+    const VexOs::KeepError keep;
     TakeStop(information);
-    errno = error;
 }
 
 Daemon::Daemon(VexOs::SystemCalls& system, VexCore::CDom* dom, const wxString& application)
@@ -125,7 +125,7 @@ void Daemon::RefuseSecondInstance()
     if (pid == 0)
         return;
     // Any other failure, such as a process that may not be signalled, means that there is one.
-    if (m_system.Ask(static_cast<pid_t>(pid)) == -1 && errno == ESRCH) {
+    if (m_system.Ask(static_cast<pid_t>(pid)) == -1 && VexOs::LastError() == ESRCH) {
         wxLogInfo("%.128s present (pid=%d), but doesn't seem to be running.", m_pidFile, static_cast<int>(pid));
         return;
     }
@@ -302,7 +302,7 @@ bool Daemon::WaitForChild(pid_t child, int& status)
         const pid_t ended = m_system.Wait(child, status);
         if (ended == child)
             return true;
-        if (ended == -1 && errno == EINTR) {
+        if (ended == -1 && VexOs::LastError() == EINTR) {
             wxLogWarning("Waiting for child process interrupted - Try again");
         } else if (ended == -1) {
             wxLogSysError("Error waiting for child process");

@@ -21,12 +21,12 @@ void StartOpenSsl()
     SSL_load_error_strings();
 }
 
-int SeedRandom(int (*poll)(), int (*status)())
+int SeedRandom(int (*gather)(), int (*status)())
 {
     constexpr int maxAttempts = 100;
     int attempts = 0;
     do {
-        poll();
+        gather();
         ++attempts;
     } while (status() != 1 && attempts < maxAttempts);
     return attempts;

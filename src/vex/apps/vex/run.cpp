@@ -4,13 +4,13 @@
 
 #include "vex/apps/vex/narrowtext.h"
 #include "vex/apps/vex/os/process.h"
+#include "vex/apps/vex/os/signals.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/luainterpreter.h"
 #include "vex/core/processexit.h"
 #include "vex/core/profiler.h"
 
-#include <cerrno>
 #include <condition_variable>
 #include <cstdio>
 #include <memory>
@@ -21,9 +21,6 @@
 #include <wx/evtloop.h>
 #include <wx/log.h>
 
-#include <pthread.h>
-#include <unistd.h>
-
 volatile std::sig_atomic_t g_last_signal = 0;
 
 // Touches g_last_signal and calls _exit, both safe wherever a signal may land. There is no clean-up on purpose: who lets
@@ -32,7 +29,7 @@ extern "C" void VexSignalHandler(int signal)
 {
     g_last_signal = signal;
     if (signal == SIGTERM || signal == SIGINT)
-        ::_exit(0);
+        VexOs::EndNow(0);
 }
 
 namespace {
@@ -133,14 +130,12 @@ sigset_t StopSignals()
 
 void BlockStopSignals()
 {
-    const sigset_t set = StopSignals();
-    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    VexOs::BlockSignals(StopSignals());
 }
 
 void UnblockStopSignals()
 {
-    const sigset_t set = StopSignals();
-    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    VexOs::UnblockSignals(StopSignals());
 }
 
 // Serves the main loop; its result is the script's status. Binds the hand-back for as long as the loop is there.
@@ -172,11 +167,7 @@ struct Disposition
 
 void Install(const Disposition& disposition)
 {
-    struct sigaction action = {};
-    action.sa_handler = disposition.handler;
-    action.sa_flags = disposition.flags;
-    sigemptyset(&action.sa_mask);
-    ::sigaction(disposition.signal, &action, nullptr);
+    VexOs::SetHandler(disposition.signal, disposition.handler, disposition.flags);
 }
 
 // SIGINT and SIGTERM are blocked in the middle, before the last two: a stop that comes meanwhile meets a handler or waits.
@@ -204,17 +195,15 @@ void InstallSignalDispositions()
 // Sleeps until SIGTERM or SIGINT comes, which both threads have blocked since before this one existed.
 void WaitForStop()
 {
-    const sigset_t set = StopSignals();
     int signal = 0;
     VexCore::profiler_idle();
-    const int error = ::sigwait(&set, &signal);
+    const bool came = VexOs::WaitForSignal(StopSignals(), signal);
+    const int error = VexOs::LastError();
     VexCore::profiler_running();
-    if (error != 0) {
-        errno = error;
-        wxLogSysError("sigwait");
-    } else {
+    if (came)
         wxLogWarning("sigwait(): caught signal %d", signal);
-    }
+    else
+        wxLogSysError(error, "sigwait");
 }
 
 } // namespace

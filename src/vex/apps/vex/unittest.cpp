@@ -1,14 +1,13 @@
 // Unit-test mode: the test runner module runs in place of the application's main function. Script thread.
 
 #include "vex/apps/vex/narrowtext.h"
+#include "vex/apps/vex/os/signals.h"
 #include "vex/apps/vex/standardoutput.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/luainterpreter.h"
 
 #include <wx/sstream.h>
-
-#include <unistd.h>
 
 namespace {
 // The alarm's signal only interrupts a blocking call; it ends nothing.
@@ -21,7 +20,7 @@ int CAgentApp::RunUnitTests()
         return 0;
     StandardOutput out;
     // Not cancelled afterwards, on purpose.
-    ::alarm(TimeLimitSeconds);
+    VexOs::SetAlarm(TimeLimitSeconds);
     // The name or pattern goes in as it is, on purpose: quotes and backslashes in it change the Lua text.
     wxString chunk("vexunit = require('tests.vexunit'); return vexunit(\"");
     chunk += m_unitTestScript;

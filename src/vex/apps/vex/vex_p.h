@@ -40,7 +40,7 @@ void StartOpenSsl();
 void SeedOpenSslRandom();
 void StopOpenSsl();
 /// Polls for entropy until the status is 1, at most 100 times, and answers how often it polled. Giving up is silent.
-int SeedRandom(int (*poll)(), int (*status)());
+int SeedRandom(int (*gather)(), int (*status)());
 
 // --- zippath.cpp
 /// Appends each longest run of characters of `text` that are not among the delimiters. Nothing is trimmed, empty pieces
