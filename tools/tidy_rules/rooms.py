@@ -30,7 +30,7 @@ OPEN = {
     "base": ANY,
     "domain": "dom_p.h dom_values.h",
     "log": "log_p.h",
-    "crash": "crash_thread.h",
+    "crash": "signal_stack.h",
     "process": "",
     "threads": "main_thread_park.h thread_registry.h",
     "zip": "zip_reader.h",
@@ -61,7 +61,6 @@ EXCEPTIONS = {
     ("src/vex_core/database/sqlite_db.cpp", "vex_core/lua/lua_db.h"): "the same",
     ("src/vex_core/database/sqlite_db.cpp", "vex_core/threads/thread_registry.h"): "the same",
     ("src/vex_core/domain/dom.cpp", "vex_core/log/trace_p.h"): "the domain tells the trace of its key",
-    ("src/vex_core/domain/dom.cpp", "vex_core/process/files_p.h"): "it makes the working folders of plugins",
     ("src/vex_core/lua/luainterpreter.cpp", "vex/core/processexit.h"): "os.exit ends the process, with all that takes",
 }
 

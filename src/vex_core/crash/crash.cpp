@@ -6,9 +6,9 @@
 #include "vex/core/crash.h"
 #include "vex_core/base/text.h"
 #include "vex_core/base/thread_name.h"
-#include "vex_core/crash/crash_p.h"
-#include "vex_core/crash/crash_thread.h"
-#include "vex_core/crash/crash_threads.h"
+#include "vex_core/crash/crash_system.h"
+#include "vex_core/crash/other_threads.h"
+#include "vex_core/crash/signal_stack.h"
 #include "vex_core/log/log_p.h"
 
 #include <algorithm>
@@ -299,8 +299,8 @@ bool InitCrashHandler(const wxString& dumpFile, const wxString& application, boo
     g_fullMemory = fullDump;
     g_localTimeOffset = LocalTimeOffset();
     PrepareCrashDump();
-    EnableCrashThreads();
-    CrashThreadStart();
+    EnableSignalStacks();
+    TakeSignalStack();
     return Install();
 }
 

@@ -1,10 +1,10 @@
-// Writes the minidump of this process. See crash_p.h for what is allowed here.
+// Writes the minidump of this process. See crash_system.h for what is allowed here.
 
 #include "vex_core/crash/crash_context.h"
 #include "vex_core/crash/crash_maps.h"
-#include "vex_core/crash/crash_p.h"
-#include "vex_core/crash/crash_threads.h"
+#include "vex_core/crash/crash_system.h"
 #include "vex_core/crash/minidump_writer.h"
+#include "vex_core/crash/other_threads.h"
 
 #include <algorithm>
 #include <atomic>
@@ -37,10 +37,10 @@ struct utsname g_systemName;
 std::uint64_t environmentStart = 0; // the texts lie above the main thread's stack, in one mapping with it; 0: not there
 
 // Too large for a small stack; the crashed thread alone gets here.
-Minidump::Thread threadRecords[maxCrashThreads];
-Minidump::ThreadName threadNames[maxCrashThreads];
+Minidump::Thread threadRecords[maxStoppedThreads];
+Minidump::ThreadName threadNames[maxStoppedThreads];
 Minidump::Module moduleRecords[maxCrashModules];
-Minidump::MemoryDescriptor memoryRecords[maxCrashThreads + 1];
+Minidump::MemoryDescriptor memoryRecords[maxStoppedThreads + 1];
 Minidump::MemoryDescriptor64 fullRecords[maxCrashRanges];
 Minidump::ContextAmd64 registers;
 
@@ -82,7 +82,7 @@ private:
     void AddThreads()
     {
         std::size_t count = 0;
-        const CrashThread* const threads =
+        const StoppedThread* const threads =
             StopOtherThreads(m_site.process, m_site.thread, m_site.context, threadsWaitMs, count);
         for (std::size_t i = 0; i < count; ++i) {
             AddThread(threads[i], threadRecords[i]);
@@ -93,7 +93,7 @@ private:
         AddList(m_writer, Minidump::ThreadNamesStream, threadNames, static_cast<std::uint32_t>(count));
     }
 
-    void AddThread(const CrashThread& thread, Minidump::Thread& record)
+    void AddThread(const StoppedThread& thread, Minidump::Thread& record)
     {
         CrashRegisters place;
         if (thread.context) {
@@ -154,7 +154,7 @@ private:
     Minidump::MemoryDescriptor AddMemory(std::uint64_t start, std::uint64_t end)
     {
         const Minidump::MemoryDescriptor memory = {start, m_writer.AppendMemory(start, end - start)};
-        if (m_memoryCount < maxCrashThreads + 1)
+        if (m_memoryCount < maxStoppedThreads + 1)
             memoryRecords[m_memoryCount++] = memory;
         return memory;
     }

@@ -1,4 +1,8 @@
+// See crash_system.h for what is allowed here.
+
 #include "vex_core/crash/crash_maps.h"
+
+#include "vex_core/base/ascii.h"
 
 #include <algorithm>
 #include <cstring>
@@ -89,11 +93,6 @@ bool ParseMapLine(const char* at, MapLine& line)
         ++at;
     line.path = at;
     return true;
-}
-
-bool StartsWith(const char* text, const char* start)
-{
-    return std::strncmp(text, start, std::strlen(start)) == 0;
 }
 
 // --- modules

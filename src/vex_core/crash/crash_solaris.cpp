@@ -1,8 +1,8 @@
 // No dump is written here: the system's own core file, which coreadm(1M) names and places, has all that one
 // would hold. The crash is still reported in the log, and ends the process as it would have.
 
-#include "vex_core/crash/crash_p.h"
-#include "vex_core/crash/crash_threads.h"
+#include "vex_core/crash/crash_system.h"
+#include "vex_core/crash/other_threads.h"
 
 #include <cerrno>
 

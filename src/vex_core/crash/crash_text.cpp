@@ -1,4 +1,4 @@
-#include "vex_core/crash/crash_p.h"
+#include "vex_core/crash/crash_system.h"
 
 namespace VexCore {
 

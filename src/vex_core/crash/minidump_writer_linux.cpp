@@ -1,3 +1,5 @@
+// See crash_system.h for what is allowed here.
+
 #include "vex_core/crash/minidump_writer.h"
 
 #include "vex_core/base/utf8.h"

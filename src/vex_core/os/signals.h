@@ -2,6 +2,7 @@
 // Signals of this process: what happens at one, and sending one to a thread of ours. (To processes: vex/core/sendsignal.h.)
 
 #include <csignal>
+#include <cstddef>
 
 #include <pthread.h>
 
@@ -11,6 +12,19 @@ namespace VexCore::os {
 void Disposition(int signal, struct sigaction& action);
 void SetDisposition(int signal, const struct sigaction& action);
 void SetDefaultDisposition(int signal);
+
+/// A stack that the signal handlers of one thread run on, with a guard below it.
+struct SignalStack
+{
+    void* mapping = nullptr; ///< null: none
+    std::size_t size = 0; ///< of the mapping, in bytes
+    stack_t previous = {}; ///< what the thread had: a sanitizer's, or none
+};
+
+/// Gives the calling thread one of so many bytes. Leaves `stack` without a mapping when it cannot be had.
+void UseSignalStack(SignalStack& stack, std::size_t bytes);
+/// Gives the thread back what it had. The same thread.
+void DropSignalStack(SignalStack& stack);
 
 /// Sends `signal` to a thread of this process that has not been joined yet.
 void SignalThread(pthread_t thread, int signal);

@@ -9,7 +9,7 @@
 #include "vex_core/base/text.h"
 #include "vex_core/base/thread_name.h"
 #include "vex_core/base/wait.h"
-#include "vex_core/crash/crash_thread.h"
+#include "vex_core/crash/signal_stack.h"
 #include "vex_core/os/signals.h"
 #include "vex_core/threads/thread_registry.h"
 
@@ -133,7 +133,7 @@ void LogEscapedException(const char* name)
 void* CRunnable::Entry()
 {
     const ThreadNameScope name(GetThreadName());
-    const CrashThreadScope crash;
+    const SignalStackScope crash;
     const WaitPoint::Binding wait(m_impl->waitPoint);
     t_current = this;
     if (m_impl->logTarget)

@@ -2,9 +2,9 @@
 
 #include "vex/core/crash.h"
 #include "vex_core/crash/crash_maps.h"
-#include "vex_core/crash/crash_p.h"
-#include "vex_core/crash/crash_thread.h"
+#include "vex_core/crash/crash_system.h"
 #include "vex_core/crash/minidump_writer.h"
+#include "vex_core/crash/signal_stack.h"
 
 #include "support/temp_folder.h"
 
@@ -248,16 +248,16 @@ TEST(CrashMaps, MemoryThatIsNotOursToReadIsNoStack)
         GTEST_SKIP() << "this kernel shows no range of its own";
 }
 
-TEST(CrashThread, ThreadHasAnAlternateStackBetweenStartAndEnd)
+TEST(SignalStack, ThreadHasAnAlternateStackBetweenStartAndEnd)
 {
-    EnableCrashThreads();
+    EnableSignalStacks();
     std::thread([] {
         stack_t before;
         stack_t during;
         stack_t after;
         sigaltstack(nullptr, &before);
-        CrashThreadStart();
-        CrashThreadStart(); // no other stack
+        TakeSignalStack();
+        TakeSignalStack(); // no other stack
         sigaltstack(nullptr, &during);
         // Below it lies a page that nobody may touch: an overflow there is a crash, not damage to something else.
         int ends[2];
@@ -267,8 +267,8 @@ TEST(CrashThread, ThreadHasAnAlternateStackBetweenStartAndEnd)
         EXPECT_EQ(errno, EFAULT);
         close(ends[0]);
         close(ends[1]);
-        CrashThreadEnd();
-        CrashThreadEnd();
+        ReturnSignalStack();
+        ReturnSignalStack();
         sigaltstack(nullptr, &after);
         EXPECT_NE(during.ss_sp, before.ss_sp);
         EXPECT_EQ(during.ss_flags & SS_DISABLE, 0);

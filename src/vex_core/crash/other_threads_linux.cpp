@@ -2,7 +2,7 @@
 // works without any right that a container may withhold. A thread that blocks the signal or is deep in the
 // kernel does not answer; it is listed with what /proc tells.
 
-#include "vex_core/crash/crash_threads.h"
+#include "vex_core/crash/other_threads.h"
 #include "vex_core/os/kernel_dirent.h"
 
 #include <algorithm>
@@ -25,9 +25,9 @@ struct Slot
 
 constexpr int maxLooks = 16; // each is taken when those who were found before have stopped, or will not
 
-Slot slots[maxCrashThreads];
+Slot slots[maxStoppedThreads];
 std::atomic<std::size_t> slotCount{0};
-CrashThread result[maxCrashThreads];
+StoppedThread result[maxStoppedThreads];
 
 int ParkSignal()
 {
@@ -77,7 +77,7 @@ void ListThreads(long self)
         const long size = syscall(SYS_getdents64, folder, batch, sizeof batch);
         if (size <= 0)
             break;
-        for (long at = 0; at < size && count < maxCrashThreads - 1;) {
+        for (long at = 0; at < size && count < maxStoppedThreads - 1;) {
             const auto* entry = static_cast<const os::KernelDirent*>(static_cast<const void*>(batch + at));
             long number = 0;
             for (const char* digit = entry->name; *digit >= '0' && *digit <= '9'; ++digit)
@@ -116,7 +116,7 @@ std::size_t Answers()
 
 } // namespace
 
-const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs, std::size_t& count)
+const StoppedThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs, std::size_t& count)
 {
     PrepareToPark();
     std::size_t asked = 0;

@@ -1,7 +1,8 @@
 #pragma once
 // Between the crash handler and the part of it that knows the system. All of it runs inside a signal handler,
 // on a small stack, in a process whose heap may be broken: no allocation, no lock, no call that is not a
-// plain system call.
+// plain system call. That is why it makes its calls itself and not through os/, where more than the call may
+// happen.
 
 #include <csignal>
 #include <cstddef>

@@ -8,9 +8,9 @@
 
 namespace VexCore {
 
-constexpr std::size_t maxCrashThreads = 1024;
+constexpr std::size_t maxStoppedThreads = 1024;
 
-struct CrashThread
+struct StoppedThread
 {
     long number = 0;
     const void* context = nullptr; ///< ucontext_t of the stopped thread; null when it did not answer
@@ -18,7 +18,8 @@ struct CrashThread
 
 /// Stops all threads but the caller and waits up to `waitMs` for their answers. They never go on. The list is
 /// the caller's, then the others', in memory that stays; `count` its length.
-const CrashThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs, std::size_t& count);
+const StoppedThread* StopOtherThreads(pid_t process, long self, const void* ownContext, long waitMs,
+                                      std::size_t& count);
 
 /// For a thread that crashes while another one writes the dump: gives its context as the answer and never
 /// returns.
