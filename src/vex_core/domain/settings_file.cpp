@@ -140,7 +140,7 @@ void SettingsFile::Refresh(const std::string& path)
         return;
     }
     const os::FileIdentity version = os::IdentityOf(status);
-    if (!m_readable || !m_settled || path != m_path || version != m_version) {
+    if (!m_readable || !m_settled || path != m_path || !version.HasContentOf(m_version)) {
         // A change within the file system's clock tick of the last one leaves the time as it was, so a file that is read
         // right after it was written is read again next time.
         m_settled = std::time(nullptr) - status.st_mtim.tv_sec > 2;

@@ -57,9 +57,9 @@ const EndStepOwner endThreads(EndStep::EndThreads, [] { EndThreads(threadsEndMs)
 /// Whoever holds a stream's lock may be blocked for good: its text is left behind then.
 void FlushIfFree(std::FILE* stream)
 {
-    if (TryLockStream(stream)) {
+    if (os::TryLockStream(stream)) {
         std::fflush(stream);
-        UnlockStream(stream);
+        os::UnlockStream(stream);
     }
 }
 
@@ -95,13 +95,13 @@ void TakeEndSteps(EndStretch stretch, const EndSteps& steps)
 void EndThreads(long timeoutMs)
 {
     if (!StopAllWorkers(timeoutMs))
-        AtExitWithStatus(&LeaveWithoutDestructors);
+        os::AtExitWithStatus(&LeaveWithoutDestructors);
 }
 
 void LeaveWithoutDestructors(int status)
 {
     TakeEndSteps(EndStretch::ExitOverThreads);
-    EndProcessNow(status);
+    os::EndProcessNow(status);
 }
 
 } // namespace VexCore

@@ -2,6 +2,7 @@
 
 #include "vex_core/base/text.h"
 #include "vex_core/modules/name_hash.h"
+#include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/process_info.h"
 
@@ -56,12 +57,10 @@ private:
 /// Whether a file that could not be opened failed for want of descriptors or memory, which says nothing about the file.
 bool OutOfResources(const std::string& path)
 {
-    const int descriptor = os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
-    if (descriptor >= 0) {
-        os::Close(descriptor);
+    if (os::Descriptor(os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY)))
         return false;
-    }
-    return errno == EMFILE || errno == ENFILE || errno == ENOMEM;
+    const int error = os::LastError();
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
 }
 
 bool IsLuaFile(const ZipEntry& entry)

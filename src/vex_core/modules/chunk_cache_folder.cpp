@@ -1,6 +1,7 @@
 #include "vex_core/modules/chunk_cache_folder.h"
 
 #include "vex/core/log.h"
+#include "vex_core/base/ascii.h"
 #include "vex_core/base/text.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
@@ -55,9 +56,9 @@ FolderState OpenFolder(const std::string& path, os::Descriptor& descriptor)
 {
     os::Descriptor folder(os::OpenFolderAt(AT_FDCWD, path.c_str()));
     if (!folder) {
-        if (errno == ENOENT)
+        if (os::LastError() == ENOENT)
             return FolderState::Missing;
-        Trace(__LINE__, path, "not used: " + os::ErrorText(errno));
+        Trace(__LINE__, path, "not used: " + os::ErrorText(os::LastError()));
         return FolderState::Refused;
     }
     struct stat status;
@@ -88,16 +89,6 @@ struct FoundFile
     std::uint64_t bytes = 0;
     bool temporary = false;
 };
-
-bool StartsWith(const std::string& text, const char* start)
-{
-    return text.compare(0, std::strlen(start), start) == 0;
-}
-
-bool EndsWith(const std::string& text, const std::string& end)
-{
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
 
 /// Our files in the folder; others are left alone.
 std::vector<FoundFile> FilesIn(int folder)
@@ -203,13 +194,13 @@ bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes)
     const std::string temporary = TemporaryName();
     os::Descriptor file(os::OpenAt(folder.Get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
     if (!file) {
-        Trace(__LINE__, m_path, "not written: " + os::ErrorText(errno));
+        Trace(__LINE__, m_path, "not written: " + os::ErrorText(os::LastError()));
         return false;
     }
     // Not flushed to storage: after a power loss the checksums tell what is whole.
     if (!os::WriteAll(file.Get(), bytes.data(), bytes.size())
         || os::RenameAt(folder.Get(), temporary.c_str(), folder.Get(), (key + fileSuffix).c_str()) != 0) {
-        Trace(__LINE__, m_path, "not written: " + os::ErrorText(errno));
+        Trace(__LINE__, m_path, "not written: " + os::ErrorText(os::LastError()));
         (void)os::UnlinkAt(folder.Get(), temporary.c_str());
         return false;
     }

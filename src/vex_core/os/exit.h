@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-namespace VexCore {
+namespace VexCore::os {
 
 /// Ends the process at once: no handler, no destructor, no flush.
 [[noreturn]] void EndProcessNow(int status);
@@ -16,4 +16,4 @@ void AtExitWithStatus(void (*handler)(int status));
 bool TryLockStream(std::FILE* stream);
 void UnlockStream(std::FILE* stream);
 
-} // namespace VexCore
+} // namespace VexCore::os

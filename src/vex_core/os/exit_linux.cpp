@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-void VexCore::AtExitWithStatus(void (*handler)(int status))
+void VexCore::os::AtExitWithStatus(void (*handler)(int status))
 {
     // Fails only without memory; then the process ends as it would have.
     (void)::on_exit([](int status, void* context) { reinterpret_cast<void (*)(int)>(context)(status); },

@@ -2,17 +2,17 @@
 
 #include <unistd.h>
 
-void VexCore::EndProcessNow(int status)
+void VexCore::os::EndProcessNow(int status)
 {
     ::_exit(status);
 }
 
-bool VexCore::TryLockStream(std::FILE* stream)
+bool VexCore::os::TryLockStream(std::FILE* stream)
 {
     return ::ftrylockfile(stream) == 0;
 }
 
-void VexCore::UnlockStream(std::FILE* stream)
+void VexCore::os::UnlockStream(std::FILE* stream)
 {
     ::funlockfile(stream);
 }

@@ -16,16 +16,18 @@ struct FileIdentity
     std::int64_t mtimeNs = 0;
     std::int64_t ctimeNs = 0;
 
-    /// The same file, whatever was written to it since. None, which no file has as its number, is the same as no file.
+    /// The same file, whatever was written to it since. A default one is no file's.
     bool IsFileOf(const struct stat& status) const { return device == status.st_dev && inode == status.st_ino; }
     bool IsFileOf(const FileIdentity& other) const { return device == other.device && inode == other.inode; }
 
-    /// The same file with the same content, as far as size and times tell: a change within the file system's clock tick of the
-    /// one before shows in neither.
-    bool operator==(const FileIdentity& other) const
+    /// The same file with the same content, as far as its size and the time of its last change tell: a change within the file
+    /// system's clock tick of the one before shows in neither.
+    bool HasContentOf(const FileIdentity& other) const
     {
-        return IsFileOf(other) && size == other.size && mtimeNs == other.mtimeNs && ctimeNs == other.ctimeNs;
+        return IsFileOf(other) && size == other.size && mtimeNs == other.mtimeNs;
     }
+    /// And nobody has set that time, the mode, the owner or a name of the file since.
+    bool operator==(const FileIdentity& other) const { return HasContentOf(other) && ctimeNs == other.ctimeNs; }
     bool operator!=(const FileIdentity& other) const { return !(*this == other); }
 };
 

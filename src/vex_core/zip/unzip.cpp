@@ -4,6 +4,7 @@
 
 #include "vex_core/base/text.h"
 #include "vex_core/domain/dom_p.h"
+#include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/zip/unzip_writer.h"
 #include "vex_core/zip/zip_names.h"
@@ -30,13 +31,13 @@ ZipLimits LimitsFromSettings()
     const RootDom root;
     if (!root)
         return limits;
-    const auto read = [&root](const char* key, std::uint64_t& limit) {
+    const auto take = [&root](const char* key, std::uint64_t& limit) {
         std::int64_t value = 0;
         if (root->GetSetting(key, value) && value >= 0)
             limit = static_cast<std::uint64_t>(value);
     };
-    read("app.unzip.maxbytes", limits.maxBytes);
-    read("app.unzip.maxentries", limits.maxEntries);
+    take("app.unzip.maxbytes", limits.maxBytes);
+    take("app.unzip.maxentries", limits.maxEntries);
     return limits;
 }
 
@@ -112,8 +113,8 @@ private:
         if (folder < 0)
             return Target::Missing;
         if (os::LStatAt(folder, LastOf(entry.name).c_str(), status) != 0) {
-            if (errno != ENOENT)
-                throw UnzipFailure("cannot look at its destination", errno);
+            if (os::LastError() != ENOENT)
+                throw UnzipFailure("cannot look at its destination", os::LastError());
             return Target::Missing;
         }
         if (!S_ISREG(status.st_mode))

@@ -59,38 +59,25 @@ std::string LastOf(std::string_view path)
 UnzipFolders::UnzipFolders(const std::string& root)
 {
     Folder folder;
-    folder.descriptor = os::Open(root.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    folder.file = os::Descriptor(os::Open(root.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
     struct stat status;
-    if (folder.descriptor < 0 || os::FStat(folder.descriptor, status) != 0) {
-        const int error = errno;
-        if (folder.descriptor >= 0)
-            os::Close(folder.descriptor);
-        throw UnzipFailure("cannot open the destination " + Quoted(root), error);
-    }
-    folder.device = status.st_dev;
-    folder.inode = status.st_ino;
-    m_open.emplace("", folder);
-    if (!S_ISDIR(status.st_mode)) {
-        os::Close(folder.descriptor);
+    if (!folder.file || os::FStat(folder.file.Get(), status) != 0)
+        throw UnzipFailure("cannot open the destination " + Quoted(root), os::LastError());
+    if (!S_ISDIR(status.st_mode))
         throw UnzipFailure("the destination " + Quoted(root) + " is no folder");
-    }
-}
-
-UnzipFolders::~UnzipFolders()
-{
-    Close();
-    os::Close(m_open.begin()->second.descriptor);
+    folder.identity = os::IdentityOf(status);
+    m_open.emplace("", std::move(folder));
 }
 
 int UnzipFolders::Find(std::string_view path)
 {
     const Folder* const folder = Walk(path, false);
-    return folder ? folder->descriptor : -1;
+    return folder ? folder->file.Get() : -1;
 }
 
 int UnzipFolders::Make(std::string_view path)
 {
-    return Walk(path, true)->descriptor;
+    return Walk(path, true)->file.Get();
 }
 
 const UnzipFolders::Folder* UnzipFolders::Walk(std::string_view path, bool make)
@@ -117,37 +104,34 @@ const UnzipFolders::Folder* UnzipFolders::Walk(std::string_view path, bool make)
 const UnzipFolders::Folder* UnzipFolders::OpenBelow(Folder& parent, std::string_view path, const std::string& name,
                                                     bool make)
 {
-    int descriptor = os::OpenFolderAt(parent.descriptor, name.c_str());
-    if (descriptor < 0 && errno == ENOENT && !make)
+    os::Descriptor opened(os::OpenFolderAt(parent.file.Get(), name.c_str()));
+    const bool missing = !opened && os::LastError() == ENOENT;
+    if (missing && !make)
         return nullptr;
-    const bool missing = descriptor < 0 && errno == ENOENT;
     if (missing) {
-        if (os::MkdirAt(parent.descriptor, name.c_str(), 0755) != 0 && errno != EEXIST)
-            throw UnzipFailure("cannot make the folder " + Quoted(path), errno);
+        if (os::MkdirAt(parent.file.Get(), name.c_str(), 0755) != 0 && os::LastError() != EEXIST)
+            throw UnzipFailure("cannot make the folder " + Quoted(path), os::LastError());
         parent.changed = true;
-        descriptor = os::OpenFolderAt(parent.descriptor, name.c_str());
+        opened = os::Descriptor(os::OpenFolderAt(parent.file.Get(), name.c_str()));
     }
-    if (descriptor < 0)
-        FailAtComponent(path, errno);
+    if (!opened)
+        FailAtComponent(path, os::LastError());
     struct stat status;
     // The mode once more: the umask took its part of it.
-    if (os::FStat(descriptor, status) != 0 || (missing && os::FChmod(descriptor, 0755) != 0)) {
-        const int error = errno;
-        os::Close(descriptor);
-        FailAtComponent(path, error);
-    }
-    return &m_open.emplace(path, Folder{descriptor, status.st_dev, status.st_ino, missing}).first->second;
+    if (os::FStat(opened.Get(), status) != 0 || (missing && os::FChmod(opened.Get(), 0755) != 0))
+        FailAtComponent(path, os::LastError());
+    return &m_open.emplace(path, Folder{std::move(opened), os::IdentityOf(status), missing}).first->second;
 }
 
 void UnzipFolders::CheckSame(const Folder& parent, std::string_view path, const Folder& folder)
 {
     struct stat status;
-    if (os::LStatAt(parent.descriptor, LastOf(path).c_str(), status) != 0) {
-        if (errno != ENOENT)
-            throw UnzipFailure("cannot look at the folder " + Quoted(path), errno);
+    if (os::LStatAt(parent.file.Get(), LastOf(path).c_str(), status) != 0) {
+        if (os::LastError() != ENOENT)
+            throw UnzipFailure("cannot look at the folder " + Quoted(path), os::LastError());
         FailReplaced(path);
     }
-    if (!S_ISDIR(status.st_mode) || status.st_dev != folder.device || status.st_ino != folder.inode)
+    if (!S_ISDIR(status.st_mode) || !folder.identity.IsFileOf(status))
         FailReplaced(path);
 }
 
@@ -178,8 +162,8 @@ void UnzipFolders::Flush()
     for (auto item = m_open.rbegin(); item != m_open.rend(); ++item) {
         if (!item->second.changed)
             continue;
-        if (os::FSync(item->second.descriptor) != 0)
-            throw UnzipFailure("cannot flush the folder " + Quoted(item->first), errno);
+        if (os::FSync(item->second.file.Get()) != 0)
+            throw UnzipFailure("cannot flush the folder " + Quoted(item->first), os::LastError());
         item->second.changed = false;
     }
 }
@@ -189,21 +173,18 @@ bool UnzipFolders::FlushFileSystemsOf(const std::vector<std::string_view>& paths
     std::set<dev_t> done;
     for (const std::string_view path : paths) {
         const Folder& folder = m_open.find(path)->second;
-        if (!done.insert(folder.device).second || os::SyncFileSystem(folder.descriptor) == 0)
+        if (!done.insert(folder.identity.device).second || os::SyncFileSystem(folder.file.Get()) == 0)
             continue;
-        if (errno == ENOTSUP || errno == ENOSYS)
+        if (os::LastError() == ENOTSUP || os::LastError() == ENOSYS)
             return false;
-        throw UnzipFailure("cannot flush the file system of " + Quoted(path), errno);
+        throw UnzipFailure("cannot flush the file system of " + Quoted(path), os::LastError());
     }
     return true;
 }
 
 void UnzipFolders::Close()
 {
-    for (auto item = std::next(m_open.begin()); item != m_open.end();) {
-        os::Close(item->second.descriptor);
-        item = m_open.erase(item);
-    }
+    m_open.erase(std::next(m_open.begin()), m_open.end());
 }
 
 } // namespace VexCore

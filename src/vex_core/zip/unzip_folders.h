@@ -2,6 +2,9 @@
 // The folders below the destination of an `Unzip`, and how its parts fail. None of the parts is used by more than one thread at
 // a time.
 
+#include "vex_core/os/descriptor.h"
+#include "vex_core/os/file_identity.h"
+
 #include <cstddef>
 #include <map>
 #include <stdexcept>
@@ -18,7 +21,7 @@ class UnzipFailure : public std::runtime_error
 {
 public:
     explicit UnzipFailure(const std::string& reason) : std::runtime_error(reason) {}
-    /// "`what`: text of the errno value".
+    /// "`what`: text of the error number".
     UnzipFailure(const std::string& what, int error);
 };
 
@@ -36,7 +39,6 @@ class UnzipFolders
 public:
     /// Opens the destination. Symbolic links on the way to it are followed: they are the operator's.
     explicit UnzipFolders(const std::string& root);
-    ~UnzipFolders();
     UnzipFolders(const UnzipFolders&) = delete;
     UnzipFolders& operator=(const UnzipFolders&) = delete;
 
@@ -61,9 +63,8 @@ public:
 private:
     struct Folder
     {
-        int descriptor = -1;
-        dev_t device = 0;
-        ino_t inode = 0;
+        os::Descriptor file;
+        os::FileIdentity identity;
         bool changed = false;
     };
     using Folders = std::map<std::string, Folder, std::less<>>;

@@ -1,6 +1,8 @@
 // Names of temporary files, the list that leads to them, and the sweep after a run that was killed.
 #include "vex_core/zip/unzip_temporaries.h"
 
+#include "vex_core/base/ascii.h"
+#include "vex_core/os/error.h"
 #include "vex_core/os/file_lock.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"
@@ -72,15 +74,10 @@ std::string ListName(const std::string& id)
     return std::string(temporaryPrefix) + id + std::string(listSuffix);
 }
 
-bool StartsWith(std::string_view text, std::string_view start)
-{
-    return text.substr(0, start.size()) == start;
-}
-
 bool IsListName(std::string_view name)
 {
     return StartsWith(name, temporaryPrefix) && name.size() > temporaryPrefix.size() + listSuffix.size()
-           && name.substr(name.size() - listSuffix.size()) == listSuffix;
+           && EndsWith(name, listSuffix);
 }
 
 /// The folders that files of the archive go to, one a line; names have no line ends.
@@ -111,7 +108,7 @@ std::vector<std::string> NamesThatStartWith(int folder, const std::string& prefi
         return true;
     };
     if (os::ListFolder(folder, visit, &search) != 0)
-        throw UnzipFailure("cannot look for files of an earlier run", errno);
+        throw UnzipFailure("cannot look for files of an earlier run", os::LastError());
     return std::move(search.names);
 }
 
@@ -127,7 +124,7 @@ std::string ReadWhole(int file, const std::string& name)
         char chunk[16 * 1024];
         const ssize_t size = os::PReadFull(file, chunk, sizeof chunk, static_cast<off_t>(text.size()));
         if (size < 0)
-            FailToCleanUp(name, errno);
+            FailToCleanUp(name, os::LastError());
         text.append(chunk, static_cast<std::size_t>(size));
         if (static_cast<std::size_t>(size) < sizeof chunk)
             return text;
@@ -143,15 +140,14 @@ bool IsReservedForUnzip(std::string_view name)
 
 UnzipTemporaries::~UnzipTemporaries()
 {
-    if (m_list >= 0)
-        os::Close(m_list);
+    m_list.Reset(); // before another run of this process may look at the file
     if (!m_id.empty())
         LiveRuns::Process().Remove(m_id);
 }
 
 std::string UnzipTemporaries::NewName()
 {
-    if (m_list < 0)
+    if (!m_list)
         MakeList();
     return std::string(temporaryPrefix) + m_id + "-" + std::to_string(m_count++);
 }
@@ -178,38 +174,36 @@ bool UnzipTemporaries::TryMakeList(const std::string& text)
         os::UnlinkAt(root, name.c_str());
         throw UnzipFailure("cannot make a list of temporary files", error);
     };
-    m_list = os::OpenAt(root, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-    if (m_list < 0 && errno != EEXIST)
-        throw UnzipFailure("cannot make a list of temporary files", errno);
+    m_list = os::Descriptor(os::OpenAt(root, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
+    if (!m_list && os::LastError() != EEXIST)
+        throw UnzipFailure("cannot make a list of temporary files", os::LastError());
     struct stat status = {};
-    const bool locked = m_list >= 0 && os::TryLock(m_list) == 0;
-    if (m_list >= 0 && !locked && errno != EAGAIN)
-        fail(errno);
-    if (locked && os::FStat(m_list, status) != 0)
-        fail(errno);
+    const bool locked = m_list && os::TryLock(m_list.Get()) == 0;
+    if (m_list && !locked && os::LastError() != EAGAIN)
+        fail(os::LastError());
+    if (locked && os::FStat(m_list.Get(), status) != 0)
+        fail(os::LastError());
     if (!locked || status.st_nlink == 0) {
-        if (m_list >= 0) {
-            // The sweep removes it too; the name is ours alone, so no other file can have it by now.
+        // The sweep removes it too; the name is ours alone, so no other file can have it by now.
+        if (m_list)
             os::UnlinkAt(root, name.c_str());
-            os::Close(m_list);
-        }
-        m_list = -1;
+        m_list.Reset();
         LiveRuns::Process().Remove(id);
         m_id.clear();
         return false;
     }
     m_folders.NoteChange("");
-    if (!os::WriteAll(m_list, text.data(), text.size()) || os::FSync(m_list) != 0 || os::FSync(root) != 0)
-        fail(errno);
+    if (!os::WriteAll(m_list.Get(), text.data(), text.size()) || os::FSync(m_list.Get()) != 0 || os::FSync(root) != 0)
+        fail(os::LastError());
     return true;
 }
 
 void UnzipTemporaries::RemoveList()
 {
-    if (m_list < 0 || m_keepList)
+    if (!m_list || m_keepList)
         return;
-    if (os::UnlinkAt(m_folders.Find(""), ListName(m_id).c_str()) != 0 && errno != ENOENT)
-        throw UnzipFailure("cannot remove the list of temporary files", errno);
+    if (os::UnlinkAt(m_folders.Find(""), ListName(m_id).c_str()) != 0 && os::LastError() != ENOENT)
+        throw UnzipFailure("cannot remove the list of temporary files", os::LastError());
     m_folders.NoteChange("");
 }
 
@@ -230,19 +224,19 @@ void UnzipTemporaries::SweepRun(const std::string& listName)
     const int root = m_folders.Find("");
     struct stat status;
     const os::Descriptor list(os::OpenAt(root, listName.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
-    if (list.Get() < 0) {
-        if (errno == ENOENT || errno == ELOOP || errno == EISDIR)
+    if (!list) {
+        if (os::LastError() == ENOENT || os::LastError() == ELOOP || os::LastError() == EISDIR)
             return; // swept by another process, or not one of ours
-        FailToCleanUp(listName, errno);
+        FailToCleanUp(listName, os::LastError());
     }
     if (os::FStat(list.Get(), status) != 0)
-        FailToCleanUp(listName, errno);
+        FailToCleanUp(listName, os::LastError());
     if (!S_ISREG(status.st_mode))
         return;
     if (os::TryLock(list.Get()) != 0) {
-        if (errno == EAGAIN)
+        if (os::LastError() == EAGAIN)
             return; // that run lives
-        FailToCleanUp(listName, errno);
+        FailToCleanUp(listName, os::LastError());
     }
     // A list that was cut short is from a run that made no temporary file yet.
     const std::string text = ReadWhole(list.Get(), listName);
@@ -250,8 +244,8 @@ void UnzipTemporaries::SweepRun(const std::string& listName)
     std::size_t start = std::min(text.find('\n'), text.size() - 1) + 1;
     for (std::size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
         SweepFolder(text.substr(start, end - start), prefix);
-    if (os::UnlinkAt(root, listName.c_str()) != 0 && errno != ENOENT)
-        FailToCleanUp(listName, errno);
+    if (os::UnlinkAt(root, listName.c_str()) != 0 && os::LastError() != ENOENT)
+        FailToCleanUp(listName, os::LastError());
     m_folders.NoteChange("");
 }
 
@@ -271,8 +265,8 @@ void UnzipTemporaries::SweepFolder(const std::string& path, const std::string& p
     if (folder < 0)
         return;
     for (const std::string& name : NamesThatStartWith(folder, prefix))
-        if (os::UnlinkAt(folder, name.c_str()) != 0 && errno != ENOENT)
-            FailToCleanUp(path + "/" + name, errno);
+        if (os::UnlinkAt(folder, name.c_str()) != 0 && os::LastError() != ENOENT)
+            FailToCleanUp(path + "/" + name, os::LastError());
 }
 
 } // namespace VexCore

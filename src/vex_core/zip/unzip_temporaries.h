@@ -1,6 +1,7 @@
 #pragma once
 // The temporary files of an `Unzip`. Failures are thrown as UnzipFailure.
 
+#include "vex_core/os/descriptor.h"
 #include "vex_core/zip/unzip_folders.h"
 #include "vex_core/zip/zip_reader.h"
 
@@ -42,7 +43,7 @@ private:
     UnzipFolders& m_folders;
     const ZipArchive& m_archive;
     std::string m_id; // empty: no list was made
-    int m_list = -1;
+    os::Descriptor m_list;
     bool m_keepList = false;
     std::uint64_t m_count = 0;
 };

@@ -1,6 +1,7 @@
 // Writes the files of an `Unzip`: first under temporary names, then, flushed, under their own.
 #include "vex_core/zip/unzip_writer.h"
 
+#include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/zip/zip_names.h"
 
@@ -40,19 +41,16 @@ void UnzipWriter::Write(const ZipArchive& archive, const ZipEntry& entry)
     const int folder = m_folders.Make(FolderOf(entry.name));
     Waiting waiting{entry.name, folder, m_temporaries.NewName()};
     m_waiting.reserve(m_waiting.size() + 1);
-    const int file = os::OpenAt(folder, waiting.temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-    if (file < 0)
-        throw UnzipFailure("cannot make a temporary file", errno);
+    os::Descriptor file(os::OpenAt(folder, waiting.temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
+    if (!file)
+        throw UnzipFailure("cannot make a temporary file", os::LastError());
     m_waiting.push_back(std::move(waiting));
-    bool open = true;
     try {
-        Fill(file, archive, entry);
-        open = false;
-        if (os::CloseWritten(file) != 0)
-            throw UnzipFailure("cannot write", errno);
+        Fill(file.Get(), archive, entry);
+        if (!file.Close())
+            throw UnzipFailure("cannot write", os::LastError());
     } catch (...) {
-        if (open)
-            os::Close(file);
+        file.Reset();
         Drop(m_waiting.back());
         m_waiting.pop_back();
         throw;
@@ -65,12 +63,12 @@ void UnzipWriter::Fill(int file, const ZipArchive& archive, const ZipEntry& entr
     std::uint64_t sinceWriteback = 0;
     const auto write = [&](const char* data, std::size_t size) {
         if (!os::WriteAll(file, data, size))
-            throw UnzipFailure("cannot write", errno);
+            throw UnzipFailure("cannot write", os::LastError());
         sinceWriteback += size;
         if (sinceWriteback >= writebackStep) {
             sinceWriteback = 0;
             if (os::StartWriteback(file) != 0)
-                throw UnzipFailure("cannot write", errno);
+                throw UnzipFailure("cannot write", os::LastError());
         }
         return true;
     };
@@ -78,7 +76,7 @@ void UnzipWriter::Fill(int file, const ZipArchive& archive, const ZipEntry& entr
     if (!archive.Read(entry, write, error))
         throw UnzipFailure(error);
     if (os::FChmod(file, entry.executable ? 0755 : 0644) != 0)
-        throw UnzipFailure("cannot set its mode", errno);
+        throw UnzipFailure("cannot set its mode", os::LastError());
 }
 
 void UnzipWriter::Commit()
@@ -107,13 +105,12 @@ void UnzipWriter::FlushWaiting()
             return;
     }
     for (const Waiting& waiting : m_waiting) {
-        const int file = os::OpenAt(waiting.folder, waiting.temporary.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
-        if (file < 0)
-            throw UnzipFailure(InEntry(waiting.path) + "cannot open its temporary file", errno);
-        const int result = os::FSync(file);
-        os::Close(file);
-        if (result != 0)
-            throw UnzipFailure(InEntry(waiting.path) + "cannot flush it", errno);
+        const os::Descriptor file(
+            os::OpenAt(waiting.folder, waiting.temporary.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+        if (!file)
+            throw UnzipFailure(InEntry(waiting.path) + "cannot open its temporary file", os::LastError());
+        if (os::FSync(file.Get()) != 0)
+            throw UnzipFailure(InEntry(waiting.path) + "cannot flush it", os::LastError());
     }
 }
 
@@ -125,7 +122,7 @@ void UnzipWriter::RenameWaiting()
             const Waiting& waiting = m_waiting[done];
             if (os::RenameAt(waiting.folder, waiting.temporary.c_str(), waiting.folder, LastOf(waiting.path).c_str())
                 != 0)
-                throw UnzipFailure(InEntry(waiting.path) + "cannot give it its name", errno);
+                throw UnzipFailure(InEntry(waiting.path) + "cannot give it its name", os::LastError());
             m_folders.NoteChange(FolderOf(waiting.path));
         }
     } catch (...) {
@@ -136,7 +133,7 @@ void UnzipWriter::RenameWaiting()
 
 void UnzipWriter::Drop(const Waiting& waiting) noexcept
 {
-    if (os::UnlinkAt(waiting.folder, waiting.temporary.c_str()) != 0 && errno != ENOENT)
+    if (os::UnlinkAt(waiting.folder, waiting.temporary.c_str()) != 0 && os::LastError() != ENOENT)
         m_temporaries.KeepList();
 }
 

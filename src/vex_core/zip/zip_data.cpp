@@ -46,7 +46,7 @@ public:
     {
         const ssize_t count = os::PReadFull(m_descriptor, data, size, static_cast<off_t>(m_offset));
         if (count < 0)
-            error = "cannot be read: " + os::ErrorText(errno);
+            error = "cannot be read: " + os::ErrorText(os::LastError());
         else if (static_cast<std::size_t>(count) != size)
             error = "the file was cut short while it was read";
         m_offset += size;

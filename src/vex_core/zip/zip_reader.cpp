@@ -23,7 +23,7 @@ try {
     archive->m_file = os::Descriptor(os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
     struct stat status;
     if (!archive->m_file || os::FStat(archive->m_file.Get(), status) != 0) {
-        error = "cannot be opened: " + os::ErrorText(errno);
+        error = "cannot be opened: " + os::ErrorText(os::LastError());
         return nullptr;
     }
     if (!S_ISREG(status.st_mode)) {

@@ -21,7 +21,7 @@ void Window::Fill(std::uint64_t offset, std::size_t size)
     m_start = offset;
     const ssize_t count = os::PReadFull(m_descriptor, m_bytes.data(), m_bytes.size(), static_cast<off_t>(offset));
     if (count < 0)
-        throw Refused("cannot be read: " + os::ErrorText(errno));
+        throw Refused("cannot be read: " + os::ErrorText(os::LastError()));
     if (static_cast<std::size_t>(count) != m_bytes.size())
         throw Refused("the file was cut short while it was read");
 }

@@ -3,9 +3,9 @@
 #include "vex_core/modules/chunk_caches.h"
 #include "vex_core/os/call_observer.h"
 
+#include "support/call_watch.h"
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
-#include "support/call_watch.h"
 #include "support/odd_archives.h"
 #include "support/process_guards.h"
 #include "support/temp_folder.h"

@@ -163,21 +163,25 @@ TEST_F(FileIdentity, OfTheSameNumberOnAnotherDeviceIsAnotherFile)
     EXPECT_FALSE(there == here);
 }
 
-TEST_F(FileIdentity, EachOfItsPartsTellsContentApart)
+TEST_F(FileIdentity, SizeAndTimesTellContentApart)
 {
     const os::FileIdentity before = Identity();
-    for (auto part : {&os::FileIdentity::mtimeNs, &os::FileIdentity::ctimeNs}) {
-        os::FileIdentity after = before;
-        ++(after.*part);
-        EXPECT_TRUE(after.IsFileOf(before));
-        EXPECT_FALSE(after == before);
-    }
     os::FileIdentity longer = before;
     ++longer.size;
-    EXPECT_FALSE(longer == before);
+    os::FileIdentity later = before;
+    ++later.mtimeNs;
+    for (const os::FileIdentity& after : {longer, later}) {
+        EXPECT_TRUE(after.IsFileOf(before));
+        EXPECT_FALSE(after.HasContentOf(before));
+        EXPECT_FALSE(after == before);
+    }
+    os::FileIdentity touched = before;
+    ++touched.ctimeNs;
+    EXPECT_TRUE(touched.HasContentOf(before));
+    EXPECT_FALSE(touched == before);
 }
 
-TEST_F(FileIdentity, NobodyIsTheFileOfNone)
+TEST_F(FileIdentity, OfNoneIsNoFiles)
 {
     struct stat status = {};
     ASSERT_EQ(os::Stat(m_path.c_str(), status), 0);

@@ -1,7 +1,7 @@
 #include "vex/core/files.h"
 
-#include "support/log_catcher.h"
 #include "support/call_watch.h"
+#include "support/log_catcher.h"
 #include "support/temp_folder.h"
 #include "vex_core/os/call_observer.h"
 
