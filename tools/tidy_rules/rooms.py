@@ -28,7 +28,7 @@ ARROWS = {
 OPEN = {
     "os": ANY,
     "base": ANY,
-    "domain": "dom_p.h dom_values.h",
+    "domain": "dom_observer.h dom_p.h dom_values.h known_settings.h settings.h",
     "log": "log_p.h",
     "crash": "signal_stack.h",
     "process": "",
@@ -43,7 +43,7 @@ OPEN = {
 # The room that implements a declaration in src/vex/core/: to include it is to depend on that room.
 IMPLEMENTED = {
     "base": "clock.h export.h sendsignal.h",
-    "domain": "dom.h",
+    "domain": "configfile.h dom.h",
     "log": "log.h",
     "crash": "crash.h",
     "process": "execute.h files.h pidfile.h",

@@ -52,11 +52,8 @@ def check_settings(tree):
 
 # Where the code has the default of a setting: the group of the pattern is the value as written there.
 DEFAULTS = {
-    "app.log.size": ("src/vex_core/log/disk_log.h", r"maxBytes = ([^;]+);"),
-    "app.log.count": ("src/vex_core/log/disk_log.h", r"int keep = (\d+);"),
-    "app.lua.cache": ("src/vex_core/modules/loader_settings.h", r"m_cacheWanted = (\w+);"),
-    "app.unzip.maxbytes": ("src/vex_core/zip/zip_reader.h", r"maxBytes = ([^;]+);"),
-    "app.unzip.maxentries": ("src/vex_core/zip/zip_reader.h", r"maxEntries = ([^;]+);"),
+    **{key: ("src/vex_core/domain/known_settings.h", rf'"{re.escape(key)}", ESetting::\w+, ([^,]+),')
+       for key in ("app.log.size", "app.log.count", "app.lua.cache", "app.unzip.maxbytes", "app.unzip.maxentries")},
     "sqlite.config.busy_timeout": ("src/vex_core/database/sqlite_db.h", r"busyTimeoutMs = (\d+);"),
     "sqlite.config.synchronous": ("src/vex_core/database/sqlite_db.h", r"synchronous = (\d+);"),
     "vex.HeartbeatInterval": ("lua/vx_agent/heartbeat.lua", r"defaults = .*\binterval = (\d+)"),

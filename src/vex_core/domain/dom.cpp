@@ -6,6 +6,7 @@
 #include "vex_core/base/text.h"
 #include "vex_core/domain/dom_observer.h"
 #include "vex_core/domain/dom_values.h"
+#include "vex_core/domain/settings.h"
 #include "vex_core/domain/settings_file.h"
 #include "vex_core/domain/wait_list.h"
 #include "vex_core/os/folders.h"
@@ -123,6 +124,13 @@ public:
 
     WaitList& Waits() { return *m_waits; }
     SettingsFile& Settings() { return m_settings; }
+    /// Where it lies now, empty while that is not known.
+    std::string SettingsPath() const
+    {
+        std::string path;
+        Read("app.path.ini", [&path](const DomValue& held) { return TextOf(held, path); });
+        return path.empty() ? path : ToSystemBytes(FromForeignBytes(path));
+    }
 
 private:
     struct Node
@@ -171,6 +179,7 @@ struct DomAccess
 
     /// What observers know the tree of `dom` by.
     static const void* Tree(const CDom& dom) { return dom.m_impl->store.get(); }
+    static DomStore& Store(const CDom& dom) { return *dom.m_impl->store; }
     static std::vector<std::string> FullKeys(const CDom& dom, std::vector<std::string> keys)
     {
         for (std::string& key : keys)
@@ -218,6 +227,12 @@ struct DomAccess
 DomObserver::DomObserver(const CDom& dom, const std::vector<std::string>& keys, std::function<void()> changed)
     : DomObserver(DomAccess::Tree(dom), DomAccess::FullKeys(dom, keys), std::move(changed))
 {}
+
+std::uint64_t SettingsGeneration(const CDom& dom)
+{
+    DomStore& store = DomAccess::Store(dom);
+    return store.Settings().Generation(store.SettingsPath());
+}
 
 RootDom::RootDom() : m_dom(DomAccess::ProcessRoot()) {}
 
@@ -375,29 +390,38 @@ std::vector<std::string> CDom::Keys(const char* prefix) const
 
 // --- settings
 
+namespace {
+// A value of the file keeps the blanks behind it, as the framework has it. They are no part of a number.
+std::string_view WithoutBlanks(std::string_view text)
+{
+    constexpr std::string_view blanks = " \t\r\f\v";
+    const std::size_t first = text.find_first_not_of(blanks);
+    return first == std::string_view::npos ? std::string_view()
+                                           : text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+} // namespace
+
 bool CDom::GetSetting(const char* key, std::string& text) const
 {
     DomStore& store = *m_impl->store;
     const FullKey full = m_impl->Key(key);
-    const auto read = [&text](const DomValue& held) { return TextOf(held, text); };
-    if (store.Read(full, read))
+    if (store.Read(full, [&text](const DomValue& held) { return TextOf(held, text); }))
         return true;
-    std::string path;
-    if (!store.Read("app.path.ini", [&path](const DomValue& held) { return TextOf(held, path); }) || path.empty())
-        return false;
-    return store.Settings().Find(ToSystemBytes(FromForeignBytes(path)), full, text);
+    const std::string path = store.SettingsPath();
+    return !path.empty() && store.Settings().Find(path, full, text);
 }
 
 bool CDom::GetSetting(const char* key, bool& value) const
 {
     std::string text;
-    return GetSetting(key, text) && BoolFromText(text, value);
+    return GetSetting(key, text) && BoolFromText(WithoutBlanks(text), value);
 }
 
 bool CDom::GetSetting(const char* key, std::int64_t& value) const
 {
     std::string text;
-    return GetSetting(key, text) && IntFromText(text, value);
+    return GetSetting(key, text) && IntFromText(WithoutBlanks(text), value);
 }
 
 // --- waiting

@@ -22,6 +22,7 @@ public:
 
     explicit operator bool() const { return m_dom != nullptr; }
     CDom* operator->() const { return m_dom; }
+    CDom& operator*() const { return *m_dom; }
 
 private:
     CDom* m_dom;

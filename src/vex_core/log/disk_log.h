@@ -1,6 +1,7 @@
 #pragma once
 // The log file, knowing nothing of the framework. Format and rotation: docs/FORMATS.md, "Log".
 
+#include "vex_core/domain/known_settings.h"
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/file_identity.h"
 
@@ -42,8 +43,8 @@ class DiskLog
 public:
     struct Settings
     {
-        std::int64_t maxBytes = 10 * 1024 * 1024; ///< rotate before the file grows beyond
-        int keep = 5; ///< rotated files: .1, the newest, to .keep
+        std::int64_t maxBytes = StandardOf("app.log.size"); ///< rotate before the file grows beyond
+        int keep = StandardOf("app.log.count"); ///< rotated files: .1, the newest, to .keep
         std::string timeFormat = "%Y-%m-%d %H:%M:%S"; ///< for the log's own records
     };
 

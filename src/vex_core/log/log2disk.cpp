@@ -7,12 +7,12 @@
 #include "vex_core/base/thread_name.h"
 #include "vex_core/domain/dom_p.h"
 #include "vex_core/domain/dom_values.h"
+#include "vex_core/domain/settings.h"
 #include "vex_core/log/disk_log.h"
 #include "vex_core/log/log_p.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/process_info.h"
 
-#include <algorithm>
 #include <atomic>
 #include <ctime>
 
@@ -58,34 +58,32 @@ std::string PlaceIn(const RootDom& root)
     return ToSystemBytes(work + wxS('/') + name + wxS(".log"));
 }
 
-void ReadSettings(DiskLog& log, const RootDom& root)
+/// Never destroyed, as the log.
+SettingsWatch& LogWatch()
 {
-    DiskLog::Settings settings;
-    settings.timeFormat = TimeFormat();
-    std::int64_t keep = settings.keep;
-    root->GetSetting("app.log.size", settings.maxBytes);
-    root->GetSetting("app.log.count", keep);
-    settings.maxBytes = std::max<std::int64_t>(settings.maxBytes, 4096);
-    settings.keep = static_cast<int>(std::clamp<std::int64_t>(keep, 1, 10000));
-    log.SetSettings(settings);
+    static SettingsWatch& watch = *new SettingsWatch({"app.log.size", "app.log.count"});
+    return watch;
 }
 
-/// Brings place and settings up to date: the place until there is one, the settings at most once a second, because they
-/// may have to be read from a file.
+/// Brings place and settings up to date: the place until there is one, the settings when they changed.
 void Prepare(DiskLog& log)
 {
-    static std::atomic<std::time_t> settingsRead{0};
-    const std::time_t now = std::time(nullptr);
     const bool placed = log.HasFile();
-    if (placed && settingsRead.load(std::memory_order_relaxed) == now)
+    if (placed && !LogWatch().IsDue())
         return;
     const RootDom root;
     if (!root)
         return;
-    if (const std::string place = placed ? std::string() : PlaceIn(root); !place.empty())
-        log.SetFile(place);
-    settingsRead.store(now, std::memory_order_relaxed);
-    ReadSettings(log, root);
+    if (!placed)
+        if (const std::string place = PlaceIn(root); !place.empty())
+            log.SetFile(place);
+    if (!LogWatch().TakeChange(*root))
+        return;
+    DiskLog::Settings settings;
+    settings.timeFormat = TimeFormat();
+    settings.maxBytes = IntSetting(*root, "app.log.size");
+    settings.keep = static_cast<int>(IntSetting(*root, "app.log.count"));
+    log.SetSettings(settings);
 }
 
 ELogLevel LevelOf(wxLogLevel level)
@@ -216,6 +214,7 @@ void FlushLogAtProcessEnd()
 
 DiskLog* ReplaceProcessLog(DiskLog* log)
 {
+    LogWatch().Forget(); // the other log has no settings yet
     return g_replacement.exchange(log);
 }
 

@@ -8,8 +8,12 @@ namespace VexCore {
 
 void LoaderSettings::Read()
 {
+    if (!m_watch.TakeChange(m_dom))
+        return;
     ReadSearchPath();
-    ReadFile();
+    m_limits.maxBytes = static_cast<std::uint64_t>(IntSetting(m_dom, "app.unzip.maxbytes"));
+    m_limits.maxEntries = static_cast<std::uint64_t>(IntSetting(m_dom, "app.unzip.maxentries"));
+    m_cacheWanted = BoolSetting(m_dom, "app.lua.cache");
 }
 
 void LoaderSettings::ReadSearchPath()
@@ -27,32 +31,12 @@ void LoaderSettings::ReadSearchPath()
     m_searchPath = std::move(paths);
     m_searchPathText = std::move(text);
     ++m_searchPathNumber;
-    m_fileRead = 0; // what is opened next is opened by the settings of now
-}
-
-/// At most once a second, because a file may have to be looked at, and a start requires thousands of modules in one.
-void LoaderSettings::ReadFile()
-{
-    const std::time_t now = std::time(nullptr);
-    if (now == m_fileRead)
-        return;
-    m_fileRead = now;
-    std::int64_t limit = 0;
-    m_limits = ZipLimits();
-    if (m_dom.GetSetting("app.unzip.maxbytes", limit) && limit > 0)
-        m_limits.maxBytes = static_cast<std::uint64_t>(limit);
-    if (m_dom.GetSetting("app.unzip.maxentries", limit) && limit > 0)
-        m_limits.maxEntries = static_cast<std::uint64_t>(limit);
-    m_cacheWanted = true;
-    m_dom.GetSetting("app.lua.cache", m_cacheWanted);
 }
 
 std::string LoaderSettings::CacheFolder() const
 {
-    bool wanted = m_cacheWanted;
-    m_dom.Get("app.lua.cache", wanted);
     const std::string work = m_dom.Get("app.path.work");
-    return wanted && !work.empty() ? work + "/cache" : std::string();
+    return m_cacheWanted && !work.empty() ? work + "/cache" : std::string();
 }
 
 std::string LoaderSettings::CoreFolder() const

@@ -2,9 +2,9 @@
 // What the domain and the settings file say about the loading of modules. The one place of this room that asks them.
 
 #include "vex/core/dom.h"
+#include "vex_core/domain/settings.h"
 #include "vex_core/zip/zip_reader.h"
 
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -14,9 +14,11 @@ namespace VexCore {
 class LoaderSettings
 {
 public:
-    explicit LoaderSettings(CDom& dom) : m_dom(dom) {}
+    explicit LoaderSettings(CDom& dom)
+        : m_dom(dom), m_watch(dom, {"app.lua.zippath", "app.lua.cache", "app.unzip.maxbytes", "app.unzip.maxentries"})
+    {}
 
-    /// Looks at the settings again.
+    /// Takes over what changed since the last time.
     void Read();
     /// The full paths of the archives to search, in their order, each once.
     const std::vector<std::string>& SearchPath() const { return m_searchPath; }
@@ -32,15 +34,14 @@ public:
 
 private:
     void ReadSearchPath();
-    void ReadFile();
 
     CDom& m_dom;
     std::string m_searchPathText; // that m_searchPath was made from
     std::vector<std::string> m_searchPath;
     unsigned m_searchPathNumber = 0;
     ZipLimits m_limits;
-    bool m_cacheWanted = true; // by the settings file
-    std::time_t m_fileRead = 0;
+    bool m_cacheWanted = false;
+    SettingsWatch m_watch;
 };
 
 } // namespace VexCore

@@ -4,6 +4,7 @@
 
 #include "vex_core/base/text.h"
 #include "vex_core/domain/dom_p.h"
+#include "vex_core/domain/settings.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/zip/unzip_writer.h"
@@ -31,13 +32,8 @@ ZipLimits LimitsFromSettings()
     const RootDom root;
     if (!root)
         return limits;
-    const auto take = [&root](const char* key, std::uint64_t& limit) {
-        std::int64_t value = 0;
-        if (root->GetSetting(key, value) && value >= 0)
-            limit = static_cast<std::uint64_t>(value);
-    };
-    take("app.unzip.maxbytes", limits.maxBytes);
-    take("app.unzip.maxentries", limits.maxEntries);
+    limits.maxBytes = static_cast<std::uint64_t>(IntSetting(*root, "app.unzip.maxbytes"));
+    limits.maxEntries = static_cast<std::uint64_t>(IntSetting(*root, "app.unzip.maxentries"));
     return limits;
 }
 

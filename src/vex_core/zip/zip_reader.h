@@ -2,6 +2,7 @@
 // One strict reader of ZIP archives, for `Unzip` and for the module loader; the one header of this room that others include.
 // Format and limits: docs/FORMATS.md, "ZIP archives".
 
+#include "vex_core/domain/known_settings.h"
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/file_identity.h"
 #include <cstdint>
@@ -18,8 +19,8 @@ namespace VexCore {
 
 struct ZipLimits
 {
-    std::uint64_t maxBytes = static_cast<std::uint64_t>(4) << 30; ///< of all entries together, unpacked
-    std::uint64_t maxEntries = 100000;
+    std::uint64_t maxBytes = StandardOf("app.unzip.maxbytes"); ///< of all entries together, unpacked
+    std::uint64_t maxEntries = StandardOf("app.unzip.maxentries");
 };
 
 struct ZipEntry

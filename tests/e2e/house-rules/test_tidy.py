@@ -242,7 +242,8 @@ def test_settings_of_code_and_documents_are_the_same(tree):
 def test_a_documented_default_is_the_codes(tree):
     files = {"docs/SETTINGS.md": SETTINGS + "| app.log.count | x | 6 | y |\n| app.log.size | x | 8192 | y |\n"
                                           "| app.new | x | 3 | y |\n",
-             "src/vex_core/log/disk_log.h": "#pragma once\nint keep = 5;\nlong maxBytes = 8 * 1024;\n",
+             "src/vex_core/domain/known_settings.h": '#pragma once\n{"app.log.count", ESetting::Int, 5, 1},\n'
+                                                     '{"app.log.size", ESetting::Int, 8 * 1024, 1},\n',
              "src/vex_core/log/a.cpp": 'Get("app.log.count", "app.log.size", "app.new");\n'}
     code, output = tidy(tree(files))
     assert code == 1

@@ -8,6 +8,7 @@
 #include "vex/apps/vex/pluginpath.h"
 #include "vex/apps/vex/vex_p.h"
 
+#include "vex/core/configfile.h"
 #include "vex/core/dom.h"
 #include "vex/core/files.h"
 #include "vex/core/sqlitedb.h"
@@ -26,11 +27,6 @@ namespace {
 using VexCore::CDom;
 
 const char defaultTraces[] = "Appl,Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils";
-
-// The framework holds a configuration file in memory twenty times over, and the time it takes grows with the square of the
-// number of lines. Within these bounds that is a second or so; beyond them a start would seem to hang.
-constexpr wxULongLong_t maxConfigBytes = 4 << 20;
-constexpr std::size_t maxConfigLines = 100000;
 
 // --- paths
 
@@ -121,20 +117,15 @@ std::size_t CountLines(const wxString& file)
 {
     const wxLogNull silence;
     wxFFile stream(file, "rb");
-    std::size_t lines = 0;
-    char previous = 0;
+    VexCore::CConfigFileLines lines;
     std::vector<char> block(64 << 10);
     while (stream.IsOpened()) {
         const std::size_t count = stream.Read(block.data(), block.size());
-        for (std::size_t i = 0; i < count; ++i) {
-            lines += block[i] == '\r' || (block[i] == '\n' && previous != '\r');
-            if (block[i] != '\0') // characters of two or four bytes have them between the two
-                previous = block[i];
-        }
+        lines.Add(block.data(), count);
         if (count < block.size())
             break;
     }
-    return lines;
+    return lines.Count();
 }
 
 bool IsTooLarge(const wxString& file)
@@ -142,14 +133,14 @@ bool IsTooLarge(const wxString& file)
     if (!wxFileExists(file))
         return false;
     const wxULongLong bytes = wxFileName::GetSize(file);
-    if (bytes != wxInvalidSize && bytes > maxConfigBytes) {
+    if (bytes != wxInvalidSize && bytes > VexCore::maxConfigFileBytes) {
         wxLogWarning("Configuration file '%s' is larger than %llu bytes and is not read", file,
-                     static_cast<unsigned long long>(maxConfigBytes));
+                     static_cast<unsigned long long>(VexCore::maxConfigFileBytes));
         return true;
     }
-    if (CountLines(file) > maxConfigLines) {
+    if (CountLines(file) > VexCore::maxConfigFileLines) {
         wxLogWarning("Configuration file '%s' has more than %lu lines and is not read", file,
-                     static_cast<unsigned long>(maxConfigLines));
+                     static_cast<unsigned long>(VexCore::maxConfigFileLines));
         return true;
     }
     return false;

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
 #include <thread>
 
@@ -17,66 +16,7 @@
 
 using Test::TempFolder;
 using Test::WriteFile;
-using VexCore::ParseSettings;
 using VexCore::SettingsFile;
-
-using Entries = std::map<std::string, std::string>;
-
-TEST(SettingsText, OnlyTheGroupCounts)
-{
-    EXPECT_EQ(ParseSettings("a=1\n[settings]\na=2\n[other]\na=3\n[Settings]\nb=4\n[settings.x]\nb=5\n"),
-              (Entries{{"a", "2"}, {"b", "4"}}));
-}
-
-TEST(SettingsText, LinesAreTrimmedAndCommentsPassedOver)
-{
-    EXPECT_EQ(ParseSettings("\xEF\xBB\xBF [settings] \r\n ; a = 9\n# a = 8\n\ta  =  1 2 \r\nb=\nc = x=y\nd = a ; b\n"),
-              (Entries{{"a", "1 2"}, {"b", ""}, {"c", "x=y"}, {"d", "a ; b"}}));
-}
-
-TEST(SettingsText, NamesAreTheSameInAnyCaseAndTheLastWins)
-{
-    EXPECT_EQ(ParseSettings("[SETTINGS]\nApp.Log.Size=1\napp.log.size=2\n"), (Entries{{"app.log.size", "2"}}));
-}
-
-TEST(SettingsText, RubbishIsPassedOver)
-{
-    EXPECT_EQ(ParseSettings(""), Entries());
-    EXPECT_EQ(ParseSettings("[settings"), Entries());
-    EXPECT_EQ(ParseSettings("[settings]\n=x\nno equals sign\n[\n[settings]\na=1"), (Entries{{"a", "1"}}));
-    EXPECT_EQ(ParseSettings(std::string(1000, '\0')), Entries());
-    EXPECT_EQ(ParseSettings(std::string(1000, '\n')), Entries());
-}
-
-TEST(SettingsText, QuotesAroundAValueGo)
-{
-    EXPECT_EQ(ParseSettings("[settings]\na=\" x \"\nb=\"x\" y\nc=\"\nd=\"\"\n"),
-              (Entries{{"a", " x "}, {"b", "\"x\" y"}, {"c", "\""}, {"d", ""}}));
-}
-
-TEST(SettingsText, VariablesAreReplacedAsInTheRestOfTheFile)
-{
-    const ::Test::Variable variable("VEX_TEST_X", "value");
-    const ::Test::Variable none("VEX_TEST_NONE", std::nullopt);
-    const struct
-    {
-        const char* in;
-        const char* out;
-    } rows[] = {
-        {"$VEX_TEST_X", "value"},
-        {"${VEX_TEST_X}s", "values"},
-        {"$(VEX_TEST_X)/a", "value/a"},
-        {"\\$VEX_TEST_X", "$VEX_TEST_X"},
-        {"$VEX_TEST_NONE", "$VEX_TEST_NONE"},
-        {"100$", "100$"},
-        {"${VEX_TEST_X", "${VEX_TEST_X"},
-        {"$", "$"},
-        {"$$VEX_TEST_X", "$value"},
-        {"a\\b", "a\\b"},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(ParseSettings(std::string("[settings]\na=") + row.in), (Entries{{"a", row.out}})) << row.in;
-}
 
 namespace {
 std::string FindIn(SettingsFile& file, const std::string& path, const char* name)
@@ -176,17 +116,36 @@ TEST(SettingsFile, WhatIsNoRegularFileHasNoSettingsAndDoesNotHang)
     EXPECT_EQ(FindIn(file, "", "a"), "none");
 }
 
-TEST(SettingsFile, HugeFileIsReadToItsFirstFourMebibytes)
+TEST(SettingsFile, FileThatTheHostRefusesForItsSizeIsNotReadHereEither)
 {
     const TempFolder folder;
-    std::string bytes = "[settings]\na=1\n;";
-    bytes.resize((4 << 20) - 4, 'x');
-    WriteFile(folder / "x.ini", bytes + "\nb=2\nc=3\n");
-    std::filesystem::resize_file(folder / "x.ini", std::uintmax_t(5) << 30);
+    const std::string path = folder / "x.ini";
+    const std::string entry = "[settings]\na=1\n;";
     SettingsFile file;
-    EXPECT_EQ(FindIn(file, folder / "x.ini", "a"), "1");
-    EXPECT_EQ(FindIn(file, folder / "x.ini", "b"), "2");
-    EXPECT_EQ(FindIn(file, folder / "x.ini", "c"), "none");
+    WriteFile(path, entry + std::string((4 << 20) - entry.size(), 'x'));
+    EXPECT_EQ(FindIn(file, path, "a"), "1");
+    std::filesystem::resize_file(path, (4 << 20) + 1);
+    EXPECT_EQ(FindIn(file, path, "a"), "none");
+    std::filesystem::resize_file(path, std::uintmax_t(5) << 30);
+    EXPECT_EQ(FindIn(file, path, "a"), "none");
+}
+
+TEST(SettingsFile, GenerationIsAnotherWhenTheEntriesAre)
+{
+    const TempFolder folder;
+    const std::string path = folder / "x.ini";
+    SettingsFile file;
+    const std::uint64_t none = file.Generation(path);
+    WriteFile(path, "[settings]\na=1\n");
+    const std::uint64_t one = file.Generation(path);
+    EXPECT_NE(one, none);
+    WriteFile(path, "; a comment more\n[settings]\na=1\n");
+    EXPECT_EQ(file.Generation(path), one);
+    WriteFile(path, "[settings]\na=2\n");
+    const std::uint64_t two = file.Generation(path);
+    EXPECT_NE(two, one);
+    std::filesystem::remove(path);
+    EXPECT_NE(file.Generation(path), two);
 }
 
 TEST(SettingsFile, ThreadsMayAskWhileItChanges)

@@ -1,0 +1,56 @@
+#pragma once
+// The settings that operators may write below "app." and "vex.", in one table. Those below "sqlite.config" are SQLite's and stand
+// with its room.
+
+#include <cstdint>
+#include <limits>
+#include <string_view>
+
+namespace VexCore {
+
+enum class ESetting { Bool, Int };
+
+struct Setting
+{
+    const char* key;
+    ESetting type;
+    std::int64_t standard; ///< the default; 0 or 1 for a boolean
+    std::int64_t least;
+    std::int64_t most;
+    const char* unit; ///< of an integer
+    const char* meaning;
+};
+
+constexpr std::int64_t unlimited = std::numeric_limits<std::int64_t>::max();
+
+/// docs/SETTINGS.md has the same for operators.
+constexpr Setting knownSettings[] = {
+    {"app.log.count", ESetting::Int, 5, 1, 10000, "files", "rotated log files that are kept"},
+    {"app.log.size", ESetting::Int, 10 * 1024 * 1024, 4096, unlimited, "bytes",
+     "size at which the log file is rotated"},
+    {"app.lua.cache", ESetting::Bool, true, false, true, "", "compiled chunks of modules are kept"},
+    {"app.unzip.maxbytes", ESetting::Int, static_cast<std::int64_t>(4) << 30, 1, unlimited, "bytes",
+     "what the entries of an archive may have together, unpacked"},
+    {"app.unzip.maxentries", ESetting::Int, 100000, 1, unlimited, "entries", "what an archive may have"},
+    {"vex.CollectInterval", ESetting::Int, 300, 1, unlimited, "seconds", "between two collections of a plugin"},
+    {"vex.HeartbeatInterval", ESetting::Int, 60, 1, unlimited, "seconds", "between two heartbeats"},
+    {"vex.HeartbeatKeepDays", ESetting::Int, 30, 1, unlimited, "days", "after which heartbeats go"},
+    {"vex.HeartbeatKeepRows", ESetting::Int, 50000, 1, unlimited, "rows", "of heartbeats that are kept"},
+};
+
+/// Null when there is no such setting. Keys are the same in any case in a file, but not here.
+constexpr const Setting* FindSetting(std::string_view key)
+{
+    for (const Setting& setting : knownSettings)
+        if (key == setting.key)
+            return &setting;
+    return nullptr;
+}
+
+/// The default of a setting that is in the table, also for constants.
+constexpr std::int64_t StandardOf(std::string_view key)
+{
+    return FindSetting(key)->standard;
+}
+
+} // namespace VexCore

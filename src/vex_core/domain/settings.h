@@ -1,0 +1,49 @@
+#pragma once
+// Settings as they count, and word of changes to whoever has taken a value over. Any thread.
+
+#include "vex/core/dom.h"
+#include "vex_core/domain/dom_observer.h"
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+namespace VexCore {
+
+/// A setting of the table (known_settings.h) as it counts: the domain's key, else the file's entry, else the default. One rule for all integers: a
+/// value that is none, and 0 or below where the range begins above, means nothing, so the default counts; another one outside
+/// the range counts as its nearest bound.
+std::int64_t IntSetting(const CDom& dom, const char* key);
+/// The same; what does not read as a boolean means nothing.
+bool BoolSetting(const CDom& dom, const char* key);
+
+/// Another number each time that the entries of the settings file of this domain became others, by the file as it is now.
+std::uint64_t SettingsGeneration(const CDom& dom);
+
+/// Tells a reader of settings when to read them again. A write of one of the keys shows at once. A change of the file shows when
+/// the reader asks, with a look at the file at most once a second: nothing wakes up for it.
+class SettingsWatch
+{
+public:
+    /// Of the process's root, whichever it is.
+    explicit SettingsWatch(std::vector<std::string> keys);
+    /// Of `dom`, with keys as it names them. Does not keep it alive.
+    SettingsWatch(const CDom& dom, std::vector<std::string> keys);
+
+    /// Whether a change may be waiting. Costs two relaxed loads and the time of day.
+    bool IsDue() const;
+    /// True the first time and after each change since the last true. Of several threads one is told.
+    bool TakeChange(const CDom& dom);
+    /// Makes the next `TakeChange` true: what was taken over is lost.
+    void Forget() { m_written = true; }
+
+private:
+    std::atomic<bool> m_written{true};
+    std::atomic<std::time_t> m_fileSeen{0};
+    std::atomic<std::uint64_t> m_generation{0}; // of the file's entries
+    DomObserver m_observer; // the last, so that it is gone before what it writes to
+};
+
+} // namespace VexCore

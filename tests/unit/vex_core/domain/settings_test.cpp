@@ -1,0 +1,149 @@
+#include "vex_core/domain/settings.h"
+
+#include "support/dom_ptr.h"
+#include "support/temp_folder.h"
+#include "vex_core/domain/known_settings.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include <sys/stat.h>
+
+using Test::DomPtr;
+using Test::NewRoot;
+using Test::TempFolder;
+using Test::WriteFile;
+using VexCore::BoolSetting;
+using VexCore::ESetting;
+using VexCore::FindSetting;
+using VexCore::IntSetting;
+using VexCore::knownSettings;
+using VexCore::Setting;
+using VexCore::SettingsWatch;
+
+TEST(KnownSettings, EachHasADefaultWithinItsRangeAndAMeaning)
+{
+    for (const Setting& setting : knownSettings) {
+        EXPECT_GE(setting.standard, setting.least) << setting.key;
+        EXPECT_LE(setting.standard, setting.most) << setting.key;
+        EXPECT_NE(std::string(setting.meaning), "") << setting.key;
+        EXPECT_EQ(std::string(setting.unit).empty(), setting.type == ESetting::Bool) << setting.key;
+        EXPECT_EQ(FindSetting(setting.key), &setting) << "another of that name: " << setting.key;
+    }
+    EXPECT_EQ(FindSetting("app.log.siz"), nullptr);
+    EXPECT_EQ(FindSetting(""), nullptr);
+}
+
+TEST(Settings, AbsentAndUnreadableAreTheDefault)
+{
+    const DomPtr dom = NewRoot();
+    for (const Setting& setting : knownSettings)
+        for (const char* text : {"", "many", "0x10", "1e3", "5 MB", "99999999999999999999"}) {
+            dom->Remove(setting.key);
+            if (*text)
+                dom->Set(setting.key, text);
+            if (setting.type == ESetting::Int)
+                EXPECT_EQ(IntSetting(*dom, setting.key), setting.standard) << setting.key << '=' << text;
+            else
+                EXPECT_EQ(BoolSetting(*dom, setting.key), setting.standard != 0) << setting.key << '=' << text;
+        }
+}
+
+TEST(Settings, ZeroAndBelowAreTheDefaultOfEachLimit)
+{
+    const DomPtr dom = NewRoot();
+    for (const Setting& setting : knownSettings) {
+        if (setting.type != ESetting::Int)
+            continue;
+        for (const std::int64_t value : {std::int64_t(0), std::int64_t(-1), INT64_MIN}) {
+            dom->SetWx(setting.key, value);
+            EXPECT_EQ(IntSetting(*dom, setting.key), setting.standard) << setting.key << '=' << value;
+        }
+    }
+}
+
+TEST(Settings, OtherValuesBeyondTheRangeAreItsNearestBound)
+{
+    const DomPtr dom = NewRoot();
+    const struct
+    {
+        const char* key;
+        std::int64_t value;
+        std::int64_t counts;
+    } rows[] = {
+        {"app.log.size", 1, 4096},    {"app.log.size", 4096, 4096},    {"app.log.size", INT64_MAX, INT64_MAX},
+        {"app.log.count", 1, 1},      {"app.log.count", 10000, 10000}, {"app.log.count", 10001, 10000},
+        {"app.unzip.maxbytes", 1, 1}, {"app.unzip.maxentries", 7, 7},
+    };
+    for (const auto& row : rows) {
+        dom->SetWx(row.key, row.value);
+        EXPECT_EQ(IntSetting(*dom, row.key), row.counts) << row.key << '=' << row.value;
+    }
+}
+
+TEST(Settings, BlanksAroundAValueOfTheFileDoNotCount)
+{
+    const TempFolder folder;
+    WriteFile(folder / "x.ini", "[settings]\napp.log.count = 7 \t\napp.lua.cache = \" no \"\n");
+    const DomPtr dom = NewRoot();
+    dom->Set("app.path.ini", folder / "x.ini");
+    EXPECT_EQ(IntSetting(*dom, "app.log.count"), 7);
+    EXPECT_FALSE(BoolSetting(*dom, "app.lua.cache"));
+}
+
+namespace {
+/// One second after another may begin at any time, so a test waits for more than one.
+void WaitForTheNextLookAtTheFile()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(1050));
+}
+
+} // namespace
+
+TEST(SettingsWatch, ToldOnceAtFirstAndAfterEachWrite)
+{
+    const DomPtr dom = NewRoot();
+    SettingsWatch watch(*dom, {"app.log.size"});
+    EXPECT_TRUE(watch.TakeChange(*dom));
+    EXPECT_FALSE(watch.TakeChange(*dom));
+    dom->Set("app.log.count", "1");
+    EXPECT_FALSE(watch.TakeChange(*dom)) << "not one of its keys";
+    dom->Set("app.log.size", "1");
+    dom->Set("app.log.size", "2");
+    EXPECT_TRUE(watch.IsDue());
+    EXPECT_TRUE(watch.TakeChange(*dom));
+    EXPECT_FALSE(watch.TakeChange(*dom));
+    watch.Forget();
+    EXPECT_TRUE(watch.TakeChange(*dom));
+}
+
+TEST(SettingsWatch, ToldOfAnotherFileAtOnceAndOfAChangedOneWithinASecond)
+{
+    const TempFolder folder;
+    WriteFile(folder / "x.ini", "[settings]\na=1\n");
+    const DomPtr dom = NewRoot();
+    SettingsWatch watch(*dom, {"a"});
+    watch.TakeChange(*dom);
+    dom->Set("app.path.ini", folder / "x.ini");
+    EXPECT_TRUE(watch.TakeChange(*dom));
+    WaitForTheNextLookAtTheFile();
+    EXPECT_FALSE(watch.TakeChange(*dom)) << "the file is as it was";
+    WriteFile(folder / "x.ini", "[settings]\na=2\n");
+    WaitForTheNextLookAtTheFile();
+    EXPECT_TRUE(watch.TakeChange(*dom));
+    EXPECT_FALSE(watch.TakeChange(*dom));
+}
+
+TEST(SettingsWatch, OfTheProcesssRootIsToldWhenAnotherRootTakesItsPlace)
+{
+    SettingsWatch watch({"a"});
+    DomPtr one = NewRoot();
+    const DomPtr other = NewRoot();
+    EXPECT_TRUE(watch.TakeChange(*one));
+    EXPECT_FALSE(watch.TakeChange(*one));
+    one.reset();
+    EXPECT_TRUE(watch.TakeChange(*other));
+}
