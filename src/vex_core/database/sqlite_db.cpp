@@ -1,11 +1,4 @@
 #include "vex_core/database/sqlite_db.h"
-#include "vex/core/dom.h"
-#include "vex/core/log.h"
-#include "vex/core/sqlitedb.h"
-#include "vex_core/base/text.h"
-#include "vex_core/lifecycle/ending.h"
-#include "vex_core/lua/lua_db.h"
-#include "vex_core/threads/thread_registry.h"
 
 #include <algorithm>
 #include <mutex>
@@ -17,90 +10,8 @@ namespace VexCore {
 // --- settings of the process
 
 namespace {
-constexpr char settingPrefix[] = "sqlite.config";
-
 std::mutex g_settingsLock;
 SqliteSettings g_processSettings; // guarded by g_settingsLock
-
-// One setting: its name after "sqlite.config." and what is done with its value. False: the value means
-// nothing.
-struct SettingRule
-{
-    const char* name;
-    bool (*apply)(std::int64_t value, SqliteSettings& settings);
-};
-
-bool ApplyMemstatus(std::int64_t value, SqliteSettings&)
-{
-    return (value == 0 || value == 1) && sqlite3_config(SQLITE_CONFIG_MEMSTATUS, static_cast<int>(value)) == SQLITE_OK;
-}
-
-bool ApplyMmapSize(std::int64_t value, SqliteSettings&)
-{
-    const sqlite3_int64 size = value;
-    const sqlite3_int64 noCap = -1; // the library's own limit stays
-    return value >= 0 && sqlite3_config(SQLITE_CONFIG_MMAP_SIZE, size, noCap) == SQLITE_OK;
-}
-
-bool ApplyCacheSize(std::int64_t value, SqliteSettings& settings)
-{
-    settings.cacheSize = value;
-    return true;
-}
-
-bool ApplyBusyTimeout(std::int64_t value, SqliteSettings& settings)
-{
-    if (value < 0 || value > 3600000)
-        return false;
-    settings.busyTimeoutMs = value;
-    return true;
-}
-
-bool ApplyJournalSizeLimit(std::int64_t value, SqliteSettings& settings)
-{
-    if (value < -1)
-        return false;
-    settings.journalSizeLimit = value;
-    return true;
-}
-
-bool ApplySynchronous(std::int64_t value, SqliteSettings& settings)
-{
-    if (value < 0 || value > 3)
-        return false;
-    settings.synchronous = value;
-    return true;
-}
-
-// Initialises the library, so it comes last.
-bool ApplySoftHeapLimit(std::int64_t value, SqliteSettings&)
-{
-    return value >= 0 && sqlite3_soft_heap_limit64(value) >= 0;
-}
-
-const SettingRule settingRules[] = {
-    {"memstatus", ApplyMemstatus},
-    {"mmap_size", ApplyMmapSize},
-    {"cache_size", ApplyCacheSize},
-    {"busy_timeout", ApplyBusyTimeout},
-    {"journal_size_limit", ApplyJournalSizeLimit},
-    {"synchronous", ApplySynchronous},
-    {"soft_heap_limit", ApplySoftHeapLimit},
-};
-
-void WarnOfUnknownSettings(const CDom& dom)
-{
-    for (const std::string& key : dom.Keys("")) {
-        if (key.compare(0, sizeof settingPrefix - 1, settingPrefix) != 0)
-            continue;
-        const bool known =
-            std::any_of(std::begin(settingRules), std::end(settingRules), [&key](const SettingRule& rule) {
-                return key == std::string(settingPrefix) + "." + rule.name;
-            });
-        if (!known)
-            wxLogWarning(wxT("Unknown database setting '%s'"), TextWithoutNul(key));
-    }
-}
 
 } // namespace
 
@@ -114,42 +25,6 @@ void SetSqliteSettings(const SqliteSettings& settings)
 {
     const std::lock_guard lock(g_settingsLock);
     g_processSettings = settings;
-}
-
-bool CSqliteDatabase::InitializeSQLite(CDom* dom)
-{
-    SqliteSettings settings;
-    if (dom) {
-        for (const SettingRule& rule : settingRules) {
-            const std::string key = std::string(settingPrefix) + "." + rule.name;
-            std::int64_t value = 0;
-            if (!dom->Has(key.c_str()))
-                continue;
-            if (!dom->Get(key.c_str(), value) || !rule.apply(value, settings))
-                wxLogWarning(wxT("Database setting '%s' cannot be '%s'"), wxString::FromUTF8(key.c_str()),
-                             dom->GetWxString(key.c_str()));
-        }
-        WarnOfUnknownSettings(*dom);
-    }
-    SetSqliteSettings(settings);
-    const int result = sqlite3_initialize();
-    if (result != SQLITE_OK)
-        wxLogError(wxT("The database library cannot be initialised (%s)"), wxString::FromUTF8(sqlite3_errstr(result)));
-    return result == SQLITE_OK;
-}
-
-namespace {
-const EndStepOwner closeDatabases(EndStep::CloseDatabases, [] {
-    // A thread that was left running may be inside SQLite, or go there, until the process ends.
-    if (CloseLuaDatabases() && !OtherRunnablesRun())
-        sqlite3_shutdown();
-});
-
-} // namespace
-
-void CSqliteDatabase::ShutdownSQLite()
-{
-    TakeEndSteps(EndStretch::EndOfDatabases);
 }
 
 const char* JournalModeFor(int libraryVersion)
@@ -234,10 +109,10 @@ void SqliteStatement::Finalizer::operator()(sqlite3_stmt* statement) const
     sqlite3_finalize(statement);
 }
 
-SqliteStatement::SqliteStatement(SqliteDb& db, const char* sql) : m_db(db)
+SqliteStatement::SqliteStatement(SqliteDb& db, const char* sql, const char** rest) : m_db(db)
 {
     sqlite3_stmt* statement = nullptr;
-    m_failure = db.m_handle ? sqlite3_prepare_v2(db.m_handle.get(), sql, -1, &statement, nullptr) : SQLITE_MISUSE;
+    m_failure = db.m_handle ? sqlite3_prepare_v2(db.m_handle.get(), sql, -1, &statement, rest) : SQLITE_MISUSE;
     m_statement.reset(statement);
     if (m_failure != SQLITE_OK)
         db.Fail(m_failure);

@@ -12,6 +12,9 @@ struct sqlite3_stmt;
 
 namespace VexCore {
 
+/// The synchronous setting by which a change is on stable storage when its transaction is committed.
+constexpr std::int64_t fullSynchronous = 2;
+
 /// What `CSqliteDatabase::InitializeSQLite` found in the domain for connections to come. docs/SETTINGS.md, "Databases".
 struct SqliteSettings
 {
@@ -76,8 +79,13 @@ class SqliteStatement
 public:
     enum class EStep { Row, Done, Failed };
 
-    /// A failure shows in the first `Step`.
-    SqliteStatement(SqliteDb& db, const char* sql);
+    /// The first statement of `sql`; `rest`, where given, gets what follows it. A failure shows in the first `Step`.
+    SqliteStatement(SqliteDb& db, const char* sql, const char** rest = nullptr);
+
+    /// False when SQLite did not take the text: the connection's error tells why.
+    bool Prepared() const { return m_failure == 0; }
+    /// Null where the text was not taken, or nothing but blanks and comments.
+    sqlite3_stmt* Handle() const { return m_statement.get(); }
 
     /// Parameters and columns count as SQLite counts them: parameters from 1, columns from 0.
     void Bind(int parameter, std::int64_t value);

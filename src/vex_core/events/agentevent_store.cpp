@@ -35,9 +35,6 @@
 
 namespace VexCore {
 namespace {
-constexpr std::int64_t fullSynchronous =
-    2; // an event is on the disk when Write returns, whatever the settings allow elsewhere
-
 const char tableSql[] =
     "CREATE TABLE IF NOT EXISTS agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number "
     "INTEGER,"
@@ -200,6 +197,7 @@ bool EventStore::OpenDatabase()
     if (m_db.IsOpen() && IsOurFile())
         return true;
     RememberFile();
+    // An event is on the disk when Write returns, whatever the settings allow elsewhere.
     if (!m_db.Open(m_path, fullSynchronous) || !CreateTables())
         return false;
     m_owner = os::ProcessId();
@@ -360,15 +358,16 @@ struct Registry
 {
     std::mutex lock;
     std::map<std::string, std::shared_ptr<EventStore>> stores; // guarded by lock; "" has what came before any folder
-    std::chrono::steady_clock::time_point nextRetry; // guarded by mutex
+    std::chrono::steady_clock::time_point nextRetry; // guarded by lock
 };
 
 // Each attempt may wait for a lock that another process holds.
 constexpr std::chrono::seconds retryPause{10};
 
+/// Never destroyed: events are written while the process ends.
 Registry& GetRegistry()
 {
-    static Registry registry;
+    static Registry& registry = *new Registry;
     return registry;
 }
 

@@ -10,6 +10,9 @@
 
 namespace VexCore {
 
+/// Beyond it, and below its negative, a Lua number cannot tell an integer from its neighbour.
+constexpr std::int64_t maxExactInteger = static_cast<std::int64_t>(1) << 53;
+
 /// A time in seconds, fractions included, as whole milliseconds, rounded up so that a short wait is not none.
 /// A negative time is none; one of more than about three centuries, such as math.huge, is no limit: -1.
 inline std::int64_t MillisecondsArgument(lua_State* L, int index)

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -21,9 +22,6 @@ namespace {
 using SLB3::internal::Guarded;
 
 constexpr const char* typeName = "vex.db.Database";
-constexpr std::int64_t fullSynchronous = 2;
-// Beyond it a Lua number cannot tell an integer from its neighbour.
-constexpr std::int64_t maxExactInteger = static_cast<std::int64_t>(1) << 53;
 
 struct Database
 {
@@ -88,11 +86,7 @@ int Failed(lua_State* L, const Self& self)
     return Failed(L, sqlite3_errmsg(self.Handle()));
 }
 
-struct Finalizer
-{
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
+using Statement = std::optional<SqliteStatement>;
 
 // Binds the value on top. What SQLite answers is its error code.
 int BindValue(lua_State* L, sqlite3_stmt* statement, int parameter)
@@ -137,24 +131,23 @@ bool BindAll(lua_State* L, sqlite3_stmt* statement)
     return true;
 }
 
-// Prepares the first statement of `sql`, which then is what follows it. False: SQLite tells why.
+// Prepares the first statement of `sql`, which then is what follows it. False: SQLite tells why. Blanks and comments alone make
+// a statement without a handle.
 bool Prepare(const Self& self, const char*& sql, Statement& statement)
 {
-    sqlite3_stmt* prepared = nullptr;
-    const char* rest = nullptr;
-    if (sqlite3_prepare_v2(self.Handle(), sql, -1, &prepared, &rest) != SQLITE_OK)
-        return false;
-    statement.reset(prepared);
-    sql = rest;
-    return true;
+    statement.emplace(self.Db(), sql, &sql);
+    return statement->Prepared();
 }
 
 // The same for the next statement of several, passing over blanks and comments; none is left when `statement` stays empty.
 bool PrepareNext(const Self& self, const char*& sql, Statement& statement)
 {
-    while (!statement && *sql != '\0')
+    while (!statement && *sql != '\0') {
         if (!Prepare(self, sql, statement))
             return false;
+        if (!statement->Handle())
+            statement.reset();
+    }
     return true;
 }
 
@@ -194,11 +187,11 @@ int Exec(lua_State* L)
             return Failed(L, self);
         if (second)
             return luaL_error(L, "parameters go with one statement only");
-        if (!BindAll(L, statement.get()))
+        if (!BindAll(L, statement->Handle()))
             return Failed(L, self);
         int result = SQLITE_ROW;
         while (result == SQLITE_ROW)
-            result = sqlite3_step(statement.get());
+            result = sqlite3_step(statement->Handle());
         if (result != SQLITE_DONE)
             return Failed(L, self);
     }
@@ -249,27 +242,27 @@ int Rows(lua_State* L)
     Statement statement;
     if (!Prepare(self, sql, statement))
         return Failed(L, self);
-    if (!statement)
+    if (!statement->Handle())
         return Failed(L, "there is no statement");
     Statement second;
     if (!PrepareNext(self, sql, second))
         return Failed(L, self);
     if (second)
         return luaL_error(L, "rows takes one statement only");
-    if (!BindAll(L, statement.get()))
+    if (!BindAll(L, statement->Handle()))
         return Failed(L, self);
-    const int columns = sqlite3_column_count(statement.get());
+    const int columns = sqlite3_column_count(statement->Handle());
     lua_newtable(L);
     for (int index = 1;; ++index) {
-        const int result = sqlite3_step(statement.get());
+        const int result = sqlite3_step(statement->Handle());
         if (result == SQLITE_DONE)
             return 1;
         if (result != SQLITE_ROW)
             return Failed(L, self);
         lua_createtable(L, 0, columns);
         for (int column = 0; column < columns; ++column) {
-            PushColumn(L, statement.get(), column);
-            lua_setfield(L, -2, sqlite3_column_name(statement.get(), column));
+            PushColumn(L, statement->Handle(), column);
+            lua_setfield(L, -2, sqlite3_column_name(statement->Handle(), column));
         }
         lua_rawseti(L, -2, index);
     }
@@ -282,18 +275,9 @@ int Transaction(lua_State* L)
     const Self self(L);
     luaL_checktype(L, 2, LUA_TFUNCTION);
     lua_settop(L, 2);
-    if (!self.Db().Exec("BEGIN IMMEDIATE"))
+    SqliteTransaction transaction(self.Db());
+    if (!transaction.Begun())
         return Failed(L, self.Db().Error());
-    struct RollBack
-    {
-        const Self& self;
-        ~RollBack()
-        {
-            // SQLite may have rolled back by itself, and body may have closed the database.
-            if (self.Db().IsOpen() && sqlite3_get_autocommit(self.Handle()) == 0)
-                sqlite3_exec(self.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
-        }
-    } const rollBack{self};
     lua_pushvalue(L, 1);
     lua_call(L, 1, LUA_MULTRET);
     const int results = lua_gettop(L) - 1;
@@ -301,7 +285,7 @@ int Transaction(lua_State* L)
         return results;
     if (!self.Db().IsOpen())
         return luaL_error(L, "the database was closed inside its transaction");
-    if (!self.Db().Exec("COMMIT"))
+    if (!transaction.Commit())
         return Failed(L, self.Db().Error());
     NoteCommit(self);
     if (results > 0)

@@ -324,8 +324,7 @@ int SettingsInt(lua_State* L)
     std::int64_t value = 0;
     if (!Setting(L, value))
         return Default(L);
-    constexpr std::int64_t exact = std::int64_t{1} << 53;
-    if (value > exact || value < -exact)
+    if (value > maxExactInteger || value < -maxExactInteger)
         return luaL_error(L, "vex.settings: the integer of '%s' is beyond 2^53", lua_tostring(L, 1));
     lua_pushnumber(L, static_cast<double>(value));
     return 1;

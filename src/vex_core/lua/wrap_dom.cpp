@@ -32,9 +32,6 @@ constexpr int firstArgument = 2;
 constexpr int secondArgument = 3;
 constexpr int thirdArgument = 4;
 
-// Beyond it a Lua number cannot tell an integer from its neighbour.
-constexpr std::int64_t maxExactInteger = static_cast<std::int64_t>(1) << 53;
-
 constexpr std::size_t maxKeptBytes = 4096;
 
 wxString Text(std::string_view bytes)
@@ -94,7 +91,7 @@ int GetInt(CDom& dom, lua_State* L)
     std::int64_t value = 0;
     if (!dom.Get(key, value))
         return PushDefault(L);
-    if (value > maxExactInteger || value < -maxExactInteger)
+    if (value > VexCore::maxExactInteger || value < -VexCore::maxExactInteger)
         return luaL_error(L, "the value of '%s' is beyond 2^53, where Lua numbers are not exact: read it with Get",
                           key);
     return Value<std::int64_t>::Push(L, value);

@@ -1,0 +1,142 @@
+// Start and end of the database layer. It stands above the room of connections, because its end concerns who has databases open,
+// and threads that may be inside one. Main thread.
+
+#include "vex/core/sqlitedb.h"
+
+#include "vex/core/dom.h"
+#include "vex_core/base/narrow.h"
+#include "vex_core/database/sqlite_db.h"
+#include "vex_core/lifecycle/ending.h"
+#include "vex_core/lua/lua_db.h"
+#include "vex_core/threads/thread_registry.h"
+
+#include <algorithm>
+#include <string>
+
+#include <sqlite3.h>
+
+#include <wx/log.h>
+
+namespace VexCore {
+
+namespace {
+constexpr char settingPrefix[] = "sqlite.config";
+
+// One setting: its name after "sqlite.config." and what is done with its value. False: the value means nothing.
+struct SettingRule
+{
+    const char* name;
+    bool (*apply)(std::int64_t value, SqliteSettings& settings);
+};
+
+bool ApplyMemstatus(std::int64_t value, SqliteSettings&)
+{
+    return (value == 0 || value == 1) && sqlite3_config(SQLITE_CONFIG_MEMSTATUS, static_cast<int>(value)) == SQLITE_OK;
+}
+
+bool ApplyMmapSize(std::int64_t value, SqliteSettings&)
+{
+    const sqlite3_int64 size = value;
+    const sqlite3_int64 noCap = -1; // the library's own limit stays
+    return value >= 0 && sqlite3_config(SQLITE_CONFIG_MMAP_SIZE, size, noCap) == SQLITE_OK;
+}
+
+bool ApplyCacheSize(std::int64_t value, SqliteSettings& settings)
+{
+    settings.cacheSize = value;
+    return true;
+}
+
+bool ApplyBusyTimeout(std::int64_t value, SqliteSettings& settings)
+{
+    if (value < 0 || value > 3600000)
+        return false;
+    settings.busyTimeoutMs = value;
+    return true;
+}
+
+bool ApplyJournalSizeLimit(std::int64_t value, SqliteSettings& settings)
+{
+    if (value < -1)
+        return false;
+    settings.journalSizeLimit = value;
+    return true;
+}
+
+bool ApplySynchronous(std::int64_t value, SqliteSettings& settings)
+{
+    if (value < 0 || value > 3)
+        return false;
+    settings.synchronous = value;
+    return true;
+}
+
+// Initialises the library, so it comes last.
+bool ApplySoftHeapLimit(std::int64_t value, SqliteSettings&)
+{
+    return value >= 0 && sqlite3_soft_heap_limit64(value) >= 0;
+}
+
+const SettingRule settingRules[] = {
+    {"memstatus", ApplyMemstatus},
+    {"mmap_size", ApplyMmapSize},
+    {"cache_size", ApplyCacheSize},
+    {"busy_timeout", ApplyBusyTimeout},
+    {"journal_size_limit", ApplyJournalSizeLimit},
+    {"synchronous", ApplySynchronous},
+    {"soft_heap_limit", ApplySoftHeapLimit},
+};
+
+void WarnOfUnknownSettings(const CDom& dom)
+{
+    for (const std::string& key : dom.Keys("")) {
+        if (key.compare(0, sizeof settingPrefix - 1, settingPrefix) != 0)
+            continue;
+        const bool known =
+            std::any_of(std::begin(settingRules), std::end(settingRules), [&key](const SettingRule& rule) {
+                return key == std::string(settingPrefix) + "." + rule.name;
+            });
+        if (!known)
+            wxLogWarning(wxT("Unknown database setting '%s'"), TextWithoutNul(key));
+    }
+}
+
+} // namespace
+
+bool CSqliteDatabase::InitializeSQLite(CDom* dom)
+{
+    SqliteSettings settings;
+    if (dom) {
+        for (const SettingRule& rule : settingRules) {
+            const std::string key = std::string(settingPrefix) + "." + rule.name;
+            std::int64_t value = 0;
+            if (!dom->Has(key.c_str()))
+                continue;
+            if (!dom->Get(key.c_str(), value) || !rule.apply(value, settings))
+                wxLogWarning(wxT("Database setting '%s' cannot be '%s'"), wxString::FromUTF8(key.c_str()),
+                             dom->GetWxString(key.c_str()));
+        }
+        WarnOfUnknownSettings(*dom);
+    }
+    SetSqliteSettings(settings);
+    const int result = sqlite3_initialize();
+    if (result != SQLITE_OK)
+        wxLogError(wxT("The database library cannot be initialised (%s)"), wxString::FromUTF8(sqlite3_errstr(result)));
+    return result == SQLITE_OK;
+}
+
+namespace {
+const EndStepOwner closeDatabases(EndStep::CloseDatabases, [] {
+    // A thread that was left running may be inside SQLite, or go there, until the process ends.
+    if (CloseLuaDatabases() && !OtherRunnablesRun())
+        sqlite3_shutdown();
+});
+
+} // namespace
+
+void CSqliteDatabase::ShutdownSQLite()
+{
+    TakeEndSteps(EndStretch::EndOfDatabases);
+}
+
+} // namespace VexCore
