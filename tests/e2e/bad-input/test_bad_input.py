@@ -135,6 +135,19 @@ def test_the_group_of_settings_counts_and_none_of_it_is_copied_to_the_domain(tre
     assert not set(settings(result)) & {"app.lua.cache", "app.log.count", "vex.HeartbeatInterval", "sqlite.config.cache_size"}
 
 
+@pytest.mark.parametrize("encoding,end", [("utf-16", "\n"), ("utf-32", "\r\n"), ("utf-8-sig", "\r")])
+def test_an_ini_file_in_any_encoding_gives_both_its_traces_and_its_settings(tree, encoding, end):
+    lines = ["Trace=One", "[settings]", "app.lua.cache=false", ""]
+    tree.app("probe", SHOW.replace("main = function()", "main = function() require('vex.json')"))
+    os.makedirs(tree.work)
+    with open(os.path.join(tree.work, "probe.ini"), "wb") as file:
+        file.write(end.join(lines).encode(encoding))
+    result = tree.run(name="probe")
+    assert result.status == 0, result.err
+    assert settings(result)["app.trace+"] == "One"
+    assert not os.path.exists(os.path.join(tree.work, "cache"))
+
+
 def test_the_trace_list_of_the_ini_replaces_the_default(tree):
     assert settings(with_ini(tree, b"Trace=One,Two\n"))["app.trace+"] == "One,Two"
 
