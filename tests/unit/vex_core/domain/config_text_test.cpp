@@ -166,6 +166,7 @@ TEST(ConfigText, GrammarOfTheLauncherAndOfTheSettingsIsOne)
         WriteFile(folder / "x.ini", text);
         EXPECT_EQ(ByTheLauncher(folder / "x.ini"), row.entries) << "the launcher: " << row.lines;
     }
+    ::unsetenv("VEX_TEST_X");
 }
 
 TEST(ConfigText, ReadingSettingsSaysNothing)
