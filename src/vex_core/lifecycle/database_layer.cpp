@@ -4,7 +4,7 @@
 #include "vex/core/sqlitedb.h"
 
 #include "vex/core/dom.h"
-#include "vex_core/base/narrow.h"
+#include "vex_core/base/text.h"
 #include "vex_core/database/sqlite_db.h"
 #include "vex_core/lifecycle/ending.h"
 #include "vex_core/lua/lua_db.h"
