@@ -25,7 +25,13 @@ namespace FakeCore {
 
 namespace {
 std::mutex s_lock;
-std::vector<std::string> s_journal; // guarded by s_lock
+
+// Guarded by s_lock. It is never destroyed: fake_agent prints it when the process ends.
+std::vector<std::string>& Lines()
+{
+    static auto& s_lines = *new std::vector<std::string>;
+    return s_lines;
+}
 
 const char* LevelWord(wxLogLevel level)
 {
@@ -68,13 +74,13 @@ void Record(const std::string& line)
     if (answers().onRecord)
         answers().onRecord(line);
     const std::lock_guard lock(s_lock);
-    s_journal.push_back(line);
+    Lines().push_back(line);
 }
 
 std::vector<std::string> Journal()
 {
     const std::lock_guard lock(s_lock);
-    return s_journal;
+    return Lines();
 }
 
 std::vector<std::string> Journal(const std::vector<std::string>& prefixes)
@@ -96,7 +102,7 @@ std::size_t Count(const std::string& line)
 void ClearJournal()
 {
     const std::lock_guard lock(s_lock);
-    s_journal.clear();
+    Lines().clear();
 }
 
 std::string Quote(const std::string& text)
