@@ -1,22 +1,23 @@
 #!/usr/bin/env python3
-"""Builds what the tests need and runs all of them; ./test is the way to call it.
+"""Builds what the tests need and runs them; ./test is the way to call it.
 
-A step is a command with a name. Its output goes to build/test/<name>.log and is shown when it fails. Steps that count
-tests leave a JUnit file; the last line adds up what those files say.
+What runs is a list of groups; the steps of a group run at the same time. Four levels, each with all of the one before:
+--quick, plain, --ci and --full. docs/TESTING.md tells what belongs to which and where the time goes.
 """
 import argparse
-import concurrent.futures
 import glob
 import os
 import platform
+import re
 import subprocess
 import sys
 import time
-import xml.etree.ElementTree
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-OUT = os.path.join(ROOT, "build", "test")
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from steps import OUT, ROOT, Screen, Step, count, run_together  # noqa: E402 pylint: disable=wrong-import-position
+
 PYTHON = "/usr/bin/python3" if os.path.exists("/usr/bin/python3") else sys.executable
+PROCESSORS = os.cpu_count() or 1
 LEAKS_OF_OTHERS = os.path.join(ROOT, "tests", "support", "lsan.supp")
 # Options end at a blank or colon, a quoted value at its quote, which nothing protects.
 QUOTE = '"' if "'" in LEAKS_OF_OTHERS else "'"
@@ -28,64 +29,63 @@ SANITIZER_OPTIONS = {
     # its own locks behind a flag, for instance, that the sanitizer does not see.
     "TSAN_OPTIONS": "ignore_noninstrumented_modules=1:halt_on_error=0:second_deadlock_stack=1",
 }
-UNIT_BINARIES = ("unit_slb3", "unit_core", "unit_launcher")
-# What the steps of a build need that does not also serve benchmarks, fuzzing and the check of the headers.
-RUN_TARGETS = ("stage", "packages", *(f"tests/{name}" for name in UNIT_BINARIES), "tests/fake_agent", "tests/restarts",
-               "tests/stopat", "tests/faultat", "luacrash", "plantedrace")
-
-
-class Step:
-    """One command; `junit` are the result files that it must leave behind."""
-
-    def __init__(self, name, command, junit=(), env=None, timeout=1500):
-        self.name, self.command, self.junit, self.timeout = name, command, tuple(junit), timeout
-        # Texts of the system are compared, so they are in one language whoever starts the run.
-        kept = {key: value for key, value in os.environ.items() if not key.startswith("LC_") and key != "LANGUAGE"}
-        self.env = {**kept, "LANG": "C.UTF-8", **(env or {})}
+LEVELS = ("quick", "plain", "ci", "full")
+# Where the tests of each binary lie, and into how many processes its tests are dealt out: much of a test is waiting.
+UNIT_TESTS = {"unit_slb3": (("slb3",), 1), "unit_core": (("vex_core", "contract"), 2 * PROCESSORS),
+              "unit_launcher": (("vex", "contract"), PROCESSORS)}
+# What tests of a build need that does not also serve benchmarks, fuzzing and the check of the headers.
+RUN_TARGETS = ("stage", "packages", "test_programs")
 
 
 def result_file(name):
     return os.path.join(OUT, name + ".xml")
 
 
-def build(preset, *targets):
-    return Step(f"build {preset}", ["tools/build", preset, "--quiet", *targets])
+def build(preset, *targets, background=False):
+    return Step(f"build {preset}", ["tools/build", preset, *targets], background=background)
 
 
-def unit(preset, environment):
-    for binary in UNIT_BINARIES:
+def units(preset, environment, names):
+    """`names` are those of tests, "Suite.Name"; none means all."""
+    for binary, (folders, shards) in UNIT_TESTS.items():
+        wanted = [name for name in names if has_unit_test(folders, name)]
+        if names and not wanted:
+            continue
         name = f"unit {preset} {binary[5:]}"
         file = result_file(name.replace(" ", "-"))
-        yield Step(name, ["tools/sandbox", f"build/{preset}/tests/{binary}", "--gtest_brief=1",
-                          f"--gtest_output=xml:{file}"], [file], environment)
+        selection = ["--gtest_filter=" + ":".join(f"{one}:*/{one}:{one}/*:*/{one}/*" for one in wanted)] if wanted else []
+        yield Step(name, ["tools/sandbox", f"build/{preset}/tests/{binary}", f"--gtest_output=xml:{file}", *selection], [file],
+                   environment, shards=1 if wanted else shards)
 
 
 def end_to_end(name, stage, build_dir, environment, *selection):
     file = result_file("e2e-" + name)
     env = dict(environment, VEX_STAGE=os.path.join(ROOT, stage), VEX_BUILD=os.path.join(ROOT, build_dir))
-    # One more than there are processors: much of a test of a daemon is waiting. By groups of one, tests are handed out singly,
-    # so that no worker is left with several sweeps of minutes each.
-    workers = (os.cpu_count() or 1) + 1
+    # More than there are processors: much of a test of a daemon is waiting. By groups of one, tests are handed out singly, so
+    # that no worker is left with several sweeps of minutes each.
+    workers = PROCESSORS + 2
+    places = [word for word in selection if word.startswith("tests/")] or ["tests/e2e"]
+    options = [word for word in selection if not word.startswith("tests/")]
     return Step(f"e2e {name}", ["tools/sandbox", PYTHON, "-m", "pytest", "-q", "-n", str(workers), "--dist", "loadgroup",
-                                "-p", "no:cacheprovider",
-                                f"--junitxml={file}", *selection, "tests/e2e"], [file], env, 7200)
+                                "-p", "no:cacheprovider", f"--junitxml={file}", *options, *places], [file], env, 7200)
 
 
-def lua(preset, stage, environment):
+def lua(preset, stage, environment, names):
     """The Lua tests in the launcher's unit-test mode, once with the sources and once with the packed archives."""
     packages = os.path.join(ROOT, "build", preset, "packages")
-    network = f"Agent-Network-{platform.system()}-10.0.0-4015.{platform.machine()}.vxp"
+    network = glob.glob(os.path.join(packages, f"Agent-Network-{platform.system()}-*.{platform.machine()}.vxp"))
     sources = ("lua/?.lua", "lua/?/init.lua", "lua/plugins/?.lua", "tests/lua/?.lua")
     origins = {
         "source": ["--lua_path", ";".join(os.path.join(ROOT, template) for template in sources)],
         "archives": ["--lua_path", os.path.join(ROOT, "tests/lua/?.lua"), "--extdir", os.path.join(packages, "ext"),
-                     "--zippath", os.path.join(packages, network)],
+                     "--zippath", ";".join(network)],
     }
     for origin, arguments in origins.items():
         file = result_file(f"lua-{preset}-{origin}")
-        yield Step(f"Lua {preset} {origin}", [os.path.join(ROOT, stage, "vx_agent"), "--workdir", os.path.join(OUT, "lua-work"),
-                                              *arguments, "--unittest", "tests/lua/**/*_test.lua", "--", "--output", "junit",
-                                              "--name", file], [file], environment)
+        yield Step(f"Lua {preset} {origin}", [os.path.join(ROOT, stage, "vx_agent"), "--workdir",
+                                              os.path.join(OUT, f"lua-work-{preset}-{origin}"), *arguments, "--unittest",
+                                              "tests/lua/**/*_test.lua", "--", "--output", "junit", "--name", file, *names],
+                   [file], environment)
 
 
 def fuzz(seconds):
@@ -100,126 +100,141 @@ def fuzz(seconds):
                    env=SANITIZER_OPTIONS)
 
 
-def steps(full):
-    """All steps in their order; a list holds steps that may run at the same time."""
-    full_env = {"VEX_FULL": "1"} if full else {}
+def pairs(steps):
+    steps = list(steps)
+    return [steps[index:index + PROCESSORS] for index in range(0, len(steps), PROCESSORS)]
+
+
+class Chosen:
+    """The tests of a run by name; all of them where nothing was named."""
+
+    def __init__(self, unit=(), lua_tests=(), places=()):
+        self.unit, self.lua, self.places = list(unit), list(lua_tests), list(places)
+        self.some = bool(self.unit or self.lua or self.places)
+
+
+def tests_of(preset, stage, environment, chosen, *selection):
+    """Unit and Lua tests of a build, which hardly wait for anything, and then the end-to-end tests."""
+    first = [*(units(preset, environment, chosen.unit) if chosen.unit or not chosen.some else ()),
+             *(lua(preset, stage, environment, chosen.lua) if chosen.lua or not chosen.some else ())]
+    if chosen.some:
+        selection = chosen.places
+    second = [end_to_end(preset, stage, f"build/{preset}", environment, *selection)] if chosen.places or not chosen.some else []
+    return [group for group in (first, second) if group]
+
+
+def plan(level, chosen=Chosen()):
+    """The groups of steps of a level, in their order."""
+    full_env = {"VEX_FULL": "1"} if level == "full" else {}
+    fast = [] if level == "full" else ["-m", "fast"]
     address = dict(SANITIZER_OPTIONS, **full_env, VEX_SANITIZED="address")
     thread = dict(SANITIZER_OPTIONS, **full_env, VEX_SANITIZED="thread")
-    yield Step("house rules", [PYTHON, "tools/tidy"])
-    yield build("release")
-    yield Step("exported symbols", [PYTHON, "tools/tidy", "--exports", "build/stage/lib"])
-    yield from unit("release", full_env)
-    yield from lua("release", "build/stage", full_env)
-    yield end_to_end("release", "build/stage", "build/release", full_env)
-    yield build("asan")
-    yield from unit("asan", address)
-    yield from lua("asan", "build/asan/stage", address)
-    yield end_to_end("asan", "build/asan/stage", "build/asan", address, *([] if full else ["-m", "fast"]))
-    yield list(fuzz(lambda parser: 60 if parser in ("zip_reader", "unzip") else 10))
-    yield build("tsan", *RUN_TARGETS)
-    yield from unit("tsan", thread)
-    yield from lua("tsan", "build/tsan/stage", thread)
-    yield end_to_end("tsan", "build/tsan/stage", "build/tsan", thread, *([] if full else ["-m", "fast"]))
-    if full:
+    wide = level in ("ci", "full")
+    rules = [Step("house rules", [PYTHON, "tools/tidy"]),
+             Step("exported symbols", [PYTHON, "tools/tidy", "--exports", "build/stage/lib"])]
+    groups = [] if chosen.some else [[rules[0]]]
+    groups += [[build("release", *(() if wide and not chosen.some else RUN_TARGETS))]]
+    groups += [] if chosen.some else [[rules[1]]]
+    release = {"quick": ["-m", "quick"], "plain": ["-m", "not patient"]}.get(level, [])
+    groups += tests_of("release", "build/stage", full_env, chosen, *release)
+    if wide:
+        groups += [] if chosen.some else [[Step("lint", ["tools/lint"], timeout=3600)]]
+        groups += [[build("asan")], *tests_of("asan", "build/asan/stage", address, chosen, *fast)]
+        groups += [] if chosen.some else pairs(fuzz(lambda parser: 60 if parser in ("zip_reader", "unzip") else 10))
+        groups += [[build("tsan", *RUN_TARGETS)], *tests_of("tsan", "build/tsan/stage", thread, chosen, *fast)]
+    if level == "full":
         for preset in ("debug", "clang"):
-            yield build(preset)
-            yield from unit(preset, full_env)
-            yield end_to_end(preset, f"build/{preset}/stage", f"build/{preset}", full_env)
+            groups += [[build(preset)], *tests_of(preset, f"build/{preset}/stage", full_env, chosen)]
+    return groups
 
 
-def log_file(step):
-    return os.path.join(OUT, step.name.replace(" ", "-") + ".log")
+# --- tests by name
+
+def has_unit_test(folders, name):
+    suite, _, test = name.partition(".")
+    wanted = re.compile(rf"TEST(?:_F|_P)?\(\s*{re.escape(suite)},\s*{re.escape(test)}\b")
+    return any(wanted.search(text(file)) for folder in folders
+               for file in glob.glob(os.path.join(ROOT, "tests/unit", folder, "**", "*.cpp"), recursive=True))
 
 
-def execute(step):
-    """Runs one step; returns its exit code, or a text when it has none, and the seconds that it took."""
-    for file in step.junit:
-        if os.path.exists(file):
-            os.unlink(file)
-    begin = time.monotonic()
-    with open(log_file(step), "wb") as output:
-        try:
-            code = subprocess.run(step.command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
-                                  env=step.env, cwd=ROOT, timeout=step.timeout, check=False).returncode
-        except subprocess.TimeoutExpired:
-            code = "no end within %d s" % step.timeout
-        except OSError as error:
-            code = str(error)
-    return code, time.monotonic() - begin
+def text(path):
+    with open(path, encoding="utf-8") as file:
+        return file.read()
 
 
-def report(step, code, seconds, colour):
-    good = code == 0 and all(os.path.exists(file) for file in step.junit)
-    word = "ok" if good else f"FAILED ({code})"
-    print((f"\033[{32 if good else 31}m{word}\033[0m" if colour else word) + f", {seconds:.0f} s", flush=True)
-    if not good:
-        with open(log_file(step), "rb") as output:
-            tail = output.read()[-6000:].decode("utf-8", "replace")
-        print("\n".join("    " + line for line in tail.splitlines()[-60:]), flush=True)
-    return good
+def find_tests(name):
+    """The tests of that name: "Suite.Name" of a unit test, a function, file or folder of end-to-end tests, and "Class.test"
+    or the name of a class of Lua tests."""
+    unit = [name] if re.fullmatch(r"\w+\.\w+", name) and any(has_unit_test(folders, name) for folders, _ in UNIT_TESTS.values()) else []
+    places, lua_tests = [], []
+    for file in sorted(glob.glob(os.path.join(ROOT, "tests/e2e/*/test_*.py"))):
+        place = os.path.relpath(file, ROOT)
+        if re.search(rf"^def {re.escape(name)}\(", text(file), re.M):
+            places.append(f"{place}::{name}")
+        elif name in (place, os.path.basename(file)) or name.rstrip("/") == os.path.dirname(place):
+            places.append(place)
+    group, _, test = name.partition(".")
+    wanted = re.compile(rf"\b{re.escape(group)}[:.]{re.escape(test)}\(" if test else rf"\bfunction \w+\.{re.escape(group)}[:.]test")
+    if any(wanted.search(text(file)) for file in glob.glob(os.path.join(ROOT, "tests/lua/**/*_test.lua"), recursive=True)):
+        lua_tests.append(name)
+    return Chosen(unit, lua_tests, places)
 
 
-def run(together, colour):
-    """Runs the steps, two at a time when they are several; yields each with whether it was good."""
-    if len(together) == 1:
-        print(f"{together[0].name} ...", end=" ", flush=True)
-        yield together[0], report(together[0], *execute(together[0]), colour)
-        return
-    with concurrent.futures.ThreadPoolExecutor(2) as pool:
-        for step, result in zip(together, pool.map(execute, together)):
-            print(f"{step.name} ...", end=" ", flush=True)
-            yield step, report(step, *result, colour)
-
-
-def count(file):
-    passed = failed = skipped = 0
-    for case in xml.etree.ElementTree.parse(file).getroot().iter("testcase"):
-        if case.find("failure") is not None or case.find("error") is not None:
-            failed += 1
-        elif case.find("skipped") is not None or case.get("status") == "notrun":
-            skipped += 1
-        else:
-            passed += 1
-    return passed, failed, skipped
+def choose(names, level, refuse):
+    """The plan for `--only`: steps whose name contains a text, else the tests of that name with the builds they need."""
+    if not names:
+        return plan(level)
+    whole = plan(level)
+    known = [step.name for group in whole for step in group]
+    chosen = Chosen()
+    for name in names:
+        if any(name in step for step in known):
+            continue
+        found = find_tests(name)
+        if not found.some:
+            refuse(f"no step's name contains '{name}', and no test has that name; the steps are: " + ", ".join(known))
+        chosen = Chosen(chosen.unit + found.unit, chosen.lua + found.lua, chosen.places + found.places)
+    groups = plan(level, chosen) if chosen.some else []
+    return groups + [[step for step in group if any(name in step.name for name in names)] for group in whole]
 
 
 def main():
-    parser = argparse.ArgumentParser(prog="./test", description="Builds and runs every test.")
-    parser.add_argument("--full", action="store_true", help="every point of every sweep, in every build")
+    parser = argparse.ArgumentParser(prog="./test", description="Builds what is needed and runs the tests of a level.")
+    level = parser.add_mutually_exclusive_group()
+    level.add_argument("--quick", action="store_const", dest="level", const="quick",
+                       help="the release build: unit and Lua tests, and one end-to-end test of each scenario")
+    level.add_argument("--ci", action="store_const", dest="level", const="ci",
+                       help="all tests, the sanitizers, fuzzing and the linter: what continuous integration runs")
+    level.add_argument("--full", action="store_const", dest="level", const="full", help="every point of every sweep, in every build")
     parser.add_argument("--stop", action="store_true", help="stop at the first step that fails")
-    parser.add_argument("--only", metavar="TEXT", action="append", help="only the steps whose name contains TEXT")
+    parser.add_argument("--only", metavar="TEXT", action="append",
+                        help="only the steps whose name contains TEXT, or the tests of that name; may be repeated")
+    parser.set_defaults(level="plain")
     arguments = parser.parse_args()
-    names = [step.name for item in steps(arguments.full) for step in (item if isinstance(item, list) else [item])]
-    for text in arguments.only or ():
-        if not any(text in name for name in names):
-            parser.error(f"no step's name contains '{text}'; the steps are: " + ", ".join(names))
+    groups = choose(arguments.only, arguments.level, parser.error)
     if subprocess.run(["tools/setup"], cwd=ROOT, check=False).returncode != 0:
         return 1
 
     os.makedirs(OUT, exist_ok=True)
-    colour = sys.stdout.isatty()
+    screen = Screen()
     begin = time.monotonic()
     totals = {"passed": 0, "failed": 0, "skipped": 0}
-    stopped = False
-    for item in steps(arguments.full):
-        together = [step for step in (item if isinstance(item, list) else [item])
-                    if not arguments.only or any(text in step.name for text in arguments.only)]
-        if not together or stopped:
-            continue
-        for step, good in run(together, colour):
+    for group in groups:
+        for outcome in run_together(group, screen):
             before = totals["failed"]
-            for file in step.junit:
+            for file in outcome.step.junit:
                 if os.path.exists(file):
                     for key, number in zip(totals, count(file)):
                         totals[key] += number
-            if not step.junit and good:
+            if not outcome.step.junit and not outcome.failure:
                 totals["passed"] += 1
-            if not good and totals["failed"] == before:
+            if outcome.failure and totals["failed"] == before:
                 totals["failed"] += 1  # the step itself, when no test of it says so
-            stopped = stopped or (arguments.stop and not good)
+        if arguments.stop and totals["failed"]:
+            break
     minutes, seconds = divmod(int(time.monotonic() - begin), 60)
-    print(f"took {minutes} min {seconds} s")
-    print(f"{totals['passed']} passed, {totals['failed']} failed, {totals['skipped']} skipped")
+    screen.line(f"took {minutes} min {seconds} s")
+    screen.line(f"{totals['passed']} passed, {totals['failed']} failed, {totals['skipped']} skipped")
     return 1 if totals["failed"] or not totals["passed"] else 0
 
 

@@ -24,6 +24,7 @@ def test_the_parser_reports_a_bad_command_line_and_the_process_ends_with_failure
     assert not os.path.exists(tree.work)
 
 
+@pytest.mark.quick
 def test_help_lists_every_option_in_order_and_ends_with_failure_status(tree):
     result = tree.run("--help")
     assert result.status == 255

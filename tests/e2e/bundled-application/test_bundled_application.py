@@ -72,6 +72,7 @@ def test_the_report_is_a_readable_table(tree):
     assert set(rows) >= {"Host", "System", "Kernel", "Uptime", "Load", "Memory"}, rows
 
 
+@pytest.mark.quick
 def test_json_prints_the_same_as_one_object(tree):
     result = tree.run("--", "--json")
     report = json.loads(result.out)
@@ -128,6 +129,7 @@ def test_a_plugin_that_fails_is_one_warning_with_its_traceback_and_the_others_go
     assert "boom" in result.log and "in function 'inner'" in result.log
 
 
+@pytest.mark.quick
 @pytest.mark.sandbox
 @pytest.mark.fast
 def test_the_background_beats_at_the_start_on_request_and_by_the_clock_and_stops_cleanly(tree):

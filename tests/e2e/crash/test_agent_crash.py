@@ -160,6 +160,7 @@ def test_dump_of_the_bundled_application_lies_in_its_diagnostic_folder(app):
     assert re.search(r" FATAL \[\d+/[^]]+\] vx_agent crashed: signal 11 .*; crash dump: .*/plugins/diag/vx_agent.mdmp", app.log())
 
 
+@pytest.mark.quick
 @pytest.mark.sandbox
 def test_supervisor_reports_the_crash_and_starts_the_child_again(app):
     supervisor, _ = app.background(name="crasher")

@@ -58,6 +58,7 @@ def test_each_crash_ends_by_its_signal_with_a_dump_and_one_line(tmp_path, way, n
     assert os.listdir(os.path.dirname(crash.dump)) == ["child.mdmp"]
 
 
+@pytest.mark.quick
 def test_dump_has_threads_stacks_modules_and_the_system(tmp_path):
     crash = Crash(tmp_path, "thread")
     dump = crash.minidump()

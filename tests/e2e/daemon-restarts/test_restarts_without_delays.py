@@ -84,6 +84,7 @@ def descriptors(process):
     return sorted(os.readlink(f"/proc/{process}/fd/{fd}") for fd in os.listdir(f"/proc/{process}/fd"))
 
 
+@pytest.mark.quick
 @pytest.mark.slow
 def test_the_supervisor_of_a_whole_agent_stays_as_it_is_and_its_pid_file_whole(tree, preload):
     def count():

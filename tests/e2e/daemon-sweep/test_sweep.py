@@ -286,6 +286,7 @@ def test_a_stop_of_the_starting_process_leaves_nothing_or_stops_the_agent(user, 
     check_start(sweep(user, "first", 0, 10, outcome_of_start, last=30), ["killed"])
 
 
+@pytest.mark.quick
 @WITHOUT_THREADS
 def test_a_stop_of_the_first_child_stops_the_agent(user, bystander):
     check_start(sweep(user, "first", 1, 8, outcome_of_start, last=10), [])

@@ -25,6 +25,7 @@ def stat_of(pid):
         return file.read().rpartition(")")[2].split()
 
 
+@pytest.mark.quick
 @pytest.mark.fast
 @pytest.mark.any_user(always=True)
 @pytest.mark.parametrize("name", ["probe", "vx_agent"])
@@ -300,6 +301,7 @@ def test_a_thousand_stops_in_a_second_leave_nothing_behind(tree):
     check_log(tree, *[CAUGHT, ENDED] if ended else [CAUGHT], stops=2)
 
 
+@pytest.mark.patient
 @pytest.mark.slow
 def test_eight_starts_in_the_span_are_the_limit(tree):
     """A child that dies at once is started at 0, 1, 3, 7, 15, 31, 63 and 127 seconds; the ninth start is refused."""

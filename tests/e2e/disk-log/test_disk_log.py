@@ -166,6 +166,7 @@ return M
 """
 
 
+@pytest.mark.quick
 @pytest.mark.sandbox
 @pytest.mark.fast
 def test_a_full_disk_delays_lines_and_loses_none(tree):

@@ -36,6 +36,7 @@ def test_init_main_and_shutdown_run_in_order(tree, name):
     assert (result.status, result.out, result.err) == (0, "load\ninit\nmain\nshutdown\n", "")
 
 
+@pytest.mark.quick
 @pytest.mark.parametrize("step,printed", [("init", "init\n"), ("main", "init\nmain\n"), ("shutdown", "init\nmain\nshutdown\n")])
 @NAMES
 def test_the_first_status_other_than_zero_ends_the_run_and_is_the_exit_status(tree, name, step, printed):

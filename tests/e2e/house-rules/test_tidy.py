@@ -32,6 +32,7 @@ def tree(tmp_path):
     return lambda files: write(**files)
 
 
+@pytest.mark.quick
 @pytest.mark.fast
 def test_this_tree_keeps_the_rules():
     assert tidy(ROOT) == (0, "")

@@ -1,6 +1,7 @@
 """What the commands of the tree say to somebody who calls them wrongly: in one look, and before anything is built. And how they
 do where the tree lies in a folder with a name like any other's, and what they leave behind."""
 import importlib.util
+import glob
 import os
 import pty
 import shutil
@@ -12,11 +13,19 @@ import pytest
 from conftest import ROOT
 
 
-def load_run_tests(path):
-    described = importlib.util.spec_from_file_location("run_tests_elsewhere", path)
+def load(name, path=None):
+    """A module of tools/, of this tree or of another one."""
+    path = path or os.path.join(ROOT, "tools", name + ".py")
+    sys.modules.pop("steps", None)  # what lies beside another tree's is another one
+    described = importlib.util.spec_from_file_location(name + "_elsewhere", path)
     module = importlib.util.module_from_spec(described)
     described.loader.exec_module(module)
     return module
+
+
+@pytest.fixture(name="run_tests")
+def _run_tests():
+    return load("run_tests")
 
 
 def call(*command, **options):
@@ -26,7 +35,8 @@ def call(*command, **options):
 @pytest.mark.fast
 @pytest.mark.parametrize("command, words", [
     (["./test", "--nonsense"], "unrecognized arguments: --nonsense"),
-    (["./test", "--only", "nonsense"], "no step's name contains 'nonsense'; the steps are: house rules, "),
+    (["./test", "--only", "nonsense"], "no step's name contains 'nonsense', and no test has that name; the steps are: house rules, "),
+    (["./test", "--quick", "--full"], "argument --full: not allowed with argument --quick"),
     (["tools/check", "--nonsense"], "unrecognized arguments: --nonsense"),
     ([".ci/run", "--nonsense"], "unrecognized arguments: --nonsense"),
     (["tools/build"], "usage: tools/build PRESET"),
@@ -34,6 +44,7 @@ def call(*command, **options):
     (["tools/bench", "nonsense"], "there is no benchmark 'nonsense', but bench_dom "),
     (["tools/run_tree", "nonsense"], "usage: tools/run_tree STAGE PACKAGES TREE"),
     (["tools/sandbox"], "usage: tools/sandbox COMMAND"),
+    (["tools/setup", "nonsense"], "usage: tools/setup"),
     (["tools/tidy", "--nonsense"], "unrecognized arguments: --nonsense"),
 ])
 def test_a_wrong_call_is_told_and_nothing_is_done(command, words):
@@ -42,11 +53,14 @@ def test_a_wrong_call_is_told_and_nothing_is_done(command, words):
     assert words in result.stderr
 
 
-@pytest.mark.parametrize("command", ["./run", "./test", "tools/build"])
-def test_help_is_given_before_anything_is_built(command):
+@pytest.mark.parametrize("command, word", [
+    ("./run", "build"), ("./test", "build"), ("tools/build", "release"), ("tools/bench", "bench_dom"), ("tools/setup", "Installs"),
+    ("tools/coverage", "coverage"),
+])
+def test_help_is_given_before_anything_is_built(command, word):
     result = call(command, "--help", capture_output=True, text=True)
     assert (result.returncode, result.stderr) == (0, "")
-    assert "build" in result.stdout.lower()
+    assert word in result.stdout
 
 
 def all_that_is_shown(master):
@@ -80,7 +94,101 @@ def test_the_last_line_counts_all_tests_of_every_kind(tmp_path):
     counted.write_text("""<testsuites><testsuite>
         <testcase name="a" status="run"/><testcase name="b" status="notrun"/><testcase name="c"><skipped/></testcase>
         <testcase name="d"><failure/></testcase><testcase name="e"><error/></testcase><testcase name="f"/></testsuite></testsuites>""")
-    assert load_run_tests(os.path.join(ROOT, "tools", "run_tests.py")).count(str(counted)) == (2, 2, 2)
+    assert load("steps").count(str(counted)) == (2, 2, 2)
+
+
+def names(groups):
+    return [step.name for group in groups for step in group]
+
+
+def test_each_level_has_all_steps_of_the_one_before(run_tests):
+    levels = [names(run_tests.plan(level)) for level in run_tests.LEVELS]
+    for less, more in zip(levels, levels[1:]):
+        assert set(less) <= set(more)
+    assert levels[0] == levels[1] != levels[2] != levels[3]
+    assert "lint" in levels[2] and "fuzz zip_reader" in levels[2] and "e2e clang" in levels[3]
+
+
+def commands(run_tests, level):
+    return {step.name: step.command for group in run_tests.plan(level) for step in group}
+
+
+def test_no_end_to_end_test_is_left_out_by_the_widest_level(run_tests):
+    assert "-m" not in commands(run_tests, "ci")["e2e release"][4:]
+    for name, command in commands(run_tests, "full").items():
+        assert not name.startswith("e2e") or "-m" not in command[4:], name
+
+
+def test_each_scenario_has_a_quick_test():
+    for folder in glob.glob(os.path.join(ROOT, "tests", "e2e", "*", "")):
+        sources = [open(file, encoding="utf-8").read() for file in glob.glob(folder + "test_*.py")]
+        assert not sources or any("@pytest.mark.quick" in source for source in sources), folder
+
+
+@pytest.mark.parametrize("name, step, word", [
+    ("Utf8.WhatIsCutIsNoneAndNothingBehindItsEndIsRead", "unit release core",
+     "--gtest_filter=Utf8.WhatIsCutIsNoneAndNothingBehindItsEndIsRead:"),
+    ("test_help_lists_every_option_in_order_and_ends_with_failure_status", "e2e release",
+     "tests/e2e/bad-input/test_bad_input.py::test_help_lists_every_option_in_order_and_ends_with_failure_status"),
+    ("tests/e2e/disk-log", "e2e release", "tests/e2e/disk-log/test_disk_log.py"),
+    ("test_disk_log.py", "e2e release", "tests/e2e/disk-log/test_disk_log.py"),
+    ("TestColumns.test_no_rows_are_no_text", "Lua release source", "TestColumns.test_no_rows_are_no_text"),
+])
+def test_a_test_is_run_by_its_name_behind_the_build_that_it_needs(run_tests, name, step, word):
+    steps = [step for group in run_tests.choose([name], "plain", pytest.fail) for step in group]
+    assert [one.name for one in steps][0] == "build release"
+    chosen = {one.name: one.command for one in steps}
+    assert set(chosen) <= {"build release", step, "Lua release archives"}
+    assert any(word in argument for argument in chosen[step])
+
+
+def test_progress_is_read_from_what_a_step_writes():
+    progress = load("steps").progress
+    assert progress([b"[1/80] Building a\n[12/80] Building b\n"]) == "12/80"
+    assert progress([b"....  [ 12%]\n....  [ 57%]\n.."]) == "57%"
+    assert progress([b"[==========] Running 3 tests from 1 test suite.\n[       OK ] A.B (0 ms)\n",
+                     b"[==========] Running 4 tests from 2 test suites.\n[  FAILED  ] A.C (1 ms)\n[  SKIPPED ] A.D (0 ms)\n"]) == "3/7"
+    assert progress([b"anything"]) == ""
+
+
+@pytest.mark.parametrize("terminal", [False, True])
+def test_how_far_a_step_is_stands_on_a_terminal_only(monkeypatch, tmp_path, terminal):
+    steps = load("steps")
+    monkeypatch.setattr(steps, "OUT", str(tmp_path))
+    monkeypatch.delenv("NO_COLOR", raising=False)
+    monkeypatch.setenv("TERM", "xterm")
+    master, slave = pty.openpty()
+    with open(slave, "w") if terminal else open(tmp_path / "shown", "w+") as stream:
+        slow = steps.Step("slow", ["sh", "-c", "echo '[3/9] Building'; sleep 1.2"])
+        bad = steps.Step("bad", ["sh", "-c", "echo why; exit 3"])
+        outcomes = {outcome.step.name: outcome.failure for outcome in steps.run_together([slow, bad], steps.Screen(stream))}
+        if not terminal:
+            stream.seek(0)
+            shown = stream.read()
+    if terminal:
+        shown = all_that_is_shown(master).decode()
+    else:
+        os.close(slave)
+    os.close(master)
+    assert outcomes == {"slow": "", "bad": "3"}
+    assert ("slow 3/9" in shown) == ("\r\033[K" in shown) == terminal
+    if not terminal:
+        assert [line.partition(",")[0] for line in shown.splitlines()] == ["bad ... FAILED (3)", "    why", "slow ... ok"]
+
+
+@pytest.mark.parametrize("status", [0, 1])
+def test_a_sharded_step_deals_its_tests_out_and_is_bad_when_one_share_is(monkeypatch, tmp_path, status):
+    steps = load("steps")
+    monkeypatch.setattr(steps, "OUT", str(tmp_path))
+    file = str(tmp_path / "result.xml")
+    share = 'echo "$GTEST_SHARD_INDEX of $GTEST_TOTAL_SHARDS" > "$0"; test $GTEST_SHARD_INDEX != 1 || exit ' + str(status)
+    step = steps.Step("units", ["sh", "-c", share, file], [file], shards=3)
+    outcome = steps.execute(step)
+    assert outcome.failure == (str(status) if status else "")
+    assert [open(one).read() for one in step.junit] == ["0 of 3\n", "1 of 3\n", "2 of 3\n"]
+    os.unlink(step.junit[2])
+    step.command[2] = "true"
+    assert steps.execute(step).failure == "it left no result file"
 
 
 @pytest.mark.skipif(not shutil.which("clang"), reason="clang is not installed")
@@ -89,9 +197,10 @@ def test_the_sanitizers_understand_their_options_wherever_the_tree_lies(tmp_path
     tools, support = tmp_path / name / "tools", tmp_path / name / "tests" / "support"
     tools.mkdir(parents=True)
     support.mkdir(parents=True)
-    shutil.copy(os.path.join(ROOT, "tools", "run_tests.py"), tools)
+    for file in ("run_tests.py", "steps.py"):
+        shutil.copy(os.path.join(ROOT, "tools", file), tools)
     (support / "lsan.supp").write_text("leak:forget\n")
-    run_tests = load_run_tests(tools / "run_tests.py")
+    run_tests = load("run_tests", tools / "run_tests.py")
     program = tmp_path / "forgetful.c"
     program.write_text("void *malloc(unsigned long); void *kept; __attribute__((noinline)) void forget(void) { kept = malloc(9); }\n"
                        "int main(void) { forget(); kept = 0; return 0; }\n")
@@ -124,6 +233,6 @@ def test_the_language_of_who_runs_the_tests_does_not_matter(monkeypatch):
     result = subprocess.run([sys.executable, "-c", show], cwd=os.path.join(ROOT, "tests", "e2e"), capture_output=True, text=True,
                             timeout=60, check=False)
     assert (result.stdout, result.stderr) == ("LANG=C.UTF-8\n", "")
-    step = load_run_tests(os.path.join(ROOT, "tools", "run_tests.py")).Step("any", ["true"], env={"VEX_FULL": "1"})
+    step = load("steps").Step("any", ["true"], env={"VEX_FULL": "1"})
     assert step.env["VEX_FULL"] == "1" and step.env["PATH"] == os.environ["PATH"]
     assert {name: value for name, value in step.env.items() if name.startswith(("LANG", "LC_"))} == {"LANG": "C.UTF-8"}

@@ -129,6 +129,7 @@ def test_the_vendor_folder_is_the_parent_when_its_path_names_the_vendor(tmp_path
     assert tree.run(executable=str(inside / "probe"), name="probe").out.strip() == str(inside.parent)
 
 
+@pytest.mark.quick
 @pytest.mark.fast
 def test_the_bundled_application_reports_on_this_host(tree):
     result = tree.run()
@@ -138,6 +139,7 @@ def test_the_bundled_application_reports_on_this_host(tree):
     assert "VEX 10.0.0.4015 starting." in result.log
 
 
+@pytest.mark.quick
 def test_the_readmes_first_application_runs_as_it_stands(tmp_path):
     with open(os.path.join(ROOT, "README.md"), encoding="utf-8") as file:
         block = next(part for part in file.read().split("\n\n") if "cp -r build/stage" in part)

@@ -161,6 +161,7 @@ def test_a_fault_in_any_call_stops_the_package_in_order_and_the_next_start_compl
     assert counts.get("beyond", 0) <= len(points) // 20
 
 
+@pytest.mark.quick
 @pytest.mark.sandbox
 @pytest.mark.parametrize("size", SETS)
 def test_files_are_flushed_before_they_are_renamed_and_folders_before_the_package_is(tmp_path, size):

@@ -108,6 +108,7 @@ def test_nothing_happens_without_the_switch(tree):
     assert os.path.exists(package) and events(tree) == []
 
 
+@pytest.mark.quick
 def test_an_empty_folder_writes_no_event_and_asks_for_no_heartbeat(tree):
     assert install(tree).out == "nil\n"
     assert not os.path.exists(os.path.join(tree.work, "events.db"))

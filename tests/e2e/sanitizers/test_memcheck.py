@@ -8,6 +8,7 @@ import pytest
 from conftest import ROOT, SANITIZED
 
 
+@pytest.mark.quick
 @pytest.mark.skipif(SANITIZED, reason="a sanitizer is a memory checker of its own")
 @pytest.mark.skipif(shutil.which("valgrind") is None, reason="NO VALGRIND HERE")
 @pytest.mark.parametrize("name", ["vx_agent", "probe"])

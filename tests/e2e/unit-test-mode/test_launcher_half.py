@@ -40,6 +40,7 @@ def test_after_success_the_status_of_shutdown_is_the_result(probe):
     assert probe("--unittest", "*", env={"SHUTDOWN": "4"}).status == 4
 
 
+@pytest.mark.quick
 @pytest.mark.parametrize("value,status", [("3", 3), ("'5'", 5), ("true", 0), ("nil", 0), ("{}", 0)])
 def test_the_runners_result_is_the_status_and_a_failure_skips_shutdown(tree, probe, value, status):
     tree.file("override/tests/vexunit.lua", RUNNER % value)
