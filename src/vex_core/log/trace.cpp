@@ -19,19 +19,24 @@ namespace VexCore {
 namespace {
 std::atomic<const TraceModules*> g_modules{nullptr};
 
+void ReloadTraceModules();
+
 /// Every list that was ever in force, by its text. Readers may still be looking into an old one, and lists change at most
-/// a few times in a process's life, so none is destroyed.
+/// a few times in a process's life, so none is destroyed. Nor is the observer: domains are written while the process ends.
 struct TraceLists
 {
     std::mutex lock;
     std::map<std::string, TraceModules> byText; // guarded by lock
+    const DomObserver observer{{"app.trace", "app.trace+"}, ReloadTraceModules};
 };
 
 TraceLists& Lists()
 {
-    static TraceLists& lists = *new TraceLists;
-    return lists;
+    static TraceLists& s_lists = *new TraceLists;
+    return s_lists;
 }
+
+[[maybe_unused]] const TraceLists& listsFromTheBeginning = Lists(); // a write before the first trace line counts as well
 
 /// Takes over what the lists of the process's root domain are now.
 void ReloadTraceModules()
@@ -48,9 +53,6 @@ void ReloadTraceModules()
     const TraceModules& modules = lists.byText.try_emplace(text, text).first->second;
     g_modules.store(modules.Empty() ? nullptr : &modules, std::memory_order_release);
 }
-
-/// From before `main` on, and never destroyed: domains are written while the process ends.
-[[maybe_unused]] DomObserver& g_observer = *new DomObserver({"app.trace", "app.trace+"}, ReloadTraceModules);
 
 } // namespace
 

@@ -56,6 +56,8 @@ auto Retried(const Function& function) -> decltype(function())
 template <typename Function>
 auto Observed(const Call& call, const Function& function) -> decltype(function())
 {
+    if (!observerOfCalls.load(std::memory_order_relaxed))
+        return Retried(function);
     return Retried([&]() -> decltype(function()) {
         const int error = AskObserver(call);
         if (error == 0)
