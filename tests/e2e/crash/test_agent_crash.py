@@ -128,7 +128,7 @@ def test_crash_in_a_worker_is_shown_as_the_workers(app, way, module):
     assert re.search(r" FATAL \[\d+/worker [^]]+\] crasher crashed", result.log), result.log
     text = backtrace(app)
     assert re.search(r"frame #0: .*" + re.escape(module), text), text
-    assert re.search(r"frame #\d+: .*CWorker::OnRun", text), text
+    assert re.search(r"frame #\d+: .*\bWorker::OnRun", text), text
     assert "CScriptThread" not in text, text
 
 
