@@ -16,7 +16,8 @@ public:
     /// The body may take a flag: true when the thread is to end, at the latest when the object goes.
     template <class Body>
     explicit JoiningThread(Body body)
-        : m_thread([stop = m_stop, body = std::move(body)]() mutable {
+        : m_stop(std::make_shared<std::atomic<bool>>(false)),
+          m_thread([stop = m_stop, body = std::move(body)]() mutable {
               if constexpr (std::is_invocable_v<Body&, const std::atomic<bool>&>)
                   body(*stop);
               else
@@ -40,7 +41,7 @@ public:
     }
 
 private:
-    std::shared_ptr<std::atomic<bool>> m_stop = std::make_shared<std::atomic<bool>>(false);
+    std::shared_ptr<std::atomic<bool>> m_stop;
     std::thread m_thread;
 };
 
