@@ -5,6 +5,7 @@ an empty /run and /opt before every test, so tests that use /var/run or /opt do 
 """
 import ctypes
 import os
+import re
 import shutil
 import signal
 import subprocess
@@ -21,6 +22,15 @@ FULL = os.environ.get("VEX_FULL") == "1"
 SANITIZER = os.environ.get("VEX_SANITIZED", "")  # "address" or "thread" when the tree is such a build
 SANITIZED = bool(SANITIZER)
 sys.path.insert(0, os.path.join(ROOT, "tests", "support"))  # for what several scenarios share
+def _version():
+    """The agent's version: its three numbers, and its build."""
+    with open(os.path.join(ROOT, "src/vex/apps/vex/version.h"), encoding="utf-8") as file:
+        *numbers, build = re.findall(r"^#define VEX_VERSION_[A-Z]+ ([0-9]+)$", file.read(), re.M)
+    return ".".join(numbers), build
+
+
+VERSION, BUILD_NUMBER = _version()
+OTHER_VERSION = VERSION.rpartition(".")[0] + ".99"
 CLONE_NEWNS, MS_REC, MS_PRIVATE, MNT_DETACH = 0x00020000, 0x4000, 0x40000, 2
 # The system tells a child of its parent's death when the parent's thread ends that made it, and again for each thread after it.
 PARENT_DIES_ONCE = pytest.mark.skipif(SANITIZER == "thread", reason="the sanitizer has a thread of its own in the supervisor, "

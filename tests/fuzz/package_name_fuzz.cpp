@@ -2,6 +2,7 @@
 
 #include "vex/apps/vex/vex.h"
 
+#include "support/our_version.h"
 #include "vex/apps/vex/package_name.h"
 
 #include <cstdint>
@@ -24,7 +25,8 @@ bool ReadFromTheLeft(std::wstring name)
         }
     if (dashes[1] == std::wstring::npos || dashes[1] + 1 == dashes[0])
         return true;
-    return name.substr(dashes[1] + 1, dashes[0] - dashes[1] - 1) == L"10.0.0";
+    static const std::string s_ours = Test::Ours("{version}");
+    return name.substr(dashes[1] + 1, dashes[0] - dashes[1] - 1) == std::wstring(s_ours.begin(), s_ours.end());
 }
 
 } // namespace

@@ -36,7 +36,8 @@ TraceLists& Lists()
     return s_lists;
 }
 
-[[maybe_unused]] const TraceLists& listsFromTheBeginning = Lists(); // a write before the first trace line counts as well
+[[maybe_unused]] const TraceLists& listsFromTheBeginning =
+    Lists(); // a write before the first trace line counts as well
 
 /// Takes over what the lists of the process's root domain are now.
 void ReloadTraceModules()

@@ -5,6 +5,8 @@ import shutil
 
 import pytest
 
+from conftest import BUILD_NUMBER, OTHER_VERSION, VERSION
+
 OK = "return { main = function() return 0 end }"
 SHOW = "return { main = function() for _, k in ipairs(dom0:Keys()) do print(k .. '=' .. tostring(dom0:Get(k))) end return 0 end }"
 
@@ -230,10 +232,10 @@ def extension(tree, version):
 
 
 @pytest.mark.parametrize("version,taken", [
-    (b"version: 10.0.0-4015\n", True), (b"version:10.0.0-7", True), ("version: 10.0.0-4015\r\n".encode("utf-16"), True),
-    (b"\xef\xbb\xbfversion: 10.0.0-1\n", True), (b"version: 10.0.1-4015\n", False), (b"version: 10.0.0\n", False),
-    (b" version: 10.0.0-1\n", False), (b"Version: 10.0.0-1\n", False), (b"", False), (b"\0" * 100000, False),
-    (b"version: x\nversion: 10.0.0-1\n", False), (b"version: 99999999999999999999.0.0-1\n", False), (None, False),
+    (f"version: {VERSION}-{BUILD_NUMBER}\n".encode(), True), (f"version:{VERSION}-7".encode(), True), (f"version: {VERSION}-{BUILD_NUMBER}\r\n".encode("utf-16"), True),
+    (b"\xef\xbb\xbf" + f"version: {VERSION}-1\n".encode(), True), (f"version: {OTHER_VERSION}-{BUILD_NUMBER}\n".encode(), False), (f"version: {VERSION}\n".encode(), False),
+    (f" version: {VERSION}-1\n".encode(), False), (f"Version: {VERSION}-1\n".encode(), False), (b"", False), (b"\0" * 100000, False),
+    (f"version: x\nversion: {VERSION}-1\n".encode(), False), (b"version: 99999999999999999999.0.0-1\n", False), (None, False),
 ], ids=lambda value: repr(value[:16]) if isinstance(value, bytes) else None)
 def test_a_version_file_decides_about_its_extension(tree, version, taken):
     result = extension(tree, version)

@@ -9,7 +9,7 @@ import time
 import pytest
 
 from agents import CAUGHT, ENDED, LIFE, PID_FILE, adopted_statuses, check_log, check_silent, delayed, killed, life, run_adopted
-from conftest import SANITIZED, TRACED, alive, children, send_signal, wait_until
+from conftest import BUILD_NUMBER, VERSION, SANITIZED, TRACED, alive, children, send_signal, wait_until
 
 pytestmark = pytest.mark.sandbox
 NO_PROCESS = "(error 11: Resource temporarily unavailable)"
@@ -32,8 +32,8 @@ def test_the_first_fork_that_fails_is_an_error_and_status_255(tree):
 
 def test_the_agents_own_name_says_goodbye_when_the_first_fork_fails(tree):
     check_silent(strace_fork_failure(tree, "vx_agent"), 255)
-    check_log(tree, ("INFO", "VEX 10.0.0.4015 starting."), ("ERROR", "Unable to fork " + NO_PROCESS),
-              ("INFO", re.compile(r"VEX 10\.0\.0\.4015 exiting\. Run time was 0d 00:00:0\d\.\d{3}")), name="vx_agent")
+    check_log(tree, ("INFO", f"VEX {VERSION}.{BUILD_NUMBER} starting."), ("ERROR", "Unable to fork " + NO_PROCESS),
+              ("INFO", re.compile(rf"VEX {VERSION}.{BUILD_NUMBER} exiting\. Run time was 0d 00:00:0\d\.\d{{3}}")), name="vx_agent")
 
 
 @pytest.fixture

@@ -9,7 +9,7 @@ import time
 import pytest
 
 from agents import CAUGHT, ENDED, LIFE, PID_FILE, check_log, delayed, exited, killed, life, run_adopted, stale
-from conftest import (BUILD, FULL, PARENT_DIES_ONCE, SANITIZED, SANITIZER, alive, children, send_signal, switches,
+from conftest import (BUILD_NUMBER, VERSION, BUILD, FULL, PARENT_DIES_ONCE, SANITIZED, SANITIZER, alive, children, send_signal, switches,
                       wait_until)
 
 pytestmark = pytest.mark.sandbox
@@ -45,11 +45,11 @@ def test_it_starts_in_the_background_and_stops_in_order(tree, name):
     if name == "probe":
         check_log(tree, CAUGHT, ENDED)
         return
-    check_log(tree, ("INFO", "VEX 10.0.0.4015 starting."),
+    check_log(tree, ("INFO", f"VEX {VERSION}.{BUILD_NUMBER} starting."),
               traced("ExpandZippath", "zipFilespec: "),
               traced("ExpandZippath", f"app.lua.zippath '{tree.path}/vex_core/vx_agent.vxe;{tree.path}/vex_core/vex.vxe' "),
               *run_of_a_chunk(), *run_of_a_method("init"), *run_of_a_method("main"), CAUGHT, *run_of_a_method("shutdown"), ENDED,
-              ("INFO", re.compile(r"VEX 10\.0\.0\.4015 exiting\. Run time was 0d 00:00:\d\d\.\d{3}")), name=name)
+              ("INFO", re.compile(rf"VEX {VERSION}.{BUILD_NUMBER} exiting\. Run time was 0d 00:00:\d\d\.\d{{3}}")), name=name)
 
 
 # The launcher's own trace, which is on under the agent's own name.

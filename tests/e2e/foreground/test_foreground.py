@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from conftest import SANITIZED
+from conftest import BUILD_NUMBER, VERSION, SANITIZED
 
 LIFE = """
 local M = {}
@@ -119,7 +119,7 @@ def test_lines_logged_by_the_script_are_in_the_file_when_the_process_has_ended(t
 @NAMES
 def test_only_the_agent_proper_writes_the_start_banner(tree, name):
     result = tree.run(*application(tree, name, LIFE), name=name)
-    assert ("VEX 10.0.0.4015 starting." in result.log) == (name == "vx_agent")
+    assert (f"VEX {VERSION}.{BUILD_NUMBER} starting." in result.log) == (name == "vx_agent")
     assert "exiting. Run time was" not in result.log  # only the supervisor leaves through the exit banner
 
 

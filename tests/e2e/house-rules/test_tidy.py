@@ -323,3 +323,13 @@ def test_a_symbol_too_many_and_one_too_few_are_breaches(tmp_path, libraries):
     assert "tests/exports/vex_core.txt:2: vex_core.so does not show VexCore::b()" in output
     assert "vex_core.so shows leaked, which is not listed" in output
     assert "libSLB3.so shows leaked" in output
+
+
+def test_a_version_spelled_beside_its_header_is_a_breach_and_a_wrong_one_in_documents(tree):
+    header = "#pragma once\n// a\n" + "".join(f"#define VEX_VERSION_{part} {number}\n" for part, number in zip("ABCD", (3, 1, 4, 1592)))
+    root = tree({"src/vex/apps/vex/version.h": header, "tests/e2e/a/packages.py": "A = 'x-3.1.4-1592'\n",
+                   "tests/lua/a.txt": "3.1.5.1592\n13.1.4-15920\n", "docs/a.md": "x 3.1.4-1592, 3.1.4.1592\nx 3.1.3-1592\n"})
+    lines = [line for line in tidy(root)[1].splitlines() if "version" in line.partition(" ")[2]]
+    assert lines == ["docs/a.md:2: the version is 3.1.4-1592 by src/vex/apps/vex/version.h",
+                     "tests/e2e/a/packages.py:1: the version is taken from src/vex/apps/vex/version.h",
+                     "tests/lua/a.txt:1: the version is taken from src/vex/apps/vex/version.h"]

@@ -7,7 +7,7 @@ import zipfile
 
 import pytest
 
-from conftest import BUILD, ROOT, STAGE
+from conftest import BUILD_NUMBER, VERSION, BUILD, ROOT, STAGE
 
 FILES = {"vx_agent", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe"}
 
@@ -136,7 +136,7 @@ def test_the_bundled_application_reports_on_this_host(tree):
     assert result.status == 0, result.err
     assert result.err == ""
     assert os.uname().nodename in result.out
-    assert "VEX 10.0.0.4015 starting." in result.log
+    assert f"VEX {VERSION}.{BUILD_NUMBER} starting." in result.log
 
 
 @pytest.mark.quick

@@ -3,7 +3,9 @@ import os
 import subprocess
 import zipfile
 
-VERSIONED = "Agent-Feature-Linux-10.0.0-4015.x86_64"
+from conftest import BUILD_NUMBER, VERSION
+
+VERSIONED = f"Agent-Feature-Linux-{VERSION}-{BUILD_NUMBER}.x86_64"
 
 
 def with_zipfile(path, files):

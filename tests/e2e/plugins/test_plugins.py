@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from conftest import Tree, mount_tmpfs, unmount
+from conftest import BUILD_NUMBER, OTHER_VERSION, VERSION, Tree, mount_tmpfs, unmount
 from packages import VERSIONED, WRITERS, with_zipfile
 
 APP = "return { main = function() print(dom0:Get('vex.HeartbeatNow')); return 0 end }"
@@ -94,7 +94,7 @@ def test_the_plugin_runs_in_the_same_start(tree):
 def test_an_extension_in_a_package_is_on_the_path_in_the_same_start(tree, tmp_path):
     with_zipfile(str(tmp_path / "e.vxe"), {"inside.lua": "return 'from the extension'"})
     with_zipfile(tree.file("Feature.vxp"), {"ext/e.vxe": (tmp_path / "e.vxe").read_bytes(),
-                                            "ext/e.vxe.version": "version: 10.0.0-4015\n"})
+                                            "ext/e.vxe.version": f"version: {VERSION}-{BUILD_NUMBER}\n"})
     tree.app("probe", "print(require('inside')) return {}")
     result = tree.run("--install_plugins", "--extdir", "ext", name="probe")
     assert (result.status, result.out) == (0, "from the extension\n"), result.err
@@ -115,7 +115,7 @@ def test_an_empty_folder_writes_no_event_and_asks_for_no_heartbeat(tree):
 
 
 def test_a_package_of_another_version_is_refused_and_tried_again(tree):
-    package = tree.file("Agent-Feature-Linux-10.0.1-4015.x86_64.vxp")
+    package = tree.file(f"Agent-Feature-Linux-{OTHER_VERSION}-{BUILD_NUMBER}.x86_64.vxp")
     with_zipfile(package, FILES)
     tree.app("probe", APP)
     before = tree_hash(tree)

@@ -14,7 +14,7 @@ function M.TestApplication:setUp()
   for name in pairs(package.loaded) do
     if name:find("^vx_agent") then package.loaded[name] = nil end
   end
-  dom0 = fake_domain.new({ ["app.name"] = "vx_agent", ["app.version"] = "10.0.0.4015" })
+  dom0 = fake_domain.new({ ["app.name"] = "vx_agent", ["app.version"] = "1.2.3.4" })
   arg = {} -- luacheck: ignore 121
   self.written = {}
   io.write = function(text) self.written[#self.written + 1] = text end -- luacheck: ignore 122
@@ -42,7 +42,7 @@ function M.TestApplication:output() return table.concat(self.written) end
 function M.TestApplication:test_init_tells_what_it_is_and_loads_the_plugins()
   dom0.values["app.plugins"] = "probe,nowhere"
   lu.assertEquals(self.application.init(), 0)
-  lu.assertStrContains(dom0.lines[1], "info: vx_agent 10.0.0.4015, host agent, process ")
+  lu.assertStrContains(dom0.lines[1], "info: vx_agent 1.2.3.4, host agent, process ")
   lu.assertEquals(dom0.lines[2], "info: plugin Probe 1 loaded")
   lu.assertStrContains(dom0.lines[3], "warning: Plugin 'nowhere' cannot be loaded")
 end

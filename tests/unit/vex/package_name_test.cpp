@@ -2,13 +2,17 @@
 
 #include "vex/apps/vex/vex.h"
 
+#include "support/our_version.h"
+
+#include <string>
+
 #include <gtest/gtest.h>
 
 namespace {
 struct Package
 {
-    const char* file;
-    const char* plugin;
+    std::string file;
+    std::string plugin;
     bool accepted;
 };
 
@@ -22,25 +26,27 @@ class PackageName : public testing::TestWithParam<Package>
 
 TEST_P(PackageName, TellsThePluginAndWhetherTheVersionFits)
 {
-    const wxFileName file(GetParam().file);
-    EXPECT_EQ(getPluginName(file), GetParam().plugin);
+    const wxFileName file(wxString(GetParam().file));
+    EXPECT_EQ(getPluginName(file), wxString(GetParam().plugin));
     EXPECT_EQ(CAgentApp::CheckVXPVersion(file), GetParam().accepted);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Table, PackageName,
-    testing::Values(Package{"Agent-Feature-Solaris_11-10.0.0-4015.x86_64.vxp", "Feature", true},
-                    Package{"/opt/agent/Agent-Feature-Solaris_11-10.0.0-4015.x86_64.vxp", "Feature", true},
-                    Package{"/opt/a-b-1.0.0-1.c/Agent-Feature-Solaris_11-10.0.0-4015.x86_64.vxp", "Feature", true},
+    testing::Values(Package{::Test::Ours("Agent-Feature-Solaris_11-{version}-{build}.x86_64.vxp"), "Feature", true},
+                    Package{::Test::Ours("/opt/agent/Agent-Feature-Solaris_11-{version}-{build}.x86_64.vxp"), "Feature",
+                            true},
+                    Package{::Test::Ours("/opt/a-b-1.0.0-1.c/Agent-Feature-Solaris_11-{version}-{build}.x86_64.vxp"),
+                            "Feature", true},
                     // another version; the build is not compared
-                    Package{"Agent-Feature-Solaris_11-10.0.1-4015.x86_64.vxp", "Feature", false},
-                    Package{"Agent-Feature-Solaris_11-9.5.0-4015.x86_64.vxp", "Feature", false},
-                    Package{"Agent-Feature-Solaris_11-10.0.0-1.x86_64.vxp", "Feature", true},
-                    Package{"Agent-Feature-Solaris_11-10.0.0-.x86_64.vxp", "Feature", true},
+                    Package{::Test::Ours("Agent-Feature-Solaris_11-{other}-{build}.x86_64.vxp"), "Feature", false},
+                    Package{::Test::Ours("Agent-Feature-Solaris_11-9.5.0-{build}.x86_64.vxp"), "Feature", false},
+                    Package{::Test::Ours("Agent-Feature-Solaris_11-{version}-1.x86_64.vxp"), "Feature", true},
+                    Package{::Test::Ours("Agent-Feature-Solaris_11-{version}-.x86_64.vxp"), "Feature", true},
                     // versions are compared as text
-                    Package{"Agent-Feature-Solaris_11-10.00.0-4015.x86_64.vxp", "Feature", false},
-                    Package{"Agent-Feature-Solaris_11-10.0.0.0-4015.x86_64.vxp", "Feature", false},
-                    Package{"Agent-Feature-Solaris_11- 10.0.0-4015.x86_64.vxp", "Feature", false},
+                    Package{::Test::Ours("Agent-Feature-Solaris_11-10.00.0-{build}.x86_64.vxp"), "Feature", false},
+                    Package{::Test::Ours("Agent-Feature-Solaris_11-{version}.0-{build}.x86_64.vxp"), "Feature", false},
+                    Package{::Test::Ours("Agent-Feature-Solaris_11- {version}-{build}.x86_64.vxp"), "Feature", false},
                     // too few fields to carry a version
                     Package{"Feature.vxp", "Feature", true}, Package{"Feature-x.y.vxp", "x.y", true},
                     Package{"a-b.vxp", "b", true}, Package{"a-b-c.vxp", "b", true},
@@ -51,17 +57,18 @@ INSTANTIATE_TEST_SUITE_P(
                     Package{"a--c.vxp", "", true}, Package{"a--c.d.vxp", "", true},
                     Package{"a-b--1.x86_64.vxp", "b", true}, Package{"-.vxp", "", true}, Package{"a-.vxp", "", true},
                     // nothing but the version
-                    Package{"x-10.0.0-1.m.vxp", "10.0.0", true}, Package{"x-10.0.1-1.m.vxp", "10.0.1", false},
+                    Package{::Test::Ours("x-{version}-1.m.vxp"), ::Test::Ours("{version}"), true},
+                    Package{::Test::Ours("x-{other}-1.m.vxp"), ::Test::Ours("{other}"), false},
                     // case counts in names, and the extension does not
-                    Package{"Agent-Feature-Solaris_11-10.0.0-4015.x86_64.VXU", "Feature", true},
+                    Package{::Test::Ours("Agent-Feature-Solaris_11-{version}-{build}.x86_64.VXU"), "Feature", true},
                     // without an extension the machine is taken for one, and the fields move by one
-                    Package{"Agent-Feature-Solaris_11-10.0.0-4015.x86_64", "Feature", false}));
+                    Package{::Test::Ours("Agent-Feature-Solaris_11-{version}-{build}.x86_64"), "Feature", false}));
 
 TEST(VersionField, IsTheFourthFromTheRightAndIsFoundOnlyWhenAllAreThere)
 {
     wxString version;
-    EXPECT_TRUE(FindVersionField("Agent-Feature-Solaris_11-10.0.0-4015.x86_64", version));
-    EXPECT_EQ(version, "10.0.0");
+    EXPECT_TRUE(FindVersionField(::Test::Ours("Agent-Feature-Solaris_11-{version}-{build}.x86_64"), version));
+    EXPECT_EQ(version, ::Test::Ours("{version}"));
     EXPECT_FALSE(FindVersionField("", version));
     EXPECT_FALSE(FindVersionField("nodots-at-all", version));
     EXPECT_FALSE(FindVersionField("nodash.x", version));

@@ -1,6 +1,7 @@
 #include "vex/apps/vex/vex.h"
 
 #include "support/launcher_test.h"
+#include "support/our_version.h"
 
 #include <filesystem>
 
@@ -18,7 +19,7 @@ using testing::StartsWith;
 namespace {
 namespace fs = std::filesystem;
 
-const char s_feature[] = "Agent-Feature-Solaris_11-10.0.0-4015.x86_64";
+const std::string feature = ::Test::Ours("Agent-Feature-Solaris_11-{version}-{build}.x86_64");
 
 // Both passes, in a folder of the test's own that the domain names as the executable's.
 class Plugins : public LauncherTest
@@ -61,7 +62,7 @@ TEST_F(Plugins, PackageIsUnpackedRenamedAndReportedInTheFixedOrder)
 {
     FakeCore::answers().tracedModules = {"Appl"};
     FakeCore::answers().unzipEntries = {{"lib/x.lua", 7}, {"y.so", 5000000000}};
-    const std::string name = std::string(s_feature) + ".vxp";
+    const std::string name = std::string(feature) + ".vxp";
     Put(name);
     const std::string path = Path(name);
     EXPECT_THAT(Install(),
@@ -74,10 +75,10 @@ TEST_F(Plugins, PackageIsUnpackedRenamedAndReportedInTheFixedOrder)
                             "Trace(\"Appl\", \"InstallPluginZipCB\", \"  extracting: y.so (5000000000 bytes)\")",
                             "Unzip.Entry(\"y.so\") -> true",
                             "Trace(\"Appl\", \"InstallNewPlugins\", \"Successfully extracted files for plugin '"
-                                + std::string(s_feature) + "'. Deleting '" + path + "'\")",
+                                + std::string(feature) + "'. Deleting '" + path + "'\")",
                             "Event.SetAttributeNull(3, false)", "Event.ToSeverity(5)",
                             "Event.SetAttributeNull(4, false)",
-                            Event(5101, 5, "Feature|" + std::string(s_feature) + "|" + path), s_heartbeat));
+                            Event(5101, 5, "Feature|" + std::string(feature) + "|" + path), s_heartbeat));
     EXPECT_FALSE(Has(name));
     EXPECT_TRUE(Has(name + ".done"));
 }
@@ -109,7 +110,7 @@ TEST_F(Plugins, PackagesAreProcessedInAscendingOrderOfTheirPaths)
 
 TEST_F(Plugins, PackageOfAnotherVersionIsRefusedAndFoundAgain)
 {
-    const std::string base = "Agent-Feature-Solaris_11-10.0.1-4015.x86_64";
+    const std::string base = ::Test::Ours("Agent-Feature-Solaris_11-{other}-{build}.x86_64");
     Put(base + ".vxp");
     for (int run = 0; run < 2; ++run) {
         EXPECT_THAT(Install(), ElementsAre(s_reading, "Event.SetAttributeNull(0, false)", "TimeNowMillis()",
@@ -285,7 +286,7 @@ TEST_F(Plugins, MarkerRemovesItsFilesThenItselfAndIsReportedInTheFixedOrder)
     Put("a/x.lua");
     Put("a/other.lua");
     Put("b/y.so");
-    const std::string name = std::string(s_feature) + ".vxu";
+    const std::string name = std::string(feature) + ".vxu";
     Put(name);
     const std::string path = Path(name);
     EXPECT_THAT(Uninstall(),
@@ -298,10 +299,10 @@ TEST_F(Plugins, MarkerRemovesItsFilesThenItselfAndIsReportedInTheFixedOrder)
                             "Trace(\"Appl\", \"UninstallPluginZipCB\", \"  removing: b/y.so (4 bytes)\")",
                             "Unzip.Entry(\"b/y.so\") -> false",
                             "Trace(\"Appl\", \"UninstallOldPlugins\", \"Successfully removed files for plugin '"
-                                + std::string(s_feature) + "'. Deleting '" + path + "'\")",
+                                + std::string(feature) + "'. Deleting '" + path + "'\")",
                             "Event.SetAttributeNull(3, false)", "Event.ToSeverity(5)",
                             "Event.SetAttributeNull(4, false)",
-                            Event(5105, 5, "Feature|" + std::string(s_feature) + "|" + path), s_heartbeat));
+                            Event(5105, 5, "Feature|" + std::string(feature) + "|" + path), s_heartbeat));
     EXPECT_FALSE(Has("a/x.lua"));
     EXPECT_FALSE(Has("b/y.so"));
     EXPECT_TRUE(Has("a/other.lua"));

@@ -5,6 +5,7 @@
 #include "support/agent_app.h"
 #include "support/fake_core.h"
 #include "support/fake_system.h"
+#include "support/our_version.h"
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
 
@@ -215,7 +216,7 @@ TEST_F(Run, NamesTheInterpreterAfterTheApplication)
 TEST_F(Run, RemovesPluginsBeforeItInstallsThemAndBeforeTheArchivePath)
 {
     ::Test::TempFolder folder;
-    ::Test::WriteFile(folder / "Agent-A-Any-10.0.0-1.x.vxp", "");
+    ::Test::WriteFile(folder / ::Test::Ours("Agent-A-Any-{version}-1.x.vxp"), "");
     ::Test::WriteFile(folder / "b.vxu", "");
     m_app->Dom().Set("app.path.bin", folder.Path());
     Access::InstallPlugins(App()) = true;
@@ -226,7 +227,8 @@ TEST_F(Run, RemovesPluginsBeforeItInstallsThemAndBeforeTheArchivePath)
     standardError.Text();
     EXPECT_THAT(Journal({"Unzip(", "Trace(\"Appl\", \"ExpandZippath\", \"zipFilespec", "Lua("}),
                 ElementsAre("Unzip(\"" + (folder / "b.vxu") + "\", \"" + folder.Path() + "/\")",
-                            "Unzip(\"" + (folder / "Agent-A-Any-10.0.0-1.x.vxp") + "\", \"" + folder.Path() + "/\")",
+                            "Unzip(\"" + (folder / ::Test::Ours("Agent-A-Any-{version}-1.x.vxp")) + "\", \""
+                                + folder.Path() + "/\")",
                             "Trace(\"Appl\", \"ExpandZippath\", \"zipFilespec: \")",
                             "Lua(false, \"vx_agent.lua\", true)"));
 }
@@ -234,7 +236,7 @@ TEST_F(Run, RemovesPluginsBeforeItInstallsThemAndBeforeTheArchivePath)
 TEST_F(Run, LeavesPackagesAloneWhenItIsNotAsked)
 {
     ::Test::TempFolder folder;
-    ::Test::WriteFile(folder / "Agent-A-Any-10.0.0-1.x.vxp", "");
+    ::Test::WriteFile(folder / ::Test::Ours("Agent-A-Any-{version}-1.x.vxp"), "");
     ::Test::WriteFile(folder / "b.vxu", "");
     m_app->Dom().Set("app.path.bin", folder.Path());
     EXPECT_EQ(App().OnRunScript(), 0);

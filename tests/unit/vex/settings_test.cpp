@@ -1,6 +1,7 @@
 #include "vex/apps/vex/vex.h"
 
 #include "support/launcher_test.h"
+#include "support/our_version.h"
 #include "support/process_guards.h"
 
 #include <filesystem>
@@ -89,7 +90,8 @@ TEST_F(Settings, WithoutOptionsTheDefaultsAreWrittenInTheirOrder)
     EXPECT_THAT(lines,
                 ElementsAre("Dom.SetWx(\"app.path.bin\", \"" + f + "\")",
                             "Dom.SetWx(\"app.path.lib\", \"" + f + "/lib\")",
-                            "Dom.SetWx(\"app.path.hv\", \"" + f + "\")", "Dom.Set(\"app.version\", \"10.0.0.4015\")",
+                            "Dom.SetWx(\"app.path.hv\", \"" + f + "\")",
+                            ::Test::Ours("Dom.Set(\"app.version\", \"{version}.{build}\")"),
                             "Dom.SetWx(\"app.path.exe\", \"" + f + "/vx_agent\")",
                             "Dom.SetWx(\"app.name\", \"vx_agent\")", "SecureFileOrDirectory(\"" + f + "/work\", false)",
                             "Dom.SetWx(\"app.path.work\", \"" + f + "/work\")",

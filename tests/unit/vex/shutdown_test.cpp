@@ -2,6 +2,7 @@
 #include "vex/apps/vex/vex_p.h"
 
 #include "support/launcher_test.h"
+#include "support/our_version.h"
 
 #include <stdexcept>
 
@@ -33,8 +34,8 @@ TEST_F(Shutdown, AgentSaysHowLongItRan)
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_THAT(
         lines[0],
-        testing::MatchesRegex(
-            "Log\\(Info, \"VEX 10\\.0\\.0\\.4015 exiting\\. Run time was 0d 01:02:0[3-9]\\.[0-9][0-9][0-9]\"\\)"));
+        testing::MatchesRegex(::Test::Ours(
+            "Log\\(Info, \"VEX {version}.{build} exiting\\. Run time was 0d 01:02:0[3-9]\\.[0-9][0-9][0-9]\"\\)")));
 }
 
 TEST_F(Shutdown, OtherApplicationsHaveNoExitBanner)

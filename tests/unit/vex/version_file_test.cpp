@@ -40,28 +40,28 @@ std::string Verdict(const std::string& bytes)
 
 TEST(VersionFile, HasFourNumbersBehindTheWordAndAnythingBehindThem)
 {
-    EXPECT_EQ(Verdict("version: 10.0.0-4015"), "10.0.0-4015");
-    EXPECT_EQ(Verdict("version:10.0.0-7\n"), "10.0.0-7");
-    EXPECT_EQ(Verdict("version:\t 10. 0.\t0- 1\n"), "10.0.0-1");
-    EXPECT_EQ(Verdict("version: 10.0.0-4015 release\n"), "10.0.0-4015");
-    EXPECT_EQ(Verdict("version: 10.0.0-1.2.3-4"), "10.0.0-1");
-    EXPECT_EQ(Verdict("version: +10.00.0--0005"), "10.0.0--5");
+    EXPECT_EQ(Verdict("version: 7.1.2-3006"), "7.1.2-3006");
+    EXPECT_EQ(Verdict("version:7.1.2-7\n"), "7.1.2-7");
+    EXPECT_EQ(Verdict("version:\t 7. 1.\t2- 1\n"), "7.1.2-1");
+    EXPECT_EQ(Verdict("version: 7.1.2-3006 release\n"), "7.1.2-3006");
+    EXPECT_EQ(Verdict("version: 7.1.2-1.2.3-4"), "7.1.2-1");
+    EXPECT_EQ(Verdict("version: +7.01.2--0005"), "7.1.2--5");
 }
 
 TEST(VersionFile, NumbersMayBeAnyThatAnIntHolds)
 {
     EXPECT_EQ(Verdict("version: 9.5.3-1"), "9.5.3-1");
-    EXPECT_EQ(Verdict("version: -10.0.0-1"), "-10.0.0-1");
+    EXPECT_EQ(Verdict("version: -7.1.2-1"), "-7.1.2-1");
     EXPECT_EQ(Verdict("version: 2147483647.-2147483648.0-1"), "2147483647.-2147483648.0-1");
 }
 
 TEST(VersionFile, WithoutFourNumbersIsMalformed)
 {
     for (const char* line :
-         {"version:", "version: ", "version: 10", "version: 10.0.0", "version: 10.0.0-", "version: 10.0.0.4015",
-          "version: 10.0-0-1", "version: 10 .0.0-1", "version: 10.0.0 -1", "version: 10.0.0-x", "version: x10.0.0-1",
-          "version: 10..0-1", "version: - 10.0.0-1", "version: 10,0,0-1", "version:version: 10.0.0-1",
-          "version: 0xA.0.0-1", "version: 10.0.0-+", "version: ++10.0.0-1"})
+         {"version:", "version: ", "version: 7", "version: 7.1.2", "version: 7.1.2-", "version: 7.1.2.3006",
+          "version: 7.1-2-1", "version: 7 .1.2-1", "version: 7.1.2 -1", "version: 7.1.2-x", "version: x7.1.2-1",
+          "version: 7..2-1", "version: - 7.1.2-1", "version: 7,1,2-1", "version:version: 7.1.2-1", "version: 0xA.0.0-1",
+          "version: 7.1.2-+", "version: ++7.1.2-1"})
         EXPECT_EQ(Verdict(line), "malformed") << line;
 }
 
@@ -69,34 +69,34 @@ TEST(VersionFile, NumberThatDoesNotFitAnIntIsMalformedAndNeverWrapsAround)
 {
     EXPECT_EQ(Verdict("version: 4294967306.0.0-1"), "malformed"); // 10 after wrapping at 32 bits
     EXPECT_EQ(Verdict("version: 18446744073709551626.0.0-1"), "malformed"); // and at 64
-    EXPECT_EQ(Verdict("version: 10.0.0-2147483648"), "malformed");
-    EXPECT_EQ(Verdict("version: 10.0.0--2147483649"), "malformed");
-    EXPECT_EQ(Verdict("version: 10.0.0-" + std::string(100000, '9')), "malformed");
-    EXPECT_EQ(Verdict("version: " + std::string(100000, '0') + "10.0.0-2147483647"), "10.0.0-2147483647");
+    EXPECT_EQ(Verdict("version: 7.1.2-2147483648"), "malformed");
+    EXPECT_EQ(Verdict("version: 7.1.2--2147483649"), "malformed");
+    EXPECT_EQ(Verdict("version: 7.1.2-" + std::string(100000, '9')), "malformed");
+    EXPECT_EQ(Verdict("version: " + std::string(100000, '0') + "7.1.2-2147483647"), "7.1.2-2147483647");
 }
 
 TEST(VersionFile, OnlyTheFirstVersionLineCounts)
 {
-    EXPECT_EQ(Verdict("version: 10.0.0\nversion: 10.0.0-1\n"), "malformed");
-    EXPECT_EQ(Verdict("version:\n10.0.0-1\n"), "malformed");
-    EXPECT_EQ(Verdict("version: 10.0.0-1\nversion: 9.0.0-1\n"), "10.0.0-1");
-    EXPECT_EQ(Verdict("name: net\n\nversion: 10.0.0-1\nend\n"), "10.0.0-1");
+    EXPECT_EQ(Verdict("version: 7.1.2\nversion: 7.1.2-1\n"), "malformed");
+    EXPECT_EQ(Verdict("version:\n7.1.2-1\n"), "malformed");
+    EXPECT_EQ(Verdict("version: 7.1.2-1\nversion: 9.0.0-1\n"), "7.1.2-1");
+    EXPECT_EQ(Verdict("name: net\n\nversion: 7.1.2-1\nend\n"), "7.1.2-1");
 }
 
 TEST(VersionFile, LineMustBeginWithTheWordInSmallLetters)
 {
     for (const char* bytes :
-         {"", "\n", " version: 10.0.0-4015\n", "Version: 10.0.0-4015\n", "version 10.0.0-4015\n",
-          "xversion: 10.0.0-1\n", "versio\nn: 10.0.0-1\n", "# version: 10.0.0-1\n", "10.0.0-4015\n", "version"})
+         {"", "\n", " version: 7.1.2-3006\n", "Version: 7.1.2-3006\n", "version 7.1.2-3006\n", "xversion: 7.1.2-1\n",
+          "versio\nn: 7.1.2-1\n", "# version: 7.1.2-1\n", "7.1.2-3006\n", "version"})
         EXPECT_EQ(Verdict(bytes), "no line") << bytes;
 }
 
 TEST(VersionFile, LinesEndInLineFeedsCarriageReturnsOrBoth)
 {
-    EXPECT_EQ(Verdict("a\r\nversion: 10.0.0-1\r\nb"), "10.0.0-1");
-    EXPECT_EQ(Verdict("a\rversion: 10.0.0-1\rb"), "10.0.0-1");
-    EXPECT_EQ(Verdict("a\n\rversion: 10.0.0-1"), "10.0.0-1");
-    EXPECT_EQ(Verdict("version: 10.0.0\r-1"), "malformed");
+    EXPECT_EQ(Verdict("a\r\nversion: 7.1.2-1\r\nb"), "7.1.2-1");
+    EXPECT_EQ(Verdict("a\rversion: 7.1.2-1\rb"), "7.1.2-1");
+    EXPECT_EQ(Verdict("a\n\rversion: 7.1.2-1"), "7.1.2-1");
+    EXPECT_EQ(Verdict("version: 7.1.2\r-1"), "malformed");
 }
 
 std::string Widen(const std::string& text, unsigned width, bool bigEndian)
@@ -112,19 +112,19 @@ std::string Widen(const std::string& text, unsigned width, bool bigEndian)
 
 TEST(VersionFile, EncodingIsKnownByItsMark)
 {
-    const std::string text = "# x\r\nversion: 10.0.0-1\n";
-    EXPECT_EQ(Verdict("\xEF\xBB\xBFversion: 10.0.0-1"), "10.0.0-1");
-    EXPECT_EQ(Verdict("\xFF\xFE" + Widen(text, 2, false)), "10.0.0-1");
-    EXPECT_EQ(Verdict("\xFE\xFF" + Widen(text, 2, true)), "10.0.0-1");
-    EXPECT_EQ(Verdict(std::string("\xFF\xFE\0\0", 4) + Widen(text, 4, false)), "10.0.0-1");
-    EXPECT_EQ(Verdict(std::string("\0\0\xFE\xFF", 4) + Widen(text, 4, true)), "10.0.0-1");
+    const std::string text = "# x\r\nversion: 7.1.2-1\n";
+    EXPECT_EQ(Verdict("\xEF\xBB\xBFversion: 7.1.2-1"), "7.1.2-1");
+    EXPECT_EQ(Verdict("\xFF\xFE" + Widen(text, 2, false)), "7.1.2-1");
+    EXPECT_EQ(Verdict("\xFE\xFF" + Widen(text, 2, true)), "7.1.2-1");
+    EXPECT_EQ(Verdict(std::string("\xFF\xFE\0\0", 4) + Widen(text, 4, false)), "7.1.2-1");
+    EXPECT_EQ(Verdict(std::string("\0\0\xFE\xFF", 4) + Widen(text, 4, true)), "7.1.2-1");
     EXPECT_EQ(Verdict("\xFF\xFE" + Widen("version: 10.0.1-1", 2, false)), "10.0.1-1");
     // Cut in the middle of a character.
-    EXPECT_EQ(Verdict("\xFF\xFE" + Widen("version: 10.0.0-1", 2, false) + "2"), "10.0.0-1");
+    EXPECT_EQ(Verdict("\xFF\xFE" + Widen("version: 7.1.2-1", 2, false) + "2"), "7.1.2-1");
     // Without a mark it is not ASCII.
-    EXPECT_EQ(Verdict(Widen("version: 10.0.0-1", 2, false)), "no line");
+    EXPECT_EQ(Verdict(Widen("version: 7.1.2-1", 2, false)), "no line");
     // A character whose low byte looks like ours.
-    EXPECT_EQ(Verdict("\xFF\xFE" + Widen("versio", 2, false) + "n\1" + Widen(": 10.0.0-1", 2, false)), "no line");
+    EXPECT_EQ(Verdict("\xFF\xFE" + Widen("versio", 2, false) + "n\1" + Widen(": 7.1.2-1", 2, false)), "no line");
     for (const char* marks : {"\xFF", "\xFE", "\xEF\xBB", "\xFF\xFE", "\xEF\xBB\xBF"})
         EXPECT_EQ(Verdict(marks), "no line");
 }
@@ -132,16 +132,16 @@ TEST(VersionFile, EncodingIsKnownByItsMark)
 TEST(VersionFile, BytesThatAreNoTextDoNotMatter)
 {
     EXPECT_EQ(Verdict(std::string(1000, '\0')), "no line");
-    EXPECT_EQ(Verdict(std::string(1000, '\0') + "\nversion: 10.0.0-1"), "10.0.0-1");
-    EXPECT_EQ(Verdict("\xC3\x28\x80\xFF\nversion: 10.0.0-1\xFF"), "10.0.0-1");
-    EXPECT_EQ(Verdict(std::string("version: 10.0.0-1\0", 18)), "10.0.0-1");
-    EXPECT_EQ(Verdict(std::string("version:\0 10.0.0-1", 18)), "malformed");
+    EXPECT_EQ(Verdict(std::string(1000, '\0') + "\nversion: 7.1.2-1"), "7.1.2-1");
+    EXPECT_EQ(Verdict("\xC3\x28\x80\xFF\nversion: 7.1.2-1\xFF"), "7.1.2-1");
+    EXPECT_EQ(Verdict(std::string("version: 7.1.2-1\0", 17)), "7.1.2-1");
+    EXPECT_EQ(Verdict(std::string("version:\0 7.1.2-1", 17)), "malformed");
 }
 
 TEST(VersionFile, LineAcrossABlockIsRead)
 {
     for (std::size_t pad = (64 << 10) - 20; pad < (64 << 10) + 4; ++pad)
-        ASSERT_EQ(Verdict(std::string(pad, 'x') + "\nversion: 10.0.0-1\n"), "10.0.0-1") << pad;
+        ASSERT_EQ(Verdict(std::string(pad, 'x') + "\nversion: 7.1.2-1\n"), "7.1.2-1") << pad;
     EXPECT_EQ(Verdict(std::string(64 << 10, 'x')), "no line");
 }
 
@@ -151,20 +151,20 @@ TEST(VersionFile, AHundredMegabytesAreReadWithoutBeingHeld)
     const std::string file = folder / "x.version";
     WriteFile(file, "x");
     std::filesystem::resize_file(file, 100u << 20);
-    std::ofstream(file, std::ios::app) << "\nversion: 10.0.0-1\n";
+    std::ofstream(file, std::ios::app) << "\nversion: 7.1.2-1\n";
     wxFFileInputStream stream(wxString::FromUTF8(file), "rb");
-    EXPECT_EQ(Verdict(stream), "10.0.0-1");
+    EXPECT_EQ(Verdict(stream), "7.1.2-1");
 }
 
 TEST(VersionFile, WhatLiesBehindTheAnswerOrTheLimitIsNotRead)
 {
     const TempFolder folder;
     const std::string file = folder / "x.version";
-    for (const char* line : {"version: 10.0.0-1\n", "x\n"}) {
+    for (const char* line : {"version: 7.1.2-1\n", "x\n"}) {
         WriteFile(file, line);
         std::filesystem::resize_file(file, std::uintmax_t(1) << 40);
         wxFFileInputStream stream(wxString::FromUTF8(file), "rb");
-        EXPECT_EQ(Verdict(stream), line[0] == 'v' ? "10.0.0-1" : "no line");
+        EXPECT_EQ(Verdict(stream), line[0] == 'v' ? "7.1.2-1" : "no line");
     }
 }
 

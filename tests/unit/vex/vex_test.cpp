@@ -4,6 +4,7 @@
 #include "vex/core/log.h"
 
 #include "support/launcher_test.h"
+#include "support/our_version.h"
 #include "support/process_guards.h"
 
 #include <algorithm>
@@ -183,7 +184,7 @@ TEST_P(InstallationPaths, FollowFromWhereTheExecutableIs)
     EXPECT_THAT(first, ElementsAre("Dom.SetWx(\"app.path.bin\", \"" + std::string(GetParam().bin) + "\")",
                                    "Dom.SetWx(\"app.path.lib\", \"" + std::string(GetParam().lib) + "\")",
                                    "Dom.SetWx(\"app.path.hv\", \"" + std::string(GetParam().vendor) + "\")",
-                                   "Dom.Set(\"app.version\", \"10.0.0.4015\")",
+                                   ::Test::Ours("Dom.Set(\"app.version\", \"{version}.{build}\")"),
                                    "Dom.SetWx(\"app.path.exe\", \"" + app.Dom().Get("app.path.exe") + "\")"));
 }
 
@@ -269,7 +270,7 @@ TEST_F(Start, CrashHandlerComesAfterTheOptionsAndBeforeTheBanner)
     EXPECT_THAT(last, ElementsAre("InitializeSQLite(dom)", "Dom.GetPluginWorkdirWx(\"diag\")",
                                   "Dom.Get(\"app.fulldump\", flag)",
                                   "InitCrashHandler(\"/fake/plugins/diag/vx_agent.mdmp\", \"vx_agent\", false)",
-                                  "Log(Info, \"VEX 10.0.0.4015 starting.\")"));
+                                  ::Test::Ours("Log(Info, \"VEX {version}.{build} starting.\")")));
 }
 
 TEST_F(Start, CrashDumpIsNamedAfterTheApplicationAndFullOnRequest)
@@ -312,9 +313,9 @@ TEST_P(EarlyStop, BeforeSettingsCrashHandlerAndBanner)
     EXPECT_FALSE(started.Init());
     EXPECT_NE(standardError.Text().find("Usage:"), std::string::npos);
     EXPECT_THAT(FakeCore::Journal({"InitCrashHandler", "InitializeSQLite", "Dom.SetWx(\"app.name\""}), IsEmpty());
-    EXPECT_EQ(FakeCore::Count("Log(Info, \"VEX 10.0.0.4015 starting.\")"), 0u);
+    EXPECT_EQ(FakeCore::Count(::Test::Ours("Log(Info, \"VEX {version}.{build} starting.\")")), 0u);
     // Paths and version were written all the same.
-    EXPECT_EQ(started.app.Dom().Get("app.version"), "10.0.0.4015");
+    EXPECT_EQ(started.app.Dom().Get("app.version"), ::Test::Ours("{version}.{build}"));
 }
 
 INSTANTIATE_TEST_SUITE_P(CommandLines, EarlyStop, testing::Values("--help", "-h", "--nonsense", "-x", "--appname"));

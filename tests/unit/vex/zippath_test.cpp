@@ -2,6 +2,7 @@
 #include "vex/apps/vex/vex_p.h"
 
 #include "support/launcher_test.h"
+#include "support/our_version.h"
 #include "support/process_guards.h"
 
 #include <filesystem>
@@ -62,16 +63,16 @@ protected:
 TEST_F(ExtensionVersion, IsComparedWithOursWithoutTheBuild)
 {
     using testing::Pair;
-    EXPECT_THAT(Check("version: 10.0.0-4015"), Pair(true, IsEmpty()));
-    EXPECT_THAT(Check("version: 10.0.0-7\n"), Pair(true, IsEmpty()));
+    EXPECT_THAT(Check(::Test::Ours("version: {version}-{build}")), Pair(true, IsEmpty()));
+    EXPECT_THAT(Check(::Test::Ours("version: {version}-7\n")), Pair(true, IsEmpty()));
     const auto refused = [this](const std::string& version) {
         return Pair(false, ElementsAre("Log(Warning, \"Ignoring extension '" + m_archive + "' since its version ("
-                                       + version + ") doesn't match ours (10.0.0)\")"));
+                                       + version + ::Test::Ours(") doesn't match ours ({version})\")")));
     };
-    EXPECT_THAT(Check("version: 10.0.1-4015"), refused("10.0.1"));
-    EXPECT_THAT(Check("version: 10.1.0-4015"), refused("10.1.0"));
+    EXPECT_THAT(Check(::Test::Ours("version: {other}-{build}")), refused(::Test::Ours("{other}")));
+    EXPECT_THAT(Check(::Test::Ours("version: 9.1.0-{build}")), refused("9.1.0"));
     EXPECT_THAT(Check("version: 9.0.0-1"), refused("9.0.0"));
-    EXPECT_THAT(Check("version: -10.0.0-1"), refused("-10.0.0"));
+    EXPECT_THAT(Check(::Test::Ours("version: -{version}-1")), refused(::Test::Ours("-{version}")));
 }
 
 TEST_F(ExtensionVersion, FileWithoutAUsableLineIsOneWarningWhoseWordingTellsWhy)
@@ -81,7 +82,7 @@ TEST_F(ExtensionVersion, FileWithoutAUsableLineIsOneWarningWhoseWordingTellsWhy)
     EXPECT_THAT(Check("name: net\n"), Pair(false, ElementsAre("Log(Warning, \"File '" + file
                                                               + "' does not contain a 'version:' line. Extension '"
                                                               + m_archive + "' will not be enabled.\")")));
-    EXPECT_THAT(Check("version: 10.0.0\n"),
+    EXPECT_THAT(Check(::Test::Ours("version: {version}\n")),
                 Pair(false, ElementsAre("Log(Warning, \"File '" + file
                                         + "' did not contain a properly formatted 'version:' line. Extension '"
                                         + m_archive + "' will not be enabled.\")")));
@@ -94,7 +95,7 @@ TEST_F(ExtensionVersion, MissingOrNoRegularFileIsNotOpened)
     EXPECT_FALSE(CAgentApp::ExtensionVersionIsOK(m_archive));
     EXPECT_EQ(FakeCore::Journal({"Log("}), expected);
     // Named without the archive's own extension.
-    WriteFile(m_folder / "net.version", "version: 10.0.0-1");
+    WriteFile(m_folder / "net.version", ::Test::Ours("version: {version}-1"));
     FakeCore::ClearJournal();
     EXPECT_FALSE(CAgentApp::ExtensionVersionIsOK(m_archive));
     EXPECT_EQ(FakeCore::Journal({"Log("}), expected);
@@ -118,7 +119,7 @@ TEST_F(ExtensionVersion, UnreadableFileHasNoVersionLine)
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to become another user";
     ASSERT_EQ(chmod(m_folder.Path().c_str(), 0755), 0);
-    WriteFile(m_archive + ".version", "version: 10.0.0-1");
+    WriteFile(m_archive + ".version", ::Test::Ours("version: {version}-1"));
     ASSERT_EQ(chmod((m_archive + ".version").c_str(), 0600), 0);
     {
         const ::Test::OtherUser user(::Test::OtherUser::EIds::Effective);
@@ -136,7 +137,7 @@ TEST_F(ExtensionVersion, NameWithPercentSignsIsShownAsItIs)
     m_archive = m_folder / "100%s%n.vxe";
     EXPECT_THAT(Check("version: 1.2.3-4").second,
                 ElementsAre("Log(Warning, \"Ignoring extension '" + m_archive
-                            + "' since its version (1.2.3) doesn't match ours (10.0.0)\")"));
+                            + ::Test::Ours("' since its version (1.2.3) doesn't match ours ({version})\")")));
 }
 
 // --- the archive path
@@ -178,7 +179,7 @@ protected:
     static std::string Trace(const std::string& text) { return "Trace(\"Appl\", \"ExpandZippath\", \"" + text + "\")"; }
     static Lines Log() { return FakeCore::Journal({"Log("}); }
 
-    static constexpr const char* s_good = "version: 10.0.0-1\n";
+    const std::string m_good = ::Test::Ours("version: {version}-1\n");
     TempFolder m_folder;
     AgentApp m_app;
 };
@@ -198,9 +199,9 @@ TEST_F(ArchivePath, EverythingTogetherComesInTheFixedOrder)
     const std::string own = Put("vex_core/vx_agent.vxe");
     const std::string common = Put("vex_core/vex.vxe");
     const std::string named = Put("lib/n.zip");
-    const std::string second = Put("more/b.zip", s_good);
-    const std::string first = Put("more/a.zip", s_good);
-    const std::string extension = Put("ext/e.vxe", s_good);
+    const std::string second = Put("more/b.zip", m_good);
+    const std::string first = Put("more/a.zip", m_good);
+    const std::string extension = Put("ext/e.vxe", m_good);
     const std::string all = own + ";" + common + ";" + named + ";" + first + ";" + second + ";" + extension;
     EXPECT_EQ(Expand("lib/n.zip;more/*.zip", "ext"), all);
     EXPECT_THAT(FakeCore::Journal({"Dom.GetWxString", "Dom.Set", "Trace(", "Log("}),
@@ -281,14 +282,14 @@ TEST_F(ArchivePath, RelativeEntriesStartAtTheExecutablesFolder)
 
 TEST_F(ArchivePath, AbsoluteEntriesAreListedWithoutDots)
 {
-    const std::string x = Put("lib/x.zip", s_good);
+    const std::string x = Put("lib/x.zip", m_good);
     EXPECT_EQ(Expand(Bin() + "/lib/../lib/./x.zip"), x);
     EXPECT_EQ(Expand(Bin() + "/lib/../lib/*.zip"), x);
 }
 
 TEST_F(ArchivePath, SameFileMayAppearTwice)
 {
-    const std::string x = Put("x.zip", s_good);
+    const std::string x = Put("x.zip", m_good);
     EXPECT_EQ(Expand("x.zip;*.zip;x.zip"), x + ";" + x + ";" + x);
 }
 
@@ -313,16 +314,16 @@ TEST_F(ArchivePath, MissingNamedArchiveIsAWarningAndAnEmptyPatternIsNot)
 
 TEST_F(ArchivePath, MatchesOfAPatternAreSortedByName)
 {
-    const std::string b = Put("b.zip", s_good);
-    const std::string a = Put("a.zip", s_good);
-    const std::string B = Put("B.zip", s_good);
+    const std::string b = Put("b.zip", m_good);
+    const std::string a = Put("a.zip", m_good);
+    const std::string B = Put("B.zip", m_good);
     EXPECT_EQ(Expand("*.zip"), B + ";" + a + ";" + b);
     EXPECT_EQ(Expand("?.zip"), B + ";" + a + ";" + b);
 }
 
 TEST_F(ArchivePath, PatternTakesOnlyArchivesWhoseVersionFits)
 {
-    const std::string good = Put("good.zip", s_good);
+    const std::string good = Put("good.zip", m_good);
     Put("old.zip", "version: 9.0.0-1\n");
     Put("bare.zip");
     EXPECT_EQ(Expand("*.zip"), good);
@@ -350,7 +351,7 @@ TEST_F(ArchivePath, WildcardOutOfAVariableFindsArchivesThatNeedNoVersionFile)
 
 TEST_F(ArchivePath, WildcardInTheFolderIsTakenLiterally)
 {
-    Put("x/a.zip", s_good);
+    Put("x/a.zip", m_good);
     const std::string entry = Bin() + "/*/a.zip";
     EXPECT_EQ(Expand(entry), "(not written)");
     EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"" + entry + ": no matches\")"));
@@ -363,7 +364,7 @@ TEST_F(ArchivePath, WildcardInTheFolderIsTakenLiterally)
 TEST_F(ArchivePath, UnreadableArchiveIsSkippedWithAWarning)
 {
     fs::create_symlink("nowhere", m_folder / "a.zip");
-    const std::string b = Put("b.zip", s_good);
+    const std::string b = Put("b.zip", m_good);
     EXPECT_EQ(Expand("*.zip"), b);
     EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"Extension file '" + Bin() + "/a.zip' isn't readable\")"));
 }
@@ -383,8 +384,8 @@ TEST_F(ArchivePath, FolderThatCannotBeReadHasNoMatchesEvenWhereItsFilesCould)
 
 TEST_F(ArchivePath, HiddenFilesAndSubfoldersAreNotListed)
 {
-    Put(".hidden.zip", s_good);
-    Put("sub/inner.zip", s_good);
+    Put(".hidden.zip", m_good);
+    Put("sub/inner.zip", m_good);
     fs::create_directory(m_folder / "folder.zip");
     EXPECT_EQ(Expand("*.zip"), "(not written)");
     EXPECT_THAT(Log(), IsEmpty());
@@ -424,7 +425,7 @@ TEST_F(ArchivePath, NamedEntryIsFoundExactlyWhenAListingWouldShowIt)
                             "Log(Warning, \"tofolder.zip: no matches\")"));
     // The same by a pattern, which lists: what it shows is what is found by name.
     for (const char* name : {"file.zip", "link.zip"})
-        WriteFile(m_folder / name + ".version", s_good);
+        WriteFile(m_folder / name + ".version", m_good);
     EXPECT_EQ(Expand("*.zip"), file + ";" + m_folder / "link.zip");
     EXPECT_THAT(Log(), ElementsAre(HasSubstr("dangling.zip' isn't readable")));
 }
@@ -465,8 +466,8 @@ TEST_F(ArchivePath, TenThousandEntriesAreTakenInOrder)
 TEST_F(ArchivePath, ExtensionFolderIsTheLastEntry)
 {
     const std::string x = Put("x.zip");
-    const std::string e = Put("ext/e.vxe", s_good);
-    Put("ext/e.zip", s_good);
+    const std::string e = Put("ext/e.vxe", m_good);
+    Put("ext/e.zip", m_good);
     EXPECT_EQ(Expand("x.zip", "ext"), x + ";" + e);
     EXPECT_EQ(FakeCore::Count(Trace("zipFilespec: x.zip;" + Bin() + "/ext/*.vxe")), 1u);
     EXPECT_EQ(Expand("", "ext"), e);
@@ -489,7 +490,7 @@ TEST_F(ArchivePath, ExtensionFolderThatIsMissingOrAFileAddsNothing)
 
 TEST_F(ArchivePath, NamesWithBlanksPercentSignsAndAccentsWork)
 {
-    const std::string path = Put("my \xC3\xA9 100%s/x y.vxe", s_good);
+    const std::string path = Put("my \xC3\xA9 100%s/x y.vxe", m_good);
     EXPECT_EQ(Expand("", "my \xC3\xA9 100%s"), path);
     EXPECT_EQ(Expand("%s%n.zip"), "(not written)");
     EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"%s%n.zip: no matches\")"));

@@ -1,6 +1,7 @@
 #pragma once
-// For the files of the launcher only: its version, its trace macro, and the values that signal handlers read.
+// For the files of the launcher only: its trace macro, and the values that signal handlers read.
 
+#include "vex/apps/vex/version.h"
 #include "vex/apps/vex/vex.h"
 #include "vex/core/log.h"
 
@@ -9,13 +10,6 @@
 
 #include <wx/filename.h>
 #include <wx/string.h>
-
-// The one definition of the version; banners, packages and extensions are compared with it.
-constexpr int VEX_VERSION_MAJOR = 10;
-constexpr int VEX_VERSION_MINOR = 0;
-constexpr int VEX_VERSION_PATCH = 0;
-constexpr int VEX_VERSION_BUILD = 4015;
-#define VEX_VERSION_TEXT "10.0.0.4015"
 
 // The time at the head of a log line.
 constexpr char LogTimestamp[] = "%Y-%m-%d %H:%M:%S";
