@@ -48,7 +48,7 @@ public:
     void Set(const std::string& name, const char* value) { m_values[*m_names.insert(m_names.end(), name)] = value; }
     std::string Get(std::string_view name) const
     {
-        const std::shared_lock<std::shared_mutex> lock(m_lock);
+        const std::shared_lock lock(m_lock);
         const auto found = m_values.find(name);
         return found == m_values.end() ? std::string() : found->second;
     }

@@ -32,16 +32,16 @@ namespace {
 constexpr int moduleCount = 2000;
 constexpr int archiveCount = 500;
 
-/// Processor seconds of this process, the system's work for it included. All files are in the page cache, so nothing else is
-/// waited for, and a busy machine does not blur the ratio.
+// Processor seconds of this process, the system's work for it included. All files are in the page cache, so nothing else is
+// waited for, and a busy machine does not blur the ratio.
 double Now()
 {
     struct timespec time;
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return double(time.tv_sec) + double(time.tv_nsec) * 1e-9;
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
-/// Code as people write it: a table of small functions with comments, to 2 KiB.
+// Code as people write it: a table of small functions with comments, to 2 KiB.
 std::string ModuleSource(int number)
 {
     const std::string n = std::to_string(number);
@@ -93,7 +93,7 @@ lua_State* NewState(const std::string& path, CDom* dom)
     return state;
 }
 
-/// Seconds to require all modules in a state of its own. `dom` null: stock Lua.
+// Seconds to require all modules in a state of its own. `dom` null: stock Lua.
 double RequireAll(const std::string& path, CDom* dom)
 {
     const double begin = Now();
@@ -111,7 +111,7 @@ double RequireAll(const std::string& path, CDom* dom)
     return spent;
 }
 
-/// Seconds of one lookup of a module that lies last.
+// Seconds of one lookup of a module that lies last.
 double LastOfMany(const std::string& path, CDom* dom)
 {
     constexpr int lookups = 200;

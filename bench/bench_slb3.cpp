@@ -15,7 +15,7 @@ struct Counter
 
 // --- by hand
 
-/// The fastest check there is: the metatable is upvalue 1 of each function.
+// The fastest check there is: the metatable is upvalue 1 of each function.
 Counter& CheckCounter(lua_State* L)
 {
     void* const block = lua_touserdata(L, 1);

@@ -27,7 +27,7 @@ bool Yes(void*, const wxZipEntry*, const wxString*)
     return true;
 }
 
-/// The measured half: this program, started again.
+// The measured half: this program, started again.
 int UnzipOnce(const char* archive, const char* folder)
 {
     const wxInitializer framework;
@@ -40,7 +40,7 @@ double Median(std::vector<double> values)
     return values[values.size() / 2];
 }
 
-/// Text that packs to about half, like code.
+// Text that packs to about half, like code.
 void WriteHalfPackable(const fs::path& file, std::size_t size, std::uint64_t seed)
 {
     std::ofstream stream(file, std::ios::binary);
@@ -48,9 +48,9 @@ void WriteHalfPackable(const fs::path& file, std::size_t size, std::uint64_t see
     for (std::size_t written = 0; written < size; written += block.size()) {
         for (char& c : block) {
             seed = seed * 6364136223846793005u + 1442695040888963407u;
-            c = char('a' + (seed >> 60));
+            c = static_cast<char>('a' + (seed >> 60));
         }
-        stream.write(block.data(), std::streamsize(std::min(block.size(), size - written)));
+        stream.write(block.data(), static_cast<std::streamsize>(std::min(block.size(), size - written)));
     }
 }
 
@@ -97,12 +97,12 @@ private:
     fs::path m_folder;
 };
 
-/// Of all children so far, so the one that is measured must be the largest.
+// Of all children so far, so the one that is measured must be the largest.
 double PeakMiB()
 {
     struct rusage usage = {};
     ::getrusage(RUSAGE_CHILDREN, &usage);
-    return double(usage.ru_maxrss) / 1024;
+    return static_cast<double>(usage.ru_maxrss) / 1024;
 }
 
 } // namespace
@@ -135,11 +135,12 @@ int main(int argc, char** argv)
         PeakMiB(), before);
 
     for (int i = 0; i < 1000; ++i)
-        WriteHalfPackable(folder / "many" / ("module" + std::to_string(i) + ".lua"), 4096, std::uint64_t(i));
+        WriteHalfPackable(folder / "many" / ("module" + std::to_string(i) + ".lua"), 4096,
+                          static_cast<std::uint64_t>(i));
     Shell(in + "zip -qr1 many.zip many");
     unpackers.Compare("1,000 files of 4 KiB", (folder / "many.zip").string(), rounds);
 
-    WriteHalfPackable(folder / "big", std::size_t(512) << 20, 1);
+    WriteHalfPackable(folder / "big", static_cast<std::size_t>(512) << 20, 1);
     Shell(in + "zip -q1 big.zip big && rm big");
     unpackers.Compare("one file of 512 MiB", (folder / "big.zip").string(), std::max(1, rounds / 2));
     fs::remove_all(folder);

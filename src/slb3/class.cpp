@@ -13,7 +13,7 @@ struct ClassEntry
     bool isDefined;
 };
 
-/// The entry of the metatable at `index`, null when it has none. The entry is kept alive by the registry.
+// The entry of the metatable at `index`, null when it has none. The entry is kept alive by the registry.
 ClassEntry* FindEntry(lua_State* L, int index)
 {
     index = lua_absindex(L, index);

@@ -9,7 +9,7 @@
 namespace SLB3::internal {
 
 namespace {
-/// "Class:Method" of the running closure, on the stack.
+// "Class:Method" of the running closure, on the stack.
 const char* PushMethodName(lua_State* L)
 {
     lua_getfield(L, lua_upvalueindex(UpvalueMetatable), "__class");
@@ -18,7 +18,7 @@ const char* PushMethodName(lua_State* L)
                            lua_tostring(L, lua_upvalueindex(UpvalueMethodName)));
 }
 
-/// The type of a value; for objects the name of their class. May push.
+// The type of a value; for objects the name of their class. May push.
 const char* TypeGot(lua_State* L, int index)
 {
     if (lua_type(L, index) == LUA_TUSERDATA && luaL_getmetafield(L, index, "__class")) {

@@ -13,10 +13,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < headerBytes || !ParseHeader(file.substr(0, headerBytes), std::string(64, 'a'), size, header))
         return 0;
     std::vector<ChunkRecord> records;
-    if (!ParseIndex(file.substr(headerBytes, std::size_t(header.count) * recordBytes), header, records))
+    if (!ParseIndex(file.substr(headerBytes, static_cast<std::size_t>(header.count) * recordBytes), header, records))
         return 0;
     for (const ChunkRecord& record : records) {
-        const std::uint64_t length = std::uint64_t(record.nameLength) + record.chunkLength;
+        const std::uint64_t length = static_cast<std::uint64_t>(record.nameLength) + record.chunkLength;
         if (record.offset > size || length > size - record.offset || record.archiveLength > record.nameLength)
             std::abort();
         const std::string_view bytes = file.substr(record.offset, length);

@@ -33,7 +33,7 @@ struct World
 bool Answer(void* context, const wxZipEntry* entry, const wxString* destination)
 {
     const std::string& root = *static_cast<const std::string*>(context);
-    Require(entry != nullptr && std::string(destination->utf8_str()).rfind(root + "/", 0) == 0);
+    Require(entry && std::string(destination->utf8_str()).rfind(root + "/", 0) == 0);
     return entry->GetSize() % 7 != 6;
 }
 

@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     limits.maxEntries = 1000;
     std::string error;
     const auto archive = VexCore::ZipArchive::Open(FileWith(bytes), limits, error);
-    Require(bool(archive) == error.empty());
+    Require(static_cast<bool>(archive) == error.empty());
     if (!archive)
         return 0;
     std::uint64_t total = 0;

@@ -27,7 +27,7 @@ public:
     {
         std::string text;
         while (text.size() < size && m_size != 0)
-            text += char(Byte());
+            text += static_cast<char>(Byte());
         return text;
     }
 
@@ -40,10 +40,10 @@ inline void Bend(ZipRecord& record, unsigned field, unsigned value)
 {
     switch (field % 12) {
     case 0:
-        record.flags ^= std::uint16_t(value);
+        record.flags ^= static_cast<std::uint16_t>(value);
         break;
     case 1:
-        record.method ^= std::uint16_t(value);
+        record.method ^= static_cast<std::uint16_t>(value);
         break;
     case 2:
         record.crc32 ^= value;
@@ -55,13 +55,13 @@ inline void Bend(ZipRecord& record, unsigned field, unsigned value)
         record.size += value;
         break;
     case 5:
-        record.name += char(value);
+        record.name += static_cast<char>(value);
         break;
     case 6:
-        record.extra += ExtraField(value & 1 ? 1 : 0x5455, std::string(value % 29, char(value)));
+        record.extra += ExtraField(value & 1 ? 1 : 0x5455, std::string(value % 29, static_cast<char>(value)));
         break;
     case 7:
-        record.disk = std::uint16_t(value);
+        record.disk = static_cast<std::uint16_t>(value);
         break;
     case 8:
         record.attributes ^= value << 16;
@@ -73,7 +73,7 @@ inline void Bend(ZipRecord& record, unsigned field, unsigned value)
         record.offset = value;
         break;
     default:
-        record.extra += char(value);
+        record.extra += static_cast<char>(value);
         break;
     }
 }
@@ -85,7 +85,8 @@ inline void AddItem(ZipBuilder& builder, RecipeBytes& bytes)
     std::string name = shape & 1 ? bytes.Text(shape >> 5) : std::string();
     for (unsigned i = 0, choice = bytes.Byte(); i < 3; ++i, choice >>= 3)
         name += parts[choice & 7];
-    const std::string data = shape & 2 ? bytes.Text(bytes.Byte()) : std::string(bytes.Word(), char(bytes.Byte()));
+    const std::string data =
+        shape & 2 ? bytes.Text(bytes.Byte()) : std::string(bytes.Word(), static_cast<char>(bytes.Byte()));
     const bool folder = !name.empty() && name.back() == '/';
     ZipItem& item = folder ? builder.AddFolder(name) : builder.Add(name, data, shape & 4 ? 8 : 0, 0100755);
     if (shape & 8)
@@ -100,7 +101,7 @@ inline void AddItem(ZipBuilder& builder, RecipeBytes& bytes)
         if (!(field & 0x80))
             Bend(item.central, field, value);
         if (field == 0xff && !item.packed.empty())
-            item.packed[value % item.packed.size()] ^= char(value >> 8 | 1);
+            item.packed[value % item.packed.size()] ^= static_cast<char>(value >> 8 | 1);
     }
 }
 
@@ -117,7 +118,7 @@ inline std::string ArchiveFromRecipe(const std::uint8_t* data, std::size_t size)
     if (shape & 4)
         builder.after.assign(bytes.Byte(), '\0');
     if (shape & 8)
-        builder.endCount = std::uint16_t(bytes.Byte());
+        builder.endCount = static_cast<std::uint16_t>(bytes.Byte());
     if (shape & 16)
         builder.before = bytes.Text(1);
     for (int i = 0; i < 24 && !bytes.AtEnd(); ++i)

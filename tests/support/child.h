@@ -62,7 +62,7 @@ inline ChildResult RunChild(const std::function<int()>& body, bool atOnce = fals
     ChildResult result;
     char buffer[4096];
     for (ssize_t count; (count = ::read(ends[0], buffer, sizeof buffer)) > 0;)
-        result.standardError.append(buffer, std::size_t(count));
+        result.standardError.append(buffer, static_cast<std::size_t>(count));
     ::close(ends[0]);
     result.status = WaitFor(child);
     return result;

@@ -292,13 +292,13 @@ void XMLObject::SetAttributeNull(int field, bool isNull)
     Record("Event.SetAttributeNull(" + std::to_string(field) + ", " + Word(isNull) + ")");
     if (field < 0 || field > 31)
         return;
-    const std::uint32_t bit = std::uint32_t(1) << field;
+    const std::uint32_t bit = static_cast<std::uint32_t>(1) << field;
     m_present = isNull ? m_present & ~bit : m_present | bit;
 }
 
 bool XMLObject::IsAttributeNull(int field) const
 {
-    return field < 0 || field > 31 || (m_present & (std::uint32_t(1) << field)) == 0;
+    return field < 0 || field > 31 || (m_present & (static_cast<std::uint32_t>(1) << field)) == 0;
 }
 
 CAgentEvent::CAgentEvent() = default;

@@ -204,7 +204,7 @@ std::string About(pid_t thread, EKind kind, const std::uint64_t (&arguments)[6])
     return path[0] == '/' ? path : PathOf(thread, arguments[0]) + "/./" + path;
 }
 
-// ---
+// --- the tracer
 
 class Tracer
 {

@@ -17,7 +17,7 @@ extern "C" __attribute__((visibility("default"))) pid_t fork()
     static const Fork next = reinterpret_cast<Fork>(dlsym(RTLD_NEXT, "fork"));
     const char* which = std::getenv("VEX_FAIL_FORK");
     ++g_forks;
-    if (which != nullptr && std::atoi(which) == g_forks) {
+    if (which && std::atoi(which) == g_forks) {
         errno = EAGAIN;
         return -1;
     }

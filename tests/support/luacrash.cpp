@@ -27,7 +27,7 @@ volatile int sink = 0;
     return room[0];
 }
 
-/// Returns to Lua with a table whose inside is rubbish: what crashes is the interpreter, when it next looks into it.
+// Returns to Lua with a table whose inside is rubbish: what crashes is the interpreter, when it next looks into it.
 [[gnu::noinline]] int DamageTable(lua_State* L)
 {
     lua_createtable(L, 0, 4);
@@ -38,7 +38,7 @@ volatile int sink = 0;
     return 1;
 }
 
-/// Dies of SIGTERM, as a process does that has no handler for it.
+// Dies of SIGTERM, as a process does that has no handler for it.
 [[noreturn]] void EndByTerm()
 {
     std::signal(SIGTERM, SIG_DFL);

@@ -17,7 +17,7 @@ public:
         breakIt(builder);
         list.push_back({story, builder.Build(), reason});
     }
-    /// A fault of the second entry, "lib/a.lua".
+    // A fault of the second entry, "lib/a.lua".
     void AddItem(const std::string& story, const std::string& reason, const std::function<void(ZipItem&)>& breakIt)
     {
         Add(story, reason, [&](ZipBuilder& builder) { breakIt(builder.items[1]); });
@@ -108,11 +108,11 @@ void AddEndFaults(Broken& broken)
     });
     broken.Add("Zip64CountHuge", "entries", [](ZipBuilder& b) {
         b.zip64End = true;
-        b.end64Count = std::uint64_t(1) << 60;
+        b.end64Count = static_cast<std::uint64_t>(1) << 60;
     });
     broken.Add("Zip64DirectoryPlaceOverflows", "directory is wrong", [](ZipBuilder& b) {
         b.zip64End = true;
-        b.end64Offset = ~std::uint64_t(0) - 10;
+        b.end64Offset = ~static_cast<std::uint64_t>(0) - 10;
     });
     broken.Add("EndRecordsDifferInTheirCounts", "two end records differ", [](ZipBuilder& b) {
         b.zip64End = true;
@@ -337,11 +337,12 @@ void AddKindFaults(Broken& broken)
     // 5 is patched data, 6 strong encryption, 13 a hidden directory; the others have no meaning that we know.
     for (const unsigned bit : {4u, 5u, 6u, 7u, 8u, 9u, 10u, 12u, 13u, 14u, 15u})
         broken.Add("FlagBit" + std::to_string(bit), "unknown flags", [&](ZipBuilder& b) {
-            b.items[1].local.flags = b.items[1].central.flags = std::uint16_t(1u << bit);
+            b.items[1].local.flags = b.items[1].central.flags = static_cast<std::uint16_t>(1u << bit);
         });
     for (const unsigned method : {1u, 6u, 9u, 12u, 14u, 93u, 95u, 99u})
-        broken.Add("Method" + std::to_string(method), "neither stored nor deflate",
-                   [&](ZipBuilder& b) { b.items[1].local.method = b.items[1].central.method = std::uint16_t(method); });
+        broken.Add("Method" + std::to_string(method), "neither stored nor deflate", [&](ZipBuilder& b) {
+            b.items[1].local.method = b.items[1].central.method = static_cast<std::uint16_t>(method);
+        });
     broken.Add("FolderWithData", "folder with data", [](ZipBuilder& b) { b.Add("odd/", "x", 0, 0040755); });
     broken.Add("FolderWithHiddenPackedBytes", "folder with data", [](ZipBuilder& b) {
         ZipItem& item = b.Add("odd/", "", 8, 0040755);
@@ -361,9 +362,9 @@ void AddKindFaults(Broken& broken)
     broken.Add("MoreThanFourGibibytes", "over 4294967296 bytes", [](ZipBuilder& b) {
         for (int i = 0; i < 3; ++i) {
             ZipItem& item = b.Add("odd" + std::to_string(i), "");
-            item.packed.assign(std::size_t(2) << 20, 'x');
+            item.packed.assign(static_cast<std::size_t>(2) << 20, 'x');
             item.Both([](ZipRecord& r) { r.size = 0x7f000000; });
-            item.local.packedSize = item.central.packedSize = std::uint32_t(item.packed.size());
+            item.local.packedSize = item.central.packedSize = static_cast<std::uint32_t>(item.packed.size());
         }
     });
 }
@@ -392,7 +393,7 @@ std::vector<BrokenArchive> ArchivesWithBrokenData()
         list.push_back({story, builder.Build(), reason});
     };
     const auto bothPackedSizes = [](ZipItem& item) {
-        item.local.packedSize = item.central.packedSize = std::uint32_t(item.packed.size());
+        item.local.packedSize = item.central.packedSize = static_cast<std::uint32_t>(item.packed.size());
     };
     const auto wrongCrc = [](ZipItem& item) { item.Both([](ZipRecord& r) { ++r.crc32; }); };
     const auto tooLong = [](ZipItem& item) { item.Both([](ZipRecord& r) { --r.size; }); };
@@ -410,7 +411,7 @@ std::vector<BrokenArchive> ArchivesWithBrokenData()
     };
     const auto rubbish = [](ZipItem& item) {
         for (char& c : item.packed)
-            c = char(0xff);
+            c = static_cast<char>(0xff);
     };
     std::string big;
     for (unsigned i = 0; i < 120000; ++i)
@@ -466,7 +467,7 @@ std::vector<ValidArchive> ValidArchives()
     for (const bool signature : {false, true})
         for (const bool wide : {false, true})
             for (const bool emptyLocal : {false, true})
-                for (const std::uint16_t method : {std::uint16_t(0), std::uint16_t(8)})
+                for (const std::uint16_t method : {static_cast<std::uint16_t>(0), static_cast<std::uint16_t>(8)})
                     one(std::string("Descriptor") + (signature ? "Signed" : "Bare") + (wide ? "Wide" : "Narrow")
                             + (emptyLocal ? "LocalEmpty" : "LocalFull") + (method ? "Deflated" : "Stored"),
                         method, [&](ZipBuilder& b) { b.items[0].WithDescriptor(signature, wide, emptyLocal); });
@@ -510,7 +511,7 @@ std::vector<ValidArchive> ValidArchives()
         b.Add("b", "");
         // The directory's order is the builder's, so the places in the file are exchanged by hand.
         const std::string first = b.items[0].packed;
-        b.items[0].central.offset = std::uint32_t(30 + 1 + b.items[1].packed.size());
+        b.items[0].central.offset = static_cast<std::uint32_t>(30 + 1 + b.items[1].packed.size());
         b.items[1].central.offset = 0;
         std::swap(b.items[0].local, b.items[1].local);
         std::swap(b.items[0].packed, b.items[1].packed);

@@ -10,7 +10,7 @@ std::string Shared(const ZipRecord& record)
 {
     return Bytes16(record.needed) + Bytes16(record.flags) + Bytes16(record.method) + Bytes32(record.time)
            + Bytes32(record.crc32) + Bytes32(record.packedSize) + Bytes32(record.size)
-           + Bytes16(unsigned(record.name.size())) + Bytes16(unsigned(record.extra.size()));
+           + Bytes16(static_cast<unsigned>(record.name.size())) + Bytes16(static_cast<unsigned>(record.extra.size()));
 }
 
 std::string LocalHeader(const ZipRecord& record)
@@ -21,15 +21,16 @@ std::string LocalHeader(const ZipRecord& record)
 std::string CentralHeader(const ZipRecord& record, std::uint64_t offset)
 {
     return Bytes32(record.signature) + Bytes16(record.madeBy) + Shared(record)
-           + Bytes16(unsigned(record.comment.size())) + Bytes16(record.disk) + Bytes16(0) + Bytes32(record.attributes)
-           + Bytes32(record.offset.value_or(std::uint32_t(offset))) + record.name + record.extra + record.comment;
+           + Bytes16(static_cast<unsigned>(record.comment.size())) + Bytes16(record.disk) + Bytes16(0)
+           + Bytes32(record.attributes) + Bytes32(record.offset.value_or(static_cast<std::uint32_t>(offset)))
+           + record.name + record.extra + record.comment;
 }
 
 } // namespace
 
 std::string Bytes16(unsigned value)
 {
-    return {char(value & 0xff), char(value >> 8 & 0xff)};
+    return {static_cast<char>(value & 0xff), static_cast<char>(value >> 8 & 0xff)};
 }
 
 std::string Bytes32(std::uint32_t value)
@@ -39,12 +40,12 @@ std::string Bytes32(std::uint32_t value)
 
 std::string Bytes64(std::uint64_t value)
 {
-    return Bytes32(std::uint32_t(value)) + Bytes32(std::uint32_t(value >> 32));
+    return Bytes32(static_cast<std::uint32_t>(value)) + Bytes32(static_cast<std::uint32_t>(value >> 32));
 }
 
 std::string ExtraField(unsigned id, const std::string& body)
 {
-    return Bytes16(id) + Bytes16(unsigned(body.size())) + body;
+    return Bytes16(id) + Bytes16(static_cast<unsigned>(body.size())) + body;
 }
 
 namespace {
@@ -82,7 +83,7 @@ ZipItem& ZipItem::WithDescriptor(bool signature, bool wide, bool emptyLocal)
     central.flags |= 8;
     const auto number = [wide](std::uint32_t value) { return wide ? Bytes64(value) : Bytes32(value); };
     descriptor = (signature ? Bytes32(0x08074b50) : std::string()) + Bytes32(crc32)
-                 + number(std::uint32_t(packed.size())) + number(size);
+                 + number(static_cast<std::uint32_t>(packed.size())) + number(size);
     if (emptyLocal)
         local.crc32 = local.packedSize = local.size = 0;
     return *this;
@@ -108,17 +109,17 @@ ZipItem& ZipBuilder::Add(std::string_view name, std::string_view data, std::uint
 {
     ZipItem item;
     item.packed = method == 8 ? Deflate(data) : std::string(data);
-    item.size = std::uint32_t(data.size());
-    item.crc32 = std::uint32_t(::crc32(0, reinterpret_cast<const Bytef*>(data.data()), uInt(data.size())));
+    item.size = static_cast<std::uint32_t>(data.size());
+    item.crc32 = static_cast<std::uint32_t>(::crc32(0, reinterpret_cast<const Bytef*>(data.data()), uInt(data.size())));
     item.local.name = std::string(name);
     item.local.method = method;
     item.local.crc32 = item.crc32;
-    item.local.packedSize = std::uint32_t(item.packed.size());
+    item.local.packedSize = static_cast<std::uint32_t>(item.packed.size());
     item.local.size = item.size;
     item.central = item.local;
     item.local.signature = 0x04034b50;
     item.central.signature = 0x02014b50;
-    item.central.attributes = std::uint32_t(mode) << 16;
+    item.central.attributes = static_cast<std::uint32_t>(mode) << 16;
     items.push_back(std::move(item));
     return items.back();
 }
@@ -158,12 +159,12 @@ std::string ZipBuilder::Build() const
         file += Bytes32(0x07064b50) + Bytes32(locatorDisk.value_or(0)) + Bytes64(locatorPlace.value_or(end64))
                 + Bytes32(locatorDisks.value_or(1));
     }
-    const std::uint16_t count16 = zip64End ? 0xffff : std::uint16_t(count);
+    const std::uint16_t count16 = zip64End ? 0xffff : static_cast<std::uint16_t>(count);
     file += Bytes32(0x06054b50) + Bytes16(endDisk.value_or(0)) + Bytes16(endDirectoryDisk.value_or(0))
             + Bytes16(endCountHere.value_or(endCount.value_or(count16))) + Bytes16(endCount.value_or(count16))
-            + Bytes32(endSize.value_or(zip64End ? 0xffffffff : std::uint32_t(directory.size())))
-            + Bytes32(endOffset.value_or(zip64End ? 0xffffffff : std::uint32_t(place)))
-            + Bytes16(endCommentSize.value_or(std::uint16_t(comment.size()))) + comment;
+            + Bytes32(endSize.value_or(zip64End ? 0xffffffff : static_cast<std::uint32_t>(directory.size())))
+            + Bytes32(endOffset.value_or(zip64End ? 0xffffffff : static_cast<std::uint32_t>(place)))
+            + Bytes16(endCommentSize.value_or(static_cast<std::uint16_t>(comment.size()))) + comment;
     return file + after;
 }
 

@@ -44,7 +44,7 @@ Minidump::MemoryDescriptor memoryRecords[maxStoppedThreads + 1];
 Minidump::MemoryDescriptor64 fullRecords[maxCrashRanges];
 Minidump::ContextAmd64 registers;
 
-/// Appends a number of records behind their count, as most streams are made.
+// Appends a number of records behind their count, as most streams are made.
 template <class Count, class Record>
 void AddList(MinidumpWriter& writer, Minidump::StreamType type, const Record* records, Count count)
 {
@@ -393,7 +393,7 @@ void EndBySignalNow(int signal)
 const char* CrashErrorText(int error)
 {
     const char* const text = strerrordesc_np(error);
-    return text != nullptr ? text : "";
+    return text ? text : "";
 }
 
 } // namespace VexCore

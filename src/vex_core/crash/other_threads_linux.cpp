@@ -65,7 +65,7 @@ bool IsListed(long number, std::size_t count)
     return false;
 }
 
-/// Lists the threads that are not listed yet, behind those that are.
+// Lists the threads that are not listed yet, behind those that are.
 void ListThreads(long self)
 {
     alignas(os::KernelDirent) static char batch[8192];
@@ -110,7 +110,7 @@ std::size_t Answers()
 {
     std::size_t answers = 0;
     for (std::size_t i = 0; i < slotCount.load(); ++i)
-        answers += slots[i].context.load() != nullptr ? 1 : 0;
+        answers += slots[i].context.load() ? 1 : 0;
     return answers;
 }
 

@@ -54,7 +54,7 @@ bool SqliteDb::Open(const std::string& path, std::int64_t minSynchronous)
     const int result = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     m_handle.reset(handle); // there is one after a failure too
     if (result != SQLITE_OK) {
-        Fail(handle != nullptr ? sqlite3_extended_errcode(handle) : result);
+        Fail(handle ? sqlite3_extended_errcode(handle) : result);
         Close();
         return false;
     }

@@ -14,8 +14,8 @@
 namespace VexCore {
 
 namespace {
-/// Hands text over to the framework's configuration, which takes only a stream of bytes and a conversion for them: the stream
-/// is empty, and this "converts" it into the text.
+// Hands text over to the framework's configuration, which takes only a stream of bytes and a conversion for them: the stream
+// is empty, and this "converts" it into the text.
 class DecodedText : public wxMBConv
 {
 public:
@@ -38,7 +38,7 @@ private:
     std::wstring m_text;
 };
 
-/// A line ends for the framework where a NUL stands in it.
+// A line ends for the framework where a NUL stands in it.
 std::wstring WithoutNul(const std::wstring& text)
 {
     std::wstring result;

@@ -22,8 +22,8 @@
 namespace VexCore {
 
 namespace {
-/// A full key. A root's key is used as it came; a view's is put together, on the stack where it fits, so that a read
-/// allocates nothing.
+// A full key. A root's key is used as it came; a view's is put together, on the stack where it fits, so that a read
+// allocates nothing.
 class FullKey
 {
 public:
@@ -57,17 +57,17 @@ private:
     char m_short[256];
 };
 
-/// The keys and values of one tree. The map's keys look into the nodes, so that a look-up needs no text of its own.
+// The keys and values of one tree. The map's keys look into the nodes, so that a look-up needs no text of its own.
 class DomStore
 {
 public:
     DomStore() : m_waits(std::make_shared<WaitList>()) {}
 
-    /// Calls `use` with the value under the readers' lock. False when the key has none.
+    // Calls `use` with the value under the readers' lock. False when the key has none.
     template <typename Use>
     bool Read(std::string_view key, Use&& use) const
     {
-        const std::shared_lock<FairSharedLock> lock(m_lock);
+        const std::shared_lock lock(m_lock);
         const auto found = m_nodes.find(key);
         return found != m_nodes.end() && use(found->second->value);
     }
@@ -101,12 +101,12 @@ public:
         return true;
     }
 
-    /// Full keys that begin with `start`, without their first `skip` characters.
+    // Full keys that begin with `start`, without their first `skip` characters.
     std::vector<std::string> KeysThatBegin(std::string_view start, std::size_t skip) const
     {
         std::vector<std::string> keys;
         {
-            const std::shared_lock<FairSharedLock> lock(m_lock);
+            const std::shared_lock lock(m_lock);
             for (const auto& [key, node] : m_nodes)
                 if (key.substr(0, start.size()) == start)
                     keys.emplace_back(key.substr(skip));
@@ -117,14 +117,14 @@ public:
 
     bool HasAnyIn(std::string_view scope) const
     {
-        const std::shared_lock<FairSharedLock> lock(m_lock);
+        const std::shared_lock lock(m_lock);
         return std::any_of(m_nodes.begin(), m_nodes.end(),
                            [scope](const auto& entry) { return ScopeCovers(scope, entry.first); });
     }
 
     WaitList& Waits() { return *m_waits; }
     SettingsFile& Settings() { return m_settings; }
-    /// Where it lies now, empty while that is not known.
+    // Where it lies now, empty while that is not known.
     std::string SettingsPath() const
     {
         std::string path;
@@ -164,10 +164,10 @@ struct CDom::Impl
     FullKey Key(const char* key) const { return FullKey(prefix, key); }
 };
 
-/// What the rest of the core library does to a domain beyond the interface, and the list of live roots.
+// What the rest of the core library does to a domain beyond the interface, and the list of live roots.
 struct DomAccess
 {
-    /// One more reference, unless the last one is already gone.
+    // One more reference, unless the last one is already gone.
     static bool TryAddRef(CDom& dom)
     {
         int count = dom.m_impl->references.load();
@@ -177,7 +177,7 @@ struct DomAccess
         return false;
     }
 
-    /// What observers know the tree of `dom` by.
+    // What observers know the tree of `dom` by.
     static const void* Tree(const CDom& dom) { return dom.m_impl->store.get(); }
     static DomStore& Store(const CDom& dom) { return *dom.m_impl->store; }
     static std::vector<std::string> FullKeys(const CDom& dom, std::vector<std::string> keys)
@@ -192,7 +192,7 @@ struct DomAccess
         std::mutex lock;
         std::vector<CDom*> live; // in the order of their making
     };
-    /// Never destroyed: lines are logged while the process ends.
+    // Never destroyed: lines are logged while the process ends.
     static Roots& LiveRoots()
     {
         static Roots& roots = *new Roots;

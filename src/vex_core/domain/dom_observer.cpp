@@ -38,14 +38,14 @@ struct Registry
     std::vector<std::shared_ptr<State>> observers; // guarded by lock
 };
 
-/// Never destroyed: keys are written while the process ends.
+// Never destroyed: keys are written while the process ends.
 Registry& AllObservers()
 {
     static Registry& registry = *new Registry;
     return registry;
 }
 
-/// One call on this thread. They nest: a function that writes may be called for what it wrote.
+// One call on this thread. They nest: a function that writes may be called for what it wrote.
 class Call
 {
 public:
@@ -88,14 +88,14 @@ private:
 
 thread_local const Call* Call::t_innermost = nullptr;
 
-/// Calls all that `wanted` picks, after the registry's lock is given back.
+// Calls all that `wanted` picks, after the registry's lock is given back.
 template <typename Wanted>
 void CallObservers(Wanted&& wanted)
 {
     Registry& registry = AllObservers();
     std::vector<std::shared_ptr<State>> chosen; // takes no memory while nobody is concerned
     {
-        const std::shared_lock<FairSharedLock> lock(registry.lock);
+        const std::shared_lock lock(registry.lock);
         for (const std::shared_ptr<State>& state : registry.observers)
             if (wanted(*state))
                 chosen.push_back(state);

@@ -14,7 +14,7 @@ bool ScopeCovers(std::string_view scope, std::string_view key)
     return key.substr(0, scope.size()) == scope && (key.size() == scope.size() || key[scope.size()] == '.');
 }
 
-/// What one thread is subscribed to, in any tree. Lives as long as the thread.
+// What one thread is subscribed to, in any tree. Lives as long as the thread.
 class WaitList::ThreadSubscriptions
 {
 public:

@@ -234,13 +234,13 @@ bool EventStore::MoveDamagedAside()
     const std::string aside = FreeName(m_path + ".damaged-" + std::to_string(TimeNowMillis() / 1000));
     if (os::Rename(m_path.c_str(), aside.c_str()) != 0) {
         const long error = os::LastError();
-        wxLogSysError(error, wxT("The event database '%s' is damaged (%s) and cannot be moved out of the way"),
+        wxLogSysError(error, "The event database '%s' is damaged (%s) and cannot be moved out of the way",
                       Shown(m_path), Shown(m_reason));
         return false;
     }
     for (const char* suffix : {"-journal", "-wal", "-shm"})
         os::Rename((m_path + suffix).c_str(), (aside + suffix).c_str());
-    wxLogError(wxT("The event database '%s' is damaged (%s): kept as '%s', a new one begins"), Shown(m_path),
+    wxLogError("The event database '%s' is damaged (%s): kept as '%s', a new one begins", Shown(m_path),
                Shown(m_reason), Shown(aside));
     return true;
 }
@@ -300,7 +300,7 @@ bool EventStore::StorePending()
     const PendingEvents::ETaken taken =
         m_pending.Take([this](const std::vector<EventRecord>& records) { return StoreAll(records); });
     if (taken == PendingEvents::ETaken::Unreadable)
-        wxLogSysError(wxT("Unable to take the events out of '%s'"), Shown(m_pending.Path()));
+        wxLogSysError("Unable to take the events out of '%s'", Shown(m_pending.Path()));
     return taken != PendingEvents::ETaken::Refused;
 }
 
@@ -330,13 +330,13 @@ void EventStore::KeepForLater(const EventRecord& record)
     const bool pending = !m_folder.empty() && AppendMemoryToPending() && m_pending.Append(record);
     const wxString pendingError = pending ? wxString() : Shown(std::strerror(os::LastError()));
     if (pending)
-        wxLogError(wxT("Agent event kept in '%s', because '%s' did not take it (%s): %s"), Shown(m_pending.Path()),
+        wxLogError("Agent event kept in '%s', because '%s' did not take it (%s): %s", Shown(m_pending.Path()),
                    Shown(m_path), Shown(m_reason), Shown(record.xml));
     else {
         KeepInMemory(record);
-        wxLogError(wxT("Agent event kept in memory, because neither '%s' (%s) nor '%s' (%s) took it: %s"),
-                   Shown(m_path), Shown(m_reason), Shown(m_pending.Path()),
-                   m_folder.empty() ? Shown(m_reason) : pendingError, Shown(record.xml));
+        wxLogError("Agent event kept in memory, because neither '%s' (%s) nor '%s' (%s) took it: %s", Shown(m_path),
+                   Shown(m_reason), Shown(m_pending.Path()), m_folder.empty() ? Shown(m_reason) : pendingError,
+                   Shown(record.xml));
     }
 }
 
@@ -346,7 +346,7 @@ void EventStore::KeepInMemory(const EventRecord& record)
     m_memory.push_back(record);
     if (m_memory.size() <= maxInMemory)
         return;
-    wxLogError(wxT("Too many agent events are kept in memory, this one goes: %s"), Shown(m_memory.front().xml));
+    wxLogError("Too many agent events are kept in memory, this one goes: %s", Shown(m_memory.front().xml));
     ShowOnStandardError("Agent event given up: ", m_memory.front().xml);
     m_memory.pop_front();
 }
@@ -364,7 +364,7 @@ struct Registry
 // Each attempt may wait for a lock that another process holds.
 constexpr std::chrono::seconds retryPause{10};
 
-/// Never destroyed: events are written while the process ends.
+// Never destroyed: events are written while the process ends.
 Registry& GetRegistry()
 {
     static Registry& registry = *new Registry;
@@ -432,8 +432,8 @@ void CloseEventStores()
         const std::size_t lost = item.second->InMemory();
         if (lost > 0)
             wxLogError(
-                wxT("Agent events that are lost with the process, because nothing took them: %lu (above is a line for "
-                    "each)"),
+                "Agent events that are lost with the process, because nothing took them: %lu (above is a line for "
+                "each)",
                 static_cast<unsigned long>(lost));
     }
 }

@@ -66,7 +66,7 @@ std::vector<EventRecord> ParseLines(const std::string& text, const std::string& 
         if (ParsePendingLine(line, record))
             records.push_back(std::move(record));
         else if (!line.empty())
-            wxLogError(wxT("A line of '%s' is no event and is left out: %s"), FromForeignBytes(path),
+            wxLogError("A line of '%s' is no event and is left out: %s", FromForeignBytes(path),
                        FromForeignBytes(line));
         at = end + 1;
     }

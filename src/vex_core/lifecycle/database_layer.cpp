@@ -97,7 +97,7 @@ void WarnOfUnknownSettings(const CDom& dom)
                 return key == std::string(settingPrefix) + "." + rule.name;
             });
         if (!known)
-            wxLogWarning(wxT("Unknown database setting '%s'"), TextWithoutNul(key));
+            wxLogWarning("Unknown database setting '%s'", TextWithoutNul(key));
     }
 }
 
@@ -113,7 +113,7 @@ bool CSqliteDatabase::InitializeSQLite(CDom* dom)
             if (!dom->Has(key.c_str()))
                 continue;
             if (!dom->Get(key.c_str(), value) || !rule.apply(value, settings))
-                wxLogWarning(wxT("Database setting '%s' cannot be '%s'"), wxString::FromUTF8(key.c_str()),
+                wxLogWarning("Database setting '%s' cannot be '%s'", wxString::FromUTF8(key.c_str()),
                              dom->GetWxString(key.c_str()));
         }
         WarnOfUnknownSettings(*dom);
@@ -121,7 +121,7 @@ bool CSqliteDatabase::InitializeSQLite(CDom* dom)
     SetSqliteSettings(settings);
     const int result = sqlite3_initialize();
     if (result != SQLITE_OK)
-        wxLogError(wxT("The database library cannot be initialised (%s)"), wxString::FromUTF8(sqlite3_errstr(result)));
+        wxLogError("The database library cannot be initialised (%s)", wxString::FromUTF8(sqlite3_errstr(result)));
     return result == SQLITE_OK;
 }
 

@@ -54,7 +54,7 @@ const Row& RowOf(EndStretch stretch)
 
 const EndStepOwner endThreads(EndStep::EndThreads, [] { EndThreads(threadsEndMs); });
 
-/// Whoever holds a stream's lock may be blocked for good: its text is left behind then.
+// Whoever holds a stream's lock may be blocked for good: its text is left behind then.
 void FlushIfFree(std::FILE* stream)
 {
     if (os::TryLockStream(stream)) {
@@ -68,8 +68,8 @@ const EndStepOwner flushStreams(EndStep::FlushStreams, [] {
     FlushIfFree(stderr);
 });
 
-/// Made before `main`, so that its end comes after all that the host registers, on whichever thread ends the process. A destructor
-/// and no atexit handler: the thread sanitizer runs the handlers of libraries when wx's destructors are through.
+// Made before `main`, so that its end comes after all that the host registers, on whichever thread ends the process. A destructor
+// and no atexit handler: the thread sanitizer runs the handlers of libraries when wx's destructors are through.
 const struct ExitHook
 {
     ~ExitHook() { TakeEndSteps(EndStretch::Exit); }

@@ -14,7 +14,7 @@
 namespace VexCore {
 
 namespace {
-/// Whether the character set in force is ASCII; each system has a name of its own for it.
+// Whether the character set in force is ASCII; each system has a name of its own for it.
 bool CharacterSetIsAscii()
 {
     const char* const set = ::nl_langinfo(CODESET);
@@ -24,7 +24,7 @@ bool CharacterSetIsAscii()
     return false;
 }
 
-/// LC_ALL=x becomes LC_...=x for the categories that the C++ standard or POSIX names, but not for numbers.
+// LC_ALL=x becomes LC_...=x for the categories that the C++ standard or POSIX names, but not for numbers.
 void TakeLcAllApart()
 {
     const char* const all = std::getenv("LC_ALL");

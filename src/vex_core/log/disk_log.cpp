@@ -188,9 +188,9 @@ bool DiskLog::WriteBytes(const std::string& bytes)
     return false;
 }
 
-/// Whether the file ends in a piece of a record: of ours, when the disk was full in the middle of it, or of a process that
-/// was killed while the system copied its record. A record that is being copied looks the same for a moment, because the
-/// file grows by pages: a piece is what stays.
+// Whether the file ends in a piece of a record: of ours, when the disk was full in the middle of it, or of a process that
+// was killed while the system copied its record. A record that is being copied looks the same for a moment, because the
+// file grows by pages: a piece is what stays.
 bool DiskLog::EndsInPiece()
 {
     for (int look = 0; IsInsideLine(m_size); ++look) {
@@ -215,8 +215,8 @@ bool DiskLog::IsInsideLine(off_t place) const
     return before != '\n';
 }
 
-/// Whether the record of `size` bytes that was just written went behind a piece nevertheless, because its writer was
-/// killed between our look at the file and our write. Then it has to be written again, on a line of its own.
+// Whether the record of `size` bytes that was just written went behind a piece nevertheless, because its writer was
+// killed between our look at the file and our write. Then it has to be written again, on a line of its own.
 bool DiskLog::WasGlued(std::size_t size)
 {
     const off_t end = os::FilePosition(m_file.Get());
@@ -255,7 +255,7 @@ std::string DiskLog::OwnRecord(const std::string& text) const
 
 // --- the file
 
-/// Sees to it that the open file is the one of that name and has room for `size` more bytes.
+// Sees to it that the open file is the one of that name and has room for `size` more bytes.
 bool DiskLog::MakeReady(std::size_t size)
 {
     // Two rounds are the rule at worst (open, rotate, open); others who rotate meanwhile may cost more.
@@ -310,10 +310,10 @@ std::string DiskLog::RotatedName(int number) const
     return m_path + '.' + std::to_string(number);
 }
 
-/// Moves the full file away. False: it is to be written on (another process is at it, or it cannot be moved).
-///
-/// One process at a time, by a lock that goes with its holder's life. Nobody waits for it: a holder that is stopped would stop
-/// every writer, so the others write on into the full file meanwhile, where no line is lost either.
+// Moves the full file away. False: it is to be written on (another process is at it, or it cannot be moved).
+//
+// One process at a time, by a lock that goes with its holder's life. Nobody waits for it: a holder that is stopped would stop
+// every writer, so the others write on into the full file meanwhile, where no line is lost either.
 bool DiskLog::Rotate()
 {
     if (std::time(nullptr) < m_rotateNotBefore)
@@ -332,8 +332,8 @@ bool DiskLog::Rotate()
     return moved || ShiftFiles();
 }
 
-/// Renames from the oldest on, so that a process killed in between leaves a gap and never two files under one name. The
-/// next rotation fills the gap and moves only the files before it.
+// Renames from the oldest on, so that a process killed in between leaves a gap and never two files under one name. The
+// next rotation fills the gap and moves only the files before it.
 bool DiskLog::ShiftFiles()
 {
     const int keep = m_settings.keep;

@@ -32,7 +32,7 @@ constexpr std::size_t maxHeldBytes = 1024 * 1024;
 
 std::atomic<DiskLog*> g_replacement{nullptr};
 
-/// Never destroyed: lines are logged while the process ends, and after.
+// Never destroyed: lines are logged while the process ends, and after.
 DiskLog& ProcessLog()
 {
     static DiskLog& log = *new DiskLog(maxHeldBytes, standardError);
@@ -46,8 +46,8 @@ std::string TimeFormat()
     return format.empty() ? DiskLog::Settings().timeFormat : format;
 }
 
-/// Where the domain says that the file is, empty while it does not. The name is part of a file name, so it is kept from
-/// naming folders.
+// Where the domain says that the file is, empty while it does not. The name is part of a file name, so it is kept from
+// naming folders.
 std::string PlaceIn(const RootDom& root)
 {
     wxString name = root->GetWxString("app.name");
@@ -58,14 +58,14 @@ std::string PlaceIn(const RootDom& root)
     return ToSystemBytes(work + wxS('/') + name + wxS(".log"));
 }
 
-/// Never destroyed, as the log.
+// Never destroyed, as the log.
 SettingsWatch& LogWatch()
 {
     static SettingsWatch& watch = *new SettingsWatch({"app.log.size", "app.log.count"});
     return watch;
 }
 
-/// Brings place and settings up to date: the place until there is one, the settings when they changed.
+// Brings place and settings up to date: the place until there is one, the settings when they changed.
 void Prepare(DiskLog& log)
 {
     const bool placed = log.HasFile();

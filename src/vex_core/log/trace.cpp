@@ -21,8 +21,8 @@ std::atomic<const TraceModules*> g_modules{nullptr};
 
 void ReloadTraceModules();
 
-/// Every list that was ever in force, by its text. Readers may still be looking into an old one, and lists change at most
-/// a few times in a process's life, so none is destroyed. Nor is the observer: domains are written while the process ends.
+// Every list that was ever in force, by its text. Readers may still be looking into an old one, and lists change at most
+// a few times in a process's life, so none is destroyed. Nor is the observer: domains are written while the process ends.
 struct TraceLists
 {
     std::mutex lock;
@@ -39,7 +39,7 @@ TraceLists& Lists()
 [[maybe_unused]] const TraceLists& listsFromTheBeginning =
     Lists(); // a write before the first trace line counts as well
 
-/// Takes over what the lists of the process's root domain are now.
+// Takes over what the lists of the process's root domain are now.
 void ReloadTraceModules()
 {
     TraceLists& lists = Lists();

@@ -5,7 +5,7 @@
 namespace VexCore {
 
 namespace {
-/// The text that the error value gives itself.
+// The text that the error value gives itself.
 int ErrorValueText(lua_State* L)
 {
     luaL_tolstring(L, 1, nullptr);

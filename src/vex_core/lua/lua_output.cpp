@@ -17,7 +17,7 @@ LuaOutput& LuaOutput::Self(lua_State* L)
     return *static_cast<LuaOutput*>(lua_touserdata(L, lua_upvalueindex(1)));
 }
 
-/// Replaces a field of the table on top and answers what was there.
+// Replaces a field of the table on top and answers what was there.
 lua_CFunction LuaOutput::Replace(lua_State* L, const char* name, lua_CFunction ours)
 {
     lua_getfield(L, -1, name);
@@ -104,7 +104,7 @@ int LuaOutput::PrintLine(lua_State* L)
     return 0;
 }
 
-/// Writes the arguments from `first` on; the file that is returned is on top of the stack.
+// Writes the arguments from `first` on; the file that is returned is on top of the stack.
 int LuaOutput::WriteArguments(lua_State* L, int first)
 {
     const int last = lua_gettop(L) - 1;

@@ -80,7 +80,7 @@ private:
         return Copy(-2, copy);
     }
 
-    /// The key below the value on top, for messages. It is not converted in place: that would confuse lua_next.
+    // The key below the value on top, for messages. It is not converted in place: that would confuse lua_next.
     void AppendKey()
     {
         char number[64];

@@ -28,14 +28,14 @@ constexpr int statusHandlerFailed = 5;
 
 constexpr std::size_t readBytes = 16 * 1024;
 
-/// One run of a chunk, on the way through Lua.
+// One run of a chunk, on the way through Lua.
 struct Run
 {
     wxInputStream& in;
     std::string chunkName;
     int resultCount;
-    int loadStatus; ///< of lua_load
-    Run* outer; ///< the run that this one is nested in
+    int loadStatus; // of lua_load
+    Run* outer; // the run that this one is nested in
     char buffer[readBytes];
 };
 
@@ -64,7 +64,7 @@ const char* ReadChunk(lua_State* L, void* context, std::size_t* size)
     return run.buffer;
 }
 
-/// Message handler: the value's text with a traceback, unless it carries one from where it was first caught.
+// Message handler: the value's text with a traceback, unless it carries one from where it was first caught.
 int AddTraceback(lua_State* L)
 {
     PushErrorText(L, 1);
@@ -80,7 +80,7 @@ int AddTraceback(lua_State* L)
     return 1;
 }
 
-/// Loads and runs the chunk of the current run with the arguments on the stack.
+// Loads and runs the chunk of the current run with the arguments on the stack.
 int LoadAndRun(lua_State* L)
 {
     Run& run = CurrentRun(L);
@@ -96,7 +96,7 @@ int LoadAndRun(lua_State* L)
     });
 }
 
-/// Makes a run the innermost one for the scope's life.
+// Makes a run the innermost one for the scope's life.
 class NestedRun
 {
 public:
@@ -126,7 +126,7 @@ int StatusOf(int callStatus, int loadStatus)
     }
 }
 
-/// os.exit([code [, close]]), as in Lua itself, but safe on any thread.
+// os.exit([code [, close]]), as in Lua itself, but safe on any thread.
 int OsExit(lua_State* L)
 {
     int status = EXIT_SUCCESS;

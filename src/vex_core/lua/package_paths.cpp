@@ -7,7 +7,7 @@
 namespace VexCore {
 
 namespace {
-/// The templates of a list that do not look into the current directory.
+// The templates of a list that do not look into the current directory.
 std::string WithoutCurrentDirectory(const std::string& templates)
 {
     std::string kept;

@@ -58,7 +58,7 @@ std::shared_ptr<Worker> Worker::Start(CDom& dom, std::string module, LuaValue ar
     return WorkerList::OfProcess().Start(worker) ? worker : nullptr;
 }
 
-/// Calls a function of the state without arguments; its error becomes the worker's.
+// Calls a function of the state without arguments; its error becomes the worker's.
 bool Worker::Protected(CLuaInterpreter& lua, int (*function)(lua_State*), int resultCount)
 {
     lua_State* const L = lua.L();

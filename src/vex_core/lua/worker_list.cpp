@@ -51,7 +51,7 @@ void WorkerList::Join(bool all)
         worker->join(-1);
 }
 
-/// Takes those out that have ended, for the caller to let go of without the lock.
+// Takes those out that have ended, for the caller to let go of without the lock.
 WorkerList::Workers WorkerList::TakeEnded()
 {
     const auto runs = [](const std::shared_ptr<Worker>& worker) { return worker->Running(); };

@@ -52,7 +52,7 @@ int PushBytes(lua_State* L, std::string_view bytes)
     return 1;
 }
 
-/// The second argument, as it is, or nil.
+// The second argument, as it is, or nil.
 int PushDefault(lua_State* L)
 {
     lua_settop(L, secondArgument);
@@ -200,14 +200,14 @@ bool TraceEnabled(CDom&, const char* module)
 
 // --- events
 
-/// Refuses the table at `firstArgument` for its field, whose value is on top.
+// Refuses the table at `firstArgument` for its field, whose value is on top.
 [[noreturn]] void RaiseFieldError(lua_State* L, const char* wanted, const char* name)
 {
     const char* got = lua_type(L, -1) == LUA_TNUMBER ? "another number" : luaL_typename(L, -1);
     RaiseArgumentError(L, firstArgument, lua_pushfstring(L, "table with %s \"%s\"", wanted, name), got);
 }
 
-/// Reads a field of the table at `firstArgument` that is a 32-bit integer.
+// Reads a field of the table at `firstArgument` that is a 32-bit integer.
 std::int32_t IntegerField(lua_State* L, const char* name, std::optional<std::int32_t> defaultValue)
 {
     lua_getfield(L, firstArgument, name);

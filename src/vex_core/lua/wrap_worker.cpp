@@ -15,7 +15,7 @@ bool Running(WorkerHandle& self)
     return self.worker->Running();
 }
 
-/// Join([seconds]): false while it runs, else true, status and error text or nil.
+// Join([seconds]): false while it runs, else true, status and error text or nil.
 int Join(WorkerHandle& self, lua_State* L)
 {
     const std::int64_t timeoutMs = lua_isnoneornil(L, 2) ? -1 : VexCore::MillisecondsArgument(L, 2);

@@ -17,12 +17,12 @@
 
 namespace VexCore {
 namespace {
-/// The archives that hold a descriptor now, the longest open first. Beyond the limit that one is closed; five eighths of
-/// the process's descriptors leave room for everything else, and for 600 archives under the usual limit of 1024.
+// The archives that hold a descriptor now, the longest open first. Beyond the limit that one is closed; five eighths of
+// the process's descriptors leave room for everything else, and for 600 archives under the usual limit of 1024.
 class OpenArchives
 {
 public:
-    /// Never destroyed, as the archives in it: interpreters may be closed by static destructors.
+    // Never destroyed, as the archives in it: interpreters may be closed by static destructors.
     static OpenArchives& Process()
     {
         static OpenArchives* const s_instance = new OpenArchives;
@@ -54,7 +54,7 @@ private:
     std::deque<std::weak_ptr<ModuleArchive>> m_open; // guarded by m_lock
 };
 
-/// Whether a file that could not be opened failed for want of descriptors or memory, which says nothing about the file.
+// Whether a file that could not be opened failed for want of descriptors or memory, which says nothing about the file.
 bool OutOfResources(const std::string& path)
 {
     if (os::Descriptor(os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY)))

@@ -17,7 +17,7 @@ constexpr std::uint64_t writeAtBytes = 4096;
 #else
 constexpr std::uint64_t writeAtBytes = 8 * 1024 * 1024;
 #endif
-/// The same archive may lie at many paths (builds, tests); chunks carry their path, so each path has its own.
+// The same archive may lie at many paths (builds, tests); chunks carry their path, so each path has its own.
 constexpr std::size_t maxPathsAFile = 8;
 
 std::size_t BytesOf(const ChunkRecord& record)
@@ -25,7 +25,7 @@ std::size_t BytesOf(const ChunkRecord& record)
     return static_cast<std::size_t>(record.nameLength) + record.chunkLength;
 }
 
-/// False when there are fewer than `size` bytes.
+// False when there are fewer than `size` bytes.
 bool ReadAt(const ChunkFile& file, std::uint64_t offset, std::size_t size, std::string& bytes)
 {
     bytes.resize(size);
@@ -44,7 +44,7 @@ bool ReadIndex(const ChunkFile& file, const std::string& key, std::vector<ChunkR
            && ParseIndex(bytes, header, records);
 }
 
-/// The chunks that a new file gets, first come, first served within the bounds of a file.
+// The chunks that a new file gets, first come, first served within the bounds of a file.
 class Selection
 {
 public:
@@ -165,7 +165,7 @@ void ChunkCache::Flush()
         WriteWaiting();
 }
 
-/// The names and chunks of the file, which begin at `offset` of it.
+// The names and chunks of the file, which begin at `offset` of it.
 bool ChunkCache::ReadData(std::string& data, std::uint64_t& offset) const
 {
     if (!m_file.descriptor)
@@ -174,7 +174,7 @@ bool ChunkCache::ReadData(std::string& data, std::uint64_t& offset) const
     return ReadAt(m_file, offset, static_cast<std::size_t>(m_file.bytes - offset), data);
 }
 
-/// What waits, and what the file holds already as far as it is whole and wanted.
+// What waits, and what the file holds already as far as it is whole and wanted.
 std::string ChunkCache::FileToWrite() const
 {
     Selection selection;

@@ -25,7 +25,7 @@ namespace {
 constexpr std::size_t maxFiles = 1000;
 constexpr std::uint64_t maxFolderBytes = static_cast<std::uint64_t>(256) << 20;
 constexpr std::int64_t maxIdleSeconds = 30 * 24 * 3600;
-/// A writer takes milliseconds; what is older was left by one that was killed.
+// A writer takes milliseconds; what is older was left by one that was killed.
 constexpr std::int64_t maxTemporarySeconds = 3600;
 constexpr std::int64_t touchAfterSeconds = 24 * 3600;
 
@@ -51,7 +51,7 @@ bool IsOursAlone(const struct stat& status)
 
 enum class FolderState { Usable, Missing, Refused };
 
-/// `descriptor` gets the folder when it is usable.
+// `descriptor` gets the folder when it is usable.
 FolderState OpenFolder(const std::string& path, os::Descriptor& descriptor)
 {
     os::Descriptor folder(os::OpenFolderAt(AT_FDCWD, path.c_str()));
@@ -70,7 +70,7 @@ FolderState OpenFolder(const std::string& path, os::Descriptor& descriptor)
     return FolderState::Usable;
 }
 
-/// A name that no other writer on the folder has.
+// A name that no other writer on the folder has.
 std::string TemporaryName()
 {
     using namespace std::chrono;
@@ -90,7 +90,7 @@ struct FoundFile
     bool temporary = false;
 };
 
-/// Our files in the folder; others are left alone.
+// Our files in the folder; others are left alone.
 std::vector<FoundFile> FilesIn(int folder)
 {
     std::vector<std::string> names;
@@ -134,18 +134,18 @@ void Sweep(int folder)
     }
 }
 
-/// The folders that this process has swept.
+// The folders that this process has swept.
 class SweptFolders
 {
 public:
-    /// Never destroyed: files are written by the exit handler too.
+    // Never destroyed: files are written by the exit handler too.
     static SweptFolders& Process()
     {
         static SweptFolders* const s_instance = new SweptFolders;
         return *s_instance;
     }
 
-    /// False: it was there already.
+    // False: it was there already.
     bool Add(const std::string& path)
     {
         const std::lock_guard lock(m_lock);

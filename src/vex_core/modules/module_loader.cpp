@@ -18,17 +18,17 @@ namespace {
 using SLB3::internal::Guarded;
 
 const char loaderType[] = "VexCore.ModuleLoader";
-/// A module is loaded as a whole, and a few MiB of an archive can unpack to as many GiB: this is far above what anybody
-/// writes, and far below what hurts.
+// A module is loaded as a whole, and a few MiB of an archive can unpack to as many GiB: this is far above what anybody
+// writes, and far below what hurts.
 constexpr std::uint64_t maxModuleBytes = static_cast<std::uint64_t>(64) << 20;
 
-/// A block of memory that is kept from one module to the next: large blocks that come and go make the C library tidy its free
-/// lists at each, which was a tenth of the time of a require.
+// A block of memory that is kept from one module to the next: large blocks that come and go make the C library tidy its free
+// lists at each, which was a tenth of the time of a require.
 class KeptBuffer
 {
 public:
-    /// The block, lent for as long as Lua reads from it: a finaliser may load another module meanwhile, which then gets one of its
-    /// own.
+    // The block, lent for as long as Lua reads from it: a finaliser may load another module meanwhile, which then gets one of its
+    // own.
     class Loan
     {
     public:
@@ -41,11 +41,11 @@ public:
         Loan(const Loan&) = delete;
         Loan& operator=(const Loan&) = delete;
 
-        /// With what was in it last.
+        // With what was in it last.
         std::string& Bytes() { return m_bytes; }
 
     private:
-        /// A buffer that one large module has made larger is given back.
+        // A buffer that one large module has made larger is given back.
         static constexpr std::size_t maxKeptBytes = 64 * 1024;
 
         KeptBuffer& m_buffer;
@@ -56,7 +56,7 @@ private:
     std::string m_bytes;
 };
 
-/// State of one interpreter's loader; lives in a userdata of that interpreter.
+// State of one interpreter's loader; lives in a userdata of that interpreter.
 struct ModuleLoader
 {
     ModuleLoader(CDom& dom, std::string luaHeader) : settings(dom), lookup(settings, std::move(luaHeader)) {}
@@ -68,8 +68,8 @@ struct ModuleLoader
     KeptBuffer dump;
 };
 
-/// The userdata holds a pointer, which is null once it was collected: finalisers that run later while the state is
-/// closed may still call `require`.
+// The userdata holds a pointer, which is null once it was collected: finalisers that run later while the state is
+// closed may still call `require`.
 ModuleLoader& LoaderOf(lua_State* L)
 {
     ModuleLoader* const loader = *static_cast<ModuleLoader**>(lua_touserdata(L, lua_upvalueindex(1)));
@@ -93,7 +93,7 @@ int RaiseLoadError(lua_State* L, const char* module, const std::string& path, co
     return luaL_error(L, "error loading module '%s' from file '%s':\n\t%s", module, path.c_str(), why);
 }
 
-/// Source as it is loaded from a plain file: without a byte-order mark and without a first line that begins with "#".
+// Source as it is loaded from a plain file: without a byte-order mark and without a first line that begins with "#".
 std::string_view WithoutFirstLineComment(std::string_view code)
 {
     if (code.substr(0, 3) == "\xEF\xBB\xBF")
@@ -116,8 +116,8 @@ bool IsSameFolder(const std::string& left, const std::string& right)
            && os::IdentityOf(leftStatus).IsFileOf(rightStatus);
 }
 
-/// Whether compiled chunks may be loaded from the archive: those that come with the launcher. By identity of the folder, so that
-/// "x/vex_core/../y" and links cannot pass for it.
+// Whether compiled chunks may be loaded from the archive: those that come with the launcher. By identity of the folder, so that
+// "x/vex_core/../y" and links cannot pass for it.
 bool IsCoreArchive(const LoaderSettings& settings, const std::string& archive)
 {
     const std::size_t slash = archive.rfind('/');
@@ -134,14 +134,14 @@ bool ReadSource(const FoundModule& module, std::string& source, std::string& err
     return module.zip->Read(*module.entry, source, error);
 }
 
-/// `mode` as Lua has it: "b" compiled, "t" source. Leaves the module's function or an error text on the stack.
+// `mode` as Lua has it: "b" compiled, "t" source. Leaves the module's function or an error text on the stack.
 bool LoadBuffer(lua_State* L, std::string_view code, const FoundModule& module, const char* mode)
 {
     const std::string chunkName = "@" + module.path;
     return luaL_loadbufferx(L, code.data(), code.size(), chunkName.c_str(), mode) == LUA_OK;
 }
 
-/// Leaves the module's function on the stack when its compiled chunk is in the cache.
+// Leaves the module's function on the stack when its compiled chunk is in the cache.
 bool LoadFromCache(lua_State* L, ModuleLoader& loader, const FoundModule& module)
 {
     KeptBuffer::Loan buffer(loader.code);
@@ -154,7 +154,7 @@ bool LoadFromCache(lua_State* L, ModuleLoader& loader, const FoundModule& module
     return false;
 }
 
-/// Leaves the module's function on the stack or raises an error that names it.
+// Leaves the module's function on the stack or raises an error that names it.
 void LoadFromArchive(lua_State* L, ModuleLoader& loader, const char* name, const FoundModule& module)
 {
     KeptBuffer::Loan buffer(loader.code);
@@ -201,7 +201,7 @@ int SearchArchives(lua_State* L)
     return 2;
 }
 
-/// Upvalues: the loader, the package table, package.searchpath as it was, whether this is the part before the archives.
+// Upvalues: the loader, the package table, package.searchpath as it was, whether this is the part before the archives.
 int SearchFiles(lua_State* L)
 {
     const char* const module = luaL_checkstring(L, 1);
@@ -243,7 +243,7 @@ int CloseLoader(lua_State* L)
     return 0;
 }
 
-/// The first bytes of any compiled chunk: version, byte order and the sizes of types.
+// The first bytes of any compiled chunk: version, byte order and the sizes of types.
 std::string LuaHeader(lua_State* L)
 {
     constexpr std::size_t headerBytes = 18; // LUAC_HEADERSIZE, which Lua keeps to itself

@@ -7,7 +7,7 @@
 
 namespace VexCore {
 
-/// Archives that were on the path before stay open; those that are on no interpreter's path any more are closed.
+// Archives that were on the path before stay open; those that are on no interpreter's path any more are closed.
 void ModuleLookup::TakeSearchPath()
 {
     std::vector<SearchedArchive> archives;

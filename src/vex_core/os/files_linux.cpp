@@ -11,7 +11,7 @@
 
 namespace VexCore::os {
 namespace {
-/// Before Linux 5.8 syncfs answers success although a file could not be written.
+// Before Linux 5.8 syncfs answers success although a file could not be written.
 bool SyncfsReportsFailure()
 {
     struct utsname names;

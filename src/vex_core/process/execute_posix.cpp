@@ -89,7 +89,7 @@ std::string FindProgram(const std::string& program)
     if (program.empty() || program.find('/') != std::string::npos)
         return program;
     const char* path = std::getenv("PATH");
-    std::string folders = path != nullptr && *path != '\0' ? path : "/usr/bin:/bin";
+    std::string folders = path && *path != '\0' ? path : "/usr/bin:/bin";
     for (std::size_t at = 0; at <= folders.size();) {
         const std::size_t colon = std::min(folders.find(':', at), folders.size());
         const std::string folder = folders.substr(at, colon - at);
@@ -254,13 +254,13 @@ void ReportEnd(const wxString& program, int status, int& exitCode)
 {
     if (WIFSIGNALED(status)) {
         exitCode = 128 + WTERMSIG(status);
-        wxLogWarning(wxT("Program '%s' was ended by signal %d (%s)"), program, WTERMSIG(status),
+        wxLogWarning("Program '%s' was ended by signal %d (%s)", program, WTERMSIG(status),
                      wxString::FromUTF8(strsignal(WTERMSIG(status))));
         return;
     }
     exitCode = WEXITSTATUS(status);
     if (exitCode != 0)
-        wxLogWarning(wxT("Program '%s' ended with code %d"), program, exitCode);
+        wxLogWarning("Program '%s' ended with code %d", program, exitCode);
 }
 
 bool StartProgram(const wxString& program, const wxArrayString& arguments, os::Descriptor& output, pid_t& pid)
@@ -299,13 +299,13 @@ bool Execute(const wxString& program, const wxArrayString& arguments, wxString& 
     error.clear();
     exitCode = -1;
     if (LogTraceIsEnabled("Cmd"))
-        Trace(__LINE__, wxString::Format(wxT("run '%s' with %u arguments"), program,
-                                         static_cast<unsigned>(arguments.GetCount())));
+        Trace(__LINE__,
+              wxString::Format("run '%s' with %u arguments", program, static_cast<unsigned>(arguments.GetCount())));
     const ChildStatusKept kept;
     os::Descriptor pipe;
     pid_t pid = -1;
     if (!StartProgram(program, arguments, pipe, pid)) {
-        error = wxString::Format(wxT("Unable to run '%s': %s"), program, SystemError(os::LastError()));
+        error = wxString::Format("Unable to run '%s': %s", program, SystemError(os::LastError()));
         return false;
     }
     RunningProgram running(pid, std::move(pipe));
@@ -313,15 +313,14 @@ bool Execute(const wxString& program, const wxArrayString& arguments, wxString& 
     const bool inTime = running.Wait(timeoutMs, captured);
     output = captured.Text();
     if (LogTraceIsEnabled("Cmd"))
-        Trace(__LINE__, wxString::Format(wxT("'%s' (pid %ld) ended with status %d after %llu bytes of output"), program,
+        Trace(__LINE__, wxString::Format("'%s' (pid %ld) ended with status %d after %llu bytes of output", program,
                                          static_cast<long>(pid), running.Status(), captured.Total()));
     if (!inTime) {
-        error =
-            wxString::Format(wxT("Program '%s' was killed, because it took longer than %ld ms"), program, timeoutMs);
+        error = wxString::Format("Program '%s' was killed, because it took longer than %ld ms", program, timeoutMs);
         return false;
     }
     if (!running.StatusKnown()) {
-        error = wxString::Format(wxT("Program '%s' ended, but somebody else took its status"), program);
+        error = wxString::Format("Program '%s' ended, but somebody else took its status", program);
         return false;
     }
     ReportEnd(program, running.Status(), exitCode);

@@ -17,7 +17,7 @@ namespace {
 // A tree deeper than this is not one of ours; each level holds a descriptor.
 constexpr int maxDepth = 128;
 
-/// Restricts a file or a tree. Goes on after a failure, so that as much as possible is secured, and remembers the first.
+// Restricts a file or a tree. Goes on after a failure, so that as much as possible is secured, and remembers the first.
 class Securer
 {
 public:

@@ -159,7 +159,7 @@ bool WritePidFile(const wxString& path)
         text += std::to_string(info.startTime) + "\n";
     if (WriteThroughRename(ToSystemBytes(path), text))
         return true;
-    wxLogSysError(wxT("Unable to write the pid file '%s'"), path);
+    wxLogSysError("Unable to write the pid file '%s'", path);
     return false;
 }
 

@@ -19,7 +19,7 @@ namespace VexCore {
 namespace {
 constexpr std::chrono::seconds parkLimit{5};
 
-/// Never destroyed: the parked thread waits on it to the very end.
+// Never destroyed: the parked thread waits on it to the very end.
 struct ParkState
 {
     std::mutex lock;

@@ -13,7 +13,7 @@
 namespace VexCore {
 
 namespace {
-/// Never destroyed: a straggler may end while the process is already in its static destructors.
+// Never destroyed: a straggler may end while the process is already in its static destructors.
 struct Registry
 {
     std::mutex lock;

@@ -49,7 +49,7 @@ std::shared_ptr<const ZipArchive> OpenChecked(const std::string& path)
     return archive;
 }
 
-/// One `Unzip` from the first question to the last flush.
+// One `Unzip` from the first question to the last flush.
 class UnzipRun
 {
 public:
@@ -58,7 +58,7 @@ public:
           m_folders(ToSystemBytes(folder)), m_temporaries(m_folders, archive), m_writer(m_folders, m_temporaries)
     {}
 
-    /// Throws UnzipFailure, or what the callback threw.
+    // Throws UnzipFailure, or what the callback threw.
     void Run()
     {
         m_temporaries.SweepOldRuns();
@@ -98,8 +98,8 @@ private:
         }
     }
 
-    /// What stands where the entry goes. Throws when that, or a folder before it, is not of the right kind: the entry is
-    /// then neither shown nor written.
+    // What stands where the entry goes. Throws when that, or a folder before it, is not of the right kind: the entry is
+    // then neither shown nor written.
     Target LookAtTarget(const ZipEntry& entry)
     {
         if (entry.isFolder)
@@ -131,7 +131,7 @@ private:
         return m_callback(m_context, &shown, &destination);
     }
 
-    /// A callback may remove the file that it is shown; that too is to be on stable storage in the end.
+    // A callback may remove the file that it is shown; that too is to be on stable storage in the end.
     void NoteRemoval(const ZipEntry& entry, Target before)
     {
         if (before == Target::There && !entry.isFolder && LookAtTarget(entry) == Target::Missing)
@@ -146,7 +146,7 @@ private:
         m_folders.Flush();
     }
 
-    /// After a failure: the files that were finished stay, and what the first failure said is all that is said.
+    // After a failure: the files that were finished stay, and what the first failure said is all that is said.
     void FinishQuietly() noexcept
     {
         const auto attempt = [](auto step) {
@@ -170,7 +170,7 @@ private:
     UnzipWriter m_writer;
 };
 
-/// The full path of a folder without a last slash, however the file name was made.
+// The full path of a folder without a last slash, however the file name was made.
 wxString FolderPath(wxFileName folder)
 {
     if (!folder.IsAbsolute())

@@ -25,12 +25,12 @@ constexpr std::string_view temporaryPrefix = ".vex-unzip-";
 constexpr std::string_view listSuffix = ".list";
 constexpr std::string_view listFirstLine = "temporary files may be in";
 
-/// The runs of this process. The lock of a list tells other processes that the run lives, but says nothing inside its own
-/// process, where even a look at the file would give the lock up.
+// The runs of this process. The lock of a list tells other processes that the run lives, but says nothing inside its own
+// process, where even a look at the file would give the lock up.
 class LiveRuns
 {
 public:
-    /// Never destroyed: a thread may still unpack while the process exits.
+    // Never destroyed: a thread may still unpack while the process exits.
     static LiveRuns& Process()
     {
         static LiveRuns* const s_instance = new LiveRuns;
@@ -80,7 +80,7 @@ bool IsListName(std::string_view name)
            && EndsWith(name, listSuffix);
 }
 
-/// The folders that files of the archive go to, one a line; names have no line ends.
+// The folders that files of the archive go to, one a line; names have no line ends.
 std::string ListText(const ZipArchive& archive)
 {
     std::set<std::string_view> folders;
@@ -162,7 +162,7 @@ void UnzipTemporaries::MakeList()
     throw UnzipFailure("cannot make a list of temporary files: every name is taken");
 }
 
-/// False: the name was taken, or a sweep of another process was faster than our lock.
+// False: the name was taken, or a sweep of another process was faster than our lock.
 bool UnzipTemporaries::TryMakeList(const std::string& text)
 {
     const int root = m_folders.Find("");

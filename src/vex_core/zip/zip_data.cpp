@@ -31,7 +31,7 @@ const char bytesBehind[] = "there are bytes behind the end of its packed data";
 const char wrongLength[] = "its length differs from the directory";
 const char wrongChecksum[] = "its checksum differs from the directory";
 
-/// The packed bytes of one entry, in order.
+// The packed bytes of one entry, in order.
 class PackedBytes
 {
 public:
@@ -41,7 +41,7 @@ public:
 
     std::uint64_t Left() const { return m_left; }
 
-    /// Reads the next `size` bytes, of which there must be so many.
+    // Reads the next `size` bytes, of which there must be so many.
     bool Next(char* data, std::size_t size, std::string& error)
     {
         const ssize_t count = os::PReadFull(m_descriptor, data, size, static_cast<off_t>(m_offset));
@@ -65,7 +65,7 @@ std::size_t AtMostAChunk(std::uint64_t size)
     return static_cast<std::size_t>(std::min<std::uint64_t>(size, pieceBytes));
 }
 
-/// Counts and sums what goes to the sink.
+// Counts and sums what goes to the sink.
 class CheckedSink
 {
 public:

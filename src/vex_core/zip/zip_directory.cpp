@@ -36,7 +36,7 @@ private:
     std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> m_context;
 };
 
-/// The low byte holds the attributes of DOS, the high half a Unix mode, by whatever system the entry was made.
+// The low byte holds the attributes of DOS, the high half a Unix mode, by whatever system the entry was made.
 void CheckType(const ZipEntry& entry, std::uint32_t attributes)
 {
     constexpr std::uint32_t dosLabel = 0x08;
@@ -67,7 +67,7 @@ void CheckSizes(const ZipEntry& entry)
         RefuseEntry(entry.name, "it claims more than 1032 times its packed size");
 }
 
-/// What a record of the directory says about its entry.
+// What a record of the directory says about its entry.
 ZipEntry ParseRecord(const unsigned char* record, std::size_t nameSize, std::size_t extraSize)
 {
     ZipEntry entry;
@@ -101,7 +101,7 @@ ZipEntry ParseRecord(const unsigned char* record, std::size_t nameSize, std::siz
     return entry;
 }
 
-/// A record with all its fields of variable length.
+// A record with all its fields of variable length.
 struct Record
 {
     const unsigned char* bytes;
@@ -110,7 +110,7 @@ struct Record
     std::size_t extraSize;
 };
 
-/// The record at `at`; valid until the window moves.
+// The record at `at`; valid until the window moves.
 Record RecordAt(Window& window, std::uint64_t at, std::uint64_t end)
 {
     if (end - at < directorySize)

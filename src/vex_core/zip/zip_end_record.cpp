@@ -9,7 +9,7 @@
 
 namespace VexCore::Zip {
 namespace {
-/// Where the NUL padding that some carriers add begins. Looked for in the last mebibyte only.
+// Where the NUL padding that some carriers add begins. Looked for in the last mebibyte only.
 std::uint64_t EndOfContent(Window& window)
 {
     constexpr std::uint64_t chunk = 4096;
@@ -26,7 +26,7 @@ std::uint64_t EndOfContent(Window& window)
     throw Refused("it has no end record");
 }
 
-/// Where the one end record begins whose comment, with nothing but NULs after it, ends the file.
+// Where the one end record begins whose comment, with nothing but NULs after it, ends the file.
 std::uint64_t FindEndRecord(Window& window)
 {
     const std::uint64_t fileSize = window.FileSize();
@@ -56,7 +56,7 @@ std::uint64_t FindEndRecord(Window& window)
     return *place;
 }
 
-/// What the pair of ZIP64 records right before the end record says; nothing when there is no such pair.
+// What the pair of ZIP64 records right before the end record says; nothing when there is no such pair.
 std::optional<DirectoryPlace> ReadZip64Records(Window& window, std::uint64_t endRecord)
 {
     if (endRecord < locator64Size)

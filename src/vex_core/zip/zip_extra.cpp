@@ -6,14 +6,14 @@
 
 namespace VexCore::Zip {
 namespace {
-/// The bytes of one extra field behind its id and length; `data` is null when there is none.
+// The bytes of one extra field behind its id and length; `data` is null when there is none.
 struct Field
 {
     const unsigned char* data = nullptr;
     std::size_t size = 0;
 };
 
-/// An old Unix field has a mode of its own, which other readers obey: it may not make a link or a device.
+// An old Unix field has a mode of its own, which other readers obey: it may not make a link or a device.
 void CheckAsiUnix(std::string_view name, const Field& field)
 {
     if (field.size < 6)
@@ -23,7 +23,7 @@ void CheckAsiUnix(std::string_view name, const Field& field)
         RefuseEntry(name, "it is neither a regular file nor a folder");
 }
 
-/// Checks all fields and returns the ZIP64 field.
+// Checks all fields and returns the ZIP64 field.
 Field FindZip64(std::string_view name, const unsigned char* data, std::size_t size)
 {
     Field zip64;
@@ -47,8 +47,8 @@ Field FindZip64(std::string_view name, const unsigned char* data, std::size_t si
     return zip64;
 }
 
-/// Writers differ: some put only what the header lacks into the field, some all values in their fixed order; then those that
-/// the header has must be equal (or 0, where they follow in a descriptor).
+// Writers differ: some put only what the header lacks into the field, some all values in their fixed order; then those that
+// the header has must be equal (or 0, where they follow in a descriptor).
 void ApplyZip64(std::string_view name, const Field& field, HeaderKind kind, EntryExtent& extent)
 {
     struct Value

@@ -9,7 +9,7 @@
 
 namespace VexCore::Zip {
 namespace {
-/// Compares the local header with the directory, notes where the data begin and returns where they end.
+// Compares the local header with the directory, notes where the data begin and returns where they end.
 std::uint64_t CheckLocalHeader(Window& window, ZipEntry& entry)
 {
     const unsigned char* header = window.At(entry.headerOffset, localSize);
@@ -45,7 +45,7 @@ std::uint64_t CheckLocalHeader(Window& window, ZipEntry& entry)
     return entry.dataOffset + entry.packedSize;
 }
 
-/// The directory lets a folder have data of the length of an empty stream; they must be one.
+// The directory lets a folder have data of the length of an empty stream; they must be one.
 void CheckFolderData(Window& window, const ZipEntry& entry)
 {
     if (entry.packedSize != 0
@@ -53,8 +53,8 @@ void CheckFolderData(Window& window, const ZipEntry& entry)
         RefuseEntry(entry.name, folderWithData);
 }
 
-/// The form of a descriptor follows from its length, because nothing may lie between it and the next record: with or
-/// without signature, sizes of 4 or 8 bytes.
+// The form of a descriptor follows from its length, because nothing may lie between it and the next record: with or
+// without signature, sizes of 4 or 8 bytes.
 void CheckDescriptor(Window& window, const ZipEntry& entry, std::uint64_t at, std::uint64_t size)
 {
     if (size != 12 && size != 16 && size != 20 && size != 24)
@@ -72,7 +72,7 @@ void CheckDescriptor(Window& window, const ZipEntry& entry, std::uint64_t at, st
         RefuseEntry(entry.name, "its descriptor differs from the directory");
 }
 
-/// Checks all that belongs to one entry, which must reach from its local header to `next`.
+// Checks all that belongs to one entry, which must reach from its local header to `next`.
 void CheckEntry(Window& window, ZipEntry& entry, std::uint64_t next)
 {
     const std::uint64_t dataEnd = CheckLocalHeader(window, entry);

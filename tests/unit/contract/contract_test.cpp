@@ -55,7 +55,7 @@ struct Release
     void operator()(CDom* dom) const { dom->Release(); }
 };
 
-/// Starts each case with a root domain of its own, whose work folder is the case's.
+// Starts each case with a root domain of its own, whose work folder is the case's.
 class CoreContract : public testing::Test
 {
 protected:
@@ -120,7 +120,7 @@ TEST_F(CoreContract, BooleansAndIntegersReadAsText)
 {
     Dom().Set("yes", true);
     Dom().Set("no", false);
-    Dom().SetWx("number", std::int64_t(-42));
+    Dom().SetWx("number", static_cast<std::int64_t>(-42));
     EXPECT_EQ(Dom().Get("yes"), "true");
     EXPECT_EQ(Dom().Get("no"), "false");
     EXPECT_EQ(Dom().Get("number"), "-42");
@@ -148,7 +148,7 @@ TEST_F(CoreContract, TextReadsAsABooleanOrAnIntegerWhereItIsOne)
         std::int64_t number = 0;
         EXPECT_EQ(Dom().Get("key", number), row.isNumber) << row.text;
     }
-    Dom().SetWx("key", std::int64_t(1));
+    Dom().SetWx("key", static_cast<std::int64_t>(1));
     bool flag = false;
     EXPECT_TRUE(Dom().Get("key", flag));
     EXPECT_TRUE(flag);

@@ -368,7 +368,7 @@ TEST_F(BackgroundMode, CountsStartsFromBeforeTheirDelay)
 TEST_F(BackgroundMode, RefusesTheFirstStartWhenTheSpansBeginLeavesThirtyTwoBits)
 {
     DetachToSupervisor();
-    m_system.now = std::int64_t(std::numeric_limits<std::int32_t>::max()) + 513;
+    m_system.now = static_cast<std::int64_t>(std::numeric_limits<std::int32_t>::max()) + 513;
     EXPECT_EQ(Run(), -1);
     EXPECT_EQ(Count("ForkWorker()"), 0u);
     EXPECT_EQ(Journal({"RemoveFile"}).size(), 1u);
@@ -605,7 +605,7 @@ TEST_F(BackgroundMode, AStopDuringTheDriversStopEndsAtOnceWithZero)
 
 TEST_F(BackgroundMode, AfterAHandledSigtermNoFurtherChildIsStarted)
 {
-    for (const int status : {int(SIGKILL), int(SIGSEGV), 0x137f}) {
+    for (const int status : {static_cast<int>(SIGKILL), static_cast<int>(SIGSEGV), 0x137f}) {
         FakeCore::ClearJournal();
         DetachToSupervisor();
         m_system.waits.push_back([this, status] {

@@ -80,13 +80,14 @@ TEST(RestartHistory, AClockSetBackKeepsTheStartsThatNowLieAhead)
 
 TEST(RestartHistory, TheLastSecondBeforeTheBoundLeavesThirtyTwoBitsIsStillOrdinary)
 {
-    EXPECT_EQ(RestartHistory().CountRecent(std::int64_t(INT32_MAX) + RestartSpanSeconds), 0);
+    EXPECT_EQ(RestartHistory().CountRecent(static_cast<std::int64_t>(INT32_MAX) + RestartSpanSeconds), 0);
 }
 
 TEST(RestartHistory, BeyondThirtyTwoBitsEvenEmptyEntriesCount)
 {
     // Kept on purpose: the bound wraps to a negative number.
-    EXPECT_EQ(RestartHistory().CountRecent(std::int64_t(INT32_MAX) + RestartSpanSeconds + 1), RestartLimit);
+    EXPECT_EQ(RestartHistory().CountRecent(static_cast<std::int64_t>(INT32_MAX) + RestartSpanSeconds + 1),
+              RestartLimit);
 }
 
 TEST(RestartDelay, DoublesWithEachRecentStart)

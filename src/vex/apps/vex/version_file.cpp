@@ -17,9 +17,9 @@ namespace {
 class VersionLine
 {
 public:
-    /// Takes one character. False when the answer is known.
+    // Takes one character. False when the answer is known.
     bool Feed(char32_t c);
-    /// The answer; at the end of the file at the latest.
+    // The answer; at the end of the file at the latest.
     FileVersion Finish();
 
 private:
@@ -123,9 +123,9 @@ FileVersion VersionLine::Finish()
 class Characters
 {
 public:
-    /// The first bytes of a file, as many as there are up to four. Answers how many of them are the mark.
+    // The first bytes of a file, as many as there are up to four. Answers how many of them are the mark.
     std::size_t SetMark(const unsigned char* bytes, std::size_t count);
-    /// Takes one byte; true when it completes a character.
+    // Takes one byte; true when it completes a character.
     bool Feed(unsigned char byte, char32_t& character);
 
 private:

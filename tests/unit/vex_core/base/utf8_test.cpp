@@ -7,7 +7,7 @@
 using VexCore::DecodeUtf8;
 
 namespace {
-/// The plainest way to write a character, without a look at whether it is one.
+// The plainest way to write a character, without a look at whether it is one.
 std::string Encode(char32_t value)
 {
     const auto rest = [value](int shift) { return static_cast<char>(0x80 | (value >> shift & 0x3F)); };
@@ -28,8 +28,9 @@ TEST(Utf8, EveryCharacterIsReadAndSurrogatesAndWhatLiesBeyondAreNone)
         const std::string bytes = Encode(value);
         const bool valid = value <= 0x10FFFF && (value < 0xD800 || value > 0xDFFF);
         char32_t read = 0xFFFFFFFF;
-        ASSERT_EQ(DecodeUtf8(bytes + "\x80", read), valid ? bytes.size() : 0) << std::hex << std::uint32_t(value);
-        ASSERT_EQ(read, valid ? value : 0xFFFFFFFF) << std::hex << std::uint32_t(value);
+        ASSERT_EQ(DecodeUtf8(bytes + "\x80", read), valid ? bytes.size() : 0)
+            << std::hex << static_cast<std::uint32_t>(value);
+        ASSERT_EQ(read, valid ? value : 0xFFFFFFFF) << std::hex << static_cast<std::uint32_t>(value);
     }
 }
 

@@ -170,7 +170,7 @@ TEST(Minidump, FirstFailureIsKept)
 TEST(Minidump, MoreThanALocationCanSayIsAnErrorNotAWrap)
 {
     MinidumpWriter writer(-1);
-    writer.AppendMemory(0, std::uint64_t(5) << 30);
+    writer.AppendMemory(0, static_cast<std::uint64_t>(5) << 30);
     EXPECT_EQ(writer.Error(), EFBIG);
 }
 

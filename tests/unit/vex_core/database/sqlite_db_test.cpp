@@ -75,7 +75,7 @@ TEST(Sqlite, FailureHasCodeAndText)
     EXPECT_FALSE(db.Exec("nonsense"));
     EXPECT_NE(db.Error().find("nonsense"), std::string::npos) << db.Error();
     SqliteStatement bad(db, "SELECT * FROM nowhere");
-    bad.Bind(1, std::int64_t(1));
+    bad.Bind(1, static_cast<std::int64_t>(1));
     EXPECT_EQ(bad.Step(), SqliteStatement::EStep::Failed);
     EXPECT_NE(db.Error().find("nowhere"), std::string::npos) << db.Error();
 }
@@ -187,8 +187,8 @@ TEST_F(SqliteInit, UnknownNameIsOneWarningEach)
 {
     Set("nonsense", 5);
     Set("cache_size.more", 5);
-    m_dom->SetWx("sqlite.configX", std::int64_t(5));
-    m_dom->SetWx("sqlite.other", std::int64_t(5));
+    m_dom->SetWx("sqlite.configX", static_cast<std::int64_t>(5));
+    m_dom->SetWx("sqlite.other", static_cast<std::int64_t>(5));
     EXPECT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
     EXPECT_EQ(m_log.Count(wxLOG_Warning, "Unknown database setting 'sqlite.config.nonsense'"), 1u);
     EXPECT_EQ(m_log.Count(wxLOG_Warning, "Unknown database setting 'sqlite.config.cache_size.more'"), 1u);

@@ -19,7 +19,7 @@ using VexCore::ParseSettings;
 namespace {
 using Entries = std::map<std::string, std::string>;
 
-/// The ASCII text in characters of `width` bytes, the highest byte first or last.
+// The ASCII text in characters of `width` bytes, the highest byte first or last.
 std::string Wide(std::string_view text, int width, bool highFirst)
 {
     std::string bytes;
@@ -35,7 +35,7 @@ const std::string utf16Low = "\xFF\xFE";
 const std::string utf32High("\0\0\xFE\xFF", 4);
 const std::string utf32Low("\xFF\xFE\0\0", 4);
 
-/// Framework assertions that a file can trip, kept off the screen as the launcher keeps them.
+// Framework assertions that a file can trip, kept off the screen as the launcher keeps them.
 class AssertionsAreQuiet
 {
 public:
@@ -47,7 +47,7 @@ private:
     const wxAssertHandler_t m_before;
 };
 
-/// The group as the launcher's configuration object has it, which is made from the file itself.
+// The group as the launcher's configuration object has it, which is made from the file itself.
 Entries ByTheLauncher(const std::string& path)
 {
     const wxLogNull silence;

@@ -83,7 +83,7 @@ TEST(DomAllocation, ReadTakesNothingBeyondTheTextThatItReturns)
     root->Set("app.short", "tiny");
     root->Set("app.long", longText);
     root->Set("app.flag", true);
-    root->SetWx("app.number", std::int64_t(INT64_MIN));
+    root->SetWx("app.number", static_cast<std::int64_t>(INT64_MIN));
     for (const auto& [dom, prefix] : {std::pair(root, "app."), std::pair(view, "")}) {
         const std::string shortKey = std::string(prefix) + "short", longKey = std::string(prefix) + "long",
                           flagKey = std::string(prefix) + "flag", numberKey = std::string(prefix) + "number";
@@ -114,7 +114,7 @@ int ReadInEveryWay()
     bool flag = false;
     std::int64_t number = 0;
     int found = g_root->Get("app.flag", flag) + g_root->Get("app.number", number) + g_root->Has("app.long");
-    found += int(g_root->GetWxString("app.long").length() + g_root->Keys("app").size());
+    found += static_cast<int>(g_root->GetWxString("app.long").length() + g_root->Keys("app").size());
     return found + (g_root->GetObject("app.flag") == nullptr);
 }
 
@@ -125,7 +125,7 @@ TEST(DomAllocation, ReadsGoOnWhileAnotherReadIsHalfThrough)
     g_root = CDom::New(nullptr, nullptr, nullptr, false);
     g_root->Set("app.long", std::string(1000, 'x'));
     g_root->Set("app.flag", true);
-    g_root->SetWx("app.number", std::int64_t(1));
+    g_root->SetWx("app.number", static_cast<std::int64_t>(1));
     // A read holds the tree while it takes memory for the text that it returns.
     t_atNextAllocation = [] {
         g_others = std::async(std::launch::async, ReadInEveryWay);
@@ -143,9 +143,8 @@ TEST(DomAllocation, ReadsGoOnWhileAnotherReadIsHalfThrough)
 TEST(FairSharedLock, ReadersDoNotBlockEachOther)
 {
     VexCore::FairSharedLock lock;
-    std::shared_lock<VexCore::FairSharedLock> first(lock);
-    auto second =
-        std::async(std::launch::async, [&lock] { const std::shared_lock<VexCore::FairSharedLock> mine(lock); });
+    std::shared_lock first(lock);
+    auto second = std::async(std::launch::async, [&lock] { const std::shared_lock mine(lock); });
     EXPECT_EQ(second.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     first.unlock();
 }

@@ -25,7 +25,7 @@ TEST(Observer, IsCalledAfterEachKindOfWriteAndAfterRemoval)
     const DomObserver observer(*dom, {"a"}, [&] { seen.push_back(dom->Has("a") ? dom->Get("a") : "removed"); });
     dom->Set("a", "text");
     dom->Set("a", true);
-    dom->SetWx("a", std::int64_t(5));
+    dom->SetWx("a", static_cast<std::int64_t>(5));
     dom->Set("a", "5");
     dom->Set("a", "5");
     dom->Remove("a");
@@ -115,7 +115,7 @@ TEST(Observer, MayWriteItsOwnKey)
         if (dom->Get("n", value) && value > 0)
             dom->SetWx("n", value - 1);
     });
-    dom->SetWx("n", std::int64_t(20));
+    dom->SetWx("n", static_cast<std::int64_t>(20));
     EXPECT_EQ(dom->Get("n"), "0");
 }
 

@@ -122,11 +122,11 @@ TEST(Dom, BooleanIsReadFromTheIntegersOneAndNought)
 {
     const DomPtr dom = NewRoot();
     bool value = false;
-    dom->SetWx("key", std::int64_t(1));
+    dom->SetWx("key", static_cast<std::int64_t>(1));
     EXPECT_TRUE(dom->Get("key", value) && value);
-    dom->SetWx("key", std::int64_t(0));
+    dom->SetWx("key", static_cast<std::int64_t>(0));
     EXPECT_TRUE(dom->Get("key", value) && !value);
-    dom->SetWx("key", std::int64_t(2));
+    dom->SetWx("key", static_cast<std::int64_t>(2));
     EXPECT_FALSE(dom->Get("key", value));
 }
 
@@ -274,7 +274,7 @@ TEST(Dom, ManyKeysKeepTheirValues)
 {
     const DomPtr dom = NewRoot();
     for (int i = 0; i < 10000; ++i)
-        dom->SetWx(("k." + std::to_string(i)).c_str(), std::int64_t(i));
+        dom->SetWx(("k." + std::to_string(i)).c_str(), static_cast<std::int64_t>(i));
     for (int i = 0; i < 10000; i += 2)
         EXPECT_TRUE(dom->Remove(("k." + std::to_string(i)).c_str()));
     for (int i = 0; i < 10000; ++i)
@@ -425,7 +425,7 @@ TEST(Dom, SettingComesFromTheKeyAndElseFromTheFile)
     dom->Set("vex.text", "key");
     EXPECT_TRUE(dom->GetSetting("vex.text", text));
     EXPECT_EQ(text, "key");
-    dom->SetWx("vex.number", std::int64_t(7));
+    dom->SetWx("vex.number", static_cast<std::int64_t>(7));
     EXPECT_TRUE(dom->GetSetting("vex.number", number));
     EXPECT_EQ(number, 7);
     EXPECT_EQ(dom->Get("vex.flag"), "") << "Get does not look into the file";
@@ -495,7 +495,7 @@ TEST(DomWait, TimeIsOver)
 }
 
 namespace {
-/// Waits for `key` on this thread while another does `write`, again and again until the wait has ended.
+// Waits for `key` on this thread while another does `write`, again and again until the wait has ended.
 EWait WaitWhile(const DomPtr& dom, const char* key, const std::function<void(CDom&)>& write, std::int64_t timeoutMs)
 {
     ::Test::JoiningThread writer([&](const std::atomic<bool>& stop) {
@@ -533,7 +533,7 @@ TEST(DomWait, EveryKindOfWriteWakes)
         [](CDom& dom) { dom.Set("k", std::string("text")); },
         [](CDom& dom) { dom.Set("k", true); },
         [](CDom& dom) { dom.SetWx("k", wxString(wxS("x"))); },
-        [](CDom& dom) { dom.SetWx("k", std::int64_t(1)); },
+        [](CDom& dom) { dom.SetWx("k", static_cast<std::int64_t>(1)); },
         [](CDom& dom) { dom.SetObject("k", nullptr); },
     };
     for (const auto& write : writes)
@@ -740,8 +740,9 @@ TEST(DomThreads, ReadersWritersAndWaitersGetWhatWasWritten)
     for (int i = 0; i < 2; ++i)
         writers.emplace_back([&, i] {
             for (int n = 0; n < rounds; ++n) {
-                dom->Set("shared.text", std::string(std::size_t(n % 64), char('a' + (n + i) % 26)));
-                dom->SetWx("shared.number", std::int64_t(n));
+                dom->Set("shared.text",
+                         std::string(static_cast<std::size_t>(n % 64), static_cast<char>('a' + (n + i) % 26)));
+                dom->SetWx("shared.number", static_cast<std::int64_t>(n));
                 dom->SetObject("shared.object", std::make_shared<CDomObject>());
                 if (n % 3 == 0)
                     dom->Remove("shared.object");
@@ -769,7 +770,7 @@ TEST(DomThreads, BusyReadersDoNotKeepAWriterOut)
                 dom->Get("key", text);
         });
     for (int i = 0; i < 100; ++i)
-        dom->SetWx("key", std::int64_t(i));
+        dom->SetWx("key", static_cast<std::int64_t>(i));
     for (::Test::JoiningThread& reader : readers)
         reader.Stop();
     EXPECT_EQ(dom->Get("key"), "99");

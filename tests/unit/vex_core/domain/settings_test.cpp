@@ -58,7 +58,7 @@ TEST(Settings, ZeroAndBelowAreTheDefaultOfEachLimit)
     for (const Setting& setting : knownSettings) {
         if (setting.type != ESetting::Int)
             continue;
-        for (const std::int64_t value : {std::int64_t(0), std::int64_t(-1), INT64_MIN}) {
+        for (const std::int64_t value : {static_cast<std::int64_t>(0), static_cast<std::int64_t>(-1), INT64_MIN}) {
             dom->SetWx(setting.key, value);
             EXPECT_EQ(IntSetting(*dom, setting.key), setting.standard) << setting.key << '=' << value;
         }
@@ -95,7 +95,7 @@ TEST(Settings, BlanksAroundAValueOfTheFileDoNotCount)
 }
 
 namespace {
-/// One second after another may begin at any time, so a test waits for more than one.
+// One second after another may begin at any time, so a test waits for more than one.
 void WaitForTheNextLookAtTheFile()
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(1050));

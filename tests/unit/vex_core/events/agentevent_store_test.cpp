@@ -327,7 +327,7 @@ TEST_F(EventDatabase, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEvent
         for (int i = 0; i < more; ++i)
             store.Write(SampleEvent("e"));
     }
-    EXPECT_EQ(log.Count(wxLOG_Error, "Unable to take the events out of"), std::size_t(more));
+    EXPECT_EQ(log.Count(wxLOG_Error, "Unable to take the events out of"), static_cast<std::size_t>(more));
     EXPECT_TRUE(store.StoreKept());
     EXPECT_FALSE(Exists(Pending()));
     EXPECT_EQ(CountOf(Stored(), "kept"), 1);

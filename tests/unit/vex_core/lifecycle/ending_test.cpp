@@ -34,7 +34,7 @@ void Record()
     *g_record += std::string(stepNames[step]) + ' ';
 }
 
-/// Straight to the descriptor: it is asked for when streams and buffers are gone.
+// Straight to the descriptor: it is asked for when streams and buffers are gone.
 template <std::size_t step>
 void Tell()
 {
@@ -66,7 +66,7 @@ private:
     std::function<void()> m_body;
 };
 
-/// A thread that is never destroyed: the process ends while it runs.
+// A thread that is never destroyed: the process ends while it runs.
 void Launch(std::function<void()> body)
 {
     (new Thread(std::move(body)))->start(50, true, 0);
@@ -144,7 +144,7 @@ struct WayOut
 {
     const char* name;
     void (*go)();
-    const char* told; ///< a pattern of what the steps say
+    const char* told; // a pattern of what the steps say
 };
 
 void PrintTo(const WayOut& way, std::ostream* out)

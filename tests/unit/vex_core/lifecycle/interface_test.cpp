@@ -26,7 +26,7 @@
 using namespace VexCore;
 
 namespace {
-/// Whether the function or member of that name, picked from its overloads, is there with exactly this type.
+// Whether the function or member of that name, picked from its overloads, is there with exactly this type.
 template <class Wanted>
 constexpr bool Has(Wanted)
 {
@@ -95,7 +95,7 @@ static_assert(std::is_same_v<decltype(&CSqliteDatabase::ShutdownSQLite), void (*
 static_assert(std::is_same_v<decltype(&profiler_idle), void (*)()>);
 static_assert(std::is_same_v<decltype(&profiler_running), void (*)()>);
 
-/// A host's thread that overrides all that it may.
+// A host's thread that overrides all that it may.
 class Thread : public CRunnable
 {
 public:

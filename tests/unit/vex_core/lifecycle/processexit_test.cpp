@@ -41,7 +41,7 @@ private:
     std::function<void()> m_body;
 };
 
-/// Starts threads that are never destroyed: the process ends while they run.
+// Starts threads that are never destroyed: the process ends while they run.
 void Launch(std::function<void()> body, bool takesPartInStop)
 {
     auto* thread = new Thread(std::move(body));
@@ -60,7 +60,7 @@ class ProcessEnd : public ::testing::Test
 protected:
     ProcessEnd() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
 
-    /// Says on standard error that `exit` ran its handlers, and so its destructors.
+    // Says on standard error that `exit` ran its handlers, and so its destructors.
     static void TellAtExit()
     {
         std::atexit([] { std::fputs("handlers ran", stderr); });
@@ -150,7 +150,7 @@ TEST_F(ProcessEnd, LogAndStandardOutputAreEmptiedAlsoWithoutDestructors)
         ::testing::ExitedWithCode(7), "/thread\\] queued, and held for want of a place\nprinted$");
 }
 
-/// Takes its time over what the main thread writes, and says when it has begun.
+// Takes its time over what the main thread writes, and says when it has begun.
 class SlowInMain : public CLog2Disk
 {
 public:

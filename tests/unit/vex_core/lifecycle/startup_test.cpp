@@ -24,7 +24,7 @@ using Environment = std::map<std::string, std::string>;
 const char* const localeVariables[] = {"LANG",    "LC_ALL",     "LC_CTYPE",    "LC_NUMERIC", "LC_MESSAGES",
                                        "LC_TIME", "LC_COLLATE", "LC_MONETARY", "LANGUAGE"};
 
-/// Settles the locale in a child that was started with this environment, as before `main`, and answers what `check` says.
+// Settles the locale in a child that was started with this environment, as before `main`, and answers what `check` says.
 int InChildWith(const Environment& environment, int (*check)())
 {
     const auto body = [&] {
@@ -45,7 +45,7 @@ bool SetIsUtf8()
     return std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0;
 }
 
-/// 0: text is UTF-8 and 1.5 is 1.5, now and when the environment is asked again.
+// 0: text is UTF-8 and 1.5 is 1.5, now and when the environment is asked again.
 int TextAndNumbersAreRight()
 {
     char number[16];

@@ -60,7 +60,7 @@ bool Exists(const std::string& path)
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-/// Stands for standard error.
+// Stands for standard error.
 class ErrorFile
 {
 public:
@@ -76,20 +76,20 @@ private:
     int m_descriptor;
 };
 
-/// Lets calls fail while it lives. The rules see each call of a kind and answer an errno or 0.
+// Lets calls fail while it lives. The rules see each call of a kind and answer an errno or 0.
 class Faults
 {
 public:
-    /// Done before each call, whatever becomes of it.
+    // Done before each call, whatever becomes of it.
     std::function<void(const os::Call&)> look;
 
-    /// 0: nothing fails.
+    // 0: nothing fails.
     void FailAll(const char* call, int error)
     {
         m_call = call;
         m_error = error;
     }
-    /// The n-th call of any kind from here on fails, n from 1.
+    // The n-th call of any kind from here on fails, n from 1.
     void FailOnly(int n, int error)
     {
         m_countdown = n;
@@ -112,7 +112,7 @@ private:
         if (name == m_call)
             return m_error;
         if (name == "write")
-            *call.size = std::min(*call.size, std::exchange(m_shortWrite, std::size_t(-1)));
+            *call.size = std::min(*call.size, std::exchange(m_shortWrite, static_cast<std::size_t>(-1)));
         return 0;
     }
 
@@ -120,12 +120,12 @@ private:
     int m_error = 0;
     int m_countdown = -1;
     int m_countdownError = 0;
-    std::size_t m_shortWrite = std::size_t(-1);
+    std::size_t m_shortWrite = static_cast<std::size_t>(-1);
     int m_writes = 0;
     Test::CallWatch m_watch{[this](const os::Call& call) { return Answer(call); }};
 };
 
-/// Logs "one" and then "12345", of which the disk, full from there on, takes "12" only.
+// Logs "one" and then "12345", of which the disk, full from there on, takes "12" only.
 void CutASecondRecord(DiskLog& log, Faults& faults, const std::string& path)
 {
     log.SetFile(path);
@@ -785,7 +785,7 @@ TEST(DiskLog, ThreadsNeverMixTheirRecords)
     for (int i = 0; i < 4; ++i)
         writers.emplace_back([&, i] {
             for (int n = 0; n < 1000; ++n)
-                log.Write(std::string(std::size_t(10 + n % 90), char('a' + i)) + '\n', false);
+                log.Write(std::string(static_cast<std::size_t>(10 + n % 90), static_cast<char>('a' + i)) + '\n', false);
         });
     for (::Test::JoiningThread& writer : writers)
         writer.join();
@@ -799,7 +799,7 @@ TEST(DiskLog, ThreadsNeverMixTheirRecords)
 }
 
 namespace {
-/// What each writer has done, as it says so after each record; in memory that the processes share.
+// What each writer has done, as it says so after each record; in memory that the processes share.
 struct Progress
 {
     std::atomic<int> written[3];
@@ -808,7 +808,7 @@ struct Progress
 std::string NumberedRecord(int writer, int number)
 {
     return "writer " + std::to_string(writer) + " line " + std::to_string(number) + " "
-           + std::string(std::size_t(20 + number % 60), '.') + "!\n";
+           + std::string(static_cast<std::size_t>(20 + number % 60), '.') + "!\n";
 }
 
 int WriteNumbered(const std::string& path, const DiskLog::Settings& settings, Progress& progress, int writer, int lines)
@@ -823,8 +823,8 @@ int WriteNumbered(const std::string& path, const DiskLog::Settings& settings, Pr
     return 0;
 }
 
-/// Moves the files that were rotated out of the way into a folder, as rotation may: under its lock. A rotation renames each
-/// file that is there, and with a thousand of them the writers would outrun it.
+// Moves the files that were rotated out of the way into a folder, as rotation may: under its lock. A rotation renames each
+// file that is there, and with a thousand of them the writers would outrun it.
 void CollectRotated(const std::string& path, const std::string& folder, int& collected)
 {
     const int lock = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -880,7 +880,7 @@ TEST(DiskLog, ProcessesThatRotateLoseAndTearNoLineEvenWhenOneIsKilled)
 
     std::vector<char> found[3];
     for (std::vector<char>& each : found)
-        each.resize(std::size_t(lines), 0);
+        each.resize(static_cast<std::size_t>(lines), 0);
     int strange = 0;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.Path())) {
         if (!entry.is_regular_file())
@@ -891,7 +891,7 @@ TEST(DiskLog, ProcessesThatRotateLoseAndTearNoLineEvenWhenOneIsKilled)
             int number = -1;
             if (std::sscanf(line.c_str(), "writer %d line %d", &writer, &number) == 2 && writer >= 0 && writer < 3
                 && number >= 0 && number < lines && line + '\n' == NumberedRecord(writer, number))
-                ++found[writer][std::size_t(number)];
+                ++found[writer][static_cast<std::size_t>(number)];
             else if (!line.empty())
                 ++strange;
         }

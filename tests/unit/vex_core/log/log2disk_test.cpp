@@ -49,7 +49,7 @@ std::vector<std::string> LinesOf(const std::string& text)
     return lines;
 }
 
-/// The disk log as the framework's target, with a file of its own: what the launcher has, for one test.
+// The disk log as the framework's target, with a file of its own: what the launcher has, for one test.
 class LogToDisk : public testing::Test
 {
 protected:
@@ -272,8 +272,8 @@ TEST_F(LogToDisk, FlushOnAnotherThreadEmptiesTheQueueToo)
 TEST_F(LogToDisk, SizeAndNumberOfFilesAreSettings)
 {
     MakeRoot();
-    m_root->SetWx("app.log.size", std::int64_t(1)); // too small a size becomes 4096
-    m_root->SetWx("app.log.count", std::int64_t(2));
+    m_root->SetWx("app.log.size", static_cast<std::int64_t>(1)); // too small a size becomes 4096
+    m_root->SetWx("app.log.count", static_cast<std::int64_t>(2));
     for (int i = 0; i < 10; ++i)
         wxLogWarning("%s", std::string(2000, 'x').c_str());
     EXPECT_EQ(LinesOf(Text("agent.log.1")).size(), 2u);
@@ -422,7 +422,7 @@ TEST_F(LogToDisk, EarlyLineOfAParentIsNotShownByItsChild)
 // --- standard error
 
 namespace {
-/// Runs `body` in a child whose standard error is a terminal and answers what appears on it.
+// Runs `body` in a child whose standard error is a terminal and answers what appears on it.
 std::string OnTerminal(const std::function<void()>& body)
 {
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
@@ -442,7 +442,7 @@ std::string OnTerminal(const std::function<void()>& body)
     std::string text;
     char buffer[1024];
     for (ssize_t count; (count = ::read(master, buffer, sizeof buffer)) > 0;)
-        text.append(buffer, std::size_t(count));
+        text.append(buffer, static_cast<std::size_t>(count));
     ::close(master);
     WaitFor(child);
     return text;
@@ -487,8 +487,8 @@ TEST_F(LogToDisk, NarrowOutputStillWorksAfterLinesWereShown)
 TEST_F(LogToDisk, ManyThreadsLogWithoutLosingALine)
 {
     MakeRoot();
-    m_root->SetWx("app.log.size", std::int64_t(20000));
-    m_root->SetWx("app.log.count", std::int64_t(1000));
+    m_root->SetWx("app.log.size", static_cast<std::int64_t>(20000));
+    m_root->SetWx("app.log.count", static_cast<std::int64_t>(1000));
     std::vector<::Test::JoiningThread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([] {

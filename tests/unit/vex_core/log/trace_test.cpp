@@ -125,7 +125,7 @@ TEST(Trace, ListsMayChangeWhileOthersAsk)
 }
 
 namespace {
-/// While it lives, the log of the process is this one.
+// While it lives, the log of the process is this one.
 class ProcessLog
 {
 public:

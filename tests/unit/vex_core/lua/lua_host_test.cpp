@@ -426,7 +426,7 @@ TEST_F(HostModules, AnExceptionOfACallIsAnErrorWithItsText)
 #else
     EXPECT_EQ(Run("open, path = require('vex.db').open, string.rep('x', 2^27) collectgarbage()"), "nothing");
 
-    const ::Test::AddressLimit allButTheCopy(std::size_t(32) << 20);
+    const ::Test::AddressLimit allButTheCopy(static_cast<std::size_t>(32) << 20);
     const std::string result =
         Run("local ok, message = pcall(open, path) return tostring(ok) .. ' ' .. type(message) .. ' '"
             " .. tostring(message):sub(1, 100)");

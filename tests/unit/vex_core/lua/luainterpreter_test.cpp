@@ -21,7 +21,7 @@ using ::testing::StartsWith;
 using VexCore::CLuaInterpreter;
 
 namespace {
-/// Allows so many bytes in all.
+// Allows so many bytes in all.
 struct LimitedAllocator
 {
     std::size_t left;

@@ -37,7 +37,7 @@ protected:
     }
     ~DomainInLua() override { dom->Release(); }
 
-    /// The results of `return code` as texts with blanks between, or "error: " and the message.
+    // The results of `return code` as texts with blanks between, or "error: " and the message.
     std::string Run(const std::string& code)
     {
         lua_State* L = lua.L();
@@ -68,7 +68,7 @@ TEST_F(DomainInLua, GetGivesTextDefaultOrNil)
 {
     dom->Set("text", std::string("a\0b", 3));
     dom->Set("flag", true);
-    dom->SetWx("number", std::int64_t(9007199254740993));
+    dom->SetWx("number", static_cast<std::int64_t>(9007199254740993));
     EXPECT_EQ(Run("dom0:Get('text')"), std::string("a\0b", 3));
     EXPECT_EQ(Run("dom0:Get('flag')"), "true");
     EXPECT_EQ(Run("dom0:Get('number')"), "9007199254740993");
@@ -91,8 +91,8 @@ TEST_F(DomainInLua, GetBoolGivesBooleanDefaultOrFalse)
 TEST_F(DomainInLua, GetIntGivesIntegerDefaultOrNil)
 {
     dom->Set("text", "-17");
-    dom->SetWx("exact", std::int64_t(1) << 53);
-    dom->SetWx("beyond", (std::int64_t(1) << 53) + 1);
+    dom->SetWx("exact", static_cast<std::int64_t>(1) << 53);
+    dom->SetWx("beyond", (static_cast<std::int64_t>(1) << 53) + 1);
     EXPECT_EQ(Run("dom0:GetInt('text')"), "-17");
     EXPECT_EQ(Run("dom0:GetInt('exact') == 2^53"), "true");
     EXPECT_EQ(Run("dom0:GetInt('none')"), "nil");
@@ -101,10 +101,10 @@ TEST_F(DomainInLua, GetIntGivesIntegerDefaultOrNil)
               "error: test.lua:1: the value of 'beyond' is beyond 2^53, where Lua numbers "
               "are not exact: read it with Get");
     EXPECT_EQ(Run("dom0:Get('beyond')"), "9007199254740993");
-    dom->SetWx("below", -(std::int64_t(1) << 53) - 1);
+    dom->SetWx("below", -(static_cast<std::int64_t>(1) << 53) - 1);
     EXPECT_THAT(Run("dom0:GetInt('below')"), HasSubstr("the value of 'below' is beyond 2^53"));
     EXPECT_EQ(Run("dom0:Get('below')"), "-9007199254740993");
-    dom->SetWx("lowest", -(std::int64_t(1) << 53));
+    dom->SetWx("lowest", -(static_cast<std::int64_t>(1) << 53));
     EXPECT_EQ(Run("dom0:GetInt('lowest') == -2^53"), "true");
     EXPECT_THAT(Run("dom0:GetInt('none', 'x')"), HasSubstr("#2 to 'SLB.Dom:GetInt' (integer expected, got string)"));
 }

@@ -42,7 +42,7 @@ protected:
     wxLogNull silence;
 };
 
-/// Lets the process have fewer descriptors for one test.
+// Lets the process have fewer descriptors for one test.
 class DescriptorLimit
 {
 public:

@@ -17,7 +17,7 @@ std::vector<Item> Items()
     return {{"/x.vxe/a.lua", 6, "chunk a"}, {"/x.vxe/b.lua", 6, std::string_view("\0b", 2)}, {"/y.vxe/a.lua", 6, ""}};
 }
 
-/// Reads a whole file the way the cache does.
+// Reads a whole file the way the cache does.
 bool ReadAll(const std::string& file, std::string_view wantedKey, std::vector<ChunkRecord>& records)
 {
     Header header;
@@ -71,7 +71,7 @@ TEST(ChunkFile, EveryFlippedBitIsNoticed)
     const std::string good = Build(key, Items());
     for (std::size_t i = 0; i < good.size() * 8; ++i) {
         std::string bad = good;
-        bad[i / 8] = char(bad[i / 8] ^ (1 << (i % 8)));
+        bad[i / 8] = static_cast<char>(bad[i / 8] ^ (1 << (i % 8)));
         std::vector<ChunkRecord> records;
         if (!ReadAll(bad, key, records))
             continue;
@@ -122,6 +122,6 @@ TEST(ChunkFile, ARecordThatPointsOutOfTheFileIsRefused)
     EXPECT_FALSE(parses(data, 4, 7));
     EXPECT_FALSE(parses(data - 1, 4, 6));
     EXPECT_FALSE(parses(data + 11, 0, 0));
-    EXPECT_FALSE(parses(~std::uint64_t(0), 4, 6));
+    EXPECT_FALSE(parses(~static_cast<std::uint64_t>(0), 4, 6));
     EXPECT_FALSE(parses(data, 0xffffffffu, 0xffffffffu));
 }

@@ -33,7 +33,7 @@ int g_failAt = 0;
 int g_calls = 0;
 bool g_fatal = false;
 
-/// Lets the n-th call fail, or ends the process right before it.
+// Lets the n-th call fail, or ends the process right before it.
 int FailNth(const os::Call&)
 {
     if (++g_calls != g_failAt)

@@ -45,7 +45,7 @@ std::string Archive(const Files& files, std::uint16_t method = 8)
     return builder.Build();
 }
 
-/// A Lua state as a host prepares it.
+// A Lua state as a host prepares it.
 class Lua
 {
 public:
@@ -64,7 +64,7 @@ public:
     Lua(const Lua&) = delete;
     Lua& operator=(const Lua&) = delete;
 
-    /// The chunk's first result as text, or its error.
+    // The chunk's first result as text, or its error.
     std::string Run(const std::string& code)
     {
         std::string result;
@@ -134,7 +134,7 @@ protected:
         ChunkCaches::Process().ForgetUnused();
     }
 
-    /// Writes the archive the way an installation does, by renaming, and puts it last on the search path.
+    // Writes the archive the way an installation does, by renaming, and puts it last on the search path.
     std::string Add(const std::string& name, const Files& files) { return AddBytes(name, Archive(files)); }
     std::string AddBytes(const std::string& name, const std::string& bytes)
     {
@@ -665,7 +665,7 @@ TEST_F(ModuleSearch, AnArchiveIsOpenedOnceForAllInterpreters)
 
 TEST_F(ModuleSearch, ALimitOfArchivesCountsHereToo)
 {
-    dom->SetWx("app.unzip.maxentries", std::int64_t(1));
+    dom->SetWx("app.unzip.maxentries", static_cast<std::int64_t>(1));
     Add("x.vxe", {{"a.lua", "return 'x'"}, {"b.lua", "return 'x'"}});
     Add("y.vxe", {{"a.lua", "return 'y'"}});
     ::Test::LogCatcher log;
@@ -674,8 +674,8 @@ TEST_F(ModuleSearch, ALimitOfArchivesCountsHereToo)
     EXPECT_EQ(log.Lines().size(), 1u);
 
     // What is on the path next is opened by the limits of now, not by those of a second ago.
-    dom->SetWx("app.unzip.maxentries", std::int64_t(2));
-    dom->SetWx("app.unzip.maxbytes", std::int64_t(10));
+    dom->SetWx("app.unzip.maxentries", static_cast<std::int64_t>(2));
+    dom->SetWx("app.unzip.maxbytes", static_cast<std::int64_t>(10));
     dom->Set("app.lua.zippath", "");
     Add("z.vxe", {{"a.lua", "return 'more than ten bytes'"}});
     Add("short.vxe", {{"a.lua", "return 1"}});
@@ -705,7 +705,7 @@ TEST_F(ModuleSearch, FiveHundredArchivesAreOpenedOnceEach)
               std::to_string(499 * 250));
     for (int i = 0; i < 500; ++i) {
         const auto slot = ArchiveIndex::Process().Slot(folder / ("x" + std::to_string(i) + ".vxe"));
-        EXPECT_EQ(slot->Current(ZipLimits(), failure)->Zip(error), open[std::size_t(i)]);
+        EXPECT_EQ(slot->Current(ZipLimits(), failure)->Zip(error), open[static_cast<std::size_t>(i)]);
     }
 }
 
@@ -725,7 +725,7 @@ TEST_F(ModuleSearch, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNextTime
     ASSERT_EQ(key.size(), 64u);
     const std::string name = path + "/a.lua";
     const std::string chunk = Dumped("return 'from the cache'");
-    const ChunkCacheFormat::Item item{name, std::uint32_t(path.size()), chunk};
+    const ChunkCacheFormat::Item item{name, static_cast<std::uint32_t>(path.size()), chunk};
     ::Test::WriteFile(CacheFiles()[0], ChunkCacheFormat::Build(key, {item}));
     ASSERT_EQ(::chmod(CacheFiles()[0].c_str(), 0600), 0);
     ChunkCaches::Process().ForgetUnused();
@@ -827,7 +827,7 @@ TEST_F(ModuleSearch, AChangedSettingsFileCountsFromTheNextSecondOn)
 }
 
 namespace {
-/// All files below a folder with their sizes.
+// All files below a folder with their sizes.
 std::vector<std::string> WholeTree(const std::string& folder)
 {
     std::vector<std::string> files;
@@ -907,7 +907,7 @@ TEST_F(ModuleSearch, ACacheFolderOfAnotherUserIsNotUsed)
     const std::string key = std::filesystem::path(file).stem().string();
     const std::string name = path + "/a.lua";
     const std::string chunk = Dumped("return 'poison'");
-    const ChunkCacheFormat::Item item{name, std::uint32_t(path.size()), chunk};
+    const ChunkCacheFormat::Item item{name, static_cast<std::uint32_t>(path.size()), chunk};
     ::Test::WriteFile(file, ChunkCacheFormat::Build(key, {item}));
 
     ASSERT_EQ(::chown(CacheFolder().c_str(), 12345, 12345), 0);
@@ -932,7 +932,7 @@ TEST_F(ModuleSearch, AnyDamageOfTheCacheFileCostsOnlyTime)
     const std::size_t step = std::getenv("VEX_FULL") ? 1 : 7;
     for (std::size_t i = 0; i < good.size(); i += step) {
         std::string bad = good;
-        bad[i] = char(bad[i] ^ (1 << (i % 8)));
+        bad[i] = static_cast<char>(bad[i] ^ (1 << (i % 8)));
         damaged.push_back(bad);
     }
     for (std::size_t length = 0; length < good.size(); length += 3 * step)

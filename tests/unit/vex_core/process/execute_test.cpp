@@ -165,7 +165,7 @@ TEST(HelperProgram, OutputIsCutAt16MiBAndTheProgramEndsAllTheSame)
     const Result result = Shell("head -c 20000000 /dev/zero | tr '\\0' x; exit 0");
     EXPECT_TRUE(result.ran);
     EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.output.length(), std::size_t(16) << 20);
+    EXPECT_EQ(result.output.length(), static_cast<std::size_t>(16) << 20);
 }
 
 TEST(HelperProgram, CutDoesNotSplitACharacter)
@@ -173,7 +173,7 @@ TEST(HelperProgram, CutDoesNotSplitACharacter)
     // 3-byte characters do not divide 16 MiB: the cut falls inside one.
     const Result result = Shell("head -c 6000000 /dev/zero | sed 's/\\x00/\\xe2\\x82\\xac/g'");
     EXPECT_TRUE(result.ran);
-    ASSERT_EQ(result.output.length(), (std::size_t(16) << 20) / 3);
+    ASSERT_EQ(result.output.length(), (static_cast<std::size_t>(16) << 20) / 3);
     EXPECT_EQ(result.output[0], wxUniChar(0x20AC));
     EXPECT_EQ(result.output.Last(), wxUniChar(0x20AC));
 }

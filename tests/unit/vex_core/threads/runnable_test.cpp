@@ -40,7 +40,7 @@ private:
     std::function<void(Body&)> m_body;
 };
 
-/// Holds until it is opened.
+// Holds until it is opened.
 class Gate
 {
 public:
@@ -194,7 +194,7 @@ TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
 
     bool started = true;
     {
-        const ::Test::AddressLimit allButTheStack(std::size_t(64) << 20);
+        const ::Test::AddressLimit allButTheStack(static_cast<std::size_t>(64) << 20);
         started = body.start(50, true, 1u << 30);
     }
 
@@ -246,8 +246,8 @@ TEST(Runnable, ThreadHasTheStackAndThePriorityThatItWasStartedWith)
     };
     constexpr double guards = 65536; // which some versions of the library count and others do not
     // Sizes above the default, because a sanitizer enlarges smaller ones.
-    EXPECT_NEAR(double(stackBytesOf(12 << 20)), 12 << 20, guards);
-    EXPECT_NEAR(double(stackBytesOf(20 << 20)), 20 << 20, guards);
+    EXPECT_NEAR(static_cast<double>(stackBytesOf(12 << 20)), 12 << 20, guards);
+    EXPECT_NEAR(static_cast<double>(stackBytesOf(20 << 20)), 20 << 20, guards);
 }
 #endif
 

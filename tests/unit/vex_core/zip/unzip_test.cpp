@@ -40,7 +40,7 @@ using namespace Test;
 namespace fs = std::filesystem;
 
 namespace {
-/// What a folder holds: path to kind, mode and content.
+// What a folder holds: path to kind, mode and content.
 std::map<std::string, std::string> Tree(const std::string& root)
 {
     std::map<std::string, std::string> tree;
@@ -49,7 +49,7 @@ std::map<std::string, std::string> Tree(const std::string& root)
         struct stat status;
         ::lstat(item.path().c_str(), &status);
         char mode[32];
-        std::snprintf(mode, sizeof mode, "%o ", unsigned(status.st_mode));
+        std::snprintf(mode, sizeof mode, "%o ", static_cast<unsigned>(status.st_mode));
         tree[path] = mode;
         if (item.is_symlink())
             tree[path] += fs::read_symlink(item.path()).string();
@@ -59,7 +59,7 @@ std::map<std::string, std::string> Tree(const std::string& root)
     return tree;
 }
 
-/// In memory where there is such a place: some tests flush a thousand times.
+// In memory where there is such a place: some tests flush a thousand times.
 std::string FastPlace()
 {
     return fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path().string();
@@ -94,8 +94,8 @@ protected:
         m_log.emplace();
         const auto callback = [](void* data, const wxZipEntry* entry, const wxString* destination) {
             Context& c = *static_cast<Context*>(data);
-            c.seen.push_back({std::string(entry->GetInternalName().utf8_str()), std::uint64_t(entry->GetSize()),
-                              std::string(destination->utf8_str())});
+            c.seen.push_back({std::string(entry->GetInternalName().utf8_str()),
+                              static_cast<std::uint64_t>(entry->GetSize()), std::string(destination->utf8_str())});
             return c.answer(c.seen.back());
         };
         return Unzip(wxFileName(wxString::FromUTF8(m_archive)), wxFileName::DirName(wxString::FromUTF8(m_root)),
@@ -106,7 +106,7 @@ protected:
         WriteFile(m_archive, builder.Build());
         return Run();
     }
-    /// The removal as the launcher does it.
+    // The removal as the launcher does it.
     bool Remove()
     {
         return Run([](const Seen& seen) {
@@ -214,7 +214,7 @@ TEST_F(Unzipping, ArchiveWithAFaultInItsHeadersChangesNothingAndAsksNothing)
         EXPECT_TRUE(m_seen.empty());
         EXPECT_EQ(Tree(m_root), before);
         ASSERT_EQ(m_log->Lines().size(), 1u);
-        EXPECT_EQ(m_log->Lines()[0].level, unsigned(wxLOG_Error));
+        EXPECT_EQ(m_log->Lines()[0].level, static_cast<unsigned>(wxLOG_Error));
         const std::string& text = m_log->Lines()[0].text;
         EXPECT_EQ(text.find("Cannot process the archive \"" + m_archive + "\": "), 0u) << text;
         EXPECT_NE(text.find(broken.reason), std::string::npos) << text;
@@ -444,11 +444,11 @@ TEST_F(Unzipping, ManyFoldersAndFilesGoThroughAllLimitsOfGroupsAndOpenFolders)
     ZipBuilder builder;
     for (int i = 0; i < 300; ++i)
         builder.Add("d" + std::to_string(i % 40) + "/e" + std::to_string(i % 7) + "/f" + std::to_string(i),
-                    std::string(std::size_t(i) * 40, char('a' + i % 26)), i % 2 ? 8 : 0);
+                    std::string(static_cast<std::size_t>(i) * 40, static_cast<char>('a' + i % 26)), i % 2 ? 8 : 0);
     ASSERT_TRUE(Run(builder));
     for (int i = 0; i < 300; ++i)
         EXPECT_EQ(Content("d" + std::to_string(i % 40) + "/e" + std::to_string(i % 7) + "/f" + std::to_string(i)),
-                  std::string(std::size_t(i) * 40, char('a' + i % 26)));
+                  std::string(static_cast<std::size_t>(i) * 40, static_cast<char>('a' + i % 26)));
     EXPECT_FALSE(HasTemporaries(m_root));
     ASSERT_TRUE(Remove());
     EXPECT_EQ(m_seen.size(), 300u);
@@ -457,15 +457,15 @@ TEST_F(Unzipping, ManyFoldersAndFilesGoThroughAllLimitsOfGroupsAndOpenFolders)
 // --- Every call of the system
 
 namespace {
-/// What the doorway's observer does; only one test uses it at a time.
+// What the doorway's observer does; only one test uses it at a time.
 struct Plan
 {
     int count = 0;
-    int failFrom = 0; ///< 0: never
+    int failFrom = 0; // 0: never
     int failTo = 0;
-    std::string failName; ///< every call of this name
+    std::string failName; // every call of this name
     int error = 0;
-    int exitAt = 0; ///< 0: never
+    int exitAt = 0; // 0: never
     std::vector<std::string> names;
     std::function<void(const os::Call&)> look;
 };
@@ -502,11 +502,11 @@ protected:
     {
         ZipBuilder builder = PlainPackage();
         for (int i = 0; i < 6; ++i)
-            builder.Add("new/deep/f" + std::to_string(i), std::string(3000, char('a' + i)));
+            builder.Add("new/deep/f" + std::to_string(i), std::string(3000, static_cast<char>('a' + i)));
         return builder;
     }
 
-    /// A destination in which some of the package's files stand in an old version.
+    // A destination in which some of the package's files stand in an old version.
     void MakeOld()
     {
         fs::remove_all(m_root);
@@ -522,7 +522,7 @@ protected:
         for (const ZipItem& item : Package().items)
             if (item.local.name.back() != '/')
                 files[item.local.name] = item.local.name.rfind("new/", 0) == 0
-                                             ? std::string(3000, char('a' + item.local.name.back() - '0'))
+                                             ? std::string(3000, static_cast<char>('a' + item.local.name.back() - '0'))
                                          : item.local.name == "bin/tool"  ? "#!/bin/sh\necho tool\n"
                                          : item.local.name == "lib/a.lua" ? "return 1\n"
                                                                           : "return 2\n";
@@ -565,7 +565,7 @@ TEST_F(UnzippingUnderFaults, EachFailingCallMakesItFalseWithOneLineAndLeavesOldO
             const Observed observed(plan);
             const bool done = Run();
             reached = g_plan.count >= n;
-            EXPECT_EQ(done, !reached) << (reached ? g_plan.names[std::size_t(n) - 1] : "");
+            EXPECT_EQ(done, !reached) << (reached ? g_plan.names[static_cast<std::size_t>(n) - 1] : "");
             EXPECT_EQ(m_log->Lines().size(), reached ? 1u : 0u);
             ExpectEachFileOldOrNew();
             EXPECT_FALSE(HasTemporaries(m_root));
@@ -1004,22 +1004,22 @@ TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
     const std::size_t pieces = fs::space(m_root).available > (std::uintmax_t(3) << 29) ? 1024 : 64;
     ZipBuilder builder;
     ZipItem& huge = builder.Add("deflated", "");
-    const std::string piece(std::size_t(1) << 20, 'd');
+    const std::string piece(static_cast<std::size_t>(1) << 20, 'd');
     const std::string last = huge.packed; // an empty block, which ends the stream
     huge.packed.clear();
     const std::string packed = DeflatePiece(piece);
     for (std::size_t i = 0; i < pieces; ++i) {
         huge.packed += packed;
-        huge.crc32 =
-            std::uint32_t(::crc32(huge.crc32, reinterpret_cast<const Bytef*>(piece.data()), uInt(piece.size())));
+        huge.crc32 = static_cast<std::uint32_t>(
+            ::crc32(huge.crc32, reinterpret_cast<const Bytef*>(piece.data()), uInt(piece.size())));
     }
     huge.packed += last;
     for (ZipRecord* const record : {&huge.local, &huge.central}) {
-        record->size = std::uint32_t(piece.size() * pieces);
-        record->packedSize = std::uint32_t(huge.packed.size());
+        record->size = static_cast<std::uint32_t>(piece.size() * pieces);
+        record->packedSize = static_cast<std::uint32_t>(huge.packed.size());
         record->crc32 = huge.crc32;
     }
-    builder.Add("stored", std::string(std::size_t(24) << 20, 's'), 0);
+    builder.Add("stored", std::string(static_cast<std::size_t>(24) << 20, 's'), 0);
     WriteFile(m_archive, builder.Build());
     builder = ZipBuilder();
     const auto run = [this] {
@@ -1054,15 +1054,15 @@ TEST_F(Unzipping, LimitsComeFromTheDomain)
     builder.Add("a", std::string(600, 'a'));
     builder.Add("b", std::string(400, 'b'));
     EXPECT_TRUE(Run(builder));
-    dom->SetWx("app.unzip.maxbytes", std::int64_t(999));
+    dom->SetWx("app.unzip.maxbytes", static_cast<std::int64_t>(999));
     EXPECT_FALSE(Run(builder));
     EXPECT_NE(m_log->Lines()[0].text.find("over 999 bytes"), std::string::npos) << m_log->Lines()[0].text;
     dom->Set("app.unzip.maxbytes", "1000");
     EXPECT_TRUE(Run(builder));
-    dom->SetWx("app.unzip.maxentries", std::int64_t(1));
+    dom->SetWx("app.unzip.maxentries", static_cast<std::int64_t>(1));
     EXPECT_FALSE(Run(builder));
     EXPECT_NE(m_log->Lines()[0].text.find("more than 1 entries"), std::string::npos) << m_log->Lines()[0].text;
-    dom->SetWx("app.unzip.maxentries", std::int64_t(-1));
+    dom->SetWx("app.unzip.maxentries", static_cast<std::int64_t>(-1));
     EXPECT_TRUE(Run(builder)) << "a limit below 0 is no limit that anyone meant";
 }
 
@@ -1076,7 +1076,7 @@ TEST_F(Unzipping, LimitsComeFromTheSettingsFileWhereTheDomainHasNone)
     builder.Add("a", "123456");
     EXPECT_FALSE(Run(builder));
     EXPECT_NE(m_log->Lines()[0].text.find("over 5 bytes"), std::string::npos) << m_log->Lines()[0].text;
-    dom->SetWx("app.unzip.maxbytes", std::int64_t(1000));
+    dom->SetWx("app.unzip.maxbytes", static_cast<std::int64_t>(1000));
     EXPECT_TRUE(Run(builder));
     builder.Add("b", "x");
     EXPECT_FALSE(Run(builder));

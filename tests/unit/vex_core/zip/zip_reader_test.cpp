@@ -30,7 +30,7 @@ protected:
     }
     std::shared_ptr<const ZipArchive> Open(const ZipBuilder& builder) { return Open(builder.Build()); }
 
-    /// Reads every entry; empty when all went well.
+    // Reads every entry; empty when all went well.
     static std::string ReadAll(const ZipArchive& archive, std::vector<std::string>* texts = nullptr)
     {
         for (const ZipEntry& entry : archive.Entries()) {
@@ -141,7 +141,7 @@ TEST_F(ZipReader, NoChangedByteGoesUnnoticedUnlessItMeansNothing)
     std::size_t accepted = 0;
     for (std::size_t at = 0; at < whole.size(); ++at) {
         std::string changed = whole;
-        changed[at] = char(changed[at] ^ 0x41);
+        changed[at] = static_cast<char>(changed[at] ^ 0x41);
         const auto archive = Open(changed);
         if (!archive)
             continue;
