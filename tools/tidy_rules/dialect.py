@@ -8,6 +8,30 @@ import sys
 
 from tidy_rules.tree import CPP
 
+# What a line of code may not have, and what it has instead.
+NUMBER = r"(?:(?:u?int\d+|size|ptrdiff|u?intptr)_t|streamsize)"
+LINES = [(re.compile(pattern), words) for pattern, words in (
+    (r"\bthread_local\b(?!.*\bt_[a-z])", "the name of a thread's own variable begins with t_"),
+    (r"\bstd::(?:lock_guard|scoped_lock|unique_lock|shared_lock)<[^;=]*>\s+\w+\s*[({]", "const std::lock_guard lock(m_lock);"),
+    (r"(?<!const )\bstd::(?:lock_guard|scoped_lock)\s+\w+\s*[({]", "const std::lock_guard lock(m_lock);"),
+    # A comparison that is a value of its own, "return m_handle != nullptr;", is none of these; nor is one with an assignment.
+    (r"\b(?:if|while) \((?!.*[^=!<>]=[^=]).*[!=]= nullptr|[!=]= nullptr\)* (?:\?|&&|\|\|)|(?:&&|\|\|) [^&|;]*[!=]= nullptr",
+     "if (pointer), if (!pointer)"),
+    (r"(?:(?<=return )|(?<![\w>] )(?<![\w<:]))(?:int|long|short|char|bool|double|float|unsigned|(?:std::)?" + NUMBER + r")\((?![)*])[^()]",
+     "static_cast, no cast that looks like a call"),
+    (r"\b(?:wxT|_T)\(", "a plain text; wxS where a measurement says so"),
+    (r"\b(?:EXPECT|ASSERT)_(?:EQ|NE|STREQ|STRNE)\(\s*(?:[LuU]?\"+|-?\d[\w'.]*|'.'|true|false|nullptr)\s*,",
+     "the actual value first, then the literal"),
+    (r"^\s*TEST(?:_[FP])?\((?!\w*DeathTest,)\w*Tests?,", "a suite is a noun without Test"),
+)]
+# Sections are told apart by one form of comment.
+RULER = re.compile(r"^\s*//+\s*[-=*#~]{2,}")
+SECTION = re.compile(r"^\s*// --- [^\s-].*[^-=*#~]$")
+# A C in front: the classes of the interface, and those of the launcher that the framework and the library know.
+PREFIXED = re.compile(r"^\s*(?:class|struct|enum(?: class)?) (?:VEX_CORE_API )?(C[A-Z][a-z]\w*)(?!\w|;|::)")
+PREFIXED_ALLOWED = ("CAgentApp", "CAgentAppTraits", "CScriptThread")
+FILE_NAME = re.compile(r"[a-z0-9_]+\.\w+")
+
 
 def check_format(tree):
     if ".clang-format" not in tree.files:
@@ -15,7 +39,7 @@ def check_format(tree):
     if not shutil.which("clang-format"):
         print("tidy: clang-format is not installed, the layout of C++ code was not checked", file=sys.stderr)
         return
-    names = [name for below in ("src/", "tests/", "bench/") for name in tree.named(*CPP, below=below)]
+    names = list(all_code(tree))
     batches = [names[start:start + 20] for start in range(0, len(names), 20)]
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         for result in pool.map(lambda batch: unformatted(tree, batch), batches):
@@ -34,4 +58,44 @@ def unformatted(tree, names):
         yield names[0], 1, "clang-format: " + result.stderr.strip()
 
 
-CHECKS = (check_format,)
+def all_code(tree):
+    return (name for below in ("src/", "tests/", "bench/") for name in tree.named(*CPP, below=below))
+
+
+def check_lines(tree):
+    for name in all_code(tree):
+        for number, line in enumerate(tree.code(name), 1):
+            for pattern, words in LINES:
+                if pattern.search(line):
+                    yield name, number, "the house writes: " + words
+
+
+def check_comments(tree):
+    for name in all_code(tree):
+        lines, code = tree.lines(name), tree.code(name)
+        for number, line in enumerate(lines, 1):
+            if RULER.match(line) and not SECTION.match(line):
+                yield name, number, "a section begins with one line: // --- words"
+            place = line.find("///")
+            if place >= 0 and name.endswith(".cpp") and code[number - 1][place] == " ":
+                yield name, number, "/// is for declarations in headers, // for all else"
+            if line == "namespace {" and lines[number:number + 1] == [""]:
+                yield name, number + 1, "no blank line behind the brace of an anonymous namespace"
+
+
+def check_class_names(tree):
+    for name in tree.named(*CPP, below="src/"):
+        if not name.startswith("src/vex/core/"):
+            for number, line in enumerate(tree.code(name), 1):
+                found = PREFIXED.match(line)
+                if found and found[1] not in PREFIXED_ALLOWED:
+                    yield name, number, f"{found[1]}: a C in front is for the classes of src/vex/core/"
+
+
+def check_file_names(tree):
+    for name in tree.named(*CPP, ".py", ".lua"):
+        if not FILE_NAME.fullmatch(os.path.basename(name)):
+            yield name, 1, "names of files are snake_case"
+
+
+CHECKS = (check_format, check_lines, check_comments, check_class_names, check_file_names)
