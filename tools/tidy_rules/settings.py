@@ -54,8 +54,8 @@ def check_settings(tree):
 DEFAULTS = {
     **{key: ("src/vex_core/domain/known_settings.h", rf'"{re.escape(key)}", ESetting::\w+, ([^,]+),')
        for key in ("app.log.size", "app.log.count", "app.lua.cache", "app.unzip.maxbytes", "app.unzip.maxentries")},
-    "sqlite.config.busy_timeout": ("src/vex_core/database/sqlite_db.h", r"busyTimeoutMs = (\d+);"),
-    "sqlite.config.synchronous": ("src/vex_core/database/sqlite_db.h", r"synchronous = (\d+);"),
+    "sqlite.config.busy_timeout": ("src/vex_core/database/sqlite_connection.h", r"busyTimeoutMs = (\d+);"),
+    "sqlite.config.synchronous": ("src/vex_core/database/sqlite_connection.h", r"synchronous = (\d+);"),
     "vex.HeartbeatInterval": ("lua/vx_agent/heartbeat.lua", r"defaults = .*\binterval = (\d+)"),
     "vex.HeartbeatKeepDays": ("lua/vx_agent/heartbeat.lua", r"defaults = .*\bdays = (\d+)"),
     "vex.HeartbeatKeepRows": ("lua/vx_agent/heartbeat.lua", r"defaults = .*\brows = (\d+)"),

@@ -9,7 +9,7 @@
 #include "vex_core/crash/crash_system.h"
 #include "vex_core/crash/other_threads.h"
 #include "vex_core/crash/signal_stack.h"
-#include "vex_core/log/log_p.h"
+#include "vex_core/log/process_log.h"
 
 #include <algorithm>
 #include <atomic>

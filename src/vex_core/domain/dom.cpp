@@ -1,6 +1,6 @@
 // The domain: one table of keys under a lock for many readers, shared by a root and the views of it.
 
-#include "vex_core/domain/dom_p.h"
+#include "vex_core/domain/root_dom.h"
 
 #include "vex_core/base/shared_lock.h"
 #include "vex_core/base/text.h"

@@ -10,7 +10,7 @@
 #include "vex/core/dom.h"
 #include "vex_core/base/end_steps.h"
 #include "vex_core/base/text.h"
-#include "vex_core/events/agentevent_p.h"
+#include "vex_core/events/xml_text.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/files.h"

@@ -1,7 +1,7 @@
 #pragma once
 // Where agent events go: the database of the working folder, else the pending file beside it, else memory.
 
-#include "vex_core/database/sqlite_db.h"
+#include "vex_core/database/sqlite_connection.h"
 #include "vex_core/events/pending_events.h"
 #include "vex_core/os/file_identity.h"
 
@@ -67,7 +67,7 @@ private:
 
     mutable std::mutex m_lock;
     // Guarded by m_lock.
-    SqliteDb m_db;
+    SqliteConnection m_db;
     pid_t m_owner = 0; // the process that opened m_db
     os::FileIdentity m_identity; // of the file that m_db has open
     std::string m_reason; // why the database did not take the last event

@@ -5,11 +5,11 @@
 #include "vex_core/base/end_steps.h"
 #include "vex_core/base/text.h"
 #include "vex_core/base/thread_name.h"
-#include "vex_core/domain/dom_p.h"
 #include "vex_core/domain/dom_values.h"
+#include "vex_core/domain/root_dom.h"
 #include "vex_core/domain/settings.h"
 #include "vex_core/log/disk_log.h"
-#include "vex_core/log/log_p.h"
+#include "vex_core/log/process_log.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/process_info.h"
 

@@ -5,8 +5,8 @@
 
 #include "vex_core/base/text.h"
 #include "vex_core/domain/dom_observer.h"
-#include "vex_core/domain/dom_p.h"
-#include "vex_core/log/log_p.h"
+#include "vex_core/domain/root_dom.h"
+#include "vex_core/log/process_log.h"
 #include "vex_core/log/trace_modules.h"
 
 #include <atomic>

@@ -1,7 +1,7 @@
 #include "vex_core/lua/lua_db.h"
 
 #include "slb3/error.h"
-#include "vex_core/database/sqlite_db.h"
+#include "vex_core/database/sqlite_connection.h"
 #include "vex_core/events/agentevent_store.h"
 #include "vex_core/lua/lua_arguments.h"
 
@@ -25,7 +25,7 @@ constexpr const char* typeName = "vex.db.Database";
 
 struct Database
 {
-    SqliteDb db;
+    SqliteConnection db;
     std::recursive_mutex inUse; // held by each call; a transaction's body calls again
     int statements = 0; // that run; guarded by inUse
 };
@@ -52,7 +52,7 @@ public:
             luaL_error(L, "the database is closed");
     }
 
-    SqliteDb& Db() const { return m_database.db; }
+    SqliteConnection& Db() const { return m_database.db; }
     sqlite3* Handle() const { return m_database.db.Handle(); }
 
 private:

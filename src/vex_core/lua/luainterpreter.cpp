@@ -4,8 +4,8 @@
 #include "vex/core/processexit.h"
 #include "vex_core/base/text.h"
 #include "vex_core/lua/error_text.h"
-#include "vex_core/lua/lua_host.h"
 #include "vex_core/lua/lua_output.h"
+#include "vex_core/lua/native_modules.h"
 #include "vex_core/lua/package_paths.h"
 
 #include <cstdlib>
@@ -174,7 +174,7 @@ struct CLuaInterpreter::Impl
             return 0;
         luaL_openlibs(L);
         ReplaceExit(L);
-        RegisterHostModules(L);
+        RegisterNativeModules(L);
         self.output.Install(L);
         self.packagePaths.ReadDefaults(L);
         return 0;

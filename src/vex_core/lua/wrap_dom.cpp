@@ -8,7 +8,7 @@
 #include "vex/core/execute.h"
 #include "vex/core/log.h"
 #include "vex_core/base/text.h"
-#include "vex_core/log/log_p.h"
+#include "vex_core/log/process_log.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_value.h"
 #include "vex_core/lua/wrap_worker.h"

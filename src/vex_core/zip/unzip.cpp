@@ -3,7 +3,7 @@
 #include "vex/core/unzip.h"
 
 #include "vex_core/base/text.h"
-#include "vex_core/domain/dom_p.h"
+#include "vex_core/domain/root_dom.h"
 #include "vex_core/domain/settings.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"

@@ -2,8 +2,8 @@
 
 #include "vex/core/runnable.h"
 #include "vex_core/base/wait.h"
-#include "vex_core/domain/dom_p.h"
 #include "vex_core/domain/dom_values.h"
+#include "vex_core/domain/root_dom.h"
 #include "vex_core/domain/wait_list.h"
 
 #include <gtest/gtest.h>

@@ -110,7 +110,7 @@ protected:
     std::string Stored() const { return StoredIn(Database()); }
     static std::string StoredIn(const std::string& path)
     {
-        SqliteDb db;
+        SqliteConnection db;
         if (!std::filesystem::exists(path) || !db.Open(path, 0))
             return "(" + db.Error() + ")";
         SqliteStatement rows(db, "SELECT text FROM agent_event ORDER BY id");
@@ -180,7 +180,7 @@ TEST_F(EventDatabase, AllFieldsAreStored)
     EventStore store(m_work);
     const CAgentEvent event = SampleEvent("net|1.2|it's \"<&>\"\n\xC3\xA4");
     EXPECT_EQ(store.Write(event), 1);
-    SqliteDb db;
+    SqliteConnection db;
     ASSERT_TRUE(db.Open(Database(), 0));
     SqliteStatement row(db, "SELECT id, time_ms, time_s, number, severity, text, xml FROM agent_event");
     ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
@@ -199,7 +199,7 @@ TEST_F(EventDatabase, AllFieldsAreStored)
 TEST_F(EventDatabase, TableHasTheFormThatToolsRelyOn)
 {
     EventStore(m_work).Write(SampleEvent("e"));
-    SqliteDb db;
+    SqliteConnection db;
     ASSERT_TRUE(db.Open(Database(), 0));
     SqliteStatement row(db, "SELECT sql FROM sqlite_master WHERE name = 'agent_event'");
     ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
@@ -211,7 +211,7 @@ TEST_F(EventDatabase, AbsentFieldsAreNull)
 {
     EventStore store(m_work);
     EXPECT_EQ(store.Write(CAgentEvent()), 1);
-    SqliteDb db;
+    SqliteConnection db;
     ASSERT_TRUE(db.Open(Database(), 0));
     SqliteStatement row(db, "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event");
     ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
@@ -233,7 +233,7 @@ TEST_F(EventDatabase, LockedDatabaseMeansPendingFileThenDatabaseOnce)
 {
     EventStore store(m_work);
     ASSERT_EQ(store.Write(SampleEvent("first")), 1);
-    SqliteDb other;
+    SqliteConnection other;
     ASSERT_TRUE(other.Open(Database(), 0));
     ASSERT_TRUE(other.Exec("BEGIN EXCLUSIVE"));
     {
@@ -268,7 +268,7 @@ TEST_F(EventDatabase, PendingEventsKeepAllTheirFields)
     std::filesystem::remove(Database());
     EventStore store(m_work);
     EXPECT_TRUE(store.StoreKept());
-    SqliteDb db;
+    SqliteConnection db;
     ASSERT_TRUE(db.Open(Database(), 0));
     SqliteStatement row(db, "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event ORDER BY id");
     ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
@@ -496,7 +496,7 @@ TEST_F(EventDatabase, RemovedOrReplacedDatabaseIsOpenedAnew)
 TEST_F(EventDatabase, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
 {
     {
-        SqliteDb db;
+        SqliteConnection db;
         ASSERT_TRUE(db.Open(Database(), 0));
         ASSERT_TRUE(db.Exec("CREATE TABLE agent_event(something)"));
     }
@@ -570,7 +570,7 @@ TEST_F(EventDatabase, EventIsFlushedWhateverTheSettingsAllowElsewhere)
     settings.synchronous = 0;
     SetSqliteSettings(settings);
     flushes = 0;
-    SqliteDb other;
+    SqliteConnection other;
     const bool written = other.Open(m_folder / "other.db", 0) && other.Exec("CREATE TABLE t(a)");
     const int flushesElsewhere = flushes;
     const std::int64_t id = EventStore(m_work).Write(SampleEvent("event"));

@@ -1,5 +1,5 @@
 #include "vex/core/agentevent.h"
-#include "vex_core/events/agentevent_p.h"
+#include "vex_core/events/xml_text.h"
 
 #include "support/sample_event.h"
 

@@ -9,7 +9,7 @@
 #include "vex/core/dom.h"
 #include "vex/core/runnable.h"
 #include "vex_core/log/disk_log.h"
-#include "vex_core/log/log_p.h"
+#include "vex_core/log/process_log.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

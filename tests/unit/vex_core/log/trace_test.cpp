@@ -6,7 +6,7 @@
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 #include "vex_core/log/disk_log.h"
-#include "vex_core/log/log_p.h"
+#include "vex_core/log/process_log.h"
 #include "vex_core/log/trace_modules.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
 #include "support/process_guards.h"
 #include "support/sanitized.h"
 #include "vex_core/lua/lua_db.h"
-#include "vex_core/lua/lua_host.h"
+#include "vex_core/lua/native_modules.h"
 #include "vex_core/os/host_facts.h"
 
 #include "support/address_limit.h"
@@ -32,13 +32,13 @@
 using namespace VexCore;
 
 namespace {
-class HostModules : public testing::Test
+class NativeModules : public testing::Test
 {
 protected:
-    HostModules() : m_state(luaL_newstate())
+    NativeModules() : m_state(luaL_newstate())
     {
         luaL_openlibs(L());
-        RegisterHostModules(L());
+        RegisterNativeModules(L());
         lua_pushstring(L(), m_folder.Path().c_str());
         lua_setglobal(L(), "folder");
     }
@@ -73,21 +73,21 @@ protected:
 
 // --- Files
 
-TEST_F(HostModules, AFolderIsListedSortedWithoutItsDots)
+TEST_F(NativeModules, AFolderIsListedSortedWithoutItsDots)
 {
     for (const char* name : {"b", "a", ".hidden", "c d"})
         ::Test::WriteFile(m_folder / name, "x");
     EXPECT_EQ(Run("return table.concat(require('vex.fs').list(folder), ',')"), ".hidden,a,b,c d");
 }
 
-TEST_F(HostModules, AFolderThatIsMissingIsNilAndAMessageThatNamesIt)
+TEST_F(NativeModules, AFolderThatIsMissingIsNilAndAMessageThatNamesIt)
 {
     EXPECT_EQ(Run("local list, message = require('vex.fs').list(folder .. '/no') return tostring(list) .. "
                   "message:sub(#folder + 1)"),
               "nil/no: No such file or directory");
 }
 
-TEST_F(HostModules, StatTellsKindSizeAndModeAndFollowsALink)
+TEST_F(NativeModules, StatTellsKindSizeAndModeAndFollowsALink)
 {
     ::Test::WriteFile(m_folder / "file", "12345");
     ASSERT_EQ(symlink("file", (m_folder.Path() + "/link").c_str()), 0);
@@ -97,7 +97,7 @@ TEST_F(HostModules, StatTellsKindSizeAndModeAndFollowsALink)
     EXPECT_EQ(Run("return require('vex.fs').stat('/dev/null').type"), "other");
 }
 
-TEST_F(HostModules, AFolderIsMadeForItsOwnerAlone)
+TEST_F(NativeModules, AFolderIsMadeForItsOwnerAlone)
 {
     EXPECT_EQ(Run("assert(require('vex.fs').mkdir(folder .. '/new')) return require('vex.fs').stat(folder .. "
                   "'/new').mode"),
@@ -105,7 +105,7 @@ TEST_F(HostModules, AFolderIsMadeForItsOwnerAlone)
     EXPECT_EQ(Run("return require('vex.fs').mkdir(folder .. '/new')"), "nil");
 }
 
-TEST_F(HostModules, APipeIsNoTerminal)
+TEST_F(NativeModules, APipeIsNoTerminal)
 {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -114,14 +114,14 @@ TEST_F(HostModules, APipeIsNoTerminal)
     close(ends[1]);
 }
 
-TEST_F(HostModules, AWrongArgumentIsALuaError)
+TEST_F(NativeModules, AWrongArgumentIsALuaError)
 {
     EXPECT_NE(Run("return require('vex.fs').list({})").find("string expected"), std::string::npos);
 }
 
 // --- Host facts
 
-TEST_F(HostModules, TheSystemIsWhatUnameTells)
+TEST_F(NativeModules, TheSystemIsWhatUnameTells)
 {
     utsname names = {};
     ASSERT_GE(uname(&names), 0);
@@ -129,7 +129,7 @@ TEST_F(HostModules, TheSystemIsWhatUnameTells)
               std::string(names.nodename) + " " + names.release + " " + names.machine);
 }
 
-TEST_F(HostModules, FactsOfThisHostArePlausible)
+TEST_F(NativeModules, FactsOfThisHostArePlausible)
 {
     EXPECT_EQ(Run("local up = require('vex.host').uptime() return up == nil or up > 0"), "true");
     EXPECT_EQ(Run("local load = require('vex.host').load() return load == nil or (#load == 3 and load[1] >= 0)"),
@@ -141,7 +141,7 @@ TEST_F(HostModules, FactsOfThisHostArePlausible)
     EXPECT_EQ(Run("return require('vex.host').pid()"), std::to_string(getpid()));
 }
 
-TEST_F(HostModules, ADisksFiguresAreThoseOfItsFileSystem)
+TEST_F(NativeModules, ADisksFiguresAreThoseOfItsFileSystem)
 {
     const auto disks = os::Disks();
     ASSERT_TRUE(disks);
@@ -154,7 +154,7 @@ TEST_F(HostModules, ADisksFiguresAreThoseOfItsFileSystem)
     }
 }
 
-TEST_F(HostModules, TheDistributionIsCalledAsAShellReadsItsReleaseFile)
+TEST_F(NativeModules, TheDistributionIsCalledAsAShellReadsItsReleaseFile)
 {
     FILE* shell = popen("test -r /etc/os-release && . /etc/os-release && printf %s \"$PRETTY_NAME\"", "r");
     ASSERT_NE(shell, nullptr);
@@ -165,7 +165,7 @@ TEST_F(HostModules, TheDistributionIsCalledAsAShellReadsItsReleaseFile)
     EXPECT_EQ(os::Distribution(), std::optional<std::string>(name));
 }
 
-TEST_F(HostModules, TheLoopbackIsNoInterface)
+TEST_F(NativeModules, TheLoopbackIsNoInterface)
 {
     const auto interfaces = os::NetworkInterfaces();
     ASSERT_TRUE(interfaces);
@@ -175,7 +175,7 @@ TEST_F(HostModules, TheLoopbackIsNoInterface)
     }
 }
 
-TEST_F(HostModules, TheMonotonicClockRuns)
+TEST_F(NativeModules, TheMonotonicClockRuns)
 {
     EXPECT_EQ(Run("local h = require('vex.host') local a = h.monotonic() local b repeat b = h.monotonic() "
                   "until b > a "
@@ -185,7 +185,7 @@ TEST_F(HostModules, TheMonotonicClockRuns)
 
 // --- Settings
 
-TEST_F(HostModules, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
+TEST_F(NativeModules, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
 {
     const ::Test::DomPtr dom = ::Test::NewRoot();
     ::Test::WriteFile(m_folder / "a.ini", "[settings]\nvex.One=11\nvex.Two=22\nvex.Flag=yes\nvex.Text=abc\n");
@@ -200,21 +200,21 @@ TEST_F(HostModules, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
     EXPECT_EQ(Run("return require('vex.settings').text('vex.Text', 'z')"), "abc");
 }
 
-TEST_F(HostModules, AnIntegerBeyondWhatLuaHoldsIsAnError)
+TEST_F(NativeModules, AnIntegerBeyondWhatLuaHoldsIsAnError)
 {
     const ::Test::DomPtr dom = ::Test::NewRoot();
     dom->SetWx("vex.Huge", (std::int64_t{1} << 53) + 1);
     EXPECT_NE(Run("return require('vex.settings').int('vex.Huge')").find("beyond 2^53"), std::string::npos);
 }
 
-TEST_F(HostModules, WithoutADomainEverySettingIsItsDefault)
+TEST_F(NativeModules, WithoutADomainEverySettingIsItsDefault)
 {
     EXPECT_EQ(Run("return require('vex.settings').text('app.name', 'none')"), "none");
 }
 
 // --- Databases
 
-TEST_F(HostModules, WhatIsStoredIsReadBackWithItsType)
+TEST_F(NativeModules, WhatIsStoredIsReadBackWithItsType)
 {
     EXPECT_EQ(RunDb("assert(db:exec('CREATE TABLE t(a, b, c, d, e)'))"
                     "assert(db:exec('INSERT INTO t VALUES(?,?,?,?,?)', {1, 2.5, 'x\\0y', true, nil}))"
@@ -223,17 +223,17 @@ TEST_F(HostModules, WhatIsStoredIsReadBackWithItsType)
               "1 2.5 3 1 nil");
 }
 
-TEST_F(HostModules, ParametersMayHaveNames)
+TEST_F(NativeModules, ParametersMayHaveNames)
 {
     EXPECT_EQ(RunDb("return db:rows('SELECT :a - :b AS d', {a = 7, b = 2})[1].d"), "5");
 }
 
-TEST_F(HostModules, NumberedParametersArePositions)
+TEST_F(NativeModules, NumberedParametersArePositions)
 {
     EXPECT_EQ(RunDb("return db:rows('SELECT ?2 - ?1 AS d', {2, 7})[1].d"), "5");
 }
 
-TEST_F(HostModules, ATextThatSqliteRefusesIsAnErrorAndNotNull)
+TEST_F(NativeModules, ATextThatSqliteRefusesIsAnErrorAndNotNull)
 {
     EXPECT_EQ(RunDb("kept, long = db, string.rep('x', 2^22) assert(db:exec('CREATE TABLE t(a)'))"), "nothing");
     sqlite3_hard_heap_limit64(sqlite3_memory_used() + (1 << 20));
@@ -244,7 +244,7 @@ TEST_F(HostModules, ATextThatSqliteRefusesIsAnErrorAndNotNull)
     EXPECT_EQ(Run("return kept:rows('SELECT count(*) AS n FROM t')[1].n"), "0");
 }
 
-TEST_F(HostModules, NothingIsCutAtAZeroByte)
+TEST_F(NativeModules, NothingIsCutAtAZeroByte)
 {
     for (const char* call : {"db:exec('SELECT 1; \\0 DROP TABLE t')", "db:rows('SELECT 1 \\0')",
                              "require('vex.db').open(folder .. '/a\\0b')", "require('vex.fs').list('/\\0x')",
@@ -254,25 +254,25 @@ TEST_F(HostModules, NothingIsCutAtAZeroByte)
     EXPECT_EQ(Run("return require('vex.fs').stat(folder .. '/a')"), "nil");
 }
 
-TEST_F(HostModules, RowsTakesOneStatement)
+TEST_F(NativeModules, RowsTakesOneStatement)
 {
     EXPECT_EQ(RunDb("return db:rows('SELECT 7 AS n; -- that is all')[1].n"), "7");
     EXPECT_EQ(RunDb("local r, m = db:rows('SELECT 7; DELETE FROM t') return m"), "no such table: t");
     EXPECT_NE(RunDb("return db:rows('SELECT 7; SELECT 8')").find("one statement only"), std::string::npos);
 }
 
-TEST_F(HostModules, TheFinaliserIsOutOfAScriptsReach)
+TEST_F(NativeModules, TheFinaliserIsOutOfAScriptsReach)
 {
     EXPECT_EQ(RunDb("return tostring(db.__gc) .. tostring(getmetatable(db)) .. tostring(db.__index)"), "nilfalsenil");
 }
 
-TEST_F(HostModules, AnIntegerUpTo2To53KeepsEveryDigit)
+TEST_F(NativeModules, AnIntegerUpTo2To53KeepsEveryDigit)
 {
     EXPECT_EQ(RunDb("return ('%.0f'):format(db:rows('SELECT ? AS n', {9007199254740992})[1].n)"), "9007199254740992");
     EXPECT_EQ(RunDb("return db:rows('SELECT typeof(?) AS n', {9007199254740992})[1].n"), "integer");
 }
 
-TEST_F(HostModules, AnIntegerBeyond2To53IsItsDigitsAndGoesBackWhole)
+TEST_F(NativeModules, AnIntegerBeyond2To53IsItsDigitsAndGoesBackWhole)
 {
     EXPECT_EQ(
         RunDb("assert(db:exec('CREATE TABLE t(n INTEGER)'))\n"
@@ -288,7 +288,7 @@ TEST_F(HostModules, AnIntegerBeyond2To53IsItsDigitsAndGoesBackWhole)
               "9007199254740993");
 }
 
-TEST_F(HostModules, AStatementThatFailsIsNilAndTheReason)
+TEST_F(NativeModules, AStatementThatFailsIsNilAndTheReason)
 {
     EXPECT_EQ(RunDb("local r, m = db:exec('NONSENSE') return tostring(r) .. ' ' .. m"),
               "nil near \"NONSENSE\": syntax error");
@@ -296,7 +296,7 @@ TEST_F(HostModules, AStatementThatFailsIsNilAndTheReason)
               "nil no such table: nowhere");
 }
 
-TEST_F(HostModules, SeveralStatementsRunInOneCallButTakeNoParameters)
+TEST_F(NativeModules, SeveralStatementsRunInOneCallButTakeNoParameters)
 {
     EXPECT_EQ(RunDb("return db:exec('CREATE TABLE t(a); INSERT INTO t VALUES(1); INSERT INTO t VALUES(2); -- end')"),
               "2");
@@ -308,12 +308,12 @@ TEST_F(HostModules, SeveralStatementsRunInOneCallButTakeNoParameters)
     EXPECT_EQ(RunDb("return db:exec('INSERT INTO t VALUES(?); -- that is all', {1})"), "1");
 }
 
-TEST_F(HostModules, ATableCannotBeStored)
+TEST_F(NativeModules, ATableCannotBeStored)
 {
     EXPECT_NE(RunDb("return db:rows('SELECT ?', {{}})").find("a table cannot be stored"), std::string::npos);
 }
 
-TEST_F(HostModules, ATransactionCommitsOrLeavesNothing)
+TEST_F(NativeModules, ATransactionCommitsOrLeavesNothing)
 {
     EXPECT_EQ(RunDb("db:exec('CREATE TABLE t(a)')"
                     "local function add(d) return d:exec('INSERT INTO t VALUES(1)') end "
@@ -324,13 +324,13 @@ TEST_F(HostModules, ATransactionCommitsOrLeavesNothing)
               "changed my mind, boom, 1");
 }
 
-TEST_F(HostModules, AClosedDatabaseSaysSo)
+TEST_F(NativeModules, AClosedDatabaseSaysSo)
 {
     EXPECT_NE(RunDb("db:close() db:close() return db:exec('SELECT 1')").find("the database is closed"),
               std::string::npos);
 }
 
-TEST_F(HostModules, NothingClosesADatabaseUnderAStatement)
+TEST_F(NativeModules, NothingClosesADatabaseUnderAStatement)
 {
     EXPECT_EQ(RunDb("local parameters = setmetatable({}, {__index = function() db:close() end}) "
                     "local ok, e = pcall(db.exec, db, 'SELECT :name', parameters) "
@@ -342,25 +342,25 @@ TEST_F(HostModules, NothingClosesADatabaseUnderAStatement)
               "false: the database is in use by a statement, 7");
 }
 
-TEST_F(HostModules, AFolderThatIsMissingOpensNoDatabase)
+TEST_F(NativeModules, AFolderThatIsMissingOpensNoDatabase)
 {
     EXPECT_EQ(Run("local d, m = require('vex.db').open(folder .. '/no/x.db') return tostring(d) .. "
                   "m:sub(#folder + 1)"),
               "nil/no/x.db: unable to open database file");
 }
 
-TEST_F(HostModules, ChangesAreFlushedBeforeTheCallReturns)
+TEST_F(NativeModules, ChangesAreFlushedBeforeTheCallReturns)
 {
     EXPECT_EQ(RunDb("return db:rows('PRAGMA synchronous')[1].synchronous"), "2");
 }
 
-TEST_F(HostModules, MethodsRefuseWhatIsNoDatabase)
+TEST_F(NativeModules, MethodsRefuseWhatIsNoDatabase)
 {
     EXPECT_NE(RunDb("return db.exec(io.stdout, 'SELECT 1')").find("vex.db.Database expected"), std::string::npos);
     EXPECT_NE(RunDb("return db.exec('SELECT 1')").find("vex.db.Database expected"), std::string::npos);
 }
 
-TEST_F(HostModules, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
+TEST_F(NativeModules, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
 {
     EXPECT_EQ(Run("kept = assert(require('vex.db').open(folder .. '/x.db')) return "
                   "tostring(kept):find('x.db', 1, true) ~= nil"),
@@ -369,7 +369,7 @@ TEST_F(HostModules, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
     EXPECT_EQ(Run("return tostring(kept)"), "database (closed)");
 }
 
-TEST_F(HostModules, ACommitStoresTheEventsThatWaitedForRoom)
+TEST_F(NativeModules, ACommitStoresTheEventsThatWaitedForRoom)
 {
     const std::string work = m_folder / "later";
     const wxLogNull quiet;
@@ -395,7 +395,7 @@ TEST_F(HostModules, ACommitStoresTheEventsThatWaitedForRoom)
     }
 }
 
-TEST_F(HostModules, ADatabaseThatAWorkerIsInsideOfStaysOpen)
+TEST_F(NativeModules, ADatabaseThatAWorkerIsInsideOfStaysOpen)
 {
     // The body of a transaction stands for a worker that was left running; the process's end comes on another
     // thread.
@@ -411,7 +411,7 @@ TEST_F(HostModules, ADatabaseThatAWorkerIsInsideOfStaysOpen)
     EXPECT_TRUE(CloseLuaDatabases());
 }
 
-TEST_F(HostModules, ACollectedDatabaseIsClosed)
+TEST_F(NativeModules, ACollectedDatabaseIsClosed)
 {
     Run("for i = 1, 50 do require('vex.db').open(folder .. '/x.db') end collectgarbage() collectgarbage()");
     EXPECT_EQ(Run("local n = 0 for _, name in ipairs(require('vex.fs').list('/proc/self/fd')) do n = n + 1 "
@@ -419,7 +419,7 @@ TEST_F(HostModules, ACollectedDatabaseIsClosed)
               "true");
 }
 
-TEST_F(HostModules, AnExceptionOfACallIsAnErrorWithItsText)
+TEST_F(NativeModules, AnExceptionOfACallIsAnErrorWithItsText)
 {
 #ifdef VEX_TEST_SANITIZED
     GTEST_SKIP() << "the sanitizers' own memory is over any limit of the address space";

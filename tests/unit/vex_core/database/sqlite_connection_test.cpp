@@ -1,6 +1,6 @@
 #include "vex/core/dom.h"
 #include "vex/core/sqlitedb.h"
-#include "vex_core/database/sqlite_db.h"
+#include "vex_core/database/sqlite_connection.h"
 
 #include "support/log_catcher.h"
 #include "support/temp_folder.h"
@@ -34,7 +34,7 @@ protected:
     ::Test::LogCatcher m_log;
 };
 
-std::int64_t Pragma(SqliteDb& db, const std::string& name)
+std::int64_t Pragma(SqliteConnection& db, const std::string& name)
 {
     SqliteStatement row(db, ("PRAGMA " + name).c_str());
     return row.Step() == SqliteStatement::EStep::Row ? row.ColumnInt(0) : -99;
@@ -53,7 +53,7 @@ TEST(Sqlite, JournalModeFollowsTheVersionThatCanBeTrustedWithIt)
 TEST(Sqlite, OpenedDatabaseIsDurableByDefault)
 {
     ::Test::TempFolder folder;
-    SqliteDb db;
+    SqliteConnection db;
     ASSERT_TRUE(db.Open(folder / "x.db", 0)) << db.Error();
     EXPECT_EQ(Pragma(db, "synchronous"), 2);
     EXPECT_EQ(Pragma(db, "busy_timeout"), 2000);
@@ -65,7 +65,7 @@ TEST(Sqlite, OpenedDatabaseIsDurableByDefault)
 TEST(Sqlite, FailureHasCodeAndText)
 {
     ::Test::TempFolder folder;
-    SqliteDb db;
+    SqliteConnection db;
     EXPECT_FALSE(db.Open(folder / "missing/x.db", 0));
     EXPECT_EQ(db.ErrorCode() & 0xFF, SQLITE_CANTOPEN);
     EXPECT_NE(db.Error().find("unable to open"), std::string::npos) << db.Error();
@@ -83,7 +83,7 @@ TEST(Sqlite, FailureHasCodeAndText)
 TEST(Sqlite, TransactionThatIsNotCommittedLeavesNothing)
 {
     ::Test::TempFolder folder;
-    SqliteDb db;
+    SqliteConnection db;
     ASSERT_TRUE(db.Open(folder / "x.db", 0));
     ASSERT_TRUE(db.Exec("CREATE TABLE t(a)"));
     {
@@ -105,7 +105,7 @@ TEST(Sqlite, TransactionThatIsNotCommittedLeavesNothing)
 TEST(Sqlite, StatementIsUsedAgainAfterReset)
 {
     ::Test::TempFolder folder;
-    SqliteDb db;
+    SqliteConnection db;
     ASSERT_TRUE(db.Open(folder / "x.db", 0));
     ASSERT_TRUE(db.Exec("CREATE TABLE t(a TEXT, b)"));
     SqliteStatement insert(db, "INSERT INTO t VALUES(?, ?)");
@@ -144,7 +144,7 @@ TEST_F(SqliteInit, EachSettingReachesTheConnection)
     ASSERT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
     EXPECT_TRUE(m_log.Lines().empty()) << m_log.All();
     ::Test::TempFolder folder;
-    SqliteDb db;
+    SqliteConnection db;
     ASSERT_TRUE(db.Open(folder / "x.db", 0)) << db.Error();
     ASSERT_TRUE(db.Exec("CREATE TABLE t(a)"));
     EXPECT_EQ(Pragma(db, "mmap_size"), 65536);
@@ -163,7 +163,7 @@ TEST_F(SqliteInit, MemoryStatisticsCanBeTurnedOff)
     ASSERT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
     ::Test::TempFolder folder;
     {
-        SqliteDb db;
+        SqliteConnection db;
         ASSERT_TRUE(db.Open(folder / "x.db", 0));
         EXPECT_EQ(sqlite3_memory_used(), 0);
     }
@@ -176,7 +176,7 @@ TEST_F(SqliteInit, LowerSynchronousDoesNotHoldWhereMoreIsAskedFor)
     Set("synchronous", 0);
     ASSERT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
     ::Test::TempFolder folder;
-    SqliteDb db;
+    SqliteConnection db;
     ASSERT_TRUE(db.Open(folder / "x.db", 0));
     EXPECT_EQ(Pragma(db, "synchronous"), 0);
     ASSERT_TRUE(db.Open(folder / "x.db", 2));

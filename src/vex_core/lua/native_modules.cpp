@@ -1,7 +1,7 @@
-#include "vex_core/lua/lua_host.h"
+#include "vex_core/lua/native_modules.h"
 
 #include "slb3/error.h"
-#include "vex_core/domain/dom_p.h"
+#include "vex_core/domain/root_dom.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_db.h"
 #include "vex_core/os/error.h"
@@ -357,7 +357,7 @@ int OpenSettings(lua_State* L)
 
 } // namespace
 
-void RegisterHostModules(lua_State* L)
+void RegisterNativeModules(lua_State* L)
 {
     luaL_getsubtable(L, LUA_REGISTRYINDEX, "_PRELOAD");
     lua_pushcfunction(L, OpenFs);

@@ -33,12 +33,12 @@ void SetSqliteSettings(const SqliteSettings& settings);
 const char* JournalModeFor(int libraryVersion);
 
 /// One connection. One thread at a time.
-class SqliteDb
+class SqliteConnection
 {
 public:
-    SqliteDb() = default;
-    SqliteDb(SqliteDb&& other) noexcept : m_handle(std::move(other.m_handle)) {}
-    SqliteDb& operator=(SqliteDb&& other) noexcept = default;
+    SqliteConnection() = default;
+    SqliteConnection(SqliteConnection&& other) noexcept : m_handle(std::move(other.m_handle)) {}
+    SqliteConnection& operator=(SqliteConnection&& other) noexcept = default;
 
     /// Opens the file, made when it is missing, and applies the process's settings, with `minSynchronous` at
     /// least. False: see `Error`, and the connection is closed.
@@ -80,7 +80,7 @@ public:
     enum class EStep { Row, Done, Failed };
 
     /// The first statement of `sql`; `rest`, where given, gets what follows it. A failure shows in the first `Step`.
-    SqliteStatement(SqliteDb& db, const char* sql, const char** rest = nullptr);
+    SqliteStatement(SqliteConnection& db, const char* sql, const char** rest = nullptr);
 
     /// False when SQLite did not take the text: the connection's error tells why.
     bool Prepared() const { return m_failure == 0; }
@@ -107,7 +107,7 @@ private:
     {
         void operator()(sqlite3_stmt* statement) const;
     };
-    SqliteDb& m_db;
+    SqliteConnection& m_db;
     std::unique_ptr<sqlite3_stmt, Finalizer> m_statement;
     int m_failure = 0;
 };
@@ -116,7 +116,7 @@ private:
 class SqliteTransaction
 {
 public:
-    explicit SqliteTransaction(SqliteDb& db);
+    explicit SqliteTransaction(SqliteConnection& db);
     ~SqliteTransaction();
     SqliteTransaction(const SqliteTransaction&) = delete;
     SqliteTransaction& operator=(const SqliteTransaction&) = delete;
@@ -126,7 +126,7 @@ public:
     bool Commit();
 
 private:
-    SqliteDb& m_db;
+    SqliteConnection& m_db;
     bool m_open;
 };
 

@@ -15,6 +15,6 @@ namespace VexCore {
 
 /// Puts the modules into package.preload of a state whose standard libraries are open; each is made when it
 /// is first required. May raise a Lua error.
-void RegisterHostModules(lua_State* L);
+void RegisterNativeModules(lua_State* L);
 
 } // namespace VexCore

@@ -1,4 +1,4 @@
-#include "vex_core/database/sqlite_db.h"
+#include "vex_core/database/sqlite_connection.h"
 
 #include <algorithm>
 #include <mutex>
@@ -34,12 +34,12 @@ const char* JournalModeFor(int libraryVersion)
 
 // --- connections
 
-void SqliteDb::Closer::operator()(sqlite3* handle) const
+void SqliteConnection::Closer::operator()(sqlite3* handle) const
 {
     sqlite3_close_v2(handle);
 }
 
-bool SqliteDb::Fail(int code)
+bool SqliteConnection::Fail(int code)
 {
     m_errorCode = code;
     m_error = m_handle && sqlite3_extended_errcode(m_handle.get()) == code ? sqlite3_errmsg(m_handle.get())
@@ -47,7 +47,7 @@ bool SqliteDb::Fail(int code)
     return false;
 }
 
-bool SqliteDb::Open(const std::string& path, std::int64_t minSynchronous)
+bool SqliteConnection::Open(const std::string& path, std::int64_t minSynchronous)
 {
     Close();
     sqlite3* handle = nullptr;
@@ -74,17 +74,17 @@ bool SqliteDb::Open(const std::string& path, std::int64_t minSynchronous)
     return false;
 }
 
-void SqliteDb::Close()
+void SqliteConnection::Close()
 {
     m_handle.reset();
 }
 
-void SqliteDb::Abandon()
+void SqliteConnection::Abandon()
 {
     static_cast<void>(m_handle.release());
 }
 
-bool SqliteDb::Exec(const char* sql)
+bool SqliteConnection::Exec(const char* sql)
 {
     if (!m_handle)
         return Fail(SQLITE_MISUSE);
@@ -92,12 +92,12 @@ bool SqliteDb::Exec(const char* sql)
     return result == SQLITE_OK || Fail(result);
 }
 
-std::int64_t SqliteDb::LastInsertId() const
+std::int64_t SqliteConnection::LastInsertId() const
 {
     return sqlite3_last_insert_rowid(m_handle.get());
 }
 
-int SqliteDb::Changes() const
+int SqliteConnection::Changes() const
 {
     return sqlite3_changes(m_handle.get());
 }
@@ -109,7 +109,7 @@ void SqliteStatement::Finalizer::operator()(sqlite3_stmt* statement) const
     sqlite3_finalize(statement);
 }
 
-SqliteStatement::SqliteStatement(SqliteDb& db, const char* sql, const char** rest) : m_db(db)
+SqliteStatement::SqliteStatement(SqliteConnection& db, const char* sql, const char** rest) : m_db(db)
 {
     sqlite3_stmt* statement = nullptr;
     m_failure = db.m_handle ? sqlite3_prepare_v2(db.m_handle.get(), sql, -1, &statement, rest) : SQLITE_MISUSE;
@@ -188,7 +188,7 @@ bool SqliteStatement::ColumnIsNull(int column) const
 
 // --- transactions
 
-SqliteTransaction::SqliteTransaction(SqliteDb& db) : m_db(db), m_open(db.Exec("BEGIN IMMEDIATE")) {}
+SqliteTransaction::SqliteTransaction(SqliteConnection& db) : m_db(db), m_open(db.Exec("BEGIN IMMEDIATE")) {}
 
 SqliteTransaction::~SqliteTransaction()
 {
