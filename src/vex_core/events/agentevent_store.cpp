@@ -451,6 +451,7 @@ const EndStepOwner storeEvents(EndStep::StoreEvents, &StoreEventsAtTheEnd);
 
 } // namespace
 
+// The domain's by its interface, and here by its work: events go to a database, of which domain/ knows nothing.
 std::int64_t CDom::AgentEventWrite(CAgentEvent& event)
 {
     try {

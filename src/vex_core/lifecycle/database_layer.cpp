@@ -6,8 +6,8 @@
 #include "vex/core/dom.h"
 #include "vex_core/base/text.h"
 #include "vex_core/database/sqlite_connection.h"
-#include "vex_core/lifecycle/ending.h"
 #include "vex_core/lua/lua_db.h"
+#include "vex_core/threads/ending.h"
 #include "vex_core/threads/thread_registry.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 // OpenSSL before 1.1 asks its host for locks; later versions have their own, and free themselves at exit.
 
 #include "vex/core/openssl.h"
-#include "vex_core/lifecycle/ending.h"
 #include "vex_core/lua/worker_list.h"
+#include "vex_core/threads/ending.h"
 
 #include <openssl/crypto.h>
 #include <openssl/opensslv.h>

@@ -1,7 +1,10 @@
 #include "vex_core/lua/worker_list.h"
 
+#include "vex_core/base/end_steps.h"
 #include "vex_core/base/text.h"
 #include "vex_core/lua/worker.h"
+#include "vex_core/os/exit.h"
+#include "vex_core/threads/ending.h"
 #include "vex_core/threads/thread_registry.h"
 
 #include <algorithm>
@@ -10,6 +13,13 @@
 #include <wx/log.h>
 
 namespace VexCore {
+
+namespace {
+constexpr long threadsEndMs = 10000;
+
+const EndStepOwner endThreads(EndStep::EndThreads, [] { EndThreads(threadsEndMs); });
+
+} // namespace
 
 WorkerList& WorkerList::OfProcess()
 {
@@ -82,6 +92,12 @@ bool StopAllWorkers(long timeoutMs)
         wxLogWarning("Thread \"%s\" has not ended within %ld seconds and is left behind.", FromForeignBytes(name),
                      timeoutMs / 1000);
     return stragglers.empty();
+}
+
+void EndThreads(long timeoutMs)
+{
+    if (!StopAllWorkers(timeoutMs))
+        os::AtExitWithStatus(&LeaveWithoutDestructors);
 }
 
 void ReopenWorkers()

@@ -314,6 +314,7 @@ void RegisterOnce(lua_State* L, CDom& dom)
 
 } // namespace
 
+// The domain's by its interface, and here by its work: it installs a search in archives, of which domain/ knows nothing.
 void CDom::RegisterLoader(lua_State* L)
 {
     SLB3::internal::Guard(L, [this, L] {

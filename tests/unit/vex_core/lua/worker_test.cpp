@@ -6,7 +6,6 @@
 #include "vex/core/luainterpreter.h"
 #include "vex/core/openssl.h"
 #include "vex/core/wrap_dom.h"
-#include "vex_core/lifecycle/ending.h"
 #include "vex_core/lua/worker_list.h"
 #include "vex_core/threads/thread_registry.h"
 

@@ -1,10 +1,11 @@
-#include "vex_core/lifecycle/ending.h"
+#include "vex_core/threads/ending.h"
 
 #include "vex/core/openssl.h"
 #include "vex/core/processexit.h"
 #include "vex/core/runnable.h"
 #include "vex/core/sqlitedb.h"
 #include "vex_core/base/wait.h"
+#include "vex_core/lua/worker_list.h"
 
 #include <cstdlib>
 #include <exception>

@@ -34,11 +34,8 @@ void TakeEndSteps(EndStretch stretch, const EndSteps& steps = EndSteps::OfProces
 /// Whether a step belongs to a stretch.
 bool HasEndStep(EndStretch stretch, EndStep step);
 
-/// The step of that name: `StopAllWorkers`. Where a thread could not be ended in time, `exit` takes `ExitOverThreads` from now on: that
-/// thread would run on under static destructors.
-void EndThreads(long timeoutMs);
-
-/// `ExitOverThreads` and the end.
+/// `ExitOverThreads` and the end. Whoever could not end a thread has `exit` come here: that thread would run on under static
+/// destructors.
 [[noreturn]] void LeaveWithoutDestructors(int status);
 
 } // namespace VexCore

@@ -5,7 +5,7 @@
 
 #include "vex/core/processexit.h"
 
-#include "vex_core/lifecycle/ending.h"
+#include "vex_core/threads/ending.h"
 #include "vex_core/threads/main_thread_park.h"
 #include "vex_core/threads/thread_registry.h"
 

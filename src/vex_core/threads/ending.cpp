@@ -1,6 +1,5 @@
-#include "vex_core/lifecycle/ending.h"
+#include "vex_core/threads/ending.h"
 
-#include "vex_core/lua/worker_list.h"
 #include "vex_core/os/exit.h"
 
 #include <cstdio>
@@ -9,8 +8,6 @@
 namespace VexCore {
 
 namespace {
-constexpr long threadsEndMs = 10000;
-
 // --- the table
 
 struct Row
@@ -52,8 +49,6 @@ const Row& RowOf(EndStretch stretch)
 
 // --- steps of this room
 
-const EndStepOwner endThreads(EndStep::EndThreads, [] { EndThreads(threadsEndMs); });
-
 // Whoever holds a stream's lock may be blocked for good: its text is left behind then.
 void FlushIfFree(std::FILE* stream)
 {
@@ -90,12 +85,6 @@ void TakeEndSteps(EndStretch stretch, const EndSteps& steps)
     for (const EndStep step : RowOf(stretch).steps)
         if (const EndSteps::Function function = steps.Find(step))
             function();
-}
-
-void EndThreads(long timeoutMs)
-{
-    if (!StopAllWorkers(timeoutMs))
-        os::AtExitWithStatus(&LeaveWithoutDestructors);
 }
 
 void LeaveWithoutDestructors(int status)
