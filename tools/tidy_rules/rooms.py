@@ -18,7 +18,7 @@ ARROWS = {
     "process": "os base log",
     "threads": "os base log crash",
     "zip": "os base domain",
-    "database": "base log",
+    "database": "",
     "events": "os base domain database",
     "modules": "os base domain log zip",
     "lua": "os base domain log process threads database events",
@@ -58,10 +58,15 @@ PUBLIC = {f"vex/core/{header}": room for room, headers in IMPLEMENTED.items() fo
 ROOM = re.compile(r"(?:src/)?vex_core/(\w+)/(.+)")
 
 
+def room_of(target):
+    """The room that an include leads to; None for one outside of the rooms."""
+    inside = ROOM.match(target)
+    return inside[1] if inside else PUBLIC.get(target)
+
+
 def wrong_with(room, target):
     """What is wrong when a file of the room includes the target; None when nothing is."""
-    inside = ROOM.match(target)
-    other = inside[1] if inside else PUBLIC.get(target)
+    inside, other = ROOM.match(target), room_of(target)
     if other is None or other == room:
         return None
     if ARROWS[room] != ANY and other not in ARROWS[room].split():
@@ -93,13 +98,16 @@ def check_rooms(tree):
             yield name, 1, f"which room implements it? Add it to IMPLEMENTED in {HOME}"
     if HOME not in tree.files:
         return
+    includes = {(ROOM.match(name)[1], include[1]) for name in tree.named(*CPP, below=FOLDER) if ROOM.match(name)
+                for include in map(INCLUDE.match, tree.lines(name)) if include}
+    used = {(user, room_of(target)) for user, target in includes}
     above = list(ARROWS)
     for room, others in ARROWS.items():
         for other in others.replace(ANY, "").split():
             if other not in above[:above.index(room)]:
                 yield HOME, 1, f"an arrow up, from {room}/ to {other}/"
-    includes = {(ROOM.match(name)[1], include[1]) for name in tree.named(*CPP, below=FOLDER) if ROOM.match(name)
-                for include in map(INCLUDE.match, tree.lines(name)) if include}
+            if (room, other) not in used:
+                yield HOME, 1, f"nothing in {room}/ includes {other}/: it need not be allowed to"
     for room, headers in OPEN.items():
         for header in headers.replace(ANY, "").split():
             if not any(target == f"vex_core/{room}/{header}" and user != room for user, target in includes):
