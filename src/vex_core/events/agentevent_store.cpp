@@ -91,7 +91,7 @@ EventRecord MakeRecord(const CAgentEvent& event)
 void ShowOnStandardError(const char* prefix, const std::string& xml)
 {
     const std::string line = prefix + xml + "\n";
-    os::WriteAll(STDERR_FILENO, line.data(), line.size());
+    os::WriteBestEffort(STDERR_FILENO, line.data(), line.size());
 }
 
 // What lies there already may be all that is left of another database.
@@ -459,7 +459,7 @@ std::int64_t CDom::AgentEventWrite(CAgentEvent& event)
     } catch (const std::exception& failure) { // memory or the source of random numbers
         const std::string_view parts[] = {"Agent event lost: ", failure.what(), ": ", event.m_text, "\n"};
         for (const std::string_view part : parts)
-            os::WriteAll(STDERR_FILENO, part.data(), part.size());
+            os::WriteBestEffort(STDERR_FILENO, part.data(), part.size());
         return 0;
     }
 }

@@ -42,7 +42,7 @@ ssize_t PReadFull(int descriptor, void* data, std::size_t size, off_t offset);
 /// Adds all from the place where the descriptor is to the end of the file.
 bool ReadToEnd(int descriptor, std::string& text);
 /// Writes all of it or fails.
-bool WriteAll(int descriptor, const void* data, std::size_t size);
+[[nodiscard]] bool WriteAll(int descriptor, const void* data, std::size_t size);
 /// Writes all of it as far as that works; for standard error, where nobody can be told about a failure. Keeps the last error.
 /// The one call here that tests do not see: it tells what came of the others, and nothing comes of its own failure.
 void WriteBestEffort(int descriptor, const char* data, std::size_t size);
