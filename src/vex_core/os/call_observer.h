@@ -1,6 +1,7 @@
 #pragma once
-// The one hook of this room, for tests: they see each call, make any of them fail or fall short, or end the process right
-// before one.
+// The one hook of this room, for tests: they see the calls for files and folders (files.h but where it says otherwise, folders.h,
+// file_lock.h, and CloseWritten, which can fail), make any of them fail or fall short, or end the process right before one. Not
+// seen is what concerns descriptors alone, processes, signals and the host.
 
 #include <cstddef>
 
@@ -20,7 +21,7 @@ struct Call
     struct stat* status; ///< where the answer of a stat goes
 };
 
-/// The observer has made the call itself, and it went well.
+/// The observer has made the call itself, and it went well. Only where 0 is the whole answer.
 constexpr int callAnswered = -1;
 
 /// Sees each call before it is made: 0 lets it happen, anything else but `callAnswered` is the error with which it fails unmade.

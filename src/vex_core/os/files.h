@@ -1,6 +1,7 @@
 #pragma once
 // Files and their names. Each function does what the call of that name does, tries again when a signal interrupts it, and keeps
-// descriptors from children; the test hook (call_observer.h) sees each. On failure -1, or false, and the reason in error.h.
+// descriptors from children; the test hook (call_observer.h) sees each that does not say otherwise. On failure -1, or false, and
+// the reason in error.h.
 
 #include "vex_core/os/descriptor.h"
 
@@ -29,7 +30,7 @@ int LStat(const char* path, struct stat& result);
 int LStatAt(int folder, const char* name, struct stat& result);
 /// Whether this process may run the file; links are followed.
 bool MayExecute(const char* path);
-/// Keeps the last error.
+/// Keeps the last error. Tests do not see it.
 bool IsTerminal(int descriptor);
 
 // --- reading and writing
@@ -44,7 +45,7 @@ bool ReadToEnd(int descriptor, std::string& text);
 /// Writes all of it or fails.
 [[nodiscard]] bool WriteAll(int descriptor, const void* data, std::size_t size);
 /// Writes all of it as far as that works; for standard error, where nobody can be told about a failure. Keeps the last error.
-/// The one call here that tests do not see: it tells what came of the others, and nothing comes of its own failure.
+/// Tests do not see it: it tells what came of the others, and nothing comes of its own failure.
 void WriteBestEffort(int descriptor, const char* data, std::size_t size);
 /// Where the last read or write through `descriptor` ended.
 off_t FilePosition(int descriptor);

@@ -4,6 +4,7 @@
 #include "vex_core/os/call_observer.h"
 
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 
 namespace VexCore::os {
@@ -32,10 +33,11 @@ inline int AskObserver(const Call& call)
     return observer ? observer(call) : 0;
 }
 
-/// For a call whose result is no number. False: it is not to be made, errno says with what it failed.
+/// For a call that the observer cannot answer. False: it is not to be made, errno says with what it failed.
 inline bool MayCall(const Call& call)
 {
     const int error = AskObserver(call);
+    assert(error != callAnswered);
     if (error != 0)
         errno = error;
     return error == 0;
