@@ -20,7 +20,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <map>
 #include <random>
@@ -328,7 +327,7 @@ void EventStore::KeepForLater(const EventRecord& record)
 {
     g_somethingIsKept = true;
     const bool pending = !m_folder.empty() && AppendMemoryToPending() && m_pending.Append(record);
-    const wxString pendingError = pending ? wxString() : Shown(std::strerror(os::LastError()));
+    const wxString pendingError = pending ? wxString() : Shown(os::ErrorText(os::LastError()));
     if (pending)
         wxLogError("Agent event kept in '%s', because '%s' did not take it (%s): %s", Shown(m_pending.Path()),
                    Shown(m_path), Shown(m_reason), Shown(record.xml));

@@ -6,7 +6,6 @@
 #include "vex_core/os/files.h"
 
 #include <cerrno>
-#include <cstring>
 
 #include <fcntl.h>
 

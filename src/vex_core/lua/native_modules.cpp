@@ -14,7 +14,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -35,7 +34,7 @@ int Failure(lua_State* L, const char* path)
 {
     const int error = os::LastError();
     lua_pushnil(L);
-    lua_pushfstring(L, "%s: %s", path, std::strerror(error));
+    lua_pushfstring(L, "%s: %s", path, os::ErrorText(error).c_str());
     return 2;
 }
 

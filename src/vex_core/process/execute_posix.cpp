@@ -15,7 +15,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -241,7 +240,7 @@ private:
 
 wxString SystemError(int error)
 {
-    return FromForeignBytes(std::strerror(error), std::strlen(std::strerror(error)));
+    return FromForeignBytes(os::ErrorText(error));
 }
 
 void Trace(int line, const wxString& message)
