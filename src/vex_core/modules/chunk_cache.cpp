@@ -96,14 +96,13 @@ bool ChunkCache::LoadIndex()
 {
     DropFile();
     m_loaded = true;
-    bool usable = true;
-    std::optional<ChunkFile> file = m_folder.Open(m_key, usable);
-    if (!usable)
+    ChunkFileSearch search = m_folder.Open(m_key);
+    if (search.folder == FolderState::Refused)
         m_writable = false;
-    if (!file || !ReadIndex(*file, m_key, m_records))
+    if (!search.file || !ReadIndex(*search.file, m_key, m_records))
         return false;
-    ChunkCacheFolder::NoteUse(*file);
-    m_file = std::move(*file);
+    ChunkCacheFolder::NoteUse(*search.file);
+    m_file = std::move(*search.file);
     return true;
 }
 

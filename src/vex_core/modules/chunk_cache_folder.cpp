@@ -49,8 +49,6 @@ bool IsOursAlone(const struct stat& status)
     return status.st_uid == os::EffectiveUser() && (status.st_mode & 077) == 0;
 }
 
-enum class FolderState { Usable, Missing, Refused };
-
 // `descriptor` gets the folder when it is usable.
 FolderState OpenFolder(const std::string& path, os::Descriptor& descriptor)
 {
@@ -159,23 +157,24 @@ private:
 
 } // namespace
 
-std::optional<ChunkFile> ChunkCacheFolder::Open(const std::string& key, bool& usable) const
+ChunkFileSearch ChunkCacheFolder::Open(const std::string& key) const
 {
     os::Descriptor folder;
-    const FolderState state = OpenFolder(m_path, folder);
-    usable = state != FolderState::Refused;
-    if (state != FolderState::Usable)
-        return std::nullopt;
+    ChunkFileSearch search;
+    search.folder = OpenFolder(m_path, folder);
+    if (search.folder != FolderState::Usable)
+        return search;
     ChunkFile file;
     file.descriptor = os::Descriptor(
         os::OpenAt(folder.Get(), (key + fileSuffix).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     struct stat status;
     if (!file.descriptor || os::FStat(file.descriptor.Get(), status) != 0 || !S_ISREG(status.st_mode)
         || !IsOursAlone(status) || static_cast<std::uint64_t>(status.st_size) > maxChunkFileBytes)
-        return std::nullopt;
+        return search;
     file.bytes = static_cast<std::uint64_t>(status.st_size);
     file.lastUsed = static_cast<std::int64_t>(status.st_mtime);
-    return file;
+    search.file = std::move(file);
+    return search;
 }
 
 void ChunkCacheFolder::NoteUse(const ChunkFile& file)

@@ -21,6 +21,19 @@ struct ChunkFile
     std::int64_t lastUsed = 0; ///< seconds since the epoch
 };
 
+enum class FolderState {
+    Usable,
+    Missing, ///< will be made with its first file
+    Refused, ///< may not be used, so that a new file would be made in vain
+};
+
+/// What was found when a file was looked for.
+struct ChunkFileSearch
+{
+    FolderState folder = FolderState::Missing;
+    std::optional<ChunkFile> file; ///< nothing when it is missing, is too large or may not be used
+};
+
 /// One folder. Only used when it is no symbolic link, ours, and nobody else may enter it, and likewise for the files: code that
 /// is loaded from there runs with our rights. What is not used, and what fails, is traced and no error. Any thread.
 class ChunkCacheFolder
@@ -28,9 +41,8 @@ class ChunkCacheFolder
 public:
     explicit ChunkCacheFolder(std::string path) : m_path(std::move(path)) {}
 
-    /// The file of a cache. Nothing when it is missing, is too large or may not be used. `usable` false: the folder itself may
-    /// not be used, so that a new file would be made in vain; a folder that is missing will be made.
-    std::optional<ChunkFile> Open(const std::string& key, bool& usable) const;
+    /// Opens the file of a cache.
+    ChunkFileSearch Open(const std::string& key) const;
     /// Renews the file's time, which tells when it was last of use, to the day.
     static void NoteUse(const ChunkFile& file);
     /// Makes or replaces the file of a cache as a whole, and the folder where it is missing. The first time in a process, sweeps
