@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -34,12 +35,26 @@ public:
 
     /// Whether a change may be waiting. Costs two relaxed loads and the time of day.
     bool IsDue() const;
-    /// True the first time and after each change since the last true. Of several threads one is told.
+    /// True the first time and after each change since the last true. One thread at a time.
     bool TakeChange(const CDom& dom);
+    /// Calls `take`, which reads the settings and takes them over, where `TakeChange` is true. Any thread: two never take
+    /// over at once, or the values that were read first could be the last taken over. Who comes while another is at it
+    /// goes on without waiting, and a change that the other may have missed is left to the next call.
+    template <typename Take>
+    void TakeOver(const CDom& dom, Take&& take)
+    {
+        const std::unique_lock lock(m_takingOver, std::try_to_lock);
+        if (lock && TakeChange(dom))
+            take();
+    }
+    /// Around a fork, on the forking thread, for a watch that the child goes on with: nobody is taking over meanwhile.
+    void BeforeFork() { m_takingOver.lock(); }
+    void AfterFork() { m_takingOver.unlock(); }
     /// Makes the next `TakeChange` true: what was taken over is lost.
     void Forget() { m_written = true; }
 
 private:
+    std::mutex m_takingOver;
     std::atomic<bool> m_written{true};
     std::atomic<std::time_t> m_fileSeen{0};
     std::atomic<std::uint64_t> m_generation{0}; // of the file's entries

@@ -77,13 +77,13 @@ void Prepare(DiskLog& log)
     if (!placed)
         if (const std::string place = PlaceIn(root); !place.empty())
             log.SetFile(place);
-    if (!LogWatch().TakeChange(*root))
-        return;
-    DiskLog::Settings settings;
-    settings.timeFormat = TimeFormat();
-    settings.maxBytes = IntSetting(*root, "app.log.size");
-    settings.keep = static_cast<int>(IntSetting(*root, "app.log.count"));
-    log.SetSettings(settings);
+    LogWatch().TakeOver(*root, [&] {
+        DiskLog::Settings settings;
+        settings.timeFormat = TimeFormat();
+        settings.maxBytes = IntSetting(*root, "app.log.size");
+        settings.keep = static_cast<int>(IntSetting(*root, "app.log.count"));
+        log.SetSettings(settings);
+    });
 }
 
 ELogLevel LevelOf(wxLogLevel level)
@@ -144,17 +144,20 @@ void EmptyQueue(wxLog& log);
 void BeforeFork()
 {
     Prepare(ProcessLog());
+    LogWatch().BeforeFork();
     ProcessLog().BeforeFork();
 }
 
 void AfterForkInParent()
 {
     ProcessLog().AfterForkInParent();
+    LogWatch().AfterFork();
 }
 
 void AfterForkInChild()
 {
     ProcessLog().AfterForkInChild();
+    LogWatch().AfterFork();
 }
 
 const struct ForkHooks

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -134,6 +135,30 @@ TEST(SettingsWatch, ToldOfAnotherFileAtOnceAndOfAChangedOneWithinASecond)
     WriteFile(folder / "x.ini", "[settings]\na=2\n");
     WaitForTheNextLookAtTheFile();
     EXPECT_TRUE(watch.TakeChange(*dom));
+    EXPECT_FALSE(watch.TakeChange(*dom));
+}
+
+TEST(SettingsWatch, WhatAThreadReadBeforeAWriteIsNotTakenOverAfterIt)
+{
+    const DomPtr dom = NewRoot();
+    SettingsWatch watch(*dom, {"app.log.size"});
+    std::int64_t taken = 0;
+    const auto takeOver = [&](const std::function<void()>& afterReading) {
+        watch.TakeOver(*dom, [&] {
+            const std::int64_t value = IntSetting(*dom, "app.log.size");
+            afterReading();
+            taken = value;
+        });
+    };
+    dom->Set("app.log.size", "5000");
+    takeOver([&] {
+        dom->Set("app.log.size", "6000");
+        std::thread([&] { takeOver([] {}); }).join();
+    });
+    EXPECT_EQ(taken, 5000);
+    EXPECT_TRUE(watch.IsDue()) << "the write is left to the next call";
+    takeOver([] {});
+    EXPECT_EQ(taken, 6000);
     EXPECT_FALSE(watch.TakeChange(*dom));
 }
 

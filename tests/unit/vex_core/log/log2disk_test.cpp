@@ -1,5 +1,6 @@
 #include "vex/core/log.h"
 
+#include "support/call_watch.h"
 #include "support/child.h"
 #include "support/dom_ptr.h"
 #include "support/joining_thread.h"
@@ -14,6 +15,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <sstream>
@@ -23,9 +26,11 @@
 #include <unistd.h>
 #include <wx/log.h>
 
+using Test::CallWatch;
 using Test::ChildResult;
 using Test::DomPtr;
 using Test::Fork;
+using Test::JoiningThread;
 using Test::LogFromAStranger;
 using Test::ReadFile;
 using Test::RunChild;
@@ -417,6 +422,35 @@ TEST_F(LogToDisk, EarlyLineOfAParentIsNotShownByItsChild)
     wxLogWarning("early");
     const ChildResult result = RunChild([] { return 0; });
     EXPECT_EQ(result.standardError, "");
+}
+
+TEST_F(LogToDisk, SettingsCountInAChildForkedWhileAnotherThreadReadsThem)
+{
+    const std::string file = m_folder / "agent.ini";
+    WriteFile(file, "[settings]\napp.log.count = 1\n");
+    MakeRoot();
+    m_root->Set("app.path.ini", file);
+    std::atomic<bool> reading{false};
+    ChildResult result;
+    {
+        const CallWatch watch([&](const VexCore::os::Call& call) {
+            if (call.path && call.path == file && !reading.exchange(true))
+                std::this_thread::sleep_for(std::chrono::milliseconds(100)); // the fork comes meanwhile
+            return 0;
+        });
+        JoiningThread other([] { VexCore::WriteLogLine(wxLOG_Warning, wxS("of another thread")); });
+        while (!reading)
+            std::this_thread::yield();
+        result = RunChild([this] {
+            m_root->SetWx("app.log.size", static_cast<std::int64_t>(4096));
+            for (int i = 0; i < 3; ++i)
+                wxLogWarning("%s", std::string(2000, 'x').c_str());
+            return 0;
+        });
+        other.join();
+    }
+    EXPECT_TRUE(result.Exited(0));
+    EXPECT_EQ(::access((m_folder / "agent.log.1").c_str(), F_OK), 0);
 }
 
 // --- standard error
