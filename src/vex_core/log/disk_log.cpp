@@ -96,9 +96,10 @@ void DiskLog::SetSettings(const Settings& settings)
     m_settings = settings;
 }
 
-void DiskLog::Write(const std::string& record, bool shown)
+void DiskLog::Write(const std::string& record, bool shown, const char* timeFormat)
 {
     const std::lock_guard lock(m_lock);
+    m_timeFormat = timeFormat;
     if (!WriteHeld() || !TryWrite(record))
         Hold(record, shown);
 }
@@ -249,8 +250,7 @@ void DiskLog::Fail(int error)
 
 std::string DiskLog::OwnRecord(const std::string& text) const
 {
-    return FormatLogRecord(std::time(nullptr), m_settings.timeFormat.c_str(), ELogLevel::Warning, os::ProcessId(),
-                           "log", text);
+    return FormatLogRecord(std::time(nullptr), m_timeFormat.c_str(), ELogLevel::Warning, os::ProcessId(), "log", text);
 }
 
 // --- the file

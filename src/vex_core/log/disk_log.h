@@ -45,8 +45,9 @@ public:
     {
         std::int64_t maxBytes = StandardOf("app.log.size"); ///< rotate before the file grows beyond
         int keep = StandardOf("app.log.count"); ///< rotated files: .1, the newest, to .keep
-        std::string timeFormat = "%Y-%m-%d %H:%M:%S"; ///< for the log's own records
     };
+
+    static constexpr const char* standardTimeFormat = "%Y-%m-%d %H:%M:%S";
 
     /// Holds at most `maxHeldBytes` of records that cannot be written. `errorDescriptor` stands for standard error.
     explicit DiskLog(std::size_t maxHeldBytes, int errorDescriptor = 2);
@@ -58,8 +59,9 @@ public:
     bool HasFile() const;
     void SetSettings(const Settings& settings);
 
-    /// `shown`: standard error has the record already.
-    void Write(const std::string& record, bool shown);
+    /// `shown`: standard error has the record already. `timeFormat` is that of the record, and from now on that of the log's
+    /// own records.
+    void Write(const std::string& record, bool shown, const char* timeFormat = standardTimeFormat);
     /// Tries to write what is held.
     void Flush();
     /// The same, and what cannot be written goes to standard error: the process ends.
@@ -103,6 +105,7 @@ private:
     mutable std::mutex m_lock; // guards all below
     std::string m_path;
     Settings m_settings;
+    std::string m_timeFormat = standardTimeFormat; // of the log's own records
     os::Descriptor m_file;
     os::FileIdentity m_identity; // of the open file
     off_t m_size = 0; // of the open file, as last seen

@@ -43,7 +43,7 @@ DiskLog& ProcessLog()
 std::string TimeFormat()
 {
     const std::string format = BytesFromText(wxLog::GetTimestamp());
-    return format.empty() ? DiskLog::Settings().timeFormat : format;
+    return format.empty() ? DiskLog::standardTimeFormat : format;
 }
 
 // Where the domain says that the file is, empty while it does not. The name is part of a file name, so it is kept from
@@ -79,7 +79,6 @@ void Prepare(DiskLog& log)
             log.SetFile(place);
     LogWatch().TakeOver(*root, [&] {
         DiskLog::Settings settings;
-        settings.timeFormat = TimeFormat();
         settings.maxBytes = IntSetting(*root, "app.log.size");
         settings.keep = static_cast<int>(IntSetting(*root, "app.log.count"));
         log.SetSettings(settings);
@@ -128,7 +127,9 @@ void WriteRecord(ELogLevel level, std::time_t time, wxThreadIdType thread, const
         const std::string line = std::string(LogLevelWord(level)) + ' ' + LogText(text) + '\n';
         os::WriteBestEffort(standardError, line.data(), line.size());
     }
-    log.Write(FormatLogRecord(time, TimeFormat().c_str(), level, os::ProcessId(), NameOf(thread), text), shown);
+    const std::string format = TimeFormat();
+    log.Write(FormatLogRecord(time, format.c_str(), level, os::ProcessId(), NameOf(thread), text), shown,
+              format.c_str());
 }
 
 // The framework empties its queue of other threads' lines on the main thread only, through a private member. A process

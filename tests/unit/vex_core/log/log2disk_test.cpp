@@ -18,6 +18,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 #include <thread>
@@ -311,6 +312,19 @@ TEST_F(LogToDisk, SettingsMayStandInTheConfigurationFile)
         wxLogWarning("%s", std::string(2000, 'x').c_str());
     EXPECT_EQ(LinesOf(Text("agent.log.1")).size(), 2u);
     EXPECT_NE(::access((m_folder / "agent.log.2").c_str(), F_OK), 0);
+}
+
+TEST_F(LogToDisk, OwnRecordsOfTheLogFollowTheFrameworksTimeFormat)
+{
+    MakeRoot();
+    m_root->SetWx("app.log.size", static_cast<std::int64_t>(4096));
+    wxLogWarning("settings are taken over");
+    wxLog::SetTimestamp(wxS("year %Y"));
+    std::filesystem::create_directory(m_folder / "agent.log.lock"); // no rotation
+    wxLogWarning("%s", std::string(5000, 'x').c_str());
+    ASSERT_EQ(Lines().size(), 3u);
+    EXPECT_THAT(Lines()[1], MatchesRegex("year .... WARNING .*The log file can't be rotated.*"));
+    EXPECT_THAT(Lines()[2], MatchesRegex("year .... WARNING .*xxx"));
 }
 
 TEST_F(LogToDisk, CrashHandlerGetsTheFilesDescriptor)
