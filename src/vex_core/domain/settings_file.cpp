@@ -49,19 +49,23 @@ void SettingsFile::Refresh(const std::string& path)
     if (!file || os::FStat(file.Get(), status) != 0 || !S_ISREG(status.st_mode)) {
         Take({});
         m_readable = false;
+        m_unsettled.reset();
         return;
     }
     const os::FileIdentity version = os::IdentityOf(status);
-    if (!m_readable || !m_settled || path != m_path || !version.HasContentOf(m_version)) {
+    if (!m_readable || m_unsettled || path != m_path || !version.HasContentOf(m_version)) {
         // A change within the file system's clock tick of the last one leaves the time as it was, so a file that is read
         // right after it was written is read again next time.
-        m_settled = std::time(nullptr) - status.st_mtim.tv_sec > 2;
+        const bool settled = std::time(nullptr) - status.st_mtim.tv_sec > 2;
         // One byte more than is read at all tells a file that is too large.
         std::string content(std::min(maxConfigFileBytes + 1, static_cast<std::size_t>(status.st_size)), '\0');
         const ssize_t count = os::PReadFull(file.Get(), content.data(), content.size(), 0);
         m_readable = count >= 0;
         content.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-        Take(ParseSettings(content));
+        // Parsing a large file takes the framework a second or so, reading it next to nothing.
+        if (content != m_unsettled)
+            Take(m_parse(content));
+        m_unsettled = settled ? std::nullopt : std::make_optional(std::move(content));
         m_path = path;
         m_version = version;
     }

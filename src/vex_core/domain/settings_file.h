@@ -1,11 +1,13 @@
 #pragma once
 // The file that "app.path.ini" names, as a source of settings.
 
+#include "vex_core/domain/config_text.h"
 #include "vex_core/os/file_identity.h"
 
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,6 +19,11 @@ namespace VexCore {
 class SettingsFile
 {
 public:
+    using Entries = std::map<std::string, std::string>; ///< names in lower case
+
+    /// `parse` is another than `ParseSettings` in tests.
+    explicit SettingsFile(Entries (*parse)(std::string_view bytes) = ParseSettings) : m_parse(parse) {}
+
     /// False when the file cannot be read or has no such entry. `name` in any case.
     bool Find(const std::string& path, std::string_view name, std::string& value);
 
@@ -24,16 +31,16 @@ public:
     std::uint64_t Generation(const std::string& path);
 
 private:
-    using Entries = std::map<std::string, std::string>; // names in lower case
-
     void Refresh(const std::string& path);
     void Take(Entries entries);
 
+    Entries (*const m_parse)(std::string_view bytes);
     std::mutex m_lock;
     std::string m_path; // what was read last; guarded by m_lock, like all below
     os::FileIdentity m_version;
     bool m_readable = false;
-    bool m_settled = false; // the file was old enough when it was read that a later change shows in its time
+    // What was read from a file so new that a later change may not show in its time.
+    std::optional<std::string> m_unsettled;
     Entries m_entries;
     std::uint64_t m_generation = 0;
 };

@@ -75,6 +75,49 @@ TEST(SettingsFile, ChangeWithinOneTickOfTheFilesTimeIsSeen)
     EXPECT_EQ(value, "2");
 }
 
+namespace {
+int g_parses = 0;
+
+SettingsFile::Entries CountedParse(std::string_view bytes)
+{
+    ++g_parses;
+    return VexCore::ParseSettings(bytes);
+}
+
+} // namespace
+
+TEST(SettingsFile, IsParsedOnceForEachContentHoweverNewItIs)
+{
+    const TempFolder folder;
+    const std::string path = folder / "x.ini";
+    g_parses = 0;
+    SettingsFile file(CountedParse);
+    for (int expected = 1; expected <= 2; ++expected) {
+        WriteFile(path, "[settings]\na=" + std::to_string(expected) + "\n");
+        for (int i = 0; i < 3; ++i)
+            EXPECT_EQ(FindIn(file, path, "a"), std::to_string(expected));
+        EXPECT_EQ(g_parses, expected);
+    }
+    MakeOld(path, 100);
+    EXPECT_EQ(FindIn(file, path, "a"), "2");
+    EXPECT_EQ(g_parses, 2) << "of another age, but the same";
+}
+
+TEST(SettingsFile, ContentThatComesBackIsParsedAgain)
+{
+    const TempFolder folder;
+    const std::string path = folder / "x.ini";
+    SettingsFile file;
+    WriteFile(path, "[settings]\na=1\n");
+    EXPECT_EQ(FindIn(file, path, "a"), "1");
+    std::filesystem::remove(path);
+    EXPECT_EQ(FindIn(file, path, "a"), "none");
+    WriteFile(path, "[settings]\na=1\n");
+    EXPECT_EQ(FindIn(file, path, "a"), "1");
+    WriteFile(path, "");
+    EXPECT_EQ(FindIn(file, path, "a"), "none");
+}
+
 TEST(SettingsFile, IsNotReadAgainWhileItStaysAsItIs)
 {
     const TempFolder folder;
