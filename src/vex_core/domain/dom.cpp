@@ -180,11 +180,12 @@ struct DomAccess
     // What observers know the tree of `dom` by.
     static const void* Tree(const CDom& dom) { return dom.m_impl->store.get(); }
     static DomStore& Store(const CDom& dom) { return *dom.m_impl->store; }
-    static std::vector<std::string> FullKeys(const CDom& dom, std::vector<std::string> keys)
+    static std::vector<std::string> FullKeys(const CDom& dom, const std::vector<std::string>& keys,
+                                             std::vector<std::string> rootKeys)
     {
-        for (std::string& key : keys)
-            key = std::string(std::string_view(dom.m_impl->Key(key.c_str())));
-        return keys;
+        for (const std::string& key : keys)
+            rootKeys.emplace_back(std::string_view(dom.m_impl->Key(key.c_str())));
+        return rootKeys;
     }
 
     struct Roots
@@ -224,8 +225,9 @@ struct DomAccess
     }
 };
 
-DomObserver::DomObserver(const CDom& dom, const std::vector<std::string>& keys, std::function<void()> changed)
-    : DomObserver(DomAccess::Tree(dom), DomAccess::FullKeys(dom, keys), std::move(changed))
+DomObserver::DomObserver(const CDom& dom, const std::vector<std::string>& keys, std::function<void()> changed,
+                         const std::vector<std::string>& rootKeys)
+    : DomObserver(DomAccess::Tree(dom), DomAccess::FullKeys(dom, keys, rootKeys), std::move(changed))
 {}
 
 std::uint64_t SettingsGeneration(const CDom& dom)

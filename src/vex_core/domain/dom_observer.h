@@ -20,8 +20,9 @@ public:
     /// Observes these keys in every root. Called as well when a root comes or goes, because another one may be the process's own
     /// from then on.
     DomObserver(std::vector<std::string> keys, std::function<void()> changed);
-    /// Observes these keys as `dom` names them. Does not keep `dom` alive.
-    DomObserver(const CDom& dom, const std::vector<std::string>& keys, std::function<void()> changed);
+    /// Observes these keys as `dom` names them, and `rootKeys` as its root does. Does not keep `dom` alive.
+    DomObserver(const CDom& dom, const std::vector<std::string>& keys, std::function<void()> changed,
+                const std::vector<std::string>& rootKeys = {});
     /// When it returns no call runs on another thread and none will begin. So nothing may be held that the function waits for.
     ~DomObserver();
     DomObserver(const DomObserver&) = delete;

@@ -9,10 +9,12 @@
 namespace VexCore {
 
 namespace {
-// Another file has other settings.
+// The root's key that names the file: another file has other settings.
+constexpr const char* fileKey = "app.path.ini";
+
 std::vector<std::string> WithFile(std::vector<std::string> keys)
 {
-    keys.emplace_back("app.path.ini");
+    keys.emplace_back(fileKey);
     return keys;
 }
 
@@ -41,8 +43,8 @@ SettingsWatch::SettingsWatch(std::vector<std::string> keys)
     : m_observer(WithFile(std::move(keys)), [this] { m_written = true; })
 {}
 
-SettingsWatch::SettingsWatch(const CDom& dom, std::vector<std::string> keys)
-    : m_observer(dom, WithFile(std::move(keys)), [this] { m_written = true; })
+SettingsWatch::SettingsWatch(const CDom& dom, const std::vector<std::string>& keys)
+    : m_observer(dom, keys, [this] { m_written = true; }, {fileKey})
 {}
 
 bool SettingsWatch::IsDue() const

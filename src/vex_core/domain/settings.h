@@ -31,7 +31,7 @@ public:
     /// Of the process's root, whichever it is.
     explicit SettingsWatch(std::vector<std::string> keys);
     /// Of `dom`, with keys as it names them. Does not keep it alive.
-    SettingsWatch(const CDom& dom, std::vector<std::string> keys);
+    SettingsWatch(const CDom& dom, const std::vector<std::string>& keys);
 
     /// Whether a change may be waiting. Costs two relaxed loads and the time of day.
     bool IsDue() const;

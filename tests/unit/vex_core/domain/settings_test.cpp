@@ -18,6 +18,7 @@ using Test::NewRoot;
 using Test::TempFolder;
 using Test::WriteFile;
 using VexCore::BoolSetting;
+using VexCore::CDom;
 using VexCore::ESetting;
 using VexCore::FindSetting;
 using VexCore::IntSetting;
@@ -136,6 +137,23 @@ TEST(SettingsWatch, ToldOfAnotherFileAtOnceAndOfAChangedOneWithinASecond)
     WaitForTheNextLookAtTheFile();
     EXPECT_TRUE(watch.TakeChange(*dom));
     EXPECT_FALSE(watch.TakeChange(*dom));
+}
+
+TEST(SettingsWatch, OfAViewIsToldOfItsOwnKeysAndOfTheRootsFile)
+{
+    const TempFolder folder;
+    WriteFile(folder / "x.ini", "[settings]\npart.a=1\n");
+    const DomPtr root = NewRoot();
+    const DomPtr view(CDom::New("part", root.get(), nullptr, false));
+    SettingsWatch watch(*view, {"a"});
+    EXPECT_TRUE(watch.TakeChange(*view));
+    root->Set("app.path.ini", folder / "x.ini");
+    EXPECT_TRUE(watch.TakeChange(*view)) << "another file counts at once";
+    view->Set("a", "2");
+    EXPECT_TRUE(watch.TakeChange(*view));
+    root->Set("a", "2");
+    view->Set("app.path.ini", folder / "y.ini");
+    EXPECT_FALSE(watch.TakeChange(*view)) << "keys of others";
 }
 
 TEST(SettingsWatch, WhatAThreadReadBeforeAWriteIsNotTakenOverAfterIt)
