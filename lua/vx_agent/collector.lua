@@ -10,13 +10,12 @@ local log = require("vex.log")("vx_agent.collector")
 
 local M = {}
 
-local default_interval = 300
 local setting = positive(log)
 
 local function interval_of(plugin)
   local seconds = plugin.interval
   if type(seconds) == "number" and seconds >= 1 then return seconds end
-  return setting("vex.CollectInterval", default_interval)
+  return setting("vex.CollectInterval")
 end
 
 --- One collection into the domain.

@@ -13,7 +13,6 @@ local M = {}
 M.__index = M
 
 local request_key = "vex.HeartbeatNow"
-local defaults = { interval = 60, days = 30, rows = 50000 }
 
 -- The database, opened when it is first needed and again after a failure.
 function M:open_history()
@@ -29,8 +28,8 @@ function M:store(beat)
   if not opened then return nil, message end
   local id
   id, message = opened:add(beat, {
-    days = self.setting("vex.HeartbeatKeepDays", defaults.days),
-    rows = self.setting("vex.HeartbeatKeepRows", defaults.rows),
+    days = self.setting("vex.HeartbeatKeepDays"),
+    rows = self.setting("vex.HeartbeatKeepRows"),
   })
   if id then return id end
   opened:close()
@@ -73,7 +72,7 @@ end
 
 -- Sleeps until a beat is due. Its reason, or nil when the worker is to end.
 function M:wait_for_beat()
-  local deadline = host.monotonic() + self.setting("vex.HeartbeatInterval", defaults.interval)
+  local deadline = host.monotonic() + self.setting("vex.HeartbeatInterval")
   while true do
     if self:take_request() then return "request" end
     local left = deadline - host.monotonic()

@@ -53,13 +53,10 @@ def check_settings(tree):
 # Where the code has the default of a setting: the group of the pattern is the value as written there.
 DEFAULTS = {
     **{key: ("src/vex_core/domain/known_settings.h", rf'"{re.escape(key)}", ESetting::\w+, ([^,]+),')
-       for key in ("app.log.size", "app.log.count", "app.lua.cache", "app.unzip.maxbytes", "app.unzip.maxentries")},
+       for key in ("app.log.size", "app.log.count", "app.lua.cache", "app.unzip.maxbytes", "app.unzip.maxentries",
+                   "vex.CollectInterval", "vex.HeartbeatInterval", "vex.HeartbeatKeepDays", "vex.HeartbeatKeepRows")},
     "sqlite.config.busy_timeout": ("src/vex_core/database/sqlite_connection.h", r"busyTimeoutMs = (\d+);"),
     "sqlite.config.synchronous": ("src/vex_core/database/sqlite_connection.h", r"synchronous = (\d+);"),
-    "vex.HeartbeatInterval": ("lua/vx_agent/heartbeat.lua", r"defaults = .*\binterval = (\d+)"),
-    "vex.HeartbeatKeepDays": ("lua/vx_agent/heartbeat.lua", r"defaults = .*\bdays = (\d+)"),
-    "vex.HeartbeatKeepRows": ("lua/vx_agent/heartbeat.lua", r"defaults = .*\brows = (\d+)"),
-    "vex.CollectInterval": ("lua/vx_agent/collector.lua", r"default_interval = (\d+)"),
     "trend.Disk": ("lua/plugins/trend/plugin.lua", r'"trend.Disk", "([^"]*)"'),
     "trend.KeepDays": ("lua/plugins/trend/plugin.lua", r'"trend.KeepDays", (\d+)'),
 }

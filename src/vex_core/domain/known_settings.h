@@ -17,25 +17,22 @@ struct Setting
     std::int64_t standard; ///< the default; 0 or 1 for a boolean
     std::int64_t least;
     std::int64_t most;
-    const char* unit; ///< of an integer
-    const char* meaning;
 };
 
 constexpr std::int64_t unlimited = std::numeric_limits<std::int64_t>::max();
 
-/// docs/SETTINGS.md has the same for operators.
+/// docs/SETTINGS.md has the same for operators, with what each means. Those below "vex." are read by Lua code, which asks
+/// vex.settings for their defaults.
 constexpr Setting knownSettings[] = {
-    {"app.log.count", ESetting::Int, 5, 1, 10000, "files", "rotated log files that are kept"},
-    {"app.log.size", ESetting::Int, 10 * 1024 * 1024, 4096, unlimited, "bytes",
-     "size at which the log file is rotated"},
-    {"app.lua.cache", ESetting::Bool, true, false, true, "", "compiled chunks of modules are kept"},
-    {"app.unzip.maxbytes", ESetting::Int, static_cast<std::int64_t>(4) << 30, 1, unlimited, "bytes",
-     "what the entries of an archive may have together, unpacked"},
-    {"app.unzip.maxentries", ESetting::Int, 100000, 1, unlimited, "entries", "what an archive may have"},
-    {"vex.CollectInterval", ESetting::Int, 300, 1, unlimited, "seconds", "between two collections of a plugin"},
-    {"vex.HeartbeatInterval", ESetting::Int, 60, 1, unlimited, "seconds", "between two heartbeats"},
-    {"vex.HeartbeatKeepDays", ESetting::Int, 30, 1, unlimited, "days", "after which heartbeats go"},
-    {"vex.HeartbeatKeepRows", ESetting::Int, 50000, 1, unlimited, "rows", "of heartbeats that are kept"},
+    {"app.log.count", ESetting::Int, 5, 1, 10000}, // files
+    {"app.log.size", ESetting::Int, 10 * 1024 * 1024, 4096, unlimited}, // bytes
+    {"app.lua.cache", ESetting::Bool, true, false, true},
+    {"app.unzip.maxbytes", ESetting::Int, static_cast<std::int64_t>(4) << 30, 1, unlimited}, // bytes
+    {"app.unzip.maxentries", ESetting::Int, 100000, 1, unlimited}, // entries
+    {"vex.CollectInterval", ESetting::Int, 300, 1, unlimited}, // seconds
+    {"vex.HeartbeatInterval", ESetting::Int, 60, 1, unlimited}, // seconds
+    {"vex.HeartbeatKeepDays", ESetting::Int, 30, 1, unlimited}, // days
+    {"vex.HeartbeatKeepRows", ESetting::Int, 50000, 1, unlimited}, // rows
 };
 
 /// Null when there is no such setting. Keys are the same in any case in a file, but not here.

@@ -1,6 +1,7 @@
 #include "vex_core/lua/native_modules.h"
 
 #include "slb3/error.h"
+#include "vex_core/domain/known_settings.h"
 #include "vex_core/domain/root_dom.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_db.h"
@@ -284,7 +285,7 @@ const luaL_Reg hostFunctions[] = {{"system", Guarded<HostSystem>},
 
 // The value of argument 1 as the process's domain has it. Nothing is pushed while the domain is held.
 template <class Value>
-bool Setting(lua_State* L, Value& value)
+bool ReadSetting(lua_State* L, Value& value)
 {
     const char* key = PlainTextArgument(L, 1);
     const RootDom root;
@@ -303,7 +304,7 @@ int Default(lua_State* L)
 int SettingsText(lua_State* L)
 {
     std::string value;
-    if (!Setting(L, value))
+    if (!ReadSetting(L, value))
         return Default(L);
     lua_pushlstring(L, value.data(), value.size());
     return 1;
@@ -312,7 +313,7 @@ int SettingsText(lua_State* L)
 int SettingsBool(lua_State* L)
 {
     bool value = false;
-    if (!Setting(L, value))
+    if (!ReadSetting(L, value))
         return Default(L);
     lua_pushboolean(L, value);
     return 1;
@@ -321,7 +322,7 @@ int SettingsBool(lua_State* L)
 int SettingsInt(lua_State* L)
 {
     std::int64_t value = 0;
-    if (!Setting(L, value))
+    if (!ReadSetting(L, value))
         return Default(L);
     if (value > maxExactInteger || value < -maxExactInteger)
         return luaL_error(L, "vex.settings: the integer of '%s' is beyond 2^53", lua_tostring(L, 1));
@@ -329,9 +330,23 @@ int SettingsInt(lua_State* L)
     return 1;
 }
 
+// default(key): of a setting of the host's table; nil for others.
+int SettingsDefault(lua_State* L)
+{
+    const Setting* const setting = FindSetting(PlainTextArgument(L, 1));
+    if (!setting)
+        lua_pushnil(L);
+    else if (setting->type == ESetting::Bool)
+        lua_pushboolean(L, setting->standard != 0);
+    else
+        lua_pushnumber(L, static_cast<double>(setting->standard));
+    return 1;
+}
+
 const luaL_Reg settingsFunctions[] = {{"text", Guarded<SettingsText>},
                                       {"bool", Guarded<SettingsBool>},
                                       {"int", Guarded<SettingsInt>},
+                                      {"default", Guarded<SettingsDefault>},
                                       {nullptr, nullptr}};
 
 // --- Registration

@@ -200,6 +200,14 @@ TEST_F(NativeModules, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
     EXPECT_EQ(Run("return require('vex.settings').text('vex.Text', 'z')"), "abc");
 }
 
+TEST_F(NativeModules, DefaultsOfTheHostsOwnSettingsAreThoseOfItsTable)
+{
+    EXPECT_EQ(Run("return require('vex.settings').default('vex.HeartbeatInterval')"), "60");
+    EXPECT_EQ(Run("return require('vex.settings').default('app.unzip.maxbytes') == 2^32"), "true");
+    EXPECT_EQ(Run("return require('vex.settings').default('app.lua.cache')"), "true");
+    EXPECT_EQ(Run("return require('vex.settings').default('vex.One')"), "nil");
+}
+
 TEST_F(NativeModules, AnIntegerBeyondWhatLuaHoldsIsAnError)
 {
     const ::Test::DomPtr dom = ::Test::NewRoot();
