@@ -23,7 +23,7 @@ constexpr std::int64_t unlimited = std::numeric_limits<std::int64_t>::max();
 
 /// docs/SETTINGS.md has the same for operators, with what each means. Those below "vex." are read by Lua code, which asks
 /// vex.settings for their defaults.
-constexpr Setting knownSettings[] = {
+inline constexpr Setting knownSettings[] = {
     {"app.log.count", ESetting::Int, 5, 1, 10000}, // files
     {"app.log.size", ESetting::Int, 10 * 1024 * 1024, 4096, unlimited}, // bytes
     {"app.lua.cache", ESetting::Bool, true, false, true},
