@@ -226,7 +226,7 @@ TEST_F(DomainInLua, LogWritesAllLevelsToTheDiskLog)
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_EXIT(
         {
-            wxLog::SetActiveTarget(new VexCore::CLog2Disk);
+            delete wxLog::SetActiveTarget(new VexCore::CLog2Disk);
             wxLog::SetLogLevel(wxLOG_Info); // as in the background
             Run("dom0:Log('error', 'text 1'), dom0:Log('warning', 'text %s'), dom0:Log('message', 'text 3'), "
                 "dom0:Log('info', 'text 4'), dom0:Log('debug', 'text 5'), dom0:Log('warning', 'a\\0b')");
