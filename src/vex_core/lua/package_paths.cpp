@@ -1,5 +1,8 @@
 #include "vex_core/lua/package_paths.h"
 
+#include "vex_core/base/ascii.h"
+#include "vex_core/base/path_list.h"
+
 #include <initializer_list>
 
 #include <lua.hpp>
@@ -11,26 +14,18 @@ namespace {
 std::string WithoutCurrentDirectory(const std::string& templates)
 {
     std::string kept;
-    for (std::size_t begin = 0; begin <= templates.size();) {
-        std::size_t end = templates.find(';', begin);
-        if (end == std::string::npos)
-            end = templates.size();
-        if (end > begin && templates.compare(begin, 2, "./") != 0) {
-            kept += kept.empty() ? "" : ";";
-            kept.append(templates, begin, end - begin);
-        }
-        begin = end + 1;
-    }
+    for (const std::string& item : SplitPathList(templates))
+        if (!StartsWith(item, "./"))
+            AddToPathList(kept, item);
     return kept;
 }
 
 std::string JoinTemplates(std::initializer_list<std::string> parts)
 {
     std::string all;
-    for (const std::string& part : parts) {
+    for (const std::string& part : parts)
         if (!part.empty())
-            all += (all.empty() ? "" : ";") + part;
-    }
+            AddToPathList(all, part);
     return all;
 }
 

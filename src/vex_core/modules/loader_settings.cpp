@@ -1,6 +1,6 @@
 #include "vex_core/modules/loader_settings.h"
 
-#include "vex_core/modules/path_list.h"
+#include "vex_core/base/path_list.h"
 
 #include <unordered_set>
 

@@ -4,7 +4,7 @@
 #include "vex/core/dom.h"
 #include "vex_core/modules/chunk_caches.h"
 #include "vex_core/modules/module_lookup.h"
-#include "vex_core/modules/path_list.h"
+#include "vex_core/modules/package_path_parts.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/files.h"
 

@@ -1,13 +1,9 @@
 #pragma once
-// Lists of paths with ";" between them: "app.lua.zippath", "app.lua.path" and package.path.
+// Where package.path is cut to search the archives in between.
 
 #include <string>
-#include <vector>
 
 namespace VexCore {
-
-/// Without the empty ones.
-std::vector<std::string> SplitPathList(const std::string& list);
 
 /// package.path cut in two where the archives are searched: the templates that were given with "app.lua.path" come before them,
 /// all others after. One thread.

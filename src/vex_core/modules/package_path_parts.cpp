@@ -1,20 +1,11 @@
-#include "vex_core/modules/path_list.h"
+#include "vex_core/modules/package_path_parts.h"
+
+#include "vex_core/base/path_list.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace VexCore {
-
-std::vector<std::string> SplitPathList(const std::string& list)
-{
-    std::vector<std::string> items;
-    for (std::size_t begin = 0; begin <= list.size();) {
-        const std::size_t end = std::min(list.find(';', begin), list.size());
-        if (end > begin)
-            items.push_back(list.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    return items;
-}
 
 void PackagePathParts::Cut(const std::string& packagePath, const std::string& given)
 {
@@ -24,7 +15,7 @@ void PackagePathParts::Cut(const std::string& packagePath, const std::string& gi
     const std::vector<std::string> first = SplitPathList(given);
     for (const std::string& item : SplitPathList(packagePath)) {
         std::string& part = std::find(first.begin(), first.end(), item) != first.end() ? parts.m_before : parts.m_after;
-        part.append(part.empty() ? "" : ";").append(item);
+        AddToPathList(part, item);
     }
     parts.m_packagePath = packagePath;
     parts.m_given = given;
