@@ -2,6 +2,7 @@
 
 #include "vex_core/domain/root_dom.h"
 
+#include "vex_core/base/ascii.h"
 #include "vex_core/base/shared_lock.h"
 #include "vex_core/base/text.h"
 #include "vex_core/domain/dom_observer.h"
@@ -108,7 +109,7 @@ public:
         {
             const std::shared_lock lock(m_lock);
             for (const auto& [key, node] : m_nodes)
-                if (key.substr(0, start.size()) == start)
+                if (StartsWith(key, start))
                     keys.emplace_back(key.substr(skip));
         }
         std::sort(keys.begin(), keys.end());

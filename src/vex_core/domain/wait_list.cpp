@@ -1,5 +1,6 @@
 #include "vex_core/domain/wait_list.h"
 
+#include "vex_core/base/ascii.h"
 #include "vex_core/base/wait.h"
 
 #include <algorithm>
@@ -11,7 +12,7 @@ bool ScopeCovers(std::string_view scope, std::string_view key)
 {
     if (scope.empty())
         return true;
-    return key.substr(0, scope.size()) == scope && (key.size() == scope.size() || key[scope.size()] == '.');
+    return StartsWith(key, scope) && (key.size() == scope.size() || key[scope.size()] == '.');
 }
 
 // What one thread is subscribed to, in any tree. Lives as long as the thread.

@@ -4,6 +4,7 @@
 #include "vex/core/sqlitedb.h"
 
 #include "vex/core/dom.h"
+#include "vex_core/base/ascii.h"
 #include "vex_core/base/text.h"
 #include "vex_core/database/sqlite_connection.h"
 #include "vex_core/lua/lua_db.h"
@@ -90,7 +91,7 @@ const SettingRule settingRules[] = {
 void WarnOfUnknownSettings(const CDom& dom)
 {
     for (const std::string& key : dom.Keys("")) {
-        if (key.compare(0, sizeof settingPrefix - 1, settingPrefix) != 0)
+        if (!StartsWith(key, settingPrefix))
             continue;
         const bool known =
             std::any_of(std::begin(settingRules), std::end(settingRules), [&key](const SettingRule& rule) {

@@ -1,5 +1,6 @@
 #include "vex_core/modules/archive_index.h"
 
+#include "vex_core/base/ascii.h"
 #include "vex_core/base/text.h"
 #include "vex_core/modules/name_hash.h"
 #include "vex_core/os/error.h"
@@ -65,8 +66,7 @@ bool OutOfResources(const std::string& path)
 
 bool IsLuaFile(const ZipEntry& entry)
 {
-    const std::size_t length = entry.name.size();
-    return !entry.isFolder && length >= 4 && entry.name.compare(length - 4, 4, ".lua") == 0;
+    return !entry.isFolder && EndsWith(entry.name, ".lua");
 }
 
 } // namespace

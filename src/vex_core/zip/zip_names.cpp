@@ -1,5 +1,6 @@
 #include "vex_core/zip/zip_names.h"
 
+#include "vex_core/base/ascii.h"
 #include "vex_core/base/utf8.h"
 
 #include <algorithm>
@@ -87,7 +88,7 @@ int ComparePaths(std::string_view left, std::string_view right)
 
 bool LiesBelow(std::string_view path, std::string_view folder)
 {
-    return path.size() > folder.size() && path[folder.size()] == '/' && path.substr(0, folder.size()) == folder;
+    return path.size() > folder.size() && path[folder.size()] == '/' && StartsWith(path, folder);
 }
 
 } // namespace Zip
