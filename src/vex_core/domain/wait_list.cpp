@@ -1,10 +1,10 @@
 #include "vex_core/domain/wait_list.h"
 
 #include "vex_core/base/ascii.h"
+#include "vex_core/base/steady_ms.h"
 #include "vex_core/base/wait.h"
 
 #include <algorithm>
-#include <chrono>
 
 namespace VexCore {
 
@@ -77,13 +77,9 @@ private:
 
 WaitList::EResult WaitList::Wait(std::string_view scope, std::int64_t timeoutMs)
 {
-    using std::chrono::duration_cast;
-    using std::chrono::milliseconds;
-    using std::chrono::steady_clock;
-
     WaitPoint& point = WaitPoint::OfThisThread();
     const std::shared_ptr<Subscription> subscription = ThreadSubscriptions::OfThisThread().Find(*this, scope);
-    const steady_clock::time_point begin = steady_clock::now();
+    const Deadline deadline(timeoutMs);
     point.Clear();
     {
         const std::lock_guard lock(m_lock);
@@ -92,18 +88,13 @@ WaitList::EResult WaitList::Wait(std::string_view scope, std::int64_t timeoutMs)
             point.Notify();
     }
 
-    std::int64_t leftMs = timeoutMs;
     for (;;) {
-        const WaitPoint::EOutcome outcome = point.Sleep(leftMs);
+        const WaitPoint::EOutcome outcome = point.Sleep(deadline.LeftMs());
         const std::lock_guard lock(m_lock);
         const bool written = subscription->written;
-        if (outcome == WaitPoint::EOutcome::Notified && !written) {
-            // A notification of an earlier wait that was sent too late for it.
-            if (timeoutMs >= 0)
-                leftMs = std::max<std::int64_t>(
-                    0, timeoutMs - duration_cast<milliseconds>(steady_clock::now() - begin).count());
+        // A notification of an earlier wait that was sent too late for it.
+        if (outcome == WaitPoint::EOutcome::Notified && !written)
             continue;
-        }
         subscription->sleeper = nullptr;
         if (outcome == WaitPoint::EOutcome::Ending)
             return EResult::Ending;

@@ -4,13 +4,13 @@
 #include "vex/core/dom.h"
 #include "vex/core/luainterpreter.h"
 #include "vex/core/luastate.h"
+#include "vex_core/base/steady_ms.h"
 #include "vex_core/base/text.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/lua/worker_list.h"
 
 #include <algorithm>
-#include <chrono>
 
 #include <lua.hpp>
 #include <wx/log.h>
@@ -138,21 +138,16 @@ void Worker::AnnounceEnd()
 
 bool Worker::WaitForEnd(std::int64_t timeoutMs)
 {
-    using namespace std::chrono;
     WaitPoint& point = WaitPoint::OfThisThread();
-    const steady_clock::time_point begin = steady_clock::now();
+    const Deadline deadline(timeoutMs);
     std::unique_lock lock(m_lock);
     if (!m_done)
         m_waiting.push_back(&point);
     bool isOver = m_done;
     while (!m_done && !isOver) {
-        std::int64_t leftMs = timeoutMs;
-        if (timeoutMs >= 0)
-            leftMs =
-                std::max<std::int64_t>(0, timeoutMs - duration_cast<milliseconds>(steady_clock::now() - begin).count());
         lock.unlock();
         // A notification may also be a late one of a key that this thread has waited for.
-        isOver = point.Sleep(leftMs) != WaitPoint::EOutcome::Notified;
+        isOver = point.Sleep(deadline.LeftMs()) != WaitPoint::EOutcome::Notified;
         lock.lock();
     }
     m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), &point), m_waiting.end());
