@@ -21,7 +21,7 @@ struct SqliteSettings
     std::optional<std::int64_t> cacheSize; ///< pages, or KiB when negative
     std::optional<std::int64_t> journalSizeLimit; ///< bytes, -1: none
     std::int64_t busyTimeoutMs = 2000;
-    std::int64_t synchronous = 2; ///< 0 off, 1 normal, 2 full, 3 extra
+    std::int64_t synchronous = fullSynchronous; ///< 0 off, 1 normal, 2 full, 3 extra
 };
 
 /// Of the process. Any thread.

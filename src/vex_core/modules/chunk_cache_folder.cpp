@@ -2,6 +2,7 @@
 
 #include "vex/core/log.h"
 #include "vex_core/base/ascii.h"
+#include "vex_core/base/steady_ms.h"
 #include "vex_core/base/text.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <mutex>
@@ -71,10 +71,8 @@ FolderState OpenFolder(const std::string& path, os::Descriptor& descriptor)
 // A name that no other writer on the folder has.
 std::string TemporaryName()
 {
-    using namespace std::chrono;
     static std::atomic<unsigned> s_count{0};
-    const auto now = duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-    return temporaryPrefix + std::to_string(os::ProcessId()) + "-" + std::to_string(now) + "-"
+    return temporaryPrefix + std::to_string(os::ProcessId()) + "-" + std::to_string(SteadyMs()) + "-"
            + std::to_string(s_count++);
 }
 

@@ -1,21 +1,15 @@
 #include "vex_core/modules/chunk_caches.h"
 
 #include "vex_core/base/end_steps.h"
+#include "vex_core/base/steady_ms.h"
 #include "vex_core/os/process_info.h"
 
-#include <chrono>
 #include <exception>
 
 namespace VexCore {
 namespace {
 constexpr std::int64_t writeAfterMs = 2000;
 constexpr std::size_t maxOpenFiles = 16;
-
-std::int64_t SteadyMs()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
 
 const EndStepOwner writeChunkCaches(EndStep::WriteChunkCaches, &ChunkCaches::FlushAtExit);
 
