@@ -1,4 +1,6 @@
 #pragma once
+// How Lua code reaches what is bound: by tables that the registry of a state keeps by name. Like the state, for one
+// thread at a time.
 
 #include "slb3/table.h"
 

@@ -1,4 +1,5 @@
 #pragma once
+// The one template that users of the binder specialise. What a specialisation calls is in class.h.
 
 namespace SLB3 {
 

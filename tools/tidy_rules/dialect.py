@@ -6,7 +6,10 @@ import shutil
 import subprocess
 import sys
 
+from tidy_rules.file_map import place
 from tidy_rules.tree import CPP
+
+HOME = "tools/tidy_rules/dialect.py"
 
 # What a line of code may not have, and what it has instead.
 NUMBER = r"(?:(?:u?int\d+|size|ptrdiff|u?intptr)_t|streamsize)"
@@ -83,6 +86,30 @@ def check_comments(tree):
                 yield name, number + 1, "no blank line behind the brace of an anonymous namespace"
 
 
+def check_openings(tree):
+    """In a header, or in a source whose headers do not say it, what the file is about."""
+    if HOME not in tree.files:
+        return
+    for name in all_code(tree):
+        if name.endswith("_test.cpp") or opens_with_comment(tree, name):
+            continue
+        if not any(opens_with_comment(tree, header) for header in own_headers(tree, name)):
+            yield name, 1, "a file opens with a comment: its subject, its thread or process, what it leaves to others"
+
+
+def opens_with_comment(tree, name):
+    first = next((line for line in tree.lines(name) if line and line != "#pragma once"), "//")
+    return first.startswith("//")
+
+
+def own_headers(tree, name):
+    """The headers that declare what a source defines, and say what it is about."""
+    folder, file = os.path.split(name)
+    folders = [folder, "src/vex/core"] if folder.startswith("src/vex_core/") else [folder]
+    headers = (f"{folder}/{place(file)}.h" for folder in folders if name.endswith(".cpp"))
+    return (header for header in headers if header in tree.files)
+
+
 def check_class_names(tree):
     for name in tree.named(*CPP, below="src/"):
         if not name.startswith("src/vex/core/"):
@@ -98,4 +125,4 @@ def check_file_names(tree):
             yield name, 1, "names of files are snake_case"
 
 
-CHECKS = (check_format, check_lines, check_comments, check_class_names, check_file_names)
+CHECKS = (check_format, check_lines, check_comments, check_openings, check_class_names, check_file_names)

@@ -1,4 +1,5 @@
 #pragma once
+// The wall clock, for times that are stored, shown or sent. It can be set, so nothing is measured with it.
 
 #include "vex/core/export.h"
 

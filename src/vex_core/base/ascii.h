@@ -1,4 +1,5 @@
 #pragma once
+// Texts byte by byte, whatever the locale. Pure functions; UTF-8 passes through them as it is.
 
 #include <string_view>
 

@@ -1,4 +1,5 @@
 #pragma once
+// Bytes as hexadecimal digits, as in checksums and in the names of files that are called after one.
 
 #include <cstddef>
 #include <string>

@@ -1,4 +1,5 @@
 #pragma once
+// The lock of what many threads read all the time and few write, such as the domain and its observers.
 
 #include <atomic>
 #include <mutex>

@@ -1,3 +1,6 @@
+// The text of crash reports, put together without the C library, because it runs in a signal handler of a process that
+// may be broken. What does not fit is left out.
+
 #include "vex_core/crash/crash_system.h"
 
 namespace VexCore {

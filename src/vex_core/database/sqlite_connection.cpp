@@ -1,3 +1,6 @@
+// Each connection takes the process's settings over when it is opened. Errors are kept in the connection for its owner,
+// who logs them or not; only the owner knows what they mean.
+
 #include "vex_core/database/sqlite_connection.h"
 
 #include <algorithm>

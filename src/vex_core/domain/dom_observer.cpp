@@ -1,3 +1,6 @@
+// All observers of the process in one list. A function is called on the thread that writes, without the lock of the
+// list; an observer that goes waits for calls that run on other threads, and not for one that it goes in.
+
 #include "vex_core/domain/dom_observer.h"
 
 #include "vex_core/base/shared_lock.h"

@@ -1,3 +1,6 @@
+// The domain answers for key and file (`CDom::GetSetting`), the table for type, range and default: here is how they
+// make one value, and what a watch compares.
+
 #include "vex_core/domain/settings.h"
 
 #include "vex_core/domain/known_settings.h"

@@ -1,3 +1,6 @@
+// The file is looked at each time that it is asked, on whichever thread asks, and one at a time. Nothing here logs: the
+// log is among those who ask.
+
 #include "vex_core/domain/settings_file.h"
 
 #include "vex/core/configfile.h"

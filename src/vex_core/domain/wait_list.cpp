@@ -1,3 +1,7 @@
+// A wait has two sides: what a thread is subscribed to, which ends with the thread, and whom a tree has to tell, which
+// ends with the tree. Either may go first. Waiters sleep in wait.h, on their own threads; whoever writes a key only
+// wakes them.
+
 #include "vex_core/domain/wait_list.h"
 
 #include "vex_core/base/ascii.h"

@@ -1,4 +1,6 @@
 #pragma once
+// Threads that sleep until a key of the domain is written. What sleeping is, and that the end of the process ends it:
+// base/wait.h.
 
 #include <atomic>
 #include <cstdint>

@@ -1,3 +1,6 @@
+// Appending and taking happen under a lock on the file, because several processes use it, and count when they are
+// flushed to the disk. Which events come here, and when they are tried again, is agentevent_store.h's.
+
 #include "vex_core/events/pending_events.h"
 #include "vex_core/base/text.h"
 #include "vex_core/os/error.h"

@@ -1,3 +1,6 @@
+// Runs before `main`, on the one thread that there is, ahead of the library's other initialisers: it uses the C
+// library, and of the framework only the converter that it makes anew.
+
 #include "vex_core/lifecycle/startup.h"
 
 #include <clocale>

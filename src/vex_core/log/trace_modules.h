@@ -1,4 +1,5 @@
 #pragma once
+// A list of module names, as a setting has it. Pure; which settings are asked, and when, is trace.cpp's.
 
 #include <algorithm>
 #include <string>

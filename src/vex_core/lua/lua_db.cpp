@@ -1,3 +1,7 @@
+// A database belongs to one Lua state, but the thread that ends the database layer closes those that are left open:
+// hence a lock each and a list of all. Lua errors unwind C++ frames (Lua is built as C++), so statements and locks are
+// let go of on every way out. What a connection is: database/sqlite_connection.h.
+
 #include "vex_core/lua/lua_db.h"
 
 #include "slb3/error.h"

@@ -1,3 +1,6 @@
+// The functions that stand in place of Lua's own. Each asks at every call whether the output is redirected, because a
+// state keeps them from one run to the next; otherwise it calls the original. On the state's thread.
+
 #include "vex_core/lua/lua_output.h"
 
 #include "slb3/error.h"

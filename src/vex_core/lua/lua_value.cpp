@@ -1,3 +1,6 @@
+// Copies out of one state and into another. Each is used by its own thread, so the two never meet: what lies between is
+// plain C++. What no other state could use, such as a function, is refused with its place in the value.
+
 #include "vex_core/lua/lua_value.h"
 
 #include <cmath>

@@ -1,3 +1,8 @@
+// How a chunk runs. All that may raise a Lua error runs below one protected call, and C++ exceptions become Lua errors
+// on their way there, so a run ends with a status and a text however it fails. Runs may be nested: a chunk calls the
+// host, which runs another one. What print writes to, where modules are looked for and which are native: lua_output.h,
+// package_paths.h, native_modules.h.
+
 #include "vex/core/luainterpreter.h"
 
 #include "slb3/error.h"

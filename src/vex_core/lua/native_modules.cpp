@@ -1,3 +1,7 @@
+// Each function checks its arguments, asks the system (os/) or the domain, and answers with Lua values, on the thread
+// of the state that calls; nothing is kept between calls. A Lua error unwinds C++ frames here (Lua is built as C++), so
+// objects with destructors are safe beside calls of Lua.
+
 #include "vex_core/lua/native_modules.h"
 
 #include "slb3/error.h"
@@ -22,9 +26,6 @@
 #include <sys/stat.h>
 
 #include <lua.hpp>
-
-// A Lua error unwinds C++ frames here (Lua is built as C++), so objects with destructors are safe beside
-// calls of Lua.
 
 namespace VexCore {
 namespace {

@@ -1,3 +1,7 @@
+// The life of one worker. It is made and waited for on other threads and runs on its own, in an interpreter of its own;
+// what passes between them is the argument on the way in and status and error text on the way out. Who keeps it alive
+// and joins it is worker_list.h's matter.
+
 #include "vex_core/lua/worker.h"
 
 #include "slb3/error.h"

@@ -1,3 +1,6 @@
+// Every worker is held here from its start on, so that the thread of one whose Lua object is long collected is joined
+// too. How threads are asked to end: thread_registry.h.
+
 #include "vex_core/lua/worker_list.h"
 
 #include "vex_core/base/end_steps.h"

@@ -1,3 +1,7 @@
+// Three lives: a path keeps its slot for as long as an interpreter searches it, an archive lives until the file is
+// another one, and its descriptor until too many are open. All on the threads that require modules; the first that
+// comes opens, the others wait.
+
 #include "vex_core/modules/archive_index.h"
 
 #include "vex_core/base/ascii.h"

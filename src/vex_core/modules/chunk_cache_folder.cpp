@@ -1,3 +1,7 @@
+// Nothing is believed that another user could have written, and nothing here is an error to anybody: what is not found
+// is compiled. Files are replaced as a whole, by rename, so readers in other threads and processes see the old one or
+// the new one. The first write of a process sweeps the folder.
+
 #include "vex_core/modules/chunk_cache_folder.h"
 
 #include "vex/core/log.h"

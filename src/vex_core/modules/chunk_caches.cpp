@@ -1,3 +1,6 @@
+// Who decides when something is written: the loader asks at each search, and a step of the process's end sees to the
+// rest. Files are closed without the lock of the list, since a cache has its own.
+
 #include "vex_core/modules/chunk_caches.h"
 
 #include "vex_core/base/end_steps.h"

@@ -1,3 +1,6 @@
+// The order of a search: archive by archive, "name.lua" before "name/init.lua". An archive's hashes say no without
+// reading it; only the archive itself says yes. On the interpreter's thread.
+
 #include "vex_core/modules/module_lookup.h"
 
 #include "vex_core/modules/chunk_caches.h"

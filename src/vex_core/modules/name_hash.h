@@ -1,4 +1,5 @@
 #pragma once
+// The hash that stands for a module's file name: in memory for each archive, and in the files of compiled chunks.
 
 #include <cstdint>
 #include <string_view>

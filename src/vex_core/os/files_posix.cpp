@@ -1,3 +1,6 @@
+// Calls go through the hook that tests set (observed.h), are made again when a signal interrupted them, and open
+// descriptors that no program started later inherits. Any thread.
+
 #include "vex_core/os/files.h"
 
 #include "vex_core/os/error.h"

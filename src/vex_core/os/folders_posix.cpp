@@ -1,3 +1,6 @@
+// A folder is opened first and asked about afterwards, by its descriptor: between the two, a name could come to lead
+// elsewhere.
+
 #include "vex_core/os/folders.h"
 
 #include "vex_core/os/error.h"

@@ -1,3 +1,6 @@
+// Runs when an archive is opened, before anything in it is used. The first rule that is broken refuses the archive as a
+// whole (zip_refused.h); what cannot be seen in the directory alone is left to zip_tiling.h.
+
 #include "vex_core/zip/zip_directory.h"
 
 #include "vex_core/base/hex.h"

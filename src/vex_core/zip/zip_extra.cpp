@@ -1,3 +1,6 @@
+// Fields are walked through to the last byte: one that other readers would obey (another name, another kind of file)
+// must not say what the header does not.
+
 #include "vex_core/zip/zip_extra.h"
 
 #include "vex_core/zip/zip_format.h"

@@ -1,3 +1,6 @@
+// A name that is accepted means the same on every system and in every reader, and stays below the folder that an
+// archive is unpacked to. Pure rules.
+
 #include "vex_core/zip/zip_names.h"
 
 #include "vex_core/base/ascii.h"

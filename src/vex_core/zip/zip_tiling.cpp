@@ -1,3 +1,6 @@
+// The entries must tile the file: each begins where the one before ended, so that no byte belongs to two entries or to
+// none. What the data hold is checked when they are read (zip_data.cpp).
+
 #include "vex_core/zip/zip_tiling.h"
 
 #include "vex_core/zip/zip_extra.h"

@@ -291,6 +291,17 @@ def test_a_documented_default_is_the_codes(tree):
                                    "Add it to DEFAULTS in tools/tidy_rules/settings.py"]
 
 
+def test_each_file_says_what_it_is_about_or_its_header_does(tree):
+    about, silent = "// What it is about.\n", "int a;\n"
+    files = {"src/slb3/a.h": "#pragma once\n" + about, "src/slb3/a_linux.cpp": silent, "src/slb3/b.cpp": about,
+             "src/vex/core/c.h": "#pragma once\n" + about, "src/vex_core/base/c.cpp": silent, "src/slb3/empty.h": "#pragma once\n",
+             "tests/unit/slb3/a_test.cpp": "TEST(A, IsA) {}\n", "tools/tidy_rules/dialect.py": ""}
+    assert tidy(tree(files)) == (0, "")
+    tree({"src/slb3/a.h": "#pragma once\n" + silent + about, "src/slb3/c.cpp": silent, "bench/d.cpp": silent})
+    assert [line.partition(":1: a file opens with")[0] for line in tidy(tree({}))[1].splitlines()] == [
+        "bench/d.cpp", "src/slb3/a.h", "src/slb3/a_linux.cpp", "src/slb3/c.cpp"]
+
+
 def test_a_package_without_a_reason_is_a_breach(tree):
     root = tree({"tools/packages.txt": "# build\ng++\ncmake\n", "docs/DEPENDENCIES.md": "`g++` compiles\n"})
     assert tidy(root) == (1, "tools/packages.txt:3: docs/DEPENDENCIES.md does not say why cmake is needed\n")

@@ -1,3 +1,7 @@
+// The calls as both systems have them. How threads are counted and how a child notices its parent's end is each
+// system's own (process_linux.cpp, parent_death_linux.cpp, and the same for Solaris). Some run in the supervisor's
+// signal handler (process.h says which) and do nothing there but the call.
+
 #include "vex/apps/vex/os/process.h"
 
 #include "vex/core/sendsignal.h"

@@ -1,3 +1,5 @@
+// Thin on purpose: which signals the application serves, and how, is decided in run.cpp.
+
 #include "vex/apps/vex/os/signals.h"
 
 #include <cerrno>
