@@ -68,7 +68,7 @@ public:
     bool TermIsPending() const { return m_pending.has_value(); }
     VexSignalAction TermHandler() const { return m_handler; }
 
-    // --- System
+    // --- system
     pid_t OwnId() override { return self; }
     pid_t OwnGroup() override { return group; }
     int ThreadCount() override { return threads; }

@@ -27,9 +27,9 @@ LINES = [(re.compile(pattern), words) for pattern, words in (
      "the actual value first, then the literal"),
     (r"^\s*TEST(?:_[FP])?\((?!\w*DeathTest,)\w*Tests?,", "a suite is a noun without Test"),
 )]
-# Sections are told apart by one form of comment.
+# Sections are told apart by one form of comment; only a name, such as OnRun or SIGTERM, begins with a capital.
 RULER = re.compile(r"^\s*//+\s*[-=*#~]{2,}")
-SECTION = re.compile(r"^\s*// --- [^\s-].*[^-=*#~]$")
+SECTION = re.compile(r"^\s*// --- (?![A-Z][a-z]*\b)[^\s-].*[^-=*#~]$")
 # A C in front: the classes of the interface, and those of the launcher that the framework and the library know.
 PREFIXED = re.compile(r"^\s*(?:class|struct|enum(?: class)?) (?:VEX_CORE_API )?(C[A-Z][a-z]\w*)(?!\w|;|::)")
 PREFIXED_ALLOWED = ("CAgentApp", "CAgentAppTraits", "CScriptThread")
@@ -78,7 +78,7 @@ def check_comments(tree):
         lines, code = tree.lines(name), tree.code(name)
         for number, line in enumerate(lines, 1):
             if RULER.match(line) and not SECTION.match(line):
-                yield name, number, "a section begins with one line: // --- words"
+                yield name, number, "a section begins with one line in lower case: // --- words"
             place = line.find("///")
             if place >= 0 and name.endswith(".cpp") and code[number - 1][place] == " ":
                 yield name, number, "/// is for declarations in headers, // for all else"

@@ -350,7 +350,7 @@ const luaL_Reg settingsFunctions[] = {{"text", Guarded<SettingsText>},
                                       {"default", Guarded<SettingsDefault>},
                                       {nullptr, nullptr}};
 
-// --- Registration
+// --- registration
 
 int OpenFs(lua_State* L)
 {

@@ -80,7 +80,7 @@ std::string TemporaryName()
            + std::to_string(s_count++);
 }
 
-// --- The sweep
+// --- the sweep
 
 struct FoundFile
 {

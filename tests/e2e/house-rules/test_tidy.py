@@ -108,6 +108,8 @@ BREACHES = [
     ("src/slb3/a.cpp", "// ----- words -----\n", 1, "a section begins with"),
     ("src/slb3/a.cpp", "int a;\n// ---\n", 2, "a section begins with"),
     ("tests/support/a.cpp", "// =====\n", 1, "a section begins with"),
+    ("src/slb3/a.cpp", "int a;\n// --- The rest\n", 2, "a section begins with"),
+    ("tests/support/a.h", "#pragma once\n    // --- System\n", 2, "a section begins with"),
     ("src/slb3/a.cpp", "/// What f does.\nvoid f();\n", 1, "/// is for declarations in headers"),
     ("src/slb3/a.cpp", "int a; ///< what it is\n", 1, "/// is for declarations in headers"),
     ("src/slb3/a.cpp", "namespace {\n\nint a;\n\n} // namespace\n", 2, "no blank line"),
@@ -152,7 +154,7 @@ ALLOWED = [
                        "return m_handle != nullptr;\nfor (; (end = next(a)) != nullptr; ++a) {\nf(a != nullptr);\n"),
     ("src/slb3/a.cpp", "std::function<int(int a)> f;\nint (*g)(int);\nint f(int a);\nint F::operator()(int a);\nstd::size(a);\n"
                        "const char* b = \"int(a) wxT(b) /// ----\"; // int(a)\n"),
-    ("src/slb3/a.cpp", "// --- words: and more\n\nnamespace {\nint a;\n\n} // namespace\n"),
+    ("src/slb3/a.cpp", "// --- words: and more\n// --- OnRun\n// --- SIGTERM\n\nnamespace {\nint a;\n\n} // namespace\n"),
     ("src/slb3/a.cpp", "// What it tells.\n" + "int a;\n" * 8),
     ("src/slb3/a.h", "#pragma once\n// What it tells.\n" + "int a; ///< of b\n" * 8),
     ("src/vex/apps/vex/a.h", "#pragma once\nclass CDom;\nclass CAgentApp : public wxAppConsole\nclass CallObserver;\nstruct CDom::Impl\n"),

@@ -71,7 +71,7 @@ protected:
 
 } // namespace
 
-// --- Files
+// --- files
 
 TEST_F(NativeModules, AFolderIsListedSortedWithoutItsDots)
 {
@@ -119,7 +119,7 @@ TEST_F(NativeModules, AWrongArgumentIsALuaError)
     EXPECT_NE(Run("return require('vex.fs').list({})").find("string expected"), std::string::npos);
 }
 
-// --- Host facts
+// --- host facts
 
 TEST_F(NativeModules, TheSystemIsWhatUnameTells)
 {
@@ -183,7 +183,7 @@ TEST_F(NativeModules, TheMonotonicClockRuns)
               "true");
 }
 
-// --- Settings
+// --- settings
 
 TEST_F(NativeModules, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
 {
@@ -220,7 +220,7 @@ TEST_F(NativeModules, WithoutADomainEverySettingIsItsDefault)
     EXPECT_EQ(Run("return require('vex.settings').text('app.name', 'none')"), "none");
 }
 
-// --- Databases
+// --- databases
 
 TEST_F(NativeModules, WhatIsStoredIsReadBackWithItsType)
 {

@@ -709,7 +709,7 @@ TEST_F(ModuleSearch, FiveHundredArchivesAreOpenedOnceEach)
     }
 }
 
-// --- The cache
+// --- the cache
 
 TEST_F(ModuleSearch, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNextTime)
 {

@@ -454,7 +454,7 @@ TEST_F(Unzipping, ManyFoldersAndFilesGoThroughAllLimitsOfGroupsAndOpenFolders)
     EXPECT_EQ(m_seen.size(), 300u);
 }
 
-// --- Every call of the system
+// --- every call of the system
 
 namespace {
 // What the doorway's observer does; only one test uses it at a time.
@@ -1045,7 +1045,7 @@ TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
 }
 #endif
 
-// --- Limits
+// --- limits
 
 TEST_F(Unzipping, LimitsComeFromTheDomain)
 {
