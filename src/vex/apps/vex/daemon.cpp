@@ -15,7 +15,7 @@
 
 #include "vex/apps/vex/daemon.h"
 
-#include "vex/apps/vex/os/signals.h"
+#include "vex/apps/vex/os/error.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/dom.h"

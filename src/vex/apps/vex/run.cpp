@@ -3,6 +3,7 @@
 // interpreter is luahost.cpp's, what happens around the process daemon.cpp's.
 
 #include "vex/apps/vex/narrowtext.h"
+#include "vex/apps/vex/os/error.h"
 #include "vex/apps/vex/os/process.h"
 #include "vex/apps/vex/os/signals.h"
 #include "vex/apps/vex/vex_p.h"

@@ -19,11 +19,11 @@ namespace VexOs {
 enum class ELock {
     Taken,
     HeldByOther,
-    Unavailable, ///< the file cannot be made or locked; errno says why
+    Unavailable, ///< the file cannot be made or locked; error.h says why
 };
 
 /// One process is behind it, so there is one object. Main thread; the calls under "from a signal handler" are safe there.
-/// Calls that fail leave the reason in errno.
+/// Calls that fail leave the reason in error.h.
 class SystemCalls
 {
 public:
@@ -69,7 +69,7 @@ public:
     }
 
     // --- signals
-    /// Whether a process may be sent signals; -1 and errno as `kill` with signal 0.
+    /// Whether a process may be sent signals; -1 with the reason, as `kill` with signal 0.
     virtual int Ask(pid_t process) = 0;
     /// Default disposition for SIGTERM and SIGCHLD, and a mask that holds SIGTERM alone: what the starter of this process
     /// left in them must not reach the supervisor. SIGHUP is ignored until `NewSession`: a starting process that leads its

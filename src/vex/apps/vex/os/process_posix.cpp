@@ -4,6 +4,7 @@
 
 #include "vex/apps/vex/os/process.h"
 
+#include "vex/apps/vex/os/error.h"
 #include "vex/core/sendsignal.h"
 
 #include <cerrno>
@@ -46,14 +47,14 @@ int RecordLock(int descriptor, int command, short type, struct flock& lock)
     int result = 0;
     do {
         result = ::fcntl(descriptor, command, &lock);
-    } while (result == -1 && errno == EINTR);
+    } while (result == -1 && LastError() == EINTR);
     return result;
 }
 
 int OpenLockFile(const char* path)
 {
     if (!path) { // a name that the character set cannot hold
-        errno = EINVAL;
+        SetLastError(EINVAL);
         return -1;
     }
     // Readable to its owner alone: who can open a file can lock it. Not blocking, should there be a FIFO.
@@ -63,7 +64,7 @@ int OpenLockFile(const char* path)
     struct stat info;
     if (::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode)) {
         ::close(descriptor);
-        errno = EINVAL;
+        SetLastError(EINVAL);
         return -1;
     }
     return descriptor;
@@ -83,7 +84,7 @@ public:
     void SleepMs(long delayMs) override
     {
         timespec left = {delayMs / 1000, (delayMs % 1000) * 1000000};
-        while (::nanosleep(&left, &left) != 0 && errno == EINTR)
+        while (::nanosleep(&left, &left) != 0 && LastError() == EINTR)
             ;
     }
 
@@ -237,10 +238,10 @@ public:
         if (instance < 0)
             return ELock::Unavailable;
         if (::flock(instance, LOCK_EX | LOCK_NB) != 0) {
-            const int error = errno;
+            const ELock answer = LastError() == EWOULDBLOCK ? ELock::HeldByOther : ELock::Unavailable;
+            const KeepError keep;
             ::close(instance);
-            errno = error;
-            return error == EWOULDBLOCK ? ELock::HeldByOther : ELock::Unavailable;
+            return answer;
         }
         m_instanceLock = instance;
         m_workerLock = OpenLockFile(path);

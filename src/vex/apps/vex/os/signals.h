@@ -10,26 +10,11 @@ void SetHandler(int signal, void (*handler)(int), int flags);
 /// For the calling thread and those that it starts.
 void BlockSignals(const sigset_t& signals);
 void UnblockSignals(const sigset_t& signals);
-/// Sleeps until one of these, blocked in every thread, comes. False with the reason where `wxSysErrorCode` looks for it.
+/// Sleeps until one of these, blocked in every thread, comes. False with the reason in error.h.
 bool WaitForSignal(const sigset_t& signals, int& signal);
 /// SIGALRM after that time.
 void SetAlarm(unsigned seconds);
 /// Ends the process as it stands. Safe in a signal handler.
 [[noreturn]] void EndNow(int status);
-
-/// Why the last call of this thread failed. Safe in a signal handler.
-int LastError();
-/// Has it the same at the end of a scope as at its begin, for a handler that came in between.
-class KeepError
-{
-public:
-    KeepError();
-    ~KeepError();
-    KeepError(const KeepError&) = delete;
-    KeepError& operator=(const KeepError&) = delete;
-
-private:
-    const int m_error;
-};
 
 } // namespace VexOs

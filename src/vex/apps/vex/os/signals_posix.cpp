@@ -2,7 +2,7 @@
 
 #include "vex/apps/vex/os/signals.h"
 
-#include <cerrno>
+#include "vex/apps/vex/os/error.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -32,7 +32,7 @@ bool WaitForSignal(const sigset_t& signals, int& signal)
 {
     const int error = ::sigwait(&signals, &signal);
     if (error != 0)
-        errno = error;
+        SetLastError(error);
     return error == 0;
 }
 
@@ -44,18 +44,6 @@ void SetAlarm(unsigned seconds)
 void EndNow(int status)
 {
     ::_exit(status);
-}
-
-int LastError()
-{
-    return errno;
-}
-
-KeepError::KeepError() : m_error(errno) {}
-
-KeepError::~KeepError()
-{
-    errno = m_error;
 }
 
 } // namespace VexOs
