@@ -56,7 +56,8 @@ DEFAULTS = {
        for key in ("app.log.size", "app.log.count", "app.lua.cache", "app.unzip.maxbytes", "app.unzip.maxentries",
                    "vex.CollectInterval", "vex.HeartbeatInterval", "vex.HeartbeatKeepDays", "vex.HeartbeatKeepRows")},
     "sqlite.config.busy_timeout": ("src/vex_core/database/sqlite_connection.h", r"busyTimeoutMs = (\d+);"),
-    "sqlite.config.synchronous": ("src/vex_core/database/sqlite_connection.h", r"synchronous = (\d+);"),
+    "sqlite.config.synchronous": ("src/vex_core/database/sqlite_connection.h",
+                                  r"fullSynchronous = (\d+);(?s:.*)synchronous = fullSynchronous;"),
     "trend.Disk": ("lua/plugins/trend/plugin.lua", r'"trend.Disk", "([^"]*)"'),
     "trend.KeepDays": ("lua/plugins/trend/plugin.lua", r'"trend.KeepDays", (\d+)'),
 }
