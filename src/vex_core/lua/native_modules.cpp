@@ -72,11 +72,11 @@ int FsList(lua_State* L)
 {
     const char* path = PlainTextArgument(L, 1);
     std::vector<std::string> names;
-    const auto add = [](void* context, const char* name) {
-        static_cast<std::vector<std::string>*>(context)->emplace_back(name);
+    const auto add = [&names](const char* name) {
+        names.emplace_back(name);
         return true;
     };
-    if (os::ListFolder(path, add, &names) != 0)
+    if (os::ListFolder(path, add) != 0)
         return Failure(L, path);
     std::sort(names.begin(), names.end());
     lua_createtable(L, static_cast<int>(names.size()), 0);

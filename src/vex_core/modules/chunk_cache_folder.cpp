@@ -94,14 +94,10 @@ struct FoundFile
 std::vector<FoundFile> FilesIn(int folder)
 {
     std::vector<std::string> names;
-    os::ListFolder(
-        folder,
-        [](void* context, const char* name) {
-            auto& list = *static_cast<std::vector<std::string>*>(context);
-            list.emplace_back(name);
-            return list.size() < 10 * maxFiles;
-        },
-        &names);
+    os::ListFolder(folder, [&names](const char* name) {
+        names.emplace_back(name);
+        return names.size() < 10 * maxFiles;
+    });
     std::vector<FoundFile> files;
     for (const std::string& name : names) {
         const bool temporary = StartsWith(name, temporaryPrefix);

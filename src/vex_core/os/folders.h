@@ -1,6 +1,7 @@
 #pragma once
 // Folders: opening, making and listing them without following a symbolic link. Failures as in files.h.
 
+#include <functional>
 #include <string>
 
 #include <sys/types.h>
@@ -15,10 +16,13 @@ int MkdirAt(int folder, const char* name, mode_t mode);
 /// Makes a folder and its missing parents, each with mode 0700. A folder that is there already is fine.
 bool MakePrivateFolders(const std::string& path);
 
-/// The names in a folder without "." and "..": calls `visit` for each until it answers false.
-int ListFolder(int folder, bool (*visit)(void* context, const char* name), void* context);
+/// Gets a name in a folder, which is its own only during the call. False: no further ones are wanted.
+using NameVisitor = std::function<bool(const char* name)>;
+
+/// Shows `visit` the names in a folder, without "." and "..".
+int ListFolder(int folder, const NameVisitor& visit);
 /// The same for the folder that the path leads to, also through a symbolic link.
-int ListFolder(const char* path, bool (*visit)(void* context, const char* name), void* context);
+int ListFolder(const char* path, const NameVisitor& visit);
 
 /// The process's current folder. False with the error.
 bool CurrentFolder(std::string& path);

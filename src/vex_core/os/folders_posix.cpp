@@ -32,7 +32,7 @@ int OpenFolder(int folder, const char* name, int moreFlags)
     return -1;
 }
 
-int ListOpened(Descriptor own, bool (*visit)(void* context, const char* name), void* context)
+int ListOpened(Descriptor own, const NameVisitor& visit)
 {
     if (!own)
         return -1;
@@ -52,7 +52,7 @@ int ListOpened(Descriptor own, bool (*visit)(void* context, const char* name), v
         const char* const name = item->d_name;
         if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
             continue;
-        if (!visit(context, name))
+        if (!visit(name))
             break;
     }
     const KeepError keep;
@@ -94,15 +94,15 @@ bool MakePrivateFolders(const std::string& path)
     return S_ISDIR(status.st_mode);
 }
 
-int ListFolder(int folder, bool (*visit)(void* context, const char* name), void* context)
+int ListFolder(int folder, const NameVisitor& visit)
 {
     // A descriptor of its own: reading moves the position that a duplicate would share.
-    return ListOpened(Descriptor(OpenFolderAt(folder, ".")), visit, context);
+    return ListOpened(Descriptor(OpenFolderAt(folder, ".")), visit);
 }
 
-int ListFolder(const char* path, bool (*visit)(void* context, const char* name), void* context)
+int ListFolder(const char* path, const NameVisitor& visit)
 {
-    return ListOpened(Descriptor(OpenFolder(AT_FDCWD, path, 0)), visit, context);
+    return ListOpened(Descriptor(OpenFolder(AT_FDCWD, path, 0)), visit);
 }
 
 bool CurrentFolder(std::string& path)

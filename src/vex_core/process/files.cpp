@@ -41,14 +41,6 @@ public:
     int Error() const { return m_error; }
 
 private:
-    struct Listing
-    {
-        Securer& self;
-        int folder;
-        const std::string& shown;
-        int depth;
-    };
-
     void SecureFolder(int folder, const std::string& name, const std::string& shown, int depth)
     {
         // The mode first: without the owner's rights the folder could not be opened.
@@ -61,13 +53,11 @@ private:
         const os::Descriptor opened(os::OpenFolderAt(folder, name.c_str()));
         if (!opened)
             return Fail(shown, os::LastError());
-        Listing listing{*this, opened.Get(), shown, depth + 1};
-        const auto visit = [](void* context, const char* entry) {
-            const Listing& here = *static_cast<Listing*>(context);
-            here.self.Secure(here.folder, entry, here.shown + '/' + entry, here.depth);
+        const auto secure = [&](const char* entry) {
+            Secure(opened.Get(), entry, shown + '/' + entry, depth + 1);
             return true;
         };
-        if (os::ListFolder(opened.Get(), visit, &listing) != 0)
+        if (os::ListFolder(opened.Get(), secure) != 0)
             Fail(shown, os::LastError());
     }
 

@@ -96,20 +96,15 @@ std::string ListText(const ZipArchive& archive)
 
 std::vector<std::string> NamesThatStartWith(int folder, const std::string& prefix)
 {
-    struct Search
-    {
-        const std::string& prefix;
-        std::vector<std::string> names;
-    } search{prefix, {}};
-    const auto visit = [](void* context, const char* name) {
-        Search& found = *static_cast<Search*>(context);
-        if (StartsWith(name, found.prefix))
-            found.names.emplace_back(name);
+    std::vector<std::string> names;
+    const auto add = [&](const char* name) {
+        if (StartsWith(name, prefix))
+            names.emplace_back(name);
         return true;
     };
-    if (os::ListFolder(folder, visit, &search) != 0)
+    if (os::ListFolder(folder, add) != 0)
         throw UnzipFailure("cannot look for files of an earlier run", os::LastError());
-    return std::move(search.names);
+    return names;
 }
 
 [[noreturn]] void FailToCleanUp(const std::string& name, int error)
