@@ -7,8 +7,6 @@
 #include "vex_core/os/files.h"
 #include "vex_core/os/observed.h"
 
-#include <climits>
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -107,7 +105,7 @@ int ListFolder(const char* path, const NameVisitor& visit)
 
 bool CurrentFolder(std::string& path)
 {
-    char buffer[PATH_MAX];
+    char buffer[4096]; // the same on every system: PATH_MAX is 1024 on some
     if (!MayCall(OfPath("getcwd", nullptr)) || !::getcwd(buffer, sizeof buffer))
         return false;
     path = buffer;
