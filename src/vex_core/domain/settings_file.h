@@ -11,8 +11,6 @@
 #include <string>
 #include <string_view>
 
-#include <sys/types.h>
-
 namespace VexCore {
 
 /// The group [settings] of such a file, read when it is first asked for and again when it is another file or has changed. Any thread.

@@ -5,15 +5,13 @@
 #include "vex_core/domain/known_settings.h"
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/file_identity.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <sys/stat.h>
-#include <sys/types.h>
 
 namespace VexCore {
 
