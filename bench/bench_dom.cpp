@@ -1,6 +1,6 @@
-// What reading and writing the domain costs in C++: alone, and from two threads at once, whose reads share one lock. The
-// yardstick is a hash table behind the standard library's own shared lock, read and copied the same way. Fails when a
-// lone read takes more than twice as long as the yardstick's.
+// What reading and writing the domain costs in C++: alone, and from two threads at once, whose reads share one lock.
+// The yardstick is a hash table behind the standard library's own shared lock, read and copied the same way. Fails when
+// a lone read takes more than twice as long as the yardstick's.
 
 #include "vex/core/dom.h"
 

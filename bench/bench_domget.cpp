@@ -1,5 +1,5 @@
-// What reading a setting costs from Lua: `dom0:Get(key)` against the call of a C function that does nothing. Fails when it takes more than
-// twelve times as long.
+// What reading a setting costs from Lua: `dom0:Get(key)` against the call of a C function that does nothing. Fails when
+// it takes more than twelve times as long.
 
 #include "bench_lua.h"
 #include "slb3/class.h"

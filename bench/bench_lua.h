@@ -35,8 +35,8 @@ public:
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
-    /// Processor time of one `body` in a loop after `setup`: the best of many short runs, so that other work on the machine
-    /// does not show.
+    /// Processor time of one `body` in a loop after `setup`:
+    /// the best of many short runs, so that other work on the machine does not show.
     double NanosecondsPerRound(const std::string& setup, const std::string& body)
     {
         constexpr int rounds = 20000;

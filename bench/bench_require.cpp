@@ -1,8 +1,9 @@
-// Measures `require` of 2,000 modules of 2 KiB from one deflated archive, against stock Lua that requires the same modules
-// from plain files. Both run in this process, in plain states of the same Lua library (lua5.2-c++), and take turns, so that
-// whatever else the machine does meets both alike; medians of processor time are compared. Measured from the making of the state to the
-// end of its closing: opening, checking and indexing the archive is inside, and so is writing the cache where it is cold.
-// All files are in the page cache. The stock state has one template, which hits: the best case for it.
+// Measures `require` of 2,000 modules of 2 KiB from one deflated archive, against stock Lua that requires the same
+// modules from plain files. Both run in this process, in plain states of the same Lua library (lua5.2-c++), and take
+// turns, so that whatever else the machine does meets both alike; medians of processor time are compared. Measured from
+// the making of the state to the end of its closing: opening, checking and indexing the archive is inside, and so is
+// writing the cache where it is cold. All files are in the page cache. The stock state has one template, which hits:
+// the best case for it.
 //
 //   bench_require [RUNS]
 // Claims: without a cache at most 1.05 times stock, with a warm cache at most 0.35 times. Then, without a claim: the
@@ -32,8 +33,8 @@ namespace {
 constexpr int moduleCount = 2000;
 constexpr int archiveCount = 500;
 
-// Processor seconds of this process, the system's work for it included. All files are in the page cache, so nothing else is
-// waited for, and a busy machine does not blur the ratio.
+// Processor seconds of this process, the system's work for it included. All files are in the page cache, so nothing
+// else is waited for, and a busy machine does not blur the ratio.
 double Now()
 {
     struct timespec time;

@@ -1,6 +1,6 @@
-// What binding costs: a method bound through the binder against a C function written by hand that checks the same and does the same.
-// Each is called from a Lua loop; the loop's own cost is measured with an empty body and taken off. Prints the ratio and fails when the
-// bound method takes more than twice as long.
+// What binding costs: a method bound through the binder against a C function written by hand that checks the same and
+// does the same. Each is called from a Lua loop; the loop's own cost is measured with an empty body and taken off.
+// Prints the ratio and fails when the bound method takes more than twice as long.
 
 #include "bench_lua.h"
 #include "slb3/slb3.h"

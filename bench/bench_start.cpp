@@ -3,9 +3,9 @@
 // medians are compared.
 //
 //   bench_start [TREE [RUNS]]     TREE is a staged tree, by default that of this build
-// Claim: at most 1.25 times the yardstick, which has a locale, as every localised wx program does. A second line compares with
-// the yardstick without one: wx builds a table of all languages of the world for any locale object, some 2 ms that no program
-// with a locale can avoid.
+// Claim: at most 1.25 times the yardstick, which has a locale, as every localised wx program does. A second line
+// compares with the yardstick without one: wx builds a table of all languages of the world for any locale object, some
+// 2 ms that no program with a locale can avoid.
 
 #include "start_program.h"
 

@@ -1,5 +1,5 @@
-// What asking for a trace line costs where nothing is traced: `LogTraceIsEnabled` against the call of an empty function that
-// is not inlined. Fails when it takes more than twice as long.
+// What asking for a trace line costs where nothing is traced: `LogTraceIsEnabled` against the call of an empty function
+// that is not inlined. Fails when it takes more than twice as long.
 
 #include "vex/core/dom.h"
 #include "vex/core/log.h"

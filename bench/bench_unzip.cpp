@@ -1,9 +1,10 @@
-// Measures a durable unpacking, 1,000 files of 4 KiB and one file of 512 MiB, against `unzip -o` and `bsdtar -xf`, each followed by
-// `sync -f`. All three are processes and take turns, so that whatever else the machine does meets them alike; each starts with
-// an empty folder on a file system that has nothing to write. The medians are compared. Then the peak of resident memory while
-// an entry of 1 GiB is unpacked (claim: at most 32 MiB, the libraries' own pages included).
+// Measures a durable unpacking, 1,000 files of 4 KiB and one file of 512 MiB, against `unzip -o` and `bsdtar -xf`,
+// each followed by `sync -f`. All three are processes and take turns, so that whatever else the machine does meets
+// them alike; each starts with an empty folder on a file system that has nothing to write. The medians are
+// compared. Then the peak of resident memory while an entry of 1 GiB is unpacked (claim: at most 32 MiB, the
+// libraries' own pages included).
 //
-//   bench_unzip [FOLDER [ROUNDS]]     FOLDER is where files are written, by default the current one: on a real disk, please
+//   bench_unzip [FOLDER [ROUNDS]]     FOLDER is where files are written, by default the current one: on a real disk
 
 #include "start_program.h"
 

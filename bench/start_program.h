@@ -15,8 +15,8 @@ extern char** environ;
 
 namespace bench {
 
-/// Runs a program with its output on /dev/null and returns how long it took, in seconds. Ends the bench when the program
-/// does not end with 0: a run that fails early is no measurement.
+/// Runs a program with its output on /dev/null and returns how long it took, in seconds. Ends the bench when the
+/// program does not end with 0: a run that fails early is no measurement.
 inline double TimeOf(const std::vector<std::string>& command)
 {
     std::vector<char*> argv;

@@ -1,6 +1,6 @@
-// The yardstick of bench_start: the least program that starts what the launcher is made of, and stops it again: wx base with
-// the user's locale and messages of one language, Lua, OpenSSL with a seeded generator, SQLite. With the argument "bare" it
-// leaves the locale out.
+// The yardstick of bench_start: the least program that starts what the launcher is made of, and stops it again: wx base
+// with the user's locale and messages of one language, Lua, OpenSSL with a seeded generator, SQLite. With the argument
+// "bare" it leaves the locale out.
 
 #include <lua.hpp>
 #include <openssl/rand.h>

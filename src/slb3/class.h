@@ -22,7 +22,8 @@ struct ClassInfo
 
 constexpr int TypeCodeClass = 3;
 
-/// Announces that the class of the metatable at `index` is being defined. Until `OnClassDefinitionEnds` it counts as unfinished.
+/// Announces that the class of the metatable at `index` is being defined.
+/// Until `OnClassDefinitionEnds` it counts as unfinished.
 SLB3_API void OnClassDefinitionBegins(lua_State* L, int index);
 /// The definition is whole.
 SLB3_API void OnClassDefinitionEnds(lua_State* L, int index);

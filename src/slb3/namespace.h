@@ -6,7 +6,8 @@
 
 namespace SLB3 {
 
-/// The table that holds what a class (or a group of functions) shows to Lua. The first use of a name in a state makes it.
+/// The table that holds what a class (or a group of functions) shows to Lua.
+/// The first use of a name in a state makes it.
 class SLB3_API Namespace : public Table
 {
 public:

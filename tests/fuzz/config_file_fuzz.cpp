@@ -1,5 +1,5 @@
-// The local configuration file: any bytes let the start go on to its end, with every setting written that always is, and the
-// file is only read.
+// The local configuration file: any bytes let the start go on to its end, with every setting written that always is,
+// and the file is only read.
 
 #include "support/agent_app.h"
 #include "support/fake_core.h"

@@ -1,4 +1,5 @@
-// File names of packages: any name gives a plugin name without a dash, and the version check agrees with a reading from the left.
+// File names of packages: any name gives a plugin name without a dash, and the version check agrees with
+// a reading from the left.
 
 #include "vex/apps/vex/vex.h"
 

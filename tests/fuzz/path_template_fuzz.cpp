@@ -1,4 +1,5 @@
-// Path templates: the first line is the path, the rest the plugins. The result is compared with one put together another way.
+// Path templates: the first line is the path, the rest the plugins.
+// The result is compared with one put together another way.
 
 #include "vex/apps/vex/pluginpath.h"
 

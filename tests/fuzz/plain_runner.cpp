@@ -1,4 +1,5 @@
-// Stands in for libFuzzer where there is none: runs the target once on every file that the arguments name, folders included.
+// Stands in for libFuzzer where there is none: runs the target once on every file that the
+// arguments name, folders included.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>

@@ -1,5 +1,5 @@
-// Any bytes as a package that is unpacked into a folder: what comes out is inside it, regular, and whole; when an archive is refused
-// by its headers nothing was asked; nothing temporary stays.
+// Any bytes as a package that is unpacked into a folder: what comes out is inside it, regular, and whole; when an
+// archive is refused by its headers nothing was asked; nothing temporary stays.
 #include "vex/core/unzip.h"
 
 #include "fuzz/zip_recipe.h"

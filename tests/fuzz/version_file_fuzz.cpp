@@ -1,5 +1,5 @@
-// The version file of an extension: any bytes give an answer. Without a byte-order mark it is that of a plain reading, line by
-// line.
+// The version file of an extension: any bytes give an answer.
+// Without a byte-order mark it is that of a plain reading, line by line.
 
 #include "vex/apps/vex/version_file.h"
 

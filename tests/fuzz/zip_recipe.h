@@ -1,6 +1,7 @@
 #pragma once
-// Turns any bytes into an archive whose checksums, sizes and places fit, with a few fields bent: plain mutation of an archive's
-// bytes hardly ever gets past the first comparison. Bytes that start as an archive does are taken as they are.
+// Turns any bytes into an archive whose checksums, sizes and places fit, with a few fields bent: plain
+// mutation of an archive's bytes hardly ever gets past the first comparison. Bytes that start as an archive
+// does are taken as they are.
 
 #include "support/zip_builder.h"
 

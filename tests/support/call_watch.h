@@ -8,8 +8,8 @@
 
 namespace Test {
 
-/// While it lives, `answer` is asked before each call. One may stand inside another; then the inner one alone is asked. Begun and
-/// ended while no other thread makes calls.
+/// While it lives, `answer` is asked before each call. One may stand inside another; then the inner one alone is asked.
+/// Begun and ended while no other thread makes calls.
 class CallWatch
 {
 public:

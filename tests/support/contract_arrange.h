@@ -1,6 +1,6 @@
 #pragma once
-// What a contract case needs around it, in the way of the core library that it is linked to: the real one gets files, the fake
-// gets answers.
+// What a contract case needs around it, in the way of the core library that it is linked to:
+// the real one gets files, the fake gets answers.
 
 #include <string>
 #include <vector>

@@ -1,6 +1,6 @@
-// The launcher on the fake core as a program of its own: what reaches the framework's outermost handler cannot be tested
-// inside a test binary, which has a framework of its own. Steered by the environment:
-//   VEX_FAKE_THROW   a prefix of a journal line; when the launcher makes that call, a std::runtime_error "boom" leaves it
+// The launcher on the fake core as a program of its own: what reaches the framework's outermost handler cannot be
+// tested inside a test binary, which has a framework of its own. Steered by the environment:
+//   VEX_FAKE_THROW   a prefix of a journal line: when the launcher makes that call, std::runtime_error "boom" leaves it
 //   VEX_FAKE_TRACE   when set, the launcher's trace module is on
 // On its way out it prints the journal on standard output.
 

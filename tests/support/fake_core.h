@@ -1,7 +1,7 @@
 #pragma once
 // A core library for tests of the launcher: it is linked in place of the real one, does next to nothing, answers what a
-// test tells it to answer, and writes down every call. All calls of a process go to one journal, so that a test can check
-// the order of calls to different parts.
+// test tells it to answer, and writes down every call. All calls of a process go to one journal, so that a test can
+// check the order of calls to different parts.
 //
 // A journal line is the name of the operation and its arguments, for instance
 //   Dom.SetWx("app.name", "vx_agent")

@@ -1,4 +1,5 @@
-// The end of the process from a thread: written down. A test may really end it; otherwise the calling thread ends instead.
+// The end of the process from a thread: written down. A test may really end it;
+// otherwise the calling thread ends instead.
 
 #include "support/fake_core.h"
 

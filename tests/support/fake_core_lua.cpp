@@ -1,5 +1,5 @@
-// The interpreter: a real Lua state, so that tests of the launcher see real Lua, and as little around it as will do. Of the
-// domain's methods in Lua there is `Get` alone.
+// The interpreter: a real Lua state, so that tests of the launcher see real Lua, and as little around it as will do. Of
+// the domain's methods in Lua there is `Get` alone.
 
 #include "support/fake_core.h"
 

@@ -1,7 +1,7 @@
 #pragma once
-// A system for tests of the supervisor: no process is made, no signal sent, no second passes. Calls go to the journal of the
-// fake core, so that a test sees them in order with the log and the pid file. What is not worth an order (ids, the clock)
-// is not written down.
+// A system for tests of the supervisor: no process is made, no signal sent, no second passes. Calls go to the journal
+// of the fake core, so that a test sees them in order with the log and the pid file. What is not worth an order (ids,
+// the clock) is not written down.
 
 #include "support/fake_core.h"
 
@@ -36,7 +36,8 @@ public:
     // --- what the test sets
     std::deque<pid_t>
         forks; ///< answers of the first forks of either kind: 0, an id, or -errno; afterwards `Child` and on
-    /// What a wait for a child does, used up one by one: the raw status, or -errno of a failure. A call may do something first.
+    /// What a wait for a child does, used up one by one: the raw status, or -errno of a failure.
+    /// A call may do something first.
     std::deque<std::function<int()>> waits;
     int ask = 0; ///< answer of `Ask`: 0 or -errno
     VexOs::ELock lock = VexOs::ELock::Taken;
@@ -211,7 +212,8 @@ private:
         return -1;
     }
 
-    // As the system does: the signal stays blocked while its handler runs, and one that comes meanwhile is taken after it.
+    // As the system does: the signal stays blocked while its handler runs, and one that comes
+    // meanwhile is taken after it.
     void Deliver(pid_t sender)
     {
         siginfo_t information;

@@ -1,5 +1,5 @@
-// Preloaded into a starting daemon: a clock of its own, on which the supervisor's delays take no time and its restarts lie too
-// far apart to count. `time` is a minute and a half ahead at each call, `nanosleep` comes back at once.
+// Preloaded into a starting daemon: a clock of its own, on which the supervisor's delays take no time and its restarts
+// lie too far apart to count. `time` is a minute and a half ahead at each call, `nanosleep` comes back at once.
 
 #include <ctime>
 

@@ -3,14 +3,14 @@
 //   faultat REPORT PATH N ERRNO PROGRAM [ARGUMENT...]
 //   faultat REPORT PATH N kill PROGRAM [ARGUMENT...]
 //
-// Counted are the calls of the thread that opens PATH, from that call to the one that renames or removes PATH, but for those
-// that cannot fail, ask for memory, wait for other threads or use a pipe (with which a sanitizer asks what memory there is).
-// The N-th is not made and fails with ERRNO; with N 0 none fails. REPORT gets a line for each counted call: its name (or number)
-// and the file that it is about, "-" for none; FOLDER/./PATH is a path that was given relative to an open folder. The exit
-// status is the program's, or 128 and the number of the signal that ended it.
+// Counted are the calls of the thread that opens PATH, from that call to the one that renames or removes PATH, but for
+// those that cannot fail, ask for memory, wait for other threads or use a pipe (with which a sanitizer asks what memory
+// there is). The N-th is not made and fails with ERRNO; with N 0 none fails. REPORT gets a line for each counted call:
+// its name (or number) and the file that it is about, "-" for none; FOLDER/./PATH is a path that was given relative to
+// an open folder. The exit status is the program's, or 128 and the number of the signal that ended it.
 //
-// With "kill" counted are, from the same call to the last of that thread, those that change something on disk; the N-th is not
-// made, because the program is killed.
+// With "kill" counted are, from the same call to the last of that thread, those that change something on disk; the N-th
+// is not made, because the program is killed.
 //
 // A tracer that counts the calls of each thread for itself would not do: the main thread's N-th would fail as well.
 

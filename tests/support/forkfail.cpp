@@ -1,6 +1,6 @@
 // Preloaded into a starting daemon: the n-th fork of the whole start, counted across processes, fails with EAGAIN.
-// VEX_FAIL_FORK is n. A forked process inherits the count so far, and each process of a start forks once at most before the
-// next one does, so the count is the depth.
+// VEX_FAIL_FORK is n. A forked process inherits the count so far, and each process of a start forks once at most before
+// the next one does, so the count is the depth.
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #pragma once
-// A thread of a test that ends with it: a failed assertion or an exception on the way leaves no thread behind, which would end
-// the whole process.
+// A thread of a test that ends with it: a failed assertion or an exception on the way leaves no thread behind, which
+// would end the whole process.
 
 #include <atomic>
 #include <memory>

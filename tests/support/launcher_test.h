@@ -43,8 +43,8 @@ public:
     explicit Home(const std::string& folder) : Variable("HOME", folder) {}
 };
 
-/// Starts an application in a folder of its own: the program is bin/NAME there, the working folder is given with an option,
-/// so that nothing is made beside it.
+/// Starts an application in a folder of its own: the program is bin/NAME there, the working folder is given with an
+/// option, so that nothing is made beside it.
 struct StartedApp
 {
     explicit StartedApp(std::vector<std::string> options = {}, const std::string& name = "vx_agent")
@@ -68,8 +68,8 @@ struct StartedApp
     AgentApp app;
 };
 
-/// Runs statements in a process of their own that has run nothing else, for what works once a process. The test's name must
-/// say DeathTest.
+/// Runs statements in a process of their own that has run nothing else, for what works once a process.
+/// The test's name must say DeathTest.
 #define EXPECT_IN_FRESH_PROCESS(...)                                                                                   \
     do {                                                                                                               \
         GTEST_FLAG_SET(death_test_style, "threadsafe");                                                                \

@@ -1,6 +1,6 @@
 #pragma once
-// Collects what is logged while it lives, in place of any other target. What other threads log comes in when the main thread
-// asks, as the framework's queue is emptied then. All levels are let through.
+// Collects what is logged while it lives, in place of any other target. What other threads log comes in when the main
+// thread asks, as the framework's queue is emptied then. All levels are let through.
 
 #include <cstddef>
 #include <string>

@@ -1,4 +1,5 @@
-// Preloaded into a program: memory that is asked for or given back on a stack for signal handlers ends it with status 77.
+// Preloaded into a program: memory that is asked for or given back on a stack for signal
+// handlers ends it with status 77.
 
 #include <csignal>
 #include <cstddef>

@@ -1,5 +1,5 @@
-// A native module for Lua code with a data race on purpose: the first two threads that call its function write one number
-// without a lock, at the same time. The thread sanitizer's settings are right as long as it reports that.
+// A native module for Lua code with a data race on purpose: the first two threads that call its function write one
+// number without a lock, at the same time. The thread sanitizer's settings are right as long as it reports that.
 #include <atomic>
 
 #include <lua.hpp>

@@ -1,6 +1,7 @@
 #pragma once
-// What a test changes of its process, put back when the object goes, however the test ends: by its last line, by a failed
-// assertion or by an exception. A change that cannot be made throws, one that cannot be taken back fails the test.
+// What a test changes of its process, put back when the object goes, however the test ends: by its last
+// line, by a failed assertion or by an exception. A change that cannot be made throws, one that cannot be
+// taken back fails the test.
 
 #include <cerrno>
 #include <clocale>
@@ -36,7 +37,8 @@ private:
     const T m_before;
 };
 
-/// The process, which must be root's, is another user's that owns nothing: by its real id, by its effective one, or by both.
+/// The process, which must be root's, is another user's that owns nothing:
+/// by its real id, by its effective one, or by both.
 class OtherUser
 {
 public:
@@ -210,7 +212,8 @@ private:
     const wxString m_timestamp;
 };
 
-/// Another target gets what is logged: none (the framework then makes one when it needs it), or one that goes with the object.
+/// Another target gets what is logged: none (the framework then makes one when it needs it), or one
+/// that goes with the object.
 class LogTarget
 {
 public:

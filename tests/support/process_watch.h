@@ -1,6 +1,7 @@
 #pragma once
-// Looks after each test whether the process is as the test found it, so that one test cannot spoil those behind it: a test that
-// left something changed fails, and what it left is put back. Guards for the tests themselves are in process_guards.h.
+// Looks after each test whether the process is as the test found it, so that one test cannot spoil those behind
+// it: a test that left something changed fails, and what it left is put back. Guards for the tests themselves
+// are in process_guards.h.
 
 #include <cerrno>
 #include <clocale>

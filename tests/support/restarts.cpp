@@ -1,13 +1,14 @@
-// The launcher's supervisor on the real system, with real forks and signals, but without the delays and with a clock that
-// goes on by more than the span with each look: what keeps a supervisor from restarting ten thousand times in a minute.
+// The launcher's supervisor on the real system, with real forks and signals, but without the delays and with a
+// clock that goes on by more than the span with each look: what keeps a supervisor from restarting ten
+// thousand times in a minute.
 //
 //   restarts COUNT REPORT FOLDER
 //
-// Goes into the background as the agent does (pid file /var/run/restarts.pid) and logs to FOLDER/restarts.log. Each child ends at once: most by SIGKILL, every
-// 50th with status 3, which runs the driver's script where there is one; child COUNT exits with 0. A line in REPORT for the time
-// after the first 100 restarts, when every pool has been filled once, and for the end: restarts, open descriptors, resident
-// KiB, and of these the KiB of memory that belongs to no file. What is private of that would depend on whether a child is there
-// to share it.
+// Goes into the background as the agent does (pid file /var/run/restarts.pid) and logs to FOLDER/restarts.log. Each
+// child ends at once: most by SIGKILL, every 50th with status 3, which runs the driver's script where there is one;
+// child COUNT exits with 0. A line in REPORT for the time after the first 100 restarts, when every pool has been filled
+// once, and for the end: restarts, open descriptors, resident KiB, and of these the KiB of memory that belongs to no
+// file. What is private of that would depend on whether a child is there to share it.
 
 #include "vex/apps/vex/daemon.h"
 #include "vex/apps/vex/os/process.h"

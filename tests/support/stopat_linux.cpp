@@ -2,15 +2,15 @@
 //
 //   stopat REPORT ROLE N PROGRAM [ARGUMENT...]
 //
-// Roles number the processes by the order of their forks, the program's own first process being 0; the threads of a process
-// share its role. At the N-th stop (each system call has two: before and after) of a process of ROLE, that process gets SIGTERM,
-// once; from then on nobody is traced. With N 0 nothing is sent and the stops are counted. It adopts what the program leaves
-// running and ends when all of it has ended. REPORT gets a line a fact, as it happens:
+// Roles number the processes by the order of their forks, the program's own first process being 0; the threads of a
+// process share its role. At the N-th stop (each system call has two: before and after) of a process of ROLE, that
+// process gets SIGTERM, once; from then on nobody is traced. With N 0 nothing is sent and the stops are counted. It
+// adopts what the program leaves running and ends when all of it has ended. REPORT gets a line a fact, as it happens:
 //
 //   role R pid P        a process began
 //   sent P              SIGTERM was sent to P
-//   end R STATUS        a process ended; STATUS is its exit status, or a signal's number, negative. R is -1 for one that began
-//                       after the signal, and was adopted
+//   end R STATUS        a process ended; STATUS is its exit status, or a signal's number, negative. R is -1 for one
+//                       that began after the signal, and was adopted
 //   stops N             stops of ROLE in the whole run, or until the signal
 
 #include "support/traced_child_linux.h"

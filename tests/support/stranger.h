@@ -11,7 +11,8 @@
 
 namespace Test {
 
-/// Lets a stranger log a warning, which stays in the framework's queue. The thread lives on, so that its number is nobody else's.
+/// Lets a stranger log a warning, which stays in the framework's queue.
+/// The thread lives on, so that its number is nobody else's.
 inline void LogFromAStranger(const char* text)
 {
     std::promise<void> promise;

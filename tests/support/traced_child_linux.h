@@ -12,8 +12,9 @@
 
 namespace Test {
 
-/// Starts argv[0] with its arguments and returns its pid, or -1 with errno. It stands still before its first instruction until it
-/// gets SIGCONT. `options` are ptrace's; should this process be killed, nobody stays behind half traced.
+/// Starts argv[0] with its arguments and returns its pid, or -1 with errno. It stands still before its
+/// first instruction until it gets SIGCONT. `options` are ptrace's; should this process be killed, nobody
+/// stays behind half traced.
 inline pid_t StartTraced(char** argv, long options)
 {
     const pid_t child = ::fork();
@@ -33,9 +34,9 @@ inline pid_t StartTraced(char** argv, long options)
     return child;
 }
 
-/// Waits for all that is traced, and for adopted children, until nobody is left. `onStop(thread, isCall, carried)` lets the thread
-/// go on: `isCall` before and after a system call, `carried` the signal that it is to get, 0 for none. `onEnd(thread, status)`
-/// hears of each end.
+/// Waits for all that is traced, and for adopted children, until nobody is left. `onStop(thread, isCall, carried)` lets
+/// the thread go on: `isCall` before and after a system call, `carried` the signal that it is to get, 0 for none.
+/// `onEnd(thread, status)` hears of each end.
 template <class OnStop, class OnEnd>
 void FollowTraced(OnStop onStop, OnEnd onEnd)
 {

@@ -10,6 +10,7 @@ from tidy_rules.file_map import place
 from tidy_rules.tree import CPP
 
 HOME = "tools/tidy_rules/dialect.py"
+MAX_COLUMNS = 120
 
 # What a line of code may not have, and what it has instead.
 NUMBER = r"(?:(?:u?int\d+|size|ptrdiff|u?intptr)_t|streamsize)"
@@ -59,6 +60,14 @@ def unformatted(tree, names):
         yield name, int(number), "clang-format -i would change this"
     if result.returncode != 0 and not places:
         yield names[0], 1, "clang-format: " + result.stderr.strip()
+
+
+def check_width(tree):
+    """Of comments, which the formatter leaves alone, and of all else."""
+    for name in all_code(tree):
+        for number, line in enumerate(tree.lines(name), 1):
+            if len(line) > MAX_COLUMNS:
+                yield name, number, f"more than {MAX_COLUMNS} columns"
 
 
 def all_code(tree):
@@ -125,4 +134,4 @@ def check_file_names(tree):
             yield name, 1, "names of files are snake_case"
 
 
-CHECKS = (check_format, check_lines, check_comments, check_openings, check_class_names, check_file_names)
+CHECKS = (check_format, check_width, check_lines, check_comments, check_openings, check_class_names, check_file_names)

@@ -1,13 +1,13 @@
 #pragma once
-// Bounds of a configuration file. The launcher and the core library read the same file, each for what concerns it, and one that is
-// too large for the one is not read by the other either.
+// Bounds of a configuration file. The launcher and the core library read the same file, each for what concerns it, and
+// one that is too large for the one is not read by the other either.
 
 #include <cstddef>
 
 namespace VexCore {
 
-/// The framework holds a configuration file in memory twenty times over, and the time it takes grows with the square of the
-/// number of lines. Within these bounds that is a second or so; beyond them a start would seem to hang.
+/// The framework holds a configuration file in memory twenty times over, and the time it takes grows with the square of
+/// the number of lines. Within these bounds that is a second or so; beyond them a start would seem to hang.
 constexpr std::size_t maxConfigFileBytes = static_cast<std::size_t>(4) << 20;
 constexpr std::size_t maxConfigFileLines = 100000;
 

@@ -8,8 +8,8 @@ class wxString;
 namespace VexCore {
 
 /// On a crash signal, writes a minidump to `dumpFile`, one line in the log and on standard error, and then lets the
-/// signal end the process as it would have. `fullDump` adds all readable memory. Main thread, before others exist. False when
-/// the handler could not be installed.
+/// signal end the process as it would have. `fullDump` adds all readable memory. Main thread, before others exist.
+/// False when the handler could not be installed.
 VEX_CORE_API bool InitCrashHandler(const wxString& dumpFile, const wxString& application, bool fullDump);
 
 } // namespace VexCore

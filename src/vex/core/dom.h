@@ -26,8 +26,8 @@ public:
     virtual ~CDomObject();
 };
 
-/// A tree of named values. Keys are dotted texts in UTF-8 ("app.path.bin"); the dots make the tree, and a key may hold a
-/// value and have children at once. Values are text (any bytes), boolean, 64-bit integer, or an object.
+/// A tree of named values. Keys are dotted texts in UTF-8 ("app.path.bin"); the dots make the tree, and a key may hold
+/// a value and have children at once. Values are text (any bytes), boolean, 64-bit integer, or an object.
 ///
 /// Every operation may be called from any thread. Reads do not block each other and allocate nothing beyond the text
 /// that they return. A null or empty key is a key like any other, named "".
@@ -43,9 +43,9 @@ public:
 
     enum class EType { Absent, Text, Bool, Int, Object };
 
-    /// Makes a domain. Without a parent it is a root, and the first live root is the process's own: logging, tracing and
-    /// the database layer look there. With a parent and a name it is a view of the keys below `name` in the parent (for
-    /// tests and tools); `created`, where given, tells whether a key below that name had to be made. `shared` is
+    /// Makes a domain. Without a parent it is a root, and the first live root is the process's own: logging, tracing
+    /// and the database layer look there. With a parent and a name it is a view of the keys below `name` in the parent
+    /// (for tests and tools); `created`, where given, tells whether a key below that name had to be made. `shared` is
     /// reserved and must be false.
     /// The caller holds one reference and gives it back through `Release`. Never null.
     static CDom* New(const char* name, CDom* parent, bool* created, bool shared);
@@ -75,8 +75,8 @@ public:
     std::string Get(const char* key) const;
     /// The same, told apart from absence: false and `text` untouched when the key has no value that reads as text.
     bool Get(const char* key, std::string& text) const;
-    /// Stores the value when the key holds a boolean, or a text "true"/"false", "1"/"0", "yes"/"no" in any case; anything
-    /// else leaves `value` untouched and answers false. An integer 1 or 0 reads as its text would.
+    /// Stores the value when the key holds a boolean, or a text "true"/"false", "1"/"0", "yes"/"no" in any case;
+    /// anything else leaves `value` untouched and answers false. An integer 1 or 0 reads as its text would.
     bool Get(const char* key, bool& value) const;
     /// Stores the value when the key holds an integer, or a text that is a decimal integer from its first to its last
     /// character and fits; anything else leaves `value` untouched and answers false.
@@ -89,13 +89,13 @@ public:
     bool Has(const char* key) const { return TypeOf(key) != EType::Absent; }
     /// Removes the key's value; its children stay. Answers whether it had one.
     bool Remove(const char* key);
-    /// Full keys that have a value and lie below `prefix` in the tree ("a" finds "a.b", not "ab" nor "a" itself), sorted.
-    /// An empty prefix lists all.
+    /// Full keys that have a value and lie below `prefix` in the tree ("a" finds "a.b", not "ab" nor "a" itself),
+    /// sorted. An empty prefix lists all.
     std::vector<std::string> Keys(const char* prefix) const;
 
-    /// A setting of the core library or of the bundled application: the key itself and, where it has no value, the entry
-    /// of that name in the group [settings] of the file that "app.path.ini" names. The file is read once it is needed and
-    /// again when it changed.
+    /// A setting of the core library or of the bundled application: the key itself and, where it has no value, the
+    /// entry of that name in the group [settings] of the file that "app.path.ini" names. The file is read once it is
+    /// needed and again when it changed.
     bool GetSetting(const char* key, std::string& text) const;
     bool GetSetting(const char* key, bool& value) const;
     bool GetSetting(const char* key, std::int64_t& value) const;
@@ -110,7 +110,8 @@ public:
 
     /// Installs a searcher into package.searchers of a Lua state, so that `require` finds modules inside the archives
     /// listed in "app.lua.zippath", and keeps package.path and package.cpath as `CLuaInterpreter::SetPackagePaths` left
-    /// them. Call once a state, after SetPackagePaths. The domain must outlive the state. Raises a Lua error on failure.
+    /// them. Call once a state, after SetPackagePaths. The domain must outlive the state.
+    /// Raises a Lua error on failure.
     void RegisterLoader(lua_State* L);
 
     /// Records an agent event and returns its id, or 0 when it had to be kept in the pending file or in memory for now.

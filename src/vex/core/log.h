@@ -30,8 +30,8 @@ protected:
 /// ours, it is kept for applications.
 VEX_CORE_API bool LogTraceIsEnabled(const char* module);
 
-/// Writes one trace line, whatever the lists say: callers ask `LogTraceIsEnabled` before they format. `function` is shown
-/// without blanks; `sourceFile` as given. Any thread.
+/// Writes one trace line, whatever the lists say: callers ask `LogTraceIsEnabled` before they format. `function` is
+/// shown without blanks; `sourceFile` as given. Any thread.
 VEX_CORE_API void LogTrace(const char* module, const char* sourceFile, int line, const char* function,
                            const wxString& message);
 

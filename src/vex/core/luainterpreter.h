@@ -25,15 +25,15 @@ public:
     /// The state; owned by the interpreter.
     lua_State* L() const;
 
-    /// package.path becomes `path`, then `bin`/?.lua and `bin`/?/init.lua, then Lua's own default; package.cpath likewise
-    /// `cpath`, `bin`/lib/?.so, default. Empty texts are left out, and so are the templates that look into the current
-    /// directory: a daemon does not load code from wherever it was started. May raise a Lua error.
+    /// package.path becomes `path`, then `bin`/?.lua and `bin`/?/init.lua, then Lua's own default; package.cpath
+    /// likewise `cpath`, `bin`/lib/?.so, default. Empty texts are left out, and so are the templates that look into the
+    /// current directory: a daemon does not load code from wherever it was started. May raise a Lua error.
     void SetPackagePaths(const char* bin, const char* path, const char* cpath);
 
-    /// Loads a chunk (source text) from `in` under `name` and runs it with the `argumentCount` topmost values of the stack as its
-    /// arguments. 0: success, exactly `resultCount` results are on the stack. Otherwise the arguments are gone, nothing
-    /// is left, and `GetErrorInfo` tells: 1 it did not load, 2 it failed while it ran, 4 out of memory, 5 an error in a
-    /// finaliser or in the error handler. Never 3: that status has a meaning to the supervisor.
+    /// Loads a chunk (source text) from `in` under `name` and runs it with the `argumentCount` topmost values of the
+    /// stack as its arguments. 0: success, exactly `resultCount` results are on the stack. Otherwise the arguments are
+    /// gone, nothing is left, and `GetErrorInfo` tells: 1 it did not load, 2 it failed while it ran, 4 out of memory, 5
+    /// an error in a finaliser or in the error handler. Never 3: that status has a meaning to the supervisor.
     /// While the chunk runs, `print` and `io.write` go to `out` when it is not null. Never throws.
     int RunScript(wxInputStream& in, int argumentCount, int resultCount, const wxString& name, wxOutputStream* out);
 

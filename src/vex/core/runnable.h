@@ -31,8 +31,8 @@ public:
     CDom* GetDom() const;
 
     /// Creates and runs the thread. `priority` 0 to 100 (50 is the default), `takesPartInStop`: the core library's
-    /// shutdown asks it to end, `stackBytes` 0 is the system's default. False, after an error line in the log, when there
-    /// is no thread to be had; then `join` returns at once.
+    /// shutdown asks it to end, `stackBytes` 0 is the system's default. False, after an error line in the log, when
+    /// there is no thread to be had; then `join` returns at once.
     bool start(unsigned priority, bool takesPartInStop, unsigned stackBytes);
 
     /// Sets the flag that the body asks for with `TestDestroy` and wakes its waits. Any thread.
@@ -59,7 +59,8 @@ public:
     /// The CRunnable that the calling thread is, null on any other thread.
     static CRunnable* Current();
 
-    /// The signal that wakes a thread from a blocking call, SIGRTMIN + 4. The host gives it a handler that does nothing.
+    /// The signal that wakes a thread from a blocking call, SIGRTMIN + 4.
+    /// The host gives it a handler that does nothing.
     static const int SigThreadDelete;
 
 protected:

@@ -1,6 +1,6 @@
 #pragma once
-// The one way a signal is sent. `kill` with a pid of -1 reaches every process of the machine, and -1 is also what a failed
-// fork leaves behind: so nothing else calls `kill`.
+// The one way a signal is sent. `kill` with a pid of -1 reaches every process of the machine, and -1 is also what a
+// failed fork leaves behind: so nothing else calls `kill`.
 
 #include <cerrno>
 #include <csignal>

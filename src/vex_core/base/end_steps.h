@@ -1,6 +1,6 @@
 #pragma once
-// What is done when a process ends: the steps, in their order. Each subject registers its own, so that nobody who ends the process
-// has to know the subjects. Which steps a way of ending takes is the table in threads/ending.cpp.
+// What is done when a process ends: the steps, in their order. Each subject registers its own, so that nobody who ends
+// the process has to know the subjects. Which steps a way of ending takes is the table in threads/ending.cpp.
 
 #include <cstddef>
 

@@ -7,8 +7,8 @@
 
 namespace VexCore {
 
-/// A lock for many readers and one writer. The system's own prefers readers: threads that read all the time would keep a
-/// writer out for ever. Here a waiting writer closes a gate that later readers queue at.
+/// A lock for many readers and one writer. The system's own prefers readers: threads that read all the time would keep
+/// a writer out for ever. Here a waiting writer closes a gate that later readers queue at.
 class FairSharedLock
 {
 public:

@@ -39,8 +39,8 @@ inline wxString FromSystemBytes(const std::string& bytes)
     return ToSystemBytes(text) == bytes ? text : FromForeignBytes(bytes);
 }
 
-/// For a log line: the framework's formatting ends a text at its first NUL, so NULs are written as the log writes control
-/// characters.
+/// For a log line: the framework's formatting ends a text at its first NUL, so NULs are written as the log writes
+/// control characters.
 inline wxString TextWithoutNul(std::string_view bytes)
 {
     wxString text = FromForeignBytes(bytes);

@@ -6,8 +6,8 @@ namespace {
 // Signal handlers read it: with this model that is a look at a fixed place, where others may allocate first.
 [[gnu::tls_model("initial-exec")]] thread_local const char* t_name = nullptr;
 
-// Static initialisers run on the main thread. Through a volatile, because clang 14 runs constructors that it understands
-// while it compiles, and the name would become the first value on every thread.
+// Static initialisers run on the main thread. Through a volatile, because clang 14 runs constructors that it
+// understands while it compiles, and the name would become the first value on every thread.
 const struct NameOfMainThread
 {
     NameOfMainThread()

@@ -6,8 +6,9 @@
 
 namespace VexCore {
 
-/// The length in bytes of the character at the start of `text` (which is not empty) and its value; 0 when it is malformed:
-/// cut, overlong, a surrogate, beyond U+10FFFF, or a continuation alone. Allocates nothing and calls nothing.
+/// The length in bytes of the character at the start of `text` (which is not empty) and its value; 0 when
+/// it is malformed: cut, overlong, a surrogate, beyond U+10FFFF, or a continuation alone. Allocates
+/// nothing and calls nothing.
 inline std::size_t DecodeUtf8(std::string_view text, char32_t& character)
 {
     const auto byte = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };

@@ -1,7 +1,7 @@
 #pragma once
 // Where a thread sleeps. Every wait of ours (CDom::Wait, a worker's Join) goes through the one wait point of its
-// thread, so that whoever has a reason to wake the thread, be it a domain write, a request to end or Awaken, has one place to go to.
-// Nothing here polls: a sleeping thread makes no system call until it is woken or its time is over.
+// thread, so that whoever has a reason to wake the thread, be it a domain write, a request to end or Awaken, has one
+// place to go to. Nothing here polls: a sleeping thread makes no system call until it is woken or its time is over.
 
 #include <atomic>
 #include <condition_variable>
@@ -10,8 +10,9 @@
 
 namespace VexCore {
 
-/// The wait point of one thread. A CRunnable owns the one of its thread and binds it while its body runs; any other thread
-/// has one of its own that lives as long as the thread. Only the thread itself sleeps; the other members are for any thread.
+/// The wait point of one thread. A CRunnable owns the one of its thread and binds it while its body runs; any
+/// other thread has one of its own that lives as long as the thread. Only the thread itself sleeps; the other
+/// members are for any thread.
 class WaitPoint
 {
 public:
@@ -28,7 +29,8 @@ public:
     /// The wait point of the calling thread.
     static WaitPoint& OfThisThread();
 
-    /// Sleeps at most `timeoutMs` (negative: no limit). A request to end wins over all else, a notification over an Awaken.
+    /// Sleeps at most `timeoutMs` (negative: no limit).
+    /// A request to end wins over all else, a notification over an Awaken.
     EOutcome Sleep(std::int64_t timeoutMs);
 
     /// Forgets a notification that nobody waits for any more. The thread itself, before it subscribes anew.

@@ -232,8 +232,9 @@ void LimitTime()
     alarm(limitSeconds);
 }
 
-// From here on a crash of the handler comes through, to be told. One before that, or one of the handling of that, meets a blocked
-// signal, for which the system ends the process at once: it would start the handler again and again otherwise.
+// From here on a crash of the handler comes through, to be told. One before that, or one of the handling of
+// that, meets a blocked signal, for which the system ends the process at once: it would start the handler
+// again and again otherwise.
 void OpenCrashSignals()
 {
     sigset_t mask;

@@ -121,8 +121,8 @@ const StoppedThread* StopOtherThreads(pid_t process, long self, const void* ownC
     PrepareToPark();
     std::size_t asked = 0;
     long waited = 0;
-    // A thread may start others until it stops, and those are not in the list that it was found in: it is made anew until
-    // nobody is new.
+    // A thread may start others until it stops, and those are not in the list that it was found in:
+    // it is made anew until nobody is new.
     for (int look = 0; look < maxLooks; ++look) {
         ListThreads(self);
         if (slotCount.load() == asked)

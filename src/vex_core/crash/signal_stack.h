@@ -3,8 +3,8 @@
 
 namespace VexCore {
 
-/// Gives the calling thread a stack of its own for signal handlers, once `InitCrashHandler` has succeeded in this process;
-/// before that, and a second time, it gives none. First call of a thread.
+/// Gives the calling thread a stack of its own for signal handlers, once `InitCrashHandler` has succeeded in this
+/// process; before that, and a second time, it gives none. First call of a thread.
 void TakeSignalStack();
 
 /// Gives it back. Last call of the same thread.

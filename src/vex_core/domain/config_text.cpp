@@ -14,8 +14,8 @@
 namespace VexCore {
 
 namespace {
-// Hands text over to the framework's configuration, which takes only a stream of bytes and a conversion for them: the stream
-// is empty, and this "converts" it into the text.
+// Hands text over to the framework's configuration, which takes only a stream of bytes and a conversion for them: the
+// stream is empty, and this "converts" it into the text.
 class DecodedText : public wxMBConv
 {
 public:

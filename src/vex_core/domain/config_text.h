@@ -1,7 +1,7 @@
 #pragma once
-// The contents of a configuration file, by the decoder and the grammar of the framework's own file configuration: the same file
-// is also opened by the launcher through it, and both must see the same entries. Pure rules; nothing here logs, because the log
-// asks for settings itself.
+// The contents of a configuration file, by the decoder and the grammar of the framework's own file configuration: the
+// same file is also opened by the launcher through it, and both must see the same entries. Pure rules; nothing here
+// logs, because the log asks for settings itself.
 
 #include <map>
 #include <string>
@@ -11,12 +11,12 @@
 
 namespace VexCore {
 
-/// The file's bytes as text: by its byte-order mark (UTF-8, UTF-16 or UTF-32 of either byte order), else as UTF-8, and as Latin-1
-/// when that is not valid. Empty when the bytes are not what their mark says.
+/// The file's bytes as text: by its byte-order mark (UTF-8, UTF-16 or UTF-32 of either byte order), else as UTF-8, and
+/// as Latin-1 when that is not valid. Empty when the bytes are not what their mark says.
 wxString DecodeConfig(std::string_view bytes);
 
-/// The entries of the group [settings], each by its name in lower case, values in UTF-8 with quotes, escapes and variables of
-/// the environment resolved. Empty when the file is beyond the bounds of a configuration file.
+/// The entries of the group [settings], each by its name in lower case, values in UTF-8 with quotes, escapes and
+/// variables of the environment resolved. Empty when the file is beyond the bounds of a configuration file.
 std::map<std::string, std::string> ParseSettings(std::string_view bytes);
 
 } // namespace VexCore

@@ -1,6 +1,6 @@
 #pragma once
-// The settings that operators may write below "app." and "vex.", in one table. Those below "sqlite.config" are SQLite's and stand
-// with its room.
+// The settings that operators may write below "app." and "vex.", in one table.
+// Those below "sqlite.config" are SQLite's and stand with its room.
 
 #include <cstdint>
 #include <limits>
@@ -21,8 +21,8 @@ struct Setting
 
 constexpr std::int64_t unlimited = std::numeric_limits<std::int64_t>::max();
 
-/// docs/SETTINGS.md has the same for operators, with what each means. Those below "vex." are read by Lua code, which asks
-/// vex.settings for their defaults.
+/// docs/SETTINGS.md has the same for operators, with what each means. Those below "vex." are read by Lua code, which
+/// asks vex.settings for their defaults.
 inline constexpr Setting knownSettings[] = {
     {"app.log.count", ESetting::Int, 5, 1, 10000}, // files
     {"app.log.size", ESetting::Int, 10 * 1024 * 1024, 4096, unlimited}, // bytes

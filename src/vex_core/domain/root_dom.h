@@ -5,9 +5,9 @@
 
 namespace VexCore {
 
-/// Holds the process's root domain: the first root that is alive. False when there is none (before the host made one, or after
-/// it was released); then nothing may be read through it. Short-lived, on the stack: while one exists, the domain does.
-/// Any thread.
+/// Holds the process's root domain: the first root that is alive. False when there is none (before the host made one,
+/// or after it was released); then nothing may be read through it. Short-lived, on the stack: while one exists, the
+/// domain does. Any thread.
 ///
 ///     RootDom root;
 ///     if (root)

@@ -13,18 +13,19 @@
 
 namespace VexCore {
 
-/// A setting of the table (known_settings.h) as it counts: the domain's key, else the file's entry, else the default. One rule for all integers: a
-/// value that is none, and 0 or below where the range begins above, means nothing, so the default counts; another one outside
-/// the range counts as its nearest bound.
+/// A setting of the table (known_settings.h) as it counts: the domain's key, else the file's entry, else the default.
+/// One rule for all integers: a value that is none, and 0 or below where the range begins above, means nothing, so the
+/// default counts; another one outside the range counts as its nearest bound.
 std::int64_t IntSetting(const CDom& dom, const char* key);
 /// The same; what does not read as a boolean means nothing.
 bool BoolSetting(const CDom& dom, const char* key);
 
-/// Another number each time that the entries of the settings file of this domain became others, by the file as it is now.
+/// Another number each time that the entries of the settings file of this domain became others,
+/// by the file as it is now.
 std::uint64_t SettingsGeneration(const CDom& dom);
 
-/// Tells a reader of settings when to read them again. A write of one of the keys shows at once. A change of the file shows when
-/// the reader asks, with a look at the file at most once a second: nothing wakes up for it.
+/// Tells a reader of settings when to read them again. A write of one of the keys shows at once. A change of the file
+/// shows when the reader asks, with a look at the file at most once a second: nothing wakes up for it.
 class SettingsWatch
 {
 public:
@@ -37,9 +38,9 @@ public:
     bool IsDue() const;
     /// True the first time and after each change since the last true. One thread at a time.
     bool TakeChange(const CDom& dom);
-    /// Calls `take`, which reads the settings and takes them over, where `TakeChange` is true. Any thread: two never take
-    /// over at once, or the values that were read first could be the last taken over. Who comes while another is at it
-    /// goes on without waiting, and a change that the other may have missed is left to the next call.
+    /// Calls `take`, which reads the settings and takes them over, where `TakeChange` is true. Any thread: two never
+    /// take over at once, or the values that were read first could be the last taken over. Who comes while another is
+    /// at it goes on without waiting, and a change that the other may have missed is left to the next call.
     template <typename Take>
     void TakeOver(const CDom& dom, Take&& take)
     {

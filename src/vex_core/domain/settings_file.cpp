@@ -57,8 +57,8 @@ void SettingsFile::Refresh(const std::string& path)
     }
     const os::FileIdentity version = os::IdentityOf(status);
     if (!m_readable || m_unsettled || path != m_path || !version.HasContentOf(m_version)) {
-        // A change within the file system's clock tick of the last one leaves the time as it was, so a file that is read
-        // right after it was written is read again next time.
+        // A change within the file system's clock tick of the last one leaves the time as it was, so a file that is
+        // read right after it was written is read again next time.
         const bool settled = std::time(nullptr) - status.st_mtim.tv_sec > 2;
         // One byte more than is read at all tells a file that is too large.
         std::string content(std::min(maxConfigFileBytes + 1, static_cast<std::size_t>(status.st_size)), '\0');

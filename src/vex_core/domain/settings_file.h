@@ -13,7 +13,8 @@
 
 namespace VexCore {
 
-/// The group [settings] of such a file, read when it is first asked for and again when it is another file or has changed. Any thread.
+/// The group [settings] of such a file, read when it is first asked for and again when it is another file or has
+/// changed. Any thread.
 class SettingsFile
 {
 public:

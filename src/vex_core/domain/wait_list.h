@@ -16,9 +16,9 @@ class WaitPoint;
 
 /// Who waits for which keys of one tree.
 ///
-/// A thread's first wait for a key subscribes the thread to it, and it stays subscribed (to its last 16 keys) until it ends: what
-/// other threads write between two waits for the same key ends the later one at once. So a thread that handles a key's
-/// value and then waits for the key again misses nothing. Its own writes do not count.
+/// A thread's first wait for a key subscribes the thread to it, and it stays subscribed (to its last 16 keys) until it
+/// ends: what other threads write between two waits for the same key ends the later one at once. So a thread that
+/// handles a key's value and then waits for the key again misses nothing. Its own writes do not count.
 ///
 /// Any thread.
 class WaitList : public std::enable_shared_from_this<WaitList>

@@ -35,8 +35,8 @@ public:
     /// The id of the stored event, or 0 when it was kept for later. What was kept earlier is stored first.
     std::int64_t Write(const CAgentEvent& event);
 
-    /// Tries again to store what is kept; what the database does not take goes from memory to the pending file, if that has
-    /// room. True when nothing is kept any more.
+    /// Tries again to store what is kept; what the database does not take goes from memory to the pending file, if that
+    /// has room. True when nothing is kept any more.
     bool StoreKept();
 
     /// Events in memory.
@@ -78,9 +78,9 @@ private:
 /// The process's store for a working folder.
 std::shared_ptr<EventStore> GetEventStore(const std::string& folder);
 
-/// For moments that show that the disk has room: tries again to store what this process keeps, at most every ten seconds. Costs
-/// one atomic load when it keeps nothing. Any thread that has no transaction open on a database of events; may wait for a
-/// lock on one.
+/// For moments that show that the disk has room: tries again to store what this process keeps, at most every ten
+/// seconds. Costs one atomic load when it keeps nothing. Any thread that has no transaction open on a database of
+/// events; may wait for a lock on one.
 void RetryKeptEvents();
 
 /// Tries once more to store what is kept and closes all stores.

@@ -1,5 +1,5 @@
-// Start and end of the database layer. It stands above the room of connections, because its end concerns who has databases open,
-// and threads that may be inside one. Main thread.
+// Start and end of the database layer. It stands above the room of connections, because its end concerns who has
+// databases open, and threads that may be inside one. Main thread.
 
 #include "vex/core/sqlitedb.h"
 

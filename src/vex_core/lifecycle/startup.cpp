@@ -73,8 +73,8 @@ __attribute__((constructor(101))) void BeforeMain()
 {
     OpenStandardDescriptors();
     SettleLocale();
-    // The framework's own initialisers ran first and took the character set from the environment as it was; the command line
-    // is converted with this one.
+    // The framework's own initialisers ran first and took the character set from the environment as it was;
+    // the command line is converted with this one.
     wxConvLocal = wxCSConv(wxFONTENCODING_SYSTEM);
 }
 

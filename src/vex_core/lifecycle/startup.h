@@ -3,8 +3,8 @@
 
 namespace VexCore {
 
-/// Opens /dev/null on each of the descriptors 0 to 2 that is closed. Otherwise the next file opened, a database say, would
-/// get such a number, and what is meant for standard error would be written into it.
+/// Opens /dev/null on each of the descriptors 0 to 2 that is closed. Otherwise the next file opened, a database say,
+/// would get such a number, and what is meant for standard error would be written into it.
 void OpenStandardDescriptors();
 
 /// Makes text UTF-8 where the environment asks for no character set at all: when the locale's set is ASCII (LANG unset
@@ -12,8 +12,8 @@ void OpenStandardDescriptors();
 /// whatever the environment says, so that 1.5 is 1.5 in Lua, JSON and settings.
 ///
 /// Both are set in the process and in the environment: the framework's locale object asks the environment again
-/// (setlocale(LC_ALL, "")), and so a host need do nothing to keep them. LC_ALL, which would override both, is taken apart
-/// into the categories that it stands for. Single-threaded.
+/// (setlocale(LC_ALL, "")), and so a host need do nothing to keep them. LC_ALL, which would override both, is taken
+/// apart into the categories that it stands for. Single-threaded.
 void SettleLocale();
 
 } // namespace VexCore

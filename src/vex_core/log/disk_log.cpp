@@ -189,9 +189,9 @@ bool DiskLog::WriteBytes(const std::string& bytes)
     return false;
 }
 
-// Whether the file ends in a piece of a record: of ours, when the disk was full in the middle of it, or of a process that
-// was killed while the system copied its record. A record that is being copied looks the same for a moment, because the
-// file grows by pages: a piece is what stays.
+// Whether the file ends in a piece of a record: of ours, when the disk was full in the middle of it, or of a process
+// that was killed while the system copied its record. A record that is being copied looks the same for a moment,
+// because the file grows by pages: a piece is what stays.
 bool DiskLog::EndsInPiece()
 {
     for (int look = 0; IsInsideLine(m_size); ++look) {
@@ -312,8 +312,8 @@ std::string DiskLog::RotatedName(int number) const
 
 // Moves the full file away. False: it is to be written on (another process is at it, or it cannot be moved).
 //
-// One process at a time, by a lock that goes with its holder's life. Nobody waits for it: a holder that is stopped would stop
-// every writer, so the others write on into the full file meanwhile, where no line is lost either.
+// One process at a time, by a lock that goes with its holder's life. Nobody waits for it: a holder that is stopped
+// would stop every writer, so the others write on into the full file meanwhile, where no line is lost either.
 bool DiskLog::Rotate()
 {
     if (std::time(nullptr) < m_rotateNotBefore)

@@ -22,8 +22,8 @@ enum class ELogLevel { Fatal, Error, Warning, Message, Info, Debug, Trace };
 
 const char* LogLevelWord(ELogLevel level);
 
-/// The text as it stands in a record: lines after the first are indented, so that only a record's own first line starts with
-/// a time; line breaks at the end go; other control characters, which could do things to a terminal, become \xNN.
+/// The text as it stands in a record: lines after the first are indented, so that only a record's own first line starts
+/// with a time; line breaks at the end go; other control characters, which could do things to a terminal, become \xNN.
 std::string LogText(std::string_view text);
 
 /// A whole record with its line end. `timeFormat` is strftime's.
@@ -32,10 +32,10 @@ std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel 
 
 /// Appends records to one file that other processes append to as well, and rotates it.
 ///
-/// A record is one `write` on a descriptor opened with O_APPEND, so records of several processes never mix. Before each,
-/// the name is asked for: when it no longer leads to the open file, another process has rotated and the new file is
-/// opened. A record that cannot be written (no file yet, disk full) is held, in order, and tried again with the next one; the
-/// memory for that is bounded, and what does not fit goes to standard error.
+/// A record is one `write` on a descriptor opened with O_APPEND, so records of several processes never mix. Before
+/// each, the name is asked for: when it no longer leads to the open file, another process has rotated and the new file
+/// is opened. A record that cannot be written (no file yet, disk full) is held, in order, and tried again with the next
+/// one; the memory for that is bounded, and what does not fit goes to standard error.
 ///
 /// Any thread. Forks are survived when BeforeFork and AfterFork... are called around them.
 class DiskLog
@@ -59,8 +59,8 @@ public:
     bool HasFile() const;
     void SetSettings(const Settings& settings);
 
-    /// `shown`: standard error has the record already. `timeFormat` is that of the record, and from now on that of the log's
-    /// own records.
+    /// `shown`: standard error has the record already.
+    /// `timeFormat` is that of the record, and from now on that of the log's own records.
     void Write(const std::string& record, bool shown, const char* timeFormat = standardTimeFormat);
     /// Tries to write what is held.
     void Flush();

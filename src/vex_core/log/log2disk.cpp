@@ -1,4 +1,5 @@
-// The framework's log target: turns its records into lines of the process's one disk log, and finds out where that lies.
+// The framework's log target: turns its records into lines of the process's one disk log, and
+// finds out where that lies.
 
 #include "vex/core/log.h"
 

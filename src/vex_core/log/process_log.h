@@ -9,22 +9,25 @@ namespace VexCore {
 
 class DiskLog;
 
-/// Writes one line past the framework's level, as trace lines and Lua's "debug" lines go: the background child, whose level
-/// stays low, keeps them. Shown on a terminal like any other. Any thread; the line is in the file when the call returns.
+/// Writes one line past the framework's level, as trace lines and Lua's "debug" lines go: the background
+/// child, whose level stays low, keeps them. Shown on a terminal like any other. Any thread; the line is in
+/// the file when the call returns.
 void WriteLogLine(wxLogLevel level, const wxString& text);
 
-/// The descriptor of the open log file, -1 while there is none: for the crash handler, which may only write to it. The number
-/// stays the same when the file is rotated. Async-signal-safe.
+/// The descriptor of the open log file, -1 while there is none: for the crash handler, which may only write to it. The
+/// number stays the same when the file is rotated. Async-signal-safe.
 int LogFileDescriptor();
 
-/// Where the file is by the domain's keys of now, whether or not anything was written yet; empty while they are not there.
+/// Where the file is by the domain's keys of now, whether or not anything was written yet;
+/// empty while they are not there.
 std::string LogFilePath();
 
-/// Writes what is still held or queued, to standard error what cannot be written to the file. Runs by itself when a process
-/// ends by `exit`; whoever ends it in order without that calls it first. Any thread.
+/// Writes what is still held or queued, to standard error what cannot be written to the file. Runs by itself when a
+/// process ends by `exit`; whoever ends it in order without that calls it first. Any thread.
 void FlushLogAtProcessEnd();
 
-/// For tests: puts another log in the place of the process's own and returns the one before. Null puts the own one back.
+/// For tests: puts another log in the place of the process's own and returns the one before.
+/// Null puts the own one back.
 DiskLog* ReplaceProcessLog(DiskLog* log);
 
 } // namespace VexCore

@@ -1,5 +1,5 @@
-// Which modules are traced. The set of modules is immutable and stands behind an atomic pointer: asking takes no lock, and with
-// nothing traced it is one relaxed load.
+// Which modules are traced. The set of modules is immutable and stands behind an atomic pointer: asking takes no lock,
+// and with nothing traced it is one relaxed load.
 
 #include "vex/core/log.h"
 
@@ -21,8 +21,9 @@ std::atomic<const TraceModules*> g_modules{nullptr};
 
 void ReloadTraceModules();
 
-// Every list that was ever in force, by its text. Readers may still be looking into an old one, and lists change at most
-// a few times in a process's life, so none is destroyed. Nor is the observer: domains are written while the process ends.
+// Every list that was ever in force, by its text. Readers may still be looking into an old one, and lists
+// change at most a few times in a process's life, so none is destroyed. Nor is the observer: domains are
+// written while the process ends.
 struct TraceLists
 {
     std::mutex lock;
@@ -45,7 +46,8 @@ void ReloadTraceModules()
     TraceLists& lists = Lists();
     // Let go of after the lock: this may be the last reference by then, and the end of a root comes back here.
     std::optional<const RootDom> root;
-    // Read under the lock: of two writers the one that comes second sees both writes, so the lists in force are the last.
+    // Read under the lock: of two writers the one that comes second sees both writes, so the
+    // lists in force are the last.
     const std::lock_guard lock(lists.lock);
     root.emplace();
     std::string text;

@@ -64,8 +64,8 @@ private:
     const std::lock_guard<std::recursive_mutex> m_inUse;
 };
 
-// A statement that runs. Lua code may get a turn meanwhile, in a finaliser or in a metamethod of the parameters: it must not
-// close the database under the statement.
+// A statement that runs. Lua code may get a turn meanwhile, in a finaliser or in a metamethod of the parameters: it
+// must not close the database under the statement.
 class Running
 {
 public:
@@ -135,15 +135,16 @@ bool BindAll(lua_State* L, sqlite3_stmt* statement)
     return true;
 }
 
-// Prepares the first statement of `sql`, which then is what follows it. False: SQLite tells why. Blanks and comments alone make
-// a statement without a handle.
+// Prepares the first statement of `sql`, which then is what follows it. False: SQLite tells why. Blanks and comments
+// alone make a statement without a handle.
 bool Prepare(const Self& self, const char*& sql, Statement& statement)
 {
     statement.emplace(self.Db(), sql, &sql);
     return statement->Prepared();
 }
 
-// The same for the next statement of several, passing over blanks and comments; none is left when `statement` stays empty.
+// The same for the next statement of several, passing over blanks and comments;
+// none is left when `statement` stays empty.
 bool PrepareNext(const Self& self, const char*& sql, Statement& statement)
 {
     while (!statement && *sql != '\0') {
@@ -155,8 +156,8 @@ bool PrepareNext(const Self& self, const char*& sql, Statement& statement)
     return true;
 }
 
-// What was just committed found room, and so may events that wait for it. Not inside a transaction: that may be one of the
-// database of events.
+// What was just committed found room, and so may events that wait for it. Not inside a transaction:
+// that may be one of the database of events.
 void NoteCommit(const Self& self)
 {
     if (sqlite3_get_autocommit(self.Handle()) != 0)
@@ -206,7 +207,8 @@ int Exec(lua_State* L)
     return 1;
 }
 
-// As a number, or as its digits where a number would lose some: stored again in a column of integers, they are the same integer.
+// As a number, or as its digits where a number would lose some:
+// stored again in a column of integers, they are the same integer.
 void PushInteger(lua_State* L, std::int64_t value)
 {
     if (value <= maxExactInteger && value >= -maxExactInteger) {
@@ -367,7 +369,8 @@ int OpenLuaDb(lua_State* L)
     luaL_setfuncs(L, metamethods, 0);
     luaL_newlib(L, methods);
     lua_setfield(L, -2, "__index");
-    // The finaliser is the collector's alone: called by a script, it would take a database away under a running statement.
+    // The finaliser is the collector's alone: called by a script, it would take a database away
+    // under a running statement.
     lua_pushboolean(L, 0);
     lua_setfield(L, -2, "__metatable");
     lua_pop(L, 1);

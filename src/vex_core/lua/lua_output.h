@@ -1,6 +1,6 @@
 #pragma once
-// Sends what Lua code prints to a stream of the host: print, io.write, and the methods of io.stdout, which must keep their
-// order among each other.
+// Sends what Lua code prints to a stream of the host:
+// print, io.write, and the methods of io.stdout, which must keep their order among each other.
 
 #include <string>
 

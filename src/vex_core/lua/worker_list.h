@@ -16,14 +16,15 @@ public:
     /// Never destroyed: a straggler may outlive everything else.
     static WorkerList& OfProcess();
 
-    /// Starts a worker and keeps it. False, after an error line in the log, when there is no thread to be had or the list is closed.
+    /// Starts a worker and keeps it. False, after an error line in the log, when there is no thread to be
+    /// had or the list is closed.
     bool Start(const std::shared_ptr<Worker>& worker);
 
     /// Closed: new workers are refused.
     void SetClosed(bool closed);
 
-    /// Joins the workers that have ended; with `all`, every one but the calling thread's own: one that has announced its end has
-    /// still some steps to go, and would meet the destructors of the process if nobody joined it.
+    /// Joins the workers that have ended; with `all`, every one but the calling thread's own: one that has announced
+    /// its end has still some steps to go, and would meet the destructors of the process if nobody joined it.
     void Join(bool all);
 
 private:
@@ -37,13 +38,13 @@ private:
 };
 
 /// Asks every thread that takes part in the process's stop to end and waits until all have, at most `timeoutMs`
-/// milliseconds; a thread that was asked before has had a part of its time. False: some have not; a warning in the log names
-/// each, and they are left running, detached from everything that goes away. New workers are refused from here on. The thread
-/// that ends the process.
+/// milliseconds; a thread that was asked before has had a part of its time. False: some have not; a warning in the log
+/// names each, and they are left running, detached from everything that goes away. New workers are refused from here
+/// on. The thread that ends the process.
 bool StopAllWorkers(long timeoutMs);
 
-/// The end step of that name: `StopAllWorkers`. Where a thread could not be ended in time, `exit` takes `ExitOverThreads` from
-/// now on.
+/// The end step of that name: `StopAllWorkers`. Where a thread could not be ended in time, `exit` takes
+/// `ExitOverThreads` from now on.
 void EndThreads(long timeoutMs);
 
 /// Workers may be started again: for a host that sets the core library up anew after its shutdown.

@@ -64,8 +64,8 @@ int PushDefault(lua_State* L)
 int Get(CDom& dom, lua_State* L)
 {
     const char* key = Value<const char*>::Get(L, firstArgument);
-    // Kept from call to call: the heap would be a quarter of the time. While it is in use nobody else has it: making the
-    // Lua string may run a finaliser, which may come here.
+    // Kept from call to call: the heap would be a quarter of the time. While it is in use nobody else has it: making
+    // the Lua string may run a finaliser, which may come here.
     thread_local std::string t_kept;
     std::string text;
     text.swap(t_kept);

@@ -1,6 +1,6 @@
 #pragma once
-// Compiled Lua chunks kept between runs, because nearly all of a `require` is the parser's time. A cache file only saves
-// time: whatever is wrong with it, the chunk is compiled again. Format: docs/FORMATS.md, "Compiled chunks".
+// Compiled Lua chunks kept between runs, because nearly all of a `require` is the parser's time. A cache file only
+// saves time: whatever is wrong with it, the chunk is compiled again. Format: docs/FORMATS.md, "Compiled chunks".
 
 #include "vex_core/modules/chunk_cache_folder.h"
 #include "vex_core/modules/chunk_cache_format.h"
@@ -24,8 +24,8 @@ namespace VexCore {
 class ChunkCache : public std::enable_shared_from_this<ChunkCache>
 {
 public:
-    /// 64 hexadecimal digits that name the cache of an archive: of its directory's hash and of `luaHeader`, the bytes that
-    /// tell this Lua's version and type sizes.
+    /// 64 hexadecimal digits that name the cache of an archive: of its directory's hash and of `luaHeader`, the bytes
+    /// that tell this Lua's version and type sizes.
     static std::string Key(const std::string& directorySha256, const std::string& luaHeader);
 
     /// One of its own; `ChunkCaches` has those that are shared.
@@ -33,9 +33,9 @@ public:
 
     /// Whether chunks that are handed in have a chance to be written; false spares the caller their making.
     bool WantsChunks() const { return m_writable.load(std::memory_order_relaxed); }
-    /// `name` is the archive's path, "/" and the entry. False when the chunk is not there or its bytes are not whole. `chunk`
-    /// points into `buffer`, which the caller keeps from one call to the next: large blocks that come and go make every
-    /// later allocation of Lua dearer.
+    /// `name` is the archive's path, "/" and the entry. False when the chunk is not there or its bytes are not whole.
+    /// `chunk` points into `buffer`, which the caller keeps from one call to the next: large blocks that come and go
+    /// make every later allocation of Lua dearer.
     bool Find(const std::string& name, std::string& buffer, std::string_view& chunk);
     /// Takes a copy of a chunk that was compiled from source; `archiveLength` is how much of the name is the archive's
     /// path. Writes when enough have come together.

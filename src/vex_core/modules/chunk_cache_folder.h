@@ -1,6 +1,6 @@
 #pragma once
-// The folder that the files of compiled chunks lie in: which of them are trusted, how one is replaced, and what becomes of those
-// that nobody uses any more. What the files hold: chunk_cache_format.h.
+// The folder that the files of compiled chunks lie in: which of them are trusted, how one is replaced, and what becomes
+// of those that nobody uses any more. What the files hold: chunk_cache_format.h.
 
 #include "vex_core/os/descriptor.h"
 
@@ -34,8 +34,9 @@ struct ChunkFileSearch
     std::optional<ChunkFile> file; ///< nothing when it is missing, is too large or may not be used
 };
 
-/// One folder. Only used when it is no symbolic link, ours, and nobody else may enter it, and likewise for the files: code that
-/// is loaded from there runs with our rights. What is not used, and what fails, is traced and no error. Any thread.
+/// One folder. Only used when it is no symbolic link, ours, and nobody else may enter it, and likewise for
+/// the files: code that is loaded from there runs with our rights. What is not used, and what fails, is
+/// traced and no error. Any thread.
 class ChunkCacheFolder
 {
 public:
@@ -45,8 +46,9 @@ public:
     ChunkFileSearch Open(const std::string& key) const;
     /// Renews the file's time, which tells when it was last of use, to the day.
     static void NoteUse(const ChunkFile& file);
-    /// Makes or replaces the file of a cache as a whole, and the folder where it is missing. The first time in a process, sweeps
-    /// the folder: removes what was of no use to anyone for a month, what killed writers left, and the oldest beyond the bounds.
+    /// Makes or replaces the file of a cache as a whole, and the folder where it is missing. The first time in a
+    /// process, sweeps the folder: removes what was of no use to anyone for a month, what killed writers left, and the
+    /// oldest beyond the bounds.
     bool Replace(const std::string& key, const std::string& bytes) const;
 
 private:

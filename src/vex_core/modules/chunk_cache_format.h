@@ -1,7 +1,7 @@
 #pragma once
-// The bytes of a file of compiled chunks: reading and building. No state, no system; any thread. A file is a header, the records of
-// all chunks in the order of their names' hashes, and then name and chunk of each. Numbers are in the machine's byte order,
-// because compiled chunks are too. See docs/FORMATS.md for the page that operators read.
+// The bytes of a file of compiled chunks: reading and building. No state, no system; any thread. A file is a header,
+// the records of all chunks in the order of their names' hashes, and then name and chunk of each. Numbers are in the
+// machine's byte order, because compiled chunks are too. See docs/FORMATS.md for the page that operators read.
 
 #include <cstddef>
 #include <cstdint>
@@ -38,7 +38,8 @@ struct Header
 /// False when the file is no cache file, belongs to another `key` (64 hexadecimal digits), or promises more than
 /// `fileBytes` hold.
 bool ParseHeader(std::string_view header, std::string_view key, std::uint64_t fileBytes, Header& result);
-/// `index` are the bytes behind the header, all records. False when they are damaged or a record points out of the file.
+/// `index` are the bytes behind the header, all records.
+/// False when they are damaged or a record points out of the file.
 bool ParseIndex(std::string_view index, const Header& parsed, std::vector<ChunkRecord>& records);
 /// The chunk in a record's bytes, when they are whole and carry that name.
 bool ParseRecord(std::string_view bytes, const ChunkRecord& record, std::string_view name, std::string_view& chunk);

@@ -32,14 +32,14 @@ public:
     /// Closes the files of the caches that nobody holds any more.
     void ForgetUnused();
 
-    /// Writes what waits when the process exits: hosts end by `exit` without closing their interpreter. Does nothing in a child that
-    /// was forked: locks may be held there by threads that it does not have.
+    /// Writes what waits when the process exits: hosts end by `exit` without closing their interpreter. Does nothing in
+    /// a child that was forked: locks may be held there by threads that it does not have.
     static void FlushAtExit();
 
     /// Called by a cache in which something waits from now on, at the latest until this process exits.
     void NoteWaiting();
-    /// Called by a cache that has opened its file. When many are open, the one that has been longest is closed. Null is one that
-    /// nobody shares; it is not counted.
+    /// Called by a cache that has opened its file. When many are open, the one that has been longest is closed. Null is
+    /// one that nobody shares; it is not counted.
     void NoteOpened(const std::shared_ptr<ChunkCache>& cache);
 
 private:

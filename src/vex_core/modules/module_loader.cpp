@@ -1,5 +1,5 @@
-// How `require` finds code: the searchers of a Lua state, which stand between the lookup in archives and Lua. They run on the
-// state's own thread.
+// How `require` finds code: the searchers of a Lua state, which stand between the lookup in archives and Lua.
+// They run on the state's own thread.
 #include "slb3/error.h"
 #include "vex/core/dom.h"
 #include "vex_core/modules/chunk_caches.h"
@@ -22,13 +22,13 @@ const char loaderType[] = "VexCore.ModuleLoader";
 // writes, and far below what hurts.
 constexpr std::uint64_t maxModuleBytes = static_cast<std::uint64_t>(64) << 20;
 
-// A block of memory that is kept from one module to the next: large blocks that come and go make the C library tidy its free
-// lists at each, which was a tenth of the time of a require.
+// A block of memory that is kept from one module to the next: large blocks that come and go make the C library tidy its
+// free lists at each, which was a tenth of the time of a require.
 class KeptBuffer
 {
 public:
-    // The block, lent for as long as Lua reads from it: a finaliser may load another module meanwhile, which then gets one of its
-    // own.
+    // The block, lent for as long as Lua reads from it:
+    // a finaliser may load another module meanwhile, which then gets one of its own.
     class Loan
     {
     public:
@@ -116,8 +116,8 @@ bool IsSameFolder(const std::string& left, const std::string& right)
            && os::IdentityOf(leftStatus).IsFileOf(rightStatus);
 }
 
-// Whether compiled chunks may be loaded from the archive: those that come with the launcher. By identity of the folder, so that
-// "x/vex_core/../y" and links cannot pass for it.
+// Whether compiled chunks may be loaded from the archive: those that come with the launcher. By identity of the folder,
+// so that "x/vex_core/../y" and links cannot pass for it.
 bool IsCoreArchive(const LoaderSettings& settings, const std::string& archive)
 {
     const std::size_t slash = archive.rfind('/');
@@ -314,7 +314,8 @@ void RegisterOnce(lua_State* L, CDom& dom)
 
 } // namespace
 
-// The domain's by its interface, and here by its work: it installs a search in archives, of which domain/ knows nothing.
+// The domain's by its interface, and here by its work:
+// it installs a search in archives, of which domain/ knows nothing.
 void CDom::RegisterLoader(lua_State* L)
 {
     SLB3::internal::Guard(L, [this, L] {

@@ -50,7 +50,8 @@ public:
         : m_settings(settings), m_luaHeader(std::move(luaHeader))
     {}
 
-    /// "a.b" is "a/b.lua", or else "a/b/init.lua", in the first archive of the settings' search path that has one of them.
+    /// "a.b" is "a/b.lua", or else "a/b/init.lua", in the first archive of the settings' search
+    /// path that has one of them.
     LookupResult Find(const std::string& module);
 
 private:

@@ -5,8 +5,8 @@
 
 namespace VexCore {
 
-/// package.path cut in two where the archives are searched: the templates that were given with "app.lua.path" come before them,
-/// all others after. One thread.
+/// package.path cut in two where the archives are searched: the templates that were given with "app.lua.path" come
+/// before them, all others after. One thread.
 class PackagePathParts
 {
 public:

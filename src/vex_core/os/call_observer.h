@@ -1,7 +1,7 @@
 #pragma once
-// The one hook of this room, for tests: they see the calls for files and folders (files.h but where it says otherwise, folders.h,
-// file_lock.h, and CloseWritten, which can fail), make any of them fail or fall short, or end the process right before one. Not
-// seen is what concerns descriptors alone, processes, signals and the host.
+// The one hook of this room, for tests: they see the calls for files and folders (files.h but where it says otherwise,
+// folders.h, file_lock.h, and CloseWritten, which can fail), make any of them fail or fall short, or end the process
+// right before one. Not seen is what concerns descriptors alone, processes, signals and the host.
 
 #include <cstddef>
 
@@ -24,8 +24,8 @@ struct Call
 /// The observer has made the call itself, and it went well. Only where 0 is the whole answer.
 constexpr int callAnswered = -1;
 
-/// Sees each call before it is made: 0 lets it happen, anything else but `callAnswered` is the error with which it fails unmade.
-/// EINTR makes the doorway try again, as the system's would. Called on the thread that makes the call.
+/// Sees each call before it is made: 0 lets it happen, anything else but `callAnswered` is the error with which it
+/// fails unmade. EINTR makes the doorway try again, as the system's would. Called on the thread that makes the call.
 using CallObserver = int (*)(const Call& call);
 
 /// For tests. Null, the normal state, costs one relaxed atomic load a call. Returns the one before.

@@ -7,7 +7,8 @@ namespace VexCore::os {
 
 /// Gives a descriptor back, -1 too; keeps the last error.
 void Close(int descriptor);
-/// The same for a file that was written, where some file systems report a failed write as late as here. -1 with the error.
+/// The same for a file that was written, where some file systems report a failed write as late as
+/// here. -1 with the error.
 int CloseWritten(int descriptor);
 
 /// Owns a descriptor, or none.
@@ -43,8 +44,8 @@ private:
     int m_value = -1;
 };
 
-/// Makes the number of `place` lead where `opened` leads, close-on-exec: who knows the number need not be told of another file.
-/// False with the error; then `place` is as it was.
+/// Makes the number of `place` lead where `opened` leads, close-on-exec: who knows the number need not be told of
+/// another file. False with the error; then `place` is as it was.
 bool ReplaceDescriptor(Descriptor& place, Descriptor opened);
 
 } // namespace VexCore::os

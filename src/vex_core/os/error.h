@@ -1,6 +1,6 @@
 #pragma once
-// Why the last call of this thread failed. Every function of this room that can fail leaves its reason here, as the system
-// does, so that no other room needs to know where the system keeps it.
+// Why the last call of this thread failed. Every function of this room that can fail leaves its reason here, as the
+// system does, so that no other room needs to know where the system keeps it.
 
 #include <string>
 
@@ -11,7 +11,8 @@ int LastError();
 /// For a function that finds a failure itself and reports it in the same way.
 void SetLastError(int error);
 
-/// Whatever is called while it lives, the reason at its begin is the reason again at its end: for clearing up on the way out.
+/// Whatever is called while it lives, the reason at its begin is the reason again at its end:
+/// for clearing up on the way out.
 class KeepError
 {
 public:

@@ -15,8 +15,8 @@ void SetLastError(int error)
     errno = error;
 }
 
-// The sanitizer looks at the category's type through a pipe, and calls it invalid where there is no descriptor left for one:
-// just where such texts are needed.
+// The sanitizer looks at the category's type through a pipe, and calls it invalid where there is no descriptor left for
+// one: just where such texts are needed.
 __attribute__((no_sanitize("vptr"))) std::string ErrorText(int error)
 {
     return std::system_category().message(error);

@@ -8,8 +8,8 @@ namespace VexCore::os {
 /// Ends the process at once: no handler, no destructor, no flush.
 [[noreturn]] void EndProcessNow(int status);
 
-/// Has `handler` called with the status when `exit` runs, before every handler and destructor that is registered by now. On a
-/// system that has no such call nothing happens.
+/// Has `handler` called with the status when `exit` runs, before every handler and destructor that is registered by
+/// now. On a system that has no such call nothing happens.
 void AtExitWithStatus(void (*handler)(int status));
 
 /// Takes a stream's lock when it is free.

@@ -20,8 +20,8 @@ struct FileIdentity
     bool IsFileOf(const struct stat& status) const { return device == status.st_dev && inode == status.st_ino; }
     bool IsFileOf(const FileIdentity& other) const { return device == other.device && inode == other.inode; }
 
-    /// The same file with the same content, as far as its size and the time of its last change tell: a change within the file
-    /// system's clock tick of the one before shows in neither.
+    /// The same file with the same content, as far as its size and the time of its last change tell: a change within
+    /// the file system's clock tick of the one before shows in neither.
     bool HasContentOf(const FileIdentity& other) const
     {
         return IsFileOf(other) && size == other.size && mtimeNs == other.mtimeNs;

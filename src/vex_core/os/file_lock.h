@@ -1,6 +1,6 @@
 #pragma once
-// Locks of whole files against other processes. Such a lock belongs to the process, not to the descriptor: it goes when the
-// process closes any descriptor of the file, or ends, and children do not inherit it.
+// Locks of whole files against other processes. Such a lock belongs to the process, not to the descriptor: it goes when
+// the process closes any descriptor of the file, or ends, and children do not inherit it.
 
 namespace VexCore::os {
 

@@ -1,7 +1,7 @@
 #pragma once
-// Files and their names. Each function does what the call of that name does, tries again when a signal interrupts it, and keeps
-// descriptors from children; the test hook (call_observer.h) sees each that does not say otherwise. On failure -1, or false, and
-// the reason in error.h.
+// Files and their names. Each function does what the call of that name does, tries again when a signal interrupts it,
+// and keeps descriptors from children; the test hook (call_observer.h) sees each that does not say otherwise. On
+// failure -1, or false, and the reason in error.h.
 
 #include "vex_core/os/descriptor.h"
 
@@ -44,8 +44,8 @@ ssize_t PReadFull(int descriptor, void* data, std::size_t size, off_t offset);
 bool ReadToEnd(int descriptor, std::string& text);
 /// Writes all of it or fails.
 [[nodiscard]] bool WriteAll(int descriptor, const void* data, std::size_t size);
-/// Writes all of it as far as that works; for standard error, where nobody can be told about a failure. Keeps the last error.
-/// Tests do not see it: it tells what came of the others, and nothing comes of its own failure.
+/// Writes all of it as far as that works; for standard error, where nobody can be told about a failure. Keeps the last
+/// error. Tests do not see it: it tells what came of the others, and nothing comes of its own failure.
 void WriteBestEffort(int descriptor, const char* data, std::size_t size);
 /// Where the last read or write through `descriptor` ended.
 off_t FilePosition(int descriptor);
@@ -68,11 +68,11 @@ int TouchFile(int descriptor);
 
 /// Puts a file's data and size, or a folder's names, on stable storage.
 int FSync(int descriptor);
-/// Starts to write a file's data to storage without waiting for it, so that a later flush has less to do. Succeeds without
-/// doing anything where that does not exist.
+/// Starts to write a file's data to storage without waiting for it, so that a later flush has less to do. Succeeds
+/// without doing anything where that does not exist.
 int StartWriteback(int descriptor);
-/// Puts all of the file system that holds `descriptor` on stable storage. Fails with ENOTSUP where there is no such call or it
-/// does not report failed writes: then each file is to be flushed for itself.
+/// Puts all of the file system that holds `descriptor` on stable storage. Fails with ENOTSUP where there is no such
+/// call or it does not report failed writes: then each file is to be flushed for itself.
 int SyncFileSystem(int descriptor);
 
 } // namespace VexCore::os

@@ -8,8 +8,8 @@
 
 namespace VexCore::os {
 
-/// Opens a folder that is `name` in `folder`. Fails with ELOOP or ENOTDIR for a symbolic link, with ENOTDIR for anything
-/// else that is no folder; never blocks on one.
+/// Opens a folder that is `name` in `folder`. Fails with ELOOP or ENOTDIR for a symbolic link, with ENOTDIR for
+/// anything else that is no folder; never blocks on one.
 int OpenFolderAt(int folder, const char* name);
 
 int MkdirAt(int folder, const char* name, mode_t mode);

@@ -1,6 +1,6 @@
 #pragma once
-// Linux: an entry of a folder as the system call getdents64 gives it; the C library has no declaration. For code that may
-// not allocate, as readdir would.
+// Linux: an entry of a folder as the system call getdents64 gives it; the C library has no declaration. For code that
+// may not allocate, as readdir would.
 
 namespace VexCore::os {
 

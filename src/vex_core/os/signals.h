@@ -1,5 +1,6 @@
 #pragma once
-// Signals of this process: what happens at one, and sending one to a thread of ours. (To processes: vex/core/sendsignal.h.)
+// Signals of this process: what happens at one, and sending one to a thread of ours. (To processes:
+// vex/core/sendsignal.h.)
 
 #include <csignal>
 #include <cstddef>

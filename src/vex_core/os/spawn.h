@@ -24,8 +24,8 @@ struct SpawnPlan
 /// thread.
 pid_t Spawn(const SpawnPlan& plan);
 
-/// The descriptor again, on a number above 3, close-on-exec: `Spawn` places others below. Takes the given one. None with the
-/// last error.
+/// The descriptor again, on a number above 3, close-on-exec: `Spawn` places others below. Takes the given one.
+/// None with the last error.
 Descriptor RaiseDescriptor(Descriptor descriptor);
 
 struct Pipe
@@ -41,7 +41,8 @@ void SetNonBlocking(int descriptor);
 
 /// A descriptor that polls readable when the child `pid` has ended, none where the system has no such thing.
 Descriptor OpenProcess(pid_t pid);
-/// Waits until `first` or `second` (-1: is not there) can be read, or is at its end, at most `timeoutMs` (-1: no limit).
+/// Waits until `first` or `second` (-1: is not there) can be read, or is at its end, at most
+/// `timeoutMs` (-1: no limit).
 void WaitReadable(int first, int second, int timeoutMs);
 /// The child's id when it has ended, with its status; 0 when it runs; -1 with the last error. Does not wait.
 pid_t TakeStatus(pid_t child, int& status);

@@ -97,8 +97,8 @@ std::string FindProgram(const std::string& program)
             return candidate;
         at = colon + 1;
     }
-    return std::string(); // which exec answers with "No such file or directory"; the current folder is not
-        // searched
+    // The current folder is not searched. To an empty name exec answers "No such file or directory".
+    return std::string();
 }
 
 class Output

@@ -63,8 +63,9 @@ const EndStepOwner flushStreams(EndStep::FlushStreams, [] {
     FlushIfFree(stderr);
 });
 
-// Made before `main`, so that its end comes after all that the host registers, on whichever thread ends the process. A destructor
-// and no atexit handler: the thread sanitizer runs the handlers of libraries when wx's destructors are through.
+// Made before `main`, so that its end comes after all that the host registers, on whichever thread ends the
+// process. A destructor and no atexit handler: the thread sanitizer runs the handlers of libraries when wx's
+// destructors are through.
 const struct ExitHook
 {
     ~ExitHook() { TakeEndSteps(EndStretch::Exit); }

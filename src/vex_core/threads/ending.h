@@ -1,6 +1,6 @@
 #pragma once
-// How a process ends. The steps and their order are in base/end_steps.h; the table of this room tells which of them belong to which
-// stretch of the way out. A way of ending takes these stretches:
+// How a process ends. The steps and their order are in base/end_steps.h; the table of this room tells which of them
+// belong to which stretch of the way out. A way of ending takes these stretches:
 //
 //   way                                                        stretches
 //   the host's orderly end: it cleans up, then exits           EndOfThreads, EndOfDatabases, Exit
@@ -34,8 +34,8 @@ void TakeEndSteps(EndStretch stretch, const EndSteps& steps = EndSteps::OfProces
 /// Whether a step belongs to a stretch.
 bool HasEndStep(EndStretch stretch, EndStep step);
 
-/// `ExitOverThreads` and the end. Whoever could not end a thread has `exit` come here: that thread would run on under static
-/// destructors.
+/// `ExitOverThreads` and the end. Whoever could not end a thread has `exit` come here:
+/// that thread would run on under static destructors.
 [[noreturn]] void LeaveWithoutDestructors(int status);
 
 } // namespace VexCore

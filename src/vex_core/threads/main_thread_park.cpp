@@ -1,6 +1,6 @@
-// The main thread is brought to a place where it holds nothing and stays: an event that it handles in its loop (or, when it is
-// already on its way out, the wait for other threads to end). A signal could stop it anywhere, with the heap's or the log's lock
-// in its hands.
+// The main thread is brought to a place where it holds nothing and stays: an event that it handles in its loop (or,
+// when it is already on its way out, the wait for other threads to end). A signal could stop it anywhere, with the
+// heap's or the log's lock in its hands.
 
 #include "vex_core/threads/main_thread_park.h"
 

@@ -53,7 +53,8 @@ std::vector<std::string> EndRegisteredThreads(long timeoutMs)
     Registry& registry = Registry::Get();
     CRunnable* const self = CRunnable::Current();
     const std::int64_t deadlineMs = SteadyMs() + timeoutMs;
-    // How long somebody still has: who was asked by a script before, and waited for, does not get all of it a second time.
+    // How long somebody still has: who was asked by a script before, and waited for, does not get
+    // all of it a second time.
     const auto leftMs = [&] {
         std::int64_t left = 0;
         for (const CRunnable* runnable : registry.stoppable)

@@ -14,9 +14,9 @@ void RegisterThread(CRunnable& thread, bool takesPartInStop);
 /// When its body has returned, or did not start.
 void UnregisterThread(CRunnable& thread);
 
-/// Asks every registered thread that takes part in the process's stop to end, but not the calling one, and waits until their
-/// bodies have returned, for each at most `timeoutMs` milliseconds from when it was first asked, here or before. Answers the
-/// names of those that still run.
+/// Asks every registered thread that takes part in the process's stop to end, but not the calling one, and waits until
+/// their bodies have returned, for each at most `timeoutMs` milliseconds from when it was first asked, here or before.
+/// Answers the names of those that still run.
 std::vector<std::string> EndRegisteredThreads(long timeoutMs);
 
 /// Makes a main thread that waits in `EndRegisteredThreads` look at its park point.

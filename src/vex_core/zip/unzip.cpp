@@ -1,5 +1,5 @@
-// Unpacks an archive into a folder: what is asked in which order, and what becomes of a failure. The archive is checked whole
-// by the reader before the first question; folders, temporary files and writing are in unzip_*.cpp.
+// Unpacks an archive into a folder: what is asked in which order, and what becomes of a failure. The archive is checked
+// whole by the reader before the first question; folders, temporary files and writing are in unzip_*.cpp.
 #include "vex/core/unzip.h"
 
 #include "vex_core/base/text.h"
@@ -125,8 +125,8 @@ private:
         shown.SetName(name, wxPATH_UNIX);
         shown.SetSize(wxFileOffset(entry.size));
         shown.SetMethod(entry.method);
-        // The last slash of a folder stays, so that nothing but a folder can be meant. The name on disk is the archive's bytes,
-        // in every locale.
+        // The last slash of a folder stays, so that nothing but a folder can be meant.
+        // The name on disk is the archive's bytes, in every locale.
         const wxString destination = m_shownFolder + "/" + FromSystemBytes(entry.name);
         return m_callback(m_context, &shown, &destination);
     }

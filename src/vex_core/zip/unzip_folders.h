@@ -1,6 +1,6 @@
 #pragma once
-// The folders below the destination of an `Unzip`, and how its parts fail. None of the parts is used by more than one thread at
-// a time.
+// The folders below the destination of an `Unzip`, and how its parts fail.
+// None of the parts is used by more than one thread at a time.
 
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/file_identity.h"
@@ -32,8 +32,8 @@ public:
     using UnzipFailure::UnzipFailure;
 };
 
-/// The folders below one destination. Each component is opened for itself and never through a symbolic link; an open folder
-/// is kept until `Close`, so that what is done in it stays in it whatever becomes of its name.
+/// The folders below one destination. Each component is opened for itself and never through a symbolic link; an open
+/// folder is kept until `Close`, so that what is done in it stays in it whatever becomes of its name.
 class UnzipFolders
 {
 public:
@@ -42,8 +42,9 @@ public:
     UnzipFolders(const UnzipFolders&) = delete;
     UnzipFolders& operator=(const UnzipFolders&) = delete;
 
-    /// The descriptor of `path` ("" is the destination; no last slash). -1: it, or a folder before it, is missing. Throws
-    /// when a component is a symbolic link or no folder, or no longer the folder that was opened under that name.
+    /// The descriptor of `path` ("" is the destination; no last slash). -1: it, or a folder before it,
+    /// is missing. Throws when a component is a symbolic link or no folder, or no longer the folder that
+    /// was opened under that name.
     int Find(std::string_view path);
     /// The same, making what is missing, with mode 0755.
     int Make(std::string_view path);
@@ -53,8 +54,8 @@ public:
     /// Throws unless every open folder is still the one that its name leads to.
     void CheckAll();
     void Flush();
-    /// Flushes the whole file systems that hold these open folders, which beats many single flushes by far. False: the system
-    /// cannot do that, or not reliably.
+    /// Flushes the whole file systems that hold these open folders, which beats many single flushes by far. False: the
+    /// system cannot do that, or not reliably.
     bool FlushFileSystemsOf(const std::vector<std::string_view>& paths);
     /// Closes all but the destination; what was noted and not flushed is forgotten.
     void Close();

@@ -25,8 +25,8 @@ constexpr std::string_view temporaryPrefix = ".vex-unzip-";
 constexpr std::string_view listSuffix = ".list";
 constexpr std::string_view listFirstLine = "temporary files may be in";
 
-// The runs of this process. The lock of a list tells other processes that the run lives, but says nothing inside its own
-// process, where even a look at the file would give the lock up.
+// The runs of this process. The lock of a list tells other processes that the run lives, but says nothing inside its
+// own process, where even a look at the file would give the lock up.
 class LiveRuns
 {
 public:

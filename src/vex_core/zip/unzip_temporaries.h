@@ -15,8 +15,8 @@ namespace VexCore {
 bool IsReservedForUnzip(std::string_view name);
 
 /// The temporary files of one run. Before the first of them is made, a list of the folders that may get some is put on
-/// stable storage in the destination, and stays there, locked, while the run lives. A list that nobody holds locked is from a
-/// run that was killed: it tells the next run where to sweep, without a search of the whole tree.
+/// stable storage in the destination, and stays there, locked, while the run lives. A list that nobody holds locked is
+/// from a run that was killed: it tells the next run where to sweep, without a search of the whole tree.
 class UnzipTemporaries
 {
 public:

@@ -12,8 +12,8 @@
 
 namespace VexCore {
 
-/// Writes files under temporary names and gives them their own names in groups: waiting for storage once a group, and not once
-/// a file, is what makes a thousand small files take a tenth of a second and not three.
+/// Writes files under temporary names and gives them their own names in groups: waiting for storage once a group, and
+/// not once a file, is what makes a thousand small files take a tenth of a second and not three.
 class UnzipWriter
 {
 public:

@@ -7,8 +7,8 @@
 
 namespace VexCore::Zip {
 
-/// Where the directory lies, as the end record, or the pair of ZIP64 records before it, says and as was checked: it ends where
-/// the first of these records begins.
+/// Where the directory lies, as the end record, or the pair of ZIP64 records before it, says and as was checked: it
+/// ends where the first of these records begins.
 struct DirectoryPlace
 {
     std::uint64_t offset = 0; ///< in the file

@@ -50,8 +50,8 @@ Field FindZip64(std::string_view name, const unsigned char* data, std::size_t si
     return zip64;
 }
 
-// Writers differ: some put only what the header lacks into the field, some all values in their fixed order; then those that
-// the header has must be equal (or 0, where they follow in a descriptor).
+// Writers differ: some put only what the header lacks into the field, some all values in their fixed order; then those
+// that the header has must be equal (or 0, where they follow in a descriptor).
 void ApplyZip64(std::string_view name, const Field& field, HeaderKind kind, EntryExtent& extent)
 {
     struct Value

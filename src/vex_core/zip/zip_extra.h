@@ -25,9 +25,9 @@ struct EntryExtent
     std::uint32_t disk = 0;
 };
 
-/// Checks the `length` bytes of extra fields of entry `name` and puts the values of a ZIP64 field where `extent` is full, which
-/// means "see there". Without such a field full numbers mean themselves: what they claim is checked like any other claim.
-/// Throws Refused.
+/// Checks the `length` bytes of extra fields of entry `name` and puts the values of a ZIP64 field where `extent` is
+/// full, which means "see there". Without such a field full numbers mean themselves: what they claim is checked like
+/// any other claim. Throws Refused.
 void ApplyExtraFields(std::string_view name, const unsigned char* fields, std::size_t length, HeaderKind kind,
                       EntryExtent& extent);
 

@@ -18,8 +18,8 @@ const char* WhyNameIsRefused(std::string_view name);
 /// The name without a folder's last slash.
 std::string_view PathOf(std::string_view name);
 
-/// Orders paths so that whatever lies below a path follows it directly: "/" comes before every other character. Below 0,
-/// 0, above 0 as memcmp.
+/// Orders paths so that whatever lies below a path follows it directly: "/" comes before every other character.
+/// Below 0, 0, above 0 as memcmp.
 int ComparePaths(std::string_view left, std::string_view right);
 
 /// Whether `path` lies below `folder`.

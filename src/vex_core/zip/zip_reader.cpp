@@ -1,5 +1,5 @@
-// Opens an archive and sees that all its headers hold; what they may hold is in zip_end_record.cpp, zip_directory.cpp and
-// zip_tiling.cpp, in this order. Reading of entries: zip_data.cpp.
+// Opens an archive and sees that all its headers hold; what they may hold is in zip_end_record.cpp, zip_directory.cpp
+// and zip_tiling.cpp, in this order. Reading of entries: zip_data.cpp.
 #include "vex_core/zip/zip_reader.h"
 
 #include "vex_core/os/error.h"

@@ -1,6 +1,6 @@
 #pragma once
-// One strict reader of ZIP archives, for `Unzip` and for the module loader; the one header of this room that others include.
-// Format and limits: docs/FORMATS.md, "ZIP archives".
+// One strict reader of ZIP archives, for `Unzip` and for the module loader; the one header of this room that others
+// include. Format and limits: docs/FORMATS.md, "ZIP archives".
 
 #include "vex_core/domain/known_settings.h"
 #include "vex_core/os/descriptor.h"
@@ -40,9 +40,9 @@ struct ZipEntry
 class ZipArchive
 {
 public:
-    /// Opens the file of that name (bytes of the file system), checks all headers and indexes the names. Null when it is no
-    /// regular file (a FIFO does not block), cannot be read, or breaks any rule; `error` then has one line that tells the
-    /// reason and, escaped, the entry, but not the archive.
+    /// Opens the file of that name (bytes of the file system), checks all headers and indexes the names. Null when it
+    /// is no regular file (a FIFO does not block), cannot be read, or breaks any rule; `error` then has one line that
+    /// tells the reason and, escaped, the entry, but not the archive.
     static std::shared_ptr<const ZipArchive> Open(const std::string& path, const ZipLimits& limits, std::string& error);
 
     const std::string& Path() const { return m_path; }

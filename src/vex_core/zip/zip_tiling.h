@@ -8,9 +8,9 @@
 
 namespace VexCore::Zip {
 
-/// Compares the local header of each entry, and the descriptor behind its data where there is one, with the directory, sees that
-/// these follow each other without overlap or gap from the first byte of the file to the directory, and notes where each entry's
-/// data begin. Throws Refused.
+/// Compares the local header of each entry, and the descriptor behind its data where there is one, with the directory,
+/// sees that these follow each other without overlap or gap from the first byte of the file to the directory, and notes
+/// where each entry's data begin. Throws Refused.
 void CheckTiling(Window& window, const DirectoryPlace& directory, std::vector<ZipEntry>& entries);
 
 } // namespace VexCore::Zip

@@ -1,6 +1,6 @@
 #pragma once
-// The bytes of an archive while its headers are checked. All reading is pread: a file that is cut short under the process is
-// then an error and not a SIGBUS.
+// The bytes of an archive while its headers are checked. All reading is pread: a file that is cut short under the
+// process is then an error and not a SIGBUS.
 
 #include "vex_core/zip/zip_refused.h"
 
@@ -19,8 +19,8 @@ public:
 
     std::uint64_t FileSize() const { return m_fileSize; }
 
-    /// `size` bytes at `offset`; valid until the next call. Throws Refused where they do not all lie inside the file or cannot
-    /// be read.
+    /// `size` bytes at `offset`; valid until the next call.
+    /// Throws Refused where they do not all lie inside the file or cannot be read.
     const unsigned char* At(std::uint64_t offset, std::size_t size)
     {
         if (offset > m_fileSize || size > m_fileSize - offset)

@@ -1,5 +1,6 @@
-// What the launcher takes for granted of the core library. These cases are built twice, with the real library and with the fake
-// one that stands in for it in the launcher's tests, so that the fake cannot drift away from what it stands for.
+// What the launcher takes for granted of the core library. These cases are built twice, with the real library
+// and with the fake one that stands in for it in the launcher's tests, so that the fake cannot drift away
+// from what it stands for.
 
 #include "support/contract_arrange.h"
 

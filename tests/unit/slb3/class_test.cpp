@@ -75,7 +75,8 @@ TEST_F(BoundClass, MetatableThatIsNoTableIsAProgrammingError)
 }
 #endif
 
-// Runs `body` under pcall with the n-th allocation failing, for n = 0, 1, 2..., until it passes. Answers how often it failed.
+// Runs `body` under pcall with the n-th allocation failing, for n = 0, 1, 2..., until it passes.
+// Answers how often it failed.
 int SweepAllocations(lua_CFunction body)
 {
     for (int n = 0; n < 1000; ++n) {

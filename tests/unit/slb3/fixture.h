@@ -11,8 +11,8 @@
 
 #include <gtest/gtest.h>
 
-/// Fails the n-th allocation or growth from now on and every later one (Lua collects and tries again after a first failure); a
-/// negative n never.
+/// Fails the n-th allocation or growth from now on and every later one (Lua collects and tries again after a first
+/// failure); a negative n never.
 struct FailingAllocator
 {
     long untilFailure = -1;

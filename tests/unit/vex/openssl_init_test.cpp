@@ -1,5 +1,6 @@
-// Start and end of OpenSSL: which of its calls are made, and where they stand among the core library's. The calls below are
-// the launcher's, all that are functions in the version at hand; no test here needs more of the library than that they were made.
+// Start and end of OpenSSL: which of its calls are made, and where they stand among the core library's. The calls
+// below are the launcher's, all that are functions in the version at hand; no test here needs more of the library
+// than that they were made.
 
 #include "vex/apps/vex/vex_p.h"
 

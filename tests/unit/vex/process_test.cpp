@@ -1,5 +1,5 @@
-// The supervisor's doorway on the real system: locks, forks of a worker, descriptors. Each test that changes the process works in
-// a forked one, which tells its findings by its exit code.
+// The supervisor's doorway on the real system: locks, forks of a worker, descriptors. Each test that changes the
+// process works in a forked one, which tells its findings by its exit code.
 
 #include "vex/apps/vex/os/process.h"
 

@@ -1,5 +1,5 @@
-// The options that the launcher knows, as one table. Main thread, once, before the command line is parsed. What the values
-// mean is in settings.cpp.
+// The options that the launcher knows, as one table. Main thread, once, before the command line is parsed.
+// What the values mean is in settings.cpp.
 
 #include "vex/apps/vex/vex.h"
 
@@ -45,8 +45,8 @@ void CAgentApp::OnInitCmdLine(wxCmdLineParser& parser)
         else
             parser.AddOption(entry.shortName, entry.longName, entry.help, wxCMD_LINE_VAL_STRING, 0);
     }
-    // Arguments for scripts stand after "--". They are declared so that the parser takes them, and never asked for: Lua sees
-    // the whole command line.
+    // Arguments for scripts stand after "--". They are declared so that the parser takes them, and never asked for:
+    // Lua sees the whole command line.
     parser.AddParam("-- script-param [script-param ...]", wxCMD_LINE_VAL_STRING,
                     wxCMD_LINE_PARAM_OPTIONAL | wxCMD_LINE_PARAM_MULTIPLE);
 }

@@ -5,13 +5,14 @@
 //                               exit(0)               lock, waitpid
 //
 // The starting process and the first child end at once. The supervisor is in the session and the group that the first
-// child made, without leading either, so that it can never gain a terminal. It has one thread and no database, and wakes for
-// nothing but its child and signals. Who holds the instance lock owns the pid file; a supervisor that has taken its pid file
-// away gives up the lock with it, and touches neither again.
+// child made, without leading either, so that it can never gain a terminal. It has one thread and no database, and
+// wakes for nothing but its child and signals. Who holds the instance lock owns the pid file; a supervisor that has
+// taken its pid file away gives up the lock with it, and touches neither again.
 //
-// SIGTERM is blocked from before the first fork until pass_signal is in place, and around every later fork, so that a stop
-// meets either pass_signal or a child that keeps it pending until its run sequence takes it. The two starting processes pass one
-// that is pending with them on to the next: who starts the agent knows the first one's pid only, and may think better of it.
+// SIGTERM is blocked from before the first fork until pass_signal is in place, and around every later fork, so that a
+// stop meets either pass_signal or a child that keeps it pending until its run sequence takes it. The two starting
+// processes pass one that is pending with them on to the next: who starts the agent knows the first one's pid only, and
+// may think better of it.
 
 #include "vex/apps/vex/daemon.h"
 
@@ -34,8 +35,8 @@ wxString g_pidFileName;
 namespace {
 const char* const DriverScript = "/opt/vx_agent/SunOS.init";
 
-// What pass_signal reads and writes: plain values, because it may run between any two instructions. All are written while
-// SIGTERM is blocked or no handler is there, but for the two that it shares with the loop.
+// What pass_signal reads and writes: plain values, because it may run between any two instructions. All are written
+// while SIGTERM is blocked or no handler is there, but for the two that it shares with the loop.
 struct StopState
 {
     VexOs::SystemCalls* system = nullptr;
@@ -55,8 +56,8 @@ void GiveUpPidFile()
 {
     if (!g_stop.ownsPidFile)
         return;
-    // First the file: a stop that comes between ends the process, and must not find it given up and still there. It then
-    // removes it once more, which does no harm while the lock keeps everybody else out.
+    // First the file: a stop that comes between ends the process, and must not find it given up and still there. It
+    // then removes it once more, which does no harm while the lock keeps everybody else out.
     g_stop.system->RemoveFile(g_stop.pidFile);
     g_stop.ownsPidFile = 0;
     g_stop.system->ReleaseInstanceLock();
@@ -92,8 +93,8 @@ void TakeStop(const siginfo_t* information)
 
 } // namespace
 
-// SIGTERM in the supervisor. Beyond g_stop it makes these system calls, all of them safe here: getpid, getpgrp, unlink, flock and
-// close (of the lock), kill, _exit.
+// SIGTERM in the supervisor. Beyond g_stop it makes these system calls, all of them safe here: getpid, getpgrp, unlink,
+// flock and close (of the lock), kill, _exit.
 extern "C" void pass_signal(int, siginfo_t* information, void*)
 {
     const VexOs::KeepError keep;
@@ -207,8 +208,8 @@ void Daemon::OwnPidFile()
     g_stop.ownsPidFile = 1;
 }
 
-// A child outlives a killed supervisor by the time that its shutdown takes, and one of a supervisor that was stopped twice
-// may. The application must not run twice, so the first child of this supervisor waits for it.
+// A child outlives a killed supervisor by the time that its shutdown takes, and one of a supervisor that was stopped
+// twice may. The application must not run twice, so the first child of this supervisor waits for it.
 void Daemon::WaitForFormerChild()
 {
     const pid_t former = m_locked ? m_system.FindOtherWorker() : 0;
@@ -279,7 +280,8 @@ std::optional<pid_t> Daemon::StartChild()
     }
     if (child == 0)
         return std::nullopt;
-    // After the fork on purpose: the first child starts with the signals as start-up left them, later ones inherit these.
+    // After the fork on purpose: the first child starts with the signals as start-up left them,
+    // later ones inherit these.
     m_system.BlockChild();
     WatchForStop(child);
     return child;

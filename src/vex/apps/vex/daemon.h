@@ -1,5 +1,6 @@
 #pragma once
-// Background mode, from the single-instance check to the supervisor's end. For the launcher's own files and their tests.
+// Background mode, from the single-instance check to the supervisor's end.
+// For the launcher's own files and their tests.
 
 #include "vex/apps/vex/os/process.h"
 #include "vex/apps/vex/restart.h"
@@ -19,9 +20,9 @@ public:
     /// Neither the doorway nor the domain is owned.
     Daemon(VexOs::SystemCalls& system, VexCore::CDom* dom, const wxString& application);
 
-    /// Checks for a live instance, detaches and supervises. Comes back in the supervisor with the status to end with (also in
-    /// the starting process or the first child, when one of the first two forks fails), and with nothing in a working
-    /// child, which then runs the application. The processes that have done their part end inside.
+    /// Checks for a live instance, detaches and supervises. Comes back in the supervisor with the status to end with
+    /// (also in the starting process or the first child, when one of the first two forks fails), and with nothing in a
+    /// working child, which then runs the application. The processes that have done their part end inside.
     std::optional<int> Run();
 
 private:

@@ -18,8 +18,8 @@
 #include <wx/sstream.h>
 
 namespace {
-// The script's arguments: what follows the first "--" at 1, 2 and on, the application's name at 0, and the launcher's own
-// arguments below. Without a "--" the name comes after all of them.
+// The script's arguments: what follows the first "--" at 1, 2 and on, the application's name at 0, and the launcher's
+// own arguments below. Without a "--" the name comes after all of them.
 void SetArguments(lua_State* L, const wxCmdLineArgsArray& argv, int argc, const wxString& application)
 {
     const auto pushText = [L](const wxString& text) {
@@ -93,7 +93,8 @@ int CAgentApp::RunCodeSnippet(const wxString& code)
         wxStringInputStream in(code);
         status = RunChunk(in, out.Stream(), GetAppName());
     }
-    // Also for a status that the code returned on its own, on purpose: then it is the last error's text, or an empty line.
+    // Also for a status that the code returned on its own, on purpose:
+    // then it is the last error's text, or an empty line.
     if (status != 0)
         WriteErrorLine(m_lua->GetErrorInfo());
     return status;

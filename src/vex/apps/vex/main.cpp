@@ -1,5 +1,5 @@
-// The process entry. Everything that must be right before the framework looks at the arguments (open descriptors 0 to 2,
-// the character set) is done by static initialisers of the core library, so that this stays one call.
+// The process entry. Everything that must be right before the framework looks at the arguments (open descriptors 0 to
+// 2, the character set) is done by static initialisers of the core library, so that this stays one call.
 
 #include "vex/apps/vex/vex.h"
 
@@ -18,8 +18,9 @@ wxAppConsole* wxCreateApp()
 // Registers the factory with the framework's entry before main begins.
 static wxAppInitializer g_appInitializer(wxCreateApp);
 
-// What the framework has to say before there is an application (an argument that it cannot convert, a locale that is not
-// installed) belongs into the log as well. It deletes this target and asks the application's traits for the next one.
+// What the framework has to say before there is an application (an argument that it cannot convert, a locale
+// that is not installed) belongs into the log as well. It deletes this target and asks the application's
+// traits for the next one.
 static const bool logsFromTheBeginning = [] {
     wxLog::SetTimestamp(LogTimestamp);
     delete wxLog::SetActiveTarget(new VexCore::CLog2Disk);

@@ -1,6 +1,6 @@
-// Start and end of OpenSSL. Written against the interface of 1.0, which asks for every step; later versions do most of them
-// by themselves and keep the calls as macros or functions without effect. Main thread at start; the thread that ends the
-// process at the end.
+// Start and end of OpenSSL. Written against the interface of 1.0, which asks for every step; later versions do most of
+// them by themselves and keep the calls as macros or functions without effect. Main thread at start; the thread that
+// ends the process at the end.
 
 #define OPENSSL_SUPPRESS_DEPRECATED 1
 

@@ -1,11 +1,12 @@
 #pragma once
-// What the file name of a package tells: prefix-plugin-platform-version-build.machine. For plugins.cpp and its test alone.
+// What the file name of a package tells: prefix-plugin-platform-version-build.machine.
+// For plugins.cpp and its test alone.
 
 #include <wx/filename.h>
 #include <wx/string.h>
 
-// The plugin's name: the second field of the base name between dashes, or all that follows the first dash when there is no
-// second, or the whole base name when there is no dash.
+// The plugin's name: the second field of the base name between dashes, or all that follows the first dash when there is
+// no second, or the whole base name when there is no dash.
 static wxString getPluginName(const wxFileName& file)
 {
     wxString name = file.GetName();
@@ -16,8 +17,8 @@ static wxString getPluginName(const wxFileName& file)
     return name.substr(0, name.find('-'));
 }
 
-// Finds the version field of a base name by peeling fields from its right: the machine behind the last dot, the build behind
-// the last dash, then the version. False when there are not enough fields to carry a version.
+// Finds the version field of a base name by peeling fields from its right: the machine behind the last dot, the build
+// behind the last dash, then the version. False when there are not enough fields to carry a version.
 static bool FindVersionField(const wxString& baseName, wxString& version)
 {
     const std::size_t machine = baseName.rfind('.');

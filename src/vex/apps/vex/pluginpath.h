@@ -22,9 +22,9 @@ static wxArrayString SplitKeepingEmpty(const wxString& text, wxUniChar separator
     return pieces;
 }
 
-// The path list with every entry repeated for each plugin, in the order of the entries first and the plugins second, and
-// "@" replaced by the plugin's name. An entry without "@" is repeated too, on purpose: templates and plain entries are not
-// told apart. Without plugins the path comes back as it is.
+// The path list with every entry repeated for each plugin, in the order of the entries first and the plugins second,
+// and "@" replaced by the plugin's name. An entry without "@" is repeated too, on purpose: templates and plain entries
+// are not told apart. Without plugins the path comes back as it is.
 static wxString ExpandPathPlugins(wxString& path, wxString& plugins)
 {
     if (plugins.empty())

@@ -1,6 +1,6 @@
-// Plugin packages and uninstall markers beside the executable: a package is unpacked and renamed, a marker's files are deleted
-// and so is the marker. Every one ends in an agent event. Script thread, before the application is loaded. How an archive is
-// read and what of it may be written is the core library's.
+// Plugin packages and uninstall markers beside the executable: a package is unpacked and renamed, a marker's files are
+// deleted and so is the marker. Every one ends in an agent event. Script thread, before the application is loaded. How
+// an archive is read and what of it may be written is the core library's.
 
 #include "vex/apps/vex/vex.h"
 
@@ -68,8 +68,8 @@ bool IsReadable(const wxString& path)
     return false;
 }
 
-// Reports a package or marker that stays because the system did not let it go. The trace before calls it deleting in both
-// cases, and so does this.
+// Reports a package or marker that stays because the system did not let it go.
+// The trace before calls it deleting in both cases, and so does this.
 void LogNotGone(const wxString& path, unsigned long systemError)
 {
     wxLogSysError(static_cast<long>(systemError), "Unable to delete %s", path);

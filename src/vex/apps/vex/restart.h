@@ -1,6 +1,6 @@
 #pragma once
-// The supervisor's rules, text and numbers in and out: how often a child may be started, how long to wait before, and what
-// the end of a child means. No clock, no process, no log.
+// The supervisor's rules, text and numbers in and out: how often a child may be started, how long to wait before, and
+// what the end of a child means. No clock, no process, no log.
 
 #include <cstdint>
 
@@ -15,8 +15,8 @@ constexpr int RestartSpanSeconds = 512;
 class RestartHistory
 {
 public:
-    /// Starts within the span that ends at `now`. The span's begin is held in 32 bits, on purpose: beyond 2038 it wraps, and then
-    /// all eight entries count.
+    /// Starts within the span that ends at `now`. The span's begin is held in 32 bits, on purpose: beyond 2038 it
+    /// wraps, and then all eight entries count.
     int CountRecent(std::int64_t now) const;
     /// Notes a start. Until `Advance` a further note replaces it.
     void NoteStart(std::int64_t now);
@@ -28,7 +28,8 @@ private:
     int m_index = 0;
 };
 
-/// How long to wait before a start that has `recent` starts within the span before it: 0 for none, else 1 s doubled with each.
+/// How long to wait before a start that has `recent` starts within the span before it:
+/// 0 for none, else 1 s doubled with each.
 long RestartDelayMs(int recent);
 
 /// What the supervisor does after a child's end.
@@ -47,8 +48,9 @@ struct ChildEnd
     int status; ///< with Return and StopDriverAndReturn
 };
 
-/// Reads a raw wait status. `signalName` is the system's name of the signal in its low seven bits, null when it has none.
-/// `stopping`: a SIGTERM has been handled, so that no further child may be started; what would be a restart ends with 0.
+/// Reads a raw wait status. `signalName` is the system's name of the signal in its low seven bits, null when
+/// it has none. `stopping`: a SIGTERM has been handled, so that no further child may be started; what would
+/// be a restart ends with 0.
 ChildEnd JudgeChildEnd(int waitStatus, const char* signalName, bool stopping);
 
 /// The signal of a raw wait status, 0 for an orderly exit.

@@ -1,6 +1,6 @@
-// The run sequence. RunScriptThread is the main thread's half: it starts the script thread, serves the main loop until the
-// status is handed back, and ends the process. Everything else here runs on the script thread. What happens inside the
-// interpreter is luahost.cpp's, what happens around the process daemon.cpp's.
+// The run sequence. RunScriptThread is the main thread's half: it starts the script thread, serves the main loop until
+// the status is handed back, and ends the process. Everything else here runs on the script thread. What happens inside
+// the interpreter is luahost.cpp's, what happens around the process daemon.cpp's.
 
 #include "vex/apps/vex/narrowtext.h"
 #include "vex/apps/vex/os/error.h"
@@ -24,8 +24,8 @@
 
 volatile std::sig_atomic_t g_last_signal = 0;
 
-// Touches g_last_signal and calls _exit, both safe wherever a signal may land. There is no clean-up on purpose: who lets
-// SIGINT or SIGTERM through to here wants the process gone.
+// Touches g_last_signal and calls _exit, both safe wherever a signal may land. There is no clean-up on purpose: who
+// lets SIGINT or SIGTERM through to here wants the process gone.
 extern "C" void VexSignalHandler(int signal)
 {
     g_last_signal = signal;
@@ -37,10 +37,11 @@ namespace {
 // How long an exception that ends the main loop lets the script thread finish before the process ends around it.
 constexpr long LastJoinMs = 10000;
 
-// Where the two threads meet. The script's body begins when the main loop turns, so that the loop and its descriptors are
-// complete by then, and the script's status travels back as an idle event of the application: exiting a loop from another
-// thread is lost when the loop does not run yet, and touches a destroyed object when it has just ended. So only the main
-// thread tells the loop to exit, and the mutex keeps it from doing so before the script thread's wake-up call is through.
+// Where the two threads meet. The script's body begins when the main loop turns, so that the loop and its descriptors
+// are complete by then, and the script's status travels back as an idle event of the application: exiting a loop from
+// another thread is lost when the loop does not run yet, and touches a destroyed object when it has just ended. So
+// only the main thread tells the loop to exit, and the mutex keeps it from doing so before the script thread's
+// wake-up call is through.
 class StatusHandBack
 {
 public:
@@ -171,7 +172,8 @@ void Install(const Disposition& disposition)
     VexOs::SetHandler(disposition.signal, disposition.handler, disposition.flags);
 }
 
-// SIGINT and SIGTERM are blocked in the middle, before the last two: a stop that comes meanwhile meets a handler or waits.
+// SIGINT and SIGTERM are blocked in the middle, before the last two:
+// a stop that comes meanwhile meets a handler or waits.
 void InstallSignalDispositions()
 {
     const Disposition first[] = {

@@ -1,6 +1,6 @@
-// From parsed options and configuration files to settings in the domain and members that steer the run. Main thread, once,
-// before any other thread exists. The order is part of the design: the working folder gives the configuration file's path,
-// the file gives settings, and what is written later wins over a free variable of the same name.
+// From parsed options and configuration files to settings in the domain and members that steer the run. Main thread,
+// once, before any other thread exists. The order is part of the design: the working folder gives the configuration
+// file's path, the file gives settings, and what is written later wins over a free variable of the same name.
 
 #include "vex/apps/vex/vex.h"
 
@@ -41,8 +41,8 @@ bool MakeFolder(const wxString& folder, bool isParent)
     return !isParent || wxIsExecutable(folder) || wxFileName::DirName(folder).SetPermissions(ownerDoesAll);
 }
 
-// Makes the folder and its missing parents, without the search bit: nobody looks into the new folder before its rights are
-// settled. Says nothing when that fails: it shows when files are written there.
+// Makes the folder and its missing parents, without the search bit: nobody looks into the new folder before its rights
+// are settled. Says nothing when that fails: it shows when files are written there.
 void MakeWorkFolder(const wxString& folder)
 {
     const wxLogNull silence;
@@ -146,8 +146,8 @@ bool IsTooLarge(const wxString& file)
     return false;
 }
 
-// While it lives, the first lines pass to the log and the others are counted: the framework writes one for each line of a file that
-// it cannot make sense of, and a file of rubbish has thousands.
+// While it lives, the first lines pass to the log and the others are counted: the framework writes one for each line of
+// a file that it cannot make sense of, and a file of rubbish has thousands.
 class FirstLines : public wxLog
 {
 public:

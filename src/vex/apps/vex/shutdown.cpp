@@ -1,14 +1,14 @@
 // The end of a process, the mirror of start-up; and the report of an exception that nobody caught.
 //
-//   process                                how it ends                                                   status
-//   foreground, named "vx_agent"           main loop ends after the hand-back, join, clean-up, exit      the script's
-//   foreground, other name                 the script thread cleans up and exits                         the script's
-//   background child                       main loop ends after the hand-back, join, clean-up, exit      the script's
-//   supervisor                             OnRun returns, OnExit, the framework destroys the object      the supervisor's
-//   SIGINT or SIGTERM in VexSignalHandler  _exit: no banner, no clean-up                                 0
+//   process                                how it ends                                                status
+//   foreground, named "vx_agent"           main loop ends after the hand-back, join, clean-up, exit   the script's
+//   foreground, other name                 the script thread cleans up and exits                      the script's
+//   background child                       main loop ends after the hand-back, join, clean-up, exit   the script's
+//   supervisor                             OnRun returns, OnExit, the framework destroys the object   the supervisor's
+//   SIGINT or SIGTERM in VexSignalHandler  _exit: no banner, no clean-up                              0
 //
-// The clean-up is reached from the script thread, from the main thread and from the destructor; one thread a process calls
-// it (run.cpp), and it works once.
+// The clean-up is reached from the script thread, from the main thread and from the destructor; one thread a process
+// calls it (run.cpp), and it works once.
 
 #include "vex/apps/vex/vex.h"
 
@@ -91,8 +91,8 @@ CAgentApp::~CAgentApp()
     TerminationCleanup();
 }
 
-// Writes trace lines and nothing else: untraced, the exception ends the process without a word, on purpose. The end itself is
-// the framework's.
+// Writes trace lines and nothing else: untraced, the exception ends the process without a word, on purpose.
+// The end itself is the framework's.
 void CAgentApp::OnUnhandledException()
 {
     VEX_TRACE("OnUnhandledException", "OnUnhandledException()");

@@ -1,6 +1,7 @@
 #pragma once
-// The version of the agent, and the one place where it stands: banners, packages and extensions are compared with it, and the build,
-// package names and tests read it here. The build does so line by line, so each number keeps a line of its own.
+// The version of the agent, and the one place where it stands: banners, packages and extensions are compared
+// with it, and the build, package names and tests read it here. The build does so line by line, so each number
+// keeps a line of its own.
 
 #define VEX_VERSION_MAJOR 10
 #define VEX_VERSION_MINOR 0

@@ -1,5 +1,5 @@
-// Reads version files: bytes become characters, characters a state of the one line that counts. What the numbers mean for an
-// extension is decided in zippath.cpp.
+// Reads version files: bytes become characters, characters a state of the one line that counts. What the numbers mean
+// for an extension is decided in zippath.cpp.
 
 #include "vex/apps/vex/version_file.h"
 
@@ -12,8 +12,8 @@
 #include <wx/stream.h>
 
 namespace {
-// Takes a version file apart as it comes in, so that neither the length of the file nor that of a line matters. Finds the first
-// line that begins with "version:" and reads four numbers behind it as the scan format "%d.%d.%d-%d" would.
+// Takes a version file apart as it comes in, so that neither the length of the file nor that of a line matters. Finds
+// the first line that begins with "version:" and reads four numbers behind it as the scan format "%d.%d.%d-%d" would.
 class VersionLine
 {
 public:
@@ -118,8 +118,8 @@ FileVersion VersionLine::Finish()
     return m_result;
 }
 
-// Turns bytes into characters as far as a version line needs it: the width of a character and the order of its bytes come from
-// the mark at the start. Without a mark every byte stands for itself, which is right for all that is ASCII.
+// Turns bytes into characters as far as a version line needs it: the width of a character and the order of its bytes
+// come from the mark at the start. Without a mark every byte stands for itself, which is right for all that is ASCII.
 class Characters
 {
 public:

@@ -1,5 +1,6 @@
 #pragma once
-// What the version file beside an extension says. Bytes in, numbers out: nothing is logged and nothing else is looked at.
+// What the version file beside an extension says. Bytes in, numbers out:
+// nothing is logged and nothing else is looked at.
 
 class wxInputStream;
 
@@ -16,6 +17,6 @@ struct FileVersion
     int numbers[4] = {}; ///< major, minor, patch and build of a well-formed line
 };
 
-/// Reads the file in pieces of fixed size and no further than the answer needs: what lies behind 256 MiB is not looked at. UTF-16
-/// and UTF-32 are known by their mark; without one every byte stands for itself. Any thread.
+/// Reads the file in pieces of fixed size and no further than the answer needs: what lies behind 256 MiB is not looked
+/// at. UTF-16 and UTF-32 are known by their mark; without one every byte stands for itself. Any thread.
 FileVersion ReadVersionFile(wxInputStream& stream);

@@ -1,5 +1,5 @@
-// Construction and start-up: what must be right before anything else of the launcher runs. Main thread, before any other
-// thread exists. The options and what becomes of them are in cmdline.cpp and settings.cpp.
+// Construction and start-up: what must be right before anything else of the launcher runs. Main thread, before any
+// other thread exists. The options and what becomes of them are in cmdline.cpp and settings.cpp.
 
 #include "vex/apps/vex/vex.h"
 
@@ -17,8 +17,9 @@
 const char* const CAgentApp::s_Trace = "Appl";
 
 namespace {
-// Finds the framework's own message catalogue. Its standard loader looks into every folder of the system's locale tree to
-// learn which languages there are, which is half of the system calls of a start; only the user's language is of use here.
+// Finds the framework's own message catalogue. Its standard loader looks into every folder of the system's
+// locale tree to learn which languages there are, which is half of the system calls of a start; only the user's
+// language is of use here.
 class OneLanguageLoader : public wxFileTranslationsLoader
 {
 public:

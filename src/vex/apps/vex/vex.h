@@ -64,7 +64,8 @@ public:
     /// Starts the script thread, runs the main loop until the status is handed back, joins, cleans up and ends the
     /// process with the status. Main thread. Never returns.
     [[noreturn]] void RunScriptThread();
-    /// The whole sequence; its result is the script's status: 0 success, else a Lua failure status or what Lua returned.
+    /// The whole sequence; its result is the script's status:
+    /// 0 success, else a Lua failure status or what Lua returned.
     int OnRunScript();
     int RunAppInit();
     int RunAppInteractively();

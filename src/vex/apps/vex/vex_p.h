@@ -14,8 +14,8 @@
 // The time at the head of a log line.
 constexpr char LogTimestamp[] = "%Y-%m-%d %H:%M:%S";
 
-// A trace line of the launcher. Its arguments are formatted only when the module is traced. The source file is one fixed
-// text, so that lines of different builds compare equal.
+// A trace line of the launcher. Its arguments are formatted only when the module is traced. The source file is one
+// fixed text, so that lines of different builds compare equal.
 #define VEX_TRACE(function, ...)                                                                                       \
     do {                                                                                                               \
         if (VexCore::LogTraceIsEnabled(CAgentApp::s_Trace))                                                            \

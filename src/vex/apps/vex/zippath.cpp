@@ -1,6 +1,6 @@
-// The list of Lua archives: core archives, those that the command line names, and the extensions whose version file fits. Script
-// thread, once, before the interpreter exists. What a version file says is read in version_file.cpp; how the archives are
-// searched is the core library's.
+// The list of Lua archives: core archives, those that the command line names, and the extensions whose version file
+// fits. Script thread, once, before the interpreter exists. What a version file says is read in version_file.cpp; how
+// the archives are searched is the core library's.
 
 #include "vex/apps/vex/vex.h"
 
@@ -44,8 +44,8 @@ void AppendCoreArchives(wxString& list, const wxString& bin, const wxString& app
         append("vex");
 }
 
-// Whether a listing of the folder would show a file of exactly this name. Thousands of named archives in one large folder would take
-// a listing each.
+// Whether a listing of the folder would show a file of exactly this name.
+// Thousands of named archives in one large folder would take a listing each.
 bool IsListed(const wxFileName& file)
 {
     const wxString path = file.GetFullPath();
@@ -53,7 +53,8 @@ bool IsListed(const wxFileName& file)
            && !wxDirExists(path);
 }
 
-// Files of the pattern's folder that match its file part, by full path in ascending order. An empty file part matches all.
+// Files of the pattern's folder that match its file part, by full path in ascending order.
+// An empty file part matches all.
 wxArrayString FindArchives(const wxFileName& pattern)
 {
     const wxString folder = pattern.GetPath(wxPATH_GET_VOLUME);

@@ -24,7 +24,8 @@ using Environment = std::map<std::string, std::string>;
 const char* const localeVariables[] = {"LANG",    "LC_ALL",     "LC_CTYPE",    "LC_NUMERIC", "LC_MESSAGES",
                                        "LC_TIME", "LC_COLLATE", "LC_MONETARY", "LANGUAGE"};
 
-// Settles the locale in a child that was started with this environment, as before `main`, and answers what `check` says.
+// Settles the locale in a child that was started with this environment, as before `main`, and
+// answers what `check` says.
 int InChildWith(const Environment& environment, int (*check)())
 {
     const auto body = [&] {

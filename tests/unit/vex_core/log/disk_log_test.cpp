@@ -823,8 +823,8 @@ int WriteNumbered(const std::string& path, const DiskLog::Settings& settings, Pr
     return 0;
 }
 
-// Moves the files that were rotated out of the way into a folder, as rotation may: under its lock. A rotation renames each
-// file that is there, and with a thousand of them the writers would outrun it.
+// Moves the files that were rotated out of the way into a folder, as rotation may: under its lock. A rotation renames
+// each file that is there, and with a thousand of them the writers would outrun it.
 void CollectRotated(const std::string& path, const std::string& folder, int& collected)
 {
     const int lock = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);

@@ -112,8 +112,8 @@ TEST_F(IndexedArchive, AFileOfTheSamePlaceAndLengthIsAnotherArchiveByItsTime)
     EXPECT_NE(second, first);
     EXPECT_NE(second->DirectorySha256(), first->DirectorySha256());
 
-    // A copy that keeps the time of the file's content leaves a trace in the other one, which nobody can set. The clock of
-    // the file system ticks some hundred times a second.
+    // A copy that keeps the time of the file's content leaves a trace in the other one, which nobody can set. The clock
+    // of the file system ticks some hundred times a second.
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     ::Test::WriteFile(path, OneModule("return 3"));
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);

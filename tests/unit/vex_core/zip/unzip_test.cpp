@@ -1,5 +1,5 @@
-// Unzip against real folders: what ends where, what a broken archive or destination changes (nothing), and what every failing
-// call and every kind of race leaves behind.
+// Unzip against real folders: what ends where, what a broken archive or destination changes (nothing), and what every
+// failing call and every kind of race leaves behind.
 #include "support/joining_thread.h"
 #include "support/process_guards.h"
 #include "support/sanitized.h"
@@ -1032,7 +1032,8 @@ TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
         const bool done = Run();
         ::_exit(!done ? 1 : peakKiB() - before > 8 * 1024 ? 2 : 0);
     };
-    // In a process of its own: the peak of this one has seen the archive being built. A child begins with what is resident now.
+    // In a process of its own: the peak of this one has seen the archive being built.
+    // A child begins with what is resident now.
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0)

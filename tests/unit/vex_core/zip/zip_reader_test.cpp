@@ -1,4 +1,5 @@
-// The reader against archives built for each rule: what is refused says which entry and why, what is valid is read whole.
+// The reader against archives built for each rule:
+// what is refused says which entry and why, what is valid is read whole.
 #include "vex_core/zip/zip_names.h"
 #include "vex_core/zip/zip_reader.h"
 

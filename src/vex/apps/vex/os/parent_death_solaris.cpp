@@ -1,5 +1,5 @@
-// There is no parent-death signal here. The supervisor keeps the writing end of a pipe and never writes; a thread of the child
-// reads until the end of the pipe says that the supervisor is gone.
+// There is no parent-death signal here. The supervisor keeps the writing end of a pipe and never writes; a thread of
+// the child reads until the end of the pipe says that the supervisor is gone.
 
 #include "vex/apps/vex/os/process.h"
 

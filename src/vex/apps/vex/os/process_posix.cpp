@@ -70,9 +70,10 @@ int OpenLockFile(const char* path)
     return descriptor;
 }
 
-// Two locks in one file. The instance lock belongs to the open file (flock), so that it survives the forks of the detach; each
-// working child closes it. The worker lock belongs to the process (fcntl), so that a child holds it from its first moment to
-// its end, whatever it forks; that kind is lost when a process closes any descriptor of the file, hence the order below.
+// Two locks in one file. The instance lock belongs to the open file (flock), so that it survives the forks of the
+// detach; each working child closes it. The worker lock belongs to the process (fcntl), so that a child holds it from
+// its first moment to its end, whatever it forks; that kind is lost when a process closes any descriptor of the file,
+// hence the order below.
 class PosixSystemCalls : public SystemCalls
 {
 public:
