@@ -57,7 +57,7 @@ DEFAULTS = {
                    "vex.CollectInterval", "vex.HeartbeatInterval", "vex.HeartbeatKeepDays", "vex.HeartbeatKeepRows")},
     "sqlite.config.busy_timeout": ("src/vex_core/database/sqlite_connection.h", r"busyTimeoutMs = (\d+);"),
     "sqlite.config.synchronous": ("src/vex_core/database/sqlite_connection.h",
-                                  r"fullSynchronous = (\d+);(?s:.*)synchronous = fullSynchronous;"),
+                                  r"fullSynchronous = (\d+);[^}]* synchronous = fullSynchronous;"),
     "trend.Disk": ("lua/plugins/trend/plugin.lua", r'"trend.Disk", "([^"]*)"'),
     "trend.KeepDays": ("lua/plugins/trend/plugin.lua", r'"trend.KeepDays", (\d+)'),
 }
