@@ -1,3 +1,7 @@
+// How a record gets to the file, and a full file out of the way, among processes that do the same: nobody owns the
+// file, so each looks where the name leads before it writes, and a lock of its own keeps two from rotating at once. On
+// the threads that log, under one lock. Nothing here logs: troubles go to standard error or are records of its own.
+
 #include "vex_core/log/disk_log.h"
 
 #include "vex_core/os/error.h"

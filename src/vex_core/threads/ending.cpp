@@ -1,3 +1,6 @@
+// The table of stretches, which the compiler holds to the order of the steps; the steps that are about streams; and the
+// hook by which `exit` comes here. Runs on whichever thread ends the process. What a step does is its owner's.
+
 #include "vex_core/threads/ending.h"
 
 #include "vex_core/os/exit.h"
