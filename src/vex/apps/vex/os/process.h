@@ -1,6 +1,6 @@
 #pragma once
-// The doorway to the system calls by which the launcher makes, watches and ends processes. Tests put another object behind
-// it, so that the supervisor is tested without a fork.
+// The doorway to the system calls by which the launcher makes, watches and ends processes. Tests put another object
+// behind it, so that the supervisor is tested without a fork.
 
 #include <cstdint>
 #include <cstdlib>
@@ -22,8 +22,8 @@ enum class ELock {
     Unavailable, ///< the file cannot be made or locked; error.h says why
 };
 
-/// One process is behind it, so there is one object. Main thread; the calls under "from a signal handler" are safe there.
-/// Calls that fail leave the reason in error.h.
+/// One process is behind it, so there is one object. Main thread; the calls under "from a signal handler" are safe
+/// there. Calls that fail leave the reason in error.h.
 class SystemCalls
 {
 public:
@@ -40,8 +40,8 @@ public:
     virtual void SleepMs(long delayMs) = 0;
 
     // --- making processes
-    /// 0 in the child, the child's id in the parent, -1 on failure. What standard output holds is written out first, so that
-    /// it is not written twice.
+    /// 0 in the child, the child's id in the parent, -1 on failure. What standard output holds is written out first,
+    /// so that it is not written twice.
     virtual pid_t Fork() = 0;
     /// The same for the first child of a start, which can tell that this process has ended.
     virtual pid_t ForkFirstChild() = 0;
@@ -56,8 +56,8 @@ public:
     virtual void ChangeFolder(const char* path) = 0;
     /// Standard input, output and error go to /dev/null.
     virtual void StreamsToNull() = 0;
-    /// Files made from here on are not writable for group and others, and the owner keeps all rights. Stricter masks for
-    /// group and others stay.
+    /// Files made from here on are not writable for group and others, and the owner keeps all rights. Stricter masks
+    /// for group and others stay.
     virtual void TightenFileMode() = 0;
     /// As `waitpid` without options.
     virtual pid_t Wait(pid_t child, int& status) = 0;
@@ -71,15 +71,15 @@ public:
     // --- signals
     /// Whether a process may be sent signals; -1 with the reason, as `kill` with signal 0.
     virtual int Ask(pid_t process) = 0;
-    /// Default disposition for SIGTERM and SIGCHLD, and a mask that holds SIGTERM alone: what the starter of this process
-    /// left in them must not reach the supervisor. SIGHUP is ignored until `NewSession`: a starting process that leads its
-    /// terminal's session brings it upon its child when it ends.
+    /// Default disposition for SIGTERM and SIGCHLD, and a mask that holds SIGTERM alone: what the starter of this
+    /// process left in them must not reach the supervisor. SIGHUP is ignored until `NewSession`: a starting process
+    /// that leads its terminal's session brings it upon its child when it ends.
     virtual void ResetSignals() = 0;
     virtual void BlockTerm() = 0;
     virtual void UnblockTerm() = 0;
     virtual void BlockChild() = 0;
-    /// Sends SIGTERM to `process` when one is pending here that did not come from it: the supervisor's own group-wide one finds
-    /// the first child alive at times.
+    /// Sends SIGTERM to `process` when one is pending here that did not come from it: the supervisor's own group-wide
+    /// one finds the first child alive at times.
     virtual void PassTermOn(pid_t process) = 0;
     /// Installs `handler` for SIGTERM with SA_SIGINFO and SIGTERM in its mask; null is the default disposition.
     virtual void HandleTerm(VexSignalAction handler) = 0;
@@ -100,11 +100,11 @@ public:
 
     // --- files
     virtual bool IsExecutable(const char* path) = 0;
-    /// Takes the lock in the file at `path`, which is made and stays. It is kept across `Fork`, and given up by a working child,
-    /// by `ReleaseInstanceLock`, and with the last process that has it.
+    /// Takes the lock in the file at `path`, which is made and stays. It is kept across `Fork`, and given up by a
+    /// working child, by `ReleaseInstanceLock`, and with the last process that has it.
     virtual ELock TakeInstanceLock(const char* path) = 0;
-    /// The working child of another supervisor under the same lock file that has not ended yet; 0 when there is none. The id
-    /// may be -1 when the process is out of sight.
+    /// The working child of another supervisor under the same lock file that has not ended yet; 0 when there is none.
+    /// The id may be -1 when the process is out of sight.
     virtual pid_t FindOtherWorker() = 0;
     /// Waits until there is none. Signals are taken meanwhile.
     virtual void WaitForOtherWorker() = 0;

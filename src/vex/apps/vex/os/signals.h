@@ -1,5 +1,6 @@
 #pragma once
-// The doorway to the signals of this process, for the thread that serves the application. (The supervisor's are in process.h.)
+// The doorway to the signals of this process, for the thread that serves the application. (The supervisor's are in
+// process.h.)
 
 #include <csignal>
 
