@@ -25,10 +25,10 @@ constexpr int rounds = 2000000;
 template <typename Body>
 double NanosecondsPerRound(int threads, Body body)
 {
-    using clock = std::chrono::steady_clock;
+    using Clock = std::chrono::steady_clock;
     double best = 1e9;
     for (int run = 0; run < 3; ++run) {
-        const clock::time_point begin = clock::now();
+        const Clock::time_point begin = Clock::now();
         std::vector<std::thread> workers;
         for (int i = 0; i < threads; ++i)
             workers.emplace_back([&body] {
@@ -37,7 +37,7 @@ double NanosecondsPerRound(int threads, Body body)
             });
         for (std::thread& worker : workers)
             worker.join();
-        best = std::min(best, std::chrono::duration<double, std::nano>(clock::now() - begin).count() / rounds);
+        best = std::min(best, std::chrono::duration<double, std::nano>(Clock::now() - begin).count() / rounds);
     }
     return best;
 }

@@ -20,14 +20,14 @@ __attribute__((noinline)) bool Nothing(const char* text)
 template <typename Ask>
 double NanosecondsPerCall(Ask ask)
 {
-    using clock = std::chrono::steady_clock;
+    using Clock = std::chrono::steady_clock;
     constexpr int rounds = 20000000;
     double best = 1e9;
     for (int run = 0; run < 5; ++run) {
-        const clock::time_point begin = clock::now();
+        const Clock::time_point begin = Clock::now();
         for (int i = 0; i < rounds; ++i)
             benchmark::DoNotOptimize(ask("Appl"));
-        best = std::min(best, std::chrono::duration<double, std::nano>(clock::now() - begin).count() / rounds);
+        best = std::min(best, std::chrono::duration<double, std::nano>(Clock::now() - begin).count() / rounds);
     }
     return best;
 }

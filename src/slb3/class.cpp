@@ -4,7 +4,7 @@ namespace SLB3::internal {
 
 namespace {
 // Registry table: metatable -> userdata with a ClassEntry.
-constexpr const char* ClassesName = "SLB3.classes";
+constexpr const char* classesName = "SLB3.classes";
 
 struct ClassEntry
 {
@@ -17,7 +17,7 @@ struct ClassEntry
 ClassEntry* FindEntry(lua_State* L, int index)
 {
     index = lua_absindex(L, index);
-    luaL_getsubtable(L, LUA_REGISTRYINDEX, ClassesName);
+    luaL_getsubtable(L, LUA_REGISTRYINDEX, classesName);
     lua_pushvalue(L, index);
     lua_rawget(L, -2);
     auto* entry = static_cast<ClassEntry*>(lua_touserdata(L, -1));
@@ -30,7 +30,7 @@ ClassEntry* FindEntry(lua_State* L, int index)
 void OnClassDefinitionBegins(lua_State* L, int index)
 {
     index = lua_absindex(L, index);
-    luaL_getsubtable(L, LUA_REGISTRYINDEX, ClassesName);
+    luaL_getsubtable(L, LUA_REGISTRYINDEX, classesName);
     lua_pushvalue(L, index);
     auto* entry = static_cast<ClassEntry*>(lua_newuserdata(L, sizeof(ClassEntry)));
     *entry = ClassEntry{};

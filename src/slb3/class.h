@@ -15,12 +15,12 @@ namespace internal {
 /// What the binder notes about a defined class.
 struct ClassInfo
 {
-    int typeCode; ///< TypeCodeClass
+    int typeCode; ///< typeCodeClass
     const char* name; ///< constant text
     int argumentCount; ///< of a constructor that Lua may call; 0: there is none
 };
 
-constexpr int TypeCodeClass = 3;
+constexpr int typeCodeClass = 3;
 
 /// Announces that the class of the metatable at `index` is being defined.
 /// Until `OnClassDefinitionEnds` it counts as unfinished.
@@ -46,14 +46,14 @@ template <class T>
 class Class
 {
 public:
-    Class(lua_State* L, int metatable) : L_(L), meta_(lua_absindex(L, metatable))
+    Class(lua_State* L, int metatable) : m_L(L), meta_(lua_absindex(L, metatable))
     {
         assert(lua_istable(L, meta_) && "Invalid metatable");
         const int top = lua_gettop(L);
         const Namespace classTable(L, Wrapper<T>::name);
         OnClassDefinitionBegins(L, meta_);
         FillMetatable(L, meta_, classTable, Wrapper<T>::name, &Collect);
-        RegisterInfoClass(L, meta_, ClassInfo{TypeCodeClass, Wrapper<T>::name, 0});
+        RegisterInfoClass(L, meta_, ClassInfo{typeCodeClass, Wrapper<T>::name, 0});
         assert(top == lua_gettop(L) && "screwed stack at class creation");
         (void)top;
     }
@@ -63,7 +63,7 @@ public:
     template <auto member>
     Class& Method(const char* name)
     {
-        AddMethod(L_, meta_, name, &Invoke<T, member>);
+        AddMethod(m_L, meta_, name, &Invoke<T, member>);
         return *this;
     }
 
@@ -73,13 +73,13 @@ private:
         return Guard(L, [L] {
             // Lua code can reach this function through the metatable and call it with anything, also twice.
             if (lua_type(L, 1) == LUA_TUSERDATA && lua_getmetatable(L, 1)
-                && lua_rawequal(L, -1, lua_upvalueindex(UpvalueMetatable)))
+                && lua_rawequal(L, -1, lua_upvalueindex(upvalueMetatable)))
                 Destroy<T>(*static_cast<ObjectRecord*>(lua_touserdata(L, 1)));
             return 0;
         });
     }
 
-    lua_State* L_;
+    lua_State* m_L;
     int meta_;
 };
 
@@ -125,7 +125,7 @@ void SetGlobalReference(lua_State* L, std::initializer_list<const char*> names, 
 template <class T, class... Arguments>
 T& PushValue(lua_State* L, Arguments&&... arguments)
 {
-    static_assert(alignof(T) <= internal::ValueAlignment, "Lua does not align userdata that far");
+    static_assert(alignof(T) <= internal::valueAlignment, "Lua does not align userdata that far");
     PushMetatable<T>(L);
     internal::ObjectRecord* record = internal::PushRecord(L, internal::StorageNone, internal::PolicyReference,
                                                           Wrapper<T>::name, &internal::Unpack<T>, nullptr, sizeof(T));

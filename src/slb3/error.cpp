@@ -12,10 +12,10 @@ namespace {
 // "Class:Method" of the running closure, on the stack.
 const char* PushMethodName(lua_State* L)
 {
-    lua_getfield(L, lua_upvalueindex(UpvalueMetatable), "__class");
+    lua_getfield(L, lua_upvalueindex(upvalueMetatable), "__class");
     const char* className = lua_tostring(L, -1);
     return lua_pushfstring(L, "%s:%s", className ? className : "?",
-                           lua_tostring(L, lua_upvalueindex(UpvalueMethodName)));
+                           lua_tostring(L, lua_upvalueindex(upvalueMethodName)));
 }
 
 // The type of a value; for objects the name of their class. May push.
@@ -29,7 +29,7 @@ const char* TypeGot(lua_State* L, int index)
 }
 
 // What Lua throws is a pointer to a type that its headers do not show.
-constexpr const char* LuaErrorTypeName = "P11lua_longjmp";
+constexpr const char* luaErrorTypeName = "P11lua_longjmp";
 
 } // namespace
 
@@ -46,7 +46,7 @@ void RaiseReceiverError(lua_State* L)
 {
     luaL_checkstack(L, 8, "argument error");
     const char* got = TypeGot(L, 1);
-    lua_getfield(L, lua_upvalueindex(UpvalueMetatable), "__class");
+    lua_getfield(L, lua_upvalueindex(upvalueMetatable), "__class");
     const char* wanted = lua_tostring(L, -1);
     if (got && wanted && std::strcmp(got, wanted) == 0)
         luaL_error(L, "bad argument #0 (self) to '%s' (%s expected, got one that was collected)", PushMethodName(L),
@@ -62,10 +62,10 @@ void RaiseText(lua_State* L, const char* text)
     std::terminate();
 }
 
-bool DescribeException(char (&text)[ExceptionTextBytes]) noexcept
+bool DescribeException(char (&text)[exceptionTextBytes]) noexcept
 {
     const std::type_info* type = abi::__cxa_current_exception_type();
-    if (!type || std::strcmp(type->name(), LuaErrorTypeName) == 0)
+    if (!type || std::strcmp(type->name(), luaErrorTypeName) == 0)
         return false;
     try {
         throw;

@@ -9,8 +9,8 @@
 namespace SLB3::internal {
 
 // A bound method is a closure with these upvalues.
-constexpr int UpvalueMetatable = 1; ///< of its class: the receiver's must be the same
-constexpr int UpvalueMethodName = 2;
+constexpr int upvalueMetatable = 1; ///< of its class: the receiver's must be the same
+constexpr int upvalueMethodName = 2;
 
 /// Raises "bad argument #P to 'Class:Method' (WANTED expected, got GOT)" for the value at a stack index of
 /// the running method; the receiver is index 1, so the first argument, #1, is index 2. Without `got` it is
@@ -23,18 +23,18 @@ constexpr int UpvalueMethodName = 2;
 /// Raises `text` with the place of the calling Lua code in front.
 [[noreturn]] SLB3_API void RaiseText(lua_State* L, const char* text);
 
-constexpr std::size_t ExceptionTextBytes = 512;
+constexpr std::size_t exceptionTextBytes = 512;
 
 /// Writes the text of the exception that is being handled, cut to the buffer. False when it is none to
 /// translate: Lua's own error, which is an exception in a Lua that was built as C++, or the unwinding of a
 /// thread that is being cancelled. Those go on.
-SLB3_API bool DescribeException(char (&text)[ExceptionTextBytes]) noexcept;
+SLB3_API bool DescribeException(char (&text)[exceptionTextBytes]) noexcept;
 
 /// Runs `body` and turns an exception that leaves it into a Lua error with its text.
 template <class Body>
 int Guard(lua_State* L, Body body)
 {
-    char text[ExceptionTextBytes];
+    char text[exceptionTextBytes];
     try {
         return body();
     } catch (...) {

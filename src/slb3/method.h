@@ -17,7 +17,7 @@ template <class T>
 inline T& Receiver(lua_State* L)
 {
     if (lua_type(L, 1) == LUA_TUSERDATA && lua_getmetatable(L, 1)) {
-        const bool isOurs = lua_rawequal(L, -1, lua_upvalueindex(UpvalueMetatable)) != 0;
+        const bool isOurs = lua_rawequal(L, -1, lua_upvalueindex(upvalueMetatable)) != 0;
         lua_pop(L, 1);
         if (isOurs) {
             if (void* object = Unpack<T>(*static_cast<const ObjectRecord*>(lua_touserdata(L, 1))))

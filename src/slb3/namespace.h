@@ -15,7 +15,7 @@ public:
     Namespace(lua_State* L, const char* name);
 
     /// Where the registry keeps all of them.
-    static const char* const RegistryName;
+    static const char* const registryName;
 };
 
 } // namespace SLB3

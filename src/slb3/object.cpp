@@ -9,7 +9,7 @@ ObjectRecord* PushRecord(lua_State* L, StorageKind kind, OwnershipPolicy policy,
 {
     const ParentConversion* parents = GetParentsConversionArray(L, className);
     auto* record = static_cast<ObjectRecord*>(lua_newuserdata(L, sizeof(ObjectRecord) + extraBytes));
-    record->flags = kind | policy << PolicyShift;
+    record->flags = kind | policy << policyShift;
     record->className = className;
     record->unpack = unpack;
     record->parents = parents;

@@ -29,8 +29,8 @@ enum OwnershipPolicy : std::uint32_t {
     PolicyOwned = 1, ///< Lua, with `delete`, when the userdata is collected
 };
 
-constexpr std::uint32_t StorageMask = 3;
-constexpr unsigned PolicyShift = 2;
+constexpr std::uint32_t storageMask = 3;
+constexpr unsigned policyShift = 2;
 
 /// A step from a class to one of its parents. Arrays of them end with an entry without a name.
 struct ParentConversion
@@ -45,14 +45,14 @@ using UnpackFunction = void* (*)(const ObjectRecord& record);
 
 struct ObjectRecord
 {
-    std::uint32_t flags; ///< StorageKind, and OwnershipPolicy << PolicyShift
+    std::uint32_t flags; ///< StorageKind, and OwnershipPolicy << policyShift
     const char* className; ///< constant text
     UnpackFunction unpack;
     const ParentConversion* parents; ///< what `GetParentsConversionArray` gave
     void* pointer;
 
-    StorageKind Kind() const { return static_cast<StorageKind>(flags & StorageMask); }
-    OwnershipPolicy Policy() const { return static_cast<OwnershipPolicy>(flags >> PolicyShift); }
+    StorageKind Kind() const { return static_cast<StorageKind>(flags & storageMask); }
+    OwnershipPolicy Policy() const { return static_cast<OwnershipPolicy>(flags >> policyShift); }
 };
 
 /// The conversions of the class's parents, for records of its objects. Never null; a class without parents,
@@ -64,7 +64,7 @@ SLB3_API ObjectRecord* PushRecord(lua_State* L, StorageKind kind, OwnershipPolic
                                   UnpackFunction unpack, void* object, std::size_t extraBytes);
 
 /// What a value in a userdata may ask for: Lua aligns its blocks for a pointer or a double, not for more.
-constexpr std::size_t ValueAlignment = alignof(double) > alignof(void*) ? alignof(double) : alignof(void*);
+constexpr std::size_t valueAlignment = alignof(double) > alignof(void*) ? alignof(double) : alignof(void*);
 
 template <class T>
 void* Unpack(const ObjectRecord& record)

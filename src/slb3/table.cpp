@@ -4,7 +4,7 @@
 
 void SLB3::Table::push() const
 {
-    lua_getfield(L_, LUA_REGISTRYINDEX, Namespace::RegistryName);
-    lua_getfield(L_, -1, name_);
-    lua_remove(L_, -2);
+    lua_getfield(m_L, LUA_REGISTRYINDEX, Namespace::registryName);
+    lua_getfield(m_L, -1, m_name);
+    lua_remove(m_L, -2);
 }

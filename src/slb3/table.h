@@ -13,10 +13,10 @@ public:
     void push() const;
 
 protected:
-    Table(lua_State* L, const char* name) : L_(L), name_(name) {}
+    Table(lua_State* L, const char* name) : m_L(L), m_name(name) {}
 
-    lua_State* L_;
-    const char* name_; // constant text
+    lua_State* m_L;
+    const char* m_name; // constant text
 };
 
 } // namespace SLB3

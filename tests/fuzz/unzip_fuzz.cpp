@@ -49,21 +49,21 @@ void CheckTree(const std::string& root)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static World world;
-    static std::string root = world.folder / "root";
-    static const std::string archive = world.folder / "x.vxp";
-    fs::remove_all(root);
-    fs::create_directory(root);
+    static World s_world;
+    static std::string s_root = s_world.folder / "root";
+    static const std::string archive = s_world.folder / "x.vxp";
+    fs::remove_all(s_root);
+    fs::create_directory(s_root);
     Test::WriteFile(archive, Test::ArchiveFromRecipe(data, size));
     const wxFileName file(wxString::FromUTF8(archive));
-    const wxFileName folder = wxFileName::DirName(wxString::FromUTF8(root));
-    const bool first = VexCore::Unzip(file, folder, Answer, &root);
-    CheckTree(root);
-    Require(VexCore::Unzip(file, folder, Answer, &root) == first); // over its own files it fares alike
-    CheckTree(root);
+    const wxFileName folder = wxFileName::DirName(wxString::FromUTF8(s_root));
+    const bool first = VexCore::Unzip(file, folder, Answer, &s_root);
+    CheckTree(s_root);
+    Require(VexCore::Unzip(file, folder, Answer, &s_root) == first); // over its own files it fares alike
+    CheckTree(s_root);
     std::size_t beside = 0;
-    for (const auto& item : fs::directory_iterator(world.folder.Path()))
-        beside += item.path() != root && item.path() != archive;
+    for (const auto& item : fs::directory_iterator(s_world.folder.Path()))
+        beside += item.path() != s_root && item.path() != archive;
     Require(beside == 0);
     return 0;
 }

@@ -31,11 +31,11 @@ FileVersion Numbers(const std::string& rest)
 {
     const char* at = rest.c_str();
     FileVersion version;
-    version.line = FileVersion::ELine::Malformed;
+    version.line = FileVersion::LineKind::Malformed;
     for (int i = 0; i < 4; ++i)
         if ((i > 0 && *at++ != "..-"[i - 1]) || !ReadNumber(at, version.numbers[i]))
             return version;
-    version.line = FileVersion::ELine::WellFormed;
+    version.line = FileVersion::LineKind::WellFormed;
     return version;
 }
 
@@ -70,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     if (version.line != plain.line)
         std::abort();
-    if (version.line == FileVersion::ELine::WellFormed
+    if (version.line == FileVersion::LineKind::WellFormed
         && !std::equal(version.numbers, version.numbers + 4, plain.numbers))
         std::abort();
     return 0;

@@ -28,8 +28,8 @@ public:
 private:
     static CallWatch*& Current()
     {
-        static CallWatch* current = nullptr;
-        return current;
+        static CallWatch* s_current = nullptr;
+        return s_current;
     }
     static int Ask(const VexCore::os::Call& call) { return Current()->m_answer(call); }
 

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 namespace Arrange {
-using FakeCore::answers;
+using FakeCore::Answers;
 
 void Start()
 {
@@ -22,36 +22,36 @@ void Archive(const std::string& path, const std::vector<std::string>& names)
     std::vector<FakeCore::Entry> entries;
     for (const std::string& name : names)
         entries.push_back({name, static_cast<std::int64_t>(name.size())});
-    answers().unzipEntriesOf[std::filesystem::path(path).filename().string()] = entries;
+    Answers().unzipEntriesOf[std::filesystem::path(path).filename().string()] = entries;
 }
 
 void BrokenArchive(const std::string& path)
 {
-    answers().unzipResultOf[std::filesystem::path(path).filename().string()] = false;
+    Answers().unzipResultOf[std::filesystem::path(path).filename().string()] = false;
 }
 
 void Trace(VexCore::CDom&, const std::string& module)
 {
-    answers().tracedModules = {module};
+    Answers().tracedModules = {module};
 }
 
 std::string Program(const std::string& folder, const std::string& output, int code)
 {
-    answers().executeOutput = output;
-    answers().executeExitCode = code;
+    Answers().executeOutput = output;
+    Answers().executeExitCode = code;
     return folder + "/program";
 }
 
 std::string MissingProgram(const std::string& folder)
 {
-    answers().executeResult = false;
-    answers().executeError = "no such program";
+    Answers().executeResult = false;
+    Answers().executeError = "no such program";
     return folder + "/missing";
 }
 
 void PidFile(const std::string&)
 {
-    answers().pidFileAnswers = {::getpid()};
+    Answers().pidFileAnswers = {::getpid()};
 }
 
 } // namespace Arrange

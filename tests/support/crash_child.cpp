@@ -29,8 +29,8 @@
 using namespace VexCore;
 
 namespace {
-std::string dumpFile;
-volatile int sink = 0;
+std::string g_dumpFile;
+volatile int g_sink = 0;
 
 // Each way is a function of its own, with a name to be found in the dump's stack.
 
@@ -38,7 +38,7 @@ volatile int sink = 0;
 {
     volatile int* volatile nowhere = nullptr;
     *nowhere = 7;
-    sink = sink + 1; // no tail call
+    g_sink = g_sink + 1; // no tail call
 }
 
 [[gnu::noinline]] void CrashByAbort()
@@ -50,7 +50,7 @@ volatile int sink = 0;
 {
     volatile char room[512];
     room[0] = static_cast<char>(depth);
-    sink = sink + 1;
+    g_sink = g_sink + 1;
     if (depth >= 0) // always; the compiler shall not see it
         return CrashByRecursion(depth < 1000000000 ? depth + 1 : depth) + room[0];
     return room[0];
@@ -59,7 +59,7 @@ volatile int sink = 0;
 [[gnu::noinline]] void CrashByDivision()
 {
     volatile int zero = 0;
-    sink = 100 / zero;
+    g_sink = 100 / zero;
 }
 
 [[gnu::noinline]] void CrashByTrap()
@@ -79,7 +79,7 @@ void StrikeWhileItWrites(pthread_t victim)
 {
     std::thread([victim] {
         struct stat status;
-        while (stat((dumpFile + ".tmp").c_str(), &status) != 0)
+        while (stat((g_dumpFile + ".tmp").c_str(), &status) != 0)
             usleep(1000);
         pthread_kill(victim, SIGSEGV);
         for (;;)
@@ -107,7 +107,7 @@ protected:
     void OnRun() override
     {
         m_body();
-        sink = sink + 1; // no tail call
+        g_sink = g_sink + 1; // no tail call
     }
 
 private:
@@ -126,25 +126,25 @@ int InThread(void (*body)())
 // Three threads, as nearly at once as can be.
 [[gnu::noinline]] void CrashInMany()
 {
-    static std::atomic<int> ready{0};
-    ++ready;
-    while (ready < 3) {
+    static std::atomic<int> s_ready{0};
+    ++s_ready;
+    while (s_ready < 3) {
     }
     CrashOnNull();
-    sink = sink + 1; // no tail call
+    g_sink = g_sink + 1; // no tail call
 }
 
 // Crashes while another thread starts one thread after the other.
 void CrashAmongNewThreads()
 {
-    static std::atomic<int> started{0};
+    static std::atomic<int> s_started{0};
     std::thread([] {
         constexpr int atMost = 900;
-        for (; started < atMost; ++started)
+        for (; s_started < atMost; ++s_started)
             std::thread([] { pause(); }).detach();
         pause();
     }).detach();
-    while (started < 50) {
+    while (s_started < 50) {
     }
     CrashOnNull();
 }
@@ -211,9 +211,9 @@ int Crash(const std::string& way)
     } else if (way == "spawning")
         CrashAmongNewThreads();
     else if (way == "overflow")
-        return InThread([] { sink = CrashByRecursion(0); });
+        return InThread([] { g_sink = CrashByRecursion(0); });
     else if (way == "main-overflow")
-        sink = CrashByRecursion(0);
+        g_sink = CrashByRecursion(0);
     else if (way == "many") {
         Crasher first(CrashInMany);
         Crasher second(CrashInMany);
@@ -235,7 +235,7 @@ int main(int argc, char** argv)
     if (argc < 4)
         return 2;
     wxInitializer framework(argc, argv);
-    dumpFile = argv[2];
+    g_dumpFile = argv[2];
     CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
     dom->Set("app.name", "crash_child");
     dom->Set("app.path.work", argv[3]);

@@ -14,11 +14,11 @@ namespace Test {
 
 struct FailNth
 {
-    enum class EHow { Fail, Die };
+    enum class How { Fail, Die };
 
     /// The calls are counted from now on; number `n` (from 1) does not happen. With `lasting`, nor do those
     /// after it.
-    FailNth(int n, int error, EHow how = EHow::Fail, bool lasting = false)
+    FailNth(int n, int error, How how = How::Fail, bool lasting = false)
     {
         State() = {n, 0, error, how, lasting};
         m_watch = std::make_unique<CallWatch>([](const VexCore::os::Call& call) {
@@ -52,13 +52,13 @@ private:
         int n = 0;
         int count = 0;
         int error = 0;
-        EHow how = EHow::Fail;
+        How how = How::Fail;
         bool lasting = false;
     };
     static Counter& State()
     {
-        static Counter counter;
-        return counter;
+        static Counter s_counter;
+        return s_counter;
     }
     static bool IsHit()
     {
@@ -68,7 +68,7 @@ private:
     }
     static void DieIfAsked()
     {
-        if (State().how == EHow::Die) {
+        if (State().how == How::Die) {
             raise(SIGKILL);
             pause();
         }

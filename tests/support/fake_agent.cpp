@@ -37,9 +37,9 @@ void PrintJournal()
 
 const bool s_prepared = [] {
     if (std::getenv("VEX_FAKE_TRACE"))
-        FakeCore::answers().tracedModules = {"Appl"};
+        FakeCore::Answers().tracedModules = {"Appl"};
     if (const char* const call = std::getenv("VEX_FAKE_THROW"))
-        FakeCore::answers().onRecord = [call = std::string(call)](const std::string& line) {
+        FakeCore::Answers().onRecord = [call = std::string(call)](const std::string& line) {
             static bool s_thrown = false;
             if (line.compare(0, call.size(), call) != 0 || s_thrown)
                 return;

@@ -57,22 +57,22 @@ const char* LevelWord(wxLogLevel level)
 
 } // namespace
 
-Answers& answers()
+AnswerTable& Answers()
 {
-    static Answers s_answers;
+    static AnswerTable s_answers;
     return s_answers;
 }
 
 void Reset()
 {
-    answers() = Answers();
+    Answers() = AnswerTable();
     ClearJournal();
 }
 
 void Record(const std::string& line)
 {
-    if (answers().onRecord)
-        answers().onRecord(line);
+    if (Answers().onRecord)
+        Answers().onRecord(line);
     const std::lock_guard lock(s_lock);
     Lines().push_back(line);
 }
@@ -136,7 +136,7 @@ const char* Word(bool value)
 
 namespace VexCore {
 
-using FakeCore::answers;
+using FakeCore::Answers;
 using FakeCore::Quote;
 using FakeCore::Record;
 using FakeCore::Word;
@@ -157,9 +157,9 @@ void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxL
 
 bool LogTraceIsEnabled(const char* module)
 {
-    if (answers().recordTraceQueries)
+    if (Answers().recordTraceQueries)
         Record("TraceIsEnabled(" + Quote(module) + ")");
-    return module && answers().tracedModules.count(module) > 0;
+    return module && Answers().tracedModules.count(module) > 0;
 }
 
 void LogTrace(const char* module, const char* sourceFile, int, const char* function, const wxString& message)
@@ -175,40 +175,40 @@ bool Unzip(const wxFileName& archive, const wxFileName& folder, UnzipCallback ca
 {
     Record("Unzip(" + Quote(archive.GetFullPath()) + ", " + Quote(folder.GetFullPath()) + ")");
     const std::string name = archive.GetFullName().utf8_string();
-    const auto own = answers().unzipEntriesOf.find(name);
+    const auto own = Answers().unzipEntriesOf.find(name);
     // A copy, so that a callback may change the answers.
     const std::vector<FakeCore::Entry> entries =
-        own == answers().unzipEntriesOf.end() ? answers().unzipEntries : own->second;
+        own == Answers().unzipEntriesOf.end() ? Answers().unzipEntries : own->second;
     for (const FakeCore::Entry& item : entries) {
         wxZipEntry entry(wxString::FromUTF8(item.name), wxDateTime::Now(), static_cast<wxFileOffset>(item.size));
         const wxString destination = folder.GetPathWithSep() + wxString::FromUTF8(item.name);
         const bool answer = callback(context, item.isNull ? nullptr : &entry, &destination);
         Record("Unzip.Entry(" + (item.isNull ? std::string("null") : Quote(item.name)) + ") -> " + Word(answer));
     }
-    if (answers().onUnzip)
-        answers().onUnzip(archive);
-    const auto result = answers().unzipResultOf.find(name);
-    return result == answers().unzipResultOf.end() ? answers().unzipResult : result->second;
+    if (Answers().onUnzip)
+        Answers().onUnzip(archive);
+    const auto result = Answers().unzipResultOf.find(name);
+    return result == Answers().unzipResultOf.end() ? Answers().unzipResult : result->second;
 }
 
 // --- files.h, crash.h, clock.h
 bool SecureFileOrDirectory(const wxString& path, bool recurse)
 {
     Record("SecureFileOrDirectory(" + Quote(path) + ", " + Word(recurse) + ")");
-    return answers().secureResult;
+    return Answers().secureResult;
 }
 
 bool InitCrashHandler(const wxString& dumpFile, const wxString& application, bool fullDump)
 {
     Record("InitCrashHandler(" + Quote(dumpFile) + ", " + Quote(application) + ", " + Word(fullDump) + ")");
-    return answers().crashHandlerResult;
+    return Answers().crashHandlerResult;
 }
 
 std::int64_t TimeNowMillis()
 {
     Record("TimeNowMillis()");
-    const std::int64_t now = answers().timeNowMs;
-    answers().timeNowMs += answers().timeStepMs;
+    const std::int64_t now = Answers().timeNowMs;
+    Answers().timeNowMs += Answers().timeStepMs;
     return now;
 }
 
@@ -219,12 +219,12 @@ bool Execute(const wxString& program, const wxArrayString& arguments, wxString& 
     for (std::size_t i = 0; i < arguments.GetCount(); ++i)
         line += (i ? ", " : "") + Quote(arguments[i]);
     Record(line + "})");
-    if (answers().onExecute)
-        answers().onExecute();
-    output = wxString::FromUTF8(answers().executeOutput);
-    exitCode = answers().executeExitCode;
-    error = wxString::FromUTF8(answers().executeError);
-    return answers().executeResult;
+    if (Answers().onExecute)
+        Answers().onExecute();
+    output = wxString::FromUTF8(Answers().executeOutput);
+    exitCode = Answers().executeExitCode;
+    error = wxString::FromUTF8(Answers().executeError);
+    return Answers().executeResult;
 }
 
 bool Execute(const wxString& program, const wxArrayString& arguments, wxString& output, int& exitCode, wxString& error,
@@ -236,7 +236,7 @@ bool Execute(const wxString& program, const wxArrayString& arguments, wxString& 
 long ReadPidFile(const wxString& path)
 {
     Record("ReadPidFile(" + Quote(path) + ")");
-    std::vector<long>& left = answers().pidFileAnswers;
+    std::vector<long>& left = Answers().pidFileAnswers;
     if (left.empty())
         return 0;
     const long pid = left.front();
@@ -247,9 +247,9 @@ long ReadPidFile(const wxString& path)
 bool WritePidFile(const wxString& path)
 {
     Record("WritePidFile(" + Quote(path) + ")");
-    if (answers().onWritePidFile)
-        answers().onWritePidFile(path);
-    return answers().writePidFileResult;
+    if (Answers().onWritePidFile)
+        Answers().onWritePidFile(path);
+    return Answers().writePidFileResult;
 }
 
 // --- openssl.h, sqlitedb.h, profiler.h
@@ -266,7 +266,7 @@ void OpenSSLThreadShutdown()
 bool CSqliteDatabase::InitializeSQLite(CDom* dom)
 {
     Record(std::string("InitializeSQLite(") + (dom ? "dom" : "null") + ")");
-    return answers().sqliteResult;
+    return Answers().sqliteResult;
 }
 
 void CSqliteDatabase::ShutdownSQLite()

@@ -32,14 +32,14 @@ struct Entry
     bool isNull = false; ///< shown as a null pointer
 };
 
-enum class EThreads {
+enum class ThreadKind {
     Real, ///< `start` makes a thread
     Synchronous, ///< `start` runs the body before it returns
     CannotStart, ///< `start` fails
 };
 
 /// What the fake answers. A test changes it before it calls the launcher; `Reset` brings the defaults back.
-struct Answers
+struct AnswerTable
 {
     // Log and trace
     std::set<std::string> tracedModules; ///< modules that `LogTraceIsEnabled` answers true for
@@ -78,7 +78,7 @@ struct Answers
     std::string setPackagePathsException; ///< text of an exception that is thrown instead
 
     // Threads
-    EThreads threads = EThreads::Real;
+    ThreadKind threads = ThreadKind::Real;
     bool joinTimesOut = false; ///< a `join` with a time limit answers that the thread runs on
 
     // The end of the process
@@ -93,7 +93,7 @@ struct Answers
 };
 
 /// The answers in force. Change them only while no other thread runs.
-Answers& answers();
+AnswerTable& Answers();
 
 /// Empties the journal and forgets all answers. Live domains and interpreters keep what they hold.
 void Reset();

@@ -245,14 +245,14 @@ CDom::EWait CDom::Wait(const char* key, std::int64_t timeoutMs) const
 wxString CDom::GetPluginWorkdirWx(const wxString& plugin) const
 {
     Record("Dom.GetPluginWorkdirWx(" + Quote(plugin) + ")");
-    return wxString::FromUTF8(FakeCore::answers().pluginWorkdirRoot) + "/" + plugin;
+    return wxString::FromUTF8(FakeCore::Answers().pluginWorkdirRoot) + "/" + plugin;
 }
 
 // The launcher calls it on whatever domain it has, a null one in one test.
 __attribute__((no_sanitize("undefined"))) void CDom::RegisterLoader(lua_State* L)
 {
     Record("Dom.RegisterLoader()");
-    if (FakeCore::answers().registerLoaderFails)
+    if (FakeCore::Answers().registerLoaderFails)
         luaL_error(L, "no loader");
 }
 

@@ -10,7 +10,7 @@
 void VexCore::ExitProcessFromThread(int status)
 {
     FakeCore::Record("ExitProcessFromThread(" + std::to_string(status) + ")");
-    if (FakeCore::answers().onExitProcess)
-        FakeCore::answers().onExitProcess(status);
+    if (FakeCore::Answers().onExitProcess)
+        FakeCore::Answers().onExitProcess(status);
     throw std::runtime_error("the process would have ended");
 }

@@ -14,7 +14,7 @@
 
 #include <wx/stream.h>
 
-using FakeCore::answers;
+using FakeCore::Answers;
 using FakeCore::Quote;
 using FakeCore::Record;
 using FakeCore::Word;
@@ -107,10 +107,10 @@ lua_State* CLuaInterpreter::L() const
 void CLuaInterpreter::SetPackagePaths(const char* bin, const char* path, const char* cpath)
 {
     Record("Lua.SetPackagePaths(" + Quote(bin) + ", " + Quote(path) + ", " + Quote(cpath) + ")");
-    if (!answers().setPackagePathsException.empty())
-        throw std::runtime_error(answers().setPackagePathsException);
-    if (!answers().setPackagePathsError.empty())
-        luaL_error(m_impl->state, "%s", answers().setPackagePathsError.c_str());
+    if (!Answers().setPackagePathsException.empty())
+        throw std::runtime_error(Answers().setPackagePathsException);
+    if (!Answers().setPackagePathsError.empty())
+        luaL_error(m_impl->state, "%s", Answers().setPackagePathsError.c_str());
     const std::string folder = bin;
     const auto set = [this](const char* field, std::string templates, const std::string& own) {
         if (!templates.empty() && !own.empty())
@@ -133,15 +133,15 @@ int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultC
     const std::string source = ReadAll(in);
     Record("Lua.RunScript(" + Quote(source) + ", " + std::to_string(argumentCount) + ", " + std::to_string(resultCount)
            + ", " + Quote(name) + ", " + (out ? "out" : "null") + ")");
-    if (answers().onRunScript)
-        answers().onRunScript();
+    if (Answers().onRunScript)
+        Answers().onRunScript();
     lua_State* L = m_impl->state;
-    if (answers().runScriptStatus) {
+    if (Answers().runScriptStatus) {
         lua_pop(L, argumentCount);
-        if (*answers().runScriptStatus == 0)
+        if (*Answers().runScriptStatus == 0)
             for (int i = 0; i < resultCount; ++i)
                 lua_pushnil(L);
-        return *answers().runScriptStatus;
+        return *Answers().runScriptStatus;
     }
     lua_pushlightuserdata(L, out);
     lua_rawsetp(L, LUA_REGISTRYINDEX, &s_outputKey);
@@ -172,7 +172,7 @@ int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultC
 wxString CLuaInterpreter::GetErrorInfo() const
 {
     Record("Lua.GetErrorInfo()");
-    return wxString::FromUTF8(m_impl->failed ? m_impl->errorInfo : answers().errorInfo);
+    return wxString::FromUTF8(m_impl->failed ? m_impl->errorInfo : Answers().errorInfo);
 }
 
 } // namespace VexCore

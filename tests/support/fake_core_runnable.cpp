@@ -13,9 +13,9 @@
 #include <mutex>
 #include <thread>
 
-using FakeCore::answers;
-using FakeCore::EThreads;
+using FakeCore::Answers;
 using FakeCore::Record;
+using FakeCore::ThreadKind;
 using FakeCore::Word;
 
 namespace VexCore {
@@ -71,7 +71,7 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
 {
     Record("Runnable.start(" + std::to_string(priority) + ", " + Word(takesPartInStop) + ", "
            + std::to_string(stackBytes) + ") " + GetThreadName());
-    if (answers().threads == EThreads::CannotStart)
+    if (Answers().threads == ThreadKind::CannotStart)
         return false;
     {
         const std::lock_guard lock(m_impl->lock);
@@ -79,7 +79,7 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
             return false;
         m_impl->started = m_impl->running = true;
     }
-    if (answers().threads == EThreads::Synchronous)
+    if (Answers().threads == ThreadKind::Synchronous)
         Entry();
     else
         m_impl->thread = std::thread([this] { Entry(); });
@@ -98,14 +98,14 @@ bool CRunnable::join(long timeoutMs)
     {
         std::unique_lock guard(m_impl->lock);
         const auto ended = [this] { return !m_impl->running; };
-        if (timeoutMs < 0 || answers().joinTimesOut) // whose test has no such thread: it goes on and destroys this one
+        if (timeoutMs < 0 || Answers().joinTimesOut) // whose test has no such thread: it goes on and destroys this one
             m_impl->changed.wait(guard, ended);
         else if (!m_impl->changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), ended))
             return false;
     }
     if (m_impl->thread.joinable())
         m_impl->thread.join();
-    return timeoutMs < 0 || !answers().joinTimesOut;
+    return timeoutMs < 0 || !Answers().joinTimesOut;
 }
 
 wxThreadError CRunnable::Delete()

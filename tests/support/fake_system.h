@@ -25,22 +25,22 @@ struct Ended
 class FakeSystem : public VexOs::SystemCalls
 {
 public:
-    static constexpr pid_t Self = 4242;
-    static constexpr pid_t Group = 4241;
-    static constexpr pid_t Child = 5000; ///< the first child's id; each further one is one more
-    static constexpr pid_t Stranger = 77;
+    static constexpr pid_t ownId = 4242;
+    static constexpr pid_t ownGroupId = 4241;
+    static constexpr pid_t firstChildId = 5000; ///< the first child's id; each further one is one more
+    static constexpr pid_t strangerId = 77;
 
     FakeSystem() { VexOs::ReplaceSystem(this); }
     ~FakeSystem() override { VexOs::ReplaceSystem(nullptr); }
 
     // --- what the test sets
     std::deque<pid_t>
-        forks; ///< answers of the first forks of either kind: 0, an id, or -errno; afterwards `Child` and on
+        forks; ///< answers of the first forks of either kind: 0, an id, or -errno; afterwards `firstChildId` and on
     /// What a wait for a child does, used up one by one: the raw status, or -errno of a failure.
     /// A call may do something first.
     std::deque<std::function<int()>> waits;
     int ask = 0; ///< answer of `Ask`: 0 or -errno
-    VexOs::ELock lock = VexOs::ELock::Taken;
+    VexOs::LockResult lock = VexOs::LockResult::Taken;
     pid_t otherWorker = 0;
     bool executable = false;
     std::int64_t now = 1700000000;
@@ -48,8 +48,8 @@ public:
     std::function<void()> onFork; ///< before a fork of either kind
     std::function<void()> onWaitForOther;
     std::function<void()> onRemoveFile; ///< before the first removal
-    pid_t self = Self;
-    pid_t group = Group;
+    pid_t self = ownId;
+    pid_t group = ownGroupId;
     int threads = 1;
 
     /// A child's end with this raw status.
@@ -168,7 +168,7 @@ public:
         FakeCore::Record("IsExecutable(" + FakeCore::Quote(path) + ")");
         return executable;
     }
-    VexOs::ELock TakeInstanceLock(const char* path) override
+    VexOs::LockResult TakeInstanceLock(const char* path) override
     {
         FakeCore::Record("TakeInstanceLock(" + FakeCore::Quote(path) + ")");
         errno = EACCES;
@@ -234,7 +234,7 @@ private:
         }
     }
 
-    pid_t m_nextChild = Child;
+    pid_t m_nextChild = firstChildId;
     bool m_termBlocked = false;
     std::optional<pid_t> m_pending;
     VexSignalAction m_handler = nullptr;

@@ -74,73 +74,73 @@ void SetResult(pid_t thread, long result)
 
 // --- what is known of system calls
 
-enum class EKind { Plain, Descriptor, Path, PathAt, Ignored };
+enum class Kind { Plain, Descriptor, Path, PathAt, Ignored };
 
 struct CallName
 {
     long number;
     const char* name;
-    EKind kind; // what its first arguments are
+    Kind kind; // what its first arguments are
     bool ends = false; // it takes a name away
 };
 
-const CallName s_calls[] = {
+const CallName sCalls[] = {
 #ifdef SYS_open
-    {SYS_open, "open", EKind::Path},
-    {SYS_stat, "stat", EKind::Path},
-    {SYS_lstat, "lstat", EKind::Path},
-    {SYS_access, "access", EKind::Path},
-    {SYS_mkdir, "mkdir", EKind::Path},
-    {SYS_chmod, "chmod", EKind::Path},
-    {SYS_rename, "rename", EKind::Path, true},
-    {SYS_unlink, "unlink", EKind::Path, true},
-    {SYS_pipe, "pipe", EKind::Ignored},
+    {SYS_open, "open", Kind::Path},
+    {SYS_stat, "stat", Kind::Path},
+    {SYS_lstat, "lstat", Kind::Path},
+    {SYS_access, "access", Kind::Path},
+    {SYS_mkdir, "mkdir", Kind::Path},
+    {SYS_chmod, "chmod", Kind::Path},
+    {SYS_rename, "rename", Kind::Path, true},
+    {SYS_unlink, "unlink", Kind::Path, true},
+    {SYS_pipe, "pipe", Kind::Ignored},
 #endif
 #ifdef SYS_renameat
-    {SYS_renameat, "renameat", EKind::PathAt, true},
+    {SYS_renameat, "renameat", Kind::PathAt, true},
 #endif
-    {SYS_openat, "openat", EKind::PathAt},
-    {SYS_newfstatat, "newfstatat", EKind::PathAt},
-    {SYS_faccessat, "faccessat", EKind::PathAt},
-    {SYS_mkdirat, "mkdirat", EKind::PathAt},
-    {SYS_renameat2, "renameat2", EKind::PathAt, true},
-    {SYS_unlinkat, "unlinkat", EKind::PathAt, true},
-    {SYS_linkat, "linkat", EKind::PathAt},
-    {SYS_fstat, "fstat", EKind::Descriptor},
-    {SYS_read, "read", EKind::Descriptor},
-    {SYS_pread64, "pread64", EKind::Descriptor},
-    {SYS_write, "write", EKind::Descriptor},
-    {SYS_pwrite64, "pwrite64", EKind::Descriptor},
-    {SYS_lseek, "lseek", EKind::Descriptor},
-    {SYS_fsync, "fsync", EKind::Descriptor},
-    {SYS_fdatasync, "fdatasync", EKind::Descriptor},
-    {SYS_syncfs, "syncfs", EKind::Descriptor},
-    {SYS_sync_file_range, "sync_file_range", EKind::Descriptor},
-    {SYS_fchmod, "fchmod", EKind::Descriptor},
-    {SYS_fchmodat, "fchmodat", EKind::PathAt},
-    {SYS_pwritev, "pwritev", EKind::Descriptor},
-    {SYS_writev, "writev", EKind::Descriptor},
-    {SYS_symlinkat, "symlinkat", EKind::Plain},
-    {SYS_sync, "sync", EKind::Plain},
-    {SYS_ftruncate, "ftruncate", EKind::Descriptor},
-    {SYS_fallocate, "fallocate", EKind::Descriptor},
-    {SYS_fcntl, "fcntl", EKind::Descriptor},
-    {SYS_getdents64, "getdents64", EKind::Descriptor},
-    {SYS_close, "close", EKind::Descriptor},
-    {SYS_uname, "uname", EKind::Plain},
-    {SYS_brk, "brk", EKind::Ignored},
-    {SYS_mmap, "mmap", EKind::Ignored},
-    {SYS_munmap, "munmap", EKind::Ignored},
-    {SYS_mremap, "mremap", EKind::Ignored},
-    {SYS_mprotect, "mprotect", EKind::Ignored},
-    {SYS_madvise, "madvise", EKind::Ignored},
-    {SYS_getpid, "getpid", EKind::Ignored},
-    {SYS_gettid, "gettid", EKind::Ignored},
-    {SYS_pipe2, "pipe2", EKind::Ignored},
-    {SYS_futex, "futex", EKind::Ignored},
-    {SYS_sched_yield, "sched_yield", EKind::Ignored},
-    {SYS_rt_sigprocmask, "rt_sigprocmask", EKind::Ignored},
-    {SYS_restart_syscall, "restart_syscall", EKind::Ignored},
+    {SYS_openat, "openat", Kind::PathAt},
+    {SYS_newfstatat, "newfstatat", Kind::PathAt},
+    {SYS_faccessat, "faccessat", Kind::PathAt},
+    {SYS_mkdirat, "mkdirat", Kind::PathAt},
+    {SYS_renameat2, "renameat2", Kind::PathAt, true},
+    {SYS_unlinkat, "unlinkat", Kind::PathAt, true},
+    {SYS_linkat, "linkat", Kind::PathAt},
+    {SYS_fstat, "fstat", Kind::Descriptor},
+    {SYS_read, "read", Kind::Descriptor},
+    {SYS_pread64, "pread64", Kind::Descriptor},
+    {SYS_write, "write", Kind::Descriptor},
+    {SYS_pwrite64, "pwrite64", Kind::Descriptor},
+    {SYS_lseek, "lseek", Kind::Descriptor},
+    {SYS_fsync, "fsync", Kind::Descriptor},
+    {SYS_fdatasync, "fdatasync", Kind::Descriptor},
+    {SYS_syncfs, "syncfs", Kind::Descriptor},
+    {SYS_sync_file_range, "sync_file_range", Kind::Descriptor},
+    {SYS_fchmod, "fchmod", Kind::Descriptor},
+    {SYS_fchmodat, "fchmodat", Kind::PathAt},
+    {SYS_pwritev, "pwritev", Kind::Descriptor},
+    {SYS_writev, "writev", Kind::Descriptor},
+    {SYS_symlinkat, "symlinkat", Kind::Plain},
+    {SYS_sync, "sync", Kind::Plain},
+    {SYS_ftruncate, "ftruncate", Kind::Descriptor},
+    {SYS_fallocate, "fallocate", Kind::Descriptor},
+    {SYS_fcntl, "fcntl", Kind::Descriptor},
+    {SYS_getdents64, "getdents64", Kind::Descriptor},
+    {SYS_close, "close", Kind::Descriptor},
+    {SYS_uname, "uname", Kind::Plain},
+    {SYS_brk, "brk", Kind::Ignored},
+    {SYS_mmap, "mmap", Kind::Ignored},
+    {SYS_munmap, "munmap", Kind::Ignored},
+    {SYS_mremap, "mremap", Kind::Ignored},
+    {SYS_mprotect, "mprotect", Kind::Ignored},
+    {SYS_madvise, "madvise", Kind::Ignored},
+    {SYS_getpid, "getpid", Kind::Ignored},
+    {SYS_gettid, "gettid", Kind::Ignored},
+    {SYS_pipe2, "pipe2", Kind::Ignored},
+    {SYS_futex, "futex", Kind::Ignored},
+    {SYS_sched_yield, "sched_yield", Kind::Ignored},
+    {SYS_rt_sigprocmask, "rt_sigprocmask", Kind::Ignored},
+    {SYS_restart_syscall, "restart_syscall", Kind::Ignored},
 };
 
 // Whether the call makes, fills, flushes, renames or removes anything.
@@ -158,10 +158,10 @@ bool ChangesSomething(const CallName& call, const std::uint64_t (&arguments)[6])
 
 CallName NameOf(long number)
 {
-    for (const CallName& call : s_calls)
+    for (const CallName& call : sCalls)
         if (call.number == number)
             return call;
-    return {number, nullptr, EKind::Plain};
+    return {number, nullptr, Kind::Plain};
 }
 
 std::string TextAt(pid_t thread, std::uint64_t address)
@@ -190,13 +190,13 @@ std::string PathOf(pid_t thread, std::uint64_t descriptor)
     return size < 0 ? "-" : std::string(path, static_cast<std::size_t>(size));
 }
 
-std::string About(pid_t thread, EKind kind, const std::uint64_t (&arguments)[6])
+std::string About(pid_t thread, Kind kind, const std::uint64_t (&arguments)[6])
 {
-    if (kind == EKind::Descriptor)
+    if (kind == Kind::Descriptor)
         return PathOf(thread, arguments[0]);
-    if (kind == EKind::Path)
+    if (kind == Kind::Path)
         return TextAt(thread, arguments[0]);
-    if (kind != EKind::PathAt)
+    if (kind != Kind::PathAt)
         return "-";
     const std::string path = TextAt(thread, arguments[1]);
     if (path.empty())
@@ -248,7 +248,7 @@ private:
     void OnEntry(pid_t thread, const struct __ptrace_syscall_info& info)
     {
         const CallName call = NameOf(static_cast<long>(info.entry.nr));
-        if (call.kind == EKind::Ignored || (m_thread != 0 && thread != m_thread))
+        if (call.kind == Kind::Ignored || (m_thread != 0 && thread != m_thread))
             return;
         const std::string about = About(thread, call.kind, info.entry.args);
         if (about.compare(0, 5, "pipe:") == 0)

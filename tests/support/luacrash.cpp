@@ -8,7 +8,7 @@
 #include <pthread.h>
 
 namespace {
-volatile int sink = 0;
+volatile int g_sink = 0;
 
 [[gnu::noinline]] int CrashInModule(lua_State* L)
 {
@@ -21,7 +21,7 @@ volatile int sink = 0;
 {
     volatile char room[512];
     room[0] = static_cast<char>(depth);
-    sink = sink + 1;
+    g_sink = g_sink + 1;
     if (depth >= 0) // always; the compiler shall not see it
         return OverflowStack(depth < 1000000000 ? depth + 1 : depth) + room[0];
     return room[0];
@@ -69,7 +69,7 @@ int Crash(lua_State* L)
 
 } // namespace
 
-extern "C" __attribute__((visibility("default"))) int luaopen_luacrash(lua_State* L)
+extern "C" __attribute__((visibility("default"))) int LuaopenLuacrash(lua_State* L)
 {
     lua_pushcfunction(L, Crash);
     return 1;

@@ -43,13 +43,13 @@ class OtherUser
 {
 public:
     static constexpr uid_t id = 65534;
-    enum class EIds { Real, Effective, Both };
+    enum class Ids { Real, Effective, Both };
 
-    explicit OtherUser(EIds ids)
+    explicit OtherUser(Ids ids)
     {
         if (::getuid() != 0 || ::geteuid() != 0)
             throw std::runtime_error("only root can become another user and come back");
-        if ((ids != EIds::Effective && ::setreuid(id, 0) != 0) || (ids != EIds::Real && ::seteuid(id) != 0)) {
+        if ((ids != Ids::Effective && ::setreuid(id, 0) != 0) || (ids != Ids::Real && ::seteuid(id) != 0)) {
             const int error = errno;
             Restore();
             throw std::system_error(error, std::generic_category(), "becoming another user");

@@ -30,7 +30,7 @@
 #include <unistd.h>
 
 namespace {
-constexpr int WarmUp = 100;
+constexpr int warmUp = 100;
 
 // The real system behind it does everything but pass time.
 class HastySystem : public VexOs::SystemCalls
@@ -40,7 +40,7 @@ public:
         : m_real(real), m_count(count), m_report(report)
     {}
 
-    std::int64_t NowSeconds() override { return m_now += RestartSpanSeconds + 1; }
+    std::int64_t NowSeconds() override { return m_now += restartSpanSeconds + 1; }
     void SleepMs(long) override {}
 
     pid_t ForkWorker() override
@@ -52,7 +52,7 @@ public:
     pid_t Wait(pid_t child, int& status) override
     {
         const pid_t ended = m_real.Wait(child, status);
-        if (ended == child && (m_child == WarmUp || m_child == m_count))
+        if (ended == child && (m_child == warmUp || m_child == m_count))
             Measure();
         return ended;
     }
@@ -90,7 +90,7 @@ public:
     void RemoveFile(const char* path) override { m_real.RemoveFile(path); }
     void ReleaseInstanceLock() override { m_real.ReleaseInstanceLock(); }
     bool IsExecutable(const char* path) override { return m_real.IsExecutable(path); }
-    VexOs::ELock TakeInstanceLock(const char* path) override { return m_real.TakeInstanceLock(path); }
+    VexOs::LockResult TakeInstanceLock(const char* path) override { return m_real.TakeInstanceLock(path); }
     pid_t FindOtherWorker() override { return m_real.FindOtherWorker(); }
     void WaitForOtherWorker() override { m_real.WaitForOtherWorker(); }
 

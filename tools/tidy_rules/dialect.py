@@ -16,6 +16,7 @@ MAX_COLUMNS = 120
 NUMBER = r"(?:(?:u?int\d+|size|ptrdiff|u?intptr)_t|streamsize)"
 LINES = [(re.compile(pattern), words) for pattern, words in (
     (r"\bthread_local\b(?!.*\bt_[a-z])", "the name of a thread's own variable begins with t_"),
+    (r"\bk[A-Z][a-z]\w*\s*(?:=|\{|\[|;|\()", "constants have no mark"),
     (r"\bstd::(?:lock_guard|scoped_lock|unique_lock|shared_lock)<[^;=]*>\s+\w+\s*[({]", "const std::lock_guard lock(m_lock);"),
     (r"(?<!const )\bstd::(?:lock_guard|scoped_lock)\s+\w+\s*[({]", "const std::lock_guard lock(m_lock);"),
     # A comparison that is a value of its own, "return m_handle != nullptr;", is none of these; nor is one with an assignment.
@@ -31,8 +32,8 @@ LINES = [(re.compile(pattern), words) for pattern, words in (
 # Sections are told apart by one form of comment; only a name, such as OnRun or SIGTERM, begins with a capital.
 RULER = re.compile(r"^\s*//+\s*[-=*#~]{2,}")
 SECTION = re.compile(r"^\s*// --- (?![A-Z][a-z]*\b)[^\s-].*[^-=*#~]$")
-# A C in front: the classes of the interface, and those of the launcher that the framework and the library know.
-PREFIXED = re.compile(r"^\s*(?:class|struct|enum(?: class)?) (?:VEX_CORE_API )?(C[A-Z][a-z]\w*)(?!\w|;|::)")
+# A letter in front of a type: the interface has it, and the launcher's classes that the framework and the library know.
+PREFIXED = re.compile(r"^\s*(?:(?:class|struct) (?:VEX_CORE_API )?(?=C)|enum(?: class)? (?=[CE]))([CE][A-Z][a-z]\w*)(?!\w|;|::)")
 PREFIXED_ALLOWED = ("CAgentApp", "CAgentAppTraits", "CScriptThread")
 FILE_NAME = re.compile(r"[a-z0-9_]+\.\w+")
 
@@ -119,13 +120,13 @@ def own_headers(tree, name):
     return (header for header in headers if header in tree.files)
 
 
-def check_class_names(tree):
-    for name in tree.named(*CPP, below="src/"):
+def check_type_names(tree):
+    for name in all_code(tree):
         if not name.startswith("src/vex/core/"):
             for number, line in enumerate(tree.code(name), 1):
                 found = PREFIXED.match(line)
                 if found and found[1] not in PREFIXED_ALLOWED:
-                    yield name, number, f"{found[1]}: a C in front is for the classes of src/vex/core/"
+                    yield name, number, f"{found[1]}: a C or E in front is for the types of src/vex/core/"
 
 
 def check_file_names(tree):
@@ -134,4 +135,4 @@ def check_file_names(tree):
             yield name, 1, "names of files are snake_case"
 
 
-CHECKS = (check_format, check_width, check_lines, check_comments, check_openings, check_class_names, check_file_names)
+CHECKS = (check_format, check_width, check_lines, check_comments, check_openings, check_type_names, check_file_names)

@@ -20,7 +20,7 @@ WaitPoint& WaitPoint::OfThisThread()
     return t_own;
 }
 
-WaitPoint::EOutcome WaitPoint::Sleep(std::int64_t timeoutMs)
+WaitPoint::Outcome WaitPoint::Sleep(std::int64_t timeoutMs)
 {
     std::unique_lock lock(m_lock);
     const auto woken = [this] { return m_notified || m_awakened || m_ending.load(std::memory_order_relaxed); };
@@ -30,13 +30,13 @@ WaitPoint::EOutcome WaitPoint::Sleep(std::int64_t timeoutMs)
         m_wake.wait_until(lock, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs), woken);
 
     if (m_ending.load(std::memory_order_relaxed))
-        return EOutcome::Ending;
+        return Outcome::Ending;
     if (m_notified) {
         m_notified = false;
-        return EOutcome::Notified;
+        return Outcome::Notified;
     }
     m_awakened = false;
-    return EOutcome::TimedOut;
+    return Outcome::TimedOut;
 }
 
 void WaitPoint::Clear()

@@ -16,7 +16,7 @@ namespace VexCore {
 class WaitPoint
 {
 public:
-    enum class EOutcome {
+    enum class Outcome {
         Notified, ///< `Notify` was called
         TimedOut, ///< the time is over, or `Awaken` was called
         Ending, ///< `RequestExit` was called, now or ever before
@@ -31,7 +31,7 @@ public:
 
     /// Sleeps at most `timeoutMs` (negative: no limit).
     /// A request to end wins over all else, a notification over an Awaken.
-    EOutcome Sleep(std::int64_t timeoutMs);
+    Outcome Sleep(std::int64_t timeoutMs);
 
     /// Forgets a notification that nobody waits for any more. The thread itself, before it subscribes anew.
     void Clear();

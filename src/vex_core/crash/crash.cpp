@@ -35,10 +35,10 @@ constexpr CrashSignal crashSignals[] = {{SIGSEGV, "SIGSEGV"}, {SIGBUS, "SIGBUS"}
 constexpr unsigned limitSeconds = 60;
 
 // Set by InitCrashHandler before the handler can run; only read afterwards.
-char dumpPath[4096];
-char temporaryPath[4096 + 8];
-char applicationName[256];
-char logPath[4096]; // for a crash before anything was logged; empty when it was not known
+char g_dumpPath[4096];
+char g_temporaryPath[4096 + 8];
+char g_applicationName[256];
+char g_logPath[4096]; // for a crash before anything was logged; empty when it was not known
 bool g_fullMemory = false;
 long g_localTimeOffset = 0; // seconds to add to UTC; a change of it meanwhile only moves the line's time
 
@@ -169,7 +169,7 @@ void AddReason(CrashText& line, int dumpError)
 
 void AddMessage(CrashText& line, const CrashSite& site, int dumpError)
 {
-    line << applicationName << " crashed: signal ";
+    line << g_applicationName << " crashed: signal ";
     line.Decimal(site.signal) << " (" << NameOf(site.signal);
     const bool hasAddress =
         site.signal == SIGSEGV || site.signal == SIGBUS || site.signal == SIGILL || site.signal == SIGFPE;
@@ -178,10 +178,10 @@ void AddMessage(CrashText& line, const CrashSite& site, int dumpError)
     line << "), thread ";
     line.Decimal(site.thread) << "; ";
     if (dumpError == 0) {
-        line << "crash dump: " << dumpPath << '\n';
+        line << "crash dump: " << g_dumpPath << '\n';
         return;
     }
-    line << "no crash dump could be written to " << dumpPath << " (";
+    line << "no crash dump could be written to " << g_dumpPath << " (";
     AddReason(line, dumpError);
     line << ")\n";
 }
@@ -195,7 +195,7 @@ void Report(const CrashSite& site, int dumpError)
     AddMessage(g_errorLine, site, dumpError);
     int log = LogFileDescriptor();
     if (log < 0)
-        log = open(logPath, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+        log = open(g_logPath, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (log >= 0)
         WriteBytes(log, g_logLine.Data(), g_logLine.Size());
     WriteBytes(STDERR_FILENO, g_errorLine.Data(), g_errorLine.Size());
@@ -205,9 +205,9 @@ void Report(const CrashSite& site, int dumpError)
 
 [[noreturn]] void GiveUp(int reason)
 {
-    static std::atomic<bool> tried{false};
-    if (!tried.exchange(true)) {
-        unlink(temporaryPath);
+    static std::atomic<bool> s_tried{false};
+    if (!s_tried.exchange(true)) {
+        unlink(g_temporaryPath);
         Report(g_firstCrash, reason);
     }
     EndBySignalNow(g_firstCrash.signal);
@@ -257,7 +257,7 @@ void OnCrash(int signal, siginfo_t* info, void* context)
     g_firstCrash = {signal, info, context, getpid(), self};
     OpenCrashSignals();
     LimitTime();
-    Report(g_firstCrash, WriteCrashDump({dumpPath, temporaryPath, g_fullMemory}, g_firstCrash));
+    Report(g_firstCrash, WriteCrashDump({g_dumpPath, g_temporaryPath, g_fullMemory}, g_firstCrash));
     alarm(0);
     errno = error;
     EndBySignalOnReturn(g_firstCrash);
@@ -289,14 +289,14 @@ bool CopyText(char* to, std::size_t size, const std::string& text)
 bool InitCrashHandler(const wxString& dumpFile, const wxString& application, bool fullDump)
 {
     const std::string path = ToSystemBytes(dumpFile);
-    if (path.empty() || !CopyText(dumpPath, sizeof dumpPath, path)
-        || !CopyText(temporaryPath, sizeof temporaryPath, path + ".tmp"))
+    if (path.empty() || !CopyText(g_dumpPath, sizeof g_dumpPath, path)
+        || !CopyText(g_temporaryPath, sizeof g_temporaryPath, path + ".tmp"))
         return false;
     std::string name(application.utf8_str());
-    name.resize(std::min(name.size(), sizeof applicationName - 1));
-    CopyText(applicationName, sizeof applicationName, name);
-    if (!CopyText(logPath, sizeof logPath, LogFilePath()))
-        logPath[0] = '\0';
+    name.resize(std::min(name.size(), sizeof g_applicationName - 1));
+    CopyText(g_applicationName, sizeof g_applicationName, name);
+    if (!CopyText(g_logPath, sizeof g_logPath, LogFilePath()))
+        g_logPath[0] = '\0';
     g_fullMemory = fullDump;
     g_localTimeOffset = LocalTimeOffset();
     PrepareCrashDump();

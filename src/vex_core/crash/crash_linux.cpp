@@ -31,18 +31,19 @@ constexpr std::uint64_t codeBytes = 512; // around the crash
 constexpr std::uint64_t maxFullBytes = static_cast<std::uint64_t>(8) << 30;
 
 // Set by PrepareCrashDump.
-std::uint64_t pageBytes = 4096;
-std::uint8_t processors = 0;
+std::uint64_t g_pageBytes = 4096;
+std::uint8_t g_processors = 0;
 struct utsname g_systemName;
-std::uint64_t environmentStart = 0; // the texts lie above the main thread's stack, in one mapping with it; 0: not there
+std::uint64_t g_environmentStart =
+    0; // the texts lie above the main thread's stack, in one mapping with it; 0: not there
 
 // Too large for a small stack; the crashed thread alone gets here.
-Minidump::Thread threadRecords[maxStoppedThreads];
-Minidump::ThreadName threadNames[maxStoppedThreads];
-Minidump::Module moduleRecords[maxCrashModules];
-Minidump::MemoryDescriptor memoryRecords[maxStoppedThreads + 1];
-Minidump::MemoryDescriptor64 fullRecords[maxCrashRanges];
-Minidump::ContextAmd64 registers;
+Minidump::Thread g_threadRecords[maxStoppedThreads];
+Minidump::ThreadName g_threadNames[maxStoppedThreads];
+Minidump::Module g_moduleRecords[maxCrashModules];
+Minidump::MemoryDescriptor g_memoryRecords[maxStoppedThreads + 1];
+Minidump::MemoryDescriptor64 g_fullRecords[maxCrashRanges];
+Minidump::ContextAmd64 g_registers;
 
 // Appends a number of records behind their count, as most streams are made.
 template <class Count, class Record>
@@ -65,7 +66,7 @@ public:
         AddThreads();
         AddModules();
         AddCodeAroundCrash();
-        AddList(m_writer, Minidump::MemoryListStream, memoryRecords, m_memoryCount);
+        AddList(m_writer, Minidump::MemoryListStream, g_memoryRecords, m_memoryCount);
         AddException();
         AddSystemInfo();
         AddMiscInfo();
@@ -85,26 +86,26 @@ private:
         const StoppedThread* const threads =
             StopOtherThreads(m_site.process, m_site.thread, m_site.context, threadsWaitMs, count);
         for (std::size_t i = 0; i < count; ++i) {
-            AddThread(threads[i], threadRecords[i]);
-            AddThreadName(threads[i].number, threadNames[i]);
+            AddThread(threads[i], g_threadRecords[i]);
+            AddThreadName(threads[i].number, g_threadNames[i]);
         }
-        m_crashContext = threadRecords[0].context;
-        AddList(m_writer, Minidump::ThreadListStream, threadRecords, static_cast<std::uint32_t>(count));
-        AddList(m_writer, Minidump::ThreadNamesStream, threadNames, static_cast<std::uint32_t>(count));
+        m_crashContext = g_threadRecords[0].context;
+        AddList(m_writer, Minidump::ThreadListStream, g_threadRecords, static_cast<std::uint32_t>(count));
+        AddList(m_writer, Minidump::ThreadNamesStream, g_threadNames, static_cast<std::uint32_t>(count));
     }
 
     void AddThread(const StoppedThread& thread, Minidump::Thread& record)
     {
         CrashRegisters place;
         if (thread.context) {
-            place = ReadCrashContext(thread.context, registers);
+            place = ReadCrashContext(thread.context, g_registers);
         } else {
             place = AskSystem(thread.number);
-            SetCrashPlace(place, registers);
+            SetCrashPlace(place, g_registers);
         }
         record = Minidump::Thread();
         record.id = static_cast<std::uint32_t>(thread.number);
-        record.context = m_writer.Append(&registers, sizeof registers);
+        record.context = m_writer.Append(&g_registers, sizeof g_registers);
         record.stack = AddStack(place.stackPointer);
         if (thread.number == m_site.thread)
             m_crashPlace = place.instructionPointer;
@@ -114,20 +115,20 @@ private:
     // kernel.
     static CrashRegisters AskSystem(long thread)
     {
-        static char text[512];
+        static char s_text[512];
         CrashText path;
         path << "/proc/self/task/";
         path.Decimal(thread) << "/syscall";
         const int file = open(path.Data(), O_RDONLY | O_CLOEXEC);
         if (file < 0)
             return {};
-        const ssize_t size = read(file, text, sizeof text - 1);
+        const ssize_t size = read(file, s_text, sizeof s_text - 1);
         close(file);
         CrashRegisters place;
         if (size <= 0)
             return place;
-        text[size] = '\0';
-        for (const char* at = text; (at = std::strstr(at, " 0x")) != nullptr;) {
+        s_text[size] = '\0';
+        for (const char* at = s_text; (at = std::strstr(at, " 0x")) != nullptr;) {
             at += 3;
             std::uint64_t value = 0;
             for (; *at != ' ' && *at != '\n' && *at != '\0'; ++at)
@@ -144,10 +145,10 @@ private:
         if (!range)
             return Minidump::MemoryDescriptor();
         const std::uint64_t low = stackPointer > redZoneBytes ? stackPointer - redZoneBytes : 0;
-        const std::uint64_t start = std::max(range->start, low & ~(pageBytes - 1));
+        const std::uint64_t start = std::max(range->start, low & ~(g_pageBytes - 1));
         std::uint64_t end = std::min(range->end, start + stackBytes);
-        if (start < environmentStart && environmentStart < end)
-            end = environmentStart;
+        if (start < g_environmentStart && g_environmentStart < end)
+            end = g_environmentStart;
         return AddMemory(start, end);
     }
 
@@ -155,24 +156,24 @@ private:
     {
         const Minidump::MemoryDescriptor memory = {start, m_writer.AppendMemory(start, end - start)};
         if (m_memoryCount < maxStoppedThreads + 1)
-            memoryRecords[m_memoryCount++] = memory;
+            g_memoryRecords[m_memoryCount++] = memory;
         return memory;
     }
 
     void AddThreadName(long thread, Minidump::ThreadName& record)
     {
-        static char name[64];
+        static char s_name[64];
         CrashText path;
         path << "/proc/self/task/";
         path.Decimal(thread) << "/comm";
         const int file = open(path.Data(), O_RDONLY | O_CLOEXEC);
-        ssize_t size = file >= 0 ? read(file, name, sizeof name - 1) : 0;
+        ssize_t size = file >= 0 ? read(file, s_name, sizeof s_name - 1) : 0;
         if (file >= 0)
             close(file);
         size = std::max<ssize_t>(size, 1);
-        name[size - 1] = '\0'; // the line end
+        s_name[size - 1] = '\0'; // the line end
         record.id = static_cast<std::uint32_t>(thread);
-        record.nameRva = m_writer.AppendText(name);
+        record.nameRva = m_writer.AppendText(s_name);
     }
 
     void AddModules()
@@ -180,7 +181,7 @@ private:
         std::size_t count = 0;
         const CrashModule* const modules = CrashModules(count);
         for (std::size_t i = 0; i < count; ++i) {
-            Minidump::Module& record = moduleRecords[i];
+            Minidump::Module& record = g_moduleRecords[i];
             record = Minidump::Module();
             record.base = modules[i].base;
             record.size = static_cast<std::uint32_t>(modules[i].end - modules[i].base);
@@ -193,7 +194,7 @@ private:
                                  modules[i].buildIdSize);
             }
         }
-        AddList(m_writer, Minidump::ModuleListStream, moduleRecords, static_cast<std::uint32_t>(count));
+        AddList(m_writer, Minidump::ModuleListStream, g_moduleRecords, static_cast<std::uint32_t>(count));
     }
 
     void AddCodeAroundCrash()
@@ -223,7 +224,7 @@ private:
                 << g_systemName.machine;
         Minidump::SystemInfo record = {};
         record.architecture = Minidump::architectureAmd64;
-        record.processors = processors;
+        record.processors = g_processors;
         record.platform = Minidump::platformLinux;
         record.versionTextRva = m_writer.AppendText(version.Data());
         m_writer.AddStream(Minidump::SystemInfoStream, m_writer.Append(&record, sizeof record));
@@ -262,17 +263,17 @@ private:
             const std::uint64_t size = ranges[i].end - ranges[i].start;
             if (!ranges[i].readable || ranges[i].device || total + size > maxFullBytes)
                 continue;
-            fullRecords[count++] = {ranges[i].start, size};
+            g_fullRecords[count++] = {ranges[i].start, size};
             total += size;
         }
-        const std::size_t listBytes = static_cast<std::size_t>(count) * sizeof fullRecords[0];
+        const std::size_t listBytes = static_cast<std::size_t>(count) * sizeof g_fullRecords[0];
         const Minidump::Location room = m_writer.Reserve(2 * sizeof(std::uint64_t) + listBytes);
         const std::uint64_t head[2] = {count, m_writer.End()};
         m_writer.WriteAt(room.rva, head, sizeof head);
-        m_writer.WriteAt(room.rva + sizeof head, fullRecords, listBytes);
+        m_writer.WriteAt(room.rva + sizeof head, g_fullRecords, listBytes);
         m_writer.AddStream(Minidump::Memory64ListStream, room);
         for (std::uint64_t i = 0; i < count; ++i)
-            m_writer.AppendLargeMemory(fullRecords[i].start, fullRecords[i].size);
+            m_writer.AppendLargeMemory(g_fullRecords[i].start, g_fullRecords[i].size);
     }
 
     MinidumpWriter m_writer;
@@ -285,12 +286,12 @@ private:
 // The folders on the way to a file, each for the owner alone. The last failure shows when the file is opened.
 void MakeFoldersOf(const char* path)
 {
-    static char folder[4200];
-    for (std::size_t i = 0; path[i] != '\0' && i + 1 < sizeof folder; ++i) {
-        folder[i] = path[i];
-        folder[i + 1] = '\0';
+    static char s_folder[4200];
+    for (std::size_t i = 0; path[i] != '\0' && i + 1 < sizeof s_folder; ++i) {
+        s_folder[i] = path[i];
+        s_folder[i + 1] = '\0';
         if (path[i + 1] == '/')
-            mkdir(folder, 0700);
+            mkdir(s_folder, 0700);
     }
 }
 
@@ -324,9 +325,9 @@ std::uint64_t FindEnvironmentStart()
 
 void PrepareCrashDump()
 {
-    environmentStart = FindEnvironmentStart();
-    pageBytes = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
-    processors = static_cast<std::uint8_t>(std::clamp(sysconf(_SC_NPROCESSORS_ONLN), 0L, 255L));
+    g_environmentStart = FindEnvironmentStart();
+    g_pageBytes = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    g_processors = static_cast<std::uint8_t>(std::clamp(sysconf(_SC_NPROCESSORS_ONLN), 0L, 255L));
     uname(&g_systemName);
 }
 
@@ -337,8 +338,8 @@ int WriteCrashDump(const CrashDumpTarget& target, const CrashSite& site)
     const int file = OpenNew(target.temporary);
     if (file < 0)
         return errno;
-    alignas(DumpBuilder) static char room[sizeof(DumpBuilder)];
-    int error = (new (room) DumpBuilder(file, site))->Build(target.full);
+    alignas(DumpBuilder) static char s_room[sizeof(DumpBuilder)];
+    int error = (new (s_room) DumpBuilder(file, site))->Build(target.full);
     if (close(file) != 0 && error == 0)
         error = errno;
     if (error == 0 && rename(target.temporary, target.path) != 0)

@@ -14,12 +14,12 @@
 
 namespace VexCore {
 namespace {
-CrashRange ranges[maxCrashRanges];
-std::size_t rangeCount = 0;
-CrashModule modules[maxCrashModules];
-std::size_t moduleCount = 0;
-char names[256 * 1024]; // of the modules, each ended by NUL
-std::size_t namesUsed = 0;
+CrashRange g_ranges[maxCrashRanges];
+std::size_t g_rangeCount = 0;
+CrashModule g_modules[maxCrashModules];
+std::size_t g_moduleCount = 0;
+char g_names[256 * 1024]; // of the modules, each ended by NUL
+std::size_t g_namesUsed = 0;
 
 // Reads memory of our own that may not be there.
 class OwnMemory
@@ -100,21 +100,21 @@ bool ParseMapLine(const char* at, MapLine& line)
 // The build id's note is in a segment of notes; `bias` is what the loader added to the file's addresses.
 void FindBuildId(const OwnMemory& memory, CrashModule& module, const ElfW(Phdr) & segment, std::uint64_t bias)
 {
-    static std::uint8_t notes[4096];
-    const std::size_t size = std::min<std::size_t>(segment.p_memsz, sizeof notes);
-    if (!memory.Read(bias + segment.p_vaddr, notes, size))
+    static std::uint8_t s_notes[4096];
+    const std::size_t size = std::min<std::size_t>(segment.p_memsz, sizeof s_notes);
+    if (!memory.Read(bias + segment.p_vaddr, s_notes, size))
         return;
     for (std::size_t at = 0; at + sizeof(ElfW(Nhdr)) <= size;) {
         ElfW(Nhdr) note;
-        std::memcpy(&note, notes + at, sizeof note);
+        std::memcpy(&note, s_notes + at, sizeof note);
         const std::size_t name = at + sizeof note;
         const std::size_t content = name + ((note.n_namesz + 3u) & ~3u);
         const std::size_t next = content + ((note.n_descsz + 3u) & ~3u);
         if (next > size || next <= at)
             return;
-        if (note.n_type == NT_GNU_BUILD_ID && note.n_namesz == 4 && std::memcmp(notes + name, "GNU", 4) == 0
+        if (note.n_type == NT_GNU_BUILD_ID && note.n_namesz == 4 && std::memcmp(s_notes + name, "GNU", 4) == 0
             && note.n_descsz <= sizeof module.buildId) {
-            std::memcpy(module.buildId, notes + content, note.n_descsz);
+            std::memcpy(module.buildId, s_notes + content, note.n_descsz);
             module.buildIdSize = note.n_descsz;
             return;
         }
@@ -150,39 +150,39 @@ const char* KeepName(const char* path)
     std::size_t size = std::strlen(path);
     if (size > sizeof deleted && std::strcmp(path + size - (sizeof deleted - 1), deleted) == 0)
         size -= sizeof deleted - 1;
-    if (namesUsed + size + 1 > sizeof names)
+    if (g_namesUsed + size + 1 > sizeof g_names)
         return nullptr;
-    char* const name = names + namesUsed;
+    char* const name = g_names + g_namesUsed;
     std::memcpy(name, path, size);
     name[size] = '\0';
-    namesUsed += size + 1;
+    g_namesUsed += size + 1;
     return name;
 }
 
 // A module begins with the mapping of its file's first bytes; later mappings of the same file belong to it.
 void AddToModules(const OwnMemory& memory, const MapLine& line)
 {
-    static char lastPath[4200];
+    static char s_lastPath[4200];
     const bool vdso = std::strcmp(line.path, "[vdso]") == 0;
     if ((line.path[0] != '/' && !vdso) || StartsWith(line.path, "/dev/"))
         return;
-    if (moduleCount > 0 && line.offset != 0 && std::strcmp(line.path, lastPath) == 0) {
-        modules[moduleCount - 1].end = line.end;
+    if (g_moduleCount > 0 && line.offset != 0 && std::strcmp(line.path, s_lastPath) == 0) {
+        g_modules[g_moduleCount - 1].end = line.end;
         return;
     }
-    if (line.offset != 0 || !line.readable || moduleCount == maxCrashModules)
+    if (line.offset != 0 || !line.readable || g_moduleCount == maxCrashModules)
         return;
     CrashModule module = {};
     module.base = line.start;
     module.end = line.end;
-    const std::size_t namesBefore = namesUsed;
+    const std::size_t namesBefore = g_namesUsed;
     module.name = KeepName(vdso ? "linux-gate.so" : line.path);
     if (!module.name || !ReadElf(memory, module)) {
-        namesUsed = namesBefore;
+        g_namesUsed = namesBefore;
         return;
     }
-    modules[moduleCount++] = module;
-    std::strncpy(lastPath, line.path, sizeof lastPath - 1);
+    g_modules[g_moduleCount++] = module;
+    std::strncpy(s_lastPath, line.path, sizeof s_lastPath - 1);
 }
 
 void AddLine(const OwnMemory& memory, const char* text)
@@ -190,11 +190,11 @@ void AddLine(const OwnMemory& memory, const char* text)
     MapLine line;
     if (!ParseMapLine(text, line))
         return;
-    if (rangeCount < maxCrashRanges) {
+    if (g_rangeCount < maxCrashRanges) {
         const bool special = StartsWith(line.path, "/dev/") && !StartsWith(line.path, "/dev/shm/")
                              && !StartsWith(line.path, "/dev/zero");
         const bool kernel = StartsWith(line.path, "[vvar") || StartsWith(line.path, "[vsyscall");
-        ranges[rangeCount++] = {line.start, line.end, line.readable, special || kernel};
+        g_ranges[g_rangeCount++] = {line.start, line.end, line.readable, special || kernel};
     }
     AddToModules(memory, line);
 }
@@ -203,51 +203,51 @@ void AddLine(const OwnMemory& memory, const char* text)
 
 bool ReadCrashMaps()
 {
-    static char text[16384 + 1];
-    rangeCount = 0;
-    moduleCount = 0;
-    namesUsed = 0;
+    static char s_text[16384 + 1];
+    g_rangeCount = 0;
+    g_moduleCount = 0;
+    g_namesUsed = 0;
     const OwnMemory memory;
     const int file = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
     if (file < 0)
         return false;
     std::size_t size = 0;
     for (;;) {
-        const ssize_t got = read(file, text + size, sizeof text - 1 - size);
+        const ssize_t got = read(file, s_text + size, sizeof s_text - 1 - size);
         if (got <= 0)
             break;
         size += static_cast<std::size_t>(got);
-        text[size] = '\0';
-        char* line = text;
+        s_text[size] = '\0';
+        char* line = s_text;
         for (char* end; (end = std::strchr(line, '\n')) != nullptr; line = end + 1) {
             *end = '\0';
             AddLine(memory, line);
         }
-        size -= static_cast<std::size_t>(line - text);
-        std::memmove(text, line, size);
-        if (size == sizeof text - 1)
+        size -= static_cast<std::size_t>(line - s_text);
+        std::memmove(s_text, line, size);
+        if (size == sizeof s_text - 1)
             size = 0; // no path is that long
     }
     close(file);
-    return rangeCount > 0;
+    return g_rangeCount > 0;
 }
 
 const CrashRange* CrashRanges(std::size_t& count)
 {
-    count = rangeCount;
-    return ranges;
+    count = g_rangeCount;
+    return g_ranges;
 }
 
 const CrashModule* CrashModules(std::size_t& count)
 {
-    count = moduleCount;
-    return modules;
+    count = g_moduleCount;
+    return g_modules;
 }
 
 const CrashRange* FindCrashRange(std::uint64_t address, std::uint64_t reachBytes)
 {
-    for (std::size_t i = 0; i < rangeCount; ++i) {
-        const CrashRange& range = ranges[i];
+    for (std::size_t i = 0; i < g_rangeCount; ++i) {
+        const CrashRange& range = g_ranges[i];
         if (range.end <= address || !range.readable || range.device)
             continue;
         return range.start <= address || range.start - address <= reachBytes ? &range : nullptr;

@@ -91,36 +91,36 @@ void MinidumpWriter::WriteAt(std::uint64_t offset, const void* data, std::size_t
 
 std::uint32_t MinidumpWriter::AppendText(const char* utf8)
 {
-    static std::uint16_t units[4096 + 3]; // after two for the length; the writing thread is the only one that runs
+    static std::uint16_t s_units[4096 + 3]; // after two for the length; the writing thread is the only one that runs
     std::size_t count = 2;
     while (*utf8 != '\0' && count < 4096) {
         const std::uint32_t code = NextCharacter(utf8);
         if (code >= 0x10000) {
-            units[count++] = static_cast<std::uint16_t>(0xD800 + ((code - 0x10000) >> 10));
-            units[count++] = static_cast<std::uint16_t>(0xDC00 + ((code - 0x10000) & 0x3FF));
+            s_units[count++] = static_cast<std::uint16_t>(0xD800 + ((code - 0x10000) >> 10));
+            s_units[count++] = static_cast<std::uint16_t>(0xDC00 + ((code - 0x10000) & 0x3FF));
         } else {
-            units[count++] = static_cast<std::uint16_t>(code);
+            s_units[count++] = static_cast<std::uint16_t>(code);
         }
     }
     const std::uint32_t bytes = static_cast<std::uint32_t>((count - 2) * 2);
-    std::memcpy(units, &bytes, sizeof bytes);
-    units[count++] = 0;
-    return Append(units, count * 2).rva;
+    std::memcpy(s_units, &bytes, sizeof bytes);
+    s_units[count++] = 0;
+    return Append(s_units, count * 2).rva;
 }
 
 Minidump::Location MinidumpWriter::AppendFile(const char* path, std::size_t maxBytes)
 {
-    static char chunk[16384];
+    static char s_chunk[16384];
     const int file = open(path, O_RDONLY | O_CLOEXEC);
     if (file < 0)
         return {0, 0};
     Align();
     Minidump::Location location = {0, static_cast<std::uint32_t>(m_end)};
-    while (location.size < maxBytes && FitsLocation(sizeof chunk)) {
-        const ssize_t got = read(file, chunk, std::min(sizeof chunk, maxBytes - location.size));
+    while (location.size < maxBytes && FitsLocation(sizeof s_chunk)) {
+        const ssize_t got = read(file, s_chunk, std::min(sizeof s_chunk, maxBytes - location.size));
         if (got <= 0)
             break;
-        WriteAt(m_end, chunk, static_cast<std::size_t>(got));
+        WriteAt(m_end, s_chunk, static_cast<std::size_t>(got));
         m_end += static_cast<std::uint64_t>(got);
         location.size += static_cast<std::uint32_t>(got);
     }

@@ -25,9 +25,9 @@ struct Slot
 
 constexpr int maxLooks = 16; // each is taken when those who were found before have stopped, or will not
 
-Slot slots[maxStoppedThreads];
-std::atomic<std::size_t> slotCount{0};
-StoppedThread result[maxStoppedThreads];
+Slot g_slots[maxStoppedThreads];
+std::atomic<std::size_t> g_slotCount{0};
+StoppedThread g_result[maxStoppedThreads];
 
 int ParkSignal()
 {
@@ -38,10 +38,10 @@ int ParkSignal()
 void Answer(const void* context)
 {
     const long self = syscall(SYS_gettid);
-    const std::size_t count = slotCount.load();
+    const std::size_t count = g_slotCount.load();
     for (std::size_t i = 0; i < count; ++i)
-        if (slots[i].number.load() == self)
-            slots[i].context.store(context);
+        if (g_slots[i].number.load() == self)
+            g_slots[i].context.store(context);
 }
 
 void Park(int, siginfo_t*, void* context)
@@ -60,7 +60,7 @@ void Nap()
 bool IsListed(long number, std::size_t count)
 {
     for (std::size_t i = 0; i < count; ++i)
-        if (slots[i].number.load() == number)
+        if (g_slots[i].number.load() == number)
             return true;
     return false;
 }
@@ -68,27 +68,27 @@ bool IsListed(long number, std::size_t count)
 // Lists the threads that are not listed yet, behind those that are.
 void ListThreads(long self)
 {
-    alignas(os::KernelDirent) static char batch[8192];
+    alignas(os::KernelDirent) static char s_batch[8192];
     const int folder = open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0)
         return;
-    std::size_t count = slotCount.load();
+    std::size_t count = g_slotCount.load();
     for (;;) {
-        const long size = syscall(SYS_getdents64, folder, batch, sizeof batch);
+        const long size = syscall(SYS_getdents64, folder, s_batch, sizeof s_batch);
         if (size <= 0)
             break;
         for (long at = 0; at < size && count < maxStoppedThreads - 1;) {
-            const auto* entry = static_cast<const os::KernelDirent*>(static_cast<const void*>(batch + at));
+            const auto* entry = static_cast<const os::KernelDirent*>(static_cast<const void*>(s_batch + at));
             long number = 0;
             for (const char* digit = entry->name; *digit >= '0' && *digit <= '9'; ++digit)
                 number = number * 10 + (*digit - '0');
             if (number > 0 && number != self && !IsListed(number, count))
-                slots[count++].number.store(number);
+                g_slots[count++].number.store(number);
             at += entry->recordSize;
         }
     }
     close(folder);
-    slotCount.store(count);
+    g_slotCount.store(count);
 }
 
 void PrepareToPark()
@@ -102,15 +102,15 @@ void PrepareToPark()
 
 void AskFrom(std::size_t first, pid_t process)
 {
-    for (std::size_t i = first; i < slotCount.load(); ++i)
-        syscall(SYS_tgkill, process, slots[i].number.load(), ParkSignal());
+    for (std::size_t i = first; i < g_slotCount.load(); ++i)
+        syscall(SYS_tgkill, process, g_slots[i].number.load(), ParkSignal());
 }
 
 std::size_t Answers()
 {
     std::size_t answers = 0;
-    for (std::size_t i = 0; i < slotCount.load(); ++i)
-        answers += slots[i].context.load() ? 1 : 0;
+    for (std::size_t i = 0; i < g_slotCount.load(); ++i)
+        answers += g_slots[i].context.load() ? 1 : 0;
     return answers;
 }
 
@@ -125,18 +125,18 @@ const StoppedThread* StopOtherThreads(pid_t process, long self, const void* ownC
     // it is made anew until nobody is new.
     for (int look = 0; look < maxLooks; ++look) {
         ListThreads(self);
-        if (slotCount.load() == asked)
+        if (g_slotCount.load() == asked)
             break;
         AskFrom(asked, process);
-        asked = slotCount.load();
+        asked = g_slotCount.load();
         for (; waited < waitMs && Answers() < asked; ++waited)
             Nap();
     }
     count = 0;
-    result[count++] = {self, ownContext};
-    for (std::size_t i = 0; i < slotCount.load(); ++i)
-        result[count++] = {slots[i].number.load(), slots[i].context.load()};
-    return result;
+    g_result[count++] = {self, ownContext};
+    for (std::size_t i = 0; i < g_slotCount.load(); ++i)
+        g_result[count++] = {g_slots[i].number.load(), g_slots[i].context.load()};
+    return g_result;
 }
 
 void AnswerAndStay(const void* context)

@@ -150,18 +150,18 @@ void SqliteStatement::Bind(int parameter, const std::optional<std::string>& text
         m_failure = sqlite3_bind_null(m_statement.get(), parameter);
 }
 
-SqliteStatement::EStep SqliteStatement::Step()
+SqliteStatement::StepResult SqliteStatement::Step()
 {
     if (m_failure == SQLITE_OK) {
         const int result = sqlite3_step(m_statement.get());
         if (result == SQLITE_ROW)
-            return EStep::Row;
+            return StepResult::Row;
         if (result == SQLITE_DONE)
-            return EStep::Done;
+            return StepResult::Done;
         m_failure = result;
     }
     m_db.Fail(m_failure);
-    return EStep::Failed;
+    return StepResult::Failed;
 }
 
 void SqliteStatement::Reset()

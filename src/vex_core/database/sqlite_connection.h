@@ -77,7 +77,7 @@ private:
 class SqliteStatement
 {
 public:
-    enum class EStep { Row, Done, Failed };
+    enum class StepResult { Row, Done, Failed };
 
     /// The first statement of `sql`; `rest`, where given, gets what follows it. A failure shows in the first `Step`.
     SqliteStatement(SqliteConnection& db, const char* sql, const char** rest = nullptr);
@@ -95,7 +95,7 @@ public:
     void Bind(int parameter, const std::optional<std::int64_t>& value);
     void Bind(int parameter, const std::optional<std::string>& text);
 
-    EStep Step();
+    StepResult Step();
     void Reset();
 
     std::int64_t ColumnInt(int column) const;

@@ -197,8 +197,8 @@ struct DomAccess
     // Never destroyed: lines are logged while the process ends.
     static Roots& LiveRoots()
     {
-        static Roots& roots = *new Roots;
-        return roots;
+        static Roots& s_roots = *new Roots;
+        return s_roots;
     }
 
     static CDom* ProcessRoot()
@@ -434,11 +434,11 @@ CDom::EWait CDom::Wait(const char* key, std::int64_t timeoutMs) const
     WaitList& waits = m_impl->store->Waits();
     const bool everything = !key || !*key;
     switch (waits.Wait(everything ? std::string_view(m_impl->prefix) : std::string_view(m_impl->Key(key)), timeoutMs)) {
-    case WaitList::EResult::Written:
+    case WaitList::Result::Written:
         return EWait::Written;
-    case WaitList::EResult::Ending:
+    case WaitList::Result::Ending:
         return EWait::Ending;
-    case WaitList::EResult::TimedOut:
+    case WaitList::Result::TimedOut:
         break;
     }
     return EWait::TimedOut;

@@ -44,8 +44,8 @@ struct Registry
 // Never destroyed: keys are written while the process ends.
 Registry& AllObservers()
 {
-    static Registry& registry = *new Registry;
-    return registry;
+    static Registry& s_registry = *new Registry;
+    return s_registry;
 }
 
 // One call on this thread. They nest: a function that writes may be called for what it wrote.

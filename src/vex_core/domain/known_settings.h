@@ -8,12 +8,12 @@
 
 namespace VexCore {
 
-enum class ESetting { Bool, Int };
+enum class SettingKind { Bool, Int };
 
 struct Setting
 {
     const char* key;
-    ESetting type;
+    SettingKind type;
     std::int64_t standard; ///< the default; 0 or 1 for a boolean
     std::int64_t least;
     std::int64_t most;
@@ -24,15 +24,15 @@ constexpr std::int64_t unlimited = std::numeric_limits<std::int64_t>::max();
 /// docs/SETTINGS.md has the same for operators, with what each means. Those below "vex." are read by Lua code, which
 /// asks vex.settings for their defaults.
 inline constexpr Setting knownSettings[] = {
-    {"app.log.count", ESetting::Int, 5, 1, 10000}, // files
-    {"app.log.size", ESetting::Int, 10 * 1024 * 1024, 4096, unlimited}, // bytes
-    {"app.lua.cache", ESetting::Bool, true, false, true},
-    {"app.unzip.maxbytes", ESetting::Int, static_cast<std::int64_t>(4) << 30, 1, unlimited}, // bytes
-    {"app.unzip.maxentries", ESetting::Int, 100000, 1, unlimited}, // entries
-    {"vex.CollectInterval", ESetting::Int, 300, 1, unlimited}, // seconds
-    {"vex.HeartbeatInterval", ESetting::Int, 60, 1, unlimited}, // seconds
-    {"vex.HeartbeatKeepDays", ESetting::Int, 30, 1, unlimited}, // days
-    {"vex.HeartbeatKeepRows", ESetting::Int, 50000, 1, unlimited}, // rows
+    {"app.log.count", SettingKind::Int, 5, 1, 10000}, // files
+    {"app.log.size", SettingKind::Int, 10 * 1024 * 1024, 4096, unlimited}, // bytes
+    {"app.lua.cache", SettingKind::Bool, true, false, true},
+    {"app.unzip.maxbytes", SettingKind::Int, static_cast<std::int64_t>(4) << 30, 1, unlimited}, // bytes
+    {"app.unzip.maxentries", SettingKind::Int, 100000, 1, unlimited}, // entries
+    {"vex.CollectInterval", SettingKind::Int, 300, 1, unlimited}, // seconds
+    {"vex.HeartbeatInterval", SettingKind::Int, 60, 1, unlimited}, // seconds
+    {"vex.HeartbeatKeepDays", SettingKind::Int, 30, 1, unlimited}, // days
+    {"vex.HeartbeatKeepRows", SettingKind::Int, 50000, 1, unlimited}, // rows
 };
 
 /// Null when there is no such setting. Keys are the same in any case in a file, but not here.

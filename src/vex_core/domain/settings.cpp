@@ -26,7 +26,7 @@ std::vector<std::string> WithFile(std::vector<std::string> keys)
 std::int64_t IntSetting(const CDom& dom, const char* key)
 {
     const Setting* const setting = FindSetting(key);
-    wxCHECK_MSG(setting && setting->type == ESetting::Int, 0, key);
+    wxCHECK_MSG(setting && setting->type == SettingKind::Int, 0, key);
     std::int64_t value = 0;
     if (!dom.GetSetting(key, value) || (value <= 0 && value < setting->least))
         return setting->standard;
@@ -36,7 +36,7 @@ std::int64_t IntSetting(const CDom& dom, const char* key)
 bool BoolSetting(const CDom& dom, const char* key)
 {
     const Setting* const setting = FindSetting(key);
-    wxCHECK_MSG(setting && setting->type == ESetting::Bool, false, key);
+    wxCHECK_MSG(setting && setting->type == SettingKind::Bool, false, key);
     bool value = setting->standard != 0;
     dom.GetSetting(key, value);
     return value;

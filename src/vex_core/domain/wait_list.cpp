@@ -79,7 +79,7 @@ private:
     std::vector<Entry> m_entries;
 };
 
-WaitList::EResult WaitList::Wait(std::string_view scope, std::int64_t timeoutMs)
+WaitList::Result WaitList::Wait(std::string_view scope, std::int64_t timeoutMs)
 {
     WaitPoint& point = WaitPoint::OfThisThread();
     const std::shared_ptr<Subscription> subscription = ThreadSubscriptions::OfThisThread().Find(*this, scope);
@@ -93,17 +93,17 @@ WaitList::EResult WaitList::Wait(std::string_view scope, std::int64_t timeoutMs)
     }
 
     for (;;) {
-        const WaitPoint::EOutcome outcome = point.Sleep(deadline.LeftMs());
+        const WaitPoint::Outcome outcome = point.Sleep(deadline.LeftMs());
         const std::lock_guard lock(m_lock);
         const bool written = subscription->written;
         // A notification of an earlier wait that was sent too late for it.
-        if (outcome == WaitPoint::EOutcome::Notified && !written)
+        if (outcome == WaitPoint::Outcome::Notified && !written)
             continue;
         subscription->sleeper = nullptr;
-        if (outcome == WaitPoint::EOutcome::Ending)
-            return EResult::Ending;
+        if (outcome == WaitPoint::Outcome::Ending)
+            return Result::Ending;
         subscription->written = false;
-        return written ? EResult::Written : EResult::TimedOut;
+        return written ? Result::Written : Result::TimedOut;
     }
 }
 

@@ -24,10 +24,10 @@ class WaitPoint;
 class WaitList : public std::enable_shared_from_this<WaitList>
 {
 public:
-    enum class EResult { Written, TimedOut, Ending };
+    enum class Result { Written, TimedOut, Ending };
 
     /// Sleeps until `scope` or a key below it is written. An empty scope is every key.
-    EResult Wait(std::string_view scope, std::int64_t timeoutMs);
+    Result Wait(std::string_view scope, std::int64_t timeoutMs);
 
     /// `key` was written or removed. One atomic load when nobody ever waited.
     void Written(std::string_view key);

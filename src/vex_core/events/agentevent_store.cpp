@@ -56,10 +56,10 @@ wxString Shown(const std::string& text)
 // left); then the clock and our pid do.
 std::string NewKey()
 {
-    static std::atomic<unsigned> serial{0};
+    static std::atomic<unsigned> s_serial{0};
     char text[80];
     std::snprintf(text, sizeof text, "%llx-%lx-%x", static_cast<unsigned long long>(TimeNowMillis()),
-                  static_cast<unsigned long>(os::ProcessId()), serial++);
+                  static_cast<unsigned long>(os::ProcessId()), s_serial++);
     try {
         std::random_device random;
         std::snprintf(text, sizeof text, "%08x%08x%08x%08x", random(), random(), random(), random());
@@ -248,7 +248,7 @@ bool EventStore::InsertKey(const EventRecord& record)
 {
     SqliteStatement statement(m_db, "INSERT OR IGNORE INTO agent_event_key(key) VALUES(?)");
     statement.Bind(1, record.key);
-    return statement.Step() == SqliteStatement::EStep::Done;
+    return statement.Step() == SqliteStatement::StepResult::Done;
 }
 
 std::int64_t EventStore::Insert(const EventRecord& record)
@@ -261,7 +261,7 @@ std::int64_t EventStore::Insert(const EventRecord& record)
     statement.Bind(4, record.severity);
     statement.Bind(5, record.text);
     statement.Bind(6, record.xml);
-    return statement.Step() == SqliteStatement::EStep::Done ? m_db.LastInsertId() : 0;
+    return statement.Step() == SqliteStatement::StepResult::Done ? m_db.LastInsertId() : 0;
 }
 
 std::int64_t EventStore::InsertOnce(const EventRecord& record)
@@ -296,11 +296,11 @@ bool EventStore::StorePending()
 {
     if (!m_pending.Exists())
         return true;
-    const PendingEvents::ETaken taken =
+    const PendingEvents::TakeResult taken =
         m_pending.Take([this](const std::vector<EventRecord>& records) { return StoreAll(records); });
-    if (taken == PendingEvents::ETaken::Unreadable)
+    if (taken == PendingEvents::TakeResult::Unreadable)
         wxLogSysError("Unable to take the events out of '%s'", Shown(m_pending.Path()));
-    return taken != PendingEvents::ETaken::Refused;
+    return taken != PendingEvents::TakeResult::Refused;
 }
 
 bool EventStore::StoreKeptLocked()
@@ -366,8 +366,8 @@ constexpr std::chrono::seconds retryPause{10};
 // Never destroyed: events are written while the process ends.
 Registry& GetRegistry()
 {
-    static Registry& registry = *new Registry;
-    return registry;
+    static Registry& s_registry = *new Registry;
+    return s_registry;
 }
 
 } // namespace

@@ -137,23 +137,23 @@ bool PendingEvents::Append(const EventRecord& record)
     return kept;
 }
 
-PendingEvents::ETaken PendingEvents::Take(const std::function<bool(const std::vector<EventRecord>&)>& store)
+PendingEvents::TakeResult PendingEvents::Take(const std::function<bool(const std::vector<EventRecord>&)>& store)
 {
     const os::Descriptor file = OpenLocked(m_path, O_RDWR);
     std::string text;
     if (!file)
-        return os::LastError() == ENOENT ? ETaken::All : ETaken::Unreadable;
+        return os::LastError() == ENOENT ? TakeResult::All : TakeResult::Unreadable;
     if (!os::ReadToEnd(file.Get(), text))
-        return ETaken::Unreadable;
+        return TakeResult::Unreadable;
     if (!store(ParseLines(text, m_path)))
-        return ETaken::Refused;
+        return TakeResult::Refused;
     if (os::Unlink(m_path.c_str()) == 0) {
         FlushFolderOf(m_path);
-        return ETaken::All;
+        return TakeResult::All;
     }
     // All are stored, and their keys keep them from being stored again for as long as they are here.
     const bool empty = text.empty() || (os::FTruncate(file.Get(), 0) == 0 && os::FSync(file.Get()) == 0);
-    return empty ? ETaken::All : ETaken::Unreadable;
+    return empty ? TakeResult::All : TakeResult::Unreadable;
 }
 
 } // namespace VexCore

@@ -36,14 +36,14 @@ public:
     /// Adds the record and flushes it to the disk. False with the last error: the file is as it was.
     bool Append(const EventRecord& record);
 
-    enum class ETaken {
+    enum class TakeResult {
         All, ///< `store` took them and the file is gone, or empty where it cannot be removed
         Refused, ///< `store` did not take them; the file is as it was
         Unreadable, ///< the file could not be locked or read, or still holds what `store` took; the last error says why
     };
     /// Hands all records to `store`, which puts them away for good or answers false; then removes the file. A
     /// process that dies in between leaves the file, and `store` sees the same keys again.
-    ETaken Take(const std::function<bool(const std::vector<EventRecord>&)>& store);
+    TakeResult Take(const std::function<bool(const std::vector<EventRecord>&)>& store);
 
 private:
     std::string m_path;

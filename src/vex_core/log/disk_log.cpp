@@ -34,7 +34,7 @@ std::string NumberAndText(int error)
 
 // --- records
 
-const char* LogLevelWord(ELogLevel level)
+const char* LogLevelWord(LogLevel level)
 {
     static constexpr const char* words[] = {"FATAL", "ERROR", "WARNING", "MESSAGE", "INFO", "DEBUG", "TRACE"};
     return words[static_cast<int>(level)];
@@ -64,8 +64,8 @@ std::string LogText(std::string_view text)
     return result;
 }
 
-std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel level, pid_t process,
-                            const char* thread, std::string_view text)
+std::string FormatLogRecord(std::time_t time, const char* timeFormat, LogLevel level, pid_t process, const char* thread,
+                            std::string_view text)
 {
     char stamp[128];
     struct tm local = {};
@@ -254,7 +254,7 @@ void DiskLog::Fail(int error)
 
 std::string DiskLog::OwnRecord(const std::string& text) const
 {
-    return FormatLogRecord(std::time(nullptr), m_timeFormat.c_str(), ELogLevel::Warning, os::ProcessId(), "log", text);
+    return FormatLogRecord(std::time(nullptr), m_timeFormat.c_str(), LogLevel::Warning, os::ProcessId(), "log", text);
 }
 
 // --- the file

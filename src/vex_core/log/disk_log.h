@@ -18,17 +18,17 @@
 
 namespace VexCore {
 
-enum class ELogLevel { Fatal, Error, Warning, Message, Info, Debug, Trace };
+enum class LogLevel { Fatal, Error, Warning, Message, Info, Debug, Trace };
 
-const char* LogLevelWord(ELogLevel level);
+const char* LogLevelWord(LogLevel level);
 
 /// The text as it stands in a record: lines after the first are indented, so that only a record's own first line starts
 /// with a time; line breaks at the end go; other control characters, which could do things to a terminal, become \xNN.
 std::string LogText(std::string_view text);
 
 /// A whole record with its line end. `timeFormat` is strftime's.
-std::string FormatLogRecord(std::time_t time, const char* timeFormat, ELogLevel level, pid_t process,
-                            const char* thread, std::string_view text);
+std::string FormatLogRecord(std::time_t time, const char* timeFormat, LogLevel level, pid_t process, const char* thread,
+                            std::string_view text);
 
 /// Appends records to one file that other processes append to as well, and rotates it.
 ///

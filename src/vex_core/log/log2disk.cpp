@@ -36,9 +36,9 @@ std::atomic<DiskLog*> g_replacement{nullptr};
 // Never destroyed: lines are logged while the process ends, and after.
 DiskLog& ProcessLog()
 {
-    static DiskLog& log = *new DiskLog(maxHeldBytes, standardError);
+    static DiskLog& s_log = *new DiskLog(maxHeldBytes, standardError);
     DiskLog* const replacement = g_replacement.load(std::memory_order_relaxed);
-    return replacement ? *replacement : log;
+    return replacement ? *replacement : s_log;
 }
 
 std::string TimeFormat()
@@ -62,8 +62,8 @@ std::string PlaceIn(const RootDom& root)
 // Never destroyed, as the log.
 SettingsWatch& LogWatch()
 {
-    static SettingsWatch& watch = *new SettingsWatch({"app.log.size", "app.log.count"});
-    return watch;
+    static SettingsWatch& s_watch = *new SettingsWatch({"app.log.size", "app.log.count"});
+    return s_watch;
 }
 
 // Brings place and settings up to date: the place until there is one, the settings when they changed.
@@ -86,24 +86,24 @@ void Prepare(DiskLog& log)
     });
 }
 
-ELogLevel LevelOf(wxLogLevel level)
+LogLevel LevelOf(wxLogLevel level)
 {
     switch (level) {
     case wxLOG_FatalError:
-        return ELogLevel::Fatal;
+        return LogLevel::Fatal;
     case wxLOG_Error:
-        return ELogLevel::Error;
+        return LogLevel::Error;
     case wxLOG_Warning:
-        return ELogLevel::Warning;
+        return LogLevel::Warning;
     case wxLOG_Message:
-        return ELogLevel::Message;
+        return LogLevel::Message;
     case wxLOG_Debug:
     case wxLOG_Progress:
-        return ELogLevel::Debug;
+        return LogLevel::Debug;
     case wxLOG_Trace:
-        return ELogLevel::Trace;
+        return LogLevel::Trace;
     default:
-        return ELogLevel::Info;
+        return LogLevel::Info;
     }
 }
 
@@ -117,13 +117,13 @@ const char* NameOf(wxThreadIdType thread)
     return main == 0 || thread == main ? "main" : "thread";
 }
 
-void WriteRecord(ELogLevel level, std::time_t time, wxThreadIdType thread, const wxString& message)
+void WriteRecord(LogLevel level, std::time_t time, wxThreadIdType thread, const wxString& message)
 {
     DiskLog& log = ProcessLog();
     Prepare(log);
     const std::string text = BytesFromText(message);
     // In the background standard error is /dev/null, which is no terminal.
-    const bool shown = level <= ELogLevel::Warning && os::IsTerminal(standardError);
+    const bool shown = level <= LogLevel::Warning && os::IsTerminal(standardError);
     if (shown) {
         const std::string line = std::string(LogLevelWord(level)) + ' ' + LogText(text) + '\n';
         os::WriteBestEffort(standardError, line.data(), line.size());

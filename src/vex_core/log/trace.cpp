@@ -37,7 +37,7 @@ TraceLists& Lists()
     return s_lists;
 }
 
-[[maybe_unused]] const TraceLists& listsFromTheBeginning =
+[[maybe_unused]] const TraceLists& g_listsFromTheBeginning =
     Lists(); // a write before the first trace line counts as well
 
 // Takes over what the lists of the process's root domain are now.

@@ -37,8 +37,8 @@ struct Database
 std::mutex g_openLock;
 std::set<Database*>& OpenDatabases() // guarded by g_openLock
 {
-    static auto* databases = new std::set<Database*>; // never destroyed: a state may be closed by a late exit
-    return *databases;
+    static auto* s_databases = new std::set<Database*>; // never destroyed: a state may be closed by a late exit
+    return *s_databases;
 }
 
 Database& Receiver(lua_State* L)

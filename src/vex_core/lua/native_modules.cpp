@@ -337,7 +337,7 @@ int SettingsDefault(lua_State* L)
     const Setting* const setting = FindSetting(PlainTextArgument(L, 1));
     if (!setting)
         lua_pushnil(L);
-    else if (setting->type == ESetting::Bool)
+    else if (setting->type == SettingKind::Bool)
         lua_pushboolean(L, setting->standard != 0);
     else
         lua_pushnumber(L, static_cast<double>(setting->standard));

@@ -151,7 +151,7 @@ bool Worker::WaitForEnd(std::int64_t timeoutMs)
     while (!m_done && !isOver) {
         lock.unlock();
         // A notification may also be a late one of a key that this thread has waited for.
-        isOver = point.Sleep(deadline.LeftMs()) != WaitPoint::EOutcome::Notified;
+        isOver = point.Sleep(deadline.LeftMs()) != WaitPoint::Outcome::Notified;
         lock.lock();
     }
     m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), &point), m_waiting.end());

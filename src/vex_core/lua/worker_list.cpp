@@ -26,8 +26,8 @@ const EndStepOwner endThreads(EndStep::EndThreads, [] { EndThreads(threadsEndMs)
 
 WorkerList& WorkerList::OfProcess()
 {
-    static WorkerList& list = *new WorkerList;
-    return list;
+    static WorkerList& s_list = *new WorkerList;
+    return s_list;
 }
 
 bool WorkerList::Start(const std::shared_ptr<Worker>& worker)

@@ -62,23 +62,23 @@ public:
 private:
     static std::mutex& Mutex()
     {
-        static std::mutex mutex;
-        return mutex;
+        static std::mutex s_mutex;
+        return s_mutex;
     }
     static int& Users()
     {
-        static int users = 0;
-        return users;
+        static int s_users = 0;
+        return s_users;
     }
     static bool& Changed()
     {
-        static bool changed = false;
-        return changed;
+        static bool s_changed = false;
+        return s_changed;
     }
     static struct sigaction& Previous()
     {
-        static struct sigaction previous = {};
-        return previous;
+        static struct sigaction s_previous = {};
+        return s_previous;
     }
 };
 

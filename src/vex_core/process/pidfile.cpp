@@ -111,8 +111,8 @@ private:
 // Not flushed to the disk: after a power cut the pid means nothing any more.
 bool WriteThroughRename(const std::string& path, const std::string& text)
 {
-    static std::atomic<unsigned> serial{0}; // two threads may write at once
-    TemporaryFile temporary(path + "." + std::to_string(os::ProcessId()) + "." + std::to_string(serial++) + ".tmp");
+    static std::atomic<unsigned> s_serial{0}; // two threads may write at once
+    TemporaryFile temporary(path + "." + std::to_string(os::ProcessId()) + "." + std::to_string(s_serial++) + ".tmp");
     os::Descriptor file = temporary.Create();
     return file && os::WriteAll(file.Get(), text.data(), text.size()) && os::FChmod(file.Get(), 0644) == 0
            && file.Close() && temporary.RenameTo(path);

@@ -29,8 +29,8 @@ struct ParkState
 
     static ParkState& Get()
     {
-        static ParkState* state = new ParkState;
-        return *state;
+        static ParkState* s_state = new ParkState;
+        return *s_state;
     }
 };
 

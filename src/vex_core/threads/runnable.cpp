@@ -32,8 +32,8 @@ thread_local CRunnable* t_current = nullptr;
 
 struct CRunnable::Impl
 {
-    enum class EState { New, Running, Ended };
-    enum class EJoin { NotYet, Running, Done };
+    enum class State { New, Running, Ended };
+    enum class JoinResult { NotYet, Running, Done };
 
     CDom* dom = nullptr; // set before the thread starts
     std::unique_ptr<wxLog> logTarget; // the same; used by the thread alone
@@ -42,8 +42,8 @@ struct CRunnable::Impl
 
     std::mutex lock;
     std::condition_variable ended;
-    EState state = EState::New; // guarded by lock
-    EJoin join = EJoin::NotYet; // guarded by lock; whether the system's thread is gone
+    State state = State::New; // guarded by lock
+    JoinResult join = JoinResult::NotYet; // guarded by lock; whether the system's thread is gone
 };
 
 CRunnable::CRunnable(bool detached, int processor, bool critical)
@@ -88,9 +88,9 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
         logTarget = std::make_unique<CLog2Disk>();
     {
         const std::lock_guard lock(m_impl->lock);
-        if (m_impl->state != Impl::EState::New)
+        if (m_impl->state != Impl::State::New)
             return false;
-        m_impl->state = Impl::EState::Running;
+        m_impl->state = Impl::State::Running;
         m_impl->logTarget = std::move(logTarget);
     }
     RegisterThread(*this, takesPartInStop);
@@ -107,8 +107,8 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
     UnregisterThread(*this);
     {
         const std::lock_guard lock(m_impl->lock);
-        m_impl->state = Impl::EState::Ended;
-        m_impl->join = Impl::EJoin::Done;
+        m_impl->state = Impl::State::Ended;
+        m_impl->join = Impl::JoinResult::Done;
     }
     wxLogError("Thread \"%s\" could not be started: the system has no room for one more.",
                FromForeignBytes(GetThreadName()));
@@ -154,7 +154,7 @@ void CRunnable::OnExit()
     UnregisterThread(*this);
     // Last, and under the lock: who waits may destroy the object once it has joined the thread.
     const std::lock_guard lock(m_impl->lock);
-    m_impl->state = Impl::EState::Ended;
+    m_impl->state = Impl::State::Ended;
     m_impl->ended.notify_all();
 }
 
@@ -169,25 +169,25 @@ bool CRunnable::join(long timeoutMs)
 {
     Impl& impl = *m_impl;
     std::unique_lock lock(impl.lock);
-    const auto hasEnded = [&] { return impl.state != Impl::EState::Running; };
+    const auto hasEnded = [&] { return impl.state != Impl::State::Running; };
     if (timeoutMs < 0)
         impl.ended.wait(lock, hasEnded);
     else if (!impl.ended.wait_for(lock, std::chrono::milliseconds(timeoutMs), hasEnded))
         return false;
-    if (impl.state == Impl::EState::New)
+    if (impl.state == Impl::State::New)
         return true;
 
     // One thread joins; the others wait for it. No lock is held meanwhile: wx takes one of its own on the
     // main thread.
-    if (impl.join == Impl::EJoin::NotYet) {
-        impl.join = Impl::EJoin::Running;
+    if (impl.join == Impl::JoinResult::NotYet) {
+        impl.join = Impl::JoinResult::Running;
         lock.unlock();
         wxThread::Wait();
         lock.lock();
-        impl.join = Impl::EJoin::Done;
+        impl.join = Impl::JoinResult::Done;
         impl.ended.notify_all();
     }
-    impl.ended.wait(lock, [&] { return impl.join == Impl::EJoin::Done; });
+    impl.ended.wait(lock, [&] { return impl.join == Impl::JoinResult::Done; });
     return true;
 }
 
@@ -209,7 +209,7 @@ void CRunnable::interrupt()
 {
     const std::lock_guard lock(m_impl->lock);
     // Under the lock the thread cannot be joined, so that its id stays its own.
-    if (m_impl->state == Impl::EState::Running)
+    if (m_impl->state == Impl::State::Running)
         os::SignalThread(GetId(), SigThreadDelete);
 }
 
@@ -221,7 +221,7 @@ bool CRunnable::TestDestroy()
 bool CRunnable::Running() const
 {
     const std::lock_guard lock(m_impl->lock);
-    return m_impl->state == Impl::EState::Running;
+    return m_impl->state == Impl::State::Running;
 }
 
 std::int64_t RunnableAccess::AskedForMs(const CRunnable& runnable)

@@ -23,8 +23,8 @@ struct Registry
 
     static Registry& Get()
     {
-        static Registry* registry = new Registry;
-        return *registry;
+        static Registry* s_registry = new Registry;
+        return *s_registry;
     }
 };
 

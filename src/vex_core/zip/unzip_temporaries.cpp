@@ -60,12 +60,12 @@ private:
 
 std::string NewId()
 {
-    static std::atomic<unsigned> counter{0};
+    static std::atomic<unsigned> s_counter{0};
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     char text[64];
     std::snprintf(text, sizeof text, "%llx-%lx-%x",
                   static_cast<unsigned long long>(std::chrono::duration_cast<std::chrono::microseconds>(now).count()),
-                  static_cast<unsigned long>(os::ProcessId()), counter.fetch_add(1));
+                  static_cast<unsigned long>(os::ProcessId()), s_counter.fetch_add(1));
     return text;
 }
 

@@ -93,6 +93,7 @@ BREACHES = [
     ("src/vex_core/log/a.cpp", "int a;\nvoid f() { std::fputws(L\"a\", stdout); }\n", 2, "wide output"),
     ("src/vex_core/log/a.cpp", "void f() { std::wcerr << L\"a\"; }\n", 1, "wide output"),
     ("src/slb3/a.cpp", "static thread_local int own = 0;\n", 1, "begins with t_"),
+    ("src/slb3/a.cpp", "constexpr int kMaxCount = 1;\n", 1, "constants have no mark"),
     ("src/slb3/a.cpp", "const std::lock_guard<std::mutex> lock(m_lock);\n", 1, "const std::lock_guard lock(m_lock);"),
     ("src/slb3/a.cpp", "int a;\nstd::lock_guard lock(m_lock);\n", 2, "const std::lock_guard lock(m_lock);"),
     ("bench/a.cpp", "void f() { std::shared_lock<Lock> lock(m_lock); }\n", 1, "const std::lock_guard lock(m_lock);"),
@@ -113,8 +114,9 @@ BREACHES = [
     ("src/slb3/a.cpp", "/// What f does.\nvoid f();\n", 1, "/// is for declarations in headers"),
     ("src/slb3/a.cpp", "int a; ///< what it is\n", 1, "/// is for declarations in headers"),
     ("src/slb3/a.cpp", "namespace {\n\nint a;\n\n} // namespace\n", 2, "no blank line"),
-    ("src/vex_core/log/a.h", "#pragma once\nclass CReader\n{\n};\n", 2, "CReader: a C in front"),
-    ("src/vex/apps/vex/a.cpp", "enum class CKind { One };\n", 1, "CKind: a C in front"),
+    ("src/vex_core/log/a.h", "#pragma once\nclass CReader\n{\n};\n", 2, "CReader: a C or E in front"),
+    ("tests/support/a.h", "#pragma once\nstruct A\n{\n    enum class EKind { One };\n};\n", 4, "EKind: a C or E in front"),
+    ("src/vex/apps/vex/a.cpp", "enum class CKind { One };\n", 1, "CKind: a C or E in front"),
     ("src/slb3/a.cpp", "int a;\n// " + 118 * "a" + "\n", 2, "more than 120 columns"),
     ("tests/unit/slb3/a_test.cpp", 'TEST(A, B) { f("' + 102 * "a" + '"); }\n', 1, "more than 120 columns"),
     ("src/slb3/LuaStack.cpp", "int a;\n", 1, "names of files are snake_case"),
@@ -161,7 +163,8 @@ ALLOWED = [
     ("src/slb3/a.cpp", "// " + 117 * "a" + "\n// " + 117 * "ä" + "\n"),
     ("src/slb3/a.h", "#pragma once\n// What it tells.\n" + "int a; ///< of b\n" * 8),
     ("src/vex/apps/vex/a.h", "#pragma once\nclass CDom;\nclass CAgentApp : public wxAppConsole\nclass CallObserver;\nstruct CDom::Impl\n"),
-    ("src/vex/core/a.h", "#pragma once\nclass VEX_CORE_API CDom\n"),
+    ("src/vex/core/a.h", "#pragma once\nclass VEX_CORE_API CDom\nenum class EWait {};\n"),
+    ("src/slb3/a.cpp", "enum Ending {};\nstruct Entry;\nenum class EKind;\n"),
     ("tests/unit/slb3/a_test.cpp", 'TEST(ClassDeathTest, B) {\n    EXPECT_EQ(a, "b");\n    EXPECT_EQ("b" + a, c);\n    EXPECT_GT(1, a);\n}\n'),
     ("tests/e2e/conftest.py", "import os\nassert pid > 1\nos.kill(pid, 9)\n"),
     ("src/vex/apps/vexctl/a.cpp", '#include "vex/apps/vex/package_name.h"\n'),
@@ -286,8 +289,8 @@ def test_settings_of_code_and_documents_are_the_same(tree):
 def test_a_documented_default_is_the_codes(tree):
     files = {"docs/SETTINGS.md": SETTINGS + "| app.log.count | x | 6 | y |\n| app.log.size | x | 8192 | y |\n"
                                           "| app.new | x | 3 | y |\n",
-             "src/vex_core/domain/known_settings.h": '#pragma once\n{"app.log.count", ESetting::Int, 5, 1},\n'
-                                                     '{"app.log.size", ESetting::Int, 8 * 1024, 1},\n',
+             "src/vex_core/domain/known_settings.h": '#pragma once\n{"app.log.count", SettingKind::Int, 5, 1},\n'
+                                                     '{"app.log.size", SettingKind::Int, 8 * 1024, 1},\n',
              "src/vex_core/log/a.cpp": 'Get("app.log.count", "app.log.size", "app.new");\n'}
     code, output = tidy(tree(files))
     assert code == 1

@@ -122,8 +122,8 @@ TEST(GlobalReference, OneObjectHasAllTheNamesAndNullMakesThemNil)
 TEST(ClassMemory, EveryFailingAllocationOfADefinitionIsAMemoryErrorAndNothingElse)
 {
     const int failures = SweepAllocations([](lua_State* L) {
-        static Account account;
-        SLB3::PushReference(L, &account);
+        static Account s_account;
+        SLB3::PushReference(L, &s_account);
         lua_setglobal(L, "account");
         SLB3::PushValue<Other>(L);
         return 0;
@@ -134,8 +134,8 @@ TEST(ClassMemory, EveryFailingAllocationOfADefinitionIsAMemoryErrorAndNothingEls
 TEST(ClassMemory, EveryFailingAllocationOfACallIsAMemoryErrorAndNothingElse)
 {
     const int failures = SweepAllocations([](lua_State* L) {
-        static Account account;
-        SLB3::PushReference(L, &account);
+        static Account s_account;
+        SLB3::PushReference(L, &s_account);
         lua_setglobal(L, "account");
         const char* code = "for i = 1, 3 do account:Names() account:Greet('n' .. i) pcall(account.Throw, account) "
                            "pcall(account.Flip, account, i) pcall(account.Balance, {}) end";

@@ -19,23 +19,23 @@ TEST_F(ErrorInLua, ErrorOfLuaItselfPassesUntouched)
 TEST_F(ErrorInLua, ErrorOfLuaUnwindsTheFramesOnItsWay)
 {
     // A Lua that was built as C jumps over them: destructors would not run, and locks and memory would stay taken.
-    static int alive;
-    alive = 0;
+    static int s_alive;
+    s_alive = 0;
     struct Counted
     {
-        Counted() { ++alive; }
-        ~Counted() { --alive; }
+        Counted() { ++s_alive; }
+        ~Counted() { --s_alive; }
     };
     lua_register(L, "deep", [](lua_State* state) -> int {
         const Counted here;
         const auto inner = [state] {
             const Counted there;
-            return luaL_error(state, "raised with %d alive", alive);
+            return luaL_error(state, "raised with %d alive", s_alive);
         };
         return inner();
     });
     EXPECT_EQ(Run("deep()"), "error: test:1: raised with 2 alive");
-    EXPECT_EQ(alive, 0);
+    EXPECT_EQ(s_alive, 0);
 }
 
 TEST_F(ErrorInLua, LongExceptionTextIsCut)
@@ -45,13 +45,13 @@ TEST_F(ErrorInLua, LongExceptionTextIsCut)
         std::string text = std::string(5000, 'x');
         const char* what() const noexcept override { return text.c_str(); }
     };
-    char text[SLB3::internal::ExceptionTextBytes];
+    char text[SLB3::internal::exceptionTextBytes];
     try {
         throw Long();
     } catch (...) {
         EXPECT_TRUE(SLB3::internal::DescribeException(text));
     }
-    EXPECT_EQ(std::string(text), std::string(SLB3::internal::ExceptionTextBytes - 1, 'x'));
+    EXPECT_EQ(std::string(text), std::string(SLB3::internal::exceptionTextBytes - 1, 'x'));
 }
 
 TEST_F(ErrorInLua, StackIsBalancedAfterErrors)

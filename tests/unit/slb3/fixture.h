@@ -121,7 +121,7 @@ protected:
     Binder() : L(luaL_newstate())
     {
         luaL_openlibs(L);
-        SLB3::PushReference(L, &account);
+        SLB3::PushReference(L, &m_account);
         lua_setglobal(L, "account");
     }
     ~Binder() override
@@ -142,6 +142,6 @@ protected:
         return result;
     }
 
-    Account account;
+    Account m_account;
     lua_State* L;
 };

@@ -6,13 +6,13 @@ using BoundMethod = Binder;
 TEST_F(BoundMethod, MethodReachesItsObject)
 {
     EXPECT_EQ(Run("select('#', account:Deposit(5))"), "0");
-    EXPECT_EQ(account.balance, 5);
+    EXPECT_EQ(m_account.balance, 5);
     EXPECT_EQ(Run("account:Balance()"), "5");
 }
 
 TEST_F(BoundMethod, FunctionWithTheObjectInFrontIsAMethodToo)
 {
-    account.balance = 4;
+    m_account.balance = 4;
     EXPECT_EQ(Run("account:TwiceBalance()"), "8");
     EXPECT_EQ(Run("account:TwiceBalance(1)"), "9");
 }

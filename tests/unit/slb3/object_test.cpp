@@ -12,8 +12,8 @@ TEST_F(BoundObject, RecordOfAReferenceSaysSo)
     EXPECT_EQ(record.Kind(), StoragePointer);
     EXPECT_EQ(record.Policy(), PolicyReference);
     EXPECT_STREQ(record.className, "Bank.Account");
-    EXPECT_EQ(record.pointer, &account);
-    EXPECT_EQ(record.unpack(record), &account);
+    EXPECT_EQ(record.pointer, &m_account);
+    EXPECT_EQ(record.unpack(record), &m_account);
     EXPECT_EQ(record.parents, GetParentsConversionArray(L, "Bank.Account"));
     EXPECT_EQ(record.parents[0].parentName, nullptr);
 }

@@ -16,7 +16,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-using FakeCore::answers;
+using FakeCore::Answers;
 using FakeCore::Count;
 using FakeCore::Journal;
 using testing::ElementsAre;
@@ -25,8 +25,8 @@ using testing::ElementsAreArray;
 namespace {
 using Lines = std::vector<std::string>;
 
-const char* const PidFile = "/var/run/vx_agent.pid";
-constexpr int ExitThree = 3 << 8;
+const char* const pidFile = "/var/run/vx_agent.pid";
+constexpr int exitThree = 3 << 8;
 
 class BackgroundMode : public testing::Test
 {
@@ -78,7 +78,7 @@ protected:
 Lines StartLines(int child)
 {
     return {"BlockTerm()",         "ForkWorker()",  "BlockChild()",
-            "HandleTerm(handler)", "UnblockTerm()", "Wait(" + std::to_string(FakeSystem::Child + child) + ")"};
+            "HandleTerm(handler)", "UnblockTerm()", "Wait(" + std::to_string(FakeSystem::firstChildId + child) + ")"};
 }
 
 Lines GoneLines()
@@ -112,7 +112,7 @@ TEST_F(BackgroundMode, NamesItsPidFileAfterTheApplication)
 
 TEST_F(BackgroundMode, ToleratesAPidFileOfADeadProcess)
 {
-    answers().pidFileAnswers = {12345};
+    Answers().pidFileAnswers = {12345};
     m_system.ask = -ESRCH;
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_EQ(Journal()[1], "Ask(12345)");
@@ -122,7 +122,7 @@ TEST_F(BackgroundMode, ToleratesAPidFileOfADeadProcess)
 
 TEST_F(BackgroundMode, RefusesToStartBesideALiveInstance)
 {
-    answers().pidFileAnswers = {12345};
+    Answers().pidFileAnswers = {12345};
     const Ended ended = RunToEnd();
     EXPECT_EQ(ended.status, 1);
     EXPECT_FALSE(ended.atOnce);
@@ -132,7 +132,7 @@ TEST_F(BackgroundMode, RefusesToStartBesideALiveInstance)
 
 TEST_F(BackgroundMode, TakesAProcessThatMayNotBeSignalledForALiveInstance)
 {
-    answers().pidFileAnswers = {12345};
+    Answers().pidFileAnswers = {12345};
     m_system.ask = -EPERM;
     EXPECT_EQ(RunToEnd().status, 1);
     EXPECT_EQ(Count("Log(Error, \"/var/run/vx_agent.pid present, exiting\")"), 1u);
@@ -141,7 +141,7 @@ TEST_F(BackgroundMode, TakesAProcessThatMayNotBeSignalledForALiveInstance)
 TEST_F(BackgroundMode, CutsALongPidFileNameToTheCharactersThatTheMessagesAllow)
 {
     const wxString name(wxUniChar('n'), 150);
-    answers().pidFileAnswers = {12345, 12345};
+    Answers().pidFileAnswers = {12345, 12345};
     RunToEnd(name);
     const std::string shown = ("/var/run/" + name).Left(128).utf8_string();
     EXPECT_EQ(Count("Log(Error, \"" + shown + " present, exiting\")"), 1u);
@@ -152,7 +152,7 @@ TEST_F(BackgroundMode, CutsALongPidFileNameToTheCharactersThatTheMessagesAllow)
 
 TEST_F(BackgroundMode, EndsAsForALiveInstanceWhenAnotherStartHasTheLock)
 {
-    m_system.lock = VexOs::ELock::HeldByOther;
+    m_system.lock = VexOs::LockResult::HeldByOther;
     EXPECT_EQ(RunToEnd().status, 1);
     EXPECT_THAT(LogLines(), ElementsAre("Log(Error, \"/var/run/vx_agent.pid present, exiting\")"));
     EXPECT_TRUE(Journal({"Fork"}).empty());
@@ -160,7 +160,7 @@ TEST_F(BackgroundMode, EndsAsForALiveInstanceWhenAnotherStartHasTheLock)
 
 TEST_F(BackgroundMode, StartsWithAWarningWhenTheLockCannotBeMade)
 {
-    m_system.lock = VexOs::ELock::Unavailable;
+    m_system.lock = VexOs::LockResult::Unavailable;
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_THAT(LogLines(),
                 ElementsAre("Log(Warning, \"/var/run/vx_agent.pid.lock can't be locked (Permission denied), so a "
@@ -191,7 +191,7 @@ TEST_F(BackgroundMode, TheFirstChildMakesASessionAndEnds)
 TEST_F(BackgroundMode, AStopOfTheStartingProcessGoesOnToItsChild)
 {
     m_system.forks = {300};
-    m_system.onFork = [this] { m_system.SendTerm(FakeSystem::Stranger); };
+    m_system.onFork = [this] { m_system.SendTerm(FakeSystem::strangerId); };
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_EQ(Journal({"Signal"}), Lines{"SignalProcess(300, TERM)"});
 }
@@ -199,7 +199,7 @@ TEST_F(BackgroundMode, AStopOfTheStartingProcessGoesOnToItsChild)
 TEST_F(BackgroundMode, AStopOfTheFirstChildGoesOnToTheSupervisor)
 {
     m_system.forks = {0, 301};
-    m_system.onFork = [this] { m_system.SendTerm(FakeSystem::Stranger); };
+    m_system.onFork = [this] { m_system.SendTerm(FakeSystem::strangerId); };
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_EQ(Journal({"Signal"}), Lines{"SignalProcess(301, TERM)"});
 }
@@ -242,7 +242,7 @@ TEST_F(BackgroundMode, SigtermIsBlockedWhenThePidFileIsWritten)
 {
     DetachToSupervisor();
     bool blocked = false;
-    answers().onWritePidFile = [&](const wxString&) { blocked = m_system.TermIsBlocked(); };
+    Answers().onWritePidFile = [&](const wxString&) { blocked = m_system.TermIsBlocked(); };
     m_system.ChildEnds(0);
     Run();
     EXPECT_TRUE(blocked);
@@ -251,7 +251,7 @@ TEST_F(BackgroundMode, SigtermIsBlockedWhenThePidFileIsWritten)
 TEST_F(BackgroundMode, GoesOnWithoutAPidFileWhenItCannotBeWritten)
 {
     DetachToSupervisor();
-    answers().writePidFileResult = false;
+    Answers().writePidFileResult = false;
     m_system.ChildEnds(5 << 8);
     EXPECT_EQ(Run(), 5);
 }
@@ -412,7 +412,7 @@ TEST_F(BackgroundMode, StopsTheDriverBeforeEachRestartAfterExitThree)
     DetachToSupervisor();
     m_system.executable = true;
     for (int i = 0; i < 3; ++i)
-        m_system.ChildEnds(ExitThree);
+        m_system.ChildEnds(exitThree);
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);
     const Lines stop = {"Log(Info, \"Child process exited with status 768 (exit 3)\")",
@@ -432,9 +432,9 @@ TEST_F(BackgroundMode, SaysWhyTheDriverCouldNotBeStoppedAndRestarts)
 {
     DetachToSupervisor();
     m_system.executable = true;
-    answers().executeResult = false;
-    answers().executeError = "no such interpreter";
-    m_system.ChildEnds(ExitThree);
+    Answers().executeResult = false;
+    Answers().executeError = "no such interpreter";
+    m_system.ChildEnds(exitThree);
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);
     EXPECT_EQ(Count("Log(Error, \"Error stopping driver: no such interpreter\")"), 1u);
@@ -444,7 +444,7 @@ TEST_F(BackgroundMode, SaysWhyTheDriverCouldNotBeStoppedAndRestarts)
 TEST_F(BackgroundMode, RunsNoDriverScriptThatIsNotExecutable)
 {
     DetachToSupervisor();
-    m_system.ChildEnds(ExitThree);
+    m_system.ChildEnds(exitThree);
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);
     EXPECT_TRUE(Journal({"Execute", "Log(Message", "Log(Error"}).empty());
@@ -468,7 +468,7 @@ TEST_F(BackgroundMode, TheFirstSigtermTakesThePidFileAwayAndStopsTheGroup)
     DetachToSupervisor();
     m_system.waits.push_back([this] {
         FakeCore::ClearJournal();
-        m_system.SendTerm(FakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::strangerId);
         return -EINTR;
     });
     m_system.ChildEnds(6 << 8);
@@ -485,9 +485,9 @@ TEST_F(BackgroundMode, ALaterSigtermEndsTheSupervisorAtOnceWithZero)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
-        m_system.SendTerm(FakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::strangerId);
         FakeCore::ClearJournal();
-        m_system.SendTerm(FakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::strangerId);
         return -EINTR;
     });
     const Ended ended = RunToEnd();
@@ -501,8 +501,8 @@ TEST_F(BackgroundMode, ASigtermOfItsOwnIsIgnored)
     DetachToSupervisor();
     m_system.waits.push_back([this] {
         FakeCore::ClearJournal();
-        m_system.SendTerm(FakeSystem::Self);
-        m_system.SendTerm(FakeSystem::Self);
+        m_system.SendTerm(FakeSystem::ownId);
+        m_system.SendTerm(FakeSystem::ownId);
         return -EINTR;
     });
     m_system.ChildEnds(SIGKILL);
@@ -518,9 +518,9 @@ TEST_F(BackgroundMode, PassSignalDoesNothingInAProcessThatIsNotTheSupervisor)
     m_system.waits.push_back([this] {
         FakeCore::ClearJournal();
         m_system.self = 9999; // a forked copy that still has the handler
-        m_system.SendTerm(FakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::strangerId);
         EXPECT_TRUE(Journal().empty());
-        m_system.self = FakeSystem::Self;
+        m_system.self = FakeSystem::ownId;
         return 0;
     });
     EXPECT_EQ(Run(), 0);
@@ -531,7 +531,7 @@ TEST_F(BackgroundMode, PassSignalKeepsErrno)
     DetachToSupervisor();
     m_system.waits.push_back([this] {
         errno = E2BIG;
-        m_system.SendTerm(FakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::strangerId);
         EXPECT_EQ(errno, E2BIG);
         return 0;
     });
@@ -544,7 +544,7 @@ TEST_F(BackgroundMode, OutsideOfItsOwnGroupItStopsTheChildAlone)
     m_system.waits.push_back([this] {
         m_system.group = 31; // moved by somebody: strangers are in there
         FakeCore::ClearJournal();
-        m_system.SendTerm(FakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::strangerId);
         return 0;
     });
     EXPECT_EQ(Run(), 0);
@@ -554,7 +554,7 @@ TEST_F(BackgroundMode, OutsideOfItsOwnGroupItStopsTheChildAlone)
 TEST_F(BackgroundMode, AStopBetweenPidFileAndHandlerReachesTheFirstChild)
 {
     DetachToSupervisor();
-    answers().onWritePidFile = [this](const wxString&) { m_system.SendTerm(FakeSystem::Stranger); };
+    Answers().onWritePidFile = [this](const wxString&) { m_system.SendTerm(FakeSystem::strangerId); };
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);
     EXPECT_THAT(Journal({"ForkWorker", "HandleTerm", "SignalOwnGroup", "RemoveFile", "Wait("}),
@@ -566,7 +566,7 @@ TEST_F(BackgroundMode, AStopDuringARestartsForkReachesTheNewChild)
 {
     DetachToSupervisor();
     m_system.waits.push_back([this] {
-        m_system.onFork = [this] { m_system.SendTerm(FakeSystem::Stranger); };
+        m_system.onFork = [this] { m_system.SendTerm(FakeSystem::strangerId); };
         return SIGKILL;
     });
     m_system.ChildEnds(0);
@@ -581,7 +581,7 @@ TEST_F(BackgroundMode, AStopInADelayEndsAtOnceWithZero)
     m_system.ChildEnds(SIGKILL);
     m_system.onSleep = [this] {
         FakeCore::ClearJournal();
-        m_system.SendTerm(FakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::strangerId);
     };
     const Ended ended = RunToEnd();
     EXPECT_EQ(ended.status, 0);
@@ -593,10 +593,10 @@ TEST_F(BackgroundMode, AStopDuringTheDriversStopEndsAtOnceWithZero)
 {
     DetachToSupervisor();
     m_system.executable = true;
-    m_system.ChildEnds(ExitThree);
-    answers().onExecute = [this] {
+    m_system.ChildEnds(exitThree);
+    Answers().onExecute = [this] {
         FakeCore::ClearJournal();
-        m_system.SendTerm(FakeSystem::Stranger);
+        m_system.SendTerm(FakeSystem::strangerId);
     };
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_EQ(Journal({"ExitNow"}), Lines{"ExitNow(0)"});
@@ -609,7 +609,7 @@ TEST_F(BackgroundMode, AfterAHandledSigtermNoFurtherChildIsStarted)
         FakeCore::ClearJournal();
         DetachToSupervisor();
         m_system.waits.push_back([this, status] {
-            m_system.SendTerm(FakeSystem::Stranger);
+            m_system.SendTerm(FakeSystem::strangerId);
             return status;
         });
         EXPECT_EQ(Run(), 0);
@@ -622,8 +622,8 @@ TEST_F(BackgroundMode, AfterAHandledSigtermExitThreeStillStopsTheDriver)
     DetachToSupervisor();
     m_system.executable = true;
     m_system.waits.push_back([this] {
-        m_system.SendTerm(FakeSystem::Stranger);
-        return ExitThree;
+        m_system.SendTerm(FakeSystem::strangerId);
+        return exitThree;
     });
     EXPECT_EQ(Run(), 0);
     EXPECT_EQ(Count("Log(Message, \"Driver stopped using /opt/vx_agent/SunOS.init\")"), 1u);
@@ -636,7 +636,7 @@ TEST_F(BackgroundMode, AStopWhileItEndsLeavesTheFileOfANewInstanceAlone)
     m_system.ChildEnds(0);
     ASSERT_EQ(Run(), 0);
     FakeCore::ClearJournal();
-    EXPECT_THROW(m_system.SendTerm(FakeSystem::Stranger), Ended);
+    EXPECT_THROW(m_system.SendTerm(FakeSystem::strangerId), Ended);
     EXPECT_THAT(Journal(), ElementsAre("SignalOwnGroup(TERM)", "ExitNow(0)"));
 }
 
@@ -644,7 +644,7 @@ TEST_F(BackgroundMode, AStopWhileItTakesItsPidFileAwayLeavesNoFile)
 {
     DetachToSupervisor();
     m_system.ChildEnds(5 << 8);
-    m_system.onRemoveFile = [this] { m_system.SendTerm(FakeSystem::Stranger); };
+    m_system.onRemoveFile = [this] { m_system.SendTerm(FakeSystem::strangerId); };
     const Ended ended = RunToEnd();
     EXPECT_EQ(ended.status, 0);
     EXPECT_TRUE(ended.atOnce);
@@ -656,7 +656,7 @@ TEST_F(BackgroundMode, AStopAfterAFailedWaitLeavesNoFileAndEndsAtOnce)
 {
     DetachToSupervisor();
     m_system.waits.push_back([] { return -ECHILD; });
-    m_system.onRemoveFile = [this] { m_system.SendTerm(FakeSystem::Stranger); };
+    m_system.onRemoveFile = [this] { m_system.SendTerm(FakeSystem::strangerId); };
     EXPECT_TRUE(RunToEnd().atOnce);
     EXPECT_THAT(Journal({"RemoveFile", "ReleaseInstanceLock", "ExitNow"}),
                 ElementsAreArray(GoneLines() + Lines{"ExitNow(0)"}));
@@ -667,7 +667,7 @@ TEST_F(BackgroundMode, KeepsTheNameOfThePidFileForTheHandler)
     DetachToSupervisor();
     m_system.ChildEnds(0);
     Run();
-    EXPECT_EQ(g_pidFileName, PidFile);
+    EXPECT_EQ(g_pidFileName, pidFile);
 }
 
 TEST_F(BackgroundMode, ANameThatIsTooLongForAFileLeavesTheHandlerNothingToRemove)
@@ -701,7 +701,7 @@ TEST_F(BackgroundMode, AStopWhileItWaitsForAnEarlierStartsChildEndsAtOnceWithZer
 {
     DetachToSupervisor();
     m_system.otherWorker = 811;
-    m_system.onWaitForOther = [this] { m_system.SendTerm(FakeSystem::Stranger); };
+    m_system.onWaitForOther = [this] { m_system.SendTerm(FakeSystem::strangerId); };
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_EQ(Count("ForkWorker()"), 0u);
     EXPECT_EQ(Journal({"RemoveFile"}).size(), 1u);
@@ -710,7 +710,7 @@ TEST_F(BackgroundMode, AStopWhileItWaitsForAnEarlierStartsChildEndsAtOnceWithZer
 TEST_F(BackgroundMode, WithoutALockItDoesNotLookForAnEarlierStartsChild)
 {
     DetachToSupervisor();
-    m_system.lock = VexOs::ELock::Unavailable;
+    m_system.lock = VexOs::LockResult::Unavailable;
     m_system.otherWorker = 811;
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);

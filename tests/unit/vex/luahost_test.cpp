@@ -17,7 +17,7 @@
 #include <wx/sstream.h>
 
 using Access = AgentAppTestAccess;
-using FakeCore::answers;
+using FakeCore::Answers;
 using FakeCore::Count;
 using FakeCore::Journal;
 using testing::ElementsAre;
@@ -167,7 +167,7 @@ TEST_F(LuaHost, WithoutADomainBothGlobalsAreNilAndTheLoaderIsCalledAllTheSame)
 
 TEST_F(LuaHost, AnErrorInsideSetUpReachesTheProtectedCall)
 {
-    answers().setPackagePathsError = "no paths today";
+    Answers().setPackagePathsError = "no paths today";
     EXPECT_EQ(SetUpLua(), LUA_ERRRUN);
     EXPECT_STREQ(lua_tostring(L(), -1), "no paths today");
     EXPECT_EQ(Count("Dom.RegisterLoader()"), 0u);
@@ -175,7 +175,7 @@ TEST_F(LuaHost, AnErrorInsideSetUpReachesTheProtectedCall)
 
 TEST_F(LuaHost, AnExceptionInsideSetUpIsALuaErrorWithItsText)
 {
-    answers().setPackagePathsException = "no memory today";
+    Answers().setPackagePathsException = "no memory today";
     EXPECT_EQ(SetUpLua(), LUA_ERRRUN);
     EXPECT_STREQ(lua_tostring(L(), -1), "no memory today");
 }
@@ -314,7 +314,7 @@ TEST_F(LuaHost, AChunkThatFailsGivesTheInterpretersStatusAndLeavesTheStackAlone)
 
 TEST_F(LuaHost, AChunkIsTracedWithItsNameAndStatus)
 {
-    answers().tracedModules = {"Appl"};
+    Answers().tracedModules = {"Appl"};
     wxStringInputStream in("return 7");
     wxMemoryOutputStream out;
     App().RunChunk(in, out, "some.name");
@@ -326,8 +326,8 @@ TEST_F(LuaHost, AChunkIsTracedWithItsNameAndStatus)
 
 TEST_F(LuaHost, AFailureIsTracedWithTheSameWords)
 {
-    answers().tracedModules = {"Appl"};
-    answers().runScriptStatus = 4;
+    Answers().tracedModules = {"Appl"};
+    Answers().runScriptStatus = 4;
     wxStringInputStream in("");
     wxMemoryOutputStream out;
     EXPECT_EQ(App().RunChunk(in, out, "n"), 4);
@@ -355,7 +355,7 @@ TEST_F(LuaHost, ASnippetPrintsToStandardOutputWhichStaysOpen)
 
 TEST_F(LuaHost, AnExceptionOutOfASnippetLeavesStandardOutputOpen)
 {
-    answers().onRunScript = [] { throw 42; };
+    Answers().onRunScript = [] { throw 42; };
     EXPECT_THROW(App().RunCodeSnippet("return 0"), int);
     ::Test::StandardOutput standardOutput;
     std::printf("still there\n");
@@ -381,7 +381,7 @@ TEST_F(LuaHost, AFailedSnippetPutsTheErrorOnStandardErrorOnce)
 
 TEST_F(LuaHost, AStatusThatWasReturnedPrintsTheLastErrorTextToo)
 {
-    answers().errorInfo = "an older failure";
+    Answers().errorInfo = "an older failure";
     ::Test::StandardError standardError;
     EXPECT_EQ(App().RunCodeSnippet("return 7"), 7);
     EXPECT_EQ(standardError.Text(), "an older failure\n");
@@ -443,7 +443,7 @@ TEST_F(LuaHost, AMissingModuleIsAFailure)
 
 TEST_F(LuaHost, AMethodIsTracedByName)
 {
-    answers().tracedModules = {"Appl"};
+    Answers().tracedModules = {"Appl"};
     DefineModule("{}");
     App().RunAppMethod(L"init");
     EXPECT_EQ(Journal({"Trace"}).front(), "Trace(\"Appl\", \"RunAppMethod\", \"Running app's Lua method 'init'\")");

@@ -60,8 +60,8 @@ const char s_heartbeat[] = "Dom.Set(\"vex.HeartbeatNow\", true)";
 
 TEST_F(Plugins, PackageIsUnpackedRenamedAndReportedInTheFixedOrder)
 {
-    FakeCore::answers().tracedModules = {"Appl"};
-    FakeCore::answers().unzipEntries = {{"lib/x.lua", 7}, {"y.so", 5000000000}};
+    FakeCore::Answers().tracedModules = {"Appl"};
+    FakeCore::Answers().unzipEntries = {{"lib/x.lua", 7}, {"y.so", 5000000000}};
     const std::string name = std::string(feature) + ".vxp";
     Put(name);
     const std::string path = Path(name);
@@ -85,8 +85,8 @@ TEST_F(Plugins, PackageIsUnpackedRenamedAndReportedInTheFixedOrder)
 
 TEST_F(Plugins, NothingIsTracedWhenTheModuleIsNot)
 {
-    FakeCore::answers().unzipEntries = {{"a", 1}};
-    FakeCore::answers().recordTraceQueries = true;
+    FakeCore::Answers().unzipEntries = {{"a", 1}};
+    FakeCore::Answers().recordTraceQueries = true;
     Put("a.vxp");
     Put("b.vxu");
     Install();
@@ -154,9 +154,9 @@ TEST_F(Plugins, UnreadablePackageIsReportedAndTheNextIsInstalled)
 
 TEST_F(Plugins, PackageThatCannotBeUnpackedKeepsItsName)
 {
-    FakeCore::answers().tracedModules = {"Appl"};
-    FakeCore::answers().unzipResult = false;
-    FakeCore::answers().unzipEntries = {{"a", 1}};
+    FakeCore::Answers().tracedModules = {"Appl"};
+    FakeCore::Answers().unzipResult = false;
+    FakeCore::Answers().unzipEntries = {{"a", 1}};
     Put("x.vxp");
     EXPECT_THAT(Install(), Contains(Event(5102, 2, "x|x|" + Path("x.vxp"))));
     EXPECT_THAT(FakeCore::Journal({"Log("}), IsEmpty());
@@ -229,7 +229,7 @@ TEST_F(Plugins, FolderThatCannotBeListedIsPassedOverInSilence)
 
 TEST_F(Plugins, TimeIsTakenOnceForEachPackage)
 {
-    FakeCore::answers().timeStepMs = 1000;
+    FakeCore::Answers().timeStepMs = 1000;
     Put("a.vxp");
     Put("b.vxp");
     Install();
@@ -247,7 +247,7 @@ TEST_F(Plugins, TextOfAnEventIsUtf8)
 TEST_F(Plugins, PackagesThatAppearWhileOneIsUnpackedWaitForTheNextRun)
 {
     Put("a.vxp");
-    FakeCore::answers().onUnzip = [this](const wxFileName&) { Put("b.vxp"); };
+    FakeCore::Answers().onUnzip = [this](const wxFileName&) { Put("b.vxp"); };
     Install();
     EXPECT_TRUE(Has("b.vxp"));
 }
@@ -258,7 +258,7 @@ TEST_F(Plugins, InstallationCallbackAlwaysAnswersYesButToNobody)
     const wxString destination = Path("x");
     EXPECT_TRUE(CAgentApp::InstallPluginZipCB(&*m_app, &entry, &destination));
     EXPECT_TRUE(CAgentApp::InstallPluginZipCB(&*m_app, &entry, nullptr));
-    FakeCore::answers().tracedModules = {"Appl"};
+    FakeCore::Answers().tracedModules = {"Appl"};
     FakeCore::ClearJournal();
     EXPECT_TRUE(CAgentApp::InstallPluginZipCB(&*m_app, nullptr, &destination));
     EXPECT_FALSE(CAgentApp::InstallPluginZipCB(nullptr, &entry, &destination));
@@ -267,8 +267,8 @@ TEST_F(Plugins, InstallationCallbackAlwaysAnswersYesButToNobody)
 
 TEST_F(Plugins, NamesWithPercentSignsAreShownAsTheyAre)
 {
-    FakeCore::answers().tracedModules = {"Appl"};
-    FakeCore::answers().unzipEntries = {{"100%s%n", 1}};
+    FakeCore::Answers().tracedModules = {"Appl"};
+    FakeCore::Answers().unzipEntries = {{"100%s%n", 1}};
     Put("50%d%s.vxp");
     Install();
     EXPECT_EQ(FakeCore::Count("Trace(\"Appl\", \"InstallPluginZipCB\", \"  extracting: 100%s%n (1 bytes)\")"), 1u);
@@ -279,8 +279,8 @@ TEST_F(Plugins, NamesWithPercentSignsAreShownAsTheyAre)
 
 TEST_F(Plugins, MarkerRemovesItsFilesThenItselfAndIsReportedInTheFixedOrder)
 {
-    FakeCore::answers().tracedModules = {"Appl"};
-    FakeCore::answers().unzipEntries = {{"a/x.lua", 3}, {"b/y.so", 4}};
+    FakeCore::Answers().tracedModules = {"Appl"};
+    FakeCore::Answers().unzipEntries = {{"a/x.lua", 3}, {"b/y.so", 4}};
     fs::create_directory(Path("a"));
     fs::create_directory(Path("b"));
     Put("a/x.lua");
@@ -314,7 +314,7 @@ TEST_F(Plugins, MarkerRemovesItsFilesThenItselfAndIsReportedInTheFixedOrder)
 
 TEST_F(Plugins, FilesThatAreGoneAndFoldersArePassedOverInSilence)
 {
-    FakeCore::answers().unzipEntries = {{"gone/x.lua", 3}, {"folder/", 0}, {"empty", 0}};
+    FakeCore::Answers().unzipEntries = {{"gone/x.lua", 3}, {"folder/", 0}, {"empty", 0}};
     fs::create_directory(Path("folder"));
     fs::create_directory(Path("empty"));
     Put("x.vxu");
@@ -326,7 +326,7 @@ TEST_F(Plugins, FilesThatAreGoneAndFoldersArePassedOverInSilence)
 
 TEST_F(Plugins, SymbolicLinkIsRemovedAndNotWhatItPointsTo)
 {
-    FakeCore::answers().unzipEntries = {{"link", 0}};
+    FakeCore::Answers().unzipEntries = {{"link", 0}};
     fs::create_directory(Path("kept"));
     fs::create_directory_symlink("kept", Path("link"));
     Put("x.vxu");
@@ -364,8 +364,8 @@ TEST_F(Plugins, UnreadableMarkerIsReportedAndKept)
 
 TEST_F(Plugins, MarkerThatIsNoArchiveIsKeptAndWhatIsGoneStaysGone)
 {
-    FakeCore::answers().unzipResult = false;
-    FakeCore::answers().unzipEntries = {{"f", 1}};
+    FakeCore::Answers().unzipResult = false;
+    FakeCore::Answers().unzipEntries = {{"f", 1}};
     Put("f");
     Put("x.vxu");
     EXPECT_THAT(Uninstall(), Contains(Event(5106, 2, "x|x|" + Path("x.vxu"))));
@@ -378,7 +378,7 @@ TEST_F(Plugins, MarkerThatCannotBeDeletedIsOneLineAndASuccessAllTheSame)
 {
     Put("x.vxu");
     // It is gone before its turn.
-    FakeCore::answers().onUnzip = [](const wxFileName& archive) { fs::remove(archive.GetFullPath().utf8_string()); };
+    FakeCore::Answers().onUnzip = [](const wxFileName& archive) { fs::remove(archive.GetFullPath().utf8_string()); };
     EXPECT_THAT(Uninstall(), Contains(Event(5105, 5, "x|x|" + Path("x.vxu"))));
     const Lines log = FakeCore::Journal({"Log("});
     ASSERT_EQ(log.size(), 1u);

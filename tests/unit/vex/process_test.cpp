@@ -20,7 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-using VexOs::ELock;
+using VexOs::LockResult;
 using VexOs::System;
 
 namespace {
@@ -74,13 +74,13 @@ TEST(ProcessSystem, TheInstanceLockIsHadOnceUntilItIsReleased)
     ::Test::TempFolder folder;
     const std::string path = folder / "a.pid.lock";
     EXPECT_EQ(InChild([&] {
-                  if (System().TakeInstanceLock(path.c_str()) != ELock::Taken)
+                  if (System().TakeInstanceLock(path.c_str()) != LockResult::Taken)
                       return 1;
                   // Another open of the file stands for another process.
-                  if (System().TakeInstanceLock(path.c_str()) != ELock::HeldByOther)
+                  if (System().TakeInstanceLock(path.c_str()) != LockResult::HeldByOther)
                       return 2;
                   System().ReleaseInstanceLock();
-                  return System().TakeInstanceLock(path.c_str()) == ELock::Taken ? 0 : 3;
+                  return System().TakeInstanceLock(path.c_str()) == LockResult::Taken ? 0 : 3;
               }),
               0);
 }
@@ -93,7 +93,7 @@ TEST(ProcessSystem, TheInstanceLockSurvivesTheForksOfTheDetach)
     const pid_t holder = ::fork();
     if (holder == 0) {
         go.CloseEnd(1);
-        const bool taken = System().TakeInstanceLock(path.c_str()) == ELock::Taken;
+        const bool taken = System().TakeInstanceLock(path.c_str()) == LockResult::Taken;
         if (!taken || System().Fork() > 0)
             ::_exit(taken ? 0 : 1); // the parent ends, the child keeps the lock
         go.Read();
@@ -102,13 +102,13 @@ TEST(ProcessSystem, TheInstanceLockSurvivesTheForksOfTheDetach)
     int status = -1;
     ASSERT_EQ(::waitpid(holder, &status, 0), holder);
     ASSERT_EQ(status, 0);
-    EXPECT_EQ(InChild([&] { return System().TakeInstanceLock(path.c_str()) == ELock::HeldByOther ? 0 : 1; }), 0);
+    EXPECT_EQ(InChild([&] { return System().TakeInstanceLock(path.c_str()) == LockResult::HeldByOther ? 0 : 1; }), 0);
     go.CloseEnd(1);
     // It goes with the last process that has it.
     int free = 1;
     for (int i = 0; i < 500 && free != 0; ++i) {
         ::usleep(10000);
-        free = InChild([&] { return System().TakeInstanceLock(path.c_str()) == ELock::Taken ? 0 : 1; });
+        free = InChild([&] { return System().TakeInstanceLock(path.c_str()) == LockResult::Taken ? 0 : 1; });
     }
     EXPECT_EQ(free, 0);
 }
@@ -118,7 +118,7 @@ TEST(ProcessSystem, TheInstanceLockIsGivenUpForTheProcessesOfTheDetachToo)
     ::Test::TempFolder folder;
     const std::string path = folder / "a.pid.lock";
     EXPECT_EQ(InChild([&] {
-                  if (System().TakeInstanceLock(path.c_str()) != ELock::Taken)
+                  if (System().TakeInstanceLock(path.c_str()) != LockResult::Taken)
                       return 1;
                   Pipe go;
                   const pid_t lingering = System().Fork();
@@ -128,10 +128,10 @@ TEST(ProcessSystem, TheInstanceLockIsGivenUpForTheProcessesOfTheDetachToo)
                       ::_exit(0);
                   }
                   System().ReleaseInstanceLock();
-                  const ELock again = System().TakeInstanceLock(path.c_str());
+                  const LockResult again = System().TakeInstanceLock(path.c_str());
                   go.CloseEnd(1);
                   ::waitpid(lingering, nullptr, 0);
-                  return again == ELock::Taken ? 0 : 2;
+                  return again == LockResult::Taken ? 0 : 2;
               }),
               0);
 }
@@ -140,7 +140,7 @@ TEST(ProcessSystem, TheLockFileIsTheOwnersAloneAndStays)
 {
     ::Test::TempFolder folder;
     const std::string path = folder / "a.pid.lock";
-    EXPECT_EQ(InChild([&] { return System().TakeInstanceLock(path.c_str()) == ELock::Taken ? 0 : 1; }), 0);
+    EXPECT_EQ(InChild([&] { return System().TakeInstanceLock(path.c_str()) == LockResult::Taken ? 0 : 1; }), 0);
     struct stat info;
     ASSERT_EQ(::stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600u);
@@ -154,8 +154,8 @@ TEST(ProcessSystem, WhatIsNoPlainFileCannotBeLocked)
     ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
     ASSERT_EQ(::symlink("elsewhere", (folder / "link").c_str()), 0);
     for (const char* name : {"folder", "fifo", "link", "no/such/folder"})
-        EXPECT_EQ(System().TakeInstanceLock((folder / name).c_str()), ELock::Unavailable) << name;
-    EXPECT_EQ(System().TakeInstanceLock(nullptr), ELock::Unavailable);
+        EXPECT_EQ(System().TakeInstanceLock((folder / name).c_str()), LockResult::Unavailable) << name;
+    EXPECT_EQ(System().TakeInstanceLock(nullptr), LockResult::Unavailable);
     EXPECT_FALSE(std::filesystem::exists(folder / "elsewhere"));
 }
 
@@ -164,7 +164,7 @@ TEST(ProcessSystem, AWorkerHoldsItsLockFromItsFirstMomentToItsEndAndLeavesTheIns
     ::Test::TempFolder folder;
     const std::string path = folder / "a.pid.lock";
     EXPECT_EQ(InChild([&] {
-                  if (System().TakeInstanceLock(path.c_str()) != ELock::Taken || System().FindOtherWorker() != 0)
+                  if (System().TakeInstanceLock(path.c_str()) != LockResult::Taken || System().FindOtherWorker() != 0)
                       return 1;
                   Pipe ready;
                   Pipe go;
@@ -178,11 +178,11 @@ TEST(ProcessSystem, AWorkerHoldsItsLockFromItsFirstMomentToItsEndAndLeavesTheIns
                   ready.Read();
                   if (System().FindOtherWorker() != worker)
                       return 2;
-                  if (System().TakeInstanceLock(path.c_str()) != ELock::HeldByOther)
+                  if (System().TakeInstanceLock(path.c_str()) != LockResult::HeldByOther)
                       return 6; // the worker took it along
                   // The supervisor gives its lock up: the worker must not keep it.
                   System().ReleaseInstanceLock();
-                  if (System().TakeInstanceLock(path.c_str()) != ELock::Taken)
+                  if (System().TakeInstanceLock(path.c_str()) != LockResult::Taken)
                       return 3;
                   go.CloseEnd(1);
                   System().WaitForOtherWorker();
@@ -255,8 +255,8 @@ TEST(ProcessSystem, TheFirstChildWaitsForTheEndOfTheStartingProcess)
 
 TEST(ProcessSystem, APendingSigtermIsPassedOnUnlessItCameFromThere)
 {
-    enum EPending { Nothing, FromElsewhere, FromTheNext };
-    for (const EPending pending : {Nothing, FromElsewhere, FromTheNext})
+    enum PendingSignal { Nothing, FromElsewhere, FromTheNext };
+    for (const PendingSignal pending : {Nothing, FromElsewhere, FromTheNext})
         EXPECT_EQ(InChild([pending] {
                       System().ResetSignals();
                       Pipe go;

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 namespace {
-constexpr std::int64_t Day = 1700000000; // an ordinary time
+constexpr std::int64_t ordinaryTime = 1700000000; // an ordinary time
 
 // A wait status as the system makes it.
 int Exited(int code)
@@ -27,86 +27,86 @@ int Killed(int signal, bool core = false)
 
 TEST(RestartHistory, NothingCountsBeforeTheFirstStart)
 {
-    EXPECT_EQ(RestartHistory().CountRecent(Day), 0);
+    EXPECT_EQ(RestartHistory().CountRecent(ordinaryTime), 0);
 }
 
 TEST(RestartHistory, EachStartWithinTheSpanCounts)
 {
     RestartHistory history;
-    for (int i = 0; i < RestartLimit; ++i) {
-        EXPECT_EQ(history.CountRecent(Day + i), i);
-        history.NoteStart(Day + i);
+    for (int i = 0; i < restartLimit; ++i) {
+        EXPECT_EQ(history.CountRecent(ordinaryTime + i), i);
+        history.NoteStart(ordinaryTime + i);
         history.Advance();
     }
-    EXPECT_EQ(history.CountRecent(Day + RestartLimit), RestartLimit);
+    EXPECT_EQ(history.CountRecent(ordinaryTime + restartLimit), restartLimit);
 }
 
 TEST(RestartHistory, AStartCountsUntilTheSpanIsOver)
 {
     RestartHistory history;
-    history.NoteStart(Day);
+    history.NoteStart(ordinaryTime);
     history.Advance();
-    EXPECT_EQ(history.CountRecent(Day + 511), 1);
-    EXPECT_EQ(history.CountRecent(Day + 512), 0) << "an entry at the bound itself is out";
+    EXPECT_EQ(history.CountRecent(ordinaryTime + 511), 1);
+    EXPECT_EQ(history.CountRecent(ordinaryTime + 512), 0) << "an entry at the bound itself is out";
 }
 
 TEST(RestartHistory, ANoteIsReplacedUntilItIsAdvanced)
 {
     RestartHistory history;
-    history.NoteStart(Day);
-    history.NoteStart(Day + 1);
-    EXPECT_EQ(history.CountRecent(Day + 2), 1);
+    history.NoteStart(ordinaryTime);
+    history.NoteStart(ordinaryTime + 1);
+    EXPECT_EQ(history.CountRecent(ordinaryTime + 2), 1);
 }
 
 TEST(RestartHistory, TheNinthStartOverwritesTheFirst)
 {
     RestartHistory history;
-    for (int i = 0; i < RestartLimit; ++i) {
-        history.NoteStart(Day);
+    for (int i = 0; i < restartLimit; ++i) {
+        history.NoteStart(ordinaryTime);
         history.Advance();
     }
-    history.NoteStart(Day + 1000);
+    history.NoteStart(ordinaryTime + 1000);
     history.Advance();
-    EXPECT_EQ(history.CountRecent(Day + 1000), 1);
+    EXPECT_EQ(history.CountRecent(ordinaryTime + 1000), 1);
 }
 
 TEST(RestartHistory, AClockSetBackKeepsTheStartsThatNowLieAhead)
 {
     RestartHistory history;
-    history.NoteStart(Day);
+    history.NoteStart(ordinaryTime);
     history.Advance();
-    EXPECT_EQ(history.CountRecent(Day - 100000), 1);
+    EXPECT_EQ(history.CountRecent(ordinaryTime - 100000), 1);
 }
 
 TEST(RestartHistory, TheLastSecondBeforeTheBoundLeavesThirtyTwoBitsIsStillOrdinary)
 {
-    EXPECT_EQ(RestartHistory().CountRecent(static_cast<std::int64_t>(INT32_MAX) + RestartSpanSeconds), 0);
+    EXPECT_EQ(RestartHistory().CountRecent(static_cast<std::int64_t>(INT32_MAX) + restartSpanSeconds), 0);
 }
 
 TEST(RestartHistory, BeyondThirtyTwoBitsEvenEmptyEntriesCount)
 {
     // Kept on purpose: the bound wraps to a negative number.
-    EXPECT_EQ(RestartHistory().CountRecent(static_cast<std::int64_t>(INT32_MAX) + RestartSpanSeconds + 1),
-              RestartLimit);
+    EXPECT_EQ(RestartHistory().CountRecent(static_cast<std::int64_t>(INT32_MAX) + restartSpanSeconds + 1),
+              restartLimit);
 }
 
 TEST(RestartDelay, DoublesWithEachRecentStart)
 {
     const long expected[] = {0, 1000, 2000, 4000, 8000, 16000, 32000, 64000};
-    for (int recent = 0; recent < RestartLimit; ++recent)
+    for (int recent = 0; recent < restartLimit; ++recent)
         EXPECT_EQ(RestartDelayMs(recent), expected[recent]) << recent;
 }
 
 TEST(Restart, AChildThatDiesAtOnceIsStartedEightTimesWithinTwoMinutesAndThenNoMore)
 {
     RestartHistory history;
-    std::int64_t clock = Day;
+    std::int64_t clock = ordinaryTime;
     std::vector<std::int64_t> starts;
-    while (history.CountRecent(clock) < RestartLimit) {
+    while (history.CountRecent(clock) < restartLimit) {
         const std::int64_t now = clock;
         clock += RestartDelayMs(history.CountRecent(now)) / 1000;
         history.NoteStart(now);
-        starts.push_back(clock - Day);
+        starts.push_back(clock - ordinaryTime);
         history.Advance();
     }
     EXPECT_EQ(starts, (std::vector<std::int64_t>{0, 1, 3, 7, 15, 31, 63, 127}));
@@ -121,7 +121,7 @@ TEST(Restart, AMillionChildLivesNeverMakeMoreThanEightStartsInAnySpan)
     int lives = 0;
     while (lives < 1000000) {
         RestartHistory history;
-        std::int64_t clock = Day + static_cast<std::int64_t>(random() % 100000);
+        std::int64_t clock = ordinaryTime + static_cast<std::int64_t>(random() % 100000);
         std::deque<std::int64_t> starts; // when the children really began
         std::int64_t kind = 0;
         for (int i = 0; i < 200; ++i, ++lives) {
@@ -129,15 +129,15 @@ TEST(Restart, AMillionChildLivesNeverMakeMoreThanEightStartsInAnySpan)
                 kind = longest[random() % std::size(longest)];
             const std::int64_t now = clock;
             const int recent = history.CountRecent(now);
-            if (recent >= RestartLimit) {
+            if (recent >= restartLimit) {
                 ++refused;
                 break;
             }
             clock += RestartDelayMs(recent) / 1000;
             history.NoteStart(now);
             starts.push_back(clock);
-            if (starts.size() > RestartLimit) {
-                ASSERT_GE(starts.back() - starts.front(), RestartSpanSeconds) << "nine starts in less than the span";
+            if (starts.size() > restartLimit) {
+                ASSERT_GE(starts.back() - starts.front(), restartSpanSeconds) << "nine starts in less than the span";
                 starts.pop_front();
             }
             clock += static_cast<std::int64_t>(random() % static_cast<unsigned>(kind + 1));
@@ -158,7 +158,7 @@ struct Row
     bool stopping;
     wxLogLevel level;
     std::string message;
-    EAfterChild action;
+    AfterChild action;
     int code;
 };
 
@@ -183,35 +183,35 @@ class EndOfAChild : public testing::TestWithParam<Row>
 
 std::vector<Row> Rows()
 {
-    constexpr EAfterChild Return = EAfterChild::Return;
-    constexpr EAfterChild Restart = EAfterChild::Restart;
+    constexpr AfterChild returns = AfterChild::Return;
+    constexpr AfterChild restarts = AfterChild::Restart;
     std::vector<Row> rows = {
-        {"ExitZeroEndsTheSupervisor", Exited(0), "n", false, wxLOG_Info, ExitText(0), Return, 0},
-        {"ExitOneIsHandedOn", Exited(1), "n", false, wxLOG_Info, ExitText(1), Return, 1},
-        {"Exit255IsHandedOn", Exited(255), "n", false, wxLOG_Info, ExitText(255), Return, 255},
+        {"ExitZeroEndsTheSupervisor", Exited(0), "n", false, wxLOG_Info, ExitText(0), returns, 0},
+        {"ExitOneIsHandedOn", Exited(1), "n", false, wxLOG_Info, ExitText(1), returns, 1},
+        {"Exit255IsHandedOn", Exited(255), "n", false, wxLOG_Info, ExitText(255), returns, 255},
         {"ExitThreeStopsTheDriverAndRestarts", Exited(3), "n", false, wxLOG_Info, ExitText(3),
-         EAfterChild::StopDriverAndRestart, 0},
+         AfterChild::StopDriverAndRestart, 0},
         {"ExitThreeWhileStoppingStopsTheDriverAndEndsWithZero", Exited(3), "n", true, wxLOG_Info, ExitText(3),
-         EAfterChild::StopDriverAndReturn, 0},
-        {"ExitCodeWhileStoppingIsHandedOn", Exited(7), "n", true, wxLOG_Info, ExitText(7), Return, 7},
+         AfterChild::StopDriverAndReturn, 0},
+        {"ExitCodeWhileStoppingIsHandedOn", Exited(7), "n", true, wxLOG_Info, ExitText(7), returns, 7},
         {"TermEndsWithZero", Killed(SIGTERM), "T", false, wxLOG_Info, SignalText("exited", SIGTERM, SIGTERM, "T"),
-         Return, 0},
+         returns, 0},
         {"TermWithCoreEndsWithZero", Killed(SIGTERM, true), "T", false, wxLOG_Info,
-         SignalText("exited", Killed(SIGTERM, true), SIGTERM, "T"), Return, 0},
+         SignalText("exited", Killed(SIGTERM, true), SIGTERM, "T"), returns, 0},
         {"KillIsAPlainExitAndRestarts", Killed(SIGKILL), "Killed", false, wxLOG_Info,
-         SignalText("exited", SIGKILL, SIGKILL, "Killed"), Restart, 0},
+         SignalText("exited", SIGKILL, SIGKILL, "Killed"), restarts, 0},
         {"KillWhileStoppingEndsWithZero", Killed(SIGKILL), "Killed", true, wxLOG_Info,
-         SignalText("exited", SIGKILL, SIGKILL, "Killed"), Return, 0},
+         SignalText("exited", SIGKILL, SIGKILL, "Killed"), returns, 0},
         {"CrashWhileStoppingEndsWithZero", Killed(SIGSEGV, true), "S", true, wxLOG_Error,
-         SignalText("crashed", Killed(SIGSEGV, true), SIGSEGV, "S"), Return, 0},
+         SignalText("crashed", Killed(SIGSEGV, true), SIGSEGV, "S"), returns, 0},
         {"ASignalWithoutAName", Killed(SIGUSR1), nullptr, false, wxLOG_Info,
-         SignalText("exited", SIGUSR1, SIGUSR1, "Unknown Signal"), Restart, 0},
+         SignalText("exited", SIGUSR1, SIGUSR1, "Unknown Signal"), restarts, 0},
         {"BothBytesSetIsAnotherStatus", 0x137f, "n", false, wxLOG_Info, "Child process exited with status 4991",
-         Restart, 0},
+         restarts, 0},
         {"BothBytesSetWithTermsNumberIsNoTerm", (1 << 8) | SIGTERM, "n", false, wxLOG_Info,
-         "Child process exited with status " + Number((1 << 8) | SIGTERM), Restart, 0},
+         "Child process exited with status " + Number((1 << 8) | SIGTERM), restarts, 0},
         {"BothBytesSetWhileStoppingEndsWithZero", 0x137f, "n", true, wxLOG_Info,
-         "Child process exited with status 4991", Return, 0},
+         "Child process exited with status 4991", returns, 0},
     };
     const struct
     {
@@ -230,8 +230,8 @@ std::vector<Row> Rows()
         for (const bool core : {false, true})
             rows.push_back(
                 {item.name, Killed(item.signal, core), "name", false, item.crash ? wxLOG_Error : wxLOG_Info,
-                 SignalText(item.crash ? "crashed" : "exited", Killed(item.signal, core), item.signal, "name"), Restart,
-                 0});
+                 SignalText(item.crash ? "crashed" : "exited", Killed(item.signal, core), item.signal, "name"),
+                 restarts, 0});
     return rows;
 }
 

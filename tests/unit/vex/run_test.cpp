@@ -31,7 +31,7 @@
 #include <unistd.h>
 
 using Access = AgentAppTestAccess;
-using FakeCore::answers;
+using FakeCore::Answers;
 using FakeCore::Count;
 using FakeCore::Journal;
 using testing::ElementsAre;
@@ -99,15 +99,15 @@ extern "C" __attribute__((visibility("default"))) int sigwait(const sigset_t* se
 namespace {
 using Lines = std::vector<std::string>;
 
-const char* const InitSnippet =
+const char* const initSnippet =
     "Lua.RunScript(\"if type(vexAppModule.init) == 'function' then return vexAppModule.init(); "
     "else return 0; end;\", 0, 1, \"vx_agent\", out)";
-const char* const MainSnippet =
+const char* const mainSnippet =
     "Lua.RunScript(\"if type(vexAppModule.main) == 'function' then return vexAppModule.main(); "
     "else return 0; end;\", 0, 1, \"vx_agent\", out)";
-const char* const ShutdownSnippet = "Lua.RunScript(\"if type(vexAppModule.shutdown) == 'function' then return "
+const char* const shutdownSnippet = "Lua.RunScript(\"if type(vexAppModule.shutdown) == 'function' then return "
                                     "vexAppModule.shutdown(); else return 0; end;\", 0, 1, \"vx_agent\", out)";
-const char* const RequireSnippet = "Lua.RunScript(\"vexAppModule = require([[vx_agent]]);\", 0, 1, \"vx_agent\", out)";
+const char* const requireSnippet = "Lua.RunScript(\"vexAppModule = require([[vx_agent]]);\", 0, 1, \"vx_agent\", out)";
 
 bool IsBlocked(int signal)
 {
@@ -125,7 +125,7 @@ protected:
         m_app.reset(new AgentApp);
         (*m_app)->SetAppName("vx_agent");
         // The application module comes from here; the snippets run in a real state.
-        answers().onRunScript = [this] { DefineModule(); };
+        Answers().onRunScript = [this] { DefineModule(); };
         FakeCore::ClearJournal();
     }
 
@@ -172,8 +172,8 @@ Lines SetupLines()
             "Lua.SetPackagePaths(\"\", \"\", \"\")",
             "Wrapper.Register()",
             "Dom.RegisterLoader()",
-            RequireSnippet,
-            InitSnippet};
+            requireSnippet,
+            initSnippet};
 }
 
 } // namespace
@@ -185,14 +185,14 @@ TEST_F(Run, TheForegroundCallsInitMainAndShutdownInThisOrder)
     EXPECT_EQ(App().OnRunScript(), 0);
     const Lines lines = Journal({"Lua"});
     EXPECT_THAT(lines, ElementsAre("Lua(false, \"vx_agent.lua\", true)", "Lua.SetPackagePaths(\"\", \"\", \"\")",
-                                   RequireSnippet, InitSnippet, MainSnippet, ShutdownSnippet));
+                                   requireSnippet, initSnippet, mainSnippet, shutdownSnippet));
 }
 
 TEST_F(Run, PreparesTheInterpreterAfterTheArchivePathAndBeforeTheModule)
 {
-    answers().tracedModules = {"Appl"};
+    Answers().tracedModules = {"Appl"};
     EXPECT_EQ(App().RunAppInit(), 0);
-    answers().tracedModules.clear();
+    Answers().tracedModules.clear();
     Lines all = Journal();
     all.erase(std::remove_if(all.begin(), all.end(),
                              [](const std::string& line) { return line.find("\"Run") != std::string::npos; }),
@@ -220,7 +220,7 @@ TEST_F(Run, RemovesPluginsBeforeItInstallsThemAndBeforeTheArchivePath)
     ::Test::WriteFile(folder / "b.vxu", "");
     m_app->Dom().Set("app.path.bin", folder.Path());
     Access::InstallPlugins(App()) = true;
-    answers().tracedModules = {"Appl"};
+    Answers().tracedModules = {"Appl"};
     m_module = "return { init = function() return 1 end }";
     ::Test::StandardError standardError;
     EXPECT_EQ(App().OnRunScript(), 1);
@@ -248,14 +248,14 @@ TEST_F(Run, AStatusOfInitEndsTheSequence)
 {
     m_module = "return { init = function() return 5 end }";
     EXPECT_EQ(App().OnRunScript(), 5);
-    EXPECT_EQ(Count(MainSnippet) + Count(ShutdownSnippet), 0u);
+    EXPECT_EQ(Count(mainSnippet) + Count(shutdownSnippet), 0u);
 }
 
 TEST_F(Run, AStatusOfMainSkipsShutdown)
 {
     m_module = "return { main = function() return 3 end }";
     EXPECT_EQ(App().OnRunScript(), 3);
-    EXPECT_EQ(Count(ShutdownSnippet), 0u);
+    EXPECT_EQ(Count(shutdownSnippet), 0u);
 }
 
 TEST_F(Run, TheStatusOfShutdownIsTheResult)
@@ -270,12 +270,12 @@ TEST_F(Run, AModuleThatDoesNotLoadEndsTheSequence)
     ::Test::StandardError standardError;
     EXPECT_EQ(App().OnRunScript(), 2);
     EXPECT_THAT(standardError.Text(), HasSubstr("broken"));
-    EXPECT_EQ(Count(InitSnippet), 0u);
+    EXPECT_EQ(Count(initSnippet), 0u);
 }
 
 TEST_F(Run, AFailedSetUpGoesToStandardErrorAndNotToTheLog)
 {
-    answers().registerLoaderFails = true;
+    Answers().registerLoaderFails = true;
     ::Test::StandardError standardError;
     EXPECT_EQ(App().OnRunScript(), 2);
     EXPECT_EQ(standardError.Text(), "Error setting up Lua:\nno loader\n");
@@ -287,8 +287,8 @@ TEST_F(Run, UnitTestsTakeThePlaceOfMain)
     Access::UnitTestScript(App()) = "tests/all.lua";
     m_module = "package.preload['tests.vexunit'] = function() return function() return 0 end end return {}";
     EXPECT_EQ(App().OnRunScript(), 0);
-    EXPECT_EQ(Count(MainSnippet), 0u);
-    EXPECT_EQ(Count(ShutdownSnippet), 1u);
+    EXPECT_EQ(Count(mainSnippet), 0u);
+    EXPECT_EQ(Count(shutdownSnippet), 1u);
     ::alarm(0);
 }
 
@@ -299,7 +299,7 @@ TEST_F(Run, FailedUnitTestsSkipShutdown)
     ::Test::StandardError standardError;
     EXPECT_EQ(App().OnRunScript(), 3);
     standardError.Text();
-    EXPECT_EQ(Count(ShutdownSnippet), 0u);
+    EXPECT_EQ(Count(shutdownSnippet), 0u);
     ::alarm(0);
 }
 
@@ -319,9 +319,9 @@ TEST_F(Run, TheBackgroundWaitsForATermAndThenCallsShutdown)
         EXPECT_EQ(App().OnRunScript(), 4);
     }
     const Lines all = Journal();
-    const auto main = std::find(all.begin(), all.end(), MainSnippet);
+    const auto main = std::find(all.begin(), all.end(), mainSnippet);
     ASSERT_NE(main, all.end());
-    EXPECT_THAT(Lines(main + 1, std::find(main, all.end(), ShutdownSnippet)),
+    EXPECT_THAT(Lines(main + 1, std::find(main, all.end(), shutdownSnippet)),
                 ElementsAre("profiler_idle()", "sigwait" + s_stopSignals, "profiler_running()",
                             "Log(Warning, \"sigwait(): caught signal 15\")", "unblock" + s_stopSignals));
     EXPECT_FALSE(IsBlocked(SIGTERM)) << "a second stop cuts shutdown short";
@@ -360,7 +360,7 @@ TEST_F(Run, TheBackgroundDoesNotWaitAfterAStatus)
         FakeCore::ClearJournal();
         m_module = std::string("return { ") + name + " = function() return 3 end }";
         EXPECT_EQ(App().OnRunScript(), 3);
-        EXPECT_EQ(Count("profiler_idle()") + Count(ShutdownSnippet), 0u);
+        EXPECT_EQ(Count("profiler_idle()") + Count(shutdownSnippet), 0u);
         delete Access::Lua(App());
         Access::Lua(App()) = nullptr;
     }
@@ -372,7 +372,7 @@ TEST_F(Run, TheBackgroundNeverRunsUnitTests)
     Access::UnitTestScript(App()) = "tests/all.lua";
     m_module = "return { main = function() return 1 end }";
     EXPECT_EQ(App().OnRunScript(), 1);
-    EXPECT_EQ(Count(MainSnippet), 1u);
+    EXPECT_EQ(Count(mainSnippet), 1u);
 }
 
 // --- signals
@@ -496,8 +496,8 @@ TEST_F(Run, HandsNegativeAndLargeStatusesBack)
 TEST_F(Run, NeverLosesAStatusOrHangs)
 {
     Access::DefaultName(App()) = true;
-    answers().onRunScript = nullptr;
-    answers().runScriptStatus = 5;
+    Answers().onRunScript = nullptr;
+    Answers().runScriptStatus = 5;
     ::Test::StandardError standardError;
     for (int i = 0; i < 300; ++i) {
         ASSERT_EQ(RunToEnd(), 5) << i;
@@ -512,7 +512,7 @@ TEST_F(Run, BlocksIntAndTermInBothThreads)
 {
     Access::DefaultName(App()) = true;
     bool blockedInScript = false;
-    answers().onRunScript = [this, &blockedInScript] {
+    Answers().onRunScript = [this, &blockedInScript] {
         DefineModule();
         blockedInScript = IsBlocked(SIGINT) && IsBlocked(SIGTERM);
     };
@@ -539,7 +539,7 @@ TEST_F(Run, TheLoopsDescriptorsAreNotInheritedByWhatTheScriptStarts)
 {
     Access::DefaultName(App()) = true;
     Lines open;
-    answers().onRunScript = [this, &open] {
+    Answers().onRunScript = [this, &open] {
         DefineModule();
         for (int descriptor = 3; descriptor < 200; ++descriptor) {
             const int flags = ::fcntl(descriptor, F_GETFD);
@@ -556,7 +556,7 @@ TEST_F(Run, TheLoopsDescriptorsAreNotInheritedByWhatTheScriptStarts)
 TEST_F(Run, AThreadThatCannotBeStartedEndsTheRunWithMinusOne)
 {
     Access::DefaultName(App()) = true;
-    answers().threads = FakeCore::EThreads::CannotStart;
+    Answers().threads = FakeCore::ThreadKind::CannotStart;
     EXPECT_EQ(RunToEnd(), -1);
     EXPECT_THAT(Journal({"Runnable.", "Exit"}),
                 ElementsAre("Runnable.SetDom(dom)", "Runnable.start(50, true, 0) CScriptThread",
@@ -566,8 +566,8 @@ TEST_F(Run, AThreadThatCannotBeStartedEndsTheRunWithMinusOne)
 TEST_F(Run, AnExceptionOnTheScriptThreadIsReportedAndEndsTheRunWithMinusOne)
 {
     Access::DefaultName(App()) = true;
-    answers().tracedModules = {"Appl"};
-    answers().onRunScript = [] { throw std::runtime_error("boom"); };
+    Answers().tracedModules = {"Appl"};
+    Answers().onRunScript = [] { throw std::runtime_error("boom"); };
     EXPECT_EQ(RunToEnd(), -1);
     const Lines lines = Journal({"Trace(\"Appl\", \"OnUnhandledException"});
     ASSERT_EQ(lines.size(), 2u);
@@ -577,7 +577,7 @@ TEST_F(Run, AnExceptionOnTheScriptThreadIsReportedAndEndsTheRunWithMinusOne)
 TEST_F(Run, AnExceptionOnTheScriptThreadIsSilentWhenNothingIsTraced)
 {
     Access::DefaultName(App()) = true;
-    answers().onRunScript = [] { throw 42; };
+    Answers().onRunScript = [] { throw 42; };
     ::Test::StandardError standardError;
     EXPECT_EQ(RunToEnd(), -1);
     EXPECT_EQ(standardError.Text(), "");
@@ -589,7 +589,7 @@ namespace {
 void EndAtTheCall()
 {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    answers().onExitProcess = [](int status) {
+    Answers().onExitProcess = [](int status) {
         for (const std::string& line : Journal({"OpenSSLThreadShutdown", "ShutdownSQLite", "Runnable.requestExit"}))
             std::fprintf(stderr, "%s;", line.c_str());
         std::fflush(stderr);
@@ -610,7 +610,7 @@ TEST_F(Run, AnotherApplicationInTheForegroundEndsTheProcessFromItsThread)
 TEST_F(Run, AnotherApplicationEndsTheProcessWithMinusOneAfterAnException)
 {
     App().SetAppName("other");
-    answers().onRunScript = [] { throw 42; };
+    Answers().onRunScript = [] { throw 42; };
     EndAtTheCall();
     EXPECT_EXIT(RunToEnd(), testing::ExitedWithCode(255), "OpenSSLThreadShutdown..;ShutdownSQLite..;$");
 }
@@ -651,7 +651,7 @@ void RunUntilTheLoopIsGone()
 TEST_F(Run, AnExceptionOutOfAnEventHandlerLeavesOnceTheScriptThreadHasEnded)
 {
     Access::DefaultName(App()) = true;
-    answers().onRunScript = [this] {
+    Answers().onRunScript = [this] {
         DefineModule();
         RunUntilTheLoopIsGone();
     };
@@ -664,7 +664,7 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerLeavesOnceTheScriptThreadHasEnded)
 TEST_F(Run, AnExceptionOutOfAnEventHandlerIsNotOvertakenByAScriptThreadThatEndsProcessesItself)
 {
     App().SetAppName("other");
-    answers().onRunScript = [this] {
+    Answers().onRunScript = [this] {
         DefineModule();
         RunUntilTheLoopIsGone();
     };
@@ -677,9 +677,9 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerIsNotOvertakenByAScriptThreadThatEndsP
 TEST_F(Run, AnExceptionOutOfAnEventHandlerEndsTheProcessAtOnceWhenTheScriptThreadGoesOn)
 {
     Access::DefaultName(App()) = true;
-    answers().tracedModules = {"Appl"};
-    answers().joinTimesOut = true;
-    answers().onRunScript = [this] {
+    Answers().tracedModules = {"Appl"};
+    Answers().joinTimesOut = true;
+    Answers().onRunScript = [this] {
         if (s_scriptRuns) // the first chunk has told it
             return;
         DefineModule();

@@ -112,7 +112,7 @@ Lines Report(const Exception& exception, bool traced = true)
     AgentApp app;
     FakeCore::ClearJournal();
     if (traced)
-        FakeCore::answers().tracedModules = {"Appl"};
+        FakeCore::Answers().tracedModules = {"Appl"};
     try {
         throw exception;
     } catch (...) {

@@ -16,7 +16,7 @@
 #include <unistd.h>
 
 using Access = AgentAppTestAccess;
-using FakeCore::answers;
+using FakeCore::Answers;
 using FakeCore::Count;
 using FakeCore::Journal;
 using testing::HasSubstr;
@@ -117,7 +117,7 @@ TEST_F(UnitTestMode, SetsATimeLimitThatIsNotCancelled)
 TEST_F(UnitTestMode, TheTimeLimitRunsBeforeTheTests)
 {
     unsigned left = 0;
-    answers().onRunScript = [&left] { left = ::alarm(600); };
+    Answers().onRunScript = [&left] { left = ::alarm(600); };
     DefineRunner("function() return 0 end");
     Run("x");
     EXPECT_GT(left, 590u);
@@ -126,7 +126,7 @@ TEST_F(UnitTestMode, TheTimeLimitRunsBeforeTheTests)
 TEST_F(UnitTestMode, ReturnsTheRunnersResultAndPrintsTheLastErrorText)
 {
     DefineRunner("function() return 3 end");
-    answers().errorInfo = "last";
+    Answers().errorInfo = "last";
     EXPECT_EQ(Run("x"), 3);
     EXPECT_EQ(m_error, "last\n");
 }
@@ -152,7 +152,7 @@ TEST_F(UnitTestMode, OutputIsFlushedBeforeTheErrorText)
 {
     // One file for both, so that their order shows.
     DefineRunner("function() print('out') return 1 end");
-    answers().errorInfo = "err";
+    Answers().errorInfo = "err";
     FILE* const file = std::tmpfile();
     std::fflush(stdout);
     const int output = ::dup(1);

@@ -21,11 +21,11 @@ std::string Verdict(wxInputStream& stream)
 {
     const FileVersion version = ReadVersionFile(stream);
     switch (version.line) {
-    case FileVersion::ELine::Missing:
+    case FileVersion::LineKind::Missing:
         return "no line";
-    case FileVersion::ELine::Malformed:
+    case FileVersion::LineKind::Malformed:
         return "malformed";
-    case FileVersion::ELine::WellFormed:
+    case FileVersion::LineKind::WellFormed:
         break;
     }
     const int* const n = version.numbers;

@@ -283,7 +283,7 @@ TEST_F(Start, CrashDumpIsNamedAfterTheApplicationAndFullOnRequest)
 
 TEST_F(Start, FailingCrashHandlerDoesNotStopTheStart)
 {
-    FakeCore::answers().crashHandlerResult = false;
+    FakeCore::Answers().crashHandlerResult = false;
     StartedApp started;
     EXPECT_TRUE(started.Init());
 }

@@ -122,7 +122,7 @@ TEST_F(ExtensionVersion, UnreadableFileHasNoVersionLine)
     WriteFile(m_archive + ".version", ::Test::Ours("version: {version}-1"));
     ASSERT_EQ(chmod((m_archive + ".version").c_str(), 0600), 0);
     {
-        const ::Test::OtherUser user(::Test::OtherUser::EIds::Effective);
+        const ::Test::OtherUser user(::Test::OtherUser::Ids::Effective);
         EXPECT_FALSE(CAgentApp::ExtensionVersionIsOK(m_archive));
     }
     const Lines log = FakeCore::Journal({"Log("});
@@ -153,7 +153,7 @@ protected:
     void SetUp() override
     {
         LauncherTest::SetUp();
-        FakeCore::answers().tracedModules = {"Appl"};
+        FakeCore::Answers().tracedModules = {"Appl"};
     }
     const std::string& Bin() const { return m_folder.Path(); }
     std::string Put(const std::string& name, const std::string& version = "")
@@ -217,7 +217,7 @@ TEST_F(ArchivePath, EverythingTogetherComesInTheFixedOrder)
 
 TEST_F(ArchivePath, NothingIsTracedWhenTheModuleIsNot)
 {
-    FakeCore::answers().tracedModules.clear();
+    FakeCore::Answers().tracedModules.clear();
     Put("a.zip");
     Expand("a.zip");
     EXPECT_THAT(FakeCore::Journal({"Trace("}), IsEmpty());
@@ -377,7 +377,7 @@ TEST_F(ArchivePath, FolderThatCannotBeReadHasNoMatchesEvenWhereItsFilesCould)
     ASSERT_EQ(chmod(Bin().c_str(), 0755), 0);
     ASSERT_EQ(chmod((m_folder / "lib").c_str(), 0711), 0);
     // Access rights are asked for the real user.
-    const ::Test::OtherUser user(::Test::OtherUser::EIds::Real);
+    const ::Test::OtherUser user(::Test::OtherUser::Ids::Real);
     EXPECT_EQ(Expand("lib/x.zip"), "(not written)");
     EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"lib/x.zip: no matches\")"));
 }
@@ -457,7 +457,7 @@ TEST_F(ArchivePath, TenThousandEntriesAreTakenInOrder)
         entries += "a.zip;b.zip;";
         expected += (i ? ";" : "") + a + ";" + b;
     }
-    FakeCore::answers().tracedModules.clear();
+    FakeCore::Answers().tracedModules.clear();
     EXPECT_EQ(Expand(entries), expected);
 }
 

@@ -33,7 +33,7 @@
 wxString g_pidFileName;
 
 namespace {
-const char* const DriverScript = "/opt/vx_agent/SunOS.init";
+const char* const driverScript = "/opt/vx_agent/SunOS.init";
 
 // What pass_signal reads and writes: plain values, because it may run between any two instructions. All are written
 // while SIGTERM is blocked or no handler is there, but for the two that it shares with the loop.
@@ -145,13 +145,13 @@ void Daemon::TakeLock()
 {
     const wxString path = m_pidFile + ".lock";
     switch (m_system.TakeInstanceLock(path.mb_str(wxConvLibc))) {
-    case VexOs::ELock::Taken:
+    case VexOs::LockResult::Taken:
         m_locked = true;
         break;
-    case VexOs::ELock::HeldByOther:
+    case VexOs::LockResult::HeldByOther:
         Refuse();
         break;
-    case VexOs::ELock::Unavailable:
+    case VexOs::LockResult::Unavailable:
         wxLogWarning("%s can't be locked (%s), so a second start at the same moment would go unnoticed.", path,
                      wxSysErrorMsg());
         break;
@@ -231,9 +231,9 @@ std::optional<int> Daemon::Supervise()
     for (;;) {
         const std::int64_t now = m_system.NowSeconds();
         const int recent = m_history.CountRecent(now);
-        if (recent >= RestartLimit) {
+        if (recent >= restartLimit) {
             wxLogError("Too many restarts in too short of a time, exiting (%d restarts in less than %d seconds)",
-                       recent, RestartSpanSeconds);
+                       recent, restartSpanSeconds);
             GiveUpPidFile();
             return -1;
         }
@@ -259,9 +259,9 @@ std::optional<int> Daemon::Supervise()
 
         const ChildEnd end = JudgeChildEnd(waitStatus, ::strsignal(SignalOfWaitStatus(waitStatus)), stopping);
         wxLogGeneric(end.level, "%s", end.message);
-        if (end.action == EAfterChild::StopDriverAndRestart || end.action == EAfterChild::StopDriverAndReturn)
+        if (end.action == AfterChild::StopDriverAndRestart || end.action == AfterChild::StopDriverAndReturn)
             StopDriver();
-        if (end.action == EAfterChild::Return || end.action == EAfterChild::StopDriverAndReturn) {
+        if (end.action == AfterChild::Return || end.action == AfterChild::StopDriverAndReturn) {
             GiveUpPidFile();
             return end.status;
         }
@@ -315,15 +315,15 @@ bool Daemon::WaitForChild(pid_t child, int& status)
 
 void Daemon::StopDriver()
 {
-    if (!m_system.IsExecutable(DriverScript))
+    if (!m_system.IsExecutable(driverScript))
         return;
     wxArrayString arguments;
     arguments.Add("stopmod");
     wxString output;
     wxString error;
     int exitCode = 0;
-    if (VexCore::Execute(DriverScript, arguments, output, exitCode, error))
-        wxLogMessage("Driver stopped using %s", DriverScript);
+    if (VexCore::Execute(driverScript, arguments, output, exitCode, error))
+        wxLogMessage("Driver stopped using %s", driverScript);
     else
         wxLogError("Error stopping driver: %s", error);
 }

@@ -22,7 +22,7 @@ static wxAppInitializer g_appInitializer(wxCreateApp);
 // that is not installed) belongs into the log as well. It deletes this target and asks the application's
 // traits for the next one.
 static const bool logsFromTheBeginning = [] {
-    wxLog::SetTimestamp(LogTimestamp);
+    wxLog::SetTimestamp(logTimestamp);
     delete wxLog::SetActiveTarget(new VexCore::CLog2Disk);
     return true;
 }();

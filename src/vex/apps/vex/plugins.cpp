@@ -22,7 +22,7 @@
 namespace {
 using VexCore::CAgentEvent;
 
-enum EEventNumber { EventInstalled = 5101, EventNotInstalled = 5102, EventRemoved = 5105, EventNotRemoved = 5106 };
+enum EventNumber { EventInstalled = 5101, EventNotInstalled = 5102, EventRemoved = 5105, EventNotRemoved = 5106 };
 
 constexpr int levelSuccess = 5;
 constexpr int levelFailure = 2;
@@ -51,7 +51,7 @@ void StartEvent(CAgentEvent& event, const wxFileName& file, const wxString& path
     event.SetAttributeNull(CAgentEvent::FieldTimeSeconds, false);
 }
 
-void FinishEvent(VexCore::CDom& dom, CAgentEvent& event, EEventNumber number, int level)
+void FinishEvent(VexCore::CDom& dom, CAgentEvent& event, EventNumber number, int level)
 {
     event.m_number = number;
     event.SetAttributeNull(CAgentEvent::FieldNumber, false);

@@ -7,36 +7,36 @@
 #include <iterator>
 
 namespace {
-constexpr long DelayBaseMs = 1000;
+constexpr long delayBaseMs = 1000;
 // The exit code by which a child asks for the kernel driver to be stopped before it is started again.
-constexpr int StopDriverCode = 3;
+constexpr int stopDriverCode = 3;
 
 // Deliberately these four alone. The other signals that leave a core are reported as a plain exit.
-constexpr int CrashSignals[] = {SIGILL, SIGTRAP, SIGABRT, SIGSEGV};
+constexpr int crashSignals[] = {SIGILL, SIGTRAP, SIGABRT, SIGSEGV};
 
-enum class EEnd { Exited, Crashed, Killed, Other };
+enum class EndKind { Exited, Crashed, Killed, Other };
 
-EEnd Classify(int low, int high, int signal)
+EndKind Classify(int low, int high, int signal)
 {
     if (low == 0)
-        return EEnd::Exited;
+        return EndKind::Exited;
     if (high != 0)
-        return EEnd::Other;
-    const bool crashed = std::find(std::begin(CrashSignals), std::end(CrashSignals), signal) != std::end(CrashSignals);
-    return crashed ? EEnd::Crashed : EEnd::Killed;
+        return EndKind::Other;
+    const bool crashed = std::find(std::begin(crashSignals), std::end(crashSignals), signal) != std::end(crashSignals);
+    return crashed ? EndKind::Crashed : EndKind::Killed;
 }
 
-wxString Message(EEnd end, int waitStatus, int exitCode, int signal, const char* signalName)
+wxString Message(EndKind end, int waitStatus, int exitCode, int signal, const char* signalName)
 {
     const char* const name = signalName ? signalName : "Unknown Signal";
     switch (end) {
-    case EEnd::Exited:
+    case EndKind::Exited:
         return wxString::Format("Child process exited with status %d (exit %d)", waitStatus, exitCode);
-    case EEnd::Crashed:
+    case EndKind::Crashed:
         return wxString::Format("Child process crashed with status %d (signal %d: %s)", waitStatus, signal, name);
-    case EEnd::Killed:
+    case EndKind::Killed:
         return wxString::Format("Child process exited with status %d (signal %d: %s)", waitStatus, signal, name);
-    case EEnd::Other:
+    case EndKind::Other:
         break;
     }
     return wxString::Format("Child process exited with status %d", waitStatus);
@@ -46,7 +46,7 @@ wxString Message(EEnd end, int waitStatus, int exitCode, int signal, const char*
 
 int RestartHistory::CountRecent(std::int64_t now) const
 {
-    const auto bound = static_cast<std::int32_t>(now - RestartSpanSeconds);
+    const auto bound = static_cast<std::int32_t>(now - restartSpanSeconds);
     return static_cast<int>(
         std::count_if(std::begin(m_starts), std::end(m_starts), [bound](std::int64_t start) { return start > bound; }));
 }
@@ -58,12 +58,12 @@ void RestartHistory::NoteStart(std::int64_t now)
 
 void RestartHistory::Advance()
 {
-    m_index = (m_index + 1) % RestartLimit;
+    m_index = (m_index + 1) % restartLimit;
 }
 
 long RestartDelayMs(int recent)
 {
-    return recent == 0 ? 0 : DelayBaseMs << (recent - 1);
+    return recent == 0 ? 0 : delayBaseMs << (recent - 1);
 }
 
 int SignalOfWaitStatus(int waitStatus)
@@ -76,18 +76,18 @@ ChildEnd JudgeChildEnd(int waitStatus, const char* signalName, bool stopping)
     const int low = waitStatus & 0xff;
     const int high = (waitStatus >> 8) & 0xff;
     const int signal = SignalOfWaitStatus(waitStatus);
-    const EEnd end = Classify(low, high, signal);
+    const EndKind end = Classify(low, high, signal);
 
-    ChildEnd judged = {wxLOG_Info, Message(end, waitStatus, high, signal, signalName), EAfterChild::Restart, 0};
-    if (end == EEnd::Crashed)
+    ChildEnd judged = {wxLOG_Info, Message(end, waitStatus, high, signal, signalName), AfterChild::Restart, 0};
+    if (end == EndKind::Crashed)
         judged.level = wxLOG_Error;
-    if (end == EEnd::Exited && high == StopDriverCode) {
-        judged.action = stopping ? EAfterChild::StopDriverAndReturn : EAfterChild::StopDriverAndRestart;
-    } else if (end == EEnd::Exited) {
-        judged.action = EAfterChild::Return;
+    if (end == EndKind::Exited && high == stopDriverCode) {
+        judged.action = stopping ? AfterChild::StopDriverAndReturn : AfterChild::StopDriverAndRestart;
+    } else if (end == EndKind::Exited) {
+        judged.action = AfterChild::Return;
         judged.status = high;
-    } else if (stopping || (end == EEnd::Killed && signal == SIGTERM)) {
-        judged.action = EAfterChild::Return;
+    } else if (stopping || (end == EndKind::Killed && signal == SIGTERM)) {
+        judged.action = AfterChild::Return;
     }
     return judged;
 }

@@ -8,8 +8,8 @@
 #include <wx/string.h>
 
 /// Starts within the span that are allowed, and the span.
-constexpr int RestartLimit = 8;
-constexpr int RestartSpanSeconds = 512;
+constexpr int restartLimit = 8;
+constexpr int restartSpanSeconds = 512;
 
 /// The times of the last starts, oldest overwritten first. Times are seconds since the epoch.
 class RestartHistory
@@ -24,7 +24,7 @@ public:
     void Advance();
 
 private:
-    std::int64_t m_starts[RestartLimit] = {};
+    std::int64_t m_starts[restartLimit] = {};
     int m_index = 0;
 };
 
@@ -33,7 +33,7 @@ private:
 long RestartDelayMs(int recent);
 
 /// What the supervisor does after a child's end.
-enum class EAfterChild {
+enum class AfterChild {
     Return, ///< the pid file goes and the supervisor ends with `status`
     Restart,
     StopDriverAndRestart,
@@ -44,7 +44,7 @@ struct ChildEnd
 {
     wxLogLevel level; ///< of the message
     wxString message;
-    EAfterChild action;
+    AfterChild action;
     int status; ///< with Return and StopDriverAndReturn
 };
 

@@ -35,7 +35,7 @@ extern "C" void VexSignalHandler(int signal)
 
 namespace {
 // How long an exception that ends the main loop lets the script thread finish before the process ends around it.
-constexpr long LastJoinMs = 10000;
+constexpr long lastJoinMs = 10000;
 
 // Where the two threads meet. The script's body begins when the main loop turns, so that the loop and its descriptors
 // are complete by then, and the script's status travels back as an idle event of the application: exiting a loop from
@@ -51,10 +51,10 @@ public:
     {
         event.Skip();
         const std::lock_guard lock(m_lock);
-        if (m_loop == ELoop::Coming) {
+        if (m_loop == LoopState::Coming) {
             // Programs that Lua code starts by itself must not inherit the loop's descriptors, nor what else is open.
             VexOs::CloseDescriptorsOnExec();
-            m_loop = ELoop::Turns;
+            m_loop = LoopState::Turns;
             m_changed.notify_all();
         }
         wxEventLoopBase* const loop = wxTheApp->GetMainLoop();
@@ -65,7 +65,7 @@ public:
     void LoopIsGone()
     {
         const std::lock_guard lock(m_lock);
-        m_loop = ELoop::Gone;
+        m_loop = LoopState::Gone;
         m_changed.notify_all();
     }
 
@@ -74,21 +74,21 @@ public:
     bool LoopTurns()
     {
         const std::lock_guard lock(m_lock);
-        return m_loop == ELoop::Turns;
+        return m_loop == LoopState::Turns;
     }
 
     // False: the loop will never turn.
     bool WaitForLoop()
     {
         std::unique_lock guard(m_lock);
-        m_changed.wait(guard, [this] { return m_loop != ELoop::Coming; });
-        return m_loop == ELoop::Turns;
+        m_changed.wait(guard, [this] { return m_loop != LoopState::Coming; });
+        return m_loop == LoopState::Turns;
     }
 
     void HandBack(int status)
     {
         const std::lock_guard lock(m_lock);
-        if (m_loop == ELoop::Gone)
+        if (m_loop == LoopState::Gone)
             return;
         m_status = status;
         m_handedBack = true;
@@ -98,18 +98,18 @@ public:
     // --- before the script thread starts
     void Reset()
     {
-        m_loop = ELoop::Coming;
+        m_loop = LoopState::Coming;
         m_handedBack = false;
         m_status = 0;
     }
 
 private:
-    enum class ELoop { Coming, Turns, Gone };
+    enum class LoopState { Coming, Turns, Gone };
 
     std::mutex m_lock;
     std::condition_variable m_changed;
     // Guarded by m_lock.
-    ELoop m_loop = ELoop::Coming;
+    LoopState m_loop = LoopState::Coming;
     bool m_handedBack = false;
     int m_status = 0;
 };
@@ -227,7 +227,7 @@ void CAgentApp::RunScriptThread()
             } catch (...) {
                 // The framework destroys the application next, which the script thread must have left by then.
                 thread.requestExit();
-                if (thread.join(LastJoinMs))
+                if (thread.join(lastJoinMs))
                     throw;
                 OnExit();
                 OnUnhandledException();

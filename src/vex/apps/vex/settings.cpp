@@ -67,7 +67,7 @@ wxString WorkFolder(const wxCmdLineParser& parser, const wxFileName& executable)
         folder.AssignDir(executable.GetPath(wxPATH_GET_VOLUME));
         folder.AppendDir("work");
     }
-    folder.Normalize(NormalizeFlags);
+    folder.Normalize(normalizeFlags);
     const wxString path = folder.GetPath(wxPATH_GET_VOLUME);
     if (!wxDirExists(path)) {
         MakeWorkFolder(path);

@@ -11,7 +11,7 @@
 
 namespace {
 // The alarm's signal only interrupts a blocking call; it ends nothing.
-constexpr unsigned TimeLimitSeconds = 600;
+constexpr unsigned timeLimitSeconds = 600;
 } // namespace
 
 int CAgentApp::RunUnitTests()
@@ -20,7 +20,7 @@ int CAgentApp::RunUnitTests()
         return 0;
     StandardOutput out;
     // Not cancelled afterwards, on purpose.
-    VexOs::SetAlarm(TimeLimitSeconds);
+    VexOs::SetAlarm(timeLimitSeconds);
     // The name or pattern goes in as it is, on purpose: quotes and backslashes in it change the Lua text.
     wxString chunk("vexunit = require('tests.vexunit'); return vexunit(\"");
     chunk += m_unitTestScript;

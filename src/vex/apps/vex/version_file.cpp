@@ -26,8 +26,8 @@ private:
     bool FeedNumber(char32_t c);
     bool EndNumber(char32_t c);
 
-    enum class EState { Prefix, OtherLine, Blanks, Digits, Done };
-    EState m_state = EState::Prefix;
+    enum class State { Prefix, OtherLine, Blanks, Digits, Done };
+    State m_state = State::Prefix;
     std::size_t m_matched = 0; // characters of the prefix
     int m_field = 0;
     bool m_signed = false; // a sign was read
@@ -42,23 +42,23 @@ bool VersionLine::Feed(char32_t c)
     static const char prefix[] = "version:";
     const bool lineEnd = c == '\n' || c == '\r';
     switch (m_state) {
-    case EState::Prefix:
+    case State::Prefix:
         if (lineEnd) {
             m_matched = 0;
         } else if (c != static_cast<unsigned char>(prefix[m_matched])) {
-            m_state = EState::OtherLine;
+            m_state = State::OtherLine;
         } else if (prefix[++m_matched] == '\0') {
-            m_state = EState::Blanks;
-            m_result.line = FileVersion::ELine::Malformed; // until the fourth number has been read
+            m_state = State::Blanks;
+            m_result.line = FileVersion::LineKind::Malformed; // until the fourth number has been read
         }
         return true;
-    case EState::OtherLine:
+    case State::OtherLine:
         if (lineEnd) {
-            m_state = EState::Prefix;
+            m_state = State::Prefix;
             m_matched = 0;
         }
         return true;
-    case EState::Blanks:
+    case State::Blanks:
         if (!m_signed && (c == ' ' || c == '\t' || c == '\v' || c == '\f'))
             return true;
         if (!m_signed && (c == '-' || c == '+')) {
@@ -66,11 +66,11 @@ bool VersionLine::Feed(char32_t c)
             m_negative = c == '-';
             return true;
         }
-        m_state = EState::Digits;
+        m_state = State::Digits;
         return FeedNumber(c);
-    case EState::Digits:
+    case State::Digits:
         return FeedNumber(c);
-    case EState::Done:
+    case State::Done:
         break;
     }
     return false;
@@ -93,13 +93,13 @@ bool VersionLine::EndNumber(char32_t c)
 {
     static const char separators[] = "..-";
     const std::int64_t value = m_negative ? -m_value : m_value;
-    m_state = EState::Done;
+    m_state = State::Done;
     // A number that an int cannot hold is no version; the framework's scan would wrap it around.
     if (!m_hasDigits || value < std::numeric_limits<int>::min() || value > std::numeric_limits<int>::max())
         return false;
     m_result.numbers[m_field] = static_cast<int>(value);
     if (m_field == 3) {
-        m_result.line = FileVersion::ELine::WellFormed; // whatever follows
+        m_result.line = FileVersion::LineKind::WellFormed; // whatever follows
         return false;
     }
     if (c != static_cast<unsigned char>(separators[m_field]))
@@ -107,13 +107,13 @@ bool VersionLine::EndNumber(char32_t c)
     ++m_field;
     m_signed = m_negative = m_hasDigits = false;
     m_value = 0;
-    m_state = EState::Blanks;
+    m_state = State::Blanks;
     return true;
 }
 
 FileVersion VersionLine::Finish()
 {
-    if (m_state == EState::Digits)
+    if (m_state == State::Digits)
         EndNumber('\n');
     return m_result;
 }

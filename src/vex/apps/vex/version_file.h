@@ -7,13 +7,13 @@ class wxInputStream;
 /// The first line of the file that begins with "version:".
 struct FileVersion
 {
-    enum class ELine {
+    enum class LineKind {
         Missing, ///< there is no such line
         Malformed, ///< it is not followed by four numbers, as the scan format "%d.%d.%d-%d" reads them
         WellFormed,
     };
 
-    ELine line = ELine::Missing;
+    LineKind line = LineKind::Missing;
     int numbers[4] = {}; ///< major, minor, patch and build of a well-formed line
 };
 

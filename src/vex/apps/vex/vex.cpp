@@ -98,7 +98,7 @@ wxFileName NormalizedFile(const wxString& path)
 {
     wxFileName file;
     file.Assign(path);
-    file.Normalize(NormalizeFlags);
+    file.Normalize(normalizeFlags);
     return file;
 }
 
@@ -108,7 +108,7 @@ CAgentApp::CAgentApp()
     m_startTime = wxDateTime::UNow();
     wxLog::SetVerbose(true);
     wxLog::SetLogLevel(wxLOG_Info);
-    wxLog::SetTimestamp(LogTimestamp);
+    wxLog::SetTimestamp(logTimestamp);
     wxSetAssertHandler(LogAssertion);
     InitLocale(m_locale);
     StartupInit();

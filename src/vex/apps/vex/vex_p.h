@@ -12,7 +12,7 @@
 #include <wx/string.h>
 
 // The time at the head of a log line.
-constexpr char LogTimestamp[] = "%Y-%m-%d %H:%M:%S";
+constexpr char logTimestamp[] = "%Y-%m-%d %H:%M:%S";
 
 // A trace line of the launcher. Its arguments are formatted only when the module is traced. The source file is one
 // fixed text, so that lines of different builds compare equal.
@@ -25,7 +25,7 @@ constexpr char LogTimestamp[] = "%Y-%m-%d %H:%M:%S";
 
 // --- vex.cpp
 /// To normalise a path is to resolve "." and "..", a leading "~", and the folder that it is relative to.
-constexpr int NormalizeFlags = wxPATH_NORM_DOTS | wxPATH_NORM_TILDE | wxPATH_NORM_ABSOLUTE;
+constexpr int normalizeFlags = wxPATH_NORM_DOTS | wxPATH_NORM_TILDE | wxPATH_NORM_ABSOLUTE;
 /// The file that the path names, normalised against the current folder.
 wxFileName NormalizedFile(const wxString& path);
 

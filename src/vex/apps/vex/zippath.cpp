@@ -10,6 +10,7 @@
 #include "vex/core/dom.h"
 
 #include <wx/arrstr.h>
+#include <wx/config.h>
 #include <wx/dir.h>
 #include <wx/filefn.h>
 #include <wx/log.h>
@@ -102,13 +103,13 @@ bool CAgentApp::ExtensionVersionIsOK(const wxString& archive)
     }
     wxFFileInputStream stream(file, "rb");
     const FileVersion version = stream.IsOk() ? ReadVersionFile(stream) : FileVersion();
-    if (version.line == FileVersion::ELine::Missing) {
+    if (version.line == FileVersion::LineKind::Missing) {
         wxLogWarning("File '%s' does not contain a 'version:' line. Extension '%s' will not be enabled.", file,
                      archive);
         return false;
     }
     // The wording differs from the one above on purpose.
-    if (version.line == FileVersion::ELine::Malformed) {
+    if (version.line == FileVersion::LineKind::Malformed) {
         wxLogWarning(
             "File '%s' did not contain a properly formatted 'version:' line. Extension '%s' will not be enabled.", file,
             archive);
@@ -131,7 +132,7 @@ void AppendEntry(wxString& list, const wxString& entry, const wxString& bin)
     pattern.Assign(wxExpandEnvVars(entry));
     const bool checkVersions = HasWildcard(entry);
     if (!pattern.IsAbsolute())
-        pattern.Normalize(NormalizeFlags, bin);
+        pattern.Normalize(normalizeFlags, bin);
     const wxArrayString files = FindArchives(pattern);
     if (files.empty()) {
         // A named archive that is missing is worth a line, an empty pattern is not.
@@ -163,7 +164,7 @@ void CAgentApp::ExpandZippath()
         wxFileName pattern;
         pattern.AssignDir(m_extDir);
         pattern.SetFullName("*.vxe");
-        pattern.Normalize(NormalizeFlags, bin);
+        pattern.Normalize(normalizeFlags, bin);
         if (pattern.DirExists())
             AppendPath(m_zipPath, pattern.GetFullPath());
     }

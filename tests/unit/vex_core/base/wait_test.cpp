@@ -9,7 +9,7 @@
 #include <thread>
 
 using VexCore::WaitPoint;
-using EOutcome = WaitPoint::EOutcome;
+using Outcome = WaitPoint::Outcome;
 
 namespace {
 std::int64_t MillisOf(const std::function<void()>& body)
@@ -24,29 +24,29 @@ std::int64_t MillisOf(const std::function<void()>& body)
 TEST(WaitPoint, SleepEndsWhenTheTimeIsOver)
 {
     WaitPoint point;
-    const auto took = MillisOf([&] { EXPECT_EQ(point.Sleep(30), EOutcome::TimedOut); });
+    const auto took = MillisOf([&] { EXPECT_EQ(point.Sleep(30), Outcome::TimedOut); });
     EXPECT_GE(took, 29);
 }
 
 TEST(WaitPoint, SleepOfNoTimeReturnsAtOnce)
 {
     WaitPoint point;
-    EXPECT_EQ(point.Sleep(0), EOutcome::TimedOut);
+    EXPECT_EQ(point.Sleep(0), Outcome::TimedOut);
 }
 
 TEST(WaitPoint, NotificationBeforeTheSleepIsNotLost)
 {
     WaitPoint point;
     point.Notify();
-    EXPECT_EQ(point.Sleep(-1), EOutcome::Notified);
-    EXPECT_EQ(point.Sleep(0), EOutcome::TimedOut) << "it counts once";
+    EXPECT_EQ(point.Sleep(-1), Outcome::Notified);
+    EXPECT_EQ(point.Sleep(0), Outcome::TimedOut) << "it counts once";
 }
 
 TEST(WaitPoint, NotificationFromAnotherThreadWakes)
 {
     WaitPoint point;
     ::Test::JoiningThread waker([&] { point.Notify(); });
-    EXPECT_EQ(point.Sleep(-1), EOutcome::Notified);
+    EXPECT_EQ(point.Sleep(-1), Outcome::Notified);
     waker.join();
 }
 
@@ -55,14 +55,14 @@ TEST(WaitPoint, ClearForgetsANotification)
     WaitPoint point;
     point.Notify();
     point.Clear();
-    EXPECT_EQ(point.Sleep(0), EOutcome::TimedOut);
+    EXPECT_EQ(point.Sleep(0), Outcome::TimedOut);
 }
 
 TEST(WaitPoint, AwakenIsReportedAsTimeOver)
 {
     WaitPoint point;
     ::Test::JoiningThread waker([&] { point.Awaken(); });
-    EXPECT_EQ(point.Sleep(-1), EOutcome::TimedOut);
+    EXPECT_EQ(point.Sleep(-1), Outcome::TimedOut);
     waker.join();
 }
 
@@ -73,15 +73,15 @@ TEST(WaitPoint, RequestToEndWinsAndStays)
     point.Notify();
     point.RequestExit();
     EXPECT_TRUE(point.ExitRequested());
-    EXPECT_EQ(point.Sleep(-1), EOutcome::Ending);
-    EXPECT_EQ(point.Sleep(-1), EOutcome::Ending);
+    EXPECT_EQ(point.Sleep(-1), Outcome::Ending);
+    EXPECT_EQ(point.Sleep(-1), Outcome::Ending);
 }
 
 TEST(WaitPoint, HugeTimeIsNoLimitAndNotAnOverflow)
 {
     WaitPoint point;
     ::Test::JoiningThread waker([&] { point.Notify(); });
-    EXPECT_EQ(point.Sleep(INT64_MAX), EOutcome::Notified);
+    EXPECT_EQ(point.Sleep(INT64_MAX), Outcome::Notified);
     waker.join();
 }
 

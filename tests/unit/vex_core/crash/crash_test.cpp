@@ -20,6 +20,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <wx/string.h>
+
 using namespace VexCore;
 
 namespace {

@@ -37,7 +37,7 @@ protected:
 std::int64_t Pragma(SqliteConnection& db, const std::string& name)
 {
     SqliteStatement row(db, ("PRAGMA " + name).c_str());
-    return row.Step() == SqliteStatement::EStep::Row ? row.ColumnInt(0) : -99;
+    return row.Step() == SqliteStatement::StepResult::Row ? row.ColumnInt(0) : -99;
 }
 
 } // namespace
@@ -58,7 +58,7 @@ TEST(Sqlite, OpenedDatabaseIsDurableByDefault)
     EXPECT_EQ(Pragma(db, "synchronous"), 2);
     EXPECT_EQ(Pragma(db, "busy_timeout"), 2000);
     SqliteStatement mode(db, "PRAGMA journal_mode");
-    ASSERT_EQ(mode.Step(), SqliteStatement::EStep::Row);
+    ASSERT_EQ(mode.Step(), SqliteStatement::StepResult::Row);
     EXPECT_EQ(mode.ColumnText(0), sqlite3_libversion_number() >= 3051003 ? "wal" : "truncate");
 }
 
@@ -76,7 +76,7 @@ TEST(Sqlite, FailureHasCodeAndText)
     EXPECT_NE(db.Error().find("nonsense"), std::string::npos) << db.Error();
     SqliteStatement bad(db, "SELECT * FROM nowhere");
     bad.Bind(1, static_cast<std::int64_t>(1));
-    EXPECT_EQ(bad.Step(), SqliteStatement::EStep::Failed);
+    EXPECT_EQ(bad.Step(), SqliteStatement::StepResult::Failed);
     EXPECT_NE(db.Error().find("nowhere"), std::string::npos) << db.Error();
 }
 
@@ -97,9 +97,9 @@ TEST(Sqlite, TransactionThatIsNotCommittedLeavesNothing)
         ASSERT_TRUE(transaction.Commit());
     }
     SqliteStatement rows(db, "SELECT a FROM t");
-    ASSERT_EQ(rows.Step(), SqliteStatement::EStep::Row);
+    ASSERT_EQ(rows.Step(), SqliteStatement::StepResult::Row);
     EXPECT_EQ(rows.ColumnInt(0), 2);
-    EXPECT_EQ(rows.Step(), SqliteStatement::EStep::Done);
+    EXPECT_EQ(rows.Step(), SqliteStatement::StepResult::Done);
 }
 
 TEST(Sqlite, StatementIsUsedAgainAfterReset)
@@ -113,15 +113,15 @@ TEST(Sqlite, StatementIsUsedAgainAfterReset)
     for (int i = 0; i < 3; ++i) {
         insert.Bind(1, text);
         insert.Bind(2, i == 1 ? std::optional<std::int64_t>() : std::optional<std::int64_t>(i));
-        ASSERT_EQ(insert.Step(), SqliteStatement::EStep::Done);
+        ASSERT_EQ(insert.Step(), SqliteStatement::StepResult::Done);
         EXPECT_EQ(db.LastInsertId(), i + 1);
         insert.Reset();
     }
     SqliteStatement rows(db, "SELECT a, b FROM t");
-    ASSERT_EQ(rows.Step(), SqliteStatement::EStep::Row);
+    ASSERT_EQ(rows.Step(), SqliteStatement::StepResult::Row);
     EXPECT_EQ(rows.ColumnText(0), text);
     EXPECT_FALSE(rows.ColumnIsNull(1));
-    ASSERT_EQ(rows.Step(), SqliteStatement::EStep::Row);
+    ASSERT_EQ(rows.Step(), SqliteStatement::StepResult::Row);
     EXPECT_TRUE(rows.ColumnIsNull(1));
 }
 

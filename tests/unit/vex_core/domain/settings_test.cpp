@@ -19,11 +19,11 @@ using Test::TempFolder;
 using Test::WriteFile;
 using VexCore::BoolSetting;
 using VexCore::CDom;
-using VexCore::ESetting;
 using VexCore::FindSetting;
 using VexCore::IntSetting;
 using VexCore::knownSettings;
 using VexCore::Setting;
+using VexCore::SettingKind;
 using VexCore::SettingsWatch;
 
 TEST(KnownSettings, EachHasADefaultWithinItsRangeAndANameOfItsOwn)
@@ -45,7 +45,7 @@ TEST(Settings, AbsentAndUnreadableAreTheDefault)
             dom->Remove(setting.key);
             if (*text)
                 dom->Set(setting.key, text);
-            if (setting.type == ESetting::Int)
+            if (setting.type == SettingKind::Int)
                 EXPECT_EQ(IntSetting(*dom, setting.key), setting.standard) << setting.key << '=' << text;
             else
                 EXPECT_EQ(BoolSetting(*dom, setting.key), setting.standard != 0) << setting.key << '=' << text;
@@ -56,7 +56,7 @@ TEST(Settings, ZeroAndBelowAreTheDefaultOfEachLimit)
 {
     const DomPtr dom = NewRoot();
     for (const Setting& setting : knownSettings) {
-        if (setting.type != ESetting::Int)
+        if (setting.type != SettingKind::Int)
             continue;
         for (const std::int64_t value : {static_cast<std::int64_t>(0), static_cast<std::int64_t>(-1), INT64_MIN}) {
             dom->SetWx(setting.key, value);

@@ -115,7 +115,7 @@ protected:
             return "(" + db.Error() + ")";
         SqliteStatement rows(db, "SELECT text FROM agent_event ORDER BY id");
         std::string all;
-        while (rows.Step() == SqliteStatement::EStep::Row)
+        while (rows.Step() == SqliteStatement::StepResult::Row)
             all += rows.ColumnText(0) + ";";
         return all;
     }
@@ -183,7 +183,7 @@ TEST_F(EventDatabase, AllFieldsAreStored)
     SqliteConnection db;
     ASSERT_TRUE(db.Open(Database(), 0));
     SqliteStatement row(db, "SELECT id, time_ms, time_s, number, severity, text, xml FROM agent_event");
-    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    ASSERT_EQ(row.Step(), SqliteStatement::StepResult::Row);
     EXPECT_EQ(row.ColumnInt(0), 1);
     EXPECT_EQ(row.ColumnInt(1), 1700000000123);
     EXPECT_EQ(row.ColumnInt(2), 1700000000);
@@ -191,7 +191,7 @@ TEST_F(EventDatabase, AllFieldsAreStored)
     EXPECT_EQ(row.ColumnInt(4), 5);
     EXPECT_EQ(row.ColumnText(5), event.m_text);
     EXPECT_EQ(row.ColumnText(6), event.ToXml());
-    EXPECT_EQ(row.Step(), SqliteStatement::EStep::Done);
+    EXPECT_EQ(row.Step(), SqliteStatement::StepResult::Done);
     EXPECT_TRUE(log.Lines().empty()) << log.All();
     EXPECT_FALSE(Exists(Pending()));
 }
@@ -202,7 +202,7 @@ TEST_F(EventDatabase, TableHasTheFormThatToolsRelyOn)
     SqliteConnection db;
     ASSERT_TRUE(db.Open(Database(), 0));
     SqliteStatement row(db, "SELECT sql FROM sqlite_master WHERE name = 'agent_event'");
-    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    ASSERT_EQ(row.Step(), SqliteStatement::StepResult::Row);
     EXPECT_EQ(row.ColumnText(0), "CREATE TABLE agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, "
                                  "number INTEGER, severity INTEGER, text TEXT, xml TEXT)");
 }
@@ -214,7 +214,7 @@ TEST_F(EventDatabase, AbsentFieldsAreNull)
     SqliteConnection db;
     ASSERT_TRUE(db.Open(Database(), 0));
     SqliteStatement row(db, "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event");
-    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    ASSERT_EQ(row.Step(), SqliteStatement::StepResult::Row);
     for (int column = 0; column < 5; ++column)
         EXPECT_TRUE(row.ColumnIsNull(column)) << column;
     EXPECT_EQ(row.ColumnText(5), "<agent_event/>");
@@ -271,14 +271,14 @@ TEST_F(EventDatabase, PendingEventsKeepAllTheirFields)
     SqliteConnection db;
     ASSERT_TRUE(db.Open(Database(), 0));
     SqliteStatement row(db, "SELECT time_ms, time_s, number, severity, text, xml FROM agent_event ORDER BY id");
-    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    ASSERT_EQ(row.Step(), SqliteStatement::StepResult::Row);
     EXPECT_EQ(row.ColumnInt(0), event.m_timeMillis);
     EXPECT_EQ(row.ColumnInt(1), event.m_timeSeconds);
     EXPECT_EQ(row.ColumnInt(2), event.m_number);
     EXPECT_EQ(row.ColumnInt(3), event.m_severity);
     EXPECT_EQ(row.ColumnText(4), event.m_text);
     EXPECT_EQ(row.ColumnText(5), event.ToXml());
-    ASSERT_EQ(row.Step(), SqliteStatement::EStep::Row);
+    ASSERT_EQ(row.Step(), SqliteStatement::StepResult::Row);
     EXPECT_TRUE(row.ColumnIsNull(0));
     EXPECT_TRUE(row.ColumnIsNull(4));
     EXPECT_EQ(row.ColumnText(5), "<agent_event/>");
@@ -625,7 +625,7 @@ TEST_F(EventDatabase, EachFailingCallLeavesEveryEventExactlyOnce)
             EventStore store(m_work);
             {
                 SqliteFaults faults;
-                ::Test::FailNth fault(n, lasting ? ENOSPC : EIO, ::Test::FailNth::EHow::Fail, lasting);
+                ::Test::FailNth fault(n, lasting ? ENOSPC : EIO, ::Test::FailNth::How::Fail, lasting);
                 store.Write(SampleEvent("in fault"));
                 hit = fault.WasHit();
             }
@@ -661,7 +661,7 @@ TEST_F(EventDatabase, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
         const pid_t pid = fork();
         if (pid == 0) {
             SqliteFaults faults;
-            ::Test::FailNth fault(n, EIO, ::Test::FailNth::EHow::Die);
+            ::Test::FailNth fault(n, EIO, ::Test::FailNth::How::Die);
             const bool stored = EventStore(m_work).Write(SampleEvent("mine")) != 0;
             fault.Stop();
             static_cast<void>(write(done[1], stored ? "y" : "n", 1) == 1);

@@ -36,7 +36,7 @@ using Test::WriteFile;
 using testing::HasSubstr;
 using testing::StartsWith;
 using VexCore::DiskLog;
-using VexCore::ELogLevel;
+using VexCore::LogLevel;
 namespace os = VexCore::os;
 using namespace std::string_view_literals;
 
@@ -152,7 +152,7 @@ TEST(LogRecord, HasTimeLevelProcessThreadAndText)
 {
     const ::Test::Variable zone("TZ", "UTC");
     ::tzset();
-    EXPECT_EQ(VexCore::FormatLogRecord(1769854830, "%Y-%m-%d %H:%M:%S", ELogLevel::Warning, 4242, "CScriptThread",
+    EXPECT_EQ(VexCore::FormatLogRecord(1769854830, "%Y-%m-%d %H:%M:%S", LogLevel::Warning, 4242, "CScriptThread",
                                        "lib/x.zip: no matches"),
               "2026-01-31 10:20:30 WARNING [4242/CScriptThread] lib/x.zip: no matches\n");
 }
@@ -160,7 +160,7 @@ TEST(LogRecord, HasTimeLevelProcessThreadAndText)
 TEST(LogRecord, AThreadsNameStartsNoLineOfItsOwn)
 {
     // A worker is named after its module, and that is any text of a script.
-    EXPECT_THAT(VexCore::FormatLogRecord(0, "%Y", ELogLevel::Info, 2, "worker a\n2026 \x1b", "text"),
+    EXPECT_THAT(VexCore::FormatLogRecord(0, "%Y", LogLevel::Info, 2, "worker a\n2026 \x1b", "text"),
                 ::testing::HasSubstr(" INFO [2/worker a\n    2026 \\x1B] text\n"));
 }
 
@@ -168,7 +168,7 @@ TEST(LogRecord, LevelsHaveTheirWords)
 {
     const char* const words[] = {"FATAL", "ERROR", "WARNING", "MESSAGE", "INFO", "DEBUG", "TRACE"};
     for (int level = 0; level < 7; ++level)
-        EXPECT_STREQ(VexCore::LogLevelWord(ELogLevel(level)), words[level]);
+        EXPECT_STREQ(VexCore::LogLevelWord(LogLevel(level)), words[level]);
 }
 
 TEST(LogText, LineBreaksAreIndentedAndControlCharactersShown)

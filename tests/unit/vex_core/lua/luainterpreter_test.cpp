@@ -50,25 +50,25 @@ protected:
     {
         wxMemoryInputStream in(code.data(), code.size());
         wxMemoryOutputStream out;
-        const int status = lua.RunScript(in, 0, resultCount, name, &out);
-        output.resize(out.GetSize());
-        out.CopyTo(&output[0], output.size());
+        const int status = m_lua.RunScript(in, 0, resultCount, name, &out);
+        m_output.resize(out.GetSize());
+        out.CopyTo(&m_output[0], m_output.size());
         return status;
     }
-    std::string Error() { return std::string(lua.GetErrorInfo().utf8_str()); }
+    std::string Error() { return std::string(m_lua.GetErrorInfo().utf8_str()); }
     std::string Global(const char* table, const char* field)
     {
-        lua_getglobal(lua.L(), table);
-        lua_getfield(lua.L(), -1, field);
-        const std::string text = lua_tostring(lua.L(), -1);
-        lua_pop(lua.L(), 2);
+        lua_getglobal(m_lua.L(), table);
+        lua_getfield(m_lua.L(), -1, field);
+        const std::string text = lua_tostring(m_lua.L(), -1);
+        lua_pop(m_lua.L(), 2);
         return text;
     }
-    int Height() { return lua_gettop(lua.L()); }
+    int Height() { return lua_gettop(m_lua.L()); }
 
-    LimitedAllocator allocator{0}; // before the state, which gives its blocks back to it
-    CLuaInterpreter lua{false, L"test.lua", true};
-    std::string output;
+    LimitedAllocator m_allocator{0}; // before the state, which gives its blocks back to it
+    CLuaInterpreter m_lua{false, L"test.lua", true};
+    std::string m_output;
 };
 
 int CountOf(const std::string& text, const std::string& part)
@@ -85,10 +85,10 @@ TEST_F(Interpreter, SuccessLeavesExactlyTheResultsAskedFor)
 {
     EXPECT_EQ(Run("return 7, 8, 9", 1), 0);
     ASSERT_EQ(Height(), 1);
-    EXPECT_EQ(lua_tointeger(lua.L(), -1), 7);
+    EXPECT_EQ(lua_tointeger(m_lua.L(), -1), 7);
     EXPECT_EQ(Run("", 2), 0);
     EXPECT_EQ(Height(), 3);
-    EXPECT_TRUE(lua_isnil(lua.L(), -1));
+    EXPECT_TRUE(lua_isnil(m_lua.L(), -1));
     EXPECT_EQ(Error(), "");
 }
 
@@ -96,15 +96,15 @@ TEST_F(Interpreter, ManyResultsAndArgumentsHaveTheirRoom)
 {
     EXPECT_EQ(Run("return 1, 2", 5000), 0);
     ASSERT_EQ(Height(), 5000);
-    EXPECT_EQ(lua_tointeger(lua.L(), 2), 2);
-    EXPECT_TRUE(lua_isnil(lua.L(), 5000));
+    EXPECT_EQ(lua_tointeger(m_lua.L(), 2), 2);
+    EXPECT_TRUE(lua_isnil(m_lua.L(), 5000));
 
     wxStringInputStream in("return select('#', ...), ...");
-    ASSERT_EQ(lua.RunScript(in, 5000, 6000, "many", nullptr), 0);
+    ASSERT_EQ(m_lua.RunScript(in, 5000, 6000, "many", nullptr), 0);
     ASSERT_EQ(Height(), 6000);
-    EXPECT_EQ(lua_tointeger(lua.L(), 1), 5000);
-    EXPECT_EQ(lua_tointeger(lua.L(), 3), 2);
-    lua_settop(lua.L(), 0);
+    EXPECT_EQ(lua_tointeger(m_lua.L(), 1), 5000);
+    EXPECT_EQ(lua_tointeger(m_lua.L(), 3), 2);
+    lua_settop(m_lua.L(), 0);
 
     EXPECT_EQ(Run("return 1", 2000000), 2) << "more than a stack may hold";
     EXPECT_THAT(Error(), HasSubstr("stack overflow"));
@@ -113,19 +113,19 @@ TEST_F(Interpreter, ManyResultsAndArgumentsHaveTheirRoom)
 
 TEST_F(Interpreter, ArgumentsReachTheChunkAndAreGoneAfterwards)
 {
-    lua_pushstring(lua.L(), "below");
-    lua_pushinteger(lua.L(), 20);
-    lua_pushinteger(lua.L(), 22);
+    lua_pushstring(m_lua.L(), "below");
+    lua_pushinteger(m_lua.L(), 20);
+    lua_pushinteger(m_lua.L(), 22);
     wxStringInputStream in("local a, b = ... return a + b");
-    EXPECT_EQ(lua.RunScript(in, 2, 1, "sum", nullptr), 0);
+    EXPECT_EQ(m_lua.RunScript(in, 2, 1, "sum", nullptr), 0);
     ASSERT_EQ(Height(), 2);
-    EXPECT_EQ(lua_tointeger(lua.L(), -1), 42);
+    EXPECT_EQ(lua_tointeger(m_lua.L(), -1), 42);
 
-    lua_pushinteger(lua.L(), 1);
+    lua_pushinteger(m_lua.L(), 1);
     wxStringInputStream bad("error('x')");
-    EXPECT_EQ(lua.RunScript(bad, 1, 1, "bad", nullptr), 2);
+    EXPECT_EQ(m_lua.RunScript(bad, 1, 1, "bad", nullptr), 2);
     EXPECT_EQ(Height(), 2) << "argument gone, nothing left";
-    EXPECT_STREQ(lua_tostring(lua.L(), 1), "below");
+    EXPECT_STREQ(lua_tostring(m_lua.L(), 1), "below");
 }
 
 TEST_F(Interpreter, LongChunkIsReadInPieces)
@@ -134,7 +134,7 @@ TEST_F(Interpreter, LongChunkIsReadInPieces)
     for (int i = 0; i < 20000; ++i)
         code += "n = n + 1\n";
     EXPECT_EQ(Run(code + "return n", 1), 0);
-    EXPECT_EQ(lua_tointeger(lua.L(), -1), 20000);
+    EXPECT_EQ(lua_tointeger(m_lua.L(), -1), 20000);
 }
 
 // --- statuses
@@ -150,7 +150,7 @@ TEST_F(Interpreter, PrecompiledChunkIsRefused)
 {
     ASSERT_EQ(Run("return string.dump(function() return 1 end)", 1), 0);
     std::size_t length = 0;
-    const char* bytes = lua_tolstring(lua.L(), -1, &length);
+    const char* bytes = lua_tolstring(m_lua.L(), -1, &length);
     EXPECT_EQ(Run(std::string(bytes, length)), 1);
     EXPECT_THAT(Error(), HasSubstr("attempt to load a binary chunk"));
 }
@@ -165,7 +165,7 @@ TEST_F(Interpreter, UnreadableStreamIsStatusOne)
             return 0;
         }
     } broken;
-    EXPECT_EQ(lua.RunScript(broken, 0, 0, "broken", nullptr), 1);
+    EXPECT_EQ(m_lua.RunScript(broken, 0, 0, "broken", nullptr), 1);
     EXPECT_THAT(Error(), HasSubstr("cannot read the chunk"));
 }
 
@@ -222,8 +222,8 @@ TEST_F(Interpreter, StackOverflowIsStatusTwo)
 
 TEST_F(Interpreter, OutOfMemoryIsStatusFour)
 {
-    allocator.left = 1 << 20;
-    lua_setallocf(lua.L(), &LimitedAllocator::Allocate, &allocator);
+    m_allocator.left = 1 << 20;
+    lua_setallocf(m_lua.L(), &LimitedAllocator::Allocate, &m_allocator);
     EXPECT_EQ(Run("local t = {} for i = 1, 1e9 do t[i] = {i} end"), 4);
     EXPECT_THAT(Error(), HasSubstr("not enough memory"));
     EXPECT_EQ(Run("local s = 'x' while true do s = s .. s end"), 4);
@@ -246,9 +246,9 @@ TEST_F(Interpreter, EndlessStringIsStatusOneOrFour)
             return size;
         }
     } endless;
-    allocator.left = 1 << 20;
-    lua_setallocf(lua.L(), &LimitedAllocator::Allocate, &allocator);
-    EXPECT_EQ(lua.RunScript(endless, 0, 1, "endless", nullptr), 4);
+    m_allocator.left = 1 << 20;
+    lua_setallocf(m_lua.L(), &LimitedAllocator::Allocate, &m_allocator);
+    EXPECT_EQ(m_lua.RunScript(endless, 0, 1, "endless", nullptr), 4);
     EXPECT_THAT(Error(), HasSubstr("not enough memory"));
     EXPECT_EQ(Run("return 'unfinished"), 1);
 }
@@ -261,8 +261,8 @@ TEST_F(Interpreter, ErrorInAFinaliserIsStatusFive)
 
 TEST_F(Interpreter, ForeignExceptionIsStatusTwoWithItsText)
 {
-    lua_register(lua.L(), "native", [](lua_State*) -> int { throw std::runtime_error("from a module"); });
-    lua_register(lua.L(), "odd", [](lua_State*) -> int { throw 5; });
+    lua_register(m_lua.L(), "native", [](lua_State*) -> int { throw std::runtime_error("from a module"); });
+    lua_register(m_lua.L(), "odd", [](lua_State*) -> int { throw 5; });
     EXPECT_EQ(Run("native()"), 2);
     EXPECT_THAT(Error(), HasSubstr("from a module"));
     EXPECT_THAT(Error(), HasSubstr("stack traceback:"));
@@ -311,7 +311,7 @@ TEST_F(Interpreter, MessageThatIsNotUtf8IsKept)
 TEST_F(Interpreter, MessageIsNotCutAtAZeroByte)
 {
     Run("error('a\\0b', 0)");
-    const wxString message = lua.GetErrorInfo();
+    const wxString message = m_lua.GetErrorInfo();
     const wxScopedCharBuffer bytes = message.utf8_str();
     EXPECT_THAT(std::string(bytes.data(), bytes.length()),
                 StartsWith(std::string("a\0b\nstack traceback:\n\t[C]: in", 29)));
@@ -319,17 +319,17 @@ TEST_F(Interpreter, MessageIsNotCutAtAZeroByte)
 
 TEST_F(Interpreter, ChunkMayRunAnother)
 {
-    static CLuaInterpreter* interpreter;
-    interpreter = &lua;
-    lua_register(lua.L(), "nested", [](lua_State* L) -> int {
+    static CLuaInterpreter* s_interpreter;
+    s_interpreter = &m_lua;
+    lua_register(m_lua.L(), "nested", [](lua_State* L) -> int {
         wxStringInputStream in("print('inner') error('inner failed', 0)");
         wxStringOutputStream out;
-        lua_pushinteger(L, interpreter->RunScript(in, 0, 0, "inner", &out));
+        lua_pushinteger(L, s_interpreter->RunScript(in, 0, 0, "inner", &out));
         lua_pushstring(L, out.GetString().utf8_str());
         return 2;
     });
     EXPECT_EQ(Run("print('a') local s, o = nested() print('b', s, o) error('outer', 0)"), 2);
-    EXPECT_EQ(output, "a\nb\t2\tinner\n\n");
+    EXPECT_EQ(m_output, "a\nb\t2\tinner\n\n");
     EXPECT_THAT(Error(), StartsWith("outer\nstack traceback:"));
 }
 
@@ -340,7 +340,7 @@ TEST_F(Interpreter, PrintAndWriteKeepTheirOrder)
     EXPECT_EQ(Run("print('a', 1, nil, true) io.write('b', 2, '\\n') io.stdout:write('c'):write('d\\n') print() "
                   "io.output():write('e\\n') io.flush() io.stdout:flush() print('x\\0y')"),
               0);
-    EXPECT_EQ(output, std::string("a\t1\tnil\ttrue\nb2\ncd\n\ne\nx\0y\n", 26));
+    EXPECT_EQ(m_output, std::string("a\t1\tnil\ttrue\nb2\ncd\n\ne\nx\0y\n", 26));
 }
 
 TEST_F(Interpreter, WriteReturnsItsFile)
@@ -359,17 +359,17 @@ TEST_F(Interpreter, FinaliserThatPrintsLeavesTheRunningPrintAlone)
                   "  setmetatable({}, {__gc = function() print('finalised') end}) return 5.25 end "
                   "print('begin', 1, 'end')"),
               0);
-    EXPECT_EQ(CountOf(output, "finalised\n"), 1) << output;
-    EXPECT_EQ(CountOf(output, "begin\t5.25\tend\n"), 1) << output;
+    EXPECT_EQ(CountOf(m_output, "finalised\n"), 1) << m_output;
+    EXPECT_EQ(CountOf(m_output, "begin\t5.25\tend\n"), 1) << m_output;
 }
 
 TEST_F(Interpreter, PrintUsesTostringOfTheChunk)
 {
     EXPECT_EQ(Run("local t = setmetatable({}, {__tostring = function() print('inside') return 'T' end}) print('v', t)"),
               0);
-    EXPECT_EQ(output, "inside\nv\tT\n");
+    EXPECT_EQ(m_output, "inside\nv\tT\n");
     EXPECT_EQ(Run("tostring = function(v) return '<' .. type(v) .. '>' end print('s', 1)"), 0);
-    EXPECT_EQ(output, "<string>\t<number>\n");
+    EXPECT_EQ(m_output, "<string>\t<number>\n");
     EXPECT_EQ(Run("tostring = function(v) return {} end print('s')"), 2);
     EXPECT_THAT(Error(), HasSubstr("'tostring' must return a string to 'print'"));
 }
@@ -380,7 +380,7 @@ TEST_F(Interpreter, OutputToAnotherFileIsNotRedirected)
                   "f:seek('set') local text = f:read('*a') io.output(io.stdout) io.write(text)"),
               0)
         << Error();
-    EXPECT_EQ(output, "hidden too");
+    EXPECT_EQ(m_output, "hidden too");
 }
 
 TEST_F(Interpreter, WrongArgumentOfWriteIsAnError)
@@ -402,7 +402,7 @@ TEST_F(Interpreter, FailingStreamIsReportedByWrite)
     } full;
     wxStringInputStream in(
         "print('lost') local ok, why = io.write('lost') assert(ok == nil and type(why) == 'string')");
-    EXPECT_EQ(lua.RunScript(in, 0, 0, "full", &full), 0) << Error();
+    EXPECT_EQ(m_lua.RunScript(in, 0, 0, "full", &full), 0) << Error();
 }
 
 TEST_F(Interpreter, FlushReachesTheStream)
@@ -413,7 +413,7 @@ TEST_F(Interpreter, FlushReachesTheStream)
         void Sync() override { ++flushed; }
     } out;
     wxStringInputStream in("io.write('x') io.flush() io.stdout:flush()");
-    EXPECT_EQ(lua.RunScript(in, 0, 0, "flush", &out), 0) << Error();
+    EXPECT_EQ(m_lua.RunScript(in, 0, 0, "flush", &out), 0) << Error();
     EXPECT_EQ(out.flushed, 2);
 }
 
@@ -422,10 +422,10 @@ TEST_F(Interpreter, OutputOfACoroutineAndOfANestedCallGoesToTheStreamToo)
     EXPECT_EQ(Run("coroutine.wrap(function() print('in a coroutine') io.write('w', 1, '\\n') end)() "
                   "pcall(function() print('inside pcall') error('x') end) load(\"print('loaded')\")()"),
               0);
-    EXPECT_EQ(output, "in a coroutine\nw1\ninside pcall\nloaded\n");
+    EXPECT_EQ(m_output, "in a coroutine\nw1\ninside pcall\nloaded\n");
     ::Test::StandardOutput standardOutput;
     wxStringInputStream later("print('after')");
-    EXPECT_EQ(lua.RunScript(later, 0, 0, "later", nullptr), 0);
+    EXPECT_EQ(m_lua.RunScript(later, 0, 0, "later", nullptr), 0);
     EXPECT_EQ(standardOutput.Text(), "after\n") << "the stream is only for the chunk that it was given for";
 }
 
@@ -433,7 +433,7 @@ TEST_F(Interpreter, WithoutAStreamOutputIsLuasOwn)
 {
     ::Test::StandardOutput standardOutput;
     wxStringInputStream in("print('plain', 1) io.write('w\\n') io.stdout:write('f\\n') io.flush() io.stdout:flush()");
-    EXPECT_EQ(lua.RunScript(in, 0, 0, "plain", nullptr), 0);
+    EXPECT_EQ(m_lua.RunScript(in, 0, 0, "plain", nullptr), 0);
     EXPECT_EQ(standardOutput.Text(), "plain\t1\nw\nf\n");
 }
 
@@ -441,7 +441,7 @@ TEST_F(Interpreter, WithoutAStreamOutputIsLuasOwn)
 
 TEST_F(Interpreter, PackagePathsHaveTheirOrderAndNoCurrentDirectory)
 {
-    lua.SetPackagePaths("/bin/dir", "/my/?.lua;/other/?.lua", "/my/?.so");
+    m_lua.SetPackagePaths("/bin/dir", "/my/?.lua;/other/?.lua", "/my/?.so");
     const std::string path = Global("package", "path");
     EXPECT_THAT(path, StartsWith("/my/?.lua;/other/?.lua;/bin/dir/?.lua;/bin/dir/?/init.lua;/"));
     EXPECT_THAT(path, HasSubstr("/share/lua/5.2/?.lua"));
@@ -453,18 +453,18 @@ TEST_F(Interpreter, PackagePathsHaveTheirOrderAndNoCurrentDirectory)
 
 TEST_F(Interpreter, EmptyPathsAreLeftOut)
 {
-    lua.SetPackagePaths("", "", "");
+    m_lua.SetPackagePaths("", "", "");
     EXPECT_THAT(Global("package", "path"), StartsWith("/usr"));
     EXPECT_THAT(Global("package", "path"), Not(HasSubstr(";;")));
-    lua.SetPackagePaths(nullptr, nullptr, nullptr);
+    m_lua.SetPackagePaths(nullptr, nullptr, nullptr);
     EXPECT_THAT(Global("package", "cpath"), StartsWith("/usr"));
 }
 
 TEST_F(Interpreter, SettingPathsAgainDoesNotPileThemUp)
 {
-    lua.SetPackagePaths("/b", "/p/?.lua", "/c/?.so");
+    m_lua.SetPackagePaths("/b", "/p/?.lua", "/c/?.so");
     const std::string once = Global("package", "path");
-    lua.SetPackagePaths("/b", "/p/?.lua", "/c/?.so");
+    m_lua.SetPackagePaths("/b", "/p/?.lua", "/c/?.so");
     EXPECT_EQ(Global("package", "path"), once);
 }
 
@@ -480,19 +480,19 @@ TEST(InterpreterLife, WithoutLibrariesThereAreNoGlobals)
 
 TEST(InterpreterLife, CollectionAtTheEndRunsFinalisers)
 {
-    static int collected;
-    collected = 0;
+    static int s_collected;
+    s_collected = 0;
     {
         CLuaInterpreter lua(true, L"collected.lua", true);
         lua_pushcfunction(lua.L(), [](lua_State*) -> int {
-            ++collected;
+            ++s_collected;
             return 0;
         });
         lua_setglobal(lua.L(), "count");
         wxStringInputStream in("setmetatable({}, {__gc = function() count() error('late') end})");
         ASSERT_EQ(lua.RunScript(in, 0, 0, "x", nullptr), 0);
     }
-    EXPECT_EQ(collected, 1);
+    EXPECT_EQ(s_collected, 1);
 }
 
 } // namespace

@@ -30,25 +30,25 @@ namespace {
 class LuaWorker : public ::testing::Test
 {
 protected:
-    LuaWorker() : dom(CDom::New(nullptr, nullptr, nullptr, false))
+    LuaWorker() : m_dom(CDom::New(nullptr, nullptr, nullptr, false))
     {
-        dom->Set("app.name", "worker");
-        dom->Set("app.path.work", folder.Path());
-        dom->Set("app.path.bin", folder.Path());
-        SLB3::PushReference(lua.L(), dom);
-        lua_setglobal(lua.L(), "dom0");
+        m_dom->Set("app.name", "worker");
+        m_dom->Set("app.path.work", m_folder.Path());
+        m_dom->Set("app.path.bin", m_folder.Path());
+        SLB3::PushReference(m_lua.L(), m_dom);
+        lua_setglobal(m_lua.L(), "dom0");
     }
     ~LuaWorker() override
     {
         VexCore::StopAllWorkers(10000);
         VexCore::ReopenWorkers();
-        dom->Release();
+        m_dom->Release();
     }
 
-    void Module(const std::string& name, const std::string& code) { ::Test::WriteFile(folder / name + ".lua", code); }
+    void Module(const std::string& name, const std::string& code) { ::Test::WriteFile(m_folder / name + ".lua", code); }
     std::string Run(const std::string& code)
     {
-        lua_State* L = lua.L();
+        lua_State* L = m_lua.L();
         lua_settop(L, 0);
         std::string text;
         if (luaL_loadbuffer(L, code.data(), code.size(), "@test.lua") || lua_pcall(L, 0, LUA_MULTRET, 0))
@@ -57,12 +57,12 @@ protected:
             text += (text.empty() ? "" : " ") + std::string(luaL_tolstring(L, i, nullptr));
         return text;
     }
-    std::string Log() { return log.Text(); }
+    std::string Log() { return m_log.Text(); }
 
-    ::Test::TempFolder folder;
-    CDom* dom;
-    ::Test::LogCatcher log;
-    VexCore::CLuaInterpreter lua{false, L"test", true};
+    ::Test::TempFolder m_folder;
+    CDom* m_dom;
+    ::Test::LogCatcher m_log;
+    VexCore::CLuaInterpreter m_lua{false, L"test", true};
 };
 
 TEST_F(LuaWorker, RunsTheModuleWithItsArgumentInAPreparedState)
@@ -73,8 +73,8 @@ TEST_F(LuaWorker, RunsTheModuleWithItsArgumentInAPreparedState)
     EXPECT_EQ(Run("w = dom0:StartThread('job', {'one', list = {1, 2.5}, flag = true, text = 'a'})\n"
                   "return w:Join()"),
               "true 0");
-    EXPECT_EQ(dom->Get("got"), "2.5trueonea");
-    EXPECT_THAT(dom->Get("path"), StartsWith(folder / "?.lua;"));
+    EXPECT_EQ(m_dom->Get("got"), "2.5trueonea");
+    EXPECT_THAT(m_dom->Get("path"), StartsWith(m_folder / "?.lua;"));
     EXPECT_EQ(Run("return w:Running(), w:Join(0)"), "false true 0");
 }
 
@@ -91,7 +91,7 @@ TEST_F(LuaWorker, ArgumentMayBeLeftOut)
 {
     Module("job", "return {run = function(arg) dom0:Set('type', type(arg)) return 3 end}");
     EXPECT_EQ(Run("return dom0:StartThread('job'):Join()"), "true 3");
-    EXPECT_EQ(dom->Get("type"), "nil");
+    EXPECT_EQ(m_dom->Get("type"), "nil");
 }
 
 TEST_F(LuaWorker, ErrorIsLoggedWithItsTracebackAndToldByJoin)
@@ -128,7 +128,7 @@ TEST_F(LuaWorker, StopWakesAWaitAtOnceWithNil)
     EXPECT_EQ(Run("local w = dom0:StartThread('job') while not dom0:GetBool('up') do dom0:Wait('up', 1) end\n"
                   "assert(w:Running() and not w:Join(0.01)) w:Stop() return w:Join(10)"),
               "true 0");
-    EXPECT_EQ(dom->Get("saw"), "nil");
+    EXPECT_EQ(m_dom->Get("saw"), "nil");
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
@@ -163,7 +163,7 @@ TEST_F(LuaWorker, NumberKeysAreCopiedWithoutBeingChanged)
 {
     Module("job", "return {run = function(t) dom0:Set('sum', t[1] + t[2.5] + (t[true] and 1 or 0)) end}");
     EXPECT_EQ(Run("return dom0:StartThread('job', {10, [2.5] = 20, [true] = 'x'}):Join()"), "true 0");
-    EXPECT_EQ(dom->Get("sum"), "31");
+    EXPECT_EQ(m_dom->Get("sum"), "31");
 }
 
 TEST_F(LuaWorker, WorkerMayStartAndJoinAnother)
@@ -182,7 +182,7 @@ TEST_F(LuaWorker, StopWakesAWorkerThatJoinsAnother)
     EXPECT_EQ(Run("local w = dom0:StartThread('outer') while not dom0:GetBool('up') do dom0:Wait('up', 1) end\n"
                   "w:Stop() return w:Join(10)"),
               "true 0");
-    EXPECT_EQ(dom->Get("ended"), "false");
+    EXPECT_EQ(m_dom->Get("ended"), "false");
 }
 
 TEST_F(LuaWorker, CollectedHandleLeavesTheWorkerRunning)
@@ -236,7 +236,7 @@ TEST_F(LuaWorker, StopOfTheProcessJoinsEveryWorkerThatEnds)
     for (int round = 0; round < 200; ++round) {
         std::vector<std::weak_ptr<VexCore::Worker>> workers;
         for (int i = 0; i < 8; ++i)
-            workers.push_back(VexCore::Worker::Start(*dom, "job", VexCore::LuaValue()));
+            workers.push_back(VexCore::Worker::Start(*m_dom, "job", VexCore::LuaValue()));
         VexCore::StopAllWorkers(10000);
         VexCore::ReopenWorkers();
         for (const std::weak_ptr<VexCore::Worker>& worker : workers)

@@ -28,19 +28,19 @@ namespace {
 class DomainInLua : public ::testing::Test
 {
 protected:
-    DomainInLua() : dom(CDom::New(nullptr, nullptr, nullptr, false))
+    DomainInLua() : m_dom(CDom::New(nullptr, nullptr, nullptr, false))
     {
-        dom->Set("app.name", "wrapdom");
-        dom->Set("app.path.work", folder.Path());
-        SLB3::PushReference(lua.L(), dom);
-        lua_setglobal(lua.L(), "dom0");
+        m_dom->Set("app.name", "wrapdom");
+        m_dom->Set("app.path.work", m_folder.Path());
+        SLB3::PushReference(m_lua.L(), m_dom);
+        lua_setglobal(m_lua.L(), "dom0");
     }
-    ~DomainInLua() override { dom->Release(); }
+    ~DomainInLua() override { m_dom->Release(); }
 
     // The results of `return code` as texts with blanks between, or "error: " and the message.
     std::string Run(const std::string& code)
     {
-        lua_State* L = lua.L();
+        lua_State* L = m_lua.L();
         const std::string chunk = "return " + code;
         lua_settop(L, 0);
         std::string text;
@@ -55,20 +55,20 @@ protected:
         lua_settop(L, 0);
         return text;
     }
-    std::string LogFile() { return ::Test::ReadFile(folder / "wrapdom.log"); }
+    std::string LogFile() { return ::Test::ReadFile(m_folder / "wrapdom.log"); }
 
-    ::Test::TempFolder folder;
-    CDom* dom;
-    VexCore::CLuaInterpreter lua{false, L"test", true};
+    ::Test::TempFolder m_folder;
+    CDom* m_dom;
+    VexCore::CLuaInterpreter m_lua{false, L"test", true};
 };
 
 // --- values
 
 TEST_F(DomainInLua, GetGivesTextDefaultOrNil)
 {
-    dom->Set("text", std::string("a\0b", 3));
-    dom->Set("flag", true);
-    dom->SetWx("number", static_cast<std::int64_t>(9007199254740993));
+    m_dom->Set("text", std::string("a\0b", 3));
+    m_dom->Set("flag", true);
+    m_dom->SetWx("number", static_cast<std::int64_t>(9007199254740993));
     EXPECT_EQ(Run("dom0:Get('text')"), std::string("a\0b", 3));
     EXPECT_EQ(Run("dom0:Get('flag')"), "true");
     EXPECT_EQ(Run("dom0:Get('number')"), "9007199254740993");
@@ -80,8 +80,8 @@ TEST_F(DomainInLua, GetGivesTextDefaultOrNil)
 
 TEST_F(DomainInLua, GetBoolGivesBooleanDefaultOrFalse)
 {
-    dom->Set("yes", "Yes");
-    dom->Set("odd", "maybe");
+    m_dom->Set("yes", "Yes");
+    m_dom->Set("odd", "maybe");
     EXPECT_EQ(Run("dom0:GetBool('yes')"), "true");
     EXPECT_EQ(Run("dom0:GetBool('odd')"), "false");
     EXPECT_EQ(Run("dom0:GetBool('odd', true)"), "true");
@@ -90,9 +90,9 @@ TEST_F(DomainInLua, GetBoolGivesBooleanDefaultOrFalse)
 
 TEST_F(DomainInLua, GetIntGivesIntegerDefaultOrNil)
 {
-    dom->Set("text", "-17");
-    dom->SetWx("exact", static_cast<std::int64_t>(1) << 53);
-    dom->SetWx("beyond", (static_cast<std::int64_t>(1) << 53) + 1);
+    m_dom->Set("text", "-17");
+    m_dom->SetWx("exact", static_cast<std::int64_t>(1) << 53);
+    m_dom->SetWx("beyond", (static_cast<std::int64_t>(1) << 53) + 1);
     EXPECT_EQ(Run("dom0:GetInt('text')"), "-17");
     EXPECT_EQ(Run("dom0:GetInt('exact') == 2^53"), "true");
     EXPECT_EQ(Run("dom0:GetInt('none')"), "nil");
@@ -101,10 +101,10 @@ TEST_F(DomainInLua, GetIntGivesIntegerDefaultOrNil)
               "error: test.lua:1: the value of 'beyond' is beyond 2^53, where Lua numbers "
               "are not exact: read it with Get");
     EXPECT_EQ(Run("dom0:Get('beyond')"), "9007199254740993");
-    dom->SetWx("below", -(static_cast<std::int64_t>(1) << 53) - 1);
+    m_dom->SetWx("below", -(static_cast<std::int64_t>(1) << 53) - 1);
     EXPECT_THAT(Run("dom0:GetInt('below')"), HasSubstr("the value of 'below' is beyond 2^53"));
     EXPECT_EQ(Run("dom0:Get('below')"), "-9007199254740993");
-    dom->SetWx("lowest", -(static_cast<std::int64_t>(1) << 53));
+    m_dom->SetWx("lowest", -(static_cast<std::int64_t>(1) << 53));
     EXPECT_EQ(Run("dom0:GetInt('lowest') == -2^53"), "true");
     EXPECT_THAT(Run("dom0:GetInt('none', 'x')"), HasSubstr("#2 to 'SLB.Dom:GetInt' (integer expected, got string)"));
 }
@@ -112,14 +112,14 @@ TEST_F(DomainInLua, GetIntGivesIntegerDefaultOrNil)
 TEST_F(DomainInLua, SetWritesByTheTypeOfTheValue)
 {
     Run("dom0:Set('t', 'a\\0b'), dom0:Set('b', false), dom0:Set('i', -2^53), dom0:Set('n', '12')");
-    EXPECT_EQ(dom->TypeOf("t"), CDom::EType::Text);
-    EXPECT_EQ(dom->Get("t"), std::string("a\0b", 3));
-    EXPECT_EQ(dom->TypeOf("b"), CDom::EType::Bool);
-    EXPECT_EQ(dom->TypeOf("i"), CDom::EType::Int);
-    EXPECT_EQ(dom->Get("i"), "-9007199254740992");
-    EXPECT_EQ(dom->TypeOf("n"), CDom::EType::Text);
+    EXPECT_EQ(m_dom->TypeOf("t"), CDom::EType::Text);
+    EXPECT_EQ(m_dom->Get("t"), std::string("a\0b", 3));
+    EXPECT_EQ(m_dom->TypeOf("b"), CDom::EType::Bool);
+    EXPECT_EQ(m_dom->TypeOf("i"), CDom::EType::Int);
+    EXPECT_EQ(m_dom->Get("i"), "-9007199254740992");
+    EXPECT_EQ(m_dom->TypeOf("n"), CDom::EType::Text);
     EXPECT_EQ(Run("dom0:Set('t', nil)"), "");
-    EXPECT_FALSE(dom->Has("t"));
+    EXPECT_FALSE(m_dom->Has("t"));
 }
 
 TEST_F(DomainInLua, SetRefusesWhatADomainCannotHold)
@@ -135,14 +135,14 @@ TEST_F(DomainInLua, SetRefusesWhatADomainCannotHold)
     EXPECT_THAT(Run("dom0:Set('k')"), HasSubstr("got no value"));
     EXPECT_THAT(Run("dom0:Set('k', dom0)"), HasSubstr("got SLB.Dom"));
     EXPECT_THAT(Run("dom0:Set('a\\0b', 'x')"), HasSubstr("string with a zero byte"));
-    EXPECT_FALSE(dom->Has("k"));
+    EXPECT_FALSE(m_dom->Has("k"));
 }
 
 TEST_F(DomainInLua, HasRemoveAndKeysWalkTheTree)
 {
-    dom->Set("tree.b", "1");
-    dom->Set("tree.a.x", "2");
-    dom->Set("treehouse", "3");
+    m_dom->Set("tree.b", "1");
+    m_dom->Set("tree.a.x", "2");
+    m_dom->Set("treehouse", "3");
     EXPECT_EQ(Run("dom0:Has('tree.b'), dom0:Has('tree')"), "true false");
     EXPECT_EQ(Run("table.concat(dom0:Keys('tree'), ' ')"), "tree.a.x tree.b");
     EXPECT_EQ(Run("dom0:Remove('tree.b'), dom0:Remove('tree.b')"), "true false");
@@ -196,8 +196,8 @@ TEST_F(DomainInLua, WrongFurtherArgumentsAreRefused)
 TEST_F(DomainInLua, CollectingEveryReferenceLeavesTheDomain)
 {
     Run("(function() dom0 = nil collectgarbage() collectgarbage() end)()");
-    dom->Set("alive", true);
-    EXPECT_EQ(dom->Get("alive"), "true");
+    m_dom->Set("alive", true);
+    EXPECT_EQ(m_dom->Get("alive"), "true");
 }
 
 // --- waiting
@@ -209,7 +209,7 @@ TEST_F(DomainInLua, WaitTellsWrittenFromTimeOver)
     EXPECT_EQ(Run("dom0:Wait('key', -1)"), "false");
     ::Test::JoiningThread writer([this] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        dom->Set("key", "x");
+        m_dom->Set("key", "x");
     });
     EXPECT_EQ(Run("dom0:Wait('key', math.huge)"), "true");
     writer.join();
@@ -247,7 +247,7 @@ TEST_F(DomainInLua, TraceNamesTheCallingLineOfLua)
     EXPECT_EXIT(
         {
             Run("dom0:Trace('mine', 'unseen')");
-            dom->Set("app.trace", "mine");
+            m_dom->Set("app.trace", "mine");
             const bool enabled = Run("dom0:TraceEnabled('mine')") == "true";
             Run("(function() local function speak()\n\ndom0:Trace('mine', 'seen')\nend speak() end)()");
             Run("(function() local function pass(text) dom0:Trace('mine', text, 2) end\n"
@@ -288,7 +288,7 @@ TEST_F(DomainInLua, AgentEventStoresItsFields)
     const auto row = [this](const std::string& wanted) {
         sqlite3* database = nullptr;
         std::string text;
-        EXPECT_EQ(sqlite3_open((folder / "events.db").c_str(), &database), SQLITE_OK);
+        EXPECT_EQ(sqlite3_open((m_folder / "events.db").c_str(), &database), SQLITE_OK);
         const std::string query = "SELECT number || ' ' || severity || ' ' || text || '|' || time_ms || ' ' || time_s "
                                   "FROM agent_event WHERE id = "
                                   + wanted;
@@ -328,8 +328,8 @@ TEST_F(DomainInLua, AgentEventChecksItsFields)
 
 TEST_F(DomainInLua, PluginWorkdirIsMade)
 {
-    EXPECT_EQ(Run("dom0:PluginWorkdir('näh')"), folder / "plugins/näh");
-    EXPECT_TRUE(std::filesystem::is_directory(folder / "plugins/näh"));
+    EXPECT_EQ(Run("dom0:PluginWorkdir('näh')"), m_folder / "plugins/näh");
+    EXPECT_TRUE(std::filesystem::is_directory(m_folder / "plugins/näh"));
 }
 
 TEST_F(DomainInLua, ExecuteRunsAProgramWithArguments)

@@ -34,12 +34,12 @@ class IndexedArchive : public testing::Test
 protected:
     std::shared_ptr<ModuleArchive> Current(const std::string& path)
     {
-        return ArchiveIndex::Process().Slot(path)->Current(ZipLimits(), failure);
+        return ArchiveIndex::Process().Slot(path)->Current(ZipLimits(), m_failure);
     }
     ~IndexedArchive() override { ArchiveIndex::Process().ForgetUnused(); }
-    ::Test::TempFolder folder;
-    std::string failure;
-    wxLogNull silence;
+    ::Test::TempFolder m_folder;
+    std::string m_failure;
+    wxLogNull m_silence;
 };
 
 // Lets the process have fewer descriptors for one test.
@@ -69,8 +69,8 @@ TEST(HashedName, IsTheSameInEveryBuildBecauseCacheFilesHoldIt)
 
 TEST_F(IndexedArchive, OnlyFilesThatEndInLuaAreModules)
 {
-    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
-    const auto archive = Current(folder / "x.vxe");
+    ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 1"));
+    const auto archive = Current(m_folder / "x.vxe");
     ASSERT_TRUE(archive);
     EXPECT_TRUE(archive->MayHave(HashName("a.lua")));
     EXPECT_FALSE(archive->MayHave(HashName("a.txt")));
@@ -80,18 +80,18 @@ TEST_F(IndexedArchive, OnlyFilesThatEndInLuaAreModules)
 
 TEST_F(IndexedArchive, AnArchiveThatDidNotChangeIsTheSameObject)
 {
-    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
-    const auto first = Current(folder / "x.vxe");
-    EXPECT_EQ(Current(folder / "x.vxe"), first);
+    ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 1"));
+    const auto first = Current(m_folder / "x.vxe");
+    EXPECT_EQ(Current(m_folder / "x.vxe"), first);
 }
 
 TEST_F(IndexedArchive, AnotherFileAtThePathIsAnotherArchive)
 {
-    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
-    const auto first = Current(folder / "x.vxe");
-    ::Test::WriteFile(folder / "y.vxe", OneModule("return 1"));
-    std::filesystem::rename(folder / "y.vxe", folder / "x.vxe");
-    const auto second = Current(folder / "x.vxe");
+    ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 1"));
+    const auto first = Current(m_folder / "x.vxe");
+    ::Test::WriteFile(m_folder / "y.vxe", OneModule("return 1"));
+    std::filesystem::rename(m_folder / "y.vxe", m_folder / "x.vxe");
+    const auto second = Current(m_folder / "x.vxe");
     EXPECT_NE(second, first);
     EXPECT_EQ(second->DirectorySha256(), first->DirectorySha256()) << "the content is the same";
     EXPECT_EQ(first->DirectorySha256().size(), 64u);
@@ -99,7 +99,7 @@ TEST_F(IndexedArchive, AnotherFileAtThePathIsAnotherArchive)
 
 TEST_F(IndexedArchive, AFileOfTheSamePlaceAndLengthIsAnotherArchiveByItsTime)
 {
-    const std::string path = folder / "x.vxe";
+    const std::string path = m_folder / "x.vxe";
     ::Test::WriteFile(path, OneModule("return 1"));
     const auto first = Current(path);
     struct stat before = {};
@@ -122,13 +122,13 @@ TEST_F(IndexedArchive, AFileOfTheSamePlaceAndLengthIsAnotherArchiveByItsTime)
 
 TEST_F(IndexedArchive, ManyThreadsOpenAnArchiveOnce)
 {
-    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 1"));
     std::vector<std::shared_ptr<ModuleArchive>> seen(8);
     std::vector<::Test::JoiningThread> threads;
     for (auto& place : seen)
         threads.emplace_back([&place, this] {
             std::string reason;
-            place = ArchiveIndex::Process().Slot(folder / "x.vxe")->Current(ZipLimits(), reason);
+            place = ArchiveIndex::Process().Slot(m_folder / "x.vxe")->Current(ZipLimits(), reason);
         });
     for (::Test::JoiningThread& thread : threads)
         thread.join();
@@ -138,8 +138,8 @@ TEST_F(IndexedArchive, ManyThreadsOpenAnArchiveOnce)
 
 TEST_F(IndexedArchive, AClosedArchiveIsOpenedAgainWhenItIsRead)
 {
-    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
-    const auto archive = Current(folder / "x.vxe");
+    ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 1"));
+    const auto archive = Current(m_folder / "x.vxe");
     archive->Close();
     std::string error;
     const auto zip = archive->Zip(error);
@@ -149,10 +149,10 @@ TEST_F(IndexedArchive, AClosedArchiveIsOpenedAgainWhenItIsRead)
 
 TEST_F(IndexedArchive, AClosedArchiveThatWasReplacedIsNotReadAsTheOldOne)
 {
-    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
-    const auto archive = Current(folder / "x.vxe");
+    ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 1"));
+    const auto archive = Current(m_folder / "x.vxe");
     archive->Close();
-    ::Test::WriteFile(folder / "x.vxe", OneModule("return 22"));
+    ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 22"));
     std::string error;
     EXPECT_FALSE(archive->Zip(error));
     EXPECT_EQ(error, "the file was replaced meanwhile");
@@ -163,10 +163,10 @@ TEST_F(IndexedArchive, MoreArchivesThanDescriptorsAreAllUsable)
     const DescriptorLimit limit(128);
     std::vector<std::shared_ptr<ModuleArchive>> archives;
     for (int i = 0; i < 300; ++i) {
-        const std::string path = folder / (std::to_string(i) + ".vxe");
+        const std::string path = m_folder / (std::to_string(i) + ".vxe");
         ::Test::WriteFile(path, OneModule("return 1"));
         archives.push_back(Current(path));
-        ASSERT_TRUE(archives.back()) << i << ": " << failure;
+        ASSERT_TRUE(archives.back()) << i << ": " << m_failure;
     }
     std::string error;
     for (const auto& archive : archives)
@@ -175,29 +175,29 @@ TEST_F(IndexedArchive, MoreArchivesThanDescriptorsAreAllUsable)
 
 TEST_F(IndexedArchive, AnArchiveThatCouldNotBeOpenedForWantOfDescriptorsIsTriedAgain)
 {
-    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
+    ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 1"));
     {
         const DescriptorLimit limit(0);
-        EXPECT_FALSE(Current(folder / "x.vxe"));
-        EXPECT_FALSE(failure.empty());
+        EXPECT_FALSE(Current(m_folder / "x.vxe"));
+        EXPECT_FALSE(m_failure.empty());
     }
-    EXPECT_TRUE(Current(folder / "x.vxe"));
+    EXPECT_TRUE(Current(m_folder / "x.vxe"));
 }
 
 TEST_F(IndexedArchive, WhatNobodyHoldsIsForgotten)
 {
-    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
-    const std::weak_ptr<ModuleArchive> archive = Current(folder / "x.vxe");
-    const auto kept = ArchiveIndex::Process().Slot(folder / "x.vxe");
+    ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 1"));
+    const std::weak_ptr<ModuleArchive> archive = Current(m_folder / "x.vxe");
+    const auto kept = ArchiveIndex::Process().Slot(m_folder / "x.vxe");
     ArchiveIndex::Process().ForgetUnused();
     EXPECT_FALSE(archive.expired());
-    EXPECT_EQ(ArchiveIndex::Process().Slot(folder / "x.vxe"), kept);
+    EXPECT_EQ(ArchiveIndex::Process().Slot(m_folder / "x.vxe"), kept);
 }
 
 TEST_F(IndexedArchive, WhatIsForgottenIsClosed)
 {
-    ::Test::WriteFile(folder / "x.vxe", OneModule("return 1"));
-    const std::weak_ptr<ModuleArchive> archive = Current(folder / "x.vxe");
+    ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 1"));
+    const std::weak_ptr<ModuleArchive> archive = Current(m_folder / "x.vxe");
     ArchiveIndex::Process().ForgetUnused();
     EXPECT_TRUE(archive.expired());
 }

@@ -54,12 +54,12 @@ protected:
     std::shared_ptr<ChunkCache> Fresh()
     {
         ChunkCaches::Process().ForgetUnused();
-        return ChunkCaches::Process().Get(cacheFolder, key);
+        return ChunkCaches::Process().Get(m_cacheFolder, key);
     }
-    ::Test::TempFolder folder;
-    const std::string cacheFolder = folder / "cache";
-    std::string buffer;
-    std::string_view chunk;
+    ::Test::TempFolder m_folder;
+    const std::string m_cacheFolder = m_folder / "cache";
+    std::string m_buffer;
+    std::string_view m_chunk;
 };
 
 } // namespace
@@ -75,9 +75,9 @@ TEST(ChunkFileKey, DependsOnArchiveAndLua)
 TEST_F(CachedChunk, AChunkThatWaitsIsFoundAlready)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, "code");
-    EXPECT_FALSE(std::filesystem::exists(cacheFolder));
-    EXPECT_TRUE(ChunkCaches::Process().Get(cacheFolder, key)->Find("/x.vxe/a.lua", buffer, chunk));
-    EXPECT_EQ(chunk, "code");
+    EXPECT_FALSE(std::filesystem::exists(m_cacheFolder));
+    EXPECT_TRUE(ChunkCaches::Process().Get(m_cacheFolder, key)->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    EXPECT_EQ(m_chunk, "code");
 }
 
 TEST_F(CachedChunk, AWrittenChunkIsFoundByTheNextProcess)
@@ -86,26 +86,26 @@ TEST_F(CachedChunk, AWrittenChunkIsFoundByTheNextProcess)
     cache->Add("/x.vxe/a.lua", 6, "code");
     cache->Flush();
     cache.reset();
-    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
-    EXPECT_EQ(chunk, "code");
-    EXPECT_FALSE(Fresh()->Find("/y.vxe/a.lua", buffer, chunk));
-    EXPECT_FALSE(Fresh()->Find("/x.vxe/b.lua", buffer, chunk));
+    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    EXPECT_EQ(m_chunk, "code");
+    EXPECT_FALSE(Fresh()->Find("/y.vxe/a.lua", m_buffer, m_chunk));
+    EXPECT_FALSE(Fresh()->Find("/x.vxe/b.lua", m_buffer, m_chunk));
 }
 
 TEST_F(CachedChunk, ManyChunksAreWrittenWithoutAFlush)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, std::string(9 << 20, 'x'));
-    EXPECT_EQ(Names(cacheFolder).size(), 1u);
+    EXPECT_EQ(Names(m_cacheFolder).size(), 1u);
 }
 
 TEST_F(CachedChunk, WhatHasWaitedTwoSecondsIsWrittenAtTheNextLookup)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, "code");
     ChunkCaches::Process().FlushOld();
-    EXPECT_FALSE(std::filesystem::exists(cacheFolder));
+    EXPECT_FALSE(std::filesystem::exists(m_cacheFolder));
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));
     ChunkCaches::Process().FlushOld();
-    EXPECT_EQ(Names(cacheFolder).size(), 1u);
+    EXPECT_EQ(Names(m_cacheFolder).size(), 1u);
 }
 
 TEST_F(CachedChunk, WhatWaitsIsWrittenWhenTheProcessExits)
@@ -114,25 +114,26 @@ TEST_F(CachedChunk, WhatWaitsIsWrittenWhenTheProcessExits)
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        ChunkCaches::Process().Get(cacheFolder, std::string(64, 'c'))->Add("/x.vxe/a.lua", 6, "code");
+        ChunkCaches::Process().Get(m_cacheFolder, std::string(64, 'c'))->Add("/x.vxe/a.lua", 6, "code");
         std::exit(0);
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(ChunkCaches::Process().Get(cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_TRUE(
+        ChunkCaches::Process().Get(m_cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", m_buffer, m_chunk));
 }
 
 TEST_F(CachedChunk, WritersKeepEachOthersChunks)
 {
-    ChunkCache one(cacheFolder, key);
-    ChunkCache two(cacheFolder, key);
+    ChunkCache one(m_cacheFolder, key);
+    ChunkCache two(m_cacheFolder, key);
     one.Add("/x.vxe/a.lua", 6, "a");
     two.Add("/x.vxe/b.lua", 6, "b");
     one.Flush();
     two.Flush();
     const auto cache = Fresh();
-    EXPECT_TRUE(cache->Find("/x.vxe/a.lua", buffer, chunk));
-    EXPECT_TRUE(cache->Find("/x.vxe/b.lua", buffer, chunk));
+    EXPECT_TRUE(cache->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    EXPECT_TRUE(cache->Find("/x.vxe/b.lua", m_buffer, m_chunk));
 }
 
 TEST_F(CachedChunk, ANewChunkReplacesTheOldOne)
@@ -143,8 +144,8 @@ TEST_F(CachedChunk, ANewChunkReplacesTheOldOne)
     cache->Add("/x.vxe/a.lua", 6, "new");
     cache->Flush();
     cache.reset();
-    ASSERT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
-    EXPECT_EQ(chunk, "new");
+    ASSERT_TRUE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    EXPECT_EQ(m_chunk, "new");
 }
 
 TEST_F(CachedChunk, AFileKeepsTheChunksOfEightPaths)
@@ -156,16 +157,16 @@ TEST_F(CachedChunk, AFileKeepsTheChunksOfEightPaths)
     }
     int found = 0;
     for (int i = 0; i < 12; ++i)
-        found += cache->Find("/x" + std::to_string(i) + ".vxe/a.lua", buffer, chunk);
+        found += cache->Find("/x" + std::to_string(i) + ".vxe/a.lua", m_buffer, m_chunk);
     EXPECT_EQ(found, 8);
-    EXPECT_TRUE(cache->Find("/x11.vxe/a.lua", buffer, chunk)) << "the newest stays";
+    EXPECT_TRUE(cache->Find("/x11.vxe/a.lua", m_buffer, m_chunk)) << "the newest stays";
 }
 
 TEST_F(CachedChunk, ManyCachesKeepFewFilesOpen)
 {
     std::vector<std::shared_ptr<ChunkCache>> caches;
     for (int i = 0; i < 40; ++i) {
-        caches.push_back(ChunkCaches::Process().Get(cacheFolder, std::string(62, 'd') + std::to_string(10 + i)));
+        caches.push_back(ChunkCaches::Process().Get(m_cacheFolder, std::string(62, 'd') + std::to_string(10 + i)));
         caches.back()->Add("/x.vxe/a.lua", 6, "code");
         caches.back()->Flush();
     }
@@ -174,13 +175,13 @@ TEST_F(CachedChunk, ManyCachesKeepFewFilesOpen)
         for (const auto& item : std::filesystem::directory_iterator("/proc/self/fd")) {
             std::error_code error;
             const std::string target = std::filesystem::read_symlink(item.path(), error).string();
-            count += target.compare(0, cacheFolder.size(), cacheFolder) == 0;
+            count += target.compare(0, m_cacheFolder.size(), m_cacheFolder) == 0;
         }
         return count;
     };
     for (int round = 0; round < 2; ++round)
         for (const auto& cache : caches)
-            EXPECT_TRUE(cache->Find("/x.vxe/a.lua", buffer, chunk));
+            EXPECT_TRUE(cache->Find("/x.vxe/a.lua", m_buffer, m_chunk));
     if (!std::filesystem::exists("/proc/self/fd"))
         GTEST_SKIP() << "no list of open files here";
     EXPECT_LE(openFiles(), 16);
@@ -225,10 +226,10 @@ TEST_F(CachedChunk, AFileInUseIsMarkedSo)
     cache->Add("/x.vxe/a.lua", 6, "code");
     cache->Flush();
     cache.reset();
-    const std::string file = cacheFolder + "/" + Names(cacheFolder)[0];
+    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder)[0];
     struct timespec times[2] = {{1000, 0}, {1000, 0}};
     ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
-    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk));
     struct stat status;
     ASSERT_EQ(::stat(file.c_str(), &status), 0);
     EXPECT_GT(status.st_mtime, 1000);
@@ -240,36 +241,36 @@ TEST_F(CachedChunk, AFileThatIsALinkOrReadableByOthersIsNotUsed)
     cache->Add("/x.vxe/a.lua", 6, "code");
     cache->Flush();
     cache.reset();
-    const std::string file = cacheFolder + "/" + Names(cacheFolder)[0];
+    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder)[0];
     ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
-    EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk));
     ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
-    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
-    std::filesystem::rename(file, folder / "moved");
-    ASSERT_EQ(::symlink((folder / "moved").c_str(), file.c_str()), 0);
-    EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", buffer, chunk));
+    EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    std::filesystem::rename(file, m_folder / "moved");
+    ASSERT_EQ(::symlink((m_folder / "moved").c_str(), file.c_str()), 0);
+    EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk));
 }
 
 TEST_F(CachedChunk, EveryFailingCallCostsOnlyTime)
 {
     for (g_failAt = 1; g_failAt < 200; ++g_failAt) {
-        std::filesystem::remove_all(cacheFolder);
+        std::filesystem::remove_all(m_cacheFolder);
         {
-            ChunkCache before(cacheFolder, key);
+            ChunkCache before(m_cacheFolder, key);
             before.Add("/x.vxe/a.lua", 6, "a");
             before.Flush();
         }
-        ChunkCache cache(cacheFolder, key);
+        ChunkCache cache(m_cacheFolder, key);
         g_calls = 0;
         os::SetCallObserver(FailNth);
-        EXPECT_TRUE(!cache.Find("/x.vxe/a.lua", buffer, chunk) || chunk == "a");
+        EXPECT_TRUE(!cache.Find("/x.vxe/a.lua", m_buffer, m_chunk) || m_chunk == "a");
         cache.Add("/x.vxe/b.lua", 6, "b");
         cache.Flush();
-        EXPECT_TRUE(!cache.Find("/x.vxe/b.lua", buffer, chunk) || chunk == "b");
+        EXPECT_TRUE(!cache.Find("/x.vxe/b.lua", m_buffer, m_chunk) || m_chunk == "b");
         const bool reached = g_calls >= g_failAt;
         os::SetCallObserver(nullptr);
-        ChunkCache after(cacheFolder, key);
-        EXPECT_TRUE(!after.Find("/x.vxe/b.lua", buffer, chunk) || chunk == "b");
+        ChunkCache after(m_cacheFolder, key);
+        EXPECT_TRUE(!after.Find("/x.vxe/b.lua", m_buffer, m_chunk) || m_chunk == "b");
         if (!reached)
             break;
     }
@@ -281,9 +282,9 @@ TEST_F(CachedChunk, AProcessKilledAtAnyCallLeavesAWholeFile)
 {
     g_fatal = true;
     for (g_failAt = 1; g_failAt < 200; ++g_failAt) {
-        std::filesystem::remove_all(cacheFolder);
+        std::filesystem::remove_all(m_cacheFolder);
         {
-            ChunkCache before(cacheFolder, key);
+            ChunkCache before(m_cacheFolder, key);
             before.Add("/x.vxe/a.lua", 6, "a");
             before.Flush();
         }
@@ -292,7 +293,7 @@ TEST_F(CachedChunk, AProcessKilledAtAnyCallLeavesAWholeFile)
         if (child == 0) {
             g_calls = 0;
             os::SetCallObserver(FailNth);
-            ChunkCache cache(cacheFolder, key);
+            ChunkCache cache(m_cacheFolder, key);
             cache.Add("/x.vxe/b.lua", 6, "b");
             cache.Flush();
             ::_exit(0);
@@ -300,11 +301,11 @@ TEST_F(CachedChunk, AProcessKilledAtAnyCallLeavesAWholeFile)
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         ASSERT_TRUE(WIFEXITED(status));
-        ChunkCache after(cacheFolder, key);
-        EXPECT_TRUE(after.Find("/x.vxe/a.lua", buffer, chunk)) << g_failAt;
+        ChunkCache after(m_cacheFolder, key);
+        EXPECT_TRUE(after.Find("/x.vxe/a.lua", m_buffer, m_chunk)) << g_failAt;
         after.Add("/x.vxe/c.lua", 6, "c");
         after.Flush();
-        EXPECT_TRUE(after.Find("/x.vxe/c.lua", buffer, chunk)) << g_failAt;
+        EXPECT_TRUE(after.Find("/x.vxe/c.lua", m_buffer, m_chunk)) << g_failAt;
         if (WEXITSTATUS(status) == 0)
             break;
     }
@@ -318,8 +319,8 @@ TEST_F(CachedChunk, ManyThreadsAndWritersDoNotHurtEachOther)
     std::vector<::Test::JoiningThread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([this, t] {
-            const auto mine = std::make_shared<ChunkCache>(cacheFolder, key);
-            const auto shared = ChunkCaches::Process().Get(cacheFolder, key);
+            const auto mine = std::make_shared<ChunkCache>(m_cacheFolder, key);
+            const auto shared = ChunkCaches::Process().Get(m_cacheFolder, key);
             for (int i = 0; i < 20; ++i) {
                 const std::string name = "/x.vxe/" + std::to_string(i) + ".lua";
                 for (const auto& cache : {mine, shared}) {
@@ -336,6 +337,6 @@ TEST_F(CachedChunk, ManyThreadsAndWritersDoNotHurtEachOther)
         });
     for (::Test::JoiningThread& thread : threads)
         thread.join();
-    for (const std::string& name : Names(cacheFolder))
+    for (const std::string& name : Names(m_cacheFolder))
         EXPECT_NE(name.compare(0, 4, "tmp-"), 0) << name;
 }

@@ -121,15 +121,15 @@ int NoteCall(const os::Call& call)
 class ModuleSearch : public testing::Test
 {
 protected:
-    ModuleSearch() : dom(CDom::New(nullptr, nullptr, nullptr, false))
+    ModuleSearch() : m_dom(CDom::New(nullptr, nullptr, nullptr, false))
     {
-        std::filesystem::create_directories(folder / "bin/vex_core");
-        std::filesystem::create_directories(folder / "work");
-        dom->Set("app.path.bin", folder / "bin");
+        std::filesystem::create_directories(m_folder / "bin/vex_core");
+        std::filesystem::create_directories(m_folder / "work");
+        m_dom->Set("app.path.bin", m_folder / "bin");
     }
     ~ModuleSearch() override
     {
-        dom->Release();
+        m_dom->Release();
         ArchiveIndex::Process().ForgetUnused();
         ChunkCaches::Process().ForgetUnused();
     }
@@ -138,10 +138,10 @@ protected:
     std::string Add(const std::string& name, const Files& files) { return AddBytes(name, Archive(files)); }
     std::string AddBytes(const std::string& name, const std::string& bytes)
     {
-        const std::string path = folder / name;
+        const std::string path = m_folder / name;
         Replace(path, bytes);
-        std::string list = dom->Get("app.lua.zippath");
-        dom->Set("app.lua.zippath", list.empty() ? path : list + ";" + path);
+        std::string list = m_dom->Get("app.lua.zippath");
+        m_dom->Set("app.lua.zippath", list.empty() ? path : list + ";" + path);
         return path;
     }
     void Replace(const std::string& path, const std::string& bytes)
@@ -149,12 +149,12 @@ protected:
         ::Test::WriteFile(path + ".new", bytes);
         std::filesystem::rename(path + ".new", path);
     }
-    void UseCache() { dom->Set("app.path.work", folder / "work"); }
-    std::string CacheFolder() { return folder / "work/cache"; }
+    void UseCache() { m_dom->Set("app.path.work", m_folder / "work"); }
+    std::string CacheFolder() { return m_folder / "work/cache"; }
     std::vector<std::string> CacheFiles() { return FilesBelow(CacheFolder()); }
 
-    ::Test::TempFolder folder;
-    CDom* dom;
+    ::Test::TempFolder m_folder;
+    CDom* m_dom;
 };
 
 } // namespace
@@ -162,54 +162,54 @@ protected:
 TEST_F(ModuleSearch, AModuleIsAFileNamedAfterItInAnArchive)
 {
     Add("x.vxe", {{"a/b.lua", "return 'found'"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "found");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a.b'"), "found");
 }
 
 TEST_F(ModuleSearch, AModuleMayBeTheInitFileOfItsFolder)
 {
     Add("x.vxe", {{"a/b/init.lua", "return 'init'"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "init");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a.b'"), "init");
 }
 
 TEST_F(ModuleSearch, TheFileComesBeforeTheInitFile)
 {
     Add("x.vxe", {{"a/init.lua", "return 'init'"}, {"a.lua", "return 'file'"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "file");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "file");
 }
 
 TEST_F(ModuleSearch, TheInitFileOfAnEarlierArchiveComesBeforeTheFileOfALaterOne)
 {
     Add("x.vxe", {{"a/init.lua", "return 'init of x'"}});
     Add("y.vxe", {{"a.lua", "return 'file of y'"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "init of x");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "init of x");
 }
 
 TEST_F(ModuleSearch, TheFirstArchiveOnThePathWins)
 {
     Add("x.vxe", {{"a.lua", "return 'x'"}});
     Add("y.vxe", {{"a.lua", "return 'y'"}, {"b.lua", "return 'y'"}});
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_EQ(lua.Run("return require 'a'"), "x");
     EXPECT_EQ(lua.Run("return require 'b'"), "y");
 }
 
 TEST_F(ModuleSearch, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
 {
-    std::filesystem::create_directories(folder / "given");
-    std::filesystem::create_directories(folder / "rest");
+    std::filesystem::create_directories(m_folder / "given");
+    std::filesystem::create_directories(m_folder / "rest");
     const std::string archive = Add("x.vxe", {{"m.lua", "return 'archive'"}});
-    ::Test::WriteFile(folder / "given/m.lua", "return 'given'");
-    ::Test::WriteFile(folder / "rest/m.lua", "return 'rest'");
-    dom->Set("app.lua.path", (folder / "given") + "/?.lua");
-    Lua lua(dom);
-    lua.Run("package.path = '" + (folder / "given/?.lua") + ";" + (folder / "rest/?.lua")
+    ::Test::WriteFile(m_folder / "given/m.lua", "return 'given'");
+    ::Test::WriteFile(m_folder / "rest/m.lua", "return 'rest'");
+    m_dom->Set("app.lua.path", (m_folder / "given") + "/?.lua");
+    Lua lua(m_dom);
+    lua.Run("package.path = '" + (m_folder / "given/?.lua") + ";" + (m_folder / "rest/?.lua")
             + "' "
               "package.preload.m = function() return 'preload' end");
     const std::string again = "package.loaded.m = nil return require 'm'";
     EXPECT_EQ(lua.Run(again), "preload");
     lua.Run("package.preload.m = nil");
     EXPECT_EQ(lua.Run(again), "given");
-    std::filesystem::remove(folder / "given/m.lua");
+    std::filesystem::remove(m_folder / "given/m.lua");
     EXPECT_EQ(lua.Run(again), "archive");
     std::filesystem::remove(archive);
     {
@@ -221,10 +221,10 @@ TEST_F(ModuleSearch, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
 TEST_F(ModuleSearch, ATemplateThatAScriptAddsIsSearchedAfterTheArchives)
 {
     Add("x.vxe", {{"m.lua", "return 'archive'"}});
-    ::Test::WriteFile(folder / "m.lua", "return 'stray'");
-    ::Test::WriteFile(folder / "n.lua", "return 'stray'");
-    Lua lua(dom);
-    lua.Run("package.path = '" + (folder / "?.lua") + ";' .. package.path");
+    ::Test::WriteFile(m_folder / "m.lua", "return 'stray'");
+    ::Test::WriteFile(m_folder / "n.lua", "return 'stray'");
+    Lua lua(m_dom);
+    lua.Run("package.path = '" + (m_folder / "?.lua") + ";' .. package.path");
     EXPECT_EQ(lua.Run("return require 'm'"), "archive");
     EXPECT_EQ(lua.Run("return require 'n'"), "stray");
 }
@@ -232,18 +232,18 @@ TEST_F(ModuleSearch, ATemplateThatAScriptAddsIsSearchedAfterTheArchives)
 TEST_F(ModuleSearch, WhatIsGivenIsAskedAtEachLookup)
 {
     Add("x.vxe", {{"m.lua", "return 'archive'"}});
-    ::Test::WriteFile(folder / "m.lua", "return 'file'");
-    Lua lua(dom);
-    lua.Run("package.path = '" + (folder / "?.lua") + "'");
+    ::Test::WriteFile(m_folder / "m.lua", "return 'file'");
+    Lua lua(m_dom);
+    lua.Run("package.path = '" + (m_folder / "?.lua") + "'");
     const std::string again = "package.loaded.m = nil return require 'm'";
     EXPECT_EQ(lua.Run(again), "archive");
-    dom->Set("app.lua.path", folder / "?.lua");
+    m_dom->Set("app.lua.path", m_folder / "?.lua");
     EXPECT_EQ(lua.Run(again), "file");
 }
 
 TEST_F(ModuleSearch, NativeModulesComeAfterTheRestOfThePath)
 {
-    Lua lua(dom);
+    Lua lua(m_dom);
     lua.Run("package.path = '/p/?.lua' package.cpath = '/c/?.so'");
     const std::string error = lua.Run("return require 'm'");
     EXPECT_LT(error.find("/p/m.lua"), error.find("/c/m.so"));
@@ -252,31 +252,31 @@ TEST_F(ModuleSearch, NativeModulesComeAfterTheRestOfThePath)
 
 TEST_F(ModuleSearch, AModuleOfAPlainFileGetsItsNameAndPath)
 {
-    ::Test::WriteFile(folder / "m.lua", "return table.concat({...}, ' ')");
-    Lua lua(dom);
-    lua.Run("package.path = '" + (folder / "?.lua") + "'");
-    EXPECT_EQ(lua.Run("return require 'm'"), "m " + (folder / "m.lua"));
+    ::Test::WriteFile(m_folder / "m.lua", "return table.concat({...}, ' ')");
+    Lua lua(m_dom);
+    lua.Run("package.path = '" + (m_folder / "?.lua") + "'");
+    EXPECT_EQ(lua.Run("return require 'm'"), "m " + (m_folder / "m.lua"));
 }
 
 TEST_F(ModuleSearch, ABrokenPlainFileIsAnErrorThatNamesIt)
 {
-    ::Test::WriteFile(folder / "m.lua", "return return");
-    Lua lua(dom);
-    lua.Run("package.path = '" + (folder / "?.lua") + "'");
+    ::Test::WriteFile(m_folder / "m.lua", "return return");
+    Lua lua(m_dom);
+    lua.Run("package.path = '" + (m_folder / "?.lua") + "'");
     EXPECT_THAT(lua.Run("return require 'm'"),
-                HasSubstr("error loading module 'm' from file '" + (folder / "m.lua") + "'"));
+                HasSubstr("error loading module 'm' from file '" + (m_folder / "m.lua") + "'"));
 }
 
 TEST_F(ModuleSearch, APathThatIsNoTextIsLuasOwnError)
 {
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_THAT(lua.Run("package.path = nil return require 'm'"), HasSubstr("'package.path' must be a string"));
 }
 
 TEST_F(ModuleSearch, AnArchiveAddedLaterIsFound)
 {
     Add("x.vxe", {{"a.lua", "return 1"}});
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_THAT(lua.Run("return require 'b'"), HasSubstr("module 'b' not found"));
     Add("y.vxe", {{"b.lua", "return 2"}});
     EXPECT_EQ(lua.Run("return require 'b'"), "2");
@@ -285,21 +285,21 @@ TEST_F(ModuleSearch, AnArchiveAddedLaterIsFound)
 TEST_F(ModuleSearch, TheChunkIsNamedAfterArchiveAndFile)
 {
     const std::string path = Add("x.vxe", {{"a/b.lua", "return debug.getinfo(1, 'S').source"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "@" + path + "/a/b.lua");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a.b'"), "@" + path + "/a/b.lua");
 }
 
 TEST_F(ModuleSearch, TheChunkGetsItsModuleNameAndItsPath)
 {
     const std::string path = Add("x.vxe", {{"a/b.lua", "return table.concat({...}, ' ')"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a.b'"), "a.b " + path + "/a/b.lua");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a.b'"), "a.b " + path + "/a/b.lua");
 }
 
 TEST_F(ModuleSearch, AModuleThatIsNotFoundListsEveryPlaceInItsOrder)
 {
     const std::string x = Add("x.vxe", {{"a.lua", "return 1"}});
     const std::string y = Add("y.vxe", {{"a.lua", "return 1"}});
-    dom->Set("app.lua.path", "/given/?.lua");
-    Lua lua(dom);
+    m_dom->Set("app.lua.path", "/given/?.lua");
+    Lua lua(m_dom);
     lua.Run("package.path = '/given/?.lua;/rest/?.lua' package.cpath = '/c/?.so'");
     EXPECT_THAT(
         lua.Run("return require 'p.q'"),
@@ -311,16 +311,16 @@ TEST_F(ModuleSearch, AModuleThatIsNotFoundListsEveryPlaceInItsOrder)
 TEST_F(ModuleSearch, AnArchiveTwiceOnThePathIsListedOnce)
 {
     const std::string x = Add("x.vxe", {{"a.lua", "return 1"}});
-    dom->Set("app.lua.zippath", x + ";" + x + ";;");
-    const std::string error = Lua(dom).Run("return require 'b'");
+    m_dom->Set("app.lua.zippath", x + ";" + x + ";;");
+    const std::string error = Lua(m_dom).Run("return require 'b'");
     EXPECT_EQ(error.find(x + "/b.lua"), error.rfind(x + "/b.lua"));
 }
 
 TEST_F(ModuleSearch, ARelativeArchiveLiesBesideTheLauncher)
 {
-    ::Test::WriteFile(folder / "bin/x.vxe", Archive({{"a.lua", "return ({...})[2]"}}));
-    dom->Set("app.lua.zippath", "x.vxe");
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), folder / "bin/x.vxe/a.lua");
+    ::Test::WriteFile(m_folder / "bin/x.vxe", Archive({{"a.lua", "return ({...})[2]"}}));
+    m_dom->Set("app.lua.zippath", "x.vxe");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), m_folder / "bin/x.vxe/a.lua");
 }
 
 TEST_F(ModuleSearch, ADamagedArchiveIsOneWarningAndPassedOver)
@@ -328,8 +328,8 @@ TEST_F(ModuleSearch, ADamagedArchiveIsOneWarningAndPassedOver)
     const std::string bad = AddBytes("bad.vxe", "this is no archive");
     Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}});
     ::Test::LogCatcher log;
-    Lua lua(dom);
-    Lua other(dom);
+    Lua lua(m_dom);
+    Lua other(m_dom);
     EXPECT_EQ(lua.Run("return require 'a'"), "a");
     EXPECT_EQ(lua.Run("return require 'b'"), "b");
     EXPECT_EQ(other.Run("return require 'b'"), "b");
@@ -351,19 +351,19 @@ TEST_F(ModuleSearch, NothingIsLoadedFromAnArchiveWhoseHeadersBreakAnyRule)
         SCOPED_TRACE(broken.story);
         Replace(path, broken.bytes);
         ::Test::LogCatcher log;
-        EXPECT_EQ(Lua(dom).Run("return require 'lib.a'"), "from the sound archive");
+        EXPECT_EQ(Lua(m_dom).Run("return require 'lib.a'"), "from the sound archive");
         ASSERT_EQ(log.Lines().size(), 1u);
         EXPECT_THAT(log.Lines()[0].text, HasSubstr(broken.reason));
     }
     Replace(path, ::Test::PlainPackage().Build());
-    EXPECT_EQ(Lua(dom).Run("return require 'lib.a'"), "1");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'lib.a'"), "1");
 }
 
 TEST_F(ModuleSearch, ADamagedArchiveIsUsedOnceItIsWhole)
 {
     const std::string path = AddBytes("x.vxe", "this is no archive");
     ::Test::LogCatcher log;
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_THAT(lua.Run("return require 'a'"), StartsWith("error"));
     Replace(path, Archive({{"a.lua", "return 'a'"}}));
     EXPECT_EQ(lua.Run("return require 'a'"), "a");
@@ -374,7 +374,7 @@ TEST_F(ModuleSearch, AnArchiveDamagedAnewIsWarnedOfAnew)
 {
     const std::string path = AddBytes("x.vxe", "this is no archive");
     ::Test::LogCatcher log;
-    Lua lua(dom);
+    Lua lua(m_dom);
     lua.Run("return require 'a'");
     Replace(path, "nor is this");
     lua.Run("return require 'a'");
@@ -384,10 +384,10 @@ TEST_F(ModuleSearch, AnArchiveDamagedAnewIsWarnedOfAnew)
 
 TEST_F(ModuleSearch, AMissingArchiveIsPassedOverUntilItAppears)
 {
-    const std::string path = folder / "x.vxe";
-    dom->Set("app.lua.zippath", path);
+    const std::string path = m_folder / "x.vxe";
+    m_dom->Set("app.lua.zippath", path);
     ::Test::LogCatcher log;
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_THAT(lua.Run("return require 'a'"), StartsWith("error"));
     EXPECT_EQ(log.Lines().size(), 1u);
     Replace(path, Archive({{"a.lua", "return 'a'"}}));
@@ -396,12 +396,12 @@ TEST_F(ModuleSearch, AMissingArchiveIsPassedOverUntilItAppears)
 
 TEST_F(ModuleSearch, AnArchiveThatIsAFifoOrAFolderIsPassedOver)
 {
-    ASSERT_EQ(::mkfifo((folder / "fifo.vxe").c_str(), 0600), 0);
-    std::filesystem::create_directory(folder / "folder.vxe");
-    dom->Set("app.lua.zippath", (folder / "fifo.vxe") + ";" + (folder / "folder.vxe"));
+    ASSERT_EQ(::mkfifo((m_folder / "fifo.vxe").c_str(), 0600), 0);
+    std::filesystem::create_directory(m_folder / "folder.vxe");
+    m_dom->Set("app.lua.zippath", (m_folder / "fifo.vxe") + ";" + (m_folder / "folder.vxe"));
     Add("x.vxe", {{"a.lua", "return 'a'"}});
     ::Test::LogCatcher log;
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "a");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "a");
     EXPECT_EQ(log.Lines().size(), 2u);
 }
 
@@ -410,10 +410,10 @@ TEST_F(ModuleSearch, AnArchiveReplacedOnDiskIsOpenedAnew)
     for (const bool cached : {false, true}) {
         if (cached)
             UseCache();
-        const std::string path = folder / "x.vxe";
-        dom->Set("app.lua.zippath", path);
+        const std::string path = m_folder / "x.vxe";
+        m_dom->Set("app.lua.zippath", path);
         Replace(path, Archive({{"a.lua", "return 'old'"}, {"gone.lua", "return 1"}}));
-        Lua lua(dom);
+        Lua lua(m_dom);
         EXPECT_EQ(lua.Run("return require 'a'"), "old");
         Replace(path, Archive({{"a.lua", "return 'new'"}, {"b.lua", "return 'b'"}}));
         EXPECT_EQ(lua.Run("return require 'a'"), "old") << "a loaded module stays";
@@ -426,7 +426,7 @@ TEST_F(ModuleSearch, AnArchiveReplacedOnDiskIsOpenedAnew)
 TEST_F(ModuleSearch, AnArchiveOverwrittenInPlaceIsOpenedAnew)
 {
     const std::string path = Add("x.vxe", {{"a.lua", "return 'old'"}});
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_EQ(lua.Run("return require 'a'"), "old");
     ::Test::WriteFile(path, Archive({{"a.lua", "return 'newer'"}}));
     EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), "newer");
@@ -436,7 +436,7 @@ TEST_F(ModuleSearch, AnEarlierArchiveThatGainsTheModuleWinsAtOnce)
 {
     const std::string x = Add("x.vxe", {{"a.lua", "return 'x'"}});
     Add("y.vxe", {{"b.lua", "return 'y'"}});
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_EQ(lua.Run("return require 'b'"), "y");
     Replace(x, Archive({{"b.lua", "return 'x'"}}));
     EXPECT_EQ(lua.Run("package.loaded.b = nil return require 'b'"), "x");
@@ -446,7 +446,7 @@ TEST_F(ModuleSearch, ASyntaxErrorNamesModuleAndFileAndDoesNotFallThrough)
 {
     const std::string x = Add("x.vxe", {{"a.lua", "local = 1"}});
     Add("y.vxe", {{"a.lua", "return 'y'"}});
-    const std::string error = Lua(dom).Run("return require 'a'");
+    const std::string error = Lua(m_dom).Run("return require 'a'");
     EXPECT_THAT(error, HasSubstr("error loading module 'a' from file '" + x + "/a.lua':\n\t"));
     EXPECT_THAT(error, HasSubstr("a.lua:1:"));
 }
@@ -458,7 +458,7 @@ TEST_F(ModuleSearch, ADamagedEntryNamesModuleAndFileAndDoesNotFallThrough)
     builder.Add("b.lua", "return 'b'");
     const std::string x = AddBytes("x.vxe", builder.Build());
     Add("y.vxe", {{"a.lua", "return 'y'"}});
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_THAT(lua.Run("return require 'a'"), HasSubstr("error loading module 'a' from file '" + x + "/a.lua':\n\t"));
     EXPECT_EQ(lua.Run("return require 'b'"), "b");
 }
@@ -466,26 +466,26 @@ TEST_F(ModuleSearch, ADamagedEntryNamesModuleAndFileAndDoesNotFallThrough)
 TEST_F(ModuleSearch, ARunTimeErrorNamesArchiveAndLine)
 {
     Add("x.vxe", {{"a.lua", "\n\nerror('oh')"}});
-    EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("x.vxe/a.lua:3: oh"));
+    EXPECT_THAT(Lua(m_dom).Run("return require 'a'"), HasSubstr("x.vxe/a.lua:3: oh"));
 }
 
 TEST_F(ModuleSearch, APrecompiledChunkIsRefusedOutsideTheCoreArchives)
 {
     const std::string path = Add("x.vxe", {{"a.lua", Dumped("return 'compiled'")}});
-    const std::string error = Lua(dom).Run("return require 'a'");
+    const std::string error = Lua(m_dom).Run("return require 'a'");
     EXPECT_THAT(error, HasSubstr("error loading module 'a' from file '" + path + "/a.lua':\n\ta precompiled chunk"));
 }
 
 TEST_F(ModuleSearch, APrecompiledChunkBehindAFirstLineCommentIsRefusedToo)
 {
     Add("x.vxe", {{"a.lua", "#!/usr/bin/lua\n" + Dumped("return 'compiled'")}});
-    EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("a precompiled chunk"));
+    EXPECT_THAT(Lua(m_dom).Run("return require 'a'"), HasSubstr("a precompiled chunk"));
 }
 
 TEST_F(ModuleSearch, APrecompiledChunkIsLoadedFromTheCoreArchives)
 {
     Add("bin/vex_core/x.vxe", {{"a.lua", Dumped("return 'compiled'")}, {"b.lua", "#x\n" + Dumped("return 'b'")}});
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_EQ(lua.Run("return require 'a'"), "compiled");
     EXPECT_EQ(lua.Run("return require 'b'"), "b");
 }
@@ -493,10 +493,10 @@ TEST_F(ModuleSearch, APrecompiledChunkIsLoadedFromTheCoreArchives)
 TEST_F(ModuleSearch, APathThatOnlyLooksLikeTheCoreFolderIsNotCore)
 {
     Add("bin/vex_core/../x.vxe", {{"a.lua", Dumped("return 'compiled'")}});
-    EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("a precompiled chunk"));
-    std::filesystem::create_directories(folder / "vex_core");
+    EXPECT_THAT(Lua(m_dom).Run("return require 'a'"), HasSubstr("a precompiled chunk"));
+    std::filesystem::create_directories(m_folder / "vex_core");
     Add("vex_core/y.vxe", {{"b.lua", Dumped("return 'compiled'")}});
-    EXPECT_THAT(Lua(dom).Run("return require 'b'"), HasSubstr("a precompiled chunk"));
+    EXPECT_THAT(Lua(m_dom).Run("return require 'b'"), HasSubstr("a precompiled chunk"));
 }
 
 TEST_F(ModuleSearch, AByteOrderMarkAndAFirstLineCommentAreSkippedAsInPlainFiles)
@@ -505,7 +505,7 @@ TEST_F(ModuleSearch, AByteOrderMarkAndAFirstLineCommentAreSkippedAsInPlainFiles)
                   {"b.lua", "\xEF\xBB\xBFreturn 'b'"},
                   {"c.lua", "#"},
                   {"d.lua", ""}});
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_EQ(lua.Run("return require 'a'"), "2");
     EXPECT_EQ(lua.Run("return require 'b'"), "b");
     EXPECT_EQ(lua.Run("return require 'c'"), "true");
@@ -515,7 +515,7 @@ TEST_F(ModuleSearch, AByteOrderMarkAndAFirstLineCommentAreSkippedAsInPlainFiles)
 TEST_F(ModuleSearch, OddModuleNamesAreNotFoundAndDoNoHarm)
 {
     Add("x.vxe", {{"a.lua", "return 1"}, {"a/b.lua", "return 'b'"}});
-    Lua lua(dom);
+    Lua lua(m_dom);
     for (const char* name : {"", ".", "..", "..a", "a.", "/a", "%s", "a%d"})
         EXPECT_THAT(lua.Run(std::string("return require '") + name + "'"), StartsWith("error: ")) << name;
     EXPECT_EQ(lua.Run("return require 'a/b'"), "b");
@@ -528,8 +528,8 @@ TEST_F(ModuleSearch, NamesWithAccentsAreFound)
     const std::string path = Add("pl\xC3\xA4ne.vxe", {{"gr\xC3\xB6\xC3\x9F"
                                                        "e.lua",
                                                        "return ({...})[2]"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'gr\xC3\xB6\xC3\x9F"
-                           "e'"),
+    EXPECT_EQ(Lua(m_dom).Run("return require 'gr\xC3\xB6\xC3\x9F"
+                             "e'"),
               path
                   + "/gr\xC3\xB6\xC3\x9F"
                     "e.lua");
@@ -537,21 +537,21 @@ TEST_F(ModuleSearch, NamesWithAccentsAreFound)
 
 TEST_F(ModuleSearch, AnEmptySearchPathIsNoError)
 {
-    EXPECT_THAT(Lua(dom).Run("return require 'a'"), HasSubstr("module 'a' not found:"));
+    EXPECT_THAT(Lua(m_dom).Run("return require 'a'"), HasSubstr("module 'a' not found:"));
 }
 
 TEST_F(ModuleSearch, RegisteringTwiceChangesNothing)
 {
-    Lua lua(dom);
+    Lua lua(m_dom);
     const std::string count = lua.Run("return #package.searchers");
-    dom->RegisterLoader(lua.State());
+    m_dom->RegisterLoader(lua.State());
     EXPECT_EQ(lua.Run("return #package.searchers"), count);
     EXPECT_EQ(count, "6");
 }
 
 TEST_F(ModuleSearch, RegisteringLeavesTheStackAsItWas)
 {
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_EQ(lua_gettop(lua.State()), 0);
 }
 
@@ -562,7 +562,7 @@ TEST_F(ModuleSearch, WithoutThePackageLibraryRegisteringIsALuaError)
         static_cast<CDom*>(lua_touserdata(inner, 1))->RegisterLoader(inner);
         return 0;
     });
-    lua_pushlightuserdata(state, dom);
+    lua_pushlightuserdata(state, m_dom);
     EXPECT_EQ(lua_pcall(state, 1, 0, 0), LUA_ERRRUN);
     EXPECT_THAT(lua_tostring(state, -1), HasSubstr("'package'"));
     lua_close(state);
@@ -574,7 +574,7 @@ TEST_F(ModuleSearch, AFinaliserThatRequiresWhileTheStateClosesIsHarmless)
     lua_State* const state = luaL_newstate();
     luaL_openlibs(state);
     ASSERT_EQ(luaL_dostring(state, "early = setmetatable({}, {__gc = function() pcall(require, 'a') end})"), LUA_OK);
-    dom->RegisterLoader(state);
+    m_dom->RegisterLoader(state);
     lua_close(state);
 }
 
@@ -582,20 +582,20 @@ TEST_F(ModuleSearch, EveryFailingAllocationOfLuaIsALuaError)
 {
     UseCache();
     Add("x.vxe", {{"a/init.lua", "local t = {...} return {1, 'text', function() return t end}"}});
-    static std::atomic<long> budget;
+    static std::atomic<long> s_budget;
     const auto allocate = [](void*, void* block, std::size_t oldSize, std::size_t size) -> void* {
         if (size == 0) {
             std::free(block);
             return nullptr;
         }
         const bool shrinks = block && size <= oldSize; // which Lua takes for granted
-        return shrinks || budget-- > 0 ? std::realloc(block, size) : nullptr;
+        return shrinks || s_budget-- > 0 ? std::realloc(block, size) : nullptr;
     };
     int failures = 0;
     for (long n = 0; n < 1000; ++n) {
         ChunkCaches::Process().ForgetUnused();
         std::filesystem::remove_all(CacheFolder());
-        budget = 1000000;
+        s_budget = 1000000;
         lua_State* const state = lua_newstate(allocate, nullptr);
         luaL_openlibs(state);
         lua_pushcfunction(state, [](lua_State* inner) {
@@ -605,10 +605,10 @@ TEST_F(ModuleSearch, EveryFailingAllocationOfLuaIsALuaError)
             lua_call(inner, 1, 0);
             return 0;
         });
-        lua_pushlightuserdata(state, dom);
-        budget = n;
+        lua_pushlightuserdata(state, m_dom);
+        s_budget = n;
         const int status = lua_pcall(state, 1, 0, 0);
-        budget = 1000000;
+        s_budget = 1000000;
         lua_close(state);
         if (status == LUA_OK)
             break;
@@ -632,7 +632,7 @@ TEST_F(ModuleSearch, ManyThreadsLoadFromTheSameArchivesWhileTheyAreReplaced)
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&] {
             for (int round = 0; round < 3; ++round) {
-                Lua lua(dom);
+                Lua lua(m_dom);
                 for (int i = 0; i < 40; ++i)
                     if (lua.Run("return require 'm" + std::to_string(i) + "'") != std::to_string(i))
                         ++wrong;
@@ -654,29 +654,29 @@ TEST_F(ModuleSearch, AnArchiveIsOpenedOnceForAllInterpreters)
     g_opened.clear();
     const ::Test::CallWatch observed(NoteCall);
     {
-        Lua one(dom);
-        Lua two(dom);
+        Lua one(m_dom);
+        Lua two(m_dom);
         EXPECT_EQ(one.Run("return require 'a' .. require 'c'"), "ac");
         EXPECT_EQ(two.Run("return require 'c' .. require 'b'"), "cb");
     }
-    EXPECT_EQ(Lua(dom).Run("return require 'b' .. require 'a'"), "ba");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'b' .. require 'a'"), "ba");
     EXPECT_EQ(g_opened, both);
 }
 
 TEST_F(ModuleSearch, ALimitOfArchivesCountsHereToo)
 {
-    dom->SetWx("app.unzip.maxentries", static_cast<std::int64_t>(1));
+    m_dom->SetWx("app.unzip.maxentries", static_cast<std::int64_t>(1));
     Add("x.vxe", {{"a.lua", "return 'x'"}, {"b.lua", "return 'x'"}});
     Add("y.vxe", {{"a.lua", "return 'y'"}});
     ::Test::LogCatcher log;
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_EQ(lua.Run("return require 'a'"), "y");
     EXPECT_EQ(log.Lines().size(), 1u);
 
     // What is on the path next is opened by the limits of now, not by those of a second ago.
-    dom->SetWx("app.unzip.maxentries", static_cast<std::int64_t>(2));
-    dom->SetWx("app.unzip.maxbytes", static_cast<std::int64_t>(10));
-    dom->Set("app.lua.zippath", "");
+    m_dom->SetWx("app.unzip.maxentries", static_cast<std::int64_t>(2));
+    m_dom->SetWx("app.unzip.maxbytes", static_cast<std::int64_t>(10));
+    m_dom->Set("app.lua.zippath", "");
     Add("z.vxe", {{"a.lua", "return 'more than ten bytes'"}});
     Add("short.vxe", {{"a.lua", "return 1"}});
     EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), "1");
@@ -687,24 +687,24 @@ TEST_F(ModuleSearch, FiveHundredArchivesAreOpenedOnceEach)
 {
     std::string list;
     for (int i = 0; i < 500; ++i) {
-        const std::string path = folder / ("x" + std::to_string(i) + ".vxe");
+        const std::string path = m_folder / ("x" + std::to_string(i) + ".vxe");
         ::Test::WriteFile(path, Archive({{"m" + std::to_string(i) + ".lua", "return " + std::to_string(i)}}));
         list += path + ";";
     }
-    dom->Set("app.lua.zippath", list);
-    Lua lua(dom);
+    m_dom->Set("app.lua.zippath", list);
+    Lua lua(m_dom);
     EXPECT_EQ(lua.Run("return require 'm499'"), "499");
     std::string error;
     std::vector<std::shared_ptr<const ZipArchive>> open;
     std::string failure;
     for (int i = 0; i < 500; ++i) {
-        const auto slot = ArchiveIndex::Process().Slot(folder / ("x" + std::to_string(i) + ".vxe"));
+        const auto slot = ArchiveIndex::Process().Slot(m_folder / ("x" + std::to_string(i) + ".vxe"));
         open.push_back(slot->Current(ZipLimits(), failure)->Zip(error));
     }
     EXPECT_EQ(lua.Run("local n = 0 for i = 0, 499 do n = n + require('m' .. i) end return n"),
               std::to_string(499 * 250));
     for (int i = 0; i < 500; ++i) {
-        const auto slot = ArchiveIndex::Process().Slot(folder / ("x" + std::to_string(i) + ".vxe"));
+        const auto slot = ArchiveIndex::Process().Slot(m_folder / ("x" + std::to_string(i) + ".vxe"));
         EXPECT_EQ(slot->Current(ZipLimits(), failure)->Zip(error), open[static_cast<std::size_t>(i)]);
     }
 }
@@ -716,9 +716,9 @@ TEST_F(ModuleSearch, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNextTime
     UseCache();
     const std::string path = Add("x.vxe", {{"a.lua", "return debug.getinfo(1, 'S').source .. ' ' .. ..."}});
     const std::string expected = "@" + path + "/a.lua a";
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), expected);
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), expected);
     ASSERT_EQ(CacheFiles().size(), 1u);
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), expected);
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), expected);
 
     // Proof that the second one did not come from the source: a cached chunk that was changed, with right checksums.
     const std::string key = std::filesystem::path(CacheFiles()[0]).stem().string();
@@ -729,14 +729,14 @@ TEST_F(ModuleSearch, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNextTime
     ::Test::WriteFile(CacheFiles()[0], ChunkCacheFormat::Build(key, {item}));
     ASSERT_EQ(::chmod(CacheFiles()[0].c_str(), 0600), 0);
     ChunkCaches::Process().ForgetUnused();
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "from the cache");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "from the cache");
 }
 
 TEST_F(ModuleSearch, TheCacheFileIsNamedByTheArchivesDirectoryAndThisLuasFormat)
 {
     UseCache();
     const std::string path = Add("x.vxe", {{"a.lua", "return 1"}});
-    Lua(dom).Run("return require 'a'");
+    Lua(m_dom).Run("return require 'a'");
     const std::string format = Dumped("return 1").substr(0, 18);
     ASSERT_EQ(format.substr(0, 5), "\x1BLua\x52");
     ASSERT_EQ(format.substr(7, 4), (std::string{sizeof(int), sizeof(std::size_t), 4, sizeof(lua_Number)}));
@@ -749,24 +749,24 @@ TEST_F(ModuleSearch, TheCacheFileIsNamedByTheArchivesDirectoryAndThisLuasFormat)
 TEST_F(ModuleSearch, TheCacheLiesInTheWorkFolderOfNow)
 {
     Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}, {"c.lua", "return 'c'"}});
-    std::filesystem::create_directory(folder / "other");
+    std::filesystem::create_directory(m_folder / "other");
     {
-        Lua lua(dom);
+        Lua lua(m_dom);
         EXPECT_EQ(lua.Run("return require 'a'"), "a") << "there is no work folder yet";
         UseCache();
         EXPECT_EQ(lua.Run("return require 'b'"), "b");
-        dom->Set("app.path.work", folder / "other");
+        m_dom->Set("app.path.work", m_folder / "other");
         EXPECT_EQ(lua.Run("return require 'c'"), "c");
     }
     EXPECT_EQ(CacheFiles().size(), 1u);
-    EXPECT_EQ(FilesBelow(folder / "other/cache").size(), 1u);
+    EXPECT_EQ(FilesBelow(m_folder / "other/cache").size(), 1u);
 }
 
 TEST_F(ModuleSearch, TheCacheFolderAndItsFilesAreOurs)
 {
     UseCache();
     Add("x.vxe", {{"a.lua", "return 1"}});
-    Lua(dom).Run("return require 'a'");
+    Lua(m_dom).Run("return require 'a'");
     struct stat status;
     ASSERT_EQ(::stat(CacheFolder().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0700u);
@@ -783,8 +783,8 @@ TEST_F(ModuleSearch, TheSameArchiveAtTwoPathsHasOneCacheFileAndTwoChunkNames)
     const std::string y = Add("y.vxe", files);
     for (int round = 0; round < 2; ++round) {
         for (const std::string& path : {x, y}) {
-            dom->Set("app.lua.zippath", path);
-            EXPECT_EQ(Lua(dom).Run("return require 'a'"), "@" + path + "/a.lua") << round;
+            m_dom->Set("app.lua.zippath", path);
+            EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "@" + path + "/a.lua") << round;
         }
         ChunkCaches::Process().ForgetUnused();
     }
@@ -794,32 +794,32 @@ TEST_F(ModuleSearch, TheSameArchiveAtTwoPathsHasOneCacheFileAndTwoChunkNames)
 TEST_F(ModuleSearch, TheSettingTurnsTheCacheOff)
 {
     UseCache();
-    dom->Set("app.lua.cache", false);
+    m_dom->Set("app.lua.cache", false);
     Add("x.vxe", {{"a.lua", "return 1"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "1");
     EXPECT_FALSE(std::filesystem::exists(CacheFolder()));
 }
 
 TEST_F(ModuleSearch, TheSettingsFileTurnsTheCacheOff)
 {
     UseCache();
-    ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=false\n");
-    dom->Set("app.path.ini", folder / "x.ini");
+    ::Test::WriteFile(m_folder / "x.ini", "[settings]\napp.lua.cache=false\n");
+    m_dom->Set("app.path.ini", m_folder / "x.ini");
     Add("x.vxe", {{"a.lua", "return 1"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "1");
     EXPECT_FALSE(std::filesystem::exists(CacheFolder()));
 }
 
 TEST_F(ModuleSearch, AChangedSettingsFileCountsFromTheNextSecondOn)
 {
     UseCache();
-    ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=false\n");
-    dom->Set("app.path.ini", folder / "x.ini");
+    ::Test::WriteFile(m_folder / "x.ini", "[settings]\napp.lua.cache=false\n");
+    m_dom->Set("app.path.ini", m_folder / "x.ini");
     Add("x.vxe", {{"a.lua", "return 1"}, {"b.lua", "return 2"}});
     {
-        Lua lua(dom);
+        Lua lua(m_dom);
         EXPECT_EQ(lua.Run("return require 'a'"), "1");
-        ::Test::WriteFile(folder / "x.ini", "[settings]\napp.lua.cache=true\n");
+        ::Test::WriteFile(m_folder / "x.ini", "[settings]\napp.lua.cache=true\n");
         std::this_thread::sleep_for(std::chrono::milliseconds(1050));
         EXPECT_EQ(lua.Run("return require 'b'"), "2");
     }
@@ -842,21 +842,21 @@ std::vector<std::string> WholeTree(const std::string& folder)
 TEST_F(ModuleSearch, NoModuleIsUnpackedToDisk)
 {
     UseCache();
-    dom->Set("app.lua.cache", false);
+    m_dom->Set("app.lua.cache", false);
     Add("x.vxe", {{"a.lua", "return 'a'"},
                   {"b/init.lua", "return 'b'"},
                   {"big.lua", "return #'" + std::string(200000, 'x') + "'"}});
     Add("bin/vex_core/y.vxe", {{"c.lua", Dumped("return 'c'")}});
-    const std::vector<std::string> before = WholeTree(folder.Path());
-    const ::Test::Variable temporaries("TMPDIR", folder / "work");
+    const std::vector<std::string> before = WholeTree(m_folder.Path());
+    const ::Test::Variable temporaries("TMPDIR", m_folder / "work");
     g_calls.clear();
     {
         const ::Test::CallWatch observed(NoteCall);
-        EXPECT_EQ(Lua(dom).Run("return require 'a' .. require 'b' .. require 'big' .. require 'c'"), "ab200000c");
+        EXPECT_EQ(Lua(m_dom).Run("return require 'a' .. require 'b' .. require 'big' .. require 'c'"), "ab200000c");
     }
     EXPECT_THAT(g_calls, testing::Contains("pread"));
     EXPECT_THAT(g_calls, testing::Each(testing::AnyOf("stat", "open", "fstat", "pread", "close")));
-    EXPECT_EQ(WholeTree(folder.Path()), before);
+    EXPECT_EQ(WholeTree(m_folder.Path()), before);
 }
 
 TEST_F(ModuleSearch, AModuleOfAbsurdSizeIsAnErrorAndNoMemoryIsSpentOnIt)
@@ -865,7 +865,7 @@ TEST_F(ModuleSearch, AModuleOfAbsurdSizeIsAnErrorAndNoMemoryIsSpentOnIt)
     const std::string path =
         AddBytes("x.vxe", Archive({{"big.lua", "--" + std::string((64 << 20) - 1, 'x')}, {"a.lua", "return 1"}}));
     ASSERT_LT(std::filesystem::file_size(path), 200000u);
-    Lua lua(dom);
+    Lua lua(m_dom);
     EXPECT_EQ(lua.Run("require 'big'"), "error: error loading module 'big' from file '" + path
                                             + "/big.lua':\n\tit has 67108865 bytes, and a module may have 67108864");
     EXPECT_EQ(lua.Run("return require 'a'"), "1");
@@ -877,23 +877,23 @@ TEST_F(ModuleSearch, ACacheFolderThatOthersMayEnterIsNotUsed)
     std::filesystem::create_directory(CacheFolder());
     ASSERT_EQ(::chmod(CacheFolder().c_str(), 0755), 0);
     Add("x.vxe", {{"a.lua", "return 1"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "1");
     EXPECT_TRUE(CacheFiles().empty());
 }
 
 TEST_F(ModuleSearch, ACacheFolderThatIsALinkOrAFileIsNotUsed)
 {
     UseCache();
-    std::filesystem::create_directory(folder / "elsewhere");
-    ASSERT_EQ(::chmod((folder / "elsewhere").c_str(), 0700), 0);
-    ASSERT_EQ(::symlink((folder / "elsewhere").c_str(), CacheFolder().c_str()), 0);
+    std::filesystem::create_directory(m_folder / "elsewhere");
+    ASSERT_EQ(::chmod((m_folder / "elsewhere").c_str(), 0700), 0);
+    ASSERT_EQ(::symlink((m_folder / "elsewhere").c_str(), CacheFolder().c_str()), 0);
     Add("x.vxe", {{"a.lua", "return 1"}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
-    EXPECT_TRUE(FilesBelow(folder / "elsewhere").empty());
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "1");
+    EXPECT_TRUE(FilesBelow(m_folder / "elsewhere").empty());
     std::filesystem::remove(CacheFolder());
     ::Test::WriteFile(CacheFolder(), "a file");
     ChunkCaches::Process().ForgetUnused();
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "1");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "1");
 }
 
 TEST_F(ModuleSearch, ACacheFolderOfAnotherUserIsNotUsed)
@@ -902,7 +902,7 @@ TEST_F(ModuleSearch, ACacheFolderOfAnotherUserIsNotUsed)
         GTEST_SKIP() << "only root can give files away";
     UseCache();
     const std::string path = Add("x.vxe", {{"a.lua", "return 'source'"}});
-    Lua(dom).Run("return require 'a'");
+    Lua(m_dom).Run("return require 'a'");
     const std::string file = CacheFiles()[0];
     const std::string key = std::filesystem::path(file).stem().string();
     const std::string name = path + "/a.lua";
@@ -912,11 +912,11 @@ TEST_F(ModuleSearch, ACacheFolderOfAnotherUserIsNotUsed)
 
     ASSERT_EQ(::chown(CacheFolder().c_str(), 12345, 12345), 0);
     ChunkCaches::Process().ForgetUnused();
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "source");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "source");
     ASSERT_EQ(::chown(CacheFolder().c_str(), 0, 0), 0);
     ASSERT_EQ(::chown(file.c_str(), 12345, 12345), 0);
     ChunkCaches::Process().ForgetUnused();
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "source");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "source");
 }
 
 TEST_F(ModuleSearch, AnyDamageOfTheCacheFileCostsOnlyTime)
@@ -924,10 +924,10 @@ TEST_F(ModuleSearch, AnyDamageOfTheCacheFileCostsOnlyTime)
     UseCache();
     Add("x.vxe", {{"a.lua", "return 'right ' .. ..."}, {"b/init.lua", "local t = {1, 2.5, 'x'} return #t"}});
     const std::string code = "return require 'a' .. require 'b'";
-    ASSERT_EQ(Lua(dom).Run(code), "right a3");
+    ASSERT_EQ(Lua(m_dom).Run(code), "right a3");
     const std::string file = CacheFiles()[0];
     const std::string good = ::Test::ReadFile(file);
-    dom->Set("app.lua.cache", true);
+    m_dom->Set("app.lua.cache", true);
     std::vector<std::string> damaged;
     const std::size_t step = std::getenv("VEX_FULL") ? 1 : 7;
     for (std::size_t i = 0; i < good.size(); i += step) {
@@ -942,7 +942,7 @@ TEST_F(ModuleSearch, AnyDamageOfTheCacheFileCostsOnlyTime)
     for (const std::string& bad : damaged) {
         ::Test::WriteFile(file, bad);
         ChunkCaches::Process().ForgetUnused();
-        ASSERT_EQ(Lua(dom).Run(code), "right a3");
+        ASSERT_EQ(Lua(m_dom).Run(code), "right a3");
     }
     EXPECT_EQ(CacheFiles().size(), 1u);
     EXPECT_EQ(::Test::ReadFile(file).size(), good.size()) << "it is mended";
@@ -952,7 +952,7 @@ TEST_F(ModuleSearch, PrecompiledChunksAreNotCached)
 {
     UseCache();
     Add("bin/vex_core/x.vxe", {{"a.lua", Dumped("return 'compiled'")}});
-    EXPECT_EQ(Lua(dom).Run("return require 'a'"), "compiled");
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "compiled");
     EXPECT_TRUE(CacheFiles().empty());
 }
 
@@ -966,12 +966,13 @@ TEST_F(ModuleSearch, AFinaliserThatLoadsAModuleLeavesTheOneThatIsBeingCompiledAl
     };
     Add("x.vxe", {{"outer.lua", listOf("outer")}, {"inner.lua", listOf("INNER")}});
     // The compiler makes strings, and that may run finalisers; with these settings it surely does.
-    EXPECT_EQ(Lua(dom).Run("collectgarbage('setpause', 0) collectgarbage('setstepmul', 100000)"
-                           "local finalised = 0 "
-                           "setmetatable({}, {__gc = function() finalised = finalised + 1; require 'inner' end}) "
-                           "local list = require 'outer' "
-                           "local wrong = 1000 - #list "
-                           "for i, text in ipairs(list) do if text ~= 'outer' .. i - 1 then wrong = wrong + 1 end end "
-                           "return finalised .. ' ' .. wrong"),
-              "1 0");
+    EXPECT_EQ(
+        Lua(m_dom).Run("collectgarbage('setpause', 0) collectgarbage('setstepmul', 100000)"
+                       "local finalised = 0 "
+                       "setmetatable({}, {__gc = function() finalised = finalised + 1; require 'inner' end}) "
+                       "local list = require 'outer' "
+                       "local wrong = 1000 - #list "
+                       "for i, text in ipairs(list) do if text ~= 'outer' .. i - 1 then wrong = wrong + 1 end end "
+                       "return finalised .. ' ' .. wrong"),
+        "1 0");
 }

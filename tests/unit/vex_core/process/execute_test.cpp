@@ -77,11 +77,11 @@ private:
     struct sigaction m_before = {};
 };
 
-volatile sig_atomic_t handled = 0;
+volatile sig_atomic_t g_handled = 0;
 
 void CountSignal(int)
 {
-    handled = handled + 1;
+    g_handled = g_handled + 1;
 }
 
 } // namespace
@@ -332,7 +332,7 @@ TEST(HelperProgram, ProgramWithinItsTimeLimitIsUntouched)
 
 TEST(HelperProgram, SignalHandlersOfOursRunWhileItWaits)
 {
-    handled = 0;
+    g_handled = 0;
     DispositionKept handler(SIGUSR2, CountSignal); // without SA_RESTART: calls are interrupted
     const pthread_t self = pthread_self();
     ::Test::JoiningThread sender([self] {
@@ -345,7 +345,7 @@ TEST(HelperProgram, SignalHandlersOfOursRunWhileItWaits)
     sender.join();
     EXPECT_TRUE(result.ran);
     EXPECT_EQ(result.output, "done\n");
-    EXPECT_EQ(handled, 5);
+    EXPECT_EQ(g_handled, 5);
 }
 
 TEST(HelperProgram, ManyThreadsAtOnce)

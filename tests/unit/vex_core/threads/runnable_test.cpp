@@ -143,7 +143,7 @@ TEST(Runnable, RequestToEndIsSeenAndWakesAWait)
     started.Pass();
     body.requestExit();
     EXPECT_TRUE(body.join(10000));
-    EXPECT_EQ(outcome, static_cast<int>(WaitPoint::EOutcome::Ending));
+    EXPECT_EQ(outcome, static_cast<int>(WaitPoint::Outcome::Ending));
 }
 
 TEST(Runnable, AwakenEndsAWaitAsIfItsTimeWereOver)
@@ -153,7 +153,7 @@ TEST(Runnable, AwakenEndsAWaitAsIfItsTimeWereOver)
     ASSERT_TRUE(body.start(50, true, 0));
     body.Awaken();
     EXPECT_TRUE(body.join(10000));
-    EXPECT_EQ(outcome, static_cast<int>(WaitPoint::EOutcome::TimedOut));
+    EXPECT_EQ(outcome, static_cast<int>(WaitPoint::Outcome::TimedOut));
 }
 
 TEST(Runnable, DeleteAsksAndJoins)

@@ -16,7 +16,7 @@ typedef void (*VexSignalAction)(int, siginfo_t*, void*);
 namespace VexOs {
 
 /// What came of an attempt at the lock that admits one supervisor.
-enum class ELock {
+enum class LockResult {
     Taken,
     HeldByOther,
     Unavailable, ///< the file cannot be made or locked; error.h says why
@@ -102,7 +102,7 @@ public:
     virtual bool IsExecutable(const char* path) = 0;
     /// Takes the lock in the file at `path`, which is made and stays. It is kept across `Fork`, and given up by a
     /// working child, by `ReleaseInstanceLock`, and with the last process that has it.
-    virtual ELock TakeInstanceLock(const char* path) = 0;
+    virtual LockResult TakeInstanceLock(const char* path) = 0;
     /// The working child of another supervisor under the same lock file that has not ended yet; 0 when there is none.
     /// The id may be -1 when the process is out of sight.
     virtual pid_t FindOtherWorker() = 0;

@@ -233,20 +233,20 @@ public:
 
     bool IsExecutable(const char* path) override { return ::access(path, X_OK) == 0; }
 
-    ELock TakeInstanceLock(const char* path) override
+    LockResult TakeInstanceLock(const char* path) override
     {
         const int instance = OpenLockFile(path);
         if (instance < 0)
-            return ELock::Unavailable;
+            return LockResult::Unavailable;
         if (::flock(instance, LOCK_EX | LOCK_NB) != 0) {
-            const ELock answer = LastError() == EWOULDBLOCK ? ELock::HeldByOther : ELock::Unavailable;
+            const LockResult answer = LastError() == EWOULDBLOCK ? LockResult::HeldByOther : LockResult::Unavailable;
             const KeepError keep;
             ::close(instance);
             return answer;
         }
         m_instanceLock = instance;
         m_workerLock = OpenLockFile(path);
-        return ELock::Taken;
+        return LockResult::Taken;
     }
 
     pid_t FindOtherWorker() override
