@@ -70,15 +70,21 @@ def end_to_end(name, stage, build_dir, environment, *selection):
                                 "-p", "no:cacheprovider", f"--junitxml={file}", *options, *places], [file], env, 7200)
 
 
+def version():
+    """The agent's version as package names have it."""
+    *numbers, build_number = re.findall(r"^#define VEX_VERSION_[A-Z]+ ([0-9]+)$", text(os.path.join(ROOT, "src/vex/apps/vex/version.h")), re.M)
+    return ".".join(numbers) + "-" + build_number
+
+
 def lua(preset, stage, environment, names):
     """The Lua tests in the launcher's unit-test mode, once with the sources and once with the packed archives."""
     packages = os.path.join(ROOT, "build", preset, "packages")
-    network = glob.glob(os.path.join(packages, f"Agent-Network-{platform.system()}-*.{platform.machine()}.vxp"))
+    network = f"Agent-Network-{platform.system()}-{version()}.{platform.machine()}.vxp"
     sources = ("lua/?.lua", "lua/?/init.lua", "lua/plugins/?.lua", "tests/lua/?.lua")
     origins = {
         "source": ["--lua_path", ";".join(os.path.join(ROOT, template) for template in sources)],
         "archives": ["--lua_path", os.path.join(ROOT, "tests/lua/?.lua"), "--extdir", os.path.join(packages, "ext"),
-                     "--zippath", ";".join(network)],
+                     "--zippath", os.path.join(packages, network)],
     }
     for origin, arguments in origins.items():
         file = result_file(f"lua-{preset}-{origin}")

@@ -6,6 +6,7 @@
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -77,11 +78,12 @@ private:
     struct sigaction m_before = {};
 };
 
-volatile sig_atomic_t g_handled = 0;
+std::atomic<int> g_handled{0};
+static_assert(std::atomic<int>::is_always_lock_free, "a signal handler counts with it");
 
 void CountSignal(int)
 {
-    g_handled = g_handled + 1;
+    ++g_handled;
 }
 
 } // namespace
@@ -339,6 +341,9 @@ TEST(HelperProgram, SignalHandlersOfOursRunWhileItWaits)
         for (int i = 0; i < 5; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(40));
             pthread_kill(self, SIGUSR2);
+            // A second one that comes before the first is handled is none.
+            for (int wait = 0; g_handled == i && wait < 5000; ++wait)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     });
     const Result result = Shell("sleep 0.5; echo done");
