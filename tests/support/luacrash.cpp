@@ -69,7 +69,7 @@ int Crash(lua_State* L)
 
 } // namespace
 
-extern "C" __attribute__((visibility("default"))) int LuaopenLuacrash(lua_State* L)
+extern "C" __attribute__((visibility("default"))) int luaopen_luacrash(lua_State* L)
 {
     lua_pushcfunction(L, Crash);
     return 1;
