@@ -147,7 +147,6 @@ def plan(level, chosen=Chosen()):
         groups += [[build("asan")], *tests_of("asan", "build/asan/stage", address, chosen, *fast)]
         groups += [] if chosen.some else pairs(fuzz(lambda parser: 60 if parser in ("zip_reader", "unzip") else 10))
         groups += [[build("tsan", *RUN_TARGETS)], *tests_of("tsan", "build/tsan/stage", thread, chosen, *fast)]
-        groups += [] if chosen.some else [[Step("lint", ["tools/lint"], timeout=3600)]]
     if level == "full":
         for preset in ("debug", "clang"):
             groups += [[build(preset)], *tests_of(preset, f"build/{preset}/stage", full_env, chosen)]
@@ -210,7 +209,7 @@ def main():
     level.add_argument("--quick", action="store_const", dest="level", const="quick",
                        help="the release build: unit and Lua tests, and one end-to-end test of each scenario")
     level.add_argument("--ci", action="store_const", dest="level", const="ci",
-                       help="all tests, the sanitizers, fuzzing and the linter: what continuous integration runs")
+                       help="all tests, the sanitizers and fuzzing: what continuous integration runs")
     level.add_argument("--full", action="store_const", dest="level", const="full", help="every point of every sweep, in every build")
     parser.add_argument("--stop", action="store_true", help="stop at the first step that fails")
     parser.add_argument("--only", metavar="TEXT", action="append",

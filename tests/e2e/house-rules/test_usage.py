@@ -106,7 +106,7 @@ def test_each_level_has_all_steps_of_the_one_before(run_tests):
     for less, more in zip(levels, levels[1:]):
         assert set(less) <= set(more)
     assert levels[0] == levels[1] != levels[2] != levels[3]
-    assert "lint" in levels[2] and "fuzz zip_reader" in levels[2] and "e2e clang" in levels[3]
+    assert "fuzz zip_reader" in levels[2] and "e2e clang" in levels[3]
 
 
 def commands(run_tests, level):
