@@ -35,7 +35,7 @@ void PrintJournal()
     std::fflush(stdout);
 }
 
-const bool s_prepared = [] {
+const bool prepared = [] {
     if (std::getenv("VEX_FAKE_TRACE"))
         FakeCore::Answers().tracedModules = {"Appl"};
     if (const char* const call = std::getenv("VEX_FAKE_THROW"))

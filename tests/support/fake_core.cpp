@@ -24,9 +24,9 @@
 namespace FakeCore {
 
 namespace {
-std::mutex s_lock;
+std::mutex g_lock;
 
-// Guarded by s_lock. It is never destroyed: fake_agent prints it when the process ends.
+// Guarded by g_lock. It is never destroyed: fake_agent prints it when the process ends.
 std::vector<std::string>& Lines()
 {
     static auto& s_lines = *new std::vector<std::string>;
@@ -73,13 +73,13 @@ void Record(const std::string& line)
 {
     if (Answers().onRecord)
         Answers().onRecord(line);
-    const std::lock_guard lock(s_lock);
+    const std::lock_guard lock(g_lock);
     Lines().push_back(line);
 }
 
 std::vector<std::string> Journal()
 {
-    const std::lock_guard lock(s_lock);
+    const std::lock_guard lock(g_lock);
     return Lines();
 }
 
@@ -101,7 +101,7 @@ std::size_t Count(const std::string& line)
 
 void ClearJournal()
 {
-    const std::lock_guard lock(s_lock);
+    const std::lock_guard lock(g_lock);
     Lines().clear();
 }
 

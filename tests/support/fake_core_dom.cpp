@@ -19,7 +19,7 @@ using FakeCore::Record;
 using FakeCore::Word;
 
 namespace {
-std::atomic<int> s_domains{0};
+std::atomic<int> g_domains{0};
 
 std::string Key(const char* key)
 {
@@ -29,7 +29,7 @@ std::string Key(const char* key)
 
 int FakeCore::LiveDomains()
 {
-    return s_domains;
+    return g_domains;
 }
 
 namespace VexCore {
@@ -72,12 +72,12 @@ struct CDom::Impl
 
 CDom::CDom() : m_impl(new Impl)
 {
-    ++s_domains;
+    ++g_domains;
 }
 
 CDom::~CDom()
 {
-    --s_domains;
+    --g_domains;
 }
 
 CDom* CDom::New(const char* name, CDom* parent, bool* created, bool shared)

@@ -20,13 +20,13 @@ using FakeCore::Record;
 using FakeCore::Word;
 
 namespace {
-std::atomic<int> s_interpreters{0};
+std::atomic<int> g_interpreters{0};
 
-const char s_outputKey = 0; // its address is the registry key of the current output stream
+const char outputKey = 0; // its address is the registry key of the current output stream
 
 int Print(lua_State* L)
 {
-    lua_rawgetp(L, LUA_REGISTRYINDEX, &s_outputKey);
+    lua_rawgetp(L, LUA_REGISTRYINDEX, &outputKey);
     auto* out = static_cast<wxOutputStream*>(lua_touserdata(L, -1));
     lua_pop(L, 1);
     std::string line;
@@ -68,7 +68,7 @@ int Traceback(lua_State* L)
 
 int FakeCore::LiveInterpreters()
 {
-    return s_interpreters;
+    return g_interpreters;
 }
 
 namespace VexCore {
@@ -83,7 +83,7 @@ struct CLuaInterpreter::Impl
 CLuaInterpreter::CLuaInterpreter(bool collectAtEnd, const wchar_t* name, bool openLibraries) : m_impl(new Impl)
 {
     Record(std::string("Lua(") + Word(collectAtEnd) + ", " + Quote(wxString(name)) + ", " + Word(openLibraries) + ")");
-    ++s_interpreters;
+    ++g_interpreters;
     m_impl->state = luaL_newstate();
     if (openLibraries) {
         luaL_openlibs(m_impl->state);
@@ -96,7 +96,7 @@ CLuaInterpreter::~CLuaInterpreter()
 {
     Record("~Lua()");
     lua_close(m_impl->state);
-    --s_interpreters;
+    --g_interpreters;
 }
 
 lua_State* CLuaInterpreter::L() const
@@ -144,7 +144,7 @@ int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultC
         return *Answers().runScriptStatus;
     }
     lua_pushlightuserdata(L, out);
-    lua_rawsetp(L, LUA_REGISTRYINDEX, &s_outputKey);
+    lua_rawsetp(L, LUA_REGISTRYINDEX, &outputKey);
     const int base = lua_gettop(L) - argumentCount + 1;
     lua_pushcfunction(L, Traceback);
     lua_insert(L, base);
@@ -165,7 +165,7 @@ int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultC
         lua_remove(L, base);
     }
     lua_pushnil(L);
-    lua_rawsetp(L, LUA_REGISTRYINDEX, &s_outputKey);
+    lua_rawsetp(L, LUA_REGISTRYINDEX, &outputKey);
     return status;
 }
 

@@ -84,7 +84,7 @@ struct CallName
     bool ends = false; // it takes a name away
 };
 
-const CallName sCalls[] = {
+const CallName knownCalls[] = {
 #ifdef SYS_open
     {SYS_open, "open", Kind::Path},
     {SYS_stat, "stat", Kind::Path},
@@ -158,7 +158,7 @@ bool ChangesSomething(const CallName& call, const std::uint64_t (&arguments)[6])
 
 CallName NameOf(long number)
 {
-    for (const CallName& call : sCalls)
+    for (const CallName& call : knownCalls)
         if (call.number == number)
             return call;
     return {number, nullptr, Kind::Plain};

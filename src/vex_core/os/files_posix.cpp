@@ -13,7 +13,7 @@
 
 namespace VexCore::os {
 
-std::atomic<CallObserver> observerOfCalls{nullptr};
+std::atomic<CallObserver> g_observerOfCalls{nullptr};
 
 namespace {
 template <typename WriteSome>
@@ -37,7 +37,7 @@ bool WriteWhole(const WriteSome& writeSome, const void* data, std::size_t size)
 
 CallObserver SetCallObserver(CallObserver observer)
 {
-    return observerOfCalls.exchange(observer);
+    return g_observerOfCalls.exchange(observer);
 }
 
 // --- opening

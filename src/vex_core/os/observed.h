@@ -9,7 +9,7 @@
 
 namespace VexCore::os {
 
-extern std::atomic<CallObserver> observerOfCalls;
+extern std::atomic<CallObserver> g_observerOfCalls;
 
 constexpr Call OfPath(const char* name, const char* path, const char* newPath = nullptr)
 {
@@ -29,7 +29,7 @@ inline Call OfStat(const char* name, int descriptor, const char* path, struct st
 /// What the observer says, where there is one.
 inline int AskObserver(const Call& call)
 {
-    const CallObserver observer = observerOfCalls.load(std::memory_order_relaxed);
+    const CallObserver observer = g_observerOfCalls.load(std::memory_order_relaxed);
     return observer ? observer(call) : 0;
 }
 
@@ -58,7 +58,7 @@ auto Retried(const Function& function) -> decltype(function())
 template <typename Function>
 auto Observed(const Call& call, const Function& function) -> decltype(function())
 {
-    if (!observerOfCalls.load(std::memory_order_relaxed))
+    if (!g_observerOfCalls.load(std::memory_order_relaxed))
         return Retried(function);
     return Retried([&]() -> decltype(function()) {
         const int error = AskObserver(call);

@@ -12,7 +12,7 @@ struct Option
     const char* help;
 };
 
-const Option sOptions[] = {
+const Option allOptions[] = {
     {false, "a", "appname", "the name of this application (default is based on the name of the executable file)."},
     {true, "b", "background", "run as a Windows service or Unix daemon process."},
     {false, "c", "lua_cpath", "add the supplied value at the front of the search path for Lua C libraries."},
@@ -64,7 +64,7 @@ TEST_F(CommandLine, UsageListsTheTableInItsOrderWithTestUndescribed)
 {
     const std::string usage = m_parser.GetUsageString().utf8_string();
     std::size_t at = 0;
-    for (const Option& option : sOptions) {
+    for (const Option& option : allOptions) {
         std::string name = std::string("-") + option.shortName + ", --" + option.longName;
         if (!option.isSwitch)
             name += "=<str>";
@@ -93,7 +93,7 @@ TEST_F(CommandLine, HelpTextsAreWhole)
         else if (!flat.empty() && flat.back() != ' ')
             flat += ' ';
     }
-    for (const Option& option : sOptions)
+    for (const Option& option : allOptions)
         EXPECT_NE(flat.find(option.help), std::string::npos) << option.help << "\n" << flat;
 }
 
@@ -112,13 +112,13 @@ TEST_F(CommandLine, StandardSwitchesOfTheFrameworkComeFirst)
 TEST_F(CommandLine, NothingAtAllParses)
 {
     EXPECT_EQ(Parse({}), 0);
-    for (const Option& option : sOptions)
+    for (const Option& option : allOptions)
         EXPECT_FALSE(m_parser.Found(option.longName)) << option.longName;
 }
 
 TEST_F(CommandLine, EachOptionTakesAValueByShortAndLongName)
 {
-    for (const Option& option : sOptions) {
+    for (const Option& option : allOptions) {
         if (option.isSwitch)
             continue;
         const std::string brief = std::string("-") + option.shortName;
@@ -137,7 +137,7 @@ TEST_F(CommandLine, EachOptionTakesAValueByShortAndLongName)
 
 TEST_F(CommandLine, EachSwitchIsFoundByShortAndLongName)
 {
-    for (const Option& option : sOptions) {
+    for (const Option& option : allOptions) {
         if (!option.isSwitch)
             continue;
         EXPECT_EQ(Parse({std::string("-") + option.shortName}), 0);

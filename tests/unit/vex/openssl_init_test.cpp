@@ -16,11 +16,11 @@
 using testing::ElementsAre;
 
 namespace {
-bool g_sRecords = false;
+bool g_records = false;
 
 void RecordCall(const std::string& line)
 {
-    if (g_sRecords)
+    if (g_records)
         FakeCore::Record(line);
 }
 
@@ -66,7 +66,7 @@ class OpenSslDeathTest : public LauncherTest
 TEST_F(OpenSslDeathTest, IsStartedWithoutItsConfigurationThenGetsItsLocksAndThenItsSeed)
 {
     EXPECT_IN_FRESH_PROCESS({
-        g_sRecords = true;
+        g_records = true;
         CAgentApp::StartupInit();
         EXPECT_THAT(FakeCore::Journal(), ElementsAre("algorithms", "library", "error strings", "OpenSSLThreadSetup()",
                                                      "RAND_poll", "RAND_status"));
@@ -76,7 +76,7 @@ TEST_F(OpenSslDeathTest, IsStartedWithoutItsConfigurationThenGetsItsLocksAndThen
 TEST_F(OpenSslDeathTest, IsCleanedUpBetweenItsLocksAndTheDatabase)
 {
     EXPECT_IN_FRESH_PROCESS({
-        g_sRecords = true;
+        g_records = true;
         CAgentApp::TerminationCleanup();
         EXPECT_THAT(FakeCore::Journal(),
                     ElementsAre("OpenSSLThreadShutdown()", "CONF_modules_unload 1", "ShutdownSQLite()"));

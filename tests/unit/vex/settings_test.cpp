@@ -18,7 +18,7 @@ using testing::IsEmpty;
 using testing::Not;
 
 namespace {
-const char sDefaultTraces[] = "Appl,Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils";
+const char defaultTraces[] = "Appl,Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils";
 
 bool IsPrivileged()
 {
@@ -98,7 +98,7 @@ TEST_F(Settings, WithoutOptionsTheDefaultsAreWrittenInTheirOrder)
                             "Dom.SetWx(\"app.path.ini\", \"" + f + "/" + "work/vx_agent.ini\")",
                             "Dom.SetWx(\"app.path.ini.global\", \"/etc/vx_agent.conf\")",
                             "Dom.GetWxString(\"app.path.ini\")", "Dom.GetWxString(\"app.path.ini.global\")",
-                            "Dom.SetWx(\"app.trace+\", \"" + std::string(sDefaultTraces) + "\")",
+                            "Dom.SetWx(\"app.trace+\", \"" + std::string(defaultTraces) + "\")",
                             "Dom.Set(\"app.fulldump\", false)", "InitializeSQLite(dom)"));
     for (const char* key : {"app.background", "app.plugins", "app.lua.cpath", "app.lua.path", "app.trace",
                             "app.mode.unittest", "app.lua.zippath"})
@@ -163,7 +163,7 @@ TEST_F(Settings, DefaultNameComparesExactly)
     }
     Start({"-a", "vx_agent"}, "other");
     EXPECT_TRUE(Access::DefaultName(App()));
-    EXPECT_EQ(Get("app.trace+"), sDefaultTraces);
+    EXPECT_EQ(Get("app.trace+"), defaultTraces);
 }
 
 TEST_F(Settings, AnEmptyNameLeavesTheOneOfTheExecutable)
@@ -364,7 +364,7 @@ TEST_F(Settings, FreeVariableWinsOverWhatWasWrittenBeforeAndLosesToWhatComesAfte
     EXPECT_TRUE(Access::DefaultName(App()));
     EXPECT_EQ(App().GetAppName(), "vx_agent");
     Start({"-d", "app.trace+=X"});
-    EXPECT_EQ(Get("app.trace+"), sDefaultTraces);
+    EXPECT_EQ(Get("app.trace+"), defaultTraces);
     EXPECT_LT(FakeCore::Count("Dom.Set(\"app.trace+\", \"X\")"), 2u);
     Start({"-d", "app.fulldump=true"});
     EXPECT_EQ(Get("app.fulldump"), "false");
@@ -535,7 +535,7 @@ TEST_F(Settings, TraceListOfTheFileReplacesTheDefault)
     EXPECT_EQ(Get("app.trace+"), "Cmd");
     // Only at the top level.
     StartWithFile("[group]\nTrace=Cmd\n");
-    EXPECT_EQ(Get("app.trace+"), sDefaultTraces);
+    EXPECT_EQ(Get("app.trace+"), defaultTraces);
 }
 
 struct Dump
@@ -632,12 +632,12 @@ TEST_F(Settings, AFolderOrFifoAsConfigurationFileIsNoFile)
     m_started.reset(new StartedApp);
     std::filesystem::create_directory(m_started->folder / "vx_agent.ini");
     EXPECT_TRUE(m_started->Init());
-    EXPECT_EQ(Get("app.trace+"), sDefaultTraces);
+    EXPECT_EQ(Get("app.trace+"), defaultTraces);
     m_started.reset(); // there is one application at a time
     m_started.reset(new StartedApp);
     ASSERT_EQ(mkfifo((m_started->folder / "vx_agent.ini").c_str(), 0600), 0);
     EXPECT_TRUE(m_started->Init());
-    EXPECT_EQ(Get("app.trace+"), sDefaultTraces);
+    EXPECT_EQ(Get("app.trace+"), defaultTraces);
     EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), IsEmpty());
 }
 
@@ -649,7 +649,7 @@ TEST_F(Settings, AHugeConfigurationFileIsRefusedWithOneLine)
     WriteFile(file, "Trace=X\n");
     std::filesystem::resize_file(file, 100u << 20); // a hole
     EXPECT_TRUE(m_started->Init());
-    EXPECT_EQ(Get("app.trace+"), sDefaultTraces);
+    EXPECT_EQ(Get("app.trace+"), defaultTraces);
     EXPECT_EQ(
         FakeCore::Journal({"Log(Warning", "Log(Error"}),
         Lines{"Log(Warning, \"Configuration file '" + file + "' is larger than 4194304 bytes and is not read\")"});
@@ -663,7 +663,7 @@ TEST_F(Settings, AConfigurationFileOfFourMebibytesIsReadAndOneByteMoreIsTooMuch)
     EXPECT_EQ(Get("app.trace+"), "X");
     EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), IsEmpty());
     StartWithFile(bytes + "x");
-    EXPECT_EQ(Get("app.trace+"), sDefaultTraces);
+    EXPECT_EQ(Get("app.trace+"), defaultTraces);
     EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}),
                 ElementsAre(HasSubstr("is larger than 4194304 bytes")));
 }
@@ -678,7 +678,7 @@ TEST_F(Settings, AConfigurationFileOfAHundredThousandLinesIsReadAndOneMoreIsTooM
         EXPECT_EQ(Get("app.trace+"), "X");
         EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), IsEmpty());
         StartWithFile(bytes + lineEnd);
-        EXPECT_EQ(Get("app.trace+"), sDefaultTraces);
+        EXPECT_EQ(Get("app.trace+"), defaultTraces);
         EXPECT_EQ(FakeCore::Journal({"Log(Warning", "Log(Error"}),
                   Lines{"Log(Warning, \"Configuration file '" + Folder()
                         + "/vx_agent.ini' has more than 100000 lines and is not read\")"});
