@@ -53,8 +53,8 @@ protected:
     AgentApp m_app;
 };
 
-const char s_reading[] = "Dom.GetWxString(\"app.path.bin\")";
-const char s_heartbeat[] = "Dom.Set(\"vex.HeartbeatNow\", true)";
+const char reading[] = "Dom.GetWxString(\"app.path.bin\")";
+const char heartbeat[] = "Dom.Set(\"vex.HeartbeatNow\", true)";
 
 // --- installation
 
@@ -66,7 +66,7 @@ TEST_F(Plugins, PackageIsUnpackedRenamedAndReportedInTheFixedOrder)
     Put(name);
     const std::string path = Path(name);
     EXPECT_THAT(Install(),
-                ElementsAre(s_reading, "Event.SetAttributeNull(0, false)", "TimeNowMillis()",
+                ElementsAre(reading, "Event.SetAttributeNull(0, false)", "TimeNowMillis()",
                             "Event.SetAttributeNull(1, false)", "Event.SetAttributeNull(2, false)",
                             "Trace(\"Appl\", \"InstallNewPlugins\", \"Extracting files from " + path + "\")",
                             "Unzip(\"" + path + "\", \"" + Folder() + "/\")",
@@ -78,7 +78,7 @@ TEST_F(Plugins, PackageIsUnpackedRenamedAndReportedInTheFixedOrder)
                                 + std::string(feature) + "'. Deleting '" + path + "'\")",
                             "Event.SetAttributeNull(3, false)", "Event.ToSeverity(5)",
                             "Event.SetAttributeNull(4, false)",
-                            Event(5101, 5, "Feature|" + std::string(feature) + "|" + path), s_heartbeat));
+                            Event(5101, 5, "Feature|" + std::string(feature) + "|" + path), heartbeat));
     EXPECT_FALSE(Has(name));
     EXPECT_TRUE(Has(name + ".done"));
 }
@@ -104,8 +104,8 @@ TEST_F(Plugins, PackagesAreProcessedInAscendingOrderOfTheirPaths)
     EXPECT_THAT(FakeCore::Journal({"Unzip("}),
                 ElementsAre(HasSubstr("/B.vxp"), HasSubstr("/a-1.vxp"), HasSubstr("/a.b.vxp"), HasSubstr("/a.vxp"),
                             HasSubstr("/b.vxp")));
-    EXPECT_EQ(FakeCore::Count(s_heartbeat), 1u);
-    EXPECT_EQ(FakeCore::Journal().back(), s_heartbeat);
+    EXPECT_EQ(FakeCore::Count(heartbeat), 1u);
+    EXPECT_EQ(FakeCore::Journal().back(), heartbeat);
 }
 
 TEST_F(Plugins, PackageOfAnotherVersionIsRefusedAndFoundAgain)
@@ -113,13 +113,13 @@ TEST_F(Plugins, PackageOfAnotherVersionIsRefusedAndFoundAgain)
     const std::string base = ::Test::Ours("Agent-Feature-Solaris_11-{other}-{build}.x86_64");
     Put(base + ".vxp");
     for (int run = 0; run < 2; ++run) {
-        EXPECT_THAT(Install(), ElementsAre(s_reading, "Event.SetAttributeNull(0, false)", "TimeNowMillis()",
+        EXPECT_THAT(Install(), ElementsAre(reading, "Event.SetAttributeNull(0, false)", "TimeNowMillis()",
                                            "Event.SetAttributeNull(1, false)", "Event.SetAttributeNull(2, false)",
                                            "Log(Warning, \"Plugin file '" + Path(base + ".vxp")
                                                + "' does not match VEX core version, not installing\")",
                                            "Event.SetAttributeNull(3, false)", "Event.ToSeverity(2)",
                                            "Event.SetAttributeNull(4, false)",
-                                           Event(5102, 2, "Feature|" + base + "|" + Path(base + ".vxp")), s_heartbeat));
+                                           Event(5102, 2, "Feature|" + base + "|" + Path(base + ".vxp")), heartbeat));
         EXPECT_TRUE(Has(base + ".vxp"));
         EXPECT_FALSE(Has(base + ".vxp.done"));
     }
@@ -149,7 +149,7 @@ TEST_F(Plugins, UnreadablePackageIsReportedAndTheNextIsInstalled)
               (Lines{"Log(Warning, \"Plugin file '" + Path("a.vxp") + "' isn't readable\")",
                      Event(5102, 2, "a|a|" + Path("a.vxp")), "Unzip(\"" + Path("b.vxp") + "\", \"" + Folder() + "/\")",
                      Event(5101, 5, "b|b|" + Path("b.vxp"))}));
-    EXPECT_EQ(lines.back(), s_heartbeat);
+    EXPECT_EQ(lines.back(), heartbeat);
 }
 
 TEST_F(Plugins, PackageThatCannotBeUnpackedKeepsItsName)
@@ -162,7 +162,7 @@ TEST_F(Plugins, PackageThatCannotBeUnpackedKeepsItsName)
     EXPECT_THAT(FakeCore::Journal({"Log("}), IsEmpty());
     EXPECT_THAT(FakeCore::Journal({"Trace(\"Appl\", \"InstallNewPlugins\", \"Success"}), IsEmpty());
     EXPECT_TRUE(Has("x.vxp"));
-    EXPECT_EQ(FakeCore::Count(s_heartbeat), 1u);
+    EXPECT_EQ(FakeCore::Count(heartbeat), 1u);
 }
 
 TEST_F(Plugins, OlderDoneFileIsOverwritten)
@@ -199,7 +199,7 @@ TEST_F(Plugins, OnlyFilesOfTheFolderItselfWithTheExactExtensionAreFound)
     Put("sub/inner.vxp");
     fs::create_directory(Path("folder.vxp"));
     fs::create_directory_symlink("sub", Path("link.vxp"));
-    EXPECT_THAT(Install(), ElementsAre(s_reading));
+    EXPECT_THAT(Install(), ElementsAre(reading));
 }
 
 TEST_F(Plugins, OnlyMarkersOfTheFolderItselfWithTheExactExtensionAreFound)
@@ -211,20 +211,20 @@ TEST_F(Plugins, OnlyMarkersOfTheFolderItselfWithTheExactExtensionAreFound)
     fs::create_directory(Path("sub"));
     Put("sub/inner.vxu");
     fs::create_directory(Path("folder.vxu"));
-    EXPECT_THAT(Uninstall(), ElementsAre(s_reading));
+    EXPECT_THAT(Uninstall(), ElementsAre(reading));
 }
 
 TEST_F(Plugins, EmptyFolderWritesNoEventAndAsksForNoHeartbeat)
 {
-    EXPECT_THAT(Install(), ElementsAre(s_reading));
-    EXPECT_THAT(Uninstall(), ElementsAre(s_reading));
+    EXPECT_THAT(Install(), ElementsAre(reading));
+    EXPECT_THAT(Uninstall(), ElementsAre(reading));
 }
 
 TEST_F(Plugins, FolderThatCannotBeListedIsPassedOverInSilence)
 {
     m_app.Dom().SetWx("app.path.bin", Path("missing"));
-    EXPECT_THAT(Install(), ElementsAre(s_reading));
-    EXPECT_THAT(Uninstall(), ElementsAre(s_reading));
+    EXPECT_THAT(Install(), ElementsAre(reading));
+    EXPECT_THAT(Uninstall(), ElementsAre(reading));
 }
 
 TEST_F(Plugins, TimeIsTakenOnceForEachPackage)
@@ -290,7 +290,7 @@ TEST_F(Plugins, MarkerRemovesItsFilesThenItselfAndIsReportedInTheFixedOrder)
     Put(name);
     const std::string path = Path(name);
     EXPECT_THAT(Uninstall(),
-                ElementsAre(s_reading, "Event.SetAttributeNull(0, false)", "TimeNowMillis()",
+                ElementsAre(reading, "Event.SetAttributeNull(0, false)", "TimeNowMillis()",
                             "Event.SetAttributeNull(1, false)", "Event.SetAttributeNull(2, false)",
                             "Trace(\"Appl\", \"UninstallOldPlugins\", \"Removing files from " + path + "\")",
                             "Unzip(\"" + path + "\", \"" + Folder() + "/\")",
@@ -302,7 +302,7 @@ TEST_F(Plugins, MarkerRemovesItsFilesThenItselfAndIsReportedInTheFixedOrder)
                                 + std::string(feature) + "'. Deleting '" + path + "'\")",
                             "Event.SetAttributeNull(3, false)", "Event.ToSeverity(5)",
                             "Event.SetAttributeNull(4, false)",
-                            Event(5105, 5, "Feature|" + std::string(feature) + "|" + path), s_heartbeat));
+                            Event(5105, 5, "Feature|" + std::string(feature) + "|" + path), heartbeat));
     EXPECT_FALSE(Has("a/x.lua"));
     EXPECT_FALSE(Has("b/y.so"));
     EXPECT_TRUE(Has("a/other.lua"));
@@ -349,7 +349,7 @@ TEST_F(Plugins, MarkersAreProcessedInAscendingOrder)
     Put("a.vxu");
     Uninstall();
     EXPECT_THAT(FakeCore::Journal({"Unzip("}), ElementsAre(HasSubstr("/a.vxu"), HasSubstr("/b.vxu")));
-    EXPECT_EQ(FakeCore::Count(s_heartbeat), 1u);
+    EXPECT_EQ(FakeCore::Count(heartbeat), 1u);
 }
 
 TEST_F(Plugins, UnreadableMarkerIsReportedAndKept)
@@ -402,11 +402,11 @@ TEST_F(Plugins, RemovalCallbackAnswersNoButYesToANullEntryAndNoToNobody)
 TEST_F(Plugins, MarkersAreNoPackagesAndPackagesNoMarkers)
 {
     Put("x.vxp");
-    EXPECT_THAT(Uninstall(), ElementsAre(s_reading));
+    EXPECT_THAT(Uninstall(), ElementsAre(reading));
     EXPECT_TRUE(Has("x.vxp"));
     fs::remove(Path("x.vxp"));
     Put("y.vxu");
-    EXPECT_THAT(Install(), ElementsAre(s_reading));
+    EXPECT_THAT(Install(), ElementsAre(reading));
     EXPECT_TRUE(Has("y.vxu"));
 }
 

@@ -35,19 +35,18 @@ using FakeCore::Answers;
 using FakeCore::Count;
 using FakeCore::Journal;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::HasSubstr;
 
 namespace {
-int s_sigwaitError = 0; // what sigwait answers at once, when it is not 0
-std::atomic<bool> s_recordsSignals{false}; // the three calls below go to the journal
+int g_sigwaitError = 0; // what sigwait answers at once, when it is not 0
+std::atomic<bool> g_recordsSignals{false}; // the three calls below go to the journal
 
 // While it lives, calls that change what becomes of a signal are written down between those to the core library.
 class SignalRecording
 {
 public:
-    SignalRecording() { s_recordsSignals = true; }
-    ~SignalRecording() { s_recordsSignals = false; }
+    SignalRecording() { g_recordsSignals = true; }
+    ~SignalRecording() { g_recordsSignals = false; }
 };
 
 std::string Members(const sigset_t& set)
@@ -71,7 +70,7 @@ Function Real(const char* name)
 extern "C" int sigaction(int signal, const struct sigaction* action, struct sigaction* previous) noexcept
 {
     static const auto real = Real<int (*)(int, const struct sigaction*, struct sigaction*)>("sigaction");
-    if (s_recordsSignals && action)
+    if (g_recordsSignals && action)
         FakeCore::Record("sigaction " + std::to_string(signal) + (action->sa_handler == SIG_IGN ? " ignore" : " handle")
                          + (action->sa_flags & SA_RESTART ? " restart" : ""));
     return real(signal, action, previous);
@@ -80,7 +79,7 @@ extern "C" int sigaction(int signal, const struct sigaction* action, struct siga
 extern "C" int pthread_sigmask(int how, const sigset_t* set, sigset_t* previous) noexcept
 {
     static const auto real = Real<int (*)(int, const sigset_t*, sigset_t*)>("pthread_sigmask");
-    if (s_recordsSignals && set)
+    if (g_recordsSignals && set)
         FakeCore::Record((how == SIG_BLOCK ? "block" : how == SIG_UNBLOCK ? "unblock" : "mask") + Members(*set));
     return real(how, set, previous);
 }
@@ -88,10 +87,10 @@ extern "C" int pthread_sigmask(int how, const sigset_t* set, sigset_t* previous)
 // No caller of ours can make the system's fail.
 extern "C" __attribute__((visibility("default"))) int sigwait(const sigset_t* set, int* signal)
 {
-    if (s_recordsSignals)
+    if (g_recordsSignals)
         FakeCore::Record("sigwait" + Members(*set));
-    if (s_sigwaitError != 0)
-        return s_sigwaitError;
+    if (g_sigwaitError != 0)
+        return g_sigwaitError;
     static const auto real = Real<int (*)(const sigset_t*, int*)>("sigwait");
     return real(set, signal);
 }
@@ -160,7 +159,7 @@ protected:
     std::unique_ptr<AgentApp> m_app;
 };
 
-const std::string s_stopSignals = ' ' + std::to_string(SIGINT) + ' ' + std::to_string(SIGTERM);
+const std::string stopSignals = ' ' + std::to_string(SIGINT) + ' ' + std::to_string(SIGTERM);
 
 // What the journal of a foreground run holds between the interpreter and its end.
 Lines SetupLines()
@@ -322,8 +321,8 @@ TEST_F(Run, TheBackgroundWaitsForATermAndThenCallsShutdown)
     const auto main = std::find(all.begin(), all.end(), mainSnippet);
     ASSERT_NE(main, all.end());
     EXPECT_THAT(Lines(main + 1, std::find(main, all.end(), shutdownSnippet)),
-                ElementsAre("profiler_idle()", "sigwait" + s_stopSignals, "profiler_running()",
-                            "Log(Warning, \"sigwait(): caught signal 15\")", "unblock" + s_stopSignals));
+                ElementsAre("profiler_idle()", "sigwait" + stopSignals, "profiler_running()",
+                            "Log(Warning, \"sigwait(): caught signal 15\")", "unblock" + stopSignals));
     EXPECT_FALSE(IsBlocked(SIGTERM)) << "a second stop cuts shutdown short";
     EXPECT_FALSE(IsBlocked(SIGINT));
 }
@@ -332,9 +331,9 @@ TEST_F(Run, AFailedWaitIsAnErrorLineAndShutdownIsCalledAllTheSame)
 {
     Access::Background(App()) = true;
     m_module = "return { shutdown = function() return 4 end }";
-    s_sigwaitError = EINVAL;
+    g_sigwaitError = EINVAL;
     EXPECT_EQ(App().OnRunScript(), 4);
-    s_sigwaitError = 0;
+    g_sigwaitError = 0;
     ASSERT_EQ(Journal({"Log("}).size(), 1u);
     EXPECT_THAT(Journal({"Log("})[0],
                 testing::StartsWith("Log(Error, \"sigwait (error " + std::to_string(EINVAL) + ": "));
@@ -418,7 +417,7 @@ TEST_F(Run, SetsTheDispositionsInTheirOrderBetweenTheArchivePathAndTheInterprete
                 ElementsAre("Dom.GetWxString(\"app.path.bin\")", line(SIGINT, " handle restart"),
                             line(SIGTERM, " handle restart"), line(SIGUSR1, " handle restart"),
                             line(SIGUSR2, " handle restart"), line(VexCore::CRunnable::SigThreadDelete, " handle"),
-                            line(SIGHUP, " ignore restart"), "block" + s_stopSignals, line(SIGALRM, " handle"),
+                            line(SIGHUP, " ignore restart"), "block" + stopSignals, line(SIGALRM, " handle"),
                             line(SIGPIPE, " ignore restart"), "Lua(false, \"vx_agent.lua\", true)"));
 }
 
@@ -531,7 +530,7 @@ TEST_F(Run, BlocksIntAndTermBeforeThereIsAScriptThread)
     }
     const Lines lines = Journal({"block", "Runnable("});
     ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ("block" + s_stopSignals, lines[0]);
+    EXPECT_EQ("block" + stopSignals, lines[0]);
     EXPECT_EQ(lines[1], "Runnable(false, -1, false)");
 }
 
@@ -618,7 +617,7 @@ TEST_F(Run, AnotherApplicationEndsTheProcessWithMinusOneAfterAnException)
 // --- an exception in the main loop
 
 namespace {
-std::atomic<bool> s_scriptRuns{false};
+std::atomic<bool> g_scriptRuns{false};
 
 // Throws from the main loop once the script runs.
 class Thrower : public wxTimer
@@ -626,12 +625,12 @@ class Thrower : public wxTimer
 public:
     Thrower()
     {
-        s_scriptRuns = false;
+        g_scriptRuns = false;
         Start(1);
     }
     void Notify() override
     {
-        if (!s_scriptRuns)
+        if (!g_scriptRuns)
             return;
         Stop();
         throw std::runtime_error("out of an event handler");
@@ -641,7 +640,7 @@ public:
 // On the script thread: comes back when the main thread has left its loop.
 void RunUntilTheLoopIsGone()
 {
-    s_scriptRuns = true;
+    g_scriptRuns = true;
     while (Journal({"Runnable.requestExit"}).empty())
         ::usleep(1000);
 }
@@ -680,7 +679,7 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerEndsTheProcessAtOnceWhenTheScriptThrea
     Answers().tracedModules = {"Appl"};
     Answers().joinTimesOut = true;
     Answers().onRunScript = [this] {
-        if (s_scriptRuns) // the first chunk has told it
+        if (g_scriptRuns) // the first chunk has told it
             return;
         DefineModule();
         RunUntilTheLoopIsGone();

@@ -10,12 +10,10 @@
 
 #include <wx/confbase.h>
 
-using testing::AnyOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 namespace {
 const char defaultTraces[] = "Appl,Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils";
@@ -86,7 +84,7 @@ TEST_F(Settings, WithoutOptionsTheDefaultsAreWrittenInTheirOrder)
     FakeCore::ClearJournal();
     ASSERT_TRUE(app->OnInit());
     Lines lines = FakeCore::Journal({"Dom.Set", "Secure", "InitializeSQLite", "Dom.GetWxString"});
-    const std::string f = folder.Path();
+    const std::string& f = folder.Path();
     EXPECT_THAT(lines,
                 ElementsAre("Dom.SetWx(\"app.path.bin\", \"" + f + "\")",
                             "Dom.SetWx(\"app.path.lib\", \"" + f + "/lib\")",

@@ -17,13 +17,11 @@
 #include <wx/intl.h>
 #include <wx/translation.h>
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 namespace {
-bool s_recordsTimeZone = false;
+bool g_recordsTimeZone = false;
 
 class Start : public LauncherTest
 {};
@@ -32,7 +30,7 @@ using StartDeathTest = Start;
 TEST_F(StartDeathTest, ConstructorReadsTheTimeZoneSetsUpOpenSslThreadsAndThenMakesTheRootDomain)
 {
     EXPECT_IN_FRESH_PROCESS({
-        s_recordsTimeZone = true;
+        g_recordsTimeZone = true;
         const AgentApp app;
         EXPECT_THAT(FakeCore::Journal(),
                     ElementsAre("tzset()", "OpenSSLThreadSetup()", "Dom.New(null, null, null, false)"));
@@ -322,49 +320,49 @@ INSTANTIATE_TEST_SUITE_P(CommandLines, EarlyStop, testing::Values("--help", "-h"
 
 // --- OpenSSL's random generator
 
-int s_polls;
-int s_goodAfter;
+int g_polls;
+int g_goodAfter;
 
 int Poll()
 {
-    ++s_polls;
+    ++g_polls;
     return 0;
 }
 
 int Status()
 {
-    return s_polls >= s_goodAfter ? 1 : 0;
+    return g_polls >= g_goodAfter ? 1 : 0;
 }
 
 TEST(Seed, EndsWithTheFirstGoodStatus)
 {
-    s_polls = 0;
-    s_goodAfter = 3;
+    g_polls = 0;
+    g_goodAfter = 3;
     EXPECT_EQ(SeedRandom(Poll, Status), 3);
-    EXPECT_EQ(s_polls, 3);
+    EXPECT_EQ(g_polls, 3);
 }
 
 TEST(Seed, PollsBeforeItAsks)
 {
-    s_polls = 0;
-    s_goodAfter = 0;
+    g_polls = 0;
+    g_goodAfter = 0;
     EXPECT_EQ(SeedRandom(Poll, Status), 1);
 }
 
 TEST(Seed, GivesUpSilentlyAfterAHundredAttempts)
 {
     FakeCore::Reset();
-    s_polls = 0;
-    s_goodAfter = 1000;
+    g_polls = 0;
+    g_goodAfter = 1000;
     EXPECT_EQ(SeedRandom(Poll, Status), 100);
-    EXPECT_EQ(s_polls, 100);
+    EXPECT_EQ(g_polls, 100);
     EXPECT_THAT(FakeCore::Journal(), IsEmpty());
 }
 
 TEST(Seed, TakesTheHundredthAttempt)
 {
-    s_polls = 0;
-    s_goodAfter = 100;
+    g_polls = 0;
+    g_goodAfter = 100;
     EXPECT_EQ(SeedRandom(Poll, Status), 100);
 }
 
@@ -373,7 +371,7 @@ TEST(Seed, TakesTheHundredthAttempt)
 // Stands before the system's for the launcher's objects.
 extern "C" void tzset() noexcept
 {
-    if (s_recordsTimeZone)
+    if (g_recordsTimeZone)
         FakeCore::Record("tzset()");
     reinterpret_cast<void (*)()>(::dlsym(RTLD_NEXT, "tzset"))();
 }

@@ -13,7 +13,6 @@
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 namespace {
 namespace fs = std::filesystem;
@@ -316,9 +315,9 @@ TEST_F(ArchivePath, MatchesOfAPatternAreSortedByName)
 {
     const std::string b = Put("b.zip", m_good);
     const std::string a = Put("a.zip", m_good);
-    const std::string B = Put("B.zip", m_good);
-    EXPECT_EQ(Expand("*.zip"), B + ";" + a + ";" + b);
-    EXPECT_EQ(Expand("?.zip"), B + ";" + a + ";" + b);
+    const std::string capital = Put("B.zip", m_good);
+    EXPECT_EQ(Expand("*.zip"), capital + ";" + a + ";" + b);
+    EXPECT_EQ(Expand("?.zip"), capital + ";" + a + ";" + b);
 }
 
 TEST_F(ArchivePath, PatternTakesOnlyArchivesWhoseVersionFits)

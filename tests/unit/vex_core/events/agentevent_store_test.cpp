@@ -50,8 +50,8 @@ private:
     using Call = sqlite3_syscall_ptr;
     static std::map<std::string, Call>& Real()
     {
-        static std::map<std::string, Call> real;
-        return real;
+        static std::map<std::string, Call> s_real;
+        return s_real;
     }
     template <class F>
     static F RealAs(const char* name)
@@ -557,28 +557,28 @@ TEST_F(EventDatabase, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
 TEST_F(EventDatabase, EventIsFlushedWhateverTheSettingsAllowElsewhere)
 {
     // The folder of a journal is opened to be flushed with it, and only then.
-    static int flushes;
-    static sqlite3_syscall_ptr real;
+    static int s_flushes;
+    static sqlite3_syscall_ptr s_real;
     sqlite3_vfs* const vfs = sqlite3_vfs_find(nullptr);
-    real = vfs->xGetSystemCall(vfs, "openDirectory");
+    s_real = vfs->xGetSystemCall(vfs, "openDirectory");
     const auto count = [](const char* path, int* descriptor) {
-        ++flushes;
-        return reinterpret_cast<int (*)(const char*, int*)>(real)(path, descriptor);
+        ++s_flushes;
+        return reinterpret_cast<int (*)(const char*, int*)>(s_real)(path, descriptor);
     };
     vfs->xSetSystemCall(vfs, "openDirectory", reinterpret_cast<sqlite3_syscall_ptr>(+count));
     SqliteSettings settings;
     settings.synchronous = 0;
     SetSqliteSettings(settings);
-    flushes = 0;
+    s_flushes = 0;
     SqliteConnection other;
     const bool written = other.Open(m_folder / "other.db", 0) && other.Exec("CREATE TABLE t(a)");
-    const int flushesElsewhere = flushes;
+    const int flushesElsewhere = s_flushes;
     const std::int64_t id = EventStore(m_work).Write(SampleEvent("event"));
-    vfs->xSetSystemCall(vfs, "openDirectory", real);
+    vfs->xSetSystemCall(vfs, "openDirectory", s_real);
     EXPECT_TRUE(written);
     EXPECT_EQ(flushesElsewhere, 0);
     EXPECT_EQ(id, 1);
-    EXPECT_GT(flushes, 0);
+    EXPECT_GT(s_flushes, 0);
 }
 
 TEST_F(EventDatabase, FullDiskMeansMemoryThenDatabaseOnce)

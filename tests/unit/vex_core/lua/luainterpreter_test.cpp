@@ -14,7 +14,6 @@
 #include <wx/mstream.h>
 #include <wx/sstream.h>
 
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;

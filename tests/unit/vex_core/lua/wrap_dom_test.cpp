@@ -17,7 +17,6 @@
 #include <sqlite3.h>
 #include <wx/log.h>
 
-using ::testing::ContainsRegex;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;

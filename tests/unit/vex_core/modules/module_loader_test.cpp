@@ -31,7 +31,6 @@
 using namespace VexCore;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
 
 namespace {
