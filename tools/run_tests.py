@@ -41,8 +41,8 @@ def result_file(name):
     return os.path.join(OUT, name + ".xml")
 
 
-def build(preset, *targets, background=False):
-    return Step(f"build {preset}", ["tools/build", preset, *targets], background=background)
+def build(preset, *targets, name=None):
+    return Step(name or f"build {preset}", ["tools/build", preset, *targets])
 
 
 def units(preset, environment, names):
@@ -138,6 +138,12 @@ def plan(level, chosen=Chosen()):
     wide = level in ("ci", "full")
     rules = [Step("house rules", [PYTHON, "tools/tidy"]),
              Step("exported symbols", [PYTHON, "tools/tidy", "--exports", "build/stage/lib"])]
+    if level == "quick" and not chosen.some:
+        # What an end-to-end test does is waiting, for the most part: the unit tests are compiled meanwhile.
+        return [[rules[0], build("release", "stage", "packages", "end_to_end_programs")],
+                [end_to_end("release", "build/stage", "build/release", {}, "-m", "quick"), *lua("release", "build/stage", {}, ()),
+                 build("release", "unit_tests", name="build unit tests")],
+                [rules[1], *units("release", {}, ())]]
     groups = [] if chosen.some else [[rules[0]]]
     groups += [[build("release", *(() if wide and not chosen.some else RUN_TARGETS))]]
     groups += [] if chosen.some else [[rules[1]]]
@@ -147,6 +153,7 @@ def plan(level, chosen=Chosen()):
         groups += [[build("asan")], *tests_of("asan", "build/asan/stage", address, chosen, *fast)]
         groups += [] if chosen.some else pairs(fuzz(lambda parser: 60 if parser in ("zip_reader", "unzip") else 10))
         groups += [[build("tsan", *RUN_TARGETS)], *tests_of("tsan", "build/tsan/stage", thread, chosen, *fast)]
+        groups += [] if chosen.some else [[Step("lint", ["tools/lint"], timeout=3600)]]
     if level == "full":
         for preset in ("debug", "clang"):
             groups += [[build(preset)], *tests_of(preset, f"build/{preset}/stage", full_env, chosen)]
@@ -209,7 +216,7 @@ def main():
     level.add_argument("--quick", action="store_const", dest="level", const="quick",
                        help="the release build: unit and Lua tests, and one end-to-end test of each scenario")
     level.add_argument("--ci", action="store_const", dest="level", const="ci",
-                       help="all tests, the sanitizers and fuzzing: what continuous integration runs")
+                       help="all tests, the sanitizers, fuzzing and the linter: what continuous integration runs")
     level.add_argument("--full", action="store_const", dest="level", const="full", help="every point of every sweep, in every build")
     parser.add_argument("--stop", action="store_true", help="stop at the first step that fails")
     parser.add_argument("--only", metavar="TEXT", action="append",

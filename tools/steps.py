@@ -17,11 +17,10 @@ OUT = os.path.join(ROOT, "build", "test")
 
 class Step:
     """One command. `junit` are the result files that it must leave behind. With `shards` a program of GoogleTest runs that many
-    times at once, each with its share of the tests and a result file of its own. A `background` step gives way to others."""
+    times at once, each with its share of the tests and a result file of its own."""
 
-    def __init__(self, name, command, junit=(), env=None, timeout=1500, shards=1, background=False):
+    def __init__(self, name, command, junit=(), env=None, timeout=1500, shards=1):
         self.name, self.command, self.timeout, self.shards = name, command, timeout, shards
-        self.background = background
         self._junit = tuple(junit)
         # Texts of the system are compared, so they are in one language whoever starts the run.
         kept = {key: value for key, value in os.environ.items() if not key.startswith("LC_") and key != "LANGUAGE"}
@@ -46,8 +45,6 @@ class Step:
         if self.shards > 1:
             env = {**env, "GTEST_TOTAL_SHARDS": str(self.shards), "GTEST_SHARD_INDEX": str(shard)}
             command = [self._of_shard(word, shard) for word in command]
-        if self.background:
-            command = ["nice", "-n", "10", *command]
         with open(self.log_file(shard), "wb") as output:
             return subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, env=env, cwd=ROOT)
 
