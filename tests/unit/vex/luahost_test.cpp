@@ -21,6 +21,7 @@ using FakeCore::Answers;
 using FakeCore::Count;
 using FakeCore::Journal;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -375,7 +376,7 @@ TEST_F(LuaHost, AFailedSnippetPutsTheErrorOnStandardErrorOnce)
     EXPECT_EQ(App().RunCodeSnippet("error('gr\xC3\xBC\xC3\x9F', 0)"), 2);
     const std::string text = standardError.Text();
     EXPECT_THAT(text, StartsWith("gr\xC3\xBC\xC3\x9F\nstack traceback:"));
-    EXPECT_EQ(text.back(), '\n');
+    EXPECT_THAT(text, EndsWith("\n"));
     EXPECT_EQ(Count("Lua.GetErrorInfo()"), 1u);
 }
 

@@ -149,6 +149,7 @@ TEST_F(Plugins, UnreadablePackageIsReportedAndTheNextIsInstalled)
               (Lines{"Log(Warning, \"Plugin file '" + Path("a.vxp") + "' isn't readable\")",
                      Event(5102, 2, "a|a|" + Path("a.vxp")), "Unzip(\"" + Path("b.vxp") + "\", \"" + Folder() + "/\")",
                      Event(5101, 5, "b|b|" + Path("b.vxp"))}));
+    ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back(), heartbeat);
 }
 
