@@ -34,10 +34,6 @@ def tree(tmp_path):
 
 @pytest.mark.quick
 @pytest.mark.fast
-def test_this_tree_keeps_the_rules():
-    assert tidy(ROOT) == (0, "")
-
-
 def test_a_tree_that_keeps_the_rules_is_passed_in_silence(tree):
     root = tree({"src/vex/core/a.h": "#pragma once\n", "run": "#!/bin/sh\ntrue\n",
                  "tests/unit/slb3/a_test.cpp": "TEST(A, IsA) {}\n"})
