@@ -27,6 +27,46 @@ if(NOT VEX_SANITIZE)
   add_link_options(LINKER:-z,defs)
 endif()
 
+# What is shipped runs as root on hosts of others: an overwritten return address, table of the linker or jump ends the
+# process instead of going where somebody else wants it. Not for sanitizers, which do it their own way, nor for test code,
+# which is not optimised, as the checks of the C library's calls need it to be.
+set(VEX_SHIPPED OFF)
+if(CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo" AND NOT VEX_SANITIZE AND NOT VEX_COVERAGE)
+  set(VEX_SHIPPED ON)
+endif()
+function(vex_harden)
+  if(NOT VEX_SHIPPED)
+    return()
+  endif()
+  foreach(target IN LISTS ARGN)
+    target_compile_options(${target} PRIVATE -fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE
+                                             -D_FORTIFY_SOURCE=2)
+    target_link_options(${target} PRIVATE LINKER:-z,now)
+    if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+      # Our code has a mark at every place that may be jumped to, but the start files of the C library have none: so the
+      # binaries name the shadow stack alone.
+      target_compile_options(${target} PRIVATE -fcf-protection=full)
+      target_link_options(${target} PRIVATE LINKER:-z,relro LINKER:-z,noexecstack LINKER:-z,shstk
+                                                    LINKER:--build-id)
+    endif()
+  endforeach()
+endfunction()
+
+# Debug data is kept in a file of its own beside the binary, which names it: NAME.debug. `cmake --install --component debug`
+# puts it where a debugger looks.
+function(vex_split_debug_data target destination)
+  if(NOT VEX_SHIPPED OR NOT CMAKE_OBJCOPY)
+    return()
+  endif()
+  set(debug_file $<TARGET_FILE:${target}>.debug)
+  add_custom_command(
+    TARGET ${target} POST_BUILD
+    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug $<TARGET_FILE:${target}> ${debug_file}
+    COMMAND ${CMAKE_OBJCOPY} --strip-debug --add-gnu-debuglink=${debug_file} $<TARGET_FILE:${target}>
+    VERBATIM)
+  install(FILES ${debug_file} DESTINATION ${destination} COMPONENT debug EXCLUDE_FROM_ALL)
+endfunction()
+
 # Sources of one folder that fit this system: name_linux.cpp and name_solaris.cpp exclude each other.
 function(vex_platform_sources out)
   file(GLOB sources CONFIGURE_DEPENDS ${ARGN})
