@@ -4,6 +4,7 @@
 #include "vex/core/sendsignal.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <stdexcept>
@@ -43,6 +44,28 @@ inline int WaitFor(pid_t child)
     }
     return status;
 }
+
+/// A child that ends by itself only when it is told to: it does not outlive its test.
+class ChildUntilTheEnd
+{
+public:
+    explicit ChildUntilTheEnd(pid_t child) : m_child(child) {}
+    ~ChildUntilTheEnd() { Kill(); }
+    ChildUntilTheEnd(const ChildUntilTheEnd&) = delete;
+    ChildUntilTheEnd& operator=(const ChildUntilTheEnd&) = delete;
+
+    void Kill()
+    {
+        if (m_child <= 0)
+            return;
+        VexCore::SendSignal(m_child, SIGKILL);
+        WaitFor(m_child);
+        m_child = -1;
+    }
+
+private:
+    pid_t m_child;
+};
 
 /// Runs `body` in a child whose standard error is captured, and waits for it.
 inline ChildResult RunChild(const std::function<int()>& body, bool atOnce = false)

@@ -337,6 +337,11 @@ class Body : public CRunnable
 {
 public:
     explicit Body(std::function<void(Body&)> run) : CRunnable(false, -1, false), m_run(std::move(run)) {}
+    ~Body() override
+    {
+        requestExit();
+        join();
+    }
 
 protected:
     void OnRun() override { m_run(*this); }

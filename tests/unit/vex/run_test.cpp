@@ -36,6 +36,7 @@ using FakeCore::Count;
 using FakeCore::Journal;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 namespace {
 int g_sigwaitError = 0; // what sigwait answers at once, when it is not 0
@@ -549,7 +550,7 @@ TEST_F(Run, TheLoopsDescriptorsAreNotInheritedByWhatTheScriptStarts)
     const int dirt = ::dup(0);
     EXPECT_EQ(RunToEnd(), 0);
     ::close(dirt);
-    EXPECT_TRUE(open.empty()) << open.front();
+    EXPECT_THAT(open, IsEmpty());
 }
 
 TEST_F(Run, AThreadThatCannotBeStartedEndsTheRunWithMinusOne)

@@ -692,7 +692,7 @@ TEST(DiskLog, NobodyWaitsForAProcessThatHoldsTheRotationLock)
     const TempFolder folder;
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
-    const pid_t holder = Fork(
+    ::Test::ChildUntilTheEnd holder(Fork(
         [&] {
             const int lock = ::open((folder / "x.log.lock").c_str(), O_RDWR | O_CREAT, 0600);
             const char answer = os::TryLock(lock) == 0 ? 'y' : 'n';
@@ -701,7 +701,7 @@ TEST(DiskLog, NobodyWaitsForAProcessThatHoldsTheRotationLock)
             ::pause();
             return 0;
         },
-        true);
+        true));
     char answer = 'n';
     ASSERT_EQ(::read(ready[0], &answer, 1), 1);
     ::close(ready[0]);
@@ -714,8 +714,7 @@ TEST(DiskLog, NobodyWaitsForAProcessThatHoldsTheRotationLock)
     log.Write("12345678\n", false);
     log.Write("abcdefgh\n", false);
     EXPECT_EQ(ReadFile(folder / "x.log"), "12345678\nabcdefgh\n");
-    ASSERT_EQ(VexCore::SendSignal(holder, SIGKILL), 0);
-    WaitFor(holder);
+    holder.Kill();
     log.Write("ABCDEFGH\n", false);
     EXPECT_EQ(ReadFile(folder / "x.log.1"), "12345678\nabcdefgh\n");
     EXPECT_EQ(ReadFile(folder / "x.log"), "ABCDEFGH\n");
