@@ -93,6 +93,17 @@ def test_a_work_folder_that_cannot_be_made_does_not_stop_the_run(tree, workdir):
     assert result.status == 3
 
 
+def test_a_file_that_is_given_for_the_work_folder_stays_as_it_is(tree):
+    tree.app("probe", "return { main = function() return 3 end }")
+    path = tree.file("file", "content")
+    os.chmod(path, 0o644)
+    result = tree.run("--workdir", path, name="probe")
+    assert result.status == 3 and "access rights" not in result.err
+    assert os.stat(path).st_mode & 0o7777 == 0o644
+    with open(path) as file:
+        assert file.read() == "content"
+
+
 def test_environment_variables_in_the_work_folder_are_expanded(tree, tmp_path):
     tree.app("probe", SHOW)
     found = settings(tree.run("--workdir", "$WHERE/w", name="probe", env={"WHERE": str(tmp_path)}))

@@ -42,8 +42,8 @@ bool MakeFolder(const wxString& folder, bool isParent)
 }
 
 // Makes the folder and its missing parents, without the search bit: nobody looks into the new folder before its rights
-// are settled. Says nothing when that fails: it shows when files are written there.
-void MakeWorkFolder(const wxString& folder)
+// are settled. False when that fails, of which nothing is said: it shows when files are written there.
+bool MakeWorkFolder(const wxString& folder)
 {
     const wxLogNull silence;
     wxFileName path = wxFileName::DirName(folder);
@@ -54,7 +54,8 @@ void MakeWorkFolder(const wxString& folder)
     }
     for (std::size_t i = missing.size(); i-- > 0;)
         if (!MakeFolder(missing[i], i > 0))
-            return;
+            return false;
+    return true;
 }
 
 wxString WorkFolder(const wxCmdLineParser& parser, const wxFileName& executable)
@@ -69,10 +70,9 @@ wxString WorkFolder(const wxCmdLineParser& parser, const wxFileName& executable)
     }
     folder.Normalize(normalizeFlags);
     const wxString path = folder.GetPath(wxPATH_GET_VOLUME);
-    if (!wxDirExists(path)) {
-        MakeWorkFolder(path);
+    // What else may have that name is a stranger's, and so are its rights.
+    if (!wxDirExists(path) && MakeWorkFolder(path))
         VexCore::SecureFileOrDirectory(path, false);
-    }
     return path;
 }
 
