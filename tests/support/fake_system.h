@@ -40,7 +40,8 @@ public:
     /// A call may do something first.
     std::deque<std::function<int()>> waits;
     int ask = 0; ///< answer of `Ask`: 0 or -errno
-    VexOs::LockResult lock = VexOs::LockResult::Taken;
+    VexOs::LockResult lock = VexOs::LockResult::Taken; ///< of the file beside the pid file
+    VexOs::LockResult workLock = VexOs::LockResult::Taken; ///< of the file in the work folder
     pid_t otherWorker = 0;
     bool executable = false;
     std::int64_t now = 1700000000;
@@ -82,8 +83,10 @@ public:
         now += delayMs / 1000;
     }
     pid_t Fork() override { return AnswerFork("Fork()"); }
-    pid_t ForkFirstChild() override { return AnswerFork("ForkFirstChild()"); }
-    void WaitForStarter() override { FakeCore::Record("WaitForStarter()"); }
+    void WaitForEndOfParent(pid_t parent) override
+    {
+        FakeCore::Record("WaitForEndOfParent(" + std::to_string(parent) + ")");
+    }
     pid_t ForkWorker() override { return AnswerFork(m_termBlocked ? "ForkWorker()" : "ForkWorker() unguarded"); }
     pid_t NewSession() override
     {
@@ -168,11 +171,13 @@ public:
         FakeCore::Record("IsExecutable(" + FakeCore::Quote(path) + ")");
         return executable;
     }
-    VexOs::LockResult TakeInstanceLock(const char* path) override
+    VexOs::LockResult TakeInstanceLock(const char* path, pid_t& holder) override
     {
         FakeCore::Record("TakeInstanceLock(" + FakeCore::Quote(path) + ")");
-        errno = EACCES;
-        return lock;
+        const bool isBesidePidFile = std::string(path ? path : "").rfind("/var/run/", 0) == 0;
+        errno = isBesidePidFile ? EACCES : ENOENT;
+        holder = strangerId;
+        return isBesidePidFile ? lock : workLock;
     }
     pid_t FindOtherWorker() override { return otherWorker; }
     void WaitForOtherWorker() override

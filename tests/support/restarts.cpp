@@ -72,8 +72,7 @@ public:
     pid_t OwnGroup() override { return m_real.OwnGroup(); }
     int ThreadCount() override { return m_real.ThreadCount(); }
     pid_t Fork() override { return m_real.Fork(); }
-    pid_t ForkFirstChild() override { return m_real.ForkFirstChild(); }
-    void WaitForStarter() override { m_real.WaitForStarter(); }
+    void WaitForEndOfParent(pid_t parent) override { m_real.WaitForEndOfParent(parent); }
     pid_t NewSession() override { return m_real.NewSession(); }
     void ChangeFolder(const char* path) override { m_real.ChangeFolder(path); }
     void StreamsToNull() override { m_real.StreamsToNull(); }
@@ -90,7 +89,10 @@ public:
     void RemoveFile(const char* path) override { m_real.RemoveFile(path); }
     void ReleaseInstanceLock() override { m_real.ReleaseInstanceLock(); }
     bool IsExecutable(const char* path) override { return m_real.IsExecutable(path); }
-    VexOs::LockResult TakeInstanceLock(const char* path) override { return m_real.TakeInstanceLock(path); }
+    VexOs::LockResult TakeInstanceLock(const char* path, pid_t& holder) override
+    {
+        return m_real.TakeInstanceLock(path, holder);
+    }
     pid_t FindOtherWorker() override { return m_real.FindOtherWorker(); }
     void WaitForOtherWorker() override { m_real.WaitForOtherWorker(); }
 

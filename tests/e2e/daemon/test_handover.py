@@ -7,10 +7,12 @@ import sys
 
 import pytest
 
-from agents import CAUGHT, ENDED, check_log, check_silent, life, records, stale, still_ending, uninterrupted
-from conftest import FULL, PARENT_DIES_ONCE, SANITIZED, SANITIZER, alive, send_signal, wait_until
+from agents import CAUGHT, ENDED, LIFE, check_log, check_silent, life, records, stale, still_ending, uninterrupted
+from conftest import (FULL, PARENT_DIES_ONCE, SANITIZED, SANITIZER, TRACED, alive, children, mount_tmpfs, send_signal, unmount,
+                      wait_until)
 
 pytestmark = pytest.mark.sandbox
+TRACEABLE = pytest.mark.skipif(SANITIZED, reason="a sanitizer opens and closes what it needs, and its thread is traced as well")
 CYCLES = 1000 if FULL and not SANITIZED else 20
 READERS = 2
 
@@ -141,3 +143,77 @@ def test_a_stop_while_a_start_waits_for_an_old_child_ends_it_at_once(tree):
     wait_until(lambda: not alive(child), what="end of the old child")
     assert life(tree) == ["init", "main", "shutdown", "end"]
     check_log(tree, CAUGHT, stale(supervisor), still_ending(child), stops=0)
+
+
+@PARENT_DIES_ONCE
+def test_a_start_without_a_run_folder_waits_for_an_old_child_too(tree):
+    tree.app("probe", LINGERING)
+    supervisor, child = tree.background(name="probe")
+    wait_until(lambda: "main" in life(tree), what="main")
+    send_signal(supervisor, signal.SIGKILL)
+    wait_until(lambda: not alive(supervisor) and "shutdown" in life(tree), what="shutdown")
+    unmount("/run")
+    mount_tmpfs("/run", b"ro")
+    check_silent(tree.run("--background", name="probe"))
+    wait_until(lambda: still_ending(child)[1] in tree.log("probe"), what="the line about the old child")
+    assert life(tree) == ["init", "main", "shutdown"]
+    unmount("/run")
+    mount_tmpfs("/run")
+    open("/run/go", "w").close()
+    wait_until(lambda: life(tree).count("main") == 2, what="the new child")
+    again, = [int(entry) for entry in os.listdir("/proc") if entry.isdigit() and agent_with_child(tree, int(entry))]
+    tree.stop(again)
+    assert life(tree) == ["init", "main", "shutdown", "end"] * 2
+
+
+def agent_with_child(tree, pid):
+    try:
+        return os.readlink(f"/proc/{pid}/exe").startswith(tree.path) and bool(children(pid))
+    except OSError:
+        return False
+
+
+# Starts an agent; what its processes do with descriptors goes to the file. The tracer ends with the last of them.
+def start_traced(tree, *inject):
+    command = ["strace", "-f", "-qq", "-o", tree.file("trace", ""), "-e", "trace=open,openat,close,fcntl,dup2,dup3,close_range", *inject,
+               os.path.join(tree.path, "probe"), "--background"]
+    tracer = subprocess.Popen(command, stdin=subprocess.DEVNULL, env=dict(os.environ, **TRACED))
+    tree._started.append(tracer)
+    return tracer, wait_until(lambda: tree.supervisor("probe"), what="pid file")
+
+
+@TRACEABLE
+def test_lock_files_are_opened_once_and_never_closed(tree):
+    """A process that closes any descriptor of them loses its locks."""
+    tree.app("probe", LIFE)
+    tracer, supervisor = start_traced(tree)
+    wait_until(lambda: "main" in life(tree), what="main")
+    tree.stop(supervisor)
+    tracer.wait()
+    with open(tree.file("trace")) as file:
+        lines = file.readlines()
+    opened = [line for line in lines if re.search(r"open(at)?\(.*probe\.pid\.lock", line)]
+    assert len(opened) == 2 and all(" O_RDWR|O_CREAT" in line for line in opened), opened
+    descriptors = {line.rsplit("= ", 1)[1].strip() for line in opened}
+    assert len(descriptors) == 2 and min(map(int, descriptors)) > 2
+    locked = [line for line in lines if "F_SETLK" in line and "fcntl(" in line]
+    assert {re.search(r"fcntl\((\d+)", line).group(1) for line in locked} >= descriptors
+    # From there on, in whatever process.
+    later = lines[lines.index(opened[-1]) + 1:]
+    assert not [line for line in later if re.search(rf"\b(close|dup2|dup3)\((\d+, )?({'|'.join(descriptors)})[,)]", line)
+                or ("close_range(" in line and "CLOEXEC" not in line)]
+
+
+@TRACEABLE
+@PARENT_DIES_ONCE
+def test_a_stop_before_the_child_has_its_lock_waits_for_it_and_leaves_no_child_that_runs_later(tree):
+    tree.app("probe", LIFE)
+    tracer, supervisor = start_traced(tree, "-e", "inject=fcntl:delay_enter=1500000:when=1")
+    child = wait_until(lambda: children(supervisor), what="child")[0]
+    send_signal(supervisor, signal.SIGTERM)
+    # The child's first look for its lock takes its time, and nobody can come in between.
+    check_silent(tree.run("--background", name="probe"), 1)
+    wait_until(lambda: not alive(supervisor) and not alive(child), what="the end of both")
+    tracer.wait()
+    assert life(tree) == ["init", "main", "shutdown"] and not os.path.exists("/var/run/probe.pid")
+    check_log(tree, ("ERROR", "/var/run/probe.pid present, exiting"), CAUGHT, ENDED)

@@ -135,7 +135,24 @@ def unwritable(reason):
 
 
 def unlockable(reason):
-    return ("WARNING", f"{PID_FILE}.lock can't be locked ({reason}), so a second start at the same moment would go unnoticed.")
+    return ("WARNING", f"{PID_FILE}.lock can't be locked ({reason}), so a second start at the same moment with another work folder "
+            "would go unnoticed.")
+
+
+def in_use(tree, pid):
+    return ("ERROR", f"The work folder {tree.work} is in use by another agent of this name (pid={pid}), exiting")
+
+
+def check_one_alone(tree, *said):
+    """The next start is refused although nothing beside the run folder tells of the first one, which stops in order."""
+    check_silent(tree.run("--background", name="probe"))
+    wait_until(lambda: "main" in life(tree), what="main")
+    supervisor, = parents(tree)
+    check_silent(tree.run("--background", name="probe"), 1)
+    assert parents(tree) == [supervisor] and life(tree) == ["init", "main"]
+    end_agents(tree)
+    assert life(tree) == ["init", "main", "shutdown"]
+    check_log(tree, *said, in_use(tree, supervisor), CAUGHT, ENDED)
 
 
 @pytest.mark.any_user
@@ -240,7 +257,18 @@ def test_a_folder_on_a_read_only_disk_is_told_and_the_agent_runs(tree):
 
 
 @pytest.mark.parametrize("tree", [pytest.param(ORDINARY_USER, id="ordinary user")], indirect=True)
-def test_a_folder_without_the_right_to_write_is_told_and_the_agent_runs(tree):
+def test_a_folder_without_the_right_to_write_is_told_and_one_agent_runs(tree):
     tree.app("probe", LIFE)
     os.chown("/run", 0, 0)
-    live_without_a_file(tree, unlockable("Permission denied"), unwritable("error 13: Permission denied"))
+    check_one_alone(tree, unlockable("Permission denied"), unwritable("error 13: Permission denied"))
+
+
+def test_fifty_starts_at_once_without_a_run_folder_leave_exactly_one_agent(tree):
+    tree.app("probe", LIFE)
+    unmount("/run")
+    mount_tmpfs("/run", b"ro")
+    assert sorted(start_many(tree, 50)) == [0] + [1] * 49
+    wait_until(lambda: life(tree) == ["init", "main"], what="one main")
+    assert len(parents(tree)) == 1 and len(agents(tree)) == 2
+    end_agents(tree)
+    assert life(tree) == ["init", "main", "shutdown"]

@@ -99,9 +99,11 @@ Lines operator+(Lines left, const Lines& right)
 TEST_F(BackgroundMode, StartsWhenThereIsNoPidFile)
 {
     EXPECT_EQ(RunToEnd().status, 0);
-    EXPECT_THAT(Journal(), ElementsAre("ReadPidFile(\"/var/run/vx_agent.pid\")",
-                                       "TakeInstanceLock(\"/var/run/vx_agent.pid.lock\")", "ResetSignals()",
-                                       "ForkFirstChild()", "PassTermOn(5000)", "Exit(0)"));
+    EXPECT_THAT(Journal(),
+                ElementsAre("ReadPidFile(\"/var/run/vx_agent.pid\")",
+                            "TakeInstanceLock(\"/var/run/vx_agent.pid.lock\")", "Dom.GetWxString(\"app.path.work\")",
+                            "TakeInstanceLock(\"/work folder/vx_agent.pid.lock\")", "ResetSignals()", "Fork()",
+                            "PassTermOn(5000)", "Exit(0)"));
 }
 
 TEST_F(BackgroundMode, NamesItsPidFileAfterTheApplication)
@@ -158,13 +160,43 @@ TEST_F(BackgroundMode, EndsAsForALiveInstanceWhenAnotherStartHasTheLock)
     EXPECT_TRUE(Journal({"Fork"}).empty());
 }
 
-TEST_F(BackgroundMode, StartsWithAWarningWhenTheLockCannotBeMade)
+TEST_F(BackgroundMode, EndsWhenAnotherAgentHasTheLockOfTheWorkFolder)
+{
+    for (const auto lock : {VexOs::LockResult::Taken, VexOs::LockResult::Unavailable}) {
+        FakeCore::ClearJournal();
+        m_system.lock = lock;
+        m_system.workLock = VexOs::LockResult::HeldByOther;
+        EXPECT_EQ(RunToEnd().status, 1);
+        EXPECT_THAT(LogLines(), ElementsAre("Log(Error, \"The work folder /work folder is in use by another agent of "
+                                            "this name (pid=77), exiting\")"));
+        EXPECT_TRUE(Journal({"Fork"}).empty());
+    }
+}
+
+TEST_F(BackgroundMode, StartsWithAWarningWhenTheLockBesideThePidFileCannotBeMade)
 {
     m_system.lock = VexOs::LockResult::Unavailable;
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_THAT(LogLines(),
                 ElementsAre("Log(Warning, \"/var/run/vx_agent.pid.lock can't be locked (Permission denied), so a "
+                            "second start at the same moment with another work folder would go unnoticed.\")"));
+}
+
+TEST_F(BackgroundMode, StartsWithAWarningWhenNeitherLockCanBeMade)
+{
+    m_system.lock = VexOs::LockResult::Unavailable;
+    m_system.workLock = VexOs::LockResult::Unavailable;
+    EXPECT_EQ(RunToEnd().status, 0);
+    EXPECT_THAT(LogLines(),
+                ElementsAre("Log(Warning, \"/var/run/vx_agent.pid.lock can't be locked (Permission denied), so a "
                             "second start at the same moment would go unnoticed.\")"));
+}
+
+TEST_F(BackgroundMode, AWorkFolderThatCannotBeLockedTellsOfItself)
+{
+    m_system.workLock = VexOs::LockResult::Unavailable;
+    EXPECT_EQ(RunToEnd().status, 0);
+    EXPECT_EQ(LogLines(), Lines{});
 }
 
 // --- detach
@@ -183,9 +215,10 @@ TEST_F(BackgroundMode, TheFirstChildMakesASessionAndEnds)
     m_system.forks = {0, 300};
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_THAT(
-        Journal({"Fork", "NewSession", "Dom.", "ChangeFolder", "WaitForStarter", "PassTermOn", "Exit", "WritePidFile"}),
-        ElementsAre("ForkFirstChild()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
-                    "ChangeFolder(\"/work folder\")", "WaitForStarter()", "Fork()", "PassTermOn(300)", "Exit(0)"));
+        Journal({"Fork", "NewSession", "Dom.", "ChangeFolder", "WaitForEnd", "PassTermOn", "Exit", "WritePidFile"}),
+        ElementsAre("Dom.GetWxString(\"app.path.work\")", "Fork()", "NewSession()",
+                    "Dom.GetWxString(\"app.path.work\")", "ChangeFolder(\"/work folder\")", "WaitForEndOfParent(4242)",
+                    "Fork()", "PassTermOn(300)", "Exit(0)"));
 }
 
 TEST_F(BackgroundMode, AStopOfTheStartingProcessGoesOnToItsChild)
@@ -223,16 +256,20 @@ TEST_F(BackgroundMode, FailsWhenTheSecondForkFails)
     EXPECT_TRUE(Journal({"RemoveFile", "WritePidFile"}).empty());
 }
 
-TEST_F(BackgroundMode, TheSupervisorLetsItsStreamsGoBeforeItWritesThePidFile)
+// A service manager that finds the file takes a supervisor with a living parent for a stranger, which it kills.
+TEST_F(BackgroundMode, TheSupervisorLetsItsStreamsGoAndOutlivesItsParentBeforeItWritesThePidFile)
 {
     DetachToSupervisor();
+    // The two that wait are other processes than their parents.
+    m_system.onFork = [this] { ++m_system.self; };
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);
     EXPECT_THAT(Journal(),
                 ElementsAreArray(
                     Lines{"ReadPidFile(\"/var/run/vx_agent.pid\")", "TakeInstanceLock(\"/var/run/vx_agent.pid.lock\")",
-                          "ResetSignals()", "ForkFirstChild()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
-                          "ChangeFolder(\"/work folder\")", "WaitForStarter()", "Fork()", "StreamsToNull()",
+                          "Dom.GetWxString(\"app.path.work\")", "TakeInstanceLock(\"/work folder/vx_agent.pid.lock\")",
+                          "ResetSignals()", "Fork()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
+                          "ChangeFolder(\"/work folder\")", "WaitForEndOfParent(4242)", "Fork()", "StreamsToNull()",
                           "TightenFileMode()", "WritePidFile(\"/var/run/vx_agent.pid\")"}
                     + StartLines(0) + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"}
                     + GoneLines()));
@@ -707,10 +744,21 @@ TEST_F(BackgroundMode, AStopWhileItWaitsForAnEarlierStartsChildEndsAtOnceWithZer
     EXPECT_EQ(Journal({"RemoveFile"}).size(), 1u);
 }
 
+TEST_F(BackgroundMode, TheLockOfTheWorkFolderAloneFindsAnEarlierStartsChild)
+{
+    DetachToSupervisor();
+    m_system.lock = VexOs::LockResult::Unavailable;
+    m_system.otherWorker = 811;
+    m_system.ChildEnds(0);
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(Count("WaitForOtherWorker()"), 1u);
+}
+
 TEST_F(BackgroundMode, WithoutALockItDoesNotLookForAnEarlierStartsChild)
 {
     DetachToSupervisor();
     m_system.lock = VexOs::LockResult::Unavailable;
+    m_system.workLock = VexOs::LockResult::Unavailable;
     m_system.otherWorker = 811;
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);

@@ -3,8 +3,8 @@
 
 #include "vex/apps/vex/os/process.h"
 
+#include "support/forked_process.h"
 #include "support/joining_thread.h"
-#include "support/temp_folder.h"
 
 #include <cerrno>
 #include <chrono>
@@ -20,178 +20,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-using VexOs::LockResult;
 using VexOs::System;
 
-namespace {
-// Runs `body` in a process of its own and returns its result (0 to 255).
-int InChild(const std::function<int()>& body)
-{
-    const pid_t child = ::fork();
-    if (child == 0)
-        ::_exit(body());
-    int status = 0;
-    if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
-}
-
-class Pipe
-{
-public:
-    Pipe()
-    {
-        if (::pipe(m_ends) != 0)
-            throw std::runtime_error("pipe");
-    }
-    ~Pipe()
-    {
-        CloseEnd(0);
-        CloseEnd(1);
-    }
-    void CloseEnd(int index)
-    {
-        if (m_ends[index] >= 0)
-            ::close(m_ends[index]);
-        m_ends[index] = -1;
-    }
-    void Write(char byte) { EXPECT_EQ(::write(m_ends[1], &byte, 1), 1); }
-    // 0 at the end of the pipe.
-    char Read()
-    {
-        char byte = 0;
-        return ::read(m_ends[0], &byte, 1) == 1 ? byte : '\0';
-    }
-
-private:
-    int m_ends[2];
-};
-
-} // namespace
-
-TEST(ProcessSystem, TheInstanceLockIsHadOnceUntilItIsReleased)
-{
-    ::Test::TempFolder folder;
-    const std::string path = folder / "a.pid.lock";
-    EXPECT_EQ(InChild([&] {
-                  if (System().TakeInstanceLock(path.c_str()) != LockResult::Taken)
-                      return 1;
-                  // Another open of the file stands for another process.
-                  if (System().TakeInstanceLock(path.c_str()) != LockResult::HeldByOther)
-                      return 2;
-                  System().ReleaseInstanceLock();
-                  return System().TakeInstanceLock(path.c_str()) == LockResult::Taken ? 0 : 3;
-              }),
-              0);
-}
-
-TEST(ProcessSystem, TheInstanceLockSurvivesTheForksOfTheDetach)
-{
-    ::Test::TempFolder folder;
-    const std::string path = folder / "a.pid.lock";
-    Pipe go;
-    const pid_t holder = ::fork();
-    if (holder == 0) {
-        go.CloseEnd(1);
-        const bool taken = System().TakeInstanceLock(path.c_str()) == LockResult::Taken;
-        if (!taken || System().Fork() > 0)
-            ::_exit(taken ? 0 : 1); // the parent ends, the child keeps the lock
-        go.Read();
-        ::_exit(0);
-    }
-    int status = -1;
-    ASSERT_EQ(::waitpid(holder, &status, 0), holder);
-    ASSERT_EQ(status, 0);
-    EXPECT_EQ(InChild([&] { return System().TakeInstanceLock(path.c_str()) == LockResult::HeldByOther ? 0 : 1; }), 0);
-    go.CloseEnd(1);
-    // It goes with the last process that has it.
-    int free = 1;
-    for (int i = 0; i < 500 && free != 0; ++i) {
-        ::usleep(10000);
-        free = InChild([&] { return System().TakeInstanceLock(path.c_str()) == LockResult::Taken ? 0 : 1; });
-    }
-    EXPECT_EQ(free, 0);
-}
-
-TEST(ProcessSystem, TheInstanceLockIsGivenUpForTheProcessesOfTheDetachToo)
-{
-    ::Test::TempFolder folder;
-    const std::string path = folder / "a.pid.lock";
-    EXPECT_EQ(InChild([&] {
-                  if (System().TakeInstanceLock(path.c_str()) != LockResult::Taken)
-                      return 1;
-                  Pipe go;
-                  const pid_t lingering = System().Fork();
-                  if (lingering == 0) {
-                      go.CloseEnd(1);
-                      go.Read();
-                      ::_exit(0);
-                  }
-                  System().ReleaseInstanceLock();
-                  const LockResult again = System().TakeInstanceLock(path.c_str());
-                  go.CloseEnd(1);
-                  ::waitpid(lingering, nullptr, 0);
-                  return again == LockResult::Taken ? 0 : 2;
-              }),
-              0);
-}
-
-TEST(ProcessSystem, TheLockFileIsTheOwnersAloneAndStays)
-{
-    ::Test::TempFolder folder;
-    const std::string path = folder / "a.pid.lock";
-    EXPECT_EQ(InChild([&] { return System().TakeInstanceLock(path.c_str()) == LockResult::Taken ? 0 : 1; }), 0);
-    struct stat info;
-    ASSERT_EQ(::stat(path.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0600u);
-    EXPECT_EQ(info.st_size, 0);
-}
-
-TEST(ProcessSystem, WhatIsNoPlainFileCannotBeLocked)
-{
-    ::Test::TempFolder folder;
-    ASSERT_EQ(::mkdir((folder / "folder").c_str(), 0700), 0);
-    ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
-    ASSERT_EQ(::symlink("elsewhere", (folder / "link").c_str()), 0);
-    for (const char* name : {"folder", "fifo", "link", "no/such/folder"})
-        EXPECT_EQ(System().TakeInstanceLock((folder / name).c_str()), LockResult::Unavailable) << name;
-    EXPECT_EQ(System().TakeInstanceLock(nullptr), LockResult::Unavailable);
-    EXPECT_FALSE(std::filesystem::exists(folder / "elsewhere"));
-}
-
-TEST(ProcessSystem, AWorkerHoldsItsLockFromItsFirstMomentToItsEndAndLeavesTheInstanceLock)
-{
-    ::Test::TempFolder folder;
-    const std::string path = folder / "a.pid.lock";
-    EXPECT_EQ(InChild([&] {
-                  if (System().TakeInstanceLock(path.c_str()) != LockResult::Taken || System().FindOtherWorker() != 0)
-                      return 1;
-                  Pipe ready;
-                  Pipe go;
-                  const pid_t worker = System().ForkWorker();
-                  if (worker == 0) {
-                      go.CloseEnd(1);
-                      ready.Write('r');
-                      go.Read();
-                      ::_exit(0);
-                  }
-                  ready.Read();
-                  if (System().FindOtherWorker() != worker)
-                      return 2;
-                  if (System().TakeInstanceLock(path.c_str()) != LockResult::HeldByOther)
-                      return 6; // the worker took it along
-                  // The supervisor gives its lock up: the worker must not keep it.
-                  System().ReleaseInstanceLock();
-                  if (System().TakeInstanceLock(path.c_str()) != LockResult::Taken)
-                      return 3;
-                  go.CloseEnd(1);
-                  System().WaitForOtherWorker();
-                  if (System().FindOtherWorker() != 0)
-                      return 4;
-                  return ::waitpid(worker, nullptr, 0) == worker ? 0 : 5;
-              }),
-              0);
-}
+using ::Test::InChild;
+using ::Test::Pipe;
 
 TEST(ProcessSystem, AWorkerWhoseSupervisorEndsGetsASigterm)
 {
@@ -226,18 +58,20 @@ TEST(ProcessSystem, AWorkerWhoseSupervisorIsGoneAlreadyIsToldSo)
               0);
 }
 
-TEST(ProcessSystem, TheFirstChildWaitsForTheEndOfTheStartingProcess)
+TEST(ProcessSystem, AChildWaitsForTheEndOfItsParent)
 {
     Pipe go;
     Pipe told;
     const pid_t starter = ::fork();
     if (starter == 0) {
-        if (System().ForkFirstChild() == 0) {
+        const pid_t parent = ::getpid();
+        if (System().Fork() == 0) {
             go.CloseEnd(1);
             told.Write('r');
-            System().WaitForStarter();
-            System().WaitForStarter(); // nobody is there any more
-            told.Write('c');
+            System().WaitForEndOfParent(parent);
+            told.Write(::getppid() == parent ? 'p' : 'c');
+            System().WaitForEndOfParent(parent); // it is gone already
+            told.Write('e');
             ::_exit(0);
         }
         go.CloseEnd(1);
@@ -250,7 +84,18 @@ TEST(ProcessSystem, TheFirstChildWaitsForTheEndOfTheStartingProcess)
     go.CloseEnd(1);
     EXPECT_EQ(told.Read(), 's');
     EXPECT_EQ(told.Read(), 'c');
+    EXPECT_EQ(told.Read(), 'e');
     ::waitpid(starter, nullptr, 0);
+}
+
+TEST(ProcessSystem, AParentThatDoesNotEndIsWaitedForForSomeSeconds)
+{
+    using namespace std::chrono;
+    const auto begin = steady_clock::now();
+    System().WaitForEndOfParent(::getppid());
+    const auto waited = steady_clock::now() - begin;
+    EXPECT_GE(waited, seconds(5));
+    EXPECT_LT(waited, seconds(30));
 }
 
 TEST(ProcessSystem, APendingSigtermIsPassedOnUnlessItCameFromThere)

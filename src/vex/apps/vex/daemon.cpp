@@ -10,9 +10,10 @@
 // taken its pid file away gives up the lock with it, and touches neither again.
 //
 // SIGTERM is blocked from before the first fork until pass_signal is in place, and around every later fork, so that a
-// stop meets either pass_signal or a child that keeps it pending until its run sequence takes it. The two starting
-// processes pass one that is pending with them on to the next: who starts the agent knows the first one's pid only, and
-// may think better of it.
+// stop meets either pass_signal or a child that keeps it pending until its run sequence takes it. A fork of a child is
+// over when the child has the worker lock: a stop before that would give up the instance lock, and the next start find
+// nobody. The two starting processes pass one that is pending with them on to the next: who starts the agent knows the
+// first one's pid only, and may think better of it.
 
 #include "vex/apps/vex/daemon.h"
 
@@ -94,7 +95,7 @@ void TakeStop(const siginfo_t* information)
 } // namespace
 
 // SIGTERM in the supervisor. Beyond g_stop it makes these system calls, all of them safe here: getpid, getpgrp, unlink,
-// flock and close (of the lock), kill, _exit.
+// fcntl (of the locks), kill, _exit.
 extern "C" void pass_signal(int, siginfo_t* information, void*)
 {
     const VexOs::KeepError keep;
@@ -141,21 +142,32 @@ void Daemon::Refuse()
 
 // Between the check above and the pid file others may start as well: one of them gets the lock, the others end as they
 // would have a moment later.
+//
+// There is a lock in the work folder as well: without a run folder that can be written there is neither the other lock
+// nor a pid file, and two agents must not work in one folder all the same.
 void Daemon::TakeLock()
 {
+    using VexOs::LockResult;
     const wxString path = m_pidFile + ".lock";
-    switch (m_system.TakeInstanceLock(path.mb_str(wxConvLibc))) {
-    case VexOs::LockResult::Taken:
-        m_locked = true;
-        break;
-    case VexOs::LockResult::HeldByOther:
+    pid_t holder = 0;
+    const LockResult beside = m_system.TakeInstanceLock(path.mb_str(wxConvLibc), holder);
+    const int error = VexOs::LastError();
+    if (beside == LockResult::HeldByOther)
         Refuse();
-        break;
-    case VexOs::LockResult::Unavailable:
-        wxLogWarning("%s can't be locked (%s), so a second start at the same moment would go unnoticed.", path,
-                     wxSysErrorMsg());
-        break;
+
+    const wxString work = m_dom->GetWxString("app.path.work");
+    const wxString inside = work + '/' + path.AfterLast('/');
+    const LockResult within = m_system.TakeInstanceLock(inside.mb_str(wxConvLibc), holder);
+    if (within == LockResult::HeldByOther) {
+        wxLogError("The work folder %s is in use by another agent of this name (pid=%d), exiting", work,
+                   static_cast<int>(holder));
+        m_system.Exit(1);
     }
+    m_locked = beside == LockResult::Taken || within == LockResult::Taken;
+    // A work folder that cannot be written tells of itself.
+    if (beside == LockResult::Unavailable)
+        wxLogWarning("%s can't be locked (%s), so a second start at the same moment%s would go unnoticed.", path,
+                     wxSysErrorMsg(error), m_locked ? " with another work folder" : "");
 }
 
 // --- detach
@@ -164,7 +176,8 @@ std::optional<int> Daemon::Detach()
 {
     AssertSingleThread();
     m_system.ResetSignals();
-    pid_t pid = m_system.ForkFirstChild();
+    const pid_t starter = m_system.OwnId();
+    pid_t pid = m_system.Fork();
     if (pid < 0) {
         wxLogSysError("Unable to fork");
         return -1;
@@ -179,7 +192,7 @@ std::optional<int> Daemon::Detach()
     const wxCharBuffer folder = work.mb_str(wxConvLibc);
     m_system.ChangeFolder(folder.data() ? folder.data() : "");
     // What it passes on must find this process here.
-    m_system.WaitForStarter();
+    m_system.WaitForEndOfParent(starter);
     pid = m_system.Fork();
     if (pid < 0) {
         wxLogSysError("Unable to do 2nd fork");

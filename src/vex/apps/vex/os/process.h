@@ -2,6 +2,8 @@
 // The doorway to the system calls by which the launcher makes, watches and ends processes. Tests put another object
 // behind it, so that the supervisor is tested without a fork.
 
+#include "vex/apps/vex/os/agent_locks.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -14,13 +16,6 @@ typedef void (*VexSignalAction)(int, siginfo_t*, void*);
 }
 
 namespace VexOs {
-
-/// What came of an attempt at the lock that admits one supervisor.
-enum class LockResult {
-    Taken,
-    HeldByOther,
-    Unavailable, ///< the file cannot be made or locked; error.h says why
-};
 
 /// One process is behind it, so there is one object. Main thread; the calls under "from a signal handler" are safe
 /// there. Calls that fail leave the reason in error.h.
@@ -41,14 +36,14 @@ public:
 
     // --- making processes
     /// 0 in the child, the child's id in the parent, -1 on failure. What standard output holds is written out first,
-    /// so that it is not written twice.
+    /// so that it is not written twice. The child takes over the instance lock, which the parent has given up then. A
+    /// child that finds it with somebody else ends before it does anything.
     virtual pid_t Fork() = 0;
-    /// The same for the first child of a start, which can tell that this process has ended.
-    virtual pid_t ForkFirstChild() = 0;
-    /// In that child: waits for the end of the process that forked it, for a few seconds at most.
-    virtual void WaitForStarter() = 0;
-    /// A fork of the working child, which in addition holds the worker lock and gets a SIGTERM when this process ends.
-    /// A child whose parent is gone already ends before it does anything.
+    /// In a process that `parent` has forked: waits until that one has ended, for a few seconds at most.
+    virtual void WaitForEndOfParent(pid_t parent) = 0;
+    /// A fork of the working child, which has the worker lock and gets a SIGTERM when this process ends. It comes back
+    /// when the child has the lock or is gone. A child whose parent is gone already or has given up the instance lock
+    /// ends before it does anything.
     virtual pid_t ForkWorker() = 0;
     /// Becomes leader of a new session and group; the group's id, -1 on failure. SIGHUP is again what it was before
     /// `ResetSignals`.
@@ -89,7 +84,6 @@ public:
     virtual void SignalProcess(pid_t process, int signal) = 0;
     /// A file that is not there is no failure, and others go unsaid.
     virtual void RemoveFile(const char* path) = 0;
-    /// For all processes that have it.
     virtual void ReleaseInstanceLock() = 0;
     /// Ends the process as it stands.
     [[noreturn]] void ExitNow(int status)
@@ -100,10 +94,10 @@ public:
 
     // --- files
     virtual bool IsExecutable(const char* path) = 0;
-    /// Takes the lock in the file at `path`, which is made and stays. It is kept across `Fork`, and given up by a
-    /// working child, by `ReleaseInstanceLock`, and with the last process that has it.
-    virtual LockResult TakeInstanceLock(const char* path) = 0;
-    /// The working child of another supervisor under the same lock file that has not ended yet; 0 when there is none.
+    /// Takes the lock in the file at `path`, which is made and stays; for two files at most. It goes on to the child of
+    /// a `Fork`, and ends with `ReleaseInstanceLock` and with the process. `holder`: see agent_locks.h.
+    virtual LockResult TakeInstanceLock(const char* path, pid_t& holder) = 0;
+    /// The working child of another supervisor under one of these files that has not ended yet; 0 when there is none.
     /// The id may be -1 when the process is out of sight.
     virtual pid_t FindOtherWorker() = 0;
     /// Waits until there is none. Signals are taken meanwhile.

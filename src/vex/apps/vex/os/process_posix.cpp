@@ -7,6 +7,7 @@
 #include "vex/apps/vex/os/error.h"
 #include "vex/core/sendsignal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -14,7 +15,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -38,42 +38,21 @@ void SetDefault(int signal)
     ::sigaction(signal, &action, nullptr);
 }
 
-// A lock over the whole file. `command` is F_SETLK, F_SETLKW or F_GETLK.
-int RecordLock(int descriptor, int command, short type, struct flock& lock)
+// Waits until the other ends of the pipe are closed. Bounded, should somebody have stopped the process that has them.
+void WaitForEndOfPipe(int descriptor)
 {
-    lock = {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    int result = 0;
-    do {
-        result = ::fcntl(descriptor, command, &lock);
-    } while (result == -1 && LastError() == EINTR);
-    return result;
+    constexpr long limitMs = 10000;
+    const auto nowMs = [] {
+        timespec now = {};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        return now.tv_sec * 1000L + now.tv_nsec / 1000000;
+    };
+    struct pollfd wait = {descriptor, POLLIN, 0};
+    for (const long end = nowMs() + limitMs; nowMs() < end;)
+        if (::poll(&wait, 1, static_cast<int>(std::max(end - nowMs(), 0L))) >= 0 || LastError() != EINTR)
+            return;
 }
 
-int OpenLockFile(const char* path)
-{
-    if (!path) { // a name that the character set cannot hold
-        SetLastError(EINVAL);
-        return -1;
-    }
-    // Readable to its owner alone: who can open a file can lock it. Not blocking, should there be a FIFO.
-    const int descriptor = ::open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
-    if (descriptor < 0)
-        return -1;
-    struct stat info;
-    if (::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode)) {
-        ::close(descriptor);
-        SetLastError(EINVAL);
-        return -1;
-    }
-    return descriptor;
-}
-
-// Two locks in one file. The instance lock belongs to the open file (flock), so that it survives the forks of the
-// detach; each working child closes it. The worker lock belongs to the process (fcntl), so that a child holds it from
-// its first moment to its end, whatever it forks; that kind is lost when a process closes any descriptor of the file,
-// hence the order below.
 class PosixSystemCalls : public SystemCalls
 {
 public:
@@ -91,56 +70,41 @@ public:
 
     pid_t Fork() override
     {
-        std::fflush(stdout);
-        std::fflush(stderr);
-        return ::fork();
+        const pid_t child = ForkUntil([this] {
+            if (!m_locks.InheritInstance())
+                ::_exit(0);
+        });
+        // Not left to the end of this process, which may have to wait for its turn.
+        if (child > 0)
+            m_locks.ReleaseInstance();
+        return child;
     }
 
-    pid_t ForkFirstChild() override
+    void WaitForEndOfParent(pid_t parent) override
     {
-        int ends[2];
-        const bool followed = ::pipe(ends) == 0;
-        const pid_t child = Fork();
-        if (!followed)
-            return child;
-        if (child != 0) {
-            // Nothing is ever written: the other end closes with this process.
-            ::close(ends[0]);
-            return child;
+        // Looks again and again: what a process holds open closes before its children get another parent. The ends that
+        // are waited for take a millisecond or two. One that its terminal has stopped, say, must not keep the agent
+        // from starting for ever.
+        constexpr long limitMs = 5000;
+        constexpr long longestSleepMs = 64;
+        long sleepMs = 1;
+        for (long waitedMs = 0; ::getppid() == parent && waitedMs < limitMs; waitedMs += sleepMs) {
+            sleepMs = std::min(2 * sleepMs, longestSleepMs);
+            SleepMs(sleepMs);
         }
-        ::close(ends[1]);
-        m_starterEnd = ends[0];
-        return 0;
-    }
-
-    void WaitForStarter() override
-    {
-        if (m_starterEnd < 0)
-            return;
-        // One that its terminal has stopped, say, must not keep the agent from starting for ever.
-        constexpr int limitMs = 5000;
-        struct pollfd wait = {m_starterEnd, POLLIN, 0};
-        ::poll(&wait, 1, limitMs);
-        ::close(m_starterEnd);
-        m_starterEnd = -1;
     }
 
     pid_t ForkWorker() override
     {
         PrepareToBeFollowed();
         const pid_t parent = OwnId();
-        const pid_t child = Fork();
-        if (child != 0)
-            return child;
-        CloseInstanceLock();
-        if (m_workerLock >= 0) {
+        return ForkUntil([this, parent] {
             // May have to wait for a child that finds itself without a parent below.
-            struct flock lock;
-            RecordLock(m_workerLock, F_SETLKW, F_WRLCK, lock);
-        }
-        if (!FollowParent(parent))
-            ::_exit(0);
-        return 0;
+            m_locks.TakeWorker();
+            // Too late: a supervisor that has been stopped has let others in.
+            if (!FollowParent(parent) || !m_locks.InstanceIsHeldBy(parent))
+                ::_exit(0);
+        });
     }
 
     pid_t NewSession() override
@@ -223,65 +187,41 @@ public:
     void SignalProcess(pid_t process, int signal) override { VexCore::SendSignal(process, signal); }
     void RemoveFile(const char* path) override { ::unlink(path); }
 
-    void ReleaseInstanceLock() override
-    {
-        // To close it would not do while the first child is still about to end: the file is open there too.
-        if (m_instanceLock >= 0)
-            ::flock(m_instanceLock, LOCK_UN);
-        CloseInstanceLock();
-    }
+    void ReleaseInstanceLock() override { m_locks.ReleaseInstance(); }
 
     bool IsExecutable(const char* path) override { return ::access(path, X_OK) == 0; }
 
-    LockResult TakeInstanceLock(const char* path) override
-    {
-        const int instance = OpenLockFile(path);
-        if (instance < 0)
-            return LockResult::Unavailable;
-        if (::flock(instance, LOCK_EX | LOCK_NB) != 0) {
-            const LockResult answer = LastError() == EWOULDBLOCK ? LockResult::HeldByOther : LockResult::Unavailable;
-            const KeepError keep;
-            ::close(instance);
-            return answer;
-        }
-        m_instanceLock = instance;
-        m_workerLock = OpenLockFile(path);
-        return LockResult::Taken;
-    }
-
-    pid_t FindOtherWorker() override
-    {
-        struct flock lock;
-        if (m_workerLock < 0 || RecordLock(m_workerLock, F_GETLK, F_WRLCK, lock) != 0 || lock.l_type == F_UNLCK)
-            return 0;
-        return lock.l_pid > 0 ? lock.l_pid : -1;
-    }
-
-    void WaitForOtherWorker() override
-    {
-        if (m_workerLock < 0)
-            return;
-        struct flock lock;
-        RecordLock(m_workerLock, F_SETLKW, F_WRLCK, lock);
-        RecordLock(m_workerLock, F_SETLK, F_UNLCK, lock);
-    }
+    LockResult TakeInstanceLock(const char* path, pid_t& holder) override { return m_locks.TakeInstance(path, holder); }
+    pid_t FindOtherWorker() override { return m_locks.FindOtherWorker(); }
+    void WaitForOtherWorker() override { m_locks.WaitForOtherWorker(); }
 
 private:
-    // Leaves the lock with the other processes that have the file open.
-    void CloseInstanceLock()
+    // Forks, and in the parent waits until `prepare` has come back in the child, or the child is gone: its end of a
+    // pipe, into which nobody ever writes, closes with either.
+    template <class Prepare>
+    static pid_t ForkUntil(Prepare prepare)
     {
-        if (m_instanceLock < 0)
-            return;
-        ::close(m_instanceLock);
-        m_instanceLock = -1;
+        int ends[2];
+        const bool followed = ::pipe(ends) == 0;
+        std::fflush(stdout);
+        std::fflush(stderr);
+        const pid_t child = ::fork();
+        const KeepError keep;
+        if (child == 0)
+            prepare();
+        if (followed) {
+            ::close(ends[1]);
+            if (child > 0)
+                WaitForEndOfPipe(ends[0]);
+            ::close(ends[0]);
+        }
+        return child;
     }
 
     void DoExit(int status) override { std::exit(status); }
     void DoExitNow(int status) override { ::_exit(status); }
 
-    volatile int m_instanceLock = -1; // a signal handler closes it
-    int m_workerLock = -1;
-    int m_starterEnd = -1; // of a pipe whose other end is the starting process's
+    AgentLocks m_locks;
     struct sigaction m_hangup = {}; // the starter's, while it is ignored
 };
 

@@ -1,0 +1,392 @@
+// The locks of supervisor and child between real processes, through the doorway that the supervisor uses. A process
+// sees its own locks as free, so who is to find them taken is always another one.
+
+#include "vex/apps/vex/os/process.h"
+
+#include "support/forked_process.h"
+#include "support/temp_folder.h"
+
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using VexOs::LockResult;
+using VexOs::System;
+
+using ::Test::InChild;
+using ::Test::Pipe;
+
+namespace {
+LockResult Take(const std::string& path)
+{
+    pid_t holder = 0;
+    return System().TakeInstanceLock(path.c_str(), holder);
+}
+
+// The same by another process, which ends at once.
+LockResult TakeElsewhere(const std::string& path)
+{
+    return static_cast<LockResult>(InChild([&] {
+        VexOs::AgentLocks locks;
+        pid_t holder = 0;
+        return static_cast<int>(locks.TakeInstance(path.c_str(), holder));
+    }));
+}
+
+// A lock that is not the doorway's, on bytes of the file.
+bool LockBytes(int file, int command, short type, off_t start, off_t length)
+{
+    struct flock lock = {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = start;
+    lock.l_len = length;
+    return ::fcntl(file, command, &lock) == 0;
+}
+
+class AgentLocks : public testing::Test
+{
+protected:
+    ::Test::TempFolder m_folder;
+    const std::string m_path = m_folder / "a.pid.lock";
+};
+
+} // namespace
+
+// --- the instance lock
+
+TEST_F(AgentLocks, TheInstanceLockIsHadOnceUntilItIsReleased)
+{
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken)
+                      return 1;
+                  if (TakeElsewhere(m_path) != LockResult::HeldByOther)
+                      return 2;
+                  System().ReleaseInstanceLock();
+                  return TakeElsewhere(m_path) == LockResult::Taken ? 0 : 3;
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, WhoIsRefusedLearnsWhoHasIt)
+{
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken)
+                      return 1;
+                  const pid_t self = ::getpid();
+                  return InChild([&] {
+                      VexOs::AgentLocks locks;
+                      pid_t holder = 0;
+                      locks.TakeInstance(m_path.c_str(), holder);
+                      return holder == self ? 0 : 2;
+                  });
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, TheInstanceLockSurvivesTheForksOfTheDetachWithoutAGap)
+{
+    for (int i = 0; i < 20; ++i) {
+        const std::string path = m_folder / std::to_string(i);
+        Pipe ready;
+        Pipe detached;
+        Pipe tried;
+        const pid_t newcomer = ::fork();
+        if (newcomer == 0) {
+            detached.CloseEnd(1);
+            const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
+            ready.Read();
+            detached.SetNonBlocking();
+            bool got = false;
+            while (!got && !detached.Ended())
+                got = LockBytes(file, F_SETLK, F_WRLCK, 0, 3);
+            ::_exit(got ? 1 : 0);
+        }
+        const pid_t starter = ::fork();
+        if (starter == 0) {
+            if (Take(path) != LockResult::Taken)
+                ::_exit(1);
+            tried.CloseEnd(1);
+            ready.Write('r');
+            if (System().Fork() > 0 || System().Fork() > 0)
+                ::_exit(0);
+            detached.CloseEnd(1);
+            tried.Read(); // until the newcomer is gone
+            ::_exit(0);
+        }
+        detached.CloseEnd(1);
+        tried.CloseEnd(1);
+        int status = -1;
+        ASSERT_EQ(::waitpid(starter, &status, 0), starter);
+        ASSERT_EQ(status, 0);
+        ASSERT_EQ(::waitpid(newcomer, &status, 0), newcomer);
+        ASSERT_EQ(status, 0) << "somebody else had it in between";
+    }
+}
+
+TEST_F(AgentLocks, AParentHasNoPartInTheInstanceLockOnceItsChildHasIt)
+{
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken)
+                      return 1;
+                  Pipe go;
+                  const pid_t heir = System().Fork();
+                  if (heir == 0) {
+                      go.CloseEnd(1);
+                      go.Read();
+                      System().ReleaseInstanceLock();
+                      ::_exit(TakeElsewhere(m_path) == LockResult::Taken ? 0 : 1);
+                  }
+                  if (TakeElsewhere(m_path) != LockResult::HeldByOther)
+                      return 2;
+                  go.CloseEnd(1);
+                  int status = -1;
+                  ::waitpid(heir, &status, 0);
+                  return status == 0 ? 0 : 3;
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, AChildThatFindsTheInstanceLockWithSomebodyElseEnds)
+{
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken)
+                      return 1;
+                  System().ReleaseInstanceLock();
+                  Pipe ready;
+                  Pipe go;
+                  const pid_t other = ::fork();
+                  if (other == 0) {
+                      go.CloseEnd(1);
+                      const int file = ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+                      ready.Write(LockBytes(file, F_SETLK, F_WRLCK, 0, 3) ? 'y' : 'n');
+                      go.Read();
+                      ::_exit(0);
+                  }
+                  if (ready.Read() != 'y')
+                      return 2;
+                  const pid_t heir = System().Fork();
+                  if (heir == 0)
+                      ::_exit(9); // goes on
+                  go.CloseEnd(1);
+                  int status = -1;
+                  ::waitpid(heir, &status, 0);
+                  ::waitpid(other, nullptr, 0);
+                  return status == 0 ? 0 : 3;
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, BothFilesAreLocked)
+{
+    const std::string second = m_folder / "b.pid.lock";
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken || Take(second) != LockResult::Taken)
+                      return 1;
+                  Pipe go;
+                  const pid_t heir = System().Fork();
+                  if (heir == 0) {
+                      go.CloseEnd(1);
+                      go.Read();
+                      for (const std::string& path : {m_path, second})
+                          if (TakeElsewhere(path) != LockResult::HeldByOther)
+                              ::_exit(1);
+                      System().ReleaseInstanceLock();
+                      for (const std::string& path : {m_path, second})
+                          if (TakeElsewhere(path) != LockResult::Taken)
+                              ::_exit(2);
+                      ::_exit(0);
+                  }
+                  go.CloseEnd(1);
+                  int status = -1;
+                  ::waitpid(heir, &status, 0);
+                  return status == 0 ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, OneFileUnderTwoNamesIsAsGoodAsOne)
+{
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken || Take(m_folder / "./a.pid.lock") != LockResult::Taken)
+                      return 1;
+                  return TakeElsewhere(m_path) == LockResult::HeldByOther ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, ALockSurvivesThatTheStandardStreamsAreOpenedAnew)
+{
+    EXPECT_EQ(InChild([&] {
+                  for (const int descriptor : {0, 1, 2})
+                      ::close(descriptor);
+                  if (Take(m_path) != LockResult::Taken)
+                      return 1;
+                  System().StreamsToNull();
+                  return TakeElsewhere(m_path) == LockResult::HeldByOther ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, TheFileIsTheOwnersAloneAndStays)
+{
+    EXPECT_EQ(TakeElsewhere(m_path), LockResult::Taken);
+    struct stat info;
+    ASSERT_EQ(::stat(m_path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    EXPECT_EQ(info.st_size, 0);
+}
+
+TEST_F(AgentLocks, WhatIsNoPlainFileCannotBeLocked)
+{
+    ASSERT_EQ(::mkdir((m_folder / "folder").c_str(), 0700), 0);
+    ASSERT_EQ(::mkfifo((m_folder / "fifo").c_str(), 0600), 0);
+    ASSERT_EQ(::symlink("elsewhere", (m_folder / "link").c_str()), 0);
+    for (const char* name : {"folder", "fifo", "link", "no/such/folder"})
+        EXPECT_EQ(Take(m_folder / name), LockResult::Unavailable) << name;
+    pid_t holder = 0;
+    EXPECT_EQ(System().TakeInstanceLock(nullptr, holder), LockResult::Unavailable);
+    EXPECT_FALSE(std::filesystem::exists(m_folder / "elsewhere"));
+}
+
+// --- the worker lock
+
+TEST_F(AgentLocks, AWorkerHoldsItsLockToItsEndAndHasNoPartInTheInstanceLock)
+{
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken || System().FindOtherWorker() != 0)
+                      return 1;
+                  Pipe go;
+                  const pid_t worker = System().ForkWorker();
+                  if (worker == 0) {
+                      go.CloseEnd(1);
+                      go.Read();
+                      ::_exit(0);
+                  }
+                  if (System().FindOtherWorker() != worker)
+                      return 2;
+                  if (TakeElsewhere(m_path) != LockResult::HeldByOther)
+                      return 3; // the fork took it away
+                  System().ReleaseInstanceLock();
+                  if (TakeElsewhere(m_path) != LockResult::Taken)
+                      return 4;
+                  go.CloseEnd(1);
+                  System().WaitForOtherWorker();
+                  if (System().FindOtherWorker() != 0)
+                      return 5;
+                  return ::waitpid(worker, nullptr, 0) == worker ? 0 : 6;
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, AWorkerIsFoundByEitherFile)
+{
+    const std::string second = m_folder / "b.pid.lock";
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken || Take(second) != LockResult::Taken)
+                      return 1;
+                  Pipe go;
+                  const pid_t worker = System().ForkWorker();
+                  if (worker == 0) {
+                      go.CloseEnd(1);
+                      go.Read();
+                      ::_exit(0);
+                  }
+                  System().ReleaseInstanceLock();
+                  for (const std::string& path : {m_path, second})
+                      if (InChild([&] {
+                              VexOs::AgentLocks locks;
+                              pid_t holder = 0;
+                              locks.TakeInstance(path.c_str(), holder);
+                              return locks.FindOtherWorker() == worker ? 0 : 1;
+                          })
+                          != 0)
+                          return 2;
+                  go.CloseEnd(1);
+                  return ::waitpid(worker, nullptr, 0) == worker ? 0 : 3;
+              }),
+              0);
+}
+
+// Until then a stop is kept off, so that nobody can find the agent gone and a child still to come.
+TEST_F(AgentLocks, TheForkOfAWorkerIsOverWhenTheWorkerHasItsLock)
+{
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken)
+                      return 1;
+                  Pipe ready;
+                  const pid_t former = ::fork();
+                  if (former == 0) {
+                      const int file = ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+                      ready.Write(LockBytes(file, F_SETLK, F_WRLCK, 3, 1) ? 'y' : 'n');
+                      ::usleep(200000);
+                      ::_exit(0);
+                  }
+                  if (ready.Read() != 'y')
+                      return 2;
+                  Pipe go;
+                  const pid_t worker = System().ForkWorker();
+                  if (worker == 0) {
+                      go.CloseEnd(1);
+                      go.Read();
+                      ::_exit(0);
+                  }
+                  const pid_t found = System().FindOtherWorker();
+                  go.CloseEnd(1);
+                  ::waitpid(worker, nullptr, 0);
+                  ::waitpid(former, nullptr, 0);
+                  return found == worker ? 0 : 3;
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, TheForkOfAWorkerIsOverWhenTheWorkerIsGone)
+{
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken)
+                      return 1;
+                  const pid_t worker = System().ForkWorker();
+                  if (worker == 0)
+                      ::_exit(7);
+                  int status = 0;
+                  ::waitpid(worker, &status, 0);
+                  return WEXITSTATUS(status) == 7 ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, AWorkerWhoseSupervisorHasGivenUpTheInstanceLockEndsBeforeItDoesAnything)
+{
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken)
+                      return 1;
+                  System().ReleaseInstanceLock();
+                  const pid_t worker = System().ForkWorker();
+                  if (worker == 0)
+                      ::_exit(9); // runs the application
+                  int status = -1;
+                  ::waitpid(worker, &status, 0);
+                  return status == 0 ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(AgentLocks, WithoutAFileThereIsNothingToWaitFor)
+{
+    EXPECT_EQ(InChild([&] {
+                  const pid_t worker = System().ForkWorker();
+                  if (worker == 0)
+                      ::_exit(9);
+                  int status = -1;
+                  ::waitpid(worker, &status, 0);
+                  System().WaitForOtherWorker();
+                  return System().FindOtherWorker() == 0 && WEXITSTATUS(status) == 9 ? 0 : 1;
+              }),
+              0);
+}
