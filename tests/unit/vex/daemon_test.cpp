@@ -270,7 +270,7 @@ TEST_F(BackgroundMode, TheSupervisorLetsItsStreamsGoAndOutlivesItsParentBeforeIt
                           "Dom.GetWxString(\"app.path.work\")", "TakeInstanceLock(\"/work folder/vx_agent.pid.lock\")",
                           "ResetSignals()", "Fork()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
                           "ChangeFolder(\"/work folder\")", "WaitForEndOfParent(4242)", "Fork()", "StreamsToNull()",
-                          "TightenFileMode()", "WritePidFile(\"/var/run/vx_agent.pid\")"}
+                          "TightenFileMode()", "WaitForEndOfParent(4243)", "WritePidFile(\"/var/run/vx_agent.pid\")"}
                     + StartLines(0) + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"}
                     + GoneLines()));
 }

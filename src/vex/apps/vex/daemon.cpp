@@ -193,6 +193,7 @@ std::optional<int> Daemon::Detach()
     m_system.ChangeFolder(folder.data() ? folder.data() : "");
     // What it passes on must find this process here.
     m_system.WaitForEndOfParent(starter);
+    const pid_t first = m_system.OwnId();
     pid = m_system.Fork();
     if (pid < 0) {
         wxLogSysError("Unable to do 2nd fork");
@@ -205,6 +206,9 @@ std::optional<int> Daemon::Detach()
 
     m_system.StreamsToNull();
     m_system.TightenFileMode();
+    // Who waits for the file may be a service manager, and looks at the process at once. One whose parent still lives
+    // is a stranger to it, which it will not stop but kill.
+    m_system.WaitForEndOfParent(first);
     VexCore::WritePidFile(m_pidFile);
     OwnPidFile();
     return std::nullopt;

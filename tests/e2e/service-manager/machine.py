@@ -1,0 +1,190 @@
+"""A machine of its own for a test: systemd as process 1, booted in namespaces over the files of this one, with an installation of the
+agent and the shipped unit in it. What it writes is in memory and goes with it; /shared alone is a folder of the test."""
+import os
+import shutil
+import subprocess
+import textwrap
+
+import pytest
+
+from conftest import BUILD, ROOT, STAGE, children, wait_until
+
+INSTALLED = "/opt/Halvorn/vx_agent"
+UNIT = os.path.join(ROOT, "packaging", "vx_agent.service")
+SYSTEMD = "/lib/systemd/systemd"
+
+# Process 1 of the new machine until it becomes systemd. The kernel's settings are one for all machines, so they are read-only here.
+BOOT = r"""
+set -eu
+here=$1 stage=$2 unit=$3 shared=$4
+mount -t tmpfs tmpfs "$here"
+mkdir "$here/upper" "$here/scratch" "$here/root"
+root=$here/root
+mount -t overlay overlay -o "lowerdir=/,upperdir=$here/upper,workdir=$here/scratch" "$root"
+mount -t proc proc "$root/proc"
+for place in sys sysrq-trigger; do
+    [ -e "$root/proc/$place" ] || continue
+    mount --bind "$root/proc/$place" "$root/proc/$place"
+    mount -o remount,bind,ro "$root/proc/$place"
+done
+mount -t sysfs -o ro sysfs "$root/sys"
+mount -t cgroup2 cgroup2 "$root/sys/fs/cgroup"
+for place in dev run tmp opt; do
+    mount -t tmpfs -o mode=755 tmpfs "$root/$place"
+done
+for node in null zero full random urandom tty; do
+    touch "$root/dev/$node"
+    mount --bind "/dev/$node" "$root/dev/$node"
+done
+mkdir "$root/dev/pts" "$root/dev/shm" "$root/shared"
+mount -t devpts -o newinstance,ptmxmode=0666 devpts "$root/dev/pts"
+ln -s pts/ptmx "$root/dev/ptmx"
+mount -t tmpfs tmpfs "$root/dev/shm"
+mount --bind "$shared" "$root/shared"
+rm -rf "$root"/etc/systemd/system/*.wants
+: >"$root/etc/machine-id"
+: >"$root/etc/fstab"
+for other in dbus.service dbus.socket systemd-logind.service; do
+    ln -sf /dev/null "$root/etc/systemd/system/$other"
+done
+mkdir -p "$root/opt/Halvorn" "$root/etc/systemd/system/vx_agent.service.d"
+cp -a "$stage" "$root/opt/Halvorn/vx_agent"
+cp "$unit" "$root/etc/systemd/system/vx_agent.service"
+cp "$shared/test.conf" "$root/etc/systemd/system/vx_agent.service.d/"
+cd "$root"
+pivot_root . .
+umount -l .
+cd /
+exec env -i container=other PATH=/usr/sbin:/usr/bin:/sbin:/bin /lib/systemd/systemd --log-target=journal
+"""
+
+# Tells on disk what it did. What it returns, and how long its shutdown takes, lies in files that a test writes.
+APPLICATION = """
+local M = {}
+local function note(what) local f = assert(io.open("/shared/life", "a")); f:write(what, "\\n"); f:close() end
+local function said(name)
+  local f = io.open("/shared/" .. name); if not f then return 0 end
+  local value = f:read("*n"); f:close(); return value
+end
+function M.init() note("init") return said("init-status") end
+function M.main() note("main") return said("main-status") end
+function M.shutdown() note("shutdown") dom0:Wait("never", said("shutdown-seconds")) note("end") return 0 end
+return M
+"""
+
+
+def _cgroups():
+    with open("/proc/mounts") as file:
+        for line in file:
+            fields = line.split()
+            if fields[2] == "cgroup2":
+                return fields[1]
+    return None
+
+
+class Machine:
+    def __init__(self, folder, service_settings):
+        if os.geteuid() != 0 or not os.path.exists(SYSTEMD):
+            pytest.skip("NO SYSTEMD HERE, or no right to boot one: what a service manager makes of the agent is not tested")
+        self.shared = os.path.join(folder, "shared")
+        self.here = os.path.join(folder, "machine")
+        os.mkdir(self.shared)
+        os.mkdir(self.here)
+        self.write("vx_agent.lua", APPLICATION)
+        shutil.copy(os.path.join(BUILD, "tests", "libslowexit.so"), self.shared)
+        self.write("test.conf", textwrap.dedent(service_settings))
+        cgroups = _cgroups()
+        self.cgroup = os.path.join(cgroups or "/nowhere", f"vex-test-{os.getpid()}")
+        try:
+            os.mkdir(self.cgroup)
+        except OSError as error:
+            pytest.skip(f"NO CONTROL GROUP FOR A SYSTEMD ({error}): what a service manager makes of the agent is not tested")
+        into = 'echo $$ > "$1/cgroup.procs"; shift; exec "$@"'
+        self.outer = subprocess.Popen(
+            ["sh", "-c", into, "sh", self.cgroup, "unshare", "--cgroup", "--mount", "--pid", "--fork", "--uts", "--ipc", "--net",
+             "--propagation", "private", "--kill-child=KILL", "sh", "-c", BOOT, "sh", self.here, STAGE, UNIT, self.shared],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        try:
+            self.first = wait_until(self._first, what="process 1 of the machine")
+            wait_until(lambda: self.outer.poll() is not None or self.run("systemctl", "is-system-running").stdout.strip()
+                       in ("running", "degraded"), what="a booted machine")
+            if self.ended():
+                pytest.skip(f"NO SYSTEMD CAN BE BOOTED HERE: {self.outer.stdout.read().decode().strip()}")
+        except BaseException:
+            self.end()
+            raise
+
+    def _first(self):
+        return self.ended() or next(iter(children(self.outer.pid)), 0)
+
+    def write(self, name, text):
+        with open(os.path.join(self.shared, name), "w") as file:
+            file.write(str(text))
+
+    def run(self, *command, **options):
+        """A command inside, as its root; `status` and `out` are its."""
+        return subprocess.run(["nsenter", "-t", str(self.first), "-m", "-p", "-u", "-i", "-n", "-C", "--", *command],
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=180, **options)
+
+    def systemctl(self, *arguments):
+        return self.run("systemctl", *arguments)
+
+    def property(self, name):
+        return self.systemctl("show", "-P", name, "vx_agent").stdout.strip()
+
+    def state(self):
+        return self.property("ActiveState"), self.property("SubState"), self.property("Result")
+
+    def life(self):
+        try:
+            with open(os.path.join(self.shared, "life")) as file:
+                return file.read().split()
+        except FileNotFoundError:
+            return []
+
+    def forget(self):
+        if os.path.exists(os.path.join(self.shared, "life")):
+            os.unlink(os.path.join(self.shared, "life"))
+
+    def journal(self):
+        return self.run("journalctl", "--no-pager", "-o", "cat").stdout
+
+    def log(self):
+        return self.run("cat", INSTALLED + "/work/vx_agent.log").stdout
+
+    def processes(self):
+        """(supervisor, child) as the machine numbers them; 0 for one that is not there."""
+        supervisor = int(self.property("MainPID") or 0)
+        below = self.run("cat", f"/proc/{supervisor}/task/{supervisor}/children").stdout.split() if supervisor else []
+        return supervisor, int(below[0]) if below and below[0].isdigit() else 0
+
+    def signal(self, pid, name):
+        assert pid > 1, f"refusing to signal {pid}"
+        assert self.run("kill", "-s", name, str(pid)).returncode == 0
+
+    def pid_file(self):
+        found = self.run("head", "-n1", "/run/vx_agent.pid")
+        return int(found.stdout) if found.returncode == 0 else 0
+
+    def ended(self):
+        return self.outer.poll() is not None
+
+    def end(self):
+        if self.outer.poll() is None:
+            self.outer.kill()  # takes process 1 along, and that everything
+        self.outer.wait()
+        for inner, _, _ in os.walk(self.cgroup, topdown=False):
+            def gone(folder=inner):
+                try:
+                    os.rmdir(folder)
+                except FileNotFoundError:
+                    pass
+                except OSError:
+                    return False
+                return True
+            wait_until(gone, what="the end of all processes of the machine")
+
+
+def packages():
+    return [os.path.join(BUILD, "packages", name) for name in sorted(os.listdir(os.path.join(BUILD, "packages")))
+            if name.endswith(".vxp")]

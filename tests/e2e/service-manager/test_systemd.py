@@ -1,0 +1,191 @@
+"""The shipped unit under a real systemd: starts, stops, ends of every kind, and what its comments and OPERATIONS.md promise."""
+import os
+import re
+import shutil
+
+import pytest
+
+from conftest import SANITIZED, wait_until
+from machine import INSTALLED, Machine, packages
+
+pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="the shipped tree is what a service manager runs")]
+
+# The shipped unit in everything else: the application of the test, and no minute between an end and the next start.
+TEST_APPLICATION = f"""
+    [Unit]
+    StartLimitBurst=1000
+    [Service]
+    ExecStart=
+    ExecStart={INSTALLED}/vx_agent --background --install_plugins --lua_path /shared/?.lua
+    RestartSec=1
+    """
+
+
+# The first child is still there when its child has long begun, as it may be on a busy machine.
+SLOW_FORKS = TEST_APPLICATION + """Environment=LD_PRELOAD=/shared/libslowexit.so VEX_SLOW_EXIT=200
+    """
+
+
+@pytest.fixture
+def machine(request, tmp_path):
+    booted = Machine(str(tmp_path), getattr(request, "param", TEST_APPLICATION))
+    yield booted
+    booted.end()
+
+
+def start(machine):
+    assert machine.systemctl("start", "vx_agent").stdout == ""
+    wait_until(lambda: "main" in machine.life(), what="main")
+    assert machine.state() == ("active", "running", "success")
+    supervisor, child = machine.processes()
+    assert machine.pid_file() == supervisor and child > 1
+    return supervisor, child
+
+
+def check_known_to_systemd(machine):
+    """It found the supervisor to be its own, so that it stops it and does not kill it."""
+    journal = machine.journal()
+    assert "which is not our child" not in journal and "not owned by root" not in journal, journal
+
+
+def stop(machine, lives=1):
+    assert machine.systemctl("stop", "vx_agent").stdout == ""
+    assert machine.life() == ["init", "main"] * lives + ["shutdown", "end"]
+    assert machine.state() == ("inactive", "dead", "success") and machine.pid_file() == 0
+
+
+def start_and_stop(machine, times):
+    for _ in range(times):
+        machine.forget()
+        start(machine)
+        stop(machine)
+    check_known_to_systemd(machine)
+
+
+@pytest.mark.parametrize("machine", [SLOW_FORKS], indirect=True, ids=["slow forks"])
+def test_starts_and_stops_are_in_order(machine):
+    machine.write("shutdown-seconds", 0.5)
+    start_and_stop(machine, 3)
+
+
+@pytest.mark.patient
+@pytest.mark.slow
+def test_fifty_starts_and_stops_with_a_shutdown_of_three_seconds_are_in_order(machine):
+    machine.write("shutdown-seconds", 3)
+    start_and_stop(machine, 50)
+
+
+@pytest.mark.parametrize("machine", [SLOW_FORKS], indirect=True, ids=["slow forks"])
+def test_a_poweroff_lets_the_application_shut_down(machine):
+    machine.write("shutdown-seconds", 3)
+    start(machine)
+    machine.systemctl("poweroff")
+    wait_until(machine.ended, what="end of the machine")
+    assert machine.life() == ["init", "main", "shutdown", "end"]
+
+
+@pytest.mark.parametrize("name", ["SEGV", "KILL"])
+def test_a_child_that_dies_is_the_supervisors_business(machine, name):
+    supervisor, child = start(machine)
+    machine.signal(child, name)
+    wait_until(lambda: machine.life().count("main") == 2, what="the second main")
+    assert machine.processes()[0] == supervisor and machine.processes()[1] != child
+    assert machine.property("NRestarts") == "0"
+    stop(machine, lives=2)
+    check_known_to_systemd(machine)
+
+
+# Services have SIGPIPE ignored unless they ask for it.
+@pytest.mark.parametrize("machine,name", [(TEST_APPLICATION, name) for name in ("KILL", "HUP", "INT", "USR1")]
+                         + [(TEST_APPLICATION + "IgnoreSIGPIPE=no", "PIPE")], indirect=["machine"],
+                         ids=["KILL", "HUP", "INT", "USR1", "PIPE"])
+def test_a_supervisor_that_dies_of_a_signal_is_started_again(machine, name):
+    supervisor, child = start(machine)
+    machine.signal(supervisor, name)
+    wait_until(lambda: machine.property("NRestarts") == "1", what="the restart")
+    wait_until(lambda: machine.life().count("main") == 2 and machine.state()[0] == "active", what="the second main")
+    again = machine.processes()
+    assert supervisor not in again and child not in again
+    assert machine.systemctl("stop", "vx_agent").stdout == ""
+    life = machine.life()
+    assert life[:2] == ["init", "main"] and life[-4:] == ["init", "main", "shutdown", "end"], life
+
+
+@pytest.mark.parametrize("name", ["KILL", "HUP"])
+def test_a_supervisor_that_dies_leaves_the_child_no_time(machine, name):
+    machine.write("shutdown-seconds", 5)
+    supervisor, _ = start(machine)
+    machine.signal(supervisor, name)
+    wait_until(lambda: machine.life().count("main") == 2, what="the second main")
+    assert "end" not in machine.life()
+
+
+ENDS = {0: ("inactive", "success"), 1: ("failed", "exit-code"), 2: ("failed", "exit-code"), 4: ("failed", "exit-code"),
+        5: ("failed", "exit-code")}
+
+
+@pytest.mark.parametrize("code", ENDS)
+def test_an_exit_code_of_the_application_that_a_restart_would_not_change_is_final(machine, code):
+    machine.write("main-status", code)
+    # The start is good although the application fails at once: it has detached.
+    assert machine.systemctl("start", "vx_agent").returncode == 0
+    if code == 0:
+        stop(machine)
+        return
+    wait_until(lambda: machine.state()[0] == "failed", what="the end")
+    active, _, result = machine.state()
+    assert (active, result) == ENDS[code]
+    assert (machine.property("ExecMainStatus"), machine.property("NRestarts")) == (str(code), "0")
+    assert machine.life() == ["init", "main"]
+
+
+@pytest.mark.parametrize("code", [7, 255])
+def test_another_exit_code_leads_to_a_new_start(machine, code):
+    machine.write("main-status", code)
+    assert machine.systemctl("start", "vx_agent").returncode == 0
+    wait_until(lambda: int(machine.property("NRestarts")) >= 1, what="a restart")
+    machine.write("main-status", 0)
+    wait_until(lambda: machine.state()[:2] == ("active", "running") and machine.processes()[1], what="one that stays")
+
+
+def test_an_exit_code_of_three_is_the_supervisors_business(machine):
+    machine.write("main-status", 3)
+    assert machine.systemctl("start", "vx_agent").returncode == 0
+    wait_until(lambda: machine.life().count("main") >= 2, what="the second main")
+    assert (machine.state()[0], machine.property("NRestarts")) == ("active", "0")
+
+
+def test_a_start_beside_an_agent_started_by_hand_fails_and_takes_its_pid_file(machine):
+    assert machine.run(INSTALLED + "/vx_agent", "--background", "--lua_path", "/shared/?.lua").returncode == 0
+    wait_until(lambda: "main" in machine.life(), what="main")
+    supervisor = machine.pid_file()
+    assert supervisor > 1
+    assert machine.systemctl("start", "vx_agent").returncode == 1
+    assert "present, exiting" in machine.log()
+    # It will be tried again: what is said of exit codes is about the supervisor's.
+    assert machine.state() == ("activating", "auto-restart", "exit-code")
+    assert machine.systemctl("stop", "vx_agent").returncode == 0
+    assert machine.pid_file() == 0 and machine.life() == ["init", "main"]
+    # It runs on; without the file only its lock keeps the next start out.
+    assert machine.run(INSTALLED + "/vx_agent", "--background", "--lua_path", "/shared/?.lua").returncode == 1
+    machine.signal(supervisor, "TERM")
+    wait_until(lambda: machine.life() == ["init", "main", "shutdown", "end"], what="the end")
+
+
+# Nothing is changed here but where the packages are: beside the executable, as an operator puts them.
+@pytest.mark.quick
+@pytest.mark.parametrize("machine", [""], indirect=True, ids=["as shipped"])
+def test_the_unit_enables_the_plugins_that_it_installs(machine):
+    for package in packages():
+        shutil.copy(package, machine.shared)
+        assert machine.run("mv", "/shared/" + os.path.basename(package), INSTALLED).returncode == 0
+    assert machine.systemctl("start", "vx_agent").stdout == ""
+    for plugin in ("Network", "Trend"):
+        wait_until(lambda name=plugin: re.search(rf"INFO .* plugin {name} [0-9.]+ loaded", machine.log()), what=plugin)
+    assert machine.systemctl("stop", "vx_agent").stdout == ""
+    assert machine.state() == ("inactive", "dead", "success")
+
+
+def test_systemd_has_nothing_to_say_against_the_unit(machine):
+    checked = machine.run("systemd-analyze", "verify", "/etc/systemd/system/vx_agent.service")
+    assert (checked.returncode, checked.stdout) == (0, "")
