@@ -152,6 +152,17 @@ void ReplaceExit(lua_State* L)
     lua_pop(L, 1);
 }
 
+// Closing a state would unload its native modules, though their code may still be needed: by threads that it has
+// started, for thread-specific data, at exit. So the table of libraries loses the finaliser that does it.
+void KeepNativeModulesLoaded(lua_State* L)
+{
+    lua_getfield(L, LUA_REGISTRYINDEX, "_CLIBS");
+    lua_getmetatable(L, -1);
+    lua_pushnil(L);
+    lua_setfield(L, -2, "__gc");
+    lua_pop(L, 2);
+}
+
 std::string OrEmpty(const char* text)
 {
     return text ? text : "";
@@ -178,6 +189,7 @@ struct CLuaInterpreter::Impl
         if (!self.openLibraries)
             return 0;
         luaL_openlibs(L);
+        KeepNativeModulesLoaded(L);
         ReplaceExit(L);
         RegisterNativeModules(L);
         self.output.Install(L);
