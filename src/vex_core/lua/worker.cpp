@@ -115,11 +115,15 @@ int Worker::Work()
 
 void Worker::OnRun()
 {
-    // However the work ends, who waits for it is told.
+    // However the work ends, who waits for it is told, and the worker's thread is somebody's to join.
     struct Announcement
     {
         Worker& worker;
-        ~Announcement() { worker.AnnounceEnd(); }
+        ~Announcement()
+        {
+            worker.AnnounceEnd();
+            WorkerList::OfProcess().NoteEnd(worker);
+        }
     };
     const Announcement announcement{*this};
     m_status = statusFailed;

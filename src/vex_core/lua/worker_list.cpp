@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include <wx/log.h>
 
@@ -32,18 +33,16 @@ WorkerList& WorkerList::OfProcess()
 
 bool WorkerList::Start(const std::shared_ptr<Worker>& worker)
 {
-    Workers ended; // let go of after the lock: the last holder joins the thread
     const std::lock_guard lock(m_lock);
-    ended = TakeEnded();
     if (m_closed) {
         wxLogError("Worker \"%s\" is not started: the process is ending.", TextWithoutNul(worker->Module()));
         return false;
     }
     // In the list first, so that a failure to grow it cannot leave a thread that nobody joins.
-    m_workers.push_back(worker);
+    m_running.push_back(worker);
     if (worker->start(wxPRIORITY_DEFAULT, true, 0))
         return true;
-    m_workers.pop_back();
+    m_running.pop_back();
     return false;
 }
 
@@ -53,25 +52,34 @@ void WorkerList::SetClosed(bool closed)
     m_closed = closed;
 }
 
+void WorkerList::NoteEnd(const Worker& worker)
+{
+    std::shared_ptr<Worker> before;
+    {
+        const std::lock_guard lock(m_lock);
+        const auto place = std::find_if(m_running.begin(), m_running.end(),
+                                        [&](const std::shared_ptr<Worker>& one) { return one.get() == &worker; });
+        if (place == m_running.end())
+            return; // whoever ends the process has taken it already
+        before = std::exchange(m_lastEnded, std::move(*place));
+        m_running.erase(place);
+    }
+    if (before)
+        before->join(-1);
+}
+
 void WorkerList::Join(bool all)
 {
     Workers taken;
     {
         const std::lock_guard lock(m_lock);
-        taken = all ? TakeAllButThisThread() : TakeEnded();
+        if (all)
+            taken = TakeAllButThisThread();
+        if (m_lastEnded)
+            taken.push_back(std::move(m_lastEnded));
     }
     for (const std::shared_ptr<Worker>& worker : taken)
         worker->join(-1);
-}
-
-// Takes those out that have ended, for the caller to let go of without the lock.
-WorkerList::Workers WorkerList::TakeEnded()
-{
-    const auto runs = [](const std::shared_ptr<Worker>& worker) { return worker->Running(); };
-    const auto middle = std::stable_partition(m_workers.begin(), m_workers.end(), runs);
-    Workers ended(std::make_move_iterator(middle), std::make_move_iterator(m_workers.end()));
-    m_workers.erase(middle, m_workers.end());
-    return ended;
 }
 
 WorkerList::Workers WorkerList::TakeAllButThisThread()
@@ -79,9 +87,9 @@ WorkerList::Workers WorkerList::TakeAllButThisThread()
     const auto isThisThread = [](const std::shared_ptr<Worker>& worker) {
         return worker.get() == CRunnable::Current();
     };
-    const auto middle = std::stable_partition(m_workers.begin(), m_workers.end(), isThisThread);
-    Workers taken(std::make_move_iterator(middle), std::make_move_iterator(m_workers.end()));
-    m_workers.erase(middle, m_workers.end());
+    const auto middle = std::stable_partition(m_running.begin(), m_running.end(), isThisThread);
+    Workers taken(std::make_move_iterator(middle), std::make_move_iterator(m_running.end()));
+    m_running.erase(middle, m_running.end());
     return taken;
 }
 

@@ -23,18 +23,22 @@ public:
     /// Closed: new workers are refused.
     void SetClosed(bool closed);
 
-    /// Joins the workers that have ended; with `all`, every one but the calling thread's own: one that has announced
+    /// The last act of a worker, on its own thread: joins the one that ended before it. So a thread that has ended is
+    /// given back at once, whoever holds its Lua object, and no more than one waits for the next.
+    void NoteEnd(const Worker& worker);
+
+    /// Joins the worker that ended last; with `all`, every one but the calling thread's own: one that has announced
     /// its end has still some steps to go, and would meet the destructors of the process if nobody joined it.
     void Join(bool all);
 
 private:
     using Workers = std::vector<std::shared_ptr<Worker>>;
-    Workers TakeEnded();
     Workers TakeAllButThisThread();
 
     std::mutex m_lock;
     bool m_closed = false; // guarded by m_lock; the process is ending
-    Workers m_workers; // guarded by m_lock
+    Workers m_running; // guarded by m_lock
+    std::shared_ptr<Worker> m_lastEnded; // guarded by m_lock; not joined yet
 };
 
 /// Asks every thread that takes part in the process's stop to end and waits until all have, at most `timeoutMs`

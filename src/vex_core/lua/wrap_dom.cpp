@@ -33,6 +33,7 @@ constexpr int secondArgument = 3;
 constexpr int thirdArgument = 4;
 
 constexpr std::size_t maxKeptBytes = 4096;
+constexpr int handleKilobytes = 4; // of an ended worker
 
 wxString Text(std::string_view bytes)
 {
@@ -327,6 +328,9 @@ int StartThread(CDom& dom, lua_State* L)
     std::string got;
     if (!VexCore::LuaValue::Copy(L, secondArgument, argument, got))
         RaiseArgumentError(L, secondArgument, "nil, boolean, number, string or a table of them", got.c_str());
+    // The collector sees a few bytes of a handle and not what hangs on it: it is told, or a large heap would keep the
+    // handles of tens of thousands of ended workers.
+    lua_gc(L, LUA_GCSTEP, handleKilobytes);
     std::shared_ptr<VexCore::Worker> worker = VexCore::Worker::Start(dom, module, std::move(argument));
     if (!worker)
         return luaL_error(L, "worker '%s' could not be started; the log tells why", module);

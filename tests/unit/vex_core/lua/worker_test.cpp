@@ -9,7 +9,11 @@
 #include "vex_core/lua/worker_list.h"
 #include "vex_core/threads/thread_registry.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -242,6 +246,36 @@ TEST_F(LuaWorker, StopOfTheProcessJoinsEveryWorkerThatEnds)
         for (const std::weak_ptr<VexCore::Worker>& worker : workers)
             ASSERT_TRUE(worker.expired()) << "left in round " << round;
     }
+}
+
+std::ptrdiff_t MemoryMaps()
+{
+    const std::string maps = ::Test::ReadFile("/proc/self/maps");
+    return std::count(maps.begin(), maps.end(), '\n');
+}
+
+TEST_F(LuaWorker, EndedWorkersGiveTheirThreadsBackWhoeverHoldsThem)
+{
+    constexpr int count = 300;
+    Module("job", "return {run = function() end}");
+    Run("collectgarbage('stop') all = {} function start(n)\n"
+        "  for i = 1, n do local w = dom0:StartThread('job') all[#all + 1] = w\n"
+        "    while w:Running() do dom0:Wait('never', 0.001) end end end\n"
+        "start(20)");
+    const std::ptrdiff_t before = MemoryMaps();
+    EXPECT_EQ(Run("start(" + std::to_string(count) + ") return #all"), std::to_string(count + 20));
+    EXPECT_LT(MemoryMaps() - before, count / 3) << "a stack that is kept makes two";
+}
+
+TEST_F(LuaWorker, CollectorIsToldWhatAHandleWeighs)
+{
+    Module("job", "return {run = function() end}");
+    EXPECT_EQ(Run("local ballast = {} for i = 1, 20000 do ballast[i] = {i} end collectgarbage() collectgarbage()\n"
+                  "local held = setmetatable({}, {__mode = 'v'})\n"
+                  "for i = 1, 3000 do local w = dom0:StartThread('job') held[i] = w w:Join() end\n"
+                  "local n = 0 for _ in pairs(held) do n = n + 1 end\n"
+                  "return n < 2000 and 'collected' or n"),
+              "collected");
 }
 
 TEST_F(LuaWorker, StragglerIsNamedAndTheProcessStillEnds)
