@@ -31,7 +31,7 @@ OPEN = {
     "domain": "dom_observer.h dom_values.h known_settings.h root_dom.h settings.h",
     "log": "process_log.h",
     "crash": "signal_stack.h",
-    "process": "",
+    "process": "helper_program.h run_program.h",
     "threads": "ending.h thread_registry.h",
     "zip": "zip_reader.h",
     "database": "sqlite_connection.h",

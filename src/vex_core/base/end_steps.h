@@ -9,6 +9,7 @@ namespace VexCore {
 /// In the order in which they are taken.
 enum class EndStep {
     EndThreads, ///< asks threads to end and waits for them, workers among them
+    EndHelpers, ///< tells programs that we started to end, with what they left running
     ReleaseOpenSslLocks,
     StoreEvents, ///< tries once more to store agent events that are kept, and closes their databases
     CloseDatabases, ///< those that Lua code left open; then shuts SQLite down
@@ -17,7 +18,7 @@ enum class EndStep {
     FlushLog, ///< what the disk log still holds
     FlushStreams, ///< standard output and error
 };
-constexpr std::size_t endStepCount = 8;
+constexpr std::size_t endStepCount = 9;
 
 /// Who does which step. Filled by static initialisers and only read afterwards.
 class EndSteps

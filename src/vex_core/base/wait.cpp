@@ -6,6 +6,7 @@ namespace VexCore {
 
 namespace {
 thread_local WaitPoint* t_bound = nullptr;
+WaitPoint::ExitObserver g_exitObserver = nullptr;
 
 // A century: what lies beyond is "no limit", and adding it to the clock does not overflow.
 constexpr std::int64_t maxTimeoutMs = static_cast<std::int64_t>(100) * 365 * 24 * 3600 * 1000;
@@ -62,9 +63,18 @@ void WaitPoint::Awaken()
 
 void WaitPoint::RequestExit()
 {
-    const std::lock_guard lock(m_lock);
-    m_ending.store(true, std::memory_order_release);
-    m_wake.notify_one();
+    {
+        const std::lock_guard lock(m_lock);
+        m_ending.store(true, std::memory_order_release);
+        m_wake.notify_one();
+    }
+    if (g_exitObserver)
+        g_exitObserver(this);
+}
+
+void WaitPoint::SetExitObserver(ExitObserver observer)
+{
+    g_exitObserver = observer;
 }
 
 WaitPoint::Binding::Binding(WaitPoint& point) : m_before(t_bound)

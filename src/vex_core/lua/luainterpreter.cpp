@@ -10,6 +10,7 @@
 #include "vex_core/base/text.h"
 #include "vex_core/lua/error_text.h"
 #include "vex_core/lua/lua_output.h"
+#include "vex_core/lua/lua_programs.h"
 #include "vex_core/lua/native_modules.h"
 #include "vex_core/lua/package_paths.h"
 
@@ -191,6 +192,7 @@ struct CLuaInterpreter::Impl
         luaL_openlibs(L);
         KeepNativeModulesLoaded(L);
         ReplaceExit(L);
+        InstallPrograms(L);
         RegisterNativeModules(L);
         self.output.Install(L);
         self.packagePaths.ReadDefaults(L);

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <set>
 
 #include <sys/types.h>
 
@@ -20,9 +21,14 @@ struct ProcessInfo
     std::uint64_t startTime = 0;
     /// It has ended and only waits for its parent to notice.
     bool zombie = false;
+    pid_t group = 0;
+    pid_t session = 0;
 };
 
 /// False when there is no such process or the system does not show it. Any thread. Does not allocate.
 bool GetProcessInfo(pid_t pid, ProcessInfo& info);
+
+/// The groups of all processes of this process's session that have not ended.
+std::set<pid_t> GroupsOfOwnSession();
 
 } // namespace VexCore::os

@@ -10,7 +10,8 @@
 namespace VexCore::os {
 
 // /proc/PID/stat is "pid (name) state ppid ...". The name may hold blanks and parentheses, so the fields are
-// counted from the last parenthesis: the state is the 3rd field of the line and the start time the 22nd.
+// counted from the last parenthesis: the state is the 3rd field of the line, group and session are the 5th and 6th, the
+// start time is the 22nd.
 bool GetProcessInfo(pid_t pid, ProcessInfo& info)
 {
     char path[40];
@@ -33,6 +34,10 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info)
         if (!at)
             return false;
         ++at;
+        if (field == 4)
+            info.group = static_cast<pid_t>(std::strtol(at, nullptr, 10));
+        else if (field == 5)
+            info.session = static_cast<pid_t>(std::strtol(at, nullptr, 10));
     }
     info.startTime = std::strtoull(at, nullptr, 10);
     info.zombie = state == 'Z' || state == 'X';

@@ -1,5 +1,9 @@
 #include "vex_core/os/process_info.h"
 
+#include "vex_core/os/folders.h"
+
+#include <cstdlib>
+
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -13,6 +17,22 @@ pid_t ProcessId()
 uid_t EffectiveUser()
 {
     return ::geteuid();
+}
+
+std::set<pid_t> GroupsOfOwnSession()
+{
+    std::set<pid_t> groups;
+    const pid_t session = ::getsid(0);
+    const auto look = [&](const char* name) {
+        char* end = nullptr;
+        const long pid = std::strtol(name, &end, 10);
+        ProcessInfo info;
+        if (*end == '\0' && GetProcessInfo(static_cast<pid_t>(pid), info) && !info.zombie && info.session == session)
+            groups.insert(info.group);
+        return true;
+    };
+    ListFolder("/proc", look);
+    return groups;
 }
 
 std::size_t OpenFileLimit()

@@ -22,6 +22,8 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info)
     info.startTime = static_cast<std::uint64_t>(data.pr_start.tv_sec) * 1000000000u
                      + static_cast<std::uint64_t>(data.pr_start.tv_nsec);
     info.zombie = data.pr_nlwp == 0;
+    info.group = data.pr_pgid;
+    info.session = data.pr_sid;
     return true;
 }
 

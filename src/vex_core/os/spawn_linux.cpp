@@ -1,5 +1,6 @@
 #include "vex_core/os/spawn.h"
 
+#include "vex_core/os/files.h"
 #include "vex_core/os/kernel_dirent.h"
 #include "vex_core/os/raise_pipe.h"
 
@@ -7,6 +8,7 @@
 #include <cstdlib>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -61,6 +63,15 @@ Pipe OpenPipe()
     if (::pipe2(made, O_CLOEXEC) != 0)
         return {};
     return RaisePipe(made);
+}
+
+Descriptor FileOf(std::string_view bytes)
+{
+    Descriptor file = RaiseDescriptor(Descriptor(::memfd_create("input", MFD_CLOEXEC)));
+    if (!file || !WriteAll(file.Get(), bytes.data(), bytes.size()))
+        return {};
+    ::lseek(file.Get(), 0, SEEK_SET);
+    return file;
 }
 
 Descriptor OpenProcess(pid_t pid)

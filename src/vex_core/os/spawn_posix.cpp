@@ -41,7 +41,9 @@ void ResetDispositions()
     if (dup2(report, reportDescriptor) < 0)
         _exit(126);
     fcntl(reportDescriptor, F_SETFD, FD_CLOEXEC);
-    if (setpgid(0, 0) != 0 || dup2(plan.input, 0) < 0 || dup2(plan.output, 1) < 0 || dup2(plan.output, 2) < 0)
+    if (plan.ownGroup && setpgid(0, 0) != 0)
+        ReportAndEnd(errno);
+    if (dup2(plan.input, 0) < 0 || dup2(plan.output, 1) < 0 || dup2(plan.errors, 2) < 0)
         ReportAndEnd(errno);
     CloseFrom(firstFreeDescriptor);
     ResetDispositions();
@@ -83,10 +85,28 @@ void SetNonBlocking(int descriptor)
     ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) | O_NONBLOCK);
 }
 
-void WaitReadable(int first, int second, int timeoutMs)
+void WaitReadable(std::initializer_list<int> descriptors, int timeoutMs)
 {
-    struct pollfd items[2] = {{first, POLLIN, 0}, {second, POLLIN, 0}};
-    ::poll(items, 2, timeoutMs);
+    constexpr std::size_t maxItems = 8;
+    struct pollfd items[maxItems];
+    nfds_t count = 0;
+    for (const int descriptor : descriptors)
+        if (count < maxItems)
+            items[count++] = {descriptor, POLLIN, 0};
+    ::poll(items, count, timeoutMs);
+}
+
+void EndStream(std::FILE* stream)
+{
+    if (::ftrylockfile(stream) != 0)
+        return;
+    const int descriptor = ::fileno(stream);
+    SetNonBlocking(descriptor);
+    std::fflush(stream);
+    const Descriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    if (null && ::dup2(null.Get(), descriptor) >= 0)
+        ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+    ::funlockfile(stream);
 }
 
 pid_t TakeStatus(pid_t child, int& status)

@@ -20,7 +20,7 @@ struct Row
 };
 
 constexpr Row rows[] = {
-    {EndStretch::EndOfThreads, {EndStep::EndThreads, EndStep::ReleaseOpenSslLocks}},
+    {EndStretch::EndOfThreads, {EndStep::EndThreads, EndStep::EndHelpers, EndStep::ReleaseOpenSslLocks}},
     {EndStretch::EndOfDatabases, {EndStep::StoreEvents, EndStep::CloseDatabases}},
     {EndStretch::BeforeExit, {EndStep::StoreEvents, EndStep::EmptyLogQueue}},
     {EndStretch::Exit, {EndStep::WriteChunkCaches, EndStep::FlushLog}},

@@ -14,9 +14,11 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -134,6 +136,55 @@ TEST_F(LuaWorker, StopWakesAWaitAtOnceWithNil)
               "true 0");
     EXPECT_EQ(m_dom->Get("saw"), "nil");
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+// --- programs of a worker
+
+TEST_F(LuaWorker, StopEndsTheProgramThatTheWorkerWaitsFor)
+{
+    const char* const bodies[] = {
+        "local ok, output, code, text = dom0:Execute('sh', {'-c', BEGIN .. 'sleep 60'}) return ok and 1 or code == -1 "
+        "and 5",
+        "local ok, how, number = os.execute(BEGIN .. 'sleep 60') return not ok and how == 'signal' and number == 15 "
+        "and 5",
+        "local f = io.popen(BEGIN .. 'sleep 60') return f:read() == nil and select(3, f:close()) == 15 and 5",
+        "local f = io.popen(BEGIN .. 'sleep 60') return select(3, f:close()) == 15 and 5",
+    };
+    for (const char* const body : bodies) {
+        std::filesystem::remove(m_folder / "begun");
+        Module("job" + std::to_string(&body - bodies),
+               "local BEGIN = 'touch " + (m_folder / "begun") + "; '\nreturn {run = function() " + body + " end}");
+        Run("w = dom0:StartThread('job" + std::to_string(&body - bodies) + "')");
+        while (!std::filesystem::exists(m_folder / "begun"))
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        EXPECT_EQ(Run("w:Stop() return w:Join(1.9)"), "true 5") << body;
+    }
+}
+
+TEST_F(LuaWorker, LoopOfProgramsThatLooksAtNothingEndsByAnErrorAfterAStop)
+{
+    const char* const calls[] = {"os.execute('sleep 0.02')", "dom0:Execute('sleep', {'0.02'})",
+                                 "io.popen('sleep 0.02')"};
+    for (const char* const call : calls) {
+        const std::string name = "loop" + std::to_string(&call - calls);
+        Module(name, std::string("return {run = function() dom0:Set('up', true) while true do ") + call + " end end}");
+        EXPECT_THAT(Run("dom0:Set('up', nil) local w = dom0:StartThread('" + name
+                        + "') while not dom0:GetBool('up') do dom0:Wait('up', 1) end\n"
+                          "dom0:Wait('never', 0.05) w:Stop() return w:Join(3)"),
+                    HasSubstr("true 2 "))
+            << call;
+        EXPECT_THAT(Log(), HasSubstr(name + ".lua:1: this thread is asked to end and starts no more programs"));
+    }
+}
+
+TEST_F(LuaWorker, LoopThatAsksWhetherItIsToEndEndsWithoutAnError)
+{
+    Module("job", "return {run = function() dom0:Set('up', true)\n"
+                  "repeat os.execute('sleep 0.02') until dom0:Wait('never', 0) == nil\n"
+                  "return 7 end}");
+    EXPECT_EQ(Run("local w = dom0:StartThread('job') while not dom0:GetBool('up') do dom0:Wait('up', 1) end\n"
+                  "dom0:Wait('never', 0.05) w:Stop() return w:Join(3)"),
+              "true 7");
 }
 
 TEST_F(LuaWorker, WriteWakesAWaitAtOnce)

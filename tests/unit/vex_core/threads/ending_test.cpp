@@ -23,9 +23,9 @@
 using namespace VexCore;
 
 namespace {
-constexpr const char* stepNames[endStepCount] = {"EndThreads",     "ReleaseOpenSslLocks", "StoreEvents",
-                                                 "CloseDatabases", "EmptyLogQueue",       "WriteChunkCaches",
-                                                 "FlushLog",       "FlushStreams"};
+constexpr const char* stepNames[endStepCount] = {"EndThreads",       "EndHelpers",     "ReleaseOpenSslLocks",
+                                                 "StoreEvents",      "CloseDatabases", "EmptyLogQueue",
+                                                 "WriteChunkCaches", "FlushLog",       "FlushStreams"};
 
 std::string* g_record = nullptr;
 
@@ -91,7 +91,7 @@ TEST(EndingTable, EachStretchTakesItsStepsInTheirOrder)
     {
         EndStretch stretch;
         const char* steps;
-    } rows[] = {{EndStretch::EndOfThreads, "EndThreads ReleaseOpenSslLocks "},
+    } rows[] = {{EndStretch::EndOfThreads, "EndThreads EndHelpers ReleaseOpenSslLocks "},
                 {EndStretch::EndOfDatabases, "StoreEvents CloseDatabases "},
                 {EndStretch::BeforeExit, "StoreEvents EmptyLogQueue "},
                 {EndStretch::Exit, "WriteChunkCaches FlushLog "},
@@ -136,7 +136,7 @@ TEST(EndingTable, SecondOwnerOfAStepIsAMistake)
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     EndSteps steps;
     steps.Register(EndStep::FlushLog, [] {});
-    EXPECT_DEATH(steps.Register(EndStep::FlushLog, [] {}), "Step 6 of the end of the process is registered twice");
+    EXPECT_DEATH(steps.Register(EndStep::FlushLog, [] {}), "Step 7 of the end of the process is registered twice");
 }
 
 // --- the ways out, each in a process of its own
@@ -198,7 +198,7 @@ void ExitPastAStraggler()
 
 const WayOut waysOut[] = {
     {"OrderlyEnd", &OrderlyEnd,
-     "^EndThreads ReleaseOpenSslLocks StoreEvents CloseDatabases WriteChunkCaches FlushLog $"},
+     "^EndThreads EndHelpers ReleaseOpenSslLocks StoreEvents CloseDatabases WriteChunkCaches FlushLog $"},
     {"Exit", [] { std::exit(0); }, "^WriteChunkCaches FlushLog $"},
     {"ExitOnTheMainThread", [] { ExitProcessFromThread(0); }, "^StoreEvents EmptyLogQueue WriteChunkCaches FlushLog $"},
     {"ExitFromThread", &ExitFromThread, "^StoreEvents EmptyLogQueue WriteChunkCaches FlushLog $"},

@@ -1,0 +1,142 @@
+#include "vex_core/lua/lua_programs.h"
+
+#include "support/process_guards.h"
+#include "support/temp_folder.h"
+#include "vex/core/luainterpreter.h"
+#include "vex_core/base/end_steps.h"
+#include "vex_core/os/process_info.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <lua.hpp>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+using ::testing::HasSubstr;
+
+namespace {
+class LuaPrograms : public ::testing::Test
+{
+protected:
+    // The results of `code` as texts with blanks between, or "error: " and the message.
+    std::string Run(const std::string& code)
+    {
+        lua_State* const L = m_lua.L();
+        lua_settop(L, 0);
+        std::string text;
+        if (luaL_loadbuffer(L, code.data(), code.size(), "@test.lua") || lua_pcall(L, 0, LUA_MULTRET, 0))
+            text = "error:";
+        for (int i = 1, count = lua_gettop(L); i <= count; ++i)
+            text += (text.empty() ? "" : " ") + std::string(luaL_tolstring(L, i, nullptr));
+        lua_settop(L, 0);
+        return text;
+    }
+
+    ::Test::TempFolder m_folder;
+    VexCore::CLuaInterpreter m_lua{false, L"test", true};
+};
+
+void EndHelpers()
+{
+    VexCore::EndSteps::OfProcess().Find(VexCore::EndStep::EndHelpers)();
+}
+
+bool ComesToItsEnd(pid_t pid)
+{
+    for (int i = 0; i < 4000; ++i) {
+        VexCore::os::ProcessInfo info;
+        if (!VexCore::os::GetProcessInfo(pid, info) || info.zombie)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+}
+
+} // namespace
+
+TEST_F(LuaPrograms, ResultsOfExecuteAreLuasOwn)
+{
+    EXPECT_EQ(Run("return os.execute()"), "true");
+    EXPECT_EQ(Run("return os.execute('true')"), "true exit 0");
+    EXPECT_EQ(Run("return os.execute('exit 3')"), "nil exit 3");
+    EXPECT_EQ(Run("return os.execute('kill -9 $$')"), "nil signal 9");
+    EXPECT_THAT(Run("os.execute({})"), HasSubstr("bad argument #1 to 'execute' (string expected, got table)"));
+}
+
+TEST_F(LuaPrograms, StreamsOfPopenAreLuasOwn)
+{
+    EXPECT_EQ(Run("local f = io.popen('echo one; echo two; exit 4') local text = f:read('*a')\n"
+                  "return io.type(f), text, f:close()"),
+              "file one\ntwo\n nil exit 4");
+    EXPECT_EQ(Run("local f = io.popen('cat > " + (m_folder / "written") + "', 'w') f:write('a\\0b') return f:close()"),
+              "true exit 0");
+    EXPECT_EQ(::Test::ReadFile(m_folder / "written"), std::string("a\0b", 3));
+    EXPECT_EQ(Run("return io.popen('true', 'x')"), "nil true: Invalid argument 22");
+    EXPECT_EQ(Run("local f = io.popen('true') f:close() return io.type(f), pcall(f.read, f)"),
+              "closed file false attempt to use a closed file");
+    EXPECT_EQ(Run("local n = 0 for line in io.popen('seq 5'):lines() do n = n + line end return n"), "15");
+}
+
+TEST_F(LuaPrograms, CollectedStreamIsClosed)
+{
+    EXPECT_EQ(Run("io.popen('cat > " + (m_folder / "written") + "', 'w'):write('kept') collectgarbage()"), "");
+    EXPECT_EQ(::Test::ReadFile(m_folder / "written"), "kept");
+}
+
+TEST_F(LuaPrograms, StartWithDefaultDispositionsAnEmptyMaskAndNoDescriptors)
+{
+    const ::Test::SignalGuard signals;
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    sigaddset(&blocked, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    struct sigaction before[2];
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGHUP, &ignore, &before[0]);
+    sigaction(SIGPIPE, &ignore, &before[1]);
+    const int extra = ::open("/dev/null", O_RDONLY); // not close-on-exec
+    const std::string show = "grep -E 'SigBlk|SigIgn' /proc/self/status; ls /proc/self/fd | tr '\\\\n' ' '";
+    const std::string shown = "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0 1 2 3 ";
+    EXPECT_EQ(Run("return io.popen([[" + show + "]]):read('*a')"), shown);
+    EXPECT_EQ(Run("os.execute([[(" + show + ") > " + (m_folder / "shown") + "]])"), "");
+    EXPECT_EQ(::Test::ReadFile(m_folder / "shown"), shown);
+    ::close(extra);
+    sigaction(SIGHUP, &before[0], nullptr);
+    sigaction(SIGPIPE, &before[1], nullptr);
+}
+
+TEST_F(LuaPrograms, BackgroundJobEndsWithTheProcess)
+{
+    const pid_t job = std::atoi(Run("os.execute('sleep 60 & echo $! > " + (m_folder / "job")
+                                    + "')\n"
+                                      "return io.open('"
+                                    + (m_folder / "job") + "'):read('*n')")
+                                    .c_str());
+    ASSERT_GT(job, 1);
+    const pid_t reads = std::atoi(Run("f = io.popen('echo $$; exec sleep 60') return f:read('*n')").c_str());
+    ASSERT_GT(reads, 1);
+    EndHelpers();
+    EXPECT_TRUE(ComesToItsEnd(job));
+    EXPECT_TRUE(ComesToItsEnd(reads));
+    EXPECT_EQ(Run("return f:close()"), "nil signal 15");
+}
+
+TEST_F(LuaPrograms, WhatWasWrittenToAProgramArrivesAlsoWhenTheProcessEnds)
+{
+    EXPECT_EQ(Run("f = io.popen('sleep 0.2; cat > " + (m_folder / "written") + "; echo end >> " + (m_folder / "written")
+                  + "', 'w') f:write('last words\\n')"),
+              "");
+    EndHelpers();
+    EXPECT_EQ(::Test::ReadFile(m_folder / "written"), "last words\nend\n");
+    EXPECT_EQ(Run("return f:close()"), "true exit 0");
+}

@@ -1,0 +1,177 @@
+#include "vex_core/process/helper_program.h"
+
+#include "support/process_guards.h"
+#include "support/temp_folder.h"
+#include "vex/core/runnable.h"
+#include "vex/core/sendsignal.h"
+#include "vex_core/base/end_steps.h"
+#include "vex_core/os/process_info.h"
+#include "vex_core/process/run_program.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace VexCore;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+class Thread : public CRunnable
+{
+public:
+    explicit Thread(std::function<void()> body) : CRunnable(false, -1, false), m_body(std::move(body)) {}
+
+protected:
+    void OnRun() override { m_body(); }
+
+private:
+    std::function<void()> m_body;
+};
+
+ProgramRequest Shell(const std::string& script)
+{
+    ProgramRequest request;
+    request.program = "/bin/sh";
+    request.arguments = {"-c", script};
+    return request;
+}
+
+bool Comes(const std::function<bool()>& condition)
+{
+    const auto limit = Clock::now() + std::chrono::seconds(20);
+    while (!condition() && Clock::now() < limit)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return condition();
+}
+
+bool Runs(pid_t pid)
+{
+    os::ProcessInfo info;
+    return os::GetProcessInfo(pid, info) && !info.zombie;
+}
+
+// Runs a script on a thread that is asked to end when the script has made the file "runs".
+ProgramResult RunAndStop(const ::Test::TempFolder& folder, const std::string& script, long& elapsedMs)
+{
+    ProgramResult result;
+    Thread thread([&] { result = RunProgram(Shell(script)); });
+    thread.start(50, true, 0);
+    EXPECT_TRUE(Comes([&] { return std::filesystem::exists(folder / "runs"); }));
+    const auto begin = Clock::now();
+    thread.requestExit();
+    thread.join();
+    elapsedMs = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count());
+    return result;
+}
+
+void EndHelpers()
+{
+    EndSteps::OfProcess().Find(EndStep::EndHelpers)();
+}
+
+} // namespace
+
+TEST(HelperOfAThread, EndsWhenTheThreadIsAskedToEnd)
+{
+    const ::Test::TempFolder folder;
+    long elapsedMs = 0;
+    const ProgramResult result = RunAndStop(folder, "echo early; touch " + (folder / "runs") + "; sleep 60", elapsedMs);
+    EXPECT_LT(elapsedMs, 1900);
+    EXPECT_FALSE(result.ran);
+    EXPECT_EQ(result.error, "Program '/bin/sh' was ended, because its thread is asked to end");
+    EXPECT_EQ(result.output, "early\n");
+}
+
+TEST(HelperOfAThread, EndsAlsoWhenItIgnoresTheFirstWord)
+{
+    const ::Test::TempFolder folder;
+    long elapsedMs = 0;
+    const ProgramResult result =
+        RunAndStop(folder, "trap '' TERM; touch " + (folder / "runs") + "; while :; do sleep 0.1; done", elapsedMs);
+    EXPECT_GE(elapsedMs, 1500);
+    EXPECT_LT(elapsedMs, 8000);
+    EXPECT_FALSE(result.ran);
+}
+
+TEST(HelperOfAThread, IsNotStartedWhenTheThreadWasAskedBefore)
+{
+    const ::Test::TempFolder folder;
+    ProgramResult result;
+    MayStart may[2] = {};
+    Thread* self = nullptr;
+    Thread thread([&] {
+        self->requestExit();
+        result = RunProgram(Shell("touch " + (folder / "runs")));
+        for (MayStart& each : may)
+            each = AskToStart();
+    });
+    self = &thread;
+    thread.start(50, true, 0);
+    thread.join();
+    EXPECT_FALSE(result.ran);
+    EXPECT_EQ(result.error, "Unable to run '/bin/sh': this thread is asked to end and starts no more programs");
+    EXPECT_FALSE(std::filesystem::exists(folder / "runs"));
+    EXPECT_EQ(may[0], MayStart::NoAgain);
+    EXPECT_EQ(may[1], MayStart::NoAgain);
+    EXPECT_EQ(AskToStart(), MayStart::Yes) << "another thread";
+}
+
+TEST(HelperOfAThread, OfAnotherThreadIsLeftAlone)
+{
+    const ::Test::TempFolder folder;
+    ProgramResult result;
+    Thread other([] {});
+    Thread thread([&] { result = RunProgram(Shell("touch " + (folder / "runs") + "; sleep 0.3; echo whole")); });
+    other.start(50, true, 0);
+    thread.start(50, true, 0);
+    EXPECT_TRUE(Comes([&] { return std::filesystem::exists(folder / "runs"); }));
+    other.requestExit();
+    thread.join();
+    other.join();
+    EXPECT_TRUE(result.ran) << result.error;
+    EXPECT_EQ(result.output, "whole\n");
+}
+
+TEST(HelpersAtTheEnd, WhatAProgramHasLeftRunningGetsATerm)
+{
+    const ProgramResult result = RunProgram(Shell("sleep 60 & echo $!"));
+    const pid_t left = std::atoi(result.output.c_str());
+    ASSERT_TRUE(Runs(left));
+    EndHelpers();
+    EXPECT_TRUE(Comes([&] { return !Runs(left); }));
+}
+
+TEST(HelpersAtTheEnd, WhatHasASessionOfItsOwnIsLeftAlone)
+{
+    const ::Test::TempFolder folder;
+    const ProgramResult result =
+        RunProgram(Shell("setsid sh -c 'echo $$ > " + (folder / "pid") + "; exec sleep 60' & while [ ! -s "
+                         + (folder / "pid") + " ]; do sleep 0.01; done; sleep 60 & echo $!"));
+    const pid_t own = std::atoi(::Test::ReadFile(folder / "pid").c_str());
+    const pid_t left = std::atoi(result.output.c_str());
+    ASSERT_TRUE(Runs(own) && Runs(left));
+    EndHelpers();
+    EXPECT_TRUE(Comes([&] { return !Runs(left); }));
+    EXPECT_TRUE(Runs(own));
+    SendSignal(own, SIGKILL);
+}
+
+TEST(HelpersAtTheEnd, WhatStillRunsGetsATerm)
+{
+    std::string name = "sleep", time = "60";
+    char* const arguments[] = {name.data(), time.data(), nullptr};
+    os::SpawnPlan plan;
+    plan.program = "/bin/sleep";
+    plan.arguments = arguments;
+    const std::unique_ptr<HelperProgram> program = HelperProgram::Start(plan);
+    ASSERT_TRUE(program);
+    EndHelpers();
+    EXPECT_EQ(program->Wait(0, {}), HelperProgram::End::Stopped);
+    EXPECT_EQ(program->Status(), SIGTERM);
+}
