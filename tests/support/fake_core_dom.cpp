@@ -248,6 +248,12 @@ wxString CDom::GetPluginWorkdirWx(const wxString& plugin) const
     return wxString::FromUTF8(FakeCore::Answers().pluginWorkdirRoot) + "/" + plugin;
 }
 
+std::string CDom::GetPluginWorkdir(const std::string& plugin) const
+{
+    Record("Dom.GetPluginWorkdir(" + Quote(plugin.c_str()) + ")");
+    return FakeCore::Answers().pluginWorkdirRoot + "/" + plugin;
+}
+
 // The launcher calls it on whatever domain it has, a null one in one test.
 __attribute__((no_sanitize("undefined"))) void CDom::RegisterLoader(lua_State* L)
 {

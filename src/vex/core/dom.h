@@ -107,6 +107,8 @@ public:
     /// "app.path.work"/plugins/`plugin`, made on demand with mode 0700. The path is returned even when it could not be
     /// made. A plugin name that is no plain file name (empty, ".", "..", with a "/") gives "app.path.work"/plugins.
     wxString GetPluginWorkdirWx(const wxString& plugin) const;
+    /// The same in bytes, as file names are.
+    std::string GetPluginWorkdir(const std::string& plugin) const;
 
     /// Installs a searcher into package.searchers of a Lua state, so that `require` finds modules inside the archives
     /// listed in "app.lua.zippath", and keeps package.path and package.cpath as `CLuaInterpreter::SetPackagePaths` left

@@ -446,21 +446,27 @@ CDom::EWait CDom::Wait(const char* key, std::int64_t timeoutMs) const
 
 // --- folders
 
+std::string CDom::GetPluginWorkdir(const std::string& plugin) const
+{
+    std::string path = Get("app.path.work");
+    const bool hasWork = !path.empty();
+    const bool isPlain = !plugin.empty() && plugin != "." && plugin != ".."
+                         && plugin.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+    if (hasWork && path.back() != '/')
+        path += '/';
+    path += "plugins";
+    if (isPlain)
+        path += '/' + plugin;
+    // Without a work folder there is no place of ours to make anything in.
+    if (hasWork)
+        os::MakePrivateFolders(path);
+    return path;
+}
+
 wxString CDom::GetPluginWorkdirWx(const wxString& plugin) const
 {
-    const std::string work = Get("app.path.work");
-    const bool plainName = !plugin.empty() && plugin != wxS(".") && plugin != wxS("..")
-                           && plugin.find(wxS('/')) == wxString::npos && plugin.find(wxUniChar(0)) == wxString::npos;
-    wxString path = FromForeignBytes(work);
-    if (!path.empty() && path.Last() != wxS('/'))
-        path += wxS('/');
-    path += wxS("plugins");
-    if (plainName)
-        path += wxS('/') + plugin;
-    // Without a work folder there is no place of ours to make anything in.
-    if (!work.empty())
-        os::MakePrivateFolders(ToSystemBytes(path));
-    return path;
+    const bool hasNul = plugin.find(wxUniChar(0)) != wxString::npos;
+    return FromSystemBytes(GetPluginWorkdir(hasNul ? std::string() : ToSystemBytes(plugin)));
 }
 
 } // namespace VexCore

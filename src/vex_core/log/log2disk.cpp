@@ -117,11 +117,10 @@ const char* NameOf(wxThreadIdType thread)
     return main == 0 || thread == main ? "main" : "thread";
 }
 
-void WriteRecord(LogLevel level, std::time_t time, wxThreadIdType thread, const wxString& message)
+void WriteRecord(LogLevel level, std::time_t time, wxThreadIdType thread, std::string_view text)
 {
     DiskLog& log = ProcessLog();
     Prepare(log);
-    const std::string text = BytesFromText(message);
     // In the background standard error is /dev/null, which is no terminal.
     const bool shown = level <= LogLevel::Warning && os::IsTerminal(standardError);
     if (shown) {
@@ -190,10 +189,10 @@ void CLog2Disk::Flush()
 
 void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info)
 {
-    WriteRecord(LevelOf(level), info.timestamp, info.threadId, message);
+    WriteRecord(LevelOf(level), info.timestamp, info.threadId, BytesFromText(message));
 }
 
-void WriteLogLine(wxLogLevel level, const wxString& text)
+void WriteLogLine(wxLogLevel level, std::string_view text)
 {
     WriteRecord(LevelOf(level), std::time(nullptr), wxThread::GetCurrentId(), text);
 }

@@ -2,6 +2,7 @@
 // The core library's own way into the disk log. Not part of the interface.
 
 #include <string>
+#include <string_view>
 
 #include <wx/log.h>
 
@@ -9,10 +10,10 @@ namespace VexCore {
 
 class DiskLog;
 
-/// Writes one line past the framework's level, as trace lines and Lua's "debug" lines go: the background
+/// Writes one line of any bytes past the framework's level, as trace lines and Lua's "debug" lines go: the background
 /// child, whose level stays low, keeps them. Shown on a terminal like any other. Any thread; the line is in
 /// the file when the call returns.
-void WriteLogLine(wxLogLevel level, const wxString& text);
+void WriteLogLine(wxLogLevel level, std::string_view text);
 
 /// The descriptor of the open log file, -1 while there is none: for the crash handler, which may only write to it. The
 /// number stays the same when the file is rotated. Async-signal-safe.

@@ -5,6 +5,7 @@
 
 #include "vex_core/base/text.h"
 #include "vex_core/domain/dom_observer.h"
+#include "vex_core/domain/dom_values.h"
 #include "vex_core/domain/root_dom.h"
 #include "vex_core/log/process_log.h"
 #include "vex_core/log/trace_modules.h"
@@ -74,7 +75,7 @@ void LogTrace(const char* module, const char* sourceFile, int line, const char* 
     wxString text = FromForeignBytes(module ? module : "");
     text << wxS(' ') << name << wxS('(') << FromForeignBytes(sourceFile ? sourceFile : "") << wxS(':') << line
          << wxS("): ") << message;
-    WriteLogLine(wxLOG_Trace, text);
+    WriteLogLine(wxLOG_Trace, BytesFromText(text));
 }
 
 } // namespace VexCore

@@ -5,13 +5,14 @@
 #include "vex/core/agentevent.h"
 #include "vex/core/clock.h"
 #include "vex/core/dom.h"
-#include "vex/core/execute.h"
 #include "vex/core/log.h"
 #include "vex_core/base/text.h"
 #include "vex_core/log/process_log.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_value.h"
 #include "vex_core/lua/wrap_worker.h"
+#include "vex_core/process/helper_program.h"
+#include "vex_core/process/run_program.h"
 
 #include <algorithm>
 #include <cmath>
@@ -19,8 +20,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include <wx/arrstr.h>
 #include <wx/log.h>
 
 using VexCore::CDom;
@@ -38,13 +39,6 @@ constexpr int handleKilobytes = 4; // of an ended worker
 wxString Text(std::string_view bytes)
 {
     return VexCore::FromForeignBytes(bytes);
-}
-
-int PushText(lua_State* L, const wxString& text)
-{
-    const wxScopedCharBuffer bytes = text.utf8_str();
-    lua_pushlstring(L, bytes.data(), bytes.length());
-    return 1;
 }
 
 int PushBytes(lua_State* L, std::string_view bytes)
@@ -167,11 +161,14 @@ int Log(CDom&, lua_State* L)
     for (const Level& level : levels) {
         if (level.name != name)
             continue;
-        // The framework would drop debug lines by its level, and in a release build altogether.
-        if (level.level == wxLOG_Debug)
-            VexCore::WriteLogLine(wxLOG_Debug, Text(text));
-        else
+        // The framework would drop debug lines by its level, and in a release build altogether. The disk log takes the
+        // bytes as they are; another target gets text.
+        if (level.level == wxLOG_Debug || dynamic_cast<VexCore::CLog2Disk*>(wxLog::GetActiveTarget())) {
+            if (level.level == wxLOG_Debug || wxLog::IsLevelEnabled(level.level, wxString()))
+                VexCore::WriteLogLine(level.level, text);
+        } else {
             wxLogGeneric(level.level, "%s", VexCore::TextWithoutNul(text));
+        }
         return 0;
     }
     RaiseArgumentError(L, firstArgument, "\"error\", \"warning\", \"message\", \"info\" or \"debug\"",
@@ -258,12 +255,12 @@ int AgentEvent(CDom& dom, lua_State* L)
 
 int PluginWorkdir(CDom& dom, lua_State* L)
 {
-    return PushText(L, dom.GetPluginWorkdirWx(Text(Value<std::string_view>::Get(L, firstArgument))));
+    return Value<std::string>::Push(L, dom.GetPluginWorkdir(Value<std::string>::Get(L, firstArgument)));
 }
 
-wxArrayString ProgramArguments(lua_State* L)
+std::vector<std::string> ProgramArguments(lua_State* L)
 {
-    wxArrayString arguments;
+    std::vector<std::string> arguments;
     if (lua_isnoneornil(L, secondArgument))
         return arguments;
     if (!lua_istable(L, secondArgument))
@@ -279,41 +276,63 @@ wxArrayString ProgramArguments(lua_State* L)
         if (std::string_view(bytes, length).find('\0') != std::string_view::npos)
             RaiseArgumentError(L, secondArgument, "array of strings",
                                lua_pushfstring(L, "string with a zero byte at [%d]", i));
-        arguments.push_back(Text({bytes, length}));
+        arguments.emplace_back(bytes, length);
         lua_pop(L, 1);
     }
     return arguments;
 }
 
-long ProgramTimeout(lua_State* L)
+// Pushes an option of the table at `thirdArgument`; false when it is not there. Another type is refused.
+bool PushOption(lua_State* L, const char* name, int type, const char* wanted)
+{
+    lua_getfield(L, thirdArgument, name);
+    if (lua_isnil(L, -1))
+        return false;
+    if (lua_type(L, -1) != type)
+        RaiseArgumentError(L, thirdArgument, wanted, luaL_typename(L, -1));
+    return true;
+}
+
+void ReadProgramOptions(lua_State* L, VexCore::ProgramRequest& request)
 {
     if (lua_isnoneornil(L, thirdArgument))
-        return 0;
+        return;
     if (!lua_istable(L, thirdArgument))
         RaiseArgumentError(L, thirdArgument, "table");
-    lua_getfield(L, thirdArgument, "timeout");
-    if (lua_isnil(L, -1))
-        return 0;
-    const double seconds = lua_tonumber(L, -1);
-    if (lua_type(L, -1) != LUA_TNUMBER || !(seconds > 0) || seconds > 1e9)
-        RaiseArgumentError(L, thirdArgument, "table with a positive number \"timeout\"",
-                           lua_type(L, -1) == LUA_TNUMBER ? "another number" : luaL_typename(L, -1));
-    lua_pop(L, 1);
-    return static_cast<long>(std::ceil(seconds * 1000));
+    constexpr const char* wantedTimeout = "table with a positive number \"timeout\"";
+    constexpr double maxSeconds = 1e9;
+    if (PushOption(L, "timeout", LUA_TNUMBER, wantedTimeout)) {
+        const double seconds = lua_tonumber(L, -1);
+        if (!(seconds > 0) || seconds > maxSeconds)
+            RaiseArgumentError(L, thirdArgument, wantedTimeout, "another number");
+        request.timeoutMs = static_cast<long>(std::ceil(seconds * 1000));
+    }
+    if (PushOption(L, "input", LUA_TSTRING, "table with a string \"input\"")) {
+        std::size_t length = 0;
+        const char* const bytes = lua_tolstring(L, -1, &length);
+        request.input.emplace(bytes, length);
+    }
+    if (PushOption(L, "separate", LUA_TBOOLEAN, "table with a boolean \"separate\""))
+        request.separate = lua_toboolean(L, -1) != 0;
 }
 
 int Execute(CDom&, lua_State* L)
 {
-    const wxString program = Text(Value<const char*>::Get(L, firstArgument));
-    const wxArrayString arguments = ProgramArguments(L);
-    const long timeoutMs = ProgramTimeout(L);
-    wxString output, error;
-    int exitCode = 0;
-    lua_pushboolean(L, VexCore::Execute(program, arguments, output, exitCode, error, timeoutMs));
-    PushText(L, output);
-    lua_pushinteger(L, exitCode);
-    PushText(L, error);
-    return 4;
+    VexCore::ProgramRequest request;
+    request.program = Value<const char*>::Get(L, firstArgument);
+    request.arguments = ProgramArguments(L);
+    ReadProgramOptions(L, request);
+    if (VexCore::AskToStart() == VexCore::MayStart::NoAgain)
+        return luaL_error(L, "%s", VexCore::asksNoMoreText);
+    const VexCore::ProgramResult result = VexCore::RunProgram(request);
+    const int top = lua_gettop(L);
+    lua_pushboolean(L, result.ran);
+    PushBytes(L, result.output);
+    if (request.separate)
+        PushBytes(L, result.errors);
+    lua_pushinteger(L, result.exitCode);
+    PushBytes(L, result.error);
+    return lua_gettop(L) - top;
 }
 
 std::int64_t TimeMillis(CDom&)

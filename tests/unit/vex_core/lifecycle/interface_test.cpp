@@ -46,6 +46,7 @@ static_assert(Has<std::string (CDom::*)(const char*) const>(&CDom::Get));
 static_assert(Has<bool (CDom::*)(const char*, bool&) const>(&CDom::Get));
 static_assert(std::is_same_v<decltype(&CDom::GetWxString), wxString (CDom::*)(const char*) const>);
 static_assert(std::is_same_v<decltype(&CDom::GetPluginWorkdirWx), wxString (CDom::*)(const wxString&) const>);
+static_assert(std::is_same_v<decltype(&CDom::GetPluginWorkdir), std::string (CDom::*)(const std::string&) const>);
 static_assert(std::is_same_v<decltype(&CDom::RegisterLoader), void (CDom::*)(lua_State*)>);
 static_assert(std::is_same_v<decltype(&CDom::AgentEventWrite), std::int64_t (CDom::*)(CAgentEvent&)>);
 static_assert(std::is_same_v<decltype(&SLB3::Wrapper<CDom>::Register), void (*)(SLB3::internal::Class<CDom>&)>);

@@ -8,6 +8,7 @@
 #include "vex/core/luainterpreter.h"
 
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -15,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <lua.hpp>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <wx/log.h>
 
 using ::testing::EndsWith;
@@ -239,6 +241,23 @@ TEST_F(DomainInLua, LogWritesAllLevelsToTheDiskLog)
         ".*WARNING \\[[0-9]+/main\\] a.+b\n");
 }
 
+TEST_F(DomainInLua, LogTakesBytesAsTheyAreAndTheLevelCounts)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(
+        {
+            delete wxLog::SetActiveTarget(new VexCore::CLog2Disk);
+            wxLog::SetLogLevel(wxLOG_Message);
+            Run("dom0:Log('message', 'caf\\233, caf\\195\\169'), dom0:Log('info', 'unseen')");
+            const std::string log = LogFile();
+            std::exit(log.find("] caf\xE9, caf\xC3\xA9\n") != std::string::npos
+                              && log.find("unseen") == std::string::npos
+                          ? 0
+                          : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(DomainInLua, TraceNamesTheCallingLineOfLua)
 {
     EXPECT_EQ(Run("dom0:TraceEnabled('mine')"), "false");
@@ -331,6 +350,15 @@ TEST_F(DomainInLua, PluginWorkdirIsMade)
     EXPECT_TRUE(std::filesystem::is_directory(m_folder / "plugins/näh"));
 }
 
+TEST_F(DomainInLua, PluginWorkdirIsNamedInBytes)
+{
+    EXPECT_EQ(Run("dom0:PluginWorkdir('n\\228h')"), m_folder / "plugins/n\xE4h");
+    EXPECT_TRUE(std::filesystem::is_directory(m_folder / "plugins/n\xE4h"));
+    m_dom->Set("app.path.work", m_folder / "w\xF6rk");
+    EXPECT_EQ(Run("dom0:PluginWorkdir('x')"), m_folder / "w\xF6rk/plugins/x");
+    EXPECT_TRUE(std::filesystem::is_directory(m_folder / "w\xF6rk/plugins/x"));
+}
+
 TEST_F(DomainInLua, ExecuteRunsAProgramWithArguments)
 {
     EXPECT_EQ(Run("dom0:Execute('/bin/echo', {'a b', 'c', 3})"), "true a b c 3\n 0 ");
@@ -340,6 +368,44 @@ TEST_F(DomainInLua, ExecuteRunsAProgramWithArguments)
     EXPECT_THAT(Run("dom0:Execute('/dev/null/program', {})"), MatchesRegex("false  -?[0-9]+ .*/dev/null/program.*"));
     EXPECT_THAT(Run("dom0:Execute('/bin/sleep', {'60'}, {timeout = 0.05})"),
                 MatchesRegex("false  -?[0-9]+ .*/bin/sleep.*"));
+}
+
+TEST_F(DomainInLua, BytesGoToAProgramAndComeBackAsTheyAre)
+{
+    const std::string latin = m_folder / "caf\xE9", utf8 = m_folder / "caf\xC3\xA9";
+    ::Test::WriteFile(latin, "of Latin-1");
+    ::Test::WriteFile(utf8, "of UTF-8");
+    EXPECT_EQ(Run("dom0:Execute('cat', {'" + latin + "'})"), "true of Latin-1 0 ");
+    EXPECT_EQ(Run("dom0:Execute('cat', {'" + utf8 + "'})"), "true of UTF-8 0 ");
+    EXPECT_EQ(Run("dom0:Execute('printf', {'\\\\377\\\\000A'})"), std::string("true \xFF\0A 0 ", 11));
+    EXPECT_EQ(Run("select(4, dom0:Execute('" + latin + "'))"), "Unable to run '" + latin + "': Permission denied");
+    const std::string folder = m_folder / "d\xE9";
+    std::filesystem::create_directory(folder);
+    ::Test::WriteFile(folder + "/run", "#!/bin/sh\necho here\n");
+    ::chmod((folder + "/run").c_str(), 0755);
+    EXPECT_EQ(Run("dom0:Execute('" + folder + "/run')"), "true here\n 0 ");
+}
+
+TEST_F(DomainInLua, ProgramReadsItsInput)
+{
+    EXPECT_EQ(Run("dom0:Execute('cat', {}, {input = 'a\\0b\\255'})"), std::string("true a\0b\xFF 0 ", 12));
+    EXPECT_EQ(Run("dom0:Execute('cat', {}, {input = ''})"), "true  0 ");
+    EXPECT_EQ(Run("#select(2, dom0:Execute('cat', {}, {input = ('x'):rep(5000000)}))"), "5000000");
+    EXPECT_EQ(Run("dom0:Execute('true', {}, {input = ('x'):rep(5000000)})"), "true  0 ") << "nobody reads it";
+}
+
+TEST_F(DomainInLua, ErrorOutputComesApartOnRequest)
+{
+    EXPECT_EQ(Run("dom0:Execute('sh', {'-c', 'echo one; echo two >&2; echo three'}, {separate = true})"),
+              "true one\nthree\n two\n 0 ");
+    EXPECT_EQ(Run("dom0:Execute('sh', {'-c', 'echo one; echo two >&2'}, {separate = false})"), "true one\ntwo\n 0 ");
+    EXPECT_EQ(Run("dom0:Execute('/nowhere/program', {}, {separate = true})"),
+              "false   -1 Unable to run '/nowhere/program': No such file or directory");
+    // More than two pipes hold, in turns.
+    EXPECT_EQ(
+        Run("(function(ok, out, err) return #out, #err end)(dom0:Execute('sh', {'-c',\n"
+            "'for i in 1 2 3; do head -c 100000 /dev/zero; head -c 100000 /dev/zero >&2; done'}, {separate = true}))"),
+        "300000 300000");
 }
 
 TEST_F(DomainInLua, ExecuteChecksItsArguments)
@@ -352,6 +418,10 @@ TEST_F(DomainInLua, ExecuteChecksItsArguments)
     EXPECT_THAT(Run("dom0:Execute('/bin/echo\\0x')"), HasSubstr("(string expected, got string with a zero byte)"));
     EXPECT_THAT(Run("dom0:Execute('/bin/echo', {'a', 'b\\0c'})"),
                 HasSubstr("(array of strings expected, got string with a zero byte at [2])"));
+    EXPECT_THAT(Run("dom0:Execute('x', {}, {input = {}})"),
+                HasSubstr("#3 to 'SLB.Dom:Execute' (table with a string \"input\" expected, got table)"));
+    EXPECT_THAT(Run("dom0:Execute('x', {}, {separate = 1})"),
+                HasSubstr("#3 to 'SLB.Dom:Execute' (table with a boolean \"separate\" expected, got number)"));
     EXPECT_THAT(Run("dom0:Execute('x', {}, 5)"), HasSubstr("#3 to 'SLB.Dom:Execute' (table expected, got number)"));
     EXPECT_THAT(Run("dom0:Execute('x', {}, {timeout = -1})"),
                 HasSubstr("positive number \"timeout\" expected, got another number"));
