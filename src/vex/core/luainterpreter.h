@@ -33,9 +33,15 @@ public:
     /// Loads a chunk (source text) from `in` under `name` and runs it with the `argumentCount` topmost values of the
     /// stack as its arguments. 0: success, exactly `resultCount` results are on the stack. Otherwise the arguments are
     /// gone, nothing is left, and `GetErrorInfo` tells: 1 it did not load, 2 it failed while it ran, 4 out of memory, 5
-    /// an error in a finaliser or in the error handler. Never 3: that status has a meaning to the supervisor.
-    /// While the chunk runs, `print` and `io.write` go to `out` when it is not null. Never throws.
+    /// an error in a finaliser or in the error handler. Never 3: that status has a meaning to the supervisor. Where
+    /// standard error is the null device, so that nobody can read what the caller writes there, a failure is an error
+    /// record in the log too.
+    ///
+    /// While the chunk runs, `print` and `io.write` go to `out` when it is not null; `print` flushes it. Never throws.
     int RunScript(wxInputStream& in, int argumentCount, int resultCount, const wxString& name, wxOutputStream* out);
+
+    /// From now on a failure of `RunScript` is no record in the log: the caller has words of its own for it.
+    void LeaveFailuresToCaller();
 
     /// Message and traceback of the last failure; empty when none has happened. It stays until the next failure.
     wxString GetErrorInfo() const;

@@ -8,11 +8,13 @@
 #include "slb3/error.h"
 #include "vex/core/processexit.h"
 #include "vex_core/base/text.h"
+#include "vex_core/log/process_log.h"
 #include "vex_core/lua/error_text.h"
 #include "vex_core/lua/lua_output.h"
 #include "vex_core/lua/lua_programs.h"
 #include "vex_core/lua/native_modules.h"
 #include "vex_core/lua/package_paths.h"
+#include "vex_core/os/files.h"
 
 #include <cstdlib>
 #include <new>
@@ -33,6 +35,7 @@ constexpr int statusNoMemory = 4;
 constexpr int statusHandlerFailed = 5;
 
 constexpr std::size_t readBytes = 16 * 1024;
+constexpr int standardError = 2;
 
 // One run of a chunk, on the way through Lua.
 struct Run
@@ -42,6 +45,7 @@ struct Run
     int resultCount;
     int loadStatus; // of lua_load
     Run* outer; // the run that this one is nested in
+    std::string trace; // the calls that were under way when it failed
     char buffer[readBytes];
 };
 
@@ -70,20 +74,9 @@ const char* ReadChunk(lua_State* L, void* context, std::size_t* size)
     return run.buffer;
 }
 
-// Message handler: the value's text with a traceback, unless it carries one from where it was first caught.
-int AddTraceback(lua_State* L)
+bool HasTraceback(std::string_view text)
 {
-    PushErrorText(L, 1);
-    std::size_t length = 0;
-    const char* const text = lua_tolstring(L, -1, &length);
-    const bool hasOne = std::string_view(text, length).find("\nstack traceback:\n") != std::string_view::npos;
-    if (CurrentRun(L).loadStatus == LUA_OK && !hasOne) {
-        // Not given to the function itself, which would end the text at a NUL.
-        lua_pushliteral(L, "\n");
-        luaL_traceback(L, L, nullptr, 1);
-        lua_concat(L, 3);
-    }
-    return 1;
+    return text.find("\nstack traceback:\n") != std::string_view::npos;
 }
 
 // Loads and runs the chunk of the current run with the arguments on the stack.
@@ -97,7 +90,15 @@ int LoadAndRun(lua_State* L)
     luaL_checkstack(L, run.resultCount, "results of the chunk"); // which Lua fills up with nil without asking for room
     // An exception of a native module that is not bound through the binder ends here, not as a failure without a text.
     return SLB3::internal::Guard(L, [&] {
-        lua_call(L, lua_gettop(L) - 1, run.resultCount);
+        try {
+            lua_call(L, lua_gettop(L) - 1, run.resultCount);
+        } catch (...) {
+            // No message handler of Lua's does this: there is none for want of memory or for a finaliser, and it would
+            // see errors that `load` catches as well. Lua's errors are exceptions, and until Lua itself catches one all
+            // calls are still there.
+            run.trace = Traceback(L);
+            throw;
+        }
         return lua_gettop(L);
     });
 }
@@ -176,6 +177,7 @@ struct CLuaInterpreter::Impl
     lua_State* L = nullptr;
     bool collectAtEnd = false;
     bool openLibraries = false;
+    bool leavesFailuresToCaller = false;
     wxString name;
     wxString errorInfo;
     LuaOutput output;
@@ -205,11 +207,42 @@ struct CLuaInterpreter::Impl
         return 0;
     }
 
-    void KeepError()
+    static int ErrorText(lua_State* L)
     {
+        PushErrorText(L, 1);
+        lua_tolstring(L, -1, nullptr); // a number becomes a text here, where that may fail
+        return 1;
+    }
+
+    // Keeps what the error value on top of the stack says, with the trace, unless it carries one from where it was
+    // first caught.
+    void KeepError(const std::string& trace)
+    {
+        if (lua_type(L, -1) != LUA_TSTRING) {
+            lua_pushcfunction(L, &ErrorText);
+            lua_insert(L, -2);
+            lua_pcall(L, 1, 1, 0);
+        }
         std::size_t length = 0;
-        const char* text = lua_tolstring(L, -1, &length);
-        errorInfo = text ? FromForeignBytes(text, length) : wxString("(no message)");
+        const char* const message = lua_tolstring(L, -1, &length);
+        std::string text = message ? std::string(message, length) : "(no message)";
+        if (!trace.empty() && !HasTraceback(text))
+            text += '\n' + trace;
+        errorInfo = FromForeignBytes(text.data(), text.size());
+    }
+
+    int RunScript(wxInputStream& in, int argumentCount, int resultCount, const wxString& name, wxOutputStream* out);
+
+    // What the launcher writes to standard error is nowhere when that is the null device.
+    void LogFailure() const
+    {
+        if (leavesFailuresToCaller || !os::IsNullDevice(standardError))
+            return;
+        try {
+            WriteLogLine(wxLOG_Error, errorInfo);
+        } catch (const std::bad_alloc&) {
+            // The failure is known to the caller; that there is no room to write it down is no second one.
+        }
     }
 };
 
@@ -235,7 +268,7 @@ CLuaInterpreter::~CLuaInterpreter()
     if (m_impl->collectAtEnd) {
         lua_pushcfunction(m_impl->L, &Impl::Collect);
         if (lua_pcall(m_impl->L, 0, 0, 0) != LUA_OK) {
-            m_impl->KeepError();
+            m_impl->KeepError(std::string());
             wxLogWarning("%s: %s", m_impl->name, m_impl->errorInfo);
         }
     }
@@ -252,41 +285,50 @@ void CLuaInterpreter::SetPackagePaths(const char* bin, const char* path, const c
     m_impl->packagePaths.Set(L(), OrEmpty(bin), OrEmpty(path), OrEmpty(cpath));
 }
 
-int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultCount, const wxString& name,
-                               wxOutputStream* out)
+int CLuaInterpreter::Impl::RunScript(wxInputStream& in, int argumentCount, int resultCount, const wxString& chunkName,
+                                     wxOutputStream* out)
 {
-    lua_State* const state = L();
-    const int base = lua_gettop(state) - argumentCount;
+    const int base = lua_gettop(L) - argumentCount;
     try {
-        if (!lua_checkstack(state, resultCount + 8)) {
-            lua_settop(state, base);
-            m_impl->errorInfo = "stack overflow";
+        if (!lua_checkstack(L, resultCount + 8)) {
+            lua_settop(L, base);
+            errorInfo = "stack overflow";
             return statusFailed;
         }
         // On the heap: nested chunks would carry their buffers on the thread's stack.
-        const std::unique_ptr<Run> run(
-            new Run{in, "=" + std::string(name.utf8_str()), resultCount, LUA_OK, m_impl->run, {}});
-        const NestedRun nested(m_impl->run, run.get());
-        const LuaOutput::Redirection redirection(m_impl->output, out);
+        const std::unique_ptr<Run> current(
+            new Run{in, "=" + std::string(chunkName.utf8_str()), resultCount, LUA_OK, run, {}, {}});
+        const NestedRun nested(run, current.get());
+        const LuaOutput::Redirection redirection(output, out);
 
-        // Functions without upvalues: nothing here allocates in Lua, where an error could not be caught yet.
-        lua_pushcfunction(state, LoadAndRun);
-        lua_insert(state, base + 1);
-        lua_pushcfunction(state, AddTraceback);
-        lua_insert(state, base + 1);
-        const int callStatus = lua_pcall(state, argumentCount, resultCount, base + 1);
-        if (callStatus == LUA_OK) {
-            lua_remove(state, base + 1);
+        // A function without upvalues: nothing here allocates in Lua, where an error could not be caught yet.
+        lua_pushcfunction(L, LoadAndRun);
+        lua_insert(L, base + 1);
+        const int callStatus = lua_pcall(L, argumentCount, resultCount, 0);
+        if (callStatus == LUA_OK)
             return 0;
-        }
-        m_impl->KeepError();
-        lua_settop(state, base);
-        return StatusOf(callStatus, run->loadStatus);
+        KeepError(current->trace);
+        lua_settop(L, base);
+        return StatusOf(callStatus, current->loadStatus);
     } catch (const std::bad_alloc&) {
-        lua_settop(state, base);
-        m_impl->errorInfo = "not enough memory";
+        lua_settop(L, base);
+        errorInfo = "not enough memory";
         return statusNoMemory;
     }
+}
+
+int CLuaInterpreter::RunScript(wxInputStream& in, int argumentCount, int resultCount, const wxString& name,
+                               wxOutputStream* out)
+{
+    const int status = m_impl->RunScript(in, argumentCount, resultCount, name, out);
+    if (status != 0)
+        m_impl->LogFailure();
+    return status;
+}
+
+void CLuaInterpreter::LeaveFailuresToCaller()
+{
+    m_impl->leavesFailuresToCaller = true;
 }
 
 wxString CLuaInterpreter::GetErrorInfo() const

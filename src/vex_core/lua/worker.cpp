@@ -100,6 +100,7 @@ int Worker::PushArguments(lua_State* L)
 int Worker::Work()
 {
     CLuaInterpreter lua(false, L"worker.lua", true);
+    lua.LeaveFailuresToCaller();
     m_lua = &lua;
     if (!Protected(lua, &PrepareState, 0) || !Protected(lua, &PushArguments, 2))
         return statusFailed;

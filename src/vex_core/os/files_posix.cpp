@@ -92,6 +92,14 @@ bool IsTerminal(int descriptor)
     return ::isatty(descriptor) == 1;
 }
 
+bool IsNullDevice(int descriptor)
+{
+    const KeepError keep;
+    struct stat open, null;
+    return ::fstat(descriptor, &open) == 0 && S_ISCHR(open.st_mode) && ::stat("/dev/null", &null) == 0
+           && open.st_rdev == null.st_rdev && S_ISCHR(null.st_mode);
+}
+
 // --- reading and writing
 
 ssize_t Read(int descriptor, void* data, std::size_t size)

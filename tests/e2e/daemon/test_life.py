@@ -147,6 +147,30 @@ def test_a_stop_ends_the_supervisor_with_the_status_of_shutdown(tree):
     check_log(tree, CAUGHT, exited(4))
 
 
+@pytest.mark.any_user
+@pytest.mark.parametrize("method,status", [("init", 2), ("main", 2), ("main", 5)])
+def test_a_lua_error_in_the_background_is_one_record_with_its_traceback(tree, method, status):
+    late = status == 5
+    failure = "setmetatable({}, {__gc = function() error('boom') end}) collectgarbage()" if late else "error('boom')"
+    tree.app("probe", f"return {{ {method} = function() local function inner() {failure} end inner() return 0 end }}")
+    assert run_adopted(tree) == status
+    where = r"[^\n]*probe\.lua:1"
+    message = rf"error in __gc metamethod \({where}: boom\)" if late else rf"{where}: boom"
+    trace = rf"{message}\nstack traceback:\n\[C\]: in function '{'collectgarbage' if late else 'error'}'\n{where}: in function 'inner'\n.*"
+    check_log(tree, ("ERROR", re.compile(trace, re.S)), exited(status), stops=0)
+
+
+def test_a_failed_worker_in_the_background_is_one_record(tree):
+    tree.app("probe", """return { main = function()
+  dom0:StartThread("failing"):Join(20)
+  return 4
+end }""")
+    tree.file("failing.lua", "return { run = function() error('boom') end }")
+    assert run_adopted(tree) == 4
+    check_log(tree, ("ERROR", re.compile(r'Worker "failing" failed: [^\n]*failing\.lua:1: boom\nstack traceback:\n.*', re.S)),
+              exited(4), stops=0)
+
+
 CRASHES = (signal.SIGILL, signal.SIGTRAP, signal.SIGABRT, signal.SIGSEGV)
 WITH_A_DUMP = CRASHES + (signal.SIGFPE, signal.SIGBUS)
 

@@ -1,19 +1,28 @@
 #include "vex/core/luainterpreter.h"
 
 #include "support/process_guards.h"
+#include "support/temp_folder.h"
+#include "vex_core/log/disk_log.h"
+#include "vex_core/log/process_log.h"
+#include "vex_core/os/descriptor.h"
+#include "vex_core/os/files.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <stdexcept>
 #include <string>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <lua.hpp>
+#include <unistd.h>
 #include <wx/mstream.h>
 #include <wx/sstream.h>
 
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -252,10 +261,101 @@ TEST_F(Interpreter, EndlessStringIsStatusOneOrFour)
     EXPECT_EQ(Run("return 'unfinished"), 1);
 }
 
-TEST_F(Interpreter, ErrorInAFinaliserIsStatusFive)
+TEST_F(Interpreter, ErrorInAFinaliserIsStatusFiveWithTheCallsThatItInterrupted)
 {
-    EXPECT_EQ(Run("setmetatable({}, {__gc = function() error('late') end}) collectgarbage()"), 5);
-    EXPECT_THAT(Error(), HasSubstr("late"));
+    EXPECT_EQ(Run("local function collect() collectgarbage() return 1 end\n"
+                  "setmetatable({}, {__gc = function() error('late') end}) collect()"),
+              5);
+    EXPECT_EQ(Error(), "error in __gc metamethod (chunk:2: late)\nstack traceback:\n"
+                       "\t[C]: in function 'collectgarbage'\n\tchunk:1: in function 'collect'\n"
+                       "\tchunk:2: in main chunk\n\t[C]: in ?");
+}
+
+TEST_F(Interpreter, WantOfMemoryHasATraceback)
+{
+    m_allocator.left = 1 << 20;
+    lua_setallocf(m_lua.L(), &LimitedAllocator::Allocate, &m_allocator);
+    EXPECT_EQ(Run("local function grow(t)\nfor i = 1, 1e9 do t[i] = {i} end\nreturn t end\ngrow({})"), 4);
+    EXPECT_EQ(Error(), "not enough memory\nstack traceback:\n\tchunk:2: in function 'grow'\n"
+                       "\tchunk:4: in main chunk\n\t[C]: in ?");
+    EXPECT_EQ(Run("local s = ('x'):rep(1e6) return (s:gsub('x', s))"), 4);
+    EXPECT_THAT(Error(), StartsWith("not enough memory\nstack traceback:\n\t[C]: in function 'rep'"));
+}
+
+TEST_F(Interpreter, TracebackOfADeepFailureIsShortAndAsLuaWritesIt)
+{
+    const std::string deep = "local trace local function down(n) if n > 0 then local r = down(n - 1) return r end ";
+    const std::string rest = " end local function first() return down(3000) end first()";
+    EXPECT_EQ(Run(deep + "error('deep', 0)" + rest + " return 1"), 2);
+    const std::string ours = Error();
+    ASSERT_EQ(Run(deep + "error(debug.traceback('deep', 1), 0)" + rest + " return 1"), 2);
+    // Lua's own begins in the function, ours in `error`, which it calls: one line of the first ones differs.
+    const std::string luas = Error();
+    EXPECT_EQ(CountOf(ours, "\n"), CountOf(luas, "\n")) << ours;
+    EXPECT_EQ(CountOf(ours, "\n\t...\n"), 1);
+    EXPECT_EQ(CountOf(ours, "\n\t(...tail calls...)"), 1);
+    EXPECT_EQ(ours.substr(ours.find("\n\t...\n")), luas.substr(luas.find("\n\t...\n")));
+    EXPECT_THAT(ours,
+                StartsWith("deep\nstack traceback:\n\t[C]: in function 'error'\n\tchunk:1: in function 'down'\n"));
+}
+
+TEST_F(Interpreter, ErrorThatLoadCatchesFromItsReaderIsTheMessageAlone)
+{
+    EXPECT_EQ(Run("local ok, why = load(function() error('from the reader', 0) end) "
+                  "assert(ok == nil and why == 'from the reader', why) "
+                  "local value = {} ok, why = load(function() error(value) end) assert(ok == nil and why == value)"),
+              0)
+        << Error();
+}
+
+// Where a failure is told to somebody, and where to nobody.
+class LoggedFailure : public Interpreter
+{
+protected:
+    LoggedFailure() : m_log(0, 2)
+    {
+        m_log.SetFile(m_folder / "log");
+        m_before = VexCore::ReplaceProcessLog(&m_log);
+    }
+    ~LoggedFailure() override { VexCore::ReplaceProcessLog(m_before); }
+
+    // Runs with standard error going to the file of that name.
+    void RunTo(const std::string& standardError, const std::string& code)
+    {
+        const VexCore::os::Descriptor file(VexCore::os::Open(standardError.c_str(), O_WRONLY | O_CREAT, 0600));
+        const VexCore::os::Descriptor before(::dup(2));
+        ASSERT_EQ(::dup2(file.Get(), 2), 2);
+        const int status = Run(code);
+        ASSERT_EQ(::dup2(before.Get(), 2), 2);
+        EXPECT_EQ(status, 2);
+    }
+    std::string Log()
+    {
+        const std::string path = m_folder / "log";
+        return std::filesystem::exists(path) ? ::Test::ReadFile(path) : std::string();
+    }
+
+    ::Test::TempFolder m_folder;
+    VexCore::DiskLog m_log;
+    VexCore::DiskLog* m_before = nullptr;
+};
+
+TEST_F(LoggedFailure, IsOneRecordWhereStandardErrorIsNowhere)
+{
+    RunTo("/dev/null", "error('lost?')");
+    const std::string log = Log();
+    EXPECT_THAT(log, ContainsRegex("^[^\n]* ERROR \\[[0-9]+/main\\] chunk:1: lost\\?\n +stack traceback:\n"));
+    EXPECT_EQ(CountOf(log, "lost?"), 1);
+}
+
+TEST_F(LoggedFailure, IsNotTheLogsWhereSomebodyReadsStandardErrorOrTheCallerHasWordsOfItsOwn)
+{
+    RunTo(m_folder / "standard error", "error('read')");
+    RunTo("/dev/zero", "error('another device')");
+    EXPECT_EQ(Log(), "");
+    m_lua.LeaveFailuresToCaller();
+    RunTo("/dev/null", "error('told by the caller')");
+    EXPECT_EQ(Log(), "");
 }
 
 TEST_F(Interpreter, ForeignExceptionIsStatusTwoWithItsText)
