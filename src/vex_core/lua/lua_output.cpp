@@ -67,6 +67,12 @@ bool LuaOutput::Write(const char* data, std::size_t size)
     return m_out->Write(data, size).LastWrite() == size;
 }
 
+void LuaOutput::Sync()
+{
+    const wxLogNull quiet; // the same closed pipe
+    m_out->Sync();
+}
+
 int LuaOutput::Print(lua_State* L)
 {
     LuaOutput& self = Self(L);
@@ -101,7 +107,9 @@ int LuaOutput::PrintLine(lua_State* L)
         m_line.append(text, length);
     }
     m_line += '\n';
-    Write(m_line.data(), m_line.size()); // print reports no failure, here as in Lua itself
+    // As Lua's own print: no failure is reported, and the line is out before a child or standard error writes the next.
+    Write(m_line.data(), m_line.size());
+    Sync();
     if (m_line.capacity() > keptLineBytes)
         std::string().swap(m_line);
     return 0;
@@ -140,7 +148,7 @@ int LuaOutput::FileWrite(lua_State* L)
 
 int LuaOutput::Flush(lua_State* L)
 {
-    m_out->Sync();
+    Sync();
     lua_rawgetp(L, LUA_REGISTRYINDEX, this);
     return 1;
 }

@@ -36,6 +36,20 @@ def test_init_main_and_shutdown_run_in_order(tree, name):
     assert (result.status, result.out, result.err) == (0, "load\ninit\nmain\nshutdown\n", "")
 
 
+@pytest.mark.fast
+@pytest.mark.parametrize("mode", ["main", "test"])
+def test_a_printed_line_is_out_before_what_others_write_next(tree, mode):
+    lines = """print("one") os.execute("echo two") print("three") io.stderr:write("four\\n")
+        io.write("five, ") os.execute("echo six") io.flush()"""
+    tree.app("probe", "return { main = function() " + lines + " return 0 end }")
+    tree.file("a_test.lua", "return { test_it = function() " + lines + " end }")
+    arguments = [] if mode == "main" else ["--unittest", "a_test.lua", "--", "--quiet"]
+    result = tree.run(*arguments, name="probe", cwd=tree.path, prefix=("/bin/sh", "-c", 'exec "$0" "$@" 2>&1'))
+    assert result.status == 0, result.out
+    # What is written without a line of print waits for a flush, as in Lua itself.
+    assert result.out.startswith("one\ntwo\nthree\nfour\nsix\nfive, "), result.out
+
+
 @pytest.mark.quick
 @pytest.mark.parametrize("step,printed", [("init", "init\n"), ("main", "init\nmain\n"), ("shutdown", "init\nmain\nshutdown\n")])
 @NAMES

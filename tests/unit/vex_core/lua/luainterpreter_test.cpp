@@ -516,6 +516,23 @@ TEST_F(Interpreter, FlushReachesTheStream)
     EXPECT_EQ(out.flushed, 2);
 }
 
+TEST_F(Interpreter, PrintFlushesEachLineAndWriteDoesNot)
+{
+    struct Recording : wxOutputStream
+    {
+        std::string seen;
+        void Sync() override { seen += '!'; }
+        size_t OnSysWrite(const void* data, size_t size) override
+        {
+            seen.append(static_cast<const char*>(data), size);
+            return size;
+        }
+    } out;
+    wxStringInputStream in("print('a', 1) io.write('b') print() io.stdout:write('c')");
+    EXPECT_EQ(m_lua.RunScript(in, 0, 0, "flush", &out), 0) << Error();
+    EXPECT_EQ(out.seen, "a\t1\n!b\n!c");
+}
+
 TEST_F(Interpreter, OutputOfACoroutineAndOfANestedCallGoesToTheStreamToo)
 {
     EXPECT_EQ(Run("coroutine.wrap(function() print('in a coroutine') io.write('w', 1, '\\n') end)() "
