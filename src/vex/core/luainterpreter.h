@@ -25,9 +25,10 @@ public:
     /// The state; owned by the interpreter.
     lua_State* L() const;
 
-    /// package.path becomes `path`, then `bin`/?.lua and `bin`/?/init.lua, then Lua's own default; package.cpath
-    /// likewise `cpath`, `bin`/lib/?.so, default. Empty texts are left out, and so are the templates that look into the
-    /// current directory: a daemon does not load code from wherever it was started. May raise a Lua error.
+    /// package.path becomes `path`, then `bin`/?.lua and `bin`/?/init.lua, then the default that Lua was built with,
+    /// whatever LUA_PATH says; package.cpath likewise `cpath`, `bin`/lib/?.so, default. Empty texts are left out, and
+    /// so are the templates that look into the current directory: a daemon does not load code from wherever it was
+    /// started. May raise a Lua error.
     void SetPackagePaths(const char* bin, const char* path, const char* cpath);
 
     /// Loads a chunk (source text) from `in` under `name` and runs it with the `argumentCount` topmost values of the

@@ -191,6 +191,9 @@ struct CLuaInterpreter::Impl
         lua_rawsetp(L, LUA_REGISTRYINDEX, &runKey);
         if (!self.openLibraries)
             return 0;
+        // No code by environment: LUA_PATH, LUA_CPATH and the names with a version are not read.
+        lua_pushboolean(L, 1);
+        lua_setfield(L, LUA_REGISTRYINDEX, "LUA_NOENV");
         luaL_openlibs(L);
         KeepNativeModulesLoaded(L);
         ReplaceExit(L);

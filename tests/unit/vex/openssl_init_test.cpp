@@ -6,12 +6,15 @@
 
 #include "support/launcher_test.h"
 
+#include <cstdlib>
+
 #include <openssl/conf.h>
 #include <openssl/crypto.h>
+#include <openssl/provider.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
 
-#if OPENSSL_VERSION_NUMBER >= 0x10100000L
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
 
 using testing::ElementsAre;
 
@@ -20,8 +23,12 @@ bool g_records = false;
 
 void RecordCall(const std::string& line)
 {
-    if (g_records)
-        FakeCore::Record(line);
+    if (!g_records)
+        return;
+    FakeCore::Record(line);
+    for (const char* const name : {"OPENSSL_CONF", "OPENSSL_CONF_INCLUDE", "OPENSSL_ENGINES", "OPENSSL_MODULES"})
+        if (std::getenv(name))
+            FakeCore::Record(std::string("while there is ") + name);
 }
 
 } // namespace
@@ -59,7 +66,15 @@ extern "C" void CONF_modules_unload(int all)
     RecordCall("CONF_modules_unload " + std::to_string(all));
 }
 
+extern "C" int OSSL_PROVIDER_set_default_search_path(OSSL_LIB_CTX* context, const char* path)
+{
+    RecordCall(std::string("providers of ") + (context ? "one context" : "the process") + " from " + path);
+    return 1;
+}
+
 namespace {
+const std::string g_providers = std::string("providers of the process from ") + OPENSSL_info(OPENSSL_INFO_MODULES_DIR);
+
 class OpenSslDeathTest : public LauncherTest
 {};
 
@@ -68,8 +83,23 @@ TEST_F(OpenSslDeathTest, IsStartedWithoutItsConfigurationThenGetsItsLocksAndThen
     EXPECT_IN_FRESH_PROCESS({
         g_records = true;
         CAgentApp::StartupInit();
-        EXPECT_THAT(FakeCore::Journal(), ElementsAre("algorithms", "library", "error strings", "OpenSSLThreadSetup()",
-                                                     "RAND_poll", "RAND_status"));
+        EXPECT_THAT(FakeCore::Journal(), ElementsAre(g_providers, "algorithms", "library", "error strings",
+                                                     "OpenSSLThreadSetup()", "RAND_poll", "RAND_status"));
+    });
+}
+
+TEST_F(OpenSslDeathTest, FindsNothingInTheEnvironmentThatProgramsFindAgain)
+{
+    EXPECT_IN_FRESH_PROCESS({
+        for (const char* const name : {"OPENSSL_CONF", "OPENSSL_ENGINES", "OPENSSL_MODULES"})
+            ::setenv(name, "/stray", 1);
+        ::setenv("OPENSSL_CONF_INCLUDE", "", 1);
+        g_records = true;
+        StartOpenSsl();
+        EXPECT_THAT(FakeCore::Journal(), ElementsAre(g_providers, "algorithms", "library", "error strings"));
+        for (const char* const name : {"OPENSSL_CONF", "OPENSSL_ENGINES", "OPENSSL_MODULES"})
+            EXPECT_STREQ(std::getenv(name), "/stray");
+        EXPECT_STREQ(std::getenv("OPENSSL_CONF_INCLUDE"), "");
     });
 }
 

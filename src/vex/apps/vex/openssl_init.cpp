@@ -13,9 +13,49 @@
 #include <openssl/opensslv.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
+#include <openssl/provider.h>
+#endif
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+namespace {
+// A variable of the environment is away for the scope's life. Programs that are started later find it again.
+class HiddenVariable
+{
+public:
+    explicit HiddenVariable(const char* name) : m_name(name)
+    {
+        if (const char* const value = std::getenv(name))
+            m_value = value;
+        ::unsetenv(name);
+    }
+    ~HiddenVariable()
+    {
+        if (m_value)
+            ::setenv(m_name, m_value->c_str(), 1);
+    }
+    HiddenVariable(const HiddenVariable&) = delete;
+    HiddenVariable& operator=(const HiddenVariable&) = delete;
+
+private:
+    const char* const m_name;
+    std::optional<std::string> m_value;
+};
+
+} // namespace
 
 void StartOpenSsl()
 {
+    // No code by environment. From 1.1 on the start reads a configuration, which may load libraries; it reads it once,
+    // and without these variables that is the system's own file. Providers may also be loaded at any time later.
+    const HiddenVariable hidden[] = {HiddenVariable("OPENSSL_CONF"), HiddenVariable("OPENSSL_CONF_INCLUDE"),
+                                     HiddenVariable("OPENSSL_ENGINES"), HiddenVariable("OPENSSL_MODULES")};
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
+    OSSL_PROVIDER_set_default_search_path(nullptr, OPENSSL_info(OPENSSL_INFO_MODULES_DIR));
+#endif
     OPENSSL_add_all_algorithms_noconf();
     SSL_library_init();
     SSL_load_error_strings();

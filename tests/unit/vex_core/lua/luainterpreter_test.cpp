@@ -584,6 +584,21 @@ TEST_F(Interpreter, SettingPathsAgainDoesNotPileThemUp)
     EXPECT_EQ(Global("package", "path"), once);
 }
 
+TEST_F(Interpreter, EnvironmentNamesNoFolderOfModules)
+{
+    const ::Test::Variable any("LUA_PATH", "/stray/?.lua;;"), versioned("LUA_PATH_5_2", "/stray52/?.lua;;");
+    const ::Test::Variable anyNative("LUA_CPATH", "/stray/?.so"), versionedNative("LUA_CPATH_5_2", "/stray52/?.so");
+    CLuaInterpreter other(false, L"other.lua", true);
+    other.SetPackagePaths("", "", "");
+    m_lua.SetPackagePaths("", "", "");
+    for (const char* field : {"path", "cpath"}) {
+        lua_getglobal(other.L(), "package");
+        lua_getfield(other.L(), -1, field);
+        EXPECT_EQ(lua_tostring(other.L(), -1), Global("package", field));
+        EXPECT_THAT(lua_tostring(other.L(), -1), Not(HasSubstr("stray")));
+    }
+}
+
 // --- life
 
 TEST(InterpreterLife, WithoutLibrariesThereAreNoGlobals)
