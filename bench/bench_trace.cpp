@@ -1,5 +1,5 @@
-// What asking for a trace line costs where nothing is traced: `LogTraceIsEnabled` against the call of an empty function
-// that is not inlined. Fails when it takes more than twice as long.
+// What asking for a trace line costs where nothing is traced, and where other modules are: `LogTraceIsEnabled` against
+// the call of an empty function that is not inlined. Fails when it takes more than twice as long.
 
 #include "vex/core/dom.h"
 #include "vex/core/log.h"
@@ -47,7 +47,8 @@ int main()
     dom->Set("app.trace+", "Cmd,Srvc,vex.Heartbeat,vex.ListenThread,vex.PluginUtils");
     const double others = NanosecondsPerCall(VexCore::LogTraceIsEnabled);
     dom->Release();
-    std::printf("empty call %.2f ns, nothing traced %.2f ns (%.2f x, at most 2), other modules traced %.2f ns\n",
-                nothing, disabled, disabled / nothing, others);
-    return disabled <= 2 * nothing ? 0 : 1;
+    std::printf(
+        "empty call %.2f ns, nothing traced %.2f ns (%.2f x, at most 2), other modules traced %.2f ns (%.2f x)\n",
+        nothing, disabled, disabled / nothing, others, others / nothing);
+    return std::max(disabled, others) <= 2 * nothing ? 0 : 1;
 }

@@ -1,5 +1,5 @@
-// Which modules are traced. The set of modules is immutable and stands behind an atomic pointer: asking takes no lock,
-// and with nothing traced it is one relaxed load.
+// Which modules are traced. The set of modules is immutable and stands behind an atomic pointer: asking takes no lock.
+// For a module that is not traced it is one relaxed load, of the marks of those that are.
 
 #include "vex/core/log.h"
 
@@ -18,6 +18,7 @@
 namespace VexCore {
 
 namespace {
+std::atomic<std::uint64_t> g_marks{0}; // of the modules in the list
 std::atomic<const TraceModules*> g_modules{nullptr};
 
 void ReloadTraceModules();
@@ -55,17 +56,19 @@ void ReloadTraceModules()
     if (*root)
         text = (*root)->Get("app.trace") + ',' + (*root)->Get("app.trace+");
     const TraceModules& modules = lists.byText.try_emplace(text, text).first->second;
-    g_modules.store(modules.Empty() ? nullptr : &modules, std::memory_order_release);
+    g_modules.store(&modules, std::memory_order_release);
+    g_marks.store(modules.Marks(), std::memory_order_release);
 }
 
 } // namespace
 
 bool LogTraceIsEnabled(const char* module)
 {
-    if (!g_modules.load(std::memory_order_relaxed))
+    const std::uint64_t marks = g_marks.load(std::memory_order_relaxed);
+    if (marks == 0 || !module || (marks & TraceModules::MarkOf(module)) == 0)
         return false;
     const TraceModules* const modules = g_modules.load(std::memory_order_acquire);
-    return modules && module && modules->Contain(module);
+    return modules && modules->Contain(module);
 }
 
 void LogTrace(const char* module, const char* sourceFile, int line, const char* function, const wxString& message)

@@ -31,7 +31,6 @@ TEST(TraceModules, ListIsSplitAtCommasAndTrimmed)
         EXPECT_TRUE(modules.Contain(name)) << name;
     for (const char* name : {"", "appl", "App", "Appl,", " Cmd", "vex", "vex.Heartbeat.x"})
         EXPECT_FALSE(modules.Contain(name)) << name;
-    EXPECT_FALSE(modules.Empty());
 }
 
 TEST(TraceModules, StarIsEveryModule)
@@ -46,10 +45,17 @@ TEST(TraceModules, BlanksOfAnyKindAroundANameDoNotCount)
     EXPECT_TRUE(TraceModules("\tAppl\t,Cmd").Contain("Appl"));
 }
 
-TEST(TraceModules, ListWithoutNamesIsEmpty)
+TEST(TraceModules, MarksRuleOutMostOfWhatIsNotInTheList)
 {
     for (const char* list : {"", ",", " , ", ",,,"})
-        EXPECT_TRUE(TraceModules(list).Empty()) << list;
+        EXPECT_EQ(TraceModules(list).Marks(), 0U) << list;
+    for (const char* name : {"Appl", "Cmd", "Srvc", "vex.Heartbeat", "x", "\xC3\xA9"}) {
+        EXPECT_EQ(TraceModules(name).Marks(), TraceModules::MarkOf(name)) << name;
+        EXPECT_NE(TraceModules::MarkOf(name) & TraceModules("Appl,*").Marks(), 0U) << name;
+    }
+    // Under its own name the agent always traces the launcher: the library's modules are told from that.
+    for (const char* name : {"Cmd", "Srvc", "vex.Heartbeat", ""})
+        EXPECT_EQ(TraceModules::MarkOf(name) & TraceModules("Appl").Marks(), 0U) << name;
 }
 
 TEST(Trace, NothingIsTracedWithoutARoot)
