@@ -1,9 +1,12 @@
 --- LuaUnit's runner, prepared for us.
 --
+-- It is the one that this runner was built with, by a name of its own: a script's `require("luaunit")` may lead to
+-- another.
 -- Its calls are protected by our own function: LuaUnit's shortens a traceback by the place that the message names, so
 -- an error without a place, or with a value that is no text, would come without any traceback.
 
-local luaunit = require("luaunit")
+local luaunit = require("tests.vexunit.luaunit")
+local protect = require("tests.vexunit.protect")
 
 local M = {}
 
@@ -19,7 +22,7 @@ function M.word(status) return words[status] end
 local function shorten(trace)
   local kept = {}
   for line in trace:gmatch("[^\n]+") do
-    if line:find("vexunit/engine.lua:", 1, true) then
+    if line:find("vexunit/protect.lua:", 1, true) then
       kept[#kept] = nil -- xpcall
       break
     end
@@ -30,19 +33,18 @@ local function shorten(trace)
   return table.concat(kept, "\n")
 end
 
-local function caught(value)
-  if type(value) ~= "string" then
-    local ok, shown = pcall(luaunit.prettystr, value)
-    value = ok and shown or ("an error value of type " .. type(value))
-  end
-  return { msg = value, trace = debug.traceback("", 2):gsub("^\n", "") }
+local function describe(value)
+  if type(value) == "string" then return value end
+  local ok, shown = pcall(luaunit.prettystr, value)
+  return ok and shown or ("an error value of type " .. type(value))
 end
 
 local function protected_call(self, instance, body, name)
-  local ok, trouble = xpcall(body, caught, instance)
+  local ok, value, trace = protect(body, instance)
   if ok then return { status = luaunit.NodeStatus.SUCCESS } end
+  local trouble = { trace = trace }
   local iteration = self.exeRepeat and ("iteration %d"):format(self.currentCount)
-  trouble.msg, trouble.status = luaunit.adjust_err_msg_with_iter(trouble.msg, iteration)
+  trouble.msg, trouble.status = luaunit.adjust_err_msg_with_iter(describe(value), iteration)
   if trouble.status == luaunit.NodeStatus.FAIL or trouble.status == luaunit.NodeStatus.ERROR then
     trouble.trace = shorten(trouble.trace)
     if name then

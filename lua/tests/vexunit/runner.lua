@@ -3,7 +3,6 @@
 -- LuaUnit runs each test: set-up, the test, tear-down, repetition, and telling a failed assertion from an error.
 -- What is around that is ours: scripts and their environments, classes, the order, when to stop, and the reports.
 
-local luaunit = require("luaunit")
 local fs = require("vex.fs")
 local host = require("vex.host")
 local coverage = require("tests.vexunit.coverage")
@@ -192,7 +191,7 @@ local function run_script(run, path)
   run.report:script_starts(path)
   -- The same seed for every script: a script on its own then runs as it does among others.
   randomseed(run.seed)
-  local collected, message, suite = scripts.load(path, luaunit)
+  local collected, message, suite = scripts.load(path)
   if not collected then
     run.counts.unloadable = run.counts.unloadable + 1
     run.report:script_fails(path, message)

@@ -1,6 +1,8 @@
 --- From a name or pattern to the scripts that it names, and from a script to its tests.
 
 local glob = require("vex.glob")
+local luaunit = require("tests.vexunit.luaunit")
+local protect = require("tests.vexunit.protect")
 
 local M = {}
 
@@ -19,35 +21,52 @@ end
 
 local finished = {} -- thrown by os.exit after LuaUnit's own run was asked for
 
+-- What a script gets by `require("luaunit")`: the runner's own, or another that an author has put on the path.
+local function luaunits()
+  local ok, theirs = pcall(require, "luaunit")
+  if ok and type(theirs) == "table" and type(theirs.LuaUnit) == "table" and theirs ~= luaunit then
+    return { luaunit, theirs }
+  end
+  return { luaunit }
+end
+
 -- Many scripts end in `os.exit(luaunit.LuaUnit.run())`, which runs them under the plain interpreter. Here their tests
 -- are run by us, so that line only ends the loading.
-local function ignoring_own_run(luaunit, load)
-  local class, exit = luaunit.LuaUnit, os.exit
-  local kept = { run = class.run, runSuite = class.runSuite, run_module = luaunit.run, Run = luaunit.Run }
+local function ignoring_own_run(load)
+  local exit = os.exit
   local asked = false
   local function ask()
     asked = true
     return 0
   end
-  class.run, class.runSuite, luaunit.run, luaunit.Run = ask, ask, ask, ask
+  local kept = {}
+  local function replace(holder, name)
+    kept[#kept + 1] = { holder = holder, name = name, value = holder[name] }
+    holder[name] = ask
+  end
+  for _, unit in ipairs(luaunits()) do
+    replace(unit.LuaUnit, "run")
+    replace(unit.LuaUnit, "runSuite")
+    replace(unit, "run")
+    replace(unit, "Run")
+  end
   os.exit = function() -- luacheck: ignore 122
     if asked then error(finished, 0) end
     error("the script calls os.exit while it is loaded", 2)
   end
-  local ok, trouble = load()
-  class.run, class.runSuite, luaunit.run, luaunit.Run = kept.run, kept.runSuite, kept.run_module, kept.Run
+  local ok, value, trace = load()
+  for _, entry in ipairs(kept) do entry.holder[entry.name] = entry.value end
   os.exit = exit -- luacheck: ignore 122
-  if not ok and rawequal(trouble, finished) then return true end
-  return ok, trouble
+  if not ok and rawequal(value, finished) then return true end
+  return ok, value, trace
 end
 
-local function describe(trouble)
-  if rawequal(trouble, finished) then return trouble end
+local function describe(trouble, trace)
   if type(trouble) ~= "string" then
     local ok, shown = pcall(tostring, trouble)
     trouble = ok and shown or ("an error value of type " .. type(trouble))
   end
-  return debug.traceback(trouble, 2)
+  return trouble .. "\n" .. trace
 end
 
 local function is_test_name(name)
@@ -77,18 +96,13 @@ end
 --- Loads a script in the present environment.
 -- @return array of { name, function or class }, or nil and what is wrong, with a traceback when it failed while it
 -- ran; then the script's setupSuite and teardownSuite, if it has them
-function M.load(path, luaunit)
+function M.load(path)
   local chunk, message = loadfile(path, "t")
   if not chunk then return nil, message end
   local before = {}
   for name, value in pairs(_G) do before[name] = value end
-  local returned
-  local ok, trouble = ignoring_own_run(luaunit, function()
-    local done, value = xpcall(chunk, describe, path)
-    if done then returned = value end
-    return done, value
-  end)
-  if not ok then return nil, trouble end
+  local ok, returned, trace = ignoring_own_run(function() return protect(chunk, path) end)
+  if not ok then return nil, describe(returned, trace) end
   local holder = type(returned) == "table" and returned or _G
   return collect(before, returned), nil, {
     setup = rawget(holder, "setupSuite") or rawget(_G, "setupSuite"),

@@ -217,3 +217,21 @@ function TestOld:test_it() lu.assertTrue(true) end
 os.exit(lu.LuaUnit.run())""")
     result = scripts.run("a.lua")
     assert result.status == 0 and "1 passed" in result.out
+
+
+def test_another_luaunit_on_the_path_is_the_scripts_and_not_the_runners(tree, scripts):
+    # One whose inside is not what the runner works with.
+    scripts.write("newer/luaunit.lua", """
+local M = { VERSION = "99", LuaUnit = {} }
+function M.LuaUnit.run() error("it ran the tests itself") end
+function M.assertSame(a, b) if a ~= b then error("LuaUnit test FAILURE: they differ, says 99", 2) end end
+return M""")
+    scripts.write("a.lua", """
+local lu = require("luaunit")
+TestNew = {}
+function TestNew:test_good() lu.assertSame(1, 1) end
+function TestNew:test_bad() lu.assertSame(lu.VERSION, "98") end
+os.exit(lu.LuaUnit.run())""")
+    result = tree.run("--lua_path", str(scripts.path) + "/newer/?.lua", "--unittest", "a.lua", cwd=str(scripts.path))
+    assert result.status == 1, result.out + result.err
+    assert "1 passed, 1 failed" in result.out and "they differ, says 99" in result.out

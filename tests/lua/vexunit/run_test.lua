@@ -155,6 +155,31 @@ function M.TestStatus:test_a_skipped_test_fails_nothing()
   lu.assertStrContains(out, "1 skipped")
 end
 
+function M.TestStatus:test_what_a_reader_of_load_raises_is_the_message_of_load()
+  local body = [[
+local value = {}
+for _, raised in ipairs({ "from the reader", value }) do
+  local chunk, message = load(function() error(raised, 0) end)
+  assert(chunk == nil and message == raised, tostring(message))
+end]]
+  script("a.lua", body .. "\nreturn { test_a = function()\n" .. body .. "\nend }")
+  local status, out = run("a.lua")
+  lu.assertEquals(status, 0, out)
+  lu.assertStrContains(out, "1 passed")
+end
+
+function M.TestStatus:test_an_error_after_one_that_load_caught_has_its_own_traceback()
+  script("a.lua", [[
+local function reads() load(function() error("caught", 0) end) end
+local function fails() error("raised", 0) end
+return { test_a = function() reads() fails() end }]])
+  local status, out = run("a.lua")
+  lu.assertEquals(status, 1)
+  lu.assertStrContains(out, "raised\n")
+  lu.assertStrContains(out, "in function 'fails'")
+  lu.assertNil(out:find("'reads'", 1, true))
+end
+
 -- Isolation ---------------------------------------------------------------------------------------------------------
 
 function M.TestIsolation:test_globals_of_one_script_are_gone_in_the_next()
