@@ -293,6 +293,35 @@ def test_an_argument_that_is_not_utf8_is_dropped_with_a_line_in_the_log(tree):
     assert re.search(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d WARNING \[\d+/main\] Command line argument 2 ", result.log, re.M), result.log
 
 
+@pytest.mark.parametrize("name,reason", [
+    (b"semi;colon", 'a folder with ";" or "?" in its name cannot be told to Lua'),
+    (b"what?", 'a folder with ";" or "?" in its name cannot be told to Lua'),
+    (b"caf\xe9", "the name is not valid in the locale's character set"),
+], ids=["semicolon", "question mark", "not UTF-8"])
+@pytest.mark.parametrize("called", ["by its path", "from its folder", "with options"])
+def test_a_folder_that_the_agent_cannot_run_from_is_refused_and_nothing_is_made(tree, tmp_path, name, reason, called):
+    outer = os.fsencode(tmp_path / "outer")
+    folder = os.path.join(outer, name)
+    os.mkdir(outer)
+    os.rename(tree.path, folder)
+    before = below(outer)
+    executable, arguments = os.path.join(folder, b"vx_agent"), []
+    if called == "from its folder":
+        executable = b"./vx_agent"
+    if called == "with options":
+        arguments = ["--background", "--install_plugins"]
+    result = tree.run(*arguments, executable=executable, cwd=folder if called == "from its folder" else outer)
+    assert (result.status, result.out) == (255, "")
+    shown = folder.decode("latin-1")
+    told = [line for line in result.err.splitlines() if " ERROR " in line]
+    assert len(told) == 1 and f"The agent cannot run from '{shown}" in told[0] and reason in told[0], result.err
+    assert below(outer) == before
+
+
+def below(folder):
+    return sorted(os.path.join(inner, name) for inner, folders, files in os.walk(folder) for name in folders + files)
+
+
 def test_an_option_whose_value_is_not_valid_in_the_locale_is_dropped_with_its_value(tree):
     tree.app("probe", SHOW)
     result = tree.run(b"--domain_var=a=\xff\xfe", "--plugins=kept", name="probe")

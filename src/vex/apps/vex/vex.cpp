@@ -3,6 +3,7 @@
 
 #include "vex/apps/vex/vex.h"
 
+#include "vex/apps/vex/os/program_name.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/crash.h"
@@ -11,6 +12,9 @@
 #include "vex/core/openssl.h"
 
 #include <ctime>
+#include <filesystem>
+#include <string>
+#include <system_error>
 
 #include <wx/translation.h>
 
@@ -79,6 +83,31 @@ void WriteInstallationPaths(VexCore::CDom& dom, const wxFileName& executable)
     dom.Set("app.version", VEX_VERSION_TEXT);
 }
 
+// Where we lie must be text, and must fit into Lua's lists of templates: archives, modules and the work folder are
+// found by it. Otherwise we would go on with a folder of another name, and make files there. By the system's own bytes,
+// because the framework drops an argument that is no text, the first one too.
+bool CanRunFromHere(const std::string& program)
+{
+    std::error_code ignored;
+    const std::string path =
+        program.rfind('/', 0) == 0 ? program : std::filesystem::current_path(ignored).native() + "/" + program;
+    const wxString text(path.c_str(), wxConvLocal);
+    if (text.empty()) {
+        wxLogError("The agent cannot run from '%s': the name is not valid in the locale's character set. Give the file "
+                   "or the folder another name.",
+                   wxString(path.c_str(), wxConvISO8859_1));
+        return false;
+    }
+    const wxString folder = NormalizedFile(text).GetPath();
+    if (folder.find_first_of(";?") != wxString::npos) {
+        wxLogError("The agent cannot run from '%s': a folder with \";\" or \"?\" in its name cannot be told to Lua. "
+                   "Give the folder another name.",
+                   folder);
+        return false;
+    }
+    return true;
+}
+
 void InstallCrashHandler(VexCore::CDom& dom, const wxString& application)
 {
     const wxFileName dump(dom.GetPluginWorkdirWx("diag"), application, "mdmp");
@@ -128,6 +157,8 @@ void CAgentApp::StartupInit()
 
 bool CAgentApp::OnInit()
 {
+    if (!CanRunFromHere(VexOs::ProgramName()))
+        return false;
     // Paths and version first: the option handlers read them, and an option may overwrite them.
     WriteInstallationPaths(*m_dom, NormalizedFile(argv[0]));
     SetVendorName(wxGetTranslation("Halvorn"));
