@@ -307,6 +307,12 @@ void AddNameFaults(Broken& broken)
     });
 }
 
+// The field of old Unix archivers, which has a mode of its own.
+std::string OldUnixField(unsigned mode)
+{
+    return ExtraField(0x756e, Bytes32(0) + Bytes16(mode) + Bytes32(0) + Bytes32(0));
+}
+
 void AddKindFaults(Broken& broken)
 {
     const auto mode = [&](const std::string& story, unsigned value, const std::string& reason) {
@@ -328,9 +334,13 @@ void AddKindFaults(Broken& broken)
     broken.AddItem("SymbolicLinkInAnOldUnixField", "neither a regular file nor a folder", [](ZipItem& i) {
         i.local.extra = ExtraField(0x756e, Bytes32(0) + Bytes16(0120777) + Bytes32(0) + Bytes32(0) + "/etc");
     });
-    broken.AddItem("DeviceInAnOldUnixFieldOfTheDirectory", "neither a regular file nor a folder", [](ZipItem& i) {
-        i.central.extra = ExtraField(0x756e, Bytes32(0) + Bytes16(0060666) + Bytes32(0) + Bytes32(0));
-    });
+    for (const unsigned type : {0010000u, 0020000u, 0060000u, 0120000u, 0140000u, 0150000u}) {
+        const std::string field = OldUnixField(type | 0666);
+        broken.AddItem("OddTypeInAnOldUnixField" + std::to_string(type), "neither a regular file nor a folder",
+                       [&field](ZipItem& i) { i.local.extra = field; });
+        broken.AddItem("OddTypeInAnOldUnixFieldOfTheDirectory" + std::to_string(type),
+                       "neither a regular file nor a folder", [&field](ZipItem& i) { i.central.extra = field; });
+    }
     broken.AddItem("OldUnixFieldTooShort", "extra field is malformed",
                    [](ZipItem& i) { i.central.extra = ExtraField(0x756e, "12345"); });
     broken.AddItem("Encrypted", "encrypted", [](ZipItem& i) { i.Both([](ZipRecord& r) { r.flags |= 1; }); });
@@ -456,6 +466,12 @@ std::vector<ValidArchive> ValidArchives()
     add("EmptyWithZip64", [](ZipBuilder& b) { b.zip64End = true; });
     one("Stored", 0, nothing);
     one("Deflated", 8, nothing);
+    for (const unsigned mode : {0u, 0644u, 0100644u})
+        one("OldUnixFieldOfMode" + std::to_string(mode), 8,
+            [mode](ZipBuilder& b) { b.items[0].local.extra = b.items[0].central.extra = OldUnixField(mode); });
+    add("OldUnixFieldOfAFolder", [](ZipBuilder& b) {
+        b.AddFolder("folder/", 0040755).Both([](ZipRecord& r) { r.extra = OldUnixField(0040755); });
+    });
     one("NulsBehindTheEnd", 8, [](ZipBuilder& b) { b.after.assign(10240, '\0'); });
     one("LongestComment", 8, [](ZipBuilder& b) { b.comment.assign(65535, 'c'); });
     one("LongestCommentAndNuls", 8, [](ZipBuilder& b) {

@@ -81,6 +81,16 @@ def test_dump_has_threads_stacks_modules_and_the_system(tmp_path):
     assert "memory64" not in dump.streams
 
 
+def test_of_each_stack_the_innermost_256_kib_are_in_the_dump_and_less_where_it_has_less(tmp_path):
+    dump = Crash(tmp_path, "overflow").minidump()
+    thread, _, _ = dump.exception()
+    stacks = dump.threads()
+    start, size, rsp, _ = stacks[thread]
+    # From the page that holds what a leaf function uses below its stack pointer; an overflown one begins with the stack.
+    assert size == 256 * 1024 and start <= rsp + os.sysconf("SC_PAGE_SIZE")
+    assert 0 < stacks[dump.process()][1] < 256 * 1024
+
+
 def test_threads_that_start_meanwhile_are_in_the_dump(tmp_path):
     for round_number in range(10):
         folder = tmp_path / str(round_number)

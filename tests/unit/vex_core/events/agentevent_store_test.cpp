@@ -207,6 +207,29 @@ TEST_F(EventDatabase, TableHasTheFormThatToolsRelyOn)
                                  "number INTEGER, severity INTEGER, text TEXT, xml TEXT)");
 }
 
+TEST_F(EventDatabase, KeysOfTheLastThousandEventsAreKeptAndOlderOnesAreNot)
+{
+    EventStore(m_work).Write(SampleEvent("first"));
+    const auto count = [this](const char* sql) {
+        SqliteConnection db;
+        EXPECT_TRUE(db.Open(Database(), 0)) << db.Error();
+        SqliteStatement row(db, sql);
+        EXPECT_EQ(row.Step(), SqliteStatement::StepResult::Row);
+        return row.ColumnText(0);
+    };
+    {
+        SqliteConnection db;
+        ASSERT_TRUE(db.Open(Database(), 0)) << db.Error();
+        ASSERT_TRUE(db.Exec("WITH RECURSIVE n(i) AS (SELECT 2 UNION ALL SELECT i + 1 FROM n WHERE i < 1500) "
+                            "INSERT INTO agent_event_key(seq, key) SELECT i, 'key' || i FROM n"))
+            << db.Error();
+    }
+    EventStore(m_work).Write(SampleEvent("last"));
+    EXPECT_EQ(count("SELECT max(seq) FROM agent_event_key"), "1501");
+    EXPECT_EQ(count("SELECT min(seq) FROM agent_event_key"), "500");
+    EXPECT_EQ(count("SELECT count(*) FROM agent_event_key"), "1002");
+}
+
 TEST_F(EventDatabase, AbsentFieldsAreNull)
 {
     EventStore store(m_work);

@@ -476,10 +476,10 @@ TEST_F(Interpreter, PrintUsesTostringOfTheChunk)
 TEST_F(Interpreter, OutputToAnotherFileIsNotRedirected)
 {
     EXPECT_EQ(Run("local f = io.tmpfile() io.output(f) io.write('hidden') f:write(' too') io.flush() f:flush() "
-                  "f:seek('set') local text = f:read('*a') io.output(io.stdout) io.write(text)"),
+                  "f:seek('set') local text = f:read('*a') io.output(io.stdout) io.write('<', text, '>')"),
               0)
         << Error();
-    EXPECT_EQ(m_output, "hidden too");
+    EXPECT_EQ(m_output, "<hidden too>");
 }
 
 TEST_F(Interpreter, WrongArgumentOfWriteIsAnError)

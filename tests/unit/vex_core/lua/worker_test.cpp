@@ -214,6 +214,23 @@ TEST_F(LuaWorker, ArgumentThatCannotBeCopiedIsAClearError)
     EXPECT_THAT(Run("dom0:StartThread()"), HasSubstr("#1 to 'SLB.Dom:StartThread' (string expected, got no value)"));
 }
 
+TEST_F(LuaWorker, ArgumentMayBeAHundredTablesDeepAndAMillionValuesLarge)
+{
+    Module("job", "return {run = function(t) local n = 0 while t[1] do n = n + 1 t = t[1] end dom0:Set('n', n) end}");
+    const std::string nested = "local t = {} for i = 2, count do t = {t} end ";
+    EXPECT_EQ(Run("local count = 100 " + nested + "return dom0:StartThread('job', t):Join()"), "true 0");
+    EXPECT_EQ(m_dom->Get("n"), "99");
+    EXPECT_THAT(Run("local count = 101 " + nested + "dom0:StartThread('job', t)"),
+                HasSubstr("got tables nested too deep at "));
+
+    Module("count", "return {run = function(t) dom0:Set('n', #t) end}");
+    const std::string wide = "local t = {} for i = 1, count do t[i] = i end "; // a table, and a key and a value each
+    EXPECT_EQ(Run("local count = 499999 " + wide + "return dom0:StartThread('count', t):Join()"), "true 0");
+    EXPECT_EQ(m_dom->Get("n"), "499999");
+    EXPECT_THAT(Run("local count = 500000 " + wide + "dom0:StartThread('count', t)"),
+                HasSubstr("got more than a million values at [500000]"));
+}
+
 TEST_F(LuaWorker, NumberKeysAreCopiedWithoutBeingChanged)
 {
     Module("job", "return {run = function(t) dom0:Set('sum', t[1] + t[2.5] + (t[true] and 1 or 0)) end}");

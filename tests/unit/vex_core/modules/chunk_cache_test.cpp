@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <thread>
@@ -123,6 +124,22 @@ TEST_F(CachedChunk, WhatWaitsIsWrittenWhenTheProcessExits)
         ChunkCaches::Process().Get(m_cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", m_buffer, m_chunk));
 }
 
+TEST_F(CachedChunk, WhatWaitsInAProcessIsNotWrittenByItsChild)
+{
+    const auto cache = Fresh();
+    cache->Add("/x.vxe/a.lua", 6, "code");
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+        std::exit(0);
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(std::filesystem::exists(m_cacheFolder));
+    cache->Flush();
+    EXPECT_EQ(Names(m_cacheFolder).size(), 1u);
+}
+
 TEST_F(CachedChunk, WritersKeepEachOthersChunks)
 {
     ChunkCache one(m_cacheFolder, key);
@@ -187,37 +204,59 @@ TEST_F(CachedChunk, ManyCachesKeepFewFilesOpen)
     EXPECT_LE(openFiles(), 16);
 }
 
-TEST_F(CachedChunk, FilesThatNobodyUsedForLongAndLeftoversAreSweptAndOthersStay)
+class SweptCache : public CachedChunk
 {
-    ::Test::TempFolder place;
-    const std::string swept = place / "cache";
-    std::filesystem::create_directory(swept);
-    ASSERT_EQ(::chmod(swept.c_str(), 0700), 0);
-    const auto file = [&swept](const std::string& name, long ageSeconds) {
-        ::Test::WriteFile(swept + "/" + name, "x");
+protected:
+    SweptCache()
+    {
+        std::filesystem::create_directory(m_cacheFolder);
+        EXPECT_EQ(::chmod(m_cacheFolder.c_str(), 0700), 0);
+    }
+    // A file that was last used so long ago.
+    void File(const std::string& name, long ageSeconds)
+    {
+        const std::string path = m_cacheFolder + "/" + name;
+        ::Test::WriteFile(path, "x");
         struct timespec times[2];
         ::clock_gettime(CLOCK_REALTIME, &times[0]);
         times[0].tv_sec -= ageSeconds;
         times[1] = times[0];
-        ASSERT_EQ(::utimensat(AT_FDCWD, (swept + "/" + name).c_str(), times, 0), 0);
-    };
-    file("month.luac", 31 * 24 * 3600);
-    file("week.luac", 7 * 24 * 3600);
-    file("tmp-1-1-1", 2 * 3600);
-    file("tmp-2-2-2", 60);
-    file("notours.txt", 100 * 24 * 3600);
+        ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    }
+    // What the first write of a process leaves, without the file that it wrote; sorted.
+    std::vector<std::string> Left()
+    {
+        const auto cache = Fresh();
+        cache->Add("/x.vxe/a.lua", 6, "code");
+        cache->Flush();
+        std::vector<std::string> names = Names(m_cacheFolder);
+        const auto own = std::find(names.begin(), names.end(), key + ".luac");
+        EXPECT_NE(own, names.end());
+        if (own != names.end())
+            names.erase(own);
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    static constexpr long day = 24 * 3600;
+};
+
+TEST_F(SweptCache, FilesThatNobodyUsedForAMonthAndLeftoversGoAndOthersStay)
+{
+    File("old.luac", 30 * day + 60);
+    File("young.luac", 30 * day - 60);
+    File("tmp-1-1-1", 3660);
+    File("tmp-2-2-2", 3540);
+    File("notours.txt", 100 * day);
+    EXPECT_THAT(Left(), testing::ElementsAre("notours.txt", "tmp-2-2-2", "young.luac"));
+}
+
+TEST_F(SweptCache, OfMoreThanAThousandFilesTheOnesUsedLastStay)
+{
     for (int i = 0; i < 1010; ++i)
-        file("old" + std::to_string(i) + ".luac", 8 * 24 * 3600);
-    const auto cache = ChunkCaches::Process().Get(swept, key);
-    cache->Add("/x.vxe/a.lua", 6, "code");
-    cache->Flush();
-    const auto names = Names(swept);
-    EXPECT_THAT(names, testing::Not(testing::Contains("month.luac")));
-    EXPECT_THAT(names, testing::Contains("week.luac"));
-    EXPECT_THAT(names, testing::Not(testing::Contains("tmp-1-1-1")));
-    EXPECT_THAT(names, testing::Contains("tmp-2-2-2"));
-    EXPECT_THAT(names, testing::Contains("notours.txt"));
-    EXPECT_LE(names.size(), 1002u);
+        File("n" + std::to_string(1000 + i) + ".luac", 60 * i + 60);
+    const std::vector<std::string> left = Left();
+    ASSERT_EQ(left.size(), 999u) << "and the one that was written";
+    EXPECT_EQ(left.back(), "n1998.luac");
 }
 
 TEST_F(CachedChunk, AFileInUseIsMarkedSo)
