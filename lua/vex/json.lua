@@ -1,13 +1,14 @@
 --- JSON texts: encode and decode.
 --
--- An array is a table with the keys 1..n and no others; an empty table is an object unless `array` marked it. `null`
--- stands for JSON's null, both ways. A byte of a text that is not UTF-8 becomes U+FFFD: JSON has no other texts.
+-- An array is a table with the keys 1..n and no others; an empty table is an object unless `array` marked it. What
+-- `decode` makes is marked. `null` stands for JSON's null, both ways. A byte of a text that is not
+-- UTF-8 becomes U+FFFD: JSON has no other texts.
 
 local text_tools = require("vex.text")
 
 local M = {}
 
-local array_mark = {}
+local array_mark, object_mark = {}, {}
 
 --- The value that stands for null.
 M.null = setmetatable({}, {
@@ -18,22 +19,45 @@ M.null = setmetatable({}, {
 --- Marks a table as an array, so that it is one even when it is empty.
 function M.array(list) return setmetatable(list or {}, array_mark) end
 
+--- Marks a table as an object, so that it is one even where empty tables are arrays.
+function M.object(fields) return setmetatable(fields or {}, object_mark) end
+
 local escapes = {
   ['"'] = '\\"', ["\\"] = "\\\\", ["\b"] = "\\b", ["\f"] = "\\f", ["\n"] = "\\n", ["\r"] = "\\r", ["\t"] = "\\t",
 }
+
+local line_ends = { ["\168"] = "\\u2028", ["\169"] = "\\u2029" }
 
 local function escape(character)
   return escapes[character] or ("\\u%04x"):format(character:byte())
 end
 
--- Not %c, here and below: what that is beyond ASCII depends on the locale.
+-- Not %c, here and below: what that is beyond ASCII depends on the locale. The control characters beyond ASCII and the
+-- line ends U+2028 and U+2029 need no escape in JSON; they get one because such texts are printed.
 local function quote(text)
-  return '"' .. text_tools.utf8(text, "\239\191\189"):gsub('[%z\1-\31"\\\127]', escape) .. '"'
+  text = text_tools.utf8(text, "\239\191\189"):gsub('[%z\1-\31"\\\127]', escape)
+  if text:find("[\194\226]") then
+    text = text:gsub("\194([\128-\159])", escape):gsub("\226\128([\168\169])", line_ends)
+  end
+  return '"' .. text .. '"'
 end
 
-local function encode_number(number)
+-- A state of encoding: what the caller wants, the tables that are open, and the keys that led here.
+
+local function place_of(state)
+  local parts = {}
+  for index, key in ipairs(state.path) do
+    local text = type(key) == "number" and ("[%d]"):format(key) or key
+    parts[index] = index > 1 and type(key) ~= "number" and "." .. text or text
+  end
+  return table.concat(parts)
+end
+
+local function encode_number(number, state)
   if number ~= number or number == math.huge or number == -math.huge then
-    return nil, "a number that JSON cannot hold"
+    if not state.on_no_number then return nil, "a number that JSON cannot hold" end
+    state.on_no_number(place_of(state))
+    return "null"
   end
   if number == math.floor(number) and math.abs(number) < 2 ^ 53 then return ("%d"):format(number) end
   local text = ("%.14g"):format(number)
@@ -58,52 +82,84 @@ local function wrap(parts, open, close, indent, level)
   return open .. inner .. table.concat(parts, "," .. inner) .. outer .. close
 end
 
-local function encode_table(value, indent, level, open_tables)
-  if open_tables[value] then return nil, "a table that contains itself" end
-  open_tables[value] = true
-  local length = array_length(value)
-  local parts = {}
-  local is_array = length and (length > 0 or getmetatable(value) == array_mark)
-  if is_array then
-    for index = 1, length do
-      local text, message = encode_value(value[index], indent, level + 1, open_tables)
-      if not text then return nil, message end
-      parts[index] = text
-    end
-  else
-    local keys = {}
-    for key in pairs(value) do
-      if type(key) ~= "string" then return nil, "a key of type " .. type(key) end
-      keys[#keys + 1] = key
-    end
-    table.sort(keys)
-    for index, key in ipairs(keys) do
-      local text, message = encode_value(value[key], indent, level + 1, open_tables)
-      if not text then return nil, message end
-      parts[index] = quote(key) .. (indent and ": " or ":") .. text
-    end
-  end
-  open_tables[value] = nil
-  return wrap(parts, is_array and "[" or "{", is_array and "]" or "}", indent, level)
+local function is_array(value, length, state)
+  if not length or length > 0 then return length ~= nil end
+  local mark = getmetatable(value)
+  return mark == array_mark or (state.empty_arrays and #state.path > 0 and mark ~= object_mark)
 end
 
-function encode_value(value, indent, level, open_tables)
+-- The element under a key. A failure leaves the path where it was found.
+local function encode_element(value, key, state)
+  state.path[#state.path + 1] = key
+  local text, message = encode_value(value[key], state)
+  if not text then return nil, message end
+  state.path[#state.path] = nil
+  return text
+end
+
+local function encode_array(value, length, state)
+  local parts = {}
+  for index = 1, length do
+    local text, message = encode_element(value, index, state)
+    if not text then return nil, message end
+    parts[index] = text
+  end
+  return wrap(parts, "[", "]", state.indent, #state.path)
+end
+
+local function encode_object(value, state)
+  local keys, parts = {}, {}
+  for key in pairs(value) do
+    if type(key) ~= "string" then return nil, "a key of type " .. type(key) end
+    keys[#keys + 1] = key
+  end
+  table.sort(keys)
+  for index, key in ipairs(keys) do
+    local text, message = encode_element(value, key, state)
+    if not text then return nil, message end
+    parts[index] = quote(key) .. (state.indent and ": " or ":") .. text
+  end
+  return wrap(parts, "{", "}", state.indent, #state.path)
+end
+
+local function encode_table(value, state)
+  if state.open[value] then return nil, "a table that contains itself" end
+  state.open[value] = true
+  local length = array_length(value)
+  local text, message
+  if is_array(value, length, state) then
+    text, message = encode_array(value, length, state)
+  else
+    text, message = encode_object(value, state)
+  end
+  state.open[value] = nil
+  return text, message
+end
+
+function encode_value(value, state)
   local kind = type(value)
   if rawequal(value, M.null) then return "null" end
   if kind == "string" then return quote(value) end
-  if kind == "number" then return encode_number(value) end
+  if kind == "number" then return encode_number(value, state) end
   if kind == "boolean" then return tostring(value) end
-  if kind == "table" then return encode_table(value, indent, level, open_tables) end
+  if kind == "table" then return encode_table(value, state) end
   return nil, "a value of type " .. kind
 end
 
 --- The JSON text of a value; keys are sorted, so equal values give equal texts.
 -- @param indent text to indent each level with; nil is one line without blanks
--- @return text, or nil and a message
-function M.encode(value, indent)
-  local text, message = encode_value(value, indent, 0, {})
-  if not text then return nil, "cannot encode " .. message end
-  return text
+-- @param options empty_arrays: an empty table below the value is an array unless `object` marked it; on_no_number:
+-- called with the place of each number that is none (infinite, or the result of 0/0), for which null is written
+-- @return text, or nil and a message that names the place
+function M.encode(value, indent, options)
+  options = options or {}
+  local state = {
+    indent = indent, empty_arrays = options.empty_arrays, on_no_number = options.on_no_number, open = {}, path = {},
+  }
+  local text, message = encode_value(value, state)
+  if text then return text end
+  local place = place_of(state)
+  return nil, "cannot encode " .. message .. (place ~= "" and " at '" .. place .. "'" or "")
 end
 
 -- Decoding: each function takes the text and a position and returns the value and the position behind it. A mistake is
@@ -191,7 +247,7 @@ local function decode_list(text, position, depth)
 end
 
 local function decode_object(text, position, depth)
-  local object = {}
+  local object = M.object()
   position = skip_blanks(text, position)
   if text:sub(position, position) == "}" then return object, position + 1 end
   while true do

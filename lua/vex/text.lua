@@ -54,6 +54,28 @@ function M.utf8(text, replacement)
   return table.concat(parts)
 end
 
+local function escape_bytes(bytes)
+  return (bytes:gsub(".", function(byte) return ("\\x%02X"):format(byte:byte()) end))
+end
+
+--- The text as it can be shown on a terminal, in one line: a control character, a line break among them, becomes \xNN,
+-- and so does a byte that is not part of UTF-8.
+function M.printable(text)
+  if not text:find("[%z\1-\31\127-\255]") then return text end
+  local parts, index = {}, 1
+  while index <= #text do
+    local stop = end_of_character(text, index)
+    local piece = text:sub(index, stop or index)
+    if not stop or piece:find("^\194[\128-\159]$") or piece:find("^\226\128[\168\169]$") then -- C1, U+2028, U+2029
+      parts[#parts + 1] = escape_bytes(piece)
+    else
+      parts[#parts + 1] = piece:gsub("[%z\1-\31\127]", escape_bytes)
+    end
+    index = (stop or index) + 1
+  end
+  return table.concat(parts)
+end
+
 local units = { "KiB", "MiB", "GiB", "TiB", "PiB", "EiB" }
 
 --- A number of bytes for people: 512 B, 1.5 KiB, 20 GiB.

@@ -4,11 +4,15 @@
 -- `interval`), and stops the plugin when the agent stops. The latest values lie in the domain as JSON, under
 -- "vex.plugin.<name>.values".
 
+local host = require("vex.host")
 local plugins = require("vx_agent.plugins")
 local positive = require("vx_agent.positive")
 local log = require("vex.log")("vx_agent.collector")
 
 local M = {}
+
+local request_key = "vex.CollectNow"
+local longest_wait = 60 -- seconds after which the interval is read again
 
 local setting = positive(log)
 
@@ -16,6 +20,17 @@ local function interval_of(plugin)
   local seconds = plugin.interval
   if type(seconds) == "number" and seconds >= 1 then return seconds end
   return setting("vex.CollectInterval")
+end
+
+-- Sleeps until a collection is due. False: the worker is to end.
+local function sleep(plugin, dom)
+  local last = host.monotonic()
+  while true do
+    local left = last + interval_of(plugin) - host.monotonic()
+    if left <= 0 then return true end
+    local written = dom:Wait(request_key, math.min(left, longest_wait))
+    if written ~= false then return written end
+  end
 end
 
 --- One collection into the domain.
@@ -38,10 +53,10 @@ function M.run(argument)
   end
   local entry = { id = argument.plugin, plugin = plugin }
   if not plugins.call(entry, "start", dom0) then return end
-  local wait_seconds = 0 -- from the first wait on no request is missed, whatever a collection takes
-  while dom0:Wait("vex.CollectNow", wait_seconds) ~= nil do
+  local ending = dom0:Wait(request_key, 0) == nil -- from the first wait on no request is missed
+  while not ending do
     M.collect(entry, dom0)
-    wait_seconds = interval_of(plugin)
+    ending = not sleep(plugin, dom0)
   end
   plugins.call(entry, "stop", dom0)
 end

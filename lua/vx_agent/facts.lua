@@ -8,11 +8,13 @@ local json = require("vex.json")
 local M = {}
 
 --- One collection.
--- @return table with host, system, kernel, architecture, processors, uptime (seconds), load, memory and disks (bytes)
+-- @return table with host, host_id, system, kernel, architecture, processors, uptime (seconds), load, memory and disks
+-- (bytes)
 function M.collect()
   local system, memory, disks = host.system(), host.memory(), host.disks()
   return {
     host = system.host,
+    host_id = host.id(),
     system = system.distribution or system.name,
     kernel = system.name and (system.name .. " " .. (system.release or "")) or nil,
     architecture = system.machine,

@@ -1,7 +1,8 @@
 --- The worker that shows that the agent lives.
 --
 -- A beat is a row in heartbeat.db and, once the row is on stable storage, a line in the log. It beats when it starts,
--- every "vex.HeartbeatInterval" seconds, and at once when "vex.HeartbeatNow" becomes true. Between beats it sleeps.
+-- every "vex.HeartbeatInterval" seconds, and at once when "vex.HeartbeatNow" becomes true. Between beats it sleeps; of
+-- an interval longer than a minute it looks once a minute whether it has changed.
 
 local history = require("vx_agent.history")
 local host = require("vex.host")
@@ -13,6 +14,7 @@ local M = {}
 M.__index = M
 
 local request_key = "vex.HeartbeatNow"
+local longest_wait = 60 -- seconds after which the interval is read again: an hour's may have become a minute's
 
 -- The database, opened when it is first needed and again after a failure.
 function M:open_history()
@@ -72,13 +74,13 @@ end
 
 -- Sleeps until a beat is due. Its reason, or nil when the worker is to end.
 function M:wait_for_beat()
-  local deadline = host.monotonic() + self.setting("vex.HeartbeatInterval")
+  local last = host.monotonic()
   while true do
     if self:take_request() then return "request" end
-    local left = deadline - host.monotonic()
+    local left = last + self.setting("vex.HeartbeatInterval") - host.monotonic()
     if left <= 0 then return "interval" end
     log.trace("the next beat is due in %.0f s", left)
-    if self.dom:Wait(request_key, left) == nil then return nil end
+    if self.dom:Wait(request_key, math.min(left, longest_wait)) == nil then return nil end
   end
 end
 

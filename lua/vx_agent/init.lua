@@ -14,48 +14,58 @@ local workers = require("vx_agent.workers")
 
 local M = {}
 
-local loaded = {} -- what `init` found: { id, plugin }
+local found = {} -- what `init` found: { id, plugin or error }
 local started = {} -- those whose `stop` is due
 local crew -- the workers of a background run
 
 function M.init()
   log.info("%s %s, host agent, process %d", dom0:Get("app.name", "vx_agent"), dom0:Get("app.version", "of no version"),
     require("vex.host").pid())
-  loaded = plugins.load_all(plugins.names(dom0:Get("app.plugins")))
+  found = plugins.load_all(plugins.names(dom0:Get("app.plugins")))
   return 0
 end
 
--- One block of the report a plugin, in the order of "app.plugins".
-local function collect_from_plugins()
-  local blocks = json.array()
-  for _, entry in ipairs(loaded) do
-    local block = { name = entry.plugin.name, version = entry.plugin.version }
-    local ok, message = plugins.call(entry, "start", dom0)
-    if ok then
-      started[#started + 1] = entry
-      block.values, message = plugins.collect(entry, dom0)
-    end
-    if not block.values then block.error = message end
-    blocks[#blocks + 1] = block
+-- A plugin's block of the report.
+local function block_of(entry)
+  if not entry.plugin then return { name = entry.id, error = entry.error } end
+  local block = { name = entry.plugin.name, version = entry.plugin.version }
+  local ok, message = plugins.call(entry, "start", dom0)
+  if ok then
+    started[#started + 1] = entry
+    block.values, message = plugins.collect(entry, dom0)
   end
-  return blocks
+  if not block.values then block.error = message end
+  return block
+end
+
+-- What a report holds, docs/FORMATS.md has it for its readers.
+local function collect()
+  local collected = facts.collect()
+  collected.schema = 1
+  collected.time = os.date("!%Y-%m-%dT%H:%M:%SZ")
+  collected.agent = { name = dom0:Get("app.name"), version = dom0:Get("app.version") }
+  collected.plugins = json.array()
+  for index, entry in ipairs(found) do collected.plugins[index] = block_of(entry) end
+  return collected
 end
 
 local function print_report(as_json)
-  local collected = facts.collect()
-  collected.plugins = collect_from_plugins()
-  local output, message = (as_json and report.json or report.text)(collected)
-  if not output then
-    io.stderr:write("vx_agent: ", message, "\n")
-    return 1
+  local output, message = (as_json and report.json or report.text)(collect())
+  local problem = message
+  if output then
+    local file
+    file, message = io.write(output)
+    if file then file, message = io.flush() end
+    if file then return 0 end
+    problem = "the report cannot be written in full: " .. message
   end
-  io.write(output)
-  return 0
+  io.stderr:write("vx_agent: ", problem, "\n")
+  return 1
 end
 
 function M.main()
   if dom0:GetBool("app.background") then
-    crew = workers.start(dom0, loaded)
+    crew = workers.start(dom0, found)
     return 0
   end
   local chosen, message = options.parse(arg)

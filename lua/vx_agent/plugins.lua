@@ -4,6 +4,7 @@
 -- and stop(dom). `collect` returns a table of values.
 
 local json = require("vex.json")
+local settings = require("vex.settings")
 local text = require("vex.text")
 local log = require("vex.log")("vex.PluginUtils")
 
@@ -20,8 +21,33 @@ local function fault_of(plugin)
   end
 end
 
---- The names in a list as "app.plugins" holds it.
-function M.names(list) return text.split(list or "") end
+local enabling = "vex.Plugin"
+local switches = {
+  on = true, ["true"] = true, yes = true, ["1"] = true, off = false, ["false"] = false, no = false, ["0"] = false,
+}
+
+-- Whether the setting under this key is on; one that means nothing is a warning.
+local function is_on(key)
+  local value = text.trim(settings.text(key, ""))
+  local on = switches[value:lower()]
+  if on == nil then log.warning("The setting '%s' is '%s' and must be on or off; off is taken", key, value) end
+  return on
+end
+
+--- The names of the plugins that are enabled: those of a list as "app.plugins" holds it, in its order, then those whose
+-- setting "vex.Plugin.NAME" is on.
+function M.names(list)
+  local names, known = {}, {}
+  local function add(name)
+    if not known[name] then names[#names + 1] = name end
+    known[name] = true
+  end
+  for _, name in ipairs(text.split(list or "")) do add(name) end
+  for _, key in ipairs(settings.keys(enabling)) do
+    if is_on(key) then add(key:sub(#enabling + 2)) end
+  end
+  return names
+end
 
 --- Loads one plugin.
 -- @return the plugin, or nil and a message, with a traceback where there is one
@@ -34,20 +60,20 @@ function M.load(name)
   return plugin
 end
 
---- Loads all of `names`. One that fails is a warning and left out.
--- @return array of plugins, each { id = name in the list, plugin = table }
+--- Loads all of `names`. One that fails is a warning.
+-- @return array with an entry for each, { id = name in the list, plugin = table, or error = message }
 function M.load_all(names)
-  local loaded = {}
+  local entries = {}
   for _, name in ipairs(names) do
     local plugin, message = M.load(name)
+    entries[#entries + 1] = { id = name, plugin = plugin, error = message }
     if plugin then
-      loaded[#loaded + 1] = { id = name, plugin = plugin }
       log.info("plugin %s %s loaded", plugin.name, plugin.version)
     else
       log.warning("Plugin '%s' cannot be loaded: %s", name, message)
     end
   end
-  return loaded
+  return entries
 end
 
 --- Calls one of a plugin's functions with the domain.
@@ -62,9 +88,22 @@ function M.call(entry, method, dom)
   return false, tostring(result)
 end
 
---- Collects from a plugin that has been started. Values that JSON cannot hold are a failure of this plugin, so that a
+-- The JSON text of values. A number that is none is null and one warning, so that it does not take the others along.
+local function encode(entry, values)
+  entry.told = entry.told or {}
+  return json.encode(values, nil, {
+    empty_arrays = true,
+    on_no_number = function(place)
+      if entry.told[place] then return end
+      entry.told[place] = true
+      log.warning("Plugin '%s': the value '%s' is no finite number, null is kept", entry.id, place)
+    end,
+  })
+end
+
+--- Collects from a plugin that has been started. What JSON cannot hold otherwise is a failure of this plugin, so that a
 -- report on all of them does not break at one.
--- @return table of values and its JSON text, or nil and a message
+-- @return table of values, as their JSON text has them, and that text; or nil and a message
 function M.collect(entry, dom)
   local ok, values = M.call(entry, "collect", dom)
   if not ok then return nil, values end
@@ -73,13 +112,13 @@ function M.collect(entry, dom)
     log.warning("Plugin '%s': %s", entry.id, message)
     return nil, message
   end
-  values = values or {}
-  local encoded, message = json.encode(values)
-  if not encoded then
-    log.warning("Plugin '%s' collected what cannot be kept: %s", entry.id, message)
-    return nil, message
+  local encoded, message = encode(entry, values or {})
+  if encoded then
+    values, message = json.decode(encoded)
+    if values then return values, encoded end
   end
-  return values, encoded
+  log.warning("Plugin '%s' collected what cannot be kept: %s", entry.id, message)
+  return nil, message
 end
 
 return M

@@ -75,17 +75,26 @@ local function sorted_keys(values)
   return keys
 end
 
-local function scalar(value)
-  if type(value) == "number" and value == math.floor(value) and math.abs(value) < 2 ^ 53 then
-    return ("%d"):format(value)
-  end
-  return type(value) == "number" and ("%.2f"):format(value) or tostring(value)
+-- Short, but never so short that something looks like nothing.
+local function number_text(value)
+  local size = math.abs(value)
+  if value == math.floor(value) then return (size < 2 ^ 64 and "%.0f" or "%.6g"):format(value) end
+  return (size < 0.1 and "%.2g" or "%.2f"):format(value)
+end
+
+local function is_table(value) return type(value) == "table" and not rawequal(value, json.null) end
+
+-- A value in one cell.
+local function cell_text(value)
+  if value == nil or rawequal(value, json.null) then return "-" end
+  if type(value) == "number" then return number_text(value) end
+  return is_table(value) and (json.encode(value)) or tostring(value)
 end
 
 local function is_list_of_tables(value)
   if #value == 0 then return false end
   for _, entry in ipairs(value) do
-    if type(entry) ~= "table" then return false end
+    if not is_table(entry) then return false end
   end
   return true
 end
@@ -107,10 +116,7 @@ local function list_block(list, indent)
   end
   for _, entry in ipairs(list) do
     local row = {}
-    for index, field in ipairs(header) do
-      local value = entry[field]
-      row[index] = value == nil and "-" or scalar(value)
-    end
+    for index, field in ipairs(header) do row[index] = cell_text(entry[field]) end
     rows[#rows + 1] = row
   end
   return columns.format(rows, { indent = indent, right = right })
@@ -120,26 +126,27 @@ local function values_block(values, indent)
   local rows, blocks = {}, {}
   for _, key in ipairs(sorted_keys(values)) do
     local value = values[key]
-    if type(value) ~= "table" then
-      rows[#rows + 1] = { tostring(key), scalar(value) }
-    elseif is_list_of_tables(value) then
-      blocks[#blocks + 1] = indent .. tostring(key) .. "\n" .. list_block(value, indent .. "  ")
+    if not is_table(value) then
+      rows[#rows + 1] = { tostring(key), cell_text(value) }
     elseif next(value) ~= nil then
-      blocks[#blocks + 1] = indent .. tostring(key) .. "\n" .. values_block(value, indent .. "  ")
+      local block = is_list_of_tables(value) and list_block or values_block
+      blocks[#blocks + 1] = indent .. text.printable(tostring(key)) .. "\n" .. block(value, indent .. "  ")
     end
   end
   return columns.format(rows, { indent = indent }) .. table.concat(blocks)
 end
 
 local function plugin_block(plugin)
-  local head = ("\nPlugin %s %s\n"):format(plugin.name, plugin.version)
-  if plugin.error then return head .. "  failed: " .. plugin.error:match("^[^\n]*") .. "\n" end
+  local head = "Plugin " .. plugin.name .. (plugin.version and " " .. plugin.version or "")
+  head = "\n" .. text.printable(head) .. "\n"
+  if plugin.error then return head .. "  failed: " .. text.printable(plugin.error:match("^[^\n]*")) .. "\n" end
   local body = values_block(plugin.values, "  ")
   return head .. (body ~= "" and body or "  nothing to tell\n")
 end
 
 --- The readable table.
--- @param facts from vx_agent.facts, with `plugins`: array of { name, version, values or error }
+-- @param facts from vx_agent.facts, with `plugins`: array of { name, version, values or error }; a plugin that could
+-- not be loaded has no version
 function M.text(facts)
   local parts = { columns.format(host_rows(facts)), disk_block(facts.disks) }
   for _, plugin in ipairs(facts.plugins or {}) do parts[#parts + 1] = plugin_block(plugin) end

@@ -8,13 +8,13 @@ M.__index = M
 local join_seconds = 10 -- for all of them together
 
 --- Starts them.
--- @param entries the loaded plugins, from vx_agent.plugins
+-- @param entries from vx_agent.plugins; those that could not be loaded get no worker
 -- @return the crew, for `stop`
 function M.start(dom, entries)
   local self = setmetatable({ dom = dom, members = {} }, M)
   self:hire("heartbeat", "vx_agent.heartbeat")
   for _, entry in ipairs(entries) do
-    self:hire("plugin " .. entry.id, "vx_agent.collector", { plugin = entry.id })
+    if entry.plugin then self:hire("plugin " .. entry.id, "vx_agent.collector", { plugin = entry.id }) end
   end
   return self
 end

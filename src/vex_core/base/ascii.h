@@ -1,6 +1,7 @@
 #pragma once
 // Texts byte by byte, whatever the locale. Pure functions; UTF-8 passes through them as it is.
 
+#include <algorithm>
 #include <string_view>
 
 namespace VexCore {
@@ -10,6 +11,17 @@ constexpr char LowerAscii(char c)
 {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
+
+/// An order of names in which letters of either case are the same.
+struct LessInAnyCase
+{
+    using is_transparent = void;
+    bool operator()(std::string_view a, std::string_view b) const
+    {
+        return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
+                                            [](char x, char y) { return LowerAscii(x) < LowerAscii(y); });
+    }
+};
 
 constexpr bool StartsWith(std::string_view text, std::string_view start)
 {

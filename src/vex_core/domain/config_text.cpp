@@ -1,7 +1,6 @@
 #include "vex_core/domain/config_text.h"
 
 #include "vex/core/configfile.h"
-#include "vex_core/base/ascii.h"
 #include "vex_core/domain/dom_values.h"
 
 #include <algorithm>
@@ -59,13 +58,6 @@ bool IsTooLarge(std::string_view bytes)
     return bytes.size() > maxConfigFileBytes || lines.Count() > maxConfigFileLines;
 }
 
-std::string InLowerCase(std::string text)
-{
-    for (char& c : text)
-        c = LowerAscii(c);
-    return text;
-}
-
 } // namespace
 
 wxString DecodeConfig(std::string_view bytes)
@@ -73,9 +65,9 @@ wxString DecodeConfig(std::string_view bytes)
     return wxString(bytes.data(), wxConvAuto(), bytes.size());
 }
 
-std::map<std::string, std::string> ParseSettings(std::string_view bytes)
+SettingsEntries ParseSettings(std::string_view bytes)
 {
-    std::map<std::string, std::string> entries;
+    SettingsEntries entries;
     if (IsTooLarge(bytes))
         return entries;
     // The launcher's reading of the file has told about its faults.
@@ -89,7 +81,7 @@ std::map<std::string, std::string> ParseSettings(std::string_view bytes)
     for (bool more = config.GetFirstEntry(name, cookie); more; more = config.GetNextEntry(name, cookie)) {
         wxString value;
         if (!name.empty() && config.Read(name, &value)) // a name with a "/" leads out of the group
-            entries.emplace(InLowerCase(BytesFromText(name)), BytesFromText(value));
+            entries.emplace(BytesFromText(name), BytesFromText(value));
     }
     return entries;
 }

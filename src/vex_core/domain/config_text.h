@@ -3,6 +3,8 @@
 // same file is also opened by the launcher through it, and both must see the same entries. Pure rules; nothing here
 // logs, because the log asks for settings itself.
 
+#include "vex_core/base/ascii.h"
+
 #include <map>
 #include <string>
 #include <string_view>
@@ -15,8 +17,11 @@ namespace VexCore {
 /// as Latin-1 when that is not valid. Empty when the bytes are not what their mark says.
 wxString DecodeConfig(std::string_view bytes);
 
-/// The entries of the group [settings], each by its name in lower case, values in UTF-8 with quotes, escapes and
+/// Entries by name, which is the same in any case and kept as it is written.
+using SettingsEntries = std::map<std::string, std::string, LessInAnyCase>;
+
+/// The entries of the group [settings], values in UTF-8 with quotes, escapes and
 /// variables of the environment resolved. Empty when the file is beyond the bounds of a configuration file.
-std::map<std::string, std::string> ParseSettings(std::string_view bytes);
+SettingsEntries ParseSettings(std::string_view bytes);
 
 } // namespace VexCore

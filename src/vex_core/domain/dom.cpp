@@ -231,6 +231,18 @@ DomObserver::DomObserver(const CDom& dom, const std::vector<std::string>& keys, 
     : DomObserver(DomAccess::Tree(dom), DomAccess::FullKeys(dom, keys, rootKeys), std::move(changed))
 {}
 
+std::vector<std::string> SettingKeys(const CDom& dom, const std::string& prefix)
+{
+    std::vector<std::string> keys = dom.Keys(prefix.c_str());
+    DomStore& store = DomAccess::Store(dom);
+    const std::string start = prefix + '.';
+    for (const std::string& name : store.Settings().NamesThatBegin(store.SettingsPath(), start))
+        keys.push_back(start + name.substr(start.size()));
+    std::sort(keys.begin(), keys.end());
+    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    return keys;
+}
+
 std::uint64_t SettingsGeneration(const CDom& dom)
 {
     DomStore& store = DomAccess::Store(dom);

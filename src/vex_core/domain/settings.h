@@ -20,6 +20,10 @@ std::int64_t IntSetting(const CDom& dom, const char* key);
 /// The same; what does not read as a boolean means nothing.
 bool BoolSetting(const CDom& dom, const char* key);
 
+/// The keys below `prefix`, with the prefix before them, that have a value in the domain or an entry in the file,
+/// sorted. A file's name has its prefix in any case and comes with this one.
+std::vector<std::string> SettingKeys(const CDom& dom, const std::string& prefix);
+
 /// Another number each time that the entries of the settings file of this domain became others,
 /// by the file as it is now.
 std::uint64_t SettingsGeneration(const CDom& dom);

@@ -20,14 +20,25 @@ bool SettingsFile::Find(const std::string& path, std::string_view name, std::str
 {
     const std::lock_guard lock(m_lock);
     Refresh(path);
-    std::string lower(name);
-    for (char& c : lower)
-        c = LowerAscii(c);
-    const auto found = m_entries.find(lower);
+    const auto found = m_entries.find(name);
     if (found == m_entries.end())
         return false;
     value = found->second;
     return true;
+}
+
+std::vector<std::string> SettingsFile::NamesThatBegin(const std::string& path, std::string_view start)
+{
+    const std::lock_guard lock(m_lock);
+    Refresh(path);
+    std::vector<std::string> names;
+    const LessInAnyCase less;
+    for (auto entry = m_entries.lower_bound(start); entry != m_entries.end(); ++entry) {
+        if (less(start, std::string_view(entry->first).substr(0, start.size())))
+            break;
+        names.push_back(entry->first);
+    }
+    return names;
 }
 
 std::uint64_t SettingsFile::Generation(const std::string& path)

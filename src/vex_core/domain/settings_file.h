@@ -5,11 +5,11 @@
 #include "vex_core/os/file_identity.h"
 
 #include <cstdint>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace VexCore {
 
@@ -18,13 +18,16 @@ namespace VexCore {
 class SettingsFile
 {
 public:
-    using Entries = std::map<std::string, std::string>; ///< names in lower case
+    using Entries = SettingsEntries;
 
     /// `parse` is another than `ParseSettings` in tests.
     explicit SettingsFile(Entries (*parse)(std::string_view bytes) = ParseSettings) : m_parse(parse) {}
 
     /// False when the file cannot be read or has no such entry. `name` in any case.
     bool Find(const std::string& path, std::string_view name, std::string& value);
+
+    /// The names that begin with `start`, which is in any case.
+    std::vector<std::string> NamesThatBegin(const std::string& path, std::string_view start);
 
     /// Another number each time that the entries became others, by the file as it is now.
     std::uint64_t Generation(const std::string& path);

@@ -67,10 +67,11 @@ bool LuaOutput::Write(const char* data, std::size_t size)
     return m_out->Write(data, size).LastWrite() == size;
 }
 
-void LuaOutput::Sync()
+bool LuaOutput::Sync()
 {
     const wxLogNull quiet; // the same closed pipe
     m_out->Sync();
+    return m_out->IsOk();
 }
 
 int LuaOutput::Print(lua_State* L)
@@ -148,7 +149,8 @@ int LuaOutput::FileWrite(lua_State* L)
 
 int LuaOutput::Flush(lua_State* L)
 {
-    Sync();
+    if (!Sync())
+        return luaL_fileresult(L, 0, nullptr);
     lua_rawgetp(L, LUA_REGISTRYINDEX, this);
     return 1;
 }

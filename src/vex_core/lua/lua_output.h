@@ -55,7 +55,7 @@ private:
     int WriteArguments(lua_State* L, int first);
     int Flush(lua_State* L);
     bool Write(const char* data, std::size_t size);
-    void Sync();
+    bool Sync();
 
     wxOutputStream* m_out = nullptr; // not owned; null: not redirected
     void* m_stdout = nullptr; // the userdata io.stdout, kept alive by the registry

@@ -7,6 +7,8 @@
 #include "slb3/error.h"
 #include "vex_core/domain/known_settings.h"
 #include "vex_core/domain/root_dom.h"
+#include "vex_core/domain/settings.h"
+#include "vex_core/lua/host_id.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_db.h"
 #include "vex_core/os/error.h"
@@ -65,6 +67,16 @@ void SetNumber(lua_State* L, const char* field, const std::optional<std::uint64_
         SetNumber(L, field, static_cast<double>(*value));
 }
 
+int PushTexts(lua_State* L, const std::vector<std::string>& texts)
+{
+    lua_createtable(L, static_cast<int>(texts.size()), 0);
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        lua_pushlstring(L, texts[i].data(), texts[i].size());
+        lua_rawseti(L, -2, static_cast<int>(i + 1));
+    }
+    return 1;
+}
+
 // --- vex.fs
 
 // list(folder): sorted array of the names in it, without "." and "..".
@@ -79,12 +91,7 @@ int FsList(lua_State* L)
     if (os::ListFolder(path, add) != 0)
         return Failure(L, path);
     std::sort(names.begin(), names.end());
-    lua_createtable(L, static_cast<int>(names.size()), 0);
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        lua_pushlstring(L, names[i].data(), names[i].size());
-        lua_rawseti(L, -2, static_cast<int>(i + 1));
-    }
-    return 1;
+    return PushTexts(L, names);
 }
 
 int PushStat(lua_State* L, int (*ask)(const char*, struct stat&))
@@ -265,6 +272,18 @@ int HostMonotonic(lua_State* L)
     return 1;
 }
 
+// id(): a text that names this host for this agent and stays the same.
+int HostIdentity(lua_State* L)
+{
+    std::string id;
+    if (const RootDom root; root)
+        id = HostId(*root);
+    if (id.empty())
+        return 0;
+    lua_pushlstring(L, id.data(), id.size());
+    return 1;
+}
+
 int HostPid(lua_State* L)
 {
     lua_pushnumber(L, static_cast<double>(os::ProcessId()));
@@ -279,6 +298,7 @@ const luaL_Reg hostFunctions[] = {{"system", Guarded<HostSystem>},
                                   {"disks", Guarded<HostDisks>},
                                   {"interfaces", Guarded<HostInterfaces>},
                                   {"monotonic", Guarded<HostMonotonic>},
+                                  {"id", Guarded<HostIdentity>},
                                   {"pid", Guarded<HostPid>},
                                   {nullptr, nullptr}};
 
@@ -331,6 +351,16 @@ int SettingsInt(lua_State* L)
     return 1;
 }
 
+// keys(prefix): sorted array of the keys below the prefix that the domain or the configuration file has.
+int SettingsKeys(lua_State* L)
+{
+    const char* prefix = PlainTextArgument(L, 1);
+    std::vector<std::string> keys;
+    if (const RootDom root; root)
+        keys = SettingKeys(*root, prefix);
+    return PushTexts(L, keys);
+}
+
 // default(key): of a setting of the host's table; nil for others.
 int SettingsDefault(lua_State* L)
 {
@@ -344,11 +374,9 @@ int SettingsDefault(lua_State* L)
     return 1;
 }
 
-const luaL_Reg settingsFunctions[] = {{"text", Guarded<SettingsText>},
-                                      {"bool", Guarded<SettingsBool>},
-                                      {"int", Guarded<SettingsInt>},
-                                      {"default", Guarded<SettingsDefault>},
-                                      {nullptr, nullptr}};
+const luaL_Reg settingsFunctions[] = {{"text", Guarded<SettingsText>},       {"bool", Guarded<SettingsBool>},
+                                      {"int", Guarded<SettingsInt>},         {"keys", Guarded<SettingsKeys>},
+                                      {"default", Guarded<SettingsDefault>}, {nullptr, nullptr}};
 
 // --- registration
 

@@ -60,6 +60,8 @@ int FChmod(int descriptor, mode_t mode);
 int ChmodAt(int folder, const char* name, mode_t mode);
 int Rename(const char* from, const char* to);
 int RenameAt(int folder, const char* name, int newFolder, const char* newName);
+/// Gives a file a second name; fails when there is one of that name.
+int Link(const char* path, const char* newPath);
 /// Removes a name that is no folder.
 int Unlink(const char* path);
 int UnlinkAt(int folder, const char* name);

@@ -198,6 +198,11 @@ int RenameAt(int folder, const char* name, int newFolder, const char* newName)
                     [&] { return ::renameat(folder, name, newFolder, newName); });
 }
 
+int Link(const char* path, const char* newPath)
+{
+    return Observed(OfPath("link", path, newPath), [&] { return ::link(path, newPath); });
+}
+
 int Unlink(const char* path)
 {
     return Observed(OfPath("unlink", path), [&] { return ::unlink(path); });

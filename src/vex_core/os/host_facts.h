@@ -41,6 +41,8 @@ std::optional<long> Processors();
 
 // --- one file a system answers these
 
+/// What the system itself keeps to tell this machine from others. Not for strangers' eyes.
+std::optional<std::string> MachineId();
 /// Name and version of the distribution, where the system's own name does not tell it.
 std::optional<std::string> Distribution();
 std::optional<double> UptimeSeconds();

@@ -44,6 +44,19 @@ bool IsDisk(const mntent& entry)
 
 } // namespace
 
+std::optional<std::string> MachineId()
+{
+    for (const char* path : {"/etc/machine-id", "/var/lib/dbus/machine-id"}) {
+        std::ifstream file(path);
+        std::string id;
+        // An image that has not been started yet has another word, or nothing, there.
+        if (std::getline(file, id) && id.size() == 32 && id.find_first_not_of("0123456789abcdef") == std::string::npos
+            && id.find_first_not_of('0') != std::string::npos)
+            return id;
+    }
+    return std::nullopt;
+}
+
 std::optional<std::string> Distribution()
 {
     for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {

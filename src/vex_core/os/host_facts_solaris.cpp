@@ -13,6 +13,7 @@
 #include <sys/mnttab.h>
 #include <sys/statvfs.h>
 #include <sys/swap.h>
+#include <sys/systeminfo.h>
 #include <unistd.h>
 #include <utmpx.h>
 
@@ -71,6 +72,15 @@ bool IsDisk(const mnttab& entry)
 }
 
 } // namespace
+
+std::optional<std::string> MachineId()
+{
+    char serial[64] = "";
+    const long size = sysinfo(SI_HW_SERIAL, serial, sizeof serial);
+    if (size < 2 || static_cast<std::size_t>(size) > sizeof serial || std::strcmp(serial, "0") == 0)
+        return std::nullopt;
+    return std::string(serial);
+}
 
 std::optional<std::string> Distribution()
 {

@@ -1,4 +1,5 @@
 """The bundled application: its report, its workers, its plugins from package to removal, its history."""
+import datetime
 import glob
 import json
 import os
@@ -7,11 +8,12 @@ import re
 import shutil
 import signal
 import sqlite3
+import subprocess
 import time
 
 import pytest
 
-from conftest import BUILD, FULL, SANITIZER, TRACED, alive, children, send_signal, switches, wait_until
+from conftest import BUILD, BUILD_NUMBER, FULL, PATIENCE, SANITIZER, TRACED, VERSION, alive, children, send_signal, switches, wait_until
 
 
 def package(name, kind):
@@ -81,6 +83,10 @@ def test_json_prints_the_same_as_one_object(tree):
     with open("/proc/meminfo") as file:
         total_kib = next(int(line.split()[1]) for line in file if line.startswith("MemTotal:"))
     assert report["memory"]["total"] == total_kib * 1024
+    assert report["schema"] == 1 and report["agent"] == {"name": "vx_agent", "version": f"{VERSION}.{BUILD_NUMBER}"}
+    made = datetime.datetime.strptime(report["time"], "%Y-%m-%dT%H:%M:%S%z")
+    assert abs(made.timestamp() - time.time()) < 60 + PATIENCE
+    assert re.fullmatch("[0-9a-f]{32}", report["host_id"])
     assert report["plugins"] == []
     for disk in report["disks"]:
         sizes = os.statvfs(disk["mount"])
@@ -117,7 +123,7 @@ def test_markers_remove_the_plugins_again(tree):
     assert not os.path.exists(tree.path + "/network/plugin.lua")
     assert not os.path.exists(tree.path + "/ext/trend.vxe") and not os.path.exists(tree.path + "/ext/trend.vxe.version")
     assert result.log.count("WARNING") == 2 and "Plugin 'network' cannot be loaded" in result.log
-    assert "Plugin Network" not in result.out
+    assert "Plugin Network" not in result.out and "\nPlugin network\n  failed: module 'network.plugin' not found" in result.out
 
 
 def test_a_plugin_that_fails_is_one_warning_with_its_traceback_and_the_others_go_on(tree):
@@ -127,6 +133,37 @@ def test_a_plugin_that_fails_is_one_warning_with_its_traceback_and_the_others_go
     assert result.status == 0 and "Plugin Good 1\n  answer  42\n" in result.out
     assert result.log.count("WARNING") == 1
     assert "boom" in result.log and "in function 'inner'" in result.log
+
+
+def test_a_setting_enables_a_plugin_and_one_that_cannot_be_loaded_is_in_the_report_as_failed(tree):
+    tree.file("Good/plugin.lua", "return { name = 'Good', version = '1', collect = function() return { answer = 42 } end }")
+    tree.file("work/vx_agent.ini", "[settings]\nvex.Plugin.Good = on\nvex.Plugin.absent = on\nvex.Plugin.other = off\n")
+    result = tree.run("--", "--json")
+    good, absent = json.loads(result.out)["plugins"]
+    assert result.status == 0 and good == {"name": "Good", "version": "1", "values": {"answer": 42}}
+    assert set(absent) == {"name", "error"} and absent["name"] == "absent"
+    assert absent["error"].startswith("module 'absent.plugin' not found")
+
+
+@pytest.mark.parametrize("arguments", [(), ("--", "--json")])
+def test_a_report_that_cannot_be_written_in_full_fails(tree, arguments):
+    with open("/dev/full", "wb") as full:
+        process = subprocess.run([tree.path + "/vx_agent", *arguments], stdout=full, stderr=subprocess.PIPE, timeout=PATIENCE)
+    assert process.returncode == 1
+    assert process.stderr.decode().strip() == "vx_agent: the report cannot be written in full: No space left on device"
+
+
+def test_what_a_plugin_tells_does_nothing_to_the_terminal(tree):
+    tree.file("evil/plugin.lua", """
+return { name = "E\\27[31m", version = "1", collect = function()
+  return { ["k\\27]0;x\\7"] = "v\\194\\155\\nw", rate = 1 / 0, list = {} } end }""")
+    for arguments in ((), ("--", "--json")):
+        result = tree.run("--plugins", "evil", *arguments)
+        assert result.status == 0
+        assert not re.search("[\0-\x09\x0b-\x1f\x7f-\x9f]", result.out), result.out
+    values = json.loads(result.out)["plugins"][0]["values"]
+    assert values == {"k\x1b]0;x\x07": "v\x9b\nw", "rate": None, "list": []}
+    assert "Plugin 'evil': the value 'rate' is no finite number, null is kept" in result.log
 
 
 @pytest.mark.quick

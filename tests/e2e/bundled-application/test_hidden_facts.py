@@ -68,6 +68,28 @@ end }""")
     assert "Heartbeat 1 (start): up " in result.log and "memory" not in result.log.partition("Heartbeat 1 (start)")[2].splitlines()[0]
 
 
+NO_MACHINE_ID = 'for file in /etc/machine-id /var/lib/dbus/machine-id; do [ ! -e $file ] || mount --bind /dev/null $file; done; exec "$@"'
+
+
+def test_without_an_id_of_the_system_the_host_gets_one_that_it_keeps(tree):
+    def report():
+        result = tree.run("--", "--json", prefix=["unshare", "--mount", "sh", "-c", NO_MACHINE_ID, "sh"])
+        assert (result.status, result.err) == (0, "")
+        return json.loads(result.out)["host_id"]
+
+    first = report()
+    path = tree.work + "/host.id"
+    with open(path) as file:
+        assert file.read() == first + "\n" and len(first) == 32
+    assert os.stat(path).st_mode & 0o7777 == 0o600
+    assert report() == first
+    with open(path, "w") as file:
+        file.write("no id")
+    second = report()
+    assert len(second) == 32 and second != first and report() == second
+    assert [name for name in os.listdir(tree.work) if name.startswith("host.id")] == ["host.id"]
+
+
 NAMELESS = """
 import ctypes, os, subprocess, sys
 assert ctypes.CDLL(None).sethostname(b"", 0) == 0

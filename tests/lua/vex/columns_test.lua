@@ -16,6 +16,10 @@ function M.TestColumns:test_no_line_ends_in_blanks_and_letters_beyond_ascii_coun
   lu.assertEquals(columns.format({ { "é", "" }, { "bb", "x" } }), "é\nbb  x\n")
 end
 
+function M.TestColumns:test_a_cell_stays_in_its_line_and_does_nothing_to_a_terminal()
+  lu.assertEquals(columns.format({ { "a\nb", "\27[2J" }, { "c", "x" } }), "a\\x0Ab  \\x1B[2J\nc       x\n")
+end
+
 function M.TestColumns:test_no_rows_are_no_text() lu.assertEquals(columns.format({}), "") end
 
 return M

@@ -28,6 +28,41 @@ function M.TestEncode:test_what_json_cannot_hold_is_told()
   lu.assertNil((json.encode({ [1.5] = 1 })))
 end
 
+function M.TestEncode:test_a_failure_names_its_place()
+  local cases = {
+    ["cannot encode a number that JSON cannot hold at 'a.b[2].c'"] = { a = { b = { 1, { c = 1 / 0 } } } },
+    ["cannot encode a value of type function at '[2]'"] = { 1, print },
+    ["cannot encode a key of type boolean at 'deep'"] = { deep = { [true] = 1 } },
+    ["cannot encode a value of type function"] = print,
+  }
+  for expected, value in pairs(cases) do
+    local text, message = json.encode(value)
+    lu.assertNil(text)
+    lu.assertEquals(message, expected)
+  end
+end
+
+function M.TestEncode:test_a_number_that_is_none_is_null_and_told_to_who_wants_that()
+  local places = {}
+  local text = json.encode({ a = 1 / 0, b = { -1 / 0, 0 / 0, 5 } }, nil, {
+    on_no_number = function(place) places[#places + 1] = place end,
+  })
+  lu.assertEquals(text, '{"a":null,"b":[null,null,5]}')
+  lu.assertEquals(places, { "a", "b[1]", "b[2]" })
+end
+
+function M.TestEncode:test_empty_tables_below_the_value_are_arrays_on_request_unless_they_are_marked()
+  local options = { empty_arrays = true }
+  lu.assertEquals(json.encode({ a = {}, b = json.object() }, nil, options), '{"a":[],"b":{}}')
+  lu.assertEquals(json.encode({}, nil, options), "{}")
+  lu.assertEquals(json.encode(json.decode('{"a":{},"b":[]}'), nil, options), '{"a":{},"b":[]}')
+end
+
+function M.TestEncode:test_control_characters_and_line_ends_beyond_ascii_are_escaped()
+  lu.assertEquals(json.encode("\194\128\194\159\194\160\226\128\168\226\128\169\226\128\170"),
+    '"\\u0080\\u009f\194\160\\u2028\\u2029\226\128\170"')
+end
+
 function M.TestEncode:test_a_table_that_contains_itself_is_told_and_one_used_twice_is_fine()
   local circle = {}
   circle.inner = { circle }

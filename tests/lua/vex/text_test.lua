@@ -32,6 +32,15 @@ function M.TestText:test_utf8_keeps_characters_and_replaces_other_bytes()
   lu.assertEquals(text.utf8("\244\144\128\128", "."), "....") -- above the last
 end
 
+function M.TestText:test_what_could_do_things_to_a_terminal_or_leave_its_line_is_escaped()
+  lu.assertEquals(text.printable("plain é € \240\159\152\128"), "plain é € \240\159\152\128")
+  lu.assertEquals(text.printable("\27[31m\7"), "\\x1B[31m\\x07")
+  lu.assertEquals(text.printable("a\nb\r\tc\0\127"), "a\\x0Ab\\x0D\\x09c\\x00\\x7F")
+  lu.assertEquals(text.printable("\194\128 \194\155 \194\159 \194\160"), "\\xC2\\x80 \\xC2\\x9B \\xC2\\x9F \194\160")
+  lu.assertEquals(text.printable("\226\128\168\226\128\169\226\128\170"), "\\xE2\\x80\\xA8\\xE2\\x80\\xA9\226\128\170")
+  lu.assertEquals(text.printable("caf\233 \155"), "caf\\xE9 \\x9B") -- bytes that are not UTF-8
+end
+
 function M.TestText:test_bytes()
   local table_of = {
     [0] = "0 B", [1023] = "1023 B", [1024] = "1.0 KiB", [1536] = "1.5 KiB", [10 * 1024] = "10 KiB",

@@ -17,7 +17,16 @@ function M.TestApplication:setUp()
   dom0 = fake_domain.new({ ["app.name"] = "vx_agent", ["app.version"] = "1.2.3.4" })
   arg = {} -- luacheck: ignore 121
   self.written = {}
-  io.write = function(text) self.written[#self.written + 1] = text end -- luacheck: ignore 122
+  self.full = {}
+  io.write = function(text) -- luacheck: ignore 122
+    if self.full.write then return nil, "no room" end
+    self.written[#self.written + 1] = text
+    return true
+  end
+  io.flush = function() -- luacheck: ignore 122
+    if self.full.flush then return nil, "no room" end
+    return true
+  end
   package.preload["probe.plugin"] = function()
     return {
       name = "Probe", version = "1", start = function() calls[#calls + 1] = "start" end,
@@ -28,16 +37,23 @@ function M.TestApplication:setUp()
   self.application = require("vx_agent")
 end
 
-local real_write, real_arg, real_dom, real_stderr = io.write, arg, dom0, io.stderr
+local real_write, real_flush, real_arg, real_dom, real_stderr = io.write, io.flush, arg, dom0, io.stderr
 
 function M.TestApplication:tearDown()
-  io.write, io.stderr = real_write, real_stderr -- luacheck: ignore 122
+  io.write, io.flush, io.stderr = real_write, real_flush, real_stderr -- luacheck: ignore 122
   arg = real_arg -- luacheck: ignore 121
   dom0 = real_dom
   package.loaded["probe.plugin"] = nil
 end
 
 function M.TestApplication:output() return table.concat(self.written) end
+
+-- Takes what is written to standard error.
+local function complaints()
+  local written = {}
+  io.stderr = { write = function(_, ...) written[#written + 1] = table.concat({ ... }) end } -- luacheck: ignore 122
+  return written
+end
 
 function M.TestApplication:test_init_tells_what_it_is_and_loads_the_plugins()
   dom0.values["app.plugins"] = "probe,nowhere"
@@ -67,14 +83,44 @@ function M.TestApplication:test_json_has_the_same_figures()
   lu.assertEquals(report.host, require("vex.host").system().host)
 end
 
+function M.TestApplication:test_json_tells_what_it_is_when_it_was_made_and_by_whom()
+  arg = { "--json" } -- luacheck: ignore 121
+  self.application.init()
+  lu.assertEquals(self.application.main(), 0)
+  local report = assert(json.decode(self:output()))
+  lu.assertEquals(report.schema, 1)
+  lu.assertStrMatches(report.time, "%d%d%d%d%-%d%d%-%d%dT%d%d:%d%d:%d%dZ")
+  lu.assertEquals(report.agent, { name = "vx_agent", version = "1.2.3.4" })
+  lu.assertEquals(report.host_id, require("vex.host").id())
+end
+
+function M.TestApplication:test_a_plugin_that_cannot_be_loaded_is_in_the_report_as_failed()
+  dom0.values["app.plugins"] = "nowhere,probe"
+  self.application.init()
+  lu.assertEquals(self.application.main(), 0)
+  lu.assertStrContains(self:output(), "\nPlugin nowhere\n  failed: ")
+  lu.assertStrContains(self:output(), "module 'nowhere.plugin' not found")
+  lu.assertStrContains(self:output(), "\nPlugin Probe 1\n")
+  lu.assertEquals(self.application.shutdown(), 0)
+  lu.assertEquals(table.concat(calls, " "), "start stop")
+end
+
+function M.TestApplication:test_a_report_that_cannot_be_written_in_full_is_told_and_fails()
+  for _, step in ipairs({ "write", "flush" }) do
+    self.full = { [step] = true }
+    local told = complaints()
+    self.application.init()
+    lu.assertEquals(self.application.main(), 1)
+    lu.assertEquals(told, { "vx_agent: the report cannot be written in full: no room\n" })
+  end
+end
+
 function M.TestApplication:test_an_unknown_argument_is_told_and_fails()
   arg = { "--jsn" } -- luacheck: ignore 121
-  local complaints = {}
-  local console = { write = function(_, ...) complaints[#complaints + 1] = table.concat({ ... }) end }
-  io.stderr = console -- luacheck: ignore 122
+  local told = complaints()
   self.application.init()
   lu.assertEquals(self.application.main(), 2)
-  lu.assertStrContains(complaints[1], "unknown argument '--jsn'")
+  lu.assertStrContains(told[1], "unknown argument '--jsn'")
   lu.assertEquals(self:output(), "")
 end
 
@@ -96,11 +142,13 @@ function M.TestApplication:test_values_that_contain_themselves_fail_in_their_blo
   end
   lu.assertEquals(self.application.main(), 0)
   lu.assertStrContains(self:output(), "Host ")
-  lu.assertStrContains(self:output(), "Plugin Probe 1\n  failed: cannot encode a table that contains itself\n")
+  lu.assertStrContains(self:output(),
+    "Plugin Probe 1\n  failed: cannot encode a table that contains itself at 'again'\n")
   lu.assertStrContains(dom0:log(), "warning: Plugin 'probe' collected what cannot be kept: ")
   self.written, arg = {}, { "--json" } -- luacheck: ignore 121
   lu.assertEquals(self.application.main(), 0)
-  lu.assertEquals(json.decode(self:output()).plugins[1].error, "cannot encode a table that contains itself")
+  lu.assertEquals(json.decode(self:output()).plugins[1].error,
+    "cannot encode a table that contains itself at 'again'")
 end
 
 function M.TestApplication:test_the_background_starts_workers_and_prints_nothing()

@@ -1,6 +1,8 @@
 local collector = require("vx_agent.collector")
 local fake_domain = require("support.fake_domain")
+local host = require("vex.host")
 local json = require("vex.json")
+local settings = require("vex.settings")
 local lu = require("luaunit")
 
 local M = { TestCollector = {} }
@@ -9,6 +11,8 @@ local calls
 
 function M.TestCollector:setUp()
   calls = {}
+  self.clock = 0
+  host.monotonic = function() return self.clock end
   dom0 = fake_domain.new()
   package.preload["probe.plugin"] = function()
     return {
@@ -23,13 +27,41 @@ function M.TestCollector:setUp()
   end
 end
 
-function M.TestCollector:tearDown() package.loaded["probe.plugin"] = nil end
+local monotonic, int = host.monotonic, settings.int
+
+function M.TestCollector:tearDown()
+  package.loaded["probe.plugin"] = nil
+  host.monotonic, settings.int = monotonic, int
+end
+
+-- A wait that lets its time pass.
+function M.TestCollector:time_over()
+  return function()
+    self.clock = self.clock + dom0.waited[#dom0.waited].seconds
+    return false
+  end
+end
 
 function M.TestCollector:test_it_starts_collects_at_once_and_again_and_stops_with_the_agent()
-  dom0.waits = { false, false, true, "end" }
+  dom0.waits = { false, self:time_over(), true, "end" }
   collector.run({ plugin = "probe" })
   lu.assertEquals(table.concat(calls, " "), "start collect collect collect stop")
   lu.assertEquals(dom0.waited[2], { key = "vex.CollectNow", seconds = 12 })
+end
+
+function M.TestCollector:test_an_interval_that_becomes_shorter_counts_within_a_minute()
+  require("probe.plugin").interval = nil
+  local interval = 3600
+  settings.int = function() return interval end
+  dom0.waits = { false, self:time_over(), function()
+    interval = 150
+    return self:time_over()()
+  end, self:time_over(), "end" }
+  collector.run({ plugin = "probe" })
+  local seconds = {}
+  for index, wait in ipairs(dom0.waited) do seconds[index] = wait.seconds end
+  lu.assertEquals(seconds, { 0, 60, 60, 30, 60 })
+  lu.assertEquals(table.concat(calls, " "), "start collect collect stop")
 end
 
 function M.TestCollector:test_the_latest_values_lie_in_the_domain()
@@ -46,7 +78,7 @@ function M.TestCollector:test_a_collection_that_fails_is_a_warning_and_the_next_
     plugin.collect = good
     error("once")
   end
-  dom0.waits = { false, false, "end" }
+  dom0.waits = { false, self:time_over(), "end" }
   collector.run({ plugin = "probe" })
   lu.assertStrContains(dom0:log(), "warning: Plugin 'probe' failed in collect: ")
   lu.assertNotNil(dom0:Get("vex.plugin.probe.values"))

@@ -96,14 +96,28 @@ function M.TestHeartbeat:test_a_write_of_something_else_is_no_request_and_does_n
   lu.assertEquals(self:reasons(), "start interval")
 end
 
-function M.TestHeartbeat:test_the_interval_is_a_setting_that_is_read_for_each_beat()
+function M.TestHeartbeat:test_the_interval_is_a_setting_that_is_read_before_each_wait()
   self.values["vex.HeartbeatInterval"] = 5
   self:run_with(function()
     self.values["vex.HeartbeatInterval"] = 7
     return self:time_over()()
-  end)
+  end, self:time_over())
   lu.assertEquals(self.domain.waited[2].seconds, 5)
-  lu.assertEquals(self.domain.waited[3].seconds, 7)
+  lu.assertEquals(self.domain.waited[3].seconds, 2)
+  lu.assertEquals(self.domain.waited[4].seconds, 7)
+  lu.assertEquals(self:reasons(), "start interval")
+end
+
+function M.TestHeartbeat:test_an_interval_that_becomes_shorter_counts_within_a_minute()
+  self.values["vex.HeartbeatInterval"] = 3600
+  self:run_with(self:time_over(), function()
+    self.values["vex.HeartbeatInterval"] = 150
+    return self:time_over()()
+  end, self:time_over())
+  local seconds = {}
+  for index, wait in ipairs(self.domain.waited) do seconds[index] = wait.seconds end
+  lu.assertEquals(seconds, { 0, 60, 60, 30, 60 })
+  lu.assertEquals(self:reasons(), "start interval")
 end
 
 function M.TestHeartbeat:test_an_interval_that_means_nothing_is_told_once_and_the_default_taken()

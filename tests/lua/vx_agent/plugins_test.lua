@@ -1,25 +1,63 @@
 local fake_domain = require("support.fake_domain")
+local json = require("vex.json")
 local plugins = require("vx_agent.plugins")
+local settings = require("vex.settings")
 local lu = require("luaunit")
 
-local M = { TestLoading = {}, TestCalls = {} }
+local M = { TestNames = {}, TestLoading = {}, TestCalls = {} }
 
 local function set_up() dom0 = fake_domain.new() end
 M.TestLoading.setUp, M.TestCalls.setUp = set_up, set_up
 
 local function offer(name, maker) package.preload[name .. ".plugin"] = maker end
 
-function M.TestLoading:test_names_are_separated_by_commas_and_absence_is_no_plugin()
+local keys, text = settings.keys, settings.text
+
+function M.TestNames:setUp()
+  set_up()
+  self.values = {}
+  settings.keys = function(prefix)
+    lu.assertEquals(prefix, "vex.Plugin")
+    local found = {}
+    for key in pairs(self.values) do found[#found + 1] = key end
+    table.sort(found)
+    return found
+  end
+  settings.text = function(key) return self.values[key] end
+end
+
+function M.TestNames:tearDown() settings.keys, settings.text = keys, text end
+
+function M.TestNames:test_names_are_separated_by_commas_and_absence_is_no_plugin()
   lu.assertEquals(plugins.names("a, b,,c"), { "a", "b", "c" })
   lu.assertEquals(plugins.names(nil), {})
+end
+
+function M.TestNames:test_a_setting_enables_a_plugin_too_and_each_is_named_once()
+  self.values = {
+    ["vex.Plugin.b"] = "on", ["vex.Plugin.a"] = "ON ", ["vex.Plugin.c"] = "off", ["vex.Plugin.d.e"] = "yes",
+    ["vex.Plugin.f"] = "0", ["vex.Plugin.listed"] = "true",
+  }
+  lu.assertEquals(plugins.names("listed,listed"), { "listed", "a", "b", "d.e" })
+  lu.assertEquals(dom0.lines, {})
+end
+
+function M.TestNames:test_a_setting_that_means_nothing_is_a_warning_and_off()
+  self.values = { ["vex.Plugin.a"] = "perhaps" }
+  lu.assertEquals(plugins.names(nil), {})
+  lu.assertEquals(dom0.lines,
+    { "warning: The setting 'vex.Plugin.a' is 'perhaps' and must be on or off; off is taken" })
 end
 
 function M.TestLoading:test_a_plugin_that_fails_is_one_warning_with_its_traceback_and_the_others_load()
   offer("bad", function() error("boom") end)
   offer("good", function() return { name = "Good", version = "1.0" } end)
   local loaded = plugins.load_all({ "bad", "good", "missing_everywhere" })
-  lu.assertEquals(#loaded, 1)
-  lu.assertEquals(loaded[1].id, "good")
+  lu.assertEquals(#loaded, 3)
+  lu.assertNil(loaded[1].plugin)
+  lu.assertStrContains(loaded[1].error, "boom")
+  lu.assertEquals({ loaded[2].id, loaded[2].plugin.name, loaded[2].error }, { "good", "Good" })
+  lu.assertEquals(loaded[3].id, "missing_everywhere")
   lu.assertEquals(#dom0.lines, 3)
   lu.assertStrContains(dom0.lines[1], "warning: Plugin 'bad' cannot be loaded: ")
   lu.assertStrContains(dom0.lines[1], "boom")
@@ -66,6 +104,31 @@ function M.TestCalls:test_a_failure_is_a_warning_and_stays_the_plugins_own()
   lu.assertStrContains(message, "no disk")
   lu.assertStrContains(dom0:log(), "warning: Plugin 'x' failed in start: ")
   lu.assertStrContains(dom0:log(), "stack traceback:")
+end
+
+function M.TestCalls:test_a_number_that_is_none_is_null_and_one_warning_that_names_it()
+  local entry = { id = "x", plugin = { collect = function() return { good = 1, deep = { { rate = 1 / 0 } } } end } }
+  for _ = 1, 2 do
+    local values, encoded = plugins.collect(entry, dom0)
+    lu.assertEquals(values.good, 1)
+    lu.assertIs(values.deep[1].rate, json.null)
+    lu.assertEquals(encoded, '{"deep":[{"rate":null}],"good":1}')
+  end
+  lu.assertEquals(dom0.lines,
+    { "warning: Plugin 'x': the value 'deep[1].rate' is no finite number, null is kept" })
+end
+
+function M.TestCalls:test_an_empty_list_stays_a_list()
+  local _, encoded = plugins.collect({ id = "x", plugin = { collect = function() return { list = {} } end } }, dom0)
+  lu.assertEquals(encoded, '{"list":[]}')
+end
+
+function M.TestCalls:test_values_that_cannot_be_kept_are_a_warning_that_names_the_key()
+  local entry = { id = "x", plugin = { collect = function() return { a = { f = print } } end } }
+  local values, message = plugins.collect(entry, dom0)
+  lu.assertNil(values)
+  lu.assertEquals(message, "cannot encode a value of type function at 'a.f'")
+  lu.assertEquals(dom0.lines, { "warning: Plugin 'x' collected what cannot be kept: " .. message })
 end
 
 function M.TestCalls:test_values_that_are_no_table_are_a_warning()

@@ -70,6 +70,58 @@ Plugin Net 1.2
 ]])
 end
 
+function M.TestText:test_numbers_are_short_and_never_look_like_nothing()
+  local shown = {
+    [0.001] = "0.001", [0.000123456] = "0.00012", [0.5] = "0.50", [1234.5678] = "1234.57", [-0.05] = "-0.05",
+    [2 ^ 60] = "1152921504606846976", [-2 ^ 53] = "-9007199254740992", [1e300] = "1e+300", [0] = "0", [7] = "7",
+  }
+  for number, expected in pairs(shown) do
+    local text = report.text({ plugins = { { name = "A", version = "1", values = { x = number } } } })
+    lu.assertEquals(text, "\nPlugin A 1\n  x  " .. expected .. "\n")
+  end
+end
+
+function M.TestText:test_what_a_plugin_tells_does_nothing_to_the_terminal_and_stays_in_its_line()
+  local text = report.text({
+    host = "b\27[2Jx",
+    plugins = {
+      { name = "N\27]0;x\7", version = "1\n2", values = {
+        ["k\27[1m"] = "v\155\nw", ["t\r"] = { a = "b" }, list = { { ["f\n"] = "\194\155" } },
+      } },
+      { name = "bad\27", error = "x\27[5m\nmore" },
+    },
+  })
+  lu.assertEquals(text, [[
+Host  b\x1B[2Jx
+
+Plugin N\x1B]0;x\x07 1\x0A2
+  k\x1B[1m  v\x9B\x0Aw
+  list
+    f\x0A
+    \xC2\x9B
+  t\x0D
+    a  b
+
+Plugin bad\x1B
+  failed: x\x1B[5m
+]])
+end
+
+function M.TestText:test_null_is_a_dash_and_a_table_in_a_cell_is_shown()
+  local text = report.text({ plugins = { { name = "A", version = "1", values = {
+    none = json.null, list = { { name = "x", inner = { 1, 2 } }, { name = json.null } },
+  } } } })
+  lu.assertEquals(text, [[
+
+Plugin A 1
+  none  -
+  list
+    name  inner
+    x     [1,2]
+    -     -
+]])
+end
+
 function M.TestText:test_a_plugin_that_failed_or_has_nothing_says_so()
   lu.assertStrContains(report.text({ plugins = { { name = "A", version = "1", error = "x.lua:1: boom\nstack" } } }),
     "Plugin A 1\n  failed: x.lua:1: boom\n")

@@ -10,7 +10,7 @@ function M.TestWorkers:setUp()
 end
 
 function M.TestWorkers:test_one_beats_and_one_works_for_each_plugin()
-  workers.start(self.domain, { { id = "a" }, { id = "b" } })
+  workers.start(self.domain, { { id = "a", plugin = {} }, { id = "bad", error = "x" }, { id = "b", plugin = {} } })
   local started = self.domain.started
   lu.assertEquals(#started, 3)
   lu.assertEquals(started[1].module, "vx_agent.heartbeat")
@@ -20,7 +20,7 @@ end
 
 function M.TestWorkers:test_all_are_asked_to_end_before_any_is_waited_for()
   local order = {}
-  local crew = workers.start(self.domain, { { id = "a" } })
+  local crew = workers.start(self.domain, { { id = "a", plugin = {} } })
   for index, worker in ipairs(self.domain.started) do
     worker.Stop = function() order[#order + 1] = "stop " .. index end
     worker.Join = function()
@@ -33,14 +33,14 @@ function M.TestWorkers:test_all_are_asked_to_end_before_any_is_waited_for()
 end
 
 function M.TestWorkers:test_a_worker_that_does_not_end_is_named()
-  local crew = workers.start(self.domain, { { id = "slow" } })
+  local crew = workers.start(self.domain, { { id = "slow", plugin = {} } })
   self.domain.started[2].stuck = true
   crew:stop()
   lu.assertEquals(self.domain.lines, { "warning: Worker 'plugin slow' has not ended within its time" })
 end
 
 function M.TestWorkers:test_the_time_to_end_is_for_all_of_them_together()
-  local crew = workers.start(self.domain, { { id = "a" } })
+  local crew = workers.start(self.domain, { { id = "a", plugin = {} } })
   local first = self.domain.started[1]
   first.Join = function()
     self.domain.now = self.domain.now + 9000

@@ -14,7 +14,7 @@ public:
     StandardOutput()
     {
         m_file.Attach(stdout, wxString());
-        m_stream.reset(new wxFFileOutputStream(m_file));
+        m_stream.reset(new FlushedStream(m_file));
     }
     ~StandardOutput()
     {
@@ -27,6 +27,18 @@ public:
     wxFFileOutputStream& Stream() { return *m_stream; }
 
 private:
+    // The framework's own does not tell when what the file held back could not be written.
+    class FlushedStream : public wxFFileOutputStream
+    {
+    public:
+        using wxFFileOutputStream::wxFFileOutputStream;
+        void Sync() override
+        {
+            if (!m_file->Flush())
+                m_lasterror = wxSTREAM_WRITE_ERROR;
+        }
+    };
+
     wxFFile m_file; // its destructor would close what it still holds
     std::unique_ptr<wxFFileOutputStream> m_stream;
 };

@@ -17,7 +17,7 @@ using VexCore::DecodeConfig;
 using VexCore::ParseSettings;
 
 namespace {
-using Entries = std::map<std::string, std::string>;
+using Entries = VexCore::SettingsEntries;
 
 // The ASCII text in characters of `width` bytes, the highest byte first or last.
 std::string Wide(std::string_view text, int width, bool highFirst)
@@ -59,7 +59,7 @@ Entries ByTheLauncher(const std::string& path)
     for (bool more = config.GetFirstEntry(name, cookie); more; more = config.GetNextEntry(name, cookie)) {
         wxString value;
         if (!name.empty() && config.Read(name, &value))
-            entries.emplace(VexCore::BytesFromText(name.Lower()), VexCore::BytesFromText(value));
+            entries.emplace(VexCore::BytesFromText(name), VexCore::BytesFromText(value));
     }
     return entries;
 }
@@ -133,7 +133,7 @@ TEST(ConfigText, GrammarOfTheLauncherAndOfTheSettingsIsOne)
         {"\ta  =  1 2", {{"a", "1 2"}}},
         {"a=1 \t", {{"a", "1 \t"}}},
         {" ; a = 9\n# a = 8\nb=\nc = x=y\nd = a ; b\n", {{"b", ""}, {"c", "x=y"}, {"d", "a ; b"}}},
-        {"App.Log.Size=1\napp.log.size=2\n", {{"app.log.size", "2"}}},
+        {"App.Log.Size=1\napp.log.size=2\n", {{"App.Log.Size", "2"}}},
         {"a b=1", {{"a b", "1"}}},
         {"a\\ b=1\nc\\=d=2", {{"a b", "1"}, {"c=d", "2"}}},
         {"=x\na=1", {{"a", "1"}}},

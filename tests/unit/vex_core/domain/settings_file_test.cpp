@@ -58,6 +58,17 @@ TEST(SettingsFile, IsReadAgainWhenItChanged)
     EXPECT_EQ(FindIn(file, path, "a"), "none");
 }
 
+TEST(SettingsFile, NamesThatBeginAlikeInAnyCaseAreFoundAsTheyAreWritten)
+{
+    const TempFolder folder;
+    const std::string path = folder / "x.ini";
+    SettingsFile file;
+    WriteFile(path, "[settings]\nA.b.Two=2\na.B.one=1\na.c=3\na.b=4\nb=5\n");
+    EXPECT_EQ(file.NamesThatBegin(path, "a.b."), (std::vector<std::string>{"a.B.one", "A.b.Two"}));
+    EXPECT_EQ(file.NamesThatBegin(path, "x"), std::vector<std::string>());
+    EXPECT_EQ(FindIn(file, path, "A.B.TWO"), "2");
+}
+
 TEST(SettingsFile, ChangeWithinOneTickOfTheFilesTimeIsSeen)
 {
     const TempFolder folder;

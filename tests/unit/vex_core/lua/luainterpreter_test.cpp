@@ -533,6 +533,17 @@ TEST_F(Interpreter, PrintFlushesEachLineAndWriteDoesNot)
     EXPECT_EQ(out.seen, "a\t1\n!b\n!c");
 }
 
+TEST_F(Interpreter, FlushThatFailsIsTold)
+{
+    struct Full : wxMemoryOutputStream
+    {
+        void Sync() override { m_lasterror = wxSTREAM_WRITE_ERROR; }
+    } out;
+    wxStringInputStream in("for _, flush in ipairs({io.flush, function() return io.stdout:flush() end}) do "
+                           "  local ok, message = flush() assert(ok == nil and type(message) == 'string') end");
+    EXPECT_EQ(m_lua.RunScript(in, 0, 0, "flush", &out), 0) << Error();
+}
+
 TEST_F(Interpreter, OutputOfACoroutineAndOfANestedCallGoesToTheStreamToo)
 {
     EXPECT_EQ(Run("coroutine.wrap(function() print('in a coroutine') io.write('w', 1, '\\n') end)() "

@@ -22,6 +22,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sqlite3.h>
@@ -183,6 +184,24 @@ TEST_F(NativeModules, TheMonotonicClockRuns)
               "true");
 }
 
+TEST_F(NativeModules, IdOfTheHostIsOfTheAgentsNameAndNotTheSystemsOwn)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    dom->Set("app.path.work", m_folder.Path());
+    dom->Set("app.name", "one");
+    const std::string id = Run("return require('vex.host').id()");
+    EXPECT_THAT(id, testing::MatchesRegex("[0-9a-f]+"));
+    EXPECT_EQ(id.size(), 32u);
+    EXPECT_EQ(Run("return require('vex.host').id()"), id);
+    const auto machine = VexCore::os::MachineId();
+    if (!machine)
+        GTEST_SKIP() << "this host has no id of its own";
+    EXPECT_NE(id, *machine);
+    EXPECT_FALSE(std::filesystem::exists(m_folder / "host.id"));
+    dom->Set("app.name", "two");
+    EXPECT_NE(Run("return require('vex.host').id()"), id);
+}
+
 // --- settings
 
 TEST_F(NativeModules, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
@@ -198,6 +217,21 @@ TEST_F(NativeModules, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)
     EXPECT_EQ(Run("return require('vex.settings').bool('vex.Flag', false)"), "true");
     EXPECT_EQ(Run("return require('vex.settings').bool('vex.Text', false)"), "false");
     EXPECT_EQ(Run("return require('vex.settings').text('vex.Text', 'z')"), "abc");
+}
+
+TEST_F(NativeModules, KeysOfSettingsAreThoseOfDomainAndFileAsTheyAreWritten)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    ::Test::WriteFile(m_folder / "a.ini",
+                      "[settings]\nVEX.plugin.Net=on\nvex.Plugin.both=on\nvex.Plugins=x\nvex.Plugi=y\n");
+    dom->Set("app.path.ini", m_folder.Path() + "/a.ini");
+    dom->Set("vex.Plugin.both", "off");
+    dom->Set("vex.Plugin.a.b", "on");
+    dom->Set("vex.plugin.other", "on");
+    const std::string keys = "return table.concat(require('vex.settings').keys('vex.Plugin'), ' ')";
+    EXPECT_EQ(Run(keys), "vex.Plugin.Net vex.Plugin.a.b vex.Plugin.both");
+    EXPECT_EQ(Run("return require('vex.settings').text('vex.Plugin.Net')"), "on");
+    EXPECT_EQ(Run("return #require('vex.settings').keys('vex.none')"), "0");
 }
 
 TEST_F(NativeModules, DefaultsOfTheHostsOwnSettingsAreThoseOfItsTable)

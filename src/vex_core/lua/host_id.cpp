@@ -1,0 +1,75 @@
+#include "vex_core/lua/host_id.h"
+
+#include "vex/core/dom.h"
+#include "vex_core/base/hex.h"
+#include "vex_core/base/text.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/host_facts.h"
+#include "vex_core/os/process_info.h"
+
+#include <fcntl.h>
+
+#include <openssl/rand.h>
+#include <openssl/sha.h>
+
+namespace VexCore {
+
+namespace {
+constexpr std::size_t idBytes = 16;
+constexpr std::size_t idDigits = 2 * idBytes;
+
+std::string HashOf(const std::string& agent, const std::string& machine)
+{
+    const std::string text = "host of " + agent + '\n' + machine;
+    unsigned char digest[SHA256_DIGEST_LENGTH];
+    SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
+    return Hex(digest, idBytes);
+}
+
+// Empty when there is no such file, or not an id in it.
+std::string KeptIn(const std::string& path)
+{
+    const os::Descriptor file(os::Open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    std::string id(idDigits, '\0');
+    if (!file || os::PReadFull(file.Get(), id.data(), idDigits, 0) != static_cast<ssize_t>(idDigits))
+        return std::string();
+    const bool isId = id.find_first_not_of("0123456789abcdef") == std::string::npos;
+    return isId ? id : std::string();
+}
+
+// Written under a name of this process's own and linked to the one that counts, which is there whole or not at all. Of
+// two processes that make one at the same time the second link fails, and both go by the first. What is there and is no
+// id is replaced.
+void Keep(const std::string& path, const std::string& id)
+{
+    const std::string temporary = path + '.' + std::to_string(os::ProcessId());
+    os::Unlink(temporary.c_str());
+    const os::Descriptor file(os::Open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
+    if (!file)
+        return;
+    const std::string line = id + '\n';
+    if (os::WriteAll(file.Get(), line.data(), line.size()) && os::FSync(file.Get()) == 0
+        && os::Link(temporary.c_str(), path.c_str()) != 0 && KeptIn(path).empty())
+        os::Rename(temporary.c_str(), path.c_str());
+    os::Unlink(temporary.c_str());
+}
+
+} // namespace
+
+std::string HostId(const CDom& dom)
+{
+    if (const auto machine = os::MachineId())
+        return HashOf(dom.Get("app.name"), *machine);
+    const wxString work = dom.GetWxString("app.path.work");
+    if (work.empty())
+        return std::string();
+    const std::string path = ToSystemBytes(work + "/host.id");
+    std::string id = KeptIn(path);
+    unsigned char chance[idBytes];
+    if (!id.empty() || RAND_bytes(chance, idBytes) != 1)
+        return id;
+    Keep(path, Hex(chance, idBytes));
+    return KeptIn(path);
+}
+
+} // namespace VexCore
