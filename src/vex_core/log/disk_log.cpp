@@ -4,12 +4,14 @@
 
 #include "vex_core/log/disk_log.h"
 
+#include "vex_core/base/utf8.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/file_lock.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/process_info.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <thread>
@@ -40,26 +42,72 @@ const char* LogLevelWord(LogLevel level)
     return words[static_cast<int>(level)];
 }
 
-std::string LogText(std::string_view text)
+namespace {
+// Control characters of both ranges, as characters of UTF-8 or, the upper ones, as bytes that are none: a terminal that
+// is not set to UTF-8 obeys those. Further what ends a line.
+bool MustBeShown(char32_t character)
+{
+    return (character < 0x20 && character != '\t') || (character >= 0x7f && character < 0xa0) || character == 0x2028
+           || character == 0x2029;
+}
+
+std::string ShownBytes(std::string_view bytes)
 {
     static constexpr char digits[] = "0123456789ABCDEF";
+    std::string shown;
+    for (const char byte : bytes) {
+        const auto value = static_cast<unsigned char>(byte);
+        shown.append("\\x").append(1, digits[value >> 4]).append(1, digits[value & 15]);
+    }
+    return shown;
+}
+
+// Takes the next character off the text, as it stands in a record.
+std::string TakeCharacter(std::string_view& text)
+{
+    char32_t character = 0;
+    std::size_t length = DecodeUtf8(text, character);
+    if (length == 0) {
+        character = static_cast<unsigned char>(text.front());
+        length = 1;
+    }
+    if (text.substr(0, 2) == "\r\n")
+        length = 2;
+    const std::string_view bytes = text.substr(0, length);
+    text.remove_prefix(length);
+    if (bytes.front() == '\n' || bytes.front() == '\r')
+        return "\n    ";
+    return MustBeShown(character) ? ShownBytes(bytes) : std::string(bytes);
+}
+
+// How many bytes at the start of the text, at most `most`, stand in a record as they are.
+std::size_t PlainBytes(std::string_view text, std::size_t most)
+{
+    std::size_t count = 0;
+    while (count < std::min(most, text.size()) && text[count] >= 0x20 && text[count] < 0x7f)
+        ++count;
+    return count;
+}
+
+} // namespace
+
+std::string LogText(std::string_view text)
+{
     const std::size_t last = text.find_last_not_of("\r\n");
     text = text.substr(0, last == std::string_view::npos ? 0 : last + 1);
+    const std::size_t size = text.size();
     std::string result;
-    result.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c == '\n' || c == '\r') {
-            if (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n')
-                ++i;
-            result += "\n    ";
-        } else if ((c < 0x20 && c != '\t') || c == 0x7f) {
-            result += "\\x";
-            result += digits[c >> 4];
-            result += digits[c & 15];
-        } else {
-            result += static_cast<char>(c);
-        }
+    result.reserve(std::min(size, maxLogTextBytes));
+    while (!text.empty()) {
+        const std::size_t plain = PlainBytes(text, maxLogTextBytes - result.size());
+        result.append(text.substr(0, plain));
+        text.remove_prefix(plain);
+        if (text.empty())
+            break;
+        const std::string next = TakeCharacter(text);
+        if (result.size() + next.size() > maxLogTextBytes)
+            return result + " ... (cut, " + std::to_string(size) + " bytes in all)";
+        result += next;
     }
     return result;
 }

@@ -192,9 +192,9 @@ void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxL
     WriteRecord(LevelOf(level), info.timestamp, info.threadId, BytesFromText(message));
 }
 
-void WriteLogLine(wxLogLevel level, std::string_view text)
+void WriteLogLine(LogLevel level, std::string_view text)
 {
-    WriteRecord(LevelOf(level), std::time(nullptr), wxThread::GetCurrentId(), text);
+    WriteRecord(level, std::time(nullptr), wxThread::GetCurrentId(), text);
 }
 
 std::string LogFilePath()

@@ -1,19 +1,21 @@
 #pragma once
 // The core library's own way into the disk log. Not part of the interface.
 
+#include "vex_core/log/disk_log.h"
+
 #include <string>
 #include <string_view>
 
-#include <wx/log.h>
-
 namespace VexCore {
 
-class DiskLog;
+/// Writes one line past the framework, its level and its conversions, as the lines of Lua code go: all are kept, also
+/// in the background child, whose level stays low, and bytes stay what they are. Shown on a terminal like any other.
+/// Any thread; the line is in the file when the call returns.
+void WriteLogLine(LogLevel level, std::string_view text);
 
-/// Writes one line of any bytes past the framework's level, as trace lines and Lua's "debug" lines go: the background
-/// child, whose level stays low, keeps them. Shown on a terminal like any other. Any thread; the line is in
-/// the file when the call returns.
-void WriteLogLine(wxLogLevel level, std::string_view text);
+/// The same for a trace line; see LogTrace.
+void WriteTraceLine(const char* module, const char* sourceFile, int line, const char* function,
+                    std::string_view message);
 
 /// The descriptor of the open log file, -1 while there is none: for the crash handler, which may only write to it. The
 /// number stays the same when the file is rotated. Async-signal-safe.

@@ -3,13 +3,13 @@
 
 #include "vex/core/log.h"
 
-#include "vex_core/base/text.h"
 #include "vex_core/domain/dom_observer.h"
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/domain/root_dom.h"
 #include "vex_core/log/process_log.h"
 #include "vex_core/log/trace_modules.h"
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -73,12 +73,18 @@ bool LogTraceIsEnabled(const char* module)
 
 void LogTrace(const char* module, const char* sourceFile, int line, const char* function, const wxString& message)
 {
-    wxString name = FromForeignBytes(function ? function : "");
-    name.Replace(wxS(" "), wxString());
-    wxString text = FromForeignBytes(module ? module : "");
-    text << wxS(' ') << name << wxS('(') << FromForeignBytes(sourceFile ? sourceFile : "") << wxS(':') << line
-         << wxS("): ") << message;
-    WriteLogLine(wxLOG_Trace, BytesFromText(text));
+    WriteTraceLine(module, sourceFile, line, function, BytesFromText(message));
+}
+
+void WriteTraceLine(const char* module, const char* sourceFile, int line, const char* function,
+                    std::string_view message)
+{
+    std::string name = function ? function : "";
+    name.erase(std::remove(name.begin(), name.end(), ' '), name.end());
+    std::string text = module ? module : "";
+    text.append(" ").append(name).append("(").append(sourceFile ? sourceFile : "").append(":");
+    text.append(std::to_string(line)).append("): ").append(message);
+    WriteLogLine(LogLevel::Trace, text);
 }
 
 } // namespace VexCore

@@ -242,7 +242,7 @@ struct CLuaInterpreter::Impl
         if (leavesFailuresToCaller || !os::IsNullDevice(standardError))
             return;
         try {
-            WriteLogLine(wxLOG_Error, errorInfo);
+            WriteLogLine(LogLevel::Error, errorInfo);
         } catch (const std::bad_alloc&) {
             // The failure is known to the caller; that there is no room to write it down is no second one.
         }

@@ -149,26 +149,19 @@ int Log(CDom&, lua_State* L)
     struct Level
     {
         std::string_view name;
-        wxLogLevel level;
+        VexCore::LogLevel level;
     };
-    static constexpr Level levels[] = {{"error", wxLOG_Error},
-                                       {"warning", wxLOG_Warning},
-                                       {"message", wxLOG_Message},
-                                       {"info", wxLOG_Info},
-                                       {"debug", wxLOG_Debug}};
+    static constexpr Level levels[] = {{"error", VexCore::LogLevel::Error},
+                                       {"warning", VexCore::LogLevel::Warning},
+                                       {"message", VexCore::LogLevel::Message},
+                                       {"info", VexCore::LogLevel::Info},
+                                       {"debug", VexCore::LogLevel::Debug}};
     const std::string_view name = Value<std::string_view>::Get(L, firstArgument);
     const std::string_view text = Value<std::string_view>::Get(L, secondArgument);
     for (const Level& level : levels) {
         if (level.name != name)
             continue;
-        // The framework would drop debug lines by its level, and in a release build altogether. The disk log takes the
-        // bytes as they are; another target gets text.
-        if (level.level == wxLOG_Debug || dynamic_cast<VexCore::CLog2Disk*>(wxLog::GetActiveTarget())) {
-            if (level.level == wxLOG_Debug || wxLog::IsLevelEnabled(level.level, wxString()))
-                VexCore::WriteLogLine(level.level, text);
-        } else {
-            wxLogGeneric(level.level, "%s", VexCore::TextWithoutNul(text));
-        }
+        VexCore::WriteLogLine(level.level, text);
         return 0;
     }
     RaiseArgumentError(L, firstArgument, "\"error\", \"warning\", \"message\", \"info\" or \"debug\"",
@@ -187,7 +180,7 @@ int Trace(CDom&, lua_State* L)
     const bool known = lua_getstack(L, std::max(level, 1), &caller) && lua_getinfo(L, "nSl", &caller);
     const char* source = !known ? "?" : *caller.source == '@' ? caller.source + 1 : caller.short_src;
     const char* function = known && caller.name ? caller.name : "main";
-    VexCore::LogTrace(module, source, known ? caller.currentline : 0, function, Text(text));
+    VexCore::WriteTraceLine(module, source, known ? caller.currentline : 0, function, text);
     return 0;
 }
 

@@ -191,9 +191,29 @@ TEST(LogText, LineBreaksAreIndentedAndControlCharactersShown)
         {std::string("a\0b", 3), "a\\x00b"},
         {"\x1b[31mred\x7f", "\\x1B[31mred\\x7F"},
         {"\xC3\xA4", "\xC3\xA4"},
+        {"\xC2\x80 \xC2\x9F \xC2\xA0", "\\xC2\\x80 \\xC2\\x9F \xC2\xA0"},
+        {"\xE2\x80\xA7\xE2\x80\xA8\xE2\x80\xA9\xE2\x80\xAA", "\xE2\x80\xA7\\xE2\\x80\\xA8\\xE2\\x80\\xA9\xE2\x80\xAA"},
+        {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80"},
+        {"caf\xE9 \x9B"
+         "31m",
+         "caf\xE9 \\x9B"
+         "31m"}, // bytes that are not UTF-8
     };
     for (const auto& row : rows)
         EXPECT_EQ(VexCore::LogText(row.in), row.out) << row.in;
+}
+
+TEST(LogText, LongTextIsCutWithANoteAndNeverInsideACharacter)
+{
+    const std::string whole(64 * 1024, 'x');
+    EXPECT_EQ(VexCore::LogText(whole), whole);
+    EXPECT_EQ(VexCore::LogText(whole + "\n"), whole);
+    EXPECT_EQ(VexCore::LogText(whole + "y"), whole + " ... (cut, 65537 bytes in all)");
+    const std::string nearly = whole.substr(1);
+    EXPECT_EQ(VexCore::LogText(nearly + "\xC3\xA4"), nearly + " ... (cut, 65537 bytes in all)");
+    EXPECT_EQ(VexCore::LogText(nearly + "\x1B"), nearly + " ... (cut, 65536 bytes in all)");
+    EXPECT_EQ(VexCore::LogText(std::string(16384, '\1')).size(), 65536u);
+    EXPECT_THAT(VexCore::LogText(std::string(16385, '\1')), testing::EndsWith("\\x01 ... (cut, 16385 bytes in all)"));
 }
 
 // --- writing

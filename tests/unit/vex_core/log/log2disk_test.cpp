@@ -161,7 +161,7 @@ TEST_F(LogToDisk, LevelsHaveTheirWords)
         wxLogGeneric(row.level, "text");
         EXPECT_THAT(Lines().back(), HasSubstr(row.word)) << row.level;
     }
-    VexCore::WriteLogLine(wxLOG_FatalError, "text");
+    VexCore::WriteLogLine(VexCore::LogLevel::Fatal, "text");
     EXPECT_THAT(Lines().back(), HasSubstr(" FATAL "));
 }
 
@@ -192,7 +192,7 @@ TEST_F(LogToDisk, FrameworksLevelHoldsForMessagesButNotForLinesOfOurs)
     MakeRoot();
     wxLog::SetLogLevel(wxLOG_Info);
     wxLogDebug("dropped");
-    VexCore::WriteLogLine(wxLOG_Debug, "kept");
+    VexCore::WriteLogLine(VexCore::LogLevel::Debug, "kept");
     VexCore::LogTrace("Appl", "file", 1, "F", wxS("traced"));
     ASSERT_EQ(Lines().size(), 2u);
     EXPECT_THAT(Lines()[0], HasSubstr(" DEBUG "));
@@ -456,7 +456,7 @@ TEST_F(LogToDisk, SettingsCountInAChildForkedWhileAnotherThreadReadsThem)
         // was not joined when the child was forked, for one that the child forgot, and the leak check takes what a
         // living one has for itself for lost.
         JoiningThread other([](const std::atomic<bool>& stop) {
-            VexCore::WriteLogLine(wxLOG_Warning, "of another thread");
+            VexCore::WriteLogLine(VexCore::LogLevel::Warning, "of another thread");
             while (!stop)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
         });
@@ -514,7 +514,7 @@ TEST_F(LogToDisk, WarningsAndErrorsAreShownOnATerminal)
         wxLogMessage("message");
         wxLogWarning("warning\nof two lines");
         wxLogError("error");
-        VexCore::WriteLogLine(wxLOG_Debug, "debug");
+        VexCore::WriteLogLine(VexCore::LogLevel::Debug, "debug");
     });
     EXPECT_EQ(shown, "WARNING warning\r\n    of two lines\r\nERROR error\r\n");
     EXPECT_EQ(Lines().size(), 5u);
@@ -553,7 +553,7 @@ TEST_F(LogToDisk, ManyThreadsLogWithoutLosingALine)
             wxLog* const before = wxLog::SetThreadActiveTarget(&own);
             for (int n = 0; n < 500; ++n) {
                 wxLogWarning("line");
-                VexCore::WriteLogLine(wxLOG_Trace, "line");
+                VexCore::WriteLogLine(VexCore::LogLevel::Trace, "line");
             }
             wxLog::SetThreadActiveTarget(before);
         });

@@ -241,19 +241,21 @@ TEST_F(DomainInLua, LogWritesAllLevelsToTheDiskLog)
         ".*WARNING \\[[0-9]+/main\\] a.+b\n");
 }
 
-TEST_F(DomainInLua, LogTakesBytesAsTheyAreAndTheLevelCounts)
+TEST_F(DomainInLua, LinesGoPastTheFrameworkAndTheirBytesStayWhatTheyAre)
 {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_EXIT(
         {
-            delete wxLog::SetActiveTarget(new VexCore::CLog2Disk);
-            wxLog::SetLogLevel(wxLOG_Message);
-            Run("dom0:Log('message', 'caf\\233, caf\\195\\169'), dom0:Log('info', 'unseen')");
+            wxLog::SetLogLevel(wxLOG_FatalError);
+            m_dom->Set("app.trace", "mine");
+            Run("dom0:Log('info', 'caf\xE9'), dom0:Log('info', 'caf\xC3\xA9'), dom0:Log('error', ('x'):rep(70000)), "
+                "dom0:Trace('mine', 'caf\xE9')");
             const std::string log = LogFile();
-            std::exit(log.find("] caf\xE9, caf\xC3\xA9\n") != std::string::npos
-                              && log.find("unseen") == std::string::npos
-                          ? 0
-                          : 1);
+            const bool kept = log.find("] caf\xE9\n") != std::string::npos
+                              && log.find("] caf\xC3\xA9\n") != std::string::npos
+                              && log.find(": caf\xE9\n", log.find("TRACE")) != std::string::npos
+                              && log.find("x ... (cut, 70000 bytes in all)\n") != std::string::npos;
+            std::exit(kept ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
 }
