@@ -339,8 +339,10 @@ bool DiskLog::Open()
     int error = !opened || os::FStat(opened.Get(), status) != 0 ? os::LastError() : 0;
     if (error == 0 && !S_ISREG(status.st_mode))
         error = EINVAL;
-    // A starter's umask may have taken our own rights from the new file, and without them it could not be opened again.
-    if (error == 0 && status.st_size == 0 && (status.st_mode & 07777) != 0600 && os::FChmod(opened.Get(), 0600) != 0)
+    // A starter's umask may have taken our own rights from the new file, and without them it could not be opened again;
+    // and one that is there may have been made for everybody's eyes.
+    const bool isOurs = status.st_uid == os::EffectiveUser();
+    if (error == 0 && isOurs && (status.st_mode & 07777) != 0600 && os::FChmod(opened.Get(), 0600) != 0)
         error = os::LastError();
     if (error == 0 && !os::ReplaceDescriptor(m_file, std::move(opened)))
         error = os::LastError();

@@ -244,6 +244,21 @@ TEST(DiskLog, FileIsTheOwnersAlone)
     EXPECT_EQ(status.st_mode, mode_t(S_IFREG | 0600));
 }
 
+TEST(DiskLog, FileThatIsThereForEverybodyBecomesTheOwnersAlone)
+{
+    const TempFolder folder;
+    const std::string path = folder / "x.log";
+    WriteFile(path, "before\n");
+    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    DiskLog log(muchMemory);
+    log.SetFile(path);
+    log.Write("one\n", false);
+    struct stat status = {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, mode_t(S_IFREG | 0600));
+    EXPECT_EQ(ReadFile(path), "before\none\n");
+}
+
 TEST(DiskLog, DescriptorIsKeptFromProgramsAndKeepsItsNumber)
 {
     const TempFolder folder;
