@@ -21,6 +21,7 @@
 #include <link.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <wx/init.h>
@@ -223,6 +224,14 @@ int Crash(const std::string& way)
     } else if (way == "nested") {
         BlockAllAnd(StrikeWhileItWrites);
         CrashByAbort();
+    } else if (way == "children") {
+        for (void (*const crash)() : {CrashByAbort, CrashOnNull}) {
+            if (const pid_t child = fork(); child > 0)
+                waitpid(child, nullptr, 0);
+            else
+                crash();
+        }
+        _exit(0);
     } else if (way == "no-library")
         CrashWithoutTheLibrarysData();
     return 4; // it should not have come here

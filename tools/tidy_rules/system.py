@@ -38,6 +38,7 @@ SYSTEM_CALL_ALLOWED = {
     "src/vex_core/crash/crash_linux.cpp": "after a crash nothing may stand between the code and the system",
     "src/vex_core/crash/crash_maps_linux.cpp": "after a crash nothing may stand between the code and the system",
     "src/vex_core/crash/crash_solaris.cpp": "after a crash nothing may stand between the code and the system",
+    "src/vex_core/crash/earlier_dumps_linux.cpp": "after a crash nothing may stand between the code and the system",
     "src/vex_core/crash/other_threads_linux.cpp": "after a crash nothing may stand between the code and the system",
     "src/vex_core/crash/minidump_writer_linux.cpp": "after a crash nothing may stand between the code and the system",
     "src/vex_core/lifecycle/startup.cpp": "runs before anything else, also before the doorway's own initialisers",

@@ -300,6 +300,7 @@ bool InitCrashHandler(const wxString& dumpFile, const wxString& application, boo
     g_fullMemory = fullDump;
     g_localTimeOffset = LocalTimeOffset();
     PrepareCrashDump();
+    KeepEarlierDump(g_dumpPath);
     EnableSignalStacks();
     TakeSignalStack();
     return Install();

@@ -342,6 +342,8 @@ int WriteCrashDump(const CrashDumpTarget& target, const CrashSite& site)
     int error = (new (s_room) DumpBuilder(file, site))->Build(target.full);
     if (close(file) != 0 && error == 0)
         error = errno;
+    if (error == 0)
+        KeepEarlierDump(target.path);
     if (error == 0 && rename(target.temporary, target.path) != 0)
         error = errno;
     if (error != 0)

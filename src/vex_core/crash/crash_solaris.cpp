@@ -29,6 +29,8 @@ int WriteCrashDump(const CrashDumpTarget&, const CrashSite&)
     return ENOSYS;
 }
 
+void KeepEarlierDump(const char*) {}
+
 long CurrentThreadNumber()
 {
     return static_cast<long>(thr_self());

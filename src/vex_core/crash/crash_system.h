@@ -35,6 +35,10 @@ void PrepareCrashDump();
 /// format for this system or processor. The other threads stay stopped.
 int WriteCrashDump(const CrashDumpTarget& target, const CrashSite& site);
 
+/// Moves a dump that is there out of the way of the next one: NAME.mdmp becomes NAME.TIME.mdmp, with the time of its
+/// writing in seconds since the epoch, and the latest five of these stay. In a crash or not.
+void KeepEarlierDump(const char* path);
+
 long CurrentThreadNumber();
 
 /// Makes the process end by the crash's own signal when the handler returns, at the place of the crash.

@@ -190,19 +190,43 @@ def test_folder_that_cannot_be_made_is_told(tmp_path):
     assert "no crash dump could be written" in crash.log[1]
 
 
-def test_earlier_dump_is_replaced_whole_or_kept(tmp_path):
+def signals_of_dumps(folder):
+    """The signal of each dump by its name; the folder has nothing else."""
+    return {name: Minidump(os.path.join(folder, name)).exception()[1] for name in sorted(os.listdir(folder))}
+
+
+def test_dumps_of_earlier_crashes_are_kept_and_one_that_fails_takes_none_away(tmp_path):
     first = Crash(tmp_path, "null")
+    folder = os.path.dirname(first.dump)
+    os.utime(first.dump, (1000, 1000))
     Crash(tmp_path, "abort")
-    assert first.minidump().exception()[1] == signal.SIGABRT
+    assert signals_of_dumps(folder) == {"child.1000.mdmp": signal.SIGSEGV, "child.mdmp": signal.SIGABRT}
 
     def small_files_only():
         resource.setrlimit(resource.RLIMIT_FSIZE, (8192, 8192))
 
-    before = open(first.dump, "rb").read()
+    os.utime(first.dump, (1000, 1000))
     crash = Crash(tmp_path, "null", preexec_fn=small_files_only)
     assert crash.status == -signal.SIGSEGV and "error 27: File too large" in crash.err
-    assert open(first.dump, "rb").read() == before
-    assert os.listdir(os.path.dirname(first.dump)) == ["child.mdmp"]
+    assert signals_of_dumps(folder) == {"child.1000.mdmp": signal.SIGSEGV, "child.1001.mdmp": signal.SIGABRT}, \
+        "of two in one second neither is lost"
+
+
+def test_five_dumps_of_earlier_crashes_stay(tmp_path):
+    folder = tmp_path / "diag"
+    folder.mkdir()
+    for name in ("child.999.mdmp", "child.20.mdmp", "child.mdmp.tmp.mdmp", "child.x1.mdmp", "other.5.mdmp", "child..mdmp"):
+        (folder / name).write_text(name)
+    for time in range(2000, 2006):
+        os.utime(Crash(tmp_path, "null").dump, (time, time))
+    strangers = {"child.mdmp.tmp.mdmp", "child.x1.mdmp", "other.5.mdmp", "child..mdmp"}
+    assert set(os.listdir(folder)) == strangers | {"child.mdmp"} | {f"child.{time}.mdmp" for time in range(2000, 2005)}
+
+
+def test_second_crash_below_one_supervisor_keeps_the_dump_of_the_first(tmp_path):
+    # The handler was installed once, before both were forked.
+    Crash(tmp_path, "children")
+    assert list(signals_of_dumps(tmp_path / "diag").values()) == [signal.SIGABRT, signal.SIGSEGV]
 
 
 @pytest.mark.sandbox
