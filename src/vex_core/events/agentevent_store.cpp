@@ -14,6 +14,7 @@
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/last_resort.h"
 #include "vex_core/os/process_info.h"
 
 #include <atomic>
@@ -86,11 +87,12 @@ EventRecord MakeRecord(const CAgentEvent& event)
     return record;
 }
 
-// As bytes: the process may have no log any more, and wide output would silence all later output.
-void ShowOnStandardError(const char* prefix, const std::string& xml)
+// Past the log, which holds its lines in memory as well when the disk is full. As bytes: wide output would silence all
+// later output.
+void ShowAsLastResort(const char* prefix, const EventRecord& record)
 {
-    const std::string line = prefix + xml + "\n";
-    os::WriteBestEffort(STDERR_FILENO, line.data(), line.size());
+    const int severity = CAgentEvent::ToSeverity(static_cast<int>(record.severity.value_or(os::severityError)));
+    os::WriteLastResort(STDERR_FILENO, severity, {prefix, record.xml, "\n"});
 }
 
 // What lies there already may be all that is left of another database.
@@ -341,12 +343,12 @@ void EventStore::KeepForLater(const EventRecord& record)
 
 void EventStore::KeepInMemory(const EventRecord& record)
 {
-    ShowOnStandardError("Agent event not stored yet: ", record.xml);
+    ShowAsLastResort("Agent event not stored yet: ", record);
     m_memory.push_back(record);
     if (m_memory.size() <= maxInMemory)
         return;
     wxLogError("Too many agent events are kept in memory, this one goes: %s", Shown(m_memory.front().xml));
-    ShowOnStandardError("Agent event given up: ", m_memory.front().xml);
+    ShowAsLastResort("Agent event given up: ", m_memory.front());
     m_memory.pop_front();
 }
 
@@ -456,9 +458,8 @@ std::int64_t CDom::AgentEventWrite(CAgentEvent& event)
     try {
         return GetEventStore(Get("app.path.work"))->Write(event);
     } catch (const std::exception& failure) { // memory or the source of random numbers
-        const std::string_view parts[] = {"Agent event lost: ", failure.what(), ": ", event.m_text, "\n"};
-        for (const std::string_view part : parts)
-            os::WriteBestEffort(STDERR_FILENO, part.data(), part.size());
+        os::WriteLastResort(STDERR_FILENO, os::severityError,
+                            {"Agent event lost: ", failure.what(), ": ", event.m_text, "\n"});
         return 0;
     }
 }

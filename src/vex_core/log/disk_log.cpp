@@ -9,6 +9,7 @@
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/file_lock.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/last_resort.h"
 #include "vex_core/os/process_info.h"
 
 #include <algorithm>
@@ -169,7 +170,7 @@ void DiskLog::FlushAtEnd()
         return;
     for (const Held& held : m_held)
         if (!held.shown)
-            os::WriteBestEffort(m_error, held.record.data(), held.record.size());
+            os::WriteLastResort(m_error, os::severityError, {held.record});
     m_held.clear();
     m_heldBytes = 0;
 }
@@ -206,8 +207,8 @@ bool DiskLog::WriteHeld()
         m_held.pop_front();
     }
     if (m_lost > 0) {
-        if (!TryWrite(
-                OwnRecord(std::to_string(m_lost) + " lines could not be written here and went to standard error")))
+        if (!TryWrite(OwnRecord(std::to_string(m_lost)
+                                + " lines could not be written here and went to standard error or the system log")))
             return false;
         m_lost = 0;
     }
@@ -283,7 +284,7 @@ void DiskLog::Hold(const std::string& record, bool shown)
     if (m_heldBytes + record.size() > m_maxHeldBytes) {
         ++m_lost;
         if (!shown)
-            os::WriteBestEffort(m_error, record.data(), record.size());
+            os::WriteLastResort(m_error, os::severityError, {record});
         return;
     }
     m_held.push_back({record, shown});
@@ -297,7 +298,7 @@ void DiskLog::Fail(int error)
     m_troubled = true;
     const std::string line = "Can't write the log file " + m_path + " (" + NumberAndText(error)
                              + "), lines are kept in memory and tried again\n";
-    os::WriteBestEffort(m_error, line.data(), line.size());
+    os::WriteLastResort(m_error, os::severityError, {line});
 }
 
 std::string DiskLog::OwnRecord(const std::string& text) const

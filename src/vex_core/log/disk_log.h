@@ -41,7 +41,8 @@ std::string FormatLogRecord(std::time_t time, const char* timeFormat, LogLevel l
 /// A record is one `write` on a descriptor opened with O_APPEND, so records of several processes never mix. Before
 /// each, the name is asked for: when it no longer leads to the open file, another process has rotated and the new file
 /// is opened. A record that cannot be written (no file yet, disk full) is held, in order, and tried again with the next
-/// one; the memory for that is bounded, and what does not fit goes to standard error.
+/// one; the memory for that is bounded, and what does not fit goes to standard error,
+/// or to the system's log where that is the null device.
 ///
 /// Any thread. Forks are survived when BeforeFork and AfterFork... are called around them.
 class DiskLog
@@ -70,7 +71,7 @@ public:
     void Write(const std::string& record, bool shown, const char* timeFormat = standardTimeFormat);
     /// Tries to write what is held.
     void Flush();
-    /// The same, and what cannot be written goes to standard error: the process ends.
+    /// The same, and what cannot be written goes where what does not fit in memory goes: the process ends.
     void FlushAtEnd();
 
     /// The open file, or -1. The number stays the same once there is one. Async-signal-safe.

@@ -3,7 +3,9 @@ import collections
 import os
 import re
 import signal
+import socket
 import subprocess
+import threading
 
 import pytest
 
@@ -184,6 +186,85 @@ def test_a_full_disk_delays_lines_and_loses_none(tree):
     assert len(pieces(lines)) <= 1, pieces(lines)
     assert re.fullmatch(r"Can't write the log file .*/writer.log \(error 28: No space left on device\), lines are kept in memory "
                         r"and tried again\n", result.err), result.err
+
+
+FILLS_THE_DISK_FOR_GOOD = """
+local M = {}
+function M.init()
+  local filler = assert(io.open(dom0:Get("app.path.work") .. "/filler", "w"))
+  filler:setvbuf("no")
+  for size = 12, 0, -1 do
+    while filler:write(("x"):rep(2 ^ size)) do end
+  end
+  filler:close()
+  return 0
+end
+function M.main()
+  for number = 1, 40 do
+    dom0:Log("info", ("line full-%d-end"):format(number))
+    dom0:AgentEvent{ number = number, severity = 2, text = ("event full-%d-end"):format(number) }
+  end
+  return 0
+end
+return M
+"""
+
+
+class SystemLog:
+    """Stands for the system's logger while it lives: a /dev of this worker's own, in which a socket takes the records."""
+
+    NODES = ("null", "zero", "random", "urandom", "full")
+
+    def __init__(self, folder):
+        self.records = []
+        os.mkdir(folder)
+        for node in self.NODES:
+            with open(os.path.join(folder, node), "w"):
+                subprocess.run(["mount", "-n", "--bind", f"/dev/{node}", os.path.join(folder, node)], check=True)
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.bind(os.path.join(folder, "log"))
+        subprocess.run(["mount", "-n", "--rbind", folder, "/dev"], check=True)
+        self._folder = folder
+        self._reader = threading.Thread(target=self._read)
+        self._reader.start()
+
+    def _read(self):
+        while record := self._socket.recv(65536):
+            self.records.append(record.decode())
+
+    def close(self):
+        end = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        end.sendto(b"", "/dev/log")
+        end.close()
+        self._reader.join()
+        self._socket.close()
+        unmount("/dev")
+        for node in self.NODES:
+            unmount(os.path.join(self._folder, node))
+
+
+@pytest.mark.sandbox
+def test_events_and_lines_of_a_background_agent_whose_disk_stays_full_go_to_the_system_log(tree, tmp_path):
+    tree.app("writer", FILLS_THE_DISK_FOR_GOOD)
+    os.mkdir(tree.work)
+    mount_tmpfs(tree.work, b"size=256k,mode=700")
+    log = SystemLog(str(tmp_path / "dev"))
+    try:
+        supervisor, child = tree.background(name="writer")
+        # An event waits for no end of the process: it may be killed.
+        wait_until(lambda: sum("Agent event not stored yet: " in record for record in log.records) == 40, what="40 events")
+        tree.stop(supervisor)
+        assert not alive(child)
+        written = numbers_by_tag(tree.log("writer").split("\n"))["full"]
+    finally:
+        log.close()
+        unmount(tree.work)
+    events = [re.search(r'^<(\d+)>.*writer\[\d+\]: Agent event not stored yet: <agent_event .* text="event full-(\d+)-end"/>$', record)
+              for record in log.records if "not stored yet" in record]
+    assert [(match[1], int(match[2])) for match in events] == [(str(3 * 8 + 2), number) for number in range(1, 41)]
+    # Facility and severity: daemon, error. A line is in the one log or in the other.
+    sent = numbers_by_tag([record for record in log.records if record.startswith(f"<{3 * 8 + 3}>")])["full"]
+    assert written + sent == list(range(1, 41)) and sent
 
 
 def test_a_removed_log_file_is_made_anew_with_the_next_line(tree):

@@ -328,6 +328,28 @@ TEST(DiskLog, RecordsWithoutAPlaceGoToStandardErrorAtTheEnd)
 
 // --- trouble
 
+TEST(DiskLog, WhereStandardErrorIsTheNullDeviceAllThatGoesThereGoesToTheSystemLog)
+{
+    TempFolder folder;
+    Lines sent;
+    const CallWatch watch([&](const os::Call& call) {
+        if (call.name != "syslog"sv)
+            return 0;
+        sent.emplace_back(call.path);
+        return EPERM; // the machine's own log is spared
+    });
+    const os::Descriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    DiskLog log(10, null.Get());
+    log.SetFile(folder / "missing/x.log");
+    log.Write("shown\n", true);
+    log.Write("one\n", false);
+    log.Write("too much for the memory\n", false);
+    log.FlushAtEnd();
+    EXPECT_THAT(sent,
+                testing::ElementsAre(StartsWith("Can't write the log file " + folder / "missing/x.log (error 2: "),
+                                     "too much for the memory", "one"));
+}
+
 TEST(DiskLog, FileThatCannotBeOpenedIsSaidOnceAndTriedAgain)
 {
     const TempFolder folder;
@@ -433,7 +455,8 @@ TEST(DiskLog, WhatDoesNotFitInMemoryGoesToStandardErrorAndIsCounted)
     const Lines lines = LinesOf(ReadFile(folder / "x.log"));
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0], "12345678");
-    EXPECT_THAT(lines[1], HasSubstr("/log] 2 lines could not be written here and went to standard error"));
+    EXPECT_THAT(lines[1],
+                HasSubstr("/log] 2 lines could not be written here and went to standard error or the system log"));
     EXPECT_EQ(lines[2], "later");
     log.Write("last\n", false);
     EXPECT_EQ(LinesOf(ReadFile(folder / "x.log")).size(), 4u) << "it is said once";

@@ -1,0 +1,17 @@
+#pragma once
+// The last place for a text that can be kept nowhere else.
+
+#include <initializer_list>
+#include <string_view>
+
+namespace VexCore::os {
+
+/// As syslog has them.
+constexpr int severityError = 3;
+
+/// Writes the text, given in parts, to `standardError`; where that is the null device, as it is in the background, to
+/// the system's log, line by line, with a severity of 0 to 7. As far as that works, since nobody can be told about a
+/// failure: keeps the last error. Any thread; allocates nothing of ours. Tests see "syslog" with the line as its path.
+void WriteLastResort(int standardError, int severity, std::initializer_list<std::string_view> parts);
+
+} // namespace VexCore::os
