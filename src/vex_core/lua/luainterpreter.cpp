@@ -8,6 +8,7 @@
 #include "slb3/error.h"
 #include "vex/core/processexit.h"
 #include "vex_core/base/text.h"
+#include "vex_core/domain/dom_values.h"
 #include "vex_core/log/process_log.h"
 #include "vex_core/lua/error_text.h"
 #include "vex_core/lua/lua_output.h"
@@ -242,7 +243,7 @@ struct CLuaInterpreter::Impl
         if (leavesFailuresToCaller || !os::IsNullDevice(standardError))
             return;
         try {
-            WriteLogLine(LogLevel::Error, errorInfo);
+            WriteLogLine(LogLevel::Error, BytesFromText(errorInfo));
         } catch (const std::bad_alloc&) {
             // The failure is known to the caller; that there is no room to write it down is no second one.
         }

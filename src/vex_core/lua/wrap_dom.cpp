@@ -36,11 +36,6 @@ constexpr int thirdArgument = 4;
 constexpr std::size_t maxKeptBytes = 4096;
 constexpr int handleKilobytes = 4; // of an ended worker
 
-wxString Text(std::string_view bytes)
-{
-    return VexCore::FromForeignBytes(bytes);
-}
-
 int PushBytes(lua_State* L, std::string_view bytes)
 {
     lua_pushlstring(L, bytes.data(), bytes.size());

@@ -7,21 +7,12 @@
 #include "vex_core/os/files.h"
 #include "vex_core/os/observed.h"
 
-#include <sys/stat.h>
 #include <syslog.h>
 
 namespace VexCore::os {
 namespace {
 // What loggers take at the least; a longer line is continued in another record.
 constexpr std::size_t maxLineBytes = 1000;
-
-bool IsNullDevice(int descriptor)
-{
-    struct stat own = {};
-    struct stat null = {};
-    return ::fstat(descriptor, &own) == 0 && S_ISCHR(own.st_mode) && ::stat("/dev/null", &null) == 0
-           && S_ISCHR(null.st_mode) && own.st_rdev == null.st_rdev;
-}
 
 // Collects one line.
 class SystemLogLine
