@@ -275,9 +275,12 @@ class Tree:
         return Result(process.returncode, out, err, self.log(name))
 
     def pid_file(self, name="vx_agent"):
-        """The pid of the supervisor, 0 while there is no file."""
+        """The pid of the supervisor, 0 while there is no file; what is none, a named pipe say, would be waited for."""
+        path = f"/var/run/{name}.pid"
         try:
-            with open(f"/var/run/{name}.pid") as file:
+            if not os.path.isfile(path):
+                return 0
+            with open(path) as file:
                 return int(file.readline())
         except (FileNotFoundError, ValueError):
             return 0
