@@ -142,7 +142,7 @@ public:
     {
         FakeCore::Record("PassTermOn(" + std::to_string(process) + ")");
         if (m_pending && *m_pending != process)
-            SignalProcess(process, SIGTERM);
+            FakeCore::Record("SignalProcess(" + std::to_string(process) + ", TERM)");
     }
     void HandleTerm(VexSignalAction handler) override
     {
@@ -155,9 +155,9 @@ public:
         // We are in it.
         SendTerm(self);
     }
-    void SignalProcess(pid_t process, int signal) override
+    void SignalChild(pid_t child, int signal) override
     {
-        FakeCore::Record("SignalProcess(" + std::to_string(process) + (signal == SIGTERM ? ", TERM)" : ", other)"));
+        FakeCore::Record("SignalChild(" + std::to_string(child) + (signal == SIGTERM ? ", TERM)" : ", other)"));
     }
     void RemoveFile(const char* path) override
     {

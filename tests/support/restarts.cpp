@@ -85,7 +85,7 @@ public:
     void PassTermOn(pid_t process) override { m_real.PassTermOn(process); }
     void HandleTerm(VexSignalAction handler) override { m_real.HandleTerm(handler); }
     void SignalOwnGroup(int signal) override { m_real.SignalOwnGroup(signal); }
-    void SignalProcess(pid_t process, int signal) override { m_real.SignalProcess(process, signal); }
+    void SignalChild(pid_t child, int signal) override { m_real.SignalChild(child, signal); }
     void RemoveFile(const char* path) override { m_real.RemoveFile(path); }
     void ReleaseInstanceLock() override { m_real.ReleaseInstanceLock(); }
     bool IsExecutable(const char* path) override { return m_real.IsExecutable(path); }

@@ -585,7 +585,7 @@ TEST_F(BackgroundMode, OutsideOfItsOwnGroupItStopsTheChildAlone)
         return 0;
     });
     EXPECT_EQ(Run(), 0);
-    EXPECT_EQ(Journal({"Signal"}), Lines{"SignalProcess(5000, TERM)"});
+    EXPECT_EQ(Journal({"Signal"}), Lines{"SignalChild(5000, TERM)"});
 }
 
 TEST_F(BackgroundMode, AStopBetweenPidFileAndHandlerReachesTheFirstChild)

@@ -6,6 +6,8 @@
 #include "support/forked_process.h"
 #include "support/joining_thread.h"
 
+#include "vex/core/sendsignal.h"
+
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -111,7 +113,7 @@ TEST(ProcessSystem, APendingSigtermIsPassedOnUnlessItCameFromThere)
                       if (next == 0) {
                           go.CloseEnd(1);
                           if (pending == FromTheNext)
-                              System().SignalProcess(self, SIGTERM);
+                              VexCore::SendSignal(self, SIGTERM);
                           ready.Write('r');
                           go.Read();
                           System().UnblockTerm(); // ends this process when it was sent one
@@ -129,6 +131,47 @@ TEST(ProcessSystem, APendingSigtermIsPassedOnUnlessItCameFromThere)
                   }),
                   0)
             << pending;
+}
+
+// Between the wait for a child and the note that none runs its id may become a stranger's.
+TEST(ProcessSystem, ASignalForAChildReachesNobodyElseOnceTheChildHasBeenWaitedFor)
+{
+    Pipe go;
+    const pid_t stranger = ::fork();
+    if (stranger == 0) {
+        go.CloseEnd(1);
+        go.Read();
+        ::_exit(3);
+    }
+    EXPECT_EQ(InChild([&] {
+                  go.CloseEnd(1);
+                  // Alive, and the id of a process, but of none of ours: what a reused id is.
+                  System().SignalChild(stranger, SIGTERM);
+                  return 0;
+              }),
+              0);
+    go.CloseEnd(1);
+    int status = -1;
+    ASSERT_EQ(::waitpid(stranger, &status, 0), stranger);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+}
+
+TEST(ProcessSystem, ASignalForAChildReachesItWhileItRunsAndLeavesItsEndToTheWait)
+{
+    Pipe go;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        go.CloseEnd(1);
+        go.Read();
+        ::_exit(3);
+    }
+    System().SignalChild(child, SIGTERM);
+    siginfo_t information;
+    ASSERT_EQ(::waitid(P_PID, child, &information, WEXITED | WNOWAIT), 0);
+    System().SignalChild(child, SIGTERM); // it is not anybody else's yet
+    int status = -1;
+    EXPECT_EQ(System().Wait(child, status), child);
+    EXPECT_EQ(status, SIGTERM);
 }
 
 TEST(ProcessSystem, SignalsLeftByTheStarterAreReset)

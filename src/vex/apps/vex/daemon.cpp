@@ -70,7 +70,7 @@ void SignalEverybody()
     if (g_stop.group > 1 && g_stop.system->OwnGroup() == g_stop.group)
         g_stop.system->SignalOwnGroup(SIGTERM);
     else if (g_stop.childRuns)
-        g_stop.system->SignalProcess(g_stop.child, SIGTERM);
+        g_stop.system->SignalChild(g_stop.child, SIGTERM);
 }
 
 void TakeStop(const siginfo_t* information)
@@ -95,7 +95,7 @@ void TakeStop(const siginfo_t* information)
 } // namespace
 
 // SIGTERM in the supervisor. Beyond g_stop it makes these system calls, all of them safe here: getpid, getpgrp, unlink,
-// fcntl (of the locks), kill, _exit.
+// fcntl (of the locks), waitid, kill, _exit.
 extern "C" void pass_signal(int, siginfo_t* information, void*)
 {
     const VexOs::KeepError keep;

@@ -81,7 +81,8 @@ public:
 
     // --- from a signal handler too
     virtual void SignalOwnGroup(int signal) = 0;
-    virtual void SignalProcess(pid_t process, int signal) = 0;
+    /// Nothing when the child has been waited for: its id may be a stranger's by then.
+    virtual void SignalChild(pid_t child, int signal) = 0;
     /// A file that is not there is no failure, and others go unsaid.
     virtual void RemoveFile(const char* path) = 0;
     virtual void ReleaseInstanceLock() = 0;

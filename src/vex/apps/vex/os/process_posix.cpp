@@ -184,7 +184,12 @@ public:
     }
 
     void SignalOwnGroup(int signal) override { VexCore::SendSignalToOwnGroup(signal); }
-    void SignalProcess(pid_t process, int signal) override { VexCore::SendSignal(process, signal); }
+    void SignalChild(pid_t child, int signal) override
+    {
+        siginfo_t information;
+        if (::waitid(P_PID, static_cast<id_t>(child), &information, WEXITED | WNOHANG | WNOWAIT) == 0)
+            VexCore::SendSignal(child, signal);
+    }
     void RemoveFile(const char* path) override { ::unlink(path); }
 
     void ReleaseInstanceLock() override { m_locks.ReleaseInstance(); }
