@@ -47,7 +47,7 @@ void OpenStandardDescriptors()
         if (::fcntl(descriptor, F_GETFD) != -1)
             continue;
         // The lowest closed number is the one that open gives.
-        if (::open("/dev/null", descriptor == 0 ? O_RDONLY : O_WRONLY) < 0)
+        if (::open("/dev/null", descriptor == 0 ? O_RDONLY : O_WRONLY) < 0 && ::open("/", O_RDONLY) < 0)
             return;
     }
 }

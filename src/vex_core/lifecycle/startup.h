@@ -3,8 +3,9 @@
 
 namespace VexCore {
 
-/// Opens /dev/null on each of the descriptors 0 to 2 that is closed. Otherwise the next file opened, a database say,
-/// would get such a number, and what is meant for standard error would be written into it.
+/// Opens /dev/null on each of the descriptors 0 to 2 that is closed; where that is missing the root folder, which
+/// nothing can be read from or written to. Otherwise the next file opened, a database say, would get such a number, and
+/// what is meant for standard error would be written into it.
 void OpenStandardDescriptors();
 
 /// Makes text UTF-8 where the environment asks for no character set at all: when the locale's set is ASCII (LANG unset

@@ -4,12 +4,14 @@ import pty
 import re
 import resource
 import signal
+import subprocess
 import time
 
 import pytest
 
 from agents import CAUGHT, ENDED, LIFE, PID_FILE, adopted_statuses, check_log, check_silent, delayed, killed, life, run_adopted
-from conftest import BUILD_NUMBER, VERSION, SANITIZED, TRACED, alive, children, send_signal, wait_until
+from conftest import (BUILD_NUMBER, PATIENCE, SANITIZED, TRACED, VERSION, alive, children, mount_tmpfs, send_signal, unmount,
+                      wait_until)
 
 pytestmark = pytest.mark.sandbox
 NO_PROCESS = "(error 11: Resource temporarily unavailable)"
@@ -109,6 +111,24 @@ def test_an_ignored_child_signal_does_not_hide_the_end_of_the_child(tree):
     wait_until(lambda: life(tree).count("main") == 2, what="second main")
     tree.stop(supervisor)
     check_log(tree, killed(9), delayed(1), CAUGHT, ENDED)
+
+
+@pytest.mark.parametrize("closed", ["", " <&- >&- 2>&-"], ids=["open streams", "closed streams"])
+def test_without_a_null_device_no_file_is_made_in_its_place(tree, closed):
+    tree.app("probe", LIFE)
+    mount_tmpfs("/dev")
+    try:
+        started = subprocess.run(["/bin/sh", "-c", '"$0" --background' + closed, os.path.join(tree.path, "probe")], stdin=subprocess.PIPE,
+                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=PATIENCE)
+        assert (started.returncode, started.stdout) == (0, b"")
+        supervisor = wait_until(lambda: tree.supervisor("probe"), what="pid file")
+        wait_until(lambda: "main" in life(tree), what="main")
+        for pid in (supervisor, children(supervisor)[0]):
+            assert [os.readlink(f"/proc/{pid}/fd/{descriptor}") for descriptor in (0, 1, 2)] == ["/"] * 3
+        stop_and_check(tree, supervisor)
+        assert os.listdir("/dev") == []
+    finally:
+        unmount("/dev")
 
 
 def test_nine_hundred_open_descriptors_are_no_hindrance(tree):

@@ -49,7 +49,8 @@ public:
     /// `ResetSignals`.
     virtual pid_t NewSession() = 0;
     virtual void ChangeFolder(const char* path) = 0;
-    /// Standard input, output and error go to /dev/null.
+    /// Standard input, output and error go to /dev/null, or nowhere when that is missing. What they hold is written by
+    /// then.
     virtual void StreamsToNull() = 0;
     /// Files made from here on are not writable for group and others, and the owner keeps all rights. Stricter masks
     /// for group and others stay.

@@ -123,14 +123,17 @@ public:
 
     void StreamsToNull() override
     {
-        const struct
-        {
-            FILE* stream;
-            const char* mode;
-        } streams[] = {{stdin, "r"}, {stdout, "w"}, {stderr, "w"}};
-        for (const auto& item : streams)
-            if (!std::freopen("/dev/null", item.mode, item.stream))
+        for (const int stream : {0, 1, 2}) {
+            // Not made where it is missing. The root folder serves as well then: what reads and writes fails at it, and
+            // the number is taken, which the next file that is opened would get otherwise.
+            int opened = ::open("/dev/null", stream == 0 ? O_RDONLY : O_WRONLY);
+            if (opened < 0)
+                opened = ::open("/", O_RDONLY);
+            if (opened < 0 || opened == stream)
                 continue;
+            ::dup2(opened, stream);
+            ::close(opened);
+        }
     }
 
     void TightenFileMode() override
