@@ -31,8 +31,8 @@ public:
     CDom* GetDom() const;
 
     /// Creates and runs the thread. `priority` 0 to 100 (50 is the default), `takesPartInStop`: the core library's
-    /// shutdown asks it to end, `stackBytes` 0 is the system's default. False, after an error line in the log, when
-    /// there is no thread to be had; then `join` returns at once.
+    /// shutdown asks it to end, `stackBytes` 0 is 8 MiB, whatever the process's limit says. False, after an error line
+    /// in the log, when there is no thread to be had; then `join` returns at once.
     bool start(unsigned priority, bool takesPartInStop, unsigned stackBytes);
 
     /// Sets the flag that the body asks for with `TestDestroy` and wakes its waits. Any thread.

@@ -3,6 +3,8 @@
 
 #include "vex_core/lifecycle/startup.h"
 
+#include "vex_core/os/signals.h"
+
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -52,6 +54,14 @@ void OpenStandardDescriptors()
     }
 }
 
+void IgnoreFileSizeSignal()
+{
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    os::SetDisposition(SIGXFSZ, ignore);
+}
+
 void SettleLocale()
 {
     TakeLcAllApart();
@@ -72,6 +82,7 @@ namespace {
 __attribute__((constructor(101))) void BeforeMain()
 {
     OpenStandardDescriptors();
+    IgnoreFileSizeSignal();
     SettleLocale();
     // The framework's own initialisers ran first and took the character set from the environment as it was;
     // the command line is converted with this one.

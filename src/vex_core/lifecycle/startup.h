@@ -8,6 +8,10 @@ namespace VexCore {
 /// what is meant for standard error would be written into it.
 void OpenStandardDescriptors();
 
+/// A write beyond the limit of a file's size is an error of that write, as on a full disk, and does not end the
+/// process.
+void IgnoreFileSizeSignal();
+
 /// Makes text UTF-8 where the environment asks for no character set at all: when the locale's set is ASCII (LANG unset
 /// or "C", or a locale that is not installed), LC_CTYPE becomes C.UTF-8 where that exists. And makes LC_NUMERIC "C"
 /// whatever the environment says, so that 1.5 is 1.5 in Lua, JSON and settings.

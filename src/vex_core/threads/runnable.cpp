@@ -28,6 +28,10 @@ const int CRunnable::SigThreadDelete = SIGRTMIN + 4;
 namespace {
 thread_local CRunnable* t_current = nullptr;
 
+// The system would take the limit of the main thread's stack, which may be small: the calls that Lua allows itself to
+// nest need 1.8 MiB. What is not used takes no memory.
+constexpr unsigned defaultStackBytes = 8u << 20;
+
 } // namespace
 
 struct CRunnable::Impl
@@ -99,7 +103,8 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
         const wxLogNull quiet; // one error line, and it is ours
         if (priority != wxPRIORITY_DEFAULT)
             SetPriority(priority);
-        started = Create(stackBytes) == wxTHREAD_NO_ERROR && Run() == wxTHREAD_NO_ERROR;
+        started =
+            Create(stackBytes != 0 ? stackBytes : defaultStackBytes) == wxTHREAD_NO_ERROR && Run() == wxTHREAD_NO_ERROR;
     }
     if (started)
         return true;

@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -281,6 +282,23 @@ TEST(ProcessSystem, DescriptorsAboveTheStandardOnesAreMarked)
                   if ((::fcntl(descriptor, F_GETFD) & FD_CLOEXEC) == 0)
                       return 1;
                   return ::fcntl(0, F_GETFD) == standard ? 0 : 2;
+              }),
+              0);
+}
+
+TEST(ProcessSystem, DescriptorsThatCanBeOpenedAreCountedAndNoneStaysOpen)
+{
+    EXPECT_EQ(InChild([] {
+                  const int next = ::dup(0);
+                  ::close(next);
+                  const rlimit limit = {static_cast<rlim_t>(next) + 3, static_cast<rlim_t>(next) + 3};
+                  ::setrlimit(RLIMIT_NOFILE, &limit);
+                  if (VexOs::CountFreeDescriptors(2) != 2)
+                      return 1;
+                  if (VexOs::CountFreeDescriptors(100) > 3)
+                      return 2;
+                  const int again = ::dup(0);
+                  return again == next ? 0 : 3;
               }),
               0);
 }

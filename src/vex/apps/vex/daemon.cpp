@@ -352,8 +352,26 @@ void Daemon::AssertSingleThread() const
 
 // --- OnRun
 
+namespace {
+// The framework's event loop crashes where it cannot open what it needs, and Lua's searches then miss files that are
+// there.
+bool CanOpenFiles()
+{
+    constexpr int needed = 10; // the loop's, the log's, the locks', and a module out of an archive
+    const int free = VexOs::CountFreeDescriptors(needed);
+    if (free < needed)
+        wxLogError(
+            "Only %d more files can be opened, and the agent needs %d: raise the limit of open files (ulimit -n)", free,
+            needed);
+    return free >= needed;
+}
+
+} // namespace
+
 int CAgentApp::OnRun()
 {
+    if (!CanOpenFiles())
+        return -1;
     if (!m_background) {
         // Every level passes: somebody is watching.
         wxLog::SetLogLevel(wxLOG_Max);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -125,6 +126,13 @@ TEST(SettledLocale, HasRunBeforeMain)
     EXPECT_STREQ(std::getenv("LC_NUMERIC"), "C");
     EXPECT_STREQ(std::setlocale(LC_NUMERIC, nullptr), "C");
     EXPECT_TRUE(SetIsUtf8());
+}
+
+TEST(FileSizeSignal, HasBeenIgnoredBeforeMain)
+{
+    struct sigaction action;
+    ASSERT_EQ(::sigaction(SIGXFSZ, nullptr, &action), 0);
+    EXPECT_EQ(action.sa_handler, SIG_IGN);
 }
 
 TEST(StandardDescriptors, ClosedOnesAreOpenedOnTheNullDevice)

@@ -318,3 +318,28 @@ TEST(Runnable, ThreadThatStopsTheOthersIsNotAskedItself)
 }
 
 } // namespace
+
+#if defined(__GLIBC__)
+TEST(Runnable, HasAStackOfItsOwnSizeWhateverTheProcessGivesItsThreads)
+{
+    pthread_attr_t before;
+    ASSERT_EQ(::pthread_getattr_default_np(&before), 0);
+    pthread_attr_t small;
+    ASSERT_EQ(::pthread_attr_init(&small), 0);
+    ASSERT_EQ(::pthread_attr_setstacksize(&small, 256 << 10), 0);
+    ASSERT_EQ(::pthread_setattr_default_np(&small), 0);
+    std::size_t bytes = 0;
+    Body body([&bytes](Body&) {
+        pthread_attr_t own;
+        ::pthread_getattr_np(::pthread_self(), &own);
+        ::pthread_attr_getstacksize(&own, &bytes);
+        ::pthread_attr_destroy(&own);
+    });
+    EXPECT_TRUE(body.start(50, true, 0));
+    body.join();
+    EXPECT_EQ(::pthread_setattr_default_np(&before), 0);
+    ::pthread_attr_destroy(&small);
+    ::pthread_attr_destroy(&before);
+    EXPECT_GE(bytes, 8u << 20);
+}
+#endif

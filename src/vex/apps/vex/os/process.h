@@ -123,6 +123,9 @@ void ReplaceSystem(SystemCalls* system);
 /// Marks every open descriptor above 2 close-on-exec. Any thread.
 void CloseDescriptorsOnExec();
 
+/// How many more descriptors this process can open, counted up to `most`.
+int CountFreeDescriptors(int most);
+
 // --- parent_death_*.cpp: how a working child learns that its supervisor is gone
 
 /// In the supervisor, before a fork of a working child.

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -236,6 +237,20 @@ private:
 SystemCalls* g_replacement = nullptr;
 
 } // namespace
+
+int CountFreeDescriptors(int most)
+{
+    std::vector<int> opened;
+    while (static_cast<int>(opened.size()) < most) {
+        const int descriptor = ::dup(0);
+        if (descriptor < 0)
+            break;
+        opened.push_back(descriptor);
+    }
+    for (const int descriptor : opened)
+        ::close(descriptor);
+    return static_cast<int>(opened.size());
+}
 
 SystemCalls& System()
 {
