@@ -261,6 +261,8 @@ void OpenSSLThreadSetup()
 void OpenSSLThreadShutdown()
 {
     Record("OpenSSLThreadShutdown()");
+    if (Answers().onShutdown)
+        Answers().onShutdown();
 }
 
 bool CSqliteDatabase::InitializeSQLite(CDom* dom)

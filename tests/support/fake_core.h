@@ -61,6 +61,7 @@ struct AnswerTable
     std::string executeOutput;
     std::string executeError;
     std::function<void()> onExecute;
+    std::function<void()> onShutdown; ///< in `OpenSSLThreadShutdown`
     bool secureResult = true;
     bool crashHandlerResult = true;
     std::int64_t timeNowMs = 1700000000123; ///< answer of `TimeNowMillis`

@@ -94,7 +94,7 @@ void CRunnable::requestExit()
 
 bool CRunnable::join(long timeoutMs)
 {
-    Record("Runnable.join()");
+    Record("Runnable.join(" + (timeoutMs < 0 ? "" : std::to_string(timeoutMs)) + ")");
     {
         std::unique_lock guard(m_impl->lock);
         const auto ended = [this] { return !m_impl->running; };

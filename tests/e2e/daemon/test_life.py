@@ -195,6 +195,23 @@ def test_a_child_killed_by_a_signal_is_reported_and_restarted_after_a_second(tre
     check_log(tree, *told * (number in WITH_A_DUMP), ("ERROR" if number in CRASHES else "INFO", end), delayed(1), CAUGHT, ENDED)
 
 
+def blocks(pid, number):
+    return bool(int(status_of(pid)["SigBlk"], 16) >> (number - 1) & 1)
+
+
+def test_the_signal_of_children_is_blocked_in_the_supervisor_and_in_every_child_but_the_first(tree):
+    tree.app("probe", LIFE)
+    supervisor, child = tree.background(name="probe")
+    wait_until(lambda: "main" in life(tree), what="main")
+    assert (blocks(supervisor, signal.SIGCHLD), blocks(child, signal.SIGCHLD)) == (True, False)
+    assert not blocks(supervisor, signal.SIGTERM)
+    send_signal(child, signal.SIGKILL)
+    wait_until(lambda: life(tree).count("main") == 2, what="second main")
+    assert blocks(children(supervisor)[0], signal.SIGCHLD)
+    tree.stop(supervisor)
+    check_log(tree, killed(9), delayed(1), CAUGHT, ENDED)
+
+
 def test_a_child_killed_by_sigterm_ends_the_supervisor_with_zero(tree):
     shutil.copy(os.path.join(BUILD, "tests", "luacrash.so"), tree.file("lib/luacrash.so"))
     tree.app("probe", "return { main = function() require('luacrash')('term') end }")

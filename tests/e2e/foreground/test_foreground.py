@@ -3,6 +3,7 @@ import locale
 import os
 import re
 import shutil
+import struct
 import subprocess
 
 import pytest
@@ -189,6 +190,26 @@ def test_numbers_keep_their_point_where_the_locale_has_a_comma(tree, german, var
     # The month shows that the locale is in force.
     assert (result.status, result.out, result.err) == (0, "1.5\t1.5\t2.5\t[1.25]\té\tFebruar\n", "")
     assert "Cannot set locale" not in result.log
+
+
+def catalogue(texts):
+    """The bytes of a file with translations: a head, two tables of lengths and places, and the texts."""
+    texts = {"": "Content-Type: text/plain; charset=UTF-8\n", **texts}
+    pieces = [text.encode() + b"\0" for column in (0, 1) for text in (item[column] for item in sorted(texts.items()))]
+    places, place = [], 28 + 8 * len(pieces)
+    for piece in pieces:
+        places += [len(piece) - 1, place]
+        place += len(piece)
+    head = [0x950412de, 0, len(texts), 28, 28 + 8 * len(texts), 0, 0]
+    return struct.pack(f"={len(head) + len(places)}I", *head, *places) + b"".join(pieces)
+
+
+def test_the_frameworks_texts_are_in_the_language_of_the_user(tree, german):
+    for name in ("wxstd.mo", "wxstd-3.2.mo"):
+        tree.file("texts/de/LC_MESSAGES/" + name, catalogue({"Usage: %s": "Aufruf: %s"}))
+    environment = dict.fromkeys(("LC_ALL", "LC_CTYPE"), "")
+    environment.update(german, LANG="de_DE.UTF-8", LC_PATH=tree.file("texts"))
+    assert tree.run("--help", env=environment).err.startswith("Aufruf: vx_agent ")
 
 
 @pytest.fixture

@@ -338,6 +338,7 @@ TEST_F(Run, AFailedWaitIsAnErrorLineAndShutdownIsCalledAllTheSame)
     ASSERT_EQ(Journal({"Log("}).size(), 1u);
     EXPECT_THAT(Journal({"Log("})[0],
                 testing::StartsWith("Log(Error, \"sigwait (error " + std::to_string(EINVAL) + ": "));
+    EXPECT_THAT(Journal({"profiler"}), ElementsAre("profiler_idle()", "profiler_running()"));
     EXPECT_FALSE(IsBlocked(SIGTERM));
 }
 
@@ -480,6 +481,20 @@ TEST_F(Run, HandsTheStatusBackInTheBackgroundUnderAnyName)
     m_module = "return { main = function() return 6 end }";
     EXPECT_EQ(RunToEnd(), 6);
     EXPECT_TRUE(Journal({"ExitProcessFromThread"}).empty());
+}
+
+// What a thread without a log target of its own logs waits in the framework's queue for the main thread, which has left
+// its loop by the time of the clean-up.
+TEST_F(Run, LinesThatAreQueuedWhenTheLoopIsOverAreWrittenBeforeTheEnd)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    Access::DefaultName(App()) = true;
+    Answers().onShutdown = [] { std::thread([] { wxLogWarning("queued at the end"); }).join(); };
+    const auto run = [this] {
+        RunToEnd();
+        PrintAndEnd({"Log(", "ShutdownSQLite", "Exit"});
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "ShutdownSQLite..;Log.Warning, .queued at the end..;Exit.0.;");
 }
 
 TEST_F(Run, HandsNegativeAndLargeStatusesBack)
@@ -658,7 +673,7 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerLeavesOnceTheScriptThreadHasEnded)
     Thrower thrower;
     EXPECT_THROW(App().RunScriptThread(), std::runtime_error);
     EXPECT_THAT(Journal({"Runnable.requestExit", "Runnable.join", "~Runnable", "Exit"}),
-                ElementsAre("Runnable.requestExit()", "Runnable.join()", "~Runnable()"));
+                ElementsAre("Runnable.requestExit()", "Runnable.join(10000)", "~Runnable()"));
 }
 
 TEST_F(Run, AnExceptionOutOfAnEventHandlerIsNotOvertakenByAScriptThreadThatEndsProcessesItself)
@@ -671,7 +686,7 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerIsNotOvertakenByAScriptThreadThatEndsP
     Thrower thrower;
     EXPECT_THROW(App().RunScriptThread(), std::runtime_error);
     EXPECT_THAT(Journal({"Runnable.requestExit", "Runnable.join", "~Runnable", "Exit"}),
-                ElementsAre("Runnable.requestExit()", "Runnable.join()", "~Runnable()"));
+                ElementsAre("Runnable.requestExit()", "Runnable.join(10000)", "~Runnable()"));
 }
 
 TEST_F(Run, AnExceptionOutOfAnEventHandlerEndsTheProcessAtOnceWhenTheScriptThreadGoesOn)
@@ -692,7 +707,7 @@ TEST_F(Run, AnExceptionOutOfAnEventHandlerEndsTheProcessAtOnceWhenTheScriptThrea
         Journal({"Runnable.requestExit", "Runnable.join", "Log(", "Trace(\"Appl\", \"OnUnhandled", "Exit"});
     ASSERT_EQ(lines.size(), 7u);
     EXPECT_EQ(lines[0], "Runnable.requestExit()");
-    EXPECT_EQ(lines[1], "Runnable.join()");
+    EXPECT_EQ(lines[1], "Runnable.join(10000)");
     EXPECT_THAT(lines[2], HasSubstr("exiting. Run time was"));
     EXPECT_THAT(lines[4], HasSubstr("out of an event handler"));
     EXPECT_THAT(lines[5], HasSubstr("queued by a stranger"));

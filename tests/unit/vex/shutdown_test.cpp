@@ -6,6 +6,8 @@
 
 #include <stdexcept>
 
+#include <wx/object.h>
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -46,6 +48,25 @@ TEST_F(Shutdown, OtherApplicationsHaveNoExitBanner)
     EXPECT_THAT(FakeCore::Journal(), IsEmpty());
 }
 
+class Pending : public wxObject
+{
+public:
+    explicit Pending(bool& deleted) : m_deleted(deleted) {}
+    ~Pending() override { m_deleted = true; }
+
+private:
+    bool& m_deleted;
+};
+
+TEST_F(Shutdown, TheFrameworksOwnEndIsPartOfIt)
+{
+    AgentApp app;
+    bool deleted = false;
+    wxPendingDelete.Append(new Pending(deleted));
+    EXPECT_EQ(app->OnExit(), 0);
+    EXPECT_TRUE(deleted) << "the framework deletes what is left to be deleted";
+}
+
 // --- clean-up
 
 TEST_F(ShutdownDeathTest, CleanUpEndsThreadsOfOpenSslFirstAndTheDatabaseLastAndOnlyOnce)
@@ -54,6 +75,18 @@ TEST_F(ShutdownDeathTest, CleanUpEndsThreadsOfOpenSslFirstAndTheDatabaseLastAndO
         CAgentApp::StartupInit();
         FakeCore::ClearJournal();
         CAgentApp::TerminationCleanup();
+        CAgentApp::TerminationCleanup();
+        EXPECT_THAT(FakeCore::Journal(), ElementsAre("OpenSSLThreadShutdown()", "ShutdownSQLite()"));
+    });
+}
+
+// What the clean-up sets off may end the process, which comes back to it.
+TEST_F(ShutdownDeathTest, CleanUpThatIsReachedOutOfItselfIsNotBegunAgain)
+{
+    EXPECT_IN_FRESH_PROCESS({
+        CAgentApp::StartupInit();
+        FakeCore::ClearJournal();
+        FakeCore::Answers().onShutdown = [] { CAgentApp::TerminationCleanup(); };
         CAgentApp::TerminationCleanup();
         EXPECT_THAT(FakeCore::Journal(), ElementsAre("OpenSSLThreadShutdown()", "ShutdownSQLite()"));
     });

@@ -9,8 +9,11 @@
 
 #include <algorithm>
 #include <clocale>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <utility>
 
 #include <dlfcn.h>
 
@@ -22,6 +25,46 @@ using testing::IsEmpty;
 
 namespace {
 bool g_recordsTimeZone = false;
+
+// A message catalogue as the framework's files hold it.
+std::string Catalogue(std::map<std::string, std::string> texts)
+{
+    texts[""] = "Content-Type: text/plain; charset=UTF-8\n";
+    const auto number = [](std::uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); };
+    const auto count = static_cast<std::uint32_t>(texts.size());
+    constexpr std::uint32_t headSize = 28;
+    std::string head = number(0x950412de) + number(0) + number(count) + number(headSize) + number(headSize + 8 * count)
+                       + number(0) + number(headSize + 16 * count);
+    std::string places[2];
+    std::string text;
+    for (const int which : {0, 1})
+        for (const auto& [original, translation] : texts) {
+            const std::string& item = which == 0 ? original : translation;
+            places[which] += number(static_cast<std::uint32_t>(item.size()))
+                             + number(headSize + 16 * count + static_cast<std::uint32_t>(text.size()));
+            text += item + '\0';
+        }
+    return head + places[0] + places[1] + text;
+}
+
+class OneCatalogue : public wxTranslationsLoader
+{
+public:
+    explicit OneCatalogue(std::string data) : m_data(std::move(data)) {}
+    wxMsgCatalog* LoadCatalog(const wxString& domain, const wxString&) override
+    {
+        return wxMsgCatalog::CreateFromData(wxCharBuffer::CreateNonOwned(m_data.data(), m_data.size()), domain);
+    }
+    wxArrayString GetAvailableTranslations(const wxString&) const override
+    {
+        wxArrayString languages;
+        languages.push_back("de");
+        return languages;
+    }
+
+private:
+    const std::string m_data;
+};
 
 class Start : public LauncherTest
 {};
@@ -247,6 +290,17 @@ TEST_F(Start, AnOptionMayOverwriteAnInstallationPath)
     StartedApp started({"-d", "app.path.bin=/elsewhere"});
     ASSERT_TRUE(started.Init());
     EXPECT_EQ(started.app.Dom().Get("app.path.bin"), "/elsewhere");
+}
+
+TEST_F(Start, VendorIsNamedInTheLanguageOfTheUser)
+{
+    StartedApp started;
+    wxTranslations& translations = *wxTranslations::Get();
+    translations.SetLoader(new OneCatalogue(Catalogue({{"Halvorn", "Halvorn AG"}})));
+    translations.SetLanguage("de");
+    ASSERT_TRUE(translations.AddCatalog("test"));
+    ASSERT_TRUE(started.Init());
+    EXPECT_EQ(started.app->GetVendorName(), "Halvorn AG");
 }
 
 TEST_F(Start, VendorIsNamed)
