@@ -4,6 +4,7 @@ import os
 import shutil
 import subprocess
 import textwrap
+import uuid
 
 import pytest
 
@@ -94,7 +95,7 @@ class Machine:
         shutil.copy(os.path.join(BUILD, "tests", "libslowexit.so"), self.shared)
         self.write("test.conf", textwrap.dedent(service_settings))
         cgroups = _cgroups()
-        self.cgroup = os.path.join(cgroups or "/nowhere", f"vex-test-{os.getpid()}")
+        self.cgroup = os.path.join(cgroups or "/nowhere", f"vex-test-{uuid.uuid4().hex}")
         try:
             os.mkdir(self.cgroup)
         except OSError as error:

@@ -2,6 +2,7 @@
 import os
 import re
 import shutil
+import time
 
 import pytest
 
@@ -118,6 +119,30 @@ def test_a_supervisor_that_dies_leaves_the_child_no_time(machine, name):
     machine.signal(supervisor, name)
     wait_until(lambda: machine.life().count("main") == 2, what="the second main")
     assert "end" not in machine.life()
+
+
+@pytest.mark.parametrize("machine", [TEST_APPLICATION + "RestartSec=4"], indirect=True, ids=["four seconds"])
+def test_a_start_before_a_restart_waits_for_it(machine):
+    supervisor, _ = start(machine)
+    machine.signal(supervisor, "KILL")
+    wait_until(lambda: machine.state()[1] == "auto-restart", what="the pause")
+    begin = time.monotonic()
+    assert machine.systemctl("start", "vx_agent").returncode == 0
+    assert time.monotonic() - begin > 1
+    assert machine.state()[:2] == ("active", "running")
+
+
+@pytest.mark.parametrize("machine", [TEST_APPLICATION.replace("StartLimitBurst=1000", "")], indirect=True, ids=["as shipped"])
+def test_a_fourth_start_within_an_hour_is_refused_until_the_failure_is_reset(machine):
+    for _ in range(3):
+        machine.forget()
+        start(machine)
+        stop(machine)
+    machine.forget()
+    assert machine.systemctl("start", "vx_agent").returncode == 1
+    assert "Start request repeated too quickly" in machine.journal() and machine.life() == []
+    assert machine.systemctl("reset-failed", "vx_agent").returncode == 0
+    start(machine)
 
 
 ENDS = {0: ("inactive", "success"), 1: ("failed", "exit-code"), 2: ("failed", "exit-code"), 4: ("failed", "exit-code"),
