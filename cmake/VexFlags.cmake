@@ -21,7 +21,14 @@ if(VEX_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
-add_link_options(LINKER:--as-needed)
+if(CMAKE_SYSTEM_NAME STREQUAL "SunOS")
+  # Its compilers may build for 32 bits by themselves. A child of vfork, which borrows our memory, must not find a lock
+  # of the run-time linker held: nothing is left to be bound then.
+  add_compile_options(-m64)
+  add_link_options(-m64 LINKER:-z,ignore LINKER:-z,now)
+else()
+  add_link_options(LINKER:--as-needed)
+endif()
 if(NOT VEX_SANITIZE)
   # With sanitizers the run time is resolved from the executable, so shared libraries have open symbols.
   add_link_options(LINKER:-z,defs)

@@ -127,7 +127,7 @@ void AddThreadName(const CrashSite& site)
     constexpr std::size_t maxBytes = 128;
     const char* name = ThreadName();
     if (CurrentThreadNumber() != site.thread || !name)
-        name = site.thread == site.process ? "main" : "thread";
+        name = IsOnMainThread(site) ? "main" : "thread";
     for (std::size_t i = 0; i < maxBytes && name[i] != '\0'; ++i) {
         const unsigned char c = static_cast<unsigned char>(name[i]);
         g_logLine << (c < 0x20 || c == 0x7f ? '?' : name[i]);

@@ -356,6 +356,11 @@ long CurrentThreadNumber()
     return syscall(SYS_gettid);
 }
 
+bool IsOnMainThread(const CrashSite& site)
+{
+    return site.thread == site.process;
+}
+
 namespace {
 void SetDefault(int signal)
 {

@@ -36,6 +36,11 @@ long CurrentThreadNumber()
     return static_cast<long>(thr_self());
 }
 
+bool IsOnMainThread(const CrashSite& site)
+{
+    return site.thread == 1; // threads count from there in each process
+}
+
 void EndBySignalOnReturn(const CrashSite& site)
 {
     SetDefault(site.signal);

@@ -40,6 +40,8 @@ int WriteCrashDump(const CrashDumpTarget& target, const CrashSite& site);
 void KeepEarlierDump(const char* path);
 
 long CurrentThreadNumber();
+/// Whether the crash is the main thread's.
+bool IsOnMainThread(const CrashSite& site);
 
 /// Makes the process end by the crash's own signal when the handler returns, at the place of the crash.
 void EndBySignalOnReturn(const CrashSite& site);

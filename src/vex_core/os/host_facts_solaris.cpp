@@ -3,14 +3,17 @@
 #include "vex_core/os/host_facts.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <set>
+#include <vector>
 
 #include <kstat.h>
 #include <sys/mnttab.h>
+#include <sys/param.h>
 #include <sys/statvfs.h>
 #include <sys/swap.h>
 #include <sys/systeminfo.h>
@@ -62,6 +65,38 @@ public:
 private:
     kstat_ctl_t* m_chain;
 };
+
+struct SwapPages
+{
+    std::uint64_t total = 0, free = 0;
+};
+
+// Of the swap areas on disks. What the system calls swap otherwise (SC_AINFO) has memory in it.
+std::optional<SwapPages> DiskSwap()
+{
+    const int areas = swapctl(SC_GETNSWP, nullptr);
+    if (areas < 0)
+        return std::nullopt;
+    SwapPages pages;
+    if (areas == 0)
+        return pages;
+    // The table ends in an array of one, which is meant to be longer. One added meanwhile is not listed.
+    const std::size_t count = static_cast<std::size_t>(areas);
+    std::vector<std::max_align_t> room((sizeof(swaptbl_t) + count * sizeof(swapent_t)) / sizeof(std::max_align_t) + 1);
+    std::vector<char> names(count * MAXPATHLEN);
+    auto* const table = reinterpret_cast<swaptbl_t*>(room.data());
+    table->swt_n = areas;
+    for (std::size_t i = 0; i < count; ++i)
+        table->swt_ent[i].ste_path = &names[i * MAXPATHLEN]; // the system writes it, asked or not
+    const int listed = swapctl(SC_LIST, table);
+    if (listed < 0)
+        return std::nullopt;
+    for (int i = 0; i < listed; ++i) {
+        pages.total += static_cast<std::uint64_t>(table->swt_ent[i].ste_pages);
+        pages.free += static_cast<std::uint64_t>(table->swt_ent[i].ste_free);
+    }
+    return pages;
+}
 
 // Whether a file system is a disk of this host; see the one for Linux.
 bool IsDisk(const mnttab& entry)
@@ -121,10 +156,9 @@ MemoryFacts GetMemoryFacts()
         memory.freeBytes = static_cast<std::uint64_t>(pages) * unit;
         memory.availableBytes = memory.freeBytes;
     }
-    anoninfo swap = {};
-    if (swapctl(SC_AINFO, &swap) != -1) {
-        memory.swapTotalBytes = static_cast<std::uint64_t>(swap.ani_max) * unit;
-        memory.swapFreeBytes = static_cast<std::uint64_t>(swap.ani_max - swap.ani_resv) * unit;
+    if (const std::optional<SwapPages> swap = DiskSwap()) {
+        memory.swapTotalBytes = swap->total * unit;
+        memory.swapFreeBytes = swap->free * unit;
     }
     return memory;
 }

@@ -10,10 +10,12 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
+#include <wx/log.h>
 
 namespace VexOs {
 
 namespace {
+int g_pipeError = 0; // why there is no pipe
 int g_readEnd = -1;
 int g_writeEnd = -1;
 
@@ -28,7 +30,8 @@ void* Watch(void*)
     return nullptr;
 }
 
-void StartWatch()
+// Why it could not be started, 0 when it was.
+int StartWatch()
 {
     sigset_t all;
     sigset_t previous;
@@ -38,9 +41,10 @@ void StartWatch()
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_t thread;
-    ::pthread_create(&thread, &attributes, Watch, nullptr);
+    const int error = ::pthread_create(&thread, &attributes, Watch, nullptr);
     pthread_attr_destroy(&attributes);
     ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return error;
 }
 
 } // namespace
@@ -49,8 +53,12 @@ void PrepareToBeFollowed()
 {
     // One pipe serves all children, one after the other.
     int ends[2];
-    if (g_readEnd >= 0 || ::pipe(ends) != 0)
+    if (g_readEnd >= 0)
         return;
+    if (::pipe(ends) != 0) {
+        g_pipeError = errno;
+        return;
+    }
     g_readEnd = ends[0];
     g_writeEnd = ends[1];
     ::fcntl(g_readEnd, F_SETFD, FD_CLOEXEC);
@@ -59,11 +67,14 @@ void PrepareToBeFollowed()
 
 bool FollowParent(pid_t parent)
 {
+    int error = g_pipeError;
     if (g_readEnd >= 0) {
         ::close(g_writeEnd);
         g_writeEnd = -1;
-        StartWatch();
+        error = StartWatch();
     }
+    if (error != 0)
+        wxLogSysError(error, "Unable to watch the supervisor: if it is killed, this process runs on");
     return ::getppid() == parent;
 }
 

@@ -1,0 +1,114 @@
+// How a working child learns of its supervisor's end on systems that do not tell it. Nothing in that is the system's
+// own, so it is tested on each.
+
+#include <pthread.h>
+
+namespace {
+int g_createError = 0;
+}
+static int CreateThread(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument)
+{
+    return g_createError != 0 ? g_createError : ::pthread_create(thread, attributes, body, argument);
+}
+
+#define VexOs VexOsWithoutParentDeath // beside what this system has
+#define pthread_create CreateThread
+#include "vex/apps/vex/os/parent_death_solaris.cpp"
+#undef pthread_create
+#undef VexOs
+
+#include "support/log_catcher.h"
+
+#include <csignal>
+#include <ctime>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+using namespace VexOsWithoutParentDeath;
+
+namespace {
+// What a child of this process tells by its exit code.
+int InChild(int (*body)())
+{
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(body());
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool SaysThatItCannotWatch(const ::Test::LogCatcher& log, const std::string& why)
+{
+    return log.Count(wxLOG_Error, "Unable to watch the supervisor: if it is killed, this process runs on (error " + why)
+           == 1;
+}
+
+} // namespace
+
+TEST(ParentPipe, EndOfTheSupervisorIsASigtermForItsChild)
+{
+    int told[2];
+    ASSERT_EQ(::pipe(told), 0);
+    const pid_t supervisor = ::fork();
+    if (supervisor == 0) {
+        PrepareToBeFollowed();
+        PrepareToBeFollowed(); // for another child: it is the same pipe
+        const pid_t self = ::getpid();
+        if (::fork() != 0) {
+            ::close(told[0]);
+            ::close(told[1]);
+            const timespec moment = {0, 50000000};
+            ::nanosleep(&moment, nullptr);
+            ::_exit(0);
+        }
+        sigset_t term;
+        sigemptyset(&term);
+        sigaddset(&term, SIGTERM);
+        ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
+        char answer = FollowParent(self) ? 'n' : 'g';
+        const timespec limit = {10, 0};
+        if (answer == 'n' && ::sigtimedwait(&term, nullptr, &limit) == SIGTERM)
+            answer = 'y';
+        const ssize_t written = ::write(told[1], &answer, 1);
+        ::_exit(written == 1 ? 0 : 1);
+    }
+    ::close(told[1]);
+    char answer = 0;
+    EXPECT_EQ(::read(told[0], &answer, 1), 1);
+    EXPECT_EQ(answer, 'y');
+    ::close(told[0]);
+    ::waitpid(supervisor, nullptr, 0);
+}
+
+TEST(ParentPipe, ThreadThatCannotBeStartedIsSaid)
+{
+    EXPECT_EQ(InChild([] {
+                  const ::Test::LogCatcher log;
+                  PrepareToBeFollowed();
+                  g_createError = EAGAIN;
+                  if (!FollowParent(::getppid()))
+                      return 1;
+                  return SaysThatItCannotWatch(log, "11: ") ? 0 : 2;
+              }),
+              0);
+}
+
+TEST(ParentPipe, PipeThatCannotBeMadeIsSaid)
+{
+    EXPECT_EQ(InChild([] {
+                  const ::Test::LogCatcher log;
+                  const rlimit none = {0, 0};
+                  if (::setrlimit(RLIMIT_NOFILE, &none) != 0)
+                      return 1;
+                  PrepareToBeFollowed();
+                  if (!FollowParent(::getppid()))
+                      return 2;
+                  return SaysThatItCannotWatch(log, "24: ") ? 0 : 3;
+              }),
+              0);
+}
