@@ -19,7 +19,9 @@ local longest_wait = 60 -- seconds after which the interval is read again: an ho
 -- The database, opened when it is first needed and again after a failure.
 function M:open_history()
   if self.history then return self.history end
-  local opened, message = history.open(self.folder .. "/heartbeat.db")
+  local folder, refused = self.dom:PluginWorkdir("vx_agent")
+  if not folder then return nil, refused end
+  local opened, message = history.open(folder .. "/heartbeat.db")
   if opened and message then log.warning("%s", message) end
   self.history = opened
   return opened, message
@@ -87,7 +89,7 @@ end
 --- Makes the worker's object.
 -- @param dom the domain
 function M.new(dom)
-  return setmetatable({ dom = dom, folder = dom:PluginWorkdir("vx_agent"), setting = positive(log) }, M)
+  return setmetatable({ dom = dom, setting = positive(log) }, M)
 end
 
 --- The worker's body: beats until the agent stops.

@@ -198,6 +198,11 @@ bool SecureFileOrDirectory(const wxString& path, bool recurse)
     return Answers().secureResult;
 }
 
+bool MayBelieveFile(const wxString&)
+{
+    return Answers().mayBelieveFile;
+}
+
 bool InitCrashHandler(const wxString& dumpFile, const wxString& application, bool fullDump)
 {
     Record("InitCrashHandler(" + Quote(dumpFile) + ", " + Quote(application) + ", " + Word(fullDump) + ")");

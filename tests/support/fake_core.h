@@ -63,6 +63,7 @@ struct AnswerTable
     std::function<void()> onExecute;
     std::function<void()> onShutdown; ///< in `OpenSSLThreadShutdown`
     bool secureResult = true;
+    bool mayBelieveFile = true;
     bool crashHandlerResult = true;
     std::int64_t timeNowMs = 1700000000123; ///< answer of `TimeNowMillis`
     std::int64_t timeStepMs = 0; ///< added after each answer

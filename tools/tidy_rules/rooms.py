@@ -18,7 +18,7 @@ ARROWS = {
     "process": "os base log",
     "threads": "os base log crash",
     "zip": "os base domain",
-    "database": "",
+    "database": "os",
     "events": "os base domain database",
     "modules": "os base domain log zip",
     "lua": "os base domain log process threads database events",
@@ -28,7 +28,7 @@ ARROWS = {
 OPEN = {
     "os": ANY,
     "base": ANY,
-    "domain": "dom_observer.h dom_values.h known_settings.h root_dom.h settings.h",
+    "domain": "dom_observer.h dom_values.h known_settings.h root_dom.h settings.h work_folder.h",
     "log": "process_log.h",
     "crash": "signal_stack.h",
     "process": "helper_program.h run_program.h",

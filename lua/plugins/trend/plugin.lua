@@ -20,7 +20,7 @@ local day_ms = 86400000
 local store
 
 function M.start(dom)
-  store = assert(samples.open(dom:PluginWorkdir("trend") .. "/samples.db"))
+  store = assert(samples.open(assert(dom:PluginWorkdir("trend")) .. "/samples.db"))
 end
 
 local function disk_of(path)

@@ -10,6 +10,7 @@
 #include "vex_core/crash/other_threads.h"
 #include "vex_core/crash/signal_stack.h"
 #include "vex_core/log/process_log.h"
+#include "vex_core/os/guarded_place.h"
 
 #include <algorithm>
 #include <atomic>
@@ -40,6 +41,7 @@ char g_temporaryPath[4096 + 8];
 char g_applicationName[256];
 char g_logPath[4096]; // for a crash before anything was logged; empty when it was not known
 bool g_fullMemory = false;
+bool g_dumpRefused = false; // somebody else has a hand in the folder
 long g_localTimeOffset = 0; // seconds to add to UTC; a change of it meanwhile only moves the line's time
 
 std::atomic<long> g_crashingThread{0}; // 0: no crash yet
@@ -257,7 +259,8 @@ void OnCrash(int signal, siginfo_t* info, void* context)
     g_firstCrash = {signal, info, context, getpid(), self};
     OpenCrashSignals();
     LimitTime();
-    Report(g_firstCrash, WriteCrashDump({g_dumpPath, g_temporaryPath, g_fullMemory}, g_firstCrash));
+    Report(g_firstCrash,
+           g_dumpRefused ? EPERM : WriteCrashDump({g_dumpPath, g_temporaryPath, g_fullMemory}, g_firstCrash));
     alarm(0);
     errno = error;
     EndBySignalOnReturn(g_firstCrash);
@@ -274,6 +277,18 @@ bool Install()
         if (sigaction(item.number, &action, nullptr) != 0)
             return false;
     return true;
+}
+
+// Whether somebody else has a hand in the folder of a dump. The crash cannot ask; and nobody can get a hand in it
+// later, unless we or root let him.
+bool IsRefused(const std::string& path, const std::string& work)
+{
+    const std::string folder = path.substr(0, path.rfind('/'));
+    const bool isBelow = !work.empty() && (folder + '/').compare(0, work.size() + 1, work + '/') == 0;
+    os::GuardedPlace place =
+        isBelow ? os::GuardedPlace(work, folder.substr(work.size())) : os::GuardedPlace(folder, "");
+    place.OpenFolder(false);
+    return !place.Breach().empty();
 }
 
 bool CopyText(char* to, std::size_t size, const std::string& text)
@@ -295,12 +310,17 @@ bool InitCrashHandler(const wxString& dumpFile, const wxString& application, boo
     std::string name(application.utf8_str());
     name.resize(std::min(name.size(), sizeof g_applicationName - 1));
     CopyText(g_applicationName, sizeof g_applicationName, name);
-    if (!CopyText(g_logPath, sizeof g_logPath, LogFilePath()))
+    const std::string log = LogFilePath();
+    os::GuardedPlace place(log);
+    place.OpenFile(O_RDONLY);
+    if (!place.Breach().empty() || !CopyText(g_logPath, sizeof g_logPath, log))
         g_logPath[0] = '\0';
+    g_dumpRefused = IsRefused(path, log.substr(0, log.rfind('/')));
     g_fullMemory = fullDump;
     g_localTimeOffset = LocalTimeOffset();
     PrepareCrashDump();
-    KeepEarlierDump(g_dumpPath);
+    if (!g_dumpRefused)
+        KeepEarlierDump(g_dumpPath);
     EnableSignalStacks();
     TakeSignalStack();
     return Install();

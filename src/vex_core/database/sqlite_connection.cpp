@@ -3,6 +3,8 @@
 
 #include "vex_core/database/sqlite_connection.h"
 
+#include "vex_core/os/guarded_place.h"
+
 #include <algorithm>
 #include <mutex>
 
@@ -52,9 +54,25 @@ bool SqliteConnection::Fail(int code)
 
 bool SqliteConnection::Open(const std::string& path, std::int64_t minSynchronous)
 {
+    return Open(path, SQLITE_OPEN_CREATE, minSynchronous);
+}
+
+bool SqliteConnection::Open(os::GuardedPlace& place, std::int64_t minSynchronous)
+{
+    // SQLite gives what it makes beside the file the file's own mode.
+    if (place.SettleFile({"-journal", "-wal", "-shm"}))
+        return Open(place.RealPath(), SQLITE_OPEN_NOFOLLOW, minSynchronous);
+    Close();
+    m_errorCode = SQLITE_CANTOPEN;
+    m_error = place.Reason();
+    return false;
+}
+
+bool SqliteConnection::Open(const std::string& path, int flags, std::int64_t minSynchronous)
+{
     Close();
     sqlite3* handle = nullptr;
-    const int result = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    const int result = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | flags, nullptr);
     m_handle.reset(handle); // there is one after a failure too
     if (result != SQLITE_OK) {
         Fail(handle ? sqlite3_extended_errcode(handle) : result);

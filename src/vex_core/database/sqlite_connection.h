@@ -12,6 +12,10 @@ struct sqlite3_stmt;
 
 namespace VexCore {
 
+namespace os {
+class GuardedPlace;
+}
+
 /// The synchronous setting by which a change is on stable storage when its transaction is committed.
 constexpr std::int64_t fullSynchronous = 2;
 
@@ -43,6 +47,9 @@ public:
     /// Opens the file, made when it is missing, and applies the process's settings, with `minSynchronous` at
     /// least. False: see `Error`, and the connection is closed.
     bool Open(const std::string& path, std::int64_t minSynchronous);
+    /// The same for a file below the work folder, only when nobody else can have made it what it is. The file and what
+    /// SQLite puts beside it are for the owner alone.
+    bool Open(os::GuardedPlace& place, std::int64_t minSynchronous);
     void Close();
     /// Forgets the connection without touching the file: in a child that inherited it through fork.
     void Abandon();
@@ -62,6 +69,7 @@ public:
 
 private:
     friend class SqliteStatement;
+    bool Open(const std::string& path, int flags, std::int64_t minSynchronous);
     bool Fail(int code);
 
     struct Closer

@@ -10,7 +10,7 @@
 #include "vex_core/domain/settings.h"
 #include "vex_core/domain/settings_file.h"
 #include "vex_core/domain/wait_list.h"
-#include "vex_core/os/folders.h"
+#include "vex_core/domain/work_folder.h"
 
 #include <algorithm>
 #include <atomic>
@@ -460,18 +460,9 @@ CDom::EWait CDom::Wait(const char* key, std::int64_t timeoutMs) const
 
 std::string CDom::GetPluginWorkdir(const std::string& plugin) const
 {
-    std::string path = Get("app.path.work");
-    const bool hasWork = !path.empty();
-    const bool isPlain = !plugin.empty() && plugin != "." && plugin != ".."
-                         && plugin.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
-    if (hasWork && path.back() != '/')
-        path += '/';
-    path += "plugins";
-    if (isPlain)
-        path += '/' + plugin;
-    // Without a work folder there is no place of ours to make anything in.
-    if (hasWork)
-        os::MakePrivateFolders(path);
+    std::string path;
+    std::string breach;
+    MakePluginWorkdir(*this, plugin, path, breach);
     return path;
 }
 

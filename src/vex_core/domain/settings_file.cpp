@@ -8,6 +8,7 @@
 #include "vex_core/domain/config_text.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/guarded_place.h"
 
 #include <algorithm>
 #include <ctime>
@@ -59,8 +60,8 @@ void SettingsFile::Take(Entries entries)
 void SettingsFile::Refresh(const std::string& path)
 {
     struct stat status = {};
-    const os::Descriptor file(path.empty() ? -1 : os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
-    if (!file || os::FStat(file.Get(), status) != 0 || !S_ISREG(status.st_mode)) {
+    const os::Descriptor file = path.empty() ? os::Descriptor() : os::GuardedPlace(path).OpenFile(O_RDONLY);
+    if (!file || os::FStat(file.Get(), status) != 0) {
         Take({});
         m_readable = false;
         m_unsettled.reset();

@@ -23,7 +23,8 @@ public:
     /// `parse` is another than `ParseSettings` in tests.
     explicit SettingsFile(Entries (*parse)(std::string_view bytes) = ParseSettings) : m_parse(parse) {}
 
-    /// False when the file cannot be read or has no such entry. `name` in any case.
+    /// False when the file cannot be read, when somebody else had a hand in it (os/guarded_place.h), and when it has no
+    /// such entry. `name` in any case.
     bool Find(const std::string& path, std::string_view name, std::string& value);
 
     /// The names that begin with `start`, which is in any case.

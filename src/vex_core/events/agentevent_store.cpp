@@ -14,6 +14,7 @@
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/guarded_place.h"
 #include "vex_core/os/last_resort.h"
 #include "vex_core/os/process_info.h"
 
@@ -199,7 +200,8 @@ bool EventStore::OpenDatabase()
         return true;
     RememberFile();
     // An event is on the disk when Write returns, whatever the settings allow elsewhere.
-    if (!m_db.Open(m_path, fullSynchronous) || !CreateTables())
+    os::GuardedPlace place(m_path);
+    if (!m_db.Open(place, fullSynchronous) || !CreateTables())
         return false;
     m_owner = os::ProcessId();
     RememberFile();
@@ -301,7 +303,7 @@ bool EventStore::StorePending()
     const PendingEvents::TakeResult taken =
         m_pending.Take([this](const std::vector<EventRecord>& records) { return StoreAll(records); });
     if (taken == PendingEvents::TakeResult::Unreadable)
-        wxLogSysError("Unable to take the events out of '%s'", Shown(m_pending.Path()));
+        wxLogError("Unable to take the events out of '%s' (%s)", Shown(m_pending.Path()), Shown(m_pending.Reason()));
     return taken != PendingEvents::TakeResult::Refused;
 }
 
@@ -329,14 +331,13 @@ void EventStore::KeepForLater(const EventRecord& record)
 {
     g_somethingIsKept = true;
     const bool pending = !m_folder.empty() && AppendMemoryToPending() && m_pending.Append(record);
-    const wxString pendingError = pending ? wxString() : Shown(os::ErrorText(os::LastError()));
     if (pending)
         wxLogError("Agent event kept in '%s', because '%s' did not take it (%s): %s", Shown(m_pending.Path()),
                    Shown(m_path), Shown(m_reason), Shown(record.xml));
     else {
         KeepInMemory(record);
         wxLogError("Agent event kept in memory, because neither '%s' (%s) nor '%s' (%s) took it: %s", Shown(m_path),
-                   Shown(m_reason), Shown(m_pending.Path()), m_folder.empty() ? Shown(m_reason) : pendingError,
+                   Shown(m_reason), Shown(m_pending.Path()), Shown(m_folder.empty() ? m_reason : m_pending.Reason()),
                    Shown(record.xml));
     }
 }

@@ -7,6 +7,7 @@
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/file_lock.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/guarded_place.h"
 
 #include <cerrno>
 
@@ -30,18 +31,14 @@ std::optional<std::int64_t> Number(const pugi::xml_node& node, const char* name)
 
 // The file, locked, and still the one that the path names: a reader may have removed it while we waited for
 // the lock.
-os::Descriptor OpenLocked(const std::string& path, int flags)
+os::Descriptor OpenLocked(os::GuardedPlace& place, const std::string& path, int flags)
 {
     for (int attempt = 0; attempt < 100; ++attempt) {
-        os::Descriptor file(os::Open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK, 0600));
+        os::Descriptor file = place.OpenFile(flags);
         struct stat mine;
         struct stat named;
         if (!file || os::FStat(file.Get(), mine) != 0)
             return os::Descriptor();
-        if (!S_ISREG(mine.st_mode)) {
-            os::SetLastError(EINVAL);
-            return os::Descriptor();
-        }
         if (!os::LockFile(file.Get(), lockTimeoutMs))
             return os::Descriptor();
         if (os::Stat(path.c_str(), named) == 0 && os::IdentityOf(mine).IsFileOf(named))
@@ -119,16 +116,19 @@ bool PendingEvents::HasEvents() const
 
 bool PendingEvents::Append(const EventRecord& record)
 {
-    const os::Descriptor file = OpenLocked(m_path, O_RDWR | O_CREAT | O_APPEND);
+    os::GuardedPlace place(m_path);
+    const os::Descriptor file = OpenLocked(place, m_path, O_RDWR | O_CREAT | O_APPEND);
     struct stat before;
-    if (!file || os::FStat(file.Get(), before) != 0)
+    if (!file || os::FStat(file.Get(), before) != 0) {
+        m_reason = place.Reason();
         return false;
+    }
     // A line of its own, whatever a crash left at the end.
     const std::string line = "\n" + FormatPendingLine(record);
     const bool kept = os::WriteAll(file.Get(), line.data(), line.size()) && os::FSync(file.Get()) == 0
                       && (before.st_size > 0 || FlushFolderOf(m_path));
     if (!kept) {
-        const os::KeepError keep;
+        m_reason = place.Reason();
         if (before.st_size == 0)
             os::Unlink(m_path.c_str());
         else
@@ -139,12 +139,15 @@ bool PendingEvents::Append(const EventRecord& record)
 
 PendingEvents::TakeResult PendingEvents::Take(const std::function<bool(const std::vector<EventRecord>&)>& store)
 {
-    const os::Descriptor file = OpenLocked(m_path, O_RDWR);
+    os::GuardedPlace place(m_path);
+    const os::Descriptor file = OpenLocked(place, m_path, O_RDWR);
     std::string text;
-    if (!file)
-        return os::LastError() == ENOENT ? TakeResult::All : TakeResult::Unreadable;
-    if (!os::ReadToEnd(file.Get(), text))
+    if (!file && os::LastError() == ENOENT)
+        return TakeResult::All;
+    if (!file || !os::ReadToEnd(file.Get(), text)) {
+        m_reason = place.Reason();
         return TakeResult::Unreadable;
+    }
     if (!store(ParseLines(text, m_path)))
         return TakeResult::Refused;
     if (os::Unlink(m_path.c_str()) == 0) {
@@ -153,6 +156,8 @@ PendingEvents::TakeResult PendingEvents::Take(const std::function<bool(const std
     }
     // All are stored, and their keys keep them from being stored again for as long as they are here.
     const bool empty = text.empty() || (os::FTruncate(file.Get(), 0) == 0 && os::FSync(file.Get()) == 0);
+    if (!empty)
+        m_reason = place.Reason();
     return empty ? TakeResult::All : TakeResult::Unreadable;
 }
 

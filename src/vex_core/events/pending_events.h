@@ -33,20 +33,24 @@ public:
     /// Whether it holds anything: one that could not be removed is emptied.
     bool HasEvents() const;
 
-    /// Adds the record and flushes it to the disk. False with the last error: the file is as it was.
+    /// Adds the record and flushes it to the disk. False with the reason: the file is as it was.
     bool Append(const EventRecord& record);
 
     enum class TakeResult {
         All, ///< `store` took them and the file is gone, or empty where it cannot be removed
         Refused, ///< `store` did not take them; the file is as it was
-        Unreadable, ///< the file could not be locked or read, or still holds what `store` took; the last error says why
+        Unreadable, ///< the file could not be locked or read, or still holds what `store` took, for the reason told
     };
     /// Hands all records to `store`, which puts them away for good or answers false; then removes the file. A
     /// process that dies in between leaves the file, and `store` sees the same keys again.
     TakeResult Take(const std::function<bool(const std::vector<EventRecord>&)>& store);
 
+    /// Why the last of them failed.
+    const std::string& Reason() const { return m_reason; }
+
 private:
     std::string m_path;
+    std::string m_reason;
 };
 
 /// One line of the file, with its line end.

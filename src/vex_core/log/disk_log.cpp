@@ -9,6 +9,7 @@
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/file_lock.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/guarded_place.h"
 #include "vex_core/os/last_resort.h"
 #include "vex_core/os/process_info.h"
 
@@ -238,7 +239,7 @@ bool DiskLog::WriteBytes(const std::string& bytes)
     }
     if (count == static_cast<ssize_t>(bytes.size()))
         return true;
-    Fail(count < 0 ? os::LastError() : ENOSPC);
+    Fail(NumberAndText(count < 0 ? os::LastError() : ENOSPC));
     return false;
 }
 
@@ -291,13 +292,13 @@ void DiskLog::Hold(const std::string& record, bool shown)
     m_heldBytes += record.size();
 }
 
-void DiskLog::Fail(int error)
+void DiskLog::Fail(const std::string& reason)
 {
     if (m_troubled)
         return;
     m_troubled = true;
-    const std::string line = "Can't write the log file " + m_path + " (" + NumberAndText(error)
-                             + "), lines are kept in memory and tried again\n";
+    const std::string line =
+        "Can't write the log file " + m_path + " (" + reason + "), lines are kept in memory and tried again\n";
     os::WriteLastResort(m_error, os::severityError, {line});
 }
 
@@ -334,12 +335,10 @@ bool DiskLog::MakeReady(std::size_t size)
 
 bool DiskLog::Open()
 {
-    os::Descriptor opened(
-        os::Open(m_path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
+    os::GuardedPlace place(m_path);
+    os::Descriptor opened = place.OpenFile(O_RDWR | O_APPEND | O_CREAT);
     struct stat status = {};
     int error = !opened || os::FStat(opened.Get(), status) != 0 ? os::LastError() : 0;
-    if (error == 0 && !S_ISREG(status.st_mode))
-        error = EINVAL;
     // A starter's umask may have taken our own rights from the new file, and without them it could not be opened again;
     // and one that is there may have been made for everybody's eyes.
     const bool isOurs = status.st_uid == os::EffectiveUser();
@@ -348,7 +347,7 @@ bool DiskLog::Open()
     if (error == 0 && !os::ReplaceDescriptor(m_file, std::move(opened)))
         error = os::LastError();
     if (error != 0) {
-        Fail(error);
+        Fail(place.Breach().empty() ? NumberAndText(error) : place.Breach());
         return false;
     }
     m_number = m_file.Get();
@@ -373,8 +372,7 @@ bool DiskLog::Rotate()
 {
     if (std::time(nullptr) < m_rotateNotBefore)
         return false;
-    const std::string lockName = m_path + ".lock";
-    const os::Descriptor lock(os::Open(lockName.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0600));
+    const os::Descriptor lock = os::GuardedPlace(m_path + ".lock").OpenFile(O_RDWR | O_CREAT);
     if (!lock) {
         RotationFailed(os::LastError());
         return false;

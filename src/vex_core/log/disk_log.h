@@ -102,7 +102,7 @@ private:
     void RotationFailed(int error);
     std::string RotatedName(int number) const;
     void Hold(const std::string& record, bool shown);
-    void Fail(int error);
+    void Fail(const std::string& reason);
     std::string OwnRecord(const std::string& text) const;
 
     const std::size_t m_maxHeldBytes;

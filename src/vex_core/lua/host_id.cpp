@@ -3,6 +3,7 @@
 #include "vex/core/dom.h"
 #include "vex_core/base/hex.h"
 #include "vex_core/base/text.h"
+#include "vex_core/domain/work_folder.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/host_facts.h"
 #include "vex_core/os/process_info.h"
@@ -64,6 +65,11 @@ std::string HostId(const CDom& dom)
     if (work.empty())
         return std::string();
     const std::string path = ToSystemBytes(work + "/host.id");
+    os::GuardedPlace folder(ToSystemBytes(work), "");
+    folder.OpenFolder(false);
+    WarnOfBreach(folder);
+    if (!folder.Breach().empty())
+        return std::string();
     std::string id = KeptIn(path);
     unsigned char chance[idBytes];
     if (!id.empty() || RAND_bytes(chance, idBytes) != 1)

@@ -6,6 +6,7 @@
 
 #include "slb3/error.h"
 #include "vex_core/database/sqlite_connection.h"
+#include "vex_core/domain/work_folder.h"
 #include "vex_core/events/agentevent_store.h"
 #include "vex_core/lua/lua_arguments.h"
 
@@ -348,7 +349,8 @@ int Open(lua_State* L)
     const char* path = PlainTextArgument(L, 1);
     auto* self = new (lua_newuserdata(L, sizeof(Database))) Database;
     luaL_setmetatable(L, typeName);
-    if (!self->db.Open(path, fullSynchronous))
+    std::optional<os::GuardedPlace> place = PlaceInWorkFolder(path);
+    if (!(place ? self->db.Open(*place, fullSynchronous) : self->db.Open(path, fullSynchronous)))
         return Failed(L, std::string(path) + ": " + self->db.Error());
     const std::lock_guard lock(g_openLock);
     OpenDatabases().insert(self);

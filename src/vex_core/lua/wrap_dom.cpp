@@ -7,6 +7,7 @@
 #include "vex/core/dom.h"
 #include "vex/core/log.h"
 #include "vex_core/base/text.h"
+#include "vex_core/domain/work_folder.h"
 #include "vex_core/log/process_log.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_value.h"
@@ -243,7 +244,13 @@ int AgentEvent(CDom& dom, lua_State* L)
 
 int PluginWorkdir(CDom& dom, lua_State* L)
 {
-    return Value<std::string>::Push(L, dom.GetPluginWorkdir(Value<std::string>::Get(L, firstArgument)));
+    std::string path;
+    std::string breach;
+    if (VexCore::MakePluginWorkdir(dom, Value<std::string>::Get(L, firstArgument), path, breach))
+        return Value<std::string>::Push(L, path);
+    lua_pushnil(L);
+    Value<std::string>::Push(L, breach);
+    return 2;
 }
 
 std::vector<std::string> ProgramArguments(lua_State* L)

@@ -8,6 +8,7 @@
 #include "vex_core/base/ascii.h"
 #include "vex_core/base/steady_ms.h"
 #include "vex_core/base/text.h"
+#include "vex_core/domain/work_folder.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"
@@ -54,13 +55,15 @@ bool IsOursAlone(const struct stat& status)
 }
 
 // `descriptor` gets the folder when it is usable.
-FolderState OpenFolder(const std::string& path, os::Descriptor& descriptor)
+FolderState OpenFolder(const std::string& path, bool make, os::Descriptor& descriptor)
 {
-    os::Descriptor folder(os::OpenFolderAt(AT_FDCWD, path.c_str()));
+    os::GuardedPlace place(path);
+    os::Descriptor folder = place.OpenFolder(make);
     if (!folder) {
         if (os::LastError() == ENOENT)
             return FolderState::Missing;
-        Trace(__LINE__, path, "not used: " + os::ErrorText(os::LastError()));
+        Trace(__LINE__, path, "not used: " + place.Reason());
+        WarnOfBreach(place);
         return FolderState::Refused;
     }
     struct stat status;
@@ -159,7 +162,7 @@ ChunkFileSearch ChunkCacheFolder::Open(const std::string& key) const
 {
     os::Descriptor folder;
     ChunkFileSearch search;
-    search.folder = OpenFolder(m_path, folder);
+    search.folder = OpenFolder(m_path, false, folder);
     if (search.folder != FolderState::Usable)
         return search;
     ChunkFile file;
@@ -184,9 +187,7 @@ void ChunkCacheFolder::NoteUse(const ChunkFile& file)
 bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes) const
 {
     os::Descriptor folder;
-    if (OpenFolder(m_path, folder) == FolderState::Missing && os::MkdirAt(AT_FDCWD, m_path.c_str(), 0700) == 0)
-        OpenFolder(m_path, folder);
-    if (!folder)
+    if (OpenFolder(m_path, true, folder) != FolderState::Usable)
         return false;
     const std::string temporary = TemporaryName();
     os::Descriptor file(os::OpenAt(folder.Get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));

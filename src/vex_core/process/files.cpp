@@ -4,6 +4,7 @@
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"
+#include "vex_core/os/guarded_place.h"
 
 #include <cerrno>
 
@@ -89,6 +90,16 @@ bool SecureFileOrDirectory(const wxString& path, bool recurse)
     const std::string& failed = securer.FailedPath();
     wxLogError(wxS("Can't restrict the access rights of %s (error %d: %s)"), FromForeignBytes(failed), securer.Error(),
                wxString::FromUTF8(os::ErrorText(securer.Error()).c_str()));
+    return false;
+}
+
+bool MayBelieveFile(const wxString& path)
+{
+    os::GuardedPlace place(ToSystemBytes(path));
+    place.OpenFile(O_RDONLY);
+    if (place.Breach().empty())
+        return true;
+    wxLogWarning(wxS("%s"), FromForeignBytes(place.Breach()));
     return false;
 }
 

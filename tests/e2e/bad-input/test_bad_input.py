@@ -5,7 +5,7 @@ import shutil
 
 import pytest
 
-from conftest import BUILD_NUMBER, OTHER_VERSION, VERSION
+from conftest import BUILD_NUMBER, ORDINARY_USER, OTHER_VERSION, VERSION, require_ordinary_user
 
 OK = "return { main = function() return 0 end }"
 SHOW = "return { main = function() for _, k in ipairs(dom0:Keys()) do print(k .. '=' .. tostring(dom0:Get(k))) end return 0 end }"
@@ -343,3 +343,53 @@ def test_a_dropped_argument_is_told_on_standard_error_when_the_command_line_is_b
     assert result.status == 255
     assert "Command line argument 2 " in result.err
     assert not os.path.exists(tree.work)
+
+
+LOOKS_AROUND = """
+local db = require("vex.db")
+local M = {}
+function M.main()
+  print(dom0:Get("app.trace+"))
+  print(dom0:AgentEvent{ number = 1, text = "an event" })
+  print(dom0:PluginWorkdir("x"))
+  print(db.open(dom0:Get("app.path.work") .. "/own.db"))
+  return 0
+end
+return M
+"""
+
+
+@pytest.mark.sandbox
+def test_what_another_user_had_a_hand_in_below_the_work_folder_is_neither_read_nor_written(tree, tmp_path):
+    require_ordinary_user()
+
+    def by_another(path):
+        os.lchown(path, ORDINARY_USER, ORDINARY_USER)
+
+    tree.app("probe", LOOKS_AROUND)
+    victim = tmp_path / "victim"
+    victim.mkdir(0o700)
+    tree.file("work/probe.ini", "Trace=planted\n")
+    by_another(tree.work + "/probe.ini")
+    os.chmod(tree.work, 0o700)
+    for name in ("plugins", "events.db", "events.pending.xml", "own.db"):
+        os.symlink(victim / name, f"{tree.work}/{name}")
+        by_another(f"{tree.work}/{name}")
+    result = tree.run(name="probe")
+    reason = "because the link belongs to user 1000: give it to root or to the user of this process, or remove it"
+    assert (result.status, os.listdir(victim)) == (0, [])
+    assert result.out == (f"\n0\nnil\t'{tree.work}/plugins' is not followed, {reason}\n"
+                          f"nil\t{tree.work}/own.db: '{tree.work}/own.db' is not followed, {reason}\n")
+    warnings = re.findall(r" WARNING \[[^]]*\] ('.*)\n", result.log)
+    assert sorted(warnings) == [
+        f"'{tree.work}/plugins' is not followed, {reason}",
+        f"'{tree.work}/probe.ini' is not used, because it belongs to user 1000: give it to root or to the user of this process, "
+        "or remove it"]
+    assert "ERROR" in result.log and f"'{tree.work}/events.db' is not followed, {reason}" in result.log
+    # What is somebody else's as a whole is left alone as a whole.
+    by_another(tree.work)
+    before = sorted(os.listdir(tree.work)), result.log
+    result = tree.run(name="probe")
+    assert result.status == 0
+    assert (sorted(os.listdir(tree.work)), result.log) == before
+    assert f"Can't write the log file {tree.work}/probe.log ('{tree.work}' is not used, because it belongs to user 1000" in result.err

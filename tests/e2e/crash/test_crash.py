@@ -233,7 +233,7 @@ def test_second_crash_below_one_supervisor_keeps_the_dump_of_the_first(tmp_path)
 def test_full_disk_is_told_and_leaves_nothing(tmp_path):
     folder = tmp_path / "diag"
     folder.mkdir()
-    conftest.mount_tmpfs(str(folder), b"size=8k")
+    conftest.mount_tmpfs(str(folder), b"size=8k,mode=700")
     try:
         crash = Crash(tmp_path, "null")
         assert crash.status == -signal.SIGSEGV
@@ -241,6 +241,22 @@ def test_full_disk_is_told_and_leaves_nothing(tmp_path):
         assert os.listdir(folder) == []
     finally:
         conftest.unmount(str(folder))
+
+
+@pytest.mark.sandbox
+def test_no_dump_is_written_where_somebody_else_had_a_hand_in(tmp_path):
+    conftest.require_ordinary_user()
+    victim = tmp_path / "victim"
+    (victim / "diag").mkdir(parents=True)
+    (victim / "diag" / "child.mdmp").write_text("as it was")
+    (tmp_path / "work").mkdir()
+    (tmp_path / "work" / "plugins").symlink_to(victim)
+    os.lchown(tmp_path / "work" / "plugins", conftest.ORDINARY_USER, conftest.ORDINARY_USER)
+    crash = Crash(tmp_path, "null", dump=str(tmp_path / "work/plugins/diag/child.mdmp"))
+    assert crash.status == -signal.SIGSEGV
+    assert f"no crash dump could be written to {crash.dump} (error 1: Operation not permitted)" in crash.err
+    assert os.listdir(victim) == ["diag"] and os.listdir(victim / "diag") == ["child.mdmp"]
+    assert (victim / "diag" / "child.mdmp").read_text() == "as it was"
 
 
 def test_handler_works_when_the_log_and_standard_error_are_gone(tmp_path):

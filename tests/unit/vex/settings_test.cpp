@@ -640,6 +640,17 @@ TEST_F(Settings, AFolderOrFifoAsConfigurationFileIsNoFile)
     EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), IsEmpty());
 }
 
+TEST_F(Settings, AConfigurationFileThatSomebodyElseHadAHandInIsNotRead)
+{
+    m_started.reset(); // there is one application at a time
+    m_started.reset(new StartedApp);
+    FakeCore::Answers().mayBelieveFile = false;
+    WriteFile(m_started->folder / "vx_agent.ini", "Trace=X\nno equals sign\n");
+    EXPECT_TRUE(m_started->Init());
+    EXPECT_EQ(Get("app.trace+"), defaultTraces);
+    EXPECT_THAT(FakeCore::Journal({"Log(Warning", "Log(Error"}), IsEmpty()) << "the core library has said it";
+}
+
 TEST_F(Settings, AHugeConfigurationFileIsRefusedWithOneLine)
 {
     m_started.reset(); // there is one application at a time

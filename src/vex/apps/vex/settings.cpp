@@ -179,7 +179,7 @@ wxConfigBase* OpenConfiguration(const CDom& dom, const wxString& application, co
     wxString global = dom.GetWxString("app.path.ini.global");
     long style = wxCONFIG_USE_LOCAL_FILE | wxCONFIG_USE_GLOBAL_FILE;
     // With neither name nor flag the framework leaves a file alone.
-    if (IsTooLarge(local)) {
+    if (!VexCore::MayBelieveFile(local) || IsTooLarge(local)) {
         local.clear();
         style &= ~wxCONFIG_USE_LOCAL_FILE;
     }

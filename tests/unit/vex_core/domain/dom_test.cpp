@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <new>
 #include <thread>
 
@@ -20,6 +21,8 @@
 
 #include "support/dom_ptr.h"
 #include "support/joining_thread.h"
+#include "support/log_catcher.h"
+#include "support/other_user.h"
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
 
@@ -469,6 +472,38 @@ TEST(Dom, PluginNameThatIsNoFileNameGivesThePluginsFolder)
                                  wxString(wxS("../x")), wxString(wxS("/")), wxString(wxS("a\0b"), 3)})
         EXPECT_EQ(dom->GetPluginWorkdirWx(name), wxString::FromUTF8((folder / "work/plugins").c_str())) << name;
     EXPECT_NE(::access((folder / "x").c_str(), F_OK), 0);
+}
+
+TEST(Dom, PluginFolderIsNotMadeThroughALinkOfAnotherUserWhichIsSaidOnce)
+{
+    const TempFolder folder;
+    const TempFolder victim;
+    std::filesystem::create_directory_symlink(victim.Path(), folder / "plugins");
+    GIVE_AWAY(folder / "plugins");
+    const DomPtr dom = NewRoot();
+    dom->Set("app.path.work", folder.Path());
+    const ::Test::LogCatcher log;
+    for (const char* name : {"diag", "diag", "x"})
+        EXPECT_EQ(dom->GetPluginWorkdirWx(name), wxString::FromUTF8((folder / "plugins/") + name));
+    EXPECT_TRUE(std::filesystem::is_empty(victim.Path()));
+    ASSERT_EQ(log.Text(),
+              "'"
+                  + folder
+                        / "plugins' is not followed, because the link belongs to user 1000: give it to root or to "
+                          "the user of this process, or remove it\n");
+    EXPECT_EQ(log.Lines()[0].level, wxLogLevel(wxLOG_Warning));
+}
+
+TEST(Dom, PluginFolderIsMadeThroughALinkOfOurs)
+{
+    const TempFolder folder;
+    std::filesystem::create_directory(folder / "elsewhere");
+    std::filesystem::create_directory_symlink("elsewhere", folder / "plugins");
+    const DomPtr dom = NewRoot();
+    dom->Set("app.path.work", folder.Path());
+    const ::Test::LogCatcher log;
+    EXPECT_EQ(dom->GetPluginWorkdirWx("x"), wxString::FromUTF8(folder / "plugins/x"));
+    EXPECT_TRUE(std::filesystem::is_directory(folder / "elsewhere/x")) << log.Text();
 }
 
 TEST(Dom, PluginFolderThatCannotBeMadeIsStillNamed)

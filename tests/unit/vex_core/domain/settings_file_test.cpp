@@ -35,6 +35,18 @@ void MakeOld(const std::string& path, int seconds)
 
 } // namespace
 
+TEST(SettingsFile, ThatOthersMayWriteIsNotBelieved)
+{
+    const TempFolder folder;
+    const std::string path = folder / "x.ini";
+    SettingsFile file;
+    WriteFile(path, "[settings]\na=1\n");
+    ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+    EXPECT_EQ(FindIn(file, path, "a"), "none");
+    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    EXPECT_EQ(FindIn(file, path, "a"), "1");
+}
+
 TEST(SettingsFile, IsReadAgainWhenItChanged)
 {
     const TempFolder folder;

@@ -5,6 +5,7 @@
 #include "support/fail_nth.h"
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
+#include "support/other_user.h"
 #include "support/process_guards.h"
 #include "support/sample_event.h"
 #include "support/temp_folder.h"
@@ -105,6 +106,11 @@ protected:
     std::string Database() const { return m_work + "/events.db"; }
     std::string Pending() const { return m_work + "/events.pending.xml"; }
     bool Exists(const std::string& path) const { return std::filesystem::exists(path); }
+    static mode_t ModeOf(const std::string& path)
+    {
+        struct stat status = {};
+        return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+    }
 
     // All texts in the database, in order of their ids, each followed by ";".
     std::string Stored() const { return StoredIn(Database()); }
@@ -194,6 +200,66 @@ TEST_F(EventDatabase, AllFieldsAreStored)
     EXPECT_EQ(row.Step(), SqliteStatement::StepResult::Done);
     EXPECT_TRUE(log.Lines().empty()) << log.All();
     EXPECT_FALSE(Exists(Pending()));
+}
+
+TEST_F(EventDatabase, DatabaseAndJournalAreForTheOwnerAlone)
+{
+    const ::Test::FileModeMask open(0);
+    {
+        EventStore store(m_work);
+        EXPECT_EQ(store.Write(SampleEvent("one")), 1);
+    }
+    EXPECT_EQ(ModeOf(Database()), mode_t(0600));
+    EXPECT_EQ(ModeOf(Database() + "-journal"), mode_t(0600));
+    // As an older version left them.
+    ::chmod(Database().c_str(), 0644);
+    ::chmod((Database() + "-journal").c_str(), 0644);
+    EventStore store(m_work);
+    EXPECT_EQ(store.Write(SampleEvent("two")), 2);
+    EXPECT_EQ(ModeOf(Database()), mode_t(0600));
+    EXPECT_EQ(ModeOf(Database() + "-journal"), mode_t(0600));
+}
+
+TEST_F(EventDatabase, LinksOfAnotherUserAreNeitherDatabaseNorPendingFile)
+{
+    const ::Test::TempFolder victim;
+    for (const auto& [name, link] : {std::pair("db", Database()), std::pair("pending", Pending())}) {
+        std::filesystem::create_symlink(victim / name, link);
+        GIVE_AWAY(link);
+    }
+    const std::string why = "' is not followed, because the link belongs to user 1000";
+    EventStore store(m_work);
+    ::Test::LogCatcher log;
+    ::Test::StandardError standardError;
+    EXPECT_EQ(store.Write(SampleEvent("one")), 0);
+    standardError.Text();
+    EXPECT_EQ(store.InMemory(), 1u);
+    EXPECT_TRUE(std::filesystem::is_empty(victim.Path()));
+    EXPECT_EQ(log.Count(wxLOG_Error, "'" + Database() + why), 1u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Error, "'" + Pending() + why), 1u) << log.All();
+    std::filesystem::remove(Pending());
+    EXPECT_EQ(store.Write(SampleEvent("two")), 0);
+    EXPECT_TRUE(Exists(Pending()));
+    std::filesystem::remove(Database());
+    EXPECT_EQ(store.Write(SampleEvent("three")), 3);
+    EXPECT_EQ(Stored(), "one;two;three;");
+}
+
+TEST_F(EventDatabase, EventsThatAnotherUserLeftInAPendingFileAreNotStored)
+{
+    EventRecord record;
+    record.key = "k";
+    record.xml = SampleEvent("planted").ToXml();
+    ::Test::WriteFile(Pending(), FormatPendingLine(record));
+    GIVE_AWAY(Pending());
+    EventStore store(m_work);
+    ::Test::LogCatcher log;
+    EXPECT_EQ(store.Write(SampleEvent("one")), 1);
+    EXPECT_EQ(log.Count(wxLOG_Error, "Unable to take the events out of '" + Pending() + "' ('" + Pending()
+                                         + "' is not used, because it belongs to user 1000"),
+              1u)
+        << log.All();
+    EXPECT_EQ(Stored(), "one;");
 }
 
 TEST_F(EventDatabase, TableHasTheFormThatToolsRelyOn)
@@ -533,7 +599,7 @@ TEST_F(EventDatabase, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
 TEST_F(EventDatabase, ReadOnlyFileSystemMeansMemoryThenDatabase)
 {
     const int status = InOwnMounts([this] {
-        if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=4m") != 0)
+        if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=4m,mode=700") != 0)
             return 77;
         wxLogNull quiet;
         CHILD_CHECK(EventStore(m_work).Write(SampleEvent("one")) == 1);
@@ -607,7 +673,7 @@ TEST_F(EventDatabase, EventIsFlushedWhateverTheSettingsAllowElsewhere)
 TEST_F(EventDatabase, FullDiskMeansMemoryThenDatabaseOnce)
 {
     const int status = InOwnMounts([this] {
-        if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=256k") != 0)
+        if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=256k,mode=700") != 0)
             return 77;
         wxLogNull quiet;
         EventStore store(m_work);

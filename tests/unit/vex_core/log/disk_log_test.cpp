@@ -3,6 +3,7 @@
 #include "support/call_watch.h"
 #include "support/child.h"
 #include "support/joining_thread.h"
+#include "support/other_user.h"
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
 #include "vex_core/os/file_lock.h"
@@ -385,26 +386,74 @@ TEST(DiskLog, LaterTroubleIsSaidAgain)
     EXPECT_EQ(ReadFile(folder / "x.log"), "kept\nkept\nthen\nkept\nkept\nthen\n");
 }
 
+TEST(DiskLog, FileThatSomebodyElseHadAHandInIsNotWrittenAndSaidOnce)
+{
+    TempFolder folder;
+    ErrorFile errors;
+    WriteFile(folder / "victim", "as it was\n");
+    ASSERT_EQ(::link((folder / "victim").c_str(), (folder / "x.log").c_str()), 0);
+    {
+        DiskLog log(muchMemory, errors.Descriptor());
+        log.SetFile(folder / "x.log");
+        log.Write("one\n", false);
+        log.Write("two\n", false);
+        log.FlushAtEnd();
+    }
+    EXPECT_EQ(ReadFile(folder / "victim"), "as it was\n");
+    EXPECT_EQ(errors.Text(),
+              "Can't write the log file " + folder / "x.log ('"
+                  + folder
+                        / "x.log' is not used, because it has 2 "
+                          "names (hard links): put a copy in its place, or remove it), lines are kept in memory and "
+                          "tried again\none\ntwo\n");
+}
+
+TEST(DiskLog, RotationLockThatSomebodyElseHadAHandInIsNotTouched)
+{
+    TempFolder folder;
+    WriteFile(folder / "victim", "");
+    ASSERT_EQ(::link((folder / "victim").c_str(), (folder / "x.log.lock").c_str()), 0);
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(4, 2));
+    log.Write("one\n", false);
+    log.Write("two\n", false);
+    EXPECT_THAT(LinesOf(ReadFile(folder / "x.log")),
+                testing::ElementsAre("one", HasSubstr("The log file can't be rotated (error 1: "), "two"));
+}
+
 TEST(DiskLog, PlaceThatIsNoRegularFileIsRefusedWithoutHanging)
 {
-    for (const char* kind : {"folder", "fifo", "link"}) {
+    for (const char* kind : {"folder", "fifo"}) {
         const TempFolder folder;
         const ErrorFile error;
         const std::string path = folder / "x.log";
         if (kind == std::string("folder"))
             ::mkdir(path.c_str(), 0700);
-        else if (kind == std::string("fifo"))
-            ::mkfifo(path.c_str(), 0600);
         else
-            ASSERT_EQ(::symlink((folder / "target").c_str(), path.c_str()), 0);
+            ::mkfifo(path.c_str(), 0600);
         DiskLog log(muchMemory, error.Descriptor());
         log.SetFile(path);
         log.Write("one\n", false);
         EXPECT_THAT(error.Text(), StartsWith("Can't write the log file ")) << kind;
-        EXPECT_FALSE(Exists(folder / "target")) << kind;
         log.FlushAtEnd();
         EXPECT_EQ(LinesOf(error.Text()).back(), "one") << kind;
     }
+}
+
+TEST(DiskLog, LinkOfAnotherUserIsNotFollowed)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    ASSERT_EQ(::symlink((folder / "target").c_str(), (folder / "x.log").c_str()), 0);
+    GIVE_AWAY(folder / "x.log");
+    DiskLog log(muchMemory, error.Descriptor());
+    log.SetFile(folder / "x.log");
+    log.Write("one\n", false);
+    EXPECT_THAT(error.Text(), StartsWith("Can't write the log file "));
+    EXPECT_FALSE(Exists(folder / "target"));
+    log.FlushAtEnd();
+    EXPECT_THAT(error.Text(), testing::EndsWith("\none\n"));
 }
 
 TEST(DiskLog, RemovedFileIsMadeAnew)

@@ -6,6 +6,7 @@
 
 #include "support/address_limit.h"
 #include "support/dom_ptr.h"
+#include "support/other_user.h"
 #include "support/temp_folder.h"
 #include "vex/core/agentevent.h"
 #include "vex/core/dom.h"
@@ -389,6 +390,28 @@ TEST_F(NativeModules, AFolderThatIsMissingOpensNoDatabase)
     EXPECT_EQ(Run("local d, m = require('vex.db').open(folder .. '/no/x.db') return tostring(d) .. "
                   "m:sub(#folder + 1)"),
               "nil/no/x.db: unable to open database file");
+}
+
+TEST_F(NativeModules, ADatabaseBelowTheWorkFolderIsForTheOwnerAloneAndNoLinkOfAnotherUser)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    dom->Set("app.path.work", m_folder.Path());
+    const ::Test::FileModeMask open(0);
+    EXPECT_EQ(RunDb("return db:exec('CREATE TABLE t(x)')"), "0");
+    struct stat status = {};
+    ASSERT_EQ(::stat((m_folder / "x.db").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, mode_t(0600));
+    const ::Test::TempFolder victim;
+    std::filesystem::create_symlink(victim / "x", m_folder / "link.db");
+    EXPECT_EQ(Run("return tostring(require('vex.db').open(folder .. '/link.db')):match('^database')"), "database");
+    std::filesystem::remove(victim / "x");
+    GIVE_AWAY(m_folder / "link.db");
+    EXPECT_EQ(Run("local d, m = require('vex.db').open(folder .. '/link.db') return tostring(d) .. ' ' .. m"),
+              "nil " + m_folder / "link.db: '"
+                  + m_folder
+                        / "link.db' is not followed, because the link belongs to user 1000: "
+                          "give it to root or to the user of this process, or remove it");
+    EXPECT_TRUE(std::filesystem::is_empty(victim.Path()));
 }
 
 TEST_F(NativeModules, ChangesAreFlushedBeforeTheCallReturns)

@@ -361,6 +361,19 @@ TEST_F(DomainInLua, PluginWorkdirIsNamedInBytes)
     EXPECT_TRUE(std::filesystem::is_directory(m_folder / "w\xF6rk/plugins/x"));
 }
 
+TEST_F(DomainInLua, PluginWorkdirThatOthersMayWriteIsNone)
+{
+    std::filesystem::create_directory(m_folder / "plugins");
+    std::filesystem::permissions(m_folder / "plugins", std::filesystem::perms::all);
+    const wxLogNull quiet;
+    EXPECT_EQ(
+        Run("dom0:PluginWorkdir('x')"),
+        "nil '"
+            + m_folder
+                  / "plugins' is not used, because others may write it (mode 0777): take that right from them with "
+                    "chmod go-w");
+}
+
 TEST_F(DomainInLua, ExecuteRunsAProgramWithArguments)
 {
     EXPECT_EQ(Run("dom0:Execute('/bin/echo', {'a b', 'c', 3})"), "true a b c 3\n 0 ");

@@ -1,6 +1,8 @@
 #include "vex_core/modules/chunk_caches.h"
 
 #include "support/joining_thread.h"
+#include "support/log_catcher.h"
+#include "support/other_user.h"
 #include "support/temp_folder.h"
 #include "vex_core/os/call_observer.h"
 
@@ -288,6 +290,23 @@ TEST_F(CachedChunk, AFileThatIsALinkOrReadableByOthersIsNotUsed)
     std::filesystem::rename(file, m_folder / "moved");
     ASSERT_EQ(::symlink((m_folder / "moved").c_str(), file.c_str()), 0);
     EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+}
+
+TEST_F(CachedChunk, AFolderBehindALinkOfAnotherUserIsNotUsedAndSaidOnce)
+{
+    std::filesystem::create_directory(m_folder / "victim");
+    std::filesystem::permissions(m_folder / "victim", std::filesystem::perms::owner_all);
+    std::filesystem::create_directory_symlink("victim", m_cacheFolder);
+    GIVE_AWAY(m_cacheFolder);
+    const ::Test::LogCatcher log;
+    for (const char* name : {"/x.vxe/a.lua", "/x.vxe/b.lua"}) {
+        Fresh()->Add(name, 6, "code");
+        ChunkCaches::Process().Flush();
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(m_folder / "victim"));
+    EXPECT_EQ(
+        log.Count(wxLOG_Warning, "'" + m_cacheFolder + "' is not followed, because the link belongs to user 1000"), 1u)
+        << log.All();
 }
 
 TEST_F(CachedChunk, EveryFailingCallCostsOnlyTime)

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +20,7 @@
 using Test::LogCatcher;
 using Test::TempFolder;
 using Test::WriteFile;
+using VexCore::MayBelieveFile;
 using VexCore::SecureFileOrDirectory;
 
 namespace {
@@ -159,4 +161,34 @@ TEST(SecuredFile, EndlessDepthEndsWithAFailure)
     const LogCatcher log;
     EXPECT_FALSE(Secure(folder / "d", true));
     EXPECT_EQ(log.Lines().size(), 1u);
+}
+
+// --- files to believe
+
+TEST(MayBelieveFile, OurFileAndAMissingOneAndOneBehindALinkOfOurs)
+{
+    const TempFolder folder;
+    const ::Test::LogCatcher log;
+    EXPECT_TRUE(MayBelieveFile(wxString::FromUTF8(folder / "missing/x.ini")));
+    EXPECT_TRUE(MayBelieveFile(wxString::FromUTF8(folder / "x.ini")));
+    WriteFile(folder / "x.ini", "");
+    EXPECT_TRUE(MayBelieveFile(wxString::FromUTF8(folder / "x.ini")));
+    std::filesystem::create_symlink("x.ini", folder / "link.ini");
+    EXPECT_TRUE(MayBelieveFile(wxString::FromUTF8(folder / "link.ini")));
+    EXPECT_EQ(log.Text(), "");
+}
+
+TEST(MayBelieveFile, NotOneThatOthersMayWriteWhichIsOneWarning)
+{
+    const TempFolder folder;
+    const ::Test::LogCatcher log;
+    WriteFile(folder / "x.ini", "");
+    ASSERT_EQ(::chmod((folder / "x.ini").c_str(), 0646), 0);
+    EXPECT_FALSE(MayBelieveFile(wxString::FromUTF8(folder / "x.ini")));
+    ASSERT_EQ(log.Text(),
+              "'"
+                  + folder
+                        / "x.ini' is not used, because others may write it (mode 0646): take that right from them "
+                          "with chmod go-w\n");
+    EXPECT_EQ(log.Lines()[0].level, wxLogLevel(wxLOG_Warning));
 }
