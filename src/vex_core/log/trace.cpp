@@ -11,25 +11,28 @@
 
 #include <algorithm>
 #include <atomic>
-#include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 namespace VexCore {
 
 namespace {
 std::atomic<std::uint64_t> g_marks{0}; // of the modules in the list
 std::atomic<const TraceModules*> g_modules{nullptr};
+std::atomic<int> g_readers{0}; // how many look into what that leads to, at this moment
 
 void ReloadTraceModules();
 
-// Every list that was ever in force, by its text. Readers may still be looking into an old one, and lists
-// change at most a few times in a process's life, so none is destroyed. Nor is the observer: domains are
-// written while the process ends.
+// Never destroyed, as the observer: domains are written while the process ends.
 struct TraceLists
 {
     std::mutex lock;
-    std::map<std::string, TraceModules> byText; // guarded by lock
+    std::string text; // of the list in force; guarded by lock, like the rest
+    std::unique_ptr<const TraceModules> inForce;
+    // Somebody may still look into one of these. They go when a list changes at a moment without readers.
+    std::vector<std::unique_ptr<const TraceModules>> former;
     const DomObserver observer{{"app.trace", "app.trace+"}, ReloadTraceModules};
 };
 
@@ -55,9 +58,15 @@ void ReloadTraceModules()
     std::string text;
     if (*root)
         text = (*root)->Get("app.trace") + ',' + (*root)->Get("app.trace+");
-    const TraceModules& modules = lists.byText.try_emplace(text, text).first->second;
-    g_modules.store(&modules, std::memory_order_release);
-    g_marks.store(modules.Marks(), std::memory_order_release);
+    if (lists.inForce && text == lists.text)
+        return;
+    lists.former.push_back(std::move(lists.inForce));
+    lists.inForce = std::make_unique<const TraceModules>(text);
+    lists.text = std::move(text);
+    g_modules.store(lists.inForce.get());
+    g_marks.store(lists.inForce->Marks());
+    if (g_readers.load() == 0) // whoever comes from now on finds the new list
+        lists.former.clear();
 }
 
 } // namespace
@@ -67,8 +76,12 @@ bool LogTraceIsEnabled(const char* module)
     const std::uint64_t marks = g_marks.load(std::memory_order_relaxed);
     if (marks == 0 || !module || (marks & TraceModules::MarkOf(module)) == 0)
         return false;
-    const TraceModules* const modules = g_modules.load(std::memory_order_acquire);
-    return modules && modules->Contain(module);
+    // All of these in one order with what a change does.
+    g_readers.fetch_add(1);
+    const TraceModules* const modules = g_modules.load();
+    const bool isEnabled = modules && modules->Contain(module);
+    g_readers.fetch_sub(1);
+    return isEnabled;
 }
 
 void LogTrace(const char* module, const char* sourceFile, int line, const char* function, const wxString& message)

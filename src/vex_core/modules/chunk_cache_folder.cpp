@@ -1,6 +1,6 @@
 // Nothing is believed that another user could have written, and nothing here is an error to anybody: what is not found
 // is compiled. Files are replaced as a whole, by rename, so readers in other threads and processes see the old one or
-// the new one. The first write of a process sweeps the folder.
+// the new one. The first write of a process sweeps the folder, and so does one that may lead beyond the bounds.
 
 #include "vex_core/modules/chunk_cache_folder.h"
 
@@ -19,8 +19,8 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <mutex>
-#include <set>
 #include <vector>
 
 #include <fcntl.h>
@@ -114,23 +114,30 @@ std::vector<FoundFile> FilesIn(int folder)
     return files;
 }
 
-void Sweep(int folder)
+struct Contents
+{
+    std::size_t files = 0;
+    std::uint64_t bytes = 0;
+};
+
+// What is left in the folder.
+Contents Sweep(int folder)
 {
     std::vector<FoundFile> files = FilesIn(folder);
     std::sort(files.begin(), files.end(), [](const FoundFile& a, const FoundFile& b) { return a.seconds > b.seconds; });
     const std::int64_t now = NowSeconds();
-    std::size_t count = 0;
-    std::uint64_t bytes = 0;
+    Contents left;
     for (const FoundFile& file : files) {
         const std::int64_t age = now - file.seconds;
         const bool stale = age > (file.temporary ? maxTemporarySeconds : maxIdleSeconds);
-        if (stale || (!file.temporary && (count >= maxFiles || bytes + file.bytes > maxFolderBytes))) {
+        if (stale || (!file.temporary && (left.files >= maxFiles || left.bytes + file.bytes > maxFolderBytes))) {
             (void)os::UnlinkAt(folder, file.name.c_str());
             continue;
         }
-        ++count;
-        bytes += file.bytes;
+        ++left.files;
+        left.bytes += file.bytes;
     }
+    return left;
 }
 
 // The folders that this process has swept.
@@ -144,16 +151,20 @@ public:
         return *s_instance;
     }
 
-    // False: it was there already.
-    bool Add(const std::string& path)
+    // A file of this size was written. Sweeps the folder the first time, and again when it may be beyond its bounds: a
+    // file that was only replaced counts as one more until then.
+    void NoteWritten(const std::string& path, int folder, std::uint64_t bytes)
     {
         const std::lock_guard lock(m_lock);
-        return m_paths.insert(path).second;
+        const auto [known, isNew] = m_folders.try_emplace(path);
+        Contents& contents = known->second;
+        if (isNew || ++contents.files > maxFiles || (contents.bytes += bytes) > maxFolderBytes)
+            contents = Sweep(folder);
     }
 
 private:
     std::mutex m_lock;
-    std::set<std::string> m_paths; // guarded by m_lock
+    std::map<std::string, Contents> m_folders; // guarded by m_lock
 };
 
 } // namespace
@@ -202,8 +213,7 @@ bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes)
         (void)os::UnlinkAt(folder.Get(), temporary.c_str());
         return false;
     }
-    if (SweptFolders::Process().Add(m_path))
-        Sweep(folder.Get());
+    SweptFolders::Process().NoteWritten(m_path, folder.Get(), bytes.size());
     return true;
 }
 

@@ -47,8 +47,8 @@ public:
     /// Renews the file's time, which tells when it was last of use, to the day.
     static void NoteUse(const ChunkFile& file);
     /// Makes or replaces the file of a cache as a whole, and the folder where it is missing. The first time in a
-    /// process, sweeps the folder: removes what was of no use to anyone for a month, what killed writers left, and the
-    /// oldest beyond the bounds.
+    /// process, and whenever the folder may be beyond its bounds, sweeps it: removes what was of no use to anyone for a
+    /// month, what killed writers left, and the oldest beyond the bounds.
     bool Replace(const std::string& key, const std::string& bytes) const;
 
 private:

@@ -68,6 +68,12 @@ void ChunkCaches::ForgetUnused()
     }
 }
 
+std::size_t ChunkCaches::Count()
+{
+    const std::lock_guard lock(m_lock);
+    return m_caches.size();
+}
+
 void ChunkCaches::NoteWaiting()
 {
     std::int64_t nothing = 0;

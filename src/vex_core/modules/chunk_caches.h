@@ -31,6 +31,8 @@ public:
     void FlushOld();
     /// Closes the files of the caches that nobody holds any more.
     void ForgetUnused();
+    /// How many there are, held or not.
+    std::size_t Count();
 
     /// Writes what waits when the process exits: hosts end by `exit` without closing their interpreter. Does nothing in
     /// a child that was forked: locks may be held there by threads that it does not have.

@@ -3,6 +3,7 @@
 #include "support/dom_ptr.h"
 #include "support/joining_thread.h"
 #include "support/process_guards.h"
+#include "support/sanitized.h"
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 #include "vex_core/log/disk_log.h"
@@ -15,6 +16,8 @@
 #include <atomic>
 #include <memory>
 #include <thread>
+
+#include <malloc.h>
 
 using Test::DomPtr;
 using Test::NewRoot;
@@ -128,6 +131,23 @@ TEST(Trace, ListsMayChangeWhileOthersAsk)
     for (::Test::JoiningThread& asker : askers)
         asker.Stop();
     EXPECT_EQ(wrong, 0);
+}
+
+TEST(Trace, ListsThatWereInForceAreNotKept)
+{
+#ifdef VEX_TEST_SANITIZED
+    GTEST_SKIP() << "a sanitizer keeps what is given back";
+#endif
+    const DomPtr dom = NewRoot();
+    const auto setList = [&dom](int number) {
+        dom->Set("app.trace", ("Appl," + std::string(2000, 'x') + std::to_string(number)).c_str());
+        EXPECT_TRUE(LogTraceIsEnabled("Appl"));
+    };
+    setList(0);
+    const std::size_t before = ::mallinfo2().uordblks;
+    for (int number = 1; number <= 1000; ++number)
+        setList(number);
+    EXPECT_LT(::mallinfo2().uordblks, before + 100000) << "all of them have 4 MB";
 }
 
 namespace {

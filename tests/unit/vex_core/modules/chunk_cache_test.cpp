@@ -261,6 +261,18 @@ TEST_F(SweptCache, OfMoreThanAThousandFilesTheOnesUsedLastStay)
     EXPECT_EQ(left.back(), "n1998.luac");
 }
 
+TEST_F(CachedChunk, AProcessThatWritesManyFilesKeepsTheNewestThousand)
+{
+    const ChunkCacheFolder written(m_folder / "many");
+    for (int number = 0; number < 1100; ++number)
+        ASSERT_TRUE(written.Replace("k" + std::to_string(number), "x"));
+    EXPECT_EQ(Names(m_folder / "many").size(), 1000u);
+    for (int again = 0; again < 3; ++again)
+        ASSERT_TRUE(written.Replace("k1099", "y"));
+    EXPECT_EQ(Names(m_folder / "many").size(), 1000u);
+    EXPECT_THAT(Names(m_folder / "many"), testing::Contains("k1099.luac"));
+}
+
 TEST_F(CachedChunk, AFileInUseIsMarkedSo)
 {
     auto cache = Fresh();

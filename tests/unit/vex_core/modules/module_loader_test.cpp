@@ -423,6 +423,23 @@ TEST_F(ModuleSearch, AnArchiveReplacedOnDiskIsOpenedAnew)
     }
 }
 
+TEST_F(ModuleSearch, AnArchiveThatIsReplacedOftenHasOneCacheInTheProcess)
+{
+    UseCache();
+    const std::string path = m_folder / "x.vxe";
+    m_dom->Set("app.lua.zippath", path);
+    Lua lua(m_dom);
+    std::size_t before = 0;
+    for (int number = 0; number < 20; ++number) {
+        const std::string text = std::to_string(number);
+        Replace(path, Archive({{"a.lua", "return '" + text + "'"}, {"only" + text + ".lua", ""}}));
+        EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), text);
+        if (number == 0)
+            before = ChunkCaches::Process().Count();
+    }
+    EXPECT_EQ(ChunkCaches::Process().Count(), before);
+}
+
 TEST_F(ModuleSearch, AnArchiveOverwrittenInPlaceIsOpenedAnew)
 {
     const std::string path = Add("x.vxe", {{"a.lua", "return 'old'"}});
