@@ -11,7 +11,8 @@ namespace VexCore {
 
 /// Asked for each entry, on the thread that called `Unzip`: `entry` is only for looking at and may be null,
 /// `destination` is the full path at which it would be written; both are gone after the call. True writes
-/// the entry, false skips it.
+/// the entry, false skips it. Where others can exchange folders on the way to a file that is there, the path leads
+/// through the open folder, so that a callback that removes the file removes no other.
 using UnzipCallback = bool (*)(void* context, const wxZipEntry* entry, const wxString* destination);
 
 /// Walks `archive` and writes the entries that `callback` answers true for below `folder`, which must exist. True: the

@@ -5,6 +5,7 @@
 #include "vex_core/base/text.h"
 #include "vex_core/domain/root_dom.h"
 #include "vex_core/domain/settings.h"
+#include "vex_core/os/descriptor_path.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/zip/unzip_writer.h"
@@ -80,7 +81,7 @@ private:
         const std::string inEntry = "entry \"" + EscapeForLog(entry.name) + "\": ";
         try {
             const Target target = LookAtTarget(entry);
-            if (!Ask(entry))
+            if (!Ask(entry, target))
                 NoteRemoval(entry, target);
             else if (entry.isFolder)
                 m_folders.Make(Zip::PathOf(entry.name));
@@ -118,17 +119,29 @@ private:
         return Target::There;
     }
 
-    bool Ask(const ZipEntry& entry) const
+    bool Ask(const ZipEntry& entry, Target target)
     {
         const wxString name = FromForeignBytes(entry.name);
         wxZipEntry shown;
         shown.SetName(name, wxPATH_UNIX);
         shown.SetSize(wxFileOffset(entry.size));
         shown.SetMethod(entry.method);
-        // The last slash of a folder stays, so that nothing but a folder can be meant.
-        // The name on disk is the archive's bytes, in every locale.
-        const wxString destination = m_shownFolder + "/" + FromSystemBytes(entry.name);
+        const wxString destination = DestinationOf(entry, target);
         return m_callback(m_context, &shown, &destination);
+    }
+
+    // The last slash of a folder stays, so that nothing but a folder can be meant. The name on disk is the archive's
+    // bytes, in every locale.
+    //
+    // A callback may remove what it is shown, by the path. Where somebody else can put a link on the way there after we
+    // have looked, the path leads through the folder that we hold open, if the system has such paths.
+    wxString DestinationOf(const ZipEntry& entry, Target target)
+    {
+        if (const auto folder = FolderOf(entry.name);
+            !entry.isFolder && target == Target::There && m_folders.OthersMayExchange(folder))
+            if (const std::string held = os::PathThroughDescriptor(m_folders.Find(folder)); !held.empty())
+                return FromSystemBytes(held + '/' + LastOf(entry.name));
+        return m_shownFolder + "/" + FromSystemBytes(entry.name);
     }
 
     // A callback may remove the file that it is shown; that too is to be on stable storage in the end.

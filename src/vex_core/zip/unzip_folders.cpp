@@ -1,17 +1,21 @@
 // Opens and makes the folders below the destination of an `Unzip`.
 #include "vex_core/zip/unzip_folders.h"
 
+#include "vex_core/base/text.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"
+#include "vex_core/os/process_info.h"
 #include "vex_core/zip/zip_names.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <iterator>
 #include <set>
 
 #include <fcntl.h>
+#include <wx/log.h>
 
 namespace VexCore {
 
@@ -56,7 +60,7 @@ std::string LastOf(std::string_view path)
     return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
 }
 
-UnzipFolders::UnzipFolders(const std::string& root)
+UnzipFolders::UnzipFolders(const std::string& root) : m_root(root)
 {
     Folder folder;
     folder.file = os::Descriptor(os::Open(root.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
@@ -66,7 +70,38 @@ UnzipFolders::UnzipFolders(const std::string& root)
     if (!S_ISDIR(status.st_mode))
         throw UnzipFailure("the destination " + Quoted(root) + " is no folder");
     folder.identity = os::IdentityOf(status);
+    folder.othersMayExchange = OthersMayWrite(status, m_root);
+    for (std::size_t end = root.size(); end > 0 && end != std::string::npos; end = root.rfind('/', end - 1)) {
+        const std::string above = root.substr(0, root.rfind('/', end - 1) + 1);
+        if (os::Stat(above.c_str(), status) != 0)
+            throw UnzipFailure("cannot look at the folder " + Quoted(above), os::LastError());
+        folder.othersMayExchange = OthersMayWrite(status, above) || folder.othersMayExchange;
+    }
     m_open.emplace("", std::move(folder));
+}
+
+// By its owner or its mode. In a folder that all may write under the sticky bit nobody can move what is not his.
+bool UnzipFolders::OthersMayWrite(const struct stat& status, std::string_view path)
+{
+    const bool isOurs = status.st_uid == 0 || status.st_uid == os::EffectiveUser();
+    const bool isShared = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0;
+    if (isOurs && !isShared)
+        return false;
+    static std::atomic<bool> s_told{false}; // one line a start
+    if (!s_told.exchange(true)) {
+        const std::string shown = EscapeForLog(path);
+        wxLogWarning(
+            "Others than root and this user can write in \"%s\": archives are unpacked there all the same, but "
+            "who can write there decides what is run. Give the folder to root and take the others' right to "
+            "write",
+            FromForeignBytes(shown));
+    }
+    return true;
+}
+
+bool UnzipFolders::OthersMayExchange(std::string_view path) const
+{
+    return m_open.find(path)->second.othersMayExchange;
 }
 
 int UnzipFolders::Find(std::string_view path)
@@ -120,7 +155,8 @@ const UnzipFolders::Folder* UnzipFolders::OpenBelow(Folder& parent, std::string_
     // The mode once more: the umask took its part of it.
     if (os::FStat(opened.Get(), status) != 0 || (missing && os::FChmod(opened.Get(), 0755) != 0))
         FailAtComponent(path, os::LastError());
-    return &m_open.emplace(path, Folder{std::move(opened), os::IdentityOf(status), missing}).first->second;
+    const bool others = OthersMayWrite(status, m_root + '/' + std::string(path)) || parent.othersMayExchange;
+    return &m_open.emplace(path, Folder{std::move(opened), os::IdentityOf(status), others, missing}).first->second;
 }
 
 void UnzipFolders::CheckSame(const Folder& parent, std::string_view path, const Folder& folder)

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace VexCore {
@@ -49,6 +50,10 @@ public:
     /// The same, making what is missing, with mode 0755.
     int Make(std::string_view path);
 
+    /// Whether somebody else than this user and root can let a name on the way to what lies in this open folder lead
+    /// elsewhere, at any moment.
+    bool OthersMayExchange(std::string_view path) const;
+
     /// Notes that names in this open folder changed, so that `Flush` puts them on stable storage.
     void NoteChange(std::string_view path);
     /// Throws unless every open folder is still the one that its name leads to.
@@ -66,14 +71,17 @@ private:
     {
         os::Descriptor file;
         os::FileIdentity identity;
+        bool othersMayExchange = false;
         bool changed = false;
     };
     using Folders = std::map<std::string, Folder, std::less<>>;
 
     const Folder* Walk(std::string_view path, bool make);
     const Folder* OpenBelow(Folder& parent, std::string_view path, const std::string& name, bool make);
+    bool OthersMayWrite(const struct stat& status, std::string_view path);
     void CheckSame(const Folder& parent, std::string_view path, const Folder& folder);
 
+    const std::string m_root;
     Folders m_open; // by path; the destination is ""
 };
 

@@ -43,6 +43,16 @@ def tree_hash(tree):
     return found.hexdigest()
 
 
+def test_a_folder_that_others_can_write_is_told_and_its_packages_are_taken(tree):
+    with_zipfile(tree.file(VERSIONED + ".vxp"), FILES)
+    os.chmod(tree.path, 0o777)
+    result = install(tree)
+    assert result.status == 0 and os.path.exists(tree.path + "/feature/x.lua")
+    told = f'Others than root and this user can write in "{tree.path}": archives are unpacked there all the same, but who can ' \
+           "write there decides what is run. Give the folder to root and take the others' right to write"
+    assert result.log.count(told) == 1 and result.log.count("WARNING") == 1
+
+
 @pytest.mark.fast
 @pytest.mark.parametrize("writer", WRITERS)
 def test_a_package_is_installed_renamed_and_recorded(tree, tmp_path, writer):

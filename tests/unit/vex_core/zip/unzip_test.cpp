@@ -1,5 +1,6 @@
 // Unzip against real folders: what ends where, what a broken archive or destination changes (nothing), and what every
 // failing call and every kind of race leaves behind.
+#include "support/child.h"
 #include "support/joining_thread.h"
 #include "support/process_guards.h"
 #include "support/sanitized.h"
@@ -393,6 +394,62 @@ TEST_F(Unzipping, RemovalIsShownEveryEntryAndTakesFilesButNoFolder)
     EXPECT_TRUE(fs::is_directory(m_root + "/bin"));
     EXPECT_EQ(Tree(m_root).size(), 3u);
     EXPECT_TRUE(m_log->Lines().empty());
+}
+
+TEST_F(Unzipping, FolderThatAnotherExchangesBeforeTheRemovalCostsNobodyElseAFile)
+{
+    if (!fs::exists("/proc/self/fd"))
+        GTEST_SKIP() << "no paths through a descriptor here";
+    WriteFile(m_archive, PlainPackage().Build());
+    ASSERT_TRUE(Run());
+    fs::create_directory(m_folder / "victim");
+    WriteFile(m_folder / "victim/a.lua", "of somebody else");
+    fs::permissions(m_root, fs::perms(0777));
+    const auto remove = [&] {
+        return Run([&](const Seen& seen) {
+            if (seen.name == "lib/a.lua") { // all is checked, and then
+                fs::rename(m_root + "/lib", m_root + "/moved");
+                fs::create_directory_symlink(m_folder / "victim", m_root + "/lib");
+            }
+            ::unlink(seen.destination.c_str());
+            return false;
+        });
+    };
+    // In a child, because a process warns once of such a folder.
+    EXPECT_TRUE(RunChild([&] { return remove() ? 1 : 0; }, true).Exited(0)) << "the exchange is noticed";
+    EXPECT_EQ(ReadFile(m_folder / "victim/a.lua"), "of somebody else");
+    EXPECT_FALSE(fs::exists(m_root + "/moved/a.lua")) << "what was meant is gone";
+}
+
+TEST_F(Unzipping, FolderThatOthersCanWriteIsTakenAndToldOnceAStart)
+{
+    struct
+    {
+        const char* folder;
+        fs::perms mode;
+        bool told;
+    } const rows[] = {{"", fs::perms(0777), true},   {"", fs::perms(0775), true},   {"lib", fs::perms(0757), true},
+                      {"..", fs::perms(0777), true}, {"", fs::perms(01777), false}, {"lib", fs::perms(0755), false}};
+    WriteFile(m_archive, PlainPackage().Build());
+    ASSERT_TRUE(Run());
+    for (const auto& row : rows) {
+        const std::string folder = fs::weakly_canonical(m_root + "/" + row.folder).string();
+        const fs::perms before = fs::status(folder).permissions();
+        fs::permissions(folder, row.mode);
+        const auto warnings = [&] {
+            std::size_t count = 0;
+            for (int start = 0; start < 2; ++start) {
+                if (!Run())
+                    return 100;
+                for (const auto& line : m_log->Lines())
+                    count +=
+                        line.text.find("Others than root and this user can write in \"" + folder) != std::string::npos;
+            }
+            return static_cast<int>(count);
+        };
+        EXPECT_TRUE(RunChild(warnings, true).Exited(row.told ? 1 : 0)) << folder << ' ' << static_cast<int>(row.mode);
+        fs::permissions(folder, before);
+    }
 }
 
 TEST_F(Unzipping, DestinationLeadsToTheFileInEveryCharacterSetOfTheSystem)
