@@ -34,6 +34,12 @@ void AddEndFaults(Broken& broken)
 {
     broken.list.push_back({"NoBytes", "", "no end record"});
     broken.list.push_back({"NoArchive", std::string(5000, 'x'), "no end record"});
+    broken.Add("OneNulTooManyBehindTheEnd", "more than 1 MiB of NULs behind its end record",
+               [](ZipBuilder& b) { b.after.assign((1 << 20) + 1, '\0'); });
+    broken.Add("OneNulTooManyBehindACommentOfNuls", "more than 1 MiB of NULs behind its end record", [](ZipBuilder& b) {
+        b.comment.assign(65535, '\0');
+        b.after.assign((1 << 20) + 1, '\0');
+    });
     broken.list.push_back({"OnlyNuls", std::string(5000, '\0'), "no end record"});
     broken.list.push_back({"CutInsideItsEndRecord", PlainPackage().Build().substr(0, PlainPackage().Build().size() - 3),
                            "no end record"});
@@ -473,6 +479,11 @@ std::vector<ValidArchive> ValidArchives()
         b.AddFolder("folder/", 0040755).Both([](ZipRecord& r) { r.extra = OldUnixField(0040755); });
     });
     one("NulsBehindTheEnd", 8, [](ZipBuilder& b) { b.after.assign(10240, '\0'); });
+    one("MostNulsBehindTheEnd", 8, [](ZipBuilder& b) { b.after.assign(1 << 20, '\0'); });
+    one("LongestCommentOfNulsAndMostNuls", 8, [](ZipBuilder& b) {
+        b.comment.assign(65535, '\0');
+        b.after.assign(1 << 20, '\0');
+    });
     one("LongestComment", 8, [](ZipBuilder& b) { b.comment.assign(65535, 'c'); });
     one("LongestCommentAndNuls", 8, [](ZipBuilder& b) {
         b.comment.assign(65535, 'c');

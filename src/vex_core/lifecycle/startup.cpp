@@ -3,6 +3,7 @@
 
 #include "vex_core/lifecycle/startup.h"
 
+#include "vex_core/base/file_name_conv.h"
 #include "vex_core/os/signals.h"
 
 #include <clocale>
@@ -78,6 +79,12 @@ void SettleLocale()
 }
 
 namespace {
+void SettleFileNames()
+{
+    if (std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0)
+        wxConvFileName = new wxMBConvUTF8(FileNameConv()); // for as long as the process lives
+}
+
 // Ahead of the library's other initialisers, which may open files or convert text.
 __attribute__((constructor(101))) void BeforeMain()
 {
@@ -87,6 +94,7 @@ __attribute__((constructor(101))) void BeforeMain()
     // The framework's own initialisers ran first and took the character set from the environment as it was;
     // the command line is converted with this one.
     wxConvLocal = wxCSConv(wxFONTENCODING_SYSTEM);
+    SettleFileNames();
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "vex/core/log.h"
 
 #include "vex_core/base/end_steps.h"
+#include "vex_core/base/file_name_conv.h"
 #include "vex_core/base/text.h"
 #include "vex_core/base/thread_name.h"
 #include "vex_core/domain/dom_values.h"
@@ -15,6 +16,7 @@
 #include "vex_core/os/process_info.h"
 
 #include <atomic>
+#include <cstring>
 #include <ctime>
 
 #include <pthread.h>
@@ -187,9 +189,22 @@ void CLog2Disk::Flush()
     ProcessLog().Flush();
 }
 
+namespace {
+// In UTF-8, and what stands for a byte of a file name that is none is that byte again.
+std::string LogBytes(const wxString& message)
+{
+    const wxScopedCharBuffer utf8 = message.utf8_str();
+    if (!std::memchr(utf8.data(), 0xF4, utf8.length())) // in which all these characters begin
+        return std::string(utf8.data(), utf8.length());
+    const wxCharBuffer bytes = FileNameConv().cWC2MB(message.wc_str(), message.length(), nullptr);
+    return bytes ? std::string(bytes.data(), bytes.length()) : BytesFromText(message);
+}
+
+} // namespace
+
 void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info)
 {
-    WriteRecord(LevelOf(level), info.timestamp, info.threadId, BytesFromText(message));
+    WriteRecord(LevelOf(level), info.timestamp, info.threadId, LogBytes(message));
 }
 
 void WriteLogLine(LogLevel level, std::string_view text)

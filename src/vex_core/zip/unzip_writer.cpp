@@ -75,7 +75,7 @@ void UnzipWriter::Fill(int file, const ZipArchive& archive, const ZipEntry& entr
     std::string error;
     if (!archive.Read(entry, write, error))
         throw UnzipFailure(error);
-    if (os::FChmod(file, entry.executable ? 0755 : 0644) != 0)
+    if (os::FChmod(file, entry.mode) != 0)
         throw UnzipFailure("cannot set its mode", os::LastError());
 }
 

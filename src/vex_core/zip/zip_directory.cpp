@@ -98,7 +98,8 @@ ZipEntry ParseRecord(const unsigned char* record, std::size_t nameSize, std::siz
 
     const std::uint32_t attributes = Get32(record + 38);
     entry.isFolder = entry.name.back() == '/';
-    entry.executable = !entry.isFolder && (attributes >> 16 & 0111) != 0;
+    if (const std::uint32_t unixMode = attributes >> 16; unixMode != 0)
+        entry.mode = (unixMode & 0755) | 0600;
     CheckType(entry, attributes);
     CheckSizes(entry);
     return entry;

@@ -9,13 +9,18 @@
 
 namespace VexCore::Zip {
 namespace {
-// Where the NUL padding that some carriers add begins. Looked for in the last mebibyte only.
+constexpr std::uint64_t maxPadding = 1 << 20; // NULs that some carriers add behind the end record and its comment
+constexpr const char* tooMuchPadding = "it has more than 1 MiB of NULs behind its end record";
+
+// Where the NULs at the end of the file begin. The last of them may belong to the end record.
 std::uint64_t EndOfContent(Window& window)
 {
     constexpr std::uint64_t chunk = 4096;
-    constexpr std::uint64_t maxPadding = 1 << 20;
+    constexpr std::uint64_t reach = maxPadding + endSize + maxComment;
     const std::uint64_t size = window.FileSize();
-    for (std::uint64_t end = size; end != 0 && size - end < maxPadding;) {
+    for (std::uint64_t end = size; end != 0;) {
+        if (size - end >= reach)
+            throw Refused(tooMuchPadding);
         const std::uint64_t start = end > chunk ? end - chunk : 0;
         const unsigned char* const bytes = window.At(start, static_cast<std::size_t>(end - start));
         for (std::uint64_t at = end; at != start; --at)
@@ -53,6 +58,8 @@ std::uint64_t FindEndRecord(Window& window)
     }
     if (!place)
         throw Refused("it has no end record whose comment ends the file");
+    if (fileSize - (*place + endSize + Get16(bytes + (*place - first) + 20)) > maxPadding)
+        throw Refused(tooMuchPadding);
     return *place;
 }
 

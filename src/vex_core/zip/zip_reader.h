@@ -25,7 +25,7 @@ struct ZipEntry
 {
     std::string name; ///< UTF-8, as stored, forward slashes; a folder's ends in "/"
     bool isFolder = false;
-    bool executable = false; ///< any execute bit is set in its Unix mode
+    unsigned mode = 0644; ///< what its file gets: the rights of its Unix mode within 0755, and always the owner's own
     std::uint16_t method = 0; ///< 0 stored, 8 deflate
     std::uint32_t crc32 = 0;
     std::uint64_t packedSize = 0; ///< bytes

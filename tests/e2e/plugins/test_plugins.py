@@ -43,6 +43,19 @@ def tree_hash(tree):
     return found.hexdigest()
 
 
+def test_a_package_and_a_marker_whose_names_are_not_utf8_are_taken(tree):
+    package = tree.file(VERSIONED).replace("Feature", os.fsdecode(b"Feat\xe9re"))
+    with_zipfile(package + ".vxp", {"feature/x.lua": "return 'x'"})
+    result = install(tree)
+    assert result.status == 0 and "WARNING" not in result.log
+    assert os.path.exists(tree.path + "/feature/x.lua") and os.path.exists(package + ".vxp.done")
+    with_zipfile(package + ".vxu", {"feature/x.lua": ""})
+    result = install(tree)
+    assert result.status == 0 and "WARNING" not in result.log
+    assert not os.path.exists(tree.path + "/feature/x.lua") and not os.path.exists(package + ".vxu")
+    assert [number for number, *_ in events(tree)] == [5101, 5105]
+
+
 def test_a_folder_that_others_can_write_is_told_and_its_packages_are_taken(tree):
     with_zipfile(tree.file(VERSIONED + ".vxp"), FILES)
     os.chmod(tree.path, 0o777)
@@ -300,7 +313,7 @@ def test_an_event_that_the_database_cannot_take_is_kept_and_stored_once(tree, fa
     assert events(tree)[1][5] == kept[0] and not os.path.exists(pending)
 
 
-def test_the_executable_bit_is_kept_and_nothing_more(tree, tmp_path):
+def test_the_archives_rights_are_kept_within_0755_and_nothing_more(tree, tmp_path):
     scratch = tmp_path / "scratch"
     (scratch / "bin").mkdir(parents=True)
     for name, mode in (("tool", 0o4711), ("text", 0o666)):
@@ -309,6 +322,6 @@ def test_the_executable_bit_is_kept_and_nothing_more(tree, tmp_path):
     import subprocess
     subprocess.run(["zip", "-q", "-r", tree.file("x.vxp"), "bin"], cwd=scratch, check=True)
     install(tree)
-    assert stat.S_IMODE(os.stat(tree.path + "/bin/tool").st_mode) == 0o755
+    assert stat.S_IMODE(os.stat(tree.path + "/bin/tool").st_mode) == 0o711
     assert stat.S_IMODE(os.stat(tree.path + "/bin/text").st_mode) == 0o644
     assert stat.S_IMODE(os.stat(tree.path + "/bin").st_mode) == 0o755

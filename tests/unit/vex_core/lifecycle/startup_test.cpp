@@ -1,6 +1,7 @@
 #include "vex_core/lifecycle/startup.h"
 
 #include "support/child.h"
+#include "vex_core/base/text.h"
 
 #include <gtest/gtest.h>
 
@@ -162,4 +163,14 @@ TEST(StandardDescriptors, OpenOnesStayAsTheyAre)
     const ChildResult result = RunChild(body, true);
     EXPECT_TRUE(result.Exited(0));
     EXPECT_EQ(result.standardError, "still here");
+}
+
+TEST(Startup, EachNameOfAFileHasATextThatLeadsBackToIt)
+{
+    if (!SetIsUtf8())
+        GTEST_SKIP() << "the tests run with another character set";
+    for (const std::string name : {"plain", "Gr\xC3\xBC\xC3\x9F", "caf\xE9", "\xFF\\x", "\xC3"}) {
+        const wxString text(name.data(), *wxConvFileName, name.size());
+        EXPECT_EQ(VexCore::ToSystemBytes(text), name);
+    }
 }

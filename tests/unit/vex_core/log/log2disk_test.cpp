@@ -9,6 +9,7 @@
 #include "vex/core/crash.h"
 #include "vex/core/dom.h"
 #include "vex/core/runnable.h"
+#include "vex_core/base/text.h"
 #include "vex_core/log/disk_log.h"
 #include "vex_core/log/process_log.h"
 
@@ -185,6 +186,14 @@ TEST_F(LogToDisk, TextIsUtf8)
     MakeRoot();
     wxLogWarning(wxString::FromUTF8("gr\xC3\xBC\xC3\x9F \xE2\x82\xAC %s"), "x");
     EXPECT_THAT(Text(), EndsWith("] gr\xC3\xBC\xC3\x9F \xE2\x82\xAC x\n"));
+}
+
+TEST_F(LogToDisk, NameOfAFileIsShownByItsBytes)
+{
+    MakeRoot();
+    const std::string name = "caf\xE9 \xF0\x9F\x98\x80";
+    wxLogError("Cannot open %s", VexCore::FromSystemBytes(name));
+    EXPECT_THAT(Text(), EndsWith("Cannot open " + name + "\n"));
 }
 
 TEST_F(LogToDisk, FrameworksLevelHoldsForMessagesButNotForLinesOfOurs)

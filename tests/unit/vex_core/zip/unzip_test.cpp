@@ -159,7 +159,7 @@ TEST_F(Unzipping, FinishedFilesReplaceOldOnesAndKeepNothingOfThem)
     EXPECT_EQ(Mode("lib/a.lua"), 0644u);
 }
 
-TEST_F(Unzipping, ModesAre0755WithAnyExecuteBitElse0644AndTheUmaskDoesNotMatter)
+TEST_F(Unzipping, ModesAreTheArchivesWithin0755AndTheOwnersRightsAndTheUmaskDoesNotMatter)
 {
     ZipBuilder builder;
     builder.Add("plain", "x", 8, 0100600);
@@ -167,17 +167,21 @@ TEST_F(Unzipping, ModesAre0755WithAnyExecuteBitElse0644AndTheUmaskDoesNotMatter)
     builder.Add("group", "x", 8, 0100610);
     builder.Add("owner", "x", 8, 0100700);
     builder.Add("setuid", "x", 8, 0106755);
+    builder.Add("read", "x", 8, 0100444);
+    builder.Add("nothing", "x", 8, 0100000);
     builder.Add("none", "x", 8, 0);
     builder.Add("made/on/the/way", "x");
     builder.AddFolder("folder/", 0040700);
     const FileModeMask restricted(077);
     ASSERT_TRUE(Run(builder));
-    EXPECT_EQ(Mode("plain"), 0644u);
+    EXPECT_EQ(Mode("plain"), 0600u);
     EXPECT_EQ(Mode("open"), 0644u);
-    EXPECT_EQ(Mode("group"), 0755u);
-    EXPECT_EQ(Mode("owner"), 0755u);
+    EXPECT_EQ(Mode("group"), 0610u);
+    EXPECT_EQ(Mode("owner"), 0700u);
     EXPECT_EQ(Mode("setuid"), 0755u);
-    EXPECT_EQ(Mode("none"), 0644u);
+    EXPECT_EQ(Mode("read"), 0644u);
+    EXPECT_EQ(Mode("nothing"), 0600u);
+    EXPECT_EQ(Mode("none"), 0644u) << "the archive does not say";
     for (const char* folder : {"made", "made/on", "made/on/the", "folder"})
         EXPECT_EQ(Mode(folder), 0755u) << folder;
 }
