@@ -23,7 +23,8 @@ protected:
 };
 
 /// Whether trace lines of `module` are wanted, by the lists "app.trace" and "app.trace+" of the process's root domain
-/// ("*" is every module). One relaxed atomic load when none of its first two letters is traced. Any thread.
+/// ("*" is every module). One relaxed atomic load unless a module that begins with the same two letters is traced. Any
+/// thread.
 ///
 /// Modules: "Appl" the launcher; "Cmd" programs that are run; "Srvc" the cache of compiled chunks; "vex.Heartbeat" the
 /// heartbeat worker; "vex.PluginUtils" the loading of plugins by the bundled application; "vex.ListenThread" nothing of
