@@ -6,6 +6,7 @@
 
 #include "slb3/error.h"
 #include "vex_core/os/error.h"
+#include "vex_core/os/exit.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/spawn.h"
 #include "vex_core/process/helper_program.h"
@@ -116,7 +117,9 @@ std::FILE* OpenProgram(const char* command, bool isInput)
     (void)ours.Release(); // the stream's now
     os::SpawnPlan plan;
     (isInput ? plan.input : plan.output) = theirs.Get();
-    std::fflush(nullptr); // so that the program's output comes behind ours, as with Lua's own function
+    // So that the program's output comes behind ours. Lua's own function flushes every stream, and hangs for as long as
+    // another thread is blocked in one, as a worker is that reads what a program writes.
+    os::FlushIfFree(stdout);
     std::unique_ptr<HelperProgram> program = StartShell(command, plan);
     if (!program) {
         const os::KeepError error;

@@ -12,8 +12,7 @@ namespace VexCore::os {
 /// now. On a system that has no such call nothing happens.
 void AtExitWithStatus(void (*handler)(int status));
 
-/// Takes a stream's lock when it is free.
-bool TryLockStream(std::FILE* stream);
-void UnlockStream(std::FILE* stream);
+/// Writes what a stream holds, unless another thread is in a call on it, which may be blocked there for good.
+void FlushIfFree(std::FILE* stream);
 
 } // namespace VexCore::os

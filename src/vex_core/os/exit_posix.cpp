@@ -7,12 +7,10 @@ void VexCore::os::EndProcessNow(int status)
     ::_exit(status);
 }
 
-bool VexCore::os::TryLockStream(std::FILE* stream)
+void VexCore::os::FlushIfFree(std::FILE* stream)
 {
-    return ::ftrylockfile(stream) == 0;
-}
-
-void VexCore::os::UnlockStream(std::FILE* stream)
-{
+    if (::ftrylockfile(stream) != 0)
+        return;
+    std::fflush(stream);
     ::funlockfile(stream);
 }

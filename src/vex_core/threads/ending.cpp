@@ -53,17 +53,9 @@ const Row& RowOf(EndStretch stretch)
 // --- steps of this room
 
 // Whoever holds a stream's lock may be blocked for good: its text is left behind then.
-void FlushIfFree(std::FILE* stream)
-{
-    if (os::TryLockStream(stream)) {
-        std::fflush(stream);
-        os::UnlockStream(stream);
-    }
-}
-
 const EndStepOwner flushStreams(EndStep::FlushStreams, [] {
-    FlushIfFree(stdout);
-    FlushIfFree(stderr);
+    os::FlushIfFree(stdout);
+    os::FlushIfFree(stderr);
 });
 
 // Made before `main`, so that its end comes after all that the host registers, on whichever thread ends the

@@ -6,8 +6,10 @@
 #include "vex_core/base/end_steps.h"
 #include "vex_core/os/process_info.h"
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -83,6 +85,28 @@ TEST_F(LuaPrograms, StreamsOfPopenAreLuasOwn)
     EXPECT_EQ(Run("local f = io.popen('true') f:close() return io.type(f), pcall(f.read, f)"),
               "closed file false attempt to use a closed file");
     EXPECT_EQ(Run("local n = 0 for line in io.popen('seq 5'):lines() do n = n + line end return n"), "15");
+}
+
+TEST_F(LuaPrograms, StartAlthoughAnotherThreadIsBlockedInAStream)
+{
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    std::FILE* const stream = ::fdopen(ends[0], "r");
+    std::thread reader([stream] { std::fgetc(stream); });
+    std::atomic<bool> done{false};
+    std::thread release([&] {
+        for (int i = 0; i < 500 && !done; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        ::close(ends[1]);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // blocked by now
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(Run("return io.popen('echo here'):read()"), "here");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+    done = true;
+    release.join();
+    reader.join();
+    std::fclose(stream);
 }
 
 TEST_F(LuaPrograms, CollectedStreamIsClosed)
