@@ -212,6 +212,31 @@ def test_the_signal_of_children_is_blocked_in_the_supervisor_and_in_every_child_
     check_log(tree, killed(9), delayed(1), CAUGHT, ENDED)
 
 
+@pytest.mark.quick
+def test_a_stop_leaves_no_program_of_the_application(tree):
+    """A background job, a stream that is open, and what a worker waits for; but not what has a session of its own."""
+    tree.file("waits.lua", "return { run = function() dom0:Execute('sh', { '-c', 'echo $$ > waits; exec sleep 600' }) end }")
+    tree.app("probe", """return { main = function()
+      os.execute("sleep 600 & echo $! > job")
+      os.execute("setsid sh -c 'echo $$ > own; exec sleep 600' &")
+      stream = io.popen("echo $$ > stream; exec sleep 600")
+      dom0:StartThread("waits")
+    end }""")
+    supervisor, _ = tree.background(name="probe")
+
+    def pid_in(name):
+        path = os.path.join(tree.work, name)
+        return os.path.exists(path) and int(open(path).read() or 0)
+    pids = {name: wait_until(lambda name=name: pid_in(name), what=name) for name in ("job", "own", "stream", "waits")}
+    begin = time.monotonic()
+    tree.stop(supervisor)
+    assert time.monotonic() - begin < 5
+    assert not [name for name in ("job", "stream", "waits") if alive(pids[name])]
+    assert alive(pids["own"])
+    send_signal(pids["own"], signal.SIGKILL)
+    check_log(tree, CAUGHT, ENDED)
+
+
 def test_a_child_killed_by_sigterm_ends_the_supervisor_with_zero(tree):
     shutil.copy(os.path.join(BUILD, "tests", "luacrash.so"), tree.file("lib/luacrash.so"))
     tree.app("probe", "return { main = function() require('luacrash')('term') end }")
