@@ -16,7 +16,7 @@ enum class EndStep {
     EmptyLogQueue, ///< lines that other threads left in the framework's queue
     WriteChunkCaches,
     FlushLog, ///< what the disk log still holds
-    FlushStreams, ///< standard output and error
+    FlushStreams, ///< standard output and error, and every other stream of C's library
 };
 constexpr std::size_t endStepCount = 9;
 

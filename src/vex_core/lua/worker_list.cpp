@@ -6,7 +6,6 @@
 #include "vex_core/base/end_steps.h"
 #include "vex_core/base/text.h"
 #include "vex_core/lua/worker.h"
-#include "vex_core/os/exit.h"
 #include "vex_core/threads/ending.h"
 #include "vex_core/threads/thread_registry.h"
 
@@ -108,7 +107,7 @@ bool StopAllWorkers(long timeoutMs)
 void EndThreads(long timeoutMs)
 {
     if (!StopAllWorkers(timeoutMs))
-        os::AtExitWithStatus(&LeaveWithoutDestructors);
+        LeaveThreadsBehind();
 }
 
 void ReopenWorkers()

@@ -47,8 +47,8 @@ private:
 /// on. The thread that ends the process.
 bool StopAllWorkers(long timeoutMs);
 
-/// The end step of that name: `StopAllWorkers`. Where a thread could not be ended in time, `exit` takes
-/// `ExitOverThreads` from now on.
+/// The end step of that name: `StopAllWorkers`. Where a thread could not be ended in time, `exit` leaves ahead of the
+/// destructors from now on.
 void EndThreads(long timeoutMs);
 
 /// Workers may be started again: for a host that sets the core library up anew after its shutdown.

@@ -9,8 +9,8 @@ namespace VexCore::os {
 [[noreturn]] void EndProcessNow(int status);
 
 /// Has `handler` called with the status when `exit` runs, before every handler and destructor that is registered by
-/// now. On a system that has no such call nothing happens.
-void AtExitWithStatus(void (*handler)(int status));
+/// now. False: there is no such call, or no memory.
+bool AtExitWithStatus(void (*handler)(int status));
 
 /// Writes what a stream holds, unless another thread is in a call on it, which may be blocked there for good.
 void FlushIfFree(std::FILE* stream);

@@ -1,4 +1,7 @@
 #include "vex_core/os/exit.h"
 
 // atexit() does not tell the status, and nothing else is there: static destructors run under a thread that did not end.
-void VexCore::os::AtExitWithStatus(void (*)(int status)) {}
+bool VexCore::os::AtExitWithStatus(void (*)(int status))
+{
+    return false;
+}

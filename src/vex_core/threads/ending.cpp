@@ -5,8 +5,14 @@
 
 #include "vex_core/os/exit.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <future>
 #include <initializer_list>
+#include <system_error>
+#include <thread>
 
 namespace VexCore {
 
@@ -52,11 +58,44 @@ const Row& RowOf(EndStretch stretch)
 
 // --- steps of this room
 
-// Whoever holds a stream's lock may be blocked for good: its text is left behind then.
+constexpr std::chrono::seconds flushLimit{1};
+
+// Whoever holds a stream's lock may be blocked for good: its text is left behind then, and so is that of the streams
+// that are older. A thread of its own goes from one to the next, beginning with the youngest.
+void FlushAll()
+{
+    auto* const done = new std::promise<void>; // never destroyed: the thread may stay blocked
+    try {
+        std::thread([done] {
+            std::fflush(nullptr);
+            done->set_value();
+        }).detach();
+        done->get_future().wait_for(flushLimit);
+    } catch (const std::system_error&) {
+        // No room for a thread: the standard streams are through.
+    }
+}
+
 const EndStepOwner flushStreams(EndStep::FlushStreams, [] {
     os::FlushIfFree(stdout);
     os::FlushIfFree(stderr);
+    FlushAll();
 });
+
+std::atomic<bool> g_isGuarded{false};
+std::atomic<bool> g_threadsAreLeft{false};
+
+[[noreturn]] void LeaveOverThreads(int status)
+{
+    TakeEndSteps(EndStretch::ExitOverThreads);
+    os::EndProcessNow(status);
+}
+
+void LeaveIfThreadsAreLeft(int status)
+{
+    if (g_threadsAreLeft)
+        LeaveOverThreads(status);
+}
 
 // Made before `main`, so that its end comes after all that the host registers, on whichever thread ends the
 // process. A destructor and no atexit handler: the thread sanitizer runs the handlers of libraries when wx's
@@ -83,10 +122,23 @@ void TakeEndSteps(EndStretch stretch, const EndSteps& steps)
             function();
 }
 
-void LeaveWithoutDestructors(int status)
+void GuardDestructors()
 {
-    TakeEndSteps(EndStretch::ExitOverThreads);
-    os::EndProcessNow(status);
+    static const bool s_guarded = os::AtExitWithStatus(&LeaveIfThreadsAreLeft);
+    g_isGuarded = s_guarded;
+}
+
+void LeaveThreadsBehind()
+{
+    g_threadsAreLeft = true;
+}
+
+void ExitLeavingThreads(int status)
+{
+    LeaveThreadsBehind();
+    if (!g_isGuarded)
+        LeaveOverThreads(status);
+    std::exit(status);
 }
 
 } // namespace VexCore

@@ -6,9 +6,9 @@
 //   the host's orderly end: it cleans up, then exits           EndOfThreads, EndOfDatabases, Exit
 //   `exit` or the return of main without a clean-up            Exit
 //   ExitProcessFromThread, os.exit in Lua                      BeforeExit, then Exit
-//   the same while another thread of ours runs, or while       BeforeExit, then ExitOverThreads
-//     the main thread could not be brought out of the way
-//   `exit` after a thread did not end with EndOfThreads        ExitOverThreads
+//   the same while another thread of ours runs, or while       BeforeExit, then ExitOverThreads, behind the handlers
+//     the main thread could not be brought out of the way        that came after our first thread
+//   `exit` after a thread did not end with EndOfThreads        ExitOverThreads, behind the same handlers
 //   an exception that leaves a thread's body                   none: it ends the thread and is logged
 //   a crash signal, abort, std::terminate                      AtOnce, behind the report of the crash handler
 //   _exit: stop signals, the supervisor's handler, a child     AtOnce
@@ -34,8 +34,15 @@ void TakeEndSteps(EndStretch stretch, const EndSteps& steps = EndSteps::OfProces
 /// Whether a step belongs to a stretch.
 bool HasEndStep(EndStretch stretch, EndStep step);
 
-/// `ExitOverThreads` and the end. Whoever could not end a thread has `exit` come here:
-/// that thread would run on under static destructors.
-[[noreturn]] void LeaveWithoutDestructors(int status);
+/// Before the first thread of ours starts; later calls do nothing. From here on `exit` asks whether a thread is left
+/// behind when it has run the handlers that are registered later, those of native modules of Lua code: then it takes
+/// `ExitOverThreads` and leaves, and no destructor runs under that thread.
+void GuardDestructors();
+
+/// A thread could not be ended: `exit` leaves ahead of the destructors.
+void LeaveThreadsBehind();
+
+/// The same, and `exit`.
+[[noreturn]] void ExitLeavingThreads(int status);
 
 } // namespace VexCore

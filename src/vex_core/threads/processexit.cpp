@@ -1,7 +1,7 @@
 // How a thread that is not the main one ends the process. `exit` runs static destructors, wx's among them, and the main
 // thread is inside wx: in its event loop. So the main thread is first brought to a place where it holds nothing and
-// stays. Where that does not work out, because there is no loop or other threads of ours still run, no destructor may
-// run at all: then the process flushes what it has and leaves without them.
+// stays. Where that does not work out, because there is no loop or other threads of ours still run, no destructor of
+// the host may run: then `exit` takes the handlers of native modules, flushes what there is and leaves.
 
 #include "vex/core/processexit.h"
 
@@ -21,7 +21,7 @@ void ExitProcessFromThread(int status)
     const bool mainIsOutOfTheWay = ParkMainThread();
     if (mainIsOutOfTheWay && !OtherRunnablesRun())
         std::exit(status);
-    LeaveWithoutDestructors(status);
+    ExitLeavingThreads(status);
 }
 
 } // namespace VexCore

@@ -11,6 +11,7 @@
 #include "vex_core/base/wait.h"
 #include "vex_core/crash/signal_stack.h"
 #include "vex_core/os/signals.h"
+#include "vex_core/threads/ending.h"
 #include "vex_core/threads/thread_registry.h"
 
 #include <atomic>
@@ -97,6 +98,7 @@ bool CRunnable::start(unsigned priority, bool takesPartInStop, unsigned stackByt
         m_impl->state = Impl::State::Running;
         m_impl->logTarget = std::move(logTarget);
     }
+    GuardDestructors();
     RegisterThread(*this, takesPartInStop);
     bool started = false;
     {

@@ -1,5 +1,6 @@
 #include "vex/core/processexit.h"
 
+#include "support/child.h"
 #include "support/stranger.h"
 #include "support/temp_folder.h"
 #include "vex/core/agentevent.h"
@@ -132,6 +133,42 @@ TEST_F(ProcessEnd, NoDestructorRunsUnderAnotherThreadOfOurs)
             std::_Exit(1);
         },
         ::testing::ExitedWithCode(7), "^$");
+}
+
+// Blocks in a stream of C's library, with the stream's lock.
+void ReadForEver()
+{
+    int ends[2];
+    if (::pipe(ends) == 0)
+        std::fgetc(::fdopen(ends[0], "r"));
+}
+
+TEST_F(ProcessEnd, ExitOfALuaScriptBesideOtherThreadsDoesWhatExitDoes)
+{
+    const ::Test::TempFolder folder;
+    const std::string kept = folder / "kept";
+    const ::Test::ChildResult child = ::Test::RunChild([&]() -> int {
+        Launch(&ReadForEver, true);
+        Launch(
+            [&] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the other is blocked by then
+                CLuaInterpreter lua(false, L"exit", true);
+                TellAtExit(); // as a native module may
+                const std::string code = "pipe = io.popen('cat >&2', 'w') pipe:write(' piped')\n"
+                                         "file = io.open('"
+                                         + kept
+                                         + "', 'w') file:write('kept')\n"
+                                           "os.exit(6)";
+                wxStringInputStream in(wxString::FromUTF8(code.c_str()));
+                lua.RunScript(in, 0, 0, "exit", nullptr);
+            },
+            true);
+        ServeLoop();
+        return 1;
+    });
+    EXPECT_TRUE(child.Exited(6)) << child.status;
+    EXPECT_EQ(child.standardError, "handlers ran piped");
+    EXPECT_EQ(::Test::ReadFile(kept), "kept");
 }
 
 TEST_F(ProcessEnd, LogAndStandardOutputAreEmptiedAlsoWithoutDestructors)
