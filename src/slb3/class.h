@@ -72,9 +72,8 @@ private:
     {
         return Guard(L, [L] {
             // Lua code can reach this function through the metatable and call it with anything, also twice.
-            if (lua_type(L, 1) == LUA_TUSERDATA && lua_getmetatable(L, 1)
-                && lua_rawequal(L, -1, lua_upvalueindex(upvalueMetatable)))
-                Destroy<T>(*static_cast<ObjectRecord*>(lua_touserdata(L, 1)));
+            if (ObjectRecord* const record = FindRecordOf<T>(L, 1))
+                Destroy<T>(*record);
             return 0;
         });
     }

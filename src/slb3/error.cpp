@@ -1,5 +1,7 @@
 #include "slb3/error.h"
 
+#include "slb3/object.h"
+
 #include <cstdio>
 #include <cstring>
 #include <cxxabi.h>
@@ -18,14 +20,11 @@ const char* PushMethodName(lua_State* L)
                            lua_tostring(L, lua_upvalueindex(upvalueMethodName)));
 }
 
-// The type of a value; for objects the name of their class. May push.
+// The type of a value; for objects the name of their class.
 const char* TypeGot(lua_State* L, int index)
 {
-    if (lua_type(L, index) == LUA_TUSERDATA && luaL_getmetafield(L, index, "__class")) {
-        if (lua_type(L, -1) == LUA_TSTRING)
-            return lua_tostring(L, -1);
-    }
-    return luaL_typename(L, index);
+    const ObjectRecord* const record = FindRecord(L, index);
+    return record ? record->className : luaL_typename(L, index);
 }
 
 // What Lua throws is a pointer to a type that its headers do not show.

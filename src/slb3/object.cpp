@@ -4,6 +4,8 @@
 
 namespace SLB3::internal {
 
+const char objectTag = 0;
+
 ObjectRecord* PushRecord(lua_State* L, StorageKind kind, OwnershipPolicy policy, const char* className,
                          UnpackFunction unpack, void* object, std::size_t extraBytes)
 {
@@ -14,6 +16,7 @@ ObjectRecord* PushRecord(lua_State* L, StorageKind kind, OwnershipPolicy policy,
     record->unpack = unpack;
     record->parents = parents;
     record->pointer = object;
+    record->tag = &objectTag;
     return record;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -50,10 +51,31 @@ struct ObjectRecord
     UnpackFunction unpack;
     const ParentConversion* parents; ///< what `GetParentsConversionArray` gave
     void* pointer;
+    const void* tag; ///< `&objectTag`
 
     StorageKind Kind() const { return static_cast<StorageKind>(flags & storageMask); }
     OwnershipPolicy Policy() const { return static_cast<OwnershipPolicy>(flags >> policyShift); }
 };
+
+/// Its address marks what is a record: the metatable does not, since Lua's debug library gives any metatable to any
+/// userdata.
+SLB3_API extern const char objectTag;
+
+/// The record of the value at `index`; null when that is no object of the binder.
+inline ObjectRecord* FindRecord(lua_State* L, int index)
+{
+    auto* const record = static_cast<ObjectRecord*>(lua_touserdata(L, index));
+    return record && lua_rawlen(L, index) >= sizeof(ObjectRecord) && record->tag == &objectTag ? record : nullptr;
+}
+
+/// The same for objects of one class only.
+template <class T>
+ObjectRecord* FindRecordOf(lua_State* L, int index)
+{
+    ObjectRecord* const record = FindRecord(L, index);
+    const char* const name = Wrapper<T>::name; // may have another address in another library
+    return record && (record->className == name || std::strcmp(record->className, name) == 0) ? record : nullptr;
+}
 
 /// The conversions of the class's parents, for records of its objects. Never null; a class without parents,
 /// or one that is not known in this state, has only the end mark. Lives as long as the program.

@@ -11,6 +11,7 @@
 #include "vex_core/lua/lua_arguments.h"
 
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -28,8 +29,12 @@ using SLB3::internal::Guarded;
 
 constexpr const char* typeName = "vex.db.Database";
 
+// Its address tells a database from another userdata to which Lua's debug library gave the metatable of databases.
+const char databaseTag = 0;
+
 struct Database
 {
+    const void* tag = &databaseTag;
     SqliteConnection db;
     std::recursive_mutex inUse; // held by each call; a transaction's body calls again
     int statements = 0; // that run; guarded by inUse
@@ -42,9 +47,19 @@ std::set<Database*>& OpenDatabases() // guarded by g_openLock
     return *s_databases;
 }
 
+// Null: the first argument is none.
+Database* FindDatabase(lua_State* L)
+{
+    auto* const database = static_cast<Database*>(luaL_testudata(L, 1, typeName));
+    return database && lua_rawlen(L, 1) >= sizeof(Database) && database->tag == &databaseTag ? database : nullptr;
+}
+
 Database& Receiver(lua_State* L)
 {
-    return *static_cast<Database*>(luaL_checkudata(L, 1, typeName));
+    Database* const database = FindDatabase(L);
+    if (!database)
+        luaL_argerror(L, 1, lua_pushfstring(L, "%s expected, got %s", typeName, luaL_typename(L, 1)));
+    return *database;
 }
 
 // The receiver of a call, open and kept open while the call runs.
@@ -321,14 +336,15 @@ int Close(lua_State* L)
 
 int Collect(lua_State* L)
 {
-    Database& database = Receiver(L);
+    Database* const database = FindDatabase(L);
+    if (!database)
+        return 0;
     {
         const std::lock_guard lock(g_openLock);
-        OpenDatabases().erase(&database);
+        OpenDatabases().erase(database);
     }
-    database.~Database();
-    lua_pushnil(L);
-    lua_setmetatable(L, 1); // an object that a finaliser has revived is no database any more
+    database->~Database();
+    std::memset(static_cast<void*>(database), 0, sizeof(Database)); // none any more, also when a finaliser revives it
     return 0;
 }
 

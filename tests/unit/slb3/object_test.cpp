@@ -1,5 +1,7 @@
 #include "fixture.h"
 
+#include <cstring>
+
 namespace {
 using namespace SLB3::internal;
 using BoundObject = Binder;
@@ -64,6 +66,42 @@ TEST_F(BoundObject, DestroyedObjectIsAnErrorNotACrash)
     EXPECT_EQ(destroyed, 1);
     EXPECT_EQ(Run("value:Balance()"), "error: test:1: bad argument #0 (self) to 'Bank.Account:Balance' "
                                       "(Bank.Account expected, got one that was collected)");
+}
+
+TEST_F(BoundObject, AnotherClasssMetatableDoesNotMakeItOne)
+{
+    int destroyed = 0;
+    SLB3::PushValue<Account>(L, &destroyed).balance = 7;
+    lua_setglobal(L, "value");
+    SLB3::PushValue<Other>(L);
+    lua_setglobal(L, "other");
+    EXPECT_EQ(Run("(function() debug.setmetatable(other, getmetatable(account)) return (other:Balance()) end)()"),
+              "error: test:1: bad argument #0 (self) to 'Bank.Account:Balance' (Bank.Account expected, got Bank.Other; "
+              "methods are called with ':')");
+    Run("(function() other = nil collectgarbage() end)()");
+    // What it is stands in the object: it goes on to be one.
+    EXPECT_EQ(
+        Run("(function() local balance = value.Balance debug.setmetatable(value, {}) return balance(value) end)()"),
+        "7");
+}
+
+TEST_F(BoundObject, OurMetatableDoesNotMakeAForeignUserdataOurs)
+{
+    std::memset(lua_newuserdata(L, 200), 0x41, 200);
+    lua_setglobal(L, "large");
+    lua_newuserdata(L, 1);
+    lua_setglobal(L, "small");
+    lua_pushlightuserdata(L, &m_account);
+    lua_setglobal(L, "light");
+    for (const char* const name : {"large", "small", "light"})
+        EXPECT_EQ(Run(std::string("(function() debug.setmetatable(") + name + ", getmetatable(account)) return (" + name
+                      + ":Balance()) end)()"),
+                  "error: test:1: bad argument #0 (self) to 'Bank.Account:Balance' (Bank.Account expected, got "
+                  "userdata; methods are called with ':')")
+            << name;
+    EXPECT_EQ(Run("select(2, pcall(account.Flip, account, large))"),
+              "bad argument #1 to 'Bank.Account:Flip' (boolean expected, got userdata)");
+    Run("(function() debug.setmetatable(light, nil) large, small = nil collectgarbage() end)()");
 }
 
 TEST_F(BoundObject, CollectorFunctionIgnoresForeignValues)

@@ -476,6 +476,17 @@ TEST_F(NativeModules, ADatabaseThatAWorkerIsInsideOfStaysOpen)
     EXPECT_TRUE(CloseLuaDatabases());
 }
 
+TEST_F(NativeModules, MetatableOfDatabasesDoesNotMakeAFileOne)
+{
+    EXPECT_EQ(RunDb("local exec, mt = db.exec, debug.getmetatable(db)\n"
+                    "local file = io.tmpfile() debug.setmetatable(file, mt)\n"
+                    "local ok, text = pcall(exec, file, 'select 1') file = nil collectgarbage() return text"),
+              "bad argument #1 to '?' (vex.db.Database expected, got userdata)");
+    EXPECT_EQ(RunDb("local exec, mt = db.exec, debug.getmetatable(db)\n"
+                    "local ok, text = pcall(mt.__gc, db) local ok, text = pcall(exec, db, 'select 1') return text"),
+              "bad argument #1 to '?' (vex.db.Database expected, got userdata)");
+}
+
 TEST_F(NativeModules, ACollectedDatabaseIsClosed)
 {
     Run("for i = 1, 50 do require('vex.db').open(folder .. '/x.db') end collectgarbage() collectgarbage()");
