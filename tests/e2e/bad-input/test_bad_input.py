@@ -318,6 +318,20 @@ def test_a_folder_that_the_agent_cannot_run_from_is_refused_and_nothing_is_made(
     assert below(outer) == before
 
 
+def test_a_relative_work_folder_is_refused_where_the_current_folder_is_no_text(tree, tmp_path):
+    current = os.path.join(os.fsencode(tmp_path), b"caf\xe9")
+    os.mkdir(current)
+    before = below(os.fsencode(tmp_path))
+    for value in ("work", ""):
+        result = tree.run("--workdir", value, cwd=current)
+        assert (result.status, result.out) == (255, "")
+        told = result.err.splitlines()
+        assert len(told) == 1 and f"The work folder '{value}' cannot be made in '" in told[0] and "/café': that name" in told[0]
+    assert below(os.fsencode(tmp_path)) == before
+    assert tree.run("--workdir", tree.work, cwd=current).status == 0
+    assert os.path.isfile(os.path.join(tree.work, "vx_agent.log")) and os.listdir(current) == []
+
+
 def below(folder):
     return sorted(os.path.join(inner, name) for inner, folders, files in os.walk(folder) for name in folders + files)
 

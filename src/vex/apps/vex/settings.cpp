@@ -58,6 +58,25 @@ bool MakeWorkFolder(const wxString& folder)
     return true;
 }
 
+// A relative work folder begins at the current folder. When the name of that is no text, another one would be made.
+bool CanNameWorkFolder(const wxCmdLineParser& parser)
+{
+    wxString value;
+    if (!parser.Found("workdir", &value))
+        return true;
+    wxFileName folder;
+    folder.AssignDir(wxExpandEnvVars(value));
+    folder.Normalize(wxPATH_NORM_TILDE);
+    const std::string current = CurrentFolder();
+    if (folder.IsAbsolute() || IsText(current))
+        return true;
+    wxLogError(
+        "The work folder '%s' cannot be made in '%s': that name is not valid in the locale's character set. Give "
+        "the work folder's whole path.",
+        value, ShownPath(current));
+    return false;
+}
+
 wxString WorkFolder(const wxCmdLineParser& parser, const wxFileName& executable)
 {
     wxFileName folder;
@@ -251,6 +270,8 @@ bool CAgentApp::OnCmdLineParsed(wxCmdLineParser& parser)
     m_zipPath = ExpandPathPlugins(m_zipPath, plugins);
 
     // Our files. Log and configuration file depend on the working folder and the name.
+    if (!CanNameWorkFolder(parser))
+        return false;
     const wxString work = WorkFolder(parser, executable);
     m_dom->SetWx("app.path.work", work);
     m_dom->SetWx("app.path.ini", wxFileName(work, GetAppName(), "ini").GetFullPath());

@@ -88,17 +88,14 @@ void WriteInstallationPaths(VexCore::CDom& dom, const wxFileName& executable)
 // because the framework drops an argument that is no text, the first one too.
 bool CanRunFromHere(const std::string& program)
 {
-    std::error_code ignored;
-    const std::string path =
-        program.rfind('/', 0) == 0 ? program : std::filesystem::current_path(ignored).native() + "/" + program;
-    const wxString text(path.c_str(), wxConvLocal);
-    if (text.empty()) {
+    const std::string path = program.rfind('/', 0) == 0 ? program : CurrentFolder() + "/" + program;
+    if (!IsText(path)) {
         wxLogError("The agent cannot run from '%s': the name is not valid in the locale's character set. Give the file "
                    "or the folder another name.",
-                   wxString(path.c_str(), wxConvISO8859_1));
+                   ShownPath(path));
         return false;
     }
-    const wxString folder = NormalizedFile(text).GetPath();
+    const wxString folder = NormalizedFile(wxString(path.c_str(), wxConvLocal)).GetPath();
     if (folder.find_first_of(";?") != wxString::npos) {
         wxLogError("The agent cannot run from '%s': a folder with \";\" or \"?\" in its name cannot be told to Lua. "
                    "Give the folder another name.",
@@ -121,6 +118,22 @@ void InstallCrashHandler(VexCore::CDom& dom, const wxString& application)
 CAgentApp& wxGetApp()
 {
     return *static_cast<CAgentApp*>(wxApp::GetInstance());
+}
+
+std::string CurrentFolder()
+{
+    std::error_code ignored;
+    return std::filesystem::current_path(ignored).native();
+}
+
+bool IsText(const std::string& path)
+{
+    return path.empty() || !wxString(path.c_str(), wxConvLocal).empty();
+}
+
+wxString ShownPath(const std::string& path)
+{
+    return IsText(path) ? wxString(path.c_str(), wxConvLocal) : wxString(path.c_str(), wxConvISO8859_1);
 }
 
 wxFileName NormalizedFile(const wxString& path)

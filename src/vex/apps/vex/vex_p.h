@@ -6,6 +6,7 @@
 #include "vex/core/log.h"
 
 #include <csignal>
+#include <string>
 #include <vector>
 
 #include <wx/filename.h>
@@ -28,6 +29,13 @@ constexpr char logTimestamp[] = "%Y-%m-%d %H:%M:%S";
 constexpr int normalizeFlags = wxPATH_NORM_DOTS | wxPATH_NORM_TILDE | wxPATH_NORM_ABSOLUTE;
 /// The file that the path names, normalised against the current folder.
 wxFileName NormalizedFile(const wxString& path);
+
+/// The current folder, in the bytes that the system has; empty when it is gone.
+std::string CurrentFolder();
+/// Whether the framework can take the path for a file name. Where not, it takes another one.
+bool IsText(const std::string& path);
+/// The path for a message, whatever its bytes are.
+wxString ShownPath(const std::string& path);
 
 // --- openssl_init.cpp
 void StartOpenSsl();
