@@ -83,10 +83,9 @@ public:
         now += delayMs / 1000;
     }
     pid_t Fork() override { return AnswerFork("Fork()"); }
-    void WaitForEndOfParent(pid_t parent) override
-    {
-        FakeCore::Record("WaitForEndOfParent(" + std::to_string(parent) + ")");
-    }
+    pid_t ForkFirstChild() override { return AnswerFork("ForkFirstChild()"); }
+    void WaitForStarter() override { FakeCore::Record("WaitForStarter()"); }
+    void WaitForAdoption(pid_t parent) override { FakeCore::Record("WaitForAdoption(" + std::to_string(parent) + ")"); }
     pid_t ForkWorker() override { return AnswerFork(m_termBlocked ? "ForkWorker()" : "ForkWorker() unguarded"); }
     pid_t NewSession() override
     {

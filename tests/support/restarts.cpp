@@ -72,7 +72,9 @@ public:
     pid_t OwnGroup() override { return m_real.OwnGroup(); }
     int ThreadCount() override { return m_real.ThreadCount(); }
     pid_t Fork() override { return m_real.Fork(); }
-    void WaitForEndOfParent(pid_t parent) override { m_real.WaitForEndOfParent(parent); }
+    pid_t ForkFirstChild() override { return m_real.ForkFirstChild(); }
+    void WaitForStarter() override { m_real.WaitForStarter(); }
+    void WaitForAdoption(pid_t parent) override { m_real.WaitForAdoption(parent); }
     pid_t NewSession() override { return m_real.NewSession(); }
     void ChangeFolder(const char* path) override { m_real.ChangeFolder(path); }
     void StreamsToNull() override { m_real.StreamsToNull(); }

@@ -102,8 +102,8 @@ TEST_F(BackgroundMode, StartsWhenThereIsNoPidFile)
     EXPECT_THAT(Journal(),
                 ElementsAre("ReadPidFile(\"/var/run/vx_agent.pid\")",
                             "TakeInstanceLock(\"/var/run/vx_agent.pid.lock\")", "Dom.GetWxString(\"app.path.work\")",
-                            "TakeInstanceLock(\"/work folder/vx_agent.pid.lock\")", "ResetSignals()", "Fork()",
-                            "PassTermOn(5000)", "Exit(0)"));
+                            "TakeInstanceLock(\"/work folder/vx_agent.pid.lock\")", "ResetSignals()",
+                            "ForkFirstChild()", "PassTermOn(5000)", "Exit(0)"));
 }
 
 TEST_F(BackgroundMode, NamesItsPidFileAfterTheApplication)
@@ -215,9 +215,9 @@ TEST_F(BackgroundMode, TheFirstChildMakesASessionAndEnds)
     m_system.forks = {0, 300};
     EXPECT_EQ(RunToEnd().status, 0);
     EXPECT_THAT(
-        Journal({"Fork", "NewSession", "Dom.", "ChangeFolder", "WaitForEnd", "PassTermOn", "Exit", "WritePidFile"}),
-        ElementsAre("Dom.GetWxString(\"app.path.work\")", "Fork()", "NewSession()",
-                    "Dom.GetWxString(\"app.path.work\")", "ChangeFolder(\"/work folder\")", "WaitForEndOfParent(4242)",
+        Journal({"Fork", "NewSession", "Dom.", "ChangeFolder", "WaitFor", "PassTermOn", "Exit", "WritePidFile"}),
+        ElementsAre("Dom.GetWxString(\"app.path.work\")", "ForkFirstChild()", "NewSession()",
+                    "Dom.GetWxString(\"app.path.work\")", "ChangeFolder(\"/work folder\")", "WaitForStarter()",
                     "Fork()", "PassTermOn(300)", "Exit(0)"));
 }
 
@@ -260,7 +260,7 @@ TEST_F(BackgroundMode, FailsWhenTheSecondForkFails)
 TEST_F(BackgroundMode, TheSupervisorLetsItsStreamsGoAndOutlivesItsParentBeforeItWritesThePidFile)
 {
     DetachToSupervisor();
-    // The two that wait are other processes than their parents.
+    // The one that waits is another process than its parent.
     m_system.onFork = [this] { ++m_system.self; };
     m_system.ChildEnds(0);
     EXPECT_EQ(Run(), 0);
@@ -268,9 +268,9 @@ TEST_F(BackgroundMode, TheSupervisorLetsItsStreamsGoAndOutlivesItsParentBeforeIt
                 ElementsAreArray(
                     Lines{"ReadPidFile(\"/var/run/vx_agent.pid\")", "TakeInstanceLock(\"/var/run/vx_agent.pid.lock\")",
                           "Dom.GetWxString(\"app.path.work\")", "TakeInstanceLock(\"/work folder/vx_agent.pid.lock\")",
-                          "ResetSignals()", "Fork()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
-                          "ChangeFolder(\"/work folder\")", "WaitForEndOfParent(4242)", "Fork()", "StreamsToNull()",
-                          "TightenFileMode()", "WaitForEndOfParent(4243)", "WritePidFile(\"/var/run/vx_agent.pid\")"}
+                          "ResetSignals()", "ForkFirstChild()", "NewSession()", "Dom.GetWxString(\"app.path.work\")",
+                          "ChangeFolder(\"/work folder\")", "WaitForStarter()", "Fork()", "StreamsToNull()",
+                          "TightenFileMode()", "WaitForAdoption(4243)", "WritePidFile(\"/var/run/vx_agent.pid\")"}
                     + StartLines(0) + Lines{"Log(Info, \"Child process exited with status 0 (exit 0)\")"}
                     + GoneLines()));
 }

@@ -61,7 +61,34 @@ TEST(ProcessSystem, AWorkerWhoseSupervisorIsGoneAlreadyIsToldSo)
               0);
 }
 
-TEST(ProcessSystem, AChildWaitsForTheEndOfItsParent)
+TEST(ProcessSystem, TheFirstChildWaitsForTheEndOfTheStartingProcess)
+{
+    Pipe go;
+    Pipe told;
+    const pid_t starter = ::fork();
+    if (starter == 0) {
+        if (System().ForkFirstChild() == 0) {
+            go.CloseEnd(1);
+            told.Write('r');
+            System().WaitForStarter();
+            System().WaitForStarter(); // nobody is there any more
+            told.Write('c');
+            ::_exit(0);
+        }
+        go.CloseEnd(1);
+        go.Read();
+        told.Write('s');
+        ::_exit(0);
+    }
+    EXPECT_EQ(told.Read(), 'r');
+    ::usleep(20000);
+    go.CloseEnd(1);
+    EXPECT_EQ(told.Read(), 's');
+    EXPECT_EQ(told.Read(), 'c');
+    ::waitpid(starter, nullptr, 0);
+}
+
+TEST(ProcessSystem, AChildWaitsUntilItHasAnotherParent)
 {
     Pipe go;
     Pipe told;
@@ -71,9 +98,9 @@ TEST(ProcessSystem, AChildWaitsForTheEndOfItsParent)
         if (System().Fork() == 0) {
             go.CloseEnd(1);
             told.Write('r');
-            System().WaitForEndOfParent(parent);
+            System().WaitForAdoption(parent);
             told.Write(::getppid() == parent ? 'p' : 'c');
-            System().WaitForEndOfParent(parent); // it is gone already
+            System().WaitForAdoption(parent); // it is gone already
             told.Write('e');
             ::_exit(0);
         }
@@ -95,7 +122,7 @@ TEST(ProcessSystem, AParentThatDoesNotEndIsWaitedForForSomeSeconds)
 {
     using namespace std::chrono;
     const auto begin = steady_clock::now();
-    System().WaitForEndOfParent(::getppid());
+    System().WaitForAdoption(::getppid());
     const auto waited = steady_clock::now() - begin;
     EXPECT_GE(waited, seconds(5));
     EXPECT_LT(waited, seconds(30));

@@ -176,8 +176,7 @@ std::optional<int> Daemon::Detach()
 {
     AssertSingleThread();
     m_system.ResetSignals();
-    const pid_t starter = m_system.OwnId();
-    pid_t pid = m_system.Fork();
+    pid_t pid = m_system.ForkFirstChild();
     if (pid < 0) {
         wxLogSysError("Unable to fork");
         return -1;
@@ -192,7 +191,7 @@ std::optional<int> Daemon::Detach()
     const wxCharBuffer folder = work.mb_str(wxConvLibc);
     m_system.ChangeFolder(folder.data() ? folder.data() : "");
     // What it passes on must find this process here.
-    m_system.WaitForEndOfParent(starter);
+    m_system.WaitForStarter();
     const pid_t first = m_system.OwnId();
     pid = m_system.Fork();
     if (pid < 0) {
@@ -208,7 +207,7 @@ std::optional<int> Daemon::Detach()
     m_system.TightenFileMode();
     // Who waits for the file may be a service manager, and looks at the process at once. One whose parent still lives
     // is a stranger to it, which it will not stop but kill.
-    m_system.WaitForEndOfParent(first);
+    m_system.WaitForAdoption(first);
     VexCore::WritePidFile(m_pidFile);
     OwnPidFile();
     return std::nullopt;

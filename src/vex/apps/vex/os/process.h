@@ -39,8 +39,13 @@ public:
     /// so that it is not written twice. The child takes over the instance lock, which the parent has given up then. A
     /// child that finds it with somebody else ends before it does anything.
     virtual pid_t Fork() = 0;
-    /// In a process that `parent` has forked: waits until that one has ended, for a few seconds at most.
-    virtual void WaitForEndOfParent(pid_t parent) = 0;
+    /// The same for the first child of a start, which can tell that this process has ended.
+    virtual pid_t ForkFirstChild() = 0;
+    /// In that child: waits for the end of the process that forked it, for a few seconds at most.
+    virtual void WaitForStarter() = 0;
+    /// In a process that `parent` has forked: waits until it is another's child, for a few seconds at most. That is a
+    /// little later than the end of what its parent did.
+    virtual void WaitForAdoption(pid_t parent) = 0;
     /// A fork of the working child, which has the worker lock and gets a SIGTERM when this process ends. It comes back
     /// when the child has the lock or is gone. A child whose parent is gone already or has given up the instance lock
     /// ends before it does anything.

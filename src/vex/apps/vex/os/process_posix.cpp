@@ -39,10 +39,12 @@ void SetDefault(int signal)
     ::sigaction(signal, &action, nullptr);
 }
 
+// How long a process of the detach waits for the end of the one before.
+constexpr long longestWaitMs = 5000;
+
 // Waits until the other ends of the pipe are closed. Bounded, should somebody have stopped the process that has them.
-void WaitForEndOfPipe(int descriptor)
+void WaitForEndOfPipe(int descriptor, long limitMs)
 {
-    constexpr long limitMs = 10000;
     const auto nowMs = [] {
         timespec now = {};
         ::clock_gettime(CLOCK_MONOTONIC, &now);
@@ -81,15 +83,40 @@ public:
         return child;
     }
 
-    void WaitForEndOfParent(pid_t parent) override
+    pid_t ForkFirstChild() override
     {
-        // Looks again and again: what a process holds open closes before its children get another parent. The ends that
-        // are waited for take a millisecond or two. One that its terminal has stopped, say, must not keep the agent
-        // from starting for ever.
-        constexpr long limitMs = 5000;
+        int ends[2];
+        const bool followed = ::pipe(ends) == 0;
+        const pid_t child = Fork();
+        if (!followed)
+            return child;
+        const KeepError keep;
+        if (child != 0) {
+            // Nothing is ever written: the other end closes with this process.
+            ::close(ends[0]);
+            return child;
+        }
+        ::close(ends[1]);
+        m_starterEnd = ends[0];
+        return 0;
+    }
+
+    void WaitForStarter() override
+    {
+        if (m_starterEnd < 0)
+            return;
+        // One that its terminal has stopped, say, must not keep the agent from starting for ever.
+        WaitForEndOfPipe(m_starterEnd, longestWaitMs);
+        ::close(m_starterEnd);
+        m_starterEnd = -1;
+    }
+
+    void WaitForAdoption(pid_t parent) override
+    {
+        // Nothing tells of it, so it looks again and again. It takes a millisecond or two.
         constexpr long longestSleepMs = 64;
         long sleepMs = 1;
-        for (long waitedMs = 0; ::getppid() == parent && waitedMs < limitMs; waitedMs += sleepMs) {
+        for (long waitedMs = 0; ::getppid() == parent && waitedMs < longestWaitMs; waitedMs += sleepMs) {
             sleepMs = std::min(2 * sleepMs, longestSleepMs);
             SleepMs(sleepMs);
         }
@@ -210,6 +237,7 @@ private:
     template <class Prepare>
     static pid_t ForkUntil(Prepare prepare)
     {
+        constexpr long longestPreparationMs = 10000;
         int ends[2];
         const bool followed = ::pipe(ends) == 0;
         std::fflush(stdout);
@@ -221,7 +249,7 @@ private:
         if (followed) {
             ::close(ends[1]);
             if (child > 0)
-                WaitForEndOfPipe(ends[0]);
+                WaitForEndOfPipe(ends[0], longestPreparationMs);
             ::close(ends[0]);
         }
         return child;
@@ -231,6 +259,7 @@ private:
     void DoExitNow(int status) override { ::_exit(status); }
 
     AgentLocks m_locks;
+    int m_starterEnd = -1; // of a pipe whose other end is the starting process's
     struct sigaction m_hangup = {}; // the starter's, while it is ignored
 };
 
