@@ -54,7 +54,8 @@ def check_settings(tree):
 # Where the code has the default of a setting: the group of the pattern is the value as written there.
 DEFAULTS = {
     **{key: ("src/vex_core/domain/known_settings.h", rf'"{re.escape(key)}", SettingKind::\w+, ([^,]+),')
-       for key in ("app.log.size", "app.log.count", "app.lua.cache", "app.unzip.maxbytes", "app.unzip.maxentries",
+       for key in ("app.events.keepdays", "app.events.keeprows", "app.log.size", "app.log.count", "app.lua.cache",
+                   "app.unzip.maxbytes", "app.unzip.maxentries",
                    "vex.CollectInterval", "vex.HeartbeatInterval", "vex.HeartbeatKeepDays", "vex.HeartbeatKeepRows")},
     "sqlite.config.busy_timeout": ("src/vex_core/database/sqlite_connection.h", r"busyTimeoutMs = (\d+);"),
     "sqlite.config.synchronous": ("src/vex_core/database/sqlite_connection.h",

@@ -24,6 +24,8 @@ constexpr std::int64_t unlimited = std::numeric_limits<std::int64_t>::max();
 /// docs/SETTINGS.md has the same for operators, with what each means. Those below "vex." are read by Lua code, which
 /// asks vex.settings for their defaults.
 inline constexpr Setting knownSettings[] = {
+    {"app.events.keepdays", SettingKind::Int, 90, 1, 1000000}, // days
+    {"app.events.keeprows", SettingKind::Int, 100000, 1, unlimited}, // rows
     {"app.log.count", SettingKind::Int, 5, 1, 10000}, // files
     {"app.log.size", SettingKind::Int, 10 * 1024 * 1024, 4096, unlimited}, // bytes
     {"app.lua.cache", SettingKind::Bool, true, false, true},

@@ -10,6 +10,9 @@
 #include "vex/core/dom.h"
 #include "vex_core/base/end_steps.h"
 #include "vex_core/base/text.h"
+#include "vex_core/domain/known_settings.h"
+#include "vex_core/domain/root_dom.h"
+#include "vex_core/domain/settings.h"
 #include "vex_core/events/xml_text.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_identity.h"
@@ -45,6 +48,13 @@ const char tableSql[] =
 // Keys matter for events that some process still keeps; an old key is no longer one of those, unless the pending file
 // has events of any age.
 const char forgetKeysSql[] = "DELETE FROM agent_event_key WHERE seq < (SELECT max(seq) FROM agent_event_key) - 1000";
+
+// A look at the oldest few at a time, so that no event waits for others to go. The latest stays in any case: its id
+// must not be given again. ?1 is how many stay, ?2 the time before which they are too old.
+const char forgetOldestSql[] =
+    "DELETE FROM agent_event WHERE id IN (SELECT id FROM (SELECT id, time_ms FROM agent_event ORDER BY id LIMIT 20)"
+    " WHERE id <= (SELECT max(id) FROM agent_event) - ?1"
+    " OR (time_ms < ?2 AND id < (SELECT max(id) FROM agent_event)))";
 
 // Whether a store of this process may keep events. Read without a lock, so that the usual answer costs nothing.
 std::atomic<bool> g_somethingIsKept{false};
@@ -274,7 +284,20 @@ std::int64_t EventStore::InsertOnce(const EventRecord& record)
     if (!transaction.Begun() || (!m_pending.HasEvents() && !m_db.Exec(forgetKeysSql)) || !InsertKey(record))
         return 0;
     const std::int64_t id = Insert(record);
-    return id != 0 && transaction.Commit() ? id : 0;
+    return id != 0 && ForgetOldest() && transaction.Commit() ? id : 0;
+}
+
+bool EventStore::ForgetOldest()
+{
+    constexpr std::int64_t dayMs = 24 * 60 * 60 * 1000;
+    const RootDom root;
+    const auto setting = [&root](const char* key) {
+        return root ? IntSetting(*root, key) : FindSetting(key)->standard;
+    };
+    SqliteStatement statement(m_db, forgetOldestSql);
+    statement.Bind(1, setting("app.events.keeprows"));
+    statement.Bind(2, TimeNowMillis() - setting("app.events.keepdays") * dayMs);
+    return statement.Step() == SqliteStatement::StepResult::Done;
 }
 
 // --- what was kept
@@ -292,7 +315,7 @@ bool EventStore::StoreAll(const std::vector<EventRecord>& records)
         if (m_db.Changes() > 0 && Insert(record) == 0)
             return false;
     }
-    return transaction.Commit();
+    return ForgetOldest() && transaction.Commit();
 }
 
 // A pending file that cannot be read does not keep newer events out of the database.

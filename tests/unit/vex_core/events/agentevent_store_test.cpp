@@ -1,7 +1,9 @@
 #include "vex/core/agentevent.h"
+#include "vex/core/clock.h"
 #include "vex/core/dom.h"
 #include "vex_core/events/agentevent_store.h"
 
+#include "support/dom_ptr.h"
 #include "support/fail_nth.h"
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
@@ -100,6 +102,7 @@ protected:
         SqliteSettings settings;
         settings.busyTimeoutMs = 20;
         SetSqliteSettings(settings);
+        m_dom->Set("app.events.keepdays", "1000000"); // the sample's time is long ago
     }
     void TearDown() override { SetSqliteSettings(SqliteSettings()); }
 
@@ -139,6 +142,7 @@ protected:
         return std::filesystem::exists("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path().string();
     }
 
+    const ::Test::DomPtr m_dom = ::Test::NewRoot();
     ::Test::TempFolder m_folder{Base()};
     std::string m_work = m_folder.Path();
 };
@@ -316,6 +320,56 @@ TEST_F(EventDatabase, IdsGrowByOne)
         EXPECT_EQ(store.Write(SampleEvent("e")), id);
     EventStore again(m_work);
     EXPECT_EQ(again.Write(SampleEvent("e")), 6);
+}
+
+TEST_F(EventDatabase, EventsBeyondTheirNumberGoTheOldestFirst)
+{
+    m_dom->Set("app.events.keeprows", "3");
+    EventStore store(m_work);
+    for (int id = 1; id <= 5; ++id)
+        EXPECT_EQ(store.Write(SampleEvent("e" + std::to_string(id))), id);
+    EXPECT_EQ(Stored(), "e3;e4;e5;");
+    m_dom->Set("app.events.keeprows", "1");
+    EXPECT_EQ(store.Write(SampleEvent("e6")), 6);
+    EXPECT_EQ(Stored(), "e6;");
+}
+
+TEST_F(EventDatabase, EventsBeyondTheirAgeGoAFewAtATimeAndTheLatestStays)
+{
+    EventStore store(m_work);
+    for (int id = 1; id <= 50; ++id)
+        store.Write(SampleEvent("old"));
+    const auto recent = [] {
+        CAgentEvent event = SampleEvent("recent");
+        event.m_timeMillis = TimeNowMillis() - std::int64_t{89} * 86400000;
+        return event;
+    };
+    m_dom->Remove("app.events.keepdays");
+    for (const int left : {30, 10, 0}) {
+        store.Write(recent());
+        EXPECT_EQ(CountOf(Stored(), "old"), left);
+    }
+    EXPECT_EQ(Stored(), "recent;recent;recent;");
+    m_dom->Set("app.events.keepdays", "1");
+    EXPECT_EQ(store.Write(recent()), 54);
+    EXPECT_EQ(Stored(), "recent;") << "or its id would be given again";
+    EXPECT_EQ(store.Write(recent()), 55);
+}
+
+TEST_F(EventDatabase, WhatWaitedIsBoundedToo)
+{
+    m_dom->Set("app.events.keeprows", "3");
+    std::filesystem::create_directory(Database());
+    {
+        const ::Test::StandardError quiet;
+        const ::Test::LogCatcher log;
+        EventStore store(m_work);
+        for (int number = 1; number <= 5; ++number)
+            store.Write(SampleEvent("w" + std::to_string(number)));
+    }
+    std::filesystem::remove(Database());
+    EXPECT_TRUE(EventStore(m_work).StoreKept());
+    EXPECT_EQ(Stored(), "w3;w4;w5;");
 }
 
 TEST_F(EventDatabase, LockedDatabaseMeansPendingFileThenDatabaseOnce)
