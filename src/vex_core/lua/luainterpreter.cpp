@@ -173,7 +173,8 @@ std::string OrEmpty(const char* text)
 
 } // namespace
 
-struct CLuaInterpreter::Impl
+// Hidden: a member would be shown as one of the class.
+struct __attribute__((visibility("hidden"))) CLuaInterpreter::Impl
 {
     lua_State* L = nullptr;
     bool collectAtEnd = false;

@@ -71,11 +71,11 @@ std::shared_ptr<ChunkCache> ModuleLookup::CacheOf(SearchedArchive& searched,
         const std::string sha256 = archive->DirectorySha256();
         if (sha256.empty())
             return nullptr;
-        const bool isOther = searched.cache != nullptr;
+        const bool isOtherArchive = searched.cache && searched.cacheFolder == folder;
         searched.cache = ChunkCaches::Process().Get(folder, ChunkCache::Key(sha256, m_luaHeader));
         searched.cachedArchive = archive;
         searched.cacheFolder = folder;
-        if (isOther) // that of the archive before is of no use to anyone
+        if (isOtherArchive) // that of the one before is of no use to anyone
             ChunkCaches::Process().ForgetUnused();
     }
     return searched.cache;

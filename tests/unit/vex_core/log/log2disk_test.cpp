@@ -22,6 +22,7 @@
 #include <filesystem>
 #include <memory>
 #include <sstream>
+#include <string_view>
 #include <thread>
 
 #include <fcntl.h>
@@ -453,24 +454,26 @@ TEST_F(LogToDisk, SettingsCountInAChildForkedWhileAnotherThreadReadsThem)
     WriteFile(file, "[settings]\napp.log.count = 1\n");
     MakeRoot();
     m_root->Set("app.path.ini", file);
-    std::atomic<bool> reading{false};
+    std::atomic<bool> reading{false}, written{false};
     ChildResult result;
     {
         const CallWatch watch([&](const VexCore::os::Call& call) {
-            if (call.path && call.path == file && !reading.exchange(true))
+            if (call.path && std::string_view(call.path) == "agent.ini" && !reading.exchange(true))
                 std::this_thread::sleep_for(std::chrono::milliseconds(100)); // the fork comes meanwhile
             return 0;
         });
         // It lives on until the child has ended, which ends at once: the thread sanitizer takes one that had ended, but
         // was not joined when the child was forked, for one that the child forgot, and the leak check takes what a
         // living one has for itself for lost.
-        JoiningThread other([](const std::atomic<bool>& stop) {
+        JoiningThread other([&written](const std::atomic<bool>& stop) {
             VexCore::WriteLogLine(VexCore::LogLevel::Warning, "of another thread");
+            written = true;
             while (!stop)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
         });
-        while (!reading)
+        while (!reading && !written)
             std::this_thread::yield();
+        ASSERT_TRUE(reading);
         result = RunChild(
             [this] {
                 m_root->SetWx("app.log.size", static_cast<std::int64_t>(4096));
