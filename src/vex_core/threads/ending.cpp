@@ -14,6 +14,8 @@
 #include <system_error>
 #include <thread>
 
+#include <wx/log.h>
+
 namespace VexCore {
 
 namespace {
@@ -82,6 +84,16 @@ const EndStepOwner flushStreams(EndStep::FlushStreams, [] {
     FlushAll();
 });
 
+// The one question to the framework that uses what it keeps for each thread, on the main thread, too. It is a private
+// member, so it is named here in the one way that the language allows.
+template <bool (*member)()>
+struct ThreadLoggingDoor
+{
+    friend bool AskThreadLogging() { return member(); }
+};
+template struct ThreadLoggingDoor<&wxLog::IsThreadLoggingEnabled>;
+bool AskThreadLogging();
+
 std::atomic<bool> g_isGuarded{false};
 std::atomic<bool> g_threadsAreLeft{false};
 
@@ -124,6 +136,9 @@ void TakeEndSteps(EndStretch stretch, const EndSteps& steps)
 
 void GuardDestructors()
 {
+    // What the framework keeps for its threads is made at its first use. Made now, it goes after the guard has stopped
+    // the end of the others: a thread that is left may be in its first steps, which need it.
+    (void)AskThreadLogging();
     static const bool s_guarded = os::AtExitWithStatus(&LeaveIfThreadsAreLeft);
     g_isGuarded = s_guarded;
 }
