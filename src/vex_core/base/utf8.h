@@ -34,4 +34,11 @@ inline std::size_t DecodeUtf8(std::string_view text, char32_t& character)
     return length;
 }
 
+/// Both ranges of control characters, and what ends a line for some readers, U+2028 and U+2029: nothing that a log or a
+/// terminal gets as it is.
+constexpr bool IsControlOrLineEnd(char32_t character)
+{
+    return character < 0x20 || (character >= 0x7f && character < 0xa0) || character == 0x2028 || character == 0x2029;
+}
+
 } // namespace VexCore

@@ -6,6 +6,7 @@
 #include "vex/core/crash.h"
 #include "vex_core/base/text.h"
 #include "vex_core/base/thread_name.h"
+#include "vex_core/base/utf8.h"
 #include "vex_core/crash/crash_system.h"
 #include "vex_core/crash/other_threads.h"
 #include "vex_core/crash/signal_stack.h"
@@ -18,6 +19,7 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -130,9 +132,13 @@ void AddThreadName(const CrashSite& site)
     const char* name = ThreadName();
     if (CurrentThreadNumber() != site.thread || !name)
         name = IsOnMainThread(site) ? "main" : "thread";
-    for (std::size_t i = 0; i < maxBytes && name[i] != '\0'; ++i) {
-        const unsigned char c = static_cast<unsigned char>(name[i]);
-        g_logLine << (c < 0x20 || c == 0x7f ? '?' : name[i]);
+    std::string_view text(name, strnlen(name, maxBytes));
+    while (!text.empty()) {
+        char32_t character = static_cast<unsigned char>(text.front());
+        const std::size_t length = std::max<std::size_t>(DecodeUtf8(text, character), 1);
+        for (const char byte : text.substr(0, length))
+            g_logLine << (IsControlOrLineEnd(character) ? '?' : byte);
+        text.remove_prefix(length);
     }
 }
 

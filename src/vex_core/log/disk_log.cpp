@@ -45,14 +45,6 @@ const char* LogLevelWord(LogLevel level)
 }
 
 namespace {
-// Control characters of both ranges, as characters of UTF-8 or, the upper ones, as bytes that are none: a terminal that
-// is not set to UTF-8 obeys those. Further what ends a line.
-bool MustBeShown(char32_t character)
-{
-    return (character < 0x20 && character != '\t') || (character >= 0x7f && character < 0xa0) || character == 0x2028
-           || character == 0x2029;
-}
-
 std::string ShownBytes(std::string_view bytes)
 {
     static constexpr char digits[] = "0123456789ABCDEF";
@@ -69,7 +61,7 @@ std::string TakeCharacter(std::string_view& text)
 {
     char32_t character = 0;
     std::size_t length = DecodeUtf8(text, character);
-    if (length == 0) {
+    if (length == 0) { // a byte may be a control character too: a terminal that is not set to UTF-8 obeys it
         character = static_cast<unsigned char>(text.front());
         length = 1;
     }
@@ -79,7 +71,7 @@ std::string TakeCharacter(std::string_view& text)
     text.remove_prefix(length);
     if (bytes.front() == '\n' || bytes.front() == '\r')
         return "\n    ";
-    return MustBeShown(character) ? ShownBytes(bytes) : std::string(bytes);
+    return character != '\t' && IsControlOrLineEnd(character) ? ShownBytes(bytes) : std::string(bytes);
 }
 
 // How many bytes at the start of the text, at most `most`, stand in a record as they are.

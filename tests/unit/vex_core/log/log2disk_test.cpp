@@ -10,6 +10,7 @@
 #include "vex/core/dom.h"
 #include "vex/core/runnable.h"
 #include "vex_core/base/text.h"
+#include "vex_core/base/thread_name.h"
 #include "vex_core/log/disk_log.h"
 #include "vex_core/log/process_log.h"
 
@@ -146,6 +147,18 @@ TEST_F(LogToDisk, LinesOfAThreadAndOfItsCrashCarryOneName)
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_THAT(lines[0], HasSubstr("/CTestThread] before the crash"));
     EXPECT_THAT(lines[1], HasSubstr("/CTestThread] agent crashed: signal 6 (SIGABRT)"));
+}
+
+TEST_F(LogToDisk, NameOfTheCrashedThreadDoesNothingToATerminalAndStartsNoLine)
+{
+    MakeRoot();
+    RunChild([this] {
+        EXPECT_TRUE(VexCore::InitCrashHandler(wxString(m_folder / "dump"), wxS("agent"), false));
+        const VexCore::ThreadNameScope name("worker \x1b\n \xC2\x9B \x9B \xE2\x80\xA8 \xC3\xA9 \xE9");
+        std::abort();
+        return 0;
+    });
+    EXPECT_THAT(Text(), HasSubstr("/worker ?? ?? ? ??? \xC3\xA9 \xE9] agent crashed: signal 6 (SIGABRT)"));
 }
 
 TEST_F(LogToDisk, LevelsHaveTheirWords)
