@@ -31,4 +31,7 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info);
 /// The groups of all processes of this process's session that have not ended.
 std::set<pid_t> GroupsOfOwnSession();
 
+/// The process group of a process, -1 when there is no such process.
+pid_t GroupOf(pid_t pid);
+
 } // namespace VexCore::os

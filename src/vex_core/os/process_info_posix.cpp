@@ -19,6 +19,11 @@ uid_t EffectiveUser()
     return ::geteuid();
 }
 
+pid_t GroupOf(pid_t pid)
+{
+    return ::getpgid(pid);
+}
+
 std::set<pid_t> GroupsOfOwnSession()
 {
     std::set<pid_t> groups;

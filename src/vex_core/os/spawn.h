@@ -54,8 +54,8 @@ void WaitReadable(std::initializer_list<int> descriptors, int timeoutMs);
 pid_t TakeStatus(pid_t child, int& status);
 
 /// Writes what a stream to a program holds, as far as the program takes it at once, and gives the program the end of
-/// it; what is written later is nobody's. Does nothing while another thread uses the stream.
-void EndStream(std::FILE* stream);
+/// it; what is written later is nobody's. False, and nothing is done, while another thread uses the stream.
+bool EndStream(std::FILE* stream);
 
 /// Closes every descriptor from `first` on. Safe between fork and exec.
 void CloseFrom(int first);

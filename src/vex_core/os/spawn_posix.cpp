@@ -96,10 +96,10 @@ void WaitReadable(std::initializer_list<int> descriptors, int timeoutMs)
     ::poll(items, count, timeoutMs);
 }
 
-void EndStream(std::FILE* stream)
+bool EndStream(std::FILE* stream)
 {
     if (::ftrylockfile(stream) != 0)
-        return;
+        return false;
     const int descriptor = ::fileno(stream);
     SetNonBlocking(descriptor);
     std::fflush(stream);
@@ -107,6 +107,7 @@ void EndStream(std::FILE* stream)
     if (null && ::dup2(null.Get(), descriptor) >= 0)
         ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
     ::funlockfile(stream);
+    return true;
 }
 
 pid_t TakeStatus(pid_t child, int& status)

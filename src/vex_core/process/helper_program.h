@@ -37,8 +37,9 @@ private:
 };
 
 /// A program that runs. It belongs to the thread that started it: when that is asked to end (base/wait.h), the program
-/// gets a SIGTERM with all of its group, and a SIGKILL two seconds later if somebody waits for it. When the process
-/// ends in order, the programs that still run, and what others have left in their groups, get a SIGTERM.
+/// gets a SIGTERM with all of its group, and a SIGKILL two seconds later if somebody waits for it; one that reads from us
+/// is given the rest and the end of its input in place of the SIGTERM. When the process ends in order, the programs that
+/// still run, and what others have left in their groups, get a SIGTERM.
 class HelperProgram
 {
 public:
@@ -50,8 +51,9 @@ public:
 
     pid_t Pid() const { return m_pid; }
 
-    /// The stream on which we write to the program; null before it is closed. When the process ends, what it holds goes
-    /// to the program, which has a second to come to the end of its input before the SIGTERM.
+    /// The stream on which we write to the program; null before it is closed. When the thread is asked to end, or the
+    /// process ends, what it holds goes to the program, which has a second to come to the end of its input before the
+    /// SIGTERM.
     void SetInput(std::FILE* stream);
 
     enum class End {
@@ -71,8 +73,10 @@ private:
 
     HelperProgram(pid_t pid, bool ownGroup);
     bool HasEnded();
+    bool IsEnding();
     bool IsStopped();
     void Signal(int signal) const;
+    void EndOrStop();
     void Stop();
     void Sleep(const std::vector<ProgramOutput*>& outputs, bool watchStop, long leftMs);
 
@@ -83,6 +87,7 @@ private:
     int m_status = -1;
     long m_napMs = 1;
     // Guarded by the lock of RunningPrograms.
+    bool m_isEnding = false; // it was given the end of its input
     bool m_isStopped = false;
     os::Pipe m_stopped; // readable from the stop on, for who waits
     std::FILE* m_input = nullptr;

@@ -90,7 +90,7 @@ public:
         const std::lock_guard lock(programs.m_lock);
         for (HelperProgram* const program : programs.m_running)
             if (program->m_owner == owner)
-                program->Stop();
+                program->EndOrStop();
     }
 
     static void EndAll()
@@ -116,10 +116,8 @@ private:
         {
             const std::lock_guard lock(m_lock);
             for (HelperProgram* const program : m_running)
-                if (program->m_input) {
-                    os::EndStream(program->m_input);
+                if (program->m_input && os::EndStream(program->m_input))
                     readers.push_back(program->m_pid);
-                }
         }
         const auto runs = [](pid_t pid) {
             os::ProcessInfo info;
@@ -231,20 +229,38 @@ bool HelperProgram::HasEnded()
     return true;
 }
 
+bool HelperProgram::IsEnding()
+{
+    const std::lock_guard lock(RunningPrograms::OfProcess().Lock());
+    return m_isEnding;
+}
+
 bool HelperProgram::IsStopped()
 {
     const std::lock_guard lock(RunningPrograms::OfProcess().Lock());
     return m_isStopped;
 }
 
+// Once to each: some programs take a second SIGTERM for more haste.
 void HelperProgram::Signal(int signal) const
 {
+    const bool isInGroup = m_ownGroup && os::GroupOf(m_pid) == m_pid; // it may have left it
     if (m_ownGroup)
         SendSignalToGroup(m_pid, signal);
-    SendSignal(m_pid, signal); // it may have left its group
+    if (!isInGroup)
+        SendSignal(m_pid, signal);
 }
 
 // With the lock of RunningPrograms.
+void HelperProgram::EndOrStop()
+{
+    if (m_input && os::EndStream(m_input))
+        m_isEnding = true;
+    else
+        Stop();
+}
+
+// The same.
 void HelperProgram::Stop()
 {
     if (std::exchange(m_isStopped, true))
@@ -255,13 +271,13 @@ void HelperProgram::Stop()
 }
 
 // Until there is output, the program has ended or was stopped, or the time is over. Without a descriptor for the
-// process its end shows no other way: then the waits are short, growing while nothing happens.
+// process or a pipe for the stop these show no other way: then the waits are short, growing while nothing happens.
 void HelperProgram::Sleep(const std::vector<ProgramOutput*>& outputs, bool watchStop, long leftMs)
 {
     constexpr long longestMs = 1000000;
     constexpr long longestNapMs = 50;
     long waitMs = leftMs < 0 ? -1 : std::min(leftMs, longestMs);
-    if (!m_process) {
+    if (!m_process || !m_stopped) {
         waitMs = waitMs < 0 ? m_napMs : std::min(waitMs, m_napMs);
         m_napMs = std::min(m_napMs * 2, longestNapMs);
     }
@@ -282,13 +298,20 @@ HelperProgram::End HelperProgram::Wait(long timeoutMs, const std::vector<Program
                 m_napMs = 1;
     };
     const Deadline limit(timeoutMs > 0 ? timeoutMs : -1);
+    std::optional<Deadline> grace; // to come to the end of its input
     std::optional<Deadline> patience; // after a stop
     bool timedOut = false;
     bool killed = false;
     while (!HasEnded()) {
+        if (!grace && IsEnding())
+            grace.emplace(inputEndMs);
+        if (grace && !patience && grace->LeftMs() == 0) {
+            const std::lock_guard lock(RunningPrograms::OfProcess().Lock());
+            Stop();
+        }
         if (!patience && IsStopped())
             patience.emplace(stopMs);
-        long leftMs = static_cast<long>(patience ? patience->LeftMs() : limit.LeftMs());
+        long leftMs = static_cast<long>(patience ? patience->LeftMs() : grace ? grace->LeftMs() : limit.LeftMs());
         if (leftMs == 0 && !killed) {
             timedOut = !patience;
             killed = true;

@@ -3,6 +3,7 @@
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
 #include "vex/core/luainterpreter.h"
+#include "vex/core/sendsignal.h"
 #include "vex_core/base/end_steps.h"
 #include "vex_core/os/process_info.h"
 
@@ -157,10 +158,27 @@ TEST_F(LuaPrograms, BackgroundJobEndsWithTheProcess)
     EXPECT_EQ(Run("return f:close()"), "nil signal 15");
 }
 
+TEST_F(LuaPrograms, AreToldOnceToEnd)
+{
+    const std::string told = m_folder / "told";
+    ::Test::WriteFile(told, "");
+    const pid_t program = std::atoi(Run("f = io.popen([[trap 'echo told >> " + told
+                                        + "' TERM; echo $$; while :; do sleep 0.02; done]]) return f:read('*n')")
+                                        .c_str());
+    ASSERT_GT(program, 1);
+    EndHelpers();
+    for (int i = 0; i < 2000 && ::Test::ReadFile(told).empty(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200)); // a second word would come now
+    EXPECT_EQ(::Test::ReadFile(told), "told\n");
+    VexCore::SendSignal(program, SIGKILL);
+    EXPECT_EQ(Run("return f:close()"), "nil signal 9");
+}
+
 TEST_F(LuaPrograms, WhatWasWrittenToAProgramArrivesAlsoWhenTheProcessEnds)
 {
-    EXPECT_EQ(Run("f = io.popen('sleep 0.2; cat > " + (m_folder / "written") + "; echo end >> " + (m_folder / "written")
-                  + "', 'w') f:write('last words\\n')"),
+    EXPECT_EQ(Run("f = io.popen('sleep 0.05; cat > " + (m_folder / "written") + "; echo end >> "
+                  + (m_folder / "written") + "', 'w') f:write('last words\\n')"),
               "");
     EndHelpers();
     EXPECT_EQ(::Test::ReadFile(m_folder / "written"), "last words\nend\n");

@@ -81,11 +81,12 @@ TEST(HelperOfAThread, EndsWhenTheThreadIsAskedToEnd)
 {
     const ::Test::TempFolder folder;
     long elapsedMs = 0;
-    const ProgramResult result = RunAndStop(folder, "echo early; touch " + (folder / "runs") + "; sleep 60", elapsedMs);
-    EXPECT_LT(elapsedMs, 1900);
+    const ProgramResult result = RunAndStop(
+        folder, "trap 'echo told; exit' TERM; echo early; touch " + (folder / "runs") + "; sleep 60 & wait", elapsedMs);
+    EXPECT_LT(elapsedMs, 8000);
     EXPECT_FALSE(result.ran);
     EXPECT_EQ(result.error, "Program '/bin/sh' was ended, because its thread is asked to end");
-    EXPECT_EQ(result.output, "early\n");
+    EXPECT_EQ(result.output, "early\ntold\n");
 }
 
 TEST(HelperOfAThread, EndsAlsoWhenItIgnoresTheFirstWord)
