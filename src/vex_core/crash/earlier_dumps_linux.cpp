@@ -64,7 +64,9 @@ long long TimeIn(const char* name)
     long long time = 0;
     for (; *digit >= '0' && *digit <= '9' && digit - first < maxDigits; ++digit)
         time = time * 10 + (*digit - '0');
-    return digit != first && std::strcmp(digit, suffix) == 0 ? time : -1;
+    // With a leading zero it would not be the name that we make of the number.
+    const bool isOurs = digit != first && (*first != '0' || digit == first + 1);
+    return isOurs && std::strcmp(digit, suffix) == 0 ? time : -1;
 }
 
 struct KeptDumps
