@@ -208,7 +208,7 @@ def test_lock_files_are_opened_once_and_never_closed(tree):
 @PARENT_DIES_ONCE
 def test_a_stop_before_the_child_has_its_lock_waits_for_it_and_leaves_no_child_that_runs_later(tree):
     tree.app("probe", LIFE)
-    tracer, supervisor = start_traced(tree, "-e", "inject=fcntl:delay_enter=1500000:when=1")
+    tracer, supervisor = start_traced(tree, "-e", "inject=fcntl:delay_enter=4000000:when=1")
     child = wait_until(lambda: children(supervisor), what="child")[0]
     send_signal(supervisor, signal.SIGTERM)
     # The child's first look for its lock takes its time, and nobody can come in between.

@@ -65,8 +65,9 @@ bool SaysThatItCannotWatch(const ::Test::LogCatcher& log, const std::string& why
 
 TEST(ParentPipe, EndOfTheSupervisorIsASigtermForItsChild)
 {
-    int told[2];
+    int told[2], follows[2];
     ASSERT_EQ(::pipe(told), 0);
+    ASSERT_EQ(::pipe(follows), 0);
     const pid_t supervisor = ::fork();
     if (supervisor == 0) {
         PrepareToBeFollowed();
@@ -75,15 +76,16 @@ TEST(ParentPipe, EndOfTheSupervisorIsASigtermForItsChild)
         if (::fork() != 0) {
             ::close(told[0]);
             ::close(told[1]);
-            const timespec moment = {0, 50000000};
-            ::nanosleep(&moment, nullptr);
-            ::_exit(0);
+            char word = 0;
+            ::_exit(::read(follows[0], &word, 1) == 1 ? 0 : 1);
         }
         sigset_t term;
         sigemptyset(&term);
         sigaddset(&term, SIGTERM);
         ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
         char answer = FollowParent(self) ? 'n' : 'g';
+        if (::write(follows[1], "", 1) != 1)
+            answer = 'w';
         const timespec limit = {10, 0};
         if (answer == 'n' && ::sigtimedwait(&term, nullptr, &limit) == SIGTERM)
             answer = 'y';
@@ -94,7 +96,8 @@ TEST(ParentPipe, EndOfTheSupervisorIsASigtermForItsChild)
     char answer = 0;
     EXPECT_EQ(::read(told[0], &answer, 1), 1);
     EXPECT_EQ(answer, 'y');
-    ::close(told[0]);
+    for (const int end : {told[0], follows[0], follows[1]})
+        ::close(end);
     ::waitpid(supervisor, nullptr, 0);
 }
 

@@ -155,9 +155,9 @@ TEST_F(LuaWorker, StopEndsTheProgramThatTheWorkerWaitsFor)
         Module("job" + std::to_string(&body - bodies),
                "local BEGIN = 'touch " + (m_folder / "begun") + "; '\nreturn {run = function() " + body + " end}");
         Run("w = dom0:StartThread('job" + std::to_string(&body - bodies) + "')");
-        while (!std::filesystem::exists(m_folder / "begun"))
+        for (int i = 0; i < 5000 && !std::filesystem::exists(m_folder / "begun"); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        EXPECT_EQ(Run("w:Stop() return w:Join(1.9)"), "true 5") << body;
+        EXPECT_EQ(Run("w:Stop() return w:Join(10)"), "true 5") << body;
     }
 }
 

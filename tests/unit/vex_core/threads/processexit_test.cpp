@@ -135,12 +135,17 @@ TEST_F(ProcessEnd, NoDestructorRunsUnderAnotherThreadOfOurs)
         ::testing::ExitedWithCode(7), "^$");
 }
 
+std::atomic<bool> g_hasStream{false};
+
 // Blocks in a stream of C's library, with the stream's lock.
 void ReadForEver()
 {
     int ends[2];
-    if (::pipe(ends) == 0)
-        std::fgetc(::fdopen(ends[0], "r"));
+    if (::pipe(ends) != 0)
+        return;
+    std::FILE* const stream = ::fdopen(ends[0], "r");
+    g_hasStream = true;
+    std::fgetc(stream);
 }
 
 TEST_F(ProcessEnd, ExitOfALuaScriptBesideOtherThreadsDoesWhatExitDoes)
@@ -151,6 +156,8 @@ TEST_F(ProcessEnd, ExitOfALuaScriptBesideOtherThreadsDoesWhatExitDoes)
         Launch(&ReadForEver, true);
         Launch(
             [&] {
+                while (!g_hasStream)
+                    std::this_thread::yield();
                 std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the other is blocked by then
                 CLuaInterpreter lua(false, L"exit", true);
                 TellAtExit(); // as a native module may
