@@ -364,9 +364,10 @@ bool DiskLog::Rotate()
 {
     if (std::time(nullptr) < m_rotateNotBefore)
         return false;
-    const os::Descriptor lock = os::GuardedPlace(m_path + ".lock").OpenFile(O_RDWR | O_CREAT);
+    os::GuardedPlace place(m_path + ".lock");
+    const os::Descriptor lock = place.OpenFile(O_RDWR | O_CREAT);
     if (!lock) {
-        RotationFailed(os::LastError());
+        RotationFailed(place.Breach().empty() ? NumberAndText(os::LastError()) : place.Breach());
         return false;
     }
     if (os::TryLock(lock.Get()) != 0)
@@ -387,13 +388,13 @@ bool DiskLog::ShiftFiles()
     while (gap < keep && os::Stat(RotatedName(gap).c_str(), status) == 0)
         ++gap;
     if (gap < keep && os::LastError() != ENOENT) {
-        RotationFailed(os::LastError()); // not a gap: a file may be there, and must not be renamed over
+        RotationFailed(NumberAndText(os::LastError())); // not a gap: a file may be there, and must not be renamed over
         return false;
     }
     for (int number = gap; number > 0; --number) {
         const std::string from = number == 1 ? m_path : RotatedName(number - 1);
         if (os::Rename(from.c_str(), RotatedName(number).c_str()) != 0) {
-            RotationFailed(os::LastError());
+            RotationFailed(NumberAndText(os::LastError()));
             return false;
         }
     }
@@ -403,10 +404,10 @@ bool DiskLog::ShiftFiles()
     return true;
 }
 
-void DiskLog::RotationFailed(int error)
+void DiskLog::RotationFailed(const std::string& reason)
 {
     m_rotateNotBefore = std::time(nullptr) + retryRotationSeconds;
-    const std::string record = OwnRecord("The log file can't be rotated (" + NumberAndText(error) + "), it grows on");
+    const std::string record = OwnRecord("The log file can't be rotated (" + reason + "), it grows on");
     os::Write(m_file.Get(), record.data(), record.size());
 }
 

@@ -99,7 +99,7 @@ private:
     bool Open();
     bool Rotate();
     bool ShiftFiles();
-    void RotationFailed(int error);
+    void RotationFailed(const std::string& reason);
     std::string RotatedName(int number) const;
     void Hold(const std::string& record, bool shown);
     void Fail(const std::string& reason);

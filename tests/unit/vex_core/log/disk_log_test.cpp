@@ -418,8 +418,14 @@ TEST(DiskLog, RotationLockThatSomebodyElseHadAHandInIsNotTouched)
     log.SetSettings(Small(4, 2));
     log.Write("one\n", false);
     log.Write("two\n", false);
-    EXPECT_THAT(LinesOf(ReadFile(folder / "x.log")),
-                testing::ElementsAre("one", HasSubstr("The log file can't be rotated (error 1: "), "two"));
+    EXPECT_THAT(
+        LinesOf(ReadFile(folder / "x.log")),
+        testing::ElementsAre("one",
+                             HasSubstr("The log file can't be rotated ('"
+                                       + folder
+                                             / "x.log.lock' is not used, because it has 2 names (hard links): put a "
+                                               "copy in its place, or remove it), it grows on"),
+                             "two"));
 }
 
 TEST(DiskLog, PlaceThatIsNoRegularFileIsRefusedWithoutHanging)
