@@ -32,7 +32,8 @@ int LStatAt(int folder, const char* name, struct stat& result);
 bool MayExecute(const char* path);
 /// Keeps the last error. Tests do not see it.
 bool IsTerminal(int descriptor);
-/// Whether what is written there is nowhere: /dev/null. Keeps the last error. Tests do not see it.
+/// Whether what is written there is nowhere: /dev/null, or the folder that a background process has in its place where
+/// there is none. Keeps the last error. Tests do not see it.
 bool IsNullDevice(int descriptor);
 
 // --- reading and writing

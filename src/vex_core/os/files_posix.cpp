@@ -96,8 +96,11 @@ bool IsNullDevice(int descriptor)
 {
     const KeepError keep;
     struct stat open, null;
-    return ::fstat(descriptor, &open) == 0 && S_ISCHR(open.st_mode) && ::stat("/dev/null", &null) == 0
-           && open.st_rdev == null.st_rdev && S_ISCHR(null.st_mode);
+    if (::fstat(descriptor, &open) != 0)
+        return false;
+    return S_ISDIR(open.st_mode)
+           || (S_ISCHR(open.st_mode) && ::stat("/dev/null", &null) == 0 && open.st_rdev == null.st_rdev
+               && S_ISCHR(null.st_mode));
 }
 
 // --- reading and writing

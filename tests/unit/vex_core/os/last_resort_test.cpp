@@ -55,6 +55,13 @@ TEST_F(LastResort, IsTheSystemsLogLineByLineWhereStandardErrorIsTheNullDevice)
     EXPECT_EQ(os::LastError(), ENOSPC);
 }
 
+TEST_F(LastResort, IsTheSystemsLogWhereAFolderStandsForTheNullDevice)
+{
+    const os::Descriptor root(os::Open("/", O_RDONLY));
+    os::WriteLastResort(root.Get(), os::severityError, {"one\n"});
+    EXPECT_THAT(m_sent, ElementsAre("one"));
+}
+
 TEST_F(LastResort, IsNoSystemLogForAnotherDevice)
 {
     const os::Descriptor zero(os::Open("/dev/zero", O_WRONLY));
