@@ -121,7 +121,10 @@ bool GuardedPlace::Judge(const std::string& path, const struct stat& status, boo
     if (MayOthersWrite(status) && !(passing && (status.st_mode & S_ISVTX) != 0)) {
         char mode[16];
         std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
-        return Break(is + "others may write it (mode " + mode + "): take that right from them with chmod go-w");
+        // A sticky folder is everybody's on purpose, /tmp for one.
+        const bool isShared = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
+        return Break(is + "others may write it (mode " + mode + "): "
+                     + (isShared ? "use a folder of its own instead" : "take that right from them with chmod go-w"));
     }
     if (!S_ISDIR(status.st_mode) && status.st_nlink > 1)
         return Break(is + "it has " + std::to_string(status.st_nlink)

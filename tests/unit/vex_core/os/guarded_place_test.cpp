@@ -144,7 +144,8 @@ TEST_F(GuardedPlace, WhatOthersMayWriteIsNotUsed)
     ::chmod((m_top + "/a/b/file").c_str(), 0644);
     EXPECT_EQ(Open(), "") << "they may read";
     ::chmod((m_top + "/a/b").c_str(), 01777);
-    EXPECT_EQ(Open(), says("/a/b", "1777")) << "they may make a name in it first";
+    EXPECT_EQ(Open(), NotUsed("/a/b", "others may write it (mode 1777): use a folder of its own instead"))
+        << "they may make a name in it first";
     ::chmod((m_top + "/a/b").c_str(), 0700);
     ::chmod((m_top + "/a").c_str(), 01777);
     EXPECT_EQ(Open(), "") << "they cannot take the name in it away";
