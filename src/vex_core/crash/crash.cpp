@@ -318,7 +318,7 @@ bool InitCrashHandler(const wxString& dumpFile, const wxString& application, boo
     CopyText(g_applicationName, sizeof g_applicationName, name);
     const std::string log = LogFilePath();
     os::GuardedPlace place(log);
-    place.OpenFile(O_RDONLY);
+    place.OpenAndMendFile(O_RDONLY);
     if (!place.Breach().empty() || !CopyText(g_logPath, sizeof g_logPath, log))
         g_logPath[0] = '\0';
     g_dumpRefused = IsRefused(path, log.substr(0, log.rfind('/')));

@@ -328,7 +328,7 @@ bool DiskLog::MakeReady(std::size_t size)
 bool DiskLog::Open()
 {
     os::GuardedPlace place(m_path);
-    os::Descriptor opened = place.OpenFile(O_RDWR | O_APPEND | O_CREAT);
+    os::Descriptor opened = place.OpenAndMendFile(O_RDWR | O_APPEND | O_CREAT);
     struct stat status = {};
     int error = !opened || os::FStat(opened.Get(), status) != 0 ? os::LastError() : 0;
     // A starter's umask may have taken our own rights from the new file, and without them it could not be opened again;

@@ -59,6 +59,8 @@ int FTruncate(int descriptor, off_t size);
 int FChmod(int descriptor, mode_t mode);
 /// Of the name itself: fails for a symbolic link.
 int ChmodAt(int folder, const char* name, mode_t mode);
+/// Of what the name leads to, which is not opened: the locks that this process has on it are kept.
+int ChmodTargetAt(int folder, const char* name, mode_t mode);
 int Rename(const char* from, const char* to);
 int RenameAt(int folder, const char* name, int newFolder, const char* newName);
 /// Gives a file a second name; fails when there is one of that name.

@@ -190,6 +190,11 @@ int ChmodAt(int folder, const char* name, mode_t mode)
     return opened ? FChmod(opened.Get(), mode) : -1;
 }
 
+int ChmodTargetAt(int folder, const char* name, mode_t mode)
+{
+    return Observed(OfDescriptor("fchmodat", folder, name), [&] { return ::fchmodat(folder, name, mode, 0); });
+}
+
 int Rename(const char* from, const char* to)
 {
     return Observed(OfPath("rename", from, to), [&] { return std::rename(from, to); });

@@ -33,9 +33,13 @@ public:
     Descriptor OpenFolder(bool make);
     /// Opens the place, a file; `flags` as for open, without O_TRUNC. A new one gets mode 0600.
     Descriptor OpenFile(int flags);
+    /// The same for a file whose content is not obeyed, a log: when it is ours and has a single name, the others'
+    /// rights are taken from it first.
+    Descriptor OpenAndMendFile(int flags);
     /// For a library that opens the place by its name: sees to it that the file is there and that it, and those of its
     /// `companions` that are there (named like it with something behind), keep to the rule and are for their owner
-    /// alone. Opens none that is there: closing it would take away the locks that this process has on it.
+    /// alone; those of ours are mended as above. Opens none that is there: closing it would take away the locks that
+    /// this process has on it.
     bool SettleFile(std::initializer_list<const char*> companions);
 
     /// The place with no link on the whole way, after a function went well.
@@ -49,6 +53,7 @@ private:
     bool Walk(bool isFolder, bool make);
     bool EnterTop(bool make);
     bool Enter(Descriptor folder, const std::string& path);
+    Descriptor OpenRegular(int flags, bool mend);
     bool Judge(const std::string& path, const struct stat& status, bool passing);
     bool Break(const std::string& text);
 

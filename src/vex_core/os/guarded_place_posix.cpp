@@ -84,6 +84,12 @@ bool MayOthersWrite(const struct stat& status)
     return (status.st_mode & S_IWOTH) != 0 || ((status.st_mode & S_IWGRP) != 0 && status.st_gid != ::getegid());
 }
 
+// A regular file of ours that has rights for others.
+bool IsToBeMended(const struct stat& status)
+{
+    return status.st_uid == EffectiveUser() && status.st_nlink == 1 && (status.st_mode & 077) != 0;
+}
+
 } // namespace
 
 GuardedPlace::GuardedPlace(const std::string& top, std::string below)
@@ -216,6 +222,16 @@ Descriptor GuardedPlace::OpenFolder(bool make)
 
 Descriptor GuardedPlace::OpenFile(int flags)
 {
+    return OpenRegular(flags, false);
+}
+
+Descriptor GuardedPlace::OpenAndMendFile(int flags)
+{
+    return OpenRegular(flags, true);
+}
+
+Descriptor GuardedPlace::OpenRegular(int flags, bool mend)
+{
     if (!Walk(false, false))
         return Descriptor();
     Descriptor file(OpenAt(m_folder.Get(), m_name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
@@ -226,6 +242,8 @@ Descriptor GuardedPlace::OpenFile(int flags)
         SetLastError(EINVAL);
         return Descriptor();
     }
+    if (mend && IsToBeMended(status) && FChmod(file.Get(), status.st_mode & 0700) == 0)
+        status.st_mode &= ~mode_t(077);
     return Judge(m_path + '/' + m_name, status, false) ? std::move(file) : Descriptor();
 }
 
@@ -244,11 +262,12 @@ bool GuardedPlace::SettleFile(std::initializer_list<const char*> companions)
             constexpr int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW;
             return !make || Descriptor(OpenAt(m_folder.Get(), name.c_str(), flags, 0600)) || LastError() == EEXIST;
         }
-        if (!Judge(m_path + '/' + name, status, false))
-            return false;
-        if (S_ISREG(status.st_mode) && status.st_uid == EffectiveUser() && (status.st_mode & 077) != 0)
-            static_cast<void>(ChmodAt(m_folder.Get(), name.c_str(), status.st_mode & 0700));
-        return true;
+        const std::string path = m_path + '/' + name;
+        if (!S_ISREG(status.st_mode))
+            return Break('\'' + path + "' is not used, because it is no regular file: remove it");
+        if (IsToBeMended(status) && ChmodTargetAt(m_folder.Get(), name.c_str(), status.st_mode & 0700) == 0)
+            status.st_mode &= ~mode_t(077);
+        return Judge(path, status, false);
     };
     if (!settle(m_name, true))
         return false;

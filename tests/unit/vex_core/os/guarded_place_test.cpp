@@ -165,6 +165,29 @@ TEST_F(GuardedPlace, FileWithASecondNameIsNotUsed)
     EXPECT_EQ(Open(), "");
 }
 
+TEST_F(GuardedPlace, OwnFileIsMendedWhereItIsAskedFor)
+{
+    const std::string path = m_top + "/a/b/file";
+    for (const mode_t mode : {0666, 0664, 0602, 0644}) {
+        ::chmod(path.c_str(), mode);
+        os::GuardedPlace place(m_top, "a/b/file");
+        EXPECT_TRUE(place.OpenAndMendFile(O_RDWR)) << place.Reason();
+        EXPECT_EQ(ModeOf(path), mode_t(0600));
+    }
+    ::chmod(path.c_str(), 0666);
+    fs::create_hard_link(path, m_folder / "elsewhere");
+    os::GuardedPlace place(m_top, "a/b/file");
+    EXPECT_FALSE(place.OpenAndMendFile(O_RDWR)) << "the other name may be somebody's";
+    EXPECT_FALSE(place.SettleFile({}));
+    EXPECT_EQ(ModeOf(path), mode_t(0666));
+    fs::remove(m_folder / "elsewhere");
+    GIVE_AWAY(path);
+    EXPECT_FALSE(place.OpenAndMendFile(O_RDWR));
+    EXPECT_FALSE(place.SettleFile({}));
+    EXPECT_EQ(place.Breach(), NotUsed("/a/b/file", m_owner));
+    EXPECT_EQ(ModeOf(path), mode_t(0666));
+}
+
 // --- links
 
 TEST_F(GuardedPlace, LinksOfOursAreFollowed)
@@ -261,15 +284,33 @@ TEST_F(GuardedPlace, FileForALibraryIsMadeAndItsCompanionsAreForTheOwnerAlone)
     WriteFile(m_top + "/a/b/x.db-journal", "");
     WriteFile(m_top + "/a/b/x.db-other", "");
     for (const char* name : {"x.db", "x.db-journal", "x.db-other"})
-        ::chmod((m_top + "/a/b/" + name).c_str(), 0644);
+        ::chmod((m_top + "/a/b/" + name).c_str(), 0666);
     ASSERT_TRUE(place.SettleFile({"-journal"})) << place.Reason();
     EXPECT_EQ(ModeOf(m_top + "/a/b/x.db"), mode_t(0600));
     EXPECT_EQ(ModeOf(m_top + "/a/b/x.db-journal"), mode_t(0600));
-    EXPECT_EQ(ModeOf(m_top + "/a/b/x.db-other"), mode_t(0644));
+    EXPECT_EQ(ModeOf(m_top + "/a/b/x.db-other"), mode_t(0666));
     fs::create_hard_link(m_top + "/a/b/x.db-journal", m_top + "/second");
     EXPECT_FALSE(place.SettleFile({"-journal"}));
     EXPECT_EQ(place.Breach(),
               NotUsed("/a/b/x.db-journal", "it has 2 names (hard links): put a copy in its place, or remove it"));
+}
+
+TEST_F(GuardedPlace, CompanionThatIsNoRegularFileIsNotUsed)
+{
+    const std::string path = m_top + "/a/b/x.db-wal";
+    os::GuardedPlace place(m_top, "a/b/x.db");
+    WriteFile(m_top + "/victim", "kept");
+    ::chmod((m_top + "/victim").c_str(), 0644);
+    fs::create_symlink(m_top + "/victim", path);
+    for (const bool isLink : {true, false}) {
+        if (!isLink)
+            fs::create_directory(path);
+        EXPECT_FALSE(place.SettleFile({"-journal", "-wal"}));
+        EXPECT_EQ(place.Breach(), NotUsed("/a/b/x.db-wal", "it is no regular file: remove it"));
+        fs::remove(path);
+    }
+    EXPECT_EQ(ModeOf(m_top + "/victim"), mode_t(0644));
+    EXPECT_TRUE(place.SettleFile({"-journal", "-wal"}));
 }
 
 TEST_F(GuardedPlace, LocksOnAFileForALibraryAreKept)
@@ -278,7 +319,12 @@ TEST_F(GuardedPlace, LocksOnAFileForALibraryAreKept)
     ASSERT_EQ(os::TryLock(file.Get()), 0);
     ::chmod((m_top + "/a/b/file").c_str(), 0644);
     os::GuardedPlace place(m_top, "a/b/file");
+    {
+        const CallWatch notSupported([](const os::Call& call) { return call.name == "fchmodat"sv ? EOPNOTSUPP : 0; });
+        ASSERT_TRUE(place.SettleFile({}));
+    }
     ASSERT_TRUE(place.SettleFile({}));
+    EXPECT_EQ(ModeOf(m_top + "/a/b/file"), mode_t(0600));
     const ::Test::ChildResult result = ::Test::RunChild(
         [this] {
             const os::Descriptor other(os::Open((m_top + "/a/b/file").c_str(), O_RDWR));
