@@ -8,6 +8,10 @@
 #include "vex_core/os/host_facts.h"
 #include "vex_core/os/process_info.h"
 
+#include <chrono>
+#include <mutex>
+#include <thread>
+
 #include <fcntl.h>
 
 #include <openssl/rand.h>
@@ -19,6 +23,9 @@ namespace {
 constexpr std::size_t idBytes = 16;
 constexpr std::size_t idDigits = 2 * idBytes;
 
+constexpr int looksAtBreach = 5;
+constexpr auto betweenLooks = std::chrono::milliseconds(2);
+
 std::string HashOf(const std::string& agent, const std::string& machine)
 {
     const std::string text = "host of " + agent + '\n' + machine;
@@ -28,9 +35,14 @@ std::string HashOf(const std::string& agent, const std::string& machine)
 }
 
 // Empty when there is no such file, or not an id in it.
-std::string KeptIn(const std::string& path)
+std::string KeptIn(os::GuardedPlace& place)
 {
-    const os::Descriptor file(os::Open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    os::Descriptor file = place.OpenFile(O_RDONLY);
+    // Another process that makes one has it under two names for a moment.
+    for (int look = 0; !file && !place.Breach().empty() && look < looksAtBreach; ++look) {
+        std::this_thread::sleep_for(betweenLooks);
+        file = place.OpenFile(O_RDONLY);
+    }
     std::string id(idDigits, '\0');
     if (!file || os::PReadFull(file.Get(), id.data(), idDigits, 0) != static_cast<ssize_t>(idDigits))
         return std::string();
@@ -41,7 +53,7 @@ std::string KeptIn(const std::string& path)
 // Written under a name of this process's own and linked to the one that counts, which is there whole or not at all. Of
 // two processes that make one at the same time the second link fails, and both go by the first. What is there and is no
 // id is replaced.
-void Keep(const std::string& path, const std::string& id)
+void Keep(os::GuardedPlace& place, const std::string& path, const std::string& id)
 {
     const std::string temporary = path + '.' + std::to_string(os::ProcessId());
     os::Unlink(temporary.c_str());
@@ -50,7 +62,7 @@ void Keep(const std::string& path, const std::string& id)
         return;
     const std::string line = id + '\n';
     if (os::WriteAll(file.Get(), line.data(), line.size()) && os::FSync(file.Get()) == 0
-        && os::Link(temporary.c_str(), path.c_str()) != 0 && KeptIn(path).empty())
+        && os::Link(temporary.c_str(), path.c_str()) != 0 && KeptIn(place).empty() && place.Breach().empty())
         os::Rename(temporary.c_str(), path.c_str());
     os::Unlink(temporary.c_str());
 }
@@ -65,17 +77,17 @@ std::string HostId(const CDom& dom)
     if (work.empty())
         return std::string();
     const std::string path = ToSystemBytes(work + "/host.id");
-    os::GuardedPlace folder(ToSystemBytes(work), "");
-    folder.OpenFolder(false);
-    WarnOfBreach(folder);
-    if (!folder.Breach().empty())
-        return std::string();
-    std::string id = KeptIn(path);
+    os::GuardedPlace place(ToSystemBytes(work), "host.id");
+    static std::mutex s_lock; // threads of a process would write under the same name
+    const std::lock_guard lock(s_lock);
+    std::string id = KeptIn(place);
     unsigned char chance[idBytes];
-    if (!id.empty() || RAND_bytes(chance, idBytes) != 1)
-        return id;
-    Keep(path, Hex(chance, idBytes));
-    return KeptIn(path);
+    if (id.empty() && place.Breach().empty() && RAND_bytes(chance, idBytes) == 1) {
+        Keep(place, path, Hex(chance, idBytes));
+        id = KeptIn(place);
+    }
+    WarnOfBreach(place);
+    return id;
 }
 
 } // namespace VexCore

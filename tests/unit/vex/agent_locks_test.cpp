@@ -4,8 +4,10 @@
 #include "vex/apps/vex/os/process.h"
 
 #include "support/forked_process.h"
+#include "support/other_user.h"
 #include "support/temp_folder.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 
@@ -253,6 +255,23 @@ TEST_F(AgentLocks, WhatIsNoPlainFileCannotBeLocked)
     pid_t holder = 0;
     EXPECT_EQ(System().TakeInstanceLock(nullptr, holder), LockResult::Unavailable);
     EXPECT_FALSE(std::filesystem::exists(m_folder / "elsewhere"));
+}
+
+TEST_F(AgentLocks, WhatSomebodyElseHadAHandInIsNotLocked)
+{
+    const auto refuses = [this] { return Take(m_path) == LockResult::Unavailable && errno == EPERM; };
+    ASSERT_EQ(TakeElsewhere(m_path), LockResult::Taken);
+    for (const mode_t mode : {0620, 0602}) {
+        ::chmod(m_path.c_str(), mode);
+        EXPECT_TRUE(refuses()) << mode;
+    }
+    ::chmod(m_path.c_str(), 0600);
+    std::filesystem::create_hard_link(m_path, m_folder / "elsewhere");
+    EXPECT_TRUE(refuses()) << "a second name";
+    std::filesystem::remove(m_folder / "elsewhere");
+    EXPECT_EQ(TakeElsewhere(m_path), LockResult::Taken);
+    GIVE_AWAY(m_path);
+    EXPECT_TRUE(refuses()) << "another owner";
 }
 
 // --- the worker lock

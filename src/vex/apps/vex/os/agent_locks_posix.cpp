@@ -63,6 +63,14 @@ int AboveTheStandardStreams(int descriptor)
     return moved;
 }
 
+// Who else can open the file can keep us from starting, or let a second agent start. With another name it is somebody's
+// file, whose own locks would be taken away.
+bool IsOfNobodyElse(const struct stat& info)
+{
+    return (info.st_uid == 0 || info.st_uid == ::geteuid()) && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0
+           && info.st_nlink == 1;
+}
+
 int OpenLockFile(const char* path)
 {
     if (!path) { // a name that the character set cannot hold
@@ -75,12 +83,12 @@ int OpenLockFile(const char* path)
     if (descriptor < 0)
         return -1;
     struct stat info;
-    if (::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode)) {
-        ::close(descriptor);
-        SetLastError(EINVAL);
-        return -1;
-    }
-    return descriptor;
+    const bool isFile = ::fstat(descriptor, &info) == 0 && S_ISREG(info.st_mode);
+    if (isFile && IsOfNobodyElse(info))
+        return descriptor;
+    ::close(descriptor);
+    SetLastError(isFile ? EPERM : EINVAL);
+    return -1;
 }
 
 } // namespace
