@@ -5,7 +5,9 @@
 #include "vex_core/base/ascii.h"
 #include "vex_core/base/text.h"
 #include "vex_core/domain/root_dom.h"
+#include "vex_core/os/folders.h"
 
+#include <algorithm>
 #include <mutex>
 #include <set>
 #include <string_view>
@@ -29,15 +31,37 @@ bool IsPlainName(const std::string& name)
            && name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
 }
 
+// The path from the root, without steps that lead nowhere, and without a slash at its end. No link is looked at.
+std::string PathFromRoot(const std::string& path)
+{
+    std::string start;
+    if (path[0] != '/' && !os::CurrentFolder(start))
+        return path;
+    const std::string whole = start + '/' + path;
+    std::string result;
+    for (std::size_t begin = 0; begin < whole.size();) {
+        const std::size_t end = std::min(whole.find('/', begin), whole.size());
+        const std::string step = whole.substr(begin, end - begin);
+        if (!step.empty() && step != ".")
+            result += '/' + step;
+        begin = end + 1;
+    }
+    return result;
+}
+
 } // namespace
 
 std::optional<os::GuardedPlace> PlaceInWorkFolder(const std::string& path)
 {
     const RootDom root;
-    const std::string start = root ? root->Get("app.path.work") + '/' : std::string();
-    if (start.size() < 2 || !StartsWith(path, start))
+    const std::string work = root ? root->Get("app.path.work") : std::string();
+    if (work.empty() || path.empty())
         return std::nullopt;
-    return os::GuardedPlace(start, path.substr(start.size()));
+    const std::string start = PathFromRoot(work) + '/';
+    const std::string whole = PathFromRoot(path);
+    if (!StartsWith(whole, start))
+        return std::nullopt;
+    return os::GuardedPlace(start, whole.substr(start.size()));
 }
 
 bool MakePluginWorkdir(const CDom& dom, const std::string& plugin, std::string& path, std::string& breach)

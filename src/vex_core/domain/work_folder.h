@@ -9,7 +9,7 @@
 
 namespace VexCore {
 
-/// The place of a path of the process below its work folder; nothing for one elsewhere.
+/// The place of a path of the process below its work folder, however it is spelled; nothing for one elsewhere.
 std::optional<os::GuardedPlace> PlaceInWorkFolder(const std::string& path);
 
 /// Makes a plugin's folder, as `CDom::GetPluginWorkdir` does, and tells its path. False, with the reason, when it may
