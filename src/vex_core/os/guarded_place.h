@@ -11,6 +11,9 @@
 
 namespace VexCore::os {
 
+/// Whether others than the owner and our own group may write there. The sticky bit counts for nothing.
+bool MayOthersWrite(const struct stat& status);
+
 /// A file or folder, and the way to it from a folder at the top. How the top itself is reached is the operator's
 /// choice. From there on each step is taken by descriptor:
 ///

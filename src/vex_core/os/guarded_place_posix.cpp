@@ -79,11 +79,6 @@ bool IsOwnedByUsOrRoot(const struct stat& status)
     return status.st_uid == 0 || status.st_uid == EffectiveUser();
 }
 
-bool MayOthersWrite(const struct stat& status)
-{
-    return (status.st_mode & S_IWOTH) != 0 || ((status.st_mode & S_IWGRP) != 0 && status.st_gid != ::getegid());
-}
-
 // A regular file of ours that has rights for others.
 bool IsToBeMended(const struct stat& status)
 {
@@ -91,6 +86,11 @@ bool IsToBeMended(const struct stat& status)
 }
 
 } // namespace
+
+bool MayOthersWrite(const struct stat& status)
+{
+    return (status.st_mode & S_IWOTH) != 0 || ((status.st_mode & S_IWGRP) != 0 && status.st_gid != ::getegid());
+}
 
 GuardedPlace::GuardedPlace(const std::string& top, std::string below)
     : m_top(WithoutSlash(top)), m_below(std::move(below))

@@ -5,6 +5,7 @@
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"
+#include "vex_core/os/guarded_place.h"
 #include "vex_core/os/process_info.h"
 #include "vex_core/zip/zip_names.h"
 
@@ -84,7 +85,7 @@ UnzipFolders::UnzipFolders(const std::string& root) : m_root(root)
 bool UnzipFolders::OthersMayWrite(const struct stat& status, std::string_view path)
 {
     const bool isOurs = status.st_uid == 0 || status.st_uid == os::EffectiveUser();
-    const bool isShared = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0;
+    const bool isShared = os::MayOthersWrite(status) && (status.st_mode & S_ISVTX) == 0;
     if (isOurs && !isShared)
         return false;
     static std::atomic<bool> s_told{false}; // one line a start

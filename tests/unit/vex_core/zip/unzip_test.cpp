@@ -12,6 +12,7 @@
 #include "support/dom_ptr.h"
 #include "support/log_catcher.h"
 #include "support/odd_archives.h"
+#include "support/other_user.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
 
@@ -432,7 +433,7 @@ TEST_F(Unzipping, FolderThatOthersCanWriteIsTakenAndToldOnceAStart)
         const char* folder;
         fs::perms mode;
         bool told;
-    } const rows[] = {{"", fs::perms(0777), true},   {"", fs::perms(0775), true},   {"lib", fs::perms(0757), true},
+    } const rows[] = {{"", fs::perms(0777), true},   {"", fs::perms(0775), false},  {"lib", fs::perms(0757), true},
                       {"..", fs::perms(0777), true}, {"", fs::perms(01777), false}, {"lib", fs::perms(0755), false}};
     WriteFile(m_archive, PlainPackage().Build());
     ASSERT_TRUE(Run());
@@ -454,6 +455,19 @@ TEST_F(Unzipping, FolderThatOthersCanWriteIsTakenAndToldOnceAStart)
         EXPECT_TRUE(RunChild(warnings, true).Exited(row.told ? 1 : 0)) << folder << ' ' << static_cast<int>(row.mode);
         fs::permissions(folder, before);
     }
+}
+
+TEST_F(Unzipping, FolderThatAnotherGroupCanWriteIsTold)
+{
+    WriteFile(m_archive, PlainPackage().Build());
+    ASSERT_TRUE(Run());
+    fs::permissions(m_root, fs::perms(0775));
+    if (::chown(m_root.c_str(), static_cast<uid_t>(-1), ::Test::otherUser) != 0)
+        GTEST_SKIP() << "NO SECOND GROUP here";
+    const auto tells = [this] {
+        return Run() && m_log->Text().find("Others than root and this user can write in") != std::string::npos ? 0 : 1;
+    };
+    EXPECT_TRUE(RunChild(tells, true).Exited(0));
 }
 
 TEST_F(Unzipping, DestinationLeadsToTheFileInEveryCharacterSetOfTheSystem)
