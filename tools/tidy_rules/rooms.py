@@ -15,7 +15,7 @@ ARROWS = {
     "domain": "os base",
     "log": "os base domain",
     "crash": "os base log",
-    "process": "os base log",
+    "process": "os base domain log",
     "threads": "os base log crash",
     "zip": "os base domain",
     "database": "os",

@@ -1,6 +1,7 @@
 #include "vex/core/files.h"
 
 #include "vex_core/base/text.h"
+#include "vex_core/domain/work_folder.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"
@@ -99,7 +100,7 @@ bool MayBelieveFile(const wxString& path)
     place.OpenFile(O_RDONLY);
     if (place.Breach().empty())
         return true;
-    wxLogWarning(wxS("%s"), FromForeignBytes(place.Breach()));
+    WarnOfBreach(place);
     return false;
 }
 
