@@ -134,7 +134,11 @@ class Machine:
         return self.systemctl("show", "-P", name, "vx_agent").stdout.strip()
 
     def state(self):
-        return self.property("ActiveState"), self.property("SubState"), self.property("Result")
+        """Of one moment, so asked for in one go."""
+        names = ("ActiveState", "SubState", "Result")
+        shown = self.systemctl("show", "-p", ",".join(names), "vx_agent").stdout
+        found = dict(line.split("=", 1) for line in shown.splitlines() if "=" in line)
+        return tuple(found.get(name, "") for name in names)
 
     def life(self):
         try:
