@@ -88,17 +88,31 @@ function M.call(entry, method, dom)
   return false, tostring(result)
 end
 
--- The JSON text of values. A number that is none is null and one warning, so that it does not take the others along.
+local most_told = 10
+
+-- The JSON text of values. A number that is none is null and one warning, so that it does not take the others along; of
+-- the places beyond the first few a plugin has one warning in all, with their number then.
 local function encode(entry, values)
-  entry.told = entry.told or {}
-  return json.encode(values, nil, {
+  entry.told = entry.told or { known = {}, count = 0 }
+  local told, untold = entry.told, 0
+  local encoded, message = json.encode(values, nil, {
     empty_arrays = true,
     on_no_number = function(place)
-      if entry.told[place] then return end
-      entry.told[place] = true
+      if told.known[place] then return end
+      if told.count == most_told then
+        untold = untold + 1
+        return
+      end
+      told.known[place], told.count = true, told.count + 1
       log.warning("Plugin '%s': the value '%s' is no finite number, null is kept", entry.id, place)
     end,
   })
+  if untold > 0 and not told.all then
+    told.all = true
+    log.warning("Plugin '%s': %d more values are no finite numbers, null is kept; further ones are not told",
+      entry.id, untold)
+  end
+  return encoded, message
 end
 
 --- Collects from a plugin that has been started. What JSON cannot hold otherwise is a failure of this plugin, so that a

@@ -118,6 +118,17 @@ function M.TestCalls:test_a_number_that_is_none_is_null_and_one_warning_that_nam
     { "warning: Plugin 'x': the value 'deep[1].rate' is no finite number, null is kept" })
 end
 
+function M.TestCalls:test_of_many_numbers_that_are_none_the_first_ten_are_named_and_the_others_counted_once()
+  local list = {}
+  for index = 1, 10000 do list[index] = 0 / 0 end
+  local entry = { id = "x", plugin = { collect = function() return { list = list } end } }
+  for _ = 1, 2 do lu.assertEquals(#plugins.collect(entry, dom0).list, 10000) end
+  lu.assertEquals(#dom0.lines, 11)
+  lu.assertEquals(dom0.lines[10], "warning: Plugin 'x': the value 'list[10]' is no finite number, null is kept")
+  lu.assertEquals(dom0.lines[11],
+    "warning: Plugin 'x': 9990 more values are no finite numbers, null is kept; further ones are not told")
+end
+
 function M.TestCalls:test_an_empty_list_stays_a_list()
   local _, encoded = plugins.collect({ id = "x", plugin = { collect = function() return { list = {} } end } }, dom0)
   lu.assertEquals(encoded, '{"list":[]}')
