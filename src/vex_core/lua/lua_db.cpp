@@ -365,9 +365,8 @@ int Open(lua_State* L)
     const char* path = PlainTextArgument(L, 1);
     auto* self = new (lua_newuserdata(L, sizeof(Database))) Database;
     luaL_setmetatable(L, typeName);
-    std::optional<os::GuardedPlace> place;
-    if (std::strcmp(path, ":memory:") != 0) // SQLite's name for no file at all
-        place = PlaceInWorkFolder(path);
+    const bool isFile = std::strcmp(path, ":memory:") != 0; // SQLite's name for none
+    std::optional<os::GuardedPlace> place = isFile ? PlaceInWorkFolder(path) : std::optional<os::GuardedPlace>();
     if (!(place ? self->db.Open(*place, fullSynchronous) : self->db.Open(path, fullSynchronous)))
         return Failed(L, std::string(path) + ": " + self->db.Error());
     const std::lock_guard lock(g_openLock);

@@ -37,9 +37,9 @@ private:
 };
 
 /// A program that runs. It belongs to the thread that started it: when that is asked to end (base/wait.h), the program
-/// gets a SIGTERM with all of its group, and a SIGKILL two seconds later if somebody waits for it; one that reads from us
-/// is given the rest and the end of its input in place of the SIGTERM. When the process ends in order, the programs that
-/// still run, and what others have left in their groups, get a SIGTERM.
+/// gets a SIGTERM with all of its group, and a SIGKILL two seconds later if somebody waits for it; one that reads from
+/// us is given the rest and the end of its input in place of the SIGTERM. When the process ends in order, the programs
+/// that still run, and what others have left in their groups, get a SIGTERM.
 class HelperProgram
 {
 public:

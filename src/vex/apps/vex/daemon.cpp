@@ -11,9 +11,9 @@
 //
 // SIGTERM is blocked from before the first fork until pass_signal is in place, and around every later fork, so that a
 // stop meets either pass_signal or a child that keeps it pending until its run sequence takes it. A fork of a child is
-// over when the child has the worker lock, or has had ten seconds for it: a stop before that would give up the instance lock, and the next start find
-// nobody. The two starting processes pass one that is pending with them on to the next: who starts the agent knows the
-// first one's pid only, and may think better of it.
+// over when the child has the worker lock, or has had ten seconds for it: a stop before that would give up the instance
+// lock, and the next start find nobody. The two starting processes pass one that is pending with them on to the next:
+// who starts the agent knows the first one's pid only, and may think better of it.
 
 #include "vex/apps/vex/daemon.h"
 

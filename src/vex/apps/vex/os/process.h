@@ -47,8 +47,8 @@ public:
     /// little later than the end of what its parent did.
     virtual void WaitForAdoption(pid_t parent) = 0;
     /// A fork of the working child, which has the worker lock and gets a SIGTERM when this process ends. It comes back
-    /// when the child has the lock or is gone, after ten seconds at the latest. A child whose parent is gone already or has given up the instance lock
-    /// ends before it does anything.
+    /// when the child has the lock or is gone, after ten seconds at the latest. A child whose parent is gone already or
+    /// has given up the instance lock ends before it does anything.
     virtual pid_t ForkWorker() = 0;
     /// Becomes leader of a new session and group; the group's id, -1 on failure. SIGHUP is again what it was before
     /// `ResetSignals`.
