@@ -43,18 +43,23 @@ const char tableSql[] =
     "CREATE TABLE IF NOT EXISTS agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number "
     "INTEGER,"
     " severity INTEGER, text TEXT, xml TEXT);"
+    "CREATE INDEX IF NOT EXISTS agent_event_time ON agent_event(time_ms);"
     "CREATE TABLE IF NOT EXISTS agent_event_key(seq INTEGER PRIMARY KEY, key TEXT NOT NULL UNIQUE);";
 
 // Keys matter for events that some process still keeps; an old key is no longer one of those, unless the pending file
 // has events of any age.
 const char forgetKeysSql[] = "DELETE FROM agent_event_key WHERE seq < (SELECT max(seq) FROM agent_event_key) - 1000";
 
-// A look at the oldest few at a time, so that no event waits for others to go. The latest stays in any case: its id
-// must not be given again. ?1 is how many stay, ?2 the time before which they are too old.
+// A few at a time, so that no event waits for others to go; each kind is found by an index, whatever else is there. The
+// latest stays in any case: its id must not be given again. ?1 is how many stay, ?2 the time before which they are too
+// old. Without a time, or with one to come, an event is never too old and goes by its number.
 const char forgetOldestSql[] =
-    "DELETE FROM agent_event WHERE id IN (SELECT id FROM (SELECT id, time_ms FROM agent_event ORDER BY id LIMIT 20)"
-    " WHERE id <= (SELECT max(id) FROM agent_event) - ?1"
-    " OR (time_ms < ?2 AND id < (SELECT max(id) FROM agent_event)))";
+    "DELETE FROM agent_event WHERE id IN ("
+    "SELECT * FROM (SELECT id FROM agent_event WHERE id <= (SELECT max(id) FROM agent_event) - ?1 ORDER BY id LIMIT 20)"
+    " UNION "
+    "SELECT * FROM (SELECT id FROM agent_event WHERE time_ms < ?2 AND id < (SELECT max(id) FROM agent_event)"
+    " ORDER BY time_ms, id LIMIT 20)"
+    " ORDER BY 1 LIMIT 20)";
 
 // Whether a store of this process may keep events. Read without a lock, so that the usual answer costs nothing.
 std::atomic<bool> g_somethingIsKept{false};
@@ -284,10 +289,14 @@ std::int64_t EventStore::InsertOnce(const EventRecord& record)
     if (!transaction.Begun() || (!m_pending.HasEvents() && !m_db.Exec(forgetKeysSql)) || !InsertKey(record))
         return 0;
     const std::int64_t id = Insert(record);
-    return id != 0 && ForgetOldest() && transaction.Commit() ? id : 0;
+    if (id == 0 || !transaction.Commit())
+        return 0;
+    ForgetOldest();
+    return id;
 }
 
-bool EventStore::ForgetOldest()
+// After the commit: that old events cannot go is no reason to refuse a new one.
+void EventStore::ForgetOldest()
 {
     constexpr std::int64_t dayMs = 24 * 60 * 60 * 1000;
     const RootDom root;
@@ -297,7 +306,9 @@ bool EventStore::ForgetOldest()
     SqliteStatement statement(m_db, forgetOldestSql);
     statement.Bind(1, setting("app.events.keeprows"));
     statement.Bind(2, TimeNowMillis() - setting("app.events.keepdays") * dayMs);
-    return statement.Step() == SqliteStatement::StepResult::Done;
+    if (statement.Step() != SqliteStatement::StepResult::Done)
+        wxLogWarning("Old agent events can't be removed from '%s' (%s), they stay for now", Shown(m_path),
+                     Shown(m_db.Error()));
 }
 
 // --- what was kept
@@ -315,7 +326,10 @@ bool EventStore::StoreAll(const std::vector<EventRecord>& records)
         if (m_db.Changes() > 0 && Insert(record) == 0)
             return false;
     }
-    return ForgetOldest() && transaction.Commit();
+    if (!transaction.Commit())
+        return false;
+    ForgetOldest();
+    return true;
 }
 
 // A pending file that cannot be read does not keep newer events out of the database.

@@ -58,7 +58,7 @@ private:
     std::int64_t InsertOnce(const EventRecord& record);
     std::int64_t Insert(const EventRecord& record);
     bool InsertKey(const EventRecord& record);
-    bool ForgetOldest();
+    void ForgetOldest();
     void KeepForLater(const EventRecord& record);
     void KeepInMemory(const EventRecord& record);
     bool AppendMemoryToPending();
