@@ -443,7 +443,9 @@ TEST(DiskLog, PlaceThatIsNoRegularFileIsRefusedWithoutHanging)
         log.Write("one\n", false);
         EXPECT_THAT(error.Text(), StartsWith("Can't write the log file ")) << kind;
         log.FlushAtEnd();
-        EXPECT_EQ(LinesOf(error.Text()).back(), "one") << kind;
+        const Lines lines = LinesOf(error.Text());
+        ASSERT_FALSE(lines.empty()) << kind;
+        EXPECT_EQ(lines.back(), "one") << kind;
     }
 }
 

@@ -84,6 +84,11 @@ protected:
     }
     std::string Text(const char* name = "agent.log") const { return ReadFile(m_folder / name); }
     std::vector<std::string> Lines() const { return LinesOf(Text()); }
+    std::string LastLine() const
+    {
+        const std::vector<std::string> lines = Lines();
+        return lines.empty() ? "(no line)" : lines.back();
+    }
 
     TempFolder m_folder;
     DiskLog m_log{1 << 16};
@@ -174,10 +179,10 @@ TEST_F(LogToDisk, LevelsHaveTheirWords)
                 {wxLOG_Trace, " TRACE "}, {wxLOG_Progress, " DEBUG "},  {wxLOG_User, " INFO "}};
     for (const auto& row : rows) {
         wxLogGeneric(row.level, "text");
-        EXPECT_THAT(Lines().back(), HasSubstr(row.word)) << row.level;
+        EXPECT_THAT(LastLine(), HasSubstr(row.word)) << row.level;
     }
     VexCore::WriteLogLine(VexCore::LogLevel::Fatal, "text");
-    EXPECT_THAT(Lines().back(), HasSubstr(" FATAL "));
+    EXPECT_THAT(LastLine(), HasSubstr(" FATAL "));
 }
 
 TEST_F(LogToDisk, SystemErrorIsAppended)
@@ -356,7 +361,7 @@ TEST_F(LogToDisk, CrashHandlerGetsTheFilesDescriptor)
     MakeRoot();
     wxLogWarning("one");
     ASSERT_EQ(::write(VexCore::LogFileDescriptor(), "two\n", 4), 4);
-    EXPECT_EQ(Lines().back(), "two");
+    EXPECT_EQ(LastLine(), "two");
 }
 
 // --- the ends of a process
