@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cstring>
 #include <mutex>
+#include <set>
 #include <shared_mutex>
 #include <string_view>
 #include <unordered_map>
@@ -236,10 +237,12 @@ std::vector<std::string> SettingKeys(const CDom& dom, const std::string& prefix)
     std::vector<std::string> keys = dom.Keys(prefix.c_str());
     DomStore& store = DomAccess::Store(dom);
     const std::string start = prefix + '.';
+    // The file's names are the same in any case: an entry has nothing to say about a key that the domain has.
+    std::set<std::string, LessInAnyCase> known(keys.begin(), keys.end());
     for (const std::string& name : store.Settings().NamesThatBegin(store.SettingsPath(), start))
-        keys.push_back(start + name.substr(start.size()));
+        if (const std::string key = start + name.substr(start.size()); known.insert(key).second)
+            keys.push_back(key);
     std::sort(keys.begin(), keys.end());
-    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
     return keys;
 }
 

@@ -21,7 +21,8 @@ std::int64_t IntSetting(const CDom& dom, const char* key);
 bool BoolSetting(const CDom& dom, const char* key);
 
 /// The keys below `prefix`, with the prefix before them, that have a value in the domain or an entry in the file,
-/// sorted. A file's name has its prefix in any case and comes with this one.
+/// sorted. A file's name has its prefix in any case and comes with this one, unless the domain has that key in any
+/// case.
 std::vector<std::string> SettingKeys(const CDom& dom, const std::string& prefix);
 
 /// Another number each time that the entries of the settings file of this domain became others,

@@ -224,7 +224,7 @@ TEST_F(NativeModules, KeysOfSettingsAreThoseOfDomainAndFileAsTheyAreWritten)
 {
     const ::Test::DomPtr dom = ::Test::NewRoot();
     ::Test::WriteFile(m_folder / "a.ini",
-                      "[settings]\nVEX.plugin.Net=on\nvex.Plugin.both=on\nvex.Plugins=x\nvex.Plugi=y\n");
+                      "[settings]\nVEX.plugin.Net=on\nvex.Plugin.BOTH=on\nvex.Plugins=x\nvex.Plugi=y\n");
     dom->Set("app.path.ini", m_folder.Path() + "/a.ini");
     dom->Set("vex.Plugin.both", "off");
     dom->Set("vex.Plugin.a.b", "on");
