@@ -29,6 +29,12 @@ constexpr int retryRotationSeconds = 60;
 constexpr int looksAtPiece = 5;
 constexpr auto betweenLooks = std::chrono::milliseconds(1);
 
+int SeverityOf(LogLevel level)
+{
+    static constexpr int severities[] = {2, os::severityError, 4, 5, 6, 7, 7};
+    return severities[static_cast<int>(level)];
+}
+
 std::string NumberAndText(int error)
 {
     return "error " + std::to_string(error) + ": " + os::ErrorText(error);
@@ -142,12 +148,12 @@ void DiskLog::SetSettings(const Settings& settings)
     m_settings = settings;
 }
 
-void DiskLog::Write(const std::string& record, bool shown, const char* timeFormat)
+void DiskLog::Write(const std::string& record, bool shown, LogLevel level, const char* timeFormat)
 {
     const std::lock_guard lock(m_lock);
     m_timeFormat = timeFormat;
     if (!WriteHeld() || !TryWrite(record))
-        Hold(record, shown);
+        Hold({record, shown, level});
 }
 
 void DiskLog::Flush()
@@ -162,8 +168,7 @@ void DiskLog::FlushAtEnd()
     if (WriteHeld())
         return;
     for (const Held& held : m_held)
-        if (!held.shown)
-            os::WriteLastResort(m_error, os::severityError, {held.record});
+        ShowAsLastResort(held);
     m_held.clear();
     m_heldBytes = 0;
 }
@@ -272,16 +277,21 @@ bool DiskLog::WasGlued(std::size_t size)
     return begin > 0 && begin != m_size && IsInsideLine(begin);
 }
 
-void DiskLog::Hold(const std::string& record, bool shown)
+void DiskLog::Hold(Held held)
 {
-    if (m_heldBytes + record.size() > m_maxHeldBytes) {
+    if (m_heldBytes + held.record.size() > m_maxHeldBytes) {
         ++m_lost;
-        if (!shown)
-            os::WriteLastResort(m_error, os::severityError, {record});
+        ShowAsLastResort(held);
         return;
     }
-    m_held.push_back({record, shown});
-    m_heldBytes += record.size();
+    m_heldBytes += held.record.size();
+    m_held.push_back(std::move(held));
+}
+
+void DiskLog::ShowAsLastResort(const Held& held) const
+{
+    if (!held.shown)
+        os::WriteLastResort(m_error, SeverityOf(held.level), {held.record});
 }
 
 void DiskLog::Fail(const std::string& reason)

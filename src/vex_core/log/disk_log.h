@@ -66,9 +66,10 @@ public:
     bool HasFile() const;
     void SetSettings(const Settings& settings);
 
-    /// `shown`: standard error has the record already.
+    /// `shown`: standard error has the record already. `level` is the record's, for the system's log.
     /// `timeFormat` is that of the record, and from now on that of the log's own records.
-    void Write(const std::string& record, bool shown, const char* timeFormat = standardTimeFormat);
+    void Write(const std::string& record, bool shown, LogLevel level = LogLevel::Error,
+               const char* timeFormat = standardTimeFormat);
     /// Tries to write what is held.
     void Flush();
     /// The same, and what cannot be written goes where what does not fit in memory goes: the process ends.
@@ -87,6 +88,7 @@ private:
     {
         std::string record;
         bool shown;
+        LogLevel level;
     };
 
     bool WriteHeld();
@@ -101,7 +103,8 @@ private:
     bool ShiftFiles();
     void RotationFailed(const std::string& reason);
     std::string RotatedName(int number) const;
-    void Hold(const std::string& record, bool shown);
+    void Hold(Held held);
+    void ShowAsLastResort(const Held& held) const;
     void Fail(const std::string& reason);
     std::string OwnRecord(const std::string& text) const;
 

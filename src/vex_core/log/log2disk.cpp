@@ -130,7 +130,7 @@ void WriteRecord(LogLevel level, std::time_t time, wxThreadIdType thread, std::s
         os::WriteBestEffort(standardError, line.data(), line.size());
     }
     const std::string format = TimeFormat();
-    log.Write(FormatLogRecord(time, format.c_str(), level, os::ProcessId(), NameOf(thread), text), shown,
+    log.Write(FormatLogRecord(time, format.c_str(), level, os::ProcessId(), NameOf(thread), text), shown, level,
               format.c_str());
 }
 

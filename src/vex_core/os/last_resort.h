@@ -11,7 +11,8 @@ constexpr int severityError = 3;
 
 /// Writes the text, given in parts, to `standardError`; where that is the null device, as it is in the background, to
 /// the system's log, line by line, with a severity of 0 to 7. As far as that works, since nobody can be told about a
-/// failure: keeps the last error. Any thread; allocates nothing of ours. Tests see "syslog" with the line as its path.
+/// failure: keeps the last error. Any thread; allocates nothing of ours. Tests see "syslog" with the line as its path
+/// and the severity as its descriptor.
 void WriteLastResort(int standardError, int severity, std::initializer_list<std::string_view> parts);
 
 } // namespace VexCore::os

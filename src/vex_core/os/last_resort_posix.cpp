@@ -39,7 +39,7 @@ private:
     void Send()
     {
         m_text[m_size] = '\0';
-        if (m_size > 0 && MayCall(OfPath("syslog", m_text)))
+        if (m_size > 0 && MayCall(OfDescriptor("syslog", m_severity, m_text)))
             ::syslog(LOG_DAEMON | m_severity, "%s", m_text);
         m_size = 0;
     }

@@ -262,8 +262,8 @@ def test_events_and_lines_of_a_background_agent_whose_disk_stays_full_go_to_the_
     events = [re.search(r'^<(\d+)>.*writer\[\d+\]: Agent event not stored yet: <agent_event .* text="event full-(\d+)-end"/>$', record)
               for record in log.records if "not stored yet" in record]
     assert [(match[1], int(match[2])) for match in events] == [(str(3 * 8 + 2), number) for number in range(1, 41)]
-    # Facility and severity: daemon, error. A line is in the one log or in the other.
-    sent = numbers_by_tag([record for record in log.records if record.startswith(f"<{3 * 8 + 3}>")])["full"]
+    # Facility and severity: daemon, info. A line is in the one log or in the other.
+    sent = numbers_by_tag([record for record in log.records if record.startswith(f"<{3 * 8 + 6}>")])["full"]
     assert written + sent == list(range(1, 41)) and sent
 
 

@@ -336,19 +336,29 @@ TEST(DiskLog, WhereStandardErrorIsTheNullDeviceAllThatGoesThereGoesToTheSystemLo
     const CallWatch watch([&](const os::Call& call) {
         if (call.name != "syslog"sv)
             return 0;
-        sent.emplace_back(call.path);
+        sent.push_back(std::to_string(call.descriptor) + " " + call.path);
         return EPERM; // the machine's own log is spared
     });
     const os::Descriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
     DiskLog log(10, null.Get());
     log.SetFile(folder / "missing/x.log");
     log.Write("shown\n", true);
-    log.Write("one\n", false);
-    log.Write("too much for the memory\n", false);
+    log.Write("F\n", false, LogLevel::Fatal);
+    log.Write("E\n", false, LogLevel::Error);
+    log.Write("too much for the memory\n", false, LogLevel::Warning);
     log.FlushAtEnd();
     EXPECT_THAT(sent,
-                testing::ElementsAre(StartsWith("Can't write the log file " + folder / "missing/x.log (error 2: "),
-                                     "too much for the memory", "one"));
+                testing::ElementsAre(StartsWith("3 Can't write the log file " + folder / "missing/x.log (error 2: "),
+                                     "4 too much for the memory", "2 F", "3 E"));
+    sent.clear();
+    DiskLog other(10, null.Get());
+    other.Write("M\n", false, LogLevel::Message);
+    other.Write("I\n", false, LogLevel::Info);
+    other.Write("D\n", false, LogLevel::Debug);
+    other.Write("T\n", false, LogLevel::Trace);
+    other.Write("I\n", false, LogLevel::Info);
+    other.FlushAtEnd();
+    EXPECT_THAT(sent, testing::ElementsAre("5 M", "6 I", "7 D", "7 T", "6 I"));
 }
 
 TEST(DiskLog, FileThatCannotBeOpenedIsSaidOnceAndTriedAgain)
