@@ -20,8 +20,8 @@ wxString DecodeConfig(std::string_view bytes);
 /// Entries by name, which is the same in any case and kept as it is written.
 using SettingsEntries = std::map<std::string, std::string, LessInAnyCase>;
 
-/// The entries of the group [settings], values in UTF-8 with quotes, escapes and
-/// variables of the environment resolved. Empty when the file is beyond the bounds of a configuration file.
+/// The entries of the group [settings], values in UTF-8 with quotes, escapes and variables of the environment resolved.
+/// Empty when the file is beyond the bounds of a configuration file.
 SettingsEntries ParseSettings(std::string_view bytes);
 
 } // namespace VexCore
