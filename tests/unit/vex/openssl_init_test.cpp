@@ -73,7 +73,7 @@ extern "C" int OSSL_PROVIDER_set_default_search_path(OSSL_LIB_CTX* context, cons
 }
 
 namespace {
-const std::string g_providers = std::string("providers of the process from ") + OPENSSL_info(OPENSSL_INFO_MODULES_DIR);
+const std::string providers = std::string("providers of the process from ") + OPENSSL_info(OPENSSL_INFO_MODULES_DIR);
 
 class OpenSslDeathTest : public LauncherTest
 {};
@@ -83,7 +83,7 @@ TEST_F(OpenSslDeathTest, IsStartedWithoutItsConfigurationThenGetsItsLocksAndThen
     EXPECT_IN_FRESH_PROCESS({
         g_records = true;
         CAgentApp::StartupInit();
-        EXPECT_THAT(FakeCore::Journal(), ElementsAre(g_providers, "algorithms", "library", "error strings",
+        EXPECT_THAT(FakeCore::Journal(), ElementsAre(providers, "algorithms", "library", "error strings",
                                                      "OpenSSLThreadSetup()", "RAND_poll", "RAND_status"));
     });
 }
@@ -96,7 +96,7 @@ TEST_F(OpenSslDeathTest, FindsNothingInTheEnvironmentThatProgramsFindAgain)
         ::setenv("OPENSSL_CONF_INCLUDE", "", 1);
         g_records = true;
         StartOpenSsl();
-        EXPECT_THAT(FakeCore::Journal(), ElementsAre(g_providers, "algorithms", "library", "error strings"));
+        EXPECT_THAT(FakeCore::Journal(), ElementsAre(providers, "algorithms", "library", "error strings"));
         for (const char* const name : {"OPENSSL_CONF", "OPENSSL_ENGINES", "OPENSSL_MODULES"})
             EXPECT_STREQ(std::getenv(name), "/stray");
         EXPECT_STREQ(std::getenv("OPENSSL_CONF_INCLUDE"), "");

@@ -23,9 +23,11 @@ static int CreatePipe(int* ends)
     return -1;
 }
 
+// NOLINTBEGIN(readability-identifier-naming): the names are those of what is replaced
 #define VexOs VexOsWithoutParentDeath // beside what this system has
 #define pthread_create CreateThread
 #define pipe CreatePipe
+// NOLINTEND(readability-identifier-naming)
 #include "vex/apps/vex/os/parent_death_solaris.cpp"
 #undef pipe
 #undef pthread_create

@@ -21,7 +21,6 @@
 #include <unistd.h>
 
 using Test::CallWatch;
-using Test::ReadFile;
 using Test::WriteFile;
 using namespace std::string_view_literals;
 namespace os = VexCore::os;
