@@ -231,7 +231,8 @@ def test_a_stop_leaves_no_program_of_the_application(tree):
     begin = time.monotonic()
     tree.stop(supervisor)
     assert time.monotonic() - begin < 9
-    assert not [name for name in ("job", "stream", "waits") if alive(pids[name])]
+    # Nobody waits for the background job, which may take the signal after the agent has ended.
+    wait_until(lambda: not [name for name in ("job", "stream", "waits") if alive(pids[name])], what="their ends")
     assert alive(pids["own"])
     send_signal(pids["own"], signal.SIGKILL)
     check_log(tree, CAUGHT, ENDED)
