@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 
 #include <lua.hpp>
 
@@ -68,14 +69,33 @@ struct ModuleLoader
     KeptBuffer dump;
 };
 
-// The userdata holds a pointer, which is null once it was collected: finalisers that run later while the state is
-// closed may still call `require`.
+// Its address tells a loader from another userdata to which Lua's debug library gave the metatable of loaders, or the
+// place of one in a searcher.
+const char loaderTag = 0;
+
+// The userdata. The loader is null once it was collected: finalisers that run later while the state is closed may still
+// call `require`.
+struct LoaderBox
+{
+    const void* tag = &loaderTag;
+    ModuleLoader* loader = nullptr;
+};
+
+// Null: the value at `index` is none.
+LoaderBox* FindBox(lua_State* L, int index)
+{
+    auto* const box = static_cast<LoaderBox*>(lua_touserdata(L, index));
+    return box && lua_rawlen(L, index) >= sizeof(LoaderBox) && box->tag == &loaderTag ? box : nullptr;
+}
+
 ModuleLoader& LoaderOf(lua_State* L)
 {
-    ModuleLoader* const loader = *static_cast<ModuleLoader**>(lua_touserdata(L, lua_upvalueindex(1)));
-    if (!loader)
+    const LoaderBox* const box = FindBox(L, lua_upvalueindex(1));
+    if (!box)
+        luaL_error(L, "another value stands in the place of the module loader");
+    if (!box->loader)
         luaL_error(L, "no module can be loaded while the interpreter is closed");
-    return *loader;
+    return *box->loader;
 }
 
 int AppendTo(lua_State*, const void* data, std::size_t size, void* context)
@@ -233,9 +253,11 @@ int SearchFiles(lua_State* L)
 
 int CloseLoader(lua_State* L)
 {
-    auto* const box = static_cast<ModuleLoader**>(luaL_checkudata(L, 1, loaderType));
-    delete *box;
-    *box = nullptr;
+    LoaderBox* const box = FindBox(L, 1);
+    if (!box)
+        return 0;
+    delete box->loader;
+    box->loader = nullptr;
     try {
         ChunkCaches::Process().Flush();
     } catch (const std::exception&) { // out of memory: the chunks are compiled again
@@ -257,15 +279,14 @@ std::string LuaHeader(lua_State* L)
 
 void NewLoader(lua_State* L, CDom& dom)
 {
-    auto* const box = static_cast<ModuleLoader**>(lua_newuserdata(L, sizeof(ModuleLoader*)));
-    *box = nullptr;
+    auto* const box = new (lua_newuserdata(L, sizeof(LoaderBox))) LoaderBox;
     luaL_newmetatable(L, loaderType);
     lua_pushcfunction(L, CloseLoader);
     lua_setfield(L, -2, "__gc");
     lua_pushboolean(L, 0);
     lua_setfield(L, -2, "__metatable");
     lua_setmetatable(L, -2);
-    *box = new ModuleLoader(dom, LuaHeader(L));
+    box->loader = new ModuleLoader(dom, LuaHeader(L));
 }
 
 void PushFileSearcher(lua_State* L, int loader, int package, bool before)

@@ -19,6 +19,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <thread>
 
 #include <dirent.h>
@@ -583,6 +584,33 @@ TEST_F(ModuleSearch, WithoutThePackageLibraryRegisteringIsALuaError)
     EXPECT_EQ(lua_pcall(state, 1, 0, 0), LUA_ERRRUN);
     EXPECT_THAT(lua_tostring(state, -1), HasSubstr("'package'"));
     lua_close(state);
+}
+
+TEST_F(ModuleSearch, TheLoadersMetatableDoesNotMakeAnotherUserdataOne)
+{
+    Add("x.vxe", {{"a.lua", "return 'loaded'"}});
+    Lua lua(m_dom);
+    std::memset(lua_newuserdata(lua.State(), 200), 0x41, 200);
+    lua_setglobal(lua.State(), "large");
+    lua_newuserdata(lua.State(), 1);
+    lua_setglobal(lua.State(), "small");
+    lua_pushlightuserdata(lua.State(), m_dom);
+    lua_setglobal(lua.State(), "light");
+    EXPECT_EQ(lua.Run("local meta = debug.getregistry()['VexCore.ModuleLoader']\n"
+                      "for _, one in ipairs{io.tmpfile(), large, small, light} do debug.setmetatable(one, meta)\n"
+                      "  meta.__gc(one) end\n"
+                      "debug.setmetatable(light, nil) large, small = nil collectgarbage() return require('a')"),
+              "loaded");
+}
+
+TEST_F(ModuleSearch, AnotherValueInThePlaceOfTheLoaderIsAnError)
+{
+    Add("x.vxe", {{"a.lua", "return 1"}});
+    for (const char* const other : {"io.stdout", "{}", "nil"})
+        EXPECT_EQ(Lua(m_dom).Run(std::string("debug.setupvalue(package.searchers[3], 1, ") + other
+                                 + ") return select(2, pcall(require, 'a'))"),
+                  "another value stands in the place of the module loader")
+            << other;
 }
 
 TEST_F(ModuleSearch, AFinaliserThatRequiresWhileTheStateClosesIsHarmless)
