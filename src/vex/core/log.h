@@ -23,8 +23,8 @@ protected:
 };
 
 /// Whether trace lines of `module` are wanted, by the lists "app.trace" and "app.trace+" of the process's root domain
-/// ("*" is every module). One relaxed atomic load unless a module that begins with the same two letters is traced. Any
-/// thread.
+/// ("*" is every module). For a module that is not it is one relaxed atomic load, and one more for each letter that its
+/// name begins with like that of a traced module. Any thread.
 ///
 /// Modules: "Appl" the launcher; "Cmd" programs that are run; "Srvc" the cache of compiled chunks; "vex.Heartbeat" the
 /// heartbeat worker; "vex.PluginUtils" the loading of plugins by the bundled application; "vex.ListenThread" nothing of

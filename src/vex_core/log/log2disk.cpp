@@ -189,18 +189,14 @@ void CLog2Disk::Flush()
     ProcessLog().Flush();
 }
 
-namespace {
-// In UTF-8, and what stands for a byte of a file name that is none is that byte again.
 std::string LogBytes(const wxString& message)
 {
     const wxScopedCharBuffer utf8 = message.utf8_str();
-    if (!std::memchr(utf8.data(), 0xF4, utf8.length())) // in which all these characters begin
+    if (!std::memchr(utf8.data(), 0xF4, utf8.length())) // in which all characters that stand for a byte begin
         return std::string(utf8.data(), utf8.length());
     const wxCharBuffer bytes = FileNameConv().cWC2MB(message.wc_str(), message.length(), nullptr);
     return bytes ? std::string(bytes.data(), bytes.length()) : BytesFromText(message);
 }
-
-} // namespace
 
 void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info)
 {

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include <wx/string.h>
+
 namespace VexCore {
 
 /// Writes one line past the framework, its level and its conversions, as the lines of Lua code go: all are kept, also
@@ -16,6 +18,10 @@ void WriteLogLine(LogLevel level, std::string_view text);
 /// The same for a trace line; see LogTrace.
 void WriteTraceLine(const char* module, const char* sourceFile, int line, const char* function,
                     std::string_view message);
+
+/// The framework's text as bytes of the log: in UTF-8, and what stands for a byte of a file name that is none is that
+/// byte again.
+std::string LogBytes(const wxString& message);
 
 /// The descriptor of the open log file, -1 while there is none: for the crash handler, which may only write to it. The
 /// number stays the same when the file is rotated. Async-signal-safe.

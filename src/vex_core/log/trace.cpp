@@ -1,5 +1,6 @@
 // Which modules are traced. The set of modules is immutable and stands behind an atomic pointer: asking takes no lock.
-// For a module that is not traced it is one relaxed load, of the marks of those that are.
+// For a module that is not traced it is one relaxed load, of the marks of those that are: one more for each letter that
+// its name begins with like one of theirs.
 
 #include "vex/core/log.h"
 
@@ -10,6 +11,7 @@
 #include "vex_core/log/trace_modules.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -19,7 +21,9 @@
 namespace VexCore {
 
 namespace {
-std::atomic<std::uint64_t> g_marks{0}; // of the modules in the list
+// Of the modules in the list. While it changes they may be partly of one list and partly of another; both have the
+// marks of a module that is in both.
+std::array<std::atomic<std::uint64_t>, TraceModules::markedLetters> g_marks{};
 std::atomic<const TraceModules*> g_modules{nullptr};
 std::atomic<int> g_readers{0}; // how many look into what that leads to, at this moment
 
@@ -64,7 +68,8 @@ void ReloadTraceModules()
     lists.inForce = std::make_unique<const TraceModules>(text);
     lists.text = std::move(text);
     g_modules.store(lists.inForce.get());
-    g_marks.store(lists.inForce->Marks());
+    for (std::size_t place = 0; place < g_marks.size(); ++place)
+        g_marks[place].store(lists.inForce->Marks()[place]);
     if (g_readers.load() == 0) // whoever comes from now on finds the new list
         lists.former.clear();
 }
@@ -84,13 +89,13 @@ void ReloadTraceModules()
 
 bool LogTraceIsEnabled(const char* module)
 {
-    const std::uint64_t marks = g_marks.load(std::memory_order_relaxed);
-    return module && (marks & TraceModules::MarkOf(module)) != 0 && IsInList(module);
+    const auto markAt = [](std::size_t place) { return g_marks[place].load(std::memory_order_relaxed); };
+    return module && TraceModules::MayBeIn(markAt, module) && IsInList(module);
 }
 
 void LogTrace(const char* module, const char* sourceFile, int line, const char* function, const wxString& message)
 {
-    WriteTraceLine(module, sourceFile, line, function, BytesFromText(message));
+    WriteTraceLine(module, sourceFile, line, function, LogBytes(message));
 }
 
 void WriteTraceLine(const char* module, const char* sourceFile, int line, const char* function,

@@ -2,6 +2,8 @@
 // A list of module names, as a setting has it. Pure; which settings are asked, and when, is trace.cpp's.
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -26,9 +28,9 @@ public:
             name = name.substr(first, name.find_last_not_of(blanks) - first + 1);
             if (name == "*") {
                 m_all = true;
-                m_marks = ~std::uint64_t{0};
+                m_marks.fill(~std::uint64_t{0});
             } else {
-                m_marks |= MarkOf(m_names.emplace_back(name).c_str());
+                Mark(m_names.emplace_back(name));
             }
         }
     }
@@ -38,19 +40,44 @@ public:
         return m_all || std::find(m_names.begin(), m_names.end(), module) != m_names.end();
     }
 
-    /// A module whose mark is not among these is not in the list; one whose mark is may be.
-    std::uint64_t Marks() const { return m_marks; }
-    /// One bit, by the name's first two letters: to ask for more costs more than the answer is worth.
-    static std::uint64_t MarkOf(const char* module)
+    /// For each of a name's first letters, its end included: a bit for each letter that stands there in a name of the
+    /// list.
+    static constexpr std::size_t markedLetters = 16;
+    const std::array<std::uint64_t, markedLetters>& Marks() const { return m_marks; }
+
+    /// False: the module is not in the list of these marks; true: it may be. `markAt` gives the mark of a letter by its
+    /// place, and is asked no further than for the first letter that tells.
+    template <class MarkAt>
+    static bool MayBeIn(MarkAt markAt, const char* module)
     {
-        const unsigned first = static_cast<unsigned char>(module[0]);
-        const unsigned second = first == 0 ? 0 : static_cast<unsigned char>(module[1]);
-        return std::uint64_t{1} << ((5 * first + second) & 63);
+#pragma GCC unroll 16 // no counting: a fifth of the time
+        for (std::size_t place = 0; place < markedLetters; ++place) {
+            if (!Has(markAt(place), module[place]))
+                return false;
+            if (module[place] == '\0')
+                break;
+        }
+        return true;
     }
 
 private:
+    static unsigned BitOf(char letter)
+    {
+        return static_cast<unsigned char>(letter) & 63;
+    }
+    static bool Has(std::uint64_t mark, char letter)
+    {
+        return (mark >> BitOf(letter) & 1) != 0;
+    }
+
+    void Mark(const std::string& name)
+    {
+        for (std::size_t place = 0; place < std::min(name.size() + 1, markedLetters); ++place)
+            m_marks[place] |= std::uint64_t{1} << BitOf(name.c_str()[place]);
+    }
+
     bool m_all = false;
-    std::uint64_t m_marks = 0;
+    std::array<std::uint64_t, markedLetters> m_marks{};
     std::vector<std::string> m_names;
 };
 

@@ -7,6 +7,7 @@
 #include "support/sanitized.h"
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
+#include "vex_core/base/file_name_conv.h"
 #include "vex_core/log/disk_log.h"
 #include "vex_core/log/process_log.h"
 #include "vex_core/log/trace_modules.h"
@@ -47,17 +48,50 @@ TEST(TraceModules, BlanksOfAnyKindAroundANameDoNotCount)
     EXPECT_TRUE(TraceModules("\tAppl\t,Cmd").Contain("Appl"));
 }
 
-TEST(TraceModules, MarksRuleOutMostOfWhatIsNotInTheList)
+namespace {
+// Whether the marks of the list let the module pass, and how many of them are asked for.
+struct Passing
+{
+    bool passes;
+    std::size_t asked;
+    bool operator==(const Passing& other) const { return passes == other.passes && asked == other.asked; }
+};
+
+Passing Pass(const char* list, const char* module)
+{
+    const TraceModules modules(list);
+    std::size_t asked = 0;
+    const bool passes = TraceModules::MayBeIn(
+        [&](std::size_t place) {
+            ++asked;
+            return modules.Marks()[place];
+        },
+        module);
+    return {passes, asked};
+}
+
+} // namespace
+
+TEST(TraceModules, MarksRuleOutAModuleAtTheFirstLetterThatTells)
 {
     for (const char* list : {"", ",", " , ", ",,,"})
-        EXPECT_EQ(TraceModules(list).Marks(), 0U) << list;
-    for (const char* name : {"Appl", "Cmd", "Srvc", "vex.Heartbeat", "x", "\xC3\xA9"}) {
-        EXPECT_EQ(TraceModules(name).Marks(), TraceModules::MarkOf(name)) << name;
-        EXPECT_NE(TraceModules::MarkOf(name) & TraceModules("Appl,*").Marks(), 0U) << name;
+        EXPECT_EQ(Pass(list, "Appl"), (Passing{false, 1})) << list;
+    for (const char* list : {"Appl", "vex.Heartbeat,vex.ListenThread,vex.PluginUtils,Appl"}) {
+        for (const char* module : {"Cmd", "Srvc", ""})
+            EXPECT_EQ(Pass(list, module), (Passing{false, 1})) << list << ": " << module;
+        EXPECT_EQ(Pass(list, "App"), (Passing{false, 4})) << list;
+        EXPECT_EQ(Pass(list, "Apple"), (Passing{false, 5})) << list;
     }
-    // Under its own name the agent always traces the launcher: the library's modules are told from that.
-    for (const char* name : {"Cmd", "Srvc", "vex.Heartbeat", ""})
-        EXPECT_EQ(TraceModules::MarkOf(name) & TraceModules("Appl").Marks(), 0U) << name;
+    EXPECT_EQ(Pass("vex.Heartbeat,vex.ListenThread,vex.PluginUtils", "vex.Disk"), (Passing{false, 5}));
+}
+
+TEST(TraceModules, MarksLetAllPassThatIsInTheList)
+{
+    for (const char* list :
+         {"Appl,Cmd,vex.Heartbeat,x,\xC3\xA9,a.name.of.sixteen,a.name.of.more.than.sixteen", "Cmd,*"})
+        for (const char* module :
+             {"Appl", "Cmd", "vex.Heartbeat", "x", "\xC3\xA9", "a.name.of.sixteen", "a.name.of.more.than.sixteen"})
+            EXPECT_TRUE(Pass(list, module).passes) << list << ": " << module;
 }
 
 TEST(Trace, NothingIsTracedWithoutARoot)
@@ -84,6 +118,16 @@ TEST(Trace, WriteToEitherListCountsAtOnce)
     EXPECT_TRUE(LogTraceIsEnabled("Cmd"));
     dom->Set("app.trace+", "");
     EXPECT_FALSE(LogTraceIsEnabled("Cmd"));
+}
+
+TEST(Trace, NamesThatBeginAlikeAreTwo)
+{
+    const DomPtr dom = NewRoot();
+    dom->Set("app.trace", "vex.Heartbeat,a.name.of.more.than.sixteen.letters");
+    EXPECT_TRUE(LogTraceIsEnabled("vex.Heartbeat"));
+    EXPECT_TRUE(LogTraceIsEnabled("a.name.of.more.than.sixteen.letters"));
+    for (const char* module : {"", "vex.Heartbea", "vex.Heartbeats", "a.name.of.more.than.sixteen.bytes"})
+        EXPECT_FALSE(LogTraceIsEnabled(module)) << module;
 }
 
 TEST(Trace, WriteThroughAViewCountsToo)
@@ -176,4 +220,14 @@ TEST(Trace, LineHasModuleFunctionPlaceAndMessage)
         ReadFile(folder / "x.log"),
         testing::MatchesRegex("....-..-.. ..:..:.. TRACE \\[[0-9]+/main\\] Appl OnExit\\(vex/apps/vex/vex:42\\): "
                               "message \xC3\xA4 100%\n[^\n]* TRACE [^\n]*\\(:0\\): \n"));
+}
+
+TEST(Trace, AByteOfAFileNameThatIsNoTextStaysThatByte)
+{
+    const TempFolder folder;
+    VexCore::DiskLog log(1 << 16);
+    log.SetFile(folder / "x.log");
+    const ProcessLog processLog(log);
+    VexCore::LogTrace("Appl", "vex", 1, "On", wxString("/opt/\xE9\xFF", VexCore::FileNameConv()));
+    EXPECT_THAT(ReadFile(folder / "x.log"), testing::EndsWith("On(vex:1): /opt/\xE9\xFF\n"));
 }
