@@ -487,6 +487,38 @@ TEST_F(ArchivePath, ExtensionFolderThatIsMissingOrAFileAddsNothing)
     }
 }
 
+TEST_F(ArchivePath, ExtensionFolderWhoseNameHasTheSeparatorIsOneWarning)
+{
+    Put("a;b/e.vxe", m_good);
+    Put("a;b/f.vxe", m_good);
+    Put("b/*.vxe", m_good);
+    EXPECT_EQ(Expand("", "a;b"), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"Extensions in '" + Bin()
+                                   + "/a;b' are not enabled: a name with \";\" cannot be told to Lua. Give it "
+                                     "another name.\")"));
+    EXPECT_EQ(FakeCore::Count(Trace("zipFilespec: ")), 1u);
+}
+
+TEST_F(ArchivePath, ArchiveWhoseNameHasTheSeparatorIsOneWarning)
+{
+    const std::string odd = Put("ext/a;b.vxe", m_good);
+    const std::string good = Put("ext/c.vxe", m_good);
+    EXPECT_EQ(Expand("", "ext"), good);
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"Extensions in '" + odd
+                                   + "' are not enabled: a name with \";\" cannot be told to Lua. Give it "
+                                     "another name.\")"));
+}
+
+TEST_F(ArchivePath, ArchiveWhoseNameIsNoTextIsListedInItsBytes)
+{
+    const ::Test::Restored restored(wxConvFileName);
+    wxMBConvUTF8 conversion(wxMBConvUTF8::MAP_INVALID_UTF8_TO_PUA);
+    wxConvFileName = &conversion;
+    const std::string path = Put("ext/caf\xE9.vxe", m_good);
+    EXPECT_EQ(Expand("", "ext"), path);
+    EXPECT_EQ(Expand("ext/*.vxe"), path);
+}
+
 TEST_F(ArchivePath, NamesWithBlanksPercentSignsAndAccentsWork)
 {
     const std::string path = Put("my \xC3\xA9 100%s/x y.vxe", m_good);

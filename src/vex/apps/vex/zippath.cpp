@@ -9,11 +9,14 @@
 
 #include "vex/core/dom.h"
 
+#include <string>
+
 #include <wx/arrstr.h>
 #include <wx/config.h>
 #include <wx/dir.h>
 #include <wx/filefn.h>
 #include <wx/log.h>
+#include <wx/strconv.h>
 #include <wx/wfstream.h>
 
 namespace {
@@ -22,6 +25,23 @@ void AppendPath(wxString& list, const wxString& path)
     if (!list.empty())
         list += ';';
     list += path;
+}
+
+// Whether the path fits into the list; where it does not, it would be taken for two others.
+bool FitsIntoList(const wxString& path)
+{
+    if (path.find(';') == wxString::npos)
+        return true;
+    wxLogWarning("Extensions in '%s' are not enabled: a name with \";\" cannot be told to Lua. Give it another name.",
+                 path);
+    return false;
+}
+
+// The list as its reader takes it: what stands for a byte of a file name that is no text is that byte again.
+std::string BytesOf(const wxString& list)
+{
+    const wxMBConvUTF8 conversion(wxMBConvUTF8::MAP_INVALID_UTF8_TO_PUA);
+    return std::string(list.mb_str(conversion));
 }
 
 bool HasWildcard(const wxString& text)
@@ -144,7 +164,7 @@ void AppendEntry(wxString& list, const wxString& entry, const wxString& bin)
         const wxString path = NormalizedFile(file).GetFullPath();
         if (!wxIsReadable(path)) {
             wxLogWarning("Extension file '%s' isn't readable", path);
-        } else if (!checkVersions || CAgentApp::ExtensionVersionIsOK(path)) {
+        } else if (FitsIntoList(path) && (!checkVersions || CAgentApp::ExtensionVersionIsOK(path))) {
             VEX_TRACE("ExpandZippath", "Adding extension file '%s' to the search path.", path);
             AppendPath(list, path);
         }
@@ -165,7 +185,7 @@ void CAgentApp::ExpandZippath()
         pattern.AssignDir(m_extDir);
         pattern.SetFullName("*.vxe");
         pattern.Normalize(normalizeFlags, bin);
-        if (pattern.DirExists())
+        if (pattern.DirExists() && FitsIntoList(pattern.GetPath()))
             AppendPath(m_zipPath, pattern.GetFullPath());
     }
     VEX_TRACE("ExpandZippath", "zipFilespec: %s", m_zipPath);
@@ -181,5 +201,7 @@ void CAgentApp::ExpandZippath()
         return;
     }
     m_dom->SetWx("app.lua.zippath", list);
+    if (const std::string bytes = BytesOf(list); bytes != list.utf8_string())
+        m_dom->Set("app.lua.zippath", bytes);
     VEX_TRACE("ExpandZippath", "app.lua.zippath '%s' ", list);
 }
