@@ -168,7 +168,7 @@ void DiskLog::FlushAtEnd()
     if (WriteHeld())
         return;
     for (const Held& held : m_held)
-        ShowAsLastResort(held);
+        GiveAway(held);
     m_held.clear();
     m_heldBytes = 0;
 }
@@ -189,6 +189,7 @@ void DiskLog::AfterForkInChild()
 {
     m_held.clear();
     m_heldBytes = 0;
+    m_elsewhere = 0;
     m_lost = 0;
     m_identity = {}; // to be opened anew: the position of an open file is shared with the parent, and we ask for it
     m_lock.unlock();
@@ -204,13 +205,14 @@ bool DiskLog::WriteHeld()
         m_heldBytes -= m_held.front().record.size();
         m_held.pop_front();
     }
-    if (m_lost > 0) {
-        if (!TryWrite(OwnRecord(std::to_string(m_lost)
-                                + " lines could not be written here and went to standard error or the system log")))
+    const auto tell = [this](std::size_t& count, const char* whatOfThem) {
+        if (count > 0 && !TryWrite(OwnRecord(std::to_string(count) + whatOfThem)))
             return false;
-        m_lost = 0;
-    }
-    return true;
+        count = 0;
+        return true;
+    };
+    return tell(m_elsewhere, " lines could not be written here and went to standard error or the system log")
+           && tell(m_lost, " lines could be written nowhere, neither here nor to the system log, and are lost");
 }
 
 bool DiskLog::TryWrite(const std::string& record)
@@ -280,18 +282,17 @@ bool DiskLog::WasGlued(std::size_t size)
 void DiskLog::Hold(Held held)
 {
     if (m_heldBytes + held.record.size() > m_maxHeldBytes) {
-        ++m_lost;
-        ShowAsLastResort(held);
+        GiveAway(held);
         return;
     }
     m_heldBytes += held.record.size();
     m_held.push_back(std::move(held));
 }
 
-void DiskLog::ShowAsLastResort(const Held& held) const
+void DiskLog::GiveAway(const Held& held)
 {
-    if (!held.shown)
-        os::WriteLastResort(m_error, SeverityOf(held.level), {held.record});
+    const bool isSomewhere = held.shown || os::WriteLastResort(m_error, SeverityOf(held.level), {held.record});
+    ++(isSomewhere ? m_elsewhere : m_lost);
 }
 
 void DiskLog::Fail(const std::string& reason)

@@ -41,8 +41,8 @@ std::string FormatLogRecord(std::time_t time, const char* timeFormat, LogLevel l
 /// A record is one `write` on a descriptor opened with O_APPEND, so records of several processes never mix. Before
 /// each, the name is asked for: when it no longer leads to the open file, another process has rotated and the new file
 /// is opened. A record that cannot be written (no file yet, disk full) is held, in order, and tried again with the next
-/// one; the memory for that is bounded, and what does not fit goes to standard error,
-/// or to the system's log where that is the null device.
+/// one; the memory for that is bounded, and what does not fit goes to standard error, or to the system's log where that
+/// is the null device. A record in the file tells later how many those were, and how many went nowhere.
 ///
 /// Any thread. Forks are survived when BeforeFork and AfterFork... are called around them.
 class DiskLog
@@ -104,7 +104,7 @@ private:
     void RotationFailed(const std::string& reason);
     std::string RotatedName(int number) const;
     void Hold(Held held);
-    void ShowAsLastResort(const Held& held) const;
+    void GiveAway(const Held& held);
     void Fail(const std::string& reason);
     std::string OwnRecord(const std::string& text) const;
 
@@ -124,7 +124,8 @@ private:
     bool m_troubled = false; // a failure has been reported and nothing was written since
     std::deque<Held> m_held;
     std::size_t m_heldBytes = 0;
-    std::size_t m_lost = 0; // records that did not fit
+    std::size_t m_elsewhere = 0; // records that did not fit and went to the last resort
+    std::size_t m_lost = 0; // records that it did not take either
     std::time_t m_rotateNotBefore = 0; // after a failure
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 // The one hook of this room, for tests: they see the calls for files and folders (files.h but where it says otherwise,
-// folders.h, file_lock.h, CloseWritten, which can fail, and what last_resort.h says), make any of them fail or fall
+// folders.h, file_lock.h, CloseWritten, which can fail, and what system_log.h says), make any of them fail or fall
 // short, or end the process right before one. Not seen is what concerns descriptors alone, processes, signals and the
 // host.
 

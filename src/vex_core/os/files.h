@@ -47,9 +47,9 @@ ssize_t PReadFull(int descriptor, void* data, std::size_t size, off_t offset);
 bool ReadToEnd(int descriptor, std::string& text);
 /// Writes all of it or fails.
 [[nodiscard]] bool WriteAll(int descriptor, const void* data, std::size_t size);
-/// Writes all of it as far as that works; for standard error, where nobody can be told about a failure. Keeps the last
-/// error. Tests do not see it: it tells what came of the others, and nothing comes of its own failure.
-void WriteBestEffort(int descriptor, const char* data, std::size_t size);
+/// Writes all of it as far as that works, and answers whether it did; for standard error, where nobody can be told
+/// about a failure. Keeps the last error. Tests do not see it: it tells what came of the others.
+bool WriteBestEffort(int descriptor, const char* data, std::size_t size);
 /// Where the last read or write through `descriptor` ended.
 off_t FilePosition(int descriptor);
 int FTruncate(int descriptor, off_t size);

@@ -152,13 +152,13 @@ bool WriteAll(int descriptor, const void* data, std::size_t size)
                       size);
 }
 
-void WriteBestEffort(int descriptor, const char* data, std::size_t size)
+bool WriteBestEffort(int descriptor, const char* data, std::size_t size)
 {
     const KeepError keep;
     const auto write = [descriptor](const char* at, std::size_t rest) {
         return Retried([&] { return ::write(descriptor, at, rest); });
     };
-    static_cast<void>(WriteWhole(write, data, size));
+    return WriteWhole(write, data, size);
 }
 
 off_t FilePosition(int descriptor)

@@ -10,9 +10,8 @@ namespace VexCore::os {
 constexpr int severityError = 3;
 
 /// Writes the text, given in parts, to `standardError`; where that is the null device, as it is in the background, to
-/// the system's log, line by line, with a severity of 0 to 7. As far as that works, since nobody can be told about a
-/// failure: keeps the last error. Any thread; allocates nothing of ours. Tests see "syslog" with the line as its path
-/// and the severity as its descriptor.
-void WriteLastResort(int standardError, int severity, std::initializer_list<std::string_view> parts);
+/// the system's log, line by line, with a severity of 0 to 7. False: some of it is nowhere now. Keeps the last error.
+/// Any thread; allocates nothing; a logger that has stopped is not waited for.
+bool WriteLastResort(int standardError, int severity, std::initializer_list<std::string_view> parts);
 
 } // namespace VexCore::os

@@ -1,31 +1,19 @@
-// The system's log is opened for one text and closed after it: its descriptor must not be in the way when the start of
-// the background closes what it was not told of.
-
 #include "vex_core/os/last_resort.h"
 
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
-#include "vex_core/os/observed.h"
-
-#include <syslog.h>
+#include "vex_core/os/system_log.h"
 
 namespace VexCore::os {
 namespace {
 // What loggers take at the least; a longer line is continued in another record.
 constexpr std::size_t maxLineBytes = 1000;
 
-// Collects one line.
-class SystemLogLine
+// Collects lines and sends them.
+class SystemLogLines
 {
 public:
-    explicit SystemLogLine(int severity) : m_severity(severity) { ::openlog(nullptr, LOG_PID | LOG_CONS, LOG_DAEMON); }
-    ~SystemLogLine()
-    {
-        Send();
-        ::closelog();
-    }
-    SystemLogLine(const SystemLogLine&) = delete;
-    SystemLogLine& operator=(const SystemLogLine&) = delete;
+    explicit SystemLogLines(int severity) : m_severity(severity) {}
 
     void Add(char c)
     {
@@ -34,35 +22,44 @@ public:
         if (c != '\n')
             m_text[m_size++] = c;
     }
+    // Sends what is left. False: something was not taken.
+    bool End()
+    {
+        Send();
+        return m_allTaken;
+    }
 
 private:
     void Send()
     {
         m_text[m_size] = '\0';
-        if (m_size > 0 && MayCall(OfDescriptor("syslog", m_severity, m_text)))
-            ::syslog(LOG_DAEMON | m_severity, "%s", m_text);
+        if (m_size > 0 && !SendToSystemLog(m_severity, m_text))
+            m_allTaken = false;
         m_size = 0;
     }
 
     const int m_severity;
+    bool m_allTaken = true;
     std::size_t m_size = 0;
     char m_text[maxLineBytes + 1];
 };
 
 } // namespace
 
-void WriteLastResort(int standardError, int severity, std::initializer_list<std::string_view> parts)
+bool WriteLastResort(int standardError, int severity, std::initializer_list<std::string_view> parts)
 {
     const KeepError keep;
     if (!IsNullDevice(standardError)) {
+        bool allWritten = true;
         for (const std::string_view part : parts)
-            WriteBestEffort(standardError, part.data(), part.size());
-        return;
+            allWritten = WriteBestEffort(standardError, part.data(), part.size()) && allWritten;
+        return allWritten;
     }
-    SystemLogLine line(severity);
+    SystemLogLines lines(severity);
     for (const std::string_view part : parts)
         for (const char c : part)
-            line.Add(c);
+            lines.Add(c);
+    return lines.End();
 }
 
 } // namespace VexCore::os

@@ -211,11 +211,12 @@ return M
 
 
 class SystemLog:
-    """Stands for the system's logger while it lives: a /dev of this worker's own, in which a socket takes the records."""
+    """Stands for the system's logger while it lives: a /dev of this worker's own, in which a socket takes the records. One
+    that has stopped takes none."""
 
     NODES = ("null", "zero", "random", "urandom", "full")
 
-    def __init__(self, folder):
+    def __init__(self, folder, stopped=False):
         self.records = []
         os.mkdir(folder)
         for node in self.NODES:
@@ -225,18 +226,20 @@ class SystemLog:
         self._socket.bind(os.path.join(folder, "log"))
         subprocess.run(["mount", "-n", "--rbind", folder, "/dev"], check=True)
         self._folder = folder
-        self._reader = threading.Thread(target=self._read)
-        self._reader.start()
+        self._reader = None if stopped else threading.Thread(target=self._read)
+        if self._reader:
+            self._reader.start()
 
     def _read(self):
         while record := self._socket.recv(65536):
             self.records.append(record.decode())
 
     def close(self):
-        end = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        end.sendto(b"", "/dev/log")
-        end.close()
-        self._reader.join()
+        if self._reader:
+            end = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+            end.sendto(b"", "/dev/log")
+            end.close()
+            self._reader.join()
         self._socket.close()
         unmount("/dev")
         for node in self.NODES:
@@ -265,6 +268,49 @@ def test_events_and_lines_of_a_background_agent_whose_disk_stays_full_go_to_the_
     # Facility and severity: daemon, info. A line is in the one log or in the other.
     sent = numbers_by_tag([record for record in log.records if record.startswith(f"<{3 * 8 + 6}>")])["full"]
     assert written + sent == list(range(1, 41)) and sent
+
+
+@pytest.mark.sandbox
+def test_a_logger_of_the_system_that_has_stopped_holds_no_agent_up(tree, tmp_path):
+    # More than any logger's queue has room for.
+    tree.app("writer", FILLS_THE_DISK_FOR_GOOD.replace("1, 40 do", "1, 1000 do").replace(
+        "function M.main()", 'function M.main()\n  io.open(dom0:Get("app.path.bin") .. "/begun", "w"):close()'))
+    os.mkdir(tree.work)
+    mount_tmpfs(tree.work, b"size=256k,mode=700")
+    log = SystemLog(str(tmp_path / "dev"), stopped=True)
+    try:
+        supervisor, child = tree.background(name="writer")
+        wait_until(lambda: os.path.exists(tree.path + "/begun"), what="the lines' begin")
+        tree.stop(supervisor)
+        assert not alive(child)
+    finally:
+        log.close()
+        unmount(tree.work)
+
+
+@pytest.mark.sandbox
+def test_what_goes_to_the_system_log_leaves_the_name_that_a_native_module_has_there(tree, tmp_path):
+    tree.app("writer", FILLS_THE_DISK_FOR_GOOD.replace("return M\n", """
+local events, syslog = M.main, require("posix.syslog")
+function M.main()
+  syslog.openlog("guest", 0, syslog.LOG_USER)
+  events()
+  syslog.syslog(syslog.LOG_INFO, "still the guest")
+  return 0
+end
+return M
+"""))
+    os.mkdir(tree.work)
+    mount_tmpfs(tree.work, b"size=256k,mode=700")
+    log = SystemLog(str(tmp_path / "dev"))
+    try:
+        tree.stop(tree.background(name="writer")[0])
+    finally:
+        log.close()
+        unmount(tree.work)
+    assert sum(" writer[" in record and "not stored yet" in record for record in log.records) == 40
+    guest = [record for record in log.records if "still the guest" in record]
+    assert len(guest) == 1 and re.match(r"<14>.* guest: still the guest$", guest[0]), guest
 
 
 def test_a_removed_log_file_is_made_anew_with_the_next_line(tree):

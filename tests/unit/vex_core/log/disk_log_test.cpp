@@ -337,7 +337,7 @@ TEST(DiskLog, WhereStandardErrorIsTheNullDeviceAllThatGoesThereGoesToTheSystemLo
         if (call.name != "syslog"sv)
             return 0;
         sent.push_back(std::to_string(call.descriptor) + " " + call.path);
-        return EPERM; // the machine's own log is spared
+        return os::callAnswered; // the machine's own log is spared
     });
     const os::Descriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
     DiskLog log(10, null.Get());
@@ -359,6 +359,33 @@ TEST(DiskLog, WhereStandardErrorIsTheNullDeviceAllThatGoesThereGoesToTheSystemLo
     other.Write("I\n", false, LogLevel::Info);
     other.FlushAtEnd();
     EXPECT_THAT(sent, testing::ElementsAre("5 M", "6 I", "7 D", "7 T", "6 I"));
+}
+
+TEST(DiskLog, LinesThatWentNowhereAreCountedAndToldAsSoonAsThatWorks)
+{
+    const TempFolder folder;
+    int answer = os::callAnswered;
+    const CallWatch watch([&](const os::Call& call) { return call.name == "syslog"sv ? answer : 0; });
+    const os::Descriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    DiskLog log(5, null.Get());
+    log.SetFile(folder / "missing/x.log");
+    log.Write("kept\n", false);
+    log.Write("into the system log\n", false);
+    answer = ENOENT;
+    log.Write("nowhere\n", false);
+    log.Write("nowhere\n", false);
+    log.Write("on the terminal\n", true);
+    ASSERT_EQ(::mkdir((folder / "missing").c_str(), 0700), 0);
+    log.Flush();
+    const std::vector<std::string> lines = LinesOf(ReadFile(folder / "missing/x.log"));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "kept");
+    EXPECT_THAT(lines[1],
+                HasSubstr("/log] 2 lines could not be written here and went to standard error or the system log"));
+    EXPECT_THAT(lines[2],
+                HasSubstr("/log] 2 lines could be written nowhere, neither here nor to the system log, and are lost"));
+    log.Write("later\n", false);
+    EXPECT_THAT(LinesOf(ReadFile(folder / "missing/x.log")).size(), 4u) << "told once";
 }
 
 TEST(DiskLog, FileThatCannotBeOpenedIsSaidOnceAndTriedAgain)

@@ -25,13 +25,14 @@ class LastResort : public testing::Test
 protected:
     // The lines that the system's log would have got; the machine's own is spared.
     std::vector<std::string> m_sent;
+    int m_answer = os::callAnswered; // an error where no logger takes the line
 
 private:
     ::Test::CallWatch m_watch{[this](const os::Call& call) {
         if (call.name != "syslog"sv)
             return 0;
         m_sent.emplace_back(call.path);
-        return EPERM;
+        return m_answer;
     }};
 };
 
@@ -41,7 +42,7 @@ TEST_F(LastResort, IsStandardError)
 {
     const ::Test::TempFolder folder;
     const os::Descriptor file(os::Open((folder / "x").c_str(), O_WRONLY | O_CREAT, 0600));
-    os::WriteLastResort(file.Get(), os::severityError, {"one ", "two\n", "three"});
+    EXPECT_TRUE(os::WriteLastResort(file.Get(), os::severityError, {"one ", "two\n", "three"}));
     EXPECT_EQ(::Test::ReadFile(folder / "x"), "one two\nthree");
     EXPECT_THAT(m_sent, ElementsAre());
 }
@@ -50,8 +51,20 @@ TEST_F(LastResort, IsTheSystemsLogLineByLineWhereStandardErrorIsTheNullDevice)
 {
     const os::Descriptor null(os::Open("/dev/null", O_WRONLY));
     os::SetLastError(ENOSPC);
-    os::WriteLastResort(null.Get(), os::severityError, {"one ", "two\n\nth", "ree"});
+    EXPECT_TRUE(os::WriteLastResort(null.Get(), os::severityError, {"one ", "two\n\nth", "ree"}));
     EXPECT_THAT(m_sent, ElementsAre("one two", "three"));
+    EXPECT_EQ(os::LastError(), ENOSPC);
+}
+
+TEST_F(LastResort, TellsWhatWentNowhere)
+{
+    const os::Descriptor null(os::Open("/dev/null", O_WRONLY));
+    m_answer = ENOENT;
+    os::SetLastError(ENOSPC);
+    EXPECT_FALSE(os::WriteLastResort(null.Get(), os::severityError, {"one\n"}));
+    EXPECT_EQ(os::LastError(), ENOSPC);
+    const os::Descriptor full(os::Open("/dev/full", O_WRONLY));
+    EXPECT_FALSE(os::WriteLastResort(full.Get(), os::severityError, {"", "one\n", ""}));
     EXPECT_EQ(os::LastError(), ENOSPC);
 }
 
