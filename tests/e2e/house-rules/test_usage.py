@@ -42,6 +42,8 @@ def call(*command, **options):
     (["tools/build"], "usage: tools/build PRESET"),
     (["tools/build", "nonsense"], "there is no preset 'nonsense'"),
     (["tools/bench", "nonsense"], "there is no benchmark 'nonsense', but bench_dom "),
+    (["tools/mutate"], "name sources, or --again"),
+    (["tools/mutate", "src/nonsense.cpp"], "src/nonsense.cpp is no source of the launcher, the core library or the binder"),
     (["tools/run_tree", "nonsense"], "usage: tools/run_tree STAGE PACKAGES TREE"),
     (["tools/sandbox"], "usage: tools/sandbox COMMAND"),
     (["tools/setup", "nonsense"], "usage: tools/setup"),
@@ -55,7 +57,7 @@ def test_a_wrong_call_is_told_and_nothing_is_done(command, words):
 
 @pytest.mark.parametrize("command, word", [
     ("./run", "build"), ("./test", "build"), ("tools/build", "release"), ("tools/bench", "bench_dom"), ("tools/setup", "Installs"),
-    ("tools/coverage", "coverage"),
+    ("tools/coverage", "coverage"), ("tools/mutate", "one line"),
 ])
 def test_help_is_given_before_anything_is_built(command, word):
     result = call(command, "--help", capture_output=True, text=True)
