@@ -3,7 +3,7 @@
 
 #include "vex/apps/vex/os/process.h"
 
-#include "support/forked_process.h"
+#include "support/child.h"
 #include "support/other_user.h"
 #include "support/temp_folder.h"
 
@@ -23,6 +23,8 @@ using VexOs::System;
 
 using ::Test::InChild;
 using ::Test::Pipe;
+using ::Test::WaitForCode;
+using ::Test::WaitingChild;
 
 namespace {
 LockResult Take(const std::string& path)
@@ -39,6 +41,16 @@ LockResult TakeElsewhere(const std::string& path)
         pid_t holder = 0;
         return static_cast<int>(locks.TakeInstance(path.c_str(), holder));
     }));
+}
+
+pid_t ForkByTheDoorway()
+{
+    return System().Fork();
+}
+
+pid_t ForkWorker()
+{
+    return System().ForkWorker();
 }
 
 // A lock that is not the doorway's, on bytes of the file.
@@ -124,11 +136,8 @@ TEST_F(AgentLocks, TheInstanceLockSurvivesTheForksOfTheDetachWithoutAGap)
         }
         detached.CloseEnd(1);
         tried.CloseEnd(1);
-        int status = -1;
-        ASSERT_EQ(::waitpid(starter, &status, 0), starter);
-        ASSERT_EQ(status, 0);
-        ASSERT_EQ(::waitpid(newcomer, &status, 0), newcomer);
-        ASSERT_EQ(status, 0) << "somebody else had it in between";
+        ASSERT_EQ(WaitForCode(starter), 0);
+        ASSERT_EQ(WaitForCode(newcomer), 0) << "somebody else had it in between";
     }
 }
 
@@ -137,20 +146,13 @@ TEST_F(AgentLocks, AParentHasNoPartInTheInstanceLockOnceItsChildHasIt)
     EXPECT_EQ(InChild([&] {
                   if (Take(m_path) != LockResult::Taken)
                       return 1;
-                  Pipe go;
-                  const pid_t heir = System().Fork();
-                  if (heir == 0) {
-                      go.CloseEnd(1);
-                      go.Read();
+                  WaitingChild heir(ForkByTheDoorway, [&] {
                       System().ReleaseInstanceLock();
-                      ::_exit(TakeElsewhere(m_path) == LockResult::Taken ? 0 : 1);
-                  }
+                      return TakeElsewhere(m_path) == LockResult::Taken ? 0 : 1;
+                  });
                   if (TakeElsewhere(m_path) != LockResult::HeldByOther)
                       return 2;
-                  go.CloseEnd(1);
-                  int status = -1;
-                  ::waitpid(heir, &status, 0);
-                  return status == 0 ? 0 : 3;
+                  return heir.LetGo() == 0 ? 0 : 3;
               }),
               0);
 }
@@ -162,25 +164,21 @@ TEST_F(AgentLocks, AChildThatFindsTheInstanceLockWithSomebodyElseEnds)
                       return 1;
                   System().ReleaseInstanceLock();
                   Pipe ready;
-                  Pipe go;
-                  const pid_t other = ::fork();
-                  if (other == 0) {
-                      go.CloseEnd(1);
-                      const int file = ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
-                      ready.Write(LockBytes(file, F_SETLK, F_WRLCK, 0, 3) ? 'y' : 'n');
-                      go.Read();
-                      ::_exit(0);
-                  }
+                  WaitingChild other([&] {
+                      const pid_t forked = ::fork();
+                      if (forked == 0) {
+                          const int file = ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+                          ready.Write(LockBytes(file, F_SETLK, F_WRLCK, 0, 3) ? 'y' : 'n');
+                      }
+                      return forked;
+                  });
                   if (ready.Read() != 'y')
                       return 2;
                   const pid_t heir = System().Fork();
                   if (heir == 0)
                       ::_exit(9); // goes on
-                  go.CloseEnd(1);
-                  int status = -1;
-                  ::waitpid(heir, &status, 0);
-                  ::waitpid(other, nullptr, 0);
-                  return status == 0 ? 0 : 3;
+                  other.LetGo();
+                  return WaitForCode(heir) == 0 ? 0 : 3;
               }),
               0);
 }
@@ -191,24 +189,17 @@ TEST_F(AgentLocks, BothFilesAreLocked)
     EXPECT_EQ(InChild([&] {
                   if (Take(m_path) != LockResult::Taken || Take(second) != LockResult::Taken)
                       return 1;
-                  Pipe go;
-                  const pid_t heir = System().Fork();
-                  if (heir == 0) {
-                      go.CloseEnd(1);
-                      go.Read();
+                  WaitingChild heir(ForkByTheDoorway, [&] {
                       for (const std::string& path : {m_path, second})
                           if (TakeElsewhere(path) != LockResult::HeldByOther)
-                              ::_exit(1);
+                              return 1;
                       System().ReleaseInstanceLock();
                       for (const std::string& path : {m_path, second})
                           if (TakeElsewhere(path) != LockResult::Taken)
-                              ::_exit(2);
-                      ::_exit(0);
-                  }
-                  go.CloseEnd(1);
-                  int status = -1;
-                  ::waitpid(heir, &status, 0);
-                  return status == 0 ? 0 : 2;
+                              return 2;
+                      return 0;
+                  });
+                  return heir.LetGo() == 0 ? 0 : 2;
               }),
               0);
 }
@@ -281,25 +272,19 @@ TEST_F(AgentLocks, AWorkerHoldsItsLockToItsEndAndHasNoPartInTheInstanceLock)
     EXPECT_EQ(InChild([&] {
                   if (Take(m_path) != LockResult::Taken || System().FindOtherWorker() != 0)
                       return 1;
-                  Pipe go;
-                  const pid_t worker = System().ForkWorker();
-                  if (worker == 0) {
-                      go.CloseEnd(1);
-                      go.Read();
-                      ::_exit(0);
-                  }
-                  if (System().FindOtherWorker() != worker)
+                  WaitingChild worker(ForkWorker);
+                  if (System().FindOtherWorker() != worker.Id())
                       return 2;
                   if (TakeElsewhere(m_path) != LockResult::HeldByOther)
                       return 3; // the fork took it away
                   System().ReleaseInstanceLock();
                   if (TakeElsewhere(m_path) != LockResult::Taken)
                       return 4;
-                  go.CloseEnd(1);
+                  worker.Release();
                   System().WaitForOtherWorker();
                   if (System().FindOtherWorker() != 0)
                       return 5;
-                  return ::waitpid(worker, nullptr, 0) == worker ? 0 : 6;
+                  return worker.LetGo() == 0 ? 0 : 6;
               }),
               0);
 }
@@ -310,25 +295,18 @@ TEST_F(AgentLocks, AWorkerIsFoundByEitherFile)
     EXPECT_EQ(InChild([&] {
                   if (Take(m_path) != LockResult::Taken || Take(second) != LockResult::Taken)
                       return 1;
-                  Pipe go;
-                  const pid_t worker = System().ForkWorker();
-                  if (worker == 0) {
-                      go.CloseEnd(1);
-                      go.Read();
-                      ::_exit(0);
-                  }
+                  WaitingChild worker(ForkWorker);
                   System().ReleaseInstanceLock();
                   for (const std::string& path : {m_path, second})
                       if (InChild([&] {
                               VexOs::AgentLocks locks;
                               pid_t holder = 0;
                               locks.TakeInstance(path.c_str(), holder);
-                              return locks.FindOtherWorker() == worker ? 0 : 1;
+                              return locks.FindOtherWorker() == worker.Id() ? 0 : 1;
                           })
                           != 0)
                           return 2;
-                  go.CloseEnd(1);
-                  return ::waitpid(worker, nullptr, 0) == worker ? 0 : 3;
+                  return worker.LetGo() == 0 ? 0 : 3;
               }),
               0);
 }
@@ -349,18 +327,11 @@ TEST_F(AgentLocks, TheForkOfAWorkerIsOverWhenTheWorkerHasItsLock)
                   }
                   if (ready.Read() != 'y')
                       return 2;
-                  Pipe go;
-                  const pid_t worker = System().ForkWorker();
-                  if (worker == 0) {
-                      go.CloseEnd(1);
-                      go.Read();
-                      ::_exit(0);
-                  }
+                  WaitingChild worker(ForkWorker);
                   const pid_t found = System().FindOtherWorker();
-                  go.CloseEnd(1);
-                  ::waitpid(worker, nullptr, 0);
-                  ::waitpid(former, nullptr, 0);
-                  return found == worker ? 0 : 3;
+                  worker.LetGo();
+                  WaitForCode(former);
+                  return found == worker.Id() ? 0 : 3;
               }),
               0);
 }
@@ -373,9 +344,7 @@ TEST_F(AgentLocks, TheForkOfAWorkerIsOverWhenTheWorkerIsGone)
                   const pid_t worker = System().ForkWorker();
                   if (worker == 0)
                       ::_exit(7);
-                  int status = 0;
-                  ::waitpid(worker, &status, 0);
-                  return WEXITSTATUS(status) == 7 ? 0 : 2;
+                  return WaitForCode(worker) == 7 ? 0 : 2;
               }),
               0);
 }
@@ -389,9 +358,7 @@ TEST_F(AgentLocks, AWorkerWhoseSupervisorHasGivenUpTheInstanceLockEndsBeforeItDo
                   const pid_t worker = System().ForkWorker();
                   if (worker == 0)
                       ::_exit(9); // runs the application
-                  int status = -1;
-                  ::waitpid(worker, &status, 0);
-                  return status == 0 ? 0 : 2;
+                  return WaitForCode(worker) == 0 ? 0 : 2;
               }),
               0);
 }
@@ -402,10 +369,9 @@ TEST_F(AgentLocks, WithoutAFileThereIsNothingToWaitFor)
                   const pid_t worker = System().ForkWorker();
                   if (worker == 0)
                       ::_exit(9);
-                  int status = -1;
-                  ::waitpid(worker, &status, 0);
+                  const int code = WaitForCode(worker);
                   System().WaitForOtherWorker();
-                  return System().FindOtherWorker() == 0 && WEXITSTATUS(status) == 9 ? 0 : 1;
+                  return System().FindOtherWorker() == 0 && code == 9 ? 0 : 1;
               }),
               0);
 }

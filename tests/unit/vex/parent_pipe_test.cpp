@@ -33,6 +33,7 @@ static int CreatePipe(int* ends)
 #undef pthread_create
 #undef VexOs
 
+#include "support/child.h"
 #include "support/log_catcher.h"
 
 #include <csignal>
@@ -44,19 +45,10 @@ static int CreatePipe(int* ends)
 #include <sys/wait.h>
 
 using namespace VexOsWithoutParentDeath;
+using ::Test::InChild;
+using ::Test::Pipe;
 
 namespace {
-// What a child of this process tells by its exit code.
-int InChild(int (*body)())
-{
-    const pid_t child = ::fork();
-    if (child == 0)
-        ::_exit(body());
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 bool SaysThatItCannotWatch(const ::Test::LogCatcher& log, const std::string& why)
 {
     return log.Count(wxLOG_Error, "Unable to watch the supervisor: if it is killed, this process runs on (error " + why)
@@ -67,39 +59,31 @@ bool SaysThatItCannotWatch(const ::Test::LogCatcher& log, const std::string& why
 
 TEST(ParentPipe, EndOfTheSupervisorIsASigtermForItsChild)
 {
-    int told[2], follows[2];
-    ASSERT_EQ(::pipe(told), 0);
-    ASSERT_EQ(::pipe(follows), 0);
+    Pipe told;
+    Pipe follows;
     const pid_t supervisor = ::fork();
     if (supervisor == 0) {
         PrepareToBeFollowed();
         PrepareToBeFollowed(); // for another child: it is the same pipe
         const pid_t self = ::getpid();
         if (::fork() != 0) {
-            ::close(told[0]);
-            ::close(told[1]);
-            char word = 0;
-            ::_exit(::read(follows[0], &word, 1) == 1 ? 0 : 1);
+            told.CloseEnd(1);
+            ::_exit(follows.Read() == 'f' ? 0 : 1);
         }
         sigset_t term;
         sigemptyset(&term);
         sigaddset(&term, SIGTERM);
         ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
         char answer = FollowParent(self) ? 'n' : 'g';
-        if (::write(follows[1], "", 1) != 1)
-            answer = 'w';
+        follows.Write('f');
         const timespec limit = {10, 0};
         if (answer == 'n' && ::sigtimedwait(&term, nullptr, &limit) == SIGTERM)
             answer = 'y';
-        const ssize_t written = ::write(told[1], &answer, 1);
-        ::_exit(written == 1 ? 0 : 1);
+        told.Write(answer);
+        ::_exit(0);
     }
-    ::close(told[1]);
-    char answer = 0;
-    EXPECT_EQ(::read(told[0], &answer, 1), 1);
-    EXPECT_EQ(answer, 'y');
-    for (const int end : {told[0], follows[0], follows[1]})
-        ::close(end);
+    told.CloseEnd(1);
+    EXPECT_EQ(told.Read(), 'y');
     ::waitpid(supervisor, nullptr, 0);
 }
 

@@ -3,7 +3,7 @@
 
 #include "vex/apps/vex/os/process.h"
 
-#include "support/forked_process.h"
+#include "support/child.h"
 #include "support/joining_thread.h"
 
 #include "vex/core/sendsignal.h"
@@ -11,8 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <functional>
-#include <thread>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -27,6 +26,7 @@ using VexOs::System;
 
 using ::Test::InChild;
 using ::Test::Pipe;
+using ::Test::WaitingChild;
 
 TEST(ProcessSystem, AWorkerWhoseSupervisorEndsGetsASigterm)
 {
@@ -61,18 +61,20 @@ TEST(ProcessSystem, AWorkerWhoseSupervisorIsGoneAlreadyIsToldSo)
               0);
 }
 
-TEST(ProcessSystem, TheFirstChildWaitsForTheEndOfTheStartingProcess)
+namespace {
+// What is told while a child waits for the end of the process that has forked it: 'r' by the child before, 's' by the
+// other when it ends, and what `wait` tells.
+std::string ToldAroundTheEndOfAStarter(pid_t (*fork)(), void (*wait)(Pipe& told, pid_t starter))
 {
     Pipe go;
     Pipe told;
     const pid_t starter = ::fork();
     if (starter == 0) {
-        if (System().ForkFirstChild() == 0) {
+        const pid_t self = ::getpid();
+        if (fork() == 0) {
             go.CloseEnd(1);
             told.Write('r');
-            System().WaitForStarter();
-            System().WaitForStarter(); // nobody is there any more
-            told.Write('c');
+            wait(told, self);
             ::_exit(0);
         }
         go.CloseEnd(1);
@@ -80,42 +82,37 @@ TEST(ProcessSystem, TheFirstChildWaitsForTheEndOfTheStartingProcess)
         told.Write('s');
         ::_exit(0);
     }
-    EXPECT_EQ(told.Read(), 'r');
+    told.CloseEnd(1);
+    std::string all(1, told.Read());
     ::usleep(20000);
     go.CloseEnd(1);
-    EXPECT_EQ(told.Read(), 's');
-    EXPECT_EQ(told.Read(), 'c');
+    while (const char byte = told.Read())
+        all += byte;
     ::waitpid(starter, nullptr, 0);
+    return all;
+}
+
+} // namespace
+
+TEST(ProcessSystem, TheFirstChildWaitsForTheEndOfTheStartingProcess)
+{
+    const auto wait = [](Pipe& told, pid_t) {
+        System().WaitForStarter();
+        System().WaitForStarter(); // nobody is there any more
+        told.Write('c');
+    };
+    EXPECT_EQ(ToldAroundTheEndOfAStarter([] { return System().ForkFirstChild(); }, wait), "rsc");
 }
 
 TEST(ProcessSystem, AChildWaitsUntilItHasAnotherParent)
 {
-    Pipe go;
-    Pipe told;
-    const pid_t starter = ::fork();
-    if (starter == 0) {
-        const pid_t parent = ::getpid();
-        if (System().Fork() == 0) {
-            go.CloseEnd(1);
-            told.Write('r');
-            System().WaitForAdoption(parent);
-            told.Write(::getppid() == parent ? 'p' : 'c');
-            System().WaitForAdoption(parent); // it is gone already
-            told.Write('e');
-            ::_exit(0);
-        }
-        go.CloseEnd(1);
-        go.Read();
-        told.Write('s');
-        ::_exit(0);
-    }
-    EXPECT_EQ(told.Read(), 'r');
-    ::usleep(20000);
-    go.CloseEnd(1);
-    EXPECT_EQ(told.Read(), 's');
-    EXPECT_EQ(told.Read(), 'c');
-    EXPECT_EQ(told.Read(), 'e');
-    ::waitpid(starter, nullptr, 0);
+    const auto wait = [](Pipe& told, pid_t starter) {
+        System().WaitForAdoption(starter);
+        told.Write(::getppid() == starter ? 'p' : 'c');
+        System().WaitForAdoption(starter); // it is gone already
+        told.Write('e');
+    };
+    EXPECT_EQ(ToldAroundTheEndOfAStarter([] { return System().Fork(); }, wait), "rsce");
 }
 
 TEST(ProcessSystem, AParentThatDoesNotEndIsWaitedForForSomeSeconds)
@@ -164,38 +161,24 @@ TEST(ProcessSystem, APendingSigtermIsPassedOnUnlessItCameFromThere)
 // Between the wait for a child and the note that none runs its id may become a stranger's.
 TEST(ProcessSystem, ASignalForAChildReachesNobodyElseOnceTheChildHasBeenWaitedFor)
 {
-    Pipe go;
-    const pid_t stranger = ::fork();
-    if (stranger == 0) {
-        go.CloseEnd(1);
-        go.Read();
-        ::_exit(3);
-    }
+    WaitingChild stranger(::fork, [] { return 3; });
     EXPECT_EQ(InChild([&] {
-                  go.CloseEnd(1);
+                  stranger.Release(); // its other half is the test's
                   // Alive, and the id of a process, but of none of ours: what a reused id is.
-                  System().SignalChild(stranger, SIGTERM);
+                  System().SignalChild(stranger.Id(), SIGTERM);
                   return 0;
               }),
               0);
-    go.CloseEnd(1);
-    int status = -1;
-    ASSERT_EQ(::waitpid(stranger, &status, 0), stranger);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+    EXPECT_EQ(stranger.LetGo(), 3);
 }
 
 TEST(ProcessSystem, ASignalForAChildReachesItWhileItRunsAndLeavesItsEndToTheWait)
 {
-    Pipe go;
-    const pid_t child = ::fork();
-    if (child == 0) {
-        go.CloseEnd(1);
-        go.Read();
-        ::_exit(3);
-    }
+    const WaitingChild waiting(::fork);
+    const pid_t child = waiting.Id();
     System().SignalChild(child, SIGTERM);
     siginfo_t information;
-    ASSERT_EQ(::waitid(P_PID, child, &information, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(::waitid(P_PID, child, &information, WEXITED | WNOWAIT), 0);
     System().SignalChild(child, SIGTERM); // it is not anybody else's yet
     int status = -1;
     EXPECT_EQ(System().Wait(child, status), child);
@@ -298,7 +281,7 @@ TEST(ProcessSystem, AStoppedChildHasNotEnded)
         ::_exit(5);
     }
     siginfo_t information;
-    ASSERT_EQ(::waitid(P_PID, child, &information, WSTOPPED | WNOWAIT), 0);
+    EXPECT_EQ(::waitid(P_PID, child, &information, WSTOPPED | WNOWAIT), 0);
     const pid_t waker = ::fork();
     if (waker == 0) {
         ::usleep(50000);

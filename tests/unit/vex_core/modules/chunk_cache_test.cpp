@@ -1,8 +1,10 @@
 #include "vex_core/modules/chunk_caches.h"
 
+#include "support/child.h"
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
 #include "support/other_user.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 #include "vex_core/os/call_observer.h"
 
@@ -16,7 +18,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace VexCore;
@@ -114,14 +115,11 @@ TEST_F(CachedChunk, WhatHasWaitedTwoSecondsIsWrittenAtTheNextLookup)
 TEST_F(CachedChunk, WhatWaitsIsWrittenWhenTheProcessExits)
 {
     // A chunk is added in a child that ends by exit, as a host does that never closes its interpreter.
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const auto add = [this] {
         ChunkCaches::Process().Get(m_cacheFolder, std::string(64, 'c'))->Add("/x.vxe/a.lua", 6, "code");
-        std::exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
+        return 0;
+    };
+    ASSERT_TRUE(::Test::RunChild(add).Exited(0));
     EXPECT_TRUE(
         ChunkCaches::Process().Get(m_cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", m_buffer, m_chunk));
 }
@@ -130,13 +128,7 @@ TEST_F(CachedChunk, WhatWaitsInAProcessIsNotWrittenByItsChild)
 {
     const auto cache = Fresh();
     cache->Add("/x.vxe/a.lua", 6, "code");
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0)
-        std::exit(0);
-    int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(::Test::RunChild([] { return 0; }).Exited(0));
     EXPECT_FALSE(std::filesystem::exists(m_cacheFolder));
     cache->Flush();
     EXPECT_EQ(Names(m_cacheFolder).size(), 1u);
@@ -279,7 +271,7 @@ TEST_F(CachedChunk, AFileInUseIsMarkedSo)
     cache->Add("/x.vxe/a.lua", 6, "code");
     cache->Flush();
     cache.reset();
-    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder)[0];
+    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder).at(0);
     struct timespec times[2] = {{1000, 0}, {1000, 0}};
     ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
     EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk));
@@ -294,7 +286,7 @@ TEST_F(CachedChunk, AFileThatIsALinkOrReadableByOthersIsNotUsed)
     cache->Add("/x.vxe/a.lua", 6, "code");
     cache->Flush();
     cache.reset();
-    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder)[0];
+    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder).at(0);
     ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
     EXPECT_FALSE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk));
     ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
@@ -350,6 +342,7 @@ TEST_F(CachedChunk, EveryFailingCallCostsOnlyTime)
 
 TEST_F(CachedChunk, AProcessKilledAtAnyCallLeavesAWholeFile)
 {
+    const ::Test::Restored restored(g_fatal);
     g_fatal = true;
     for (g_failAt = 1; g_failAt < 200; ++g_failAt) {
         std::filesystem::remove_all(m_cacheFolder);
@@ -358,28 +351,23 @@ TEST_F(CachedChunk, AProcessKilledAtAnyCallLeavesAWholeFile)
             before.Add("/x.vxe/a.lua", 6, "a");
             before.Flush();
         }
-        const pid_t child = ::fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
+        const int code = ::Test::InChild([this] {
             g_calls = 0;
             os::SetCallObserver(FailNth);
             ChunkCache cache(m_cacheFolder, key);
             cache.Add("/x.vxe/b.lua", 6, "b");
             cache.Flush();
-            ::_exit(0);
-        }
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFEXITED(status));
+            return 0;
+        });
+        ASSERT_GE(code, 0);
         ChunkCache after(m_cacheFolder, key);
         EXPECT_TRUE(after.Find("/x.vxe/a.lua", m_buffer, m_chunk)) << g_failAt;
         after.Add("/x.vxe/c.lua", 6, "c");
         after.Flush();
         EXPECT_TRUE(after.Find("/x.vxe/c.lua", m_buffer, m_chunk)) << g_failAt;
-        if (WEXITSTATUS(status) == 0)
+        if (code == 0)
             break;
     }
-    g_fatal = false;
     EXPECT_GT(g_failAt, 10);
     EXPECT_LT(g_failAt, 200);
 }

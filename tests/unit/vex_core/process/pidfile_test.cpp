@@ -2,6 +2,7 @@
 #include "vex_core/os/process_info.h"
 #include "vex_core/process/pidfile_text.h"
 
+#include "support/child.h"
 #include "support/fail_nth.h"
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
@@ -146,10 +147,7 @@ TEST_F(PidFile, ReusedPidIsNobody)
 
 TEST_F(PidFile, ProcessThatEndedButWasNotWaitedForIsNobody)
 {
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0)
-        _exit(0);
+    const pid_t pid = ::Test::Fork([] { return 0; }, true);
     siginfo_t ended;
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT), 0);
     EXPECT_EQ(ReadText(std::to_string(pid) + "\n"), 0);

@@ -30,7 +30,6 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <wx/filefn.h>
 #include <wx/filename.h>
@@ -735,23 +734,18 @@ TEST_F(UnzippingUnderFaults, ProcessThatEndsAtAnyCallLeavesOldOrNewFilesAndTheNe
     for (int n = 1;; ++n) {
         SCOPED_TRACE("call " + std::to_string(n));
         MakeOld();
-        const pid_t child = ::fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
+        const int code = InChild([&] {
             Plan plan;
             plan.exitAt = n;
             const Observed observed(plan);
-            ::_exit(Run() ? 0 : 1);
-        }
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFEXITED(status));
+            return Run() ? 0 : 1;
+        });
         ExpectEachFileOldOrNew();
-        if (WEXITSTATUS(status) == 0) {
+        if (code == 0) {
             EXPECT_GT(n, 80);
             break;
         }
-        ASSERT_EQ(WEXITSTATUS(status), 99);
+        ASSERT_EQ(code, 99);
         sweeps += HasTemporaries(m_root);
         ASSERT_TRUE(Run());
         ExpectAllNew();
@@ -765,20 +759,16 @@ TEST_F(UnzippingUnderFaults, RunWithAnotherArchiveOrARemovalSweepsToo)
     WriteFile(m_archive, Package().Build());
     for (const bool removal : {false, true}) {
         MakeOld();
-        const pid_t child = ::fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
+        const int code = InChild([&] {
             Plan plan;
             plan.look = [](const os::Call& call) {
                 if (std::strcmp(call.name, "renameat") == 0)
                     ::_exit(99);
             };
             const Observed observed(plan);
-            ::_exit(Run() ? 0 : 1);
-        }
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        ASSERT_EQ(WEXITSTATUS(status), 99);
+            return Run() ? 0 : 1;
+        });
+        ASSERT_EQ(code, 99);
         ASSERT_TRUE(HasTemporaries(m_root + "/lib"));
         WriteFile(m_folder / "other.zip", ZipBuilder().Build());
         const std::string archive = m_archive;
@@ -798,17 +788,14 @@ TEST_F(UnzippingUnderFaults, TemporaryFilesOfALiveRunAreNotSwept)
         MakeOld();
         EXPECT_TRUE(Run([&](const Seen& seen) {
             if (seen.name == "lib/b.lua") {
-                const auto yes = [](void*, const wxZipEntry*, const wxString*) { return true; };
-                const pid_t child = fork ? ::fork() : 0;
-                const bool done = child != 0
-                                  || Unzip(wxFileName(wxString::FromUTF8(m_folder / "other.zip")),
-                                           wxFileName::DirName(wxString::FromUTF8(m_root)), yes, nullptr);
-                if (fork && child == 0)
-                    ::_exit(done ? 0 : 1);
-                int status = 0;
-                if (fork)
-                    ::waitpid(child, &status, 0);
-                EXPECT_TRUE(done && status == 0);
+                const auto runAnother = [this] {
+                    const auto yes = [](void*, const wxZipEntry*, const wxString*) { return true; };
+                    return Unzip(wxFileName(wxString::FromUTF8(m_folder / "other.zip")),
+                                 wxFileName::DirName(wxString::FromUTF8(m_root)), yes, nullptr)
+                               ? 0
+                               : 1;
+                };
+                EXPECT_EQ(fork ? InChild(runAnother) : runAnother(), 0);
                 EXPECT_TRUE(HasTemporaries(m_root));
             }
             return true;
@@ -1106,18 +1093,11 @@ TEST_F(Unzipping, MemoryDoesNotGrowWithTheSizeOfAnEntry)
         };
         const long before = peakKiB();
         const bool done = Run();
-        ::_exit(!done ? 1 : peakKiB() - before > 8 * 1024 ? 2 : 0);
+        return !done ? 1 : peakKiB() - before > 8 * 1024 ? 2 : 0;
     };
     // In a process of its own: the peak of this one has seen the archive being built.
     // A child begins with what is resident now.
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0)
-        run();
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(InChild(run), 0);
     EXPECT_EQ(fs::file_size(m_root + "/deflated"), piece.size() * pieces);
 }
 #endif
@@ -1133,12 +1113,12 @@ TEST_F(Unzipping, LimitsComeFromTheDomain)
     EXPECT_TRUE(Run(builder));
     dom->SetWx("app.unzip.maxbytes", static_cast<std::int64_t>(999));
     EXPECT_FALSE(Run(builder));
-    EXPECT_NE(m_log->Lines()[0].text.find("over 999 bytes"), std::string::npos) << m_log->Lines()[0].text;
+    EXPECT_NE(m_log->Text().find("over 999 bytes"), std::string::npos) << m_log->Text();
     dom->Set("app.unzip.maxbytes", "1000");
     EXPECT_TRUE(Run(builder));
     dom->SetWx("app.unzip.maxentries", static_cast<std::int64_t>(1));
     EXPECT_FALSE(Run(builder));
-    EXPECT_NE(m_log->Lines()[0].text.find("more than 1 entries"), std::string::npos) << m_log->Lines()[0].text;
+    EXPECT_NE(m_log->Text().find("more than 1 entries"), std::string::npos) << m_log->Text();
     dom->SetWx("app.unzip.maxentries", static_cast<std::int64_t>(-1));
     EXPECT_TRUE(Run(builder)) << "a limit below 0 is no limit that anyone meant";
 }
@@ -1152,10 +1132,10 @@ TEST_F(Unzipping, LimitsComeFromTheSettingsFileWhereTheDomainHasNone)
     ZipBuilder builder;
     builder.Add("a", "123456");
     EXPECT_FALSE(Run(builder));
-    EXPECT_NE(m_log->Lines()[0].text.find("over 5 bytes"), std::string::npos) << m_log->Lines()[0].text;
+    EXPECT_NE(m_log->Text().find("over 5 bytes"), std::string::npos) << m_log->Text();
     dom->SetWx("app.unzip.maxbytes", static_cast<std::int64_t>(1000));
     EXPECT_TRUE(Run(builder));
     builder.Add("b", "x");
     EXPECT_FALSE(Run(builder));
-    EXPECT_NE(m_log->Lines()[0].text.find("more than 1 entries"), std::string::npos) << m_log->Lines()[0].text;
+    EXPECT_NE(m_log->Text().find("more than 1 entries"), std::string::npos) << m_log->Text();
 }
