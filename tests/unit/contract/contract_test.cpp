@@ -6,6 +6,7 @@
 
 #include "support/log_catcher.h"
 #include "support/temp_folder.h"
+#include "support/test_thread.h"
 
 #include "vex/core/agentevent.h"
 #include "vex/core/clock.h"
@@ -24,7 +25,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -45,6 +45,7 @@
 #include <unistd.h>
 
 using namespace VexCore;
+using ::Test::TestThread;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -333,31 +334,17 @@ TEST_F(InterpreterContract, TheLoaderLeavesTheStackAsItWas)
 // --- threads
 
 namespace {
-class Body : public CRunnable
+// Overrides nothing but its body.
+class Unnamed : public CRunnable
 {
 public:
-    explicit Body(std::function<void(Body&)> run) : CRunnable(false, -1, false), m_run(std::move(run)) {}
-    ~Body() override
-    {
-        requestExit();
-        join();
-    }
+    Unnamed() : CRunnable(false, -1, false) {}
 
 protected:
-    void OnRun() override { m_run(*this); }
-
-private:
-    const std::function<void(Body&)> m_run;
+    void OnRun() override {}
 };
 
-class NamedBody : public Body
-{
-public:
-    using Body::Body;
-    const char* GetThreadName() const override { return "CNamed"; }
-};
-
-void SleepUntilAskedToEnd(Body& self)
+void SleepUntilAskedToEnd(TestThread& self)
 {
     while (!self.TestDestroy())
         ::usleep(1000);
@@ -369,7 +356,7 @@ using ThreadContract = CoreContract;
 
 TEST_F(ThreadContract, AThreadThatWasNotStartedIsJoinedAtOnce)
 {
-    Body body([](Body&) {});
+    TestThread body([](TestThread&) {});
     EXPECT_FALSE(body.Running());
     EXPECT_TRUE(body.join());
     EXPECT_TRUE(body.join(0));
@@ -382,7 +369,7 @@ TEST_F(ThreadContract, ABodyRunsOnceOnAThreadOfItsOwnThatKnowsItself)
     std::atomic<bool> other{false};
     std::atomic<CRunnable*> current{nullptr};
     const pthread_t self = ::pthread_self();
-    Body body([&](Body&) {
+    TestThread body([&](TestThread&) {
         ++runs;
         other = ::pthread_equal(self, ::pthread_self()) == 0;
         current = CRunnable::Current();
@@ -403,7 +390,7 @@ TEST_F(ThreadContract, ABodyRunsOnceOnAThreadOfItsOwnThatKnowsItself)
 
 TEST_F(ThreadContract, ARequestToEndIsSeenByTheBody)
 {
-    Body body(SleepUntilAskedToEnd);
+    TestThread body(SleepUntilAskedToEnd);
     ASSERT_TRUE(body.start(50, true, 0));
     EXPECT_TRUE(body.Running());
     EXPECT_FALSE(body.join(20)) << "nobody has asked";
@@ -415,7 +402,7 @@ TEST_F(ThreadContract, ARequestToEndIsSeenByTheBody)
 
 TEST_F(ThreadContract, DeletingAThreadAsksAndJoins)
 {
-    Body body(SleepUntilAskedToEnd);
+    TestThread body(SleepUntilAskedToEnd);
     ASSERT_TRUE(body.start(50, true, 0));
     EXPECT_EQ(body.Delete(), wxTHREAD_NO_ERROR);
     EXPECT_FALSE(body.Running());
@@ -423,7 +410,7 @@ TEST_F(ThreadContract, DeletingAThreadAsksAndJoins)
 
 TEST_F(ThreadContract, AnExceptionEndsItsThreadAlone)
 {
-    Body body([](Body&) { throw std::runtime_error("out of a body"); });
+    TestThread body([](TestThread&) { throw std::runtime_error("out of a body"); });
     ASSERT_TRUE(body.start(50, true, 0));
     EXPECT_TRUE(body.join());
     EXPECT_FALSE(body.Running());
@@ -431,8 +418,8 @@ TEST_F(ThreadContract, AnExceptionEndsItsThreadAlone)
 
 TEST_F(ThreadContract, AThreadIsNamedByItsClass)
 {
-    EXPECT_STREQ(Body(SleepUntilAskedToEnd).GetThreadName(), "CRunnable");
-    EXPECT_STREQ(NamedBody(SleepUntilAskedToEnd).GetThreadName(), "CNamed");
+    EXPECT_STREQ(Unnamed().GetThreadName(), "CRunnable");
+    EXPECT_STREQ(TestThread(SleepUntilAskedToEnd).GetThreadName(), "TestThread");
 }
 
 // --- processes and files

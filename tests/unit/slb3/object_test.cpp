@@ -9,7 +9,9 @@ using BoundObject = Binder;
 TEST_F(BoundObject, RecordOfAReferenceSaysSo)
 {
     lua_getglobal(L, "account");
-    const auto& record = *static_cast<ObjectRecord*>(lua_touserdata(L, -1));
+    const auto* const place = static_cast<const ObjectRecord*>(lua_touserdata(L, -1));
+    ASSERT_NE(place, nullptr);
+    const ObjectRecord& record = *place;
     EXPECT_EQ(record.flags, 2u) << "kind 2, policy 0";
     EXPECT_EQ(record.Kind(), StoragePointer);
     EXPECT_EQ(record.Policy(), PolicyReference);

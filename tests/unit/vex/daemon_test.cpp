@@ -109,7 +109,7 @@ TEST_F(BackgroundMode, StartsWhenThereIsNoPidFile)
 TEST_F(BackgroundMode, NamesItsPidFileAfterTheApplication)
 {
     RunToEnd(wxString::FromUTF8("m\xC3\xBCller agent"));
-    EXPECT_EQ(Journal().front(), "ReadPidFile(\"/var/run/m\xC3\xBCller agent.pid\")");
+    EXPECT_EQ(Journal().at(0), "ReadPidFile(\"/var/run/m\xC3\xBCller agent.pid\")");
 }
 
 TEST_F(BackgroundMode, ToleratesAPidFileOfADeadProcess)
@@ -117,7 +117,7 @@ TEST_F(BackgroundMode, ToleratesAPidFileOfADeadProcess)
     Answers().pidFileAnswers = {12345};
     m_system.ask = -ESRCH;
     EXPECT_EQ(RunToEnd().status, 0);
-    EXPECT_EQ(Journal()[1], "Ask(12345)");
+    EXPECT_EQ(Journal().at(1), "Ask(12345)");
     EXPECT_THAT(LogLines(), ElementsAre("Log(Info, \"/var/run/vx_agent.pid present (pid=12345), but doesn't seem to be "
                                         "running.\")"));
 }
@@ -437,7 +437,7 @@ TEST_F(BackgroundMode, FailsWhenItCannotWaitForTheChild)
     DetachToSupervisor();
     m_system.waits.push_back([] { return -ECHILD; });
     EXPECT_EQ(Run(), -1);
-    EXPECT_EQ(LogLines().size(), 1u);
+    ASSERT_EQ(LogLines().size(), 1u);
     EXPECT_EQ(LogLines()[0].find("Log(Error, \"Error waiting for child process (error 10: "), 0u) << LogLines()[0];
     EXPECT_EQ(Journal({"RemoveFile"}).size(), 1u);
 }

@@ -104,7 +104,7 @@ TEST_F(Plugins, PackagesAreProcessedInAscendingOrderOfTheirPaths)
     EXPECT_THAT(FakeCore::Journal({"Unzip("}),
                 ElementsAre(HasSubstr("/B.vxp"), HasSubstr("/a-1.vxp"), HasSubstr("/a.b.vxp"), HasSubstr("/a.vxp"),
                             HasSubstr("/b.vxp")));
-    EXPECT_EQ(FakeCore::Count(heartbeat), 1u);
+    ASSERT_EQ(FakeCore::Count(heartbeat), 1u);
     EXPECT_EQ(FakeCore::Journal().back(), heartbeat);
 }
 

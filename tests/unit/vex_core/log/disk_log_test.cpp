@@ -944,7 +944,7 @@ TEST(DiskLog, ThreadsNeverMixTheirRecords)
     for (const auto& entry : std::filesystem::directory_iterator(folder.Path()))
         for (const std::string& line : LinesOf(ReadFile(entry.path().string()))) {
             ++count;
-            EXPECT_EQ(std::string(line.size(), line.front()), line);
+            EXPECT_EQ(std::string(line.size(), line.at(0)), line);
         }
     EXPECT_EQ(count, 4000u);
 }

@@ -6,9 +6,9 @@
 #include "support/joining_thread.h"
 #include "support/stranger.h"
 #include "support/temp_folder.h"
+#include "support/test_thread.h"
 #include "vex/core/crash.h"
 #include "vex/core/dom.h"
-#include "vex/core/runnable.h"
 #include "vex_core/base/text.h"
 #include "vex_core/base/thread_name.h"
 #include "vex_core/log/disk_log.h"
@@ -101,32 +101,6 @@ private:
     const wxLogLevel m_levelBefore = wxLog::GetLogLevel();
 };
 
-class LoggingThread : public VexCore::CRunnable
-{
-public:
-    LoggingThread() : CRunnable(false, -1, false) {}
-    const char* GetThreadName() const override { return "CTestThread"; }
-
-protected:
-    void OnRun() override { wxLogWarning("from a thread"); }
-};
-
-class ExitingThread : public LoggingThread
-{
-protected:
-    void OnRun() override { std::exit(5); }
-};
-
-class CrashingThread : public LoggingThread
-{
-protected:
-    void OnRun() override
-    {
-        wxLogWarning("before the crash");
-        std::abort();
-    }
-};
-
 } // namespace
 
 TEST_F(LogToDisk, LineHasTimeLevelProcessThreadAndText)
@@ -143,15 +117,18 @@ TEST_F(LogToDisk, LinesOfAThreadAndOfItsCrashCarryOneName)
     RunChild([this] {
         const std::string dump = m_folder / "dump";
         EXPECT_TRUE(VexCore::InitCrashHandler(wxString(dump), wxS("agent"), false));
-        CrashingThread thread;
+        ::Test::TestThread thread([](::Test::TestThread&) {
+            wxLogWarning("before the crash");
+            std::abort();
+        });
         thread.start(50, false, 0);
         thread.join(-1);
         return 0;
     });
     const std::vector<std::string> lines = Lines();
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_THAT(lines[0], HasSubstr("/CTestThread] before the crash"));
-    EXPECT_THAT(lines[1], HasSubstr("/CTestThread] agent crashed: signal 6 (SIGABRT)"));
+    EXPECT_THAT(lines[0], HasSubstr("/TestThread] before the crash"));
+    EXPECT_THAT(lines[1], HasSubstr("/TestThread] agent crashed: signal 6 (SIGABRT)"));
 }
 
 TEST_F(LogToDisk, NameOfTheCrashedThreadDoesNothingToATerminalAndStartsNoLine)
@@ -279,10 +256,10 @@ TEST_F(LogToDisk, NameStaysInsideTheFolder)
 TEST_F(LogToDisk, ThreadOfOursLogsAtOnceUnderItsName)
 {
     MakeRoot();
-    LoggingThread thread;
+    ::Test::TestThread thread([](::Test::TestThread&) { wxLogWarning("from a thread"); });
     ASSERT_TRUE(thread.start(50, true, 0));
     ASSERT_TRUE(thread.join());
-    EXPECT_THAT(Text(), EndsWith("/CTestThread] from a thread\n"));
+    EXPECT_THAT(Text(), EndsWith("/TestThread] from a thread\n"));
 }
 
 TEST_F(LogToDisk, OtherThreadsLinesComeOutOfTheFrameworksQueue)
@@ -431,7 +408,7 @@ TEST_F(LogToDisk, QueuedLinesAreNotThoseOfTheThreadThatEndsTheProcess)
     MakeRoot();
     const ChildResult result = RunChild([] {
         LogFromAStranger("queued");
-        ExitingThread thread;
+        ::Test::TestThread thread([](::Test::TestThread&) { std::exit(5); });
         thread.start(50, false, 0);
         thread.join(-1);
         return 0;

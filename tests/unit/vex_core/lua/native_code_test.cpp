@@ -1,6 +1,7 @@
 // Native modules of Lua code: their code stays in the process until its end, whatever becomes of the state that has
 // loaded them. Each test runs in a process of its own, as the module stays.
 
+#include "support/need.h"
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 #include "vex/core/luainterpreter.h"
@@ -90,7 +91,7 @@ TEST_F(NativeCode, StaysWhenAWorkerThatLoadedItEnds)
             ::Test::WriteFile(folder / "job.lua", "return {run = function()\n" + std::string(loadModule) + "end}");
             CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
             dom->Set("app.path.bin", folder.Path());
-            const auto worker = Worker::Start(*dom, "job", LuaValue());
+            const auto worker = ::Test::Need(Worker::Start(*dom, "job", LuaValue()));
             worker->WaitForEnd(-1);
             LetItTurn();
             StopAllWorkers(1000);

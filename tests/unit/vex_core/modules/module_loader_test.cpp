@@ -6,6 +6,7 @@
 #include "support/call_watch.h"
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
+#include "support/need.h"
 #include "support/odd_archives.h"
 #include "support/other_user.h"
 #include "support/process_guards.h"
@@ -31,6 +32,7 @@
 #include <lua.hpp>
 
 using namespace VexCore;
+using ::Test::Need;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -744,13 +746,13 @@ TEST_F(ModuleSearch, FiveHundredArchivesAreOpenedOnceEach)
     std::string failure;
     for (int i = 0; i < 500; ++i) {
         const auto slot = ArchiveIndex::Process().Slot(m_folder / ("x" + std::to_string(i) + ".vxe"));
-        open.push_back(slot->Current(ZipLimits(), failure)->Zip(error));
+        open.push_back(Need(slot->Current(ZipLimits(), failure))->Zip(error));
     }
     EXPECT_EQ(lua.Run("local n = 0 for i = 0, 499 do n = n + require('m' .. i) end return n"),
               std::to_string(499 * 250));
     for (int i = 0; i < 500; ++i) {
         const auto slot = ArchiveIndex::Process().Slot(m_folder / ("x" + std::to_string(i) + ".vxe"));
-        EXPECT_EQ(slot->Current(ZipLimits(), failure)->Zip(error), open[static_cast<std::size_t>(i)]);
+        EXPECT_EQ(Need(slot->Current(ZipLimits(), failure))->Zip(error), open[static_cast<std::size_t>(i)]);
     }
 }
 
@@ -787,7 +789,7 @@ TEST_F(ModuleSearch, TheCacheFileIsNamedByTheArchivesDirectoryAndThisLuasFormat)
     ASSERT_EQ(format.substr(7, 4), (std::string{sizeof(int), sizeof(std::size_t), 4, sizeof(lua_Number)}));
     std::string error;
     const std::string key =
-        ChunkCache::Key(ZipArchive::Open(path, ZipLimits(), error)->DirectorySha256(), LUA_RELEASE " " + format);
+        ChunkCache::Key(Need(ZipArchive::Open(path, ZipLimits(), error))->DirectorySha256(), LUA_RELEASE " " + format);
     EXPECT_EQ(CacheFiles(), std::vector<std::string>{CacheFolder() + "/" + key + ".luac"});
 }
 
@@ -950,7 +952,7 @@ TEST_F(ModuleSearch, ACacheFolderOfAnotherUserIsNotUsed)
     UseCache();
     const std::string path = Add("x.vxe", {{"a.lua", "return 'source'"}});
     Lua(m_dom).Run("return require 'a'");
-    const std::string file = CacheFiles()[0];
+    const std::string file = CacheFiles().at(0);
     const std::string key = std::filesystem::path(file).stem().string();
     const std::string name = path + "/a.lua";
     const std::string chunk = Dumped("return 'poison'");
@@ -972,7 +974,7 @@ TEST_F(ModuleSearch, AnyDamageOfTheCacheFileCostsOnlyTime)
     Add("x.vxe", {{"a.lua", "return 'right ' .. ..."}, {"b/init.lua", "local t = {1, 2.5, 'x'} return #t"}});
     const std::string code = "return require 'a' .. require 'b'";
     ASSERT_EQ(Lua(m_dom).Run(code), "right a3");
-    const std::string file = CacheFiles()[0];
+    const std::string file = CacheFiles().at(0);
     const std::string good = ::Test::ReadFile(file);
     m_dom->Set("app.lua.cache", true);
     std::vector<std::string> damaged;

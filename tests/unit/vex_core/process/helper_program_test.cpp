@@ -1,8 +1,8 @@
 #include "vex_core/process/helper_program.h"
 
-#include "support/process_guards.h"
+#include "support/need.h"
 #include "support/temp_folder.h"
-#include "vex/core/runnable.h"
+#include "support/test_thread.h"
 #include "vex/core/sendsignal.h"
 #include "vex_core/base/end_steps.h"
 #include "vex_core/os/process_info.h"
@@ -19,21 +19,10 @@
 #include <gtest/gtest.h>
 
 using namespace VexCore;
+using ::Test::TestThread;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-class Thread : public CRunnable
-{
-public:
-    explicit Thread(std::function<void()> body) : CRunnable(false, -1, false), m_body(std::move(body)) {}
-
-protected:
-    void OnRun() override { m_body(); }
-
-private:
-    std::function<void()> m_body;
-};
-
 ProgramRequest Shell(const std::string& script)
 {
     ProgramRequest request;
@@ -60,7 +49,7 @@ bool Runs(pid_t pid)
 ProgramResult RunAndStop(const ::Test::TempFolder& folder, const std::string& script, long& elapsedMs)
 {
     ProgramResult result;
-    Thread thread([&] { result = RunProgram(Shell(script)); });
+    TestThread thread([&](TestThread&) { result = RunProgram(Shell(script)); });
     thread.start(50, true, 0);
     EXPECT_TRUE(Comes([&] { return std::filesystem::exists(folder / "runs"); }));
     const auto begin = Clock::now();
@@ -105,14 +94,12 @@ TEST(HelperOfAThread, IsNotStartedWhenTheThreadWasAskedBefore)
     const ::Test::TempFolder folder;
     ProgramResult result;
     MayStart may[2] = {};
-    Thread* self = nullptr;
-    Thread thread([&] {
-        self->requestExit();
+    TestThread thread([&](TestThread& self) {
+        self.requestExit();
         result = RunProgram(Shell("touch " + (folder / "runs")));
         for (MayStart& each : may)
             each = AskToStart();
     });
-    self = &thread;
     thread.start(50, true, 0);
     thread.join();
     EXPECT_FALSE(result.ran);
@@ -127,8 +114,9 @@ TEST(HelperOfAThread, OfAnotherThreadIsLeftAlone)
 {
     const ::Test::TempFolder folder;
     ProgramResult result;
-    Thread other([] {});
-    Thread thread([&] { result = RunProgram(Shell("touch " + (folder / "runs") + "; sleep 0.3; echo whole")); });
+    TestThread other([](TestThread&) {});
+    TestThread thread(
+        [&](TestThread&) { result = RunProgram(Shell("touch " + (folder / "runs") + "; sleep 0.3; echo whole")); });
     other.start(50, true, 0);
     thread.start(50, true, 0);
     EXPECT_TRUE(Comes([&] { return std::filesystem::exists(folder / "runs"); }));
@@ -170,8 +158,7 @@ TEST(HelpersAtTheEnd, WhatStillRunsGetsATerm)
     os::SpawnPlan plan;
     plan.program = "/bin/sleep";
     plan.arguments = arguments;
-    const std::unique_ptr<HelperProgram> program = HelperProgram::Start(plan);
-    ASSERT_TRUE(program);
+    const std::unique_ptr<HelperProgram> program = ::Test::Need(HelperProgram::Start(plan));
     EndHelpers();
     EXPECT_EQ(program->Wait(0, {}), HelperProgram::End::Stopped);
     EXPECT_EQ(program->Status(), SIGTERM);

@@ -1,15 +1,14 @@
 #include "vex_core/threads/ending.h"
 
+#include "support/test_thread.h"
 #include "vex/core/openssl.h"
 #include "vex/core/processexit.h"
-#include "vex/core/runnable.h"
 #include "vex/core/sqlitedb.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/lua/worker_list.h"
 
 #include <cstdlib>
 #include <exception>
-#include <functional>
 #include <iterator>
 #include <ostream>
 #include <string>
@@ -17,10 +16,10 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
-#include <wx/app.h>
-#include <wx/evtloop.h>
 
 using namespace VexCore;
+using Test::Launch;
+using Test::ServeLoop;
 
 namespace {
 constexpr const char* stepNames[endStepCount] = {"EndThreads",       "EndHelpers",     "ReleaseOpenSslLocks",
@@ -53,32 +52,6 @@ template <std::size_t... step>
 void TellStepsOfTheProcess(std::index_sequence<step...>)
 {
     (EndSteps::OfProcess().Replace(static_cast<EndStep>(step), &Tell<step>), ...);
-}
-
-class Thread : public CRunnable
-{
-public:
-    explicit Thread(std::function<void()> body) : CRunnable(false, -1, false), m_body(std::move(body)) {}
-
-protected:
-    void OnRun() override { m_body(); }
-
-private:
-    std::function<void()> m_body;
-};
-
-// A thread that is never destroyed: the process ends while it runs.
-void Launch(std::function<void()> body)
-{
-    (new Thread(std::move(body)))->start(50, true, 0);
-}
-
-[[noreturn]] void ServeLoop()
-{
-    wxEventLoop loop;
-    const wxEventLoopActivator activator(&loop);
-    loop.Run();
-    std::_Exit(99);
 }
 
 constexpr std::size_t stretchCount = static_cast<std::size_t>(lastEndStretch) + 1;

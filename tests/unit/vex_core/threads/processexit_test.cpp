@@ -3,10 +3,10 @@
 #include "support/child.h"
 #include "support/stranger.h"
 #include "support/temp_folder.h"
+#include "support/test_thread.h"
 #include "vex/core/agentevent.h"
 #include "vex/core/log.h"
 #include "vex/core/luainterpreter.h"
-#include "vex/core/runnable.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/events/agentevent_store.h"
 #include "vex_core/lua/worker_list.h"
@@ -15,47 +15,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <future>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
-#include <wx/app.h>
-#include <wx/evtloop.h>
 #include <wx/log.h>
 #include <wx/sstream.h>
 
 using namespace VexCore;
+using ::Test::Launch;
+using ::Test::ServeLoop;
 
 namespace {
-class Thread : public CRunnable
-{
-public:
-    explicit Thread(std::function<void()> body) : CRunnable(false, -1, false), m_body(std::move(body)) {}
-
-protected:
-    void OnRun() override { m_body(); }
-
-private:
-    std::function<void()> m_body;
-};
-
-// Starts threads that are never destroyed: the process ends while they run.
-void Launch(std::function<void()> body, bool takesPartInStop)
-{
-    auto* thread = new Thread(std::move(body));
-    thread->start(50, takesPartInStop, 0);
-}
-
-void ServeLoop()
-{
-    wxEventLoop loop;
-    wxEventLoopActivator activator(&loop);
-    loop.Run();
-}
-
 class ProcessEnd : public ::testing::Test
 {
 protected:
@@ -78,10 +51,8 @@ TEST_F(ProcessEnd, AnotherThreadParksTheMainThreadInItsLoop)
     EXPECT_EXIT(
         {
             TellAtExit();
-            Launch([] { ExitProcessFromThread(4); }, true);
+            Launch([] { ExitProcessFromThread(4); });
             ServeLoop();
-            std::fputs("main came back", stderr);
-            std::_Exit(1);
         },
         ::testing::ExitedWithCode(4), "^handlers ran$");
 }
@@ -91,15 +62,12 @@ TEST_F(ProcessEnd, ExitOfALuaScriptDoesTheSame)
     EXPECT_EXIT(
         {
             TellAtExit();
-            Launch(
-                [] {
-                    CLuaInterpreter lua(false, L"exit", true);
-                    wxStringInputStream in("os.exit(6)");
-                    lua.RunScript(in, 0, 0, "exit", nullptr);
-                },
-                true);
+            Launch([] {
+                CLuaInterpreter lua(false, L"exit", true);
+                wxStringInputStream in("os.exit(6)");
+                lua.RunScript(in, 0, 0, "exit", nullptr);
+            });
             ServeLoop();
-            std::_Exit(1);
         },
         ::testing::ExitedWithCode(6), "^handlers ran$");
 }
@@ -108,13 +76,11 @@ TEST_F(ProcessEnd, MainThreadThatWaitsForThreadsToEndIsParkedThere)
 {
     EXPECT_EXIT(
         {
-            Launch(
-                [] {
-                    while (!CRunnable::Current()->TestDestroy())
-                        WaitPoint::OfThisThread().Sleep(-1);
-                    ExitProcessFromThread(5);
-                },
-                true);
+            Launch([] {
+                while (!CRunnable::Current()->TestDestroy())
+                    WaitPoint::OfThisThread().Sleep(-1);
+                ExitProcessFromThread(5);
+            });
             StopAllWorkers(60000);
             std::fputs("main came back", stderr);
             std::_Exit(1);
@@ -127,10 +93,9 @@ TEST_F(ProcessEnd, NoDestructorRunsUnderAnotherThreadOfOurs)
     EXPECT_EXIT(
         {
             TellAtExit();
-            Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
-            Launch([] { ExitProcessFromThread(7); }, true);
+            Launch([] { WaitPoint::OfThisThread().Sleep(-1); });
+            Launch([] { ExitProcessFromThread(7); });
             ServeLoop();
-            std::_Exit(1);
         },
         ::testing::ExitedWithCode(7), "^$");
 }
@@ -153,25 +118,22 @@ TEST_F(ProcessEnd, ExitOfALuaScriptBesideOtherThreadsDoesWhatExitDoes)
     const ::Test::TempFolder folder;
     const std::string kept = folder / "kept";
     const ::Test::ChildResult child = ::Test::RunChild([&]() -> int {
-        Launch(&ReadForEver, true);
-        Launch(
-            [&] {
-                while (!g_hasStream)
-                    std::this_thread::yield();
-                std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the other is blocked by then
-                CLuaInterpreter lua(false, L"exit", true);
-                TellAtExit(); // as a native module may
-                const std::string code = "pipe = io.popen('cat >&2', 'w') pipe:write(' piped')\n"
-                                         "file = io.open('"
-                                         + kept
-                                         + "', 'w') file:write('kept')\n"
-                                           "os.exit(6)";
-                wxStringInputStream in(wxString::FromUTF8(code.c_str()));
-                lua.RunScript(in, 0, 0, "exit", nullptr);
-            },
-            true);
+        Launch(&ReadForEver);
+        Launch([&] {
+            while (!g_hasStream)
+                std::this_thread::yield();
+            std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the other is blocked by then
+            CLuaInterpreter lua(false, L"exit", true);
+            TellAtExit(); // as a native module may
+            const std::string code = "pipe = io.popen('cat >&2', 'w') pipe:write(' piped')\n"
+                                     "file = io.open('"
+                                     + kept
+                                     + "', 'w') file:write('kept')\n"
+                                       "os.exit(6)";
+            wxStringInputStream in(wxString::FromUTF8(code.c_str()));
+            lua.RunScript(in, 0, 0, "exit", nullptr);
+        });
         ServeLoop();
-        return 1;
     });
     EXPECT_TRUE(child.Exited(6)) << child.status;
     EXPECT_EQ(child.standardError, "handlers ran piped");
@@ -186,10 +148,9 @@ TEST_F(ProcessEnd, LogAndStandardOutputAreEmptiedAlsoWithoutDestructors)
             std::printf("printed");
             wxLog::SetActiveTarget(new CLog2Disk);
             ::Test::LogFromAStranger("queued, and held for want of a place");
-            Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
-            Launch([] { ExitProcessFromThread(7); }, true);
+            Launch([] { WaitPoint::OfThisThread().Sleep(-1); });
+            Launch([] { ExitProcessFromThread(7); });
             ServeLoop();
-            std::_Exit(1);
         },
         ::testing::ExitedWithCode(7), "/thread\\] queued, and held for want of a place\nprinted$");
 }
@@ -221,15 +182,12 @@ TEST_F(ProcessEnd, LineThatTheMainThreadIsWritingIsWaitedForAlsoWithoutDestructo
             static std::promise<void> begun;
             wxLog::SetActiveTarget(new SlowInMain(begun));
             ::Test::LogFromAStranger("taken out of the queue");
-            Launch([] { WaitPoint::OfThisThread().Sleep(-1); }, true);
-            Launch(
-                [] {
-                    begun.get_future().wait();
-                    ExitProcessFromThread(7);
-                },
-                true);
+            Launch([] { WaitPoint::OfThisThread().Sleep(-1); });
+            Launch([] {
+                begun.get_future().wait();
+                ExitProcessFromThread(7);
+            });
             ServeLoop();
-            std::_Exit(1);
         },
         ::testing::ExitedWithCode(7), "/thread\\] taken out of the queue\n$");
 }
@@ -257,9 +215,8 @@ TEST_F(ProcessEnd, LaterExitWaitsForTheEndThatTheFirstBegan)
                 std::thread([] { ExitProcessFromThread(9); }).detach();
                 std::this_thread::sleep_for(std::chrono::milliseconds(200));
             });
-            Launch([] { ExitProcessFromThread(8); }, true);
+            Launch([] { ExitProcessFromThread(8); });
             ServeLoop();
-            std::_Exit(1);
         },
         ::testing::ExitedWithCode(8), "");
 }
@@ -269,9 +226,8 @@ TEST_F(ProcessEnd, FirstOfSeveralExitsCounts)
     EXPECT_EXIT(
         {
             for (int i = 0; i < 8; ++i)
-                Launch([] { ExitProcessFromThread(8); }, true);
+                Launch([] { ExitProcessFromThread(8); });
             ServeLoop();
-            std::_Exit(1);
         },
         ::testing::ExitedWithCode(8), "");
 }

@@ -1,6 +1,7 @@
 #include "support/joining_thread.h"
 #include "support/process_guards.h"
 #include "support/sanitized.h"
+#include "support/test_thread.h"
 #include "vex/core/runnable.h"
 
 #include "support/address_limit.h"
@@ -14,7 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <functional>
+#include <future>
 #include <stdexcept>
 #include <thread>
 
@@ -24,53 +25,18 @@
 #include <wx/log.h>
 
 using namespace VexCore;
+using ::Test::TestThread;
 
 namespace {
-class Body : public CRunnable
-{
-public:
-    explicit Body(std::function<void(Body&)> body) : CRunnable(false, -1, false), m_body(std::move(body)) {}
-    ~Body() override { join(); }
-    const char* GetThreadName() const override { return "TestBody"; }
-
-protected:
-    void OnRun() override { m_body(*this); }
-
-private:
-    std::function<void(Body&)> m_body;
-};
-
-// Holds until it is opened.
-class Gate
-{
-public:
-    void Open()
-    {
-        const std::lock_guard lock(m_lock);
-        m_open = true;
-        m_changed.notify_all();
-    }
-    void Pass()
-    {
-        std::unique_lock lock(m_lock);
-        m_changed.wait(lock, [this] { return m_open; });
-    }
-
-private:
-    std::mutex m_lock;
-    std::condition_variable m_changed;
-    bool m_open = false;
-};
-
 TEST(Runnable, BodyRunsWithItsDomainAndIsTheCurrentOne)
 {
     int place = 0;
     CDom* const dom = reinterpret_cast<CDom*>(&place); // only handed through
     CRunnable* seen = nullptr;
-    Body body([&](Body& self) {
+    TestThread body([&](TestThread& self) {
         seen = CRunnable::Current();
         EXPECT_EQ(self.GetDom(), dom);
-        EXPECT_STREQ(ThreadName(), "TestBody");
+        EXPECT_STREQ(ThreadName(), "TestThread");
     });
     body.SetDom(dom);
     ASSERT_TRUE(body.start(50, true, 0));
@@ -82,19 +48,18 @@ TEST(Runnable, BodyRunsWithItsDomainAndIsTheCurrentOne)
 
 TEST(Runnable, PriorityIsTheOneGivenAtTheStart)
 {
-    Body body([](Body& self) { EXPECT_EQ(self.GetPriority(), 40u); });
+    TestThread body([](TestThread& self) { EXPECT_EQ(self.GetPriority(), 40u); });
     ASSERT_TRUE(body.start(40, true, 0));
     EXPECT_TRUE(body.join());
 }
 
 TEST(Runnable, JoinWithATimeLimitTellsWhetherTheBodyEnded)
 {
-    Gate gate;
-    Body body([&](Body&) { gate.Pass(); });
+    TestThread body([](TestThread& self) { self.Hold(); });
     ASSERT_TRUE(body.start(50, true, 0));
     EXPECT_TRUE(body.Running());
     EXPECT_FALSE(body.join(20));
-    gate.Open();
+    body.LetGo();
     EXPECT_TRUE(body.join(10000));
     EXPECT_TRUE(body.join(0)) << "joining again is harmless";
 }
@@ -103,28 +68,26 @@ TEST(Runnable, SecondStartIsRefusedAndLeavesTheThreadItsLog)
 {
     ::Test::LogCatcher log;
     const ::Test::LogTarget disk(new VexCore::CLog2Disk);
-    Gate gate;
-    Body body([&](Body&) {
-        gate.Pass();
+    TestThread body([](TestThread& self) {
+        self.Hold();
         wxLog* const own = wxLog::GetActiveTarget();
         EXPECT_NE(dynamic_cast<VexCore::CLog2Disk*>(own), nullptr);
     });
     ASSERT_TRUE(body.start(50, true, 0));
     EXPECT_FALSE(body.start(50, true, 0));
-    gate.Open();
+    body.LetGo();
     body.join();
     EXPECT_FALSE(body.start(50, true, 0)) << "nor does it start again";
 }
 
 TEST(Runnable, SeveralThreadsMayJoin)
 {
-    Gate gate;
-    Body body([&](Body&) { gate.Pass(); });
+    TestThread body([](TestThread& self) { self.Hold(); });
     ASSERT_TRUE(body.start(50, true, 0));
     std::vector<::Test::JoiningThread> joiners;
     for (int i = 0; i < 4; ++i)
         joiners.emplace_back([&] { EXPECT_TRUE(body.join()); });
-    gate.Open();
+    body.LetGo();
     for (::Test::JoiningThread& joiner : joiners)
         joiner.join();
 }
@@ -132,15 +95,15 @@ TEST(Runnable, SeveralThreadsMayJoin)
 TEST(Runnable, RequestToEndIsSeenAndWakesAWait)
 {
     std::atomic<int> outcome{-1};
-    Gate started;
-    Body body([&](Body& self) {
+    std::promise<void> started;
+    TestThread body([&](TestThread& self) {
         EXPECT_FALSE(self.TestDestroy());
-        started.Open();
+        started.set_value();
         outcome = static_cast<int>(WaitPoint::OfThisThread().Sleep(-1));
         EXPECT_TRUE(self.TestDestroy());
     });
     ASSERT_TRUE(body.start(50, true, 0));
-    started.Pass();
+    started.get_future().wait();
     body.requestExit();
     EXPECT_TRUE(body.join(10000));
     EXPECT_EQ(outcome, static_cast<int>(WaitPoint::Outcome::Ending));
@@ -149,7 +112,7 @@ TEST(Runnable, RequestToEndIsSeenAndWakesAWait)
 TEST(Runnable, AwakenEndsAWaitAsIfItsTimeWereOver)
 {
     std::atomic<int> outcome{-1};
-    Body body([&](Body&) { outcome = static_cast<int>(WaitPoint::OfThisThread().Sleep(-1)); });
+    TestThread body([&](TestThread&) { outcome = static_cast<int>(WaitPoint::OfThisThread().Sleep(-1)); });
     ASSERT_TRUE(body.start(50, true, 0));
     body.Awaken();
     EXPECT_TRUE(body.join(10000));
@@ -158,7 +121,7 @@ TEST(Runnable, AwakenEndsAWaitAsIfItsTimeWereOver)
 
 TEST(Runnable, DeleteAsksAndJoins)
 {
-    Body body([](Body& self) {
+    TestThread body([](TestThread& self) {
         while (!self.TestDestroy())
             WaitPoint::OfThisThread().Sleep(-1);
     });
@@ -171,14 +134,14 @@ TEST(Runnable, DeleteAsksAndJoins)
 TEST(Runnable, ExceptionInABodyIsLoggedAndEndsOnlyThatThread)
 {
     ::Test::LogCatcher log;
-    Body body([](Body&) { throw std::runtime_error("went wrong"); });
+    TestThread body([](TestThread&) { throw std::runtime_error("went wrong"); });
     ASSERT_TRUE(body.start(50, true, 0));
     EXPECT_TRUE(body.join(10000));
-    Body odd([](Body&) { throw 42; });
+    TestThread odd([](TestThread&) { throw 42; });
     ASSERT_TRUE(odd.start(50, true, 0));
     EXPECT_TRUE(odd.join(10000));
-    EXPECT_EQ(log.Text(), "Thread \"TestBody\" ended by an exception: went wrong\n"
-                          "Thread \"TestBody\" ended by an exception of unknown type.\n");
+    EXPECT_EQ(log.Text(), "Thread \"TestThread\" ended by an exception: went wrong\n"
+                          "Thread \"TestThread\" ended by an exception of unknown type.\n");
 }
 
 #ifdef VEX_TEST_SANITIZED
@@ -190,7 +153,7 @@ TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
 TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
 {
     ::Test::LogCatcher log;
-    Body body([](Body&) { FAIL() << "must not run"; });
+    TestThread body([](TestThread&) { FAIL() << "must not run"; });
 
     bool started = true;
     {
@@ -201,7 +164,7 @@ TEST(Runnable, ThreadThatCannotBeStartedIsOneErrorLineAndJoinReturnsAtOnce)
     EXPECT_FALSE(started);
     EXPECT_FALSE(body.Running());
     EXPECT_TRUE(body.join());
-    EXPECT_EQ(log.Text(), "Thread \"TestBody\" could not be started: the system has no room for one more.\n");
+    EXPECT_EQ(log.Text(), "Thread \"TestThread\" could not be started: the system has no room for one more.\n");
     EXPECT_TRUE(EndRegisteredThreads(0).empty());
 }
 #endif
@@ -214,14 +177,14 @@ TEST(Runnable, InterruptEndsABlockingCall)
     ASSERT_EQ(sigaction(CRunnable::SigThreadDelete, &nothing, nullptr), 0);
     EXPECT_EQ(CRunnable::SigThreadDelete, SIGRTMIN + 4);
 
-    Body body([&](Body& self) {
+    TestThread body([&](TestThread& self) {
         while (!self.TestDestroy()) {
             const timespec hour{3600, 0};
             nanosleep(&hour, nullptr);
         }
     });
     body.interrupt(); // not started: nothing happens
-    ASSERT_TRUE(body.start(50, true, 0));
+    EXPECT_TRUE(body.start(50, true, 0));
     body.requestExit();
     while (!body.join(20)) // the signal may come just before the call
         body.interrupt();
@@ -233,7 +196,7 @@ TEST(Runnable, ThreadHasTheStackAndThePriorityThatItWasStartedWith)
 {
     const auto stackBytesOf = [](unsigned asked) {
         std::size_t size = 0;
-        Body body([&](Body&) {
+        TestThread body([&](TestThread&) {
             pthread_attr_t attributes;
             ASSERT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
             pthread_attr_getstacksize(&attributes, &size);
@@ -253,21 +216,21 @@ TEST(Runnable, ThreadHasTheStackAndThePriorityThatItWasStartedWith)
 
 TEST(Runnable, StopAsksThreadsThatTakePartAndNamesThoseThatStay)
 {
-    Gate stubborn;
-    const auto obedient = [](Body& self) {
+    const auto stubborn = [](TestThread& self) { self.Hold(); };
+    const auto obedient = [](TestThread& self) {
         while (!self.TestDestroy())
             WaitPoint::OfThisThread().Sleep(-1);
     };
-    Body first(obedient), second(obedient), third([&](Body&) { stubborn.Pass(); }),
-        outside([&](Body&) { stubborn.Pass(); });
+    TestThread first(obedient), second(obedient), third(stubborn), outside(stubborn);
     ASSERT_TRUE(first.start(50, true, 0) && second.start(50, true, 0) && third.start(50, true, 0)
                 && outside.start(50, false, 0));
-    EXPECT_EQ(EndRegisteredThreads(50), std::vector<std::string>{"TestBody"});
+    EXPECT_EQ(EndRegisteredThreads(50), std::vector<std::string>{"TestThread"});
     EXPECT_TRUE(first.join(0) && second.join(0));
     EXPECT_FALSE(outside.TestDestroy()) << "does not take part";
     EXPECT_TRUE(OtherRunnablesRun());
-    stubborn.Open();
+    third.LetGo();
     EXPECT_TRUE(EndRegisteredThreads(10000).empty());
+    outside.LetGo();
     third.join();
     outside.join();
     EXPECT_FALSE(OtherRunnablesRun());
@@ -275,23 +238,21 @@ TEST(Runnable, StopAsksThreadsThatTakePartAndNamesThoseThatStay)
 
 TEST(Runnable, ThreadThatWasAskedBeforeDoesNotGetItsTimeTwice)
 {
-    Gate gate;
-    Body stubborn([&](Body&) { gate.Pass(); });
+    TestThread stubborn([](TestThread& self) { self.Hold(); });
     ASSERT_TRUE(stubborn.start(50, true, 0));
     stubborn.requestExit();
     EXPECT_FALSE(stubborn.join(1000));
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(EndRegisteredThreads(1000), std::vector<std::string>{"TestBody"});
+    EXPECT_EQ(EndRegisteredThreads(1000), std::vector<std::string>{"TestThread"});
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(800));
-    gate.Open();
+    stubborn.LetGo();
     stubborn.join();
 }
 
 TEST(Runnable, ThreadsThatStartOthersDoNotMakeTheStopLonger)
 {
-    Gate gate;
-    Body late([&](Body&) { gate.Pass(); });
-    Body first([&](Body& self) {
+    TestThread late([](TestThread& self) { self.Hold(); });
+    TestThread first([&](TestThread& self) {
         while (!self.TestDestroy())
             WaitPoint::OfThisThread().Sleep(-1);
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
@@ -301,14 +262,14 @@ TEST(Runnable, ThreadsThatStartOthersDoNotMakeTheStopLonger)
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_GE(EndRegisteredThreads(2000).size(), 1u); // on a busy machine the first is still about to leave
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(3000));
-    gate.Open();
+    late.LetGo();
     first.join();
     late.join();
 }
 
 TEST(Runnable, ThreadThatStopsTheOthersIsNotAskedItself)
 {
-    Body body([](Body& self) {
+    TestThread body([](TestThread& self) {
         EXPECT_TRUE(EndRegisteredThreads(10000).empty());
         EXPECT_FALSE(self.TestDestroy());
         EXPECT_FALSE(OtherRunnablesRun());
@@ -329,7 +290,7 @@ TEST(Runnable, HasAStackOfItsOwnSizeWhateverTheProcessGivesItsThreads)
     ASSERT_EQ(::pthread_attr_setstacksize(&small, 256 << 10), 0);
     ASSERT_EQ(::pthread_setattr_default_np(&small), 0);
     std::size_t bytes = 0;
-    Body body([&bytes](Body&) {
+    TestThread body([&bytes](TestThread&) {
         pthread_attr_t own;
         ::pthread_getattr_np(::pthread_self(), &own);
         ::pthread_attr_getstacksize(&own, &bytes);

@@ -4,6 +4,7 @@
 #include "vex_core/zip/zip_reader.h"
 
 #include "support/joining_thread.h"
+#include "support/need.h"
 #include "support/odd_archives.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
@@ -193,8 +194,8 @@ TEST_F(ZipReader, EntriesAreFoundByTheirWholeName)
 {
     const auto archive = Open(PlainPackage());
     ASSERT_TRUE(archive);
-    EXPECT_EQ(archive->Find("lib/b.lua"), &archive->Entries()[2]);
-    EXPECT_EQ(archive->Find("lib/"), &archive->Entries()[0]);
+    EXPECT_EQ(archive->Find("lib/b.lua"), &archive->Entries().at(2));
+    EXPECT_EQ(archive->Find("lib/"), &archive->Entries().at(0));
     EXPECT_EQ(archive->Find("lib"), nullptr);
     EXPECT_EQ(archive->Find("lib/b.lua/"), nullptr);
     EXPECT_EQ(archive->Find(""), nullptr);
@@ -251,19 +252,19 @@ TEST_F(ZipReader, SinkThatHasEnoughEndsTheReadingWithoutAnError)
 TEST_F(ZipReader, DirectoryHashNamesTheContentAndNotTheFile)
 {
     ZipBuilder builder = PlainPackage();
-    const std::string first = Open(builder)->DirectorySha256();
+    const std::string first = Need(Open(builder))->DirectorySha256();
     EXPECT_EQ(first.size(), 64u);
     builder.comment = "another comment";
-    EXPECT_EQ(Open(builder)->DirectorySha256(), first);
+    EXPECT_EQ(Need(Open(builder))->DirectorySha256(), first);
     builder.Add("more", "x");
-    EXPECT_NE(Open(builder)->DirectorySha256(), first);
-    EXPECT_EQ(Open(ZipBuilder())->DirectorySha256(),
+    EXPECT_NE(Need(Open(builder))->DirectorySha256(), first);
+    EXPECT_EQ(Need(Open(ZipBuilder()))->DirectorySha256(),
               "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
 }
 
 TEST_F(ZipReader, IdentityTellsAReplacedFile)
 {
-    const auto archive = Open(PlainPackage());
+    const auto archive = Need(Open(PlainPackage()));
     struct stat status;
     ::stat(m_file.c_str(), &status);
     EXPECT_TRUE(archive->Identity() == os::IdentityOf(status));
@@ -279,7 +280,7 @@ TEST_F(ZipReader, ThreadsReadOneArchiveAtTheSameTime)
 {
     ZipBuilder builder = PlainPackage();
     builder.Add("big", std::string(1 << 20, 'b'));
-    const auto archive = Open(builder);
+    const auto archive = Need(Open(builder));
     std::vector<::Test::JoiningThread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([&] {
