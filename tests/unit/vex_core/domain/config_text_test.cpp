@@ -1,5 +1,6 @@
 #include "vex_core/domain/config_text.h"
 
+#include "support/log_catcher.h"
 #include "support/temp_folder.h"
 #include "vex_core/domain/dom_values.h"
 
@@ -171,19 +172,10 @@ TEST(ConfigText, GrammarOfTheLauncherAndOfTheSettingsIsOne)
 
 TEST(ConfigText, ReadingSettingsSaysNothing)
 {
-    class CountingLog : public wxLog
-    {
-    public:
-        int m_lines = 0;
-
-    protected:
-        void DoLogRecord(wxLogLevel, const wxString&, const wxLogRecordInfo&) override { ++m_lines; }
-    } log;
+    const ::Test::LogCatcher log;
     const AssertionsAreQuiet quiet;
-    wxLog* const before = wxLog::SetActiveTarget(&log);
     ParseSettings("[settings\nno equals sign\na=\"x\" y\na=1\na=${\n");
-    wxLog::SetActiveTarget(before);
-    EXPECT_EQ(log.m_lines, 0);
+    EXPECT_EQ(log.All(), "");
 }
 
 TEST(ConfigText, FileWithTooManyLinesHasNoSettings)

@@ -1,5 +1,6 @@
 #include "vex_core/lua/lua_programs.h"
 
+#include "support/lua_results.h"
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
 #include "vex/core/luainterpreter.h"
@@ -37,19 +38,7 @@ protected:
     // The interpreter waits for each program that is still open.
     ~LuaPrograms() override { EndHelpers(); }
 
-    // The results of `code` as texts with blanks between, or "error: " and the message.
-    std::string Run(const std::string& code)
-    {
-        lua_State* const L = m_lua.L();
-        lua_settop(L, 0);
-        std::string text;
-        if (luaL_loadbuffer(L, code.data(), code.size(), "@test.lua") || lua_pcall(L, 0, LUA_MULTRET, 0))
-            text = "error:";
-        for (int i = 1, count = lua_gettop(L); i <= count; ++i)
-            text += (text.empty() ? "" : " ") + std::string(luaL_tolstring(L, i, nullptr));
-        lua_settop(L, 0);
-        return text;
-    }
+    std::string Run(const std::string& code) { return ::Test::LuaResults(m_lua.L(), code); }
 
     ::Test::TempFolder m_folder;
     VexCore::CLuaInterpreter m_lua{false, L"test", true};

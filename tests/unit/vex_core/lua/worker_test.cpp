@@ -1,6 +1,7 @@
 #include "vex_core/lua/worker.h"
 
 #include "support/log_catcher.h"
+#include "support/lua_results.h"
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 #include "vex/core/luainterpreter.h"
@@ -52,17 +53,7 @@ protected:
     }
 
     void Module(const std::string& name, const std::string& code) { ::Test::WriteFile(m_folder / name + ".lua", code); }
-    std::string Run(const std::string& code)
-    {
-        lua_State* L = m_lua.L();
-        lua_settop(L, 0);
-        std::string text;
-        if (luaL_loadbuffer(L, code.data(), code.size(), "@test.lua") || lua_pcall(L, 0, LUA_MULTRET, 0))
-            text = "error:";
-        for (int i = 1, count = lua_gettop(L); i <= count; ++i)
-            text += (text.empty() ? "" : " ") + std::string(luaL_tolstring(L, i, nullptr));
-        return text;
-    }
+    std::string Run(const std::string& code) { return ::Test::LuaResults(m_lua.L(), code); }
     std::string Log() { return m_log.Text(); }
 
     ::Test::TempFolder m_folder;

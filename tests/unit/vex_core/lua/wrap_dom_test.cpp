@@ -1,6 +1,7 @@
 #include "vex/core/wrap_dom.h"
 
 #include "support/joining_thread.h"
+#include "support/lua_results.h"
 #include "support/temp_folder.h"
 #include "vex/core/clock.h"
 #include "vex/core/dom.h"
@@ -38,24 +39,7 @@ protected:
     }
     ~DomainInLua() override { m_dom->Release(); }
 
-    // The results of `return code` as texts with blanks between, or "error: " and the message.
-    std::string Run(const std::string& code)
-    {
-        lua_State* L = m_lua.L();
-        const std::string chunk = "return " + code;
-        lua_settop(L, 0);
-        std::string text;
-        if (luaL_loadbuffer(L, chunk.data(), chunk.size(), "@test.lua") || lua_pcall(L, 0, LUA_MULTRET, 0))
-            text = "error:";
-        const int count = lua_gettop(L);
-        for (int i = 1; i <= count; ++i) {
-            std::size_t length = 0;
-            const char* bytes = luaL_tolstring(L, i, &length);
-            text += (text.empty() ? "" : " ") + std::string(bytes, length);
-        }
-        lua_settop(L, 0);
-        return text;
-    }
+    std::string Run(const std::string& code) { return ::Test::LuaResults(m_lua.L(), "return " + code); }
     std::string LogFile() { return ::Test::ReadFile(m_folder / "wrapdom.log"); }
 
     ::Test::TempFolder m_folder;
