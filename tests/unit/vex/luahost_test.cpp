@@ -104,13 +104,6 @@ TEST_F(LuaHost, AbsentPathsArePassedAsEmptyTexts)
     EXPECT_EQ(Count("Lua.SetPackagePaths(\"\", \"\", \"\")"), 1u);
 }
 
-TEST_F(LuaHost, SetUpLeavesTheStackAsItWas)
-{
-    const int top = lua_gettop(L());
-    ASSERT_EQ(SetUpLua(), LUA_OK);
-    EXPECT_EQ(lua_gettop(L()), top);
-}
-
 TEST_F(LuaHost, BothGlobalsAreTheSameDomain)
 {
     ASSERT_EQ(SetUpLua(), LUA_OK);
