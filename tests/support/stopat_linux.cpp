@@ -8,7 +8,9 @@
 // adopts what the program leaves running and ends when all of it has ended. REPORT gets a line a fact, as it happens:
 //
 //   role R pid P        a process began
-//   sent P              SIGTERM was sent to P
+//   sent P WHEN         SIGTERM was sent to P; WHEN is "open" while P did not block it, "waiting" while it did or was
+//                       about to change that, and "passed" when P had taken what was pending (sigtimedwait), which it
+//                       does once at most
 //   end R STATUS        a process ended; STATUS is its exit status, or a signal's number, negative. R is -1 for one
 //                       that began after the signal, and was adopted
 //   stops N             stops of ROLE in the whole run, or until the signal
@@ -22,13 +24,31 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
+// What /proc says of a thread behind `name`, in the form of `format`; `otherwise` when it is gone already.
+template <class Value>
+Value StatusOf(pid_t thread, const char* format, Value otherwise)
+{
+    const std::string name = "/proc/" + std::to_string(thread) + "/status";
+    FILE* const file = std::fopen(name.c_str(), "r");
+    if (!file)
+        return otherwise;
+    char line[256];
+    while (std::fgets(line, sizeof line, file))
+        if (std::sscanf(line, format, &otherwise) == 1)
+            break;
+    std::fclose(file);
+    return otherwise;
+}
+
 class Tracer
 {
 public:
@@ -68,19 +88,11 @@ private:
     }
 
     // The process that a thread belongs to; the thread itself when it is gone already.
-    static pid_t ProcessOf(pid_t thread)
+    static pid_t ProcessOf(pid_t thread) { return StatusOf(thread, "Tgid: %d", static_cast<int>(thread)); }
+
+    static bool BlocksTerm(pid_t process)
     {
-        const std::string name = "/proc/" + std::to_string(thread) + "/status";
-        FILE* const file = std::fopen(name.c_str(), "r");
-        if (!file)
-            return thread;
-        char line[256];
-        int process = thread;
-        while (std::fgets(line, sizeof line, file))
-            if (std::sscanf(line, "Tgid: %d", &process) == 1)
-                break;
-        std::fclose(file);
-        return process;
+        return (StatusOf(process, "SigBlk: %llx", 0ULL) >> (SIGTERM - 1) & 1) != 0;
     }
 
     // A new process stops before its first instruction, so it is seen here before anything that it forks: also when its
@@ -95,14 +107,30 @@ private:
         return m_threads[thread] = m_roles[process];
     }
 
+    void NoteCall(pid_t thread)
+    {
+        struct __ptrace_syscall_info info = {};
+        if (::ptrace(PTRACE_GET_SYSCALL_INFO, thread, sizeof info, &info) <= 0)
+            return;
+        if (info.op == PTRACE_SYSCALL_INFO_ENTRY)
+            m_calls[thread] = static_cast<long>(info.entry.nr);
+        else if (std::exchange(m_calls[thread], -1) == SYS_rt_sigtimedwait)
+            m_passed = true;
+    }
+
     void OnStop(pid_t thread, bool isCall, long carried)
     {
         const int role = RoleOf(thread);
+        if (isCall && !m_sent && role == m_role)
+            NoteCall(thread);
         if (isCall && !m_sent && role == m_role && ++m_stops == m_stop) {
             m_sent = true;
             const pid_t process = ProcessOf(thread);
+            const char* const when = m_passed                                                       ? "passed"
+                                     : BlocksTerm(process) || m_calls[thread] == SYS_rt_sigprocmask ? "waiting"
+                                                                                                    : "open";
             VexCore::SendSignal(process, SIGTERM);
-            Tell("sent %d\n", static_cast<int>(process));
+            Tell("sent %d %s\n", static_cast<int>(process), when);
         }
         if (m_sent)
             ::ptrace(PTRACE_DETACH, thread, nullptr, carried);
@@ -128,6 +156,8 @@ private:
     long m_stop;
     long m_stops = 0;
     bool m_sent = false;
+    std::map<pid_t, long> m_calls; // of threads: the one that they are in, -1 for none
+    bool m_passed = false; // whether one has come out of that which takes a pending signal
     std::size_t m_processes = 0;
     std::map<pid_t, int> m_roles; // of processes
     std::map<pid_t, int> m_threads; // of threads
