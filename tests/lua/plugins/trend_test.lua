@@ -83,6 +83,22 @@ function M.TestPlugin:test_it_remembers_samples_from_run_to_run()
   lu.assertTrue(values.memory_available.min <= values.memory_available.max)
 end
 
+function M.TestPlugin:test_days_below_one_count_as_none_given()
+  for _, days in ipairs({ 0, -3 }) do
+    dom0:Set("trend.KeepDays", days)
+    plugin.start(self.domain)
+    plugin.collect(self.domain)
+    self.domain.now = self.domain.now + 6 * day
+    plugin.collect(self.domain)
+    plugin.stop()
+    dom0:Remove("trend.KeepDays")
+    local store = assert(samples.open(self.domain.folder .. "/samples.db"))
+    lu.assertEquals(#store:since(self.domain.now - 7 * day), 2)
+    store:close()
+    self.domain.now = self.domain.now + 100 * day
+  end
+end
+
 function M.TestPlugin:test_stop_without_start_is_fine() plugin.stop() end
 
 return M
