@@ -52,7 +52,8 @@ def changes_of_line(line, code, begins):
         for other in SWAPS[found.group()]:
             yield put("operator", *found.span(), other)
     for found in NUMBER.finditer(code):
-        number = int(found.group().replace("'", ""), 0)
+        digits = found.group().replace("'", "")
+        number = int(digits, 8 if re.fullmatch("0[0-7]+", digits) else 0)
         yield put("number", *found.span(), str(number + 1))
         if number > 0:
             yield put("number", *found.span(), str(number - 1))

@@ -28,6 +28,7 @@ def changed(mutations, *lines):
     ("    if (const T a = f(); a)", ["if (const T a = f(); true)", "if (const T a = f(); false)"]),
     ("    while (next(b)) {", ["while (false) {"]),
     ("    int x = 5;", ["int x = 6;", "int x = 4;"]),
+    ("    int x = 0600;", ["int x = 385;", "int x = 383;"]),
     ("    int x = 0x10;", ["int x = 17;", "int x = 15;"]),
     ("    x = a ? b : c;", ["x = a || true ? b : c;", "x = a && false ? b : c;", "{}"]),
     ("    open(p, O_RDONLY | O_CLOEXEC);", ["open(p, O_RDONLY);", "open(p, O_CLOEXEC);", "{}"]),
