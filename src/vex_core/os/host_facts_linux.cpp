@@ -8,6 +8,7 @@
 #include <set>
 
 #include <mntent.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 
@@ -106,15 +107,20 @@ std::optional<std::vector<Disk>> Disks()
     if (!table)
         return std::nullopt;
     std::vector<Disk> disks;
-    std::set<std::string> seen; // a device mounted several times counts once
+    // A file system that is mounted several times counts once: by the name of its device, since its parts may have
+    // numbers of their own, and by its number, since not all have a device.
+    std::set<std::string> names;
+    std::set<dev_t> numbers;
     mntent entry = {};
     char buffer[8192];
     while (getmntent_r(table, &entry, buffer, sizeof buffer)) {
         struct statvfs sizes = {};
-        if (!IsDisk(entry) || ::statvfs(entry.mnt_dir, &sizes) != 0 || sizes.f_blocks == 0)
+        struct stat place = {};
+        if (!IsDisk(entry) || ::statvfs(entry.mnt_dir, &sizes) != 0 || sizes.f_blocks == 0
+            || ::stat(entry.mnt_dir, &place) != 0)
             continue;
         const bool device = entry.mnt_fsname[0] == '/';
-        if (device && !seen.insert(entry.mnt_fsname).second)
+        if (!numbers.insert(place.st_dev).second || (device && !names.insert(entry.mnt_fsname).second))
             continue;
         const std::uint64_t unit = sizes.f_frsize ? sizes.f_frsize : sizes.f_bsize;
         disks.push_back({entry.mnt_dir, entry.mnt_fsname, entry.mnt_type, sizes.f_blocks * unit, sizes.f_bfree * unit,

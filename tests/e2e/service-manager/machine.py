@@ -1,5 +1,6 @@
 """A machine of its own for a test: systemd as process 1, booted in namespaces over the files of this one, with an installation of the
-agent and the shipped unit in it. What it writes is in memory and goes with it; /shared alone is a folder of the test."""
+agent and the shipped units in it, or with nothing of it, for tests that install packages. What it writes is in memory and goes
+with it; /shared alone is a folder of the test."""
 import os
 import shutil
 import subprocess
@@ -11,14 +12,15 @@ import pytest
 from conftest import BUILD, ROOT, STAGE, children, wait_until
 
 INSTALLED = "/opt/Halvorn/vx_agent"
-UNIT = os.path.join(ROOT, "packaging", "vx_agent.service")
+WORK = "/var/lib/vx_agent"
+PACKAGING = os.path.join(ROOT, "packaging")
 SYSTEMD = "/lib/systemd/systemd"
 BOOT_PATIENCE = 120  # seconds; a boot is far more work than what a test waits for elsewhere
 
 # Process 1 of the new machine until it becomes systemd. The kernel's settings are one for all machines, so they are read-only here.
 BOOT = r"""
 set -eu
-here=$1 stage=$2 unit=$3 shared=$4
+here=$1 stage=$2 units=$3 shared=$4
 mount -t tmpfs tmpfs "$here"
 mkdir "$here/upper" "$here/scratch" "$here/root"
 root=$here/root
@@ -51,10 +53,15 @@ for other in dbus.service dbus.socket systemd-logind.service getty.target timers
     systemd-udevd.service systemd-udevd-control.socket systemd-udevd-kernel.socket systemd-udev-trigger.service; do
     ln -sf /dev/null "$root/etc/systemd/system/$other"
 done
-mkdir -p "$root/opt/Halvorn" "$root/etc/systemd/system/vx_agent.service.d"
-cp -a "$stage" "$root/opt/Halvorn/vx_agent"
-cp "$unit" "$root/etc/systemd/system/vx_agent.service"
-cp "$shared/test.conf" "$root/etc/systemd/system/vx_agent.service.d/"
+for unit in vx_agent vx_agent-unprivileged; do
+    mkdir -p "$root/etc/systemd/system/$unit.service.d"
+    cp "$shared/test.conf" "$root/etc/systemd/system/$unit.service.d/"
+    [ -z "$stage" ] || cp "$units/$unit.service" "$root/etc/systemd/system/"
+done
+if [ -n "$stage" ]; then
+    mkdir -p "$root/opt/Halvorn"
+    cp -a "$stage" "$root/opt/Halvorn/vx_agent"
+fi
 cd "$root"
 pivot_root . .
 umount -l .
@@ -87,7 +94,7 @@ def _cgroups():
 
 
 class Machine:
-    def __init__(self, folder, service_settings):
+    def __init__(self, folder, service_settings, installed=True):
         if os.geteuid() != 0 or not os.path.exists(SYSTEMD):
             pytest.skip("NO SYSTEMD HERE, or no right to boot one: what a service manager makes of the agent is not tested")
         self.shared = os.path.join(folder, "shared")
@@ -108,7 +115,7 @@ class Machine:
         with open(output, "wb") as file:
             self.outer = subprocess.Popen(
                 ["sh", "-c", into, "sh", self.cgroup, "unshare", "--cgroup", "--mount", "--pid", "--fork", "--uts", "--ipc", "--net",
-                 "--propagation", "private", "--kill-child=KILL", "sh", "-c", BOOT, "sh", self.here, STAGE, UNIT, self.shared],
+                 "--propagation", "private", "--kill-child=KILL", "sh", "-c", BOOT, "sh", self.here, STAGE if installed else "", PACKAGING, self.shared],
                 stdin=subprocess.DEVNULL, stdout=file, stderr=subprocess.STDOUT)
         try:
             self.first = wait_until(self._first, BOOT_PATIENCE, "process 1 of the machine")
@@ -161,7 +168,7 @@ class Machine:
         return self.run("journalctl", "--no-pager", "-o", "cat").stdout
 
     def log(self):
-        return self.run("cat", INSTALLED + "/work/vx_agent.log").stdout
+        return self.run("cat", WORK + "/vx_agent.log").stdout
 
     def processes(self):
         """(supervisor, child) as the machine numbers them; 0 for one that is not there."""
