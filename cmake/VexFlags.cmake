@@ -48,6 +48,8 @@ function(vex_harden)
   foreach(target IN LISTS ARGN)
     target_compile_options(${target} PRIVATE -fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE
                                              -D_FORTIFY_SOURCE=2)
+    # The same sources give the same bytes, wherever they lie.
+    target_compile_options(${target} PRIVATE -ffile-prefix-map=${CMAKE_SOURCE_DIR}=. -ffile-prefix-map=${CMAKE_BINARY_DIR}=./build)
     target_link_options(${target} PRIVATE LINKER:-z,now)
     if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
       # Our code has a mark at every place that may be jumped to, but the start files of the C library have none: so the

@@ -2,6 +2,11 @@
 install(TARGETS vx_agent RUNTIME DESTINATION .)
 install(TARGETS vex_core slb3 LIBRARY DESTINATION lib NAMELINK_SKIP)
 install(FILES ${VEX_ARCHIVES} DESTINATION vex_core)
+# Where a package manager installs, the example plugins come as they are once the launcher has unpacked their packages.
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/lua/plugins/network DESTINATION . COMPONENT plugins EXCLUDE_FROM_ALL
+        FILES_MATCHING PATTERN "*.lua")
+install(FILES ${CMAKE_BINARY_DIR}/packages/ext/trend.vxe ${CMAKE_BINARY_DIR}/packages/ext/trend.vxe.version DESTINATION ext
+        COMPONENT plugins EXCLUDE_FROM_ALL)
 
 add_custom_command(
   OUTPUT ${CMAKE_BINARY_DIR}/staged.stamp
