@@ -16,7 +16,6 @@ local M = {
 
 local figures = { "load", "memory_available", "disk_available" }
 local day_ms = 86400000
-local usual_keep_days = 7
 
 local store
 
@@ -40,8 +39,8 @@ end
 
 function M.collect(dom)
   local now = sample(dom)
-  local keep_days = settings.int("trend.KeepDays", usual_keep_days)
-  if keep_days < 1 then keep_days = usual_keep_days end -- as with the agent's own settings
+  local keep_days = settings.int("trend.KeepDays", 7)
+  if keep_days < 1 then keep_days = 7 end -- as with the agent's own settings
   assert(store:add(now, now.time_ms - keep_days * day_ms))
   local last_day = assert(store:since(now.time_ms - day_ms))
   local values = { samples = #last_day }
