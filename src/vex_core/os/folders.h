@@ -12,6 +12,12 @@ namespace VexCore::os {
 /// anything else that is no folder; never blocks on one.
 int OpenFolderAt(int folder, const char* name);
 
+/// Opens a folder as a place to go on from, for which the right to search it is enough: what is opened can be asked and
+/// be the folder of other calls, and perhaps no more. `follow`: through a symbolic link, too.
+int EnterFolderAt(int folder, const char* name, bool follow);
+/// The same for one that cannot be read. `noFollow` is O_NOFOLLOW or 0.
+int OpenToSearchAt(int folder, const char* name, int noFollow);
+
 int MkdirAt(int folder, const char* name, mode_t mode);
 /// Makes a folder and its missing parents, each with mode 0700. A folder that is there already is fine.
 bool MakePrivateFolders(const std::string& path);

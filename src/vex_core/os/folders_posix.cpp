@@ -65,6 +65,13 @@ int OpenFolderAt(int folder, const char* name)
     return OpenFolder(folder, name, O_NOFOLLOW);
 }
 
+int EnterFolderAt(int folder, const char* name, bool follow)
+{
+    const int noFollow = follow ? 0 : O_NOFOLLOW;
+    const int opened = OpenFolder(folder, name, noFollow);
+    return opened < 0 && errno == EACCES ? OpenToSearchAt(folder, name, noFollow) : opened;
+}
+
 int MkdirAt(int folder, const char* name, mode_t mode)
 {
     return Observed(OfDescriptor("mkdirat", folder, name), [&] { return ::mkdirat(folder, name, mode); });

@@ -15,7 +15,7 @@ namespace VexCore::os {
 bool MayOthersWrite(const struct stat& status);
 
 /// A file or folder, and the way to it from a folder at the top. How the top itself is reached is the operator's
-/// choice. From there on each step is taken by descriptor:
+/// choice. From there on each step is taken by descriptor; the right to search a folder on the way is enough.
 ///
 /// - a symbolic link is followed when it is ours or root's;
 /// - a folder and a file must be ours or root's, and nobody else may write them: not the others, and not the group

@@ -155,10 +155,9 @@ bool GuardedPlace::Enter(Descriptor folder, const std::string& path)
 
 bool GuardedPlace::EnterTop(bool make)
 {
-    constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
-    Descriptor top(Open(Named(m_top), flags));
+    Descriptor top(EnterFolderAt(AT_FDCWD, Named(m_top), true));
     if (!top && make && LastError() == ENOENT && MakePrivateFolders(m_top))
-        top = Descriptor(Open(Named(m_top), flags));
+        top = Descriptor(EnterFolderAt(AT_FDCWD, Named(m_top), true));
     return Enter(std::move(top), m_top);
 }
 
@@ -197,12 +196,12 @@ bool GuardedPlace::Walk(bool isFolder, bool make)
                 SetLastError(ELOOP);
                 return false;
             }
-            if (!target.empty() && target[0] == '/' && !Enter(Descriptor(Open("/", O_RDONLY)), ""))
+            if (!target.empty() && target[0] == '/' && !Enter(Descriptor(EnterFolderAt(AT_FDCWD, "/", true)), ""))
                 return false;
             AddSteps(steps, target);
         } else if (isFile) {
             m_name = step;
-        } else if (!Enter(Descriptor(OpenFolderAt(m_folder.Get(), step.c_str())), path)) {
+        } else if (!Enter(Descriptor(EnterFolderAt(m_folder.Get(), step.c_str(), false)), path)) {
             return false;
         }
     }
@@ -217,7 +216,7 @@ bool GuardedPlace::Walk(bool isFolder, bool make)
 
 Descriptor GuardedPlace::OpenFolder(bool make)
 {
-    return Walk(true, make) ? std::move(m_folder) : Descriptor();
+    return Walk(true, make) ? Descriptor(OpenFolderAt(m_folder.Get(), ".")) : Descriptor();
 }
 
 Descriptor GuardedPlace::OpenFile(int flags)

@@ -8,6 +8,7 @@
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_lock.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/folders.h"
 
 #include <gtest/gtest.h>
 
@@ -270,6 +271,38 @@ TEST_F(GuardedPlace, WhatRootMadeIsUsedByAnyUser)
         true);
     EXPECT_TRUE(result.Exited(0)) << result.standardError;
     EXPECT_TRUE(fs::exists(m_top + "/a/b/new"));
+}
+
+TEST_F(GuardedPlace, FoldersOnTheWayNeedOnlyBeSearched)
+{
+    for (const char* part : {"/a/b", "/a/b/file"})
+        GIVE_AWAY(m_top + part);
+    fs::create_directory_symlink("../a/b", m_top + "/a/link");
+    ::chmod((m_top + "/a").c_str(), 0711);
+    ::chmod(m_top.c_str(), 0711);
+    ::chmod(m_folder.Path().c_str(), 0711);
+    const ::Test::ChildResult result = ::Test::RunChild(
+        [this] {
+            if (::setegid(::Test::otherUser) != 0 || ::seteuid(::Test::otherUser) != 0)
+                return 2;
+            std::string said = Open() + Open("a/link/new", O_RDWR | O_CREAT);
+            os::GuardedPlace place(m_top, "a/b");
+            const os::Descriptor folder = place.OpenFolder(false);
+            const auto list = [&](const char* name) {
+                said += std::string(" ") + name;
+                return true;
+            };
+            if (!folder || os::ListFolder(folder.Get(), list) != 0)
+                said += place.Reason();
+            os::GuardedPlace onlySearched(m_top, "a");
+            if (onlySearched.OpenFolder(false) || os::LastError() != EACCES)
+                said += " a folder that cannot be read is none to work in";
+            const ssize_t ignored = ::write(2, said.data(), said.size());
+            static_cast<void>(ignored);
+            return said == " file new" || said == " new file" ? 0 : 1;
+        },
+        true);
+    EXPECT_TRUE(result.Exited(0)) << result.standardError;
 }
 
 // --- files that somebody else opens
