@@ -354,6 +354,7 @@ bool DiskLog::Open()
         return false;
     }
     m_number = m_file.Get();
+    m_realPath = place.RealPath();
     m_identity = os::IdentityOf(status);
     m_cleanEnd = 0;
     m_pieceEnd = 0;
@@ -364,7 +365,7 @@ bool DiskLog::Open()
 
 std::string DiskLog::RotatedName(int number) const
 {
-    return m_path + '.' + std::to_string(number);
+    return m_realPath + '.' + std::to_string(number);
 }
 
 // Moves the full file away. False: it is to be written on (another process is at it, or it cannot be moved).
@@ -390,7 +391,8 @@ bool DiskLog::Rotate()
 }
 
 // Renames from the oldest on, so that a process killed in between leaves a gap and never two files under one name. The
-// next rotation fills the gap and moves only the files before it.
+// next rotation fills the gap and moves only the files before it. Where the log is a link, what it leads to is rotated,
+// in its own folder, and the link stays.
 bool DiskLog::ShiftFiles()
 {
     const int keep = m_settings.keep;
@@ -403,7 +405,7 @@ bool DiskLog::ShiftFiles()
         return false;
     }
     for (int number = gap; number > 0; --number) {
-        const std::string from = number == 1 ? m_path : RotatedName(number - 1);
+        const std::string from = number == 1 ? m_realPath : RotatedName(number - 1);
         if (os::Rename(from.c_str(), RotatedName(number).c_str()) != 0) {
             RotationFailed(NumberAndText(os::LastError()));
             return false;

@@ -116,6 +116,7 @@ private:
     std::string m_path;
     Settings m_settings;
     std::string m_timeFormat = standardTimeFormat; // of the log's own records
+    std::string m_realPath; // of the open file, where m_path is a link
     os::Descriptor m_file;
     os::FileIdentity m_identity; // of the open file
     off_t m_size = 0; // of the open file, as last seen

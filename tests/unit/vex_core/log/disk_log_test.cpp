@@ -795,7 +795,7 @@ TEST(DiskLog, FileOfTheSameNumberOnAnotherDeviceIsAnotherFile)
     int opened = 0;
     bool otherDevice = true;
     const CallWatch watch([&](const os::Call& call) {
-        opened += call.name == "open"sv;
+        opened += call.name == "openat"sv && call.path == "x.log"sv;
         if (call.name != "stat"sv || !std::exchange(otherDevice, false))
             return 0;
         EXPECT_EQ(::stat(call.path, call.status), 0);
@@ -821,6 +821,25 @@ TEST(DiskLog, OpenFileIsWrittenOnWhileItsNameCannotBeAskedFor)
     log.Write("two\n", false);
     EXPECT_EQ(ReadFile(folder / "x.log"), "one\ntwo\n");
     EXPECT_EQ(error.Text(), "");
+}
+
+TEST(DiskLog, WhereTheLogIsALinkItsTargetIsRotatedAndTheLinkStays)
+{
+    const TempFolder folder;
+    const TempFolder target;
+    std::filesystem::create_symlink(target / "real.log", folder / "x.log");
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings({8, 2});
+    for (const char* record : {"first\n", "second\n", "third\n", "fourth\n"})
+        log.Write(record, false);
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "x.log"));
+    EXPECT_EQ(ReadFile(target / "real.log"), "fourth\n");
+    EXPECT_EQ(ReadFile(target / "real.log.1"), "third\n");
+    EXPECT_EQ(ReadFile(target / "real.log.2"), "second\n");
+    EXPECT_FALSE(std::filesystem::exists(target / "real.log.3"));
+    EXPECT_FALSE(std::filesystem::is_symlink(folder / "x.log.1"));
+    EXPECT_FALSE(std::filesystem::exists(folder / "x.log.1"));
 }
 
 TEST(DiskLog, FailedRotationIsSaidInTheLogAndTheFileGrowsOn)
