@@ -52,27 +52,33 @@ bool SqliteConnection::Fail(int code)
     return false;
 }
 
-bool SqliteConnection::Open(const std::string& path, std::int64_t minSynchronous)
+bool SqliteConnection::Open(const std::string& path, std::int64_t minSynchronous, const char* vfs)
 {
-    return Open(path, SQLITE_OPEN_CREATE, minSynchronous);
+    return Open(path, SQLITE_OPEN_CREATE, minSynchronous, vfs);
 }
 
-bool SqliteConnection::Open(os::GuardedPlace& place, std::int64_t minSynchronous)
+bool SqliteConnection::Settle(os::GuardedPlace& place)
 {
     // SQLite gives what it makes beside the file the file's own mode.
-    if (place.SettleFile({"-journal", "-wal", "-shm"}))
-        return Open(place.RealPath(), SQLITE_OPEN_NOFOLLOW, minSynchronous);
+    return place.SettleFile({"-journal", "-wal", "-shm"});
+}
+
+bool SqliteConnection::Open(os::GuardedPlace& place, std::int64_t minSynchronous, const char* vfs)
+{
+    // The file is there by now; what a statement attaches elsewhere may be new.
+    if (Settle(place))
+        return Open(place.RealPath(), SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_CREATE, minSynchronous, vfs);
     Close();
     m_errorCode = SQLITE_CANTOPEN;
     m_error = place.Reason();
     return false;
 }
 
-bool SqliteConnection::Open(const std::string& path, int flags, std::int64_t minSynchronous)
+bool SqliteConnection::Open(const std::string& path, int flags, std::int64_t minSynchronous, const char* vfs)
 {
     Close();
     sqlite3* handle = nullptr;
-    const int result = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | flags, nullptr);
+    const int result = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | flags, vfs);
     m_handle.reset(handle); // there is one after a failure too
     if (result != SQLITE_OK) {
         Fail(handle ? sqlite3_extended_errcode(handle) : result);

@@ -45,11 +45,14 @@ public:
     SqliteConnection& operator=(SqliteConnection&& other) noexcept = default;
 
     /// Opens the file, made when it is missing, and applies the process's settings, with `minSynchronous` at
-    /// least. False: see `Error`, and the connection is closed.
-    bool Open(const std::string& path, std::int64_t minSynchronous);
+    /// least. `vfs` is SQLite's own where it is null. False: see `Error`, and the connection is closed.
+    bool Open(const std::string& path, std::int64_t minSynchronous, const char* vfs = nullptr);
     /// The same for a file below the work folder, only when nobody else can have made it what it is. The file and what
     /// SQLite puts beside it are for the owner alone.
-    bool Open(os::GuardedPlace& place, std::int64_t minSynchronous);
+    bool Open(os::GuardedPlace& place, std::int64_t minSynchronous, const char* vfs = nullptr);
+    /// Sees to it that the file and what SQLite puts beside it are there for us alone, or not there. False: `place`
+    /// tells why.
+    static bool Settle(os::GuardedPlace& place);
     void Close();
     /// Forgets the connection without touching the file: in a child that inherited it through fork.
     void Abandon();
@@ -69,7 +72,7 @@ public:
 
 private:
     friend class SqliteStatement;
-    bool Open(const std::string& path, int flags, std::int64_t minSynchronous);
+    bool Open(const std::string& path, int flags, std::int64_t minSynchronous, const char* vfs);
     bool Fail(int code);
 
     struct Closer

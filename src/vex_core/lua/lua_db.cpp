@@ -8,6 +8,7 @@
 #include "vex_core/database/sqlite_connection.h"
 #include "vex_core/domain/work_folder.h"
 #include "vex_core/events/agentevent_store.h"
+#include "vex_core/lua/guarded_vfs.h"
 #include "vex_core/lua/lua_arguments.h"
 
 #include <cmath>
@@ -367,7 +368,8 @@ int Open(lua_State* L)
     luaL_setmetatable(L, typeName);
     const bool isFile = std::strcmp(path, ":memory:") != 0; // SQLite's name for none
     std::optional<os::GuardedPlace> place = isFile ? PlaceInWorkFolder(path) : std::optional<os::GuardedPlace>();
-    if (!(place ? self->db.Open(*place, fullSynchronous) : self->db.Open(path, fullSynchronous)))
+    const char* const vfs = GuardedVfs();
+    if (!(place ? self->db.Open(*place, fullSynchronous, vfs) : self->db.Open(path, fullSynchronous, vfs)))
         return Failed(L, std::string(path) + ": " + self->db.Error());
     const std::lock_guard lock(g_openLock);
     OpenDatabases().insert(self);

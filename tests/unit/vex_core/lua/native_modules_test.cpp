@@ -6,6 +6,7 @@
 
 #include "support/address_limit.h"
 #include "support/dom_ptr.h"
+#include "support/log_catcher.h"
 #include "support/other_user.h"
 #include "support/temp_folder.h"
 #include "vex/core/agentevent.h"
@@ -412,6 +413,48 @@ TEST_F(NativeModules, ADatabaseBelowTheWorkFolderIsForTheOwnerAloneAndNoLinkOfAn
                         / "link.db' is not followed, because the link belongs to user 1000: "
                           "give it to root or to the user of this process, or remove it");
     EXPECT_TRUE(std::filesystem::is_empty(victim.Path()));
+}
+
+TEST_F(NativeModules, AnAttachedDatabaseKeepsToTheSameRule)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    dom->Set("app.path.work", m_folder.Path());
+    const ::Test::FileModeMask open(0);
+    const ::Test::TempFolder elsewhere;
+    std::filesystem::create_symlink(elsewhere / "x", m_folder / "ours.db");
+    std::filesystem::create_symlink(elsewhere / "through", elsewhere / "link");
+    const std::string attach =
+        "local function attach(path) local done, m = db:exec('ATTACH ? AS other', {path})\n"
+        "  if not done then return m end\n"
+        "  return assert(db:exec('CREATE TABLE other.t(x)')) and assert(db:exec('DETACH other')) "
+        "end\n";
+    EXPECT_EQ(RunDb(attach + "return attach(folder .. '/new.db') .. attach(folder .. '/ours.db')"), "00");
+    EXPECT_EQ(RunDb(attach + "return attach('" + elsewhere / "link" + "') .. attach(':memory:') .. attach('')"), "000");
+    for (const std::string& file : {m_folder / "new.db", elsewhere / "x"}) {
+        struct stat status = {};
+        ASSERT_EQ(::stat(file.c_str(), &status), 0) << file;
+        EXPECT_EQ(status.st_mode & 07777, mode_t(0600)) << file;
+    }
+    EXPECT_TRUE(std::filesystem::exists(elsewhere / "through"));
+    std::filesystem::remove(elsewhere / "x");
+    std::filesystem::create_hard_link(m_folder / "new.db", elsewhere / "second");
+    GIVE_AWAY(m_folder / "ours.db");
+    const ::Test::LogCatcher log;
+    EXPECT_EQ(RunDb(attach + "return attach(folder .. '/ours.db') .. ', ' .. attach('" + m_folder / "new.db" + "')"),
+              "unable to open database: " + m_folder / "ours.db" + ", unable to open database: " + m_folder / "new.db");
+    EXPECT_EQ(RunDb("return select(2, db:exec(\"VACUUM INTO '" + m_folder / "ours.db" + "'\"))"),
+              "unable to open database: " + m_folder / "ours.db");
+    EXPECT_FALSE(std::filesystem::exists(elsewhere / "x"));
+    EXPECT_EQ(
+        log.Text(),
+        "'"
+            + m_folder
+                  / "ours.db' is not followed, because the link belongs to user 1000: give it to root or to the user "
+                    "of "
+                    "this process, or remove it\n'"
+            + m_folder
+                  / "new.db' is not used, because it has 2 names (hard links): put a copy in its place, or remove "
+                    "it\n");
 }
 
 TEST_F(NativeModules, ChangesAreFlushedBeforeTheCallReturns)
