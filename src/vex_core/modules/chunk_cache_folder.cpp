@@ -151,14 +151,16 @@ public:
         return *s_instance;
     }
 
-    // A file of this size was written. Sweeps the folder the first time, and again when it may be beyond its bounds: a
-    // file that was only replaced counts as one more until then.
-    void NoteWritten(const std::string& path, int folder, std::uint64_t bytes)
+    // A file was written: as a new one, or in the place of one. Sweeps the folder the first time, and again when it may
+    // be beyond its bounds.
+    void NoteWritten(const std::string& path, int folder, bool isNewFile, std::uint64_t bytes)
     {
         const std::lock_guard lock(m_lock);
-        const auto [known, isNew] = m_folders.try_emplace(path);
+        const auto [known, isNewFolder] = m_folders.try_emplace(path);
         Contents& contents = known->second;
-        if (isNew || ++contents.files > maxFiles || (contents.bytes += bytes) > maxFolderBytes)
+        contents.files += isNewFile ? 1 : 0;
+        contents.bytes += bytes; // what it took the place of counts until the next sweep
+        if (isNewFolder || contents.files > maxFiles || contents.bytes > maxFolderBytes)
             contents = Sweep(folder);
     }
 
@@ -198,9 +200,14 @@ void ChunkCacheFolder::NoteUse(const ChunkFile& file)
 bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes) const
 {
     os::Descriptor folder;
-    if (OpenFolder(m_path, true, folder) != FolderState::Usable)
+    struct stat status;
+    // Whether there is to be a work folder is not for a cache to say.
+    if (os::Stat(m_path.substr(0, m_path.rfind('/')).c_str(), status) != 0
+        || OpenFolder(m_path, true, folder) != FolderState::Usable)
         return false;
     const std::string temporary = TemporaryName();
+    const std::string name = key + fileSuffix;
+    const bool isNew = os::LStatAt(folder.Get(), name.c_str(), status) != 0;
     os::Descriptor file(os::OpenAt(folder.Get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
     if (!file) {
         Trace(__LINE__, m_path, "not written: " + os::ErrorText(os::LastError()));
@@ -208,12 +215,12 @@ bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes)
     }
     // Not flushed to storage: after a power loss the checksums tell what is whole.
     if (!os::WriteAll(file.Get(), bytes.data(), bytes.size())
-        || os::RenameAt(folder.Get(), temporary.c_str(), folder.Get(), (key + fileSuffix).c_str()) != 0) {
+        || os::RenameAt(folder.Get(), temporary.c_str(), folder.Get(), name.c_str()) != 0) {
         Trace(__LINE__, m_path, "not written: " + os::ErrorText(os::LastError()));
         (void)os::UnlinkAt(folder.Get(), temporary.c_str());
         return false;
     }
-    SweptFolders::Process().NoteWritten(m_path, folder.Get(), bytes.size());
+    SweptFolders::Process().NoteWritten(m_path, folder.Get(), isNew, bytes.size());
     return true;
 }
 

@@ -1,5 +1,6 @@
 #include "vex_core/modules/chunk_caches.h"
 
+#include "support/call_watch.h"
 #include "support/child.h"
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <string_view>
 #include <thread>
 
 #include <fcntl.h>
@@ -21,6 +23,7 @@
 #include <unistd.h>
 
 using namespace VexCore;
+using namespace std::string_view_literals;
 
 namespace {
 const std::string key(64, 'a');
@@ -259,10 +262,25 @@ TEST_F(CachedChunk, AProcessThatWritesManyFilesKeepsTheNewestThousand)
     for (int number = 0; number < 1100; ++number)
         ASSERT_TRUE(written.Replace("k" + std::to_string(number), "x"));
     EXPECT_EQ(Names(m_folder / "many").size(), 1000u);
-    for (int again = 0; again < 3; ++again)
-        ASSERT_TRUE(written.Replace("k1099", "y"));
+    int listed = 0;
+    {
+        const ::Test::CallWatch watch([&listed](const os::Call& call) {
+            listed += call.name == "readdir"sv ? 1 : 0;
+            return 0;
+        });
+        for (int again = 0; again < 3; ++again)
+            ASSERT_TRUE(written.Replace("k1099", "y"));
+    }
+    EXPECT_EQ(listed, 0) << "a file that takes the place of another makes no more of them";
     EXPECT_EQ(Names(m_folder / "many").size(), 1000u);
     EXPECT_THAT(Names(m_folder / "many"), testing::Contains("k1099.luac"));
+}
+
+TEST_F(CachedChunk, NoWorkFolderIsMadeForIt)
+{
+    EXPECT_FALSE(ChunkCacheFolder(m_folder / "mistyped/work/cache").Replace("k", "x"));
+    EXPECT_FALSE(ChunkCacheFolder(m_folder / "mistyped/cache").Replace("k", "x"));
+    EXPECT_FALSE(std::filesystem::exists(m_folder / "mistyped"));
 }
 
 TEST_F(CachedChunk, AFileInUseIsMarkedSo)
