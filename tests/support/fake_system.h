@@ -42,6 +42,7 @@ public:
     int ask = 0; ///< answer of `Ask`: 0 or -errno
     VexOs::LockResult lock = VexOs::LockResult::Taken; ///< of the file beside the pid file
     VexOs::LockResult workLock = VexOs::LockResult::Taken; ///< of the file in the work folder
+    pid_t lockHolder = strangerId; ///< who has a lock that is held by another
     pid_t otherWorker = 0;
     bool executable = false;
     std::int64_t now = 1700000000;
@@ -175,7 +176,7 @@ public:
         FakeCore::Record("TakeInstanceLock(" + FakeCore::Quote(path) + ")");
         const bool isBesidePidFile = std::string(path ? path : "").rfind("/var/run/", 0) == 0;
         errno = isBesidePidFile ? EACCES : ENOENT;
-        holder = strangerId;
+        holder = lockHolder;
         return isBesidePidFile ? lock : workLock;
     }
     pid_t FindOtherWorker() override { return otherWorker; }

@@ -173,6 +173,28 @@ TEST_F(BackgroundMode, EndsWhenAnotherAgentHasTheLockOfTheWorkFolder)
     }
 }
 
+TEST_F(BackgroundMode, ShowsNoIdOfAProcessThatIsGoneOrOutOfSight)
+{
+    m_system.workLock = VexOs::LockResult::HeldByOther;
+    for (const pid_t holder : {0, -1}) {
+        FakeCore::ClearJournal();
+        m_system.lockHolder = holder;
+        EXPECT_EQ(RunToEnd().status, 1);
+        EXPECT_THAT(LogLines(), ElementsAre("Log(Error, \"The work folder /work folder is in use by another agent of "
+                                            "this name, exiting\")"));
+    }
+}
+
+TEST_F(BackgroundMode, WaitsForAnEarlierStartsChildThatIsOutOfSight)
+{
+    DetachToSupervisor();
+    m_system.otherWorker = -1;
+    m_system.ChildEnds(0);
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(Count("WaitForOtherWorker()"), 1u);
+    EXPECT_EQ(Count("Log(Info, \"The child process of an earlier start is still ending, waiting for it.\")"), 1u);
+}
+
 TEST_F(BackgroundMode, StartsWithAWarningWhenTheLockBesideThePidFileCannotBeMade)
 {
     m_system.lock = VexOs::LockResult::Unavailable;

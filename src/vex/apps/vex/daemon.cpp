@@ -64,6 +64,12 @@ void GiveUpPidFile()
     g_stop.system->ReleaseInstanceLock();
 }
 
+// Nothing for a process that has gone meanwhile, or is out of sight: in another container or on another host.
+wxString ShownPid(pid_t pid)
+{
+    return pid > 0 ? wxString::Format(" (pid=%d)", static_cast<int>(pid)) : wxString();
+}
+
 // Safe in a signal handler. Somewhere else than in our own group the signal would reach strangers.
 void SignalEverybody()
 {
@@ -159,8 +165,7 @@ void Daemon::TakeLock()
     const wxString inside = work + '/' + path.AfterLast('/');
     const LockResult within = m_system.TakeInstanceLock(inside.mb_str(wxConvLibc), holder);
     if (within == LockResult::HeldByOther) {
-        wxLogError("The work folder %s is in use by another agent of this name (pid=%d), exiting", work,
-                   static_cast<int>(holder));
+        wxLogError("The work folder %s is in use by another agent of this name%s, exiting", work, ShownPid(holder));
         m_system.Exit(1);
     }
     m_locked = beside == LockResult::Taken || within == LockResult::Taken;
@@ -231,8 +236,7 @@ void Daemon::WaitForFormerChild()
     const pid_t former = m_locked ? m_system.FindOtherWorker() : 0;
     if (former == 0)
         return;
-    wxLogInfo("The child process of an earlier start (pid=%d) is still ending, waiting for it.",
-              static_cast<int>(former));
+    wxLogInfo("The child process of an earlier start%s is still ending, waiting for it.", ShownPid(former));
     // A stop must not have to wait as well. The first child is to find the default disposition, so it comes back.
     WatchForStop(0);
     m_system.WaitForOtherWorker();
