@@ -9,7 +9,7 @@
 namespace SLB3::internal {
 
 // A bound method is a closure with these upvalues.
-constexpr int upvalueMetatable = 1; ///< of its class
+constexpr int upvalueMetatable = 1; ///< of its class, whose name messages show
 constexpr int upvalueMethodName = 2;
 
 /// Raises "bad argument #P to 'Class:Method' (WANTED expected, got GOT)" for the value at a stack index of
