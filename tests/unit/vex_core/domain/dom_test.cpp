@@ -461,6 +461,8 @@ TEST(Dom, PluginFolderIsMadePrivate)
         EXPECT_EQ(status.st_mode, mode_t(S_IFDIR | 0700)) << each;
     }
     EXPECT_EQ(dom->GetPluginWorkdirWx(wxS("diag")), path) << "there already is fine";
+    dom->Set("app.path.work", (folder / "work/"));
+    EXPECT_EQ(dom->GetPluginWorkdirWx(wxS("diag")), path) << "with one slash in between";
 }
 
 TEST(Dom, PluginNameThatIsNoFileNameGivesThePluginsFolder)

@@ -208,6 +208,18 @@ TEST_F(GuardedPlace, LinksOfOursAreFollowed)
     EXPECT_EQ(Open("loop"), "Too many levels of symbolic links");
 }
 
+TEST_F(GuardedPlace, AsManyLinksAreFollowedAsTheSystemFollows)
+{
+    std::string before = "a/b/file";
+    for (int number = 1; number <= 41; ++number) {
+        const std::string name = "link" + std::to_string(number);
+        fs::create_symlink(before, m_top + '/' + name);
+        before = name;
+    }
+    EXPECT_EQ(Open("link40"), "");
+    EXPECT_EQ(Open("link41"), "Too many levels of symbolic links");
+}
+
 TEST_F(GuardedPlace, LinksOfAnotherUserAreNotFollowed)
 {
     fs::create_symlink("b/file", m_top + "/a/link");

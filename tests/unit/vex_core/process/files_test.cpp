@@ -154,13 +154,17 @@ TEST(SecuredFile, EndlessDepthEndsWithAFailure)
 {
     const TempFolder folder;
     std::string path = folder / "d";
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 128; ++i) {
         MakeFolder(path, 0755);
         path += "/d";
     }
     const LogCatcher log;
+    EXPECT_TRUE(Secure(folder / "d", true));
+    EXPECT_EQ(log.Text(), "");
+    MakeFolder(path, 0755);
     EXPECT_FALSE(Secure(folder / "d", true));
-    EXPECT_EQ(log.Lines().size(), 1u);
+    ASSERT_EQ(log.Lines().size(), 1u);
+    EXPECT_EQ(log.Lines()[0].text, "Can't restrict the access rights of " + path + " (error 36: File name too long)");
 }
 
 // --- files to believe

@@ -10,6 +10,7 @@
 #include "support/temp_folder.h"
 
 #include <atomic>
+#include <cstdint>
 #include <filesystem>
 #include <thread>
 
@@ -125,7 +126,8 @@ TEST_F(PidFile, PidBelowTwoOrOutOfRangeIsNobody)
 TEST_F(PidFile, PidAloneIsAccepted)
 {
     const std::string pid = std::to_string(getpid());
-    for (const std::string& text : {pid, pid + "\n", pid + "\r\n", " " + pid + " \n", "000" + pid, pid + "\n\n"})
+    for (const std::string& text :
+         {pid, pid + "\n", pid + "\r\n", " " + pid + " \n", "\t" + pid + "\t", "000" + pid, pid + "\n\n"})
         EXPECT_EQ(ReadText(text), getpid()) << text;
 }
 
@@ -159,7 +161,9 @@ TEST_F(PidFile, MegabyteIsNobody)
 {
     EXPECT_EQ(ReadText(std::string(1 << 20, '7')), 0);
     EXPECT_EQ(ReadText(std::to_string(getpid()) + std::string(1 << 20, '\n')), 0);
-    EXPECT_EQ(ReadText(std::to_string(getpid()) + std::string(200, ' ')), 0);
+    const std::string pid = std::to_string(getpid());
+    EXPECT_EQ(ReadText(pid + std::string(128 - pid.size(), ' ')), getpid());
+    EXPECT_EQ(ReadText(pid + std::string(129 - pid.size(), ' ')), 0);
 }
 
 TEST_F(PidFile, FolderIsNobodyAndIsNotReplaced)
@@ -254,4 +258,12 @@ TEST(PidFileText, StartTimeIsOptional)
     EXPECT_EQ(both.pid, 77);
     EXPECT_TRUE(both.hasStartTime);
     EXPECT_EQ(both.startTime, 88u);
+}
+
+TEST(PidFileText, StartTimeIsANumberOf64Bits)
+{
+    const std::string largest = "77\n18446744073709551615";
+    EXPECT_EQ(ParsePidFile(largest.data(), largest.size()).startTime, UINT64_MAX);
+    const std::string more = "77\n18446744073709551616";
+    EXPECT_EQ(ParsePidFile(more.data(), more.size()).pid, 0);
 }
