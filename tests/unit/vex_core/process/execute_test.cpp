@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <string_view>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -157,6 +158,18 @@ TEST(HelperProgram, NameWithoutSlashIsLookedUpInPath)
     EXPECT_EQ(RunProgram("printf", {"%s", "found"}).output, "found");
 }
 
+TEST(HelperProgram, NameWithoutSlashIsLookedUpWhereTheSystemKeepsItsProgramsWithoutAPath)
+{
+    const std::string before = std::getenv("PATH");
+    ::unsetenv("PATH");
+    const wxString unset = RunProgram("printf", {"%s", "found"}).output;
+    ::setenv("PATH", "", 1);
+    const wxString empty = RunProgram("printf", {"%s", "found"}).output;
+    ::setenv("PATH", before.c_str(), 1);
+    EXPECT_EQ(unset, "found");
+    EXPECT_EQ(empty, "found");
+}
+
 TEST(HelperProgram, StandardInputIsEmpty)
 {
     EXPECT_EQ(RunProgram("/bin/cat", {}).output, "");
@@ -178,6 +191,23 @@ TEST(HelperProgram, CutDoesNotSplitACharacter)
     ASSERT_EQ(result.output.length(), (static_cast<std::size_t>(16) << 20) / 3);
     EXPECT_EQ(result.output[0], wxUniChar(0x20AC));
     EXPECT_EQ(result.output.Last(), wxUniChar(0x20AC));
+}
+
+TEST(HelperProgram, CutLeavesACharacterThatIsWhole)
+{
+    const auto lengthOf = [](const char* before, const char* character) {
+        const wxString output = RunProgram("perl", {"-e", std::string("binmode STDOUT; print '") + before
+                                                              + "', pack('H*', '" + character + "') x 10000000"})
+                                    .output;
+        EXPECT_GE(output.Last(), wxUniChar(0xE9)) << before << character; // the character, and no byte of it alone
+        return output.length() - std::string_view(before).size();
+    };
+    constexpr std::size_t most = static_cast<std::size_t>(16) << 20;
+    EXPECT_EQ(lengthOf("", "c3a9"), most / 2);
+    EXPECT_EQ(lengthOf("x", "c3a9"), most / 2 - 1);
+    EXPECT_EQ(lengthOf("xx", "e0a481"), (most - 2) / 3);
+    EXPECT_EQ(lengthOf("", "f0908d88"), most / 4);
+    EXPECT_EQ(lengthOf("x", "f0908d88"), most / 4 - 1);
 }
 
 TEST(HelperProgram, OutputThatIsNotUtf8IsTakenAsLatin1)
@@ -242,6 +272,18 @@ TEST(HelperProgram, WorksWhileSigchldIsIgnored)
     struct sigaction now;
     sigaction(SIGCHLD, nullptr, &now);
     EXPECT_EQ(now.sa_handler, SIG_IGN);
+}
+
+TEST(HelperProgram, WorksWhileStatusesAreNotKept)
+{
+    ::Test::LogCatcher log;
+    const DispositionKept notKept(SIGCHLD, SIG_DFL, SA_NOCLDWAIT);
+    const Result result = Shell("exit 5");
+    EXPECT_TRUE(result.ran) << result.error;
+    EXPECT_EQ(result.code, 5);
+    struct sigaction now;
+    sigaction(SIGCHLD, nullptr, &now);
+    EXPECT_EQ(now.sa_flags & SA_NOCLDWAIT, SA_NOCLDWAIT);
 }
 
 TEST(HelperProgram, WorksWhileSigchldIsBlocked)

@@ -136,6 +136,19 @@ TEST(HelpersAtTheEnd, WhatAProgramHasLeftRunningGetsATerm)
     EXPECT_TRUE(Comes([&] { return !Runs(left); }));
 }
 
+TEST(HelpersAtTheEnd, WhatSeveralProgramsHaveLeftRunningGetsATerm)
+{
+    pid_t left[3] = {};
+    for (pid_t& each : left)
+        each = std::atoi(RunProgram(Shell("sleep 60 & echo $!")).output.c_str());
+    SendSignal(left[0], SIGKILL);
+    EXPECT_TRUE(Comes([&] { return !Runs(left[0]); }));
+    RunProgram(Shell("true"));
+    ASSERT_TRUE(Runs(left[1]) && Runs(left[2]));
+    EndHelpers();
+    EXPECT_TRUE(Comes([&] { return !Runs(left[1]) && !Runs(left[2]); }));
+}
+
 TEST(HelpersAtTheEnd, WhatHasASessionOfItsOwnIsLeftAlone)
 {
     const ::Test::TempFolder folder;
