@@ -74,9 +74,8 @@ def test_a_status_given_as_a_numeric_text_counts(tree):
     assert tree.run(name="probe").status == 5
 
 
-@pytest.mark.parametrize("value", ["nil", "true", "{}", "print"])
-def test_values_that_are_no_number_count_as_success(tree, value):
-    tree.app("probe", f"return {{ main = function() return {value} end }}")
+def test_a_value_that_is_no_number_counts_as_success(tree):
+    tree.app("probe", "return { main = function() return true end }")
     result = tree.run(name="probe")
     assert (result.status, result.err) == (0, "")
 
