@@ -48,7 +48,7 @@ mount --bind "$shared" "$root/shared"
 rm -rf "$root"/etc/systemd/system/*.wants
 : >"$root/etc/machine-id"
 : >"$root/etc/fstab"
-rm -rf "$root"/etc/rc?.d
+rm -rf "$root"/etc/rc?.d "$root/usr/sbin/policy-rc.d"
 for other in dbus.service dbus.socket systemd-logind.service getty.target timers.target networking.service \
     systemd-udevd.service systemd-udevd-control.socket systemd-udevd-kernel.socket systemd-udev-trigger.service; do
     ln -sf /dev/null "$root/etc/systemd/system/$other"
