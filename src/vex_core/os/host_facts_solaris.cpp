@@ -16,7 +16,6 @@
 #include <sys/param.h>
 #include <sys/statvfs.h>
 #include <sys/swap.h>
-#include <sys/systeminfo.h>
 #include <unistd.h>
 #include <utmpx.h>
 
@@ -110,11 +109,9 @@ bool IsDisk(const mnttab& entry)
 
 std::optional<std::string> MachineId()
 {
-    char serial[64] = "";
-    const long size = sysinfo(SI_HW_SERIAL, serial, sizeof serial);
-    if (size < 2 || static_cast<std::size_t>(size) > sizeof serial || std::strcmp(serial, "0") == 0)
-        return std::nullopt;
-    return std::string(serial);
+    // The system has a serial number (SI_HW_SERIAL), but that is one for all zones of a machine, and so short that it
+    // can be guessed from its hash.
+    return std::nullopt;
 }
 
 std::optional<std::string> Distribution()
