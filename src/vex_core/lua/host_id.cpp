@@ -17,6 +17,8 @@
 #include <openssl/rand.h>
 #include <openssl/sha.h>
 
+#include <wx/log.h>
+
 namespace VexCore {
 
 namespace {
@@ -62,8 +64,9 @@ void Keep(os::GuardedPlace& place, const std::string& path, const std::string& i
         return;
     const std::string line = id + '\n';
     if (os::WriteAll(file.Get(), line.data(), line.size()) && os::FSync(file.Get()) == 0
-        && os::Link(temporary.c_str(), path.c_str()) != 0 && KeptIn(place).empty() && place.Breach().empty())
-        os::Rename(temporary.c_str(), path.c_str());
+        && os::Link(temporary.c_str(), path.c_str()) != 0 && KeptIn(place).empty() && place.Breach().empty()
+        && os::Rename(temporary.c_str(), path.c_str()) == 0)
+        wxLogWarning(wxS("'%s' held no id of the host, which has another one now"), FromForeignBytes(path));
     os::Unlink(temporary.c_str());
 }
 

@@ -87,6 +87,8 @@ def test_without_an_id_of_the_system_the_host_gets_one_that_it_keeps(tree):
         file.write("no id")
     second = report()
     assert len(second) == 32 and second != first and report() == second
+    log = tree.log()
+    assert log.count(" WARNING ") == log.count(f"'{path}' held no id of the host, which has another one now\n") == 1
     assert [name for name in os.listdir(tree.work) if name.startswith("host.id")] == ["host.id"]
 
 
