@@ -245,7 +245,21 @@ TEST_F(AgentLocks, WhatIsNoPlainFileCannotBeLocked)
         EXPECT_EQ(Take(m_folder / name), LockResult::Unavailable) << name;
     pid_t holder = 0;
     EXPECT_EQ(System().TakeInstanceLock(nullptr, holder), LockResult::Unavailable);
+    EXPECT_EQ(errno, EINVAL); // a name that is no text, rather than "Bad address"
     EXPECT_FALSE(std::filesystem::exists(m_folder / "elsewhere"));
+}
+
+TEST_F(AgentLocks, AThirdFileIsOneTooMany)
+{
+    EXPECT_EQ(InChild([&] {
+                  if (Take(m_path) != LockResult::Taken || Take(m_folder / "b.pid.lock") != LockResult::Taken)
+                      return 1;
+                  const std::string third = m_folder / "c.pid.lock";
+                  if (Take(third) != LockResult::Unavailable || errno != EMFILE)
+                      return 2;
+                  return std::filesystem::exists(third) ? 3 : 0;
+              }),
+              0);
 }
 
 TEST_F(AgentLocks, WhatSomebodyElseHadAHandInIsNotLocked)

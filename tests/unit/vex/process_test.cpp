@@ -5,13 +5,17 @@
 
 #include "support/child.h"
 #include "support/joining_thread.h"
+#include "support/temp_folder.h"
 
 #include "vex/core/sendsignal.h"
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -123,6 +127,43 @@ TEST(ProcessSystem, AParentThatDoesNotEndIsWaitedForForSomeSeconds)
     const auto waited = steady_clock::now() - begin;
     EXPECT_GE(waited, seconds(5));
     EXPECT_LT(waited, seconds(30));
+}
+
+TEST(ProcessSystem, WhatAStreamHoldsBackIsWrittenOnce)
+{
+    for (std::FILE* const stream : {stdout, stderr}) {
+        const ::Test::TempFolder folder;
+        EXPECT_EQ(InChild([&] {
+                      std::fflush(stream);
+                      ::dup2(::open((folder / "x").c_str(), O_WRONLY | O_CREAT, 0600), ::fileno(stream));
+                      std::setvbuf(stream, nullptr, _IOFBF, 100);
+                      std::fputs("once", stream);
+                      const pid_t child = System().Fork();
+                      std::fflush(stream);
+                      if (child == 0)
+                          ::_exit(0);
+                      return ::waitpid(child, nullptr, 0) == child ? 0 : 1;
+                  }),
+                  0);
+        EXPECT_EQ(::Test::ReadFile(folder / "x"), "once");
+    }
+}
+
+// Then the next process cannot be told, and does not wait.
+TEST(ProcessSystem, TheFirstForkNeedsNoFurtherFile)
+{
+    EXPECT_EQ(InChild([] {
+                  const struct rlimit none = {0, 0};
+                  ::setrlimit(RLIMIT_NOFILE, &none);
+                  const pid_t child = System().ForkFirstChild();
+                  if (child == 0) {
+                      System().WaitForStarter();
+                      ::_exit(7);
+                  }
+                  int status = 0;
+                  return child > 1 && ::waitpid(child, &status, 0) == child && WEXITSTATUS(status) == 7 ? 0 : 1;
+              }),
+              0);
 }
 
 TEST(ProcessSystem, APendingSigtermIsPassedOnUnlessItCameFromThere)
@@ -314,7 +355,15 @@ TEST(ProcessSystem, TheFileModeKeepsTheOwnersRightsAndStricterMasks)
 TEST(ProcessSystem, StreamsGoToTheNullDevice)
 {
     EXPECT_EQ(InChild([] {
+                  const auto nextFree = [] {
+                      const int number = ::dup(0);
+                      ::close(number);
+                      return number;
+                  };
+                  const int free = nextFree();
                   System().StreamsToNull();
+                  if (nextFree() != free)
+                      return 5; // one of those that were opened stays
                   struct stat null;
                   ::stat("/dev/null", &null);
                   for (int descriptor = 0; descriptor < 3; ++descriptor) {

@@ -679,6 +679,21 @@ TEST_F(Settings, AConfigurationFileOfFourMebibytesIsReadAndOneByteMoreIsTooMuch)
                 ElementsAre(HasSubstr("is larger than 4194304 bytes")));
 }
 
+TEST_F(Settings, AConfigurationFileOfTheSystemThatIsTooLargeIsNotReadBesideTheOther)
+{
+    const TempFolder folder;
+    const std::string global = folder / "global";
+    WriteFile(global, "Trace=Global\nDumpLevel=1\n");
+    std::filesystem::resize_file(global, (4u << 20) + 1);
+    StartWithFile("sqlite.config.kept=2\n", {"-d", "app.path.ini.global=" + global});
+    EXPECT_EQ(Get("app.trace+"), defaultTraces);
+    EXPECT_EQ(Get("app.fulldump"), "false");
+    EXPECT_EQ(Get("sqlite.config.kept"), "2");
+    EXPECT_EQ(
+        FakeCore::Journal({"Log(Warning", "Log(Error"}),
+        Lines{"Log(Warning, \"Configuration file '" + global + "' is larger than 4194304 bytes and is not read\")"});
+}
+
 TEST_F(Settings, AConfigurationFileOfAHundredThousandLinesIsReadAndOneMoreIsTooMuch)
 {
     for (const std::string lineEnd : {"\n", "\r\n", "\r"}) {

@@ -170,6 +170,13 @@ TEST_F(Start, TheOneApplicationIsReachedThroughItsFunction)
 
 TEST_F(Start, OnlyTheLanguageOfTheUserIsAskedForTranslations)
 {
+    const TempFolder folder;
+    for (const char* language : {"aa", "bb", "cc", "dd", "ee"}) {
+        const std::string texts = folder / language + "/LC_MESSAGES";
+        std::filesystem::create_directories(texts);
+        std::ofstream(texts + "/wxstd.mo") << Catalogue({});
+    }
+    wxFileTranslationsLoader::AddCatalogLookupPathPrefix(folder.Path());
     const AgentApp app;
     ASSERT_NE(wxTranslations::Get(), nullptr);
     const wxArrayString languages = wxTranslations::Get()->GetAvailableTranslations("wxstd");
@@ -198,6 +205,35 @@ TEST(Assertion, OfTheFrameworkIsALogLineAndTheProcessGoesOn)
     const Lines lines = FakeCore::Journal({"Log(Error"});
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_THAT(lines[0], testing::HasSubstr("Assertion \"1 == 2\" failed at file.cpp:7, Function(): never"));
+}
+
+TEST(Assertion, WhileOneIsLoggedOthersAreNot)
+{
+    class TrippingLog : public wxLog
+    {
+    public:
+        explicit TrippingLog(int& lines) : m_lines(lines) {}
+
+    protected:
+        void DoLogRecord(wxLogLevel, const wxString&, const wxLogRecordInfo&) override
+        {
+            if (++m_lines < 10)
+                wxOnAssert("file.cpp", 8, "Log", "3 == 4", "while logging");
+        }
+
+    private:
+        int& m_lines;
+    };
+    FakeCore::Reset();
+    const AgentApp app;
+    int lines = 0;
+    {
+        const ::Test::LogTarget target(new TrippingLog(lines));
+        wxOnAssert("file.cpp", 7, "Function", "1 == 2", "first");
+        EXPECT_EQ(lines, 1);
+        wxOnAssert("file.cpp", 7, "Function", "1 == 2", "second");
+    }
+    EXPECT_EQ(lines, 2);
 }
 
 // --- installation paths
