@@ -54,6 +54,9 @@ def test_the_tree_lies_below_opt_and_the_rest_where_the_system_looks_for_it(unpa
     assert tree == {"vx_agent", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe", "network/plugin.lua",
                     "ext/trend.vxe", "ext/trend.vxe.version"}
     assert {name for name in files if name.startswith("etc/")} == {"etc/vx_agent.conf", "etc/vx_agent.d/README"}
+    assert {name for name in files if name.startswith("usr/share/man/")} == {
+        "usr/share/man/" + name for name in ("man5/vx_agent.conf.5.gz", "man7/vx_agent-events.7.gz", "man7/vx_agent-plugin.7.gz",
+                                             "man8/vx_agent.8.gz")}
     assert {name for name in files if name.startswith("lib/")} == {"lib/systemd/system/vx_agent.service",
                                                                   "lib/systemd/system/vx_agent-unprivileged.service"}
     assert {name.split("/")[0] for name in files} == {"DEBIAN", "etc", "lib", "opt", "usr"}
