@@ -19,11 +19,9 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info)
     const Descriptor file(Open(path, O_RDONLY));
     if (!file)
         return false;
-    char text[1024];
-    const ssize_t size = Read(file.Get(), text, sizeof text - 1);
-    if (size <= 0)
+    char text[1024] = "";
+    if (Read(file.Get(), text, sizeof text - 1) <= 0)
         return false;
-    text[size] = '\0';
     const char* at = std::strrchr(text, ')');
     if (!at || at[1] != ' ')
         return false;

@@ -213,6 +213,7 @@ TEST(LogText, LongTextIsCutWithANoteAndNeverInsideACharacter)
     const std::string nearly = whole.substr(1);
     EXPECT_EQ(VexCore::LogText(nearly + "\xC3\xA4"), nearly + " ... (cut, 65537 bytes in all)");
     EXPECT_EQ(VexCore::LogText(nearly + "\x1B"), nearly + " ... (cut, 65536 bytes in all)");
+    EXPECT_EQ(VexCore::LogText("\xC3\xA4" + whole), "\xC3\xA4" + whole.substr(2) + " ... (cut, 65538 bytes in all)");
     EXPECT_EQ(VexCore::LogText(std::string(16384, '\1')).size(), 65536u);
     EXPECT_THAT(VexCore::LogText(std::string(16385, '\1')), testing::EndsWith("\\x01 ... (cut, 16385 bytes in all)"));
 }

@@ -124,6 +124,20 @@ TEST_F(Reading, ToTheEndTakesWhateverPiecesCome)
     EXPECT_EQ(std::string(place, sizeof place), "12345678");
 }
 
+TEST_F(Reading, TakesNoMoreThanItHasRoomForHoweverThePiecesCome)
+{
+    ::Test::WriteFile(m_path, "0123456789");
+    bool first = true;
+    const CallWatch slow([&first](const os::Call& call) {
+        *call.size = first ? 4 : *call.size;
+        first = false;
+        return 0;
+    });
+    char place[8] = {};
+    EXPECT_EQ(os::PReadFull(m_file.Get(), place, 6, 0), 6);
+    EXPECT_EQ(std::string(place, sizeof place), std::string("012345\0\0", 8));
+}
+
 TEST_F(Reading, PastTheEndIsAShortCountAndNoFailure)
 {
     ::Test::WriteFile(m_path, "0123456789");

@@ -76,16 +76,18 @@ TEST_F(ProcessEnd, MainThreadThatWaitsForThreadsToEndIsParkedThere)
 {
     EXPECT_EXIT(
         {
+            TellAtExit();
             Launch([] {
                 while (!CRunnable::Current()->TestDestroy())
                     WaitPoint::OfThisThread().Sleep(-1);
+                std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the main thread waits by then
                 ExitProcessFromThread(5);
             });
             StopAllWorkers(60000);
             std::fputs("main came back", stderr);
             std::_Exit(1);
         },
-        ::testing::ExitedWithCode(5), "");
+        ::testing::ExitedWithCode(5), "^handlers ran$");
 }
 
 TEST_F(ProcessEnd, NoDestructorRunsUnderAnotherThreadOfOurs)
