@@ -82,6 +82,8 @@ TEST(Dom, TextIsAnyBytes)
     EXPECT_EQ(dom->Get("null"), "");
     dom->Set("string", std::string("text"));
     EXPECT_EQ(dom->Get("string"), "text");
+    dom->Set("a", nullptr, 5);
+    EXPECT_EQ(dom->Get("a"), "") << "no text is an empty one, whatever its length is said to be";
 }
 
 TEST(Dom, EveryKindReadsAsTextButObjects)
