@@ -469,6 +469,20 @@ TEST_F(Unzipping, FolderThatAnotherGroupCanWriteIsTold)
     EXPECT_TRUE(RunChild(tells, true).Exited(0));
 }
 
+TEST_F(Unzipping, FolderOfAnOrdinaryUserIsHisOwn)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "runs as root only; otherwise every test shows it";
+    WriteFile(m_archive, PlainPackage().Build());
+    for (const std::string& folder : {m_folder.Path(), m_root})
+        ASSERT_EQ(::chown(folder.c_str(), OtherUser::id, OtherUser::id), 0);
+    const auto tellsNothing = [this] {
+        const OtherUser user(OtherUser::Ids::Effective);
+        return Run() && m_log->Lines().empty() ? 0 : 1;
+    };
+    EXPECT_EQ(InChild(tellsNothing), 0);
+}
+
 TEST_F(Unzipping, DestinationLeadsToTheFileInEveryCharacterSetOfTheSystem)
 {
     ZipBuilder builder;
