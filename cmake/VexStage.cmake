@@ -1,5 +1,5 @@
 # The installed tree, and the same tree staged by every build so that it can be run where it lies.
-install(TARGETS vx_agent RUNTIME DESTINATION .)
+install(TARGETS vx_agent vexctl RUNTIME DESTINATION .)
 install(TARGETS vex_core slb3 LIBRARY DESTINATION lib NAMELINK_SKIP)
 install(FILES ${VEX_ARCHIVES} DESTINATION vex_core)
 # The manual: pages as they are, and that of the settings with the tables of docs/SETTINGS.md in it.
@@ -29,7 +29,7 @@ add_custom_command(
   OUTPUT ${CMAKE_BINARY_DIR}/staged.stamp
   COMMAND ${CMAKE_COMMAND} --install ${CMAKE_BINARY_DIR} --prefix ${VEX_STAGE_DIR} > ${CMAKE_BINARY_DIR}/stage.log
   COMMAND ${CMAKE_COMMAND} -E touch ${CMAKE_BINARY_DIR}/staged.stamp
-  DEPENDS vx_agent vex_core slb3 ${VEX_ARCHIVES} ${manual}
+  DEPENDS vx_agent vexctl vex_core slb3 ${VEX_ARCHIVES} ${manual}
   COMMENT "Staging to ${VEX_STAGE_DIR}"
   VERBATIM)
 add_custom_target(stage ALL DEPENDS ${CMAKE_BINARY_DIR}/staged.stamp)

@@ -32,7 +32,7 @@ SANITIZER_OPTIONS = {
 LEVELS = ("quick", "plain", "ci", "full")
 # Where the tests of each binary lie, and into how many processes its tests are dealt out: much of a test is waiting.
 UNIT_TESTS = {"unit_slb3": (("slb3",), 1), "unit_core": (("vex_core", "contract"), 2 * PROCESSORS),
-              "unit_launcher": (("vex", "contract"), PROCESSORS)}
+              "unit_launcher": (("vex", "contract"), PROCESSORS), "unit_vexctl": (("vexctl",), 1)}
 # What tests of a build need that does not also serve benchmarks, fuzzing and the check of the headers.
 RUN_TARGETS = ("stage", "packages", "test_programs")
 

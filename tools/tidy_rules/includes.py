@@ -11,7 +11,7 @@ INCLUDES = {
     "src/vex/core/": ("vex/core/", "slb3/", "wx/", "lua"),
     "src/vex_core/": ("vex_core/", "vex/core/", "slb3/", "wx/", "lua", "sqlite3", "openssl/", "libdeflate", "zlib", "pugi"),
     "src/vex/apps/vex/": ("vex/apps/vex/", "vex/core/", "slb3/", "wx/", "lua", "openssl/"),
-    "src/vex/apps/vexctl/": ("vex/apps/vexctl/", "vex/apps/vex/", "vex/core/", "slb3/", "wx/", "CLI/"),
+    "src/vex/apps/vexctl/": ("vex/apps/vexctl/", "vex/apps/vex/", "vex/core/", "vex_core/", "slb3/", "wx/", "CLI/", "nlohmann/"),
 }
 # What a rule is about: our own folders and the libraries that some folder uses.
 RULED = tuple({start for allowed in INCLUDES.values() for start in allowed} | {"vex/"})

@@ -101,6 +101,47 @@ bool SqliteConnection::Open(const std::string& path, int flags, std::int64_t min
     return false;
 }
 
+namespace {
+// The path as SQLite's URIs have it.
+std::string FileUri(const std::string& path)
+{
+    static constexpr char digits[] = "0123456789ABCDEF";
+    std::string uri = "file:";
+    for (const char c : path) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/'
+                           || c == '.' || c == '-' || c == '_';
+        if (plain)
+            uri += c;
+        else
+            uri.append("%").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
+    }
+    return uri;
+}
+
+} // namespace
+
+bool SqliteConnection::OpenForReading(const std::string& path, bool asItIs)
+{
+    Close();
+    const std::string uri = FileUri(path) + (asItIs ? "?mode=ro&immutable=1" : "?mode=ro");
+    sqlite3* handle = nullptr;
+    const int result = sqlite3_open_v2(uri.c_str(), &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+    m_handle.reset(handle);
+    if (result != SQLITE_OK) {
+        Fail(handle ? sqlite3_extended_errcode(handle) : result);
+        Close();
+        return false;
+    }
+    sqlite3_extended_result_codes(handle, 1);
+    sqlite3_busy_timeout(handle, static_cast<int>(GetSqliteSettings().busyTimeoutMs));
+    sqlite3_db_config(handle, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    if (Exec("PRAGMA trusted_schema=OFF"))
+        return true;
+    Close();
+    return false;
+}
+
 void SqliteConnection::Close()
 {
     m_handle.reset();

@@ -53,6 +53,10 @@ public:
     /// Sees to it that the file and what SQLite puts beside it are there for us alone, or not there. False: `place`
     /// tells why.
     static bool Settle(os::GuardedPlace& place);
+    /// Opens a file of another process, to read and nothing else: neither the file nor one beside it is made or
+    /// written. With `asItIs` no lock is taken and no journal looked at, so that its owner never waits for us; whether
+    /// what was read is whole is for the caller to find out.
+    bool OpenForReading(const std::string& path, bool asItIs);
     void Close();
     /// Forgets the connection without touching the file: in a child that inherited it through fork.
     void Abandon();

@@ -9,7 +9,7 @@ import pytest
 
 from conftest import BUILD_NUMBER, VERSION, BUILD, ROOT, STAGE
 
-FILES = {"vx_agent", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe",
+FILES = {"vx_agent", "vexctl", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe",
          "share/man/man5/vx_agent.conf.5", "share/man/man7/vx_agent-events.7", "share/man/man7/vx_agent-plugin.7",
          "share/man/man8/vx_agent.8"}
 
@@ -58,7 +58,7 @@ def test_the_test_library_of_the_distribution_is_packed_and_not_kept_here():
     assert not [name for name in listed.stdout.splitlines() if os.path.basename(name) == "luaunit.lua"]
 
 
-@pytest.mark.parametrize("name", ["vx_agent", "lib/vex_core.so", "lib/libSLB3.so"])
+@pytest.mark.parametrize("name", ["vx_agent", "vexctl", "lib/vex_core.so", "lib/libSLB3.so"])
 def test_nothing_needs_a_gui_library(name):
     needed = subprocess.run(["ldd", os.path.join(STAGE, name)], capture_output=True, text=True, check=True).stdout
     assert "libwx_baseu" in needed or name == "lib/libSLB3.so"

@@ -15,7 +15,7 @@ from debian_package import DEB_VERSION, TIME, contents, make, made_once
 pytestmark = pytest.mark.skipif(SANITIZED, reason="packages are made of the release alone")
 
 TREE = "opt/Halvorn/vx_agent/"
-BINARIES = ("vx_agent", "lib/vex_core.so", "lib/libSLB3.so")
+BINARIES = ("vx_agent", "vexctl", "lib/vex_core.so", "lib/libSLB3.so")
 
 
 @pytest.fixture(scope="module", name="debs")
@@ -51,7 +51,7 @@ def readelf(option, file):
 def test_the_tree_lies_below_opt_and_the_rest_where_the_system_looks_for_it(unpacked):
     files = files_below(unpacked)
     tree = {name[len(TREE):] for name in files if name.startswith(TREE)}
-    assert tree == {"vx_agent", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe", "network/plugin.lua",
+    assert tree == {"vx_agent", "vexctl", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe", "network/plugin.lua",
                     "ext/trend.vxe", "ext/trend.vxe.version"}
     assert {name for name in files if name.startswith("etc/")} == {"etc/vx_agent.conf", "etc/vx_agent.d/README"}
     assert {name for name in files if name.startswith("usr/share/man/")} == {
@@ -93,7 +93,7 @@ def test_each_library_of_the_system_that_a_binary_names_is_a_dependency(unpacked
 def test_all_is_roots_and_nobody_elses_to_write(debs, unpacked):
     listed = subprocess.run(["dpkg-deb", "-c", debs["vx-agent"]], capture_output=True, text=True, check=True).stdout
     assert {line.split()[1] for line in listed.splitlines()} == {"root/root"}
-    runs = {TREE + "vx_agent", *("DEBIAN/" + name for name in ("postinst", "prerm", "postrm"))}
+    runs = {TREE + "vx_agent", TREE + "vexctl", *("DEBIAN/" + name for name in ("postinst", "prerm", "postrm"))}
     for name in files_below(unpacked):
         assert stat.S_IMODE(os.stat(os.path.join(unpacked, name)).st_mode) == (0o755 if name in runs else 0o644), name
 
@@ -119,7 +119,7 @@ def test_the_licence_of_the_one_packed_library_comes_along(unpacked):
     with open(os.path.join(folder, "copyright"), encoding="utf-8") as file:
         text = file.read()
     assert "its owner's to choose" in text
-    for library in ("wxWidgets", "Lua 5.2", "OpenSSL 3", "SQLite 3", "libdeflate", "zlib", "pugixml", "LuaUnit"):
+    for library in ("wxWidgets", "Lua 5.2", "OpenSSL 3", "SQLite 3", "libdeflate", "zlib", "pugixml", "CLI11", "JSON for Modern C++", "LuaUnit"):
         assert library in text, library
 
 

@@ -14,6 +14,11 @@
 
 namespace VexOs {
 
+/// Where in the file the locks lie: from byte 0 on that of the starting process, of the first child and of the
+/// supervisor, then that of the working child.
+constexpr off_t instanceLockBytes = 3;
+constexpr off_t workerLockByte = instanceLockBytes;
+
 /// What came of an attempt at the lock that admits one supervisor.
 enum class LockResult {
     Taken,

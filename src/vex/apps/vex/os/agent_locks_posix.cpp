@@ -13,10 +13,6 @@
 namespace VexOs {
 
 namespace {
-// The starting process, the first child and the supervisor.
-constexpr off_t instanceBytes = 3;
-constexpr off_t workerByte = instanceBytes;
-
 struct flock Range(short type, off_t start, off_t length)
 {
     struct flock lock = {};
@@ -103,15 +99,15 @@ LockResult AgentLocks::TakeInstance(const char* path, pid_t& holder)
     const int file = OpenLockFile(path);
     if (file < 0)
         return LockResult::Unavailable;
-    if (!Lock(file, F_SETLK, Range(F_WRLCK, 0, instanceBytes))) {
+    if (!Lock(file, F_SETLK, Range(F_WRLCK, 0, instanceLockBytes))) {
         // It stays open: it may be the other file under another name.
         if (!IsConflict())
             return LockResult::Unavailable;
-        holder = HolderOf(file, 0, instanceBytes);
+        holder = HolderOf(file, 0, instanceLockBytes);
         return LockResult::HeldByOther;
     }
     m_ownByte = 0;
-    Lock(file, F_SETLK, Range(F_UNLCK, 1, instanceBytes - 1)); // for those that are forked
+    Lock(file, F_SETLK, Range(F_UNLCK, 1, instanceLockBytes - 1)); // for those that are forked
     m_files[m_count++] = file;
     return LockResult::Taken;
 }
@@ -128,7 +124,7 @@ bool AgentLocks::InheritInstance()
 void AgentLocks::ReleaseInstance()
 {
     for (int i = 0; i < m_count; ++i)
-        Lock(m_files[i], F_SETLK, Range(F_UNLCK, 0, instanceBytes));
+        Lock(m_files[i], F_SETLK, Range(F_UNLCK, 0, instanceLockBytes));
 }
 
 bool AgentLocks::InstanceIsHeldBy(pid_t holder)
@@ -144,13 +140,13 @@ bool AgentLocks::InstanceIsHeldBy(pid_t holder)
 void AgentLocks::TakeWorker()
 {
     for (int i = 0; i < m_count; ++i)
-        Lock(m_files[i], F_SETLKW, Range(F_WRLCK, workerByte, 1));
+        Lock(m_files[i], F_SETLKW, Range(F_WRLCK, workerLockByte, 1));
 }
 
 pid_t AgentLocks::FindOtherWorker()
 {
     for (int i = 0; i < m_count; ++i)
-        if (const pid_t holder = HolderOf(m_files[i], workerByte, 1))
+        if (const pid_t holder = HolderOf(m_files[i], workerLockByte, 1))
             return holder;
     return 0;
 }
@@ -159,7 +155,7 @@ void AgentLocks::WaitForOtherWorker()
 {
     TakeWorker();
     for (int i = 0; i < m_count; ++i)
-        Lock(m_files[i], F_SETLK, Range(F_UNLCK, workerByte, 1));
+        Lock(m_files[i], F_SETLK, Range(F_UNLCK, workerLockByte, 1));
 }
 
 } // namespace VexOs

@@ -1,0 +1,61 @@
+#pragma once
+// What each subcommand is made of, for commands.cpp and the files of the subcommands. Single-threaded, like all of
+// vexctl.
+
+#include "vex/apps/vexctl/output.h"
+#include "vex/apps/vexctl/place.h"
+
+#include <functional>
+#include <stdexcept>
+
+namespace CLI {
+class App;
+}
+
+namespace Vexctl {
+
+/// Exit statuses of all subcommands but `status`, whose are those of an init script.
+constexpr int statusDone = 0;
+constexpr int statusDidNotHold = 1;
+constexpr int statusUnusable = 2; ///< a wrong call, or something that could not be read
+
+/// Ends the command with `statusUnusable` and a line on standard error.
+class Failure : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// What a subcommand works with.
+struct Session
+{
+    Place place;
+    Output& out;
+    Output& err;
+
+    /// A line on standard error for what is no failure; control characters are escaped.
+    void Note(const std::string& text);
+};
+
+/// Does the work once the arguments are read; its value is the exit status.
+using Body = std::function<int(Session&)>;
+
+struct Command
+{
+    const char* name;
+    const char* group;
+    const char* help;
+    /// Adds the options to the subcommand, and returns what is done with them.
+    Body (*add)(CLI::App& app);
+};
+
+// --- one a file: status.cpp has AddStatus, and so on
+
+Body AddStatus(CLI::App& app);
+Body AddWait(CLI::App& app);
+Body AddLog(CLI::App& app);
+Body AddEvents(CLI::App& app);
+Body AddHeartbeats(CLI::App& app);
+Body AddCrashes(CLI::App& app);
+
+} // namespace Vexctl

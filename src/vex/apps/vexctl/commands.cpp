@@ -1,0 +1,115 @@
+#include "vex/apps/vexctl/commands.h"
+
+#include "vex/apps/vex/version.h"
+#include "vex/apps/vexctl/os/surroundings.h"
+#include "vex/apps/vexctl/shown_text.h"
+
+#include <exception>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+
+namespace Vexctl {
+
+const std::vector<Command>& Commands()
+{
+    static const std::vector<Command> s_commands = {
+        {"status", "Watching", "Whether the agent runs, and how it fares", AddStatus},
+        {"wait", "Watching", "Wait until the agent runs, has stopped, or has given a heartbeat", AddWait},
+        {"log", "Watching", "The log, across rotated files", AddLog},
+        {"events", "Watching", "Agent events", AddEvents},
+        {"heartbeats", "Watching", "The history of heartbeats", AddHeartbeats},
+        {"crashes", "Watching", "Crash dumps: what crashed where, and how to open one", AddCrashes},
+    };
+    return s_commands;
+}
+
+void Session::Note(const std::string& text)
+{
+    err.Write("vexctl: " + Shown(text) + "\n");
+    err.Flush();
+}
+
+namespace {
+struct Call
+{
+    std::string name = "vx_agent";
+    std::string workFolder;
+    Body body;
+};
+
+// Nothing of the program's own is left behind by an early end, so an exception is the way out of any depth.
+int Perform(const Call& call, Output& out, Output& err)
+{
+    Session session{FindPlace(call.name, call.workFolder), out, err};
+    try {
+        const int status = call.body(session);
+        out.Flush();
+        return status;
+    } catch (const ReaderGone&) {
+        return statusDone; // whoever reads has seen enough
+    } catch (const OutputFailed& failure) {
+        session.Note(failure.what());
+    } catch (const Failure& failure) {
+        out.FlushAsFarAsPossible();
+        session.Note(failure.what());
+    } catch (const std::bad_alloc&) {
+        session.Note("out of memory");
+    }
+    return statusUnusable;
+}
+
+void AddCommands(CLI::App& app, Call& call)
+{
+    for (const Command& command : Commands()) {
+        CLI::App* const subcommand = app.add_subcommand(command.name, command.help);
+        subcommand->group(command.group);
+        const Body body = command.add(*subcommand);
+        subcommand->callback([&call, body] { call.body = body; });
+    }
+}
+
+} // namespace
+
+int RunCommandLine(int argc, char** argv)
+{
+    os::PrepareProcess();
+    Output out(1);
+    Output err(2);
+    try {
+        Call call;
+        CLI::App app("Shows what an agent does and has done.", "vexctl");
+        app.set_version_flag("--version", std::string("vexctl ") + VEX_VERSION_TEXT);
+        app.add_option("--name", call.name, "The agent's name")->capture_default_str();
+        app.add_option("--workdir", call.workFolder,
+                       "The agent's work folder; without it that of the running agent, else work/ beside vexctl")
+            ->envname("VEXCTL_WORKDIR");
+        app.require_subcommand(1);
+        app.fallthrough();
+        AddCommands(app, call);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::CallForHelp&) {
+            out.Write(app.help());
+            out.Flush();
+            return statusDone;
+        } catch (const CLI::CallForVersion& version) {
+            out.Write(std::string(version.what()) + "\n");
+            out.Flush();
+            return statusDone;
+        } catch (const CLI::ParseError& error) {
+            err.Write("vexctl: " + Shown(error.what()) + "\nvexctl: see vexctl --help\n");
+            err.Flush();
+            return statusUnusable;
+        }
+        return Perform(call, out, err);
+    } catch (const ReaderGone&) {
+        return statusDone;
+    } catch (const OutputFailed& failure) {
+        err.Write(std::string("vexctl: ") + failure.what() + "\n");
+        err.FlushAsFarAsPossible();
+        return statusUnusable;
+    }
+}
+
+} // namespace Vexctl

@@ -1,0 +1,37 @@
+#include "vex/apps/vexctl/event_key.h"
+
+#include <cstdio>
+
+namespace Vexctl {
+
+namespace {
+constexpr std::size_t hashDigits = 16;
+
+std::uint64_t Fnv1a(std::string_view bytes)
+{
+    std::uint64_t hash = 0xcbf29ce484222325u;
+    for (const char byte : bytes)
+        hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3u;
+    return hash;
+}
+
+} // namespace
+
+std::string EventKey(std::int64_t id, std::string_view xml)
+{
+    char hash[hashDigits + 1];
+    std::snprintf(hash, sizeof hash, "%016llx", static_cast<unsigned long long>(Fnv1a(xml)));
+    return std::to_string(id) + "-" + hash;
+}
+
+std::optional<std::int64_t> IdOfEventKey(std::string_view key)
+{
+    const std::size_t dash = key.find('-');
+    if (dash == 0 || dash > 18 || key.size() != dash + 1 + hashDigits
+        || key.substr(0, dash).find_first_not_of("0123456789") != std::string_view::npos
+        || key.substr(dash + 1).find_first_not_of("0123456789abcdef") != std::string_view::npos)
+        return std::nullopt;
+    return std::stoll(std::string(key.substr(0, dash)));
+}
+
+} // namespace Vexctl

@@ -1,0 +1,364 @@
+// vexctl events: what the agent's database of events holds, the oldest first, and in the end what is to come.
+
+#include "vex/apps/vexctl/agent_database.h"
+#include "vex/apps/vexctl/agent_log.h"
+#include "vex/apps/vexctl/command.h"
+#include "vex/apps/vexctl/event_key.h"
+#include "vex/apps/vexctl/json_text.h"
+#include "vex/apps/vexctl/options.h"
+#include "vex/apps/vexctl/os/watch.h"
+#include "vex/apps/vexctl/shown_text.h"
+#include "vex/apps/vexctl/times.h"
+
+#include "vex_core/base/utf8.h"
+#include "vex_core/os/descriptor.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/files.h"
+
+#include <array>
+#include <cerrno>
+#include <memory>
+
+#include <fcntl.h>
+
+namespace Vexctl {
+
+namespace {
+constexpr std::size_t usualNumber = 100;
+constexpr std::array<const char*, 8> severityWords = {"emergency", "alert",  "critical", "error",
+                                                      "warning",   "notice", "info",     "debug"};
+
+struct EventOptions
+{
+    bool follow = false;
+    bool json = false;
+    bool xml = false;
+    std::optional<std::size_t> number; // 0: all
+    std::string severity;
+    std::string after;
+    TimeSpan span;
+};
+
+struct Event
+{
+    std::int64_t id = 0;
+    std::optional<std::int64_t> timeMs, number, severity;
+    std::string text, xml;
+
+    std::string Key() const { return EventKey(id, xml); }
+};
+
+std::optional<int> FindSeverity(const std::string& word)
+{
+    for (std::size_t i = 0; i < severityWords.size(); ++i)
+        if (word == severityWords[i] || word == std::to_string(i))
+            return static_cast<int>(i);
+    return std::nullopt;
+}
+
+std::string WhyNoSeverity(const std::string& word)
+{
+    return FindSeverity(word) ? std::string()
+                              : "'" + word
+                                    + "' is no severity: 0 to 7 are, or emergency, alert, critical, error, warning, "
+                                      "notice, info, debug";
+}
+
+// The element of an event with its control characters as XML has them, so that a terminal obeys none.
+std::string XmlText(std::string_view xml)
+{
+    std::string text;
+    while (!xml.empty()) {
+        char32_t character = 0;
+        const std::size_t length = std::max<std::size_t>(1, VexCore::DecodeUtf8(xml, character));
+        if (VexCore::IsControlOrLineEnd(character))
+            text += "&#" + std::to_string(static_cast<unsigned>(character)) + ";";
+        else
+            text.append(xml.substr(0, length));
+        xml.remove_prefix(length);
+    }
+    return text;
+}
+
+// The way through the database in parts: what was read of one is shown before the next is read.
+class EventCommand
+{
+public:
+    EventCommand(Session& session, const EventOptions& options)
+        : m_session(session), m_options(options), m_database(session.place.EventsFile()),
+          m_sinceMs(options.span.SinceMs()), m_untilMs(options.span.UntilMs())
+    {
+        if (!options.severity.empty())
+            m_severity = FindSeverity(options.severity);
+    }
+
+    int Run()
+    {
+        std::optional<os::FolderWatch> watch;
+        if (m_options.follow)
+            watch.emplace(m_session.place.workFolder);
+        if (!LookForWorkFolder())
+            throw Failure("there is no work folder " + m_session.place.workFolder + "; --workdir says where to look");
+        ShowTitles();
+        if (!m_options.after.empty())
+            BeginAfter(m_options.after);
+        else
+            BeginAtLast();
+        ShowAll();
+        TellWhatWaits();
+        while (watch) {
+            m_session.out.Flush();
+            if (watch->Wait(m_session.out.Descriptor(), -1) == os::FolderWatch::Woken::ReaderGone)
+                throw ReaderGone();
+            m_database.Read([this](VexCore::SqliteConnection& db) { return CheckAnchor(db); });
+            ShowAll();
+        }
+        return statusDone;
+    }
+
+private:
+    static constexpr std::int64_t partRows = 500;
+
+    bool LookForWorkFolder() const
+    {
+        struct stat status = {};
+        return VexCore::os::Stat(m_session.place.workFolder.c_str(), status) == 0;
+    }
+
+    bool HumanReads() const { return !m_options.json && !m_options.xml; }
+
+    void ShowTitles()
+    {
+        if (HumanReads())
+            m_session.out.Write(m_session.out.Painted(Colour::Faint, "TIME                 SEVERITY   NUMBER  TEXT")
+                                + "\n");
+    }
+
+    // --- where to begin
+
+    // An event is found by its id, and known by its key: in another database its id may be another event's. Then
+    // nothing of that one has been shown.
+    void BeginAfter(const std::string& key)
+    {
+        const std::optional<std::int64_t> id = IdOfEventKey(key);
+        if (!id)
+            throw Failure("'" + key + "' is no key of an event");
+        m_last = *id;
+        m_lastKey = key;
+        bool replaced = false;
+        m_database.Read([this, &replaced](VexCore::SqliteConnection& db) {
+            const std::int64_t before = m_last;
+            const bool read = CheckAnchor(db);
+            replaced = m_last != before;
+            return read;
+        });
+        if (replaced)
+            m_session.Note("the event of that key is not in " + m_database.Path()
+                           + ", which has been replaced: all its events follow");
+    }
+
+    // Goes back to the begin where the last event that was shown is not this database's.
+    bool CheckAnchor(VexCore::SqliteConnection& db)
+    {
+        if (m_lastKey.empty())
+            return true; // nothing was shown yet
+        VexCore::SqliteStatement row(db, "SELECT xml, (SELECT max(id) FROM agent_event) FROM (SELECT 1)"
+                                         " LEFT JOIN agent_event ON id = ?1");
+        row.Bind(1, m_last);
+        if (row.Step() != VexCore::SqliteStatement::StepResult::Row)
+            return false;
+        const bool isThere = !row.ColumnIsNull(0);
+        const bool isOther = isThere && EventKey(m_last, row.ColumnText(0)) != m_lastKey;
+        // One that is gone has gone because of its age, unless all that are there came before it.
+        const bool isBeyond = !isThere && row.ColumnInt(1) < m_last;
+        if (isOther || isBeyond) {
+            m_last = 0;
+            m_lastKey.clear();
+        }
+        return true;
+    }
+
+    void BeginAtLast()
+    {
+        const bool isWhole = m_options.span.Given() && !m_options.number;
+        const std::size_t number = m_options.number.value_or(isWhole ? 0 : usualNumber);
+        m_database.Read([this, number](VexCore::SqliteConnection& db) {
+            m_last = 0;
+            if (m_sinceMs && !BeginAtTime(db))
+                return false;
+            return number == 0 || BeginAtNumber(db, number);
+        });
+    }
+
+    // By the index of times; what is wanted in the end is asked of each row.
+    bool BeginAtTime(VexCore::SqliteConnection& db)
+    {
+        VexCore::SqliteStatement first(db, "SELECT coalesce((SELECT min(id) - 1 FROM agent_event WHERE time_ms >= ?1),"
+                                           " (SELECT max(id) FROM agent_event), 0)");
+        first.Bind(1, *m_sinceMs);
+        if (first.Step() != VexCore::SqliteStatement::StepResult::Row)
+            return false;
+        m_last = first.ColumnInt(0);
+        return true;
+    }
+
+    bool BeginAtNumber(VexCore::SqliteConnection& db, std::size_t number)
+    {
+        const std::string sql =
+            "SELECT id FROM agent_event WHERE id > ?1" + Condition() + " ORDER BY id DESC LIMIT 1 OFFSET ?2";
+        VexCore::SqliteStatement row(db, sql.c_str());
+        row.Bind(1, m_last);
+        row.Bind(2, static_cast<std::int64_t>(number - 1));
+        const auto result = row.Step();
+        if (result == VexCore::SqliteStatement::StepResult::Row)
+            m_last = row.ColumnInt(0) - 1;
+        return result != VexCore::SqliteStatement::StepResult::Failed;
+    }
+
+    // --- reading and showing
+
+    // The plus keeps SQLite from sorting by the id what it has found by the time.
+    std::string Condition() const
+    {
+        std::string sql;
+        if (m_sinceMs)
+            sql += " AND +time_ms >= " + std::to_string(*m_sinceMs);
+        if (m_untilMs)
+            sql += " AND +time_ms <= " + std::to_string(*m_untilMs);
+        if (m_severity)
+            sql += " AND severity <= " + std::to_string(*m_severity);
+        return sql;
+    }
+
+    void ShowAll()
+    {
+        const std::string sql =
+            "SELECT id, coalesce(time_ms, time_s * 1000), number, severity, text, xml FROM agent_event"
+            " WHERE id > ?1"
+            + Condition() + " ORDER BY id LIMIT ?2";
+        for (;;) {
+            std::vector<Event> part;
+            m_database.Read([&](VexCore::SqliteConnection& db) {
+                part.clear();
+                VexCore::SqliteStatement rows(db, sql.c_str());
+                rows.Bind(1, m_last);
+                rows.Bind(2, partRows);
+                for (;;) {
+                    const auto result = rows.Step();
+                    if (result != VexCore::SqliteStatement::StepResult::Row)
+                        return result == VexCore::SqliteStatement::StepResult::Done;
+                    part.push_back(EventOf(rows));
+                }
+            });
+            for (const Event& event : part)
+                Show(event);
+            if (!part.empty()) {
+                m_last = part.back().id;
+                m_lastKey = part.back().Key();
+            }
+            if (part.size() < static_cast<std::size_t>(partRows))
+                return;
+        }
+    }
+
+    static Event EventOf(const VexCore::SqliteStatement& row)
+    {
+        const auto number = [&row](int column) {
+            return row.ColumnIsNull(column) ? std::nullopt : std::optional(row.ColumnInt(column));
+        };
+        return {row.ColumnInt(0), number(1), number(2), number(3), row.ColumnText(4), row.ColumnText(5)};
+    }
+
+    static std::string SeverityWord(const Event& event)
+    {
+        const bool isKnown = event.severity && *event.severity >= 0 && *event.severity < 8;
+        return isKnown ? severityWords[static_cast<std::size_t>(*event.severity)] : "-";
+    }
+
+    void Show(const Event& event)
+    {
+        Output& out = m_session.out;
+        if (m_options.xml) {
+            out.Write(XmlText(event.xml) + "\n");
+        } else if (m_options.json) {
+            Json object = {{"schema", jsonSchema}, {"key", event.Key()}};
+            if (event.timeMs)
+                object["time"] = UtcTime(*event.timeMs);
+            if (event.number)
+                object["number"] = *event.number;
+            if (event.severity) {
+                object["severity"] = *event.severity;
+                object["severity_word"] = SeverityWord(event);
+            }
+            object["text"] = event.text;
+            out.Write(JsonText(object) + "\n");
+        } else {
+            char head[80];
+            const std::string time = event.timeMs ? LocalTime(*event.timeMs) : "-";
+            const std::string number = event.number ? std::to_string(*event.number) : "-";
+            std::snprintf(head, sizeof head, "%-19s  %-9s  %6s  ", time.c_str(), SeverityWord(event).c_str(),
+                          number.c_str());
+            std::string line = head + Shown(event.text);
+            if (out.Width() > 0)
+                line = CutToColumns(line, out.Width());
+            out.Write(out.Painted(ColourOf(event), line) + "\n");
+        }
+    }
+
+    static Colour ColourOf(const Event& event)
+    {
+        if (!event.severity || *event.severity > 4)
+            return Colour::None;
+        return *event.severity == 4 ? Colour::Warning : Colour::Bad;
+    }
+
+    // Events that the database has not taken yet: they come when it does.
+    void TellWhatWaits()
+    {
+        const std::string path = m_session.place.PendingEventsFile();
+        const VexCore::os::Descriptor file(VexCore::os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
+        if (!file) {
+            if (VexCore::os::LastError() != ENOENT)
+                m_session.Note(path + ": " + VexCore::os::ErrorText(VexCore::os::LastError()));
+            return;
+        }
+        LineReader lines(file.Get(), 0);
+        std::string_view line;
+        std::size_t waiting = 0;
+        while (lines.Next(line))
+            waiting += line.substr(0, 8) == "<pending" ? 1 : 0;
+        if (waiting > 0)
+            m_session.Note(std::to_string(waiting) + " more wait in " + path + " until the database takes them");
+    }
+
+    Session& m_session;
+    const EventOptions m_options;
+    AgentDatabase m_database;
+    const std::optional<std::int64_t> m_sinceMs, m_untilMs;
+    std::optional<int> m_severity;
+    std::int64_t m_last = 0; // the id of the last event that was shown, or of the one before the first; 0: none
+    std::string m_lastKey; // of the one that was shown; empty for the one before the first
+};
+
+} // namespace
+
+Body AddEvents(CLI::App& app)
+{
+    const auto options = std::make_shared<EventOptions>();
+    app.add_flag("-f,--follow", options->follow, "Go on with the events to come");
+    app.add_option("-n,--number", options->number,
+                   "Only the last so many events; 0: all. Without it 100, with --since or --until all")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--severity", options->severity,
+                   "Only events that are at least so grave: 3 or error has 0, 1 and 2 too")
+        ->check(WhyNoSeverity)
+        ->type_name("SEVERITY");
+    options->span.AddTo(app);
+    app.add_option("--after", options->after, "All events behind the one of this key, which --json shows")
+        ->type_name("KEY");
+    CLI::Option* const json = app.add_flag("--json", options->json, "One JSON object an event");
+    app.add_flag("--xml", options->xml, "One XML element an event, as the agent wrote it")->excludes(json);
+    return [options](Session& session) { return EventCommand(session, *options).Run(); };
+}
+
+} // namespace Vexctl

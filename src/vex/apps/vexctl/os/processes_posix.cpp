@@ -1,0 +1,54 @@
+#include "vex/apps/vexctl/os/processes.h"
+
+#include "vex/apps/vex/os/agent_locks.h"
+
+#include "vex/core/sendsignal.h"
+#include "vex_core/os/descriptor.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/process_info.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+
+namespace Vexctl::os {
+
+namespace {
+pid_t HolderOf(int file, off_t start, off_t length)
+{
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = start;
+    lock.l_len = length;
+    if (::fcntl(file, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK)
+        return 0;
+    return lock.l_pid > 0 ? lock.l_pid : -1;
+}
+
+} // namespace
+
+std::optional<LockHolders> ReadLockHolders(const std::string& path)
+{
+    // Not blocking, should there be a FIFO. A lock file that is closed costs only its closer's own locks, and we have
+    // none.
+    const VexCore::os::Descriptor file(VexCore::os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
+    struct stat status = {};
+    if (!file || VexCore::os::FStat(file.Get(), status) != 0 || !S_ISREG(status.st_mode))
+        return std::nullopt;
+    LockHolders holders;
+    holders.instance = HolderOf(file.Get(), 0, VexOs::instanceLockBytes);
+    holders.worker = HolderOf(file.Get(), VexOs::workerLockByte, 1);
+    return holders;
+}
+
+bool IsAlive(pid_t pid)
+{
+    VexCore::os::ProcessInfo info;
+    if (VexCore::os::GetProcessInfo(pid, info))
+        return !info.zombie;
+    // The system may hide the processes of others.
+    return VexCore::SendSignal(pid, 0) == 0 || errno == EPERM;
+}
+
+} // namespace Vexctl::os

@@ -1,0 +1,21 @@
+#pragma once
+// What vexctl asks the system about itself and its terminal.
+
+#include <cstddef>
+#include <string>
+
+namespace Vexctl::os {
+
+/// Once, before anything else: text is UTF-8 where the locale allows it, and a pipe whose reader has ended is an error
+/// of the write.
+void PrepareProcess();
+
+/// How wide the terminal is, 80 where it does not tell.
+std::size_t TerminalColumns(int descriptor);
+
+/// The folder in which the executable lies, links resolved; empty when the system does not tell.
+std::string ExecutableFolder();
+
+void SleepMs(long milliseconds);
+
+} // namespace Vexctl::os

@@ -1,0 +1,39 @@
+#include "vex/apps/vexctl/os/surroundings.h"
+
+#include "vex_core/lifecycle/startup.h"
+#include "vex_core/os/signals.h"
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+
+#include <sys/ioctl.h>
+#include <termios.h>
+
+namespace Vexctl::os {
+
+void PrepareProcess()
+{
+    // With the same call the linker takes the core library's start-up in, which has run before main: the descriptors 0
+    // to 2 are open, and a limit of the size of files ends nobody.
+    VexCore::SettleLocale();
+    struct sigaction action = {};
+    action.sa_handler = SIG_IGN;
+    VexCore::os::SetDisposition(SIGPIPE, action);
+}
+
+std::size_t TerminalColumns(int descriptor)
+{
+    struct winsize size = {};
+    constexpr std::size_t usual = 80;
+    return ::ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : usual;
+}
+
+void SleepMs(long milliseconds)
+{
+    struct timespec left = {milliseconds / 1000, milliseconds % 1000 * 1000000};
+    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+} // namespace Vexctl::os

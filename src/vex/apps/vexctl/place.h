@@ -1,0 +1,29 @@
+#pragma once
+// Where an agent has what vexctl reads. docs/FORMATS.md has the names.
+
+#include <string>
+
+namespace Vexctl {
+
+struct Place
+{
+    std::string name; ///< the agent's
+    std::string binFolder; ///< where the executables lie
+    std::string workFolder;
+
+    std::string PidFile() const;
+    std::string LogFile() const;
+    std::string EventsFile() const;
+    std::string PendingEventsFile() const;
+    std::string HeartbeatFile() const;
+    std::string DumpFolder() const;
+
+    /// The name as it stands in the names of files.
+    std::string FileName() const;
+};
+
+/// Finds the work folder of an agent: the one that is given; where that is empty the one in which an agent of this name
+/// runs, as far as the system shows it; else work/ beside this executable.
+Place FindPlace(const std::string& name, const std::string& givenWorkFolder);
+
+} // namespace Vexctl

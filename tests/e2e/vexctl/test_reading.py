@@ -1,0 +1,307 @@
+"""vexctl log, events, heartbeats and crashes: what they show of what an agent left, and of what is none of an agent's."""
+import os
+import shutil
+import signal
+import sqlite3
+import subprocess
+import time
+
+import pytest
+
+import conftest
+from conftest import BUILD, send_signal, wait_until
+from ctl import Following, ctl, objects, state_of, with_events
+
+LOG = """\
+2026-01-31 10:20:30 INFO [100/main] one
+2026-01-31 10:20:31 WARNING [101/CScriptThread] two
+    its second line
+2026-01-31 10:20:32 ERROR [101/CScriptThread] three
+2026-01-31 10:20:33 DEBUG [101/CWorkerThread] four
+"""
+BASE_MS = 1_700_000_000_000
+
+
+def with_log(tree, text=LOG, name="vx_agent.log"):
+    return tree.file("work/" + name, text)
+
+
+# --- log
+
+
+@pytest.mark.fast
+def test_the_log_is_shown_across_its_files_the_oldest_first(tree):
+    with_log(tree, "2026-01-31 10:20:28 INFO [1/main] oldest\n", "vx_agent.log.2")
+    with_log(tree, "2026-01-31 10:20:29 INFO [1/main] older\n", "vx_agent.log.1")
+    with_log(tree)
+    before = state_of(tree.work)
+    assert ctl(tree, "log").out.splitlines() == ["2026-01-31 10:20:28 INFO [1/main] oldest",
+                                                 "2026-01-31 10:20:29 INFO [1/main] older", *LOG.splitlines()]
+    assert ctl(tree, "log", "-n", "4").out.splitlines() == LOG.splitlines()
+    assert state_of(tree.work) == before
+
+
+@pytest.mark.parametrize("arguments, shown", [
+    (["--level", "warning"], [1, 2, 3]), (["--level", "ERROR"], [3]), (["--process", "100"], [0]), (["--since", "2026-01-31T10:20:32"], [3, 4]),
+    (["--until", "2026-01-31 10:20:31"], [0, 1, 2]), (["-n", "1", "--level", "warning"], [3]), (["-n", "2", "--level", "warning"], [1, 2, 3]),
+    (["--since", "2027-01-01"], [])])
+def test_records_are_chosen_whole(tree, arguments, shown):
+    with_log(tree)
+    lines = LOG.splitlines()
+    assert ctl(tree, "log", *arguments).out.splitlines() == [lines[number] for number in shown]
+
+
+def test_records_as_json_have_their_further_lines_in_their_text(tree):
+    with_log(tree, LOG + "rest of a piece\n")
+    found = objects("log", ctl(tree, "log", "--json", env=dict(os.environ, TZ="UTC")).out)
+    assert found[1] == {"schema": 1, "time": "2026-01-31T10:20:31.000Z", "level": "WARNING", "process": 101, "thread": "CScriptThread",
+                        "text": "two\nits second line"}
+    assert [record.get("text") for record in found] == ["one", "two\nits second line", "three", "four", "rest of a piece"]
+
+
+def test_nothing_in_a_log_is_obeyed_by_a_terminal(tree):
+    with_log(tree, b"2026-01-31 10:20:30 INFO [1/main] \x1b]0;title\x07\x00\xff\n\x1b[2J\n")
+    assert ctl(tree, "log").stdout == b"2026-01-31 10:20:30 INFO [1/main] \\x1B]0;title\\x07\\x00\xff\n\\x1B[2J\n"
+    assert "\x1b" not in ctl(tree, "log", "--json").out
+
+
+def test_what_is_no_log_is_told(tree):
+    os.makedirs(tree.work)
+    assert ctl(tree, "log", status=2).err == f"vexctl: there is no log at {tree.work}/vx_agent.log; --workdir and --name say where to look\n"
+    os.mkdir(os.path.join(tree.work, "vx_agent.log"))
+    assert ctl(tree, "log", status=2).err == f"vexctl: {tree.work}/vx_agent.log is no regular file\n"
+    os.rmdir(os.path.join(tree.work, "vx_agent.log"))
+    os.mkfifo(os.path.join(tree.work, "vx_agent.log"))
+    ctl(tree, "log", status=2)
+    assert "no log at" in ctl(tree, "--name", "other\x1b", "log", status=2).err
+
+
+@pytest.mark.sandbox
+def test_following_goes_across_rotations_and_ends_with_its_reader(tree, tmp_path):
+    path = with_log(tree, "2026-01-31 10:20:29 INFO [1/main] before\n")
+    follower = Following(tree, str(tmp_path / "out"), "log", "--follow")
+    follower.wait_for("before")
+    with open(path, "a") as file:
+        file.write("2026-01-31 10:20:30 INFO [1/main] appended\n")
+    follower.wait_for("appended")
+    with open(path, "a") as file:
+        file.write("2026-01-31 10:20:31 INFO [1/main] last of its file\n")
+        os.rename(path, path + ".1")
+    with open(path, "w") as file:
+        file.write("2026-01-31 10:20:32 INFO [1/main] between two looks\n")
+    os.rename(path + ".1", path + ".2")
+    os.rename(path, path + ".1")
+    with open(path, "w") as file:
+        file.write("2026-01-31 10:20:33 INFO [1/main] first of the next\n")
+    follower.wait_for("first of the next")
+    assert [line.partition("] ")[2] for line in follower.text().splitlines()] == [
+        "before", "appended", "last of its file", "between two looks", "first of the next"]
+
+
+@pytest.mark.skipif(conftest.SANITIZER == "thread", reason="the sanitizer has a thread of its own, which works by the clock")
+@pytest.mark.sandbox
+def test_a_follower_that_waits_sleeps_and_ends_when_nobody_reads_any_more(tree):
+    with_log(tree)
+    process = tree.start("log", "--follow", name="vexctl", stdout=subprocess.PIPE)
+    assert process.stdout.readline().endswith(b" one\n")
+    for _ in range(4):
+        process.stdout.readline()
+    time.sleep(0.3)
+    before = conftest.switches(process.pid)
+    time.sleep(1)
+    assert conftest.switches(process.pid) == before
+    process.stdout.close()
+    assert process.wait(conftest.PATIENCE) == 0
+
+
+def test_a_pipe_that_closes_ends_it_quietly(tree):
+    with_log(tree, LOG * 20000)
+    command = f'"{tree.path}/vexctl" log | head -n 1'
+    result = subprocess.run(["bash", "-o", "pipefail", "-c", command], capture_output=True, text=True, timeout=conftest.PATIENCE, check=False)
+    assert (result.returncode, result.stdout, result.stderr) == (0, LOG.splitlines()[0] + "\n", "")
+
+
+def test_an_output_that_cannot_be_written_is_told(tree):
+    with_log(tree)
+    with open("/dev/full", "wb") as full:
+        result = subprocess.run([f"{tree.path}/vexctl", "log"], stdout=full, stderr=subprocess.PIPE, text=True, check=False)
+    assert (result.returncode, result.stderr) == (2, "vexctl: the output cannot be written: No space left on device\n")
+
+
+@pytest.mark.skipif(conftest.SANITIZED, reason="the sanitizer's own memory is many times the limit")
+def test_a_log_of_a_gibibyte_begins_at_once_and_takes_little_memory(tree):
+    path = with_log(tree)
+    with open(path, "r+b") as file:
+        file.seek(1 << 30)  # a hole that is read as NULs, one line of a gibibyte
+        file.write(b"\n" + LOG.encode())
+    command = f'ulimit -v 200000; exec "{tree.path}/vexctl" log -n 2 --level debug'
+    result = subprocess.run(["bash", "-c", command], capture_output=True, text=True, timeout=conftest.PATIENCE, check=False)
+    assert (result.returncode, result.stdout.splitlines()) == (0, LOG.splitlines()[3:])
+    began = time.monotonic()
+    process = tree.start("log", name="vexctl", stdout=subprocess.PIPE)
+    process.stdout.readline()
+    assert time.monotonic() - began < 5
+    process.stdout.close()
+    process.wait(conftest.PATIENCE)
+
+
+# --- events
+
+
+@pytest.mark.sandbox
+@pytest.mark.fast
+def test_events_of_an_agent_are_shown_while_it_runs(tree):
+    tree.app("probe", """
+local M = {}
+function M.init() dom0:AgentEvent{ number = 7, severity = 4, text = "first <&\\27[31m" } return 0 end
+function M.main() return 0 end
+function M.shutdown() dom0:AgentEvent{ number = 8, severity = 5, text = "second" } return 0 end
+return M
+""")
+    supervisor, _ = tree.background(name="probe")
+    wait_until(lambda: os.path.exists(os.path.join(tree.work, "events.db")), what="the first event")
+    wait_until(lambda: ctl(tree, "--name", "probe", "events", "--json").out, what="the event")
+    before = state_of(tree.work)
+    event, = objects("events", ctl(tree, "--name", "probe", "events", "--json").out)
+    assert (event["schema"], event["number"], event["severity"], event["severity_word"], event["text"]) == (1, 7, 4, "warning", "first <&\x1b[31m")
+    assert "\x1b" not in ctl(tree, "--name", "probe", "events").out + ctl(tree, "--name", "probe", "events", "--json").out
+    assert ctl(tree, "--name", "probe", "events", "--xml").out.startswith("<agent_event ")
+    assert state_of(tree.work) == before
+    tree.stop(supervisor)
+    wait_until(lambda: len(objects("events", ctl(tree, "--name", "probe", "events", "--json").out)) == 2, what="the second event")
+    assert [after["number"] for after in objects("events", ctl(tree, "--name", "probe", "events", "--json", "--after", event["key"]).out)] == [8]
+
+
+@pytest.mark.parametrize("arguments, numbers", [
+    ([], range(100, 200)), (["-n", "3"], [197, 198, 199]), (["-n", "0"], range(200)), (["--severity", "1"], [number for number in range(200) if number % 8 <= 1]),
+    (["--severity", "alert", "-n", "1"], [193]), (["--since", "2023-11-14T22:16:35Z"], [195, 196, 197, 198, 199]),
+    (["--until", "2023-11-14T22:13:21Z"], [0, 1]), (["--since", "2023-11-14T22:16:35Z", "-n", "1"], [199]), (["--since", "1h"], [])])
+def test_events_are_chosen(tree, arguments, numbers):
+    with_events(tree, [(BASE_MS + 1000 * number, number, number % 8, f"event {number}") for number in range(200)])
+    assert [event["number"] for event in objects("events", ctl(tree, "events", "--json", *arguments).out)] == list(numbers)
+
+
+def test_events_after_a_key_are_all_those_of_a_database_that_was_replaced(tree):
+    path = with_events(tree, [(BASE_MS, number, 5, f"old {number}") for number in range(5)])
+    keys = [event["key"] for event in objects("events", ctl(tree, "events", "--json").out)]
+    assert [event["number"] for event in objects("events", ctl(tree, "events", "--json", "--after", keys[2]).out)] == [3, 4]
+    assert ctl(tree, "events", "--json", "--after", keys[4]).out == ""
+    os.unlink(path)
+    with_events(tree, [(BASE_MS, number, 5, f"new {number}") for number in range(3)])
+    result = ctl(tree, "events", "--json", "--after", keys[2])
+    assert [event["text"] for event in objects("events", result.out)] == ["new 0", "new 1", "new 2"]
+    assert "has been replaced" in result.err
+    assert len(objects("events", ctl(tree, "events", "--json", "--after", keys[4]).out)) == 3
+    assert ctl(tree, "events", "--after", "nonsense", status=2).err == "vexctl: 'nonsense' is no key of an event\n"
+
+
+@pytest.mark.sandbox
+def test_events_to_come_are_shown_when_they_come(tree, tmp_path):
+    path = with_events(tree, [(BASE_MS, 1, 5, "there")])
+    follower = Following(tree, str(tmp_path / "out"), "events", "--follow", "--json")
+    follower.wait_for('"there"')
+    database = sqlite3.connect(path)
+    for number in range(2, 5):
+        database.execute("INSERT INTO agent_event(time_ms, number, severity, text, xml) VALUES(?, ?, 5, 'came', ?)", (BASE_MS, number, str(number)))
+        database.commit()
+    follower.wait_for('"number":4')
+    assert [event["number"] for event in objects("events", follower.text())] == [1, 2, 3, 4]
+
+
+def test_no_events_and_events_that_wait(tree):
+    assert ctl(tree, "events", status=2).err == f"vexctl: there is no work folder {tree.work}; --workdir says where to look\n"
+    os.makedirs(tree.work)
+    assert ctl(tree, "events", "--json").out == ""
+    tree.file("work/events.pending.xml", '<pending key="1"><agent_event/></pending>\n\n<pending key="2"><agent_event/></pending>\n')
+    assert ctl(tree, "events").err == f"vexctl: 2 more wait in {tree.work}/events.pending.xml until the database takes them\n"
+
+
+@pytest.mark.parametrize("command, file", [("events", "events.db"), ("heartbeats", "plugins/vx_agent/heartbeat.db")])
+def test_databases_that_are_none_are_told_and_not_touched(tree, command, file):
+    for content in (b"x" * 5000, b"SQLite format 3\0" + b"\xff" * 4000):
+        tree.file("work/" + file, content)
+        before = state_of(tree.work)
+        assert os.path.join(tree.work, file) in ctl(tree, command, status=2).err
+        assert state_of(tree.work) == before
+    tree.file("work/" + file, b"")
+    assert ctl(tree, command, "--json").out == ""
+
+
+def test_a_database_that_somebody_has_locked_is_read(tree):
+    path = with_events(tree, [(BASE_MS, 1, 5, "there")])
+    writer = sqlite3.connect(path)
+    writer.execute("BEGIN EXCLUSIVE")
+    assert len(objects("events", ctl(tree, "events", "--json").out)) == 1
+    writer.rollback()
+
+
+# --- heartbeats
+
+
+@pytest.mark.sandbox
+def test_heartbeats_of_an_agent_are_a_table_and_objects(tree):
+    tree.file("work/vx_agent.ini", "[settings]\nvex.HeartbeatInterval=1\n")
+    supervisor, _ = tree.background()
+    ctl(tree, "wait", "heartbeat")
+    ctl(tree, "wait", "heartbeat", "--next")
+    beats = objects("heartbeats", ctl(tree, "heartbeats", "--json").out)
+    assert [beat["reason"] for beat in beats][:2] == ["start", "interval"]
+    assert all(beat["schema"] == 1 and beat["uptime"] >= 0 and beat["memory_available"] > 0 for beat in beats)
+    assert [beat["id"] for beat in objects("heartbeats", ctl(tree, "heartbeats", "--json", "-n", "1").out)] >= [beats[-1]["id"]]
+    title, first, *_ = ctl(tree, "heartbeats", "-n", "0").out.splitlines()
+    assert title.split() == ["TIME", "ID", "REASON", "UPTIME", "LOAD", "MEMORY", "AVAILABLE"] and " start " in first
+    tree.stop(supervisor)
+
+
+# --- crashes
+
+
+@pytest.mark.skipif(conftest.SANITIZED, reason="the sanitizer has crash handlers of its own")
+@pytest.mark.sandbox
+def test_a_crash_is_told_with_its_place_and_opens_with_the_command_that_is_shown(tree):
+    shutil.copy(os.path.join(BUILD, "tests", "luacrash.so"), tree.file("lib/luacrash.so"))
+    tree.app("crasher", "return { init = function() return 0 end, main = function() require('luacrash')('null') return 0 end }")
+    tree.run(name="crasher")
+    assert os.path.exists(os.path.join(tree.work, "plugins/diag/crasher.mdmp")), tree.log("crasher")
+    crash, = objects("crashes", ctl(tree, "--name", "crasher", "crashes", "--json").out)
+    assert (crash["schema"], crash["signal_name"], crash["file"]) == (1, "SIGSEGV", os.path.join(tree.work, "plugins/diag/crasher.mdmp"))
+    assert os.path.basename(crash["module"]) == "luacrash.so" and crash["offset"].startswith("0x")
+    text = ctl(tree, "--name", "crasher", "crashes").out
+    assert "luacrash.so+0x" in text and crash["open"] in text
+    opened = subprocess.run(["bash", "-c", crash["open"].replace("lldb ", "lldb --batch -o 'thread list' ", 1)], capture_output=True, text=True,
+                            timeout=120, check=False)
+    assert opened.returncode == 0 and "SIGSEGV" in opened.stdout, opened.stdout + opened.stderr
+
+
+def test_dumps_that_are_none_are_told_beside_those_that_are(tree):
+    assert ctl(tree, "crashes").out == f"no crash dumps in {tree.work}/plugins/diag\n"
+    tree.file("work/plugins/diag/vx_agent.mdmp", b"")
+    tree.file("work/plugins/diag/vx_agent.1700000000.mdmp", b"x" * 1000)
+    tree.file("work/plugins/diag/vx_agent.mdmp.tmp", b"being written")
+    tree.file("work/plugins/diag/other.mdmp", b"another agent's")
+    found = {os.path.basename(crash["file"]): crash["error"] for crash in objects("crashes", ctl(tree, "crashes", "--json").out)}
+    assert found == {"vx_agent.mdmp": "it ends too early", "vx_agent.1700000000.mdmp": "it is no dump"}
+
+
+# --- the call
+
+
+def test_each_subcommand_has_help_and_a_wrong_call_is_status_2(tree):
+    text = ctl(tree, "--help").out
+    for command in ("status", "wait", "log", "events", "heartbeats", "crashes"):
+        assert f"  {command} " in text
+        assert ctl(tree, command, "--help").out
+    assert ctl(tree, "--version").out.startswith("vexctl ")
+    for wrong in ([], ["nonsense"], ["log", "--level", "loud"], ["log", "--since", "tomorrow"], ["events", "--severity", "9"], ["wait", "for godot"],
+                  ["events", "--json", "--xml"], ["status", "--json", "--nagios"], ["log", "-n", "-1"], ["wait", "running", "--timeout", "1"]):
+        assert ctl(tree, *wrong, status=2).err.endswith("vexctl: see vexctl --help\n"), wrong
+
+
+@pytest.mark.sandbox
+def test_signals_end_it(tree):
+    with_log(tree)
+    process = tree.start("log", "--follow", name="vexctl", stdout=subprocess.PIPE)
+    process.stdout.readline()
+    send_signal(process.pid, signal.SIGTERM)
+    assert process.wait(conftest.PATIENCE) == -signal.SIGTERM
+    process.stdout.close()
