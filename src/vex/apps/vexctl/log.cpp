@@ -84,7 +84,7 @@ public:
         }
     }
 
-    /// What was shown so far is a record's end.
+    // What was shown so far is a record's end.
     void EndRecord()
     {
         if (!m_record.is_null())

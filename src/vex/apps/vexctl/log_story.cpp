@@ -59,7 +59,7 @@ void TellFailure(LogStory& story, const LogLine& line)
     story.plugins[line.process][name].failure = std::string(failure);
 }
 
-// "vx_agent 10.0.0.4015, host agent, process 4712".
+// "vx_agent VERSION, host agent, process 4712".
 void TellVersion(LogStory& story, const LogLine& line, const std::string& name)
 {
     const std::size_t ends = line.text.find(", host agent, process ");

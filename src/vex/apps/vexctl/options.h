@@ -9,7 +9,7 @@
 
 namespace Vexctl {
 
-/// --since and --until.
+/// What is asked for by "--since" and "--until".
 struct TimeSpan
 {
     std::string since, until;
