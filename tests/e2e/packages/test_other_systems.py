@@ -36,7 +36,7 @@ def tree():
 
 def test_the_rpm_has_the_tree_the_units_and_the_settings(rpm):
     files = set(query(rpm, "-l").split("\n"))
-    assert {name for name in files if re.match(rf"/{TREE}/.*\w\.\w+$|/{TREE}/vx_agent$", name)} \
+    assert {name for name in files if re.match(rf"/{TREE}/.*\w\.\w+$|/{TREE}/(vx_agent|vexctl)$", name)} \
         == {f"/{TREE}/{name}" for name in tree() if not name.startswith("share/")}
     assert {"/usr/lib/systemd/system/vx_agent.service", "/usr/lib/systemd/system/vx_agent-unprivileged.service",
             "/usr/share/man/man8/vx_agent.8.gz", "/usr/share/doc/vx_agent/copyright"} <= files

@@ -163,7 +163,8 @@ return M
     wait_until(lambda: ctl(tree, "--name", "probe", "events", "--json").out, what="the event")
     before = state_of(tree.work)
     event, = objects("events", ctl(tree, "--name", "probe", "events", "--json").out)
-    assert (event["schema"], event["number"], event["severity"], event["severity_word"], event["text"]) == (1, 7, 4, "warning", "first <&\x1b[31m")
+    assert (event["schema"], event["number"], event["severity"], event["severity_word"], event["text"]) == (1, 7, 4, "warning",
+                                                                                                       "first <&\ufffd[31m")
     assert "\x1b" not in ctl(tree, "--name", "probe", "events").out + ctl(tree, "--name", "probe", "events", "--json").out
     assert ctl(tree, "--name", "probe", "events", "--xml").out.startswith("<agent_event ")
     assert state_of(tree.work) == before
