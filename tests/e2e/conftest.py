@@ -75,8 +75,7 @@ def unmount(folder):
 def pytest_configure(config):
     config.addinivalue_line("markers", "quick: also run by ./test --quick; each scenario has one")
     config.addinivalue_line("markers", "fast: also run in the sanitizer builds of ./test --ci")
-    config.addinivalue_line("markers", "patient: waits for minutes by the real clock for what another test shows by a fast one; from "
-                            "./test --ci on")
+    config.addinivalue_line("markers", "patient: waits for long for what another test shows sooner, or is about what seldom changes; from ./test --ci on")
     config.addinivalue_line("markers", "sandbox: needs namespaces of its own; skips where there are none")
     config.addinivalue_line("markers", "any_user(always=False): once as root and once with a tree whose agent an ordinary user starts; "
                             "the latter with VEX_FULL=1 only, or always")

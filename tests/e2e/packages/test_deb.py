@@ -130,6 +130,7 @@ def same(first, second):
             assert one.read() == other.read(), name
 
 
+@pytest.mark.patient
 def test_who_packs_when_and_where_does_not_show(debs, tmp_path):
     elsewhere = {**os.environ, **TIME, "TZ": "Asia/Kathmandu", "LC_ALL": "C", "HOME": str(tmp_path), "TMPDIR": str(tmp_path)}
     same(debs, make("deb", tmp_path / "again", env=elsewhere, cwd=tmp_path, umask=0o077))
@@ -165,6 +166,7 @@ def test_the_same_sources_elsewhere_give_the_same_packages(debs, tmp_path):
     same(debs, make("deb", tmp_path / "again", build=str(clone / "build/release"), root=str(clone), env=environment))
 
 
+@pytest.mark.patient
 def test_the_distributions_checker_finds_nothing(debs):
     if shutil.which("lintian") is None:
         pytest.skip("NO LINTIAN HERE (tools/packages.txt names it): what Debian's rules say of the package is not tested")
