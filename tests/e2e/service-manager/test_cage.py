@@ -9,7 +9,7 @@ import sys
 import pytest
 
 from conftest import BUILD, ROOT, SANITIZED, wait_until
-from machine import INSTALLED, PACKAGING, WORK, Machine
+from machine import APPLICATION, INSTALLED, PACKAGING, WORK, Machine
 
 sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "crash"))
 from minidump import Minidump  # noqa: E402 pylint: disable=wrong-import-position,import-error
@@ -225,6 +225,26 @@ def test_a_drop_in_gives_a_plugin_what_it_needs(machine, unit):
                                                             "process of another", "code in memory", "system call"}
     # Which place is writable at all is a matter of files' owners, for the one who is not root.
     assert unit != "vx_agent" or machine.run("test", "-e", "/srv/made").returncode == 0
+
+
+@pytest.mark.patient
+@pytest.mark.parametrize("machine", [TRYING], indirect=True, ids=["a slow shutdown"])
+def test_a_unit_waits_until_the_other_one_has_stopped(machine):
+    machine.write("vx_agent.lua", APPLICATION)
+    machine.write("shutdown-seconds", 3)
+    machine.write("life", "")
+    os.chmod(machine.shared, 0o777)
+    os.chmod(os.path.join(machine.shared, "life"), 0o666)
+
+    def time(unit, what):
+        return int(machine.systemctl("show", "-P", what + "TimestampMonotonic", unit).stdout)
+    for started, (unit, other) in enumerate([tuple(UNITS), tuple(UNITS)[::-1], tuple(UNITS)]):
+        assert machine.systemctl("start", unit).stdout == ""
+        assert state(machine, other)[:2] == ("inactive", "dead")
+        assert time(unit, "InactiveExit") >= time(other, "InactiveEnter")
+        wait_until(lambda mains=started + 1: machine.life().count("main") == mains, what="main")
+        assert machine.life() == ["init", "main", "shutdown", "end"] * started + ["init", "main"]
+        assert state(machine, unit) == ("active", "running", "success")
 
 
 def beats(machine):
