@@ -78,11 +78,15 @@ def test_the_service_lives_through_all_that_dpkg_does(machine, debs, tmp_path):
 
 
 @pytest.mark.patient
-def test_an_upgrade_leaves_a_stopped_service_stopped_when_it_is_disabled_and_restarts_the_other_unit(machine, debs):
+def test_an_upgrade_starts_only_what_ran_and_tells_a_start_that_fails(machine, debs):
     shutil.copy(debs["vx-agent"], os.path.join(machine.shared, "agent.deb"))
     another(debs["vx-agent"], os.path.join(machine.shared, "newer.deb"), DEB_VERSION + "1", with_other_files)
     install(machine, "agent.deb", 1)
-    assert machine.systemctl("disable", "--now", "vx_agent").returncode == 0
+    assert machine.systemctl("stop", "vx_agent").returncode == 0
+    dpkg(machine, "-i", "/shared/agent.deb")
+    assert machine.systemctl("is-active", "vx_agent").stdout == "inactive\n"
+    assert machine.systemctl("is-enabled", "vx_agent").stdout == "enabled\n"
+    assert machine.systemctl("disable", "vx_agent").returncode == 0
     assert machine.systemctl("enable", "--now", "vx_agent-unprivileged").returncode == 0
     wait_until(lambda: beats(machine) == 2, what="the other unit's beat")
     dpkg(machine, "-i", "/shared/newer.deb")
@@ -90,3 +94,6 @@ def test_an_upgrade_leaves_a_stopped_service_stopped_when_it_is_disabled_and_res
     assert machine.systemctl("is-active", "vx_agent").stdout == "inactive\n"
     assert machine.systemctl("is-enabled", "vx_agent").stdout == "disabled\n"
     assert machine.systemctl("is-active", "vx_agent-unprivileged").stdout == "active\n"
+    machine.write("broken.conf", "[Service]\nExecStart=\nExecStart=/usr/bin/false\n")
+    assert machine.run("cp", "/shared/broken.conf", "/etc/systemd/system/vx_agent-unprivileged.service.d/").returncode == 0
+    assert "Job for vx_agent-unprivileged.service failed" in dpkg(machine, "-i", "/shared/agent.deb")
