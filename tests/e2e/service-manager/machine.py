@@ -181,7 +181,7 @@ class Machine:
         assert self.run("kill", "-s", name, str(pid)).returncode == 0
 
     def pid_file(self):
-        found = self.run("head", "-n1", "/run/vx_agent.pid")
+        found = self.run("head", "-n1", "/run/vx_agent/vx_agent.pid")
         return int(found.stdout) if found.returncode == 0 else 0
 
     def ended(self):

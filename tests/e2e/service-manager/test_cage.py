@@ -18,7 +18,7 @@ pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="the shi
 
 # Most of what holds of one unit holds of the other: a quick run boots a machine for one of them, a patient one for both.
 ONE_AT_ONCE = [pytest.param("vx_agent", marks=pytest.mark.patient), "vx_agent-unprivileged"]
-UNITS = {"vx_agent": ("1.5", "root", "/run/vx_agent.pid"),
+UNITS = {"vx_agent": ("1.5", "root", "/run/vx_agent/vx_agent.pid"),
          "vx_agent-unprivileged": ("1.2", "vx_agent", "/run/vx_agent/vx_agent.pid")}
 HOMES = "/home"
 COMMAND = f"{INSTALLED}/vx_agent --extdir ext --plugins network,trend"
@@ -158,6 +158,9 @@ function M.init()
     os.execute("cp /usr/bin/true " .. folder .. "/true && chmod 755 " .. folder .. "/true")
     try("program of " .. folder, runs(folder .. "/true"))
   end
+  try("manager", runs("/usr/bin/systemctl", "daemon-reload"))
+  os.execute("mkdir -p /run/systemd/system && touch /run/systemd/system/made.service")
+  try("resolver", io.open("/run/systemd/resolve/stub-resolv.conf"))
   try("program of a home", runs("/home" .. "/tools/true"))
   try("namespace", runs("/usr/bin/unshare", "--user", "true"))
   local function python(line) return runs("/usr/bin/python3", "-c", line) end
@@ -197,6 +200,7 @@ def tries(machine, unit):
     os.chmod(machine.shared, 0o777)
     assert machine.run("sh", "-c", "cd /home && mkdir tools && cp /usr/bin/true tools && touch tools/hers && chmod 600 tools/hers && "
                        "chown nobody tools/hers").returncode == 0
+    assert machine.run("sh", "-c", "mkdir -p /run/systemd/resolve && touch /run/systemd/resolve/stub-resolv.conf").returncode == 0
     assert machine.systemctl("start", unit).stdout == ""
     path = os.path.join(machine.shared, "tries")
 
@@ -204,10 +208,12 @@ def tries(machine, unit):
         with open(path, encoding="utf-8") as file:
             return dict(line.split("=") for line in file.read().split("\n") if line)
     wait_until(lambda: os.path.exists(path) and "main" in read(), what="main")
+    # What it makes in its own /run is no order to systemd.
+    assert machine.run("test", "-e", "/run/systemd/system/made.service").returncode == 1
     return {name for name, value in read().items() if value == "true"}
 
 
-CAN = {"work", "tmp", "read", "program", "socket", "main"}
+CAN = {"work", "tmp", "read", "program", "socket", "resolver", "main"}
 
 
 @pytest.mark.parametrize("machine", [TRYING], indirect=True, ids=["as shipped"])
@@ -257,7 +263,12 @@ def test_one_unit_takes_over_from_the_other_with_all_that_was_kept(machine):
     kept = 0
     for unit in ("vx_agent", "vx_agent-unprivileged", "vx_agent"):
         _, user, pid_file = UNITS[unit]
+        planted = f"{WORK}/cache/planted.luac"
+        if kept and user == "root":
+            assert machine.run("sh", "-c", f"umask 077 && mkdir -p {WORK}/cache && touch {planted}").returncode == 0
         supervisor, _ = start(machine, unit)
+        # Code that the other user may have left does not become root's.
+        assert machine.run("test", "-e", planted).returncode == 1
         assert machine.run("head", "-n1", pid_file).stdout == f"{supervisor}\n"
         assert machine.run("stat", "-c", "%U", f"/proc/{supervisor}").stdout == user + "\n"
         wait_until(lambda more=kept: beats(machine) > more, what="another beat")

@@ -188,19 +188,20 @@ def test_an_exit_code_of_three_is_the_supervisors_business(machine):
 
 # Nobody waits for the end of the pause: a stop ends it.
 @pytest.mark.parametrize("machine", [TEST_APPLICATION + "RestartSec=1h"], indirect=True, ids=["an hour"])
-def test_a_start_beside_an_agent_started_by_hand_fails_and_takes_its_pid_file(machine):
-    assert machine.run(INSTALLED + "/vx_agent", "--background", "--lua_path", "/shared/?.lua").returncode == 0
+def test_a_start_beside_an_agent_started_by_hand_in_the_same_work_folder_fails(machine):
+    by_hand = (INSTALLED + "/vx_agent", "--background", "--lua_path", "/shared/?.lua", "--workdir", WORK)
+    assert machine.run(*by_hand).returncode == 0
     wait_until(lambda: "main" in machine.life(), what="main")
-    supervisor = machine.pid_file()
+    supervisor = int(machine.run("head", "-n1", "/run/vx_agent.pid").stdout)
     assert supervisor > 1
     assert machine.systemctl("start", "vx_agent").returncode == 1
-    assert "present, exiting" in machine.log()
+    assert f"The work folder {WORK} is in use by another agent of this name (pid={supervisor}), exiting" in machine.log()
     # It will be tried again: what is said of exit codes is about the supervisor's.
     assert machine.state() == ("activating", "auto-restart", "exit-code")
     assert machine.systemctl("stop", "vx_agent").returncode == 0
-    assert machine.pid_file() == 0 and machine.life() == ["init", "main"]
-    # It runs on; without the file only its lock keeps the next start out.
-    assert machine.run(INSTALLED + "/vx_agent", "--background", "--lua_path", "/shared/?.lua").returncode == 1
+    # It runs on, with its own pid file.
+    assert machine.life() == ["init", "main"] and machine.run("head", "-n1", "/run/vx_agent.pid").stdout == f"{supervisor}\n"
+    assert machine.run(*by_hand).returncode == 1
     machine.signal(supervisor, "TERM")
     wait_until(lambda: machine.life() == ["init", "main", "shutdown", "end"], what="the end")
 
