@@ -39,25 +39,27 @@ std::size_t Format(char* record, std::size_t size, int severity, const char* lin
     return length < 0 ? 0 : std::min(static_cast<std::size_t>(length), size - 1);
 }
 
-// Most loggers take datagrams; some take a stream, in which a NUL ends a record. 0, or -1 with the error.
+// Most loggers take datagrams; some take a stream, in which a NUL ends a record. One that has stopped is waited for
+// where a datagram is sent, or where a stream is connected. 0, or -1 with the error.
 int Send(int type, const char* record, std::size_t size)
 {
-    const Descriptor connection(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    const Descriptor connection(::socket(AF_UNIX, type | SOCK_CLOEXEC | (g_isStuck ? SOCK_NONBLOCK : 0), 0));
     struct sockaddr_un logger = {};
     logger.sun_family = AF_UNIX;
     std::strcpy(logger.sun_path, "/dev/log");
-    // Also of the connection, which waits for a stream's reader.
     if (!connection || ::setsockopt(connection.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) != 0)
         return -1;
+    const std::size_t whole = type == SOCK_STREAM ? size + 1 : size;
+    ssize_t sent = -1;
     if (Retried([&] {
             return ::connect(connection.Get(), reinterpret_cast<const struct sockaddr*>(&logger), sizeof logger);
         })
-        != 0)
-        return -1;
-    const std::size_t whole = type == SOCK_STREAM ? size + 1 : size;
-    const int flags = MSG_NOSIGNAL | (g_isStuck ? MSG_DONTWAIT : 0);
-    const ssize_t sent = Retried([&] { return ::send(connection.Get(), record, whole, flags); });
-    g_isStuck = sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+        == 0)
+        sent = Retried([&] { return ::send(connection.Get(), record, whole, MSG_NOSIGNAL); });
+    if (sent >= 0)
+        g_isStuck = false;
+    else if (errno == EAGAIN || errno == EWOULDBLOCK)
+        g_isStuck = true;
     return sent == static_cast<ssize_t>(whole) ? 0 : -1;
 }
 

@@ -8,6 +8,7 @@
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
 #include "support/other_user.h"
+#include "support/own_mounts.h"
 #include "support/process_guards.h"
 #include "support/sample_event.h"
 #include "support/temp_folder.h"
@@ -20,7 +21,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -146,34 +146,6 @@ protected:
     ::Test::TempFolder m_folder{Base()};
     std::string m_work = m_folder.Path();
 };
-
-// Runs `body` in a child with a mount namespace of its own; its result is the exit code. -1: no such
-// namespace here.
-int InOwnMounts(const std::function<int()>& body)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-            _exit(77);
-        dup2(open("/dev/null", O_WRONLY),
-             STDERR_FILENO); // what the store shows there is not what such a body tests
-        const int result = body();
-        std::fflush(stdout);
-        _exit(result);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 77 ? -1 : status;
-}
-
-// What a child of a test checks: its line says which did not hold.
-#define CHILD_CHECK(condition)                                                                                         \
-    do {                                                                                                               \
-        if (!(condition)) {                                                                                            \
-            std::printf("line %d: %s\n", __LINE__, #condition);                                                        \
-            return 1;                                                                                                  \
-        }                                                                                                              \
-    } while (false)
 
 } // namespace
 
@@ -699,7 +671,7 @@ TEST_F(EventDatabase, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
 
 TEST_F(EventDatabase, ReadOnlyFileSystemMeansMemoryThenDatabase)
 {
-    const int status = InOwnMounts([this] {
+    const int status = ::Test::InOwnMounts([this] {
         if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=4m,mode=700") != 0)
             return 77;
         wxLogNull quiet;
@@ -720,7 +692,7 @@ TEST_F(EventDatabase, ReadOnlyFileSystemMeansMemoryThenDatabase)
 
 TEST_F(EventDatabase, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
 {
-    const int status = InOwnMounts([this] {
+    const int status = ::Test::InOwnMounts([this] {
         ::Test::LogCatcher log;
         CHILD_CHECK(EventStore(m_work).Write(SampleEvent("one")) == 1);
         // Root may write whatever its mode says.
@@ -773,7 +745,7 @@ TEST_F(EventDatabase, EventIsFlushedWhateverTheSettingsAllowElsewhere)
 
 TEST_F(EventDatabase, FullDiskMeansMemoryThenDatabaseOnce)
 {
-    const int status = InOwnMounts([this] {
+    const int status = ::Test::InOwnMounts([this] {
         if (mount("tmpfs", m_work.c_str(), "tmpfs", 0, "size=256k,mode=700") != 0)
             return 77;
         wxLogNull quiet;
