@@ -354,7 +354,6 @@ bool DiskLog::Open()
         return false;
     }
     m_number = m_file.Get();
-    m_realPath = place.RealPath();
     m_identity = os::IdentityOf(status);
     m_cleanEnd = 0;
     m_pieceEnd = 0;
@@ -363,56 +362,68 @@ bool DiskLog::Open()
 
 // --- rotation
 
-std::string DiskLog::RotatedName(int number) const
+namespace {
+std::string RotatedName(const std::string& file, int number)
 {
-    return m_realPath + '.' + std::to_string(number);
+    return number == 0 ? file : file + '.' + std::to_string(number);
 }
+
+} // namespace
 
 // Moves the full file away. False: it is to be written on (another process is at it, or it cannot be moved).
 //
 // One process at a time, by a lock that goes with its holder's life. Nobody waits for it: a holder that is stopped
 // would stop every writer, so the others write on into the full file meanwhile, where no line is lost either.
+//
+// Where the log is a link, what it leads to is rotated, in its own folder, and the link stays. Several links may lead
+// there, so the lock lies there too. Any folder on the way may be moved, and be a link to where it went: the way is
+// found anew each time.
 bool DiskLog::Rotate()
 {
     if (std::time(nullptr) < m_rotateNotBefore)
         return false;
-    os::GuardedPlace place(m_path + ".lock");
-    const os::Descriptor lock = place.OpenFile(O_RDWR | O_CREAT);
-    if (!lock) {
+    os::GuardedPlace place(m_path);
+    if (!place.OpenFile(O_RDONLY)) {
+        if (os::LastError() == ENOENT)
+            return true; // another has rotated since our look at the file
         RotationFailed(place.Breach().empty() ? NumberAndText(os::LastError()) : place.Breach());
+        return false;
+    }
+    const std::string file = place.RealPath();
+    os::GuardedPlace lockPlace(file + ".lock");
+    const os::Descriptor lock = lockPlace.OpenFile(O_RDWR | O_CREAT);
+    if (!lock) {
+        RotationFailed(lockPlace.Breach().empty() ? NumberAndText(os::LastError()) : lockPlace.Breach());
         return false;
     }
     if (os::TryLock(lock.Get()) != 0)
         return false;
-    // Another may have rotated between our look at the file and the lock.
+    // What is renamed is our file: another may have rotated before we had the lock, or the way leads elsewhere now.
     struct stat status = {};
-    const bool moved = os::Stat(m_path.c_str(), status) != 0 || !m_identity.IsFileOf(status);
-    return moved || ShiftFiles();
+    const bool moved = os::Stat(file.c_str(), status) != 0 || !m_identity.IsFileOf(status);
+    return moved || ShiftFiles(file);
 }
 
 // Renames from the oldest on, so that a process killed in between leaves a gap and never two files under one name. The
-// next rotation fills the gap and moves only the files before it. Where the log is a link, what it leads to is rotated,
-// in its own folder, and the link stays.
-bool DiskLog::ShiftFiles()
+// next rotation fills the gap and moves only the files before it.
+bool DiskLog::ShiftFiles(const std::string& file)
 {
     const int keep = m_settings.keep;
     struct stat status = {};
     int gap = 1;
-    while (gap < keep && os::Stat(RotatedName(gap).c_str(), status) == 0)
+    while (gap < keep && os::Stat(RotatedName(file, gap).c_str(), status) == 0)
         ++gap;
     if (gap < keep && os::LastError() != ENOENT) {
         RotationFailed(NumberAndText(os::LastError())); // not a gap: a file may be there, and must not be renamed over
         return false;
     }
-    for (int number = gap; number > 0; --number) {
-        const std::string from = number == 1 ? m_realPath : RotatedName(number - 1);
-        if (os::Rename(from.c_str(), RotatedName(number).c_str()) != 0) {
+    for (int number = gap; number > 0; --number)
+        if (os::Rename(RotatedName(file, number - 1).c_str(), RotatedName(file, number).c_str()) != 0) {
             RotationFailed(NumberAndText(os::LastError()));
             return false;
         }
-    }
     // What a larger number of files to keep has left behind.
-    for (int number = keep + 1; os::Unlink(RotatedName(number).c_str()) == 0;)
+    for (int number = keep + 1; os::Unlink(RotatedName(file, number).c_str()) == 0;)
         ++number;
     return true;
 }

@@ -100,9 +100,8 @@ private:
     bool WasGlued(std::size_t size);
     bool Open();
     bool Rotate();
-    bool ShiftFiles();
+    bool ShiftFiles(const std::string& file);
     void RotationFailed(const std::string& reason);
-    std::string RotatedName(int number) const;
     void Hold(Held held);
     void GiveAway(const Held& held);
     void Fail(const std::string& reason);
@@ -116,7 +115,6 @@ private:
     std::string m_path;
     Settings m_settings;
     std::string m_timeFormat = standardTimeFormat; // of the log's own records
-    std::string m_realPath; // of the open file, where m_path is a link
     os::Descriptor m_file;
     os::FileIdentity m_identity; // of the open file
     off_t m_size = 0; // of the open file, as last seen

@@ -843,6 +843,56 @@ TEST(DiskLog, WhereTheLogIsALinkItsTargetIsRotatedAndTheLinkStays)
     EXPECT_FALSE(std::filesystem::exists(folder / "x.log.1"));
 }
 
+TEST(DiskLog, FolderThatWasMovedAndIsALinkNowIsRotatedWhereItWent)
+{
+    const TempFolder folder;
+    const TempFolder target;
+    ASSERT_EQ(::mkdir((folder / "work").c_str(), 0700), 0);
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "work/x.log");
+    log.SetSettings({8, 2});
+    log.Write("first\n", false);
+    ASSERT_EQ(std::rename((folder / "work").c_str(), (folder / "moved").c_str()), 0);
+    std::filesystem::create_symlink("moved", folder / "work");
+    log.Write("second\n", false);
+    EXPECT_EQ(ReadFile(folder / "moved/x.log"), "second\n");
+    EXPECT_EQ(ReadFile(folder / "moved/x.log.1"), "first\n");
+}
+
+TEST(DiskLog, FileThatTookThePlaceWhereALinkLedIsNotRotated)
+{
+    const TempFolder folder;
+    WriteFile(folder / "a.log", "");
+    std::filesystem::create_symlink("a.log", folder / "x.log");
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings({8, 2});
+    log.Write("first\n", false);
+    // The same file by the same name, and another where it was.
+    std::filesystem::rename(folder / "a.log", folder / "b.log");
+    std::filesystem::remove(folder / "x.log");
+    std::filesystem::create_symlink("b.log", folder / "x.log");
+    WriteFile(folder / "a.log", "somebody else's\n");
+    log.Write("second\n", false);
+    EXPECT_EQ(ReadFile(folder / "a.log"), "somebody else's\n");
+    EXPECT_EQ(ReadFile(folder / "b.log"), "second\n");
+    EXPECT_EQ(ReadFile(folder / "b.log.1"), "first\n");
+}
+
+TEST(DiskLog, LinksToOneFileAreRotatedOneAtATime)
+{
+    const TempFolder folder;
+    const TempFolder target;
+    std::filesystem::create_symlink(target / "real.log", folder / "x.log");
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings({8, 2});
+    log.Write("first\n", false);
+    log.Write("second\n", false);
+    EXPECT_TRUE(Exists(target / "real.log.lock"));
+    EXPECT_FALSE(Exists(folder / "x.log.lock"));
+}
+
 TEST(DiskLog, FailedRotationIsSaidInTheLogAndTheFileGrowsOn)
 {
     const TempFolder folder;
