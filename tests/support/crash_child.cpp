@@ -1,6 +1,6 @@
 // Crashes in the way that its first argument names, under the core library's crash handler.
 //
-//   crash_child WAY DUMPFILE WORKFOLDER [full]
+//   crash_child WAY DUMPFILE WORKFOLDER [full | small [silent]]
 
 #include "vex/core/crash.h"
 #include "vex/core/dom.h"
@@ -249,7 +249,8 @@ int main(int argc, char** argv)
     dom->Set("app.name", "crash_child");
     dom->Set("app.path.work", argv[3]);
     delete wxLog::SetActiveTarget(new CLog2Disk);
-    wxLogMessage("before the crash");
+    if (argc <= 5 || std::strcmp(argv[5], "silent") != 0)
+        wxLogMessage("before the crash");
     const bool full = argc > 4 && std::strcmp(argv[4], "full") == 0;
     if (!InitCrashHandler(wxString::FromUTF8(argv[2]), "crash_child", full))
         return 5;

@@ -202,8 +202,8 @@ void Report(const CrashSite& site, int dumpError)
     AddMessage(g_logLine, site, dumpError);
     AddMessage(g_errorLine, site, dumpError);
     int log = LogFileDescriptor();
-    if (log < 0)
-        log = open(g_logPath, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    if (log < 0) // a link is followed: the way was looked at when the handler was set up
+        log = open(g_logPath, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
     if (log >= 0)
         WriteBytes(log, g_logLine.Data(), g_logLine.Size());
     WriteBytes(STDERR_FILENO, g_errorLine.Data(), g_errorLine.Size());

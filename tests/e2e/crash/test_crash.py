@@ -58,6 +58,17 @@ def test_each_crash_ends_by_its_signal_with_a_dump_and_one_line(tmp_path, way, n
     assert os.listdir(os.path.dirname(crash.dump)) == ["child.mdmp"]
 
 
+def test_a_crash_before_the_first_line_of_a_log_that_is_a_link_is_in_the_log(tmp_path):
+    work = tmp_path / "work"
+    work.mkdir(mode=0o700)
+    (work / "crash_child.log").symlink_to(tmp_path / "real.log")
+    crash = Crash(tmp_path, "null", "small", "silent")
+    assert crash.status == -signal.SIGSEGV
+    assert len(crash.log) == 1 and " crashed: signal 11 (SIGSEGV at address 0x0)" in crash.log[0], crash.log
+    assert (work / "crash_child.log").is_symlink()
+    assert os.stat(tmp_path / "real.log").st_mode & 0o777 == 0o600
+
+
 @pytest.mark.quick
 def test_dump_has_threads_stacks_modules_and_the_system(tmp_path):
     crash = Crash(tmp_path, "thread")
