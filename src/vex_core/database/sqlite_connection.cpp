@@ -65,9 +65,10 @@ bool SqliteConnection::Settle(os::GuardedPlace& place)
 
 bool SqliteConnection::Open(os::GuardedPlace& place, std::int64_t minSynchronous, const char* vfs)
 {
-    // The file is there by now; what a statement attaches elsewhere may be new.
+    // The file is there by now, for its owner alone; one that SQLite made would not be. But what a statement attaches
+    // is opened as this one is, and may be new: where such statements come from, `vfs` is another, which sees to that.
     if (Settle(place))
-        return Open(place.RealPath(), SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_CREATE, minSynchronous, vfs);
+        return Open(place.RealPath(), SQLITE_OPEN_NOFOLLOW | (vfs ? SQLITE_OPEN_CREATE : 0), minSynchronous, vfs);
     Close();
     m_errorCode = SQLITE_CANTOPEN;
     m_error = place.Reason();

@@ -5,6 +5,8 @@
 #include "vex_core/base/ascii.h"
 #include "vex_core/base/text.h"
 #include "vex_core/domain/root_dom.h"
+#include "vex_core/os/file_identity.h"
+#include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"
 
 #include <algorithm>
@@ -59,9 +61,21 @@ std::optional<os::GuardedPlace> PlaceInWorkFolder(const std::string& path)
         return std::nullopt;
     const std::string start = PathFromRoot(work) + '/';
     const std::string whole = PathFromRoot(path);
-    if (!StartsWith(whole, start))
+    if (StartsWith(whole, start))
+        return os::GuardedPlace(start, whole.substr(start.size()));
+    // Some other way may lead through the same folder.
+    struct stat status = {};
+    if (os::Stat(work.c_str(), status) != 0)
         return std::nullopt;
-    return os::GuardedPlace(start, whole.substr(start.size()));
+    const os::FileIdentity top = os::IdentityOf(status);
+    for (std::size_t end = whole.find('/', 1); end != std::string::npos; end = whole.find('/', end + 1)) {
+        const std::string folder = whole.substr(0, end);
+        if (os::Stat(folder.c_str(), status) != 0)
+            break;
+        if (top.IsFileOf(status))
+            return os::GuardedPlace(folder, whole.substr(end + 1));
+    }
+    return std::nullopt;
 }
 
 bool MakePluginWorkdir(const CDom& dom, const std::string& plugin, std::string& path, std::string& breach)

@@ -9,7 +9,8 @@
 
 namespace VexCore {
 
-/// The place of a path of the process below its work folder, however it is spelled; nothing for one elsewhere.
+/// The place of a path of the process that leads through its work folder, however that is spelled or reached; nothing
+/// for one elsewhere.
 std::optional<os::GuardedPlace> PlaceInWorkFolder(const std::string& path);
 
 /// Makes a plugin's folder, as `CDom::GetPluginWorkdir` does, and tells its path. False, with the reason, when it may

@@ -1,9 +1,13 @@
 #include "vex/core/dom.h"
 #include "vex/core/sqlitedb.h"
 #include "vex_core/database/sqlite_connection.h"
+#include "vex_core/os/guarded_place.h"
 
+#include "support/call_watch.h"
 #include "support/log_catcher.h"
 #include "support/temp_folder.h"
+
+#include <filesystem>
 
 #include <gtest/gtest.h>
 
@@ -78,6 +82,23 @@ TEST(Sqlite, FailureHasCodeAndText)
     bad.Bind(1, static_cast<std::int64_t>(1));
     EXPECT_EQ(bad.Step(), SqliteStatement::StepResult::Failed);
     EXPECT_NE(db.Error().find("nowhere"), std::string::npos) << db.Error();
+}
+
+TEST(Sqlite, FileOfTheWorkFolderIsNotMadeBySqlite)
+{
+    ::Test::TempFolder folder;
+    const std::string path = folder / "x.db";
+    // Gone right after it was made for its owner alone.
+    const ::Test::CallWatch watch([&](const os::Call& call) {
+        if (call.path && std::string(call.path) == "x.db-shm")
+            std::filesystem::remove(path);
+        return 0;
+    });
+    os::GuardedPlace place(path);
+    SqliteConnection db;
+    EXPECT_FALSE(db.Open(place, 0));
+    EXPECT_EQ(db.ErrorCode() & 0xFF, SQLITE_CANTOPEN);
+    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 TEST(Sqlite, TransactionThatIsNotCommittedLeavesNothing)

@@ -49,6 +49,24 @@ TEST_F(WorkFolder, HasAPlaceForEverySpellingOfWhatIsBelow)
     }
 }
 
+TEST_F(WorkFolder, HasAPlaceForEveryWayThatLeadsThroughIt)
+{
+    fs::create_directory_symlink("work", m_top + "/link");
+    fs::create_directories(m_top + "/x");
+    for (const std::string& work : {m_work, m_top + "/link"}) {
+        m_dom->Set("app.path.work", work);
+        for (const std::string& path : {m_work + "/own.db", m_top + "/link/own.db", m_top + "/x/../work/own.db",
+                                        m_top + "/x/../link/./own.db", std::string("../link/own.db")}) {
+            auto place = PlaceInWorkFolder(path);
+            ASSERT_TRUE(place) << work << ' ' << path;
+            EXPECT_TRUE(place->SettleFile({})) << place->Reason();
+            EXPECT_EQ(place->RealPath(), m_work + "/own.db");
+        }
+    }
+    EXPECT_FALSE(PlaceInWorkFolder(m_top + "/x/own.db"));
+    EXPECT_FALSE(PlaceInWorkFolder(m_top + "/missing/own.db"));
+}
+
 TEST_F(WorkFolder, HasNoPlaceForWhatIsElsewhere)
 {
     m_dom->Set("app.path.work", m_work);

@@ -457,6 +457,71 @@ TEST_F(NativeModules, AnAttachedDatabaseKeepsToTheSameRule)
                     "it\n");
 }
 
+TEST_F(NativeModules, ADatabaseIsBelowTheWorkFolderByWhateverWayItIsReached)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    const ::Test::TempFolder elsewhere;
+    const std::string work = m_folder / "work";
+    std::filesystem::create_directories(work + "/sub");
+    std::filesystem::create_directory_symlink(work, m_folder / "link");
+    std::filesystem::create_directory_symlink(work + "/sub", elsewhere / "sub");
+    dom->Set("app.path.work", m_folder / "link");
+    for (const char* name : {"/evil.db", "/sub/evil.db"}) {
+        std::filesystem::create_symlink(elsewhere / "victim", work + name);
+        GIVE_AWAY(work + name);
+    }
+    const ::Test::LogCatcher log;
+    for (const std::string& path :
+         {work + "/evil.db", m_folder / "link/evil.db", m_folder / "missing/../work/evil.db", elsewhere / "sub/evil.db",
+          "file:" + work + "/evil.db?mode=rwc", "file:" + m_folder / "link/evil.db"}) {
+        EXPECT_NE(RunDb("return tostring(select(2, db:exec('ATTACH ? AS other', {'" + path + "'})))"), "nil") << path;
+        EXPECT_EQ(Run("return tostring(require('vex.db').open('" + path + "'))"), "nil") << path;
+    }
+    EXPECT_FALSE(std::filesystem::exists(elsewhere / "victim"));
+    const ::Test::FileModeMask open(0);
+    EXPECT_EQ(RunDb("db:exec('ATTACH ? AS other', {'" + elsewhere / "sub/new.db"
+                    + "'}) "
+                      "return db:exec('CREATE TABLE other.t(x)')"),
+              "0");
+    struct stat status = {};
+    ASSERT_EQ(::stat((work + "/sub/new.db").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, mode_t(0600)) << "through a link to a folder in it";
+}
+
+TEST_F(NativeModules, TheJournalOfATransactionInSeveralDatabasesIsForTheOwnerAlone)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    dom->Set("app.path.work", m_folder.Path());
+    const ::Test::FileModeMask open(0);
+    static int s_journals;
+    static mode_t s_modes;
+    static int (*s_unlink)(const char*);
+    s_journals = 0;
+    s_modes = 0;
+    sqlite3_vfs* const own = sqlite3_vfs_find("unix");
+    s_unlink = reinterpret_cast<int (*)(const char*)>(own->xGetSystemCall(own, "unlink"));
+    int (*const look)(const char*) = [](const char* path) {
+        struct stat status = {};
+        if (std::string(path).find("-mj") != std::string::npos && ::stat(path, &status) == 0) {
+            ++s_journals;
+            s_modes |= status.st_mode & 07777;
+        }
+        return s_unlink(path);
+    };
+    own->xSetSystemCall(own, "unlink", reinterpret_cast<sqlite3_syscall_ptr>(look));
+    EXPECT_EQ(RunDb("db:exec('CREATE TABLE t(x)') db:exec('ATTACH ? AS other', {folder .. '/other.db'}) "
+                    "db:exec('CREATE TABLE other.t(x)') "
+                    "return tostring(db:transaction(function() "
+                    "db:exec('INSERT INTO main.t VALUES(1)') db:exec('INSERT INTO other.t VALUES(1)') end)) "
+                    ".. db:rows('SELECT count(*) AS n FROM other.t')[1].n"),
+              "true1");
+    own->xSetSystemCall(own, "unlink", reinterpret_cast<sqlite3_syscall_ptr>(s_unlink));
+    if (sqlite3_libversion_number() >= 3051003)
+        GTEST_SKIP() << "a write-ahead log has no such journal";
+    EXPECT_EQ(s_journals, 1);
+    EXPECT_EQ(s_modes, mode_t(0600));
+}
+
 TEST_F(NativeModules, ChangesAreFlushedBeforeTheCallReturns)
 {
     EXPECT_EQ(RunDb("return db:rows('PRAGMA synchronous')[1].synchronous"), "2");
