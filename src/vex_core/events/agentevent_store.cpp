@@ -104,12 +104,14 @@ EventRecord MakeRecord(const CAgentEvent& event)
 }
 
 // Past the log, which holds its lines in memory as well when the disk is full. As bytes: wide output would silence all
-// later output.
-void ShowAsLastResort(const char* prefix, const EventRecord& record)
+// later output. False: it was not taken.
+bool ShowAsLastResort(const char* prefix, const EventRecord& record)
 {
     const int severity = CAgentEvent::ToSeverity(static_cast<int>(record.severity.value_or(os::severityError)));
-    os::WriteLastResort(STDERR_FILENO, severity, {prefix, record.xml, "\n"});
+    return os::WriteLastResort(STDERR_FILENO, severity, {prefix, record.xml, "\n"});
 }
+
+constexpr char notStoredYet[] = "Agent event not stored yet: ";
 
 // What lies there already may be all that is left of another database.
 std::string FreeName(const std::string& wanted)
@@ -168,11 +170,14 @@ std::size_t EventStore::InMemory() const
 void EventStore::Adopt(EventStore& other)
 {
     std::deque<EventRecord> events;
+    std::size_t untold = 0;
     {
         const std::lock_guard lock(other.m_lock);
         events.swap(other.m_memory);
+        std::swap(untold, other.m_untold);
     }
     const std::lock_guard lock(m_lock);
+    m_untold += untold;
     m_memory.insert(m_memory.begin(), std::make_move_iterator(events.begin()), std::make_move_iterator(events.end()));
 }
 
@@ -381,13 +386,25 @@ void EventStore::KeepForLater(const EventRecord& record)
 
 void EventStore::KeepInMemory(const EventRecord& record)
 {
-    ShowAsLastResort("Agent event not stored yet: ", record);
     m_memory.push_back(record);
+    m_memory.back().isShown = ShowAsLastResort(notStoredYet, record);
     if (m_memory.size() <= maxInMemory)
         return;
     wxLogError("Too many agent events are kept in memory, this one goes: %s", Shown(m_memory.front().xml));
-    ShowAsLastResort("Agent event given up: ", m_memory.front());
+    if (!ShowAsLastResort("Agent event given up: ", m_memory.front()) && !m_memory.front().isShown)
+        ++m_untold;
     m_memory.pop_front();
+}
+
+EventStore::Lost EventStore::TellLost()
+{
+    const std::lock_guard lock(m_lock);
+    // A logger that has stopped may have gone on since.
+    for (EventRecord& record : m_memory) {
+        record.isShown = record.isShown || ShowAsLastResort(notStoredYet, record);
+        m_untold += record.isShown ? 0 : 1;
+    }
+    return {m_memory.size(), m_untold};
 }
 
 // --- the process's stores
@@ -468,12 +485,15 @@ void CloseEventStores()
     g_somethingIsKept = false;
     for (const auto& item : stores) {
         item.second->StoreKept();
-        const std::size_t lost = item.second->InMemory();
-        if (lost > 0)
+        const EventStore::Lost lost = item.second->TellLost();
+        if (lost.events > 0)
             wxLogError(
                 "Agent events that are lost with the process, because nothing took them: %lu (above is a line for "
                 "each)",
-                static_cast<unsigned long>(lost));
+                static_cast<unsigned long>(lost.events));
+        if (lost.untold > 0)
+            wxLogError("Agent events that are lost and that neither standard error nor the system's log has shown: %lu",
+                       static_cast<unsigned long>(lost.untold));
     }
 }
 

@@ -41,6 +41,14 @@ public:
 
     /// Events in memory.
     std::size_t InMemory() const;
+    /// What the process loses when it ends now.
+    struct Lost
+    {
+        std::size_t events; ///< in memory
+        std::size_t untold; ///< which the last resort has not taken, with those that memory had no room for
+    };
+    /// Shows the events in memory that the last resort has not taken yet, once more. Once, at the end.
+    Lost TellLost();
     /// Takes the events of another store's memory.
     void Adopt(EventStore& other);
 
@@ -74,6 +82,7 @@ private:
     std::string m_reason; // why the database did not take the last event
     PendingEvents m_pending;
     std::deque<EventRecord> m_memory;
+    std::size_t m_untold = 0; // that are lost already and that the last resort did not take
 };
 
 /// The process's store for a working folder.

@@ -19,6 +19,7 @@ struct EventRecord
     std::optional<std::int64_t> severity;
     std::optional<std::string> text;
     std::string xml;
+    bool isShown = false; ///< the last resort has it; of the process that keeps the event alone
 };
 
 /// Several processes may use one file. In a process, one thread at a time.

@@ -3,6 +3,7 @@
 #include "vex/core/dom.h"
 #include "vex_core/events/agentevent_store.h"
 
+#include "support/call_watch.h"
 #include "support/dom_ptr.h"
 #include "support/fail_nth.h"
 #include "support/joining_thread.h"
@@ -947,6 +948,41 @@ TEST_F(EventDatabase, EventsThatNothingTookAreCountedWhenTheStoresClose)
     CloseEventStores();
     standardError.Text();
     EXPECT_EQ(log.Count(wxLOG_Error, "lost with the process, because nothing took them: 2"), 1u) << log.All();
+}
+
+TEST_F(EventDatabase, EventsThatTheSystemLogDidNotTakeAreSentOnceMoreAtTheEndAndElseCounted)
+{
+    ::Test::LogCatcher log;
+    ::Test::StandardError standardError;
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(dup2(null, STDERR_FILENO), STDERR_FILENO); // as in the background
+    close(null);
+    std::vector<std::string> sent;
+    std::string taken = "two";
+    const ::Test::CallWatch watch([&](const os::Call& call) {
+        if (call.name != "syslog"sv)
+            return 0;
+        sent.emplace_back(call.path);
+        return taken.find(sent.back().substr(sent.back().find(" text=") + 7, 3)) != std::string::npos ? os::callAnswered
+                                                                                                      : ENOENT;
+    });
+    for (const char* const name : {"one", "two", "six"})
+        GetEventStore(m_work + "/never")->Write(SampleEvent(name));
+    EXPECT_EQ(sent.size(), 3u);
+    sent.clear();
+    taken = "one";
+    CloseEventStores();
+    standardError.Text();
+    ASSERT_EQ(sent.size(), 2u);
+    for (const std::string& line : sent)
+        EXPECT_EQ(line.substr(0, 40), "Agent event not stored yet: <agent_event");
+    EXPECT_NE(sent[0].find("text=\"one\""), std::string::npos);
+    EXPECT_NE(sent[1].find("text=\"six\""), std::string::npos);
+    EXPECT_EQ(log.Count(wxLOG_Error, "lost with the process, because nothing took them: 3"), 1u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Error,
+                        "Agent events that are lost and that neither standard error nor the system's log has shown: 1"),
+              1u)
+        << log.All();
 }
 
 TEST_F(EventDatabase, WhatIsKeptIsStoredWithoutAnotherEventWhenThereIsRoom)
