@@ -23,8 +23,6 @@
 namespace VexCore {
 
 namespace {
-constexpr int retryRotationSeconds = 60;
-
 // How often, and after how long each time, the end of the file is looked at again before it counts as a piece.
 constexpr int looksAtPiece = 5;
 constexpr auto betweenLooks = std::chrono::milliseconds(1);
@@ -357,6 +355,7 @@ bool DiskLog::Open()
     m_identity = os::IdentityOf(status);
     m_cleanEnd = 0;
     m_pieceEnd = 0;
+    m_failureTold = 0;
     return true;
 }
 
@@ -430,7 +429,10 @@ bool DiskLog::ShiftFiles(const std::string& file)
 
 void DiskLog::RotationFailed(const std::string& reason)
 {
-    m_rotateNotBefore = std::time(nullptr) + retryRotationSeconds;
+    m_rotateNotBefore = std::time(nullptr) + m_settings.retrySeconds;
+    if (m_size / 2 < m_failureTold) // it may be for ever, in a folder of another's
+        return;
+    m_failureTold = m_size;
     const std::string record = OwnRecord("The log file can't be rotated (" + reason + "), it grows on");
     os::Write(m_file.Get(), record.data(), record.size());
 }

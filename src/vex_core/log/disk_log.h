@@ -52,6 +52,7 @@ public:
     {
         std::int64_t maxBytes = StandardOf("app.log.size"); ///< rotate before the file grows beyond
         int keep = StandardOf("app.log.count"); ///< rotated files: .1, the newest, to .keep
+        int retrySeconds = 60; ///< after a rotation that failed
     };
 
     static constexpr const char* standardTimeFormat = "%Y-%m-%d %H:%M:%S";
@@ -126,6 +127,7 @@ private:
     std::size_t m_elsewhere = 0; // records that did not fit and went to the last resort
     std::size_t m_lost = 0; // records that it did not take either
     std::time_t m_rotateNotBefore = 0; // after a failure
+    off_t m_failureTold = 0; // the size at which the last failure to rotate the open file was told
 };
 
 } // namespace VexCore

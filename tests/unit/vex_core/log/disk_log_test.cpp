@@ -909,6 +909,34 @@ TEST(DiskLog, FailedRotationIsSaidInTheLogAndTheFileGrowsOn)
     EXPECT_THAT(ReadFile(folder / "x.log"), HasSubstr("The log file can't be rotated (error 30: "));
 }
 
+TEST(DiskLog, RotationThatFailsForEverIsSaidEachTimeTheFileHasDoubled)
+{
+    const TempFolder folder;
+    Faults faults;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    DiskLog::Settings settings = Small(1000, 3);
+    settings.retrySeconds = 0;
+    log.SetSettings(settings);
+    faults.FailAll("rename", EACCES);
+    int renames = 0;
+    faults.look = [&](const os::Call& call) { renames += call.name == "rename"sv; };
+    for (int i = 0; i < 90; ++i)
+        log.Write(std::string(99, 'x') + '\n', false);
+    Lines told;
+    for (const std::string& line : LinesOf(ReadFile(folder / "x.log")))
+        if (line.find("can't be rotated") != std::string::npos)
+            told.push_back(line);
+    EXPECT_EQ(told.size(), 4u) << "at 1,000 bytes, 2,000, 4,000 and 8,000";
+    EXPECT_EQ(renames, 80) << "tried each time";
+    faults.FailAll("rename", 0);
+    log.Write("new\n", false);
+    EXPECT_EQ(ReadFile(folder / "x.log"), "new\n");
+    faults.FailAll("rename", EACCES);
+    log.Write(std::string(999, 'x') + '\n', false);
+    EXPECT_THAT(ReadFile(folder / "x.log"), HasSubstr("can't be rotated")) << "a new file, a new trouble";
+}
+
 TEST(DiskLog, NobodyWaitsForAProcessThatHoldsTheRotationLock)
 {
     const TempFolder folder;
