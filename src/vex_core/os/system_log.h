@@ -5,7 +5,8 @@
 namespace VexCore::os {
 
 /// Sends one line, with a severity of 0 to 7 and the facility daemon, under the name of this program. False: no logger
-/// has taken it. Any thread; allocates nothing. Tests see "syslog" with the line as its path and the severity as its
+/// has taken it. Any thread; allocates nothing, but for the time zone, where this process has not asked for it before
+/// (each line of the log does). Tests see "syslog" with the line as its path and the severity as its
 /// descriptor.
 bool SendToSystemLog(int severity, const char* line);
 
