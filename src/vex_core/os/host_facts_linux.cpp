@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <map>
 #include <set>
 
 #include <mntent.h>
@@ -32,7 +33,7 @@ std::string Unquote(const std::string& text)
 // Whether a file system is a disk of this host. Others only show what the kernel knows, or another file
 // system's data again; and one on the network belongs to its server, whose silence would stop whoever asks
 // for its size.
-bool IsDisk(const mntent& entry)
+bool IsDisk(const std::string& type)
 {
     static const std::set<std::string> others = {
         "9p",      "afs",        "autofs",    "binfmt_misc", "bpf",    "ceph",       "cgroup",
@@ -40,7 +41,36 @@ bool IsDisk(const mntent& entry)
         "fusectl", "fuse.sshfs", "glusterfs", "hugetlbfs",   "lustre", "mqueue",     "nfs",
         "nfs4",    "nsfs",       "proc",      "pstore",      "ramfs",  "rpc_pipefs", "securityfs",
         "smb3",    "squashfs",   "sysfs",     "tmpfs",       "tracefs"};
-    return others.count(entry.mnt_type) == 0;
+    return others.count(type) == 0;
+}
+
+struct Mount
+{
+    std::string folder;
+    std::string source;
+    std::string type;
+};
+
+// What is mounted, without what another mount at the same folder has hidden.
+std::optional<std::vector<Mount>> Mounts()
+{
+    FILE* table = setmntent("/proc/self/mounts", "re");
+    if (!table)
+        return std::nullopt;
+    std::vector<Mount> mounts;
+    mntent entry = {};
+    char buffer[8192];
+    while (getmntent_r(table, &entry, buffer, sizeof buffer))
+        mounts.push_back({entry.mnt_dir, entry.mnt_fsname, entry.mnt_type});
+    endmntent(table);
+    std::map<std::string, std::size_t> last;
+    for (std::size_t i = 0; i < mounts.size(); ++i)
+        last[mounts[i].folder] = i;
+    std::vector<Mount> visible;
+    for (std::size_t i = 0; i < mounts.size(); ++i)
+        if (last[mounts[i].folder] == i)
+            visible.push_back(mounts[i]);
+    return visible;
 }
 
 } // namespace
@@ -103,30 +133,27 @@ MemoryFacts GetMemoryFacts()
 
 std::optional<std::vector<Disk>> Disks()
 {
-    FILE* table = setmntent("/proc/self/mounts", "re");
-    if (!table)
+    const auto mounts = Mounts();
+    if (!mounts)
         return std::nullopt;
     std::vector<Disk> disks;
     // A file system that is mounted several times counts once: by the name of its device, since its parts may have
     // numbers of their own, and by its number, since not all have a device.
     std::set<std::string> names;
     std::set<dev_t> numbers;
-    mntent entry = {};
-    char buffer[8192];
-    while (getmntent_r(table, &entry, buffer, sizeof buffer)) {
+    for (const Mount& mount : *mounts) {
         struct statvfs sizes = {};
         struct stat place = {};
-        if (!IsDisk(entry) || ::statvfs(entry.mnt_dir, &sizes) != 0 || sizes.f_blocks == 0
-            || ::stat(entry.mnt_dir, &place) != 0)
+        if (!IsDisk(mount.type) || ::statvfs(mount.folder.c_str(), &sizes) != 0 || sizes.f_blocks == 0
+            || ::stat(mount.folder.c_str(), &place) != 0)
             continue;
-        const bool device = entry.mnt_fsname[0] == '/';
-        if (!numbers.insert(place.st_dev).second || (device && !names.insert(entry.mnt_fsname).second))
+        const bool device = mount.source.compare(0, 1, "/") == 0;
+        if (!numbers.insert(place.st_dev).second || (device && !names.insert(mount.source).second))
             continue;
         const std::uint64_t unit = sizes.f_frsize ? sizes.f_frsize : sizes.f_bsize;
-        disks.push_back({entry.mnt_dir, entry.mnt_fsname, entry.mnt_type, sizes.f_blocks * unit, sizes.f_bfree * unit,
+        disks.push_back({mount.folder, mount.source, mount.type, sizes.f_blocks * unit, sizes.f_bfree * unit,
                          sizes.f_bavail * unit});
     }
-    endmntent(table);
     return disks;
 }
 
