@@ -60,6 +60,8 @@ def units(preset, environment, names):
 
 def end_to_end(name, stage, build_dir, environment, *selection):
     file = result_file("e2e-" + name)
+    # A test that hangs is ended where it stands, and says where, long before the run it is part of is given up as a whole.
+    test_limit, limit = (3600, 7200) if environment.get("VEX_FULL") else (600, 2400)
     env = dict(environment, VEX_STAGE=os.path.join(ROOT, stage), VEX_BUILD=os.path.join(ROOT, build_dir))
     # More than there are processors: much of a test of a daemon is waiting. By groups of one, tests are handed out singly, so
     # that no worker is left with several sweeps of minutes each.
@@ -67,7 +69,8 @@ def end_to_end(name, stage, build_dir, environment, *selection):
     places = [word for word in selection if word.startswith("tests/")] or ["tests/e2e"]
     options = [word for word in selection if not word.startswith("tests/")]
     return Step(f"e2e {name}", ["tools/sandbox", PYTHON, "-m", "pytest", "-q", "-n", str(workers), "--dist", "loadgroup",
-                                "-p", "no:cacheprovider", f"--junitxml={file}", *options, *places], [file], env, 7200)
+                                f"--timeout={test_limit}", "-p", "no:cacheprovider", f"--junitxml={file}", *options, *places],
+                [file], env, limit)
 
 
 def version():
