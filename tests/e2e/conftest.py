@@ -47,6 +47,10 @@ for _name in [name for name in os.environ if name.startswith("LC_") or name == "
     del os.environ[_name]
 os.environ["LANG"] = "C.UTF-8"
 
+# Where one of these is set pytest writes out whole how two values differ, and for megabytes it works at that for hours.
+for _name in ("CI", "BUILD_NUMBER"):
+    os.environ.pop(_name, None)
+
 # Whoever started the run may have it ignore signals, as a shell does for its background jobs; agents would inherit that.
 for _number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTERM):
     if signal.getsignal(_number) == signal.SIG_IGN:

@@ -18,7 +18,7 @@ def is_release():
     with open(os.path.join(BUILD, "CMakeCache.txt"), encoding="utf-8") as file:
         settings = dict(re.findall(r"^(\w+):\w+=(.*)$", file.read(), re.M))
     return settings["CMAKE_BUILD_TYPE"] == "RelWithDebInfo" and not settings["VEX_SANITIZE"] \
-        and settings.get("CMAKE_CXX_COMPILER", "").endswith("c++")
+        and "clang" not in settings.get("CMAKE_CXX_COMPILER", "clang")
 
 
 def make(kind, out, build=BUILD, root=ROOT, **options):
