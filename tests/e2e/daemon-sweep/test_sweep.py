@@ -243,9 +243,12 @@ def sweep_in(outer, user, scenario, role, about, judge, last):
             free.append((tree, name))
 
     try:
-        total = one(0)
-        chosen = sorted({*points(total, about, FULL and user is None), *range(total + 1 - last, total + 1)})
         with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
+            # A life that waits in between, for a lock say, has a dozen calls more than others: the points are of one that does not,
+            # and where all are taken, of one that does.
+            totals = list(pool.map(one, [0] * AT_ONCE))
+            total = max(totals) if FULL and user is None else min(totals)
+            chosen = sorted({*points(total, about, FULL and user is None), *range(total + 1 - last, total + 1)})
             results = list(pool.map(one, chosen))
     finally:
         for tree, _ in slots:
@@ -253,7 +256,7 @@ def sweep_in(outer, user, scenario, role, about, judge, last):
     counts = {result: results.count(result) for result in set(results)}
     print(f"{scenario}, role {role}: {total} points, {len(chosen)} taken, {counts}")
     # How many calls a life takes varies a little, the more so with two threads.
-    assert counts.get("beyond", 0) <= len(chosen) // 3
+    assert counts.get("beyond", 0) <= len(chosen) // 3 + total - min(totals)
     return results
 
 
