@@ -8,7 +8,7 @@ import sys
 
 import pytest
 
-from conftest import BUILD_NUMBER, ROOT, SANITIZED, VERSION, alive, send_signal, wait_until
+from conftest import BUILD_NUMBER, ROOT, SANITIZED, VERSION, alive, mount_tmpfs, send_signal, unmount, wait_until
 from debian_package import DEB_VERSION, another, made_once, with_other_files
 from private_root import PrivateRoot
 
@@ -155,6 +155,34 @@ def test_a_downgrade_after_a_crash_finds_what_the_newer_version_left(root, debs,
     assert events(root)[:known] + [f"collected by {child}"] == events(root)[:known + 1] and beats(root) >= 2
     assert [name for name in os.listdir(root.file(WORK + "/plugins/diag")) if name.endswith(".mdmp")]
     stop(supervisor)
+
+
+@pytest.mark.patient
+def test_a_purge_empties_a_mount_point_and_deletes_the_rest(root, debs):
+    root.dpkg("-i", root.copy(debs["vx-agent"]))
+    mount_tmpfs(root.file(WORK))
+    try:
+        with open(root.file(WORK + "/vx_agent.log"), "w", encoding="utf-8") as file:
+            file.write("a line\n")
+        said = root.dpkg("-P", "vx-agent")
+        assert f"rm: cannot remove '{WORK}': Device or resource busy" in said
+        assert os.listdir(root.file(WORK)) == [] and not os.path.exists(root.file("/opt/Halvorn"))
+        assert "vx-agent" not in root.run("dpkg-query", "-W", "-f", "${Package}\n").stdout.split()
+    finally:
+        unmount(root.file(WORK))
+
+
+@pytest.mark.patient
+def test_a_person_of_the_users_name_is_told(root, debs):
+    assert root.run("useradd", "--uid", "1234", "vx_agent").returncode == 0
+    done = root.run("dpkg", "--force-unsafe-io", "-i", root.copy(debs["vx-agent"]))
+    assert done.returncode != 0
+    assert "vx-agent: the system user vx_agent cannot be made. Where a person has that name, give that account another\n" \
+        "(usermod --login, groupmod --new-name), then go on with: dpkg --configure vx-agent\n" in done.stdout
+    assert root.run("usermod", "--login", "somebody", "vx_agent").returncode == 0
+    assert root.run("groupmod", "--new-name", "somebody", "vx_agent").returncode == 0
+    root.dpkg("--configure", "vx-agent")
+    assert root.status("vx-agent") == "ii"
 
 
 @pytest.mark.patient
