@@ -160,6 +160,7 @@ def test_a_downgrade_after_a_crash_finds_what_the_newer_version_left(root, debs,
 @pytest.mark.patient
 def test_a_purge_empties_a_mount_point_and_deletes_the_rest(root, debs):
     root.dpkg("-i", root.copy(debs["vx-agent"]))
+    os.makedirs(root.file(WORK), exist_ok=True)
     mount_tmpfs(root.file(WORK))
     try:
         with open(root.file(WORK + "/vx_agent.log"), "w", encoding="utf-8") as file:

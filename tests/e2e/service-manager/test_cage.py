@@ -89,7 +89,7 @@ TOLD_WITH = {"StartLimitBurst": "StartLimitIntervalSec", "PIDFile": "Type", "Kil
              "SystemCallErrorNumber": "SystemCallFilter", "ProtectKernelModules": "ProtectKernelTunables",
              "ProtectKernelLogs": "ProtectKernelTunables", "ProtectControlGroups": "ProtectKernelTunables",
              "ProtectClock": "ProtectKernelTunables", "ProtectHostname": "ProtectKernelTunables",
-             "Group": "User", "SupplementaryGroups": "User"}
+             "RestrictSUIDSGID": "NoNewPrivileges", "Group": "User", "SupplementaryGroups": "User"}
 
 
 def test_each_line_of_the_units_is_explained_where_it_stands_or_in_the_first_unit():
