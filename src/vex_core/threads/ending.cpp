@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <future>
 #include <initializer_list>
+#include <memory>
 #include <system_error>
 #include <thread>
 
@@ -66,7 +67,7 @@ constexpr std::chrono::seconds flushLimit{1};
 // that are older. A thread of its own goes from one to the next, beginning with the youngest.
 void FlushAll()
 {
-    auto* const done = new std::promise<void>; // never destroyed: the thread may stay blocked
+    const auto done = std::make_shared<std::promise<void>>(); // the thread's, too, which may stay blocked
     try {
         std::thread([done] {
             std::fflush(nullptr);
