@@ -2,15 +2,12 @@
 // What each subcommand is made of, for commands.cpp and the files of the subcommands. Single-threaded, like all of
 // vexctl.
 
+#include "vex/apps/vexctl/options.h"
 #include "vex/apps/vexctl/output.h"
 #include "vex/apps/vexctl/place.h"
 
 #include <functional>
 #include <stdexcept>
-
-namespace CLI {
-class App;
-}
 
 namespace Vexctl {
 
@@ -46,16 +43,16 @@ struct Command
     const char* group;
     const char* help;
     /// Adds the options to the subcommand, and returns what is done with them.
-    Body (*add)(CLI::App& app);
+    Body (*add)(Options& options);
 };
 
 // --- one a file: status.cpp has AddStatus, and so on
 
-Body AddStatus(CLI::App& app);
-Body AddWait(CLI::App& app);
-Body AddLog(CLI::App& app);
-Body AddEvents(CLI::App& app);
-Body AddHeartbeats(CLI::App& app);
-Body AddCrashes(CLI::App& app);
+Body AddStatus(Options& options);
+Body AddWait(Options& options);
+Body AddLog(Options& options);
+Body AddEvents(Options& options);
+Body AddHeartbeats(Options& options);
+Body AddCrashes(Options& options);
 
 } // namespace Vexctl

@@ -64,7 +64,8 @@ void AddCommands(CLI::App& app, Call& call)
     for (const Command& command : Commands()) {
         CLI::App* const subcommand = app.add_subcommand(command.name, command.help);
         subcommand->group(command.group);
-        const Body body = command.add(*subcommand);
+        Options options(*subcommand);
+        const Body body = command.add(options);
         subcommand->callback([&call, body] { call.body = body; });
     }
 }

@@ -17,8 +17,6 @@
 #include <cerrno>
 #include <memory>
 
-#include <CLI/CLI.hpp>
-
 namespace Vexctl {
 
 namespace {
@@ -165,10 +163,10 @@ int ShowCrashes(Session& session, bool asJson)
 
 } // namespace
 
-Body AddCrashes(CLI::App& app)
+Body AddCrashes(Options& options)
 {
     const auto json = std::make_shared<bool>(false);
-    app.add_flag("--json", *json, "One JSON object a dump");
+    options.Flag("--json", *json, "One JSON object a dump");
     return [json](Session& session) { return ShowCrashes(session, *json); };
 }
 

@@ -342,23 +342,20 @@ private:
 
 } // namespace
 
-Body AddEvents(CLI::App& app)
+Body AddEvents(Options& options)
 {
-    const auto options = std::make_shared<EventOptions>();
-    app.add_flag("-f,--follow", options->follow, "Go on with the events to come");
-    app.add_option("-n,--number", options->number,
-                   "Only the last so many events; 0: all. Without it 100, with --since or --until all")
-        ->check(CLI::NonNegativeNumber);
-    app.add_option("--severity", options->severity,
-                   "Only events that are at least so grave: 3 or error has 0, 1 and 2 too")
-        ->check(WhyNoSeverity)
-        ->type_name("SEVERITY");
-    options->span.AddTo(app);
-    app.add_option("--after", options->after, "All events behind the one of this key, which --json shows")
-        ->type_name("KEY");
-    CLI::Option* const json = app.add_flag("--json", options->json, "One JSON object an event");
-    app.add_flag("--xml", options->xml, "One XML element an event, as the agent wrote it")->excludes(json);
-    return [options](Session& session) { return EventCommand(session, *options).Run(); };
+    const auto asked = std::make_shared<EventOptions>();
+    options.Flag("-f,--follow", asked->follow, "Go on with the events to come");
+    options.Count("-n,--number", asked->number,
+                  "Only the last so many events; 0: all. Without it 100, with --since or --until all");
+    options.Text("--severity", asked->severity, "Only events that are at least so grave: 3 or error has 0, 1 and 2 too")
+        .Check(WhyNoSeverity)
+        .Type("SEVERITY");
+    asked->span.AddTo(options);
+    options.Text("--after", asked->after, "All events behind the one of this key, which --json shows").Type("KEY");
+    const Option json = options.Flag("--json", asked->json, "One JSON object an event");
+    options.Flag("--xml", asked->xml, "One XML element an event, as the agent wrote it").Excludes(json);
+    return [asked](Session& session) { return EventCommand(session, *asked).Run(); };
 }
 
 } // namespace Vexctl

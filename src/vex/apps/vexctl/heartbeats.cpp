@@ -71,15 +71,14 @@ int ShowHeartbeats(Session& session, const HeartbeatOptions& options)
 
 } // namespace
 
-Body AddHeartbeats(CLI::App& app)
+Body AddHeartbeats(Options& options)
 {
-    const auto options = std::make_shared<HeartbeatOptions>();
-    app.add_option("-n,--number", options->number,
-                   "Only the last so many; 0: all. Without it 20, with --since or --until all")
-        ->check(CLI::NonNegativeNumber);
-    options->span.AddTo(app);
-    app.add_flag("--json", options->json, "One JSON object a heartbeat");
-    return [options](Session& session) { return ShowHeartbeats(session, *options); };
+    const auto asked = std::make_shared<HeartbeatOptions>();
+    options.Count("-n,--number", asked->number,
+                  "Only the last so many; 0: all. Without it 20, with --since or --until all");
+    asked->span.AddTo(options);
+    options.Flag("--json", asked->json, "One JSON object a heartbeat");
+    return [asked](Session& session) { return ShowHeartbeats(session, *asked); };
 }
 
 } // namespace Vexctl

@@ -291,30 +291,28 @@ std::string WhyNoLevel(const std::string& text)
 
 } // namespace
 
-Body AddLog(CLI::App& app)
+Body AddLog(Options& options)
 {
-    const auto options = std::make_shared<LogOptions>();
-    app.add_flag("-f,--follow", options->follow,
-                 "Show the last 10 records, or what --number and --since say, and go on");
-    app.add_option("-n,--number", options->number, "Only the last so many records")->check(CLI::NonNegativeNumber);
-    app.add_option("--level", options->level,
-                   "Only records that are at least so grave: warning has fatal and error too")
-        ->check(WhyNoLevel)
-        ->type_name("LEVEL");
-    app.add_option("--process", options->process, "Only records of one process: an id, \"supervisor\" or \"child\"")
-        ->check(WhyNoProcess)
-        ->type_name("PROCESS");
-    options->span.AddTo(app);
-    app.add_flag("--json", options->json, "One JSON object a record");
-    return [options](Session& session) {
+    const auto asked = std::make_shared<LogOptions>();
+    options.Flag("-f,--follow", asked->follow, "Show the last 10 records, or what --number and --since say, and go on");
+    options.Count("-n,--number", asked->number, "Only the last so many records");
+    options.Text("--level", asked->level, "Only records that are at least so grave: warning has fatal and error too")
+        .Check(WhyNoLevel)
+        .Type("LEVEL");
+    options.Text("--process", asked->process, "Only records of one process: an id, \"supervisor\" or \"child\"")
+        .Check(WhyNoProcess)
+        .Type("PROCESS");
+    asked->span.AddTo(options);
+    options.Flag("--json", asked->json, "One JSON object a record");
+    return [asked](Session& session) {
         LogFilter filter;
-        filter.sinceMs = options->span.SinceMs();
-        filter.untilMs = options->span.UntilMs();
-        if (!options->level.empty())
-            filter.least = FindLogLevel(options->level);
-        if (!options->process.empty())
-            filter.process = FindProcess(options->process, session.place);
-        return LogCommand(session, filter, *options).Run();
+        filter.sinceMs = asked->span.SinceMs();
+        filter.untilMs = asked->span.UntilMs();
+        if (!asked->level.empty())
+            filter.least = FindLogLevel(asked->level);
+        if (!asked->process.empty())
+            filter.process = FindProcess(asked->process, session.place);
+        return LogCommand(session, filter, *asked).Run();
     };
 }
 

@@ -341,26 +341,24 @@ int ShowStatus(Session& session, const StatusOptions& options)
 
 } // namespace
 
-Body AddStatus(CLI::App& app)
+Body AddStatus(Options& options)
 {
-    const auto options = std::make_shared<StatusOptions>();
-    CLI::Option* const json = app.add_flag("--json", options->json, "One JSON object");
-    app.add_flag("--nagios", options->nagios,
-                 "One line with performance data; the exit status is 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN")
-        ->excludes(json);
-    app.add_option("--heartbeat-warning", options->heartbeatWarning, "For --nagios: how old the last heartbeat may be")
-        ->check(IsDuration())
-        ->capture_default_str();
-    app.add_option("--heartbeat-critical", options->heartbeatCritical, "The same, for CRITICAL")
-        ->check(IsDuration())
-        ->capture_default_str();
-    app.add_option("--restarts-warning", options->restartsWarning, "For --nagios: so many restarts are WARNING")
-        ->check(CLI::NonNegativeNumber)
-        ->capture_default_str();
-    app.add_option("--restarts-critical", options->restartsCritical, "The same, for CRITICAL")
-        ->check(CLI::NonNegativeNumber)
-        ->capture_default_str();
-    return [options](Session& session) { return ShowStatus(session, *options); };
+    const auto asked = std::make_shared<StatusOptions>();
+    const Option json = options.Flag("--json", asked->json, "One JSON object");
+    options
+        .Flag("--nagios", asked->nagios,
+              "One line with performance data; the exit status is 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN")
+        .Excludes(json);
+    options.Text("--heartbeat-warning", asked->heartbeatWarning, "For --nagios: how old the last heartbeat may be")
+        .Check(WhyNoDuration)
+        .TellStandard();
+    options.Text("--heartbeat-critical", asked->heartbeatCritical, "The same, for CRITICAL")
+        .Check(WhyNoDuration)
+        .TellStandard();
+    options.Count("--restarts-warning", asked->restartsWarning, "For --nagios: so many restarts are WARNING")
+        .TellStandard();
+    options.Count("--restarts-critical", asked->restartsCritical, "The same, for CRITICAL").TellStandard();
+    return [asked](Session& session) { return ShowStatus(session, *asked); };
 }
 
 } // namespace Vexctl

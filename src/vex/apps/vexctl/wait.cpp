@@ -75,18 +75,18 @@ int Wait(Session& session, const WaitOptions& options)
 
 } // namespace
 
-Body AddWait(CLI::App& app)
+Body AddWait(Options& options)
 {
-    const auto options = std::make_shared<WaitOptions>();
-    app.add_option(
-           "what", options->what,
-           "running: supervisor and child are there; stopped: neither is, and the last child has ended; heartbeat: the "
-           "child has given one")
-        ->required()
-        ->check(CLI::IsMember({"running", "stopped", "heartbeat"}));
-    app.add_option("--timeout", options->timeout, "How long: 90s, 10m")->check(IsDuration())->capture_default_str();
-    app.add_flag("--next", options->next, "Of heartbeats, one that is given from now on");
-    return [options](Session& session) { return Wait(session, *options); };
+    const auto asked = std::make_shared<WaitOptions>();
+    options
+        .Text("what", asked->what,
+              "running: supervisor and child are there; stopped: neither is, and the last child has ended; "
+              "heartbeat: the child has given one")
+        .Required()
+        .OneOf({"running", "stopped", "heartbeat"});
+    options.Text("--timeout", asked->timeout, "How long: 90s, 10m").Check(WhyNoDuration).TellStandard();
+    options.Flag("--next", asked->next, "Of heartbeats, one that is given from now on");
+    return [asked](Session& session) { return Wait(session, *asked); };
 }
 
 } // namespace Vexctl
