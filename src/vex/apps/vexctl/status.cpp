@@ -258,19 +258,19 @@ Json JsonOf(const Report& report, const Place& place)
 
 // --- for Nagios and those that read its format
 
-enum Nagios { nagiosOk = 0, nagiosWarning = 1, nagiosCritical = 2, nagiosUnknown = 3 };
+enum class Nagios { Ok = 0, Warning = 1, Critical = 2, Unknown = 3 };
 
 // The worse one; to know nothing is less than to know of a fault.
 Nagios Worse(Nagios a, Nagios b)
 {
     static constexpr int grave[] = {0, 2, 3, 1};
-    return grave[a] >= grave[b] ? a : b;
+    return grave[static_cast<int>(a)] >= grave[static_cast<int>(b)] ? a : b;
 }
 
 template <typename Number>
 Nagios Judge(Number value, Number warning, Number critical)
 {
-    return value >= critical ? nagiosCritical : value >= warning ? nagiosWarning : nagiosOk;
+    return value >= critical ? Nagios::Critical : value >= warning ? Nagios::Warning : Nagios::Ok;
 }
 
 // What belongs to the format may not be in the text.
@@ -288,7 +288,7 @@ int PrintNagios(Output& out, const Report& report, const StatusOptions& options,
     static constexpr const char* words[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
     const AgentState& state = report.state;
     const bool runs = state.life == AgentState::Life::Running;
-    Nagios verdict = runs ? nagiosOk : state.life == AgentState::Life::Unknown ? nagiosUnknown : nagiosCritical;
+    Nagios verdict = runs ? Nagios::Ok : state.life == AgentState::Life::Unknown ? Nagios::Unknown : Nagios::Critical;
     std::string text = place.name + " is " + LifeWord(state.life) + (state.reason.empty() ? "" : ", " + state.reason);
     std::string data;
     if (runs && state.supervisorBeganMs) {
@@ -315,16 +315,16 @@ int PrintNagios(Output& out, const Report& report, const StatusOptions& options,
     for (const auto& [name, plugin] : report.plugins)
         failed += plugin.failure.empty() ? 0 : 1;
     if (failed > 0) {
-        verdict = Worse(verdict, nagiosWarning);
+        verdict = Worse(verdict, Nagios::Warning);
         text += ", " + std::to_string(failed) + (failed == 1 ? " plugin fails" : " plugins fail");
     }
     if (runs && !report.problems.empty()) {
-        verdict = Worse(verdict, nagiosUnknown);
+        verdict = Worse(verdict, Nagios::Unknown);
         text += ", " + report.problems.front();
     }
-    out.Write(std::string("VEX ") + words[verdict] + " - " + NagiosText(text) + (data.empty() ? "" : " |" + data)
-              + "\n");
-    return verdict;
+    out.Write(std::string("VEX ") + words[static_cast<int>(verdict)] + " - " + NagiosText(text)
+              + (data.empty() ? "" : " |" + data) + "\n");
+    return static_cast<int>(verdict);
 }
 
 int ShowStatus(Session& session, const StatusOptions& options)
