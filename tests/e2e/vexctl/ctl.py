@@ -3,6 +3,7 @@ import json
 import os
 import sqlite3
 import subprocess
+import time
 
 import jsonschema
 import pytest
@@ -66,6 +67,18 @@ def state_of(folder):
                     content = file.read()
             found[path] = (status.st_ino, status.st_size, status.st_mtime_ns, status.st_mode, content)
     return found
+
+
+def quiet_state_of(folder):
+    """The same, once an agent that runs has done all that belongs to its start and to its first heartbeat."""
+    seen = [state_of(folder)]
+
+    def is_quiet():
+        time.sleep(0.3)
+        seen.append(state_of(folder))
+        return seen[-1] == seen[-2]
+    wait_until(is_quiet, what="an agent that writes nothing for a moment")
+    return seen[-1]
 
 
 class Following:

@@ -10,7 +10,7 @@ namespace Vexctl {
 
 // --- one option
 
-Option& Option::Check(const WhyNot& whyNot)
+Option& Option::Check(const ArgumentCheck& whyNot)
 {
     m_option->check(CLI::Validator([whyNot](std::string& text) { return whyNot(text); }, std::string()));
     return *this;

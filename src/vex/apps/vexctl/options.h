@@ -17,7 +17,7 @@ class Option;
 namespace Vexctl {
 
 /// Says why a text is not what an option takes; empty when it is.
-using WhyNot = std::function<std::string(const std::string&)>;
+using ArgumentCheck = std::function<std::string(const std::string&)>;
 
 /// An option that was added; it lives as long as its subcommand.
 class Option
@@ -25,7 +25,7 @@ class Option
 public:
     explicit Option(CLI::Option* option) : m_option(option) {}
 
-    Option& Check(const WhyNot& whyNot);
+    Option& Check(const ArgumentCheck& whyNot);
     Option& OneOf(const std::vector<std::string>& words);
     /// What stands for its value in the help.
     Option& Type(const char* name);
