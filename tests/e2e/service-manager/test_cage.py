@@ -142,7 +142,7 @@ def test_the_report_tells_the_same_in_the_cage(machine, unit):
     home = ("mkdir -p $1 /run/upper/u /run/upper/w && mount -t overlay -o lowerdir=/etc,upperdir=/run/upper/u,workdir=/run/upper/w "
             "disk $1")
     assert machine.run("sh", "-c", home, "sh", HOMES + "/data").returncode == 0
-    free = machine.run("sh", "-c", f"{COMMAND} --workdir /root/free -- --json 2>/dev/null")
+    free = machine.run("sh", "-c", f"{COMMAND} --workdir /srv/free -- --json 2>/dev/null")
     assert free.returncode == 0
     expected = what_stays(json.loads(free.stdout))
     assert HOMES + "/data" in [mount for mount, *_ in expected["disks"]]
