@@ -6,7 +6,7 @@
 
 local host = require("vex.host")
 local plugins = require("vx_agent.plugins")
-local positive = require("vx_agent.positive")
+local settings = require("vex.settings")
 local log = require("vex.log")("vx_agent.collector")
 
 local M = {}
@@ -14,12 +14,10 @@ local M = {}
 local request_key = "vex.CollectNow"
 local longest_wait = 60 -- seconds after which the interval is read again
 
-local setting = positive(log)
-
 local function interval_of(plugin)
   local seconds = plugin.interval
   if type(seconds) == "number" and seconds >= 1 then return seconds end
-  return setting("vex.CollectInterval")
+  return settings.int("vex.CollectInterval")
 end
 
 -- Sleeps until a collection is due. False: the worker is to end.

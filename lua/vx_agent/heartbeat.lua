@@ -6,7 +6,7 @@
 
 local history = require("vx_agent.history")
 local host = require("vex.host")
-local positive = require("vx_agent.positive")
+local settings = require("vex.settings")
 local text = require("vex.text")
 local log = require("vex.log")("vex.Heartbeat")
 
@@ -32,8 +32,8 @@ function M:store(beat)
   if not opened then return nil, message end
   local id
   id, message = opened:add(beat, {
-    days = self.setting("vex.HeartbeatKeepDays"),
-    rows = self.setting("vex.HeartbeatKeepRows"),
+    days = settings.int("vex.HeartbeatKeepDays"),
+    rows = settings.int("vex.HeartbeatKeepRows"),
   })
   if id then return id end
   opened:close()
@@ -79,7 +79,7 @@ function M:wait_for_beat()
   local last = host.monotonic()
   while true do
     if self:take_request() then return "request" end
-    local left = last + self.setting("vex.HeartbeatInterval") - host.monotonic()
+    local left = last + settings.int("vex.HeartbeatInterval") - host.monotonic()
     if left <= 0 then return "interval" end
     log.trace("the next beat is due in %.0f s", left)
     if self.dom:Wait(request_key, math.min(left, longest_wait)) == nil then return nil end
@@ -89,7 +89,7 @@ end
 --- Makes the worker's object.
 -- @param dom the domain
 function M.new(dom)
-  return setmetatable({ dom = dom, setting = positive(log) }, M)
+  return setmetatable({ dom = dom }, M)
 end
 
 --- The worker's body: beats until the agent stops.

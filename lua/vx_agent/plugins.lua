@@ -22,17 +22,6 @@ local function fault_of(plugin)
 end
 
 local enabling = "vex.Plugin"
-local switches = {
-  on = true, ["true"] = true, yes = true, ["1"] = true, off = false, ["false"] = false, no = false, ["0"] = false,
-}
-
--- Whether the setting under this key is on; one that means nothing is a warning.
-local function is_on(key)
-  local value = text.trim(settings.text(key, ""))
-  local on = switches[value:lower()]
-  if on == nil then log.warning("The setting '%s' is '%s' and must be on or off; off is taken", key, value) end
-  return on
-end
 
 --- The names of the plugins that are enabled: those of a list as "app.plugins" holds it, in its order, then those whose
 -- setting "vex.Plugin.NAME" is on.
@@ -44,7 +33,7 @@ function M.names(list)
   end
   for _, name in ipairs(text.split(list or "")) do add(name) end
   for _, key in ipairs(settings.keys(enabling)) do
-    if is_on(key) then add(key:sub(#enabling + 2)) end
+    if settings.bool(key) then add(key:sub(#enabling + 2)) end
   end
   return names
 end

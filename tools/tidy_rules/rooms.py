@@ -28,7 +28,7 @@ ARROWS = {
 OPEN = {
     "os": ANY,
     "base": ANY,
-    "domain": "dom_observer.h dom_values.h known_settings.h root_dom.h settings.h work_folder.h",
+    "domain": "dom_observer.h dom_values.h known_settings.h root_dom.h setting_value.h settings.h work_folder.h",
     "log": "process_log.h",
     "crash": "signal_stack.h",
     "process": "helper_program.h run_program.h",

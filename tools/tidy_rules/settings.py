@@ -1,4 +1,4 @@
-"""The settings that the code knows are those of docs/SETTINGS.md, with the same defaults."""
+"""The settings that the code knows are those of docs/SETTINGS.md, with the same types, ranges and defaults."""
 import re
 
 from tidy_rules.tree import CPP
@@ -10,13 +10,20 @@ COMPOSED_KEYS = (
     (re.compile(r"sqlite\.config\.(\w+)"), '{{"{}", Apply'),
     (re.compile(r"vex\.plugin\.NAME(\.\w+)"), '"vex.plugin." .. entry.id .. "{}"'),
 )
+# The table of settings in the code, and how the page writes its types. Types of texts are in the page's own words.
+TABLE = "src/vex_core/domain/known_settings.h"
+ROW = re.compile(r'\{"(?P<key>[\w.+]+)",\s*SettingKind::(?P<kind>\w+),\s*"[^"]*",\s*(?P<default>[^,]+),\s*(?P<least>[^,]+),'
+                 r'\s*(?P<most>[^,]+),\s*SettingPlace::\w+,\s*"[^"]*"\}')
+TYPES = {"Flag": "boolean", "Switch": "on or off", "Number": "integer", "Size": "size", "Time": "time"}
+TRUTHS = {"Flag": ("false", "true"), "Switch": ("off", "on")}
+NONE = "noStandard"
 
 
 PAGE = "docs/SETTINGS.md"
 
 
 def documented_settings(tree):
-    """The rows of the page's tables: key, file, line, default as written."""
+    """The rows of the page's tables: key, file, line, and the row's cells by the names of the columns."""
     columns = []
     for number, line in enumerate(tree.lines(PAGE) if PAGE in tree.files else [], 1):
         cells = [cell.strip() for cell in line.strip().strip("|").split("|")] if line.startswith("|") else []
@@ -24,8 +31,12 @@ def documented_settings(tree):
             columns = []
         elif cells[0] == "key":
             columns = cells
-        elif columns and "." in cells[0]:
-            yield cells[0], PAGE, number, dict(zip(columns, cells)).get("default", "")
+        elif columns and re.fullmatch(r"[\w.+]+", cells[0]):
+            yield cells[0], PAGE, number, dict(zip(columns, cells))
+
+
+def known_settings(tree):
+    return list(ROW.finditer(tree.text(TABLE))) if TABLE in tree.files else []
 
 
 def check_settings(tree):
@@ -38,8 +49,8 @@ def check_settings(tree):
     sources = [*tree.named(*CPP, below="src/"), *tree.named(".lua", below="lua/")]
     code = "\n".join(tree.text(name) for name in sources)
     modules = {module for pair in TRACE_MODULE.findall(code) for module in pair}
-    used = set()
-    for name in sources:
+    used = {row["key"] for row in known_settings(tree)}
+    for name in (name for name in sources if name != TABLE):
         for number, line in enumerate(tree.lines(name), 1):
             for found in SETTING.finditer(line.split("//")[0]):
                 key = found["key"]
@@ -51,12 +62,8 @@ def check_settings(tree):
         if key.removesuffix(".NAME") not in used and not any(text in code for text in composed):
             yield name, number, f"nothing in the code knows the setting {key}"
 
-# Where the code has the default of a setting: the group of the pattern is the value as written there.
+# Where else the code has the default of a setting: the group of the pattern is the value as written there.
 DEFAULTS = {
-    **{key: ("src/vex_core/domain/known_settings.h", rf'"{re.escape(key)}", SettingKind::\w+, ([^,]+),')
-       for key in ("app.events.keepdays", "app.events.keeprows", "app.log.size", "app.log.count", "app.lua.cache",
-                   "app.unzip.maxbytes", "app.unzip.maxentries",
-                   "vex.CollectInterval", "vex.HeartbeatInterval", "vex.HeartbeatKeepDays", "vex.HeartbeatKeepRows")},
     "sqlite.config.busy_timeout": ("src/vex_core/database/sqlite_connection.h", r"busyTimeoutMs = (\d+);"),
     "sqlite.config.synchronous": ("src/vex_core/database/sqlite_connection.h",
                                   r"fullSynchronous = (\d+);[^}]* synchronous = fullSynchronous;"),
@@ -71,17 +78,51 @@ def plain_value(text):
     return str(eval(text)) if re.fullmatch(r"[\d *<]+", text) else text  # pylint: disable=eval-used
 
 
+def type_of(row):
+    """What the page has as the type of a row of the table; None for a text."""
+    if row["kind"] not in TYPES:
+        return None
+    word, least, most = TYPES[row["kind"]], plain_value(row["least"]), plain_value(row["most"])
+    if row["kind"] in TRUTHS or least == NONE:
+        return word
+    return f"{word}, at least {least}" if most == "unlimited" else f"{word}, {least} to {most}"
+
+
+def default_of(row):
+    """What the page has as its default; None where that is in the page's own words."""
+    if row["default"] == NONE:
+        return None
+    value = plain_value(row["default"])
+    return TRUTHS[row["kind"]][int(value)] if row["kind"] in TRUTHS else value
+
+
+def check_table(tree):
+    """Each row of the code's table is on the page, with its type, range and default."""
+    rows = {key: (name, number, cells) for key, name, number, cells in documented_settings(tree)}
+    for row in known_settings(tree) if rows else []:
+        key = row["key"]
+        if key not in rows:
+            yield TABLE, tree.text(TABLE).count("\n", 0, row.start()) + 1, f"the setting {key} has no row in {PAGE}"
+            continue
+        name, number, cells = rows[key]
+        for column, value in (("type, range", type_of(row)), ("default", default_of(row))):
+            if column in cells and value is not None and cells[column] != value:
+                yield name, number, f"the {column} of {key} is {value}"
+
+
 def check_defaults(tree):
-    """A default that is a number, a truth value or a path is the one in the code."""
-    for key, name, number, default in documented_settings(tree):
+    """A default that is a number is one in the code."""
+    in_table = {row["key"] for row in known_settings(tree)}
+    for key, name, number, cells in documented_settings(tree):
+        default = cells.get("default", "")
         if key in DEFAULTS:
             source, pattern = DEFAULTS[key]
             found = re.search(pattern, tree.text(source)) if source in tree.files else None
             value = plain_value(found[1]) if found else f"nothing that {source} shows"
             if value != default:
                 yield name, number, f"the default of {key} is {value}"
-        elif re.fullmatch(r"-?\d+", default):
+        elif key not in in_table and re.fullmatch(r"-?\d+", default):
             yield name, number, f"where does the code have the default of {key}? Add it to DEFAULTS in tools/tidy_rules/settings.py"
 
 
-CHECKS = (check_settings, check_defaults)
+CHECKS = (check_settings, check_table, check_defaults)

@@ -94,8 +94,9 @@ public:
     std::vector<std::string> Keys(const char* prefix) const;
 
     /// A setting of the core library or of the bundled application: the key itself and, where it has no value, the
-    /// entry of that name in the group [settings] of the file that "app.path.ini" names. The file is read once it is
-    /// needed and again when it changed.
+    /// entry of that name in the group [settings] of the configuration files: those that "app.path.ini" and
+    /// "app.path.ini.global" name, and the drop-ins beside the latter. They are read once they are needed and again when
+    /// they changed.
     bool GetSetting(const char* key, std::string& text) const;
     bool GetSetting(const char* key, bool& value) const;
     bool GetSetting(const char* key, std::int64_t& value) const;

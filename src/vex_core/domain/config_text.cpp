@@ -4,7 +4,10 @@
 #include "vex_core/domain/dom_values.h"
 
 #include <algorithm>
+#include <cwctype>
+#include <iterator>
 
+#include <wx/arrstr.h>
 #include <wx/convauto.h>
 #include <wx/fileconf.h>
 #include <wx/log.h>
@@ -50,7 +53,108 @@ std::wstring WithoutNul(const std::wstring& text)
     return result;
 }
 
-bool IsTooLarge(std::string_view bytes)
+// What the framework makes of a text.
+class ParsedConfig
+{
+public:
+    explicit ParsedConfig(const std::wstring& text) : m_nothing("", 0), m_config(m_nothing, DecodedText(text)) {}
+
+    SettingsEntries Entries(const char* group)
+    {
+        SettingsEntries entries;
+        m_config.SetPath(group);
+        wxString name;
+        long cookie = 0;
+        for (bool more = m_config.GetFirstEntry(name, cookie); more; more = m_config.GetNextEntry(name, cookie)) {
+            wxString value;
+            if (!name.empty() && m_config.Read(name, &value)) // a name with a "/" leads out of the group
+                entries.emplace(BytesFromText(name), BytesFromText(value));
+        }
+        return entries;
+    }
+
+    // The framework does not tell which entries are locked, but it refuses to change them. Changes the others.
+    SettingsEntries LockedAmong(SettingsEntries entries, const char* group)
+    {
+        m_config.SetPath(group);
+        for (auto entry = entries.begin(); entry != entries.end();) {
+            const wxString name = wxString::FromUTF8(entry->first);
+            m_config.Write(name, wxString::FromUTF8(entry->second) + 'x');
+            wxString value;
+            const bool changed = !m_config.Read(name, &value) || BytesFromText(value) != entry->second;
+            entry = changed ? entries.erase(entry) : std::next(entry);
+        }
+        return entries;
+    }
+
+private:
+    wxMemoryInputStream m_nothing;
+    wxFileConfig m_config;
+};
+
+// --- lines
+
+std::size_t PassBlanks(const std::wstring& line, std::size_t i)
+{
+    while (i < line.size() && std::iswspace(static_cast<std::wint_t>(line[i])))
+        ++i;
+    return i;
+}
+
+// Where the first such character stands before which there is no backslash.
+std::size_t FindPlain(const std::wstring& line, std::size_t i, wchar_t wanted)
+{
+    while (i < line.size() && line[i] != wanted)
+        i += line[i] == L'\\' ? 2 : 1;
+    return i < line.size() ? i : std::wstring::npos;
+}
+
+std::string NameFrom(const std::wstring& raw)
+{
+    std::wstring name;
+    for (std::size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] == L'\\' && ++i == raw.size())
+            break;
+        name += raw[i];
+    }
+    return BytesFromText(name);
+}
+
+std::string GroupFrom(const std::wstring& raw)
+{
+    wxArrayString steps;
+    wxSplitPath(steps, '/' + wxString::FromUTF8(NameFrom(raw)));
+    return BytesFromText(wxJoin(steps, '/', '\0'));
+}
+
+// What the line is; false when it says nothing.
+bool ReadLine(const std::wstring& line, ConfigLine& result)
+{
+    const std::size_t begin = PassBlanks(line, 0);
+    if (begin == line.size() || line[begin] == L';' || line[begin] == L'#')
+        return false;
+    const bool isGroup = line[begin] == L'[';
+    const std::size_t end = FindPlain(line, begin, isGroup ? L']' : L'=');
+    result.kind = ConfigLine::Kind::Neither;
+    if (end == std::wstring::npos)
+        return true;
+    if (isGroup) {
+        result.kind = ConfigLine::Kind::Group;
+        result.group = GroupFrom(line.substr(begin + 1, end - begin - 1));
+        return true;
+    }
+    result.kind = ConfigLine::Kind::Entry;
+    // What is a blank at the end is not quite what is one at the begin.
+    result.name = NameFrom(wxString(line.substr(begin, end - begin)).Trim().ToStdWstring());
+    result.locked = StartsWith(result.name, "!");
+    if (result.locked)
+        result.name.erase(0, 1);
+    return true;
+}
+
+} // namespace
+
+bool IsConfigTooLarge(std::string_view bytes)
 {
     CConfigFileLines lines;
     if (bytes.size() <= maxConfigFileBytes)
@@ -58,32 +162,47 @@ bool IsTooLarge(std::string_view bytes)
     return bytes.size() > maxConfigFileBytes || lines.Count() > maxConfigFileLines;
 }
 
-} // namespace
-
 wxString DecodeConfig(std::string_view bytes)
 {
     return wxString(bytes.data(), wxConvAuto(), bytes.size());
 }
 
-SettingsEntries ParseSettings(std::string_view bytes)
+ConfigContents ParseConfig(std::string_view bytes)
 {
-    SettingsEntries entries;
-    if (IsTooLarge(bytes))
-        return entries;
+    ConfigContents contents;
+    if (IsConfigTooLarge(bytes))
+        return contents;
     // The launcher's reading of the file has told about its faults.
     const wxLogNull silence;
     const std::wstring text = WithoutNul(DecodeConfig(bytes).ToStdWstring());
-    wxMemoryInputStream nothing("", 0);
-    wxFileConfig config(nothing, DecodedText(text));
-    config.SetPath("/settings");
-    wxString name;
-    long cookie = 0;
-    for (bool more = config.GetFirstEntry(name, cookie); more; more = config.GetNextEntry(name, cookie)) {
-        wxString value;
-        if (!name.empty() && config.Read(name, &value)) // a name with a "/" leads out of the group
-            entries.emplace(BytesFromText(name), BytesFromText(value));
+    ParsedConfig config(text);
+    contents.settings = config.Entries("/settings");
+    contents.top = config.Entries("/");
+    if (text.find(L'!') != std::wstring::npos) { // to find those takes as long as all the rest
+        contents.lockedSettings = config.LockedAmong(contents.settings, "/settings");
+        contents.lockedTop = config.LockedAmong(contents.top, "/");
     }
-    return entries;
+    return contents;
+}
+
+std::vector<ConfigLine> ConfigLines(std::string_view bytes)
+{
+    std::vector<ConfigLine> lines;
+    if (IsConfigTooLarge(bytes))
+        return lines;
+    const wxLogNull silence;
+    const std::wstring text = WithoutNul(DecodeConfig(bytes).ToStdWstring());
+    ConfigLine line;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find_first_of(L"\r\n", begin), text.size());
+        ++line.number;
+        if (ReadLine(text.substr(begin, end - begin), line))
+            lines.push_back(line);
+        line.name.clear();
+        line.locked = false;
+        begin = end + (text.compare(end, 2, L"\r\n") == 0 ? 2 : 1);
+    }
+    return lines;
 }
 
 } // namespace VexCore

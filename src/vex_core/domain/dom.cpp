@@ -7,8 +7,9 @@
 #include "vex_core/base/text.h"
 #include "vex_core/domain/dom_observer.h"
 #include "vex_core/domain/dom_values.h"
+#include "vex_core/domain/setting_value.h"
 #include "vex_core/domain/settings.h"
-#include "vex_core/domain/settings_file.h"
+#include "vex_core/domain/settings_files.h"
 #include "vex_core/domain/wait_list.h"
 #include "vex_core/domain/work_folder.h"
 
@@ -125,16 +126,18 @@ public:
     }
 
     WaitList& Waits() { return *m_waits; }
-    SettingsFile& Settings() { return m_settings; }
-    // Where it lies now, empty while that is not known.
-    std::string SettingsPath() const
+    SettingsFiles& Settings() { return m_settings; }
+    // Where they lie now, empty while that is not known.
+    SettingsPaths PathsOfSettings() const { return {PathIn("app.path.ini"), PathIn("app.path.ini.global")}; }
+
+private:
+    std::string PathIn(std::string_view key) const
     {
         std::string path;
-        Read("app.path.ini", [&path](const DomValue& held) { return TextOf(held, path); });
+        Read(key, [&path](const DomValue& held) { return TextOf(held, path); });
         return path.empty() ? path : ToSystemBytes(FromForeignBytes(path));
     }
 
-private:
     struct Node
     {
         explicit Node(std::string_view name) : key(name) {}
@@ -151,7 +154,7 @@ private:
     mutable FairSharedLock m_lock;
     std::unordered_map<std::string_view, std::unique_ptr<Node>> m_nodes; // guarded by m_lock
     const std::shared_ptr<WaitList> m_waits;
-    SettingsFile m_settings;
+    SettingsFiles m_settings;
 };
 
 } // namespace
@@ -237,9 +240,9 @@ std::vector<std::string> SettingKeys(const CDom& dom, const std::string& prefix)
     std::vector<std::string> keys = dom.Keys(prefix.c_str());
     DomStore& store = DomAccess::Store(dom);
     const std::string start = prefix + '.';
-    // The file's names are the same in any case: an entry has nothing to say about a key that the domain has.
+    // The files' names are the same in any case: an entry has nothing to say about a key that the domain has.
     std::set<std::string, LessInAnyCase> known(keys.begin(), keys.end());
-    for (const std::string& name : store.Settings().NamesThatBegin(store.SettingsPath(), start))
+    for (const std::string& name : store.Settings().NamesThatBegin(store.PathsOfSettings(), start))
         if (const std::string key = start + name.substr(start.size()); known.insert(key).second)
             keys.push_back(key);
     std::sort(keys.begin(), keys.end());
@@ -249,7 +252,13 @@ std::vector<std::string> SettingKeys(const CDom& dom, const std::string& prefix)
 std::uint64_t SettingsGeneration(const CDom& dom)
 {
     DomStore& store = DomAccess::Store(dom);
-    return store.Settings().Generation(store.SettingsPath());
+    return store.Settings().Generation(store.PathsOfSettings());
+}
+
+std::vector<SettingsSource> SourcesOfSettings(const CDom& dom)
+{
+    DomStore& store = DomAccess::Store(dom);
+    return store.Settings().Sources(store.PathsOfSettings());
 }
 
 RootDom::RootDom() : m_dom(DomAccess::ProcessRoot()) {}
@@ -409,13 +418,10 @@ std::vector<std::string> CDom::Keys(const char* prefix) const
 // --- settings
 
 namespace {
-// A value of the file keeps the blanks behind it, as the framework has it. They are no part of a number.
-std::string_view WithoutBlanks(std::string_view text)
+SettingKind KindOf(std::string_view key, SettingKind kindOfOthers)
 {
-    constexpr std::string_view blanks = " \t\r\f\v";
-    const std::size_t first = text.find_first_not_of(blanks);
-    return first == std::string_view::npos ? std::string_view()
-                                           : text.substr(first, text.find_last_not_of(blanks) - first + 1);
+    const Setting* const setting = FindSetting(key);
+    return setting ? setting->kind : kindOfOthers;
 }
 
 } // namespace
@@ -426,20 +432,19 @@ bool CDom::GetSetting(const char* key, std::string& text) const
     const FullKey full = m_impl->Key(key);
     if (store.Read(full, [&text](const DomValue& held) { return TextOf(held, text); }))
         return true;
-    const std::string path = store.SettingsPath();
-    return !path.empty() && store.Settings().Find(path, full, text);
+    return store.Settings().Find(store.PathsOfSettings(), full, text);
 }
 
 bool CDom::GetSetting(const char* key, bool& value) const
 {
     std::string text;
-    return GetSetting(key, text) && BoolFromText(WithoutBlanks(text), value);
+    return GetSetting(key, text) && TruthFromSetting(KindOf(m_impl->Key(key), SettingKind::Flag), text, value);
 }
 
 bool CDom::GetSetting(const char* key, std::int64_t& value) const
 {
     std::string text;
-    return GetSetting(key, text) && IntFromText(WithoutBlanks(text), value);
+    return GetSetting(key, text) && IntegerFromSetting(KindOf(m_impl->Key(key), SettingKind::Number), text, value);
 }
 
 // --- waiting

@@ -1,23 +1,27 @@
-// The domain answers for key and file (`CDom::GetSetting`), the table for type, range and default: here is how they
+// The domain answers for key and files (`CDom::GetSetting`), the table for type, range and default: here is how they
 // make one value, and what a watch compares.
 
 #include "vex_core/domain/settings.h"
 
+#include "vex_core/base/text.h"
 #include "vex_core/domain/known_settings.h"
+#include "vex_core/domain/setting_value.h"
+#include "vex_core/domain/settings_files.h"
 
-#include <algorithm>
+#include <map>
 
 #include <wx/debug.h>
+#include <wx/log.h>
 
 namespace VexCore {
 
 namespace {
-// The root's key that names the file: another file has other settings.
-constexpr const char* fileKey = "app.path.ini";
+// The root's keys that name the files: another file has other settings.
+constexpr const char* fileKeys[] = {"app.path.ini", "app.path.ini.global"};
 
-std::vector<std::string> WithFile(std::vector<std::string> keys)
+std::vector<std::string> WithFiles(std::vector<std::string> keys)
 {
-    keys.emplace_back(fileKey);
+    keys.insert(keys.end(), std::begin(fileKeys), std::end(fileKeys));
     return keys;
 }
 
@@ -26,28 +30,42 @@ std::vector<std::string> WithFile(std::vector<std::string> keys)
 std::int64_t IntSetting(const CDom& dom, const char* key)
 {
     const Setting* const setting = FindSetting(key);
-    wxCHECK_MSG(setting && setting->type == SettingKind::Int, 0, key);
+    wxCHECK_MSG(setting && IsInteger(setting->kind), 0, key);
     std::int64_t value = 0;
-    if (!dom.GetSetting(key, value) || (value <= 0 && value < setting->least))
-        return setting->standard;
-    return std::clamp(value, setting->least, setting->most);
+    return dom.GetSetting(key, value) ? WithinRange(*setting, value) : setting->standard;
 }
 
 bool BoolSetting(const CDom& dom, const char* key)
 {
     const Setting* const setting = FindSetting(key);
-    wxCHECK_MSG(setting && setting->type == SettingKind::Bool, false, key);
+    wxCHECK_MSG(setting && IsTruth(setting->kind), false, key);
     bool value = setting->standard != 0;
     dom.GetSetting(key, value);
     return value;
 }
 
+void WarnOfSettings(const CDom& dom)
+{
+    constexpr unsigned long maxLines = 50;
+    std::map<std::string, std::string> domain;
+    for (const std::string& key : dom.Keys(""))
+        if (std::string text; dom.Get(key.c_str(), text))
+            domain.emplace(key, text);
+    unsigned long count = 0;
+    for (const SettingFinding& finding : ReportOn(SourcesOfSettings(dom), domain).findings)
+        if (finding.toldAtStart && ++count <= maxLines)
+            wxLogWarning(wxS("%s"), TextWithoutNul(finding.text));
+    if (count > maxLines)
+        wxLogWarning(wxS("%lu more lines about the settings are left out"), count - maxLines);
+}
+
 SettingsWatch::SettingsWatch(std::vector<std::string> keys)
-    : m_observer(WithFile(std::move(keys)), [this] { m_written = true; })
+    : m_observer(WithFiles(std::move(keys)), [this] { m_written = true; })
 {}
 
 SettingsWatch::SettingsWatch(const CDom& dom, const std::vector<std::string>& keys)
-    : m_observer(dom, keys, [this] { m_written = true; }, {fileKey})
+    : m_observer(
+        dom, keys, [this] { m_written = true; }, WithFiles({}))
 {}
 
 bool SettingsWatch::IsDue() const

@@ -13,24 +13,26 @@
 
 namespace VexCore {
 
-/// A setting of the table (known_settings.h) as it counts: the domain's key, else the file's entry, else the default.
-/// One rule for all integers: a value that is none, and 0 or below where the range begins above, means nothing, so the
-/// default counts; another one outside the range counts as its nearest bound.
+/// A setting of the table (known_settings.h) as it counts: the domain's key, else an entry of the files, else the
+/// default. What cannot be read counts as the default, what is out of range as `WithinRange` says.
 std::int64_t IntSetting(const CDom& dom, const char* key);
-/// The same; what does not read as a boolean means nothing.
 bool BoolSetting(const CDom& dom, const char* key);
 
-/// The keys below `prefix`, with the prefix before them, that have a value in the domain or an entry in the file,
+/// Warns of what is wrong with settings, a line each; of a great many only the first, and how many more there are.
+/// Main thread, once, when it is known where the files lie.
+void WarnOfSettings(const CDom& dom);
+
+/// The keys below `prefix`, with the prefix before them, that have a value in the domain or an entry in a file,
 /// sorted. A file's name has its prefix in any case and comes with this one, unless the domain has that key in any
 /// case.
 std::vector<std::string> SettingKeys(const CDom& dom, const std::string& prefix);
 
-/// Another number each time that the entries of the settings file of this domain became others,
-/// by the file as it is now.
+/// Another number each time that the entries of the settings files of this domain became others,
+/// by the files as they are now.
 std::uint64_t SettingsGeneration(const CDom& dom);
 
-/// Tells a reader of settings when to read them again. A write of one of the keys shows at once. A change of the file
-/// shows when the reader asks, with a look at the file at most once a second: nothing wakes up for it.
+/// Tells a reader of settings when to read them again. A write of one of the keys shows at once. A change of a file
+/// shows when the reader asks, with a look at the files at most once a second: nothing wakes up for it.
 class SettingsWatch
 {
 public:
@@ -63,7 +65,7 @@ private:
     std::mutex m_takingOver;
     std::atomic<bool> m_written{true};
     std::atomic<std::time_t> m_fileSeen{0};
-    std::atomic<std::uint64_t> m_generation{0}; // of the file's entries
+    std::atomic<std::uint64_t> m_generation{0}; // of the files' entries
     DomObserver m_observer; // the last, so that it is gone before what it writes to
 };
 

@@ -1,51 +1,60 @@
 #pragma once
-// The file that "app.path.ini" names, as a source of settings.
+// One configuration file as a source of settings.
 
 #include "vex_core/domain/config_text.h"
+#include "vex_core/os/descriptor.h"
 #include "vex_core/os/file_identity.h"
 
-#include <cstdint>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace VexCore {
 
-/// The group [settings] of such a file, read when it is first asked for and again when it is another file or has
-/// changed. Any thread.
+/// What such a file says, read when it is first looked at and again when it is another file or has changed. One thread
+/// at a time.
 class SettingsFile
 {
 public:
-    using Entries = SettingsEntries;
+    enum class Place {
+        WorkFolder, ///< where somebody else may have had a hand in it (os/guarded_place.h)
+        System,
+    };
 
-    /// `parse` is another than `ParseSettings` in tests.
-    explicit SettingsFile(Entries (*parse)(std::string_view bytes) = ParseSettings) : m_parse(parse) {}
+    /// `parse` is another than `ParseConfig` in tests.
+    explicit SettingsFile(Place place, ConfigContents (*parse)(std::string_view bytes) = ParseConfig)
+        : m_place(place), m_parse(parse)
+    {}
 
-    /// False when the file cannot be read, when somebody else had a hand in it (os/guarded_place.h), and when it has no
-    /// such entry. `name` in any case.
-    bool Find(const std::string& path, std::string_view name, std::string& value);
+    /// Looks at the file as it is now. Whether anything below is another than before.
+    bool Look(const std::string& path);
 
-    /// The names that begin with `start`, which is in any case.
-    std::vector<std::string> NamesThatBegin(const std::string& path, std::string_view start);
+    // --- as the last look found it
 
-    /// Another number each time that the entries became others, by the file as it is now.
-    std::uint64_t Generation(const std::string& path);
+    const std::string& Path() const { return m_path; }
+    /// False also for one that is there and not used.
+    bool IsRead() const { return m_read; }
+    /// Why one that is there is not used, and what to do: a sentence. Empty otherwise.
+    const std::string& Refused() const { return m_refused; }
+    const std::string& Bytes() const { return m_bytes; }
+    const ConfigContents& Contents() const { return m_contents; }
 
 private:
-    void Refresh(const std::string& path);
-    void Take(Entries entries);
+    os::Descriptor Open(struct stat& status, std::string& refused) const;
+    bool IsAsBefore(const struct stat& status) const;
+    bool Take(bool read, std::string bytes, std::string refused);
 
-    Entries (*const m_parse)(std::string_view bytes);
-    std::mutex m_lock;
-    std::string m_path; // what was read last; guarded by m_lock, like all below
+    const Place m_place;
+    ConfigContents (*const m_parse)(std::string_view bytes);
+    std::string m_path;
     os::FileIdentity m_version;
-    bool m_readable = false;
-    // What was read from a file so new that a later change may not show in its time.
-    std::optional<std::string> m_unsettled;
-    Entries m_entries;
-    std::uint64_t m_generation = 0;
+    bool m_read = false;
+    bool m_fresh = false; // read so soon after its last change that a later one may not show in its time
+    std::string m_refused;
+    std::string m_bytes;
+    ConfigContents m_contents;
 };
+
+/// What to say of a file or folder that is there and cannot be used for the last error.
+std::string CannotBeUsed(const std::string& path);
 
 } // namespace VexCore

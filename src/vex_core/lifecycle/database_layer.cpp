@@ -7,6 +7,8 @@
 #include "vex_core/base/ascii.h"
 #include "vex_core/base/text.h"
 #include "vex_core/database/sqlite_connection.h"
+#include "vex_core/domain/known_settings.h"
+#include "vex_core/domain/settings.h"
 #include "vex_core/lua/lua_db.h"
 #include "vex_core/threads/ending.h"
 #include "vex_core/threads/thread_registry.h"
@@ -23,7 +25,8 @@ namespace VexCore {
 namespace {
 constexpr char settingPrefix[] = "sqlite.config";
 
-// One setting: its name after "sqlite.config." and what is done with its value. False: the value means nothing.
+// One setting: its name after "sqlite.config." and what is done with a value in its range, which the table of settings
+// has. False: the library does not take it.
 struct SettingRule
 {
     const char* name;
@@ -32,14 +35,14 @@ struct SettingRule
 
 bool ApplyMemstatus(std::int64_t value, SqliteSettings&)
 {
-    return (value == 0 || value == 1) && sqlite3_config(SQLITE_CONFIG_MEMSTATUS, static_cast<int>(value)) == SQLITE_OK;
+    return sqlite3_config(SQLITE_CONFIG_MEMSTATUS, static_cast<int>(value)) == SQLITE_OK;
 }
 
 bool ApplyMmapSize(std::int64_t value, SqliteSettings&)
 {
     const sqlite3_int64 size = value;
     const sqlite3_int64 noCap = -1; // the library's own limit stays
-    return value >= 0 && sqlite3_config(SQLITE_CONFIG_MMAP_SIZE, size, noCap) == SQLITE_OK;
+    return sqlite3_config(SQLITE_CONFIG_MMAP_SIZE, size, noCap) == SQLITE_OK;
 }
 
 bool ApplyCacheSize(std::int64_t value, SqliteSettings& settings)
@@ -50,24 +53,18 @@ bool ApplyCacheSize(std::int64_t value, SqliteSettings& settings)
 
 bool ApplyBusyTimeout(std::int64_t value, SqliteSettings& settings)
 {
-    if (value < 0 || value > 3600000)
-        return false;
     settings.busyTimeoutMs = value;
     return true;
 }
 
 bool ApplyJournalSizeLimit(std::int64_t value, SqliteSettings& settings)
 {
-    if (value < -1)
-        return false;
     settings.journalSizeLimit = value;
     return true;
 }
 
 bool ApplySynchronous(std::int64_t value, SqliteSettings& settings)
 {
-    if (value < 0 || value > 3)
-        return false;
     settings.synchronous = value;
     return true;
 }
@@ -75,7 +72,7 @@ bool ApplySynchronous(std::int64_t value, SqliteSettings& settings)
 // Initialises the library, so it comes last.
 bool ApplySoftHeapLimit(std::int64_t value, SqliteSettings&)
 {
-    return value >= 0 && sqlite3_soft_heap_limit64(value) >= 0;
+    return sqlite3_soft_heap_limit64(value) >= 0;
 }
 
 const SettingRule settingRules[] = {
@@ -113,11 +110,15 @@ bool CSqliteDatabase::InitializeSQLite(CDom* dom)
             std::int64_t value = 0;
             if (!dom->Has(key.c_str()))
                 continue;
-            if (!dom->Get(key.c_str(), value) || !rule.apply(value, settings))
+            const Setting* const known = FindSetting(key);
+            if (!dom->Get(key.c_str(), value) || value < known->least || value > known->most
+                || !rule.apply(value, settings))
                 wxLogWarning("Database setting '%s' cannot be '%s'", wxString::FromUTF8(key.c_str()),
                              dom->GetWxString(key.c_str()));
         }
         WarnOfUnknownSettings(*dom);
+        // The host calls this as the last of its start that is about settings, when all of them are known.
+        WarnOfSettings(*dom);
     }
     SetSqliteSettings(settings);
     const int result = sqlite3_initialize();

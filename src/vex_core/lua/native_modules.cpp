@@ -7,6 +7,7 @@
 #include "slb3/error.h"
 #include "vex_core/domain/known_settings.h"
 #include "vex_core/domain/root_dom.h"
+#include "vex_core/domain/setting_value.h"
 #include "vex_core/domain/settings.h"
 #include "vex_core/lua/host_id.h"
 #include "vex_core/lua/lua_arguments.h"
@@ -319,9 +320,16 @@ int Default(lua_State* L)
     return 1;
 }
 
+// The setting of the host's table that argument 1 names, of one of the kinds that `isWanted` tells. Null for others.
+const Setting* HostSetting(lua_State* L, bool (*isWanted)(SettingKind))
+{
+    const Setting* const setting = FindSetting(PlainTextArgument(L, 1));
+    return setting && isWanted(setting->kind) && setting->standard != noStandard ? setting : nullptr;
+}
+
 // text(key [, default]), bool(key [, default]), int(key [, default]): the domain's key, else the entry of the
-// group [settings] of the configuration file, else the default. What does not read as the type counts as
-// absent.
+// group [settings] of a configuration file, else the default. What does not read as the type counts as absent. A
+// setting of the host's table has its default and its range from there.
 int SettingsText(lua_State* L)
 {
     std::string value;
@@ -334,7 +342,9 @@ int SettingsText(lua_State* L)
 int SettingsBool(lua_State* L)
 {
     bool value = false;
-    if (!ReadSetting(L, value))
+    if (const Setting* const setting = HostSetting(L, IsTruth))
+        value = ReadSetting(L, value) ? value : setting->standard != 0;
+    else if (!ReadSetting(L, value))
         return Default(L);
     lua_pushboolean(L, value);
     return 1;
@@ -343,7 +353,13 @@ int SettingsBool(lua_State* L)
 int SettingsInt(lua_State* L)
 {
     std::int64_t value = 0;
-    if (!ReadSetting(L, value))
+    const bool isSet = ReadSetting(L, value);
+    if (const Setting* const setting = HostSetting(L, IsInteger)) {
+        const std::int64_t counts = isSet ? WithinRange(*setting, value) : setting->standard;
+        lua_pushnumber(L, static_cast<double>(std::min(counts, maxExactInteger)));
+        return 1;
+    }
+    if (!isSet)
         return Default(L);
     if (value > maxExactInteger || value < -maxExactInteger)
         return luaL_error(L, "vex.settings: the integer of '%s' is beyond 2^53", lua_tostring(L, 1));
@@ -365,9 +381,9 @@ int SettingsKeys(lua_State* L)
 int SettingsDefault(lua_State* L)
 {
     const Setting* const setting = FindSetting(PlainTextArgument(L, 1));
-    if (!setting)
+    if (!setting || setting->standard == noStandard)
         lua_pushnil(L);
-    else if (setting->type == SettingKind::Bool)
+    else if (IsTruth(setting->kind))
         lua_pushboolean(L, setting->standard != 0);
     else
         lua_pushnumber(L, static_cast<double>(setting->standard));

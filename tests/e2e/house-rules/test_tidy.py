@@ -282,17 +282,27 @@ def test_settings_of_code_and_documents_are_the_same(tree):
                                    "src/vex_core/log/a.cpp:2: the setting app.two has no row in docs/SETTINGS.md"]
 
 
-def test_a_documented_default_is_the_codes(tree):
-    files = {"docs/SETTINGS.md": SETTINGS + "| app.log.count | x | 6 | y |\n| app.log.size | x | 8192 | y |\n"
-                                          "| app.new | x | 3 | y |\n",
-             "src/vex_core/domain/known_settings.h": '#pragma once\n{"app.log.count", SettingKind::Int, 5, 1},\n'
-                                                     '{"app.log.size", SettingKind::Int, 8 * 1024, 1},\n',
-             "src/vex_core/log/a.cpp": 'Get("app.log.count", "app.log.size", "app.new");\n'}
-    code, output = tidy(tree(files))
+def known(key, kind, default, least, most):
+    return f'{{"{key}", SettingKind::{kind}, "unit",\n {default}, {least}, {most}, SettingPlace::Settings, "help"}},\n'
+
+
+def test_the_documented_type_range_and_default_are_those_of_the_codes_table(tree):
+    page = ("| key | type, range | default | meaning |\n|---|---|---|---|\n"
+            "| Trace | names | absent | y |\n| app.log.count | integer, 1 to 9 | 6 | y |\n| app.log.size | size, at least 4096 | 8192 | y |\n"
+            "| app.lua.cache | boolean | false | y |\n| app.new | integer | 3 | y |\n| vex.A | time, at least 2 | 1 | y |\n")
+    table = (known("Trace", "List", "noStandard", 0, 0) + known("app.log.count", "Number", 5, 1, 10)
+             + known("app.log.size", "Size", "8 * 1024", 4096, "unlimited") + known("app.lua.cache", "Flag", 1, 0, 1)
+             + known("app.gone", "Flag", 1, 0, 1) + known("vex.A", "Time", 1, 1, "unlimited"))
+    code, output = tidy(tree({"docs/SETTINGS.md": page, "src/vex_core/domain/known_settings.h": "#pragma once\n// Keys.\n" + table,
+                              "src/vex_core/log/a.cpp": 'Get("app.new"); // Logs.\n'}))
     assert code == 1
-    assert output.splitlines() == ["docs/SETTINGS.md:3: the default of app.log.count is 5",
-                                   "docs/SETTINGS.md:5: where does the code have the default of app.new? "
-                                   "Add it to DEFAULTS in tools/tidy_rules/settings.py"]
+    assert output.splitlines() == [
+        "docs/SETTINGS.md:4: the default of app.log.count is 5",
+        "docs/SETTINGS.md:4: the type, range of app.log.count is integer, 1 to 10",
+        "docs/SETTINGS.md:6: the default of app.lua.cache is true",
+        "docs/SETTINGS.md:7: where does the code have the default of app.new? Add it to DEFAULTS in tools/tidy_rules/settings.py",
+        "docs/SETTINGS.md:8: the type, range of vex.A is time, at least 1",
+        "src/vex_core/domain/known_settings.h:11: the setting app.gone has no row in docs/SETTINGS.md"]
 
 
 def test_each_file_says_what_it_is_about_or_its_header_does(tree):

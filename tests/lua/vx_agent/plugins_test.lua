@@ -11,7 +11,7 @@ M.TestLoading.setUp, M.TestCalls.setUp = set_up, set_up
 
 local function offer(name, maker) package.preload[name .. ".plugin"] = maker end
 
-local keys, text = settings.keys, settings.text
+local keys, bool = settings.keys, settings.bool
 
 function M.TestNames:setUp()
   set_up()
@@ -23,10 +23,10 @@ function M.TestNames:setUp()
     table.sort(found)
     return found
   end
-  settings.text = function(key) return self.values[key] end
+  settings.bool = function(key) return self.values[key] end
 end
 
-function M.TestNames:tearDown() settings.keys, settings.text = keys, text end
+function M.TestNames:tearDown() settings.keys, settings.bool = keys, bool end
 
 function M.TestNames:test_names_are_separated_by_commas_and_absence_is_no_plugin()
   lu.assertEquals(plugins.names("a, b,,c"), { "a", "b", "c" })
@@ -35,18 +35,11 @@ end
 
 function M.TestNames:test_a_setting_enables_a_plugin_too_and_each_is_named_once()
   self.values = {
-    ["vex.Plugin.b"] = "on", ["vex.Plugin.a"] = "ON ", ["vex.Plugin.c"] = "off", ["vex.Plugin.d.e"] = "yes",
-    ["vex.Plugin.f"] = "0", ["vex.Plugin.listed"] = "true",
+    ["vex.Plugin.b"] = true, ["vex.Plugin.a"] = true, ["vex.Plugin.c"] = false, ["vex.Plugin.d.e"] = true,
+    ["vex.Plugin.listed"] = true,
   }
   lu.assertEquals(plugins.names("listed,listed"), { "listed", "a", "b", "d.e" })
   lu.assertEquals(dom0.lines, {})
-end
-
-function M.TestNames:test_a_setting_that_means_nothing_is_a_warning_and_off()
-  self.values = { ["vex.Plugin.a"] = "perhaps" }
-  lu.assertEquals(plugins.names(nil), {})
-  lu.assertEquals(dom0.lines,
-    { "warning: The setting 'vex.Plugin.a' is 'perhaps' and must be on or off; off is taken" })
 end
 
 function M.TestLoading:test_a_plugin_that_fails_is_one_warning_with_its_traceback_and_the_others_load()

@@ -15,10 +15,14 @@
 using Test::TempFolder;
 using Test::WriteFile;
 using VexCore::DecodeConfig;
-using VexCore::ParseSettings;
 
 namespace {
 using Entries = VexCore::SettingsEntries;
+
+Entries ParseSettings(std::string_view bytes)
+{
+    return VexCore::ParseConfig(bytes).settings;
+}
 
 // The ASCII text in characters of `width` bytes, the highest byte first or last.
 std::string Wide(std::string_view text, int width, bool highFirst)
@@ -170,11 +174,47 @@ TEST(ConfigText, GrammarOfTheLauncherAndOfTheSettingsIsOne)
     ::unsetenv("VEX_TEST_X");
 }
 
+TEST(ConfigText, EntriesWithAMarkAreLocked)
+{
+    const VexCore::ConfigContents contents =
+        VexCore::ParseConfig("Trace=a\n!DumpLevel=1\n[settings]\n!a=1\na=2\nb=3\n\\!c=4\n");
+    EXPECT_EQ(contents.settings, (Entries{{"a", "1"}, {"b", "3"}, {"c", "4"}}));
+    EXPECT_EQ(contents.lockedSettings, (Entries{{"a", "1"}, {"c", "4"}}));
+    EXPECT_EQ(contents.top, (Entries{{"Trace", "a"}, {"DumpLevel", "1"}}));
+    EXPECT_EQ(contents.lockedTop, (Entries{{"DumpLevel", "1"}}));
+}
+
+TEST(ConfigText, LinesTellWhereEachGroupAndEntryStands)
+{
+    const auto describe = [](const std::string& text) {
+        std::string all;
+        for (const VexCore::ConfigLine& line : VexCore::ConfigLines(text)) {
+            all += std::to_string(line.number) + ' ';
+            all += line.kind == VexCore::ConfigLine::Kind::Group ? "[" + line.group + "]"
+                   : line.kind == VexCore::ConfigLine::Kind::Entry
+                       ? line.group + '/' + (line.locked ? "!" : "") + line.name
+                       : "?";
+            all += '|';
+        }
+        return all;
+    };
+    EXPECT_EQ(describe("a=1\n\n; x=1\n [settings] ; x\n!b = 2\n"), "1 /a|4 [settings]|5 settings/!b|");
+    EXPECT_EQ(describe("a=1\rb=1\r\nc=1\n\rd=1"), "1 /a|2 /b|3 /c|5 /d|");
+    EXPECT_EQ(describe("[x/../settings/]\n[/a//b]\n[]\nc=1\n"), "1 [settings]|2 [a/b]|3 []|4 /c|");
+    EXPECT_EQ(describe("[x\nno\nk\\\n[a\\]b]\nd\\=e\\  =1\n"), "1 ?|2 ?|3 ?|4 [a]b]|5 a]b/d=e|");
+    EXPECT_EQ(describe(std::string("a\0=1\nb=2\n", 9)), "1 ?|2 /b|");
+    EXPECT_EQ(describe("\xE2\x80\x83 a\xE2\x80\x83=1\nb\x0B=2\n"), "1 /a\xE2\x80\x83|2 /b|") << "blanks beyond ASCII";
+    EXPECT_EQ(describe(utf16High + Wide("\n[s]\n", 2, true)), "2 [s]|");
+    EXPECT_EQ(describe(std::string(100001, '\n') + "a=1"), "");
+}
+
 TEST(ConfigText, ReadingSettingsSaysNothing)
 {
     const ::Test::LogCatcher log;
     const AssertionsAreQuiet quiet;
     ParseSettings("[settings\nno equals sign\na=\"x\" y\na=1\na=${\n");
+    VexCore::ParseConfig("[settings]\n!a=1\na=2\n");
+    VexCore::ConfigLines("[../settings]\n");
     EXPECT_EQ(log.All(), "");
 }
 

@@ -1,14 +1,16 @@
 #include "vex_core/domain/settings_file.h"
 
-#include "support/joining_thread.h"
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
+#include "vex_core/os/call_observer.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <cerrno>
 #include <filesystem>
-#include <thread>
+#include <fstream>
+#include <string>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -21,9 +23,19 @@ using VexCore::SettingsFile;
 namespace {
 std::string FindIn(SettingsFile& file, const std::string& path, const char* name)
 {
-    std::string value = "none";
-    file.Find(path, name, value);
-    return value;
+    file.Look(path);
+    const auto found = file.Contents().settings.find(std::string_view(name));
+    return found == file.Contents().settings.end() ? "none" : found->second;
+}
+
+SettingsFile OfWorkFolder()
+{
+    return SettingsFile(SettingsFile::Place::WorkFolder);
+}
+
+SettingsFile OfSystem()
+{
+    return SettingsFile(SettingsFile::Place::System);
 }
 
 void MakeOld(const std::string& path, int seconds)
@@ -35,23 +47,106 @@ void MakeOld(const std::string& path, int seconds)
 
 } // namespace
 
-TEST(SettingsFile, ThatOthersMayWriteIsNotBelieved)
+TEST(SettingsFile, ThatOthersMayWriteIsNotBelievedInTheWorkFolder)
 {
     const TempFolder folder;
     const std::string path = folder / "x.ini";
-    SettingsFile file;
+    SettingsFile file = OfWorkFolder();
+    SettingsFile ofSystem = OfSystem();
     WriteFile(path, "[settings]\na=1\n");
     ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
     EXPECT_EQ(FindIn(file, path, "a"), "none");
+    EXPECT_FALSE(file.IsRead());
+    EXPECT_EQ(
+        file.Refused(),
+        "'" + path
+            + "' is not used, because others may write it (mode 0666): take that right from them with chmod go-w");
+    EXPECT_EQ(FindIn(ofSystem, path, "a"), "1");
+    EXPECT_EQ(ofSystem.Refused(), "");
     ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
     EXPECT_EQ(FindIn(file, path, "a"), "1");
+    EXPECT_EQ(file.Refused(), "");
+}
+
+TEST(SettingsFile, ThatIsNotThereHasNoFaultWhereverItWouldLie)
+{
+    const TempFolder folder;
+    ASSERT_EQ(::chmod(folder.Path().c_str(), 0777), 0);
+    SettingsFile file = OfWorkFolder();
+    SettingsFile ofSystem = OfSystem();
+    for (SettingsFile* each : {&file, &ofSystem}) {
+        EXPECT_FALSE(each->Look(folder / "x.ini"));
+        EXPECT_FALSE(each->IsRead());
+        EXPECT_EQ(each->Refused(), "");
+    }
+}
+
+namespace {
+std::vector<std::string> g_calls;
+
+int NoteCall(const VexCore::os::Call& call)
+{
+    g_calls.emplace_back(call.name);
+    return 0;
+}
+
+int RefuseOpening(const VexCore::os::Call& call)
+{
+    return std::string_view(call.name).substr(0, 4) == "open" ? EACCES : 0;
+}
+
+std::vector<std::string> CallsOfALook(SettingsFile& file, const std::string& path)
+{
+    g_calls.clear();
+    const auto before = VexCore::os::SetCallObserver(NoteCall);
+    file.Look(path);
+    VexCore::os::SetCallObserver(before);
+    return g_calls;
+}
+
+} // namespace
+
+TEST(SettingsFile, OneOfTheSystemsCostsOneCallWhileItIsMissingOrStaysAsItIs)
+{
+    const TempFolder folder;
+    const std::string path = folder / "x.conf";
+    SettingsFile file = OfSystem();
+    EXPECT_EQ(CallsOfALook(file, path).size(), 1U);
+    WriteFile(path, "[settings]\na=1\n");
+    MakeOld(path, 100);
+    EXPECT_GT(CallsOfALook(file, path).size(), 1U);
+    EXPECT_EQ(CallsOfALook(file, path).size(), 1U);
+    EXPECT_EQ(FindIn(file, path, "a"), "1");
+}
+
+TEST(SettingsFile, ThatCannotBeReadSaysSo)
+{
+    const TempFolder folder;
+    const std::string path = folder / "x.conf";
+    WriteFile(path, "[settings]\na=1\n");
+    SettingsFile file = OfWorkFolder();
+    SettingsFile ofSystem = OfSystem();
+    const auto before = VexCore::os::SetCallObserver(RefuseOpening);
+    ofSystem.Look(path);
+    VexCore::os::SetCallObserver(before);
+    EXPECT_EQ(ofSystem.Refused(), "'" + path
+                                      + "' cannot be read (Permission denied), so nothing in it counts: let the "
+                                        "agent's user read it, or take it away");
+    EXPECT_TRUE(ofSystem.Look(path)) << "it can be read now";
+    EXPECT_EQ(ofSystem.Refused(), "");
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    for (SettingsFile* each : {&file, &ofSystem}) {
+        EXPECT_TRUE(each->Look(path));
+        EXPECT_EQ(each->Refused(), "'" + path + "' is not used, because it is no regular file: take it away");
+    }
 }
 
 TEST(SettingsFile, IsReadAgainWhenItChanged)
 {
     const TempFolder folder;
     const std::string path = folder / "x.ini";
-    SettingsFile file;
+    SettingsFile file = OfWorkFolder();
     EXPECT_EQ(FindIn(file, path, "a"), "none");
     WriteFile(path, "[settings]\na=1\n");
     EXPECT_EQ(FindIn(file, path, "A"), "1");
@@ -70,41 +165,28 @@ TEST(SettingsFile, IsReadAgainWhenItChanged)
     EXPECT_EQ(FindIn(file, path, "a"), "none");
 }
 
-TEST(SettingsFile, NamesThatBeginAlikeInAnyCaseAreFoundAsTheyAreWritten)
-{
-    const TempFolder folder;
-    const std::string path = folder / "x.ini";
-    SettingsFile file;
-    WriteFile(path, "[settings]\nA.b.Two=2\na.B.one=1\na.c=3\na.b=4\nb=5\n");
-    EXPECT_EQ(file.NamesThatBegin(path, "a.b."), (std::vector<std::string>{"a.B.one", "A.b.Two"}));
-    EXPECT_EQ(file.NamesThatBegin(path, "x"), std::vector<std::string>());
-    EXPECT_EQ(FindIn(file, path, "A.B.TWO"), "2");
-}
-
 TEST(SettingsFile, ChangeWithinOneTickOfTheFilesTimeIsSeen)
 {
     const TempFolder folder;
     const std::string path = folder / "x.ini";
-    SettingsFile file;
-    std::string value;
+    SettingsFile file = OfWorkFolder();
     WriteFile(path, "[settings]\na=1\n");
     struct stat before = {};
     ASSERT_EQ(stat(path.c_str(), &before), 0);
-    ASSERT_TRUE(file.Find(path, "a", value));
+    ASSERT_EQ(FindIn(file, path, "a"), "1");
     WriteFile(path, "[settings]\na=2\n");
     const struct timespec times[] = {before.st_atim, before.st_mtim};
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-    ASSERT_TRUE(file.Find(path, "a", value));
-    EXPECT_EQ(value, "2");
+    EXPECT_EQ(FindIn(file, path, "a"), "2");
 }
 
 namespace {
 int g_parses = 0;
 
-SettingsFile::Entries CountedParse(std::string_view bytes)
+VexCore::ConfigContents CountedParse(std::string_view bytes)
 {
     ++g_parses;
-    return VexCore::ParseSettings(bytes);
+    return VexCore::ParseConfig(bytes);
 }
 
 } // namespace
@@ -114,7 +196,7 @@ TEST(SettingsFile, IsParsedOnceForEachContentHoweverNewItIs)
     const TempFolder folder;
     const std::string path = folder / "x.ini";
     g_parses = 0;
-    SettingsFile file(CountedParse);
+    SettingsFile file(SettingsFile::Place::WorkFolder, CountedParse);
     for (int expected = 1; expected <= 2; ++expected) {
         WriteFile(path, "[settings]\na=" + std::to_string(expected) + "\n");
         for (int i = 0; i < 3; ++i)
@@ -130,7 +212,7 @@ TEST(SettingsFile, ContentThatComesBackIsParsedAgain)
 {
     const TempFolder folder;
     const std::string path = folder / "x.ini";
-    SettingsFile file;
+    SettingsFile file = OfWorkFolder();
     WriteFile(path, "[settings]\na=1\n");
     EXPECT_EQ(FindIn(file, path, "a"), "1");
     std::filesystem::remove(path);
@@ -148,14 +230,17 @@ TEST(SettingsFile, IsNotReadAgainWhileItStaysAsItIs)
     const struct timespec longAgo[] = {{1000000000, 0}, {1000000000, 0}};
     WriteFile(path, "[settings]\na=1\n");
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), longAgo, 0), 0);
-    SettingsFile file;
+    SettingsFile file = OfWorkFolder();
+    SettingsFile ofSystem = OfSystem();
     EXPECT_EQ(FindIn(file, path, "a"), "1");
+    EXPECT_EQ(FindIn(ofSystem, path, "a"), "1");
     {
         std::fstream inPlace(path, std::ios::in | std::ios::out);
         inPlace << "[settings]\na=2\n";
     }
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), longAgo, 0), 0);
     EXPECT_EQ(FindIn(file, path, "a"), "1") << "all that is looked at is as before";
+    EXPECT_EQ(FindIn(ofSystem, path, "a"), "1");
 }
 
 TEST(SettingsFile, EachPathIsAFileOfItsOwn)
@@ -165,21 +250,24 @@ TEST(SettingsFile, EachPathIsAFileOfItsOwn)
         WriteFile(folder / name, std::string("[settings]\na=") + name);
         MakeOld(folder / name, 100);
     }
-    SettingsFile file;
-    EXPECT_EQ(FindIn(file, folder / "1", "a"), "1");
-    EXPECT_EQ(FindIn(file, folder / "2", "a"), "2");
-    EXPECT_EQ(FindIn(file, folder / "1", "a"), "1");
+    SettingsFile file = OfWorkFolder();
+    SettingsFile ofSystem = OfSystem();
+    for (SettingsFile* each : {&file, &ofSystem})
+        for (const char* name : {"1", "2", "1"}) {
+            EXPECT_EQ(FindIn(*each, folder / name, "a"), name);
+            EXPECT_EQ(each->Path(), folder / name);
+        }
 }
 
 TEST(SettingsFile, WhatIsNoRegularFileHasNoSettingsAndDoesNotHang)
 {
     const TempFolder folder;
     ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
-    SettingsFile file;
-    EXPECT_EQ(FindIn(file, folder / "fifo", "a"), "none");
-    EXPECT_EQ(FindIn(file, folder.Path(), "a"), "none");
-    EXPECT_EQ(FindIn(file, "/dev/zero", "a"), "none");
-    EXPECT_EQ(FindIn(file, "", "a"), "none");
+    SettingsFile file = OfWorkFolder();
+    SettingsFile ofSystem = OfSystem();
+    for (SettingsFile* each : {&file, &ofSystem})
+        for (const std::string& path : {folder / "fifo", folder.Path(), std::string("/dev/zero"), std::string()})
+            EXPECT_EQ(FindIn(*each, path, "a"), "none") << path;
 }
 
 TEST(SettingsFile, FileThatTheHostRefusesForItsSizeIsNotReadHereEither)
@@ -187,7 +275,7 @@ TEST(SettingsFile, FileThatTheHostRefusesForItsSizeIsNotReadHereEither)
     const TempFolder folder;
     const std::string path = folder / "x.ini";
     const std::string entry = "[settings]\na=1\n;";
-    SettingsFile file;
+    SettingsFile file = OfWorkFolder();
     WriteFile(path, entry + std::string((4 << 20) - entry.size(), 'x'));
     EXPECT_EQ(FindIn(file, path, "a"), "1");
     std::filesystem::resize_file(path, (4 << 20) + 1);
@@ -196,45 +284,23 @@ TEST(SettingsFile, FileThatTheHostRefusesForItsSizeIsNotReadHereEither)
     EXPECT_EQ(FindIn(file, path, "a"), "none");
 }
 
-TEST(SettingsFile, GenerationIsAnotherWhenTheEntriesAre)
+TEST(SettingsFile, ALookTellsWhetherAnythingIsAnotherThanBefore)
 {
     const TempFolder folder;
     const std::string path = folder / "x.ini";
-    SettingsFile file;
-    const std::uint64_t none = file.Generation(path);
+    SettingsFile file = OfWorkFolder();
+    EXPECT_FALSE(file.Look(path));
+    WriteFile(path, "");
+    EXPECT_TRUE(file.Look(path)) << "it came";
+    EXPECT_FALSE(file.Look(path));
     WriteFile(path, "[settings]\na=1\n");
-    const std::uint64_t one = file.Generation(path);
-    EXPECT_NE(one, none);
-    WriteFile(path, "; a comment more\n[settings]\na=1\n");
-    EXPECT_EQ(file.Generation(path), one);
-    WriteFile(path, "[settings]\na=2\n");
-    const std::uint64_t two = file.Generation(path);
-    EXPECT_NE(two, one);
+    EXPECT_TRUE(file.Look(path)) << "it changed";
+    EXPECT_FALSE(file.Look(path));
+    EXPECT_EQ(file.Bytes(), "[settings]\na=1\n");
+    ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+    EXPECT_TRUE(file.Look(path)) << "it is refused";
+    EXPECT_EQ(file.Bytes(), "");
     std::filesystem::remove(path);
-    EXPECT_NE(file.Generation(path), two);
-}
-
-TEST(SettingsFile, ThreadsMayAskWhileItChanges)
-{
-    const TempFolder folder;
-    const std::string path = folder / "x.ini";
-    WriteFile(path, "[settings]\na=1\n");
-    SettingsFile file;
-    std::vector<::Test::JoiningThread> readers;
-    std::atomic<int> wrong{0};
-    for (int i = 0; i < 3; ++i)
-        readers.emplace_back([&](const std::atomic<bool>& stop) {
-            while (!stop) {
-                const std::string value = FindIn(file, path, "a");
-                if (value != "1" && value != "2")
-                    ++wrong;
-            }
-        });
-    for (int i = 0; i < 200; ++i) {
-        WriteFile(folder / "new", i % 2 ? "[settings]\na=1\n" : "[settings]\na=2\n");
-        std::filesystem::rename(folder / "new", path);
-    }
-    for (::Test::JoiningThread& reader : readers)
-        reader.Stop();
-    EXPECT_EQ(wrong, 0);
+    EXPECT_TRUE(file.Look(path)) << "it went";
+    EXPECT_FALSE(file.Look(path));
 }

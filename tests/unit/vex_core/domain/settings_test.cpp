@@ -22,30 +22,51 @@ using VexCore::CDom;
 using VexCore::FindSetting;
 using VexCore::IntSetting;
 using VexCore::knownSettings;
+using VexCore::noStandard;
 using VexCore::Setting;
-using VexCore::SettingKind;
+using VexCore::SettingPlace;
 using VexCore::SettingsWatch;
 
 TEST(KnownSettings, EachHasADefaultWithinItsRangeAndANameOfItsOwn)
 {
     for (const Setting& setting : knownSettings) {
-        EXPECT_GE(setting.standard, setting.least) << setting.key;
-        EXPECT_LE(setting.standard, setting.most) << setting.key;
+        if (setting.standard != noStandard) {
+            EXPECT_GE(setting.standard, setting.least) << setting.key;
+            EXPECT_LE(setting.standard, setting.most) << setting.key;
+        }
         EXPECT_EQ(FindSetting(setting.key), &setting) << "another of that name: " << setting.key;
+        EXPECT_STRNE(setting.help, "") << setting.key;
     }
     EXPECT_EQ(FindSetting("app.log.siz"), nullptr);
     EXPECT_EQ(FindSetting(""), nullptr);
+}
+
+TEST(KnownSettings, EachOfAnOperatorsGroupHasADefault)
+{
+    for (const Setting& setting : knownSettings)
+        EXPECT_TRUE(setting.place != SettingPlace::Settings || setting.standard != noStandard) << setting.key;
+}
+
+TEST(KnownSettings, ARowMayBeForAnyNameBehindAKey)
+{
+    ASSERT_NE(FindSetting("vex.Plugin.x"), nullptr);
+    EXPECT_STREQ(FindSetting("vex.Plugin.x")->key, "vex.Plugin.NAME");
+    EXPECT_EQ(FindSetting("vex.Plugin.a.b"), FindSetting("vex.Plugin.x"));
+    EXPECT_EQ(FindSetting("vex.Plugin."), nullptr);
+    EXPECT_EQ(FindSetting("vex.plugin.x"), nullptr) << "a key has its case";
 }
 
 TEST(Settings, AbsentAndUnreadableAreTheDefault)
 {
     const DomPtr dom = NewRoot();
     for (const Setting& setting : knownSettings)
-        for (const char* text : {"", "many", "0x10", "1e3", "5 MB", "99999999999999999999"}) {
+        for (const char* text : {"", "many", "0x10", "1e3", "5 MB", "60 ; comment", "99999999999999999999"}) {
+            if (setting.place != SettingPlace::Settings)
+                continue;
             dom->Remove(setting.key);
             if (*text)
                 dom->Set(setting.key, text);
-            if (setting.type == SettingKind::Int)
+            if (IsInteger(setting.kind))
                 EXPECT_EQ(IntSetting(*dom, setting.key), setting.standard) << setting.key << '=' << text;
             else
                 EXPECT_EQ(BoolSetting(*dom, setting.key), setting.standard != 0) << setting.key << '=' << text;
@@ -56,7 +77,7 @@ TEST(Settings, ZeroAndBelowAreTheDefaultOfEachLimit)
 {
     const DomPtr dom = NewRoot();
     for (const Setting& setting : knownSettings) {
-        if (setting.type != SettingKind::Int)
+        if (setting.place != SettingPlace::Settings || !IsInteger(setting.kind))
             continue;
         for (const std::int64_t value : {static_cast<std::int64_t>(0), static_cast<std::int64_t>(-1), INT64_MIN}) {
             dom->SetWx(setting.key, value);
@@ -94,6 +115,32 @@ TEST(Settings, BlanksAroundAValueOfTheFileDoNotCount)
     EXPECT_FALSE(BoolSetting(*dom, "app.lua.cache"));
 }
 
+TEST(Settings, SizesAndTimesMayHaveASuffixInDomainAndFile)
+{
+    const TempFolder folder;
+    WriteFile(folder / "x.ini", "[settings]\napp.log.size = 10M\nvex.HeartbeatInterval = 1h\n");
+    const DomPtr dom = NewRoot();
+    dom->Set("app.path.ini", folder / "x.ini");
+    EXPECT_EQ(IntSetting(*dom, "app.log.size"), 10485760);
+    EXPECT_EQ(IntSetting(*dom, "vex.HeartbeatInterval"), 3600);
+    dom->Set("vex.HeartbeatInterval", "2m");
+    EXPECT_EQ(IntSetting(*dom, "vex.HeartbeatInterval"), 120);
+    dom->Set("app.log.count", "2K");
+    EXPECT_EQ(IntSetting(*dom, "app.log.count"), 5) << "a plain number";
+}
+
+TEST(Settings, ASwitchIsOnOrOff)
+{
+    const DomPtr dom = NewRoot();
+    EXPECT_FALSE(BoolSetting(*dom, "vex.Plugin.x"));
+    dom->Set("vex.Plugin.x", " ON ");
+    EXPECT_TRUE(BoolSetting(*dom, "vex.Plugin.x"));
+    dom->Set("vex.Plugin.x", "perhaps");
+    EXPECT_FALSE(BoolSetting(*dom, "vex.Plugin.x"));
+    dom->Set("app.lua.cache", "off");
+    EXPECT_TRUE(BoolSetting(*dom, "app.lua.cache")) << "a flag is true or false";
+}
+
 namespace {
 // One second after another may begin at any time, so a test waits for more than one.
 void WaitForTheNextLookAtTheFile()
@@ -128,6 +175,8 @@ TEST(SettingsWatch, ToldOfAnotherFileAtOnceAndOfAChangedOneWithinASecond)
     SettingsWatch watch(*dom, {"a"});
     watch.TakeChange(*dom);
     dom->Set("app.path.ini", folder / "x.ini");
+    EXPECT_TRUE(watch.TakeChange(*dom));
+    dom->Set("app.path.ini.global", folder / "x.conf");
     EXPECT_TRUE(watch.TakeChange(*dom));
     WaitForTheNextLookAtTheFile();
     EXPECT_FALSE(watch.TakeChange(*dom)) << "the file is as it was";

@@ -15,10 +15,12 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <sys/statvfs.h>
 #include <sys/utsname.h>
@@ -236,12 +238,31 @@ TEST_F(NativeModules, KeysOfSettingsAreThoseOfDomainAndFileAsTheyAreWritten)
     EXPECT_EQ(Run("return #require('vex.settings').keys('vex.none')"), "0");
 }
 
+TEST_F(NativeModules, ASettingOfTheHostsHasItsDefaultAndItsRangeWithoutAnotherWord)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    const std::string interval = "return require('vex.settings').int('vex.HeartbeatInterval', 7)";
+    EXPECT_EQ(Run(interval), "60");
+    for (const auto& [value, counts] :
+         {std::pair{"5", "5"}, {"2m", "120"}, {"0", "60"}, {"-3", "60"}, {"often", "60"}}) {
+        dom->Set("vex.HeartbeatInterval", value);
+        EXPECT_EQ(Run(interval), counts) << value;
+    }
+    dom->SetWx("vex.HeartbeatInterval", std::numeric_limits<std::int64_t>::max());
+    EXPECT_EQ(Run("return require('vex.settings').int('vex.HeartbeatInterval') == 2^53"), "true");
+    EXPECT_EQ(Run("return require('vex.settings').bool('app.lua.cache', false)"), "true");
+    EXPECT_EQ(Run("return require('vex.settings').bool('vex.Plugin.x', true)"), "false");
+    dom->Set("vex.Plugin.x", "on");
+    EXPECT_EQ(Run("return require('vex.settings').bool('vex.Plugin.x')"), "true");
+}
+
 TEST_F(NativeModules, DefaultsOfTheHostsOwnSettingsAreThoseOfItsTable)
 {
     EXPECT_EQ(Run("return require('vex.settings').default('vex.HeartbeatInterval')"), "60");
     EXPECT_EQ(Run("return require('vex.settings').default('app.unzip.maxbytes') == 2^32"), "true");
     EXPECT_EQ(Run("return require('vex.settings').default('app.lua.cache')"), "true");
     EXPECT_EQ(Run("return require('vex.settings').default('vex.One')"), "nil");
+    EXPECT_EQ(Run("return require('vex.settings').default('app.path.work')"), "nil");
 }
 
 TEST_F(NativeModules, AnIntegerBeyondWhatLuaHoldsIsAnError)
