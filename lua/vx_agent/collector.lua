@@ -11,13 +11,14 @@ local log = require("vex.log")("vx_agent.collector")
 
 local M = {}
 
-local request_key = "vex.CollectNow"
-local longest_wait = 60 -- seconds after which the interval is read again
+local request_key, interval_key = "vex.CollectNow", "vex.CollectInterval"
+local keys = { request_key, interval_key }
+local longest_wait = 60 -- seconds after which the interval is read again: nobody is woken by a file
 
 local function interval_of(plugin)
   local seconds = plugin.interval
   if type(seconds) == "number" and seconds >= 1 then return seconds end
-  return settings.int("vex.CollectInterval")
+  return settings.int(interval_key)
 end
 
 -- Sleeps until a collection is due. False: the worker is to end.
@@ -26,8 +27,9 @@ local function sleep(plugin, dom)
   while true do
     local left = last + interval_of(plugin) - host.monotonic()
     if left <= 0 then return true end
-    local written = dom:Wait(request_key, math.min(left, longest_wait))
-    if written ~= false then return written end
+    local written, key = dom:Wait(keys, math.min(left, longest_wait))
+    if written == nil then return false end
+    if key == request_key then return true end
   end
 end
 
@@ -51,7 +53,7 @@ function M.run(argument)
   end
   local entry = { id = argument.plugin, plugin = plugin }
   if not plugins.call(entry, "start", dom0) then return end
-  local ending = dom0:Wait(request_key, 0) == nil -- from the first wait on no request is missed
+  local ending = dom0:Wait(keys, 0) == nil -- from the first wait on no request is missed
   while not ending do
     M.collect(entry, dom0)
     ending = not sleep(plugin, dom0)

@@ -1,8 +1,8 @@
 --- The worker that shows that the agent lives.
 --
 -- A beat is a row in heartbeat.db and, once the row is on stable storage, a line in the log. It beats when it starts,
--- every "vex.HeartbeatInterval" seconds, and at once when "vex.HeartbeatNow" becomes true. Between beats it sleeps; of
--- an interval longer than a minute it looks once a minute whether it has changed.
+-- every "vex.HeartbeatInterval" seconds, and at once when "vex.HeartbeatNow" becomes true. Between beats it sleeps. An
+-- interval that is written takes effect at once; once a minute it looks whether a file has another one.
 
 local history = require("vx_agent.history")
 local host = require("vex.host")
@@ -13,8 +13,9 @@ local log = require("vex.log")("vex.Heartbeat")
 local M = {}
 M.__index = M
 
-local request_key = "vex.HeartbeatNow"
-local longest_wait = 60 -- seconds after which the interval is read again: an hour's may have become a minute's
+local request_key, interval_key = "vex.HeartbeatNow", "vex.HeartbeatInterval"
+local keys = { request_key, interval_key }
+local longest_wait = 60 -- seconds after which the interval is read again: nobody is woken by a file
 
 -- The database, opened when it is first needed and again after a failure.
 function M:open_history()
@@ -79,10 +80,10 @@ function M:wait_for_beat()
   local last = host.monotonic()
   while true do
     if self:take_request() then return "request" end
-    local left = last + settings.int("vex.HeartbeatInterval") - host.monotonic()
+    local left = last + settings.int(interval_key) - host.monotonic()
     if left <= 0 then return "interval" end
     log.trace("the next beat is due in %.0f s", left)
-    if self.dom:Wait(request_key, math.min(left, longest_wait)) == nil then return nil end
+    if self.dom:Wait(keys, math.min(left, longest_wait)) == nil then return nil end
   end
 end
 
@@ -95,7 +96,7 @@ end
 --- The worker's body: beats until the agent stops.
 function M.run()
   local self = M.new(dom0)
-  dom0:Wait(request_key, 0) -- from here on no request between two waits is missed
+  dom0:Wait(keys, 0) -- from here on no write between two waits is missed
   self:take_request() -- the first beat answers it
   local reason = "start"
   while reason do

@@ -95,8 +95,8 @@ public:
 
     /// A setting of the core library or of the bundled application: the key itself and, where it has no value, the
     /// entry of that name in the group [settings] of the configuration files: those that "app.path.ini" and
-    /// "app.path.ini.global" name, and the drop-ins beside the latter. They are read once they are needed and again when
-    /// they changed.
+    /// "app.path.ini.global" name, and the drop-ins beside the latter. They are read once they are needed and again
+    /// when they changed.
     bool GetSetting(const char* key, std::string& text) const;
     bool GetSetting(const char* key, bool& value) const;
     bool GetSetting(const char* key, std::int64_t& value) const;
@@ -104,6 +104,10 @@ public:
     /// Sleeps until the key or a key below it is written or removed, `timeoutMs` is over (negative: no limit), or the
     /// calling thread, when it is a CRunnable, is asked to end. Costs no processor time while it sleeps.
     EWait Wait(const char* key, std::int64_t timeoutMs) const;
+    /// The same for any of several keys, at most `maxWaitKeys`. With `Written`, `which` is the index of one that was;
+    /// of others the next wait tells.
+    EWait Wait(const std::vector<std::string>& keys, std::int64_t timeoutMs, std::size_t& which) const;
+    static constexpr std::size_t maxWaitKeys = 16;
 
     /// "app.path.work"/plugins/`plugin`, made on demand with mode 0700. The path is returned even when it could not be
     /// made. A plugin name that is no plain file name (empty, ".", "..", with a "/") gives "app.path.work"/plugins.

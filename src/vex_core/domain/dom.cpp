@@ -451,9 +451,18 @@ bool CDom::GetSetting(const char* key, std::int64_t& value) const
 
 CDom::EWait CDom::Wait(const char* key, std::int64_t timeoutMs) const
 {
-    WaitList& waits = m_impl->store->Waits();
-    const bool everything = !key || !*key;
-    switch (waits.Wait(everything ? std::string_view(m_impl->prefix) : std::string_view(m_impl->Key(key)), timeoutMs)) {
+    std::size_t which = 0;
+    return Wait({std::string(key ? key : "")}, timeoutMs, which);
+}
+
+CDom::EWait CDom::Wait(const std::vector<std::string>& keys, std::int64_t timeoutMs, std::size_t& which) const
+{
+    static_assert(maxWaitKeys == WaitList::maxScopes, "the one is the other's to tell");
+    std::vector<std::string> scopes;
+    for (const std::string& key : keys)
+        scopes.emplace_back(key.empty() ? std::string_view(m_impl->prefix)
+                                        : std::string_view(m_impl->Key(key.c_str())));
+    switch (m_impl->store->Waits().Wait(scopes, timeoutMs, which)) {
     case WaitList::Result::Written:
         return EWait::Written;
     case WaitList::Result::Ending:

@@ -37,10 +37,13 @@ public:
 
     std::shared_ptr<Subscription> Find(WaitList& list, std::string_view scope)
     {
-        for (const Entry& entry : m_entries)
-            if (entry.subscription->scope == scope && entry.list.lock().get() == &list)
-                return entry.subscription;
-        return Add(list, scope);
+        const auto found = std::find_if(m_entries.begin(), m_entries.end(), [&](const Entry& entry) {
+            return entry.subscription->scope == scope && entry.list.lock().get() == &list;
+        });
+        if (found == m_entries.end())
+            return Add(list, scope);
+        std::rotate(found, found + 1, m_entries.end()); // the first are given up when there are too many
+        return m_entries.back().subscription;
     }
 
 private:
@@ -55,14 +58,12 @@ private:
                 alive->Remove(subscription.get());
         }
     };
-    static constexpr std::size_t maxEntries = 16;
-
     std::shared_ptr<Subscription> Add(WaitList& list, std::string_view scope)
     {
         m_entries.erase(
             std::remove_if(m_entries.begin(), m_entries.end(), [](const Entry& entry) { return entry.list.expired(); }),
             m_entries.end());
-        if (m_entries.size() >= maxEntries) {
+        if (m_entries.size() >= maxScopes) {
             m_entries.front().Cancel();
             m_entries.erase(m_entries.begin());
         }
@@ -79,31 +80,39 @@ private:
     std::vector<Entry> m_entries;
 };
 
-WaitList::Result WaitList::Wait(std::string_view scope, std::int64_t timeoutMs)
+WaitList::Result WaitList::Wait(const std::vector<std::string>& scopes, std::int64_t timeoutMs, std::size_t& which)
 {
     WaitPoint& point = WaitPoint::OfThisThread();
-    const std::shared_ptr<Subscription> subscription = ThreadSubscriptions::OfThisThread().Find(*this, scope);
+    std::vector<std::shared_ptr<Subscription>> own;
+    for (const std::string& scope : scopes)
+        own.push_back(ThreadSubscriptions::OfThisThread().Find(*this, scope));
+    const auto isWritten = [](const auto& subscription) { return subscription->written; };
     const Deadline deadline(timeoutMs);
     point.Clear();
     {
         const std::lock_guard lock(m_lock);
-        subscription->sleeper = &point;
-        if (subscription->written)
+        for (const auto& subscription : own)
+            subscription->sleeper = &point;
+        if (std::any_of(own.begin(), own.end(), isWritten))
             point.Notify();
     }
 
     for (;;) {
         const WaitPoint::Outcome outcome = point.Sleep(deadline.LeftMs());
         const std::lock_guard lock(m_lock);
-        const bool written = subscription->written;
+        const auto written = std::find_if(own.begin(), own.end(), isWritten);
         // A notification of an earlier wait that was sent too late for it.
-        if (outcome == WaitPoint::Outcome::Notified && !written)
+        if (outcome == WaitPoint::Outcome::Notified && written == own.end())
             continue;
-        subscription->sleeper = nullptr;
+        for (const auto& subscription : own)
+            subscription->sleeper = nullptr;
         if (outcome == WaitPoint::Outcome::Ending)
             return Result::Ending;
-        subscription->written = false;
-        return written ? Result::Written : Result::TimedOut;
+        if (written == own.end())
+            return Result::TimedOut;
+        (*written)->written = false;
+        which = static_cast<std::size_t>(written - own.begin());
+        return Result::Written;
     }
 }
 

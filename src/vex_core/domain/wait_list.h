@@ -16,9 +16,10 @@ class WaitPoint;
 
 /// Who waits for which keys of one tree.
 ///
-/// A thread's first wait for a key subscribes the thread to it, and it stays subscribed (to its last 16 keys) until it
-/// ends: what other threads write between two waits for the same key ends the later one at once. So a thread that
-/// handles a key's value and then waits for the key again misses nothing. Its own writes do not count.
+/// A thread's first wait for a key subscribes the thread to it, and it stays subscribed (to the `maxScopes` that it
+/// waited for last) until it ends: what other threads write between two waits for the same key ends the later one at
+/// once. So a thread that handles a key's value and then waits for the key again misses nothing. Its own writes do not
+/// count.
 ///
 /// Any thread.
 class WaitList : public std::enable_shared_from_this<WaitList>
@@ -26,8 +27,12 @@ class WaitList : public std::enable_shared_from_this<WaitList>
 public:
     enum class Result { Written, TimedOut, Ending };
 
-    /// Sleeps until `scope` or a key below it is written. An empty scope is every key.
-    Result Wait(std::string_view scope, std::int64_t timeoutMs);
+    /// A thread is subscribed to its last so many scopes.
+    static constexpr std::size_t maxScopes = 16;
+
+    /// Sleeps until one of these scopes, at most `maxScopes`, or a key below one is written. An empty scope is every
+    /// key. With `Written`, `which` is the index of one that was; the others that were are kept for the next wait.
+    Result Wait(const std::vector<std::string>& scopes, std::int64_t timeoutMs, std::size_t& which);
 
     /// `key` was written or removed. One atomic load when nobody ever waited.
     void Written(std::string_view key);

@@ -50,6 +50,28 @@ int PushDefault(lua_State* L)
     return 1;
 }
 
+// An argument that is an array of strings without zero bytes.
+std::vector<std::string> StringsArgument(lua_State* L, int index)
+{
+    constexpr const char* wanted = "array of strings";
+    std::vector<std::string> strings;
+    if (!lua_istable(L, index))
+        RaiseArgumentError(L, index, wanted);
+    const int count = static_cast<int>(lua_rawlen(L, index));
+    for (int i = 1; i <= count; ++i) {
+        lua_rawgeti(L, index, i);
+        std::size_t length = 0;
+        const char* bytes = lua_tolstring(L, -1, &length);
+        if (!bytes)
+            RaiseArgumentError(L, index, wanted, lua_pushfstring(L, "%s at [%d]", luaL_typename(L, -1), i));
+        if (std::string_view(bytes, length).find('\0') != std::string_view::npos)
+            RaiseArgumentError(L, index, wanted, lua_pushfstring(L, "string with a zero byte at [%d]", i));
+        strings.emplace_back(bytes, length);
+        lua_pop(L, 1);
+    }
+    return strings;
+}
+
 // --- values
 
 int Get(CDom& dom, lua_State* L)
@@ -121,13 +143,22 @@ std::vector<std::string> Keys(CDom& dom, std::optional<const char*> prefix)
     return dom.Keys(prefix.value_or(""));
 }
 
+// For one key, or for an array of them; of these a second result tells which was written.
 int Wait(CDom& dom, lua_State* L)
 {
-    const char* key = Value<const char*>::Get(L, firstArgument);
-    switch (dom.Wait(key, VexCore::MillisecondsArgument(L, secondArgument))) {
+    const bool several = lua_istable(L, firstArgument);
+    std::vector<std::string> keys;
+    if (several)
+        keys = StringsArgument(L, firstArgument);
+    else
+        keys.emplace_back(Value<const char*>::Get(L, firstArgument));
+    if (keys.empty() || keys.size() > CDom::maxWaitKeys)
+        RaiseArgumentError(L, firstArgument, "1 to 16 keys", std::to_string(keys.size()).c_str());
+    std::size_t which = 0;
+    switch (dom.Wait(keys, VexCore::MillisecondsArgument(L, secondArgument), which)) {
     case CDom::EWait::Written:
         lua_pushboolean(L, true);
-        break;
+        return several ? 1 + PushBytes(L, keys[which]) : 1;
     case CDom::EWait::TimedOut:
         lua_pushboolean(L, false);
         break;
@@ -253,30 +284,6 @@ int PluginWorkdir(CDom& dom, lua_State* L)
     return 2;
 }
 
-std::vector<std::string> ProgramArguments(lua_State* L)
-{
-    std::vector<std::string> arguments;
-    if (lua_isnoneornil(L, secondArgument))
-        return arguments;
-    if (!lua_istable(L, secondArgument))
-        RaiseArgumentError(L, secondArgument, "array of strings");
-    const int count = static_cast<int>(lua_rawlen(L, secondArgument));
-    for (int i = 1; i <= count; ++i) {
-        lua_rawgeti(L, secondArgument, i);
-        std::size_t length = 0;
-        const char* bytes = lua_tolstring(L, -1, &length);
-        if (!bytes)
-            RaiseArgumentError(L, secondArgument, "array of strings",
-                               lua_pushfstring(L, "%s at [%d]", luaL_typename(L, -1), i));
-        if (std::string_view(bytes, length).find('\0') != std::string_view::npos)
-            RaiseArgumentError(L, secondArgument, "array of strings",
-                               lua_pushfstring(L, "string with a zero byte at [%d]", i));
-        arguments.emplace_back(bytes, length);
-        lua_pop(L, 1);
-    }
-    return arguments;
-}
-
 // Pushes an option of the table at `thirdArgument`; false when it is not there. Another type is refused.
 bool PushOption(lua_State* L, const char* name, int type, const char* wanted)
 {
@@ -315,7 +322,8 @@ int Execute(CDom&, lua_State* L)
 {
     VexCore::ProgramRequest request;
     request.program = Value<const char*>::Get(L, firstArgument);
-    request.arguments = ProgramArguments(L);
+    if (!lua_isnoneornil(L, secondArgument))
+        request.arguments = StringsArgument(L, secondArgument);
     ReadProgramOptions(L, request);
     if (VexCore::AskToStart() == VexCore::MayStart::NoAgain)
         return luaL_error(L, "%s", VexCore::asksNoMoreText);

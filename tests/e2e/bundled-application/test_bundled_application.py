@@ -191,6 +191,17 @@ return { name = "Asker", version = "1",
 
 
 @pytest.mark.sandbox
+def test_an_interval_that_is_written_takes_effect_at_once(tree):
+    tree.file("hasty/plugin.lua", """
+return { name = "Hasty", version = "1",
+  start = function(dom) dom:Wait("never", 0.3) dom:Set("vex.HeartbeatInterval", 1) end }""")
+    supervisor, _ = tree.background("--plugins", "hasty", "--domain_var", "vex.HeartbeatInterval=3600")
+    wait_until(lambda: len(beats(tree)) >= 3, what="three beats")
+    assert [reason for _, reason in beats(tree)[:3]] == ["start", "interval", "interval"]
+    tree.stop(supervisor)
+
+
+@pytest.mark.sandbox
 def test_the_interval_may_come_from_the_configuration_file(tree):
     tree.file("work/vx_agent.ini", "[settings]\nvex.HeartbeatInterval=1\nvex.HeartbeatKeepRows=2\n")
     supervisor, _ = tree.background()

@@ -32,14 +32,15 @@ function M:TimeMillis() return self.now end
 
 function M:PluginWorkdir() return self.folder end
 
---- Each wait takes the next entry of `waits`: a value to return, or a function that is called and returns it. Without
--- entries the thread is asked to end.
-function M:Wait(key, seconds)
+--- Each wait takes the next entry of `waits`: false, the key that was written meanwhile, "end", or a function that is
+-- called and returns one of these. Without entries the thread is asked to end.
+function M:Wait(keys, seconds)
   self.waited = self.waited or {}
-  table.insert(self.waited, { key = key, seconds = seconds })
+  table.insert(self.waited, { keys = keys, seconds = seconds })
   local step = table.remove(self.waits, 1)
   if type(step) == "function" then step = step() end
   if step == "end" then return nil end
+  if step then return true, step end
   return step
 end
 

@@ -43,13 +43,26 @@ function M.TestCollector:time_over()
 end
 
 function M.TestCollector:test_it_starts_collects_at_once_and_again_and_stops_with_the_agent()
-  dom0.waits = { false, self:time_over(), true, "end" }
+  dom0.waits = { false, self:time_over(), "vex.CollectNow", "end" }
   collector.run({ plugin = "probe" })
   lu.assertEquals(table.concat(calls, " "), "start collect collect collect stop")
-  lu.assertEquals(dom0.waited[2], { key = "vex.CollectNow", seconds = 12 })
+  lu.assertEquals(dom0.waited[2], { keys = { "vex.CollectNow", "vex.CollectInterval" }, seconds = 12 })
 end
 
-function M.TestCollector:test_an_interval_that_becomes_shorter_counts_within_a_minute()
+function M.TestCollector:test_an_interval_that_is_written_counts_at_once_and_asks_for_no_collection()
+  require("probe.plugin").interval = nil
+  local interval = 3600
+  settings.int = function() return interval end
+  dom0.waits = { false, function()
+    interval, self.clock = 50, self.clock + 20
+    return "vex.CollectInterval"
+  end, self:time_over(), "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertEquals(dom0.waited[3].seconds, 30)
+  lu.assertEquals(table.concat(calls, " "), "start collect collect stop")
+end
+
+function M.TestCollector:test_an_interval_of_a_file_that_becomes_shorter_counts_within_a_minute()
   require("probe.plugin").interval = nil
   local interval = 3600
   settings.int = function() return interval end
@@ -103,7 +116,7 @@ function M.TestCollector:test_it_asks_for_requests_before_the_first_collection_s
   dom0.waits = { false, "end" }
   collector.run({ plugin = "probe" })
   lu.assertEquals(calls, { "start", 1, "stop" })
-  lu.assertEquals(dom0.waited[1], { key = "vex.CollectNow", seconds = 0 })
+  lu.assertEquals(dom0.waited[1], { keys = { "vex.CollectNow", "vex.CollectInterval" }, seconds = 0 })
 end
 
 function M.TestCollector:test_a_plugin_that_is_gone_is_a_warning()

@@ -53,7 +53,7 @@ end
 function M.TestHeartbeat:test_it_beats_at_the_start_and_then_once_an_interval()
   self:run_with(self:time_over(), self:time_over())
   lu.assertEquals(self:reasons(), "start interval interval")
-  lu.assertEquals(self.domain.waited[2], { key = request, seconds = 60 })
+  lu.assertEquals(self.domain.waited[2], { keys = { request, "vex.HeartbeatInterval" }, seconds = 60 })
 end
 
 function M.TestHeartbeat:test_each_beat_is_a_line_in_the_log()
@@ -64,7 +64,7 @@ end
 function M.TestHeartbeat:test_a_request_is_answered_at_once_and_taken_back()
   self:run_with(function()
     self.domain.values[request] = true
-    return true
+    return request
   end)
   lu.assertEquals(self:reasons(), "start request")
   lu.assertEquals(self.domain.values[request], false)
@@ -87,10 +87,10 @@ function M.TestHeartbeat:test_a_request_that_comes_during_a_beat_is_not_missed()
   lu.assertEquals(self:reasons(), "start request")
 end
 
-function M.TestHeartbeat:test_a_write_of_something_else_is_no_request_and_does_not_move_the_next_beat()
+function M.TestHeartbeat:test_a_write_that_is_not_true_is_no_request_and_does_not_move_the_next_beat()
   self:run_with(function()
     self.clock = self.clock + 20
-    return true
+    return request
   end, self:time_over())
   lu.assertEquals(self.domain.waited[3].seconds, 40)
   lu.assertEquals(self:reasons(), "start interval")
@@ -108,7 +108,22 @@ function M.TestHeartbeat:test_the_interval_is_a_setting_that_is_read_before_each
   lu.assertEquals(self:reasons(), "start interval")
 end
 
-function M.TestHeartbeat:test_an_interval_that_becomes_shorter_counts_within_a_minute()
+function M.TestHeartbeat:test_an_interval_that_is_written_counts_at_once_from_the_last_beat()
+  self.values["vex.HeartbeatInterval"] = 3600
+  self:run_with(function()
+    self.clock = self.clock + 20
+    self.values["vex.HeartbeatInterval"] = 50
+    return "vex.HeartbeatInterval"
+  end, self:time_over(), function()
+    self.clock = self.clock + 20
+    self.values["vex.HeartbeatInterval"] = 10
+    return "vex.HeartbeatInterval"
+  end)
+  lu.assertEquals(self.domain.waited[3].seconds, 30)
+  lu.assertEquals(self:reasons(), "start interval interval")
+end
+
+function M.TestHeartbeat:test_an_interval_of_a_file_that_becomes_shorter_counts_within_a_minute()
   self.values["vex.HeartbeatInterval"] = 3600
   self:run_with(self:time_over(), function()
     self.values["vex.HeartbeatInterval"] = 150

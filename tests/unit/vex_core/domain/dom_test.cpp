@@ -680,6 +680,49 @@ TEST(DomWait, ThreadMayWaitForManyKeysOfManyTrees)
     }
 }
 
+TEST(DomWait, AWaitForSeveralKeysTellsWhichWasWrittenAndKeepsTheOthersForTheNext)
+{
+    const DomPtr dom = NewRoot();
+    const std::vector<std::string> keys{"a", "b", "c"};
+    std::size_t which = 99;
+    EXPECT_EQ(dom->Wait(keys, 20, which), EWait::TimedOut);
+    EXPECT_EQ(which, 99U);
+    ::Test::JoiningThread writer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        dom->Set("b.below", true);
+    });
+    EXPECT_EQ(dom->Wait(keys, -1, which), EWait::Written);
+    EXPECT_EQ(which, 1U);
+    writer.join();
+    std::thread([&] {
+        dom->Set("c", true);
+        dom->Set("a", true);
+    }).join();
+    EXPECT_EQ(dom->Wait(keys, -1, which), EWait::Written);
+    EXPECT_EQ(which, 0U);
+    EXPECT_EQ(dom->Wait(keys, -1, which), EWait::Written);
+    EXPECT_EQ(which, 2U);
+    EXPECT_EQ(dom->Wait(keys, 0, which), EWait::TimedOut);
+}
+
+TEST(DomWait, OfManyKeysThoseThatWereWaitedForLastAreKept)
+{
+    const DomPtr dom = NewRoot();
+    std::vector<std::string> keys;
+    for (std::size_t i = 0; i < CDom::maxWaitKeys; ++i)
+        keys.push_back("k." + std::to_string(i));
+    EXPECT_EQ(dom->Wait("k.0", 0), EWait::TimedOut); // which is the oldest when the others come
+    for (std::size_t i = 1; i < CDom::maxWaitKeys; ++i)
+        EXPECT_EQ(dom->Wait(("other." + std::to_string(i)).c_str(), 0), EWait::TimedOut);
+    std::size_t which = 0;
+    EXPECT_EQ(dom->Wait(keys, 0, which), EWait::TimedOut);
+    for (const std::size_t i : {std::size_t{0}, std::size_t{5}, keys.size() - 1}) {
+        std::thread([&] { dom->Set(keys[i].c_str(), true); }).join();
+        EXPECT_EQ(dom->Wait(keys, 0, which), EWait::Written) << i;
+        EXPECT_EQ(which, i);
+    }
+}
+
 TEST(DomWait, RequestToEndWakesAndIsReportedFromThenOn)
 {
     const DomPtr dom = NewRoot();

@@ -202,6 +202,19 @@ TEST_F(DomainInLua, WaitTellsWrittenFromTimeOver)
     EXPECT_THAT(Run("dom0:Wait('key', 0/0)"), HasSubstr("#2"));
 }
 
+TEST_F(DomainInLua, WaitForSeveralKeysNamesTheOneThatWasWritten)
+{
+    EXPECT_EQ(Run("dom0:Wait({'a', 'b'}, 0)"), "false");
+    std::thread([this] { m_dom->Set("b", true); }).join();
+    EXPECT_EQ(Run("(dom0:Wait({'a', 'b'}, 0))"), "true");
+    std::thread([this] { m_dom->Set("b", true); }).join();
+    EXPECT_EQ(Run("select(2, dom0:Wait({'a', 'b'}, 0))"), "b");
+    EXPECT_EQ(Run("select('#', dom0:Wait('a', 0))"), "1");
+    EXPECT_THAT(Run("dom0:Wait({}, 0)"), HasSubstr("#1 to 'SLB.Dom:Wait' (1 to 16 keys expected, got 0)"));
+    EXPECT_THAT(Run("dom0:Wait({'a', {}}, 0)"), HasSubstr("(array of strings expected, got table at [2])"));
+    EXPECT_THAT(Run("dom0:Wait({1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17}, 0)"), HasSubstr("got 17"));
+}
+
 // --- log and trace
 
 // The disk log has one place for the whole process, so these run in processes of their own.
