@@ -76,6 +76,22 @@ def unmount(folder):
         raise OSError(ctypes.get_errno(), "umount", folder)
 
 
+@pytest.fixture
+def etc():
+    """An /etc of this test's own; writes a file below it, with a mode."""
+    mount_tmpfs("/etc")
+
+    def write(name, content, mode=0o644):
+        path = os.path.join("/etc", name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(content)
+        os.chmod(path, mode)
+        return path
+    yield write
+    unmount("/etc")
+
+
 def pytest_configure(config):
     config.addinivalue_line("markers", "quick: also run by ./test --quick; each scenario has one")
     config.addinivalue_line("markers", "fast: also run in the sanitizer builds of ./test --ci")

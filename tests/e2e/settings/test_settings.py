@@ -6,7 +6,7 @@ import shutil
 
 import pytest
 
-from conftest import mount_tmpfs, unmount, wait_until
+from conftest import wait_until
 
 SHOW = """
 local settings = require("vex.settings")
@@ -24,22 +24,6 @@ vex.HeartbeatInterval = 60 ; a minute
 app.log.size = 10M
 app.logcount = 3
 """
-
-
-@pytest.fixture
-def etc():
-    """An /etc of this test's own; writes a file below it, with a mode."""
-    mount_tmpfs("/etc")
-
-    def write(name, content, mode=0o644):
-        path = os.path.join("/etc", name)
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "w", encoding="utf-8") as file:
-            file.write(content)
-        os.chmod(path, mode)
-        return path
-    yield write
-    unmount("/etc")
 
 
 def told(log):

@@ -54,5 +54,7 @@ Body AddLog(Options& options);
 Body AddEvents(Options& options);
 Body AddHeartbeats(Options& options);
 Body AddCrashes(Options& options);
+Body AddConfig(Options& options);
+Body AddCheckConfig(Options& options);
 
 } // namespace Vexctl

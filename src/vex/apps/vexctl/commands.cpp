@@ -20,6 +20,8 @@ const std::vector<Command>& Commands()
         {"events", "Watching", "Agent events", AddEvents},
         {"heartbeats", "Watching", "The history of heartbeats", AddHeartbeats},
         {"crashes", "Watching", "Crash dumps: what crashed where, and how to open one", AddCrashes},
+        {"config", "Settings", "The settings in force and where each comes from", AddConfig},
+        {"check-config", "Settings", "What is wrong in the files of settings", AddCheckConfig},
     };
     return s_commands;
 }

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 
+#include <wx/fileconf.h>
+
 namespace Vexctl {
 
 std::string Place::FileName() const
@@ -45,6 +47,17 @@ std::string Place::HeartbeatFile() const
 std::string Place::DumpFolder() const
 {
     return workFolder + "/plugins/diag";
+}
+
+std::string Place::LocalSettingsFile() const
+{
+    return workFolder + "/" + name + ".ini";
+}
+
+// As the framework has it for an application of this name.
+std::string Place::GlobalSettingsFile() const
+{
+    return VexCore::ToSystemBytes(wxFileConfig::GetGlobalFileName(VexCore::FromSystemBytes(name)));
 }
 
 namespace {

@@ -17,6 +17,8 @@ struct Place
     std::string PendingEventsFile() const;
     std::string HeartbeatFile() const;
     std::string DumpFolder() const;
+    std::string LocalSettingsFile() const;
+    std::string GlobalSettingsFile() const;
 
     /// The name as it stands in the names of files.
     std::string FileName() const;
