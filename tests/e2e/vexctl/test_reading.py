@@ -10,7 +10,7 @@ import pytest
 
 import conftest
 from conftest import BUILD, send_signal, wait_until
-from ctl import Following, ctl, objects, state_of, with_events
+from ctl import Following, ctl, objects, quiet_state_of, state_of, with_events
 
 LOG = """\
 2026-01-31 10:20:30 INFO [100/main] one
@@ -161,7 +161,7 @@ return M
     supervisor, _ = tree.background(name="probe")
     wait_until(lambda: os.path.exists(os.path.join(tree.work, "events.db")), what="the first event")
     wait_until(lambda: ctl(tree, "--name", "probe", "events", "--json").out, what="the event")
-    before = state_of(tree.work)
+    before = quiet_state_of(tree.work)
     event, = objects("events", ctl(tree, "--name", "probe", "events", "--json").out)
     assert (event["schema"], event["number"], event["severity"], event["severity_word"], event["text"]) == (1, 7, 4, "warning",
                                                                                                        "first <&\ufffd[31m")
