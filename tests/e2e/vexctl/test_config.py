@@ -55,16 +55,17 @@ def test_each_setting_tells_the_file_and_line_that_it_comes_from(tree, etc):
 
 @pytest.mark.sandbox
 def test_what_config_shows_is_what_the_agent_takes(tree, etc):
-    etc("vx_agent.d/10.conf", "[settings]\napp.log.size = 3M\n")
-    tree.file("work/vx_agent.ini", FAULTY)
-    tree.app("vx_agent", """
+    etc("probe.d/10.conf", "[settings]\napp.log.size = 3M\n")
+    tree.file("work/probe.ini", FAULTY)
+    tree.app("probe", """
 local settings = require("vex.settings")
 return { main = function()
   for _, key in ipairs({ "vex.HeartbeatInterval", "app.log.size", "app.log.count" }) do print(key, settings.int(key)) end
   return 0
 end }""")
-    taken = dict(line.split("\t") for line in tree.run().out.splitlines())
-    shown = settings(tree)
+    taken = dict(line.split("\t") for line in tree.run(name="probe").out.splitlines() if "\t" in line)
+    assert len(taken) == 3
+    shown = settings(tree, "--name", "probe")
     assert {key: str(shown[key]["value"]) for key in taken} == taken
 
 
@@ -89,7 +90,8 @@ def test_each_fault_is_told_with_its_place_and_what_counts_instead(tree):
 @pytest.mark.parametrize("content, status", [
     ("", 0), ("[settings]\nvex.Plugin.x = on\nown.Key = 1\n", 0), ("[setings]\n", 1), ("[settings]\napp.log.count = 0\n", 1),
     ("[settings]\napp.path.work = /x\n", 1), ("[settings]\na = 1\na = 2\n", 1), ("[settings]\napp.log.count = many\n", 2),
-    ("[settings]\nno entry\n", 2), ("; " + "x" * (4 << 20), 2)])
+    ("[settings]\nno entry\n", 2), ("; " + "x" * (4 << 20), 2)],
+    ids=["empty", "right", "group", "range", "place", "twice", "no number", "no entry", "too large"])
 def test_the_status_tells_how_grave_it_is(tree, content, status):
     tree.file("work/vx_agent.ini", content)
     ctl(tree, "check-config", status=status)

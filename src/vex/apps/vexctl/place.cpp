@@ -8,7 +8,7 @@
 
 #include <algorithm>
 
-#include <wx/fileconf.h>
+#include <wx/filename.h>
 
 namespace Vexctl {
 
@@ -54,10 +54,12 @@ std::string Place::LocalSettingsFile() const
     return workFolder + "/" + name + ".ini";
 }
 
-// As the framework has it for an application of this name.
+// As the framework has it for an application of this name: of one with a point in it the end is replaced.
 std::string Place::GlobalSettingsFile() const
 {
-    return VexCore::ToSystemBytes(wxFileConfig::GetGlobalFileName(VexCore::FromSystemBytes(name)));
+    wxFileName file(VexCore::FromSystemBytes(name));
+    file.SetExt(wxS("conf"));
+    return "/etc/" + VexCore::ToSystemBytes(file.GetFullName());
 }
 
 namespace {
