@@ -23,6 +23,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -643,6 +644,7 @@ protected:
 TEST_F(UnzippingUnderFaults, EachFailingCallMakesItFalseWithOneLineAndLeavesOldOrNewFilesAndNoTemporaryFile)
 {
     WriteFile(m_archive, Package().Build());
+    std::set<std::string> said; // without names
     for (const int error : {EIO, ENOSPC, EACCES}) {
         int n = 1;
         for (bool reached = true; reached; ++n) {
@@ -656,12 +658,25 @@ TEST_F(UnzippingUnderFaults, EachFailingCallMakesItFalseWithOneLineAndLeavesOldO
             reached = g_plan.count >= n;
             EXPECT_EQ(done, !reached) << (reached ? g_plan.names[static_cast<std::size_t>(n) - 1] : "");
             EXPECT_EQ(m_log->Lines().size(), reached ? 1u : 0u);
+            if (reached && error == EIO)
+                said.insert(std::regex_replace(m_log->Text(), std::regex("\"[^\"]*\""), "*"));
             ExpectEachFileOldOrNew();
             EXPECT_FALSE(HasTemporaries(m_root));
         }
         ExpectAllNew();
         EXPECT_GT(n, 80) << "the sweep saw too few calls to mean anything";
     }
+    for (const char* what :
+         {"cannot be opened", "cannot be read", "cannot flush the folder *", "cannot look at the folder *",
+          "cannot look for files of an earlier run", "cannot open the destination *",
+          "cannot remove the list of temporary files", "entry *: cannot be read", "entry *: cannot flush it",
+          "entry *: cannot give it its name", "entry *: cannot look at its destination",
+          "entry *: cannot look at the folder *", "entry *: cannot make a list of temporary files",
+          "entry *: cannot make a temporary file", "entry *: cannot make the folder *",
+          "entry *: cannot open its temporary file", "entry *: cannot open the folder *",
+          "entry *: cannot set its mode", "entry *: cannot write"})
+        EXPECT_EQ(said.count("Cannot process the archive *: " + std::string(what) + ": Input/output error\n"), 1u)
+            << what;
 }
 
 TEST_F(UnzippingUnderFaults, ListWhoseLockASweepTookFirstIsGivenUpForAnother)

@@ -3,12 +3,16 @@
 #include "vex_core/zip/zip_names.h"
 #include "vex_core/zip/zip_reader.h"
 
+#include "support/address_limit.h"
+#include "support/call_watch.h"
 #include "support/joining_thread.h"
 #include "support/need.h"
 #include "support/odd_archives.h"
+#include "support/sanitized.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <map>
 #include <set>
@@ -226,6 +230,49 @@ TEST_F(ZipReader, FileCutShortUnderTheReaderIsAnErrorAndNoSignal)
         EXPECT_FALSE(archive->Read(*archive->Find(name), data, error));
         EXPECT_EQ(error, "the file was cut short while it was read");
     }
+}
+
+TEST_F(ZipReader, HeadersThatCannotBeReadAreAnErrorThatSaysWhy)
+{
+    {
+        const ::Test::CallWatch cutShort([](const os::Call& call) {
+            if (std::string(call.name) == "pread")
+                *call.size = 0;
+            return 0;
+        });
+        EXPECT_FALSE(Open(PlainPackage()));
+        EXPECT_EQ(m_error, "the file was cut short while it was read");
+    }
+    const ::Test::CallWatch broken([](const os::Call& call) { return std::string(call.name) == "pread" ? EIO : 0; });
+    EXPECT_FALSE(Open(PlainPackage()));
+    EXPECT_EQ(m_error, "cannot be read: Input/output error");
+}
+
+TEST_F(ZipReader, EntryForWhichThereIsNoMemoryIsAnError)
+{
+    ZipBuilder builder;
+    builder.Add("small", "x");
+    builder.Add("big", std::string(3 << 20, 'b'));
+    // So large that the heap has no room that was free before.
+    builder.Add("huge", std::string(48 << 20, 'h'), 0);
+    const auto archive = Need(Open(builder));
+    builder = ZipBuilder();
+    std::string error;
+    const auto sink = [](const char*, std::size_t) -> bool { throw std::bad_alloc(); };
+    for (const char* name : {"small", "big"}) {
+        EXPECT_FALSE(archive->Read(*Need(archive->Find(name)), sink, error));
+        EXPECT_EQ(error, "there is not enough memory to read it") << name;
+    }
+#ifndef VEX_TEST_SANITIZED
+    std::string data;
+    bool read = true;
+    {
+        const AddressLimit lessThanTheEntry(8 << 20);
+        read = archive->Read(*Need(archive->Find("huge")), data, error);
+    }
+    EXPECT_FALSE(read);
+    EXPECT_EQ(error, "there is not enough memory to read it");
+#endif
 }
 
 TEST_F(ZipReader, SinkThatHasEnoughEndsTheReadingWithoutAnError)
