@@ -85,7 +85,6 @@ ZipEntry ParseRecord(const unsigned char* record, std::size_t nameSize, std::siz
     entry.method = Get16(record + 10);
     if (entry.method != methodStored && entry.method != methodDeflate)
         RefuseEntry(entry.name, "its method is neither stored nor deflate");
-    entry.dosTime = Get32(record + 12);
     entry.crc32 = Get32(record + 16);
 
     EntryExtent extent{Get32(record + 24), Get32(record + 20), Get32(record + 42), Get16(record + 34)};

@@ -32,7 +32,6 @@ struct ZipEntry
     std::uint64_t size = 0; ///< bytes, unpacked
     std::uint64_t headerOffset = 0; ///< of the local header in the file
     std::uint64_t dataOffset = 0; ///< of the packed bytes in the file
-    std::uint32_t dosTime = 0; ///< date in the high, time in the low 16 bits, as stored
     std::uint16_t flags = 0; ///< of its headers, as stored
 };
 
