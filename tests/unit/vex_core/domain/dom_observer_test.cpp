@@ -138,6 +138,18 @@ TEST(Observer, MayMakeObserversAndDestroyItself)
     EXPECT_EQ(second, 1);
 }
 
+TEST(Observer, ThatAnotherDestroysForTheSameWriteIsNotCalledAnyMore)
+{
+    const DomPtr dom = NewRoot();
+    int calls = 0;
+    std::unique_ptr<DomObserver> later;
+    const DomObserver first(*dom, {"a"}, [&] { later.reset(); });
+    later = std::make_unique<DomObserver>(*dom, std::vector<std::string>{"a"}, [&] { ++calls; });
+    dom->Set("a", "1");
+    EXPECT_EQ(later, nullptr);
+    EXPECT_EQ(calls, 0);
+}
+
 TEST(Observer, EndWaitsForACallOnAnotherThread)
 {
     const DomPtr dom = NewRoot();
