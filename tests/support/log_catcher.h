@@ -39,12 +39,12 @@ public:
             wxLog::FlushActive();
         return m_target.m_lines;
     }
-    /// Lines of one level that contain `part`.
-    std::size_t Count(wxLogLevel level, const std::string& part) const
+    /// Lines of one level that begin with `begin`.
+    std::size_t Count(wxLogLevel level, const std::string& begin) const
     {
         std::size_t count = 0;
         for (const Line& line : Lines())
-            count += line.level == level && line.text.find(part) != std::string::npos ? 1 : 0;
+            count += line.level == level && line.text.compare(0, begin.size(), begin) == 0 ? 1 : 0;
         return count;
     }
     /// The texts one below the other.

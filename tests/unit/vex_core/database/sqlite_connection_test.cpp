@@ -227,7 +227,7 @@ TEST_F(SqliteInit, ValueThatMeansNothingIsOneWarningAndTheDefaultStays)
     Set("journal_size_limit", -2);
     Set("soft_heap_limit", -1);
     EXPECT_TRUE(CSqliteDatabase::InitializeSQLite(m_dom));
-    EXPECT_EQ(m_log.Count(wxLOG_Warning, "cannot be"), 7u) << m_log.All();
+    EXPECT_EQ(m_log.Count(wxLOG_Warning, "Database setting 'sqlite.config."), 7u) << m_log.All();
     EXPECT_EQ(m_log.Count(wxLOG_Warning, "Database setting 'sqlite.config.cache_size' cannot be 'many'"), 1u);
     EXPECT_EQ(m_log.Lines().size(), 7u) << m_log.All();
     const SqliteSettings settings = GetSqliteSettings();

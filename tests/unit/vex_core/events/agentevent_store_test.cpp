@@ -110,6 +110,12 @@ protected:
     std::string Database() const { return m_work + "/events.db"; }
     std::string Pending() const { return m_work + "/events.pending.xml"; }
     bool Exists(const std::string& path) const { return std::filesystem::exists(path); }
+    // What is logged of an event that went to the pending file.
+    std::string Kept(const std::string& reason, const std::string& text) const
+    {
+        return "Agent event kept in '" + Pending() + "', because '" + Database() + "' did not take it (" + reason
+               + "): " + SampleEvent(text).ToXml();
+    }
     static mode_t ModeOf(const std::string& path)
     {
         struct stat status = {};
@@ -204,7 +210,9 @@ TEST_F(EventDatabase, LinksOfAnotherUserAreNeitherDatabaseNorPendingFile)
         std::filesystem::create_symlink(victim / name, link);
         GIVE_AWAY(link);
     }
-    const std::string why = "' is not followed, because the link belongs to user 1000";
+    const std::string why =
+        "' is not followed, because the link belongs to user 1000: give it to root or to the user of "
+        "this process, or remove it)";
     EventStore store(m_work);
     ::Test::LogCatcher log;
     ::Test::StandardError standardError;
@@ -212,8 +220,9 @@ TEST_F(EventDatabase, LinksOfAnotherUserAreNeitherDatabaseNorPendingFile)
     standardError.Text();
     EXPECT_EQ(store.InMemory(), 1u);
     EXPECT_TRUE(std::filesystem::is_empty(victim.Path()));
-    EXPECT_EQ(log.Count(wxLOG_Error, "'" + Database() + why), 1u) << log.All();
-    EXPECT_EQ(log.Count(wxLOG_Error, "'" + Pending() + why), 1u) << log.All();
+    EXPECT_EQ(log.Text(), "Agent event kept in memory, because neither '" + Database() + "' ('" + Database() + why
+                              + " nor '" + Pending() + "' ('" + Pending() + why
+                              + " took it: " + SampleEvent("one").ToXml() + "\n");
     std::filesystem::remove(Pending());
     EXPECT_EQ(store.Write(SampleEvent("two")), 0);
     EXPECT_TRUE(Exists(Pending()));
@@ -403,9 +412,8 @@ TEST_F(EventDatabase, LockedDatabaseMeansPendingFileThenDatabaseOnce)
         ::Test::LogCatcher log;
         EXPECT_EQ(store.Write(SampleEvent("second")), 0);
         EXPECT_EQ(store.Write(SampleEvent("third")), 0);
-        EXPECT_EQ(log.Count(wxLOG_Error, "events.pending.xml"), 2u) << log.All();
-        EXPECT_EQ(log.Count(wxLOG_Error, "locked"), 2u) << log.All();
-        EXPECT_EQ(log.Count(wxLOG_Error, "text=\"second\""), 1u) << log.All();
+        EXPECT_EQ(log.Count(wxLOG_Error, Kept("database is locked", "second")), 1u) << log.All();
+        EXPECT_EQ(log.Count(wxLOG_Error, Kept("database is locked", "third")), 1u) << log.All();
         EXPECT_EQ(log.Lines().size(), 2u) << log.All();
     }
     EXPECT_NE(::Test::ReadFile(Pending()).find("text=\"second\""), std::string::npos);
@@ -513,7 +521,10 @@ TEST_F(EventDatabase, LineCutShortIsAnErrorLineAndTheOthersAreStored)
     ::Test::LogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("next")), 2);
     EXPECT_EQ(Stored(), "good;next;");
-    EXPECT_EQ(log.Count(wxLOG_Error, "is no event and is left out: <pending key=\"k2\"><agent_event text=\"cut"), 1u)
+    EXPECT_EQ(
+        log.Count(wxLOG_Error, "A line of '" + Pending()
+                                   + "' is no event and is left out: <pending key=\"k2\"><agent_event text=\"cut"),
+        1u)
         << log.All();
     EXPECT_FALSE(Exists(Pending()));
 }
@@ -530,7 +541,8 @@ TEST_F(EventDatabase, NothingToWriteInMeansMemoryAndStandardErrorThenDatabaseOnc
     EXPECT_EQ(store.InMemory(), 2u);
     EXPECT_NE(shown.find("text=\"one\""), std::string::npos) << shown;
     EXPECT_NE(shown.find("text=\"two\""), std::string::npos) << shown;
-    EXPECT_EQ(log.Count(wxLOG_Error, "kept in memory"), 2u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Error, "Agent event kept in memory, because neither '" + Database() + "' ("), 2u)
+        << log.All();
     std::filesystem::create_directory(m_work);
     EXPECT_EQ(store.Write(SampleEvent("three")), 3);
     EXPECT_EQ(store.InMemory(), 0u);
@@ -566,7 +578,7 @@ TEST_F(EventDatabase, MemoryIsBoundedAndSaysWhatItGivesUp)
     if (extra == 0)
         GTEST_SKIP() << "the limit of this build is large";
     EXPECT_EQ(store.InMemory(), EventStore::maxInMemory);
-    EXPECT_EQ(log.Count(wxLOG_Error, "Too many agent events"), 2u);
+    EXPECT_EQ(log.Count(wxLOG_Error, "Too many agent events are kept in memory, this one goes: <agent_event "), 2u);
     EXPECT_NE(shown.find("given up: <agent_event time_ms=\"1700000000123\" time_s=\"1700000000\" number=\"5101\""
                          " severity=\"5\" text=\"e1\"/>"),
               std::string::npos)
@@ -580,7 +592,11 @@ TEST_F(EventDatabase, DamagedDatabaseIsMovedAsideAndANewOneBegins)
     EventStore store(m_work);
     EXPECT_EQ(store.Write(SampleEvent("event")), 1);
     EXPECT_EQ(Stored(), "event;");
-    EXPECT_EQ(log.Count(wxLOG_Error, "is damaged"), 1u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Error, "The event database '" + Database()
+                                         + "' is damaged (file is not a database): kept as '" + Database()
+                                         + ".damaged-"),
+              1u)
+        << log.All();
     EXPECT_EQ(log.Lines().size(), 1u) << log.All();
     int kept = 0;
     for (const auto& item : std::filesystem::directory_iterator(m_work))
@@ -615,8 +631,12 @@ TEST_F(EventDatabase, DamagedDatabaseThatCannotBeMovedStaysAndTheEventsWait)
             const ::Test::CallWatch fixed([](const os::Call& call) { return call.name == "rename"sv ? EACCES : 0; });
             EXPECT_EQ(store.Write(SampleEvent("event")), 0);
         }
-        EXPECT_EQ(log.Count(wxLOG_Error, "cannot be moved out of the way"), 1u) << log.All();
-        EXPECT_EQ(log.Count(wxLOG_Error, "kept in '" + Pending()), 1u) << log.All();
+        EXPECT_EQ(
+            log.Count(wxLOG_Error, "The event database '" + Database()
+                                       + "' is damaged (file is not a database) and cannot be moved out of the way ("),
+            1u)
+            << log.All();
+        EXPECT_EQ(log.Count(wxLOG_Error, Kept("file is not a database", "event")), 1u) << log.All();
         EXPECT_EQ(log.Lines().size(), 2u) << log.All();
     }
     EXPECT_EQ(::Test::ReadFile(Database()), std::string(8192, 'x'));
@@ -638,7 +658,7 @@ TEST_F(EventDatabase, DatabaseThatIsDamagedWhileOpenIsMovedAside)
     ::Test::LogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("after")), 1);
     EXPECT_EQ(Stored(), "after;");
-    EXPECT_EQ(log.Count(wxLOG_Error, "is damaged"), 1u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Error, "The event database '" + Database() + "' is damaged ("), 1u) << log.All();
 }
 
 TEST_F(EventDatabase, RemovedOrReplacedDatabaseIsOpenedAnew)
@@ -667,7 +687,7 @@ TEST_F(EventDatabase, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
     EventStore store(m_work);
     EXPECT_EQ(store.Write(SampleEvent("event")), 0);
     EXPECT_TRUE(Exists(Pending()));
-    EXPECT_EQ(log.Count(wxLOG_Error, "(no such column: time_ms)"), 1u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Error, Kept("no such column: time_ms", "event")), 1u) << log.All();
 }
 
 TEST_F(EventDatabase, ReadOnlyFileSystemMeansMemoryThenDatabase)
@@ -704,7 +724,7 @@ TEST_F(EventDatabase, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
         CHILD_CHECK(store.Write(SampleEvent("two")) == 0);
         CHILD_CHECK(store.InMemory() == 0);
         CHILD_CHECK(::Test::ReadFile(Pending()).find("text=\"two\"") != std::string::npos);
-        CHILD_CHECK(log.Count(wxLOG_Error, "text=\"two\"") == 1);
+        CHILD_CHECK(log.Count(wxLOG_Error, Kept("attempt to write a readonly database", "two")) == 1);
         CHILD_CHECK(log.Lines().size() == 1);
         CHILD_CHECK(umount2(Database().c_str(), MNT_DETACH) == 0);
         CHILD_CHECK(store.Write(SampleEvent("three")) == 3);
@@ -932,7 +952,7 @@ TEST_F(EventDatabase, ClosingTheStoresMovesWhatIsInMemoryToThePendingFile)
     std::filesystem::create_directories(Database()); // no database, but room beside it
     CloseEventStores();
     EXPECT_NE(::Test::ReadFile(Pending()).find("text=\"one\""), std::string::npos);
-    EXPECT_EQ(log.Count(wxLOG_Error, "are lost"), 0u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Error, "Agent events that are lost"), 0u) << log.All();
     std::filesystem::remove(Database());
     EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("two")), 2);
     CloseEventStores();
@@ -947,7 +967,8 @@ TEST_F(EventDatabase, EventsThatNothingTookAreCountedWhenTheStoresClose)
     GetEventStore(m_work + "/never")->Write(SampleEvent("two"));
     CloseEventStores();
     standardError.Text();
-    EXPECT_EQ(log.Count(wxLOG_Error, "lost with the process, because nothing took them: 2"), 1u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Error, "Agent events that are lost with the process, because nothing took them: 2"), 1u)
+        << log.All();
 }
 
 TEST_F(EventDatabase, EventsThatTheSystemLogDidNotTakeAreSentOnceMoreAtTheEndAndElseCounted)
@@ -978,7 +999,8 @@ TEST_F(EventDatabase, EventsThatTheSystemLogDidNotTakeAreSentOnceMoreAtTheEndAnd
         EXPECT_EQ(line.substr(0, 40), "Agent event not stored yet: <agent_event");
     EXPECT_NE(sent[0].find("text=\"one\""), std::string::npos);
     EXPECT_NE(sent[1].find("text=\"six\""), std::string::npos);
-    EXPECT_EQ(log.Count(wxLOG_Error, "lost with the process, because nothing took them: 3"), 1u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Error, "Agent events that are lost with the process, because nothing took them: 3"), 1u)
+        << log.All();
     EXPECT_EQ(log.Count(wxLOG_Error,
                         "Agent events that are lost and that neither standard error nor the system's log has shown: 1"),
               1u)
