@@ -504,6 +504,26 @@ TEST_F(EventDatabase, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEvent
     EXPECT_EQ(CountOf(Stored(), "kept"), 1);
 }
 
+TEST_F(EventDatabase, PendingFileThatIsAnotherEachTimeIsGivenUp)
+{
+    EventStore store(m_work);
+    std::filesystem::create_directory(Database());
+    const ::Test::LogCatcher log;
+    ::Test::StandardError standardError;
+    const ::Test::CallWatch exchanged([this](const os::Call& call) {
+        if (call.name != "stat"sv || call.path != Pending())
+            return 0;
+        ::stat("/", call.status);
+        return os::callAnswered;
+    });
+    EXPECT_EQ(store.Write(SampleEvent("one")), 0);
+    standardError.Text();
+    EXPECT_EQ(store.InMemory(), 1u);
+    EXPECT_NE(log.Text().find(" nor '" + Pending() + "' (Resource temporarily unavailable) took it: <agent_event "),
+              std::string::npos)
+        << log.All();
+}
+
 TEST_F(EventDatabase, FolderInThePlaceOfThePendingFileHoldsNoEvents)
 {
     EventStore store(m_work);
