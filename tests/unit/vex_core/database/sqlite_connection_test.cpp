@@ -75,6 +75,8 @@ TEST(Sqlite, FailureHasCodeAndText)
     EXPECT_NE(db.Error().find("unable to open"), std::string::npos) << db.Error();
     EXPECT_FALSE(db.IsOpen());
     EXPECT_FALSE(db.Exec("SELECT 1"));
+    EXPECT_EQ(db.ErrorCode(), SQLITE_MISUSE);
+    EXPECT_EQ(db.Error(), sqlite3_errstr(SQLITE_MISUSE));
     ASSERT_TRUE(db.Open(folder / "x.db", 0));
     EXPECT_FALSE(db.Exec("nonsense"));
     EXPECT_NE(db.Error().find("nonsense"), std::string::npos) << db.Error();
@@ -99,6 +101,53 @@ TEST(Sqlite, FileOfTheWorkFolderIsNotMadeBySqlite)
     EXPECT_FALSE(db.Open(place, 0));
     EXPECT_EQ(db.ErrorCode() & 0xFF, SQLITE_CANTOPEN);
     EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(Sqlite, WhatIsOpenedForReadingIsNeitherMadeNorChanged)
+{
+    ::Test::TempFolder folder;
+    const std::string path = folder / "a b%3F?mode=rwc#\xC3\xA4.db";
+    SqliteConnection reading;
+    for (const bool asItIs : {false, true}) {
+        EXPECT_FALSE(reading.OpenForReading(path, asItIs));
+        EXPECT_EQ(reading.ErrorCode() & 0xFF, SQLITE_CANTOPEN);
+        EXPECT_FALSE(reading.IsOpen());
+        EXPECT_TRUE(std::filesystem::is_empty(folder.Path()));
+    }
+    SqliteConnection db;
+    ASSERT_TRUE(db.Open(path, 0)) << db.Error();
+    ASSERT_TRUE(db.Exec("CREATE TABLE t(a); INSERT INTO t VALUES(7)"));
+    db.Close();
+    for (const bool asItIs : {false, true}) {
+        ASSERT_TRUE(reading.OpenForReading(path, asItIs)) << reading.Error();
+        EXPECT_EQ(Pragma(reading, "busy_timeout"), 2000);
+        EXPECT_EQ(Pragma(reading, "trusted_schema"), 0);
+        EXPECT_FALSE(reading.Exec("DELETE FROM t"));
+        EXPECT_EQ(reading.Error(), "attempt to write a readonly database");
+        SqliteStatement rows(reading, "SELECT a FROM t");
+        ASSERT_EQ(rows.Step(), SqliteStatement::StepResult::Row);
+        EXPECT_EQ(rows.ColumnInt(0), 7);
+    }
+}
+
+TEST(Sqlite, WhatIsReadAsItIsMindsNoLock)
+{
+    if (sqlite3_libversion_number() >= 3051003)
+        GTEST_SKIP() << "readers of a write-ahead log mind none";
+    ::Test::TempFolder folder;
+    SqliteConnection db;
+    ASSERT_TRUE(db.Open(folder / "x.db", 0));
+    ASSERT_TRUE(db.Exec("CREATE TABLE t(a); BEGIN EXCLUSIVE"));
+    SqliteSettings settings;
+    settings.busyTimeoutMs = 1;
+    SetSqliteSettings(settings);
+    SqliteConnection reading;
+    ASSERT_TRUE(reading.OpenForReading(folder / "x.db", false));
+    EXPECT_FALSE(reading.Exec("SELECT * FROM t"));
+    EXPECT_EQ(reading.ErrorCode(), SQLITE_BUSY);
+    ASSERT_TRUE(reading.OpenForReading(folder / "x.db", true));
+    EXPECT_TRUE(reading.Exec("SELECT * FROM t")) << reading.Error();
+    SetSqliteSettings(SqliteSettings());
 }
 
 TEST(Sqlite, TransactionThatIsNotCommittedLeavesNothing)
