@@ -1,5 +1,6 @@
 #include "vex_core/lua/lua_programs.h"
 
+#include "support/joining_thread.h"
 #include "support/lua_results.h"
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
@@ -13,6 +14,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -78,6 +80,22 @@ TEST_F(LuaPrograms, StreamsOfPopenAreLuasOwn)
     EXPECT_EQ(Run("local f = io.popen('true') f:close() return io.type(f), pcall(f.read, f)"),
               "closed file false attempt to use a closed file");
     EXPECT_EQ(Run("local n = 0 for line in io.popen('seq 5'):lines() do n = n + line end return n"), "15");
+}
+
+TEST_F(LuaPrograms, ThoseWhoseStatusSomebodyElseTookHaveNone)
+{
+    const auto before = std::signal(SIGCHLD, SIG_DFL);
+    ::Test::JoiningThread somebody([this](const std::atomic<bool>& stop) {
+        while (!stop && !std::filesystem::exists(m_folder / "runs"))
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::signal(SIGCHLD, SIG_IGN);
+        ::Test::WriteFile(m_folder / "go", "");
+    });
+    EXPECT_EQ(Run("return os.execute('touch " + (m_folder / "runs") + "; while [ ! -e " + (m_folder / "go")
+                  + " ]; do sleep 0.01; done')"),
+              "nil No child processes 10");
+    somebody.join();
+    std::signal(SIGCHLD, before);
 }
 
 TEST_F(LuaPrograms, StartAlthoughAnotherThreadIsBlockedInAStream)
