@@ -2,6 +2,7 @@
 #include "vex_core/modules/name_hash.h"
 
 #include "support/joining_thread.h"
+#include "support/log_catcher.h"
 #include "support/need.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
@@ -179,12 +180,34 @@ TEST_F(IndexedArchive, MoreArchivesThanDescriptorsAreAllUsable)
 TEST_F(IndexedArchive, AnArchiveThatCouldNotBeOpenedForWantOfDescriptorsIsTriedAgain)
 {
     ::Test::WriteFile(m_folder / "x.vxe", OneModule("return 1"));
+    wxLog::EnableLogging(); // until the end of the silence
+    const ::Test::LogCatcher log;
     {
         const DescriptorLimit limit(0);
-        EXPECT_FALSE(Current(m_folder / "x.vxe"));
-        EXPECT_FALSE(m_failure.empty());
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            EXPECT_FALSE(Current(m_folder / "x.vxe"));
+            EXPECT_EQ(m_failure, "cannot be opened: Too many open files");
+        }
     }
     EXPECT_TRUE(Current(m_folder / "x.vxe"));
+    EXPECT_EQ(log.All(), std::to_string(wxLOG_Warning) + " Lua archive '" + m_folder / "x.vxe"
+                             + "' is passed over until it changes: cannot be opened: Too many open files\n");
+}
+
+TEST_F(IndexedArchive, AClosedArchiveIsOpenedAgainWithinTheLimitsThatItWasOpenedWith)
+{
+    ZipLimits limits;
+    ::Test::ZipBuilder builder;
+    builder.zip64End = true;
+    for (std::uint64_t i = 0; i <= limits.maxEntries; ++i)
+        builder.Add(std::to_string(i), "", 0);
+    ::Test::WriteFile(m_folder / "x.vxe", builder.Build());
+    EXPECT_FALSE(Current(m_folder / "x.vxe"));
+    ++limits.maxEntries;
+    std::string error;
+    const auto archive = ::Test::Need(ModuleArchive::Open(m_folder / "x.vxe", limits, error));
+    archive->Close();
+    EXPECT_TRUE(archive->Zip(error)) << error;
 }
 
 TEST_F(IndexedArchive, WhatNobodyHoldsIsForgotten)
