@@ -60,6 +60,18 @@ class Minidump:
         record = struct.unpack_from("<IIIIQQ", self.data, rva)
         return record[0], record[2], record[5]
 
+    def thread_names(self):
+        """{thread id: name}"""
+        rva, _ = self.streams["names"]
+        count, = struct.unpack_from("<I", self.data, rva)
+        records = [struct.unpack_from("<IQ", self.data, rva + 4 + 12 * i) for i in range(count)]
+        return {number: self.text(name) for number, name in records}
+
+    def system(self):
+        """(architecture, processors, platform, what the system calls itself)"""
+        record = struct.unpack_from("<HHHBBIIIII", self.bytes("system"))
+        return record[0], record[3], record[8], self.text(record[9])
+
     def process(self):
         return struct.unpack_from("<III", self.bytes("misc"))[2]
 

@@ -85,6 +85,10 @@ def test_dump_has_threads_stacks_modules_and_the_system(tmp_path):
     assert any("/libc.so.6" in name for name in modules)
     notes = subprocess.run(["readelf", "-n", CHILD], capture_output=True, text=True, check=True).stdout
     assert re.search(r"Build ID: (\w+)", notes).group(1) == own[2].hex()
+    assert dump.thread_names() == {number: "crash_child" for number in threads}
+    system = os.uname()
+    assert dump.system() == (9, os.sysconf("SC_NPROCESSORS_ONLN"), 0x8201,
+                             f"{system.sysname} {system.release} {system.version} {system.machine}")
     assert b"crash_child\0thread\0" in dump.bytes("cmdline")
     assert b"libc.so.6" in dump.bytes("maps") and b"processor" in dump.bytes("cpuinfo")
     assert f"Pid:\t{dump.process()}".encode() in dump.bytes("status")
@@ -199,6 +203,14 @@ def test_folder_that_cannot_be_made_is_told(tmp_path):
     assert crash.status == -signal.SIGSEGV
     assert re.search(r"no crash dump could be written to .* \(error 20: Not a directory\)\n$", crash.err), crash.err
     assert "no crash dump could be written" in crash.log[1]
+
+
+def test_folder_in_the_place_of_the_dump_is_told_and_stays(tmp_path):
+    (tmp_path / "diag" / "child.mdmp" / "in it").mkdir(parents=True)
+    crash = Crash(tmp_path, "null")
+    assert crash.status == -signal.SIGSEGV
+    assert re.search(r"no crash dump could be written to .* \(error 21: Is a directory\)\n$", crash.err), crash.err
+    assert os.listdir(tmp_path / "diag") == ["child.mdmp"] and os.listdir(crash.dump) == ["in it"]
 
 
 def signals_of_dumps(folder):
