@@ -1,6 +1,9 @@
 #include "vex/core/luainterpreter.h"
 
+#include "support/address_limit.h"
+#include "support/log_catcher.h"
 #include "support/process_guards.h"
+#include "support/sanitized.h"
 #include "support/temp_folder.h"
 #include "vex_core/log/disk_log.h"
 #include "vex_core/log/process_log.h"
@@ -269,6 +272,23 @@ TEST_F(Interpreter, ErrorInAFinaliserIsStatusFiveWithTheCallsThatItInterrupted)
     EXPECT_EQ(Error(), "error in __gc metamethod (chunk:2: late)\nstack traceback:\n"
                        "\t[C]: in function 'collectgarbage'\n\tchunk:1: in function 'collect'\n"
                        "\tchunk:2: in main chunk\n\t[C]: in ?");
+}
+
+TEST_F(Interpreter, WantOfMemoryForTheMessageIsStatusFourToo)
+{
+#ifdef VEX_TEST_SANITIZED
+    GTEST_SKIP() << "the sanitizers' own memory is over any limit of the address space";
+#else
+    ASSERT_EQ(Run("message = ('x'):rep(2^26) collectgarbage()"), 0);
+    int status = 0;
+    {
+        const ::Test::AddressLimit lessThanACopy(static_cast<std::size_t>(16) << 20);
+        status = Run("error(message, 0)");
+    }
+    EXPECT_EQ(status, 4);
+    EXPECT_EQ(Error(), "not enough memory");
+    EXPECT_EQ(Height(), 0);
+#endif
 }
 
 TEST_F(Interpreter, WantOfMemoryHasATraceback)
@@ -620,12 +640,13 @@ TEST(InterpreterLife, WithoutLibrariesThereAreNoGlobals)
     EXPECT_TRUE(lua_toboolean(bare.L(), -1));
 }
 
-TEST(InterpreterLife, CollectionAtTheEndRunsFinalisers)
+TEST(InterpreterLife, FinalisersRunAtTheEndAndACollectionTellsWhatTheyFailWith)
 {
     static int s_collected;
     s_collected = 0;
-    {
-        CLuaInterpreter lua(true, L"collected.lua", true);
+    const ::Test::LogCatcher log;
+    for (const bool collects : {false, true}) {
+        CLuaInterpreter lua(collects, collects ? L"collected.lua" : L"closed.lua", true);
         lua_pushcfunction(lua.L(), [](lua_State*) -> int {
             ++s_collected;
             return 0;
@@ -634,7 +655,8 @@ TEST(InterpreterLife, CollectionAtTheEndRunsFinalisers)
         wxStringInputStream in("setmetatable({}, {__gc = function() count() error('late') end})");
         ASSERT_EQ(lua.RunScript(in, 0, 0, "x", nullptr), 0);
     }
-    EXPECT_EQ(s_collected, 1);
+    EXPECT_EQ(s_collected, 2);
+    EXPECT_EQ(log.All(), std::to_string(wxLOG_Warning) + " collected.lua: error in __gc metamethod (x:1: late)\n");
 }
 
 } // namespace
