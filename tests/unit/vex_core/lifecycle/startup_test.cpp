@@ -72,6 +72,14 @@ int StaysRightUnderTheFrameworksLocale()
     return TextAndNumbersAreRight();
 }
 
+int NameIsAsItWasChosen()
+{
+    return std::strcmp(std::setlocale(LC_CTYPE, nullptr), "C.utf8") == 0
+                   && std::strcmp(std::getenv("LC_CTYPE"), "C.utf8") == 0
+               ? 0
+               : 1;
+}
+
 int LcAllIsTakenApart()
 {
     const char* const time = std::getenv("LC_TIME");
@@ -115,6 +123,11 @@ TEST(SettledLocale, TextIsUtf8WhateverTheEnvironmentLeavesOut)
         EXPECT_EQ(InChildWith(environment, TextAndNumbersAreRight), 0) << shown;
         EXPECT_EQ(InChildWith(environment, StaysRightUnderTheFrameworksLocale), 0) << shown;
     }
+}
+
+TEST(SettledLocale, LocaleWithMoreThanAsciiStays)
+{
+    EXPECT_EQ(InChildWith({{"LC_CTYPE", "C.utf8"}}, NameIsAsItWasChosen), 0);
 }
 
 TEST(SettledLocale, AllIsTakenApartSoThatNumbersCanDiffer)
