@@ -724,6 +724,23 @@ TEST(DiskLog, RecordBeyondTheLimitGetsAFileOfItsOwn)
     EXPECT_EQ(ReadFile(folder / "x.log.1"), big + '\n');
 }
 
+TEST(DiskLog, FileThatSomebodyRotatesRightNowIsLookedForAgain)
+{
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    log.SetSettings(Small(10, 3));
+    log.Write("of before\n", false);
+    int looks = 0;
+    const CallWatch watch([&looks](const os::Call& call) {
+        return call.name == "openat"sv && call.path == "x.log"sv && ++looks == 1 ? ENOENT : 0;
+    });
+    log.Write("new\n", false);
+    EXPECT_GT(looks, 1);
+    EXPECT_EQ(ReadFile(folder / "x.log.1"), "of before\n");
+    EXPECT_EQ(ReadFile(folder / "x.log"), "new\n");
+}
+
 TEST(DiskLog, FileThatIsFullAtTheStartIsRotatedFirst)
 {
     const TempFolder folder;
