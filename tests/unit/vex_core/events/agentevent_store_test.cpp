@@ -385,6 +385,23 @@ TEST_F(EventDatabase, AnEventIsStoredAlsoWhenOldOnesCannotGo)
     EXPECT_EQ(Stored(), "last;");
 }
 
+TEST_F(EventDatabase, EventThatTheTableDoesNotTakeIsKeptAndStoredLater)
+{
+    EventStore store(m_work);
+    ASSERT_EQ(store.Write(SampleEvent("one")), 1);
+    SqliteConnection other;
+    ASSERT_TRUE(other.Open(Database(), 0));
+    ASSERT_TRUE(other.Exec("CREATE TRIGGER t BEFORE INSERT ON agent_event BEGIN SELECT RAISE(ABORT, 'stuck'); END"));
+    {
+        const ::Test::LogCatcher log;
+        EXPECT_EQ(store.Write(SampleEvent("two")), 0);
+        EXPECT_EQ(log.Text(), Kept("stuck", "two") + "\n");
+    }
+    ASSERT_TRUE(other.Exec("DROP TRIGGER t"));
+    EXPECT_EQ(store.Write(SampleEvent("three")), 3);
+    EXPECT_EQ(Stored(), "one;two;three;");
+}
+
 TEST_F(EventDatabase, WhatWaitedIsBoundedToo)
 {
     m_dom->Set("app.events.keeprows", "3");
