@@ -243,8 +243,12 @@ TEST_F(SweptCache, FilesThatNobodyUsedForAMonthAndLeftoversGoAndOthersStay)
     File("young.luac", 30 * day - 60);
     File("tmp-1-1-1", 3660);
     File("tmp-2-2-2", 3540);
-    File("notours.txt", 100 * day);
-    EXPECT_THAT(Left(), testing::ElementsAre("notours.txt", "tmp-2-2-2", "young.luac"));
+    for (const char* number : {"1", "2", "3"}) { // among each other in the folder, whatever its order
+        File(std::string("old") + number + ".luac", 31 * day);
+        File(std::string("notours") + number + ".txt", 100 * day);
+    }
+    EXPECT_THAT(Left(),
+                testing::ElementsAre("notours1.txt", "notours2.txt", "notours3.txt", "tmp-2-2-2", "young.luac"));
 }
 
 TEST_F(SweptCache, OfMoreThanAThousandFilesTheOnesUsedLastStay)

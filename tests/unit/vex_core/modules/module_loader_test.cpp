@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -480,6 +481,22 @@ TEST_F(ModuleSearch, ADamagedEntryNamesModuleAndFileAndDoesNotFallThrough)
     Add("y.vxe", {{"a.lua", "return 'y'"}});
     Lua lua(m_dom);
     EXPECT_THAT(lua.Run("return require 'a'"), HasSubstr("error loading module 'a' from file '" + x + "/a.lua':\n\t"));
+    EXPECT_EQ(lua.Run("return require 'b'"), "b");
+}
+
+TEST_F(ModuleSearch, AnArchiveThatCannotBeOpenedAgainIsAnErrorThatNamesModuleAndFile)
+{
+    const std::string x = Add("x.vxe", {{"a.lua", "return 'a'"}, {"b.lua", "return 'b'"}});
+    Lua lua(m_dom);
+    EXPECT_EQ(lua.Run("return require 'a'"), "a");
+    std::string failure;
+    Need(ArchiveIndex::Process().Slot(x)->Current(ZipLimits(), failure))->Close();
+    {
+        const ::Test::CallWatch noDescriptors(
+            [&x](const os::Call& call) { return call.name == std::string("open") && call.path == x ? EMFILE : 0; });
+        EXPECT_THAT(lua.Run("return require 'b'"), HasSubstr("error loading module 'b' from file '" + x
+                                                             + "/b.lua':\n\tcannot be opened: Too many open files"));
+    }
     EXPECT_EQ(lua.Run("return require 'b'"), "b");
 }
 
