@@ -248,6 +248,20 @@ TEST_F(ZipReader, HeadersThatCannotBeReadAreAnErrorThatSaysWhy)
     EXPECT_EQ(m_error, "cannot be read: Input/output error");
 }
 
+TEST_F(ZipReader, NothingOfAnEarlierReadStays)
+{
+    const auto archive = Need(Open(PlainPackage()));
+    std::string data = "before";
+    std::string error = "before";
+    EXPECT_TRUE(archive->Read(*Need(archive->Find("lib/a.lua")), data, error));
+    EXPECT_EQ(data, "return 1\n");
+    EXPECT_EQ(error, "");
+    error = "before";
+    EXPECT_TRUE(archive->Read(*Need(archive->Find("lib/")), data, error));
+    EXPECT_EQ(data, "");
+    EXPECT_EQ(error, "");
+}
+
 TEST_F(ZipReader, EntryForWhichThereIsNoMemoryIsAnError)
 {
     ZipBuilder builder;
