@@ -184,6 +184,13 @@ TEST(Dom, FrameworkTextIsKeptAsUtf8)
     EXPECT_EQ(dom->TypeOf("key"), EType::Text);
 }
 
+TEST(Dom, FrameworkCharacterWithoutUtf8BecomesTheReplacementCharacter)
+{
+    const DomPtr dom = NewRoot();
+    dom->SetWx("k", wxString(L"x\x110000"));
+    EXPECT_EQ(dom->Get("k"), "x\xEF\xBF\xBD");
+}
+
 TEST(Dom, BytesThatAreNotUtf8AreTakenAsLatin1)
 {
     const DomPtr dom = NewRoot();
