@@ -10,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <string_view>
 #include <thread>
@@ -126,6 +127,18 @@ TEST(HelperProgram, SignalIsOneWarningAndCode128PlusItsNumber)
     EXPECT_EQ(log.Count(wxLOG_Warning, "Program '/bin/sh' was ended by signal 9"), 1u) << log.All();
 }
 
+TEST(HelperProgram, IsWaitedForWithoutTakingAnyProcessorTime)
+{
+    const auto spent = [] {
+        struct timespec time = {};
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+    };
+    const double before = spent();
+    EXPECT_TRUE(Shell("sleep 0.5").ran);
+    EXPECT_LT(spent() - before, 0.2);
+}
+
 TEST(HelperProgram, ProgramThatCannotStartIsFalseWithReason)
 {
     ::Test::TempFolder folder;
@@ -153,9 +166,17 @@ TEST(HelperProgram, ProgramThatCannotStartIsFalseWithReason)
     EXPECT_TRUE(log.Lines().empty()) << log.All();
 }
 
-TEST(HelperProgram, NameWithoutSlashIsLookedUpInPath)
+TEST(HelperProgram, NameWithoutSlashIsLookedUpInEachFolderOfPath)
 {
-    EXPECT_EQ(RunProgram("printf", {"%s", "found"}).output, "found");
+    const ::Test::TempFolder empty;
+    const std::string before = std::getenv("PATH");
+    for (const std::string& path : {before, "/usr/bin:" + empty.Path(), empty.Path() + ":/usr/bin:" + empty.Path(),
+                                    ":" + empty.Path() + "::/usr/bin"}) {
+        ::setenv("PATH", path.c_str(), 1);
+        const wxString output = RunProgram("printf", {"%s", "found"}).output;
+        ::setenv("PATH", before.c_str(), 1);
+        EXPECT_EQ(output, "found") << path;
+    }
 }
 
 TEST(HelperProgram, NameWithoutSlashIsLookedUpWhereTheSystemKeepsItsProgramsWithoutAPath)
