@@ -120,6 +120,27 @@ TEST_F(LuaPrograms, StartAlthoughAnotherThreadIsBlockedInAStream)
     std::fclose(stream);
 }
 
+TEST_F(LuaPrograms, WhatTheyWriteComesBehindWhatWasWrittenBefore)
+{
+    std::fflush(stdout);
+    const int before = ::dup(STDOUT_FILENO);
+    const int file = ::open((m_folder / "written").c_str(), O_WRONLY | O_CREAT, 0600);
+    ::dup2(file, STDOUT_FILENO);
+    Run("io.write('ours ') io.popen('echo theirs', 'w'):close()");
+    bool isFree = false;
+    std::thread([&isFree] {
+        isFree = ::ftrylockfile(stdout) == 0;
+        if (isFree)
+            ::funlockfile(stdout);
+    }).join();
+    std::fflush(stdout);
+    ::dup2(before, STDOUT_FILENO);
+    ::close(file);
+    ::close(before);
+    EXPECT_EQ(::Test::ReadFile(m_folder / "written"), "ours theirs\n");
+    EXPECT_TRUE(isFree);
+}
+
 TEST_F(LuaPrograms, CollectedStreamIsClosed)
 {
     EXPECT_EQ(Run("io.popen('cat > " + (m_folder / "written") + "', 'w'):write('kept') collectgarbage()"), "");
