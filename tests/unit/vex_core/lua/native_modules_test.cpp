@@ -13,11 +13,13 @@
 #include "vex/core/dom.h"
 #include "vex_core/events/agentevent_store.h"
 
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <limits>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -124,6 +126,11 @@ TEST_F(NativeModules, AWrongArgumentIsALuaError)
     EXPECT_NE(Run("return require('vex.fs').list({})").find("string expected"), std::string::npos);
 }
 
+TEST_F(NativeModules, TheCurrentFolderIsTheProcesss)
+{
+    EXPECT_EQ(Run("return require('vex.fs').cwd()"), std::filesystem::current_path().string());
+}
+
 // --- host facts
 
 TEST_F(NativeModules, TheSystemIsWhatUnameTells)
@@ -144,6 +151,75 @@ TEST_F(NativeModules, FactsOfThisHostArePlausible)
               "true");
     EXPECT_EQ(Run("return require('vex.host').processors()"), std::to_string(sysconf(_SC_NPROCESSORS_ONLN)));
     EXPECT_EQ(Run("return require('vex.host').pid()"), std::to_string(getpid()));
+}
+
+TEST_F(NativeModules, LoadUptimeAndMemoryAreWhatTheKernelTells)
+{
+    if (!std::filesystem::exists("/proc/loadavg"))
+        GTEST_SKIP() << "no files that tell it";
+    const auto load = [] { return ::Test::ReadFile("/proc/loadavg").substr(0, std::string("0.00 0.00 0.00").size()); };
+    const std::string before = load();
+    const std::string averages = Run("return ('%.2f %.2f %.2f'):format(table.unpack(require('vex.host').load()))");
+    EXPECT_THAT(averages.substr(0, before.size()), testing::AnyOf(before, load()));
+
+    const auto uptime = [] { return std::stod(::Test::ReadFile("/proc/uptime")); };
+    const double earlier = uptime();
+    const double told = std::stod(Run("return require('vex.host').uptime()"));
+    EXPECT_GE(told, std::floor(earlier));
+    EXPECT_LE(told, uptime() + 1);
+
+    const std::string memory = Run("local m = require('vex.host').memory() "
+                                   "assert(m.free > 0 and m.free <= m.total and m.swap_free <= m.swap_total) "
+                                   "return ('%d %d'):format(m.total / 1024, m.swap_total / 1024)");
+    const std::string facts = ::Test::ReadFile("/proc/meminfo");
+    const auto kilobytes = [&facts](const std::string& name) {
+        return std::stoull(facts.substr(facts.find(name + ':') + name.size() + 1));
+    };
+    EXPECT_EQ(memory, std::to_string(kilobytes("MemTotal")) + ' ' + std::to_string(kilobytes("SwapTotal")));
+}
+
+TEST_F(NativeModules, DisksAreThoseOfTheSystem)
+{
+    const auto disks = os::Disks();
+    ASSERT_TRUE(disks);
+    std::string wanted;
+    for (const os::Disk& disk : *disks)
+        wanted += disk.mount + '|' + disk.device + '|' + disk.type + '|' + std::to_string(disk.totalBytes) + '\n';
+    EXPECT_EQ(Run("local all = '' for _, d in ipairs(require('vex.host').disks()) do "
+                  "assert(d.available <= d.free and d.free <= d.total) "
+                  "all = all .. ('%s|%s|%s|%.0f\\n'):format(d.mount, d.device, d.type, d.total) end return all"),
+              wanted);
+}
+
+TEST_F(NativeModules, CountersOfAnInterfaceAreTheKernels)
+{
+    const std::string all = "/sys/class/net";
+    if (!std::filesystem::exists(all))
+        GTEST_SKIP() << "no files that tell them";
+    std::set<std::string> interfaces;
+    for (const auto& one : std::filesystem::directory_iterator(all))
+        if (one.is_directory() && one.path().filename() != "lo")
+            interfaces.insert(one.path().filename().string());
+    std::string names;
+    for (const std::string& name : interfaces)
+        names += name + ' ';
+    EXPECT_EQ(Run("local all = '' for _, one in ipairs(require('vex.host').interfaces()) do "
+                  "all = all .. one.name .. ' ' end return all"),
+              names);
+    const std::pair<const char*, const char*> counters[] = {
+        {"received_bytes", "rx_bytes"}, {"received_packets", "rx_packets"}, {"receive_errors", "rx_errors"},
+        {"sent_bytes", "tx_bytes"},     {"sent_packets", "tx_packets"},     {"send_errors", "tx_errors"}};
+    for (const std::string& name : interfaces) {
+        const std::string folder = all + '/' + name + "/statistics/";
+        for (const auto& [field, file] : counters) {
+            const double before = std::stod(::Test::ReadFile(folder + file));
+            const double told =
+                std::stod(Run("for _, one in ipairs(require('vex.host').interfaces()) do if one.name == '" + name
+                              + "' then return ('%.0f'):format(one." + field + ") end end"));
+            EXPECT_GE(told, before) << name << ' ' << field;
+            EXPECT_LE(told, std::stod(::Test::ReadFile(folder + file))) << name << ' ' << field;
+        }
+    }
 }
 
 TEST_F(NativeModules, ADisksFiguresAreThoseOfItsFileSystem)
