@@ -219,6 +219,21 @@ TEST(CrashMaps, FileThatWasDeletedKeepsItsName)
     EXPECT_TRUE(found);
 }
 
+TEST(CrashMaps, MappedFileThatIsNoProgramIsNoModule)
+{
+    ::Test::TempFolder folder;
+    ::Test::WriteFile(folder / "data", std::string(4096, 'd'));
+    const int file = open((folder / "data").c_str(), O_RDONLY);
+    void* const mapping = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0);
+    close(file);
+    ASSERT_TRUE(ReadCrashMaps());
+    munmap(mapping, 4096);
+    std::size_t count = 0;
+    const CrashModule* const modules = CrashModules(count);
+    for (std::size_t i = 0; i < count; ++i)
+        EXPECT_NE(modules[i].name, folder / "data");
+}
+
 TEST(CrashMaps, NextRangeAboveIsFoundWithinReach)
 {
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
