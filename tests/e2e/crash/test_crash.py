@@ -1,5 +1,6 @@
 """What a crash leaves behind: a minidump that a debugger opens, one line in the log and on standard error, and the signal's own
 end of the process."""
+import datetime
 import os
 import re
 import resource
@@ -67,6 +68,12 @@ def test_a_crash_before_the_first_line_of_a_log_that_is_a_link_is_in_the_log(tmp
     assert len(crash.log) == 1 and " crashed: signal 11 (SIGSEGV at address 0x0)" in crash.log[0], crash.log
     assert (work / "crash_child.log").is_symlink()
     assert os.stat(tmp_path / "real.log").st_mode & 0o777 == 0o600
+
+
+def test_the_line_in_the_log_has_the_local_time(tmp_path):
+    crash = Crash(tmp_path, "null", env=dict(os.environ, TZ="XYZ-5:30"))
+    told = datetime.datetime.strptime(crash.log[1][:19], "%Y-%m-%d %H:%M:%S") - datetime.timedelta(hours=5, minutes=30)
+    assert abs(told - datetime.datetime.utcnow()) < datetime.timedelta(minutes=1)
 
 
 @pytest.mark.quick
