@@ -14,10 +14,12 @@ constexpr std::string_view pluginPrefix = "vex.Plugin.";
 // A name that is longer than any key by more than this is near to none, and is not compared.
 constexpr std::size_t maxCompared = 60;
 
-// How far a name may be from what was meant. A short one is soon near to another word.
+// How far a name may be from what was meant. A short word is soon near to another, and the parts before the last say
+// little: many keys have them in common.
 std::size_t Tolerance(std::string_view name)
 {
-    return std::min<std::size_t>(3, name.size() / 4);
+    const std::size_t letters = name.size() - (name.rfind('.') + 1);
+    return std::min<std::size_t>(3, (letters + 1) / 4);
 }
 
 bool IsSame(std::string_view a, std::string_view b)
@@ -54,8 +56,8 @@ std::string NearestPluginSwitch(std::string_view name)
     const std::size_t second = first == std::string_view::npos ? first : name.find('.', first + 1);
     if (second == std::string_view::npos || second + 1 == name.size())
         return std::string();
-    const std::string_view start = name.substr(0, second + 1);
-    const bool isNear = DistanceTo(pluginPrefix, start) <= Tolerance(start);
+    const std::string_view start = name.substr(0, second);
+    const bool isNear = DistanceTo(pluginPrefix.substr(0, pluginPrefix.size() - 1), start) <= Tolerance(start);
     return isNear ? std::string(pluginPrefix).append(name.substr(second + 1)) : std::string();
 }
 

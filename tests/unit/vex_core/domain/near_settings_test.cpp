@@ -46,7 +46,10 @@ TEST(NearSettings, AMisspeltNameHasAKeyNearby)
         {"a.b", ""},
         {"vex.abc", ""},
         {"app.abc", ""},
-        {"app.log.cnt", "app.log.count"},
+        {"app.log.sze", "app.log.size"},
+        {"app.log.sxyz", ""},
+        {"app.log.cxnt", ""},
+        {"vex.Hxxxtbeatxnterval", ""},
         {"HeartbeatInterval", "vex.HeartbeatInterval"},
         {"hartbeatinterval", "vex.HeartbeatInterval"},
         {"maxentries", "app.unzip.maxentries"},
@@ -63,6 +66,7 @@ TEST(NearSettings, AMisspeltNameHasAKeyNearby)
         EXPECT_EQ(NearestSetting(row.name), row.nearest) << row.name;
     EXPECT_EQ(NearestSetting(std::string(100000, 'a')), "");
     EXPECT_EQ(NearestAtTop("Tarce"), "Trace");
+    EXPECT_EQ(NearestAtTop("Face"), "");
     EXPECT_EQ(NearestAtTop("sqlite.config.cachesize"), "sqlite.config.cache_size");
     EXPECT_EQ(NearestAtTop("app.log.siez"), "");
 }
