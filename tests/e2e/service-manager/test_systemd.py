@@ -158,7 +158,7 @@ ENDS = {0: ("inactive", "success"), 1: ("failed", "exit-code"), 2: ("failed", "e
 @pytest.mark.parametrize("code", ENDS)
 def test_an_exit_code_of_the_application_that_a_restart_would_not_change_is_final(machine, code):
     machine.write("main-status", code)
-    # The start is good although the application fails at once: it has detached.
+    # The start is good although the application fails soon: it has detached.
     assert machine.systemctl("start", "vx_agent").returncode == 0
     if code == 0:
         stop(machine)
