@@ -102,7 +102,8 @@ std::string BytesFromText(const wxString& text)
     // The conversion gives nothing at all when a single character has no UTF-8.
     std::string result;
     for (wxString::const_iterator c = text.begin(); c != text.end(); ++c) {
-        const wxScopedCharBuffer one = wxString(*c).utf8_str();
+        const wxString character(*c); // which may lend its bytes only
+        const wxScopedCharBuffer one = character.utf8_str();
         if (one.length() > 0)
             result.append(one.data(), one.length());
         else
