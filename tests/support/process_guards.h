@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <wx/debug.h>
 #include <wx/log.h>
 
 namespace Test {
@@ -35,6 +36,21 @@ public:
 private:
     T& m_variable;
     const T m_before;
+};
+
+/// Assertions of the framework that input can trip are kept off the screen, as the launcher keeps them; else they fail
+/// the test.
+class AssertionsAreQuiet
+{
+public:
+    AssertionsAreQuiet() : m_before(wxSetAssertHandler(Ignore)) {}
+    ~AssertionsAreQuiet() { wxSetAssertHandler(m_before); }
+    AssertionsAreQuiet(const AssertionsAreQuiet&) = delete;
+    AssertionsAreQuiet& operator=(const AssertionsAreQuiet&) = delete;
+
+private:
+    static void Ignore(const wxString&, int, const wxString&, const wxString&, const wxString&) {}
+    const wxAssertHandler_t m_before;
 };
 
 /// The process, which must be root's, is another user's that owns nothing:

@@ -1,6 +1,7 @@
 #include "vex_core/domain/config_text.h"
 
 #include "support/log_catcher.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 #include "vex_core/domain/dom_values.h"
 
@@ -39,18 +40,6 @@ const std::string utf16High = "\xFE\xFF";
 const std::string utf16Low = "\xFF\xFE";
 const std::string utf32High("\0\0\xFE\xFF", 4);
 const std::string utf32Low("\xFF\xFE\0\0", 4);
-
-// Framework assertions that a file can trip, kept off the screen as the launcher keeps them.
-class AssertionsAreQuiet
-{
-public:
-    AssertionsAreQuiet() : m_before(wxSetAssertHandler(Ignore)) {}
-    ~AssertionsAreQuiet() { wxSetAssertHandler(m_before); }
-
-private:
-    static void Ignore(const wxString&, int, const wxString&, const wxString&, const wxString&) {}
-    const wxAssertHandler_t m_before;
-};
 
 // The group as the launcher's configuration object has it, which is made from the file itself.
 Entries ByTheLauncher(const std::string& path)
@@ -123,7 +112,7 @@ TEST(ConfigText, MarkThatTheBytesBelieGivesNothing)
 
 TEST(ConfigText, GrammarOfTheLauncherAndOfTheSettingsIsOne)
 {
-    const AssertionsAreQuiet quiet;
+    const ::Test::AssertionsAreQuiet quiet;
     ::setenv("VEX_TEST_X", "value", 1);
     ::unsetenv("VEX_TEST_NONE");
     const struct
@@ -211,7 +200,7 @@ TEST(ConfigText, LinesTellWhereEachGroupAndEntryStands)
 TEST(ConfigText, ReadingSettingsSaysNothing)
 {
     const ::Test::LogCatcher log;
-    const AssertionsAreQuiet quiet;
+    const ::Test::AssertionsAreQuiet quiet;
     ParseSettings("[settings\nno equals sign\na=\"x\" y\na=1\na=${\n");
     VexCore::ParseConfig("[settings]\n!a=1\na=2\n");
     VexCore::ConfigLines("[../settings]\n");
