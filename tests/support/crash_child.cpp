@@ -68,10 +68,20 @@ volatile int g_sink = 0;
     __builtin_trap();
 }
 
+std::atomic<bool> g_mainWaits{false};
+
 [[gnu::noinline]] void WaitInMain()
 {
+    g_mainWaits = true;
     for (;;)
         pause();
+}
+
+// For a thread whose crash is to find the main thread there, and not still at the thread's start.
+void AwaitMain()
+{
+    while (!g_mainWaits)
+        std::this_thread::yield();
 }
 
 // A crash inside the handler: a thread that cannot be stopped strikes the crashing one while that writes its
@@ -101,23 +111,28 @@ void BlockAllAnd(void (*then)(pthread_t))
 class Crasher : public CRunnable
 {
 public:
-    explicit Crasher(void (*body)()) : CRunnable(false, -1, false), m_body(body) {}
+    explicit Crasher(void (*body)(), bool awaitsMain = false)
+        : CRunnable(false, -1, false), m_body(body), m_awaitsMain(awaitsMain)
+    {}
     const char* GetThreadName() const override { return "Crasher"; }
 
 protected:
     void OnRun() override
     {
+        if (m_awaitsMain)
+            AwaitMain();
         m_body();
         g_sink = g_sink + 1; // no tail call
     }
 
 private:
     void (*m_body)();
+    const bool m_awaitsMain;
 };
 
 int InThread(void (*body)())
 {
-    Crasher thread(body);
+    Crasher thread(body, true);
     if (!thread.start(50, true, 0))
         return 3;
     WaitInMain();
@@ -207,7 +222,10 @@ int Crash(const std::string& way)
     else if (way == "thread")
         return InThread(CrashOnNull);
     else if (way == "foreign") {
-        std::thread([] { CrashOnNull(); }).detach();
+        std::thread([] {
+            AwaitMain();
+            CrashOnNull();
+        }).detach();
         WaitInMain();
     } else if (way == "spawning")
         CrashAmongNewThreads();
