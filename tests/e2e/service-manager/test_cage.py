@@ -185,7 +185,7 @@ function M.init()
   end
   try("manager", runs("/usr/bin/systemctl", "daemon-reload"))
   os.execute("mkdir -p /run/systemd/system && touch /run/systemd/system/made.service")
-  try("resolver", io.open("/run/systemd/resolve/stub-resolv.conf"))
+  try("resolver", io.open("/run/systemd/resolve/resolv.conf"))
   try("program of a home", runs("/home" .. "/tools/true"))
   try("namespace", runs("/usr/bin/unshare", "--user", "true"))
   local function python(line) return runs("/usr/bin/python3", "-c", line) end
@@ -225,7 +225,7 @@ def tries(machine, unit):
     os.chmod(machine.shared, 0o777)
     assert machine.run("sh", "-c", "cd /home && mkdir tools && cp /usr/bin/true tools && touch tools/hers && chmod 600 tools/hers && "
                        "chown nobody tools/hers").returncode == 0
-    assert machine.run("sh", "-c", "mkdir -p /run/systemd/resolve && touch /run/systemd/resolve/stub-resolv.conf").returncode == 0
+    assert machine.run("sh", "-c", "mkdir -p /run/systemd/resolve && touch /run/systemd/resolve/resolv.conf").returncode == 0
     assert machine.systemctl("start", unit).stdout == ""
     path = os.path.join(machine.shared, "tries")
 

@@ -122,15 +122,15 @@ def test_control_characters_in_a_file_reach_no_terminal(tree):
 @pytest.mark.sandbox
 def test_what_a_user_may_not_read_is_named(tree):
     conftest.require_ordinary_user()
-    os.makedirs("/opt/work", 0o700)
-    path = "/opt/work/vx_agent.ini"
+    os.makedirs("/opt/agent", 0o700)
+    path = "/opt/agent/vx_agent.ini"
     with open(path, "w", encoding="utf-8") as file:
         file.write("[settings]\napp.log.count = 7\n")
     copy = shutil.copy(os.path.join(tree.path, "vexctl"), "/opt/vexctl")  # the tree lies where only root may look
     stranger = {"user": conftest.ORDINARY_USER, "executable": copy, "status": 2}
-    shown = ctl(tree, "--workdir", "/opt/work", "config", "app.log.count", **stranger)
+    shown = ctl(tree, "--workdir", "/opt/agent", "config", "app.log.count", **stranger)
     assert shown.err == f"vexctl: {path}: permission denied; what it says is not shown\n"
     assert "5 files" in shown.out
-    checked = ctl(tree, "--workdir", "/opt/work", "check-config", **stranger)
+    checked = ctl(tree, "--workdir", "/opt/agent", "check-config", **stranger)
     assert checked.err == f"vexctl: {path}: permission denied; it is not checked\n"
     assert checked.out == "0 errors and 0 warnings in 0 files\n"

@@ -27,7 +27,7 @@ protected:
 
     const TempFolder m_folder;
     const std::string m_top = fs::canonical(m_folder.Path()).string();
-    const std::string m_work = m_top + "/work";
+    const std::string m_work = m_top + "/agent";
     const fs::path m_before = fs::current_path();
     const ::Test::DomPtr m_dom = ::Test::NewRoot();
 };
@@ -36,11 +36,11 @@ protected:
 
 TEST_F(WorkFolder, HasAPlaceForEverySpellingOfWhatIsBelow)
 {
-    for (const std::string& work : {m_work, m_work + "/", m_top + "//./work/"}) {
+    for (const std::string& work : {m_work, m_work + "/", m_top + "//./agent/"}) {
         m_dom->Set("app.path.work", work);
         for (const std::string& path :
              {std::string("own.db"), std::string("./own.db"), m_work + "/own.db", m_work + "//own.db",
-              m_work + "/./own.db", m_top + "//work/own.db", m_work + "/../work/own.db"}) {
+              m_work + "/./own.db", m_top + "//agent/own.db", m_work + "/../agent/own.db"}) {
             auto place = PlaceInWorkFolder(path);
             ASSERT_TRUE(place) << work << ' ' << path;
             EXPECT_TRUE(place->SettleFile({})) << place->Reason();
@@ -51,11 +51,11 @@ TEST_F(WorkFolder, HasAPlaceForEverySpellingOfWhatIsBelow)
 
 TEST_F(WorkFolder, HasAPlaceForEveryWayThatLeadsThroughIt)
 {
-    fs::create_directory_symlink("work", m_top + "/link");
+    fs::create_directory_symlink("agent", m_top + "/link");
     fs::create_directories(m_top + "/x");
     for (const std::string& work : {m_work, m_top + "/link"}) {
         m_dom->Set("app.path.work", work);
-        for (const std::string& path : {m_work + "/own.db", m_top + "/link/own.db", m_top + "/x/../work/own.db",
+        for (const std::string& path : {m_work + "/own.db", m_top + "/link/own.db", m_top + "/x/../agent/own.db",
                                         m_top + "/x/../link/./own.db", std::string("../link/own.db")}) {
             auto place = PlaceInWorkFolder(path);
             ASSERT_TRUE(place) << work << ' ' << path;

@@ -558,7 +558,7 @@ TEST_F(NativeModules, ADatabaseIsBelowTheWorkFolderByWhateverWayItIsReached)
 {
     const ::Test::DomPtr dom = ::Test::NewRoot();
     const ::Test::TempFolder elsewhere;
-    const std::string work = m_folder / "work";
+    const std::string work = m_folder / "agent";
     std::filesystem::create_directories(work + "/sub");
     std::filesystem::create_directory_symlink(work, m_folder / "link");
     std::filesystem::create_directory_symlink(work + "/sub", elsewhere / "sub");
@@ -569,8 +569,8 @@ TEST_F(NativeModules, ADatabaseIsBelowTheWorkFolderByWhateverWayItIsReached)
     }
     const ::Test::LogCatcher log;
     for (const std::string& path :
-         {work + "/evil.db", m_folder / "link/evil.db", m_folder / "missing/../work/evil.db", elsewhere / "sub/evil.db",
-          "file:" + work + "/evil.db?mode=rwc", "file:" + m_folder / "link/evil.db"}) {
+         {work + "/evil.db", m_folder / "link/evil.db", m_folder / "missing/../agent/evil.db",
+          elsewhere / "sub/evil.db", "file:" + work + "/evil.db?mode=rwc", "file:" + m_folder / "link/evil.db"}) {
         EXPECT_NE(RunDb("return tostring(select(2, db:exec('ATTACH ? AS other', {'" + path + "'})))"), "nil") << path;
         EXPECT_EQ(Run("return tostring(require('vex.db').open('" + path + "'))"), "nil") << path;
     }

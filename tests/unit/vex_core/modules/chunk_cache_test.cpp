@@ -282,7 +282,7 @@ TEST_F(CachedChunk, AProcessThatWritesManyFilesKeepsTheNewestThousand)
 
 TEST_F(CachedChunk, NoWorkFolderIsMadeForIt)
 {
-    EXPECT_FALSE(ChunkCacheFolder(m_folder / "mistyped/work/cache").Replace("k", "x"));
+    EXPECT_FALSE(ChunkCacheFolder(m_folder / "mistyped/agent/cache").Replace("k", "x"));
     EXPECT_FALSE(ChunkCacheFolder(m_folder / "mistyped/cache").Replace("k", "x"));
     EXPECT_FALSE(std::filesystem::exists(m_folder / "mistyped"));
 }
