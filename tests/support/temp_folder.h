@@ -5,8 +5,12 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
+
+#include <sys/stat.h>
 
 namespace Test {
 
@@ -49,6 +53,23 @@ inline std::string ReadFile(const std::string& path)
     if (!stream)
         throw std::runtime_error("cannot read " + path);
     return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+/// Without their ends.
+inline std::vector<std::string> LinesOf(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+/// Rights of the file itself, also of a link; mode_t(-1) where there is none.
+inline mode_t ModeOf(const std::string& path)
+{
+    struct stat status = {};
+    return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : mode_t(-1);
 }
 
 } // namespace Test

@@ -23,6 +23,16 @@ struct LessInAnyCase
     }
 };
 
+constexpr bool IsSameInAnyCase(std::string_view a, std::string_view b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (LowerAscii(a[i]) != LowerAscii(b[i]))
+            return false;
+    return true;
+}
+
 constexpr bool StartsWith(std::string_view text, std::string_view start)
 {
     return text.substr(0, start.size()) == start;

@@ -9,7 +9,7 @@ namespace VexCore {
 namespace {
 // The dump is written on it: its buffers are static, so that calls and a few paths are all that it must hold.
 // SIGSTKSZ is not a constant on newer systems and too small for processors with wide registers.
-constexpr std::size_t stackBytes = 64 * 1024;
+constexpr std::size_t signalStackBytes = 64 * 1024;
 
 std::atomic<bool> g_enabled{false};
 thread_local os::SignalStack t_stack;
@@ -25,7 +25,7 @@ void TakeSignalStack()
 {
     // Where there is none to be had the thread runs all the same; only a crash on a full stack goes without a dump.
     if (g_enabled.load(std::memory_order_relaxed) && !t_stack.mapping)
-        os::UseSignalStack(t_stack, stackBytes);
+        os::UseSignalStack(t_stack, signalStackBytes);
 }
 
 void ReturnSignalStack()

@@ -12,7 +12,7 @@ namespace VexCore {
 namespace {
 constexpr std::string_view pluginPrefix = "vex.Plugin.";
 // A name that is longer than any key by more than this is near to none, and is not compared.
-constexpr std::size_t maxCompared = 60;
+constexpr std::size_t maxLength = 60;
 
 // How far a name may be from what was meant. A short word is soon near to another, and the parts before the last say
 // little: many keys have them in common.
@@ -20,11 +20,6 @@ std::size_t Tolerance(std::string_view name)
 {
     const std::size_t letters = name.size() - (name.rfind('.') + 1);
     return std::min<std::size_t>(3, (letters + 1) / 4);
-}
-
-bool IsSame(std::string_view a, std::string_view b)
-{
-    return a.size() == b.size() && EditDistance(a, b) == 0;
 }
 
 std::string_view FirstPart(std::string_view name)
@@ -37,13 +32,13 @@ std::string_view FirstPart(std::string_view name)
 std::size_t DistanceTo(std::string_view key, std::string_view name)
 {
     constexpr std::size_t minWord = 8;
-    constexpr std::size_t far = maxCompared;
+    constexpr std::size_t far = maxLength;
     const std::size_t distance = EditDistance(key, name);
-    if (IsSame(FirstPart(key), FirstPart(name)))
+    if (IsSameInAnyCase(FirstPart(key), FirstPart(name)))
         return distance;
     if (name.find('.') != std::string_view::npos) {
         const std::string_view first = FirstPart(name);
-        const bool isRestSame = IsSame(key.substr(FirstPart(key).size()), name.substr(first.size()));
+        const bool isRestSame = IsSameInAnyCase(key.substr(FirstPart(key).size()), name.substr(first.size()));
         return isRestSame && distance == 1 ? distance : far;
     }
     return name.size() < minWord ? far : std::min(distance, EditDistance(key.substr(key.rfind('.') + 1), name));
@@ -64,7 +59,7 @@ std::string NearestPluginSwitch(std::string_view name)
 std::string Nearest(std::string_view name, SettingPlace place,
                     std::size_t (*distanceTo)(std::string_view key, std::string_view name))
 {
-    if (name.size() > maxCompared)
+    if (name.size() > maxLength)
         return std::string();
     std::string_view nearest;
     std::size_t least = Tolerance(name) + 1;
@@ -104,7 +99,7 @@ std::size_t EditDistance(std::string_view a, std::string_view b)
 bool IsNameOfHost(std::string_view name)
 {
     for (const std::string_view start : {"app.", "vex.", "sqlite.config"})
-        if (IsSame(name.substr(0, start.size()), start))
+        if (IsSameInAnyCase(name.substr(0, start.size()), start))
             return true;
     return false;
 }
@@ -123,7 +118,7 @@ std::string NearestAtTop(std::string_view name)
 bool IsNearSettingsGroup(std::string_view group)
 {
     constexpr std::string_view name = "settings";
-    if (group.size() > maxCompared)
+    if (group.size() > maxLength)
         return false;
     const std::size_t first = group.find_first_not_of(" \t");
     const std::string_view bare =

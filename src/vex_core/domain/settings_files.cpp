@@ -58,9 +58,8 @@ std::vector<std::string> SettingsFiles::NamesThatBegin(const SettingsPaths& path
     const std::lock_guard lock(m_lock);
     Look(paths);
     std::vector<std::string> names;
-    const LessInAnyCase less;
     for (auto entry = m_entries.lower_bound(start); entry != m_entries.end(); ++entry) {
-        if (less(start, std::string_view(entry->first).substr(0, start.size())))
+        if (!IsSameInAnyCase(start, std::string_view(entry->first).substr(0, start.size())))
             break;
         names.push_back(entry->first);
     }

@@ -19,18 +19,12 @@ namespace VexCore {
 
 namespace {
 // So many names are compared with all keys: a file of rubbish has a hundred thousand.
-constexpr int maxCompared = 1000;
-
-bool IsSame(std::string_view a, std::string_view b)
-{
-    const LessInAnyCase less;
-    return !less(a, b) && !less(b, a);
-}
+constexpr int maxNamesCompared = 1000;
 
 const Setting* FindInAnyCase(std::string_view name)
 {
     for (const Setting& setting : knownSettings)
-        if (IsRowOf(setting, name, IsSame))
+        if (IsRowOf(setting, name, IsSameInAnyCase))
             return &setting;
     return nullptr;
 }
@@ -215,7 +209,7 @@ private:
 
     std::string NearestTo(const std::string& name, std::string (*nearest)(std::string_view))
     {
-        return m_compared++ < maxCompared ? nearest(name) : std::string();
+        return m_compared++ < maxNamesCompared ? nearest(name) : std::string();
     }
 
     static std::string Question(const std::string& nearest)
@@ -269,7 +263,7 @@ private:
                  "the line is no entry, group or comment");
         else if (line.kind == ConfigLine::Kind::Group)
             JudgeGroup(file, line);
-        else if (IsSame(line.group, settingsGroup))
+        else if (IsSameInAnyCase(line.group, settingsGroup))
             JudgeSettingsLine(file, line);
         else if (line.group.empty())
             JudgeTopLine(file, line);

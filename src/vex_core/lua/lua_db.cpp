@@ -323,7 +323,7 @@ int LastId(lua_State* L)
     return 1;
 }
 
-int Close(lua_State* L)
+int CloseDatabase(lua_State* L)
 {
     Database& database = Receiver(L);
     const std::lock_guard inUse(database.inUse);
@@ -361,7 +361,7 @@ int ToText(lua_State* L)
 }
 
 // open(path): a database, made when it is missing.
-int Open(lua_State* L)
+int OpenDatabase(lua_State* L)
 {
     const char* path = PlainTextArgument(L, 1);
     auto* self = new (lua_newuserdata(L, sizeof(Database))) Database;
@@ -377,10 +377,10 @@ int Open(lua_State* L)
 }
 
 const luaL_Reg methods[] = {
-    {"exec", Guarded<Exec>},      {"rows", Guarded<Rows>},   {"transaction", Guarded<Transaction>},
-    {"last_id", Guarded<LastId>}, {"close", Guarded<Close>}, {nullptr, nullptr}};
+    {"exec", Guarded<Exec>},      {"rows", Guarded<Rows>},           {"transaction", Guarded<Transaction>},
+    {"last_id", Guarded<LastId>}, {"close", Guarded<CloseDatabase>}, {nullptr, nullptr}};
 const luaL_Reg metamethods[] = {{"__gc", Guarded<Collect>}, {"__tostring", Guarded<ToText>}, {nullptr, nullptr}};
-const luaL_Reg functions[] = {{"open", Guarded<Open>}, {nullptr, nullptr}};
+const luaL_Reg functions[] = {{"open", Guarded<OpenDatabase>}, {nullptr, nullptr}};
 
 } // namespace
 

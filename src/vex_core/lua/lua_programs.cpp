@@ -90,7 +90,7 @@ int Execute(lua_State* L)
     return program ? PushEnd(L, *program) : luaL_execresult(L, -1);
 }
 
-int Close(lua_State* L)
+int ClosePopened(lua_State* L)
 {
     auto* const stream = static_cast<luaL_Stream*>(luaL_checkudata(L, 1, LUA_FILEHANDLE));
     const std::unique_ptr<HelperProgram> program = TakeProgram(stream->f);
@@ -133,7 +133,7 @@ std::FILE* OpenProgram(const char* command, bool isInput)
     return stream.release();
 }
 
-int Open(lua_State* L)
+int Popen(lua_State* L)
 {
     const char* const command = luaL_checkstring(L, 1);
     const std::string_view mode = luaL_optstring(L, 2, "r");
@@ -153,7 +153,7 @@ int Open(lua_State* L)
     }
     if (!stream->f)
         return luaL_fileresult(L, 0, command);
-    stream->closef = Guarded<Close>;
+    stream->closef = Guarded<ClosePopened>;
     return 1;
 }
 
@@ -170,7 +170,7 @@ void Replace(lua_State* L, const char* library, const char* name, lua_CFunction 
 void InstallPrograms(lua_State* L)
 {
     Replace(L, "os", "execute", Guarded<Execute>);
-    Replace(L, "io", "popen", Guarded<Open>);
+    Replace(L, "io", "popen", Guarded<Popen>);
 }
 
 } // namespace VexCore

@@ -15,6 +15,7 @@
 #include "vex_core/lua/lua_programs.h"
 #include "vex_core/lua/native_modules.h"
 #include "vex_core/lua/package_paths.h"
+#include "vex_core/lua/run_status.h"
 #include "vex_core/os/files.h"
 
 #include <cstdlib>
@@ -30,11 +31,6 @@
 namespace VexCore {
 
 namespace {
-constexpr int statusNotLoaded = 1;
-constexpr int statusFailed = 2;
-constexpr int statusNoMemory = 4;
-constexpr int statusHandlerFailed = 5;
-
 constexpr std::size_t readBytes = 16 * 1024;
 constexpr int standardError = 2;
 

@@ -12,6 +12,7 @@
 #include "vex_core/base/text.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/domain/dom_values.h"
+#include "vex_core/lua/run_status.h"
 #include "vex_core/lua/worker_list.h"
 
 #include <algorithm>
@@ -23,8 +24,6 @@
 namespace VexCore {
 
 namespace {
-constexpr int statusFailed = 2;
-
 // What runs in the new state. Its first arguments are the module's name and the argument of `run`.
 constexpr const char workerChunk[] =
     "local name, argument = ...\n"

@@ -24,12 +24,6 @@ bool IsPrivileged()
     return geteuid() == 0;
 }
 
-int ModeOf(const std::string& path)
-{
-    struct stat data;
-    return stat(path.c_str(), &data) == 0 ? static_cast<int>(data.st_mode & 07777) : -1;
-}
-
 class Settings : public LauncherTest
 {
 protected:
@@ -237,7 +231,7 @@ TEST_F(Settings, WorkingFolderThatExistsIsLeftAlone)
     Start({"-w", folder / "w"});
     EXPECT_EQ(Get("app.path.work"), folder / "w");
     EXPECT_THAT(FakeCore::Journal({"Secure"}), IsEmpty());
-    EXPECT_EQ(ModeOf(folder / "w"), 0755);
+    EXPECT_EQ(::Test::ModeOf(folder / "w"), 0755u);
 }
 
 TEST_F(Settings, NewWorkingFolderHasNoSearchBitUntilItIsSecured)
@@ -245,7 +239,7 @@ TEST_F(Settings, NewWorkingFolderHasNoSearchBitUntilItIsSecured)
     const TempFolder folder;
     Start({"-w", folder / "w"});
     // The fake secures nothing: this is how the folder was made.
-    EXPECT_EQ(ModeOf(folder / "w"), 0600);
+    EXPECT_EQ(::Test::ModeOf(folder / "w"), 0600u);
     EXPECT_EQ(FakeCore::Count("SecureFileOrDirectory(\"" + folder / "w" + "\", false)"), 1u);
 }
 
@@ -254,10 +248,10 @@ TEST_F(Settings, MissingParentsAreMadeSoThatWeCanPassThem)
     const TempFolder folder;
     Start({"-w", folder / "a/b/c"});
     EXPECT_EQ(FakeCore::Journal({"Secure"}), Lines{"SecureFileOrDirectory(\"" + folder / "a/b/c" + "\", false)"});
-    EXPECT_EQ(ModeOf(folder / "a/b/c"), 0600);
+    EXPECT_EQ(::Test::ModeOf(folder / "a/b/c"), 0600u);
     // A privileged process passes without the search bit, another one needs it.
-    EXPECT_EQ(ModeOf(folder / "a"), IsPrivileged() ? 0600 : 0700);
-    EXPECT_EQ(ModeOf(folder / "a/b"), IsPrivileged() ? 0600 : 0700);
+    EXPECT_EQ(::Test::ModeOf(folder / "a"), IsPrivileged() ? 0600u : 0700u);
+    EXPECT_EQ(::Test::ModeOf(folder / "a/b"), IsPrivileged() ? 0600u : 0700u);
 }
 
 TEST_F(Settings, AnOrdinaryUserCanHaveAWorkingFolderSeveralLevelsDeep)
@@ -268,8 +262,8 @@ TEST_F(Settings, AnOrdinaryUserCanHaveAWorkingFolderSeveralLevelsDeep)
     ASSERT_EQ(chmod(folder.Path().c_str(), 0777), 0);
     const ::Test::OtherUser user(::Test::OtherUser::Ids::Both);
     Start({"-w", folder / "a/b/c"});
-    EXPECT_EQ(ModeOf(folder / "a/b"), 0700);
-    EXPECT_EQ(ModeOf(folder / "a/b/c"), 0600);
+    EXPECT_EQ(::Test::ModeOf(folder / "a/b"), 0700u);
+    EXPECT_EQ(::Test::ModeOf(folder / "a/b/c"), 0600u);
 }
 
 TEST_F(Settings, WorkingFolderThatCannotBeMadeIsNotReportedAndNothingElseIsSecuredInItsPlace)
@@ -293,8 +287,8 @@ TEST_F(Settings, WorkingFolderIsExpandedAndNormalized)
     const ::Test::Variable variable("VEX_TEST_FOLDER", folder.Path());
     Start({"-w", "$VEX_TEST_FOLDER/x/../y/./"});
     EXPECT_EQ(Get("app.path.work"), folder / "y");
-    EXPECT_EQ(ModeOf(folder / "y"), 0600);
-    EXPECT_EQ(ModeOf(folder / "x"), -1);
+    EXPECT_EQ(::Test::ModeOf(folder / "y"), 0600u);
+    EXPECT_EQ(::Test::ModeOf(folder / "x"), mode_t(-1));
 }
 
 TEST_F(Settings, ATildeAtTheBeginningIsTheHomeFolder)

@@ -33,17 +33,17 @@ TEST(Commands, EachHasANameOfItsOwnAndALineOfHelp)
 
 TEST(AgentState, HasTheNumbersOfAnInitScript)
 {
-    EXPECT_EQ(LsbStatus(AgentState::Life::Running), 0);
-    EXPECT_EQ(LsbStatus(AgentState::Life::DeadWithPidFile), 1);
-    EXPECT_EQ(LsbStatus(AgentState::Life::NotRunning), 3);
-    EXPECT_EQ(LsbStatus(AgentState::Life::Unknown), 4);
+    EXPECT_EQ(LsbStatus(Life::Running), 0);
+    EXPECT_EQ(LsbStatus(Life::DeadWithPidFile), 1);
+    EXPECT_EQ(LsbStatus(Life::NotRunning), 3);
+    EXPECT_EQ(LsbStatus(Life::Unknown), 4);
 }
 
 TEST(AgentState, WhereNothingIsNothingRuns)
 {
     const TempFolder folder;
     const AgentState state = FindAgentState({"no-agent-of-this-name", folder.Path(), folder.Path()});
-    EXPECT_EQ(state.life, AgentState::Life::NotRunning);
+    EXPECT_EQ(state.life, Life::NotRunning);
     EXPECT_EQ(state.reason, "there is no /var/run/no-agent-of-this-name.pid");
 }
 

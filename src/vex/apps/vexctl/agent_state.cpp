@@ -15,8 +15,6 @@
 namespace Vexctl {
 
 namespace {
-using Life = AgentState::Life;
-
 // Both lock files together: one that cannot be read, because it is another user's or of another system's making, says
 // nothing.
 std::optional<os::LockHolders> LockHoldersOf(const Place& place)
@@ -98,7 +96,7 @@ AgentState FindAgentState(const Place& place)
     return state;
 }
 
-int LsbStatus(AgentState::Life life)
+int LsbStatus(Life life)
 {
     switch (life) {
     case Life::Running:
@@ -113,7 +111,7 @@ int LsbStatus(AgentState::Life life)
     return 4;
 }
 
-const char* LifeWord(AgentState::Life life)
+const char* LifeWord(Life life)
 {
     switch (life) {
     case Life::Running:

@@ -11,15 +11,15 @@
 
 namespace Vexctl {
 
+enum class Life {
+    Running,
+    DeadWithPidFile, ///< nobody runs, and a pid file says otherwise
+    NotRunning,
+    Unknown, ///< what would tell may not be read
+};
+
 struct AgentState
 {
-    enum class Life {
-        Running,
-        DeadWithPidFile, ///< nobody runs, and a pid file says otherwise
-        NotRunning,
-        Unknown, ///< what would tell may not be read
-    };
-
     Life life = Life::Unknown;
     bool starting = false; ///< there is a process that is about to become the supervisor
     bool stopping = false; ///< the supervisor has taken a stop or is gone, and its child is still ending
@@ -32,8 +32,8 @@ struct AgentState
 AgentState FindAgentState(const Place& place);
 
 /// The number with which a script of init would tell it.
-int LsbStatus(AgentState::Life life);
+int LsbStatus(Life life);
 /// "running", "dead", "stopped", "unknown".
-const char* LifeWord(AgentState::Life life);
+const char* LifeWord(Life life);
 
 } // namespace Vexctl

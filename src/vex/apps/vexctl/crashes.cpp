@@ -21,7 +21,7 @@ namespace Vexctl {
 
 namespace {
 // How far back the log is searched for the version of the process that crashed.
-constexpr std::size_t searchedBytes = 16 * 1024 * 1024;
+constexpr std::size_t bytesSearchedForCrashes = 16 * 1024 * 1024;
 
 // NAME.mdmp and NAME.TIME.mdmp; what is being written has another end.
 bool IsDumpOf(std::string_view file, std::string_view name)
@@ -120,7 +120,7 @@ int ShowCrashes(Session& session, bool asJson)
     LogStory story;
     try {
         if (!dumps.empty())
-            story = ReadLogStory(session.place, searchedBytes);
+            story = ReadLogStory(session.place, bytesSearchedForCrashes);
     } catch (const Failure& failure) {
         session.Note(failure.what()); // the dumps speak for themselves
     }

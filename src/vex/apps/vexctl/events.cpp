@@ -24,7 +24,7 @@
 namespace Vexctl {
 
 namespace {
-constexpr std::size_t usualNumber = 100;
+constexpr std::size_t usualEvents = 100;
 constexpr std::array<const char*, 8> severityWords = {"emergency", "alert",  "critical", "error",
                                                       "warning",   "notice", "info",     "debug"};
 
@@ -181,7 +181,7 @@ private:
     void BeginAtLast()
     {
         const bool isWhole = m_options.span.Given() && !m_options.number;
-        const std::size_t number = m_options.number.value_or(isWhole ? 0 : usualNumber);
+        const std::size_t number = m_options.number.value_or(isWhole ? 0 : usualEvents);
         m_database.Read([this, number](VexCore::SqliteConnection& db) {
             m_last = 0;
             if (m_sinceMs && !BeginAtTime(db))

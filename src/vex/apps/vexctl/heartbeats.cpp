@@ -14,7 +14,7 @@
 namespace Vexctl {
 
 namespace {
-constexpr std::size_t usualNumber = 20;
+constexpr std::size_t usualHeartbeats = 20;
 
 struct HeartbeatOptions
 {
@@ -44,7 +44,7 @@ int ShowHeartbeats(Session& session, const HeartbeatOptions& options)
     HeartbeatWish wish;
     wish.sinceMs = options.span.SinceMs();
     wish.untilMs = options.span.UntilMs();
-    wish.number = options.number.value_or(options.span.Given() ? 0 : usualNumber);
+    wish.number = options.number.value_or(options.span.Given() ? 0 : usualHeartbeats);
     const std::vector<Heartbeat> beats = ReadHeartbeats(database, wish);
     if (options.json) {
         for (const Heartbeat& beat : beats)

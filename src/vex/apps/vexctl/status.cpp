@@ -21,7 +21,7 @@ namespace Vexctl {
 
 namespace {
 // How much of the log is looked at: some ten thousand records, and a few milliseconds.
-constexpr std::size_t searchedBytes = 2 * 1024 * 1024;
+constexpr std::size_t bytesSearchedForStory = 2 * 1024 * 1024;
 
 struct StatusOptions
 {
@@ -61,7 +61,7 @@ Report MakeReport(const Place& place)
 {
     Report report;
     report.state = FindAgentState(place);
-    Try(report, [&] { report.story = ReadLogStory(place, searchedBytes); });
+    Try(report, [&] { report.story = ReadLogStory(place, bytesSearchedForStory); });
     Try(report, [&] {
         AgentDatabase database(place.HeartbeatFile());
         std::vector<Heartbeat> beats = ReadHeartbeats(database, HeartbeatWish());
@@ -130,11 +130,9 @@ private:
     void PrintLife()
     {
         const AgentState& state = m_report.state;
-        const bool runs = state.life == AgentState::Life::Running;
+        const bool runs = state.life == Life::Running;
         const char* const word = state.starting ? "starting" : state.stopping ? "stopping" : LifeWord(state.life);
-        const Colour colour = runs                                         ? Colour::Good
-                              : state.life == AgentState::Life::NotRunning ? Colour::Warning
-                                                                           : Colour::Bad;
+        const Colour colour = runs ? Colour::Good : state.life == Life::NotRunning ? Colour::Warning : Colour::Bad;
         m_out.Write(Shown(m_place.name) + ": " + m_out.Painted(colour, word)
                     + (state.reason.empty() ? "" : ", " + Shown(state.reason)) + "\n");
     }
@@ -287,8 +285,8 @@ int PrintNagios(Output& out, const Report& report, const StatusOptions& options,
 {
     static constexpr const char* words[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
     const AgentState& state = report.state;
-    const bool runs = state.life == AgentState::Life::Running;
-    Nagios verdict = runs ? Nagios::Ok : state.life == AgentState::Life::Unknown ? Nagios::Unknown : Nagios::Critical;
+    const bool runs = state.life == Life::Running;
+    Nagios verdict = runs ? Nagios::Ok : state.life == Life::Unknown ? Nagios::Unknown : Nagios::Critical;
     std::string text = place.name + " is " + LifeWord(state.life) + (state.reason.empty() ? "" : ", " + state.reason);
     std::string data;
     if (runs && state.supervisorBeganMs) {

@@ -37,7 +37,6 @@ bool HasHeartbeatSince(const Place& place, std::int64_t sinceMs)
 // Whether it holds now; `state` tells why not.
 bool Holds(const WaitOptions& options, const Place& place, std::int64_t beganMs, const AgentState& state)
 {
-    using Life = AgentState::Life;
     const bool runs = state.life == Life::Running && !state.starting && !state.stopping && state.child != 0;
     if (options.what == "running")
         return runs;
@@ -59,7 +58,7 @@ int Wait(Session& session, const WaitOptions& options)
         const AgentState state = FindAgentState(place);
         if (Holds(options, place, beganMs, state))
             return statusDone;
-        if (state.life == AgentState::Life::Unknown)
+        if (state.life == Life::Unknown)
             throw Failure(state.reason);
         const std::int64_t leftMs = deadline.LeftMs();
         if (leftMs == 0) {

@@ -82,11 +82,11 @@ TEST(SettingsFile, ThatIsNotThereHasNoFaultWhereverItWouldLie)
 }
 
 namespace {
-std::vector<std::string> g_calls;
+std::vector<std::string> g_readingCalls;
 
 int NoteCall(const VexCore::os::Call& call)
 {
-    g_calls.emplace_back(call.name);
+    g_readingCalls.emplace_back(call.name);
     return 0;
 }
 
@@ -97,11 +97,11 @@ int RefuseOpening(const VexCore::os::Call& call)
 
 std::vector<std::string> CallsOfALook(SettingsFile& file, const std::string& path)
 {
-    g_calls.clear();
+    g_readingCalls.clear();
     const auto before = VexCore::os::SetCallObserver(NoteCall);
     file.Look(path);
     VexCore::os::SetCallObserver(before);
-    return g_calls;
+    return g_readingCalls;
 }
 
 } // namespace

@@ -134,11 +134,11 @@ TEST_F(SettingsOfFiles, TheSystemsFilesAreLookedAtOnceASecondAndTheLocalOneEachT
 
 namespace {
 std::string g_watched;
-int g_calls = 0;
+int g_lookingCalls = 0;
 
 int CountCalls(const VexCore::os::Call&)
 {
-    ++g_calls;
+    ++g_lookingCalls;
     return 0;
 }
 
@@ -152,13 +152,13 @@ int RefuseToOpenTheDropIns(const VexCore::os::Call& call)
 TEST_F(SettingsOfFiles, AHostWithoutThemIsAskedForTheSystemsFilesTwiceASecond)
 {
     const SettingsPaths paths{std::string(), m_folder / "none.conf"};
-    g_calls = 0;
+    g_lookingCalls = 0;
     const auto before = VexCore::os::SetCallObserver(CountCalls);
     std::string value;
     for (int i = 0; i < 5; ++i)
         m_files.Find(paths, "a", value);
     VexCore::os::SetCallObserver(before);
-    EXPECT_EQ(g_calls, 2);
+    EXPECT_EQ(g_lookingCalls, 2);
 }
 
 TEST_F(SettingsOfFiles, AFolderThatCannotBeReadIsToldOnceAndTheOtherFilesCount)

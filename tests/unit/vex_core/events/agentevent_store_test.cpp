@@ -116,12 +116,6 @@ protected:
         return "Agent event kept in '" + Pending() + "', because '" + Database() + "' did not take it (" + reason
                + "): " + SampleEvent(text).ToXml();
     }
-    static mode_t ModeOf(const std::string& path)
-    {
-        struct stat status = {};
-        return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-    }
-
     // All texts in the database, in order of their ids, each followed by ";".
     std::string Stored() const { return StoredIn(Database()); }
     static std::string StoredIn(const std::string& path)
@@ -192,15 +186,15 @@ TEST_F(EventDatabase, DatabaseAndJournalAreForTheOwnerAlone)
         EventStore store(m_work);
         EXPECT_EQ(store.Write(SampleEvent("one")), 1);
     }
-    EXPECT_EQ(ModeOf(Database()), mode_t(0600));
-    EXPECT_EQ(ModeOf(Database() + "-journal"), mode_t(0600));
+    EXPECT_EQ(::Test::ModeOf(Database()), mode_t(0600));
+    EXPECT_EQ(::Test::ModeOf(Database() + "-journal"), mode_t(0600));
     // As an older version left them.
     ::chmod(Database().c_str(), 0644);
     ::chmod((Database() + "-journal").c_str(), 0644);
     EventStore store(m_work);
     EXPECT_EQ(store.Write(SampleEvent("two")), 2);
-    EXPECT_EQ(ModeOf(Database()), mode_t(0600));
-    EXPECT_EQ(ModeOf(Database() + "-journal"), mode_t(0600));
+    EXPECT_EQ(::Test::ModeOf(Database()), mode_t(0600));
+    EXPECT_EQ(::Test::ModeOf(Database() + "-journal"), mode_t(0600));
 }
 
 TEST_F(EventDatabase, LinksOfAnotherUserAreNeitherDatabaseNorPendingFile)

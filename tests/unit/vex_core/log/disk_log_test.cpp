@@ -30,6 +30,7 @@
 
 using Test::CallWatch;
 using Test::Fork;
+using Test::LinesOf;
 using Test::ReadFile;
 using Test::TempFolder;
 using Test::WaitFor;
@@ -45,15 +46,6 @@ namespace {
 constexpr std::size_t muchMemory = 1 << 20;
 
 using Lines = std::vector<std::string>;
-
-Lines LinesOf(const std::string& text)
-{
-    Lines lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 bool Exists(const std::string& path)
 {

@@ -35,6 +35,7 @@ using Test::ChildResult;
 using Test::DomPtr;
 using Test::Fork;
 using Test::JoiningThread;
+using Test::LinesOf;
 using Test::LogFromAStranger;
 using Test::ReadFile;
 using Test::RunChild;
@@ -49,15 +50,6 @@ using VexCore::CLog2Disk;
 using VexCore::DiskLog;
 
 namespace {
-std::vector<std::string> LinesOf(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
-
 // The disk log as the framework's target, with a file of its own: what the launcher has, for one test.
 class LogToDisk : public testing::Test
 {

@@ -26,7 +26,7 @@ using namespace VexCore;
 using namespace std::string_view_literals;
 
 namespace {
-const std::string key(64, 'a');
+const std::string cacheKey(64, 'a');
 
 std::vector<std::string> Names(const std::string& folder)
 {
@@ -37,13 +37,13 @@ std::vector<std::string> Names(const std::string& folder)
 }
 
 int g_failAt = 0;
-int g_calls = 0;
+int g_cacheCalls = 0;
 bool g_fatal = false;
 
 // Lets the n-th call fail, or ends the process right before it.
 int FailNth(const os::Call&)
 {
-    if (++g_calls != g_failAt)
+    if (++g_cacheCalls != g_failAt)
         return 0;
     if (g_fatal)
         ::_exit(77);
@@ -61,7 +61,7 @@ protected:
     std::shared_ptr<ChunkCache> Fresh()
     {
         ChunkCaches::Process().ForgetUnused();
-        return ChunkCaches::Process().Get(m_cacheFolder, key);
+        return ChunkCaches::Process().Get(m_cacheFolder, cacheKey);
     }
     ::Test::TempFolder m_folder;
     const std::string m_cacheFolder = m_folder / "cache";
@@ -83,7 +83,7 @@ TEST_F(CachedChunk, AChunkThatWaitsIsFoundAlready)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, "code");
     EXPECT_FALSE(std::filesystem::exists(m_cacheFolder));
-    EXPECT_TRUE(ChunkCaches::Process().Get(m_cacheFolder, key)->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    EXPECT_TRUE(ChunkCaches::Process().Get(m_cacheFolder, cacheKey)->Find("/x.vxe/a.lua", m_buffer, m_chunk));
     EXPECT_EQ(m_chunk, "code");
 }
 
@@ -139,8 +139,8 @@ TEST_F(CachedChunk, WhatWaitsInAProcessIsNotWrittenByItsChild)
 
 TEST_F(CachedChunk, WritersKeepEachOthersChunks)
 {
-    ChunkCache one(m_cacheFolder, key);
-    ChunkCache two(m_cacheFolder, key);
+    ChunkCache one(m_cacheFolder, cacheKey);
+    ChunkCache two(m_cacheFolder, cacheKey);
     one.Add("/x.vxe/a.lua", 6, "a");
     two.Add("/x.vxe/b.lua", 6, "b");
     one.Flush();
@@ -227,7 +227,7 @@ protected:
         cache->Add("/x.vxe/a.lua", 6, "code");
         cache->Flush();
         std::vector<std::string> names = Names(m_cacheFolder);
-        const auto own = std::find(names.begin(), names.end(), key + ".luac");
+        const auto own = std::find(names.begin(), names.end(), cacheKey + ".luac");
         EXPECT_NE(own, names.end());
         if (own != names.end())
             names.erase(own);
@@ -340,20 +340,20 @@ TEST_F(CachedChunk, EveryFailingCallCostsOnlyTime)
     for (g_failAt = 1; g_failAt < 200; ++g_failAt) {
         std::filesystem::remove_all(m_cacheFolder);
         {
-            ChunkCache before(m_cacheFolder, key);
+            ChunkCache before(m_cacheFolder, cacheKey);
             before.Add("/x.vxe/a.lua", 6, "a");
             before.Flush();
         }
-        ChunkCache cache(m_cacheFolder, key);
-        g_calls = 0;
+        ChunkCache cache(m_cacheFolder, cacheKey);
+        g_cacheCalls = 0;
         os::SetCallObserver(FailNth);
         EXPECT_TRUE(!cache.Find("/x.vxe/a.lua", m_buffer, m_chunk) || m_chunk == "a");
         cache.Add("/x.vxe/b.lua", 6, "b");
         cache.Flush();
         EXPECT_TRUE(!cache.Find("/x.vxe/b.lua", m_buffer, m_chunk) || m_chunk == "b");
-        const bool reached = g_calls >= g_failAt;
+        const bool reached = g_cacheCalls >= g_failAt;
         os::SetCallObserver(nullptr);
-        ChunkCache after(m_cacheFolder, key);
+        ChunkCache after(m_cacheFolder, cacheKey);
         EXPECT_TRUE(!after.Find("/x.vxe/b.lua", m_buffer, m_chunk) || m_chunk == "b");
         if (!reached)
             break;
@@ -369,20 +369,20 @@ TEST_F(CachedChunk, AProcessKilledAtAnyCallLeavesAWholeFile)
     for (g_failAt = 1; g_failAt < 200; ++g_failAt) {
         std::filesystem::remove_all(m_cacheFolder);
         {
-            ChunkCache before(m_cacheFolder, key);
+            ChunkCache before(m_cacheFolder, cacheKey);
             before.Add("/x.vxe/a.lua", 6, "a");
             before.Flush();
         }
         const int code = ::Test::InChild([this] {
-            g_calls = 0;
+            g_cacheCalls = 0;
             os::SetCallObserver(FailNth);
-            ChunkCache cache(m_cacheFolder, key);
+            ChunkCache cache(m_cacheFolder, cacheKey);
             cache.Add("/x.vxe/b.lua", 6, "b");
             cache.Flush();
             return 0;
         });
         ASSERT_GE(code, 0);
-        ChunkCache after(m_cacheFolder, key);
+        ChunkCache after(m_cacheFolder, cacheKey);
         EXPECT_TRUE(after.Find("/x.vxe/a.lua", m_buffer, m_chunk)) << g_failAt;
         after.Add("/x.vxe/c.lua", 6, "c");
         after.Flush();
@@ -399,8 +399,8 @@ TEST_F(CachedChunk, ManyThreadsAndWritersDoNotHurtEachOther)
     std::vector<::Test::JoiningThread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([this, t] {
-            const auto mine = std::make_shared<ChunkCache>(m_cacheFolder, key);
-            const auto shared = ChunkCaches::Process().Get(m_cacheFolder, key);
+            const auto mine = std::make_shared<ChunkCache>(m_cacheFolder, cacheKey);
+            const auto shared = ChunkCaches::Process().Get(m_cacheFolder, cacheKey);
             for (int i = 0; i < 20; ++i) {
                 const std::string name = "/x.vxe/" + std::to_string(i) + ".lua";
                 for (const auto& cache : {mine, shared}) {

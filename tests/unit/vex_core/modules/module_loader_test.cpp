@@ -111,13 +111,13 @@ std::vector<std::string> FilesBelow(const std::string& folder)
     return files;
 }
 
-std::vector<std::string> g_calls;
+std::vector<std::string> g_loaderCalls;
 std::vector<std::string> g_opened;
 
 int NoteCall(const os::Call& call)
 {
-    g_calls.push_back(call.name);
-    if (g_calls.back() == "open")
+    g_loaderCalls.push_back(call.name);
+    if (g_loaderCalls.back() == "open")
         g_opened.push_back(call.path);
     return 0;
 }
@@ -913,13 +913,13 @@ TEST_F(ModuleSearch, NoModuleIsUnpackedToDisk)
     Add("bin/vex_core/y.vxe", {{"c.lua", Dumped("return 'c'")}});
     const std::vector<std::string> before = WholeTree(m_folder.Path());
     const ::Test::Variable temporaries("TMPDIR", m_folder / "work");
-    g_calls.clear();
+    g_loaderCalls.clear();
     {
         const ::Test::CallWatch observed(NoteCall);
         EXPECT_EQ(Lua(m_dom).Run("return require 'a' .. require 'b' .. require 'big' .. require 'c'"), "ab200000c");
     }
-    EXPECT_THAT(g_calls, testing::Contains("pread"));
-    EXPECT_THAT(g_calls, testing::Each(testing::AnyOf("stat", "open", "fstat", "pread", "close")));
+    EXPECT_THAT(g_loaderCalls, testing::Contains("pread"));
+    EXPECT_THAT(g_loaderCalls, testing::Each(testing::AnyOf("stat", "open", "fstat", "pread", "close")));
     EXPECT_EQ(WholeTree(m_folder.Path()), before);
 }
 

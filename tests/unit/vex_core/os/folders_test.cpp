@@ -10,19 +10,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using Test::ModeOf;
 using Test::TempFolder;
 using Test::WriteFile;
 namespace os = VexCore::os;
 
-namespace {
-mode_t ModeOf(const std::string& path)
-{
-    struct stat status = {};
-    EXPECT_EQ(::lstat(path.c_str(), &status), 0);
-    return status.st_mode & 07777;
-}
-
-} // namespace
+namespace {} // namespace
 
 TEST(MakePrivateFolders, MakesWhatIsMissing)
 {

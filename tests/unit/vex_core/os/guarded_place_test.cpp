@@ -22,18 +22,13 @@
 #include <unistd.h>
 
 using Test::CallWatch;
+using Test::ModeOf;
 using Test::WriteFile;
 using namespace std::string_view_literals;
 namespace os = VexCore::os;
 namespace fs = std::filesystem;
 
 namespace {
-mode_t ModeOf(const std::string& path)
-{
-    struct stat status = {};
-    return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-}
-
 class GuardedPlace : public testing::Test
 {
 protected:

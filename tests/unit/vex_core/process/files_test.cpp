@@ -18,18 +18,13 @@
 #include <wx/string.h>
 
 using Test::LogCatcher;
+using Test::ModeOf;
 using Test::TempFolder;
 using Test::WriteFile;
 using VexCore::MayBelieveFile;
 using VexCore::SecureFileOrDirectory;
 
 namespace {
-mode_t ModeOf(const std::string& path)
-{
-    struct stat status = {};
-    return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : mode_t(-1);
-}
-
 bool Secure(const std::string& path, bool recurse)
 {
     return SecureFileOrDirectory(wxString::FromUTF8(path.c_str()), recurse);

@@ -23,7 +23,7 @@ using ::Test::TestThread;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-ProgramRequest Shell(const std::string& script)
+ProgramRequest ShellRequest(const std::string& script)
 {
     ProgramRequest request;
     request.program = "/bin/sh";
@@ -49,7 +49,7 @@ bool Runs(pid_t pid)
 ProgramResult RunAndStop(const ::Test::TempFolder& folder, const std::string& script, long& elapsedMs)
 {
     ProgramResult result;
-    TestThread thread([&](TestThread&) { result = RunProgram(Shell(script)); });
+    TestThread thread([&](TestThread&) { result = RunProgram(ShellRequest(script)); });
     thread.start(50, true, 0);
     EXPECT_TRUE(Comes([&] { return std::filesystem::exists(folder / "runs"); }));
     const auto begin = Clock::now();
@@ -99,7 +99,7 @@ TEST(HelperOfAThread, IsNotStartedWhenTheThreadWasAskedBefore)
     MayStart may[2] = {};
     TestThread thread([&](TestThread& self) {
         self.requestExit();
-        result = RunProgram(Shell("touch " + (folder / "runs")));
+        result = RunProgram(ShellRequest("touch " + (folder / "runs")));
         for (MayStart& each : may)
             each = AskToStart();
     });
@@ -118,8 +118,9 @@ TEST(HelperOfAThread, OfAnotherThreadIsLeftAlone)
     const ::Test::TempFolder folder;
     ProgramResult result;
     TestThread other([](TestThread&) {});
-    TestThread thread(
-        [&](TestThread&) { result = RunProgram(Shell("touch " + (folder / "runs") + "; sleep 0.3; echo whole")); });
+    TestThread thread([&](TestThread&) {
+        result = RunProgram(ShellRequest("touch " + (folder / "runs") + "; sleep 0.3; echo whole"));
+    });
     other.start(50, true, 0);
     thread.start(50, true, 0);
     EXPECT_TRUE(Comes([&] { return std::filesystem::exists(folder / "runs"); }));
@@ -132,7 +133,7 @@ TEST(HelperOfAThread, OfAnotherThreadIsLeftAlone)
 
 TEST(HelpersAtTheEnd, WhatAProgramHasLeftRunningGetsATerm)
 {
-    const ProgramResult result = RunProgram(Shell("sleep 60 & echo $!"));
+    const ProgramResult result = RunProgram(ShellRequest("sleep 60 & echo $!"));
     const pid_t left = std::atoi(result.output.c_str());
     ASSERT_TRUE(Runs(left));
     EndHelpers();
@@ -143,10 +144,10 @@ TEST(HelpersAtTheEnd, WhatSeveralProgramsHaveLeftRunningGetsATerm)
 {
     pid_t left[3] = {};
     for (pid_t& each : left)
-        each = std::atoi(RunProgram(Shell("sleep 60 & echo $!")).output.c_str());
+        each = std::atoi(RunProgram(ShellRequest("sleep 60 & echo $!")).output.c_str());
     SendSignal(left[0], SIGKILL);
     EXPECT_TRUE(Comes([&] { return !Runs(left[0]); }));
-    RunProgram(Shell("true"));
+    RunProgram(ShellRequest("true"));
     ASSERT_TRUE(Runs(left[1]) && Runs(left[2]));
     EndHelpers();
     EXPECT_TRUE(Comes([&] { return !Runs(left[1]) && !Runs(left[2]); }));
@@ -156,8 +157,8 @@ TEST(HelpersAtTheEnd, WhatHasASessionOfItsOwnIsLeftAlone)
 {
     const ::Test::TempFolder folder;
     const ProgramResult result =
-        RunProgram(Shell("setsid sh -c 'echo $$ > " + (folder / "pid") + "; exec sleep 60' & while [ ! -s "
-                         + (folder / "pid") + " ]; do sleep 0.01; done; sleep 60 & echo $!"));
+        RunProgram(ShellRequest("setsid sh -c 'echo $$ > " + (folder / "pid") + "; exec sleep 60' & while [ ! -s "
+                                + (folder / "pid") + " ]; do sleep 0.01; done; sleep 60 & echo $!"));
     const pid_t own = std::atoi(::Test::ReadFile(folder / "pid").c_str());
     const pid_t left = std::atoi(result.output.c_str());
     ASSERT_TRUE(Runs(own) && Runs(left));
