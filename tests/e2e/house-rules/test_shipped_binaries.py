@@ -10,7 +10,7 @@ from conftest import BUILD, STAGE
 
 BUILT = {"vx_agent": "src/vex/apps/vex/vx_agent", "vexctl": "src/vex/apps/vexctl/vexctl",
          "lib/vex_core.so": "src/vex_core/vex_core.so", "lib/libSLB3.so": "src/slb3/libSLB3.so"}
-WITH_ARRAYS_ON_THE_STACK = ("vx_agent", "lib/vex_core.so")
+WITH_ARRAYS_ON_THE_STACK = ("vx_agent", "vexctl", "lib/vex_core.so")
 
 
 def is_release():
@@ -78,3 +78,8 @@ def test_debug_data_is_put_where_a_debugger_looks(tmp_path):
                    stdout=subprocess.DEVNULL)
     found = {os.path.relpath(os.path.join(folder, file), tmp_path) for folder, _, files in os.walk(tmp_path) for file in files}
     assert found == {".debug/vx_agent.debug", ".debug/vexctl.debug", "lib/.debug/vex_core.so.debug", "lib/.debug/libSLB3.so.debug"}
+
+
+def test_the_operators_tool_starts_without_what_only_the_agent_needs():
+    needed = set(re.findall(r"NEEDED.*\[lib([\w+]+)", readelf("-d", os.path.join(STAGE, "vexctl"))))
+    assert needed <= {"wx_baseu", "sqlite3", "deflate", "z", "stdc++", "gcc_s", "m", "c"}
