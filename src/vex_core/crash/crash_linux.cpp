@@ -26,7 +26,7 @@ namespace {
 constexpr long threadsWaitMs = 500;
 constexpr std::uint64_t stackBytes = 256 * 1024; // of each thread, from its innermost frame on
 constexpr std::uint64_t redZoneBytes = 128; // below the stack pointer, in use by leaf functions
-constexpr std::uint64_t reachBytes = 1 << 20; // from an overflown stack's pointer to the stack
+constexpr std::uint64_t overflowReachBytes = 1 << 20; // from an overflown stack's pointer to the stack
 constexpr std::uint64_t codeBytes = 512; // around the crash
 constexpr std::uint64_t maxFullBytes = static_cast<std::uint64_t>(8) << 30;
 
@@ -141,7 +141,7 @@ private:
 
     Minidump::MemoryDescriptor AddStack(std::uint64_t stackPointer)
     {
-        const CrashRange* const range = stackPointer == 0 ? nullptr : FindCrashRange(stackPointer, reachBytes);
+        const CrashRange* const range = stackPointer == 0 ? nullptr : FindCrashRange(stackPointer, overflowReachBytes);
         if (!range)
             return Minidump::MemoryDescriptor();
         const std::uint64_t low = stackPointer > redZoneBytes ? stackPointer - redZoneBytes : 0;
