@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -93,6 +94,25 @@ public:
 
 private:
     const mode_t m_before;
+};
+
+/// Lets the process have fewer descriptors: no new one has this number or a higher one.
+class DescriptorLimit
+{
+public:
+    explicit DescriptorLimit(rlim_t count)
+    {
+        ::getrlimit(RLIMIT_NOFILE, &m_before);
+        const struct rlimit limit = {count, m_before.rlim_max};
+        if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
+            throw std::system_error(errno, std::generic_category(), "limiting the descriptors");
+    }
+    ~DescriptorLimit() { EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &m_before), 0); }
+    DescriptorLimit(const DescriptorLimit&) = delete;
+    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+private:
+    struct rlimit m_before = {};
 };
 
 class CurrentFolder

@@ -4,6 +4,7 @@
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
 #include "support/need.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
 
@@ -14,7 +15,6 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <wx/log.h>
@@ -43,22 +43,6 @@ protected:
     ::Test::TempFolder m_folder;
     std::string m_failure;
     wxLogNull m_silence;
-};
-
-// Lets the process have fewer descriptors for one test.
-class DescriptorLimit
-{
-public:
-    explicit DescriptorLimit(rlim_t count)
-    {
-        ::getrlimit(RLIMIT_NOFILE, &m_before);
-        const struct rlimit limit = {count, m_before.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &limit);
-    }
-    ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
-
-private:
-    struct rlimit m_before = {};
 };
 
 } // namespace
@@ -164,7 +148,7 @@ TEST_F(IndexedArchive, AClosedArchiveThatWasReplacedIsNotReadAsTheOldOne)
 
 TEST_F(IndexedArchive, MoreArchivesThanDescriptorsAreAllUsable)
 {
-    const DescriptorLimit limit(128);
+    const ::Test::DescriptorLimit limit(128);
     std::vector<std::shared_ptr<ModuleArchive>> archives;
     for (int i = 0; i < 300; ++i) {
         const std::string path = m_folder / (std::to_string(i) + ".vxe");
@@ -183,7 +167,7 @@ TEST_F(IndexedArchive, AnArchiveThatCouldNotBeOpenedForWantOfDescriptorsIsTriedA
     wxLog::EnableLogging(); // until the end of the silence
     const ::Test::LogCatcher log;
     {
-        const DescriptorLimit limit(0);
+        const ::Test::DescriptorLimit limit(0);
         for (int attempt = 0; attempt < 3; ++attempt) {
             EXPECT_FALSE(Current(m_folder / "x.vxe"));
             EXPECT_EQ(m_failure, "cannot be opened: Too many open files");

@@ -195,6 +195,18 @@ TEST_F(Unzipping, FolderThatIsThereKeepsItsMode)
     EXPECT_EQ(Mode("lib"), 0700u);
 }
 
+TEST_F(Unzipping, AnArchiveMayHaveMoreFoldersThanAProcessMayHaveFiles)
+{
+    constexpr int folders = 400;
+    ZipBuilder builder;
+    for (int i = 0; i < folders; ++i)
+        builder.Add("d" + std::to_string(i) + "/f", "x");
+    const ::Test::DescriptorLimit limit(200);
+    ASSERT_TRUE(Run(builder)) << m_log->All();
+    for (const int i : {0, folders - 1})
+        EXPECT_EQ(Content("d" + std::to_string(i) + "/f"), "x");
+}
+
 TEST_F(Unzipping, EntryThatIsDeclinedIsSkippedAndItsDataNotRead)
 {
     ZipBuilder builder;
