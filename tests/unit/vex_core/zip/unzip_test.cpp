@@ -722,6 +722,23 @@ TEST_F(UnzippingUnderFaults, SystemWithoutAFlushOfFileSystemsFlushesEachFile)
     ExpectAllNew();
 }
 
+// With many files one flush of their file system would do, where there is one.
+TEST_F(UnzippingUnderFaults, SystemWithoutAFlushOfFileSystemsFlushesEachOfManyFiles)
+{
+    constexpr int files = 40;
+    ZipBuilder builder;
+    for (int i = 0; i < files; ++i)
+        builder.Add("f" + std::to_string(i), "x");
+    WriteFile(m_archive, builder.Build());
+    MakeOld();
+    Plan plan;
+    plan.failName = "syncfs";
+    plan.error = ENOTSUP;
+    const Observed observed(plan);
+    EXPECT_TRUE(Run());
+    EXPECT_GE(std::count(g_plan.names.begin(), g_plan.names.end(), "fsync"), files);
+}
+
 TEST_F(UnzippingUnderFaults, StorageThatFailsFromACallOnLeavesOldOrNewFilesAndTheNextRunCompletes)
 {
     WriteFile(m_archive, Package().Build());
