@@ -739,6 +739,20 @@ TEST_F(UnzippingUnderFaults, SystemWithoutAFlushOfFileSystemsFlushesEachOfManyFi
     EXPECT_GE(std::count(g_plan.names.begin(), g_plan.names.end(), "fsync"), files);
 }
 
+TEST_F(UnzippingUnderFaults, ALongListOfAnEarlierRunIsReadToItsEnd)
+{
+    WriteFile(m_archive, Package().Build());
+    MakeOld();
+    std::string list = "first\n";
+    for (int i = 0; i < 3000; ++i)
+        list += "gone" + std::to_string(i) + "\n";
+    WriteFile(m_root + "/.vex-unzip-1.list", list + "lib\n");
+    WriteFile(m_root + "/lib/.vex-unzip-1-0", "left");
+    ASSERT_TRUE(Run());
+    EXPECT_FALSE(HasTemporaries(m_root));
+    ExpectAllNew();
+}
+
 TEST_F(UnzippingUnderFaults, StorageThatFailsFromACallOnLeavesOldOrNewFilesAndTheNextRunCompletes)
 {
     WriteFile(m_archive, Package().Build());
