@@ -8,10 +8,13 @@
 #include "vex_core/os/process_info.h"
 #include "vex_core/process/run_program.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -59,6 +62,38 @@ ProgramResult RunAndStop(const ::Test::TempFolder& folder, const std::string& sc
     return result;
 }
 
+// A shell that reads from us.
+class ReadingShell
+{
+public:
+    explicit ReadingShell(std::string script)
+    {
+        os::Pipe pipe = os::OpenPipe();
+        m_stream.reset(::fdopen(pipe.writing.Release(), "w"));
+        std::string name = "sh", option = "-c";
+        char* const arguments[] = {name.data(), option.data(), script.data(), nullptr};
+        os::SpawnPlan plan;
+        plan.program = "/bin/sh";
+        plan.arguments = arguments;
+        plan.input = pipe.reading.Get();
+        m_program = ::Test::Need(HelperProgram::Start(plan));
+        m_program->SetInput(m_stream.get());
+    }
+    ~ReadingShell() { m_program->SetInput(nullptr); }
+    ReadingShell(const ReadingShell&) = delete;
+    ReadingShell& operator=(const ReadingShell&) = delete;
+
+    HelperProgram& Program() { return *m_program; }
+
+private:
+    struct Closer
+    {
+        void operator()(std::FILE* stream) const { std::fclose(stream); }
+    };
+    std::unique_ptr<std::FILE, Closer> m_stream;
+    std::unique_ptr<HelperProgram> m_program;
+};
+
 void EndHelpers()
 {
     EndSteps::OfProcess().Find(EndStep::EndHelpers)();
@@ -90,6 +125,24 @@ TEST(HelperOfAThread, EndsAlsoWhenItIgnoresTheFirstWord)
     EXPECT_GE(elapsedMs, 1500);
     EXPECT_LT(elapsedMs, 8000);
     EXPECT_FALSE(result.ran);
+}
+
+TEST(HelperOfAThread, EndsAlsoWhenItIgnoresTheEndOfItsInput)
+{
+    HelperProgram::End end = HelperProgram::End::OfItself;
+    Clock::time_point begin;
+    TestThread thread([&](TestThread& self) {
+        ReadingShell reader("exec sleep 30");
+        self.requestExit();
+        reader.Program().SetInput(nullptr); // as who closes the stream does before he waits
+        begin = Clock::now();
+        end = reader.Program().Wait(0, {});
+    });
+    thread.start(50, true, 0);
+    thread.join();
+    EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(900)) << "it has a second for the rest of its input";
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(20));
+    EXPECT_EQ(end, HelperProgram::End::Stopped);
 }
 
 TEST(HelperOfAThread, IsNotStartedWhenTheThreadWasAskedBefore)
@@ -179,4 +232,17 @@ TEST(HelpersAtTheEnd, WhatStillRunsGetsATerm)
     EndHelpers();
     EXPECT_EQ(program->Wait(0, {}), HelperProgram::End::Stopped);
     EXPECT_EQ(program->Status(), SIGTERM);
+}
+
+TEST(HelpersAtTheEnd, WhoReadsFromUsHasTheTimeThatThisTakesAndNoLonger)
+{
+    auto shortest = Clock::duration::max();
+    for (int i = 0; i < 3; ++i) { // the machine may be busy
+        ReadingShell reader("exec cat > /dev/null");
+        const auto begin = Clock::now();
+        EndHelpers();
+        shortest = std::min(shortest, Clock::now() - begin);
+        reader.Program().Wait(0, {});
+    }
+    EXPECT_LT(shortest, std::chrono::milliseconds(900));
 }
