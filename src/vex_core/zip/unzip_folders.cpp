@@ -42,11 +42,6 @@ std::string Quoted(std::string_view path)
     throw UnzipFailure("cannot open the folder " + Quoted(path), error);
 }
 
-[[noreturn]] void FailReplaced(std::string_view path)
-{
-    throw UnzipFailure("the folder " + Quoted(path) + " was replaced meanwhile");
-}
-
 } // namespace
 
 std::string_view FolderOf(std::string_view path)
@@ -162,14 +157,11 @@ const UnzipFolders::Folder* UnzipFolders::OpenBelow(Folder& parent, std::string_
 
 void UnzipFolders::CheckSame(const Folder& parent, std::string_view path, const Folder& folder)
 {
-    struct stat status;
-    if (os::LStatAt(parent.file.Get(), LastOf(path).c_str(), status) != 0) {
-        if (os::LastError() != ENOENT)
-            throw UnzipFailure("cannot look at the folder " + Quoted(path), os::LastError());
-        FailReplaced(path);
-    }
-    if (!S_ISDIR(status.st_mode) || !folder.identity.IsFileOf(status))
-        FailReplaced(path);
+    struct stat status = {}; // stays no folder's when nothing is there
+    if (os::LStatAt(parent.file.Get(), LastOf(path).c_str(), status) != 0 && os::LastError() != ENOENT)
+        throw UnzipFailure("cannot look at the folder " + Quoted(path), os::LastError());
+    if (!folder.identity.IsFileOf(status))
+        throw UnzipFailure("the folder " + Quoted(path) + " was replaced meanwhile");
 }
 
 void UnzipFolders::NoteChange(std::string_view path)

@@ -1114,22 +1114,27 @@ TEST_F(UnzippingUnderFaults, FolderSwappedForASymbolicLinkAThousandTimesLetsNoth
     EXPECT_TRUE(fs::is_empty(outside));
 }
 
-TEST_F(UnzippingUnderFaults, FolderThatIsReplacedWhileFilesWaitIsNotWrittenInto)
+TEST_F(UnzippingUnderFaults, FolderThatIsMovedAwayWhileFilesWaitIsNotWrittenInto)
 {
     WriteFile(m_archive, Package().Build());
-    MakeOld();
-    EXPECT_FALSE(Run([&](const Seen& seen) {
-        if (seen.name == "bin/tool") {
-            fs::rename(m_root + "/lib", m_folder / "moved");
-            fs::create_directory(m_root + "/lib");
-        }
-        return true;
-    }));
-    ASSERT_EQ(m_log->Lines().size(), 1u);
-    EXPECT_NE(m_log->Lines()[0].text.find("\"lib\" was replaced"), std::string::npos) << m_log->Lines()[0].text;
-    EXPECT_EQ(ReadFile(m_folder / "moved/a.lua"), "old");
-    EXPECT_FALSE(HasTemporaries(m_folder / "moved"));
-    EXPECT_TRUE(fs::is_empty(m_root + "/lib"));
+    for (const bool isReplaced : {true, false}) {
+        MakeOld();
+        const std::string moved = m_folder / (isReplaced ? "replaced" : "gone");
+        EXPECT_FALSE(Run([&](const Seen& seen) {
+            if (seen.name == "bin/tool") {
+                fs::rename(m_root + "/lib", moved);
+                if (isReplaced)
+                    fs::create_directory(m_root + "/lib");
+            }
+            return true;
+        }));
+        EXPECT_EQ(m_log->Text(),
+                  "Cannot process the archive \"" + m_archive + "\": the folder \"lib\" was replaced meanwhile\n");
+        EXPECT_EQ(ReadFile(moved + "/a.lua"), "old");
+        EXPECT_FALSE(HasTemporaries(moved));
+        EXPECT_EQ(fs::exists(m_root + "/lib"), isReplaced);
+        EXPECT_TRUE(!isReplaced || fs::is_empty(m_root + "/lib"));
+    }
 }
 
 #ifndef VEX_TEST_SANITIZED
