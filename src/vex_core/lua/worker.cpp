@@ -70,8 +70,8 @@ bool Worker::Protected(CLuaInterpreter& lua, int (*function)(lua_State*), int re
     if (lua_pcall(L, 1, resultCount, 0) == LUA_OK)
         return true;
     std::size_t length = 0;
-    const char* const message = lua_tolstring(L, -1, &length);
-    m_error = message ? std::string(message, length) : "(no message)";
+    const char* const message = lua_tolstring(L, -1, &length); // what runs here raises nothing but texts
+    m_error.assign(message, length);
     lua_settop(L, 0);
     return false;
 }

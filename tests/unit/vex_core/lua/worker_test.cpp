@@ -1,7 +1,9 @@
 #include "vex_core/lua/worker.h"
 
+#include "support/address_limit.h"
 #include "support/log_catcher.h"
 #include "support/lua_results.h"
+#include "support/sanitized.h"
 #include "support/temp_folder.h"
 #include "vex/core/dom.h"
 #include "vex/core/luainterpreter.h"
@@ -220,6 +222,24 @@ TEST_F(LuaWorker, ArgumentMayBeAHundredTablesDeepAndAMillionValuesLarge)
     EXPECT_EQ(m_dom->Get("n"), "499999");
     EXPECT_THAT(Run("local count = 500000 " + wide + "dom0:StartThread('count', t)"),
                 HasSubstr("got more than a million values at [500000]"));
+}
+
+TEST_F(LuaWorker, ArgumentForWhichTheNewStateHasNoMemoryFailsTheWorker)
+{
+#ifdef VEX_TEST_SANITIZED
+    GTEST_SKIP() << "the sanitizers' own memory is over any limit of the address space";
+#else
+    constexpr std::size_t argumentBytes = std::size_t{1} << 27;
+    VexCore::LuaValue argument;
+    argument.value = std::string(argumentBytes, 'x');
+    const ::Test::AddressLimit lessThanACopy(argumentBytes / 2);
+    const std::shared_ptr<VexCore::Worker> worker = VexCore::Worker::Start(*m_dom, "job", std::move(argument));
+    ASSERT_TRUE(worker);
+    EXPECT_TRUE(worker->WaitForEnd(-1));
+    EXPECT_EQ(worker->Status(), 2);
+    EXPECT_EQ(worker->Error(), "not enough memory");
+    EXPECT_EQ(Log(), "Worker \"job\" failed: not enough memory\n");
+#endif
 }
 
 TEST_F(LuaWorker, NumberKeysAreCopiedWithoutBeingChanged)
