@@ -20,10 +20,12 @@
 #include <unistd.h>
 
 #include "support/dom_ptr.h"
+#include "support/heap_in_use.h"
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
 #include "support/other_user.h"
 #include "support/process_guards.h"
+#include "support/sanitized.h"
 #include "support/temp_folder.h"
 
 using Test::DomPtr;
@@ -729,6 +731,30 @@ TEST(DomWait, OfManyKeysThoseThatWereWaitedForLastAreKept)
         EXPECT_EQ(dom->Wait(keys, 0, which), EWait::Written) << i;
         EXPECT_EQ(which, i);
     }
+}
+
+TEST(DomWait, WhatNobodyWaitsForAnyMoreTakesNoMemory)
+{
+#ifdef VEX_TEST_SANITIZED
+    GTEST_SKIP() << "a sanitizer keeps what is given back";
+#endif
+    if (!::Test::HeapInUse())
+        GTEST_SKIP() << "the system does not tell how much of the heap is in use";
+    constexpr int count = 500;
+    const DomPtr dom = NewRoot();
+    const auto waitFor = [&dom](int number) {
+        EXPECT_EQ(dom->Wait((std::string(10000, 'x') + std::to_string(number)).c_str(), 0), EWait::TimedOut);
+    };
+    waitFor(0);
+    std::thread(waitFor, 0).join();
+    std::size_t before = *::Test::HeapInUse();
+    for (int number = 1; number <= count; ++number)
+        std::thread(waitFor, number).join();
+    EXPECT_LT(*::Test::HeapInUse(), before + 500000) << "all keys of threads that have ended have 5 MB";
+    before = *::Test::HeapInUse();
+    for (int number = 1; number <= count; ++number)
+        waitFor(number);
+    EXPECT_LT(*::Test::HeapInUse(), before + 500000) << "and so have those that a thread has waited for before";
 }
 
 TEST(DomWait, RequestToEndWakesAndIsReportedFromThenOn)
