@@ -505,6 +505,30 @@ TEST(DiskLog, RemovedFileIsMadeAnew)
     EXPECT_EQ(ReadFile(folder / "x.log"), "two\n");
 }
 
+TEST(DiskLog, RecordWaitsWhileTheNewFileCannotTakeTheNumberOfTheOldOne)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    DiskLog log(muchMemory, error.Descriptor());
+    log.SetFile(folder / "x.log");
+    {
+        std::vector<os::Descriptor> lower; // numbers that are free when the log's is beyond the limit
+        for (int i = 0; i < 10; ++i)
+            lower.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        log.Write("one\n", false);
+    }
+    std::filesystem::rename(folder / "x.log", folder / "moved");
+    {
+        const ::Test::DescriptorLimit limit(static_cast<rlim_t>(log.Descriptor()));
+        log.Write("two\n", false);
+    }
+    EXPECT_EQ(ReadFile(folder / "moved"), "one\n");
+    EXPECT_EQ(error.Text(), "Can't write the log file " + (folder / "x.log")
+                                + " (error 9: Bad file descriptor), lines are kept in memory and tried again\n");
+    log.Write("three\n", false);
+    EXPECT_EQ(ReadFile(folder / "x.log"), "two\nthree\n");
+}
+
 TEST(DiskLog, FullDiskHoldsRecordsInOrder)
 {
     const TempFolder folder;
