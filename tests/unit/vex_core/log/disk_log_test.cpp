@@ -1029,6 +1029,29 @@ TEST(DiskLog, HeldRecordsStayWithTheParentOfAFork)
     EXPECT_EQ(error.Text(), "too much for the memory\nearly\n");
 }
 
+TEST(DiskLog, ForkWaitsForTheEndOfARecordThatAnotherThreadWrites)
+{
+    const TempFolder folder;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    std::atomic<bool> hasBegun{false};
+    std::atomic<bool> isOver{false};
+    Faults faults;
+    faults.look = [&](const os::Call& call) {
+        if (call.name != "write"sv)
+            return;
+        hasBegun = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // enough for a fork that does not wait
+        isOver = true;
+    };
+    ::Test::JoiningThread writer([&] { log.Write("record\n", false); });
+    while (!hasBegun)
+        std::this_thread::yield();
+    log.BeforeFork();
+    EXPECT_TRUE(isOver);
+    log.AfterForkInParent();
+}
+
 TEST(DiskLog, ChildForkedWhileAnotherThreadWritesCanWrite)
 {
     const TempFolder folder;
