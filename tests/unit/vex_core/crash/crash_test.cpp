@@ -1,6 +1,7 @@
 // The handler itself needs a process that may die: tests/e2e/crash. Here are its parts.
 
 #include "vex/core/crash.h"
+#include "vex_core/crash/crash_context.h"
 #include "vex_core/crash/crash_maps.h"
 #include "vex_core/crash/crash_system.h"
 #include "vex_core/crash/minidump_writer.h"
@@ -267,6 +268,17 @@ TEST(CrashMaps, MemoryThatIsNotOursToReadIsNoStack)
         for (std::size_t at = maps.find(name); at != std::string::npos; at = maps.find(name, at + 1))
             ++kernels;
     EXPECT_EQ(devices, kernels);
+}
+
+TEST(CrashContext, ThreadThatDoesNotAnswerHasItsPlaceAndNothingElse)
+{
+    Minidump::ContextAmd64 context = {};
+    context.rax = 1; // of the thread before
+    SetCrashPlace({0x7ffc12345678, 0x401000}, context);
+    EXPECT_EQ(context.flags, Minidump::contextControl);
+    EXPECT_EQ(context.rsp, 0x7ffc12345678u);
+    EXPECT_EQ(context.rip, 0x401000u);
+    EXPECT_EQ(context.rax, 0u);
 }
 
 TEST(SignalStack, ThreadHasAnAlternateStackBetweenStartAndEnd)
