@@ -6,12 +6,14 @@
 #include "vex_core/crash/crash_system.h"
 #include "vex_core/crash/minidump_writer.h"
 #include "vex_core/crash/signal_stack.h"
+#include "vex_core/os/signals.h"
 
 #include "support/temp_folder.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <limits>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -309,6 +311,25 @@ TEST(SignalStack, ThreadHasAnAlternateStackBetweenStartAndEnd)
         EXPECT_EQ(after.ss_sp, before.ss_sp);
         EXPECT_EQ(after.ss_flags & SS_DISABLE, before.ss_flags & SS_DISABLE);
     }).join();
+}
+
+TEST(SignalStack, ThreadThatCannotHaveOneGoesOnWithout)
+{
+    // More than there is memory, and less than the system takes.
+    for (const std::size_t bytes : {std::numeric_limits<std::size_t>::max() / 2, std::size_t{1}}) {
+        SCOPED_TRACE(bytes);
+        std::thread([bytes] {
+            stack_t before;
+            stack_t after;
+            sigaltstack(nullptr, &before);
+            os::SignalStack stack;
+            os::UseSignalStack(stack, bytes);
+            sigaltstack(nullptr, &after);
+            EXPECT_EQ(stack.mapping, nullptr);
+            EXPECT_EQ(after.ss_sp, before.ss_sp);
+            EXPECT_EQ(after.ss_flags, before.ss_flags);
+        }).join();
+    }
 }
 
 TEST(CrashHandlerStart, RefusesAPathThatItCannotKeep)
