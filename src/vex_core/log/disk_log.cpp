@@ -227,16 +227,9 @@ bool DiskLog::TryWrite(const std::string& record)
 
 bool DiskLog::WriteBytes(const std::string& bytes)
 {
-    ssize_t count = os::Write(m_file.Get(), bytes.data(), bytes.size());
-    if (count > 0 && static_cast<std::size_t>(count) < bytes.size()) {
-        // The disk is full, or was for a moment. The rest belongs right behind.
-        const std::size_t rest = bytes.size() - static_cast<std::size_t>(count);
-        const ssize_t more = os::Write(m_file.Get(), bytes.data() + count, rest);
-        count = more < 0 ? more : count + more;
-    }
-    if (count == static_cast<ssize_t>(bytes.size()))
+    if (os::WriteAll(m_file.Get(), bytes.data(), bytes.size()))
         return true;
-    Fail(NumberAndText(count < 0 ? os::LastError() : ENOSPC));
+    Fail(NumberAndText(os::LastError()));
     return false;
 }
 

@@ -37,19 +37,13 @@ void Output::Write(std::string_view text)
 
 void Output::Flush()
 {
-    std::string_view rest = m_waiting;
-    while (!rest.empty()) {
-        const ssize_t count = VexCore::os::Write(m_descriptor, rest.data(), rest.size());
-        if (count < 0) {
-            const int error = VexCore::os::LastError();
-            m_waiting.clear();
-            if (error == EPIPE)
-                throw ReaderGone();
-            throw OutputFailed("the output cannot be written: " + VexCore::os::ErrorText(error));
-        }
-        rest.remove_prefix(static_cast<std::size_t>(count));
-    }
+    const bool written = VexCore::os::WriteAll(m_descriptor, m_waiting.data(), m_waiting.size());
+    const int error = written ? 0 : VexCore::os::LastError();
     m_waiting.clear();
+    if (error == EPIPE)
+        throw ReaderGone();
+    if (error != 0)
+        throw OutputFailed("the output cannot be written: " + VexCore::os::ErrorText(error));
 }
 
 void Output::FlushAsFarAsPossible()

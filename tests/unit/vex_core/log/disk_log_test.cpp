@@ -584,6 +584,18 @@ TEST(DiskLog, RecordThatIsCutIsCompletedAtOnceWhereThatWorks)
     EXPECT_EQ(ReadFile(folder / "x.log"), "12345\n");
 }
 
+TEST(DiskLog, RecordOfWhichTheSystemTakesLittleAtATimeIsWholeAllTheSame)
+{
+    const TempFolder folder;
+    Faults faults;
+    DiskLog log(muchMemory);
+    log.SetFile(folder / "x.log");
+    faults.look = [&faults](const os::Call&) { faults.WriteShortOnce(2); };
+    log.Write("1234567\n", false);
+    EXPECT_EQ(ReadFile(folder / "x.log"), "1234567\n");
+    EXPECT_EQ(faults.Writes(), 4);
+}
+
 TEST(DiskLog, RecordThatWasCutComesAgainWholeOnALineOfItsOwn)
 {
     const TempFolder folder;
