@@ -7,21 +7,29 @@ HOME = "tools/tidy_rules/system.py"
 
 KILL = re.compile(r"(?<![\w.>])(?:::)?(?:kill|killpg|tgkill|sigqueue)\s*\(")
 KILL_PYTHON = re.compile(r"\bos\.(?:kill|killpg)\s*\(")
-# What asks the system for something. Not among it: what the C library answers by itself (strsignal, getenv, setenv, pthread_self,
-# dlsym), its streams (fopen), the time of day of the standard library (std::time, std::chrono), and the framework.
-SYSTEM_CALLS = """
-    access alarm bind chdir chmod chown clock_gettime close closedir closefrom closelog connect creat dup dup2 dup3 execl execle
-    execlp execv execve execvp execvpe faccessat fchdir fchmod fchmodat fchown fchownat fcntl fdatasync fdopendir flock fork fstat
-    fstatat fstatvfs fsync ftruncate futimens getcwd getegid geteuid getgid gethostname getifaddrs getloadavg getpgid getpgrp
-    getpid getppid getpriority getrandom getrlimit getrusage getsid gettid gettimeofday getuid ioctl isatty lchown link linkat
-    lockf lseek lstat madvise mkdir mkdirat mkdtemp mkfifo mkstemp mmap mprotect msync munmap nanosleep open openat opendir openlog
-    pause pipe pipe2 poll posix_spawn posix_spawnp ppoll prctl pread preadv process_vm_readv pthread_kill pthread_sigmask ptrace
-    pwrite pwritev quick_exit raise read readdir readlink readlinkat readv realpath remove rename renameat rmdir sched_yield select
-    setgid setitimer setpgid setpriority setrlimit setsid setuid sigaction sigaltstack signal sigpending sigprocmask sigsuspend
-    sigtimedwait sigwait sigwaitinfo sleep socket stat statvfs symlink symlinkat sync sync_file_range syncfs syscall sysconf
-    sysinfo syslog system truncate umask uname unlink unlinkat usleep utimensat vfork wait waitid waitpid write writev _exit _Exit
+# What asks the system for something, as patterns. Not among it: what the C library answers by itself (strsignal, getenv, setenv,
+# pthread_self, dlsym), its streams (fopen), the time of day of the standard library (std::time, std::chrono), and the framework,
+# but for what is nothing but the call under another name.
+SYSTEM_CALLS = r"""
+    access alarm bind chdir chmod chown clock_gettime close closedir closefrom closelog connect creat dup dup2 dup3 endmntent
+    epoll_\w+ execl execle execlp execv execve execvp execvpe faccessat fchdir fchmod fchmodat fchown fchownat fcntl fdatasync
+    fdopendir flock fork fstat fstatat fstatvfs fsync ftruncate futimens getcwd getegid geteuid getgid
+    getgr(?:nam|gid|ent)(?:_r)? gethostname getifaddrs getloadavg getmntent(?:_r)? getpgid getpgrp getpid getppid getpriority
+    getpw(?:nam|uid|ent)(?:_r)? getrandom getrlimit getrusage getsid gettid gettimeofday getuid inotify_\w+ ioctl isatty lchown
+    link linkat lockf lseek lstat madvise mkdir mkdirat mkdtemp mkfifo mkstemp mmap mprotect msync munmap nanosleep open openat
+    opendir openlog pause pclose pipe pipe2 poll popen posix_spawn posix_spawnp ppoll prctl pread preadv process_vm_readv
+    pthread_kill pthread_sigmask ptrace pwrite pwritev quick_exit raise read readdir readlink readlinkat readv realpath remove
+    rename renameat rmdir sched_yield select setegid seteuid setgid setgroups setitimer setmntent setpgid setpriority setregid
+    setresgid setresuid setreuid setrlimit setsid setuid sigaction sigaltstack signal sigpending sigprocmask sigsuspend
+    sigtimedwait sigwait sigwaitinfo sleep socket stat statvfs statx symlink symlinkat sync sync_file_range syncfs syscall
+    sysconf sysinfo syslog system truncate umask uname unlink unlinkat usleep utimensat vfork wait waitid waitpid write writev
+    wxRemove wxRename _exit _Exit
     """.split()
 SYSTEM_CALL = re.compile(r"(?P<scope>\w*::)?\b(?P<name>" + "|".join(SYSTEM_CALLS) + r")\b(?P<open>\s*\()?")
+# The parts of the standard library that are calls and nothing else.
+SYSTEM_LIBRARY = re.compile(r"\bstd::filesystem\b|<filesystem>|\bthis_thread::sleep_(?:for|until)\b")
+# Before a name whose address is taken.
+ADDRESS = re.compile(r"(?:[(,{=?:]|\breturn)\s*&$")
 # Before a name: what makes it a declaration, a type in whatever form. "return open(" is none.
 TYPE = re.compile(r"(?<!\w)(?!(?:return|else|case|throw|do|co_return)\b)\w[\w>]*[*&]*\s+$")
 ERRNO = re.compile(r"\berrno\b")
@@ -62,14 +70,17 @@ def check_signals(tree):
                 yield name, number, "a signal whose pid was not seen to be above 1"
 
 
-def is_system_call(line, found):
+def is_system_call(line, found, code):
     before, scope = line[:found.start()], found["scope"]
     if before.endswith((".", "->", ">::")) or scope == "::" and before.endswith(">"):
         return False
     if scope == "std::":
         algorithm = found["name"] == "remove" and "," in line[found.end():]  # of elements, not of a file
         return found["open"] is not None and not algorithm
-    return scope == "::" or scope is None and found["open"] is not None and not TYPE.search(before)
+    if scope is None and found["open"] is None:
+        declaration = re.compile(r"[\w>][*&]* +" + found["name"] + r"\s*[;,)=({]")  # of something else by that name
+        return ADDRESS.search(before) is not None and not any(map(declaration.search, code))
+    return scope == "::" or scope is None and not TYPE.search(before)
 
 
 def outside_doorways(tree):
@@ -82,7 +93,10 @@ def check_system_calls(tree):
     found = ((name, (name, number, f"{match['name']}: system calls go through a folder os/"))
              for name, lines in outside_doorways(tree)
              for number, line in enumerate(lines, 1)
-             for match in SYSTEM_CALL.finditer(line) if is_system_call(line, match))
+             for match in SYSTEM_CALL.finditer(line) if is_system_call(line, match, lines))
+    yield from ((name, number, f"{match[0]}: system calls go through a folder os/")
+                for name, lines in outside_doorways(tree) for number, line in enumerate(lines, 1)
+                for match in [SYSTEM_LIBRARY.search(line)] if match)
     yield from without_excepted(tree, HOME, SYSTEM_CALL_ALLOWED, found)
 
 

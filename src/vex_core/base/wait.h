@@ -1,5 +1,5 @@
 #pragma once
-// Where a thread sleeps. Every wait of ours (CDom::Wait, a worker's Join) goes through the one wait point of its
+// Where a thread waits. Every wait of ours (CDom::Wait, a worker's Join) goes through the one wait point of its
 // thread, so that whoever has a reason to wake the thread, be it a domain write, a request to end or Awaken, has one
 // place to go to. Nothing here polls: a sleeping thread makes no system call until it is woken or its time is over.
 

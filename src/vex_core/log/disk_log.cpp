@@ -11,12 +11,11 @@
 #include "vex_core/os/files.h"
 #include "vex_core/os/guarded_place.h"
 #include "vex_core/os/last_resort.h"
+#include "vex_core/os/pause.h"
 #include "vex_core/os/process_info.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <thread>
 
 #include <fcntl.h>
 
@@ -25,7 +24,7 @@ namespace VexCore {
 namespace {
 // How often, and after how long each time, the end of the file is looked at again before it counts as a piece.
 constexpr int looksAtPiece = 5;
-constexpr auto betweenLooks = std::chrono::milliseconds(1);
+constexpr long betweenLooksMs = 1;
 
 int SeverityOf(LogLevel level)
 {
@@ -244,7 +243,7 @@ bool DiskLog::EndsInPiece()
             m_pieceEnd = m_size;
             return true;
         }
-        std::this_thread::sleep_for(betweenLooks);
+        os::PauseMs(betweenLooksMs);
         struct stat status = {};
         if (os::FStat(m_file.Get(), status) == 0)
             m_size = status.st_size;

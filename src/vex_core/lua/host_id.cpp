@@ -6,11 +6,10 @@
 #include "vex_core/domain/work_folder.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/host_facts.h"
+#include "vex_core/os/pause.h"
 #include "vex_core/os/process_info.h"
 
-#include <chrono>
 #include <mutex>
-#include <thread>
 
 #include <fcntl.h>
 
@@ -26,7 +25,7 @@ constexpr std::size_t idBytes = 16;
 constexpr std::size_t idDigits = 2 * idBytes;
 
 constexpr int looksAtBreach = 5;
-constexpr auto betweenLooks = std::chrono::milliseconds(2);
+constexpr long betweenLooksMs = 2;
 
 std::string HashOf(const std::string& agent, const std::string& machine)
 {
@@ -42,7 +41,7 @@ std::string KeptIn(os::GuardedPlace& place)
     os::Descriptor file = place.OpenFile(O_RDONLY);
     // Another process that makes one has it under two names for a moment.
     for (int look = 0; !file && !place.Breach().empty() && look < looksAtBreach; ++look) {
-        std::this_thread::sleep_for(betweenLooks);
+        os::PauseMs(betweenLooksMs);
         file = place.OpenFile(O_RDONLY);
     }
     std::string id(idDigits, '\0');

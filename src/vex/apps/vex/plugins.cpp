@@ -4,6 +4,7 @@
 
 #include "vex/apps/vex/vex.h"
 
+#include "vex/apps/vex/os/files.h"
 #include "vex/apps/vex/package_name.h"
 #include "vex/apps/vex/vex_p.h"
 
@@ -78,7 +79,7 @@ void LogNotGone(const wxString& path, unsigned long systemError)
 // In one step: the framework's call would copy and delete where the system refuses to rename, and say success.
 void MarkDone(const wxString& path)
 {
-    if (wxRename(path, path + ".done") != 0)
+    if (!VexOs::RenameFile(path.fn_str(), (path + ".done").fn_str()))
         LogNotGone(path, wxSysErrorCode());
 }
 

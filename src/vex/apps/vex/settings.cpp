@@ -5,6 +5,7 @@
 #include "vex/apps/vex/vex.h"
 
 #include "vex/apps/vex/narrowtext.h"
+#include "vex/apps/vex/os/files.h"
 #include "vex/apps/vex/pluginpath.h"
 #include "vex/apps/vex/vex_p.h"
 
@@ -67,7 +68,7 @@ bool CanNameWorkFolder(const wxCmdLineParser& parser)
     wxFileName folder;
     folder.AssignDir(wxExpandEnvVars(value));
     folder.Normalize(wxPATH_NORM_TILDE);
-    const std::string current = CurrentFolder();
+    const std::string current = VexOs::CurrentFolder();
     if (folder.IsAbsolute() || IsText(current))
         return true;
     wxLogError(

@@ -3,6 +3,7 @@
 
 #include "vex/apps/vex/vex.h"
 
+#include "vex/apps/vex/os/files.h"
 #include "vex/apps/vex/os/program_name.h"
 #include "vex/apps/vex/vex_p.h"
 
@@ -12,9 +13,7 @@
 #include "vex/core/openssl.h"
 
 #include <ctime>
-#include <filesystem>
 #include <string>
-#include <system_error>
 
 #include <wx/translation.h>
 
@@ -88,7 +87,7 @@ void WriteInstallationPaths(VexCore::CDom& dom, const wxFileName& executable)
 // because the framework drops an argument that is no text, the first one too.
 bool CanRunFromHere(const std::string& program)
 {
-    const std::string path = program.rfind('/', 0) == 0 ? program : CurrentFolder() + "/" + program;
+    const std::string path = program.rfind('/', 0) == 0 ? program : VexOs::CurrentFolder() + "/" + program;
     if (!IsText(path)) {
         wxLogError("The agent cannot run from '%s': the name is not valid in the locale's character set. Give the file "
                    "or the folder another name.",
@@ -118,12 +117,6 @@ void InstallCrashHandler(VexCore::CDom& dom, const wxString& application)
 CAgentApp& wxGetApp()
 {
     return *static_cast<CAgentApp*>(wxApp::GetInstance());
-}
-
-std::string CurrentFolder()
-{
-    std::error_code ignored;
-    return std::filesystem::current_path(ignored).native();
 }
 
 bool IsText(const std::string& path)

@@ -30,8 +30,6 @@ constexpr int normalizeFlags = wxPATH_NORM_DOTS | wxPATH_NORM_TILDE | wxPATH_NOR
 /// The file that the path names, normalised against the current folder.
 wxFileName NormalizedFile(const wxString& path);
 
-/// The current folder, in the bytes that the system has; empty when it is gone.
-std::string CurrentFolder();
 /// Whether the framework can take the path for a file name. Where not, it takes another one.
 bool IsText(const std::string& path);
 /// The path for a message, whatever its bytes are.

@@ -1,12 +1,12 @@
 #include "vex/apps/vexctl/agent_database.h"
 
 #include "vex/apps/vexctl/command.h"
-#include "vex/apps/vexctl/os/surroundings.h"
 
 #include "vex_core/base/steady_ms.h"
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/pause.h"
 
 #include <cerrno>
 #include <cstring>
@@ -94,7 +94,7 @@ bool AgentDatabase::Read(const Reader& reader)
         wasInAChange = now.hasJournal;
         if (!now.hasJournal && ReadOnce(now, reader))
             return true;
-        os::SleepMs(pauseMs);
+        VexCore::os::PauseMs(pauseMs);
     }
     if (wasInAChange)
         throw Failure(

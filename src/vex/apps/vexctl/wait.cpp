@@ -4,11 +4,11 @@
 #include "vex/apps/vexctl/command.h"
 #include "vex/apps/vexctl/heartbeat_history.h"
 #include "vex/apps/vexctl/options.h"
-#include "vex/apps/vexctl/os/surroundings.h"
 #include "vex/apps/vexctl/times.h"
 
 #include "vex/core/clock.h"
 #include "vex_core/base/steady_ms.h"
+#include "vex_core/os/pause.h"
 
 #include <memory>
 
@@ -68,7 +68,7 @@ int Wait(Session& session, const WaitOptions& options)
                          + (state.reason.empty() ? "" : ", " + state.reason));
             return statusDidNotHold;
         }
-        os::SleepMs(static_cast<long>(std::min<std::int64_t>(leftMs, betweenLooksMs)));
+        VexCore::os::PauseMs(static_cast<long>(std::min<std::int64_t>(leftMs, betweenLooksMs)));
     }
 }
 

@@ -16,6 +16,4 @@ std::size_t TerminalColumns(int descriptor);
 /// The folder in which the executable lies, links resolved; empty when the system does not tell.
 std::string ExecutableFolder();
 
-void SleepMs(long milliseconds);
-
 } // namespace Vexctl::os

@@ -3,9 +3,7 @@
 #include "vex_core/lifecycle/startup.h"
 #include "vex_core/os/signals.h"
 
-#include <cerrno>
 #include <csignal>
-#include <ctime>
 
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -27,13 +25,6 @@ std::size_t TerminalColumns(int descriptor)
     struct winsize size = {};
     constexpr std::size_t usual = 80;
     return ::ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : usual;
-}
-
-void SleepMs(long milliseconds)
-{
-    struct timespec left = {milliseconds / 1000, milliseconds % 1000 * 1000000};
-    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
 }
 
 } // namespace Vexctl::os
