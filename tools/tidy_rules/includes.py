@@ -31,6 +31,14 @@ def check_includes(tree):
                     yield name, number, f"{folder} does not include {target}"
 
 
+def check_paths(tree):
+    for name in tree.named(*CPP, below="src/"):
+        for number, line in enumerate(tree.lines(name), 1):
+            found = INCLUDE.match(line)
+            if found and ".." in found[1].split("/"):
+                yield name, number, f"{found[1]}: an include is named from src/ on, so that its rules are seen to hold"
+
+
 def check_declarations(tree):
     for name in tree.named(".h", below="src/vex/core/"):
         for number in tree.matches(name, INTERNALS, code=True):
@@ -44,4 +52,4 @@ def check_headers(tree):
             yield name, 1, "a header begins with #pragma once"
 
 
-CHECKS = (check_includes, check_declarations, check_headers)
+CHECKS = (check_includes, check_paths, check_declarations, check_headers)
