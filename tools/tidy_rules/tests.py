@@ -5,6 +5,10 @@ import shutil
 import subprocess
 import sys
 
+from tidy_rules.rooms import ARROWS
+
+# Where tests/CMakeLists.txt looks for unit tests.
+UNIT_FOLDERS = ("contract", "slb3", "vex", "vexctl", *(f"vex_core/{room}" for room in ARROWS))
 LUA_FOLDERS = ("lua", "tests/lua", "docs/examples")
 
 
@@ -39,6 +43,8 @@ def check_tests(tree):
     for name in tree.named(".cpp", below="tests/unit/"):
         if not name.endswith("_test.cpp"):
             yield name, 1, "not built: unit test files end in _test.cpp"
+        elif os.path.dirname(name)[len("tests/unit/"):] not in UNIT_FOLDERS:
+            yield name, 1, "not built: unit tests are in a folder that UNIT_FOLDERS in tools/tidy_rules/tests.py names"
     for name in tree.named(".cpp", below="tests/fuzz/"):
         if name.endswith("_fuzz.cpp"):
             corpus = "tests/fuzz/corpus/" + os.path.basename(name)[:-len("_fuzz.cpp")] + "/"
