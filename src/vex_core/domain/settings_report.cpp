@@ -91,7 +91,7 @@ struct File
     std::map<std::string, std::size_t, LessInAnyCase> counting; // numbers of lines by group and name
 };
 
-const std::string settingsGroup = "settings";
+constexpr char settingsGroup[] = "settings";
 
 class Report
 {

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <set>
+#include <string_view>
 
 #include <mntent.h>
 #include <sys/stat.h>
@@ -35,13 +37,13 @@ std::string Unquote(const std::string& text)
 // for its size.
 bool IsDisk(const std::string& type)
 {
-    static const std::set<std::string> others = {
+    static constexpr std::string_view others[] = {
         "9p",      "afs",        "autofs",    "binfmt_misc", "bpf",    "ceph",       "cgroup",
         "cgroup2", "cifs",       "configfs",  "debugfs",     "devpts", "devtmpfs",   "efivarfs",
         "fusectl", "fuse.sshfs", "glusterfs", "hugetlbfs",   "lustre", "mqueue",     "nfs",
         "nfs4",    "nsfs",       "proc",      "pstore",      "ramfs",  "rpc_pipefs", "securityfs",
         "smb3",    "squashfs",   "sysfs",     "tmpfs",       "tracefs"};
-    return others.count(type) == 0;
+    return std::find(std::begin(others), std::end(others), type) == std::end(others);
 }
 
 struct Mount
@@ -94,7 +96,7 @@ std::optional<std::string> Distribution()
         std::ifstream file(path);
         std::string line;
         while (std::getline(file, line)) {
-            static const std::string key = "PRETTY_NAME=";
+            static constexpr std::string_view key = "PRETTY_NAME=";
             if (line.compare(0, key.size(), key) == 0 && line.size() > key.size())
                 return Unquote(line.substr(key.size()));
         }

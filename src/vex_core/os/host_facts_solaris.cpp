@@ -8,7 +8,8 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <set>
+#include <iterator>
+#include <string_view>
 #include <vector>
 
 #include <kstat.h>
@@ -100,9 +101,9 @@ std::optional<SwapPages> DiskSwap()
 // Whether a file system is a disk of this host; see the one for Linux.
 bool IsDisk(const mnttab& entry)
 {
-    static const std::set<std::string> others = {"autofs", "ctfs",  "dev",  "devfs",   "fd",    "lofs", "mntfs",
-                                                 "nfs",    "objfs", "proc", "sharefs", "smbfs", "tmpfs"};
-    return others.count(entry.mnt_fstype) == 0;
+    static constexpr std::string_view others[] = {"autofs", "ctfs",  "dev",  "devfs",   "fd",    "lofs", "mntfs",
+                                                  "nfs",    "objfs", "proc", "sharefs", "smbfs", "tmpfs"};
+    return std::find(std::begin(others), std::end(others), entry.mnt_fstype) == std::end(others);
 }
 
 } // namespace
