@@ -22,8 +22,13 @@ LINES = [(re.compile(pattern), words) for pattern, words in (
     # A comparison that is a value of its own, "return m_handle != nullptr;", is none of these; nor is one with an assignment.
     (r"\b(?:if|while) \((?!.*[^=!<>]=[^=]).*[!=]= nullptr|[!=]= nullptr\)* (?:\?|&&|\|\|)|(?:&&|\|\|) [^&|;]*[!=]= nullptr",
      "if (pointer), if (!pointer)"),
+    (r"\bnullptr [=!]= ", "if (pointer), if (!pointer)"),
     (r"(?:(?<=return )|(?<![\w>] )(?<![\w<:]))(?:int|long|short|char|bool|double|float|unsigned|(?:std::)?" + NUMBER + r")\((?![)*])[^()]",
      "static_cast, no cast that looks like a call"),
+    # No name in front, as a declaration has and sizeof; a type alone in the brackets, and a value behind.
+    (r"(?<![\w>\])])\((?:const )?(?:(?:int|long|short|char|bool|double|float|unsigned|(?:std::)?" + NUMBER
+     + r")(?: \w+)?[ *]*|[\w:]*\w(?:<[^()]*>)? ?\*+)\) ?(?!(?:const|noexcept|override|final)\b)[\w(&*~!\"'-]",
+     "static_cast, no cast with the type in brackets"),
     (r"\b(?:wxT|_T)\(", "a plain text; wxS where a measurement says so"),
     (r"\b(?:EXPECT|ASSERT)_(?:EQ|NE|STREQ|STRNE)\(\s*(?:[LuU]?\"+|-?\d[\w'.]*|'.'|true|false|nullptr)\s*,",
      "the actual value first, then the literal"),

@@ -119,6 +119,12 @@ BREACHES = [
     ("src/slb3/a.cpp", "const int b = a == nullptr ? 1 : 2;\n", 1, "if (pointer)"),
     ("src/slb3/a.cpp", "return int(a) + 1;\n", 1, "static_cast"),
     ("tests/support/a.h", "#pragma once\nauto a = std::uint64_t(b + 1) << 2;\n", 2, "static_cast"),
+    ("src/slb3/a.cpp", "const int b = (int)a;\n", 1, "static_cast"),
+    ("src/slb3/a.cpp", "return (std::size_t)b;\n", 1, "static_cast"),
+    ("src/slb3/a.cpp", "f((unsigned char) *b, c);\n", 1, "static_cast"),
+    ("src/slb3/a.cpp", "Free((_STACK*)Methods(), g);\n", 1, "static_cast"),
+    ("src/slb3/a.cpp", "f((const char*)b);\n", 1, "static_cast"),
+    ("src/slb3/a.cpp", "if (nullptr == q)\n", 1, "if (pointer)"),
     ("src/slb3/a.cpp", 'Log(wxT("a"));\n', 1, "a plain text"),
     ("tests/unit/slb3/a_test.cpp", 'TEST(A, B) {\n    EXPECT_EQ("a, b", c);\n}\n', 2, "the actual value first"),
     ("tests/unit/slb3/a_test.cpp", "TEST(A, B) {\n    ASSERT_NE(-1, c);\n}\n", 2, "the actual value first"),
@@ -178,6 +184,9 @@ ALLOWED = [
                        "return m_handle != nullptr;\nfor (; (end = next(a)) != nullptr; ++a) {\nf(a != nullptr);\n"),
     ("src/slb3/a.cpp", "std::function<int(int a)> f;\nint (*g)(int);\nint f(int a);\nint F::operator()(int a);\nstd::size(a);\n"
                        "const char* b = \"int(a) wxT(b) /// ----\"; // int(a)\n"),
+    ("src/slb3/a.cpp", "int f(int) override;\nint (*g)(int), (*h)(char*);\n[](int) { return sizeof(int) * 2; };\na = (b) * c;\n"
+                       "std::function<void(int)> i;\nint F::operator()(int) const;\nusing G = int (*)(const char*) noexcept;\n"
+                       "struct Caller<R (C::*)(P...) const>\n"),
     ("src/slb3/a.cpp", "// --- words: and more\n// --- OnRun\n// --- SIGTERM\n\nnamespace {\nint a;\n\n} // namespace\n"),
     ("src/slb3/a.cpp", "// What it tells.\n" + "int a;\n" * 8),
     ("src/slb3/a.cpp", "// " + 117 * "a" + "\n// " + 117 * "ä" + "\n"),

@@ -85,7 +85,7 @@ void StopOpenSsl()
     EVP_cleanup();
 #if OPENSSL_VERSION_NUMBER < 0x10100000L
     // From 1.1 on the library frees these itself at exit, and a second time is an invalid free.
-    sk_pop_free((_STACK*)SSL_COMP_get_compression_methods(), CRYPTO_free);
+    sk_pop_free(reinterpret_cast<_STACK*>(SSL_COMP_get_compression_methods()), CRYPTO_free);
 #endif
     CRYPTO_cleanup_all_ex_data();
 }
