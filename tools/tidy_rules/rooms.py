@@ -40,6 +40,12 @@ OPEN = {
     "lua": "lua_db.h worker_list.h",
     "lifecycle": "",
 }
+# vexctl reads what an agent writes through the library's own code: through these headers, beside those of os/ and base/.
+TOOL = "src/vex/apps/vexctl/"
+TOOL_DOORS = """
+    crash/minidump_format.h database/sqlite_connection.h domain/settings_files.h domain/settings_report.h lifecycle/startup.h
+    log/disk_log.h
+    """.split()
 # The room that implements a declaration in src/vex/core/: to include it is to depend on that room.
 IMPLEMENTED = {
     "base": "clock.h export.h sendsignal.h",
@@ -87,6 +93,22 @@ def check_arrows(tree):
                     yield name, number, what
 
 
+def check_tool(tree):
+    """vexctl goes through its doors, and each of them is used."""
+    used = set()
+    for name in tree.named(*CPP, below=TOOL):
+        for number, line in enumerate(tree.lines(name), 1):
+            include = INCLUDE.match(line)
+            inside = ROOM.match(include[1]) if include else None
+            if inside and OPEN.get(inside[1]) != ANY:
+                used.add(f"{inside[1]}/{inside[2]}")
+                if f"{inside[1]}/{inside[2]}" not in TOOL_DOORS:
+                    yield name, number, f"{include[1]} is none of the doors of vexctl, TOOL_DOORS in {HOME}"
+    for door in TOOL_DOORS if HOME in tree.files else ():
+        if door not in used:
+            yield HOME, 1, f"nothing in vexctl includes {door}: it need not be a door"
+
+
 def check_rooms(tree):
     """Every source is in a room, and the tables say nothing of what is gone."""
     for name in tree.named(*CPP, below=FOLDER):
@@ -117,4 +139,4 @@ def check_rooms(tree):
             yield HOME, 1, f"there is no src/{header}"
 
 
-CHECKS = (check_arrows, check_rooms)
+CHECKS = (check_arrows, check_tool, check_rooms)
