@@ -10,6 +10,7 @@
 // A process that closes any descriptor of a file loses all its locks in it. So what is opened here is never closed, and
 // nothing else in an agent opens these files.
 
+#include <fcntl.h>
 #include <sys/types.h>
 
 namespace VexOs {
@@ -18,6 +19,19 @@ namespace VexOs {
 /// supervisor, then that of the working child.
 constexpr off_t instanceLockBytes = 3;
 constexpr off_t workerLockByte = instanceLockBytes;
+
+/// Which other process holds a lock in this part of an open file: 0 for none, -1 for one that is out of sight.
+inline pid_t HolderOfLock(int file, off_t start, off_t length)
+{
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = start;
+    lock.l_len = length;
+    if (::fcntl(file, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK)
+        return 0;
+    return lock.l_pid > 0 ? lock.l_pid : -1;
+}
 
 /// What came of an attempt at the lock that admits one supervisor.
 enum class LockResult {

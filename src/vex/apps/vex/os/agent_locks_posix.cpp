@@ -38,15 +38,6 @@ bool IsConflict()
     return LastError() == EAGAIN || LastError() == EACCES;
 }
 
-// Which other process holds a lock there: 0 for none, -1 for one that is out of sight.
-pid_t HolderOf(int file, off_t start, off_t length)
-{
-    struct flock lock = Range(F_WRLCK, start, length);
-    if (::fcntl(file, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK)
-        return 0;
-    return lock.l_pid > 0 ? lock.l_pid : -1;
-}
-
 // Moves a descriptor out of the way of those that are standard streams, which are closed and opened anew.
 int AboveTheStandardStreams(int descriptor)
 {
@@ -103,7 +94,7 @@ LockResult AgentLocks::TakeInstance(const char* path, pid_t& holder)
         // It stays open: it may be the other file under another name.
         if (!IsConflict())
             return LockResult::Unavailable;
-        holder = HolderOf(file, 0, instanceLockBytes);
+        holder = HolderOfLock(file, 0, instanceLockBytes);
         return LockResult::HeldByOther;
     }
     m_ownByte = 0;
@@ -130,7 +121,7 @@ void AgentLocks::ReleaseInstance()
 bool AgentLocks::InstanceIsHeldBy(pid_t holder)
 {
     for (int i = 0; i < m_count; ++i) {
-        const pid_t found = HolderOf(m_files[i], m_ownByte, 1);
+        const pid_t found = HolderOfLock(m_files[i], m_ownByte, 1);
         if (found != holder && found != -1)
             return false;
     }
@@ -146,7 +137,7 @@ void AgentLocks::TakeWorker()
 pid_t AgentLocks::FindOtherWorker()
 {
     for (int i = 0; i < m_count; ++i)
-        if (const pid_t holder = HolderOf(m_files[i], workerLockByte, 1))
+        if (const pid_t holder = HolderOfLock(m_files[i], workerLockByte, 1))
             return holder;
     return 0;
 }

@@ -13,21 +13,6 @@
 
 namespace Vexctl::os {
 
-namespace {
-pid_t HolderOf(int file, off_t start, off_t length)
-{
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = start;
-    lock.l_len = length;
-    if (::fcntl(file, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK)
-        return 0;
-    return lock.l_pid > 0 ? lock.l_pid : -1;
-}
-
-} // namespace
-
 std::optional<LockHolders> ReadLockHolders(const std::string& path)
 {
     // Not blocking, should there be a FIFO. A lock file that is closed costs only its closer's own locks, and we have
@@ -37,8 +22,8 @@ std::optional<LockHolders> ReadLockHolders(const std::string& path)
     if (!file || VexCore::os::FStat(file.Get(), status) != 0 || !S_ISREG(status.st_mode))
         return std::nullopt;
     LockHolders holders;
-    holders.instance = HolderOf(file.Get(), 0, VexOs::instanceLockBytes);
-    holders.worker = HolderOf(file.Get(), VexOs::workerLockByte, 1);
+    holders.instance = VexOs::HolderOfLock(file.Get(), 0, VexOs::instanceLockBytes);
+    holders.worker = VexOs::HolderOfLock(file.Get(), VexOs::workerLockByte, 1);
     return holders;
 }
 
