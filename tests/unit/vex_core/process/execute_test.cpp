@@ -254,10 +254,11 @@ TEST(HelperProgram, LeavesNoDescriptorBehind)
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                              std::filesystem::directory_iterator());
     };
+    const ::Test::TempFolder empty;
     Shell("true");
     const auto before = count();
     Shell("echo x");
-    RunProgram("/nonexistent", {});
+    RunProgram(empty / "no-program", {});
     EXPECT_EQ(count(), before);
 }
 
