@@ -13,6 +13,7 @@
 #include "vex_core/log/disk_log.h"
 #include "vex_core/log/process_log.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/last_resort.h"
 #include "vex_core/os/process_info.h"
 
 #include <atomic>
@@ -20,13 +21,11 @@
 #include <ctime>
 
 #include <pthread.h>
-#include <unistd.h>
 #include <wx/thread.h>
 
 namespace VexCore {
 
 namespace {
-constexpr int standardError = 2;
 #ifdef VEX_SMALL_LIMITS
 constexpr std::size_t maxHeldBytes = 64 * 1024;
 #else
@@ -38,7 +37,7 @@ std::atomic<DiskLog*> g_replacement{nullptr};
 // Never destroyed: lines are logged while the process ends, and after.
 DiskLog& ProcessLog()
 {
-    static DiskLog& s_log = *new DiskLog(maxHeldBytes, standardError);
+    static DiskLog& s_log = *new DiskLog(maxHeldBytes, os::standardError);
     DiskLog* const replacement = g_replacement.load(std::memory_order_relaxed);
     return replacement ? *replacement : s_log;
 }
@@ -124,10 +123,10 @@ void WriteRecord(LogLevel level, std::time_t time, wxThreadIdType thread, std::s
     DiskLog& log = ProcessLog();
     Prepare(log);
     // In the background standard error is /dev/null, which is no terminal.
-    const bool shown = level <= LogLevel::Warning && os::IsTerminal(standardError);
+    const bool shown = level <= LogLevel::Warning && os::IsTerminal(os::standardError);
     if (shown) {
         const std::string line = std::string(LogLevelWord(level)) + ' ' + LogText(text) + '\n';
-        os::WriteBestEffort(standardError, line.data(), line.size());
+        os::WriteBestEffort(os::standardError, line.data(), line.size());
     }
     const std::string format = TimeFormat();
     log.Write(FormatLogRecord(time, format.c_str(), level, os::ProcessId(), NameOf(thread), text), shown, level,

@@ -17,6 +17,7 @@
 #include "vex_core/lua/package_paths.h"
 #include "vex_core/lua/run_status.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/last_resort.h"
 
 #include <cstdlib>
 #include <new>
@@ -32,7 +33,6 @@ namespace VexCore {
 
 namespace {
 constexpr std::size_t readBytes = 16 * 1024;
-constexpr int standardError = 2;
 
 // One run of a chunk, on the way through Lua.
 struct Run
@@ -237,7 +237,7 @@ struct __attribute__((visibility("hidden"))) CLuaInterpreter::Impl
     // What the launcher writes to standard error is nowhere when that is the null device.
     void LogFailure() const
     {
-        if (leavesFailuresToCaller || !os::IsNullDevice(standardError))
+        if (leavesFailuresToCaller || !os::IsNullDevice(os::standardError))
             return;
         try {
             WriteLogLine(LogLevel::Error, BytesFromText(errorInfo));

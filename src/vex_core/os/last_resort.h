@@ -6,12 +6,14 @@
 
 namespace VexCore::os {
 
+/// The descriptor of standard error, the same in every process.
+constexpr int standardError = 2;
 /// As syslog has them.
 constexpr int severityError = 3;
 
-/// Writes the text, given in parts, to `standardError`; where that is the null device, as it is in the background, to
-/// the system's log, line by line, with a severity of 0 to 7. False: some of it is nowhere now. Keeps the last error.
-/// Any thread; allocates nothing; a logger that has stopped is not waited for.
-bool WriteLastResort(int standardError, int severity, std::initializer_list<std::string_view> parts);
+/// Writes the text, given in parts, to `descriptor`, standard error as a rule; where that is the null device, as it is
+/// in the background, to the system's log, line by line, with a severity of 0 to 7. False: some of it is nowhere now.
+/// Keeps the last error. Any thread; allocates nothing; a logger that has stopped is not waited for.
+bool WriteLastResort(int descriptor, int severity, std::initializer_list<std::string_view> parts);
 
 } // namespace VexCore::os

@@ -46,13 +46,13 @@ private:
 
 } // namespace
 
-bool WriteLastResort(int standardError, int severity, std::initializer_list<std::string_view> parts)
+bool WriteLastResort(int descriptor, int severity, std::initializer_list<std::string_view> parts)
 {
     const KeepError keep;
-    if (!IsNullDevice(standardError)) {
+    if (!IsNullDevice(descriptor)) {
         bool allWritten = true;
         for (const std::string_view part : parts)
-            allWritten = WriteBestEffort(standardError, part.data(), part.size()) && allWritten;
+            allWritten = WriteBestEffort(descriptor, part.data(), part.size()) && allWritten;
         return allWritten;
     }
     SystemLogLines lines(severity);
