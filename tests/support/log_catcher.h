@@ -24,7 +24,7 @@ public:
     {
         wxLog::SetLogLevel(wxLOG_Max);
     }
-    ~LogCatcher()
+    virtual ~LogCatcher()
     {
         wxLog::FlushActive();
         wxLog::SetLogLevel(m_levelBefore);
@@ -33,7 +33,7 @@ public:
     LogCatcher(const LogCatcher&) = delete;
     LogCatcher& operator=(const LogCatcher&) = delete;
 
-    const std::vector<Line>& Lines() const
+    virtual const std::vector<Line>& Lines() const
     {
         if (wxThread::IsMain())
             wxLog::FlushActive();
@@ -64,7 +64,7 @@ public:
         return all;
     }
 
-private:
+protected:
     struct Target : wxLog
     {
         void DoLogRecord(wxLogLevel level, const wxString& text, const wxLogRecordInfo&) override
@@ -74,6 +74,8 @@ private:
         std::vector<Line> m_lines;
     };
     Target m_target;
+
+private:
     wxLog* m_before;
     wxLogLevel m_levelBefore;
 };

@@ -19,7 +19,7 @@ ARROWS = {
     "threads": "os base log crash",
     "zip": "os base domain",
     "database": "os",
-    "events": "os base domain database",
+    "events": "os base domain log database",
     "modules": "os base domain log zip",
     "lua": "os base domain log process threads database events",
     "lifecycle": ANY,

@@ -4,6 +4,7 @@
 #include "vex/core/export.h"
 
 #include <memory>
+#include <string>
 
 #include <wx/string.h>
 
@@ -46,6 +47,8 @@ public:
 
     /// Message and traceback of the last failure; empty when none has happened. It stays until the next failure.
     wxString GetErrorInfo() const;
+    /// The same as the bytes that Lua had, whatever character set they are in.
+    const std::string& GetErrorBytes() const;
 
     CLuaInterpreter(const CLuaInterpreter&) = delete;
     CLuaInterpreter& operator=(const CLuaInterpreter&) = delete;

@@ -14,6 +14,7 @@
 #include "vex_core/domain/root_dom.h"
 #include "vex_core/domain/settings.h"
 #include "vex_core/events/xml_text.h"
+#include "vex_core/log/process_log.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/files.h"
@@ -101,6 +102,12 @@ EventRecord MakeRecord(const CAgentEvent& event)
         record.text = ToXmlText(event.m_text);
     record.xml = event.ToXml();
     return record;
+}
+
+// An event is as long as somebody made it, and the framework's formatting is slow.
+void LogEvent(const std::string& what, const EventRecord& record)
+{
+    WriteLogLine(LogLevel::Error, what + record.xml);
 }
 
 // Past the log, which holds its lines in memory as well when the disk is full. As bytes: wide output would silence all
@@ -374,13 +381,14 @@ void EventStore::KeepForLater(const EventRecord& record)
     g_somethingIsKept = true;
     const bool pending = !m_folder.empty() && AppendMemoryToPending() && m_pending.Append(record);
     if (pending)
-        wxLogError("Agent event kept in '%s', because '%s' did not take it (%s): %s", Shown(m_pending.Path()),
-                   Shown(m_path), Shown(m_reason), Shown(record.xml));
+        LogEvent("Agent event kept in '" + m_pending.Path() + "', because '" + m_path + "' did not take it (" + m_reason
+                     + "): ",
+                 record);
     else {
         KeepInMemory(record);
-        wxLogError("Agent event kept in memory, because neither '%s' (%s) nor '%s' (%s) took it: %s", Shown(m_path),
-                   Shown(m_reason), Shown(m_pending.Path()), Shown(m_folder.empty() ? m_reason : m_pending.Reason()),
-                   Shown(record.xml));
+        LogEvent("Agent event kept in memory, because neither '" + m_path + "' (" + m_reason + ") nor '"
+                     + m_pending.Path() + "' (" + (m_folder.empty() ? m_reason : m_pending.Reason()) + ") took it: ",
+                 record);
     }
 }
 
@@ -390,7 +398,7 @@ void EventStore::KeepInMemory(const EventRecord& record)
     m_memory.back().isShown = ShowAsLastResort(notStoredYet, record);
     if (m_memory.size() <= maxInMemory)
         return;
-    wxLogError("Too many agent events are kept in memory, this one goes: %s", Shown(m_memory.front().xml));
+    LogEvent("Too many agent events are kept in memory, this one goes: ", m_memory.front());
     if (!ShowAsLastResort("Agent event given up: ", m_memory.front()) && !m_memory.front().isShown)
         ++m_untold;
     m_memory.pop_front();

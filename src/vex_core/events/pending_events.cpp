@@ -2,7 +2,7 @@
 // flushed to the disk. Which events come here, and when they are tried again, is agentevent_store.h's.
 
 #include "vex_core/events/pending_events.h"
-#include "vex_core/base/text.h"
+#include "vex_core/log/process_log.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/file_lock.h"
@@ -14,8 +14,6 @@
 #include <fcntl.h>
 
 #include <pugixml.hpp>
-
-#include <wx/log.h>
 
 namespace VexCore {
 namespace {
@@ -65,8 +63,7 @@ std::vector<EventRecord> ParseLines(const std::string& text, const std::string& 
         if (ParsePendingLine(line, record))
             records.push_back(std::move(record));
         else if (!line.empty())
-            wxLogError("A line of '%s' is no event and is left out: %s", FromForeignBytes(path),
-                       FromForeignBytes(line));
+            WriteLogLine(LogLevel::Error, "A line of '" + path + "' is no event and is left out: " + line);
         at = end + 1;
     }
     return records;

@@ -177,7 +177,7 @@ struct __attribute__((visibility("hidden"))) CLuaInterpreter::Impl
     bool openLibraries = false;
     bool leavesFailuresToCaller = false;
     wxString name;
-    wxString errorInfo;
+    std::string errorInfo;
     LuaOutput output;
     Run* run = nullptr; // innermost; points into RunScript's frame
     PackagePaths packagePaths;
@@ -229,7 +229,7 @@ struct __attribute__((visibility("hidden"))) CLuaInterpreter::Impl
         std::string text = message ? std::string(message, length) : "(no message)";
         if (!trace.empty() && !HasTraceback(text))
             text += '\n' + trace;
-        errorInfo = FromForeignBytes(text.data(), text.size());
+        errorInfo = std::move(text);
     }
 
     int RunScript(wxInputStream& in, int argumentCount, int resultCount, const wxString& name, wxOutputStream* out);
@@ -240,7 +240,7 @@ struct __attribute__((visibility("hidden"))) CLuaInterpreter::Impl
         if (leavesFailuresToCaller || !os::IsNullDevice(os::standardError))
             return;
         try {
-            WriteLogLine(LogLevel::Error, BytesFromText(errorInfo));
+            WriteLogLine(LogLevel::Error, errorInfo);
         } catch (const std::bad_alloc&) {
             // The failure is known to the caller; that there is no room to write it down is no second one.
         }
@@ -270,7 +270,7 @@ CLuaInterpreter::~CLuaInterpreter()
         lua_pushcfunction(m_impl->L, &Impl::Collect);
         if (lua_pcall(m_impl->L, 0, 0, 0) != LUA_OK) {
             m_impl->KeepError(std::string());
-            wxLogWarning("%s: %s", m_impl->name, m_impl->errorInfo);
+            wxLogWarning("%s: %s", m_impl->name, GetErrorInfo());
         }
     }
     lua_close(m_impl->L);
@@ -333,6 +333,11 @@ void CLuaInterpreter::LeaveFailuresToCaller()
 }
 
 wxString CLuaInterpreter::GetErrorInfo() const
+{
+    return FromForeignBytes(m_impl->errorInfo);
+}
+
+const std::string& CLuaInterpreter::GetErrorBytes() const
 {
     return m_impl->errorInfo;
 }

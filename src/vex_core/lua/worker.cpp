@@ -9,16 +9,14 @@
 #include "vex/core/luainterpreter.h"
 #include "vex/core/luastate.h"
 #include "vex_core/base/steady_ms.h"
-#include "vex_core/base/text.h"
 #include "vex_core/base/wait.h"
-#include "vex_core/domain/dom_values.h"
+#include "vex_core/log/process_log.h"
 #include "vex_core/lua/run_status.h"
 #include "vex_core/lua/worker_list.h"
 
 #include <algorithm>
 
 #include <lua.hpp>
-#include <wx/log.h>
 #include <wx/mstream.h>
 
 namespace VexCore {
@@ -107,7 +105,7 @@ int Worker::Work()
     wxMemoryInputStream chunk(workerChunk, sizeof(workerChunk) - 1);
     const int status = lua.RunScript(chunk, 2, 1, "worker", nullptr);
     if (status != 0) {
-        m_error = BytesFromText(lua.GetErrorInfo());
+        m_error = lua.GetErrorBytes();
         return status;
     }
     return static_cast<int>(lua_tointeger(lua.L(), -1));
@@ -133,7 +131,7 @@ void Worker::OnRun()
         m_error = e.what();
     }
     if (!m_error.empty())
-        wxLogError("Worker \"%s\" failed: %s", TextWithoutNul(m_module), TextWithoutNul(m_error));
+        WriteLogLine(LogLevel::Error, "Worker \"" + m_module + "\" failed: " + m_error);
 }
 
 void Worker::AnnounceEnd()

@@ -4,10 +4,10 @@
 #include "vex_core/events/agentevent_store.h"
 
 #include "support/call_watch.h"
+#include "support/disk_log_catcher.h"
 #include "support/dom_ptr.h"
 #include "support/fail_nth.h"
 #include "support/joining_thread.h"
-#include "support/log_catcher.h"
 #include "support/other_user.h"
 #include "support/own_mounts.h"
 #include "support/process_guards.h"
@@ -159,7 +159,7 @@ TEST_F(EventDatabase, OpensNothingBeforeTheFirstWrite)
 
 TEST_F(EventDatabase, AllFieldsAreStored)
 {
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EventStore store(m_work);
     const CAgentEvent event = SampleEvent("net|1.2|it's \"<&>\"\n\xC3\xA4");
     EXPECT_EQ(store.Write(event), 1);
@@ -197,6 +197,36 @@ TEST_F(EventDatabase, DatabaseAndJournalAreForTheOwnerAlone)
     EXPECT_EQ(::Test::ModeOf(Database() + "-journal"), mode_t(0600));
 }
 
+TEST_F(EventDatabase, LinesWithAnEventGoPastTheFrameworkAndTheirBytesStayWhatTheyAre)
+{
+    m_work += "/caf\xE9";
+    const ::Test::DiskLogCatcher log;
+    wxLog::SetLogLevel(wxLOG_FatalError);
+    const std::string large(70000, 'L');
+    const std::string keptInMemory = "Agent event kept in memory, because neither '" + Database() + "' (";
+    EventStore store(m_work);
+    {
+        ::Test::StandardError standardError;
+        store.Write(SampleEvent(large));
+        standardError.Text();
+    }
+    std::filesystem::create_directories(Database());
+    store.Write(SampleEvent("one"));
+    std::filesystem::remove(Database());
+    ::Test::WriteFile(Pending(), ::Test::ReadFile(Pending()) + "caf\xE9\n");
+    EXPECT_EQ(store.Write(SampleEvent("two")), 3);
+    ASSERT_EQ(log.Lines().size(), 3u) << log.All();
+    EXPECT_EQ(log.Count(wxLOG_Error, keptInMemory), 1u) << log.All();
+    const std::string& cut = log.Lines()[0].text;
+    EXPECT_NE(cut.find("LLL ... (cut, " + std::to_string(cut.find('<') + SampleEvent(large).ToXml().size())
+                       + " bytes in all)"),
+              std::string::npos)
+        << cut.substr(cut.size() - 100);
+    EXPECT_EQ(log.Lines()[1].text,
+              Kept("'" + Database() + "' is not used, because it is no regular file: remove it", "one"));
+    EXPECT_EQ(log.Lines()[2].text, "A line of '" + Pending() + "' is no event and is left out: caf\xE9");
+}
+
 TEST_F(EventDatabase, LinksOfAnotherUserAreNeitherDatabaseNorPendingFile)
 {
     const ::Test::TempFolder victim;
@@ -208,7 +238,7 @@ TEST_F(EventDatabase, LinksOfAnotherUserAreNeitherDatabaseNorPendingFile)
         "' is not followed, because the link belongs to user 1000: give it to root or to the user of "
         "this process, or remove it)";
     EventStore store(m_work);
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     ::Test::StandardError standardError;
     EXPECT_EQ(store.Write(SampleEvent("one")), 0);
     standardError.Text();
@@ -233,7 +263,7 @@ TEST_F(EventDatabase, EventsThatAnotherUserLeftInAPendingFileAreNotStored)
     ::Test::WriteFile(Pending(), FormatPendingLine(record));
     GIVE_AWAY(Pending());
     EventStore store(m_work);
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("one")), 1);
     EXPECT_EQ(log.Count(wxLOG_Error, "Unable to take the events out of '" + Pending() + "' ('" + Pending()
                                          + "' is not used, because it belongs to user 1000"),
@@ -366,7 +396,7 @@ TEST_F(EventDatabase, AnEventIsStoredAlsoWhenOldOnesCannotGo)
         const std::string sql = "CREATE TRIGGER t BEFORE DELETE ON agent_event BEGIN SELECT RAISE("
                                 + std::string(action) + ", 'stuck'); END";
         ASSERT_TRUE(other.Exec(sql.c_str())) << other.Error();
-        const ::Test::LogCatcher log;
+        const ::Test::DiskLogCatcher log;
         EXPECT_GT(store.Write(SampleEvent("more")), 0) << action;
         EXPECT_EQ(log.Count(wxLOG_Warning, "Old agent events can't be removed from '" + Database() + "' (stuck)"), 1u)
             << log.All();
@@ -387,7 +417,7 @@ TEST_F(EventDatabase, EventThatTheTableDoesNotTakeIsKeptAndStoredLater)
     ASSERT_TRUE(other.Open(Database(), 0));
     ASSERT_TRUE(other.Exec("CREATE TRIGGER t BEFORE INSERT ON agent_event BEGIN SELECT RAISE(ABORT, 'stuck'); END"));
     {
-        const ::Test::LogCatcher log;
+        const ::Test::DiskLogCatcher log;
         EXPECT_EQ(store.Write(SampleEvent("two")), 0);
         EXPECT_EQ(log.Text(), Kept("stuck", "two") + "\n");
     }
@@ -402,7 +432,7 @@ TEST_F(EventDatabase, WhatWaitedIsBoundedToo)
     std::filesystem::create_directory(Database());
     {
         const ::Test::StandardError quiet;
-        const ::Test::LogCatcher log;
+        const ::Test::DiskLogCatcher log;
         EventStore store(m_work);
         for (int number = 1; number <= 5; ++number)
             store.Write(SampleEvent("w" + std::to_string(number)));
@@ -420,7 +450,7 @@ TEST_F(EventDatabase, LockedDatabaseMeansPendingFileThenDatabaseOnce)
     ASSERT_TRUE(other.Open(Database(), 0));
     ASSERT_TRUE(other.Exec("BEGIN EXCLUSIVE"));
     {
-        ::Test::LogCatcher log;
+        ::Test::DiskLogCatcher log;
         EXPECT_EQ(store.Write(SampleEvent("second")), 0);
         EXPECT_EQ(store.Write(SampleEvent("third")), 0);
         EXPECT_EQ(log.Count(wxLOG_Error, Kept("database is locked", "second")), 1u) << log.All();
@@ -430,7 +460,7 @@ TEST_F(EventDatabase, LockedDatabaseMeansPendingFileThenDatabaseOnce)
     EXPECT_NE(::Test::ReadFile(Pending()).find("text=\"second\""), std::string::npos);
     ASSERT_TRUE(other.Exec("ROLLBACK"));
     other.Close();
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("fourth")), 4);
     EXPECT_EQ(Stored(), "first;second;third;fourth;");
     EXPECT_FALSE(Exists(Pending()));
@@ -442,7 +472,7 @@ TEST_F(EventDatabase, PendingEventsKeepAllTheirFields)
     const CAgentEvent event = SampleEvent("it's \"<&>\"\n\t\xC3\xA4");
     std::filesystem::create_directory(Database());
     {
-        ::Test::LogCatcher log;
+        ::Test::DiskLogCatcher log;
         EventStore store(m_work);
         EXPECT_EQ(store.Write(event), 0);
         EXPECT_EQ(store.Write(CAgentEvent()), 0);
@@ -469,7 +499,7 @@ TEST_F(EventDatabase, PendingEventsKeepAllTheirFields)
 TEST_F(EventDatabase, PendingFileSeenTwiceIsStoredOnce)
 {
     std::filesystem::create_directory(Database());
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EventStore store(m_work);
     store.Write(SampleEvent("once"));
     const std::string pending = ::Test::ReadFile(Pending());
@@ -484,7 +514,7 @@ TEST_F(EventDatabase, PendingFileThatCannotBeRemovedIsEmptied)
 {
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     {
         const ::Test::CallWatch locked([](const os::Call& call) { return call.name == "unlink"sv ? EPERM : 0; });
         EXPECT_TRUE(store.StoreKept());
@@ -501,7 +531,7 @@ TEST_F(EventDatabase, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEvent
 {
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     constexpr int more = 1100; // than keys are remembered otherwise
     {
         const ::Test::CallWatch locked(
@@ -519,7 +549,7 @@ TEST_F(EventDatabase, PendingFileThatIsAnotherEachTimeIsGivenUp)
 {
     EventStore store(m_work);
     std::filesystem::create_directory(Database());
-    const ::Test::LogCatcher log;
+    const ::Test::DiskLogCatcher log;
     ::Test::StandardError standardError;
     const ::Test::CallWatch exchanged([this](const os::Call& call) {
         if (call.name != "stat"sv || call.path != Pending())
@@ -539,7 +569,7 @@ TEST_F(EventDatabase, FolderInThePlaceOfThePendingFileHoldsNoEvents)
 {
     EventStore store(m_work);
     std::filesystem::create_directory(Pending());
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EXPECT_TRUE(store.StoreKept());
     EXPECT_EQ(log.All(), "");
 }
@@ -549,7 +579,7 @@ TEST_F(EventDatabase, LineCutShortIsAnErrorLineAndTheOthersAreStored)
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"good\"/></pending>\n"
                                  "\n<pending key=\"k2\"><agent_event text=\"cut");
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("next")), 2);
     EXPECT_EQ(Stored(), "good;next;");
     EXPECT_EQ(
@@ -564,7 +594,7 @@ TEST_F(EventDatabase, NothingToWriteInMeansMemoryAndStandardErrorThenDatabaseOnc
 {
     m_work += "/not-there-yet";
     EventStore store(m_work);
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     ::Test::StandardError standardError;
     EXPECT_EQ(store.Write(SampleEvent("one")), 0);
     EXPECT_EQ(store.Write(SampleEvent("two")), 0);
@@ -584,7 +614,7 @@ TEST_F(EventDatabase, MemoryGoesToThePendingFileWhenOnlyThatHasRoom)
 {
     m_work += "/later";
     EventStore store(m_work);
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     ::Test::StandardError standardError;
     store.Write(SampleEvent("one"));
     standardError.Text();
@@ -600,7 +630,7 @@ TEST_F(EventDatabase, MemoryIsBoundedAndSaysWhatItGivesUp)
 {
     m_work += "/never";
     EventStore store(m_work);
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     ::Test::StandardError standardError;
     const std::size_t extra = EventStore::maxInMemory > 100 ? 0 : 2;
     for (std::size_t i = 0; i < EventStore::maxInMemory + extra && extra > 0; ++i)
@@ -619,7 +649,7 @@ TEST_F(EventDatabase, MemoryIsBoundedAndSaysWhatItGivesUp)
 TEST_F(EventDatabase, DamagedDatabaseIsMovedAsideAndANewOneBegins)
 {
     ::Test::WriteFile(Database(), std::string(8192, 'x'));
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EventStore store(m_work);
     EXPECT_EQ(store.Write(SampleEvent("event")), 1);
     EXPECT_EQ(Stored(), "event;");
@@ -638,7 +668,7 @@ TEST_F(EventDatabase, DamagedDatabaseIsMovedAsideAndANewOneBegins)
 
 TEST_F(EventDatabase, DatabasesDamagedWithinOneSecondAreAllKept)
 {
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EventStore store(m_work);
     for (const char letter : {'x', 'y', 'z'}) {
         ::Test::WriteFile(Database(), std::string(8192, letter));
@@ -657,7 +687,7 @@ TEST_F(EventDatabase, DamagedDatabaseThatCannotBeMovedStaysAndTheEventsWait)
     ::Test::WriteFile(Database(), std::string(8192, 'x'));
     EventStore store(m_work);
     {
-        ::Test::LogCatcher log;
+        ::Test::DiskLogCatcher log;
         {
             const ::Test::CallWatch fixed([](const os::Call& call) { return call.name == "rename"sv ? EACCES : 0; });
             EXPECT_EQ(store.Write(SampleEvent("event")), 0);
@@ -671,7 +701,7 @@ TEST_F(EventDatabase, DamagedDatabaseThatCannotBeMovedStaysAndTheEventsWait)
         EXPECT_EQ(log.Lines().size(), 2u) << log.All();
     }
     EXPECT_EQ(::Test::ReadFile(Database()), std::string(8192, 'x'));
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EXPECT_TRUE(store.StoreKept()) << "what is kept is stored without another event, too";
     EXPECT_EQ(Stored(), "event;");
 }
@@ -686,7 +716,7 @@ TEST_F(EventDatabase, DatabaseThatIsDamagedWhileOpenIsMovedAside)
         const std::string rubbish(8000, '\xAB');
         file.write(rubbish.data(), static_cast<std::streamsize>(rubbish.size()));
     }
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("after")), 1);
     EXPECT_EQ(Stored(), "after;");
     EXPECT_EQ(log.Count(wxLOG_Error, "The event database '" + Database() + "' is damaged ("), 1u) << log.All();
@@ -697,7 +727,7 @@ TEST_F(EventDatabase, RemovedOrReplacedDatabaseIsOpenedAnew)
     EventStore store(m_work);
     store.Write(SampleEvent("one"));
     std::filesystem::remove(Database());
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EXPECT_EQ(store.Write(SampleEvent("two")), 1);
     EXPECT_EQ(Stored(), "two;");
     std::filesystem::rename(Database(), Database() + ".old");
@@ -714,7 +744,7 @@ TEST_F(EventDatabase, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
         ASSERT_TRUE(db.Open(Database(), 0));
         ASSERT_TRUE(db.Exec("CREATE TABLE agent_event(something)"));
     }
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     EventStore store(m_work);
     EXPECT_EQ(store.Write(SampleEvent("event")), 0);
     EXPECT_TRUE(Exists(Pending()));
@@ -745,7 +775,7 @@ TEST_F(EventDatabase, ReadOnlyFileSystemMeansMemoryThenDatabase)
 TEST_F(EventDatabase, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
 {
     const int status = ::Test::InOwnMounts([this] {
-        ::Test::LogCatcher log;
+        ::Test::DiskLogCatcher log;
         CHILD_CHECK(EventStore(m_work).Write(SampleEvent("one")) == 1);
         // Root may write whatever its mode says.
         if (mount(Database().c_str(), Database().c_str(), nullptr, MS_BIND, nullptr) != 0
@@ -831,7 +861,7 @@ TEST_F(EventDatabase, EachFailingCallLeavesEveryEventExactlyOnce)
         for (int n = 1; hit && n < 300; ++n) {
             ::Test::TempFolder folder(Base());
             m_work = folder.Path();
-            ::Test::LogCatcher log;
+            ::Test::DiskLogCatcher log;
             ::Test::StandardError standardError;
             std::filesystem::create_directory(Database());
             EventStore(m_work).Write(SampleEvent("pending")); // so that an import is in the sweep
@@ -862,7 +892,7 @@ TEST_F(EventDatabase, KillAtEachCallLosesNoAcknowledgedEventAndStoresNoneTwice)
     for (int n = 1; killed && n < 300; ++n) {
         ::Test::TempFolder folder(Base());
         m_work = folder.Path();
-        ::Test::LogCatcher log;
+        ::Test::DiskLogCatcher log;
         std::filesystem::create_directory(Database());
         {
             EventStore store(m_work);
@@ -954,7 +984,7 @@ TEST_F(EventDatabase, ForkedChildOpensAConnectionOfItsOwn)
 
 TEST_F(EventDatabase, EventsBeforeTheWorkingFolderIsKnownAreStoredInIt)
 {
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     ::Test::StandardError standardError;
     EXPECT_EQ(GetEventStore("")->Write(SampleEvent("early")), 0);
     standardError.Text();
@@ -965,7 +995,7 @@ TEST_F(EventDatabase, EventsBeforeTheWorkingFolderIsKnownAreStoredInIt)
 
 TEST_F(EventDatabase, ClosingTheStoresStoresWhatIsKept)
 {
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     std::filesystem::create_directory(Database());
     EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("kept")), 0);
     std::filesystem::remove(Database());
@@ -976,7 +1006,7 @@ TEST_F(EventDatabase, ClosingTheStoresStoresWhatIsKept)
 TEST_F(EventDatabase, ClosingTheStoresMovesWhatIsInMemoryToThePendingFile)
 {
     m_work += "/later";
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     ::Test::StandardError standardError;
     EXPECT_EQ(GetEventStore(m_work)->Write(SampleEvent("one")), 0);
     standardError.Text();
@@ -992,7 +1022,7 @@ TEST_F(EventDatabase, ClosingTheStoresMovesWhatIsInMemoryToThePendingFile)
 
 TEST_F(EventDatabase, EventsThatNothingTookAreCountedWhenTheStoresClose)
 {
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     ::Test::StandardError standardError;
     GetEventStore(m_work + "/never")->Write(SampleEvent("one"));
     GetEventStore(m_work + "/never")->Write(SampleEvent("two"));
@@ -1004,7 +1034,7 @@ TEST_F(EventDatabase, EventsThatNothingTookAreCountedWhenTheStoresClose)
 
 TEST_F(EventDatabase, EventsThatTheSystemLogDidNotTakeAreSentOnceMoreAtTheEndAndElseCounted)
 {
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     ::Test::StandardError standardError;
     const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
     ASSERT_EQ(dup2(null, STDERR_FILENO), STDERR_FILENO); // as in the background
@@ -1041,7 +1071,7 @@ TEST_F(EventDatabase, EventsThatTheSystemLogDidNotTakeAreSentOnceMoreAtTheEndAnd
 TEST_F(EventDatabase, WhatIsKeptIsStoredWithoutAnotherEventWhenThereIsRoom)
 {
     m_work += "/later";
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     ::Test::StandardError standardError;
     GetEventStore(m_work)->Write(SampleEvent("one"));
     standardError.Text();
@@ -1055,7 +1085,7 @@ TEST_F(EventDatabase, WhatIsKeptIsStoredWithoutAnotherEventWhenThereIsRoom)
 TEST_F(EventDatabase, AttemptsWithoutAnEventKeepADistance)
 {
     std::filesystem::create_directory(Database());
-    ::Test::LogCatcher log;
+    ::Test::DiskLogCatcher log;
     GetEventStore(m_work)->Write(SampleEvent("one"));
     RetryKeptEvents(); // in vain
     std::filesystem::remove(Database());

@@ -5,6 +5,7 @@
 #include "vex_core/os/host_facts.h"
 
 #include "support/address_limit.h"
+#include "support/disk_log_catcher.h"
 #include "support/dom_ptr.h"
 #include "support/log_catcher.h"
 #include "support/other_user.h"
@@ -34,7 +35,6 @@
 #include <sqlite3.h>
 
 #include <lua.hpp>
-#include <wx/log.h>
 
 using namespace VexCore;
 
@@ -642,7 +642,7 @@ TEST_F(NativeModules, DatabasesLeftOpenAreClosedBeforeTheirStateEnds)
 TEST_F(NativeModules, ACommitStoresTheEventsThatWaitedForRoom)
 {
     const std::string work = m_folder / "later";
-    const wxLogNull quiet;
+    const ::Test::DiskLogCatcher quiet;
     const auto keep = [&] {
         ::Test::StandardError standardError;
         EXPECT_EQ(GetEventStore(work)->Write(CAgentEvent()), 0);

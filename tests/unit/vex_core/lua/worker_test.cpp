@@ -1,7 +1,7 @@
 #include "vex_core/lua/worker.h"
 
 #include "support/address_limit.h"
-#include "support/log_catcher.h"
+#include "support/disk_log_catcher.h"
 #include "support/lua_results.h"
 #include "support/sanitized.h"
 #include "support/temp_folder.h"
@@ -29,6 +29,7 @@
 #include <lua.hpp>
 #include <wx/log.h>
 
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
@@ -60,7 +61,7 @@ protected:
 
     ::Test::TempFolder m_folder;
     CDom* m_dom;
-    ::Test::LogCatcher m_log;
+    ::Test::DiskLogCatcher m_log;
     VexCore::CLuaInterpreter m_lua{false, L"test", true};
 };
 
@@ -105,7 +106,19 @@ TEST_F(LuaWorker, NameThatIsNotUtf8IsStillToldInTheLog)
 {
     Module("caf\xE9", "return {run = function() error('broken', 0) end}");
     Run("dom0:StartThread('caf\\233'):Join()");
-    EXPECT_THAT(Log(), StartsWith("Worker \"caf\xC3\xA9\" failed: broken\n"));
+    EXPECT_THAT(Log(), StartsWith("Worker \"caf\xE9\" failed: broken\n"));
+}
+
+TEST_F(LuaWorker, ErrorGoesPastTheFrameworkAndItsBytesStayWhatTheyAre)
+{
+    wxLog::SetLogLevel(wxLOG_FatalError);
+    Module("job", "return {run = function() error('caf\xE9 caf\xC3\xA9 ' .. ('x'):rep(70000), 0) end}");
+    EXPECT_EQ(Run("local ended, status, text = dom0:StartThread('job'):Join()\n"
+                  "return ended, status, text:match('^caf\\233 caf\\195\\169 x') ~= nil"),
+              "true 2 true");
+    EXPECT_THAT(Log(), StartsWith("Worker \"job\" failed: caf\xE9 caf\xC3\xA9 xxx"));
+    EXPECT_THAT(Log(), HasSubstr("xxx ... (cut, 70"));
+    EXPECT_THAT(Log(), EndsWith(" bytes in all)\n"));
 }
 
 TEST_F(LuaWorker, ModuleThatIsMissingOrHasNoRunIsAnError)
