@@ -28,6 +28,7 @@
 #include <cstdio>
 #include <exception>
 #include <map>
+#include <new>
 #include <random>
 #include <string_view>
 #include <vector>
@@ -111,11 +112,17 @@ void LogEvent(const std::string& what, const EventRecord& record)
 }
 
 // Past the log, which holds its lines in memory as well when the disk is full. As bytes: wide output would silence all
-// later output. False: it was not taken.
+// later output. Control characters show as in the log, because this may be a terminal, and nothing is cut, because no
+// other place may have the event. False: it was not taken.
 bool ShowAsLastResort(const char* prefix, const EventRecord& record)
 {
     const int severity = CAgentEvent::ToSeverity(static_cast<int>(record.severity.value_or(os::severityError)));
-    return os::WriteLastResort(STDERR_FILENO, severity, {prefix, record.xml, "\n"});
+    try {
+        const std::string shown = LogText(record.xml, std::string::npos);
+        return os::WriteLastResort(STDERR_FILENO, severity, {prefix, shown, "\n"});
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 constexpr char notStoredYet[] = "Agent event not stored yet: ";
@@ -524,8 +531,13 @@ std::int64_t CDom::AgentEventWrite(CAgentEvent& event)
     try {
         return GetEventStore(Get("app.path.work"))->Write(event);
     } catch (const std::exception& failure) { // memory or the source of random numbers
+        std::string shown;
+        try {
+            shown = LogText(event.m_text); // cut, because there may be no room for all of it
+        } catch (const std::bad_alloc&) {
+        }
         os::WriteLastResort(STDERR_FILENO, os::severityError,
-                            {"Agent event lost: ", failure.what(), ": ", event.m_text, "\n"});
+                            {"Agent event lost: ", failure.what(), ": ", shown, "\n"});
         return 0;
     }
 }

@@ -88,21 +88,21 @@ std::size_t PlainBytes(std::string_view text, std::size_t most)
 
 } // namespace
 
-std::string LogText(std::string_view text)
+std::string LogText(std::string_view text, std::size_t maxBytes)
 {
     const std::size_t last = text.find_last_not_of("\r\n");
     text = text.substr(0, last == std::string_view::npos ? 0 : last + 1);
     const std::size_t size = text.size();
     std::string result;
-    result.reserve(std::min(size, maxLogTextBytes));
+    result.reserve(std::min(size, maxBytes));
     while (!text.empty()) {
-        const std::size_t plain = PlainBytes(text, maxLogTextBytes - result.size());
+        const std::size_t plain = PlainBytes(text, maxBytes - result.size());
         result.append(text.substr(0, plain));
         text.remove_prefix(plain);
         if (text.empty())
             break;
         const std::string next = TakeCharacter(text);
-        if (result.size() + next.size() > maxLogTextBytes)
+        if (result.size() + next.size() > maxBytes)
             return result + " ... (cut, " + std::to_string(size) + " bytes in all)";
         result += next;
     }
@@ -291,8 +291,8 @@ void DiskLog::Fail(const std::string& reason)
         return;
     m_troubled = true;
     const std::string line =
-        "Can't write the log file " + m_path + " (" + reason + "), lines are kept in memory and tried again\n";
-    os::WriteLastResort(m_error, os::severityError, {line});
+        "Can't write the log file " + m_path + " (" + reason + "), lines are kept in memory and tried again";
+    os::WriteLastResort(m_error, os::severityError, {LogText(line), "\n"});
 }
 
 std::string DiskLog::OwnRecord(const std::string& text) const

@@ -28,9 +28,9 @@ constexpr std::size_t maxLogTextBytes = 64 * 1024;
 /// The text as it stands in a record: lines after the first are indented, so that only a record's own first line starts
 /// with a time; line breaks at the end go; other control characters, which could do things to a terminal, become \xNN
 /// for each of their bytes, and so do U+2028 and U+2029, which end a line for some readers. Other bytes stay as they
-/// are, whether or not they are UTF-8. A text that would be too long is cut, with a note that tells its length; what is
-/// behind the cut costs nothing.
-std::string LogText(std::string_view text);
+/// are, whether or not they are UTF-8. A text that would be longer than `maxBytes` is cut, with a note that tells its
+/// length; what is behind the cut costs nothing.
+std::string LogText(std::string_view text, std::size_t maxBytes = maxLogTextBytes);
 
 /// A whole record with its line end. `timeFormat` is strftime's.
 std::string FormatLogRecord(std::time_t time, const char* timeFormat, LogLevel level, pid_t process, const char* thread,

@@ -3,6 +3,7 @@
 #include "vex/core/dom.h"
 #include "vex_core/events/agentevent_store.h"
 
+#include "support/address_limit.h"
 #include "support/call_watch.h"
 #include "support/disk_log_catcher.h"
 #include "support/dom_ptr.h"
@@ -12,6 +13,7 @@
 #include "support/own_mounts.h"
 #include "support/process_guards.h"
 #include "support/sample_event.h"
+#include "support/sanitized.h"
 #include "support/temp_folder.h"
 
 #include <algorithm>
@@ -608,6 +610,48 @@ TEST_F(EventDatabase, NothingToWriteInMeansMemoryAndStandardErrorThenDatabaseOnc
     EXPECT_EQ(store.Write(SampleEvent("three")), 3);
     EXPECT_EQ(store.InMemory(), 0u);
     EXPECT_EQ(Stored(), "one;two;three;");
+}
+
+TEST_F(EventDatabase, LastResortShowsAnEventWholeAndItsControlCharactersVisibly)
+{
+    m_work += "/later";
+    const std::string more(70000, 'L');
+    const std::string text = "a\xC2\x9B[31mb\xE2\x80\xA8"
+                             "c\x7F"
+                             + more;
+    EventStore store(m_work);
+    ::Test::DiskLogCatcher log;
+    ::Test::StandardError standardError;
+    EXPECT_EQ(store.Write(SampleEvent(text)), 0);
+    EXPECT_EQ(standardError.Text(), "Agent event not stored yet: "
+                                        + SampleEvent("a\\xC2\\x9B[31mb\\xE2\\x80\\xA8c\\x7F" + more).ToXml() + "\n");
+    std::filesystem::create_directories(Database());
+    EXPECT_FALSE(store.StoreKept());
+    EXPECT_NE(::Test::ReadFile(Pending()).find(SampleEvent(text).ToXml()), std::string::npos);
+    std::filesystem::remove(Database());
+    EXPECT_TRUE(store.StoreKept());
+    EXPECT_EQ(Stored(), text + ";");
+}
+
+TEST_F(EventDatabase, EventThatIsLostForWantOfMemoryIsShownVisiblyAsFarAsThereIsRoom)
+{
+#ifdef VEX_TEST_SANITIZED
+    GTEST_SKIP() << "the sanitizers' own memory is over any limit of the address space";
+#else
+    m_dom->Set("app.path.work", m_work);
+    CAgentEvent event = SampleEvent("a\x1B[31m" + std::string(std::size_t{1} << 27, 'x'));
+    ::Test::StandardError standardError;
+    {
+        const ::Test::AddressLimit lessThanACopy(std::size_t{32} << 20);
+        EXPECT_EQ(m_dom->AgentEventWrite(event), 0);
+    }
+    const std::string shown = standardError.Text();
+    CloseEventStores();
+    const std::string begin = "Agent event lost: std::bad_alloc: a\\x1B[31mxxx";
+    const std::string end = "xxx ... (cut, 134217734 bytes in all)\n";
+    EXPECT_EQ(shown.substr(0, begin.size()), begin);
+    EXPECT_EQ(shown.substr(shown.size() - std::min(shown.size(), end.size())), end);
+#endif
 }
 
 TEST_F(EventDatabase, MemoryGoesToThePendingFileWhenOnlyThatHasRoom)

@@ -208,6 +208,7 @@ TEST(LogText, LongTextIsCutWithANoteAndNeverInsideACharacter)
     EXPECT_EQ(VexCore::LogText("\xC3\xA4" + whole), "\xC3\xA4" + whole.substr(2) + " ... (cut, 65538 bytes in all)");
     EXPECT_EQ(VexCore::LogText(std::string(16384, '\1')).size(), 65536u);
     EXPECT_THAT(VexCore::LogText(std::string(16385, '\1')), testing::EndsWith("\\x01 ... (cut, 16385 bytes in all)"));
+    EXPECT_EQ(VexCore::LogText(whole + whole, std::string::npos), whole + whole);
 }
 
 // --- writing
@@ -379,6 +380,16 @@ TEST(DiskLog, LinesThatWentNowhereAreCountedAndToldAsSoonAsThatWorks)
                 HasSubstr("/log] 2 lines could be written nowhere, neither here nor to the system log, and are lost"));
     log.Write("later\n", false);
     EXPECT_THAT(LinesOf(ReadFile(folder / "missing/x.log")).size(), 4u) << "told once";
+}
+
+TEST(DiskLog, NameOfTheFileReachesStandardErrorWithoutItsControlCharacters)
+{
+    const TempFolder folder;
+    const ErrorFile error;
+    DiskLog log(muchMemory, error.Descriptor());
+    log.SetFile(folder / "missing\x1B[31m/x.log");
+    log.Write("one\n", false);
+    EXPECT_THAT(error.Text(), StartsWith("Can't write the log file " + folder / "missing\\x1B[31m/x.log (error 2: "));
 }
 
 TEST(DiskLog, FileThatCannotBeOpenedIsSaidOnceAndTriedAgain)
