@@ -32,7 +32,7 @@ std::optional<std::int64_t> Number(const pugi::xml_node& node, const char* name)
 os::Descriptor OpenLocked(os::GuardedPlace& place, const std::string& path, int flags)
 {
     for (int attempt = 0; attempt < 100; ++attempt) {
-        os::Descriptor file = place.OpenFile(flags);
+        os::Descriptor file = place.OpenAndMendFile(flags);
         struct stat mine;
         struct stat named;
         if (!file || os::FStat(file.Get(), mine) != 0)

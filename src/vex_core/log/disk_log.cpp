@@ -32,6 +32,11 @@ int SeverityOf(LogLevel level)
     return severities[static_cast<int>(level)];
 }
 
+std::string RotatedName(const std::string& file, int number)
+{
+    return number == 0 ? file : file + '.' + std::to_string(number);
+}
+
 std::string NumberAndText(int error)
 {
     return "error " + std::to_string(error) + ": " + os::ErrorText(error);
@@ -337,6 +342,7 @@ bool DiskLog::Open()
     const bool isOurs = status.st_uid == os::EffectiveUser();
     if (error == 0 && isOurs && (status.st_mode & 07777) != 0600 && os::FChmod(opened.Get(), 0600) != 0)
         error = os::LastError();
+    const bool isFirst = !m_file;
     if (error == 0 && !os::ReplaceDescriptor(m_file, std::move(opened)))
         error = os::LastError();
     if (error != 0) {
@@ -348,18 +354,13 @@ bool DiskLog::Open()
     m_cleanEnd = 0;
     m_pieceEnd = 0;
     m_failureTold = 0;
+    // Those that an older version has left.
+    for (int number = 1; isFirst && number <= m_settings.keep; ++number)
+        os::GuardedPlace(RotatedName(place.RealPath(), number)).OpenAndMendFile(O_RDONLY);
     return true;
 }
 
 // --- rotation
-
-namespace {
-std::string RotatedName(const std::string& file, int number)
-{
-    return number == 0 ? file : file + '.' + std::to_string(number);
-}
-
-} // namespace
 
 // Moves the full file away. False: it is to be written on (another process is at it, or it cannot be moved).
 //

@@ -36,8 +36,8 @@ public:
     Descriptor OpenFolder(bool make);
     /// Opens the place, a file; `flags` as for open, without O_TRUNC. A new one gets mode 0600.
     Descriptor OpenFile(int flags);
-    /// The same for a file whose content is not obeyed, a log: when it is ours and has a single name, the others'
-    /// rights are taken from it first.
+    /// The same for a file whose content is not obeyed, a log or events: when it is ours and has a single name, the
+    /// others' rights are taken from it first.
     Descriptor OpenAndMendFile(int flags);
     /// For a library that opens the place by its name: sees to it that the file is there and that it, and those of its
     /// `companions` that are there (named like it with something behind), keep to the rule and are for their owner

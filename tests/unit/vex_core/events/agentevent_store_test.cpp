@@ -199,6 +199,22 @@ TEST_F(EventDatabase, DatabaseAndJournalAreForTheOwnerAlone)
     EXPECT_EQ(::Test::ModeOf(Database() + "-journal"), mode_t(0600));
 }
 
+TEST_F(EventDatabase, PendingFileIsForTheOwnerAlone)
+{
+    const ::Test::FileModeMask open(0);
+    std::filesystem::create_directory(Database());
+    const ::Test::DiskLogCatcher log;
+    EventStore store(m_work);
+    EXPECT_EQ(store.Write(SampleEvent("one")), 0);
+    EXPECT_EQ(::Test::ModeOf(Pending()), mode_t(0600));
+    ::chmod(Pending().c_str(), 0644); // as an older version left it
+    EXPECT_EQ(store.Write(SampleEvent("two")), 0);
+    EXPECT_EQ(::Test::ModeOf(Pending()), mode_t(0600));
+    std::filesystem::remove(Database());
+    EXPECT_EQ(store.Write(SampleEvent("three")), 3);
+    EXPECT_EQ(Stored(), "one;two;three;");
+}
+
 TEST_F(EventDatabase, LinesWithAnEventGoPastTheFrameworkAndTheirBytesStayWhatTheyAre)
 {
     m_work += "/caf\xE9";

@@ -243,14 +243,19 @@ TEST(DiskLog, FileThatIsThereForEverybodyBecomesTheOwnersAlone)
 {
     const TempFolder folder;
     const std::string path = folder / "x.log";
-    WriteFile(path, "before\n");
-    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    const std::string files[] = {path, path + ".1", path + ".3"};
+    for (const std::string& file : files) {
+        WriteFile(file, "before\n");
+        ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+    }
     DiskLog log(muchMemory);
     log.SetFile(path);
     log.Write("one\n", false);
-    struct stat status = {};
-    ASSERT_EQ(::stat(path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode, mode_t(S_IFREG | 0600));
+    for (const std::string& file : files) {
+        struct stat status = {};
+        ASSERT_EQ(::stat(file.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode, mode_t(S_IFREG | 0600)) << file;
+    }
     EXPECT_EQ(ReadFile(path), "before\none\n");
 }
 
