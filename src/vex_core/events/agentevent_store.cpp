@@ -33,8 +33,6 @@
 #include <string_view>
 #include <vector>
 
-#include <unistd.h>
-
 #include <sqlite3.h>
 
 #include <wx/log.h>
@@ -119,7 +117,7 @@ bool ShowAsLastResort(const char* prefix, const EventRecord& record)
     const int severity = CAgentEvent::ToSeverity(static_cast<int>(record.severity.value_or(os::severityError)));
     try {
         const std::string shown = LogText(record.xml, std::string::npos);
-        return os::WriteLastResort(STDERR_FILENO, severity, {prefix, shown, "\n"});
+        return os::WriteLastResort(os::standardError, severity, {prefix, shown, "\n"});
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -536,7 +534,7 @@ std::int64_t CDom::AgentEventWrite(CAgentEvent& event)
             shown = LogText(event.m_text); // cut, because there may be no room for all of it
         } catch (const std::bad_alloc&) {
         }
-        os::WriteLastResort(STDERR_FILENO, os::severityError,
+        os::WriteLastResort(os::standardError, os::severityError,
                             {"Agent event lost: ", failure.what(), ": ", shown, "\n"});
         return 0;
     }
