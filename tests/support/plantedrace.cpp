@@ -6,16 +6,16 @@
 #include <sched.h>
 
 namespace {
-int unguarded = 0;
+int g_unguarded = 0;
 
 int Race(lua_State*)
 {
     // Relaxed on purpose: the two meet here and yet nothing orders what they do next.
-    static std::atomic<int> entered{0};
-    entered.fetch_add(1, std::memory_order_relaxed);
-    while (entered.load(std::memory_order_relaxed) < 2)
+    static std::atomic<int> s_entered{0};
+    s_entered.fetch_add(1, std::memory_order_relaxed);
+    while (s_entered.load(std::memory_order_relaxed) < 2)
         ::sched_yield();
-    unguarded = unguarded + 1;
+    g_unguarded = g_unguarded + 1;
     return 0;
 }
 
