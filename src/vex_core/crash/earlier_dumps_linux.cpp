@@ -3,6 +3,7 @@
 // children that it forks. See crash_system.h for what is allowed here.
 
 #include "vex_core/crash/crash_system.h"
+#include "vex_core/crash/minidump_format.h"
 #include "vex_core/os/kernel_dirent.h"
 
 #include <algorithm>
@@ -17,7 +18,7 @@
 namespace VexCore {
 namespace {
 constexpr int maxKept = 5;
-constexpr char suffix[] = ".mdmp";
+constexpr const auto& suffix = Minidump::fileSuffix;
 constexpr std::size_t suffixBytes = sizeof suffix - 1;
 
 // A dump's path, taken apart. Static: larger than a small stack should have to hold.

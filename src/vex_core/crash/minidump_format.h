@@ -5,6 +5,8 @@
 
 namespace VexCore::Minidump {
 
+constexpr char fileSuffix[] = ".mdmp";
+
 #pragma pack(push, 1)
 
 struct Location

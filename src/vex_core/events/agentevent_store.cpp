@@ -23,7 +23,6 @@
 #include "vex_core/os/process_info.h"
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <exception>

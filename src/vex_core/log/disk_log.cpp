@@ -4,6 +4,7 @@
 
 #include "vex_core/log/disk_log.h"
 
+#include "vex_core/base/hex.h"
 #include "vex_core/base/utf8.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_identity.h"
@@ -53,17 +54,6 @@ const char* LogLevelWord(LogLevel level)
 }
 
 namespace {
-std::string ShownBytes(std::string_view bytes)
-{
-    static constexpr char digits[] = "0123456789ABCDEF";
-    std::string shown;
-    for (const char byte : bytes) {
-        const auto value = static_cast<unsigned char>(byte);
-        shown.append("\\x").append(1, digits[value >> 4]).append(1, digits[value & 15]);
-    }
-    return shown;
-}
-
 // Takes the next character off the text, as it stands in a record.
 std::string TakeCharacter(std::string_view& text)
 {
@@ -79,7 +69,7 @@ std::string TakeCharacter(std::string_view& text)
     text.remove_prefix(length);
     if (bytes.front() == '\n' || bytes.front() == '\r')
         return "\n    ";
-    return character != '\t' && IsControlOrLineEnd(character) ? ShownBytes(bytes) : std::string(bytes);
+    return character != '\t' && IsControlOrLineEnd(character) ? ShownInHex(bytes) : std::string(bytes);
 }
 
 // How many bytes at the start of the text, at most `most`, stand in a record as they are.

@@ -5,9 +5,9 @@
 #include "vex_core/os/files.h"
 #include "vex_core/zip/zip_format.h"
 #include "vex_core/zip/zip_reader.h"
+#include "vex_core/zip/zip_refused.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <new>
 
 #include <libdeflate.h>
@@ -48,7 +48,7 @@ public:
         if (count < 0)
             error = "cannot be read: " + os::ErrorText(os::LastError());
         else if (static_cast<std::size_t>(count) != size)
-            error = "the file was cut short while it was read";
+            error = cutShort;
         m_offset += size;
         m_left -= size;
         return count >= 0 && static_cast<std::size_t>(count) == size;

@@ -8,7 +8,6 @@
 #include "vex_core/zip/zip_tiling.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <new>
 
 #include <fcntl.h>

@@ -16,8 +16,9 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// The reason that two of the checks give: what a folder has shows partly in the directory, partly where its data lie.
+/// Reasons that two of the checks give. What a folder has shows partly in the directory, partly where its data lie.
 inline constexpr char folderWithData[] = "it is a folder with data";
+inline constexpr char cutShort[] = "the file was cut short while it was read";
 
 [[noreturn]] inline void RefuseEntry(std::string_view name, const std::string& reason)
 {

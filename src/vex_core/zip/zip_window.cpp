@@ -4,7 +4,6 @@
 #include "vex_core/os/files.h"
 
 #include <algorithm>
-#include <cerrno>
 
 namespace VexCore::Zip {
 namespace {
@@ -23,7 +22,7 @@ void Window::Fill(std::uint64_t offset, std::size_t size)
     if (count < 0)
         throw Refused("cannot be read: " + os::ErrorText(os::LastError()));
     if (static_cast<std::size_t>(count) != m_bytes.size())
-        throw Refused("the file was cut short while it was read");
+        throw Refused(cutShort);
 }
 
 } // namespace VexCore::Zip

@@ -23,6 +23,12 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/// The failure of what looks into a work folder that is not there.
+inline Failure NoWorkFolder(const Place& place)
+{
+    return Failure("there is no work folder " + place.workFolder + "; --workdir says where to look");
+}
+
 /// What a subcommand works with.
 struct Session
 {

@@ -1,5 +1,6 @@
 #include "vex/apps/vexctl/crash_dump.h"
 
+#include "vex_core/base/hex.h"
 #include "vex_core/crash/minidump_format.h"
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/error.h"
@@ -122,7 +123,6 @@ const Format::Location& Find(const Streams& streams, std::uint32_t type)
 
 std::string BuildIdOf(const DumpFile& file, const Format::Module& module)
 {
-    static constexpr char digits[] = "0123456789abcdef";
     constexpr std::uint32_t maxIdBytes = 64;
     const std::uint32_t size = module.codeView.size;
     if (size <= sizeof(std::uint32_t) || size > maxIdBytes
@@ -130,10 +130,7 @@ std::string BuildIdOf(const DumpFile& file, const Format::Module& module)
         return std::string();
     std::vector<unsigned char> bytes(size - sizeof(std::uint32_t));
     file.Read(bytes.data(), bytes.size(), module.codeView.rva + std::uint64_t{sizeof(std::uint32_t)});
-    std::string id;
-    for (const unsigned char byte : bytes)
-        id.append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
-    return id;
+    return VexCore::Hex(bytes.data(), bytes.size());
 }
 
 void FindModule(CrashDump& dump, const DumpFile& file, const Streams& streams, std::uint64_t place)

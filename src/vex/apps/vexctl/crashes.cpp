@@ -10,6 +10,7 @@
 #include "vex/apps/vexctl/times.h"
 
 #include "vex_core/base/ascii.h"
+#include "vex_core/crash/minidump_format.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/folders.h"
 
@@ -26,7 +27,7 @@ constexpr std::size_t bytesSearchedForCrashes = 16 * 1024 * 1024;
 // NAME.mdmp and NAME.TIME.mdmp; what is being written has another end.
 bool IsDumpOf(std::string_view file, std::string_view name)
 {
-    constexpr std::string_view suffix = ".mdmp";
+    constexpr std::string_view suffix = VexCore::Minidump::fileSuffix;
     if (!VexCore::StartsWith(file, name) || !VexCore::EndsWith(file, suffix)
         || file.size() < name.size() + suffix.size())
         return false;

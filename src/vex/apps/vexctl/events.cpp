@@ -98,7 +98,7 @@ public:
         if (m_options.follow)
             watch.emplace(m_session.place.workFolder);
         if (!LookForWorkFolder())
-            throw Failure("there is no work folder " + m_session.place.workFolder + "; --workdir says where to look");
+            throw NoWorkFolder(m_session.place);
         ShowTitles();
         if (!m_options.after.empty())
             BeginAfter(m_options.after);

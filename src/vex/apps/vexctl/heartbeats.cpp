@@ -39,7 +39,7 @@ int ShowHeartbeats(Session& session, const HeartbeatOptions& options)
 {
     struct stat status = {};
     if (VexCore::os::Stat(session.place.workFolder.c_str(), status) != 0)
-        throw Failure("there is no work folder " + session.place.workFolder + "; --workdir says where to look");
+        throw NoWorkFolder(session.place);
     AgentDatabase database(session.place.HeartbeatFile());
     HeartbeatWish wish;
     wish.sinceMs = options.span.SinceMs();

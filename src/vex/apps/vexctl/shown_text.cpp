@@ -1,5 +1,6 @@
 #include "vex/apps/vexctl/shown_text.h"
 
+#include "vex_core/base/hex.h"
 #include "vex_core/base/utf8.h"
 
 #include <cwchar>
@@ -28,21 +29,16 @@ std::size_t ColumnsOf(char32_t character)
 
 std::string Shown(std::string_view text, bool keepTabs)
 {
-    static constexpr char digits[] = "0123456789ABCDEF";
     std::string shown;
     shown.reserve(text.size());
     while (!text.empty()) {
         char32_t character = 0;
         const std::size_t length = NextCharacter(text, character);
         const std::string_view bytes = text.substr(0, length);
-        if (VexCore::IsControlOrLineEnd(character) && !(keepTabs && character == '\t')) {
-            for (const char byte : bytes) {
-                const auto value = static_cast<unsigned char>(byte);
-                shown.append("\\x").append(1, digits[value >> 4]).append(1, digits[value & 15]);
-            }
-        } else {
+        if (VexCore::IsControlOrLineEnd(character) && !(keepTabs && character == '\t'))
+            shown.append(VexCore::ShownInHex(bytes));
+        else
             shown.append(bytes);
-        }
         text.remove_prefix(length);
     }
     return shown;
