@@ -27,12 +27,12 @@ bool IsWrite(const Call& call)
 class OutputToFile : public testing::Test
 {
 protected:
-    ~OutputToFile() override { ::close(descriptor); }
+    ~OutputToFile() override { ::close(m_descriptor); }
 
-    TempFolder folder;
-    const std::string path = folder / "output";
-    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    Output output{descriptor};
+    TempFolder m_folder;
+    const std::string m_path = m_folder / "output";
+    const int m_descriptor = ::open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    Output m_output{m_descriptor};
 };
 
 } // namespace
@@ -44,8 +44,8 @@ TEST_F(OutputToFile, IsWholeWhereTheSystemTakesAByteAtATime)
             *call.size = 1;
         return 0;
     });
-    output.Write("all of it\n");
-    EXPECT_EQ(ReadFile(path), "all of it\n");
+    m_output.Write("all of it\n");
+    EXPECT_EQ(ReadFile(m_path), "all of it\n");
 }
 
 TEST_F(OutputToFile, EndsWhereTheSystemTakesNothingAndSaysNothing)
@@ -58,7 +58,7 @@ TEST_F(OutputToFile, EndsWhereTheSystemTakesNothingAndSaysNothing)
         return ++writes > 1 ? EIO : 0;
     });
     try {
-        output.Write("nothing of it\n");
+        m_output.Write("nothing of it\n");
         FAIL() << "nothing was thrown";
     } catch (const Vexctl::OutputFailed& failed) {
         EXPECT_STREQ(failed.what(), "the output cannot be written: No space left on device");
@@ -69,5 +69,5 @@ TEST_F(OutputToFile, EndsWhereTheSystemTakesNothingAndSaysNothing)
 TEST_F(OutputToFile, IsOverWhenItsReaderIsGone)
 {
     const CallWatch watch([](const Call& call) { return IsWrite(call) ? EPIPE : 0; });
-    EXPECT_THROW(output.Write("nobody reads it\n"), Vexctl::ReaderGone);
+    EXPECT_THROW(m_output.Write("nobody reads it\n"), Vexctl::ReaderGone);
 }
