@@ -11,7 +11,7 @@
 
 #include "vex/core/dom.h"
 #include "vex_core/modules/archive_index.h"
-#include "vex_core/modules/chunk_caches.h"
+#include "vex_core/modules/cache_registry.h"
 
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
@@ -108,7 +108,7 @@ double RequireAll(const std::string& path, CDom* dom)
     lua_close(state);
     const double spent = Now() - begin;
     ArchiveIndex::Process().ForgetUnused(); // the next one opens and indexes again
-    ChunkCaches::Process().ForgetUnused();
+    CacheRegistry::Process().ForgetUnused();
     return spent;
 }
 

@@ -9,7 +9,7 @@
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/domain/setting_value.h"
 #include "vex_core/domain/settings.h"
-#include "vex_core/domain/settings_files.h"
+#include "vex_core/domain/settings_sources.h"
 #include "vex_core/domain/wait_list.h"
 #include "vex_core/domain/work_folder.h"
 
@@ -126,7 +126,7 @@ public:
     }
 
     WaitList& Waits() { return *m_waits; }
-    SettingsFiles& Settings() { return m_settings; }
+    SettingsSources& Settings() { return m_settings; }
     // Where they lie now, empty while that is not known.
     SettingsPaths PathsOfSettings() const { return {PathIn("app.path.ini"), PathIn("app.path.ini.global")}; }
 
@@ -154,7 +154,7 @@ private:
     mutable FairSharedLock m_lock;
     std::unordered_map<std::string_view, std::unique_ptr<Node>> m_nodes; // guarded by m_lock
     const std::shared_ptr<WaitList> m_waits;
-    SettingsFiles m_settings;
+    SettingsSources m_settings;
 };
 
 } // namespace

@@ -6,7 +6,7 @@
 #include "vex_core/base/text.h"
 #include "vex_core/domain/known_settings.h"
 #include "vex_core/domain/setting_value.h"
-#include "vex_core/domain/settings_files.h"
+#include "vex_core/domain/settings_sources.h"
 
 #include <map>
 

@@ -2,7 +2,7 @@
 #include "vex_core/modules/chunk_cache.h"
 
 #include "vex_core/base/hex.h"
-#include "vex_core/modules/chunk_caches.h"
+#include "vex_core/modules/cache_registry.h"
 #include "vex_core/modules/name_hash.h"
 #include "vex_core/os/files.h"
 
@@ -117,7 +117,7 @@ bool ChunkCache::Find(const std::string& name, std::string& buffer, std::string_
         found = FindWaiting(name, buffer, chunk) || FindOnDisk(name, buffer, chunk);
     }
     if (opened)
-        ChunkCaches::Process().NoteOpened(weak_from_this().lock());
+        CacheRegistry::Process().NoteOpened(weak_from_this().lock());
     return found;
 }
 
@@ -152,7 +152,7 @@ void ChunkCache::Add(const std::string& name, std::size_t archiveLength, std::st
         return;
     m_waiting[name] = {archiveLength, m_waitingData.size(), chunk.size()};
     m_waitingData.append(chunk);
-    ChunkCaches::Process().NoteWaiting();
+    CacheRegistry::Process().NoteWaiting();
     if (m_waitingData.size() >= std::max(writeAtBytes, m_file.bytes))
         WriteWaiting();
 }

@@ -28,7 +28,7 @@ public:
     /// that tell this Lua's version and type sizes.
     static std::string Key(const std::string& directorySha256, const std::string& luaHeader);
 
-    /// One of its own; `ChunkCaches` has those that are shared.
+    /// One of its own; `CacheRegistry` has those that are shared.
     ChunkCache(std::string folder, std::string key) : m_folder(std::move(folder)), m_key(std::move(key)) {}
 
     /// Whether chunks that are handed in have a chance to be written; false spares the caller their making.

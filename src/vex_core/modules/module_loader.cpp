@@ -2,7 +2,7 @@
 // They run on the state's own thread.
 #include "slb3/error.h"
 #include "vex/core/dom.h"
-#include "vex_core/modules/chunk_caches.h"
+#include "vex_core/modules/cache_registry.h"
 #include "vex_core/modules/module_lookup.h"
 #include "vex_core/modules/package_path_parts.h"
 #include "vex_core/os/file_identity.h"
@@ -198,7 +198,7 @@ void LoadFromArchive(lua_State* L, ModuleLoader& loader, const char* name, const
 
 LookupResult Find(ModuleLoader& loader, const char* name)
 {
-    ChunkCaches::Process().FlushOld();
+    CacheRegistry::Process().FlushOld();
     loader.settings.Read();
     return loader.lookup.Find(name);
 }
@@ -259,7 +259,7 @@ int CloseLoader(lua_State* L)
     delete box->loader;
     box->loader = nullptr;
     try {
-        ChunkCaches::Process().Flush();
+        CacheRegistry::Process().Flush();
     } catch (const std::exception&) { // out of memory: the chunks are compiled again
     }
     return 0;

@@ -3,7 +3,7 @@
 
 #include "vex_core/modules/module_lookup.h"
 
-#include "vex_core/modules/chunk_caches.h"
+#include "vex_core/modules/cache_registry.h"
 #include "vex_core/modules/name_hash.h"
 
 #include <algorithm>
@@ -19,7 +19,7 @@ void ModuleLookup::TakeSearchPath()
     m_archives = std::move(archives);
     m_searchPathNumber = m_settings.SearchPathNumber();
     ArchiveIndex::Process().ForgetUnused();
-    ChunkCaches::Process().ForgetUnused();
+    CacheRegistry::Process().ForgetUnused();
 }
 
 LookupResult ModuleLookup::Find(const std::string& module)
@@ -72,11 +72,11 @@ std::shared_ptr<ChunkCache> ModuleLookup::CacheOf(SearchedArchive& searched,
         if (sha256.empty())
             return nullptr;
         const bool isOtherArchive = searched.cache && searched.cacheFolder == folder;
-        searched.cache = ChunkCaches::Process().Get(folder, ChunkCache::Key(sha256, m_luaHeader));
+        searched.cache = CacheRegistry::Process().Get(folder, ChunkCache::Key(sha256, m_luaHeader));
         searched.cachedArchive = archive;
         searched.cacheFolder = folder;
         if (isOtherArchive) // that of the one before is of no use to anyone
-            ChunkCaches::Process().ForgetUnused();
+            CacheRegistry::Process().ForgetUnused();
     }
     return searched.cache;
 }

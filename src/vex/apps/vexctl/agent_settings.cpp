@@ -1,6 +1,6 @@
 #include "vex/apps/vexctl/agent_settings.h"
 
-#include "vex_core/domain/settings_files.h"
+#include "vex_core/domain/settings_sources.h"
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
@@ -48,7 +48,7 @@ AgentSettings ReadAgentSettings(const Place& place, const std::string& variable)
     wxDisableAsserts(); // a file can trip one of the framework's, which would end the process
     // Who may have had a hand in a file depends on the user whose agent reads it.
     const bool isAgents = IsOfThisUser(place.workFolder);
-    VexCore::SettingsFiles files(isAgents ? SettingsFile::Place::WorkFolder : SettingsFile::Place::System);
+    VexCore::SettingsSources files(isAgents ? SettingsFile::Place::WorkFolder : SettingsFile::Place::System);
     std::vector<VexCore::SettingsSource> sources =
         files.Sources({domain["app.path.ini"], domain["app.path.ini.global"]});
     AgentSettings settings;

@@ -1,5 +1,5 @@
 #pragma once
-// What each subcommand is made of, for commands.cpp and the files of the subcommands. Single-threaded, like all of
+// What each subcommand is made of, for command_line.cpp and the files of the subcommands. Single-threaded, like all of
 // vexctl.
 
 #include "vex/apps/vexctl/options.h"

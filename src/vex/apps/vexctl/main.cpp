@@ -1,6 +1,6 @@
-// The process entry of vexctl; what it does is in commands.cpp.
+// The process entry of vexctl; what it does is in command_line.cpp.
 
-#include "vex/apps/vexctl/commands.h"
+#include "vex/apps/vexctl/command_line.h"
 
 int main(int argc, char** argv)
 {

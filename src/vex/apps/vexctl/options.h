@@ -1,6 +1,6 @@
 #pragma once
 // What subcommands take from the command line. The library behind it costs each source that includes it ten seconds of
-// the compiler, so options.cpp and commands.cpp alone do.
+// the compiler, so options.cpp and command_line.cpp alone do.
 
 #include <cstddef>
 #include <cstdint>

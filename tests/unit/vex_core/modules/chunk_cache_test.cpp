@@ -1,4 +1,4 @@
-#include "vex_core/modules/chunk_caches.h"
+#include "vex_core/modules/cache_registry.h"
 
 #include "support/call_watch.h"
 #include "support/child.h"
@@ -56,12 +56,12 @@ protected:
     ~CachedChunk() override
     {
         os::SetCallObserver(nullptr);
-        ChunkCaches::Process().ForgetUnused();
+        CacheRegistry::Process().ForgetUnused();
     }
     std::shared_ptr<ChunkCache> Fresh()
     {
-        ChunkCaches::Process().ForgetUnused();
-        return ChunkCaches::Process().Get(m_cacheFolder, cacheKey);
+        CacheRegistry::Process().ForgetUnused();
+        return CacheRegistry::Process().Get(m_cacheFolder, cacheKey);
     }
     ::Test::TempFolder m_folder;
     const std::string m_cacheFolder = m_folder / "cache";
@@ -83,7 +83,7 @@ TEST_F(CachedChunk, AChunkThatWaitsIsFoundAlready)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, "code");
     EXPECT_FALSE(std::filesystem::exists(m_cacheFolder));
-    EXPECT_TRUE(ChunkCaches::Process().Get(m_cacheFolder, cacheKey)->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    EXPECT_TRUE(CacheRegistry::Process().Get(m_cacheFolder, cacheKey)->Find("/x.vxe/a.lua", m_buffer, m_chunk));
     EXPECT_EQ(m_chunk, "code");
 }
 
@@ -108,10 +108,10 @@ TEST_F(CachedChunk, ManyChunksAreWrittenWithoutAFlush)
 TEST_F(CachedChunk, WhatHasWaitedTwoSecondsIsWrittenAtTheNextLookup)
 {
     Fresh()->Add("/x.vxe/a.lua", 6, "code");
-    ChunkCaches::Process().FlushOld();
+    CacheRegistry::Process().FlushOld();
     EXPECT_FALSE(std::filesystem::exists(m_cacheFolder));
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));
-    ChunkCaches::Process().FlushOld();
+    CacheRegistry::Process().FlushOld();
     EXPECT_EQ(Names(m_cacheFolder).size(), 1u);
 }
 
@@ -119,12 +119,12 @@ TEST_F(CachedChunk, WhatWaitsIsWrittenWhenTheProcessExits)
 {
     // A chunk is added in a child that ends by exit, as a host does that never closes its interpreter.
     const auto add = [this] {
-        ChunkCaches::Process().Get(m_cacheFolder, std::string(64, 'c'))->Add("/x.vxe/a.lua", 6, "code");
+        CacheRegistry::Process().Get(m_cacheFolder, std::string(64, 'c'))->Add("/x.vxe/a.lua", 6, "code");
         return 0;
     };
     ASSERT_TRUE(::Test::RunChild(add).Exited(0));
     EXPECT_TRUE(
-        ChunkCaches::Process().Get(m_cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+        CacheRegistry::Process().Get(m_cacheFolder, std::string(64, 'c'))->Find("/x.vxe/a.lua", m_buffer, m_chunk));
 }
 
 TEST_F(CachedChunk, WhatWaitsInAProcessIsNotWrittenByItsChild)
@@ -180,7 +180,7 @@ TEST_F(CachedChunk, ManyCachesKeepFewFilesOpen)
 {
     std::vector<std::shared_ptr<ChunkCache>> caches;
     for (int i = 0; i < 40; ++i) {
-        caches.push_back(ChunkCaches::Process().Get(m_cacheFolder, std::string(62, 'd') + std::to_string(10 + i)));
+        caches.push_back(CacheRegistry::Process().Get(m_cacheFolder, std::string(62, 'd') + std::to_string(10 + i)));
         caches.back()->Add("/x.vxe/a.lua", 6, "code");
         caches.back()->Flush();
     }
@@ -327,7 +327,7 @@ TEST_F(CachedChunk, AFolderBehindALinkOfAnotherUserIsNotUsedAndSaidOnce)
     const ::Test::LogCatcher log;
     for (const char* name : {"/x.vxe/a.lua", "/x.vxe/b.lua"}) {
         Fresh()->Add(name, 6, "code");
-        ChunkCaches::Process().Flush();
+        CacheRegistry::Process().Flush();
     }
     EXPECT_TRUE(std::filesystem::is_empty(m_folder / "victim"));
     EXPECT_EQ(
@@ -400,7 +400,7 @@ TEST_F(CachedChunk, ManyThreadsAndWritersDoNotHurtEachOther)
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([this, t] {
             const auto mine = std::make_shared<ChunkCache>(m_cacheFolder, cacheKey);
-            const auto shared = ChunkCaches::Process().Get(m_cacheFolder, cacheKey);
+            const auto shared = CacheRegistry::Process().Get(m_cacheFolder, cacheKey);
             for (int i = 0; i < 20; ++i) {
                 const std::string name = "/x.vxe/" + std::to_string(i) + ".lua";
                 for (const auto& cache : {mine, shared}) {

@@ -1,6 +1,6 @@
 #include "vex/core/dom.h"
 #include "vex_core/modules/archive_index.h"
-#include "vex_core/modules/chunk_caches.h"
+#include "vex_core/modules/cache_registry.h"
 #include "vex_core/os/call_observer.h"
 
 #include "support/call_watch.h"
@@ -135,7 +135,7 @@ protected:
     {
         m_dom->Release();
         ArchiveIndex::Process().ForgetUnused();
-        ChunkCaches::Process().ForgetUnused();
+        CacheRegistry::Process().ForgetUnused();
     }
 
     // Writes the archive the way an installation does, by renaming, and puts it last on the search path.
@@ -439,9 +439,9 @@ TEST_F(ModuleSearch, AnArchiveThatIsReplacedOftenHasOneCacheInTheProcess)
         Replace(path, Archive({{"a.lua", "return '" + text + "'"}, {"only" + text + ".lua", ""}}));
         EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), text);
         if (number == 0)
-            before = ChunkCaches::Process().Count();
+            before = CacheRegistry::Process().Count();
     }
-    EXPECT_EQ(ChunkCaches::Process().Count(), before);
+    EXPECT_EQ(CacheRegistry::Process().Count(), before);
 }
 
 TEST_F(ModuleSearch, AnArchiveOverwrittenInPlaceIsOpenedAnew)
@@ -657,7 +657,7 @@ TEST_F(ModuleSearch, EveryFailingAllocationOfLuaIsALuaError)
     };
     int failures = 0;
     for (long n = 0; n < 1000; ++n) {
-        ChunkCaches::Process().ForgetUnused();
+        CacheRegistry::Process().ForgetUnused();
         std::filesystem::remove_all(CacheFolder());
         s_budget = 1000000;
         lua_State* const state = lua_newstate(allocate, nullptr);
@@ -792,7 +792,7 @@ TEST_F(ModuleSearch, CompiledChunksAreWrittenWhenTheStateIsClosedAndUsedNextTime
     const ChunkCacheFormat::Item item{name, static_cast<std::uint32_t>(path.size()), chunk};
     ::Test::WriteFile(CacheFiles()[0], ChunkCacheFormat::Build(key, {item}));
     ASSERT_EQ(::chmod(CacheFiles()[0].c_str(), 0600), 0);
-    ChunkCaches::Process().ForgetUnused();
+    CacheRegistry::Process().ForgetUnused();
     EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "from the cache");
 }
 
@@ -850,7 +850,7 @@ TEST_F(ModuleSearch, TheSameArchiveAtTwoPathsHasOneCacheFileAndTwoChunkNames)
             m_dom->Set("app.lua.zippath", path);
             EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "@" + path + "/a.lua") << round;
         }
-        ChunkCaches::Process().ForgetUnused();
+        CacheRegistry::Process().ForgetUnused();
     }
     EXPECT_EQ(CacheFiles().size(), 1u);
 }
@@ -958,7 +958,7 @@ TEST_F(ModuleSearch, ACacheFolderThatIsAnotherUsersLinkOrAFileIsNotUsed)
     EXPECT_TRUE(FilesBelow(m_folder / "elsewhere").empty());
     std::filesystem::remove(CacheFolder());
     ::Test::WriteFile(CacheFolder(), "a file");
-    ChunkCaches::Process().ForgetUnused();
+    CacheRegistry::Process().ForgetUnused();
     EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "1");
 }
 
@@ -977,11 +977,11 @@ TEST_F(ModuleSearch, ACacheFolderOfAnotherUserIsNotUsed)
     ::Test::WriteFile(file, ChunkCacheFormat::Build(key, {item}));
 
     ASSERT_EQ(::chown(CacheFolder().c_str(), 12345, 12345), 0);
-    ChunkCaches::Process().ForgetUnused();
+    CacheRegistry::Process().ForgetUnused();
     EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "source");
     ASSERT_EQ(::chown(CacheFolder().c_str(), 0, 0), 0);
     ASSERT_EQ(::chown(file.c_str(), 12345, 12345), 0);
-    ChunkCaches::Process().ForgetUnused();
+    CacheRegistry::Process().ForgetUnused();
     EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "source");
 }
 
@@ -1007,7 +1007,7 @@ TEST_F(ModuleSearch, AnyDamageOfTheCacheFileCostsOnlyTime)
     damaged.push_back(std::string(good.size(), '\0'));
     for (const std::string& bad : damaged) {
         ::Test::WriteFile(file, bad);
-        ChunkCaches::Process().ForgetUnused();
+        CacheRegistry::Process().ForgetUnused();
         ASSERT_EQ(Lua(m_dom).Run(code), "right a3");
     }
     EXPECT_EQ(CacheFiles().size(), 1u);

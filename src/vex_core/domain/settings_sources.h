@@ -29,11 +29,11 @@ std::string DropInFolder(const std::string& global);
 /// An entry counts from the first of these that has it: the global file where its name begins with "!", the local file,
 /// the drop-ins (those with ".conf" at their end; the last by name first), the global file. The local file is looked at
 /// each time that it is asked, the others, which are the system's, at most once a second. Any thread.
-class SettingsFiles
+class SettingsSources
 {
 public:
     /// `now` is another than the system's clock in tests.
-    explicit SettingsFiles(
+    explicit SettingsSources(
         SettingsFile::Place local = SettingsFile::Place::WorkFolder,
         std::time_t (*now)() = [] { return std::time(nullptr); })
         : m_now(now), m_local(local)

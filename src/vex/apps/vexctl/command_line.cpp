@@ -1,4 +1,4 @@
-#include "vex/apps/vexctl/commands.h"
+#include "vex/apps/vexctl/command_line.h"
 
 #include "vex/apps/vex/version.h"
 #include "vex/apps/vexctl/os/surroundings.h"

@@ -1,7 +1,7 @@
 // Who decides when something is written: the loader asks at each search, and a step of the process's end sees to the
 // rest. Files are closed without the lock of the list, since a cache has its own.
 
-#include "vex_core/modules/chunk_caches.h"
+#include "vex_core/modules/cache_registry.h"
 
 #include "vex_core/base/end_steps.h"
 #include "vex_core/base/steady_ms.h"
@@ -14,17 +14,17 @@ namespace {
 constexpr std::int64_t writeAfterMs = 2000;
 constexpr std::size_t maxOpenFiles = 16;
 
-const EndStepOwner writeChunkCaches(EndStep::WriteChunkCaches, &ChunkCaches::FlushAtExit);
+const EndStepOwner writeChunkCaches(EndStep::WriteChunkCaches, &CacheRegistry::FlushAtExit);
 
 } // namespace
 
-ChunkCaches& ChunkCaches::Process()
+CacheRegistry& CacheRegistry::Process()
 {
-    static ChunkCaches* const s_instance = new ChunkCaches;
+    static CacheRegistry* const s_instance = new CacheRegistry;
     return *s_instance;
 }
 
-std::shared_ptr<ChunkCache> ChunkCaches::Get(const std::string& folder, const std::string& key)
+std::shared_ptr<ChunkCache> CacheRegistry::Get(const std::string& folder, const std::string& key)
 {
     const std::lock_guard lock(m_lock);
     std::shared_ptr<ChunkCache>& cache = m_caches[folder + "/" + key];
@@ -33,7 +33,7 @@ std::shared_ptr<ChunkCache> ChunkCaches::Get(const std::string& folder, const st
     return cache;
 }
 
-std::vector<std::shared_ptr<ChunkCache>> ChunkCaches::All()
+std::vector<std::shared_ptr<ChunkCache>> CacheRegistry::All()
 {
     const std::lock_guard lock(m_lock);
     std::vector<std::shared_ptr<ChunkCache>> all;
@@ -42,7 +42,7 @@ std::vector<std::shared_ptr<ChunkCache>> ChunkCaches::All()
     return all;
 }
 
-void ChunkCaches::Flush()
+void CacheRegistry::Flush()
 {
     if (m_waitingSinceMs.exchange(0) == 0)
         return;
@@ -50,14 +50,14 @@ void ChunkCaches::Flush()
         cache->Flush();
 }
 
-void ChunkCaches::FlushOld()
+void CacheRegistry::FlushOld()
 {
     const std::int64_t since = m_waitingSinceMs.load(std::memory_order_relaxed);
     if (since != 0 && SteadyMs() - since > writeAfterMs)
         Flush();
 }
 
-void ChunkCaches::ForgetUnused()
+void CacheRegistry::ForgetUnused()
 {
     const std::lock_guard lock(m_lock);
     for (auto item = m_caches.begin(); item != m_caches.end();) {
@@ -68,22 +68,22 @@ void ChunkCaches::ForgetUnused()
     }
 }
 
-std::size_t ChunkCaches::Count()
+std::size_t CacheRegistry::Count()
 {
     const std::lock_guard lock(m_lock);
     return m_caches.size();
 }
 
-void ChunkCaches::NoteWaiting()
+void CacheRegistry::NoteWaiting()
 {
     std::int64_t nothing = 0;
     m_waitingSinceMs.compare_exchange_strong(nothing, SteadyMs());
     m_waitingIn = os::ProcessId();
 }
 
-void ChunkCaches::FlushAtExit()
+void CacheRegistry::FlushAtExit()
 {
-    ChunkCaches& caches = Process();
+    CacheRegistry& caches = Process();
     if (os::ProcessId() != caches.m_waitingIn)
         return;
     try {
@@ -92,7 +92,7 @@ void ChunkCaches::FlushAtExit()
     }
 }
 
-void ChunkCaches::NoteOpened(const std::shared_ptr<ChunkCache>& cache)
+void CacheRegistry::NoteOpened(const std::shared_ptr<ChunkCache>& cache)
 {
     if (!cache)
         return;

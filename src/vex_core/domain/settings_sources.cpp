@@ -1,7 +1,7 @@
 // Each file is looked at on its own (settings_file.h); here is their order, and the folder of the drop-ins. The folder
 // is listed at each look, which tells of one that came or went.
 
-#include "vex_core/domain/settings_files.h"
+#include "vex_core/domain/settings_sources.h"
 
 #include "vex_core/base/ascii.h"
 #include "vex_core/os/error.h"
@@ -42,7 +42,7 @@ std::string DropInFolder(const std::string& global)
     return global.substr(0, global.size() - (hasSuffix ? fileSuffix.size() : 0)) + ".d";
 }
 
-bool SettingsFiles::Find(const SettingsPaths& paths, std::string_view name, std::string& value)
+bool SettingsSources::Find(const SettingsPaths& paths, std::string_view name, std::string& value)
 {
     const std::lock_guard lock(m_lock);
     Look(paths);
@@ -53,7 +53,7 @@ bool SettingsFiles::Find(const SettingsPaths& paths, std::string_view name, std:
     return true;
 }
 
-std::vector<std::string> SettingsFiles::NamesThatBegin(const SettingsPaths& paths, std::string_view start)
+std::vector<std::string> SettingsSources::NamesThatBegin(const SettingsPaths& paths, std::string_view start)
 {
     const std::lock_guard lock(m_lock);
     Look(paths);
@@ -66,14 +66,14 @@ std::vector<std::string> SettingsFiles::NamesThatBegin(const SettingsPaths& path
     return names;
 }
 
-std::uint64_t SettingsFiles::Generation(const SettingsPaths& paths)
+std::uint64_t SettingsSources::Generation(const SettingsPaths& paths)
 {
     const std::lock_guard lock(m_lock);
     Look(paths);
     return m_generation;
 }
 
-std::vector<SettingsSource> SettingsFiles::Sources(const SettingsPaths& paths)
+std::vector<SettingsSource> SettingsSources::Sources(const SettingsPaths& paths)
 {
     const std::lock_guard lock(m_lock);
     Look(paths);
@@ -91,7 +91,7 @@ std::vector<SettingsSource> SettingsFiles::Sources(const SettingsPaths& paths)
     return sources;
 }
 
-void SettingsFiles::Look(const SettingsPaths& paths)
+void SettingsSources::Look(const SettingsPaths& paths)
 {
     bool changed = m_local.Look(paths.local);
     const std::time_t now = m_now();
@@ -106,7 +106,7 @@ void SettingsFiles::Look(const SettingsPaths& paths)
 }
 
 // Whether any of them came, changed or went.
-bool SettingsFiles::LookAtDropIns(const std::string& global)
+bool SettingsSources::LookAtDropIns(const std::string& global)
 {
     const std::vector<std::string> paths = ListDropIns(global, m_folderRefused);
     bool changed = paths.size() != m_dropIns.size();
@@ -122,7 +122,7 @@ bool SettingsFiles::LookAtDropIns(const std::string& global)
     return changed;
 }
 
-void SettingsFiles::Merge()
+void SettingsSources::Merge()
 {
     SettingsEntries entries = m_global.Contents().lockedSettings; // the first to have a name keeps it
     const auto add = [&entries](const SettingsFile& file) {

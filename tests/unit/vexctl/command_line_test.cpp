@@ -1,5 +1,5 @@
 #include "vex/apps/vexctl/agent_state.h"
-#include "vex/apps/vexctl/commands.h"
+#include "vex/apps/vexctl/command_line.h"
 #include "vex/apps/vexctl/os/processes.h"
 #include "vex/apps/vexctl/os/watch.h"
 

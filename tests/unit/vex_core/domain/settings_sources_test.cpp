@@ -1,4 +1,4 @@
-#include "vex_core/domain/settings_files.h"
+#include "vex_core/domain/settings_sources.h"
 
 #include "support/dom_ptr.h"
 #include "support/joining_thread.h"
@@ -28,9 +28,9 @@ using Test::TempFolder;
 using Test::WriteFile;
 using VexCore::DropInFolder;
 using VexCore::SettingsFile;
-using VexCore::SettingsFiles;
 using VexCore::SettingsPaths;
 using VexCore::SettingsSource;
+using VexCore::SettingsSources;
 
 namespace {
 std::time_t g_now = 1000;
@@ -62,7 +62,7 @@ protected:
 
     const TempFolder m_folder;
     const SettingsPaths m_paths{m_folder / "x.ini", m_folder / "x.conf"};
-    SettingsFiles m_files{SettingsFile::Place::WorkFolder, NowOfTest};
+    SettingsSources m_files{SettingsFile::Place::WorkFolder, NowOfTest};
 };
 
 } // namespace

@@ -17,11 +17,11 @@
 namespace VexCore {
 
 /// Any thread.
-class ChunkCaches
+class CacheRegistry
 {
 public:
     /// Never destroyed: the exit handler and late interpreters use it.
-    static ChunkCaches& Process();
+    static CacheRegistry& Process();
 
     /// The cache of that key in `folder` ("…/cache"), one object in a process.
     std::shared_ptr<ChunkCache> Get(const std::string& folder, const std::string& key);
