@@ -113,13 +113,13 @@ end
 
 function M.TestCalls:test_of_many_numbers_that_are_none_the_first_ten_are_named_and_the_others_counted_once()
   local list = {}
-  for index = 1, 10000 do list[index] = 0 / 0 end
+  for index = 1, 100 do list[index] = 0 / 0 end
   local entry = { id = "x", plugin = { collect = function() return { list = list } end } }
-  for _ = 1, 2 do lu.assertEquals(#plugins.collect(entry, dom0).list, 10000) end
+  for _ = 1, 2 do lu.assertEquals(#plugins.collect(entry, dom0).list, 100) end
   lu.assertEquals(#dom0.lines, 11)
   lu.assertEquals(dom0.lines[10], "warning: Plugin 'x': the value 'list[10]' is no finite number, null is kept")
   lu.assertEquals(dom0.lines[11],
-    "warning: Plugin 'x': 9990 more values are no finite numbers, null is kept; further ones are not told")
+    "warning: Plugin 'x': 90 more values are no finite numbers, null is kept; further ones are not told")
 end
 
 function M.TestCalls:test_an_empty_list_stays_a_list()
