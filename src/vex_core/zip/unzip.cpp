@@ -8,6 +8,7 @@
 #include "vex_core/os/descriptor_path.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
+#include "vex_core/zip/unzip_check.h"
 #include "vex_core/zip/unzip_writer.h"
 #include "vex_core/zip/zip_names.h"
 
@@ -41,12 +42,9 @@ ZipLimits LimitsFromSettings()
 std::shared_ptr<const ZipArchive> OpenChecked(const std::string& path)
 {
     std::string error;
-    auto archive = ZipArchive::Open(path, LimitsFromSettings(), error);
+    auto archive = OpenToUnzip(path, LimitsFromSettings(), error);
     if (!archive)
         throw UnzipFailure(error);
-    for (const ZipEntry& entry : archive->Entries())
-        if (IsReservedForUnzip(entry.name))
-            throw UnzipFailure("entry \"" + EscapeForLog(entry.name) + "\": its name is kept for temporary files");
     return archive;
 }
 

@@ -1,5 +1,5 @@
-// Runs when an archive is opened, before anything in it is used. The first rule that is broken refuses the archive as a
-// whole (zip_refused.h); what cannot be seen in the directory alone is left to zip_tiling.h.
+// Runs when an archive is opened, before anything in it is used. A rule that is broken refuses the archive as a whole
+// (zip_refused.h); what cannot be seen in the directory alone is left to zip_tiling.h.
 
 #include "vex_core/zip/zip_directory.h"
 
@@ -131,7 +131,7 @@ Record RecordAt(Window& window, std::uint64_t at, std::uint64_t end)
 
 } // namespace
 
-Directory ReadDirectory(Window& window, const DirectoryPlace& place, const ZipLimits& limits)
+Directory ReadDirectory(Window& window, const DirectoryPlace& place, const ZipLimits& limits, Reasons* reasons)
 {
     if (place.count > limits.maxEntries)
         throw Refused("it has more than " + std::to_string(limits.maxEntries) + " entries");
@@ -146,11 +146,13 @@ Directory ReadDirectory(Window& window, const DirectoryPlace& place, const ZipLi
         const Record record = RecordAt(window, at, place.end);
         hash.Add(record.bytes, record.length);
         at += record.length;
-        ZipEntry entry = ParseRecord(record.bytes, record.nameSize, record.extraSize);
-        if (entry.size > left)
-            RefuseEntry(entry.name, "with it the entries are over " + std::to_string(limits.maxBytes) + " bytes");
-        left -= entry.size;
-        directory.entries.push_back(std::move(entry));
+        Apply(reasons, [&] {
+            ZipEntry entry = ParseRecord(record.bytes, record.nameSize, record.extraSize);
+            if (entry.size > left)
+                RefuseEntry(entry.name, "with it the entries are over " + std::to_string(limits.maxBytes) + " bytes");
+            left -= entry.size;
+            directory.entries.push_back(std::move(entry));
+        });
     }
     if (at != place.end)
         throw Refused("the count of its entries is wrong");
@@ -158,7 +160,7 @@ Directory ReadDirectory(Window& window, const DirectoryPlace& place, const ZipLi
     return directory;
 }
 
-std::vector<std::uint32_t> OrderByName(const std::vector<ZipEntry>& entries)
+std::vector<std::uint32_t> OrderByName(const std::vector<ZipEntry>& entries, Reasons* reasons)
 {
     std::vector<std::uint32_t> order(entries.size());
     std::iota(order.begin(), order.end(), 0);
@@ -171,10 +173,12 @@ std::vector<std::uint32_t> OrderByName(const std::vector<ZipEntry>& entries)
         // What lies below a path follows it directly, so neighbours are all that can collide.
         const ZipEntry& previous = entries[order[i - 1]];
         const ZipEntry& entry = entries[order[i]];
-        if (PathOf(previous.name) == PathOf(entry.name))
-            RefuseEntry(entry.name, "it is there twice");
-        if (!previous.isFolder && LiesBelow(entry.name, previous.name))
-            RefuseEntry(previous.name, "it is a file and the folder of another entry");
+        Apply(reasons, [&] {
+            if (PathOf(previous.name) == PathOf(entry.name))
+                RefuseEntry(entry.name, "it is there twice");
+            if (!previous.isFolder && LiesBelow(entry.name, previous.name))
+                RefuseEntry(previous.name, "it is a file and the folder of another entry");
+        });
     }
     return order;
 }

@@ -3,6 +3,7 @@
 
 #include "vex_core/zip/zip_end_record.h"
 #include "vex_core/zip/zip_reader.h"
+#include "vex_core/zip/zip_refused.h"
 
 #include <cstdint>
 #include <string>
@@ -16,10 +17,11 @@ struct Directory
     std::string sha256; ///< of all records' bytes, in lower-case hex
 };
 
-/// Throws Refused.
-Directory ReadDirectory(Window& window, const DirectoryPlace& place, const ZipLimits& limits);
+/// Throws Refused. With `reasons`, records that break a rule are told there and left out.
+Directory ReadDirectory(Window& window, const DirectoryPlace& place, const ZipLimits& limits, Reasons* reasons);
 
-/// The indexes of the entries in the order of ComparePaths. Throws Refused where two of them cannot both be unpacked.
-std::vector<std::uint32_t> OrderByName(const std::vector<ZipEntry>& entries);
+/// The indexes of the entries in the order of ComparePaths. Throws Refused where two of them cannot both be unpacked,
+/// or tells each that cannot.
+std::vector<std::uint32_t> OrderByName(const std::vector<ZipEntry>& entries, Reasons* reasons);
 
 } // namespace VexCore::Zip

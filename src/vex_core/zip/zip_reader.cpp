@@ -14,36 +14,54 @@
 
 namespace VexCore {
 
-std::shared_ptr<const ZipArchive> ZipArchive::Open(const std::string& path, const ZipLimits& limits, std::string& error)
-try {
+std::shared_ptr<const ZipArchive> ZipArchive::OpenChecked(const std::string& path, const ZipLimits& limits,
+                                                          std::vector<std::string>* reasons)
+{
     std::shared_ptr<ZipArchive> archive(new ZipArchive);
     archive->m_path = path;
     // O_NONBLOCK: a FIFO in the place of an archive must not hold us.
     archive->m_file = os::Descriptor(os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
     struct stat status;
-    if (!archive->m_file || os::FStat(archive->m_file.Get(), status) != 0) {
-        error = "cannot be opened: " + os::ErrorText(os::LastError());
-        return nullptr;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        error = "is no regular file";
-        return nullptr;
-    }
+    if (!archive->m_file || os::FStat(archive->m_file.Get(), status) != 0)
+        throw Zip::Refused("cannot be opened: " + os::ErrorText(os::LastError()));
+    if (!S_ISREG(status.st_mode))
+        throw Zip::Refused("is no regular file");
     archive->m_identity = os::IdentityOf(status);
     Zip::Window window(archive->m_file.Get(), static_cast<std::uint64_t>(status.st_size));
     const Zip::DirectoryPlace place = Zip::FindDirectory(window);
-    Zip::Directory directory = Zip::ReadDirectory(window, place, limits);
-    archive->m_byName = Zip::OrderByName(directory.entries);
-    Zip::CheckTiling(window, place, directory.entries);
+    Zip::Directory directory = Zip::ReadDirectory(window, place, limits, reasons);
+    const auto isRefused = [reasons] { return reasons && !reasons->empty(); };
+    archive->m_byName = Zip::OrderByName(directory.entries, reasons);
+    // What is left out above would be a gap here.
+    if (isRefused())
+        return nullptr;
+    Zip::CheckTiling(window, place, directory.entries, reasons);
+    if (isRefused())
+        return nullptr;
     archive->m_entries = std::move(directory.entries);
     archive->m_directorySha256 = std::move(directory.sha256);
-    error.clear();
     return archive;
+}
+
+std::shared_ptr<const ZipArchive> ZipArchive::Open(const std::string& path, const ZipLimits& limits, std::string& error)
+try {
+    error.clear();
+    return OpenChecked(path, limits, nullptr);
 } catch (const Zip::Refused& refused) {
     error = refused.what();
     return nullptr;
 } catch (const std::bad_alloc&) {
     error = "there is not enough memory to open it";
+    return nullptr;
+}
+
+std::shared_ptr<const ZipArchive> ZipArchive::Open(const std::string& path, const ZipLimits& limits,
+                                                   std::vector<std::string>& reasons)
+try {
+    reasons.clear();
+    return OpenChecked(path, limits, &reasons);
+} catch (const Zip::Refused& refused) {
+    reasons.push_back(refused.what());
     return nullptr;
 }
 

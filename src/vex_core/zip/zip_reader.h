@@ -43,6 +43,9 @@ public:
     /// is no regular file (a FIFO does not block), cannot be read, or breaks any rule; `error` then has one line that
     /// tells the reason and, escaped, the entry, but not the archive.
     static std::shared_ptr<const ZipArchive> Open(const std::string& path, const ZipLimits& limits, std::string& error);
+    /// The same for who wants to know every rule that is broken, as far as one does not hide another: a line each.
+    static std::shared_ptr<const ZipArchive> Open(const std::string& path, const ZipLimits& limits,
+                                                  std::vector<std::string>& reasons);
 
     const std::string& Path() const { return m_path; }
     const os::FileIdentity& Identity() const { return m_identity; }
@@ -64,6 +67,10 @@ public:
 
 private:
     ZipArchive() = default;
+    // Null where it is refused: for the one reason that is thrown, or for all that are told.
+    static std::shared_ptr<const ZipArchive> OpenChecked(const std::string& path, const ZipLimits& limits,
+                                                         std::vector<std::string>* reasons);
+
     std::string m_path;
     os::Descriptor m_file;
     os::FileIdentity m_identity;

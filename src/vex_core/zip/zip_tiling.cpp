@@ -91,7 +91,7 @@ void CheckEntry(Window& window, ZipEntry& entry, std::uint64_t next)
 
 } // namespace
 
-void CheckTiling(Window& window, const DirectoryPlace& directory, std::vector<ZipEntry>& entries)
+void CheckTiling(Window& window, const DirectoryPlace& directory, std::vector<ZipEntry>& entries, Reasons* reasons)
 {
     std::vector<std::uint32_t> order(entries.size());
     std::iota(order.begin(), order.end(), 0);
@@ -105,15 +105,20 @@ void CheckTiling(Window& window, const DirectoryPlace& directory, std::vector<Zi
     for (std::size_t i = 0; i < order.size(); ++i) {
         ZipEntry& entry = entries[order[i]];
         const std::uint64_t next = i + 1 < order.size() ? entries[order[i + 1]].headerOffset : directory.offset;
-        if (entry.headerOffset != at)
-            RefuseEntry(entry.name, entry.headerOffset < at ? "it overlaps another entry" : "there is a gap before it");
-        if (next > directory.offset || next < at)
-            RefuseEntry(entry.name, "it does not lie before the directory");
-        CheckEntry(window, entry, next);
+        Apply(reasons, [&] {
+            if (entry.headerOffset != at)
+                RefuseEntry(entry.name,
+                            entry.headerOffset < at ? "it overlaps another entry" : "there is a gap before it");
+            if (next > directory.offset || next < at)
+                RefuseEntry(entry.name, "it does not lie before the directory");
+            CheckEntry(window, entry, next);
+        });
         at = next;
     }
-    if (at != directory.offset)
-        throw Refused("there are bytes before its directory");
+    Apply(reasons, [&] {
+        if (at != directory.offset)
+            throw Refused("there are bytes before its directory");
+    });
 }
 
 } // namespace VexCore::Zip

@@ -3,6 +3,7 @@
 
 #include "vex_core/zip/zip_end_record.h"
 #include "vex_core/zip/zip_reader.h"
+#include "vex_core/zip/zip_refused.h"
 
 #include <vector>
 
@@ -10,7 +11,7 @@ namespace VexCore::Zip {
 
 /// Compares the local header of each entry, and the descriptor behind its data where there is one, with the directory,
 /// sees that these follow each other without overlap or gap from the first byte of the file to the directory, and notes
-/// where each entry's data begin. Throws Refused.
-void CheckTiling(Window& window, const DirectoryPlace& directory, std::vector<ZipEntry>& entries);
+/// where each entry's data begin. Throws Refused, or tells each entry for which that does not hold.
+void CheckTiling(Window& window, const DirectoryPlace& directory, std::vector<ZipEntry>& entries, Reasons* reasons);
 
 } // namespace VexCore::Zip

@@ -1,6 +1,8 @@
 #pragma once
 // What the file name of a package tells: prefix-plugin-platform-version-build.machine.
-// For plugins.cpp and its test alone.
+// For plugins.cpp, vexctl and the tests.
+
+#include "vex/apps/vex/version.h"
 
 #include <wx/filename.h>
 #include <wx/string.h>
@@ -18,8 +20,9 @@ static wxString getPluginName(const wxFileName& file)
 }
 
 // Finds the version field of a base name by peeling fields from its right: the machine behind the last dot, the build
-// behind the last dash, then the version. False when there are not enough fields to carry a version.
-static bool FindVersionField(const wxString& baseName, wxString& version)
+// behind the last dash, then the version. False when there are not enough fields to carry a version. The build is for
+// who asks.
+static bool FindVersionField(const wxString& baseName, wxString& version, wxString* buildField = nullptr)
 {
     const std::size_t machine = baseName.rfind('.');
     if (machine == wxString::npos)
@@ -33,5 +36,17 @@ static bool FindVersionField(const wxString& baseName, wxString& version)
     if (field == wxString::npos || field + 1 == withVersion.length())
         return false;
     version = withVersion.substr(field + 1);
+    if (buildField)
+        *buildField = withBuild.substr(build + 1);
     return true;
+}
+
+// Whether a package of this base name is for this version. A name that carries no version is taken, on purpose; the
+// build is not compared.
+inline bool PackageVersionFits(const wxString& baseName)
+{
+    wxString version;
+    if (!FindVersionField(baseName, version))
+        return true;
+    return version == wxString::Format("%d.%d.%d", VEX_VERSION_MAJOR, VEX_VERSION_MINOR, VEX_VERSION_PATCH);
 }

@@ -123,11 +123,7 @@ bool Uninstall(CAgentApp& app, const wxFileName& folder, const wxFileName& file,
 
 bool CAgentApp::CheckVXPVersion(const wxFileName& file)
 {
-    wxString version;
-    // A name that carries no version is taken, on purpose.
-    if (!FindVersionField(file.GetName(), version))
-        return true;
-    return version == wxString::Format("%d.%d.%d", VEX_VERSION_MAJOR, VEX_VERSION_MINOR, VEX_VERSION_PATCH);
+    return PackageVersionFits(file.GetName());
 }
 
 void CAgentApp::InstallNewPlugins()

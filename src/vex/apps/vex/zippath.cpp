@@ -1,10 +1,10 @@
 // The list of Lua archives: core archives, those that the command line names, and the extensions whose version file
-// fits. Script thread, once, before the interpreter exists. What a version file says is read in version_file.cpp; how
-// the archives are searched is the core library's.
+// fits. Script thread, once, before the interpreter exists. Whether an extension fits is said in extension_rules.cpp;
+// how the archives are searched is the core library's.
 
 #include "vex/apps/vex/vex.h"
 
-#include "vex/apps/vex/version_file.h"
+#include "vex/apps/vex/extension_rules.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/dom.h"
@@ -17,7 +17,6 @@
 #include <wx/filefn.h>
 #include <wx/log.h>
 #include <wx/strconv.h>
-#include <wx/wfstream.h>
 
 namespace {
 void AppendPath(wxString& list, const wxString& path)
@@ -27,14 +26,12 @@ void AppendPath(wxString& list, const wxString& path)
     list += path;
 }
 
-// Whether the path fits into the list; where it does not, it would be taken for two others.
 bool FitsIntoList(const wxString& path)
 {
-    if (path.find(';') == wxString::npos)
-        return true;
-    wxLogWarning("Extensions in '%s' are not enabled: a name with \";\" cannot be told to Lua. Give it another name.",
-                 path);
-    return false;
+    const wxString why = WhyPathIsRefused(path);
+    if (!why.empty())
+        wxLogWarning("%s", why);
+    return why.empty();
 }
 
 // The list as its reader takes it: what stands for a byte of a file name that is no text is that byte again.
@@ -115,33 +112,10 @@ void Tokenize(std::vector<wxString>& list, const wxString& text, const wxString&
 
 bool CAgentApp::ExtensionVersionIsOK(const wxString& archive)
 {
-    const wxString file = archive + ".version";
-    if (!wxFileExists(file)) {
-        wxLogWarning("Extension file '%s' does not have a corresponding '.version' file. It will not be enabled.",
-                     archive);
-        return false;
-    }
-    wxFFileInputStream stream(file, "rb");
-    const FileVersion version = stream.IsOk() ? ReadVersionFile(stream) : FileVersion();
-    if (version.line == FileVersion::LineKind::Missing) {
-        wxLogWarning("File '%s' does not contain a 'version:' line. Extension '%s' will not be enabled.", file,
-                     archive);
-        return false;
-    }
-    // The wording differs from the one above on purpose.
-    if (version.line == FileVersion::LineKind::Malformed) {
-        wxLogWarning(
-            "File '%s' did not contain a properly formatted 'version:' line. Extension '%s' will not be enabled.", file,
-            archive);
-        return false;
-    }
-    // The build, the fourth number, must be there and is not compared, on purpose.
-    const int* const numbers = version.numbers;
-    if (numbers[0] == VEX_VERSION_MAJOR && numbers[1] == VEX_VERSION_MINOR && numbers[2] == VEX_VERSION_PATCH)
-        return true;
-    wxLogWarning("Ignoring extension '%s' since its version (%d.%d.%d) doesn't match ours (%d.%d.%d)", archive,
-                 numbers[0], numbers[1], numbers[2], VEX_VERSION_MAJOR, VEX_VERSION_MINOR, VEX_VERSION_PATCH);
-    return false;
+    const wxString why = WhyVersionIsRefused(archive);
+    if (!why.empty())
+        wxLogWarning("%s", why);
+    return why.empty();
 }
 
 namespace {

@@ -72,6 +72,36 @@ protected:
 
 } // namespace
 
+TEST_F(ZipReader, WhoAsksIsToldEveryRuleThatIsBroken)
+{
+    const auto reasonsOf = [this](const ZipBuilder& builder) {
+        WriteFile(m_file, builder.Build());
+        std::vector<std::string> reasons;
+        EXPECT_EQ(ZipArchive::Open(m_file, ZipLimits(), reasons), nullptr);
+        return reasons;
+    };
+    using Reasons = std::vector<std::string>;
+    ZipBuilder directory;
+    directory.Add("/a", "x");
+    directory.Add("twice", "x");
+    directory.Add("twice", "x");
+    directory.Add("file", "x");
+    directory.Add("file/below", "x");
+    EXPECT_EQ(reasonsOf(directory), (Reasons{"entry \"/a\": its name is absolute",
+                                             "entry \"file\": it is a file and the folder of another entry",
+                                             "entry \"twice\": it is there twice"}));
+    ZipBuilder headers;
+    headers.Add("a", "x").local.method = 0;
+    headers.Add("b", "x");
+    headers.Add("c", "x").local.name = "d";
+    EXPECT_EQ(reasonsOf(headers), (Reasons{"entry \"a\": its method in the local header differs",
+                                           "entry \"c\": its name in the local header differs"}));
+    EXPECT_TRUE(Open(PlainPackage()));
+    std::vector<std::string> reasons = {"of an earlier call"};
+    EXPECT_TRUE(ZipArchive::Open(m_file, ZipLimits(), reasons));
+    EXPECT_TRUE(reasons.empty());
+}
+
 TEST_F(ZipReader, PlainPackageIsListedInItsOrderAndReadWhole)
 {
     const auto archive = Open(PlainPackage());
