@@ -33,6 +33,11 @@ constexpr bool IsSameInAnyCase(std::string_view a, std::string_view b)
     return true;
 }
 
+constexpr bool IsDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
 constexpr bool StartsWith(std::string_view text, std::string_view start)
 {
     return text.substr(0, start.size()) == start;

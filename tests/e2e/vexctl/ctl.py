@@ -4,6 +4,7 @@ import os
 import sqlite3
 import subprocess
 import time
+import zipfile
 
 import jsonschema
 import pytest
@@ -52,6 +53,13 @@ def with_events(tree, rows):
     database.commit()
     database.close()
     return path
+
+
+def with_zip(path, files):
+    """An archive of others' making."""
+    with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED) as archive:
+        for name, content in files.items():
+            archive.writestr(name, content)
 
 
 def state_of(folder):

@@ -62,5 +62,7 @@ Body AddHeartbeats(Options& options);
 Body AddCrashes(Options& options);
 Body AddConfig(Options& options);
 Body AddCheckConfig(Options& options);
+Body AddPlugins(Options& options);
+Body AddCheck(Options& options);
 
 } // namespace Vexctl

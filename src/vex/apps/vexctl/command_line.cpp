@@ -22,6 +22,8 @@ const std::vector<Command>& Commands()
         {"crashes", "Watching", "Crash dumps: what crashed where, and how to open one", AddCrashes},
         {"config", "Settings", "The settings in force and where each comes from", AddConfig},
         {"check-config", "Settings", "What is wrong in the files of settings", AddCheckConfig},
+        {"plugins", "Packages", "Packages, markers and extensions, and files that were changed since", AddPlugins},
+        {"check", "Packages", "What the next start would do with a package, and every reason why not", AddCheck},
     };
     return s_commands;
 }

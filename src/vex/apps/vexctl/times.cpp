@@ -1,5 +1,7 @@
 #include "vex/apps/vexctl/times.h"
 
+#include "vex_core/base/ascii.h"
+
 #include <cstdio>
 #include <ctime>
 #include <limits>
@@ -12,10 +14,7 @@ constexpr std::int64_t minuteMs = 60 * secondMs;
 constexpr std::int64_t hourMs = 60 * minuteMs;
 constexpr std::int64_t dayMs = 24 * hourMs;
 
-bool IsDigit(char c)
-{
-    return c >= '0' && c <= '9';
-}
+using VexCore::IsDigit;
 
 std::int64_t UnitMs(char unit)
 {
