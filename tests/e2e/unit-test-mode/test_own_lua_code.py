@@ -65,7 +65,7 @@ def test_the_guides_commands_run_as_they_stand(tree):
 def test_the_guides_package_installs(tree, tmp_path):
     commands = re.findall(r"<!-- packs -->\n```sh\n(.*?)```", guide(), re.S)
     assert len(commands) == 1
-    script = commands[0].replace("/tmp/", shlex.quote(tree.path) + "/")
+    script = commands[0].replace("/tmp/", shlex.quote(tree.path) + "/").replace("build/stage/", shlex.quote(tree.path) + "/")
     subprocess.run(["sh", "-e", "-c", script], cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
     result = tree.run("--install_plugins", "--plugins", "spool", "--domain_var", f"spool.Folder={tmp_path}")
     assert (result.status, result.err) == (0, "")

@@ -64,5 +64,6 @@ Body AddConfig(Options& options);
 Body AddCheckConfig(Options& options);
 Body AddPlugins(Options& options);
 Body AddCheck(Options& options);
+Body AddPack(Options& options);
 
 } // namespace Vexctl

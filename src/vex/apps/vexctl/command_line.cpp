@@ -24,6 +24,7 @@ const std::vector<Command>& Commands()
         {"check-config", "Settings", "What is wrong in the files of settings", AddCheckConfig},
         {"plugins", "Packages", "Packages, markers and extensions, and files that were changed since", AddPlugins},
         {"check", "Packages", "What the next start would do with a package, and every reason why not", AddCheck},
+        {"pack", "Packages", "Make a package, an uninstall marker or an extension of a folder", AddPack},
     };
     return s_commands;
 }

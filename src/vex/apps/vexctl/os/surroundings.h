@@ -16,4 +16,7 @@ std::size_t TerminalColumns(int descriptor);
 /// The folder in which the executable lies, links resolved; empty when the system does not tell.
 std::string ExecutableFolder();
 
+/// The path without links, "." and ".."; empty, with the last error, when there is nothing.
+std::string RealPath(const std::string& path);
+
 } // namespace Vexctl::os

@@ -4,6 +4,8 @@
 #include "vex_core/os/signals.h"
 
 #include <csignal>
+#include <cstdlib>
+#include <memory>
 
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -25,6 +27,12 @@ std::size_t TerminalColumns(int descriptor)
     struct winsize size = {};
     constexpr std::size_t usual = 80;
     return ::ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : usual;
+}
+
+std::string RealPath(const std::string& path)
+{
+    const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
+    return real ? std::string(real.get()) : std::string();
 }
 
 } // namespace Vexctl::os
