@@ -65,5 +65,8 @@ Body AddCheckConfig(Options& options);
 Body AddPlugins(Options& options);
 Body AddCheck(Options& options);
 Body AddPack(Options& options);
+Body AddInstall(Options& options);
+Body AddRemove(Options& options);
+Body AddRollback(Options& options);
 
 } // namespace Vexctl

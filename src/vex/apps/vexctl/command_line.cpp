@@ -25,6 +25,9 @@ const std::vector<Command>& Commands()
         {"plugins", "Packages", "Packages, markers and extensions, and files that were changed since", AddPlugins},
         {"check", "Packages", "What the next start would do with a package, and every reason why not", AddCheck},
         {"pack", "Packages", "Make a package, an uninstall marker or an extension of a folder", AddPack},
+        {"install", "Packages", "Put a package beside the executable, for the next start", AddInstall},
+        {"remove", "Packages", "Have the next start delete a plugin's files", AddRemove},
+        {"rollback", "Packages", "Have the next start install the version of a plugin before this one", AddRollback},
     };
     return s_commands;
 }

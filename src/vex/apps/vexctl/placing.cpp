@@ -1,0 +1,109 @@
+#include "vex/apps/vexctl/placing.h"
+
+#include "vex/apps/vexctl/service.h"
+#include "vex/apps/vexctl/shown_text.h"
+
+#include "vex_core/os/files.h"
+
+#include <algorithm>
+#include <set>
+
+namespace Vexctl {
+
+void AddNow(Options& options, bool& now)
+{
+    options.Flag("--now", now, "Have the service manager restart the agent's service, so that it takes effect at once");
+}
+
+int TellRefused(Session& session, const std::string& path, const std::vector<std::string>& reasons)
+{
+    for (const std::string& reason : reasons)
+        session.Note(path + ": " + reason);
+    session.Note("the agent would refuse it: nothing was placed");
+    return statusDidNotHold;
+}
+
+int PlaceCopy(Session& session, const std::string& path, const std::string& name)
+{
+    NewFile copy(session.place.binFolder, name);
+    CopyInto(copy, path);
+    copy.Close();
+    const Verdict verdict = CheckPackage(copy.TemporaryPath(), name);
+    if (!verdict.unread.empty())
+        throw Failure(copy.TemporaryPath() + ": " + verdict.unread);
+    if (!verdict.reasons.empty())
+        return TellRefused(session, path, verdict.reasons);
+    copy.Place();
+    session.out.Write("placed " + Shown(copy.Path()) + ": " + Shown(verdict.Summary()) + "\n");
+    return statusDone;
+}
+
+int PlaceMarker(Session& session, const std::string& name, const std::vector<std::string>& files)
+{
+    NewFile marker(session.place.binFolder, name);
+    std::vector<PackedFile> entries;
+    for (const std::string& file : files) {
+        // Unzip ends there, and the marker would be tried again at each start.
+        struct stat status = {};
+        const std::string path = session.place.binFolder + "/" + file;
+        if (VexCore::os::LStat(path.c_str(), status) == 0 && !S_ISREG(status.st_mode))
+            return TellRefused(session, path, {"it is no regular file any more; take it away by hand"});
+        entries.push_back({file, std::string(), 0644});
+    }
+    WriteArchive(marker, entries);
+    if (const std::vector<std::string> reasons = WhyRefused(marker.TemporaryPath()); !reasons.empty())
+        return TellRefused(session, marker.Path(), reasons);
+    marker.Place();
+    session.out.Write("placed " + Shown(marker.Path()) + ": would delete " + Counted(files.size(), "file") + "\n");
+    return statusDone;
+}
+
+std::vector<const InstalledPackage*> PackagesOf(const std::vector<InstalledPackage>& installed,
+                                                const std::string& plugin)
+{
+    std::vector<const InstalledPackage*> packages;
+    for (const InstalledPackage& package : installed)
+        if (package.name.plugin == plugin) {
+            if (!package.problem.empty())
+                throw Failure(package.path + ": " + package.problem);
+            packages.push_back(&package);
+        }
+    return packages;
+}
+
+std::vector<std::string> FilesOnlyOf(const std::vector<const InstalledPackage*>& packages,
+                                     const std::vector<InstalledPackage>& installed)
+{
+    std::set<std::string> others;
+    for (const InstalledPackage& package : installed)
+        if (std::find(packages.begin(), packages.end(), &package) == packages.end()
+            && package.name.plugin != packages.front()->name.plugin
+            && package.state != InstalledPackage::State::Removed)
+            for (const InstalledFile& file : package.files)
+                others.insert(file.name);
+    std::set<std::string> names;
+    for (const InstalledPackage* const package : packages)
+        for (const InstalledFile& file : package->files)
+            if (file.state != InstalledFile::State::Missing && others.count(file.name) == 0)
+                names.insert(file.name);
+    return {names.begin(), names.end()};
+}
+
+int FinishPlacing(Session& session, bool now)
+{
+    if (!now) {
+        session.out.Write("the next start with --install_plugins takes it\n");
+        return statusDone;
+    }
+    session.out.Flush();
+    std::string told;
+    const bool restarted = RestartService(session.place.name, told);
+    if (!restarted) {
+        session.Note("it takes effect with the next start; not restarted: " + told);
+        return statusDidNotHold;
+    }
+    session.out.Write("restarted " + Shown(told) + "\n");
+    return statusDone;
+}
+
+} // namespace Vexctl

@@ -1,0 +1,82 @@
+// vexctl rollback: has the next start install the version of a plugin before the one that is installed, out of the
+// package that was kept, and delete what only the later version has brought.
+
+#include "vex/apps/vexctl/placing.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace Vexctl {
+
+namespace {
+using State = InstalledPackage::State;
+
+struct RollbackOptions
+{
+    std::string plugin;
+    bool now = false;
+};
+
+// The package whose files are there; null where they have been removed.
+const InstalledPackage* Current(const std::vector<const InstalledPackage*>& packages)
+{
+    const InstalledPackage* current = nullptr;
+    for (const InstalledPackage* const package : packages)
+        if ((package->state == State::Installed || package->state == State::Changed)
+            && (!current || current->cameNs <= package->cameNs))
+            current = package;
+    return current;
+}
+
+// The latest version before `current`, or the latest of all; packages are in the order of their versions.
+const InstalledPackage* Earlier(const std::vector<const InstalledPackage*>& packages, const InstalledPackage* current)
+{
+    const InstalledPackage* earlier = nullptr;
+    for (const InstalledPackage* const package : packages) {
+        if (package == current)
+            break;
+        if (package->name.fits)
+            earlier = package;
+    }
+    return earlier;
+}
+
+int Rollback(Session& session, const RollbackOptions& options)
+{
+    const std::vector<InstalledPackage> installed = FindInstalled(session.place.binFolder);
+    const std::vector<const InstalledPackage*> packages = PackagesOf(installed, options.plugin);
+    const InstalledPackage* const current = Current(packages);
+    const InstalledPackage* const earlier = Earlier(packages, current);
+    if (!earlier) {
+        const std::string before = current ? " before " + current->name.VersionText() : std::string();
+        session.Note("no package of plugin '" + options.plugin + "'" + before
+                     + " is kept; vexctl plugins tells what is");
+        return statusDidNotHold;
+    }
+    if (const int status = PlaceCopy(session, earlier->path, earlier->name.base + ".vxp"); status != statusDone)
+        return status;
+    if (current) {
+        std::vector<std::string> files = FilesOnlyOf({current}, installed);
+        const auto comesBack = [earlier](const std::string& name) {
+            return std::any_of(earlier->files.begin(), earlier->files.end(),
+                               [&name](const InstalledFile& file) { return file.name == name; });
+        };
+        files.erase(std::remove_if(files.begin(), files.end(), comesBack), files.end());
+        if (!files.empty())
+            if (const int status = PlaceMarker(session, current->name.base + ".vxu", files); status != statusDone)
+                return status;
+    }
+    return FinishPlacing(session, options.now);
+}
+
+} // namespace
+
+Body AddRollback(Options& options)
+{
+    const auto asked = std::make_shared<RollbackOptions>();
+    options.Text("plugin", asked->plugin, "The plugin, as vexctl plugins lists it").Required().Type("NAME");
+    AddNow(options, asked->now);
+    return [asked](Session& session) { return Rollback(session, *asked); };
+}
+
+} // namespace Vexctl
