@@ -68,5 +68,6 @@ Body AddPack(Options& options);
 Body AddInstall(Options& options);
 Body AddRemove(Options& options);
 Body AddRollback(Options& options);
+Body AddCompletion(Options& options);
 
 } // namespace Vexctl

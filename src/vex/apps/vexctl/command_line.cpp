@@ -28,6 +28,7 @@ const std::vector<Command>& Commands()
         {"install", "Packages", "Put a package beside the executable, for the next start", AddInstall},
         {"remove", "Packages", "Have the next start delete a plugin's files", AddRemove},
         {"rollback", "Packages", "Have the next start install the version of a plugin before this one", AddRollback},
+        {"completion", "Others", "A script with which a shell completes what is typed", AddCompletion},
     };
     return s_commands;
 }

@@ -60,7 +60,9 @@ Option Options::Text(const char* names, std::string& value, const char* help)
 
 Option Options::Texts(const char* names, std::vector<std::string>& values, const char* help)
 {
-    return Option(m_app.add_option(names, values, help));
+    // A name stands before each value, and what follows is something else.
+    CLI::Option* const option = m_app.add_option(names, values, help);
+    return Option(*names == '-' ? option->allow_extra_args(false) : option);
 }
 
 Option Options::Count(const char* names, std::size_t& value, const char* help)
@@ -71,6 +73,52 @@ Option Options::Count(const char* names, std::size_t& value, const char* help)
 Option Options::Count(const char* names, std::optional<std::size_t>& value, const char* help)
 {
     return Option(m_app.add_option(names, value, help)->check(CLI::NonNegativeNumber));
+}
+
+// --- the words of all of them
+
+namespace {
+// "{running,stopped}" in the description of what it takes.
+std::vector<std::string> ChoicesOf(const CLI::Option& option)
+{
+    const std::string type = option.get_type_name();
+    const std::size_t begin = type.find('{');
+    const std::size_t end = type.find('}');
+    if (begin == std::string::npos || end == std::string::npos)
+        return {};
+    return CLI::detail::split(type.substr(begin + 1, end - begin - 1), ',');
+}
+
+CommandWords WordsOf(const CLI::App& app)
+{
+    CommandWords words;
+    words.name = app.get_name();
+    words.help = app.get_description();
+    for (const CLI::Option* const option : app.get_options()) {
+        std::vector<std::string>& names = option->get_items_expected_max() == 0 ? words.flags : words.options;
+        for (const std::string& name : option->get_lnames())
+            names.push_back("--" + name);
+        for (const std::string& name : option->get_snames())
+            names.push_back("-" + name);
+        if (!option->get_positional())
+            continue;
+        const std::string type = option->get_type_name();
+        words.takesFiles = words.takesFiles || type == "FILE" || type == "FOLDER";
+        const std::vector<std::string> choices = ChoicesOf(*option);
+        words.choices.insert(words.choices.end(), choices.begin(), choices.end());
+    }
+    return words;
+}
+
+} // namespace
+
+std::vector<CommandWords> Options::AllCommands() const
+{
+    const CLI::App& root = *m_app.get_parent();
+    std::vector<CommandWords> all = {WordsOf(root)};
+    for (const CLI::App* const app : root.get_subcommands(nullptr))
+        all.push_back(WordsOf(*app));
+    return all;
 }
 
 // --- times

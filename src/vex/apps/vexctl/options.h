@@ -38,6 +38,16 @@ private:
     CLI::Option* m_option;
 };
 
+/// The words of a command line, for shells that complete them.
+struct CommandWords
+{
+    std::string name, help;
+    std::vector<std::string> flags; ///< options without a value
+    std::vector<std::string> options; ///< options with one
+    std::vector<std::string> choices; ///< what its first argument may be
+    bool takesFiles = false; ///< as its argument, or behind the first where that is one of the choices
+};
+
 /// The options of one subcommand. What a value is written to outlives the reading of the command line. Names are
 /// "-n,--number", or a bare word for what stands without one.
 class Options
@@ -50,6 +60,9 @@ public:
     Option Texts(const char* names, std::vector<std::string>& values, const char* help);
     Option Count(const char* names, std::size_t& value, const char* help);
     Option Count(const char* names, std::optional<std::size_t>& value, const char* help);
+
+    /// Those of the program itself, then those of each subcommand.
+    std::vector<CommandWords> AllCommands() const;
 
 private:
     CLI::App& m_app;
