@@ -63,6 +63,12 @@ def test_the_tree_lies_below_opt_and_the_rest_where_the_system_looks_for_it(unpa
     assert {name.split("/")[0] for name in files} == {"DEBIAN", "etc", "lib", "opt", "usr"}
 
 
+def test_vexctl_is_found_by_its_name_and_completed_by_shells(unpacked):
+    assert os.readlink(os.path.join(unpacked, "usr/bin/vexctl")) == f"/{TREE}vexctl"
+    for shell, place in (("bash", "bash-completion/completions/vexctl"), ("zsh", "zsh/vendor-completions/_vexctl")):
+        subprocess.run([shell, "-n", os.path.join(unpacked, "usr/share", place)], check=True)
+
+
 def test_settings_are_the_operators_once_installed(unpacked):
     with open(os.path.join(unpacked, "DEBIAN", "conffiles"), encoding="utf-8") as file:
         assert file.read() == "/etc/vx_agent.conf\n/etc/vx_agent.d/README\n"

@@ -88,7 +88,8 @@ def actions():
 
 def test_the_ips_manifest_has_every_file_of_the_tree_and_every_folder():
     found = list(actions())
-    assert {kind for kind, *_ in found} == {"set", "license", "dir", "file"}
+    assert {kind for kind, *_ in found} == {"set", "license", "dir", "file", "link"}
+    assert [facts for kind, _, facts in found if kind == "link"] == [{"path": "usr/bin/vexctl", "target": f"../../{TREE}/vexctl"}]
     files = {facts["path"]: (source, facts) for kind, source, facts in found if kind == "file"}
     assert {name[len(TREE) + 1:] for name in files if name.startswith(TREE + "/")} == tree()
     assert all(source == path for path, (source, _) in files.items() if path.startswith(TREE))
