@@ -213,10 +213,10 @@ TEST(LogStory, TellsEndsOfChildrenPluginsAndVersions)
             + Record(6, "Child process exited with status 768 (exit 3)", "INFO", 42),
         "vx_agent");
     EXPECT_EQ(story.ends.at(42), 2u);
-    ASSERT_TRUE(story.lastEnd);
-    EXPECT_EQ(story.lastEnd->exitCode, 3);
-    EXPECT_FALSE(story.lastEnd->signal);
-    EXPECT_FALSE(story.lastEnd->crashed);
+    ASSERT_FALSE(story.childEnds.empty());
+    EXPECT_EQ(story.childEnds.back().exitCode, 3);
+    EXPECT_FALSE(story.childEnds.back().signal);
+    EXPECT_FALSE(story.childEnds.back().crashed);
     EXPECT_EQ(story.versions.at(50), "10.0.0.1");
     const auto& plugins = story.plugins.at(51);
     EXPECT_EQ(plugins.at("network").failure, "failed in collect: boom");
@@ -237,6 +237,6 @@ TEST(LogStory, ForeignTextTellsNothing)
 {
     const LogStory story =
         TellLogStory(std::string("\0\xff\n\n2026-01-31 10:20:30 INFO [1/x] Child process\nend", 50), "vx_agent");
-    EXPECT_FALSE(story.lastEnd);
+    EXPECT_TRUE(story.childEnds.empty());
     EXPECT_TRUE(TellLogStory("", "vx_agent").isAll);
 }

@@ -115,3 +115,15 @@ TEST(FolderWatch, LooksByTheClockWhereNobodyTells)
     EXPECT_EQ(watch.Wait(-1, 10), Woken::TimeOver);
     EXPECT_EQ(watch.Wait(-1, -1), Woken::Changed); // a second later
 }
+
+TEST(Processes, TheirArgumentsAreTold)
+{
+    const auto arguments = os::TrustedArgumentsOf(::getpid());
+    ASSERT_TRUE(arguments);
+    std::string expected;
+    for (const std::string& argument : *arguments)
+        expected += '\0' + argument;
+    const std::string line = ::Test::ReadFile("/proc/self/cmdline");
+    EXPECT_EQ(line.substr(line.find('\0')), expected + '\0');
+    EXPECT_FALSE(os::TrustedArgumentsOf(999999999));
+}

@@ -60,6 +60,7 @@ Body AddLog(Options& options);
 Body AddEvents(Options& options);
 Body AddHeartbeats(Options& options);
 Body AddCrashes(Options& options);
+Body AddReport(Options& options);
 Body AddConfig(Options& options);
 Body AddCheckConfig(Options& options);
 Body AddPlugins(Options& options);

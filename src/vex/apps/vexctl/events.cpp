@@ -3,6 +3,7 @@
 #include "vex/apps/vexctl/agent_database.h"
 #include "vex/apps/vexctl/agent_log.h"
 #include "vex/apps/vexctl/command.h"
+#include "vex/apps/vexctl/event_history.h"
 #include "vex/apps/vexctl/event_key.h"
 #include "vex/apps/vexctl/json_text.h"
 #include "vex/apps/vexctl/options.h"
@@ -15,7 +16,6 @@
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 
-#include <array>
 #include <cerrno>
 #include <memory>
 
@@ -25,8 +25,6 @@ namespace Vexctl {
 
 namespace {
 constexpr std::size_t usualEvents = 100;
-constexpr std::array<const char*, 8> severityWords = {"emergency", "alert",  "critical", "error",
-                                                      "warning",   "notice", "info",     "debug"};
 
 struct EventOptions
 {
@@ -38,23 +36,6 @@ struct EventOptions
     std::string after;
     TimeSpan span;
 };
-
-struct Event
-{
-    std::int64_t id = 0;
-    std::optional<std::int64_t> timeMs, number, severity;
-    std::string text, xml;
-
-    std::string Key() const { return EventKey(id, xml); }
-};
-
-std::optional<int> FindSeverity(const std::string& word)
-{
-    for (std::size_t i = 0; i < severityWords.size(); ++i)
-        if (word == severityWords[i] || word == std::to_string(i))
-            return static_cast<int>(i);
-    return std::nullopt;
-}
 
 std::string WhyNoSeverity(const std::string& word)
 {
@@ -232,10 +213,7 @@ private:
 
     void ShowAll()
     {
-        const std::string sql =
-            "SELECT id, coalesce(time_ms, time_s * 1000), number, severity, text, xml FROM agent_event"
-            " WHERE id > ?1"
-            + Condition() + " ORDER BY id LIMIT ?2";
+        const std::string sql = std::string(selectEvents) + " WHERE id > ?1" + Condition() + " ORDER BY id LIMIT ?2";
         for (;;) {
             std::vector<Event> part;
             m_database.Read([&](VexCore::SqliteConnection& db) {
@@ -261,43 +239,18 @@ private:
         }
     }
 
-    static Event EventOf(const VexCore::SqliteStatement& row)
-    {
-        const auto number = [&row](int column) {
-            return row.ColumnIsNull(column) ? std::nullopt : std::optional(row.ColumnInt(column));
-        };
-        return {row.ColumnInt(0), number(1), number(2), number(3), row.ColumnText(4), row.ColumnText(5)};
-    }
-
-    static std::string SeverityWord(const Event& event)
-    {
-        const bool isKnown = event.severity && *event.severity >= 0 && *event.severity < 8;
-        return isKnown ? severityWords[static_cast<std::size_t>(*event.severity)] : "-";
-    }
-
     void Show(const Event& event)
     {
         Output& out = m_session.out;
         if (m_options.xml) {
             out.Write(XmlText(event.xml) + "\n");
         } else if (m_options.json) {
-            Json object = {{"schema", jsonSchema}, {"key", event.Key()}};
-            if (event.timeMs)
-                object["time"] = UtcTime(*event.timeMs);
-            if (event.number)
-                object["number"] = *event.number;
-            if (event.severity) {
-                object["severity"] = *event.severity;
-                object["severity_word"] = SeverityWord(event);
-            }
-            object["text"] = event.text;
-            out.Write(JsonText(object) + "\n");
+            out.Write(JsonText(JsonOf(event)) + "\n");
         } else {
             char head[80];
             const std::string time = event.timeMs ? LocalTime(*event.timeMs) : "-";
             const std::string number = event.number ? std::to_string(*event.number) : "-";
-            std::snprintf(head, sizeof head, "%-19s  %-9s  %6s  ", time.c_str(), SeverityWord(event).c_str(),
-                          number.c_str());
+            std::snprintf(head, sizeof head, "%-19s  %-9s  %6s  ", time.c_str(), SeverityWord(event), number.c_str());
             std::string line = head + Shown(event.text);
             if (out.Width() > 0)
                 line = CutToColumns(line, out.Width());

@@ -1,5 +1,7 @@
 #include "vex/apps/vexctl/heartbeat_history.h"
 
+#include "vex/apps/vexctl/times.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -36,6 +38,18 @@ std::vector<Heartbeat> ReadHeartbeats(AgentDatabase& database, const HeartbeatWi
     });
     std::reverse(beats.begin(), beats.end());
     return beats;
+}
+
+Json JsonOf(const Heartbeat& beat)
+{
+    Json object = {{"schema", jsonSchema}, {"id", beat.id}, {"time", UtcTime(beat.timeMs)}, {"reason", beat.reason}};
+    if (beat.uptimeS)
+        object["uptime"] = *beat.uptimeS;
+    if (beat.load)
+        object["load"] = *beat.load;
+    if (beat.memoryAvailable)
+        object["memory_available"] = *beat.memoryAvailable;
+    return object;
 }
 
 std::string BytesText(std::int64_t bytes)

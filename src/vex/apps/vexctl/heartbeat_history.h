@@ -2,6 +2,7 @@
 // The heartbeats that the bundled application keeps. docs/FORMATS.md, "Heartbeats".
 
 #include "vex/apps/vexctl/agent_database.h"
+#include "vex/apps/vexctl/json_text.h"
 
 #include <cstdint>
 #include <optional>
@@ -28,6 +29,8 @@ struct HeartbeatWish
 
 /// The oldest first. Throws Failure when the database cannot be read; none where there is none yet.
 std::vector<Heartbeat> ReadHeartbeats(AgentDatabase& database, const HeartbeatWish& wish);
+
+Json JsonOf(const Heartbeat& beat);
 
 /// "3.2 GiB".
 std::string BytesText(std::int64_t bytes);

@@ -23,18 +23,6 @@ struct HeartbeatOptions
     TimeSpan span;
 };
 
-Json JsonOf(const Heartbeat& beat)
-{
-    Json object = {{"schema", jsonSchema}, {"id", beat.id}, {"time", UtcTime(beat.timeMs)}, {"reason", beat.reason}};
-    if (beat.uptimeS)
-        object["uptime"] = *beat.uptimeS;
-    if (beat.load)
-        object["load"] = *beat.load;
-    if (beat.memoryAvailable)
-        object["memory_available"] = *beat.memoryAvailable;
-    return object;
-}
-
 int ShowHeartbeats(Session& session, const HeartbeatOptions& options)
 {
     struct stat status = {};

@@ -30,7 +30,7 @@ void TellEnd(LogStory& story, const LogLine& line)
     end.crashed = StartsWith(line.text, "Child process crashed");
     end.exitCode = NumberBehind(line.text, "(exit ");
     end.signal = NumberBehind(line.text, "(signal ");
-    story.lastEnd = std::move(end);
+    story.childEnds.push_back(std::move(end));
     ++story.ends[line.process];
 }
 

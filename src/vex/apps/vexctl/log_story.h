@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Vexctl {
 
@@ -32,7 +33,7 @@ struct LogStory
 {
     bool isAll = true; ///< nothing lies before what was read
     std::int64_t beginMs = 0; ///< of the first record that was read; 0: there is none
-    std::optional<ChildEndStory> lastEnd;
+    std::vector<ChildEndStory> childEnds; ///< the oldest first
     std::map<long, std::size_t> ends; ///< ends of children, by the supervisor that tells of them
     std::map<long, std::map<std::string, PluginStory>> plugins; ///< by process and by name
     std::map<long, std::string> versions; ///< by process, the last of a number

@@ -13,15 +13,37 @@
 
 namespace Vexctl {
 
-NewFile::NewFile(const std::string& folder, const std::string& name) : m_folder(folder), m_path(folder + "/" + name)
+namespace {
+std::string FolderOf(const std::string& path)
 {
-    m_temporary = folder + "/.vexctl-" + std::to_string(VexCore::os::ProcessId()) + "-"
-                  + std::to_string(VexCore::TimeNowMillis());
-    constexpr mode_t rights = 0644;
-    m_file = VexCore::os::Descriptor(
-        VexCore::os::Open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, rights));
-    // Whatever the umask says: an agent with a user of its own is to read it.
-    if (!m_file || VexCore::os::FChmod(m_file.Get(), rights) != 0)
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
+}
+
+// Two may be written in the same moment.
+std::string TemporaryName()
+{
+    static unsigned s_count = 0;
+    return ".vexctl-" + std::to_string(VexCore::os::ProcessId()) + "-" + std::to_string(VexCore::TimeNowMillis()) + "-"
+           + std::to_string(++s_count);
+}
+
+} // namespace
+
+void ExpectRoomForFile(const std::string& path)
+{
+    struct stat status = {};
+    if (VexCore::os::LStat(path.c_str(), status) == 0 && !S_ISREG(status.st_mode))
+        throw Failure(path + " is there and is no regular file; give another name, or take it away");
+}
+
+NewFile::NewFile(const std::string& path, Readers readers)
+    : m_path(path), m_folder(FolderOf(path)), m_temporary(m_folder + TemporaryName()), m_readers(readers)
+{
+    ExpectRoomForFile(path);
+    m_file =
+        VexCore::os::Descriptor(VexCore::os::Open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
+    if (!m_file)
         Fail();
 }
 
@@ -36,15 +58,16 @@ void NewFile::Fail() const
     throw Failure(m_path + " cannot be written: " + VexCore::os::ErrorText(VexCore::os::LastError()));
 }
 
-void NewFile::Write(const char* data, std::size_t size)
+void NewFile::Write(std::string_view bytes)
 {
-    if (!VexCore::os::WriteAll(m_file.Get(), data, size))
+    if (!VexCore::os::WriteAll(m_file.Get(), bytes.data(), bytes.size()))
         Fail();
 }
 
 void NewFile::Close()
 {
-    if (VexCore::os::FSync(m_file.Get()) != 0 || !m_file.Close())
+    const mode_t rights = m_readers == Readers::All ? 0644 : 0600;
+    if (VexCore::os::FChmod(m_file.Get(), rights) != 0 || VexCore::os::FSync(m_file.Get()) != 0 || !m_file.Close())
         Fail();
 }
 
@@ -68,8 +91,16 @@ void CopyInto(NewFile& file, const std::string& path)
             throw Failure(path + ": " + VexCore::os::ErrorText(VexCore::os::LastError()));
         if (count == 0)
             return;
-        file.Write(buffer.data(), static_cast<std::size_t>(count));
+        file.Write({buffer.data(), static_cast<std::size_t>(count)});
     }
+}
+
+void WriteNewFile(const std::string& path, std::string_view bytes)
+{
+    NewFile file(path, Readers::OwnerAlone);
+    file.Write(bytes);
+    file.Close();
+    file.Place();
 }
 
 } // namespace Vexctl

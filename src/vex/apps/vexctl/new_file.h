@@ -3,25 +3,33 @@
 
 #include "vex_core/os/descriptor.h"
 
-#include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace Vexctl {
+
+/// Who may read a new file, whatever the umask says.
+enum class Readers { All, OwnerAlone };
+
+/// Throws Failure unless a file may be put there: a file of that name is replaced, anything else (a folder, a device, a
+/// link) is left alone.
+void ExpectRoomForFile(const std::string& path);
 
 /// Written under a hidden name in its folder, which no start of an agent looks at; gone with the object unless it got
 /// its own name. All functions throw Failure.
 class NewFile
 {
 public:
-    NewFile(const std::string& folder, const std::string& name);
+    /// Expects room for it.
+    NewFile(const std::string& path, Readers readers);
     ~NewFile();
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
-    void Write(const char* data, std::size_t size);
+    void Write(std::string_view bytes);
     /// Puts what was written on stable storage; nothing is written afterwards.
     void Close();
-    /// Gives it its name, over a file that has it, and puts that on stable storage, too.
+    /// Gives the closed file its name, over a file that has it, and puts that on stable storage, too.
     void Place();
 
     /// While it has no name of its own.
@@ -31,14 +39,18 @@ public:
 private:
     [[noreturn]] void Fail() const;
 
-    const std::string m_folder;
     const std::string m_path;
-    std::string m_temporary;
+    const std::string m_folder;
+    const std::string m_temporary;
+    const Readers m_readers;
     VexCore::os::Descriptor m_file;
     bool m_isPlaced = false;
 };
 
 /// Copies a regular file into a new one. Throws Failure.
 void CopyInto(NewFile& file, const std::string& path);
+
+/// Makes a file of these bytes, for its owner alone. Throws Failure.
+void WriteNewFile(const std::string& path, std::string_view bytes);
 
 } // namespace Vexctl

@@ -123,7 +123,6 @@ std::vector<CommandWords> Options::AllCommands() const
 
 // --- times
 
-namespace {
 std::string WhyNoTime(const std::string& text)
 {
     return ParseWhen(text, VexCore::TimeNowMillis())
@@ -133,6 +132,7 @@ std::string WhyNoTime(const std::string& text)
                        "1h, 2d for so long ago";
 }
 
+namespace {
 std::optional<std::int64_t> TimeMs(const std::string& text)
 {
     return text.empty() ? std::nullopt : ParseWhen(text, VexCore::TimeNowMillis());

@@ -80,6 +80,8 @@ struct TimeSpan
     bool Given() const { return !since.empty() || !until.empty(); }
 };
 
+/// For texts that are a point in time, as ParseWhen has it.
+std::string WhyNoTime(const std::string& text);
 /// For texts that are a length of time, such as "90s".
 std::string WhyNoDuration(const std::string& text);
 

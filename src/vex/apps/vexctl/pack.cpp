@@ -91,12 +91,11 @@ int Pack(Session& session, const PackOptions& options)
             one.path.clear();
     std::unique_ptr<NewFile> version;
     if (isExtension) {
-        version = std::make_unique<NewFile>(output, file + ".version");
-        const std::string line = "version: " + VersionText() + "-" + options.build + "\n";
-        version->Write(line.data(), line.size());
+        version = std::make_unique<NewFile>(output + "/" + file + ".version", Readers::All);
+        version->Write("version: " + VersionText() + "-" + options.build + "\n");
         version->Close();
     }
-    NewFile archive(output, file);
+    NewFile archive(output + "/" + file, Readers::All);
     WriteArchive(archive, content.files);
     if (const std::vector<std::string> reasons = WhyRefused(archive.TemporaryPath()); !reasons.empty())
         return Tell(session, reasons);

@@ -134,7 +134,7 @@ FolderContent ReadFolder(const std::string& folder, const std::vector<std::strin
 
 void WriteArchive(NewFile& archive, const std::vector<PackedFile>& files)
 {
-    ArchiveWriter writer([&archive](const char* data, std::size_t size) { archive.Write(data, size); });
+    ArchiveWriter writer([&archive](const char* data, std::size_t size) { archive.Write({data, size}); });
     for (const PackedFile& file : files) {
         if (file.path.empty()) {
             writer.Add(file.name, file.mode, [] { return std::string_view(); });

@@ -4,9 +4,15 @@
 #include "vex/apps/vexctl/os/surroundings.h"
 
 #include "vex/core/pidfile.h"
+#include "vex_core/base/ascii.h"
 #include "vex_core/base/text.h"
+#include "vex_core/domain/settings_sources.h"
+#include "vex_core/os/error.h"
+#include "vex_core/os/files.h"
+#include "vex_core/os/folders.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include <wx/filename.h>
 
@@ -60,6 +66,27 @@ std::string Place::GlobalSettingsFile() const
     wxFileName file(VexCore::FromSystemBytes(name));
     file.SetExt(wxS("conf"));
     return "/etc/" + VexCore::ToSystemBytes(file.GetFullName());
+}
+
+std::vector<std::string> Place::SettingsFiles() const
+{
+    const std::string folder = VexCore::DropInFolder(GlobalSettingsFile());
+    std::vector<std::string> files;
+    VexCore::os::ListFolder(folder.c_str(), [&](const char* file) {
+        if (*file != '.' && VexCore::EndsWith(file, ".conf"))
+            files.push_back(folder + "/" + file);
+        return true;
+    });
+    std::sort(files.begin(), files.end());
+    files.insert(files.begin(), LocalSettingsFile());
+    files.push_back(GlobalSettingsFile());
+    const auto isMissing = [](const std::string& file) {
+        struct stat status = {};
+        return VexCore::os::Stat(file.c_str(), status) != 0
+               && (VexCore::os::LastError() == ENOENT || VexCore::os::LastError() == ENOTDIR);
+    };
+    files.erase(std::remove_if(files.begin(), files.end(), isMissing), files.end());
+    return files;
 }
 
 namespace {

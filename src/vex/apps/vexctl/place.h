@@ -2,6 +2,7 @@
 // Where an agent has what vexctl reads. docs/FORMATS.md has the names.
 
 #include <string>
+#include <vector>
 
 namespace Vexctl {
 
@@ -17,8 +18,11 @@ struct Place
     std::string PendingEventsFile() const;
     std::string HeartbeatFile() const;
     std::string DumpFolder() const;
+    /// The agent's own file of settings, and that of the host.
     std::string LocalSettingsFile() const;
     std::string GlobalSettingsFile() const;
+    /// The former, the drop-ins in the order of their names, and the latter, as far as they are there.
+    std::vector<std::string> SettingsFiles() const;
 
     /// The name as it stands in the names of files.
     std::string FileName() const;

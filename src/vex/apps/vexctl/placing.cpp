@@ -25,7 +25,7 @@ int TellRefused(Session& session, const std::string& path, const std::vector<std
 
 int PlaceCopy(Session& session, const std::string& path, const std::string& name)
 {
-    NewFile copy(session.place.binFolder, name);
+    NewFile copy(session.place.binFolder + "/" + name, Readers::All);
     CopyInto(copy, path);
     copy.Close();
     const Verdict verdict = CheckPackage(copy.TemporaryPath(), name);
@@ -40,7 +40,7 @@ int PlaceCopy(Session& session, const std::string& path, const std::string& name
 
 int PlaceMarker(Session& session, const std::string& name, const std::vector<std::string>& files)
 {
-    NewFile marker(session.place.binFolder, name);
+    NewFile marker(session.place.binFolder + "/" + name, Readers::All);
     std::vector<PackedFile> entries;
     for (const std::string& file : files) {
         // Unzip ends there, and the marker would be tried again at each start.

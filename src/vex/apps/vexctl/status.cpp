@@ -2,6 +2,7 @@
 // is dead and its pid file is there, 3 it does not run, 4 that cannot be told. With --nagios it is that of such a
 // check.
 
+#include "vex/apps/vexctl/status.h"
 #include "vex/apps/vexctl/agent_state.h"
 #include "vex/apps/vexctl/command.h"
 #include "vex/apps/vexctl/heartbeat_history.h"
@@ -153,8 +154,10 @@ private:
         if (m_report.state.supervisor != 0)
             Line("restarts", (m_report.restartsAreAll ? "" : "at least ") + std::to_string(m_report.restarts),
                  m_report.restarts > 0 ? Colour::Warning : Colour::None);
-        if (const std::optional<ChildEndStory>& end = m_report.story.lastEnd)
-            Line("last end", LocalTime(end->timeMs) + "  " + end->text, end->crashed ? Colour::Bad : Colour::None);
+        if (!m_report.story.childEnds.empty()) {
+            const ChildEndStory& end = m_report.story.childEnds.back();
+            Line("last end", LocalTime(end.timeMs) + "  " + end.text, end.crashed ? Colour::Bad : Colour::None);
+        }
         if (m_report.story.lastTroubleMs != 0)
             Line("last error", LocalTime(m_report.story.lastTroubleMs) + "  " + m_report.story.lastTrouble);
     }
@@ -227,8 +230,8 @@ Json JsonOf(const Report& report, const Place& place)
         object["child"] = JsonOfProcess(state.child, state.childBeganMs);
     if (state.supervisor != 0)
         object["restarts"] = {{"count", report.restarts}, {"complete", report.restartsAreAll}};
-    if (report.story.lastEnd)
-        object["last_end"] = JsonOfEnd(*report.story.lastEnd);
+    if (!report.story.childEnds.empty())
+        object["last_end"] = JsonOfEnd(report.story.childEnds.back());
     if (report.story.lastTroubleMs != 0)
         object["last_error"] = {{"time", UtcTime(report.story.lastTroubleMs)}, {"text", report.story.lastTrouble}};
     if (report.heartbeat)
@@ -338,6 +341,11 @@ int ShowStatus(Session& session, const StatusOptions& options)
 }
 
 } // namespace
+
+Json StatusJson(const Place& place)
+{
+    return JsonOf(MakeReport(place), place);
+}
 
 Body AddStatus(Options& options)
 {

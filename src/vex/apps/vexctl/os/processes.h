@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -31,5 +32,9 @@ pid_t ChildOf(pid_t pid);
 
 /// The current folder of a process; empty when the system does not tell.
 std::string FolderOf(pid_t pid);
+
+/// The arguments of a process without the program's name, when its user is root or the one that asks: those of others
+/// are not to be believed. Absent when the system does not tell.
+std::optional<std::vector<std::string>> TrustedArgumentsOf(pid_t pid);
 
 } // namespace Vexctl::os

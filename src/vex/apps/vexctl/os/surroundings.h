@@ -19,4 +19,9 @@ std::string ExecutableFolder();
 /// The path without links, "." and ".."; empty, with the last error, when there is nothing.
 std::string RealPath(const std::string& path);
 
+/// Makes a new folder for this user alone, where temporary files belong. Empty with the last error.
+std::string MakeTemporaryFolder();
+/// Removes it with all that is in it, as far as that can be done; no link is followed.
+void RemoveFolder(const std::string& path);
+
 } // namespace Vexctl::os

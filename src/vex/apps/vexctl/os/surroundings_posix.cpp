@@ -5,10 +5,13 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 
+#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <termios.h>
+#include <unistd.h>
 
 namespace Vexctl::os {
 
@@ -33,6 +36,21 @@ std::string RealPath(const std::string& path)
 {
     const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
     return real ? std::string(real.get()) : std::string();
+}
+
+std::string MakeTemporaryFolder()
+{
+    const char* const given = std::getenv("TMPDIR");
+    // A launcher expands variables in the names of folders.
+    const bool isPlain = given && given[0] == '/' && std::string(given).find_first_of("$\\") == std::string::npos;
+    std::string folder = (isPlain ? std::string(given) : std::string("/tmp")) + "/vexctl-XXXXXX";
+    return ::mkdtemp(&folder[0]) ? folder : std::string();
+}
+
+void RemoveFolder(const std::string& path)
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
 }
 
 } // namespace Vexctl::os
