@@ -61,6 +61,7 @@ Body AddEvents(Options& options);
 Body AddHeartbeats(Options& options);
 Body AddCrashes(Options& options);
 Body AddReport(Options& options);
+Body AddBundle(Options& options);
 Body AddConfig(Options& options);
 Body AddCheckConfig(Options& options);
 Body AddPlugins(Options& options);

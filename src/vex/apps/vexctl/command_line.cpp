@@ -21,6 +21,7 @@ const std::vector<Command>& Commands()
         {"heartbeats", "Watching", "The history of heartbeats", AddHeartbeats},
         {"crashes", "Watching", "Crash dumps: what crashed where, and how to open one", AddCrashes},
         {"report", "Watching", "The agent's report on its host, also as a page of HTML", AddReport},
+        {"bundle", "Watching", "One archive for somebody who looks into a fault", AddBundle},
         {"config", "Settings", "The settings in force and where each comes from", AddConfig},
         {"check-config", "Settings", "What is wrong in the files of settings", AddCheckConfig},
         {"plugins", "Packages", "Packages, markers and extensions, and files that were changed since", AddPlugins},
