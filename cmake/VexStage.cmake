@@ -11,7 +11,7 @@ add_custom_command(
           ${CMAKE_SOURCE_DIR}/tools/manual_page.py
   VERBATIM)
 set(manual ${CMAKE_BINARY_DIR}/man/vx_agent.conf.5)
-foreach(page vx_agent-events.7 vx_agent-plugin.7 vx_agent.8)
+foreach(page vexctl.1 vx_agent-events.7 vx_agent-plugin.7 vx_agent.8)
   list(APPEND manual ${CMAKE_SOURCE_DIR}/docs/man/${page})
 endforeach()
 foreach(page IN LISTS manual)

@@ -10,7 +10,7 @@ import pytest
 from conftest import BUILD_NUMBER, VERSION, BUILD, ROOT, STAGE
 
 FILES = {"vx_agent", "vexctl", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe",
-         "share/man/man5/vx_agent.conf.5", "share/man/man7/vx_agent-events.7", "share/man/man7/vx_agent-plugin.7",
+         "share/man/man1/vexctl.1", "share/man/man5/vx_agent.conf.5", "share/man/man7/vx_agent-events.7", "share/man/man7/vx_agent-plugin.7",
          "share/man/man8/vx_agent.8"}
 
 APP = """

@@ -8,7 +8,7 @@ import pytest
 
 from conftest import ROOT, STAGE
 
-PAGES = ("man5/vx_agent.conf.5", "man7/vx_agent-events.7", "man7/vx_agent-plugin.7", "man8/vx_agent.8")
+PAGES = ("man1/vexctl.1", "man5/vx_agent.conf.5", "man7/vx_agent-events.7", "man7/vx_agent-plugin.7", "man8/vx_agent.8")
 
 
 def source(page):
@@ -39,6 +39,20 @@ def test_the_launchers_page_has_its_options_and_no_others(tree):
         names = re.match(r"(?:(\w) , )?(-\w+)", item)
         told.add(("-" + names[1] if names[1] else "", "-" + names[2]))
     assert told == shown
+
+
+def test_the_tools_page_has_its_commands_and_their_options(tree):
+    def help_of(*arguments):
+        return tree.run(*arguments, "--help", name="vexctl").out
+
+    commands = source("man1/vexctl.1").partition(".Sh COMMANDS")[2].partition(".Sh ENVIRONMENT")[0]
+    entries = dict(entry.split("\n", 1) for entry in commands.split(".It Ic ")[1:])
+    known = re.findall(r"^  ([a-z][a-z-]*) ", help_of(), re.M)
+    assert len(known) >= 8 and list(entries) == known
+    for command, entry in entries.items():
+        shown = set(re.findall(r"(?<![\w-])-{1,2}([a-z][a-z-]*)", help_of(command)))
+        told = set(re.findall(r"\bFl -?([a-z][a-z-]*)", entry.partition(".El")[0]))
+        assert told <= shown, command
 
 
 def rows():
@@ -76,6 +90,6 @@ def test_the_page_of_events_has_those_of_the_launcher():
 @pytest.mark.parametrize("page", PAGES)
 def test_pages_refer_to_pages_that_are_there(page):
     for name, section in re.findall(r"^\.Xr (\S+) (\d)", source(page), re.M):
-        if name.startswith("vx_agent"):
+        if name.startswith(("vx_agent", "vexctl")):
             assert f"man{section}/{name}.{section}" in PAGES
     assert re.search(rf"^\.Dt {os.path.basename(page)[:-2].upper()} {page[-1]}$", source(page), re.M)

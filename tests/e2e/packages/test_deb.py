@@ -56,7 +56,7 @@ def test_the_tree_lies_below_opt_and_the_rest_where_the_system_looks_for_it(unpa
                     "ext/trend.vxe", "ext/trend.vxe.version"}
     assert {name for name in files if name.startswith("etc/")} == {"etc/vx_agent.conf", "etc/vx_agent.d/README"}
     assert {name for name in files if name.startswith("usr/share/man/")} == {
-        "usr/share/man/" + name for name in ("man5/vx_agent.conf.5.gz", "man7/vx_agent-events.7.gz", "man7/vx_agent-plugin.7.gz",
+        "usr/share/man/" + name for name in ("man1/vexctl.1.gz", "man5/vx_agent.conf.5.gz", "man7/vx_agent-events.7.gz", "man7/vx_agent-plugin.7.gz",
                                              "man8/vx_agent.8.gz")}
     assert {name for name in files if name.startswith("lib/")} == {"lib/systemd/system/vx_agent.service",
                                                                   "lib/systemd/system/vx_agent-unprivileged.service"}

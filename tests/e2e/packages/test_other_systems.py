@@ -40,7 +40,7 @@ def test_the_rpm_has_the_tree_the_units_and_the_settings(rpm):
     assert {name for name in files if re.match(rf"/{TREE}/.*\w\.\w+$|/{TREE}/(vx_agent|vexctl)$", name)} \
         == {f"/{TREE}/{name}" for name in tree() if not name.startswith("share/")}
     assert {"/usr/lib/systemd/system/vx_agent.service", "/usr/lib/systemd/system/vx_agent-unprivileged.service",
-            "/usr/share/man/man8/vx_agent.8.gz", "/usr/share/doc/vx_agent/copyright"} <= files
+            "/usr/share/man/man1/vexctl.1.gz", "/usr/share/man/man8/vx_agent.8.gz", "/usr/share/doc/vx_agent/copyright"} <= files
     assert query(rpm, "--configfiles") == "/etc/vx_agent.conf\n/etc/vx_agent.d/README\n"
     assert query(rpm, "--qf", "%{NAME} %{VERSION} %{RELEASE}") == f"vx_agent {VERSION} {BUILD_NUMBER}"
     assert set(re.findall(r"^\S+ +(\S+) +(\S+)", query(rpm, "--qf", "[%{FILEMODES:perms} %{FILEUSERNAME} %{FILEGROUPNAME}\n]"), re.M)) \
