@@ -1,4 +1,5 @@
 """vexctl log, events, heartbeats and crashes: what they show of what an agent left, and of what is none of an agent's."""
+import json
 import os
 import shutil
 import signal
@@ -180,6 +181,20 @@ return M
 def test_events_are_chosen(tree, arguments, numbers):
     with_events(tree, [(BASE_MS + 1000 * number, number, number % 8, f"event {number}") for number in range(200)])
     assert [event["number"] for event in objects("events", ctl(tree, "events", "--json", *arguments).out)] == list(numbers)
+
+
+def test_the_last_of_many_events_are_those_also_after_a_clock_was_set(tree):
+    count = 12000
+    with_events(tree, [(BASE_MS + 1000 * (number if number < count - 2 else 0), number, number % 8, f"event {number}") for number in range(count)])
+
+    def numbers(*arguments):
+        return [json.loads(line)["number"] for line in ctl(tree, "events", "--json", *arguments).out.splitlines()]
+
+    since = "2023-11-14T22:13:21Z"  # a second behind the first, and behind the last two
+    assert numbers("--since", since, "-n", "3") == [count - 5, count - 4, count - 3]
+    assert numbers("--since", since, "-n", "2", "--severity", "0") == [count - 16, count - 8]
+    assert numbers("--since", since, "-n", "20000") == numbers("--since", since) == list(range(1, count - 2))
+    assert numbers("-n", "1") == [count - 1]
 
 
 def test_events_after_a_key_are_all_those_of_a_database_that_was_replaced(tree):

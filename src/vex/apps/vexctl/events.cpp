@@ -99,6 +99,7 @@ public:
 
 private:
     static constexpr std::int64_t partRows = 500;
+    static constexpr std::int64_t manyRows = 10000;
 
     bool LookForWorkFolder() const
     {
@@ -165,17 +166,29 @@ private:
         const std::size_t number = m_options.number.value_or(isWhole ? 0 : usualEvents);
         m_database.Read([this, number](VexCore::SqliteConnection& db) {
             m_last = 0;
-            if (m_sinceMs && !BeginAtTime(db))
-                return false;
-            return number == 0 || BeginAtNumber(db, number);
+            const bool areMany = !m_sinceMs || HasManySince(db);
+            // The last ones of many are near the end, so that they are found from there.
+            const bool fromTheEnd = areMany && (number > 0 || !m_sinceMs);
+            return (fromTheEnd || BeginAtTime(db, areMany)) && (number == 0 || BeginAtNumber(db, number));
         });
     }
 
-    // By the index of times; what is wanted in the end is asked of each row.
-    bool BeginAtTime(VexCore::SqliteConnection& db)
+    // Whether there are so many that to go through them all takes a while.
+    bool HasManySince(VexCore::SqliteConnection& db) const
     {
-        VexCore::SqliteStatement first(db, "SELECT coalesce((SELECT min(id) - 1 FROM agent_event WHERE time_ms >= ?1),"
-                                           " (SELECT max(id) FROM agent_event), 0)");
+        VexCore::SqliteStatement row(db, "SELECT 1 FROM agent_event WHERE time_ms >= ?1 LIMIT 1 OFFSET ?2");
+        row.Bind(1, *m_sinceMs);
+        row.Bind(2, manyRows);
+        return row.Step() == VexCore::SqliteStatement::StepResult::Row;
+    }
+
+    // What is wanted in the end is asked of each row. The first one of many is near the begin of the table; the plus
+    // leads SQLite to few by the index of times.
+    bool BeginAtTime(VexCore::SqliteConnection& db, bool areMany)
+    {
+        const std::string sql = std::string("SELECT coalesce((SELECT min(") + (areMany ? "id" : "+id")
+                                + ") - 1 FROM agent_event WHERE time_ms >= ?1), (SELECT max(id) FROM agent_event), 0)";
+        VexCore::SqliteStatement first(db, sql.c_str());
         first.Bind(1, *m_sinceMs);
         if (first.Step() != VexCore::SqliteStatement::StepResult::Row)
             return false;
