@@ -1,4 +1,4 @@
---- The workers of a background run: one that beats, and one a plugin.
+--- The workers of a background run: one that beats, one that listens for who asks for a beat, and one a plugin.
 
 local log = require("vex.log")("vx_agent.workers")
 
@@ -13,6 +13,7 @@ local join_seconds = 10 -- for all of them together
 function M.start(dom, entries)
   local self = setmetatable({ dom = dom, members = {} }, M)
   self:hire("heartbeat", "vx_agent.heartbeat")
+  self:hire("doorbell", "vx_agent.doorbell")
   for _, entry in ipairs(entries) do
     if entry.plugin then self:hire("plugin " .. entry.id, "vx_agent.collector", { plugin = entry.id }) end
   end

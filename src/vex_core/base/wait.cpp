@@ -1,12 +1,15 @@
 #include "vex_core/base/wait.h"
 
+#include <algorithm>
+#include <array>
+#include <cassert>
 #include <chrono>
 
 namespace VexCore {
 
 namespace {
 thread_local WaitPoint* t_bound = nullptr;
-WaitPoint::ExitObserver g_exitObserver = nullptr;
+std::array<WaitPoint::ExitObserver, 4> g_exitObservers{}; // constant once main runs
 
 // A century: what lies beyond is "no limit", and adding it to the clock does not overflow.
 constexpr std::int64_t maxTimeoutMs = static_cast<std::int64_t>(100) * 365 * 24 * 3600 * 1000;
@@ -68,13 +71,16 @@ void WaitPoint::RequestExit()
         m_ending.store(true, std::memory_order_release);
         m_wake.notify_one();
     }
-    if (g_exitObserver)
-        g_exitObserver(this);
+    for (const ExitObserver observer : g_exitObservers)
+        if (observer)
+            observer(this);
 }
 
-void WaitPoint::SetExitObserver(ExitObserver observer)
+void WaitPoint::AddExitObserver(ExitObserver observer)
 {
-    g_exitObserver = observer;
+    const auto place = std::find(g_exitObservers.begin(), g_exitObservers.end(), nullptr);
+    assert(place != g_exitObservers.end());
+    *place = observer;
 }
 
 WaitPoint::Binding::Binding(WaitPoint& point) : m_before(t_bound)

@@ -43,9 +43,9 @@ public:
     /// Ends the running sleep and every later one at once; cannot be taken back.
     void RequestExit();
     /// Who else is told of each `RequestExit`, on the thread that calls it: the point's thread may wait for something
-    /// else than this. One for the process, set by a static initialiser. The point may be gone: it is for comparing.
+    /// else than this. A few for the process, added by static initialisers. The point may be gone: it is for comparing.
     using ExitObserver = void (*)(const WaitPoint* point);
-    static void SetExitObserver(ExitObserver observer);
+    static void AddExitObserver(ExitObserver observer);
 
     /// Cheap: one atomic load.
     bool ExitRequested() const { return m_ending.load(std::memory_order_acquire); }

@@ -5,11 +5,13 @@
 #include "vex_core/base/ascii.h"
 #include "vex_core/base/text.h"
 #include "vex_core/domain/root_dom.h"
+#include "vex_core/os/error.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <mutex>
 #include <set>
 #include <string_view>
@@ -78,20 +80,28 @@ std::optional<os::GuardedPlace> PlaceInWorkFolder(const std::string& path)
     return std::nullopt;
 }
 
-bool MakePluginWorkdir(const CDom& dom, const std::string& plugin, std::string& path, std::string& breach)
+os::Descriptor OpenPluginWorkdir(const CDom& dom, const std::string& plugin, std::string& path, std::string& breach)
 {
     const std::string work = dom.Get("app.path.work");
     const std::string below = IsPlainName(plugin) ? "plugins/" + plugin : "plugins";
     // Without a work folder there is no place of ours to make anything in.
     if (work.empty()) {
         path = below;
-        return true;
+        os::SetLastError(ENOENT);
+        return os::Descriptor();
     }
     path = work.back() == '/' ? work + below : work + '/' + below;
     os::GuardedPlace place(work, below);
-    place.OpenFolder(true);
+    os::Descriptor folder = place.OpenFolder(true);
+    const os::KeepError error;
     WarnOfBreach(place);
     breach = place.Breach();
+    return folder;
+}
+
+bool MakePluginWorkdir(const CDom& dom, const std::string& plugin, std::string& path, std::string& breach)
+{
+    OpenPluginWorkdir(dom, plugin, path, breach);
     return breach.empty();
 }
 

@@ -13,8 +13,10 @@ namespace VexCore {
 /// for one elsewhere.
 std::optional<os::GuardedPlace> PlaceInWorkFolder(const std::string& path);
 
-/// Makes a plugin's folder, as `CDom::GetPluginWorkdir` does, and tells its path. False, with the reason, when it may
-/// not be used.
+/// Makes a plugin's folder, as `CDom::GetPluginWorkdir` does, opens it, and tells its path. None with the last error,
+/// and with the reason in `breach` when it may not be used.
+os::Descriptor OpenPluginWorkdir(const CDom& dom, const std::string& plugin, std::string& path, std::string& breach);
+/// The same for those who want the path alone. False when the folder may not be used.
 bool MakePluginWorkdir(const CDom& dom, const std::string& plugin, std::string& path, std::string& breach);
 
 /// Logs what broke the rule of `place`, if anything did: one warning each in the life of the process. Any thread.

@@ -7,6 +7,7 @@
 #include "vex/core/dom.h"
 #include "vex/core/log.h"
 #include "vex_core/base/text.h"
+#include "vex_core/domain/doorbell.h"
 #include "vex_core/domain/work_folder.h"
 #include "vex_core/log/process_log.h"
 #include "vex_core/lua/lua_arguments.h"
@@ -284,6 +285,19 @@ int PluginWorkdir(CDom& dom, lua_State* L)
     return 2;
 }
 
+int AnswerDoorbell(CDom& dom, lua_State* L)
+{
+    const std::string plugin = Value<std::string>::Get(L, firstArgument);
+    const std::string key = Value<std::string>::Get(L, secondArgument);
+    std::string error;
+    const bool hasAnswered = VexCore::AnswerDoorbell(dom, plugin, key, error);
+    lua_pushboolean(L, hasAnswered);
+    if (hasAnswered)
+        return 1;
+    PushBytes(L, error);
+    return 2;
+}
+
 // Pushes an option of the table at `thirdArgument`; false when it is not there. Another type is refused.
 bool PushOption(lua_State* L, const char* name, int type, const char* wanted)
 {
@@ -377,6 +391,7 @@ void SLB3::Wrapper<CDom>::Register(internal::Class<CDom>& definition)
         .Method<&TraceEnabled>("TraceEnabled")
         .Method<&AgentEvent>("AgentEvent")
         .Method<&PluginWorkdir>("PluginWorkdir")
+        .Method<&AnswerDoorbell>("AnswerDoorbell")
         .Method<&Execute>("Execute")
         .Method<&TimeMillis>("TimeMillis")
         .Method<&StartThread>("StartThread");

@@ -142,7 +142,7 @@ const EndStepOwner endHelpers(EndStep::EndHelpers, &RunningPrograms::EndAll);
 
 const struct StopHook
 {
-    StopHook() { WaitPoint::SetExitObserver(&RunningPrograms::StopThoseOf); }
+    StopHook() { WaitPoint::AddExitObserver(&RunningPrograms::StopThoseOf); }
 } stopHook;
 
 } // namespace

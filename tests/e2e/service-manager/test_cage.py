@@ -160,7 +160,8 @@ def test_a_crash_in_the_cage_leaves_a_whole_dump_and_the_agent_is_back(machine, 
     dump = Minidump(os.path.join(machine.shared, "dump"))
     assert dump.exception()[1] == 11 and dump.process() == child
     threads = dump.threads()
-    assert len(threads) == 5 and all(size for _, size, _, _ in threads.values())  # main, script, heartbeat, one a plugin
+    # main, script, heartbeat, doorbell, one a plugin
+    assert len(threads) == 6 and all(size for _, size, _, _ in threads.values())
     assert {"vx_agent", "vex_core.so"} <= {os.path.basename(path) for path in dump.modules()}
 
 

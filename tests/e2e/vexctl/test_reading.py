@@ -10,7 +10,7 @@ import time
 import pytest
 
 import conftest
-from conftest import BUILD, send_signal, wait_until
+from conftest import BUILD, ORDINARY_USER, send_signal, wait_until
 from ctl import Following, ctl, objects, quiet_state_of, state_of, with_events
 
 LOG = """\
@@ -267,6 +267,50 @@ def test_heartbeats_of_an_agent_are_a_table_and_objects(tree):
     title, first, *_ = ctl(tree, "heartbeats", "-n", "0").out.splitlines()
     assert title.split() == ["TIME", "ID", "REASON", "UPTIME", "LOAD", "MEMORY", "AVAILABLE"] and " start " in first
     tree.stop(supervisor)
+
+
+@pytest.mark.sandbox
+@pytest.mark.any_user
+def test_a_heartbeat_is_given_when_it_is_asked_for(tree):
+    supervisor, _ = tree.background()
+    ctl(tree, "wait", "heartbeat")
+    bell = os.path.join(tree.work, "plugins/vx_agent/doorbell")
+    wait_until(lambda: os.path.exists(bell), what="the pipe")
+    for number in (2, 3):
+        told, = objects("heartbeats", ctl(tree, "heartbeats", "--now", "-n", "1", "--json").out)
+        assert (told["id"], told["reason"]) == (number, "request")
+    tree.stop(supervisor)
+    refused = ctl(tree, "heartbeats", "--now", status=1)
+    assert (refused.out, refused.err) == ("", "vexctl: vx_agent does not listen; vexctl status tells whether it runs\n")
+
+
+@pytest.mark.sandbox
+@pytest.mark.parametrize("tree", [ORDINARY_USER], indirect=True)
+def test_who_may_not_write_to_the_pipe_asks_in_vain(tree):
+    supervisor, _ = tree.background()
+    ctl(tree, "wait", "heartbeat")
+    bell = os.path.join(tree.work, "plugins/vx_agent/doorbell")
+    wait_until(lambda: os.path.exists(bell), what="the pipe")
+    assert os.lstat(bell).st_mode & 0o777 == 0o600
+    for folder in (tree.work, os.path.dirname(os.path.dirname(bell)), os.path.dirname(bell)):
+        os.chmod(folder, 0o755)
+    os.chmod(os.path.join(tree.work, "plugins/vx_agent/heartbeat.db"), 0o644)
+    assert ctl(tree, "heartbeats", "--now", status=2, user=ORDINARY_USER + 1).err == f"vexctl: {bell}: Permission denied\n"
+    tree.stop(supervisor)
+
+
+def test_a_heartbeat_that_does_not_come_is_told_and_a_file_is_no_pipe(tree):
+    bell = tree.file("work/plugins/vx_agent/doorbell", "")
+    before = state_of(tree.work)
+    assert ctl(tree, "heartbeats", "--now", status=2).err == f"vexctl: {bell} is no pipe of an agent\n"
+    assert state_of(tree.work) == before
+    os.unlink(bell)
+    os.mkfifo(bell, 0o600)
+    listener = os.open(bell, os.O_RDONLY | os.O_NONBLOCK)
+    told = ctl(tree, "heartbeats", "--now", "--timeout", "1s", status=1).err
+    assert told == "vexctl: no heartbeat of vx_agent after 1s; its log tells why\n"
+    assert os.read(listener, 10) == b"\n"
+    os.close(listener)
 
 
 # --- crashes

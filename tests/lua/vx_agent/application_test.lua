@@ -156,7 +156,7 @@ function M.TestApplication:test_the_background_starts_workers_and_prints_nothing
   dom0.values["app.plugins"] = "probe"
   self.application.init()
   lu.assertEquals(self.application.main(), 0)
-  lu.assertEquals(#dom0.started, 2)
+  lu.assertEquals(#dom0.started, 3)
   lu.assertEquals(self:output(), "")
   lu.assertEquals(self.application.shutdown(), 0)
   lu.assertEquals(dom0.started[1].calls, { "stop", "join" })

@@ -9,13 +9,14 @@ function M.TestWorkers:setUp()
   dom0 = self.domain
 end
 
-function M.TestWorkers:test_one_beats_and_one_works_for_each_plugin()
+function M.TestWorkers:test_one_beats_one_listens_and_one_works_for_each_plugin()
   workers.start(self.domain, { { id = "a", plugin = {} }, { id = "bad", error = "x" }, { id = "b", plugin = {} } })
   local started = self.domain.started
-  lu.assertEquals(#started, 3)
+  lu.assertEquals(#started, 4)
   lu.assertEquals(started[1].module, "vx_agent.heartbeat")
-  lu.assertEquals(started[3].module, "vx_agent.collector")
-  lu.assertEquals(started[3].argument, { plugin = "b" })
+  lu.assertEquals(started[2].module, "vx_agent.doorbell")
+  lu.assertEquals(started[4].module, "vx_agent.collector")
+  lu.assertEquals(started[4].argument, { plugin = "b" })
 end
 
 function M.TestWorkers:test_all_are_asked_to_end_before_any_is_waited_for()
@@ -29,12 +30,12 @@ function M.TestWorkers:test_all_are_asked_to_end_before_any_is_waited_for()
     end
   end
   crew:stop()
-  lu.assertEquals(order, { "stop 1", "stop 2", "join 1", "join 2" })
+  lu.assertEquals(order, { "stop 1", "stop 2", "stop 3", "join 1", "join 2", "join 3" })
 end
 
 function M.TestWorkers:test_a_worker_that_does_not_end_is_named()
   local crew = workers.start(self.domain, { { id = "slow", plugin = {} } })
-  self.domain.started[2].stuck = true
+  self.domain.started[3].stuck = true
   crew:stop()
   lu.assertEquals(self.domain.lines, { "warning: Worker 'plugin slow' has not ended within its time" })
 end
@@ -53,7 +54,10 @@ end
 function M.TestWorkers:test_a_worker_that_cannot_be_started_is_an_error_line_and_the_others_start()
   self.domain.refuse_threads = true
   local crew = workers.start(self.domain, {})
-  lu.assertEquals(self.domain.lines, { "error: Worker 'heartbeat' cannot be started: no thread to be had" })
+  lu.assertEquals(self.domain.lines, {
+    "error: Worker 'heartbeat' cannot be started: no thread to be had",
+    "error: Worker 'doorbell' cannot be started: no thread to be had",
+  })
   crew:stop()
 end
 

@@ -18,7 +18,7 @@ const std::vector<Command>& Commands()
         {"wait", "Watching", "Wait until the agent runs, has stopped, or has given a heartbeat", AddWait},
         {"log", "Watching", "The log, across rotated files", AddLog},
         {"events", "Watching", "Agent events", AddEvents},
-        {"heartbeats", "Watching", "The history of heartbeats", AddHeartbeats},
+        {"heartbeats", "Watching", "The history of heartbeats; asks for one", AddHeartbeats},
         {"crashes", "Watching", "Crash dumps: what crashed where, and how to open one", AddCrashes},
         {"report", "Watching", "The agent's report on its host, also as a page of HTML", AddReport},
         {"bundle", "Watching", "One archive for somebody who looks into a fault", AddBundle},

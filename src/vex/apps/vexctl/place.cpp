@@ -6,6 +6,7 @@
 #include "vex/core/pidfile.h"
 #include "vex_core/base/ascii.h"
 #include "vex_core/base/text.h"
+#include "vex_core/domain/doorbell.h"
 #include "vex_core/domain/settings_sources.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
@@ -48,6 +49,11 @@ std::string Place::PendingEventsFile() const
 std::string Place::HeartbeatFile() const
 {
     return workFolder + "/plugins/vx_agent/heartbeat.db";
+}
+
+std::string Place::HeartbeatBell() const
+{
+    return workFolder + "/plugins/vx_agent/" + VexCore::doorbellName;
 }
 
 std::string Place::DumpFolder() const

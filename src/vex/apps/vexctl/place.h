@@ -17,6 +17,8 @@ struct Place
     std::string EventsFile() const;
     std::string PendingEventsFile() const;
     std::string HeartbeatFile() const;
+    /// The pipe through which a heartbeat is asked for.
+    std::string HeartbeatBell() const;
     std::string DumpFolder() const;
     /// The agent's own file of settings, and that of the host.
     std::string LocalSettingsFile() const;

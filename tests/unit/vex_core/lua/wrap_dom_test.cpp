@@ -154,7 +154,7 @@ TEST_F(DomainInLua, EveryMethodRefusesAWrongReceiver)
                   "local ok, message = pcall(method, {}) "
                   "assert(not ok and message:find(\"'SLB.Dom:\" .. name .. \"'\", 1, true), name) n = n + 1 end return "
                   "n end)()"),
-              "16");
+              "17");
 }
 
 TEST_F(DomainInLua, EveryMethodWithArgumentsRefusesAWrongFirstOne)
@@ -165,7 +165,7 @@ TEST_F(DomainInLua, EveryMethodWithArgumentsRefusesAWrongFirstOne)
             "local start = \"bad argument #1 to 'SLB.Dom:\" .. name .. \"' (\" "
             "assert(not ok and message:find(start, 1, true) and message:find(' expected, got function)', 1, true), "
             "name .. ': ' .. tostring(message)) n = n + 1 end end return n end)()"),
-        "15");
+        "16");
 }
 
 TEST_F(DomainInLua, WrongFurtherArgumentsAreRefused)
@@ -173,6 +173,8 @@ TEST_F(DomainInLua, WrongFurtherArgumentsAreRefused)
     EXPECT_THAT(Run("dom0:GetBool('k', 'x')"), HasSubstr("#2 to 'SLB.Dom:GetBool' (boolean expected, got string)"));
     EXPECT_THAT(Run("dom0:Trace('mine', {})"), HasSubstr("#2 to 'SLB.Dom:Trace' (string expected, got table)"));
     EXPECT_THAT(Run("dom0:Log('info', {})"), HasSubstr("#2 to 'SLB.Dom:Log' (string expected, got table)"));
+    EXPECT_THAT(Run("dom0:AnswerDoorbell('p', {})"),
+                HasSubstr("#2 to 'SLB.Dom:AnswerDoorbell' (string expected, got table)"));
     EXPECT_THAT(Run("dom0:StartThread('m', print)"),
                 HasSubstr("#2 to 'SLB.Dom:StartThread' (nil, boolean, number, string or a "
                           "table of them expected, got function)"));
@@ -369,6 +371,13 @@ TEST_F(DomainInLua, PluginWorkdirThatOthersMayWriteIsNone)
             + m_folder
                   / "plugins' is not used, because others may write it (mode 0777): take that right from them with "
                     "chmod go-w");
+}
+
+TEST_F(DomainInLua, DoorbellThatCannotBeHadIsTold)
+{
+    std::filesystem::create_directories(m_folder / "plugins/x/doorbell");
+    EXPECT_EQ(Run("dom0:AnswerDoorbell('x', 'rung')"),
+              "false " + m_folder / "plugins/x/doorbell: it is there and is no pipe of this user alone; take it away");
 }
 
 TEST_F(DomainInLua, ExecuteRunsAProgramWithArguments)
