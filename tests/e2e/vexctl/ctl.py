@@ -1,8 +1,11 @@
 """Calls of vexctl on a tree of the agent."""
+import fcntl
 import json
 import os
 import sqlite3
+import struct
 import subprocess
+import termios
 import time
 import zipfile
 
@@ -24,6 +27,23 @@ def ctl(tree, *arguments, status=0, user=None, executable=None, **options):
     assert result.returncode == status, f"status {result.returncode}\n{out}\n{err}"
     result.out, result.err = out, err
     return result
+
+
+def seen_on_terminal(tree, *arguments):
+    """What a terminal gets of its standard error."""
+    master, slave = os.openpty()
+    fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("4H", 24, 1000, 0, 0))
+    process = tree.start(*arguments, name="vexctl", stdout=subprocess.DEVNULL, stderr=slave)
+    os.close(slave)
+    shown = b""
+    try:
+        while part := os.read(master, 65536):
+            shown += part
+    except OSError:  # the end of a terminal
+        pass
+    os.close(master)
+    assert process.wait(PATIENCE) == 0, shown
+    return shown.decode("utf-8", "surrogateescape")
 
 
 def checked(kind, text):

@@ -1,5 +1,4 @@
 """vexctl bundle: what goes into the archive, and what does not."""
-import io
 import json
 import os
 import re
@@ -9,7 +8,7 @@ import tarfile
 import pytest
 
 import conftest
-from ctl import checked, ctl, state_of, with_events
+from ctl import checked, ctl, seen_on_terminal, state_of, with_events
 
 LOG = "2026-01-31 10:20:30 INFO [100/main] vx_agent 10.0.0.1, host agent, process 100\n2026-01-31 10:20:31 WARNING [100/main] login with password=hunter2\n"
 
@@ -106,15 +105,5 @@ def test_a_full_disk_and_a_pipe_that_closes_leave_no_half_file(tree):
 
 def test_a_terminal_sees_what_is_looked_at(tree, tmp_path):
     with_work(tree)
-    master, slave = os.openpty()
-    process = tree.start("bundle", "-o", str(tmp_path / "case.tar.gz"), name="vexctl", stdout=subprocess.DEVNULL, stderr=slave)
-    os.close(slave)
-    shown = io.BytesIO()
-    try:
-        while part := os.read(master, 65536):
-            shown.write(part)
-    except OSError:  # the end of a terminal
-        pass
-    os.close(master)
-    assert process.wait(conftest.PATIENCE) == 0
-    assert b"looking at the report ..." in shown.getvalue() and shown.getvalue().endswith(b"\r\x1b[K")
+    shown = seen_on_terminal(tree, "bundle", "-o", str(tmp_path / "case.tar.gz"))
+    assert "looking at the report ..." in shown and shown.endswith("\r\x1b[K")

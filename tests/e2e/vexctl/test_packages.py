@@ -10,7 +10,7 @@ import pytest
 
 import conftest
 from conftest import BUILD_NUMBER, OTHER_VERSION, VERSION, mount_tmpfs, unmount
-from ctl import checked, ctl, state_of, with_zip
+from ctl import checked, ctl, seen_on_terminal, state_of, with_zip
 
 MACHINE = platform.machine()
 PLUGIN = "return {{ name = 'Spool', version = '{}', collect = function() return {{ value = {} }} end }}\n"
@@ -64,6 +64,19 @@ def with_spool(tree, tmp_path, build=1, **files):
     ctl(tree, "install", package)
     start(tree)
     return package
+
+
+# --- on a terminal
+
+
+def test_a_terminal_sees_how_far_it_is(tree, tmp_path):
+    folder = folder_of(tmp_path, "spool", {"a": os.urandom(30_000_000), "b": "", "c": ""})
+    shown = seen_on_terminal(tree, "pack", "plugin", folder, "-o", str(tmp_path))
+    assert "\rpacking 1 of 3 files: a ..." in shown.replace("\x1b[K", "") and shown.endswith(f"checking {named()} ...\r\x1b[K")
+    package = str(tmp_path / named())
+    shown = seen_on_terminal(tree, "install", package).split("\r\x1b[K")
+    assert shown[0] == shown[-1] == "" and shown[1] == f"checking {package} ..."
+    assert f"copying 128.0 KiB of 28.6 MiB: {named()} ..." in shown and shown[-2] == f"checking {named()} ..."
 
 
 # --- the whole way

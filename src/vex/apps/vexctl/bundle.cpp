@@ -7,6 +7,7 @@
 #include "vex/apps/vexctl/crash_list.h"
 #include "vex/apps/vexctl/json_text.h"
 #include "vex/apps/vexctl/new_file.h"
+#include "vex/apps/vexctl/progress.h"
 #include "vex/apps/vexctl/report_page.h"
 #include "vex/apps/vexctl/secrets.h"
 #include "vex/apps/vexctl/shown_text.h"
@@ -47,33 +48,6 @@ struct BundleOptions
     std::vector<std::string> launcher;
 };
 
-// What is done just now, on a terminal.
-class Progress
-{
-public:
-    explicit Progress(Output& err) : m_err(err) {}
-    ~Progress()
-    {
-        try {
-            Show("");
-        } catch (const std::exception&) { // there is no terminal any more
-        }
-    }
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
-
-    void Show(const std::string& text)
-    {
-        if (!m_err.IsTerminal())
-            return;
-        m_err.Write("\r\x1b[K" + (text.empty() ? "" : CutToColumns("looking at " + text + " ...", m_err.Width())));
-        m_err.Flush();
-    }
-
-private:
-    Output& m_err;
-};
-
 class Bundle
 {
 public:
@@ -98,10 +72,10 @@ public:
         AddFolder("work-folder.txt", "names of the files in the work folder", m_session.place.workFolder);
         AddFolder("installed.txt", "names of the installed files", m_session.place.binFolder);
         Add("README.txt", "what is in here", Readme());
-        m_progress.Show("the archive");
+        m_progress.Show("writing the archive");
         const std::string bytes = m_archive.Finish();
         WriteNewFile(path, bytes);
-        m_progress.Show("");
+        m_progress.Clear();
         Tell(path, bytes.size());
         return statusDone;
     }
@@ -133,7 +107,7 @@ private:
     template <typename Function>
     void Try(const std::string& what, const Function& function)
     {
-        m_progress.Show(what);
+        m_progress.Show("looking at " + what);
         try {
             function();
         } catch (const Failure& failure) {
@@ -232,7 +206,7 @@ private:
 
     void AddSettings()
     {
-        m_progress.Show("the settings");
+        m_progress.Show("looking at the settings");
         for (const auto& [path, text] : ReadSettings(m_session.place, m_problems)) {
             std::string name = path.substr(path.find_first_not_of('/'));
             std::replace(name.begin(), name.end(), '/', '_');
@@ -257,7 +231,7 @@ private:
     // Names, modes, sizes and times; links are not followed.
     void AddFolder(const std::string& name, const char* what, const std::string& folder)
     {
-        m_progress.Show(folder);
+        m_progress.Show("looking at " + folder);
         std::map<std::string, std::string> lines; // by path
         ListBelow(folder, lines);
         if (lines.size() >= maxListed)

@@ -25,7 +25,10 @@ void TellNewer(Session& session, const PackageName& name)
 
 int Install(Session& session, const InstallOptions& options)
 {
+    Progress progress(session.err);
+    progress.Show("checking " + options.file);
     const Verdict verdict = CheckPackage(options.file);
+    progress.Clear();
     if (!verdict.unread.empty())
         throw Failure(options.file + ": " + verdict.unread);
     if (!verdict.reasons.empty())

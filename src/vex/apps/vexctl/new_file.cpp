@@ -81,17 +81,21 @@ void NewFile::Place()
         Fail();
 }
 
-void CopyInto(NewFile& file, const std::string& path)
+void CopyInto(NewFile& file, const std::string& path, const BytesDone& told)
 {
     const VexCore::os::Descriptor source(VexCore::os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
+    struct stat status = {};
     std::vector<char> buffer(128 * 1024);
-    for (;;) {
-        const ssize_t count = source ? VexCore::os::Read(source.Get(), buffer.data(), buffer.size()) : -1;
+    for (std::uint64_t done = 0;;) {
+        const bool isOpen = source && VexCore::os::FStat(source.Get(), status) == 0;
+        const ssize_t count = isOpen ? VexCore::os::Read(source.Get(), buffer.data(), buffer.size()) : -1;
         if (count < 0)
             throw Failure(path + ": " + VexCore::os::ErrorText(VexCore::os::LastError()));
         if (count == 0)
             return;
         file.Write({buffer.data(), static_cast<std::size_t>(count)});
+        done += static_cast<std::uint64_t>(count);
+        told(done, static_cast<std::uint64_t>(status.st_size));
     }
 }
 

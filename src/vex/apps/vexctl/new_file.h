@@ -3,6 +3,8 @@
 
 #include "vex_core/os/descriptor.h"
 
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -47,8 +49,11 @@ private:
     bool m_isPlaced = false;
 };
 
+/// Is told how many bytes of how many are done.
+using BytesDone = std::function<void(std::uint64_t done, std::uint64_t all)>;
+
 /// Copies a regular file into a new one. Throws Failure.
-void CopyInto(NewFile& file, const std::string& path);
+void CopyInto(NewFile& file, const std::string& path, const BytesDone& told);
 
 /// Makes a file of these bytes, for its owner alone. Throws Failure.
 void WriteNewFile(const std::string& path, std::string_view bytes);

@@ -96,8 +96,12 @@ int Pack(Session& session, const PackOptions& options)
         version->Close();
     }
     NewFile archive(output + "/" + file, Readers::All);
-    WriteArchive(archive, content.files);
-    if (const std::vector<std::string> reasons = WhyRefused(archive.TemporaryPath()); !reasons.empty())
+    Progress progress(session.err);
+    WriteArchive(archive, content.files, progress);
+    progress.Show("checking " + file);
+    const std::vector<std::string> reasons = WhyRefused(archive.TemporaryPath());
+    progress.Clear();
+    if (!reasons.empty())
         return Tell(session, reasons);
     if (version)
         version->Place();

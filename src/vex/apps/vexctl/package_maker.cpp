@@ -132,16 +132,27 @@ FolderContent ReadFolder(const std::string& folder, const std::vector<std::strin
     return Walk(folder, excluded, output).content;
 }
 
-void WriteArchive(NewFile& archive, const std::vector<PackedFile>& files)
+void WriteArchive(NewFile& archive, const std::vector<PackedFile>& files, Progress& progress)
 {
     ArchiveWriter writer([&archive](const char* data, std::size_t size) { archive.Write({data, size}); });
+    const std::string ofAll = " of " + Counted(files.size(), "file") + ": ";
+    std::size_t at = 0;
     for (const PackedFile& file : files) {
+        ++at;
+        const auto tell = [&] {
+            if (progress.IsDue())
+                progress.Show("packing " + std::to_string(at) + ofAll + file.name);
+        };
+        tell();
         if (file.path.empty()) {
             writer.Add(file.name, file.mode, [] { return std::string_view(); });
             continue;
         }
         FileSource source(file.path);
-        writer.Add(file.name, file.mode, [&source] { return source.Next(); });
+        writer.Add(file.name, file.mode, [&] {
+            tell();
+            return source.Next();
+        });
     }
     writer.Finish();
     archive.Close();

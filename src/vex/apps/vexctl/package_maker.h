@@ -3,6 +3,7 @@
 
 #include "vex/apps/vexctl/new_file.h"
 #include "vex/apps/vexctl/package_check.h"
+#include "vex/apps/vexctl/progress.h"
 
 #include <string>
 #include <vector>
@@ -28,8 +29,8 @@ struct FolderContent
 FolderContent ReadFolder(const std::string& folder, const std::vector<std::string>& excluded,
                          const std::string& output);
 
-/// Writes an archive of these files and closes it. Throws Failure.
-void WriteArchive(NewFile& archive, const std::vector<PackedFile>& files);
+/// Writes an archive of these files and closes it; tells the file that it is at. Throws Failure.
+void WriteArchive(NewFile& archive, const std::vector<PackedFile>& files, Progress& progress);
 
 /// Every reason for which the launcher would refuse an archive that has no name of its own yet.
 std::vector<std::string> WhyRefused(const std::string& path);

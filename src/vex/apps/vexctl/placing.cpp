@@ -1,5 +1,6 @@
 #include "vex/apps/vexctl/placing.h"
 
+#include "vex/apps/vexctl/heartbeat_history.h"
 #include "vex/apps/vexctl/service.h"
 #include "vex/apps/vexctl/shown_text.h"
 
@@ -26,9 +27,16 @@ int TellRefused(Session& session, const std::string& path, const std::vector<std
 int PlaceCopy(Session& session, const std::string& path, const std::string& name)
 {
     NewFile copy(session.place.binFolder + "/" + name, Readers::All);
-    CopyInto(copy, path);
+    Progress progress(session.err);
+    CopyInto(copy, path, [&](std::uint64_t done, std::uint64_t all) {
+        if (progress.IsDue())
+            progress.Show("copying " + BytesText(static_cast<std::int64_t>(done)) + " of "
+                          + BytesText(static_cast<std::int64_t>(all)) + ": " + name);
+    });
     copy.Close();
+    progress.Show("checking " + name);
     const Verdict verdict = CheckPackage(copy.TemporaryPath(), name);
+    progress.Clear();
     if (!verdict.unread.empty())
         throw Failure(copy.TemporaryPath() + ": " + verdict.unread);
     if (!verdict.reasons.empty())
@@ -50,7 +58,9 @@ int PlaceMarker(Session& session, const std::string& name, const std::vector<std
             return TellRefused(session, path, {"it is no regular file any more; take it away by hand"});
         entries.push_back({file, std::string(), 0644});
     }
-    WriteArchive(marker, entries);
+    Progress progress(session.err);
+    WriteArchive(marker, entries, progress);
+    progress.Clear();
     if (const std::vector<std::string> reasons = WhyRefused(marker.TemporaryPath()); !reasons.empty())
         return TellRefused(session, marker.Path(), reasons);
     marker.Place();
