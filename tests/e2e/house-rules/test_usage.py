@@ -44,6 +44,7 @@ def call(*command, **options):
     (["tools/bench", "nonsense"], "there is no benchmark 'nonsense', but bench_dom "),
     (["tools/mutate"], "name sources, or --again"),
     (["tools/mutate", "src/nonsense.cpp"], "src/nonsense.cpp is no source of the launcher, the core library or the binder"),
+    (["tools/demo", "nonsense"], "usage: tools/demo STAGE PAGE"),
     (["tools/run_tree", "nonsense"], "usage: tools/run_tree STAGE PACKAGES TREE"),
     (["tools/sandbox"], "usage: tools/sandbox COMMAND"),
     (["tools/setup", "nonsense"], "usage: tools/setup"),
