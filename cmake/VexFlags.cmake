@@ -90,14 +90,18 @@ endfunction()
 # Several sources of a target are compiled as one unit, which halves the time of a build: most of it goes into headers and
 # templates that every source compiles again. ROOMS makes a unit of each folder: the linker takes a unit as a whole, so that
 # what links an archive of the objects gets the rooms that it uses. The room that stands above all others has a unit for each
-# source, or who needs one of them got every room. VEX_UNITY is OFF for those that need each source by itself.
+# source, or who needs one of them got every room. BATCH is how many sources a unit has else: the more, the less each costs,
+# and the more is compiled again when one of them changes. VEX_UNITY is OFF for those that need each source by itself.
 # Shipped code has no precompiled header: with one, gcc's debug data depends on the folder that the sources lie in.
 function(vex_unity target)
-  cmake_parse_arguments(arg "ROOMS" "" "" ${ARGN})
+  cmake_parse_arguments(arg "ROOMS" "BATCH" "" ${ARGN})
   if(NOT VEX_UNITY)
     return()
   endif()
-  set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 7)
+  if(NOT arg_BATCH)
+    set(arg_BATCH 14)
+  endif()
+  set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${arg_BATCH})
   if(arg_ROOMS)
     set_target_properties(${target} PROPERTIES UNITY_BUILD_MODE GROUP)
     get_target_property(sources ${target} SOURCES)

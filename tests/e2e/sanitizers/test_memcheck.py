@@ -8,10 +8,9 @@ import pytest
 from conftest import ROOT, SANITIZED
 
 
-@pytest.mark.quick
 @pytest.mark.skipif(SANITIZED, reason="a sanitizer is a memory checker of its own")
 @pytest.mark.skipif(shutil.which("valgrind") is None, reason="NO VALGRIND HERE")
-@pytest.mark.parametrize("name", ["vx_agent", "probe"])
+@pytest.mark.parametrize("name", ["vx_agent", pytest.param("probe", marks=pytest.mark.quick)])
 def test_a_foreground_run_has_no_memory_error_and_no_definite_leak(tree, name):
     if name == "probe":
         tree.app(name, "return { init = function() return 0 end, main = function() return require('vex.json') and 0 end }")
