@@ -35,8 +35,8 @@ CLONE_NEWNS, MS_REC, MS_PRIVATE, MNT_DETACH = 0x00020000, 0x4000, 0x40000, 2
 # The system tells a child of its parent's death when the parent's thread ends that made it, and again for each thread after it.
 PARENT_DIES_ONCE = pytest.mark.skipif(SANITIZER == "thread", reason="the sanitizer has a thread of its own in the supervisor, "
                                       "so that its child is told twice of its death, which cuts shutdown short")
-# A sanitizer build takes its time; what waits for it is patient and still ends.
-PATIENCE = 60 if SANITIZED else 30
+# How long a test waits for what should come: for ever, as far as a busy machine is concerned, and still it ends.
+PATIENCE = 120
 # For an agent that somebody else traces: the search for leaks is a tracer itself, and there is room for one.
 TRACED = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
 # Somebody without rights, for tests that are not to run as root alone.
@@ -177,6 +177,14 @@ def send_signal(pid, number):
     os.kill(pid, number)
 
 
+def send_signal_if_there(pid, number):
+    """The same for a process that may end, and be waited for, at any moment."""
+    try:
+        send_signal(pid, number)
+    except ProcessLookupError:
+        pass
+
+
 def alive(pid):
     """Whether a process exists and is no zombie."""
     try:
@@ -189,12 +197,12 @@ def alive(pid):
 def children(pid):
     """The pids of a process's children, zombies included."""
     found = []
-    for task in os.listdir(f"/proc/{pid}/task") if os.path.isdir(f"/proc/{pid}/task") else []:
-        try:
+    try:
+        for task in os.listdir(f"/proc/{pid}/task"):
             with open(f"/proc/{pid}/task/{task}/children") as file:
                 found += [int(word) for word in file.read().split()]
-        except OSError:
-            pass
+    except OSError:  # the process has ended, or one of its threads
+        pass
     return found
 
 
@@ -205,6 +213,41 @@ def switches(pid):
         with open(f"/proc/{pid}/task/{task}/status") as file:
             total += sum(int(line.split()[1]) for line in file if "ctxt_switches" in line)
     return total
+
+
+def at_rest(*pids):
+    """`switches` of each process, once all their threads sleep and have not been woken for a moment. A thread that waits for a
+    processor sleeps as little as one that has it."""
+    def asleep(pid):
+        for task in os.listdir(f"/proc/{pid}/task"):
+            with open(f"/proc/{pid}/task/{task}/stat", "rb") as file:
+                if file.read().rpartition(b")")[2].split()[0] != b"S":
+                    return False
+        return True
+
+    def look():
+        try:
+            counted = [switches(pid) for pid in pids]
+            return counted if all(map(asleep, pids)) else None
+        except OSError:  # a thread has ended
+            return None
+
+    def same_for_a_moment():
+        first = look()
+        time.sleep(0.3)
+        return first if first == look() else None
+    return wait_until(same_for_a_moment, what="processes at rest")
+
+
+def all_that_is_shown(master):
+    """What was written to a terminal until nobody had it any more. It arrives in pieces, and may still be on its way then."""
+    shown = b""
+    try:
+        while piece := os.read(master, 10000):
+            shown += piece
+    except OSError:  # nobody has the terminal any more
+        pass
+    return shown
 
 
 def wait_until(condition, seconds=None, what="condition"):
@@ -335,11 +378,8 @@ class Tree:
                     item.kill()
                     item.wait()
             elif alive(item):
-                for child in children(item):
-                    if alive(child):
-                        send_signal(child, signal.SIGKILL)
-                if alive(item):
-                    send_signal(item, signal.SIGKILL)
+                for pid in (*children(item), item):
+                    send_signal_if_there(pid, signal.SIGKILL)
         # Whatever else runs from this tree: children of a supervisor that was killed, for instance.
         for entry in os.listdir("/proc"):
             if entry.isdigit() and int(entry) > 1:
@@ -348,7 +388,7 @@ class Tree:
                 except OSError:
                     continue
                 if executable.startswith(self.path + "/"):
-                    send_signal(int(entry), signal.SIGKILL)
+                    send_signal_if_there(int(entry), signal.SIGKILL)
 
 
 @pytest.fixture

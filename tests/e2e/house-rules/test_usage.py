@@ -7,10 +7,11 @@ import pty
 import shutil
 import subprocess
 import sys
+import threading
 
 import pytest
 
-from conftest import ROOT
+from conftest import PATIENCE, ROOT, all_that_is_shown
 
 
 def load(name, path=None):
@@ -29,7 +30,7 @@ def _run_tests():
 
 
 def call(*command, **options):
-    return subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, timeout=60, check=False, **options)
+    return subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, timeout=2 * PATIENCE, check=False, **options)
 
 
 @pytest.mark.fast
@@ -64,17 +65,6 @@ def test_help_is_given_before_anything_is_built(command, word):
     result = call(command, "--help", capture_output=True, text=True)
     assert (result.returncode, result.stderr) == (0, "")
     assert word in result.stdout
-
-
-def all_that_is_shown(master):
-    """What is written to a terminal arrives in pieces."""
-    shown = b""
-    try:
-        while piece := os.read(master, 10000):
-            shown += piece
-    except OSError:  # nobody has the terminal any more
-        pass
-    return shown
 
 
 def test_the_tests_colour_their_words_on_a_terminal_only():
@@ -162,18 +152,33 @@ def test_how_far_a_step_is_stands_on_a_terminal_only(monkeypatch, tmp_path, term
     monkeypatch.delenv("NO_COLOR", raising=False)
     monkeypatch.setenv("TERM", "xterm")
     master, slave = pty.openpty()
+    shown = []
+
+    def watch():
+        while piece := os.read(master, 10000):
+            shown.append(piece.decode())
+            if "slow 3/9" in "".join(shown):
+                (tmp_path / "seen").touch()
+            if "slow ... " in "".join(shown):
+                break
     with open(slave, "w") if terminal else open(tmp_path / "shown", "w+") as stream:
-        slow = steps.Step("slow", ["sh", "-c", "echo '[3/9] Building'; sleep 1.2"])
+        watcher = threading.Thread(target=watch)
+        if terminal:
+            watcher.start()
+        # It ends when it has been seen, or, where nobody is to see it, after more than the time of a look.
+        waits = f"while [ ! -e '{tmp_path}/seen' ]; do sleep 0.1; done" if terminal else "sleep 1.2"
+        slow = steps.Step("slow", ["sh", "-c", "echo '[3/9] Building'; " + waits], timeout=PATIENCE)
         bad = steps.Step("bad", ["sh", "-c", "echo why; exit 3"])
         outcomes = {outcome.step.name: outcome.failure for outcome in steps.run_together([slow, bad], steps.Screen(stream))}
-        if not terminal:
+        if terminal:
+            watcher.join()
+        else:
             stream.seek(0)
-            shown = stream.read()
-    if terminal:
-        shown = all_that_is_shown(master).decode()
-    else:
+            shown.append(stream.read())
+    if not terminal:
         os.close(slave)
     os.close(master)
+    shown = "".join(shown)
     assert outcomes == {"slow": "", "bad": "3"}
     assert ("slow 3/9" in shown) == ("\r\033[K" in shown) == terminal
     if not terminal:

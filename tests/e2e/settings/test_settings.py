@@ -6,7 +6,7 @@ import shutil
 
 import pytest
 
-from conftest import wait_until
+from conftest import PATIENCE, all_that_is_shown, wait_until
 
 SHOW = """
 local settings = require("vex.settings")
@@ -63,12 +63,11 @@ def test_an_operator_at_a_terminal_sees_the_faults_there(tree):
     tree.app("probe", SHOW)
     path = tree.file("work/probe.ini", FAULTY)
     ours, theirs = pty.openpty()
-    try:
-        assert tree.start(name="probe", stderr=theirs, stdout=theirs).wait(60) == 0
-        shown = os.read(ours, 65536).decode()
-    finally:
-        os.close(theirs)
-        os.close(ours)
+    process = tree.start(name="probe", stderr=theirs, stdout=theirs)
+    os.close(theirs)
+    shown = all_that_is_shown(ours).decode()
+    os.close(ours)
+    assert process.wait(PATIENCE) == 0
     for fault in faults_of(path):
         assert shown.count(fault) == 1, shown
 

@@ -6,6 +6,8 @@ import xml.etree.ElementTree
 
 import pytest
 
+from conftest import all_that_is_shown
+
 PASS = "return { test_one = function() end, test_two = function() end }"
 FAIL = """local lu = require("luaunit")
 return { test_bad = function() lu.assertEquals("left", "right") end, test_good = function() end }"""
@@ -185,7 +187,7 @@ def test_colours_are_for_a_terminal_only(tree, scripts):
     command = [os.path.join(tree.path, "vx_agent"), "--unittest", "a.lua"]
     process = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=slave, cwd=scripts.path, timeout=60, check=False)
     os.close(slave)
-    written = os.read(master, 65536)
+    written = all_that_is_shown(master)
     os.close(master)
     assert process.returncode == 0 and b"\x1b[32m" in written
 
