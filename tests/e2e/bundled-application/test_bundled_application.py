@@ -13,7 +13,8 @@ import time
 
 import pytest
 
-from conftest import BUILD, BUILD_NUMBER, FULL, PATIENCE, SANITIZER, TRACED, VERSION, alive, children, send_signal, switches, wait_until
+from conftest import BUILD, BUILD_NUMBER, FULL, PATIENCE, SANITIZER, TRACED, VERSION, alive, at_rest, children, send_signal, \
+    send_signal_if_there, switches, wait_until
 
 
 def package(name, kind):
@@ -171,10 +172,16 @@ return { name = "E\\27[31m", version = "1", collect = function()
 @pytest.mark.fast
 def test_the_background_beats_at_the_start_on_request_and_by_the_clock_and_stops_cleanly(tree):
     tree.file("asker/plugin.lua", """
+local function beaten(dom) return io.open(dom:Get("app.path.work") .. "/vx_agent.log"):read("*a"):find("Heartbeat 1 ", 1, true) end
 return { name = "Asker", version = "1",
-  start = function(dom) dom:Wait("never", 0.3) dom:Set("vex.HeartbeatNow", true) end,
+  start = function(dom)
+    while not beaten(dom) do dom:Wait("never", 0.05) end -- the first beat would answer the request
+    dom:Set("vex.HeartbeatNow", true)
+    while dom:GetBool("vex.HeartbeatNow") do dom:Wait("vex.HeartbeatNow", 0.05) end
+    dom:Set("vex.HeartbeatInterval", 2)
+  end,
   stop = function(dom) dom:Log("info", "asker stops") end }""")
-    supervisor, _ = tree.background("--plugins", "asker", "--domain_var", "vex.HeartbeatInterval=2")
+    supervisor, _ = tree.background("--plugins", "asker", "--domain_var", "vex.HeartbeatInterval=3600")
     wait_until(lambda: len(beats(tree)) >= 3, what="three beats")
     assert [reason for _, reason in beats(tree)[:3]] == ["start", "request", "interval"]
     tree.stop(supervisor)
@@ -226,8 +233,7 @@ end }""")
         wait_until(lambda: len(acknowledged(tree)) > before + 5, what="beats")
         time.sleep(moments.uniform(0, 0.05))
         send_signal(supervisor, signal.SIGKILL)
-        if alive(child):
-            send_signal(child, signal.SIGKILL)
+        send_signal_if_there(child, signal.SIGKILL)
         wait_until(lambda: not alive(child) and not alive(supervisor), what="end")
         told, stored = acknowledged(tree), {number for number, _ in beats(tree)}
         assert len(told) > before + 5 and set(told) <= stored
@@ -237,12 +243,11 @@ end }""")
 @pytest.mark.sandbox
 @pytest.mark.skipif(SANITIZER == "thread", reason="this sanitizer has a thread of its own, which wakes up")
 def test_supervisor_and_child_do_nothing_between_beats_and_collections(tree):
-    supervisor, child = tree.background(*install(tree, "Network", "Trend"))
+    supervisor, child = tree.background(*install(tree, "Network", "Trend"), "--domain_var", "vex.HeartbeatInterval=3600")
     wait_until(lambda: acknowledged(tree), what="the first beat")
     wait_until(lambda: len(os.listdir(f"/proc/{child}/task")) >= 5, what="main, script and three workers")
     wait_until(lambda: rows_of(tree, "trend/samples.db", "sample"), what="the first sample")
-    time.sleep(1.5)
-    before = [switches(pid) for pid in (supervisor, child)]
+    before = at_rest(supervisor, child)
     time.sleep(8)
     assert [switches(pid) for pid in (supervisor, child)] == before
     assert children(supervisor) == [child]

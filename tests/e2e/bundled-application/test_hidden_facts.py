@@ -51,11 +51,10 @@ def test_a_beat_without_the_facts_is_a_row_without_them(tree):
     tree.app("probe", """
 return { main = function()
   local worker = dom0:StartThread("vx_agent.heartbeat")
-  for _ = 1, 100 do
-    local file = io.open(dom0:Get("app.path.work") .. "/probe.log")
-    if file and file:read("*a"):find("Heartbeat 1 ", 1, true) then break end
+  repeat
     dom0:Wait("never", 0.1)
-  end
+    local file = io.open(dom0:Get("app.path.work") .. "/probe.log")
+  until file and file:read("*a"):find("Heartbeat 1 ", 1, true)
   worker:Stop()
   worker:Join()
   return 0

@@ -6,13 +6,12 @@ import sqlite3
 import struct
 import subprocess
 import termios
-import time
 import zipfile
 
 import jsonschema
 import pytest
 
-from conftest import PATIENCE, ROOT, wait_until
+from conftest import PATIENCE, ROOT, at_rest, wait_until
 
 EVENTS = ("CREATE TABLE agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number INTEGER, severity INTEGER,"
           " text TEXT, xml TEXT); CREATE INDEX agent_event_time ON agent_event(time_ms);")
@@ -97,16 +96,10 @@ def state_of(folder):
     return found
 
 
-def quiet_state_of(folder):
+def quiet_state_of(folder, *pids):
     """The same, once an agent that runs has done all that belongs to its start and to its first heartbeat."""
-    seen = [state_of(folder)]
-
-    def is_quiet():
-        time.sleep(0.3)
-        seen.append(state_of(folder))
-        return seen[-1] == seen[-2]
-    wait_until(is_quiet, what="an agent that writes nothing for a moment")
-    return seen[-1]
+    at_rest(*pids)
+    return state_of(folder)
 
 
 class Following:

@@ -19,9 +19,9 @@ def status_of(tree, status, *arguments, **options):
 @pytest.mark.quick
 @pytest.mark.fast
 def test_a_running_agent_is_told_with_its_processes_its_heartbeat_and_its_version(tree):
-    supervisor, child = tree.background()
+    supervisor, child = tree.background("--domain_var", "vex.HeartbeatInterval=3600")
     ctl(tree, "wait", "heartbeat")
-    before = quiet_state_of(tree.work)
+    before = quiet_state_of(tree.work, supervisor, child)
     told = status_of(tree, 0)
     assert (told["schema"], told["name"], told["state"], told["starting"], told["stopping"]) == (1, "vx_agent", "running", False, False)
     assert (told["supervisor"]["pid"], told["child"]["pid"]) == (supervisor, child)
@@ -134,6 +134,8 @@ return M
     with open(os.path.join(tree.work, "go"), "w"):
         pass
     ctl(tree, "--name", "slow", "wait", "stopped")
+    # Stopped is an agent whose child has ended; its supervisor has that yet to tell.
+    wait_until(lambda: not conftest.alive(supervisor), what="the end of the supervisor")
     assert status_of(tree, 3, "--name", "slow")["last_end"]["exit_code"] == 0
 
 
