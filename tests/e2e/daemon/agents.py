@@ -121,7 +121,7 @@ def adopted_statuses(tree, env=None, action=None):
     tree._started.append(reaper)
     if action:
         action(wait_until(lambda: tree.supervisor("probe"), what="pid file"))
-    out, err = reaper.communicate(timeout=150)
+    out, err = reaper.communicate(timeout=300)
     assert (out.count("\n"), err) == (1, "")
     return ast.literal_eval(out)
 

@@ -91,7 +91,7 @@ def test_a_script_that_cannot_be_started_is_an_error_with_the_reason(tree, text,
 
 @pytest.mark.any_user
 def test_a_stop_while_the_script_hangs_ends_the_supervisor_at_once_and_leaves_the_script_to_itself(tree):
-    script("#!/bin/sh\necho $$ > /run/starting; mv /run/starting /run/hangs\nexec sleep 60\n")
+    script("#!/bin/sh\necho $$ > /run/starting; mv /run/starting /run/hangs\nexec sleep 600\n")
     tree.app("probe", ONCE)
     check_silent(tree.run("--background", name="probe"))
     supervisor = wait_until(lambda: tree.pid_file("probe"), what="pid file")
@@ -127,7 +127,7 @@ def test_a_script_is_run_before_each_restart_with_the_delays_between(tree):
     begin = time.monotonic()
     check_silent(tree.run("--background", name="probe"))
     wait_until(lambda: life(tree) == ["main"] * 4, what="fourth main")
-    assert 7 <= time.monotonic() - begin < 15
+    assert 7 <= time.monotonic() - begin < 60
     tree.stop(tree.pid_file("probe"))
     with open("/run/stops") as file:
         assert len(file.readlines()) == 3

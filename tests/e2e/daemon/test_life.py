@@ -9,8 +9,8 @@ import time
 import pytest
 
 from agents import CAUGHT, ENDED, LIFE, PID_FILE, check_log, delayed, exited, killed, life, run_adopted, stale
-from conftest import (BUILD_NUMBER, VERSION, BUILD, FULL, PARENT_DIES_ONCE, SANITIZED, SANITIZER, alive, children, send_signal, switches,
-                      wait_until)
+from conftest import (BUILD_NUMBER, VERSION, BUILD, FULL, PARENT_DIES_ONCE, SANITIZED, SANITIZER, alive, at_rest, children, send_signal,
+                      send_signal_if_there, switches, wait_until)
 
 pytestmark = pytest.mark.sandbox
 
@@ -65,6 +65,17 @@ def run_of_a_method(method):
     return [traced("RunAppMethod", f"Running app's Lua method '{method}'"), *run_of_a_chunk()]
 
 
+def descriptors(pid):
+    """Where each leads. Some may close meanwhile: around a fork the supervisor has a pipe as well."""
+    found = {}
+    for descriptor in os.listdir(f"/proc/{pid}/fd"):
+        try:
+            found[int(descriptor)] = os.readlink(f"/proc/{pid}/fd/{descriptor}")
+        except FileNotFoundError:
+            pass
+    return found
+
+
 @pytest.mark.any_user
 def test_the_supervisor_is_what_the_documents_say(tree):
     tree.app("probe", LIFE)
@@ -75,11 +86,11 @@ def test_the_supervisor_is_what_the_documents_say(tree):
     wait_until(lambda: not os.path.exists(f"/proc/{session}"), what="end of the first child")
     assert os.readlink(f"/proc/{supervisor}/cwd") == tree.work
     for descriptor in (0, 1, 2):
-        assert os.readlink(f"/proc/{supervisor}/fd/{descriptor}") == "/dev/null"
+        assert descriptors(supervisor)[descriptor] == "/dev/null"
     assert tree.pid_file("probe") == supervisor
     assert children(supervisor) == [child]
     assert status_of(supervisor)["Threads"] == ("2" if SANITIZER == "thread" else "1")  # that sanitizer has one of its own
-    opened = [os.readlink(f"/proc/{supervisor}/fd/{fd}") for fd in os.listdir(f"/proc/{supervisor}/fd")]
+    opened = descriptors(supervisor).values()
     assert not [name for name in opened if name.endswith(".db") or "-journal" in name or "-wal" in name]
     assert int(stat_of(child)[3]) == session
     owner = tree.identity.get("user", 0)
@@ -92,11 +103,9 @@ def test_the_supervisor_is_what_the_documents_say(tree):
 def test_supervisor_and_child_do_nothing_while_nothing_happens(tree):
     tree.app("probe", "return { main = function() return 0 end }")
     supervisor, child = tree.background(name="probe")
-    time.sleep(2)
-    seconds = 60 if FULL else 8
-    before = switches(supervisor), switches(child)
-    time.sleep(seconds)
-    assert (switches(supervisor), switches(child)) == before
+    before = at_rest(supervisor, child)
+    time.sleep(60 if FULL else 8)
+    assert [switches(supervisor), switches(child)] == before
     tree.stop(supervisor)
     check_log(tree, CAUGHT, ENDED)
 
@@ -112,7 +121,7 @@ def test_the_supervisor_needs_at_most_two_mebibytes_more_than_an_empty_wx_progra
         """Memory that belongs to no file. What is private of it would be next to nothing: the child shares all from before its fork."""
         with open(f"/proc/{pid}/smaps_rollup") as file:
             return sum(int(line.split()[1]) for line in file if line.startswith("Anonymous:"))
-    time.sleep(1)
+    at_rest(supervisor)
     ours, theirs = anonymous(supervisor), anonymous(empty.pid)
     empty.kill()
     empty.wait()
@@ -203,10 +212,9 @@ def test_the_signal_of_children_is_blocked_in_the_supervisor_and_in_every_child_
     tree.app("probe", LIFE)
     supervisor, child = tree.background(name="probe")
     wait_until(lambda: "main" in life(tree), what="main")
-    # It does so behind its first fork, and the child may be the faster one.
-    wait_until(lambda: blocks(supervisor, signal.SIGCHLD), what="blocked signal")
+    # It does so behind its first fork, where it blocks a stop for a moment, and the child may be the faster one.
+    wait_until(lambda: blocks(supervisor, signal.SIGCHLD) and not blocks(supervisor, signal.SIGTERM), what="its signals")
     assert not blocks(child, signal.SIGCHLD)
-    assert not blocks(supervisor, signal.SIGTERM)
     send_signal(child, signal.SIGKILL)
     wait_until(lambda: life(tree).count("main") == 2, what="second main")
     assert blocks(children(supervisor)[0], signal.SIGCHLD)
@@ -296,7 +304,7 @@ local M = {}
 local function note(what)
   local f = assert(io.open(dom0:Get("app.path.work") .. "/life", "a")); f:write(what, "\\n"); f:close()
 end
-local function pause(name) note(name); if os.getenv("VEX_TEST_SLOW") == name then dom0:Wait("never", name == "shutdown" and 30 or 2); note(name .. "-end") end return 0 end
+local function pause(name) note(name); if os.getenv("VEX_TEST_SLOW") == name then dom0:Wait("never", name == "shutdown" and 600 or 2); note(name .. "-end") end return 0 end
 function M.init() return pause("init") end
 function M.main() return pause("main") end
 function M.shutdown() return pause("shutdown") end
@@ -321,7 +329,6 @@ def test_a_second_stop_signal_at_the_child_cuts_shutdown_short(tree):
     tree.app("probe", SLOW)
     supervisor, child = tree.background(name="probe", env={"VEX_TEST_SLOW": "shutdown"})
     wait_until(lambda: "main" in life(tree), what="main")
-    time.sleep(0.3)
     send_signal(child, signal.SIGTERM)
     wait_until(lambda: "shutdown" in life(tree), what="shutdown")
     send_signal(child, signal.SIGTERM)
@@ -336,14 +343,12 @@ def test_a_later_stop_ends_the_supervisor_at_once_with_zero(tree):
 
     def stop(supervisor):
         wait_until(lambda: "main" in life(tree), what="main")
-        time.sleep(0.3)
         send_signal(supervisor, signal.SIGTERM)
-        wait_until(lambda: "shutdown" in life(tree) or not alive(supervisor), what="shutdown")
-        if alive(supervisor):
-            send_signal(supervisor, signal.SIGTERM)
+        wait_until(lambda: "shutdown" in life(tree), what="shutdown")
+        send_signal(supervisor, signal.SIGTERM)
     begin = time.monotonic()
     assert run_adopted(tree, {"VEX_TEST_SLOW": "shutdown"}, stop) == 0
-    assert time.monotonic() - begin < 20
+    assert time.monotonic() - begin < 60
     assert life(tree) == ["init", "main", "shutdown"] and not os.path.exists(PID_FILE)
     check_log(tree, CAUGHT)
 
@@ -351,17 +356,31 @@ def test_a_later_stop_ends_the_supervisor_at_once_with_zero(tree):
 @pytest.mark.any_user
 def test_a_stop_during_a_delay_ends_the_supervisor_at_once_with_zero_and_no_child(tree):
     tree.app("probe", LIFE)
+    lives = 0
+
+    def delays(supervisor):
+        """Holds the supervisor in a delay, which is twice as long each time; on a busy machine it may be over before it is held."""
+        nonlocal lives
+        lives += 1
+        wait_until(lambda: life(tree).count("main") == lives, what="main")
+        send_signal(children(supervisor)[0], signal.SIGKILL)
+        wait_until(lambda: delayed(lives)[1] in tree.log("probe"), what="delay")
+        send_signal(supervisor, signal.SIGSTOP)
+        wait_until(lambda: stat_of(supervisor)[0] == "T", what="held supervisor")
+        held = not children(supervisor) and not blocks(supervisor, signal.SIGTERM)
+        if not held:
+            send_signal(supervisor, signal.SIGCONT)
+        return held
 
     def stop(supervisor):
-        child = wait_until(lambda: children(supervisor), what="child")[0]
-        wait_until(lambda: "main" in life(tree), what="main")
-        send_signal(child, signal.SIGKILL)
-        wait_until(lambda: "Delaying 1000ms" in tree.log("probe"), what="delay")
+        while not delays(supervisor):
+            pass
         send_signal(supervisor, signal.SIGTERM)
+        send_signal(supervisor, signal.SIGCONT)
     assert run_adopted(tree, action=stop) == 0
-    assert life(tree) == ["init", "main"]
+    assert life(tree) == ["init", "main"] * lives
     assert not os.path.exists(PID_FILE)
-    check_log(tree, killed(9), delayed(1), stops=0)
+    check_log(tree, *[line for number in range(1, lives + 1) for line in (killed(9), delayed(number))], stops=0)
 
 
 @pytest.mark.any_user
@@ -373,7 +392,7 @@ def test_a_thousand_stops_in_a_second_leave_nothing_behind(tree):
         for _ in range(1000):
             if not alive(supervisor):
                 break
-            send_signal(supervisor, signal.SIGTERM)
+            send_signal_if_there(supervisor, signal.SIGTERM)
             time.sleep(0.0005)
     # The second one ends the supervisor at once with 0, unless the child was quicker to end with 0.
     assert run_adopted(tree, action=stop) == 0
@@ -391,7 +410,7 @@ def test_eight_starts_in_the_span_are_the_limit(tree):
     begin = time.monotonic()
     assert run_adopted(tree) == 255
     seconds = time.monotonic() - begin
-    assert 125 < seconds < 150, seconds
+    assert 125 < seconds < 200, seconds
     lives = [line for restart in range(1, 8) for line in (killed(9), delayed(restart))] + [killed(9)]
     check_log(tree, *lives, ("ERROR", "Too many restarts in too short of a time, exiting (8 restarts in less than 512 seconds)"), stops=0)
     assert not os.path.exists(PID_FILE)

@@ -56,7 +56,7 @@ def test_a_limit_of_the_size_of_files_is_an_error_of_the_write(tree):
     tree.app("probe", FLOOD)
     assert run_limited(tree, "-f 4", "--background").status == 0
     supervisor = wait_until(lambda: tree.supervisor("probe"), what="pid file")
-    child = children(supervisor)[0]
+    child, = wait_until(lambda: children(supervisor), what="child")
 
     def seen():
         try:

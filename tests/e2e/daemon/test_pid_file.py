@@ -58,7 +58,7 @@ def test_a_dead_pid_is_told_and_tolerated(tree):
 @pytest.fixture
 def stranger():
     """A live process of the root user; whoever the agent is must leave it alone."""
-    process = subprocess.Popen(["sleep", "60"])
+    process = subprocess.Popen(["sleep", "600"])
     yield process.pid
     untouched = process.poll() is None
     process.kill()
