@@ -9,7 +9,7 @@ import threading
 
 import pytest
 
-from conftest import FULL, alive, children, mount_tmpfs, send_signal, unmount, wait_until
+from conftest import FULL, PATIENCE, alive, children, mount_tmpfs, send_signal, unmount, wait_until
 
 RECORD = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d (FATAL|ERROR|WARNING|MESSAGE|INFO|DEBUG|TRACE) \[\d+/[^\]]*\] ")
 
@@ -86,7 +86,7 @@ def test_processes_that_rotate_one_log_lose_and_tear_no_line_though_one_is_kille
     # The fourth would go on for ever; it is killed, and another begins.
     victim = tree.start("--", "killed", str(10**9), name="writer")
     wait_until(lambda: len(told(tree, "killed")) > count // 4,
-               1800 if FULL else 60, what="lines of the one that is killed")
+               1800 if FULL else PATIENCE, what="lines of the one that is killed")
     send_signal(victim.pid, signal.SIGKILL)
     victim.wait()
     processes["after"] = tree.start("--", "after", str(count), name="writer", stderr=subprocess.PIPE)
@@ -147,12 +147,12 @@ def test_supervisor_and_child_write_one_log_over_rotations_and_kills_of_the_chil
 
     killed = []
     for _ in range(2):
-        wait_until(lambda: told_since_its_start(child) > 300, 60, what="lines of the child")
+        wait_until(lambda: told_since_its_start(child) > 300, what="lines of the child")
         send_signal(child, signal.SIGKILL)
         killed.append(child)
         child = wait_until(lambda: next((pid for pid in children(supervisor) if pid not in killed and alive(pid)), 0),
                            what="the next child")
-    wait_until(lambda: told_since_its_start(child) > 300, 60, what="lines of the last child")
+    wait_until(lambda: told_since_its_start(child) > 300, what="lines of the last child")
     tree.stop(supervisor)
     lines = log_lines(tree, "writer")
     found, acknowledged = numbers_by_tag(lines)["child"], told(tree, "child")
@@ -225,8 +225,9 @@ return M
 
 
 class SystemLog:
-    """Stands for the system's logger while it lives: a /dev of this worker's own, in which a socket takes the records. One
-    that has stopped takes none, and its queue is full."""
+    """Stands for the system's logger while it lives: a /dev of this worker's own, in which a socket takes the records, as a stream: a
+    queue of datagrams is short, and who writes them waits a fifth of a second for a busy machine's logger. One that has stopped
+    takes none, and its queue is full."""
 
     NODES = ("null", "zero", "random", "urandom", "full")
 
@@ -236,8 +237,10 @@ class SystemLog:
         for node in self.NODES:
             with open(os.path.join(folder, node), "w"):
                 subprocess.run(["mount", "-n", "--bind", f"/dev/{node}", os.path.join(folder, node)], check=True)
-        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM if stopped else socket.SOCK_STREAM)
         self._socket.bind(os.path.join(folder, "log"))
+        if not stopped:
+            self._socket.listen(1000)
         subprocess.run(["mount", "-n", "--rbind", folder, "/dev"], check=True)
         self._folder = folder
         self._reader = None if stopped else threading.Thread(target=self._read)
@@ -256,14 +259,18 @@ class SystemLog:
                 pass
 
     def _read(self):
-        while record := self._socket.recv(65536):
-            self.records.append(record.decode())
+        while True:
+            connection, _ = self._socket.accept()
+            with connection, connection.makefile("rb") as stream:
+                sent = stream.read()
+            if not sent:
+                break
+            self.records += sent.decode().rstrip("\0").split("\0")
 
     def close(self):
         if self._reader:
-            end = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-            end.sendto(b"", "/dev/log")
-            end.close()
+            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as end:
+                end.connect("/dev/log")
             self._reader.join()
         self._socket.close()
         unmount("/dev")
