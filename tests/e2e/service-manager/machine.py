@@ -78,8 +78,17 @@ local function said(name)
   local value = f:read("*n"); f:close(); return value
 end
 function M.init() note("init") return said("init-status") end
--- A moment later than at once: of an agent that has ended before its pid file is read the manager waits to hear for long.
-function M.main() note("main") local status = said("main-status") if status ~= 0 then dom0:Wait("never", 1) end return status end
+-- A moment later than at once: of an agent that has ended before its pid file is read the manager waits to hear for long. The test
+-- tells when the first one has been started.
+function M.main()
+  note("main")
+  local status = said("main-status")
+  if status ~= 0 then
+    while said("started") == 0 do dom0:Wait("never", 0.05) end
+    dom0:Wait("never", 1)
+  end
+  return status
+end
 function M.shutdown() note("shutdown") dom0:Wait("never", said("shutdown-seconds")) note("end") return 0 end
 return M
 """

@@ -163,6 +163,7 @@ def test_an_exit_code_of_the_application_that_a_restart_would_not_change_is_fina
     if code == 0:
         stop(machine)
         return
+    machine.write("started", 1)
     wait_until(lambda: machine.state()[0] == "failed", what="the end")
     active, _, result = machine.state()
     assert (active, result) == ENDS[code]
@@ -174,6 +175,7 @@ def test_an_exit_code_of_the_application_that_a_restart_would_not_change_is_fina
 def test_another_exit_code_leads_to_a_new_start(machine, code):
     machine.write("main-status", code)
     assert machine.systemctl("start", "vx_agent").returncode == 0
+    machine.write("started", 1)
     wait_until(lambda: int(machine.property("NRestarts")) >= 1, what="a restart")
     machine.write("main-status", 0)
     wait_until(lambda: machine.state()[:2] == ("active", "running") and machine.processes()[1], what="one that stays")
@@ -182,6 +184,7 @@ def test_another_exit_code_leads_to_a_new_start(machine, code):
 def test_an_exit_code_of_three_is_the_supervisors_business(machine):
     machine.write("main-status", 3)
     assert machine.systemctl("start", "vx_agent").returncode == 0
+    machine.write("started", 1)
     wait_until(lambda: machine.life().count("main") >= 2, what="the second main")
     assert (machine.state()[0], machine.property("NRestarts")) == ("active", "0")
 
