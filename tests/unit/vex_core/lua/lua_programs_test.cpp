@@ -106,14 +106,14 @@ TEST_F(LuaPrograms, StartAlthoughAnotherThreadIsBlockedInAStream)
     std::thread reader([stream] { std::fgetc(stream); });
     std::atomic<bool> done{false};
     std::thread release([&] {
-        for (int i = 0; i < 500 && !done; ++i)
+        for (int i = 0; i < 4000 && !done; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         ::close(ends[1]);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50)); // blocked by now
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(Run("return io.popen('echo here'):read()"), "here");
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
     done = true;
     release.join();
     reader.join();

@@ -5,6 +5,7 @@
 #include "support/log_catcher.h"
 #include "support/process_guards.h"
 #include "support/temp_folder.h"
+#include "vex_core/os/process_info.h"
 
 #include <atomic>
 #include <chrono>
@@ -325,10 +326,10 @@ TEST(HelperProgram, WorksWhileSigchldIsBlocked)
 TEST(HelperProgram, GrandchildThatKeepsThePipeDoesNotHoldUs)
 {
     const auto start = std::chrono::steady_clock::now();
-    const Result result = Shell("sleep 5 & echo started");
+    const Result result = Shell("sleep 60 & echo started");
     EXPECT_TRUE(result.ran);
     EXPECT_EQ(result.output, "started\n");
-    EXPECT_LT(ElapsedMs(start), 3000);
+    EXPECT_LT(ElapsedMs(start), 30000);
 }
 
 TEST(HelperProgram, ProgramThatClosesItsStreamsIsStillWaitedFor)
@@ -341,17 +342,23 @@ TEST(HelperProgram, ProgramThatClosesItsStreamsIsStillWaitedFor)
 
 TEST(HelperProgram, TimeLimitKillsTheWholeGroup)
 {
-    ::Test::TempFolder folder;
     ::Test::LogCatcher log;
     const auto start = std::chrono::steady_clock::now();
-    const Result result = Shell("echo early; (sleep 1; touch " + (folder / "late") + ") & sleep 20", 300);
-    EXPECT_LT(ElapsedMs(start), 5000);
+    // The limit leaves it the time to get that far on a busy machine.
+    const Result result = Shell("sleep 60 & echo $!; wait", 1500);
+    EXPECT_LT(ElapsedMs(start), 30000);
     EXPECT_FALSE(result.ran);
-    EXPECT_EQ(result.error, "Program '/bin/sh' was killed, because it took longer than 300 ms");
-    EXPECT_EQ(result.output, "early\n");
+    EXPECT_EQ(result.error, "Program '/bin/sh' was killed, because it took longer than 1500 ms");
     EXPECT_TRUE(log.Lines().empty()) << log.All();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1300));
-    EXPECT_FALSE(std::filesystem::exists(folder / "late"));
+    const pid_t other = static_cast<pid_t>(wxAtoi(result.output));
+    ASSERT_GT(other, 1) << result.output;
+    const auto runs = [other] {
+        VexCore::os::ProcessInfo info;
+        return VexCore::os::GetProcessInfo(other, info) && !info.zombie;
+    };
+    while (runs() && ElapsedMs(start) < 30000)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_FALSE(runs());
 }
 
 TEST(HelperProgram, TimeLimitKillsAProgramThatHasLeftItsGroup)
@@ -386,7 +393,7 @@ TEST(HelperProgram, TimeLimitHoldsAgainstAFloodOfOutput)
 {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(RunProgram("/usr/bin/yes", {}, 300).ran);
-    EXPECT_LT(ElapsedMs(start), 5000);
+    EXPECT_LT(ElapsedMs(start), 30000);
 }
 
 TEST(HelperProgram, ProgramWithinItsTimeLimitIsUntouched)

@@ -1087,8 +1087,10 @@ TEST_F(UnzippingUnderFaults, FolderSwappedForASymbolicLinkAThousandTimesLetsNoth
     fs::create_directory(outside);
     const auto untouched = fs::last_write_time(outside); // a temporary file that came and went would show here
     std::atomic<bool> over{false};
+    std::atomic<int> failures{0};
     ::Test::JoiningThread swapper([&] {
-        for (int i = 0; i < 1000; ++i) {
+        // Where few runs come between, it goes on until one has met a swap.
+        for (int i = 0; i < 1000 || (failures == 0 && i < 100000); ++i) {
             const std::string victim = m_root + (i % 2 ? "/new" : "/lib");
             const std::string aside = m_root + "/aside";
             if (::rename(victim.c_str(), aside.c_str()) != 0)
@@ -1102,7 +1104,6 @@ TEST_F(UnzippingUnderFaults, FolderSwappedForASymbolicLinkAThousandTimesLetsNoth
         over = true;
     });
     int runs = 0;
-    int failures = 0;
     while (!over) {
         ++runs;
         failures += !Run();
