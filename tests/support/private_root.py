@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from conftest import alive, children, mount_tmpfs, send_signal, unmount, wait_until
+from conftest import alive, children, mount_tmpfs, send_signal_if_there, unmount, wait_until
 
 
 class PrivateRoot:
@@ -41,7 +41,7 @@ class PrivateRoot:
                 except OSError:
                     continue
                 if inside:
-                    send_signal(int(entry), signal.SIGKILL)
+                    send_signal_if_there(int(entry), signal.SIGKILL)
                     wait_until(lambda pid=int(entry): not alive(pid), what="the end of a process")
         for place in reversed(self._mounted):
             unmount(place)
