@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from conftest import BUILD, ROOT, STAGE, Tree, wait_until
+from conftest import BUILD, PATIENCE, ROOT, STAGE, Tree, wait_until
 
 ARGUMENTS = ["--install_plugins", "--extdir", "ext", "--plugins", "network,trend"]
 
@@ -16,7 +16,7 @@ def make(tree):
     """Makes or refreshes the tree and returns what lies in it."""
     shutil.rmtree(tree.path)
     def refresh(packages=BUILD + "/packages", stage=STAGE):
-        subprocess.run([ROOT + "/tools/run_tree", stage, packages, tree.path], check=True, timeout=60)
+        subprocess.run([ROOT + "/tools/run_tree", stage, packages, tree.path], check=True, timeout=PATIENCE)
         return sorted(os.listdir(tree.path))
     refresh.tree = tree
     return refresh
@@ -87,4 +87,4 @@ def test_an_agent_that_runs_keeps_its_files_when_they_are_refreshed(make, tmp_pa
         os.chmod(changed.path + "/" + name, 0o755)
     make(stage=changed.path)
     make.tree.file("go", "")
-    assert process.wait(timeout=60) == 0
+    assert process.wait(timeout=PATIENCE) == 0

@@ -95,7 +95,7 @@ end }""")
     wait_until(lambda: "endless begins" in tree.log() and "good collects" in tree.log() and acknowledged(tree), what="collections")
     begin = time.monotonic()
     send_signal(supervisor, 15)
-    wait_until(lambda: not alive(supervisor) and not alive(child), 90, what="the end")
+    wait_until(lambda: not alive(supervisor) and not alive(child), what="the end")
     assert 9 < time.monotonic() - begin < 17, "ten seconds in all, for the application's wait and the core library's"
     log = tree.log()
     assert "Worker 'plugin endless' has not ended within its time" in log

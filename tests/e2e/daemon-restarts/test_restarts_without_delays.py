@@ -14,7 +14,7 @@ import pytest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "daemon"))
 from agents import ENDED, delayed, exited, killed, records, uninterrupted
-from conftest import BUILD, FULL, SANITIZED, alive, send_signal, wait_until
+from conftest import BUILD, FULL, PATIENCE, SANITIZED, alive, send_signal, wait_until
 
 pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="a sanitizer has memory of its own, and takes no preload")]
 RESTARTS = os.environ.get("VEX_RESTARTS", os.path.join(BUILD, "tests", "restarts"))
@@ -41,7 +41,7 @@ def test_descriptors_and_memory_of_the_supervisor_are_the_same_after_all_restart
         os.chmod(SCRIPT, 0o755)
     report = tmp_path / "report"
     started = subprocess.run([RESTARTS, str(COUNT), str(report), str(tmp_path)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                             stderr=subprocess.STDOUT, timeout=60, check=True)
+                             stderr=subprocess.STDOUT, timeout=PATIENCE, check=True)
     assert started.stdout == b""
     try:
         wait_until(lambda: report.exists() and len(report.read_text().splitlines()) == 2, seconds=LIMIT, what="the last restart")

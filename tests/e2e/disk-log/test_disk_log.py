@@ -413,7 +413,7 @@ end }""")
         assert process.stdout.readline() == b"held\n"
         subprocess.run(["mount", "-i", "-n", "-o", "remount,rw", tree.work], check=True)
         tree.file("writable", "")
-        _, err = process.communicate(timeout=60)
+        _, err = process.communicate(timeout=PATIENCE)
         log = tree.log("writer")
     finally:
         unmount(tree.work)

@@ -5,7 +5,7 @@ import subprocess
 
 import pytest
 
-from conftest import BUILD
+from conftest import BUILD, PATIENCE
 
 PLACES = {
     "construction of the settings in OnInit": "Dom.SetWx(\"app.path.lib\"",
@@ -26,7 +26,7 @@ def run(place, trace, tmp_path):
     agent = tmp_path / "vx_agent"
     os.link(os.path.join(BUILD, "tests", "fake_agent"), agent)
     return subprocess.run([str(agent), "--workdir", str(tmp_path)], stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                          timeout=60, check=False, env=env)
+                          timeout=PATIENCE, check=False, env=env)
 
 
 @pytest.mark.fast

@@ -41,7 +41,7 @@ def test_every_kind_of_error_is_reported_once_and_ends_with_its_status(tree, bod
 @pytest.mark.parametrize("body", ["local t = {} while true do t[#t + 1] = ('x'):rep(1e6) .. #t end",
                                   "local s = 'x' while true do s = s .. s end"], ids=["many strings", "an endless string"])
 def test_out_of_memory_is_reported(tree, body):
-    result = run(tree, body, prefix=("/bin/sh", "-c", 'ulimit -v 600000; exec "$0" "$@"'))
+    result = run(tree, body, prefix=("/bin/sh", "-c", 'ulimit -v 300000; exec "$0" "$@"'))
     assert result.status == 4
     assert "not enough memory\nstack traceback:\n" in result.err and "probe.lua:3: in function " in result.err
 

@@ -60,9 +60,9 @@ return M
 @pytest.mark.parametrize("number", [signal.SIGUSR1, signal.SIGUSR2, signal.SIGALRM, signal.SIGHUP, signal.SIGPIPE,
                                     signal.SIGRTMIN + 4, signal.SIGTERM, signal.SIGINT])
 def test_a_signal_does_not_end_a_foreground_run(tree, number):
-    from conftest import send_signal, wait_until
+    from conftest import PATIENCE, send_signal, wait_until
     tree.app("probe", WAIT)
     process = tree.start(name="probe")
     wait_until(lambda: os.path.exists(os.path.join(tree.work, "ready")), what="the script runs")
     send_signal(process.pid, number)
-    assert process.wait(timeout=30) == 6
+    assert process.wait(timeout=PATIENCE) == 6

@@ -7,7 +7,7 @@ import sys
 
 import pytest
 
-from conftest import ROOT
+from conftest import PATIENCE, ROOT
 
 TIDY = os.path.join(ROOT, "tools", "tidy")
 OPEN_END = "TO" + "DO"
@@ -15,7 +15,7 @@ OPEN_END = "TO" + "DO"
 
 def tidy(root, *arguments):
     result = subprocess.run([sys.executable, TIDY, "--root", str(root), *arguments], capture_output=True, text=True,
-                            timeout=60, check=False)
+                            timeout=PATIENCE, check=False)
     assert result.stderr == ""
     return result.returncode, result.stdout
 

@@ -215,7 +215,7 @@ def test_the_sanitizers_understand_their_options_wherever_the_tree_lies(tmp_path
                        "int main(void) { forget(); kept = 0; return 0; }\n")
     subprocess.run(["clang", "-g", "-fsanitize=address", str(program), "-o", str(tmp_path / "forgetful")], check=True)
     result = subprocess.run([str(tmp_path / "forgetful")], env=dict(os.environ, **run_tests.SANITIZER_OPTIONS),
-                            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60, check=False)
+                            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=PATIENCE, check=False)
     assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
 
 
@@ -240,7 +240,7 @@ def test_the_language_of_who_runs_the_tests_does_not_matter(monkeypatch):
         monkeypatch.setenv(name, "de_DE.UTF-8")
     show = "import os, conftest; print(*(f'{name}={value}' for name, value in os.environ.items() if name.startswith(('LANG', 'LC_'))))"
     result = subprocess.run([sys.executable, "-c", show], cwd=os.path.join(ROOT, "tests", "e2e"), capture_output=True, text=True,
-                            timeout=60, check=False)
+                            timeout=PATIENCE, check=False)
     assert (result.stdout, result.stderr) == ("LANG=C.UTF-8\n", "")
     step = load("steps").Step("any", ["true"], env={"VEX_FULL": "1"})
     assert step.env["VEX_FULL"] == "1" and step.env["PATH"] == os.environ["PATH"]

@@ -7,7 +7,7 @@ import zipfile
 
 import pytest
 
-from conftest import BUILD_NUMBER, VERSION, BUILD, ROOT, STAGE
+from conftest import BUILD_NUMBER, PATIENCE, VERSION, BUILD, ROOT, STAGE
 
 FILES = {"vx_agent", "vexctl", "lib/vex_core.so", "lib/libSLB3.so", "vex_core/vex.vxe", "vex_core/vx_agent.vxe",
          "share/man/man1/vexctl.1", "share/man/man5/vx_agent.conf.5", "share/man/man7/vx_agent-events.7", "share/man/man7/vx_agent-plugin.7",
@@ -148,7 +148,7 @@ def test_the_readmes_first_application_runs_as_it_stands(tmp_path):
     script = "\n".join(line[4:] for line in block.splitlines())
     assert script.count("/tmp/hello") == 2 and script.count("build/stage") == 1
     script = script.replace("/tmp/hello", "hello").replace("build/stage", shlex.quote(STAGE))
-    result = subprocess.run(["bash", "-e", "-c", script], cwd=tmp_path, capture_output=True, text=True, timeout=60, check=False)
+    result = subprocess.run(["bash", "-e", "-c", script], cwd=tmp_path, capture_output=True, text=True, timeout=PATIENCE, check=False)
     assert (result.returncode, result.stderr) == (0, "")
     assert result.stdout == "init of hello\nmain, called with\tworld\n"
     assert "that was it" in (tmp_path / "hello" / "work" / "hello.log").read_text()

@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from conftest import ROOT, STAGE
+from conftest import PATIENCE, ROOT, STAGE
 
 PAGES = ("man1/vexctl.1", "man5/vx_agent.conf.5", "man7/vx_agent-events.7", "man7/vx_agent-plugin.7", "man8/vx_agent.8")
 
@@ -27,7 +27,7 @@ def test_the_checker_of_manual_pages_is_silent(page):
     if shutil.which("mandoc") is None:
         pytest.skip("NO MANDOC HERE (tools/packages.txt names it): how the manual is written is not tested")
     checked = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", os.path.join(STAGE, "share/man", page)], capture_output=True,
-                             text=True, timeout=60, check=False)
+                             text=True, timeout=PATIENCE, check=False)
     assert (checked.returncode, checked.stdout, checked.stderr) == (0, "", "")
 
 

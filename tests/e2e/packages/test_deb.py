@@ -10,7 +10,7 @@ import subprocess
 
 import pytest
 
-from conftest import BUILD, ROOT, SANITIZED
+from conftest import BUILD, PATIENCE, ROOT, SANITIZED
 from debian_package import DEB_VERSION, TIME, contents, make, made_once
 
 pytestmark = pytest.mark.skipif(SANITIZED, reason="packages are made of the release alone")
@@ -194,13 +194,13 @@ def test_the_distributions_checker_finds_nothing(debs):
     ([], "the following arguments are required: format"),
 ])
 def test_a_wrong_call_is_told(words, said):
-    result = subprocess.run([os.path.join(ROOT, "tools", "package"), *words], capture_output=True, text=True, timeout=60, check=False)
+    result = subprocess.run([os.path.join(ROOT, "tools", "package"), *words], capture_output=True, text=True, timeout=PATIENCE, check=False)
     assert (result.returncode, result.stdout) == (2, "") and said in result.stderr
 
 
 def test_a_time_that_is_none_is_told(tmp_path):
     result = subprocess.run([os.path.join(ROOT, "tools", "package"), "deb", "--from", BUILD, "--out", str(tmp_path)], capture_output=True,
-                            text=True, timeout=60, check=False, env={**os.environ, "SOURCE_DATE_EPOCH": "yesterday"})
+                            text=True, timeout=PATIENCE, check=False, env={**os.environ, "SOURCE_DATE_EPOCH": "yesterday"})
     assert (result.returncode, result.stdout) == (1, "")
     assert result.stderr == "package: SOURCE_DATE_EPOCH is no number of seconds: 'yesterday'\n"
     assert glob.glob(str(tmp_path / "*")) == []

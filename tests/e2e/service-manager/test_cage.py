@@ -8,7 +8,7 @@ import sys
 
 import pytest
 
-from conftest import BUILD, ROOT, SANITIZED, wait_until
+from conftest import BUILD, PATIENCE, ROOT, SANITIZED, wait_until
 from machine import APPLICATION, INSTALLED, PACKAGING, WORK, Machine
 
 sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "crash"))
@@ -75,7 +75,7 @@ def test_the_exposure_is_what_is_promised(tmp_path, unit, more, exposure):
     with open(os.path.join(PACKAGING, file.name), encoding="utf-8") as shipped:
         file.write_text(shipped.read() + more)
     shown = subprocess.run(["systemd-analyze", "security", "--no-pager", "--offline=true", str(file)], capture_output=True, text=True,
-                           timeout=60, check=False)
+                           timeout=PATIENCE, check=False)
     level = re.search(r"Overall exposure level for \S+: (\S+) ", shown.stdout)
     assert level and float(level[1]) <= float(exposure), shown.stdout + shown.stderr
 

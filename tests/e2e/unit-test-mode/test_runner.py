@@ -6,7 +6,7 @@ import xml.etree.ElementTree
 
 import pytest
 
-from conftest import all_that_is_shown
+from conftest import PATIENCE, all_that_is_shown
 
 PASS = "return { test_one = function() end, test_two = function() end }"
 FAIL = """local lu = require("luaunit")
@@ -185,7 +185,7 @@ def test_colours_are_for_a_terminal_only(tree, scripts):
     assert b"\x1b[" not in scripts.run("a.lua").out_bytes
     master, slave = pty.openpty()
     command = [os.path.join(tree.path, "vx_agent"), "--unittest", "a.lua"]
-    process = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=slave, cwd=scripts.path, timeout=60, check=False)
+    process = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=slave, cwd=scripts.path, timeout=PATIENCE, check=False)
     os.close(slave)
     written = all_that_is_shown(master)
     os.close(master)
