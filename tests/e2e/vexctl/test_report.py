@@ -4,6 +4,7 @@ import json
 import os
 import re
 import shutil
+import signal
 import sqlite3
 import subprocess
 import time
@@ -12,7 +13,7 @@ import html5lib
 import pytest
 
 import conftest
-from conftest import ORDINARY_USER
+from conftest import ORDINARY_USER, send_signal, wait_until
 from ctl import checked, ctl, quiet_state_of, state_of, with_events
 
 BROWSER = "/usr/bin/chromium"
@@ -116,6 +117,21 @@ def test_no_temporary_folder_is_left(tree, tmp_path):
     assert not list(folder.iterdir())
     folder.rmdir()
     assert "no temporary folder can be made" in ctl(tree, "report", env=dict(os.environ, TMPDIR=str(folder)), status=2).err
+
+
+@pytest.mark.sandbox
+@pytest.mark.parametrize("arguments", [["report"], ["bundle", "-o", "case.tar.gz"]])
+def test_a_signal_ends_the_run_of_the_launcher_too_and_leaves_nothing(tree, tmp_path, arguments):
+    tree.file("hangs/plugin.lua", "return { name = 'Hangs', version = '1', collect = function() while true do end end }")
+    folder = tmp_path / "tmp"
+    folder.mkdir()
+    process = tree.start(*arguments, "--", "--plugins", "hangs", name="vexctl", cwd=tmp_path, env=dict(os.environ, TMPDIR=str(folder)),
+                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    wait_until(lambda: any(list(made.iterdir()) for made in folder.iterdir()), what="a run of the launcher")
+    launcher, = conftest.children(process.pid)
+    send_signal(process.pid, signal.SIGTERM)
+    assert process.wait(conftest.PATIENCE) == -signal.SIGTERM
+    assert not conftest.alive(launcher) and not list(folder.iterdir()) and not list(tmp_path.glob("case*"))
 
 
 def test_settings_count_and_plugins_that_fail_are_told(tree):

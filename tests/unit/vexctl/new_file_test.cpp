@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 
 #include <sys/stat.h>
@@ -67,6 +68,21 @@ TEST(NewFile, ThoseThatGetNoNameAreGone)
         EXPECT_EQ(FilesIn(folder), 3u);
     }
     EXPECT_EQ(FilesIn(folder), 0u);
+}
+
+TEST(NewFile, TakesAwayWhatAKilledProcessLeftADayAgo)
+{
+    const TempFolder folder;
+    const auto yesterday = std::filesystem::file_time_type::clock::now() - std::chrono::hours(25);
+    for (const char* const name : {".vexctl-1-2-3", ".vexctl-4-5-6", ".other-1-2-3"}) {
+        WriteFile(folder / name, "half");
+        std::filesystem::last_write_time(folder / name, yesterday);
+    }
+    WriteFile(folder / ".vexctl-4-5-6", "being written");
+    WriteNewFile(folder / "a", "x");
+    EXPECT_FALSE(std::filesystem::exists(folder / ".vexctl-1-2-3"));
+    EXPECT_EQ(ReadFile(folder / ".vexctl-4-5-6"), "being written");
+    EXPECT_EQ(ReadFile(folder / ".other-1-2-3"), "half");
 }
 
 TEST(NewFile, LeavesWhatIsNoFileAlone)

@@ -2,6 +2,7 @@
 
 #include "vex/apps/vexctl/agent_state.h"
 #include "vex/apps/vexctl/command.h"
+#include "vex/apps/vexctl/os/leftover.h"
 #include "vex/apps/vexctl/os/processes.h"
 #include "vex/apps/vexctl/os/surroundings.h"
 
@@ -33,6 +34,7 @@ public:
         if (m_path.empty())
             throw Failure("no temporary folder can be made: " + VexCore::os::ErrorText(VexCore::os::LastError())
                           + "; the variable TMPDIR says where");
+        m_leftover.emplace(m_path, os::Leftover::Kind::OfProgram);
     }
     ~TemporaryFolder() { os::RemoveFolder(m_path); }
     TemporaryFolder(const TemporaryFolder&) = delete;
@@ -42,6 +44,7 @@ public:
 
 private:
     const std::string m_path;
+    std::optional<os::Leftover> m_leftover;
 };
 
 // What keeps a run with our rights from taking the file for settings; empty: nothing.

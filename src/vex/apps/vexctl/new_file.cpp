@@ -3,8 +3,10 @@
 #include "vex/apps/vexctl/command.h"
 
 #include "vex/core/clock.h"
+#include "vex_core/base/ascii.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/folders.h"
 #include "vex_core/os/process_info.h"
 
 #include <vector>
@@ -20,12 +22,33 @@ std::string FolderOf(const std::string& path)
     return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
 }
 
+constexpr std::string_view temporaryMark = ".vexctl-";
+
 // Two may be written in the same moment.
 std::string TemporaryName()
 {
     static unsigned s_count = 0;
-    return ".vexctl-" + std::to_string(VexCore::os::ProcessId()) + "-" + std::to_string(VexCore::TimeNowMillis()) + "-"
-           + std::to_string(++s_count);
+    return std::string(temporaryMark) + std::to_string(VexCore::os::ProcessId()) + "-"
+           + std::to_string(VexCore::TimeNowMillis()) + "-" + std::to_string(++s_count);
+}
+
+// What a process left that was killed. Nobody writes for a day without a change of the file.
+void RemoveStale(const std::string& folder)
+{
+    constexpr std::int64_t staleMs = std::int64_t{24} * 60 * 60 * 1000;
+    std::vector<std::string> stale;
+    const auto look = [&](const char* name) {
+        struct stat status = {};
+        const std::string path = folder + name;
+        if (VexCore::StartsWith(name, temporaryMark) && VexCore::os::LStat(path.c_str(), status) == 0
+            && S_ISREG(status.st_mode)
+            && VexCore::TimeNowMillis() - static_cast<std::int64_t>(status.st_mtime) * 1000 > staleMs)
+            stale.push_back(path);
+        return true;
+    };
+    VexCore::os::ListFolder(folder.c_str(), look);
+    for (const std::string& path : stale)
+        VexCore::os::Unlink(path.c_str());
 }
 
 } // namespace
@@ -38,9 +61,11 @@ void ExpectRoomForFile(const std::string& path)
 }
 
 NewFile::NewFile(const std::string& path, Readers readers)
-    : m_path(path), m_folder(FolderOf(path)), m_temporary(m_folder + TemporaryName()), m_readers(readers)
+    : m_path(path), m_folder(FolderOf(path)), m_temporary(m_folder + TemporaryName()), m_leftover(m_temporary),
+      m_readers(readers)
 {
     ExpectRoomForFile(path);
+    RemoveStale(m_folder);
     m_file =
         VexCore::os::Descriptor(VexCore::os::Open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
     if (!m_file)

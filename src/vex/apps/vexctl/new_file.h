@@ -1,6 +1,8 @@
 #pragma once
 // A file that is there whole under its name, or not at all.
 
+#include "vex/apps/vexctl/os/leftover.h"
+
 #include "vex_core/os/descriptor.h"
 
 #include <cstdint>
@@ -17,8 +19,8 @@ enum class Readers { All, OwnerAlone };
 /// link) is left alone.
 void ExpectRoomForFile(const std::string& path);
 
-/// Written under a hidden name in its folder, which no start of an agent looks at; gone with the object unless it got
-/// its own name. All functions throw Failure.
+/// Written under a hidden name in its folder, which no start of an agent looks at; gone with the object, or when a
+/// signal ends the process, unless it got its own name. All functions throw Failure.
 class NewFile
 {
 public:
@@ -44,6 +46,7 @@ private:
     const std::string m_path;
     const std::string m_folder;
     const std::string m_temporary;
+    const os::Leftover m_leftover;
     const Readers m_readers;
     VexCore::os::Descriptor m_file;
     bool m_isPlaced = false;
