@@ -3,13 +3,14 @@ import hashlib
 import os
 import platform
 import shutil
+import signal
 import subprocess
 import zipfile
 
 import pytest
 
 import conftest
-from conftest import BUILD_NUMBER, OTHER_VERSION, VERSION, mount_tmpfs, unmount
+from conftest import BUILD_NUMBER, OTHER_VERSION, VERSION, mount_tmpfs, send_signal, unmount, wait_until
 from ctl import checked, ctl, seen_on_terminal, state_of, with_zip
 
 MACHINE = platform.machine()
@@ -64,6 +65,11 @@ def with_spool(tree, tmp_path, build=1, **files):
     ctl(tree, "install", package)
     start(tree)
     return package
+
+
+def content(path):
+    with open(path, "rb") as file:
+        return file.read()
 
 
 # --- on a terminal
@@ -292,6 +298,65 @@ def test_a_link_in_the_place_of_a_file_makes_no_marker_that_would_fail_at_each_s
     os.symlink("/etc/passwd", tree.file("spool/plugin.lua"))
     assert "it is no regular file any more; take it away by hand" in ctl(tree, "remove", "spool", status=1).err
     assert not os.path.exists(tree.file(named(1, suffix="vxu")))
+
+
+def visible_in(tree):
+    return {name for name in os.listdir(tree.path) if not name.startswith(".")}
+
+
+def test_a_rollback_that_cannot_be_whole_places_nothing(tree, tmp_path):
+    with_spool(tree, tmp_path, 9)
+    with_spool(tree, tmp_path, 10, new="return 10")
+    os.unlink(tree.file("spool/new.lua"))
+    os.symlink("/etc/passwd", tree.file("spool/new.lua"))
+    before = visible_in(tree)
+    assert ctl(tree, "rollback", "spool", status=1).err.endswith("\nvexctl: the agent would refuse it: nothing was placed\n")
+    assert visible_in(tree) == before
+
+
+@pytest.mark.skipif(conftest.SANITIZED, reason="a sanitizer's calls are not ours")
+@pytest.mark.parametrize("command", ["install", "rollback"])
+def test_a_kill_at_any_moment_leaves_nothing_half(tree, tmp_path, command):
+    with_spool(tree, tmp_path, 9)
+    later = with_spool(tree, tmp_path, 10, new="return 10")
+    packages = {name: content(tree.file(name + ".done")) for name in (named(9), named(10))}
+    marker = named(10, suffix="vxu")
+    arguments = ["install", later] if command == "install" else ["rollback", "spool"]
+    before, seen = visible_in(tree), set()
+    for call in ("write", "fsync", "fchmod", "rename", "unlink"):
+        for place in range(1, 50):
+            result = subprocess.run(["strace", "-f", "-qq", "-o", "/dev/null", "-e", f"trace={call}", "-e", f"inject={call}:signal=KILL:when={place}",
+                                     os.path.join(tree.path, "vexctl"), *arguments], stdin=subprocess.DEVNULL, capture_output=True, check=False)
+            placed = visible_in(tree) - before
+            for name in placed:
+                ctl(tree, "check", tree.file(name))
+                assert name == marker or content(tree.file(name)) == packages[name]
+            assert marker not in placed or named(9) in placed
+            seen.add(len(placed))
+            for name in os.listdir(tree.path):
+                if name in placed or name.startswith(".vexctl"):
+                    os.unlink(tree.file(name))
+            if result.returncode == 0:
+                break
+            assert result.returncode in (-signal.SIGKILL, 128 + signal.SIGKILL), result
+        assert result.returncode == 0, "more calls than were tried"
+    assert seen == ({0, 1} if command == "install" else {0, 1, 2})
+
+
+@pytest.mark.sandbox
+def test_a_signal_leaves_no_part_of_a_package(tree, tmp_path):
+    folder = folder_of(tmp_path, "spool", {"spool/plugin.lua": "return 1"})
+    with open(os.path.join(folder, "spool/data"), "wb") as file:
+        file.truncate(4 << 30)
+    out = tmp_path / "out"
+    out.mkdir()
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+        # Whoever runs the tests may ignore one.
+        process = tree.start("pack", "plugin", folder, "-o", str(out), name="vexctl", preexec_fn=lambda n=number: signal.signal(n, signal.SIG_DFL))
+        wait_until(lambda: os.listdir(out), what="the begin of a package")
+        send_signal(process.pid, number)
+        assert process.wait(conftest.PATIENCE) == -number
+        assert os.listdir(out) == []
 
 
 def test_the_service_manager_is_asked_for_a_restart(tree, tmp_path):

@@ -38,8 +38,11 @@ int Install(Session& session, const InstallOptions& options)
                            {"an extension is no package; vexctl pack plugin makes one of a folder with ext/ in it"});
     if (verdict.name->kind == PackageKind::Package)
         TellNewer(session, *verdict.name);
-    const int status = PlaceCopy(session, options.file, verdict.name->file);
-    return status == statusDone ? FinishPlacing(session, options.now) : status;
+    const std::optional<Prepared> copy = PrepareCopy(session, options.file, verdict.name->file);
+    if (!copy)
+        return statusDidNotHold;
+    PutInPlace(session, *copy);
+    return FinishPlacing(session, options.now);
 }
 
 } // namespace

@@ -24,48 +24,56 @@ int TellRefused(Session& session, const std::string& path, const std::vector<std
     return statusDidNotHold;
 }
 
-int PlaceCopy(Session& session, const std::string& path, const std::string& name)
+std::optional<Prepared> PrepareCopy(Session& session, const std::string& path, const std::string& name)
 {
-    NewFile copy(session.place.binFolder + "/" + name, Readers::All);
+    auto copy = std::make_unique<NewFile>(session.place.binFolder + "/" + name, Readers::All);
     Progress progress(session.err);
-    CopyInto(copy, path, [&](std::uint64_t done, std::uint64_t all) {
+    CopyInto(*copy, path, [&](std::uint64_t done, std::uint64_t all) {
         if (progress.IsDue())
             progress.Show("copying " + BytesText(static_cast<std::int64_t>(done)) + " of "
                           + BytesText(static_cast<std::int64_t>(all)) + ": " + name);
     });
-    copy.Close();
+    copy->Close();
     progress.Show("checking " + name);
-    const Verdict verdict = CheckPackage(copy.TemporaryPath(), name);
+    const Verdict verdict = CheckPackage(copy->TemporaryPath(), name);
     progress.Clear();
     if (!verdict.unread.empty())
-        throw Failure(copy.TemporaryPath() + ": " + verdict.unread);
-    if (!verdict.reasons.empty())
-        return TellRefused(session, path, verdict.reasons);
-    copy.Place();
-    session.out.Write("placed " + Shown(copy.Path()) + ": " + Shown(verdict.Summary()) + "\n");
-    return statusDone;
+        throw Failure(copy->TemporaryPath() + ": " + verdict.unread);
+    if (!verdict.reasons.empty()) {
+        TellRefused(session, path, verdict.reasons);
+        return std::nullopt;
+    }
+    return Prepared{std::move(copy), verdict.Summary()};
 }
 
-int PlaceMarker(Session& session, const std::string& name, const std::vector<std::string>& files)
+std::optional<Prepared> PrepareMarker(Session& session, const std::string& name, const std::vector<std::string>& files)
 {
-    NewFile marker(session.place.binFolder + "/" + name, Readers::All);
+    auto marker = std::make_unique<NewFile>(session.place.binFolder + "/" + name, Readers::All);
     std::vector<PackedFile> entries;
     for (const std::string& file : files) {
         // Unzip ends there, and the marker would be tried again at each start.
         struct stat status = {};
         const std::string path = session.place.binFolder + "/" + file;
-        if (VexCore::os::LStat(path.c_str(), status) == 0 && !S_ISREG(status.st_mode))
-            return TellRefused(session, path, {"it is no regular file any more; take it away by hand"});
+        if (VexCore::os::LStat(path.c_str(), status) == 0 && !S_ISREG(status.st_mode)) {
+            TellRefused(session, path, {"it is no regular file any more; take it away by hand"});
+            return std::nullopt;
+        }
         entries.push_back({file, std::string(), 0644});
     }
     Progress progress(session.err);
-    WriteArchive(marker, entries, progress);
+    WriteArchive(*marker, entries, progress);
     progress.Clear();
-    if (const std::vector<std::string> reasons = WhyRefused(marker.TemporaryPath()); !reasons.empty())
-        return TellRefused(session, marker.Path(), reasons);
-    marker.Place();
-    session.out.Write("placed " + Shown(marker.Path()) + ": would delete " + Counted(files.size(), "file") + "\n");
-    return statusDone;
+    if (const std::vector<std::string> reasons = WhyRefused(marker->TemporaryPath()); !reasons.empty()) {
+        TellRefused(session, marker->Path(), reasons);
+        return std::nullopt;
+    }
+    return Prepared{std::move(marker), "would delete " + Counted(files.size(), "file")};
+}
+
+void PutInPlace(Session& session, const Prepared& prepared)
+{
+    prepared.file->Place();
+    session.out.Write("placed " + Shown(prepared.file->Path()) + ": " + Shown(prepared.summary) + "\n");
 }
 
 std::vector<const InstalledPackage*> PackagesOf(const std::vector<InstalledPackage>& installed,

@@ -31,8 +31,11 @@ int Remove(Session& session, const RemoveOptions& options)
     for (const PackageName& name : ListPackages(session.place.binFolder))
         if (name.kind == PackageKind::Package && name.plugin == options.plugin)
             session.Note(name.file + " waits there and would install it again: delete it to keep the plugin out");
-    const int status = PlaceMarker(session, packages.back()->name.base + ".vxu", files);
-    return status == statusDone ? FinishPlacing(session, options.now) : status;
+    const std::optional<Prepared> marker = PrepareMarker(session, packages.back()->name.base + ".vxu", files);
+    if (!marker)
+        return statusDidNotHold;
+    PutInPlace(session, *marker);
+    return FinishPlacing(session, options.now);
 }
 
 } // namespace

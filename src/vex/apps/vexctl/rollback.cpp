@@ -41,6 +41,19 @@ const InstalledPackage* Earlier(const std::vector<const InstalledPackage*>& pack
     return earlier;
 }
 
+// What the current version has brought, and the earlier one does not bring back.
+std::vector<std::string> FilesThatGo(const InstalledPackage& current, const InstalledPackage& earlier,
+                                     const std::vector<InstalledPackage>& installed)
+{
+    std::vector<std::string> files = FilesOnlyOf({&current}, installed);
+    const auto comesBack = [&earlier](const std::string& name) {
+        return std::any_of(earlier.files.begin(), earlier.files.end(),
+                           [&name](const InstalledFile& file) { return file.name == name; });
+    };
+    files.erase(std::remove_if(files.begin(), files.end(), comesBack), files.end());
+    return files;
+}
+
 int Rollback(Session& session, const RollbackOptions& options)
 {
     const std::vector<InstalledPackage> installed = FindInstalled(session.place.binFolder);
@@ -53,19 +66,19 @@ int Rollback(Session& session, const RollbackOptions& options)
                      + " is kept; vexctl plugins tells what is");
         return statusDidNotHold;
     }
-    if (const int status = PlaceCopy(session, earlier->path, earlier->name.base + ".vxp"); status != statusDone)
-        return status;
-    if (current) {
-        std::vector<std::string> files = FilesOnlyOf({current}, installed);
-        const auto comesBack = [earlier](const std::string& name) {
-            return std::any_of(earlier->files.begin(), earlier->files.end(),
-                               [&name](const InstalledFile& file) { return file.name == name; });
-        };
-        files.erase(std::remove_if(files.begin(), files.end(), comesBack), files.end());
-        if (!files.empty())
-            if (const int status = PlaceMarker(session, current->name.base + ".vxu", files); status != statusDone)
-                return status;
-    }
+    const std::optional<Prepared> package = PrepareCopy(session, earlier->path, earlier->name.base + ".vxp");
+    if (!package)
+        return statusDidNotHold;
+    const std::vector<std::string> files =
+        current ? FilesThatGo(*current, *earlier, installed) : std::vector<std::string>();
+    std::optional<Prepared> marker;
+    if (!files.empty() && !(marker = PrepareMarker(session, current->name.base + ".vxu", files)))
+        return statusDidNotHold;
+    // Both are ready, so that all that can be in the way has been seen. The earlier version first: a start between the
+    // two leaves files too many, and none too few.
+    PutInPlace(session, *package);
+    if (marker)
+        PutInPlace(session, *marker);
     return FinishPlacing(session, options.now);
 }
 
