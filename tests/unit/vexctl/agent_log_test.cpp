@@ -37,6 +37,14 @@ std::int64_t SizeOf(const std::string& path)
     return static_cast<std::int64_t>(std::filesystem::file_size(path));
 }
 
+std::vector<LogFile> Opened(const std::string& path)
+{
+    std::vector<std::string> problems;
+    std::vector<LogFile> files = OpenLogFiles(path, problems);
+    EXPECT_EQ(problems, std::vector<std::string>());
+    return files;
+}
+
 } // namespace
 
 TEST(LogLine, IsTakenApart)
@@ -86,7 +94,7 @@ TEST(LogFiles, AreOpenedTheOldestFirstWhateverGapsTheirNumbersHave)
          {"a.log", "a.log.1", "a.log.3", "a.log.10", "a.log.lock", "a.log.x", "b.log.1", "a.log.1x"})
         WriteFile(folder / name, name);
     std::vector<std::string> names;
-    for (const LogFile& file : OpenLogFiles(path))
+    for (const LogFile& file : Opened(path))
         names.push_back(file.path.substr(folder.Path().size() + 1));
     EXPECT_EQ(names, (std::vector<std::string>{"a.log.10", "a.log.3", "a.log.1", "a.log"}));
 }
@@ -96,22 +104,36 @@ TEST(LogFiles, OneFileUnderTwoNamesIsOpenedOnce)
     const TempFolder folder;
     WriteFile(folder / "a.log", "x\n");
     std::filesystem::create_hard_link(folder / "a.log", folder / "a.log.1");
-    EXPECT_EQ(OpenLogFiles(folder / "a.log").size(), 1u);
+    EXPECT_EQ(Opened(folder / "a.log").size(), 1u);
 }
 
 TEST(LogFiles, AFolderThatIsMissingAndALogThatIsNoFileAreFailures)
 {
     const TempFolder folder;
-    EXPECT_THROW(OpenLogFiles(folder / "none/a.log"), Failure);
+    EXPECT_THROW(Opened(folder / "none/a.log"), Failure);
     std::filesystem::create_directory(folder / "a.log");
-    EXPECT_THROW(OpenLogFiles(folder / "a.log"), Failure);
+    EXPECT_THROW(Opened(folder / "a.log"), Failure);
+}
+
+TEST(LogFiles, ARotatedOneThatIsNoFileIsToldAndTheOthersAreOpened)
+{
+    const TempFolder folder;
+    WriteFile(folder / "a.log.1", Record(1, "rotated"));
+    WriteFile(folder / "a.log", Record(2, "last"));
+    std::filesystem::create_directory(folder / "a.log.2");
+    std::vector<std::string> problems;
+    EXPECT_EQ(OpenLogFiles(folder / "a.log", problems).size(), 2u);
+    EXPECT_EQ(problems, std::vector<std::string>{folder / "a.log.2 is no regular file"});
+    bool isAll = true;
+    EXPECT_EQ(ReadLogTail(folder / "a.log", 1000, isAll), Record(1, "rotated") + Record(2, "last"));
+    EXPECT_FALSE(isAll);
 }
 
 TEST(LineReader, ShowsALineWhenItHasItsEnd)
 {
     const TempFolder folder;
     WriteFile(folder / "a.log", "one\n\ntwo");
-    const auto files = OpenLogFiles(folder / "a.log");
+    const auto files = Opened(folder / "a.log");
     LineReader reader(files[0].file.Get(), 0);
     std::string_view line;
     ASSERT_TRUE(reader.Next(line));
@@ -130,7 +152,7 @@ TEST(LineReader, ALineWithoutAnEndComesInPieces)
     const TempFolder folder;
     const std::string endless(3 * 1024 * 1024, 'x');
     WriteFile(folder / "a.log", endless);
-    const auto files = OpenLogFiles(folder / "a.log");
+    const auto files = Opened(folder / "a.log");
     LineReader reader(files[0].file.Get(), 0);
     std::size_t bytes = 0;
     std::string_view line;
@@ -154,7 +176,7 @@ TEST(LogBackwards, EveryRecordIsVisitedFromTheLastToTheFirst)
         text += Record(i, std::string(static_cast<std::size_t>(i * 37 % 700), 'x')) + "    further\n";
     }
     WriteFile(folder / "a.log", text);
-    const auto files = OpenLogFiles(folder / "a.log");
+    const auto files = Opened(folder / "a.log");
     std::vector<std::int64_t> visited;
     VisitLogBackwards(files[0].file.Get(), SizeOf(folder / "a.log"), [&](const LogLine&, std::int64_t begin) {
         visited.push_back(begin);
@@ -175,7 +197,7 @@ TEST(LogTime, TheBeginIsFoundWithoutReadingAll)
     for (int i = 0; i < 40'000; ++i)
         text += Record(i, "some text that makes the file longer than a few blocks");
     WriteFile(folder / "a.log", text);
-    const auto files = OpenLogFiles(folder / "a.log");
+    const auto files = Opened(folder / "a.log");
     const std::int64_t since = ParseLogLine(Record(39'000, ""))->timeMs;
     const std::int64_t from = FindTimeInLog(files[0].file.Get(), SizeOf(folder / "a.log"), since);
     EXPECT_GT(from, SizeOf(folder / "a.log") / 2);

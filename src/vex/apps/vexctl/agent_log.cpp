@@ -147,7 +147,7 @@ std::optional<LogFile> OpenLogFile(const std::string& path)
 } // namespace
 
 // From the newest on: what a rotation moves meanwhile is met a second time under its next name, and nothing is missed.
-std::vector<LogFile> OpenLogFiles(const std::string& path)
+std::vector<LogFile> OpenLogFiles(const std::string& path, std::vector<std::string>& problems)
 {
     std::vector<LogFile> files;
     const auto add = [&files](const std::string& name) {
@@ -169,8 +169,13 @@ std::vector<LogFile> OpenLogFiles(const std::string& path)
     if (VexCore::os::ListFolder(folder.c_str(), note) != 0)
         throw Failure(folder + ": " + VexCore::os::ErrorText(VexCore::os::LastError()));
     std::sort(numbers.begin(), numbers.end());
-    for (const long number : numbers)
-        add(path + "." + std::to_string(number));
+    for (const long number : numbers) {
+        try {
+            add(path + "." + std::to_string(number));
+        } catch (const Failure& failure) {
+            problems.emplace_back(failure.what());
+        }
+    }
     std::reverse(files.begin(), files.end());
     return files;
 }
@@ -291,8 +296,10 @@ void VisitLogBackwards(int descriptor, std::int64_t size,
 std::string ReadLogTail(const std::string& path, std::size_t maxBytes, bool& isAll)
 {
     std::string tail;
-    isAll = true;
-    std::vector<LogFile> files = OpenLogFiles(path);
+    bool isCut = false;
+    std::vector<std::string> problems;
+    std::vector<LogFile> files = OpenLogFiles(path, problems);
+    isAll = problems.empty();
     for (auto file = files.rbegin(); file != files.rend(); ++file) {
         struct stat status = {};
         if (VexCore::os::FStat(file->file.Get(), status) != 0)
@@ -301,11 +308,12 @@ std::string ReadLogTail(const std::string& path, std::size_t maxBytes, bool& isA
         const std::size_t wanted = std::min(size, maxBytes - tail.size());
         tail.insert(0, ReadBlock(file->file.Get(), status.st_size - static_cast<off_t>(wanted), wanted));
         if (wanted < size) {
+            isCut = true;
             isAll = false;
             break;
         }
     }
-    if (isAll)
+    if (!isCut)
         return tail;
     // The first line is the rest of one.
     const std::size_t ends = tail.find('\n');

@@ -43,9 +43,10 @@ struct LogFile
     VexCore::os::FileIdentity identity;
 };
 
-/// The log's files, open, the oldest first; also while they are being rotated each once. Throws Failure when one that
-/// is there cannot be opened.
-std::vector<LogFile> OpenLogFiles(const std::string& path);
+/// The log's files, open, the oldest first; also while they are being rotated each once. Rotated ones that cannot be
+/// opened are left out, and `problems` gets a line for each. Throws Failure when the last one is there and cannot be
+/// opened.
+std::vector<LogFile> OpenLogFiles(const std::string& path, std::vector<std::string>& problems);
 
 /// Reads the lines of a file from a place on, without their ends. What has no end yet is not shown: it is read when it
 /// has one.

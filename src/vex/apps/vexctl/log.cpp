@@ -177,7 +177,7 @@ class LogCommand
 {
 public:
     LogCommand(Session& session, const LogFilter& filter, const LogOptions& options)
-        : m_path(session.place.LogFile()), m_out(session.out), m_filter(filter), m_options(options),
+        : m_session(session), m_path(session.place.LogFile()), m_out(session.out), m_filter(filter), m_options(options),
           m_printer(session.out, filter, options.json)
     {}
 
@@ -188,8 +188,11 @@ public:
         std::optional<os::FolderWatch> watch;
         if (m_options.follow)
             watch.emplace(folder);
-        m_files = OpenLogFiles(m_path);
-        if (m_files.empty() && !m_options.follow)
+        std::vector<std::string> problems;
+        m_files = OpenLogFiles(m_path, problems);
+        for (const std::string& problem : problems)
+            m_session.Note(problem);
+        if (m_files.empty() && problems.empty() && !m_options.follow)
             throw Failure("there is no log at " + m_path + "; --workdir and --name say where to look");
         ShowFiles(m_files.empty() ? Begin() : FirstBegin());
         while (watch) {
@@ -198,7 +201,7 @@ public:
                 throw ReaderGone();
             ShowNews();
         }
-        return statusDone;
+        return problems.empty() ? statusDone : statusUnusable;
     }
 
 private:
@@ -244,7 +247,8 @@ private:
             return;
         // What was written between the last look and the rotation.
         ShowLines();
-        std::vector<LogFile> files = OpenLogFiles(m_path);
+        std::vector<std::string> told; // those of the begin
+        std::vector<LogFile> files = OpenLogFiles(m_path, told);
         Begin begin;
         for (std::size_t file = 0; file < files.size() && !m_files.empty(); ++file)
             if (files[file].identity.IsFileOf(m_files.back().identity))
@@ -255,6 +259,7 @@ private:
         ShowFiles(begin);
     }
 
+    Session& m_session;
     const std::string m_path;
     Output& m_out;
     const LogFilter m_filter;
