@@ -238,6 +238,25 @@ TEST(HeartbeatHistory, TheLastOnesComeInTheirOrderAndAbsentFactsStayAbsent)
     EXPECT_EQ(beats[0].memoryAvailable, 4096);
 }
 
+TEST(HeartbeatHistory, NumbersThatNoAgentWritesAreAbsent)
+{
+    const TempFolder folder;
+    SqliteConnection db;
+    ASSERT_TRUE(db.Open(folder / "h.db", 0));
+    ASSERT_TRUE(
+        db.Exec("CREATE TABLE heartbeat(id INTEGER PRIMARY KEY, time_ms, reason, uptime_s, load1, memory_available);"
+                "INSERT INTO heartbeat VALUES(1, -5, 'start', -1, 9e999, -4096);"
+                "INSERT INTO heartbeat VALUES(2, 1, 'start', 7, -9e999, 1)"));
+    AgentDatabase database(folder / "h.db");
+    HeartbeatWish wish;
+    wish.number = 0;
+    const auto beats = ReadHeartbeats(database, wish);
+    ASSERT_EQ(beats.size(), 2u);
+    EXPECT_EQ(beats[0].timeMs, 0);
+    EXPECT_FALSE(beats[0].uptimeS || beats[0].load || beats[0].memoryAvailable || beats[1].load);
+    EXPECT_EQ(beats[1].uptimeS, 7);
+}
+
 TEST(HeartbeatHistory, BytesHaveUnits)
 {
     EXPECT_EQ(BytesText(0), "0 B");

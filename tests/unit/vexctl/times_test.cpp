@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <limits>
 
 using namespace Vexctl;
 
@@ -85,6 +86,15 @@ TEST_F(Times, AreShownInLocalTimeAndInUtc)
     EXPECT_EQ(LocalTime(now), "2023-11-14 23:13:20");
     EXPECT_EQ(UtcTime(now + 7), "2023-11-14T22:13:20.007Z");
     EXPECT_EQ(UtcTime(-1), "1969-12-31T23:59:59.999Z");
+}
+
+TEST_F(Times, ThatNoAgentWritesHaveAYearOfFourDigits)
+{
+    constexpr auto least = std::numeric_limits<std::int64_t>::min();
+    constexpr auto most = std::numeric_limits<std::int64_t>::max();
+    EXPECT_EQ(UtcTime(most), "9999-12-31T23:59:59.807Z");
+    EXPECT_EQ(UtcTime(least), "1000-01-01T00:00:00.192Z");
+    EXPECT_EQ(LocalTime(least).size(), LocalTime(now).size());
 }
 
 TEST_F(Times, LengthsAreShownInTheirTwoLargestUnits)

@@ -3,11 +3,27 @@
 #include "vex/apps/vexctl/times.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
 
 namespace Vexctl {
+
+namespace {
+// Absent where it is none, or not what an agent writes.
+std::optional<std::int64_t> AmountOf(const VexCore::SqliteStatement& row, int column)
+{
+    return row.ColumnIsNull(column) || row.ColumnInt(column) < 0 ? std::nullopt : std::optional(row.ColumnInt(column));
+}
+
+std::optional<double> LoadOf(const VexCore::SqliteStatement& row, int column)
+{
+    const double load = row.ColumnIsNull(column) ? -1 : std::strtod(row.ColumnText(column).c_str(), nullptr);
+    return std::isfinite(load) && load >= 0 ? std::optional(load) : std::nullopt;
+}
+
+} // namespace
 
 std::vector<Heartbeat> ReadHeartbeats(AgentDatabase& database, const HeartbeatWish& wish)
 {
@@ -25,14 +41,11 @@ std::vector<Heartbeat> ReadHeartbeats(AgentDatabase& database, const HeartbeatWi
                 return result == VexCore::SqliteStatement::StepResult::Done;
             Heartbeat beat;
             beat.id = rows.ColumnInt(0);
-            beat.timeMs = rows.ColumnInt(1);
+            beat.timeMs = std::max<std::int64_t>(0, rows.ColumnInt(1));
             beat.reason = rows.ColumnText(2);
-            if (!rows.ColumnIsNull(3))
-                beat.uptimeS = rows.ColumnInt(3);
-            if (!rows.ColumnIsNull(4))
-                beat.load = std::strtod(rows.ColumnText(4).c_str(), nullptr);
-            if (!rows.ColumnIsNull(5))
-                beat.memoryAvailable = rows.ColumnInt(5);
+            beat.uptimeS = AmountOf(rows, 3);
+            beat.load = LoadOf(rows, 4);
+            beat.memoryAvailable = AmountOf(rows, 5);
             beats.push_back(std::move(beat));
         }
     });

@@ -108,7 +108,7 @@ int ShowHeartbeats(Session& session, const HeartbeatOptions& options)
         table.AddRow({{LocalTime(beat.timeMs)},
                       {std::to_string(beat.id)},
                       {beat.reason},
-                      {beat.uptimeS ? DurationText(*beat.uptimeS * 1000) : "-"},
+                      {beat.uptimeS ? DurationText(std::min(*beat.uptimeS, INT64_MAX / 1000) * 1000) : "-"},
                       {beat.load ? LoadText(*beat.load) : "-"},
                       {beat.memoryAvailable ? BytesText(*beat.memoryAvailable) : "-"}});
     table.Print(session.out);

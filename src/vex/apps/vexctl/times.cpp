@@ -2,6 +2,7 @@
 
 #include "vex_core/base/ascii.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <limits>
@@ -141,7 +142,11 @@ std::optional<std::int64_t> ParseIso(std::string_view text)
 
 struct tm BrokenDown(std::int64_t timeMs, bool utc)
 {
-    const auto seconds = static_cast<std::time_t>(timeMs / secondMs - (timeMs % secondMs < 0 ? 1 : 0));
+    // What no agent writes is shown as the first or the last time that four digits have for a year.
+    constexpr std::int64_t firstSecond = -30'610'224'000;
+    constexpr std::int64_t lastSecond = 253'402'300'799;
+    const auto seconds = static_cast<std::time_t>(
+        std::clamp(timeMs / secondMs - (timeMs % secondMs < 0 ? 1 : 0), firstSecond, lastSecond));
     struct tm time = {};
     if (utc)
         ::gmtime_r(&seconds, &time);
