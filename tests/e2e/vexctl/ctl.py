@@ -28,11 +28,11 @@ def ctl(tree, *arguments, status=0, user=None, executable=None, **options):
     return result
 
 
-def seen_on_terminal(tree, *arguments):
-    """What a terminal gets of its standard error."""
+def seen_on_terminal(tree, *arguments, stream="stderr", columns=1000):
+    """What a terminal gets of its standard error, or of its output."""
     master, slave = os.openpty()
-    fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("4H", 24, 1000, 0, 0))
-    process = tree.start(*arguments, name="vexctl", stdout=subprocess.DEVNULL, stderr=slave)
+    fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
+    process = tree.start(*arguments, name="vexctl", **{"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, stream: slave})
     os.close(slave)
     shown = b""
     try:

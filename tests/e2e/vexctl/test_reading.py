@@ -12,7 +12,7 @@ import pytest
 
 import conftest
 from conftest import BUILD, ORDINARY_USER, at_rest, send_signal, wait_until
-from ctl import Following, ctl, objects, quiet_state_of, state_of, with_events
+from ctl import Following, ctl, objects, quiet_state_of, seen_on_terminal, state_of, with_events
 
 LOG = """\
 2026-01-31 10:20:30 INFO [100/main] one
@@ -75,6 +75,11 @@ def test_what_is_no_log_is_told(tree):
     os.rmdir(os.path.join(tree.work, "vx_agent.log"))
     os.mkfifo(os.path.join(tree.work, "vx_agent.log"))
     ctl(tree, "log", status=2)
+    os.unlink(os.path.join(tree.work, "vx_agent.log"))
+    with_log(tree, LOG)
+    os.mkfifo(os.path.join(tree.work, "vx_agent.log.1"))
+    partly = ctl(tree, "log", status=2)
+    assert (partly.out, partly.err) == (LOG, f"vexctl: {tree.work}/vx_agent.log.1 is no regular file\n")
     assert "no log at" in ctl(tree, "--name", "other\x1b", "log", status=2).err
 
 
@@ -176,7 +181,7 @@ return M
 
 
 @pytest.mark.parametrize("arguments, numbers", [
-    ([], range(100, 200)), (["-n", "3"], [197, 198, 199]), (["-n", "0"], range(200)), (["--severity", "1"], [number for number in range(200) if number % 8 <= 1]),
+    ([], range(100, 200)), (["-n", "3"], [197, 198, 199]), (["-n", "0"], range(200)), (["-n", str(2**64 - 1)], range(200)), (["--severity", "1"], [number for number in range(200) if number % 8 <= 1]),
     (["--severity", "alert", "-n", "1"], [193]), (["--since", "2023-11-14T22:16:35Z"], [195, 196, 197, 198, 199]),
     (["--until", "2023-11-14T22:13:21Z"], [0, 1]), (["--since", "2023-11-14T22:16:35Z", "-n", "1"], [199]), (["--since", "1h"], [])])
 def test_events_are_chosen(tree, arguments, numbers):
@@ -225,12 +230,43 @@ def test_events_to_come_are_shown_when_they_come(tree, tmp_path):
     assert [event["number"] for event in objects("events", follower.text())] == [1, 2, 3, 4]
 
 
+@pytest.mark.sandbox
+def test_who_waits_for_rare_events_does_not_go_through_the_others_again(tree, tmp_path):
+    path = with_events(tree, [(BASE_MS, number, 5, "x" * 1000) for number in range(10000)])
+    follower = Following(tree, str(tmp_path / "out"), "events", "--follow", "--severity", "0", "--json")
+    database = sqlite3.connect(path)
+
+    def add(severity, text):
+        database.execute("INSERT INTO agent_event(time_ms, number, severity, text, xml) VALUES(?, 1, ?, ?, '')", (BASE_MS, severity, text))
+        database.commit()
+
+    def bytes_read():
+        with open(f"/proc/{follower.process.pid}/io", encoding="utf-8") as file:
+            return int(file.readline().split()[1])
+
+    def has_read_all():
+        before = bytes_read()
+        time.sleep(0.3)
+        return bytes_read() == before > 10_000_000
+
+    wait_until(has_read_all, what="a first look at all events")
+    before = bytes_read()
+    add(5, "not wanted")
+    add(0, "wanted")
+    follower.wait_for('"wanted"')
+    assert bytes_read() - before < 2_000_000
+    assert len(objects("events", follower.text())) == 1
+
+
 def test_no_events_and_events_that_wait(tree):
     assert ctl(tree, "events", status=2).err == f"vexctl: there is no work folder {tree.work}; --workdir says where to look\n"
     os.makedirs(tree.work)
     assert ctl(tree, "events", "--json").out == ""
     tree.file("work/events.pending.xml", '<pending key="1"><agent_event/></pending>\n\n<pending key="2"><agent_event/></pending>\n')
     assert ctl(tree, "events").err == f"vexctl: 2 more wait in {tree.work}/events.pending.xml until the database takes them\n"
+    os.unlink(os.path.join(tree.work, "events.pending.xml"))
+    os.mkfifo(os.path.join(tree.work, "events.pending.xml"))
+    assert ctl(tree, "events").err == f"vexctl: {tree.work}/events.pending.xml is no regular file\n"
 
 
 @pytest.mark.parametrize("command, file", [("events", "events.db"), ("heartbeats", "plugins/vx_agent/heartbeat.db")])
@@ -342,6 +378,21 @@ def test_dumps_that_are_none_are_told_beside_those_that_are(tree):
     tree.file("work/plugins/diag/other.mdmp", b"another agent's")
     found = {os.path.basename(crash["file"]): crash["error"] for crash in objects("crashes", ctl(tree, "crashes", "--json").out)}
     assert found == {"vx_agent.mdmp": "it ends too early", "vx_agent.1700000000.mdmp": "it is no dump"}
+
+
+# --- for people
+
+
+@pytest.mark.parametrize("columns", [80, 40])
+def test_tables_fit_the_terminal(tree, columns):
+    with_events(tree, [(BASE_MS, 1, 5, "a text that is longer than the widest of these terminals, which are old and narrow")])
+    tree.file("work/plugins/diag/vx_agent.mdmp", b"")
+    tree.file("work/vx_agent.ini", "[settings]\napp.lua.zippath = " + "/a/long/path;" * 20 + "\n")
+    for command in ("events", "crashes", "config"):
+        lines = re.sub("\x1b\\[[0-9]*m", "", seen_on_terminal(tree, command, stream="stdout", columns=columns)).splitlines()
+        assert max(map(len, lines)) <= columns, command
+        assert any("\u2026" in line for line in lines), command
+        assert re.match("(TIME|KEY) ", lines[0]), command
 
 
 # --- the call

@@ -16,6 +16,7 @@
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 
@@ -112,8 +113,7 @@ private:
     void ShowTitles()
     {
         if (HumanReads())
-            m_session.out.Write(m_session.out.Painted(Colour::Faint, "TIME                 SEVERITY   NUMBER  TEXT")
-                                + "\n");
+            Print("TIME                 SEVERITY   NUMBER  TEXT", Colour::Faint);
     }
 
     // --- where to begin
@@ -202,7 +202,7 @@ private:
             "SELECT id FROM agent_event WHERE id > ?1" + Condition() + " ORDER BY id DESC LIMIT 1 OFFSET ?2";
         VexCore::SqliteStatement row(db, sql.c_str());
         row.Bind(1, m_last);
-        row.Bind(2, static_cast<std::int64_t>(number - 1));
+        row.Bind(2, static_cast<std::int64_t>(std::min<std::size_t>(number - 1, INT64_MAX)));
         const auto result = row.Step();
         if (result == VexCore::SqliteStatement::StepResult::Row)
             m_last = row.ColumnInt(0) - 1;
@@ -224,8 +224,20 @@ private:
         return sql;
     }
 
+    // Of the database: those up to it that did not pass are not asked again.
+    static bool FindNewest(VexCore::SqliteConnection& db, std::optional<Event>& newest)
+    {
+        VexCore::SqliteStatement row(db, (std::string(selectEvents) + " ORDER BY id DESC LIMIT 1").c_str());
+        const auto result = row.Step();
+        newest.reset();
+        if (result == VexCore::SqliteStatement::StepResult::Row)
+            newest = EventOf(row);
+        return result != VexCore::SqliteStatement::StepResult::Failed;
+    }
+
     void ShowAll()
     {
+        std::optional<Event> newest;
         const std::string sql = std::string(selectEvents) + " WHERE id > ?1" + Condition() + " ORDER BY id LIMIT ?2";
         for (;;) {
             std::vector<Event> part;
@@ -234,21 +246,22 @@ private:
                 VexCore::SqliteStatement rows(db, sql.c_str());
                 rows.Bind(1, m_last);
                 rows.Bind(2, partRows);
-                for (;;) {
-                    const auto result = rows.Step();
-                    if (result != VexCore::SqliteStatement::StepResult::Row)
-                        return result == VexCore::SqliteStatement::StepResult::Done;
+                auto result = rows.Step();
+                for (; result == VexCore::SqliteStatement::StepResult::Row; result = rows.Step())
                     part.push_back(EventOf(rows));
-                }
+                const bool isAll = part.size() < static_cast<std::size_t>(partRows);
+                return result == VexCore::SqliteStatement::StepResult::Done && (!isAll || FindNewest(db, newest));
             });
             for (const Event& event : part)
                 Show(event);
-            if (!part.empty()) {
-                m_last = part.back().id;
-                m_lastKey = part.back().Key();
-            }
             if (part.size() < static_cast<std::size_t>(partRows))
-                return;
+                break;
+            m_last = part.back().id;
+            m_lastKey = part.back().Key();
+        }
+        if (newest) {
+            m_last = newest->id;
+            m_lastKey = newest->Key();
         }
     }
 
@@ -264,11 +277,14 @@ private:
             const std::string time = event.timeMs ? LocalTime(*event.timeMs) : "-";
             const std::string number = event.number ? std::to_string(*event.number) : "-";
             std::snprintf(head, sizeof head, "%-19s  %-9s  %6s  ", time.c_str(), SeverityWord(event), number.c_str());
-            std::string line = head + Shown(event.text);
-            if (out.Width() > 0)
-                line = CutToColumns(line, out.Width());
-            out.Write(out.Painted(ColourOf(event), line) + "\n");
+            Print(head + Shown(event.text), ColourOf(event));
         }
+    }
+
+    void Print(const std::string& line, Colour colour)
+    {
+        Output& out = m_session.out;
+        out.Write(out.Painted(colour, out.Width() > 0 ? CutToColumns(line, out.Width()) : line) + "\n");
     }
 
     static Colour ColourOf(const Event& event)
@@ -286,6 +302,11 @@ private:
         if (!file) {
             if (VexCore::os::LastError() != ENOENT)
                 m_session.Note(path + ": " + VexCore::os::ErrorText(VexCore::os::LastError()));
+            return;
+        }
+        struct stat status = {};
+        if (VexCore::os::FStat(file.Get(), status) != 0 || !S_ISREG(status.st_mode)) {
+            m_session.Note(path + " is no regular file");
             return;
         }
         LineReader lines(file.Get(), 0);

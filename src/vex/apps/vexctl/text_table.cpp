@@ -3,12 +3,14 @@
 #include "vex/apps/vexctl/shown_text.h"
 
 #include <algorithm>
+#include <iterator>
+#include <numeric>
 
 namespace Vexctl {
 
 namespace {
 constexpr std::size_t gap = 2; // columns between two columns
-constexpr std::size_t leastOfLast = 10; // what the last column keeps however narrow the terminal is
+constexpr std::size_t least = 3; // what a column keeps however narrow the terminal is
 
 std::string Padded(const std::string& text, std::size_t columns, TextTable::Align align, bool isLast)
 {
@@ -17,6 +19,18 @@ std::string Padded(const std::string& text, std::size_t columns, TextTable::Alig
     if (align == TextTable::Align::Right)
         return blanks + text;
     return isLast ? text : text + blanks;
+}
+
+// The widest columns give way, the last one of several, until the table fits.
+void Fit(std::vector<std::size_t>& widths, std::size_t room)
+{
+    std::size_t wanted = std::accumulate(widths.begin(), widths.end(), gap * (widths.size() - 1));
+    for (; wanted > room; --wanted) {
+        const auto widest = std::prev(std::max_element(widths.rbegin(), widths.rend()).base());
+        if (*widest <= least)
+            return;
+        --*widest;
+    }
 }
 
 } // namespace
@@ -37,18 +51,13 @@ void TextTable::Print(Output& out) const
             widths[i] = std::max(widths[i], Columns(row[i].text));
         }
 
+    if (out.Width() > 0)
+        Fit(widths, out.Width());
     const std::size_t last = m_columns.size() - 1;
-    if (out.Width() > 0) {
-        std::size_t before = 0;
-        for (std::size_t i = 0; i < last; ++i)
-            before += widths[i] + gap;
-        const std::size_t room = out.Width() > before + leastOfLast ? out.Width() - before : leastOfLast;
-        widths[last] = std::min(widths[last], room);
-    }
     for (const std::vector<Cell>& row : rows) {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
-            const std::string text = i == last ? CutToColumns(row[i].text, widths[i]) : row[i].text;
+            const std::string text = CutToColumns(row[i].text, widths[i]);
             line += out.Painted(row[i].colour, Padded(text, widths[i], m_columns[i].align, i == last));
             line.append(i == last ? 0 : gap, ' ');
         }

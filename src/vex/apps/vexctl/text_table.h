@@ -27,7 +27,7 @@ public:
 
     void AddRow(std::vector<Cell> cells) { m_rows.push_back(std::move(cells)); }
     bool Empty() const { return m_rows.empty(); }
-    /// With the titles. Where the output has a width, the last column is cut so that each row fits.
+    /// With the titles. Where the output has a width, the widest columns are cut so that each row fits.
     void Print(Output& out) const;
 
 private:
