@@ -250,7 +250,7 @@ e => Math.round(e.getBoundingClientRect().width))}).replace(/</g, "") + "</outpu
 
 @pytest.mark.patient
 @pytest.mark.skipif(not os.path.exists(BROWSER), reason="NO CHROMIUM HERE: the page of a report is not looked at in a browser")
-@pytest.mark.parametrize("width", [390, 1280])
+@pytest.mark.parametrize("width", [360, 1280])
 def test_the_page_fits_a_phone_and_a_desk(tree, tmp_path, width):
     with_history(tree)
     text, _ = page_of(tree)
