@@ -28,7 +28,7 @@ end
 -- A plugin's block of the report.
 local function block_of(entry)
   if not entry.plugin then return { name = entry.id, error = entry.error } end
-  local block = { name = entry.plugin.name, version = entry.plugin.version }
+  local block = { name = entry.plugin.name, version = entry.plugin.version, units = plugins.units(entry.plugin) }
   local ok, message = plugins.call(entry, "start", dom0)
   if ok then
     started[#started + 1] = entry

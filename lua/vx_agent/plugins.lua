@@ -1,7 +1,7 @@
 --- The agent's plugins: found by name, checked, and called so that a failure stays theirs.
 --
--- A plugin x is the module "x.plugin": a table with `name` and `version`, and what it has of start(dom), collect(dom)
--- and stop(dom). `collect` returns a table of values.
+-- A plugin x is the module "x.plugin": a table with `name` and `version`, and what it has of start(dom), collect(dom),
+-- stop(dom), `interval` and `units`. `collect` returns a table of values; `units` has the units of some, by their keys.
 
 local json = require("vex.json")
 local settings = require("vex.settings")
@@ -19,6 +19,7 @@ local function fault_of(plugin)
   for _, field in ipairs({ "start", "collect", "stop" }) do
     if plugin[field] ~= nil and type(plugin[field]) ~= "function" then return ("'%s' is no function"):format(field) end
   end
+  if plugin.units ~= nil and type(plugin.units) ~= "table" then return "'units' is no table" end
 end
 
 local enabling = "vex.Plugin"
@@ -75,6 +76,15 @@ function M.call(entry, method, dom)
   if ok then return true, result end
   log.warning("Plugin '%s' failed in %s: %s", entry.id, method, tostring(result))
   return false, tostring(result)
+end
+
+--- The units that a plugin tells, those that are texts; nil when it tells none.
+function M.units(plugin)
+  local units = {}
+  for key, unit in pairs(plugin.units or {}) do
+    if type(key) == "string" and type(unit) == "string" then units[key] = unit end
+  end
+  return next(units) and units
 end
 
 local most_told = 10

@@ -7,9 +7,8 @@ local text = require("vex.text")
 local M = {}
 
 -- How full a disk is to an ordinary user: what is reserved for the system counts as neither used nor free.
-local function fullness(disk)
-  local used = disk.total - disk.free
-  local reachable = used + disk.available
+local function fullness(used, available)
+  local reachable = used + available
   return reachable > 0 and ("%.0f %%"):format(100 * used / reachable) or "-"
 end
 
@@ -55,14 +54,17 @@ end
 
 local function disk_block(disks)
   if not disks or #disks == 0 then return "" end
-  local rows = { { "Mounted on", "Device", "Type", "Size", "Free", "Used" } }
+  -- Used, reserved and free add up to the size.
+  local rows = { { "Mounted on", "Device", "Type", "Size", "Used", "Reserved", "Free", "Full" } }
   for _, disk in ipairs(disks) do
+    local used = disk.total - disk.free
     rows[#rows + 1] = {
-      disk.mount, disk.device, disk.type, text.bytes(disk.total), text.bytes(disk.available),
-      fullness(disk),
+      disk.mount, disk.device, disk.type, text.bytes(disk.total), text.bytes(used),
+      text.bytes(disk.free - disk.available), text.bytes(disk.available), fullness(used, disk.available),
     }
   end
-  return "\nDisks\n" .. columns.format(rows, { indent = "  ", right = { [4] = true, [5] = true, [6] = true } })
+  local right = { [4] = true, [5] = true, [6] = true, [7] = true, [8] = true }
+  return "\nDisks\n" .. columns.format(rows, { indent = "  ", right = right })
 end
 
 local function sorted_keys(values)
@@ -82,12 +84,23 @@ local function number_text(value)
   return (size < 0.1 and "%.2g" or "%.2f"):format(value)
 end
 
+-- A number in the unit that the plugin has told: bytes, also bytes/s and the like, and seconds as people read them.
+local function measured(value, unit)
+  if not unit then return number_text(value) end
+  local size, sign = math.abs(value), value < 0 and "-" or ""
+  local per, readable = unit:match("^bytes(.*)$"), size < 2 ^ 53
+  if per and size >= 1024 and readable then return sign .. text.bytes(size) .. per end
+  if per then return number_text(value) .. " B" .. per end
+  if unit == "seconds" and size >= 60 and readable then return sign .. text.duration(size) end
+  return number_text(value) .. " " .. (unit == "seconds" and "s" or unit)
+end
+
 local function is_table(value) return type(value) == "table" and not rawequal(value, json.null) end
 
 -- A value in one cell.
-local function cell_text(value)
+local function cell_text(value, unit)
   if value == nil or rawequal(value, json.null) then return "-" end
-  if type(value) == "number" then return number_text(value) end
+  if type(value) == "number" then return measured(value, unit) end
   return is_table(value) and (json.encode(value)) or tostring(value)
 end
 
@@ -100,7 +113,7 @@ local function is_list_of_tables(value)
 end
 
 -- An array of tables: a column for each field that any of them has, "name" first.
-local function list_block(list, indent)
+local function list_block(list, indent, units, unit)
   local fields = {}
   for _, entry in ipairs(list) do
     for field in pairs(entry) do fields[field] = true end
@@ -112,41 +125,53 @@ local function list_block(list, indent)
   local rows, right = { {} }, {}
   for index, field in ipairs(header) do
     rows[1][index] = tostring(field)
-    right[index] = type(list[1][field]) == "number"
   end
   for _, entry in ipairs(list) do
     local row = {}
-    for index, field in ipairs(header) do row[index] = cell_text(entry[field]) end
+    for index, field in ipairs(header) do
+      row[index] = cell_text(entry[field], units[field] or unit)
+      right[index] = right[index] or type(entry[field]) == "number"
+    end
     rows[#rows + 1] = row
   end
   return columns.format(rows, { indent = indent, right = right })
 end
 
-local function values_block(values, indent)
+-- `unit` is that of the values whose own key has none: a table's is that of what is in it.
+local function values_block(values, indent, units, unit)
   local rows, blocks = {}, {}
   for _, key in ipairs(sorted_keys(values)) do
-    local value = values[key]
+    local value, own = values[key], units[key] or unit
     if not is_table(value) then
-      rows[#rows + 1] = { tostring(key), cell_text(value) }
-    elseif next(value) ~= nil then
+      rows[#rows + 1] = { tostring(key), cell_text(value, own) }
+    elseif next(value) == nil then
+      rows[#rows + 1] = { tostring(key), "none" }
+    else
       local block = is_list_of_tables(value) and list_block or values_block
-      blocks[#blocks + 1] = indent .. text.printable(tostring(key)) .. "\n" .. block(value, indent .. "  ")
+      blocks[#blocks + 1] = indent .. text.printable(tostring(key)) .. "\n" .. block(value, indent .. "  ", units, own)
     end
   end
   return columns.format(rows, { indent = indent }) .. table.concat(blocks)
 end
 
+-- The message of an error without its traceback, in one line. What keeps a module from being loaded is in the second.
+local function reason_of(message)
+  local first, second = message:match("^([^\n]*)\n?([^\n]*)")
+  if first:find("^error loading module .*:$") then return first .. " " .. text.trim(second) end
+  return first
+end
+
 local function plugin_block(plugin)
   local head = "Plugin " .. plugin.name .. (plugin.version and " " .. plugin.version or "")
   head = "\n" .. text.printable(head) .. "\n"
-  if plugin.error then return head .. "  failed: " .. text.printable(plugin.error:match("^[^\n]*")) .. "\n" end
-  local body = values_block(plugin.values, "  ")
+  if plugin.error then return head .. "  failed: " .. text.printable(reason_of(plugin.error)) .. "\n" end
+  local body = values_block(plugin.values, "  ", plugin.units or {})
   return head .. (body ~= "" and body or "  nothing to tell\n")
 end
 
 --- The readable table.
--- @param facts from vx_agent.facts, with `plugins`: array of { name, version, values or error }; a plugin that could
--- not be loaded has no version
+-- @param facts from vx_agent.facts, with `plugins`: array of { name, version, values or error, units or nil }; a plugin
+-- that could not be loaded has no version
 function M.text(facts)
   local parts = { columns.format(host_rows(facts)), disk_block(facts.disks) }
   for _, plugin in ipairs(facts.plugins or {}) do parts[#parts + 1] = plugin_block(plugin) end

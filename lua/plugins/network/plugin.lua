@@ -9,6 +9,7 @@ local M = {
   name = "Network",
   version = "1.0.0",
   interval = 60, -- seconds between collections in the background
+  units = { received = "bytes", sent = "bytes", received_per_second = "bytes/s", sent_per_second = "bytes/s" },
 }
 
 local before -- counters by interface name, and when they were read

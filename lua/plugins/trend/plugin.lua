@@ -12,6 +12,7 @@ local M = {
   name = "Trend",
   version = "1.0.0",
   interval = 300,
+  units = { memory_available = "bytes", disk_available = "bytes", disk_full_in_days = "days" },
 }
 
 local figures = { "load", "memory_available", "disk_available" }

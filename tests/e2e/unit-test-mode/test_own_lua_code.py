@@ -69,7 +69,7 @@ def test_the_guides_package_installs(tree, tmp_path):
     subprocess.run(["sh", "-e", "-c", script], cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
     result = tree.run("--install_plugins", "--plugins", "spool", "--domain_var", f"spool.Folder={tmp_path}")
     assert (result.status, result.err) == (0, "")
-    assert "Plugin Spool 1.0.0\n  bytes  0\n  files  0\n" in result.out
+    assert "Plugin Spool 1.0.0\n  bytes  0 B\n  files  0\n" in result.out
     assert glob.glob(tree.path + "/Agent-Spool-*.vxp.done")
 
 

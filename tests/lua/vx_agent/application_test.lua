@@ -77,9 +77,11 @@ function M.TestApplication:test_json_has_the_same_figures()
   dom0.values["app.plugins"] = "probe"
   arg = { "--json" } -- luacheck: ignore 121
   self.application.init()
+  require("probe.plugin").units = { answer = "bytes" }
   lu.assertEquals(self.application.main(), 0)
   local report = assert(json.decode(self:output()))
   lu.assertEquals(report.plugins[1].values.answer, 42)
+  lu.assertEquals(report.plugins[1].units, { answer = "bytes" })
   lu.assertEquals(report.host, require("vex.host").system().host)
 end
 

@@ -64,6 +64,7 @@ function M.TestLoading:test_what_is_no_plugin_is_refused_with_the_reason()
     { 5, "no table but a number" }, { {}, "no text 'name'" }, { { name = "x" }, "no text 'version'" },
     { { name = "x", version = 1 }, "no text 'version'" },
     { { name = "x", version = "1", collect = "y" }, "'collect' is no function" },
+    { { name = "x", version = "1", units = "bytes" }, "'units' is no table" },
   }
   for index, case in ipairs(cases) do
     offer("odd" .. index, function() return case[1] end)
@@ -71,6 +72,12 @@ function M.TestLoading:test_what_is_no_plugin_is_refused_with_the_reason()
     lu.assertNil(plugin)
     lu.assertStrContains(message, case[2])
   end
+end
+
+function M.TestLoading:test_the_units_of_a_plugin_are_those_that_are_texts()
+  lu.assertNil(plugins.units({}))
+  lu.assertNil(plugins.units({ units = { 1, sent = print } }))
+  lu.assertEquals(plugins.units({ units = { sent = "bytes", age = 7, "seconds" } }), { sent = "bytes" })
 end
 
 function M.TestLoading:test_each_loading_is_traced()

@@ -30,8 +30,8 @@ Memory      1.0 GiB of 4.0 GiB available
 Swap        1.0 GiB of 2.0 GiB free
 
 Disks
-  Mounted on  Device  Type     Size    Free  Used
-  /           /dev/a  ext4  100 GiB  40 GiB  50 %
+  Mounted on  Device  Type     Size    Used  Reserved    Free  Full
+  /           /dev/a  ext4  100 GiB  40 GiB    20 GiB  40 GiB  50 %
 ]])
 end
 
@@ -47,7 +47,7 @@ end
 
 function M.TestText:test_an_empty_disk_divides_by_nothing()
   local disk = { mount = "/x", device = "x", type = "t", total = 0, free = 0, available = 0 }
-  lu.assertStrContains(report.text({ disks = { disk } }), "0 B   0 B     -\n")
+  lu.assertStrContains(report.text({ disks = { disk } }), "0 B   0 B       0 B   0 B     -\n")
 end
 
 function M.TestText:test_a_block_a_plugin_with_values_tables_and_lists()
@@ -59,6 +59,7 @@ function M.TestText:test_a_block_a_plugin_with_values_tables_and_lists()
 
 Plugin Net 1.2
   count  3
+  empty  none
   share  0.50
   up     true
   inner
@@ -79,6 +80,44 @@ function M.TestText:test_numbers_are_short_and_never_look_like_nothing()
     local text = report.text({ plugins = { { name = "A", version = "1", values = { x = number } } } })
     lu.assertEquals(text, "\nPlugin A 1\n  x  " .. expected .. "\n")
   end
+end
+
+function M.TestText:test_numbers_are_shown_in_the_units_that_the_plugin_tells()
+  local text = report.text({ plugins = { {
+    name = "Net", version = "1",
+    units = { sent = "bytes", rate = "bytes/s", age = "seconds", due = "days", memory = "bytes", odd = "b\27" },
+    values = {
+      sent = 2 ^ 30, rate = 1536, age = 3700, due = 2.5, odd = 1, plain = 4096, word = "x",
+      memory = { min = 12.5, max = -2048 },
+      list = { { name = "eth0", sent = 10, rate = json.null }, { name = "w", sent = 0, age = 1.5 } },
+    },
+  } } })
+  lu.assertEquals(text, [[
+
+Plugin Net 1
+  age    1 h 1 min
+  due    2.50 days
+  odd    1 b\x1B
+  plain  4096
+  rate   1.5 KiB/s
+  sent   1.0 GiB
+  word   x
+  list
+    name     age  rate  sent
+    eth0       -  -     10 B
+    w     1.50 s  -      0 B
+  memory
+    max  -2.0 KiB
+    min  12.50 B
+]])
+end
+
+function M.TestText:test_numbers_beyond_all_measure_are_shown_in_any_unit()
+  local text = report.text({ plugins = { {
+    name = "A", version = "1", units = { bytes = "bytes", rate = "bytes/s", time = "seconds" },
+    values = { bytes = 1e300, rate = -1e300, time = 1e300 },
+  } } })
+  lu.assertEquals(text, "\nPlugin A 1\n  bytes  1e+300 B\n  rate   -1e+300 B/s\n  time   1e+300 s\n")
 end
 
 function M.TestText:test_what_a_plugin_tells_does_nothing_to_the_terminal_and_stays_in_its_line()
@@ -125,6 +164,9 @@ end
 function M.TestText:test_a_plugin_that_failed_or_has_nothing_says_so()
   lu.assertStrContains(report.text({ plugins = { { name = "A", version = "1", error = "x.lua:1: boom\nstack" } } }),
     "Plugin A 1\n  failed: x.lua:1: boom\n")
+  local syntax = "error loading module 'a.plugin' from file '/a.lua':\n\t/a.lua:1: unexpected symbol\nstack"
+  lu.assertStrContains(report.text({ plugins = { { name = "a", error = syntax } } }),
+    "failed: error loading module 'a.plugin' from file '/a.lua': /a.lua:1: unexpected symbol\n")
   lu.assertStrContains(report.text({ plugins = { { name = "A", version = "1", values = {} } } }), "nothing to tell")
 end
 

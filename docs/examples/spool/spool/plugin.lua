@@ -7,6 +7,7 @@ local M = {
   name = "Spool",
   version = "1.0.0",
   interval = 60, -- seconds
+  units = { bytes = "bytes", oldest = "seconds" },
 }
 
 local folder
