@@ -130,6 +130,16 @@ def test_the_licence_of_the_one_packed_library_comes_along(unpacked):
         assert library in text, library
 
 
+def test_what_the_documents_point_to_comes_along(unpacked):
+    folder = os.path.join(unpacked, "usr/share/doc/vx-agent")
+    pages = glob.glob(folder + "/*.md")
+    assert len(pages) >= 8
+    for page in pages:
+        with open(page, encoding="utf-8") as file:
+            for target in re.findall(r"\]\(([^)#]+)[^)]*\)", file.read()):
+                assert target.startswith("https://") or os.path.exists(os.path.join(folder, target)), f"{page}: {target}"
+
+
 def same(first, second, tmp_path):
     assert {os.path.basename(file) for file in first.values()} == {os.path.basename(file) for file in second.values()}
     for name, file in first.items():

@@ -1,17 +1,18 @@
-"""What is packed for other systems: a package of RPM, and for Solaris the manifests of SMF and IPS, which are read here as far as
-their forms allow without that system."""
+"""What is packed for other systems: a package of RPM, and for Solaris what becomes a package of IPS, with the manifests of IPS and SMF,
+which are read here as far as their forms allow without that system."""
 import filecmp
 import os
 import re
 import shlex
 import shutil
+import stat
 import subprocess
 import xml.etree.ElementTree
 
 import pytest
 
 from conftest import BUILD_NUMBER, ROOT, SANITIZED, VERSION, STAGE
-from debian_package import make, made_once
+from debian_package import contents, make, made_once
 
 PACKAGING = os.path.join(ROOT, "packaging")
 TREE = "opt/Halvorn/vx_agent"
@@ -75,9 +76,17 @@ def test_the_smf_manifest_is_well_formed_and_starts_what_the_unit_starts():
     assert f"share/man/man{page.get('section')}/{page.get('title')}.{page.get('section')}" in tree()
 
 
-def actions():
+@pytest.fixture(scope="module", name="ips")
+def _ips(tmp_path_factory):
+    if SANITIZED:
+        pytest.skip("packages are made of the release alone")
+    folder, = made_once(tmp_path_factory, "ips").values()
+    return folder
+
+
+def actions(ips):
     """Those of the manifest: kind, the file that it is made of, and what it says by name."""
-    with open(os.path.join(PACKAGING, "vx_agent.p5m"), encoding="utf-8") as file:
+    with open(os.path.join(ips, "vx_agent.p5m"), encoding="utf-8") as file:
         for line in file:
             words = shlex.split(line, comments=True)
             if words:
@@ -86,24 +95,51 @@ def actions():
                 yield kind, source, dict(word.split("=", 1) for word in rest)
 
 
-def test_the_ips_manifest_has_every_file_of_the_tree_and_every_folder():
-    found = list(actions())
+def places_below(folder):
+    """All but folders."""
+    return {os.path.relpath(os.path.join(inner, name), folder) for inner, folders, names in os.walk(folder)
+            for name in [*folders, *names] if os.path.islink(os.path.join(inner, name)) or not os.path.isdir(os.path.join(inner, name))}
+
+
+def test_the_ips_manifest_names_each_file_that_lies_behind_it_with_its_rights(ips):
+    files = os.path.join(ips, "files")
+    found = list(actions(ips))
     assert {kind for kind, *_ in found} == {"set", "license", "dir", "file", "link"}
-    assert [facts for kind, _, facts in found if kind == "link"] == [{"path": "usr/bin/vexctl", "target": f"../../{TREE}/vexctl"}]
-    files = {facts["path"]: (source, facts) for kind, source, facts in found if kind == "file"}
-    assert {name[len(TREE) + 1:] for name in files if name.startswith(TREE + "/")} == tree()
-    assert all(source == path for path, (source, _) in files.items() if path.startswith(TREE))
-    others = {path: source for path, (source, _) in files.items() if not path.startswith(TREE)}
-    assert others == {"etc/vx_agent.conf": "vx_agent.conf", "etc/vx_agent.d/README": "vx_agent.d/README",
-                      "lib/svc/manifest/application/vx_agent.xml": "vx_agent.xml"}
-    for source in others.values():
-        assert os.path.isfile(os.path.join(PACKAGING, source)), source
-    folders = {facts["path"]: facts for kind, _, facts in found if kind == "dir"}
-    for path in files:
-        assert os.path.dirname(path) in folders or path.startswith("lib/svc/"), path
-    for facts in [*folders.values(), *(facts for _, facts in files.values())]:
-        assert facts["owner"] == "root" and facts["group"] == "sys" and re.fullmatch("0[0-7]{3}", facts["mode"])
-    assert folders["var/lib/vx_agent"]["mode"] == "0700"
-    assert files["lib/svc/manifest/application/vx_agent.xml"][1]["restart_fmri"] == "svc:/system/manifest-import:default"
+    named = [facts["path"] for kind, _, facts in found if kind in ("file", "link")]
+    assert sorted(named) == sorted(places_below(files))
+    folders = {facts["path"] for kind, _, facts in found if kind == "dir"}
+    assert folders == {place for place in (os.path.relpath(inner, files) for inner, *_ in os.walk(files))
+                       if re.search(r"/vx_agent(\.d|/.*|)$|/Halvorn$", place)}
+    for kind, source, facts in found:
+        if kind in ("file", "dir"):
+            assert (facts["owner"], facts["group"]) == ("root", "sys") and source == (facts["path"] if kind == "file" else "")
+            assert f"{stat.S_IMODE(os.stat(os.path.join(files, facts['path'])).st_mode):04o}" == facts["mode"]
+        elif kind == "link":
+            assert os.readlink(os.path.join(files, facts["path"])) == facts["target"]
+            assert os.path.isfile(os.path.join(files, os.path.dirname(facts["path"]), facts["target"])) and facts["target"][0] != "/"
+        elif kind == "license":
+            assert os.path.isfile(os.path.join(files, source))
+    by_path = {facts.get("path"): facts for _, _, facts in found}
+    assert by_path["var/lib/vx_agent"]["mode"] == "0700"
+    assert by_path["lib/svc/manifest/application/vx_agent.xml"]["restart_fmri"] == "svc:/system/manifest-import:default"
+    assert {path for path, facts in by_path.items() if "preserve" in facts} == {"etc/vx_agent.conf", "etc/vx_agent.d/README"}
     names = {facts["name"]: facts["value"] for kind, _, facts in found if kind == "set"}
-    assert names["pkg.fmri"] == "pkg:/application/vx_agent@$(VERSION)" and "pkg.summary" in names
+    assert names["pkg.fmri"] == f"pkg:/application/vx_agent@{VERSION}-{BUILD_NUMBER}" and "pkg.summary" in names
+
+
+def as_everywhere(places):
+    """Places without what each system has elsewhere: the manual, what completes in zsh, documents, and what starts the agent."""
+    for place in places:
+        place = re.sub(r"^usr/share/doc/vx-agent/", "usr/share/doc/vx_agent/", place.removesuffix(".gz"))
+        place = place.replace("/zsh/vendor-completions/", "/zsh/site-functions/")
+        if not re.match(rf"DEBIAN/|usr/share/lintian/|usr/share/doc/vx_agent/changelog|(usr/)?lib/(systemd|svc)/|{TREE}/share/", place):
+            yield place
+
+
+def test_a_package_of_one_system_has_what_that_of_another_has(rpm, ips, tmp_path_factory):
+    root = contents(made_once(tmp_path_factory)["vx-agent"], tmp_path_factory.mktemp("deb") / "root")
+    expected = set(as_everywhere(places_below(root)))
+    assert len(expected) > 40 and "usr/bin/vexctl" in expected
+    assert set(as_everywhere(places_below(os.path.join(ips, "files")))) == expected
+    listed = query(rpm, "--qf", "[%{FILEMODES:perms} %{FILENAMES}\n]").splitlines()
+    assert set(as_everywhere(line.split(" /", 1)[1] for line in listed if line[0] != "d")) == expected
