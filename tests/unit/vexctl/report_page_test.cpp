@@ -165,6 +165,32 @@ TEST(ReportPage, OfForeignReportsIsAPage)
     }
 }
 
+TEST(ReportPage, APluginsNumbersAreShownInTheUnitsThatItTells)
+{
+    PageContent content = Content();
+    content.report = Json::parse(R"({"plugins":[{"name":"p","units":{"sent":"bytes","rate":"bytes/s","age":"seconds",
+        "due":"days","memory":"bytes","odd":7},"values":{"sent":1073741824,"rate":1536,"age":3700,"due":2.5,"odd":1,
+        "memory":{"min":12.5,"max":-2048},"plain":4096,"empty":[],"list":[{"name":"w","sent":2048}]}}]})");
+    const std::string page = ReportPage(content);
+    for (const char* shown : {"<dt>sent</dt><dd>1.0 GiB</dd>", "<dt>rate</dt><dd>1.5 KiB/s</dd>",
+                              "<dt>age</dt><dd>1 h 1 min</dd>", "<dt>due</dt><dd>2.50 days</dd>",
+                              "<dt>odd</dt><dd>1</dd>", "<dt>min</dt><dd>12.50 B</dd>", "<dt>max</dt><dd>-2.0 KiB</dd>",
+                              "<dt>plain</dt><dd>4096</dd>", "<dt>empty</dt><dd>none</dd>", "<td>2.0 KiB</td>"})
+        EXPECT_EQ(CountOf(page, shown), 1u) << shown;
+}
+
+TEST(ReportPage, WhatIsUsedFreeAndReservedOfADiskAddsUp)
+{
+    PageContent content = Content();
+    content.report =
+        Json::parse(R"({"disks":[{"mount":"/","total":107374182400,"free":64424509440,"available":42949672960},
+        {"mount":"/x","total":1024,"free":512,"available":512}]})");
+    const std::string page = ReportPage(content);
+    EXPECT_EQ(CountOf(page, "<td>50&nbsp;%<small>40.0 GiB</small></td>"), 1u);
+    EXPECT_EQ(CountOf(page, "<td>40.0 GiB</td><td>100.0 GiB<small>20.0 GiB reserved</small></td>"), 1u);
+    EXPECT_EQ(CountOf(page, "<td>512 B</td><td>1.0 KiB</td>"), 1u);
+}
+
 TEST(ReportPage, SecretsAreMaskedByTheirNames)
 {
     PageContent content = Content();

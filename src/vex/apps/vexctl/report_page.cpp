@@ -11,6 +11,7 @@
 #include "vex/apps/vex/version.h"
 
 #include "vex/core/clock.h"
+#include "vex_core/base/ascii.h"
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
@@ -120,13 +121,36 @@ std::string NumberText(const Json& value)
     return text;
 }
 
-std::string CellText(const Json& value)
+// A number in the unit that the plugin has told: bytes, also bytes/s and the like, and seconds as people read them.
+std::string MeasuredText(const Json& value, const std::string& unit)
+{
+    constexpr double most = 9e15;
+    const auto number = value.get<double>();
+    const double size = std::fabs(number);
+    const std::string sign = number < 0 ? "-" : "";
+    if (unit.empty() || size > most)
+        return NumberText(value);
+    if (VexCore::StartsWith(unit, "bytes"))
+        return (size < 1024 ? NumberText(value) + " B" : sign + Bytes(size)) + unit.substr(5);
+    if (unit == "seconds")
+        return size < 60 ? NumberText(value) + " s" : sign + DurationText(static_cast<std::int64_t>(size * 1000));
+    return NumberText(value) + ' ' + unit;
+}
+
+std::string CellText(const Json& value, const std::string& unit)
 {
     if (value.is_null())
         return "-";
     if (value.is_string())
         return value.get<std::string>();
-    return value.is_number() ? NumberText(value) : JsonText(value);
+    return value.is_number() ? MeasuredText(value, unit) : JsonText(value);
+}
+
+// Of what has this key among a plugin's values: its own, or else that of the table around it.
+std::string UnitOf(const Json& units, const std::string& key, const std::string& around)
+{
+    const std::string own = TextOf(units, key.c_str());
+    return own.empty() ? around : own;
 }
 
 bool IsListOfObjects(const Json& value)
@@ -140,7 +164,7 @@ std::string More(std::size_t count)
     return "<p class=\"none\">and " + std::to_string(count) + " more</p>\n";
 }
 
-std::string ListTable(const Json& list)
+std::string ListTable(const Json& list, const Json& units, const std::string& unit)
 {
     std::vector<std::string> fields;
     std::set<std::string> known;
@@ -157,7 +181,7 @@ std::string ListTable(const Json& list)
         std::vector<std::string> cells;
         for (const std::string& field : fields) {
             const Json* const value = Find(entry, field.c_str());
-            cells.push_back(value ? Html(CellText(*value)) : "-");
+            cells.push_back(value ? Html(CellText(*value, UnitOf(units, field, unit))) : "-");
         }
         html += Row(cells);
     }
@@ -166,10 +190,10 @@ std::string ListTable(const Json& list)
 }
 
 // Plain values as a list of names and values, and what is nested below its name.
-std::string Values(const Json& values, int depth)
+std::string Values(const Json& values, const Json& units, const std::string& unit, int depth)
 {
     if (!values.is_object() || depth == shownDepth)
-        return "<p>" + Html(CellText(values)) + "</p>\n";
+        return "<p>" + Html(CellText(values, unit)) + "</p>\n";
     std::string plain, nested;
     std::size_t rows = 0;
     for (auto entry = values.begin(); entry != values.end(); ++entry) {
@@ -177,12 +201,14 @@ std::string Values(const Json& values, int depth)
             nested += More(values.size() - shownRows);
             break;
         }
-        const bool isNested = entry->is_object() || IsListOfObjects(*entry);
-        if (!isNested)
-            plain += "<dt>" + Html(entry.key()) + "</dt><dd>" + Html(CellText(*entry)) + "</dd>\n";
-        else if (!entry->empty())
+        const std::string own = UnitOf(units, entry.key(), unit);
+        if (entry->is_structured() && entry->empty())
+            plain += "<dt>" + Html(entry.key()) + "</dt><dd>none</dd>\n";
+        else if (!entry->is_object() && !IsListOfObjects(*entry))
+            plain += "<dt>" + Html(entry.key()) + "</dt><dd>" + Html(CellText(*entry, own)) + "</dd>\n";
+        else
             nested += "<h4>" + Html(entry.key()) + "</h4>\n"
-                      + (entry->is_object() ? Values(*entry, depth + 1) : ListTable(*entry));
+                      + (entry->is_object() ? Values(*entry, units, own, depth + 1) : ListTable(*entry, units, own));
     }
     return (plain.empty() ? "" : "<dl>" + plain + "</dl>\n") + nested;
 }
@@ -418,15 +444,18 @@ private:
             const double total = NumberOf(disk, "total").value_or(0),
                          available = NumberOf(disk, "available").value_or(0);
             // What is reserved for the system counts as neither used nor free.
-            const double used = std::max(0.0, total - NumberOf(disk, "free").value_or(total));
+            const double unused = NumberOf(disk, "free").value_or(total);
+            const double used = std::max(0.0, total - unused), reserved = std::max(0.0, unused - available);
             const double share = used + available > 0 ? used / (used + available) : 0;
             char percent[16];
             std::snprintf(percent, sizeof percent, "%.0f&nbsp;%%", 100 * share);
             const Kind kind = share >= 0.95 ? Kind::Bad : share >= 0.85 ? Kind::Warning : Kind::Good;
             const std::string device =
                 TextOf(disk, "device") + (TextOf(disk, "type").empty() ? "" : ", " + TextOf(disk, "type"));
-            html += Row({"<b>" + Html(TextOf(disk, "mount")) + "</b><small>" + Html(device) + "</small>", percent,
-                         DrawBar(share, kind), Html(Bytes(available)), Html(Bytes(total))});
+            const auto below = [](const std::string& text) { return "<small>" + Html(text) + "</small>"; };
+            html += Row({"<b>" + Html(TextOf(disk, "mount")) + "</b>" + below(device), percent + below(Bytes(used)),
+                         DrawBar(share, kind), Html(Bytes(available)),
+                         Html(Bytes(total)) + (reserved > 0 ? below(Bytes(reserved) + " reserved") : "")});
         }
         return Section("disks", "Disks", html + tableEnd);
     }
@@ -473,11 +502,11 @@ private:
             const std::string version = TextOf(plugin, "version");
             html += "<article><h3>" + Html(TextOf(plugin, "name"))
                     + (version.empty() ? "" : " <small>" + Html(version) + "</small>");
-            const Json* const values = Find(plugin, "values");
+            const Json *const values = Find(plugin, "values"), *const units = Find(plugin, "units");
             if (const std::string error = TextOf(plugin, "error"); !error.empty())
                 html += " " + Pill(Kind::Bad, "failed") + "</h3><pre>" + Html(error, true) + "</pre>";
             else
-                html += "</h3>" + (values ? Values(*values, 0) : None("nothing to tell"));
+                html += "</h3>" + (values ? Values(*values, units ? *units : Json(), "", 0) : None("nothing to tell"));
             html += "</article>\n";
         }
         return Section("plugins", "Plugins", html);
