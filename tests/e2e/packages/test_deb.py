@@ -95,6 +95,10 @@ def test_each_library_of_the_system_that_a_binary_names_is_a_dependency(unpacked
             owners |= {line.split(":")[0] for line in subprocess.run(["dpkg", "-S", path], capture_output=True, text=True,
                                                                      check=True).stdout.splitlines()}
     assert len(owners) > 8 and wanted == owners | {"adduser"}
+    # What the operators' guide tells for hosts without this package.
+    with open(os.path.join(ROOT, "docs/OPERATIONS.md"), encoding="utf-8") as file:
+        told = re.search(r"^\| (`.*`) \| the agent does not start \|$", file.read(), re.M)[1]
+    assert set(re.findall("`(.*?)`", told)) == owners
 
 
 def test_all_is_roots_and_nobody_elses_to_write(debs, unpacked):
