@@ -227,7 +227,8 @@ def main():
     parser.set_defaults(level="plain")
     arguments = parser.parse_args()
     groups = choose(arguments.only, arguments.level, parser.error)
-    if subprocess.run(["tools/setup"], cwd=ROOT, check=False).returncode != 0:
+    wide = ["--wide"] if arguments.level in ("ci", "full") else []
+    if subprocess.run(["tools/setup", *wide], cwd=ROOT, check=False).returncode != 0:
         return 1
 
     os.makedirs(OUT, exist_ok=True)

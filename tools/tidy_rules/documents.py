@@ -72,14 +72,12 @@ def heading_id(title):
 
 def check_packages(tree):
     """Each package that a fresh machine gets has its reason."""
-    listed, reasons = "tools/packages.txt", "docs/DEPENDENCIES.md"
-    if listed not in tree.files:
-        return
-    explained = set(re.findall(r"`([^`]+)`", tree.text(reasons)))
-    packages = {line: number for number, line in enumerate(tree.lines(listed), 1) if line and not line.startswith("#")}
-    for package, number in packages.items():
-        if package not in explained:
-            yield listed, number, f"{reasons} does not say why {package} is needed"
+    reasons = "docs/DEPENDENCIES.md"
+    for listed in sorted(name for name in tree.files if re.fullmatch(r"tools/packages(-\w+)?\.txt", name)):
+        explained = set(re.findall(r"`([^`]+)`", tree.text(reasons)))
+        for number, package in enumerate(tree.lines(listed), 1):
+            if package and not package.startswith("#") and package not in explained:
+                yield listed, number, f"{reasons} does not say why {package} is needed"
 
 
 CHECKS = (check_links, check_comments, check_packages)

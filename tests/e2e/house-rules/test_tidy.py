@@ -356,8 +356,10 @@ def test_each_file_says_what_it_is_about_or_its_header_does(tree):
 
 
 def test_a_package_without_a_reason_is_a_breach(tree):
-    root = tree({"tools/packages.txt": "# build\ng++\ncmake\n", "docs/DEPENDENCIES.md": "`g++` compiles\n"})
-    assert tidy(root) == (1, "tools/packages.txt:3: docs/DEPENDENCIES.md does not say why cmake is needed\n")
+    root = tree({"tools/packages.txt": "# build\ng++\ncmake\n", "tools/packages-wide.txt": "chromium\n",
+                 "docs/DEPENDENCIES.md": "`g++` compiles\n"})
+    assert tidy(root) == (1, "tools/packages-wide.txt:1: docs/DEPENDENCIES.md does not say why chromium is needed\n"
+                             "tools/packages.txt:3: docs/DEPENDENCIES.md does not say why cmake is needed\n")
 
 
 @pytest.mark.skipif(not shutil.which("clang-format"), reason="clang-format is not installed")

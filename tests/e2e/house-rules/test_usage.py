@@ -4,6 +4,7 @@ import importlib.util
 import glob
 import os
 import pty
+import re
 import shutil
 import subprocess
 import sys
@@ -48,7 +49,7 @@ def call(*command, **options):
     (["tools/demo", "nonsense"], "usage: tools/demo STAGE PAGE"),
     (["tools/run_tree", "nonsense"], "usage: tools/run_tree STAGE PACKAGES TREE"),
     (["tools/sandbox"], "usage: tools/sandbox COMMAND"),
-    (["tools/setup", "nonsense"], "usage: tools/setup"),
+    (["tools/setup", "nonsense"], "usage: tools/setup [--wide]"),
     (["tools/tidy", "--nonsense"], "unrecognized arguments: --nonsense"),
 ])
 def test_a_wrong_call_is_told_and_nothing_is_done(command, words):
@@ -65,6 +66,26 @@ def test_help_is_given_before_anything_is_built(command, word):
     result = call(command, "--help", capture_output=True, text=True)
     assert (result.returncode, result.stderr) == (0, "")
     assert word in result.stdout
+
+
+# In the place of the system's: nothing is installed, and only what a first ./test needs can be.
+NOTHING_INSTALLED = {"dpkg-query": "exit 1", "sudo": 'exec "$@"', "apt-get": "case \"$*\" in *chromium*) echo no such package; exit 100;; esac"}
+
+
+def test_what_only_the_wide_tests_use_may_be_missing(tmp_path):
+    for name, body in NOTHING_INSTALLED.items():
+        (tmp_path / name).write_text(f"#!/bin/sh\n{body}\n")
+        (tmp_path / name).chmod(0o755)
+    environment = dict(os.environ, PATH=f"{tmp_path}:{os.environ['PATH']}")
+    first = call("tools/setup", env=environment, capture_output=True, text=True)
+    assert (first.returncode, first.stderr) == (0, "")
+    assert re.fullmatch(r"setup: installing g\+\+ .*\nsetup: \d+ packages installed\n", first.stdout) and "chromium" not in first.stdout
+    wide = call("tools/setup", "--wide", env=environment, capture_output=True, text=True)
+    assert (wide.returncode, wide.stdout) == (0, first.stdout + "setup: installing chromium\n")
+    assert wide.stderr == ("no such package\nsetup: the installation failed; its last lines stand above\n"
+                           "setup: without the packages of tools/packages-wide.txt the tests that use them are skipped, and say so\n")
+    (tmp_path / "apt-get").write_text("#!/bin/sh\nexit 100\n")
+    assert call("tools/setup", env=environment, capture_output=True).returncode == 1
 
 
 def test_the_tests_colour_their_words_on_a_terminal_only():
