@@ -102,6 +102,7 @@ class EventDatabase : public testing::Test
 protected:
     void SetUp() override
     {
+        CloseEventStores(); // that something is kept is known to the process, whichever test has kept it
         SqliteSettings settings;
         settings.busyTimeoutMs = 20;
         SetSqliteSettings(settings);
