@@ -1,6 +1,7 @@
 """vexctl check and plugins on what others have made: the verdict is the launcher's, and nothing that lies there does harm."""
 import os
 import platform
+import shutil
 import subprocess
 
 import pytest
@@ -45,6 +46,18 @@ def test_the_verdict_is_that_of_the_launcher(tree, story):
     tree.run("--install_plugins")
     assert os.path.exists(path + ".done") == accepted
     assert os.path.exists(tree.file("f/a.lua")) == accepted
+
+
+@pytest.mark.parametrize("setting, accepted", [("maxbytes = 1M", False), ("maxbytes = 3M", True), ("maxentries = 1", False)])
+def test_the_limits_are_those_of_the_agents_settings(tree, tmp_path, setting, accepted):
+    package = str(tmp_path / named("F"))
+    with_zip(package, {"f/a.lua": "x" * (2 << 20), "f/b.lua": ""})
+    tree.file("work/vx_agent.ini", f"[settings]\napp.unzip.{setting}\n")
+    ctl(tree, "check", package, status=0 if accepted else 1)
+    ctl(tree, "install", package, status=0 if accepted else 1)
+    shutil.copy(package, tree.file(named("F")))
+    tree.run("--install_plugins")
+    assert os.path.exists(tree.file(named("F") + ".done")) == accepted
 
 
 def test_every_reason_is_told_and_the_worst_file_is_the_status(tree, tmp_path):

@@ -51,9 +51,10 @@ void Show(Session& session, const Verdict& verdict)
 
 int Check(Session& session, const PackageCheckOptions& options)
 {
+    const VexCore::ZipLimits limits = LimitsOf(session.place);
     int status = statusDone;
     for (const std::string& file : options.files) {
-        const Verdict verdict = CheckPackage(file);
+        const Verdict verdict = CheckPackage(file, limits);
         if (options.json)
             session.out.Write(JsonText(JsonOf(verdict)) + "\n");
         else

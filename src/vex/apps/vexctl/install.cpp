@@ -27,7 +27,7 @@ int Install(Session& session, const InstallOptions& options)
 {
     Progress progress(session.err);
     progress.Show("checking " + options.file);
-    const Verdict verdict = CheckPackage(options.file);
+    const Verdict verdict = CheckPackage(options.file, LimitsOf(session.place));
     progress.Clear();
     if (!verdict.unread.empty())
         throw Failure(options.file + ": " + verdict.unread);

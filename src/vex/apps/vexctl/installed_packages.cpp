@@ -91,13 +91,13 @@ private:
     const ZipArchive& m_archive;
 };
 
-InstalledPackage LookAt(const std::string& folder, const PackageName& name)
+InstalledPackage LookAt(const std::string& folder, const PackageName& name, const VexCore::ZipLimits& limits)
 {
     InstalledPackage package;
     package.name = name;
     package.path = folder + "/" + name.file;
     std::vector<std::string> reasons;
-    const auto archive = VexCore::OpenToUnzip(package.path, VexCore::ZipLimits(), reasons);
+    const auto archive = VexCore::OpenToUnzip(package.path, limits, reasons);
     if (!archive) {
         const VexCore::os::Descriptor file(VexCore::os::Open(package.path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
         package.state = file ? PackageState::Damaged : PackageState::Unreadable;
@@ -268,12 +268,12 @@ std::vector<PackageName> ListPackages(const std::string& folder)
     return names;
 }
 
-std::vector<InstalledPackage> FindInstalled(const std::string& folder)
+std::vector<InstalledPackage> FindInstalled(const std::string& folder, const VexCore::ZipLimits& limits)
 {
     std::vector<InstalledPackage> packages;
     for (const PackageName& name : ListPackages(folder))
         if (name.kind == PackageKind::Done)
-            packages.push_back(LookAt(folder, name));
+            packages.push_back(LookAt(folder, name, limits));
     FindReplaced(packages);
     for (InstalledPackage& package : packages)
         package.state = StateOf(package);
@@ -284,16 +284,17 @@ PackagesBeside FindPackages(const Place& place, const std::string& extensionFold
 {
     PackagesBeside found;
     found.folder = place.binFolder;
+    const VexCore::ZipLimits limits = LimitsOf(place);
     const bool isAbsolute = VexCore::StartsWith(extensionFolder, "/");
     found.extensionFolder = isAbsolute ? extensionFolder : found.folder + "/" + extensionFolder;
     for (const PackageName& name : ListPackages(found.folder))
         if (name.kind == PackageKind::Package || name.kind == PackageKind::Marker) {
-            found.waiting.push_back(CheckPackage(found.folder + "/" + name.file));
+            found.waiting.push_back(CheckPackage(found.folder + "/" + name.file, limits));
             found.waiting.back().archive.reset(); // there may be more of them than descriptors
             if (!found.waiting.back().unread.empty())
                 TellProblem(found, found.waiting.back().path, found.waiting.back().unread);
         }
-    found.installed = FindInstalled(found.folder);
+    found.installed = FindInstalled(found.folder, limits);
     for (const InstalledPackage& package : found.installed) {
         if (!package.problem.empty())
             TellProblem(found, package.path, package.problem);

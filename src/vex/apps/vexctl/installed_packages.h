@@ -74,7 +74,7 @@ struct PackagesBeside
 std::vector<PackageName> ListPackages(const std::string& folder);
 
 /// The packages of a folder that were unpacked.
-std::vector<InstalledPackage> FindInstalled(const std::string& folder);
+std::vector<InstalledPackage> FindInstalled(const std::string& folder, const VexCore::ZipLimits& limits);
 
 /// `extensionFolder` is below the folder of the executable unless it is absolute.
 PackagesBeside FindPackages(const Place& place, const std::string& extensionFolder);

@@ -99,7 +99,7 @@ int Pack(Session& session, const PackOptions& options)
     Progress progress(session.err);
     WriteArchive(archive, content.files, progress);
     progress.Show("checking " + file);
-    const std::vector<std::string> reasons = WhyRefused(archive.TemporaryPath());
+    const std::vector<std::string> reasons = WhyRefused(archive.TemporaryPath(), VexCore::ZipLimits());
     progress.Clear();
     if (!reasons.empty())
         return Tell(session, reasons);

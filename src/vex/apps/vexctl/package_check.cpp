@@ -1,5 +1,6 @@
 #include "vex/apps/vexctl/package_check.h"
 
+#include "vex/apps/vexctl/agent_settings.h"
 #include "vex/apps/vexctl/heartbeat_history.h"
 
 #include "vex/apps/vex/extension_rules.h"
@@ -55,12 +56,12 @@ void JudgeExtension(Verdict& verdict)
             verdict.reasons.push_back(VexCore::ToSystemBytes(why));
 }
 
-void JudgeArchive(Verdict& verdict)
+void JudgeArchive(Verdict& verdict, const VexCore::ZipLimits& limits)
 {
     const bool isExtension = verdict.name && verdict.name->kind == PackageKind::Extension;
     std::vector<std::string> reasons;
     verdict.archive = isExtension ? VexCore::ZipArchive::Open(verdict.path, VexCore::ZipLimits(), reasons)
-                                  : VexCore::OpenToUnzip(verdict.path, VexCore::ZipLimits(), reasons);
+                                  : VexCore::OpenToUnzip(verdict.path, limits, reasons);
     if (verdict.archive) {
         for (const ZipEntry& entry : verdict.archive->Entries()) {
             verdict.files += entry.isFolder ? 0 : 1;
@@ -77,7 +78,19 @@ void JudgeArchive(Verdict& verdict)
 
 } // namespace
 
-Verdict CheckPackage(const std::string& path, const std::string& name)
+VexCore::ZipLimits LimitsOf(const Place& place)
+{
+    VexCore::ZipLimits limits;
+    for (const VexCore::SettingInForce& setting : ReadAgentSettings(place, std::string()).report.inForce) {
+        if (setting.key == "app.unzip.maxbytes")
+            limits.maxBytes = std::stoull(setting.value); // the unit stands behind it
+        else if (setting.key == "app.unzip.maxentries")
+            limits.maxEntries = std::stoull(setting.value);
+    }
+    return limits;
+}
+
+Verdict CheckPackage(const std::string& path, const VexCore::ZipLimits& limits, const std::string& name)
 {
     Verdict verdict;
     verdict.path = path;
@@ -88,7 +101,7 @@ Verdict CheckPackage(const std::string& path, const std::string& name)
     JudgeName(verdict);
     if (verdict.name && verdict.name->kind == PackageKind::Extension)
         JudgeExtension(verdict);
-    JudgeArchive(verdict);
+    JudgeArchive(verdict, limits);
     return verdict;
 }
 

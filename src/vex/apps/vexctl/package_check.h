@@ -3,6 +3,7 @@
 // library's own reader.
 
 #include "vex/apps/vexctl/package_file.h"
+#include "vex/apps/vexctl/place.h"
 
 #include "vex_core/zip/zip_reader.h"
 
@@ -29,8 +30,12 @@ struct Verdict
     std::string Summary() const;
 };
 
+/// Of packages and markers, as the agent's settings have them ("app.unzip.*").
+VexCore::ZipLimits LimitsOf(const Place& place);
+
 /// `name` is the file's name without folder where it is to have another one than it has.
-Verdict CheckPackage(const std::string& path, const std::string& name = std::string());
+Verdict CheckPackage(const std::string& path, const VexCore::ZipLimits& limits = VexCore::ZipLimits(),
+                     const std::string& name = std::string());
 
 /// "1 file", "2 files".
 std::string Counted(std::size_t count, const char* singular);

@@ -158,10 +158,10 @@ void WriteArchive(NewFile& archive, const std::vector<PackedFile>& files, Progre
     archive.Close();
 }
 
-std::vector<std::string> WhyRefused(const std::string& path)
+std::vector<std::string> WhyRefused(const std::string& path, const VexCore::ZipLimits& limits)
 {
     std::vector<std::string> reasons;
-    const auto archive = VexCore::OpenToUnzip(path, VexCore::ZipLimits(), reasons);
+    const auto archive = VexCore::OpenToUnzip(path, limits, reasons);
     if (archive) {
         std::vector<std::string> damaged = VexCore::DamagedEntries(*archive);
         std::move(damaged.begin(), damaged.end(), std::back_inserter(reasons));

@@ -33,7 +33,7 @@ FolderContent ReadFolder(const std::string& folder, const std::vector<std::strin
 void WriteArchive(NewFile& archive, const std::vector<PackedFile>& files, Progress& progress);
 
 /// Every reason for which the launcher would refuse an archive that has no name of its own yet.
-std::vector<std::string> WhyRefused(const std::string& path);
+std::vector<std::string> WhyRefused(const std::string& path, const VexCore::ZipLimits& limits);
 
 /// The path without links, "." and "..". Throws Failure when there is nothing.
 std::string RealPath(const std::string& path);

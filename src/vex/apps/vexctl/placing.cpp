@@ -35,7 +35,7 @@ std::optional<Prepared> PrepareCopy(Session& session, const std::string& path, c
     });
     copy->Close();
     progress.Show("checking " + name);
-    const Verdict verdict = CheckPackage(copy->TemporaryPath(), name);
+    const Verdict verdict = CheckPackage(copy->TemporaryPath(), LimitsOf(session.place), name);
     progress.Clear();
     if (!verdict.unread.empty())
         throw Failure(copy->TemporaryPath() + ": " + verdict.unread);
@@ -63,7 +63,8 @@ std::optional<Prepared> PrepareMarker(Session& session, const std::string& name,
     Progress progress(session.err);
     WriteArchive(*marker, entries, progress);
     progress.Clear();
-    if (const std::vector<std::string> reasons = WhyRefused(marker->TemporaryPath()); !reasons.empty()) {
+    if (const std::vector<std::string> reasons = WhyRefused(marker->TemporaryPath(), LimitsOf(session.place));
+        !reasons.empty()) {
         TellRefused(session, marker->Path(), reasons);
         return std::nullopt;
     }

@@ -15,7 +15,7 @@ struct RemoveOptions
 
 int Remove(Session& session, const RemoveOptions& options)
 {
-    const std::vector<InstalledPackage> installed = FindInstalled(session.place.binFolder);
+    const std::vector<InstalledPackage> installed = FindInstalled(session.place.binFolder, LimitsOf(session.place));
     const std::vector<const InstalledPackage*> packages = PackagesOf(installed, options.plugin);
     const std::vector<std::string> files =
         packages.empty() ? std::vector<std::string>() : FilesOnlyOf(packages, installed);

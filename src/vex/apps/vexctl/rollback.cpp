@@ -56,7 +56,7 @@ std::vector<std::string> FilesThatGo(const InstalledPackage& current, const Inst
 
 int Rollback(Session& session, const RollbackOptions& options)
 {
-    const std::vector<InstalledPackage> installed = FindInstalled(session.place.binFolder);
+    const std::vector<InstalledPackage> installed = FindInstalled(session.place.binFolder, LimitsOf(session.place));
     const std::vector<const InstalledPackage*> packages = PackagesOf(installed, options.plugin);
     const InstalledPackage* const current = Current(packages);
     const InstalledPackage* const earlier = Earlier(packages, current);
