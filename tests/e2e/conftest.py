@@ -232,6 +232,8 @@ def at_rest(*pids):
         except OSError:  # a thread has ended
             return None
 
+    assert pids
+
     def same_for_a_moment():
         first = look()
         time.sleep(0.3)

@@ -151,9 +151,9 @@ def test_the_options_of_the_running_agent_count_and_others_in_their_place(tree):
     tree.file("probe/plugin.lua", "return { name = 'Probe', version = '1', collect = function() return { answer = 42 } end }")
     assert checked("report", ctl(tree, "report", "--json", "--", "--plugins", "probe").out)["plugins"][0]["values"] == {"answer": 42}
     assert ctl(tree, "report", "plugins", status=2).err == "vexctl: 'plugins' is no option of the launcher\n"
-    supervisor, _ = tree.background("--plugins", "probe")
+    supervisor, child = tree.background("--plugins", "probe")
     ctl(tree, "wait", "heartbeat")
-    before = quiet_state_of(tree.work)
+    before = quiet_state_of(tree.work, supervisor, child)
     assert checked("report", ctl(tree, "report", "--json").out)["plugins"][0]["name"] == "Probe"
     assert checked("report", ctl(tree, "report", "--json", "--", "--verbose").out)["plugins"] == []
     assert {name: kept for name, kept in state_of(tree.work).items() if name in before} == before
