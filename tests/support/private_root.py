@@ -26,6 +26,9 @@ class PrivateRoot:
             unmount(self._scratch)
             pytest.skip(f"NO OVERLAY CAN BE MOUNTED HERE ({made.stderr.strip()}): installing a package is not tested")
         self._mounted.append(self.path)
+        # The index of this machine's whole manual, made anew by each dpkg, takes minutes while the disk is busy.
+        if os.path.exists(self.file("/var/lib/man-db/auto-update")):
+            os.unlink(self.file("/var/lib/man-db/auto-update"))
         for place in ("proc", "dev"):
             subprocess.run(["mount", "--rbind", "/" + place, os.path.join(self.path, place)], check=True)
             self._mounted.append(os.path.join(self.path, place))
