@@ -105,6 +105,18 @@ def test_following_goes_across_rotations_and_ends_with_its_reader(tree, tmp_path
         "before", "appended", "last of its file", "between two looks", "first of the next"]
 
 
+@pytest.mark.sandbox
+def test_following_goes_on_behind_a_log_that_was_taken_away(tree, tmp_path):
+    with_log(tree, "2026-01-31 10:20:30 INFO [1/main] rotated\n", "vx_agent.log.1")
+    path = with_log(tree, "2026-01-31 10:20:31 INFO [1/main] last\n")
+    follower = Following(tree, str(tmp_path / "out"), "log", "--follow")
+    follower.wait_for("last")
+    os.unlink(path)
+    with_log(tree, "2026-01-31 10:20:32 INFO [1/main] new\n")
+    follower.wait_for("new")
+    assert [line.partition("] ")[2] for line in follower.text().splitlines()] == ["rotated", "last", "new"]
+
+
 @pytest.mark.skipif(conftest.SANITIZER == "thread", reason="the sanitizer has a thread of its own, which works by the clock")
 @pytest.mark.sandbox
 def test_a_follower_that_waits_sleeps_and_ends_when_nobody_reads_any_more(tree):

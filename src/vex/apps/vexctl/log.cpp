@@ -12,6 +12,7 @@
 
 #include "vex_core/os/files.h"
 
+#include <algorithm>
 #include <memory>
 
 namespace Vexctl {
@@ -249,9 +250,11 @@ private:
         ShowLines();
         std::vector<std::string> told; // those of the begin
         std::vector<LogFile> files = OpenLogFiles(m_path, told);
+        // Behind the last of those that are known: who takes the log away leaves the rotated ones.
         Begin begin;
-        for (std::size_t file = 0; file < files.size() && !m_files.empty(); ++file)
-            if (files[file].identity.IsFileOf(m_files.back().identity))
+        for (std::size_t file = 0; file < files.size(); ++file)
+            if (std::any_of(m_files.begin(), m_files.end(),
+                            [&](const LogFile& known) { return files[file].identity.IsFileOf(known.identity); }))
                 begin.file = file + 1;
         if (begin.file == files.size())
             return; // nothing is newer: the next file is not there yet
