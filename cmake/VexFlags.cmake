@@ -113,6 +113,8 @@ function(vex_unity target)
       endif()
     endforeach()
   endif()
+  # A local name that another source of the unit has too hides nothing that its own source knows.
+  target_compile_options(${target} PRIVATE -Wno-shadow)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # It makes an exception for the main file alone, which in a unit no source is.
     target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
