@@ -44,6 +44,19 @@ std::string Cases(const std::vector<CommandWords>& subcommands)
     return text;
 }
 
+// The walk through the words before the cursor, where both shells go on alike: behind the step over an option's value.
+std::string EndOfWalk(const std::vector<CommandWords>& subcommands)
+{
+    return "        case $name in -*) continue ;; esac\n"
+           "        if [ -n \"$command\" ]; then first=no; continue; fi\n"
+           "        command=$name\n"
+           "        case $command in\n"
+           + Cases(subcommands)
+           + "        esac\n"
+             "        options+=\" $common\" values+=\" $commonValues\"\n"
+             "    done\n";
+}
+
 Words Names(const std::vector<CommandWords>& subcommands)
 {
     Words names;
@@ -66,15 +79,8 @@ std::string BashScript(const CommandWords& root, const std::vector<CommandWords>
              "        name=${COMP_WORDS[i]}\n"
              "        case \" $values \" in *\" $name \"*) [ \"${COMP_WORDS[i + 1]}\" = = ] && ((++i)); ((++i)); "
              "continue ;; esac\n"
-             "        case $name in -*) continue ;; esac\n"
-             "        if [ -n \"$command\" ]; then first=no; continue; fi\n"
-             "        command=$name\n"
-             "        case $command in\n"
-           + Cases(subcommands)
-           + "        esac\n"
-             "        options+=\" $common\" values+=\" $commonValues\"\n"
-             "    done\n"
-             "    COMPREPLY=()\n"
+           + EndOfWalk(subcommands)
+           + "    COMPREPLY=()\n"
              "    [ \"$before\" = = ] && before=${COMP_WORDS[COMP_CWORD - 2]}\n"
              "    case \" $values \" in\n"
              "        *\" $before \"*) compopt -o default 2>/dev/null; return ;;\n"
@@ -115,15 +121,8 @@ std::string ZshScript(const CommandWords& root, const std::vector<CommandWords>&
              "    for ((i = 2; i < CURRENT; ++i)); do\n"
              "        name=${words[i]}\n"
              "        case \" $values \" in *\" $name \"*) ((++i)); continue ;; esac\n"
-             "        case $name in -*) continue ;; esac\n"
-             "        if [ -n \"$command\" ]; then first=no; continue; fi\n"
-             "        command=$name\n"
-             "        case $command in\n"
-           + Cases(subcommands)
-           + "        esac\n"
-             "        options+=\" $common\" values+=\" $commonValues\"\n"
-             "    done\n"
-             "    case \" $values \" in\n"
+           + EndOfWalk(subcommands)
+           + "    case \" $values \" in\n"
              "        *\" $before \"*) _files; return ;;\n"
              "    esac\n"
              "    case $word in\n"
