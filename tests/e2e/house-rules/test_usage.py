@@ -134,6 +134,13 @@ def test_no_end_to_end_test_is_left_out_by_the_widest_level(run_tests):
         assert not name.startswith("e2e") or "-m" not in command[4:], name
 
 
+def test_a_quick_run_is_given_all_files_that_have_a_quick_test(run_tests):
+    collected = subprocess.run([sys.executable, "-m", "pytest", "-q", "--collect-only", "-p", "no:cacheprovider", "-m", "quick", "tests/e2e"],
+                               cwd=ROOT, capture_output=True, text=True, check=False).stdout
+    have = set(re.findall(r"^(tests/e2e/\S+\.py)::", collected, re.M))
+    assert have and have <= set(commands(run_tests, "quick")["e2e release"])
+
+
 def test_each_scenario_has_a_quick_test():
     for folder in glob.glob(os.path.join(ROOT, "tests", "e2e", "*", "")):
         sources = [open(file, encoding="utf-8").read() for file in glob.glob(folder + "test_*.py")]
