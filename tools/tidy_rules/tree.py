@@ -1,5 +1,6 @@
 """The files that the rules are about."""
 import fnmatch
+import functools
 import os
 import subprocess
 
@@ -46,14 +47,17 @@ class Tree:
     def has(self, path):
         """Whether there is such a file or folder; "*" stands for any letters of a name."""
         if path not in self._places:
-            self._places[path] = path == "." or any(fnmatch.fnmatchcase(place, path) for place in self._folders_and_files())
+            self._places[path] = path in self._known or bool(fnmatch.filter(self._known, path))
         return self._places[path]
 
-    def _folders_and_files(self):
+    @functools.cached_property
+    def _known(self):
+        known = {"."}
         for name in self.files:
-            while name:
-                yield name
+            while name and name not in known:
+                known.add(name)
                 name = os.path.dirname(name)
+        return known
 
     def text(self, name):
         return "\n".join(self.lines(name))
