@@ -23,7 +23,6 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <regex>
 #include <set>
 #include <thread>
 
@@ -651,6 +650,21 @@ protected:
     }
 };
 
+// The text with a star for each part in quotes.
+std::string WithoutNames(const std::string& text)
+{
+    std::string result;
+    bool quoted = false;
+    for (const char c : text) {
+        if (c == '"') {
+            quoted = !quoted;
+            result += quoted ? "*" : "";
+        } else if (!quoted)
+            result += c;
+    }
+    return result;
+}
+
 } // namespace
 
 TEST_F(UnzippingUnderFaults, EachFailingCallMakesItFalseWithOneLineAndLeavesOldOrNewFilesAndNoTemporaryFile)
@@ -671,7 +685,7 @@ TEST_F(UnzippingUnderFaults, EachFailingCallMakesItFalseWithOneLineAndLeavesOldO
             EXPECT_EQ(done, !reached) << (reached ? g_plan.names[static_cast<std::size_t>(n) - 1] : "");
             EXPECT_EQ(m_log->Lines().size(), reached ? 1u : 0u);
             if (reached && error == EIO)
-                said.insert(std::regex_replace(m_log->Text(), std::regex("\"[^\"]*\""), "*"));
+                said.insert(WithoutNames(m_log->Text()));
             ExpectEachFileOldOrNew();
             EXPECT_FALSE(HasTemporaries(m_root));
         }
