@@ -48,7 +48,6 @@ def readelf(option, file):
     return subprocess.run(["readelf", "-W", option, file], capture_output=True, text=True, check=True).stdout
 
 
-@pytest.mark.quick
 def test_the_tree_lies_below_opt_and_the_rest_where_the_system_looks_for_it(unpacked):
     files = files_below(unpacked)
     tree = {name[len(TREE):] for name in files if name.startswith(TREE)}

@@ -32,7 +32,7 @@ SettingsReport ReportOnLocal(const std::string& bytes)
     return ReportOn({Source(Role::Local, "f", bytes)}, {});
 }
 
-std::vector<std::string> Texts(const SettingsReport& report)
+std::vector<std::string> TextsOf(const SettingsReport& report)
 {
     std::vector<std::string> texts;
     for (const SettingFinding& finding : report.findings)
@@ -56,9 +56,9 @@ std::string InForce(const SettingsReport& report, const std::string& key)
 
 TEST(SettingsReport, ACleanFileHasNothingToTell)
 {
-    EXPECT_THAT(Texts(ReportOnLocal("; comment\nTrace = Appl\nDumpLevel=1\nsqlite.config.cache_size=-2000\nother=1\n"
-                                    "[settings]\napp.log.size = 10M\nvex.HeartbeatInterval=1h\nvex.Plugin.net = on\n"
-                                    "trend.Disk = /\nx=y\n[others]\nkey=1\n")),
+    EXPECT_THAT(TextsOf(ReportOnLocal("; comment\nTrace = Appl\nDumpLevel=1\nsqlite.config.cache_size=-2000\nother=1\n"
+                                      "[settings]\napp.log.size = 10M\nvex.HeartbeatInterval=1h\nvex.Plugin.net = on\n"
+                                      "trend.Disk = /\nx=y\n[others]\nkey=1\n")),
                 IsEmpty());
 }
 
@@ -67,7 +67,7 @@ TEST(SettingsReport, EachFaultIsOneFindingWithPlaceAndWhatIsUsed)
     const SettingsReport report =
         ReportOnLocal("[settings]\nvex.HeartbeatInterval = 5 ; comment\napp.log.size = 1\napp.lua.cache=off\n"
                       "vex.HartbeatKeepRows = 4\napp.else = 3\nHeartbeatKeepDays=2\nVEX.PLUGIN.net = maybe\n");
-    EXPECT_THAT(Texts(report),
+    EXPECT_THAT(TextsOf(report),
                 ElementsAre("f:2: the setting 'vex.HeartbeatInterval' cannot be '5 ; comment': a comment stands on a "
                             "line of its own; used: 60 seconds",
                             "f:3: the setting 'app.log.size' cannot be '1': it must be a whole number of bytes from "
@@ -94,8 +94,8 @@ TEST(SettingsReport, EachFaultIsOneFindingWithPlaceAndWhatIsUsed)
 TEST(SettingsReport, WhatStandsInTheWrongPlaceIsNamed)
 {
     EXPECT_THAT(
-        Texts(ReportOnLocal("app.log.count = 3\n[setings]\napp.log.size=5M\n[Other]\nvex.Plugin.x=on\n[settings]\n"
-                            "sqlite.config.cache_size=9\nTrace=x\napp.path.work=/x\nvex.HeartbeatNow=1\n")),
+        TextsOf(ReportOnLocal("app.log.count = 3\n[setings]\napp.log.size=5M\n[Other]\nvex.Plugin.x=on\n[settings]\n"
+                              "sqlite.config.cache_size=9\nTrace=x\napp.path.work=/x\nvex.HeartbeatNow=1\n")),
         ElementsAre("f:1: 'app.log.count' counts for nothing here: it stands in the group [settings]",
                     "f:2: the group [setings] counts for nothing; did you mean [settings]?",
                     "f:5: 'vex.Plugin.x' counts for nothing here: it stands in the group [settings]",
@@ -108,11 +108,11 @@ TEST(SettingsReport, WhatStandsInTheWrongPlaceIsNamed)
 TEST(SettingsReport, WhatTheFrameworkTellsIsNotToldTwiceButForADropIn)
 {
     const std::string bytes = "[settings]\nno entry\na=1\nA=2\n[broken\n";
-    EXPECT_THAT(Texts(ReportOnLocal(bytes)),
+    EXPECT_THAT(TextsOf(ReportOnLocal(bytes)),
                 ElementsAre("quiet: f:2: the line is no entry, group or comment",
                             "quiet: f:3: 'a' counts for nothing here: it stands in line 4 too",
                             "quiet: f:5: the line is no entry, group or comment"));
-    EXPECT_THAT(Texts(ReportOn({Source(Role::DropIn, "d", bytes)}, {})),
+    EXPECT_THAT(TextsOf(ReportOn({Source(Role::DropIn, "d", bytes)}, {})),
                 ElementsAre("d:2: the line is no entry, group or comment",
                             "d:3: 'a' counts for nothing here: it stands in line 4 too",
                             "d:5: the line is no entry, group or comment"));
@@ -121,7 +121,7 @@ TEST(SettingsReport, WhatTheFrameworkTellsIsNotToldTwiceButForADropIn)
 TEST(SettingsReport, WhatTheLauncherPassesOverInSilenceTheStartDoesNotTellEither)
 {
     EXPECT_THAT(
-        Texts(ReportOnLocal("DumpLevel=abc\nsqlite.config.synchronous=9\nTarce=x\nSqlite.config.mmap_size=1\n")),
+        TextsOf(ReportOnLocal("DumpLevel=abc\nsqlite.config.synchronous=9\nTarce=x\nSqlite.config.mmap_size=1\n")),
         ElementsAre("quiet: f:1: the setting 'DumpLevel' cannot be 'abc': it must be a whole number; used: 0",
                     "quiet: f:2: the setting 'sqlite.config.synchronous' cannot be '9': it must be a whole number "
                     "from 0 to 3; used: 2",
@@ -132,17 +132,17 @@ TEST(SettingsReport, WhatTheLauncherPassesOverInSilenceTheStartDoesNotTellEither
 
 TEST(SettingsReport, TheTopOfADropInCountsForNothing)
 {
-    EXPECT_THAT(Texts(ReportOn({Source(Role::DropIn, "d", "Trace=x\n[settings]\napp.log.count=2\n")}, {})),
+    EXPECT_THAT(TextsOf(ReportOn({Source(Role::DropIn, "d", "Trace=x\n[settings]\napp.log.count=2\n")}, {})),
                 ElementsAre("d:1: 'Trace' counts for nothing here: only the local and the system's own file have it"));
 }
 
 TEST(SettingsReport, AFileThatIsNotUsedSaysWhy)
 {
-    EXPECT_THAT(Texts(ReportOn({{Role::DropIn, "d", "", "it is a stranger's", {}}}, {})),
+    EXPECT_THAT(TextsOf(ReportOn({{Role::DropIn, "d", "", "it is a stranger's", {}}}, {})),
                 ElementsAre("it is a stranger's"));
-    EXPECT_THAT(Texts(ReportOn({{Role::Local, "f", "[settings]\nvex.No=1", "it is a stranger's", {}}}, {})),
+    EXPECT_THAT(TextsOf(ReportOn({{Role::Local, "f", "[settings]\nvex.No=1", "it is a stranger's", {}}}, {})),
                 ElementsAre("quiet: it is a stranger's"));
-    EXPECT_THAT(Texts(ReportOn({Source(Role::DropIn, "d", std::string(100001, '\n'))}, {})),
+    EXPECT_THAT(TextsOf(ReportOn({Source(Role::DropIn, "d", std::string(100001, '\n'))}, {})),
                 ElementsAre("d: the file is not used: it has more than 4194304 bytes or 100000 lines"));
 }
 
@@ -151,7 +151,7 @@ TEST(SettingsReport, AValueOfTheDomainIsJudgedToo)
     const SettingsReport report =
         ReportOn({Source(Role::Local, "f", "[settings]\nvex.HeartbeatInterval=5\n")},
                  {{"vex.HeartbeatInterval", "0"}, {"app.path.work", "/w"}, {"vex.mine", "?"}, {"vex.Plugin.x", "on"}});
-    EXPECT_THAT(Texts(report),
+    EXPECT_THAT(TextsOf(report),
                 ElementsAre("in the domain: the setting 'vex.HeartbeatInterval' cannot be '0': it must be "
                             "a whole number of seconds from 1 on, or one with s, m, h or d behind it; "
                             "used: 60 seconds"));
