@@ -58,14 +58,13 @@ def units(preset, environment, names):
                    environment, shards=1 if wanted else shards)
 
 
-def end_to_end(name, stage, build_dir, environment, *selection):
+def end_to_end(name, stage, build_dir, environment, *selection, workers=PROCESSORS + 2):
     file = result_file("e2e-" + name)
     # A test that hangs is ended where it stands, and says where, long before the run it is part of is given up as a whole.
     test_limit, limit = (3600, 7200) if environment.get("VEX_FULL") else (600, 2400)
     env = dict(environment, VEX_STAGE=os.path.join(ROOT, stage), VEX_BUILD=os.path.join(ROOT, build_dir))
-    # More than there are processors: much of a test of a daemon is waiting. By groups of one, tests are handed out singly, so
-    # that no worker is left with several sweeps of minutes each.
-    workers = PROCESSORS + 2
+    # More workers than there are processors: much of a test of a daemon is waiting. By groups of one, tests are handed out
+    # singly, so that no worker is left with several sweeps of minutes each.
     places = [word for word in selection if word.startswith("tests/")] or ["tests/e2e"]
     options = [word for word in selection if not word.startswith("tests/")]
     return Step(f"e2e {name}", ["tools/sandbox", PYTHON, "-m", "pytest", "-q", "-n", str(workers), "--dist", "loadgroup",
@@ -148,12 +147,15 @@ def plan(level, chosen=Chosen()):
     rules = [Step("house rules", [PYTHON, "tools/tidy"]),
              Step("exported symbols", [PYTHON, "tools/tidy", "--exports", "build/stage/lib"])]
     if level == "quick" and not chosen.some:
-        # What an end-to-end test does is waiting, for the most part: the unit tests are compiled meanwhile.
+        # What a test does is waiting, for the most part: other tests are compiled meanwhile. Each worker reads all tests first, and
+        # nobody waits for the end-to-end tests here.
+        *others, core = sorted(units("release", {}, ()), key=lambda step: step.name == "unit release core")
         return [[rules[0], build("release", "stage", "packages", "end_to_end_programs")],
-                [end_to_end("release", "build/stage", "build/release", {}, "-m", "quick", *quick_places()),
+                [end_to_end("release", "build/stage", "build/release", {}, "-m", "quick", *quick_places(), workers=PROCESSORS),
                  *lua("release", "build/stage", {}, ()),
-                 build("release", "unit_tests", name="build unit tests")],
-                [rules[1], *units("release", {}, ())]]
+                 build("release", *(binary for binary in UNIT_TESTS if binary != "unit_core"), name="build unit tests")],
+                [*others, build("release", "unit_core", name="build unit tests of the core")],
+                [rules[1], core]]
     groups = [] if chosen.some else [[rules[0]]]
     groups += [[build("release", *(() if wide and not chosen.some else RUN_TARGETS))]]
     groups += [] if chosen.some else [[rules[1]]]
