@@ -8,7 +8,7 @@ local text_tools = require("vex.text")
 
 local M = {}
 
-local array_mark, object_mark = {}, {}
+local array_mark, object_mark, raw_mark = {}, {}, {}
 
 --- The value that stands for null.
 M.null = setmetatable({}, {
@@ -21,6 +21,9 @@ function M.array(list) return setmetatable(list or {}, array_mark) end
 
 --- Marks a table as an object, so that it is one even where empty tables are arrays.
 function M.object(fields) return setmetatable(fields or {}, object_mark) end
+
+--- Stands for a JSON text, which is written as it is: for what has been encoded before.
+function M.raw(text) return setmetatable({ text = text }, raw_mark) end
 
 local escapes = {
   ['"'] = '\\"', ["\\"] = "\\\\", ["\b"] = "\\b", ["\f"] = "\\f", ["\n"] = "\\n", ["\r"] = "\\r", ["\t"] = "\\t",
@@ -123,6 +126,7 @@ local function encode_object(value, state)
 end
 
 local function encode_table(value, state)
+  if getmetatable(value) == raw_mark then return value.text end
   if state.open[value] then return nil, "a table that contains itself" end
   state.open[value] = true
   local length = array_length(value)

@@ -2,9 +2,10 @@
 --
 -- It starts the plugin, collects at once and then every "vex.CollectInterval" seconds (or the plugin's own
 -- `interval`), and stops the plugin when the agent stops. The latest values lie in the domain as JSON, under
--- "vex.plugin.<name>.values".
+-- "vex.plugin.<name>.values", and as metrics, so that who gives them out has nothing to compute.
 
 local host = require("vex.host")
+local plugin_metrics = require("vx_agent.plugin_metrics")
 local plugins = require("vx_agent.plugins")
 local settings = require("vex.settings")
 local log = require("vex.log")("vx_agent.collector")
@@ -33,12 +34,33 @@ local function sleep(plugin, dom)
   end
 end
 
+local function keep(entry, dom, what, value) dom:Set("vex.plugin." .. entry.id .. "." .. what, value) end
+
+-- What of the figures is no metric is told once for each reason.
+local function keep_metrics(entry, dom, values)
+  if not settings.bool("app.out") then return end
+  local text, dropped, messages = plugin_metrics.text(entry.id, values, entry.author)
+  keep(entry, dom, "metrics", text)
+  keep(entry, dom, "dropped", dropped)
+  entry.told_metrics = entry.told_metrics or {}
+  for _, one in ipairs(messages) do
+    if not entry.told_metrics[one.reason] then
+      entry.told_metrics[one.reason] = true
+      log.warning("Plugin '%s' %s", entry.id, one.message)
+    end
+  end
+end
+
 --- One collection into the domain.
 function M.collect(entry, dom)
+  local begin = host.monotonic()
   local values, encoded = plugins.collect(entry, dom)
+  keep(entry, dom, "seconds", ("%.6f"):format(host.monotonic() - begin))
+  keep(entry, dom, "error", not values and encoded or nil)
   if not values then return false end
-  dom:Set("vex.plugin." .. entry.id .. ".values", encoded)
-  dom:Set("vex.plugin." .. entry.id .. ".time", ("%d"):format(dom:TimeMillis()))
+  keep_metrics(entry, dom, values)
+  keep(entry, dom, "values", encoded)
+  keep(entry, dom, "time", ("%d"):format(dom:TimeMillis()))
   log.debug("plugin %s: %s", entry.id, encoded)
   return true
 end
@@ -51,8 +73,13 @@ function M.run(argument)
     log.warning("Plugin '%s' cannot be loaded: %s", argument.plugin, message)
     return
   end
-  local entry = { id = argument.plugin, plugin = plugin }
-  if not plugins.call(entry, "start", dom0) then return end
+  local author = { units = plugins.units(plugin), marks = plugins.marks(plugin) }
+  local entry = { id = argument.plugin, plugin = plugin, author = author }
+  local is_started, fault = plugins.call(entry, "start", dom0)
+  if not is_started then
+    keep(entry, dom0, "error", fault)
+    return
+  end
   local ending = dom0:Wait(keys, 0) == nil -- from the first wait on no request is missed
   while not ending do
     M.collect(entry, dom0)

@@ -1,11 +1,13 @@
 --- The worker that shows that the agent lives.
 --
--- A beat is a row in heartbeat.db and, once the row is on stable storage, a line in the log. It beats when it starts,
+-- A beat is a row in heartbeat.db and, once the row is on stable storage, a line in the log; then the files for
+-- collectors are written. It beats when it starts,
 -- every "vex.HeartbeatInterval" seconds, and at once when "vex.HeartbeatNow" becomes true. Between beats it sleeps. An
 -- interval that is written takes effect at once; once a minute it looks whether a file has another one.
 
 local history = require("vx_agent.history")
 local host = require("vex.host")
+local outputs = require("vx_agent.outputs")
 local settings = require("vex.settings")
 local text = require("vex.text")
 local log = require("vex.log")("vex.Heartbeat")
@@ -65,6 +67,7 @@ function M:beat(reason)
   else
     log.warning("Heartbeat (%s) without a row in the database, %s: %s", reason, message, describe(beat))
   end
+  self.outputs:write(beat)
   return id
 end
 
@@ -89,13 +92,15 @@ end
 
 --- Makes the worker's object.
 -- @param dom the domain
-function M.new(dom)
-  return setmetatable({ dom = dom }, M)
+-- @param plugins what the files for collectors tell of them: array of { id, name, version, units, error }
+function M.new(dom, plugins)
+  return setmetatable({ dom = dom, outputs = outputs.new(dom, plugins) }, M)
 end
 
 --- The worker's body: beats until the agent stops.
-function M.run()
-  local self = M.new(dom0)
+-- @param argument nil or { plugins = as for `new` }
+function M.run(argument)
+  local self = M.new(dom0, (argument or {}).plugins)
   dom0:Wait(keys, 0) -- from here on no write between two waits is missed
   self:take_request() -- the first beat answers it
   local reason = "start"

@@ -5,7 +5,6 @@
 -- is good.
 
 local facts = require("vx_agent.facts")
-local json = require("vex.json")
 local log = require("vex.log")("vx_agent")
 local options = require("vx_agent.options")
 local plugins = require("vx_agent.plugins")
@@ -38,15 +37,10 @@ local function block_of(entry)
   return block
 end
 
--- What a report holds, docs/FORMATS.md has it for its readers.
 local function collect()
-  local collected = facts.collect()
-  collected.schema = 1
-  collected.time = os.date("!%Y-%m-%dT%H:%M:%SZ")
-  collected.agent = { name = dom0:Get("app.name"), version = dom0:Get("app.version") }
-  collected.plugins = json.array()
-  for index, entry in ipairs(found) do collected.plugins[index] = block_of(entry) end
-  return collected
+  local blocks = {}
+  for index, entry in ipairs(found) do blocks[index] = block_of(entry) end
+  return report.whole(facts.collect(), dom0, blocks)
 end
 
 local function print_report(as_json)

@@ -1,7 +1,8 @@
 --- The agent's plugins: found by name, checked, and called so that a failure stays theirs.
 --
 -- A plugin x is the module "x.plugin": a table with `name` and `version`, and what it has of start(dom), collect(dom),
--- stop(dom), `interval` and `units`. `collect` returns a table of values; `units` has the units of some, by their keys.
+-- stop(dom), `interval`, `units` and `metrics`. `collect` returns a table of values; `units` has the units of some, by
+-- their keys, and `metrics` what they are to those who collect figures.
 
 local json = require("vex.json")
 local settings = require("vex.settings")
@@ -9,6 +10,25 @@ local text = require("vex.text")
 local log = require("vex.log")("vex.PluginUtils")
 
 local M = {}
+
+local mark_fields = { type = true, unit = true, label = true, help = true }
+
+-- What is wrong with the marks of its metrics, or nil.
+local function fault_of_marks(marks)
+  for key, mark in pairs(marks) do
+    local place = ("'metrics' at '%s'"):format(tostring(key))
+    if type(mark) ~= "table" then return place .. " is no table" end
+    for field, value in pairs(mark) do
+      if not mark_fields[field] then
+        return ("%s has '%s', and not one of type, unit, label, help"):format(place, tostring(field))
+      end
+      if type(value) ~= "string" then return ("%s: '%s' is no text"):format(place, field) end
+    end
+    if mark.type and mark.type ~= "counter" and mark.type ~= "gauge" then
+      return ("%s: the type '%s' is neither counter nor gauge"):format(place, mark.type)
+    end
+  end
+end
 
 -- What is wrong with a module's value, or nil.
 local function fault_of(plugin)
@@ -19,7 +39,10 @@ local function fault_of(plugin)
   for _, field in ipairs({ "start", "collect", "stop" }) do
     if plugin[field] ~= nil and type(plugin[field]) ~= "function" then return ("'%s' is no function"):format(field) end
   end
-  if plugin.units ~= nil and type(plugin.units) ~= "table" then return "'units' is no table" end
+  for _, field in ipairs({ "units", "metrics" }) do
+    if plugin[field] ~= nil and type(plugin[field]) ~= "table" then return ("'%s' is no table"):format(field) end
+  end
+  return fault_of_marks(plugin.metrics or {})
 end
 
 local enabling = "vex.Plugin"
@@ -85,6 +108,11 @@ function M.units(plugin)
     if type(key) == "string" and type(unit) == "string" then units[key] = unit end
   end
   return next(units) and units
+end
+
+--- What the plugin tells of its metrics, as plain tables; nil when it tells nothing.
+function M.marks(plugin)
+  return plugin.metrics and next(plugin.metrics) and plugin.metrics or nil
 end
 
 local most_told = 10

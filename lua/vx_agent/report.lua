@@ -169,9 +169,20 @@ local function plugin_block(plugin)
   return head .. (body ~= "" and body or "  nothing to tell\n")
 end
 
+--- What a report holds, docs/FORMATS.md has it for its readers.
+-- @param facts from vx_agent.facts, which becomes the report
+-- @param blocks array of a table a plugin: { name, version, values or error, units or nil }; a plugin that could not be
+-- loaded has no version
+function M.whole(facts, dom, blocks)
+  facts.schema = 1
+  facts.time = os.date("!%Y-%m-%dT%H:%M:%SZ")
+  facts.agent = { name = dom:Get("app.name"), version = dom:Get("app.version") }
+  facts.plugins = json.array(blocks)
+  return facts
+end
+
 --- The readable table.
--- @param facts from vx_agent.facts, with `plugins`: array of { name, version, values or error, units or nil }; a plugin
--- that could not be loaded has no version
+-- @param facts as `whole` gives it
 function M.text(facts)
   local parts = { columns.format(host_rows(facts)), disk_block(facts.disks) }
   for _, plugin in ipairs(facts.plugins or {}) do parts[#parts + 1] = plugin_block(plugin) end

@@ -1,18 +1,32 @@
 --- The workers of a background run: one that beats, one that listens for who asks for a beat, and one a plugin.
 
 local log = require("vex.log")("vx_agent.workers")
+local plugins = require("vx_agent.plugins")
 
 local M = {}
 M.__index = M
 
 local join_seconds = 10 -- for all of them together
 
+-- What the worker that beats has to know of a plugin, which lives in another thread.
+local function described(entries)
+  local descriptions = {}
+  for index, entry in ipairs(entries) do
+    local plugin = entry.plugin or {}
+    descriptions[index] = {
+      id = entry.id, name = plugin.name or entry.id, version = plugin.version, error = entry.error,
+      units = entry.plugin and plugins.units(plugin) or nil,
+    }
+  end
+  return descriptions
+end
+
 --- Starts them.
 -- @param entries from vx_agent.plugins; those that could not be loaded get no worker
 -- @return the crew, for `stop`
 function M.start(dom, entries)
   local self = setmetatable({ dom = dom, members = {} }, M)
-  self:hire("heartbeat", "vx_agent.heartbeat")
+  self:hire("heartbeat", "vx_agent.heartbeat", { plugins = described(entries) })
   self:hire("doorbell", "vx_agent.doorbell")
   for _, entry in ipairs(entries) do
     if entry.plugin then self:hire("plugin " .. entry.id, "vx_agent.collector", { plugin = entry.id }) end

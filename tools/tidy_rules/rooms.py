@@ -28,10 +28,10 @@ ARROWS = {
 OPEN = {
     "os": ANY,
     "base": ANY,
-    "domain": "dom_observer.h doorbell.h dom_values.h known_settings.h root_dom.h setting_value.h settings.h work_folder.h",
+    "domain": "dom_observer.h doorbell.h dom_values.h known_settings.h out_folder.h root_dom.h setting_value.h settings.h work_folder.h",
     "log": "process_log.h",
     "crash": "signal_stack.h",
-    "process": "helper_program.h run_program.h",
+    "process": "helper_program.h restarts.h run_program.h",
     "threads": "ending.h thread_registry.h",
     "zip": "zip_reader.h",
     "database": "sqlite_connection.h",

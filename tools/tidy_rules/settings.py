@@ -8,13 +8,13 @@ TRACE_MODULE = re.compile(r'vex\.log"\)\("([\w.]+)"|Trace\w*\("([\w.]+)"')
 # Keys whose names are put together at run time, and the code that does it.
 COMPOSED_KEYS = (
     (re.compile(r"sqlite\.config\.(\w+)"), '{{"{}", Apply'),
-    (re.compile(r"vex\.plugin\.NAME(\.\w+)"), '"vex.plugin." .. entry.id .. "{}"'),
+    (re.compile(r"vex\.plugin\.NAME\.(\w+)"), 'keep(entry, dom, "{}"'),
 )
 # The table of settings in the code, and how the page writes its types. Types of texts are in the page's own words.
 TABLE = "src/vex_core/domain/known_settings.h"
 ROW = re.compile(r'\{"(?P<key>[\w.+]+)",\s*SettingKind::(?P<kind>\w+),\s*"[^"]*",\s*(?P<default>[^,]+),\s*(?P<least>[^,]+),'
                  r'\s*(?P<most>[^,]+),\s*SettingPlace::\w+,\s*"[^"]*"\}')
-TYPES = {"Flag": "boolean", "Switch": "on or off", "Number": "integer", "Size": "size", "Time": "time"}
+TYPES = {"Flag": "boolean", "Switch": "on or off", "Number": "integer", "Size": "size", "Time": "time", "Mode": "mode"}
 TRUTHS = {"Flag": ("false", "true"), "Switch": ("off", "on")}
 NONE = "noStandard"
 
@@ -74,6 +74,8 @@ DEFAULTS = {
 
 def plain_value(text):
     """A default as the code writes it, "10 * 1024" or "static_cast<std::uint64_t>(4) << 30", as the documents do."""
+    if re.fullmatch(r"0[0-7]+", text):
+        return text  # octal in C++, and so in the documents
     text = re.sub(r"static_cast<[\w:]+>\((\d+)\)", r"\1", text)
     return str(eval(text)) if re.fullmatch(r"[\d *<]+", text) else text  # pylint: disable=eval-used
 

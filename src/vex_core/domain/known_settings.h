@@ -12,6 +12,7 @@ enum class SettingKind {
     Switch, ///< the same, and on or off
     Number,
     Size, ///< a number of bytes, which may have K, M, G or T behind it
+    Mode, ///< octal digits of access rights, which let nobody but the owner write
     Time, ///< a number of seconds, which may have s, m, h or d behind it
     List, ///< words with a separator between them
     Path,
@@ -72,6 +73,10 @@ inline constexpr Setting knownSettings[] = {
      "whether unit tests run: --test, --unittest"},
     {"app.name", SettingKind::Text, "", noStandard, 0, 0, SettingPlace::CommandLine,
      "the application's name: --appname"},
+    {"app.out", SettingKind::Switch, "", 1, 0, 1, SettingPlace::Settings,
+     "whether metrics and the report are written for collectors"},
+    {"app.out.group", SettingKind::Text, "", noStandard, 0, 0, SettingPlace::Settings, "the group that may read them"},
+    {"app.out.mode", SettingKind::Mode, "", 0750, 0700, 0755, SettingPlace::Settings, "access rights of their folder"},
     {"app.path.bin", SettingKind::Path, "", noStandard, 0, 0, SettingPlace::CommandLine,
      "the folder of the executable"},
     {"app.path.exe", SettingKind::Path, "", noStandard, 0, 0, SettingPlace::CommandLine, "the executable"},
@@ -152,7 +157,8 @@ constexpr std::int64_t StandardOf(std::string_view key)
 
 constexpr bool IsInteger(SettingKind kind)
 {
-    return kind == SettingKind::Number || kind == SettingKind::Size || kind == SettingKind::Time;
+    return kind == SettingKind::Number || kind == SettingKind::Size || kind == SettingKind::Time
+           || kind == SettingKind::Mode;
 }
 
 constexpr bool IsTruth(SettingKind kind)

@@ -4,6 +4,7 @@
 #include "vex_core/domain/dom_values.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace VexCore {
 
@@ -38,6 +39,29 @@ bool IsReadable(const Setting& setting, std::string_view text, std::int64_t& val
     return true;
 }
 
+// Digits of a mode. One that lets others write is none: what they could change there we would not use.
+bool ModeFromText(std::string_view text, std::int64_t& value)
+{
+    constexpr std::int64_t othersWrite = 022;
+    constexpr std::size_t mostDigits = 5;
+    if (text.empty() || text.size() > mostDigits || text.find_first_not_of("01234567") != std::string_view::npos)
+        return false;
+    std::int64_t mode = 0;
+    for (const char digit : text)
+        mode = mode * 8 + (digit - '0');
+    if ((mode & othersWrite) != 0)
+        return false;
+    value = mode;
+    return true;
+}
+
+std::string ModeText(std::int64_t mode)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%04llo", static_cast<unsigned long long>(mode));
+    return text;
+}
+
 // The text before a comment, which the grammar of the files has on lines of their own only.
 std::string_view WithoutComment(std::string_view text)
 {
@@ -55,6 +79,8 @@ std::string ValueText(const Setting& setting, std::int64_t value)
         return value ? "true" : "false";
     if (setting.kind == SettingKind::Switch)
         return value ? "on" : "off";
+    if (setting.kind == SettingKind::Mode)
+        return ModeText(value);
     return *setting.unit ? std::to_string(value) + ' ' + setting.unit : std::to_string(value);
 }
 
@@ -71,6 +97,8 @@ std::string_view WithoutBlanks(std::string_view text)
 bool IntegerFromSetting(SettingKind kind, std::string_view text, std::int64_t& value)
 {
     text = WithoutBlanks(text);
+    if (kind == SettingKind::Mode)
+        return ModeFromText(text, value);
     std::int64_t times = 1;
     const char last = text.empty() ? '\0' : LowerAscii(text.back());
     for (const Suffix& suffix : suffixes)
@@ -147,6 +175,9 @@ std::string WantedText(const Setting& setting)
     case SettingKind::Path:
     case SettingKind::Text:
         return "a text";
+    case SettingKind::Mode:
+        return "octal digits from " + ModeText(setting.least) + " to " + ModeText(setting.most)
+               + " that let nobody but the owner write";
     case SettingKind::Number:
     case SettingKind::Size:
     case SettingKind::Time:

@@ -12,8 +12,8 @@ namespace VexCore {
 /// A value of a file keeps the blanks behind it, as the framework has it. They are no part of a number.
 std::string_view WithoutBlanks(std::string_view text);
 
-/// A whole number, for a size or a time with its suffix in either case. Anything else, and what does not fit, answers
-/// false and leaves `value` alone. Blanks around it do not count.
+/// A whole number, for a size or a time with its suffix in either case, for a mode in octal digits. Anything else, and
+/// what does not fit or lets others write, answers false and leaves `value` alone. Blanks around it do not count.
 bool IntegerFromSetting(SettingKind kind, std::string_view text, std::int64_t& value);
 /// The same for a flag or a switch.
 bool TruthFromSetting(SettingKind kind, std::string_view text, bool& value);

@@ -29,12 +29,6 @@ bool IsNewWarning(const std::string& text)
     return s_texts.insert(text).second;
 }
 
-bool IsPlainName(const std::string& name)
-{
-    return !name.empty() && name != "." && name != ".."
-           && name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
-}
-
 // The path from the root, without steps that lead nowhere, and without a slash at its end. No link is looked at.
 std::string PathFromRoot(const std::string& path)
 {
@@ -54,6 +48,12 @@ std::string PathFromRoot(const std::string& path)
 }
 
 } // namespace
+
+bool IsPlainName(const std::string& name)
+{
+    return !name.empty() && name != "." && name != ".."
+           && name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+}
 
 std::optional<os::GuardedPlace> PlaceInWorkFolder(const std::string& path)
 {

@@ -9,6 +9,9 @@
 
 namespace VexCore {
 
+/// Whether it names something in a folder, and not the folder, the one above or something below.
+bool IsPlainName(const std::string& name);
+
 /// The place of a path of the process that leads through its work folder, however that is spelled or reached; nothing
 /// for one elsewhere.
 std::optional<os::GuardedPlace> PlaceInWorkFolder(const std::string& path);

@@ -38,6 +38,9 @@
 
 namespace VexCore {
 namespace {
+// By severity. Relaxed: they are only looked at.
+std::atomic<std::uint64_t> g_eventsBySeverity[8];
+
 const char tableSql[] =
     "CREATE TABLE IF NOT EXISTS agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number "
     "INTEGER,"
@@ -522,9 +525,18 @@ const EndStepOwner storeEvents(EndStep::StoreEvents, &StoreEventsAtTheEnd);
 
 } // namespace
 
+std::uint64_t EventsOfSeverity(std::int32_t severity)
+{
+    return g_eventsBySeverity[static_cast<std::size_t>(CAgentEvent::ToSeverity(severity))].load(
+        std::memory_order_relaxed);
+}
+
 // The domain's by its interface, and here by its work: events go to a database, of which domain/ knows nothing.
 std::int64_t CDom::AgentEventWrite(CAgentEvent& event)
 {
+    if (!event.IsAttributeNull(CAgentEvent::FieldSeverity))
+        g_eventsBySeverity[static_cast<std::size_t>(CAgentEvent::ToSeverity(event.m_severity))].fetch_add(
+            1, std::memory_order_relaxed);
     try {
         return GetEventStore(Get("app.path.work"))->Write(event);
     } catch (const std::exception& failure) { // memory or the source of random numbers

@@ -88,6 +88,9 @@ private:
 /// The process's store for a working folder.
 std::shared_ptr<EventStore> GetEventStore(const std::string& folder);
 
+/// How many events of a severity, 0 to 7, this process has been given to store. Any thread.
+std::uint64_t EventsOfSeverity(std::int32_t severity);
+
 /// For moments that show that the disk has room: tries again to store what this process keeps, at most every ten
 /// seconds. Costs one atomic load when it keeps nothing. Any thread that has no transaction open on a database of
 /// events; may wait for a lock on one.

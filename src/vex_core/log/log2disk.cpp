@@ -34,6 +34,9 @@ constexpr std::size_t maxHeldBytes = 1024 * 1024;
 
 std::atomic<DiskLog*> g_replacement{nullptr};
 
+// By level. Relaxed: they are only looked at, and nothing hangs on their order.
+std::atomic<std::uint64_t> g_logged[static_cast<std::size_t>(LogLevel::Trace) + 1];
+
 // Never destroyed: lines are logged while the process ends, and after.
 DiskLog& ProcessLog()
 {
@@ -120,6 +123,7 @@ const char* NameOf(wxThreadIdType thread)
 
 void WriteRecord(LogLevel level, std::time_t time, wxThreadIdType thread, std::string_view text)
 {
+    g_logged[static_cast<std::size_t>(level)].fetch_add(1, std::memory_order_relaxed);
     DiskLog& log = ProcessLog();
     Prepare(log);
     // In the background standard error is /dev/null, which is no terminal.
@@ -205,6 +209,11 @@ void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxL
 void WriteLogLine(LogLevel level, std::string_view text)
 {
     WriteRecord(level, std::time(nullptr), wxThread::GetCurrentId(), text);
+}
+
+std::uint64_t LoggedRecords(LogLevel level)
+{
+    return g_logged[static_cast<std::size_t>(level)].load(std::memory_order_relaxed);
 }
 
 std::string LogFilePath()

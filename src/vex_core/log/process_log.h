@@ -3,6 +3,7 @@
 
 #include "vex_core/log/disk_log.h"
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -18,6 +19,9 @@ void WriteLogLine(LogLevel level, std::string_view text);
 /// The same for a trace line; see LogTrace.
 void WriteTraceLine(const char* module, const char* sourceFile, int line, const char* function,
                     std::string_view message);
+
+/// How many records of a level this process has logged, with those that its ancestors had when they forked. Any thread.
+std::uint64_t LoggedRecords(LogLevel level);
 
 /// The framework's text as bytes of the log: in UTF-8, and what stands for a byte of a file name that is none is that
 /// byte again.

@@ -10,6 +10,7 @@
 #include "vex_core/domain/setting_value.h"
 #include "vex_core/domain/settings.h"
 #include "vex_core/lua/host_id.h"
+#include "vex_core/lua/lua_agent.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_db.h"
 #include "vex_core/os/error.h"
@@ -425,6 +426,8 @@ void RegisterNativeModules(lua_State* L)
     lua_setfield(L, -2, "vex.host");
     lua_pushcfunction(L, OpenLuaDb);
     lua_setfield(L, -2, "vex.db");
+    lua_pushcfunction(L, OpenLuaAgent);
+    lua_setfield(L, -2, "vex.agent");
     lua_pushcfunction(L, OpenSettings);
     lua_setfield(L, -2, "vex.settings");
     lua_pop(L, 1);

@@ -5,6 +5,7 @@
 //   vex.host      facts about this host, from the system's own interfaces
 //   vex.settings  settings with their fallback in the configuration file
 //   vex.db        SQLite databases
+//   vex.agent     facts about this process, and files for collectors
 //
 // A failure of the system is nil and a message; a fact that cannot be had is absent. docs/LUA-API.md, "Modules", lists
 // the functions.

@@ -57,6 +57,8 @@ int FTruncate(int descriptor, off_t size);
 // --- names, modes, times
 
 int FChmod(int descriptor, mode_t mode);
+/// Gives an open file or folder to another group; its owner stays.
+int FChownToGroup(int descriptor, gid_t group);
 /// Of the name itself: fails for a symbolic link.
 int ChmodAt(int folder, const char* name, mode_t mode);
 /// Of what the name leads to, which is not opened: the locks that this process has on it are kept.

@@ -178,6 +178,12 @@ int FChmod(int descriptor, mode_t mode)
     return Observed(OfDescriptor("fchmod", descriptor), [&] { return ::fchmod(descriptor, mode); });
 }
 
+int FChownToGroup(int descriptor, gid_t group)
+{
+    return Observed(OfDescriptor("fchown", descriptor),
+                    [&] { return ::fchown(descriptor, static_cast<uid_t>(-1), group); });
+}
+
 int ChmodAt(int folder, const char* name, mode_t mode)
 {
     // The C library of Linux needs /proc to do this without following a link.

@@ -3,7 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <set>
+#include <string>
 
 #include <sys/types.h>
 
@@ -11,6 +13,10 @@ namespace VexCore::os {
 
 pid_t ProcessId();
 uid_t EffectiveUser();
+/// The group of a name by the system's own table, which may ask a server; none where it knows no such group.
+std::optional<gid_t> FindGroup(const std::string& name);
+/// Bytes of memory that this process has in use, by the system's count; none where it does not tell.
+std::optional<std::uint64_t> ResidentBytes();
 /// How many descriptors this process may have open.
 std::size_t OpenFileLimit();
 

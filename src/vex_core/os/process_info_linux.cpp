@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <unistd.h>
 
 namespace VexCore::os {
 
@@ -40,6 +41,19 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info)
     info.startTime = std::strtoull(at, nullptr, 10);
     info.zombie = state == 'Z' || state == 'X';
     return true;
+}
+
+// /proc/self/statm is "size resident shared ...", in pages.
+std::optional<std::uint64_t> ResidentBytes()
+{
+    const Descriptor file(Open("/proc/self/statm", O_RDONLY));
+    char text[256] = "";
+    unsigned long long pages = 0;
+    const long pageBytes = ::sysconf(_SC_PAGESIZE);
+    if (!file || Read(file.Get(), text, sizeof text - 1) <= 0 || std::sscanf(text, "%*u %llu", &pages) != 1
+        || pageBytes <= 0)
+        return std::nullopt;
+    return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageBytes);
 }
 
 } // namespace VexCore::os

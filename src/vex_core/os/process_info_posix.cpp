@@ -2,8 +2,11 @@
 
 #include "vex_core/os/folders.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <vector>
 
+#include <grp.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -17,6 +20,20 @@ pid_t ProcessId()
 uid_t EffectiveUser()
 {
     return ::geteuid();
+}
+
+std::optional<gid_t> FindGroup(const std::string& name)
+{
+    constexpr std::size_t mostBytes = 1 << 20; // of a group's record, which lists its members
+    for (std::size_t size = 4096; size <= mostBytes; size *= 4) {
+        std::vector<char> room(size);
+        struct group record = {};
+        struct group* found = nullptr;
+        const int error = ::getgrnam_r(name.c_str(), &record, room.data(), room.size(), &found);
+        if (error != ERANGE)
+            return error == 0 && found ? std::optional<gid_t>(found->gr_gid) : std::nullopt;
+    }
+    return std::nullopt;
 }
 
 pid_t GroupOf(pid_t pid)

@@ -27,4 +27,13 @@ bool GetProcessInfo(pid_t pid, ProcessInfo& info)
     return true;
 }
 
+std::optional<std::uint64_t> ResidentBytes()
+{
+    const Descriptor file(Open("/proc/self/psinfo", O_RDONLY));
+    psinfo_t data;
+    if (!file || Read(file.Get(), &data, sizeof data) != static_cast<ssize_t>(sizeof data))
+        return std::nullopt;
+    return static_cast<std::uint64_t>(data.pr_rssize) * 1024;
+}
+
 } // namespace VexCore::os

@@ -75,6 +75,10 @@ function M.TestEncode:test_keys_are_sorted()
   lu.assertEquals(json.encode({ b = 1, a = 2, c = { d = 3 } }), '{"a":2,"b":1,"c":{"d":3}}')
 end
 
+function M.TestEncode:test_a_text_that_is_json_already_is_written_as_it_is()
+  lu.assertEquals(json.encode({ a = json.raw('{"b":[]}'), c = 1 }), '{"a":{"b":[]},"c":1}')
+end
+
 function M.TestEncode:test_an_empty_table_is_an_object_unless_it_is_marked()
   lu.assertEquals(json.encode({}), "{}")
   lu.assertEquals(json.encode(json.array()), "[]")

@@ -12,6 +12,11 @@ local calls
 function M.TestCollector:setUp()
   calls = {}
   self.clock = 0
+  self.has_outputs = true
+  settings.bool = function(key)
+    lu.assertEquals(key, "app.out")
+    return self.has_outputs
+  end
   host.monotonic = function() return self.clock end
   dom0 = fake_domain.new()
   package.preload["probe.plugin"] = function()
@@ -27,11 +32,11 @@ function M.TestCollector:setUp()
   end
 end
 
-local monotonic, int = host.monotonic, settings.int
+local monotonic, int, bool = host.monotonic, settings.int, settings.bool
 
 function M.TestCollector:tearDown()
   package.loaded["probe.plugin"] = nil
-  host.monotonic, settings.int = monotonic, int
+  host.monotonic, settings.int, settings.bool = monotonic, int, bool
 end
 
 -- A wait that lets its time pass.
@@ -97,6 +102,53 @@ function M.TestCollector:test_a_collection_that_fails_is_a_warning_and_the_next_
   lu.assertNotNil(dom0:Get("vex.plugin.probe.values"))
 end
 
+function M.TestCollector:test_metrics_and_the_time_that_it_took_lie_there_too()
+  require("probe.plugin").collect = function()
+    self.clock = self.clock + 0.25
+    return { count = 7, ["co unt"] = 1, ["co-unt"] = 2 }
+  end
+  require("probe.plugin").metrics = { count = { type = "counter", help = "All." } }
+  require("probe.plugin").units = { co_unt = "bytes" }
+  dom0.waits = { false, "vex.CollectNow", "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertEquals(dom0:Get("vex.plugin.probe.metrics"), [[
+# HELP vex_plugin_probe_co_unt 'co unt' of the plugin probe.
+# TYPE vex_plugin_probe_co_unt gauge
+vex_plugin_probe_co_unt 1
+# HELP vex_plugin_probe_count_total All.
+# TYPE vex_plugin_probe_count_total counter
+vex_plugin_probe_count_total 7
+]])
+  lu.assertEquals(dom0:Get("vex.plugin.probe.seconds"), "0.250000")
+  lu.assertEquals(dom0:Get("vex.plugin.probe.dropped"), "1")
+  local _, told = dom0:log():gsub("warning: Plugin 'probe' has different figures that would be one metric", "")
+  lu.assertEquals(told, 1, "once, though it collected twice")
+end
+
+function M.TestCollector:test_without_outputs_nobody_makes_metrics()
+  self.has_outputs = false
+  dom0.waits = { false, "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertNil(dom0:Get("vex.plugin.probe.metrics"))
+  lu.assertNotNil(dom0:Get("vex.plugin.probe.values"))
+end
+
+function M.TestCollector:test_a_failure_lies_there_until_the_next_collection_goes_well()
+  local plugin = require("probe.plugin")
+  local good, seen = plugin.collect, nil
+  plugin.collect = function()
+    plugin.collect = good
+    error("once")
+  end
+  dom0.waits = { false, function()
+    seen = dom0:Get("vex.plugin.probe.error")
+    return "vex.CollectNow"
+  end, "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertStrContains(seen, "once")
+  lu.assertNil(dom0:Get("vex.plugin.probe.error"))
+end
+
 function M.TestCollector:test_values_that_cannot_be_kept_are_a_warning()
   require("probe.plugin").collect = function() return { print } end
   dom0.waits = { false, "end" }
@@ -109,6 +161,7 @@ function M.TestCollector:test_a_plugin_that_cannot_start_is_neither_asked_nor_st
   collector.run({ plugin = "probe" })
   lu.assertEquals(calls, {})
   lu.assertStrContains(dom0:log(), "failed in start")
+  lu.assertStrContains(dom0:Get("vex.plugin.probe.error"), "no")
 end
 
 function M.TestCollector:test_it_asks_for_requests_before_the_first_collection_so_that_none_is_missed()

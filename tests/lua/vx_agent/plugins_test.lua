@@ -65,6 +65,13 @@ function M.TestLoading:test_what_is_no_plugin_is_refused_with_the_reason()
     { { name = "x", version = 1 }, "no text 'version'" },
     { { name = "x", version = "1", collect = "y" }, "'collect' is no function" },
     { { name = "x", version = "1", units = "bytes" }, "'units' is no table" },
+    { { name = "x", version = "1", metrics = 5 }, "'metrics' is no table" },
+    { { name = "x", version = "1", metrics = { a = "counter" } }, "'metrics' at 'a' is no table" },
+    { { name = "x", version = "1", metrics = { a = { kind = "x" } } },
+      "'metrics' at 'a' has 'kind', and not one of type, unit, label, help" },
+    { { name = "x", version = "1", metrics = { a = { help = 5 } } }, "'metrics' at 'a': 'help' is no text" },
+    { { name = "x", version = "1", metrics = { a = { type = "sum" } } },
+      "'metrics' at 'a': the type 'sum' is neither counter nor gauge" },
   }
   for index, case in ipairs(cases) do
     offer("odd" .. index, function() return case[1] end)
@@ -72,6 +79,16 @@ function M.TestLoading:test_what_is_no_plugin_is_refused_with_the_reason()
     lu.assertNil(plugin)
     lu.assertStrContains(message, case[2])
   end
+end
+
+function M.TestLoading:test_the_marks_of_a_plugin_are_taken_as_they_are()
+  local marks = {
+    sent = { type = "counter", unit = "bytes", help = "Sent.", label = "name" }, load = { type = "gauge" },
+  }
+  offer("marked", function() return { name = "x", version = "1", metrics = marks } end)
+  lu.assertEquals(plugins.marks(assert(plugins.load("marked"))), marks)
+  lu.assertNil(plugins.marks({}))
+  lu.assertNil(plugins.marks({ metrics = {} }))
 end
 
 function M.TestLoading:test_the_units_of_a_plugin_are_those_that_are_texts()

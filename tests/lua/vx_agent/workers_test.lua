@@ -19,6 +19,15 @@ function M.TestWorkers:test_one_beats_one_listens_and_one_works_for_each_plugin(
   lu.assertEquals(started[4].argument, { plugin = "b" })
 end
 
+function M.TestWorkers:test_the_one_that_beats_knows_what_all_plugins_are()
+  local plugin = { name = "A", version = "1", units = { x = "bytes", y = print } }
+  workers.start(self.domain, { { id = "a", plugin = plugin }, { id = "bad", error = "no such module" } })
+  lu.assertEquals(self.domain.started[1].argument, { plugins = {
+    { id = "a", name = "A", version = "1", units = { x = "bytes" } },
+    { id = "bad", name = "bad", error = "no such module" },
+  } })
+end
+
 function M.TestWorkers:test_all_are_asked_to_end_before_any_is_waited_for()
   local order = {}
   local crew = workers.start(self.domain, { { id = "a", plugin = {} } })

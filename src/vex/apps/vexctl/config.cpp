@@ -42,7 +42,8 @@ Json JsonOf(const SettingInForce& setting)
 {
     Json object = {{"schema", jsonSchema}, {"key", setting.key}};
     const VexCore::Setting* const known = setting.setting;
-    if (known && VexCore::IsInteger(known->kind) && !setting.value.empty())
+    const bool isMode = known && known->kind == VexCore::SettingKind::Mode; // its digits are no decimal number
+    if (known && VexCore::IsInteger(known->kind) && !isMode && !setting.value.empty())
         object["value"] = std::stoll(setting.value); // the unit stands behind it
     else if (known && VexCore::IsTruth(known->kind) && !setting.value.empty())
         object["value"] = setting.value == "true" || setting.value == "on";

@@ -36,6 +36,9 @@ TEST(SettingValue, SuffixesAreThoseOfItsKind)
         {SettingKind::Time, " 1h ", 3600},
         {SettingKind::Time, "1D", 86400},
         {SettingKind::Time, "-1h", -3600},
+        {SettingKind::Mode, "0750", 0750},
+        {SettingKind::Mode, " 755 ", 0755},
+        {SettingKind::Mode, "0", 0},
     };
     for (const auto& row : rows) {
         std::int64_t value = 99;
@@ -56,6 +59,8 @@ TEST(SettingValue, WhatIsNoNumberOfItsKindIsLeftAlone)
         {SettingKind::Size, "10 M"},     {SettingKind::Size, "10MB"},      {SettingKind::Size, "1h"},
         {SettingKind::Size, "8388608T"}, {SettingKind::Size, "-8388608T"}, {SettingKind::Time, "1w"},
         {SettingKind::Time, "1h30m"},    {SettingKind::Time, "60 ; a"},    {SettingKind::Time, "1k"},
+        {SettingKind::Mode, "0780"},     {SettingKind::Mode, "rwxr-x---"}, {SettingKind::Mode, "0770"},
+        {SettingKind::Mode, "0757"},     {SettingKind::Mode, "000750"},    {SettingKind::Mode, "-750"},
     };
     for (const auto& row : rows) {
         std::int64_t value = 99;
@@ -120,9 +125,12 @@ TEST(SettingValue, WhatIsWantedIsSaidInWords)
     EXPECT_EQ(WantedText(*FindSetting("vex.CollectInterval")),
               "a whole number of seconds from 1 on, or one with s, m, h or d behind it");
     EXPECT_EQ(WantedText(*FindSetting("DumpLevel")), "a whole number");
+    EXPECT_EQ(WantedText(*FindSetting("app.out.mode")),
+              "octal digits from 0700 to 0755 that let nobody but the owner write");
     EXPECT_EQ(WantedText(*FindSetting("app.lua.cache")), "true or false");
     EXPECT_EQ(WantedText(*FindSetting("vex.Plugin.x")), "on or off");
     EXPECT_EQ(WantedText(*FindSetting("Trace")), "a text");
     EXPECT_EQ(StandardText(*FindSetting("sqlite.config.mmap_size")), "");
     EXPECT_EQ(StandardText(*FindSetting("DumpLevel")), "0");
+    EXPECT_EQ(StandardText(*FindSetting("app.out.mode")), "0750");
 }

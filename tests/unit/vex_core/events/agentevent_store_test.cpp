@@ -1177,3 +1177,22 @@ TEST_F(EventDatabase, DomainWritesBelowItsWorkingFolder)
     CloseEventStores();
     dom->Release();
 }
+
+TEST(EventCounts, AreBySeverityAndCountWhatIsStoredOrKept)
+{
+    const ::Test::TempFolder folder;
+    const auto dom = ::Test::NewRoot();
+    dom->Set("app.path.work", folder.Path());
+    const std::uint64_t criticals = EventsOfSeverity(2);
+    const std::uint64_t notices = EventsOfSeverity(5);
+    CAgentEvent event = SampleEvent("x");
+    dom->AgentEventWrite(event);
+    event.m_severity = 2;
+    dom->AgentEventWrite(event);
+    dom->AgentEventWrite(event);
+    event.SetAttributeNull(CAgentEvent::FieldSeverity, true);
+    dom->AgentEventWrite(event);
+    EXPECT_EQ(EventsOfSeverity(2), criticals + 2);
+    EXPECT_EQ(EventsOfSeverity(5), notices + 1);
+    CloseEventStores();
+}

@@ -135,6 +135,22 @@ TEST_F(LogToDisk, NameOfTheCrashedThreadDoesNothingToATerminalAndStartsNoLine)
     EXPECT_THAT(Text(), HasSubstr("/worker ?? ?? ? ??? \xC3\xA9 \xE9] agent crashed: signal 6 (SIGABRT)"));
 }
 
+TEST_F(LogToDisk, RecordsAreCountedByTheirLevels)
+{
+    MakeRoot();
+    using VexCore::LoggedRecords;
+    using VexCore::LogLevel;
+    const std::uint64_t warnings = LoggedRecords(LogLevel::Warning);
+    const std::uint64_t traces = LoggedRecords(LogLevel::Trace);
+    const std::uint64_t errors = LoggedRecords(LogLevel::Error);
+    wxLogWarning("one");
+    VexCore::WriteLogLine(LogLevel::Warning, "two");
+    VexCore::WriteTraceLine("Appl", "file", 1, "Function", "traced");
+    EXPECT_EQ(LoggedRecords(LogLevel::Warning), warnings + 2);
+    EXPECT_EQ(LoggedRecords(LogLevel::Trace), traces + 1);
+    EXPECT_EQ(LoggedRecords(LogLevel::Error), errors);
+}
+
 TEST_F(LogToDisk, LevelsHaveTheirWords)
 {
     MakeRoot();

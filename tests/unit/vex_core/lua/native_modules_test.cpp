@@ -282,6 +282,43 @@ TEST_F(NativeModules, IdOfTheHostIsOfTheAgentsNameAndNotTheSystemsOwn)
     EXPECT_NE(Run("return require('vex.host').id()"), id);
 }
 
+// --- agent
+
+TEST_F(NativeModules, AgentWritesFilesForCollectorsAndSaysWhyItCannot)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    dom->Set("app.path.work", m_folder.Path());
+    EXPECT_EQ(Run("local ok, problem = require('vex.agent').write_output('x', 'a\\0b') return tostring(ok) .. "
+                  "tostring(problem)"),
+              "truenil");
+    EXPECT_EQ(::Test::ReadFile(m_folder / "out/x"), std::string("a\0b", 3));
+    EXPECT_EQ(Run("local ok, problem = require('vex.agent').write_output('../x', '') return tostring(ok) .. "
+                  "problem:sub(#folder + 2)"),
+              "nil/out/../x' is no place below a work folder");
+    dom->Set("app.out.group", "no such group");
+    EXPECT_THAT(Run("local ok, problem = require('vex.agent').write_output('x', '') return tostring(ok) .. problem"),
+                testing::StartsWith("truethe group 'no such group'"));
+}
+
+TEST_F(NativeModules, AgentCountsItsRecordsAndEvents)
+{
+    const ::Test::DomPtr dom = ::Test::NewRoot();
+    dom->Set("app.path.work", m_folder.Path());
+    EXPECT_EQ(Run("local agent, levels = require('vex.agent'), {} "
+                  "for level in pairs(agent.log_records()) do levels[#levels + 1] = level end "
+                  "table.sort(levels) return table.concat(levels, ' ')"),
+              "debug error fatal info message trace warning");
+    const std::string before = Run("return require('vex.agent').events()[2]");
+    CAgentEvent event;
+    event.m_severity = 2;
+    event.SetAttributeNull(CAgentEvent::FieldSeverity, false);
+    dom->AgentEventWrite(event);
+    EXPECT_EQ(Run("return require('vex.agent').events()[2] - " + before), "1");
+    EXPECT_EQ(Run("return type(require('vex.agent').restarts())"), "number");
+    EXPECT_EQ(Run("return require('vex.agent').resident_memory() > 1e6"), "true");
+    CloseEventStores();
+}
+
 // --- settings
 
 TEST_F(NativeModules, ASettingIsTheDomainsKeyElseTheFilesEntryElseTheDefault)

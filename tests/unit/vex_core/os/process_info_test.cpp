@@ -3,9 +3,11 @@
 #include "support/child.h"
 
 #include <set>
+#include <string>
 
 #include <gtest/gtest.h>
 
+#include <grp.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -49,4 +51,21 @@ TEST(GroupsOfASession, AreThoseOfItsProcessesThatHaveNotEnded)
     while (code == idIsShort)
         code = ::Test::InChild(inASession);
     EXPECT_EQ(code, 0);
+}
+
+TEST(Groups, AreFoundByTheirNames)
+{
+    const struct group* const own = ::getgrgid(0);
+    ASSERT_TRUE(own);
+    EXPECT_EQ(os::FindGroup(own->gr_name), gid_t(0));
+    EXPECT_FALSE(os::FindGroup("no such group"));
+}
+
+TEST(ResidentMemory, GrowsWithWhatIsUsed)
+{
+    const auto before = os::ResidentBytes();
+    ASSERT_TRUE(before);
+    constexpr std::size_t added = 64 * 1024 * 1024;
+    const std::string block(added, 'x'); // each page is written
+    EXPECT_GE(*os::ResidentBytes(), *before + added / 2) << block.size();
 }
