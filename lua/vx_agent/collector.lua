@@ -7,6 +7,7 @@
 local host = require("vex.host")
 local plugin_metrics = require("vx_agent.plugin_metrics")
 local plugins = require("vx_agent.plugins")
+local schedule = require("vx_agent.schedule")
 local settings = require("vex.settings")
 local log = require("vex.log")("vx_agent.collector")
 
@@ -23,10 +24,10 @@ local function interval_of(plugin)
 end
 
 -- Sleeps until a collection is due. False: the worker is to end.
-local function sleep(plugin, dom)
-  local last = host.monotonic()
+local function sleep(due, dom)
+  due:done()
   while true do
-    local left = last + interval_of(plugin) - host.monotonic()
+    local left = due:left()
     if left <= 0 then return true end
     local written, key = dom:Wait(keys, math.min(left, longest_wait))
     if written == nil then return false end
@@ -80,10 +81,11 @@ function M.run(argument)
     keep(entry, dom0, "error", fault)
     return
   end
+  local due = schedule.new(entry.id, function() return interval_of(plugin) end)
   local ending = dom0:Wait(keys, 0) == nil -- from the first wait on no request is missed
   while not ending do
     M.collect(entry, dom0)
-    ending = not sleep(plugin, dom0)
+    ending = not sleep(due, dom0)
   end
   plugins.call(entry, "stop", dom0)
 end

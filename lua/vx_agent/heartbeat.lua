@@ -8,6 +8,7 @@
 local history = require("vx_agent.history")
 local host = require("vex.host")
 local outputs = require("vx_agent.outputs")
+local schedule = require("vx_agent.schedule")
 local settings = require("vex.settings")
 local text = require("vex.text")
 local log = require("vex.log")("vex.Heartbeat")
@@ -80,10 +81,10 @@ end
 
 -- Sleeps until a beat is due. Its reason, or nil when the worker is to end.
 function M:wait_for_beat()
-  local last = host.monotonic()
+  self.schedule:done()
   while true do
     if self:take_request() then return "request" end
-    local left = last + settings.int(interval_key) - host.monotonic()
+    local left = self.schedule:left()
     if left <= 0 then return "interval" end
     log.trace("the next beat is due in %.0f s", left)
     if self.dom:Wait(keys, math.min(left, longest_wait)) == nil then return nil end
@@ -103,6 +104,7 @@ function M.run(argument)
   local self = M.new(dom0, (argument or {}).plugins)
   dom0:Wait(keys, 0) -- from here on no write between two waits is missed
   self:take_request() -- the first beat answers it
+  self.schedule = schedule.new("heartbeat", function() return settings.int(interval_key) end)
   local reason = "start"
   while reason do
     self:beat(reason)

@@ -125,6 +125,8 @@ inline constexpr Setting knownSettings[] = {
     {"vex.HeartbeatNow", SettingKind::Flag, "", noStandard, 0, 1, SettingPlace::Process,
      "asks for a heartbeat at once"},
     {"vex.Plugin.NAME", SettingKind::Switch, "", 0, 0, 1, SettingPlace::Settings, "on: the plugin is loaded"},
+    {"vex.Spread", SettingKind::Switch, "", 1, 0, 1, SettingPlace::Settings,
+     "whether heartbeats and collections of many hosts are spread over their interval"},
 };
 
 /// Whether the row is that of the key. `Same` compares two parts of equal length.

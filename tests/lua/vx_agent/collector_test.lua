@@ -12,8 +12,9 @@ local calls
 function M.TestCollector:setUp()
   calls = {}
   self.clock = 0
-  self.has_outputs = true
+  self.has_outputs, self.is_spread = true, false
   settings.bool = function(key)
+    if key == "vex.Spread" then return self.is_spread end
     lu.assertEquals(key, "app.out")
     return self.has_outputs
   end
@@ -80,6 +81,17 @@ function M.TestCollector:test_an_interval_of_a_file_that_becomes_shorter_counts_
   for index, wait in ipairs(dom0.waited) do seconds[index] = wait.seconds end
   lu.assertEquals(seconds, { 0, 60, 60, 30, 60 })
   lu.assertEquals(table.concat(calls, " "), "start collect collect stop")
+end
+
+function M.TestCollector:test_spread_collections_have_a_place_of_their_own()
+  self.is_spread = true
+  local times = {}
+  require("probe.plugin").collect = function() times[#times + 1] = self.clock end
+  dom0.waits = { false, self:time_over(), self:time_over(), "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertEquals(times[1], 0)
+  lu.assertTrue(times[2] >= 6 and times[2] < 18, times[2])
+  lu.assertAlmostEquals(times[3] - times[2], 12, 1e-6)
 end
 
 function M.TestCollector:test_the_latest_values_lie_in_the_domain()

@@ -14,14 +14,15 @@ function M.TestHeartbeat:setUp()
   self.domain = fake_domain.new()
   self.domain.folder = temp.folder()
   dom0 = self.domain
-  self.int, self.monotonic = settings.int, host.monotonic
-  self.values, self.clock = {}, 0
+  self.int, self.bool, self.monotonic = settings.int, settings.bool, host.monotonic
+  self.values, self.clock, self.switches = {}, 0, {}
+  settings.bool = function(key) return self.switches[key] or false end
   settings.int = function(key) return self.values[key] or settings.default(key) end
   host.monotonic = function() return self.clock end
 end
 
 function M.TestHeartbeat:tearDown()
-  settings.int, host.monotonic = self.int, self.monotonic
+  settings.int, settings.bool, host.monotonic = self.int, self.bool, self.monotonic
   temp.remove(self.domain.folder)
 end
 
@@ -133,6 +134,29 @@ function M.TestHeartbeat:test_an_interval_of_a_file_that_becomes_shorter_counts_
   for index, wait in ipairs(self.domain.waited) do seconds[index] = wait.seconds end
   lu.assertEquals(seconds, { 0, 60, 60, 30, 60 })
   lu.assertEquals(self:reasons(), "start interval")
+end
+
+function M.TestHeartbeat:test_spread_beats_have_a_place_of_their_own_that_no_request_moves()
+  self.switches["vex.Spread"] = true
+  self.values["vex.HeartbeatInterval"] = 40
+  local times = {}
+  local beat = heartbeat.beat
+  heartbeat.beat = function(worker, reason)
+    times[#times + 1] = self.clock
+    return beat(worker, reason)
+  end
+  self:run_with(self:time_over(), function()
+    self.clock = self.clock + 15
+    self.domain.values[request] = true
+    return request
+  end, self:time_over(), self:time_over())
+  heartbeat.beat = beat
+  lu.assertEquals(self:reasons(), "start interval request interval interval")
+  lu.assertEquals(times[1], 0)
+  lu.assertTrue(times[2] >= 20 and times[2] < 60, times[2])
+  lu.assertAlmostEquals(times[3] - times[2], 15, 1e-6)
+  lu.assertAlmostEquals(times[4] - times[2], 40, 1e-6)
+  lu.assertAlmostEquals(times[5] - times[4], 40, 1e-6)
 end
 
 function M.TestHeartbeat:test_the_history_is_bounded_by_the_settings()
