@@ -32,9 +32,13 @@ class PrivateRoot:
         for place in ("proc", "dev"):
             subprocess.run(["mount", "--rbind", "/" + place, os.path.join(self.path, place)], check=True)
             self._mounted.append(os.path.join(self.path, place))
-        for place in ("run", "opt", "tmp"):
-            mount_tmpfs(os.path.join(self.path, place))
-            self._mounted.append(os.path.join(self.path, place))
+        for place in ("/run", "/opt", "/tmp"):
+            self.cover(place)
+
+    def cover(self, place):
+        """Puts an empty folder over that of the machine."""
+        mount_tmpfs(self.file(place))
+        self._mounted.append(self.file(place))
 
     def end(self):
         for entry in os.listdir("/proc"):

@@ -143,6 +143,13 @@ def test_what_the_documents_point_to_comes_along(unpacked):
                 assert target.startswith("https://") or os.path.exists(os.path.join(folder, target)), f"{page}: {target}"
 
 
+def test_what_a_fleet_is_run_with_comes_along(unpacked):
+    sources = os.path.join(ROOT, "packaging/fleet")
+    names = files_below(sources)
+    assert "ansible/rollout.yml" in names
+    assert filecmp.cmpfiles(sources, os.path.join(unpacked, "usr/share/doc/vx-agent/fleet"), names, shallow=False) == (list(names), [], [])
+
+
 def same(first, second, tmp_path):
     assert {os.path.basename(file) for file in first.values()} == {os.path.basename(file) for file in second.values()}
     for name, file in first.items():
