@@ -59,7 +59,7 @@ class PrivateRoot:
 
     def run(self, *command, **options):
         return subprocess.run(["chroot", self.path, *command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True, timeout=180, check=False, **options)
+                              stderr=subprocess.STDOUT, text=True, check=False, **{"timeout": 180, **options})
 
     def dpkg(self, *words):
         """dpkg without waiting for the disk; what it said, when it was content."""

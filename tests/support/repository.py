@@ -40,9 +40,9 @@ class Repository:
             mkdir -p /tmp/build/packages""")
         self.page("the key")
 
-    def try_shell(self, text, **variables):
+    def try_shell(self, text, timeout=180, **variables):
         """Status and output of a script that ends with the first command that fails; `variables` are its own."""
-        done = self._run("bash", "-euc", text, env={**ENVIRONMENT, **variables}, cwd="/")
+        done = self._run("bash", "-euc", text, env={**ENVIRONMENT, **variables}, cwd="/", timeout=timeout)
         return done.returncode, done.stdout
 
     def shell(self, text, **variables):

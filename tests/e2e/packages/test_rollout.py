@@ -171,6 +171,9 @@ def test_a_bad_version_goes_back_to_the_one_before(root, repository, debs, tmp_p
     repository.page("list and sign", suite="canary")
     repository.page("back", good=DEB_VERSION)
     assert repository.version() == "hi " + DEB_VERSION
+    # No host that has not had it finds it.
+    offered = repository.shell("apt-cache madison vx-agent")
+    assert DEB_VERSION in offered and BAD not in offered
     if root.supervisor():
         stop(root)
     after = start(repository)
