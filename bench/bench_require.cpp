@@ -7,20 +7,16 @@
 //
 //   bench_require [RUNS]
 // Claims: without a cache at most 1.05 times stock, with a warm cache at most 0.35 times. Then, without a claim: the
-// cache being written, and the cost of one lookup behind 500 archives against stock Lua behind 500 templates.
+// cache being written. What many archives cost is measured in bench_archives.cpp.
 
 #include "vex/core/dom.h"
 #include "vex_core/modules/archive_index.h"
 #include "vex_core/modules/cache_registry.h"
 
+#include "many_modules.h"
+
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
-
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
-#include <vector>
 
 #include <wx/init.h>
 #include <wx/log.h>
@@ -31,64 +27,12 @@ using namespace VexCore;
 
 namespace {
 constexpr int moduleCount = 2000;
-constexpr int archiveCount = 500;
-
-// Processor seconds of this process, the system's work for it included. All files are in the page cache, so nothing
-// else is waited for, and a busy machine does not blur the ratio.
-double Now()
-{
-    struct timespec time;
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
-
-// Code as people write it: a table of small functions with comments, to 2 KiB.
-std::string ModuleSource(int number)
-{
-    const std::string n = std::to_string(number);
-    std::string code = "-- Module " + n + ": counts, joins and looks up.\nlocal M = {}\nlocal limit = " + n + " + 10\n";
-    for (int i = 0; code.size() < 1700; ++i) {
-        const std::string f = std::to_string(i);
-        code += "\n-- Adds what is below the limit.\nfunction M.total_" + f
-                + "(values, start)\n    local sum = start or " + f
-                + "\n    for index, value in ipairs(values) do\n        if value < limit and value ~= " + f
-                + " then\n            sum = sum + value * index\n        end\n    end\n    return sum\nend\n"
-                  "\nfunction M.name_"
-                + f + "(self, key)\n    local text = \"module " + n
-                + " \" .. tostring(key)\n"
-                  "    self.names[#self.names + 1] = { name = text, key = key, number = "
-                + f + " }\n    return text\nend\n";
-    }
-    code += "\nfunction M.new()\n    return setmetatable({ names = {}, limit = limit }, { __index = M })\nend\n";
-    code += "--" + std::string(2048 - code.size() - 14, '.') + "\nreturn M   \n";
-    return code;
-}
-
-std::string ModuleName(int number)
-{
-    return "part" + std::to_string(number / 100) + ".module_" + std::to_string(number);
-}
-
-std::string FileName(int number)
-{
-    std::string name = ModuleName(number);
-    std::replace(name.begin(), name.end(), '.', '/');
-    return name + ".lua";
-}
-
-void Check(lua_State* state, int status)
-{
-    if (status == LUA_OK)
-        return;
-    std::fprintf(stderr, "%s\n", lua_tostring(state, -1));
-    std::exit(1);
-}
 
 lua_State* NewState(const std::string& path, CDom* dom)
 {
     lua_State* const state = luaL_newstate();
     luaL_openlibs(state);
-    Check(state, luaL_dostring(state, ("package.path = '" + path + "' package.cpath = ''").c_str()));
+    Bench::Check(state, luaL_dostring(state, ("package.path = '" + path + "' package.cpath = ''").c_str()));
     if (dom)
         dom->RegisterLoader(state);
     return state;
@@ -97,47 +41,22 @@ lua_State* NewState(const std::string& path, CDom* dom)
 // Seconds to require all modules in a state of its own. `dom` null: stock Lua.
 double RequireAll(const std::string& path, CDom* dom)
 {
-    const double begin = Now();
+    const double begin = Bench::ProcessorSeconds();
     lua_State* const state = NewState(path, dom);
-    lua_getglobal(state, "require");
-    for (int i = 0; i < moduleCount; ++i) {
-        lua_pushvalue(state, -1);
-        lua_pushstring(state, ModuleName(i).c_str());
-        Check(state, lua_pcall(state, 1, 0, 0));
-    }
+    Bench::RequireModules(state, moduleCount);
     lua_close(state);
-    const double spent = Now() - begin;
+    const double spent = Bench::ProcessorSeconds() - begin;
     ArchiveIndex::Process().ForgetUnused(); // the next one opens and indexes again
     CacheRegistry::Process().ForgetUnused();
     return spent;
-}
-
-// Seconds of one lookup of a module that lies last.
-double LastOfMany(const std::string& path, CDom* dom)
-{
-    constexpr int lookups = 200;
-    lua_State* const state = NewState(path, dom);
-    Check(state, luaL_dostring(state, "require 'last'"));
-    const double begin = Now();
-    for (int i = 0; i < lookups; ++i)
-        Check(state, luaL_dostring(state, "package.loaded.last = nil require 'last'"));
-    const double spent = Now() - begin;
-    lua_close(state);
-    return spent / lookups;
-}
-
-double Median(std::vector<double> values)
-{
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-    return values[values.size() / 2];
 }
 
 void MakeModules(const Test::TempFolder& folder)
 {
     Test::ZipBuilder builder;
     for (int i = 0; i < moduleCount; ++i) {
-        const std::string file = FileName(i);
-        const std::string code = ModuleSource(i);
+        const std::string file = Bench::ModuleFile(i);
+        const std::string code = Bench::ModuleSource(i);
         std::filesystem::create_directories(std::filesystem::path(folder / file).parent_path());
         Test::WriteFile(folder / file, code);
         builder.Add(file, code, 8);
@@ -162,35 +81,13 @@ void BenchModules(const Test::TempFolder& folder, CDom* dom, int runs)
         cold.push_back(RequireAll("", dom));
         warm.push_back(RequireAll("", dom));
     }
-    const double base = Median(stock);
+    const double base = Bench::Median(stock);
     std::printf("%d modules of 2 KiB: stock Lua from plain files %.1f ms\n", moduleCount, base * 1e3);
-    std::printf("  archive, no cache   %6.1f ms, ratio %.3f (claim: at most 1.05)\n", Median(uncached) * 1e3,
-                Median(uncached) / base);
-    std::printf("  archive, warm cache %6.1f ms, ratio %.3f (claim: at most 0.35)\n", Median(warm) * 1e3,
-                Median(warm) / base);
-    std::printf("  archive, cold cache %6.1f ms, ratio %.3f\n", Median(cold) * 1e3, Median(cold) / base);
-}
-
-void BenchManyArchives(const Test::TempFolder& folder, CDom* dom)
-{
-    std::string archives;
-    std::string templates;
-    for (int i = 0; i < archiveCount; ++i) {
-        const std::string number = std::to_string(i);
-        const std::string name = i + 1 == archiveCount ? "last" : "module_" + number;
-        Test::ZipBuilder builder;
-        builder.Add(name + ".lua", "return 1");
-        Test::WriteFile(folder / (number + ".vxe"), builder.Build());
-        archives += folder / (number + ".vxe;");
-        std::filesystem::create_directories(folder / number);
-        Test::WriteFile(folder / (number + "/" + name + ".lua"), "return 1");
-        templates += folder / (number + "/?.lua;");
-    }
-    dom->Set("app.lua.zippath", archives);
-    const double ours = LastOfMany("", dom);
-    const double stock = LastOfMany(templates, nullptr);
-    std::printf("lookup in the last of %d archives: %.0f us, stock Lua with as many templates %.0f us, ratio %.2f\n",
-                archiveCount, ours * 1e6, stock * 1e6, ours / stock);
+    std::printf("  archive, no cache   %6.1f ms, ratio %.3f (claim: at most 1.05)\n", Bench::Median(uncached) * 1e3,
+                Bench::Median(uncached) / base);
+    std::printf("  archive, warm cache %6.1f ms, ratio %.3f (claim: at most 0.35)\n", Bench::Median(warm) * 1e3,
+                Bench::Median(warm) / base);
+    std::printf("  archive, cold cache %6.1f ms, ratio %.3f\n", Bench::Median(cold) * 1e3, Bench::Median(cold) / base);
 }
 
 } // namespace
@@ -205,7 +102,6 @@ int main(int argc, char** argv)
     CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
     dom->Set("app.path.bin", folder.Path());
     BenchModules(folder, dom, argc > 1 ? std::atoi(argv[1]) : 15);
-    BenchManyArchives(folder, dom);
     dom->Release();
     return 0;
 }

@@ -7,6 +7,7 @@
 #include "vex_core/base/ascii.h"
 #include "vex_core/base/text.h"
 #include "vex_core/modules/name_hash.h"
+#include "vex_core/modules/searched_archives.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/process_info.h"
@@ -84,11 +85,11 @@ std::shared_ptr<ModuleArchive> ModuleArchive::Open(const std::string& path, cons
     archive->m_path = path;
     archive->m_limits = limits;
     archive->m_identity = zip->Identity();
-    for (const ZipEntry& entry : zip->Entries())
-        if (IsLuaFile(entry))
-            archive->m_hashes.push_back(HashName(entry.name));
-    archive->m_hashes.shrink_to_fit();
-    std::sort(archive->m_hashes.begin(), archive->m_hashes.end());
+    const std::vector<ZipEntry>& entries = zip->Entries();
+    archive->m_luaFiles.reserve(static_cast<std::size_t>(std::count_if(entries.begin(), entries.end(), IsLuaFile)));
+    for (std::size_t i = 0; i < entries.size(); ++i)
+        if (IsLuaFile(entries[i]))
+            archive->m_luaFiles.push_back({HashName(entries[i].name), static_cast<std::uint32_t>(i)});
     archive->m_zip = std::move(zip);
     OpenArchives::Process().Add(archive);
     return archive;
@@ -96,7 +97,8 @@ std::shared_ptr<ModuleArchive> ModuleArchive::Open(const std::string& path, cons
 
 bool ModuleArchive::MayHave(std::uint64_t nameHash) const
 {
-    return std::binary_search(m_hashes.begin(), m_hashes.end(), nameHash);
+    return std::any_of(m_luaFiles.begin(), m_luaFiles.end(),
+                       [nameHash](const LuaFile& file) { return file.nameHash == nameHash; });
 }
 
 std::shared_ptr<const ZipArchive> ModuleArchive::Zip(std::string& error)
@@ -183,10 +185,10 @@ void ArchiveSlot::OpenAnew(const ZipLimits& limits)
                  FromForeignBytes(m_failure));
 }
 
-std::string ArchiveSlot::LastFailure()
+bool ArchiveSlot::WantsAnotherLook()
 {
     const std::lock_guard lock(m_lock);
-    return m_archive ? std::string() : m_failure;
+    return !m_known;
 }
 
 ArchiveIndex& ArchiveIndex::Process()
@@ -195,24 +197,53 @@ ArchiveIndex& ArchiveIndex::Process()
     return *s_instance;
 }
 
-std::shared_ptr<ArchiveSlot> ArchiveIndex::Slot(const std::string& path)
+std::shared_ptr<ArchiveSlot> ArchiveIndex::SlotLocked(const std::string& path)
 {
-    const std::lock_guard lock(m_lock);
     std::shared_ptr<ArchiveSlot>& slot = m_slots[path];
     if (!slot)
         slot = std::make_shared<ArchiveSlot>(path);
     return slot;
 }
 
-void ArchiveIndex::ForgetUnused()
+std::shared_ptr<ArchiveSlot> ArchiveIndex::Slot(const std::string& path)
 {
     const std::lock_guard lock(m_lock);
-    for (auto item = m_slots.begin(); item != m_slots.end();) {
+    return SlotLocked(path);
+}
+
+std::shared_ptr<SearchedArchives> ArchiveIndex::Search(const std::vector<std::string>& paths)
+{
+    const std::lock_guard lock(m_lock);
+    std::shared_ptr<SearchedArchives>& search = m_searches[paths];
+    if (!search) {
+        std::vector<std::shared_ptr<ArchiveSlot>> slots;
+        for (const std::string& path : paths)
+            slots.push_back(SlotLocked(path));
+        search = std::make_shared<SearchedArchives>(std::move(slots));
+    }
+    return search;
+}
+
+namespace {
+// Erases what this map alone holds.
+template <class Map>
+void EraseUnused(Map& map)
+{
+    for (auto item = map.begin(); item != map.end();) {
         if (item->second.use_count() == 1)
-            item = m_slots.erase(item);
+            item = map.erase(item);
         else
             ++item;
     }
+}
+
+} // namespace
+
+void ArchiveIndex::ForgetUnused()
+{
+    const std::lock_guard lock(m_lock);
+    EraseUnused(m_searches); // which hold slots
+    EraseUnused(m_slots);
 }
 
 } // namespace VexCore

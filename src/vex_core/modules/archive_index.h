@@ -2,10 +2,13 @@
 // The archives that Lua modules are loaded from: opened once and indexed once in a process, whatever the number of
 // interpreters, and opened anew when the file behind the path is another one.
 
+#include "vex_core/base/steady_ms.h"
 #include "vex_core/os/file_identity.h"
 #include "vex_core/zip/zip_reader.h"
 
+#include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,7 +29,16 @@ public:
 
     const std::string& Path() const { return m_path; }
     const os::FileIdentity& Identity() const { return m_identity; }
-    /// False: there is certainly no such Lua file. True: there very likely is; `Zip` and `ZipArchive::Find` tell.
+    /// A Lua file in it, by the hash of its name.
+    struct LuaFile
+    {
+        std::uint64_t nameHash;
+        std::uint32_t entry; ///< its place among the archive's entries
+    };
+    /// In the order of the directory.
+    const std::vector<LuaFile>& LuaFiles() const { return m_luaFiles; }
+    /// False: there is certainly no such Lua file. True: there very likely is; `Zip` and `ZipArchive::Find` tell. Takes
+    /// its time, as it goes through all files.
     bool MayHave(std::uint64_t nameHash) const;
     /// The open archive. Null with a reason when it had to be opened again and is gone, damaged or another file by now.
     std::shared_ptr<const ZipArchive> Zip(std::string& error);
@@ -40,7 +52,7 @@ private:
     std::string m_path;
     ZipLimits m_limits;
     os::FileIdentity m_identity;
-    std::vector<std::uint64_t> m_hashes; // of the names that end in .lua, sorted
+    std::vector<LuaFile> m_luaFiles;
 
     std::mutex m_lock; // guards what follows
     std::shared_ptr<const ZipArchive> m_zip;
@@ -58,8 +70,8 @@ public:
     /// Null with a reason when there is none that can be used. A reason is logged as one warning, again only when the
     /// file has changed and is still of no use.
     std::shared_ptr<ModuleArchive> Current(const ZipLimits& limits, std::string& failure);
-    /// The reason that the last `Current` gave, empty when it gave an archive. Looks at nothing.
-    std::string LastFailure();
+    /// Whether the last `Current` had no archive for want of descriptors or memory, which says nothing about the file.
+    bool WantsAnotherLook();
 
 private:
     void OpenAnew(const ZipLimits& limits);
@@ -76,20 +88,35 @@ private:
     std::string m_warnedFailure;
 };
 
-/// All slots of the process. Any thread.
+class SearchedArchives;
+
+/// All slots of the process, and the search paths that lead to them. Any thread.
 class ArchiveIndex
 {
 public:
+    /// Milliseconds since some time in the past.
+    using Clock = std::int64_t (*)();
+
     /// Never destroyed: interpreters may be closed by static destructors.
     static ArchiveIndex& Process();
 
     std::shared_ptr<ArchiveSlot> Slot(const std::string& path);
+    /// The archives at these paths, in this order: one object in a process.
+    std::shared_ptr<SearchedArchives> Search(const std::vector<std::string>& paths);
     /// Drops, and so closes, the archives that no interpreter has on its path any more.
     void ForgetUnused();
 
+    std::int64_t NowMs() const { return m_clock.load(std::memory_order_relaxed)(); }
+    /// For tests, which do not wait for seconds to pass. Returns the clock before.
+    Clock SetClock(Clock clock) { return m_clock.exchange(clock); }
+
 private:
-    std::mutex m_lock;
-    std::unordered_map<std::string, std::shared_ptr<ArchiveSlot>> m_slots; // guarded by m_lock
+    std::shared_ptr<ArchiveSlot> SlotLocked(const std::string& path);
+
+    std::atomic<Clock> m_clock{SteadyMs};
+    std::mutex m_lock; // guards what follows
+    std::unordered_map<std::string, std::shared_ptr<ArchiveSlot>> m_slots; // by path
+    std::map<std::vector<std::string>, std::shared_ptr<SearchedArchives>> m_searches; // by their paths
 };
 
 } // namespace VexCore

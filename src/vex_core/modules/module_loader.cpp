@@ -174,13 +174,17 @@ bool LoadFromCache(lua_State* L, ModuleLoader& loader, const FoundModule& module
     return false;
 }
 
-// Leaves the module's function on the stack or raises an error that names it.
-void LoadFromArchive(lua_State* L, ModuleLoader& loader, const char* name, const FoundModule& module)
+// Leaves the module's function on the stack or raises an error that names it. False, and nothing on the stack: the
+// archive could not be read because it is another one by now.
+bool LoadFromArchive(lua_State* L, ModuleLoader& loader, const char* name, const FoundModule& module)
 {
     KeptBuffer::Loan buffer(loader.code);
     std::string error;
-    if (!ReadSource(module, buffer.Bytes(), error))
+    if (!ReadSource(module, buffer.Bytes(), error)) {
+        if (loader.lookup.ArchivesHaveChanged())
+            return false;
         RaiseLoadError(L, name, module.path, error.c_str());
+    }
     const std::string_view code = WithoutFirstLineComment(buffer.Bytes());
     const bool compiled = !code.empty() && code.front() == LUA_SIGNATURE[0];
     if (compiled && !IsCoreArchive(loader.settings, module.Archive()))
@@ -189,11 +193,12 @@ void LoadFromArchive(lua_State* L, ModuleLoader& loader, const char* name, const
     if (!LoadBuffer(L, code, module, compiled ? "b" : "t"))
         RaiseLoadError(L, name, module.path, lua_tostring(L, -1));
     if (compiled || !module.cache || !module.cache->WantsChunks())
-        return;
+        return true;
     KeptBuffer::Loan chunk(loader.dump);
     chunk.Bytes().clear();
     if (lua_dump(L, AppendTo, &chunk.Bytes()) == 0)
         module.cache->Add(module.path, module.archiveLength, chunk.Bytes());
+    return true;
 }
 
 LookupResult Find(ModuleLoader& loader, const char* name)
@@ -207,18 +212,20 @@ int SearchArchives(lua_State* L)
 {
     const char* const name = luaL_checkstring(L, 1);
     ModuleLoader& loader = LoaderOf(L);
-    const LookupResult result = Find(loader, name);
-    if (const auto* const missing = std::get_if<MissingModule>(&result)) {
-        lua_pushlstring(L, missing->placesLookedIn.data(), missing->placesLookedIn.size());
-        return 1;
+    for (;;) { // once, but for an archive that is replaced meanwhile
+        const LookupResult result = Find(loader, name);
+        if (const auto* const missing = std::get_if<MissingModule>(&result)) {
+            lua_pushlstring(L, missing->placesLookedIn.data(), missing->placesLookedIn.size());
+            return 1;
+        }
+        if (const auto* const unreadable = std::get_if<UnreadableModule>(&result))
+            return RaiseLoadError(L, name, unreadable->path, unreadable->why.c_str());
+        const FoundModule& module = std::get<FoundModule>(result);
+        if (LoadFromCache(L, loader, module) || LoadFromArchive(L, loader, name, module)) {
+            lua_pushlstring(L, module.path.data(), module.path.size());
+            return 2;
+        }
     }
-    if (const auto* const unreadable = std::get_if<UnreadableModule>(&result))
-        return RaiseLoadError(L, name, unreadable->path, unreadable->why.c_str());
-    const FoundModule& module = std::get<FoundModule>(result);
-    if (!LoadFromCache(L, loader, module))
-        LoadFromArchive(L, loader, name, module);
-    lua_pushlstring(L, module.path.data(), module.path.size());
-    return 2;
 }
 
 // Upvalues: the loader, the package table, package.searchpath as it was, whether this is the part before the archives.

@@ -1,5 +1,5 @@
-// The order of a search: archive by archive, "name.lua" before "name/init.lua". An archive's hashes say no without
-// reading it; only the archive itself says yes. On the interpreter's thread.
+// The order of a search: archive by archive, "name.lua" before "name/init.lua". The index of all names says where to
+// begin, or no; only the archive itself says yes. On the interpreter's thread.
 
 #include "vex_core/modules/module_lookup.h"
 
@@ -9,14 +9,38 @@
 #include <algorithm>
 
 namespace VexCore {
+namespace {
+// A line for each file that was not there, twice as many as archives.
+std::string PlacesLookedIn(const FoundArchives& found, const std::string& base)
+{
+    const std::string file = base + ".lua'";
+    const std::string initFile = base + "/init.lua'";
+    const std::string begin = "\n\tno file '";
+    std::size_t size = 0;
+    for (const FoundArchives::Item& item : found.items)
+        size += item.failure.size() + 2 * (begin.size() + item.slot->Path().size() + 1 + initFile.size());
+    std::string places;
+    places.reserve(size);
+    for (const FoundArchives::Item& item : found.items) {
+        const std::string& path = item.slot->Path();
+        if (item.archive) {
+            places.append(begin).append(path).append(1, '/').append(file);
+            places.append(begin).append(path).append(1, '/').append(initFile);
+        } else {
+            places.append("\n\tno archive '").append(path).append("' (").append(item.failure).append(")");
+        }
+    }
+    return places;
+}
+
+} // namespace
 
 // Archives that were on the path before stay open; those that are on no interpreter's path any more are closed.
 void ModuleLookup::TakeSearchPath()
 {
-    std::vector<SearchedArchive> archives;
-    for (const std::string& path : m_settings.SearchPath())
-        archives.push_back({ArchiveIndex::Process().Slot(path), {}, {}, nullptr});
-    m_archives = std::move(archives);
+    m_archives = ArchiveIndex::Process().Search(m_settings.SearchPath());
+    m_found.reset();
+    m_caches.clear();
     m_searchPathNumber = m_settings.SearchPathNumber();
     ArchiveIndex::Process().ForgetUnused();
     CacheRegistry::Process().ForgetUnused();
@@ -26,74 +50,83 @@ LookupResult ModuleLookup::Find(const std::string& module)
 {
     if (m_searchPathNumber != m_settings.SearchPathNumber())
         TakeSearchPath();
+    if (!m_archives)
+        return MissingModule();
     std::string base = module;
     std::replace(base.begin(), base.end(), '.', '/');
+    LookupResult result = FindInArchives(base);
+    if (std::holds_alternative<UnreadableModule>(result) && ArchivesHaveChanged())
+        result = FindInArchives(base);
+    return result;
+}
+
+bool ModuleLookup::ArchivesHaveChanged()
+{
+    return m_archives && m_archives->HasChanged(m_settings.Limits(), m_found.lock());
+}
+
+LookupResult ModuleLookup::FindInArchives(const std::string& base)
+{
+    const std::shared_ptr<const FoundArchives> found = m_archives->Current(m_settings.Limits());
+    m_found = found;
     const std::string files[] = {base + ".lua", base + "/init.lua"};
     const std::uint64_t hashes[] = {HashName(files[0]), HashName(files[1])};
+    const NameTable::Place& file = found->names.First(hashes[0]);
+    const NameTable::Place& initFile = found->names.First(hashes[1]);
+    const bool isInit = initFile.archive < file.archive;
+    const NameTable::Place& first = isInit ? initFile : file;
+    if (first.archive == NameTable::none)
+        return MissingModule{PlacesLookedIn(*found, base)};
+    LookupResult result = LookInto(found->items[first.archive].archive, files[isInit], first.entry);
+    if (!std::holds_alternative<MissingModule>(result))
+        return result;
 
-    std::string failure;
-    for (SearchedArchive& searched : m_archives) {
-        const std::shared_ptr<ModuleArchive> archive = searched.slot->Current(m_settings.Limits(), failure);
-        if (!archive)
-            continue;
-        for (std::size_t i = 0; i < 2; ++i) {
-            if (!archive->MayHave(hashes[i]))
+    // Another name has the hash: from there on each archive is asked.
+    for (std::size_t i = first.archive; i < found->items.size(); ++i) {
+        const std::shared_ptr<ModuleArchive>& archive = found->items[i].archive;
+        for (std::size_t k = 0; archive && k < 2; ++k) {
+            if (!archive->MayHave(hashes[k]))
                 continue;
-            LookupResult result = LookInto(searched, archive, files[i]);
+            result = LookInto(archive, files[k], std::nullopt);
             if (!std::holds_alternative<MissingModule>(result))
                 return result;
         }
     }
-    return MissingModule{PlacesLookedIn(base)};
+    return MissingModule{PlacesLookedIn(*found, base)};
 }
 
-LookupResult ModuleLookup::LookInto(SearchedArchive& searched, const std::shared_ptr<ModuleArchive>& archive,
-                                    const std::string& file) const
+LookupResult ModuleLookup::LookInto(const std::shared_ptr<ModuleArchive>& archive, const std::string& file,
+                                    std::optional<std::uint32_t> number)
 {
     std::string path = archive->Path() + "/" + file;
     std::string why;
     std::shared_ptr<const ZipArchive> zip = archive->Zip(why);
     if (!zip)
         return UnreadableModule{std::move(path), std::move(why)};
-    const ZipEntry* const entry = zip->Find(file);
+    const ZipEntry* const entry = number ? zip->EntryNamed(*number, file) : zip->Find(file);
     if (!entry)
         return MissingModule();
-    return FoundModule{std::move(path), archive->Path().size(), std::move(zip), entry, CacheOf(searched, archive)};
+    return FoundModule{std::move(path), archive->Path().size(), std::move(zip), entry, CacheOf(archive)};
 }
 
-std::shared_ptr<ChunkCache> ModuleLookup::CacheOf(SearchedArchive& searched,
-                                                  const std::shared_ptr<ModuleArchive>& archive) const
+std::shared_ptr<ChunkCache> ModuleLookup::CacheOf(const std::shared_ptr<ModuleArchive>& archive)
 {
     const std::string folder = m_settings.CacheFolder();
     if (folder.empty())
         return nullptr;
-    if (!searched.cache || searched.cachedArchive.lock() != archive || searched.cacheFolder != folder) {
+    KnownCache& known = m_caches[archive->Path()];
+    if (!known.cache || known.archive.lock() != archive || known.folder != folder) {
         const std::string sha256 = archive->DirectorySha256();
         if (sha256.empty())
             return nullptr;
-        const bool isOtherArchive = searched.cache && searched.cacheFolder == folder;
-        searched.cache = CacheRegistry::Process().Get(folder, ChunkCache::Key(sha256, m_luaHeader));
-        searched.cachedArchive = archive;
-        searched.cacheFolder = folder;
+        const bool isOtherArchive = known.cache && known.folder == folder;
+        known.cache = CacheRegistry::Process().Get(folder, ChunkCache::Key(sha256, m_luaHeader));
+        known.archive = archive;
+        known.folder = folder;
         if (isOtherArchive) // that of the one before is of no use to anyone
             CacheRegistry::Process().ForgetUnused();
     }
-    return searched.cache;
-}
-
-std::string ModuleLookup::PlacesLookedIn(const std::string& base) const
-{
-    std::string places;
-    for (const SearchedArchive& searched : m_archives) {
-        const std::string& path = searched.slot->Path();
-        const std::string failure = searched.slot->LastFailure();
-        const std::string file = path + "/" + base;
-        if (failure.empty())
-            places.append("\n\tno file '").append(file).append(".lua'\n\tno file '").append(file).append("/init.lua'");
-        else
-            places.append("\n\tno archive '").append(path).append("' (").append(failure).append(")");
-    }
-    return places;
+    return known.cache;
 }
 
 } // namespace VexCore

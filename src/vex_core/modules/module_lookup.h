@@ -4,13 +4,15 @@
 #include "vex_core/modules/archive_index.h"
 #include "vex_core/modules/chunk_cache.h"
 #include "vex_core/modules/loader_settings.h"
+#include "vex_core/modules/searched_archives.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <unordered_map>
 #include <variant>
-#include <vector>
 
 namespace VexCore {
 
@@ -53,26 +55,31 @@ public:
     /// "a.b" is "a/b.lua", or else "a/b/init.lua", in the first archive of the settings' search
     /// path that has one of them.
     LookupResult Find(const std::string& module);
+    /// For who could not read what the last `Find` found: whether any archive is another one by now. A file that was
+    /// written in place shows in its bytes before its status is looked at again.
+    bool ArchivesHaveChanged();
 
 private:
-    /// An archive on the search path, and the cache of what it holds now.
-    struct SearchedArchive
+    /// The cache of an archive on the search path.
+    struct KnownCache
     {
-        std::shared_ptr<ArchiveSlot> slot;
-        std::weak_ptr<ModuleArchive> cachedArchive; // that `cache` belongs to
-        std::string cacheFolder; // that `cache` lies in
+        std::weak_ptr<ModuleArchive> archive; // that `cache` belongs to
+        std::string folder; // that `cache` lies in
         std::shared_ptr<ChunkCache> cache;
     };
 
     void TakeSearchPath();
-    LookupResult LookInto(SearchedArchive& searched, const std::shared_ptr<ModuleArchive>& archive,
-                          const std::string& file) const;
-    std::shared_ptr<ChunkCache> CacheOf(SearchedArchive& searched, const std::shared_ptr<ModuleArchive>& archive) const;
-    std::string PlacesLookedIn(const std::string& base) const;
+    LookupResult FindInArchives(const std::string& base);
+    // With the number of the entry where it is known.
+    LookupResult LookInto(const std::shared_ptr<ModuleArchive>& archive, const std::string& file,
+                          std::optional<std::uint32_t> number);
+    std::shared_ptr<ChunkCache> CacheOf(const std::shared_ptr<ModuleArchive>& archive);
 
     const LoaderSettings& m_settings;
     const std::string m_luaHeader;
-    std::vector<SearchedArchive> m_archives;
+    std::shared_ptr<SearchedArchives> m_archives;
+    std::weak_ptr<const FoundArchives> m_found; // by the last lookup; an idle interpreter keeps no archive open
+    std::unordered_map<std::string, KnownCache> m_caches; // by path of the archive
     unsigned m_searchPathNumber = 0; // that m_archives are of
 };
 

@@ -53,6 +53,11 @@ public:
     const std::vector<ZipEntry>& Entries() const { return m_entries; }
     /// Null when there is none.
     const ZipEntry* Find(std::string_view name) const;
+    /// The entry at that place of the directory when it has this name, else null.
+    const ZipEntry* EntryNamed(std::size_t number, std::string_view name) const
+    {
+        return number < m_entries.size() && m_entries[number].name == name ? &m_entries[number] : nullptr;
+    }
     /// The directory's bytes from first record to end record, as a SHA-256 in lower-case hex: names what the archive
     /// holds (the directory has every entry's checksum and size).
     const std::string& DirectorySha256() const { return m_directorySha256; }

@@ -1,8 +1,10 @@
 #include "vex/core/dom.h"
 #include "vex_core/modules/archive_index.h"
 #include "vex_core/modules/cache_registry.h"
+#include "vex_core/modules/name_hash.h"
 #include "vex_core/os/call_observer.h"
 
+#include "support/archive_clock.h"
 #include "support/call_watch.h"
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
@@ -143,21 +145,28 @@ protected:
     std::string AddBytes(const std::string& name, const std::string& bytes)
     {
         const std::string path = m_folder / name;
-        Replace(path, bytes);
+        Install(path, bytes);
         std::string list = m_dom->Get("app.lua.zippath");
         m_dom->Set("app.lua.zippath", list.empty() ? path : list + ";" + path);
         return path;
     }
-    void Replace(const std::string& path, const std::string& bytes)
+    void Install(const std::string& path, const std::string& bytes)
     {
         ::Test::WriteFile(path + ".new", bytes);
         std::filesystem::rename(path + ".new", path);
+    }
+    // And until that has to be noticed.
+    void Replace(const std::string& path, const std::string& bytes)
+    {
+        Install(path, bytes);
+        m_clock.Pass(1000);
     }
     void UseCache() { m_dom->Set("app.path.work", m_folder / "work"); }
     std::string CacheFolder() { return m_folder / "work/cache"; }
     std::vector<std::string> CacheFiles() { return FilesBelow(CacheFolder()); }
 
     ::Test::TempFolder m_folder;
+    ::Test::ArchiveClock m_clock;
     CDom* m_dom;
 };
 
@@ -216,6 +225,9 @@ TEST_F(ModuleSearch, SearchesPreloadGivenPathArchivesRestOfPathInThisOrder)
     std::filesystem::remove(m_folder / "given/m.lua");
     EXPECT_EQ(lua.Run(again), "archive");
     std::filesystem::remove(archive);
+    m_clock.Pass(999);
+    EXPECT_EQ(lua.Run(again), "archive") << "it is open still";
+    m_clock.Pass(1);
     {
         ::Test::LogCatcher log;
         EXPECT_EQ(lua.Run(again), "rest");
@@ -453,14 +465,56 @@ TEST_F(ModuleSearch, AnArchiveOverwrittenInPlaceIsOpenedAnew)
     EXPECT_EQ(lua.Run("package.loaded.a = nil return require 'a'"), "newer");
 }
 
-TEST_F(ModuleSearch, AnEarlierArchiveThatGainsTheModuleWinsAtOnce)
+TEST_F(ModuleSearch, AnEarlierArchiveThatGainsTheModuleWinsWithinASecond)
 {
     const std::string x = Add("x.vxe", {{"a.lua", "return 'x'"}});
     Add("y.vxe", {{"b.lua", "return 'y'"}});
     Lua lua(m_dom);
     EXPECT_EQ(lua.Run("return require 'b'"), "y");
-    Replace(x, Archive({{"b.lua", "return 'x'"}}));
+    Install(x, Archive({{"b.lua", "return 'x'"}}));
+    m_clock.Pass(999);
+    EXPECT_EQ(lua.Run("package.loaded.b = nil return require 'b'"), "y");
+    m_clock.Pass(1);
     EXPECT_EQ(lua.Run("package.loaded.b = nil return require 'b'"), "x");
+}
+
+TEST_F(ModuleSearch, ANameThatHasTheHashOfAnotherIsNotTakenForIt)
+{
+    // FNV-1a gives both the same.
+    const std::string one = "8yn0iYCKYHlIj4-BwPqk";
+    const std::string other = "GReLUrM4wMqfg9yzV3KQ";
+    ASSERT_EQ(HashName(one), HashName(other));
+    Add("x.vxe", {{one + ".lua", "return 'one of x'"}});
+    Add("y.vxe", {{one + ".lua", "return 'one of y'"}, {other + ".lua", "return 'other of y'"}});
+    Lua lua(m_dom);
+    EXPECT_EQ(lua.Run("return require '" + one + "'"), "one of x");
+    EXPECT_EQ(lua.Run("return require '" + other + "'"), "other of y");
+    m_dom->Set("app.lua.zippath", m_folder / "x.vxe");
+    EXPECT_THAT(Lua(m_dom).Run("return require '" + other + "'"),
+                HasSubstr("no file '" + (m_folder / "x.vxe") + "/" + other + ".lua'"));
+}
+
+TEST_F(ModuleSearch, AnArchiveThatWasClosedAndReplacedIsReadAsWhatItIsNow)
+{
+    const std::string path = Add("x.vxe", {{"a.lua", "return 'old'"}, {"b.lua", "return 'old'"}});
+    Lua lua(m_dom);
+    EXPECT_EQ(lua.Run("return require 'a'"), "old");
+    std::string failure;
+    Need(ArchiveIndex::Process().Slot(path)->Current(ZipLimits(), failure))->Close();
+    Install(path, Archive({{"b.lua", "return 'new'"}}));
+    EXPECT_EQ(lua.Run("return require 'b'"), "new");
+}
+
+TEST_F(ModuleSearch, AnInterpreterThatRequiresNothingKeepsNoReplacedArchiveOpen)
+{
+    const std::string path = Add("x.vxe", {{"a.lua", "return 'old'"}});
+    Lua idle(m_dom);
+    EXPECT_EQ(idle.Run("return require 'a'"), "old");
+    std::string failure;
+    const std::weak_ptr<ModuleArchive> old = ArchiveIndex::Process().Slot(path)->Current(ZipLimits(), failure);
+    Replace(path, Archive({{"a.lua", "return 'new'"}}));
+    EXPECT_EQ(Lua(m_dom).Run("return require 'a'"), "new");
+    EXPECT_TRUE(old.expired());
 }
 
 TEST_F(ModuleSearch, ASyntaxErrorNamesModuleAndFileAndDoesNotFallThrough)
