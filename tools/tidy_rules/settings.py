@@ -13,10 +13,13 @@ COMPOSED_KEYS = (
 # The table of settings in the code, and how the page writes its types. Types of texts are in the page's own words.
 TABLE = "src/vex_core/domain/known_settings.h"
 ROW = re.compile(r'\{"(?P<key>[\w.+]+)",\s*SettingKind::(?P<kind>\w+),\s*"[^"]*",\s*(?P<default>[^,]+),\s*(?P<least>[^,]+),'
-                 r'\s*(?P<most>[^,]+),\s*SettingPlace::\w+,\s*"[^"]*"\}')
+                 r'\s*(?P<most>[^,]+),\s*SettingPlace::\w+,\s*"[^"]*"(?:,\s*(?P<words>\w+))?\}')
+# The words of a choice stand in a constant of that name.
+WORDS = r'\b{}\[\] = ((?:"[^"]*"\s*)+);'
 TYPES = {"Flag": "boolean", "Switch": "on or off", "Number": "integer", "Size": "size", "Time": "time", "Mode": "mode"}
 TRUTHS = {"Flag": ("false", "true"), "Switch": ("off", "on")}
 NONE = "noStandard"
+CHOICE = "Choice"
 
 
 PAGE = "docs/SETTINGS.md"
@@ -80,8 +83,15 @@ def plain_value(text):
     return str(eval(text)) if re.fullmatch(r"[\d *<]+", text) else text  # pylint: disable=eval-used
 
 
+def words_of(row):
+    found = re.search(WORDS.format(row["words"]), row.string)
+    return "".join(re.findall(r'"([^"]*)"', found[1])).split() if found else []
+
+
 def type_of(row):
     """What the page has as the type of a row of the table; None for a text."""
+    if row["kind"] == CHOICE:
+        return ", ".join(words_of(row))
     if row["kind"] not in TYPES:
         return None
     word, least, most = TYPES[row["kind"]], plain_value(row["least"]), plain_value(row["most"])
@@ -95,6 +105,8 @@ def default_of(row):
     if row["default"] == NONE:
         return None
     value = plain_value(row["default"])
+    if row["kind"] == CHOICE:
+        return words_of(row)[int(value)]
     return TRUTHS[row["kind"]][int(value)] if row["kind"] in TRUTHS else value
 
 

@@ -12,6 +12,7 @@
 #include "vex_core/crash/signal_stack.h"
 #include "vex_core/log/process_log.h"
 #include "vex_core/os/guarded_place.h"
+#include "vex_core/os/system_log.h"
 
 #include <algorithm>
 #include <atomic>
@@ -124,6 +125,7 @@ void WriteBytes(int descriptor, const char* data, std::size_t size)
 // Static: they are larger than a small stack should have to hold, and one thread at most gets here.
 CrashText g_logLine;
 CrashText g_errorLine;
+CrashText g_systemLogLine;
 
 // As every line of the log has it. The name of a worker is a script's choice.
 void AddThreadName(const CrashSite& site)
@@ -194,6 +196,23 @@ void AddMessage(CrashText& line, const CrashSite& site, int dumpError)
     line << ")\n";
 }
 
+// The line of the log, without its time: with a record that has none the logger takes its own.
+void SendToSystemLog(const CrashSite& site)
+{
+    constexpr int critical = 2;
+    constexpr std::size_t timeBytes = std::string_view("2026-01-31 10:20:30 ").size();
+    const int facility = LogCopyFacility();
+    if (facility < 0 || g_logLine.Size() < timeBytes)
+        return;
+    g_systemLogLine << '<';
+    g_systemLogLine.Decimal(facility | critical) << '>' << os::SystemLogName() << '[';
+    g_systemLogLine.Decimal(site.process) << "]: ";
+    const std::string_view line(g_logLine.Data() + timeBytes, g_logLine.Size() - timeBytes);
+    for (const char byte : line.substr(0, line.find('\n')))
+        g_systemLogLine << byte;
+    os::SendToSystemLogInHandler(g_systemLogLine.Data(), g_systemLogLine.Size());
+}
+
 void Report(const CrashSite& site, int dumpError)
 {
     if (g_reported.exchange(true))
@@ -206,6 +225,7 @@ void Report(const CrashSite& site, int dumpError)
         log = open(g_logPath, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
     if (log >= 0)
         WriteBytes(log, g_logLine.Data(), g_logLine.Size());
+    SendToSystemLog(site);
     WriteBytes(STDERR_FILENO, g_errorLine.Data(), g_errorLine.Size());
 }
 

@@ -14,6 +14,7 @@ enum class SettingKind {
     Size, ///< a number of bytes, which may have K, M, G or T behind it
     Mode, ///< octal digits of access rights, which let nobody but the owner write
     Time, ///< a number of seconds, which may have s, m, h or d behind it
+    Choice, ///< one of some words
     List, ///< words with a separator between them
     Path,
     Text,
@@ -32,16 +33,23 @@ struct Setting
     const char* key; ///< NAME as its last part stands for any name
     SettingKind kind;
     const char* unit; ///< of a number; empty where there is none
-    std::int64_t standard; ///< the default; 0 or 1 for a flag or a switch
+    std::int64_t standard; ///< the default; 0 or 1 for a flag or a switch, of a choice the place of the word, from 0
     std::int64_t least;
     std::int64_t most;
     SettingPlace place;
     const char* help;
+    const char* words = nullptr; ///< of a choice, a blank between two
 };
 
 constexpr std::int64_t unlimited = std::numeric_limits<std::int64_t>::max();
 /// Instead of a default: where nobody says anything there is no value, or another library's own counts.
 constexpr std::int64_t noStandard = std::numeric_limits<std::int64_t>::min();
+
+/// What syslog(3) calls its facilities, but for the kernel's own.
+inline constexpr char facilityWords[] = "off auth authpriv cron daemon ftp lpr mail news syslog user uucp "
+                                        "local0 local1 local2 local3 local4 local5 local6 local7";
+/// In the order of LogLevel, from its second on.
+inline constexpr char levelWords[] = "error warning message info debug trace";
 
 /// docs/SETTINGS.md has the same for operators, with what each means in full. Those below "vex." are read by Lua code,
 /// which asks vex.settings for their defaults.
@@ -61,6 +69,10 @@ inline constexpr Setting knownSettings[] = {
      "rotated log files that are kept"},
     {"app.log.size", SettingKind::Size, "bytes", 10 * 1024 * 1024, 4096, unlimited, SettingPlace::Settings,
      "size at which the log file is rotated"},
+    {"app.log.syslog", SettingKind::Choice, "", 0, 0, 19, SettingPlace::Settings,
+     "facility with which lines of the log go to syslog(3) too", facilityWords},
+    {"app.log.syslog.level", SettingKind::Choice, "", 3, 0, 5, SettingPlace::Settings,
+     "least level of lines that go to syslog(3)", levelWords},
     {"app.lua.cache", SettingKind::Flag, "", 1, 0, 1, SettingPlace::Settings,
      "whether compiled chunks are kept between runs"},
     {"app.lua.cpath", SettingKind::List, "", noStandard, 0, 0, SettingPlace::CommandLine,

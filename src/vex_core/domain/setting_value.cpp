@@ -32,6 +32,8 @@ bool IsReadable(const Setting& setting, std::string_view text, std::int64_t& val
 {
     if (IsInteger(setting.kind))
         return IntegerFromSetting(setting.kind, text, value);
+    if (setting.kind == SettingKind::Choice)
+        return ChoiceFromSetting(setting, text, value);
     bool truth = false;
     if (!IsTruth(setting.kind) || !TruthFromSetting(setting.kind, text, truth))
         return !IsTruth(setting.kind);
@@ -81,7 +83,17 @@ std::string ValueText(const Setting& setting, std::int64_t value)
         return value ? "on" : "off";
     if (setting.kind == SettingKind::Mode)
         return ModeText(value);
+    if (setting.kind == SettingKind::Choice)
+        return std::string(ChoiceWord(setting, value));
     return *setting.unit ? std::to_string(value) + ' ' + setting.unit : std::to_string(value);
+}
+
+std::string ListOfWords(const Setting& setting)
+{
+    std::string list(ChoiceWord(setting, 0));
+    for (std::int64_t place = 1; place <= setting.most; ++place)
+        list.append(place < setting.most ? ", " : " or ").append(ChoiceWord(setting, place));
+    return list;
 }
 
 } // namespace
@@ -126,6 +138,25 @@ bool TruthFromSetting(SettingKind kind, std::string_view text, bool& value)
     return BoolFromText(text, value);
 }
 
+bool ChoiceFromSetting(const Setting& setting, std::string_view text, std::int64_t& value)
+{
+    text = WithoutBlanks(text);
+    for (std::int64_t place = 0; place <= setting.most; ++place)
+        if (IsSameInAnyCase(text, ChoiceWord(setting, place))) {
+            value = place;
+            return true;
+        }
+    return false;
+}
+
+std::string_view ChoiceWord(const Setting& setting, std::int64_t place)
+{
+    std::string_view words = setting.words;
+    for (; place > 0; --place)
+        words.remove_prefix(words.find(' ') + 1);
+    return words.substr(0, words.find(' '));
+}
+
 std::int64_t WithinRange(const Setting& setting, std::int64_t value)
 {
     return value <= 0 && value < setting.least ? setting.standard : std::clamp(value, setting.least, setting.most);
@@ -145,12 +176,13 @@ SettingVerdict JudgeSetting(const Setting& setting, std::string_view text)
 
 std::string SettingThatCounts(const Setting& setting, std::string_view text)
 {
-    if (!IsInteger(setting.kind) && !IsTruth(setting.kind))
+    const bool isChoice = setting.kind == SettingKind::Choice;
+    if (!IsInteger(setting.kind) && !IsTruth(setting.kind) && !isChoice)
         return std::string(text);
     std::int64_t value = 0;
     if (!IsReadable(setting, text, value))
         return StandardText(setting);
-    if (IsTruth(setting.kind))
+    if (IsTruth(setting.kind) || isChoice)
         return ValueText(setting, value);
     // The library that the numbers at the top of a file are for gets none that it cannot take.
     const bool inRange = value >= setting.least && value <= setting.most;
@@ -171,6 +203,8 @@ std::string WantedText(const Setting& setting)
         return "true or false";
     case SettingKind::Switch:
         return "on or off";
+    case SettingKind::Choice:
+        return "one of " + ListOfWords(setting);
     case SettingKind::List:
     case SettingKind::Path:
     case SettingKind::Text:

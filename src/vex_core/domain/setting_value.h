@@ -17,6 +17,10 @@ std::string_view WithoutBlanks(std::string_view text);
 bool IntegerFromSetting(SettingKind kind, std::string_view text, std::int64_t& value);
 /// The same for a flag or a switch.
 bool TruthFromSetting(SettingKind kind, std::string_view text, bool& value);
+/// The same for a choice: which of its words it is, from 0, in any case.
+bool ChoiceFromSetting(const Setting& setting, std::string_view text, std::int64_t& value);
+/// The word at that place.
+std::string_view ChoiceWord(const Setting& setting, std::int64_t place);
 
 /// One rule for all integers: 0 or below where the range begins above means nothing, so the default counts; another
 /// value outside the range counts as its nearest bound.
@@ -27,8 +31,8 @@ enum class SettingVerdict { Good, CommentBehind, Unreadable, OutOfRange };
 /// What is wrong with the text as the value of this setting.
 SettingVerdict JudgeSetting(const Setting& setting, std::string_view text);
 
-/// The value that counts where this text stands, as text: a number in its unit and with it, "true" or "on", or the text
-/// itself. Empty where nothing counts.
+/// The value that counts where this text stands, as text: a number in its unit and with it, "true" or "on", the word
+/// of a choice as the table has it, or the text itself. Empty where nothing counts.
 std::string SettingThatCounts(const Setting& setting, std::string_view text);
 /// The default in the same form.
 std::string StandardText(const Setting& setting);

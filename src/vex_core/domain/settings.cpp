@@ -44,6 +44,16 @@ bool BoolSetting(const CDom& dom, const char* key)
     return value;
 }
 
+std::int64_t ChoiceSetting(const CDom& dom, const char* key)
+{
+    const Setting* const setting = FindSetting(key);
+    wxCHECK_MSG(setting && setting->kind == SettingKind::Choice, 0, key);
+    std::int64_t value = setting->standard;
+    if (std::string text; dom.GetSetting(key, text))
+        ChoiceFromSetting(*setting, text, value);
+    return value;
+}
+
 void WarnOfSettings(const CDom& dom)
 {
     constexpr unsigned long maxLines = 50;

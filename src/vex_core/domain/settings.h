@@ -17,6 +17,8 @@ namespace VexCore {
 /// default. What cannot be read counts as the default, what is out of range as `WithinRange` says.
 std::int64_t IntSetting(const CDom& dom, const char* key);
 bool BoolSetting(const CDom& dom, const char* key);
+/// Of a choice: which of its words it is, from 0.
+std::int64_t ChoiceSetting(const CDom& dom, const char* key);
 
 /// Warns of what is wrong with settings, a line each; of a great many only the first, and how many more there are.
 /// Main thread, once, when it is known where the files lie.

@@ -27,12 +27,6 @@ namespace {
 constexpr int looksAtPiece = 5;
 constexpr long betweenLooksMs = 1;
 
-int SeverityOf(LogLevel level)
-{
-    static constexpr int severities[] = {2, os::severityError, 4, 5, 6, 7, 7};
-    return severities[static_cast<int>(level)];
-}
-
 std::string RotatedName(const std::string& file, int number)
 {
     return number == 0 ? file : file + '.' + std::to_string(number);
@@ -46,12 +40,6 @@ std::string NumberAndText(int error)
 } // namespace
 
 // --- records
-
-const char* LogLevelWord(LogLevel level)
-{
-    static constexpr const char* words[] = {"FATAL", "ERROR", "WARNING", "MESSAGE", "INFO", "DEBUG", "TRACE"};
-    return words[static_cast<int>(level)];
-}
 
 namespace {
 // Takes the next character off the text, as it stands in a record.
@@ -116,6 +104,17 @@ std::string FormatLogRecord(std::time_t time, const char* timeFormat, LogLevel l
     return record;
 }
 
+namespace {
+// What follows the time, without the line's end. How long a time is, is up to its format.
+std::string_view WithoutTime(std::string_view record, LogLevel level)
+{
+    const std::size_t place = record.find(std::string(" ") + LogLevelWord(level) + " [");
+    record.remove_prefix(place == std::string_view::npos ? 0 : place + 1);
+    return record.substr(0, record.find_last_not_of('\n') + 1);
+}
+
+} // namespace
+
 // --- the log's surface
 
 DiskLog::DiskLog(std::size_t maxHeldBytes, int errorDescriptor) : m_maxHeldBytes(maxHeldBytes), m_error(errorDescriptor)
@@ -138,14 +137,20 @@ void DiskLog::SetSettings(const Settings& settings)
 {
     const std::lock_guard lock(m_lock);
     m_settings = settings;
+    if (settings.copy.facility == SystemLogCopy::nowhere)
+        TellWhatWasNotCopied();
+    m_copy.SetSettings(settings.copy);
 }
 
-void DiskLog::Write(const std::string& record, bool shown, LogLevel level, const char* timeFormat)
+void DiskLog::Write(const std::string& record, bool shown, LogLevel level, const char* timeFormat, std::time_t time)
 {
     const std::lock_guard lock(m_lock);
     m_timeFormat = timeFormat;
-    if (!WriteHeld() || !TryWrite(record))
-        Hold({record, shown, level});
+    const bool isWritten = WriteHeld() && TryWrite(record);
+    // What is written before there is a place is so before the settings are known.
+    const Copied copied = m_path.empty() ? Copied::NotYet : Copy(record, level, time);
+    if (!isWritten)
+        Hold({record, shown, level, time, copied});
 }
 
 void DiskLog::Flush()
@@ -157,8 +162,10 @@ void DiskLog::Flush()
 void DiskLog::FlushAtEnd()
 {
     const std::lock_guard lock(m_lock);
-    if (WriteHeld())
+    if (WriteHeld()) {
+        TellWhatWasNotCopied();
         return;
+    }
     for (const Held& held : m_held)
         GiveAway(held);
     m_held.clear();
@@ -184,6 +191,7 @@ void DiskLog::AfterForkInChild()
     m_elsewhere = 0;
     m_lost = 0;
     m_identity = {}; // to be opened anew: the position of an open file is shared with the parent, and we ask for it
+    m_copy.Forget();
     m_lock.unlock();
 }
 
@@ -192,13 +200,16 @@ void DiskLog::AfterForkInChild()
 bool DiskLog::WriteHeld()
 {
     while (!m_held.empty()) {
-        if (!TryWrite(m_held.front().record))
+        const Held& first = m_held.front();
+        if (!TryWrite(first.record))
             return false;
+        if (first.copied == Copied::NotYet)
+            Copy(first.record, first.level, first.time);
         m_heldBytes -= m_held.front().record.size();
         m_held.pop_front();
     }
     const auto tell = [this](std::size_t& count, const char* whatOfThem) {
-        if (count > 0 && !TryWrite(OwnRecord(std::to_string(count) + whatOfThem)))
+        if (count > 0 && !WriteOwn(std::to_string(count) + whatOfThem))
             return false;
         count = 0;
         return true;
@@ -276,7 +287,8 @@ void DiskLog::Hold(Held held)
 
 void DiskLog::GiveAway(const Held& held)
 {
-    const bool isSomewhere = held.shown || os::WriteLastResort(m_error, SeverityOf(held.level), {held.record});
+    const bool isSomewhere = held.shown || held.copied == Copied::Taken
+                             || os::WriteLastResort(m_error, SeverityOf(held.level), {held.record});
     ++(isSomewhere ? m_elsewhere : m_lost);
 }
 
@@ -293,6 +305,44 @@ void DiskLog::Fail(const std::string& reason)
 std::string DiskLog::OwnRecord(const std::string& text) const
 {
     return FormatLogRecord(std::time(nullptr), m_timeFormat.c_str(), LogLevel::Warning, os::ProcessId(), "log", text);
+}
+
+// A record of the log's own, in the file and in the copy. False: it is to be tried again.
+bool DiskLog::WriteOwn(const std::string& text)
+{
+    const std::string record = OwnRecord(text);
+    if (!TryWrite(record))
+        return false;
+    Copy(record, LogLevel::Warning, std::time(nullptr));
+    return true;
+}
+
+// --- the copy in the system's log
+
+DiskLog::Copied DiskLog::Copy(const std::string& record, LogLevel level, std::time_t time)
+{
+    if (!m_copy.Wants(level))
+        return Copied::LeftOut;
+    const bool isTaken = m_copy.Send(level, time, WithoutTime(record, level));
+    TellOfCopies();
+    return isTaken ? Copied::Taken : Copied::LeftOut;
+}
+
+// In the file, behind the record that it is about. Where that cannot be written it is told with a later one.
+void DiskLog::TellOfCopies()
+{
+    const std::string notice = m_copy.Notice();
+    if (notice.empty() || m_path.empty())
+        return;
+    const std::string record = OwnRecord(notice);
+    if (TryWrite(record) && m_copy.NoticeIsTold())
+        Copy(record, LogLevel::Warning, std::time(nullptr));
+}
+
+void DiskLog::TellWhatWasNotCopied()
+{
+    if (const std::string notice = m_copy.TakeLastNotice(); !notice.empty())
+        TryWrite(OwnRecord(notice));
 }
 
 // --- the file

@@ -2,6 +2,8 @@
 // The log file, knowing nothing of the framework. Format and rotation: docs/FORMATS.md, "Log".
 
 #include "vex_core/domain/known_settings.h"
+#include "vex_core/log/log_level.h"
+#include "vex_core/log/system_log_copy.h"
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/file_identity.h"
 
@@ -17,10 +19,6 @@
 #include <sys/types.h>
 
 namespace VexCore {
-
-enum class LogLevel { Fatal, Error, Warning, Message, Info, Debug, Trace };
-
-const char* LogLevelWord(LogLevel level);
 
 /// What one record has of its text at most, as it stands in the file.
 constexpr std::size_t maxLogTextBytes = 64 * 1024;
@@ -44,6 +42,10 @@ std::string FormatLogRecord(std::time_t time, const char* timeFormat, LogLevel l
 /// one; the memory for that is bounded, and what does not fit goes to standard error, or to the system's log where that
 /// is the null device. A record in the file tells later how many those were, and how many went nowhere.
 ///
+/// Where the settings say so, each record goes to the system's log as well, behind its way to the file: without its
+/// time, which the system's log has elsewhere. What that does not take is left out there, and a record in the file
+/// tells of it.
+///
 /// Any thread. Forks are survived when BeforeFork and AfterFork... are called around them.
 class DiskLog
 {
@@ -53,6 +55,7 @@ public:
         std::int64_t maxBytes = StandardOf("app.log.size"); ///< rotate before the file grows beyond
         int keep = StandardOf("app.log.count"); ///< rotated files: .1, the newest, to .keep
         int retrySeconds = 60; ///< after a rotation that failed
+        SystemLogCopy::Settings copy = {}; ///< off
     };
 
     static constexpr const char* standardTimeFormat = "%Y-%m-%d %H:%M:%S";
@@ -67,10 +70,10 @@ public:
     bool HasFile() const;
     void SetSettings(const Settings& settings);
 
-    /// `shown`: standard error has the record already. `level` is the record's, for the system's log.
+    /// `shown`: standard error has the record already. `level` and `time` are the record's, for the system's log.
     /// `timeFormat` is that of the record, and from now on that of the log's own records.
     void Write(const std::string& record, bool shown, LogLevel level = LogLevel::Error,
-               const char* timeFormat = standardTimeFormat);
+               const char* timeFormat = standardTimeFormat, std::time_t time = std::time(nullptr));
     /// Tries to write what is held.
     void Flush();
     /// The same, and what cannot be written goes where what does not fit in memory goes: the process ends.
@@ -78,6 +81,8 @@ public:
 
     /// The open file, or -1. The number stays the same once there is one. Async-signal-safe.
     int Descriptor() const { return m_number.load(std::memory_order_relaxed); }
+    /// Where records go beside the file, or SystemLogCopy::nowhere. Async-signal-safe.
+    int CopyFacility() const { return m_copy.Facility(); }
 
     /// Around a fork, on the forking thread. What is held stays with the parent.
     void BeforeFork();
@@ -85,11 +90,14 @@ public:
     void AfterForkInChild();
 
 private:
+    enum class Copied { NotYet, LeftOut, Taken };
     struct Held
     {
         std::string record;
         bool shown;
         LogLevel level;
+        std::time_t time;
+        Copied copied;
     };
 
     bool WriteHeld();
@@ -107,6 +115,10 @@ private:
     void GiveAway(const Held& held);
     void Fail(const std::string& reason);
     std::string OwnRecord(const std::string& text) const;
+    bool WriteOwn(const std::string& text);
+    Copied Copy(const std::string& record, LogLevel level, std::time_t time);
+    void TellOfCopies();
+    void TellWhatWasNotCopied();
 
     const std::size_t m_maxHeldBytes;
     const int m_error; // standard error
@@ -128,6 +140,7 @@ private:
     std::size_t m_lost = 0; // records that it did not take either
     std::time_t m_rotateNotBefore = 0; // after a failure
     off_t m_failureTold = 0; // the size at which the last failure to rotate the open file was told
+    SystemLogCopy m_copy; // whose facility is asked for without the lock
 };
 
 } // namespace VexCore

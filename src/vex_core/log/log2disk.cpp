@@ -9,6 +9,7 @@
 #include "vex_core/base/thread_name.h"
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/domain/root_dom.h"
+#include "vex_core/domain/setting_value.h"
 #include "vex_core/domain/settings.h"
 #include "vex_core/log/disk_log.h"
 #include "vex_core/log/process_log.h"
@@ -66,8 +67,18 @@ std::string PlaceIn(const RootDom& root)
 // Never destroyed, as the log.
 SettingsWatch& LogWatch()
 {
-    static SettingsWatch& s_watch = *new SettingsWatch({"app.log.size", "app.log.count"});
+    static SettingsWatch& s_watch =
+        *new SettingsWatch({"app.log.size", "app.log.count", "app.log.syslog", "app.log.syslog.level"});
     return s_watch;
+}
+
+SystemLogCopy::Settings CopySettings(const CDom& dom)
+{
+    const auto place = ChoiceSetting(dom, "app.log.syslog");
+    SystemLogCopy::Settings settings;
+    settings.facility = os::SystemLogFacility(ChoiceWord(*FindSetting("app.log.syslog"), place));
+    settings.level = static_cast<LogLevel>(1 + ChoiceSetting(dom, "app.log.syslog.level"));
+    return settings;
 }
 
 // Brings place and settings up to date: the place until there is one, the settings when they changed.
@@ -86,6 +97,7 @@ void Prepare(DiskLog& log)
         DiskLog::Settings settings;
         settings.maxBytes = IntSetting(*root, "app.log.size");
         settings.keep = static_cast<int>(IntSetting(*root, "app.log.count"));
+        settings.copy = CopySettings(*root);
         log.SetSettings(settings);
     });
 }
@@ -134,7 +146,7 @@ void WriteRecord(LogLevel level, std::time_t time, wxThreadIdType thread, std::s
     }
     const std::string format = TimeFormat();
     log.Write(FormatLogRecord(time, format.c_str(), level, os::ProcessId(), NameOf(thread), text), shown, level,
-              format.c_str());
+              format.c_str(), time);
 }
 
 // The framework empties its queue of other threads' lines on the main thread only, through a private member. A process
@@ -225,6 +237,11 @@ std::string LogFilePath()
 int LogFileDescriptor()
 {
     return ProcessLog().Descriptor();
+}
+
+int LogCopyFacility()
+{
+    return ProcessLog().CopyFacility();
 }
 
 void FlushLogAtProcessEnd()

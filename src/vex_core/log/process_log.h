@@ -31,6 +31,9 @@ std::string LogBytes(const wxString& message);
 /// number stays the same when the file is rotated. Async-signal-safe.
 int LogFileDescriptor();
 
+/// The facility with which the lines go to syslog(3) too, -1 where they do not. Async-signal-safe.
+int LogCopyFacility();
+
 /// Where the file is by the domain's keys of now, whether or not anything was written yet;
 /// empty while they are not there.
 std::string LogFilePath();

@@ -10,6 +10,7 @@ import threading
 import pytest
 
 from conftest import FULL, PATIENCE, alive, children, mount_tmpfs, send_signal, unmount, wait_until
+from own_dev import OwnDev
 
 RECORD = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d (FATAL|ERROR|WARNING|MESSAGE|INFO|DEBUG|TRACE) \[\d+/[^\]]*\] ")
 
@@ -229,20 +230,13 @@ class SystemLog:
     queue of datagrams is short, and who writes them waits a fifth of a second for a busy machine's logger. One that has stopped
     takes none, and its queue is full."""
 
-    NODES = ("null", "zero", "random", "urandom", "full")
-
     def __init__(self, folder, stopped=False):
         self.records = []
-        os.mkdir(folder)
-        for node in self.NODES:
-            with open(os.path.join(folder, node), "w"):
-                subprocess.run(["mount", "-n", "--bind", f"/dev/{node}", os.path.join(folder, node)], check=True)
+        self._dev = OwnDev(folder)
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM if stopped else socket.SOCK_STREAM)
-        self._socket.bind(os.path.join(folder, "log"))
+        self._socket.bind("/dev/log")
         if not stopped:
             self._socket.listen(1000)
-        subprocess.run(["mount", "-n", "--rbind", folder, "/dev"], check=True)
-        self._folder = folder
         self._reader = None if stopped else threading.Thread(target=self._read)
         if self._reader:
             self._reader.start()
@@ -273,9 +267,7 @@ class SystemLog:
                 end.connect("/dev/log")
             self._reader.join()
         self._socket.close()
-        unmount("/dev")
-        for node in self.NODES:
-            unmount(os.path.join(self._folder, node))
+        self._dev.close()
 
 
 @pytest.mark.sandbox

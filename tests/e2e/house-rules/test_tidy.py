@@ -328,10 +328,14 @@ def known(key, kind, default, least, most):
 def test_the_documented_type_range_and_default_are_those_of_the_codes_table(tree):
     page = ("| key | type, range | default | meaning |\n|---|---|---|---|\n"
             "| Trace | names | absent | y |\n| app.log.count | integer, 1 to 9 | 6 | y |\n| app.log.size | size, at least 4096 | 8192 | y |\n"
-            "| app.lua.cache | boolean | false | y |\n| app.new | integer | 3 | y |\n| vex.A | time, at least 2 | 1 | y |\n")
+            "| app.lua.cache | boolean | false | y |\n| app.new | integer | 3 | y |\n| vex.A | time, at least 2 | 1 | y |\n"
+            "| app.place | here, there, away | here | y |\n| app.way | in, out | out | y |\n")
+    choices = ('inline constexpr char placeWords[] = "here "\n    "there";\ninline constexpr char wayWords[] = "in out";\n'
+               + "".join(f'{{"app.{name}", SettingKind::Choice, "", 1, 0, 1, SettingPlace::Settings,\n "help", {name}Words}},\n'
+                         for name in ("place", "way")))
     table = (known("Trace", "List", "noStandard", 0, 0) + known("app.log.count", "Number", 5, 1, 10)
              + known("app.log.size", "Size", "8 * 1024", 4096, "unlimited") + known("app.lua.cache", "Flag", 1, 0, 1)
-             + known("app.gone", "Flag", 1, 0, 1) + known("vex.A", "Time", 1, 1, "unlimited"))
+             + known("app.gone", "Flag", 1, 0, 1) + known("vex.A", "Time", 1, 1, "unlimited") + choices)
     code, output = tidy(tree({"docs/SETTINGS.md": page, "src/vex_core/domain/known_settings.h": "#pragma once\n// Keys.\n" + table,
                               "src/vex_core/log/a.cpp": 'Get("app.new"); // Logs.\n'}))
     assert code == 1
@@ -341,6 +345,8 @@ def test_the_documented_type_range_and_default_are_those_of_the_codes_table(tree
         "docs/SETTINGS.md:6: the default of app.lua.cache is true",
         "docs/SETTINGS.md:7: where does the code have the default of app.new? Add it to DEFAULTS in tools/tidy_rules/settings.py",
         "docs/SETTINGS.md:8: the type, range of vex.A is time, at least 1",
+        "docs/SETTINGS.md:9: the default of app.place is there",
+        "docs/SETTINGS.md:9: the type, range of app.place is here, there",
         "src/vex_core/domain/known_settings.h:11: the setting app.gone has no row in docs/SETTINGS.md"]
 
 

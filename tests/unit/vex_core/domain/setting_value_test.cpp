@@ -110,6 +110,14 @@ TEST(SettingValue, EachFaultHasItsVerdictAndTheValueThatCounts)
         {"sqlite.config.cache_size", "-9", SettingVerdict::Good, "-9 pages"},
         {"sqlite.config.cache_size", "abc", SettingVerdict::Unreadable, ""},
         {"Trace", "a ; b", SettingVerdict::Good, "a ; b"},
+        {"app.log.syslog", " Local7 ", SettingVerdict::Good, "local7"},
+        {"app.log.syslog", "off", SettingVerdict::Good, "off"},
+        {"app.log.syslog", "local8", SettingVerdict::Unreadable, "off"},
+        {"app.log.syslog", "", SettingVerdict::Unreadable, "off"},
+        {"app.log.syslog", "daemon # comment", SettingVerdict::CommentBehind, "off"},
+        {"app.log.syslog.level", "trace", SettingVerdict::Good, "trace"},
+        {"app.log.syslog.level", "error", SettingVerdict::Good, "error"},
+        {"app.log.syslog.level", "warning message", SettingVerdict::Unreadable, "info"},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(JudgeSetting(*FindSetting(row.key), row.text), row.verdict) << row.key << '=' << row.text;
@@ -130,6 +138,8 @@ TEST(SettingValue, WhatIsWantedIsSaidInWords)
     EXPECT_EQ(WantedText(*FindSetting("app.lua.cache")), "true or false");
     EXPECT_EQ(WantedText(*FindSetting("vex.Plugin.x")), "on or off");
     EXPECT_EQ(WantedText(*FindSetting("Trace")), "a text");
+    EXPECT_EQ(WantedText(*FindSetting("app.log.syslog.level")), "one of error, warning, message, info, debug or trace");
+    EXPECT_EQ(StandardText(*FindSetting("app.log.syslog")), "off");
     EXPECT_EQ(StandardText(*FindSetting("sqlite.config.mmap_size")), "");
     EXPECT_EQ(StandardText(*FindSetting("DumpLevel")), "0");
     EXPECT_EQ(StandardText(*FindSetting("app.out.mode")), "0750");

@@ -347,8 +347,8 @@ TEST(DiskLog, WhereStandardErrorIsTheNullDeviceAllThatGoesThereGoesToTheSystemLo
     log.Write("too much for the memory\n", false, LogLevel::Warning);
     log.FlushAtEnd();
     EXPECT_THAT(sent,
-                testing::ElementsAre(StartsWith("3 Can't write the log file " + folder / "missing/x.log (error 2: "),
-                                     "4 too much for the memory", "2 F", "3 E"));
+                testing::ElementsAre(StartsWith("27 Can't write the log file " + folder / "missing/x.log (error 2: "),
+                                     "28 too much for the memory", "26 F", "27 E"));
     sent.clear();
     DiskLog other(10, null.Get());
     other.Write("M\n", false, LogLevel::Message);
@@ -357,7 +357,7 @@ TEST(DiskLog, WhereStandardErrorIsTheNullDeviceAllThatGoesThereGoesToTheSystemLo
     other.Write("T\n", false, LogLevel::Trace);
     other.Write("I\n", false, LogLevel::Info);
     other.FlushAtEnd();
-    EXPECT_THAT(sent, testing::ElementsAre("5 M", "6 I", "7 D", "7 T", "6 I"));
+    EXPECT_THAT(sent, testing::ElementsAre("29 M", "30 I", "31 D", "31 T", "30 I"));
 }
 
 TEST(DiskLog, LinesThatWentNowhereAreCountedAndToldAsSoonAsThatWorks)
@@ -385,6 +385,127 @@ TEST(DiskLog, LinesThatWentNowhereAreCountedAndToldAsSoonAsThatWorks)
                 HasSubstr("/log] 2 lines could be written nowhere, neither here nor to the system log, and are lost"));
     log.Write("later\n", false);
     EXPECT_THAT(LinesOf(ReadFile(folder / "missing/x.log")).size(), 4u) << "told once";
+}
+
+// --- the copy in the system's log
+
+namespace {
+// A log whose copy goes to a logger of this test's own.
+class CopiedLog : public testing::Test
+{
+protected:
+    CopiedLog() { m_log.SetSettings(On(LogLevel::Info)); }
+
+    static DiskLog::Settings On(LogLevel level)
+    {
+        DiskLog::Settings settings;
+        settings.copy = {8, level};
+        return settings;
+    }
+    // As the framework's records are.
+    void Write(LogLevel level, const std::string& text, std::time_t time = 1769854830)
+    {
+        m_log.Write(VexCore::FormatLogRecord(time, DiskLog::standardTimeFormat, level, 7, "a", text), false, level,
+                    DiskLog::standardTimeFormat, time);
+    }
+    std::string File() const { return ReadFile(m_folder / "x.log"); }
+
+    TempFolder m_folder;
+    Lines m_sent;
+    std::string m_fileThen; // when the last record was sent
+    int m_answer = os::callAnswered;
+    ErrorFile m_error;
+    DiskLog m_log{muchMemory, m_error.Descriptor()};
+
+private:
+    CallWatch m_watch{[this](const os::Call& call) {
+        if (call.name != "syslog"sv)
+            return 0;
+        m_fileThen = Exists(m_folder / "x.log") ? File() : "";
+        if (m_answer == os::callAnswered)
+            m_sent.push_back(std::to_string(call.descriptor) + ' ' + call.path);
+        return m_answer;
+    }};
+};
+
+} // namespace
+
+TEST_F(CopiedLog, HasEachRecordWithoutItsTimeAfterTheFile)
+{
+    m_log.SetFile(m_folder / "x.log");
+    Write(LogLevel::Warning, "one INFO [7/b] two\nthree\n");
+    EXPECT_THAT(m_sent, testing::ElementsAre("12 WARNING [7/a] one INFO [7/b] two\n    three"));
+    EXPECT_THAT(m_fileThen, testing::EndsWith(" WARNING [7/a] one INFO [7/b] two\n    three\n"));
+    Write(LogLevel::Debug, "below the level");
+    EXPECT_EQ(m_sent.size(), 1u);
+    m_log.SetSettings({});
+    Write(LogLevel::Fatal, "off");
+    EXPECT_EQ(m_sent.size(), 1u);
+    EXPECT_EQ(m_log.CopyFacility(), -1);
+}
+
+TEST_F(CopiedLog, HasARecordOnceThoughTheDiskWasFull)
+{
+    Write(LogLevel::Info, "early");
+    m_log.SetFile(m_folder / "missing/x.log");
+    Write(LogLevel::Info, "full");
+    EXPECT_THAT(m_sent, testing::ElementsAre("14 INFO [7/a] full")) << "the settings may follow the early line";
+    ASSERT_EQ(::mkdir((m_folder / "missing").c_str(), 0700), 0);
+    m_log.Flush();
+    EXPECT_THAT(m_sent, testing::ElementsAre("14 INFO [7/a] full", "14 INFO [7/a] early"));
+    EXPECT_EQ(LinesOf(ReadFile(m_folder / "missing/x.log")).size(), 2u);
+}
+
+TEST_F(CopiedLog, IsThereForWhatTheLastResortWouldHaveTaken)
+{
+    const os::Descriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    DiskLog log(5, null.Get());
+    log.SetSettings(On(LogLevel::Info));
+    log.SetFile(m_folder / "missing/x.log");
+    log.Write("no room for this\n", false, LogLevel::Info);
+    EXPECT_THAT(m_sent, testing::ElementsAre(StartsWith("27 Can't write the log file"), "14 no room for this"));
+}
+
+TEST_F(CopiedLog, ThatIsLeftOutIsToldInTheFile)
+{
+    m_log.SetFile(m_folder / "x.log");
+    m_answer = ENOENT;
+    Write(LogLevel::Info, "one");
+    Write(LogLevel::Info, "two");
+    std::vector<std::string> lines = LinesOf(File());
+    ASSERT_EQ(lines.size(), 3u) << "told once";
+    EXPECT_THAT(lines[1], HasSubstr("/log] The system log takes no lines (error 2: "));
+    m_log.FlushAtEnd();
+    m_log.FlushAtEnd();
+    lines = LinesOf(File());
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_THAT(lines[3], HasSubstr("/log] The system log has not taken 3 lines, they are in this file alone"));
+    EXPECT_THAT(m_sent, testing::ElementsAre()) << "and nowhere else";
+}
+
+TEST_F(CopiedLog, TellsOfItsGapInBoth)
+{
+    m_log.SetFile(m_folder / "x.log");
+    m_answer = EAGAIN;
+    Write(LogLevel::Info, "one");
+    const std::time_t failed = std::time(nullptr);
+    while (std::time(nullptr) == failed) // a logger that was not there is looked for once a second
+        ::usleep(10000);
+    m_answer = os::callAnswered;
+    Write(LogLevel::Info, "two");
+    ASSERT_EQ(m_sent.size(), 2u);
+    EXPECT_EQ(m_sent[0], "14 INFO [7/a] two");
+    EXPECT_THAT(m_sent[1], testing::EndsWith("/log] The system log takes lines again, 2 are in this file alone"));
+    EXPECT_THAT(LinesOf(File()).back(), testing::EndsWith(m_sent[1].substr(3)));
+}
+
+TEST_F(CopiedLog, ThatIsSwitchedOffTellsWhatItHasLeftOut)
+{
+    m_log.SetFile(m_folder / "x.log");
+    m_answer = ENOENT;
+    Write(LogLevel::Info, "one");
+    m_log.SetSettings({});
+    EXPECT_THAT(LinesOf(File()).back(), HasSubstr("The system log has not taken 2 lines"));
 }
 
 TEST(DiskLog, NameOfTheFileReachesStandardErrorWithoutItsControlCharacters)

@@ -151,6 +151,32 @@ TEST_F(LogToDisk, RecordsAreCountedByTheirLevels)
     EXPECT_EQ(LoggedRecords(LogLevel::Error), errors);
 }
 
+TEST_F(LogToDisk, CopyFollowsItsSettings)
+{
+    std::vector<std::string> sent;
+    const CallWatch watch([&](const VexCore::os::Call& call) {
+        if (call.name != std::string_view("syslog"))
+            return 0;
+        sent.push_back(std::to_string(call.descriptor) + ' ' + call.path);
+        return VexCore::os::callAnswered;
+    });
+    const std::string us = " [" + std::to_string(::getpid()) + "/main] ";
+    MakeRoot();
+    wxLogWarning("off at first");
+    m_root->Set("app.log.syslog", "local0");
+    wxLogWarning("on");
+    VexCore::WriteLogLine(VexCore::LogLevel::Debug, "below the level");
+    m_root->Set("app.log.syslog.level", "trace");
+    VexCore::WriteTraceLine("Appl", "file", 3, "f", "traced");
+    m_root->Set("app.log.syslog", "nonsense");
+    wxLogWarning("off again");
+    m_root->Set("app.log.syslog", "USER");
+    wxLogError("on again");
+    EXPECT_THAT(sent, testing::ElementsAre("132 WARNING" + us + "on", "135 TRACE" + us + "Appl f(file:3): traced",
+                                           "11 ERROR" + us + "on again"));
+    EXPECT_EQ(Lines().size(), 6u);
+}
+
 TEST_F(LogToDisk, LevelsHaveTheirWords)
 {
     MakeRoot();

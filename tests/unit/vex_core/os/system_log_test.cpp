@@ -1,14 +1,18 @@
 #include "vex_core/os/system_log.h"
 
 #include "support/own_mounts.h"
+#include "vex_core/domain/setting_value.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -78,6 +82,138 @@ TEST(SystemLog, ALoggerThatHasStoppedIsWaitedForOnce)
             GTEST_SKIP() << "NO NAMESPACES here";
         EXPECT_EQ(result, 0) << type;
     }
+}
+
+namespace {
+constexpr std::time_t lastOfJanuary = 1769851230; // 2026-01-31 09:20:30 UTC
+
+bool Sends(os::SystemLog& log, const char* text, int patienceMs = 0)
+{
+    return log.Send({LOG_LOCAL0, LOG_WARNING, lastOfJanuary, text}, patienceMs);
+}
+
+// One that keeps its connection and finds its logger again.
+int WriteToALoggerThatIsStartedAnew()
+{
+    ::setenv("TZ", "UTC", 1);
+    os::SystemLog log;
+    int logger = MakeLogger(SOCK_DGRAM);
+    CHILD_CHECK(logger >= 0);
+    CHILD_CHECK(Sends(log, "one\n    two"));
+    CHILD_CHECK(log.IsConnected());
+    CHILD_CHECK(Taken(logger, SOCK_DGRAM)
+                == "<132>Jan 31 09:20:30 " + std::string(os::SystemLogName()) + '[' + std::to_string(::getpid())
+                       + "]: one\n    two");
+    ::close(logger);
+    CHILD_CHECK(!Sends(log, "nobody is there"));
+    CHILD_CHECK(!log.IsConnected());
+    CHILD_CHECK(::unlink("/dev/log") == 0 && ::umount("/dev") == 0);
+    logger = MakeLogger(SOCK_DGRAM);
+    CHILD_CHECK(Sends(log, "there again"));
+    CHILD_CHECK(Taken(logger, SOCK_DGRAM).find("]: there again") != std::string::npos);
+    // One that goes and comes between two records costs none.
+    ::close(logger);
+    ::umount("/dev");
+    logger = MakeLogger(SOCK_STREAM);
+    CHILD_CHECK(Sends(log, "by a stream"));
+    const int connection = ::accept(logger, nullptr, nullptr);
+    CHILD_CHECK(Sends(log, "in one connection"));
+    char records[1024];
+    const ssize_t size = ::recv(connection, records, sizeof records, 0);
+    const std::string both(records, static_cast<std::size_t>(size > 0 ? size : 0));
+    CHILD_CHECK(both.find("by a stream") < both.find('\0') && both.find("in one connection") > both.find('\0'));
+    CHILD_CHECK(both.back() == '\0');
+    return 0;
+}
+
+// A queue that is full is no reason to let the connection go, and waited for no longer than it is said.
+int WriteToAFullQueue(int type)
+{
+    os::SystemLog log;
+    CHILD_CHECK(MakeLogger(type) >= 0);
+    int taken = 0;
+    while (Sends(log, "fills the queue"))
+        CHILD_CHECK(++taken < 100000);
+    CHILD_CHECK(log.IsConnected());
+    const auto begin = std::chrono::steady_clock::now();
+    CHILD_CHECK(!Sends(log, "waits", 50));
+    CHILD_CHECK(std::chrono::steady_clock::now() - begin >= std::chrono::milliseconds(40));
+    return 0;
+}
+
+} // namespace
+
+TEST(SystemLog, ConnectionIsKeptAndMadeAnewWhenItsLoggerIs)
+{
+    const int result = InOwnMounts([] {
+        ::alarm(60);
+        return WriteToALoggerThatIsStartedAnew();
+    });
+    if (result == -1)
+        GTEST_SKIP() << "NO NAMESPACES here";
+    EXPECT_EQ(result, 0);
+}
+
+TEST(SystemLog, ConnectionOutlivesAFullQueue)
+{
+    for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+        const int result = InOwnMounts([&] {
+            ::alarm(60);
+            return WriteToAFullQueue(type);
+        });
+        if (result == -1)
+            GTEST_SKIP() << "NO NAMESPACES here";
+        EXPECT_EQ(result, 0) << type;
+    }
+}
+
+TEST(SystemLog, DescriptorThatSomebodyHasClosedIsNotClosedAgain)
+{
+    const int result = InOwnMounts([] {
+        os::SystemLog log;
+        const int logger = MakeLogger(SOCK_DGRAM);
+        const int next = ::dup(logger); // the number that the connection will have
+        ::close(next);
+        CHILD_CHECK(Sends(log, "one"));
+        ::close(next);
+        CHILD_CHECK(::open("/dev", O_RDONLY) == next);
+        CHILD_CHECK(Sends(log, "two"));
+        CHILD_CHECK(::fcntl(next, F_GETFD) >= 0);
+        return 0;
+    });
+    if (result == -1)
+        GTEST_SKIP() << "NO NAMESPACES here";
+    EXPECT_EQ(result, 0);
+}
+
+TEST(SystemLog, RecordOfAHandlerComesAsItIs)
+{
+    for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+        const int result = InOwnMounts([&] {
+            const int logger = MakeLogger(type);
+            CHILD_CHECK(os::SendToSystemLogInHandler("<10>x[1]: text", 14));
+            const std::string record = Taken(logger, type);
+            CHILD_CHECK(record == std::string("<10>x[1]: text", type == SOCK_STREAM ? 15 : 14));
+            ::close(logger);
+            CHILD_CHECK(!os::SendToSystemLogInHandler("<10>x[1]: text", 14));
+            return 0;
+        });
+        if (result == -1)
+            GTEST_SKIP() << "NO NAMESPACES here";
+        EXPECT_EQ(result, 0) << type;
+    }
+}
+
+TEST(SystemLog, FacilitiesAreThoseOfTheirNames)
+{
+    EXPECT_EQ(os::SystemLogFacility("daemon"), LOG_DAEMON);
+    EXPECT_EQ(os::SystemLogFacility("local7"), LOG_LOCAL7);
+    EXPECT_EQ(os::SystemLogFacility("off"), -1);
+    EXPECT_EQ(os::SystemLogFacility(""), -1);
+    const VexCore::Setting& setting = *VexCore::FindSetting("app.log.syslog");
+    for (std::int64_t place = 1; place <= setting.most; ++place)
+        EXPECT_GE(os::SystemLogFacility(VexCore::ChoiceWord(setting, place)), 0) << place;
+    EXPECT_EQ(VexCore::ChoiceWord(setting, setting.most), "local7");
 }
 
 TEST(SystemLog, WithoutALoggerALineIsNotTaken)
