@@ -6,6 +6,7 @@
 #include "vex_core/os/guarded_place.h"
 
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 
 #include <sqlite3.h>
@@ -253,6 +254,12 @@ std::string SqliteStatement::ColumnText(int column) const
 bool SqliteStatement::ColumnIsNull(int column) const
 {
     return sqlite3_column_type(m_statement.get(), column) == SQLITE_NULL;
+}
+
+bool SqliteStatement::ColumnHasName(int column, const char* name) const
+{
+    const char* const own = sqlite3_column_name(m_statement.get(), column);
+    return own && std::strcmp(own, name) == 0;
 }
 
 // --- transactions

@@ -116,6 +116,8 @@ public:
     std::int64_t ColumnInt(int column) const;
     std::string ColumnText(int column) const;
     bool ColumnIsNull(int column) const;
+    /// False, too, where the statement has no such column.
+    bool ColumnHasName(int column, const char* name) const;
 
 private:
     struct Finalizer

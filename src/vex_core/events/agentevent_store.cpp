@@ -44,9 +44,15 @@ std::atomic<std::uint64_t> g_eventsBySeverity[8];
 const char tableSql[] =
     "CREATE TABLE IF NOT EXISTS agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number "
     "INTEGER,"
-    " severity INTEGER, text TEXT, xml TEXT);"
+    " severity INTEGER, text TEXT, xml TEXT, key TEXT);"
     "CREATE INDEX IF NOT EXISTS agent_event_time ON agent_event(time_ms);"
     "CREATE TABLE IF NOT EXISTS agent_event_key(seq INTEGER PRIMARY KEY, key TEXT NOT NULL UNIQUE);";
+
+// Agents before this one made the table without keys, and write into one that has them without giving any. Last in the
+// transaction, so that a table of a form that is not ours stays what it is.
+const char hasKeysSql[] = "SELECT 1 FROM pragma_table_info('agent_event') WHERE name = 'key'";
+const char addKeysSql[] = "ALTER TABLE agent_event ADD COLUMN key TEXT";
+const char keyIndexSql[] = "CREATE INDEX IF NOT EXISTS agent_event_by_key ON agent_event(key) WHERE key IS NOT NULL";
 
 // Keys matter for events that some process still keeps; an old key is no longer one of those, unless the pending file
 // has events of any age.
@@ -259,7 +265,15 @@ bool EventStore::IsOurFile() const
 bool EventStore::CreateTables()
 {
     SqliteTransaction transaction(m_db);
-    return transaction.Begun() && m_db.Exec(tableSql) && transaction.Commit();
+    return transaction.Begun() && m_db.Exec(tableSql) && AddKeys() && transaction.Commit();
+}
+
+bool EventStore::AddKeys()
+{
+    const auto hasKeys = SqliteStatement(m_db, hasKeysSql).Step();
+    if (hasKeys == SqliteStatement::StepResult::Failed)
+        return false;
+    return (hasKeys == SqliteStatement::StepResult::Row || m_db.Exec(addKeysSql)) && m_db.Exec(keyIndexSql);
 }
 
 // With its journal, without which it could not be repaired. Another process may have done it meanwhile. False: it could
@@ -292,13 +306,14 @@ bool EventStore::InsertKey(const EventRecord& record)
 std::int64_t EventStore::Insert(const EventRecord& record)
 {
     SqliteStatement statement(
-        m_db, "INSERT INTO agent_event(time_ms, time_s, number, severity, text, xml) VALUES(?, ?, ?, ?, ?, ?)");
+        m_db, "INSERT INTO agent_event(time_ms, time_s, number, severity, text, xml, key) VALUES(?, ?, ?, ?, ?, ?, ?)");
     statement.Bind(1, record.timeMillis);
     statement.Bind(2, record.timeSeconds);
     statement.Bind(3, record.number);
     statement.Bind(4, record.severity);
     statement.Bind(5, record.text);
     statement.Bind(6, record.xml);
+    statement.Bind(7, record.key);
     return statement.Step() == SqliteStatement::StepResult::Done ? m_db.LastInsertId() : 0;
 }
 

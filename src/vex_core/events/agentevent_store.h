@@ -58,6 +58,7 @@ private:
     void RememberFile();
     bool IsOurFile() const;
     bool CreateTables();
+    bool AddKeys();
     bool WithDatabase(const std::function<bool()>& body);
     bool MoveDamagedAside();
     bool StoreKeptLocked();

@@ -229,6 +229,26 @@ def test_events_after_a_key_are_all_those_of_a_database_that_was_replaced(tree):
     assert ctl(tree, "events", "--after", "nonsense", status=2).err == "vexctl: 'nonsense' is no key of an event\n"
 
 
+@pytest.mark.fast
+def test_an_event_is_found_by_the_key_that_the_agent_stored_and_by_the_one_that_was_shown_before(tree):
+    path = with_events(tree, [(BASE_MS, number, 5, f"event {number}") for number in range(4)])
+    made = [event["key"] for event in objects("events", ctl(tree, "events", "--json").out)]
+    database = sqlite3.connect(path)
+    database.execute("ALTER TABLE agent_event ADD COLUMN key TEXT")
+    database.execute("CREATE INDEX agent_event_by_key ON agent_event(key) WHERE key IS NOT NULL")
+    database.execute("UPDATE agent_event SET key = printf('%032x', id) WHERE id IN (2, 3)")  # an earlier agent wrote the others
+    database.commit()
+    keys = [event["key"] for event in objects("events", ctl(tree, "events", "--json").out)]
+    assert keys == [made[0], f"{2:032x}", f"{3:032x}", made[3]]
+    for given in (keys, made):
+        for index, key in enumerate(given):
+            result = ctl(tree, "events", "--json", "--after", key)
+            assert [event["key"] for event in objects("events", result.out)] == keys[index + 1:] and result.err == ""
+    result = ctl(tree, "events", "--json", "--after", f"{9:032x}")
+    assert [event["key"] for event in objects("events", result.out)] == keys
+    assert "all events that are there follow" in result.err
+
+
 @pytest.mark.sandbox
 def test_events_to_come_are_shown_when_they_come(tree, tmp_path):
     path = with_events(tree, [(BASE_MS, 1, 5, "there")])

@@ -211,6 +211,19 @@ TEST(EventKeys, AreAnEventsOwn)
         EXPECT_FALSE(IdOfEventKey(text)) << text;
 }
 
+TEST(EventKeys, OfTheAgentHaveAFormOfTheirOwn)
+{
+    for (const char* const text : {"0123456789abcdef0123456789abcdef", "18c2a3b4c5d-1a2b-0"}) {
+        EXPECT_TRUE(IsStoredEventKey(text)) << text;
+        EXPECT_FALSE(IdOfEventKey(text)) << text;
+    }
+    for (const char* const text :
+         {"", "nonsense", "17", "0123456789abcdef0123456789abcde", "0123456789abcdef0123456789abcdeF",
+          "0123456789abcdef0123456789abcdef0", "17-0123456789abcdef", "1--2", "-1-2", "1-2-", "1-2-3-4", "1-g-3",
+          "10000000000000000-1-1"})
+        EXPECT_FALSE(IsStoredEventKey(text)) << text;
+}
+
 TEST(HeartbeatHistory, TheLastOnesComeInTheirOrderAndAbsentFactsStayAbsent)
 {
     const TempFolder folder;

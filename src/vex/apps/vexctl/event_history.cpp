@@ -12,11 +12,30 @@ namespace {
 constexpr std::array<const char*, 8> severityWords = {"emergency", "alert",  "critical", "error",
                                                       "warning",   "notice", "info",     "debug"};
 
+constexpr std::int64_t maxSeconds = INT64_MAX / 1000; // more are no time that can be shown
+
+// The columns of the table, in their order.
+enum Column { IdColumn, TimeMsColumn, TimeSColumn, NumberColumn, SeverityColumn, TextColumn, XmlColumn, KeyColumn };
+
+bool ReadOne(VexCore::SqliteStatement& row, std::optional<Event>& event)
+{
+    const auto result = row.Step();
+    event.reset();
+    if (result == VexCore::SqliteStatement::StepResult::Row)
+        event = EventOf(row);
+    return result != VexCore::SqliteStatement::StepResult::Failed;
+}
+
 } // namespace
 
 std::string Event::Key() const
 {
-    return EventKey(id, xml);
+    return IsStoredEventKey(storedKey) ? storedKey : EventKey(id, xml);
+}
+
+bool Event::HasKey(std::string_view key) const
+{
+    return key == Key() || key == EventKey(id, xml);
 }
 
 Event EventOf(const VexCore::SqliteStatement& row)
@@ -24,7 +43,36 @@ Event EventOf(const VexCore::SqliteStatement& row)
     const auto number = [&row](int column) {
         return row.ColumnIsNull(column) ? std::nullopt : std::optional(row.ColumnInt(column));
     };
-    return {row.ColumnInt(0), number(1), number(2), number(3), row.ColumnText(4), row.ColumnText(5)};
+    std::optional<std::int64_t> timeMs = number(TimeMsColumn);
+    const auto timeS = number(TimeSColumn);
+    if (!timeMs && timeS && *timeS <= maxSeconds && *timeS >= -maxSeconds)
+        timeMs = *timeS * 1000;
+    return {row.ColumnInt(IdColumn),
+            timeMs,
+            number(NumberColumn),
+            number(SeverityColumn),
+            row.ColumnText(TextColumn),
+            row.ColumnText(XmlColumn),
+            row.ColumnHasName(KeyColumn, "key") ? row.ColumnText(KeyColumn) : std::string()};
+}
+
+bool FindEventById(VexCore::SqliteConnection& db, std::int64_t id, std::optional<Event>& event)
+{
+    VexCore::SqliteStatement row(db, (std::string(selectEvents) + " WHERE id = ?1").c_str());
+    row.Bind(1, id);
+    return ReadOne(row, event);
+}
+
+bool FindEventByStoredKey(VexCore::SqliteConnection& db, const std::string& key, std::optional<Event>& event)
+{
+    event.reset();
+    VexCore::SqliteStatement column(db, "SELECT 1 FROM pragma_table_info('agent_event') WHERE name = 'key'");
+    const auto hasKeys = column.Step();
+    if (hasKeys != VexCore::SqliteStatement::StepResult::Row)
+        return hasKeys != VexCore::SqliteStatement::StepResult::Failed;
+    VexCore::SqliteStatement row(db, (std::string(selectEvents) + " WHERE key = ?1 ORDER BY id LIMIT 1").c_str());
+    row.Bind(1, key);
+    return ReadOne(row, event);
 }
 
 std::vector<Event> ReadLastEvents(AgentDatabase& database, std::size_t number)

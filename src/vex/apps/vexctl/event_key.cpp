@@ -6,6 +6,14 @@ namespace Vexctl {
 
 namespace {
 constexpr std::size_t hashDigits = 16;
+constexpr std::size_t storedDigits = 32;
+constexpr std::string_view hexDigits = "0123456789abcdef";
+
+// One or more digits, no longer than a number can be.
+bool IsHexNumber(std::string_view text)
+{
+    return !text.empty() && text.size() <= 16 && text.find_first_not_of(hexDigits) == std::string_view::npos;
+}
 
 std::uint64_t Fnv1a(std::string_view bytes)
 {
@@ -29,9 +37,20 @@ std::optional<std::int64_t> IdOfEventKey(std::string_view key)
     const std::size_t dash = key.find('-');
     if (dash == 0 || dash > 18 || key.size() != dash + 1 + hashDigits
         || key.substr(0, dash).find_first_not_of("0123456789") != std::string_view::npos
-        || key.substr(dash + 1).find_first_not_of("0123456789abcdef") != std::string_view::npos)
+        || key.substr(dash + 1).find_first_not_of(hexDigits) != std::string_view::npos)
         return std::nullopt;
     return std::stoll(std::string(key.substr(0, dash)));
+}
+
+// Random digits; or time, process and number where the agent found no random ones.
+bool IsStoredEventKey(std::string_view key)
+{
+    const std::size_t first = key.find('-');
+    if (first == std::string_view::npos)
+        return key.size() == storedDigits && key.find_first_not_of(hexDigits) == std::string_view::npos;
+    const std::size_t second = key.find('-', first + 1);
+    return second != std::string_view::npos && IsHexNumber(key.substr(0, first))
+           && IsHexNumber(key.substr(first + 1, second - first - 1)) && IsHexNumber(key.substr(second + 1));
 }
 
 } // namespace Vexctl

@@ -118,14 +118,39 @@ private:
 
     // --- where to begin
 
-    // An event is found by its id, and known by its key: in another database its id may be another event's. Then
-    // nothing of that one has been shown.
     void BeginAfter(const std::string& key)
     {
-        const std::optional<std::int64_t> id = IdOfEventKey(key);
-        if (!id)
+        if (const std::optional<std::int64_t> id = IdOfEventKey(key))
+            BeginAfterId(*id, key);
+        else if (IsStoredEventKey(key))
+            BeginAfterStored(key);
+        else
             throw Failure("'" + key + "' is no key of an event");
-        m_last = *id;
+    }
+
+    // One that is not there has gone because of its age, so that all that are there came behind it, or is another
+    // database's.
+    void BeginAfterStored(const std::string& key)
+    {
+        bool isGone = false;
+        m_database.Read([&](VexCore::SqliteConnection& db) {
+            std::optional<Event> event;
+            const bool read = FindEventByStoredKey(db, key, event);
+            m_last = event ? event->id : 0;
+            m_lastKey = event ? key : std::string();
+            isGone = !event;
+            return read;
+        });
+        if (isGone)
+            m_session.Note("the event of that key is not in " + m_database.Path()
+                           + ": it was too old, or the database has been replaced; all events that are there follow");
+    }
+
+    // Such an event is found by its id, and known by its key: in another database its id may be another event's. Then
+    // nothing of that one has been shown.
+    void BeginAfterId(std::int64_t id, const std::string& key)
+    {
+        m_last = id;
         m_lastKey = key;
         bool replaced = false;
         m_database.Read([this, &replaced](VexCore::SqliteConnection& db) {
@@ -144,15 +169,12 @@ private:
     {
         if (m_lastKey.empty())
             return true; // nothing was shown yet
-        VexCore::SqliteStatement row(db, "SELECT xml, (SELECT max(id) FROM agent_event) FROM (SELECT 1)"
-                                         " LEFT JOIN agent_event ON id = ?1");
-        row.Bind(1, m_last);
-        if (row.Step() != VexCore::SqliteStatement::StepResult::Row)
+        std::optional<Event> event, newest;
+        if (!FindEventById(db, m_last, event) || !FindNewest(db, newest))
             return false;
-        const bool isThere = !row.ColumnIsNull(0);
-        const bool isOther = isThere && EventKey(m_last, row.ColumnText(0)) != m_lastKey;
+        const bool isOther = event && !event->HasKey(m_lastKey);
         // One that is gone has gone because of its age, unless all that are there came before it.
-        const bool isBeyond = !isThere && row.ColumnInt(1) < m_last;
+        const bool isBeyond = !event && (!newest || newest->id < m_last);
         if (isOther || isBeyond) {
             m_last = 0;
             m_lastKey.clear();

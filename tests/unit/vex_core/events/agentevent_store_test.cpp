@@ -97,6 +97,15 @@ private:
     sqlite3_vfs* m_vfs;
 };
 
+// What an agent did that stored no keys.
+constexpr const char* earlierTables =
+    "CREATE TABLE IF NOT EXISTS agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number INTEGER,"
+    " severity INTEGER, text TEXT, xml TEXT);"
+    "CREATE INDEX IF NOT EXISTS agent_event_time ON agent_event(time_ms);"
+    "CREATE TABLE IF NOT EXISTS agent_event_key(seq INTEGER PRIMARY KEY, key TEXT NOT NULL UNIQUE);";
+constexpr const char* earlierInsert = "INSERT INTO agent_event(time_ms, time_s, number, severity, text, xml)"
+                                      " VALUES(1700000000123, 1700000000, 5101, 5, 'earlier', '<agent_event/>')";
+
 class EventDatabase : public testing::Test
 {
 protected:
@@ -131,6 +140,32 @@ protected:
         while (rows.Step() == SqliteStatement::StepResult::Row)
             all += rows.ColumnText(0) + ";";
         return all;
+    }
+    // The keys in the database, in order of the ids.
+    std::vector<std::string> StoredKeys() const
+    {
+        SqliteConnection db;
+        EXPECT_TRUE(db.Open(Database(), 0)) << db.Error();
+        SqliteStatement rows(db, "SELECT coalesce(key, '(none)') FROM agent_event ORDER BY id");
+        std::vector<std::string> keys;
+        while (rows.Step() == SqliteStatement::StepResult::Row)
+            keys.push_back(rows.ColumnText(0));
+        return keys;
+    }
+    std::string FirstOf(const char* sql) const
+    {
+        SqliteConnection db;
+        EXPECT_TRUE(db.Open(Database(), 0)) << db.Error();
+        SqliteStatement row(db, sql);
+        EXPECT_EQ(row.Step(), SqliteStatement::StepResult::Row) << db.Error();
+        return row.ColumnText(0);
+    }
+    // As an agent leaves it that stores no keys.
+    void MakeEarlierDatabase() const
+    {
+        SqliteConnection db;
+        ASSERT_TRUE(db.Open(Database(), 0)) << db.Error();
+        ASSERT_TRUE(db.Exec(earlierTables) && db.Exec(earlierInsert)) << db.Error();
     }
     static int CountOf(const std::string& all, const std::string& text)
     {
@@ -299,19 +334,95 @@ TEST_F(EventDatabase, TableHasTheFormThatToolsRelyOn)
     SqliteStatement row(db, "SELECT sql FROM sqlite_master WHERE name = 'agent_event'");
     ASSERT_EQ(row.Step(), SqliteStatement::StepResult::Row);
     EXPECT_EQ(row.ColumnText(0), "CREATE TABLE agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, "
-                                 "number INTEGER, severity INTEGER, text TEXT, xml TEXT)");
+                                 "number INTEGER, severity INTEGER, text TEXT, xml TEXT, key TEXT)");
+}
+
+TEST_F(EventDatabase, EachEventIsStoredWithAKeyOfItsOwn)
+{
+    EventStore store(m_work);
+    store.Write(SampleEvent("one"));
+    store.Write(SampleEvent("one"));
+    const std::vector<std::string> keys = StoredKeys();
+    ASSERT_EQ(keys.size(), 2u);
+    EXPECT_NE(keys[0], keys[1]);
+    for (const std::string& key : keys)
+        EXPECT_TRUE(key.size() == 32 && key.find_first_not_of("0123456789abcdef") == std::string::npos) << key;
+    EXPECT_EQ(FirstOf("SELECT group_concat(key) FROM (SELECT key FROM agent_event_key ORDER BY seq)"),
+              keys[0] + "," + keys[1])
+        << "it is the one that keeps it from being stored twice";
+}
+
+TEST_F(EventDatabase, AnEventThatWaitedKeepsItsKey)
+{
+    std::filesystem::create_directory(Database());
+    {
+        const ::Test::DiskLogCatcher log;
+        EventStore(m_work).Write(SampleEvent("pending"));
+    }
+    const std::string pending = ::Test::ReadFile(Pending());
+    std::filesystem::remove(Database());
+    EXPECT_TRUE(EventStore(m_work).StoreKept());
+    ASSERT_EQ(StoredKeys().size(), 1u);
+    EXPECT_NE(pending.find("<pending key=\"" + StoredKeys()[0] + "\">"), std::string::npos) << pending;
+    // In another database it has another id.
+    std::filesystem::remove(Database());
+    ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event/></pending>\n" + pending);
+    EXPECT_TRUE(EventStore(m_work).StoreKept());
+    EXPECT_EQ(StoredKeys().at(0), "k1");
+    EXPECT_NE(pending.find(StoredKeys().at(1)), std::string::npos) << pending;
+}
+
+TEST_F(EventDatabase, ADatabaseOfAnEarlierAgentGetsKeysInPlaceAndItsEventsStay)
+{
+    MakeEarlierDatabase();
+    {
+        const ::Test::DiskLogCatcher log;
+        EventStore store(m_work);
+        EXPECT_EQ(store.Write(SampleEvent("new")), 2);
+        EXPECT_EQ(EventStore(m_work).Write(SampleEvent("newer")), 3) << "and once is enough";
+        EXPECT_EQ(log.All(), "");
+    }
+    EXPECT_EQ(Stored(), "earlier;new;newer;");
+    ASSERT_EQ(StoredKeys().size(), 3u);
+    EXPECT_EQ(StoredKeys()[0], "(none)");
+    EXPECT_EQ(StoredKeys()[1].size(), 32u);
+    EXPECT_EQ(FirstOf("SELECT count(*) FROM sqlite_master WHERE name = 'agent_event_by_key'"), "1");
+}
+
+TEST_F(EventDatabase, AnEarlierAgentWritesOnIntoADatabaseWithKeys)
+{
+    EventStore(m_work).Write(SampleEvent("new"));
+    {
+        SqliteConnection db;
+        ASSERT_TRUE(db.Open(Database(), 0));
+        ASSERT_TRUE(db.Exec(earlierTables)) << db.Error();
+        ASSERT_TRUE(db.Exec(earlierInsert)) << db.Error();
+    }
+    EXPECT_EQ(EventStore(m_work).Write(SampleEvent("new again")), 3);
+    EXPECT_EQ(Stored(), "new;earlier;new again;");
+    EXPECT_EQ(StoredKeys()[1], "(none)");
+}
+
+TEST_F(EventDatabase, AnUpgradeThatDoesNotSucceedKeepsTheEventAndIsTriedAgain)
+{
+    MakeEarlierDatabase();
+    SqliteConnection other;
+    ASSERT_TRUE(other.Open(Database(), 0));
+    ASSERT_TRUE(other.Exec("CREATE TABLE agent_event_by_key(taken)")); // the name of the index
+    {
+        const ::Test::DiskLogCatcher log;
+        EXPECT_EQ(EventStore(m_work).Write(SampleEvent("new")), 0);
+        EXPECT_EQ(log.Lines().size(), 1u) << log.All();
+    }
+    EXPECT_EQ(FirstOf("SELECT count(*) FROM pragma_table_info('agent_event')"), "7") << "all of it or nothing";
+    ASSERT_TRUE(other.Exec("DROP TABLE agent_event_by_key"));
+    EXPECT_TRUE(EventStore(m_work).StoreKept());
+    EXPECT_EQ(Stored(), "earlier;new;");
 }
 
 TEST_F(EventDatabase, KeysOfTheLastThousandEventsAreKeptAndOlderOnesAreNot)
 {
     EventStore(m_work).Write(SampleEvent("first"));
-    const auto count = [this](const char* sql) {
-        SqliteConnection db;
-        EXPECT_TRUE(db.Open(Database(), 0)) << db.Error();
-        SqliteStatement row(db, sql);
-        EXPECT_EQ(row.Step(), SqliteStatement::StepResult::Row);
-        return row.ColumnText(0);
-    };
     {
         SqliteConnection db;
         ASSERT_TRUE(db.Open(Database(), 0)) << db.Error();
@@ -320,9 +431,9 @@ TEST_F(EventDatabase, KeysOfTheLastThousandEventsAreKeptAndOlderOnesAreNot)
             << db.Error();
     }
     EventStore(m_work).Write(SampleEvent("last"));
-    EXPECT_EQ(count("SELECT max(seq) FROM agent_event_key"), "1501");
-    EXPECT_EQ(count("SELECT min(seq) FROM agent_event_key"), "500");
-    EXPECT_EQ(count("SELECT count(*) FROM agent_event_key"), "1002");
+    EXPECT_EQ(FirstOf("SELECT max(seq) FROM agent_event_key"), "1501");
+    EXPECT_EQ(FirstOf("SELECT min(seq) FROM agent_event_key"), "500");
+    EXPECT_EQ(FirstOf("SELECT count(*) FROM agent_event_key"), "1002");
 }
 
 TEST_F(EventDatabase, AbsentFieldsAreNull)
