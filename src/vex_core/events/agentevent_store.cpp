@@ -6,9 +6,9 @@
 
 #include "vex_core/events/agentevent_store.h"
 #include "vex/core/agentevent.h"
-#include "vex/core/clock.h"
 #include "vex/core/dom.h"
 #include "vex_core/base/end_steps.h"
+#include "vex_core/base/steady_ms.h"
 #include "vex_core/base/text.h"
 #include "vex_core/domain/known_settings.h"
 #include "vex_core/domain/root_dom.h"
@@ -60,13 +60,16 @@ const char forgetKeysSql[] = "DELETE FROM agent_event_key WHERE seq < (SELECT ma
 
 // A few at a time, so that no event waits for others to go; each kind is found by an index, whatever else is there. The
 // latest stays in any case: its id must not be given again. ?1 is how many stay, ?2 the time before which they are too
-// old. Without a time, or with one to come, an event is never too old and goes by its number.
+// old, ?3 now. Without a time, or with one to come, an event is never too old and goes by its number. One that came
+// behind an event that is not too old was written when the clock was wrong; it goes when that one has gone. The pluses
+// keep the search for that one by its id, where it is among the first, and have it made only when something is too old.
 const char forgetOldestSql[] =
     "DELETE FROM agent_event WHERE id IN ("
     "SELECT * FROM (SELECT id FROM agent_event WHERE id <= (SELECT max(id) FROM agent_event) - ?1 ORDER BY id LIMIT 20)"
     " UNION "
-    "SELECT * FROM (SELECT id FROM agent_event WHERE time_ms < ?2 AND id < (SELECT max(id) FROM agent_event)"
-    " ORDER BY time_ms, id LIMIT 20)"
+    "SELECT * FROM (SELECT id FROM agent_event WHERE time_ms < ?2 AND +id < coalesce("
+    "(SELECT id FROM agent_event WHERE +time_ms >= ?2 AND +time_ms <= ?3 ORDER BY id LIMIT 1),"
+    " (SELECT max(id) FROM agent_event)) ORDER BY time_ms, id LIMIT 20)"
     " ORDER BY 1 LIMIT 20)";
 
 // Whether a store of this process may keep events. Read without a lock, so that the usual answer costs nothing.
@@ -151,8 +154,9 @@ bool MeansDamage(int code)
 
 } // namespace
 
-EventStore::EventStore(std::string folder)
-    : m_folder(std::move(folder)), m_path(m_folder + "/events.db"), m_pending(m_folder + "/events.pending.xml")
+EventStore::EventStore(std::string folder, WallClock clock)
+    : m_folder(std::move(folder)), m_path(m_folder + "/events.db"), m_clock(clock), m_ageClock(clock(), SteadyMs()),
+      m_pending(m_folder + "/events.pending.xml")
 {}
 
 EventStore::~EventStore()
@@ -339,7 +343,9 @@ void EventStore::ForgetOldest()
     };
     SqliteStatement statement(m_db, forgetOldestSql);
     statement.Bind(1, setting("app.events.keeprows"));
-    statement.Bind(2, TimeNowMillis() - setting("app.events.keepdays") * dayMs);
+    const std::int64_t now = m_clock();
+    statement.Bind(2, m_ageClock.NowMs(now, SteadyMs()) - setting("app.events.keepdays") * dayMs);
+    statement.Bind(3, now);
     if (statement.Step() != SqliteStatement::StepResult::Done)
         wxLogWarning("Old agent events can't be removed from '%s' (%s), they stay for now", Shown(m_path),
                      Shown(m_db.Error()));

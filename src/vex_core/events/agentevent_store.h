@@ -1,7 +1,9 @@
 #pragma once
 // Where agent events go: the database of the working folder, else the pending file beside it, else memory.
 
+#include "vex/core/clock.h"
 #include "vex_core/database/sqlite_connection.h"
+#include "vex_core/events/age_clock.h"
 #include "vex_core/events/pending_events.h"
 #include "vex_core/os/file_identity.h"
 
@@ -28,8 +30,12 @@ public:
     static constexpr std::size_t maxInMemory = 10000;
 #endif
 
-    /// `folder`: bytes of the file system; empty when the process has no working folder yet.
-    explicit EventStore(std::string folder);
+    /// The time in milliseconds since the epoch, by a clock that may be set.
+    using WallClock = std::int64_t (*)();
+
+    /// `folder`: bytes of the file system; empty when the process has no working folder yet. `clock` tells which events
+    /// have grown too old.
+    explicit EventStore(std::string folder, WallClock clock = &TimeNowMillis);
     ~EventStore();
 
     /// The id of the stored event, or 0 when it was kept for later. What was kept earlier is stored first.
@@ -74,6 +80,8 @@ private:
 
     const std::string m_folder;
     const std::string m_path;
+    const WallClock m_clock;
+    const AgeClock m_ageClock;
 
     mutable std::mutex m_lock;
     // Guarded by m_lock.

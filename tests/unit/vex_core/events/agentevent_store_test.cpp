@@ -97,6 +97,8 @@ private:
     sqlite3_vfs* m_vfs;
 };
 
+constexpr std::int64_t dayMs = 86'400'000;
+
 // What an agent did that stored no keys.
 constexpr const char* earlierTables =
     "CREATE TABLE IF NOT EXISTS agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number INTEGER,"
@@ -513,6 +515,56 @@ TEST_F(EventDatabase, EventsThatAreNeverTooOldDoNotKeepOthersFromGoing)
     m_dom->Set("app.events.keeprows", "20"); // of the ids up to 32
     store.Write(SampleEvent("latest"));
     EXPECT_EQ(CountOf(Stored(), "stays"), 13);
+}
+
+TEST_F(EventDatabase, EventsOfAClockThatWasSetBackGoWithThoseBeforeThem)
+{
+    const auto dated = [](const char* text, std::int64_t timeMillis) {
+        CAgentEvent event = SampleEvent(text);
+        event.m_timeMillis = timeMillis;
+        return event;
+    };
+    const std::int64_t now = TimeNowMillis();
+    EventStore store(m_work);
+    store.Write(dated("old", now - 91 * dayMs));
+    store.Write(dated("recent", now - 89 * dayMs));
+    for (int i = 0; i < 30; ++i) // more than go at once, and the oldest by their dates
+        store.Write(dated("misdated", i));
+    store.Write(dated("behind them", now));
+    m_dom->Remove("app.events.keepdays");
+    store.Write(dated("latest", now));
+    EXPECT_EQ(CountOf(Stored(), "old"), 0);
+    EXPECT_EQ(CountOf(Stored(), "recent"), 1);
+    EXPECT_EQ(CountOf(Stored(), "misdated"), 30);
+    m_dom->Set("app.events.keepdays", "1");
+    store.Write(dated("latest", now));
+    store.Write(dated("latest", now));
+    EXPECT_EQ(Stored(), "behind them;latest;latest;latest;");
+}
+
+TEST_F(EventDatabase, AClockThatIsSetForwardMakesNothingOlderWhileTheProcessRuns)
+{
+    static std::int64_t s_now;
+    s_now = 1'000'000'000'000;
+    const EventStore::WallClock clock = [] { return s_now; };
+    const auto write = [](EventStore& store, const char* text) {
+        CAgentEvent event = SampleEvent(text);
+        event.m_timeMillis = s_now;
+        store.Write(event);
+    };
+    m_dom->Remove("app.events.keepdays");
+    EventStore store(m_work, clock);
+    write(store, "before");
+    s_now += 3650 * dayMs;
+    write(store, "after");
+    EXPECT_EQ(Stored(), "before;after;");
+    s_now -= 3650 * dayMs;
+    write(store, "set right");
+    EXPECT_EQ(Stored(), "before;after;set right;");
+    s_now += 3650 * dayMs;
+    EventStore another(m_work, clock); // which has known no other time
+    write(another, "later");
+    EXPECT_EQ(Stored(), "after;set right;later;");
 }
 
 TEST_F(EventDatabase, AnEventIsStoredAlsoWhenOldOnesCannotGo)
