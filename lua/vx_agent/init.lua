@@ -9,6 +9,7 @@ local log = require("vex.log")("vx_agent")
 local options = require("vx_agent.options")
 local plugins = require("vx_agent.plugins")
 local report = require("vx_agent.report")
+local restarts = require("vx_agent.restarts")
 local workers = require("vx_agent.workers")
 
 local M = {}
@@ -20,6 +21,8 @@ local crew -- the workers of a background run
 function M.init()
   log.info("%s %s, host agent, process %d", dom0:Get("app.name", "vx_agent"), dom0:Get("app.version", "of no version"),
     require("vex.host").pid())
+  -- First of all: what the plugins bring along may be what crashes.
+  restarts.tell(dom0)
   found = plugins.load_all(plugins.names(dom0:Get("app.plugins")))
   return 0
 end

@@ -4,6 +4,7 @@ import os
 import re
 import shutil
 import signal
+import sqlite3
 import subprocess
 
 import pytest
@@ -158,6 +159,65 @@ def test_dump_of_the_bundled_application_lies_in_its_diagnostic_folder(app):
     thread, number, _ = Minidump(path).exception()
     assert number == signal.SIGSEGV and thread != Minidump(path).process()
     assert re.search(r" FATAL \[\d+/[^]]+\] vx_agent crashed: signal 11 .*; crash dump: .*/plugins/diag/vx_agent.mdmp", app.log())
+
+
+def events(tree):
+    """Of the agent's database: (number, severity, text)."""
+    path = os.path.join(tree.work, "events.db")
+    if not os.path.exists(path):
+        return []
+    database = sqlite3.connect(f"file:{path}?mode=rw", uri=True, timeout=10)
+    try:
+        return database.execute("SELECT number, severity, text FROM agent_event ORDER BY id").fetchall()
+    except sqlite3.OperationalError:  # no table yet
+        return []
+    finally:
+        database.close()
+
+
+def first_beats(tree):
+    """The processes that have told of their first heartbeat: they are through with their start."""
+    return re.findall(r" INFO \[(\d+)/\S+ \S+\] Heartbeat \d+ \(start\)", tree.log())
+
+
+@pytest.mark.sandbox
+def test_the_child_that_follows_a_crash_writes_one_event_with_signal_dump_and_number(app):
+    app.file("bad/plugin.lua", """
+return { name = "Bad", version = "1", collect = function(dom)
+  local marker = dom:Get("app.path.work") .. "/crashes"
+  local file = io.open(marker, "a+")
+  local crashes = #file:read("*a")
+  if crashes == 2 then return {} end
+  file:write("x"):close()
+  require("luacrash")()
+end }""")
+    supervisor, _ = app.background("--plugins", "bad")
+    conftest.wait_until(lambda: len(events(app)) == 2, what="an event for each crash")
+    crashed = re.findall(r" FATAL \[(\d+)/", app.log())
+    conftest.wait_until(lambda: set(first_beats(app)) - set(crashed), what="the third child's first heartbeat")
+    app.stop(supervisor)
+    dump = os.path.join(app.work, "plugins", "diag", "vx_agent.mdmp")
+    assert Minidump(dump).process() == int(crashed[1])
+    # An ordered stop is no such end.
+    supervisor, child = app.background("--plugins", "bad")
+    conftest.wait_until(lambda: str(child) in first_beats(app), what="the first heartbeat of a new start")
+    app.stop(supervisor)
+    ends = re.findall(r"Child process crashed with status \d+ \(signal 11: Segmentation fault\)", app.log())
+    assert len(crashed) == len(ends) == 2
+    assert events(app) == [
+        (5111, 2, f"{ends[0]}, process {crashed[0]}; crash dump: {dump}; 1 restart, 1 of them after a crash"),
+        (5111, 2, f"{ends[1]}, process {crashed[1]}; crash dump: {dump}; 2 restarts, 2 of them after a crash")]
+
+
+@pytest.mark.sandbox
+def test_the_child_that_follows_one_that_was_killed_writes_an_event_of_another_number(app):
+    supervisor, child = app.background()
+    conftest.wait_until(lambda: str(child) in first_beats(app), what="the first heartbeat")
+    conftest.send_signal(child, signal.SIGKILL)
+    conftest.wait_until(lambda: events(app), what="the event")
+    app.stop(supervisor)
+    assert events(app) == [
+        (5112, 4, f"Child process exited with status 9 (signal 9: Killed), process {child}; 1 restart, 0 of them after a crash")]
 
 
 @pytest.mark.quick

@@ -30,7 +30,13 @@ function M:Trace(module, text) self.lines[#self.lines + 1] = "trace " .. module 
 
 function M:TimeMillis() return self.now end
 
-function M:PluginWorkdir() return self.folder end
+function M:PluginWorkdir() return self.folder, self.refused end
+
+function M:AgentEvent(event)
+  self.events = self.events or {}
+  self.events[#self.events + 1] = event
+  return #self.events
+end
 
 --- Each wait takes the next entry of `waits`: false, the key that was written meanwhile, "end", or a function that is
 -- called and returns one of these. Without entries the thread is asked to end.

@@ -63,6 +63,25 @@ function M.TestApplication:test_init_tells_what_it_is_and_loads_the_plugins()
   lu.assertStrContains(dom0.lines[3], "warning: Plugin 'nowhere' cannot be loaded")
 end
 
+function M.TestApplication:test_the_end_of_the_child_before_is_told_before_a_plugin_is_loaded()
+  dom0.values["app.plugins"] = "hasty"
+  dom0.values["app.restart.count"] = 1
+  local told
+  package.preload["hasty.plugin"] = function()
+    told = dom0.events
+    return { name = "Hasty", version = "1" }
+  end
+  lu.assertEquals(self.application.init(), 0)
+  package.preload["hasty.plugin"], package.loaded["hasty.plugin"] = nil, nil
+  lu.assertEquals(#told, 1)
+  lu.assertEquals(told, dom0.events)
+end
+
+function M.TestApplication:test_without_a_child_before_there_is_no_event()
+  lu.assertEquals(self.application.init(), 0)
+  lu.assertNil(dom0.events)
+end
+
 function M.TestApplication:test_the_foreground_prints_a_table_with_a_block_a_plugin()
   dom0.values["app.plugins"] = "probe"
   self.application.init()

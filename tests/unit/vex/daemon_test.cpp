@@ -348,6 +348,43 @@ TEST_F(BackgroundMode, ARestartedChildInheritsTheSupervisorsSignals)
     EXPECT_EQ(Count("BlockChild()"), 1u);
 }
 
+TEST_F(BackgroundMode, TheFirstChildIsToldOfNobodyBeforeIt)
+{
+    m_system.forks = {0, 0, 0};
+    EXPECT_EQ(Run(), std::nullopt);
+    EXPECT_EQ(Journal({"Dom.Set"}), Lines{});
+}
+
+TEST_F(BackgroundMode, ARestartedChildIsToldHowTheOneBeforeItEndedAndHowManyThereWere)
+{
+    const auto told = [this] {
+        std::string all;
+        for (const char* key : {"count", "crashes", "crashed", "process", "end"})
+            all += m_dom->Get((std::string("app.restart.") + key).c_str()) + ";";
+        return all;
+    };
+    m_system.forks = {0, 0, 700, 0};
+    m_system.ChildEnds(SIGBUS);
+    EXPECT_EQ(Run(), std::nullopt);
+    EXPECT_EQ(told(), "1;1;true;700;Child process exited with status 7 (signal 7: Bus error);");
+
+    m_system.forks = {0, 0, 700, 701, 702, 0};
+    m_system.ChildEnds(SIGSEGV);
+    m_system.ChildEnds(SIGKILL);
+    m_system.ChildEnds(exitThree);
+    EXPECT_EQ(Run(), std::nullopt);
+    EXPECT_EQ(told(), "3;1;false;702;Child process exited with status 768 (exit 3);");
+}
+
+TEST_F(BackgroundMode, TheSupervisorItselfWritesNoKeys)
+{
+    DetachToSupervisor();
+    m_system.ChildEnds(SIGSEGV);
+    m_system.ChildEnds(0);
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(Journal({"Dom.Set"}), Lines{});
+}
+
 TEST_F(BackgroundMode, HandsTheChildsExitCodeOn)
 {
     for (const int code : {0, 1, 2, 4, 255}) {

@@ -251,6 +251,18 @@ INSTANTIATE_TEST_SUITE_P(Row, EndOfAChild, testing::ValuesIn(Rows()), [](const t
     return std::string(parameter.param.what) + "_" + std::to_string(parameter.index);
 });
 
+TEST(Crash, IsAnEndByASignalForWhichThereIsADump)
+{
+    for (const int signal : {SIGILL, SIGTRAP, SIGABRT, SIGSEGV, SIGBUS, SIGFPE})
+        for (const bool core : {false, true})
+            EXPECT_TRUE(JudgeChildEnd(Killed(signal, core), "name", false).crashed) << signal;
+    for (const int signal : {SIGKILL, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1})
+        EXPECT_FALSE(JudgeChildEnd(Killed(signal), "name", false).crashed) << signal;
+    for (const int code : {0, 3, int{SIGSEGV}, int{SIGBUS}})
+        EXPECT_FALSE(JudgeChildEnd(Exited(code), nullptr, false).crashed) << code;
+    EXPECT_FALSE(JudgeChildEnd((1 << 8) | SIGBUS, "name", false).crashed) << "a status of no known kind";
+}
+
 TEST(ChildExit, EveryExitCodeIsReportedAndHandedOnButThree)
 {
     for (int code = 0; code < 256; ++code) {

@@ -265,8 +265,10 @@ std::optional<int> Daemon::Supervise()
         m_history.NoteStart(now);
 
         const std::optional<pid_t> child = StartChild();
-        if (!child)
+        if (!child) {
+            TellRestart();
             return std::nullopt;
+        }
         int waitStatus = 0;
         const bool ended = *child > 0 && WaitForChild(*child, waitStatus);
         // In this order: a stop that finds no child ends the process, so none can come between unseen.
@@ -285,8 +287,30 @@ std::optional<int> Daemon::Supervise()
             GiveUpPidFile();
             return end.status;
         }
+        NoteRestart(*child, end);
         m_history.Advance();
     }
+}
+
+void Daemon::NoteRestart(pid_t child, const ChildEnd& end)
+{
+    ++m_restarts;
+    m_crashes += end.crashed ? 1 : 0;
+    m_formerChild = child;
+    m_formerEnd = end;
+}
+
+// In the child, whose application makes of it what it wants. The supervisor itself keeps no events: it opens no
+// database. The first child has nobody before it and no such keys.
+void Daemon::TellRestart() const
+{
+    if (m_restarts == 0)
+        return;
+    m_dom->SetWx("app.restart.count", static_cast<std::int64_t>(m_restarts));
+    m_dom->SetWx("app.restart.crashes", static_cast<std::int64_t>(m_crashes));
+    m_dom->Set("app.restart.crashed", m_formerEnd.crashed);
+    m_dom->SetWx("app.restart.process", static_cast<std::int64_t>(m_formerChild));
+    m_dom->SetWx("app.restart.end", m_formerEnd.message);
 }
 
 std::optional<pid_t> Daemon::StartChild()

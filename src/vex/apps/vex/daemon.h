@@ -37,6 +37,8 @@ private:
     std::optional<pid_t> StartChild();
     void WatchForStop(pid_t child);
     bool WaitForChild(pid_t child, int& status);
+    void NoteRestart(pid_t child, const ChildEnd& end);
+    void TellRestart() const;
     void StopDriver();
     void AssertSingleThread() const;
 
@@ -45,4 +47,9 @@ private:
     wxString m_pidFile;
     bool m_locked = false;
     RestartHistory m_history;
+    // What a child is told of those before it.
+    int m_restarts = 0;
+    int m_crashes = 0; // of these
+    pid_t m_formerChild = 0; // the last of them
+    ChildEnd m_formerEnd = {};
 };

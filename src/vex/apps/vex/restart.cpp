@@ -13,6 +13,14 @@ constexpr int stopDriverCode = 3;
 
 // Deliberately these four alone. The other signals that leave a core are reported as a plain exit.
 constexpr int crashSignals[] = {SIGILL, SIGTRAP, SIGABRT, SIGSEGV};
+// For these there is a dump as well.
+constexpr int moreDumpSignals[] = {SIGBUS, SIGFPE};
+
+template <std::size_t count>
+bool IsAmong(const int (&signals)[count], int signal)
+{
+    return std::find(std::begin(signals), std::end(signals), signal) != std::end(signals);
+}
 
 enum class EndKind { Exited, Crashed, Killed, Other };
 
@@ -22,8 +30,7 @@ EndKind Classify(int low, int high, int signal)
         return EndKind::Exited;
     if (high != 0)
         return EndKind::Other;
-    const bool crashed = std::find(std::begin(crashSignals), std::end(crashSignals), signal) != std::end(crashSignals);
-    return crashed ? EndKind::Crashed : EndKind::Killed;
+    return IsAmong(crashSignals, signal) ? EndKind::Crashed : EndKind::Killed;
 }
 
 wxString Message(EndKind end, int waitStatus, int exitCode, int signal, const char* signalName)
@@ -78,7 +85,8 @@ ChildEnd JudgeChildEnd(int waitStatus, const char* signalName, bool stopping)
     const int signal = SignalOfWaitStatus(waitStatus);
     const EndKind end = Classify(low, high, signal);
 
-    ChildEnd judged = {wxLOG_Info, Message(end, waitStatus, high, signal, signalName), AfterChild::Restart, 0};
+    const bool crashed = end == EndKind::Crashed || (end == EndKind::Killed && IsAmong(moreDumpSignals, signal));
+    ChildEnd judged = {wxLOG_Info, Message(end, waitStatus, high, signal, signalName), AfterChild::Restart, 0, crashed};
     if (end == EndKind::Crashed)
         judged.level = wxLOG_Error;
     if (end == EndKind::Exited && high == stopDriverCode) {

@@ -46,6 +46,7 @@ struct ChildEnd
     wxString message;
     AfterChild action;
     int status; ///< with Return and StopDriverAndReturn
+    bool crashed; ///< by a signal for which the crash handler writes a dump, whatever the message calls it
 };
 
 /// Reads a raw wait status. `signalName` is the system's name of the signal in its low seven bits, null when
