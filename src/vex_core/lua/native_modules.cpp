@@ -5,11 +5,11 @@
 #include "vex_core/lua/native_modules.h"
 
 #include "slb3/error.h"
+#include "vex_core/domain/host_id.h"
 #include "vex_core/domain/known_settings.h"
 #include "vex_core/domain/root_dom.h"
 #include "vex_core/domain/setting_value.h"
 #include "vex_core/domain/settings.h"
-#include "vex_core/lua/host_id.h"
 #include "vex_core/lua/lua_agent.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/lua/lua_db.h"

@@ -1,5 +1,5 @@
 // The id of a host: from the system's own, and in a mount namespace where that is hidden.
-#include "vex_core/lua/host_id.h"
+#include "vex_core/domain/host_id.h"
 
 #include "support/call_watch.h"
 #include "support/dom_ptr.h"
@@ -68,6 +68,7 @@ TEST_F(HostIdentity, IsMadeOfTheSystemsOwnInTheSameWayForEver)
         CHILD_CHECK(HostId(*m_dom) == "e7377fb121dd75d47db4083e1d8cae94");
         m_dom->Set("app.name", "two");
         CHILD_CHECK(HostId(*m_dom) == "113f48a81f98e22abbe015d6acaae3ef");
+        CHILD_CHECK(FindHostId("two", m_folder.Path()) == "113f48a81f98e22abbe015d6acaae3ef");
         CHILD_CHECK(FilesInFolder() == 0);
         return 0;
     });
@@ -89,6 +90,19 @@ TEST_F(HostIdentity, IsMadeOnceWhereTheSystemHasNoneAndKeptForItsOwnerAlone)
         m_dom->Remove("app.path.work");
         CHILD_CHECK(HostId(*m_dom).empty());
         CHILD_CHECK(log.All().empty());
+        return 0;
+    });
+}
+
+TEST_F(HostIdentity, IsFoundByAReaderWhoMakesNone)
+{
+    RunWithout([this] {
+        CHILD_CHECK(FindHostId("one", m_folder.Path()).empty());
+        CHILD_CHECK(FilesInFolder() == 0);
+        const std::string id = HostId(*m_dom);
+        CHILD_CHECK(FindHostId("one", m_folder.Path()) == id);
+        ::Test::WriteFile(m_file, "no id\n");
+        CHILD_CHECK(FindHostId("one", m_folder.Path()).empty());
         return 0;
     });
 }

@@ -1,4 +1,4 @@
-#include "vex_core/lua/host_id.h"
+#include "vex_core/domain/host_id.h"
 
 #include "vex/core/dom.h"
 #include "vex_core/base/hex.h"
@@ -35,6 +35,16 @@ std::string HashOf(const std::string& agent, const std::string& machine)
     return Hex(digest, idBytes);
 }
 
+// Empty when there is not an id in it.
+std::string IdIn(const os::Descriptor& file)
+{
+    std::string id(idDigits, '\0');
+    if (!file || os::PReadFull(file.Get(), id.data(), idDigits, 0) != static_cast<ssize_t>(idDigits))
+        return std::string();
+    const bool isId = id.find_first_not_of("0123456789abcdef") == std::string::npos;
+    return isId ? id : std::string();
+}
+
 // Empty when there is no such file, or not an id in it.
 std::string KeptIn(os::GuardedPlace& place)
 {
@@ -44,11 +54,7 @@ std::string KeptIn(os::GuardedPlace& place)
         os::PauseMs(betweenLooksMs);
         file = place.OpenFile(O_RDONLY);
     }
-    std::string id(idDigits, '\0');
-    if (!file || os::PReadFull(file.Get(), id.data(), idDigits, 0) != static_cast<ssize_t>(idDigits))
-        return std::string();
-    const bool isId = id.find_first_not_of("0123456789abcdef") == std::string::npos;
-    return isId ? id : std::string();
+    return IdIn(file);
 }
 
 // Written under a name of this process's own and linked to the one that counts, which is there whole or not at all. Of
@@ -90,6 +96,14 @@ std::string HostId(const CDom& dom)
     }
     WarnOfBreach(place);
     return id;
+}
+
+std::string FindHostId(const std::string& agent, const std::string& workFolder)
+{
+    if (const auto machine = os::MachineId())
+        return HashOf(agent, *machine);
+    const std::string path = workFolder + "/host.id";
+    return IdIn(os::Descriptor(os::Open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY)));
 }
 
 } // namespace VexCore

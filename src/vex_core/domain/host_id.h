@@ -12,4 +12,8 @@ class CDom;
 /// made by chance, once, and kept in "app.path.work"/host.id. Empty when that cannot be done either. Any thread.
 std::string HostId(const CDom& dom);
 
+/// The same for somebody who reads what an agent has left, of whatever user: nothing is made. Empty where the agent has
+/// made none either. Any thread.
+std::string FindHostId(const std::string& agent, const std::string& workFolder);
+
 } // namespace VexCore
