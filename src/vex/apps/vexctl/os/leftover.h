@@ -1,6 +1,7 @@
 #pragma once
 // What a command has made that is of no use to anybody once a signal has ended it.
 
+#include <functional>
 #include <string>
 
 namespace Vexctl::os {
@@ -14,6 +15,9 @@ public:
     enum class Kind { Own, OfProgram };
 
     explicit Leftover(std::string path, Kind kind = Kind::Own);
+    /// What is still to be done then, by a thread of its own while the main thread may be at work or wait. It makes no
+    /// leftovers.
+    explicit Leftover(std::function<void()> lastWork);
     ~Leftover();
     Leftover(const Leftover&) = delete;
     Leftover& operator=(const Leftover&) = delete;
@@ -23,6 +27,7 @@ private:
 
     const std::string m_path;
     const Kind m_kind;
+    const std::function<void()> m_lastWork;
 };
 
 } // namespace Vexctl::os

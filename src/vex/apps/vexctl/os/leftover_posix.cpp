@@ -109,8 +109,12 @@ private:
             m_changed.wait_for(lock, programPatience,
                                [&] { return std::none_of(m_all.begin(), m_all.end(), isOfProgram); });
         }
-        for (const Leftover* const leftover : m_all)
-            RemoveFolder(leftover->m_path);
+        for (const Leftover* const leftover : m_all) {
+            if (leftover->m_lastWork)
+                leftover->m_lastWork();
+            else
+                RemoveFolder(leftover->m_path);
+        }
     }
 
     sigset_t m_signals;
@@ -124,6 +128,11 @@ private:
 };
 
 Leftover::Leftover(std::string path, Kind kind) : m_path(std::move(path)), m_kind(kind)
+{
+    Leftovers::OfProcess().Add(this);
+}
+
+Leftover::Leftover(std::function<void()> lastWork) : m_kind(Kind::Own), m_lastWork(std::move(lastWork))
 {
     Leftovers::OfProcess().Add(this);
 }
