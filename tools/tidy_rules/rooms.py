@@ -44,9 +44,9 @@ OPEN = {
 # vexctl reads what an agent writes through the library's own code: through these headers, beside those of os/ and base/.
 TOOL = "src/vex/apps/vexctl/"
 TOOL_DOORS = """
-    crash/minidump_format.h database/sqlite_connection.h domain/doorbell.h domain/settings_sources.h
-    domain/settings_report.h lifecycle/startup.h log/disk_log.h process/run_program.h zip/unzip_check.h zip/zip_format.h
-    zip/zip_names.h zip/zip_reader.h
+    crash/minidump_format.h database/sqlite_connection.h domain/doorbell.h domain/host_id.h
+    domain/settings_report.h domain/settings_sources.h lifecycle/startup.h log/disk_log.h process/run_program.h
+    zip/unzip_check.h zip/zip_format.h zip/zip_names.h zip/zip_reader.h
     """.split()
 # The room that implements a declaration in src/vex/core/: to include it is to depend on that room.
 IMPLEMENTED = {

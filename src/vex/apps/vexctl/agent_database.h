@@ -30,6 +30,8 @@ public:
     bool Read(const Reader& reader);
 
     const std::string& Path() const { return m_path; }
+    /// The file that is read, for a Reader.
+    const VexCore::os::FileIdentity& Identity() const { return m_opened.identity; }
 
 private:
     // What shows whether somebody has written.

@@ -1,24 +1,34 @@
-// vexctl events: what the agent's database of events holds, the oldest first, and in the end what is to come.
+// vexctl events: what the agent's database of events holds, the oldest first, and in the end what is to come: for
+// people, or in the format of a collector. With a state file each is told at least once, whatever comes between.
 
+#include "vex/apps/vex/version.h"
 #include "vex/apps/vexctl/agent_database.h"
 #include "vex/apps/vexctl/agent_log.h"
 #include "vex/apps/vexctl/command.h"
+#include "vex/apps/vexctl/event_formats.h"
 #include "vex/apps/vexctl/event_history.h"
 #include "vex/apps/vexctl/event_key.h"
+#include "vex/apps/vexctl/event_socket.h"
+#include "vex/apps/vexctl/event_state.h"
 #include "vex/apps/vexctl/json_text.h"
+#include "vex/apps/vexctl/moved_aside.h"
 #include "vex/apps/vexctl/options.h"
 #include "vex/apps/vexctl/os/watch.h"
 #include "vex/apps/vexctl/shown_text.h"
 #include "vex/apps/vexctl/times.h"
 
+#include "vex/core/clock.h"
 #include "vex_core/base/utf8.h"
+#include "vex_core/domain/host_id.h"
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
+#include "vex_core/os/host_facts.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <utility>
 
 #include <fcntl.h>
 
@@ -26,6 +36,8 @@ namespace Vexctl {
 
 namespace {
 constexpr std::size_t usualEvents = 100;
+// Between two tries of what did not work and of whose change nobody tells.
+constexpr long betweenTriesMs = 5000;
 
 struct EventOptions
 {
@@ -36,6 +48,8 @@ struct EventOptions
     std::string severity;
     std::string after;
     TimeSpan span;
+    std::string format; // empty: for people, or what the flags above say
+    std::string socket, state; // paths
 };
 
 std::string WhyNoSeverity(const std::string& word)
@@ -81,26 +95,62 @@ public:
             watch.emplace(m_session.place.workFolder);
         if (!LookForWorkFolder())
             throw NoWorkFolder(m_session.place);
+        OpenOutlets();
         ShowTitles();
-        if (!m_options.after.empty())
-            BeginAfter(m_options.after);
-        else
-            BeginAtLast();
+        Begin();
         ShowAll();
         TellWhatWaits();
         while (watch) {
-            m_session.out.Flush();
-            if (watch->Wait(m_session.out.Descriptor(), -1) == os::FolderWatch::Woken::ReaderGone)
-                throw ReaderGone();
-            m_database.Read([this](VexCore::SqliteConnection& db) { return CheckAnchor(db); });
-            ShowAll();
+            Sleep(*watch);
+            ShowAsFarAsPossible();
         }
-        return statusDone;
+        m_session.out.Flush();
+        return !m_state || m_state->Save() ? statusDone : statusUnusable;
     }
 
 private:
     static constexpr std::int64_t partRows = 500;
     static constexpr std::int64_t manyRows = 10000;
+
+    // Who the events are of, the socket and the state file, as far as they are wanted.
+    void OpenOutlets()
+    {
+        const auto note = [this](const std::string& text) { m_session.Note(text); };
+        const Place& place = m_session.place;
+        if (m_options.format == "otlp" || m_options.format == "syslog" || !m_options.state.empty())
+            m_source = {VexCore::FindHostId(place.name, place.workFolder), VexCore::os::GetSystemName().host,
+                        place.name, VEX_VERSION_TEXT};
+        if (!m_options.socket.empty())
+            m_socket.emplace(m_options.socket, note);
+        if (!m_options.state.empty())
+            m_state.emplace(m_options.state, m_source.hostId, place.name, note);
+    }
+
+    // What is shown is written, and that it was, before anything is waited for.
+    void Sleep(os::FolderWatch& watch)
+    {
+        m_session.out.Flush();
+        const bool isSaved = !m_state || m_state->Save();
+        const long timeoutMs = isSaved && m_trouble.empty() ? -1 : betweenTriesMs;
+        // Nobody has to read an output that nothing is written to.
+        if (watch.Wait(m_socket ? -1 : m_session.out.Descriptor(), timeoutMs) == os::FolderWatch::Woken::ReaderGone)
+            throw ReaderGone();
+    }
+
+    // A follower outlives a database that is damaged, or in the middle of a change whose writer was killed, until the
+    // agent has put it right.
+    void ShowAsFarAsPossible()
+    {
+        try {
+            ShowAll();
+            if (!std::exchange(m_trouble, std::string()).empty())
+                m_session.Note(m_database.Path() + " can be read again");
+        } catch (const Failure& failure) {
+            if (m_trouble.empty())
+                m_session.Note(failure.what());
+            m_trouble = failure.what();
+        }
+    }
 
     bool LookForWorkFolder() const
     {
@@ -108,7 +158,7 @@ private:
         return VexCore::os::Stat(m_session.place.workFolder.c_str(), status) == 0;
     }
 
-    bool HumanReads() const { return !m_options.json && !m_options.xml; }
+    bool HumanReads() const { return m_options.format.empty() && !m_options.json && !m_options.xml; }
 
     void ShowTitles()
     {
@@ -117,6 +167,22 @@ private:
     }
 
     // --- where to begin
+
+    void Begin()
+    {
+        m_database.Read([](VexCore::SqliteConnection&) { return true; }); // or a failure that says more than the next
+        if (m_state && m_state->Found())
+            m_position = *m_state->Found();
+        else if (m_state || m_options.follow)
+            for (const MovedAside& moved : FindMovedAside(m_database.Path()))
+                m_position.done.push_back(moved.name); // they are from before the begin
+        if (!m_options.after.empty())
+            BeginAfter(m_options.after);
+        else if (!m_state)
+            BeginAtLast();
+        if (m_state)
+            m_state->Begin(m_position);
+    }
 
     void BeginAfter(const std::string& key)
     {
@@ -136,8 +202,9 @@ private:
         m_database.Read([&](VexCore::SqliteConnection& db) {
             std::optional<Event> event;
             const bool read = FindEventByStoredKey(db, key, event);
-            m_last = event ? event->id : 0;
-            m_lastKey = event ? key : std::string();
+            m_position.id = event ? event->id : 0;
+            m_position.key = event ? key : std::string();
+            m_position.database = DatabaseName(m_database.Identity());
             isGone = !event;
             return read;
         });
@@ -150,36 +217,96 @@ private:
     // nothing of that one has been shown.
     void BeginAfterId(std::int64_t id, const std::string& key)
     {
-        m_last = id;
-        m_lastKey = key;
-        bool replaced = false;
-        m_database.Read([this, &replaced](VexCore::SqliteConnection& db) {
-            const std::int64_t before = m_last;
-            const bool read = CheckAnchor(db);
-            replaced = m_last != before;
-            return read;
+        m_position.id = id;
+        m_position.key = key;
+        bool isThere = true;
+        m_database.Read([this, &isThere](VexCore::SqliteConnection& db) {
+            m_position.database = DatabaseName(m_database.Identity()); // which nobody can have told us
+            return StandsIn(db, isThere);
         });
-        if (replaced)
-            m_session.Note("the event of that key is not in " + m_database.Path()
-                           + ", which has been replaced: all its events follow");
+        if (isThere)
+            return;
+        m_position.id = 0;
+        m_position.key.clear();
+        m_session.Note("the event of that key is not in " + m_database.Path()
+                       + ", which has been replaced: all its events follow");
     }
 
-    // Goes back to the begin where the last event that was shown is not this database's.
-    bool CheckAnchor(VexCore::SqliteConnection& db)
+    // Whether what was shown is this database's, so that what lies behind it is all that is new. False: SQLite failed.
+    bool StandsIn(VexCore::SqliteConnection& db, bool& stands)
     {
-        if (m_lastKey.empty())
-            return true; // nothing was shown yet
-        std::optional<Event> event, newest;
-        if (!FindEventById(db, m_last, event) || !FindNewest(db, newest))
-            return false;
-        const bool isOther = event && !event->HasKey(m_lastKey);
-        // One that is gone has gone because of its age, unless all that are there came before it.
-        const bool isBeyond = !event && (!newest || newest->id < m_last);
-        if (isOther || isBeyond) {
-            m_last = 0;
-            m_lastKey.clear();
+        const bool isSameFile = m_position.database == DatabaseName(m_database.Identity());
+        if (m_position.key.empty()) { // nothing was shown yet
+            stands = isSameFile;
+            return true;
         }
+        std::optional<Event> event;
+        if (!FindEventById(db, m_position.id, event))
+            return false;
+        if (event) {
+            stands = event->HasKey(m_position.key); // also in a copy that was put back
+            return true;
+        }
+        VexCore::SqliteStatement last(db, "SELECT max(id) FROM agent_event");
+        if (last.Step() != VexCore::SqliteStatement::StepResult::Row)
+            return false;
+        // One that is gone has gone because of its age, unless all that are there came before it.
+        stands = isSameFile && last.ColumnInt(0) > m_position.id;
         return true;
+    }
+
+    // --- a database that was replaced
+
+    // What was not shown of those before this one, as far as it can be read. Then this one is shown from its begin.
+    void GoOnInAnother(const std::string& database)
+    {
+        std::vector<MovedAside> moved = FindMovedAside(m_database.Path());
+        const auto isOurs = [this](const MovedAside& one) { return one.database == m_position.database; };
+        std::stable_partition(moved.begin(), moved.end(), isOurs); // the clock may have been set meanwhile
+        const bool wasBegun = !m_position.database.empty() && m_position.database != database;
+        if (wasBegun)
+            m_session.Note(m_database.Path() + " has been replaced: all its events follow"
+                           + (std::any_of(moved.begin(), moved.end(), isOurs)
+                                  ? " those of the one before"
+                                  : "; whether the one before had more than was shown cannot be known, because it is "
+                                    "gone"));
+        for (const MovedAside& one : moved)
+            if (!IsDone(one))
+                ShowMovedAside(one);
+        m_position.done.clear();
+        for (MovedAside& one : moved)
+            m_position.done.push_back(std::move(one.name));
+        m_position.key.clear();
+        m_position.id = 0;
+        m_position.database = database;
+        Remember();
+    }
+
+    bool IsDone(const MovedAside& moved) const
+    {
+        return std::find(m_position.done.begin(), m_position.done.end(), moved.name) != m_position.done.end();
+    }
+
+    // Also where the last event is in the database: somebody may have put a copy of an earlier state in its place.
+    bool HasEventsAside() const
+    {
+        const std::vector<MovedAside> moved = FindMovedAside(m_database.Path());
+        return !std::all_of(moved.begin(), moved.end(), [this](const MovedAside& one) { return IsDone(one); });
+    }
+
+    void ShowMovedAside(const MovedAside& moved)
+    {
+        if (moved.database != m_position.database) {
+            m_position.key.clear();
+            m_position.id = 0;
+            m_position.database = moved.database;
+        }
+        const auto lost =
+            ReadDamaged(moved.path, m_position.id, Condition(), [this](const Event& event) { Show(event); });
+        if (lost)
+            m_session.Note(moved.path + ": " + *lost);
+        m_position.done.push_back(moved.name);
+        Remember();
     }
 
     void BeginAtLast()
@@ -187,7 +314,8 @@ private:
         const bool isWhole = m_options.span.Given() && !m_options.number;
         const std::size_t number = m_options.number.value_or(isWhole ? 0 : usualEvents);
         m_database.Read([this, number](VexCore::SqliteConnection& db) {
-            m_last = 0;
+            m_position.id = 0;
+            m_position.database = DatabaseName(m_database.Identity());
             const bool areMany = !m_sinceMs || HasManySince(db);
             // The last ones of many are near the end, so that they are found from there.
             const bool fromTheEnd = areMany && (number > 0 || !m_sinceMs);
@@ -214,7 +342,7 @@ private:
         first.Bind(1, *m_sinceMs);
         if (first.Step() != VexCore::SqliteStatement::StepResult::Row)
             return false;
-        m_last = first.ColumnInt(0);
+        m_position.id = first.ColumnInt(0);
         return true;
     }
 
@@ -223,11 +351,11 @@ private:
         const std::string sql =
             "SELECT id FROM agent_event WHERE id > ?1" + Condition() + " ORDER BY id DESC LIMIT 1 OFFSET ?2";
         VexCore::SqliteStatement row(db, sql.c_str());
-        row.Bind(1, m_last);
+        row.Bind(1, m_position.id);
         row.Bind(2, static_cast<std::int64_t>(std::min<std::size_t>(number - 1, INT64_MAX)));
         const auto result = row.Step();
         if (result == VexCore::SqliteStatement::StepResult::Row)
-            m_last = row.ColumnInt(0) - 1;
+            m_position.id = row.ColumnInt(0) - 1;
         return result != VexCore::SqliteStatement::StepResult::Failed;
     }
 
@@ -257,50 +385,108 @@ private:
         return result != VexCore::SqliteStatement::StepResult::Failed;
     }
 
+    // What is in the database behind the last event that was shown, a part at a time.
+    struct Part
+    {
+        std::string database; // empty: there is none
+        bool isAnother = false; // than the one in which the last event was
+        std::vector<Event> events;
+        bool isLast = true;
+        std::optional<Event> newest; // with the last part, where there is one
+    };
+
+    Part ReadPart()
+    {
+        const std::string sql = std::string(selectEvents) + " WHERE id > ?1" + Condition() + " ORDER BY id LIMIT ?2";
+        Part part;
+        m_database.Read([&](VexCore::SqliteConnection& db) {
+            part = Part();
+            part.database = DatabaseName(m_database.Identity());
+            bool stands = true;
+            if (!StandsIn(db, stands))
+                return false;
+            part.isAnother = !stands;
+            if (part.isAnother)
+                return true;
+            VexCore::SqliteStatement rows(db, sql.c_str());
+            rows.Bind(1, m_position.id);
+            rows.Bind(2, partRows);
+            auto result = rows.Step();
+            for (; result == VexCore::SqliteStatement::StepResult::Row; result = rows.Step())
+                part.events.push_back(EventOf(rows));
+            part.isLast = part.events.size() < static_cast<std::size_t>(partRows);
+            return result == VexCore::SqliteStatement::StepResult::Done
+                   && (!part.isLast || FindNewest(db, part.newest));
+        });
+        return part;
+    }
+
     void ShowAll()
     {
-        std::optional<Event> newest;
-        const std::string sql = std::string(selectEvents) + " WHERE id > ?1" + Condition() + " ORDER BY id LIMIT ?2";
         for (;;) {
-            std::vector<Event> part;
-            m_database.Read([&](VexCore::SqliteConnection& db) {
-                part.clear();
-                VexCore::SqliteStatement rows(db, sql.c_str());
-                rows.Bind(1, m_last);
-                rows.Bind(2, partRows);
-                auto result = rows.Step();
-                for (; result == VexCore::SqliteStatement::StepResult::Row; result = rows.Step())
-                    part.push_back(EventOf(rows));
-                const bool isAll = part.size() < static_cast<std::size_t>(partRows);
-                return result == VexCore::SqliteStatement::StepResult::Done && (!isAll || FindNewest(db, newest));
-            });
-            for (const Event& event : part)
+            const Part part = ReadPart();
+            if (part.database.empty())
+                return;
+            if (part.isAnother || (part.database != m_position.database && HasEventsAside())) {
+                GoOnInAnother(part.database);
+                continue;
+            }
+            m_position.database = part.database;
+            for (const Event& event : part.events)
                 Show(event);
-            if (part.size() < static_cast<std::size_t>(partRows))
-                break;
-            m_last = part.back().id;
-            m_lastKey = part.back().Key();
-        }
-        if (newest) {
-            m_last = newest->id;
-            m_lastKey = newest->Key();
+            if (part.newest)
+                StandBehind(*part.newest);
+            Remember();
+            if (part.isLast)
+                return;
         }
     }
 
+    void StandBehind(const Event& event)
+    {
+        m_position.id = event.id;
+        m_position.key = event.Key();
+    }
+
+    void Remember()
+    {
+        if (!m_state)
+            return;
+        m_session.out.Flush();
+        m_state->Set(m_position);
+    }
+
+    // With a state file each event is on its way before that tells so.
     void Show(const Event& event)
     {
-        Output& out = m_session.out;
-        if (m_options.xml) {
-            out.Write(XmlText(event.xml) + "\n");
-        } else if (m_options.json) {
-            out.Write(JsonText(JsonOf(event)) + "\n");
-        } else {
-            char head[80];
-            const std::string time = event.timeMs ? LocalTime(*event.timeMs) : "-";
-            const std::string number = event.number ? std::to_string(*event.number) : "-";
-            std::snprintf(head, sizeof head, "%-19s  %-9s  %6s  ", time.c_str(), SeverityWord(event), number.c_str());
-            Print(head + Shown(event.text), ColourOf(event));
-        }
+        if (HumanReads())
+            ShowForPeople(event);
+        else if (m_socket)
+            m_socket->Send(LineOf(event));
+        else
+            m_session.out.Write(LineOf(event) + "\n");
+        StandBehind(event);
+        Remember();
+    }
+
+    std::string LineOf(const Event& event) const
+    {
+        if (m_options.xml)
+            return XmlText(event.xml);
+        if (m_options.format == "otlp")
+            return OtlpLine(event, m_source, VexCore::TimeNowMillis());
+        if (m_options.format == "syslog")
+            return SyslogRecord(event, m_source);
+        return JsonText(JsonOf(event));
+    }
+
+    void ShowForPeople(const Event& event)
+    {
+        char head[80];
+        const std::string time = event.timeMs ? LocalTime(*event.timeMs) : "-";
+        const std::string number = event.number ? std::to_string(*event.number) : "-";
+        std::snprintf(head, sizeof head, "%-19s  %-9s  %6s  ", time.c_str(), SeverityWord(event), number.c_str());
+        Print(head + Shown(event.text), ColourOf(event));
     }
 
     void Print(const std::string& line, Colour colour)
@@ -345,8 +531,11 @@ private:
     AgentDatabase m_database;
     const std::optional<std::int64_t> m_sinceMs, m_untilMs;
     std::optional<int> m_severity;
-    std::int64_t m_last = 0; // the id of the last event that was shown, or of the one before the first; 0: none
-    std::string m_lastKey; // of the one that was shown; empty for the one before the first
+    EventSource m_source;
+    std::optional<EventSocket> m_socket;
+    std::optional<EventState> m_state;
+    EventPosition m_position; // of the last event that was shown
+    std::string m_trouble; // why the database could not be read; empty: it can be
 };
 
 } // namespace
@@ -355,16 +544,40 @@ Body AddEvents(Options& options)
 {
     const auto asked = std::make_shared<EventOptions>();
     options.Flag("-f,--follow", asked->follow, "Go on with the events to come");
-    options.Count("-n,--number", asked->number,
-                  "Only the last so many events; 0: all. Without it 100, with --since or --until all");
+    const Option number =
+        options.Count("-n,--number", asked->number,
+                      "Only the last so many events; 0: all. Without it 100, with --since or --until all");
     options.Text("--severity", asked->severity, "Only events that are at least so grave: 3 or error has 0, 1 and 2 too")
         .Check(WhyNoSeverity)
         .Type("SEVERITY");
     asked->span.AddTo(options);
-    options.Text("--after", asked->after, "All events behind the one of this key, which --json shows").Type("KEY");
-    const Option json = options.Flag("--json", asked->json, "One JSON object an event");
-    options.Flag("--xml", asked->xml, "One XML element an event, as the agent wrote it").Excludes(json);
-    return [asked](Session& session) { return EventCommand(session, *asked).Run(); };
+    const Option after =
+        options.Text("--after", asked->after, "All events behind the one of this key, which --json shows").Type("KEY");
+    const Option json = options.Flag("--json", asked->json, "One JSON object an event, as --format=json");
+    const Option xml =
+        options.Flag("--xml", asked->xml, "One XML element an event, as the agent wrote it").Excludes(json);
+    options
+        .Text("--format", asked->format,
+              "One line an event for a collector: an object of JSON, LogsData of OpenTelemetry, or RFC 5424")
+        .OneOf({"json", "otlp", "syslog"})
+        .Excludes(json)
+        .Excludes(xml);
+    options.Text("--socket", asked->socket, "With --format=syslog: to this local socket, such as /dev/log")
+        .Type("PATH");
+    options
+        .Text(
+            "--state", asked->state,
+            "Begin where this file says that the last run stood, with all events where there is none yet, and keep it")
+        .Type("FILE")
+        .Excludes(after)
+        .Excludes(number);
+    return [asked](Session& session) {
+        if (!asked->socket.empty() && asked->format != "syslog")
+            throw Failure("--socket goes with --format=syslog alone");
+        if (!asked->state.empty() && asked->span.Given())
+            throw Failure("--state begins where the last run stood: --since and --until do not go with it");
+        return EventCommand(session, *asked).Run();
+    };
 }
 
 } // namespace Vexctl
