@@ -3,42 +3,16 @@
 
 #include "vex_core/zip/zip_directory.h"
 
-#include "vex_core/base/hex.h"
 #include "vex_core/zip/zip_extra.h"
 #include "vex_core/zip/zip_format.h"
 
 #include <algorithm>
-#include <array>
-#include <memory>
 #include <numeric>
 
-#include <openssl/evp.h>
+#include <libdeflate.h>
 
 namespace VexCore::Zip {
 namespace {
-class Sha256
-{
-public:
-    Sha256() : m_context(EVP_MD_CTX_new(), EVP_MD_CTX_free)
-    {
-        if (!m_context || EVP_DigestInit_ex(m_context.get(), EVP_sha256(), nullptr) != 1)
-            throw Refused("SHA-256 is not available");
-    }
-
-    void Add(const unsigned char* data, std::size_t size) { EVP_DigestUpdate(m_context.get(), data, size); }
-
-    std::string Hex()
-    {
-        std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
-        unsigned size = 0;
-        EVP_DigestFinal_ex(m_context.get(), digest.data(), &size);
-        return VexCore::Hex(digest.data(), size);
-    }
-
-private:
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> m_context;
-};
-
 // The low byte holds the attributes of DOS, the high half a Unix mode, by whatever system the entry was made.
 void CheckType(const ZipEntry& entry, std::uint32_t attributes)
 {
@@ -139,12 +113,11 @@ Directory ReadDirectory(Window& window, const DirectoryPlace& place, const ZipLi
         throw Refused("the count of its entries is wrong");
     Directory directory;
     directory.entries.reserve(static_cast<std::size_t>(place.count));
-    Sha256 hash;
     std::uint64_t left = limits.maxBytes;
     std::uint64_t at = place.offset;
     for (std::uint64_t i = 0; i < place.count; ++i) {
         const Record record = RecordAt(window, at, place.end);
-        hash.Add(record.bytes, record.length);
+        directory.checksum = libdeflate_crc32(directory.checksum, record.bytes, record.length);
         at += record.length;
         Apply(reasons, [&] {
             ZipEntry entry = ParseRecord(record.bytes, record.nameSize, record.extraSize);
@@ -156,7 +129,6 @@ Directory ReadDirectory(Window& window, const DirectoryPlace& place, const ZipLi
     }
     if (at != place.end)
         throw Refused("the count of its entries is wrong");
-    directory.sha256 = hash.Hex();
     return directory;
 }
 

@@ -14,7 +14,7 @@ namespace VexCore::Zip {
 struct Directory
 {
     std::vector<ZipEntry> entries; ///< in the order of the records; `dataOffset` is not known from here
-    std::string sha256; ///< of all records' bytes, in lower-case hex
+    std::uint32_t checksum = 0; ///< of all records' bytes: a CRC-32
 };
 
 /// Throws Refused. With `reasons`, records that break a rule are told there and left out.

@@ -17,9 +17,19 @@ bool IsControl(char32_t character)
     return character < 0x20 || (character >= 0x7f && character < 0xa0);
 }
 
+// What nearly all names are made of, and needs no decoding.
+bool IsPlain(char c)
+{
+    return c >= ' ' && c <= '~' && c != '\\' && c != ':';
+}
+
 const char* WhyCharactersAreRefused(std::string_view name)
 {
-    while (!name.empty()) {
+    for (;;) {
+        while (!name.empty() && IsPlain(name.front()))
+            name.remove_prefix(1);
+        if (name.empty())
+            return nullptr;
         char32_t character = 0;
         const std::size_t length = DecodeUtf8(name, character);
         if (length == 0)
@@ -32,7 +42,6 @@ const char* WhyCharactersAreRefused(std::string_view name)
             return "its name has a colon";
         name.remove_prefix(length);
     }
-    return nullptr;
 }
 
 const char* WhyComponentIsRefused(std::string_view component)

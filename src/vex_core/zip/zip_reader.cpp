@@ -2,17 +2,46 @@
 // and zip_tiling.cpp, in this order. Reading of entries: zip_data.cpp.
 #include "vex_core/zip/zip_reader.h"
 
+#include "vex_core/base/hex.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/zip/zip_directory.h"
 #include "vex_core/zip/zip_tiling.h"
 
 #include <algorithm>
+#include <array>
 #include <new>
 
 #include <fcntl.h>
+#include <libdeflate.h>
+#include <openssl/evp.h>
 
 namespace VexCore {
+namespace {
+class Sha256
+{
+public:
+    Sha256() : m_context(EVP_MD_CTX_new(), EVP_MD_CTX_free)
+    {
+        if (!m_context || EVP_DigestInit_ex(m_context.get(), EVP_sha256(), nullptr) != 1)
+            throw Zip::Refused("SHA-256 is not available");
+    }
+
+    void Add(const unsigned char* data, std::size_t size) { EVP_DigestUpdate(m_context.get(), data, size); }
+
+    std::string Hex()
+    {
+        std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
+        unsigned size = 0;
+        EVP_DigestFinal_ex(m_context.get(), digest.data(), &size);
+        return VexCore::Hex(digest.data(), size);
+    }
+
+private:
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> m_context;
+};
+
+} // namespace
 
 std::shared_ptr<const ZipArchive> ZipArchive::OpenChecked(const std::string& path, const ZipLimits& limits,
                                                           std::vector<std::string>* reasons)
@@ -39,7 +68,9 @@ std::shared_ptr<const ZipArchive> ZipArchive::OpenChecked(const std::string& pat
     if (isRefused())
         return nullptr;
     archive->m_entries = std::move(directory.entries);
-    archive->m_directorySha256 = std::move(directory.sha256);
+    archive->m_directoryOffset = place.offset;
+    archive->m_directoryEnd = place.end;
+    archive->m_directoryChecksum = directory.checksum;
     return archive;
 }
 
@@ -74,6 +105,25 @@ const ZipEntry* ZipArchive::Find(std::string_view name) const
     if (found == m_byName.end() || m_entries[*found].name != name)
         return nullptr;
     return &m_entries[*found];
+}
+
+std::string ZipArchive::DirectorySha256() const
+try {
+    constexpr std::uint64_t pieceBytes = 64 * 1024;
+    Zip::Window window(m_file.Get(), m_directoryEnd);
+    Sha256 hash;
+    std::uint32_t checksum = 0;
+    for (std::uint64_t at = m_directoryOffset; at < m_directoryEnd;) {
+        const std::size_t size = static_cast<std::size_t>(std::min(pieceBytes, m_directoryEnd - at));
+        const unsigned char* const piece = window.At(at, size);
+        checksum = libdeflate_crc32(checksum, piece, size);
+        hash.Add(piece, size);
+        at += size;
+    }
+    // A file that was written in place meanwhile: chunks of these entries must not be kept under the name of others.
+    return checksum == m_directoryChecksum ? hash.Hex() : std::string();
+} catch (const Zip::Refused&) { // cut short, or cannot be read
+    return std::string();
 }
 
 } // namespace VexCore

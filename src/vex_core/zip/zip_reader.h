@@ -59,8 +59,9 @@ public:
         return number < m_entries.size() && m_entries[number].name == name ? &m_entries[number] : nullptr;
     }
     /// The directory's bytes from first record to end record, as a SHA-256 in lower-case hex: names what the archive
-    /// holds (the directory has every entry's checksum and size).
-    const std::string& DirectorySha256() const { return m_directorySha256; }
+    /// holds (the directory has every entry's checksum and size). Reads the directory again, as most who open an
+    /// archive do not ask. Empty when it cannot be read or is another one by now.
+    std::string DirectorySha256() const;
 
     /// Gets chunks of an entry in order; false stops the reading.
     using Sink = std::function<bool(const char* data, std::size_t size)>;
@@ -81,7 +82,9 @@ private:
     os::FileIdentity m_identity;
     std::vector<ZipEntry> m_entries;
     std::vector<std::uint32_t> m_byName; // indexes of m_entries, in the order of ComparePaths
-    std::string m_directorySha256;
+    std::uint64_t m_directoryOffset = 0; // in the file
+    std::uint64_t m_directoryEnd = 0;
+    std::uint32_t m_directoryChecksum = 0; // of its bytes when they were checked
 };
 
 } // namespace VexCore

@@ -117,6 +117,9 @@ TEST_F(SearchPath, AnArchiveThatGoesAndComesIsSeenWithinASecond)
     EXPECT_FALSE(gone->items[0].archive);
     EXPECT_EQ(gone->items[0].failure, "cannot be opened: No such file or directory");
     EXPECT_EQ(ArchiveOf(*gone, "a"), NameTable::none);
+    ::Test::WriteFile(path, "no archive");
+    m_clock.Pass(1000);
+    EXPECT_NE(search->Current(ZipLimits())->items[0].failure, gone->items[0].failure) << "of no use for another reason";
     Write("x.vxe", "b");
     m_clock.Pass(1000);
     EXPECT_EQ(ArchiveOf(*search->Current(ZipLimits()), "b"), 0u);

@@ -1,5 +1,6 @@
 // The reader against archives built for each rule:
 // what is refused says which entry and why, what is valid is read whole.
+#include "vex_core/base/hex.h"
 #include "vex_core/zip/zip_names.h"
 #include "vex_core/zip/zip_reader.h"
 
@@ -19,6 +20,7 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <openssl/sha.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -351,6 +353,34 @@ TEST_F(ZipReader, DirectoryHashNamesTheContentAndNotTheFile)
     EXPECT_NE(Need(Open(builder))->DirectorySha256(), first);
     EXPECT_EQ(Need(Open(ZipBuilder()))->DirectorySha256(),
               "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+}
+
+TEST_F(ZipReader, TheHashIsThatOfAllRecordsOfALongDirectory)
+{
+    ZipBuilder builder;
+    for (int i = 0; i < 3000; ++i)
+        builder.Add("folder/file" + std::to_string(i), "x", 0);
+    const std::string bytes = builder.Build();
+    const std::string directory = bytes.substr(bytes.find("PK\1\2"), bytes.rfind("PK\5\6") - bytes.find("PK\1\2"));
+    ASSERT_GT(directory.size(), 150000u) << "several pieces";
+    unsigned char digest[SHA256_DIGEST_LENGTH];
+    SHA256(reinterpret_cast<const unsigned char*>(directory.data()), directory.size(), digest);
+    EXPECT_EQ(Need(Open(bytes))->DirectorySha256(), Hex(digest, sizeof digest));
+}
+
+TEST_F(ZipReader, ADirectoryThatWasWrittenOverOrCutShortHasNoHash)
+{
+    const std::string bytes = PlainPackage().Build();
+    const auto archive = Need(Open(bytes));
+    ASSERT_EQ(archive->DirectorySha256().size(), 64u);
+    std::string other = bytes;
+    other[bytes.rfind("lib/a.lua")] ^= 1; // in the directory, where the names stand last
+    WriteFile(m_file, other);
+    EXPECT_EQ(archive->DirectorySha256(), "");
+    WriteFile(m_file, bytes.substr(0, bytes.size() - 30));
+    EXPECT_EQ(archive->DirectorySha256(), "");
+    WriteFile(m_file, bytes);
+    EXPECT_EQ(archive->DirectorySha256().size(), 64u);
 }
 
 TEST_F(ZipReader, IdentityTellsAReplacedFile)
