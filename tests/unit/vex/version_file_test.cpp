@@ -140,9 +140,11 @@ TEST(VersionFile, BytesThatAreNoTextDoNotMatter)
 
 TEST(VersionFile, LineAcrossABlockIsRead)
 {
-    for (std::size_t pad = (64 << 10) - 20; pad < (64 << 10) + 4; ++pad)
-        ASSERT_EQ(Verdict(std::string(pad, 'x') + "\nversion: 7.1.2-1\n"), "7.1.2-1") << pad;
-    EXPECT_EQ(Verdict(std::string(64 << 10, 'x')), "no line");
+    for (const std::size_t block : {4 << 10, 16 << 10, 64 << 10}) {
+        for (std::size_t pad = block - 20; pad < block + 4; ++pad)
+            ASSERT_EQ(Verdict(std::string(pad, 'x') + "\nversion: 7.1.2-1\n"), "7.1.2-1") << pad;
+        EXPECT_EQ(Verdict(std::string(block, 'x')), "no line");
+    }
 }
 
 TEST(VersionFile, AHundredMegabytesAreReadWithoutBeingHeld)

@@ -4,10 +4,10 @@
 #include "vex/apps/vex/version_file.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <vector>
 
 #include <wx/stream.h>
 
@@ -176,8 +176,9 @@ FileVersion ReadVersionFile(wxInputStream& stream)
 {
     // What lies behind is not looked at: no version file is that long, and a file with holes can pretend any length.
     constexpr std::size_t maxBytes = static_cast<std::size_t>(256) << 20;
-    constexpr std::size_t blockBytes = 64 << 10;
-    std::vector<unsigned char> block(blockBytes);
+    // On the stack, and only as much of it is touched as is read: of thousands of version files each is a line or two.
+    constexpr std::size_t blockBytes = 16 << 10;
+    std::array<unsigned char, blockBytes> block;
     Characters characters;
     VersionLine line;
     for (std::size_t total = 0; total < maxBytes; total += blockBytes) {
