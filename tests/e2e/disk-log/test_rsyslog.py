@@ -13,7 +13,7 @@ import pytest
 from conftest import PATIENCE, ROOT, send_signal, wait_until
 from own_dev import OwnDev
 
-pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(not shutil.which("rsyslogd"), reason="NO RSYSLOG here: tools/packages.txt names it")]
+pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(not shutil.which("rsyslogd"), reason="NO RSYSLOG here: tools/setup --wide installs it")]
 
 SEVERITIES = {"FATAL": "crit", "ERROR": "err", "WARNING": "warning", "MESSAGE": "notice", "INFO": "info", "DEBUG": "debug", "TRACE": "debug"}
 NUMBERS = {"crit": 2, "err": 3, "warning": 4, "notice": 5, "info": 6, "debug": 7}
