@@ -19,11 +19,13 @@ using Test::TempFolder;
 using Test::WriteFile;
 using VexCore::BoolSetting;
 using VexCore::CDom;
+using VexCore::ChoiceSetting;
 using VexCore::FindSetting;
 using VexCore::IntSetting;
 using VexCore::knownSettings;
 using VexCore::noStandard;
 using VexCore::Setting;
+using VexCore::SettingKind;
 using VexCore::SettingPlace;
 using VexCore::SettingsWatch;
 
@@ -41,10 +43,12 @@ TEST(KnownSettings, EachHasADefaultWithinItsRangeAndANameOfItsOwn)
     EXPECT_EQ(FindSetting(""), nullptr);
 }
 
-TEST(KnownSettings, EachOfAnOperatorsGroupHasADefault)
+TEST(KnownSettings, EachOfAnOperatorsGroupHasADefaultButForTexts)
 {
     for (const Setting& setting : knownSettings)
-        EXPECT_TRUE(setting.place != SettingPlace::Settings || setting.standard != noStandard) << setting.key;
+        if (setting.place == SettingPlace::Settings) {
+            EXPECT_EQ(setting.standard == noStandard, setting.kind == SettingKind::Text) << setting.key;
+        }
 }
 
 TEST(KnownSettings, ARowMayBeForAnyNameBehindAKey)
@@ -61,13 +65,15 @@ TEST(Settings, AbsentAndUnreadableAreTheDefault)
     const DomPtr dom = NewRoot();
     for (const Setting& setting : knownSettings)
         for (const char* text : {"", "many", "0x10", "1e3", "5 MB", "60 ; comment", "99999999999999999999"}) {
-            if (setting.place != SettingPlace::Settings)
+            if (setting.place != SettingPlace::Settings || setting.kind == SettingKind::Text)
                 continue;
             dom->Remove(setting.key);
             if (*text)
                 dom->Set(setting.key, text);
             if (IsInteger(setting.kind))
                 EXPECT_EQ(IntSetting(*dom, setting.key), setting.standard) << setting.key << '=' << text;
+            else if (setting.kind == SettingKind::Choice)
+                EXPECT_EQ(ChoiceSetting(*dom, setting.key), setting.standard) << setting.key << '=' << text;
             else
                 EXPECT_EQ(BoolSetting(*dom, setting.key), setting.standard != 0) << setting.key << '=' << text;
         }
