@@ -61,14 +61,17 @@ const char forgetKeysSql[] = "DELETE FROM agent_event_key WHERE seq < (SELECT ma
 // A few at a time, so that no event waits for others to go; each kind is found by an index, whatever else is there. The
 // latest stays in any case: its id must not be given again. ?1 is how many stay, ?2 the time before which they are too
 // old, ?3 now. Without a time, or with one to come, an event is never too old and goes by its number. One that came
-// behind an event that is not too old was written when the clock was wrong; it goes when that one has gone. The pluses
-// keep the search for that one by its id, where it is among the first, and have it made only when something is too old.
+// behind an event that is not too old was written when the clock was wrong; it goes when that one has gone. That one is
+// looked for among the first thousand, so that no event waits where all have grown too old; the plus has it looked for
+// only when something is too old.
 const char forgetOldestSql[] =
     "DELETE FROM agent_event WHERE id IN ("
     "SELECT * FROM (SELECT id FROM agent_event WHERE id <= (SELECT max(id) FROM agent_event) - ?1 ORDER BY id LIMIT 20)"
     " UNION "
     "SELECT * FROM (SELECT id FROM agent_event WHERE time_ms < ?2 AND +id < coalesce("
-    "(SELECT id FROM agent_event WHERE +time_ms >= ?2 AND +time_ms <= ?3 ORDER BY id LIMIT 1),"
+    "(SELECT id FROM (SELECT id, time_ms FROM agent_event ORDER BY id LIMIT 1000)"
+    " WHERE time_ms >= ?2 AND time_ms <= ?3 ORDER BY id LIMIT 1),"
+    " (SELECT id FROM agent_event ORDER BY id LIMIT 1 OFFSET 1000),"
     " (SELECT max(id) FROM agent_event)) ORDER BY time_ms, id LIMIT 20)"
     " ORDER BY 1 LIMIT 20)";
 
