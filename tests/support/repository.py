@@ -11,7 +11,7 @@ from conftest import ROOT
 FOLDER = "/srv/vx-agent"
 INDEX = FOLDER + "/dists/{suite}/main/binary-amd64/Packages"
 # Nothing asks, and no program of the machine's own configuration runs.
-ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8", "DEBIAN_FRONTEND": "noninteractive", "HOME": "/root",
+ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8", "DEBIAN_FRONTEND": "noninteractive", "HOME": "/tmp",
                "GNUPGHOME": "/tmp/keys"}
 
 
