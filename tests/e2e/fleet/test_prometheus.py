@@ -23,6 +23,7 @@ def written():
     return set(re.findall(r'"(vex_\w+)"', text(ROOT, "lua/vx_agent/metrics.lua"))) | {f"vex_host_load{number}" for number in (1, 5, 15)}
 
 
+@pytest.mark.quick
 def test_the_page_lists_what_the_agent_writes():
     section = re.search(r"^## Metrics$(.*?)^## ", text(ROOT, "docs/FORMATS.md"), re.M | re.S)[1]
     listed = {name for row in re.findall(r"^\| `vex_.*", section, re.M) for name in re.findall(r"`(vex_\w+)`", row.split(" | ")[0])}

@@ -84,7 +84,7 @@ def test_the_page_of_the_settings_has_each_key_with_its_range_and_default():
 def test_the_page_of_events_has_those_of_the_launcher():
     with open(os.path.join(ROOT, "docs/FORMATS.md"), encoding="utf-8") as file:
         documented = re.findall(r"^\| (51\d\d) \| (\d) ", file.read(), re.M)
-    assert documented == re.findall(r"^\.It (51\d\d) Ta (\d) Ta", source("man7/vx_agent-events.7"), re.M) and len(documented) == 4
+    assert documented == re.findall(r"^\.It (51\d\d) Ta (\d) Ta", source("man7/vx_agent-events.7"), re.M) and len(documented) == 6
 
 
 @pytest.mark.parametrize("page", PAGES)

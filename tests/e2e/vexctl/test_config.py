@@ -26,6 +26,8 @@ def test_without_any_file_the_defaults_are_in_force(tree):
         "KEY                    VALUE             FROM\n"
         "app.log.count          5 files           default\n"
         "app.log.size           10485760 bytes    default\n"
+        "app.log.syslog         off               default\n"
+        "app.log.syslog.level   info              default\n"
         "vex.HeartbeatInterval  60 seconds        default\n"
         "vex.HeartbeatKeepDays  30 days           default\n"
         "vex.HeartbeatKeepRows  50000 heartbeats  default\n")
