@@ -198,6 +198,25 @@ TEST(AgentDatabase, AWriteAheadLogIsReadWithWhatIsOnlyInIt)
     EXPECT_EQ(sum, 111);
 }
 
+TEST(AgentDatabase, AReaderSeesOneStateOfAWriteAheadLogWhateverIsCommittedMeanwhile)
+{
+    const TempFolder folder;
+    Make(folder / "a.db", "WAL");
+    SqliteConnection writer;
+    ASSERT_TRUE(writer.Open(folder / "a.db", 0));
+    SqliteStatement(writer, "PRAGMA journal_mode=WAL").Step();
+    ASSERT_TRUE(writer.Exec("INSERT INTO t VALUES(20)"));
+    AgentDatabase database(folder / "a.db");
+    std::int64_t before = 0, behind = 0;
+    EXPECT_TRUE(database.Read([&](SqliteConnection& db) {
+        return ReadSum(db, before) && writer.Exec("INSERT INTO t VALUES(300)") && ReadSum(db, behind);
+    }));
+    EXPECT_EQ(before, 21);
+    EXPECT_EQ(behind, 21);
+    EXPECT_TRUE(database.Read([&](SqliteConnection& db) { return ReadSum(db, behind); }));
+    EXPECT_EQ(behind, 321);
+}
+
 TEST(EventKeys, AreAnEventsOwn)
 {
     const std::string key = EventKey(17, "<agent_event number=\"1\"/>");

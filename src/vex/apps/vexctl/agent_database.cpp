@@ -68,10 +68,19 @@ bool AgentDatabase::OpenFor(const Condition& condition)
     return m_db.OpenForReading(m_path, !condition.hasWriteAheadLog);
 }
 
+// With a write-ahead log others commit meanwhile: in a transaction all that a reader asks is of one state.
+bool AgentDatabase::ReadOneState(const Reader& reader)
+{
+    const bool read = m_db.Exec("BEGIN") && reader(m_db) && m_db.Exec("ROLLBACK");
+    if (!read)
+        m_db.Close(); // with the transaction
+    return read;
+}
+
 // Whether what was read counts.
 bool AgentDatabase::ReadOnce(const Condition& before, const Reader& reader)
 {
-    const bool read = OpenFor(before) && reader(m_db);
+    const bool read = OpenFor(before) && ReadOneState(reader);
     if (read && before.hasWriteAheadLog)
         return true;
     if (!Look().SameAs(before)) {

@@ -21,11 +21,11 @@ class AgentDatabase
 public:
     explicit AgentDatabase(std::string path) : m_path(std::move(path)) {}
 
-    /// Reads something; false when SQLite fails. May run several times, so it begins with what it has found so far
-    /// forgotten.
+    /// Reads something of one state of the database; false when SQLite fails. May run several times, so it begins with
+    /// what it has found so far forgotten. Throws nothing.
     using Reader = std::function<bool(VexCore::SqliteConnection& db)>;
 
-    /// False: there is no such file, or nothing in it yet. Throws Failure when it cannot be read: with the file, the
+    /// False: there is no such file, or nothing in it yet, and what the reader may have found does not count. Throws Failure when it cannot be read: with the file, the
     /// reason, and what to do.
     bool Read(const Reader& reader);
 
@@ -53,6 +53,7 @@ private:
 
     Condition Look() const;
     bool OpenFor(const Condition& condition);
+    bool ReadOneState(const Reader& reader);
     bool ReadOnce(const Condition& before, const Reader& reader);
 
     const std::string m_path;
