@@ -1,13 +1,13 @@
 #include "vex/apps/vexctl/command.h"
 #include "vex/apps/vexctl/event_socket.h"
 
+#include "support/joining_thread.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
 
 #include <future>
 #include <string>
-#include <thread>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 using namespace Vexctl;
+using ::Test::JoiningThread;
 using ::Test::TempFolder;
 
 namespace {
@@ -93,7 +94,7 @@ TEST_F(EventSockets, ARecordWaitsForALoggerThatIsNotThere)
 {
     std::promise<void> hasNoted;
     std::string notes;
-    std::thread sender([&] {
+    JoiningThread sender([&] {
         EventSocket socket(m_path, [&](const std::string& text) {
             if (notes.empty())
                 hasNoted.set_value();
@@ -128,7 +129,7 @@ TEST_F(EventSockets, NothingIsLostWhereALoggerIsSlowerThanTheEvents)
 {
     constexpr int records = 2000;
     const Logger logger(m_path, SOCK_DGRAM);
-    std::thread sender([this] {
+    JoiningThread sender([this] {
         for (int number = 0; number < records; ++number)
             m_socket.Send(std::to_string(number));
     });
@@ -141,7 +142,7 @@ TEST_F(EventSockets, WhatNoDatagramHoldsIsCutAndTold)
 {
     const Logger logger(m_path, SOCK_DGRAM);
     std::string got;
-    std::thread reader([&] { got = logger.Datagram(); });
+    JoiningThread reader([&] { got = logger.Datagram(); });
     m_socket.Send(std::string(64u << 20, 'x'));
     reader.join();
     EXPECT_EQ(got.substr(0, 1000), std::string(1000, 'x'));
