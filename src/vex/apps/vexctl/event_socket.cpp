@@ -13,6 +13,8 @@ namespace {
 constexpr long betweenSendsMs = 1000;
 // A logger that has much to do at the moment is no trouble.
 constexpr std::int64_t loggerPatienceMs = 5000;
+// Less is cut of no record: a logger that does not take even that is in trouble.
+constexpr std::size_t leastBytes = 1024;
 
 // At the end of a character of UTF-8.
 std::string Cut(const std::string& record, std::size_t bytes)
@@ -52,8 +54,11 @@ void EventSocket::Send(std::string record)
                        + ": it was cut to " + std::to_string(record.size()));
             return;
         case os::LogSocket::Sent::TooLong:
-            record = Cut(record, record.size() / 2);
-            break;
+            if (record.size() >= leastBytes) {
+                record = Cut(record, record.size() / 2);
+                break;
+            }
+            [[fallthrough]];
         case os::LogSocket::Sent::NoRoom:
             if (patience.LeftMs() == 0)
                 TellTrouble("its reader does not keep up");
