@@ -26,7 +26,9 @@ class EventStates : public testing::Test
 protected:
     EventState Open(const std::string& hostId = host, const std::string& agent = "vx_agent")
     {
-        return EventState(m_path, hostId, agent, [this](const std::string& text) { m_notes += text + "\n"; });
+        return EventState(
+            m_path, hostId, agent, [this](const std::string& text) { m_notes += text + "\n"; },
+            [this] { return m_nowMs; });
     }
 
     std::string WhyNot(const std::string& hostId = host, const std::string& agent = "vx_agent")
@@ -42,6 +44,7 @@ protected:
     const TempFolder m_folder;
     const std::string m_path = m_folder / "state";
     std::string m_notes;
+    std::int64_t m_nowMs = 1'000'000;
     const EventPosition m_position{"17-0123456789abcdef", 17, "1:2", {"events.db.damaged-5"}};
 };
 
@@ -79,8 +82,13 @@ TEST_F(EventStates, AreWrittenOnceASecondAndInTheEnd)
         EventState state = Open();
         state.Begin({});
         const std::string before = ReadFile(m_path);
+        m_nowMs += 999;
         state.Set(m_position);
         EXPECT_EQ(ReadFile(m_path), before);
+        m_nowMs += 1;
+        state.Set({"", 18, "1:2", {}});
+        EXPECT_NE(ReadFile(m_path).find("\"id\": 18"), std::string::npos);
+        state.Set(m_position);
     }
     EXPECT_NE(ReadFile(m_path).find("\"id\": 17"), std::string::npos);
 }
@@ -92,7 +100,12 @@ TEST_F(EventStates, WhatIsNoStateIsToldAndLeftAlone)
     for (const std::string& text :
          {std::string(), std::string("nonsense"), good.substr(0, good.size() - 1), std::string("[]"), std::string("{}"),
           std::string("{\"vexctl_events_state\":1}"), std::string(100, '\0'), std::string(2'000'000, ' ') + good,
-          std::string(good).replace(good.find("\"id\":0"), 6, "\"id\":\"0\""), "\xff" + good}) {
+          std::string(good).replace(good.find("\"id\":0"), 6, "\"id\":\"0\""),
+          std::string(good).replace(good.find("\"id\":0"), 6, "\"id\":true"),
+          std::string(good).replace(good.find("\"id\":0"), 6, "\"id\":1e300"),
+          std::string(good).replace(good.find("\"id\":0"), 6, "\"id\":0.5"),
+          std::string(good).replace(good.find(":1,"), 3, ":true,"),
+          std::string(good).replace(good.find(":1,"), 3, ":1.5,"), "\xff" + good}) {
         WriteFile(m_path, text);
         EXPECT_EQ(WhyNot(), m_path + " is no state of vexctl events, or is damaged" + remedy) << text.substr(0, 100);
         EXPECT_EQ(ReadFile(m_path), text);
@@ -153,6 +166,32 @@ TEST_F(EventStates, AFullDiskIsToldOnceAndWhatWasWrittenLastStays)
     EXPECT_TRUE(state.Save());
     EXPECT_EQ(m_notes, m_path + " is written again\n");
     EXPECT_NE(ReadFile(m_path), before);
+}
+
+TEST_F(EventStates, AFullDiskIsNotTriedAgainAtOnceByWhoeverAsksOften)
+{
+    EventState state = Open();
+    state.Begin({});
+    bool isFull = true;
+    int tries = 0;
+    const CallWatch watch([&](const Call& call) {
+        tries += call.path && m_path + ".new" == call.path && call.name == std::string_view("open") ? 1 : 0;
+        return isFull && call.name == std::string_view("write") ? ENOSPC : 0;
+    });
+    m_nowMs += 1000;
+    state.Set(m_position);
+    EXPECT_EQ(tries, 1);
+    m_nowMs += 4999;
+    EXPECT_FALSE(state.SaveWhenDue());
+    state.Set({"", 18, "1:2", {}});
+    EXPECT_EQ(tries, 1);
+    m_nowMs += 1;
+    EXPECT_FALSE(state.SaveWhenDue());
+    EXPECT_EQ(tries, 2);
+    isFull = false;
+    m_nowMs += 5000;
+    EXPECT_TRUE(state.SaveWhenDue());
+    EXPECT_EQ(tries, 3);
 }
 
 TEST_F(EventStates, ADiskThatIsFullFromTheBeginIsNoReasonToEnd)

@@ -4,7 +4,6 @@
 #include "vex/apps/vexctl/json_text.h"
 #include "vex/apps/vexctl/new_file.h"
 
-#include "vex_core/base/steady_ms.h"
 #include "vex_core/os/error.h"
 #include "vex_core/os/file_lock.h"
 #include "vex_core/os/files.h"
@@ -31,12 +30,18 @@ bool MeansFull(int error)
     return error == ENOSPC || error == EDQUOT;
 }
 
+// The library makes whole numbers of true and of fractions; what it says of a text is said of those, too.
+std::int64_t WholeNumber(const Json& json)
+{
+    return (json.is_number_integer() ? json : Json("")).get<std::int64_t>();
+}
+
 // Throws an exception of the library where something is missing or of another type.
 EventPosition PositionOf(const Json& json)
 {
     EventPosition position;
     json.at("key").get_to(position.key);
-    json.at("id").get_to(position.id);
+    position.id = WholeNumber(json.at("id"));
     json.at("database").get_to(position.database);
     json.at("done").get_to(position.done);
     return position;
@@ -45,8 +50,9 @@ EventPosition PositionOf(const Json& json)
 } // namespace
 
 EventState::EventState(std::string path, std::string hostId, std::string agent,
-                       std::function<void(const std::string&)> note)
-    : m_path(std::move(path)), m_hostId(std::move(hostId)), m_agent(std::move(agent)), m_note(std::move(note))
+                       std::function<void(const std::string&)> note, std::function<std::int64_t()> nowMs)
+    : m_path(std::move(path)), m_hostId(std::move(hostId)), m_agent(std::move(agent)), m_note(std::move(note)),
+      m_nowMs(std::move(nowMs))
 {
     ExpectRoomForFile(m_path);
     Lock();
@@ -90,7 +96,7 @@ void EventState::Load()
     std::string host, agent;
     try {
         const Json json = Json::parse(text);
-        const int version = json.at("vexctl_events_state").get<int>();
+        const std::int64_t version = WholeNumber(json.at("vexctl_events_state"));
         if (version != stateVersion)
             throw Failure(m_path + " is a state of version " + std::to_string(version) + ", and this is version "
                           + std::to_string(stateVersion) + remedy);
@@ -148,7 +154,7 @@ void EventState::Begin(const EventPosition& position)
         const std::lock_guard lock(m_lock);
         m_position = position;
         m_isSaved = Write();
-        m_savedMs = VexCore::SteadyMs();
+        m_savedMs = m_nowMs();
         m_isBegun = true;
         if (m_isSaved)
             return;
@@ -167,10 +173,20 @@ void EventState::Set(const EventPosition& position)
             return;
         m_position = position;
         m_isSaved = false;
-        if (VexCore::SteadyMs() - m_savedMs < betweenSavesMs)
-            return;
     }
-    Save();
+    if (IsDue())
+        Save();
+}
+
+bool EventState::IsDue()
+{
+    const std::lock_guard lock(m_lock);
+    return m_nowMs() - m_savedMs >= (m_isInTrouble ? betweenTriesMs : betweenSavesMs);
+}
+
+bool EventState::SaveWhenDue()
+{
+    return (!m_isInTrouble || IsDue()) && Save();
 }
 
 bool EventState::Save()
@@ -181,7 +197,7 @@ bool EventState::Save()
         if (!m_isBegun || m_isSaved)
             return true;
         isSaved = m_isSaved = Write();
-        m_savedMs = VexCore::SteadyMs();
+        m_savedMs = m_nowMs();
     }
     Tell(isSaved);
     return isSaved;

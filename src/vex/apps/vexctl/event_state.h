@@ -4,6 +4,7 @@
 
 #include "vex/apps/vexctl/os/leftover.h"
 
+#include "vex_core/base/steady_ms.h"
 #include "vex_core/os/descriptor.h"
 
 #include <cstdint>
@@ -36,7 +37,9 @@ public:
     /// `hostId` may be empty: then nothing is compared. `note` gets a line when the file cannot be written, and when it
     /// can again. Throws Failure, and changes nothing, when another process has the file, or what is there is no state,
     /// or that of another host or agent.
-    EventState(std::string path, std::string hostId, std::string agent, std::function<void(const std::string&)> note);
+    /// `nowMs` is the steady clock.
+    EventState(std::string path, std::string hostId, std::string agent, std::function<void(const std::string&)> note,
+               std::function<std::int64_t()> nowMs = VexCore::SteadyMs);
     ~EventState();
 
     /// Where the last run stood; absent where there was no file.
@@ -44,10 +47,16 @@ public:
 
     /// Makes the file, or shows that it can be written. Throws Failure when it cannot, but for a disk that is full.
     void Begin(const EventPosition& position);
-    /// All up to here has been taken. Written when the last writing was a second ago.
+    /// All up to here has been taken. Written when the last writing was a second ago, or `betweenTriesMs` where it
+    /// failed.
     void Set(const EventPosition& position);
     /// Writes what is not written yet. False: it could not be, and has been noted.
     bool Save();
+    /// The same for whoever asks often: what could not be written is not tried again before `betweenTriesMs`. A try
+    /// makes and removes a file, which may be what wakes whoever asks.
+    bool SaveWhenDue();
+
+    static constexpr long betweenTriesMs = 5000;
 
 private:
     void Lock();
@@ -56,10 +65,12 @@ private:
     bool Write();
     void Tell(bool isSaved);
     void SaveQuietly();
+    bool IsDue();
 
     const std::string m_path;
     const std::string m_hostId, m_agent;
     const std::function<void(const std::string&)> m_note;
+    const std::function<std::int64_t()> m_nowMs;
     VexCore::os::Descriptor m_lockFile;
     std::optional<EventPosition> m_found;
     bool m_isInTrouble = false; // which has been noted
@@ -69,7 +80,7 @@ private:
     EventPosition m_position;
     bool m_isBegun = false;
     bool m_isSaved = false;
-    std::int64_t m_savedMs = 0; // when it was last tried, by the steady clock
+    std::int64_t m_savedMs = 0; // when it was last tried
 
     std::optional<os::Leftover> m_atSignal;
 };

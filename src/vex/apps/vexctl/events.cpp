@@ -37,7 +37,7 @@ namespace Vexctl {
 namespace {
 constexpr std::size_t usualEvents = 100;
 // Between two tries of what did not work and of whose change nobody tells.
-constexpr long betweenTriesMs = 5000;
+constexpr long betweenTriesMs = EventState::betweenTriesMs;
 
 struct EventOptions
 {
@@ -130,7 +130,7 @@ private:
     void Sleep(os::FolderWatch& watch)
     {
         m_session.out.Flush();
-        const bool isSaved = !m_state || m_state->Save();
+        const bool isSaved = !m_state || m_state->SaveWhenDue();
         const long timeoutMs = isSaved && m_trouble.empty() ? -1 : betweenTriesMs;
         // Nobody has to read an output that nothing is written to.
         if (watch.Wait(m_socket ? -1 : m_session.out.Descriptor(), timeoutMs) == os::FolderWatch::Woken::ReaderGone)
@@ -199,7 +199,7 @@ private:
     void BeginAfterStored(const std::string& key)
     {
         bool isGone = false;
-        m_database.Read([&](VexCore::SqliteConnection& db) {
+        const bool isThere = m_database.Read([&](VexCore::SqliteConnection& db) {
             std::optional<Event> event;
             const bool read = FindEventByStoredKey(db, key, event);
             m_position.id = event ? event->id : 0;
@@ -208,9 +208,20 @@ private:
             isGone = !event;
             return read;
         });
+        if (!isThere) {
+            ForgetPlace();
+            return;
+        }
         if (isGone)
             m_session.Note("the event of that key is not in " + m_database.Path()
                            + ": it was too old, or the database has been replaced; all events that are there follow");
+    }
+
+    void ForgetPlace()
+    {
+        m_position.id = 0;
+        m_position.key.clear();
+        m_position.database.clear();
     }
 
     // Such an event is found by its id, and known by its key: in another database its id may be another event's. Then
@@ -219,12 +230,14 @@ private:
     {
         m_position.id = id;
         m_position.key = key;
-        bool isThere = true;
-        m_database.Read([this, &isThere](VexCore::SqliteConnection& db) {
+        bool stands = true;
+        const bool isThere = m_database.Read([this, &stands](VexCore::SqliteConnection& db) {
             m_position.database = DatabaseName(m_database.Identity()); // which nobody can have told us
-            return StandsIn(db, isThere);
+            return StandsIn(db, stands);
         });
-        if (isThere)
+        if (!isThere)
+            m_position.database.clear(); // whatever was read before it went
+        if (!isThere || stands)
             return;
         m_position.id = 0;
         m_position.key.clear();
@@ -399,7 +412,7 @@ private:
     {
         const std::string sql = std::string(selectEvents) + " WHERE id > ?1" + Condition() + " ORDER BY id LIMIT ?2";
         Part part;
-        m_database.Read([&](VexCore::SqliteConnection& db) {
+        const bool isThere = m_database.Read([&](VexCore::SqliteConnection& db) {
             part = Part();
             part.database = DatabaseName(m_database.Identity());
             bool stands = true;
@@ -418,7 +431,7 @@ private:
             return result == VexCore::SqliteStatement::StepResult::Done
                    && (!part.isLast || FindNewest(db, part.newest));
         });
-        return part;
+        return isThere ? part : Part(); // a reading that was rejected before the file went does not count
     }
 
     void ShowAll()
