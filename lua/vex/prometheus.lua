@@ -116,17 +116,20 @@ function M:text()
   return table.concat(parts)
 end
 
---- The families of a text that `text` has made.
+--- The families of a text that `text` has made. What has no family's name is skipped.
 -- @return an iterator over name, text of the family, and the number of its samples
 function M.split(text)
   local position = 1
   return function()
-    if position > #text then return nil end
-    local stop = text:find("\n# HELP ", position, true) or #text
-    local family = text:sub(position, stop)
-    position = stop + 1
-    local _, lines = family:gsub("\n", "")
-    return family:match("^# HELP (%S+)"), family, lines - 2
+    while position <= #text do
+      local stop = text:find("\n# HELP ", position, true) or #text
+      local family = text:sub(position, stop)
+      position = stop + 1
+      local name = family:match("^# HELP (%S+)")
+      local _, lines = family:gsub("\n", "")
+      if name then return name, family, lines - 2 end
+    end
+    return nil
   end
 end
 

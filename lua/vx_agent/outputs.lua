@@ -72,11 +72,8 @@ function M:tell_same(same)
   end
 end
 
---- Writes the files, when the setting "app.out" has them written.
--- @param beat table with time_ms
-function M:write(beat)
-  self.beats = self.beats + 1
-  if not settings.bool("app.out") then return end
+-- Writes the files. What is not as it should be, nil for nothing.
+function M:write_files(beat)
   local dom, states, blocks = self.dom, {}, {}
   for index, plugin in ipairs(self.plugins) do
     states[index] = state_of(dom, plugin)
@@ -94,7 +91,18 @@ function M:write(beat)
   local _, problem = agent.write_output(name:gsub("/", "_") .. ".prom", text)
   local whole, message = report.json(report.whole(collected, dom, blocks))
   if whole then _, message = agent.write_output("report.json", whole) end
-  self:told(problem or message)
+  return problem or message
+end
+
+--- Writes the files, when the setting "app.out" has them written. Raises nothing: what anybody may have put into the
+-- domain is no reason for the agent not to beat.
+-- @param beat table with time_ms
+function M:write(beat)
+  self.beats = self.beats + 1
+  if not settings.bool("app.out") then return end
+  local ok, problem = pcall(self.write_files, self, beat)
+  if not ok then problem = tostring(problem) end
+  self:told(problem)
 end
 
 return M

@@ -105,4 +105,13 @@ function M.TestFamilies:test_a_text_is_split_into_its_families_and_put_together_
   for _ in prometheus.split("") do lu.fail("there is nothing in nothing") end
 end
 
+function M.TestFamilies:test_what_has_no_name_is_skipped_and_hides_no_family()
+  local family, found = "# HELP a A\n# TYPE a gauge\na 1\n", {}
+  for name, text, samples in prometheus.split("garbage\n# HELP \n" .. family .. "# HELP ") do
+    found[#found + 1] = name .. " " .. samples
+    lu.assertEquals(text, family)
+  end
+  lu.assertEquals(found, { "a 1" })
+end
+
 return M

@@ -102,6 +102,27 @@ function M.TestOutputs:test_a_file_that_cannot_be_written_is_told_once_until_it_
   })
 end
 
+function M.TestOutputs:test_garbage_among_the_metrics_costs_the_others_nothing()
+  dom0:Set("vex.plugin.p.metrics",
+    "\0garbage\n# HELP \n# HELP vex_plugin_p_x x\n# TYPE vex_plugin_p_x gauge\nvex_plugin_p_x 1\n")
+  self:beat({ { id = "p", name = "P", version = "1" } })
+  lu.assertStrContains(self.files["a_b.prom"], "\nvex_plugin_p_x 1\n")
+  lu.assertNotStrContains(self.files["a_b.prom"], "garbage")
+  lu.assertEquals(dom0.lines, {})
+end
+
+function M.TestOutputs:test_an_error_is_told_as_what_cannot_be_written_and_the_beat_goes_on()
+  local log_records = agent.log_records
+  agent.log_records = function() error("odd", 0) end
+  self:beat()
+  self:beat()
+  agent.log_records = log_records
+  self:beat()
+  lu.assertEquals(dom0.lines, {
+    "warning: Files for collectors: odd", "info: Files for collectors: all are written again",
+  })
+end
+
 function M.TestOutputs:test_metrics_of_one_name_are_told_once()
   for _, id in ipairs({ "a", "b" }) do
     dom0:Set("vex.plugin." .. id .. ".metrics", "# HELP vex_plugin_x x\n# TYPE vex_plugin_x gauge\nvex_plugin_x 1\n")
