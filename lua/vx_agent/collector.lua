@@ -39,8 +39,10 @@ local function keep(entry, dom, what, value) dom:Set("vex.plugin." .. entry.id .
 
 -- What of the figures is no metric is told once for each reason.
 local function keep_metrics(entry, dom, values)
-  if not settings.bool("app.out") then return end
-  local text, dropped, messages = plugin_metrics.text(entry.id, values, entry.author)
+  local text, dropped, messages = nil, nil, {}
+  if settings.bool("app.out") then
+    text, dropped, messages = plugin_metrics.text(entry.id, values, entry.author)
+  end
   keep(entry, dom, "metrics", text)
   keep(entry, dom, "dropped", dropped)
   entry.told_metrics = entry.told_metrics or {}
@@ -57,13 +59,15 @@ function M.collect(entry, dom)
   local begin = host.monotonic()
   local values, encoded = plugins.collect(entry, dom)
   keep(entry, dom, "seconds", ("%.6f"):format(host.monotonic() - begin))
+  if values then
+    keep_metrics(entry, dom, values)
+    keep(entry, dom, "values", encoded)
+    keep(entry, dom, "time", ("%d"):format(dom:TimeMillis()))
+  end
+  -- Last, because a beat may come at any moment: while there is an error it passes the rest over.
   keep(entry, dom, "error", not values and encoded or nil)
-  if not values then return false end
-  keep_metrics(entry, dom, values)
-  keep(entry, dom, "values", encoded)
-  keep(entry, dom, "time", ("%d"):format(dom:TimeMillis()))
-  log.debug("plugin %s: %s", entry.id, encoded)
-  return true
+  if values then log.debug("plugin %s: %s", entry.id, encoded) end
+  return values ~= nil
 end
 
 --- The worker's body.

@@ -137,11 +137,27 @@ vex_plugin_probe_count_total 7
   lu.assertEquals(told, 1, "once, though it collected twice")
 end
 
-function M.TestCollector:test_without_outputs_nobody_makes_metrics()
+function M.TestCollector:test_who_finds_no_error_finds_all_of_the_collection_that_went_well()
+  dom0:Set("vex.plugin.probe.error", "from before")
+  local set, last = dom0.Set, nil
+  function dom0:Set(key, value)
+    last = key
+    set(self, key, value)
+  end
+  dom0.waits = { false, "end" }
+  collector.run({ plugin = "probe" })
+  lu.assertEquals(last, "vex.plugin.probe.error")
+  lu.assertNil(dom0:Get("vex.plugin.probe.error"))
+end
+
+function M.TestCollector:test_without_outputs_nobody_makes_metrics_or_leaves_old_ones()
   self.has_outputs = false
+  dom0:Set("vex.plugin.probe.metrics", "old")
+  dom0:Set("vex.plugin.probe.dropped", 3)
   dom0.waits = { false, "end" }
   collector.run({ plugin = "probe" })
   lu.assertNil(dom0:Get("vex.plugin.probe.metrics"))
+  lu.assertNil(dom0:Get("vex.plugin.probe.dropped"))
   lu.assertNotNil(dom0:Get("vex.plugin.probe.values"))
 end
 
