@@ -1,9 +1,9 @@
 --- The worker that shows that the agent lives.
 --
 -- A beat is a row in heartbeat.db and, once the row is on stable storage, a line in the log; then the files for
--- collectors are written. It beats when it starts,
--- every "vex.HeartbeatInterval" seconds, and at once when "vex.HeartbeatNow" becomes true. Between beats it sleeps. An
--- interval that is written takes effect at once; once a minute it looks whether a file has another one.
+-- collectors are written. It beats when it starts, every "vex.HeartbeatInterval" seconds, and at once when
+-- "vex.HeartbeatNow" becomes true. Between beats it sleeps. An interval that is written counts at once, so that the
+-- next beat comes within the new interval; once a minute it looks whether a file has another one.
 
 local history = require("vx_agent.history")
 local host = require("vex.host")
