@@ -3,6 +3,8 @@
 
 #include "vex_core/domain/out_folder.h"
 
+#include "vex_core/base/steady_ms.h"
+#include "vex_core/domain/group_cache.h"
 #include "vex_core/domain/settings.h"
 #include "vex_core/domain/work_folder.h"
 #include "vex_core/os/error.h"
@@ -11,9 +13,7 @@
 #include "vex_core/os/process_info.h"
 
 #include <cerrno>
-#include <mutex>
 #include <optional>
-#include <utility>
 
 #include <fcntl.h>
 
@@ -28,20 +28,6 @@ struct Readers
     std::optional<gid_t> group;
 };
 
-// The system's table may be a server's: what it has told once is not asked again.
-std::optional<gid_t> GroupOfName(const std::string& name)
-{
-    static std::mutex& s_lock = *new std::mutex; // threads may come here while the process ends
-    static auto& s_last = *new std::pair<std::string, gid_t>; // guarded by s_lock
-    const std::lock_guard lock(s_lock);
-    if (!name.empty() && name == s_last.first)
-        return s_last.second;
-    const std::optional<gid_t> group = os::FindGroup(name);
-    if (group)
-        s_last = {name, *group};
-    return group;
-}
-
 Readers ReadersOf(const CDom& dom, std::string& problem)
 {
     Readers readers;
@@ -49,7 +35,8 @@ Readers ReadersOf(const CDom& dom, std::string& problem)
     std::string name;
     if (!dom.GetSetting("app.out.group", name) || name.empty())
         return readers;
-    readers.group = GroupOfName(name);
+    static GroupCache& s_groups = *new GroupCache; // threads may come here while the process ends
+    readers.group = s_groups.Get(name, SteadyMs(), os::FindGroup);
     if (!readers.group)
         problem = "the group '" + name
                   + "' of the setting app.out.group is not known to the system: make it, or name "
