@@ -7,7 +7,7 @@ local lu = require("luaunit")
 
 local M = { TestOutputs = {} }
 
-local write_output, bool = agent.write_output, settings.bool
+local write_output, log_records, bool, domain = agent.write_output, agent.log_records, settings.bool, dom0
 
 function M.TestOutputs:setUp()
   dom0 = fake_domain.new({ ["app.name"] = "a/b", ["app.version"] = "1.2.3-4" })
@@ -24,7 +24,7 @@ function M.TestOutputs:setUp()
 end
 
 function M.TestOutputs:tearDown()
-  agent.write_output, settings.bool = write_output, bool
+  agent.write_output, agent.log_records, settings.bool, dom0 = write_output, log_records, bool, domain
 end
 
 function M.TestOutputs:beat(plugins)
@@ -112,7 +112,6 @@ function M.TestOutputs:test_garbage_among_the_metrics_costs_the_others_nothing()
 end
 
 function M.TestOutputs:test_an_error_is_told_as_what_cannot_be_written_and_the_beat_goes_on()
-  local log_records = agent.log_records
   agent.log_records = function() error("odd", 0) end
   self:beat()
   self:beat()
