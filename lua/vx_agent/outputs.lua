@@ -84,7 +84,7 @@ function M:write_files(beat)
   local text, same = metrics.text({
     name = name, version = dom:Get("app.version"), facts = collected, plugins = states, beats = self.beats,
     beat_ms = beat.time_ms, interval = settings.int("vex.HeartbeatInterval"), started_ms = self.started_ms,
-    restarts = agent.restarts(), events = agent.events(), log_records = agent.log_records(),
+    restarts = tonumber(dom:Get("app.restart.count")) or 0, events = agent.events(), log_records = agent.log_records(),
     resident_memory = agent.resident_memory(),
   })
   self:tell_same(same)

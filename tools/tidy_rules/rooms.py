@@ -32,7 +32,7 @@ OPEN = {
               "work_folder.h",
     "log": "process_log.h",
     "crash": "signal_stack.h",
-    "process": "helper_program.h restarts.h run_program.h",
+    "process": "helper_program.h run_program.h",
     "threads": "ending.h thread_registry.h",
     "zip": "zip_reader.h",
     "database": "sqlite_connection.h",

@@ -11,7 +11,6 @@
 #include "vex_core/log/process_log.h"
 #include "vex_core/lua/lua_arguments.h"
 #include "vex_core/os/process_info.h"
-#include "vex_core/process/restarts.h"
 
 #include <algorithm>
 #include <string>
@@ -53,12 +52,6 @@ int AgentEvents(lua_State* L)
     return 1;
 }
 
-// restarts(): how many working children there were before this one.
-int AgentRestarts(lua_State* L)
-{
-    return PushCount(L, ForksBeforeThisProcess());
-}
-
 // resident_memory(): in bytes.
 int AgentResidentMemory(lua_State* L)
 {
@@ -89,10 +82,11 @@ int AgentWriteOutput(lua_State* L)
     return 2;
 }
 
-const luaL_Reg agentFunctions[] = {
-    {"log_records", Guarded<AgentLogRecords>},   {"events", Guarded<AgentEvents>},
-    {"restarts", Guarded<AgentRestarts>},        {"resident_memory", Guarded<AgentResidentMemory>},
-    {"write_output", Guarded<AgentWriteOutput>}, {nullptr, nullptr}};
+const luaL_Reg agentFunctions[] = {{"log_records", Guarded<AgentLogRecords>},
+                                   {"events", Guarded<AgentEvents>},
+                                   {"resident_memory", Guarded<AgentResidentMemory>},
+                                   {"write_output", Guarded<AgentWriteOutput>},
+                                   {nullptr, nullptr}};
 
 } // namespace
 

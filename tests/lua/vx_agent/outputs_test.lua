@@ -46,6 +46,14 @@ function M.TestOutputs:test_a_beat_writes_metrics_and_the_report()
   lu.assertStrContains(self.files["a_b.prom"], "\nvex_heartbeats_total 2\n")
 end
 
+function M.TestOutputs:test_the_restarts_are_those_that_the_launcher_tells_of()
+  self:beat()
+  lu.assertStrContains(self.files["a_b.prom"], "\nvex_restarts_total 0\n")
+  dom0:Set("app.restart.count", 3)
+  self:beat()
+  lu.assertStrContains(self.files["a_b.prom"], "\nvex_restarts_total 3\n")
+end
+
 function M.TestOutputs:test_nothing_is_written_where_the_setting_says_so()
   self.enabled = false
   self:beat()
