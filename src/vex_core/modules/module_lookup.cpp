@@ -55,9 +55,19 @@ LookupResult ModuleLookup::Find(const std::string& module)
     std::string base = module;
     std::replace(base.begin(), base.end(), '.', '/');
     LookupResult result = FindInArchives(base);
-    if (std::holds_alternative<UnreadableModule>(result) && ArchivesHaveChanged())
+    // It may be in an archive that was not there when the path was looked at last.
+    const bool mayHaveCome = std::holds_alternative<MissingModule>(result) && AnArchiveIsMissing();
+    if ((mayHaveCome || std::holds_alternative<UnreadableModule>(result)) && ArchivesHaveChanged())
         result = FindInArchives(base);
     return result;
+}
+
+bool ModuleLookup::AnArchiveIsMissing() const
+{
+    const std::shared_ptr<const FoundArchives> found = m_found.lock();
+    return !found || std::any_of(found->items.begin(), found->items.end(), [](const FoundArchives::Item& item) {
+        return !item.archive;
+    });
 }
 
 bool ModuleLookup::ArchivesHaveChanged()

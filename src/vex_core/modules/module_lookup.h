@@ -69,6 +69,7 @@ private:
     };
 
     void TakeSearchPath();
+    bool AnArchiveIsMissing() const;
     LookupResult FindInArchives(const std::string& base);
     // With the number of the entry where it is known.
     LookupResult LookInto(const std::shared_ptr<ModuleArchive>& archive, const std::string& file,
