@@ -25,8 +25,8 @@ public:
     /// what it has found so far forgotten. Throws nothing.
     using Reader = std::function<bool(VexCore::SqliteConnection& db)>;
 
-    /// False: there is no such file, or nothing in it yet, and what the reader may have found does not count. Throws Failure when it cannot be read: with the file, the
-    /// reason, and what to do.
+    /// False: there is no such file, or nothing in it yet, and what the reader may have found does not count. Throws
+    /// Failure when it cannot be read: with the file, the reason, and what to do.
     bool Read(const Reader& reader);
 
     const std::string& Path() const { return m_path; }
