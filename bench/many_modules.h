@@ -1,6 +1,8 @@
 #pragma once
 // Modules to require, and the time that it takes, for the benches of `require`.
 
+#include "figures.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -19,12 +21,6 @@ inline double ProcessorSeconds()
     struct timespec time;
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
-
-inline double Median(std::vector<double> values)
-{
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-    return values[values.size() / 2];
 }
 
 /// Code as people write it: a table of small functions with comments, to 2 KiB.
