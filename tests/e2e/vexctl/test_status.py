@@ -40,6 +40,25 @@ def test_a_running_agent_is_told_with_its_processes_its_heartbeat_and_its_versio
 
 
 @pytest.mark.sandbox
+def test_an_agent_with_a_run_folder_of_its_own_is_found_from_outside(tree, tmp_path):
+    # As the units of systemd have it: BindPaths=/run/vx_agent:/run, and the work folder elsewhere.
+    os.mkdir("/run/vx_agent")
+    os.mkdir(tmp_path / "state", 0o700)
+    waiting = tree.start("wait", "heartbeat", name="vexctl")
+    with open("/run/vx_agent.pid.lock", "w"):  # left by an agent that was once started by hand
+        pass
+    caged = ["unshare", "--mount", "sh", "-c", 'mount --bind /run/vx_agent /run && exec "$@"', "sh"]
+    assert tree.run("--background", "--workdir", str(tmp_path / "state"), prefix=caged).status == 0
+    assert waiting.wait(conftest.PATIENCE) == 0
+    told = status_of(tree, 0)
+    with open("/run/vx_agent/vx_agent.pid") as file:
+        supervisor = int(file.readline())
+    assert told["supervisor"]["pid"] == supervisor and told["work_folder"] == str(tmp_path / "state")
+    tree.stop(supervisor)
+    assert status_of(tree, 3)["state"] == "stopped"
+
+
+@pytest.mark.sandbox
 def test_a_restart_is_counted_and_its_cause_told(tree):
     supervisor, child = tree.background()
     ctl(tree, "wait", "heartbeat")

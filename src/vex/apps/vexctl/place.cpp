@@ -28,7 +28,14 @@ std::string Place::FileName() const
 
 std::string Place::PidFile() const
 {
-    return "/var/run/" + name + ".pid";
+    // Of a service of systemd /var/run/NAME is all of /var/run, and it goes when the service ends
+    // (packaging/vx_agent.service). Its lock is there before the pid file.
+    const std::string plain = "/var/run/" + name + ".pid";
+    const std::string caged = "/var/run/" + name + "/" + name + ".pid";
+    struct stat status = {};
+    const bool isCaged =
+        VexCore::os::Stat(caged.c_str(), status) == 0 || VexCore::os::Stat((caged + ".lock").c_str(), status) == 0;
+    return isCaged ? caged : plain;
 }
 
 std::string Place::LogFile() const

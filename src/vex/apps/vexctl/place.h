@@ -12,6 +12,7 @@ struct Place
     std::string binFolder; ///< where the executables lie
     std::string workFolder;
 
+    /// Looks where it is each time: an agent that systemd has started has a /var/run of its own.
     std::string PidFile() const;
     std::string LogFile() const;
     std::string EventsFile() const;
