@@ -150,7 +150,7 @@ class Machine:
     def run(self, *command, **options):
         """A command inside, as its root; `status` and `out` are its."""
         return subprocess.run(["nsenter", "-t", str(self.first), "-m", "-p", "-u", "-i", "-n", "-C", "--", *command],
-                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=180, **options)
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **{"timeout": 180, **options})
 
     def systemctl(self, *arguments):
         return self.run("systemctl", *arguments)
