@@ -81,7 +81,7 @@ def test_what_only_the_wide_tests_use_may_be_missing(tmp_path):
     assert (first.returncode, first.stderr) == (0, "")
     assert re.fullmatch(r"setup: installing g\+\+ .*\nsetup: \d+ packages installed\n", first.stdout) and "chromium" not in first.stdout
     wide = call("tools/setup", "--wide", env=environment, capture_output=True, text=True)
-    assert (wide.returncode, wide.stdout) == (0, first.stdout + "setup: installing chromium prometheus rsyslog ansible-core prometheus-node-exporter collectd-core\n")
+    assert (wide.returncode, wide.stdout) == (0, first.stdout + "setup: installing chromium prometheus rsyslog ansible-core prometheus-node-exporter collectd-core unattended-upgrades\n")
     assert wide.stderr == ("no such package\nsetup: the installation failed; its last lines stand above\n"
                            "setup: without the packages of tools/packages-wide.txt the tests that use them are skipped, and say so\n")
     (tmp_path / "apt-get").write_text("#!/bin/sh\nexit 100\n")

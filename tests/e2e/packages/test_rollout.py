@@ -4,6 +4,7 @@ import hashlib
 import json
 import os
 import re
+import shutil
 import signal
 import sys
 
@@ -191,6 +192,33 @@ def test_a_held_host_takes_no_version_until_it_is_let_go(repository, debs, newer
     repository.page("on again")
     repository.page("an upgrade")
     assert repository.version() == "ii " + NEWER
+
+
+@pytest.mark.skipif(not shutil.which("unattended-upgrade"), reason="NO UNATTENDED-UPGRADES here: tools/setup --wide installs it")
+def test_a_host_takes_what_its_suite_offers_by_itself(root, repository, debs, newer):
+    repository.add(debs["vx-agent"], DEB_VERSION)
+    repository.promote(DEB_VERSION, "all")
+    repository.page("a host", suite="all")
+    with open(root.file("/etc/apt/apt.conf.d/52vx-agent"), "w", encoding="utf-8") as file:
+        file.write(told("unattended"))
+
+    def by_itself():
+        # The two steps of apt's own timers, which go by the first two lines of that file.
+        output = repository.shell("apt-get update && unattended-upgrade --verbose")
+        return repository.version(), "conffile prompt" in output
+    repository.add(newer, NEWER)
+    assert by_itself() == ("ii " + DEB_VERSION, False), "it is in another suite"
+    with open(root.file("/etc/vx_agent.conf"), encoding="utf-8") as file:
+        settings = file.read()
+    append(root.file("/etc/vx_agent.conf"), "Trace = none\n")
+    repository.promote(NEWER, "all")
+    assert by_itself() == ("ii " + DEB_VERSION, True), "it would ask whose settings count"
+    with open(root.file("/etc/vx_agent.conf"), "w", encoding="utf-8") as file:
+        file.write(settings)
+    repository.shell("apt-mark hold vx-agent")
+    assert by_itself() == ("hi " + DEB_VERSION, False)
+    repository.page("on again")
+    assert by_itself() == ("ii " + NEWER, False)
 
 
 def test_the_repository_replaces_no_other_package(repository, debs, tmp_path):
