@@ -6,6 +6,7 @@
 #include "vex_core/os/guarded_place.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <mutex>
 
@@ -48,9 +49,31 @@ void SqliteConnection::Closer::operator()(sqlite3* handle) const
 bool SqliteConnection::Fail(int code)
 {
     m_errorCode = code;
+    m_systemError = m_handle ? sqlite3_system_errno(m_handle.get()) : 0;
     m_error = m_handle && sqlite3_extended_errcode(m_handle.get()) == code ? sqlite3_errmsg(m_handle.get())
                                                                            : sqlite3_errstr(code);
     return false;
+}
+
+bool SqliteConnection::FailedByContent() const
+{
+    switch (m_errorCode & 0xFF) {
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+    case SQLITE_ERROR: // a table or column that is not there
+    case SQLITE_TOOBIG: // the size of a row that is damaged
+        return true;
+    default:
+        return m_errorCode == SQLITE_IOERR_CORRUPTFS;
+    }
+}
+
+bool SqliteConnection::FailedByRights() const
+{
+    const int primary = m_errorCode & 0xFF;
+    return primary == SQLITE_READONLY || primary == SQLITE_PERM
+           || (primary == SQLITE_CANTOPEN
+               && (m_systemError == EACCES || m_systemError == EPERM || m_systemError == EROFS));
 }
 
 bool SqliteConnection::Open(const std::string& path, std::int64_t minSynchronous, const char* vfs)

@@ -71,6 +71,11 @@ public:
     /// SQLite's extended result code of the last failure, and its text.
     int ErrorCode() const { return m_errorCode; }
     const std::string& Error() const { return m_error; }
+    /// Whether that failure is about what the file holds, so that it stays as long as the file does. Any other, of the
+    /// disk, of descriptors or of somebody's lock, may be over at the next try.
+    bool FailedByContent() const;
+    /// Whether it is about a right to the file or to one beside it.
+    bool FailedByRights() const;
 
     sqlite3* Handle() const { return m_handle.get(); }
 
@@ -85,6 +90,7 @@ private:
     };
     std::unique_ptr<sqlite3, Closer> m_handle;
     int m_errorCode = 0;
+    int m_systemError = 0; // where the failure was the system's
     std::string m_error;
 };
 

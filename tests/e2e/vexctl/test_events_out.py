@@ -2,6 +2,7 @@
 was replaced, on a full disk, or on the way to a logger."""
 import json
 import os
+import pathlib
 import signal
 import socket
 import sqlite3
@@ -9,7 +10,7 @@ import subprocess
 
 import pytest
 
-from conftest import PATIENCE, at_rest, mount_tmpfs, send_signal, unmount, wait_until
+from conftest import ORDINARY_USER, PATIENCE, at_rest, mount_tmpfs, send_signal, unmount, wait_until
 from ctl import EVENTS, ctl, objects, with_events
 
 BASE_MS = 1_700_000_000_000
@@ -303,6 +304,66 @@ return M
     reader.end()
     assert [name for name in os.listdir(tree.work) if name.startswith("events.db.damaged-")]
     tree.stop(supervisor)
+
+
+def test_a_database_under_the_number_of_one_that_was_removed_is_shown_whole(tree, tmp_path):
+    path, state = with_numbers(tree, range(1, 6)), str(tmp_path / "state")
+    ctl(tree, "events", "--json", "--state", state)
+    os.rename(path, str(tmp_path / "elsewhere"))
+    add(path, *range(11, 21))
+    os.rename(path, path + ".damaged-5")
+    add(path, 31)
+    status = os.stat(path + ".damaged-5")
+    content = state_in(state)
+    content["database"] = f"{status.st_dev}:{status.st_ino}"
+    with open(state, "w", encoding="utf-8") as file:
+        json.dump(content, file)
+    result = ctl(tree, "events", "--json", "--state", state)
+    assert numbers_of(result.out) == [*range(11, 21), 31]
+    assert result.err.count("whether the one before had more than was shown cannot be known") == 1 and len(result.err.splitlines()) == 1
+
+
+@pytest.mark.sandbox
+@pytest.mark.parametrize("tree", [pytest.param(ORDINARY_USER, id="ordinary user")], indirect=True)
+def test_a_database_moved_aside_that_cannot_be_read_now_is_read_later(tree):
+    """The reader is an ordinary user, the agent's folder root's."""
+    path = with_numbers(tree, range(1, 6))
+    for name, mode in ((tree.work, 0o755), (path, 0o644)):
+        os.chmod(name, mode)
+    outer = pathlib.Path(tree.path)
+    state = str(outer / "state")
+    reader = Reader(tree, outer, "--json", "--state", state)
+    assert numbers_of("".join(reader.lines(5))) == list(range(1, 6))
+    os.chmod(path, 0o600)
+    add(path, 6)
+    wait_until(lambda: "Permission denied" in reader.notes(), what="a note on the database")
+    os.rename(path, path + ".damaged-1")
+    add(path + ".new", *range(11, 15))
+    os.chmod(path + ".new", 0o644)
+    os.rename(path + ".new", path)
+    wait_until(lambda: f"{path}.damaged-1 cannot be read" in reader.notes() or is_at(state, 4), what="a note on the database moved aside")
+    os.chmod(path + ".damaged-1", 0o644)
+    wait_until(lambda: is_at(state, 4), what="all events")
+    reader.end()
+    assert numbers_of("".join(reader.rest())) == [6, 11, 12, 13, 14]
+    assert reader.notes().count("has been replaced") == 1
+
+
+@pytest.mark.sandbox
+@pytest.mark.parametrize("tree", [pytest.param(ORDINARY_USER, id="ordinary user")], indirect=True)
+def test_where_the_folder_may_not_be_listed_a_follower_goes_on_and_a_state_is_refused(tree):
+    path = with_numbers(tree, range(1, 6))
+    os.chmod(path, 0o644)
+    os.chmod(tree.work, 0o711)
+    outer = pathlib.Path(tree.path)
+    reader = Reader(tree, outer, "--json")
+    assert numbers_of("".join(reader.lines(5))) == list(range(1, 6))
+    add(path, 6)
+    assert numbers_of("".join(reader.lines(1))) == [6]
+    reader.end()
+    assert reader.notes().count("cannot be seen, and events that only such a one has are missing") == 1 and len(reader.notes().splitlines()) == 1
+    result = ctl(tree, "events", "--json", "--state", str(outer / "state"), status=2, user=ORDINARY_USER)
+    assert result.out == "" and "allow vexctl to list the folder, or do without --state" in result.err
 
 
 # --- a logger

@@ -1,5 +1,8 @@
 #include "vex/apps/vexctl/moved_aside.h"
 
+#include "vex/apps/vexctl/event_key.h"
+
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -55,6 +58,33 @@ TEST(MovedAside, AreFoundInTheOrderInWhichTheyWereMoved)
         names.push_back(one.name);
     EXPECT_EQ(names, (std::vector<std::string>{"events.db.damaged-9", "events.db.damaged-20", "events.db.damaged-20-2",
                                                "events.db.damaged-20-10"}));
+}
+
+TEST(MovedAside, TheDatabaseOfAPositionIsKnownByItsLastEvent)
+{
+    const TempFolder folder;
+    MakeEvents(folder / "events.db.damaged-1");
+    const MovedAside moved = FindMovedAside(folder / "events.db").at(0);
+    const auto isOf = [&moved](const std::string& key, std::int64_t id, const std::string& database) {
+        return IsDatabaseOf(moved, {key, id, database, {}});
+    };
+    const std::string key = EventKey(10, "<e n=\"10\"/>");
+    EXPECT_TRUE(isOf(key, 10, moved.database));
+    EXPECT_TRUE(isOf(key, 10, "1:2")); // a copy
+    EXPECT_FALSE(isOf(EventKey(10, "<other/>"), 10, moved.database)); // another file under the number of one that went
+    EXPECT_FALSE(isOf(EventKey(500, "<e/>"), 500, moved.database));
+    EXPECT_TRUE(isOf("", 0, moved.database));
+    EXPECT_FALSE(isOf("", 0, "1:2"));
+
+    SqliteConnection db;
+    ASSERT_TRUE(db.Open(moved.path, 0) && db.Exec("DELETE FROM agent_event WHERE id <= 20")) << db.Error();
+    db.Close();
+    EXPECT_TRUE(isOf(key, 10, moved.database)); // the event was too old
+    EXPECT_FALSE(isOf(key, 10, "1:2"));
+
+    WriteFile(moved.path, std::string(5000, 'x'));
+    EXPECT_TRUE(isOf(key, 10, moved.database));
+    EXPECT_FALSE(isOf(key, 10, "1:2"));
 }
 
 TEST(MovedAside, AreKnownByTheFileWhateverItsName)
@@ -115,4 +145,129 @@ TEST(DamagedDatabase, OneThatIsNoneIsToldAndHasNothing)
     EXPECT_TRUE(IdsIn(folder / "a.db", lost).empty());
     ASSERT_TRUE(lost);
     EXPECT_NE(lost->find("file is not a database"), std::string::npos) << *lost;
+}
+
+TEST(DamagedDatabase, OneWithoutTheTableHasNothingToShow)
+{
+    const TempFolder folder;
+    SqliteConnection db;
+    ASSERT_TRUE(db.Open(folder / "a.db", 0) && db.Exec("CREATE TABLE other(x)")) << db.Error();
+    db.Close();
+    std::optional<std::string> lost;
+    EXPECT_TRUE(IdsIn(folder / "a.db", lost).empty());
+    ASSERT_TRUE(lost);
+    EXPECT_NE(lost->find("no such table"), std::string::npos) << *lost;
+}
+
+TEST(DamagedDatabase, OneThatHasGoneIsToldAndHasNothing)
+{
+    const TempFolder folder;
+    std::optional<std::string> lost;
+    EXPECT_TRUE(IdsIn(folder / "a.db", lost).empty());
+    ASSERT_TRUE(lost);
+    EXPECT_EQ(lost->find("what lies behind event 0 cannot be read"), 0u) << *lost;
+}
+
+TEST(DamagedDatabase, ATroubleOfTheSystemIsNoDamage)
+{
+    const TempFolder folder;
+    MakeEvents(folder / "a.db");
+    const MovedAside moved{"a.db", folder / "a.db", "1:2"};
+    std::optional<std::string> lost;
+    {
+        const ::Test::DescriptorLimit none(3);
+        EXPECT_THROW(IdsIn(folder / "a.db", lost), Failure);
+        EXPECT_THROW(IsDatabaseOf(moved, {"1-0123456789abcdef", 1, "", {}}), Failure);
+    }
+    EXPECT_EQ(IdsIn(folder / "a.db", lost).size(), 400u);
+    EXPECT_FALSE(lost);
+}
+
+TEST(DamagedDatabase, AnotherOnesLockIsNoDamage)
+{
+    const TempFolder folder;
+    MakeEvents(folder / "a.db");
+    SqliteConnection owner;
+    ASSERT_TRUE(
+        owner.Open(folder / "a.db", 0)
+        && owner.Exec("PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL; UPDATE agent_event SET number = 1"))
+        << owner.Error();
+    const VexCore::SqliteSettings before = VexCore::GetSqliteSettings();
+    VexCore::SqliteSettings impatient = before;
+    impatient.busyTimeoutMs = 0;
+    VexCore::SetSqliteSettings(impatient);
+    std::optional<std::string> lost;
+    EXPECT_THROW(IdsIn(folder / "a.db", lost), Failure);
+    VexCore::SetSqliteSettings(before);
+    owner.Close();
+    EXPECT_EQ(IdsIn(folder / "a.db", lost).size(), 400u);
+}
+
+TEST(DamagedDatabase, RareEventsAreFoundBehindARowThatCannotBeRead)
+{
+    const TempFolder folder;
+    const std::string path = folder / "a.db";
+    {
+        SqliteConnection db;
+        ASSERT_TRUE(db.Open(path, 0)) << db.Error();
+        ASSERT_TRUE(
+            db.Exec("CREATE TABLE agent_event(id INTEGER PRIMARY KEY, time_ms INTEGER, time_s INTEGER, number INTEGER,"
+                    " severity INTEGER, text TEXT, xml TEXT);"
+                    "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 3000)"
+                    "INSERT INTO agent_event SELECT i, i, 0, i, i % 1500 > 0, CASE i WHEN 1500 THEN "
+                    "hex(zeroblob(20000)) ELSE '' "
+                    "END, '' FROM n"))
+            << db.Error();
+    }
+    // The chain of pages behind the row of that long text leads outside the file.
+    std::string bytes = ReadFile(path);
+    constexpr std::size_t page = 4096;
+    const std::size_t first = bytes.find(std::string(page - 4, '0')) / page * page;
+    ASSERT_LT(first, bytes.size());
+    bytes.replace(first, 4, "\x7f\xff\xff\xff");
+    WriteFile(path, bytes);
+    std::optional<std::string> lost;
+    EXPECT_EQ(IdsIn(path, lost, 0, " AND severity <= 0"), (std::vector<std::int64_t>{3000}));
+    EXPECT_TRUE(lost);
+}
+
+TEST(DamagedDatabase, AWriteAheadLogIsReadAndIsToldWhereItMayNotBe)
+{
+    const TempFolder folder;
+    MakeEvents(folder / "made.db");
+    SqliteConnection owner;
+    ASSERT_TRUE(owner.Open(folder / "made.db", 0)
+                && owner.Exec("PRAGMA journal_mode=WAL; INSERT INTO agent_event(id, xml) VALUES(401, '<e/>')"))
+        << owner.Error();
+    std::filesystem::copy_file(folder / "made.db", folder / "a.db");
+    std::filesystem::copy_file(folder / "made.db-wal", folder / "a.db-wal");
+    std::filesystem::permissions(folder.Path(), std::filesystem::perms(0755));
+    std::filesystem::permissions(folder / "a.db", std::filesystem::perms(0644));
+    std::filesystem::permissions(folder / "a.db-wal", std::filesystem::perms(0600));
+    std::optional<std::string> lost;
+    {
+        const ::Test::OtherUser other(::Test::OtherUser::Ids::Effective);
+        EXPECT_EQ(IdsIn(folder / "a.db", lost).size(), 400u);
+        ASSERT_TRUE(lost);
+        EXPECT_EQ(lost->find("its write-ahead log cannot be read: "), 0u) << *lost;
+    }
+    EXPECT_EQ(IdsIn(folder / "a.db", lost).size(), 401u);
+    EXPECT_FALSE(lost);
+}
+
+TEST(MovedAside, AFolderThatMayNotBeListedIsToldApart)
+{
+    const TempFolder folder;
+    std::filesystem::permissions(folder.Path(), std::filesystem::perms(0711));
+    {
+        const ::Test::OtherUser other(::Test::OtherUser::Ids::Effective);
+        EXPECT_THROW(FindMovedAside(folder / "events.db"), FolderNotListed);
+    }
+    try {
+        FindMovedAside(folder / "none/events.db");
+        ADD_FAILURE() << "a folder that is not there";
+    } catch (const FolderNotListed& failure) {
+        ADD_FAILURE() << failure.what();
+    } catch (const Failure&) {
+    }
 }

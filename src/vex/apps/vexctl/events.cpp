@@ -82,7 +82,8 @@ class EventCommand
 public:
     EventCommand(Session& session, const EventOptions& options)
         : m_session(session), m_options(options), m_database(session.place.EventsFile()),
-          m_sinceMs(options.span.SinceMs()), m_untilMs(options.span.UntilMs())
+          m_sinceMs(options.span.SinceMs()),
+          m_untilMs(options.span.UntilMs())
     {
         if (!options.severity.empty())
             m_severity = FindSeverity(options.severity);
@@ -144,7 +145,7 @@ private:
         try {
             ShowAll();
             if (!std::exchange(m_trouble, std::string()).empty())
-                m_session.Note(m_database.Path() + " can be read again");
+                m_session.Note("the events in " + m_session.place.workFolder + " can be read again");
         } catch (const Failure& failure) {
             if (m_trouble.empty())
                 m_session.Note(failure.what());
@@ -171,11 +172,14 @@ private:
     void Begin()
     {
         m_database.Read([](VexCore::SqliteConnection&) { return true; }); // or a failure that says more than the next
+        std::vector<MovedAside> before;
+        if (m_state || m_options.follow)
+            before = FindAside();
         if (m_state && m_state->Found())
             m_position = *m_state->Found();
-        else if (m_state || m_options.follow)
-            for (const MovedAside& moved : FindMovedAside(m_database.Path()))
-                m_position.done.push_back(moved.name); // they are from before the begin
+        else
+            for (MovedAside& moved : before)
+                m_position.done.push_back(std::move(moved.name));
         if (!m_options.after.empty())
             BeginAfter(m_options.after);
         else if (!m_state)
@@ -270,19 +274,33 @@ private:
 
     // --- a database that was replaced
 
+    // Where nobody may list the folder, a state file would tell that all events up to one were taken while those of a
+    // database moved aside were not. Without one nobody relies on that.
+    std::vector<MovedAside> FindAside()
+    {
+        try {
+            return FindMovedAside(m_database.Path());
+        } catch (const FolderNotListed& failure) {
+            const std::string why = std::string(failure.what())
+                                    + ". So a damaged database that the agent has moved aside there cannot be seen";
+            if (m_state)
+                throw Failure(why + "; allow vexctl to list the folder, or do without --state");
+            if (!std::exchange(m_isAsideTold, true))
+                m_session.Note(why + ", and events that only such a one has are missing");
+            return {};
+        }
+    }
+
     // What was not shown of those before this one, as far as it can be read. Then this one is shown from its begin.
+    // Where it fails on the way, the next try goes on.
     void GoOnInAnother(const std::string& database)
     {
-        std::vector<MovedAside> moved = FindMovedAside(m_database.Path());
-        const auto isOurs = [this](const MovedAside& one) { return one.database == m_position.database; };
-        std::stable_partition(moved.begin(), moved.end(), isOurs); // the clock may have been set meanwhile
-        const bool wasBegun = !m_position.database.empty() && m_position.database != database;
-        if (wasBegun)
-            m_session.Note(m_database.Path() + " has been replaced: all its events follow"
-                           + (std::any_of(moved.begin(), moved.end(), isOurs)
-                                  ? " those of the one before"
-                                  : "; whether the one before had more than was shown cannot be known, because it is "
-                                    "gone"));
+        std::vector<MovedAside> moved = FindAside();
+        // First, because the clock may have been set meanwhile.
+        const auto others = std::stable_partition(moved.begin(), moved.end(), [this](const MovedAside& one) {
+            return IsDone(one) ? one.database == m_position.database : IsDatabaseOf(one, m_position);
+        });
+        TellReplaced(database, others != moved.begin());
         for (const MovedAside& one : moved)
             if (!IsDone(one))
                 ShowMovedAside(one);
@@ -292,7 +310,21 @@ private:
         m_position.key.clear();
         m_position.id = 0;
         m_position.database = database;
+        m_toldReplaced.clear();
         Remember();
+    }
+
+    void TellReplaced(const std::string& database, bool isOneBeforeThere)
+    {
+        const bool wasBegun =
+            !m_position.key.empty() || (!m_position.database.empty() && m_position.database != database);
+        if (!wasBegun || m_toldReplaced == database)
+            return;
+        m_toldReplaced = database;
+        m_session.Note(m_database.Path() + " has been replaced: all its events follow"
+                       + (isOneBeforeThere ? " those of the one before"
+                                           : "; whether the one before had more than was shown cannot be known, "
+                                             "because it is gone"));
     }
 
     bool IsDone(const MovedAside& moved) const
@@ -301,19 +333,19 @@ private:
     }
 
     // Also where the last event is in the database: somebody may have put a copy of an earlier state in its place.
-    bool HasEventsAside() const
+    bool HasEventsAside()
     {
-        const std::vector<MovedAside> moved = FindMovedAside(m_database.Path());
+        const std::vector<MovedAside> moved = FindAside();
         return !std::all_of(moved.begin(), moved.end(), [this](const MovedAside& one) { return IsDone(one); });
     }
 
     void ShowMovedAside(const MovedAside& moved)
     {
-        if (moved.database != m_position.database) {
+        if (!IsDatabaseOf(moved, m_position)) {
             m_position.key.clear();
             m_position.id = 0;
-            m_position.database = moved.database;
         }
+        m_position.database = moved.database;
         const auto lost =
             ReadDamaged(moved.path, m_position.id, Condition(), [this](const Event& event) { Show(event); });
         if (lost)
@@ -326,7 +358,7 @@ private:
     {
         const bool isWhole = m_options.span.Given() && !m_options.number;
         const std::size_t number = m_options.number.value_or(isWhole ? 0 : usualEvents);
-        m_database.Read([this, number](VexCore::SqliteConnection& db) {
+        const bool isThere = m_database.Read([this, number](VexCore::SqliteConnection& db) {
             m_position.id = 0;
             m_position.database = DatabaseName(m_database.Identity());
             const bool areMany = !m_sinceMs || HasManySince(db);
@@ -334,6 +366,8 @@ private:
             const bool fromTheEnd = areMany && (number > 0 || !m_sinceMs);
             return (fromTheEnd || BeginAtTime(db, areMany)) && (number == 0 || BeginAtNumber(db, number));
         });
+        if (!isThere)
+            ForgetPlace();
     }
 
     // Whether there are so many that to go through them all takes a while.
@@ -548,6 +582,8 @@ private:
     std::optional<EventSocket> m_socket;
     std::optional<EventState> m_state;
     EventPosition m_position; // of the last event that was shown
+    bool m_isAsideTold = false; // that what was moved aside cannot be seen
+    std::string m_toldReplaced; // the database of whose begin a note told while those before it are not through
     std::string m_trouble; // why the database could not be read; empty: it can be
 };
 
