@@ -366,6 +366,20 @@ def test_where_the_folder_may_not_be_listed_a_follower_goes_on_and_a_state_is_re
     assert result.out == "" and "allow vexctl to list the folder, or do without --state" in result.err
 
 
+def test_the_version_is_the_one_of_the_agent_that_wrote_the_report(tree):
+    with_numbers(tree, range(3))
+
+    def versions():
+        lines = [json.loads(line) for line in ctl(tree, "events", "--format=otlp").out.splitlines()]
+        return {each["value"]["stringValue"] for line in lines for each in line["resourceLogs"][0]["resource"]["attributes"]
+                if each["key"] == "service.version"}
+    own = versions()
+    assert len(own) == 1 and own != {"9.9.9"}
+    tree.file("work/out/report.json", '{"schema":1,"agent":{"name":"vx_agent","version":"9.9.9"}}')
+    assert versions() == {"9.9.9"}
+    assert 'swVersion="9.9.9"' in ctl(tree, "events", "--format=syslog").out
+
+
 # --- a logger
 
 

@@ -4,6 +4,7 @@
 #include "vex/apps/vex/version.h"
 #include "vex/apps/vexctl/agent_database.h"
 #include "vex/apps/vexctl/agent_log.h"
+#include "vex/apps/vexctl/agent_version.h"
 #include "vex/apps/vexctl/command.h"
 #include "vex/apps/vexctl/event_formats.h"
 #include "vex/apps/vexctl/event_history.h"
@@ -82,7 +83,7 @@ class EventCommand
 public:
     EventCommand(Session& session, const EventOptions& options)
         : m_session(session), m_options(options), m_database(session.place.EventsFile()),
-          m_sinceMs(options.span.SinceMs()),
+          m_version(session.place, VEX_VERSION_TEXT), m_sinceMs(options.span.SinceMs()),
           m_untilMs(options.span.UntilMs())
     {
         if (!options.severity.empty())
@@ -118,9 +119,9 @@ private:
     {
         const auto note = [this](const std::string& text) { m_session.Note(text); };
         const Place& place = m_session.place;
-        if (m_options.format == "otlp" || m_options.format == "syslog" || !m_options.state.empty())
+        if (TellsVersion() || !m_options.state.empty())
             m_source = {VexCore::FindHostId(place.name, place.workFolder), VexCore::os::GetSystemName().host,
-                        place.name, VEX_VERSION_TEXT};
+                        place.name, m_version.Load()};
         if (!m_options.socket.empty())
             m_socket.emplace(m_options.socket, note);
         if (!m_options.state.empty())
@@ -159,6 +160,7 @@ private:
         return VexCore::os::Stat(m_session.place.workFolder.c_str(), status) == 0;
     }
 
+    bool TellsVersion() const { return m_options.format == "otlp" || m_options.format == "syslog"; }
     bool HumanReads() const { return m_options.format.empty() && !m_options.json && !m_options.xml; }
 
     void ShowTitles()
@@ -479,6 +481,8 @@ private:
                 continue;
             }
             m_position.database = part.database;
+            if (TellsVersion() && !part.events.empty())
+                m_source.version = m_version.Load(); // another agent may run by now
             for (const Event& event : part.events)
                 Show(event);
             if (part.newest)
@@ -576,6 +580,7 @@ private:
     Session& m_session;
     const EventOptions m_options;
     AgentDatabase m_database;
+    AgentVersion m_version;
     const std::optional<std::int64_t> m_sinceMs, m_untilMs;
     std::optional<int> m_severity;
     EventSource m_source;

@@ -58,6 +58,11 @@ std::string Place::HeartbeatFile() const
     return workFolder + "/plugins/vx_agent/heartbeat.db";
 }
 
+std::string Place::OutReportFile() const
+{
+    return workFolder + "/out/report.json";
+}
+
 std::string Place::HeartbeatBell() const
 {
     return workFolder + "/plugins/vx_agent/" + VexCore::doorbellName;

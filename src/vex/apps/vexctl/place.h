@@ -18,6 +18,8 @@ struct Place
     std::string EventsFile() const;
     std::string PendingEventsFile() const;
     std::string HeartbeatFile() const;
+    /// The report that the agent leaves for collectors.
+    std::string OutReportFile() const;
     /// The pipe through which a heartbeat is asked for.
     std::string HeartbeatBell() const;
     std::string DumpFolder() const;
