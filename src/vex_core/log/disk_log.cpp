@@ -148,7 +148,7 @@ void DiskLog::Write(const std::string& record, bool shown, LogLevel level, const
     m_timeFormat = timeFormat;
     const bool isWritten = WriteHeld() && TryWrite(record);
     // What is written before there is a place is so before the settings are known.
-    const Copied copied = m_path.empty() ? Copied::NotYet : Copy(record, level, time);
+    const Copied copied = m_path.empty() ? Copied::NotYet : Copy(record, level, time, isWritten);
     if (!isWritten)
         Hold({record, shown, level, time, copied});
 }
@@ -162,10 +162,8 @@ void DiskLog::Flush()
 void DiskLog::FlushAtEnd()
 {
     const std::lock_guard lock(m_lock);
-    if (WriteHeld()) {
-        TellWhatWasNotCopied();
-        return;
-    }
+    WriteHeld();
+    TellWhatWasNotCopied();
     for (const Held& held : m_held)
         GiveAway(held);
     m_held.clear();
@@ -204,7 +202,9 @@ bool DiskLog::WriteHeld()
         if (!TryWrite(first.record))
             return false;
         if (first.copied == Copied::NotYet)
-            Copy(first.record, first.level, first.time);
+            Copy(first.record, first.level, first.time, true);
+        else if (first.copied == Copied::LeftOut)
+            m_copy.CountLeftOut();
         m_heldBytes -= m_held.front().record.size();
         m_held.pop_front();
     }
@@ -313,17 +313,19 @@ bool DiskLog::WriteOwn(const std::string& text)
     const std::string record = OwnRecord(text);
     if (!TryWrite(record))
         return false;
-    Copy(record, LogLevel::Warning, std::time(nullptr));
+    Copy(record, LogLevel::Warning, std::time(nullptr), true);
     return true;
 }
 
 // --- the copy in the system's log
 
-DiskLog::Copied DiskLog::Copy(const std::string& record, LogLevel level, std::time_t time)
+DiskLog::Copied DiskLog::Copy(const std::string& record, LogLevel level, std::time_t time, bool isInFile)
 {
     if (!m_copy.Wants(level))
-        return Copied::LeftOut;
+        return Copied::Unwanted;
     const bool isTaken = m_copy.Send(level, time, WithoutTime(record, level));
+    if (!isTaken && isInFile)
+        m_copy.CountLeftOut();
     TellOfCopies();
     return isTaken ? Copied::Taken : Copied::LeftOut;
 }
@@ -336,13 +338,17 @@ void DiskLog::TellOfCopies()
         return;
     const std::string record = OwnRecord(notice);
     if (TryWrite(record) && m_copy.NoticeIsTold())
-        Copy(record, LogLevel::Warning, std::time(nullptr));
+        Copy(record, LogLevel::Warning, std::time(nullptr), true);
 }
 
 void DiskLog::TellWhatWasNotCopied()
 {
-    if (const std::string notice = m_copy.TakeLastNotice(); !notice.empty())
-        TryWrite(OwnRecord(notice));
+    const std::string notice = m_copy.TakeLastNotice();
+    if (notice.empty())
+        return;
+    const std::string record = OwnRecord(notice);
+    if (!TryWrite(record))
+        Hold({record, false, LogLevel::Warning, std::time(nullptr), Copied::Unwanted});
 }
 
 // --- the file

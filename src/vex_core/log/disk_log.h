@@ -76,7 +76,8 @@ public:
                const char* timeFormat = standardTimeFormat, std::time_t time = std::time(nullptr));
     /// Tries to write what is held.
     void Flush();
-    /// The same, and what cannot be written goes where what does not fit in memory goes: the process ends.
+    /// The same, and what cannot be written goes where what does not fit in memory goes, what there is to tell of the
+    /// copy included: the process ends.
     void FlushAtEnd();
 
     /// The open file, or -1. The number stays the same once there is one. Async-signal-safe.
@@ -90,7 +91,7 @@ public:
     void AfterForkInChild();
 
 private:
-    enum class Copied { NotYet, LeftOut, Taken };
+    enum class Copied { NotYet, Unwanted, LeftOut, Taken };
     struct Held
     {
         std::string record;
@@ -116,7 +117,7 @@ private:
     void Fail(const std::string& reason);
     std::string OwnRecord(const std::string& text) const;
     bool WriteOwn(const std::string& text);
-    Copied Copy(const std::string& record, LogLevel level, std::time_t time);
+    Copied Copy(const std::string& record, LogLevel level, std::time_t time, bool isInFile);
     void TellOfCopies();
     void TellWhatWasNotCopied();
 

@@ -52,7 +52,6 @@ bool SystemLogCopy::Send(LogLevel level, std::time_t time, std::string_view text
         m_triedAt = now;
         m_error = m_works ? 0 : os::LastError();
     }
-    m_leftOut += m_works ? 0 : 1;
     return m_works;
 }
 

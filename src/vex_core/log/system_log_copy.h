@@ -38,8 +38,11 @@ public:
     bool Wants(LogLevel level) const { return m_settings.facility != nowhere && level <= m_settings.level; }
 
     /// Sends one record. A logger that has no room is waited for some milliseconds, but not again before it has taken
-    /// one; one that is not there is looked for once a second. False: it has not taken the record, which is counted.
+    /// one; one that is not there is looked for once a second. False: it has not taken the record.
     bool Send(LogLevel level, std::time_t time, std::string_view text);
+    /// A record that Send has not got rid of stands in the file, and so in that alone. What is in neither is for the
+    /// file's owner to count.
+    void CountLeftOut() { ++m_leftOut; }
 
     /// What is to be said in the log now, empty as a rule: that records are left out, once when it begins, or how many
     /// were, when they are taken again. Of a logger that takes some and leaves others a word a minute.
@@ -67,7 +70,7 @@ private:
     bool m_isStuck = false; // the logger has let its time pass, and has taken nothing since
     int m_error = 0; // of the last that was not taken
     std::time_t m_triedAt = 0; // a logger that was not there
-    std::size_t m_leftOut = 0; // and not told yet
+    std::size_t m_leftOut = 0; // records in the file alone, and not told yet
     bool m_troubleTold = false;
     std::time_t m_gapToldAt = 0;
 };

@@ -3,6 +3,7 @@
 // name alone that other code of the process has given to syslog(3).
 
 #include "vex_core/os/descriptor.h"
+#include "vex_core/os/file_identity.h"
 
 #include <cstddef>
 #include <ctime>
@@ -26,7 +27,8 @@ struct SystemLogRecord
     const char* text; ///< of any lines; who sends it sees to it that loggers take so much
 };
 
-/// A connection to the system's logger, which is kept from one record to the next. One thread at a time.
+/// A connection to the system's logger, which is kept from one record to the next. Other code of the process may close
+/// its descriptor, and the number may then be another's, which gets nothing. One thread at a time.
 class SystemLog
 {
 public:
@@ -37,12 +39,14 @@ public:
     bool Send(const SystemLogRecord& record, int patienceMs);
     bool IsConnected() const { return static_cast<bool>(m_connection); }
     /// The next record makes a connection of its own: in the child of a fork, whose records would come from its parent.
-    void Close() { m_connection.Reset(); }
+    void Close();
 
 private:
+    bool IsOurs() const;
     int Deliver(const char* header, std::size_t size, const char* text, int patienceMs);
 
     Descriptor m_connection;
+    FileIdentity m_identity; // of its socket
     bool m_isStream = false; // what connects there is
 };
 

@@ -13,6 +13,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -131,26 +132,42 @@ bool SystemLog::Send(const SystemLogRecord& record, int patienceMs)
            == 0;
 }
 
+// Sockets are told apart by device and inode, as files are.
+bool SystemLog::IsOurs() const
+{
+    struct stat status = {};
+    return ::fstat(m_connection.Get(), &status) == 0 && m_identity.IsFileOf(status);
+}
+
+void SystemLog::Close()
+{
+    if (m_connection && !IsOurs())
+        m_connection.Release();
+    m_connection.Reset();
+}
+
 // After a failure there is a connection only where its logger is there and has no room.
 int SystemLog::Deliver(const char* header, std::size_t size, const char* text, int patienceMs)
 {
+    if (m_connection && !IsOurs())
+        m_connection.Release(); // closing it is for whoever has the number now
     if (!m_connection) {
         int connection = Connect(SOCK_DGRAM, patienceMs);
         m_isStream = connection < 0 && errno == EPROTOTYPE;
         if (m_isStream)
             connection = Connect(SOCK_STREAM, patienceMs);
         m_connection = Descriptor(connection);
-        if (!m_connection)
+        struct stat status = {};
+        if (!m_connection || ::fstat(connection, &status) != 0)
             return -1;
+        m_identity = IdentityOf(status);
     }
     char end = '\0';
     struct iovec parts[] = {
         {const_cast<char*>(header), size}, {const_cast<char*>(text), std::strlen(text)}, {&end, m_isStream ? 1u : 0u}};
     if (SendParts(m_connection.Get(), parts, std::size(parts), patienceMs) == 0)
         return 0;
-    if (errno == EBADF || errno == ENOTSOCK)
-        m_connection.Release(); // somebody has closed it, and the number is another's by now
-    else if (!IsFull(errno) && errno != EMSGSIZE)
+    if (!IsFull(errno) && errno != EMSGSIZE)
         m_connection.Reset();
     return -1;
 }

@@ -52,6 +52,8 @@ bool SystemLog::Send(const SystemLogRecord& record, int)
            == 0;
 }
 
+void SystemLog::Close() {}
+
 bool SendToSystemLog(int severity, const char* line)
 {
     return SystemLog().Send({LOG_DAEMON, severity, std::time(nullptr), line}, 0);

@@ -414,11 +414,14 @@ protected:
     Lines m_sent;
     std::string m_fileThen; // when the last record was sent
     int m_answer = os::callAnswered;
+    bool m_isFull = false; // the disk of the file
     ErrorFile m_error;
     DiskLog m_log{muchMemory, m_error.Descriptor()};
 
 private:
     CallWatch m_watch{[this](const os::Call& call) {
+        if (m_isFull && call.name == "write"sv && call.descriptor == m_log.Descriptor())
+            return ENOSPC;
         if (call.name != "syslog"sv)
             return 0;
         m_fileThen = Exists(m_folder / "x.log") ? File() : "";
@@ -481,6 +484,47 @@ TEST_F(CopiedLog, ThatIsLeftOutIsToldInTheFile)
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_THAT(lines[3], HasSubstr("/log] The system log has not taken 3 lines, they are in this file alone"));
     EXPECT_THAT(m_sent, testing::ElementsAre()) << "and nowhere else";
+}
+
+TEST_F(CopiedLog, WhatNobodyHasTakenIsNotInTheFileAlone)
+{
+    const os::Descriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    m_answer = ENOENT;
+    DiskLog log(5, null.Get());
+    log.SetSettings(On(LogLevel::Info));
+    log.SetFile(m_folder / "missing/x.log");
+    log.Write("no room for this\n", false, LogLevel::Info);
+    ASSERT_EQ(::mkdir((m_folder / "missing").c_str(), 0700), 0);
+    log.FlushAtEnd();
+    const std::vector<std::string> lines = LinesOf(ReadFile(m_folder / "missing/x.log"));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_THAT(lines[0], HasSubstr("/log] 1 lines could be written nowhere"));
+    EXPECT_THAT(lines[1], HasSubstr("/log] The system log takes no lines (error 2: "));
+    EXPECT_THAT(lines[2], HasSubstr("/log] The system log has not taken 2 lines")) << "those two";
+}
+
+TEST_F(CopiedLog, WhatTheFileGetsLaterIsCountedThen)
+{
+    m_answer = ENOENT;
+    m_log.SetFile(m_folder / "missing/x.log");
+    Write(LogLevel::Info, "held");
+    ASSERT_EQ(::mkdir((m_folder / "missing").c_str(), 0700), 0);
+    m_log.FlushAtEnd();
+    const std::vector<std::string> lines = LinesOf(ReadFile(m_folder / "missing/x.log"));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_THAT(lines[1], HasSubstr("/log] The system log has not taken 1 lines"));
+}
+
+TEST_F(CopiedLog, WhatItHasLeftOutIsToldElsewhereWhereTheDiskIsFullAtTheEnd)
+{
+    m_log.SetFile(m_folder / "x.log");
+    m_answer = ENOENT;
+    Write(LogLevel::Info, "one");
+    m_isFull = true;
+    m_log.FlushAtEnd();
+    EXPECT_THAT(m_error.Text(), HasSubstr("/log] The system log has not taken 2 lines"));
+    m_isFull = false;
+    EXPECT_EQ(LinesOf(File()).size(), 2u);
 }
 
 TEST_F(CopiedLog, TellsOfItsGapInBoth)

@@ -126,6 +126,31 @@ int WriteToALoggerThatIsStartedAnew()
     return 0;
 }
 
+// Somebody closes the descriptor and gets its number for a socket of his own.
+int WriteWhereTheNumberBecomesAnothers()
+{
+    const int logger = MakeLogger(SOCK_DGRAM);
+    CHILD_CHECK(logger >= 0);
+    const int number = ::dup(logger); // the next one that is free
+    ::close(number);
+    os::SystemLog log;
+    CHILD_CHECK(Sends(log, "first") && !Taken(logger, SOCK_DGRAM).empty());
+    int others[2];
+    CHILD_CHECK(::socketpair(AF_UNIX, SOCK_DGRAM, 0, others) == 0);
+    CHILD_CHECK(::dup2(others[0], number) == number);
+    CHILD_CHECK(Sends(log, "second"));
+    CHILD_CHECK(Taken(others[1], SOCK_DGRAM).empty());
+    CHILD_CHECK(Taken(logger, SOCK_DGRAM).find("]: second") != std::string::npos);
+    CHILD_CHECK(::fcntl(number, F_GETFD) >= 0); // it is not the log's to close
+    os::SystemLog other; // which has the next number
+    CHILD_CHECK(Sends(other, "third") && Taken(logger, SOCK_DGRAM).find("]: third") != std::string::npos);
+    const int next = others[1] + 2;
+    CHILD_CHECK(::dup2(others[0], next) == next);
+    other.Close();
+    CHILD_CHECK(::fcntl(next, F_GETFD) >= 0);
+    return 0;
+}
+
 // A queue that is full is no reason to let the connection go, and waited for no longer than it is said.
 int WriteToAFullQueue(int type)
 {
@@ -142,6 +167,17 @@ int WriteToAFullQueue(int type)
 }
 
 } // namespace
+
+TEST(SystemLog, ANumberThatIsAnothersByNowGetsNothing)
+{
+    const int result = InOwnMounts([] {
+        ::alarm(60);
+        return WriteWhereTheNumberBecomesAnothers();
+    });
+    if (result == -1)
+        GTEST_SKIP() << "NO NAMESPACES here";
+    EXPECT_EQ(result, 0);
+}
 
 TEST(SystemLog, ConnectionIsKeptAndMadeAnewWhenItsLoggerIs)
 {
