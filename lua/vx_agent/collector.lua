@@ -61,6 +61,7 @@ function M.collect(entry, dom)
   keep(entry, dom, "seconds", ("%.6f"):format(host.monotonic() - begin))
   if values then
     keep_metrics(entry, dom, values)
+    keep(entry, dom, "bytes", #encoded) -- before them, for who wants none that are too many
     keep(entry, dom, "values", encoded)
     keep(entry, dom, "time", ("%d"):format(dom:TimeMillis()))
   end

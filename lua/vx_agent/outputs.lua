@@ -24,13 +24,12 @@ function M.new(dom, plugins)
   }, M)
 end
 
--- What a plugin's worker has left.
+-- What a plugin's worker has left, but for its values.
 local function state_of(dom, plugin)
   local prefix = "vex.plugin." .. plugin.id .. "."
   return {
     id = plugin.id, name = plugin.name, version = plugin.version, units = plugin.units,
     error = plugin.error or dom:Get(prefix .. "error"),
-    values = dom:Get(prefix .. "values"),
     time_ms = tonumber(dom:Get(prefix .. "time")),
     seconds = tonumber(dom:Get(prefix .. "seconds")),
     metrics = dom:Get(prefix .. "metrics"),
@@ -38,16 +37,21 @@ local function state_of(dom, plugin)
   }
 end
 
--- A plugin's block of the report.
-local function block_of(state)
+-- A plugin's block of the report. Values of any length may lie in the domain: their size is asked first, so that a beat
+-- copies none that it does not write. Their worker may leave others in between.
+local function block_of(dom, state)
   local block = { name = state.name, version = state.version, units = state.units, error = state.error }
   if block.error then return block end
-  if not state.values then
-    block.error = "nothing is collected yet"
-  elseif #state.values > most_value_bytes then
-    block.error = ("the values are too many for this file: %d bytes as JSON"):format(#state.values)
+  local prefix = "vex.plugin." .. state.id .. "."
+  local size = tonumber(dom:Get(prefix .. "bytes")) or 0
+  local values = size <= most_value_bytes and dom:Get(prefix .. "values") or nil
+  if values then size = #values end
+  if size > most_value_bytes then
+    block.error = ("the values are too many for this file: %d bytes as JSON"):format(size)
+  elseif values then
+    block.values = json.raw(values)
   else
-    block.values = json.raw(state.values)
+    block.error = "nothing is collected yet"
   end
   return block
 end
@@ -77,7 +81,7 @@ function M:write_files(beat)
   local dom, states, blocks = self.dom, {}, {}
   for index, plugin in ipairs(self.plugins) do
     states[index] = state_of(dom, plugin)
-    blocks[index] = block_of(states[index])
+    blocks[index] = block_of(dom, states[index])
   end
   local name = dom:Get("app.name", "vx_agent")
   local collected = facts.collect()

@@ -10,7 +10,7 @@ import subprocess
 
 import pytest
 
-from conftest import alive, send_signal, wait_until
+from conftest import ORDINARY_USER, alive, mount_tmpfs, send_signal, unmount, wait_until
 from test_bundled_application import acknowledged, beats, install
 
 pytestmark = pytest.mark.sandbox
@@ -50,6 +50,9 @@ def samples(text):
 def metrics(tree):
     return samples(read(out(tree)))
 
+
+# Another one without rights than the agent's user.
+STRANGER = 65534
 
 # No beat but the first and those that a test asks for, however long it takes: spread ones may come after half the interval.
 ON_REQUEST = ("--domain_var", "vex.HeartbeatInterval=3600")
@@ -168,6 +171,71 @@ end }""")
     log = tree.log()
     assert log.count("Plugin 'endless' has more than 1000 metrics; those from 'values' on are left out") == 1
     assert log.count("Plugin 'endless' has different figures that would be one metric, 'a-b' and 'a b'; the first counts") == 1
+    tree.stop(supervisor)
+
+
+def test_a_million_values_of_odd_kinds_are_counted_and_no_beat_carries_them(tree):
+    tree.file("million/plugin.lua", """
+return { name = "Million", version = "1", interval = 3600, collect = function()
+  local values = {}
+  for index = 1, 1000000 do values[index] = index end
+  return { ["a b"] = 1, ["a-b"] = 2, infinite = 1 / 0, less = -1 / 0, none = 0 / 0, values = values }
+end }""")
+    tree.file("plain/plugin.lua", 'return { name = "Plain", version = "1", interval = 3600, collect = function() return { x = 1 } end }')
+    supervisor, child = tree.background(*ON_REQUEST, "--plugins", "million,plain")
+    wait_until(lambda: "plugin million: " in tree.log() and "plugin plain: " in tree.log(), what="a collection of each")
+    for _ in range(3):
+        ask_for_a_beat(tree)
+        found = files_of_the_last_beat(tree)
+    assert (found["vex_plugin_plain_x"], found["vex_plugin_million_a_b"]) == (1, 1)
+    assert len([series for series in found if series.startswith("vex_plugin_million_")]) == 1000
+    assert found['vex_plugin_series_dropped{plugin="million"}'] == 1000002 - 1000
+    assert not any("infinite" in series or "less" in series or "none" in series for series in found)
+    report = os.path.join(tree.work, "out", "report.json")
+    block, plain = wait_until(lambda: json.loads(read(report))["plugins"], what="the report")
+    assert block["error"].startswith("the values are too many for this file: ") and plain["values"] == {"x": 1}
+    assert os.path.getsize(report) < 100_000 and os.path.getsize(out(tree)) < 1_000_000
+    log = tree.log()
+    assert log.count("Plugin 'million' has more than 1000 metrics; those from 'values' on are left out") == 1
+    assert log.count("Plugin 'million' has different figures that would be one metric, 'a-b' and 'a b'; the first counts") == 1
+    assert acknowledged(tree) == [number for number, _ in beats(tree)] and alive(child)
+    tree.stop(supervisor)
+
+
+def test_a_folder_without_room_is_told_once_until_there_is_some(tree):
+    supervisor, child = tree.background(*ON_REQUEST)
+    wait_until(lambda: read(out(tree, "report.json")), what="the first beat's files")
+    folder = os.path.join(tree.work, "out")
+    mount_tmpfs(folder, b"mode=750,nr_inodes=1")
+    try:
+        for _ in range(2):
+            ask_for_a_beat(tree)
+        wait_until(lambda: "Files for collectors: " in tree.log(), what="the warning")
+        assert os.listdir(folder) == []
+    finally:
+        unmount(folder)
+    ask_for_a_beat(tree)
+    wait_until(lambda: "Files for collectors: all are written again" in tree.log(), what="the end of it")
+    assert metrics(tree)["vex_heartbeats_total"] == len(beats(tree))
+    assert len(re.findall(r" WARNING \[\S+ \S+\] Files for collectors: .*No space left on device", tree.log())) == 1
+    assert acknowledged(tree) == [number for number, _ in beats(tree)] and alive(child)
+    tree.stop(supervisor)
+
+
+@pytest.mark.parametrize("tree", [pytest.param(ORDINARY_USER, id="ordinary user")], indirect=True)
+def test_a_reader_without_the_right_is_told_so_and_the_agent_goes_on(tree):
+    supervisor, child = tree.background(*ON_REQUEST)
+    wait_until(lambda: read(out(tree, "report.json")), what="the first beat's files")
+    stranger = {"user": STRANGER, "group": STRANGER, "extra_groups": []}
+    for command in ("events", "heartbeats", "log"):
+        result = subprocess.run([os.path.join(tree.path, "vexctl"), command], capture_output=True, text=True, check=False,
+                                cwd="/", **stranger)
+        assert result.returncode == 2 and result.stdout.count("\n") <= 1, result
+        assert re.fullmatch(r"vexctl: .*Permission denied.*\n", result.stderr), result
+    assert subprocess.run(["cat", out(tree)], capture_output=True, check=False, **stranger).returncode == 1
+    ask_for_a_beat(tree)
+    assert files_of_the_last_beat(tree)["vex_up"] == 1
+    assert not re.search(r" (WARNING|ERROR) \[", tree.log()) and alive(child)
     tree.stop(supervisor)
 
 

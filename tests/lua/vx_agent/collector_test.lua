@@ -98,6 +98,7 @@ function M.TestCollector:test_the_latest_values_lie_in_the_domain()
   dom0.waits = { false, "end" }
   collector.run({ plugin = "probe" })
   lu.assertEquals(json.decode(dom0:Get("vex.plugin.probe.values")), { count = 2 })
+  lu.assertEquals(dom0:Get("vex.plugin.probe.bytes"), tostring(#dom0:Get("vex.plugin.probe.values")))
   lu.assertEquals(dom0:Get("vex.plugin.probe.time"), "1000000")
 end
 

@@ -94,6 +94,31 @@ function M.TestOutputs:test_values_without_measure_are_not_in_the_report()
   lu.assertEquals(self:report().plugins[1].error, "the values are too many for this file: 1048578 bytes as JSON")
 end
 
+function M.TestOutputs:test_values_without_measure_are_not_even_read()
+  local get, asked = dom0.Get, {}
+  dom0.Get = function(dom, key, default)
+    asked[key] = true
+    return get(dom, key, default)
+  end
+  for id, bytes in pairs({ small = 2, great = 1024 * 1024 + 1, growing = 2 }) do
+    dom0:Set("vex.plugin." .. id .. ".bytes", bytes)
+  end
+  dom0:Set("vex.plugin.small.values", "{}")
+  dom0:Set("vex.plugin.great.values", "{}") -- so that only its size can tell
+  dom0:Set("vex.plugin.growing.values", '"' .. ("x"):rep(1024 * 1024) .. '"')
+  self:beat({ { id = "small", name = "S" }, { id = "great", name = "G" }, { id = "growing", name = "W" } })
+  local blocks = self:report().plugins
+  lu.assertEquals(blocks[1], { name = "S", values = {} })
+  lu.assertEquals(blocks[2].error, "the values are too many for this file: 1048577 bytes as JSON")
+  lu.assertEquals(blocks[3].error, "the values are too many for this file: 1048578 bytes as JSON")
+  lu.assertTrue(asked["vex.plugin.small.values"])
+  lu.assertNil(asked["vex.plugin.great.values"])
+  dom0:Set("vex.plugin.small.error", "boom")
+  asked = {}
+  self:beat()
+  lu.assertNil(asked["vex.plugin.small.values"])
+end
+
 function M.TestOutputs:test_a_file_that_cannot_be_written_is_told_once_until_it_can_be_again()
   self.problems["a_b.prom"] = "no room"
   self:beat()
