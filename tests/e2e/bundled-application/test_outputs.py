@@ -7,10 +7,12 @@ import shutil
 import signal
 import stat
 import subprocess
+import time
 
 import pytest
 
-from conftest import ORDINARY_USER, alive, mount_tmpfs, send_signal, unmount, wait_until
+from conftest import ORDINARY_USER, PATIENCE, SANITIZED, alive, at_rest, mount_tmpfs, send_signal, unmount, wait_until
+from own_dev import Logger, OwnDev
 from test_bundled_application import acknowledged, beats, install
 
 pytestmark = pytest.mark.sandbox
@@ -237,6 +239,63 @@ def test_a_reader_without_the_right_is_told_so_and_the_agent_goes_on(tree):
     assert files_of_the_last_beat(tree)["vex_up"] == 1
     assert not re.search(r" (WARNING|ERROR) \[", tree.log()) and alive(child)
     tree.stop(supervisor)
+
+
+def calls_of(trace):
+    """Whole calls that began while they were traced: what a thread sits in when the tracer comes or goes is none."""
+    with open(trace, encoding="utf-8", errors="replace") as file:
+        return [line for line in file.read().splitlines()
+                if " = " in line and "= ? ERESTART" not in line and "resumed>" not in line and "resuming interrupted" not in line]
+
+
+def is_traced(pid):
+    for task in os.listdir(f"/proc/{pid}/task"):
+        with open(f"/proc/{pid}/task/{task}/status", encoding="utf-8") as file:
+            if "TracerPid:\t0\n" in file.read():
+                return False
+    return True
+
+
+@pytest.mark.skipif(SANITIZED or not shutil.which("strace"), reason="needs strace, and no thread of a sanitizer's own")
+def test_an_idle_agent_with_all_outputs_on_makes_no_system_call_between_beats(tree, tmp_path):
+    tree.file("still/plugin.lua", """
+return { name = "Still", version = "1", interval = 3600, collect = function(dom)
+  dom:AgentEvent{ number = 7, severity = 4, text = "seen" }
+  return { x = 1 }
+end }""")
+    dev = OwnDev(tmp_path / "dev")
+    logger = Logger()
+    try:
+        supervisor, child = tree.background(*ON_REQUEST, "--domain_var", "app.log.syslog=daemon", "--plugins", "still")
+        with open(tmp_path / "events", "wb") as events:
+            tree.start("events", "--follow", "--json", "--state", str(tmp_path / "state"), name="vexctl", stdout=events)
+        wait_until(lambda: '"text":"seen"' in read(tmp_path / "events"), what="the event")
+        wait_until(lambda: "plugin still: " in tree.log(), what="the collection")
+        # Once a minute a worker looks at the files of settings: such a look may fall into one window, and not into each.
+        for attempt in range(5):
+            ask_for_a_beat(tree)
+            files_of_the_last_beat(tree)
+            at_rest(supervisor, child)
+            trace = str(tmp_path / f"trace{attempt}")
+            tracer = subprocess.Popen(["strace", "-f", "-qq", "-o", trace, "-p", str(supervisor), "-p", str(child)])
+            try:
+                wait_until(lambda: is_traced(supervisor) and is_traced(child), what="the tracer")
+                time.sleep(3)
+                made = calls_of(trace)
+                ask_for_a_beat(tree)
+                # So that it is known to see what a beat does.
+                wait_until(lambda: any("report.json" in call for call in calls_of(trace)), what="the beat's calls")
+            finally:
+                send_signal(tracer.pid, signal.SIGINT)
+                tracer.wait(PATIENCE)
+            if not made:
+                break
+        assert made == []
+        assert any("Heartbeat 1 (start)" in record for record in logger.records)
+        tree.stop(supervisor)
+    finally:
+        logger.close()
+        dev.close()
 
 
 def test_a_folder_that_another_user_has_replaced_is_told_once_until_it_is_put_right(tree):
