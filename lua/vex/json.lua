@@ -37,7 +37,9 @@ end
 
 -- Not %c, here and below: what that is beyond ASCII depends on the locale. The control characters beyond ASCII and the
 -- line ends U+2028 and U+2029 need no escape in JSON; they get one because such texts are printed.
+-- Nearly all texts have none of these: one look is cheaper than to make them anew.
 local function quote(text)
+  if not text:find('[%z\1-\31"\\\127-\255]') then return '"' .. text .. '"' end
   text = text_tools.utf8(text, "\239\191\189"):gsub('[%z\1-\31"\\\127]', escape)
   if text:find("[\194\226]") then
     text = text:gsub("\194([\128-\159])", escape):gsub("\226\128([\168\169])", line_ends)

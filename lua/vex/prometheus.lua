@@ -36,7 +36,9 @@ function M.family_name(name, unit, is_counter)
   return is_counter and base .. "_total" or base
 end
 
+-- Nearly all texts have nothing to escape: one look is cheaper than to make them anew.
 local function escape_help(text)
+  if not text:find("[\\\n\128-\255]") then return text end
   return (text_tools.utf8(text, "\239\191\189"):gsub("\\", "\\\\"):gsub("\n", "\\n"))
 end
 
@@ -49,6 +51,7 @@ local function shortened(text)
 end
 
 local function escape_label(text)
+  if #text <= most_label_bytes and not text:find('[\\"\n\128-\255]') then return text end
   text = shortened(text_tools.utf8(text, "\239\191\189"))
   return (text:gsub('[\\"\n]', { ["\\"] = "\\\\", ['"'] = '\\"', ["\n"] = "\\n" }))
 end
@@ -61,18 +64,29 @@ end
 
 local function labels_text(labels)
   local parts = {}
-  for index, label in ipairs(labels or {}) do parts[index] = ('%s="%s"'):format(label[1], escape_label(label[2])) end
+  for index, label in ipairs(labels) do parts[index] = label[1] .. '="' .. escape_label(label[2]) .. '"' end
   return #parts > 0 and "{" .. table.concat(parts, ",") .. "}" or ""
 end
 
 --- An empty set of families.
-function M.new() return setmetatable({ families = {}, count = 0 }, M) end
+function M.new() return setmetatable({ families = {}, count = 0, series = {} }, M) end
+
+-- Labels that several families share are made into text once.
+local function series_of(self, labels)
+  if not labels then return "" end
+  local series = self.series[labels]
+  if not series then
+    series = labels_text(labels)
+    self.series[labels] = series
+  end
+  return series
+end
 
 --- Adds a sample.
 -- @param name of the family, clean and with unit and "_total"
 -- @param about of the family, the first sample's counts: help, and type ("gauge", "counter"; nil is the former)
 -- @param value a number, or a boolean, which is 1 or 0
--- @param labels array of { name, value }, the names clean, in the order that they shall have
+-- @param labels array of { name, value }, the names clean, in the order that they shall have; it must not change later
 -- @return true; false when there is such a sample already, or the number is none
 function M:add(name, about, value, labels)
   if type(value) == "boolean" then value = value and 1 or 0 end
@@ -82,7 +96,7 @@ function M:add(name, about, value, labels)
     family = { about = about, lines = {}, known = {} }
     self.families[name] = family
   end
-  local series = labels_text(labels)
+  local series = series_of(self, labels)
   if family.known[series] then return false end
   family.known[series] = true
   family.lines[#family.lines + 1] = name .. series .. " " .. number_text(value) .. "\n"
@@ -117,7 +131,7 @@ function M:text()
 end
 
 --- The families of a text that `text` has made. What has no family's name is skipped.
--- @return an iterator over name, text of the family, and the number of its samples
+-- @return an iterator over name and text of the family
 function M.split(text)
   local position = 1
   return function()
@@ -126,11 +140,16 @@ function M.split(text)
       local family = text:sub(position, stop)
       position = stop + 1
       local name = family:match("^# HELP (%S+)")
-      local _, lines = family:gsub("\n", "")
-      if name then return name, family, lines - 2 end
+      if name then return name, family end
     end
     return nil
   end
+end
+
+--- How many samples a family has whose text `split` has given.
+function M.samples(family)
+  local _, lines = family:gsub("\n", "")
+  return lines - 2
 end
 
 return M

@@ -91,9 +91,9 @@ function M.text(agent)
   local dropped = {}
   for _, plugin in ipairs(plugins) do
     dropped[plugin] = plugin.dropped or 0
-    for name, text, samples in prometheus.split(plugin.error and "" or plugin.metrics or "") do
+    for name, text in prometheus.split(plugin.error and "" or plugin.metrics or "") do
       if name == dropped_name or not families:add_text(name, text) then
-        dropped[plugin] = dropped[plugin] + samples
+        dropped[plugin] = dropped[plugin] + prometheus.samples(text)
         same[#same + 1] = { id = plugin.id, name = name }
       end
     end

@@ -95,8 +95,8 @@ function M.TestFamilies:test_a_text_is_split_into_its_families_and_put_together_
   self:add("b", { help = "B" }, 2, { { "x", "# HELP" } })
   self:add("b", { help = "B" }, 3, { { "x", "y" } })
   local text, again, found = self.families:text(), prometheus.new(), {}
-  for name, family, samples in prometheus.split(text) do
-    found[#found + 1] = name .. " " .. samples
+  for name, family in prometheus.split(text) do
+    found[#found + 1] = name .. " " .. prometheus.samples(family)
     lu.assertTrue(again:add_text(name, family))
   end
   lu.assertEquals(found, { "a 1", "b 2" })
@@ -107,8 +107,8 @@ end
 
 function M.TestFamilies:test_what_has_no_name_is_skipped_and_hides_no_family()
   local family, found = "# HELP a A\n# TYPE a gauge\na 1\n", {}
-  for name, text, samples in prometheus.split("garbage\n# HELP \n" .. family .. "# HELP ") do
-    found[#found + 1] = name .. " " .. samples
+  for name, text in prometheus.split("garbage\n# HELP \n" .. family .. "# HELP ") do
+    found[#found + 1] = name .. " " .. prometheus.samples(text)
     lu.assertEquals(text, family)
   end
   lu.assertEquals(found, { "a 1" })
