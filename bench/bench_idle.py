@@ -4,7 +4,7 @@
 Starts an application whose `main` returns 0 in the background, waits until it is still, and then counts for some seconds
 (60) the context switches of every thread of the supervisor and of the working child, from /proc, and every system call,
 with strace on a second pass. Claim: none at all. The yardstick, in the same run, is a shell in `sleep 1` loops: it shows that
-the counting sees something.
+the counting sees something. Ends with 1 when there was one.
 """
 import ctypes
 import glob
@@ -16,6 +16,8 @@ import subprocess
 import sys
 import tempfile
 import time
+
+import figures
 
 
 def send_signal(pid, number):
@@ -66,15 +68,20 @@ def main():
         processes = {"supervisor": supervisor, "child": child, "yardstick": yardstick.pid}
         before = {name: switches(pid) for name, pid in processes.items()}
         time.sleep(seconds)
-        for name, pid in processes.items():
-            print(f"{name}: {switches(pid) - before[name]} context switches in {seconds} s")
-        print(f"supervisor and child: %d system calls in {seconds} s %s" % system_calls([supervisor, child], seconds))
-        print(f"yardstick: %d system calls in {seconds} s" % system_calls([yardstick.pid], seconds)[0])
-        print("(claim: 0 for supervisor and child)")
+        woken = {name: switches(pid) - before[name] for name, pid in processes.items()}
+        kept = figures.row("wake-ups of an idle supervisor and its child", woken["supervisor"] + woken["child"],
+                           "a shell that sleeps a second at a time", woken["yardstick"], "switches", 0)
+        calls, first = system_calls([supervisor, child], seconds)
+        kept &= figures.row("system calls of an idle supervisor and its child", calls,
+                            "a shell that sleeps a second at a time", system_calls([yardstick.pid], seconds)[0], "calls", 0)
+        print(*first, sep="\n", end="\n" if first else "")
         yardstick.kill()
+        yardstick.wait()
         send_signal(supervisor, signal.SIGTERM)
-        time.sleep(2)
+        while os.path.exists(f"/proc/{supervisor}"):
+            time.sleep(0.1)
+        return 0 if kept else 1
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

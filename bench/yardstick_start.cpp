@@ -1,6 +1,7 @@
 // The yardstick of bench_start: the least program that starts what the launcher is made of, and stops it again: wx base
 // with the user's locale and messages of one language, Lua, OpenSSL with a seeded generator, SQLite. With the argument
-// "bare" it leaves the locale out.
+// "bare" it leaves the locale out; with "wait" it says that it is ready and waits for the end of its input, for those
+// who look at its memory.
 
 #include <lua.hpp>
 #include <openssl/rand.h>
@@ -11,6 +12,7 @@
 #include <wx/intl.h>
 #include <wx/translation.h>
 
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -39,6 +41,11 @@ int main(int argc, char** argv)
     lua_State* L = luaL_newstate();
     luaL_openlibs(L);
     const int status = luaL_dostring(L, "return 0");
+    if (argc > 1 && std::strcmp(argv[1], "wait") == 0) {
+        std::puts("ready");
+        std::fflush(stdout);
+        std::getchar();
+    }
     lua_close(L);
     sqlite3_shutdown();
     return status;

@@ -2,13 +2,14 @@
 // clock that goes on by more than the span with each look: what keeps a supervisor from restarting ten
 // thousand times in a minute.
 //
-//   restarts COUNT REPORT FOLDER
+//   restarts COUNT REPORT FOLDER [TIMES]
 //
 // Goes into the background as the agent does (pid file /var/run/restarts.pid) and logs to FOLDER/restarts.log. Each
 // child ends at once: most by SIGKILL, every 50th with status 3, which runs the driver's script where there is one;
 // child COUNT exits with 0. A line in REPORT for the time after the first 100 restarts, when every pool has been filled
 // once, and for the end: restarts, open descriptors, resident KiB, and of these the KiB of memory that belongs to no
-// file. What is private of that would depend on whether a child is there to share it.
+// file. What is private of that would depend on whether a child is there to share it. In TIMES a line a restart:
+// nanoseconds from the child's end to the next fork, and of processor time of the supervisor between two forks.
 
 #include "vex/apps/vex/daemon.h"
 #include "vex/apps/vex/os/process.h"
@@ -20,12 +21,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <wx/init.h>
 #include <wx/log.h>
 
+#include <ctime>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,16 +42,25 @@ constexpr int warmUp = 100;
 class HastySystem : public VexOs::SystemCalls
 {
 public:
-    HastySystem(VexOs::SystemCalls& real, int count, const char* report)
-        : m_real(real), m_count(count), m_report(report)
-    {}
+    HastySystem(VexOs::SystemCalls& real, int count, const char* report, const char* times)
+        : m_real(real), m_count(count), m_report(report), m_timesFile(times)
+    {
+        void* const shared =
+            ::mmap(nullptr, sizeof *m_ended, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (shared == MAP_FAILED)
+            std::exit(1);
+        m_ended = static_cast<std::int64_t*>(shared);
+        m_times.reserve(static_cast<std::size_t>(count));
+    }
 
     std::int64_t NowSeconds() override { return m_now += restartSpanSeconds + 1; }
     void SleepMs(long) override {}
 
     pid_t ForkWorker() override
     {
-        ++m_child;
+        if (m_child++ > 0)
+            m_times.emplace_back(Now(CLOCK_MONOTONIC) - *m_ended, Now(CLOCK_PROCESS_CPUTIME_ID) - m_spentAtFork);
+        m_spentAtFork = Now(CLOCK_PROCESS_CPUTIME_ID);
         return m_real.ForkWorker();
     }
 
@@ -54,12 +69,15 @@ public:
         const pid_t ended = m_real.Wait(child, status);
         if (ended == child && (m_child == warmUp || m_child == m_count))
             Measure();
+        if (ended == child && m_child == m_count)
+            WriteTimes();
         return ended;
     }
 
     // In a child: the end that is its turn.
     [[noreturn]] void EndAsChild() const
     {
+        *m_ended = Now(CLOCK_MONOTONIC);
         if (m_child == m_count)
             ::_exit(0);
         if (m_child % 50 == 0)
@@ -102,6 +120,13 @@ private:
     [[noreturn]] void DoExit(int status) override { m_real.Exit(status); }
     [[noreturn]] void DoExitNow(int status) override { m_real.ExitNow(status); }
 
+    static std::int64_t Now(clockid_t clock)
+    {
+        timespec time = {};
+        ::clock_gettime(clock, &time);
+        return static_cast<std::int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
+    }
+
     static long CountDescriptors()
     {
         long count = -1; // the one that the count itself needs
@@ -136,9 +161,22 @@ private:
         std::fclose(report);
     }
 
+    void WriteTimes() const
+    {
+        if (!m_timesFile)
+            return;
+        std::ofstream file(m_timesFile);
+        for (const auto& [clock, spent] : m_times)
+            file << clock << " " << spent << "\n";
+    }
+
     VexOs::SystemCalls& m_real;
     const int m_count;
     const char* const m_report;
+    const char* const m_timesFile; // null: not wanted
+    std::int64_t* m_ended; // when the last child ended; shared with it
+    std::int64_t m_spentAtFork = 0;
+    std::vector<std::pair<std::int64_t, std::int64_t>> m_times; // of each restart: by the clock, of processor time
     int m_child = 0;
     std::int64_t m_now = 1000000000;
 };
@@ -147,8 +185,8 @@ private:
 
 int main(int argc, char** argv)
 {
-    if (argc != 4) {
-        std::cerr << "usage: restarts COUNT REPORT FOLDER\n";
+    if (argc != 4 && argc != 5) {
+        std::cerr << "usage: restarts COUNT REPORT FOLDER [TIMES]\n";
         return 2;
     }
     wxInitializer framework;
@@ -161,7 +199,7 @@ int main(int argc, char** argv)
     wxLog::SetVerbose(true);
     wxLog::SetLogLevel(wxLOG_Info);
     wxLog::SetTimestamp("%Y-%m-%d %H:%M:%S");
-    HastySystem system(VexOs::System(), std::atoi(argv[1]), argv[2]);
+    HastySystem system(VexOs::System(), std::atoi(argv[1]), argv[2], argc > 4 ? argv[4] : nullptr);
     VexOs::ReplaceSystem(&system);
     Daemon daemon(system, dom, "restarts");
     const std::optional<int> status = daemon.Run();
