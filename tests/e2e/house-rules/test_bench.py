@@ -1,14 +1,20 @@
 """What benches print, and what the command makes of it: the figures, the page, and what becomes of the page when a bench fails."""
+import glob
+import json
 import os
 import re
+import shutil
+import subprocess
 import sys
 
 import pytest
 
-from conftest import ROOT
+from conftest import PATIENCE, ROOT
 
 sys.path.insert(0, os.path.join(ROOT, "bench"))
 import figures  # pylint: disable=wrong-import-position
+import machine  # pylint: disable=wrong-import-position
+import page  # pylint: disable=wrong-import-position
 
 
 def test_what_a_bench_prints_is_read_back(capsys):
@@ -42,3 +48,148 @@ def test_benches_in_both_languages_print_the_same_form():
         example = re.search(r"^///   (.*)$", file.read(), re.M)[1]
     assert figures.read(example) == {"what": "what", "ours": 1.25, "unit": "ms", "yardstick": "libzip", "theirs": 5, "ratio": 0.25, "claim": 0.3,
                                      "kept": True}
+
+
+# --- the page
+
+WORDS = """
+[Modules."open 2,000 entries"]
+before = "0.32"
+change = "one look"
+limit = "reading | checking"
+
+[Log."a write"]
+before = ""
+change = ""
+limit = "the disk"
+"""
+SAID = "before = ''\nchange = ''\nlimit = ''\n"
+OPEN = "echo 'open 2,000 entries: {} ms, libzip 5 ms, ratio {} (claim: at most 0.30){}'\n"
+FIRST = "test -e again || {{ touch again; {}; exit; }}\n"
+WRITE = "echo 'what else a bench tells'\necho 'a write: 12000 KiB, the least program 4000 KiB, ratio 3.000'\n"
+
+
+class Tree:
+    """A tree with the command, and with benches that are scripts of the shell."""
+
+    def __init__(self, root):
+        self.root = root
+        for folder in ("tools", "bench", "docs", "build/release/bench"):
+            (root / folder).mkdir(parents=True)
+        for file in ("tools/bench", *("bench/" + os.path.basename(file) for file in glob.glob(os.path.join(ROOT, "bench", "*.py"))
+                                      if not os.path.basename(file).startswith("bench_"))):
+            shutil.copy(os.path.join(ROOT, file), root / file)
+        self.script("tools/build", "echo \"build: $*\" > build/log")
+        self.script("build/release/bench/library_versions", "echo compiler gcc 12.2.0\necho lua 5.2.4")
+        (root / "bench/rows.toml").write_text(WORDS)
+        (root / "docs/PERFORMANCE.md").write_text("as it was\n")
+        self.bench("bench_a", OPEN.format(1.25, "0.250", ""))
+        self.bench("bench_b", WRITE)
+
+    def script(self, name, body):
+        (self.root / name).write_text(f"#!/bin/sh\n{body}\n")
+        (self.root / name).chmod(0o755)
+
+    def bench(self, name, body):
+        (self.root / f"bench/{name}.cpp").write_text("// a bench\n")
+        self.script(f"build/release/bench/{name}", body)
+
+    def run(self, *arguments):
+        result = subprocess.run([sys.executable, str(self.root / "tools/bench"), *arguments], stdin=subprocess.DEVNULL, capture_output=True,
+                                text=True, timeout=PATIENCE, check=False)
+        return result.returncode, result.stdout, re.sub(r"bench: this machine has other work .*\n", "", result.stderr)
+
+    def page(self):
+        return (self.root / "docs/PERFORMANCE.md").read_text()
+
+
+@pytest.fixture(name="tree")
+def _tree(tmp_path):
+    return Tree(tmp_path)
+
+
+def test_the_page_has_figures_claims_and_words_of_all_runs(tree):
+    tree.bench("bench_a", FIRST.format(OPEN.format(1, "0.200", "").strip()) + OPEN.format(1.5, "0.300", ""))
+    (tree.root / "build/bench/plots").mkdir(parents=True)
+    (tree.root / "build/bench/plots/keys.svg").write_text("<svg><title>A key</title></svg>")
+    assert tree.run("--all") == (0, "== bench_a\nopen 2,000 entries: 1 ms, libzip 5 ms, ratio 0.200 (claim: at most 0.30)\n"
+                                 "== bench_b\nwhat else a bench tells\na write: 12000 KiB, the least program 4000 KiB, ratio 3.000\n"
+                                 "== bench_a\nopen 2,000 entries: 1.5 ms, libzip 5 ms, ratio 0.300 (claim: at most 0.30)\n"
+                                 "== bench_b\nwhat else a bench tells\na write: 12000 KiB, the least program 4000 KiB, ratio 3.000\n", "")
+    page = tree.page()
+    assert ("| open 2,000 entries | libzip | 1.25 ms | 5 ms | 0.250 | 0.200 to 0.300 | 0.30 | kept |\n\n"
+            "| measure | before | what was changed | what limits it now |\n|---|---|---|---|\n"
+            "| open 2,000 entries: `bench_a` | 0.32 | one look | reading \\| checking |\n\n## Log\n") in page
+    assert "| a write | the least program | 12,000 KiB | 4,000 KiB | 3.000 | 3.000 to 3.000 |  |  |\n" in page
+    assert re.search(r"^\d{4}-\d\d-\d\d, 2 runs, \d+, .*gcc 12.2.0, lua 5.2.4\. ", page, re.M | re.S)
+    assert page.endswith("![A key](growth/keys.svg)\n") and (tree.root / "docs/growth/keys.svg").exists()
+    assert max(len(line) for line in page.splitlines() if not line.startswith("|")) <= 140
+
+
+def test_a_claim_that_does_not_hold_is_on_the_page_and_in_the_status(tree):
+    tree.bench("bench_a", FIRST.format(OPEN.format(1, "0.100", "").strip()) + OPEN.format(2, "0.400", " EXCEEDED") + "exit 1")
+    status, _, errors = tree.run("--all")
+    assert (status, errors) == (1, "bench: beyond what is claimed: open 2,000 entries\n")
+    assert "| 0.250 | 0.100 to 0.400 | 0.30 | **beyond** |" in tree.page()  # in one of two runs
+
+
+@pytest.mark.parametrize("body, why", [
+    (OPEN.format(1, "0.200", "") + "exit 1", "bench_a ended with status 1 after: open 2,000 entries: 1 ms, libzip 5 ms, ratio 0.200 (claim: at most 0.30)"),
+    ("exit 3", "bench_a ended with status 3 after: nothing"),
+    ("kill -9 $$", "bench_a ended with status -9 after: nothing"),
+    ("echo words", "no figure in the form of bench/figures.h comes from bench_a"),
+    ("", "no figure in the form of bench/figures.h comes from bench_a"),
+])
+def test_the_page_stays_as_it_was_when_a_bench_fails(tree, body, why):
+    tree.bench("bench_a", body)
+    status, _, errors = tree.run("--all")
+    assert (status, errors, tree.page()) == (2, f"bench: {why}; docs/PERFORMANCE.md is as it was\n", "as it was\n")
+    assert not (tree.root / "build/bench/measured.json").exists()
+
+
+@pytest.mark.parametrize("words, why", [
+    ("", "'open 2,000 entries' is measured by bench_a and has no words; 'a write' is measured by bench_b and has no words"),
+    (WORDS + "[Log.none]\n" + SAID, "'none' has words and no bench measures it"),
+    (WORDS + '[Log."open 2,000 entries"]\n' + SAID, "'open 2,000 entries' stands there twice"),
+    (WORDS.replace("limit", "limits", 1), "'open 2,000 entries' in 'Modules' needs the texts before, change, limit, and nothing else"),
+    (WORDS.replace('"0.32"', "0.32"), "'open 2,000 entries' in 'Modules' needs the texts before, change, limit, and nothing else"),
+])
+def test_measures_and_words_belong_together(tree, words, why):
+    (tree.root / "bench/rows.toml").write_text(words)
+    assert tree.run("--all", "--runs", "1")[::2] == (2, f"bench: bench/rows.toml: {why}; docs/PERFORMANCE.md is as it was\n")
+    assert tree.page() == "as it was\n"
+    (tree.root / "bench/rows.toml").write_text(WORDS)  # nothing has to be measured again
+    (tree.root / "build/log").unlink()
+    assert tree.run("--page") == (0, "", "")
+    assert "## Modules" in tree.page() and not (tree.root / "build/log").exists()
+
+
+def test_a_page_needs_figures(tree):
+    status, _, errors = tree.run("--page")
+    assert status == 2 and "build/bench/measured.json is not there; tools/bench --all makes it" in errors
+
+
+def test_figures_are_given_as_json(tree):
+    status, printed, errors = tree.run("--json", "bench_b", "--runs", "3")
+    assert status == 0 and errors.count("== bench_b\n") == 3
+    told = json.loads(printed)
+    assert told["rows"] == [{"what": "a write", "ours": 12000, "unit": "KiB", "yardstick": "the least program", "theirs": 4000, "ratio": 3,
+                             "claim": None, "kept": True, "bench": "bench_b", "ratios": [3, 3, 3]}]
+    assert told["machine"]["lua"] == "5.2.4"
+
+
+@pytest.mark.parametrize("arguments, why", [(("--all", "bench_a"), "name none"), (("--runs", "0"), "a number above 0")])
+def test_what_cannot_be_measured_is_refused(tree, arguments, why):
+    status, printed, errors = tree.run(*arguments)
+    assert (status, printed) == (2, "") and why in errors and not (tree.root / "build/log").exists()
+
+
+def test_the_kind_of_a_processor_does_not_tell_which_one_it_is():
+    kind = machine.processor
+    assert kind("model name\t: Intel(R) Xeon(R) CPU E5-2690 v4 @ 2.60GHz\n", "x86_64") == "Intel Xeon (x86_64)"
+    assert kind("model name\t: Intel(R) Xeon(R) Processor\nmodel name\t: another\n", "x86_64") == "Intel Xeon (x86_64)"
+    assert kind("", "aarch64") == "aarch64"
+
+
+def test_all_words_of_the_tree_can_be_read():
+    assert page.read_words(os.path.join(ROOT, page.WORDS))

@@ -1,0 +1,155 @@
+"""docs/PERFORMANCE.md, made of figures and of what bench/rows.toml says of each measure."""
+import glob
+import os
+import re
+import shutil
+import statistics
+import tomllib
+
+PAGE, PLOTS, WORDS = "docs/PERFORMANCE.md", "docs/growth", "bench/rows.toml"
+KINDS = ("before", "change", "limit")
+SHOWN = {"date": "day", "processors": "processors", "system": "system", "kernel": "kernel"}
+
+HEAD = """# What is fast, against what, and what limits it
+
+Each figure is a ratio to a yardstick that the same program measures in the same run, the two taking turns. `tools/bench NAME` measures one
+of them again; `tools/bench --all` measures all, and writes this page of them and of the words in `bench/rows.toml`: nobody edits it. A
+claim is an upper bound of the ratio, and a bench that finds more fails.
+"""
+
+
+class BadWords(Exception):
+    """Measures without words, or words without a measure."""
+
+
+def together(benches):
+    """{bench: [the rows of each run]} as one row a measure, which has the middle of the runs and the range of the ratios."""
+    rows, at = [], {}
+    for bench, runs in benches.items():
+        for row in (row for run in runs for row in run):
+            if row["what"] not in at:
+                at[row["what"]] = {**row, "bench": bench, "ratios": [], "all": []}
+                rows.append(at[row["what"]])
+            one = at[row["what"]]
+            one["kept"] &= row["kept"]
+            one["ratios"].append(row["ratio"])
+            one["all"].append((row["ours"], row["theirs"]))
+    for row in rows:
+        every = row.pop("all")
+        row["ours"], row["theirs"] = (statistics.median(values) for values in zip(*every))
+        row["ratio"] = statistics.median(row["ratios"])
+    return rows
+
+
+def read_words(path):
+    """{group: {measure: {before, change, limit}}}, in the order of the file."""
+    try:
+        with open(path, "rb") as file:
+            words = tomllib.load(file)
+    except tomllib.TOMLDecodeError as error:
+        raise BadWords(f"{WORDS}: {error}") from error
+    seen = set()
+    for group, measures in words.items():
+        for what, said in measures.items():
+            if not isinstance(said, dict) or sorted(said) != sorted(KINDS) or not all(isinstance(text, str) for text in said.values()):
+                raise BadWords(f"{WORDS}: '{what}' in '{group}' needs the texts {', '.join(KINDS)}, and nothing else")
+            if what in seen:
+                raise BadWords(f"{WORDS}: '{what}' stands there twice")
+            seen.add(what)
+    return words
+
+
+def compare(words, rows):
+    said = {what for measures in words.values() for what in measures}
+    measured = {row["what"] for row in rows}
+    wrong = [f"'{what}' is measured by {row['bench']} and has no words" for row in rows if (what := row["what"]) not in said]
+    wrong += [f"'{what}' has words and no bench measures it" for measures in words.values() for what in measures if what not in measured]
+    if wrong:
+        raise BadWords(f"{WORDS}: " + "; ".join(wrong))
+
+
+# --- what is written
+
+def cell(text):
+    return " ".join(text.split()).replace("|", "\\|")
+
+
+def number(value):
+    """Three digits that count, without an exponent."""
+    if value == 0 or 0.001 <= abs(value) < 1000:
+        return f"{value:.3g}"
+    return f"{value:,.0f}" if abs(value) >= 1000 else f"{value:.2g}"
+
+
+def spread(ratios):
+    low, high = min(ratios), max(ratios)
+    return f"{low:.3f} to {high:.3f}"
+
+
+def figures_table(rows):
+    yield "| measure | yardstick | ours | the yardstick's | ratio | of all runs | claim | |"
+    yield "|---|---|---|---|---|---|---|---|"
+    for row in rows:
+        claim = "" if row["claim"] is None else f"{row['claim']:.2f}"
+        kept = "" if row["claim"] is None else "kept" if row["kept"] else "**beyond**"
+        yield (f"| {cell(row['what'])} | {cell(row['yardstick'])} | {number(row['ours'])} {row['unit']} | {number(row['theirs'])} {row['unit']} "
+               f"| {row['ratio']:.3f} | {spread(row['ratios'])} | {claim} | {kept} |")
+
+
+def words_table(measures, benches):
+    yield "| measure | before | what was changed | what limits it now |"
+    yield "|---|---|---|---|"
+    for what, said in measures.items():
+        yield f"| {cell(what)}: `{benches[what]}` | " + " | ".join(cell(said[kind]) for kind in KINDS) + " |"
+
+
+def machine_lines(told):
+    about = told["machine"]
+    runs = max(len(row["ratios"]) for row in told["rows"])
+    yield f"{about['date']}, {runs} run{'s' if runs > 1 else ''}, {about['processors']}, {about['system']}, Linux {about['kernel']}. "
+    yield ", ".join(f"{name} {version}" for name, version in about.items() if name not in SHOWN) + ". "
+    busy = told["load"]
+    yield "Nothing else ran." if busy <= 0.5 else f"The machine had other work (a load of {busy:.1f} when it began), so the times say little."
+
+
+def wrapped(pieces, width=130):
+    """The pieces as one paragraph of lines that are not longer."""
+    lines = [""]
+    for word in "".join(pieces).split():
+        if lines[-1] and len(lines[-1]) + 1 + len(word) > width:
+            lines.append("")
+        lines[-1] = f"{lines[-1]} {word}".lstrip()
+    return lines
+
+
+def title(plot):
+    with open(plot, encoding="utf-8") as file:
+        found = re.search(r"<title>(.*?)</title>", file.read())
+    return found[1] if found else os.path.basename(plot)
+
+
+def text(words, told, plots):
+    compare(words, told["rows"])
+    rows = {row["what"]: row for row in told["rows"]}
+    lines = [*HEAD.splitlines(), "", *wrapped(machine_lines(told))]
+    for group, measures in words.items():
+        lines += ["", f"## {group}", "", *figures_table(rows[what] for what in measures), "",
+                  *words_table(measures, {what: rows[what]["bench"] for what in measures})]
+    if plots:
+        lines += ["", "## Growth", "", "What a unit of work costs while what it is done among grows. The bench that draws these limits each of them."]
+        for plot in plots:
+            lines += ["", f"![{title(plot)}](growth/{os.path.basename(plot)})"]
+    return "\n".join(lines) + "\n"
+
+
+def write(root, told, plots):
+    """Writes the page and the plots beside it; nothing is written where words and figures do not belong together."""
+    drawn = sorted(glob.glob(os.path.join(plots, "*.svg")))
+    page = text(read_words(os.path.join(root, WORDS)), told, drawn)
+    os.makedirs(os.path.join(root, PLOTS), exist_ok=True)
+    for plot in drawn:
+        shutil.copyfile(plot, os.path.join(root, PLOTS, os.path.basename(plot)))
+    path = os.path.join(root, PAGE)
+    with open(path + ".new", "w", encoding="utf-8") as file:
+        file.write(page)
+    os.replace(path + ".new", path)
