@@ -1,12 +1,13 @@
 """docs/PERFORMANCE.md, made of figures and of what bench/rows.toml says of each measure."""
 import glob
+import json
 import os
 import re
 import shutil
 import statistics
 import tomllib
 
-PAGE, PLOTS, WORDS = "docs/PERFORMANCE.md", "docs/growth", "bench/rows.toml"
+PAGE, PLOTS, WORDS, COUNTS = "docs/PERFORMANCE.md", "docs/growth", "bench/rows.toml", "bench/counts.json"
 KINDS = ("before", "change", "limit")
 SHOWN = {"date": "day", "processors": "processors", "system": "system", "kernel": "kernel"}
 
@@ -128,13 +129,25 @@ def title(plot):
     return found[1] if found else os.path.basename(plot)
 
 
-def text(words, told, plots):
+def counts_table(counts):
+    yield "| one | instructions |"
+    yield "|---|---|"
+    for name, counted in counts.items():
+        yield f"| {cell(name)} | {counted:,} |"
+
+
+def text(words, told, counts, plots):
     compare(words, told["rows"])
     rows = {row["what"]: row for row in told["rows"]}
     lines = [*HEAD.splitlines(), "", *wrapped(machine_lines(told))]
     for group, measures in words.items():
         lines += ["", f"## {group}", "", *figures_table(rows[what] for what in measures), "",
                   *words_table(measures, {what: rows[what]["bench"] for what in measures})]
+    if counts:
+        about = ", ".join(f"{name} {version}" for name, version in counts["surroundings"].items())
+        lines += ["", "## Instructions", "", *wrapped([
+            "What users wait for, in instructions, which do not depend on what else a machine does. `./test --ci` counts them again and fails when "
+            f"one takes more than 5 % more (`tools/bench --counts`). They come from {about}."]), "", *counts_table(counts["counts"])]
     if plots:
         lines += ["", "## Growth", "", "What a unit of work costs while what it is done among grows. The bench that draws these limits each of them."]
         for plot in plots:
@@ -145,7 +158,11 @@ def text(words, told, plots):
 def write(root, told, plots):
     """Writes the page and the plots beside it; nothing is written where words and figures do not belong together."""
     drawn = sorted(glob.glob(os.path.join(plots, "*.svg")))
-    page = text(read_words(os.path.join(root, WORDS)), told, drawn)
+    counts = None
+    if os.path.exists(os.path.join(root, COUNTS)):
+        with open(os.path.join(root, COUNTS), encoding="ascii") as file:
+            counts = json.load(file)
+    page = text(read_words(os.path.join(root, WORDS)), told, counts, drawn)
     os.makedirs(os.path.join(root, PLOTS), exist_ok=True)
     for plot in drawn:
         shutil.copyfile(plot, os.path.join(root, PLOTS, os.path.basename(plot)))

@@ -9,9 +9,10 @@ import sys
 
 import pytest
 
-from conftest import PATIENCE, ROOT
+from conftest import BUILD, PATIENCE, ROOT, SANITIZED, STAGE
 
 sys.path.insert(0, os.path.join(ROOT, "bench"))
+import counts  # pylint: disable=wrong-import-position
 import figures  # pylint: disable=wrong-import-position
 import machine  # pylint: disable=wrong-import-position
 import page  # pylint: disable=wrong-import-position
@@ -110,6 +111,7 @@ def _tree(tmp_path):
 
 def test_the_page_has_figures_claims_and_words_of_all_runs(tree):
     tree.bench("bench_a", FIRST.format(OPEN.format(1, "0.200", "").strip()) + OPEN.format(1.5, "0.300", ""))
+    (tree.root / "bench/counts.json").write_text('{"surroundings": {"lua": "5.2.4"}, "counts": {"a start": 38503732}}')
     (tree.root / "build/bench/plots").mkdir(parents=True)
     (tree.root / "build/bench/plots/keys.svg").write_text("<svg><title>A key</title></svg>")
     assert tree.run("--all") == (0, "== bench_a\nopen 2,000 entries: 1 ms, libzip 5 ms, ratio 0.200 (claim: at most 0.30)\n"
@@ -122,6 +124,7 @@ def test_the_page_has_figures_claims_and_words_of_all_runs(tree):
             "| open 2,000 entries: `bench_a` | 0.32 | one look | reading \\| checking |\n\n## Log\n") in page
     assert "| a write | the least program | 12,000 KiB | 4,000 KiB | 3.000 | 3.000 to 3.000 |  |  |\n" in page
     assert re.search(r"^\d{4}-\d\d-\d\d, 2 runs, \d+, .*gcc 12.2.0, lua 5.2.4\. ", page, re.M | re.S)
+    assert "They come from lua 5.2.4.\n\n| one | instructions |\n|---|---|\n| a start | 38,503,732 |\n" in page
     assert page.endswith("![A key](growth/keys.svg)\n") and (tree.root / "docs/growth/keys.svg").exists()
     assert max(len(line) for line in page.splitlines() if not line.startswith("|")) <= 140
 
@@ -153,7 +156,7 @@ def test_the_page_stays_as_it_was_when_a_bench_fails(tree, body, why):
     (WORDS + '[Log."open 2,000 entries"]\n' + SAID, "'open 2,000 entries' stands there twice"),
     (WORDS.replace("limit", "limits", 1), "'open 2,000 entries' in 'Modules' needs the texts before, change, limit, and nothing else"),
     (WORDS.replace('"0.32"', "0.32"), "'open 2,000 entries' in 'Modules' needs the texts before, change, limit, and nothing else"),
-])
+], ids=["none", "no measure", "twice", "another name", "no text"])
 def test_measures_and_words_belong_together(tree, words, why):
     (tree.root / "bench/rows.toml").write_text(words)
     assert tree.run("--all", "--runs", "1")[::2] == (2, f"bench: bench/rows.toml: {why}; docs/PERFORMANCE.md is as it was\n")
@@ -193,3 +196,35 @@ def test_the_kind_of_a_processor_does_not_tell_which_one_it_is():
 
 def test_all_words_of_the_tree_can_be_read():
     assert page.read_words(os.path.join(ROOT, page.WORDS))
+
+
+# --- counts
+
+SURROUNDINGS = {"compiler": "gcc 12.2.0", "lua": "5.2.4"}
+
+
+@pytest.mark.parametrize("counted, surrounded, status, told", [
+    ({"start": 105, "get": 95}, SURROUNDINGS, 0, ""),
+    ({"start": 94, "get": 100}, SURROUNDINGS, 0, "counts: more than 5 % fewer are start: tools/bench --write-counts writes them anew\n"),
+    ({"start": 100, "get": 106}, SURROUNDINGS, 1, ""),
+    ({"start": 100}, SURROUNDINGS, 1, "counts: what is counted and what is written down differ in get; tools/bench --write-counts writes them anew\n"),
+    ({"start": 200, "get": 200}, {**SURROUNDINGS, "lua": "5.2.5"}, 77, "counts: the counts of bench/counts.json are not comparable here: lua 5.2.5 "
+     "where 5.2.4 was; tools/bench --write-counts writes them anew\n"),
+])
+def test_counts_are_compared_with_those_of_the_same_versions(counted, surrounded, status, told, capsys):
+    assert counts.compare(counted, surrounded, {"surroundings": SURROUNDINGS, "counts": {"start": 100, "get": 100}}) == status
+    printed = capsys.readouterr().out.splitlines(True)
+    beyond = "get: 106 instructions, written down 100 instructions, ratio 1.060 (claim: at most 1.05) EXCEEDED\n"
+    assert [line for line in printed if "EXCEEDED" in line] == ([beyond] if counted.get("get") == 106 else [])
+    assert "".join(line for line in printed if line.startswith("counts:")) == told
+
+
+@pytest.mark.patient
+@pytest.mark.skipif(SANITIZED or os.path.basename(BUILD) != "release", reason="counts are those of the release build")
+def test_nothing_that_users_wait_for_takes_more_instructions_than_are_written_down():
+    result = subprocess.run([os.path.join(ROOT, "tools", "sandbox"), sys.executable, os.path.join(ROOT, "bench", "counts.py"), STAGE, BUILD],
+                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True, timeout=4 * PATIENCE, check=False)
+    if result.returncode == counts.NOT_COMPARABLE:
+        pytest.skip("NOTHING IS COUNTED: " + result.stdout.strip())
+    assert result.returncode == 0, "\n".join(line for line in result.stdout.splitlines() if "EXCEEDED" in line or line.startswith("counts:"))
+    print(result.stdout)
