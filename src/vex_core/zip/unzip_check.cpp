@@ -47,8 +47,9 @@ std::vector<std::string> DamagedEntries(const ZipArchive& archive)
 {
     std::vector<std::string> reasons;
     const auto drop = [](const char*, std::size_t) { return true; };
+    ZipReading reading;
     for (const ZipEntry& entry : archive.Entries())
-        if (std::string error; !entry.isFolder && !archive.Read(entry, drop, error))
+        if (std::string error; !entry.isFolder && !archive.Read(entry, reading, drop, error))
             reasons.push_back(InEntry(entry, error));
     return reasons;
 }

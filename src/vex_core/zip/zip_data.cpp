@@ -1,17 +1,19 @@
 // Reads entries of an archive whose headers were checked: unpacks, and compares length and checksum with the directory.
-// Small entries are inflated in one piece by libdeflate, which is twice as fast; big ones stream through zlib, so that
-// memory does not grow with them.
+// Big ones stream, so that memory does not grow with them; small ones are inflated in one piece, which libdeflate does
+// faster than zlib.
 #include "vex_core/os/error.h"
 #include "vex_core/os/files.h"
 #include "vex_core/zip/zip_format.h"
+#include "vex_core/zip/zip_inflate.h"
 #include "vex_core/zip/zip_reader.h"
 #include "vex_core/zip/zip_refused.h"
 
 #include <algorithm>
+#include <atomic>
 #include <new>
+#include <optional>
 
 #include <libdeflate.h>
-#include <zlib.h>
 
 namespace VexCore {
 
@@ -21,9 +23,11 @@ namespace {
 #ifdef VEX_SMALL_LIMITS
 constexpr std::size_t onePiece = 8 * 1024;
 constexpr std::size_t pieceBytes = 4 * 1024;
+constexpr std::size_t aheadBytes = 2 * 1024;
 #else
 constexpr std::size_t onePiece = 1024 * 1024;
 constexpr std::size_t pieceBytes = 128 * 1024;
+constexpr std::size_t aheadBytes = 128 * 1024;
 #endif
 
 const char damaged[] = "its packed data is damaged";
@@ -31,39 +35,72 @@ const char bytesBehind[] = "there are bytes behind the end of its packed data";
 const char wrongLength[] = "its length differs from the directory";
 const char wrongChecksum[] = "its checksum differs from the directory";
 
+std::size_t AtMostAChunk(std::uint64_t size)
+{
+    return static_cast<std::size_t>(std::min<std::uint64_t>(size, pieceBytes));
+}
+
+// Bytes of the archive, and those that were read along with them.
+class ReadAhead
+{
+public:
+    // `size` bytes at `offset`, valid until the next call; where they follow the last ones, all that lies near is read
+    // with them. Null with the error.
+    const char* At(int descriptor, std::uint64_t offset, std::size_t size, std::string& error)
+    {
+        const auto isThere = [&] {
+            return offset >= m_start && offset - m_start <= m_bytes.size()
+                   && size <= m_bytes.size() - (offset - m_start);
+        };
+        if (!isThere()) {
+            const bool follows = m_next && offset >= *m_next && offset - *m_next < aheadBytes;
+            m_bytes.resize(follows ? std::max(size, aheadBytes) : size);
+            const ssize_t count = os::PReadFull(descriptor, m_bytes.data(), m_bytes.size(), static_cast<off_t>(offset));
+            if (count < 0)
+                error = "cannot be read: " + os::ErrorText(os::LastError());
+            m_bytes.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+            m_start = offset;
+            if (error.empty() && !isThere())
+                error = cutShort;
+            if (!error.empty())
+                return nullptr;
+        }
+        m_next = offset + size;
+        return size == 0 ? "" : m_bytes.data() + (offset - m_start);
+    }
+
+private:
+    std::vector<char> m_bytes;
+    std::uint64_t m_start = 0; // where they lie in the file
+    std::optional<std::uint64_t> m_next; // where the last ones ended
+};
+
 // The packed bytes of one entry, in order.
 class PackedBytes
 {
 public:
-    PackedBytes(int descriptor, const ZipEntry& entry)
-        : m_descriptor(descriptor), m_offset(entry.dataOffset), m_left(entry.packedSize)
+    PackedBytes(int descriptor, const ZipEntry& entry, ReadAhead& ahead)
+        : m_descriptor(descriptor), m_offset(entry.dataOffset), m_left(entry.packedSize), m_ahead(ahead)
     {}
 
     std::uint64_t Left() const { return m_left; }
 
-    // Reads the next `size` bytes, of which there must be so many.
-    bool Next(char* data, std::size_t size, std::string& error)
+    // The next of them, valid until the next call; `size` says how many. Null with the error.
+    const char* Next(std::size_t& size, std::string& error)
     {
-        const ssize_t count = os::PReadFull(m_descriptor, data, size, static_cast<off_t>(m_offset));
-        if (count < 0)
-            error = "cannot be read: " + os::ErrorText(os::LastError());
-        else if (static_cast<std::size_t>(count) != size)
-            error = cutShort;
+        size = AtMostAChunk(m_left);
+        const char* const bytes = m_ahead.At(m_descriptor, m_offset, size, error);
         m_offset += size;
         m_left -= size;
-        return count >= 0 && static_cast<std::size_t>(count) == size;
+        return bytes;
     }
 
 private:
     int m_descriptor;
     std::uint64_t m_offset;
     std::uint64_t m_left;
+    ReadAhead& m_ahead;
 };
-
-std::size_t AtMostAChunk(std::uint64_t size)
-{
-    return static_cast<std::size_t>(std::min<std::uint64_t>(size, pieceBytes));
-}
 
 // Counts and sums what goes to the sink.
 class CheckedSink
@@ -100,147 +137,179 @@ private:
 
 bool CopyStored(PackedBytes& packed, CheckedSink& sink, std::string& error)
 {
-    std::vector<char> buffer(AtMostAChunk(packed.Left()));
     while (packed.Left() != 0) {
-        const std::size_t size = AtMostAChunk(packed.Left());
-        if (!packed.Next(buffer.data(), size, error) || !sink.Put(buffer.data(), size, error))
+        std::size_t size = 0;
+        const char* const bytes = packed.Next(size, error);
+        if (!bytes || !sink.Put(bytes, size, error))
             return false;
     }
     return true;
 }
 
-bool InflateInOnePiece(const std::string& packed, std::string& data, std::string& error)
+bool InflateInPieces(PackedBytes& packed, CheckedSink& sink, Inflate& inflate, std::vector<char>& out,
+                     std::string& error)
 {
-    const std::unique_ptr<libdeflate_decompressor, void (*)(libdeflate_decompressor*)> decompressor(
-        libdeflate_alloc_decompressor(), libdeflate_free_decompressor);
-    if (!decompressor)
-        throw std::bad_alloc();
-    std::size_t used = 0;
-    std::size_t made = 0;
-    const libdeflate_result result = libdeflate_deflate_decompress_ex(decompressor.get(), packed.data(), packed.size(),
-                                                                      &data[0], data.size(), &used, &made);
-    if (result == LIBDEFLATE_INSUFFICIENT_SPACE || (result == LIBDEFLATE_SUCCESS && made != data.size()))
-        error = wrongLength;
-    else if (result != LIBDEFLATE_SUCCESS)
-        error = damaged;
-    else if (used != packed.size())
+    out.resize(pieceBytes);
+    inflate.Begin();
+    for (bool wantsMore = true;;) {
+        if (wantsMore) {
+            std::size_t size = 0;
+            const char* const bytes = packed.Next(size, error);
+            if (!bytes)
+                return false;
+            inflate.Give(bytes, size);
+        }
+        std::size_t made = 0;
+        const Inflate::State state = inflate.Take(out.data(), out.size(), made);
+        if (made != 0 && !sink.Put(out.data(), made, error))
+            return false;
+        if (state == Inflate::State::Ended)
+            break;
+        wantsMore = made < out.size();
+        if (state == Inflate::State::Damaged || (wantsMore && packed.Left() == 0)) {
+            error = damaged;
+            return false;
+        }
+    }
+    if (inflate.Unused() != 0 || packed.Left() != 0)
         error = bytesBehind;
     return error.empty();
 }
 
-class InflateStream
+// Making a decompressor of libdeflate, with its tables, costs as much as to inflate a page: one is kept for the next
+// entry of the process, whoever reads it.
+class Decompressor
 {
 public:
-    InflateStream()
+    Decompressor() : m_handle(s_kept.exchange(nullptr))
     {
-        if (inflateInit2(&m_stream, -MAX_WBITS) != Z_OK)
+        if (!m_handle)
+            m_handle = libdeflate_alloc_decompressor();
+        if (!m_handle)
             throw std::bad_alloc();
     }
-    ~InflateStream() { inflateEnd(&m_stream); }
-    InflateStream(const InflateStream&) = delete;
-    InflateStream& operator=(const InflateStream&) = delete;
+    ~Decompressor() { libdeflate_free_decompressor(s_kept.exchange(m_handle)); }
+    Decompressor(const Decompressor&) = delete;
+    Decompressor& operator=(const Decompressor&) = delete;
 
-    bool Run(PackedBytes& packed, CheckedSink& sink, std::string& error)
-    {
-        std::vector<char> in(pieceBytes);
-        std::vector<char> out(pieceBytes);
-        for (;;) {
-            if (m_stream.avail_in == 0 && packed.Left() != 0) {
-                const std::size_t size = AtMostAChunk(packed.Left());
-                if (!packed.Next(in.data(), size, error))
-                    return false;
-                m_stream.next_in = reinterpret_cast<Bytef*>(in.data());
-                m_stream.avail_in = uInt(size);
-            }
-            m_stream.next_out = reinterpret_cast<Bytef*>(out.data());
-            m_stream.avail_out = uInt(out.size());
-            const int result = inflate(&m_stream, Z_NO_FLUSH);
-            const std::size_t made = out.size() - m_stream.avail_out;
-            if (made != 0 && !sink.Put(out.data(), made, error))
-                return false;
-            if (result == Z_STREAM_END)
-                break;
-            if (result == Z_MEM_ERROR)
-                throw std::bad_alloc();
-            if (result != Z_OK) { // Z_BUF_ERROR: the packed bytes are used up before the stream ends
-                error = damaged;
-                return false;
-            }
-        }
-        if (m_stream.avail_in != 0 || packed.Left() != 0)
-            error = bytesBehind;
-        return error.empty();
-    }
+    libdeflate_decompressor* Get() const { return m_handle; }
 
 private:
-    z_stream m_stream{};
+    static inline std::atomic<libdeflate_decompressor*> s_kept{nullptr};
+    libdeflate_decompressor* m_handle;
 };
+
+bool InflateInOnePiece(const char* packed, std::size_t packedSize, std::string& data, std::string& error)
+{
+    const Decompressor decompressor;
+    std::size_t used = 0;
+    std::size_t made = 0;
+    const libdeflate_result result = libdeflate_deflate_decompress_ex(decompressor.Get(), packed, packedSize,
+                                                                      data.data(), data.size(), &used, &made);
+    if (result == LIBDEFLATE_INSUFFICIENT_SPACE || (result == LIBDEFLATE_SUCCESS && made != data.size()))
+        error = wrongLength;
+    else if (result != LIBDEFLATE_SUCCESS)
+        error = damaged;
+    else if (used != packedSize)
+        error = bytesBehind;
+    return error.empty();
+}
 
 bool FitsOnePiece(const ZipEntry& entry)
 {
     return entry.size <= onePiece && entry.packedSize <= onePiece;
 }
 
-bool ReadInOnePiece(int descriptor, const ZipEntry& entry, std::string& data, std::string& error)
+// The bytes are `data`'s, or `kept`'s. Null with the error.
+const char* ReadInOnePiece(int descriptor, const ZipEntry& entry, ReadAhead& ahead, std::string& data,
+                           std::string& error)
 {
-    PackedBytes bytes(descriptor, entry);
-    data.resize(static_cast<std::size_t>(entry.size));
-    if (entry.method == methodStored) {
-        if (!bytes.Next(&data[0], data.size(), error))
-            return false;
-    } else {
-        std::string packed(static_cast<std::size_t>(entry.packedSize), '\0');
-        if (!bytes.Next(&packed[0], packed.size(), error) || !InflateInOnePiece(packed, data, error))
-            return false;
+    const std::size_t packedSize = static_cast<std::size_t>(entry.packedSize);
+    const char* bytes = ahead.At(descriptor, entry.dataOffset, packedSize, error);
+    if (!bytes)
+        return nullptr;
+    if (entry.method != methodStored) {
+        data.resize(static_cast<std::size_t>(entry.size));
+        if (!InflateInOnePiece(bytes, packedSize, data, error))
+            return nullptr;
+        bytes = data.data();
     }
-    if (libdeflate_crc32(0, data.data(), data.size()) != entry.crc32)
+    if (libdeflate_crc32(0, bytes, static_cast<std::size_t>(entry.size)) != entry.crc32)
         error = wrongChecksum;
-    return error.empty();
-}
-
-bool ReadInPieces(int descriptor, const ZipEntry& entry, const ZipArchive::Sink& sink, std::string& error)
-{
-    PackedBytes packed(descriptor, entry);
-    CheckedSink checked(entry, sink);
-    const bool whole =
-        entry.method == methodStored ? CopyStored(packed, checked, error) : InflateStream().Run(packed, checked, error);
-    return whole && checked.IsWhole(error);
+    return error.empty() ? bytes : nullptr;
 }
 
 const char noMemory[] = "there is not enough memory to read it";
 
 } // namespace
 
-bool ZipArchive::Read(const ZipEntry& entry, const Sink& sink, std::string& error) const
+struct ZipReading::Kept
+{
+    ReadAhead ahead;
+    std::unique_ptr<Inflate> fast = NewIsalInflate(); // may be null
+    std::unique_ptr<Inflate> slow; // null until it is needed
+    std::vector<char> piece;
+
+    bool Read(int descriptor, const ZipEntry& entry, const ZipArchive::Sink& sink, std::string& error)
+    {
+        // Without a fast way to stream, small entries are better inflated in one piece.
+        if (!fast && FitsOnePiece(entry)) {
+            std::string data;
+            const char* const bytes = ReadInOnePiece(descriptor, entry, ahead, data, error);
+            return bytes && (entry.size == 0 || sink(bytes, static_cast<std::size_t>(entry.size)));
+        }
+        PackedBytes packed(descriptor, entry, ahead);
+        CheckedSink checked(entry, sink);
+        if (!fast && !slow)
+            slow = NewZlibInflate();
+        const bool whole = entry.method == methodStored
+                               ? CopyStored(packed, checked, error)
+                               : InflateInPieces(packed, checked, fast ? *fast : *slow, piece, error);
+        return whole && checked.IsWhole(error);
+    }
+};
+
+ZipReading::ZipReading() : m_kept(std::make_unique<Kept>()) {}
+ZipReading::~ZipReading() = default;
+
+bool ZipArchive::Read(const ZipEntry& entry, ZipReading& reading, const Sink& sink, std::string& error) const
 {
     error.clear();
-    if (entry.isFolder)
-        return true;
     try {
-        if (!FitsOnePiece(entry))
-            return ReadInPieces(m_file.Get(), entry, sink, error);
-        std::string data;
-        return ReadInOnePiece(m_file.Get(), entry, data, error) && (data.empty() || sink(data.data(), data.size()));
+        return entry.isFolder || reading.m_kept->Read(m_file.Get(), entry, sink, error);
     } catch (const std::bad_alloc&) {
         error = noMemory;
         return false;
     }
 }
 
+bool ZipArchive::Read(const ZipEntry& entry, const Sink& sink, std::string& error) const
+try {
+    ZipReading reading;
+    return Read(entry, reading, sink, error);
+} catch (const std::bad_alloc&) {
+    error = noMemory;
+    return false;
+}
+
 bool ZipArchive::Read(const ZipEntry& entry, std::string& data, std::string& error) const
 {
     data.clear();
     error.clear();
-    try {
-        if (entry.isFolder)
-            return true;
-        if (FitsOnePiece(entry))
-            return ReadInOnePiece(m_file.Get(), entry, data, error);
+    if (!FitsOnePiece(entry)) {
         const Sink append = [&data](const char* bytes, std::size_t size) {
             data.append(bytes, size);
             return true;
         };
-        return ReadInPieces(m_file.Get(), entry, append, error);
+        return Read(entry, append, error);
+    }
+    try {
+        ReadAhead ahead;
+        const char* const bytes =
+            entry.isFolder ? data.data() : ReadInOnePiece(m_file.Get(), entry, ahead, data, error);
+        if (bytes && bytes != data.data())
+            data.assign(bytes, static_cast<std::size_t>(entry.size));
+        return bytes;
     } catch (const std::bad_alloc&) {
         error = noMemory;
         return false;

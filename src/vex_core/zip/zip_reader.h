@@ -35,6 +35,22 @@ struct ZipEntry
     std::uint16_t flags = 0; ///< of its headers, as stored
 };
 
+/// What reading keeps from one entry to the next: its buffers, and bytes that were read along. For who reads many
+/// entries of one archive, mostly in the order in which they lie in the file. One thread.
+class ZipReading
+{
+public:
+    ZipReading();
+    ~ZipReading();
+    ZipReading(const ZipReading&) = delete;
+    ZipReading& operator=(const ZipReading&) = delete;
+
+private:
+    friend class ZipArchive;
+    struct Kept;
+    std::unique_ptr<Kept> m_kept;
+};
+
 /// An archive that passed every check of its headers. Immutable after `Open`; any number of threads may read.
 class ZipArchive
 {
@@ -69,6 +85,8 @@ public:
     /// differ, the packed data is damaged or has bytes behind its end, or the file was cut short meanwhile. With a sink
     /// memory use does not grow with the entry's size; a sink that answers false ends it with an empty `error`.
     bool Read(const ZipEntry& entry, const Sink& sink, std::string& error) const;
+    /// The same for one of many entries.
+    bool Read(const ZipEntry& entry, ZipReading& reading, const Sink& sink, std::string& error) const;
     bool Read(const ZipEntry& entry, std::string& data, std::string& error) const;
 
 private:

@@ -129,7 +129,7 @@ def test_the_licence_of_the_one_packed_library_comes_along(unpacked):
     with open(os.path.join(folder, "copyright"), encoding="utf-8") as file:
         text = file.read()
     assert "its owner's to choose" in text
-    for library in ("wxWidgets", "Lua 5.2", "OpenSSL 3", "SQLite 3", "libdeflate", "zlib", "pugixml", "CLI11", "JSON for Modern C++", "LuaUnit"):
+    for library in ("wxWidgets", "Lua 5.2", "OpenSSL 3", "SQLite 3", "libdeflate", "ISA-L", "zlib", "pugixml", "CLI11", "JSON for Modern C++", "LuaUnit"):
         assert library in text, library
 
 

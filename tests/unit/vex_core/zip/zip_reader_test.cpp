@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <set>
 #include <thread>
@@ -395,6 +396,58 @@ TEST_F(ZipReader, IdentityTellsAReplacedFile)
     EXPECT_TRUE(archive->Identity() != os::IdentityOf(status));
     std::string data, error;
     EXPECT_TRUE(archive->Read(*archive->Find("lib/a.lua"), data, error)) << "the old file is still open";
+}
+
+TEST_F(ZipReader, OfManySmallEntriesSeveralAreReadAtOnceInAnyOrder)
+{
+    ZipBuilder builder;
+    constexpr int count = 60;
+    const auto text = [](int i) { return std::string(static_cast<std::size_t>(i), static_cast<char>('a' + i % 26)); };
+    for (int i = 0; i < count; ++i)
+        builder.Add("f" + std::to_string(i), text(i), i % 3 ? 8 : 0);
+    const auto archive = Need(Open(builder));
+    int reads = 0;
+    const CallWatch watch([&](const os::Call& call) {
+        reads += std::strcmp(call.name, "pread") == 0;
+        return 0;
+    });
+    const auto readAll = [&](int from, int step) {
+        ZipReading reading;
+        reads = 0;
+        for (int n = 0, i = from; n < count; ++n, i = (i + step + count) % count) {
+            std::string data, error;
+            const auto append = [&data](const char* bytes, std::size_t size) {
+                data.append(bytes, size);
+                return true;
+            };
+            EXPECT_TRUE(archive->Read(archive->Entries()[static_cast<std::size_t>(i)], reading, append, error))
+                << error;
+            EXPECT_EQ(data, text(i));
+        }
+        return reads;
+    };
+    EXPECT_LE(readAll(0, 1), 10);
+    readAll(count - 1, -1);
+    readAll(5, 7);
+}
+
+TEST_F(ZipReader, FileCutShortWhileItIsReadIsAnErrorAlsoWhereBytesAreReadAlong)
+{
+    ZipBuilder builder;
+    for (int i = 0; i < 4; ++i)
+        builder.Add("f" + std::to_string(i), std::string(3000, 'a'), 0);
+    const std::string bytes = builder.Build();
+    const auto archive = Need(Open(bytes));
+    ASSERT_EQ(::truncate(m_file.c_str(), static_cast<off_t>(archive->Entries()[2].dataOffset) + 100), 0);
+    ZipReading reading;
+    std::string error;
+    const auto drop = [](const char*, std::size_t) { return true; };
+    EXPECT_TRUE(archive->Read(archive->Entries()[0], reading, drop, error)) << error;
+    EXPECT_TRUE(archive->Read(archive->Entries()[1], reading, drop, error)) << error;
+    for (const std::size_t entry : {2u, 3u}) {
+        EXPECT_FALSE(archive->Read(archive->Entries()[entry], reading, drop, error));
+        EXPECT_EQ(error, "the file was cut short while it was read");
+    }
 }
 
 TEST_F(ZipReader, ThreadsReadOneArchiveAtTheSameTime)
