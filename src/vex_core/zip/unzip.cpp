@@ -53,7 +53,7 @@ class UnzipRun
 {
 public:
     UnzipRun(const ZipArchive& archive, const wxString& folder, UnzipCallback callback, void* context)
-        : m_archive(archive), m_shownFolder(folder), m_callback(callback), m_context(context),
+        : m_archive(archive), m_shownFolder(folder + '/'), m_callback(callback), m_context(context),
           m_folders(ToSystemBytes(folder)), m_temporaries(m_folders, archive), m_writer(m_folders, m_temporaries)
     {}
 
@@ -76,7 +76,6 @@ private:
 
     void Process(const ZipEntry& entry)
     {
-        const std::string inEntry = "entry \"" + EscapeForLog(entry.name) + "\": ";
         try {
             const Target target = LookAtTarget(entry);
             if (!Ask(entry, target))
@@ -86,7 +85,7 @@ private:
             else
                 m_writer.Write(m_archive, entry);
         } catch (const UnzipFailure& failure) {
-            throw UnzipFailure(inEntry + failure.what());
+            throw UnzipFailure("entry \"" + EscapeForLog(entry.name) + "\": " + failure.what());
         }
         if (m_writer.IsFull())
             m_writer.Commit();
@@ -119,13 +118,11 @@ private:
 
     bool Ask(const ZipEntry& entry, Target target)
     {
-        const wxString name = FromForeignBytes(entry.name);
-        wxZipEntry shown;
-        shown.SetName(name, wxPATH_UNIX);
-        shown.SetSize(wxFileOffset(entry.size));
-        shown.SetMethod(entry.method);
+        m_shown.SetName(FromForeignBytes(entry.name), wxPATH_UNIX);
+        m_shown.SetSize(wxFileOffset(entry.size));
+        m_shown.SetMethod(entry.method);
         const wxString destination = DestinationOf(entry, target);
-        return m_callback(m_context, &shown, &destination);
+        return m_callback(m_context, &m_shown, &destination);
     }
 
     // The last slash of a folder stays, so that nothing but a folder can be meant. The name on disk is the archive's
@@ -139,7 +136,7 @@ private:
             !entry.isFolder && target == Target::There && m_folders.OthersMayExchange(folder))
             if (const std::string held = os::PathThroughDescriptor(m_folders.Find(folder)); !held.empty())
                 return FromSystemBytes(held + '/' + LastOf(entry.name));
-        return m_shownFolder + "/" + FromSystemBytes(entry.name);
+        return m_shownFolder + FromSystemBytes(entry.name);
     }
 
     // A callback may remove the file that it is shown; that too is to be on stable storage in the end.
@@ -173,12 +170,13 @@ private:
     }
 
     const ZipArchive& m_archive;
-    const wxString m_shownFolder;
+    const wxString m_shownFolder; // with a last slash
     const UnzipCallback m_callback;
     void* const m_context;
     UnzipFolders m_folders;
     UnzipTemporaries m_temporaries;
     UnzipWriter m_writer;
+    wxZipEntry m_shown; // one for all entries: to make one is to ask for the time of day
 };
 
 // The full path of a folder without a last slash, however the file name was made.

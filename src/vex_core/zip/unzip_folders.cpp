@@ -108,7 +108,8 @@ int UnzipFolders::Find(std::string_view path)
 
 int UnzipFolders::Make(std::string_view path)
 {
-    return Walk(path, true)->file.Get();
+    const auto known = m_open.find(path);
+    return known == m_open.end() ? Walk(path, true)->file.Get() : known->second.file.Get();
 }
 
 const UnzipFolders::Folder* UnzipFolders::Walk(std::string_view path, bool make)

@@ -47,7 +47,8 @@ public:
     /// is missing. Throws when a component is a symbolic link or no folder, or no longer the folder that
     /// was opened under that name.
     int Find(std::string_view path);
-    /// The same, making what is missing, with mode 0755.
+    /// The same, making what is missing, with mode 0755. What is open is taken as it is: `CheckAll` comes before
+    /// anything in it counts.
     int Make(std::string_view path);
 
     /// Whether somebody else than this user and root can let a name on the way to what lies in this open folder lead

@@ -24,9 +24,9 @@ constexpr std::uint64_t maxWaitingBytes = 64 * 1024 * 1024;
 constexpr std::uint64_t writebackStep = 8 * 1024 * 1024;
 #endif
 
-std::string InEntry(const std::string& path)
+std::string InEntry(const ZipEntry& entry)
 {
-    return "entry \"" + EscapeForLog(path) + "\": ";
+    return "entry \"" + EscapeForLog(entry.name) + "\": ";
 }
 
 } // namespace
@@ -39,8 +39,8 @@ bool UnzipWriter::IsFull() const
 void UnzipWriter::Write(const ZipArchive& archive, const ZipEntry& entry)
 {
     const int folder = m_folders.Make(FolderOf(entry.name));
-    Waiting waiting{entry.name, folder, m_temporaries.NewName()};
-    m_waiting.reserve(m_waiting.size() + 1);
+    Waiting waiting{&entry, folder, m_temporaries.NewName()};
+    m_waiting.reserve(maxWaitingFiles); // so that noting the file, once it is there, cannot fail
     os::Descriptor file(os::OpenAt(folder, waiting.temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
     if (!file)
         throw UnzipFailure("cannot make a temporary file", os::LastError());
@@ -73,7 +73,7 @@ void UnzipWriter::Fill(int file, const ZipArchive& archive, const ZipEntry& entr
         return true;
     };
     std::string error;
-    if (!archive.Read(entry, write, error))
+    if (!archive.Read(entry, m_reading, write, error))
         throw UnzipFailure(error);
     if (os::FChmod(file, entry.mode) != 0)
         throw UnzipFailure("cannot set its mode", os::LastError());
@@ -100,7 +100,7 @@ void UnzipWriter::FlushWaiting()
     if (m_waiting.size() > manyFiles) {
         std::vector<std::string_view> folders;
         for (const Waiting& waiting : m_waiting)
-            folders.push_back(FolderOf(waiting.path));
+            folders.push_back(FolderOf(waiting.entry->name));
         if (m_folders.FlushFileSystemsOf(folders))
             return;
     }
@@ -108,9 +108,9 @@ void UnzipWriter::FlushWaiting()
         const os::Descriptor file(
             os::OpenAt(waiting.folder, waiting.temporary.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
         if (!file)
-            throw UnzipFailure(InEntry(waiting.path) + "cannot open its temporary file", os::LastError());
+            throw UnzipFailure(InEntry(*waiting.entry) + "cannot open its temporary file", os::LastError());
         if (os::FSync(file.Get()) != 0)
-            throw UnzipFailure(InEntry(waiting.path) + "cannot flush it", os::LastError());
+            throw UnzipFailure(InEntry(*waiting.entry) + "cannot flush it", os::LastError());
     }
 }
 
@@ -120,10 +120,10 @@ void UnzipWriter::RenameWaiting()
     try {
         for (; done < m_waiting.size(); ++done) {
             const Waiting& waiting = m_waiting[done];
-            if (os::RenameAt(waiting.folder, waiting.temporary.c_str(), waiting.folder, LastOf(waiting.path).c_str())
-                != 0)
-                throw UnzipFailure(InEntry(waiting.path) + "cannot give it its name", os::LastError());
-            m_folders.NoteChange(FolderOf(waiting.path));
+            const std::string& path = waiting.entry->name;
+            if (os::RenameAt(waiting.folder, waiting.temporary.c_str(), waiting.folder, LastOf(path).c_str()) != 0)
+                throw UnzipFailure(InEntry(*waiting.entry) + "cannot give it its name", os::LastError());
+            m_folders.NoteChange(FolderOf(path));
         }
     } catch (...) {
         m_waiting.erase(m_waiting.begin(), m_waiting.begin() + static_cast<std::ptrdiff_t>(done));

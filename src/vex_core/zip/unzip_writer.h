@@ -21,7 +21,7 @@ public:
     {}
 
     /// Writes one file under a temporary name, making the folders before it. On failure its temporary file is gone, and
-    /// earlier ones go on waiting for `Commit`.
+    /// earlier ones go on waiting for `Commit`, until which archive and entry must live.
     void Write(const ZipArchive& archive, const ZipEntry& entry);
     /// Whether so much waits that it is time for `Commit`.
     bool IsFull() const;
@@ -32,7 +32,7 @@ public:
 private:
     struct Waiting
     {
-        std::string path;
+        const ZipEntry* entry;
         int folder;
         std::string temporary;
     };
@@ -46,6 +46,7 @@ private:
     UnzipTemporaries& m_temporaries;
     std::vector<Waiting> m_waiting;
     std::uint64_t m_waitingBytes = 0;
+    ZipReading m_reading;
 };
 
 } // namespace VexCore

@@ -1013,6 +1013,22 @@ TEST_F(UnzippingUnderFaults, ListOfTemporaryFilesIsOnStableStorageBeforeTheFirst
     EXPECT_EQ(calls, (std::vector<std::string>{"write list", "fsync list", "fsync root"}));
 }
 
+// Most of the time that many small files take is the system's.
+TEST_F(UnzippingUnderFaults, SmallFileCostsAFewCalls)
+{
+    constexpr int files = 100;
+    ZipBuilder builder;
+    for (int i = 0; i < files; ++i)
+        builder.Add("folder/f" + std::to_string(i), "text of it");
+    WriteFile(m_archive, builder.Build());
+    const Observed observed(Plan{});
+    ASSERT_TRUE(Run());
+    const auto callsOf = [](const char* name) { return std::count(g_plan.names.begin(), g_plan.names.end(), name); };
+    EXPECT_LT(callsOf("fstatat"), files * 5 / 2) << "is the folder still the same, and what stands in the file's place";
+    EXPECT_LT(callsOf("pread"), files / 2);
+    EXPECT_EQ(callsOf("renameat"), files);
+}
+
 TEST_F(UnzippingUnderFaults, TemporaryFileIsNeverWhatAnotherPutUnderItsName)
 {
     WriteFile(m_archive, Package().Build());
