@@ -7,7 +7,7 @@
 #include "vex_core/zip/zip_format.h"
 
 #include <algorithm>
-#include <numeric>
+#include <string_view>
 
 #include <libdeflate.h>
 
@@ -134,13 +134,22 @@ Directory ReadDirectory(Window& window, const DirectoryPlace& place, const ZipLi
 
 std::vector<std::uint32_t> OrderByName(const std::vector<ZipEntry>& entries, Reasons* reasons)
 {
-    std::vector<std::uint32_t> order(entries.size());
-    std::iota(order.begin(), order.end(), 0);
-    const auto before = [&entries](std::uint32_t left, std::uint32_t right) {
-        return ComparePaths(PathOf(entries[left].name), PathOf(entries[right].name)) < 0;
+    struct Place
+    {
+        std::string_view path;
+        std::uint32_t entry;
     };
-    if (!std::is_sorted(order.begin(), order.end(), before))
-        std::sort(order.begin(), order.end(), before);
+    std::vector<Place> places;
+    places.reserve(entries.size());
+    for (const ZipEntry& entry : entries)
+        places.push_back({PathOf(entry.name), static_cast<std::uint32_t>(places.size())});
+    const auto before = [](const Place& left, const Place& right) { return ComparePaths(left.path, right.path) < 0; };
+    if (!std::is_sorted(places.begin(), places.end(), before))
+        std::stable_sort(places.begin(), places.end(), before); // which compares least
+    std::vector<std::uint32_t> order;
+    order.reserve(places.size());
+    for (const Place& place : places)
+        order.push_back(place.entry);
     for (std::size_t i = 1; i < order.size(); ++i) {
         // What lies below a path follows it directly, so neighbours are all that can collide.
         const ZipEntry& previous = entries[order[i - 1]];

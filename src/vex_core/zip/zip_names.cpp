@@ -7,7 +7,9 @@
 #include "vex_core/base/utf8.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 namespace VexCore {
 namespace Zip {
@@ -55,6 +57,22 @@ const char* WhyComponentIsRefused(std::string_view component)
     return nullptr;
 }
 
+// How many bytes are equal from the first on, of `size`. By words: to open an archive is for the most part to compare
+// names, and those that are compared begin alike.
+std::size_t EqualBytes(const char* left, const char* right, std::size_t size)
+{
+    std::size_t at = 0;
+    for (std::uint64_t a = 0, b = 0; size - at >= sizeof a; at += sizeof a) {
+        std::memcpy(&a, left + at, sizeof a);
+        std::memcpy(&b, right + at, sizeof b);
+        if (a != b)
+            break;
+    }
+    while (at < size && left[at] == right[at])
+        ++at;
+    return at;
+}
+
 } // namespace
 
 const char* WhyNameIsRefused(std::string_view name)
@@ -90,12 +108,11 @@ std::string_view PathOf(std::string_view name)
 int ComparePaths(std::string_view left, std::string_view right)
 {
     const std::size_t common = std::min(left.size(), right.size());
-    const auto difference =
-        std::mismatch(left.begin(), left.begin() + static_cast<std::ptrdiff_t>(common), right.begin());
-    if (difference.first == left.begin() + static_cast<std::ptrdiff_t>(common))
+    const std::size_t at = EqualBytes(left.data(), right.data(), common);
+    if (at == common)
         return left.size() < right.size() ? -1 : static_cast<int>(left.size() > right.size());
     const auto weight = [](char c) { return c == '/' ? 0 : static_cast<int>(static_cast<unsigned char>(c)); };
-    return weight(*difference.first) - weight(*difference.second);
+    return weight(left[at]) - weight(right[at]);
 }
 
 bool LiesBelow(std::string_view path, std::string_view folder)

@@ -512,3 +512,21 @@ TEST_F(ZipReader, NamesAreEscapedForTheLog)
     EXPECT_EQ(EscapeForLog("a\n\x1b[0m\xff\xc2\x9b"), "a\\x0a\\x1b[0m\\xff\\xc2\\x9b");
     EXPECT_LT(EscapeForLog(std::string(5000, 'x')).size(), 310u);
 }
+
+TEST(ZipPathOrder, IsThatOfTheFirstByteInWhichTwoPathsDiffer)
+{
+    for (std::size_t length = 1; length <= 20; ++length)
+        for (std::size_t at = 0; at < length; ++at) {
+            std::string left(length, 'm');
+            std::string right(length, 'm');
+            left[at] = '/'; // which comes before all, "!" too
+            right[at] = '!';
+            right[length - 1] = at + 1 < length ? 'a' : right[length - 1]; // says the contrary behind it
+            EXPECT_LT(Zip::ComparePaths(left, right), 0) << left << " and " << right;
+            EXPECT_GT(Zip::ComparePaths(right, left), 0) << left << " and " << right;
+            left[at] = '\xff';
+            EXPECT_GT(Zip::ComparePaths(left, right), 0) << left << " and " << right;
+            EXPECT_EQ(Zip::ComparePaths(left, left), 0);
+            EXPECT_LT(Zip::ComparePaths(std::string_view(left).substr(0, at), left), 0) << "what is cut comes first";
+        }
+}
