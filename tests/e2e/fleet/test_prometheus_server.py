@@ -81,7 +81,7 @@ def test_prometheus_has_every_sample(figures, start, tmp_path):
     assert "/srv/vx_agent-out" in arguments
     # Not as root: the folder's group is what lets it in.
     start(["prometheus-node-exporter", *shlex.split(arguments.replace("/srv/vx_agent-out", figures.folder)), "--collector.disable-defaults",
-           "--collector.textfile", "--web.listen-address=" + EXPORTER], tmp_path / "exporter.log", user="nobody", group="daemon", extra_groups=[])
+           "--collector.textfile", "--collector.loadavg", "--web.listen-address=" + EXPORTER], tmp_path / "exporter.log", user="nobody", group="daemon", extra_groups=[])
     settings = text(FOLDER + "/prometheus.yml")
     for old, new in (("1m", "1s\n  evaluation_interval: 1s"), ("vex.rules.yml\n", f"{FOLDER}/vex.rules.yml\n"),
                      ("/etc/prometheus/targets", str(tmp_path))):
@@ -97,6 +97,9 @@ def test_prometheus_has_every_sample(figures, start, tmp_path):
     wait_until(lambda: len(from_server('{__name__=~"vex_.*"}')) >= len(expected), what="all samples in Prometheus")
     assert from_server('{__name__=~"vex_.*"}') == expected
     assert list(from_server("node_textfile_scrape_error").values()) == [0]
+    # As other collectors of packaging/fleet ask node-exporter.
+    figures_alone = asked(f"http://{EXPORTER}/metrics?" + urllib.parse.urlencode({"collect[]": "textfile"}))
+    assert "\nvex_up 1\n" in figures_alone and "\nnode_load1 " not in figures_alone
 
     def rules():
         groups = json.loads(asked(f"http://{SERVER}/api/v1/rules"))["data"]["groups"]
