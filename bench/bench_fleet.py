@@ -4,29 +4,39 @@
 Starts many agents at once, each in mount and host-name namespaces of its own with a host id of its own, all of one tree, as a
 hundred thousand hosts would after a power cut. Each writes events, logs to one rsyslog, and has its events followed by
 `vexctl events --follow --state`, whose readers are killed now and then; some agents crash; all are upgraded at once to a second tree.
+One Prometheus reads the metrics of all, with the alerts of packaging/fleet; what node-exporter does on a host, a thread of the bench
+does here for all hosts.
 Prints what a fleet's owner asks: seconds until all have beaten, events written, arrived, doubled and lost (claim: none lost), log
-lines likewise, what an agent takes of memory and processor, and how the beats of one interval are spread over its seconds.
+lines likewise, samples that Prometheus has not as they were written (claim: none), what it takes of memory, processor and disk, what
+an agent does, and how the beats of one interval are spread over its seconds.
 What needs an engine that is not installed is left out, and says so.
 """
 import argparse
 import collections
 import ctypes
 import glob
+import http.server
 import json
 import os
 import re
 import shutil
 import signal
+import socket
 import sqlite3
 import subprocess
 import sys
 import tempfile
+import threading
 import time
+import urllib.error
+import urllib.parse
+import urllib.request
 
 import figures
 
 CLONE_NEWNS, CLONE_NEWUTS, MS_BIND, MS_REC, MS_PRIVATE = 0x00020000, 0x04000000, 4096, 0x4000, 0x40000
-INTERVAL = 10  # seconds between two beats, and between two collections
+INTERVAL = 10  # seconds between two beats, between two collections, and between two looks of Prometheus
+RULES = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "packaging/fleet/prometheus/vex.rules.yml")
 
 PLUGIN = """
 local M = { name = "Fleet", version = "1.0.0" }
@@ -203,6 +213,91 @@ action(type="omfile" file="{folder}/syslog" template="line")
         self.process.wait()
 
 
+def hosts_metrics(folder):
+    """A server that gives PATH/vx_agent.prom of each host under /PATH, as node-exporter does on the host."""
+    class Handler(http.server.BaseHTTPRequestHandler):
+        protocol_version = "HTTP/1.1"
+
+        def do_GET(self):  # pylint: disable=invalid-name
+            body = read(f"{folder}{self.path}/work/out/vx_agent.prom").encode()
+            self.send_response(200 if body else 503)
+            self.send_header("Content-Type", "text/plain; version=0.0.4; charset=utf-8")
+            self.send_header("Content-Length", str(len(body)))
+            self.end_headers()
+            self.wfile.write(body)
+
+        def log_message(self, *_):  # pylint: disable=arguments-differ
+            pass
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+    server.daemon_threads = True
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    return server.server_address[1]
+
+
+class Prometheus:
+    """One server for all hosts."""
+
+    def __init__(self, base, agents):
+        self.folder = base + "/prometheus"
+        with socket.create_server(("127.0.0.1", 0)) as free:
+            self.address = f"127.0.0.1:{free.getsockname()[1]}"
+        port = hosts_metrics(base)
+        write(self.folder + "/hosts.json", json.dumps([{"targets": [f"127.0.0.1:{port}"], "labels": {
+            "__metrics_path__": "/" + agent.name, "instance": agent.name}} for agent in agents]))
+        write(self.folder + "/prometheus.yml", json.dumps({
+            "global": {"scrape_interval": f"{INTERVAL}s", "evaluation_interval": f"{INTERVAL}s"}, "rule_files": [RULES],
+            "scrape_configs": [{"job_name": "node", "file_sd_configs": [{"files": [self.folder + "/hosts.json"]}]}]}))
+        with open(self.folder + "/log", "wb") as log:
+            self.process = subprocess.Popen(["prometheus", f"--config.file={self.folder}/prometheus.yml", "--web.listen-address=" + self.address,
+                                             f"--storage.tsdb.path={self.folder}/data"], stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        wait_for(lambda: self.ask("1") is not None, "Prometheus", 120)
+
+    def ask(self, query):
+        """Values by their labels; None while nobody answers."""
+        opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+        try:
+            with opener.open(f"http://{self.address}/api/v1/query?" + urllib.parse.urlencode({"query": query}), timeout=60) as answer:
+                result = json.loads(answer.read())["data"]["result"]
+        except (urllib.error.URLError, ConnectionError, TimeoutError):
+            return None
+        if query == "1":
+            return {}
+        return {tuple(sorted(one["metric"].items())): float(one["value"][1]) for one in result}
+
+    def missing(self, agents):
+        """(samples in the files of all, those of them that it has not, or has otherwise)"""
+        found = collections.defaultdict(dict)
+        for labels, value in (self.ask('{__name__=~"vex_.*"}') or {}).items():
+            labels = dict(labels)
+            series = tuple(sorted((name, text) for name, text in labels.items() if name not in ("instance", "job")))
+            found[labels["instance"]][series] = value
+        written = missing = 0
+        for agent in agents:
+            for line in read(agent.work + "/out/vx_agent.prom").splitlines():
+                sample = re.fullmatch(r"(\w+)(?:\{(.*)\})? (\S+)", line)
+                if not sample:
+                    continue
+                # To Prometheus a label with an empty value is none.
+                labels = re.findall(r'(\w+)="((?:[^"\\]|\\.)+)"', sample[2] or "")
+                written += 1
+                missing += found[agent.name].get(tuple(sorted([("__name__", sample[1]), *labels]))) != float(sample[3])
+        return written, missing
+
+    def missing_in_the_end(self, agents):
+        """The same, once it has looked at all hosts, for which it has two minutes."""
+        end = time.monotonic() + 120
+        while (counted := self.missing(agents))[1] > 0 and time.monotonic() < end:
+            time.sleep(1)
+        return counted
+
+    def bytes_on_disk(self):
+        return sum(os.path.getsize(path) for path in glob.glob(self.folder + "/data/**", recursive=True) if os.path.isfile(path))
+
+    def end(self):
+        send_signal(self.process.pid, signal.SIGTERM)
+        self.process.wait()
+
+
 def start_all(agents, tree):
     begin = time.monotonic()
     for starting in [agent.start(tree) for agent in agents]:
@@ -276,6 +371,11 @@ def run(stage, base, number, seconds):
         print("rsyslog is not installed: log lines are not counted")
     agents = [Agent(base, index) for index in range(1, number + 1)]
     print(f"{number} agents on {os.cpu_count()} processors, a beat and a collection each {INTERVAL} s")
+    prometheus = None
+    if shutil.which("prometheus"):
+        prometheus = Prometheus(base, agents)
+    else:
+        print("Prometheus is not installed: samples are not counted")
     took = start_all(agents, trees[0])
     took += wait_for(lambda: all(agent.beats() for agent in agents), "the first beat of all")
     print(f"all at once started, and beaten: {took:.1f} s")
@@ -284,12 +384,14 @@ def run(stage, base, number, seconds):
     time.sleep(INTERVAL)
     before = [memory_and_time(agent.child()) for agent in agents]
     supervisors = [memory_and_time(agent.supervisor()) for agent in agents]
+    server_before = memory_and_time(prometheus.process.pid) if prometheus else None
     begin = time.monotonic()
     for part in range(4):  # a twentieth crashes, and a tenth of the readers is killed, each quarter of the time
         time.sleep(seconds / 4)
         if part == 0:
             after = [memory_and_time(agent.child()) for agent in agents]
             passed = time.monotonic() - begin
+            server_after = memory_and_time(prometheus.process.pid) if prometheus else None
         for agent in agents[part::20]:
             send_signal(agent.child(), signal.SIGSEGV)
             agent.crashes += 1
@@ -301,6 +403,9 @@ def run(stage, base, number, seconds):
     print(f"an agent: {pss + sum(one[0] for one in supervisors) / number:.0f} KiB proportional, of which the child {pss:.0f}; "
           f"{1000 * cpu:.2f} ms of processor time a second")
     wait_for(lambda: all(agent.child() for agent in agents), "the restart of those that crashed")
+    if prometheus:
+        print(f"Prometheus: {server_after[0] / 1024:.0f} MiB, {1000 * (server_after[1] - server_before[1]) / passed / number:.2f} ms of "
+              "processor time a second and host")
     tenths, total = spread(agents)
     print("beats by tenth of the interval: " + " ".join(str(tenths[tenth]) for tenth in range(10))
           + f"; the fullest has {100 * max(tenths.values()) / total:.0f} % of {total}")
@@ -317,6 +422,14 @@ def run(stage, base, number, seconds):
     written, arrived, doubled, lost = loss(agents)
     print(f"{arrived} events arrived, {doubled} doubled, with {sum(agent.crashes for agent in agents)} crashes")
     kept = figures.row("events of a fleet that were lost", lost, "written", written, "events", 0)
+    if prometheus:
+        samples, missing = prometheus.missing_in_the_end(agents)
+        kept = figures.row("samples of a fleet that Prometheus has not", missing, "written", samples, "samples", 0) and kept
+        taken = sum((prometheus.ask("sum(sum_over_time(scrape_samples_scraped[1h]))") or {}).values())
+        alerts = prometheus.ask('count by (alertname) (ALERTS{alertstate="firing"})')
+        print(f"Prometheus took {taken:.0f} samples of {samples} series, {prometheus.bytes_on_disk() / taken:.1f} bytes each in its log, and alerts: "
+              + ", ".join(f"{dict(labels)['alertname']} {count:.0f}" for labels, count in sorted(alerts.items())))
+        prometheus.end()
     if logger:
         wanted = sum(len(re.findall(r"^\d{4}-\S+ \S+ (?:FATAL|ERROR|WARNING|MESSAGE|INFO) ", agent.log(), re.M)) for agent in agents)
         logger.end()
