@@ -27,12 +27,13 @@ class Figures:
         self._kept = tempfile.TemporaryDirectory(prefix="vex-out-", ignore_cleanup_errors=True)  # pytest's folders are closed to others
         os.chmod(self._kept.name, 0o755)
         self.folder = self._kept.name + "/out"
-        os.mkdir(self.folder, 0o750)
+        os.mkdir(self.folder)
         os.chown(self.folder, -1, grp.getgrnam(group).gr_gid)
+        os.chmod(self.folder, 0o2750)
         os.makedirs(tree.work, 0o700, exist_ok=True)
         os.symlink(self.folder, os.path.join(tree.work, "out"))
         tree.file("marked/plugin.lua", PLUGIN)
-        supervisor, _ = tree.background(*ON_REQUEST, "--plugins", "marked,absent", "--domain_var", "app.out.group=" + group)
+        supervisor, _ = tree.background(*ON_REQUEST, "--plugins", "marked,absent")
         wait_until(lambda: "plugin marked: " in tree.log(), what="a collection")
         ask_for_a_beat(tree)
         self.samples = wait_until(lambda: (now := files_of_the_last_beat(tree)).get('vex_plugin_up{plugin="marked"}') == 1 and now,
