@@ -76,6 +76,7 @@ def metric(series):
     return tuple(sorted({"__name__": name, "instance": EXPORTER, "job": "node", **found}.items()))
 
 
+@pytest.mark.patient
 def test_prometheus_has_every_sample(figures, start, tmp_path):
     arguments = re.search(r'^Environment="ARGS=(.*)"$', text(FOLDER + "/node-exporter.conf"), re.M)[1]
     assert "/srv/vx_agent-out" in arguments

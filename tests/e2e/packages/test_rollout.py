@@ -194,6 +194,7 @@ def test_a_held_host_takes_no_version_until_it_is_let_go(repository, debs, newer
     assert repository.version() == "ii " + NEWER
 
 
+@pytest.mark.patient
 @pytest.mark.skipif(not shutil.which("unattended-upgrade"), reason="NO UNATTENDED-UPGRADES here: tools/setup --wide installs it")
 def test_a_host_takes_what_its_suite_offers_by_itself(root, repository, debs, newer):
     repository.add(debs["vx-agent"], DEB_VERSION)

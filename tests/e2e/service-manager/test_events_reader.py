@@ -38,6 +38,7 @@ def keys(machine):
     return found
 
 
+@pytest.mark.patient
 def test_each_event_is_there_once_across_restarts_of_both_sides(machine):
     machine.write("vx_agent.lua", APPLICATION)
     shutil.copy(os.path.join(ROOT, "packaging/fleet/opentelemetry", READER), machine.shared)
