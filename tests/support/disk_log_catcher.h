@@ -3,6 +3,7 @@
 // A line is as a reader of the file sees it, without the indentation of its further lines.
 
 #include "log_catcher.h"
+#include "own_process_log.h"
 #include "temp_folder.h"
 #include "vex/core/log.h"
 #include "vex_core/log/process_log.h"
@@ -21,12 +22,11 @@ namespace Test {
 class DiskLogCatcher : public LogCatcher
 {
 public:
-    DiskLogCatcher() : m_logBefore(VexCore::ReplaceProcessLog(&m_log)) { wxLog::SetActiveTarget(&m_diskTarget); }
+    DiskLogCatcher() { wxLog::SetActiveTarget(&m_diskTarget); }
     ~DiskLogCatcher() override
     {
         wxLog::FlushActive();
         wxLog::SetActiveTarget(&m_target);
-        VexCore::ReplaceProcessLog(m_logBefore);
     }
 
     const std::vector<Line>& Lines() const override
@@ -75,7 +75,7 @@ private:
     TempFolder m_folder;
     mutable VexCore::DiskLog m_log{std::size_t{1} << 30};
     VexCore::CLog2Disk m_diskTarget;
-    VexCore::DiskLog* m_logBefore;
+    const OwnProcessLog m_processLog{m_log};
     mutable std::vector<Line> m_lines;
 };
 

@@ -4,6 +4,7 @@
 #include "support/child.h"
 #include "support/dom_ptr.h"
 #include "support/joining_thread.h"
+#include "support/own_process_log.h"
 #include "support/stranger.h"
 #include "support/temp_folder.h"
 #include "support/test_thread.h"
@@ -58,14 +59,12 @@ protected:
     {
         wxLog::SetTimestamp(wxS("%Y-%m-%d %H:%M:%S"));
         m_targetBefore = wxLog::SetActiveTarget(&m_target);
-        VexCore::ReplaceProcessLog(&m_log);
     }
     ~LogToDisk() override
     {
         wxLog::SetActiveTarget(m_targetBefore);
         wxLog::SetTimestamp(m_timestampBefore);
         wxLog::SetLogLevel(m_levelBefore);
-        VexCore::ReplaceProcessLog(nullptr);
     }
 
     void MakeRoot(const char* name = "agent")
@@ -84,6 +83,7 @@ protected:
 
     TempFolder m_folder;
     DiskLog m_log{1 << 16};
+    const ::Test::OwnProcessLog m_processLog{m_log};
     CLog2Disk m_target;
     DomPtr m_root;
 

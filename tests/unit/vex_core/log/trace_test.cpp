@@ -3,6 +3,7 @@
 #include "support/dom_ptr.h"
 #include "support/heap_in_use.h"
 #include "support/joining_thread.h"
+#include "support/own_process_log.h"
 #include "support/process_guards.h"
 #include "support/sanitized.h"
 #include "support/temp_folder.h"
@@ -195,17 +196,6 @@ TEST(Trace, ListsThatWereInForceAreNotKept)
     EXPECT_LT(*::Test::HeapInUse(), before + 100000) << "all of them have 4 MB";
 }
 
-namespace {
-// While it lives, the log of the process is this one.
-class ProcessLog
-{
-public:
-    explicit ProcessLog(VexCore::DiskLog& log) { VexCore::ReplaceProcessLog(&log); }
-    ~ProcessLog() { VexCore::ReplaceProcessLog(nullptr); }
-};
-
-} // namespace
-
 TEST(Trace, LineHasModuleFunctionPlaceAndMessage)
 {
     const TempFolder folder;
@@ -213,7 +203,7 @@ TEST(Trace, LineHasModuleFunctionPlaceAndMessage)
     log.SetFile(folder / "x.log");
     const ::Test::LogGuard guard;
     wxLog::SetTimestamp(wxS("%Y-%m-%d %H:%M:%S"));
-    const ProcessLog processLog(log);
+    const ::Test::OwnProcessLog processLog(log);
     VexCore::LogTrace("Appl", "vex/apps/vex/vex", 42, "On Exit ", wxString::FromUTF8("message \xC3\xA4 100%"));
     VexCore::LogTrace(nullptr, nullptr, 0, nullptr, wxString());
     EXPECT_THAT(
@@ -227,7 +217,7 @@ TEST(Trace, AByteOfAFileNameThatIsNoTextStaysThatByte)
     const TempFolder folder;
     VexCore::DiskLog log(1 << 16);
     log.SetFile(folder / "x.log");
-    const ProcessLog processLog(log);
+    const ::Test::OwnProcessLog processLog(log);
     VexCore::LogTrace("Appl", "vex", 1, "On", wxString("/opt/\xE9\xFF", VexCore::FileNameConv()));
     EXPECT_THAT(ReadFile(folder / "x.log"), testing::EndsWith("On(vex:1): /opt/\xE9\xFF\n"));
 }

@@ -2,6 +2,7 @@
 
 #include "support/address_limit.h"
 #include "support/log_catcher.h"
+#include "support/own_process_log.h"
 #include "support/process_guards.h"
 #include "support/sanitized.h"
 #include "support/temp_folder.h"
@@ -332,12 +333,7 @@ TEST_F(Interpreter, ErrorThatLoadCatchesFromItsReaderIsTheMessageAlone)
 class LoggedFailure : public Interpreter
 {
 protected:
-    LoggedFailure() : m_log(0, 2)
-    {
-        m_log.SetFile(m_folder / "log");
-        m_before = VexCore::ReplaceProcessLog(&m_log);
-    }
-    ~LoggedFailure() override { VexCore::ReplaceProcessLog(m_before); }
+    LoggedFailure() { m_log.SetFile(m_folder / "log"); }
 
     // Runs with standard error going to the file of that name.
     void RunTo(const std::string& standardError, const std::string& code)
@@ -356,8 +352,8 @@ protected:
     }
 
     ::Test::TempFolder m_folder;
-    VexCore::DiskLog m_log;
-    VexCore::DiskLog* m_before = nullptr;
+    VexCore::DiskLog m_log{0, 2};
+    const ::Test::OwnProcessLog m_processLog{m_log};
 };
 
 TEST_F(LoggedFailure, IsOneRecordWhereStandardErrorIsNowhere)
