@@ -1,6 +1,6 @@
 """The files of packaging/fleet for engines that the distribution has not: Fluent Bit, Vector, the OpenTelemetry collector. Nobody here runs
-those. Each file is read by a parser of its language, each name in it is held against what the engine's documentation lists, and what it
-says of our log, events and programs against what these really write."""
+those. Each file is read by a parser of its language, each name in it is held against the tables below, which were written after the
+engines' documentation and are no more right than whoever read that, and what it says of our log, events and programs against what these really write."""
 import datetime
 import json
 import os
