@@ -107,12 +107,14 @@ struct Value<std::string>
 template <>
 struct Value<const char*>
 {
-    static const char* Get(lua_State* L, int index)
+    static const char* Get(lua_State* L, int index) { return GetWithSize(L, index).data(); }
+    /// The same, for who would measure it again.
+    static std::string_view GetWithSize(lua_State* L, int index)
     {
         const std::string_view text = Value<std::string_view>::Get(L, index);
         if (std::memchr(text.data(), 0, text.size()))
             RaiseArgumentError(L, index, "string", "string with a zero byte");
-        return text.data();
+        return text;
     }
     static int Push(lua_State* L, const char* value)
     {

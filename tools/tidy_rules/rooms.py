@@ -28,8 +28,8 @@ ARROWS = {
 OPEN = {
     "os": ANY,
     "base": ANY,
-    "domain": "dom_observer.h doorbell.h dom_values.h host_id.h known_settings.h out_folder.h root_dom.h setting_value.h settings.h "
-              "work_folder.h",
+    "domain": "dom_observer.h dom_text.h dom_values.h doorbell.h host_id.h known_settings.h out_folder.h root_dom.h setting_value.h "
+              "settings.h work_folder.h",
     "log": "process_log.h",
     "crash": "signal_stack.h",
     "process": "helper_program.h run_program.h",

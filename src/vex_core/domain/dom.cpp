@@ -1,12 +1,13 @@
-// The domain: one table of keys under a lock for many readers, shared by a root and the views of it.
+// The domain: one table of keys, shared by a root and the views of it.
 
 #include "vex_core/domain/root_dom.h"
 
 #include "vex_core/base/ascii.h"
-#include "vex_core/base/shared_lock.h"
 #include "vex_core/base/text.h"
 #include "vex_core/domain/dom_observer.h"
+#include "vex_core/domain/dom_text.h"
 #include "vex_core/domain/dom_values.h"
+#include "vex_core/domain/key_table.h"
 #include "vex_core/domain/setting_value.h"
 #include "vex_core/domain/settings.h"
 #include "vex_core/domain/settings_sources.h"
@@ -18,9 +19,7 @@
 #include <cstring>
 #include <mutex>
 #include <set>
-#include <shared_mutex>
 #include <string_view>
-#include <unordered_map>
 
 namespace VexCore {
 
@@ -30,9 +29,8 @@ namespace {
 class FullKey
 {
 public:
-    FullKey(const std::string& prefix, const char* key)
+    FullKey(const std::string& prefix, std::string_view own)
     {
-        const std::string_view own = key ? std::string_view(key) : std::string_view();
         if (prefix.empty()) {
             m_text = own;
             return;
@@ -53,6 +51,7 @@ public:
     FullKey& operator=(const FullKey&) = delete;
 
     operator std::string_view() const { return m_text; }
+    std::string_view operator*() const { return m_text; }
 
 private:
     std::string_view m_text;
@@ -60,71 +59,34 @@ private:
     char m_short[256];
 };
 
-// The keys and values of one tree. The map's keys look into the nodes, so that a look-up needs no text of its own.
+// The keys and values of one tree, and who is told when one is written.
 class DomStore
 {
 public:
     DomStore() : m_waits(std::make_shared<WaitList>()) {}
 
-    // Calls `use` with the value under the readers' lock. False when the key has none.
+    // Calls `use` with the value, while others write. False when the key has none.
     template <typename Use>
     bool Read(std::string_view key, Use&& use) const
     {
-        const std::shared_lock lock(m_lock);
-        const auto found = m_nodes.find(key);
-        return found != m_nodes.end() && use(found->second->value);
+        return m_keys.Read(key, std::forward<Use>(use));
     }
 
-    void Write(std::string_view key, DomValue value)
+    void Write(const HashedKey& key, DomValue::Pointer value)
     {
-        auto node = std::make_unique<Node>(key);
-        {
-            const std::lock_guard lock(m_lock);
-            auto& place = m_nodes[std::string_view(node->key)];
-            if (!place)
-                place = std::move(node);
-            std::swap(place->value, value);
-        }
-        // What was there before is destroyed here, outside of the lock: an object's end may use the domain.
+        m_keys.Write(key, std::move(value));
         Changed(key);
     }
 
-    bool Remove(std::string_view key)
+    bool Remove(const HashedKey& key)
     {
-        std::unique_ptr<Node> removed;
-        {
-            const std::lock_guard lock(m_lock);
-            const auto found = m_nodes.find(key);
-            if (found == m_nodes.end())
-                return false;
-            removed = std::move(found->second);
-            m_nodes.erase(found);
-        }
+        if (!m_keys.Remove(key))
+            return false;
         Changed(key);
         return true;
     }
 
-    // Full keys that begin with `start`, without their first `skip` characters.
-    std::vector<std::string> KeysThatBegin(std::string_view start, std::size_t skip) const
-    {
-        std::vector<std::string> keys;
-        {
-            const std::shared_lock lock(m_lock);
-            for (const auto& [key, node] : m_nodes)
-                if (StartsWith(key, start))
-                    keys.emplace_back(key.substr(skip));
-        }
-        std::sort(keys.begin(), keys.end());
-        return keys;
-    }
-
-    bool HasAnyIn(std::string_view scope) const
-    {
-        const std::shared_lock lock(m_lock);
-        return std::any_of(m_nodes.begin(), m_nodes.end(),
-                           [scope](const auto& entry) { return ScopeCovers(scope, entry.first); });
-    }
-
+    const KeyTable& Keys() const { return m_keys; }
     WaitList& Waits() { return *m_waits; }
     SettingsSources& Settings() { return m_settings; }
     // Where they lie now, empty while that is not known.
@@ -138,21 +100,13 @@ private:
         return path.empty() ? path : ToSystemBytes(FromForeignBytes(path));
     }
 
-    struct Node
-    {
-        explicit Node(std::string_view name) : key(name) {}
-        const std::string key;
-        DomValue value;
-    };
-
-    void Changed(std::string_view key)
+    void Changed(const HashedKey& key)
     {
         TellObservers(this, key);
-        m_waits->Written(key);
+        m_waits->Written(key.text);
     }
 
-    mutable FairSharedLock m_lock;
-    std::unordered_map<std::string_view, std::unique_ptr<Node>> m_nodes; // guarded by m_lock
+    KeyTable m_keys;
     const std::shared_ptr<WaitList> m_waits;
     SettingsSources m_settings;
 };
@@ -166,7 +120,8 @@ struct CDom::Impl
     bool root = false;
     std::atomic<int> references{1};
 
-    FullKey Key(const char* key) const { return FullKey(prefix, key); }
+    FullKey Key(std::string_view key) const { return FullKey(prefix, key); }
+    FullKey Key(const char* key) const { return Key(key ? std::string_view(key) : std::string_view()); }
 };
 
 // What the rest of the core library does to a domain beyond the interface, and the list of live roots.
@@ -185,6 +140,7 @@ struct DomAccess
     // What observers know the tree of `dom` by.
     static const void* Tree(const CDom& dom) { return dom.m_impl->store.get(); }
     static DomStore& Store(const CDom& dom) { return *dom.m_impl->store; }
+    static FullKey Key(const CDom& dom, std::string_view key) { return dom.m_impl->Key(key); }
     static std::vector<std::string> FullKeys(const CDom& dom, const std::vector<std::string>& keys,
                                              std::vector<std::string> rootKeys)
     {
@@ -234,6 +190,23 @@ DomObserver::DomObserver(const CDom& dom, const std::vector<std::string>& keys, 
                          const std::vector<std::string>& rootKeys)
     : DomObserver(DomAccess::Tree(dom), DomAccess::FullKeys(dom, keys, rootKeys), std::move(changed))
 {}
+
+DomText::DomText(const CDom& dom, std::string_view key)
+{
+    DomAccess::Store(dom).Read(*DomAccess::Key(dom, key), [this](const DomValue& held) {
+        const TextOfValue read(held);
+        if (!read)
+            return false;
+        const std::string_view text = read.Text();
+        if (text.size() > sizeof m_short) {
+            m_text = m_long.assign(text);
+            return true;
+        }
+        std::memcpy(m_short, text.data(), text.size());
+        m_text = std::string_view(m_short, text.size());
+        return true;
+    });
+}
 
 std::vector<std::string> SettingKeys(const CDom& dom, const std::string& prefix)
 {
@@ -293,7 +266,7 @@ CDom* CDom::New(const char* name, CDom* parent, bool* created, bool)
     own.store = parent->m_impl->store;
     own.prefix = name && *name ? std::string(std::string_view(parent->m_impl->Key(name))) : parent->m_impl->prefix;
     if (created)
-        *created = !own.store->HasAnyIn(own.prefix);
+        *created = !own.store->Keys().HasAnyIn(own.prefix);
     return dom;
 }
 
@@ -323,37 +296,38 @@ void CDom::Set(const char* key, const char* text)
 
 void CDom::Set(const char* key, const char* text, std::size_t length)
 {
-    m_impl->store->Write(m_impl->Key(key), text ? std::string(text, length) : std::string());
+    m_impl->store->Write(*m_impl->Key(key),
+                         DomValue::NewText(text ? std::string_view(text, length) : std::string_view()));
 }
 
 void CDom::Set(const char* key, const std::string& text)
 {
-    m_impl->store->Write(m_impl->Key(key), text);
+    m_impl->store->Write(*m_impl->Key(key), DomValue::NewText(text));
 }
 
 void CDom::Set(const char* key, bool value)
 {
-    m_impl->store->Write(m_impl->Key(key), value);
+    m_impl->store->Write(*m_impl->Key(key), DomValue::NewBool(value));
 }
 
 void CDom::SetWx(const char* key, const wxString& text)
 {
-    m_impl->store->Write(m_impl->Key(key), BytesFromText(text));
+    m_impl->store->Write(*m_impl->Key(key), DomValue::NewText(BytesFromText(text)));
 }
 
 void CDom::SetWx(const char* key, std::int64_t value)
 {
-    m_impl->store->Write(m_impl->Key(key), value);
+    m_impl->store->Write(*m_impl->Key(key), DomValue::NewInt(value));
 }
 
 void CDom::SetObject(const char* key, std::shared_ptr<CDomObject> object)
 {
-    m_impl->store->Write(m_impl->Key(key), std::move(object));
+    m_impl->store->Write(*m_impl->Key(key), DomValue::NewObject(std::move(object)));
 }
 
 bool CDom::Remove(const char* key)
 {
-    return m_impl->store->Remove(m_impl->Key(key));
+    return m_impl->store->Remove(*m_impl->Key(key));
 }
 
 // --- reading
@@ -367,17 +341,17 @@ std::string CDom::Get(const char* key) const
 
 bool CDom::Get(const char* key, std::string& text) const
 {
-    return m_impl->store->Read(m_impl->Key(key), [&](const DomValue& value) { return TextOf(value, text); });
+    return m_impl->store->Read(*m_impl->Key(key), [&](const DomValue& value) { return TextOf(value, text); });
 }
 
 bool CDom::Get(const char* key, bool& value) const
 {
-    return m_impl->store->Read(m_impl->Key(key), [&](const DomValue& held) { return BoolOf(held, value); });
+    return m_impl->store->Read(*m_impl->Key(key), [&](const DomValue& held) { return BoolOf(held, value); });
 }
 
 bool CDom::Get(const char* key, std::int64_t& value) const
 {
-    return m_impl->store->Read(m_impl->Key(key), [&](const DomValue& held) { return IntOf(held, value); });
+    return m_impl->store->Read(*m_impl->Key(key), [&](const DomValue& held) { return IntOf(held, value); });
 }
 
 wxString CDom::GetWxString(const char* key) const
@@ -388,9 +362,9 @@ wxString CDom::GetWxString(const char* key) const
 std::shared_ptr<CDomObject> CDom::GetObject(const char* key) const
 {
     std::shared_ptr<CDomObject> object;
-    m_impl->store->Read(m_impl->Key(key), [&](const DomValue& held) {
-        if (const auto* const own = std::get_if<std::shared_ptr<CDomObject>>(&held))
-            object = *own;
+    m_impl->store->Read(*m_impl->Key(key), [&](const DomValue& held) {
+        if (held.Type() == EType::Object)
+            object = held.Object();
         return true;
     });
     return object;
@@ -399,8 +373,8 @@ std::shared_ptr<CDomObject> CDom::GetObject(const char* key) const
 CDom::EType CDom::TypeOf(const char* key) const
 {
     EType type = EType::Absent;
-    m_impl->store->Read(m_impl->Key(key), [&](const DomValue& held) {
-        type = TypeOfValue(held);
+    m_impl->store->Read(*m_impl->Key(key), [&](const DomValue& held) {
+        type = held.Type();
         return true;
     });
     return type;
@@ -411,8 +385,8 @@ std::vector<std::string> CDom::Keys(const char* prefix) const
     const std::string& view = m_impl->prefix;
     const std::size_t skip = view.empty() ? 0 : view.size() + 1;
     if (!prefix || !*prefix)
-        return m_impl->store->KeysThatBegin(view.empty() ? view : view + '.', skip);
-    return m_impl->store->KeysThatBegin(std::string(std::string_view(m_impl->Key(prefix))) + '.', skip);
+        return m_impl->store->Keys().KeysThatBegin(view.empty() ? view : view + '.', skip);
+    return m_impl->store->Keys().KeysThatBegin(std::string(std::string_view(m_impl->Key(prefix))) + '.', skip);
 }
 
 // --- settings

@@ -4,9 +4,12 @@
 #include "vex_core/domain/dom_observer.h"
 
 #include "vex_core/base/shared_lock.h"
+#include "vex_core/domain/key_table.h"
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <shared_mutex>
 
@@ -35,10 +38,41 @@ struct DomObserver::State
 namespace {
 using State = DomObserver::State;
 
+// Which keys somebody may observe: most writes are of others, and find that out here. A bit for each of many hashes.
+class ObservedKeys
+{
+public:
+    bool MayHave(const HashedKey& key) const
+    {
+        const std::size_t bit = key.hash % bits;
+        return m_words[bit / wordBits].load() >> bit % wordBits & 1;
+    }
+    // One thread at a time.
+    void Become(const std::vector<std::shared_ptr<State>>& observers)
+    {
+        std::uint64_t words[wordCount] = {};
+        for (const std::shared_ptr<State>& state : observers)
+            for (const std::string& key : state->keys) {
+                const std::size_t bit = HashOfKey(key) % bits;
+                words[bit / wordBits] |= std::uint64_t{1} << bit % wordBits;
+            }
+        for (std::size_t i = 0; i < wordCount; ++i)
+            m_words[i].store(words[i]);
+    }
+
+private:
+    static constexpr std::size_t wordBits = 64;
+    static constexpr std::size_t wordCount = 16;
+    static constexpr std::size_t bits = wordBits * wordCount;
+
+    std::atomic<std::uint64_t> m_words[wordCount] = {};
+};
+
 struct Registry
 {
     FairSharedLock lock;
     std::vector<std::shared_ptr<State>> observers; // guarded by lock
+    ObservedKeys keys; // of the observers; becomes others under lock
 };
 
 // Never destroyed: keys are written while the process ends.
@@ -116,6 +150,7 @@ DomObserver::DomObserver(const void* tree, std::vector<std::string> keys, std::f
     Registry& registry = AllObservers();
     const std::lock_guard lock(registry.lock);
     registry.observers.push_back(m_state);
+    registry.keys.Become(registry.observers);
 }
 
 DomObserver::DomObserver(std::vector<std::string> keys, std::function<void()> changed)
@@ -128,6 +163,7 @@ DomObserver::~DomObserver()
         Registry& registry = AllObservers();
         const std::lock_guard lock(registry.lock);
         registry.observers.erase(std::find(registry.observers.begin(), registry.observers.end(), m_state));
+        registry.keys.Become(registry.observers);
     }
     std::unique_lock lock(m_state->lock);
     m_state->gone = true;
@@ -135,9 +171,10 @@ DomObserver::~DomObserver()
     m_state->callEnded.wait(lock, [&] { return m_state->calls == own; });
 }
 
-void TellObservers(const void* tree, std::string_view key)
+void TellObservers(const void* tree, const HashedKey& key)
 {
-    CallObservers([&](const State& state) { return state.Observes(tree, key); });
+    if (AllObservers().keys.MayHave(key))
+        CallObservers([&](const State& state) { return state.Observes(tree, key.text); });
 }
 
 void TellObserversOfRoots()

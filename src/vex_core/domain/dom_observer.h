@@ -5,12 +5,12 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace VexCore {
 
 class CDom;
+struct HashedKey;
 
 /// Calls a function after each write or removal of certain keys, on the writer's thread and with no lock of the domain
 /// held: it may read and write the domain and make and destroy observers. Writes of several threads call it on all of
@@ -39,7 +39,7 @@ private:
 };
 
 /// For the domain: the full key `key` of the tree that this address stands for was written or removed.
-void TellObservers(const void* tree, std::string_view key);
+void TellObservers(const void* tree, const HashedKey& key);
 /// For the domain: a root came or went.
 void TellObserversOfRoots();
 

@@ -3,6 +3,9 @@
 #include "vex_core/base/ascii.h"
 
 #include <charconv>
+#include <cstring>
+#include <new>
+#include <utility>
 
 namespace VexCore {
 
@@ -18,6 +21,60 @@ bool EqualIgnoringCase(std::string_view text, std::string_view lower)
 }
 
 } // namespace
+
+DomValue* DomValue::NewBlock(CDom::EType type, std::size_t size)
+{
+    return new (::operator new(sizeof(DomValue) + size)) DomValue(type, size);
+}
+
+DomValue::Pointer DomValue::NewText(std::string_view text)
+{
+    DomValue* const value = NewBlock(CDom::EType::Text, text.size());
+    if (!text.empty())
+        std::memcpy(static_cast<void*>(value + 1), text.data(), text.size());
+    return Pointer(value);
+}
+
+DomValue::Pointer DomValue::NewBool(bool flag)
+{
+    return NewNumber(CDom::EType::Bool, flag);
+}
+
+DomValue::Pointer DomValue::NewInt(std::int64_t number)
+{
+    return NewNumber(CDom::EType::Int, number);
+}
+
+DomValue::Pointer DomValue::NewObject(std::shared_ptr<CDomObject> object)
+{
+    DomValue* const value = NewBlock(CDom::EType::Object, sizeof object);
+    new (value + 1) std::shared_ptr<CDomObject>(std::move(object));
+    return Pointer(value);
+}
+
+DomValue::Pointer DomValue::NewNumber(CDom::EType type, std::int64_t number)
+{
+    DomValue* const value = NewBlock(type, sizeof number);
+    new (value + 1) std::int64_t{number};
+    return Pointer(value);
+}
+
+void DomValue::Destroy(DomValue* value)
+{
+    if (value->Type() == CDom::EType::Object)
+        value->Object().~shared_ptr();
+    ::operator delete(value);
+}
+
+std::int64_t DomValue::Int() const
+{
+    return *static_cast<const std::int64_t*>(Content());
+}
+
+const std::shared_ptr<CDomObject>& DomValue::Object() const
+{
+    return *static_cast<const std::shared_ptr<CDomObject>*>(Content());
+}
 
 bool BoolFromText(std::string_view text, bool& value)
 {
@@ -45,53 +102,52 @@ bool IntFromText(std::string_view text, std::int64_t& value)
     return true;
 }
 
+std::string_view TextOfValue::ConvertedText(const DomValue& from)
+{
+    if (from.Type() == CDom::EType::Bool)
+        return from.Bool() ? "true" : "false";
+    if (from.Type() != CDom::EType::Int)
+        return {};
+    const std::to_chars_result written = std::to_chars(m_digits, m_digits + sizeof m_digits, from.Int());
+    return std::string_view(m_digits, static_cast<std::size_t>(written.ptr - m_digits));
+}
+
 bool TextOf(const DomValue& from, std::string& text)
 {
-    if (const std::string* const own = std::get_if<std::string>(&from)) {
-        text.assign(*own);
-    } else if (const bool* const flag = std::get_if<bool>(&from)) {
-        text.assign(*flag ? "true" : "false");
-    } else if (const std::int64_t* const number = std::get_if<std::int64_t>(&from)) {
-        char digits[24];
-        const std::to_chars_result written = std::to_chars(digits, digits + sizeof digits, *number);
-        text.assign(digits, written.ptr);
-    } else {
+    const TextOfValue read(from);
+    if (!read)
         return false;
-    }
+    text.assign(read.Text());
     return true;
 }
 
 bool BoolOf(const DomValue& from, bool& value)
 {
-    if (const bool* const flag = std::get_if<bool>(&from)) {
-        value = *flag;
+    switch (from.Type()) {
+    case CDom::EType::Bool:
+        value = from.Bool();
         return true;
-    }
-    if (const std::int64_t* const number = std::get_if<std::int64_t>(&from)) {
-        if (*number != 0 && *number != 1)
+    case CDom::EType::Int:
+        if (from.Int() != 0 && from.Int() != 1)
             return false;
-        value = *number == 1;
+        value = from.Int() == 1;
         return true;
+    case CDom::EType::Text:
+        return BoolFromText(from.Text(), value);
+    case CDom::EType::Object:
+    case CDom::EType::Absent:
+        break;
     }
-    const std::string* const text = std::get_if<std::string>(&from);
-    return text && BoolFromText(*text, value);
+    return false;
 }
 
 bool IntOf(const DomValue& from, std::int64_t& value)
 {
-    if (const std::int64_t* const number = std::get_if<std::int64_t>(&from)) {
-        value = *number;
+    if (from.Type() == CDom::EType::Int) {
+        value = from.Int();
         return true;
     }
-    const std::string* const text = std::get_if<std::string>(&from);
-    return text && IntFromText(*text, value);
-}
-
-CDom::EType TypeOfValue(const DomValue& value)
-{
-    static constexpr CDom::EType types[] = {CDom::EType::Text, CDom::EType::Bool, CDom::EType::Int,
-                                            CDom::EType::Object};
-    return types[value.index()];
+    return from.Type() == CDom::EType::Text && IntFromText(from.Text(), value);
 }
 
 std::string BytesFromText(const wxString& text)

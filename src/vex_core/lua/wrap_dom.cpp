@@ -7,6 +7,7 @@
 #include "vex/core/dom.h"
 #include "vex/core/log.h"
 #include "vex_core/base/text.h"
+#include "vex_core/domain/dom_text.h"
 #include "vex_core/domain/doorbell.h"
 #include "vex_core/domain/work_folder.h"
 #include "vex_core/log/process_log.h"
@@ -35,7 +36,6 @@ constexpr int firstArgument = 2;
 constexpr int secondArgument = 3;
 constexpr int thirdArgument = 4;
 
-constexpr std::size_t maxKeptBytes = 4096;
 constexpr int handleKilobytes = 4; // of an ended worker
 
 int PushBytes(lua_State* L, std::string_view bytes)
@@ -77,17 +77,9 @@ std::vector<std::string> StringsArgument(lua_State* L, int index)
 
 int Get(CDom& dom, lua_State* L)
 {
-    const char* key = Value<const char*>::Get(L, firstArgument);
-    // Kept from call to call: the heap would be a quarter of the time. While it is in use nobody else has it: making
-    // the Lua string may run a finaliser, which may come here.
-    thread_local std::string t_kept;
-    std::string text;
-    text.swap(t_kept);
-    const bool found = dom.Get(key, text);
-    const int results = found ? PushBytes(L, text) : PushDefault(L);
-    if (text.capacity() <= maxKeptBytes)
-        text.swap(t_kept);
-    return results;
+    // A copy: making the Lua string may run a finaliser, which may write the key.
+    const VexCore::DomText text(dom, Value<const char*>::GetWithSize(L, firstArgument));
+    return text ? PushBytes(L, text.Text()) : PushDefault(L);
 }
 
 bool GetBool(CDom& dom, const char* key, std::optional<bool> defaultValue)
