@@ -17,6 +17,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cstring>
 
 #include <fcntl.h>
 
@@ -60,47 +62,130 @@ std::string TakeCharacter(std::string_view& text)
     return character != '\t' && IsControlOrLineEnd(character) ? ShownInHex(bytes) : std::string(bytes);
 }
 
-// How many bytes at the start of the text, at most `most`, stand in a record as they are.
-std::size_t PlainBytes(std::string_view text, std::size_t most)
+// How many bytes at the start of the text stand in a record as they are: by eight, until one of eight does not. Those
+// from 0x20 to 0x7e are the ones whose high bit is clear behind the subtraction and behind the addition.
+std::size_t PlainBytes(std::string_view text)
 {
+    constexpr std::uint64_t ones = 0x0101010101010101;
     std::size_t count = 0;
-    while (count < std::min(most, text.size()) && text[count] >= 0x20 && text[count] < 0x7f)
+    for (std::uint64_t eight; text.size() - count >= sizeof eight; count += sizeof eight) {
+        std::memcpy(&eight, text.data() + count, sizeof eight);
+        if (((eight - 0x20 * ones) | (eight + ones)) & 0x80 * ones)
+            break;
+    }
+    while (count < text.size() && text[count] >= 0x20 && text[count] < 0x7f)
         ++count;
     return count;
+}
+
+// Adds the text as LogText says.
+void AddText(std::string& record, std::string_view text, std::size_t maxBytes = maxLogTextBytes)
+{
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+        text.remove_suffix(1);
+    const std::size_t size = text.size();
+    std::size_t room = maxBytes;
+    while (!text.empty()) {
+        const std::size_t plain = PlainBytes(text.substr(0, room));
+        record.append(text.substr(0, plain));
+        text.remove_prefix(plain);
+        room -= plain;
+        if (text.empty())
+            break;
+        const std::string next = TakeCharacter(text);
+        if (next.size() > room) {
+            record.append(" ... (cut, ").append(std::to_string(size)).append(" bytes in all)");
+            break;
+        }
+        record += next;
+        room -= next.size();
+    }
+}
+
+// Writes the time as DiskLog::standardTimeFormat has it: strftime takes as long as the rest of a record. The year has
+// four digits.
+void PutStandardTime(char* place, const struct tm& local)
+{
+    const auto put = [&place](int twoDigits, char behind) {
+        *place++ = static_cast<char>('0' + twoDigits / 10);
+        *place++ = static_cast<char>('0' + twoDigits % 10);
+        *place = behind;
+        place += behind == '\0' ? 0 : 1;
+    };
+    const int year = local.tm_year + 1900;
+    put(year / 100, '\0');
+    put(year % 100, '-');
+    put(local.tm_mon + 1, '-');
+    put(local.tm_mday, ' ');
+    put(local.tm_hour, ':');
+    put(local.tm_min, ':');
+    put(local.tm_sec, '\0');
+}
+
+constexpr std::size_t maxTime = 128;
+constexpr std::size_t standardTimeLength = 19;
+
+// What a thread has written last in the standard format. It is the same text until the second is over or the process is
+// told of another time zone.
+struct LastTime
+{
+    std::time_t time;
+    long zone;
+    int daylight;
+    char text[standardTimeLength + 1]; // empty: there is none
+};
+thread_local LastTime t_lastTime = {};
+
+// Writes the time by the format and gives the place behind it. `place` has room for maxTime.
+char* PutTime(char* place, std::time_t time, const char* format)
+{
+    const bool isStandard = std::strcmp(format, DiskLog::standardTimeFormat) == 0;
+    LastTime& last = t_lastTime;
+    if (!isStandard || time != last.time || last.zone != ::timezone || last.daylight != ::daylight || !last.text[0]) {
+        struct tm local = {};
+        ::localtime_r(&time, &local);
+        if (!isStandard || local.tm_year < 1000 - 1900 || local.tm_year > 9999 - 1900)
+            return place + std::strftime(place, maxTime, format, &local);
+        last.time = time;
+        last.zone = ::timezone;
+        last.daylight = ::daylight;
+        PutStandardTime(last.text, local);
+    }
+    return std::copy_n(last.text, standardTimeLength, place);
 }
 
 } // namespace
 
 std::string LogText(std::string_view text, std::size_t maxBytes)
 {
-    const std::size_t last = text.find_last_not_of("\r\n");
-    text = text.substr(0, last == std::string_view::npos ? 0 : last + 1);
-    const std::size_t size = text.size();
     std::string result;
-    result.reserve(std::min(size, maxBytes));
-    while (!text.empty()) {
-        const std::size_t plain = PlainBytes(text, maxBytes - result.size());
-        result.append(text.substr(0, plain));
-        text.remove_prefix(plain);
-        if (text.empty())
-            break;
-        const std::string next = TakeCharacter(text);
-        if (result.size() + next.size() > maxBytes)
-            return result + " ... (cut, " + std::to_string(size) + " bytes in all)";
-        result += next;
-    }
+    result.reserve(std::min(text.size(), maxBytes));
+    AddText(result, text, maxBytes);
     return result;
 }
 
 std::string FormatLogRecord(std::time_t time, const char* timeFormat, LogLevel level, pid_t process, const char* thread,
                             std::string_view text)
 {
-    char stamp[128];
-    struct tm local = {};
-    ::localtime_r(&time, &local);
-    std::string record(stamp, std::strftime(stamp, sizeof stamp, timeFormat, &local));
-    record.append(" ").append(LogLevelWord(level)).append(" [").append(std::to_string(process)).append("/");
-    record.append(LogText(thread)).append("] ").append(LogText(text)).append("\n");
+    constexpr std::size_t maxWord = 7;
+    constexpr std::size_t maxNumber = 20;
+    char head[maxTime + sizeof "  [/" + maxWord + maxNumber];
+    char* end = PutTime(head, time, timeFormat);
+    *end++ = ' ';
+    const char* const word = LogLevelWord(level);
+    end = std::copy_n(word, std::strlen(word), end);
+    *end++ = ' ';
+    *end++ = '[';
+    end = std::to_chars(end, end + maxNumber, process).ptr;
+    *end++ = '/';
+    constexpr std::size_t usualName = 32;
+    std::string record;
+    record.reserve(static_cast<std::size_t>(end - head) + usualName + std::min(text.size(), maxLogTextBytes));
+    record.append(head, end);
+    AddText(record, thread);
+    record.append("] ", 2);
+    AddText(record, text);
+    record += '\n';
     return record;
 }
 
@@ -125,12 +210,7 @@ void DiskLog::SetFile(const std::string& path)
     const std::lock_guard lock(m_lock);
     if (m_path.empty())
         m_path = path;
-}
-
-bool DiskLog::HasFile() const
-{
-    const std::lock_guard lock(m_lock);
-    return !m_path.empty();
+    m_hasFile.store(!m_path.empty(), std::memory_order_relaxed);
 }
 
 void DiskLog::SetSettings(const Settings& settings)
@@ -145,7 +225,8 @@ void DiskLog::SetSettings(const Settings& settings)
 void DiskLog::Write(const std::string& record, bool shown, LogLevel level, const char* timeFormat, std::time_t time)
 {
     const std::lock_guard lock(m_lock);
-    m_timeFormat = timeFormat;
+    if (m_timeFormat != timeFormat)
+        m_timeFormat = timeFormat;
     const bool isWritten = WriteHeld() && TryWrite(record);
     // What is written before there is a place is so before the settings are known.
     const Copied copied = m_path.empty() ? Copied::NotYet : Copy(record, level, time, isWritten);
@@ -223,11 +304,10 @@ bool DiskLog::TryWrite(const std::string& record)
     if (m_path.empty() || !MakeReady(record.size()))
         return false;
     const bool piece = m_size != m_cleanEnd && EndsInPiece();
-    const std::string bytes = piece ? '\n' + record : record;
-    if (!WriteBytes(bytes))
+    if (!(piece ? WriteBytes('\n' + record) : WriteBytes(record)))
         return false;
     m_troubled = false;
-    return !WasGlued(bytes.size()) || WriteBytes(record);
+    return !WasGlued(record.size() + (piece ? 1 : 0)) || WriteBytes(record);
 }
 
 bool DiskLog::WriteBytes(const std::string& bytes)
@@ -359,7 +439,7 @@ bool DiskLog::MakeReady(std::size_t size)
     // Two rounds are the rule at worst (open, rotate, open); others who rotate meanwhile may cost more.
     for (int round = 0; round < 8; ++round) {
         struct stat status = {};
-        const bool there = os::Stat(m_path.c_str(), status) == 0;
+        const bool there = os::StatWithoutTimes(m_path.c_str(), status) == 0;
         if (!there && os::LastError() != ENOENT && m_file)
             return true; // the name cannot be asked for just now; the open file is still the best place
         if (!there || !m_identity.IsFileOf(status)) {

@@ -67,7 +67,8 @@ public:
 
     /// Settles the place; only the first call counts. Before it, records are held.
     void SetFile(const std::string& path);
-    bool HasFile() const;
+    /// Takes no lock.
+    bool HasFile() const { return m_hasFile.load(std::memory_order_relaxed); }
     void SetSettings(const Settings& settings);
 
     /// `shown`: standard error has the record already. `level` and `time` are the record's, for the system's log.
@@ -124,8 +125,9 @@ private:
     const std::size_t m_maxHeldBytes;
     const int m_error; // standard error
     std::atomic<int> m_number{-1}; // of m_file; written under m_lock
+    std::atomic<bool> m_hasFile{false}; // m_path is settled; written under m_lock
 
-    mutable std::mutex m_lock; // guards all below
+    std::mutex m_lock; // guards all below
     std::string m_path;
     Settings m_settings;
     std::string m_timeFormat = standardTimeFormat; // of the log's own records

@@ -46,10 +46,24 @@ DiskLog& ProcessLog()
     return replacement ? *replacement : s_log;
 }
 
+// Empty for the standard one, which nearly every record has: no conversion for that.
 std::string TimeFormat()
 {
-    const std::string format = BytesFromText(wxLog::GetTimestamp());
-    return format.empty() ? DiskLog::standardTimeFormat : format;
+    static const wxString& s_standard = *new wxString(DiskLog::standardTimeFormat); // never destroyed, as the log
+    const wxString& format = wxLog::GetTimestamp();
+    return format == s_standard ? std::string() : BytesFromText(format);
+}
+
+std::atomic<pid_t> g_process{0}; // asking the system takes as long as the text of a record
+
+pid_t Process()
+{
+    pid_t process = g_process.load(std::memory_order_relaxed);
+    if (process == 0) {
+        process = os::ProcessId();
+        g_process.store(process, std::memory_order_relaxed);
+    }
+    return process;
 }
 
 // Where the domain says that the file is, empty while it does not. The name is part of a file name, so it is kept from
@@ -144,9 +158,9 @@ void WriteRecord(LogLevel level, std::time_t time, wxThreadIdType thread, std::s
         const std::string line = std::string(LogLevelWord(level)) + ' ' + LogText(text) + '\n';
         os::WriteBestEffort(os::standardError, line.data(), line.size());
     }
-    const std::string format = TimeFormat();
-    log.Write(FormatLogRecord(time, format.c_str(), level, os::ProcessId(), NameOf(thread), text), shown, level,
-              format.c_str(), time);
+    const std::string otherFormat = TimeFormat();
+    const char* const format = otherFormat.empty() ? DiskLog::standardTimeFormat : otherFormat.c_str();
+    log.Write(FormatLogRecord(time, format, level, Process(), NameOf(thread), text), shown, level, format, time);
 }
 
 // The framework empties its queue of other threads' lines on the main thread only, through a private member. A process
@@ -174,6 +188,7 @@ void AfterForkInParent()
 
 void AfterForkInChild()
 {
+    g_process.store(0, std::memory_order_relaxed);
     ProcessLog().AfterForkInChild();
     LogWatch().AfterFork();
 }
@@ -204,18 +219,56 @@ void CLog2Disk::Flush()
     ProcessLog().Flush();
 }
 
-std::string LogBytes(const wxString& message)
+namespace {
+// Adds the text where all of it is ASCII, as it nearly always is: without the framework's conversion.
+bool AddAscii(std::string& bytes, const wxString& text)
 {
-    const wxScopedCharBuffer utf8 = message.utf8_str();
-    if (!std::memchr(utf8.data(), 0xF4, utf8.length())) // in which all characters that stand for a byte begin
-        return std::string(utf8.data(), utf8.length());
-    const wxCharBuffer bytes = FileNameConv().cWC2MB(message.wc_str(), message.length(), nullptr);
-    return bytes ? std::string(bytes.data(), bytes.length()) : BytesFromText(message);
+    const std::size_t begin = bytes.size();
+    const std::size_t length = text.length();
+    const wchar_t* const wide = text.wc_str();
+    bytes.resize(begin + length);
+    char* const place = bytes.data() + begin;
+    std::uint32_t all = 0;
+    std::size_t done = 0;
+    constexpr std::size_t block = 16;
+    for (; length - done >= block; done += block) {
+        char narrow[block]; // which nothing else leads to: the compiler makes few instructions of a block
+        for (std::size_t i = 0; i < block; ++i) {
+            all |= static_cast<std::uint32_t>(wide[done + i]);
+            narrow[i] = static_cast<char>(wide[done + i]);
+        }
+        std::memcpy(place + done, narrow, block);
+    }
+    for (; done < length; ++done) {
+        all |= static_cast<std::uint32_t>(wide[done]);
+        place[done] = static_cast<char>(wide[done]);
+    }
+    const bool isAscii = all < 0x80;
+    if (!isAscii)
+        bytes.resize(begin);
+    return isAscii;
+}
+
+} // namespace
+
+void AddLogBytes(std::string& bytes, const wxString& text)
+{
+    if (AddAscii(bytes, text))
+        return;
+    const wxScopedCharBuffer utf8 = text.utf8_str();
+    if (!std::memchr(utf8.data(), 0xF4, utf8.length())) { // in which all characters that stand for a byte begin
+        bytes.append(utf8.data(), utf8.length());
+        return;
+    }
+    const wxCharBuffer converted = FileNameConv().cWC2MB(text.wc_str(), text.length(), nullptr);
+    bytes.append(converted ? std::string(converted.data(), converted.length()) : BytesFromText(text));
 }
 
 void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info)
 {
-    WriteRecord(LevelOf(level), info.timestamp, info.threadId, LogBytes(message));
+    std::string text;
+    AddLogBytes(text, message);
+    WriteRecord(LevelOf(level), info.timestamp, info.threadId, text);
 }
 
 void WriteLogLine(LogLevel level, std::string_view text)

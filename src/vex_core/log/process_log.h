@@ -23,9 +23,9 @@ void WriteTraceLine(const char* module, const char* sourceFile, int line, const 
 /// How many records of a level this process has logged, with those that its ancestors had when they forked. Any thread.
 std::uint64_t LoggedRecords(LogLevel level);
 
-/// The framework's text as bytes of the log: in UTF-8, and what stands for a byte of a file name that is none is that
-/// byte again.
-std::string LogBytes(const wxString& message);
+/// Adds the framework's text as bytes of the log: in UTF-8, and what stands for a byte of a file name that is none is
+/// that byte again.
+void AddLogBytes(std::string& bytes, const wxString& text);
 
 /// The descriptor of the open log file, -1 while there is none: for the crash handler, which may only write to it. The
 /// number stays the same when the file is rotated. Async-signal-safe.

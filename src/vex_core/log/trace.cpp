@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -93,20 +94,36 @@ bool LogTraceIsEnabled(const char* module)
     return module && TraceModules::MayBeIn(markAt, module) && IsInList(module);
 }
 
+namespace {
+// What stands before the message, with room for that.
+std::string TraceHead(const char* module, const char* sourceFile, int line, const char* function, std::size_t size)
+{
+    constexpr std::size_t usualHead = 128;
+    std::string text;
+    text.reserve(usualHead + size);
+    text.append(module ? module : "").append(" ", 1);
+    const std::size_t name = text.size();
+    text.append(function ? function : "");
+    if (text.find(' ', name) != std::string::npos)
+        text.erase(std::remove(text.begin() + static_cast<std::ptrdiff_t>(name), text.end(), ' '), text.end());
+    text.append("(", 1).append(sourceFile ? sourceFile : "").append(":", 1);
+    text.append(std::to_string(line)).append("): ", 3);
+    return text;
+}
+
+} // namespace
+
 void LogTrace(const char* module, const char* sourceFile, int line, const char* function, const wxString& message)
 {
-    WriteTraceLine(module, sourceFile, line, function, LogBytes(message));
+    std::string text = TraceHead(module, sourceFile, line, function, message.length());
+    AddLogBytes(text, message);
+    WriteLogLine(LogLevel::Trace, text);
 }
 
 void WriteTraceLine(const char* module, const char* sourceFile, int line, const char* function,
                     std::string_view message)
 {
-    std::string name = function ? function : "";
-    name.erase(std::remove(name.begin(), name.end(), ' '), name.end());
-    std::string text = module ? module : "";
-    text.append(" ").append(name).append("(").append(sourceFile ? sourceFile : "").append(":");
-    text.append(std::to_string(line)).append("): ").append(message);
-    WriteLogLine(LogLevel::Trace, text);
+    WriteLogLine(LogLevel::Trace, TraceHead(module, sourceFile, line, function, message.size()).append(message));
 }
 
 } // namespace VexCore

@@ -24,6 +24,9 @@ int OpenAt(int folder, const char* name, int flags, mode_t mode = 0);
 int FStat(int descriptor, struct stat& result);
 /// Of what the path leads to.
 int Stat(const char* path, struct stat& result);
+/// The same, but only device, inode and size are looked up. For who asks before each write: a file at whose times
+/// somebody has looked gets new ones from Linux with the next write, which takes twice as long then.
+int StatWithoutTimes(const char* path, struct stat& result);
 int StatAt(int folder, const char* name, struct stat& result);
 /// Of the name itself: a symbolic link is not followed.
 int LStat(const char* path, struct stat& result);

@@ -150,6 +150,45 @@ TEST(LogRecord, HasTimeLevelProcessThreadAndText)
               "2026-01-31 10:20:30 WARNING [4242/CScriptThread] lib/x.zip: no matches\n");
 }
 
+namespace {
+std::string TimeOf(std::time_t time, const char* format = DiskLog::standardTimeFormat)
+{
+    const std::string record = VexCore::FormatLogRecord(time, format, LogLevel::Info, 2, "a", "text");
+    return record.substr(0, record.find(" INFO [2/a] text\n"));
+}
+
+} // namespace
+
+TEST(LogRecord, TimeIsWhatStrftimeMakesOfIt)
+{
+    const ::Test::Variable zone("TZ", "Europe/Berlin");
+    ::tzset();
+    // With the first and last years of four digits, and some of fewer and of more.
+    for (const std::time_t time : {-62135596800L, -30641760000L, -30610224000L, -1L, 0L, 951782399L, 1774745999L,
+                                   1774746000L, 253402297199L, 253402300800L, 300000000000L})
+        for (const char* const format : {DiskLog::standardTimeFormat, "%d.%m.%y %T", "%Y-%m-%d %H:%M:%S%z", ""}) {
+            struct tm local = {};
+            ::localtime_r(&time, &local);
+            char expected[128] = "";
+            (void)std::strftime(expected, sizeof expected, format, &local);
+            EXPECT_EQ(TimeOf(time, format), expected) << time << format;
+            EXPECT_EQ(TimeOf(time, format), expected) << "again";
+        }
+}
+
+TEST(LogRecord, AnotherTimeZoneCountsAtOnce)
+{
+    const ::Test::Variable zone("TZ", "UTC");
+    ::tzset();
+    EXPECT_EQ(TimeOf(1769854830), "2026-01-31 10:20:30");
+    const ::Test::Variable east("TZ", "EEE-3");
+    ::tzset();
+    EXPECT_EQ(TimeOf(1769854830), "2026-01-31 13:20:30");
+    const ::Test::Variable summer("TZ", "EEE-3FFF,J1,J365");
+    ::tzset();
+    EXPECT_EQ(TimeOf(1769854830), "2026-01-31 14:20:30");
+}
+
 TEST(LogRecord, AThreadsNameStartsNoLineOfItsOwn)
 {
     // A worker is named after its module, and that is any text of a script.
@@ -194,6 +233,23 @@ TEST(LogText, LineBreaksAreIndentedAndControlCharactersShown)
     };
     for (const auto& row : rows)
         EXPECT_EQ(VexCore::LogText(row.in), row.out) << row.in;
+}
+
+TEST(LogText, AByteThatIsShownIsFoundAnywhere)
+{
+    const std::string plain = "the first twenty-five ones";
+    const struct
+    {
+        char byte;
+        const char* shown;
+    } rows[] = {{'\x1f', "\\x1F"}, {'\x7f', "\\x7F"}, {'\x80', "\\x80"}, {'\x01', "\\x01"}, {'\n', "\n    "}};
+    for (std::size_t place = 0; place < plain.size(); ++place)
+        for (const auto& row : rows) {
+            std::string text = plain;
+            text[place] = row.byte;
+            EXPECT_EQ(VexCore::LogText(text + "."), plain.substr(0, place) + row.shown + plain.substr(place + 1) + ".")
+                << place;
+        }
 }
 
 TEST(LogText, LongTextIsCutWithANoteAndNeverInsideACharacter)

@@ -353,6 +353,33 @@ TEST_F(LogToDisk, SettingsMayStandInTheConfigurationFile)
     EXPECT_NE(::access((m_folder / "agent.log.2").c_str(), F_OK), 0);
 }
 
+TEST_F(LogToDisk, AProcessThatWasForkedHasItsOwnNumberInItsLines)
+{
+    MakeRoot();
+    wxLogMessage("parent");
+    const ChildResult child = RunChild([] {
+        wxLogMessage("child %d", static_cast<int>(::getpid()));
+        return 0;
+    });
+    EXPECT_TRUE(child.Exited(0));
+    wxLogMessage("parent");
+    ASSERT_EQ(Lines().size(), 3u);
+    const std::string number = Lines()[1].substr(Lines()[1].rfind(' ') + 1);
+    EXPECT_THAT(Lines()[1], HasSubstr(" [" + number + "/main] child "));
+    EXPECT_THAT(Lines()[2], HasSubstr(" [" + std::to_string(::getpid()) + "/main] parent"));
+}
+
+TEST_F(LogToDisk, ALetterThatIsNotAsciiIsFoundAnywhere)
+{
+    MakeRoot();
+    const std::string plain = "forty letters, of which one is another one";
+    for (std::size_t place = 0; place < plain.size(); ++place) {
+        const std::string text = plain.substr(0, place) + "\xC3\xA4\xF0\x9F\x98\x80" + plain.substr(place + 1);
+        wxLogMessage("%s", wxString::FromUTF8(text));
+        EXPECT_THAT(LastLine(), EndsWith("] " + text));
+    }
+}
+
 TEST_F(LogToDisk, OwnRecordsOfTheLogFollowTheFrameworksTimeFormat)
 {
     MakeRoot();

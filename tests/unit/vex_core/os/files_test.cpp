@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include <fcntl.h>
+#include <unistd.h>
 
 using Test::CallWatch;
 using Test::TempFolder;
@@ -157,6 +158,19 @@ TEST_F(Reading, FailureIsTold)
 }
 
 // --- identity
+
+TEST_F(FileIdentity, IsToldWithoutTheTimesToo)
+{
+    ASSERT_TRUE(WriteTen());
+    const std::string link = m_folder / "link";
+    ASSERT_EQ(::symlink(m_path.c_str(), link.c_str()), 0);
+    struct stat status = {};
+    ASSERT_EQ(os::StatWithoutTimes(link.c_str(), status), 0);
+    EXPECT_TRUE(Identity().IsFileOf(status));
+    EXPECT_EQ(status.st_size, 10);
+    EXPECT_EQ(os::StatWithoutTimes((m_folder / "none").c_str(), status), -1);
+    EXPECT_EQ(os::LastError(), ENOENT);
+}
 
 TEST_F(FileIdentity, OfAFileThatIsWrittenToIsTheSameFileWithOtherContent)
 {
