@@ -2,7 +2,8 @@
 // is an error in the log with the whole event, and is undone by a later write, which stores the older events
 // first. An event has a key for life, which the database remembers in the transaction that stores it: so an
 // event that may or may not have been stored (a kill between commit and the removal of the pending file, a
-// commit that failed late) is simply stored again.
+// commit that failed late) is simply stored again. Threads that write at the same time share a transaction: each hands
+// its event to a queue, and the one that comes to the database first takes all of them along.
 
 #include "vex_core/events/agentevent_store.h"
 #include "vex/core/agentevent.h"
@@ -22,6 +23,7 @@
 #include "vex_core/os/last_resort.h"
 #include "vex_core/os/process_info.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -60,20 +62,24 @@ const char forgetKeysSql[] = "DELETE FROM agent_event_key WHERE seq < (SELECT ma
 
 // A few at a time, so that no event waits for others to go; each kind is found by an index, whatever else is there. The
 // latest stays in any case: its id must not be given again. ?1 is how many stay, ?2 the time before which they are too
-// old, ?3 now. Without a time, or with one to come, an event is never too old and goes by its number. One that came
-// behind an event that is not too old was written when the clock was wrong; it goes when that one has gone. That one is
-// looked for among the first thousand, so that no event waits where all have grown too old; the plus has it looked for
-// only when something is too old.
+// old, ?3 now, ?4 how many may go. Without a time, or with one to come, an event is never too old and goes by its
+// number. One that came behind an event that is not too old was written when the clock was wrong; it goes when that one
+// has gone. That one is looked for among the first thousand, so that no event waits where all have grown too old; the
+// plus has it looked for only when something is too old.
 const char forgetOldestSql[] =
     "DELETE FROM agent_event WHERE id IN ("
-    "SELECT * FROM (SELECT id FROM agent_event WHERE id <= (SELECT max(id) FROM agent_event) - ?1 ORDER BY id LIMIT 20)"
+    "SELECT * FROM (SELECT id FROM agent_event WHERE id <= (SELECT max(id) FROM agent_event) - ?1 ORDER BY id LIMIT ?4)"
     " UNION "
     "SELECT * FROM (SELECT id FROM agent_event WHERE time_ms < ?2 AND +id < coalesce("
     "(SELECT id FROM (SELECT id, time_ms FROM agent_event ORDER BY id LIMIT 1000)"
     " WHERE time_ms >= ?2 AND time_ms <= ?3 ORDER BY id LIMIT 1),"
     " (SELECT id FROM agent_event ORDER BY id LIMIT 1 OFFSET 1000),"
-    " (SELECT max(id) FROM agent_event)) ORDER BY time_ms, id LIMIT 20)"
-    " ORDER BY 1 LIMIT 20)";
+    " (SELECT max(id) FROM agent_event)) ORDER BY time_ms, id LIMIT ?4)"
+    " ORDER BY 1 LIMIT ?4)";
+
+const char insertKeySql[] = "INSERT OR IGNORE INTO agent_event_key(key) VALUES(?)";
+const char insertSql[] =
+    "INSERT INTO agent_event(time_ms, time_s, number, severity, text, xml, key) VALUES(?, ?, ?, ?, ?, ?, ?)";
 
 // Whether a store of this process may keep events. Read without a lock, so that the usual answer costs nothing.
 std::atomic<bool> g_somethingIsKept{false};
@@ -83,17 +89,20 @@ wxString Shown(const std::string& text)
     return FromForeignBytes(text);
 }
 
-// Unique among all processes that ever share the folder. Random numbers may be out of reach (no descriptor
+// Unique among all processes that ever share the folder. Begins with the time, so that keys of events that were written
+// one after the other lie side by side in their index: with random ones each event that comes or goes would be on a
+// page of its own, which is read, kept in the journal and written. Random numbers may be out of reach (no descriptor
 // left); then the clock and our pid do.
 std::string NewKey()
 {
     static std::atomic<unsigned> s_serial{0};
+    const auto now = static_cast<unsigned long long>(TimeNowMillis());
     char text[80];
-    std::snprintf(text, sizeof text, "%llx-%lx-%x", static_cast<unsigned long long>(TimeNowMillis()),
-                  static_cast<unsigned long>(os::ProcessId()), s_serial++);
+    std::snprintf(text, sizeof text, "%llx-%lx-%x", now, static_cast<unsigned long>(os::ProcessId()), s_serial++);
     try {
         std::random_device random;
-        std::snprintf(text, sizeof text, "%08x%08x%08x%08x", random(), random(), random(), random());
+        std::snprintf(text, sizeof text, "%012llx%04x%08x%08x", now & 0xffffffffffffu, random() & 0xffffu, random(),
+                      random());
     } catch (const std::exception&) {
     }
     return text;
@@ -139,6 +148,21 @@ bool ShowAsLastResort(const char* prefix, const EventRecord& record)
 
 constexpr char notStoredYet[] = "Agent event not stored yet: ";
 
+std::int64_t KeepSetting(const char* key)
+{
+    const RootDom root;
+    return root ? IntSetting(*root, key) : FindSetting(key)->standard;
+}
+
+template <class Range>
+std::vector<const EventRecord*> PointersTo(const Range& records)
+{
+    std::vector<const EventRecord*> pointers;
+    for (const EventRecord& record : records)
+        pointers.push_back(&record);
+    return pointers;
+}
+
 // What lies there already may be all that is left of another database.
 std::string FreeName(const std::string& wanted)
 {
@@ -157,6 +181,31 @@ bool MeansDamage(int code)
 
 } // namespace
 
+// What each event needs, prepared once a connection.
+struct EventStore::Statements
+{
+    explicit Statements(SqliteConnection& db)
+        : forgetOldest(db, forgetOldestSql), forgetKeys(db, forgetKeysSql), insertKey(db, insertKeySql),
+          insert(db, insertSql)
+    {}
+
+    // Whether events can be stored; why not is the last error then.
+    bool Prepared() const { return forgetKeys.Prepared() && insertKey.Prepared() && insert.Prepared(); }
+
+    // Without rows. Leaves it ready for the next time; the values may go.
+    static bool Run(SqliteStatement& statement)
+    {
+        const auto result = statement.Step();
+        statement.Reset();
+        return result == SqliteStatement::StepResult::Done;
+    }
+
+    SqliteStatement forgetOldest; // first, so that another's failure is not taken for its
+    SqliteStatement forgetKeys;
+    SqliteStatement insertKey;
+    SqliteStatement insert;
+};
+
 EventStore::EventStore(std::string folder, WallClock clock)
     : m_folder(std::move(folder)), m_path(m_folder + "/events.db"), m_clock(clock), m_ageClock(clock(), SteadyMs()),
       m_pending(m_folder + "/events.pending.xml")
@@ -164,18 +213,68 @@ EventStore::EventStore(std::string folder, WallClock clock)
 
 EventStore::~EventStore()
 {
-    if (m_owner != os::ProcessId())
-        m_db.Abandon(); // closing another process's connection would drop its locks
+    CloseDatabase();
 }
 
 std::int64_t EventStore::Write(const CAgentEvent& event)
 {
-    const EventRecord record = MakeRecord(event);
+    Waiting own{MakeRecord(event)};
+    {
+        const std::lock_guard lock(m_queueLock);
+        m_queue.push_back(&own);
+        ++m_beingWritten;
+    }
     const std::lock_guard lock(m_lock);
-    const std::int64_t id = WriteLocked(record);
-    if (id == 0)
-        KeepForLater(record);
-    return id;
+    try {
+        if (!own.done)
+            WriteQueue(own);
+    } catch (...) {
+        if (!own.done) { // else it was another's event, whose thread tries itself
+            --m_beingWritten;
+            throw;
+        }
+    }
+    --m_beingWritten;
+    return own.id;
+}
+
+// Stores what waits together; where that fails, each event goes its own way, so that none suffers for another. A thread
+// that waits cannot leave before we give up m_lock.
+void EventStore::WriteQueue(Waiting& own)
+{
+    std::vector<Waiting*> group;
+    {
+        const std::lock_guard lock(m_queueLock);
+        group.swap(m_queue);
+    }
+    // Another thread took it along and was stopped by an exception.
+    if (std::find(group.begin(), group.end(), &own) == group.end())
+        group.push_back(&own);
+    if (StoreTogether(group))
+        return;
+    // Another process has the database: each of the others would wait for it as long as the first has.
+    const bool isBusy = (m_db.ErrorCode() & 0xFF) == SQLITE_BUSY;
+    for (Waiting* const waiting : group) {
+        if (group.size() > 1 && !isBusy && StoreTogether({waiting}))
+            continue;
+        KeepForLater(waiting->record);
+        waiting->done = true;
+    }
+}
+
+bool EventStore::StoreTogether(const std::vector<Waiting*>& group)
+{
+    Records records;
+    for (const Waiting* const waiting : group)
+        records.push_back(&waiting->record);
+    std::optional<Ids> ids;
+    if (!WithDatabase([&] { return StoreKeptLocked() && (ids = StoreAll(records)); }))
+        return false;
+    for (std::size_t i = 0; i < group.size(); ++i) {
+        group[i]->id = (*ids)[i];
+        group[i]->done = true;
+    }
+    return true;
 }
 
 bool EventStore::StoreKept()
@@ -208,13 +307,6 @@ void EventStore::Adopt(EventStore& other)
     m_memory.insert(m_memory.begin(), std::make_move_iterator(events.begin()), std::make_move_iterator(events.end()));
 }
 
-std::int64_t EventStore::WriteLocked(const EventRecord& record)
-{
-    std::int64_t id = 0;
-    WithDatabase([&] { return StoreKeptLocked() && (id = InsertOnce(record)) != 0; });
-    return id;
-}
-
 // Two attempts: a file that was damaged, removed or replaced is left behind by the first.
 bool EventStore::WithDatabase(const std::function<bool()>& body)
 {
@@ -225,7 +317,7 @@ bool EventStore::WithDatabase(const std::function<bool()>& body)
             return false;
         m_reason = m_db.Error();
         const int code = m_db.ErrorCode();
-        m_db.Close();
+        CloseDatabase();
         const bool again = MeansDamage(code) ? MoveDamagedAside() : code == SQLITE_READONLY_DBMOVED;
         if (!again)
             return false;
@@ -241,10 +333,9 @@ bool EventStore::OpenDatabase()
         m_reason = "there is no working folder yet";
         return false;
     }
-    if (m_db.IsOpen() && m_owner != os::ProcessId())
-        m_db.Abandon();
-    if (m_db.IsOpen() && IsOurFile())
+    if (m_db.IsOpen() && m_owner == os::ProcessId() && IsOurFile())
         return true;
+    CloseDatabase();
     RememberFile();
     // An event is on the disk when Write returns, whatever the settings allow elsewhere.
     os::GuardedPlace place(m_path);
@@ -252,7 +343,19 @@ bool EventStore::OpenDatabase()
         return false;
     m_owner = os::ProcessId();
     RememberFile();
-    return true;
+    m_statements = std::make_unique<Statements>(m_db);
+    return m_statements->Prepared();
+}
+
+// Closing another process's connection, which we have through fork, would drop its locks.
+void EventStore::CloseDatabase()
+{
+    if (m_db.IsOpen() && m_owner != os::ProcessId()) {
+        static_cast<void>(m_statements.release());
+        m_db.Abandon();
+    }
+    m_statements.reset();
+    m_db.Close();
 }
 
 void EventStore::RememberFile()
@@ -303,17 +406,22 @@ bool EventStore::MoveDamagedAside()
     return true;
 }
 
-bool EventStore::InsertKey(const EventRecord& record)
-{
-    SqliteStatement statement(m_db, "INSERT OR IGNORE INTO agent_event_key(key) VALUES(?)");
-    statement.Bind(1, record.key);
-    return statement.Step() == SqliteStatement::StepResult::Done;
-}
-
+// The id, of the first time where the event is stored already.
 std::int64_t EventStore::Insert(const EventRecord& record)
 {
-    SqliteStatement statement(
-        m_db, "INSERT INTO agent_event(time_ms, time_s, number, severity, text, xml, key) VALUES(?, ?, ?, ?, ?, ?, ?)");
+    m_statements->insertKey.Bind(1, record.key);
+    if (!Statements::Run(m_statements->insertKey))
+        return 0;
+    if (m_db.Changes() == 0) {
+        SqliteStatement stored(m_db, "SELECT id FROM agent_event WHERE key = ?");
+        stored.Bind(1, record.key);
+        constexpr std::int64_t unknown = -1; // it has grown old since
+        const auto result = stored.Step();
+        return result == SqliteStatement::StepResult::Row    ? stored.ColumnInt(0)
+               : result == SqliteStatement::StepResult::Done ? unknown
+                                                             : 0;
+    }
+    SqliteStatement& statement = m_statements->insert;
     statement.Bind(1, record.timeMillis);
     statement.Bind(2, record.timeSeconds);
     statement.Bind(3, record.number);
@@ -321,67 +429,73 @@ std::int64_t EventStore::Insert(const EventRecord& record)
     statement.Bind(5, record.text);
     statement.Bind(6, record.xml);
     statement.Bind(7, record.key);
-    return statement.Step() == SqliteStatement::StepResult::Done ? m_db.LastInsertId() : 0;
+    return Statements::Run(statement) ? m_db.LastInsertId() : 0;
 }
 
-std::int64_t EventStore::InsertOnce(const EventRecord& record)
+EventStore::Stored EventStore::TryToStore(const Records& records, Ids& ids, Forget forget)
 {
+    ids.clear();
     SqliteTransaction transaction(m_db);
-    if (!transaction.Begun() || (!m_pending.HasEvents() && !m_db.Exec(forgetKeysSql)) || !InsertKey(record))
-        return 0;
-    const std::int64_t id = Insert(record);
-    if (id == 0 || !transaction.Commit())
-        return 0;
-    ForgetOldest();
-    return id;
+    if (!transaction.Begun() || (!m_pending.HasEvents() && !Statements::Run(m_statements->forgetKeys)))
+        return Stored::None;
+    for (const EventRecord* const record : records) {
+        ids.push_back(Insert(*record));
+        if (ids.back() == 0)
+            return Stored::None;
+    }
+    if (forget == Forget::Oldest && !ForgetOldest())
+        return Stored::NoneForTheOldest;
+    if (transaction.Commit())
+        return Stored::All;
+    return forget == Forget::Oldest ? Stored::NoneForTheOldest : Stored::None;
 }
 
-// After the commit: that old events cannot go is no reason to refuse a new one.
-void EventStore::ForgetOldest()
+// Where old ones are too many, each new one costs a quarter more if it takes its share of them away. So they go with
+// one event in many, some at a time, which lie side by side, and in the same transaction. But that they cannot go, or
+// that there is no room for the journal of it, is no reason to refuse a new one.
+std::optional<EventStore::Ids> EventStore::StoreAll(const Records& records)
+{
+    Ids ids;
+    if (records.empty())
+        return ids;
+    m_sinceForgotten += records.size();
+    const auto keepRows = static_cast<std::size_t>(KeepSetting("app.events.keeprows"));
+    const bool isDue = m_sinceForgotten >= std::min(maxBetweenForgetting, keepRows / 64);
+    Stored stored = TryToStore(records, ids, isDue ? Forget::Oldest : Forget::Nothing);
+    if (isDue)
+        m_sinceForgotten = 0;
+    if (stored == Stored::NoneForTheOldest) {
+        const std::string reason = m_db.Error();
+        stored = TryToStore(records, ids, Forget::Nothing);
+        if (stored == Stored::All)
+            wxLogWarning("Old agent events can't be removed from '%s' (%s), they stay for now", Shown(m_path),
+                         Shown(reason));
+    }
+    return stored == Stored::All ? std::optional(ids) : std::nullopt;
+}
+
+// As many as came since the last time, and some more.
+bool EventStore::ForgetOldest()
 {
     constexpr std::int64_t dayMs = 24 * 60 * 60 * 1000;
-    const RootDom root;
-    const auto setting = [&root](const char* key) {
-        return root ? IntSetting(*root, key) : FindSetting(key)->standard;
-    };
-    SqliteStatement statement(m_db, forgetOldestSql);
-    statement.Bind(1, setting("app.events.keeprows"));
+    SqliteStatement& statement = m_statements->forgetOldest;
+    statement.Bind(1, KeepSetting("app.events.keeprows"));
     const std::int64_t now = m_clock();
-    statement.Bind(2, m_ageClock.NowMs(now, SteadyMs()) - setting("app.events.keepdays") * dayMs);
+    statement.Bind(2, m_ageClock.NowMs(now, SteadyMs()) - KeepSetting("app.events.keepdays") * dayMs);
     statement.Bind(3, now);
-    if (statement.Step() != SqliteStatement::StepResult::Done)
-        wxLogWarning("Old agent events can't be removed from '%s' (%s), they stay for now", Shown(m_path),
-                     Shown(m_db.Error()));
+    statement.Bind(4, static_cast<std::int64_t>(std::max<std::size_t>(20, m_sinceForgotten + 4)));
+    return Statements::Run(statement);
 }
 
 // --- what was kept
-
-bool EventStore::StoreAll(const std::vector<EventRecord>& records)
-{
-    if (records.empty())
-        return true;
-    SqliteTransaction transaction(m_db);
-    if (!transaction.Begun())
-        return false;
-    for (const EventRecord& record : records) {
-        if (!InsertKey(record))
-            return false;
-        if (m_db.Changes() > 0 && Insert(record) == 0)
-            return false;
-    }
-    if (!transaction.Commit())
-        return false;
-    ForgetOldest();
-    return true;
-}
 
 // A pending file that cannot be read does not keep newer events out of the database.
 bool EventStore::StorePending()
 {
     if (!m_pending.Exists())
         return true;
-    const PendingEvents::TakeResult taken =
-        m_pending.Take([this](const std::vector<EventRecord>& records) { return StoreAll(records); });
+    const PendingEvents::TakeResult taken = m_pending.Take(
+        [this](const std::vector<EventRecord>& records) { return StoreAll(PointersTo(records)).has_value(); });
     if (taken == PendingEvents::TakeResult::Unreadable)
         wxLogError("Unable to take the events out of '%s' (%s)", Shown(m_pending.Path()), Shown(m_pending.Reason()));
     return taken != PendingEvents::TakeResult::Refused;
@@ -391,7 +505,7 @@ bool EventStore::StoreKeptLocked()
 {
     if (!StorePending())
         return false;
-    if (!StoreAll(std::vector<EventRecord>(m_memory.begin(), m_memory.end())))
+    if (!StoreAll(PointersTo(m_memory)))
         return false;
     m_memory.clear();
     return true;

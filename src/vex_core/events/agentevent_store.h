@@ -7,12 +7,15 @@
 #include "vex_core/events/pending_events.h"
 #include "vex_core/os/file_identity.h"
 
+#include <atomic>
 #include <cstddef>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -29,6 +32,8 @@ public:
 #else
     static constexpr std::size_t maxInMemory = 10000;
 #endif
+    /// The oldest go with every so manieth event, and with the first of a process. Where few are kept, sooner.
+    static constexpr std::size_t maxBetweenForgetting = 16;
 
     /// The time in milliseconds since the epoch, by a clock that may be set.
     using WallClock = std::int64_t (*)();
@@ -38,7 +43,8 @@ public:
     explicit EventStore(std::string folder, WallClock clock = &TimeNowMillis);
     ~EventStore();
 
-    /// The id of the stored event, or 0 when it was kept for later. What was kept earlier is stored first.
+    /// The id of the stored event, or 0 when it was kept for later. What was kept earlier is stored first. Returns when
+    /// the event is on stable storage; events that come while others are stored go there together.
     std::int64_t Write(const CAgentEvent& event);
 
     /// Tries again to store what is kept; what the database does not take goes from memory to the pending file, if that
@@ -47,6 +53,11 @@ public:
 
     /// Events in memory.
     std::size_t InMemory() const;
+    /// Events that threads wait for in `Write`.
+    std::size_t BeingWritten() const
+    {
+        return m_beingWritten;
+    }
     /// What the process loses when it ends now.
     struct Lost
     {
@@ -59,8 +70,19 @@ public:
     void Adopt(EventStore& other);
 
 private:
-    std::int64_t WriteLocked(const EventRecord& record);
+    // An event of a thread that waits in `Write`.
+    struct Waiting
+    {
+        EventRecord record;
+        std::int64_t id = 0;
+        bool done = false; // guarded by m_lock, as id
+    };
+    struct Statements;
+
+    void WriteQueue(Waiting& own);
+    bool StoreTogether(const std::vector<Waiting*>& group);
     bool OpenDatabase();
+    void CloseDatabase();
     void RememberFile();
     bool IsOurFile() const;
     bool CreateTables();
@@ -69,11 +91,14 @@ private:
     bool MoveDamagedAside();
     bool StoreKeptLocked();
     bool StorePending();
-    bool StoreAll(const std::vector<EventRecord>& records);
-    std::int64_t InsertOnce(const EventRecord& record);
+    using Records = std::vector<const EventRecord*>;
+    using Ids = std::vector<std::int64_t>;
+    std::optional<Ids> StoreAll(const Records& records);
+    enum class Forget { Nothing, Oldest };
+    enum class Stored { All, None, NoneForTheOldest };
+    Stored TryToStore(const Records& records, Ids& ids, Forget forget);
     std::int64_t Insert(const EventRecord& record);
-    bool InsertKey(const EventRecord& record);
-    void ForgetOldest();
+    bool ForgetOldest();
     void KeepForLater(const EventRecord& record);
     void KeepInMemory(const EventRecord& record);
     bool AppendMemoryToPending();
@@ -83,10 +108,16 @@ private:
     const WallClock m_clock;
     const AgeClock m_ageClock;
 
+    mutable std::mutex m_queueLock; // never waited for long; taken under m_lock, too
+    std::atomic<std::size_t> m_beingWritten{0};
+    std::vector<Waiting*> m_queue; // guarded by m_queueLock; whoever gets m_lock stores them all
+
     mutable std::mutex m_lock;
     // Guarded by m_lock.
     SqliteConnection m_db;
+    std::unique_ptr<Statements> m_statements; // of m_db while it is open
     pid_t m_owner = 0; // the process that opened m_db
+    std::size_t m_sinceForgotten = maxBetweenForgetting; // events that were stored since the oldest could go
     os::FileIdentity m_identity; // of the file that m_db has open
     std::string m_reason; // why the database did not take the last event
     PendingEvents m_pending;

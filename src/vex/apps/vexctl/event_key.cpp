@@ -42,7 +42,7 @@ std::optional<std::int64_t> IdOfEventKey(std::string_view key)
     return std::stoll(std::string(key.substr(0, dash)));
 }
 
-// Random digits; or time, process and number where the agent found no random ones.
+// Digits of the time and random ones; or time, process and number where the agent found no random ones.
 bool IsStoredEventKey(std::string_view key)
 {
     const std::size_t first = key.find('-');

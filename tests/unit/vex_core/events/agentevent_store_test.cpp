@@ -17,6 +17,7 @@
 #include "support/temp_folder.h"
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <map>
 #include <thread>
@@ -97,6 +98,33 @@ private:
     sqlite3_vfs* m_vfs;
 };
 
+// Counts how often a transaction is put on stable storage: the folder of a journal is opened to be flushed with it, and
+// only then.
+class FlushCount
+{
+public:
+    FlushCount() : m_vfs(sqlite3_vfs_find(nullptr))
+    {
+        s_count = 0;
+        s_real = m_vfs->xGetSystemCall(m_vfs, "openDirectory");
+        m_vfs->xSetSystemCall(m_vfs, "openDirectory", reinterpret_cast<sqlite3_syscall_ptr>(OpenDirectory));
+    }
+    ~FlushCount() { m_vfs->xSetSystemCall(m_vfs, "openDirectory", s_real); }
+
+    static int Count() { return s_count; }
+
+private:
+    static int OpenDirectory(const char* path, int* descriptor)
+    {
+        ++s_count;
+        return reinterpret_cast<int (*)(const char*, int*)>(s_real)(path, descriptor);
+    }
+
+    static inline std::atomic<int> s_count;
+    static inline sqlite3_syscall_ptr s_real;
+    sqlite3_vfs* m_vfs;
+};
+
 constexpr std::int64_t dayMs = 86'400'000;
 
 // What an agent did that stored no keys.
@@ -118,6 +146,7 @@ protected:
         settings.busyTimeoutMs = 20;
         SetSqliteSettings(settings);
         m_dom->Set("app.events.keepdays", "1000000"); // the sample's time is long ago
+        m_dom->Set("app.events.keeprows", "60"); // so few that old ones may go with each event
     }
     void TearDown() override { SetSqliteSettings(SqliteSettings()); }
 
@@ -494,6 +523,78 @@ TEST_F(EventDatabase, EventsBeyondTheirAgeGoAFewAtATimeAndTheLatestStays)
     EXPECT_EQ(store.Write(recent()), 55);
 }
 
+TEST_F(EventDatabase, WhereManyAreKeptTheOldestGoWithOneEventInSixteenAndWithTheFirst)
+{
+    m_dom->Set("app.events.keeprows", "1100");
+    EventStore store(m_work);
+    store.Write(SampleEvent("event"));
+    {
+        SqliteConnection db;
+        ASSERT_TRUE(db.Open(Database(), 0)) << db.Error();
+        ASSERT_TRUE(db.Exec("WITH RECURSIVE n(i) AS (SELECT 2 UNION ALL SELECT i + 1 FROM n WHERE i < 1150) "
+                            "INSERT INTO agent_event(id, text) SELECT i, 'row' FROM n"))
+            << db.Error();
+    }
+    const auto rows = [this] { return FirstOf("SELECT count(*) FROM agent_event"); };
+    EXPECT_EQ(EventStore(m_work).Write(SampleEvent("event")), 1151);
+    EXPECT_EQ(rows(), "1130") << "the first of a process";
+    for (int i = 1; i < 16; ++i)
+        store.Write(SampleEvent("event"));
+    EXPECT_EQ(rows(), "1145");
+    store.Write(SampleEvent("event"));
+    EXPECT_EQ(rows(), "1126") << "more than came";
+}
+
+TEST_F(EventDatabase, EventsThatComeAtTheSameTimeAreFlushedTogether)
+{
+    constexpr int count = 40;
+    SqliteSettings settings;
+    settings.busyTimeoutMs = 600'000; // longer than anybody has to wait
+    SetSqliteSettings(settings);
+    EventStore store(m_work);
+    store.Write(SampleEvent("first"));
+    SqliteConnection other;
+    ASSERT_TRUE(other.Open(Database(), 0) && other.Exec("BEGIN IMMEDIATE")) << other.Error();
+    m_dom->Remove("app.events.keeprows");
+    std::vector<std::int64_t> ids(count);
+    std::vector<::Test::JoiningThread> threads;
+    for (std::int64_t& id : ids)
+        threads.emplace_back([&store, &id] { id = store.Write(SampleEvent("together")); });
+    while (store.BeingWritten() < count)
+        std::this_thread::yield();
+    const FlushCount flushes;
+    EXPECT_TRUE(other.Exec("COMMIT")) << other.Error();
+    for (::Test::JoiningThread& thread : threads)
+        thread.join();
+    EXPECT_LE(flushes.Count(), 2) << "what the first thread took along, and the rest";
+    std::sort(ids.begin(), ids.end());
+    for (int i = 0; i < count; ++i)
+        EXPECT_EQ(ids[static_cast<std::size_t>(i)], i + 2) << "each has an id of its own";
+}
+
+TEST_F(EventDatabase, OfEventsThatComeTogetherOneThatIsNotTakenKeepsNoOtherOut)
+{
+    constexpr int count = 20;
+    EventStore store(m_work);
+    store.Write(SampleEvent("first"));
+    SqliteConnection other;
+    ASSERT_TRUE(other.Open(Database(), 0));
+    ASSERT_TRUE(other.Exec("CREATE TRIGGER t BEFORE INSERT ON agent_event WHEN NEW.text = 'bad' "
+                           "BEGIN SELECT RAISE(ABORT, 'stuck'); END"));
+    const ::Test::DiskLogCatcher log;
+    std::vector<::Test::JoiningThread> threads;
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back([&store, i] { store.Write(SampleEvent(i == 7 ? "bad" : "good")); });
+    for (::Test::JoiningThread& thread : threads)
+        thread.join();
+    ASSERT_TRUE(other.Exec("DROP TRIGGER t"));
+    store.StoreKept();
+    const std::string all = Stored();
+    EXPECT_EQ(CountOf(all, "good"), count - 1);
+    EXPECT_EQ(CountOf(all, "bad"), 1);
+    EXPECT_FALSE(Exists(Pending()));
+}
+
 TEST_F(EventDatabase, EventsThatAreNeverTooOldDoNotKeepOthersFromGoing)
 {
     EventStore store(m_work);
@@ -711,6 +812,7 @@ TEST_F(EventDatabase, PendingFileThatCannotBeRemovedIsEmptied)
 
 TEST_F(EventDatabase, PendingFileThatCannotBeChangedIsStoredOnceHoweverManyEventsFollow)
 {
+    m_dom->Remove("app.events.keeprows");
     EventStore store(m_work);
     ::Test::WriteFile(Pending(), "\n<pending key=\"k1\"><agent_event text=\"kept\"/></pending>\n");
     ::Test::DiskLogCatcher log;
@@ -1024,29 +1126,18 @@ TEST_F(EventDatabase, ReadOnlyDatabaseMeansPendingFileThenDatabaseOnce)
 
 TEST_F(EventDatabase, EventIsFlushedWhateverTheSettingsAllowElsewhere)
 {
-    // The folder of a journal is opened to be flushed with it, and only then.
-    static int s_flushes;
-    static sqlite3_syscall_ptr s_real;
-    sqlite3_vfs* const vfs = sqlite3_vfs_find(nullptr);
-    s_real = vfs->xGetSystemCall(vfs, "openDirectory");
-    const auto count = [](const char* path, int* descriptor) {
-        ++s_flushes;
-        return reinterpret_cast<int (*)(const char*, int*)>(s_real)(path, descriptor);
-    };
-    vfs->xSetSystemCall(vfs, "openDirectory", reinterpret_cast<sqlite3_syscall_ptr>(+count));
+    const FlushCount flushes;
     SqliteSettings settings;
     settings.synchronous = 0;
     SetSqliteSettings(settings);
-    s_flushes = 0;
     SqliteConnection other;
     const bool written = other.Open(m_folder / "other.db", 0) && other.Exec("CREATE TABLE t(a)");
-    const int flushesElsewhere = s_flushes;
+    const int flushesElsewhere = flushes.Count();
     const std::int64_t id = EventStore(m_work).Write(SampleEvent("event"));
-    vfs->xSetSystemCall(vfs, "openDirectory", s_real);
     EXPECT_TRUE(written);
     EXPECT_EQ(flushesElsewhere, 0);
     EXPECT_EQ(id, 1);
-    EXPECT_GT(s_flushes, 0);
+    EXPECT_GT(flushes.Count(), 0);
 }
 
 TEST_F(EventDatabase, FullDiskMeansMemoryThenDatabaseOnce)
