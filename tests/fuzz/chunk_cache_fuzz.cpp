@@ -9,12 +9,18 @@ using namespace VexCore::ChunkCacheFormat;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const std::string_view file(reinterpret_cast<const char*>(data), size);
-    Header header;
-    if (size < headerBytes || !ParseHeader(file.substr(0, headerBytes), std::string(64, 'a'), size, header))
-        return 0;
     std::vector<ChunkRecord> records;
-    if (!ParseIndex(file.substr(headerBytes, static_cast<std::size_t>(header.count) * recordBytes), header, records))
-        return 0;
+    for (std::size_t at = 0; size - at >= headerBytes;) {
+        Header header;
+        if (!ParseHeader(file.substr(at, headerBytes), std::string(64, 'a'), size - at, header))
+            break;
+        const std::size_t indexBytes = static_cast<std::size_t>(header.count) * recordBytes;
+        if (header.blockBytes > size - at || headerBytes + indexBytes > header.blockBytes)
+            std::abort();
+        if (!ParseIndex(file.substr(at + headerBytes, indexBytes), header, at, records))
+            break;
+        at += static_cast<std::size_t>(header.blockBytes);
+    }
     for (const ChunkRecord& record : records) {
         const std::uint64_t length = static_cast<std::uint64_t>(record.nameLength) + record.chunkLength;
         if (record.offset > size || length > size - record.offset || record.archiveLength > record.nameLength)

@@ -4,7 +4,6 @@
 #include "vex_core/modules/cache_registry.h"
 
 #include "vex_core/base/end_steps.h"
-#include "vex_core/base/steady_ms.h"
 #include "vex_core/os/process_info.h"
 
 #include <exception>
@@ -44,7 +43,7 @@ std::vector<std::shared_ptr<ChunkCache>> CacheRegistry::All()
 
 void CacheRegistry::Flush()
 {
-    if (m_waitingSinceMs.exchange(0) == 0)
+    if (m_lastCameMs.exchange(0) == 0)
         return;
     for (const auto& cache : All())
         cache->Flush();
@@ -52,8 +51,8 @@ void CacheRegistry::Flush()
 
 void CacheRegistry::FlushOld()
 {
-    const std::int64_t since = m_waitingSinceMs.load(std::memory_order_relaxed);
-    if (since != 0 && SteadyMs() - since > writeAfterMs)
+    const std::int64_t last = m_lastCameMs.load(std::memory_order_relaxed);
+    if (last != 0 && m_clock.load()() - last > writeAfterMs)
         Flush();
 }
 
@@ -76,8 +75,7 @@ std::size_t CacheRegistry::Count()
 
 void CacheRegistry::NoteWaiting()
 {
-    std::int64_t nothing = 0;
-    m_waitingSinceMs.compare_exchange_strong(nothing, SteadyMs());
+    m_lastCameMs = m_clock.load()();
     m_waitingIn = os::ProcessId();
 }
 

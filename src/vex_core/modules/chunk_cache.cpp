@@ -1,4 +1,5 @@
-// The cache of one archive: what is on disk, what waits to be written, and how the two are joined.
+// The cache of one archive: what is on disk, what waits to be written, and how the two are joined. Mostly by writing
+// behind what is there; a small file is written anew with all that is whole in it where that would not do.
 #include "vex_core/modules/chunk_cache.h"
 
 #include "vex_core/base/hex.h"
@@ -7,22 +8,55 @@
 #include "vex_core/os/files.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 #include <openssl/sha.h>
 
 namespace VexCore {
+
+using ChunkCacheFormat::Item;
+
 namespace {
 #ifdef VEX_SMALL_LIMITS
 constexpr std::uint64_t writeAtBytes = 4096;
+constexpr std::uint64_t aheadBytes = 256;
 #else
 constexpr std::uint64_t writeAtBytes = 8 * 1024 * 1024;
+constexpr std::uint64_t aheadBytes = 32 * 1024;
 #endif
+// A larger file is not read back as a whole: what it held is compiled again.
+constexpr std::uint64_t maxJoinedBytes = 32 * 1024 * 1024;
+// A start reads the index of each block. A small file with more of them becomes one of few.
+constexpr std::size_t maxBlocks = 64;
+constexpr std::uint64_t smallBytes = 8 * 1024 * 1024;
 // The same archive may lie at many paths (builds, tests); chunks carry their path, so each path has its own.
 constexpr std::size_t maxPathsAFile = 8;
 
 std::size_t BytesOf(const ChunkRecord& record)
 {
     return static_cast<std::size_t>(record.nameLength) + record.chunkLength;
+}
+
+std::uint64_t BytesOf(const Item& item)
+{
+    return ChunkCacheFormat::recordBytes + item.name.size() + item.chunk.size();
+}
+
+std::string_view PathOf(const Item& item)
+{
+    return item.name.substr(0, item.archiveLength);
+}
+
+template <class Value>
+void AddOnce(std::vector<Value>& values, const Value& value)
+{
+    if (std::find(values.begin(), values.end(), value) == values.end())
+        values.push_back(value);
+}
+
+bool HasLowerHash(const ChunkRecord& left, const ChunkRecord& right)
+{
+    return left.nameHash < right.nameHash;
 }
 
 // False when there are fewer than `size` bytes.
@@ -34,39 +68,33 @@ bool ReadAt(const ChunkFile& file, std::uint64_t offset, std::size_t size, std::
                   == static_cast<ssize_t>(size);
 }
 
-bool ReadIndex(const ChunkFile& file, const std::string& key, std::vector<ChunkRecord>& records)
-{
-    using namespace ChunkCacheFormat;
-    std::string bytes;
-    Header header;
-    return ReadAt(file, 0, headerBytes, bytes) && ParseHeader(bytes, key, file.bytes, header)
-           && ReadAt(file, headerBytes, static_cast<std::size_t>(header.count) * recordBytes, bytes)
-           && ParseIndex(bytes, header, records);
-}
-
-// The chunks that a new file gets, first come, first served within the bounds of a file.
+// The chunks that a new file gets: of one name the first that comes, within the bounds of a file.
 class Selection
 {
 public:
-    void Take(const ChunkCacheFormat::Item& item)
+    explicit Selection(std::uint64_t maxBytes) : m_maxBytes(maxBytes) {}
+
+    void Take(const Item& item)
     {
-        const std::string_view path = item.name.substr(0, item.archiveLength);
-        const std::uint64_t size = ChunkCacheFormat::recordBytes + item.name.size() + item.chunk.size();
-        const bool newPath = std::find(m_paths.begin(), m_paths.end(), path) == m_paths.end();
-        if (m_bytes + size > maxChunkFileBytes || (newPath && m_paths.size() == maxPathsAFile))
+        const bool newPath = std::find(m_paths.begin(), m_paths.end(), PathOf(item)) == m_paths.end();
+        const std::uint64_t size = BytesOf(item) + (newPath ? ChunkCacheFormat::headerBytes : 0);
+        if (m_bytes + size > m_maxBytes || (newPath && m_paths.size() == maxPathsAFile)
+            || !m_names.insert(item.name).second)
             return;
         if (newPath)
-            m_paths.push_back(path);
+            m_paths.push_back(PathOf(item));
         m_bytes += size;
         m_items.push_back(item);
     }
 
-    const std::vector<ChunkCacheFormat::Item>& Items() const { return m_items; }
+    const std::vector<Item>& Items() const { return m_items; }
 
 private:
-    std::vector<ChunkCacheFormat::Item> m_items;
+    const std::uint64_t m_maxBytes;
+    std::vector<Item> m_items;
+    std::unordered_set<std::string_view> m_names;
     std::vector<std::string_view> m_paths;
-    std::uint64_t m_bytes = ChunkCacheFormat::headerBytes;
+    std::uint64_t m_bytes = 0;
 };
 
 } // namespace
@@ -84,6 +112,11 @@ void ChunkCache::DropFile()
     m_loaded = false;
     m_file = ChunkFile();
     m_records.clear();
+    m_paths.clear();
+    m_blockCount = 0;
+    m_isDamaged = false;
+    std::string().swap(m_ahead);
+    m_nextAt = 0;
 }
 
 void ChunkCache::CloseFile()
@@ -99,11 +132,39 @@ bool ChunkCache::LoadIndex()
     ChunkFileSearch search = m_folder.Open(m_key);
     if (search.folder == FolderState::Refused)
         m_writable = false;
-    if (!search.file || !ReadIndex(*search.file, m_key, m_records))
+    if (!search.file)
         return false;
-    ChunkCacheFolder::NoteUse(*search.file);
     m_file = std::move(*search.file);
+    LoadBlocks();
+    if (m_blockCount == 0) {
+        m_file = ChunkFile();
+        return false;
+    }
+    ChunkCacheFolder::NoteUse(m_file);
     return true;
+}
+
+// Up to the first block that is not whole: where the next one begins is not known then.
+void ChunkCache::LoadBlocks()
+{
+    using namespace ChunkCacheFormat;
+    std::string bytes;
+    for (std::uint64_t at = 0; at < m_file.bytes && !m_isDamaged;) {
+        Header header;
+        if (!ReadAt(m_file, at, headerBytes, bytes) || !ParseHeader(bytes, m_key, m_file.bytes - at, header)
+            || !ReadAt(m_file, at + headerBytes, static_cast<std::size_t>(header.count) * recordBytes, bytes)
+            || !ParseIndex(bytes, header, at, m_records)) {
+            m_isDamaged = true;
+            break;
+        }
+        at += header.blockBytes;
+        ++m_blockCount;
+        AddOnce(m_paths, header.pathChecksum);
+    }
+    if (m_blockCount > 1) {
+        std::reverse(m_records.begin(), m_records.end());
+        std::stable_sort(m_records.begin(), m_records.end(), HasLowerHash);
+    }
 }
 
 bool ChunkCache::Find(const std::string& name, std::string& buffer, std::string_view& chunk)
@@ -125,35 +186,78 @@ bool ChunkCache::FindWaiting(const std::string& name, std::string& buffer, std::
 {
     if (m_waiting.empty())
         return false;
-    const auto waiting = m_waiting.find(name);
-    if (waiting == m_waiting.end())
+    const auto place = m_waitingByHash.find(HashName(name));
+    if (place == m_waitingByHash.end() || m_waiting[place->second].name != name)
         return false;
-    buffer.assign(m_waitingData, waiting->second.offset, waiting->second.length);
+    const Waiting& waiting = m_waiting[place->second];
+    buffer.assign(m_waitingData, waiting.offset, waiting.length);
     chunk = buffer;
     return true;
 }
 
-bool ChunkCache::FindOnDisk(const std::string& name, std::string& buffer, std::string_view& chunk) const
+bool ChunkCache::FindOnDisk(const std::string& name, std::string& buffer, std::string_view& chunk)
 {
-    const std::uint64_t hash = HashName(name);
-    auto record = std::lower_bound(m_records.begin(), m_records.end(), hash,
-                                   [](const ChunkRecord& item, std::uint64_t value) { return item.nameHash < value; });
-    for (; record != m_records.end() && record->nameHash == hash; ++record)
-        if (ReadAt(m_file, record->offset, BytesOf(*record), buffer)
-            && ChunkCacheFormat::ParseRecord(buffer, *record, name, chunk))
+    if (m_records.empty())
+        return false;
+    ChunkRecord wanted;
+    wanted.nameHash = HashName(name);
+    auto [record, end] = std::equal_range(m_records.begin(), m_records.end(), wanted, HasLowerHash);
+    for (; record != end; ++record) {
+        if (ReadRecord(*record, buffer) && ChunkCacheFormat::ParseRecord(buffer, *record, name, chunk))
             return true;
+        m_isDamaged = true;
+    }
     return false;
+}
+
+// The next start asks for most chunks in the order in which this one has written them: what follows one that is read is
+// read along when it followed the one before.
+bool ChunkCache::ReadRecord(const ChunkRecord& record, std::string& bytes)
+{
+    const std::size_t size = BytesOf(record);
+    const auto isAhead = [&] {
+        return record.offset >= m_aheadAt && record.offset + size <= m_aheadAt + m_ahead.size();
+    };
+    const bool follows = record.offset == m_nextAt;
+    m_nextAt = record.offset + size;
+    if (!isAhead()) {
+        if (!follows || size > aheadBytes)
+            return ReadAt(m_file, record.offset, size, bytes);
+        m_aheadAt = record.offset;
+        if (!ReadAt(m_file, m_aheadAt, static_cast<std::size_t>(std::min(aheadBytes, m_file.bytes - m_aheadAt)),
+                    m_ahead)) {
+            m_ahead.clear();
+            return false;
+        }
+    }
+    bytes.assign(m_ahead, static_cast<std::size_t>(record.offset - m_aheadAt), size);
+    return true;
+}
+
+// Whether the file has no room for what comes together until the next writing, and nothing in it could make room.
+bool ChunkCache::IsFullOf(std::uint32_t path) const
+{
+    return m_file.bytes + std::min(writeAtBytes, m_maxFileBytes / 16) > m_maxFileBytes && !m_isDamaged
+           && m_paths.size() == 1 && m_paths.front() == path;
 }
 
 void ChunkCache::Add(const std::string& name, std::size_t archiveLength, std::string_view chunk)
 {
     const std::lock_guard lock(m_lock);
-    if (!m_writable || name.size() + chunk.size() > maxChunkFileBytes / 2)
+    if (IsFullOf(ChunkCacheFormat::PathChecksum(std::string_view(name).substr(0, archiveLength))))
+        m_writable = false;
+    if (!m_writable || name.size() + chunk.size() > m_maxFileBytes / 2)
         return;
-    m_waiting[name] = {archiveLength, m_waitingData.size(), chunk.size()};
+    const auto [place, isNew] = m_waitingByHash.try_emplace(HashName(name), m_waiting.size());
+    if (isNew)
+        m_waiting.push_back({name, archiveLength, m_waitingData.size(), chunk.size()});
+    else if (m_waiting[place->second].name != name)
+        return; // another name has the hash: it is compiled each time
+    m_waiting[place->second].offset = m_waitingData.size();
+    m_waiting[place->second].length = chunk.size();
     m_waitingData.append(chunk);
     CacheRegistry::Process().NoteWaiting();
-    if (m_waitingData.size() >= std::max(writeAtBytes, m_file.bytes))
+    if (m_waitingData.size() >= writeAtBytes)
         WriteWaiting();
 }
 
@@ -164,43 +268,79 @@ void ChunkCache::Flush()
         WriteWaiting();
 }
 
-// The names and chunks of the file, which begin at `offset` of it.
-bool ChunkCache::ReadData(std::string& data, std::uint64_t& offset) const
+// Whether another process has written the same chunk meanwhile.
+bool ChunkCache::IsWritten(const Item& item) const
 {
-    if (!m_file.descriptor)
-        return false;
-    offset = ChunkCacheFormat::headerBytes + m_records.size() * ChunkCacheFormat::recordBytes;
-    return ReadAt(m_file, offset, static_cast<std::size_t>(m_file.bytes - offset), data);
+    ChunkRecord wanted;
+    wanted.nameHash = HashName(item.name);
+    const auto [first, end] = std::equal_range(m_records.begin(), m_records.end(), wanted, HasLowerHash);
+    return std::any_of(first, end, [&item](const ChunkRecord& record) {
+        return record.nameLength == item.name.size() && record.chunkLength == item.chunk.size()
+               && record.checksum == ChunkCacheFormat::RecordChecksum(item);
+    });
 }
 
-// What waits, and what the file holds already as far as it is whole and wanted.
-std::string ChunkCache::FileToWrite() const
+std::vector<Item> ChunkCache::NewItems() const
 {
-    Selection selection;
-    for (const auto& [name, place] : m_waiting)
-        selection.Take({name, static_cast<std::uint32_t>(place.archiveLength),
-                        std::string_view(m_waitingData).substr(place.offset, place.length)});
+    std::vector<Item> items;
+    items.reserve(m_waiting.size());
+    for (const Waiting& waiting : m_waiting) {
+        const Item item{waiting.name, static_cast<std::uint32_t>(waiting.archiveLength),
+                        std::string_view(m_waitingData).substr(waiting.offset, waiting.length)};
+        if (m_isDamaged || !IsWritten(item))
+            items.push_back(item);
+    }
+    return items;
+}
+
+// False when the file cannot grow by these.
+bool ChunkCache::WriteBehind(const std::vector<Item>& items) const
+{
+    if (!m_file.descriptor || m_isDamaged || (m_blockCount >= maxBlocks && m_file.bytes <= smallBytes))
+        return false;
+    std::vector<std::uint32_t> paths = m_paths;
+    for (const Item& item : items)
+        AddOnce(paths, ChunkCacheFormat::PathChecksum(PathOf(item)));
+    if (paths.size() > maxPathsAFile)
+        return false;
+    const std::string bytes = ChunkCacheFormat::Build(m_key, items);
+    return m_file.bytes + bytes.size() <= m_maxFileBytes && m_folder.Append(m_key, m_file, bytes);
+}
+
+// These, and what a small file holds already as far as it is whole and there is room.
+bool ChunkCache::WriteAnew(const std::vector<Item>& items) const
+{
+    Selection selection(m_maxFileBytes);
+    for (const Item& item : items)
+        selection.Take(item);
     std::string data;
-    std::uint64_t dataAt = 0;
-    if (ReadData(data, dataAt)) {
-        for (const ChunkRecord& record : m_records) {
-            const std::string_view whole = std::string_view(data).substr(record.offset - dataAt, BytesOf(record));
+    if (m_file.bytes <= maxJoinedBytes && ReadAt(m_file, 0, static_cast<std::size_t>(m_file.bytes), data)) {
+        std::vector<ChunkRecord> newestFirst = m_records;
+        std::sort(newestFirst.begin(), newestFirst.end(),
+                  [](const ChunkRecord& left, const ChunkRecord& right) { return left.offset > right.offset; });
+        for (const ChunkRecord& record : newestFirst) {
+            const std::string_view whole =
+                std::string_view(data).substr(static_cast<std::size_t>(record.offset), BytesOf(record));
             const std::string_view name = whole.substr(0, record.nameLength);
             std::string_view chunk;
-            if (ChunkCacheFormat::ParseRecord(whole, record, name, chunk) && m_waiting.count(std::string(name)) == 0)
+            if (ChunkCacheFormat::ParseRecord(whole, record, name, chunk))
                 selection.Take({name, record.archiveLength, chunk});
         }
     }
-    return ChunkCacheFormat::Build(m_key, selection.Items());
+    return m_folder.Replace(m_key, ChunkCacheFormat::Build(m_key, selection.Items()));
 }
 
 void ChunkCache::WriteWaiting()
 {
-    // What another process has written meanwhile stays.
-    LoadIndex();
-    if (m_writable && !m_folder.Replace(m_key, FileToWrite()))
+    const bool wasDamaged = m_isDamaged;
+    LoadIndex(); // what another process has written meanwhile stays
+    m_isDamaged = m_isDamaged || wasDamaged; // of a chunk the index tells nothing
+    const std::vector<Item> items = NewItems();
+    if (m_writable && !items.empty() && !WriteBehind(items)
+        && (IsFullOf(ChunkCacheFormat::PathChecksum(PathOf(items.front()))) || !WriteAnew(items)))
         m_writable = false; // the next process tries again
     m_waiting.clear();
+    m_waitingByHash.clear();
     std::string().swap(m_waitingData);
     DropFile();
 }

@@ -1,6 +1,7 @@
 // Nothing is believed that another user could have written, and nothing here is an error to anybody: what is not found
-// is compiled. Files are replaced as a whole, by rename, so readers in other threads and processes see the old one or
-// the new one. The first write of a process sweeps the folder, and so does one that may lead beyond the bounds.
+// is compiled. A file only grows, or is replaced as a whole, by rename: what readers in other threads and processes
+// have seen of it stays as it is. The first write of a process sweeps the folder, and so does one that may lead beyond
+// the bounds.
 
 #include "vex_core/modules/chunk_cache_folder.h"
 
@@ -10,6 +11,7 @@
 #include "vex_core/base/text.h"
 #include "vex_core/domain/work_folder.h"
 #include "vex_core/os/error.h"
+#include "vex_core/os/file_identity.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/folders.h"
 #include "vex_core/os/process_info.h"
@@ -28,7 +30,7 @@
 namespace VexCore {
 namespace {
 constexpr std::size_t maxFiles = 1000;
-constexpr std::uint64_t maxFolderBytes = static_cast<std::uint64_t>(256) << 20;
+constexpr std::uint64_t maxFolderBytes = static_cast<std::uint64_t>(512) << 20;
 constexpr std::int64_t maxIdleSeconds = 30 * 24 * 3600;
 // A writer takes milliseconds; what is older was left by one that was killed.
 constexpr std::int64_t maxTemporarySeconds = 3600;
@@ -213,7 +215,7 @@ bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes)
         Trace(__LINE__, m_path, "not written: " + os::ErrorText(os::LastError()));
         return false;
     }
-    // Not flushed to storage: after a power loss the checksums tell what is whole.
+    // Not flushed to storage, here and below: after a power loss the checksums tell what is whole.
     if (!os::WriteAll(file.Get(), bytes.data(), bytes.size())
         || os::RenameAt(folder.Get(), temporary.c_str(), folder.Get(), name.c_str()) != 0) {
         Trace(__LINE__, m_path, "not written: " + os::ErrorText(os::LastError()));
@@ -221,6 +223,28 @@ bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes)
         return false;
     }
     SweptFolders::Process().NoteWritten(m_path, folder.Get(), isNew, bytes.size());
+    return true;
+}
+
+bool ChunkCacheFolder::Append(const std::string& key, const ChunkFile& file, const std::string& bytes) const
+{
+    os::Descriptor folder;
+    if (OpenFolder(m_path, false, folder) != FolderState::Usable)
+        return false;
+    const std::string name = key + fileSuffix;
+    const os::Descriptor end(
+        os::OpenAt(folder.Get(), name.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    struct stat status;
+    struct stat readFrom;
+    if (!end || os::FStat(end.Get(), status) != 0 || os::FStat(file.descriptor.Get(), readFrom) != 0
+        || !IsOursAlone(status) || !os::IdentityOf(readFrom).IsFileOf(status)
+        || static_cast<std::uint64_t>(status.st_size) != file.bytes)
+        return false;
+    if (!os::WriteAll(end.Get(), bytes.data(), bytes.size())) {
+        Trace(__LINE__, m_path, "not written: " + os::ErrorText(os::LastError()));
+        return false;
+    }
+    SweptFolders::Process().NoteWritten(m_path, folder.Get(), false, bytes.size());
     return true;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
-// The folder that the files of compiled chunks lie in: which of them are trusted, how one is replaced, and what becomes
-// of those that nobody uses any more. What the files hold: chunk_cache_format.h.
+// The folder that the files of compiled chunks lie in: which of them are trusted, how one grows or is replaced, and
+// what becomes of those that nobody uses any more. What the files hold: chunk_cache_format.h.
 
 #include "vex_core/os/descriptor.h"
 
@@ -11,7 +11,7 @@
 namespace VexCore {
 
 /// No file is larger.
-constexpr std::uint64_t maxChunkFileBytes = static_cast<std::uint64_t>(64) << 20;
+constexpr std::uint64_t maxChunkFileBytes = static_cast<std::uint64_t>(256) << 20;
 
 /// A file of compiled chunks, open for reading.
 struct ChunkFile
@@ -50,6 +50,9 @@ public:
     /// process, and whenever the folder may be beyond its bounds, sweeps it: removes what was of no use to anyone for a
     /// month, what killed writers left, and the oldest beyond the bounds.
     bool Replace(const std::string& key, const std::string& bytes) const;
+    /// Writes behind the end of the file of a cache, by one call: what two processes write at once lies one behind the
+    /// other. False when it is another file by now than `file`, or has another length. Sweeps as `Replace` does.
+    bool Append(const std::string& key, const ChunkFile& file, const std::string& bytes) const;
 
 private:
     const std::string m_path;

@@ -12,12 +12,13 @@ namespace VexCore::ChunkCacheFormat {
 namespace {
 constexpr std::string_view magic("VEXCHNK1", 8);
 constexpr std::size_t keyBytes = 32;
-// Where the fields of the header lie: magic, key, then these. Four bytes before the last one are 0.
+// Where the fields of the header lie: magic, key, then these.
 constexpr std::size_t keyAt = 8;
 constexpr std::size_t countAt = keyAt + keyBytes;
 constexpr std::size_t indexChecksumAt = countAt + 4;
-constexpr std::size_t fileBytesAt = indexChecksumAt + 4;
-constexpr std::size_t checksumAt = fileBytesAt + 8 + 4;
+constexpr std::size_t blockBytesAt = indexChecksumAt + 4;
+constexpr std::size_t pathChecksumAt = blockBytesAt + 8;
+constexpr std::size_t checksumAt = pathChecksumAt + 4;
 static_assert(checksumAt + 4 == headerBytes);
 
 std::uint32_t Load32(const char* data)
@@ -81,9 +82,56 @@ void StoreRecord(std::string& bytes, const ChunkRecord& record)
     Store32(bytes, record.checksum);
 }
 
+// One block, behind what `file` has already.
+void AddBlock(std::string& file, std::string_view key, const std::vector<const Item*>& items)
+{
+    std::vector<ChunkRecord> records;
+    records.reserve(items.size());
+    std::uint64_t end = headerBytes + items.size() * recordBytes;
+    for (const Item* const item : items) {
+        ChunkRecord record;
+        record.nameHash = HashName(item->name);
+        record.offset = end;
+        record.nameLength = static_cast<std::uint32_t>(item->name.size());
+        record.archiveLength = item->archiveLength;
+        record.chunkLength = static_cast<std::uint32_t>(item->chunk.size());
+        record.checksum = RecordChecksum(*item);
+        records.push_back(record);
+        end += item->name.size() + item->chunk.size();
+    }
+    std::stable_sort(records.begin(), records.end(),
+                     [](const ChunkRecord& left, const ChunkRecord& right) { return left.nameHash < right.nameHash; });
+    std::string index;
+    index.reserve(items.size() * recordBytes);
+    for (const ChunkRecord& record : records)
+        StoreRecord(index, record);
+
+    const std::size_t begin = file.size();
+    file.reserve(begin + static_cast<std::size_t>(end));
+    file.append(magic).append(KeyBytes(key));
+    Store32(file, static_cast<std::uint32_t>(items.size()));
+    Store32(file, Checksum(0, index));
+    Store64(file, end);
+    Store32(file, PathChecksum(items.front()->name.substr(0, items.front()->archiveLength)));
+    Store32(file, Checksum(0, std::string_view(file).substr(begin)));
+    file += index;
+    for (const Item* const item : items)
+        file.append(item->name).append(item->chunk);
+}
+
 } // namespace
 
-bool ParseHeader(std::string_view header, std::string_view key, std::uint64_t fileBytes, Header& result)
+std::uint32_t RecordChecksum(const Item& item)
+{
+    return Checksum(Checksum(0, item.name), item.chunk);
+}
+
+std::uint32_t PathChecksum(std::string_view archive)
+{
+    return Checksum(0, archive);
+}
+
+bool ParseHeader(std::string_view header, std::string_view key, std::uint64_t bytesLeft, Header& result)
 {
     if (header.size() != headerBytes || header.substr(0, keyAt) != magic
         || header.substr(keyAt, keyBytes) != KeyBytes(key)
@@ -91,27 +139,30 @@ bool ParseHeader(std::string_view header, std::string_view key, std::uint64_t fi
         return false;
     result.count = Load32(header.data() + countAt);
     result.indexChecksum = Load32(header.data() + indexChecksumAt);
-    result.fileBytes = Load64(header.data() + fileBytesAt);
-    return result.fileBytes == fileBytes && result.count <= (fileBytes - headerBytes) / recordBytes;
+    result.blockBytes = Load64(header.data() + blockBytesAt);
+    result.pathChecksum = Load32(header.data() + pathChecksumAt);
+    return result.blockBytes <= bytesLeft && result.blockBytes >= headerBytes
+           && result.count <= (result.blockBytes - headerBytes) / recordBytes;
 }
 
-bool ParseIndex(std::string_view index, const Header& parsed, std::vector<ChunkRecord>& records)
+bool ParseIndex(std::string_view index, const Header& parsed, std::uint64_t blockAt, std::vector<ChunkRecord>& records)
 {
-    records.clear();
     if (index.size() != static_cast<std::size_t>(parsed.count) * recordBytes
         || Checksum(0, index) != parsed.indexChecksum)
         return false;
-    records.reserve(parsed.count);
+    const std::size_t before = records.size();
+    records.reserve(before + parsed.count);
     const std::uint64_t dataAt = headerBytes + index.size();
     for (std::size_t i = 0; i < parsed.count; ++i) {
-        const ChunkRecord record = LoadRecord(index.data() + i * recordBytes);
+        ChunkRecord record = LoadRecord(index.data() + i * recordBytes);
         const std::uint64_t length = static_cast<std::uint64_t>(record.nameLength) + record.chunkLength;
-        const bool inOrder = records.empty() || records.back().nameHash <= record.nameHash;
+        const bool inOrder = records.size() == before || records.back().nameHash <= record.nameHash;
         if (!inOrder || record.archiveLength > record.nameLength || record.offset < dataAt
-            || record.offset > parsed.fileBytes || length > parsed.fileBytes - record.offset) {
-            records.clear();
+            || record.offset > parsed.blockBytes || length > parsed.blockBytes - record.offset) {
+            records.resize(before);
             return false;
         }
+        record.offset += blockAt;
         records.push_back(record);
     }
     return true;
@@ -128,37 +179,18 @@ bool ParseRecord(std::string_view bytes, const ChunkRecord& record, std::string_
 
 std::string Build(std::string_view key, const std::vector<Item>& items)
 {
-    std::vector<std::pair<std::uint64_t, const Item*>> sorted;
-    for (const Item& item : items)
-        sorted.emplace_back(HashName(item.name), &item);
-    std::sort(sorted.begin(), sorted.end());
-
-    std::string index;
-    index.reserve(items.size() * recordBytes);
-    std::uint64_t end = headerBytes + items.size() * recordBytes;
-    for (const auto& [hash, item] : sorted) {
-        ChunkRecord record;
-        record.nameHash = hash;
-        record.offset = end;
-        record.nameLength = static_cast<std::uint32_t>(item->name.size());
-        record.archiveLength = item->archiveLength;
-        record.chunkLength = static_cast<std::uint32_t>(item->chunk.size());
-        record.checksum = Checksum(Checksum(0, item->name), item->chunk);
-        StoreRecord(index, record);
-        end += item->name.size() + item->chunk.size();
+    std::vector<std::pair<std::string_view, std::vector<const Item*>>> blocks; // by path; seldom more than one
+    for (const Item& item : items) {
+        const std::string_view path = item.name.substr(0, item.archiveLength);
+        auto block =
+            std::find_if(blocks.begin(), blocks.end(), [path](const auto& known) { return known.first == path; });
+        if (block == blocks.end())
+            block = blocks.insert(block, {path, {}});
+        block->second.push_back(&item);
     }
-
     std::string file;
-    file.reserve(end);
-    file.append(magic).append(KeyBytes(key));
-    Store32(file, static_cast<std::uint32_t>(items.size()));
-    Store32(file, Checksum(0, index));
-    Store64(file, end);
-    Store32(file, 0); // reserved
-    Store32(file, Checksum(0, file));
-    file += index;
-    for (const auto& [hash, item] : sorted)
-        file.append(item->name).append(item->chunk);
+    for (const auto& [path, ofPath] : blocks)
+        AddBlock(file, key, ofPath);
     return file;
 }
 

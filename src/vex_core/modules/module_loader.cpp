@@ -9,6 +9,8 @@
 #include "vex_core/os/files.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <exception>
 #include <new>
 
@@ -98,15 +100,47 @@ ModuleLoader& LoaderOf(lua_State* L)
     return *box->loader;
 }
 
-int AppendTo(lua_State*, const void* data, std::size_t size, void* context)
+// A compiled chunk as Lua hands it over, a number or a name at a time: hundreds of pieces of a few bytes a module, so
+// that a call of the C library for each would be most of the work.
+class DumpedChunk
 {
-    try {
-        static_cast<std::string*>(context)->append(static_cast<const char*>(data), size);
+public:
+    explicit DumpedChunk(std::string& bytes) : m_bytes(bytes) {}
+
+    std::string_view Bytes() const { return std::string_view(m_bytes).substr(0, m_size); }
+
+    static int Take(lua_State*, const void* data, std::size_t size, void* context)
+    {
+        auto& chunk = *static_cast<DumpedChunk*>(context);
+        if (size > chunk.m_bytes.size() - chunk.m_size && !chunk.MakeRoom(size))
+            return 1;
+        char* const end = &chunk.m_bytes[chunk.m_size];
+        if (size == sizeof(std::uint32_t))
+            std::memcpy(end, data, sizeof(std::uint32_t));
+        else if (size == sizeof(std::uint64_t))
+            std::memcpy(end, data, sizeof(std::uint64_t));
+        else if (size == 1)
+            *end = *static_cast<const char*>(data);
+        else
+            std::memcpy(end, data, size);
+        chunk.m_size += size;
         return 0;
-    } catch (const std::exception&) {
-        return 1;
     }
-}
+
+private:
+    bool MakeRoom(std::size_t size)
+    {
+        try {
+            m_bytes.resize(std::max(2 * m_bytes.size(), m_size + size + 256));
+            return true;
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+
+    std::string& m_bytes;
+    std::size_t m_size = 0;
+};
 
 int RaiseLoadError(lua_State* L, const char* module, const std::string& path, const char* why)
 {
@@ -194,9 +228,9 @@ bool LoadFromArchive(lua_State* L, ModuleLoader& loader, const char* name, const
         RaiseLoadError(L, name, module.path, lua_tostring(L, -1));
     if (compiled || !module.cache || !module.cache->WantsChunks())
         return true;
-    KeptBuffer::Loan chunk(loader.dump);
-    chunk.Bytes().clear();
-    if (lua_dump(L, AppendTo, &chunk.Bytes()) == 0)
+    KeptBuffer::Loan kept(loader.dump);
+    DumpedChunk chunk(kept.Bytes());
+    if (lua_dump(L, DumpedChunk::Take, &chunk) == 0)
         module.cache->Add(module.path, module.archiveLength, chunk.Bytes());
     return true;
 }
@@ -276,12 +310,12 @@ int CloseLoader(lua_State* L)
 std::string LuaHeader(lua_State* L)
 {
     constexpr std::size_t headerBytes = 18; // LUAC_HEADERSIZE, which Lua keeps to itself
-    std::string chunk;
-    if (luaL_loadstring(L, "") != LUA_OK || lua_dump(L, AppendTo, &chunk) != 0)
+    std::string bytes;
+    DumpedChunk chunk(bytes);
+    if (luaL_loadstring(L, "") != LUA_OK || lua_dump(L, DumpedChunk::Take, &chunk) != 0)
         luaL_error(L, "no memory to ask for the format of compiled chunks");
     lua_pop(L, 1);
-    chunk.resize(std::min(chunk.size(), headerBytes));
-    return LUA_RELEASE " " + chunk;
+    return std::string(LUA_RELEASE " ").append(chunk.Bytes().substr(0, headerBytes));
 }
 
 void NewLoader(lua_State* L, CDom& dom)

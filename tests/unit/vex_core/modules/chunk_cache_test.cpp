@@ -105,14 +105,189 @@ TEST_F(CachedChunk, ManyChunksAreWrittenWithoutAFlush)
     EXPECT_EQ(Names(m_cacheFolder).size(), 1u);
 }
 
-TEST_F(CachedChunk, WhatHasWaitedTwoSecondsIsWrittenAtTheNextLookup)
+TEST_F(CachedChunk, WhatWaitsIsWrittenAtTheFirstLookupTwoSecondsAfterTheLastOfIt)
 {
-    Fresh()->Add("/x.vxe/a.lua", 6, "code");
+    static std::int64_t s_nowMs;
+    s_nowMs = 1000;
+    const CacheRegistry::Clock before = CacheRegistry::Process().SetClock([] { return s_nowMs; });
+    const auto cache = Fresh();
+    cache->Add("/x.vxe/a.lua", 6, "code");
+    s_nowMs += 1500;
+    cache->Add("/x.vxe/b.lua", 6, "code");
+    s_nowMs += 1500;
     CacheRegistry::Process().FlushOld();
-    EXPECT_FALSE(std::filesystem::exists(m_cacheFolder));
-    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    EXPECT_FALSE(std::filesystem::exists(m_cacheFolder)) << "a start that is still at it";
+    s_nowMs += 501;
     CacheRegistry::Process().FlushOld();
     EXPECT_EQ(Names(m_cacheFolder).size(), 1u);
+    CacheRegistry::Process().SetClock(before);
+}
+
+namespace {
+// The calls of one name while this lives.
+class CountedCalls
+{
+public:
+    explicit CountedCalls(std::string_view name)
+        : m_watch([this, name](const os::Call& call) {
+              m_count += call.name == name ? 1 : 0;
+              return 0;
+          })
+    {}
+
+    int Count() const { return m_count; }
+
+private:
+    int m_count = 0;
+    const ::Test::CallWatch m_watch;
+};
+
+} // namespace
+
+TEST_F(CachedChunk, NewChunksAreWrittenBehindThoseThatAreThere)
+{
+    const auto cache = Fresh();
+    cache->Add("/x.vxe/a.lua", 6, "old");
+    cache->Flush();
+    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder).at(0);
+    const std::string before = ::Test::ReadFile(file);
+    struct stat first;
+    ASSERT_EQ(::stat(file.c_str(), &first), 0);
+    cache->Add("/x.vxe/b.lua", 6, "b");
+    cache->Add("/x.vxe/a.lua", 6, "new");
+    cache->Flush();
+    struct stat second;
+    ASSERT_EQ(::stat(file.c_str(), &second), 0);
+    EXPECT_EQ(second.st_ino, first.st_ino);
+    EXPECT_EQ(::Test::ReadFile(file).substr(0, before.size()), before);
+    EXPECT_TRUE(cache->Find("/x.vxe/b.lua", m_buffer, m_chunk));
+    ASSERT_TRUE(cache->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    EXPECT_EQ(m_chunk, "new") << "the newest of a name";
+}
+
+TEST_F(CachedChunk, WhatTheFileHasAlreadyIsNotWrittenAgain)
+{
+    const auto cache = Fresh();
+    cache->Add("/x.vxe/a.lua", 6, "a");
+    cache->Flush();
+    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder).at(0);
+    const std::string before = ::Test::ReadFile(file);
+    const CountedCalls writes("write");
+    ChunkCache other(m_cacheFolder, cacheKey); // as another process that started at the same time
+    other.Add("/x.vxe/a.lua", 6, "a");
+    other.Flush();
+    EXPECT_EQ(writes.Count(), 0);
+    other.Add("/x.vxe/a.lua", 6, "c");
+    other.Flush();
+    EXPECT_EQ(writes.Count(), 1) << "another chunk";
+}
+
+TEST_F(CachedChunk, AFileWithADamagedEndIsWrittenAnew)
+{
+    const auto write = [this](const std::string& name) {
+        const auto cache = Fresh();
+        cache->Add(name, 6, "code");
+        cache->Flush();
+    };
+    write("/x.vxe/a.lua");
+    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder).at(0);
+    write("/x.vxe/b.lua");
+    const std::string whole = ::Test::ReadFile(file);
+    for (const std::string& bad : {whole.substr(0, whole.size() - 1), whole + "more"}) {
+        ::Test::WriteFile(file, bad);
+        EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk)) << "what is before it counts";
+        write("/x.vxe/b.lua");
+        EXPECT_EQ(::Test::ReadFile(file).size(), whole.size() - ChunkCacheFormat::headerBytes) << "one block by now";
+        EXPECT_TRUE(Fresh()->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+        EXPECT_TRUE(Fresh()->Find("/x.vxe/b.lua", m_buffer, m_chunk));
+    }
+}
+
+TEST_F(CachedChunk, ADamagedChunkIsLeftOutOfTheNextFile)
+{
+    auto cache = Fresh();
+    cache->Add("/x.vxe/a.lua", 6, "aaaa");
+    cache->Add("/x.vxe/b.lua", 6, "bbbb");
+    cache->Flush();
+    cache.reset();
+    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder).at(0);
+    const std::string whole = ::Test::ReadFile(file);
+    std::string bad = whole;
+    bad[bad.find("aaaa")] = 'x';
+    ::Test::WriteFile(file, bad);
+    cache = Fresh();
+    EXPECT_FALSE(cache->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    cache->Add("/x.vxe/a.lua", 6, "aaaa");
+    cache->Flush();
+    EXPECT_EQ(::Test::ReadFile(file).size(), whole.size());
+    EXPECT_TRUE(cache->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    EXPECT_TRUE(cache->Find("/x.vxe/b.lua", m_buffer, m_chunk));
+}
+
+TEST_F(CachedChunk, AFullFileStaysAsItIsUntilAnotherPathNeedsTheRoom)
+{
+    constexpr std::uint64_t maxBytes = 16 * 1024;
+    const std::string code(1000, 'c');
+    const auto add = [&](ChunkCache& cache, const std::string& archive, int number) {
+        cache.Add(archive + "/" + std::to_string(number) + ".lua", archive.size(), code);
+        cache.Flush();
+    };
+    {
+        ChunkCache cache(m_cacheFolder, cacheKey, maxBytes);
+        for (int i = 0; i < 100; ++i)
+            add(cache, "/x.vxe", i);
+    }
+    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder).at(0);
+    const std::string full = ::Test::ReadFile(file);
+    EXPECT_LE(full.size(), maxBytes);
+    EXPECT_GT(full.size(), maxBytes * 3 / 4);
+    {
+        ChunkCache cache(m_cacheFolder, cacheKey, maxBytes);
+        EXPECT_FALSE(cache.Find("/x.vxe/99.lua", m_buffer, m_chunk));
+        EXPECT_TRUE(cache.Find("/x.vxe/0.lua", m_buffer, m_chunk));
+        add(cache, "/x.vxe", 99);
+        EXPECT_FALSE(cache.WantsChunks()) << "each start would write as much, and none would be faster";
+        EXPECT_TRUE(::Test::ReadFile(file) == full);
+    }
+    ChunkCache cache(m_cacheFolder, cacheKey, maxBytes);
+    add(cache, "/y.vxe", 1);
+    EXPECT_TRUE(cache.Find("/y.vxe/1.lua", m_buffer, m_chunk));
+    EXPECT_LE(::Test::ReadFile(file).size(), maxBytes);
+}
+
+TEST_F(CachedChunk, AFileOfManySmallBlocksBecomesOneOfFew)
+{
+    const auto cache = Fresh();
+    std::size_t bytes = 0;
+    for (int i = 0; i < 70; ++i) {
+        cache->Add("/x.vxe/" + std::to_string(100 + i), 6, "code");
+        cache->Flush();
+        bytes = ::Test::ReadFile(m_cacheFolder + "/" + Names(m_cacheFolder).at(0)).size();
+    }
+    const std::size_t chunkBytes = ChunkCacheFormat::recordBytes + 14;
+    EXPECT_EQ(bytes, 70 * chunkBytes + 6 * ChunkCacheFormat::headerBytes);
+    for (int i = 0; i < 70; ++i)
+        EXPECT_TRUE(cache->Find("/x.vxe/" + std::to_string(100 + i), m_buffer, m_chunk)) << i;
+}
+
+TEST_F(CachedChunk, ChunksThatAreAskedForInTheirOrderAreReadTogether)
+{
+    auto cache = Fresh();
+    const auto name = [](int number) { return "/x.vxe/" + std::to_string(number); };
+    const auto code = [](int number) { return std::string(20, 'c') + std::to_string(number); };
+    for (int i = 0; i < 100; ++i)
+        cache->Add(name(i), 6, code(i));
+    cache->Flush();
+    const CountedCalls reads("pread");
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(cache->Find(name(i), m_buffer, m_chunk));
+        EXPECT_EQ(m_chunk, code(i));
+    }
+    EXPECT_LT(reads.Count(), 50);
+    for (int i = 99; i >= 0; --i) {
+        ASSERT_TRUE(cache->Find(name(i), m_buffer, m_chunk));
+        EXPECT_EQ(m_chunk, code(i)) << "and in any other";
+    }
 }
 
 TEST_F(CachedChunk, WhatWaitsIsWrittenWhenTheProcessExits)
