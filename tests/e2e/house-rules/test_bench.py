@@ -6,16 +6,19 @@ import re
 import shutil
 import subprocess
 import sys
+import xml.etree.ElementTree
 
 import pytest
 
 from conftest import BUILD, PATIENCE, ROOT, SANITIZED, STAGE
 
 sys.path.insert(0, os.path.join(ROOT, "bench"))
+import bench_growth  # pylint: disable=wrong-import-position
 import counts  # pylint: disable=wrong-import-position
 import figures  # pylint: disable=wrong-import-position
 import machine  # pylint: disable=wrong-import-position
 import page  # pylint: disable=wrong-import-position
+import plot  # pylint: disable=wrong-import-position
 
 
 def test_what_a_bench_prints_is_read_back(capsys):
@@ -228,3 +231,36 @@ def test_nothing_that_users_wait_for_takes_more_instructions_than_are_written_do
         pytest.skip("NOTHING IS COUNTED: " + result.stdout.strip())
     assert result.returncode == 0, "\n".join(line for line in result.stdout.splitlines() if "EXCEEDED" in line or line.startswith("counts:"))
     print(result.stdout)
+
+
+# --- growth
+
+def test_a_plot_has_its_curves_within_its_axes():
+    root = xml.etree.ElementTree.fromstring(plot.svg("A <key>", "keys", "ns", {"get": [(1000, 60), (10_000, 20), (1_000_000, 40)], "set": [(1000, 9)]}))
+    space = "{http://www.w3.org/2000/svg}"
+    texts = [element.text for element in root.iter(space + "text")]
+    assert root.find(space + "title").text == texts[0] == "A <key>"
+    assert texts[1:5] == ["1k", "10k", "100k", "1M"] and texts[5:12] == ["0", "10", "20", "30", "40", "50", "60"]
+    assert texts[12:] == ["keys", "ns", "get", "set"]
+    get, one = (element.get("points") for element in root.iter(space + "polyline"))
+    assert get == "70.0,54.0 253.3,200.7 620.0,127.3" and one == "70.0,241.0"
+
+
+def test_a_plot_goes_by_decades_where_numbers_lie_far_apart():
+    drawn = plot.svg("a", "b", "c", {"d": [(1, 5), (2, 7000)]})
+    assert [text for text in re.findall(r">([\d.]+[kM]?)</text>", drawn)] == ["0", "0.5", "1", "1.5", "2", "1", "10", "100", "1k", "10k"]
+
+
+@pytest.mark.parametrize("high, marks", [(1, [0, 0.2, 0.4, 0.6, 0.8, 1]), (9, [0, 2, 4, 6, 8, 10]), (85, [0, 20, 40, 60, 80, 100]),
+                                         (1000, [0, 200, 400, 600, 800, 1000])])
+def test_an_axis_has_round_steps(high, marks):
+    assert plot.steps(high) == pytest.approx(marks)
+
+
+@pytest.mark.parametrize("last, kept", [(31, False), (30, True)])
+def test_growth_is_held_to_its_limit(last, kept, capsys):
+    found = bench_growth.points(f"get 1000 10\nset 1000 20\nget 1000000 {last}\n")
+    assert bench_growth.among("a key", found["get"], 1000, 1_000_000, "ns", 3) == kept
+    assert capsys.readouterr().out.startswith(f"a key among 1,000,000: {last} ns, among 1,000 10 ns, ratio 3.{last - 30}00 (claim: at most 3.00)")
+    assert bench_growth.flat("a line", bench_growth.points("".join(f"line {x} {y}\n" for x, y in enumerate([12, 9, 10, 99, 8 + last, 90, 45])))["line"],
+                             "us", 4.3) == kept
