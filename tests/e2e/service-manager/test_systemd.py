@@ -1,4 +1,5 @@
 """The shipped unit under a real systemd: starts, stops, ends of every kind, and what its comments and OPERATIONS.md promise."""
+import json
 import os
 import re
 import shutil
@@ -77,6 +78,16 @@ def test_starts_and_stops_are_in_order(machine):
 def test_fifty_starts_and_stops_with_a_shutdown_of_three_seconds_are_in_order(machine):
     machine.write("shutdown-seconds", 3)
     start_and_stop(machine, 50)
+
+
+def test_vexctl_finds_the_service_and_its_log_when_it_has_ended(machine):
+    supervisor, child = start(machine)
+    told = json.loads(machine.run(INSTALLED + "/vexctl", "status", "--json").stdout)
+    assert (told["supervisor"]["pid"], told["child"]["pid"], told["work_folder"]) == (supervisor, child, WORK)
+    stop(machine)
+    # As OPERATIONS.md has it, because a service that has ended tells nobody where it worked.
+    ended = machine.run("env", "VEXCTL_WORKDIR=" + WORK, INSTALLED + "/vexctl", "log", "-n", "1").stdout
+    assert " exiting. Run time was " in ended, ended
 
 
 @pytest.mark.parametrize("machine", [SLOW_FORKS], indirect=True, ids=["slow forks"])
