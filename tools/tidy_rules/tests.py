@@ -1,4 +1,4 @@
-"""Test files have tests, fuzz targets have seeds, and Lua code passes luacheck."""
+"""Test files have tests, fuzz targets have seeds, modules of Python have names of their own, and Lua code passes luacheck."""
 import os
 import re
 import shutil
@@ -52,4 +52,14 @@ def check_tests(tree):
                 yield name, 1, f"no seeds in {corpus}"
 
 
-CHECKS = (check_lua, check_tests)
+def check_module_names(tree):
+    """One process collects all end-to-end tests, and the first module of a name is what everybody gets who imports it."""
+    known = {}
+    for folder in ("tests/", "bench/"):
+        for name in tree.named(".py", below=folder):
+            module = os.path.basename(name)
+            if module != "conftest.py" and known.setdefault(module, name) != name:
+                yield name, 1, f"a module of the name of {known[module]}: who imports the one may get the other"
+
+
+CHECKS = (check_lua, check_tests, check_module_names)

@@ -9,7 +9,7 @@ import subprocess
 import pytest
 
 from conftest import ROOT, alive, require_ordinary_user, send_signal, wait_until
-from figures import Figures
+from agent_figures import Figures
 
 FOLDER = os.path.join(ROOT, "packaging/fleet/collectd")
 pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(not shutil.which("collectd"), reason="NO COLLECTD here: tools/setup --wide installs it")]

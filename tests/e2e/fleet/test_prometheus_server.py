@@ -13,7 +13,7 @@ import urllib.request
 import pytest
 
 from conftest import ROOT, require_ordinary_user, send_signal, wait_until
-from figures import Figures
+from agent_figures import Figures
 from own_network import OwnNetwork
 
 FOLDER = os.path.join(ROOT, "packaging/fleet/prometheus")

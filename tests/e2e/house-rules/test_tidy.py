@@ -248,6 +248,13 @@ def test_an_arrow_that_runs_up_or_that_nothing_uses_is_a_breach_in_the_table_of_
     assert no_door.format("log/disk_log.h") not in result.stdout
 
 
+def test_two_modules_of_one_name_are_a_breach(tree):
+    root = tree({f"{folder}/{name}.py": "" for folder in ("bench", "tests/e2e/one", "tests/support") for name in ("conftest", folder[-2:])})
+    assert tidy(root) == (0, "")
+    (root / "bench/rt.py").write_text("")
+    assert tidy(root) == (1, "bench/rt.py:1: a module of the name of tests/support/rt.py: who imports the one may get the other\n")
+
+
 def test_files_that_version_control_ignores_are_not_looked_at(tree):
     assert tidy(tree({".gitignore": "made/\n", "made/a.h": "int a;\n", "build/b.h": "int b;\n"})) == (0, "")
 

@@ -9,7 +9,7 @@ import sys
 import pytest
 
 from conftest import BUILD, PATIENCE, ROOT, SANITIZED, wait_until
-from machine import APPLICATION, INSTALLED, PACKAGING, WORK, Machine
+from booted_machine import APPLICATION, INSTALLED, PACKAGING, WORK, Machine
 
 sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "crash"))
 from minidump import Minidump  # noqa: E402 pylint: disable=wrong-import-position,import-error

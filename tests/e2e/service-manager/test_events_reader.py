@@ -6,7 +6,7 @@ import shutil
 import pytest
 
 from conftest import ROOT, SANITIZED, wait_until
-from machine import INSTALLED, WORK, Machine
+from booted_machine import INSTALLED, WORK, Machine
 
 pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="the shipped tree is what a service manager runs")]
 

@@ -5,7 +5,7 @@ import re
 import pytest
 
 from conftest import ROOT, SANITIZED, wait_until
-from machine import WORK, Machine
+from booted_machine import WORK, Machine
 
 pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="the shipped tree is what a service manager runs")]
 READ = ("setpriv", "--reuid=nobody", "--regid=daemon", "--clear-groups", "cat", "/srv/vx_agent-out/vx_agent.prom")

@@ -7,7 +7,7 @@ import sys
 import pytest
 
 from conftest import ROOT, SANITIZED, wait_until
-from machine import INSTALLED, WORK, Machine
+from booted_machine import INSTALLED, WORK, Machine
 
 sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "disk-log"))
 from test_system_log import LOCAL0, records_of  # noqa: E402 pylint: disable=wrong-import-position,import-error

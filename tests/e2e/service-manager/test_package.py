@@ -7,7 +7,7 @@ import pytest
 
 from conftest import SANITIZED, wait_until
 from debian_package import DEB_VERSION, another, made_once, with_other_files
-from machine import INSTALLED, WORK, Machine
+from booted_machine import INSTALLED, WORK, Machine
 
 pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="packages are made of the release alone")]
 

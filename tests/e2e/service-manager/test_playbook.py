@@ -7,7 +7,7 @@ import pytest
 
 from conftest import ROOT, SANITIZED
 from debian_package import DEB_VERSION, another, made_once, with_other_files
-from machine import INSTALLED, Machine
+from booted_machine import INSTALLED, Machine
 from repository import FOLDER, Repository
 
 pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="packages are made of the release alone")]

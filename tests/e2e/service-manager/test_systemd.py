@@ -7,7 +7,7 @@ import shutil
 import pytest
 
 from conftest import SANITIZED, wait_until
-from machine import INSTALLED, WORK, Machine, packages
+from booted_machine import INSTALLED, WORK, Machine, packages
 
 pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="the shipped tree is what a service manager runs")]
 
