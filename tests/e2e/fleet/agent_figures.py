@@ -9,13 +9,15 @@ from conftest import ROOT, wait_until
 sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "bundled-application"))
 from test_outputs import ON_REQUEST, ask_for_a_beat, files_of_the_last_beat  # noqa: E402,F401 pylint: disable=wrong-import-position,import-error
 
-# A counter with a fraction, labels with every character that is written in a special way, and a name of more than 127 bytes.
+# A counter with a fraction, labels with every character that is written in a special way, a name of more than 127 bytes, and one that has
+# as many only where a collector writes its characters in a way of its own.
 PLUGIN = """
 return { name = "Marked", version = "2.5", interval = 3600, units = { free = "bytes" },
   metrics = { sent = { type = "counter", unit = "bytes" }, queues = { label = "queue" } },
   collect = function(dom)
     dom:AgentEvent{ number = 7, severity = 4, text = "seen" }
-    return { free = 5.25, sent = 2 ^ 40 + 0.5, queues = { ["mail \\"in\\" /var"] = { length = 3 }, ["100% \\\\ grüß"] = { length = 4 } },
+    return { free = 5.25, sent = 2 ^ 40 + 0.5, queues = { ["mail \\"in\\" /var"] = { length = 3 }, ["100% \\\\ grüß"] = { length = 4 },
+                                                            [("%"):rep(40)] = { length = 5 } },
              ["long" .. ("x"):rep(140)] = 1 }
   end }"""
 
