@@ -19,9 +19,13 @@ class OwnNetwork:
         if _libc.unshare(CLONE_NEWNET) != 0:
             os.close(self._before)
             pytest.skip(f"NO NETWORK OF ITS OWN ({os.strerror(ctypes.get_errno())}): what talks on it is not tested")
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as any_socket:
-            flags, = struct.unpack("16xH14x", fcntl.ioctl(any_socket, SIOCGIFFLAGS, struct.pack("16sH14x", b"lo", 0)))
-            fcntl.ioctl(any_socket, SIOCSIFFLAGS, struct.pack("16sH14x", b"lo", flags | IFF_UP))
+        try:
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as any_socket:
+                flags, = struct.unpack("16xH14x", fcntl.ioctl(any_socket, SIOCGIFFLAGS, struct.pack("16sH14x", b"lo", 0)))
+                fcntl.ioctl(any_socket, SIOCSIFFLAGS, struct.pack("16sH14x", b"lo", flags | IFF_UP))
+        except BaseException:
+            self.close()
+            raise
 
     def close(self):
         if _libc.setns(self._before, CLONE_NEWNET) != 0:
