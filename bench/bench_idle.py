@@ -78,7 +78,10 @@ def main():
         yardstick.kill()
         yardstick.wait()
         send_signal(supervisor, signal.SIGTERM)
+        last = time.monotonic() + 60
         while os.path.exists(f"/proc/{supervisor}"):
+            if time.monotonic() > last:
+                sys.exit("bench_idle: the end: not within 60 s")
             time.sleep(0.1)
         return 0 if kept else 1
 
