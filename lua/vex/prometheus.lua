@@ -71,17 +71,6 @@ end
 --- An empty set of families.
 function M.new() return setmetatable({ families = {}, count = 0, series = {} }, M) end
 
--- Labels that several families share are made into text once.
-local function series_of(self, labels)
-  if not labels then return "" end
-  local series = self.series[labels]
-  if not series then
-    series = labels_text(labels)
-    self.series[labels] = series
-  end
-  return series
-end
-
 --- Adds a sample.
 -- @param name of the family, clean and with unit and "_total"
 -- @param about of the family, the first sample's counts: help, and type ("gauge", "counter"; nil is the former)
@@ -96,10 +85,12 @@ function M:add(name, about, value, labels)
     family = { about = about, lines = {}, known = {} }
     self.families[name] = family
   end
-  local series = series_of(self, labels)
+  local series = labels and (self.series[labels] or labels_text(labels)) or ""
   if family.known[series] then return false end
   family.known[series] = true
   family.lines[#family.lines + 1] = name .. series .. " " .. number_text(value) .. "\n"
+  -- Labels that several families share are made into text once; those that no sample has are not kept.
+  if labels then self.series[labels] = series end
   self.count = self.count + 1
   return true
 end

@@ -90,6 +90,21 @@ function M.TestFamilies:test_a_sample_counts_once()
   lu.assertEquals(self.families.count, 2)
 end
 
+function M.TestFamilies:test_labels_that_no_sample_has_are_not_kept()
+  local seen = setmetatable({}, { __mode = "k" })
+  for number = 1, 100 do
+    local labels = { { "name", "the same" } }
+    seen[labels] = true
+    lu.assertEquals(self:add("a", { help = "" }, number, labels), number == 1)
+    lu.assertEquals(self:add("b", { help = "" }, number, labels), number == 1)
+  end
+  collectgarbage()
+  local kept = 0
+  for _ in pairs(seen) do kept = kept + 1 end
+  lu.assertEquals(kept, 1)
+  lu.assertStrContains(self.families:text(), 'b{name="the same"} 1\n')
+end
+
 function M.TestFamilies:test_a_text_is_split_into_its_families_and_put_together_again()
   self:add("a", { help = "# HELP no" }, 1)
   self:add("b", { help = "B" }, 2, { { "x", "# HELP" } })
