@@ -6,13 +6,14 @@ import os
 import pty
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import threading
 
 import pytest
 
-from conftest import PATIENCE, ROOT, all_that_is_shown
+from conftest import PATIENCE, ROOT, all_that_is_shown, mount_tmpfs, send_signal, unmount, wait_until
 
 
 def load(name, path=None):
@@ -86,6 +87,42 @@ def test_what_only_the_wide_tests_use_may_be_missing(tmp_path):
                            "setup: without the packages of tools/packages-wide.txt the tests that use them are skipped, and say so\n")
     (tmp_path / "apt-get").write_text("#!/bin/sh\nexit 100\n")
     assert call("tools/setup", env=environment, capture_output=True).returncode == 1
+
+
+@pytest.mark.sandbox
+@pytest.mark.parametrize("before", [None, "#!/bin/sh\nexit 0\n"], ids=["without one", "with one of its own"])
+@pytest.mark.parametrize("end, status", [("exit 0", 0), ("exit 100", 0), ("signal", 143)])
+def test_no_service_is_started_by_what_the_wide_list_brings(tmp_path, before, end, status):
+    policy = "/usr/sbin/policy-rc.d"
+    mount_tmpfs("/usr/sbin")
+    try:
+        if before:
+            with open(policy, "w", encoding="ascii") as file:
+                file.write(before)
+            os.chmod(policy, 0o755)
+        waits = f"until [ -e {tmp_path}/go ]; do sleep 0.05; done" if end == "signal" else end
+        programs = {"dpkg-query": "exit 1", "sudo": 'exec "$@"',
+                    "apt-get": f'case "$*" in *chromium*) {policy}; echo $? >{tmp_path}/asked.new; mv {tmp_path}/asked.new {tmp_path}/asked; {waits};; '
+                               f"install*) [ -e {policy} ] && touch {tmp_path}/early;; esac; exit 0"}
+        for name, body in programs.items():
+            (tmp_path / name).write_text(f"#!/bin/sh\n{body}\n")
+            (tmp_path / name).chmod(0o755)
+        setup = subprocess.Popen(["tools/setup", "--wide"], cwd=ROOT, env=dict(os.environ, PATH=f"{tmp_path}:{os.environ['PATH']}"),
+                                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_until((tmp_path / "asked").exists, what="the installation of the wide list")
+        if end == "signal":
+            send_signal(setup.pid, signal.SIGTERM)
+        (tmp_path / "go").touch()
+        assert setup.wait(PATIENCE) == status
+        assert (tmp_path / "asked").read_text() == ("0\n" if before else "101\n")
+        assert (tmp_path / "early").exists() == (before is not None)
+        if before:
+            with open(policy, encoding="ascii") as file:
+                assert file.read() == before
+        else:
+            assert os.listdir("/usr/sbin") == []
+    finally:
+        unmount("/usr/sbin")
 
 
 def test_the_tests_colour_their_words_on_a_terminal_only():
