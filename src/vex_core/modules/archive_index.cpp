@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <deque>
+#include <new>
 
 #include <fcntl.h>
 
@@ -144,9 +145,26 @@ void ModuleArchive::Close()
     m_zip.reset();
 }
 
+// Nobody can be told that there is no memory for a line.
+LaterWarnings::~LaterWarnings()
+{
+    try {
+        for (const wxString& warning : m_warnings)
+            wxLogWarning(wxS("%s"), warning);
+    } catch (const std::bad_alloc&) {
+    }
+}
+
 ArchiveSlot::ArchiveSlot(std::string path) : m_path(std::move(path)) {}
 
 std::shared_ptr<ModuleArchive> ArchiveSlot::Current(const ZipLimits& limits, std::string& failure)
+{
+    LaterWarnings warnings;
+    return Current(limits, failure, warnings);
+}
+
+std::shared_ptr<ModuleArchive> ArchiveSlot::Current(const ZipLimits& limits, std::string& failure,
+                                                    LaterWarnings& warnings)
 {
     const std::lock_guard lock(m_lock);
     struct stat status;
@@ -155,14 +173,14 @@ std::shared_ptr<ModuleArchive> ArchiveSlot::Current(const ZipLimits& limits, std
     if (!m_known || there != m_there || identity != m_identity) {
         m_there = there;
         m_identity = identity;
-        OpenAnew(limits);
+        OpenAnew(limits, warnings);
     }
     if (!m_archive)
         failure = m_failure;
     return m_archive;
 }
 
-void ArchiveSlot::OpenAnew(const ZipLimits& limits)
+void ArchiveSlot::OpenAnew(const ZipLimits& limits, LaterWarnings& warnings)
 {
     m_known = false; // should opening throw
     m_failure.clear();
@@ -181,8 +199,8 @@ void ArchiveSlot::OpenAnew(const ZipLimits& limits)
     m_warned = true;
     m_warnedIdentity = m_identity;
     m_warnedFailure = m_failure;
-    wxLogWarning("Lua archive '%s' is passed over until it changes: %s", FromForeignBytes(m_path),
-                 FromForeignBytes(m_failure));
+    warnings.Add(wxString::Format("Lua archive '%s' is passed over until it changes: %s", FromForeignBytes(m_path),
+                                  FromForeignBytes(m_failure)));
 }
 
 bool ArchiveSlot::WantsAnotherLook()

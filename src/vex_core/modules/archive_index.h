@@ -15,6 +15,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include <wx/string.h>
+
 namespace VexCore {
 
 /// One archive as it was when it was opened. Any thread.
@@ -59,6 +61,22 @@ private:
     std::string m_directorySha256;
 };
 
+/// Warnings that are logged when the object goes: one that is made before a lock is taken logs when that has been let
+/// go, because whoever gets a line may take long, or look for a module himself.
+class LaterWarnings
+{
+public:
+    LaterWarnings() = default;
+    ~LaterWarnings();
+    LaterWarnings(const LaterWarnings&) = delete;
+    LaterWarnings& operator=(const LaterWarnings&) = delete;
+
+    void Add(const wxString& warning) { m_warnings.push_back(warning); }
+
+private:
+    std::vector<wxString> m_warnings;
+};
+
 /// A path on the search path and the archive that it leads to now. Any thread.
 class ArchiveSlot
 {
@@ -67,14 +85,16 @@ public:
 
     const std::string& Path() const { return m_path; }
     /// The archive at the path, checked by one look at the file's status and opened when it was not or is another file.
-    /// Null with a reason when there is none that can be used. A reason is logged as one warning, again only when the
-    /// file has changed and is still of no use.
+    /// Null with a reason when there is none that can be used. A reason is one warning, again only when the file has
+    /// changed and is still of no use.
+    std::shared_ptr<ModuleArchive> Current(const ZipLimits& limits, std::string& failure, LaterWarnings& warnings);
+    /// The same, and logs.
     std::shared_ptr<ModuleArchive> Current(const ZipLimits& limits, std::string& failure);
     /// Whether the last `Current` had no archive for want of descriptors or memory, which says nothing about the file.
     bool WantsAnotherLook();
 
 private:
-    void OpenAnew(const ZipLimits& limits);
+    void OpenAnew(const ZipLimits& limits, LaterWarnings& warnings);
 
     const std::string m_path;
     std::mutex m_lock; // guards what follows; held while the archive is opened, so that it is opened once

@@ -63,20 +63,22 @@ FoundArchives::FoundArchives(std::vector<Item> found) : items(std::move(found)),
 
 std::shared_ptr<const FoundArchives> SearchedArchives::Current(const ZipLimits& limits)
 {
+    LaterWarnings warnings;
     const std::lock_guard lock(m_lock);
     if (!m_found || m_lookAgain || ArchiveIndex::Process().NowMs() - m_lookedAtMs >= betweenLooksMs)
-        Look(limits);
+        Look(limits, warnings);
     return m_found;
 }
 
 bool SearchedArchives::HasChanged(const ZipLimits& limits, const std::shared_ptr<const FoundArchives>& found)
 {
+    LaterWarnings warnings;
     const std::lock_guard lock(m_lock);
-    Look(limits);
+    Look(limits, warnings);
     return m_found != found;
 }
 
-void SearchedArchives::Look(const ZipLimits& limits)
+void SearchedArchives::Look(const ZipLimits& limits, LaterWarnings& warnings)
 {
     m_lookedAtMs = ArchiveIndex::Process().NowMs();
     m_lookAgain = true; // should opening throw
@@ -85,7 +87,7 @@ void SearchedArchives::Look(const ZipLimits& limits)
     items.reserve(m_slots.size());
     for (const std::shared_ptr<ArchiveSlot>& slot : m_slots) {
         FoundArchives::Item item{slot, nullptr, std::string()};
-        item.archive = slot->Current(limits, item.failure);
+        item.archive = slot->Current(limits, item.failure, warnings);
         wantsMore = wantsMore || (!item.archive && slot->WantsAnotherLook());
         items.push_back(std::move(item));
     }

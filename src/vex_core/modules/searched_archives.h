@@ -64,13 +64,13 @@ public:
 
     /// What the path leads to. Each file's status is looked at when the last look lies a second back, and as long as an
     /// archive could not be opened for want of descriptors or memory. Opens what is there for the first time or is
-    /// another file by now. One thread looks, the others wait.
+    /// another file by now. One thread looks, the others wait; what is of no use is logged when they may go on.
     std::shared_ptr<const FoundArchives> Current(const ZipLimits& limits);
     /// Looks at each file now. False when all are as `found` has them; null is what is no longer up to date.
     bool HasChanged(const ZipLimits& limits, const std::shared_ptr<const FoundArchives>& found);
 
 private:
-    void Look(const ZipLimits& limits);
+    void Look(const ZipLimits& limits, LaterWarnings& warnings);
 
     const std::vector<std::shared_ptr<ArchiveSlot>> m_slots;
     std::mutex m_lock; // guards what follows

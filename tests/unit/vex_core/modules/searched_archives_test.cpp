@@ -4,6 +4,7 @@
 #include "support/archive_clock.h"
 #include "support/call_watch.h"
 #include "support/need.h"
+#include "support/process_guards.h"
 #include "support/temp_folder.h"
 #include "support/zip_builder.h"
 
@@ -11,6 +12,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <functional>
+#include <future>
 
 #include <wx/log.h>
 
@@ -166,4 +170,46 @@ TEST_F(SearchPath, APathThatNobodySearchesIsForgottenWithItsArchives)
     ArchiveIndex::Process().ForgetUnused();
     EXPECT_TRUE(found.expired());
     EXPECT_TRUE(archive.expired());
+}
+
+namespace {
+// Whoever gets a line lets another thread look for a module.
+class Looking : public wxLog
+{
+public:
+    explicit Looking(std::function<void()> look) : m_look(std::move(look)) {}
+    bool HasLooked() const { return m_hasLooked; }
+    int Looks() const { return m_looks; }
+
+protected:
+    void DoLogRecord(wxLogLevel, const wxString&, const wxLogRecordInfo&) override
+    {
+        m_looking.push_back(std::async(std::launch::async, m_look)); // which may end when this call has
+        ++m_looks;
+        m_hasLooked = m_looking.back().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    }
+
+private:
+    const std::function<void()> m_look;
+    std::vector<std::future<void>> m_looking;
+    bool m_hasLooked = false;
+    int m_looks = 0;
+};
+
+} // namespace
+
+TEST(SearchPathLog, NobodyWaitsForALookWhileItsWarningsAreLogged)
+{
+    const ::Test::TempFolder folder;
+    ::Test::WriteFile(folder / "x.vxe", "no archive");
+    const auto search = ArchiveIndex::Process().Search({folder / "x.vxe"});
+    const auto look = [&search] { search->Current(ZipLimits()); };
+    auto* const log = new Looking(look);
+    const ::Test::LogTarget target(log);
+    look();
+    EXPECT_TRUE(log->HasLooked());
+    ::Test::WriteFile(folder / "x.vxe", "no archive either");
+    search->HasChanged(ZipLimits(), nullptr);
+    EXPECT_TRUE(log->HasLooked());
+    EXPECT_EQ(log->Looks(), 2);
 }
