@@ -176,6 +176,7 @@ end }""")
     tree.stop(supervisor)
 
 
+@pytest.mark.skipif(SANITIZED, reason="takes minutes under a sanitizer, of Lua code that it does not look at")
 def test_a_million_values_of_odd_kinds_are_counted_and_no_beat_carries_them(tree):
     tree.file("million/plugin.lua", """
 return { name = "Million", version = "1", interval = 3600, collect = function()

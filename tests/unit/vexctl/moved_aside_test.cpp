@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Vexctl;
 using ::Test::ReadFile;
@@ -233,6 +234,8 @@ TEST(DamagedDatabase, RareEventsAreFoundBehindARowThatCannotBeRead)
 
 TEST(DamagedDatabase, AWriteAheadLogIsReadAndIsToldWhereItMayNotBe)
 {
+    if (::getuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
     const TempFolder folder;
     MakeEvents(folder / "made.db");
     SqliteConnection owner;
@@ -257,6 +260,8 @@ TEST(DamagedDatabase, AWriteAheadLogIsReadAndIsToldWhereItMayNotBe)
 
 TEST(MovedAside, AFolderThatMayNotBeListedIsToldApart)
 {
+    if (::getuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
     const TempFolder folder;
     std::filesystem::permissions(folder.Path(), std::filesystem::perms(0711));
     {
