@@ -78,6 +78,12 @@ public:
         Changed(key);
     }
 
+    void WriteText(const HashedKey& key, std::string_view text)
+    {
+        m_keys.WriteText(key, text);
+        Changed(key);
+    }
+
     bool Remove(const HashedKey& key)
     {
         if (!m_keys.Remove(key))
@@ -296,13 +302,12 @@ void CDom::Set(const char* key, const char* text)
 
 void CDom::Set(const char* key, const char* text, std::size_t length)
 {
-    m_impl->store->Write(*m_impl->Key(key),
-                         DomValue::NewText(text ? std::string_view(text, length) : std::string_view()));
+    m_impl->store->WriteText(*m_impl->Key(key), text ? std::string_view(text, length) : std::string_view());
 }
 
 void CDom::Set(const char* key, const std::string& text)
 {
-    m_impl->store->Write(*m_impl->Key(key), DomValue::NewText(text));
+    m_impl->store->WriteText(*m_impl->Key(key), text);
 }
 
 void CDom::Set(const char* key, bool value)
@@ -312,7 +317,7 @@ void CDom::Set(const char* key, bool value)
 
 void CDom::SetWx(const char* key, const wxString& text)
 {
-    m_impl->store->Write(*m_impl->Key(key), DomValue::NewText(BytesFromText(text)));
+    m_impl->store->WriteText(*m_impl->Key(key), BytesFromText(text));
 }
 
 void CDom::SetWx(const char* key, std::int64_t value)

@@ -22,14 +22,14 @@ bool EqualIgnoringCase(std::string_view text, std::string_view lower)
 
 } // namespace
 
-DomValue* DomValue::NewBlock(CDom::EType type, std::size_t size)
+DomValue* DomValue::NewBlock(CDom::EType type, std::size_t size, void* block)
 {
-    return new (::operator new(sizeof(DomValue) + size)) DomValue(type, size);
+    return new (block ? block : ::operator new(BytesOfText(size))) DomValue(type, size);
 }
 
-DomValue::Pointer DomValue::NewText(std::string_view text)
+DomValue::Pointer DomValue::NewText(std::string_view text, void* block)
 {
-    DomValue* const value = NewBlock(CDom::EType::Text, text.size());
+    DomValue* const value = NewBlock(CDom::EType::Text, text.size(), block);
     if (!text.empty())
         std::memcpy(static_cast<void*>(value + 1), text.data(), text.size());
     return Pointer(value);

@@ -20,7 +20,8 @@ class DomValue
 public:
     using Pointer = std::unique_ptr<DomValue, DomValueEnd>;
 
-    static Pointer NewText(std::string_view text);
+    /// `block`: memory of `BytesOfText` to put it into, from `operator new`; else it gets some.
+    static Pointer NewText(std::string_view text, void* block = nullptr);
     static Pointer NewBool(bool value);
     static Pointer NewInt(std::int64_t value);
     static Pointer NewObject(std::shared_ptr<CDomObject> object);
@@ -29,7 +30,13 @@ public:
 
     CDom::EType Type() const { return static_cast<CDom::EType>(m_sizeAndType % typeCount); }
     /// How much memory it takes.
-    std::size_t Bytes() const { return sizeof(DomValue) + m_sizeAndType / typeCount; }
+    std::size_t Bytes() const { return BytesOfText(m_sizeAndType / typeCount); }
+    /// How much a text of that length takes: texts of about one length may follow each other in the same memory.
+    static constexpr std::size_t BytesOfText(std::size_t size)
+    {
+        constexpr std::size_t step = 16; // of what heaps give out
+        return sizeof(DomValue) + (size + step - 1) / step * step + (size == 0 ? step : 0);
+    }
 
     /// Each for its own kind alone.
     std::string_view Text() const { return {static_cast<const char*>(Content()), m_sizeAndType / typeCount}; }
@@ -41,7 +48,7 @@ private:
     static constexpr std::size_t typeCount = 8; // no fewer than there are
 
     DomValue(CDom::EType type, std::size_t size) : m_sizeAndType(size * typeCount + static_cast<std::size_t>(type)) {}
-    static DomValue* NewBlock(CDom::EType type, std::size_t size);
+    static DomValue* NewBlock(CDom::EType type, std::size_t size, void* block = nullptr);
     static Pointer NewNumber(CDom::EType type, std::int64_t number);
 
     const void* Content() const { return this + 1; }

@@ -286,15 +286,38 @@ void KeyTable::Write(const HashedKey& key, DomValue::Pointer value)
     DomValue::Pointer object;
     {
         const std::lock_guard lock(m_writers);
-        m_retired.Reserve(1);
-        if (Node* const node = Find(key))
-            object = Replace(*node, std::move(value));
-        else
-            Make(key, std::move(value));
-        m_retired.GiveBack();
+        ::operator delete(m_retired.Take(0)); // what is of no use goes to the heap, a block a write
+        object = Put(key, std::move(value));
     }
     if (object)
         RetiredBlocks::WaitForReaders();
+}
+
+void KeyTable::WriteText(const HashedKey& key, std::string_view text)
+{
+    constexpr std::size_t longest = 1024; // that may be copied while others wait to write
+    if (text.size() > longest)
+        return Write(key, DomValue::NewText(text));
+    DomValue::Pointer object;
+    {
+        const std::lock_guard lock(m_writers);
+        object = Put(key, DomValue::NewText(text, m_retired.Take(DomValue::BytesOfText(text.size()))));
+    }
+    if (object)
+        RetiredBlocks::WaitForReaders();
+}
+
+// What the caller gets is an object that readers may still look at.
+DomValue::Pointer KeyTable::Put(const HashedKey& key, DomValue::Pointer value)
+{
+    DomValue::Pointer object;
+    m_retired.Reserve(1);
+    if (Node* const node = Find(key))
+        object = Replace(*node, std::move(value));
+    else
+        Make(key, std::move(value));
+    m_retired.GiveBack();
+    return object;
 }
 
 bool KeyTable::Remove(const HashedKey& key)
@@ -315,7 +338,7 @@ bool KeyTable::Remove(const HashedKey& key)
     return true;
 }
 
-// Gives the node another value, or none. What the caller gets is an object that readers may still look at.
+// Gives the node another value, or none. What the caller gets is as with Put.
 DomValue::Pointer KeyTable::Replace(Node& node, DomValue::Pointer value)
 {
     std::optional<ShapeChange> change;

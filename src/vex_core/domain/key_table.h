@@ -48,6 +48,8 @@ public:
 
     /// What there was before is destroyed on the calling thread, with no lock held: an object's end may come here.
     void Write(const HashedKey& key, DomValue::Pointer value);
+    /// The same for a text, which need be no block yet.
+    void WriteText(const HashedKey& key, std::string_view text);
     /// Answers whether the key had a value.
     bool Remove(const HashedKey& key);
 
@@ -70,6 +72,7 @@ private:
     void Consistently(Work&& work) const;
 
     // With m_writers.
+    DomValue::Pointer Put(const HashedKey& key, DomValue::Pointer value);
     DomValue::Pointer Replace(Node& node, DomValue::Pointer value);
     void Make(const HashedKey& key, DomValue::Pointer value);
     void MakeRoomFor(std::size_t count);

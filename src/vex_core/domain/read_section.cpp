@@ -33,14 +33,25 @@ std::size_t ReadSection::Enroll()
 
 RetiredBlocks::~RetiredBlocks()
 {
-    for (const std::vector<void*>* const blocks : {&m_open, &m_closing, &m_unread})
-        for (void* const block : *blocks)
-            ::operator delete(block);
+    for (const std::vector<Block>* const blocks : {&m_open, &m_closing, &m_unread})
+        for (const Block& block : *blocks)
+            ::operator delete(block.memory);
+}
+
+void* RetiredBlocks::Take(std::size_t bytes) noexcept
+{
+    if (m_unread.empty())
+        return nullptr;
+    const Block block = m_unread.back();
+    m_unread.pop_back();
+    if (block.bytes == bytes)
+        return block.memory;
+    ::operator delete(block.memory);
+    return nullptr;
 }
 
 void RetiredBlocks::GiveBack() noexcept
 {
-    FreeUnread(1); // as many as a write brings: the heap has it at hand for the next one
     if (m_closing.empty()) {
         if (m_open.size() < blocksAtOnce && m_openBytes < bytesAtOnce)
             return;
@@ -73,20 +84,19 @@ void RetiredBlocks::WaitForReaders() noexcept
                 os::PauseMs(1); // a reader of low priority has to get on
 }
 
-void RetiredBlocks::FreeUnread(std::size_t maxCount) noexcept
+void RetiredBlocks::FreeUnread() noexcept
 {
-    for (; maxCount > 0 && !m_unread.empty(); --maxCount) {
-        ::operator delete(m_unread.back());
-        m_unread.pop_back();
-    }
+    for (const Block& block : m_unread)
+        ::operator delete(block.memory);
+    m_unread.clear();
 }
 
 void RetiredBlocks::ClosingIsUnread() noexcept
 {
-    FreeUnread(m_unread.size());
+    FreeUnread();
     m_unread.swap(m_closing);
     if (std::exchange(m_closingBytes, 0) >= bytesAtOnce)
-        FreeUnread(m_unread.size());
+        FreeUnread();
 }
 
 } // namespace VexCore

@@ -65,9 +65,12 @@ public:
     /// A block that no reader who comes now can find: it was taken out of sight by a sequentially consistent store.
     void Add(void* block, std::size_t bytes) noexcept
     {
-        m_open.push_back(block);
+        m_open.push_back({block, bytes});
         m_openBytes += bytes;
     }
+    /// A block of so many bytes that nobody reads any more, for the caller to use and to give back. Null when there is
+    /// none at hand; what there is of another size goes to the heap.
+    void* Take(std::size_t bytes) noexcept;
     /// Gives back what it can, when it is worth the look at the readers. Waits for them only where they keep a
     /// megabyte.
     void GiveBack() noexcept;
@@ -76,13 +79,18 @@ public:
     static void WaitForReaders() noexcept;
 
 private:
-    void FreeUnread(std::size_t maxCount) noexcept;
+    struct Block
+    {
+        void* memory;
+        std::size_t bytes;
+    };
+    void FreeUnread() noexcept;
     void ClosingIsUnread() noexcept;
 
     // A block goes from the first to the last of these.
-    std::vector<void*> m_open;
-    std::vector<void*> m_closing; // waits for those who read when it was filled
-    std::vector<void*> m_unread;
+    std::vector<Block> m_open;
+    std::vector<Block> m_closing; // waits for those who read when it was filled
+    std::vector<Block> m_unread;
     std::size_t m_openBytes = 0;
     std::size_t m_closingBytes = 0;
     std::uint32_t m_busy = 0; // a bit for each count that has not been at nought since m_closing was filled
