@@ -1,22 +1,20 @@
---- LuaUnit's runner, prepared for us.
+--- Runs one test: set-up, the test, tear-down, repetition, and telling a failed assertion from an error.
 --
--- It is the one that this runner was built with, by a name of its own: a script's `require("luaunit")` may lead to
--- another.
--- Its calls are protected by our own function: LuaUnit's shortens a traceback by the place that the message names, so
--- an error without a place, or with a value that is no text, would come without any traceback.
+-- The rules are LuaUnit's, and so are the words of its assertions. Its runner is not asked: it keeps a record of each
+-- test and shortens a traceback by the place that the message names, so an error without a place, or with a value that
+-- is no text, would come without any traceback.
+-- The LuaUnit is the one that this runner was built with, by a name of its own: a script's `require("luaunit")` may
+-- lead to another.
 
 local luaunit = require("tests.vexunit.luaunit")
 local protect = require("tests.vexunit.protect")
 
 local M = {}
+M.__index = M
 
 local words = {
-  [luaunit.NodeStatus.SUCCESS] = "passed", [luaunit.NodeStatus.FAIL] = "failed",
-  [luaunit.NodeStatus.ERROR] = "error", [luaunit.NodeStatus.SKIP] = "skipped",
+  [luaunit.NodeStatus.FAIL] = "failed", [luaunit.NodeStatus.ERROR] = "error", [luaunit.NodeStatus.SKIP] = "skipped",
 }
-
---- Our word for one of LuaUnit's states.
-function M.word(status) return words[status] end
 
 -- Leaves what an author wants to see: nothing of the assertions above, nothing of the runners below.
 local function shorten(trace)
@@ -39,39 +37,73 @@ local function describe(value)
   return ok and shown or ("an error value of type " .. type(value))
 end
 
-local function protected_call(self, instance, body, name)
+--- Calls a function of a script.
+-- @param body the function
+-- @param instance what it gets: its class, or nil
+-- @param name what a traceback calls it
+-- @param iteration which repetition this is
+-- @return "passed"; or "failed", "error" or "skipped", the message, and for the first two the traceback
+function M:call(body, instance, name, iteration)
   local ok, value, trace = protect(body, instance)
-  if ok then return { status = luaunit.NodeStatus.SUCCESS } end
-  local trouble = { trace = trace }
-  local iteration = self.exeRepeat and ("iteration %d"):format(self.currentCount)
-  trouble.msg, trouble.status = luaunit.adjust_err_msg_with_iter(describe(value), iteration)
-  if trouble.status == luaunit.NodeStatus.FAIL or trouble.status == luaunit.NodeStatus.ERROR then
-    trouble.trace = shorten(trouble.trace)
-    if name then
-      -- The frame that we called has no name of its own.
-      local shown = ("in function '%s'"):format(name):gsub("%%", "%%%%")
-      trouble.trace = trouble.trace:gsub("in function <[^>]*>$", shown)
-    end
-  else
-    trouble.trace = nil
-  end
-  return trouble
+  if ok then return "passed" end
+  local message, status = luaunit.adjust_err_msg_with_iter(describe(value),
+    self.repetitions > 1 and ("iteration %d"):format(iteration) or nil)
+  local word = words[status]
+  if not word then return "passed" end -- LuaUnit's success()
+  if word == "skipped" then return word, message end
+  -- The frame that we called has no name of its own.
+  local shown = ("in function '%s'"):format(name):gsub("%%", "%%%%")
+  trace = shorten(trace):gsub("in function <[^>]*>$", shown)
+  return word, message, trace
 end
 
-local silent = setmetatable({}, { __index = function() return function() end end })
+-- A method of a class under the first of its names that is one.
+local function method(class, first, second, third, fourth)
+  local found = class[first]
+  if type(found) == "function" then return found end
+  found = class[second]
+  if type(found) == "function" then return found end
+  found = class[third]
+  if type(found) == "function" then return found end
+  found = class[fourth]
+  return type(found) == "function" and found or nil
+end
 
---- A runner of LuaUnit's that reports to nobody. LuaUnit is told that a suite runs, so that its os.exit refuses to end
--- the process under the tests; `unregisterSuite` ends that.
+-- Once. What fails first is the result; after a failed set-up the test is left out, and torn down all the same.
+local function run_once(self, test, iteration)
+  local class = test.instance
+  local status, message, trace = "passed"
+  local set_up = class and method(class, "setUp", "Setup", "setup", "SetUp")
+  if set_up then status, message, trace = self:call(set_up, class, test.class .. ".setUp", iteration) end
+  if status == "passed" then status, message, trace = self:call(test.run, class, test.full, iteration) end
+  local tear_down = class and method(class, "tearDown", "TearDown", "teardown", "Teardown")
+  if tear_down then
+    local word, why, where = self:call(tear_down, class, test.class .. ".tearDown", iteration)
+    if status == "passed" then status, message, trace = word, why, where end
+  end
+  return status, message, trace
+end
+
+--- Runs a test as often as it is to be run, until it does not pass.
+-- @param test table with `full`, its name, and `run`, its function; for a method also `class` and `instance`
+-- @return as `call`
+function M:run(test)
+  for iteration = 1, self.repetitions - 1 do
+    local status, message, trace = run_once(self, test, iteration)
+    if status ~= "passed" then return status, message, trace end
+  end
+  return run_once(self, test, self.repetitions)
+end
+
+--- A runner of tests. LuaUnit is told that a suite runs, so that its os.exit refuses to end the process under the
+-- tests; `close` ends that.
 -- @param repetitions how often each test runs
 function M.new(repetitions)
-  local engine = luaunit.LuaUnit.new()
-  engine.protectedCall = protected_call
-  engine.exeRepeat = repetitions > 1 and repetitions or nil
-  engine.currentCount = 1
-  engine.outputType = { new = function() return silent end }
-  engine:startSuite(0, 0)
-  engine:registerSuite()
-  return engine
+  local suite = luaunit.LuaUnit.new()
+  suite:registerSuite()
+  return setmetatable({ repetitions = repetitions, suite = suite }, M)
 end
+
+function M:close() self.suite:unregisterSuite() end
 
 return M

@@ -16,7 +16,7 @@ local function copy(source)
 end
 
 local function restore_table(target, saved)
-  for key in next, copy(target) do
+  for key in next, target do -- which allows fields to go meanwhile
     if rawget(saved, key) == nil then rawset(target, key, nil) end
   end
   for key, value in next, saved do

@@ -5,16 +5,23 @@
 
 local traceback, xpcall, rawequal = debug.traceback, xpcall, rawequal
 
+-- Of the last error that the handler has seen. One for all calls: between the handler of a call's own error and the end
+-- of that call no Lua code runs.
+local noted, trace
+
+local function note(value)
+  noted, trace = value, traceback("", 2):sub(2)
+  return value
+end
+
 --- @param body function to call with the further arguments
 -- @return true and its first result; or false, the error value, and the traceback, which is empty for an error for
 -- which Lua calls no handler: want of memory, or one in a finaliser
 return function(body, ...)
-  local noted, trace
-  local function note(value)
-    noted, trace = value, traceback("", 2):sub(2)
-    return value
-  end
+  noted, trace = nil, nil
   local ok, value = xpcall(body, note, ...)
+  local own = not ok and rawequal(value, noted) and trace or ""
+  noted, trace = nil, nil
   if ok then return true, value end
-  return false, value, rawequal(value, noted) and trace or ""
+  return false, value, own
 end

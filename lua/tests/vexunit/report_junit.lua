@@ -12,6 +12,7 @@ local escapes = { ["&"] = "&amp;", ["<"] = "&lt;", [">"] = "&gt;", ['"'] = "&quo
 
 --- A text as the value of an attribute or as character data.
 function M.escape(text)
+  if not text:find("[^ %-./0-9A-Z_a-z]") then return text end -- nearly all
   local valid = text_tools.utf8(text, "?"):gsub("\239\191[\190\191]", "?") -- U+FFFE and U+FFFF
   return (valid:gsub("[%z\1-\8\11-\31\127]", "?"):gsub('[&<>"\n\t]', escapes))
 end
@@ -22,40 +23,13 @@ function M.new(settings, console)
   local file, message = io.open(settings.file, "wb")
   if not file then return nil, "cannot write the report: " .. message end
   return setmetatable({
-    text = report_text.new(settings, console), file = file, path = settings.file, unloadable = {},
+    text = report_text.new(settings, console), file = file, path = settings.file, unloadable = {}, suites = {},
   }, M)
-end
-
-function M:script_starts(path) self.text:script_starts(path) end
-function M:script_ends(path, count) self.text:script_ends(path, count) end
-function M:test_starts(path, name) self.text:test_starts(path, name) end
-function M:test_ends(result) self.text:test_ends(result) end
-
-function M:script_fails(path, message)
-  self.text:script_fails(path, message)
-  table.insert(self.unloadable, {
-    script = path, name = "(loading)", status = "error", message = path .. " does not load", trace = message,
-    seconds = 0,
-  })
-end
-
--- Results in the order of their scripts' first appearance.
-local function by_script(results)
-  local order, groups = {}, {}
-  for _, result in ipairs(results) do
-    if not groups[result.script] then
-      groups[result.script] = {}
-      order[#order + 1] = result.script
-    end
-    table.insert(groups[result.script], result)
-  end
-  return order, groups
 end
 
 local elements = { failed = "failure", error = "error" }
 
-local function case(result)
-  local class = result.script:gsub("%.lua$", ""):gsub("/", ".")
+local function case(result, class)
   if result.class then class = class .. "." .. result.class end
   local open = ('    <testcase classname="%s" name="%s" time="%.6f"'):format(escape(class), escape(result.name),
     result.seconds)
@@ -67,33 +41,78 @@ local function case(result)
     element)
 end
 
-local function suite(path, results, run)
-  local failed, errors, skipped, seconds, cases = 0, 0, 0, 0, {}
-  for _, result in ipairs(results) do
-    if result.status == "failed" then failed = failed + 1 end
-    if result.status == "error" then errors = errors + 1 end
-    if result.status == "skipped" then skipped = skipped + 1 end
-    seconds = seconds + result.seconds
-    cases[#cases + 1] = case(result)
+local function add(suite, result)
+  suite.count = suite.count + 1
+  local status = result.status
+  if status ~= "passed" then suite[status] = suite[status] + 1 end
+  suite.seconds = suite.seconds + result.seconds
+  suite.cases[suite.count] = case(result, suite.class)
+end
+
+local function new_suite(path)
+  return {
+    path = path, class = path:gsub("%.lua$", ""):gsub("/", "."), cases = {}, count = 0, failed = 0, error = 0,
+    skipped = 0, seconds = 0,
+  }
+end
+
+function M:script_starts(path) self.text:script_starts(path) end
+function M:test_starts(path, name) self.text:test_starts(path, name) end
+
+function M:test_ends(result)
+  self.text:test_ends(result)
+  local suites = self.suites
+  local suite = suites[#suites]
+  if not suite or suite.path ~= result.script then
+    suite = new_suite(result.script)
+    suites[#suites + 1] = suite
   end
+  add(suite, result)
+end
+
+-- What is left of the cases is one text.
+function M:script_ends(path, count)
+  self.text:script_ends(path, count)
+  local suite = self.suites[#self.suites]
+  if suite and suite.path == path then suite.cases = { table.concat(suite.cases) } end
+end
+
+function M:script_fails(path, message)
+  self.text:script_fails(path, message)
+  local suite = new_suite(path)
+  add(suite, {
+    script = path, name = "(loading)", status = "error", message = path .. " does not load", trace = message,
+    seconds = 0,
+  })
+  table.insert(self.unloadable, suite)
+end
+
+local function write_suite(file, suite, run)
   local open = '  <testsuite name="%s" tests="%d" failures="%d" errors="%d" skipped="%d" time="%.6f" timestamp="%s">\n'
-  return open:format(escape(path), #results, failed, errors, skipped, seconds,
-    os.date("!%Y-%m-%dT%H:%M:%S", run.started))
-    .. ('    <properties><property name="seed" value="%d"/></properties>\n'):format(run.seed)
-    .. table.concat(cases) .. "  </testsuite>\n"
+  return file:write(
+    open:format(escape(suite.path), suite.count, suite.failed, suite.error, suite.skipped, suite.seconds,
+      os.date("!%Y-%m-%dT%H:%M:%S", run.started)),
+    ('    <properties><property name="seed" value="%d"/></properties>\n'):format(run.seed),
+    table.concat(suite.cases), "  </testsuite>\n")
+end
+
+local function write(self, run)
+  local file = self.file
+  local ok, message = file:write('<?xml version="1.0" encoding="UTF-8"?>\n<testsuites>\n')
+  for _, suites in ipairs({ self.unloadable, self.suites }) do
+    for _, suite in ipairs(suites) do
+      if ok then ok, message = write_suite(file, suite, run) end
+    end
+  end
+  if ok then ok, message = file:write("</testsuites>\n") end
+  if ok then return file:close() end
+  file:close()
+  return nil, message
 end
 
 function M:run_ends(run)
-  local all = {}
-  for _, result in ipairs(self.unloadable) do all[#all + 1] = result end
-  for _, result in ipairs(run.results) do all[#all + 1] = result end
-  local parts = { '<?xml version="1.0" encoding="UTF-8"?>\n<testsuites>\n' }
-  local order, groups = by_script(all)
-  for _, path in ipairs(order) do parts[#parts + 1] = suite(path, groups[path], run) end
-  parts[#parts + 1] = "</testsuites>\n"
   self.text:run_ends(run)
-  local ok, message = self.file:write(table.concat(parts))
-  if ok then ok, message = self.file:close() else self.file:close() end
+  local ok, message = write(self, run)
   if not ok then return nil, ("cannot write the report '%s': %s"):format(self.path, tostring(message)) end
   return true
 end

@@ -43,7 +43,7 @@ end
 
 function M:run_ends(run)
   self.console.write(("1..%d\n"):format(self.count))
-  for _, line in ipairs(summary.slowest(run)) do self:comment("slow: " .. line) end
+  for _, line in ipairs(run.slowest:lines()) do self:comment("slow: " .. line) end
   self:comment(summary.seed(run))
   if run.stopped then self:comment("Stopped at the first failure.") end
   self:comment(summary.totals(run))

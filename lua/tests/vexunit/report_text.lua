@@ -66,7 +66,7 @@ function M:run_ends(run)
     write(("\n%d) %s\n%s\n"):format(index, self:paint("failed", trouble.title), trouble.text))
   end
   if #self.troubles > 0 then write("\n") end
-  local slowest = summary.slowest(run)
+  local slowest = run.slowest:lines()
   if #slowest > 0 and not self.settings.quiet then
     write("Slowest tests:\n" .. table.concat(slowest, "\n") .. "\n")
   end

@@ -1,7 +1,7 @@
 --- Runs scripts one after the other and reports on them as one run.
 --
--- LuaUnit runs each test: set-up, the test, tear-down, repetition, and telling a failed assertion from an error.
--- What is around that is ours: scripts and their environments, classes, the order, when to stop, and the reports.
+-- The engine runs each test. Here is what is around that: scripts and their environments, classes, the order, when to
+-- stop, and what the reports are told.
 
 local fs = require("vex.fs")
 local host = require("vex.host")
@@ -9,6 +9,7 @@ local coverage = require("tests.vexunit.coverage")
 local engine = require("tests.vexunit.engine")
 local isolation = require("tests.vexunit.isolation")
 local scripts = require("tests.vexunit.scripts")
+local summary = require("tests.vexunit.summary")
 
 local M = {}
 
@@ -42,11 +43,11 @@ local function shuffled(list)
 end
 
 -- Whether the names on the command line choose this test, and a note of which of them did.
-local function chosen(run, class, name, full)
+local function chosen(run, test)
   if #run.settings.names == 0 then return true end
   local result = false
   for _, wanted in ipairs(run.settings.names) do
-    if wanted == full or wanted == class or (not class and wanted == name) then
+    if wanted == test.full or wanted == test.class then
       run.used_names[wanted] = true
       result = true
     end
@@ -71,13 +72,13 @@ local function filtered_in(patterns, full)
   return result
 end
 
--- One entry a test: { class, name, full name, instance, function }.
+-- The tests, as the engine takes them.
 local function expand(collected)
   local tests = {}
-  for _, entry in ipairs(collected) do
-    local name, value = entry[1], entry[2]
+  for _, name in ipairs(collected.names) do
+    local value = collected.values[name]
     if type(value) == "function" then
-      tests[#tests + 1] = { name = name, full = name, run = value }
+      tests[#tests + 1] = { full = name, run = value }
     else
       local methods = {}
       for method, body in pairs(value) do
@@ -87,9 +88,7 @@ local function expand(collected)
       end
       table.sort(methods)
       for _, method in ipairs(methods) do
-        tests[#tests + 1] = {
-          class = name, name = method, full = name .. "." .. method, instance = value, run = value[method],
-        }
+        tests[#tests + 1] = { full = name .. "." .. method, run = value[method], class = name, instance = value }
       end
     end
   end
@@ -98,11 +97,10 @@ end
 
 -- Records the end of a test, or of something that is reported like one.
 local function record(run, result)
-  result.script = run.script
   local counts = run.counts
   counts.run = counts.run + 1
   counts[result.status] = counts[result.status] + 1
-  run.results[#run.results + 1] = result
+  run.slowest:add(result)
   run.report:test_ends(result)
   local settings = run.settings
   if result.status == "error" and (settings.stop_at_error or settings.stop_at_failure)
@@ -115,33 +113,31 @@ end
 local function run_fixture(run, instance, fixture, name)
   if type(fixture) ~= "function" then return true end
   local begin = run.clock()
-  run.engine.currentCount = 1
-  local outcome = run.engine:protectedCall(instance, fixture, name)
-  local status = engine.word(outcome.status)
+  local status, message, trace = run.engine:call(fixture, instance, name, 1)
   if status == "passed" then return true end
-  if status == "skipped" then return false, outcome.msg end
+  if status == "skipped" then return false, message end
   record(run, {
-    name = name, status = status, message = outcome.msg, trace = outcome.trace, seconds = run.clock() - begin,
+    script = run.script, name = name, status = status, message = message, trace = trace,
+    seconds = run.clock() - begin,
   })
   return false, name .. " failed"
 end
 
 local function run_test(run, test)
-  local unit = run.engine
   run.report:test_starts(run.script, test.full)
   local begin = run.clock()
-  unit.lastClassName = test.class or "[TestFunctions]" -- LuaUnit sees no change of class: classes are ours
-  unit:execOneFunction(test.class, test.name, test.instance, test.run)
-  local node = unit.result.allTests[#unit.result.allTests]
+  local status, message, trace = run.engine:run(test)
   record(run, {
-    class = test.class, name = test.full, status = engine.word(node.status), message = node.msg,
-    trace = node.stackTrace, seconds = run.clock() - begin,
+    script = run.script, class = test.class, name = test.full, status = status, message = message, trace = trace,
+    seconds = run.clock() - begin,
   })
 end
 
 local function skip_test(run, test, reason)
   run.report:test_starts(run.script, test.full)
-  record(run, { class = test.class, name = test.full, status = "skipped", message = reason, seconds = 0 })
+  record(run, {
+    script = run.script, class = test.class, name = test.full, status = "skipped", message = reason, seconds = 0,
+  })
 end
 
 -- Runs the tests of one script. A class is set up before its first test and torn down after its last one; shuffled
@@ -174,12 +170,16 @@ local function run_tests(run, tests)
 end
 
 local function select_tests(run, collected)
-  local all, selected = expand(collected), {}
-  for _, test in ipairs(all) do
-    if chosen(run, test.class, test.name, test.full) and filtered_in(run.settings.patterns, test.full) then
-      selected[#selected + 1] = test
-    else
-      run.counts.left_out = run.counts.left_out + 1
+  local selected = expand(collected)
+  if #run.settings.names > 0 or #run.settings.patterns > 0 then
+    local all = selected
+    selected = {}
+    for _, test in ipairs(all) do
+      if chosen(run, test) and filtered_in(run.settings.patterns, test.full) then
+        selected[#selected + 1] = test
+      else
+        run.counts.left_out = run.counts.left_out + 1
+      end
     end
   end
   if run.settings.shuffle then shuffled(selected) end
@@ -267,7 +267,7 @@ function M.run(wanted, settings, console)
     return 2
   end
   local run = {
-    settings = settings, report = report, results = {}, used_names = {},
+    settings = settings, report = report, slowest = summary.new_slowest(settings.slowest), used_names = {},
     counts = {
       run = 0, passed = 0, failed = 0, error = 0, skipped = 0, left_out = 0, unloadable = 0, scripts = #found,
     },
@@ -287,7 +287,7 @@ function M.run(wanted, settings, console)
   local begin = run.clock()
   local ok, trouble = xpcall(run_all, debug.traceback, run, found)
   run.seconds = run.clock() - begin
-  run.engine:unregisterSuite()
+  run.engine:close()
   if collector then
     local written, why = collector:finish()
     if not written then ok, trouble = false, why end

@@ -70,7 +70,7 @@ local function describe(trouble, trace)
 end
 
 local function is_test_name(name)
-  return type(name) == "string" and name:sub(1, 4):lower() == "test"
+  return type(name) == "string" and name:find("^[Tt][Ee][Ss][Tt]") ~= nil
 end
 
 -- A test is a global function whose name begins with "test", or such a method of a table whose name does; a table that
@@ -78,24 +78,26 @@ end
 local function collect(before, returned)
   local holders = { _G }
   if type(returned) == "table" and not rawequal(returned, _G) then holders[2] = returned end
-  local found, seen = {}, {}
+  local names, values = {}, {}
   for _, holder in ipairs(holders) do
     for name, value in pairs(holder) do
-      local kind = type(value)
-      local fresh = not (rawequal(holder, _G) and rawequal(before[name], value))
-      if fresh and is_test_name(name) and (kind == "function" or kind == "table") and not seen[name] then
-        seen[name] = true
-        found[#found + 1] = { name, value }
+      if is_test_name(name) and values[name] == nil then
+        local kind = type(value)
+        local fresh = not (rawequal(holder, _G) and rawequal(before[name], value))
+        if fresh and (kind == "function" or kind == "table") then
+          values[name] = value
+          names[#names + 1] = name
+        end
       end
     end
   end
-  table.sort(found, function(a, b) return a[1] < b[1] end)
-  return found
+  table.sort(names)
+  return { names = names, values = values }
 end
 
 --- Loads a script in the present environment.
--- @return array of { name, function or class }, or nil and what is wrong, with a traceback when it failed while it
--- ran; then the script's setupSuite and teardownSuite, if it has them
+-- @return table with `names`, sorted, and `values`, a function or class by each name; or nil and what is wrong, with a
+-- traceback when it failed while it ran; then the script's setupSuite and teardownSuite, if it has them
 function M.load(path)
   local chunk, message = loadfile(path, "t")
   if not chunk then return nil, message end

@@ -19,19 +19,40 @@ function M.totals(run)
   return table.concat(parts, ", ")
 end
 
---- Lines that name the slowest tests, slowest first.
-function M.slowest(run)
-  local sorted = {}
-  for _, result in ipairs(run.results) do
-    if result.status ~= "skipped" then sorted[#sorted + 1] = result end
+local Slowest = {}
+Slowest.__index = Slowest
+
+local function is_slower(a, b)
+  if a.seconds ~= b.seconds then return a.seconds > b.seconds end
+  return a.script .. a.name < b.script .. b.name
+end
+
+-- Sorts what is kept and lets go of all but the slowest.
+local function cut(self)
+  local kept = self.kept
+  table.sort(kept, is_slower)
+  for index = #kept, self.limit + 1, -1 do kept[index] = nil end
+end
+
+--- Keeps the slowest results.
+-- @param limit how many
+function M.new_slowest(limit) return setmetatable({ limit = limit, kept = {}, least = -math.huge }, Slowest) end
+
+function Slowest:add(result)
+  if result.seconds < self.least or result.status == "skipped" or self.limit == 0 then return end
+  local kept = self.kept
+  kept[#kept + 1] = result
+  if #kept >= 2 * self.limit + 16 then -- now and then: to sort is dear
+    cut(self)
+    self.least = kept[self.limit].seconds
   end
-  table.sort(sorted, function(a, b)
-    if a.seconds ~= b.seconds then return a.seconds > b.seconds end
-    return a.script .. a.name < b.script .. b.name
-  end)
+end
+
+--- Lines that name them, slowest first.
+function Slowest:lines()
+  cut(self)
   local lines = {}
-  for index = 1, math.min(run.settings.slowest, #sorted) do
-    local result = sorted[index]
+  for index, result in ipairs(self.kept) do
     lines[index] = ("%9.1f ms  %s %s"):format(result.seconds * 1000, result.script, result.name)
   end
   return lines

@@ -352,6 +352,32 @@ return { TestA = { setupClass = function() error("no database") end, test_x = fu
   lu.assertStrContains(out, "1 passed, 0 failed, 1 error, 1 skipped")
 end
 
+function M.TestFixtures:test_set_up_and_tear_down_of_a_test_have_luaunits_names_and_its_rules()
+  script("a.lua", [[
+local log = {}
+local function note(text, message)
+  return function()
+    log[#log + 1] = text
+    if message then error(message, 0) end
+  end
+end
+return {
+  TestA = { Setup = note("a("), test = note("a"), Teardown = note(")a ") },
+  TestB = { SetUp = note("b("), test = note("b", "first"), TearDown = note(")b ", "too late") },
+  TestC = { setup = note("c(", "not made"), test = note("c"), teardown = note(")c ") },
+  TestD = { setUp = note("d("), test = note("d"), tearDown = note(")d ", "not cleared") },
+  teardownSuite = function() error(table.concat(log), 0) end,
+}]])
+  local status, out = run("a.lua", { "-v" })
+  lu.assertEquals(status, 1)
+  lu.assertStrContains(out, "a(a)a b(b)b c()c d(d)d ")
+  lu.assertStrContains(out, "1 passed, 0 failed, 4 errors")
+  for _, shown in ipairs({ "TestB.test\nfirst\n", "TestC.test\nnot made\n", "TestD.test\nnot cleared\n" }) do
+    lu.assertStrContains(out, shown)
+  end
+  lu.assertNil(out:find("too late", 1, true))
+end
+
 function M.TestFixtures:test_a_failing_suite_set_up_skips_the_script()
   script("a.lua", "return { setupSuite = function() error('x') end, test_y = function() end }")
   local status, out = run("a.lua")
@@ -394,6 +420,21 @@ function M.TestReports:test_the_summary_names_the_slowest_tests_and_the_seed()
   script("a.lua", "return { test_slow = function() time_now = time_now + 0.5 end, test_fast = function() end }")
   local _, out = run("a.lua", { "--seed", "99", "--slowest", "1" }, false, function() return rawget(_G, "time_now") end)
   lu.assertStrMatches(out, ".*Slowest tests:\n +500%.0 ms  %S+a%.lua test_slow\nSeed: 99\n.*")
+end
+
+function M.TestReports:test_the_slowest_of_many_tests_are_found_wherever_they_run()
+  time_now = 0 -- luacheck: ignore 111
+  local lines = { "local M = {}" }
+  for index = 0, 199 do -- from 1 to 200 seconds, in no order
+    lines[#lines + 1] = ("function M.test_%03d() time_now = time_now + %d end"):format(index, 200 - index * 77 % 200)
+  end
+  lines[#lines + 1] = "function M.test_like() time_now = time_now + 198 end"
+  script("a.lua", table.concat(lines, "\n") .. "\nreturn M")
+  local _, out = run("a.lua", { "--slowest", "4" }, false, function() return rawget(_G, "time_now") end)
+  local shown = {}
+  for seconds, name in out:gmatch("(%d+)000%.0 ms  %S+ (%S+)") do shown[#shown + 1] = seconds .. " " .. name end
+  lu.assertEquals(shown, { "200 test_000", "199 test_013", "198 test_026", "198 test_like" })
+  lu.assertNil(select(2, run("a.lua", { "--slowest", "0" })):find("Slowest", 1, true))
 end
 
 function M.TestReports:test_tap_has_a_line_a_test_and_its_plan()
