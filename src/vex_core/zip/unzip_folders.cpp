@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <iterator>
 #include <set>
+#include <utility>
 
 #include <fcntl.h>
 #include <wx/log.h>
@@ -170,6 +171,12 @@ void UnzipFolders::NoteChange(std::string_view path)
     m_open.find(path)->second.changed = true;
 }
 
+void UnzipFolders::NoteRename(std::string_view path)
+{
+    Folder& folder = m_open.find(path)->second;
+    folder.changed = folder.renamed = true;
+}
+
 void UnzipFolders::CheckAll()
 {
     for (const auto& [path, folder] : m_open)
@@ -185,7 +192,7 @@ void UnzipFolders::Flush()
             changed.push_back(path);
     if (changed.size() > manyFolders && FlushFileSystemsOf(changed)) {
         for (const std::string_view path : changed)
-            m_open.find(path)->second.changed = false;
+            m_open.find(path)->second.SetFlushed();
         return;
     }
     // Deepest first: once a folder's name is on stable storage, so is what it holds.
@@ -194,8 +201,19 @@ void UnzipFolders::Flush()
             continue;
         if (os::FSync(item->second.file.Get()) != 0)
             throw UnzipFailure("cannot flush the folder " + Quoted(item->first), os::LastError());
-        item->second.changed = false;
+        item->second.SetFlushed();
     }
+}
+
+void UnzipFolders::FlushRenames()
+{
+    Folder& root = m_open.begin()->second;
+    if (root.renamed)
+        return Flush();
+    // What else changed in it, a folder that was made, can wait for the flush that is to come.
+    const bool changed = std::exchange(root.changed, false);
+    Flush();
+    root.changed = changed;
 }
 
 bool UnzipFolders::FlushFileSystemsOf(const std::vector<std::string_view>& paths)

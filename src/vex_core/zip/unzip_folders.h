@@ -57,9 +57,14 @@ public:
 
     /// Notes that names in this open folder changed, so that `Flush` puts them on stable storage.
     void NoteChange(std::string_view path);
+    /// The same where temporary names became those of files.
+    void NoteRename(std::string_view path);
     /// Throws unless every open folder is still the one that its name leads to.
     void CheckAll();
     void Flush();
+    /// Puts on stable storage, at least, that temporary names are none any more; the destination may be left for a
+    /// `Flush`, which is to come in any case.
+    void FlushRenames();
     /// Flushes the whole file systems that hold these open folders, which beats many single flushes by far. False: the
     /// system cannot do that, or not reliably.
     bool FlushFileSystemsOf(const std::vector<std::string_view>& paths);
@@ -74,6 +79,9 @@ private:
         os::FileIdentity identity;
         bool othersMayExchange = false;
         bool changed = false;
+        bool renamed = false; // in it; then it is changed, too
+
+        void SetFlushed() { changed = renamed = false; }
     };
     using Folders = std::map<std::string, Folder, std::less<>>;
 

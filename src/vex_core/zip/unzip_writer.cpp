@@ -13,16 +13,16 @@ namespace VexCore {
 namespace {
 #ifdef VEX_SMALL_LIMITS
 constexpr std::size_t maxWaitingFiles = 8;
-constexpr std::size_t manyFiles = 5;
 constexpr std::uint64_t maxWaitingBytes = 64 * 1024;
 constexpr std::uint64_t writebackStep = 8 * 1024;
 #else
 // While files wait, old and new ones take space side by side.
 constexpr std::size_t maxWaitingFiles = 1024;
-constexpr std::size_t manyFiles = 16; // from here on one flush of the file system costs less than one of each file
 constexpr std::uint64_t maxWaitingBytes = 64 * 1024 * 1024;
 constexpr std::uint64_t writebackStep = 8 * 1024 * 1024;
 #endif
+// Each flush of a file is a journal to be written, and so is one of the file system. Of more files it is cheaper.
+constexpr std::size_t fewFiles = 3;
 
 std::string InEntry(const ZipEntry& entry)
 {
@@ -97,7 +97,7 @@ void UnzipWriter::Commit()
 
 void UnzipWriter::FlushWaiting()
 {
-    if (m_waiting.size() > manyFiles) {
+    if (m_waiting.size() > fewFiles) {
         std::vector<std::string_view> folders;
         for (const Waiting& waiting : m_waiting)
             folders.push_back(FolderOf(waiting.entry->name));
@@ -123,7 +123,7 @@ void UnzipWriter::RenameWaiting()
             const std::string& path = waiting.entry->name;
             if (os::RenameAt(waiting.folder, waiting.temporary.c_str(), waiting.folder, LastOf(path).c_str()) != 0)
                 throw UnzipFailure(InEntry(*waiting.entry) + "cannot give it its name", os::LastError());
-            m_folders.NoteChange(FolderOf(path));
+            m_folders.NoteRename(FolderOf(path));
         }
     } catch (...) {
         m_waiting.erase(m_waiting.begin(), m_waiting.begin() + static_cast<std::ptrdiff_t>(done));

@@ -25,7 +25,8 @@ public:
     void Write(const ZipArchive& archive, const ZipEntry& entry);
     /// Whether so much waits that it is time for `Commit`.
     bool IsFull() const;
-    /// Flushes all files that wait and gives them their names; the folders are to be flushed after it. On failure the
+    /// Flushes all files that wait and gives them their names; the folders are to be flushed after it. In this order: a
+    /// name never leads to data that a power failure could take back. On failure the
     /// temporary files are gone and each file is old or new.
     void Commit();
 
