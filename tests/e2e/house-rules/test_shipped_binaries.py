@@ -83,4 +83,4 @@ def test_debug_data_is_put_where_a_debugger_looks(tmp_path):
 def test_the_operators_tool_starts_without_what_only_the_agent_needs():
     needed = set(re.findall(r"NEEDED.*\[lib([\w+]+)", readelf("-d", os.path.join(STAGE, "vexctl"))))
     # The reader of archives tells them apart by hashes of crypto's.
-    assert needed <= {"wx_baseu", "sqlite3", "crypto", "deflate", "z", "stdc++", "gcc_s", "m", "c"}
+    assert needed <= {"wx_baseu", "sqlite3", "crypto", "deflate", "isal", "z", "stdc++", "gcc_s", "m", "c"}
