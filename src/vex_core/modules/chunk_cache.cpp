@@ -21,7 +21,8 @@ namespace {
 constexpr std::uint64_t writeAtBytes = 4096;
 constexpr std::uint64_t aheadBytes = 256;
 #else
-constexpr std::uint64_t writeAtBytes = 8 * 1024 * 1024;
+// To write so much takes less than to find memory for more.
+constexpr std::uint64_t writeAtBytes = 256 * 1024;
 constexpr std::uint64_t aheadBytes = 32 * 1024;
 #endif
 // A larger file is not read back as a whole: what it held is compiled again.
@@ -52,11 +53,6 @@ void AddOnce(std::vector<Value>& values, const Value& value)
 {
     if (std::find(values.begin(), values.end(), value) == values.end())
         values.push_back(value);
-}
-
-bool HasLowerHash(const ChunkRecord& left, const ChunkRecord& right)
-{
-    return left.nameHash < right.nameHash;
 }
 
 // False when there are fewer than `size` bytes.
@@ -112,8 +108,10 @@ void ChunkCache::DropFile()
     m_loaded = false;
     m_file = ChunkFile();
     m_records.clear();
+    m_newest.clear();
     m_paths.clear();
     m_blockCount = 0;
+    m_indexedBytes = 0;
     m_isDamaged = false;
     std::string().swap(m_ahead);
     m_nextAt = 0;
@@ -144,26 +142,26 @@ bool ChunkCache::LoadIndex()
     return true;
 }
 
-// Up to the first block that is not whole: where the next one begins is not known then.
+// From the last one that is known to the first that is not whole: where the next one begins is not known then.
 void ChunkCache::LoadBlocks()
 {
     using namespace ChunkCacheFormat;
     std::string bytes;
-    for (std::uint64_t at = 0; at < m_file.bytes && !m_isDamaged;) {
+    while (m_indexedBytes < m_file.bytes) {
+        const std::uint64_t at = m_indexedBytes;
+        const std::size_t first = m_records.size();
         Header header;
         if (!ReadAt(m_file, at, headerBytes, bytes) || !ParseHeader(bytes, m_key, m_file.bytes - at, header)
             || !ReadAt(m_file, at + headerBytes, static_cast<std::size_t>(header.count) * recordBytes, bytes)
             || !ParseIndex(bytes, header, at, m_records)) {
             m_isDamaged = true;
-            break;
+            return;
         }
-        at += header.blockBytes;
+        for (std::size_t i = first; i < m_records.size(); ++i)
+            m_newest[m_records[i].nameHash] = i;
+        m_indexedBytes += header.blockBytes;
         ++m_blockCount;
         AddOnce(m_paths, header.pathChecksum);
-    }
-    if (m_blockCount > 1) {
-        std::reverse(m_records.begin(), m_records.end());
-        std::stable_sort(m_records.begin(), m_records.end(), HasLowerHash);
     }
 }
 
@@ -197,16 +195,13 @@ bool ChunkCache::FindWaiting(const std::string& name, std::string& buffer, std::
 
 bool ChunkCache::FindOnDisk(const std::string& name, std::string& buffer, std::string_view& chunk)
 {
-    if (m_records.empty())
+    const auto newest = m_newest.find(HashName(name));
+    if (newest == m_newest.end())
         return false;
-    ChunkRecord wanted;
-    wanted.nameHash = HashName(name);
-    auto [record, end] = std::equal_range(m_records.begin(), m_records.end(), wanted, HasLowerHash);
-    for (; record != end; ++record) {
-        if (ReadRecord(*record, buffer) && ChunkCacheFormat::ParseRecord(buffer, *record, name, chunk))
-            return true;
-        m_isDamaged = true;
-    }
+    const ChunkRecord& record = m_records[newest->second];
+    if (ReadRecord(record, buffer) && ChunkCacheFormat::ParseRecord(buffer, record, name, chunk))
+        return true;
+    m_isDamaged = true;
     return false;
 }
 
@@ -234,17 +229,17 @@ bool ChunkCache::ReadRecord(const ChunkRecord& record, std::string& bytes)
     return true;
 }
 
-// Whether the file has no room for what comes together until the next writing, and nothing in it could make room.
-bool ChunkCache::IsFullOf(std::uint32_t path) const
+// Whether there is no room for so many bytes more, and nothing in the file could make room.
+bool ChunkCache::IsFullOf(std::uint32_t path, std::uint64_t moreBytes) const
 {
-    return m_file.bytes + std::min(writeAtBytes, m_maxFileBytes / 16) > m_maxFileBytes && !m_isDamaged
-           && m_paths.size() == 1 && m_paths.front() == path;
+    return m_file.bytes + moreBytes > m_maxFileBytes && !m_isDamaged && m_paths.size() == 1 && m_paths.front() == path;
 }
 
 void ChunkCache::Add(const std::string& name, std::size_t archiveLength, std::string_view chunk)
 {
     const std::lock_guard lock(m_lock);
-    if (IsFullOf(ChunkCacheFormat::PathChecksum(std::string_view(name).substr(0, archiveLength))))
+    if (IsFullOf(ChunkCacheFormat::PathChecksum(std::string_view(name).substr(0, archiveLength)),
+                 std::min(writeAtBytes, m_maxFileBytes / 16))) // what comes together until the next writing
         m_writable = false;
     if (!m_writable || name.size() + chunk.size() > m_maxFileBytes / 2)
         return;
@@ -266,18 +261,19 @@ void ChunkCache::Flush()
     const std::lock_guard lock(m_lock);
     if (!m_waiting.empty())
         WriteWaiting();
+    std::string().swap(m_waitingData);
+    std::string().swap(m_block);
 }
 
 // Whether another process has written the same chunk meanwhile.
 bool ChunkCache::IsWritten(const Item& item) const
 {
-    ChunkRecord wanted;
-    wanted.nameHash = HashName(item.name);
-    const auto [first, end] = std::equal_range(m_records.begin(), m_records.end(), wanted, HasLowerHash);
-    return std::any_of(first, end, [&item](const ChunkRecord& record) {
-        return record.nameLength == item.name.size() && record.chunkLength == item.chunk.size()
-               && record.checksum == ChunkCacheFormat::RecordChecksum(item);
-    });
+    const auto newest = m_newest.find(HashName(item.name));
+    if (newest == m_newest.end())
+        return false;
+    const ChunkRecord& record = m_records[newest->second];
+    return record.nameLength == item.name.size() && record.chunkLength == item.chunk.size()
+           && record.checksum == ChunkCacheFormat::RecordChecksum(item);
 }
 
 std::vector<Item> ChunkCache::NewItems() const
@@ -293,8 +289,8 @@ std::vector<Item> ChunkCache::NewItems() const
     return items;
 }
 
-// False when the file cannot grow by these.
-bool ChunkCache::WriteBehind(const std::vector<Item>& items) const
+// False when the file cannot grow by these, or is another one by now than was looked at.
+bool ChunkCache::WriteBehind(const std::vector<Item>& items)
 {
     if (!m_file.descriptor || m_isDamaged || (m_blockCount >= maxBlocks && m_file.bytes <= smallBytes))
         return false;
@@ -303,8 +299,11 @@ bool ChunkCache::WriteBehind(const std::vector<Item>& items) const
         AddOnce(paths, ChunkCacheFormat::PathChecksum(PathOf(item)));
     if (paths.size() > maxPathsAFile)
         return false;
-    const std::string bytes = ChunkCacheFormat::Build(m_key, items);
-    return m_file.bytes + bytes.size() <= m_maxFileBytes && m_folder.Append(m_key, m_file, bytes);
+    ChunkCacheFormat::Build(m_key, items, m_block);
+    if (m_file.bytes + m_block.size() > m_maxFileBytes || !m_folder.Append(m_key, m_file, m_block))
+        return false;
+    LoadBlocks();
+    return true;
 }
 
 // These, and what a small file holds already as far as it is whole and there is room.
@@ -315,10 +314,8 @@ bool ChunkCache::WriteAnew(const std::vector<Item>& items) const
         selection.Take(item);
     std::string data;
     if (m_file.bytes <= maxJoinedBytes && ReadAt(m_file, 0, static_cast<std::size_t>(m_file.bytes), data)) {
-        std::vector<ChunkRecord> newestFirst = m_records;
-        std::sort(newestFirst.begin(), newestFirst.end(),
-                  [](const ChunkRecord& left, const ChunkRecord& right) { return left.offset > right.offset; });
-        for (const ChunkRecord& record : newestFirst) {
+        for (auto newest = m_records.rbegin(); newest != m_records.rend(); ++newest) {
+            const ChunkRecord& record = *newest;
             const std::string_view whole =
                 std::string_view(data).substr(static_cast<std::size_t>(record.offset), BytesOf(record));
             const std::string_view name = whole.substr(0, record.nameLength);
@@ -332,17 +329,29 @@ bool ChunkCache::WriteAnew(const std::vector<Item>& items) const
 
 void ChunkCache::WriteWaiting()
 {
-    const bool wasDamaged = m_isDamaged;
-    LoadIndex(); // what another process has written meanwhile stays
-    m_isDamaged = m_isDamaged || wasDamaged; // of a chunk the index tells nothing
-    const std::vector<Item> items = NewItems();
-    if (m_writable && !items.empty() && !WriteBehind(items)
-        && (IsFullOf(ChunkCacheFormat::PathChecksum(PathOf(items.front()))) || !WriteAnew(items)))
-        m_writable = false; // the next process tries again
+    const bool wasOpen = static_cast<bool>(m_file.descriptor);
+    if (!m_loaded)
+        LoadIndex();
+    std::vector<Item> items = NewItems();
+    if (m_writable && !items.empty() && !WriteBehind(items)) {
+        const bool wasDamaged = m_isDamaged;
+        LoadIndex(); // what another process has written meanwhile stays
+        m_isDamaged = m_isDamaged || wasDamaged; // of a chunk the index tells nothing
+        items = NewItems();
+        std::uint64_t bytes = ChunkCacheFormat::headerBytes;
+        for (const Item& item : items)
+            bytes += BytesOf(item);
+        if (m_writable && !items.empty() && !WriteBehind(items)) {
+            const bool isFull = IsFullOf(ChunkCacheFormat::PathChecksum(PathOf(items.front())), bytes);
+            m_writable = !isFull && WriteAnew(items); // if not, the next process tries again
+            DropFile();
+        }
+    }
     m_waiting.clear();
     m_waitingByHash.clear();
-    std::string().swap(m_waitingData);
-    DropFile();
+    m_waitingData.clear();
+    if (!wasOpen)
+        DropFile(); // nobody counts it as open
 }
 
 } // namespace VexCore

@@ -19,9 +19,9 @@ namespace VexCore {
 /// The compiled chunks of the archives with one and the same directory. Any thread, and any number of processes on one
 /// folder: a file only grows, or is replaced whole.
 ///
-/// New chunks wait in memory, so that a start does not wait for them. They are written together: at a lookup two
-/// seconds after the last of them came, when an interpreter is closed, when the process exits, and before they fill too
-/// much memory. Nothing wakes up for them, and nothing is written where nothing is new.
+/// New chunks wait in memory and are written together: at a lookup two seconds after the last of them came, when an
+/// interpreter is closed, when the process exits, and a block of them whenever they fill 256 KiB. Nothing wakes up for
+/// them, and nothing is written where nothing is new.
 class ChunkCache : public std::enable_shared_from_this<ChunkCache>
 {
 public:
@@ -64,11 +64,11 @@ private:
     bool FindWaiting(const std::string& name, std::string& buffer, std::string_view& chunk) const;
     bool FindOnDisk(const std::string& name, std::string& buffer, std::string_view& chunk);
     bool ReadRecord(const ChunkRecord& record, std::string& bytes);
-    bool IsFullOf(std::uint32_t path) const;
+    bool IsFullOf(std::uint32_t path, std::uint64_t moreBytes) const;
     bool IsWritten(const ChunkCacheFormat::Item& item) const;
     void WriteWaiting();
     std::vector<ChunkCacheFormat::Item> NewItems() const;
-    bool WriteBehind(const std::vector<ChunkCacheFormat::Item>& items) const;
+    bool WriteBehind(const std::vector<ChunkCacheFormat::Item>& items);
     bool WriteAnew(const std::vector<ChunkCacheFormat::Item>& items) const;
 
     const ChunkCacheFolder m_folder;
@@ -79,16 +79,19 @@ private:
     std::mutex m_lock; // guards what follows
     bool m_loaded = false; // whether the file was looked for
     ChunkFile m_file; // without a descriptor when there is none of use
-    std::vector<ChunkRecord> m_records; // of the file, sorted by nameHash; of one name the newest first
+    std::vector<ChunkRecord> m_records; // of the file, block by block
+    std::unordered_map<std::uint64_t, std::size_t> m_newest; // places in m_records, by hash of the name
     std::vector<std::uint32_t> m_paths; // of the archives whose chunks are in the file, as checksums
     std::size_t m_blockCount = 0; // of the file
+    std::uint64_t m_indexedBytes = 0; // of the file: m_records has those blocks
     bool m_isDamaged = false; // something in the file is not whole: nothing may be written behind it
     std::string m_ahead; // what was read along with a chunk
     std::uint64_t m_aheadAt = 0; // where it lies in the file
     std::uint64_t m_nextAt = 0; // behind the chunk that was read last
     std::vector<Waiting> m_waiting; // in the order in which they came
     std::unordered_map<std::uint64_t, std::size_t> m_waitingByHash; // places in m_waiting, by hash of the name
-    std::string m_waitingData; // their chunks, in one block
+    std::string m_waitingData; // their chunks, one behind the other
+    std::string m_block; // what was written last: its memory is kept until `Flush`
 };
 
 } // namespace VexCore

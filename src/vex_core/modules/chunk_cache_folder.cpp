@@ -226,7 +226,7 @@ bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes)
     return true;
 }
 
-bool ChunkCacheFolder::Append(const std::string& key, const ChunkFile& file, const std::string& bytes) const
+bool ChunkCacheFolder::Append(const std::string& key, ChunkFile& file, const std::string& bytes) const
 {
     os::Descriptor folder;
     if (OpenFolder(m_path, false, folder) != FolderState::Usable)
@@ -244,6 +244,8 @@ bool ChunkCacheFolder::Append(const std::string& key, const ChunkFile& file, con
         Trace(__LINE__, m_path, "not written: " + os::ErrorText(os::LastError()));
         return false;
     }
+    if (os::FStat(end.Get(), status) == 0)
+        file.bytes = static_cast<std::uint64_t>(status.st_size);
     SweptFolders::Process().NoteWritten(m_path, folder.Get(), false, bytes.size());
     return true;
 }

@@ -51,8 +51,9 @@ public:
     /// month, what killed writers left, and the oldest beyond the bounds.
     bool Replace(const std::string& key, const std::string& bytes) const;
     /// Writes behind the end of the file of a cache, by one call: what two processes write at once lies one behind the
-    /// other. False when it is another file by now than `file`, or has another length. Sweeps as `Replace` does.
-    bool Append(const std::string& key, const ChunkFile& file, const std::string& bytes) const;
+    /// other. False when it is another file by now than `file`, or has another length; else `file` has the new one.
+    /// Sweeps as `Replace` does.
+    bool Append(const std::string& key, ChunkFile& file, const std::string& bytes) const;
 
 private:
     const std::string m_path;

@@ -179,6 +179,13 @@ bool ParseRecord(std::string_view bytes, const ChunkRecord& record, std::string_
 
 std::string Build(std::string_view key, const std::vector<Item>& items)
 {
+    std::string file;
+    Build(key, items, file);
+    return file;
+}
+
+void Build(std::string_view key, const std::vector<Item>& items, std::string& file)
+{
     std::vector<std::pair<std::string_view, std::vector<const Item*>>> blocks; // by path; seldom more than one
     for (const Item& item : items) {
         const std::string_view path = item.name.substr(0, item.archiveLength);
@@ -188,10 +195,9 @@ std::string Build(std::string_view key, const std::vector<Item>& items)
             block = blocks.insert(block, {path, {}});
         block->second.push_back(&item);
     }
-    std::string file;
+    file.clear();
     for (const auto& [path, ofPath] : blocks)
         AddBlock(file, key, ofPath);
-    return file;
 }
 
 } // namespace VexCore::ChunkCacheFormat

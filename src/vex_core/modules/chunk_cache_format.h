@@ -61,6 +61,8 @@ std::uint32_t PathChecksum(std::string_view archive);
 
 /// The bytes of a row of blocks, one for each archive's path.
 std::string Build(std::string_view key, const std::vector<Item>& items);
+/// The same into memory that the caller keeps: to find so much anew each time takes as long as to fill it.
+void Build(std::string_view key, const std::vector<Item>& items, std::string& file);
 
 } // namespace ChunkCacheFormat
 

@@ -105,41 +105,49 @@ ModuleLoader& LoaderOf(lua_State* L)
 class DumpedChunk
 {
 public:
-    explicit DumpedChunk(std::string& bytes) : m_bytes(bytes) {}
+    // Uses what `bytes` has already as its room.
+    explicit DumpedChunk(std::string& bytes)
+        : m_bytes(bytes), m_end(m_bytes.data()), m_limit(m_bytes.data() + m_bytes.size())
+    {}
 
-    std::string_view Bytes() const { return std::string_view(m_bytes).substr(0, m_size); }
+    std::string_view Bytes() const { return std::string_view(m_bytes).substr(0, Size()); }
 
     static int Take(lua_State*, const void* data, std::size_t size, void* context)
     {
         auto& chunk = *static_cast<DumpedChunk*>(context);
-        if (size > chunk.m_bytes.size() - chunk.m_size && !chunk.MakeRoom(size))
+        if (size > static_cast<std::size_t>(chunk.m_limit - chunk.m_end) && !chunk.MakeRoom(size))
             return 1;
-        char* const end = &chunk.m_bytes[chunk.m_size];
         if (size == sizeof(std::uint32_t))
-            std::memcpy(end, data, sizeof(std::uint32_t));
+            std::memcpy(chunk.m_end, data, sizeof(std::uint32_t));
         else if (size == sizeof(std::uint64_t))
-            std::memcpy(end, data, sizeof(std::uint64_t));
+            std::memcpy(chunk.m_end, data, sizeof(std::uint64_t));
         else if (size == 1)
-            *end = *static_cast<const char*>(data);
+            *chunk.m_end = *static_cast<const char*>(data);
         else
-            std::memcpy(end, data, size);
-        chunk.m_size += size;
+            std::memcpy(chunk.m_end, data, size);
+        chunk.m_end += size;
         return 0;
     }
 
 private:
+    std::size_t Size() const { return static_cast<std::size_t>(m_end - m_bytes.data()); }
+
     bool MakeRoom(std::size_t size)
     {
+        const std::size_t used = Size();
         try {
-            m_bytes.resize(std::max(2 * m_bytes.size(), m_size + size + 256));
-            return true;
+            m_bytes.resize(std::max(2 * m_bytes.size(), used + size + 256));
         } catch (const std::exception&) {
             return false;
         }
+        m_end = m_bytes.data() + used;
+        m_limit = m_bytes.data() + m_bytes.size();
+        return true;
     }
 
     std::string& m_bytes;
-    std::size_t m_size = 0;
+    char* m_end; // of what there is
+    char* m_limit; // of the room for it
 };
 
 int RaiseLoadError(lua_State* L, const char* module, const std::string& path, const char* why)
