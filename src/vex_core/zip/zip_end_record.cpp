@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <optional>
 
 namespace VexCore::Zip {
@@ -45,9 +46,14 @@ std::uint64_t FindEndRecord(Window& window)
         throw Refused("it has no end record");
     const unsigned char* const bytes = window.At(first, static_cast<std::size_t>(last - first + endSize));
     std::optional<std::uint64_t> place;
+    // Nearly all of these bytes are no signature's first: the C library looks at many of them at a time.
     for (std::uint64_t at = first; at <= last; ++at) {
-        const unsigned char* const record = bytes + (at - first);
-        if (record[0] != 'P' || Get32(record) != endSignature)
+        const void* const next = std::memchr(bytes + (at - first), 'P', static_cast<std::size_t>(last - at + 1));
+        if (!next)
+            break;
+        const unsigned char* const record = static_cast<const unsigned char*>(next);
+        at = first + static_cast<std::uint64_t>(record - bytes);
+        if (Get32(record) != endSignature)
             continue;
         const std::uint64_t end = at + endSize + Get16(record + 20);
         if (end < contentEnd || end > fileSize)
