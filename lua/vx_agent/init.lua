@@ -9,6 +9,7 @@ local log = require("vex.log")("vx_agent")
 local options = require("vx_agent.options")
 local plugins = require("vx_agent.plugins")
 local report = require("vx_agent.report")
+local reporter = require("vx_agent.reporter")
 local restarts = require("vx_agent.restarts")
 local workers = require("vx_agent.workers")
 
@@ -27,22 +28,44 @@ function M.init()
   return 0
 end
 
+-- What a plugin collects in this state, or nil and a message.
+local function collect_here(entry)
+  local ok, message = plugins.call(entry, "start", dom0)
+  if not ok then return nil, message end
+  started[#started + 1] = entry
+  return plugins.collect(entry, dom0)
+end
+
+-- The workers of several plugins, which collect at the same time; a single one needs none.
+local function start_reporters()
+  local usable, working = 0, {}
+  for _, entry in ipairs(found) do usable = usable + (entry.plugin and 1 or 0) end
+  for index, entry in ipairs(usable > 1 and found or {}) do
+    if entry.plugin then
+      local ok, worker = pcall(dom0.StartThread, dom0, "vx_agent.reporter", { plugin = entry.id })
+      working[index] = ok and worker or nil -- where there is no room for one this state collects
+    end
+  end
+  return working
+end
+
 -- A plugin's block of the report.
-local function block_of(entry)
+local function block_of(entry, worker)
   if not entry.plugin then return { name = entry.id, error = entry.error } end
   local block = { name = entry.plugin.name, version = entry.plugin.version, units = plugins.units(entry.plugin) }
-  local ok, message = plugins.call(entry, "start", dom0)
-  if ok then
-    started[#started + 1] = entry
-    block.values, message = plugins.collect(entry, dom0)
+  local message
+  if worker then
+    block.values, message = reporter.take(worker, entry.id)
+  else
+    block.values, message = collect_here(entry)
   end
   if not block.values then block.error = message end
   return block
 end
 
 local function collect()
-  local blocks = {}
-  for index, entry in ipairs(found) do blocks[index] = block_of(entry) end
+  local blocks, working = {}, start_reporters()
+  for index, entry in ipairs(found) do blocks[index] = block_of(entry, working[index]) end
   return report.whole(facts.collect(), dom0, blocks)
 end
 

@@ -146,6 +146,25 @@ def test_a_setting_enables_a_plugin_and_one_that_cannot_be_loaded_is_in_the_repo
     assert absent["error"].startswith("module 'absent.plugin' not found")
 
 
+def test_the_plugins_of_a_report_collect_at_the_same_time(tree):
+    # Each collects once the other does: one after the other they would never come to an end.
+    for name, other in (("one", "two"), ("two", "one")):
+        tree.file(f"{name}/plugin.lua", f"""
+local M = {{ name = "{name}", version = "1" }}
+function M.collect(dom)
+  dom:Set("test.{name}", true)
+  while not dom:GetBool("test.{other}") do dom:Wait("test.{other}", 1) end
+  return {{ met = "{other}" }}
+end
+function M.stop(dom) dom:Log("info", "{name} has stopped") end
+return M
+""")
+    result = tree.run("--plugins", "one,two", "--", "--json")
+    assert (result.status, result.err) == (0, "")
+    assert [plugin["values"] for plugin in json.loads(result.out)["plugins"]] == [{"met": "two"}, {"met": "one"}]
+    assert result.log.count("one has stopped") == result.log.count("two has stopped") == 1
+
+
 @pytest.mark.parametrize("arguments", [(), ("--", "--json")])
 def test_a_report_that_cannot_be_written_in_full_fails(tree, arguments):
     with open("/dev/full", "wb") as full:

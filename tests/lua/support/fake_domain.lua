@@ -60,6 +60,7 @@ function M:StartThread(module, argument)
     return not self.stuck
   end
   self.started[#self.started + 1] = worker
+  if self.runs_threads then require(module).run(argument) end
   return worker
 end
 

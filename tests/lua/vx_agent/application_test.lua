@@ -126,6 +126,57 @@ function M.TestApplication:test_a_plugin_that_cannot_be_loaded_is_in_the_report_
   lu.assertEquals(table.concat(calls, " "), "start stop")
 end
 
+local function second(collect)
+  package.preload["second.plugin"] = function() return { name = "Second", version = "2", collect = collect } end
+  package.loaded["second.plugin"] = nil
+  dom0.values["app.plugins"] = "probe,nowhere,second"
+end
+
+function M.TestApplication:test_several_plugins_collect_in_workers_of_their_own()
+  second(function() return { more = "text", list = {} } end)
+  dom0.runs_threads = true
+  self.application.init()
+  lu.assertEquals(self.application.main(), 0)
+  lu.assertEquals(#dom0.started, 2)
+  lu.assertEquals(dom0.started[2].module, "vx_agent.reporter")
+  lu.assertEquals(dom0.started[2].argument, { plugin = "second" })
+  lu.assertEquals(dom0.started[2].calls, { "join" })
+  lu.assertStrContains(self:output(), "Plugin Probe 1\n  answer  42\n")
+  lu.assertStrContains(self:output(), "\nPlugin nowhere\n  failed: ")
+  lu.assertStrMatches(self:output(), ".*\nPlugin Second 2\n.*more +text\n.*")
+  lu.assertEquals(self.application.shutdown(), 0)
+  lu.assertEquals(table.concat(calls, " "), "start stop") -- once, in its worker
+  for key in pairs(dom0.values) do lu.assertNotStrContains(key, "vex.report") end
+end
+
+function M.TestApplication:test_what_fails_in_a_worker_is_in_its_block()
+  second(function() error("no figures") end)
+  dom0.runs_threads = true
+  self.application.init()
+  require("probe.plugin").start = function() error("no start") end
+  lu.assertEquals(self.application.main(), 0)
+  lu.assertStrMatches(self:output(), ".*Plugin Probe 1\n  failed: [^\n]*no start.*")
+  lu.assertStrMatches(self:output(), ".*Plugin Second 2\n  failed: [^\n]*no figures.*")
+end
+
+function M.TestApplication:test_a_worker_that_tells_nothing_is_a_failure_of_its_plugin()
+  second(function() return {} end)
+  self.application.init()
+  lu.assertEquals(self.application.main(), 0)
+  lu.assertStrContains(self:output(), "Plugin Second 2\n  failed: its worker was ended\n")
+end
+
+function M.TestApplication:test_without_room_for_workers_the_plugins_collect_one_after_the_other()
+  second(function() return { more = "text" } end)
+  dom0.refuse_threads = true
+  self.application.init()
+  lu.assertEquals(self.application.main(), 0)
+  lu.assertStrContains(self:output(), "Plugin Probe 1\n  answer  42\n")
+  lu.assertStrMatches(self:output(), ".*\nPlugin Second 2\n.*more +text\n.*")
+  lu.assertEquals(self.application.shutdown(), 0)
+  lu.assertEquals(table.concat(calls, " "), "start stop")
+end
+
 function M.TestApplication:test_a_report_that_cannot_be_written_in_full_is_told_and_fails()
   for _, step in ipairs({ "write", "flush" }) do
     self.full = { [step] = true }
