@@ -11,6 +11,13 @@ namespace {
 constexpr std::array<std::string_view, 12> secretWords = {"password",   "passwd",        "passphrase", "passcode",
                                                           "pwd",        "secret",        "token",      "key",
                                                           "credential", "authorization", "community",  "cookie"};
+// Which letters a word begins with: most places of a name are passed with one look.
+constexpr std::array<bool, 256> firstLetters = [] {
+    std::array<bool, 256> letters = {};
+    for (const std::string_view word : secretWords)
+        letters[static_cast<unsigned char>(word.front())] = true;
+    return letters;
+}();
 constexpr std::string_view schemes[] = {"basic", "bearer", "digest", "negotiate"};
 
 bool IsNameCharacter(char c)
@@ -100,8 +107,9 @@ std::string MaskLine(std::string_view line)
             std::size_t end = at;
             while (end < line.size() && IsNameCharacter(line[end]))
                 ++end;
-            const std::size_t value =
-                IsSecretName(line.substr(at, end - at)) ? FindValue(line, at, end) : std::string_view::npos;
+            std::size_t value = FindValue(line, at, end);
+            if (value != std::string_view::npos && !IsSecretName(line.substr(at, end - at)))
+                value = std::string_view::npos;
             masked.append(line.substr(at, (value == std::string_view::npos ? end : value) - at));
             at = value == std::string_view::npos ? end : value;
             if (value != std::string_view::npos)
@@ -164,9 +172,16 @@ std::string MaskSetting(std::string_view line)
 
 bool IsSecretName(std::string_view name)
 {
-    const std::string lower = Lower(name);
-    return std::any_of(secretWords.begin(), secretWords.end(),
-                       [&lower](std::string_view word) { return lower.find(word) != std::string::npos; });
+    for (; !name.empty(); name.remove_prefix(1)) {
+        if (!firstLetters[static_cast<unsigned char>(VexCore::LowerAscii(name.front()))])
+            continue;
+        for (const std::string_view word : secretWords)
+            if (name.size() >= word.size()
+                && std::equal(word.begin(), word.end(), name.begin(),
+                              [](char letter, char c) { return letter == VexCore::LowerAscii(c); }))
+                return true;
+    }
+    return false;
 }
 
 std::string MaskSecrets(std::string_view text)

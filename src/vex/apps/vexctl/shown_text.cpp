@@ -18,6 +18,15 @@ std::size_t NextCharacter(std::string_view text, char32_t& character)
     return 1;
 }
 
+// How many bytes at the begin are characters that need no second look, as nearly all are: printable ASCII.
+std::size_t PlainLength(std::string_view text)
+{
+    std::size_t length = 0;
+    while (length < text.size() && text[length] >= ' ' && text[length] <= '~')
+        ++length;
+    return length;
+}
+
 std::size_t ColumnsOf(char32_t character)
 {
     // Without a word from the locale's tables a character takes one column.
@@ -31,7 +40,12 @@ std::string Shown(std::string_view text, bool keepTabs)
 {
     std::string shown;
     shown.reserve(text.size());
-    while (!text.empty()) {
+    for (;;) {
+        const std::size_t plain = PlainLength(text);
+        shown.append(text.substr(0, plain));
+        text.remove_prefix(plain);
+        if (text.empty())
+            return shown;
         char32_t character = 0;
         const std::size_t length = NextCharacter(text, character);
         const std::string_view bytes = text.substr(0, length);
@@ -41,7 +55,6 @@ std::string Shown(std::string_view text, bool keepTabs)
             shown.append(bytes);
         text.remove_prefix(length);
     }
-    return shown;
 }
 
 std::size_t Columns(std::string_view text)
