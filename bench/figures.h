@@ -17,7 +17,7 @@ inline double Median(std::vector<double> values)
 /// Prints one measure as one line:
 ///   what: 1.25 ms, libzip 5.00 ms, ratio 0.250 (claim: at most 0.30)
 /// and " EXCEEDED" behind it when the ratio is above the claim. Both figures are in `unit`. A claim of 0 is none:
-/// the line ends behind the ratio. `what` and `yardstick` have no colon and no comma followed by a blank.
+/// the line ends behind the ratio. `what` and `yardstick` have no colon and no comma that a blank follows.
 /// True when the claim holds; a bench ends with status 1 when one of its claims does not.
 inline bool Row(const char* what, double ours, const char* yardstick, double theirs, const char* unit, double claim)
 {

@@ -2,7 +2,7 @@
 import re
 
 NUMBER = r"[-+]?(?:\d+(?:\.\d*)?(?:e[-+]?\d+)?|inf|nan)"
-ROW = re.compile(rf"(?P<what>[^:]+): (?P<ours>{NUMBER}) (?P<unit>\S.*?), (?P<yardstick>.+) (?P<theirs>{NUMBER}) (?P=unit), "
+ROW = re.compile(rf"(?P<what>(?:[^:]|:(?! ))+): (?P<ours>{NUMBER}) (?P<unit>\S.*?), (?P<yardstick>.+) (?P<theirs>{NUMBER}) (?P=unit), "
                  rf"ratio (?P<ratio>{NUMBER})(?: \(claim: at most (?P<claim>{NUMBER})\)(?P<exceeded> EXCEEDED)?)?")
 NUMBERS = ("ours", "theirs", "ratio", "claim")
 

@@ -24,14 +24,15 @@ class BadWords(Exception):
 
 
 def together(benches):
-    """{bench: [the rows of each run]} as one row a measure, which has the middle of the runs and the range of the ratios."""
+    """{bench: [the rows of each run]} as one row a measure and yardstick, which has the middle of the runs and the range of the ratios."""
     rows, at = [], {}
     for bench, runs in benches.items():
         for row in (row for run in runs for row in run):
-            if row["what"] not in at:
-                at[row["what"]] = {**row, "bench": bench, "ratios": [], "all": []}
-                rows.append(at[row["what"]])
-            one = at[row["what"]]
+            name = row["what"], row["yardstick"]
+            if name not in at:
+                at[name] = {**row, "bench": bench, "ratios": [], "all": []}
+                rows.append(at[name])
+            one = at[name]
             one["kept"] &= row["kept"]
             one["ratios"].append(row["ratio"])
             one["all"].append((row["ours"], row["theirs"]))
@@ -138,11 +139,11 @@ def counts_table(counts):
 
 def text(words, told, counts, plots):
     compare(words, told["rows"])
-    rows = {row["what"]: row for row in told["rows"]}
+    benches = {row["what"]: row["bench"] for row in told["rows"]}
     lines = [*HEAD.splitlines(), "", *wrapped(machine_lines(told))]
     for group, measures in words.items():
-        lines += ["", f"## {group}", "", *figures_table(rows[what] for what in measures), "",
-                  *words_table(measures, {what: rows[what]["bench"] for what in measures})]
+        lines += ["", f"## {group}", "", *figures_table(row for what in measures for row in told["rows"] if row["what"] == what), "",
+                  *words_table(measures, benches)]
     if counts:
         about = ", ".join(f"{name} {version}" for name, version in counts["surroundings"].items())
         lines += ["", "## Instructions", "", *wrapped([
