@@ -28,10 +28,16 @@ struct SystemLogRecord
 };
 
 /// A connection to the system's logger, which is kept from one record to the next. Other code of the process may close
-/// its descriptor, and the number may then be another's, which gets nothing. One thread at a time.
+/// its descriptor, and the number may then be another's, which gets nothing and is left open. One thread at a time.
 class SystemLog
 {
 public:
+    SystemLog() = default;
+    SystemLog(const SystemLog&) = delete;
+    SystemLog& operator=(const SystemLog&) = delete;
+    /// Closes, and keeps the last error.
+    ~SystemLog() { Close(); }
+
     /// Sends one record, under the name and the id of this process. Where there is no connection, or its logger is
     /// gone, one is made. A logger that has no room is waited for, at most so long. False with the error: it has not
     /// taken the record. Allocates nothing, but for the time zone, where this process has not asked for it before (each
@@ -39,6 +45,7 @@ public:
     bool Send(const SystemLogRecord& record, int patienceMs);
     bool IsConnected() const { return static_cast<bool>(m_connection); }
     /// The next record makes a connection of its own: in the child of a fork, whose records would come from its parent.
+    /// Keeps the last error.
     void Close();
 
 private:

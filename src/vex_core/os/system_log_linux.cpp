@@ -3,6 +3,7 @@
 
 #include "vex_core/os/system_log.h"
 
+#include "vex_core/os/error.h"
 #include "vex_core/os/observed.h"
 #include "vex_core/os/pause.h"
 
@@ -141,8 +142,9 @@ bool SystemLog::IsOurs() const
 
 void SystemLog::Close()
 {
+    const KeepError keep;
     if (m_connection && !IsOurs())
-        m_connection.Release();
+        m_connection.Release(); // closing it is for whoever has the number now
     m_connection.Reset();
 }
 
@@ -150,7 +152,7 @@ void SystemLog::Close()
 int SystemLog::Deliver(const char* header, std::size_t size, const char* text, int patienceMs)
 {
     if (m_connection && !IsOurs())
-        m_connection.Release(); // closing it is for whoever has the number now
+        m_connection.Release();
     if (!m_connection) {
         int connection = Connect(SOCK_DGRAM, patienceMs);
         m_isStream = connection < 0 && errno == EPROTOTYPE;
@@ -158,8 +160,10 @@ int SystemLog::Deliver(const char* header, std::size_t size, const char* text, i
             connection = Connect(SOCK_STREAM, patienceMs);
         m_connection = Descriptor(connection);
         struct stat status = {};
-        if (!m_connection || ::fstat(connection, &status) != 0)
+        if (!m_connection || ::fstat(connection, &status) != 0) {
+            m_connection.Reset(); // nobody would know it again
             return -1;
+        }
         m_identity = IdentityOf(status);
     }
     char end = '\0';
@@ -167,8 +171,9 @@ int SystemLog::Deliver(const char* header, std::size_t size, const char* text, i
         {const_cast<char*>(header), size}, {const_cast<char*>(text), std::strlen(text)}, {&end, m_isStream ? 1u : 0u}};
     if (SendParts(m_connection.Get(), parts, std::size(parts), patienceMs) == 0)
         return 0;
+    // The number may have become another's meanwhile: then it is no socket, or one that is connected to nobody.
     if (!IsFull(errno) && errno != EMSGSIZE)
-        m_connection.Reset();
+        Close();
     return -1;
 }
 
