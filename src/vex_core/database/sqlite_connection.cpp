@@ -71,9 +71,10 @@ bool SqliteConnection::FailedByContent() const
 bool SqliteConnection::FailedByRights() const
 {
     const int primary = m_errorCode & 0xFF;
-    return primary == SQLITE_READONLY || primary == SQLITE_PERM
-           || (primary == SQLITE_CANTOPEN
-               && (m_systemError == EACCES || m_systemError == EPERM || m_systemError == EROFS));
+    if (primary != SQLITE_CANTOPEN)
+        return primary == SQLITE_READONLY || primary == SQLITE_PERM;
+    // What may not be made beside the file SQLite looks for once more, to read it, and has the error of that.
+    return m_systemError == EACCES || m_systemError == EPERM || m_systemError == EROFS || m_systemError == ENOENT;
 }
 
 bool SqliteConnection::Open(const std::string& path, std::int64_t minSynchronous, const char* vfs)

@@ -74,7 +74,8 @@ public:
     /// Whether that failure is about what the file holds, so that it stays as long as the file does. Any other, of the
     /// disk, of descriptors or of somebody's lock, may be over at the next try.
     bool FailedByContent() const;
-    /// Whether it is about a right to the file or to one beside it.
+    /// Whether it is about a right to the file, or to one beside it, which may only be missing. True as well where the
+    /// file itself has gone.
     bool FailedByRights() const;
 
     sqlite3* Handle() const { return m_handle.get(); }

@@ -246,9 +246,10 @@ TEST(DamagedDatabase, AWriteAheadLogIsReadAndIsToldWhereItMayNotBe)
     std::filesystem::copy_file(folder / "made.db-wal", folder / "a.db-wal");
     std::filesystem::permissions(folder.Path(), std::filesystem::perms(0755));
     std::filesystem::permissions(folder / "a.db", std::filesystem::perms(0644));
-    std::filesystem::permissions(folder / "a.db-wal", std::filesystem::perms(0600));
     std::optional<std::string> lost;
-    {
+    // Who may read the log still needs a file beside it, which he may not make.
+    for (const int mode : {0600, 0644}) {
+        std::filesystem::permissions(folder / "a.db-wal", std::filesystem::perms(mode));
         const ::Test::OtherUser other(::Test::OtherUser::Ids::Effective);
         EXPECT_EQ(IdsIn(folder / "a.db", lost).size(), 400u);
         ASSERT_TRUE(lost);
@@ -256,6 +257,23 @@ TEST(DamagedDatabase, AWriteAheadLogIsReadAndIsToldWhereItMayNotBe)
     }
     EXPECT_EQ(IdsIn(folder / "a.db", lost).size(), 401u);
     EXPECT_FALSE(lost);
+}
+
+TEST(DamagedDatabase, AWriteAheadLogThatIsDamagedIsTold)
+{
+    const TempFolder folder;
+    MakeEvents(folder / "made.db");
+    SqliteConnection owner;
+    ASSERT_TRUE(owner.Open(folder / "made.db", 0)
+                && owner.Exec("PRAGMA journal_mode=WAL; INSERT INTO agent_event(id, xml) VALUES(401, '<e/>');"
+                              "PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql = 'no table'"))
+        << owner.Error();
+    std::filesystem::copy_file(folder / "made.db", folder / "a.db");
+    std::filesystem::copy_file(folder / "made.db-wal", folder / "a.db-wal");
+    std::optional<std::string> lost;
+    EXPECT_EQ(IdsIn(folder / "a.db", lost).size(), 400u);
+    ASSERT_TRUE(lost);
+    EXPECT_EQ(lost->find("its write-ahead log cannot be read: "), 0u) << *lost;
 }
 
 TEST(MovedAside, AFolderThatMayNotBeListedIsToldApart)

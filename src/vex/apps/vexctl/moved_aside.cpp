@@ -61,9 +61,8 @@ public:
         const bool hasLog = VexCore::os::Stat((m_path + "-wal").c_str(), status) == 0 && status.st_size > 0;
         if (Open(!hasLog))
             return;
-        const bool isLogRefused = m_db.FailedByRights();
-        if (hasLog && (isLogRefused || m_db.FailedByContent()) && Open(true))
-            m_gap = isLogRefused ? std::optional("its write-ahead log cannot be read: " + m_db.Error()) : std::nullopt;
+        if (hasLog && (m_db.FailedByRights() || m_db.FailedByContent()) && Open(true))
+            m_gap = "its write-ahead log cannot be read: " + m_db.Error();
         else
             ExpectDamage();
     }
