@@ -366,6 +366,31 @@ def test_where_the_folder_may_not_be_listed_a_follower_goes_on_and_a_state_is_re
     assert result.out == "" and "allow vexctl to list the folder, or do without --state" in result.err
 
 
+@pytest.mark.sandbox
+@pytest.mark.parametrize("tree", [pytest.param(ORDINARY_USER, id="ordinary user")], indirect=True)
+def test_what_was_moved_aside_before_is_not_shown_because_the_folder_could_not_be_listed_for_a_while(tree):
+    path = with_numbers(tree, range(1, 6))
+    os.chmod(path, 0o644)
+    os.rename(path, path + ".damaged-1")
+
+    def put(number):
+        add(path + ".new", number)
+        os.chmod(path + ".new", 0o644)
+        os.rename(path + ".new", path)
+
+    put(11)
+    os.chmod(tree.work, 0o755)
+    reader = Reader(tree, pathlib.Path(tree.path), "--json")
+    assert numbers_of("".join(reader.lines(1))) == [11]
+    os.chmod(tree.work, 0o711)
+    put(21)
+    assert numbers_of("".join(reader.lines(1))) == [21]
+    os.chmod(tree.work, 0o755)
+    put(31)
+    assert numbers_of("".join(reader.lines(1))) == [31]
+    reader.end()
+
+
 def test_the_version_is_the_one_of_the_agent_that_wrote_the_report(tree):
     with_numbers(tree, range(3))
 

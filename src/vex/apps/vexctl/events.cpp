@@ -176,7 +176,7 @@ private:
         m_database.Read([](VexCore::SqliteConnection&) { return true; }); // or a failure that says more than the next
         std::vector<MovedAside> before;
         if (m_state || m_options.follow)
-            before = FindAside();
+            before = FindAside().value_or(before);
         if (m_state && m_state->Found())
             m_position = *m_state->Found();
         else
@@ -277,8 +277,8 @@ private:
     // --- a database that was replaced
 
     // Where nobody may list the folder, a state file would tell that all events up to one were taken while those of a
-    // database moved aside were not. Without one nobody relies on that.
-    std::vector<MovedAside> FindAside()
+    // database moved aside were not. Without one nobody relies on that. Absent: nobody can tell.
+    std::optional<std::vector<MovedAside>> FindAside()
     {
         try {
             return FindMovedAside(m_database.Path());
@@ -289,7 +289,7 @@ private:
                 throw Failure(why + "; allow vexctl to list the folder, or do without --state");
             if (!std::exchange(m_isAsideTold, true))
                 m_session.Note(why + ", and events that only such a one has are missing");
-            return {};
+            return std::nullopt;
         }
     }
 
@@ -297,7 +297,8 @@ private:
     // Where it fails on the way, the next try goes on.
     void GoOnInAnother(const std::string& database)
     {
-        std::vector<MovedAside> moved = FindAside();
+        const std::optional<std::vector<MovedAside>> seen = FindAside();
+        std::vector<MovedAside> moved = seen.value_or(std::vector<MovedAside>());
         // First, because the clock may have been set meanwhile.
         const auto others = std::stable_partition(moved.begin(), moved.end(), [this](const MovedAside& one) {
             return IsDone(one) ? one.database == m_position.database : IsDatabaseOf(one, m_position);
@@ -306,7 +307,8 @@ private:
         for (const MovedAside& one : moved)
             if (!IsDone(one))
                 ShowMovedAside(one);
-        m_position.done.clear();
+        if (seen) // else those that were done may be there still
+            m_position.done.clear();
         for (MovedAside& one : moved)
             m_position.done.push_back(std::move(one.name));
         m_position.key.clear();
@@ -337,8 +339,9 @@ private:
     // Also where the last event is in the database: somebody may have put a copy of an earlier state in its place.
     bool HasEventsAside()
     {
-        const std::vector<MovedAside> moved = FindAside();
-        return !std::all_of(moved.begin(), moved.end(), [this](const MovedAside& one) { return IsDone(one); });
+        const std::optional<std::vector<MovedAside>> moved = FindAside();
+        return moved
+               && !std::all_of(moved->begin(), moved->end(), [this](const MovedAside& one) { return IsDone(one); });
     }
 
     void ShowMovedAside(const MovedAside& moved)
