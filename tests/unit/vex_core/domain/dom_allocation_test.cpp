@@ -138,6 +138,24 @@ TEST(DomAllocation, ReadsGoOnWhileAnotherReadIsHalfThrough)
     g_root->Release();
 }
 
+TEST(DomAllocation, ListOfKeysTellsOfOneMomentThoughItWasHalfThrough)
+{
+    g_root = CDom::New(nullptr, nullptr, nullptr, false);
+    g_root->Set("m.a", true);
+    g_root->Set("m.b.x", true);
+    // The list has passed "m.b", which has no value, and not come to "m.a" yet: one of them has a value at any moment.
+    t_atNextAllocation = [] {
+        std::async(std::launch::async, [] {
+            g_root->Set("m.b", true);
+            g_root->Remove("m.a");
+        }).get();
+    };
+    const std::vector<std::string> keys = g_root->Keys("m");
+    EXPECT_EQ(t_atNextAllocation, nullptr);
+    EXPECT_EQ(keys, (std::vector<std::string>{"m.b", "m.b.x"}));
+    g_root->Release();
+}
+
 #endif
 
 TEST(FairSharedLock, ReadersDoNotBlockEachOther)
