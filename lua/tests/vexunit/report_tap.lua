@@ -10,7 +10,10 @@ function M.new(_, console)
 end
 
 -- Text that must stay on its line and must not look like a directive.
-local function plain(text) return (text:gsub("[\r\n]+", " "):gsub("#", "\\#")) end
+local function plain(text)
+  if not text:find("[\r\n#]") then return text end
+  return (text:gsub("[\r\n]+", " "):gsub("#", "\\#"))
+end
 
 function M:comment(text)
   for line in (text .. "\n"):gmatch("([^\n]*)\n") do self.console.write("# " .. line .. "\n") end
