@@ -339,9 +339,9 @@ bool EventStore::OpenDatabase()
     RememberFile();
     // An event is on the disk when Write returns, whatever the settings allow elsewhere.
     os::GuardedPlace place(m_path);
+    m_owner = os::ProcessId();
     if (!m_db.Open(place, fullSynchronous) || !CreateTables())
         return false;
-    m_owner = os::ProcessId();
     RememberFile();
     m_statements = std::make_unique<Statements>(m_db);
     return m_statements->Prepared();
