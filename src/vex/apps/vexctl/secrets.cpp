@@ -20,10 +20,16 @@ constexpr std::array<bool, 256> firstLetters = [] {
 }();
 constexpr std::string_view schemes[] = {"basic", "bearer", "digest", "negotiate"};
 
+constexpr std::array<bool, 256> nameCharacters = [] {
+    std::array<bool, 256> characters = {};
+    for (const char c : std::string_view("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-."))
+        characters[static_cast<unsigned char>(c)] = true;
+    return characters;
+}();
+
 bool IsNameCharacter(char c)
 {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-'
-           || c == '.';
+    return nameCharacters[static_cast<unsigned char>(c)];
 }
 
 std::string Lower(std::string_view text)
