@@ -44,7 +44,7 @@ def call(*command, **options):
     ([".ci/run", "--nonsense"], "unrecognized arguments: --nonsense"),
     (["tools/build"], "usage: tools/build PRESET"),
     (["tools/build", "nonsense"], "there is no preset 'nonsense'"),
-    (["tools/bench", "nonsense"], "there is no benchmark 'nonsense', but bench_archives bench_dom "),
+    (["tools/bench", "nonsense"], "there is no benchmark 'nonsense', but bench_archives bench_beat bench_dom "),
     (["tools/mutate"], "name sources, or --again"),
     (["tools/mutate", "src/nonsense.cpp"], "src/nonsense.cpp is no source of the launcher, the core library or the binder"),
     (["tools/demo", "nonsense"], "usage: tools/demo STAGE PAGE"),
