@@ -281,16 +281,27 @@ bool KeyTable::HasAnyIn(std::string_view scope) const
 
 // --- writing
 
-void KeyTable::Write(const HashedKey& key, DomValue::Pointer value)
+struct KeyTable::Leavings
 {
     DomValue::Pointer object;
+    RetiredBlocks::Excess blocks;
+
+    Leavings() = default;
+    ~Leavings()
     {
-        const std::lock_guard lock(m_writers);
-        ::operator delete(m_retired.Take(0)); // what is of no use goes to the heap, a block a write
-        object = Put(key, std::move(value));
+        if (object || !blocks.IsEmpty())
+            RetiredBlocks::WaitForReaders();
     }
-    if (object)
-        RetiredBlocks::WaitForReaders();
+    Leavings(const Leavings&) = delete;
+    Leavings& operator=(const Leavings&) = delete;
+};
+
+void KeyTable::Write(const HashedKey& key, DomValue::Pointer value)
+{
+    Leavings leavings;
+    const std::lock_guard lock(m_writers);
+    ::operator delete(m_retired.Take(0)); // what is of no use goes to the heap, a block a write
+    Put(key, std::move(value), leavings);
 }
 
 void KeyTable::WriteText(const HashedKey& key, std::string_view text)
@@ -298,59 +309,48 @@ void KeyTable::WriteText(const HashedKey& key, std::string_view text)
     constexpr std::size_t longest = 1024; // that may be copied while others wait to write
     if (text.size() > longest)
         return Write(key, DomValue::NewText(text));
-    DomValue::Pointer object;
-    {
-        const std::lock_guard lock(m_writers);
-        object = Put(key, DomValue::NewText(text, m_retired.Take(DomValue::BytesOfText(text.size()))));
-    }
-    if (object)
-        RetiredBlocks::WaitForReaders();
+    Leavings leavings;
+    const std::lock_guard lock(m_writers);
+    Put(key, DomValue::NewText(text, m_retired.Take(DomValue::BytesOfText(text.size()))), leavings);
 }
 
-// What the caller gets is an object that readers may still look at.
-DomValue::Pointer KeyTable::Put(const HashedKey& key, DomValue::Pointer value)
+void KeyTable::Put(const HashedKey& key, DomValue::Pointer value, Leavings& leavings)
 {
-    DomValue::Pointer object;
     m_retired.Reserve(1);
     if (Node* const node = Find(key))
-        object = Replace(*node, std::move(value));
+        Replace(*node, std::move(value), leavings);
     else
         Make(key, std::move(value));
-    m_retired.GiveBack();
-    return object;
+    m_retired.GiveBack(leavings.blocks);
 }
 
 bool KeyTable::Remove(const HashedKey& key)
 {
-    DomValue::Pointer object;
-    {
-        const std::lock_guard lock(m_writers);
-        Node* const node = Find(key);
-        if (!node || !node->value.load(std::memory_order_relaxed))
-            return false;
-        m_retired.Reserve(1 + maxLevelBytes + 1); // the value, and nodes that nothing needs any more
-        object = Replace(*node, nullptr);
-        DropUnused(node);
-        m_retired.GiveBack();
-    }
-    if (object)
-        RetiredBlocks::WaitForReaders();
+    Leavings leavings;
+    const std::lock_guard lock(m_writers);
+    Node* const node = Find(key);
+    if (!node || !node->value.load(std::memory_order_relaxed))
+        return false;
+    m_retired.Reserve(1 + maxLevelBytes + 1); // the value, and nodes that nothing needs any more
+    Replace(*node, nullptr, leavings);
+    DropUnused(node);
+    m_retired.GiveBack(leavings.blocks);
     return true;
 }
 
-// Gives the node another value, or none. What the caller gets is as with Put.
-DomValue::Pointer KeyTable::Replace(Node& node, DomValue::Pointer value)
+// Gives the node another value, or none.
+void KeyTable::Replace(Node& node, DomValue::Pointer value, Leavings& leavings)
 {
     std::optional<ShapeChange> change;
     if (!value || !node.value.load(std::memory_order_relaxed))
         change.emplace(m_shape);
     DomValue* const before = node.value.exchange(value.release());
     if (!before)
-        return nullptr;
+        return;
     if (before->Type() == CDom::EType::Object)
-        return DomValue::Pointer(before);
-    m_retired.Add(before, before->Bytes());
-    return nullptr;
+        leavings.object.reset(before);
+    else
+        m_retired.Add(before, before->Bytes());
 }
 
 // Makes a node for the key and for those above it that are missing. All that may fail comes before the first of

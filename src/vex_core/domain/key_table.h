@@ -71,9 +71,12 @@ private:
     template <typename Work>
     void Consistently(Work&& work) const;
 
+    // What a writer has left when it lets go of m_writers, and readers may still look at. Its end waits for them.
+    struct Leavings;
+
     // With m_writers.
-    DomValue::Pointer Put(const HashedKey& key, DomValue::Pointer value);
-    DomValue::Pointer Replace(Node& node, DomValue::Pointer value);
+    void Put(const HashedKey& key, DomValue::Pointer value, Leavings& leavings);
+    void Replace(Node& node, DomValue::Pointer value, Leavings& leavings);
     void Make(const HashedKey& key, DomValue::Pointer value);
     void MakeRoomFor(std::size_t count);
     void Link(Node& node, const HashedKey& key);

@@ -1,12 +1,17 @@
 // A reader counts itself in before it looks, in a sequentially consistent step, and out after its last look. So a count
 // that is seen at nought after a block was taken out of sight tells that its readers who may have found the block have
 // ended: those who come later cannot. The counts need not be at nought at the same time.
+//
+// Readers who come one upon the other may keep a count above nought for ever. So each place has two, for epochs of even
+// and of odd numbers, and an epoch ends when the counts of the one before, which nobody enters any more, are all seen
+// at nought. A reader who took the number of an epoch just before its end counts there all the same, once. That may
+// make the next end late and nothing wrong, for what is waited for is not the number but both counts at nought: the
+// first end may come of looks from before, the second and the third show each count at nought since.
 
 #include "vex_core/domain/read_section.h"
 
 #include "vex_core/os/pause.h"
 
-#include <initializer_list>
 #include <new>
 #include <thread>
 #include <utility>
@@ -20,15 +25,63 @@ constexpr std::size_t bytesAtOnce = 16 * 1024;
 constexpr std::size_t maxKeptBytes = 1024 * 1024;
 
 constexpr int yieldsBeforePause = 100;
+constexpr std::uint64_t epochsThatShowAll = 3;
+
+constexpr std::uint32_t sharedPlace = 1;
 
 } // namespace
 
-ReadSection::Count ReadSection::s_counts[maxCounts];
+ReadSection::Place ReadSection::s_places[maxOwnPlaces + 1];
+std::atomic<std::uint32_t> ReadSection::s_inUse{sharedPlace};
+ReadSection::Epoch ReadSection::s_epoch;
 
-std::size_t ReadSection::Enroll()
+std::size_t ReadSection::OwnPlaces()
 {
-    static std::atomic<std::size_t> s_enrolled{0};
-    return t_own = s_enrolled.fetch_add(1, std::memory_order_relaxed) % maxCounts + 1;
+    std::size_t count = 0;
+    for (std::uint32_t others = s_inUse.load() & ~sharedPlace; others != 0; others &= others - 1)
+        ++count;
+    return count;
+}
+
+ReadSection::Place* ReadSection::Enroll()
+{
+    static_assert(maxOwnPlaces + 1 == 32, "a bit for each");
+    for (std::size_t i = 1; i <= maxOwnPlaces; ++i) {
+        const std::uint32_t bit = std::uint32_t{1} << i;
+        if ((s_inUse.load() & bit) != 0 || (s_inUse.fetch_or(bit) & bit) != 0)
+            continue;
+        struct End
+        {
+            // What ends after this may read too.
+            ~End() { s_inUse.fetch_and(~(std::uint32_t{1} << (std::exchange(t_place, s_places) - s_places))); }
+        };
+        t_place = s_places + i;
+        static thread_local const End t_end;
+        return t_place;
+    }
+    return t_place = s_places;
+}
+
+// Ends the epoch where that can be. False: there are readers of the one before.
+bool ReadSection::NextEpoch() noexcept
+{
+    std::uint64_t epoch = s_epoch.number.load();
+    const Place* place = s_places;
+    // Who takes a place after this look counts itself in after it too.
+    for (std::uint32_t inUse = s_inUse.load(); inUse != 0; inUse >>= 1, ++place)
+        if ((inUse & 1) != 0 && place->readers[(epoch + 1) % 2].load() != 0)
+            return false;
+    s_epoch.number.compare_exchange_strong(epoch, epoch + 1);
+    return true;
+}
+
+// Whether all have ended that were reading when the epoch was that one, as a sequentially consistent load told.
+bool ReadSection::AreOverSince(std::uint64_t epoch) noexcept
+{
+    while (s_epoch.number.load() - epoch < epochsThatShowAll)
+        if (!NextEpoch())
+            return false;
+    return true;
 }
 
 RetiredBlocks::~RetiredBlocks()
@@ -36,6 +89,12 @@ RetiredBlocks::~RetiredBlocks()
     for (const std::vector<Block>* const blocks : {&m_open, &m_closing, &m_unread})
         for (const Block& block : *blocks)
             ::operator delete(block.memory);
+}
+
+RetiredBlocks::Excess::~Excess()
+{
+    for (const Block& block : m_blocks)
+        ::operator delete(block.memory);
 }
 
 void* RetiredBlocks::Take(std::size_t bytes) noexcept
@@ -50,38 +109,38 @@ void* RetiredBlocks::Take(std::size_t bytes) noexcept
     return nullptr;
 }
 
-void RetiredBlocks::GiveBack() noexcept
+void RetiredBlocks::GiveBack(Excess& excess) noexcept
 {
     if (m_closing.empty()) {
         if (m_open.size() < blocksAtOnce && m_openBytes < bytesAtOnce)
             return;
-        m_closing.swap(m_open);
-        m_closingBytes = std::exchange(m_openBytes, 0);
-        static_assert(ReadSection::maxCounts == 32, "a bit for each");
-        m_busy = ~std::uint32_t{0};
+        CloseOpen();
     }
-    for (std::size_t i = 0; i < ReadSection::maxCounts; ++i)
-        if (ReadSection::s_counts[i].readers.load() == 0)
-            m_busy &= ~(std::uint32_t{1} << i);
-    if (m_busy == 0)
+    if (ReadSection::AreOverSince(m_closingSince))
         ClosingIsUnread();
     if (m_closingBytes + m_openBytes < maxKeptBytes)
         return;
-    WaitForReaders();
-    ClosingIsUnread();
-    m_closing.swap(m_open);
-    m_closingBytes = std::exchange(m_openBytes, 0);
-    ClosingIsUnread();
+    excess.m_blocks.swap(m_closing);
+    CloseOpen();
+    if (ReadSection::AreOverSince(m_closingSince))
+        ClosingIsUnread();
 }
 
 void RetiredBlocks::WaitForReaders() noexcept
 {
-    for (const ReadSection::Count& count : ReadSection::s_counts)
-        for (int looks = 0; count.readers.load() != 0; ++looks)
-            if (looks < yieldsBeforePause)
-                std::this_thread::yield();
-            else
-                os::PauseMs(1); // a reader of low priority has to get on
+    const std::uint64_t begin = ReadSection::s_epoch.number.load();
+    for (int looks = 0; !ReadSection::AreOverSince(begin); ++looks)
+        if (looks < yieldsBeforePause)
+            std::this_thread::yield();
+        else
+            os::PauseMs(1); // a reader of low priority has to get on
+}
+
+void RetiredBlocks::CloseOpen() noexcept
+{
+    m_closing.swap(m_open);
+    m_closingBytes = std::exchange(m_openBytes, 0);
+    m_closingSince = ReadSection::s_epoch.number.load();
 }
 
 void RetiredBlocks::FreeUnread() noexcept

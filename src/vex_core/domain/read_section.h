@@ -19,28 +19,42 @@ public:
     ReadSection(const ReadSection&) = delete;
     ReadSection& operator=(const ReadSection&) = delete;
 
-    /// How many threads read without one counting where another does; beyond that they share.
-    static constexpr std::size_t maxCounts = 32;
+    /// How many threads at a time read without one counting where another does; the others share a place. A thread has
+    /// its place from its first section to its end.
+    static constexpr std::size_t maxOwnPlaces = 31;
+    /// How many places a thread has to itself now.
+    static std::size_t OwnPlaces();
 
 private:
     friend class RetiredBlocks;
 
-    // Two lines of the cache, because processors fetch them in pairs.
-    struct alignas(128) Count
+    // The sections of a thread that began in an epoch of an even number, and of an odd one. Two lines of the cache,
+    // because processors fetch them in pairs.
+    struct alignas(128) Place
     {
-        std::atomic<std::uint32_t> readers{0};
+        std::atomic<std::uint32_t> readers[2] = {};
     };
-    static Count s_counts[maxCounts];
-    // Which of them this thread has, from 1 on; 0: none yet. The library is loaded with the process, so the thread's
-    // own memory need not be asked for.
-    inline static thread_local std::size_t t_own __attribute__((tls_model("initial-exec"))) = 0;
+    struct alignas(128) Epoch
+    {
+        std::atomic<std::uint64_t> number{0};
+    };
+    static Place s_places[maxOwnPlaces + 1]; // the first is shared
+    static std::atomic<std::uint32_t> s_inUse; // a bit for each
+    static Epoch s_epoch;
+    // Null: none yet. The model spares a reader the call that asks for the thread's own memory. It holds for a library
+    // that is loaded with the process, as this one is; who loads it later, by dlopen, takes these few bytes from what
+    // the loader keeps spare for such, and fails when that is used up.
+    inline static thread_local Place* t_place __attribute__((tls_model("initial-exec"))) = nullptr;
 
     static std::atomic<std::uint32_t>& CountOfThisThread()
     {
-        const std::size_t own = t_own;
-        return s_counts[(own != 0 ? own : Enroll()) - 1].readers;
+        Place* const own = t_place;
+        // Whether it is still this epoch when the count is taken does not matter: see read_section.cpp.
+        return (own ? own : Enroll())->readers[s_epoch.number.load(std::memory_order_relaxed) % 2];
     }
-    static std::size_t Enroll();
+    static Place* Enroll();
+    static bool NextEpoch() noexcept;
+    static bool AreOverSince(std::uint64_t epoch) noexcept;
 
     std::atomic<std::uint32_t>& m_readers;
 };
@@ -49,12 +63,35 @@ private:
 /// in a ReadSection itself.
 class RetiredBlocks
 {
+    struct Block
+    {
+        void* memory;
+        std::size_t bytes;
+    };
+
 public:
     RetiredBlocks() = default;
     /// Nobody reads any more.
     ~RetiredBlocks();
     RetiredBlocks(const RetiredBlocks&) = delete;
     RetiredBlocks& operator=(const RetiredBlocks&) = delete;
+
+    /// What a writer takes along, to give it back where nobody waits for that writer.
+    class Excess
+    {
+    public:
+        Excess() = default;
+        /// Nobody reads any more.
+        ~Excess();
+        Excess(const Excess&) = delete;
+        Excess& operator=(const Excess&) = delete;
+
+        bool IsEmpty() const { return m_blocks.empty(); }
+
+    private:
+        friend class RetiredBlocks;
+        std::vector<Block> m_blocks;
+    };
 
     /// Makes room for so many more, so that `Add` needs no memory.
     void Reserve(std::size_t count)
@@ -71,19 +108,16 @@ public:
     /// A block of so many bytes that nobody reads any more, for the caller to use and to give back. Null when there is
     /// none at hand; what there is of another size goes to the heap.
     void* Take(std::size_t bytes) noexcept;
-    /// Gives back what it can, when it is worth the look at the readers. Waits for them only where they keep a
-    /// megabyte.
-    void GiveBack() noexcept;
+    /// Gives back what it can, when it is worth the look at the readers. Does not wait: where readers keep a megabyte,
+    /// `excess`, which was empty, gets blocks, and is to go only after `WaitForReaders`.
+    void GiveBack(Excess& excess) noexcept;
 
-    /// Waits until all have ended that read now.
+    /// Waits until all have ended that read now; of those who begin meanwhile, for no more than two sections of
+    /// a thread, however much it reads. Any thread that is in no ReadSection.
     static void WaitForReaders() noexcept;
 
 private:
-    struct Block
-    {
-        void* memory;
-        std::size_t bytes;
-    };
+    void CloseOpen() noexcept;
     void FreeUnread() noexcept;
     void ClosingIsUnread() noexcept;
 
@@ -93,7 +127,7 @@ private:
     std::vector<Block> m_unread;
     std::size_t m_openBytes = 0;
     std::size_t m_closingBytes = 0;
-    std::uint32_t m_busy = 0; // a bit for each count that has not been at nought since m_closing was filled
+    std::uint64_t m_closingSince = 0; // the epoch in which m_closing was filled
 };
 
 } // namespace VexCore

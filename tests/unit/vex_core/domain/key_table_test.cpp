@@ -216,6 +216,32 @@ TEST(KeyTable, WriterOfMegabytesWaitsForReaders)
     EXPECT_EQ(TextIn(table, "key").size(), 256u * 1024);
 }
 
+TEST(KeyTable, WriterThatWaitsForReadersKeepsNobodyFromWriting)
+{
+    KeyTable table;
+    Write(table, "key", "");
+    std::atomic<int> written{0};
+    std::future<void> waits, writes;
+    bool ended = false;
+    table.Read("key", [&](const DomValue&) {
+        waits = std::async(std::launch::async, [&] {
+            for (; written < 64; ++written)
+                Write(table, "key", std::string(256 * 1024, 'x'));
+        });
+        // It waits in the write that finds a megabyte.
+        while (written < 4)
+            std::this_thread::yield();
+        EXPECT_EQ(waits.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+        writes = std::async(std::launch::async, [&table] { Write(table, "other", "text"); });
+        ended = writes.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+        return true;
+    });
+    waits.get();
+    writes.get();
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(TextIn(table, "other"), "text");
+}
+
 TEST(KeyTable, ObjectEndsOnItsWritersThreadWhenNobodyReadsIt)
 {
     struct Announcing : CDomObject
