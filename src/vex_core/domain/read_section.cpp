@@ -16,6 +16,8 @@
 #include <thread>
 #include <utility>
 
+#include <pthread.h>
+
 namespace VexCore {
 
 namespace {
@@ -34,6 +36,7 @@ constexpr std::uint32_t sharedPlace = 1;
 ReadSection::Place ReadSection::s_places[maxOwnPlaces + 1];
 std::atomic<std::uint32_t> ReadSection::s_inUse{sharedPlace};
 ReadSection::Epoch ReadSection::s_epoch;
+const ReadSection::ForkHook ReadSection::s_forkHook;
 
 std::size_t ReadSection::OwnPlaces()
 {
@@ -82,6 +85,20 @@ bool ReadSection::AreOverSince(std::uint64_t epoch) noexcept
         if (!NextEpoch())
             return false;
     return true;
+}
+
+// The threads that were reading are not in the child, and would be waited for there.
+void ReadSection::AfterForkInChild()
+{
+    for (Place& place : s_places)
+        for (std::atomic<std::uint32_t>& readers : place.readers)
+            readers = 0;
+    s_inUse = t_place ? sharedPlace | std::uint32_t{1} << (t_place - s_places) : sharedPlace;
+}
+
+ReadSection::ForkHook::ForkHook()
+{
+    ::pthread_atfork(nullptr, nullptr, &ReadSection::AfterForkInChild);
 }
 
 RetiredBlocks::~RetiredBlocks()

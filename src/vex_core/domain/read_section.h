@@ -10,7 +10,7 @@
 namespace VexCore {
 
 /// While one exists, what its thread finds by sequentially consistent loads stays readable. Short, and nothing
-/// in it waits: writers may. Nests. Any thread.
+/// in it waits: writers may. Nests. Any thread. A thread in one does not fork.
 class ReadSection
 {
 public:
@@ -55,6 +55,11 @@ private:
     static Place* Enroll();
     static bool NextEpoch() noexcept;
     static bool AreOverSince(std::uint64_t epoch) noexcept;
+    static void AfterForkInChild();
+    static const struct ForkHook
+    {
+        ForkHook();
+    } s_forkHook;
 
     std::atomic<std::uint32_t>& m_readers;
 };

@@ -11,6 +11,7 @@
 #include <random>
 #include <set>
 
+#include "support/child.h"
 #include "support/dom_ptr.h"
 #include "support/heap_in_use.h"
 #include "support/joining_thread.h"
@@ -240,6 +241,38 @@ TEST(KeyTable, WriterThatWaitsForReadersKeepsNobodyFromWriting)
     writes.get();
     EXPECT_TRUE(ended);
     EXPECT_EQ(TextIn(table, "other"), "text");
+}
+
+TEST(KeyTable, ChildOfAForkDoesNotWaitForReadersThatItHasNot)
+{
+    KeyTable table;
+    Write(table, "key", "");
+    std::promise<void> reads, go;
+    ::Test::JoiningThread reader([&] {
+        table.Read("key", [&](const DomValue&) {
+            reads.set_value();
+            go.get_future().wait();
+            return true;
+        });
+    });
+    reads.get_future().wait();
+    ::Test::Pipe result;
+    ::Test::ChildUntilTheEnd child(::Test::Fork(
+        [&] {
+            table.Write(std::string_view("key"), DomValue::NewObject(std::make_shared<CDomObject>()));
+            Write(table, "key", "text");
+            for (int i = 0; i < 64; ++i)
+                Write(table, "key", std::string(256 * 1024, 'x'));
+            result.Write('x');
+            return 0;
+        },
+        true));
+    result.CloseEnd(1);
+    std::future<char> told = std::async(std::launch::async, [&result] { return result.Read(); });
+    told.wait_for(std::chrono::seconds(60));
+    child.Kill();
+    EXPECT_EQ(told.get(), 'x') << "the child waits";
+    go.set_value();
 }
 
 TEST(KeyTable, ObjectEndsOnItsWritersThreadWhenNobodyReadsIt)
