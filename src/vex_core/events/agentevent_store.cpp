@@ -32,6 +32,7 @@
 #include <new>
 #include <random>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <sqlite3.h>
@@ -252,11 +253,16 @@ void EventStore::WriteQueue(Waiting& own)
         group.push_back(&own);
     if (StoreTogether(group))
         return;
-    // Another process has the database: each of the others would wait for it as long as the first has.
-    const bool isBusy = (m_db.ErrorCode() & 0xFF) == SQLITE_BUSY;
+    // What is kept comes before all others the next time, and keeps them out while it is not taken: so none is before
+    // each has had its turn. But where another process has the database, each would wait as long as the first has.
+    std::vector<std::pair<Waiting*, std::string>> refused; // with the reason
     for (Waiting* const waiting : group) {
-        if (group.size() > 1 && !isBusy && StoreTogether({waiting}))
-            continue;
+        const bool isBusy = (m_db.ErrorCode() & 0xFF) == SQLITE_BUSY;
+        if (group.size() == 1 || isBusy || !StoreTogether({waiting}))
+            refused.emplace_back(waiting, m_reason);
+    }
+    for (auto& [waiting, reason] : refused) {
+        m_reason = std::move(reason);
         KeepForLater(waiting->record);
         waiting->done = true;
     }
@@ -333,7 +339,8 @@ bool EventStore::OpenDatabase()
         m_reason = "there is no working folder yet";
         return false;
     }
-    if (m_db.IsOpen() && m_owner == os::ProcessId() && IsOurFile())
+    // Without statements where memory ran out while it was set up.
+    if (m_db.IsOpen() && m_statements && m_owner == os::ProcessId() && IsOurFile())
         return true;
     CloseDatabase();
     RememberFile();
@@ -432,7 +439,7 @@ std::int64_t EventStore::Insert(const EventRecord& record)
     return Statements::Run(statement) ? m_db.LastInsertId() : 0;
 }
 
-EventStore::Stored EventStore::TryToStore(const Records& records, Ids& ids, Forget forget)
+EventStore::Stored EventStore::TryToStore(const Records& records, Ids& ids, std::size_t forget)
 {
     ids.clear();
     SqliteTransaction transaction(m_db);
@@ -443,11 +450,11 @@ EventStore::Stored EventStore::TryToStore(const Records& records, Ids& ids, Forg
         if (ids.back() == 0)
             return Stored::None;
     }
-    if (forget == Forget::Oldest && !ForgetOldest())
+    if (forget > 0 && !ForgetOldest(forget))
         return Stored::NoneForTheOldest;
     if (transaction.Commit())
         return Stored::All;
-    return forget == Forget::Oldest ? Stored::NoneForTheOldest : Stored::None;
+    return forget > 0 ? Stored::NoneForTheOldest : Stored::None;
 }
 
 // Where old ones are too many, each new one costs a quarter more if it takes its share of them away. So they go with
@@ -458,24 +465,27 @@ std::optional<EventStore::Ids> EventStore::StoreAll(const Records& records)
     Ids ids;
     if (records.empty())
         return ids;
-    m_sinceForgotten += records.size();
+    const std::size_t since = m_sinceForgotten + records.size();
     const auto keepRows = static_cast<std::size_t>(KeepSetting("app.events.keeprows"));
-    const bool isDue = m_sinceForgotten >= std::min(maxBetweenForgetting, keepRows / 64);
-    Stored stored = TryToStore(records, ids, isDue ? Forget::Oldest : Forget::Nothing);
-    if (isDue)
-        m_sinceForgotten = 0;
+    const bool isDue = since >= std::min(maxBetweenForgetting, keepRows / 64);
+    // As many as came since the last time, and some more. No event waits for thousands that came at once to go.
+    std::size_t forgotten = isDue ? std::clamp<std::size_t>(since + 4, 20, maxForgottenAtOnce) : 0;
+    Stored stored = TryToStore(records, ids, forgotten);
     if (stored == Stored::NoneForTheOldest) {
         const std::string reason = m_db.Error();
-        stored = TryToStore(records, ids, Forget::Nothing);
+        stored = TryToStore(records, ids, 0);
         if (stored == Stored::All)
             wxLogWarning("Old agent events can't be removed from '%s' (%s), they stay for now", Shown(m_path),
                          Shown(reason));
+        forgotten = since; // not to be told again with each event
     }
-    return stored == Stored::All ? std::optional(ids) : std::nullopt;
+    if (stored != Stored::All)
+        return std::nullopt;
+    m_sinceForgotten = since - std::min(since, forgotten);
+    return ids;
 }
 
-// As many as came since the last time, and some more.
-bool EventStore::ForgetOldest()
+bool EventStore::ForgetOldest(std::size_t count)
 {
     constexpr std::int64_t dayMs = 24 * 60 * 60 * 1000;
     SqliteStatement& statement = m_statements->forgetOldest;
@@ -483,7 +493,7 @@ bool EventStore::ForgetOldest()
     const std::int64_t now = m_clock();
     statement.Bind(2, m_ageClock.NowMs(now, SteadyMs()) - KeepSetting("app.events.keepdays") * dayMs);
     statement.Bind(3, now);
-    statement.Bind(4, static_cast<std::int64_t>(std::max<std::size_t>(20, m_sinceForgotten + 4)));
+    statement.Bind(4, static_cast<std::int64_t>(count));
     return Statements::Run(statement);
 }
 

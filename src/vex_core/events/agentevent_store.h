@@ -34,6 +34,8 @@ public:
 #endif
     /// The oldest go with every so manieth event, and with the first of a process. Where few are kept, sooner.
     static constexpr std::size_t maxBetweenForgetting = 16;
+    /// So many with one event at most; where more came at once, more go with the events behind it.
+    static constexpr std::size_t maxForgottenAtOnce = 100;
 
     /// The time in milliseconds since the epoch, by a clock that may be set.
     using WallClock = std::int64_t (*)();
@@ -94,11 +96,10 @@ private:
     using Records = std::vector<const EventRecord*>;
     using Ids = std::vector<std::int64_t>;
     std::optional<Ids> StoreAll(const Records& records);
-    enum class Forget { Nothing, Oldest };
     enum class Stored { All, None, NoneForTheOldest };
-    Stored TryToStore(const Records& records, Ids& ids, Forget forget);
+    Stored TryToStore(const Records& records, Ids& ids, std::size_t forget);
     std::int64_t Insert(const EventRecord& record);
-    bool ForgetOldest();
+    bool ForgetOldest(std::size_t count);
     void KeepForLater(const EventRecord& record);
     void KeepInMemory(const EventRecord& record);
     bool AppendMemoryToPending();
@@ -117,7 +118,7 @@ private:
     SqliteConnection m_db;
     std::unique_ptr<Statements> m_statements; // of m_db while it is open
     pid_t m_owner = 0; // the process that opened m_db
-    std::size_t m_sinceForgotten = maxBetweenForgetting; // events that were stored since the oldest could go
+    std::size_t m_sinceForgotten = maxBetweenForgetting; // events that were stored and for which none has gone
     os::FileIdentity m_identity; // of the file that m_db has open
     std::string m_reason; // why the database did not take the last event
     PendingEvents m_pending;

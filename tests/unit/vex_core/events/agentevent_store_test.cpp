@@ -125,6 +125,35 @@ private:
     sqlite3_vfs* m_vfs;
 };
 
+// Counts the transactions that write, on connections that are opened while it lives. Whatever the kind of the journal,
+// that is how often something is put on stable storage.
+class CommitCount
+{
+public:
+    CommitCount()
+    {
+        s_count = 0;
+        sqlite3_auto_extension(reinterpret_cast<void (*)()>(Watch));
+    }
+    ~CommitCount() { sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(Watch)); }
+
+    static int Count() { return s_count; }
+
+private:
+    static int Watch(sqlite3* connection, char**, const sqlite3_api_routines*)
+    {
+        sqlite3_commit_hook(connection, Committed, nullptr);
+        return SQLITE_OK;
+    }
+    static int Committed(void*)
+    {
+        ++s_count;
+        return 0;
+    }
+
+    static inline std::atomic<int> s_count;
+};
+
 constexpr std::int64_t dayMs = 86'400'000;
 
 // What an agent did that stored no keys.
@@ -545,16 +574,60 @@ TEST_F(EventDatabase, WhereManyAreKeptTheOldestGoWithOneEventInSixteenAndWithThe
     EXPECT_EQ(rows(), "1126") << "more than came";
 }
 
+TEST_F(EventDatabase, AttemptsThatFailLetNoOldEventsGo)
+{
+    m_dom->Set("app.events.keeprows", "1100");
+    EventStore store(m_work);
+    store.Write(SampleEvent("event")); // old ones could go with it, and so they do with the sixteenth from here on
+    SqliteConnection other;
+    ASSERT_TRUE(other.Open(Database(), 0)) << other.Error();
+    ASSERT_TRUE(other.Exec("WITH RECURSIVE n(i) AS (SELECT 2 UNION ALL SELECT i + 1 FROM n WHERE i < 1150) "
+                           "INSERT INTO agent_event(id, text) SELECT i, 'row' FROM n;"
+                           "CREATE TRIGGER t BEFORE INSERT ON agent_event BEGIN SELECT RAISE(ABORT, 'stuck'); END"))
+        << other.Error();
+    {
+        const ::Test::DiskLogCatcher log;
+        for (int i = 0; i < 10; ++i)
+            EXPECT_EQ(store.Write(SampleEvent("event")), 0);
+    }
+    ASSERT_TRUE(other.Exec("DROP TRIGGER t")) << other.Error();
+    store.Write(SampleEvent("event"));
+    EXPECT_EQ(FirstOf("SELECT count(*) FROM agent_event"), "1161");
+}
+
+TEST_F(EventDatabase, WhereManyComeAtOnceTheOldestGoAHundredAtATime)
+{
+    m_dom->Set("app.events.keeprows", "100");
+    {
+        const ::Test::DiskLogCatcher log;
+        ASSERT_TRUE(std::filesystem::create_directory(Database()));
+        EventStore store(m_work);
+        for (int i = 0; i < 250; ++i)
+            store.Write(SampleEvent("kept"));
+        ASSERT_TRUE(std::filesystem::remove(Database()));
+    }
+    EventStore store(m_work);
+    const auto rows = [this] { return FirstOf("SELECT count(*) FROM agent_event"); };
+    ASSERT_TRUE(store.StoreKept());
+    EXPECT_EQ(rows(), "150");
+    store.Write(SampleEvent("event"));
+    EXPECT_EQ(rows(), "100");
+}
+
 TEST_F(EventDatabase, EventsThatComeAtTheSameTimeAreFlushedTogether)
 {
     constexpr int count = 40;
     SqliteSettings settings;
     settings.busyTimeoutMs = 600'000; // longer than anybody has to wait
     SetSqliteSettings(settings);
+    SqliteConnection other;
+    ASSERT_TRUE(other.Open(Database(), 0)) << other.Error();
+    const CommitCount commits;
     EventStore store(m_work);
     store.Write(SampleEvent("first"));
-    SqliteConnection other;
-    ASSERT_TRUE(other.Open(Database(), 0) && other.Exec("BEGIN IMMEDIATE")) << other.Error();
+    const int before = commits.Count();
+    EXPECT_GE(before, 1) << "they are not counted";
+    ASSERT_TRUE(other.Exec("BEGIN IMMEDIATE")) << other.Error();
     m_dom->Remove("app.events.keeprows");
     std::vector<std::int64_t> ids(count);
     std::vector<::Test::JoiningThread> threads;
@@ -562,11 +635,10 @@ TEST_F(EventDatabase, EventsThatComeAtTheSameTimeAreFlushedTogether)
         threads.emplace_back([&store, &id] { id = store.Write(SampleEvent("together")); });
     while (store.BeingWritten() < count)
         std::this_thread::yield();
-    const FlushCount flushes;
     EXPECT_TRUE(other.Exec("COMMIT")) << other.Error();
     for (::Test::JoiningThread& thread : threads)
         thread.join();
-    EXPECT_LE(flushes.Count(), 2) << "what the first thread took along, and the rest";
+    EXPECT_LE(commits.Count() - before, 2) << "what the first thread took along, and the rest";
     std::sort(ids.begin(), ids.end());
     for (int i = 0; i < count; ++i)
         EXPECT_EQ(ids[static_cast<std::size_t>(i)], i + 2) << "each has an id of its own";
@@ -582,13 +654,34 @@ TEST_F(EventDatabase, OfEventsThatComeTogetherOneThatIsNotTakenKeepsNoOtherOut)
     ASSERT_TRUE(other.Exec("CREATE TRIGGER t BEFORE INSERT ON agent_event WHEN NEW.text = 'bad' "
                            "BEGIN SELECT RAISE(ABORT, 'stuck'); END"));
     const ::Test::DiskLogCatcher log;
+    std::vector<std::int64_t> ids(count);
     std::vector<::Test::JoiningThread> threads;
+    const auto write = [&](int i) {
+        threads.emplace_back([&store, &ids, i] {
+            ids[static_cast<std::size_t>(i)] = store.Write(SampleEvent(i == 7 ? "bad" : "good"));
+        });
+    };
+    {
+        // The first is at the database until all others wait, and so these go together.
+        std::atomic<bool> isAtDatabase{false};
+        const ::Test::CallWatch watch([&](const os::Call& call) {
+            if (call.name == "stat"sv && call.path == Database() && !isAtDatabase.exchange(true))
+                while (store.BeingWritten() < count)
+                    std::this_thread::yield();
+            return 0;
+        });
+        write(0);
+        while (!isAtDatabase)
+            std::this_thread::yield();
+        for (int i = 1; i < count; ++i)
+            write(i);
+        for (::Test::JoiningThread& thread : threads)
+            thread.join();
+    }
     for (int i = 0; i < count; ++i)
-        threads.emplace_back([&store, i] { store.Write(SampleEvent(i == 7 ? "bad" : "good")); });
-    for (::Test::JoiningThread& thread : threads)
-        thread.join();
+        EXPECT_EQ(ids[static_cast<std::size_t>(i)] == 0, i == 7) << i;
     ASSERT_TRUE(other.Exec("DROP TRIGGER t"));
-    store.StoreKept();
+    EXPECT_TRUE(store.StoreKept());
     const std::string all = Stored();
     EXPECT_EQ(CountOf(all, "good"), count - 1);
     EXPECT_EQ(CountOf(all, "bad"), 1);
@@ -1061,6 +1154,29 @@ TEST_F(EventDatabase, RemovedOrReplacedDatabaseIsOpenedAnew)
     EXPECT_EQ(store.Write(SampleEvent("three")), 2);
     EXPECT_EQ(Stored(), "of another;three;");
     EXPECT_TRUE(log.Lines().empty()) << log.All();
+}
+
+TEST_F(EventDatabase, DatabaseForWhoseStatementsThereWasNoMemoryIsOpenedAnew)
+{
+    EventStore(m_work).Write(SampleEvent("one"));
+    EventStore store(m_work);
+    {
+        // The last look at the file is just before the statements are made.
+        int looks = 0;
+        const auto write = [&](int failing) {
+            looks = 0;
+            const ::Test::CallWatch watch([&](const os::Call& call) {
+                if (call.name == "stat"sv && call.path == Database() && ++looks == failing)
+                    throw std::bad_alloc();
+                return 0;
+            });
+            store.Write(SampleEvent("lost"));
+        };
+        EXPECT_THROW(write(2), std::bad_alloc);
+        ASSERT_EQ(looks, 2);
+    }
+    EXPECT_EQ(store.Write(SampleEvent("two")), 2);
+    EXPECT_EQ(Stored(), "one;two;");
 }
 
 TEST_F(EventDatabase, DatabaseOfAForeignFormIsLeftAloneAndEventsWait)
