@@ -13,10 +13,12 @@
 
 #include "vex_core/events/agentevent_store.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <sqlite3.h>
@@ -107,41 +109,52 @@ bool Compare(const std::vector<std::unique_ptr<Database>>& databases, CDom& dom,
     return holds;
 }
 
-int g_flushes;
-sqlite3_syscall_ptr g_openDirectory;
+// Transactions that wrote: with full synchronous each is flushed, whatever the kind of the journal.
+std::atomic<int> g_commits;
 
-// The folder of a journal is opened to be flushed with it: once a transaction that counts.
-int CountFlush(const char* path, int* descriptor)
+int CountCommit(void*)
 {
-    ++g_flushes;
-    return reinterpret_cast<int (*)(const char*, int*)>(g_openDirectory)(path, descriptor);
+    ++g_commits;
+    return 0;
+}
+
+int WatchConnection(sqlite3* connection, char**, const sqlite3_api_routines*)
+{
+    sqlite3_commit_hook(connection, CountCommit, nullptr);
+    return SQLITE_OK;
 }
 
 // How often a hundred events are flushed that come while the database is another's.
 int FlushesOfAHundredAtOnce(const std::string& folder)
 {
+    constexpr int count = 100;
     fs::create_directory(folder);
-    EventStore store(folder);
-    store.Write(Event());
+    const SqliteSettings before = GetSqliteSettings();
+    SqliteSettings settings = before;
+    settings.busyTimeoutMs = 600'000; // longer than anybody has to wait
+    SetSqliteSettings(settings);
     SqliteConnection other;
-    std::vector<::Test::JoiningThread> threads;
-    if (!other.Open(folder + "/events.db", 0) || !other.Exec("BEGIN IMMEDIATE"))
+    if (!other.Open(folder + "/events.db", 0))
         std::exit(2);
-    for (int i = 0; i < 100; ++i)
-        threads.emplace_back([&store] {
-            if (store.Write(Event()) == 0)
-                std::exit(2);
-        });
-    ::usleep(200000); // of the two seconds that they wait
-    sqlite3_vfs* const vfs = sqlite3_vfs_find(nullptr);
-    g_openDirectory = vfs->xGetSystemCall(vfs, "openDirectory");
-    vfs->xSetSystemCall(vfs, "openDirectory", reinterpret_cast<sqlite3_syscall_ptr>(CountFlush));
-    g_flushes = 0;
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(WatchConnection));
+    EventStore store(folder);
+    if (store.Write(Event()) == 0 || g_commits == 0 || !other.Exec("BEGIN IMMEDIATE"))
+        std::exit(2);
+    g_commits = 0;
+    std::atomic<int> refused{0};
+    std::vector<::Test::JoiningThread> threads;
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back([&store, &refused] { refused += store.Write(Event()) == 0; });
+    while (store.BeingWritten() < count)
+        std::this_thread::yield();
     other.Exec("COMMIT");
     for (::Test::JoiningThread& thread : threads)
         thread.join();
-    vfs->xSetSystemCall(vfs, "openDirectory", g_openDirectory);
-    return g_flushes;
+    sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(WatchConnection));
+    SetSqliteSettings(before);
+    if (refused > 0)
+        std::exit(2);
+    return g_commits;
 }
 
 } // namespace
