@@ -129,6 +129,24 @@ void CutASecondRecord(DiskLog& log, Faults& faults, const std::string& path)
     ASSERT_EQ(ReadFile(path), "one\n12");
 }
 
+// The process's zone of time while it lives.
+class ZoneOfTime
+{
+public:
+    explicit ZoneOfTime(const char* zone) : m_variable("TZ", zone) { ::tzset(); }
+    ZoneOfTime(const ZoneOfTime&) = delete;
+    ZoneOfTime& operator=(const ZoneOfTime&) = delete;
+
+private:
+    // Read by whoever formats a time, so that the old value counts at once, too.
+    struct Reader
+    {
+        ~Reader() { ::tzset(); }
+    };
+    Reader m_reader; // goes last, behind the variable
+    ::Test::Variable m_variable;
+};
+
 DiskLog::Settings Small(std::int64_t maxBytes, int keep)
 {
     DiskLog::Settings settings;
@@ -143,8 +161,7 @@ DiskLog::Settings Small(std::int64_t maxBytes, int keep)
 
 TEST(LogRecord, HasTimeLevelProcessThreadAndText)
 {
-    const ::Test::Variable zone("TZ", "UTC");
-    ::tzset();
+    const ZoneOfTime zone("UTC");
     EXPECT_EQ(VexCore::FormatLogRecord(1769854830, "%Y-%m-%d %H:%M:%S", LogLevel::Warning, 4242, "CScriptThread",
                                        "lib/x.zip: no matches"),
               "2026-01-31 10:20:30 WARNING [4242/CScriptThread] lib/x.zip: no matches\n");
@@ -161,8 +178,7 @@ std::string TimeOf(std::time_t time, const char* format = DiskLog::standardTimeF
 
 TEST(LogRecord, TimeIsWhatStrftimeMakesOfIt)
 {
-    const ::Test::Variable zone("TZ", "Europe/Berlin");
-    ::tzset();
+    const ZoneOfTime zone("Europe/Berlin");
     // With the first and last years of four digits, and some of fewer and of more.
     for (const std::time_t time : {-62135596800L, -30641760000L, -30610224000L, -1L, 0L, 951782399L, 1774745999L,
                                    1774746000L, 253402297199L, 253402300800L, 300000000000L})
@@ -178,15 +194,15 @@ TEST(LogRecord, TimeIsWhatStrftimeMakesOfIt)
 
 TEST(LogRecord, AnotherTimeZoneCountsAtOnce)
 {
-    const ::Test::Variable zone("TZ", "UTC");
-    ::tzset();
+    const ZoneOfTime zone("UTC");
     EXPECT_EQ(TimeOf(1769854830), "2026-01-31 10:20:30");
-    const ::Test::Variable east("TZ", "EEE-3");
-    ::tzset();
-    EXPECT_EQ(TimeOf(1769854830), "2026-01-31 13:20:30");
-    const ::Test::Variable summer("TZ", "EEE-3FFF,J1,J365");
-    ::tzset();
-    EXPECT_EQ(TimeOf(1769854830), "2026-01-31 14:20:30");
+    {
+        const ZoneOfTime east("EEE-3");
+        EXPECT_EQ(TimeOf(1769854830), "2026-01-31 13:20:30");
+        const ZoneOfTime summer("EEE-3FFF,J1,J365");
+        EXPECT_EQ(TimeOf(1769854830), "2026-01-31 14:20:30");
+    }
+    EXPECT_EQ(TimeOf(1769854830), "2026-01-31 10:20:30");
 }
 
 TEST(LogRecord, AThreadsNameStartsNoLineOfItsOwn)
