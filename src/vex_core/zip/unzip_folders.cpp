@@ -211,9 +211,14 @@ void UnzipFolders::FlushRenames()
     if (root.renamed)
         return Flush();
     // What else changed in it, a folder that was made, can wait for the flush that is to come.
-    const bool changed = std::exchange(root.changed, false);
+    struct Later
+    {
+        Folder& folder;
+        const bool changed = std::exchange(folder.changed, false);
+        ~Later() { folder.changed = changed; }
+    };
+    const Later later{root};
     Flush();
-    root.changed = changed;
 }
 
 bool UnzipFolders::FlushFileSystemsOf(const std::vector<std::string_view>& paths)

@@ -13,16 +13,18 @@ namespace VexCore {
 namespace {
 #ifdef VEX_SMALL_LIMITS
 constexpr std::size_t maxWaitingFiles = 8;
+constexpr std::size_t fewFiles = 5;
 constexpr std::uint64_t maxWaitingBytes = 64 * 1024;
 constexpr std::uint64_t writebackStep = 8 * 1024;
 #else
 // While files wait, old and new ones take space side by side.
 constexpr std::size_t maxWaitingFiles = 1024;
+// Of more, one flush of the file system costs less than one of each. Of fewer it may cost far more: it waits for what
+// everybody has written there, and fails where theirs does.
+constexpr std::size_t fewFiles = 16;
 constexpr std::uint64_t maxWaitingBytes = 64 * 1024 * 1024;
 constexpr std::uint64_t writebackStep = 8 * 1024 * 1024;
 #endif
-// Each flush of a file is a journal to be written, and so is one of the file system. Of more files it is cheaper.
-constexpr std::size_t fewFiles = 3;
 
 std::string InEntry(const ZipEntry& entry)
 {
