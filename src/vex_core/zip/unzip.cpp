@@ -149,8 +149,8 @@ private:
     void Finish()
     {
         m_writer.Commit();
-        m_folders
-            .FlushRenames(); // the list goes when nothing can bring a temporary name back, not even a power failure
+        // The list goes when nothing can bring a temporary name back, not even a power failure.
+        m_folders.FlushRenames();
         m_temporaries.RemoveList();
         m_folders.Flush();
     }
