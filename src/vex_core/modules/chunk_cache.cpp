@@ -218,6 +218,7 @@ bool ChunkCache::ReadRecord(const ChunkRecord& record, std::string& bytes)
     if (!isAhead()) {
         if (!follows || size > aheadBytes)
             return ReadAt(m_file, record.offset, size, bytes);
+        m_ahead.clear(); // what it held lies elsewhere, should there be no memory for the new
         m_aheadAt = record.offset;
         if (!ReadAt(m_file, m_aheadAt, static_cast<std::size_t>(std::min(aheadBytes, m_file.bytes - m_aheadAt)),
                     m_ahead)) {
@@ -243,14 +244,20 @@ void ChunkCache::Add(const std::string& name, std::size_t archiveLength, std::st
         m_writable = false;
     if (!m_writable || name.size() + chunk.size() > m_maxFileBytes / 2)
         return;
-    const auto [place, isNew] = m_waitingByHash.try_emplace(HashName(name), m_waiting.size());
-    if (isNew)
-        m_waiting.push_back({name, archiveLength, m_waitingData.size(), chunk.size()});
-    else if (m_waiting[place->second].name != name)
+    const std::uint64_t hash = HashName(name);
+    const auto known = m_waitingByHash.find(hash);
+    if (known != m_waitingByHash.end() && m_waiting[known->second].name != name)
         return; // another name has the hash: it is compiled each time
-    m_waiting[place->second].offset = m_waitingData.size();
-    m_waiting[place->second].length = chunk.size();
+    // In this order, so that nothing points to bytes of another chunk when memory runs out in between.
+    const std::size_t offset = m_waitingData.size();
     m_waitingData.append(chunk);
+    if (known != m_waitingByHash.end()) {
+        m_waiting[known->second].offset = offset;
+        m_waiting[known->second].length = chunk.size();
+    } else {
+        m_waiting.push_back({name, archiveLength, offset, chunk.size()});
+        m_waitingByHash.emplace(hash, m_waiting.size() - 1);
+    }
     CacheRegistry::Process().NoteWaiting();
     if (m_waitingData.size() >= writeAtBytes)
         WriteWaiting();

@@ -1,11 +1,13 @@
 #include "vex_core/modules/cache_registry.h"
 
+#include "support/address_limit.h"
 #include "support/call_watch.h"
 #include "support/child.h"
 #include "support/joining_thread.h"
 #include "support/log_catcher.h"
 #include "support/other_user.h"
 #include "support/process_guards.h"
+#include "support/sanitized.h"
 #include "support/temp_folder.h"
 #include "vex_core/os/call_observer.h"
 
@@ -202,6 +204,22 @@ TEST_F(CachedChunk, AFileWithADamagedEndIsWrittenAnew)
         EXPECT_TRUE(Fresh()->Find("/x.vxe/b.lua", m_buffer, m_chunk));
     }
 }
+
+#ifndef VEX_TEST_SANITIZED
+TEST_F(CachedChunk, AChunkThatFoundNoMemoryGetsNoOthersBytes)
+{
+    const auto cache = Fresh();
+    const std::string large(64 << 20, 'x');
+    {
+        const ::Test::AddressLimit lessThanTheChunk(16 << 20);
+        EXPECT_THROW(cache->Add("/x.vxe/a.lua", 6, large), std::bad_alloc);
+    }
+    cache->Add("/x.vxe/b.lua", 6, "b");
+    EXPECT_FALSE(cache->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    ASSERT_TRUE(cache->Find("/x.vxe/b.lua", m_buffer, m_chunk));
+    EXPECT_EQ(m_chunk, "b");
+}
+#endif
 
 TEST_F(CachedChunk, ADamagedChunkIsLeftOutOfTheNextFile)
 {
