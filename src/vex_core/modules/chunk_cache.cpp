@@ -152,6 +152,7 @@ void ChunkCache::LoadBlocks()
         const std::size_t first = m_records.size();
         Header header;
         if (!ReadAt(m_file, at, headerBytes, bytes) || !ParseHeader(bytes, m_key, m_file.bytes - at, header)
+            || IsOnePathTooMany(header.pathChecksum)
             || !ReadAt(m_file, at + headerBytes, static_cast<std::size_t>(header.count) * recordBytes, bytes)
             || !ParseIndex(bytes, header, at, m_records)) {
             m_isDamaged = true;
@@ -163,6 +164,11 @@ void ChunkCache::LoadBlocks()
         ++m_blockCount;
         AddOnce(m_paths, header.pathChecksum);
     }
+}
+
+bool ChunkCache::IsOnePathTooMany(std::uint32_t path) const
+{
+    return m_paths.size() >= maxPathsAFile && std::find(m_paths.begin(), m_paths.end(), path) == m_paths.end();
 }
 
 bool ChunkCache::Find(const std::string& name, std::string& buffer, std::string_view& chunk)

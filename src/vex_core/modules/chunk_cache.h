@@ -61,6 +61,7 @@ private:
     bool LoadIndex();
     void LoadBlocks();
     void DropFile();
+    bool IsOnePathTooMany(std::uint32_t path) const;
     bool FindWaiting(const std::string& name, std::string& buffer, std::string_view& chunk) const;
     bool FindOnDisk(const std::string& name, std::string& buffer, std::string_view& chunk);
     bool ReadRecord(const ChunkRecord& record, std::string& bytes);

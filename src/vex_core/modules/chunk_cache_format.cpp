@@ -141,7 +141,7 @@ bool ParseHeader(std::string_view header, std::string_view key, std::uint64_t by
     result.indexChecksum = Load32(header.data() + indexChecksumAt);
     result.blockBytes = Load64(header.data() + blockBytesAt);
     result.pathChecksum = Load32(header.data() + pathChecksumAt);
-    return result.blockBytes <= bytesLeft && result.blockBytes >= headerBytes
+    return result.blockBytes <= bytesLeft && result.blockBytes >= headerBytes && result.count > 0
            && result.count <= (result.blockBytes - headerBytes) / recordBytes;
 }
 

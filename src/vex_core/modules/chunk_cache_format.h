@@ -37,8 +37,8 @@ struct Header
     std::uint32_t pathChecksum = 0; ///< CRC-32 of the archive's path, which is one in a block
 };
 
-/// False when there is no such block, it belongs to another `key` (64 hexadecimal digits), or promises more than
-/// `bytesLeft`, the bytes from its header to the end of the file, hold.
+/// False when there is no such block, it belongs to another `key` (64 hexadecimal digits), has no records, or promises
+/// more than `bytesLeft`, the bytes from its header to the end of the file, hold.
 bool ParseHeader(std::string_view header, std::string_view key, std::uint64_t bytesLeft, Header& result);
 /// `index` are the bytes behind the header, all records of the block, which begins at `blockAt` of the file. Adds them
 /// to `records`. False, and nothing added, when they are damaged or one points out of the block.

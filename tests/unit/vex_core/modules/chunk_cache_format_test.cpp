@@ -47,6 +47,24 @@ TEST(ChunkFile, ABlockThatIsCutShortIsNone)
     EXPECT_EQ(header.blockBytes, block.size());
 }
 
+TEST(ChunkFile, ABlockWithoutRecordsIsNone)
+{
+    std::string block = Build(key, {{"/x.vxe/a.lua", 6, "chunk"}});
+    block.resize(headerBytes);
+    const auto setHeader = [&block](std::uint32_t count) {
+        const std::uint64_t bytes = headerBytes + recordBytes;
+        std::memcpy(&block[40], &count, 4);
+        std::memcpy(&block[48], &bytes, 8);
+        const std::uint32_t checksum = RecordChecksum({std::string_view(block).substr(0, 60), 0, ""});
+        std::memcpy(&block[60], &checksum, 4);
+    };
+    Header header;
+    setHeader(1);
+    EXPECT_TRUE(ParseHeader(block, key, 1000, header));
+    setHeader(0);
+    EXPECT_FALSE(ParseHeader(block, key, 1000, header));
+}
+
 TEST(ChunkFile, EachPathHasABlockThatKeepsTheOrderOfItsChunks)
 {
     const std::string file = Build(key, {{"/x.vxe/z.lua", 6, "1"}, {"/y.vxe/a.lua", 6, "2"}, {"/x.vxe/a.lua", 6, "3"}});

@@ -343,6 +343,30 @@ TEST_F(CachedChunk, WritersKeepEachOthersChunks)
     EXPECT_TRUE(cache->Find("/x.vxe/b.lua", m_buffer, m_chunk));
 }
 
+namespace {
+// A block of one chunk, as another process writes it.
+std::string BlockOf(const std::string& name)
+{
+    return ChunkCacheFormat::Build(cacheKey, {{name, 6, "code"}});
+}
+
+} // namespace
+
+TEST_F(CachedChunk, BlocksBehindANinthPathAreNotRead)
+{
+    std::string bytes;
+    for (int i = 0; i < 9; ++i)
+        bytes += BlockOf("/" + std::to_string(i) + ".vxe/a.lua");
+    std::filesystem::create_directory(m_cacheFolder);
+    std::filesystem::permissions(m_cacheFolder, std::filesystem::perms::owner_all);
+    const std::string file = m_cacheFolder + "/" + cacheKey + ".luac";
+    ::Test::WriteFile(file, bytes);
+    ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
+    const auto cache = Fresh();
+    EXPECT_TRUE(cache->Find("/7.vxe/a.lua", m_buffer, m_chunk));
+    EXPECT_FALSE(cache->Find("/8.vxe/a.lua", m_buffer, m_chunk));
+}
+
 TEST_F(CachedChunk, ANewChunkReplacesTheOldOne)
 {
     auto cache = Fresh();
