@@ -32,6 +32,8 @@ constexpr std::size_t maxBlocks = 64;
 constexpr std::uint64_t smallBytes = 8 * 1024 * 1024;
 // The same archive may lie at many paths (builds, tests); chunks carry their path, so each path has its own.
 constexpr std::size_t maxPathsAFile = 8;
+// Writers that come first one after the other are few. Who loses so often leaves its chunks to the next process.
+constexpr int maxWriteTries = 8;
 
 std::size_t BytesOf(const ChunkRecord& record)
 {
@@ -113,6 +115,7 @@ void ChunkCache::DropFile()
     m_blockCount = 0;
     m_indexedBytes = 0;
     m_isDamaged = false;
+    m_hasDamagedChunk = false;
     std::string().swap(m_ahead);
     m_nextAt = 0;
 }
@@ -142,7 +145,8 @@ bool ChunkCache::LoadIndex()
     return true;
 }
 
-// From the last one that is known to the first that is not whole: where the next one begins is not known then.
+// From the last one that is known to the first that is not whole: where the next one begins is not known then. That one
+// may just be written by another process: a writer looks again before it takes it for damage.
 void ChunkCache::LoadBlocks()
 {
     using namespace ChunkCacheFormat;
@@ -208,6 +212,7 @@ bool ChunkCache::FindOnDisk(const std::string& name, std::string& buffer, std::s
     if (ReadRecord(record, buffer) && ChunkCacheFormat::ParseRecord(buffer, record, name, chunk))
         return true;
     m_isDamaged = true;
+    m_hasDamagedChunk = true;
     return false;
 }
 
@@ -302,21 +307,23 @@ std::vector<Item> ChunkCache::NewItems() const
     return items;
 }
 
-// False when the file cannot grow by these, or is another one by now than was looked at.
-bool ChunkCache::WriteBehind(const std::vector<Item>& items)
+// Failed when the file cannot grow by these.
+AppendResult ChunkCache::WriteBehind(const std::vector<Item>& items)
 {
     if (!m_file.descriptor || m_isDamaged || (m_blockCount >= maxBlocks && m_file.bytes <= smallBytes))
-        return false;
+        return AppendResult::Failed;
     std::vector<std::uint32_t> paths = m_paths;
     for (const Item& item : items)
         AddOnce(paths, ChunkCacheFormat::PathChecksum(PathOf(item)));
     if (paths.size() > maxPathsAFile)
-        return false;
+        return AppendResult::Failed;
     ChunkCacheFormat::Build(m_key, items, m_block);
-    if (m_file.bytes + m_block.size() > m_maxFileBytes || !m_folder.Append(m_key, m_file, m_block))
-        return false;
-    LoadBlocks();
-    return true;
+    if (m_file.bytes + m_block.size() > m_maxFileBytes)
+        return AppendResult::Failed;
+    const AppendResult result = m_folder.Append(m_key, m_file, m_block);
+    if (result == AppendResult::Written)
+        LoadBlocks();
+    return result;
 }
 
 // These, and what a small file holds already as far as it is whole and there is room.
@@ -346,19 +353,24 @@ void ChunkCache::WriteWaiting()
     if (!m_loaded)
         LoadIndex();
     std::vector<Item> items = NewItems();
-    if (m_writable && !items.empty() && !WriteBehind(items)) {
-        const bool wasDamaged = m_isDamaged;
-        LoadIndex(); // what another process has written meanwhile stays
-        m_isDamaged = m_isDamaged || wasDamaged; // of a chunk the index tells nothing
-        items = NewItems();
-        std::uint64_t bytes = ChunkCacheFormat::headerBytes;
-        for (const Item& item : items)
-            bytes += BytesOf(item);
-        if (m_writable && !items.empty() && !WriteBehind(items)) {
+    for (int tries = 1; m_writable && !items.empty() && tries <= maxWriteTries; ++tries) {
+        const AppendResult result = WriteBehind(items);
+        if (result == AppendResult::Written)
+            break;
+        if (result == AppendResult::Failed && tries > 1) { // with the file as it is now
+            std::uint64_t bytes = ChunkCacheFormat::headerBytes;
+            for (const Item& item : items)
+                bytes += BytesOf(item);
             const bool isFull = IsFullOf(ChunkCacheFormat::PathChecksum(PathOf(items.front())), bytes);
             m_writable = !isFull && WriteAnew(items); // if not, the next process tries again
             DropFile();
+            break;
         }
+        const bool hadDamagedChunk = m_hasDamagedChunk;
+        LoadIndex(); // what another process has written meanwhile stays
+        m_hasDamagedChunk = hadDamagedChunk;
+        m_isDamaged = m_isDamaged || hadDamagedChunk;
+        items = NewItems();
     }
     m_waiting.clear();
     m_waitingByHash.clear();

@@ -69,7 +69,7 @@ private:
     bool IsWritten(const ChunkCacheFormat::Item& item) const;
     void WriteWaiting();
     std::vector<ChunkCacheFormat::Item> NewItems() const;
-    bool WriteBehind(const std::vector<ChunkCacheFormat::Item>& items);
+    AppendResult WriteBehind(const std::vector<ChunkCacheFormat::Item>& items);
     bool WriteAnew(const std::vector<ChunkCacheFormat::Item>& items) const;
 
     const ChunkCacheFolder m_folder;
@@ -86,6 +86,7 @@ private:
     std::size_t m_blockCount = 0; // of the file
     std::uint64_t m_indexedBytes = 0; // of the file: m_records has those blocks
     bool m_isDamaged = false; // something in the file is not whole: nothing may be written behind it
+    bool m_hasDamagedChunk = false; // and it is a chunk, which a look at the blocks does not show
     std::string m_ahead; // what was read along with a chunk
     std::uint64_t m_aheadAt = 0; // where it lies in the file
     std::uint64_t m_nextAt = 0; // behind the chunk that was read last

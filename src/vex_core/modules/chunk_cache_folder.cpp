@@ -226,28 +226,29 @@ bool ChunkCacheFolder::Replace(const std::string& key, const std::string& bytes)
     return true;
 }
 
-bool ChunkCacheFolder::Append(const std::string& key, ChunkFile& file, const std::string& bytes) const
+AppendResult ChunkCacheFolder::Append(const std::string& key, ChunkFile& file, const std::string& bytes) const
 {
     os::Descriptor folder;
     if (OpenFolder(m_path, false, folder) != FolderState::Usable)
-        return false;
+        return AppendResult::Failed;
     const std::string name = key + fileSuffix;
     const os::Descriptor end(
         os::OpenAt(folder.Get(), name.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     struct stat status;
     struct stat readFrom;
     if (!end || os::FStat(end.Get(), status) != 0 || os::FStat(file.descriptor.Get(), readFrom) != 0
-        || !IsOursAlone(status) || !os::IdentityOf(readFrom).IsFileOf(status)
-        || static_cast<std::uint64_t>(status.st_size) != file.bytes)
-        return false;
+        || !IsOursAlone(status))
+        return AppendResult::Failed;
+    if (!os::IdentityOf(readFrom).IsFileOf(status) || static_cast<std::uint64_t>(status.st_size) != file.bytes)
+        return AppendResult::Changed;
     if (!os::WriteAll(end.Get(), bytes.data(), bytes.size())) {
         Trace(__LINE__, m_path, "not written: " + os::ErrorText(os::LastError()));
-        return false;
+        return AppendResult::Failed;
     }
     if (os::FStat(end.Get(), status) == 0)
         file.bytes = static_cast<std::uint64_t>(status.st_size);
     SweptFolders::Process().NoteWritten(m_path, folder.Get(), false, bytes.size());
-    return true;
+    return AppendResult::Written;
 }
 
 } // namespace VexCore

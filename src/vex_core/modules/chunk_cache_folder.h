@@ -34,6 +34,12 @@ struct ChunkFileSearch
     std::optional<ChunkFile> file; ///< nothing when it is missing, is too large or may not be used
 };
 
+enum class AppendResult {
+    Written,
+    Changed, ///< another writer came first: nothing was written, and the file is to be looked at again
+    Failed, ///< the file is missing or may not be used, or there is no room for all of it
+};
+
 /// One folder. Only used when it is no symbolic link, ours, and nobody else may enter it, and likewise for
 /// the files: code that is loaded from there runs with our rights. What is not used, and what fails, is
 /// traced and no error. Any thread.
@@ -51,9 +57,9 @@ public:
     /// month, what killed writers left, and the oldest beyond the bounds.
     bool Replace(const std::string& key, const std::string& bytes) const;
     /// Writes behind the end of the file of a cache, by one call: what two processes write at once lies one behind the
-    /// other. False when it is another file by now than `file`, or has another length; else `file` has the new one.
-    /// Sweeps as `Replace` does.
-    bool Append(const std::string& key, ChunkFile& file, const std::string& bytes) const;
+    /// other. Changed when it is another file by now than `file`, or has another length; once written, `file` has the
+    /// new one. Sweeps as `Replace` does.
+    AppendResult Append(const std::string& key, ChunkFile& file, const std::string& bytes) const;
 
 private:
     const std::string m_path;

@@ -344,6 +344,14 @@ TEST_F(CachedChunk, WritersKeepEachOthersChunks)
 }
 
 namespace {
+// Tells one file from another that took its place.
+ino_t FileNumber(const std::string& path)
+{
+    struct stat status = {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
+    return status.st_ino;
+}
+
 // A block of one chunk, as another process writes it.
 std::string BlockOf(const std::string& name)
 {
@@ -351,6 +359,62 @@ std::string BlockOf(const std::string& name)
 }
 
 } // namespace
+
+TEST_F(CachedChunk, ABlockThatWasSeenWhileItWasWrittenIsNoDamage)
+{
+    auto cache = Fresh();
+    cache->Add("/x.vxe/a.lua", 6, "a");
+    cache->Flush();
+    cache.reset();
+    const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder).at(0);
+    const std::string before = ::Test::ReadFile(file);
+    const std::string block = BlockOf("/x.vxe/b.lua");
+    for (const std::size_t seen : {std::size_t{10}, block.size() - 1}) {
+        ::Test::WriteFile(file, before + block.substr(0, seen));
+        const ino_t number = FileNumber(file);
+        cache = Fresh();
+        EXPECT_FALSE(cache->Find("/x.vxe/b.lua", m_buffer, m_chunk)) << seen;
+        ::Test::WriteFile(file, before + block);
+        cache->Add("/x.vxe/c.lua", 6, "c");
+        cache->Flush();
+        EXPECT_EQ(FileNumber(file), number) << "written anew after " << seen;
+        for (const char* name : {"/x.vxe/a.lua", "/x.vxe/b.lua", "/x.vxe/c.lua"})
+            EXPECT_TRUE(cache->Find(name, m_buffer, m_chunk)) << name << " after " << seen;
+        cache.reset(); // or the next round has this one again
+    }
+}
+
+TEST_F(CachedChunk, AFileThatOthersWriteToMeanwhileIsNotWrittenAnew)
+{
+    for (const int losses : {3, 1000}) {
+        std::filesystem::remove_all(m_cacheFolder);
+        auto cache = Fresh();
+        cache->Add("/x.vxe/a.lua", 6, "a");
+        cache->Flush();
+        const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder).at(0);
+        const ino_t number = FileNumber(file);
+        int blocks = 0;
+        const auto other = [&](const os::Call& call) { // right before it is looked at whether it has grown
+            if (call.name == "openat"sv && call.path == cacheKey + ".luac" && blocks < losses)
+                ::Test::WriteFile(file, ::Test::ReadFile(file) + BlockOf("/x.vxe/" + std::to_string(++blocks)));
+            return 0;
+        };
+        cache->Add("/x.vxe/b.lua", 6, "b");
+        {
+            const ::Test::CallWatch watch(other);
+            cache->Flush();
+        }
+        EXPECT_GE(blocks, 3);
+        EXPECT_LT(blocks, 50) << "one that always loses gives up";
+        EXPECT_EQ(FileNumber(file), number) << losses;
+        EXPECT_EQ(cache->Find("/x.vxe/b.lua", m_buffer, m_chunk), losses == 3);
+        EXPECT_TRUE(cache->WantsChunks());
+        cache->Add("/x.vxe/c.lua", 6, "c");
+        cache->Flush();
+        for (const char* name : {"/x.vxe/a.lua", "/x.vxe/1", "/x.vxe/3", "/x.vxe/c.lua"})
+            EXPECT_TRUE(cache->Find(name, m_buffer, m_chunk)) << name << " after " << losses;
+    }
+}
 
 TEST_F(CachedChunk, BlocksBehindANinthPathAreNotRead)
 {
