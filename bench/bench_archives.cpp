@@ -63,7 +63,7 @@ double RequireAll(CDom* dom)
     return spent;
 }
 
-void BenchSpread(const Test::TempFolder& folder, CDom* dom, int runs)
+bool BenchSpread(const Test::TempFolder& folder, CDom* dom, int runs)
 {
     std::vector<std::string> lists;
     for (const int archives : spreads)
@@ -74,12 +74,12 @@ void BenchSpread(const Test::TempFolder& folder, CDom* dom, int runs)
             dom->Set("app.lua.zippath", lists[i]);
             seconds[i].push_back(RequireAll(dom));
         }
-    const double one = Bench::Median(seconds[0]);
-    const double eight = Bench::Median(seconds[1]);
-    const double many = Bench::Median(seconds[2]);
-    std::printf("%d modules from 1 archive %.1f ms, from 8 %.1f ms, ratio %.3f (claim: at most 1.02)\n", moduleCount,
-                one * 1e3, eight * 1e3, eight / one);
-    std::printf("  from 500 archives %.1f ms, ratio to 8 %.3f (claim: at most 1.15)\n", many * 1e3, many / eight);
+    const double one = Bench::Median(seconds[0]) * 1e3;
+    const double eight = Bench::Median(seconds[1]) * 1e3;
+    const double many = Bench::Median(seconds[2]) * 1e3;
+    bool kept = Bench::Row("2000 modules from 8 archives", eight, "from 1 archive", one, "ms", 1.02);
+    kept &= Bench::Row("2000 modules from 500 archives", many, "from 8 archives", eight, "ms", 1.15);
+    return kept;
 }
 
 // Microseconds of one round of `code`, the best of ten times twenty.
@@ -114,7 +114,7 @@ double MicrosecondsOfMiss(CDom* dom)
     return best;
 }
 
-void BenchMany(const Test::TempFolder& folder, CDom* dom, int count)
+bool BenchMany(const Test::TempFolder& folder, CDom* dom, int count)
 {
     std::string archives;
     std::string templates;
@@ -135,18 +135,20 @@ void BenchMany(const Test::TempFolder& folder, CDom* dom, int count)
     const char* const last = "package.loaded.last = nil require 'last'";
     const double lastOurs = MicrosecondsOf(ours, last);
     const double lastStock = MicrosecondsOf(stock, last);
-    std::printf("the last of %d archives %.1f us (claim: at most 100), stock Lua's last template %.1f us, ratio %.4f\n",
-                count, lastOurs, lastStock, lastOurs / lastStock);
+    const std::string archivesText = std::to_string(count) + " archives";
+    const std::string lastText = "the last of " + archivesText;
+    bool kept = Bench::Row(lastText.c_str(), lastOurs, "allowed are", 100, "us", 1);
+    Bench::Row(lastText.c_str(), lastOurs, "the last template of stock Lua", lastStock, "us", 0);
     const char* const miss = "pcall(require, 'is.nowhere')";
     const double search = MicrosecondsOfMiss(dom) / count;
     const double missOurs = MicrosecondsOf(ours, miss) / count;
     const double missStock = MicrosecondsOf(stock, miss) / count;
-    std::printf(
-        "a miss %.3f us an archive (claim: at most 0.05), with what Lua makes of it %.3f us, stock Lua %.3f us a "
-        "template, ratio %.3f\n",
-        search, missOurs, missStock, missOurs / missStock);
+    const std::string missText = "a miss in " + archivesText + " - each";
+    kept &= Bench::Row(missText.c_str(), search, "allowed are", 0.05, "us", 1);
+    Bench::Row((missText + " with what Lua makes of it").c_str(), missOurs, "stock Lua a template", missStock, "us", 0);
     lua_close(ours);
     lua_close(stock);
+    return kept;
 }
 
 } // namespace
@@ -161,8 +163,8 @@ int main(int argc, char** argv)
     CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
     dom->Set("app.path.bin", folder.Path());
     dom->Set("app.lua.cache", false);
-    BenchSpread(folder, dom, argc > 1 ? std::atoi(argv[1]) : 15);
-    BenchMany(folder, dom, argc > 2 ? std::atoi(argv[2]) : 10000);
+    bool kept = BenchSpread(folder, dom, argc > 1 ? std::atoi(argv[1]) : 15);
+    kept &= BenchMany(folder, dom, argc > 2 ? std::atoi(argv[2]) : 10000);
     dom->Release();
-    return 0;
+    return kept ? 0 : 1;
 }

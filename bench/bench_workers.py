@@ -11,6 +11,8 @@ import subprocess
 import sys
 import tempfile
 
+import figures
+
 CLAIM_KIB = 8192
 CLAIM_MAPS = 8
 
@@ -51,8 +53,12 @@ def main():
     print(done.stdout, end="")
     rows = [[int(number) for number in line.split()] for line in done.stdout.splitlines() if re.fullmatch(r"[\d ]+", line)]
     more = [last - first for first, last in zip(rows[0], rows[-1])]
-    print(f"more at the end: {more[1]} KiB (claim: {CLAIM_KIB} at most), {more[3]} maps (claim: {CLAIM_MAPS} at most), {more[4]} threads")
-    return 1 if more[1] > CLAIM_KIB or more[3] > CLAIM_MAPS or more[4] != 0 else 0
+    kept = figures.row("memory that workers leave behind", more[1], "allowed are", CLAIM_KIB, "KiB", 1)
+    kept &= figures.row("memory maps that workers leave behind", more[3], "allowed are", CLAIM_MAPS, "maps", 1)
+    if more[4] != 0:
+        print(f"{more[4]} more threads at the end", file=sys.stderr)
+        return 1
+    return 0 if kept else 1
 
 
 if __name__ == "__main__":
