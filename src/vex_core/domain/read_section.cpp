@@ -36,7 +36,7 @@ constexpr std::uint32_t sharedPlace = 1;
 ReadSection::Place ReadSection::s_places[maxOwnPlaces + 1];
 std::atomic<std::uint32_t> ReadSection::s_inUse{sharedPlace};
 ReadSection::Epoch ReadSection::s_epoch;
-const ReadSection::ForkHook ReadSection::s_forkHook;
+const ReadSection::ForkHook ReadSection::forkHook;
 
 std::size_t ReadSection::OwnPlaces()
 {
@@ -59,7 +59,7 @@ ReadSection::Place* ReadSection::Enroll()
             ~End() { s_inUse.fetch_and(~(std::uint32_t{1} << (std::exchange(t_place, s_places) - s_places))); }
         };
         t_place = s_places + i;
-        static thread_local const End t_end;
+        static thread_local End t_end;
         return t_place;
     }
     return t_place = s_places;

@@ -59,7 +59,7 @@ private:
     static const struct ForkHook
     {
         ForkHook();
-    } s_forkHook;
+    } forkHook;
 
     std::atomic<std::uint32_t>& m_readers;
 };
