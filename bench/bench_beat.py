@@ -60,7 +60,7 @@ def run(tree, beats, plugins, options, prefix=()):
                             check=False)
     if result.returncode != 0:
         sys.exit(f"bench_beat: status {result.returncode}\n{result.stdout}{result.stderr}")
-    with open(tree + "/work/bytes", encoding="utf-8") as file:
+    with open(os.path.join(tree, "work", "bytes"), encoding="utf-8") as file:
         return result.stderr, int(file.read())
 
 

@@ -219,7 +219,7 @@ def hosts_metrics(folder):
         protocol_version = "HTTP/1.1"
 
         def do_GET(self):  # pylint: disable=invalid-name
-            body = read(f"{folder}{self.path}/work/out/vx_agent.prom").encode()
+            body = read(os.path.join(folder + self.path, "work", "out", "vx_agent.prom")).encode()
             self.send_response(200 if body else 503)
             self.send_header("Content-Type", "text/plain; version=0.0.4; charset=utf-8")
             self.send_header("Content-Length", str(len(body)))
