@@ -69,9 +69,17 @@ def ask_for_a_beat(tree):
 
 
 def files_of_the_last_beat(tree):
-    """The metrics, once they are those of the newest row."""
-    return wait_until(lambda: (now := metrics(tree)).get("vex_heartbeats_total") == len(beats(tree)) and now,
+    """The metrics, once they are those of the newest row and the report, which a beat writes behind them, is there too."""
+    return wait_until(lambda: (now := metrics(tree)).get("vex_heartbeats_total") == len(beats(tree)) and has_its_report(tree) and now,
                       what="the files of the last beat")
+
+
+def has_its_report(tree):
+    """Whether the report is not older than the metrics."""
+    try:
+        return os.stat(out(tree, "report.json")).st_mtime_ns >= os.stat(out(tree)).st_mtime_ns
+    except FileNotFoundError:
+        return False
 
 
 def mode(path):
