@@ -50,7 +50,8 @@ public:
         if (shared == MAP_FAILED)
             std::exit(1);
         m_ended = static_cast<std::int64_t*>(shared);
-        m_times.reserve(static_cast<std::size_t>(count));
+        if (m_timesFile)
+            m_times.reserve(static_cast<std::size_t>(count));
     }
 
     std::int64_t NowSeconds() override { return m_now += restartSpanSeconds + 1; }
@@ -58,7 +59,7 @@ public:
 
     pid_t ForkWorker() override
     {
-        if (m_child++ > 0)
+        if (m_child++ > 0 && m_timesFile) // what is noted would count as memory that a restart costs
             m_times.emplace_back(Now(CLOCK_MONOTONIC) - *m_ended, Now(CLOCK_PROCESS_CPUTIME_ID) - m_spentAtFork);
         m_spentAtFork = Now(CLOCK_PROCESS_CPUTIME_ID);
         return m_real.ForkWorker();
