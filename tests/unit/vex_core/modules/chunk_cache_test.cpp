@@ -215,7 +215,8 @@ TEST_F(CachedChunk, AChunkThatFoundNoMemoryGetsNoOthersBytes)
         EXPECT_THROW(cache->Add("/x.vxe/a.lua", 6, large), std::bad_alloc);
     }
     cache->Add("/x.vxe/b.lua", 6, "b");
-    EXPECT_FALSE(cache->Find("/x.vxe/a.lua", m_buffer, m_chunk));
+    // There may have been memory for the chunk and none to write it.
+    EXPECT_TRUE(!cache->Find("/x.vxe/a.lua", m_buffer, m_chunk) || m_chunk == large);
     ASSERT_TRUE(cache->Find("/x.vxe/b.lua", m_buffer, m_chunk));
     EXPECT_EQ(m_chunk, "b");
 }
