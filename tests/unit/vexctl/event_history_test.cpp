@@ -98,7 +98,7 @@ TEST(EventHistoryKeys, WhatSomebodyElsePutInTheirPlaceIsNoKey)
 }
 
 INSTANTIATE_TEST_SUITE_P(OfAnAgent, EventHistory, testing::Bool(),
-                         [](const auto& info) { return info.param ? "ThatStoresKeys" : "ThatStoresNone"; });
+                         [](const auto& one) { return one.param ? "ThatStoresKeys" : "ThatStoresNone"; });
 
 TEST(EventHistoryTimes, SecondsBeyondAnyTimeAreNone)
 {
