@@ -20,7 +20,7 @@ claim is an upper bound of the ratio, and a bench that finds more fails.
 
 
 class BadWords(Exception):
-    """Measures without words, or words without a measure."""
+    """A file of words that cannot be read."""
 
 
 def together(benches):
@@ -62,12 +62,12 @@ def read_words(path):
 
 
 def compare(words, rows):
+    """What of measures and words does not belong together, a sentence each."""
     said = {what for measures in words.values() for what in measures}
-    measured = {row["what"] for row in rows}
-    wrong = [f"'{what}' is measured by {row['bench']} and has no words" for row in rows if (what := row["what"]) not in said]
-    wrong += [f"'{what}' has words and no bench measures it" for measures in words.values() for what in measures if what not in measured]
-    if wrong:
-        raise BadWords(f"{WORDS}: " + "; ".join(wrong))
+    measured = {row["what"]: row["bench"] for row in rows}
+    return [*(f"{WORDS}: '{what}' is measured by {bench} and has no words" for what, bench in measured.items() if what not in said),
+            *(f"{WORDS}: '{what}' has words, and no bench has measured it" for measures in words.values() for what in measures
+              if what not in measured)]
 
 
 # --- what is written
@@ -102,7 +102,8 @@ def words_table(measures, benches):
     yield "| measure | before | what was changed | what limits it now |"
     yield "|---|---|---|---|"
     for what, said in measures.items():
-        yield f"| {cell(what)}: `{benches[what]}` | " + " | ".join(cell(said[kind]) for kind in KINDS) + " |"
+        bench = f"`{benches[what]}`" if what in benches else "**not measured**"
+        yield f"| {cell(what)}: {bench} | " + " | ".join(cell(said[kind]) for kind in KINDS) + " |"
 
 
 def machine_lines(told):
@@ -110,6 +111,8 @@ def machine_lines(told):
     runs = max(len(row["ratios"]) for row in told["rows"])
     yield f"{about['date']}, {runs} run{'s' if runs > 1 else ''}, {about['processors']}, {about['system']}, Linux {about['kernel']}. "
     yield ", ".join(f"{name} {version}" for name, version in about.items() if name not in SHOWN) + ". "
+    minutes = max(1, round(sum(told["seconds"].values()) / 60))
+    yield f"A run took {minutes} minute{'s' if minutes > 1 else ''}. "
     busy = told["load"]
     yield "Nothing else ran." if busy <= 0.5 else f"The machine had other work (a load of {busy:.1f} when it began), so the times say little."
 
@@ -137,13 +140,16 @@ def counts_table(counts):
         yield f"| {cell(name)} | {counted:,} |"
 
 
-def text(words, told, counts, plots):
-    compare(words, told["rows"])
+def text(words, told, counts, plots, complaints=()):
     benches = {row["what"]: row["bench"] for row in told["rows"]}
     lines = [*HEAD.splitlines(), "", *wrapped(machine_lines(told))]
-    for group, measures in words.items():
-        lines += ["", f"## {group}", "", *figures_table(row for what in measures for row in told["rows"] if row["what"] == what), "",
-                  *words_table(measures, benches)]
+    if complaints:
+        lines += ["", "**Not all was measured, or not all has words:**", "", *(f"- {cell(complaint)}" for complaint in complaints)]
+    said = {what for measures in words.values() for what in measures}
+    others = {what: dict.fromkeys(KINDS, "") for what in benches if what not in said}
+    for group, measures in (*words.items(), *([("Others", others)] if others else ())):
+        figured = [row for what in measures for row in told["rows"] if row["what"] == what]
+        lines += ["", f"## {group}", "", *([*figures_table(figured), ""] if figured else ()), *words_table(measures, benches)]
     if counts:
         about = ", ".join(f"{name} {version}" for name, version in counts["surroundings"].items())
         lines += ["", "## Instructions", "", *wrapped([
@@ -157,13 +163,15 @@ def text(words, told, counts, plots):
 
 
 def write(root, told, plots):
-    """Writes the page and the plots beside it; nothing is written where words and figures do not belong together."""
+    """Writes the page and the plots beside it; returns what of words and figures does not belong together, which the page says too."""
     drawn = sorted(glob.glob(os.path.join(plots, "*.svg")))
     counts = None
     if os.path.exists(os.path.join(root, COUNTS)):
         with open(os.path.join(root, COUNTS), encoding="ascii") as file:
             counts = json.load(file)
-    page = text(read_words(os.path.join(root, WORDS)), told, counts, drawn)
+    words = read_words(os.path.join(root, WORDS))
+    complaints = compare(words, told["rows"])
+    page = text(words, told, counts, drawn, [*told["failures"], *complaints])
     os.makedirs(os.path.join(root, PLOTS), exist_ok=True)
     for plot in drawn:
         shutil.copyfile(plot, os.path.join(root, PLOTS, os.path.basename(plot)))
@@ -171,3 +179,4 @@ def write(root, told, plots):
     with open(path + ".new", "w", encoding="utf-8") as file:
         file.write(page)
     os.replace(path + ".new", path)
+    return complaints

@@ -2,6 +2,7 @@
 import glob
 import json
 import os
+import pty
 import re
 import shutil
 import subprocess
@@ -10,7 +11,7 @@ import xml.etree.ElementTree
 
 import pytest
 
-from conftest import BUILD, PATIENCE, ROOT, SANITIZED, STAGE
+from conftest import BUILD, PATIENCE, ROOT, SANITIZED, STAGE, all_that_is_shown
 
 sys.path.insert(0, os.path.join(ROOT, "bench"))
 import bench_growth  # pylint: disable=wrong-import-position
@@ -103,6 +104,16 @@ class Tree:
                                 text=True, timeout=PATIENCE, check=False)
         return result.returncode, result.stdout, re.sub(r"bench: this machine has other work .*\n", "", result.stderr)
 
+    def on_a_terminal(self, *arguments):
+        """What a person sees."""
+        master, slave = pty.openpty()
+        with subprocess.Popen([sys.executable, str(self.root / "tools/bench"), *arguments], stdin=subprocess.DEVNULL, stdout=slave, stderr=slave,
+                              env={**os.environ, "TERM": "xterm"}):
+            os.close(slave)
+            shown = all_that_is_shown(master)
+        os.close(master)
+        return shown.decode()
+
     def page(self):
         return (self.root / "docs/PERFORMANCE.md").read_text()
 
@@ -113,11 +124,15 @@ def _tree(tmp_path):
 
 
 def test_the_page_has_figures_claims_and_words_of_all_runs(tree):
-    tree.bench("bench_a", FIRST.format(OPEN.format(1, "0.200", "").strip()) + OPEN.format(1.5, "0.300", ""))
+    tree.bench("bench_a", FIRST.format(OPEN.format(1, "0.200", "").strip()) + OPEN.format(1.5, "0.300", "")
+               + "echo '<svg><title>A key</title></svg>' > $VEX_BENCH_PLOTS/keys.svg\n")
     (tree.root / "bench/counts.json").write_text('{"surroundings": {"lua": "5.2.4"}, "counts": {"a start": 38503732}}')
     (tree.root / "build/bench/plots").mkdir(parents=True)
-    (tree.root / "build/bench/plots/keys.svg").write_text("<svg><title>A key</title></svg>")
-    assert tree.run("--all") == (0, "== bench_a\nopen 2,000 entries: 1 ms, libzip 5 ms, ratio 0.200 (claim: at most 0.30)\n"
+    (tree.root / "build/bench/plots/old.svg").write_text("<svg><title>Of another run</title></svg>")
+    status, printed, errors = tree.run("--all")
+    printed, _, seconds = printed.rpartition("seconds of a run: ")
+    assert re.fullmatch(r"bench_[ab] \d+, bench_[ab] \d+\n", seconds)
+    assert (status, printed, errors) == (0, "== bench_a\nopen 2,000 entries: 1 ms, libzip 5 ms, ratio 0.200 (claim: at most 0.30)\n"
                                  "== bench_b\nwhat else a bench tells\na write: 12000 KiB, the least program 4000 KiB, ratio 3.000\n"
                                  "== bench_a\nopen 2,000 entries: 1.5 ms, libzip 5 ms, ratio 0.300 (claim: at most 0.30)\n"
                                  "== bench_b\nwhat else a bench tells\na write: 12000 KiB, the least program 4000 KiB, ratio 3.000\n", "")
@@ -126,9 +141,9 @@ def test_the_page_has_figures_claims_and_words_of_all_runs(tree):
             "| measure | before | what was changed | what limits it now |\n|---|---|---|---|\n"
             "| open 2,000 entries: `bench_a` | 0.32 | one look | reading \\| checking |\n\n## Log\n") in page
     assert "| a write | the least program | 12,000 KiB | 4,000 KiB | 3.000 | 3.000 to 3.000 |  |  |\n" in page
-    assert re.search(r"^\d{4}-\d\d-\d\d, 2 runs, \d+, .*gcc 12.2.0, lua 5.2.4\. ", page, re.M | re.S)
+    assert re.search(r"^\d{4}-\d\d-\d\d, 2 runs, \d+, .*gcc 12.2.0, lua 5.2.4\.\sA\srun\stook\s\d+\sminutes?\.\s", page, re.M | re.S)
     assert "They come from lua 5.2.4.\n\n| one | instructions |\n|---|---|\n| a start | 38,503,732 |\n" in page
-    assert page.endswith("![A key](growth/keys.svg)\n") and (tree.root / "docs/growth/keys.svg").exists()
+    assert page.endswith("![A key](growth/keys.svg)\n") and "old.svg" not in page and (tree.root / "docs/growth/keys.svg").exists()
     assert max(len(line) for line in page.splitlines() if not line.startswith("|")) <= 140
 
 
@@ -150,31 +165,66 @@ def test_a_claim_that_does_not_hold_is_on_the_page_and_in_the_status(tree):
     (OPEN.format(1, "0.200", "") + "exit 1", "bench_a ended with status 1 after: open 2,000 entries: 1 ms, libzip 5 ms, ratio 0.200 (claim: at most 0.30)"),
     ("exit 3", "bench_a ended with status 3 after: nothing"),
     ("kill -9 $$", "bench_a ended with status -9 after: nothing"),
+    ("echo words; exec sleep 600", "bench_a did not come to its end within 5 s, after: words"),
     ("echo words", "no figure in the form of bench/figures.h comes from bench_a"),
     ("", "no figure in the form of bench/figures.h comes from bench_a"),
-])
-def test_the_page_stays_as_it_was_when_a_bench_fails(tree, body, why):
+], ids=["status 1", "status 3", "a signal", "no end", "no figure", "nothing"])
+def test_a_bench_that_fails_is_named_on_the_page_beside_the_figures_of_the_others(tree, body, why):
     tree.bench("bench_a", body)
-    status, _, errors = tree.run("--all")
-    assert (status, errors, tree.page()) == (2, f"bench: {why}; docs/PERFORMANCE.md is as it was\n", "as it was\n")
-    assert not (tree.root / "build/bench/measured.json").exists()
+    status, _, errors = tree.run("--all", *(("--limit", "5", "--runs", "1") if "sleep" in body else ()))
+    unmeasured = "bench/rows.toml: 'open 2,000 entries' has words, and no bench has measured it"
+    complaints = [why] if "open" in body else [why, unmeasured]
+    assert (status, errors) == (1, "".join(f"bench: {complaint}\n" for complaint in complaints))
+    page = tree.page()
+    assert "**Not all was measured, or not all has words:**\n\n" + "".join(f"- {complaint}\n" for complaint in complaints) + "\n## Modules\n" in page
+    assert ("| open 2,000 entries: **not measured** | 0.32 |" in page) == ("open" not in body)
+    assert "| 3.000 | 3.000 to 3.000 |" in page and "| a write: `bench_b` |" in page
 
 
-@pytest.mark.parametrize("words, why", [
-    ("", "'open 2,000 entries' is measured by bench_a and has no words; 'a write' is measured by bench_b and has no words"),
-    (WORDS + "[Log.none]\n" + SAID, "'none' has words and no bench measures it"),
-    (WORDS + '[Log."open 2,000 entries"]\n' + SAID, "'open 2,000 entries' stands there twice"),
-    (WORDS.replace("limit", "limits", 1), "'open 2,000 entries' in 'Modules' needs the texts before, change, limit, and nothing else"),
-    (WORDS.replace('"0.32"', "0.32"), "'open 2,000 entries' in 'Modules' needs the texts before, change, limit, and nothing else"),
-], ids=["none", "no measure", "twice", "another name", "no text"])
-def test_measures_and_words_belong_together(tree, words, why):
+def test_the_page_stays_as_it_was_when_nothing_is_measured(tree):
+    tree.bench("bench_a", "exit 3")
+    tree.bench("bench_b", "")
+    assert tree.run("--all")[::2] == (2, "bench: bench_a ended with status 3 after: nothing; no figure in the form of bench/figures.h comes from bench_b; "
+                                      "docs/PERFORMANCE.md is as it was\n")
+    assert tree.page() == "as it was\n" and not (tree.root / "build/bench/measured.json").exists()
+    assert tree.run("bench_a")[::2] == (2, "bench: bench_a ended with status 3 after: nothing\n")
+    tree.bench("bench_b", WRITE)
+    assert tree.run("bench_a", "bench_b")[::2] == (1, "bench: bench_a ended with status 3 after: nothing\n")
+
+
+@pytest.mark.parametrize("words, whys", [
+    ("", ["'open 2,000 entries' is measured by bench_a and has no words", "'a write' is measured by bench_b and has no words"]),
+    (WORDS + "[Log.none]\n" + SAID, ["'none' has words, and no bench has measured it"]),
+], ids=["none", "no measure"])
+def test_measures_and_words_belong_together(tree, words, whys):
     (tree.root / "bench/rows.toml").write_text(words)
-    assert tree.run("--all", "--runs", "1")[::2] == (2, f"bench: bench/rows.toml: {why}; docs/PERFORMANCE.md is as it was\n")
-    assert tree.page() == "as it was\n"
+    status, _, errors = tree.run("--all", "--runs", "1")
+    assert (status, errors) == (1, "".join(f"bench: bench/rows.toml: {why}\n" for why in whys))
+    assert all(f"- bench/rows.toml: {why}\n" in tree.page() for why in whys)
+    assert "| a write | the least program | 12,000 KiB |" in tree.page() and "| a write: `bench_b` |" in tree.page()
     (tree.root / "bench/rows.toml").write_text(WORDS)  # nothing has to be measured again
     (tree.root / "build/log").unlink()
     assert tree.run("--page") == (0, "", "")
-    assert "## Modules" in tree.page() and not (tree.root / "build/log").exists()
+    assert "## Modules" in tree.page() and "**Not all" not in tree.page() and not (tree.root / "build/log").exists()
+
+
+@pytest.mark.parametrize("words, why", [
+    (WORDS + '[Log."open 2,000 entries"]\n' + SAID, "'open 2,000 entries' stands there twice"),
+    (WORDS.replace("limit", "limits", 1), "'open 2,000 entries' in 'Modules' needs the texts before, change, limit, and nothing else"),
+    (WORDS.replace('"0.32"', "0.32"), "'open 2,000 entries' in 'Modules' needs the texts before, change, limit, and nothing else"),
+], ids=["twice", "another name", "no text"])
+def test_words_that_cannot_be_read_are_told_before_anything_is_measured(tree, words, why):
+    (tree.root / "bench/rows.toml").write_text(words)
+    assert tree.run("--all") == (2, "", f"bench: bench/rows.toml: {why}; docs/PERFORMANCE.md is as it was\n")
+    assert tree.page() == "as it was\n" and not (tree.root / "build/log").exists()
+
+
+def test_what_remains_is_told_to_a_person_by_what_each_took_the_last_time(tree):
+    tree.run("--all", "--runs", "1")
+    (tree.root / "build/bench/seconds.json").write_text('{"bench_a": 600, "bench_b": 1200}')
+    shown = tree.on_a_terminal("--all", "--runs", "1")
+    assert re.search(r"\d s: bench_a, 0 of 2 done, about 30 min to go", shown) and re.search(r"\d s: bench_b, 1 of 2 done, about 20 min to go", shown)
+    assert json.loads((tree.root / "build/bench/seconds.json").read_text())["bench_b"] < 600
 
 
 def test_a_page_needs_figures(tree):
