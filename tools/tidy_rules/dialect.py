@@ -1,5 +1,6 @@
 """One hand in all C++ code: the formatter's layout, and what neither it nor the linter can see."""
 import concurrent.futures
+import hashlib
 import os
 import re
 import shutil
@@ -12,27 +13,27 @@ from tidy_rules.tree import CPP
 HOME = "tools/tidy_rules/dialect.py"
 MAX_COLUMNS = 120
 
-# What a line of code may not have, and what it has instead.
+# What a line of code may not have, and what it has instead. The word at the end is in each such line.
 NUMBER = r"(?:(?:u?int\d+|size|ptrdiff|u?intptr)_t|streamsize)"
-LINES = [(re.compile(pattern), words) for pattern, words in (
-    (r"\bthread_local\b(?!.*\bt_[a-z])", "the name of a thread's own variable begins with t_"),
-    (r"\bk[A-Z][a-z]\w*\s*(?:=|\{|\[|;|\()", "constants have no mark"),
-    (r"\bstd::(?:lock_guard|scoped_lock|unique_lock|shared_lock)<[^;=]*>\s+\w+\s*[({]", "const std::lock_guard lock(m_lock);"),
-    (r"(?<!const )\bstd::(?:lock_guard|scoped_lock)\s+\w+\s*[({]", "const std::lock_guard lock(m_lock);"),
+LINES = [(re.compile(pattern), words, of_all) for pattern, words, of_all in (
+    (r"\bthread_local\b(?!.*\bt_[a-z])", "the name of a thread's own variable begins with t_", "thread_local"),
+    (r"\bk[A-Z][a-z]\w*\s*(?:=|\{|\[|;|\()", "constants have no mark", "k"),
+    (r"\bstd::(?:lock_guard|scoped_lock|unique_lock|shared_lock)<[^;=]*>\s+\w+\s*[({]", "const std::lock_guard lock(m_lock);", "std::"),
+    (r"(?<!const )\bstd::(?:lock_guard|scoped_lock)\s+\w+\s*[({]", "const std::lock_guard lock(m_lock);", "std::"),
     # A comparison that is a value of its own, "return m_handle != nullptr;", is none of these; nor is one with an assignment.
     (r"\b(?:if|while) \((?!.*[^=!<>]=[^=]).*[!=]= nullptr|[!=]= nullptr\)* (?:\?|&&|\|\|)|(?:&&|\|\|) [^&|;]*[!=]= nullptr",
-     "if (pointer), if (!pointer)"),
-    (r"\bnullptr [=!]= ", "if (pointer), if (!pointer)"),
+     "if (pointer), if (!pointer)", "= nullptr"),
+    (r"\bnullptr [=!]= ", "if (pointer), if (!pointer)", "nullptr "),
     (r"(?:(?<=return )|(?<![\w>] )(?<![\w<:]))(?:int|long|short|char|bool|double|float|unsigned|(?:std::)?" + NUMBER + r")\((?![)*])[^()]",
-     "static_cast, no cast that looks like a call"),
+     "static_cast, no cast that looks like a call", "("),
     # No name in front, as a declaration has and sizeof; a type alone in the brackets, and a value behind.
     (r"(?<![\w>\])])\((?:const )?(?:(?:int|long|short|char|bool|double|float|unsigned|(?:std::)?" + NUMBER
      + r")(?: \w+)?[ *]*|[\w:]*\w(?:<[^()]*>)? ?\*+)\) ?(?!(?:const|noexcept|override|final)\b)[\w(&*~!\"'-]",
-     "static_cast, no cast with the type in brackets"),
-    (r"\b(?:wxT|_T)\(", "a plain text; wxS where a measurement says so"),
+     "static_cast, no cast with the type in brackets", "("),
+    (r"\b(?:wxT|_T)\(", "a plain text; wxS where a measurement says so", "T("),
     (r"\b(?:EXPECT|ASSERT)_(?:EQ|NE|STREQ|STRNE)\(\s*(?:[LuU]?\"+|-?\d[\w'.]*|'.'|true|false|nullptr)\s*,",
-     "the actual value first, then the literal"),
-    (r"^\s*TEST(?:_[FP])?\((?!\w*DeathTest,)\w*Tests?,", "a suite is a noun without Test"),
+     "the actual value first, then the literal", "T_"),
+    (r"^\s*TEST(?:_[FP])?\((?!\w*DeathTest,)\w*Tests?,", "a suite is a noun without Test", "TEST"),
 )]
 # Sections are told apart by one form of comment; only a name, such as OnRun or SIGTERM, begins with a capital.
 RULER = re.compile(r"^\s*//+\s*[-=*#~]{2,}")
@@ -40,6 +41,8 @@ SECTION = re.compile(r"^\s*// --- (?![A-Z][a-z]*\b)[^\s-].*[^-=*#~]$")
 # A letter in front of a type: the interface has it, and the launcher's classes that the framework and the library know.
 PREFIXED = re.compile(r"^\s*(?:(?:class|struct) (?:VEX_CORE_API )?(?=C)|enum(?: class)? (?=[CE]))([CE][A-Z][a-z]\w*)(?!\w|;|::)")
 PREFIXED_ALLOWED = ("CAgentApp", "CAgentAppTraits", "CScriptThread")
+# What the formatter has passed already, where there is a folder for what is built.
+FORMATTED = "build/tidy/formatted"
 FILE_NAME = re.compile(r"[a-z0-9_]+\.\w+")
 
 
@@ -49,11 +52,40 @@ def check_format(tree):
     if not shutil.which("clang-format"):
         print("tidy: clang-format is not installed, the layout of C++ code was not checked", file=sys.stderr)
         return
-    names = list(all_code(tree))
+    keys = format_keys(tree)
+    known = known_keys(tree)
+    names = [name for name, key in keys.items() if key not in known]
     batches = [names[start:start + 20] for start in range(0, len(names), 20)]
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        for result in pool.map(lambda batch: unformatted(tree, batch), batches):
-            yield from result
+        breaches = [breach for result in pool.map(lambda batch: list(unformatted(tree, batch)), batches) for breach in result]
+    yield from breaches
+    if names and not breaches and os.path.isdir(os.path.join(tree.root, "build")):
+        os.makedirs(os.path.join(tree.root, os.path.dirname(FORMATTED)), exist_ok=True)
+        mine = os.path.join(tree.root, f"{FORMATTED}.{os.getpid()}")
+        with open(mine, "w", encoding="ascii") as file:
+            file.write("\n".join(keys.values()))
+        os.replace(mine, os.path.join(tree.root, FORMATTED))
+
+
+def format_keys(tree):
+    """{file of code: a digest of all that its layout depends on}"""
+    formatter = subprocess.run(["clang-format", "--version"], capture_output=True, check=False).stdout
+    styles = "".join(tree.text(name) for name in tree.files if os.path.basename(name) == ".clang-format")
+    begin = hashlib.sha256(formatter + styles.encode()).digest()
+
+    def key(name):
+        with open(os.path.join(tree.root, name), "rb") as file:
+            return hashlib.sha256(b"\0".join((begin, name.encode(), file.read()))).hexdigest()
+    return {name: key(name) for name in all_code(tree)}
+
+
+def known_keys(tree):
+    """Those of the files that passed the last time that all did."""
+    try:
+        with open(os.path.join(tree.root, FORMATTED), encoding="ascii") as file:
+            return set(file.read().split())
+    except OSError:
+        return set()
 
 
 def unformatted(tree, names):
@@ -82,12 +114,12 @@ def all_code(tree):
 
 def check_lines(tree):
     # Most files have no line of a kind, which one look at all of its lines tells.
-    somewhere = [re.compile(pattern.pattern, re.M) for pattern, _ in LINES]
+    somewhere = [re.compile(pattern.pattern, re.M) for pattern, _, _ in LINES]
     for name in all_code(tree):
         whole = "\n".join(tree.code(name))
-        possible = [line for line, anywhere in zip(LINES, somewhere) if anywhere.search(whole)]
+        possible = [line for line, anywhere in zip(LINES, somewhere) if line[2] in whole and anywhere.search(whole)]
         for number, line in enumerate(tree.code(name) if possible else (), 1):
-            for pattern, words in possible:
+            for pattern, words, _ in possible:
                 if pattern.search(line):
                     yield name, number, "the house writes: " + words
 

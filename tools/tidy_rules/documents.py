@@ -6,6 +6,7 @@ import tokenize
 
 from tidy_rules.tree import CPP
 
+SECTION = re.compile(r'(docs/[\w-]+\.md), "([^"]+)"')
 PLACE = re.compile(r"(?<![\w./>-])(?:src|docs|lua|tests|bench|tools|packaging|changes|cmake)/[\w.*/-]*\w")
 
 
@@ -33,8 +34,12 @@ def missing_places(tree, name, number, text):
 
 
 def comments(tree, name):
-    """The comments of a file, by the number of their line."""
+    """The comments of a file, by the number of their line; none where none of them can name what is not there."""
     if name.endswith(".py"):
+        # What stands behind the first # of a line has all of its comment. To read Python takes long, and few files need it.
+        behind = (line[line.index("#"):] for line in tree.lines(name) if "#" in line)
+        if not any(SECTION.search(text) or any(missing_places(tree, name, 0, text)) for text in behind):
+            return
         try:
             tokens = list(tokenize.generate_tokens(io.StringIO(tree.text(name)).readline))
         except (SyntaxError, tokenize.TokenError):
@@ -42,18 +47,17 @@ def comments(tree, name):
         yield from ((token.start[0], token.string) for token in tokens if token.type == tokenize.COMMENT)
     else:
         mark = "--" if name.endswith(".lua") else "//"
-        yield from ((number, line.partition(mark)[2]) for number, line in enumerate(tree.lines(name), 1))
+        yield from ((number, line.partition(mark)[2]) for number, line in enumerate(tree.lines(name), 1) if mark in line)
 
 
 def check_comments(tree):
     """Places, sections of documents and files of C++ code that comments name."""
-    section = re.compile(r'(docs/[\w-]+\.md), "([^"]+)"')
     source = re.compile(r"(?<![\w./*<-])\w+\.(?:cpp|h)\b")
     sources = {os.path.basename(name) for name in tree.named(*CPP)}
     for name in tree.named(*CPP, ".lua", ".py"):
         for number, comment in comments(tree, name):
             yield from missing_places(tree, name, number, comment)
-            for page, title in section.findall(comment):
+            for page, title in SECTION.findall(comment):
                 if tree.has(page) and heading_id(title) not in headings(tree, page):
                     yield name, number, f"{page} has no section {title}"
             for target in source.findall(comment) if name.endswith(CPP) else ():

@@ -2,6 +2,7 @@
 import fnmatch
 import functools
 import os
+import re
 import subprocess
 
 from tidy_rules.cpp import code_lines
@@ -17,6 +18,7 @@ class Tree:
         self.root = root
         self.files = sorted(self._list())
         self._lines = {}
+        self._texts = {}
         self._code = {}
         self._places = {}
 
@@ -60,7 +62,9 @@ class Tree:
         return known
 
     def text(self, name):
-        return "\n".join(self.lines(name))
+        if name not in self._texts:
+            self._texts[name] = "\n".join(self.lines(name))
+        return self._texts[name]
 
     def code(self, name):
         """The lines of a C++ file without its comments and texts."""
@@ -70,6 +74,9 @@ class Tree:
 
     def matches(self, name, pattern, code=False):
         """Numbers of the lines that match; with `code`, comments and texts of C++ do not count."""
+        # Most files have no such line, which one look at all of it tells.
+        if not re.search(pattern.pattern, "\n".join(self.code(name)) if code else self.text(name), pattern.flags | re.M):
+            return
         for number, line in enumerate(self.code(name) if code else self.lines(name), 1):
             if pattern.search(line):
                 yield number

@@ -14,8 +14,8 @@ def check_version(tree):
     for name in tree.files:
         if name == SOURCE or "/corpus/" in name:
             continue
-        for number, line in enumerate(tree.lines(name), 1):
-            for found in whole.findall(line):
+        for number in tree.matches(name, whole):
+            for found in whole.findall(tree.lines(name)[number - 1]):
                 # Documents show the version as an operator sees it.
                 if not name.endswith(".md"):
                     yield name, number, f"the version is taken from {SOURCE}"

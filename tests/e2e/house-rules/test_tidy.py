@@ -291,6 +291,23 @@ def test_a_section_that_a_comment_names_is_there(tree):
     assert tidy(root) == (1, "src/slb3/a.cpp:2: docs/FORMATS.md has no section Log\n")
 
 
+@pytest.mark.skipif(not shutil.which("clang-format"), reason="clang-format is not installed")
+def test_what_the_formatter_has_passed_is_looked_at_again_when_it_or_the_style_has_changed(tree):
+    root = tree({".clang-format": "BasedOnStyle: LLVM\n", "src/slb3/a.cpp": "int a;\n", "src/slb3/b.cpp": "int b;\n"})
+    kept = root / "build/tidy/formatted"
+    assert tidy(root) == (0, "") and not kept.exists()  # where nothing is built nothing is written
+    (root / "build").mkdir()
+    assert tidy(root) == (0, "") and len(kept.read_text().split()) == 2
+    assert tidy(root) == (0, "")
+    tree({"src/slb3/b.cpp": "int  b;\n"})
+    for _ in range(2):
+        assert tidy(root) == (1, "src/slb3/b.cpp:1: clang-format -i would change this\n")
+    tree({"src/slb3/b.cpp": "if (a)\n  b;\n"})
+    assert tidy(root) == (0, "")
+    tree({".clang-format": "BasedOnStyle: LLVM\nIndentWidth: 4\n"})
+    assert tidy(root) == (1, "src/slb3/b.cpp:1: clang-format -i would change this\n")
+
+
 MAP = "## `src/vex_core/base/`\n\n- `a`: this\n"
 
 
