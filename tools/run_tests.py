@@ -14,7 +14,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from steps import OUT, ROOT, Screen, Step, count, run_together  # noqa: E402 pylint: disable=wrong-import-position
+from steps import OUT, ROOT, Screen, Step, count, run_in_order  # noqa: E402 pylint: disable=wrong-import-position
 
 PYTHON = "/usr/bin/python3" if os.path.exists("/usr/bin/python3") else sys.executable
 PROCESSORS = os.cpu_count() or 1
@@ -97,9 +97,10 @@ def lua(preset, stage, environment, names):
 
 
 def fuzz(seconds):
-    """Each target from its seeds for some seconds; new inputs go to the build tree, never into the corpus."""
-    for target in sorted(glob.glob(os.path.join(ROOT, "tests/fuzz/*_fuzz.cpp"))):
-        parser = os.path.basename(target)[:-len("_fuzz.cpp")]
+    """Each target from its seeds for some seconds, those of many first, so that none has a processor for itself for long; new inputs go to
+    the build tree, never into the corpus."""
+    parsers = (os.path.basename(target)[:-len("_fuzz.cpp")] for target in glob.glob(os.path.join(ROOT, "tests/fuzz/*_fuzz.cpp")))
+    for parser in sorted(parsers, key=lambda parser: (-seconds(parser), parser)):
         found = os.path.join(OUT, "fuzz-" + parser)
         os.makedirs(found, exist_ok=True)
         yield Step(f"fuzz {parser}", [f"build/asan/tests/fuzz/fuzz_{parser}", f"-max_total_time={seconds(parser)}",
@@ -109,6 +110,7 @@ def fuzz(seconds):
 
 
 def pairs(steps):
+    """As many at a time as there are processors."""
     steps = list(steps)
     return [steps[index:index + PROCESSORS] for index in range(0, len(steps), PROCESSORS)]
 
@@ -156,8 +158,7 @@ def plan(level, chosen=Chosen()):
                  build("release", *(binary for binary in UNIT_TESTS if binary != "unit_core"), name="build unit tests")],
                 [*others, build("release", "unit_core", name="build unit tests of the core")],
                 [rules[1], core]]
-    groups = [] if chosen.some else [[rules[0]]]
-    groups += [[build("release", *(() if wide and not chosen.some else RUN_TARGETS))]]
+    groups = [[*([] if chosen.some else rules[:1]), build("release", *(() if wide and not chosen.some else RUN_TARGETS))]]
     groups += [] if chosen.some else [[rules[1]]]
     release = {"quick": ["-m", "quick"], "plain": ["-m", "not patient"]}.get(level, [])
     groups += tests_of("release", "build/stage", full_env, chosen, *release)
@@ -165,7 +166,8 @@ def plan(level, chosen=Chosen()):
         groups += [[build("asan")], *tests_of("asan", "build/asan/stage", address, chosen, *fast)]
         groups += [] if chosen.some else pairs(fuzz(lambda parser: 60 if parser in ("zip_reader", "unzip") else 10))
         groups += [[build("tsan", *RUN_TARGETS)], *tests_of("tsan", "build/tsan/stage", thread, chosen, *fast)]
-        groups += [] if chosen.some else [[Step("lint", ["tools/lint"], timeout=3600)]]
+        # End-to-end tests wait more than they compute, and builds link with one processor: the linter needs nothing that is built.
+        groups += [] if chosen.some else [[Step("lint", ["tools/lint"], timeout=3 * 3600, behind=True)]]
     if level == "full":
         for preset in ("debug", "clang"):
             groups += [[build(preset)], *tests_of(preset, f"build/{preset}/stage", full_env, chosen)]
@@ -244,19 +246,16 @@ def main():
     screen = Screen()
     begin = time.monotonic()
     totals = {"passed": 0, "failed": 0, "skipped": 0}
-    for group in groups:
-        for outcome in run_together(group, screen):
-            before = totals["failed"]
-            for file in outcome.step.junit:
-                if os.path.exists(file):
-                    for key, number in zip(totals, count(file)):
-                        totals[key] += number
-            if not outcome.step.junit and not outcome.failure:
-                totals["passed"] += 1
-            if outcome.failure and totals["failed"] == before:
-                totals["failed"] += 1  # the step itself, when no test of it says so
-        if arguments.stop and totals["failed"]:
-            break
+    for outcome in run_in_order(groups, screen, lambda: not (arguments.stop and totals["failed"])):
+        before = totals["failed"]
+        for file in outcome.step.junit:
+            if os.path.exists(file):
+                for key, number in zip(totals, count(file)):
+                    totals[key] += number
+        if not outcome.step.junit and not outcome.failure:
+            totals["passed"] += 1
+        if outcome.failure and totals["failed"] == before:
+            totals["failed"] += 1  # the step itself, when no test of it says so
     minutes, seconds = divmod(int(time.monotonic() - begin), 60)
     screen.line(f"took {minutes} min {seconds} s")
     screen.line(f"{totals['passed']} passed, {totals['failed']} failed, {totals['skipped']} skipped")

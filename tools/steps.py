@@ -17,10 +17,14 @@ OUT = os.path.join(ROOT, "build", "test")
 
 class Step:
     """One command. `junit` are the result files that it must leave behind. With `shards` a program of GoogleTest runs that many
-    times at once, each with its share of the tests and a result file of its own."""
+    times at once, each with its share of the tests and a result file of its own. One that runs `behind` all others begins with the first of
+    them, and takes the processors while these wait."""
 
-    def __init__(self, name, command, junit=(), env=None, timeout=1500, shards=1):
-        self.name, self.command, self.timeout, self.shards = name, command, timeout, shards
+    def __init__(self, name, command, junit=(), env=None, timeout=1500, shards=1, behind=False):
+        self.name, self.command, self.timeout, self.shards, self.behind = name, command, timeout, shards, behind
+        if behind:
+            self.command = ["nice", "-n", "19", *command]
+        self.processes = []
         self._junit = tuple(junit)
         # Texts of the system are compared, so they are in one language whoever starts the run.
         kept = {key: value for key, value in os.environ.items() if not key.startswith("LC_") and key != "LANGUAGE"}
@@ -46,7 +50,15 @@ class Step:
             env = {**env, "GTEST_TOTAL_SHARDS": str(self.shards), "GTEST_SHARD_INDEX": str(shard)}
             command = [self._of_shard(word, shard) for word in command]
         with open(self.log_file(shard), "wb") as output:
-            return subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, env=env, cwd=ROOT)
+            self.processes.append(subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, env=env, cwd=ROOT))
+        return self.processes[-1]
+
+    def end(self):
+        """Ends what runs of it."""
+        for process in self.processes:
+            if process.poll() is None:
+                process.kill()
+                process.wait()
 
 
 class Outcome:
@@ -73,10 +85,7 @@ def execute(step):
         failure = f"no end within {step.timeout} s"
     except OSError as error:
         failure = str(error)
-    for process in processes:
-        if process.poll() is None:
-            process.kill()
-            process.wait()
+    step.end()
     if not failure and not all(os.path.exists(file) for file in step.junit):
         failure = "it left no result file"
     return Outcome(step, failure, time.monotonic() - begin)
@@ -176,27 +185,49 @@ def tail(step):
 
 def run_together(steps, screen):
     """Runs the steps at the same time; yields the outcome of each as it ends, which has been shown then."""
-    finished = []
-    lock = threading.Condition()
+    return outcomes(Begun(steps), screen)
 
-    def work(step):
+
+def run_in_order(groups, screen, goes_on=lambda: True):
+    """Runs the groups one after the other for as long as it `goes_on`, and behind them all what is to run there; yields outcomes as
+    `run_together` does."""
+    behind = Begun([step for group in groups for step in group if step.behind])
+    try:
+        for group in groups:
+            yield from run_together([step for step in group if not step.behind], screen)
+            if not goes_on():
+                return
+        yield from outcomes(behind, screen)
+    finally:
+        for step in behind.steps:
+            step.end()
+
+
+class Begun:
+    """Steps that run, each in a thread."""
+
+    def __init__(self, steps):
+        self.steps, self.finished, self.lock, self.begin = list(steps), [], threading.Condition(), time.monotonic()
+        for step in self.steps:
+            threading.Thread(target=self._work, args=(step,), daemon=True).start()
+
+    def _work(self, step):
         outcome = execute(step)
-        with lock:
-            finished.append(outcome)
-            lock.notify()
+        with self.lock:
+            self.finished.append(outcome)
+            self.lock.notify()
 
-    begin = time.monotonic()
-    for step in steps:
-        threading.Thread(target=work, args=(step,), daemon=True).start()
-    left = list(steps)
+
+def outcomes(begun, screen):
+    left = list(begun.steps)
     while left:
-        with lock:
-            if not finished:
-                lock.wait(0.5)
-            ended, finished[:] = list(finished), []
+        with begun.lock:
+            if not begun.finished:
+                begun.lock.wait(0.5)
+            ended, begun.finished[:] = list(begun.finished), []
         for outcome in ended:
             left.remove(outcome.step)
             screen.outcome(outcome)
             yield outcome
         if left:
-            screen.running(left, time.monotonic() - begin)
+            screen.running(left, time.monotonic() - begun.begin)

@@ -251,6 +251,35 @@ def test_how_far_a_step_is_stands_on_a_terminal_only(monkeypatch, tmp_path, term
         assert [line.partition(",")[0] for line in shown.splitlines()] == ["bad ... FAILED (3)", "    why", "slow ... ok"]
 
 
+@pytest.mark.parametrize("stops", [False, True])
+def test_what_runs_behind_all_others_begins_with_the_first_and_holds_none_of_them_up(monkeypatch, tmp_path, stops):
+    steps = load("steps")
+    monkeypatch.setattr(steps, "OUT", str(tmp_path))
+    wait = "while [ ! -e '{}' ]; do sleep 0.1; done"
+    begun, last = tmp_path / "begun", tmp_path / "last"
+    behind = steps.Step("behind", ["sh", "-c", f"nice > '{tmp_path}/nice'; touch '{begun}'; {wait.format(last)}"], timeout=PATIENCE, behind=True)
+    first = steps.Step("first", ["sh", "-c", wait.format(begun)], timeout=PATIENCE)
+    second = steps.Step("second", ["touch", str(last)])
+    with open(tmp_path / "shown", "w", encoding="utf-8") as stream:
+        done = [(outcome.step.name, outcome.failure)
+                for outcome in steps.run_in_order([[behind, first], [second]], steps.Screen(stream), lambda: not stops)]
+    assert done == ([("first", "")] if stops else [("first", ""), ("second", ""), ("behind", "")])
+    assert (tmp_path / "nice").read_text() == "19\n"
+    assert [process.poll() for process in behind.processes] == [-signal.SIGKILL if stops else 0]
+
+
+def test_the_linter_runs_behind_all_other_steps_of_the_wide_levels(run_tests):
+    for level in run_tests.LEVELS:
+        behind = [step.name for group in run_tests.plan(level) for step in group if step.behind]
+        assert behind == (["lint"] if level in ("ci", "full") else [])
+
+
+def test_no_fuzz_target_of_a_minute_has_a_processor_less_while_others_are_done(run_tests):
+    steps = list(run_tests.fuzz(lambda parser: 60 if parser in ("zip_reader", "unzip") else 10))
+    seconds = [int(re.search(r"-max_total_time=(\d+)", " ".join(step.command))[1]) for step in steps]
+    assert seconds == sorted(seconds, reverse=True) and seconds[:3] == [60, 60, 10]
+
+
 @pytest.mark.parametrize("status", [0, 1])
 def test_a_sharded_step_deals_its_tests_out_and_is_bad_when_one_share_is(monkeypatch, tmp_path, status):
     steps = load("steps")
