@@ -37,5 +37,6 @@ def system():
 def describe(program):
     with open("/proc/cpuinfo", encoding="utf-8") as file:
         kind = processor(file.read(), platform.machine())
-    return {"date": time.strftime("%Y-%m-%d", time.gmtime()), "processors": f"{os.cpu_count()}, {kind}", "system": system(),
+    count = os.cpu_count()
+    return {"date": time.strftime("%Y-%m-%d", time.gmtime()), "processors": f"{count} processor{'s' if count != 1 else ''}, {kind}", "system": system(),
             "kernel": ".".join(platform.release().split(".")[:2]), **versions(program)}

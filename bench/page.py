@@ -8,14 +8,15 @@ import statistics
 import tomllib
 
 PAGE, PLOTS, WORDS, COUNTS = "docs/PERFORMANCE.md", "docs/growth", "bench/rows.toml", "bench/counts.json"
+WAITS = "bench/waits.md"  # a section of the page that is kept by hand
 KINDS = ("before", "change", "limit")
 SHOWN = {"date": "day", "processors": "processors", "system": "system", "kernel": "kernel"}
 
 HEAD = """# What is fast, against what, and what limits it
 
 Each figure is a ratio to a yardstick that the same program measures in the same run, the two taking turns. `tools/bench NAME` measures one
-of them again; `tools/bench --all` measures all, and writes this page of them and of the words in `bench/rows.toml`: nobody edits it. A
-claim is an upper bound of the ratio, and a bench that finds more fails.
+of them again; `tools/bench --all` measures all, and writes this page of them and of the words in `bench/rows.toml` and `bench/waits.md`:
+nobody edits it. A claim is an upper bound of the ratio, and a bench that finds more fails.
 """
 
 
@@ -140,7 +141,7 @@ def counts_table(counts):
         yield f"| {cell(name)} | {counted:,} |"
 
 
-def text(words, told, counts, plots, complaints=()):
+def text(words, told, counts, plots, waits="", complaints=()):
     benches = {row["what"]: row["bench"] for row in told["rows"]}
     lines = [*HEAD.splitlines(), "", *wrapped(machine_lines(told))]
     if complaints:
@@ -150,6 +151,8 @@ def text(words, told, counts, plots, complaints=()):
     for group, measures in (*words.items(), *([("Others", others)] if others else ())):
         figured = [row for what in measures for row in told["rows"] if row["what"] == what]
         lines += ["", f"## {group}", "", *([*figures_table(figured), ""] if figured else ()), *words_table(measures, benches)]
+    if waits:
+        lines += ["", *waits.rstrip("\n").split("\n")]
     if counts:
         about = ", ".join(f"{name} {version}" for name, version in counts["surroundings"].items())
         lines += ["", "## Instructions", "", *wrapped([
@@ -171,7 +174,11 @@ def write(root, told, plots):
             counts = json.load(file)
     words = read_words(os.path.join(root, WORDS))
     complaints = compare(words, told["rows"])
-    page = text(words, told, counts, drawn, [*told["failures"], *complaints])
+    waits = ""
+    if os.path.exists(os.path.join(root, WAITS)):
+        with open(os.path.join(root, WAITS), encoding="utf-8") as file:
+            waits = file.read()
+    page = text(words, told, counts, drawn, waits, [*told["failures"], *complaints])
     os.makedirs(os.path.join(root, PLOTS), exist_ok=True)
     for plot in drawn:
         shutil.copyfile(plot, os.path.join(root, PLOTS, os.path.basename(plot)))

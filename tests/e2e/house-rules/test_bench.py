@@ -127,6 +127,7 @@ def test_the_page_has_figures_claims_and_words_of_all_runs(tree):
     tree.bench("bench_a", FIRST.format(OPEN.format(1, "0.200", "").strip()) + OPEN.format(1.5, "0.300", "")
                + "echo '<svg><title>A key</title></svg>' > $VEX_BENCH_PLOTS/keys.svg\n")
     (tree.root / "bench/counts.json").write_text('{"surroundings": {"lua": "5.2.4"}, "counts": {"a start": 38503732}}')
+    (tree.root / "bench/waits.md").write_text("## Waits\n\n| a report | 4.1 s |\n")
     (tree.root / "build/bench/plots").mkdir(parents=True)
     (tree.root / "build/bench/plots/old.svg").write_text("<svg><title>Of another run</title></svg>")
     status, printed, errors = tree.run("--all")
@@ -141,7 +142,8 @@ def test_the_page_has_figures_claims_and_words_of_all_runs(tree):
             "| measure | before | what was changed | what limits it now |\n|---|---|---|---|\n"
             "| open 2,000 entries: `bench_a` | 0.32 | one look | reading \\| checking |\n\n## Log\n") in page
     assert "| a write | the least program | 12,000 KiB | 4,000 KiB | 3.000 | 3.000 to 3.000 |  |  |\n" in page
-    assert re.search(r"^\d{4}-\d\d-\d\d, 2 runs, \d+, .*gcc 12.2.0, lua 5.2.4\.\sA\srun\stook\s\d+\sminutes?\.\s", page, re.M | re.S)
+    assert re.search(r"^\d{4}-\d\d-\d\d, 2 runs, \d+ processors?, .*gcc 12.2.0, lua 5.2.4\.\sA\srun\stook\s\d+\sminutes?\.\s", page, re.M | re.S)
+    assert "| the disk |\n\n## Waits\n\n| a report | 4.1 s |\n\n## Instructions\n" in page
     assert "They come from lua 5.2.4.\n\n| one | instructions |\n|---|---|\n| a start | 38,503,732 |\n" in page
     assert page.endswith("![A key](growth/keys.svg)\n") and "old.svg" not in page and (tree.root / "docs/growth/keys.svg").exists()
     assert max(len(line) for line in page.splitlines() if not line.startswith("|")) <= 140
