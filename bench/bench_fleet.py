@@ -33,6 +33,7 @@ import urllib.parse
 import urllib.request
 
 import figures
+from running import read, send_signal
 
 CLONE_NEWNS, CLONE_NEWUTS, MS_BIND, MS_REC, MS_PRIVATE = 0x00020000, 0x04000000, 4096, 0x4000, 0x40000
 INTERVAL = 10  # seconds between two beats, between two collections, and between two looks of Prometheus
@@ -54,11 +55,6 @@ return M
 libc = ctypes.CDLL(None, use_errno=True)
 
 
-def send_signal(pid, number):
-    assert pid > 1, f"refusing to signal {pid}"
-    os.kill(pid, number)
-
-
 def wait_for(condition, what, seconds=300):
     begin = time.monotonic()
     while not condition():
@@ -66,14 +62,6 @@ def wait_for(condition, what, seconds=300):
             sys.exit(f"bench_fleet: {what}: not within {seconds} s")
         time.sleep(0.1)
     return time.monotonic() - begin
-
-
-def read(path):
-    try:
-        with open(path, encoding="utf-8", errors="replace") as file:
-            return file.read()
-    except FileNotFoundError:
-        return ""
 
 
 def write(path, text):

@@ -6,6 +6,7 @@ Starts an application whose `main` returns 0 in the background, waits until it i
 with strace on a second pass. Claim: none at all. The yardstick, in the same run, is a shell in `sleep 1` loops: it shows that
 the counting sees something. Ends with 1 when there was one.
 """
+import concurrent.futures
 import ctypes
 import glob
 import os
@@ -18,11 +19,7 @@ import tempfile
 import time
 
 import figures
-
-
-def send_signal(pid, number):
-    assert pid > 1, f"refusing to signal {pid}"
-    os.kill(pid, number)
+from running import send_signal
 
 
 def switches(pid):
@@ -71,9 +68,10 @@ def main():
         woken = {name: switches(pid) - before[name] for name, pid in processes.items()}
         kept = figures.row("wake-ups of an idle supervisor and its child", woken["supervisor"] + woken["child"],
                            "a shell that sleeps a second at a time", woken["yardstick"], "switches", 0)
-        calls, first = system_calls([supervisor, child], seconds)
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            (calls, first), (theirs, _) = pool.map(lambda pids: system_calls(pids, seconds), ([supervisor, child], [yardstick.pid]))
         kept &= figures.row("system calls of an idle supervisor and its child", calls,
-                            "a shell that sleeps a second at a time", system_calls([yardstick.pid], seconds)[0], "calls", 0)
+                            "a shell that sleeps a second at a time", theirs, "calls", 0)
         print(*first, sep="\n", end="\n" if first else "")
         yardstick.kill()
         yardstick.wait()

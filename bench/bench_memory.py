@@ -22,14 +22,10 @@ import tempfile
 import time
 
 import figures
+from running import read, send_signal
 
 CLAIM_PEAK, CLAIM_PAIR, CLAIM_KIB = 1.1, 0.88, 2048
 RUNS = 21
-
-
-def send_signal(pid, number):
-    assert pid > 1, f"refusing to signal {pid}"
-    os.kill(pid, number)
 
 
 def memory(pid):
@@ -61,14 +57,6 @@ def wait_for(condition, what):
 def first_child(pid):
     with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as file:
         return int(file.read().split()[0])
-
-
-def read(path):
-    try:
-        with open(path, encoding="utf-8", errors="replace") as file:
-            return file.read()
-    except FileNotFoundError:
-        return ""
 
 
 def threads(pid):

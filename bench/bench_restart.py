@@ -16,25 +16,16 @@ import tempfile
 import time
 
 import figures
+from running import read, send_signal
 
 BOUND_MS = 0.8
 SECONDS = 600
 
 
-def read(path):
-    try:
-        with open(path, encoding="ascii") as file:
-            return file.read()
-    except FileNotFoundError:
-        return ""
-
-
 def end(name):
     text = read(f"/run/{name}.pid")
     if text:
-        pid = int(text.split()[0])
-        assert pid > 1, f"refusing to signal {pid}"
-        os.kill(pid, signal.SIGTERM)
+        send_signal(int(text.split()[0]), signal.SIGTERM)
 
 
 def restarts(program, count):

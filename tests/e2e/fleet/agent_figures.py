@@ -4,7 +4,9 @@ import os
 import sys
 import tempfile
 
-from conftest import ROOT, wait_until
+import pytest
+
+from conftest import ROOT, require_ordinary_user, wait_until
 
 sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "bundled-application"))
 from test_outputs import ON_REQUEST, ask_for_a_beat, files_of_the_last_beat  # noqa: E402,F401 pylint: disable=wrong-import-position,import-error
@@ -44,3 +46,14 @@ class Figures:
 
     def close(self):
         self._kept.cleanup()
+
+
+def figures_for(group):
+    """The fixture "figures": those of an agent of the test's own, which a collector of that group reads as another user."""
+    @pytest.fixture(name="figures")
+    def figures(tree):
+        require_ordinary_user()
+        made = Figures(tree, group)
+        yield made
+        made.close()
+    return figures

@@ -8,8 +8,8 @@ import subprocess
 
 import pytest
 
-from conftest import PATIENCE, ROOT, alive, require_ordinary_user, send_signal, wait_until
-from agent_figures import Figures
+from conftest import PATIENCE, ROOT, alive, send_signal, wait_until
+from agent_figures import figures_for
 
 FOLDER = os.path.join(ROOT, "packaging/fleet/collectd")
 pytestmark = pytest.mark.sandbox
@@ -35,12 +35,7 @@ LoadPlugin csv
 """
 
 
-@pytest.fixture(name="figures")
-def _figures(tree):
-    require_ordinary_user()
-    made = Figures(tree, "daemon")
-    yield made
-    made.close()
+_figures = figures_for("daemon")
 
 
 def configuration(folder, figures, program):

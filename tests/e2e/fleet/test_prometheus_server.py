@@ -12,8 +12,8 @@ import urllib.request
 
 import pytest
 
-from conftest import PATIENCE, ROOT, require_ordinary_user, send_signal, wait_until
-from agent_figures import Figures
+from conftest import PATIENCE, ROOT, send_signal, wait_until
+from agent_figures import figures_for
 from own_network import OwnNetwork
 
 FOLDER = os.path.join(ROOT, "packaging/fleet/prometheus")
@@ -22,12 +22,7 @@ pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(not (shutil.which("prometh
                                                       reason="NO PROMETHEUS OR NO NODE-EXPORTER here: tools/setup --wide installs them")]
 
 
-@pytest.fixture(name="figures")
-def _figures(tree):
-    require_ordinary_user()
-    made = Figures(tree, "daemon")
-    yield made
-    made.close()
+_figures = figures_for("daemon")
 
 
 @pytest.fixture(name="start")

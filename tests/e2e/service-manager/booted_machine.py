@@ -218,3 +218,21 @@ class Machine:
 def packages():
     return [os.path.join(BUILD, "packages", name) for name in sorted(os.listdir(os.path.join(BUILD, "packages")))
             if name.endswith(".vxp")]
+
+
+# Has the agent find the modules that a test writes.
+WITH_SHARED_MODULES = f"""
+    [Service]
+    ExecStart=
+    ExecStart={INSTALLED}/vx_agent --background --lua_path /shared/?.lua --workdir {WORK}
+    """
+
+
+def machine_with(service_settings, installed=True):
+    """The fixture "machine": one that has booted, for each test another."""
+    @pytest.fixture(name="machine")
+    def machine(tmp_path):
+        booted = Machine(str(tmp_path), service_settings, installed)
+        yield booted
+        booted.end()
+    return machine

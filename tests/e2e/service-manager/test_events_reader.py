@@ -6,25 +6,14 @@ import shutil
 import pytest
 
 from conftest import ROOT, SANITIZED, wait_until
-from booted_machine import INSTALLED, WORK, Machine
+from booted_machine import INSTALLED, WITH_SHARED_MODULES, machine_with
 
 pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="the shipped tree is what a service manager runs")]
 
 READER = "vx_agent-events.service"
 EVENTS = "/var/lib/vx_agent-events/events.json"
 APPLICATION = 'return { main = function() dom0:AgentEvent{ number = 7, severity = 5, text = "main" } return 0 end }'
-UNIT = f"""
-    [Service]
-    ExecStart=
-    ExecStart={INSTALLED}/vx_agent --background --lua_path /shared/?.lua --workdir {WORK}
-    """
-
-
-@pytest.fixture(name="machine")
-def _machine(tmp_path):
-    booted = Machine(str(tmp_path), UNIT)
-    yield booted
-    booted.end()
+_machine = machine_with(WITH_SHARED_MODULES)
 
 
 def keys(machine):

@@ -5,7 +5,7 @@ import re
 import pytest
 
 from conftest import ROOT, SANITIZED, wait_until
-from booted_machine import WORK, Machine
+from booted_machine import WORK, machine_with
 
 pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="the shipped tree is what a service manager runs")]
 READ = ("setpriv", "--reuid=nobody", "--regid=daemon", "--clear-groups", "cat", "/srv/vx_agent-out/vx_agent.prom")
@@ -19,11 +19,7 @@ def commands():
     return found
 
 
-@pytest.fixture(name="machine")
-def _machine(tmp_path):
-    booted = Machine(str(tmp_path), "\n[Service]\nReadWritePaths=/srv/vx_agent-out\n")
-    yield booted
-    booted.end()
+_machine = machine_with("\n[Service]\nReadWritePaths=/srv/vx_agent-out\n")
 
 
 def test_a_collector_of_another_user_reads_what_a_caged_agent_writes(machine):

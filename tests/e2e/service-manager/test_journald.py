@@ -7,7 +7,7 @@ import sys
 import pytest
 
 from conftest import ROOT, SANITIZED, wait_until
-from booted_machine import INSTALLED, WORK, Machine
+from booted_machine import WITH_SHARED_MODULES, machine_with
 
 sys.path.insert(0, os.path.join(ROOT, "tests", "e2e", "disk-log"))
 from test_system_log import LOCAL0, records_of  # noqa: E402 pylint: disable=wrong-import-position,import-error
@@ -22,18 +22,7 @@ return { main = function()
   dom0:Log("info", "the last")
   return 0
 end }"""
-UNIT = f"""
-    [Service]
-    ExecStart=
-    ExecStart={INSTALLED}/vx_agent --background --lua_path /shared/?.lua --workdir {WORK}
-    """
-
-
-@pytest.fixture(name="machine")
-def _machine(tmp_path):
-    booted = Machine(str(tmp_path), UNIT)
-    yield booted
-    booted.end()
+_machine = machine_with(WITH_SHARED_MODULES)
 
 
 def process_of(record):

@@ -7,7 +7,7 @@ import pytest
 
 from conftest import SANITIZED, wait_until
 from debian_package import DEB_VERSION, another, made_once, with_other_files
-from booted_machine import INSTALLED, WORK, Machine
+from booted_machine import INSTALLED, WORK, machine_with
 
 pytestmark = [pytest.mark.sandbox, pytest.mark.skipif(SANITIZED, reason="packages are made of the release alone")]
 
@@ -17,11 +17,7 @@ def _debs(tmp_path_factory):
     return made_once(tmp_path_factory)
 
 
-@pytest.fixture(name="machine")
-def _machine(tmp_path):
-    booted = Machine(str(tmp_path), "", installed=False)
-    yield booted
-    booted.end()
+_machine = machine_with("", installed=False)
 
 
 def dpkg(machine, *words):
