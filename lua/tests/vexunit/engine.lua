@@ -12,6 +12,8 @@ local protect = require("tests.vexunit.protect")
 local M = {}
 M.__index = M
 
+local type = type
+
 local words = {
   [luaunit.NodeStatus.FAIL] = "failed", [luaunit.NodeStatus.ERROR] = "error", [luaunit.NodeStatus.SKIP] = "skipped",
 }
@@ -37,15 +39,8 @@ local function describe(value)
   return ok and shown or ("an error value of type " .. type(value))
 end
 
---- Calls a function of a script.
--- @param body the function
--- @param instance what it gets: its class, or nil
--- @param name what a traceback calls it
--- @param iteration which repetition this is
--- @return "passed"; or "failed", "error" or "skipped", the message, and for the first two the traceback
-function M:call(body, instance, name, iteration)
-  local ok, value, trace = protect(body, instance)
-  if ok then return "passed" end
+-- What an error value means, as `call` returns it.
+local function judge(self, name, iteration, value, trace)
   local message, status = luaunit.adjust_err_msg_with_iter(describe(value),
     self.repetitions > 1 and ("iteration %d"):format(iteration) or nil)
   local word = words[status]
@@ -56,6 +51,20 @@ function M:call(body, instance, name, iteration)
   trace = shorten(trace):gsub("in function <[^>]*>$", shown)
   return word, message, trace
 end
+
+--- Calls a function of a script.
+-- @param body the function
+-- @param instance what it gets: its class, or nil
+-- @param name what a traceback calls it
+-- @param iteration which repetition this is
+-- @return "passed"; or "failed", "error" or "skipped", the message, and for the first two the traceback
+function M:call(body, instance, name, iteration)
+  local ok, value, trace = protect(body, instance)
+  if ok then return "passed" end
+  return judge(self, name, iteration, value, trace)
+end
+
+local call = M.call
 
 -- A method of a class under the first of its names that is one.
 local function method(class, first, second, third, fourth)
@@ -70,29 +79,33 @@ local function method(class, first, second, third, fourth)
 end
 
 -- Once. What fails first is the result; after a failed set-up the test is left out, and torn down all the same.
-local function run_once(self, test, iteration)
-  local class = test.instance
+local function run_once(self, name, body, class, instance, iteration)
+  if not class then return call(self, body, nil, name, iteration) end
   local status, message, trace = "passed"
-  local set_up = class and method(class, "setUp", "Setup", "setup", "SetUp")
-  if set_up then status, message, trace = self:call(set_up, class, test.class .. ".setUp", iteration) end
-  if status == "passed" then status, message, trace = self:call(test.run, class, test.full, iteration) end
-  local tear_down = class and method(class, "tearDown", "TearDown", "teardown", "Teardown")
+  local set_up = method(instance, "setUp", "Setup", "setup", "SetUp")
+  if set_up then status, message, trace = call(self, set_up, instance, class .. ".setUp", iteration) end
+  if status == "passed" then status, message, trace = call(self, body, instance, name, iteration) end
+  local tear_down = method(instance, "tearDown", "TearDown", "teardown", "Teardown")
   if tear_down then
-    local word, why, where = self:call(tear_down, class, test.class .. ".tearDown", iteration)
+    local word, why, where = call(self, tear_down, instance, class .. ".tearDown", iteration)
     if status == "passed" then status, message, trace = word, why, where end
   end
   return status, message, trace
 end
 
 --- Runs a test as often as it is to be run, until it does not pass.
--- @param test table with `full`, its name, and `run`, its function; for a method also `class` and `instance`
+-- @param name its full name
+-- @param body its function
+-- @param class for a method the name of its class, else nil
+-- @param instance for a method its class, else nil
 -- @return as `call`
-function M:run(test)
-  for iteration = 1, self.repetitions - 1 do
-    local status, message, trace = run_once(self, test, iteration)
+function M:run(name, body, class, instance)
+  local repetitions = self.repetitions
+  for iteration = 1, repetitions - 1 do
+    local status, message, trace = run_once(self, name, body, class, instance, iteration)
     if status ~= "passed" then return status, message, trace end
   end
-  return run_once(self, test, self.repetitions)
+  return run_once(self, name, body, class, instance, repetitions)
 end
 
 --- A runner of tests. LuaUnit is told that a suite runs, so that its os.exit refuses to end the process under the

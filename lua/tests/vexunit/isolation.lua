@@ -16,8 +16,8 @@ local function copy(source)
 end
 
 local function restore_table(target, saved)
-  for key in next, target do -- which allows fields to go meanwhile
-    if rawget(saved, key) == nil then rawset(target, key, nil) end
+  for key in next, target do -- which allows fields to go meanwhile; no metamethod is asked for a field that is there
+    if saved[key] == nil then target[key] = nil end
   end
   for key, value in next, saved do
     if not rawequal(rawget(target, key), value) then rawset(target, key, value) end

@@ -14,12 +14,13 @@ local function note(value)
   return value
 end
 
---- @param body function to call with the further arguments
+--- @param body function to call
+-- @param argument what it gets
 -- @return true and its first result; or false, the error value, and the traceback, which is empty for an error for
 -- which Lua calls no handler: want of memory, or one in a finaliser
-return function(body, ...)
+return function(body, argument)
   noted, trace = nil, nil
-  local ok, value = xpcall(body, note, ...)
+  local ok, value = xpcall(body, note, argument)
   local own = not ok and rawequal(value, noted) and trace or ""
   noted, trace = nil, nil
   if ok then return true, value end

@@ -7,12 +7,14 @@ local text_tools = require("vex.text")
 local M = {}
 M.__index = M
 
+local find, format = string.find, string.format
+
 -- Markup is escaped; what XML 1.0 cannot hold, control characters and bytes that are not UTF-8, becomes "?".
 local escapes = { ["&"] = "&amp;", ["<"] = "&lt;", [">"] = "&gt;", ['"'] = "&quot;", ["\n"] = "&#10;", ["\t"] = "&#9;" }
 
 --- A text as the value of an attribute or as character data.
 function M.escape(text)
-  if not text:find("[^ %-./0-9A-Z_a-z]") then return text end -- nearly all
+  if not find(text, "[^a-z0-9_A-Z ./-]") then return text end -- nearly all
   local valid = text_tools.utf8(text, "?"):gsub("\239\191[\190\191]", "?") -- U+FFFE and U+FFFF
   return (valid:gsub("[%z\1-\8\11-\31\127]", "?"):gsub('[&<>"\n\t]', escapes))
 end
@@ -29,61 +31,85 @@ end
 
 local elements = { failed = "failure", error = "error" }
 
-local function case(result, class)
-  if result.class then class = class .. "." .. result.class end
-  local open = ('    <testcase classname="%s" name="%s" time="%.6f"'):format(escape(class), escape(result.name),
-    result.seconds)
-  if result.status == "passed" then return open .. "/>\n" end
-  local message = escape(tostring(result.message))
-  if result.status == "skipped" then return ('%s><skipped message="%s"/></testcase>\n'):format(open, message) end
-  local element = elements[result.status]
-  return ('%s><%s message="%s">%s</%s></testcase>\n'):format(open, element, message, escape(summary.explain(result)),
+-- Texts of the seconds of quick tests by their microseconds: they are few, and to format a fraction is dear.
+local quick = {}
+
+local function seconds_text(seconds)
+  local rounded = seconds * 1e6 + 0.5
+  if rounded >= 1000 then return format("%.6f", seconds) end
+  rounded = rounded - rounded % 1
+  local text = quick[rounded]
+  if not text then
+    text = format("%.6f", seconds)
+    quick[rounded] = text
+  end
+  return text
+end
+
+-- What of a case is not its own.
+local function open_case(suite, class)
+  local name = suite.class
+  if class then name = name .. "." .. class end
+  suite.case_class = class
+  suite.open = '    <testcase classname="' .. escape(name) .. '" name="'
+  return suite.open
+end
+
+local function ending(status, message, trace)
+  local shown = escape(tostring(message))
+  if status == "skipped" then return format('"><skipped message="%s"/></testcase>\n', shown) end
+  local element = elements[status]
+  return format('"><%s message="%s">%s</%s></testcase>\n', element, shown, escape(summary.explain(message, trace)),
     element)
 end
 
-local function add(suite, result)
-  suite.count = suite.count + 1
-  local status = result.status
-  if status ~= "passed" then suite[status] = suite[status] + 1 end
-  suite.seconds = suite.seconds + result.seconds
-  suite.cases[suite.count] = case(result, suite.class)
+local function add(suite, class, name, status, seconds, message, trace)
+  local count = suite.count + 1
+  suite.count = count
+  suite.seconds = suite.seconds + seconds
+  local open = class == suite.case_class and suite.open or open_case(suite, class)
+  local close = '"/>\n'
+  if status ~= "passed" then
+    suite[status] = suite[status] + 1
+    close = ending(status, message, trace)
+  end
+  suite.cases[count] = open .. escape(name) .. '" time="' .. seconds_text(seconds) .. close
 end
 
 local function new_suite(path)
-  return {
+  local suite = {
     path = path, class = path:gsub("%.lua$", ""):gsub("/", "."), cases = {}, count = 0, failed = 0, error = 0,
     skipped = 0, seconds = 0,
   }
+  open_case(suite, nil)
+  return suite
 end
 
 function M:script_starts(path) self.text:script_starts(path) end
 function M:test_starts(path, name) self.text:test_starts(path, name) end
 
-function M:test_ends(result)
-  self.text:test_ends(result)
-  local suites = self.suites
-  local suite = suites[#suites]
-  if not suite or suite.path ~= result.script then
-    suite = new_suite(result.script)
-    suites[#suites + 1] = suite
+function M:test_ends(script, class, name, status, seconds, message, trace)
+  self.text:test_ends(script, class, name, status, seconds, message, trace)
+  local suite = self.suite
+  if not suite or suite.path ~= script then
+    suite = new_suite(script)
+    self.suite = suite
+    self.suites[#self.suites + 1] = suite
   end
-  add(suite, result)
+  add(suite, class, name, status, seconds, message, trace)
 end
 
 -- What is left of the cases is one text.
 function M:script_ends(path, count)
   self.text:script_ends(path, count)
-  local suite = self.suites[#self.suites]
+  local suite = self.suite
   if suite and suite.path == path then suite.cases = { table.concat(suite.cases) } end
 end
 
 function M:script_fails(path, message)
   self.text:script_fails(path, message)
   local suite = new_suite(path)
-  add(suite, {
-    script = path, name = "(loading)", status = "error", message = path .. " does not load", trace = message,
-    seconds = 0,
-  })
+  add(suite, nil, "(loading)", "error", 0, path .. " does not load", message)
   table.insert(self.unloadable, suite)
 end
 

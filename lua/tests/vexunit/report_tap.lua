@@ -5,13 +5,15 @@ local summary = require("tests.vexunit.summary")
 local M = {}
 M.__index = M
 
+local find, format = string.find, string.format
+
 function M.new(_, console)
-  return setmetatable({ console = console, count = 0 }, M)
+  return setmetatable({ console = console, count = 0, script = "" }, M)
 end
 
 -- Text that must stay on its line and must not look like a directive.
 local function plain(text)
-  if not text:find("[\r\n#]") then return text end
+  if not find(text, "[%c#]") then return text end -- nearly all
   return (text:gsub("[\r\n]+", " "):gsub("#", "\\#"))
 end
 
@@ -19,29 +21,31 @@ function M:comment(text)
   for line in (text .. "\n"):gmatch("([^\n]*)\n") do self.console.write("# " .. line .. "\n") end
 end
 
-function M:line(good, name, suffix)
-  self.count = self.count + 1
-  self.console.write(("%s %d - %s%s\n"):format(good and "ok" or "not ok", self.count, plain(name), suffix or ""))
+function M:line(word, name, suffix)
+  local count = self.count + 1
+  self.count = count
+  self.console.write(word .. format("%d", count) .. " - " .. self.script .. name .. suffix)
 end
 
-function M:script_starts(path) self:comment(path) end
+function M:script_starts(path)
+  self:comment(path)
+  self.script = plain(path) .. " "
+end
 
-function M:script_fails(path, message)
-  self:line(false, path .. " does not load")
+function M:script_fails(_, message)
+  self:line("not ok ", "", "does not load\n")
   self:comment(message)
 end
 
 function M:script_ends() end
 function M:test_starts() end
 
-function M:test_ends(result)
-  local name = result.script .. " " .. result.name
-  if result.status == "skipped" then
-    self:line(true, name, " # SKIP " .. plain(tostring(result.message)))
-  else
-    self:line(result.status == "passed", name)
-    if result.status ~= "passed" then self:comment(summary.explain(result)) end
-  end
+function M:test_ends(_, _, name, status, _, message, trace)
+  name = plain(name)
+  if status == "passed" then return self:line("ok ", name, "\n") end
+  if status == "skipped" then return self:line("ok ", name, " # SKIP " .. plain(tostring(message)) .. "\n") end
+  self:line("not ok ", name, "\n")
+  self:comment(summary.explain(message, trace))
 end
 
 function M:run_ends(run)

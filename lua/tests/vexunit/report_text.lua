@@ -10,7 +10,9 @@ local words = { passed = "ok", failed = "FAILED", error = "ERROR", skipped = "sk
 local colours = { passed = "\27[32m", failed = "\27[31m", error = "\27[31m", skipped = "\27[33m" }
 
 function M.new(settings, console)
-  return setmetatable({ settings = settings, console = console, troubles = {} }, M)
+  local self = setmetatable({ settings = settings, console = console, troubles = {}, marks = {} }, M)
+  for status, mark in pairs(marks) do self.marks[status] = self:paint(status, mark) end
+  return self
 end
 
 function M:paint(status, text)
@@ -44,17 +46,18 @@ function M:test_starts(_, name)
   if self.settings.verbose then self.console.write("  " .. name .. " ... ") end
 end
 
-function M:test_ends(result)
-  if self.settings.verbose then
-    local line = self:paint(result.status, words[result.status])
-    if result.status == "skipped" then line = line .. ": " .. tostring(result.message) end
+function M:test_ends(script, _, name, status, _, message, trace)
+  local settings = self.settings
+  if settings.verbose then
+    local line = self:paint(status, words[status])
+    if status == "skipped" then line = line .. ": " .. tostring(message) end
     self.console.write(line .. "\n")
-  elseif not self.settings.quiet then
-    self.console.write(self:paint(result.status, marks[result.status]))
+  elseif not settings.quiet then
+    self.console.write(self.marks[status])
   end
-  if result.status == "failed" or result.status == "error" then
+  if status == "failed" or status == "error" then
     table.insert(self.troubles, {
-      title = ("%s: %s %s"):format(words[result.status], result.script, result.name), text = summary.explain(result),
+      title = ("%s: %s %s"):format(words[status], script, name), text = summary.explain(message, trace),
     })
   end
 end

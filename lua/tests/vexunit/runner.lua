@@ -19,8 +19,9 @@ local random, randomseed, time = math.random, math.randomseed, os.time
 
 --- Where a run writes to when nothing else is asked for.
 function M.standard_console()
+  local write = stdout.write
   return {
-    write = function(text) stdout:write(text) end,
+    write = function(text) write(stdout, text) end,
     complain = function(text) stderr:write(text, "\n") end,
     terminal = fs.isatty(1),
     clock = host.monotonic,
@@ -42,12 +43,12 @@ local function shuffled(list)
   return list
 end
 
--- Whether the names on the command line choose this test, and a note of which of them did.
-local function chosen(run, test)
+-- Whether the names on the command line choose a test, and a note of which of them did.
+local function chosen(run, full, class)
   if #run.settings.names == 0 then return true end
   local result = false
   for _, wanted in ipairs(run.settings.names) do
-    if wanted == test.full or wanted == test.class then
+    if wanted == full or wanted == class then
       run.used_names[wanted] = true
       result = true
     end
@@ -72,13 +73,15 @@ local function filtered_in(patterns, full)
   return result
 end
 
--- The tests, as the engine takes them.
+-- The tests, sorted: a function is only its name, a method a table with `full`, its name, `run`, its function, `class`,
+-- the name of its class, and `instance`, its class.
 local function expand(collected)
+  local values = collected.values
   local tests = {}
   for _, name in ipairs(collected.names) do
-    local value = collected.values[name]
+    local value = values[name]
     if type(value) == "function" then
-      tests[#tests + 1] = { full = name, run = value }
+      tests[#tests + 1] = name
     else
       local methods = {}
       for method, body in pairs(value) do
@@ -95,16 +98,22 @@ local function expand(collected)
   return tests
 end
 
+local function name_of(test)
+  if type(test) == "string" then return test end
+  return test.full, test.class
+end
+
 -- Records the end of a test, or of something that is reported like one.
-local function record(run, result)
-  local counts = run.counts
+local function record(run, class, name, status, seconds, message, trace)
+  local counts, slowest, script = run.counts, run.slowest, run.script
   counts.run = counts.run + 1
-  counts[result.status] = counts[result.status] + 1
-  run.slowest:add(result)
-  run.report:test_ends(result)
+  counts[status] = counts[status] + 1
+  if seconds >= slowest.least and status ~= "skipped" then slowest:add(script, name, seconds) end
+  run.report:test_ends(script, class, name, status, seconds, message, trace)
+  if status == "passed" then return end
   local settings = run.settings
-  if result.status == "error" and (settings.stop_at_error or settings.stop_at_failure)
-    or result.status == "failed" and settings.stop_at_failure then
+  if status == "error" and (settings.stop_at_error or settings.stop_at_failure)
+    or status == "failed" and settings.stop_at_failure then
     run.stopped = true
   end
 end
@@ -116,33 +125,26 @@ local function run_fixture(run, instance, fixture, name)
   local status, message, trace = run.engine:call(fixture, instance, name, 1)
   if status == "passed" then return true end
   if status == "skipped" then return false, message end
-  record(run, {
-    script = run.script, name = name, status = status, message = message, trace = trace,
-    seconds = run.clock() - begin,
-  })
+  record(run, nil, name, status, run.clock() - begin, message, trace)
   return false, name .. " failed"
 end
 
-local function run_test(run, test)
-  run.report:test_starts(run.script, test.full)
-  local begin = run.clock()
-  local status, message, trace = run.engine:run(test)
-  record(run, {
-    script = run.script, class = test.class, name = test.full, status = status, message = message, trace = trace,
-    seconds = run.clock() - begin,
-  })
+local function run_test(run, name, body, class, instance)
+  local clock = run.clock
+  run.report:test_starts(run.script, name)
+  local begin = clock()
+  local status, message, trace = run.engine:run(name, body, class, instance)
+  record(run, class, name, status, clock() - begin, message, trace)
 end
 
-local function skip_test(run, test, reason)
-  run.report:test_starts(run.script, test.full)
-  record(run, {
-    script = run.script, class = test.class, name = test.full, status = "skipped", message = reason, seconds = 0,
-  })
+local function skip_test(run, name, class, reason)
+  run.report:test_starts(run.script, name)
+  record(run, class, name, "skipped", 0, reason)
 end
 
 -- Runs the tests of one script. A class is set up before its first test and torn down after its last one; shuffled
 -- tests may visit a class more than once.
-local function run_tests(run, tests)
+local function run_tests(run, tests, values)
   local open -- the class that is set up
   local broken -- why its tests cannot run
   local function close()
@@ -153,17 +155,22 @@ local function run_tests(run, tests)
   end
   for _, test in ipairs(tests) do
     if run.stopped then break end
-    if open and open.class ~= test.class then close() end
-    if test.class and not open then
+    local body = values[test]
+    if body then
+      if open then close() end
+    elseif not open or open.class ~= test.class then
+      close()
       open = test
       local ok, reason = run_fixture(run, test.instance, test.instance.setupClass, test.class .. ".setupClass")
       if not ok then broken = reason end
     end
     if run.stopped then break end
-    if broken then
-      skip_test(run, test, broken)
+    if body then
+      run_test(run, test, body)
+    elseif broken then
+      skip_test(run, test.full, test.class, broken)
     else
-      run_test(run, test)
+      run_test(run, test.full, test.run, test.class, test.instance)
     end
   end
   close()
@@ -175,7 +182,8 @@ local function select_tests(run, collected)
     local all = selected
     selected = {}
     for _, test in ipairs(all) do
-      if chosen(run, test) and filtered_in(run.settings.patterns, test.full) then
+      local full, class = name_of(test)
+      if chosen(run, full, class) and filtered_in(run.settings.patterns, full) then
         selected[#selected + 1] = test
       else
         run.counts.left_out = run.counts.left_out + 1
@@ -203,12 +211,13 @@ local function run_script(run, path)
   if #tests > 0 then
     local ok, reason = run_fixture(run, nil, suite.setup, "setupSuite")
     if ok then
-      run_tests(run, tests)
+      run_tests(run, tests, collected.values)
       run_fixture(run, nil, suite.teardown, "teardownSuite")
     else
       for _, test in ipairs(tests) do
         if run.stopped then break end
-        skip_test(run, test, reason)
+        local full, class = name_of(test)
+        skip_test(run, full, class, reason)
       end
     end
   end

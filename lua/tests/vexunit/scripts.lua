@@ -6,6 +6,8 @@ local protect = require("tests.vexunit.protect")
 
 local M = {}
 
+local find, pairs, rawequal, type = string.find, pairs, rawequal, type
+
 --- The scripts that a name or pattern stands for.
 -- @param wanted a path or a pattern
 -- @param bin the folder to look in when the current directory has no match; may be nil
@@ -69,28 +71,24 @@ local function describe(trouble, trace)
   return trouble .. "\n" .. trace
 end
 
-local function is_test_name(name)
-  return type(name) == "string" and name:find("^[Tt][Ee][Ss][Tt]") ~= nil
-end
-
 -- A test is a global function whose name begins with "test", or such a method of a table whose name does; a table that
 -- the script returns is looked through like the globals.
 local function collect(before, returned)
-  local holders = { _G }
-  if type(returned) == "table" and not rawequal(returned, _G) then holders[2] = returned end
-  local names, values = {}, {}
-  for _, holder in ipairs(holders) do
+  local names, values, count = {}, {}, 0
+  local function look_through(holder, known)
     for name, value in pairs(holder) do
-      if is_test_name(name) and values[name] == nil then
+      if type(name) == "string" and find(name, "^[Tt][Ee][Ss][Tt]") and values[name] == nil then
         local kind = type(value)
-        local fresh = not (rawequal(holder, _G) and rawequal(before[name], value))
-        if fresh and (kind == "function" or kind == "table") then
+        if (kind == "function" or kind == "table") and (known[name] == nil or not rawequal(known[name], value)) then
           values[name] = value
-          names[#names + 1] = name
+          count = count + 1
+          names[count] = name
         end
       end
     end
   end
+  look_through(_G, before)
+  if type(returned) == "table" and not rawequal(returned, _G) then look_through(returned, {}) end
   table.sort(names)
   return { names = names, values = values }
 end

@@ -34,14 +34,16 @@ local function cut(self)
   for index = #kept, self.limit + 1, -1 do kept[index] = nil end
 end
 
---- Keeps the slowest results.
+--- Keeps the slowest tests. A test that took fewer seconds than `least` is none of them.
 -- @param limit how many
-function M.new_slowest(limit) return setmetatable({ limit = limit, kept = {}, least = -math.huge }, Slowest) end
+function M.new_slowest(limit)
+  return setmetatable({ limit = limit, kept = {}, least = limit > 0 and -math.huge or math.huge }, Slowest)
+end
 
-function Slowest:add(result)
-  if result.seconds < self.least or result.status == "skipped" or self.limit == 0 then return end
+function Slowest:add(script, name, seconds)
+  if seconds < self.least then return end
   local kept = self.kept
-  kept[#kept + 1] = result
+  kept[#kept + 1] = { script = script, name = name, seconds = seconds }
   if #kept >= 2 * self.limit + 16 then -- now and then: to sort is dear
     cut(self)
     self.least = kept[self.limit].seconds
@@ -64,11 +66,13 @@ function M.seed(run)
     .. ("%d)"):format(run.seed) or "")
 end
 
---- Message and traceback of a result, as one text.
-function M.explain(result)
-  local message = tostring(result.message)
-  if result.trace and result.trace ~= "" then return message .. "\n" .. result.trace end
-  return message
+--- Message and traceback of a test, as one text.
+-- @param message any value
+-- @param trace text or nil
+function M.explain(message, trace)
+  local shown = tostring(message)
+  if trace and trace ~= "" then return shown .. "\n" .. trace end
+  return shown
 end
 
 return M
