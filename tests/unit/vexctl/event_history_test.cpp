@@ -97,6 +97,22 @@ TEST(EventHistoryKeys, WhatSomebodyElsePutInTheirPlaceIsNoKey)
     EXPECT_EQ(event.Key(), EventKey(3, ""));
 }
 
+TEST(EventHistoryLines, HaveTheFieldsThatTheEventHas)
+{
+    Event event;
+    event.storedKey = ourKey;
+    EXPECT_EQ(JsonLine(event), "{\"schema\":1,\"key\":\"0123456789abcdef0123456789abcdef\",\"text\":\"\"}");
+    event.timeMs = 1'700'000'000'007;
+    event.number = -12;
+    event.severity = 3;
+    event.text = "\"one\"\n";
+    EXPECT_EQ(JsonLine(event), "{\"schema\":1,\"key\":\"0123456789abcdef0123456789abcdef\",\"time\":"
+                               "\"2023-11-14T22:13:20.007Z\",\"number\":-12,\"severity\":3,\"severity_word\":"
+                               "\"error\",\"text\":\"\\\"one\\\"\\n\"}");
+    event.severity = 8;
+    EXPECT_NE(JsonLine(event).find(",\"severity\":8,\"severity_word\":\"-\","), std::string::npos);
+}
+
 INSTANTIATE_TEST_SUITE_P(OfAnAgent, EventHistory, testing::Bool(),
                          [](const auto& one) { return one.param ? "ThatStoresKeys" : "ThatStoresNone"; });
 

@@ -86,6 +86,7 @@ TEST_F(Times, AreShownInLocalTimeAndInUtc)
     EXPECT_EQ(LocalTime(now), "2023-11-14 23:13:20");
     EXPECT_EQ(UtcTime(now + 7), "2023-11-14T22:13:20.007Z");
     EXPECT_EQ(UtcTime(-1), "1969-12-31T23:59:59.999Z");
+    EXPECT_EQ(UtcTime(1'709'251'509'010), "2024-03-01T00:05:09.010Z"); // with zeros in each field
 }
 
 TEST_F(Times, ThatNoAgentWritesHaveAYearOfFourDigits)

@@ -151,9 +151,8 @@ private:
             AgentDatabase database(m_session.place.EventsFile());
             std::string lines;
             for (Event& event : ReadLastEvents(database, maxEvents)) {
-                Json object = JsonOf(event);
-                object["text"] = MaskSecrets(event.text);
-                lines += JsonText(object) + "\n";
+                event.text = MaskSecrets(event.text);
+                lines += JsonLine(event) += '\n';
             }
             Add("events.jsonl", "the last 10,000 events", lines);
         });

@@ -1,6 +1,7 @@
 #include "vex/apps/vexctl/event_history.h"
 
 #include "vex/apps/vexctl/event_key.h"
+#include "vex/apps/vexctl/json_text.h"
 #include "vex/apps/vexctl/times.h"
 
 #include <algorithm>
@@ -107,19 +108,26 @@ const char* SeverityWord(const Event& event)
     return isKnown ? severityWords[static_cast<std::size_t>(*event.severity)] : "-";
 }
 
-Json JsonOf(const Event& event)
+// Built by itself: of what a million events cost, the objects that JSON is made of elsewhere were three quarters.
+std::string JsonLine(const Event& event)
 {
-    Json object = {{"schema", jsonSchema}, {"key", event.Key()}};
+    const auto number = [](const char* field, std::int64_t value) { return field + std::to_string(value); };
+    std::string line = number("{\"schema\":", jsonSchema) + ",\"key\":";
+    constexpr std::size_t otherFields = 192;
+    line.reserve(otherFields + event.text.size());
+    AddJsonString(line, event.Key());
     if (event.timeMs)
-        object["time"] = UtcTime(*event.timeMs);
+        line.append(",\"time\":\"").append(UtcTime(*event.timeMs)).append(1, '"');
     if (event.number)
-        object["number"] = *event.number;
+        line += number(",\"number\":", *event.number);
     if (event.severity) {
-        object["severity"] = *event.severity;
-        object["severity_word"] = SeverityWord(event);
+        line += number(",\"severity\":", *event.severity);
+        line.append(",\"severity_word\":\"").append(SeverityWord(event)).append(1, '"');
     }
-    object["text"] = event.text;
-    return object;
+    line += ",\"text\":";
+    AddJsonString(line, event.text);
+    line += '}';
+    return line;
 }
 
 } // namespace Vexctl

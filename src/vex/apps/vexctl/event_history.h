@@ -2,7 +2,6 @@
 // The events that an agent keeps. docs/FORMATS.md, "Agent events".
 
 #include "vex/apps/vexctl/agent_database.h"
-#include "vex/apps/vexctl/json_text.h"
 
 #include <cstdint>
 #include <optional>
@@ -41,6 +40,7 @@ std::optional<int> FindSeverity(const std::string& word);
 /// "-" where it has none.
 const char* SeverityWord(const Event& event);
 
-Json JsonOf(const Event& event);
+/// One object of JSON, without a line end.
+std::string JsonLine(const Event& event);
 
 } // namespace Vexctl

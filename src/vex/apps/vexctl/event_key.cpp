@@ -1,5 +1,8 @@
 #include "vex/apps/vexctl/event_key.h"
 
+#include "vex_core/base/ascii.h"
+
+#include <algorithm>
 #include <cstdio>
 
 namespace Vexctl {
@@ -7,12 +10,16 @@ namespace Vexctl {
 namespace {
 constexpr std::size_t hashDigits = 16;
 constexpr std::size_t storedDigits = 32;
-constexpr std::string_view hexDigits = "0123456789abcdef";
+
+bool AreHexDigits(std::string_view text)
+{
+    return std::all_of(text.begin(), text.end(), [](char c) { return VexCore::IsDigit(c) || (c >= 'a' && c <= 'f'); });
+}
 
 // One or more digits, no longer than a number can be.
 bool IsHexNumber(std::string_view text)
 {
-    return !text.empty() && text.size() <= 16 && text.find_first_not_of(hexDigits) == std::string_view::npos;
+    return !text.empty() && text.size() <= 16 && AreHexDigits(text);
 }
 
 std::uint64_t Fnv1a(std::string_view bytes)
@@ -37,7 +44,7 @@ std::optional<std::int64_t> IdOfEventKey(std::string_view key)
     const std::size_t dash = key.find('-');
     if (dash == 0 || dash > 18 || key.size() != dash + 1 + hashDigits
         || key.substr(0, dash).find_first_not_of("0123456789") != std::string_view::npos
-        || key.substr(dash + 1).find_first_not_of(hexDigits) != std::string_view::npos)
+        || !AreHexDigits(key.substr(dash + 1)))
         return std::nullopt;
     return std::stoll(std::string(key.substr(0, dash)));
 }
@@ -47,7 +54,7 @@ bool IsStoredEventKey(std::string_view key)
 {
     const std::size_t first = key.find('-');
     if (first == std::string_view::npos)
-        return key.size() == storedDigits && key.find_first_not_of(hexDigits) == std::string_view::npos;
+        return key.size() == storedDigits && AreHexDigits(key);
     const std::size_t second = key.find('-', first + 1);
     return second != std::string_view::npos && IsHexNumber(key.substr(0, first))
            && IsHexNumber(key.substr(first + 1, second - first - 1)) && IsHexNumber(key.substr(second + 1));

@@ -11,7 +11,6 @@
 #include "vex/apps/vexctl/event_key.h"
 #include "vex/apps/vexctl/event_socket.h"
 #include "vex/apps/vexctl/event_state.h"
-#include "vex/apps/vexctl/json_text.h"
 #include "vex/apps/vexctl/moved_aside.h"
 #include "vex/apps/vexctl/options.h"
 #include "vex/apps/vexctl/os/watch.h"
@@ -518,7 +517,7 @@ private:
         else if (m_socket)
             m_socket->Send(LineOf(event));
         else
-            m_session.out.Write(LineOf(event) + "\n");
+            m_session.out.Write(LineOf(event) += '\n');
         StandBehind(event);
         Remember();
     }
@@ -531,7 +530,7 @@ private:
             return OtlpLine(event, m_source, VexCore::TimeNowMillis());
         if (m_options.format == "syslog")
             return SyslogRecord(event, m_source);
-        return JsonText(JsonOf(event));
+        return JsonLine(event);
     }
 
     void ShowForPeople(const Event& event)

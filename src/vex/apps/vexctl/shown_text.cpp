@@ -18,15 +18,6 @@ std::size_t NextCharacter(std::string_view text, char32_t& character)
     return 1;
 }
 
-// How many bytes at the begin are characters that need no second look, as nearly all are: printable ASCII.
-std::size_t PlainLength(std::string_view text)
-{
-    std::size_t length = 0;
-    while (length < text.size() && text[length] >= ' ' && text[length] <= '~')
-        ++length;
-    return length;
-}
-
 std::size_t ColumnsOf(char32_t character)
 {
     // Without a word from the locale's tables a character takes one column.
@@ -35,6 +26,14 @@ std::size_t ColumnsOf(char32_t character)
 }
 
 } // namespace
+
+std::size_t PlainLength(std::string_view text)
+{
+    std::size_t length = 0;
+    while (length < text.size() && text[length] >= ' ' && text[length] <= '~')
+        ++length;
+    return length;
+}
 
 std::string Shown(std::string_view text, bool keepTabs)
 {

@@ -12,6 +12,9 @@ namespace Vexctl {
 /// tabulators unless `keepTabs`.
 std::string Shown(std::string_view text, bool keepTabs = false);
 
+/// How many bytes at the begin of the text are characters that need no second look, as nearly all are: printable ASCII.
+std::size_t PlainLength(std::string_view text);
+
 /// How many columns a text without control characters takes on a terminal.
 std::size_t Columns(std::string_view text);
 
