@@ -12,7 +12,7 @@ INCLUDES = {
     "src/vex_core/": ("vex_core/", "vex/core/", "slb3/", "wx/", "lua", "sqlite3", "openssl/", "libdeflate", "isa-l/", "zlib", "pugi"),
     "src/vex/apps/vex/": ("vex/apps/vex/", "vex/core/", "slb3/", "wx/", "lua", "openssl/"),
     "src/vex/apps/vexctl/": ("vex/apps/vexctl/", "vex/apps/vex/", "vex/core/", "vex_core/", "slb3/", "wx/", "CLI/", "nlohmann/",
-                             "zlib"),
+                             "libdeflate", "zlib"),
 }
 # What a rule is about: our own folders and the libraries that some folder uses.
 RULED = tuple({start for allowed in INCLUDES.values() for start in allowed} | {"vex/"})

@@ -16,8 +16,11 @@ std::string Unpacked(const std::string& packed)
     stream.next_out = reinterpret_cast<Bytef*>(text.data());
     stream.avail_out = static_cast<uInt>(text.size());
     EXPECT_EQ(::inflateInit2(&stream, 15 + 16), Z_OK);
-    EXPECT_EQ(::inflate(&stream, Z_FINISH), Z_STREAM_END);
-    text.resize(stream.total_out);
+    do { // a part may follow another
+        EXPECT_EQ(::inflateReset(&stream), Z_OK);
+        EXPECT_EQ(::inflate(&stream, Z_FINISH), Z_STREAM_END);
+    } while (stream.avail_in > 0 && !testing::Test::HasFailure());
+    text.resize(text.size() - stream.avail_out);
     ::inflateEnd(&stream);
     return text;
 }

@@ -3,9 +3,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
 
-#include <zlib.h>
+#include <libdeflate.h>
 
 namespace Vexctl {
 
@@ -56,43 +57,36 @@ std::string_view Last(std::string_view text, std::size_t bytes)
 
 } // namespace
 
-struct TarWriter::Deflater
-{
-    z_stream stream = {};
-};
-
 TarWriter::TarWriter(std::string folder, std::int64_t timeMs)
-    : m_deflater(new Deflater), m_folder(std::move(folder)), m_timeS(std::max<std::int64_t>(0, timeMs / 1000))
+    : m_folder(std::move(folder)), m_timeS(std::max<std::int64_t>(0, timeMs / 1000))
+{}
+
+// What gzip unpacks may be packed in parts, one behind the other, because the library has to have a part in memory.
+void TarWriter::Put(std::string_view bytes)
 {
-    constexpr int gzipWindow = 15 + 16; // the largest window, and the frame of gzip around it
-    constexpr int usualMemory = 8;
-    if (::deflateInit2(&m_deflater->stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, gzipWindow, usualMemory,
-                       Z_DEFAULT_STRATEGY)
-        != Z_OK) {
-        delete m_deflater;
-        throw std::bad_alloc();
+    constexpr std::size_t partBytes = 1 << 20;
+    while (m_waiting.size() + bytes.size() >= partBytes) {
+        const std::size_t fitting = partBytes - m_waiting.size();
+        m_waiting.append(bytes.substr(0, fitting));
+        bytes.remove_prefix(fitting);
+        PackWaiting();
     }
+    m_waiting.append(bytes);
 }
 
-TarWriter::~TarWriter()
+void TarWriter::PackWaiting()
 {
-    ::deflateEnd(&m_deflater->stream);
-    delete m_deflater;
-}
-
-void TarWriter::Pack(std::string_view bytes, bool isLast)
-{
-    z_stream& stream = m_deflater->stream;
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
-    stream.avail_in = static_cast<uInt>(bytes.size());
-    int result = Z_OK;
-    do {
-        unsigned char packed[16 * 1024];
-        stream.next_out = packed;
-        stream.avail_out = sizeof packed;
-        result = ::deflate(&stream, isLast ? Z_FINISH : Z_NO_FLUSH);
-        m_packed.append(reinterpret_cast<const char*>(packed), sizeof packed - stream.avail_out);
-    } while (stream.avail_in > 0 || stream.avail_out == 0 || (isLast && result != Z_STREAM_END));
+    constexpr int usualLevel = 6; // gzip's own
+    const std::unique_ptr<libdeflate_compressor, decltype(&::libdeflate_free_compressor)> compressor(
+        ::libdeflate_alloc_compressor(usualLevel), ::libdeflate_free_compressor);
+    if (!compressor)
+        throw std::bad_alloc();
+    const std::size_t before = m_packed.size();
+    m_packed.resize(before + ::libdeflate_gzip_compress_bound(compressor.get(), m_waiting.size()));
+    m_packed.resize(before
+                    + ::libdeflate_gzip_compress(compressor.get(), m_waiting.data(), m_waiting.size(),
+                                                 m_packed.data() + before, m_packed.size() - before));
+    m_waiting.clear();
 }
 
 void TarWriter::Add(std::string_view name, std::string_view bytes)
@@ -115,16 +109,15 @@ void TarWriter::Add(std::string_view name, std::string_view bytes)
         sum += byte;
     std::snprintf(header.checksum, sizeof header.checksum, "%06o", sum);
 
-    Pack({reinterpret_cast<const char*>(&header), sizeof header}, false);
-    constexpr std::size_t partBytes = 1 << 20; // zlib counts in fewer bits than we
-    for (std::size_t at = 0; at < bytes.size(); at += partBytes)
-        Pack(bytes.substr(at, partBytes), false);
-    Pack(std::string((tarBlockBytes - bytes.size() % tarBlockBytes) % tarBlockBytes, '\0'), false);
+    Put({reinterpret_cast<const char*>(&header), sizeof header});
+    Put(bytes);
+    Put(std::string((tarBlockBytes - bytes.size() % tarBlockBytes) % tarBlockBytes, '\0'));
 }
 
 std::string TarWriter::Finish()
 {
-    Pack(std::string(2 * tarBlockBytes, '\0'), true);
+    Put(std::string(2 * tarBlockBytes, '\0'));
+    PackWaiting();
     return std::move(m_packed);
 }
 

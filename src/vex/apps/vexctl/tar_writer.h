@@ -12,9 +12,6 @@ class TarWriter
 public:
     /// All files lie in `folder` of the archive, and have the time.
     TarWriter(std::string folder, std::int64_t timeMs);
-    ~TarWriter();
-    TarWriter(const TarWriter&) = delete;
-    TarWriter& operator=(const TarWriter&) = delete;
 
     /// A name of more than 100 bytes loses its begin. Throws std::bad_alloc.
     void Add(std::string_view name, std::string_view bytes);
@@ -22,12 +19,12 @@ public:
     std::string Finish();
 
 private:
-    void Pack(std::string_view bytes, bool isLast);
+    void Put(std::string_view bytes);
+    void PackWaiting();
 
-    struct Deflater;
-    Deflater* m_deflater;
     const std::string m_folder;
     const std::int64_t m_timeS;
+    std::string m_waiting; // to be packed
     std::string m_packed;
 };
 
