@@ -80,7 +80,11 @@ end
 
 -- Once. What fails first is the result; after a failed set-up the test is left out, and torn down all the same.
 local function run_once(self, name, body, class, instance, iteration)
-  if not class then return call(self, body, nil, name, iteration) end
+  if not class then
+    local ok, value, trace = protect(body, nil)
+    if ok then return "passed" end
+    return judge(self, name, iteration, value, trace)
+  end
   local status, message, trace = "passed"
   local set_up = method(instance, "setUp", "Setup", "setup", "SetUp")
   if set_up then status, message, trace = call(self, set_up, instance, class .. ".setUp", iteration) end

@@ -14,7 +14,7 @@ local escapes = { ["&"] = "&amp;", ["<"] = "&lt;", [">"] = "&gt;", ['"'] = "&quo
 
 --- A text as the value of an attribute or as character data.
 function M.escape(text)
-  if not find(text, "[^a-z0-9_A-Z ./-]") then return text end -- nearly all
+  if find(text, "^[a-z0-9_A-Z ./-]*$") then return text end -- nearly all
   local valid = text_tools.utf8(text, "?"):gsub("\239\191[\190\191]", "?") -- U+FFFE and U+FFFF
   return (valid:gsub("[%z\1-\8\11-\31\127]", "?"):gsub('[&<>"\n\t]', escapes))
 end

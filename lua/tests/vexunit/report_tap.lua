@@ -13,7 +13,7 @@ end
 
 -- Text that must stay on its line and must not look like a directive.
 local function plain(text)
-  if not find(text, "[%c#]") then return text end -- nearly all
+  if find(text, "^[a-z0-9_A-Z./-]*$") then return text end -- nearly all
   return (text:gsub("[\r\n]+", " "):gsub("#", "\\#"))
 end
 
@@ -21,10 +21,10 @@ function M:comment(text)
   for line in (text .. "\n"):gmatch("([^\n]*)\n") do self.console.write("# " .. line .. "\n") end
 end
 
-function M:line(word, name, suffix)
+local function point(self, word, name, suffix)
   local count = self.count + 1
   self.count = count
-  self.console.write(word .. format("%d", count) .. " - " .. self.script .. name .. suffix)
+  self.console.write(word .. format("%d - ", count) .. self.script .. name .. suffix)
 end
 
 function M:script_starts(path)
@@ -33,7 +33,7 @@ function M:script_starts(path)
 end
 
 function M:script_fails(_, message)
-  self:line("not ok ", "", "does not load\n")
+  point(self, "not ok ", "", "does not load\n")
   self:comment(message)
 end
 
@@ -42,9 +42,9 @@ function M:test_starts() end
 
 function M:test_ends(_, _, name, status, _, message, trace)
   name = plain(name)
-  if status == "passed" then return self:line("ok ", name, "\n") end
-  if status == "skipped" then return self:line("ok ", name, " # SKIP " .. plain(tostring(message)) .. "\n") end
-  self:line("not ok ", name, "\n")
+  if status == "passed" then return point(self, "ok ", name, "\n") end
+  if status == "skipped" then return point(self, "ok ", name, " # SKIP " .. plain(tostring(message)) .. "\n") end
+  point(self, "not ok ", name, "\n")
   self:comment(summary.explain(message, trace))
 end
 

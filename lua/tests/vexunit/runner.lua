@@ -106,7 +106,6 @@ end
 -- Records the end of a test, or of something that is reported like one.
 local function record(run, class, name, status, seconds, message, trace)
   local counts, slowest, script = run.counts, run.slowest, run.script
-  counts.run = counts.run + 1
   counts[status] = counts[status] + 1
   if seconds >= slowest.least and status ~= "skipped" then slowest:add(script, name, seconds) end
   run.report:test_ends(script, class, name, status, seconds, message, trace)
@@ -153,8 +152,9 @@ local function run_tests(run, tests, values)
     end
     open, broken = nil, nil
   end
-  for _, test in ipairs(tests) do
+  for index = 1, #tests do
     if run.stopped then break end
+    local test = tests[index]
     local body = values[test]
     if body then
       if open then close() end
@@ -277,9 +277,7 @@ function M.run(wanted, settings, console)
   end
   local run = {
     settings = settings, report = report, slowest = summary.new_slowest(settings.slowest), used_names = {},
-    counts = {
-      run = 0, passed = 0, failed = 0, error = 0, skipped = 0, left_out = 0, unloadable = 0, scripts = #found,
-    },
+    counts = { passed = 0, failed = 0, error = 0, skipped = 0, left_out = 0, unloadable = 0, scripts = #found },
     seed = settings.seed or time() % 2 ^ 31,
     started = time(),
     clock = console.clock,
@@ -305,6 +303,8 @@ function M.run(wanted, settings, console)
     console.complain("vexunit: " .. trouble)
     return 2
   end
+  local counts = run.counts
+  counts.run = counts.passed + counts.failed + counts.error + counts.skipped
   local complaint
   run.status, complaint = status_of(run)
   local finished
