@@ -8,7 +8,7 @@ M.__index = M
 local find, format = string.find, string.format
 
 function M.new(_, console)
-  return setmetatable({ console = console, count = 0, script = "" }, M)
+  return setmetatable({ write = console.write, count = 0, script = "" }, M)
 end
 
 -- Text that must stay on its line and must not look like a directive.
@@ -18,13 +18,7 @@ local function plain(text)
 end
 
 function M:comment(text)
-  for line in (text .. "\n"):gmatch("([^\n]*)\n") do self.console.write("# " .. line .. "\n") end
-end
-
-local function point(self, word, name, suffix)
-  local count = self.count + 1
-  self.count = count
-  self.console.write(word .. format("%d - ", count) .. self.script .. name .. suffix)
+  for line in (text .. "\n"):gmatch("([^\n]*)\n") do self.write("# " .. line .. "\n") end
 end
 
 function M:script_starts(path)
@@ -32,24 +26,25 @@ function M:script_starts(path)
   self.script = plain(path) .. " "
 end
 
-function M:script_fails(_, message)
-  point(self, "not ok ", "", "does not load\n")
-  self:comment(message)
-end
-
 function M:script_ends() end
 function M:test_starts() end
 
 function M:test_ends(_, _, name, status, _, message, trace)
-  name = plain(name)
-  if status == "passed" then return point(self, "ok ", name, "\n") end
-  if status == "skipped" then return point(self, "ok ", name, " # SKIP " .. plain(tostring(message)) .. "\n") end
-  point(self, "not ok ", name, "\n")
-  self:comment(summary.explain(message, trace))
+  local count, word, suffix = self.count + 1, "ok ", "\n"
+  self.count = count
+  if status == "skipped" then
+    suffix = " # SKIP " .. plain(tostring(message)) .. "\n"
+  elseif status ~= "passed" then
+    word = "not ok "
+  end
+  self.write(word .. format("%d - ", count) .. self.script .. plain(name) .. suffix)
+  if word ~= "ok " then self:comment(summary.explain(message, trace)) end
 end
 
+function M:script_fails(_, message) self:test_ends(nil, nil, "does not load", "error", 0, message) end
+
 function M:run_ends(run)
-  self.console.write(("1..%d\n"):format(self.count))
+  self.write(("1..%d\n"):format(self.count))
   for _, line in ipairs(run.slowest:lines()) do self:comment("slow: " .. line) end
   self:comment(summary.seed(run))
   if run.stopped then self:comment("Stopped at the first failure.") end
