@@ -13,7 +13,9 @@ void LoaderSettings::Read()
     ReadSearchPath();
     m_limits.maxBytes = static_cast<std::uint64_t>(IntSetting(m_dom, "app.unzip.maxbytes"));
     m_limits.maxEntries = static_cast<std::uint64_t>(IntSetting(m_dom, "app.unzip.maxentries"));
-    m_cacheWanted = BoolSetting(m_dom, "app.lua.cache");
+    m_givenPath = m_dom.Get("app.lua.path");
+    const std::string work = m_dom.Get("app.path.work");
+    m_cacheFolder = BoolSetting(m_dom, "app.lua.cache") && !work.empty() ? work + "/cache" : std::string();
 }
 
 void LoaderSettings::ReadSearchPath()
@@ -33,20 +35,9 @@ void LoaderSettings::ReadSearchPath()
     ++m_searchPathNumber;
 }
 
-std::string LoaderSettings::CacheFolder() const
-{
-    const std::string work = m_dom.Get("app.path.work");
-    return m_cacheWanted && !work.empty() ? work + "/cache" : std::string();
-}
-
 std::string LoaderSettings::CoreFolder() const
 {
     return m_dom.Get("app.path.bin") + "/vex_core";
-}
-
-std::string LoaderSettings::GivenPath() const
-{
-    return m_dom.Get("app.lua.path");
 }
 
 } // namespace VexCore

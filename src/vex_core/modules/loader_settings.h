@@ -15,7 +15,8 @@ class LoaderSettings
 {
 public:
     explicit LoaderSettings(CDom& dom)
-        : m_dom(dom), m_watch(dom, {"app.lua.zippath", "app.lua.cache", "app.unzip.maxbytes", "app.unzip.maxentries"})
+        : m_dom(dom), m_watch(dom, {"app.lua.zippath", "app.lua.path", "app.lua.cache", "app.path.work",
+                                    "app.unzip.maxbytes", "app.unzip.maxentries"})
     {}
 
     /// Takes over what changed since the last time.
@@ -25,12 +26,12 @@ public:
     /// Another number with each search path; 0 before the first one that names an archive.
     unsigned SearchPathNumber() const { return m_searchPathNumber; }
     const ZipLimits& Limits() const { return m_limits; }
-    /// The folder of compiled chunks as it is now; empty when none are to be kept.
-    std::string CacheFolder() const;
+    /// The folder of compiled chunks; empty when none are to be kept.
+    const std::string& CacheFolder() const { return m_cacheFolder; }
     /// The folder of the archives that come with the launcher.
     std::string CoreFolder() const;
     /// The templates of package.path that are searched before the archives.
-    std::string GivenPath() const;
+    const std::string& GivenPath() const { return m_givenPath; }
 
 private:
     void ReadSearchPath();
@@ -40,7 +41,8 @@ private:
     std::vector<std::string> m_searchPath;
     unsigned m_searchPathNumber = 0;
     ZipLimits m_limits;
-    bool m_cacheWanted = false;
+    std::string m_cacheFolder;
+    std::string m_givenPath;
     SettingsWatch m_watch;
 };
 

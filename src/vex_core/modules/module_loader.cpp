@@ -280,12 +280,13 @@ int SearchFiles(lua_State* L)
     const char* const path = lua_tolstring(L, -1, &length);
     if (!path)
         return luaL_error(L, "'package.path' must be a string");
-    loader.packagePath.Cut(std::string(path, length), loader.settings.GivenPath());
+    loader.settings.Read();
+    loader.packagePath.Cut(std::string_view(path, length), loader.settings.GivenPath());
     const bool before = lua_toboolean(L, lua_upvalueindex(4)) != 0;
-    // A copy: what is called below may look a module up itself.
-    const std::string part = before ? loader.packagePath.Before() : loader.packagePath.After();
-    if (part.empty())
+    const std::string& kept = before ? loader.packagePath.Before() : loader.packagePath.After();
+    if (kept.empty())
         return 0;
+    const std::string part = kept; // what is called below may look a module up itself
     lua_pushvalue(L, lua_upvalueindex(3));
     lua_pushvalue(L, 1);
     lua_pushlstring(L, part.data(), part.size());

@@ -13,22 +13,20 @@ namespace {
 // A line for each file that was not there, twice as many as archives.
 std::string PlacesLookedIn(const FoundArchives& found, const std::string& base)
 {
-    const std::string file = base + ".lua'";
-    const std::string initFile = base + "/init.lua'";
     const std::string begin = "\n\tno file '";
+    const std::string between = "/" + base + ".lua'" + begin; // the two names of an archive
+    const std::string end = "/" + base + "/init.lua'";
     std::size_t size = 0;
     for (const FoundArchives::Item& item : found.items)
-        size += item.failure.size() + 2 * (begin.size() + item.slot->Path().size() + 1 + initFile.size());
+        size += item.failure.size() + begin.size() + between.size() + end.size() + 2 * item.slot->Path().size();
     std::string places;
     places.reserve(size);
     for (const FoundArchives::Item& item : found.items) {
         const std::string& path = item.slot->Path();
-        if (item.archive) {
-            places.append(begin).append(path).append(1, '/').append(file);
-            places.append(begin).append(path).append(1, '/').append(initFile);
-        } else {
+        if (item.archive)
+            places.append(begin).append(path).append(between).append(path).append(end);
+        else
             places.append("\n\tno archive '").append(path).append("' (").append(item.failure).append(")");
-        }
     }
     return places;
 }
@@ -121,7 +119,7 @@ LookupResult ModuleLookup::LookInto(const std::shared_ptr<ModuleArchive>& archiv
 
 std::shared_ptr<ChunkCache> ModuleLookup::CacheOf(const std::shared_ptr<ModuleArchive>& archive)
 {
-    const std::string folder = m_settings.CacheFolder();
+    const std::string& folder = m_settings.CacheFolder();
     if (folder.empty())
         return nullptr;
     KnownCache& known = m_caches[archive->Path()];

@@ -7,13 +7,13 @@
 
 namespace VexCore {
 
-void PackagePathParts::Cut(const std::string& packagePath, const std::string& given)
+void PackagePathParts::Cut(std::string_view packagePath, const std::string& given)
 {
     if (packagePath == m_packagePath && given == m_given)
         return;
     PackagePathParts parts;
     const std::vector<std::string> first = SplitPathList(given);
-    for (const std::string& item : SplitPathList(packagePath)) {
+    for (const std::string& item : SplitPathList(std::string(packagePath))) {
         std::string& part = std::find(first.begin(), first.end(), item) != first.end() ? parts.m_before : parts.m_after;
         AddToPathList(part, item);
     }

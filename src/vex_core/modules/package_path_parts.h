@@ -2,6 +2,7 @@
 // Where package.path is cut to search the archives in between.
 
 #include <string>
+#include <string_view>
 
 namespace VexCore {
 
@@ -11,7 +12,7 @@ class PackagePathParts
 {
 public:
     /// Cuts anew where one of the two texts is another than the last time.
-    void Cut(const std::string& packagePath, const std::string& given);
+    void Cut(std::string_view packagePath, const std::string& given);
     const std::string& Before() const { return m_before; }
     const std::string& After() const { return m_after; }
 
