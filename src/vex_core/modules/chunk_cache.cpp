@@ -117,6 +117,7 @@ void ChunkCache::DropFile()
     m_isDamaged = false;
     m_hasDamagedChunk = false;
     std::string().swap(m_ahead);
+    m_aheadSize = 0;
     m_nextAt = 0;
 }
 
@@ -221,21 +222,18 @@ bool ChunkCache::FindOnDisk(const std::string& name, std::string& buffer, std::s
 bool ChunkCache::ReadRecord(const ChunkRecord& record, std::string& bytes)
 {
     const std::size_t size = BytesOf(record);
-    const auto isAhead = [&] {
-        return record.offset >= m_aheadAt && record.offset + size <= m_aheadAt + m_ahead.size();
-    };
+    const auto isAhead = [&] { return record.offset >= m_aheadAt && record.offset + size <= m_aheadAt + m_aheadSize; };
     const bool follows = record.offset == m_nextAt;
     m_nextAt = record.offset + size;
     if (!isAhead()) {
         if (!follows || size > aheadBytes)
             return ReadAt(m_file, record.offset, size, bytes);
-        m_ahead.clear(); // what it held lies elsewhere, should there be no memory for the new
+        m_aheadSize = 0; // what it held lies elsewhere, should there be no memory for the new
         m_aheadAt = record.offset;
-        if (!ReadAt(m_file, m_aheadAt, static_cast<std::size_t>(std::min(aheadBytes, m_file.bytes - m_aheadAt)),
-                    m_ahead)) {
-            m_ahead.clear();
+        const std::size_t wanted = static_cast<std::size_t>(std::min(aheadBytes, m_file.bytes - m_aheadAt));
+        if (!ReadAt(m_file, m_aheadAt, wanted, m_ahead))
             return false;
-        }
+        m_aheadSize = wanted;
     }
     bytes.assign(m_ahead, static_cast<std::size_t>(record.offset - m_aheadAt), size);
     return true;

@@ -88,6 +88,7 @@ private:
     bool m_isDamaged = false; // something in the file is not whole: nothing may be written behind it
     bool m_hasDamagedChunk = false; // and it is a chunk, which a look at the blocks does not show
     std::string m_ahead; // what was read along with a chunk
+    std::size_t m_aheadSize = 0; // how much of it that is; what room is behind keeps what it had
     std::uint64_t m_aheadAt = 0; // where it lies in the file
     std::uint64_t m_nextAt = 0; // behind the chunk that was read last
     std::vector<Waiting> m_waiting; // in the order in which they came
