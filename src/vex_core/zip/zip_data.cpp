@@ -24,10 +24,13 @@ namespace {
 constexpr std::size_t onePiece = 8 * 1024;
 constexpr std::size_t pieceBytes = 4 * 1024;
 constexpr std::size_t aheadBytes = 2 * 1024;
+constexpr std::size_t keptAheadBytes = 1024;
 #else
 constexpr std::size_t onePiece = 1024 * 1024;
 constexpr std::size_t pieceBytes = 128 * 1024;
 constexpr std::size_t aheadBytes = 128 * 1024;
+// Of what one process keeps for good, between modules that it loads.
+constexpr std::size_t keptAheadBytes = 32 * 1024;
 #endif
 
 const char damaged[] = "its packed data is damaged";
@@ -44,6 +47,8 @@ std::size_t AtMostAChunk(std::uint64_t size)
 class ReadAhead
 {
 public:
+    explicit ReadAhead(std::size_t mostBytes = aheadBytes) : m_mostBytes(mostBytes) {}
+
     // `size` bytes at `offset`, valid until the next call; where they follow the last ones, all that lies near is read
     // with them. Null with the error.
     const char* At(int descriptor, std::uint64_t offset, std::size_t size, std::string& error)
@@ -53,8 +58,8 @@ public:
                    && size <= m_bytes.size() - (offset - m_start);
         };
         if (!isThere()) {
-            const bool follows = m_next && offset >= *m_next && offset - *m_next < aheadBytes;
-            m_bytes.resize(follows ? std::max(size, aheadBytes) : size);
+            const bool follows = m_next && offset >= *m_next && offset - *m_next < m_mostBytes;
+            m_bytes.resize(follows ? std::max(size, m_mostBytes) : size);
             const ssize_t count = os::PReadFull(descriptor, m_bytes.data(), m_bytes.size(), static_cast<off_t>(offset));
             if (count < 0)
                 error = "cannot be read: " + os::ErrorText(os::LastError());
@@ -69,7 +74,18 @@ public:
         return size == 0 ? "" : m_bytes.data() + (offset - m_start);
     }
 
+    // Whether the last bytes that were asked for end behind `offset`.
+    bool IsBehind(std::uint64_t offset) const { return m_next && offset < *m_next; }
+
+    // To read from another file, or from one that may be another by now.
+    void Forget()
+    {
+        m_bytes.clear();
+        m_next.reset();
+    }
+
 private:
+    const std::size_t m_mostBytes;
     std::vector<char> m_bytes;
     std::uint64_t m_start = 0; // where they lie in the file
     std::optional<std::uint64_t> m_next; // where the last ones ended
@@ -199,6 +215,38 @@ private:
     libdeflate_decompressor* m_handle;
 };
 
+// Who loads modules reads one small entry after the other, and to ask the system for each takes its time. So what was
+// read along is kept for the next entry of the process, whoever reads it, as the decompressor is.
+class KeptAhead
+{
+public:
+    // For an archive that was this file when it was opened, and what lies at `offset`. What was read before is read
+    // anew: the file may have been written to since.
+    KeptAhead(const os::FileIdentity& file, std::uint64_t offset) : m_item(s_kept.exchange(nullptr))
+    {
+        if (!m_item)
+            m_item = new Item;
+        if (m_item->file != file || m_item->ahead.IsBehind(offset))
+            m_item->ahead.Forget();
+        m_item->file = file;
+    }
+    ~KeptAhead() { delete s_kept.exchange(m_item); }
+    KeptAhead(const KeptAhead&) = delete;
+    KeptAhead& operator=(const KeptAhead&) = delete;
+
+    ReadAhead& Get() { return m_item->ahead; }
+
+private:
+    struct Item
+    {
+        os::FileIdentity file; // that the bytes are of
+        ReadAhead ahead{keptAheadBytes};
+    };
+
+    static inline std::atomic<Item*> s_kept{nullptr};
+    Item* m_item;
+};
+
 bool InflateInOnePiece(const char* packed, std::size_t packedSize, std::string& data, std::string& error)
 {
     const Decompressor decompressor;
@@ -237,6 +285,14 @@ const char* ReadInOnePiece(int descriptor, const ZipEntry& entry, ReadAhead& ahe
     if (libdeflate_crc32(0, bytes, static_cast<std::size_t>(entry.size)) != entry.crc32)
         error = wrongChecksum;
     return error.empty() ? bytes : nullptr;
+}
+
+bool ReadInOnePieceTo(std::string& data, int descriptor, const ZipEntry& entry, ReadAhead& ahead, std::string& error)
+{
+    const char* const bytes = ReadInOnePiece(descriptor, entry, ahead, data, error);
+    if (bytes && bytes != data.data())
+        data.assign(bytes, static_cast<std::size_t>(entry.size));
+    return bytes;
 }
 
 const char noMemory[] = "there is not enough memory to read it";
@@ -294,8 +350,9 @@ try {
 
 bool ZipArchive::Read(const ZipEntry& entry, std::string& data, std::string& error) const
 {
-    data.clear();
     error.clear();
+    if (entry.isFolder || !FitsOnePiece(entry))
+        data.clear();
     if (!FitsOnePiece(entry)) {
         const Sink append = [&data](const char* bytes, std::size_t size) {
             data.append(bytes, size);
@@ -304,12 +361,19 @@ bool ZipArchive::Read(const ZipEntry& entry, std::string& data, std::string& err
         return Read(entry, append, error);
     }
     try {
-        ReadAhead ahead;
-        const char* const bytes =
-            entry.isFolder ? data.data() : ReadInOnePiece(m_file.Get(), entry, ahead, data, error);
-        if (bytes && bytes != data.data())
-            data.assign(bytes, static_cast<std::size_t>(entry.size));
-        return bytes;
+        if (entry.isFolder)
+            return true;
+        if (entry.packedSize > keptAheadBytes) {
+            ReadAhead ahead;
+            return ReadInOnePieceTo(data, m_file.Get(), entry, ahead, error);
+        }
+        KeptAhead kept(m_identity, entry.dataOffset);
+        if (ReadInOnePieceTo(data, m_file.Get(), entry, kept.Get(), error))
+            return true;
+        // The file may have been written to since: what counts is what it holds now.
+        kept.Get().Forget();
+        error.clear();
+        return ReadInOnePieceTo(data, m_file.Get(), entry, kept.Get(), error);
     } catch (const std::bad_alloc&) {
         error = noMemory;
         return false;

@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <set>
 #include <thread>
@@ -429,6 +430,60 @@ TEST_F(ZipReader, OfManySmallEntriesSeveralAreReadAtOnceInAnyOrder)
     EXPECT_LE(readAll(0, 1), 10);
     readAll(count - 1, -1);
     readAll(5, 7);
+}
+
+TEST_F(ZipReader, WhoReadsEntriesAsAWholeNeedsFewReadsToo)
+{
+    ZipBuilder builder;
+    constexpr int count = 60;
+    const auto text = [](int i) { return std::string(20, static_cast<char>('a' + i % 26)); };
+    for (int i = 0; i < count; ++i)
+        builder.Add("f" + std::to_string(i), text(i), i % 3 ? 8 : 0);
+    const auto archive = Need(Open(builder));
+    const std::string otherFile = m_folder / "other.zip";
+    ZipBuilder otherBuilder;
+    otherBuilder.Add("other", std::string(6000, 'o'), 0);
+    ::Test::WriteFile(otherFile, otherBuilder.Build());
+    const auto other = Need(ZipArchive::Open(otherFile, ZipLimits(), m_error));
+    int reads = 0;
+    const CallWatch watch([&](const os::Call& call) {
+        reads += std::strcmp(call.name, "pread") == 0;
+        return 0;
+    });
+    std::string data, error;
+    for (std::size_t i = 0; i < count; ++i) {
+        ASSERT_TRUE(archive->Read(archive->Entries()[i], data, error)) << error;
+        EXPECT_EQ(data, text(static_cast<int>(i)));
+    }
+    EXPECT_LE(reads, 10);
+    // What was kept of one file is not taken for another's.
+    ASSERT_TRUE(other->Read(other->Entries()[0], data, error)) << error;
+    EXPECT_EQ(data, std::string(6000, 'o'));
+    for (std::size_t i = count; i-- > 0;) {
+        ASSERT_TRUE(archive->Read(archive->Entries()[i], data, error)) << error;
+        EXPECT_EQ(data, text(static_cast<int>(i)));
+    }
+}
+
+TEST_F(ZipReader, WhatWasReadAlongIsReadAgainWhereTheEntryIsNotWholeInIt)
+{
+    ZipBuilder builder;
+    for (int i = 0; i < 3; ++i)
+        builder.Add("f" + std::to_string(i), std::string(100, static_cast<char>('a' + i)), 0);
+    const std::string bytes = builder.Build();
+    const auto archive = Need(Open(bytes));
+    const auto overwrite = [&](char c) {
+        std::fstream file(m_file, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(archive->Entries()[2].dataOffset));
+        file.put(c);
+    };
+    overwrite('x');
+    std::string data, error;
+    for (std::size_t i = 0; i < 2; ++i)
+        ASSERT_TRUE(archive->Read(archive->Entries()[i], data, error)) << error;
+    overwrite('c');
+    ASSERT_TRUE(archive->Read(archive->Entries()[2], data, error)) << error;
+    EXPECT_EQ(data, std::string(100, 'c'));
 }
 
 TEST_F(ZipReader, FileCutShortWhileItIsReadIsAnErrorAlsoWhereBytesAreReadAlong)
