@@ -76,10 +76,11 @@ void AddMethod(lua_State* L, int index, const char* name, lua_CFunction function
 {
     index = lua_absindex(L, index);
     lua_getfield(L, index, "__index");
-    lua_pushvalue(L, index);
     lua_pushstring(L, name);
+    lua_pushvalue(L, index);
+    lua_pushvalue(L, -2);
     lua_pushcclosure(L, function, 2);
-    lua_setfield(L, -2, name);
+    lua_rawset(L, -3);
     lua_pop(L, 1);
 }
 

@@ -6,6 +6,7 @@
 #include "vex/core/luainterpreter.h"
 
 #include "slb3/error.h"
+#include "vex/core/luastate.h"
 #include "vex/core/processexit.h"
 #include "vex_core/base/text.h"
 #include "vex_core/domain/dom_values.h"
@@ -32,7 +33,7 @@
 namespace VexCore {
 
 namespace {
-constexpr std::size_t readBytes = 16 * 1024;
+constexpr std::size_t readBytes = 2 * 1024; // at a time; the framework fills the place with zeros first
 
 // One run of a chunk, on the way through Lua.
 struct Run
@@ -43,7 +44,7 @@ struct Run
     int loadStatus; // of lua_load
     Run* outer; // the run that this one is nested in
     std::string trace; // the calls that were under way when it failed
-    char buffer[readBytes];
+    std::unique_ptr<char[]> buffer; // while the chunk is loaded
 };
 
 // Registry key of the address of the innermost Run, which handlers find without an allocation.
@@ -62,13 +63,13 @@ const char* ReadChunk(lua_State* L, void* context, std::size_t* size)
     Run& run = *static_cast<Run*>(context);
     *size = 0;
     SLB3::internal::Guard(L, [&] {
-        run.in.Read(run.buffer, sizeof(run.buffer));
+        run.in.Read(run.buffer.get(), readBytes);
         *size = run.in.LastRead();
         if (*size == 0 && run.in.GetLastError() == wxSTREAM_READ_ERROR)
             throw std::runtime_error("cannot read the chunk");
         return 0;
     });
-    return run.buffer;
+    return run.buffer.get();
 }
 
 bool HasTraceback(std::string_view text)
@@ -81,6 +82,7 @@ int LoadAndRun(lua_State* L)
 {
     Run& run = CurrentRun(L);
     run.loadStatus = lua_load(L, ReadChunk, &run, run.chunkName.c_str(), "t");
+    run.buffer.reset();
     if (run.loadStatus != LUA_OK)
         return lua_error(L);
     lua_insert(L, 1);
@@ -192,6 +194,7 @@ struct __attribute__((visibility("hidden"))) CLuaInterpreter::Impl
         // No code by environment: LUA_PATH, LUA_CPATH and the names with a version are not read.
         lua_pushboolean(L, 1);
         lua_setfield(L, LUA_REGISTRYINDEX, "LUA_NOENV");
+        const CollectorPause pause(L);
         luaL_openlibs(L);
         KeepNativeModulesLoaded(L);
         ReplaceExit(L);
@@ -296,10 +299,9 @@ int CLuaInterpreter::Impl::RunScript(wxInputStream& in, int argumentCount, int r
             errorInfo = "stack overflow";
             return statusFailed;
         }
-        // On the heap: nested chunks would carry their buffers on the thread's stack.
-        const std::unique_ptr<Run> current(
-            new Run{in, "=" + std::string(chunkName.utf8_str()), resultCount, LUA_OK, run, {}, {}});
-        const NestedRun nested(run, current.get());
+        Run current{in, "=" + std::string(chunkName.utf8_str()), resultCount, LUA_OK, run,
+                    {}, std::make_unique<char[]>(readBytes)};
+        const NestedRun nested(run, &current);
         const LuaOutput::Redirection redirection(output, out);
 
         // A function without upvalues: nothing here allocates in Lua, where an error could not be caught yet.
@@ -308,9 +310,9 @@ int CLuaInterpreter::Impl::RunScript(wxInputStream& in, int argumentCount, int r
         const int callStatus = lua_pcall(L, argumentCount, resultCount, 0);
         if (callStatus == LUA_OK)
             return 0;
-        KeepError(current->trace);
+        KeepError(current.trace);
         lua_settop(L, base);
-        return StatusOf(callStatus, current->loadStatus);
+        return StatusOf(callStatus, current.loadStatus);
     } catch (const std::bad_alloc&) {
         lua_settop(L, base);
         errorInfo = "not enough memory";

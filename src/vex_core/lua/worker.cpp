@@ -113,17 +113,13 @@ int Worker::Work()
 
 void Worker::OnRun()
 {
-    // However the work ends, who waits for it is told, and the worker's thread is somebody's to join.
-    struct Announcement
+    // However the work ends, the worker's thread is somebody's to join.
+    struct End
     {
         Worker& worker;
-        ~Announcement()
-        {
-            worker.AnnounceEnd();
-            WorkerList::OfProcess().NoteEnd(worker);
-        }
+        ~End() { WorkerList::OfProcess().NoteEnd(worker); }
     };
-    const Announcement announcement{*this};
+    const End end{*this};
     m_status = statusFailed;
     try {
         m_status = Work();
@@ -134,8 +130,10 @@ void Worker::OnRun()
         WriteLogLine(LogLevel::Error, "Worker \"" + m_module + "\" failed: " + m_error);
 }
 
-void Worker::AnnounceEnd()
+// Who waits for the worker is woken here and not before, when there is next to nothing left that it would wait for.
+void Worker::OnExit()
 {
+    CRunnable::OnExit();
     const std::lock_guard lock(m_lock);
     m_done = true;
     for (WaitPoint* waiting : m_waiting)
@@ -160,7 +158,7 @@ bool Worker::WaitForEnd(std::int64_t timeoutMs)
     if (!m_done)
         return false;
     lock.unlock();
-    return join(-1); // the body is over: what is left is short
+    return join(-1); // what is left is the end of the system's thread
 }
 
 } // namespace VexCore

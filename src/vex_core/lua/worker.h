@@ -43,10 +43,10 @@ public:
 
 protected:
     void OnRun() override;
+    void OnExit() override;
 
 private:
     int Work();
-    void AnnounceEnd();
     static int PrepareState(lua_State* L);
     static int PushArguments(lua_State* L);
     bool Protected(CLuaInterpreter& lua, int (*function)(lua_State*), int resultCount);

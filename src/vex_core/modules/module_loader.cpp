@@ -336,7 +336,8 @@ void NewLoader(lua_State* L, CDom& dom)
     lua_pushboolean(L, 0);
     lua_setfield(L, -2, "__metatable");
     lua_setmetatable(L, -2);
-    box->loader = new ModuleLoader(dom, LuaHeader(L));
+    static const std::string s_luaHeader = LuaHeader(L); // every state's
+    box->loader = new ModuleLoader(dom, s_luaHeader);
 }
 
 void PushFileSearcher(lua_State* L, int loader, int package, bool before)
