@@ -4,17 +4,26 @@
 A large heap lets the collector, and with it the finalisers of the workers' objects, come round seldom. Prints what the process
 has after the first workers, from when on it is the same, and after every tenth of them. Claim: the last row is at most 8 MiB above
 the first in memory, and has as many threads and no more than 8 memory maps more.
+
+Then stops agents in the background by the signal that a service manager sends, with 50 workers that wait and with none, by turns: the
+time to the supervisor's end, by the clock.
 """
+import ctypes
 import os
 import re
+import select
+import signal
+import statistics
 import subprocess
 import sys
 import tempfile
+import time
 
 import figures
 
 CLAIM_KIB = 8192
 CLAIM_MAPS = 8
+STOPPED_WORKERS, STOPS = 50, 11
 
 APPLICATION = """
 local ballast = {}
@@ -40,14 +49,70 @@ return { main = function()
 end }
 """
 
+STOPPED = """
+return { main = function()
+  for number = 1, %d do dom0:StartThread("waiter", number) end
+  while #dom0:Keys("bench.waiting") < %d do dom0:Wait("bench.waiting", 1) end
+  io.open(dom0:Get("app.path.work") .. "/waiting", "w"):close()
+  return 0
+end }
+"""
+WAITER = """
+return { run = function(number)
+  dom0:Set("bench.waiting." .. number, true)
+  dom0:Wait("bench.never", 1e6)
+end }
+"""
+
+
+def write(folder, name, text):
+    with open(os.path.join(folder, name + ".lua"), "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def stop(stage, workers):
+    """Milliseconds from the signal to the end of an agent in whose child so many workers wait."""
+    with tempfile.TemporaryDirectory() as folder:
+        write(folder, "stopped", STOPPED % (workers, workers))
+        write(folder, "waiter", WAITER)
+        subprocess.run([os.path.join(stage, "vx_agent"), "--background", "--appname", "stopped", "--workdir", folder, "--lua_path",
+                        folder + "/?.lua"], check=True, stdin=subprocess.DEVNULL)
+        end = time.monotonic() + 60
+        while not os.path.exists(folder + "/waiting"):
+            if time.monotonic() > end:
+                sys.exit(f"bench_workers: {workers} workers do not wait within 60 s")
+            time.sleep(0.01)
+        time.sleep(0.1)  # the script's thread has its own way to its wait
+        with open("/run/stopped.pid", encoding="ascii") as file:
+            supervisor = int(file.read().split()[0])
+        assert supervisor > 1, f"refusing to signal {supervisor}"
+        descriptor = os.pidfd_open(supervisor)
+        begin = time.monotonic()
+        os.kill(supervisor, signal.SIGTERM)
+        ended = select.poll()
+        ended.register(descriptor, select.POLLIN)
+        if not ended.poll(60000):
+            sys.exit("bench_workers: the agent does not end within 60 s")
+        took = time.monotonic() - begin
+        os.close(descriptor)
+        return 1000 * took
+
+
+def measure_stops(stage):
+    if os.environ.get("VEX_SANDBOX") != "1":
+        sys.exit("bench_workers: run it through tools/sandbox")
+    ctypes.CDLL(None).mount(b"tmpfs", b"/run", b"tmpfs", 0, None)
+    pairs = [(stop(stage, STOPPED_WORKERS), stop(stage, 0)) for _ in range(STOPS)]
+    ours, theirs = (statistics.median(times) for times in zip(*pairs))
+    figures.row(f"a stop with {STOPPED_WORKERS} workers that wait", ours, "a stop without workers", theirs, "ms")
+
 
 def main():
-    stage = sys.argv[1]
+    stage = os.path.abspath(sys.argv[1])
     count = int(sys.argv[2]) if len(sys.argv) > 2 else 50000
     with tempfile.TemporaryDirectory() as folder:
-        for name, text in (("manyworkers", APPLICATION % count), ("job", "return { run = function() end }\n")):
-            with open(os.path.join(folder, name + ".lua"), "w", encoding="utf-8") as file:
-                file.write(text)
+        write(folder, "manyworkers", APPLICATION % count)
+        write(folder, "job", "return { run = function() end }\n")
         done = subprocess.run([os.path.join(stage, "vx_agent"), "--appname", "manyworkers", "--workdir", folder, "--lua_path",
                                folder + "/?.lua"], check=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
     print(done.stdout, end="")
@@ -58,6 +123,7 @@ def main():
     if more[4] != 0:
         print(f"{more[4]} more threads at the end", file=sys.stderr)
         return 1
+    measure_stops(stage)
     return 0 if kept else 1
 
 
