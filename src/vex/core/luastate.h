@@ -21,26 +21,11 @@ __attribute__((no_sanitize("undefined"))) inline void RegisterLoader(CDom* dom, 
 
 } // namespace internal
 
-/// While one exists the collector of a state rests, and runs again behind it: what makes a state ready stays, so that a
-/// look for garbage among it is for nothing. The state's thread.
-class CollectorPause
-{
-public:
-    explicit CollectorPause(lua_State* L) : m_L(L) { lua_gc(L, LUA_GCSTOP, 0); }
-    ~CollectorPause() { lua_gc(m_L, LUA_GCRESTART, 0); }
-    CollectorPause(const CollectorPause&) = delete;
-    CollectorPause& operator=(const CollectorPause&) = delete;
-
-private:
-    lua_State* const m_L;
-};
-
 /// Sets the package paths by the domain's keys, makes the domain the globals "dom0" and "dom", which refer to it and
 /// never own it, and registers its loader of modules. Without a domain the paths are empty and the globals nil. Leaves
 /// the stack as it was. The state's thread, before the first chunk. Raises Lua errors.
 inline void PrepareLuaState(CLuaInterpreter& lua, CDom* dom)
 {
-    const CollectorPause pause(lua.L());
     const std::string cpath = dom ? dom->Get("app.lua.cpath") : std::string();
     const std::string path = dom ? dom->Get("app.lua.path") : std::string();
     const std::string bin = dom ? dom->Get("app.path.bin") : std::string();

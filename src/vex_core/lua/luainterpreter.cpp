@@ -6,11 +6,11 @@
 #include "vex/core/luainterpreter.h"
 
 #include "slb3/error.h"
-#include "vex/core/luastate.h"
 #include "vex/core/processexit.h"
 #include "vex_core/base/text.h"
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/log/process_log.h"
+#include "vex_core/lua/collector_pause.h"
 #include "vex_core/lua/error_text.h"
 #include "vex_core/lua/lua_output.h"
 #include "vex_core/lua/lua_programs.h"

@@ -11,6 +11,7 @@
 #include "vex_core/base/steady_ms.h"
 #include "vex_core/base/wait.h"
 #include "vex_core/log/process_log.h"
+#include "vex_core/lua/collector_pause.h"
 #include "vex_core/lua/run_status.h"
 #include "vex_core/lua/worker_list.h"
 
@@ -79,6 +80,7 @@ int Worker::PrepareState(lua_State* L)
     return SLB3::internal::Guard(L, [L] {
         const Worker& self = *static_cast<Worker*>(lua_touserdata(L, 1));
         luaL_checkversion(L);
+        const CollectorPause pause(L);
         PrepareLuaState(*self.m_lua, self.GetDom());
         return 0;
     });
