@@ -132,12 +132,16 @@ void Worker::OnRun()
         WriteLogLine(LogLevel::Error, "Worker \"" + m_module + "\" failed: " + m_error);
 }
 
-// Who waits for the worker is woken here and not before, when there is next to nothing left that it would wait for.
+// Who waits for the worker is woken at the end and not before, when there is next to nothing left that it would wait
+// for. It is over before that: nobody sees a worker that does not run any more and cannot be joined.
 void Worker::OnExit()
 {
+    {
+        const std::lock_guard lock(m_lock);
+        m_done = true;
+    }
     CRunnable::OnExit();
     const std::lock_guard lock(m_lock);
-    m_done = true;
     for (WaitPoint* waiting : m_waiting)
         waiting->Notify();
 }

@@ -159,7 +159,8 @@ void* CRunnable::Entry()
 void CRunnable::OnExit()
 {
     UnregisterThread(*this);
-    // Last, and under the lock: who waits may destroy the object once it has joined the thread.
+    // Last, and under the lock: who waits may destroy the object once it has joined the system's thread, behind which
+    // nothing of a derived class's OnExit runs either.
     const std::lock_guard lock(m_impl->lock);
     m_impl->state = Impl::State::Ended;
     m_impl->ended.notify_all();

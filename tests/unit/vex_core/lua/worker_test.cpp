@@ -78,6 +78,19 @@ TEST_F(LuaWorker, RunsTheModuleWithItsArgumentInAPreparedState)
     EXPECT_EQ(Run("return w:Running(), w:Join(0)"), "false true 0");
 }
 
+TEST_F(LuaWorker, OneThatDoesNotRunAnyMoreHasBeenJoinedAtOnce)
+{
+    Module("job", "return {run = function() return 3 end}");
+    EXPECT_EQ(Run("for _ = 1, 200 do\n"
+                  "  local worker = dom0:StartThread('job')\n"
+                  "  while worker:Running() do end\n"
+                  "  local ended, status = worker:Join(0)\n"
+                  "  if not ended or status ~= 3 then return 'not ended' end\n"
+                  "end\n"
+                  "return 'ended'"),
+              "ended");
+}
+
 TEST_F(LuaWorker, ErrorWithANulIsWholeForWhoJoinsAndInTheLog)
 {
     Module("fails", "local M = {}\nfunction M.run() error('front\\0back', 0) end\nreturn M");
