@@ -60,7 +60,7 @@ public:
     /// Around a fork, on the forking thread, for a watch that the child goes on with: nobody is taking over meanwhile.
     void BeforeFork() { m_takingOver.lock(); }
     void AfterFork() { m_takingOver.unlock(); }
-    /// Makes the next `TakeChange` true: what was taken over is lost.
+    /// Makes the next `TakeChange` true: what was taken over is lost, or could not be taken over.
     void Forget() { m_written = true; }
 
 private:

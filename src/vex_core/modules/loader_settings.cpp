@@ -7,7 +7,7 @@
 namespace VexCore {
 
 void LoaderSettings::Read()
-{
+try {
     if (!m_watch.TakeChange(m_dom))
         return;
     ReadSearchPath();
@@ -16,6 +16,9 @@ void LoaderSettings::Read()
     m_givenPath = m_dom.Get("app.lua.path");
     const std::string work = m_dom.Get("app.path.work");
     m_cacheFolder = BoolSetting(m_dom, "app.lua.cache") && !work.empty() ? work + "/cache" : std::string();
+} catch (...) {
+    m_watch.Forget(); // without memory for it, a change would be lost
+    throw;
 }
 
 void LoaderSettings::ReadSearchPath()
