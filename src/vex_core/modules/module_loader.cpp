@@ -336,7 +336,8 @@ void NewLoader(lua_State* L, CDom& dom)
     lua_pushboolean(L, 0);
     lua_setfield(L, -2, "__metatable");
     lua_setmetatable(L, -2);
-    static const std::string s_luaHeader = LuaHeader(L); // every state's
+    static const std::string& s_luaHeader =
+        *new std::string(LuaHeader(L)); // every state's, also of those that stay behind
     box->loader = new ModuleLoader(dom, s_luaHeader);
 }
 
