@@ -4,6 +4,7 @@
 #include "vex_core/os/call_observer.h"
 
 #include <functional>
+#include <string_view>
 #include <utility>
 
 namespace Test {
@@ -36,6 +37,24 @@ private:
     std::function<int(const VexCore::os::Call&)> m_answer;
     CallWatch* m_outer;
     VexCore::os::CallObserver m_before;
+};
+
+/// Counts the calls of one name while it lives, as a CallWatch.
+class CountedCalls
+{
+public:
+    explicit CountedCalls(std::string_view name)
+        : m_watch([this, name](const VexCore::os::Call& call) {
+              m_count += call.name == name ? 1 : 0;
+              return 0;
+          })
+    {}
+
+    int Count() const { return m_count; }
+
+private:
+    int m_count = 0;
+    const CallWatch m_watch;
 };
 
 } // namespace Test

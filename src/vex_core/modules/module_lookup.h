@@ -56,7 +56,7 @@ public:
     /// path that has one of them.
     LookupResult Find(const std::string& module);
     /// For who could not read what the last `Find` found: whether any archive is another one by now. A file that was
-    /// written in place shows in its bytes before its status is looked at again.
+    /// written in place may show in its bytes before its status is looked at again.
     bool ArchivesHaveChanged();
 
 private:

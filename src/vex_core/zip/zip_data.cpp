@@ -59,6 +59,7 @@ public:
         };
         if (!isThere()) {
             const bool follows = m_next && offset >= *m_next && offset - *m_next < m_mostBytes;
+            m_bytes.reserve(m_mostBytes); // so that it never grows beyond what is ever read along
             m_bytes.resize(follows ? std::max(size, m_mostBytes) : size);
             const ssize_t count = os::PReadFull(descriptor, m_bytes.data(), m_bytes.size(), static_cast<off_t>(offset));
             if (count < 0)
@@ -76,6 +77,8 @@ public:
 
     // Whether the last bytes that were asked for end behind `offset`.
     bool IsBehind(std::uint64_t offset) const { return m_next && offset < *m_next; }
+
+    bool IsEmpty() const { return m_bytes.empty(); }
 
     // To read from another file, or from one that may be another by now.
     void Forget()
@@ -368,12 +371,15 @@ bool ZipArchive::Read(const ZipEntry& entry, std::string& data, std::string& err
             return ReadInOnePieceTo(data, m_file.Get(), entry, ahead, error);
         }
         KeptAhead kept(m_identity, entry.dataOffset);
-        if (ReadInOnePieceTo(data, m_file.Get(), entry, kept.Get(), error))
-            return true;
-        // The file may have been written to since: what counts is what it holds now.
-        kept.Get().Forget();
-        error.clear();
-        return ReadInOnePieceTo(data, m_file.Get(), entry, kept.Get(), error);
+        const bool isAnew = kept.Get().IsEmpty();
+        bool isWhole = ReadInOnePieceTo(data, m_file.Get(), entry, kept.Get(), error);
+        if (!isWhole && !isAnew) {
+            // The file may have been written to since what is kept was read: whether the entry is whole, it tells.
+            kept.Get().Forget();
+            error.clear();
+            isWhole = ReadInOnePieceTo(data, m_file.Get(), entry, kept.Get(), error);
+        }
+        return isWhole;
     } catch (const std::bad_alloc&) {
         error = noMemory;
         return false;

@@ -87,6 +87,7 @@ public:
     bool Read(const ZipEntry& entry, const Sink& sink, std::string& error) const;
     /// The same for one of many entries.
     bool Read(const ZipEntry& entry, ZipReading& reading, const Sink& sink, std::string& error) const;
+    /// The same for an entry as a whole. After false `data` may hold anything.
     bool Read(const ZipEntry& entry, std::string& data, std::string& error) const;
 
 private:

@@ -125,27 +125,6 @@ TEST_F(CachedChunk, WhatWaitsIsWrittenAtTheFirstLookupTwoSecondsAfterTheLastOfIt
     CacheRegistry::Process().SetClock(before);
 }
 
-namespace {
-// The calls of one name while this lives.
-class CountedCalls
-{
-public:
-    explicit CountedCalls(std::string_view name)
-        : m_watch([this, name](const os::Call& call) {
-              m_count += call.name == name ? 1 : 0;
-              return 0;
-          })
-    {}
-
-    int Count() const { return m_count; }
-
-private:
-    int m_count = 0;
-    const ::Test::CallWatch m_watch;
-};
-
-} // namespace
-
 TEST_F(CachedChunk, NewChunksAreWrittenBehindThoseThatAreThere)
 {
     const auto cache = Fresh();
@@ -174,7 +153,7 @@ TEST_F(CachedChunk, WhatTheFileHasAlreadyIsNotWrittenAgain)
     cache->Flush();
     const std::string file = m_cacheFolder + "/" + Names(m_cacheFolder).at(0);
     const std::string before = ::Test::ReadFile(file);
-    const CountedCalls writes("write");
+    const ::Test::CountedCalls writes("write");
     ChunkCache other(m_cacheFolder, cacheKey); // as another process that started at the same time
     other.Add("/x.vxe/a.lua", 6, "a");
     other.Flush();
@@ -297,7 +276,7 @@ TEST_F(CachedChunk, ChunksThatAreAskedForInTheirOrderAreReadTogether)
     for (int i = 0; i < 100; ++i)
         cache->Add(name(i), 6, code(i));
     cache->Flush();
-    const CountedCalls reads("pread");
+    const ::Test::CountedCalls reads("pread");
     for (int i = 0; i < 100; ++i) {
         ASSERT_TRUE(cache->Find(name(i), m_buffer, m_chunk));
         EXPECT_EQ(m_chunk, code(i));
