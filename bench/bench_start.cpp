@@ -4,7 +4,7 @@
 //
 //   bench_start [TREE [RUNS]]     TREE is a staged tree, by default that of this build
 // Claim: at most 1.20 times the yardstick, which has a locale, as every localised wx program does. The launcher makes
-// 1.12 times its instructions; the rest is the time of the system for four more libraries, a thread and the files that
+// 1.08 times its instructions; the rest is the time of the system for five more libraries, a thread and the files that
 // it looks for. A second line compares with the yardstick without a locale: wx builds a table of all languages of the
 // world for any locale object, some 2 ms that no program with a locale can avoid.
 

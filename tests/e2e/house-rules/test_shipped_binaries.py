@@ -84,3 +84,8 @@ def test_the_operators_tool_starts_without_what_only_the_agent_needs():
     needed = set(re.findall(r"NEEDED.*\[lib([\w+]+)", readelf("-d", os.path.join(STAGE, "vexctl"))))
     # The reader of archives tells them apart by hashes of crypto's.
     assert needed <= {"wx_baseu", "sqlite3", "crypto", "deflate", "isal", "z", "stdc++", "gcc_s", "m", "c"}
+
+
+def test_symbols_are_looked_for_first_where_nearly_all_of_them_are():
+    needed = re.findall(r"NEEDED.*\[lib([\w+]+)", readelf("-d", os.path.join(STAGE, "vx_agent")))
+    assert needed[:4] == ["crypto", "wx_baseu", "sqlite3", "stdc++"]
