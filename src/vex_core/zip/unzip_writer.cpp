@@ -5,6 +5,7 @@
 #include "vex_core/os/files.h"
 #include "vex_core/zip/zip_names.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -106,14 +107,26 @@ void UnzipWriter::FlushWaiting()
         if (m_folders.FlushFileSystemsOf(folders))
             return;
     }
-    for (const Waiting& waiting : m_waiting) {
-        const os::Descriptor file(
-            os::OpenAt(waiting.folder, waiting.temporary.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
-        if (!file)
+    for (std::size_t begin = 0; begin < m_waiting.size(); begin += fewFiles)
+        FlushEach(begin, std::min(begin + fewFiles, m_waiting.size()));
+}
+
+// The writing of all is started before any is waited for: the first flush then finds the others' data on its way, and
+// what a journal has to write of them is written with it.
+void UnzipWriter::FlushEach(std::size_t begin, std::size_t end)
+{
+    std::vector<os::Descriptor> files;
+    for (std::size_t i = begin; i < end; ++i) {
+        const Waiting& waiting = m_waiting[i];
+        files.emplace_back(os::OpenAt(waiting.folder, waiting.temporary.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+        if (!files.back())
             throw UnzipFailure(InEntry(*waiting.entry) + "cannot open its temporary file", os::LastError());
-        if (os::FSync(file.Get()) != 0)
+        if (os::StartWriteback(files.back().Get()) != 0)
             throw UnzipFailure(InEntry(*waiting.entry) + "cannot flush it", os::LastError());
     }
+    for (std::size_t i = begin; i < end; ++i)
+        if (os::FSync(files[i - begin].Get()) != 0)
+            throw UnzipFailure(InEntry(*m_waiting[i].entry) + "cannot flush it", os::LastError());
 }
 
 void UnzipWriter::RenameWaiting()

@@ -40,6 +40,7 @@ private:
 
     void Fill(int file, const ZipArchive& archive, const ZipEntry& entry);
     void FlushWaiting();
+    void FlushEach(std::size_t begin, std::size_t end);
     void RenameWaiting();
     void Drop(const Waiting& waiting) noexcept;
 

@@ -612,11 +612,14 @@ protected:
         return builder;
     }
 
-    // So few that each is flushed for itself, and so many that they are flushed together, where that can be done.
+    // So few that each is flushed for itself, and so many that they are flushed together, where that can be done; and
+    // how many wait for a flush at most.
 #ifdef VEX_SMALL_LIMITS
     static constexpr int fewFiles = 5;
+    static constexpr int maxWaitingFiles = 8;
 #else
     static constexpr int fewFiles = 16;
+    static constexpr int maxWaitingFiles = 1024;
 #endif
     static constexpr int manyFiles = 20;
     static ZipBuilder ManyFiles(int files = manyFiles)
@@ -1152,6 +1155,59 @@ TEST_F(UnzippingUnderFaults, ListOfTemporaryFilesIsOnStableStorageBeforeTheFirst
     EXPECT_TRUE(Run());
     EXPECT_TRUE(over);
     EXPECT_EQ(calls, (std::vector<std::string>{"write list", "fsync list", "fsync root"}));
+}
+
+// The first flush then finds the data of all on its way, and the journal is written once for what they have in common.
+TEST_F(UnzippingUnderFaults, WritingOfAGroupIsStartedBeforeTheFirstOfItIsFlushed)
+{
+    WriteFile(m_archive, "");
+    const bool startsAreSeen = [&] {
+        const Observed observed(Plan{});
+        const os::Descriptor file(::open(m_archive.c_str(), O_RDONLY));
+        EXPECT_EQ(os::StartWriteback(file.Get()), 0);
+        return !g_plan.names.empty();
+    }();
+    if (!startsAreSeen)
+        GTEST_SKIP() << "no call here that starts it";
+    for (const int files : {2, fewFiles, manyFiles}) {
+        WriteFile(m_archive, ManyFiles(files).Build());
+        fs::remove_all(m_root);
+        fs::create_directory(m_root);
+        std::vector<ino_t> started, flushed; // of one group
+        int flushes = 0;
+        Plan plan;
+        plan.failName = "syncfs";
+        plan.error = ENOTSUP;
+        plan.look = [&](const os::Call& call) {
+            const bool starts = std::strcmp(call.name, "sync_file_range") == 0;
+            if (!starts && std::strcmp(call.name, "fsync") != 0)
+                return;
+            struct stat status = {};
+            ASSERT_EQ(::fstat(call.descriptor, &status), 0);
+            if (starts && flushed.size() == started.size()) { // the next group
+                started.clear();
+                flushed.clear();
+            }
+            if (starts) {
+                EXPECT_TRUE(flushed.empty()) << "started behind a flush of its group";
+                started.push_back(status.st_ino);
+            } else if (std::count(started.begin(), started.end(), status.st_ino) != 0) {
+                if (flushed.empty()) {
+                    EXPECT_EQ(started.size(),
+                              static_cast<std::size_t>(
+                                  std::min({fewFiles, files - flushes, maxWaitingFiles - flushes % maxWaitingFiles})));
+                }
+                flushed.push_back(status.st_ino);
+                ++flushes;
+            }
+        };
+        {
+            const Observed observed(plan);
+            ASSERT_TRUE(Run());
+        }
+        EXPECT_EQ(started, flushed);
+        EXPECT_EQ(flushes, files) << "each that was started is flushed";
+    }
 }
 
 // Most of the time that many small files take is the system's.
