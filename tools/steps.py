@@ -5,6 +5,7 @@ tests leave JUnit files, which are added up.
 """
 import os
 import re
+import signal
 import subprocess
 import sys
 import threading
@@ -13,6 +14,17 @@ import xml.etree.ElementTree
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 OUT = os.path.join(ROOT, "build", "test")
+
+
+def end_group(process):
+    """Kills a process that leads a session of its own, and all that it started there; nothing when it has been waited for."""
+    if process.returncode is None:  # no poll(), which would wait for one whose children still run
+        pid = process.pid
+        try:
+            assert pid > 1, f"refusing to signal {pid}"
+            os.killpg(pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
 
 
 class Step:

@@ -5,13 +5,14 @@ import os
 import pty
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import xml.etree.ElementTree
 
 import pytest
 
-from conftest import BUILD, PATIENCE, ROOT, SANITIZED, STAGE, all_that_is_shown
+from conftest import BUILD, PATIENCE, ROOT, SANITIZED, STAGE, all_that_is_shown, send_signal
 
 sys.path.insert(0, os.path.join(ROOT, "bench"))
 import bench_growth  # pylint: disable=wrong-import-position
@@ -81,7 +82,7 @@ class Tree:
         self.root = root
         for folder in ("tools", "bench", "docs", "build/release/bench"):
             (root / folder).mkdir(parents=True)
-        for file in ("tools/bench", *("bench/" + os.path.basename(file) for file in glob.glob(os.path.join(ROOT, "bench", "*.py"))
+        for file in ("tools/bench", "tools/steps.py", *("bench/" + os.path.basename(file) for file in glob.glob(os.path.join(ROOT, "bench", "*.py"))
                                       if not os.path.basename(file).startswith("bench_"))):
             shutil.copy(os.path.join(ROOT, file), root / file)
         self.script("tools/build", "echo \"build: $*\" > build/log")
@@ -167,7 +168,7 @@ def test_a_claim_that_does_not_hold_is_on_the_page_and_in_the_status(tree):
     (OPEN.format(1, "0.200", "") + "exit 1", "bench_a ended with status 1 after: open 2,000 entries: 1 ms, libzip 5 ms, ratio 0.200 (claim: at most 0.30)"),
     ("exit 3", "bench_a ended with status 3 after: nothing"),
     ("kill -9 $$", "bench_a ended with status -9 after: nothing"),
-    ("echo words; exec sleep 600", "bench_a did not come to its end within 5 s, after: words"),
+    ("echo words; sleep 600", "bench_a did not come to its end within 5 s, after: words"),
     ("echo words", "no figure in the form of bench/figures.h comes from bench_a"),
     ("", "no figure in the form of bench/figures.h comes from bench_a"),
 ], ids=["status 1", "status 3", "a signal", "no end", "no figure", "nothing"])
@@ -181,6 +182,19 @@ def test_a_bench_that_fails_is_named_on_the_page_beside_the_figures_of_the_other
     assert "**Not all was measured, or not all has words:**\n\n" + "".join(f"- {complaint}\n" for complaint in complaints) + "\n## Modules\n" in page
     assert ("| open 2,000 entries: **not measured** | 0.32 |" in page) == ("open" not in body)
     assert "| 3.000 | 3.000 to 3.000 |" in page and "| a write: `bench_b` |" in page
+
+
+def test_an_interrupt_ends_a_bench_with_all_that_it_started(tree):
+    tree.bench("bench_a", "echo words; sleep 600")
+    with subprocess.Popen([sys.executable, str(tree.root / "tools/bench"), "bench_a"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, text=True) as running:
+        try:
+            assert "words\n" in iter(running.stdout.readline, "")
+            send_signal(running.pid, signal.SIGINT)
+            running.communicate(timeout=PATIENCE)  # standard error is closed by the last that has it
+        finally:
+            running.kill()
+    assert running.returncode == -signal.SIGINT
 
 
 def test_the_page_stays_as_it_was_when_nothing_is_measured(tree):
