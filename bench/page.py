@@ -112,8 +112,9 @@ def machine_lines(told):
     runs = max(len(row["ratios"]) for row in told["rows"])
     yield f"{about['date']}, {runs} run{'s' if runs > 1 else ''}, {about['processors']}, {about['system']}, Linux {about['kernel']}. "
     yield ", ".join(f"{name} {version}" for name, version in about.items() if name not in SHOWN) + ". "
-    minutes = max(1, round(sum(told["seconds"].values()) / 60))
-    yield f"A run took {minutes} minute{'s' if minutes > 1 else ''}. "
+    if told["seconds"]:
+        minutes = max(1, round(sum(told["seconds"].values()) / 60))
+        yield f"A run took {minutes} minute{'s' if minutes > 1 else ''}. "
     busy = told["load"]
     yield "Nothing else ran." if busy <= 0.5 else f"The machine had other work (a load of {busy:.1f} when it began), so the times say little."
 

@@ -184,6 +184,25 @@ def test_a_bench_that_fails_is_named_on_the_page_beside_the_figures_of_the_other
     assert "| 3.000 | 3.000 to 3.000 |" in page and "| a write: `bench_b` |" in page
 
 
+@pytest.mark.parametrize("breaks, why", [(os.unlink, "No such file or directory"), (lambda file: os.chmod(file, 0o644), "Permission denied")],
+                         ids=["none", "no program"])
+def test_a_bench_that_cannot_be_started_takes_no_figures_of_others_with_it(tree, breaks, why):
+    breaks(tree.root / "build/release/bench/bench_a")
+    status, _, errors = tree.run("--all", "--runs", "1")
+    assert (status, errors.splitlines()[0]) == (1, f"bench: bench_a cannot be started: {why}")
+    assert f"- bench_a cannot be started: {why}\n" in tree.page() and "| a write: `bench_b` |" in tree.page()
+
+
+def test_a_page_can_be_made_of_figures_without_failures_and_times(tree):
+    assert tree.run("--all")[0] == 0
+    measured = tree.root / "build/bench/measured.json"
+    told = json.loads(measured.read_text())
+    del told["failures"], told["seconds"]
+    measured.write_text(json.dumps(told))
+    assert tree.run("--page") == (0, "", "")
+    assert "## Modules" in tree.page() and "A run took" not in " ".join(tree.page().split())
+
+
 def test_an_interrupt_ends_a_bench_with_all_that_it_started(tree):
     tree.bench("bench_a", "echo words; sleep 600")
     with subprocess.Popen([sys.executable, str(tree.root / "tools/bench"), "bench_a"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
