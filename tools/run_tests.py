@@ -232,7 +232,7 @@ def main():
     level.add_argument("--ci", action="store_const", dest="level", const="ci",
                        help="all tests, the sanitizers, fuzzing and the linter: what continuous integration runs")
     level.add_argument("--full", action="store_const", dest="level", const="full", help="every point of every sweep, in every build")
-    parser.add_argument("--stop", action="store_true", help="stop at the first step that fails")
+    parser.add_argument("--stop", action="store_true", help="stop at the first step that fails; the linter, which runs behind the others, tells last")
     parser.add_argument("--only", metavar="TEXT", action="append",
                         help="only the steps whose name contains TEXT, or the tests of that name; may be repeated")
     parser.set_defaults(level="plain")

@@ -37,6 +37,7 @@ class Step:
         if behind:
             self.command = ["nice", "-n", "19", *command]
         self.processes = []
+        self._lock, self._ended = threading.Lock(), False
         self._junit = tuple(junit)
         # Texts of the system are compared, so they are in one language whoever starts the run.
         kept = {key: value for key, value in os.environ.items() if not key.startswith("LC_") and key != "LANGUAGE"}
@@ -57,19 +58,28 @@ class Step:
         return [self.log_file(shard) for shard in range(self.shards)]
 
     def start(self, shard):
+        """Starts a process of it, where it was not ended before."""
         env, command = self.env, self.command
         if self.shards > 1:
             env = {**env, "GTEST_TOTAL_SHARDS": str(self.shards), "GTEST_SHARD_INDEX": str(shard)}
             command = [self._of_shard(word, shard) for word in command]
-        with open(self.log_file(shard), "wb") as output:
-            self.processes.append(subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, env=env, cwd=ROOT))
+        with self._lock, open(self.log_file(shard), "wb") as output:
+            if self._ended:
+                raise InterruptedError("ended before it began")
+            self.processes.append(subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, env=env, cwd=ROOT,
+                                                   start_new_session=self.behind))
         return self.processes[-1]
 
     def end(self):
-        """Ends what runs of it."""
+        """Ends what runs of it, with all that a step behind the others has started; nothing of it begins from then on."""
+        with self._lock:
+            self._ended = True
         for process in self.processes:
             if process.poll() is None:
-                process.kill()
+                if self.behind:
+                    end_group(process)
+                else:
+                    process.kill()
                 process.wait()
 
 

@@ -5,6 +5,7 @@ import glob
 import os
 import pty
 import re
+import select
 import shutil
 import signal
 import subprocess
@@ -266,6 +267,30 @@ def test_what_runs_behind_all_others_begins_with_the_first_and_holds_none_of_the
     assert done == ([("first", "")] if stops else [("first", ""), ("second", ""), ("behind", "")])
     assert (tmp_path / "nice").read_text() == "19\n"
     assert [process.poll() for process in behind.processes] == [-signal.SIGKILL if stops else 0]
+
+
+def test_the_end_of_a_step_behind_the_others_is_that_of_all_that_it_started(monkeypatch, tmp_path):
+    steps = load("steps")
+    monkeypatch.setattr(steps, "OUT", str(tmp_path))
+    begun, pipe = tmp_path / "begun", tmp_path / "pipe"
+    os.mkfifo(pipe)
+    reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
+    behind = steps.Step("behind", ["sh", "-c", f"exec 3> '{pipe}'; sh -c 'touch {begun}; sleep 600'; true"], timeout=PATIENCE, behind=True)
+    first = steps.Step("first", ["sh", "-c", f"while [ ! -e '{begun}' ]; do sleep 0.1; done"], timeout=PATIENCE)
+    with open(tmp_path / "shown", "w", encoding="utf-8") as stream:
+        assert len(list(steps.run_in_order([[behind, first]], steps.Screen(stream), lambda: False))) == 1
+    with os.fdopen(reader, "rb") as read_end:
+        assert select.select([read_end], [], [], PATIENCE)[0], "something holds the pipe still"
+        assert read_end.read() == b""
+
+
+def test_a_step_that_was_ended_does_not_begin(monkeypatch, tmp_path):
+    steps = load("steps")
+    monkeypatch.setattr(steps, "OUT", str(tmp_path))
+    step = steps.Step("late", ["touch", str(tmp_path / "begun")], behind=True)
+    step.end()
+    assert steps.execute(step).failure == "ended before it began"
+    assert step.processes == [] and not (tmp_path / "begun").exists()
 
 
 def test_the_linter_runs_behind_all_other_steps_of_the_wide_levels(run_tests):
