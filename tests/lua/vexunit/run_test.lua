@@ -341,6 +341,19 @@ return M]])
   lu.assertStrContains(out, "<+A(1)(2)-A+B(1)(2)-B")
 end
 
+function M.TestFixtures:test_a_class_is_torn_down_before_the_function_behind_it()
+  script("a.lua", [[
+local open = false
+return {
+  TestA = { setupClass = function() open = true end, teardownClass = function() open = false end,
+    test_x = function() assert(open) end },
+  test_y = function() assert(not open) end,
+}]])
+  local status, out = run("a.lua")
+  lu.assertEquals(status, 0)
+  lu.assertStrContains(out, "2 passed")
+end
+
 function M.TestFixtures:test_a_failing_class_set_up_is_an_error_and_its_tests_are_skipped()
   script("a.lua", [[
 return { TestA = { setupClass = function() error("no database") end, test_x = function() error("not to be run") end },
@@ -412,7 +425,9 @@ end
 function M.TestReports:test_colours_are_for_terminals()
   script("a.lua", failing)
   lu.assertNil(select(2, run("a.lua")):find("\27", 1, true))
-  lu.assertStrContains(select(2, run("a.lua", {}, true)), "\27[31m")
+  local out = select(2, run("a.lua", {}, true))
+  lu.assertStrContains(out, "a.lua \27[31mF\27[0m\27[32m.\27[0m\n")
+  lu.assertStrContains(out, "\27[31mFAILED: ")
 end
 
 function M.TestReports:test_the_summary_names_the_slowest_tests_and_the_seed()
@@ -452,6 +467,43 @@ return { test_a = function() end, test_b = function() lu.fail("bad # thing") end
   lu.assertStrMatches(out, ".*ok 1 %- %S+a%.lua test_a\nnot ok 2 %- %S+a%.lua test_b\n# .*")
   lu.assertStrMatches(out, ".*\nok 3 %- %S+a%.lua test_c # SKIP why\n.*")
   lu.assertStrMatches(out, ".*\nnot ok 4 %- %S+b%.lua does not load\n.*1%.%.4\n.*")
+end
+
+function M.TestReports:test_no_name_and_no_reason_leaves_its_line_of_tap_or_looks_like_a_directive()
+  script("x#y.lua", [[
+local lu = require("luaunit")
+return { ["test#a\r\nb"] = function() end, test_c = function() lu.skip("x # y") end }]])
+  local status, out = run("x#y.lua", { "--output", "tap" })
+  lu.assertEquals(status, 0)
+  local path = folder .. "/x\\#y.lua "
+  lu.assertStrContains(out, "\nok 1 - " .. path .. "test\\#a b\nok 2 - " .. path .. "test_c # SKIP x \\# y\n1..2\n")
+end
+
+function M.TestReports:test_junit_has_the_class_and_the_time_of_each_case()
+  time_now = 0 -- luacheck: ignore 111
+  script("a.lua", [[
+local function takes(micros) return function() time_now = time_now + micros / 1e6 end end
+return {
+  TEST_first = takes(10),
+  TestA = { test_x = takes(20), test_y = takes(500000), teardownClass = function() error("left open") end },
+  TestB = { test_x = takes(30) },
+  test_last = takes(0),
+}]])
+  local path = folder .. "/report.xml"
+  local arguments = { "--output", "junit", "--name", path }
+  lu.assertEquals(run("a.lua", arguments, false, function() return rawget(_G, "time_now") end), 1)
+  local cases = {}
+  for class, name, time in temp.read(path):gmatch('<testcase classname="([^"]*)" name="([^"]*)" time="([^"]*)"') do
+    cases[#cases + 1] = { class:match("%.(a%.?%w*)$"), name, time }
+  end
+  lu.assertEquals(cases, {
+    { "a", "TEST_first", "0.000010" },
+    { "a.TestA", "TestA.test_x", "0.000020" },
+    { "a.TestA", "TestA.test_y", "0.500000" },
+    { "a", "TestA.teardownClass", "0.000000" },
+    { "a.TestB", "TestB.test_x", "0.000030" },
+    { "a", "test_last", "0.000000" },
+  })
 end
 
 function M.TestReports:test_junit_is_a_file_that_any_reader_takes()
