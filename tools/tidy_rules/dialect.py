@@ -70,8 +70,9 @@ def check_format(tree):
 def format_keys(tree):
     """{file of code: a digest of all that its layout depends on}"""
     formatter = subprocess.run(["clang-format", "--version"], capture_output=True, check=False).stdout
-    styles = "".join(tree.text(name) for name in tree.files if os.path.basename(name) == ".clang-format")
-    begin = hashlib.sha256(formatter + styles.encode()).digest()
+    styles = sorted(name for name in tree.files if os.path.basename(name) == ".clang-format")
+    texts = (text.encode() for name in styles for text in (name, tree.text(name)))
+    begin = hashlib.sha256(b"\0".join((formatter, *texts))).digest()
 
     def key(name):
         with open(os.path.join(tree.root, name), "rb") as file:
@@ -80,11 +81,11 @@ def format_keys(tree):
 
 
 def known_keys(tree):
-    """Those of the files that passed the last time that all did."""
+    """Those of the files that passed the last time that all did; none where the file that has them is damaged."""
     try:
         with open(os.path.join(tree.root, FORMATTED), encoding="ascii") as file:
             return set(file.read().split())
-    except OSError:
+    except (OSError, UnicodeDecodeError):
         return set()
 
 

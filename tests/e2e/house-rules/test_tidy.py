@@ -304,7 +304,11 @@ def test_what_the_formatter_has_passed_is_looked_at_again_when_it_or_the_style_h
         assert tidy(root) == (1, "src/slb3/b.cpp:1: clang-format -i would change this\n")
     tree({"src/slb3/b.cpp": "if (a)\n  b;\n"})
     assert tidy(root) == (0, "")
-    tree({".clang-format": "BasedOnStyle: LLVM\nIndentWidth: 4\n"})
+    kept.write_bytes(b"\xff")
+    assert tidy(root) == (0, "") and len(kept.read_text().split()) == 2
+    tree({"src/vex/.clang-format": "BasedOnStyle: LLVM\nIndentWidth: 4\n"})
+    assert tidy(root) == (0, "")
+    os.rename(root / "src/vex/.clang-format", root / "src/slb3/.clang-format")  # the same texts, for other files
     assert tidy(root) == (1, "src/slb3/b.cpp:1: clang-format -i would change this\n")
 
 
