@@ -71,9 +71,13 @@ class Step:
         return self.processes[-1]
 
     def end(self):
-        """Ends what runs of it, with all that a step behind the others has started; nothing of it begins from then on."""
+        """Ends what runs of it, and nothing of it begins from then on."""
         with self._lock:
             self._ended = True
+        self.kill()
+
+    def kill(self):
+        """Ends what runs of it, with all that a step behind the others has started."""
         for process in self.processes:
             if process.poll() is None:
                 if self.behind:
@@ -107,7 +111,7 @@ def execute(step):
         failure = f"no end within {step.timeout} s"
     except OSError as error:
         failure = str(error)
-    step.end()
+    step.kill()
     if not failure and not all(os.path.exists(file) for file in step.junit):
         failure = "it left no result file"
     return Outcome(step, failure, time.monotonic() - begin)
