@@ -36,7 +36,7 @@ class Repository:
         self.shell("""
             mkdir -p /etc/apt/apt.conf.d /etc/apt/preferences.d /etc/apt/sources.list.d /etc/apt/trusted.gpg.d
             echo 'APT::Sandbox::User "root"; DPkg::Options { "--force-unsafe-io"; };' >/etc/apt/apt.conf
-            mkdir -p -m 700 "$GNUPGHOME" && printf 'batch\\npinentry-mode loopback\\npassphrase ""\\n' >"$GNUPGHOME/gpg.conf"
+            mkdir -p -m 700 "$GNUPGHOME" && printf 'batch\\npinentry-mode loopback\\npassphrase ""\\nignore-time-conflict\\nignore-valid-from\\n' >"$GNUPGHOME/gpg.conf"
             mkdir -p /tmp/build/packages""")
         self.page("the key")
 
