@@ -149,3 +149,5 @@ if __name__ == "__main__":
         sys.exit(main())
     except CannotCount as error:
         sys.exit(f"counts: {error}")
+    except KeyboardInterrupt:
+        sys.exit("counts: interrupted")

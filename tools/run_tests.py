@@ -14,6 +14,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from interrupted import say_in_one_line  # noqa: E402 pylint: disable=wrong-import-position
 from steps import OUT, ROOT, Screen, Step, count, run_in_order  # noqa: E402 pylint: disable=wrong-import-position
 
 PYTHON = "/usr/bin/python3" if os.path.exists("/usr/bin/python3") else sys.executable
@@ -263,4 +264,5 @@ def main():
 
 
 if __name__ == "__main__":
+    say_in_one_line("test", "; what ended is in build/test")
     sys.exit(main())

@@ -82,7 +82,7 @@ class Tree:
         self.root = root
         for folder in ("tools", "bench", "docs", "build/release/bench"):
             (root / folder).mkdir(parents=True)
-        for file in ("tools/bench", "tools/steps.py", *("bench/" + os.path.basename(file) for file in glob.glob(os.path.join(ROOT, "bench", "*.py"))
+        for file in ("tools/bench", "tools/interrupted.py", "tools/steps.py", *("bench/" + os.path.basename(file) for file in glob.glob(os.path.join(ROOT, "bench", "*.py"))
                                       if not os.path.basename(file).startswith("bench_"))):
             shutil.copy(os.path.join(ROOT, file), root / file)
         self.script("tools/build", "echo \"build: $*\" > build/log")
@@ -210,10 +210,11 @@ def test_an_interrupt_ends_a_bench_with_all_that_it_started(tree):
         try:
             assert "words\n" in iter(running.stdout.readline, "")
             send_signal(running.pid, signal.SIGINT)
-            running.communicate(timeout=PATIENCE)  # standard error is closed by the last that has it
+            told = running.communicate(timeout=PATIENCE)[1]  # standard error is closed by the last that has it
         finally:
             running.kill()
     assert running.returncode == -signal.SIGINT
+    assert told.endswith("bench: interrupted; docs/PERFORMANCE.md is as it was\n") and "Traceback" not in told
 
 
 def test_the_page_stays_as_it_was_when_nothing_is_measured(tree):

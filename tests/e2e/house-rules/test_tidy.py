@@ -236,6 +236,7 @@ def test_an_arrow_that_runs_up_or_that_nothing_uses_is_a_breach_in_the_table_of_
                  "src/vex_core/log/a.cpp": '#include "vex/core/clock.h"\n#include "vex_core/domain/settings.h"\n'})
     shutil.copytree(os.path.join(ROOT, "tools/tidy_rules"), root / "tools/tidy_rules", dirs_exist_ok=True,
                     ignore=shutil.ignore_patterns("rooms.py"))
+    shutil.copy(os.path.join(ROOT, "tools/interrupted.py"), root / "tools")
     result = subprocess.run([sys.executable, shutil.copy(TIDY, root / "tools/tidy")], capture_output=True, text=True, check=False)
     assert result.returncode == 1
     assert "tools/tidy_rules/rooms.py:1: an arrow up, from log/ to lua/\n" in result.stdout
