@@ -17,6 +17,7 @@
 #include "vex_core/lua/native_modules.h"
 #include "vex_core/lua/package_paths.h"
 #include "vex_core/lua/run_status.h"
+#include "vex_core/lua/state_memory.h"
 #include "vex_core/os/files.h"
 #include "vex_core/os/last_resort.h"
 
@@ -169,11 +170,21 @@ std::string OrEmpty(const char* text)
     return text ? text : "";
 }
 
+// An error that nothing catches, which only native code can raise; the process aborts behind it.
+int Panic(lua_State* L)
+{
+    const char* const message = lua_tostring(L, -1);
+    os::WriteLastResort(os::standardError, os::severityError,
+                        {"PANIC: unprotected error in call to Lua API (", message ? message : "no text", ")\n"});
+    return 0;
+}
+
 } // namespace
 
 // Hidden: a member would be shown as one of the class.
 struct __attribute__((visibility("hidden"))) CLuaInterpreter::Impl
 {
+    StateMemory memory; // before the state, which ends first
     lua_State* L = nullptr;
     bool collectAtEnd = false;
     bool openLibraries = false;
@@ -256,9 +267,10 @@ CLuaInterpreter::CLuaInterpreter(bool collectAtEnd, const wchar_t* name, bool op
     m_impl->collectAtEnd = collectAtEnd;
     m_impl->openLibraries = openLibraries;
     m_impl->name = name ? name : L"";
-    m_impl->L = luaL_newstate();
+    m_impl->L = lua_newstate(&StateMemory::Allocate, &m_impl->memory);
     if (!m_impl->L)
         throw std::bad_alloc();
+    lua_atpanic(m_impl->L, Panic);
     lua_pushcfunction(m_impl->L, &Impl::Prepare);
     lua_pushlightuserdata(m_impl->L, m_impl.get());
     if (lua_pcall(m_impl->L, 1, 0, 0) != LUA_OK) {

@@ -33,25 +33,27 @@ using ::testing::StartsWith;
 using VexCore::CLuaInterpreter;
 
 namespace {
-// Allows so many bytes in all.
+// Allows so many bytes in all, of what a state gets otherwise.
 struct LimitedAllocator
 {
     std::size_t left;
+    lua_Alloc unlimited = nullptr;
+    void* memory = nullptr;
+
+    void Limit(lua_State* L)
+    {
+        unlimited = lua_getallocf(L, &memory);
+        lua_setallocf(L, &Allocate, this);
+    }
 
     static void* Allocate(void* self, void* block, std::size_t oldSize, std::size_t newSize)
     {
         auto& allocator = *static_cast<LimitedAllocator*>(self);
-        if (!block)
-            oldSize = 0;
-        if (newSize == 0) {
-            allocator.left += oldSize;
-            std::free(block);
+        const std::size_t had = block ? oldSize : 0;
+        if (newSize > had && newSize - had > allocator.left)
             return nullptr;
-        }
-        if (newSize > oldSize && newSize - oldSize > allocator.left)
-            return nullptr;
-        allocator.left -= newSize - oldSize;
-        return std::realloc(block, newSize);
+        allocator.left -= newSize - had;
+        return allocator.unlimited(allocator.memory, block, oldSize, newSize);
     }
 };
 
@@ -235,7 +237,7 @@ TEST_F(Interpreter, StackOverflowIsStatusTwo)
 TEST_F(Interpreter, OutOfMemoryIsStatusFour)
 {
     m_allocator.left = 1 << 20;
-    lua_setallocf(m_lua.L(), &LimitedAllocator::Allocate, &m_allocator);
+    m_allocator.Limit(m_lua.L());
     EXPECT_EQ(Run("local t = {} for i = 1, 1e9 do t[i] = {i} end"), 4);
     EXPECT_THAT(Error(), HasSubstr("not enough memory"));
     EXPECT_EQ(Run("local s = 'x' while true do s = s .. s end"), 4);
@@ -259,7 +261,7 @@ TEST_F(Interpreter, EndlessStringIsStatusOneOrFour)
         }
     } endless;
     m_allocator.left = 1 << 20;
-    lua_setallocf(m_lua.L(), &LimitedAllocator::Allocate, &m_allocator);
+    m_allocator.Limit(m_lua.L());
     EXPECT_EQ(m_lua.RunScript(endless, 0, 1, "endless", nullptr), 4);
     EXPECT_THAT(Error(), HasSubstr("not enough memory"));
     EXPECT_EQ(Run("return 'unfinished"), 1);
@@ -295,7 +297,7 @@ TEST_F(Interpreter, WantOfMemoryForTheMessageIsStatusFourToo)
 TEST_F(Interpreter, WantOfMemoryHasATraceback)
 {
     m_allocator.left = 1 << 20;
-    lua_setallocf(m_lua.L(), &LimitedAllocator::Allocate, &m_allocator);
+    m_allocator.Limit(m_lua.L());
     EXPECT_EQ(Run("local function grow(t)\nfor i = 1, 1e9 do t[i] = {i} end\nreturn t end\ngrow({})"), 4);
     EXPECT_EQ(Error(), "not enough memory\nstack traceback:\n\tchunk:2: in function 'grow'\n"
                        "\tchunk:4: in main chunk\n\t[C]: in ?");
@@ -393,7 +395,7 @@ TEST_F(Interpreter, EveryFailingAllocationOfARunIsStatusFourOrSuccess)
     for (std::size_t room = 0; room < 200000; room += 512) {
         LimitedAllocator limited{room};
         CLuaInterpreter other(false, L"sweep", true);
-        lua_setallocf(other.L(), &LimitedAllocator::Allocate, &limited);
+        limited.Limit(other.L());
         wxStringInputStream in("local t = {} for i = 1, 50 do t[i] = ('x'):rep(i) end print(#t) error({})");
         wxStringOutputStream out;
         const int status = other.RunScript(in, 0, 0, "sweep", &out);
@@ -627,6 +629,17 @@ TEST_F(Interpreter, EnvironmentNamesNoFolderOfModules)
 }
 
 // --- life
+
+TEST(InterpreterLife, AnErrorThatNothingCatchesIsToldBeforeTheEnd)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_DEATH(
+        {
+            CLuaInterpreter lua(false, L"test.lua", true);
+            luaL_error(lua.L(), "nobody %s", "minds");
+        },
+        "PANIC: unprotected error in call to Lua API \\(nobody minds\\)\n");
+}
 
 TEST(InterpreterLife, WithoutLibrariesThereAreNoGlobals)
 {
