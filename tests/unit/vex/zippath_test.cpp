@@ -131,6 +131,52 @@ TEST_F(ExtensionVersion, UnreadableFileHasNoVersionLine)
                           + m_archive + "' will not be enabled.\")");
 }
 
+TEST_F(ExtensionVersion, LinkToAFileIsReadAndOneThatTurnsInACircleIsMissing)
+{
+    WriteFile(m_folder / "shared", ::Test::Ours("version: {version}-1"));
+    fs::create_symlink("shared", m_archive + ".version");
+    EXPECT_TRUE(CAgentApp::ExtensionVersionIsOK(m_archive));
+    EXPECT_THAT(FakeCore::Journal({"Log("}), IsEmpty());
+    fs::remove(m_archive + ".version");
+    fs::create_symlink("net.vxe.version", m_archive + ".version");
+    EXPECT_FALSE(CAgentApp::ExtensionVersionIsOK(m_archive));
+    EXPECT_THAT(FakeCore::Journal({"Log("}), ElementsAre(HasSubstr("does not have a corresponding '.version' file")));
+}
+
+TEST_F(ExtensionVersion, FileOfWideCharactersIsRead)
+{
+    std::string wide = "\xFF\xFE";
+    for (const char c : ::Test::Ours("# x\r\nversion: {version}-1\r\n"))
+        wide += {c, '\0'};
+    EXPECT_TRUE(Check(wide).first);
+}
+
+TEST_F(ExtensionVersion, FileThatCannotBeReadThoughItOpensHasNoVersionLine)
+{
+    const std::string memory = "/proc/self/mem"; // a regular file whose first byte is nobody's
+    if (!fs::is_regular_file(memory))
+        GTEST_SKIP() << "there is no " << memory;
+    fs::create_symlink(memory, m_archive + ".version");
+    EXPECT_FALSE(CAgentApp::ExtensionVersionIsOK(m_archive));
+    const Lines log = FakeCore::Journal({"Log("});
+    ASSERT_EQ(log.size(), 2u); // the framework's own line comes first
+    EXPECT_THAT(log[0], HasSubstr("Log(Error, \"Read error on file '" + m_archive + ".version'"));
+    EXPECT_THAT(log[1], HasSubstr(".version' does not contain a 'version:' line."));
+}
+
+TEST_F(ExtensionVersion, FileWithHolesIsReadAsFarAsALineMayLie)
+{
+    const std::string file = m_archive + ".version";
+    WriteFile(file, "");
+    fs::resize_file(file, (256u << 20) - 100);
+    std::ofstream(file, std::ios::app) << ::Test::Ours("\nversion: {version}-1\n");
+    EXPECT_TRUE(CAgentApp::ExtensionVersionIsOK(m_archive));
+    fs::resize_file(file, 0);
+    fs::resize_file(file, 256u << 20);
+    std::ofstream(file, std::ios::app) << ::Test::Ours("\nversion: {version}-1\n");
+    EXPECT_FALSE(CAgentApp::ExtensionVersionIsOK(m_archive));
+}
+
 TEST_F(ExtensionVersion, NameWithPercentSignsIsShownAsItIs)
 {
     m_archive = m_folder / "100%s%n.vxe";
@@ -360,12 +406,81 @@ TEST_F(ArchivePath, WildcardInTheFolderIsTakenLiterally)
     EXPECT_THAT(Log(), ElementsAre(HasSubstr("does not have a corresponding '.version' file")));
 }
 
+TEST_F(ArchivePath, PatternMayQuoteAndEndsWhereTheNameEnds)
+{
+    const std::string star = Put("a*.zip", m_good);
+    const std::string plain = Put("ab.zip", m_good);
+    Put("ab.zip.old", m_good);
+    Put("ab.zi", m_good);
+    EXPECT_EQ(Expand("a\\*.zip"), star);
+    EXPECT_EQ(Expand("?\\*.zip"), star);
+    EXPECT_EQ(Expand("a?.z*p"), star + ";" + plain);
+    EXPECT_EQ(Expand("*.\\zip"), star + ";" + plain);
+    EXPECT_EQ(Expand("*.zip\\"), "(not written)");
+    EXPECT_EQ(Expand("*.?ip"), star + ";" + plain);
+}
+
+TEST_F(ArchivePath, EntryWhoseVariableIsEmptyNamesEveryFileBesideTheExecutable)
+{
+    const ::Test::Variable variable("VEX_TEST_EMPTY", "");
+    const std::string a = Put("a");
+    Put(".b");
+    Put("folder/c");
+    EXPECT_EQ(Expand("$VEX_TEST_EMPTY"), a);
+    EXPECT_THAT(Log(), IsEmpty());
+}
+
+TEST_F(ArchivePath, TildeAtTheBeginIsTheUsersFolder)
+{
+    const std::string a = Put("home/a.zip", m_good);
+    const Home home(m_folder / "home");
+    EXPECT_EQ(Expand("~/*.zip;~/a.zip"), a + ";" + a);
+    EXPECT_EQ(Expand("./~/*.zip;x~/*.zip"), "(not written)");
+}
+
+TEST_F(ArchivePath, LinkToAFolderIsNoMatchAndAnyOtherNameIsOne)
+{
+    fs::create_directory(m_folder / "folder");
+    fs::create_directory_symlink("folder", m_folder / "a.zip");
+    fs::create_symlink("b.zip", m_folder / "b.zip");
+    Put("c", m_good);
+    fs::create_symlink("c", m_folder / "c.zip");
+    EXPECT_EQ(Expand("*.zip"), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"Extension file '" + Bin() + "/b.zip' isn't readable\")",
+                                   HasSubstr("/c.zip' does not have a corresponding '.version' file")));
+}
+
 TEST_F(ArchivePath, UnreadableArchiveIsSkippedWithAWarning)
 {
     fs::create_symlink("nowhere", m_folder / "a.zip");
     const std::string b = Put("b.zip", m_good);
     EXPECT_EQ(Expand("*.zip"), b);
     EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"Extension file '" + Bin() + "/a.zip' isn't readable\")"));
+}
+
+TEST_F(ArchivePath, ArchiveThatTheRealUserMayNotReadIsSkippedWithAWarning)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
+    const std::string a = Put("a.zip", m_good);
+    const std::string b = Put("b.zip", m_good);
+    ASSERT_EQ(chmod(Bin().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(a.c_str(), 0600), 0);
+    const ::Test::OtherUser user(::Test::OtherUser::Ids::Real);
+    EXPECT_EQ(Expand("*.zip"), b);
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"Extension file '" + a + "' isn't readable\")"));
+}
+
+TEST_F(ArchivePath, FolderThatCanBeListedAndNotSearchedHasArchivesThatAreNotReadable)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
+    const std::string x = Put("lib/x.zip", m_good);
+    ASSERT_EQ(chmod(Bin().c_str(), 0755), 0);
+    ASSERT_EQ(chmod((m_folder / "lib").c_str(), 0744), 0);
+    const ::Test::OtherUser user(::Test::OtherUser::Ids::Both);
+    EXPECT_EQ(Expand("lib/*.zip"), "(not written)");
+    EXPECT_THAT(Log(), ElementsAre("Log(Warning, \"Extension file '" + x + "' isn't readable\")"));
 }
 
 TEST_F(ArchivePath, FolderThatCannotBeReadHasNoMatchesEvenWhereItsFilesCould)
@@ -517,6 +632,21 @@ TEST_F(ArchivePath, ArchiveWhoseNameIsNoTextIsListedInItsBytes)
     const std::string path = Put("ext/caf\xE9.vxe", m_good);
     EXPECT_EQ(Expand("", "ext"), path);
     EXPECT_EQ(Expand("ext/*.vxe"), path);
+}
+
+TEST_F(ArchivePath, NamesAreSortedAsTextAlsoThoseThatAreNone)
+{
+    const ::Test::Restored restored(wxConvFileName);
+    wxMBConvUTF8 conversion(wxMBConvUTF8::MAP_INVALID_UTF8_TO_PUA);
+    wxConvFileName = &conversion;
+    std::string expected;
+    // A byte that is no text stands behind all text, and so does a character that looks like one that is.
+    for (const char* name : {"a.vxe", "\xC3\xA9.vxe", "\xF0\x9F\x98\x80.vxe", "\x80.vxe", "\xFF.vxe"})
+        expected += (expected.empty() ? "" : ";") + Put(std::string("ext/") + name, m_good);
+    EXPECT_EQ(Expand("", "ext"), expected);
+    EXPECT_EQ(Expand("ext/?.vxe"), expected);
+    EXPECT_EQ(Expand("ext/*\xC3\xA9.vxe"), m_folder / "ext/\xC3\xA9.vxe");
+    EXPECT_THAT(Log(), IsEmpty());
 }
 
 TEST_F(ArchivePath, NamesWithBlanksPercentSignsAndAccentsWork)
