@@ -2,6 +2,7 @@
 
 #include "support/temp_folder.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -127,6 +128,21 @@ TEST(VersionFile, EncodingIsKnownByItsMark)
     EXPECT_EQ(Verdict("\xFF\xFE" + Widen("versio", 2, false) + "n\1" + Widen(": 7.1.2-1", 2, false)), "no line");
     for (const char* marks : {"\xFF", "\xFE", "\xEF\xBB", "\xFF\xFE", "\xEF\xBB\xBF"})
         EXPECT_EQ(Verdict(marks), "no line");
+}
+
+TEST(VersionFile, MayComeInPiecesOfAnySize)
+{
+    const std::string bytes = "\xFF\xFE" + Widen("# x\r\nversion: 7.1.2-1\n", 2, false);
+    for (std::size_t piece = 1; piece < 8; ++piece) {
+        std::size_t at = 0;
+        const FileVersion version = ReadVersionFile([&](void* data, std::size_t size) {
+            const std::size_t count = bytes.copy(static_cast<char*>(data), std::min(piece, size), at);
+            at += count;
+            return count;
+        });
+        EXPECT_EQ(version.line, FileVersion::LineKind::WellFormed) << piece;
+        EXPECT_EQ(version.numbers[0], 7) << piece;
+    }
 }
 
 TEST(VersionFile, BytesThatAreNoTextDoNotMatter)

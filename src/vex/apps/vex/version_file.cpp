@@ -172,24 +172,38 @@ bool Characters::Feed(unsigned char byte, char32_t& character)
 
 } // namespace
 
-FileVersion ReadVersionFile(wxInputStream& stream)
+FileVersion ReadVersionFile(const VersionFileSource& source)
 {
     // What lies behind is not looked at: no version file is that long, and a file with holes can pretend any length.
     constexpr std::size_t maxBytes = static_cast<std::size_t>(256) << 20;
     // On the stack, and only as much of it is touched as is read: of thousands of version files each is a line or two.
     constexpr std::size_t blockBytes = 16 << 10;
+    constexpr std::size_t longestMark = 4;
     std::array<unsigned char, blockBytes> block;
     Characters characters;
     VersionLine line;
-    for (std::size_t total = 0; total < maxBytes; total += blockBytes) {
-        const std::size_t count = stream.Read(block.data(), block.size()).LastRead();
+    for (std::size_t total = 0; total < maxBytes;) {
+        std::size_t count = source(block.data(), block.size());
+        if (count == 0)
+            break;
+        // A mark comes whole, however small the pieces are.
+        while (total == 0 && count < longestMark) {
+            const std::size_t more = source(&block[count], longestMark - count);
+            if (more == 0)
+                break;
+            count += more;
+        }
         std::size_t i = total == 0 ? characters.SetMark(block.data(), count) : 0;
         char32_t character = 0;
         for (; i < count; ++i)
             if (characters.Feed(block[i], character) && !line.Feed(character))
                 return line.Finish();
-        if (count < block.size())
-            break;
+        total += count;
     }
     return line.Finish();
+}
+
+FileVersion ReadVersionFile(wxInputStream& stream)
+{
+    return ReadVersionFile([&stream](void* data, std::size_t size) { return stream.Read(data, size).LastRead(); });
 }

@@ -5,15 +5,18 @@
 #include "vex/apps/vex/vex.h"
 
 #include "vex/apps/vex/extension_rules.h"
+#include "vex/apps/vex/file_name_bytes.h"
+#include "vex/apps/vex/os/files.h"
+#include "vex/apps/vex/os/folder_list.h"
 #include "vex/apps/vex/vex_p.h"
 
 #include "vex/core/dom.h"
 
+#include <algorithm>
 #include <string>
+#include <string_view>
 
-#include <wx/arrstr.h>
 #include <wx/config.h>
-#include <wx/dir.h>
 #include <wx/filefn.h>
 #include <wx/log.h>
 #include <wx/strconv.h>
@@ -71,26 +74,47 @@ bool IsListed(const wxFileName& file)
            && !wxDirExists(path);
 }
 
-// Files of the pattern's folder that match its file part, by full path in ascending order.
-// An empty file part matches all.
-wxArrayString FindArchives(const wxFileName& pattern)
+// With what the bytes of a name end that matches the pattern: what is behind its last wildcard or quoting mark, as far
+// as no character set has other bytes for it.
+std::string EndOfMatches(const wxString& pattern)
+{
+    const std::size_t special = pattern.find_last_of("*?\\");
+    const wxString end = special == wxString::npos ? pattern : pattern.substr(special + 1);
+    return end.IsAscii() ? end.ToStdString() : std::string();
+}
+
+// The names in the folder that match the pattern, which is empty for all, in ascending order. No folders, and no hidden
+// files.
+std::vector<wxString> FindNames(const wxString& folder, const wxString& pattern)
+{
+    std::vector<wxString> names;
+    const std::string end = EndOfMatches(pattern);
+    VexOs::ListFolder(FileNameBytes(folder).c_str(), [&](const char* bytes, bool isRegular) {
+        // Beside an archive lies its version file: half of the names are not worth a text.
+        const std::string_view all(bytes);
+        if (all[0] == '.' || all.size() < end.size() || all.substr(all.size() - end.size()) != end)
+            return;
+        const wxString name(bytes, *wxConvFileName); // empty where it cannot be expressed
+        if (!name.empty() && (pattern.empty() || wxMatchWild(pattern, name))
+            && (isRegular || !wxDirExists(folder + '/' + name)))
+            names.push_back(name);
+    });
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// The names that match the pattern's file part, in its folder. An empty file part matches all.
+std::vector<wxString> FindArchives(const wxFileName& pattern)
 {
     const wxString folder = pattern.GetPath(wxPATH_GET_VOLUME);
     const wxString filePart = pattern.GetFullName();
-    wxArrayString files;
     if (!wxIsReadable(folder))
-        return files;
-    if (!filePart.empty() && filePart.find_first_of("*?\\") == wxString::npos) {
-        if (IsListed(pattern))
-            files.push_back(pattern.GetFullPath());
-        return files;
-    }
-    {
-        const wxLogNull silence; // what cannot be listed has no matches, and that is reported or not by our own rule
-        wxDir::GetAllFiles(folder, &files, filePart, wxDIR_FILES);
-    }
-    files.Sort();
-    return files;
+        return {};
+    if (filePart.empty() || filePart.find_first_of("*?\\") != wxString::npos)
+        return FindNames(folder, filePart);
+    if (IsListed(pattern))
+        return {filePart};
+    return {};
 }
 
 } // namespace
@@ -127,16 +151,18 @@ void AppendEntry(wxString& list, const wxString& entry, const wxString& bin)
     const bool checkVersions = HasWildcard(entry);
     if (!pattern.IsAbsolute())
         pattern.Normalize(normalizeFlags, bin);
-    const wxArrayString files = FindArchives(pattern);
-    if (files.empty()) {
+    const std::vector<wxString> names = FindArchives(pattern);
+    if (names.empty()) {
         // A named archive that is missing is worth a line, an empty pattern is not.
         if (!HasWildcard(pattern.GetFullName()))
             wxLogWarning("%s: no matches", entry);
         return;
     }
-    for (const wxString& file : files) {
-        const wxString path = NormalizedFile(file).GetFullPath();
-        if (!wxIsReadable(path)) {
+    pattern.Normalize(normalizeFlags);
+    const wxString folder = pattern.GetPathWithSep();
+    for (const wxString& name : names) {
+        const wxString path = folder + name;
+        if (!VexOs::IsReadable(FileNameBytes(path).c_str())) {
             wxLogWarning("Extension file '%s' isn't readable", path);
         } else if (FitsIntoList(path) && (!checkVersions || CAgentApp::ExtensionVersionIsOK(path))) {
             VEX_TRACE("ExpandZippath", "Adding extension file '%s' to the search path.", path);
@@ -175,7 +201,8 @@ void CAgentApp::ExpandZippath()
         return;
     }
     m_dom->SetWx("app.lua.zippath", list);
-    if (const std::string bytes = BytesOf(list); bytes != list.utf8_string())
-        m_dom->Set("app.lua.zippath", bytes);
+    if (!list.IsAscii())
+        if (const std::string bytes = BytesOf(list); bytes != list.utf8_string())
+            m_dom->Set("app.lua.zippath", bytes);
     VEX_TRACE("ExpandZippath", "app.lua.zippath '%s' ", list);
 }

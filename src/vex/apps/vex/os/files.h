@@ -8,6 +8,9 @@ namespace VexOs {
 /// In the bytes that the system has; empty when it is gone.
 std::string CurrentFolder();
 
+/// Whether the real user of the process may read it; links are followed.
+bool IsReadable(const char* path);
+
 /// In one step, over a file of the new name.
 bool RenameFile(const char* from, const char* to);
 

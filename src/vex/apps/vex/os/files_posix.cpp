@@ -20,6 +20,11 @@ std::string CurrentFolder()
     return path.c_str();
 }
 
+bool IsReadable(const char* path)
+{
+    return ::access(path, R_OK) == 0;
+}
+
 bool RenameFile(const char* from, const char* to)
 {
     return std::rename(from, to) == 0;
