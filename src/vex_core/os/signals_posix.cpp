@@ -1,5 +1,7 @@
 #include "vex_core/os/signals.h"
 
+#include <utility>
+
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -23,30 +25,48 @@ void SetDefaultDisposition(int signal)
     SetDisposition(signal, standard);
 }
 
-void UseSignalStack(SignalStack& stack, std::size_t bytes)
+namespace {
+std::size_t GuardBytes()
 {
-    const std::size_t guard = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-    const std::size_t size = guard + bytes;
-    void* const mapping = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mapping == MAP_FAILED)
-        return;
-    ::mprotect(mapping, guard, PROT_NONE);
-    stack_t wanted = {};
-    wanted.ss_sp = static_cast<char*>(mapping) + guard;
-    wanted.ss_size = bytes;
-    if (::sigaltstack(&wanted, &stack.previous) != 0) {
-        ::munmap(mapping, size);
-        return;
-    }
-    stack.mapping = mapping;
-    stack.size = size;
+    return static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
 }
 
-void DropSignalStack(SignalStack& stack)
+void* NewSignalStackMapping(std::size_t bytes)
 {
-    if (::sigaltstack(&stack.previous, nullptr) == 0)
-        ::munmap(stack.mapping, stack.size);
-    stack.mapping = nullptr;
+    const std::size_t guard = GuardBytes();
+    void* const mapping = ::mmap(nullptr, guard + bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapping == MAP_FAILED)
+        return nullptr;
+    ::mprotect(mapping, guard, PROT_NONE);
+    return mapping;
+}
+
+} // namespace
+
+void UseSignalStack(SignalStack& stack, std::size_t bytes, void* mapping)
+{
+    if (!mapping)
+        mapping = NewSignalStackMapping(bytes);
+    if (!mapping)
+        return;
+    stack_t wanted = {};
+    wanted.ss_sp = static_cast<char*>(mapping) + GuardBytes();
+    wanted.ss_size = bytes;
+    if (::sigaltstack(&wanted, &stack.previous) == 0)
+        stack.mapping = mapping;
+    else
+        FreeSignalStack(mapping, bytes);
+}
+
+void* DropSignalStack(SignalStack& stack)
+{
+    void* const mapping = std::exchange(stack.mapping, nullptr);
+    return ::sigaltstack(&stack.previous, nullptr) == 0 ? mapping : nullptr;
+}
+
+void FreeSignalStack(void* mapping, std::size_t bytes)
+{
+    ::munmap(mapping, GuardBytes() + bytes);
 }
 
 void SignalThread(pthread_t thread, int signal)

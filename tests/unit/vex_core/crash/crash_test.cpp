@@ -313,6 +313,40 @@ TEST(SignalStack, ThreadHasAnAlternateStackBetweenStartAndEnd)
     }).join();
 }
 
+TEST(SignalStack, TheNextThreadHasThatOfTheLastAndTwoAtATimeHaveTwo)
+{
+    EnableSignalStacks();
+    const auto own = [] {
+        stack_t stack;
+        sigaltstack(nullptr, &stack);
+        return stack.ss_sp;
+    };
+    void* first = nullptr;
+    void* second = nullptr;
+    void* beside = nullptr;
+    std::thread([&] {
+        TakeSignalStack();
+        first = own();
+        ReturnSignalStack();
+    }).join();
+    std::thread([&] {
+        TakeSignalStack();
+        second = own();
+        std::thread([&] {
+            TakeSignalStack();
+            beside = own();
+            ReturnSignalStack();
+        }).join();
+        EXPECT_EQ(msync(beside, 1, MS_ASYNC), 0); // kept
+        ReturnSignalStack();
+        EXPECT_EQ(msync(second, 1, MS_ASYNC), 0);
+        EXPECT_EQ(msync(beside, 1, MS_ASYNC), -1); // one is enough
+        EXPECT_EQ(errno, ENOMEM);
+    }).join();
+    EXPECT_EQ(second, first);
+    EXPECT_NE(beside, second);
+}
+
 TEST(SignalStack, ThreadThatCannotHaveOneGoesOnWithout)
 {
     // More than there is memory, and less than the system takes.
