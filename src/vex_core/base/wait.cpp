@@ -57,6 +57,15 @@ void WaitPoint::Notify()
     m_wake.notify_one();
 }
 
+void WaitPoint::NotifyWhileItLives()
+{
+    {
+        const std::lock_guard lock(m_lock);
+        m_notified = true;
+    }
+    m_wake.notify_one();
+}
+
 void WaitPoint::Awaken()
 {
     const std::lock_guard lock(m_lock);

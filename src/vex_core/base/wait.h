@@ -38,6 +38,8 @@ public:
 
     /// What the thread subscribed to has happened.
     void Notify();
+    /// The same where the caller sees to it that the point outlives the call: the woken thread finds no lock taken.
+    void NotifyWhileItLives();
     /// Ends the running sleep or, when none runs, the next one.
     void Awaken();
     /// Ends the running sleep and every later one at once; cannot be taken back.

@@ -143,28 +143,30 @@ void Worker::OnExit()
     CRunnable::OnExit();
     const std::lock_guard lock(m_lock);
     for (WaitPoint* waiting : m_waiting)
-        waiting->Notify();
+        waiting->NotifyWhileItLives(); // who waits takes its point away under the lock, or when this thread is over
 }
 
 bool Worker::WaitForEnd(std::int64_t timeoutMs)
 {
     WaitPoint& point = WaitPoint::OfThisThread();
     const Deadline deadline(timeoutMs);
-    std::unique_lock lock(m_lock);
-    if (!m_done)
-        m_waiting.push_back(&point);
-    bool isOver = m_done;
-    while (!m_done && !isOver) {
-        lock.unlock();
-        // A notification may also be a late one of a key that this thread has waited for.
-        isOver = point.Sleep(deadline.LeftMs()) != WaitPoint::Outcome::Notified;
-        lock.lock();
+    {
+        const std::lock_guard lock(m_lock);
+        if (!m_done)
+            m_waiting.push_back(&point);
     }
+    bool isOver = false;
+    // A notification may also be a late one of a key that this thread has waited for.
+    while (!m_done && !isOver)
+        isOver = point.Sleep(deadline.LeftMs()) != WaitPoint::Outcome::Notified;
+    // The end of the system's thread is all that is left. It is waited for without the lock, which the thread has while
+    // it wakes us.
+    const bool isDone = m_done;
+    if (isDone)
+        join(-1);
+    const std::lock_guard lock(m_lock);
     m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), &point), m_waiting.end());
-    if (!m_done)
-        return false;
-    lock.unlock();
-    return join(-1); // what is left is the end of the system's thread
+    return isDone;
 }
 
 } // namespace VexCore

@@ -4,6 +4,7 @@
 #include "vex/core/runnable.h"
 #include "vex_core/lua/lua_value.h"
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -57,7 +58,7 @@ private:
     CLuaInterpreter* m_lua = nullptr; // the thread's own
 
     std::mutex m_lock;
-    bool m_done = false; // guarded by m_lock
+    std::atomic<bool> m_done{false}; // written under m_lock
     std::vector<WaitPoint*> m_waiting; // guarded by m_lock; threads in WaitForEnd
     // Written before m_done, read after it.
     int m_status = 0;
