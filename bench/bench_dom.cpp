@@ -162,9 +162,9 @@ bool Measure(std::size_t count, double& first)
                           claim);
     };
     bool fits = row("read a key", ours.get, theirs.get, 1.0);
-    // A write puts the value into other memory and shows it in a step that all processors see, so that readers may go
-    // on with the one before; the table overwrites it under its lock.
-    fits &= row("overwrite a key", ours.set, theirs.set, 1.4);
+    // A write puts the value into other memory, so that readers may go on with the one before, and now and then looks
+    // at the readers; the table overwrites it under its lock. The goal was 1.0.
+    fits &= row("overwrite a key", ours.set, theirs.set, 1.15);
     row("make a key", ours.make, theirs.make, 0);
     if (first == 0)
         first = Bench::Median(listAgain);

@@ -342,9 +342,10 @@ bool KeyTable::Remove(const HashedKey& key)
 void KeyTable::Replace(Node& node, DomValue::Pointer value, Leavings& leavings)
 {
     std::optional<ShapeChange> change;
-    if (!value || !node.value.load(std::memory_order_relaxed))
+    DomValue* const before = node.value.load(std::memory_order_relaxed);
+    if (!value || !before)
         change.emplace(m_shape);
-    DomValue* const before = node.value.exchange(value.release());
+    node.value.store(value.release(), std::memory_order_release);
     if (!before)
         return;
     if (before->Type() == CDom::EType::Object)

@@ -1,6 +1,8 @@
-// A reader counts itself in before it looks, in a sequentially consistent step, and out after its last look. So a count
-// that is seen at nought after a block was taken out of sight tells that its readers who may have found the block have
-// ended: those who come later cannot. The counts need not be at nought at the same time.
+// A reader counts itself in before it looks and out after its last look. Whoever looks at a count does it by a step
+// that writes it too, so that of a reader's step and that one the later has seen all that came before the earlier. So
+// a count that is seen at nought after a block was taken out of sight tells that its readers who may have found the
+// block have ended: those who come later cannot. The counts need not be at nought at the same time. What a writer does
+// for each block is a plain store; the dear steps come once for many blocks.
 //
 // Readers who come one upon the other may keep a count above nought for ever. So each place has two, for epochs of even
 // and of odd numbers, and an epoch ends when the counts of the one before, which nobody enters any more, are all seen
@@ -69,16 +71,22 @@ ReadSection::Place* ReadSection::Enroll()
 bool ReadSection::NextEpoch() noexcept
 {
     std::uint64_t epoch = s_epoch.number.load();
-    const Place* place = s_places;
+    Place* place = s_places;
     // Who takes a place after this look counts itself in after it too.
-    for (std::uint32_t inUse = s_inUse.load(); inUse != 0; inUse >>= 1, ++place)
-        if ((inUse & 1) != 0 && place->readers[(epoch + 1) % 2].load() != 0)
+    for (std::uint32_t inUse = s_inUse.fetch_or(0); inUse != 0; inUse >>= 1, ++place)
+        if ((inUse & 1) != 0 && place->readers[(epoch + 1) % 2].fetch_add(0) != 0)
             return false;
     s_epoch.number.compare_exchange_strong(epoch, epoch + 1);
     return true;
 }
 
-// Whether all have ended that were reading when the epoch was that one, as a sequentially consistent load told.
+// By a step that writes it: who ends this epoch has seen what this thread did before.
+std::uint64_t ReadSection::EpochNow() noexcept
+{
+    return s_epoch.number.fetch_add(0);
+}
+
+// Whether all have ended that were reading when the epoch was that one, as EpochNow told.
 bool ReadSection::AreOverSince(std::uint64_t epoch) noexcept
 {
     while (s_epoch.number.load() - epoch < epochsThatShowAll)
@@ -145,7 +153,7 @@ void RetiredBlocks::GiveBack(Excess& excess) noexcept
 
 void RetiredBlocks::WaitForReaders() noexcept
 {
-    const std::uint64_t begin = ReadSection::s_epoch.number.load();
+    const std::uint64_t begin = ReadSection::EpochNow();
     for (int looks = 0; !ReadSection::AreOverSince(begin); ++looks)
         if (looks < yieldsBeforePause)
             std::this_thread::yield();
@@ -157,7 +165,7 @@ void RetiredBlocks::CloseOpen() noexcept
 {
     m_closing.swap(m_open);
     m_closingBytes = std::exchange(m_openBytes, 0);
-    m_closingSince = ReadSection::s_epoch.number.load();
+    m_closingSince = ReadSection::EpochNow();
 }
 
 void RetiredBlocks::FreeUnread() noexcept

@@ -9,7 +9,7 @@
 
 namespace VexCore {
 
-/// While one exists, what its thread finds by sequentially consistent loads stays readable. Short, and nothing
+/// While one exists, what its thread finds by loads that acquire stays readable. Short, and nothing
 /// in it waits: writers may. Nests. Any thread. A thread in one does not fork.
 class ReadSection
 {
@@ -54,6 +54,7 @@ private:
     }
     static Place* Enroll();
     static bool NextEpoch() noexcept;
+    static std::uint64_t EpochNow() noexcept;
     static bool AreOverSince(std::uint64_t epoch) noexcept;
     static void AfterForkInChild();
     static const struct ForkHook
@@ -104,7 +105,8 @@ public:
         if (m_open.capacity() - m_open.size() < count)
             m_open.reserve(2 * (m_open.size() + count));
     }
-    /// A block that no reader who comes now can find: it was taken out of sight by a sequentially consistent store.
+    /// A block that was taken out of sight before, by a store that releases, on this thread or on one whose stores it
+    /// has seen.
     void Add(void* block, std::size_t bytes) noexcept
     {
         m_open.push_back({block, bytes});
