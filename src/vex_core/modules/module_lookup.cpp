@@ -16,11 +16,8 @@ std::string PlacesLookedIn(const FoundArchives& found, const std::string& base)
     const std::string begin = "\n\tno file '";
     const std::string between = "/" + base + ".lua'" + begin; // the two names of an archive
     const std::string end = "/" + base + "/init.lua'";
-    std::size_t size = 0;
-    for (const FoundArchives::Item& item : found.items)
-        size += item.failure.size() + begin.size() + between.size() + end.size() + 2 * item.slot->Path().size();
     std::string places;
-    places.reserve(size);
+    places.reserve(found.bytesOfTexts + found.items.size() * (begin.size() + between.size() + end.size()));
     for (const FoundArchives::Item& item : found.items) {
         const std::string& path = item.slot->Path();
         if (item.archive)

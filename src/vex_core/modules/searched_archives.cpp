@@ -17,6 +17,14 @@ std::size_t CountNames(const std::vector<FoundArchives::Item>& items)
     return count;
 }
 
+std::size_t CountTexts(const std::vector<FoundArchives::Item>& items)
+{
+    std::size_t bytes = 0;
+    for (const FoundArchives::Item& item : items)
+        bytes += 2 * item.slot->Path().size() + item.failure.size();
+    return bytes;
+}
+
 bool IsSame(const FoundArchives::Item& left, const FoundArchives::Item& right)
 {
     return left.archive == right.archive && left.failure == right.failure;
@@ -59,7 +67,9 @@ void NameTable::Add(const Place& place)
         kept = place;
 }
 
-FoundArchives::FoundArchives(std::vector<Item> found) : items(std::move(found)), names(NamesOf(items)) {}
+FoundArchives::FoundArchives(std::vector<Item> found)
+    : items(std::move(found)), bytesOfTexts(CountTexts(items)), names(NamesOf(items))
+{}
 
 std::shared_ptr<const FoundArchives> SearchedArchives::Current(const ZipLimits& limits)
 {

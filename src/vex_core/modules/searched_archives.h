@@ -52,6 +52,7 @@ struct FoundArchives
     explicit FoundArchives(std::vector<Item> found);
 
     const std::vector<Item> items; ///< in the order of the path
+    const std::size_t bytesOfTexts; ///< of all paths, twice, and of the failures
     const NameTable names; ///< of the Lua files in all of them
 };
 
