@@ -220,14 +220,12 @@ void CLog2Disk::Flush()
 }
 
 namespace {
-// Adds the text where all of it is ASCII, as it nearly always is: without the framework's conversion.
-bool AddAscii(std::string& bytes, const wxString& text)
+// Copies the text where all of it is ASCII, as it nearly always is: without the framework's conversion. `place` has
+// room for as many bytes as the text has characters. False: it is not, and what is there now means nothing.
+bool CopyAscii(char* place, const wxString& text)
 {
-    const std::size_t begin = bytes.size();
     const std::size_t length = text.length();
     const wchar_t* const wide = text.wc_str();
-    bytes.resize(begin + length);
-    char* const place = bytes.data() + begin;
     std::uint32_t all = 0;
     std::size_t done = 0;
     constexpr std::size_t block = 16;
@@ -243,18 +241,18 @@ bool AddAscii(std::string& bytes, const wxString& text)
         all |= static_cast<std::uint32_t>(wide[done]);
         place[done] = static_cast<char>(wide[done]);
     }
-    const bool isAscii = all < 0x80;
-    if (!isAscii)
-        bytes.resize(begin);
-    return isAscii;
+    return all < 0x80;
 }
 
 } // namespace
 
 void AddLogBytes(std::string& bytes, const wxString& text)
 {
-    if (AddAscii(bytes, text))
+    const std::size_t begin = bytes.size();
+    bytes.resize(begin + text.length());
+    if (CopyAscii(bytes.data() + begin, text))
         return;
+    bytes.resize(begin);
     const wxScopedCharBuffer utf8 = text.utf8_str();
     if (!std::memchr(utf8.data(), 0xF4, utf8.length())) { // in which all characters that stand for a byte begin
         bytes.append(utf8.data(), utf8.length());
@@ -266,6 +264,11 @@ void AddLogBytes(std::string& bytes, const wxString& text)
 
 void CLog2Disk::DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo& info)
 {
+    char usual[512]; // most lines fit: no memory is asked for
+    if (message.length() <= sizeof usual && CopyAscii(usual, message)) {
+        WriteRecord(LevelOf(level), info.timestamp, info.threadId, {usual, message.length()});
+        return;
+    }
     std::string text;
     AddLogBytes(text, message);
     WriteRecord(LevelOf(level), info.timestamp, info.threadId, text);

@@ -380,6 +380,18 @@ TEST_F(LogToDisk, ALetterThatIsNotAsciiIsFoundAnywhere)
     }
 }
 
+TEST_F(LogToDisk, TextOfAnyLengthIsWholeWhereverItIsConverted)
+{
+    MakeRoot();
+    for (const std::size_t length :
+         {std::size_t{0}, std::size_t{1}, std::size_t{511}, std::size_t{512}, std::size_t{513}, std::size_t{2000}})
+        for (const char* const end : {"", "x", "\xC3\xA4"}) {
+            const std::string text = std::string(length, 'a') + end;
+            wxLogMessage("%s", wxString::FromUTF8(text));
+            EXPECT_THAT(LastLine(), EndsWith("] " + text)) << length;
+        }
+}
+
 TEST_F(LogToDisk, OwnRecordsOfTheLogFollowTheFrameworksTimeFormat)
 {
     MakeRoot();
