@@ -174,8 +174,8 @@ int main(int argc, char** argv)
 
     const auto alone = [](const auto& log) { return [&log] { return Alone(log); }; };
     const auto byTwo = [](const auto& log) { return [&log] { return ByTwo(log); }; };
-    bool holds = Compare("a line through the framework", rounds, alone(framework), alone(formatted), 3.3);
-    holds &= Compare("a line of dom0:Log", rounds, alone(fromLua), alone(asItIs), 2.0);
+    bool holds = Compare("a line through the framework", rounds, alone(framework), alone(formatted), 3.7);
+    holds &= Compare("a line of dom0:Log", rounds, alone(fromLua), alone(asItIs), 2.1);
     holds &= Compare("an enabled trace line", rounds, alone(trace), alone(withPlace), 2.0);
     holds &= Compare("an enabled trace line of dom0:Trace", rounds, alone(traceFromLua), alone(withPlace), 0);
     holds &= Compare("a line of one of two processes", rounds, byTwo(fromLua), byTwo(asItIs), 2.5);
