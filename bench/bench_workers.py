@@ -5,6 +5,10 @@ A large heap lets the collector, and with it the finalisers of the workers' obje
 has after the first workers, from when on it is the same, and after every tenth of them. Claim: the last row is at most 8 MiB above
 the first in memory, and has as many threads and no more than 8 memory maps more.
 
+Then the modules that a worker requires after the main state has required them, the first and a hundred, from an archive whose chunks are
+kept, against what the main state has spent on the same: processor time, the state made before. Claims: the first half as much, because
+archives and caches are the process's, and all of them no more.
+
 Then stops agents in the background by the signal that a service manager sends, with 50 workers that wait and with none, by turns: the
 time to the supervisor's end, by the clock.
 """
@@ -20,11 +24,14 @@ import tempfile
 import time
 
 import figures
+import many_modules
 from running import send_signal
 
+CLAIM_FIRST, CLAIM_ALL = 0.5, 1
 CLAIM_KIB = 8192
 CLAIM_MAPS = 8
 STOPPED_WORKERS, STOPS = 50, 11
+MODULES, STATES = 100, 41
 
 APPLICATION = """
 local ballast = {}
@@ -65,10 +72,45 @@ return { run = function(number)
 end }
 """
 
+# What both states do, one after the other: the clock is that of the process, and the main state waits while the worker does it.
+REQUIRES = f"""
+return function()
+  local begin, first = os.clock(), nil
+  for number = 0, {MODULES - 1} do
+    require(("part%d.module_%d"):format(math.floor(number / 100), number))
+    first = first or os.clock() - begin
+  end
+  print(("%.0f %.0f"):format(1e9 * first, 1e9 * (os.clock() - begin)))
+end
+"""
+TWO_STATES = """
+return { main = function()
+  require("requires")()
+  local worker = dom0:StartThread("second")
+  worker:Join()
+end }
+"""
+
 
 def write(folder, name, text):
     with open(os.path.join(folder, name + ".lua"), "w", encoding="utf-8") as file:
         file.write(text)
+
+
+def measure_second_state(stage):
+    with tempfile.TemporaryDirectory() as folder:
+        many_modules.write_archive(folder + "/modules.vxe", MODULES)
+        write(folder, "twostates", TWO_STATES)
+        write(folder, "requires", REQUIRES)
+        write(folder, "second", 'return { run = function() require("requires")() end }\n')
+        command = [os.path.join(stage, "vx_agent"), "--appname", "twostates", "--workdir", folder, "--lua_path", folder + "/?.lua", "--zippath",
+                   folder + "/modules.vxe"]
+        starts = [subprocess.run(command, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True).stdout.split()
+                  for _ in range(STATES + 1)]
+    # The first start has compiled what the others load.
+    main_first, main_all, first, every = (statistics.median(int(start[column]) / 1e3 for start in starts[1:]) for column in range(4))
+    kept = figures.row("the first module that a worker requires", first, "the main state's before it", main_first, "us", CLAIM_FIRST)
+    return kept & figures.row(f"{MODULES} modules that a worker requires", every, "the main state's before it", main_all, "us", CLAIM_ALL)
 
 
 def stop(stage, workers):
@@ -123,6 +165,7 @@ def main():
     if more[4] != 0:
         print(f"{more[4]} more threads at the end", file=sys.stderr)
         return 1
+    kept &= measure_second_state(stage)
     measure_stops(stage)
     return 0 if kept else 1
 
