@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -143,6 +144,37 @@ TEST(VersionFile, MayComeInPiecesOfAnySize)
         EXPECT_EQ(version.line, FileVersion::LineKind::WellFormed) << piece;
         EXPECT_EQ(version.numbers[0], 7) << piece;
     }
+}
+
+TEST(VersionFile, StreamThatFailedIsNotAskedAgain)
+{
+    struct Failing : wxInputStream
+    {
+        int reads = 0;
+        size_t OnSysRead(void* data, size_t size) override
+        {
+            m_lasterror = ++reads == 1 ? wxSTREAM_NO_ERROR : wxSTREAM_READ_ERROR;
+            const size_t count = reads == 1 ? std::min<size_t>(size, 100) : 0;
+            std::memset(data, '\n', count);
+            return count;
+        }
+    } stream;
+    EXPECT_EQ(Verdict(stream), "no line");
+    EXPECT_EQ(stream.reads, 2); // the framework looks whether there is more
+}
+
+TEST(VersionFile, NothingBehindTheLimitIsAskedFor)
+{
+    constexpr std::size_t limit = std::size_t{256} << 20;
+    std::size_t total = 0;
+    EXPECT_EQ(ReadVersionFile([&total](void* data, std::size_t size) {
+                  const std::size_t count = std::min<std::size_t>(size, 10007);
+                  std::memset(data, total == 0 ? 'x' : '\0', count);
+                  total += count;
+                  return count;
+              }).line,
+              FileVersion::LineKind::Missing);
+    EXPECT_EQ(total, limit);
 }
 
 TEST(VersionFile, BytesThatAreNoTextDoNotMatter)

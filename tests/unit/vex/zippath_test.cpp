@@ -164,17 +164,13 @@ TEST_F(ExtensionVersion, FileThatCannotBeReadThoughItOpensHasNoVersionLine)
     EXPECT_THAT(log[1], HasSubstr(".version' does not contain a 'version:' line."));
 }
 
-TEST_F(ExtensionVersion, FileWithHolesIsReadAsFarAsALineMayLie)
+TEST_F(ExtensionVersion, LineBehindHolesCounts)
 {
     const std::string file = m_archive + ".version";
     WriteFile(file, "");
-    fs::resize_file(file, (256u << 20) - 100);
+    fs::resize_file(file, 1u << 20);
     std::ofstream(file, std::ios::app) << ::Test::Ours("\nversion: {version}-1\n");
     EXPECT_TRUE(CAgentApp::ExtensionVersionIsOK(m_archive));
-    fs::resize_file(file, 0);
-    fs::resize_file(file, 256u << 20);
-    std::ofstream(file, std::ios::app) << ::Test::Ours("\nversion: {version}-1\n");
-    EXPECT_FALSE(CAgentApp::ExtensionVersionIsOK(m_archive));
 }
 
 TEST_F(ExtensionVersion, NameWithPercentSignsIsShownAsItIs)
@@ -640,7 +636,7 @@ TEST_F(ArchivePath, NamesAreSortedAsTextAlsoThoseThatAreNone)
     wxMBConvUTF8 conversion(wxMBConvUTF8::MAP_INVALID_UTF8_TO_PUA);
     wxConvFileName = &conversion;
     std::string expected;
-    // A byte that is no text stands behind all text, and so does a character that looks like one that is.
+    // A byte that is no text stands behind all text.
     for (const char* name : {"a.vxe", "\xC3\xA9.vxe", "\xF0\x9F\x98\x80.vxe", "\x80.vxe", "\xFF.vxe"})
         expected += (expected.empty() ? "" : ";") + Put(std::string("ext/") + name, m_good);
     EXPECT_EQ(Expand("", "ext"), expected);

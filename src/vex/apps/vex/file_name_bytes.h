@@ -9,7 +9,8 @@
 /// As the framework's functions for files convert a path; empty where it cannot be expressed.
 inline std::string FileNameBytes(const wxString& path)
 {
-    // Each character set of file names has ASCII, for which the framework's conversion takes ten times as long.
+    // The framework's conversion takes ten times as long. Character sets that are without some of ASCII, as few are and
+    // none that systems of today have for file names, are not cared for.
     const wxCharBuffer bytes = path.IsAscii() ? path.ToAscii() : wxCharBuffer(path.mb_str(*wxConvFileName));
     return bytes.data() ? std::string(bytes.data()) : std::string();
 }

@@ -1,5 +1,5 @@
 // Reads version files: bytes become characters, characters a state of the one line that counts. What the numbers mean
-// for an extension is decided in zippath.cpp.
+// for an extension is decided in extension_rules.cpp.
 
 #include "vex/apps/vex/version_file.h"
 
@@ -183,7 +183,7 @@ FileVersion ReadVersionFile(const VersionFileSource& source)
     Characters characters;
     VersionLine line;
     for (std::size_t total = 0; total < maxBytes;) {
-        std::size_t count = source(block.data(), block.size());
+        std::size_t count = source(block.data(), std::min(block.size(), maxBytes - total));
         if (count == 0)
             break;
         // A mark comes whole, however small the pieces are.
@@ -205,5 +205,10 @@ FileVersion ReadVersionFile(const VersionFileSource& source)
 
 FileVersion ReadVersionFile(wxInputStream& stream)
 {
-    return ReadVersionFile([&stream](void* data, std::size_t size) { return stream.Read(data, size).LastRead(); });
+    bool hasEnded = false; // a stream that failed is not asked again: it would say so again
+    return ReadVersionFile([&](void* data, std::size_t size) {
+        const std::size_t count = hasEnded ? 0 : stream.Read(data, size).LastRead();
+        hasEnded = count < size;
+        return count;
+    });
 }

@@ -12,7 +12,7 @@ namespace VexOs {
 using NameVisitor = std::function<void(const char* name, bool isRegular)>;
 
 /// Shows `visit` the names in the folder, without "." and "..", as far as it can be listed. `path` is in the bytes that
-/// the system has.
+/// the system has. What `visit` throws passes through.
 void ListFolder(const char* path, const NameVisitor& visit);
 
 /// For this folder only: what the entry tells without a further call.

@@ -1,6 +1,7 @@
 #include "vex/apps/vex/os/folder_list.h"
 
 #include <cstring>
+#include <memory>
 
 #include <dirent.h>
 
@@ -8,13 +9,12 @@ namespace VexOs {
 
 void ListFolder(const char* path, const NameVisitor& visit)
 {
-    DIR* const folder = ::opendir(path);
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path), ::closedir);
     if (!folder)
         return;
-    while (const struct dirent* const entry = ::readdir(folder))
+    while (const struct dirent* const entry = ::readdir(folder.get()))
         if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
             visit(entry->d_name, IsRegular(*entry));
-    ::closedir(folder);
 }
 
 } // namespace VexOs

@@ -5,8 +5,8 @@
 
 namespace VexOs {
 
-/// A regular file, or one that links lead to, open as long as the object lives. Whatever else has the name is not
-/// opened, as a pipe or a device may notice that.
+/// A regular file, or one that links lead to, open as long as the object lives. Whatever else has the name when it is
+/// looked at is not opened, as a pipe or a device may notice that.
 class RegularFile
 {
 public:

@@ -25,7 +25,7 @@ RegularFile::RegularFile(const char* path)
     m_exists = ::stat(path, &status) == 0 && S_ISREG(status.st_mode);
     if (!m_exists)
         return;
-    // A pipe that has come in its place since must not hold us.
+    // Not held by a pipe that has come in its place since.
     m_descriptor = Retried([path] { return ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); });
     m_isGood = m_descriptor >= 0;
 }
