@@ -106,6 +106,9 @@ private:
         return path.empty() ? path : ToSystemBytes(FromForeignBytes(path));
     }
 
+    // Who begins to observe or to wait puts that down and then looks at the value; we have put the value down and look
+    // who observes. One sees the other, because the lock of the table's writers is given back in between, by a step
+    // that all processors see.
     void Changed(const HashedKey& key)
     {
         TellObservers(this, key);
