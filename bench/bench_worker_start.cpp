@@ -192,7 +192,7 @@ int main(int argc, char** argv)
         ours = std::min(ours, MicrosecondsEach(each, [&] { StartAndJoin(dom); }));
         theirs = std::min(theirs, MicrosecondsEach(each, StartAndJoinBareThread));
     }
-    bool fits = Bench::Row("a worker started and joined", ours, "a thread with Lua's libraries", theirs, "us", 2.4);
+    bool fits = Bench::Row("a worker started and joined", ours, "a thread with Lua's libraries", theirs, "us", 2.5);
     if (counted == 0) {
         fits &= Bench::Row("memory of a waiting worker", kib, "limit", maxWaitingKib, "KiB", 1.0);
         Bench::Row("memory of a waiting worker", kib, "a waiting thread with Lua's libraries", bareKib, "KiB", 0);
