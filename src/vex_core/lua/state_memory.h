@@ -9,22 +9,29 @@
 
 namespace VexCore {
 
-/// One thread at a time, as for its state, which it outlives. What small blocks have once taken stays until the end,
-/// for other blocks of about their size; large ones are the heap's, and go back to it at once.
+/// One thread at a time, as for its state, which it outlives. Slabs of which nothing is in use go back to the heap when
+/// they are many, so that a peak of blocks of one size is no memory lost for others; large blocks go back at once.
 class StateMemory
 {
 public:
     static constexpr std::size_t maxSmallBytes = 512;
-    /// As realloc. Blocks go back with free.
-    using Heap = void* (*)(void* block, std::size_t size);
+    /// Where it has its own memory from.
+    struct Heap
+    {
+        void* (*resize)(void* block, std::size_t size); ///< as realloc
+        void* (*aligned)(std::size_t alignment, std::size_t size); ///< nullptr where there is none
+        void (*free)(void* block); ///< of either
+    };
+    static const Heap ofProcess;
 
-    explicit StateMemory(Heap heap = std::realloc) : m_heap(heap) {}
+    explicit StateMemory(const Heap& heap = ofProcess) : m_heap(heap) {}
     ~StateMemory();
     StateMemory(const StateMemory&) = delete;
     StateMemory& operator=(const StateMemory&) = delete;
 
     /// For lua_newstate, with the address of the memory. nullptr where there is none, which is never so when a block
-    /// shrinks. A block that is given back without its size, as a careless native module may do, is lost until the end.
+    /// shrinks. A native module that names no old size, though there is a block, gets nothing for it, and the block is
+    /// lost until the end.
     static void* Allocate(void* memory, void* block, std::size_t oldSize, std::size_t newSize);
 
 private:
@@ -33,23 +40,34 @@ private:
     {
         Free* next;
     };
-    struct Slab
+    struct Slab // at its begin
     {
         Slab* next;
-        void* memory; // of the heap
+        std::size_t used; // blocks
+    };
+    struct Stranded // behind a large block's first maxSmallBytes
+    {
+        Stranded* next;
     };
 
+    static constexpr std::size_t IndexOf(std::size_t smallSize) { return (smallSize - 1) / stepBytes; }
+    static Slab& SlabOf(void* block);
     void* Take(std::size_t size);
     void Give(void* block, std::size_t size);
     void* Resize(void* block, std::size_t oldSize, std::size_t newSize);
+    void AddFree(void* block, std::size_t index);
     bool AddSlab();
-    void Keep(void* memory, void* place);
+    void FreeUnused();
+    bool TakeStranded(void* block);
 
-    const Heap m_heap;
+    const Heap& m_heap;
     std::array<Free*, maxSmallBytes / stepBytes> m_free{}; // by size, that of one step first
-    Slab* m_slabs = nullptr;
-    char* m_rest = nullptr; // of the newest slab
+    Slab* m_slabs = nullptr; // the one that is cut first
+    char* m_rest = nullptr; // of the first slab
     std::size_t m_restBytes = 0;
+    std::size_t m_slabCount = 0;
+    std::size_t m_unusedCount = 0; // slabs of which nothing is in use, without the first
+    Stranded* m_stranded = nullptr;
 };
 
 } // namespace VexCore

@@ -245,6 +245,14 @@ TEST_F(Interpreter, OutOfMemoryIsStatusFour)
     EXPECT_EQ(Run("return 1"), 0) << "the state goes on";
 }
 
+TEST_F(Interpreter, AskingForMoreMemoryThanThereCanBeIsAnError)
+{
+    EXPECT_EQ(Run("local zeros = io.open('/dev/zero', 'rb') "
+                  "for less = 1, 100 do assert(not pcall(zeros.read, zeros, -less)) end"),
+              0)
+        << Error();
+}
+
 TEST_F(Interpreter, EndlessStringIsStatusOneOrFour)
 {
     // A chunk that never ends, inside of a string.

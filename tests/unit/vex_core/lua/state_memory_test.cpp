@@ -1,8 +1,10 @@
 #include "vex_core/lua/state_memory.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,11 +34,30 @@ void Free(StateMemory& memory, void* block, std::size_t size)
 int g_calls;
 bool g_empty;
 
-void* CountingHeap(void* block, std::size_t size)
+std::set<void*> g_slabs;
+
+void* CountingResize(void* block, std::size_t size)
 {
     ++g_calls;
-    return g_empty ? nullptr : std::realloc(block, size);
+    return g_empty ? nullptr : StateMemory::ofProcess.resize(block, size);
 }
+
+void* CountingAligned(std::size_t alignment, std::size_t size)
+{
+    ++g_calls;
+    void* const slab = g_empty ? nullptr : StateMemory::ofProcess.aligned(alignment, size);
+    if (slab)
+        g_slabs.insert(slab);
+    return slab;
+}
+
+void CountingFree(void* block)
+{
+    g_slabs.erase(block);
+    StateMemory::ofProcess.free(block);
+}
+
+constexpr StateMemory::Heap countingHeap = {CountingResize, CountingAligned, CountingFree};
 
 class BlocksOfAState : public ::testing::Test
 {
@@ -47,7 +68,7 @@ protected:
         g_empty = false;
     }
 
-    StateMemory m_memory{CountingHeap};
+    StateMemory m_memory{countingHeap};
 };
 
 // A block with bytes that tell where it is from.
@@ -201,13 +222,64 @@ TEST_F(BlocksOfAState, ABlockShrinksWithoutMemory)
         EXPECT_TRUE(block.IsWhole(16));
 }
 
-TEST_F(BlocksOfAState, ABlockThatIsGivenBackWithoutItsSizeIsNobodys)
+TEST_F(BlocksOfAState, ABlockWithoutItsSizeIsNobodys)
 {
     Block block{Make(m_memory, 40), 40, 9};
     block.Fill();
     Free(m_memory, block.memory, 0);
+    EXPECT_EQ(Resize(m_memory, block.memory, 0, 60), nullptr);
     EXPECT_NE(Make(m_memory, 40), block.memory);
     EXPECT_TRUE(block.IsWhole(40));
+}
+
+TEST_F(BlocksOfAState, ABlockThatHasTheRoomStaysWhereItIs)
+{
+    Block block{Make(m_memory, 33), 33, 5};
+    block.Fill();
+    g_empty = true;
+    while (Make(m_memory, 48)) {
+    }
+    EXPECT_EQ(Resize(m_memory, block.memory, 33, 48), block.memory);
+    EXPECT_TRUE(block.IsWhole(33));
+}
+
+TEST_F(BlocksOfAState, MoreThanThereCanBeIsNotThere)
+{
+    void* const block = Make(m_memory, 1000);
+    for (std::size_t less = 0; less < 64; ++less) {
+        EXPECT_EQ(Make(m_memory, SIZE_MAX - less), nullptr);
+        EXPECT_EQ(Resize(m_memory, block, 1000, SIZE_MAX - less), nullptr);
+    }
+    Free(m_memory, block, 1000);
+}
+
+// A peak of one size after the other, with a block here and there that stays.
+TEST_F(BlocksOfAState, WhatManyBlocksOfOneSizeHadGoesBack)
+{
+    constexpr std::size_t count = 20000;
+    std::vector<Block> stay;
+    for (std::size_t size = 40; size <= small; size += 16) {
+        std::vector<Block> blocks;
+        for (std::size_t i = 0; i < count; ++i) {
+            blocks.push_back({Make(m_memory, size), size, static_cast<unsigned char>(i % 251)});
+            blocks.back().Fill();
+        }
+        const std::size_t most = g_slabs.size();
+        EXPECT_GT(most, count * size / 8192);
+        for (std::size_t i = 0; i < count; ++i) {
+            ASSERT_TRUE(blocks[i].IsWhole(size));
+            if (i % 5000 == 0)
+                stay.push_back(blocks[i]);
+            else
+                Free(m_memory, blocks[i].memory, size);
+        }
+        EXPECT_LE(g_slabs.size(), stay.size() + 64) << "of " << most;
+    }
+    for (const Block& block : stay) {
+        EXPECT_TRUE(block.IsWhole(block.size));
+        Free(m_memory, block.memory, block.size);
+    }
+    EXPECT_LE(g_slabs.size(), 64U);
 }
 
 TEST_F(BlocksOfAState, BlocksOfAnySizeInAnyOrderKeepTheirContent)
