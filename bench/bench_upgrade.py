@@ -52,13 +52,13 @@ def main():
         with open(folder + "/upgraded.lua", "w", encoding="ascii") as file:
             file.write(APPLICATION)
         for _ in range(runs):
-            shutil.rmtree(folder + "/work/cache", ignore_errors=True)
+            shutil.rmtree(os.path.join(folder, "work", "cache"), ignore_errors=True)
             install(folder, 10)
             first.append(start(stage, folder))
             warm.append(start(stage, folder))
             install(folder, 11)
             upgraded.append(start(stage, folder))
-            if len(os.listdir(folder + "/work/cache")) != 2:
+            if len(os.listdir(os.path.join(folder, "work", "cache"))) != 2:
                 sys.exit("bench_upgrade: the chunks of one archive are not beside those of the other")
     (first_line, first_end), (warm_line, _), (upgraded_line, upgraded_end) = ([statistics.median(column) for column in zip(*kind)] for kind in kinds)
     what = f"{MODULES:,} modules after an upgrade"
