@@ -162,7 +162,7 @@ private:
     const std::uint64_t m_before;
 };
 
-KeyTable::KeyTable() : m_top(Node::New({})), m_slots(Slots::New(minSlots))
+KeyTable::KeyTable() : m_slots(Slots::New(minSlots)), m_top(Node::New({}))
 {
     static_assert(std::is_trivially_destructible_v<Node> && std::is_trivially_destructible_v<Slots>,
                   "they are given back as blocks");

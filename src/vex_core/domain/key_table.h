@@ -1,6 +1,7 @@
 #pragma once
 // The keys of a tree with their values: found by a hash table, listed by the tree that their dots make.
 
+#include "vex_core/base/cache_lines.h"
 #include "vex_core/domain/dom_values.h"
 #include "vex_core/domain/read_section.h"
 
@@ -87,10 +88,11 @@ private:
     // again. So readers of several nodes notice.
     class ShapeChange;
 
-    mutable std::mutex m_writers;
+    // What readers look at lies apart from what each write changes.
+    alignas(bytesApart) std::atomic<Slots*> m_slots;
     std::atomic<std::uint64_t> m_shape{0};
     Node* const m_top; // has no key: what has no parent else is below it
-    std::atomic<Slots*> m_slots;
+    alignas(bytesApart) mutable std::mutex m_writers;
     std::size_t m_nodes = 0; // in the slots; guarded by m_writers
     std::size_t m_takenSlots = 0; // by them and by those that are gone; guarded by m_writers
     RetiredBlocks m_retired; // guarded by m_writers

@@ -24,7 +24,7 @@ namespace VexCore {
 
 namespace {
 // A look at all counts costs as much as a write, so it is for many blocks, or for big ones.
-constexpr std::size_t blocksAtOnce = 32;
+constexpr std::size_t blocksAtOnce = 64;
 constexpr std::size_t bytesAtOnce = 16 * 1024;
 constexpr std::size_t maxKeptBytes = 1024 * 1024;
 

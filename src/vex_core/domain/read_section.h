@@ -2,6 +2,8 @@
 // Reading without a lock what others change: a writer takes a block out of sight at once, and gives its memory back
 // when nobody can be reading it any more. Readers neither wait nor write where another thread looks all the time.
 
+#include "vex_core/base/cache_lines.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -28,13 +30,12 @@ public:
 private:
     friend class RetiredBlocks;
 
-    // The sections of a thread that began in an epoch of an even number, and of an odd one. Two lines of the cache,
-    // because processors fetch them in pairs.
-    struct alignas(128) Place
+    // The sections of a thread that began in an epoch of an even number, and of an odd one.
+    struct alignas(bytesApart) Place
     {
         std::atomic<std::uint32_t> readers[2] = {};
     };
-    struct alignas(128) Epoch
+    struct alignas(bytesApart) Epoch
     {
         std::atomic<std::uint64_t> number{0};
     };
