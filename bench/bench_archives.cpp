@@ -165,7 +165,7 @@ int main(int argc, char** argv)
     CDom* const dom = CDom::New(nullptr, nullptr, nullptr, false);
     dom->Set("app.path.bin", folder.Path());
     dom->Set("app.lua.cache", false);
-    bool kept = BenchSpread(folder, dom, argc > 1 ? std::atoi(argv[1]) : 15);
+    bool kept = BenchSpread(folder, dom, argc > 1 ? std::atoi(argv[1]) : 31);
     kept &= BenchMany(folder, dom, argc > 2 ? std::atoi(argv[2]) : 10000);
     dom->Release();
     return kept ? 0 : 1;

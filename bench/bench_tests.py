@@ -44,7 +44,7 @@ def row(what, ours, theirs, unit, claim):
 
 def main():
     agent = os.path.join(os.path.abspath(sys.argv[1]), "vx_agent")
-    runs = int(sys.argv[2]) if len(sys.argv) > 2 else 11
+    runs = int(sys.argv[2]) if len(sys.argv) > 2 else 21
     holds = True
     with tempfile.TemporaryDirectory() as folder:
         os.chdir(folder)
