@@ -2,9 +2,9 @@
 // prefix, and the memory of a key. The yardstick is the standard library's hash table behind its shared lock,
 // std::unordered_map<std::string, std::variant<...>> and std::shared_mutex, with values of the same kinds, read and
 // copied the same way; for the list it is the domain itself at 10^3 keys, for memory the limit that we keep. Processor
-// time of the thread, the two taking turns, middle of several runs. Keys come in any order, so that the greater tables
-// are out of the processor's caches, but for the lists that are asked for again: these show what the number of keys
-// costs alone.
+// time of the thread, the two taking turns, the turn in the middle of all. Keys come in any order, so that the greater
+// tables are out of the processor's caches, but for the lists that are asked for again: these show what the number of
+// keys costs alone.
 //     bench_dom [MOST]   no more keys than so many
 
 #include "figures.h"
@@ -30,6 +30,7 @@
 namespace {
 constexpr std::size_t smallest = 1000; // keys
 constexpr std::size_t keysOfGroup = 10;
+constexpr std::size_t keysOfTurn = 50000; // long enough to be measured, and short enough for a machine to be the same
 constexpr double maxBytesPerKey = 160;
 
 double ProcessorNanoseconds()
@@ -107,16 +108,17 @@ std::unique_ptr<Table> Fill(const std::vector<std::string>& keys, Figures& figur
     return table;
 }
 
+// Gets and sets some keys that follow each other in `order`.
 template <class Table>
-void Use(Table& table, const std::vector<const std::string*>& order, Figures& figures)
+void Use(Table& table, const std::string* const* order, Figures& figures)
 {
     std::string text;
-    figures.get.push_back(NanosecondsEach(order.size(), [&](std::size_t i) {
+    figures.get.push_back(NanosecondsEach(keysOfTurn, [&](std::size_t i) {
         table.Get(*order[i], text);
         benchmark::DoNotOptimize(text.data());
     }));
     const std::string other = "other";
-    figures.set.push_back(NanosecondsEach(order.size(), [&](std::size_t i) { table.Set(*order[i], other); }));
+    figures.set.push_back(NanosecondsEach(keysOfTurn, [&](std::size_t i) { table.Set(*order[i], other); }));
 }
 
 std::string At(std::size_t count, const char* what)
@@ -137,20 +139,22 @@ bool Measure(std::size_t count, double& first)
     }
     // Any order, the same for both. Few keys are gone through several times, or a run would be too short.
     std::vector<const std::string*> order;
-    for (std::size_t i = 0; i < std::max<std::size_t>(count, 50000); ++i)
+    for (std::size_t i = 0; i < std::max(count, keysOfTurn); ++i)
         order.push_back(&keys[i % count]);
     std::mt19937 random(1);
     std::shuffle(order.begin(), order.end(), random);
     std::shuffle(prefixes.begin(), prefixes.end(), random);
 
-    const int runs = count > 100000 ? 3 : 7;
+    const int runs = count > 100000 ? 3 : count > keysOfTurn ? 7 : 15;
     Figures ours, theirs;
     std::vector<double> list, listAgain;
     for (int run = 0; run < runs; ++run) {
         const auto domain = Fill<Domain>(keys, ours);
         const auto yardstick = Fill<Yardstick>(keys, theirs);
-        Use(*domain, order, ours);
-        Use(*yardstick, order, theirs);
+        for (std::size_t i = 0; i + keysOfTurn <= order.size(); i += keysOfTurn) {
+            Use(*domain, &order[i], ours);
+            Use(*yardstick, &order[i], theirs);
+        }
         for (const auto& [times, number] :
              {std::pair(&list, prefixes.size()), std::pair(&listAgain, smallest / keysOfGroup)})
             times->push_back(NanosecondsEach(
@@ -158,8 +162,7 @@ bool Measure(std::size_t count, double& first)
     }
     const auto row = [count](const char* what, const std::vector<double>& own, const std::vector<double>& other,
                              double claim) {
-        return Bench::Row(At(count, what).c_str(), Bench::Median(own), "standard table", Bench::Median(other), "ns",
-                          claim);
+        return Bench::Row(At(count, what).c_str(), own, "standard table", other, "ns", claim);
     };
     bool fits = row("read a key", ours.get, theirs.get, 1.0);
     // A write puts the value into other memory, so that readers may go on with the one before, and now and then looks

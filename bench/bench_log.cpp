@@ -1,6 +1,6 @@
 // What a line in the log costs: through the framework, from Lua, a trace line, and where two processes write one file,
 // against spdlog, which writes the same line to a file and flushes it. In processor time; ours and its take turns in
-// each round, and the middle of the rounds counts. Ours also looks before each line where the log's name leads, and
+// each round, and the round in the middle counts. Ours also looks before each line where the log's name leads, and
 // behind it whether another's piece of a line was in the way; spdlog keeps the file that it has opened. The line
 // through the framework has one argument, as most lines of the launcher have.
 //
@@ -88,7 +88,7 @@ bool Compare(const char* what, int rounds, Ours ours, Theirs theirs, double clai
         oursNs.push_back(ours());
         theirsNs.push_back(theirs());
     }
-    return Bench::Row(what, Bench::Median(oursNs), "spdlog", Bench::Median(theirsNs), "ns", claim);
+    return Bench::Row(what, oursNs, "spdlog", theirsNs, "ns", claim);
 }
 
 // Calls a function of Lua's with a number of rounds.

@@ -3,14 +3,15 @@
 
 10,000 tests that do nothing, in one script, with each kind of report, against LuaUnit alone in the stock interpreter with the
 same script and report. In processor time of whole processes, from which the time of one test in a script of its own is
-taken off, because a start of the agent does more than one of the interpreter; the programs take turns and the middle of the
-runs counts. The last row is the most memory that a process had at once while tests ran, likewise above that of one test.
+taken off, because a start of the agent does more than one of the interpreter; the programs take turns and the turn in the
+middle counts. The last row is the most memory that a process had at once while tests ran, likewise above that of one test.
 Claims: as the lines say.
 """
 import os
-import statistics
 import sys
 import tempfile
+
+import figures
 
 TESTS = 10000
 # Both call it when all tests have run: the system's own count of a process's memory begins with that of who started it.
@@ -34,14 +35,6 @@ def run(command, folder):
         return used.ru_utime + used.ru_stime, int(peak.read()) / 1024
 
 
-def row(what, ours, theirs, unit, claim):
-    """One line in the form of bench/figures.h; true when the claim holds."""
-    ratio = ours / theirs
-    print(f"{what}: {ours:.4g} {unit}, LuaUnit alone {theirs:.4g} {unit}, ratio {ratio:.3f} (claim: at most {claim:.2f})"
-          f"{'' if ratio <= claim else ' EXCEEDED'}")
-    return ratio <= claim
-
-
 def main():
     agent = os.path.join(os.path.abspath(sys.argv[1]), "vx_agent")
     runs = int(sys.argv[2]) if len(sys.argv) > 2 else 21
@@ -58,10 +51,11 @@ def main():
                 [agent, "--workdir", folder, "--unittest", f"{name}_test.lua", "--", *arguments],
                 ["/usr/bin/lua5.2", f"{name}_test.lua", *arguments])]
             measured = [[run(command, folder) for command in commands] for _ in range(runs)]
-            middle = [[statistics.median(turn[place][figure] for turn in measured) for place in range(4)] for figure in (0, 1)]
-            (start, their_start, ours, theirs), memory = middle
-            holds &= row(f"10000 tests with a report as {report}", (ours - start) * 1e3, (theirs - their_start) * 1e3, "ms", claim)
-        holds &= row("memory of 10000 tests with a report as tap", memory[2] - memory[0], memory[3] - memory[1], "MiB", 1)
+            # What many take above one: ours, LuaUnit's.
+            took, memory = (figures.middle_turn([(turn[2][figure] - turn[0][figure], turn[3][figure] - turn[1][figure]) for turn in measured])
+                            for figure in (0, 1))
+            holds &= figures.row(f"10000 tests with a report as {report}", took[0] * 1e3, "LuaUnit alone", took[1] * 1e3, "ms", claim)
+        holds &= figures.row("memory of 10000 tests with a report as tap", memory[0], "LuaUnit alone", memory[1], "MiB", 1)
     return 0 if holds else 1
 
 

@@ -17,7 +17,6 @@ import os
 import re
 import select
 import signal
-import statistics
 import subprocess
 import sys
 import tempfile
@@ -108,9 +107,13 @@ def measure_second_state(stage):
         starts = [subprocess.run(command, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True).stdout.split()
                   for _ in range(STATES + 1)]
     # The first start has compiled what the others load.
-    main_first, main_all, first, every = (statistics.median(int(start[column]) / 1e3 for start in starts[1:]) for column in range(4))
-    kept = figures.row("the first module that a worker requires", first, "the main state's before it", main_first, "us", CLAIM_FIRST)
-    return kept & figures.row(f"{MODULES} modules that a worker requires", every, "the main state's before it", main_all, "us", CLAIM_ALL)
+    turns = [[int(word) / 1e3 for word in start] for start in starts[1:]]
+    kept = True
+    for what, place, claim in (("the first module that a worker requires", 0, CLAIM_FIRST),
+                               (f"{MODULES} modules that a worker requires", 1, CLAIM_ALL)):
+        worker, main_state = figures.middle_turn([(turn[place + 2], turn[place]) for turn in turns])
+        kept &= figures.row(what, worker, "the main state's before it", main_state, "us", claim)
+    return kept
 
 
 def stop(stage, workers):
@@ -145,7 +148,7 @@ def measure_stops(stage):
         sys.exit("bench_workers: run it through tools/sandbox")
     ctypes.CDLL(None).mount(b"tmpfs", b"/run", b"tmpfs", 0, None)
     pairs = [(stop(stage, STOPPED_WORKERS), stop(stage, 0)) for _ in range(STOPS)]
-    ours, theirs = (statistics.median(times) for times in zip(*pairs))
+    ours, theirs = figures.middle_turn(pairs)
     figures.row(f"a stop with {STOPPED_WORKERS} workers that wait", ours, "a stop without workers", theirs, "ms")
 
 

@@ -1,6 +1,6 @@
 // Measures how the launcher finds its extensions: 10,000 archives in one folder in memory, a version file beside each,
 // by a pattern, against plain C that lists the folder and reads the version file of each archive and nothing else.
-// Processor time of the thread, taking turns, middle of many runs.
+// Processor time of the thread, taking turns, the turn in the middle of many.
 
 #include "figures.h"
 #include "support/agent_app.h"
@@ -94,8 +94,8 @@ int main()
         ours.push_back(MillisOf([&] { return Expand(app, folder.Path()); }));
         plain.push_back(MillisOf([&] { return ListAndRead(folder.Path()); }));
     }
-    return Bench::Row("10000 archives with version files found by a pattern", Bench::Median(ours),
-                      "plain C that lists and reads them", Bench::Median(plain), "ms", 2.5)
+    return Bench::Row("10000 archives with version files found by a pattern", ours, "plain C that lists and reads them",
+                      plain, "ms", 2.5)
                ? 0
                : 1;
 }

@@ -17,6 +17,12 @@ def row(what, ours, yardstick, theirs, unit, claim=None):
     return kept
 
 
+def middle_turn(turns):
+    """The (ours, theirs) of which the ratio is in the middle of all: what slows a machine for a while slows both in the same turn, and
+    does not count for one of them alone."""
+    return sorted(turns, key=lambda turn: turn[0] / turn[1])[len(turns) // 2]
+
+
 def read(line):
     """What a line tells, as a table with the names of ROW: `claim` is None where there is none, `kept` whether it holds. None for a
     line that is no row."""

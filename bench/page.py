@@ -14,9 +14,10 @@ SHOWN = {"date": "day", "processors": "processors", "system": "system", "kernel"
 
 HEAD = """# What is fast, against what, and what limits it
 
-Each figure is a ratio to a yardstick that the same program measures in the same run, the two taking turns. `tools/bench NAME` measures one
-of them again; `tools/bench --all` measures all, and writes this page of them and of the words in `bench/rows.toml` and `bench/waits.md`:
-nobody edits it. A claim is an upper bound of the ratio, and a bench that finds more fails.
+Each figure is a ratio to a yardstick that the same program measures in the same run. Mostly the two take turns, and the turn counts of
+which the ratio is in the middle, so that a machine that is slow for a while is so for both. `tools/bench NAME` measures one of them again;
+`tools/bench --all` measures all, and writes this page of them and of the words in `bench/rows.toml` and `bench/waits.md`: nobody edits it.
+A claim is an upper bound of the ratio, and a bench that finds more fails.
 """
 
 

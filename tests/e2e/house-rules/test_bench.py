@@ -43,6 +43,12 @@ def test_a_claim_of_none_at_all_needs_a_yardstick_that_has_some(ours, theirs, ke
     assert figures.read(capsys.readouterr().out)["kept"] == kept
 
 
+def test_of_the_turns_that_one_counts_whose_ratio_is_in_the_middle():
+    # The machine was three times as slow during the second half: the middles of ours and of theirs alone make 0.9.
+    turns = [(5, 10), (6, 10), (9, 10), (15, 30), (12, 30)]
+    assert figures.middle_turn(turns) in [(5, 10), (15, 30)]
+
+
 @pytest.mark.parametrize("line", ["", "warning: built without optimisation", "2000 modules: 5 ms", "a: 1 ms, b 2 s, ratio 0.500",
                                   "a: 1 ms, b 2 ms, ratio 0.500 (claim: at most 1.00) and more"])
 def test_other_lines_are_no_figures(line):
