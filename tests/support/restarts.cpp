@@ -7,9 +7,10 @@
 // Goes into the background as the agent does (pid file /var/run/restarts.pid) and logs to FOLDER/restarts.log. Each
 // child ends at once: most by SIGKILL, every 50th with status 3, which runs the driver's script where there is one;
 // child COUNT exits with 0. A line in REPORT for the time after the first 100 restarts, when every pool has been filled
-// once, and for the end: restarts, open descriptors, resident KiB, and of these the KiB of memory that belongs to no
-// file. What is private of that would depend on whether a child is there to share it. In TIMES a line a restart:
-// nanoseconds from the child's end to the next fork, and of processor time of the supervisor between two forks.
+// once, and for the end: restarts, open descriptors, mapped KiB, and resident KiB of memory that belongs to no file.
+// How much of the files is resident is the system's business, and what is private depends on whether a child is there
+// to share it. In TIMES a line a restart: nanoseconds from the child's end to the next fork, and of processor time of
+// the supervisor between two forks.
 
 #include "vex/apps/vex/daemon.h"
 #include "vex/apps/vex/os/process.h"
@@ -136,6 +137,14 @@ private:
         return count;
     }
 
+    static long MappedKib()
+    {
+        std::ifstream file("/proc/self/statm");
+        long pages = 0;
+        file >> pages;
+        return pages * (::sysconf(_SC_PAGESIZE) / 1024);
+    }
+
     // The sum of the fields that begin with `name`, in KiB.
     static long SumOfMemory(const std::string& name)
     {
@@ -158,7 +167,7 @@ private:
         FILE* const report = std::fopen(m_report, "ae");
         if (!report)
             return;
-        std::fprintf(report, "%d %ld %ld %ld\n", m_child, descriptors, SumOfMemory("Rss"), SumOfMemory("Anonymous"));
+        std::fprintf(report, "%d %ld %ld %ld\n", m_child, descriptors, MappedKib(), SumOfMemory("Anonymous"));
         std::fclose(report);
     }
 
