@@ -28,6 +28,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <set>
+#include <string>
 #include <utility>
 
 #include <fcntl.h>
@@ -132,7 +134,7 @@ private:
     {
         m_session.out.Flush();
         const bool isSaved = !m_state || m_state->SaveWhenDue();
-        const long timeoutMs = isSaved && m_trouble.empty() ? -1 : betweenTriesMs;
+        const long timeoutMs = isSaved && m_troubles.empty() ? -1 : betweenTriesMs;
         // Nobody has to read an output that nothing is written to.
         if (watch.Wait(m_socket ? -1 : m_session.out.Descriptor(), timeoutMs) == os::FolderWatch::Woken::ReaderGone)
             throw ReaderGone();
@@ -144,12 +146,11 @@ private:
     {
         try {
             ShowAll();
-            if (!std::exchange(m_trouble, std::string()).empty())
+            if (!std::exchange(m_troubles, {}).empty())
                 m_session.Note("the events in " + m_session.place.workFolder + " can be read again");
         } catch (const Failure& failure) {
-            if (m_trouble.empty())
+            if (m_troubles.insert(failure.what()).second) // one may come right behind another
                 m_session.Note(failure.what());
-            m_trouble = failure.what();
         }
     }
 
@@ -591,7 +592,7 @@ private:
     EventPosition m_position; // of the last event that was shown
     bool m_isAsideTold = false; // that what was moved aside cannot be seen
     std::string m_toldReplaced; // the database of whose begin a note told while those before it are not through
-    std::string m_trouble; // why the database could not be read; empty: it can be
+    std::set<std::string> m_troubles; // why the database could not be read since it could be, each once
 };
 
 } // namespace
