@@ -6,6 +6,7 @@
 
 #include "vex/core/dom.h"
 #include "vex/core/log.h"
+#include "vex/core/luainterpreter.h"
 #include "vex/core/unzip.h"
 #include "vex/core/wrap_dom.h"
 #include "vex_core/modules/archive_index.h"
@@ -42,12 +43,10 @@ struct Bed
 
 void RequireAll(const Bed& bed)
 {
-    lua_State* const state = luaL_newstate();
-    luaL_openlibs(state);
-    Bench::Check(state, luaL_dostring(state, "package.path = '' package.cpath = ''"));
-    bed.dom->RegisterLoader(state);
-    Bench::RequireModules(state, moduleCount);
-    lua_close(state);
+    {
+        const CLuaInterpreter interpreter(false, L"counted", true);
+        Bench::RequireFromArchives(*bed.dom, interpreter.L(), moduleCount);
+    }
     ArchiveIndex::Process().ForgetUnused(); // the next one opens and indexes again
     CacheRegistry::Process().ForgetUnused();
 }

@@ -3,6 +3,8 @@
 
 #include "figures.h"
 
+#include "vex/core/dom.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -75,6 +77,14 @@ inline void RequireModules(lua_State* state, int count)
         Check(state, lua_pcall(state, 1, 0, 0));
     }
     lua_pop(state, 1);
+}
+
+/// In a state of the agent's, and with its loader alone.
+inline void RequireFromArchives(VexCore::CDom& dom, lua_State* state, int count)
+{
+    Check(state, luaL_dostring(state, "package.path = '' package.cpath = ''"));
+    dom.RegisterLoader(state);
+    RequireModules(state, count);
 }
 
 } // namespace Bench

@@ -288,6 +288,7 @@ CLuaInterpreter::~CLuaInterpreter()
             wxLogWarning("%s: %s", m_impl->name, GetErrorInfo());
         }
     }
+    m_impl->memory.BeginEnd();
     lua_close(m_impl->L);
 }
 

@@ -74,6 +74,8 @@ void* StateMemory::Take(std::size_t size)
     if (Free* const block = m_free[index]) {
         ASAN_UNPOISON_MEMORY_REGION(block, std::max(size, sizeof(Free)));
         m_free[index] = block->next;
+        if (m_isEnding)
+            return block;
         Slab& slab = SlabOf(block);
         if (slab.used++ == 0 && &slab != m_slabs)
             --m_unusedCount;
@@ -97,6 +99,8 @@ void StateMemory::Give(void* block, std::size_t size)
         return;
     }
     AddFree(block, IndexOf(size));
+    if (m_isEnding)
+        return;
     Slab& slab = SlabOf(block);
     if (--slab.used > 0 || &slab == m_slabs)
         return;

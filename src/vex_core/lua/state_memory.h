@@ -34,6 +34,11 @@ public:
     /// lost until the end.
     static void* Allocate(void* memory, void* block, std::size_t oldSize, std::size_t newSize);
 
+    /// The state is about to be closed, which gives back each of its blocks. They still go from hand to hand, but slabs
+    /// go back to the heap with the memory only, all at once: to look for unused ones on the way takes longer than the
+    /// closing itself.
+    void BeginEnd() { m_isEnding = true; }
+
 private:
     static constexpr std::size_t stepBytes = 16; // of sizes and addresses
     struct Free
@@ -67,6 +72,7 @@ private:
     std::size_t m_restBytes = 0;
     std::size_t m_slabCount = 0;
     std::size_t m_unusedCount = 0; // slabs of which nothing is in use, without the first
+    bool m_isEnding = false; // what is in use is not counted any more
     Stranded* m_stranded = nullptr;
 };
 

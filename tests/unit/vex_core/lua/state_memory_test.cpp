@@ -282,6 +282,34 @@ TEST_F(BlocksOfAState, WhatManyBlocksOfOneSizeHadGoesBack)
     EXPECT_LE(g_slabs.size(), 64U);
 }
 
+// The closing of a state gives back block after block, and its finalisers make new ones.
+TEST_F(BlocksOfAState, AtTheEndBlocksGoFromHandToHandAndSlabsBackAllAtOnce)
+{
+    constexpr std::size_t size = 48;
+    {
+        StateMemory ending(countingHeap);
+        std::vector<void*> blocks(20000);
+        for (void*& block : blocks)
+            block = Make(ending, size);
+        void* const large = Make(ending, small + 1);
+        const std::size_t most = g_slabs.size();
+        EXPECT_GT(most, blocks.size() * size / 8192);
+        ending.BeginEnd();
+        const int calls = g_calls;
+        for (void* const block : blocks)
+            Free(ending, block, size);
+        Free(ending, large, small + 1);
+        EXPECT_EQ(g_slabs.size(), most);
+        for (auto block = blocks.rbegin(); block != blocks.rend(); ++block)
+            EXPECT_EQ(Make(ending, size), *block);
+        EXPECT_EQ(g_calls, calls);
+        Block one = {Make(ending, size), size, 7}; // in a slab that comes at the end
+        one.Fill();
+        EXPECT_TRUE(one.IsWhole(size));
+    }
+    EXPECT_EQ(g_slabs.size(), 0U);
+}
+
 TEST_F(BlocksOfAState, BlocksOfAnySizeInAnyOrderKeepTheirContent)
 {
     std::mt19937 chance(20);
