@@ -36,10 +36,20 @@ APPLICATION = """
 local ballast = {}
 for i = 1, 190000 do ballast[i] = { i } end
 local function field(text, name) return tonumber(text:match(name .. ":%%s*(%%d+)")) end
-local function tell(done)
+local function status()
   local file = assert(io.open("/proc/self/status"))
   local text = file:read("*a")
   file:close()
+  return text
+end
+local before = field(status(), "Threads")
+local function tell(done)
+  local text = status()
+  for _ = 1, 500 do  -- a worker that has ended may still be on its way out of the process
+    if field(text, "Threads") <= before then break end
+    dom0:Wait("never", 0.01)
+    text = status()
+  end
   local maps = 0
   for _ in io.lines("/proc/self/maps") do maps = maps + 1 end
   print(("%%8d %%9d %%11d %%6d %%8d"):format(done, field(text, "RssAnon"), field(text, "VmSize"), maps, field(text, "Threads")))
