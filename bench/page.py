@@ -116,6 +116,9 @@ def machine_lines(told):
     if told["seconds"]:
         minutes = max(1, round(sum(told["seconds"].values()) / 60))
         yield f"A run took {minutes} minute{'s' if minutes > 1 else ''}. "
+    again = told.get("again", [])
+    if again:
+        yield f"{' and '.join(filter(None, (', '.join(again[:-1]), again[-1])))} {'were' if len(again) > 1 else 'was'} measured again afterwards. "
     busy = told["load"]
     yield "Nothing else ran." if busy <= 0.5 else f"The machine had other work (a load of {busy:.1f} when it began), so the times say little."
 

@@ -209,6 +209,32 @@ def test_a_page_can_be_made_of_figures_without_failures_and_times(tree):
     assert "## Modules" in tree.page() and "A run took" not in " ".join(tree.page().split())
 
 
+def test_a_bench_that_is_measured_again_takes_the_place_of_its_own_figures(tree):
+    tree.bench("bench_a", OPEN.format(2, "0.400", " EXCEEDED") + "exit 3")
+    tree.bench("bench_b", WRITE + "exit 2")
+    assert tree.run("--all")[0] == 1
+    tree.bench("bench_a", OPEN.format(1, "0.200", ""))
+    status, printed, errors = tree.run("--again", "bench_a")
+    assert (status, errors) == (1, "bench: bench_b ended with status 2 after: a write: 12000 KiB, the least program 4000 KiB, ratio 3.000\n")
+    assert printed.startswith(2 * "== bench_a\nopen 2,000 entries: 1 ms, libzip 5 ms, ratio 0.200 (claim: at most 0.30)\n")
+    page = tree.page()
+    assert "| 0.200 | 0.200 to 0.200 | 0.30 | kept |" in page and "| 3.000 | 3.000 to 3.000 |" in page
+    assert "bench_a was measured again afterwards." in " ".join(page.split()) and "- bench_b ended with status 2" in page
+    tree.bench("bench_b", WRITE)
+    assert tree.run("--again", "bench_b")[0] == 0
+    assert "bench_a and bench_b were measured again afterwards." in " ".join(tree.page().split()) and "Not all was measured" not in tree.page()
+
+
+def test_figures_of_other_libraries_are_no_place_for_those_that_are_measured_again(tree):
+    assert tree.run("--again", "bench_a")[::2] == (2, f"bench: {tree.root}/build/bench/measured.json is not there; tools/bench --all makes it\n")
+    assert tree.run("--all")[0] == 0
+    page = tree.page()
+    tree.script("build/release/bench/library_versions", "echo compiler gcc 12.2.0\necho lua 5.2.5")
+    assert tree.run("--again", "bench_a")[::2] == (2, "bench: the last figures come from another machine or other libraries: tools/bench --all "
+                                                   "measures all; docs/PERFORMANCE.md is as it was\n")
+    assert tree.page() == page
+
+
 def test_an_interrupt_ends_a_bench_with_all_that_it_started(tree):
     tree.bench("bench_a", "echo words; sleep 600")
     with subprocess.Popen([sys.executable, str(tree.root / "tools/bench"), "bench_a"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -283,7 +309,7 @@ def test_figures_are_given_as_json(tree):
     assert told["machine"]["lua"] == "5.2.4"
 
 
-@pytest.mark.parametrize("arguments, why", [(("--all", "bench_a"), "name none"), (("--runs", "0"), "a number above 0")])
+@pytest.mark.parametrize("arguments, why", [(("--all", "bench_a"), "name none"), (("--again",), "needs the names"), (("--runs", "0"), "a number above 0")])
 def test_what_cannot_be_measured_is_refused(tree, arguments, why):
     status, printed, errors = tree.run(*arguments)
     assert (status, printed) == (2, "") and why in errors and not (tree.root / "build/log").exists()
