@@ -9,6 +9,7 @@
 #include "vex_core/zip/zip_refused.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <new>
 #include <optional>
@@ -219,13 +220,15 @@ private:
 };
 
 // Who loads modules reads one small entry after the other, and to ask the system for each takes its time. So what was
-// read along is kept for the next entry of the process, whoever reads it, as the decompressor is.
+// read along is kept for the next entry of the process, whoever reads it, as the decompressor is: of a few archives,
+// because modules of several require each other by turns.
 class KeptAhead
 {
 public:
-    // For an archive that was this file when it was opened, and what lies at `offset`. What was read before is read
-    // anew: the file may have been written to since.
-    KeptAhead(const os::FileIdentity& file, std::uint64_t offset) : m_item(s_kept.exchange(nullptr))
+    // For an archive that was this file when it was opened, as the archive of that number, and what lies at `offset`.
+    // What was read before is read anew: the file may have been written to since.
+    KeptAhead(const os::FileIdentity& file, unsigned number, std::uint64_t offset)
+        : m_place(s_kept.at(number % s_kept.size())), m_item(m_place.exchange(nullptr))
     {
         if (!m_item)
             m_item = new Item;
@@ -233,7 +236,7 @@ public:
             m_item->ahead.Forget();
         m_item->file = file;
     }
-    ~KeptAhead() { delete s_kept.exchange(m_item); }
+    ~KeptAhead() { delete m_place.exchange(m_item); }
     KeptAhead(const KeptAhead&) = delete;
     KeptAhead& operator=(const KeptAhead&) = delete;
 
@@ -246,7 +249,9 @@ private:
         ReadAhead ahead{keptAheadBytes};
     };
 
-    static inline std::atomic<Item*> s_kept{nullptr};
+    // Archives that are opened one after the other have places of their own.
+    static inline std::array<std::atomic<Item*>, 8> s_kept{};
+    std::atomic<Item*>& m_place;
     Item* m_item;
 };
 
@@ -370,7 +375,7 @@ bool ZipArchive::Read(const ZipEntry& entry, std::string& data, std::string& err
             ReadAhead ahead;
             return ReadInOnePieceTo(data, m_file.Get(), entry, ahead, error);
         }
-        KeptAhead kept(m_identity, entry.dataOffset);
+        KeptAhead kept(m_identity, m_number, entry.dataOffset);
         const bool isAnew = kept.Get().IsEmpty();
         bool isWhole = ReadInOnePieceTo(data, m_file.Get(), entry, kept.Get(), error);
         if (!isWhole && !isAnew) {

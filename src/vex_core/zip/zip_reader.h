@@ -6,6 +6,7 @@
 #include "vex_core/os/descriptor.h"
 #include "vex_core/os/file_identity.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -99,6 +100,8 @@ private:
     std::string m_path;
     os::Descriptor m_file;
     os::FileIdentity m_identity;
+    static inline std::atomic<unsigned> s_opened{0};
+    const unsigned m_number = s_opened++; // of all that were opened
     std::vector<ZipEntry> m_entries;
     std::vector<std::uint32_t> m_byName; // indexes of m_entries, in the order of ComparePaths
     std::uint64_t m_directoryOffset = 0; // in the file
