@@ -3,10 +3,10 @@
 
 The supervisor on the real system, but without the delays between restarts (tests/support/restarts.cpp), restarts children that kill
 themselves; by turns a loop that waits for its child and forks again does nothing else (yardstick_restart). Claim: from one fork to the
-next, the line in the log included, one restart of 100 takes more than 0.8 ms of processor time, and as many more as the system makes
-slow by itself: a host that has other work makes a fork that takes 0.2 ms take 10 at times. That many are counted among forks of the loop,
-three in a row for a restart, which take as long. Beside it, without a claim, processor time, and the same from the child's end to the next
-fork by the clock.
+next, the line in the log included, at most one restart of 100 takes more than 0.8 ms of processor time, and as many more as the system
+makes slow by itself: a host that has other work makes a fork that takes 0.2 ms take 10 at times. That many are counted among forks of the
+loop, three in a row for a restart, which take as long. Beside it, without a claim, processor time, and the same from the child's end to
+the next fork by the clock.
 """
 import ctypes
 import os
