@@ -175,7 +175,7 @@ int main(int argc, char** argv)
             && holds;
     holds = onDisk.Compare("1000 files of 4 KiB on the disk", PackMany(disk, 1000), rounds, Time::UntilStored, 1.00)
             && holds;
-    holds = onDisk.Compare("10 files of 4 KiB on the disk", PackMany(disk, 10), 3 * rounds, Time::UntilStored, 1.45)
+    holds = onDisk.Compare("10 files of 4 KiB on the disk", PackMany(disk, 10), 3 * rounds, Time::UntilStored, 1.35)
             && holds;
     fs::remove_all(disk);
     fs::remove_all(memory);
